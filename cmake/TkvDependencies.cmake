@@ -1,0 +1,56 @@
+# What the build needs from the system. Nothing is optional by detection: what is missing is an error that names its
+# Debian package.
+
+# tkv_require(target library header package): an imported target for a C library.
+function(tkv_require target library header package)
+  find_library(${target}_LIBRARY ${library})
+  find_path(${target}_INCLUDE ${header})
+  if(NOT ${target}_LIBRARY OR NOT ${target}_INCLUDE)
+    message(FATAL_ERROR "${library} is missing: install the Debian package ${package}")
+  endif()
+  add_library(tkv_ext::${target} UNKNOWN IMPORTED GLOBAL)
+  set_target_properties(tkv_ext::${target} PROPERTIES IMPORTED_LOCATION ${${target}_LIBRARY}
+                        INTERFACE_INCLUDE_DIRECTORIES ${${target}_INCLUDE})
+endfunction()
+
+# The JDK is found from its compiler: machines without the default-java link have nothing else to go by.
+if(DEFINED ENV{JAVA_HOME} AND NOT JAVA_HOME)
+  set(JAVA_HOME $ENV{JAVA_HOME})
+endif()
+if(NOT JAVA_HOME)
+  find_program(TKV_JAVAC javac)
+  if(NOT TKV_JAVAC)
+    message(FATAL_ERROR "javac is missing: install the Debian package openjdk-17-jdk-headless")
+  endif()
+  file(REAL_PATH ${TKV_JAVAC} javac)
+  cmake_path(GET javac PARENT_PATH java_bin)
+  cmake_path(GET java_bin PARENT_PATH JAVA_HOME)
+endif()
+set(ENV{JAVA_HOME} ${JAVA_HOME})
+set(JAVA_AWT_LIBRARY NotNeeded)
+set(JAVA_AWT_INCLUDE_PATH NotNeeded)
+find_package(JNI REQUIRED)
+find_package(Java 17 REQUIRED COMPONENTS Development)
+include(UseJava)
+
+# Only the headers: a JVM loads the library, never the other way round.
+add_library(tkv_jni INTERFACE)
+target_include_directories(tkv_jni SYSTEM INTERFACE ${JAVA_INCLUDE_PATH} ${JAVA_INCLUDE_PATH2})
+
+find_package(Threads REQUIRED)
+if(TKV_PLATFORM STREQUAL "embedded")
+  tkv_require(lmdb lmdb lmdb.h liblmdb-dev)
+  tkv_require(xxhash xxhash xxhash.h libxxhash-dev)
+  tkv_require(inih inih ini.h libinih-dev)
+endif()
+
+if(TKV_TESTS)
+  find_package(GTest CONFIG)
+  if(NOT GTest_FOUND)
+    message(FATAL_ERROR "GoogleTest is missing: install the Debian packages libgtest-dev and libgmock-dev")
+  endif()
+  set(TKV_JUNIT /usr/share/java/junit-platform-console-standalone.jar)
+  if(NOT EXISTS ${TKV_JUNIT})
+    message(FATAL_ERROR "${TKV_JUNIT} is missing: install the Debian package junit5")
+  endif()
+endif()

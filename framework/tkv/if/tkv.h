@@ -1,0 +1,154 @@
+/* The bridge between the managed class velmar.qen.mgmt.nativesystem.TKVNative and the cluster registry.
+ *
+ * Conventions
+ *   Session.  One a process. initializeTKVLevel opens it before anything else, terminateTKV closes it; before, after,
+ *             and when the opening failed, every method reports that there is no registry context.
+ *   Names.    Full names from the registry's root, levels joined by "."; only the creating methods take names
+ *             relative to the working key, the key that openKey opened last.
+ *   Result.   The last argument of every method. On success its status becomes true. On failure it becomes false
+ *             and the object receives either the registry's text or a numeric code. Nothing is thrown.
+ *   Security. `security_type` 1 to 6 with an optional parent key, user and group: who owns a key that is created
+ *             and who may do what with it.
+ *   Threads.  Calls must not overlap. The bridge has no threads and no locks.
+ */
+#ifndef TKV_FRAMEWORK_TKV_H
+#define TKV_FRAMEWORK_TKV_H
+
+#include <assert.h>
+#include <jni.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "lpm.h"
+#include "lx.h"
+#include "prtkv.h"
+#include "sec_attr.h"
+
+/* The session: the one record behind every method. Zero-filled when it is taken, so that every handle reads as null
+ * until it is set. */
+typedef struct tkv_session {
+  prtkv_ctx registry_ctx;              /* written last in a successful initialisation */
+  prtkv_key working_key;               /* opened by openKey; the parent of the keys that are created */
+  int32_t debug_on;                    /* whether tracing was on at initialisation; recorded only */
+  lpm_ctx mem_ctx;                     /* owns this record and every block of the bridge */
+  void *scls_ctx;                      /* meta context of the identity services */
+  char user_name[TKV_NAME_SIZE];       /* user of this process, owner of the keys it creates */
+  char group_name[TKV_NAME_SIZE];      /* primary group of this process; empty when it has none */
+  char lx_handle_area[LX_HANDLE_SIZE]; /* storage of the handle below */
+  void *lx_handle;                     /* null when there is no language environment */
+  char lang_env_area[LX_LANG_ENV_SIZE];
+  void *lang_env;                      /* points into the area above */
+  int16_t charset_id;                  /* character set of the language environment */
+} tkv_session;
+
+static_assert(offsetof(tkv_session, registry_ctx) == 0, "registry_ctx");
+static_assert(offsetof(tkv_session, working_key) == 8, "working_key");
+static_assert(offsetof(tkv_session, debug_on) == 16, "debug_on");
+static_assert(offsetof(tkv_session, mem_ctx) == 24, "mem_ctx");
+static_assert(offsetof(tkv_session, scls_ctx) == 32, "scls_ctx");
+static_assert(offsetof(tkv_session, user_name) == 40, "user_name");
+static_assert(offsetof(tkv_session, group_name) == 104, "group_name");
+static_assert(offsetof(tkv_session, lx_handle_area) == 168, "lx_handle_area");
+static_assert(offsetof(tkv_session, lx_handle) == 296, "lx_handle");
+static_assert(offsetof(tkv_session, lang_env_area) == 304, "lang_env_area");
+static_assert(offsetof(tkv_session, lang_env) == 872, "lang_env");
+static_assert(offsetof(tkv_session, charset_id) == 880, "charset_id");
+static_assert(sizeof(tkv_session) == 888, "the session record");
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define TKV_NATIVE(type, method) JNIEXPORT type JNICALL Java_velmar_qen_mgmt_nativesystem_TKVNative_##method
+
+/* Session. */
+
+TKV_NATIVE(void, initializeTKVLevel)(JNIEnv *env, jobject self, jint level, jobject result);
+TKV_NATIVE(void, terminateTKV)(JNIEnv *env, jobject self, jobject result);
+
+/* Keys. */
+
+/* Makes a key the working key; the former one stays open and is no longer reachable. */
+TKV_NATIVE(void, openKey)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* Closes the working key. The session keeps the closed handle until the next openKey. */
+TKV_NATIVE(void, closeKey)(JNIEnv *env, jobject self, jobject result);
+
+TKV_NATIVE(jboolean, keyExists)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* Deleting a key that does not exist succeeds. Only JNI_TRUE deletes subkeys too. */
+TKV_NATIVE(void, deleteKey)(JNIEnv *env, jobject self, jstring key_name, jboolean recurse, jobject result);
+
+/* Gives the names of the children, null when there are none or no such key; the status is true in both cases. */
+TKV_NATIVE(jobjectArray, listSubKeys)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* `flags`: 0 refuses an existing target, 1 replaces it. */
+TKV_NATIVE(void, moveKey)(JNIEnv *env, jobject self, jstring source_key, jstring target_parent_key,
+                          jstring target_key, jint flags, jobject result);
+
+/* Creates a key without a value below the working key. */
+TKV_NATIVE(void, createKey)(JNIEnv *env, jobject self, jstring key_name, jint security_type,
+                            jstring parent_key_name, jstring user_name, jstring group_name, jobject result);
+
+/* Values. */
+
+/* Gives the value's bytes as a text, cut at the first NUL; null for a value of at most one byte and for no such key. */
+TKV_NATIVE(jstring, getKeyValue)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* Gives the texts of a list and, after the last one, a null. Null for no value and for no such key, and, with status
+ * true, when an element has characters that the session's character set does not. */
+TKV_NATIVE(jobjectArray, getKeyValues)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* As setTypeKeyValue with data type 3. */
+TKV_NATIVE(void, setKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint security_type,
+                              jstring parent_key_name, jstring user_name, jstring group_name, jobject result);
+
+/* Writes the value of a key, which is created below the working key when it cannot be opened. `data_type` 1 stores
+ * the first 4 bytes of the text, 2 the first 8, 3 the text and its NUL, others nothing. */
+TKV_NATIVE(void, setTypeKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint data_type,
+                                  jint security_type, jstring parent_key_name, jstring user_name,
+                                  jstring group_name, jobject result);
+
+/* Writes a list as one value; separators included it has room for 8192 bytes. */
+TKV_NATIVE(void, setKeyValues)(JNIEnv *env, jobject self, jstring key_name, jobjectArray values, jint security_type,
+                               jstring parent_key_name, jstring user_name, jstring group_name, jobject result);
+
+/* Creates a key below the working key with its value and security; an existing key is reported as
+ * TKV_KEY_ALREADY_EXISTS. */
+TKV_NATIVE(void, createAndSetKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint data_type,
+                                       jint security_type, jstring parent_key_name, jstring user_name,
+                                       jstring group_name, jobject result);
+
+/* Security. Null with status true: the key has no owner of that kind. */
+
+TKV_NATIVE(jstring, getUserName)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+TKV_NATIVE(jstring, getGroupName)(JNIEnv *env, jobject self, jstring key_name, jobject result);
+
+/* Copies value, subtree and security onto an existing key. A status of true does not by itself tell success: after a
+ * failure within the subtree the object holds a code or a text as well. */
+TKV_NATIVE(void, copyRecurse)(JNIEnv *env, jobject self, jstring source_key, jstring destination_key,
+                              jint security_type, jobject result);
+
+/* Cluster. */
+
+/* The answer is the result's boolean. Needs no session. */
+TKV_NATIVE(void, isCluster)(JNIEnv *env, jobject self, jobject result);
+
+/* Gives the storage locations; the result's boolean says whether the registry is shared. Needs no session. */
+TKV_NATIVE(jobjectArray, getTKVLocations)(JNIEnv *env, jobject self, jobject result);
+
+/* 0: the path can hold a registry; 2: it names a distributed one; 1: neither. Needs no session. */
+TKV_NATIVE(jint, checkTKVStorageType)(JNIEnv *env, jobject self, jstring path, jobject result);
+
+TKV_NATIVE(jstring, getTKVBackupLocation)(JNIEnv *env, jobject self, jobject result);
+
+/* 0 without a session, -1 on failure: the status tells them from a level. */
+TKV_NATIVE(jint, getPatchLevel)(JNIEnv *env, jobject self, jobject result);
+
+TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, jobject result);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

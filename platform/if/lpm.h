@@ -1,0 +1,40 @@
+/* lpm: the program manager, whose contexts own memory.
+ *
+ * Conventions
+ *   Contexts. 64-bit handles, never addresses; 0 is the null handle. A null or unknown context owns nothing:
+ *             allocation gives null, freeing does nothing.
+ *   Memory.   Blocks come zero-filled and aligned for any type. A freed block is zero-filled at once (values may be
+ *             secrets), and its page stays readable until its context ends, so that a late read of a freed session
+ *             record sees zeros. Freeing null, a foreign pointer, or a block twice does nothing.
+ *   Threads.  Any thread may call.
+ */
+#ifndef TKV_PLATFORM_LPM_H
+#define TKV_PLATFORM_LPM_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint64_t lpm_ctx;
+
+/* Gives the process's context, the same one each time; it never ends. `parameters` is null. 0 when out of memory. */
+lpm_ctx lpminit(void *parameters);
+
+/* Opens a short-lived context. 0 when out of memory. */
+lpm_ctx lpmprinit(void);
+
+/* Ends a short-lived context and releases its memory. The process's context is left alone. */
+void lpmprterm(lpm_ctx pm);
+
+/* Takes a block of `size` bytes, also of 0. Null when out of memory. */
+void *prou_allocm(lpm_ctx pm, uint32_t size);
+
+void prou_freem(lpm_ctx pm, void *block);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

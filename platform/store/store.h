@@ -1,0 +1,154 @@
+// A store keeps the registry's entries: a tree of nodes, each found by its parent's id and its own level name, each
+// with a security record and at most one value.
+//
+// The store knows nothing of users, rights, handles or full names; the registry client does. It gives transactions:
+// a function reads, or reads and writes, and sees one state of the whole tree while it runs.
+//
+// Identity. A node has an id of its own, never 0 and never used again after the node is gone. A move rewrites one
+// entry; the subtree below keeps hanging on the id.
+//
+// Failures. Codes of the registry's table: 4 no such node, 7 damaged or failing storage, 11 full, 12 out of memory,
+// 15 unreachable. A damaged record is 7 with a text, never a wrong answer. Not found carries no text.
+//
+// Threads. A Store may be used by many threads at once; a View or Update by the function that it was given to, only.
+#ifndef TKV_PLATFORM_STORE_STORE_H
+#define TKV_PLATFORM_STORE_STORE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "function_ref.h"
+#include "sec_attr.h"
+#include "status.h"
+
+namespace tkv::store {
+
+using NodeId = std::uint64_t;
+
+constexpr NodeId kNoNode = 0;  // the parent of the root
+constexpr NodeId kRootNode = 1;
+
+struct Node {
+  NodeId id = kNoNode;
+  sec_attr security{};
+};
+
+// Type 0 without bytes: no value was ever written.
+struct Value {
+  std::int32_t type = 0;
+  std::span<const std::byte> bytes;  // valid until the transaction's next call that changes something, or its end
+};
+
+// One state of the tree, for reading.
+class View {
+ public:
+  // Finds a child. The root is the child "" of kNoNode. 4 when there is none.
+  virtual Status find(NodeId parent, std::string_view name, Node* node) = 0;
+
+  virtual Status value(NodeId id, Value* value) = 0;
+
+  // Calls `visit` for each child in byte order of the names, until it returns a failure, which is passed on.
+  virtual Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) = 0;
+
+  virtual Status has_children(NodeId parent, bool* answer) = 0;
+
+  // A number that has changed whenever a node was removed or hung elsewhere since; what was found under the same
+  // number stands. 0 when the store cannot tell without asking.
+  virtual std::uint64_t structure() = 0;
+
+ protected:
+  View() = default;
+  View(const View&) = default;
+  View& operator=(const View&) = default;
+  ~View() = default;
+};
+
+// One state of the tree, to be replaced by the next. Reads see what this update has written so far.
+class Update : public View {
+ public:
+  virtual Status new_id(NodeId* id) = 0;
+
+  // Hangs a node under a parent; 55 when the name is taken. A node made with new_id and its descendants become
+  // visible when the topmost of them is hung under a visible parent, so a subtree can be built bottom side first: a
+  // distributed store sends such nodes ahead, and only the last link decides.
+  virtual Status insert(NodeId parent, std::string_view name, const Node& node) = 0;
+
+  // Rewrites the security record of a node where it hangs; 4 when there is none.
+  virtual Status set_security(NodeId parent, std::string_view name, const sec_attr& security) = 0;
+
+  // Takes a node off its parent, with all that hangs below it. To be inserted elsewhere, or discarded.
+  virtual Status unlink(NodeId parent, std::string_view name) = 0;
+
+  // Gives up an unlinked node with everything below it.
+  virtual Status discard(NodeId id) = 0;
+
+  virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
+
+  // The tree as it stood when the update began, for reading more nodes than one commit can compare. What is read here
+  // is one consistent state; other writers' changes to it after that do not make the commit fail.
+  virtual View& before() = 0;
+
+ protected:
+  ~Update() = default;
+};
+
+// What a check of the whole store found.
+struct Finding {
+  enum class Kind {
+    kDamagedNode,   // the record cannot be trusted: checksum, format, length
+    kDamagedValue,
+    kOrphan,        // hangs under an id that no node has, or on a loop that the root does not reach
+    kOrphanValue,   // a value that belongs to no node
+    kDuplicateId    // two nodes with one id
+  };
+  Kind kind;
+  NodeId parent = kNoNode;  // where the record hangs, for nodes
+  NodeId id = kNoNode;      // the node's or the value's id, kNoNode when it cannot be read
+  std::string name;         // the node's level name
+  std::string detail;       // what is wrong, for people
+};
+
+struct Totals {
+  std::uint64_t nodes = 0;        // reachable from the root, the root included
+  std::uint64_t values = 0;       // of those, with a value
+  std::uint64_t value_bytes = 0;
+};
+
+class Store {
+ public:
+  virtual ~Store() = default;
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  // Runs `function` on one state of the tree and gives back what it returned. It may run more than once: it must set
+  // its results anew each time.
+  virtual Status read(FunctionRef<Status(View&)> function) = 0;
+
+  // As read, for functions that visit many nodes. They run once, on one state, however long they take.
+  virtual Status read_all(FunctionRef<Status(View&)> function) = 0;
+
+  // Runs `function` and, when it returns success, makes what it wrote durable, all or nothing. It may run more than
+  // once. A failure that it returns is given back and nothing is changed.
+  virtual Status write(FunctionRef<Status(Update&)> function) = 0;
+
+  // How many changes of visible nodes one write can make: entries inserted, rewritten or unlinked, and values set.
+  virtual std::size_t max_changes() const = 0;
+
+  // Reads every record and reports each that is damaged or out of place; counts the sound ones. With `repair`, what
+  // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed.
+  virtual Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) = 0;
+
+  // "lmdb" or "etcd".
+  virtual const char* kind() const = 0;
+
+ protected:
+  Store() = default;
+};
+
+}  // namespace tkv::store
+
+#endif
