@@ -1,0 +1,269 @@
+// MemoryStore: a store in memory, for tests of what stands on a store. It keeps the whole contract of store.h but
+// outlasting the process; a write copies the state, so it is for small trees.
+#ifndef TKV_TESTS_PLATFORM_MEMORY_STORE_H
+#define TKV_TESTS_PLATFORM_MEMORY_STORE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "store.h"
+#include "store_limits.h"
+
+namespace tkv::store {
+
+class MemoryStore final : public Store {
+ public:
+  explicit MemoryStore(const sec_attr& root_security = {}) {
+    auto fresh = std::make_shared<State>();
+    fresh->nodes[{kNoNode, ""}] = Node{kRootNode, root_security};
+    current_ = std::move(fresh);
+  }
+
+  Status read(FunctionRef<Status(View&)> function) override {
+    const std::shared_ptr<const State> state = current();
+    StateView view(*state);
+    return function(view);
+  }
+
+  Status read_all(FunctionRef<Status(View&)> function) override { return read(function); }
+
+  Status write(FunctionRef<Status(Update&)> function) override {
+    const std::lock_guard one_writer(write_mutex_);
+    const std::shared_ptr<const State> former = current();
+    auto next = std::make_shared<State>(*former);
+    StateUpdate update(*next, *former);
+    if (Status status = function(update); !status.ok()) return status;
+    const std::lock_guard lock(mutex_);
+    current_ = std::move(next);
+    return {};
+  }
+
+  std::size_t max_changes() const override { return std::numeric_limits<std::size_t>::max(); }
+
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override {
+    const std::lock_guard one_writer(write_mutex_);
+    auto next = std::make_shared<State>(*current());
+    check_state(*next, report, totals);
+    const std::lock_guard lock(mutex_);
+    if (repair) current_ = std::move(next);
+    return {};
+  }
+
+  const char* kind() const override { return "memory"; }
+
+ private:
+  using Place = std::pair<NodeId, std::string>;
+  struct Less {
+    using is_transparent = void;
+    template <typename A, typename B>
+    bool operator()(const A& left, const B& right) const {
+      return left.first != right.first ? left.first < right.first
+                                       : std::string_view(left.second) < std::string_view(right.second);
+    }
+  };
+  struct StoredValue {
+    std::int32_t type = 0;
+    std::vector<std::byte> bytes;
+  };
+  struct State {
+    std::map<Place, Node, Less> nodes;
+    std::map<NodeId, StoredValue> values;
+    NodeId next_id = kRootNode + 1;
+    std::uint64_t structure = 1;
+  };
+
+  static auto place(NodeId parent, std::string_view name) { return std::pair<NodeId, std::string_view>(parent, name); }
+
+  // The reading half, for View and Update alike.
+  template <typename Interface>
+  class Reading : public Interface {
+   public:
+    explicit Reading(const State& state) : state_(state) {}
+
+    Status find(NodeId parent, std::string_view name, Node* node) override {
+      const auto found = state_.nodes.find(place(parent, name));
+      if (found == state_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      *node = found->second;
+      return {};
+    }
+
+    Status value(NodeId id, Value* value) override {
+      const auto found = state_.values.find(id);
+      *value = found == state_.values.end() ? Value{} : Value{found->second.type, found->second.bytes};
+      return {};
+    }
+
+    Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
+      auto at = state_.nodes.lower_bound(place(parent, ""));
+      while (at != state_.nodes.end() && at->first.first == parent) {
+        const auto [visited, node] = *at;
+        if (Status status = visit(visited.second, node); !status.ok()) return status;
+        at = state_.nodes.upper_bound(visited);  // anew: the visit may have changed the state
+      }
+      return {};
+    }
+
+    Status has_children(NodeId parent, bool* answer) override {
+      const auto at = state_.nodes.lower_bound(place(parent, ""));
+      *answer = at != state_.nodes.end() && at->first.first == parent;
+      return {};
+    }
+
+    std::uint64_t structure() override { return state_.structure; }
+
+   protected:
+    ~Reading() = default;
+    const State& state_;
+  };
+
+  class StateView final : public Reading<View> {
+   public:
+    using Reading::Reading;
+  };
+
+  class StateUpdate final : public Reading<Update> {
+   public:
+    StateUpdate(State& next, const State& former) : Reading(next), next_(next), before_(former) {}
+
+    Status new_id(NodeId* id) override {
+      *id = next_.next_id++;
+      return {};
+    }
+
+    Status insert(NodeId parent, std::string_view name, const Node& node) override {
+      if (Status status = check_place(parent, name); !status.ok()) return status;
+      if (node.id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a node needs an id"};
+      if (!next_.nodes.emplace(Place(parent, name), node).second) return PRTKV_KEY_EXISTS;
+      return {};
+    }
+
+    Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override {
+      const auto found = next_.nodes.find(place(parent, name));
+      if (found == next_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      found->second.security = security;
+      return {};
+    }
+
+    Status unlink(NodeId parent, std::string_view name) override {
+      if (Status status = check_place(parent, name); !status.ok()) return status;
+      const auto found = next_.nodes.find(place(parent, name));
+      if (found == next_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      next_.nodes.erase(found);
+      ++next_.structure;
+      return {};
+    }
+
+    Status discard(NodeId id) override {
+      if (id == kNoNode || id == kRootNode) return {PRTKV_INVALID_ARGUMENT, "the root cannot be moved or removed"};
+      remove_below(next_, id);
+      return {};
+    }
+
+    Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override {
+      if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
+      if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
+      if (type == 0 && bytes.empty()) {
+        next_.values.erase(id);
+      } else {
+        next_.values[id] = StoredValue{type, {bytes.begin(), bytes.end()}};
+      }
+      return {};
+    }
+
+    View& before() override { return before_; }
+
+   private:
+    State& next_;
+    StateView before_;
+  };
+
+  // Removes what hangs below `id`, and its value.
+  static void remove_below(State& state, NodeId id) {
+    std::vector<NodeId> pending{id};
+    while (!pending.empty()) {
+      const NodeId parent = pending.back();
+      pending.pop_back();
+      state.values.erase(parent);
+      auto at = state.nodes.lower_bound(place(parent, ""));
+      while (at != state.nodes.end() && at->first.first == parent) {
+        pending.push_back(at->second.id);
+        at = state.nodes.erase(at);
+      }
+    }
+  }
+
+  // Reports what the root does not reach and takes it out of the state.
+  static void check_state(State& state, FunctionRef<void(const Finding&)> report, Totals* totals) {
+    std::multiset<NodeId> known;
+    for (const auto& [at, node] : state.nodes) known.insert(node.id);
+    const std::set<NodeId> reached = reach(state);
+    std::vector<Place> orphans;
+    for (const auto& [at, node] : state.nodes) {
+      if (known.count(node.id) > 1)
+        report({Finding::Kind::kDuplicateId, at.first, node.id, at.second, "two nodes have this id"});
+      if (reached.count(node.id) != 0 || known.count(at.first) != 0) continue;
+      report({Finding::Kind::kOrphan, at.first, node.id, at.second, "its parent does not exist"});
+      orphans.push_back(at);
+    }
+    std::vector<NodeId> lost_values;
+    for (const auto& [id, value] : state.values)
+      if (known.count(id) == 0) lost_values.push_back(id);
+    for (const NodeId id : lost_values) {
+      report({Finding::Kind::kOrphanValue, kNoNode, id, "", "its node does not exist"});
+      state.values.erase(id);
+    }
+    for (const Place& at : orphans) {
+      const NodeId id = state.nodes.find(at)->second.id;
+      state.nodes.erase(at);
+      remove_below(state, id);
+    }
+    *totals = count(state, reached);
+  }
+
+  static std::set<NodeId> reach(const State& state) {
+    std::set<NodeId> reached;
+    std::vector<NodeId> pending{kNoNode};
+    while (!pending.empty()) {
+      const NodeId parent = pending.back();
+      pending.pop_back();
+      for (auto at = state.nodes.lower_bound(place(parent, "")); at != state.nodes.end() && at->first.first == parent;
+           ++at) {
+        if (reached.insert(at->second.id).second) pending.push_back(at->second.id);
+      }
+    }
+    return reached;
+  }
+
+  static Totals count(const State& state, const std::set<NodeId>& reached) {
+    Totals totals;
+    totals.nodes = reached.size();
+    for (const auto& [id, value] : state.values) {
+      if (reached.count(id) == 0) continue;
+      ++totals.values;
+      totals.value_bytes += value.bytes.size();
+    }
+    return totals;
+  }
+
+  std::shared_ptr<const State> current() {
+    const std::lock_guard lock(mutex_);
+    return current_;
+  }
+
+  std::mutex write_mutex_;  // held by the one writer
+  std::mutex mutex_;        // guards current_
+  std::shared_ptr<const State> current_;
+};
+
+}  // namespace tkv::store
+
+#endif
