@@ -151,4 +151,15 @@ TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, job
 }
 #endif
 
+/* The unit's own routines, for the unit alone. */
+#ifdef TKV_UNIT
+static int32_t prsrvtkv_fill_sec_attr(JNIEnv *env, jobject result, jint security_type, jstring parent_keyname,
+                                      jstring velmar_user, jstring group_name, sec_attr *security);
+static jstring prsrvtkv_stringMultiByteToJava(JNIEnv *env, const char *text);
+static int prsrvtkv_copy_recurse(JNIEnv *env, const char *source_name, const char *destination_name,
+                                 int security_type, jobject result);
+static inline void prsrvtkv_recurse_fill_sec_attr(JNIEnv *env, jobject result, jint security_type,
+                                                  sec_attr *security);
+#endif
+
 #endif
