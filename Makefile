@@ -1,17 +1,15 @@
 # Two commands do everything on a fresh Debian machine: `make demo` and `make test`. Both install what is missing.
 
+# The one list of Debian packages, by what needs them.
 BUILD_PACKAGES = cmake g++ ninja-build openjdk-17-jdk-headless liblmdb-dev libxxhash-dev libinih-dev \
                  libcli11-dev nlohmann-json3-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
-                 protobuf-compiler-grpc pkg-config
+                 protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
-                 python3 iproute2 e2fsprogs
+                 python3 iproute2 e2fsprogs pkg-config
 LINT_PACKAGES  = clang-format clang-tidy
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc)
-# The compiler that the package list names, also where another JDK is the machine's default.
-JDK    := $(firstword $(wildcard /usr/lib/jvm/java-17-openjdk-*))
-export JAVA_HOME ?= $(if $(JDK),$(JDK),$(patsubst %/bin/javac,%,$(realpath $(shell command -v javac))))
 
 # $(call require,packages): installs those that are missing, or says which they are.
 define require
@@ -28,19 +26,35 @@ if [ -n "$$missing" ]; then \
 fi
 endef
 
-.PHONY: help build-packages test-packages lint-packages build demo test bench coverage format lint install clean
+# $(call preset,name,options): configures and builds one preset.
+define preset
+cmake --preset $(1) $(2) --log-level=WARNING
+cmake --build --preset $(1) -j $(JOBS)
+endef
+
+.PHONY: help packages-build packages-test packages-lint build demo demo-cluster test coverage bench format lint \
+        install clean
 
 help: ## list the targets
-	@grep -hE '^[a-z-]+:.*## ' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/  make \1|\2/' | column -t -s '|'
+	@sed -nE 's/^([a-z-]+):.*## (.*)/  make \1	\2/p' Makefile | expand -t 22
 
-build-packages:
+packages-build:
 	$(call require,$(BUILD_PACKAGES))
+packages-test:
+	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES))
+packages-lint:
+	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(LINT_PACKAGES))
 
-test-packages: build-packages
-	$(call require,$(TEST_PACKAGES))
+build: packages-build ## build library, jar and command into build/release
+	$(call preset,release,-DTKV_TESTS=OFF)
 
-lint-packages: test-packages
-	$(call require,$(LINT_PACKAGES))
+test: packages-test ## build and run all tests: release, the bridge alone, sanitizers
+	$(call preset,release,-DTKV_TESTS=ON)
+	ctest --preset release -j $(JOBS)
+	$(call preset,external)
+	ctest --preset external -j $(JOBS)
+	$(call preset,asan)
+	ctest --preset asan -j $(JOBS)
 
 clean: ## remove everything that was built
 	rm -rf build
