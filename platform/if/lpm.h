@@ -4,7 +4,9 @@
  *   Contexts. 64-bit handles, never addresses; 0 is the null handle. A null or unknown context owns nothing:
  *             allocation gives null, freeing does nothing.
  *   Memory.   Blocks come zero-filled and aligned for any type. A freed block is zero-filled at once (values may be
- *             secrets), and its page stays readable until its context ends, so that a late read of a freed session
+ *             secrets), and its addresses stay readable until its context ends. It is handed out again for a later
+ *             block of about its size, so that a context stays as large as what was in use at once; one of up to 4096
+ *             bytes only after eight others of about its size have been freed, so that a late read of a freed session
  *             record sees zeros. Freeing null, a foreign pointer, or a block twice does nothing.
  *   Threads.  Any thread may call.
  */

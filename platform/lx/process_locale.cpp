@@ -1,0 +1,78 @@
+#include "process_locale.h"
+
+#include <langinfo.h>
+#include <locale.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+namespace tkv::lx {
+namespace {
+
+constexpr const char* kDefaultCharset = "UTF-8";
+
+bool is_c_locale(std::string_view name) {
+  return name == "C" || name == "POSIX";
+}
+
+// The character set of an installed locale; empty when there is none of that name.
+std::string installed_charset(std::string_view name) {
+  const locale_t locale = newlocale(LC_CTYPE_MASK, std::string(name).c_str(), static_cast<locale_t>(nullptr));
+  if (locale == static_cast<locale_t>(nullptr)) return {};
+  std::string charset = nl_langinfo_l(CODESET, locale);
+  freelocale(locale);
+  return charset;
+}
+
+const char* environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr || *value == '\0' ? nullptr : value;
+}
+
+const Charset* find_charset(std::string_view name) {
+  return Charset::find(is_c_locale(name) ? std::string_view(kDefaultCharset) : name);
+}
+
+// The last answer, since a process seldom changes its environment and asking the system for a locale reads files.
+struct LastAnswer {
+  std::mutex mutex;
+  std::string question;
+  const Charset* charset = nullptr;
+};
+
+const Charset* charset_of_locale_once(const std::string& locale) {
+  static LastAnswer& last = *new LastAnswer;
+  const std::lock_guard lock(last.mutex);
+  if (last.question != locale) {
+    last.charset = charset_of_locale(locale);
+    last.question = locale;
+  }
+  return last.charset;
+}
+
+}  // namespace
+
+const Charset* charset_of_locale(std::string_view locale) {
+  const std::size_t at = locale.find('@');
+  const std::string_view modifier = at == std::string_view::npos ? std::string_view() : locale.substr(at + 1);
+  const std::string_view base = locale.substr(0, at);
+  const std::size_t dot = base.find('.');
+  if (dot != std::string_view::npos && dot + 1 < base.size()) {
+    return Charset::find(base.substr(dot + 1));
+  }
+  if (is_c_locale(base.substr(0, dot))) return Charset::find(kDefaultCharset);
+  const std::string charset = installed_charset(locale);
+  if (!charset.empty()) return find_charset(charset);
+  return Charset::find(modifier == "euro" ? "ISO-8859-15" : kDefaultCharset);
+}
+
+const Charset* charset_of_process() {
+  if (const char* charset = environment("TKV_CHARSET")) return find_charset(charset);
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    if (const char* locale = environment(name)) return charset_of_locale_once(locale);
+  }
+  return Charset::find(kDefaultCharset);
+}
+
+}  // namespace tkv::lx

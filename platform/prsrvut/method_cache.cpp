@@ -1,0 +1,117 @@
+#include "method_cache.h"
+
+#include <algorithm>
+#include <list>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tkv::prsrvut {
+namespace {
+
+// Enough for any program's result classes and their methods; beyond that the oldest is looked up anew.
+constexpr std::size_t kMaxClasses = 32;
+constexpr std::size_t kMaxMethods = 16;
+
+struct Method {
+  std::string name;
+  std::string signature;
+  jmethodID id;  // null: the class has no such method
+};
+
+struct Class {
+  jweak reference;
+  std::vector<Method> methods;
+};
+
+class Classes {
+ public:
+  static Classes& instance() {
+    // Never destroyed: threads may still report while the process ends.
+    static Classes& classes = *new Classes;
+    return classes;
+  }
+
+  // Whether the method was looked up before; `*id` receives it, null when the class has none.
+  bool recall(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID* id) {
+    const std::lock_guard lock(mutex_);
+    const Class* known = find(env, type);
+    if (known == nullptr) return false;
+    for (const Method& method : known->methods) {
+      if (method.name == name && method.signature == signature) {
+        *id = method.id;
+        return true;
+      }
+    }
+    return false;
+  }
+
+  void remember(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) {
+    Method method{name, signature, id};
+    const std::lock_guard lock(mutex_);
+    Class* known = find(env, type);
+    if (known == nullptr) known = add(env, type);
+    if (known == nullptr) return;
+    if (known->methods.size() == kMaxMethods) known->methods.erase(known->methods.begin());
+    known->methods.push_back(std::move(method));
+  }
+
+  void forget(JNIEnv* env) {
+    const std::lock_guard lock(mutex_);
+    for (const Class& known : classes_) env->DeleteWeakGlobalRef(known.reference);
+    classes_.clear();
+  }
+
+ private:
+  Class* find(JNIEnv* env, jclass type) {
+    const auto found = std::find_if(classes_.begin(), classes_.end(), [env, type](const Class& known) {
+      return env->IsSameObject(known.reference, type) == JNI_TRUE;
+    });
+    return found == classes_.end() ? nullptr : &*found;
+  }
+
+  Class* add(JNIEnv* env, jclass type) {
+    // A class that was unloaded is the null reference now.
+    classes_.remove_if([env](const Class& known) {
+      const bool is_unloaded = env->IsSameObject(known.reference, nullptr) == JNI_TRUE;
+      if (is_unloaded) env->DeleteWeakGlobalRef(known.reference);
+      return is_unloaded;
+    });
+    if (classes_.size() == kMaxClasses) {
+      env->DeleteWeakGlobalRef(classes_.front().reference);
+      classes_.pop_front();
+    }
+    jweak reference = env->NewWeakGlobalRef(type);
+    if (reference == nullptr) {
+      env->ExceptionClear();
+      return nullptr;
+    }
+    return &classes_.emplace_back(Class{reference, {}});
+  }
+
+  std::mutex mutex_;
+  std::list<Class> classes_;  // the oldest first
+};
+
+}  // namespace
+
+jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature) {
+  jclass type = env->GetObjectClass(object);
+  if (type == nullptr) return nullptr;
+  jmethodID id = nullptr;
+  if (!Classes::instance().recall(env, type, name, signature, &id)) {
+    // Outside the lock: the look-up may initialise the class, which may come back here.
+    id = env->GetMethodID(type, name, signature);
+    if (id == nullptr) env->ExceptionClear();
+    Classes::instance().remember(env, type, name, signature, id);
+  }
+  env->DeleteLocalRef(type);
+  return id;
+}
+
+void forget_methods(JNIEnv* env) {
+  Classes::instance().forget(env);
+}
+
+}  // namespace tkv::prsrvut

@@ -1,0 +1,303 @@
+#include "prsrvut.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "charset.h"
+#include "method_cache.h"
+#include "process_locale.h"
+#include "trace_switch.h"
+#include "utf8.h"
+
+namespace tkv::prsrvut {
+namespace {
+
+// Sets a pending exception aside and raises it again at the end of the scope, in place of any that came meanwhile.
+class PendingException {
+ public:
+  explicit PendingException(JNIEnv* env) : env_(env) {
+    if (env->ExceptionCheck() != JNI_TRUE) return;
+    exception_ = env->ExceptionOccurred();
+    env->ExceptionClear();
+  }
+
+  ~PendingException() {
+    if (exception_ == nullptr) return;
+    env_->ExceptionClear();
+    env_->Throw(exception_);
+    env_->DeleteLocalRef(exception_);
+  }
+
+  PendingException(const PendingException&) = delete;
+  PendingException& operator=(const PendingException&) = delete;
+
+ private:
+  JNIEnv* env_;
+  jthrowable exception_ = nullptr;
+};
+
+// A local reference that goes away with its scope.
+class LocalRef {
+ public:
+  LocalRef(JNIEnv* env, jobject object) : env_(env), object_(object) {}
+  ~LocalRef() {
+    if (object_ != nullptr) env_->DeleteLocalRef(object_);
+  }
+  LocalRef(const LocalRef&) = delete;
+  LocalRef& operator=(const LocalRef&) = delete;
+
+  jobject get() const { return object_; }
+
+ private:
+  JNIEnv* env_;
+  jobject object_;
+};
+
+// Room for `size` elements: on the stack for what is short, as nearly everything is.
+template <typename Element, std::size_t kOnStack>
+class Buffer {
+ public:
+  explicit Buffer(std::size_t size)
+      : heap_(size > kOnStack ? std::make_unique_for_overwrite<Element[]>(size) : nullptr),
+        data_(heap_ ? heap_.get() : stack_) {}
+  Buffer(const Buffer&) = delete;
+  Buffer& operator=(const Buffer&) = delete;
+
+  Element* data() { return data_; }
+
+ private:
+  Element stack_[kOnStack];
+  std::unique_ptr<Element[]> heap_;
+  Element* data_;
+};
+
+constexpr std::size_t kShortText = 512;
+
+// Whether a signature is that of a void method with one argument, "(I)V": the call reads one argument, no more.
+bool takes_one_argument(std::string_view signature) {
+  if (!signature.starts_with('(') || !signature.ends_with(")V")) return false;
+  std::string_view type = signature.substr(1, signature.size() - 3);
+  while (type.starts_with('[')) type.remove_prefix(1);
+  if (type.size() == 1) return std::string_view("ZBCSIJFD").find(type[0]) != std::string_view::npos;
+  return type.size() > 2 && type.starts_with('L') && type.find(';') == type.size() - 1;
+}
+
+// Calls a void method with one argument. False when there is no such method.
+bool call(JNIEnv* env, jobject result, const char* name, const char* signature, const jvalue* argument) {
+  jmethodID method = find_method(env, result, name, signature);
+  if (method == nullptr) return false;
+  env->CallVoidMethodA(result, method, argument);
+  // What the method threw stays pending for the caller; asking tells the JVM that it was not overlooked.
+  static_cast<void>(env->ExceptionCheck());
+  return true;
+}
+
+void set_flag(JNIEnv* env, jobject result, const char* method, bool value) {
+  jvalue argument{};
+  argument.z = value ? JNI_TRUE : JNI_FALSE;
+  call(env, result, method, "(Z)V", &argument);
+}
+
+jstring new_string(JNIEnv* env, std::string_view text) {
+  Buffer<jchar, kShortText> units(text.size());
+  const auto count = lx::utf8_to_utf16(text, units.data(), text.size(), lx::IllFormed::replace);
+  if (!count || *count > INT32_MAX) return nullptr;
+  return env->NewString(units.data(), static_cast<jsize>(*count));
+}
+
+void trace_line(JNIEnv* env, jobject result, std::string_view line) {
+  const PendingException pending(env);
+  const LocalRef text(env, new_string(env, line));
+  if (text.get() == nullptr) return;
+  jvalue argument{};
+  argument.l = text.get();
+  call(env, result, "trace", "(Ljava/lang/String;)V", &argument);
+}
+
+// A null string is printed as "(null)", as the C library prints it.
+void format_and_trace(JNIEnv* env, jobject result, const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  char line[kShortText];
+  const int length = std::vsnprintf(line, sizeof(line), format, arguments);
+  const auto size = static_cast<std::size_t>(length);
+  if (length >= 0 && size < sizeof(line)) {
+    trace_line(env, result, {line, size});
+  } else if (length >= 0) {
+    const std::unique_ptr<char[]> longer(new (std::nothrow) char[size + 1]);
+    if (longer != nullptr && std::vsnprintf(longer.get(), size + 1, format, again) == length) {
+      trace_line(env, result, {longer.get(), size});
+    }
+  }
+  va_end(again);
+}
+
+// java.lang.String, which nearly every look-up asks for. Classes of other loaders depend on who asks.
+jclass string_class(JNIEnv* env) {
+  static std::atomic<jclass> kept{nullptr};
+  jclass known = kept.load(std::memory_order_acquire);
+  if (known != nullptr) return static_cast<jclass>(env->NewLocalRef(known));
+  jclass found = env->FindClass("java/lang/String");
+  if (found == nullptr) return nullptr;
+  auto reference = static_cast<jclass>(env->NewGlobalRef(found));
+  if (reference != nullptr && !kept.compare_exchange_strong(known, reference)) env->DeleteGlobalRef(reference);
+  return found;
+}
+
+// More local references than the default may be held afterwards, one an element and a few besides.
+void make_room_for_references(JNIEnv* env, jsize length) {
+  constexpr jsize kBesides = 16;
+  const jsize wanted = length > INT32_MAX - kBesides ? length : length + kBesides;
+  // The JVM has a limit of its own for what it promises, beyond which references still work.
+  if (env->EnsureLocalCapacity(wanted) != JNI_OK) env->ExceptionClear();
+}
+
+constexpr int kWhole = 0;
+constexpr int kCut = 1;
+constexpr int kNullArgument = -1;
+constexpr int kNotConvertible = -2;
+constexpr int kOutOfMemory = -3;
+
+bool splits_pair(std::u16string_view text, std::size_t at) {
+  return at > 0 && at < text.size() && (text[at - 1] & 0xFC00) == 0xD800 && (text[at] & 0xFC00) == 0xDC00;
+}
+
+// The longest beginning of `text`, in whole characters, that takes at most `room` bytes. Beginnings are converted anew,
+// since a set with states ends each of its texts in its own way.
+std::string longest_beginning(const lx::Charset& charset, std::u16string_view text, std::size_t room) {
+  std::string longest;
+  std::size_t fits = 0;
+  std::size_t too_long = text.size();
+  while (fits + 1 < too_long) {
+    const std::size_t middle = fits + (too_long - fits) / 2;
+    std::size_t end = middle;
+    if (splits_pair(text, end)) --end;
+    auto bytes = charset.encode(text.substr(0, end));
+    if (bytes && bytes->size() <= room) {
+      fits = middle;
+      longest = std::move(*bytes);
+    } else {
+      too_long = middle;
+    }
+  }
+  return longest;
+}
+
+int native_text(std::u16string_view text, char* buffer, int* size) {
+  const lx::Charset* charset = lx::charset_of_process();
+  // A NUL would end the text for whoever reads it, and make of one name another.
+  const bool has_nul = text.find(u'\0') != std::u16string_view::npos;
+  const auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
+  if (!bytes || bytes->size() >= INT32_MAX) return kNotConvertible;
+  const int capacity = *size;
+  *size = static_cast<int>(bytes->size()) + 1;
+  if (capacity <= 0) return kCut;
+  const auto room = static_cast<std::size_t>(capacity) - 1;
+  const bool is_whole = bytes->size() <= room;
+  const std::string& shown = is_whole ? *bytes : longest_beginning(*charset, text, room);
+  std::memcpy(buffer, shown.data(), shown.size());
+  buffer[shown.size()] = '\0';
+  return is_whole ? kWhole : kCut;
+}
+
+int native_string(JNIEnv* env, jstring text, char* buffer, int* size) {
+  const jsize length = env->GetStringLength(text);
+  Buffer<jchar, kShortText> units(static_cast<std::size_t>(length));
+  env->GetStringRegion(text, 0, length, units.data());
+  // jchar and char16_t are both 16 bits wide, but not the same type.
+  const std::u16string characters(units.data(), units.data() + length);
+  return native_text(characters, buffer, size);
+}
+
+}  // namespace
+}  // namespace tkv::prsrvut
+
+using tkv::prsrvut::PendingException;
+
+extern "C" void prsrvut_setStatus(JNIEnv* env, jobject result, int status) {
+  if (result == nullptr) return;
+  const PendingException pending(env);
+  tkv::prsrvut::set_flag(env, result, "setStatus", status != 0);
+}
+
+extern "C" void prsrvut_setBooleanResult(JNIEnv* env, jobject result, int value) {
+  if (result == nullptr) return;
+  const PendingException pending(env);
+  tkv::prsrvut::set_flag(env, result, "setBooleanResult", value != 0);
+}
+
+extern "C" int prsrvut_callMethod(JNIEnv* env, jobject result, const char* name, const char* signature, jvalue* args) {
+  if (result == nullptr || name == nullptr || signature == nullptr || args == nullptr) return -1;
+  // "<init>" is no method to be called on an object that exists.
+  if (*name == '<' || !tkv::prsrvut::takes_one_argument(signature)) return -1;
+  const PendingException pending(env);
+  return tkv::prsrvut::call(env, result, name, signature, args) ? 0 : -1;
+}
+
+extern "C" void prsrvut_trace(JNIEnv* env, jobject result, const char* format, ...) {
+  if (!tkv::prsrvut::is_tracing() || result == nullptr || format == nullptr) return;
+  va_list arguments;
+  va_start(arguments, format);
+  try {
+    tkv::prsrvut::format_and_trace(env, result, format, arguments);
+  } catch (const std::bad_alloc&) {
+    // The line is lost; what it tells of is not.
+  }
+  va_end(arguments);
+}
+
+extern "C" int prsrvut_isDebugOn(JNIEnv* /*env*/, jobject /*result*/) {
+  return tkv::prsrvut::is_tracing() ? 1 : 0;
+}
+
+extern "C" jstring prsrvut_NewStringUTF(JNIEnv* env, const char* text) {
+  if (text == nullptr) return nullptr;
+  const PendingException pending(env);
+  try {
+    return tkv::prsrvut::new_string(env, text);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+extern "C" jstring prsrvut_NewString(JNIEnv* env, const jchar* units, jsize count) {
+  if (units == nullptr || count < 0) return nullptr;
+  const PendingException pending(env);
+  return env->NewString(units, count);
+}
+
+extern "C" jclass prsrvut_FindClass(JNIEnv* env, const char* name) {
+  if (name == nullptr) return nullptr;
+  const PendingException pending(env);
+  return std::strcmp(name, "java/lang/String") == 0 ? tkv::prsrvut::string_class(env) : env->FindClass(name);
+}
+
+extern "C" jobjectArray prsrvut_NewObjectArray(JNIEnv* env, jsize length, jclass element, jobject initial) {
+  if (length < 0 || element == nullptr) return nullptr;
+  const PendingException pending(env);
+  if (initial != nullptr && env->IsInstanceOf(initial, element) != JNI_TRUE) return nullptr;
+  jobjectArray array = env->NewObjectArray(length, element, initial);
+  if (array != nullptr) tkv::prsrvut::make_room_for_references(env, length);
+  return array;
+}
+
+extern "C" int prsrvut_getNativeString(JNIEnv* env, jstring text, char* buffer, int* size) {
+  if (text == nullptr || buffer == nullptr || size == nullptr) return tkv::prsrvut::kNullArgument;
+  const int capacity = *size;
+  const PendingException pending(env);
+  int outcome = 0;
+  try {
+    outcome = tkv::prsrvut::native_string(env, text, buffer, size);
+  } catch (const std::bad_alloc&) {
+    outcome = tkv::prsrvut::kOutOfMemory;
+  }
+  if (outcome < 0 && capacity > 0) *buffer = '\0';
+  return outcome;
+}
