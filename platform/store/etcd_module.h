@@ -17,11 +17,11 @@ struct EtcdOptions {
   std::string cert;
   std::string key;
   std::string user;
-  std::string password_file;           // one line; readable by its owner only
-  std::string prefix = "/tkv/";        // of every key of this registry
-  int timeout_ms = 5000;               // of one operation, over all endpoints
-  bool create = true;                  // make a fresh registry when there is none
-  sec_attr root_security{};            // security record of a fresh registry's root
+  std::string password_file;     // one line; readable by its owner only
+  std::string prefix = "/tkv/";  // of every key of this registry
+  int timeout_ms = 5000;         // of one operation, over all endpoints
+  bool create = true;            // make a fresh registry when there is none
+  sec_attr root_security{};      // security record of a fresh registry's root
 };
 
 // The one symbol that libtkv_etcd.so exports. It is built with the library that loads it: `abi` is

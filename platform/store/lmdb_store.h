@@ -11,15 +11,25 @@
 namespace tkv::store {
 
 struct LmdbOptions {
-  std::string directory;        // absolute; created (its last level) when absent and `create` is set
-  std::uint64_t map_size = 0;   // bytes that the file may grow to; 0: the default
-  std::string group;            // group that shares directory and file; empty: only the owner
-  bool create = true;           // make a fresh registry when there is none
+  std::string directory;             // absolute; created (its last level) when absent and `create` is set
+  std::uint64_t map_size = 0;        // bytes that the file may grow to; 0: it grows as it has to
+  std::uint64_t first_map_size = 0;  // with no map_size: the map to begin with, doubled when full; 0: the default
+  std::string group;                 // group that shares directory and file; empty: only the owner
+  bool create = true;                // make a fresh registry when there is none
   bool read_only = false;
-  sec_attr root_security{};     // security record of a fresh registry's root
+  sec_attr root_security{};  // security record of a fresh registry's root
 };
 
-// Opens the environment, or takes part in the one that this process has open on the same directory.
+// Opens the environment, or takes part in the one that this process has open on the same directory; then the map sizes
+// of whoever opened it first hold.
+//
+// Failures name path and reason: 2 what permissions forbid, 7 what is not there or is not a registry of a format that
+// this release reads (nothing is overwritten then), 8 a path that is not absolute, 11 a full disk, 41 no such group.
+//
+// Readers wait for nobody, except while this process replaces its map because the registry has outgrown it. A function
+// given to the store may read from the same store again, also inside a write (it reads the state before the write);
+// a write inside a function is refused with 8. After a fork the child has to open the store anew: what it inherits
+// answers 7.
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store);
 
 // Tells whether `directory` can hold an embedded registry: absolute, its parent there, writable, not on a network file

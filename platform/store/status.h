@@ -27,9 +27,7 @@ class [[nodiscard]] Status {
   bool has_text() const { return !text_.empty(); }
 
   // The same failure, told of `subject`: "key 'a.b': <text>".
-  Status about(const std::string& subject) const {
-    return ok() ? *this : Status(code_, subject + ": " + text());
-  }
+  Status about(const std::string& subject) const { return ok() ? *this : Status(code_, subject + ": " + text()); }
 
   static const char* result_text(int32_t code) {
     switch (code) {

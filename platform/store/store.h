@@ -99,11 +99,11 @@ class Update : public View {
 // What a check of the whole store found.
 struct Finding {
   enum class Kind {
-    kDamagedNode,   // the record cannot be trusted: checksum, format, length
+    kDamagedNode,  // the record cannot be trusted: checksum, format, length
     kDamagedValue,
-    kOrphan,        // hangs under an id that no node has, or on a loop that the root does not reach
-    kOrphanValue,   // a value that belongs to no node
-    kDuplicateId    // two nodes with one id
+    kOrphan,       // hangs under an id that no node has, or on a loop that the root does not reach
+    kOrphanValue,  // a value that belongs to no node
+    kDuplicateId   // two nodes with one id
   };
   Kind kind;
   NodeId parent = kNoNode;  // where the record hangs, for nodes
@@ -113,8 +113,8 @@ struct Finding {
 };
 
 struct Totals {
-  std::uint64_t nodes = 0;        // reachable from the root, the root included
-  std::uint64_t values = 0;       // of those, with a value
+  std::uint64_t nodes = 0;   // reachable from the root, the root included
+  std::uint64_t values = 0;  // of those, with a value
   std::uint64_t value_bytes = 0;
 };
 

@@ -9,7 +9,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +16,7 @@
 
 #include "store.h"
 #include "store_limits.h"
+#include "tree_check.h"
 
 namespace tkv::store {
 
@@ -201,57 +201,15 @@ class MemoryStore final : public Store {
     }
   }
 
-  // Reports what the root does not reach and takes it out of the state.
+  // Reports what does not fit together and takes what can be removed out of the state.
   static void check_state(State& state, FunctionRef<void(const Finding&)> report, Totals* totals) {
-    std::multiset<NodeId> known;
-    for (const auto& [at, node] : state.nodes) known.insert(node.id);
-    const std::set<NodeId> reached = reach(state);
-    std::vector<Place> orphans;
-    for (const auto& [at, node] : state.nodes) {
-      if (known.count(node.id) > 1)
-        report({Finding::Kind::kDuplicateId, at.first, node.id, at.second, "two nodes have this id"});
-      if (reached.count(node.id) != 0 || known.count(at.first) != 0) continue;
-      report({Finding::Kind::kOrphan, at.first, node.id, at.second, "its parent does not exist"});
-      orphans.push_back(at);
-    }
-    std::vector<NodeId> lost_values;
-    for (const auto& [id, value] : state.values)
-      if (known.count(id) == 0) lost_values.push_back(id);
-    for (const NodeId id : lost_values) {
-      report({Finding::Kind::kOrphanValue, kNoNode, id, "", "its node does not exist"});
-      state.values.erase(id);
-    }
-    for (const Place& at : orphans) {
-      const NodeId id = state.nodes.find(at)->second.id;
-      state.nodes.erase(at);
-      remove_below(state, id);
-    }
-    *totals = count(state, reached);
-  }
-
-  static std::set<NodeId> reach(const State& state) {
-    std::set<NodeId> reached;
-    std::vector<NodeId> pending{kNoNode};
-    while (!pending.empty()) {
-      const NodeId parent = pending.back();
-      pending.pop_back();
-      for (auto at = state.nodes.lower_bound(place(parent, "")); at != state.nodes.end() && at->first.first == parent;
-           ++at) {
-        if (reached.insert(at->second.id).second) pending.push_back(at->second.id);
-      }
-    }
-    return reached;
-  }
-
-  static Totals count(const State& state, const std::set<NodeId>& reached) {
-    Totals totals;
-    totals.nodes = reached.size();
-    for (const auto& [id, value] : state.values) {
-      if (reached.count(id) == 0) continue;
-      ++totals.values;
-      totals.value_bytes += value.bytes.size();
-    }
-    return totals;
+    TreeCheck check(report);
+    for (const auto& [at, node] : state.nodes) check.add_node(at.first, at.second, node.id);
+    for (const auto& [id, value] : state.values) check.add_value(id, value.bytes.size());
+    TreeCheck::Removable removable;
+    check.finish(totals, &removable);
+    for (const TreeCheck::Entry& entry : removable.nodes) state.nodes.erase({entry.parent, entry.name});
+    for (const NodeId id : removable.values) state.values.erase(id);
   }
 
   std::shared_ptr<const State> current() {

@@ -1,0 +1,184 @@
+#include "lmdb_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "lmdb_error.h"
+
+namespace tkv::store {
+namespace {
+
+// What LMDB keeps at the head of its file, twice: in the first page and in the second. In the machine's byte order.
+struct Head {
+  std::uint64_t page_number;
+  std::uint16_t unused;
+  std::uint16_t page_flags;
+  std::uint32_t page_bounds;
+  std::uint32_t magic;
+  std::uint32_t version;
+  std::uint64_t address;
+  std::uint64_t map_size;
+  std::uint32_t page_size;  // with the database of free pages
+  std::uint16_t free_flags;
+  std::uint16_t free_depth;
+  std::uint64_t free_counts_and_root[5];
+  std::uint32_t main_unused;
+  std::uint16_t main_flags;
+  std::uint16_t main_depth;
+  std::uint64_t main_counts_and_root[5];
+  std::uint64_t last_page;
+  std::uint64_t transaction;
+};
+static_assert(sizeof(Head) == 152 && offsetof(Head, page_size) == 40 && offsetof(Head, last_page) == 136,
+              "LMDB's layout on 64-bit machines");
+
+constexpr std::uint32_t kMagic = 0xBEEFC0DE;
+constexpr std::uint32_t kVersion = 1;
+constexpr std::uint16_t kMetaPage = 0x08;
+constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
+
+class File {
+ public:
+  explicit File(const std::string& path) : handle_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    error_ = handle_ < 0 ? errno : 0;
+  }
+  ~File() {
+    if (handle_ >= 0) close(handle_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  int handle() const { return handle_; }
+  int error() const { return error_; }
+
+ private:
+  int handle_;
+  int error_;
+};
+
+Status foreign(const std::string& path, const std::string& why) {
+  return {PRTKV_STORAGE_FAILED, "'" + path + "' is not a file of a registry, or it is damaged: " + why};
+}
+
+Status read_head(const File& file, const std::string& path, off_t at, Head* head) {
+  const ssize_t count = pread(file.handle(), head, sizeof *head, at);
+  const int error = count < 0 ? errno : 0;
+  if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
+  if (count != sizeof *head) return foreign(path, "it is too short");
+  if ((head->page_flags & kMetaPage) == 0 || head->magic != kMagic) return foreign(path, "its head is another's");
+  if (head->version != kVersion) return foreign(path, "its LMDB format has version " + std::to_string(head->version));
+  if (!std::has_single_bit(head->page_size) || head->page_size < 512 || head->page_size > 65536)
+    return foreign(path, "its page size is " + std::to_string(head->page_size));
+  return {};
+}
+
+Status check_numbers(const std::string& path, const Head& head) {
+  if (head.last_page < 1 || head.last_page >= kLargestFile / head.page_size)
+    return foreign(path, "its last page is " + std::to_string(head.last_page));
+  if (head.map_size > kLargestFile) return foreign(path, "its map is " + std::to_string(head.map_size) + " bytes");
+  if (head.main_flags != 0) return foreign(path, "its database is of another kind");
+  return {};
+}
+
+using EnvironmentHandle = std::unique_ptr<MDB_env, decltype(&mdb_env_close)>;
+
+int put(MDB_txn* txn, const Key& key, std::span<const std::byte> record) {
+  MDB_val key_val = key.val();
+  MDB_val data{record.size(), const_cast<std::byte*>(record.data())};
+  return mdb_put(txn, kDatabase, &key_val, &data, 0);
+}
+
+int put_first_records(MDB_txn* txn, const sec_attr& root_security) {
+  MDB_dbi database = 0;
+  if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0) return code;
+  assert(database == kDatabase);
+  if (const int code = put(txn, Key::meta(), encode_meta(Meta{})); code != 0) return code;
+  return put(txn, Key::node(kNoNode), encode_node(kNoNode, "", Node{kRootNode, root_security}));
+}
+
+int write_first_state(MDB_env* env, const sec_attr& root_security) {
+  MDB_txn* txn = nullptr;
+  if (const int code = mdb_txn_begin(env, nullptr, 0, &txn); code != 0) return code;
+  if (const int code = put_first_records(txn, root_security); code != 0) {
+    mdb_txn_abort(txn);
+    return code;
+  }
+  return mdb_txn_commit(txn);
+}
+
+}  // namespace
+
+Key Key::meta() {
+  Key key;
+  key.bytes_[0] = kMetaKey;
+  key.size_ = 1;
+  return key;
+}
+
+Key Key::value(NodeId id) {
+  Key key;
+  key.bytes_[0] = kValueKey;
+  key.put_id(id);
+  return key;
+}
+
+Key Key::node(NodeId parent, std::string_view name) {
+  assert(name.size() <= kMaxLevelName);
+  Key key;
+  key.bytes_[0] = kNodeKey;
+  key.put_id(parent);
+  if (!name.empty()) std::memcpy(key.bytes_.data() + key.size_, name.data(), name.size());
+  key.size_ += name.size();
+  return key;
+}
+
+void Key::put_id(NodeId id) {
+  for (std::size_t i = 0; i < 8; ++i) bytes_[1 + i] = static_cast<std::byte>(id >> (8 * (7 - i)));
+  size_ = 1 + 8;
+}
+
+bool read_key(const MDB_val& key, KeyParts* parts) {
+  const auto* const bytes = static_cast<const std::byte*>(key.mv_data);
+  if (key.mv_size == 0) return false;
+  *parts = KeyParts{bytes[0], kNoNode, {}};
+  if (parts->kind == kMetaKey) return key.mv_size == 1;
+  if (parts->kind != kNodeKey && parts->kind != kValueKey) return false;
+  if (key.mv_size < 9 || key.mv_size > 9 + kMaxLevelName) return false;
+  for (std::size_t i = 1; i <= 8; ++i) parts->id = parts->id << 8 | std::to_integer<NodeId>(bytes[i]);
+  parts->name = {reinterpret_cast<const char*>(bytes + 9), key.mv_size - 9};
+  return parts->kind == kNodeKey || parts->name.empty();
+}
+
+Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {
+  const std::string doing = "cannot write a fresh registry to '" + path + "'";
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  MDB_env* raw = nullptr;
+  if (const int code = mdb_env_create(&raw); code != 0) return lmdb_status(code, doing);
+  const EnvironmentHandle env(raw, &mdb_env_close);
+  // Nobody else knows the file yet: no lock file.
+  int code = mdb_env_open(env.get(), path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
+  if (code == 0) code = write_first_state(env.get(), root_security);
+  return lmdb_status(code, doing, code == EIO ? disk_room(directory.c_str()) : DiskRoom::kLeft);
+}
+
+Status inspect_data_file(const std::string& path) {
+  const File file(path);
+  if (file.error() != 0) return lmdb_status(file.error(), "cannot open '" + path + "'");
+  struct stat status {};
+  if (fstat(file.handle(), &status) != 0 || !S_ISREG(status.st_mode)) return foreign(path, "it is not a plain file");
+  Head first{};
+  Head second{};
+  if (Status head = read_head(file, path, 0, &first); !head.ok()) return head;
+  if (Status head = read_head(file, path, first.page_size, &second); !head.ok()) return head;
+  if (first.page_size != second.page_size) return foreign(path, "its two heads differ in the page size");
+  return check_numbers(path, first.transaction > second.transaction ? first : second);
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,144 @@
+#include "tree_check.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tkv::store {
+
+void TreeCheck::add_node(NodeId parent, std::string_view name, NodeId id) {
+  nodes_.push_back({parent, id, std::string(name)});
+  ++ids_[id];
+}
+
+void TreeCheck::add_damaged_node(NodeId parent, std::string_view name, std::string detail) {
+  unknown_ids_ = true;
+  report_({Finding::Kind::kDamagedNode, parent, kNoNode, std::string(name), std::move(detail)});
+}
+
+void TreeCheck::add_value(NodeId id, std::size_t size) {
+  values_[id] = size;
+}
+
+void TreeCheck::add_damaged_value(NodeId id, std::string detail) {
+  damaged_values_.insert(id);
+  report_({Finding::Kind::kDamagedValue, kNoNode, id, "", std::move(detail)});
+}
+
+void TreeCheck::finish(Totals* totals, Removable* removable) {
+  index_children();
+  mark_below(kNoNode, Standing::kReached);
+  mark_orphans();
+  mark_loops();
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (standings_[i] == Standing::kReached) reached_.insert(nodes_[i].id);
+  report_nodes();
+  report_values(removable);
+  *totals = count();
+  if (removable == nullptr) return;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    const bool on_nothing = standings_[i] == Standing::kBelowOrphan && !unknown_ids_;
+    if (on_nothing || standings_[i] == Standing::kOnLoop || standings_[i] == Standing::kBelowLoop)
+      removable->nodes.push_back(nodes_[i]);
+  }
+}
+
+void TreeCheck::index_children() {
+  std::sort(nodes_.begin(), nodes_.end(), [](const Entry& left, const Entry& right) {
+    return std::tie(left.parent, left.name) < std::tie(right.parent, right.name);
+  });
+  standings_.assign(nodes_.size(), Standing::kUnknown);
+}
+
+// Marks all nodes below `id` that have no standing yet.
+void TreeCheck::mark_below(NodeId id, Standing standing) {
+  std::vector<NodeId> pending{id};
+  while (!pending.empty()) {
+    const NodeId parent = pending.back();
+    pending.pop_back();
+    const auto before = [](const Entry& entry, NodeId wanted) { return entry.parent < wanted; };
+    auto at = std::lower_bound(nodes_.begin(), nodes_.end(), parent, before);
+    for (; at != nodes_.end() && at->parent == parent; ++at) {
+      Standing& own = standings_[static_cast<std::size_t>(at - nodes_.begin())];
+      if (own != Standing::kUnknown) continue;
+      own = standing;
+      pending.push_back(at->id);
+    }
+  }
+}
+
+void TreeCheck::mark_orphans() {
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (standings_[i] == Standing::kUnknown && ids_.count(nodes_[i].parent) == 0)
+      mark_below(nodes_[i].parent, Standing::kBelowOrphan);
+}
+
+// What has no standing now has a parent, which has a parent, and so on for ever: following them leads onto a loop.
+void TreeCheck::mark_loops() {
+  std::unordered_map<NodeId, std::size_t> holders;
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (standings_[i] == Standing::kUnknown) holders.emplace(nodes_[i].id, i);
+  for (std::size_t start = 0; start < nodes_.size(); ++start) {
+    if (standings_[start] != Standing::kUnknown) continue;
+    std::unordered_set<std::size_t> path;
+    std::size_t at = start;
+    while (path.insert(at).second) {
+      const auto parent = holders.find(nodes_[at].parent);
+      if (parent == holders.end()) break;  // below an id that also a node outside has
+      at = parent->second;
+    }
+    const std::size_t loop = at;
+    do {
+      standings_[at] = Standing::kOnLoop;
+      const auto parent = holders.find(nodes_[at].parent);
+      if (parent == holders.end()) break;
+      at = parent->second;
+    } while (at != loop);
+    do {
+      mark_below(nodes_[at].id, Standing::kBelowLoop);
+      const auto parent = holders.find(nodes_[at].parent);
+      if (parent == holders.end()) break;
+      at = parent->second;
+    } while (at != loop);
+  }
+}
+
+void TreeCheck::report_nodes() {
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    const Entry& entry = nodes_[i];
+    if (ids_[entry.id] > 1)
+      report_({Finding::Kind::kDuplicateId, entry.parent, entry.id, entry.name, "another node has the same id"});
+    if (standings_[i] == Standing::kOnLoop)
+      report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name, "it is its own ancestor"});
+    if (standings_[i] != Standing::kBelowOrphan || ids_.count(entry.parent) != 0) continue;
+    report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name,
+             unknown_ids_ ? "its parent is missing, and may be a damaged node: it is kept" : "its parent is missing"});
+  }
+}
+
+void TreeCheck::report_values(Removable* removable) {
+  std::vector<NodeId> lost;
+  for (const auto& [id, size] : values_) {
+    if (reached_.count(id) != 0) continue;
+    if (ids_.count(id) == 0) lost.push_back(id);
+    // A value of an unreached node goes with its node.
+    if (removable != nullptr && !unknown_ids_) removable->values.push_back(id);
+  }
+  std::sort(lost.begin(), lost.end());
+  for (const NodeId id : lost) {
+    report_({Finding::Kind::kOrphanValue, kNoNode, id, "",
+             unknown_ids_ ? "its node is missing, and may be a damaged one: it is kept" : "its node is missing"});
+  }
+}
+
+Totals TreeCheck::count() const {
+  Totals totals;
+  totals.nodes = static_cast<std::uint64_t>(std::count(standings_.begin(), standings_.end(), Standing::kReached));
+  for (const auto& [id, size] : values_) {
+    if (reached_.count(id) == 0) continue;
+    ++totals.values;
+    totals.value_bytes += size;
+  }
+  return totals;
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,59 @@
+// The promises of store.h as tests, the same for every store.
+//
+// A test program links store_contract and says which store to test:
+//
+//   INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, ::testing::Values(&make_lmdb_factory));
+//
+// Each test makes a factory of its own, so each works on a registry of its own.
+#ifndef TKV_TESTS_PLATFORM_STORE_CONTRACT_H
+#define TKV_TESTS_PLATFORM_STORE_CONTRACT_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "store.h"
+
+namespace tkv::store {
+
+class StoreFactory {
+ public:
+  virtual ~StoreFactory() = default;
+
+  // Makes a fresh registry whose root has this security record, and opens it.
+  virtual std::shared_ptr<Store> open_fresh(const sec_attr& root_security) = 0;
+
+  // Opens the registry once more, beside the stores that are still open. A store that nobody else can open gives
+  // the same one again.
+  virtual std::shared_ptr<Store> open_again() = 0;
+};
+
+using MakeStoreFactory = std::unique_ptr<StoreFactory> (*)();
+
+// A record in which every byte is told from its neighbours.
+sec_attr distinct_security(int seed);
+
+class StoreContract : public ::testing::TestWithParam<MakeStoreFactory> {
+ protected:
+  void SetUp() override;
+
+  // Each makes one node or value in a write of its own, and fails the test when that fails.
+  NodeId add(NodeId parent, std::string_view name, int security_seed = 0);
+  void set_value(NodeId id, std::int32_t type, std::string_view bytes);
+
+  // What a read of its own finds. kNoNode when there is no such node.
+  NodeId id_of(NodeId parent, std::string_view name);
+  std::string value_of(NodeId id, std::int32_t* type = nullptr);
+  std::string names_below(NodeId parent);  // "a b c"
+  Totals totals();                         // of a check that must find nothing
+
+  sec_attr root_security_ = distinct_security(1);
+  std::unique_ptr<StoreFactory> factory_;
+  std::shared_ptr<Store> store_;
+};
+
+}  // namespace tkv::store
+
+#endif
