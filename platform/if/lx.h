@@ -3,10 +3,13 @@
  * Conventions
  *   Areas.    The caller provides the storage of a handle (LX_HANDLE_SIZE bytes) and of a language environment
  *             (LX_LANG_ENV_SIZE bytes), aligned for a pointer, and keeps both until lxlterm.
- *   Charset.  The session's character set is the one of the process's locale: TKV_CHARSET, else the charset of
- *             LC_ALL, LC_CTYPE or LANG, the first that is set and not empty; the process's global locale is neither
- *             read nor changed. "C" and "POSIX" mean UTF-8. UTF-8 also understands what modified UTF-8 writes
- *             differently: surrogate pairs of three bytes each, and the two-byte NUL.
+ *   Charset.  The session's character set is the one of the process's locale: TKV_CHARSET names it, else LC_ALL,
+ *             LC_CTYPE or LANG, the first that is set and not empty, names the locale; the process's global locale is
+ *             neither read nor changed. "C", "POSIX" and no name at all mean UTF-8. A locale named without a character
+ *             set has the one that the system gives it; where the system has no such locale, "@euro" means
+ *             ISO-8859-15 and others UTF-8. Sets whose texts have zero bytes within (UTF-16) cannot be used. UTF-8
+ *             also understands what modified UTF-8 writes differently: surrogates of three bytes each, as pairs or
+ *             alone, and the two-byte NUL.
  *   Threads.  One thread at a time may use a handle.
  */
 #ifndef TKV_PLATFORM_LX_H
@@ -47,7 +50,7 @@ void *lxinitc(void *handle_area, void *global, int32_t reserved1, int32_t reserv
 /* Fills the language environment of a handle and gives it back. Null when the handle is none. */
 void *lxhLangEnv(void *lang_env_area, int32_t reserved, void *handle);
 
-/* Gives the id of the environment's character set, 0 when there is none. */
+/* Gives the id of the environment's character set, above 0 as a signed word too; 0 when there is none. */
 uint16_t lxhcsn(void *lang_env, void *handle);
 
 /* Ends a handle and gives back what it holds. Null, and a handle already ended, are ignored. */
@@ -60,8 +63,9 @@ void *lxhci2h(int32_t charset_id, void *handle);
 uint32_t lxsulen(const char *text);
 
 /* Converts `length` bytes of `from` to UTF-16 and gives the number of code units written, at most `capacity`; never
- * half of a surrogate pair. With null and 0 for the destination, gives the number needed. 0 for an empty text, -1 for
- * bytes that the character set does not have. `flags` is 0. */
+ * half of a surrogate pair. With a null destination, gives the number needed. 0 for an empty text, -1 for bytes that
+ * the character set does not have, for a text that ends within a character, and for an argument that cannot be used.
+ * Each text stands for itself: none depends on the one before. `flags` is 0. */
 int32_t lxgt2u(uint16_t *to, uint32_t capacity, const char *from, void *charset, uint32_t length, uint32_t flags,
                void *handle);
 

@@ -25,11 +25,12 @@ void prsrvut_setStatus(JNIEnv *env, jobject result, int status);
 /* Sets the boolean answer: 0 is false, anything else true. */
 void prsrvut_setBooleanResult(JNIEnv *env, jobject result, int value);
 
-/* Calls a void instance method with one argument. Returns 0, or -1 when the object is null or has no such method. */
+/* Calls a void instance method with one argument. Returns 0, also when the method throws; -1 when an argument is null,
+ * the signature is not one of a void method with one argument, or the object has no such method. */
 int prsrvut_callMethod(JNIEnv *env, jobject result, const char *name, const char *signature, jvalue *args);
 
 /* Writes one trace line, printf-style, when tracing is on; costs one atomic load when it is off. A line end that the
- * text has is kept. */
+ * text has is kept, a null text shows as "(null)", an ill-formed byte as U+FFFD. */
 void prsrvut_trace(JNIEnv *env, jobject result, const char *format, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 3, 4)))
@@ -46,15 +47,19 @@ jstring prsrvut_NewStringUTF(JNIEnv *env, const char *text);
 /* Makes a string of `count` UTF-16 code units. Null for null or a negative count. */
 jstring prsrvut_NewString(JNIEnv *env, const jchar *units, jsize count);
 
+/* Finds a class as FindClass does; the error that tells why there is none stays pending. Null for null. */
 jclass prsrvut_FindClass(JNIEnv *env, const char *name);
 
-/* Makes an array, and room for as many local references as it has elements. */
+/* Makes an array, and room for as many local references as it has elements. Null for a negative length, a null element
+ * class, or an initial element of another class. */
 jobjectArray prsrvut_NewObjectArray(JNIEnv *env, jsize length, jclass element, jobject initial);
 
-/* Converts a string to the native character set. `*size` is the buffer's size going in; coming out it is the length of
- * the whole text with its NUL counted. A text that does not fit is cut after its last whole character that does; the
- * buffer is always NUL-terminated. Returns 0, 1 when the text was cut, or a negative value when a character cannot be
- * converted or an argument is null. */
+/* Converts a string to the native character set, that of the process's locale as lx.h describes it. `*size` is the
+ * buffer's size going in; coming out it is the length of the whole text with its NUL counted. A text that does not fit
+ * is cut after its last whole character that does; the buffer is always NUL-terminated, unless its size is 0 or less,
+ * which only asks for the length. Returns 0, or 1 when the text was cut. Returns a negative value, and leaves an empty
+ * text and `*size` as it was, when an argument is null or a character cannot be converted: one that the set does not
+ * have, a NUL, which would end the text, or any when the system does not have the set. */
 int prsrvut_getNativeString(JNIEnv *env, jstring text, char *buffer, int *size);
 
 #ifdef __cplusplus

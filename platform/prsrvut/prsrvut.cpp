@@ -289,14 +289,16 @@ extern "C" jobjectArray prsrvut_NewObjectArray(JNIEnv* env, jsize length, jclass
 }
 
 extern "C" int prsrvut_getNativeString(JNIEnv* env, jstring text, char* buffer, int* size) {
-  if (text == nullptr || buffer == nullptr || size == nullptr) return tkv::prsrvut::kNullArgument;
+  if (buffer == nullptr || size == nullptr) return tkv::prsrvut::kNullArgument;
   const int capacity = *size;
-  const PendingException pending(env);
-  int outcome = 0;
-  try {
-    outcome = tkv::prsrvut::native_string(env, text, buffer, size);
-  } catch (const std::bad_alloc&) {
-    outcome = tkv::prsrvut::kOutOfMemory;
+  int outcome = tkv::prsrvut::kNullArgument;
+  if (text != nullptr) {
+    const PendingException pending(env);
+    try {
+      outcome = tkv::prsrvut::native_string(env, text, buffer, size);
+    } catch (const std::bad_alloc&) {
+      outcome = tkv::prsrvut::kOutOfMemory;
+    }
   }
   if (outcome < 0 && capacity > 0) *buffer = '\0';
   return outcome;

@@ -54,9 +54,7 @@ class Environment {
   std::vector<std::optional<std::string>> before_;
 };
 
-std::string name_of(const Charset* charset) {
-  return charset == nullptr ? "none" : charset->name();
-}
+std::string name_of(const Charset* charset) { return charset == nullptr ? "none" : charset->name(); }
 
 // A handle in areas of its own, as a session has it.
 class Handle {
