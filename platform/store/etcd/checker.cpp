@@ -1,0 +1,216 @@
+#include "checker.h"
+
+#include <algorithm>
+#include <unordered_set>
+#include <vector>
+
+#include "pager.h"
+#include "record.h"
+#include "staging.h"
+#include "tree_check.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr std::int64_t kFirstValuesPerPage = 16;
+constexpr std::int64_t kMarkersPerPage = 500;
+constexpr int kRemovalsPerBatch = 100;
+
+struct Entry {
+  Place place;
+  NodeId id = kNoNode;
+};
+
+class Checker {
+ public:
+  Checker(Core& core, FunctionRef<void(const Finding&)> report) : core_(core), check_(report), report_(report) {}
+
+  Status read();
+  void finish(Totals* totals) { check_.finish(totals, &removable_); }
+  Status repair();
+
+ private:
+  Status visit(const KeyRange& range, std::int64_t limit, FunctionRef<void(const KeyValue&)> visit_record);
+  Status read_leftovers();
+  Status read_nodes();
+  Status read_values();
+  Status read_next_id();
+  void follow_garbage();
+  bool is_left_over(NodeId parent) const;
+  void add_value(const KeyValue& record);
+  Status raise_next_id();
+
+  Core& core_;
+  TreeCheck check_;
+  FunctionRef<void(const Finding&)> report_;
+  TreeCheck::Removable removable_;
+  std::int64_t revision_ = 0;
+  std::vector<IdRange> building_;
+  std::unordered_set<NodeId> garbage_;
+  std::vector<Entry> entries_;
+  NodeId largest_id_ = kRootNode;
+  Meta meta_;
+  std::int64_t meta_revision_ = 0;
+  bool meta_is_low_ = false;
+};
+
+Status Checker::visit(const KeyRange& range, std::int64_t limit, FunctionRef<void(const KeyValue&)> visit_record) {
+  RangeRequest request = get_range(range, limit);
+  request.set_revision(revision_);
+  Pager pager(*core_.cluster, request);
+  while (pager.more()) {
+    RangeResponse page;
+    if (Outcome outcome = pager.next(&page); !outcome.ok()) return outcome.status;
+    revision_ = pager.revision();
+    for (const KeyValue& record : page.kvs()) visit_record(record);
+  }
+  return {};
+}
+
+Status Checker::read_leftovers() {
+  Status status = visit(core_.keys.all_staging(), kMarkersPerPage, [&](const KeyValue& build) {
+    if (const auto text = StagingText::parse(build.value())) {
+      building_.insert(building_.end(), text->ids.begin(), text->ids.end());
+    }
+  });
+  if (!status.ok()) return status;
+  return visit(core_.keys.all_garbage(), kMarkersPerPage, [&](const KeyValue& marker) {
+    if (const auto id = core_.keys.parse_garbage(marker.key())) garbage_.insert(*id);
+  });
+}
+
+bool Checker::is_left_over(NodeId parent) const {
+  return garbage_.contains(parent) || std::any_of(building_.begin(), building_.end(), [parent](const IdRange& range) {
+           return range.first <= parent && parent <= range.last;
+         });
+}
+
+Status Checker::read_nodes() {
+  Status status = visit(core_.keys.all_nodes(), kNodesPerPage, [&](const KeyValue& record) {
+    const auto place = core_.keys.parse_node(record.key());
+    if (!place) {
+      check_.add_damaged_node(kNoNode, record.key(), "its key is not one of a node");
+      return;
+    }
+    const Known known = known_of(record, *place);
+    if (known.node) {
+      entries_.push_back({*place, known.node->id});
+      largest_id_ = std::max({largest_id_, known.node->id, place->parent});
+    } else if (!is_left_over(place->parent)) {
+      check_.add_damaged_node(place->parent, place->name, known.damage.text());
+    }
+  });
+  if (!status.ok()) return status;
+  follow_garbage();
+  for (const Entry& entry : entries_) {
+    if (!is_left_over(entry.place.parent)) check_.add_node(entry.place.parent, entry.place.name, entry.id);
+  }
+  return {};
+}
+
+// Everything below what waits to be removed is waiting as well. The entries stand in the order of their parents.
+void Checker::follow_garbage() {
+  std::vector<NodeId> pending(garbage_.begin(), garbage_.end());
+  while (!pending.empty()) {
+    const NodeId parent = pending.back();
+    pending.pop_back();
+    auto at = std::lower_bound(entries_.begin(), entries_.end(), parent,
+                               [](const Entry& entry, NodeId wanted) { return entry.place.parent < wanted; });
+    for (; at != entries_.end() && at->place.parent == parent; ++at) {
+      if (garbage_.insert(at->id).second) pending.push_back(at->id);
+    }
+  }
+}
+
+void Checker::add_value(const KeyValue& record) {
+  const auto id = core_.keys.parse_value(record.key());
+  if (!id) {
+    check_.add_damaged_value(kNoNode, "its key '" + record.key() + "' is not one of a value");
+    return;
+  }
+  if (is_left_over(*id)) return;
+  largest_id_ = std::max(largest_id_, *id);
+  Value value;
+  const Status status = decode_value(*id, as_bytes(record.value()), &value);
+  if (!status.ok()) return check_.add_damaged_value(*id, status.text());
+  check_.add_value(*id, value.bytes.size());
+}
+
+Status Checker::read_values() {
+  return visit(core_.keys.all_values(), kFirstValuesPerPage, [&](const KeyValue& record) { add_value(record); });
+}
+
+Status Checker::read_next_id() {
+  bool found = false;
+  Status damage;
+  const std::string key = core_.keys.meta();
+  Status status = visit({key, key + '\0'}, 1, [&](const KeyValue& record) {
+    found = true;
+    meta_revision_ = record.mod_revision();
+    damage = decode_meta(as_bytes(record.value()), &meta_);
+  });
+  if (!status.ok()) return status;
+  if (!found) damage = Status(PRTKV_STORAGE_FAILED, "it is not there");
+  meta_is_low_ = !damage.ok() || meta_.next_id <= largest_id_;
+  if (!damage.ok()) {
+    report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids cannot be used: " + damage.text()});
+  } else if (meta_is_low_) {
+    report_(
+        {Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "", "the counter of ids would give ids in use again"});
+  }
+  return {};
+}
+
+Status Checker::read() {
+  if (Status status = read_leftovers(); !status.ok()) return status;
+  if (Status status = read_nodes(); !status.ok()) return status;
+  if (Status status = read_values(); !status.ok()) return status;
+  return read_next_id();
+}
+
+Status Checker::raise_next_id() {
+  meta_.next_id = largest_id_ + 1;
+  TxnRequest request;
+  compare_revision(&request, core_.keys.meta(), meta_revision_);
+  put(request.add_success(), core_.keys.meta(), as_text(encode_meta(meta_)));
+  TxnResponse response;
+  return core_.cluster->txn(request, &response, core_.deadline()).status;
+}
+
+// What hung on nothing at the revision that was read still does, unless it has been removed since.
+Status Checker::repair() {
+  TxnRequest batch;
+  TxnResponse response;
+  const auto send = [&]() -> Status {
+    if (batch.success_size() == 0) return {};
+    Outcome outcome = core_.cluster->txn(batch, &response, core_.deadline());
+    batch.Clear();
+    return outcome.status;
+  };
+  const auto remove_key = [&](std::string key) -> Status {
+    erase(batch.add_success(), std::move(key));
+    return batch.success_size() < kRemovalsPerBatch ? Status() : send();
+  };
+  for (const TreeCheck::Entry& entry : removable_.nodes) {
+    if (Status status = remove_key(core_.keys.node({entry.parent, entry.name})); !status.ok()) return status;
+  }
+  for (const NodeId id : removable_.values) {
+    if (Status status = remove_key(core_.keys.value(id)); !status.ok()) return status;
+  }
+  if (Status status = send(); !status.ok()) return status;
+  return meta_is_low_ ? raise_next_id() : Status();
+}
+
+}  // namespace
+
+Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
+  if (repair) {
+    if (Status status = core.sweeper.sweep_all(); !status.ok()) return status;
+  }
+  Checker checker(core, report);
+  if (Status status = checker.read(); !status.ok()) return status;
+  checker.finish(totals);
+  return repair ? checker.repair() : Status();
+}
+
+}  // namespace tkv::store::etcd

@@ -1,0 +1,46 @@
+// What all transactions of one open registry on etcd share.
+#ifndef TKV_PLATFORM_STORE_ETCD_CORE_H
+#define TKV_PLATFORM_STORE_ETCD_CORE_H
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "cluster.h"
+#include "id_source.h"
+#include "keys.h"
+#include "node_cache.h"
+#include "requests.h"
+#include "sweeper.h"
+#include "writer.h"
+
+namespace tkv::store::etcd {
+
+struct Core {
+  Core(std::unique_ptr<Cluster> connected, std::string prefix)
+      : cluster(std::move(connected)),
+        keys(std::move(prefix)),
+        cache(kCachedNodes),
+        ids(*cluster, keys),
+        writers(keys),
+        sweeper(*cluster, keys) {}
+
+  static constexpr std::size_t kCachedNodes = 16384;
+
+  Deadline deadline() const { return Deadline(cluster->timeout()); }
+
+  std::unique_ptr<Cluster> cluster;
+  const Keys keys;
+  NodeCache cache;
+  IdSource ids;
+  Writers writers;
+  Sweeper sweeper;
+};
+
+// The one record of an answer, at its place. A record that is not there is revision 0.
+Known known_of(const RangeResponse& response, const Place& place);
+Known known_of(const KeyValue& record, const Place& place);
+
+}  // namespace tkv::store::etcd
+
+#endif

@@ -1,0 +1,194 @@
+#include "etcd_store.h"
+
+#include <exception>
+#include <new>
+#include <random>
+#include <thread>
+
+#include "checker.h"
+#include "core.h"
+#include "record.h"
+#include "snapshot.h"
+#include "transaction.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr std::size_t kMostChanges = 50;  // with each its garbage key and comparisons
+constexpr int kMostLongRuns = 5;
+constexpr std::size_t kLongestPrefix = 256;
+constexpr std::int64_t kLeftoversPerLook = 50;
+
+// No exception of this module's own leaves it. One of the caller's function passes through.
+struct ThrownByCaller {
+  std::exception_ptr exception;
+};
+
+template <typename Function, typename Argument>
+Status call(Function function, Argument& argument) {
+  try {
+    return function(argument);
+  } catch (...) {
+    throw ThrownByCaller{std::current_exception()};
+  }
+}
+
+template <typename Function>
+Status guarded(Function function) {
+  try {
+    return function();
+  } catch (const ThrownByCaller& thrown) {
+    std::rethrow_exception(thrown.exception);
+  } catch (const std::bad_alloc&) {
+    return PRTKV_OUT_OF_MEMORY;
+  } catch (const std::exception& error) {
+    return {PRTKV_UNKNOWN, std::string("unexpected failure: ") + error.what()};
+  }
+}
+
+// Writers that come into each other's way do so less when each waits for a time of its own.
+void pause_before_run(int run, Deadline deadline) {
+  if (run < 2) return;
+  thread_local std::minstd_rand random{std::random_device{}()};
+  const int longest = 1 << std::min(run, 6);
+  const std::chrono::milliseconds pause(std::uniform_int_distribution<int>(0, longest)(random));
+  std::this_thread::sleep_for(std::min(pause, deadline.left()));
+}
+
+class EtcdStore final : public Store {
+ public:
+  EtcdStore(std::unique_ptr<Cluster> cluster, const std::string& prefix) : core_(std::move(cluster), prefix) {}
+  ~EtcdStore() override;
+
+  // Finds the registry, or makes it.
+  Status open(const EtcdOptions& options);
+
+  Status read(FunctionRef<Status(View&)> function) override {
+    return run(Transaction::Purpose::kRead, [&](Transaction& view) { return function(view); });
+  }
+
+  Status read_all(FunctionRef<Status(View&)> function) override;
+
+  Status write(FunctionRef<Status(Update&)> function) override {
+    return run(Transaction::Purpose::kWrite, [&](Transaction& update) { return function(update); });
+  }
+
+  std::size_t max_changes() const override { return kMostChanges; }
+
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override {
+    return guarded([&] { return check_registry(core_, repair, report, totals); });
+  }
+
+  const char* kind() const override { return "etcd"; }
+
+ private:
+  Status run(Transaction::Purpose purpose, FunctionRef<Status(Transaction&)> function);
+
+  Core core_;
+};
+
+Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
+  return guarded([&] {
+    Snapshot snapshot(core_, 0);
+    Status status = call(function, static_cast<View&>(snapshot));
+    return snapshot.failure().ok() ? status : snapshot.failure().status;
+  });
+}
+
+Status EtcdStore::run(Transaction::Purpose purpose, FunctionRef<Status(Transaction&)> function) {
+  return guarded([&]() -> Status {
+    const Deadline deadline = core_.deadline();
+    Basis basis;
+    int long_runs = 0;
+    for (int run = 1;; ++run) {
+      Transaction transaction(core_, purpose, std::move(basis), deadline);
+      Status result = call(function, transaction);
+      if (transaction.finish(&result)) return result;
+      const bool out_of_time = transaction.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
+      if (out_of_time) {
+        return {PRTKV_UNREACHABLE,
+                "given up after " + std::to_string(run) + " attempts: others changed the same entries each time"};
+      }
+      basis = transaction.take_basis();
+      pause_before_run(run, deadline);
+    }
+  });
+}
+
+Status EtcdStore::open(const EtcdOptions& options) {
+  const Keys& keys = core_.keys;
+  const Place root{kNoNode, ""};
+  TxnRequest request;
+  compare_revision(&request, keys.meta(), 0);
+  if (options.create) {
+    put(request.add_success(), keys.meta(), as_text(encode_meta(Meta())));
+    put(request.add_success(), keys.node(root), as_text(encode_node(kNoNode, "", {kRootNode, options.root_security})));
+  }
+  const auto look = [&](const RangeRequest& range) { *request.add_failure()->mutable_request_range() = range; };
+  look(get_one(keys.meta()));
+  look(get_one(keys.node(root)));
+  look(get_range(keys.all_garbage(), kLeftoversPerLook));
+  look(get_range(keys.all_staging(), kLeftoversPerLook));
+  look(get_range(keys.all_writers(), kLeftoversPerLook));
+  TxnResponse response;
+  if (Outcome outcome = core_.cluster->txn(request, &response, core_.deadline()); !outcome.ok()) return outcome.status;
+  if (response.succeeded()) {
+    if (!options.create) return {PRTKV_NO_SUCH_KEY, "there is no registry under '" + options.prefix + "' in etcd"};
+    core_.ids.know(Meta(), response.header().revision());
+    return {};
+  }
+  const RangeResponse& found = response.responses(0).response_range();
+  Meta meta;
+  if (Status status = decode_meta(as_bytes(found.kvs(0).value()), &meta); !status.ok()) {
+    return status.about("the registry under '" + options.prefix + "' in etcd");
+  }
+  core_.ids.know(meta, found.kvs(0).mod_revision());
+  core_.cache.put(root, known_of(response.responses(1).response_range(), root));
+  core_.sweeper.found(response.responses(2).response_range(), response.responses(3).response_range(),
+                      response.responses(4).response_range());
+  return {};
+}
+
+// The marks of this session's writers are of no use to anyone now. When they cannot be removed, a later session does.
+EtcdStore::~EtcdStore() {
+  if (!core_.cluster->is_ours()) return;
+  (void)guarded([&]() -> Status {
+    TxnRequest request;
+    for (const std::string& key : core_.writers.used()) {
+      if (request.success_size() < kMostOperations) erase(request.add_success(), key);
+    }
+    if (request.success_size() == 0) return {};
+    TxnResponse response;
+    constexpr std::chrono::milliseconds kLongest{500};
+    return core_.cluster->txn(request, &response, Deadline(std::min(core_.cluster->timeout(), kLongest))).status;
+  });
+}
+
+Status open(const EtcdOptions& options, std::shared_ptr<Store>* store, std::function<Interceptors()> interceptors) {
+  if (options.prefix.empty() || options.prefix.size() > kLongestPrefix) {
+    return {PRTKV_INVALID_CONFIGURATION, "the prefix of the registry's keys in etcd is 1 to 256 bytes long"};
+  }
+  const ClusterOptions connection{.endpoints = options.endpoints,
+                                  .ca = options.ca,
+                                  .cert = options.cert,
+                                  .key = options.key,
+                                  .user = options.user,
+                                  .password_file = options.password_file,
+                                  .timeout = std::chrono::milliseconds(options.timeout_ms),
+                                  .interceptors = std::move(interceptors)};
+  std::unique_ptr<Cluster> cluster;
+  if (Status status = Cluster::connect(connection, &cluster); !status.ok()) return status;
+  auto opened = std::make_shared<EtcdStore>(std::move(cluster), options.prefix);
+  if (Status status = opened->open(options); !status.ok()) return status;
+  *store = std::move(opened);
+  return {};
+}
+
+}  // namespace
+
+Status open_etcd_store(const EtcdOptions& options, std::shared_ptr<Store>* store,
+                       std::function<Interceptors()> interceptors) {
+  return guarded([&] { return open(options, store, std::move(interceptors)); });
+}
+
+}  // namespace tkv::store::etcd

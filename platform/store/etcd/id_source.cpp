@@ -1,0 +1,64 @@
+#include "id_source.h"
+
+#include <limits>
+
+#include "requests.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr std::uint64_t kBlock = 256;
+
+}  // namespace
+
+Status IdSource::take(NodeId* id, Deadline deadline) {
+  const std::lock_guard lock(mutex_);
+  if (block_.first > block_.last) {
+    if (Status status = claim(kBlock, &block_, deadline); !status.ok()) return status;
+  }
+  *id = block_.first++;
+  return {};
+}
+
+Status IdSource::take_block(std::uint64_t size, IdRange* block, Deadline deadline) {
+  const std::lock_guard lock(mutex_);
+  return claim(size, block, deadline);
+}
+
+void IdSource::know(const Meta& meta, std::int64_t mod_revision) {
+  const std::lock_guard lock(mutex_);
+  meta_ = meta;
+  mod_revision_ = mod_revision;
+}
+
+// An answer that got lost costs a block, no more: the repetition finds the counter changed and takes the next one.
+Status IdSource::claim(std::uint64_t size, IdRange* block, Deadline deadline) {
+  while (true) {
+    if (meta_.next_id > std::numeric_limits<NodeId>::max() - size) {
+      return {PRTKV_STORAGE_FULL, "the registry has no ids left"};
+    }
+    Meta next = meta_;
+    next.next_id += size;
+    TxnRequest request;
+    compare_revision(&request, keys_.meta(), mod_revision_);
+    put(request.add_success(), keys_.meta(), as_text(encode_meta(next)));
+    *request.add_failure()->mutable_request_range() = get_one(keys_.meta());
+    TxnResponse response;
+    if (Outcome outcome = cluster_.txn(request, &response, deadline); !outcome.ok()) return outcome.status;
+    if (response.succeeded()) {
+      *block = {meta_.next_id, next.next_id - 1};
+      meta_ = next;
+      mod_revision_ = response.header().revision();
+      return {};
+    }
+    const RangeResponse& found = response.responses(0).response_range();
+    if (found.kvs_size() == 0) return {PRTKV_STORAGE_FAILED, "the registry on etcd is gone: its next id is not there"};
+    if (Status status = decode_meta(as_bytes(found.kvs(0).value()), &meta_); !status.ok()) {
+      return status.about("the registry's next id");
+    }
+    mod_revision_ = found.kvs(0).mod_revision();
+    if (deadline.left().count() == 0) return {PRTKV_UNREACHABLE, "no new ids could be had in time"};
+  }
+}
+
+}  // namespace tkv::store::etcd

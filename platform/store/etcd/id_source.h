@@ -1,0 +1,46 @@
+// Node ids, never given out twice by any process: each takes blocks off one counter in the cluster by compare-and-swap.
+//
+// Threads. Any number may call.
+#ifndef TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
+#define TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
+
+#include <mutex>
+
+#include "cluster.h"
+#include "keys.h"
+#include "record.h"
+
+namespace tkv::store::etcd {
+
+// Ids from `first` to `last`.
+struct IdRange {
+  NodeId first = 1;
+  NodeId last = 0;
+};
+
+class IdSource {
+ public:
+  IdSource(Cluster& cluster, const Keys& keys) : cluster_(cluster), keys_(keys) {}
+
+  Status take(NodeId* id, Deadline deadline);
+
+  // A block for one user alone.
+  Status take_block(std::uint64_t size, IdRange* block, Deadline deadline);
+
+  // The counter as it was seen last, to spare the first block a round trip.
+  void know(const Meta& meta, std::int64_t mod_revision);
+
+ private:
+  Status claim(std::uint64_t size, IdRange* block, Deadline deadline);
+
+  Cluster& cluster_;
+  const Keys& keys_;
+  std::mutex mutex_;
+  IdRange block_;
+  Meta meta_;
+  std::int64_t mod_revision_ = 0;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

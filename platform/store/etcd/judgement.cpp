@@ -1,0 +1,121 @@
+#include "judgement.h"
+
+#include <string_view>
+
+namespace tkv::store::etcd {
+namespace {
+
+bool contains(const std::string& message, std::string_view part) { return message.find(part) != std::string::npos; }
+
+// gRPC tells the reason of a failed connection behind two layers of its own.
+std::string connection_reason(const std::string& message) {
+  constexpr std::string_view kBefore = "last error: ";
+  const auto at = message.rfind(kBefore);
+  std::string reason = at == std::string::npos ? message : message.substr(at + kBefore.size());
+  if (contains(reason, "CERTIFICATE_VERIFY_FAILED") || contains(reason, "certificate verify failed")) {
+    return "the server's certificate is not trusted (" + reason + ")";
+  }
+  if (contains(reason, "Hostname Verification Check failed") || contains(reason, "Peer name")) {
+    return "the server's certificate is for another host (" + reason + ")";
+  }
+  if (contains(reason, "WRONG_VERSION_NUMBER") || contains(reason, "wrong version number")) {
+    return "the server does not speak TLS (" + reason + ")";
+  }
+  return reason;
+}
+
+bool is_connection_failure(const std::string& message) {
+  return contains(message, "failed to connect") || contains(message, "DNS resolution failed") ||
+         contains(message, "empty address list");
+}
+
+Judgement elsewhere(std::string reason, bool never_sent = false) {
+  return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, std::move(reason)), never_sent};
+}
+
+Judgement final(prtkv_result code, std::string text) { return {Verdict::kFinal, Status(code, std::move(text)), false}; }
+
+Judgement invalid_argument(const std::string& message) {
+  if (contains(message, "request is too large")) {
+    return final(PRTKV_VALUE_TOO_LARGE, "etcd refused the size of the request: " + message);
+  }
+  if (contains(message, "too many operations")) {
+    return final(PRTKV_INVALID_ARGUMENT, "etcd takes fewer operations in one transaction than needed: " + message);
+  }
+  if (contains(message, "authentication failed")) {
+    return final(PRTKV_ACCESS_DENIED, "etcd refused user or password: " + message);
+  }
+  if (contains(message, "user name is empty")) {
+    return final(PRTKV_ACCESS_DENIED, "etcd asks for a user and none is configured: " + message);
+  }
+  if (contains(message, "revision of auth store is old")) {
+    return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message), false};
+  }
+  return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
+}
+
+Judgement resource_exhausted(const std::string& message) {
+  if (contains(message, "database space exceeded")) {
+    return final(PRTKV_STORAGE_FULL, "etcd's space alarm is raised: " + message);
+  }
+  if (contains(message, "larger than max")) {
+    return {Verdict::kAnswerTooLarge, Status(PRTKV_STORAGE_FAILED, "an answer of etcd is too large: " + message),
+            false};
+  }
+  return elsewhere(message);
+}
+
+Judgement out_of_range(const std::string& message) {
+  if (contains(message, "has been compacted")) {
+    return {Verdict::kCompacted,
+            Status(PRTKV_STORAGE_FAILED, "etcd compacted the state that was being read; keep a longer history there"),
+            false};
+  }
+  return elsewhere(message);
+}
+
+}  // namespace
+
+Judgement judge(int grpc_code, const std::string& message) {
+  switch (grpc_code) {
+    case 0:  // OK
+      return {};
+    case 1:  // CANCELLED
+      return elsewhere(message);
+    case 2:  // UNKNOWN: members that stop say so in words of their own
+      return elsewhere(message);
+    case 3:  // INVALID_ARGUMENT
+      return invalid_argument(message);
+    case 4:  // DEADLINE_EXCEEDED
+      return elsewhere("no answer in time");
+    case 5:  // NOT_FOUND
+      return final(PRTKV_STORAGE_FAILED, "etcd does not know what was asked for: " + message);
+    case 7:  // PERMISSION_DENIED
+      return final(PRTKV_ACCESS_DENIED, "etcd does not let the configured user at the registry's keys: " + message);
+    case 8:  // RESOURCE_EXHAUSTED
+      return resource_exhausted(message);
+    case 9:  // FAILED_PRECONDITION
+      if (contains(message, "authentication is not enabled")) {
+        return final(PRTKV_INVALID_CONFIGURATION, "a user is configured but etcd has authentication switched off");
+      }
+      return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
+    case 10:  // ABORTED
+      return elsewhere(message);
+    case 11:  // OUT_OF_RANGE
+      return out_of_range(message);
+    case 12:  // UNIMPLEMENTED
+      return elsewhere("the server lacks what the registry needs of etcd 3.4 or later: " + message);
+    case 13:  // INTERNAL
+      return elsewhere(message);
+    case 14:  // UNAVAILABLE
+      return elsewhere(connection_reason(message), is_connection_failure(message));
+    case 15:  // DATA_LOSS
+      return final(PRTKV_STORAGE_FAILED, "etcd reports damaged data: " + message);
+    case 16:  // UNAUTHENTICATED
+      return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, "etcd refused the login: " + message), false};
+    default:
+      return final(PRTKV_UNKNOWN, "etcd answered with code " + std::to_string(grpc_code) + ": " + message);
+  }
+}
+
+}  // namespace tkv::store::etcd

@@ -1,0 +1,66 @@
+#include "keys.h"
+
+#include <charconv>
+#include <limits>
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr std::size_t kIdDigits = 16;
+
+std::string digits(NodeId id) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text(kIdDigits, '0');
+  for (std::size_t i = kIdDigits; i-- > 0; id >>= 4) text[i] = kDigits[id & 0xf];
+  return text;
+}
+
+std::optional<NodeId> parse_digits(std::string_view text) {
+  if (text.size() != kIdDigits) return {};
+  NodeId id = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id, 16);
+  if (error != std::errc() || end != text.data() + text.size()) return {};
+  if (digits(id) != text) return {};  // capitals are not how this program writes them
+  return id;
+}
+
+// The first key after all those that start with `start`, whose last byte is not 0xff.
+std::string after(std::string start) {
+  ++start.back();
+  return start;
+}
+
+}  // namespace
+
+std::string Keys::node(const Place& place) const { return prefix_ + "n/" + digits(place.parent) + "/" + place.name; }
+
+std::string Keys::value(NodeId id) const { return prefix_ + "v/" + digits(id); }
+
+std::string Keys::garbage(NodeId id) const { return prefix_ + "garbage/" + digits(id); }
+
+KeyRange Keys::folder(std::string_view name) const {
+  std::string begin = prefix_ + std::string(name);
+  return {begin, after(begin)};
+}
+
+KeyRange Keys::nodes_below(NodeId first, NodeId last) const {
+  return {prefix_ + "n/" + digits(first) + "/", after(prefix_ + "n/" + digits(last) + "/")};
+}
+
+KeyRange Keys::values_of(NodeId first, NodeId last) const { return {value(first), value(last) + '\0'}; }
+
+std::optional<Place> Keys::parse_node(std::string_view key) const {
+  const std::size_t head = prefix_.size() + 2;
+  if (key.size() < head + kIdDigits + 1 || !key.starts_with(prefix_ + "n/") || key[head + kIdDigits] != '/') return {};
+  const auto parent = parse_digits(key.substr(head, kIdDigits));
+  if (!parent) return {};
+  return Place{*parent, std::string(key.substr(head + kIdDigits + 1))};
+}
+
+std::optional<NodeId> Keys::parse_id(std::string_view key, std::string_view folder) const {
+  const std::string start = prefix_ + std::string(folder);
+  if (!key.starts_with(start)) return {};
+  return parse_digits(key.substr(start.size()));
+}
+
+}  // namespace tkv::store::etcd

@@ -1,0 +1,74 @@
+// Where a registry's records are in etcd: the layout of the keys under the registry's prefix.
+//
+//   meta                              the next free id
+//   n/<parent's id>/<level name>      a node, where it hangs
+//   v/<id>                            a node's value
+//   txn/<writer>                      the last transaction of a writer, by which it finds out whether a lost one was
+//   made staging/<token>                   a subtree that is being built aside: by whom, under which ids garbage/<id>
+//   a subtree that was taken out of the tree and is to be removed
+//
+// Ids are 16 hexadecimal digits, so that keys of one parent stand together and in byte order of the names. This is on
+// the wire and in the cluster: do not change.
+#ifndef TKV_PLATFORM_STORE_ETCD_KEYS_H
+#define TKV_PLATFORM_STORE_ETCD_KEYS_H
+
+#include <compare>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "store.h"
+
+namespace tkv::store::etcd {
+
+// Where a node hangs.
+struct Place {
+  NodeId parent = kNoNode;
+  std::string name;
+
+  auto operator<=>(const Place&) const = default;
+};
+
+// All keys from `begin` up to `end`, without it.
+struct KeyRange {
+  std::string begin;
+  std::string end;
+};
+
+class Keys {
+ public:
+  explicit Keys(std::string prefix) : prefix_(std::move(prefix)) {}
+
+  std::string meta() const { return prefix_ + "meta"; }
+  std::string node(const Place& place) const;
+  std::string value(NodeId id) const;
+  std::string garbage(NodeId id) const;
+  std::string staging(std::string_view token) const { return prefix_ + "staging/" + std::string(token); }
+  std::string writer(std::string_view writer) const { return prefix_ + "txn/" + std::string(writer); }
+
+  KeyRange all_nodes() const { return folder("n/"); }
+  KeyRange all_values() const { return folder("v/"); }
+  KeyRange all_garbage() const { return folder("garbage/"); }
+  KeyRange all_staging() const { return folder("staging/"); }
+  KeyRange all_writers() const { return folder("txn/"); }
+  KeyRange children(NodeId parent) const { return nodes_below(parent, parent); }
+
+  // The nodes that hang below the ids from `first` to `last`, and the values of those ids.
+  KeyRange nodes_below(NodeId first, NodeId last) const;
+  KeyRange values_of(NodeId first, NodeId last) const;
+
+  // The other way round; nothing when the key is none of that kind.
+  std::optional<Place> parse_node(std::string_view key) const;
+  std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
+  std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
+
+ private:
+  KeyRange folder(std::string_view name) const;
+  std::optional<NodeId> parse_id(std::string_view key, std::string_view folder) const;
+
+  std::string prefix_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

@@ -1,0 +1,36 @@
+#include "node_cache.h"
+
+namespace tkv::store::etcd {
+
+std::optional<Known> NodeCache::get(const Place& place) {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(place);
+  if (found == entries_.end()) return {};
+  used_.splice(used_.begin(), used_, found->second.used);
+  return found->second.known;
+}
+
+void NodeCache::put(const Place& place, const Known& known) {
+  if (!known.node) return;
+  const std::lock_guard lock(mutex_);
+  const auto [entry, added] = entries_.try_emplace(place);
+  if (!added) {
+    if (known.mod_revision >= entry->second.known.mod_revision) entry->second.known = known;
+    return;
+  }
+  used_.push_front(&entry->first);
+  entry->second = Cached{known, used_.begin()};
+  if (entries_.size() <= capacity_) return;
+  entries_.erase(entries_.find(*used_.back()));
+  used_.pop_back();
+}
+
+void NodeCache::erase(const Place& place) {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(place);
+  if (found == entries_.end()) return;
+  used_.erase(found->second.used);
+  entries_.erase(found);
+}
+
+}  // namespace tkv::store::etcd

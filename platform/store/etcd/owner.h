@@ -1,0 +1,25 @@
+// Who left something in the cluster: told by a line of text that another process can judge.
+#ifndef TKV_PLATFORM_STORE_ETCD_OWNER_H
+#define TKV_PLATFORM_STORE_ETCD_OWNER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tkv::store::etcd {
+
+// This process: "<machine's boot> <process namespace> <process> <its start>", no line breaks.
+std::string this_owner();
+
+// Whether the owner is known to have ended. False for owners on other machines, of which nothing is known.
+bool has_ended(std::string_view owner);
+
+// Seconds since 1970.
+std::int64_t seconds_now();
+
+// 16 random bytes in hexadecimal digits.
+std::string random_token();
+
+}  // namespace tkv::store::etcd
+
+#endif

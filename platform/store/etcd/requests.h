@@ -1,0 +1,83 @@
+// Parts of etcd requests, in one line each.
+#ifndef TKV_PLATFORM_STORE_ETCD_REQUESTS_H
+#define TKV_PLATFORM_STORE_ETCD_REQUESTS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "etcd.pb.h"
+#include "keys.h"
+
+namespace tkv::store::etcd {
+
+using etcdserverpb::Compare;
+using etcdserverpb::KeyValue;
+using etcdserverpb::RangeRequest;
+using etcdserverpb::RangeResponse;
+using etcdserverpb::RequestOp;
+using etcdserverpb::TxnRequest;
+using etcdserverpb::TxnResponse;
+
+// What one transaction of etcd takes as it comes, with room left for what every write adds.
+constexpr int kMostOperations = 128;
+constexpr std::size_t kMostBytes = 1400 * 1024;
+
+// The key stands at this revision; 0: it is not there.
+inline void compare_revision(TxnRequest* request, std::string key, std::int64_t mod_revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::MOD);
+  compare->set_result(Compare::EQUAL);
+  compare->set_key(std::move(key));
+  compare->set_mod_revision(mod_revision);
+}
+
+// No key of the range was made after this revision.
+inline void compare_no_newcomer(TxnRequest* request, KeyRange range, std::int64_t revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::CREATE);
+  compare->set_result(Compare::LESS);
+  compare->set_key(std::move(range.begin));
+  compare->set_range_end(std::move(range.end));
+  compare->set_create_revision(revision + 1);
+}
+
+inline RangeRequest get_one(std::string key) {
+  RangeRequest request;
+  request.set_key(std::move(key));
+  return request;
+}
+
+inline RangeRequest get_range(KeyRange range, std::int64_t limit) {
+  RangeRequest request;
+  request.set_key(std::move(range.begin));
+  request.set_range_end(std::move(range.end));
+  request.set_limit(limit);
+  return request;
+}
+
+inline void put(RequestOp* operation, std::string key, std::string value) {
+  operation->mutable_request_put()->set_key(std::move(key));
+  operation->mutable_request_put()->set_value(std::move(value));
+}
+
+inline void erase(RequestOp* operation, std::string key) {
+  operation->mutable_request_delete_range()->set_key(std::move(key));
+}
+
+inline void erase(RequestOp* operation, KeyRange range) {
+  operation->mutable_request_delete_range()->set_key(std::move(range.begin));
+  operation->mutable_request_delete_range()->set_range_end(std::move(range.end));
+}
+
+inline std::span<const std::byte> as_bytes(const std::string& text) { return std::as_bytes(std::span(text)); }
+
+template <typename Record>
+std::string as_text(const Record& record) {
+  return {reinterpret_cast<const char*>(record.data()), record.size()};
+}
+
+}  // namespace tkv::store::etcd
+
+#endif

@@ -1,0 +1,40 @@
+// The tree at one revision, for reading as many nodes as there are. Nothing is compared afterwards: whatever is
+// written meanwhile, this state stays readable until etcd compacts it.
+#ifndef TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
+#define TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
+
+#include <cstdint>
+#include <string>
+
+#include "core.h"
+#include "store.h"
+
+namespace tkv::store::etcd {
+
+class Snapshot final : public View {
+ public:
+  // `revision` 0: the newest at the first reading.
+  Snapshot(Core& core, std::int64_t revision) : core_(core), revision_(revision) {}
+
+  Status find(NodeId parent, std::string_view name, Node* node) override;
+  Status value(NodeId id, Value* value) override;
+  Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+  Status has_children(NodeId parent, bool* answer) override;
+  std::uint64_t structure() override { return 0; }
+
+  // The first failure of the cluster, as opposed to what was not found or is damaged.
+  const Outcome& failure() const { return failure_; }
+
+ private:
+  Status get(RangeRequest request, RangeResponse* response);
+  Status fail(const Outcome& outcome);
+
+  Core& core_;
+  std::int64_t revision_;
+  std::string record_;  // of the value that was read last
+  Outcome failure_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

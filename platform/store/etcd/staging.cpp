@@ -1,0 +1,81 @@
+#include "staging.h"
+
+#include <sstream>
+
+#include "owner.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr std::int64_t kLongSeconds = 600;
+
+}  // namespace
+
+// A line a field: this is read by people with etcdctl as well.
+std::string StagingText::print() const {
+  std::ostringstream text;
+  text << "batch " << batch << "\ntime " << seconds << "\nstate " << (given_up ? "given-up" : "building") << "\nowner "
+       << owner << '\n';
+  for (const IdRange& range : ids) text << "ids " << range.first << ' ' << range.last << '\n';
+  return text.str();
+}
+
+std::optional<StagingText> StagingText::parse(const std::string& text) {
+  StagingText result;
+  // What a repetition writes over a batch that was not made: the build did not go on from there.
+  const bool fenced = text.starts_with("not ");
+  std::istringstream lines(fenced ? text.substr(4) : text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string field;
+    words >> field >> std::ws;
+    if (field == "batch") {
+      words >> result.batch;
+    } else if (field == "time") {
+      words >> result.seconds;
+    } else if (field == "state") {
+      std::string state;
+      words >> state;
+      result.given_up = state == "given-up";
+    } else if (field == "owner") {
+      std::getline(words, result.owner);
+    } else if (field == "ids") {
+      IdRange range;
+      words >> range.first >> range.last;
+      result.ids.push_back(range);
+    } else {
+      return {};
+    }
+    if (words.fail()) return {};
+  }
+  if (result.batch == 0) return {};
+  result.given_up = result.given_up || fenced;
+  return result;
+}
+
+bool StagingText::is_abandoned(std::int64_t now) const {
+  return given_up || has_ended(owner) || now - seconds > kLongSeconds;
+}
+
+Build::Build(Cluster& cluster, const Keys& keys) : cluster_(cluster), mark_{keys.staging(random_token()), 0} {
+  text_.owner = this_owner();
+}
+
+Status Build::send(TxnRequest batch, const std::vector<IdRange>& ids, bool* lost) {
+  *lost = false;
+  ++text_.batch;
+  text_.seconds = seconds_now();
+  text_.ids = ids;
+  const Written written = write_once(cluster_, std::move(batch), &mark_, text_.print(), Deadline(cluster_.timeout()));
+  if (!written.status.ok()) return written.status;
+  *lost = !written.made;
+  return {};
+}
+
+void Build::finish_in(TxnRequest* last) const {
+  compare_revision(last, mark_.key, mark_.mod_revision);
+  erase(last->add_success(), mark_.key);
+}
+
+}  // namespace tkv::store::etcd

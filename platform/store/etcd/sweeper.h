@@ -1,0 +1,80 @@
+// Removes what hangs on nothing any more: subtrees that were taken out of the tree, and what interrupted builds left.
+//
+// Such things have a key that names them until they are gone, so that whoever opens the registry next finishes what a
+// session leaves undone. Removal goes from the leaves up, in bounded batches; any number of sweepers may be at the same
+// subtree.
+//
+// Threads. Any number may call. The work is done by a thread that lives while there is some.
+#ifndef TKV_PLATFORM_STORE_ETCD_SWEEPER_H
+#define TKV_PLATFORM_STORE_ETCD_SWEEPER_H
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cluster.h"
+#include "function_ref.h"
+#include "keys.h"
+#include "requests.h"
+#include "staging.h"
+#include "writer.h"
+
+namespace tkv::store::etcd {
+
+class Sweeper {
+ public:
+  Sweeper(Cluster& cluster, const Keys& keys) : cluster_(cluster), keys_(keys) {}
+
+  // Goes on for a moment when there is work left, and leaves the rest to another session.
+  ~Sweeper();
+
+  Sweeper(const Sweeper&) = delete;
+  Sweeper& operator=(const Sweeper&) = delete;
+
+  // Removes subtrees in the garbage, given by their keys: at once as far as a moment goes, so that most leave nothing
+  // behind, and the rest later.
+  void remove_garbage(const std::vector<std::string>& keys);
+
+  // The key of a build that its owner, this process, gives up.
+  void give_up_build(std::string key);
+
+  // Removes everything that lies about and belongs to nobody alive, now, on the caller's thread.
+  Status sweep_all();
+
+  // What lies about, as read when the registry was opened; starts removing what belongs to nobody alive.
+  void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers);
+
+ private:
+  struct Job {
+    enum class Kind { kGarbage, kOwnBuild, kBuild, kLookAround } kind;
+    std::string key;
+  };
+
+  using Stop = FunctionRef<bool()>;  // whether to leave the rest for later
+
+  void add(Job job);
+  void work();
+  Status carry_out(const Job& job);
+  bool stopping();
+  Status sweep_garbage(const std::string& key, Stop stop);
+  Status sweep_build(const std::string& key, bool ours);
+  Status sweep_range(const KeyRange& range);
+  Status sweep_below(NodeId top, Stop stop);
+  Status remove(TxnRequest* batch);
+
+  Cluster& cluster_;
+  const Keys& keys_;
+  std::mutex mutex_;
+  std::deque<Job> jobs_;
+  bool working_ = false;
+  bool stop_ = false;
+  std::condition_variable idle_;
+  std::thread thread_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

@@ -1,0 +1,148 @@
+// One run of a caller's function on one state of the tree, made of what is known of it and asked for as little as
+// possible.
+//
+// A run takes what it needs from the cache first. What is not there is fetched, and the same request compares all that
+// was read so far: afterwards everything read stands at one revision, and further fetching just reads at that one. A
+// run whose comparisons fail is repeated on the fresh records that the failing request brings back, all of one
+// revision again. So a function that only reads runs twice at the most (three times when etcd compacts meanwhile), and
+// one that writes is repeated only as often as another writer comes before it.
+//
+// What a run writes is kept here until the end and made by one transaction that compares all that was read.
+#ifndef TKV_PLATFORM_STORE_ETCD_TRANSACTION_H
+#define TKV_PLATFORM_STORE_ETCD_TRANSACTION_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "core.h"
+#include "snapshot.h"
+#include "staging.h"
+#include "store.h"
+
+namespace tkv::store::etcd {
+
+// What the run before brought back, all of one revision; 0: nothing.
+struct Basis {
+  std::int64_t revision = 0;
+  std::map<Place, Known> nodes;
+};
+
+class Transaction final : public Update {
+ public:
+  enum class Purpose { kRead, kWrite };
+
+  Transaction(Core& core, Purpose purpose, Basis basis, Deadline deadline);
+  ~Transaction();
+
+  Status find(NodeId parent, std::string_view name, Node* node) override;
+  Status value(NodeId id, Value* value) override;
+  Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+  Status has_children(NodeId parent, bool* answer) override;
+  std::uint64_t structure() override { return 0; }
+
+  Status new_id(NodeId* id) override;
+  Status insert(NodeId parent, std::string_view name, const Node& node) override;
+  Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override;
+  Status unlink(NodeId parent, std::string_view name) override;
+  Status discard(NodeId id) override;
+  Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override;
+  View& before() override;
+
+  // Ends a run whose function returned `*result`: makes sure that it stood on one state and makes what it wrote.
+  // False: the function must run again, on `basis()`. True: `*result` is the answer.
+  bool finish(Status* result);
+
+  Basis take_basis() { return std::move(basis_); }
+
+  // Whether this run was a long one, to which no limit of time applies as a whole.
+  bool is_long() const { return long_; }
+
+ private:
+  struct ReadValue {
+    std::int64_t mod_revision = 0;
+    std::string record;
+    Value value;
+  };
+  struct Listing {
+    KeyRange range;
+    std::int64_t revision = 0;  // after which no newcomer may have appeared
+  };
+
+  Deadline deadline() const;
+  Status fail(Status status);
+  Status run_again(bool from_scratch);
+
+  bool is_fresh(NodeId id) const;
+  bool is_sent_ahead(const Place& place) const;
+
+  Status look_up(const Place& place, const Known** known);
+  Status look_up_written(const Place& place, bool* written, std::optional<Node>* node);
+  Status fetch(RangeRequest range, RangeResponse* response, const Place* node);
+  Status read_newest(const RangeRequest& range, RangeResponse* response);
+  Status add_read(const Place& place, Known known, bool validated, const Known** added);
+  void add_comparisons(TxnRequest* request) const;
+  void add_rereading(TxnRequest* request) const;
+  void learn(const TxnResponse& response, const Place* also);
+  Status validate();
+
+  Status list_below_fresh(NodeId parent, std::vector<std::pair<std::string, Node>>* list);
+  Status list_for_update(NodeId parent, std::vector<std::pair<std::string, Node>>* list);
+  Status visit_pages(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit);
+  Status visit_merged(NodeId parent, const std::vector<std::pair<std::string, Node>>& list,
+                      FunctionRef<Status(std::string_view name, const Node& node)> visit);
+  std::int64_t removed_below(NodeId parent) const;
+  bool has_written_child(NodeId parent) const;
+
+  void write(Place place, std::optional<Node> node);
+  Status make_room_ahead(std::size_t bytes);
+  bool goes_ahead(const Place& place, const std::optional<Node>& node) const;
+  Status send_ahead();
+  Status send_batch(TxnRequest* batch);
+  bool has_written() const;
+  std::string value_record(NodeId id, std::int32_t type, std::span<const std::byte> bytes) const;
+  void add_node_write(RequestOp* operation, const Place& place, const std::optional<Node>& node) const;
+  void make_last(TxnRequest* request) const;
+  bool fits(const TxnRequest& request) const;
+  bool commit(Status* result);
+  void remember(std::int64_t revision);
+
+  Core& core_;
+  const Purpose purpose_;
+  Basis basis_;
+  const Deadline deadline_;
+  const bool first_run_;
+
+  std::int64_t revision_ = 0;  // at which all that was read stands, but for what is not validated
+  std::map<Place, Known> nodes_;
+  std::map<NodeId, ReadValue> values_;
+  std::vector<Listing> listings_;
+  std::set<NodeId> childless_;  // found without children in `listings_`
+  std::size_t unvalidated_ = 0;
+  bool use_cache_;
+
+  std::map<Place, std::optional<Node>> node_writes_;
+  std::map<NodeId, std::optional<std::string>> value_writes_;  // records; none: removed
+  std::set<NodeId> discarded_;
+  std::vector<IdRange> fresh_;
+  IdRange reserved_;  // ids taken for this run alone
+  std::uint64_t next_block_;
+  std::size_t ahead_operations_ = 0;
+  std::size_t ahead_bytes_ = 0;
+  std::unique_ptr<Build> build_;
+  std::unordered_set<std::size_t> sent_;  // hashes of places that were sent ahead
+  std::unique_ptr<Snapshot> before_;
+
+  bool again_ = false;
+  bool long_ = false;
+  Status failure_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
