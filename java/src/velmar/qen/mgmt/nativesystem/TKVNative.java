@@ -214,8 +214,8 @@ public final class TKVNative {
     public native String getGroupName(String keyName, Object result);
 
     /**
-     * Copies a key's value and subtree onto an existing key. Values over 2048 bytes stop the copy, and a copy that stops
-     * leaves what it has done. After a failure within the subtree the status is true, and the object holds a code or a
+     * Copies a key's value and subtree onto an existing key. Values over 2048 bytes stop the copy, and a copy that
+     * stops leaves what it has done. After a failure within the subtree the status is true, and the object holds a code or a
      * text as well.
      *
      * @param sourceKey full name

@@ -22,6 +22,9 @@ public class TKVResult {
 
     private static final VarHandle SWITCH_WORD =
             MethodHandles.byteBufferViewVarHandle(int[].class, ByteOrder.nativeOrder());
+    /** Guarded by the class: what setTracing last asked for, and how many objects need the lines themselves. */
+    private static boolean wanted;
+    private static int holders;
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
 
     static {
@@ -41,17 +44,33 @@ public class TKVResult {
      *
      * @param on whether native methods write trace lines
      */
-    public static void setTracing(boolean on) {
-        SWITCH_WORD.setVolatile(TRACE_SWITCH, 0, on ? 1 : 0);
+    public static synchronized void setTracing(boolean on) {
+        wanted = on;
+        publish();
     }
 
     /**
-     * Whether native methods write trace lines.
+     * Whether tracing was switched on.
      *
-     * @return true when they do
+     * @return true when it was
      */
-    public static boolean isTracing() {
-        return (int) SWITCH_WORD.getVolatile(TRACE_SWITCH, 0) != 0;
+    public static synchronized boolean isTracing() {
+        return wanted;
+    }
+
+    /**
+     * Makes native methods write their lines for a while, whether tracing is switched on or not: for a subclass whose
+     * {@link #trace} reads them. Each hold ends with a release.
+     *
+     * @param hold true to hold, false to release
+     */
+    protected static synchronized void holdTracing(boolean hold) {
+        holders += hold ? 1 : -1;
+        publish();
+    }
+
+    private static void publish() {
+        SWITCH_WORD.setVolatile(TRACE_SWITCH, 0, wanted || holders > 0 ? 1 : 0);
     }
 
     /**

@@ -1,0 +1,10 @@
+package velmar.qen.mgmt.registry;
+
+/** The key has subkeys and only a whole tree could be deleted, code 6. */
+public final class KeyNotEmptyException extends RegistryException {
+    private static final long serialVersionUID = 1;
+
+    KeyNotEmptyException(int code, String key, String text) {
+        super(code, key, text);
+    }
+}

@@ -1,0 +1,10 @@
+package velmar.qen.mgmt.registry;
+
+/** The registry was closed before the call could start. Its code is 3, of a handle that is no longer valid. */
+public final class RegistryClosedException extends RegistryException {
+    private static final long serialVersionUID = 1;
+
+    RegistryClosedException(String text) {
+        super(3, null, text);
+    }
+}

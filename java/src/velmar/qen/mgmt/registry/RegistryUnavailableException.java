@@ -1,0 +1,10 @@
+package velmar.qen.mgmt.registry;
+
+/** The registry cannot be reached; a later call tries again, code 15. */
+public final class RegistryUnavailableException extends RegistryException {
+    private static final long serialVersionUID = 1;
+
+    RegistryUnavailableException(int code, String key, String text) {
+        super(code, key, text);
+    }
+}

@@ -1,0 +1,79 @@
+package velmar.qen.mgmt.registry;
+
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import velmar.qen.mgmt.nativesystem.TKVResult;
+
+/**
+ * What one native call reported, read for its outcome: a call failed when its status is false, and also when it
+ * delivered a code or a text and then a status of true.
+ */
+class Report extends TKVResult {
+    private static final Pattern CODE_OF_TEXT = Pattern.compile("^TKV-(\\d{4}): ");
+
+    private int failures;
+    private boolean coded;
+    private String firstText;
+
+    @Override
+    public void setTKVErrCode(int errCode) {
+        super.setTKVErrCode(errCode);
+        failures++;
+        coded = true;
+    }
+
+    @Override
+    public void setTKVResultString(String resultString) {
+        super.setTKVResultString(resultString);
+        failures++;
+        if (firstText == null) {
+            firstText = resultString;
+        }
+    }
+
+    boolean failed() {
+        return !getStatus() || failures > 0;
+    }
+
+    /** Whether the failure was working out a key's security, which is reported twice. */
+    boolean failedForSecurity() {
+        return failures > 1;
+    }
+
+    /** The first text, the one nearest to the cause; null when none was delivered. */
+    String text() {
+        return firstText;
+    }
+
+    /** The exception for the failure. */
+    RegistryException exception(String key) {
+        if (firstText == null && coded && getTKVErrCode() <= 1) {
+            return new RegistryClosedException("the native session was ended by another user of TKVNative");
+        }
+        return RegistryException.of(code(), key, firstText != null ? describe(key) : "result " + code());
+    }
+
+    private int code() {
+        if (firstText == null) {
+            return coded ? getTKVErrCode() : RegistryException.UNKNOWN;
+        }
+        Matcher code = CODE_OF_TEXT.matcher(firstText);
+        if (code.find()) {
+            return Integer.parseInt(code.group(1));
+        }
+        return switch (firstText) {
+            case "TKV_KEY_ALREADY_EXISTS" -> 55;
+            case "TKV_VALUE_LIST_TOO_LONG" -> 10;
+            case "TKV_VALUE_LIST_INVALID" -> RegistryException.INVALID_ARGUMENT;
+            default -> RegistryException.UNKNOWN;
+        };
+    }
+
+    private String describe(String key) {
+        return switch (firstText) {
+            case "TKV_KEY_ALREADY_EXISTS" -> "TKV-0055: key '" + key + "' exists";
+            case "TKV_VALUE_LIST_TOO_LONG" -> "TKV-0010: the list for key '" + key + "' needs more than 8192 bytes";
+            default -> firstText;
+        };
+    }
+}
