@@ -11,9 +11,7 @@
 namespace tkv::lpm {
 namespace {
 
-bool is_paged(std::size_t size) {
-  return size >= MemoryContext::kPagedSize;
-}
+bool is_paged(std::size_t size) { return size >= MemoryContext::kPagedSize; }
 
 void clear(void* address, std::size_t size) {
   // Pages given back read as zeros, and the system clears them before anybody else gets them. Locked ones it refuses.

@@ -169,9 +169,7 @@ iconv_t IconvDescriptor::release() {
   return descriptor;
 }
 
-void IconvDescriptor::reset() {
-  iconv(descriptor_, nullptr, nullptr, nullptr, nullptr);
-}
+void IconvDescriptor::reset() { iconv(descriptor_, nullptr, nullptr, nullptr, nullptr); }
 
 namespace {
 
@@ -207,15 +205,9 @@ IconvDescriptor::Outcome IconvDescriptor::finish(char** to, std::size_t* room) {
 Charset::Charset(std::string name, std::uint16_t id, Kind kind, bool is_multibyte)
     : name_(std::move(name)), id_(id), kind_(kind), is_multibyte_(is_multibyte) {}
 
-const Charset* Charset::find(std::string_view name) {
-  return Charsets::instance().find(name);
-}
-const Charset* Charset::by_id(std::int32_t id) {
-  return Charsets::instance().by_id(id);
-}
-const Charset* Charset::at(const void* address) {
-  return Charsets::instance().at(address);
-}
+const Charset* Charset::find(std::string_view name) { return Charsets::instance().find(name); }
+const Charset* Charset::by_id(std::int32_t id) { return Charsets::instance().by_id(id); }
+const Charset* Charset::at(const void* address) { return Charsets::instance().at(address); }
 
 std::optional<std::string> Charset::encode(std::u16string_view text) const {
   switch (kind_) {

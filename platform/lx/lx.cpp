@@ -200,9 +200,7 @@ extern "C" void* lxhci2h(int32_t charset_id, void* handle) {
   return const_cast<Charset*>(Charset::by_id(charset_id));
 }
 
-extern "C" uint32_t lxsulen(const char* text) {
-  return text == nullptr ? 0 : static_cast<uint32_t>(std::strlen(text));
-}
+extern "C" uint32_t lxsulen(const char* text) { return text == nullptr ? 0 : static_cast<uint32_t>(std::strlen(text)); }
 
 extern "C" int32_t lxgt2u(uint16_t* to, uint32_t capacity, const char* from, void* charset_address, uint32_t length,
                           uint32_t flags, void* handle_area) {

@@ -12,9 +12,7 @@ namespace {
 
 constexpr const char* kDefaultCharset = "UTF-8";
 
-bool is_c_locale(std::string_view name) {
-  return name == "C" || name == "POSIX";
-}
+bool is_c_locale(std::string_view name) { return name == "C" || name == "POSIX"; }
 
 // The character set of an installed locale; empty when there is none of that name.
 std::string installed_charset(std::string_view name) {

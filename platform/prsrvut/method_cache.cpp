@@ -110,8 +110,6 @@ jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char*
   return id;
 }
 
-void forget_methods(JNIEnv* env) {
-  Classes::instance().forget(env);
-}
+void forget_methods(JNIEnv* env) { Classes::instance().forget(env); }
 
 }  // namespace tkv::prsrvut

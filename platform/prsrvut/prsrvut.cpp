@@ -253,9 +253,7 @@ extern "C" void prsrvut_trace(JNIEnv* env, jobject result, const char* format, .
   va_end(arguments);
 }
 
-extern "C" int prsrvut_isDebugOn(JNIEnv* /*env*/, jobject /*result*/) {
-  return tkv::prsrvut::is_tracing() ? 1 : 0;
-}
+extern "C" int prsrvut_isDebugOn(JNIEnv* /*env*/, jobject /*result*/) { return tkv::prsrvut::is_tracing() ? 1 : 0; }
 
 extern "C" jstring prsrvut_NewStringUTF(JNIEnv* env, const char* text) {
   if (text == nullptr) return nullptr;

@@ -53,9 +53,7 @@ std::int32_t succeed(void* error) {
 }
 
 // Ways in which name services say that they know no such entry.
-bool means_unknown(int result) {
-  return result == 0 || result == ENOENT || result == ESRCH;
-}
+bool means_unknown(int result) { return result == 0 || result == ENOENT || result == ESRCH; }
 
 // Asks for an entry with a buffer that grows as the system wants, and gives errno, or 0. `*name` stays empty when there
 // is no such entry.
