@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "identity.h"
+#include "name_service.h"
 
 namespace tkv::scls {
 

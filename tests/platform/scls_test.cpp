@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "identity.h"
+#include "name_service.h"
 
 namespace {
 

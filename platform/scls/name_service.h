@@ -1,6 +1,6 @@
 // The identity queries of scls against a name service of the caller's choice.
-#ifndef TKV_PLATFORM_SCLS_IDENTITY_H
-#define TKV_PLATFORM_SCLS_IDENTITY_H
+#ifndef TKV_PLATFORM_SCLS_NAME_SERVICE_H
+#define TKV_PLATFORM_SCLS_NAME_SERVICE_H
 
 #include <grp.h>
 #include <pwd.h>
