@@ -67,6 +67,13 @@ enum {
   PRTKV_TYPE_LIST = 5    /* texts, each followed by a NUL, and one NUL more */
 };
 
+/* Storage modes, each with the services that the high-availability daemon must wait for when it starts. */
+enum {
+  PRTKV_ZUVED_STORAGE_NONE = 0,  /* no storage management: "membership" */
+  PRTKV_ZUVED_STORAGE_LOCAL = 1, /* storage managed on this node: "membership", "storage" */
+  PRTKV_ZUVED_STORAGE_REMOTE = 2 /* storage managed by other nodes: "membership", "network", "storage-client" */
+};
+
 /* Opens a session on the configured registry, which is created when it does not exist yet. `level` is 0 or more
  * and only recorded. On failure `error_text` holds the reason, NUL-terminated within the `*error_size` bytes that
  * the buffer has, and `*error_size` the text's length without its NUL. `flags` is 0. */
@@ -95,7 +102,7 @@ int32_t prtkv_create_n_set_key_ext(prtkv_ctx ctx, void *reserved, prtkv_key pare
                                    uint32_t size, uint32_t flags);
 
 /* Deletes the key; its handle is closed when that succeeded, and stays open otherwise. With `recursive` 0 a key that
- * has subkeys gives 6; with 1 the whole subtree is deleted, all or nothing, which needs the delete right on every
+ * has subkeys gives 6; with 1 (others give 8) the whole subtree is deleted, all or nothing, which needs the delete right on every
  * key of it. The root cannot be deleted (8). */
 int32_t prtkv_delete_key(prtkv_ctx ctx, prtkv_key key, int32_t recursive);
 
@@ -120,18 +127,20 @@ int32_t prtkv_set_value(prtkv_ctx ctx, prtkv_key key, int32_t type, const void *
 
 int32_t prtkv_get_key_security(prtkv_ctx ctx, prtkv_key key, sec_attr *sec);
 
-/* Masks with bits outside TKV_RIGHT_ALL give 8. */
+/* Needs the security right, which covers the whole record, owner and group included: whoever may change the masks could
+ * grant himself everything. Masks with bits outside TKV_RIGHT_ALL give 8, here and in records of new keys. */
 int32_t prtkv_set_key_security(prtkv_ctx ctx, prtkv_key key, sec_attr sec);
 
 /* `flags`: PRTKV_SECURITY_EXT_FLAGS or 0. */
 int32_t prtkv_set_key_security_ext(prtkv_ctx ctx, void *reserved, prtkv_key key, uint32_t flags, sec_attr sec);
 
-/* Gives the text of the context's last failure, cut to fit and always NUL-terminated, its code, and in `*size` its
- * length without the NUL. Returns 0 only when there is a text; leaves the text in place. */
+/* Gives the text of the context's last failure, cut to fit the `*size` bytes of the buffer and always NUL-terminated,
+ * its code, and in `*size` its length without the NUL. Returns 0 only when there is a text, 14 when there is none;
+ * leaves the text in place. */
 int32_t prtkv_get_last_error(prtkv_ctx ctx, int32_t *code, char *text, int32_t *size);
 
-/* Reads the configuration: whether a registry is configured, whether it is local to this node, and its locations, in
- * order, in PRTKV_LOCATION_SLOTS slots of PRTKV_LOCATION_SLOT_SIZE bytes (unused slots are empty). Error text and
+/* Reads the configuration: whether it names a location (0: the default one is in force), whether the registry is local
+ * to this node, and its locations, in order, in PRTKV_LOCATION_SLOTS slots of PRTKV_LOCATION_SLOT_SIZE bytes (unused slots are empty). Error text and
  * size as prtkv_init_ext. `flags`: PRTKV_GET_CONF_FLAGS or 0. */
 int32_t prtkv_get_conf(lpm_ctx pm, int32_t *configured, int32_t *local_only, void *reserved, char *locations,
                        char *error_text, uint64_t *error_size, uint32_t flags);
@@ -142,10 +151,13 @@ int32_t prtkv_get_conf(lpm_ctx pm, int32_t *configured, int32_t *local_only, voi
 int32_t prtkv_check_storage(lpm_ctx pm, const char *path, char *error_text, int32_t *error_size, uint32_t flags);
 
 /* Gives the configured backup location in a buffer of PRTKV_BACKUP_LOCATION_SIZE bytes (empty when none is
- * configured) and the backup's size limit in bytes, 0 for none. `flags`: PRTKV_BACKUP_LOC_FLAGS or 0. */
+ * configured) and the backup's size limit in bytes, 0 for none; none can be configured. `flags`: PRTKV_BACKUP_LOC_FLAGS or 0. */
 int32_t prtkv_get_backup_loc(prtkv_ctx ctx, char *location, uint64_t *size_limit, uint32_t flags);
 
-/* Records the start dependencies of the high-availability daemon for a storage mode. `flags` is 0. */
+/* Records the start dependencies of the high-availability daemon for a storage mode: the mode's number as a decimal
+ * text (PRTKV_TYPE_TEXT) at the key SYSTEM.ZUVED.mode and its services as a list (PRTKV_TYPE_LIST) at
+ * SYSTEM.ZUVED.dependencies, both or neither; keys that are missing are created. Another mode than those above gives
+ * 8. `flags` is 0. */
 int32_t prtkv_set_zuved_dependencies(prtkv_ctx ctx, int32_t mode, uint32_t flags);
 
 #ifdef __cplusplus

@@ -1,0 +1,77 @@
+#include "access.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tkv::registry {
+namespace {
+
+std::string_view field_text(const char (&field)[TKV_NAME_SIZE]) { return {field, strnlen(field, sizeof field)}; }
+
+bool is_outside(std::int32_t mask) { return (mask & ~TKV_RIGHT_ALL) != 0; }
+
+bool has_group(const Identity& identity, std::string_view name) {
+  return !name.empty() && std::find(identity.groups.begin(), identity.groups.end(), name) != identity.groups.end();
+}
+
+}  // namespace
+
+AccessReason explain_access(const Identity& identity, const sec_attr& security) {
+  AccessReason reason;
+  const std::string_view user = user_of(security);
+  reason.superuser = identity.superuser;
+  reason.owner = !user.empty() && user == identity.user;
+  reason.group = has_group(identity, group_of(security));
+  reason.owner_grants = reason.owner ? security.user_perm : 0;
+  reason.group_grants = reason.group ? security.group_perm : 0;
+  reason.other_grants = security.other_perm;
+  reason.granted = (reason.owner_grants | reason.group_grants | reason.other_grants) & TKV_RIGHT_ALL;
+  if (reason.superuser) reason.granted = TKV_RIGHT_ALL;
+  return reason;
+}
+
+Rights rights_of(const Identity& identity, const sec_attr& security) {
+  return explain_access(identity, security).granted;
+}
+
+const char* right_name(Rights right) {
+  switch (right) {
+    case TKV_RIGHT_READ:
+      return "read";
+    case TKV_RIGHT_LIST:
+      return "list";
+    case TKV_RIGHT_WRITE:
+      return "write";
+    case TKV_RIGHT_SECURITY:
+      return "security";
+    case TKV_RIGHT_CREATE:
+      return "create";
+    case TKV_RIGHT_DELETE:
+      return "delete";
+    default:
+      return "unknown";
+  }
+}
+
+std::string_view user_of(const sec_attr& security) { return field_text(security.user_name); }
+
+std::string_view group_of(const sec_attr& security) { return field_text(security.group_name); }
+
+Status check_security(const sec_attr& security) {
+  if (is_outside(security.user_perm) || is_outside(security.group_perm) || is_outside(security.other_perm)) {
+    return {PRTKV_INVALID_ARGUMENT, "a permission mask has bits outside 0x3f"};
+  }
+  return {};
+}
+
+sec_attr tidied(const sec_attr& security) {
+  sec_attr clean{};
+  clean.user_perm = security.user_perm;
+  clean.group_perm = security.group_perm;
+  clean.other_perm = security.other_perm;
+  user_of(security).copy(clean.user_name, sizeof clean.user_name);
+  group_of(security).copy(clean.group_name, sizeof clean.group_name);
+  return clean;
+}
+
+}  // namespace tkv::registry

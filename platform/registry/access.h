@@ -1,0 +1,55 @@
+// Access: what an identity may do with a key.
+//
+// A key grants the union of the masks of every class that the identity falls in: the owning user's, the owning group's
+// (with any of the identity's groups), and everybody else's, which is everybody's: the owner and the group's members
+// have it too. The superuser may do everything. A record's empty name is nobody's, and a name that a record
+// cannot hold matches none.
+//
+// Nothing here allocates but the texts. Any thread may call.
+#ifndef TKV_PLATFORM_REGISTRY_ACCESS_H
+#define TKV_PLATFORM_REGISTRY_ACCESS_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "identity.h"
+#include "sec_attr.h"
+#include "status.h"
+
+namespace tkv::registry {
+
+using Rights = std::int32_t;  // TKV_RIGHT_ constants, or-ed together
+
+// Which classes an identity falls in for a record, and what each grants.
+struct AccessReason {
+  bool superuser = false;   // then the classes do not matter
+  bool owner = false;       // the record's user is the identity's
+  bool group = false;       // the record's group is one of the identity's
+  Rights owner_grants = 0;  // what the class grants the identity, 0 when it is not in it
+  Rights group_grants = 0;
+  Rights other_grants = 0;
+  Rights granted = 0;  // all together
+};
+
+AccessReason explain_access(const Identity& identity, const sec_attr& security);
+
+Rights rights_of(const Identity& identity, const sec_attr& security);
+
+// What a right allows, for people: "read", "list", "write", "security", "create", "delete". `right` is one bit of
+// TKV_RIGHT_ALL.
+const char* right_name(Rights right);
+
+// A name as a record holds it: up to its NUL, within the field.
+std::string_view user_of(const sec_attr& security);
+std::string_view group_of(const sec_attr& security);
+
+// Tells whether a record can be stored: masks within TKV_RIGHT_ALL. 8 otherwise.
+Status check_security(const sec_attr& security);
+
+// The record with zero bytes after its names, whatever the caller's memory held there.
+sec_attr tidied(const sec_attr& security);
+
+}  // namespace tkv::registry
+
+#endif

@@ -1,0 +1,27 @@
+// The lines of a configuration file, with their numbers.
+#ifndef TKV_PLATFORM_REGISTRY_CONFIGURATION_FILE_H
+#define TKV_PLATFORM_REGISTRY_CONFIGURATION_FILE_H
+
+#include <string>
+
+#include "function_ref.h"
+#include "status.h"
+
+namespace tkv::registry {
+
+struct ConfigurationLine {
+  std::string section;
+  std::string name;
+  std::string value;
+  int number = 0;
+};
+
+// Reads a file and calls `section` for each section heading and `line` for each "name = value" below it, in order,
+// until one returns a failure, which is passed on after "<file>:<number>: ". 42 when the file cannot be read, 41 for a
+// malformed line.
+Status read_configuration_file(const std::string& file, FunctionRef<Status(const std::string& name)> section,
+                               FunctionRef<Status(const ConfigurationLine&)> line);
+
+}  // namespace tkv::registry
+
+#endif

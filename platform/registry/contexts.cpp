@@ -1,0 +1,127 @@
+#include "contexts.h"
+
+#include <array>
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "handle.h"
+
+namespace tkv::registry {
+namespace {
+
+constexpr std::size_t kMaxContexts = 65536;
+
+// A slot lives as long as the process, so that an operation needs no lock but the slot's own.
+struct Slot {
+  std::mutex mutex;
+  std::uint64_t serial = 0;  // of the handle, 0 when the slot is free
+  std::unique_ptr<Session> session;
+};
+
+class Contexts {
+ public:
+  Status add(std::unique_ptr<Session> session, prtkv_ctx* ctx) {
+    std::size_t index = 0;
+    if (Status status = take_slot(&index); !status.ok()) return status;
+    Slot& slot = *slots_[index].load(std::memory_order_acquire);
+    const std::lock_guard lock(slot.mutex);
+    slot.serial = next_serial();
+    slot.session = std::move(session);
+    *ctx = encode_handle(HandleKind::kContext, {slot.serial, index});
+    return {};
+  }
+
+  Status remove(prtkv_ctx ctx) {
+    std::unique_ptr<Session> ended;  // ends outside the lock
+    Handle handle{};
+    Slot* slot = find_slot(ctx, &handle);
+    if (slot == nullptr) return PRTKV_INVALID_HANDLE;
+    {
+      const std::lock_guard lock(slot->mutex);
+      if (slot->serial != handle.serial) return PRTKV_INVALID_HANDLE;
+      slot->serial = 0;
+      ended = std::move(slot->session);
+    }
+    const std::lock_guard lock(mutex_);
+    free_.push_back(handle.index);
+    return {};
+  }
+
+  Status run(prtkv_ctx ctx, FunctionRef<void(Session&)> operation) {
+    Handle handle{};
+    Slot* slot = find_slot(ctx, &handle);
+    if (slot == nullptr) return PRTKV_INVALID_HANDLE;
+    const std::lock_guard lock(slot->mutex);
+    if (slot->serial != handle.serial) return PRTKV_INVALID_HANDLE;
+    operation(*slot->session);
+    return {};
+  }
+
+ private:
+  Slot* find_slot(prtkv_ctx ctx, Handle* handle) {
+    if (!decode_handle(HandleKind::kContext, ctx, handle) || handle->index >= kMaxContexts) return nullptr;
+    return slots_[handle->index].load(std::memory_order_acquire);
+  }
+
+  Status take_slot(std::size_t* index) {
+    const std::lock_guard lock(mutex_);
+    if (!free_.empty()) {
+      *index = free_.back();
+      free_.pop_back();
+      return {};
+    }
+    if (used_ == kMaxContexts) return {PRTKV_OUT_OF_MEMORY, "too many open sessions in one process"};
+    free_.reserve(used_ + 1);  // so that giving back never needs memory
+    slots_[used_].store(new Slot, std::memory_order_release);
+    *index = used_++;
+    return {};
+  }
+
+  std::array<std::atomic<Slot*>, kMaxContexts> slots_{};
+  std::mutex mutex_;  // guards what follows
+  std::size_t used_ = 0;
+  std::vector<std::size_t> free_;
+};
+
+// Never destroyed: threads of a JVM may still call while the process ends.
+Contexts& contexts() {
+  static Contexts* const table = new Contexts;
+  return *table;
+}
+
+}  // namespace
+
+Status add_context(std::unique_ptr<Session> session, prtkv_ctx* ctx) { return contexts().add(std::move(session), ctx); }
+
+Status remove_context(prtkv_ctx ctx) { return contexts().remove(ctx); }
+
+Status without_session(FunctionRef<Status()> operation) noexcept {
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return PRTKV_OUT_OF_MEMORY;
+  } catch (...) {
+    return PRTKV_UNKNOWN;
+  }
+}
+
+std::int32_t inspect_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
+  Status ended;
+  const Status reached = without_session([&] {
+    return contexts().run(ctx, [&](Session& session) { ended = without_session([&] { return operation(session); }); });
+  });
+  return reached.ok() ? ended.code() : reached.code();
+}
+
+std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
+  return inspect_session(ctx, [&](Session& session) {
+    Status ended = without_session([&] { return operation(session); });
+    session.record(ended);
+    return ended;
+  });
+}
+
+}  // namespace tkv::registry

@@ -1,0 +1,92 @@
+#include "etcd_loader.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tkv::registry {
+namespace {
+
+constexpr const char* kModule = "libtkv_etcd.so";
+
+std::string folder_of(const std::string& path) {
+  const std::size_t end = path.rfind('/');
+  return end == std::string::npos ? "." : path.substr(0, end == 0 ? 1 : end);
+}
+
+// The folder of the object that contains this code, "" when the loader does not know.
+std::string own_folder() {
+  Dl_info found{};
+  if (::dladdr(reinterpret_cast<const void*>(&load_etcd_module), &found) == 0 || found.dli_fname == nullptr) return "";
+  char* path = ::realpath(found.dli_fname, nullptr);
+  if (path == nullptr) return folder_of(found.dli_fname);
+  const std::string folder = folder_of(path);
+  ::free(path);
+  return folder;
+}
+
+std::vector<std::string> candidates() {
+  std::vector<std::string> paths;
+  const char* named = ::secure_getenv("TKV_MODULE_DIR");
+  if (named != nullptr && *named != '\0') paths.push_back(std::string(named) + "/" + kModule);
+  if (const std::string folder = own_folder(); !folder.empty()) {
+    paths.push_back(folder + "/" + kModule);
+    paths.push_back(folder_of(folder) + "/lib/" + kModule);
+  }
+  paths.emplace_back(kModule);
+  return paths;
+}
+
+bool is_absent(const std::string& path) {
+  if (path.find('/') == std::string::npos) return false;
+  return ::access(path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+Status cannot_load(const std::string& reasons) {
+  return {PRTKV_UNREACHABLE, "the store for etcd cannot be loaded: " + reasons};
+}
+
+std::string loader_error() {
+  const char* error = ::dlerror();
+  return error == nullptr ? "unknown reason" : error;
+}
+
+Status load(store::OpenEtcdStore* open) {
+  std::string tried;
+  for (const std::string& path : candidates()) {
+    if (!tried.empty()) tried += "; ";
+    if (is_absent(path)) {
+      tried += path + ": no such file";
+      continue;
+    }
+    void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module == nullptr) {
+      tried += loader_error();
+      if (path == kModule) break;
+      return cannot_load(tried);
+    }
+    *open = reinterpret_cast<store::OpenEtcdStore>(::dlsym(module, store::kEtcdModuleSymbol));
+    return *open != nullptr ? Status() : cannot_load(path + " is not this library's module");
+  }
+  return cannot_load(tried);
+}
+
+}  // namespace
+
+Status load_etcd_module(store::OpenEtcdStore* open) {
+  static std::mutex mutex;
+  static store::OpenEtcdStore loaded = nullptr;
+  const std::lock_guard lock(mutex);
+  if (loaded == nullptr) {
+    if (Status status = load(&loaded); !status.ok()) return status;
+  }
+  *open = loaded;
+  return {};
+}
+
+}  // namespace tkv::registry

@@ -1,0 +1,45 @@
+// Handles: 64-bit values that stand for slots of a table, without being addresses. A handle is the table's kind, a
+// serial number that the process never gives twice in 2^40 handles, and the slot's index; the slot keeps the serial of
+// the handle that it was last given out under. So a closed handle, one of another table and one made up are all
+// told from an open one.
+#ifndef TKV_PLATFORM_REGISTRY_HANDLE_H
+#define TKV_PLATFORM_REGISTRY_HANDLE_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace tkv::registry {
+
+enum class HandleKind : std::uint64_t { kContext = 1, kKey = 2 };
+
+constexpr unsigned kIndexBits = 20;
+constexpr unsigned kSerialBits = 40;
+constexpr std::size_t kMaxSlots = 1UL << kIndexBits;
+
+struct Handle {
+  std::uint64_t serial;  // never 0
+  std::size_t index;     // below kMaxSlots
+};
+
+constexpr std::uint64_t encode_handle(HandleKind kind, Handle handle) {
+  return static_cast<std::uint64_t>(kind) << (kIndexBits + kSerialBits) | handle.serial << kIndexBits | handle.index;
+}
+
+// False when the value is no handle of this kind.
+constexpr bool decode_handle(HandleKind kind, std::uint64_t value, Handle* handle) {
+  handle->index = value & (kMaxSlots - 1);
+  handle->serial = value >> kIndexBits & ((1ULL << kSerialBits) - 1);
+  return value >> (kIndexBits + kSerialBits) == static_cast<std::uint64_t>(kind) && handle->serial != 0;
+}
+
+inline std::uint64_t next_serial() {
+  static std::atomic<std::uint64_t> given{0};
+  std::uint64_t serial = 0;
+  while (serial == 0) serial = (given.fetch_add(1, std::memory_order_relaxed) + 1) & ((1ULL << kSerialBits) - 1);
+  return serial;
+}
+
+}  // namespace tkv::registry
+
+#endif

@@ -1,0 +1,198 @@
+#include "name.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace tkv::registry {
+namespace {
+
+constexpr char kSeparator = '.';
+
+constexpr std::size_t kLongestShown = 256;  // bytes of a name that texts show whole
+constexpr std::size_t kShownEnd = 120;      // bytes of each end otherwise
+
+unsigned char byte_at(std::string_view text, std::size_t at) {
+  return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
+bool is_trail(unsigned char byte) { return (byte & 0xc0) == 0x80; }
+
+// Bytes of the character at `at`, 0 when it is not well-formed modified UTF-8 or stands for NUL.
+std::size_t character_size(std::string_view text, std::size_t at) {
+  const unsigned char first = byte_at(text, at);
+  const unsigned char second = byte_at(text, at + 1);
+  if (first < 0x80) return first == 0 ? 0 : 1;
+  if (first >= 0xc2 && first <= 0xdf) return is_trail(second) ? 2 : 0;
+  if ((first & 0xf0) != 0xe0 || !is_trail(second) || !is_trail(byte_at(text, at + 2))) return 0;
+  return first == 0xe0 && second < 0xa0 ? 0 : 3;
+}
+
+Status check_level(std::string_view level) {
+  if (level.empty()) return {PRTKV_INVALID_NAME, "invalid name: a level is empty"};
+  if (level.size() > kMaxLevelBytes) {
+    return {PRTKV_INVALID_NAME, "invalid name: a level has " + std::to_string(level.size()) + " bytes, more than " +
+                                    std::to_string(kMaxLevelBytes)};
+  }
+  for (std::size_t at = 0; at < level.size();) {
+    const std::size_t size = character_size(level, at);
+    if (size == 0) return {PRTKV_INVALID_NAME, "invalid name: a level is not well-formed modified UTF-8 or holds NUL"};
+    at += size;
+  }
+  return {};
+}
+
+Status too_long(std::size_t size) {
+  return {PRTKV_INVALID_NAME,
+          "invalid name: " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxNameBytes)};
+}
+
+Status too_deep(std::size_t levels) {
+  return {PRTKV_INVALID_NAME,
+          "invalid name: " + std::to_string(levels) + " levels, more than " + std::to_string(kMaxLevels)};
+}
+
+std::string_view ending(std::string_view text, std::size_t size) {
+  std::size_t at = text.size() - size;
+  while (at < text.size() && is_trail(byte_at(text, at))) ++at;
+  return text.substr(at);
+}
+
+void append_three_bytes(std::uint32_t unit, std::string* out) {
+  out->push_back(static_cast<char>(0xe0 | unit >> 12));
+  out->push_back(static_cast<char>(0x80 | (unit >> 6 & 0x3f)));
+  out->push_back(static_cast<char>(0x80 | (unit & 0x3f)));
+}
+
+void append_four_bytes(std::uint32_t character, std::string* out) {
+  out->push_back(static_cast<char>(0xf0 | character >> 18));
+  append_three_bytes(character & 0x3ffff, out);
+  // The lead byte of three carries what is a trail byte in four.
+  char& second = (*out)[out->size() - 3];
+  second = static_cast<char>(0x80 | (character >> 12 & 0x3f));
+}
+
+// The character of the four bytes at `at`, 0 when they are none.
+std::uint32_t four_byte_character(std::string_view text, std::size_t at) {
+  if ((byte_at(text, at) & 0xf8) != 0xf0) return 0;
+  std::uint32_t character = byte_at(text, at) & 0x07U;
+  for (std::size_t next = at + 1; next < at + 4; ++next) {
+    if (!is_trail(byte_at(text, next))) return 0;
+    character = character << 6 | (byte_at(text, next) & 0x3fU);
+  }
+  return character >= 0x10000 && character <= 0x10ffff ? character : 0;
+}
+
+// The surrogate of the three bytes at `at`, 0 when they are none.
+std::uint32_t surrogate_at(std::string_view text, std::size_t at) {
+  if (byte_at(text, at) != 0xed || !is_trail(byte_at(text, at + 1)) || !is_trail(byte_at(text, at + 2))) return 0;
+  const std::uint32_t unit = 0xd000U | (byte_at(text, at + 1) & 0x3fU) << 6 | (byte_at(text, at + 2) & 0x3fU);
+  return unit >= 0xd800 ? unit : 0;
+}
+
+}  // namespace
+
+Status check_name(std::string_view name) {
+  if (name.size() > kMaxNameBytes) return too_long(name.size());
+  if (name.empty()) return {};
+  const std::size_t levels = count_levels(name);
+  if (levels > kMaxLevels) return too_deep(levels);
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t end = std::min(name.find(kSeparator, start), name.size());
+    if (Status status = check_level(name.substr(start, end - start)); !status.ok()) return status;
+    if (end == name.size()) return {};
+    start = end + 1;
+  }
+}
+
+Status check_relative_name(std::string_view name) {
+  if (name.empty()) return {PRTKV_INVALID_NAME, "invalid name: it is empty"};
+  return check_name(name);
+}
+
+std::string_view take_level(std::string_view* rest) {
+  const std::size_t end = std::min(rest->find(kSeparator), rest->size());
+  const std::string_view level = rest->substr(0, end);
+  rest->remove_prefix(std::min(end + 1, rest->size()));
+  return level;
+}
+
+std::string_view parent_of(std::string_view name) {
+  const std::size_t end = name.rfind(kSeparator);
+  return end == std::string_view::npos ? std::string_view() : name.substr(0, end);
+}
+
+std::string_view last_level(std::string_view name) { return name.substr(name.rfind(kSeparator) + 1); }
+
+std::size_t count_levels(std::string_view name) {
+  return name.empty() ? 0 : 1 + static_cast<std::size_t>(std::count(name.begin(), name.end(), kSeparator));
+}
+
+bool is_within(std::string_view name, std::string_view ancestor) {
+  if (ancestor.empty()) return true;
+  return name.starts_with(ancestor) && (name.size() == ancestor.size() || name[ancestor.size()] == kSeparator);
+}
+
+std::string_view beginning(std::string_view text, std::size_t size) {
+  if (size >= text.size()) return text;
+  while (size > 0 && is_trail(byte_at(text, size))) --size;
+  return text.substr(0, size);
+}
+
+Status FullName::join(std::string_view parent, std::string_view relative) {
+  const std::size_t separator = parent.empty() || relative.empty() ? 0 : 1;
+  const std::size_t size = parent.size() + separator + relative.size();
+  const std::size_t levels = count_levels(parent) + count_levels(relative);
+  if (size > kMaxNameBytes) return too_long(size);
+  if (levels > kMaxLevels) return too_deep(levels);
+  char* end = std::copy(parent.begin(), parent.end(), bytes_.data());
+  if (separator != 0) *end++ = kSeparator;
+  std::copy(relative.begin(), relative.end(), end);
+  size_ = size;
+  return {};
+}
+
+std::string describe(std::string_view name) {
+  if (name.empty()) return "the root key";
+  std::string text = "key '";
+  if (name.size() <= kLongestShown) {
+    text.append(name);
+  } else {
+    text.append(beginning(name, kShownEnd)).append("...").append(ending(name, kShownEnd));
+  }
+  return text.append("'");
+}
+
+std::string modified_from_utf8(std::string_view text) {
+  std::string name;
+  name.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const std::uint32_t character = four_byte_character(text, at);
+    if (character == 0) {
+      name.push_back(text[at++]);
+      continue;
+    }
+    append_three_bytes(0xd800 | (character - 0x10000) >> 10, &name);
+    append_three_bytes(0xdc00 | (character & 0x3ff), &name);
+    at += 4;
+  }
+  return name;
+}
+
+std::string utf8_from_modified(std::string_view name) {
+  std::string text;
+  text.reserve(name.size());
+  for (std::size_t at = 0; at < name.size();) {
+    const std::uint32_t high = surrogate_at(name, at);
+    const std::uint32_t low = high == 0 || high >= 0xdc00 ? 0 : surrogate_at(name, at + 3);
+    if (low < 0xdc00) {
+      text.push_back(name[at++]);
+      continue;
+    }
+    append_four_bytes(0x10000 + ((high & 0x3ff) << 10 | (low & 0x3ff)), &text);
+    at += 6;
+  }
+  return text;
+}
+
+}  // namespace tkv::registry

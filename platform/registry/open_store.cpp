@@ -1,0 +1,88 @@
+#include "open_store.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "etcd_loader.h"
+#include "lmdb_store.h"
+
+namespace tkv::registry {
+namespace {
+
+// Makes the directories above `path` that are missing.
+Status make_parents(const std::string& path) {
+  for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+    const std::string directory = path.substr(0, end);
+    if (::mkdir(directory.c_str(), 0700) == 0) continue;
+    const int error = errno;
+    // Those that are there may refuse for other reasons, a read-only file system's say.
+    struct stat found {};
+    if (::stat(directory.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) continue;
+    return {error == ENOSPC || error == EDQUOT ? PRTKV_STORAGE_FULL : PRTKV_STORAGE_FAILED,
+            "the directory " + directory + " cannot be made: " + std::generic_category().message(error)};
+  }
+  return {};
+}
+
+Status open_embedded(const Configuration& configuration, const sec_attr& root_security, const OpenOptions& options,
+                     std::shared_ptr<store::Store>* store) {
+  store::LmdbOptions wanted;
+  wanted.directory = configuration.locations.front();
+  wanted.map_size = configuration.map_size;
+  wanted.group = configuration.group;
+  wanted.create = options.create && !options.read_only;
+  wanted.read_only = options.read_only;
+  wanted.root_security = root_security;
+  if (wanted.create && !configuration.location_configured) {
+    if (Status status = make_parents(wanted.directory); !status.ok()) return status;
+  }
+  return store::open_lmdb_store(wanted, store);
+}
+
+Status open_distributed(const Configuration& configuration, const sec_attr& root_security, const OpenOptions& options,
+                        std::shared_ptr<store::Store>* store) {
+  store::EtcdOptions wanted;
+  for (const std::string& address : configuration.locations) {
+    std::string endpoint;
+    if (Status status = parse_etcd_address(address, &endpoint); !status.ok()) return status;
+    wanted.endpoints.push_back(std::move(endpoint));
+  }
+  wanted.ca = configuration.etcd_ca;
+  wanted.cert = configuration.etcd_cert;
+  wanted.key = configuration.etcd_key;
+  wanted.user = configuration.etcd_user;
+  wanted.password_file = configuration.etcd_password_file;
+  wanted.prefix = configuration.etcd_prefix;
+  wanted.timeout_ms = configuration.etcd_timeout_ms;
+  wanted.create = options.create && !options.read_only;
+  wanted.root_security = root_security;
+  store::OpenEtcdStore open = nullptr;
+  if (Status status = load_etcd_module(&open); !status.ok()) return status;
+  return open(store::kEtcdModuleAbi, wanted, store);
+}
+
+}  // namespace
+
+Status open_store(const Configuration& configuration, const Identity& identity, const OpenOptions& options,
+                  std::shared_ptr<store::Store>* store) {
+  const sec_attr root_security = default_security(identity);
+  return configuration.is_distributed() ? open_distributed(configuration, root_security, options, store)
+                                        : open_embedded(configuration, root_security, options, store);
+}
+
+Status open_registry(std::shared_ptr<Registry>* registry, const OpenOptions& options) {
+  Configuration configuration;
+  Identity identity;
+  std::shared_ptr<store::Store> store;
+  if (Status status = Configuration::read(&configuration); !status.ok()) return status;
+  if (Status status = identity_of_process(&identity); !status.ok()) return status;
+  if (Status status = open_store(configuration, identity, options, &store); !status.ok()) return status;
+  *registry = std::make_shared<Registry>(std::move(configuration), std::move(identity), std::move(store));
+  return {};
+}
+
+}  // namespace tkv::registry

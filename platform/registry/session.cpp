@@ -1,0 +1,274 @@
+#include "session.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "error_text.h"
+#include "handle.h"
+
+namespace tkv::registry {
+namespace {
+
+constexpr std::size_t kKeptBytes = 64UL * 1024;  // what buffers keep from one use to the next
+
+Status invalid_handle() { return {PRTKV_INVALID_HANDLE, "invalid key handle"}; }
+
+Status too_small(std::uint32_t offered, std::size_t needed) {
+  return {PRTKV_BUFFER_TOO_SMALL,
+          "buffer too small: " + std::to_string(needed) + " bytes do not fit in " + std::to_string(offered)};
+}
+
+}  // namespace
+
+// A slot that an operation has taken and not given out yet. Taken before anything is changed, so that a key that was
+// created is never left without its handle.
+class Session::Reservation {
+ public:
+  explicit Reservation(Session& session) : session_(session) {}
+  ~Reservation() {
+    if (taken_) session_.release(index_);
+  }
+  Reservation(const Reservation&) = delete;
+  Reservation& operator=(const Reservation&) = delete;
+
+  Status take() {
+    if (session_.free_.empty()) {
+      if (session_.keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
+      // So that giving back never needs memory.
+      if (session_.free_.capacity() <= session_.keys_.size()) session_.free_.reserve(2 * session_.keys_.size() + 8);
+      session_.keys_.emplace_back();
+      index_ = session_.keys_.size() - 1;
+    } else {
+      index_ = session_.free_.back();
+      session_.free_.pop_back();
+    }
+    taken_ = true;
+    return {};
+  }
+
+  OpenKey& key() { return session_.keys_[index_]; }
+
+  prtkv_key give(store::NodeId id) {
+    taken_ = false;
+    key().id = id;
+    key().serial = next_serial();
+    return encode_handle(HandleKind::kKey, {key().serial, index_});
+  }
+
+ private:
+  Session& session_;
+  std::size_t index_ = 0;
+  bool taken_ = false;
+};
+
+void Session::release(std::size_t index) noexcept {
+  OpenKey& key = keys_[index];
+  key.serial = 0;
+  key.gone = false;
+  key.listed = false;
+  key.name.clear();
+  key.subkeys.clear();
+  if (key.subkeys.capacity() > kKeptBytes) std::string().swap(key.subkeys);
+  free_.push_back(index);
+}
+
+// An open key, whether it is gone or not.
+Status Session::find(prtkv_key handle, OpenKey** key) {
+  Handle wanted{};
+  if (!decode_handle(HandleKind::kKey, handle, &wanted) || wanted.index >= keys_.size()) return invalid_handle();
+  OpenKey& found = keys_[wanted.index];
+  if (found.serial != wanted.serial) return invalid_handle();
+  *key = &found;
+  return {};
+}
+
+Status Session::find_live(prtkv_key handle, OpenKey** key) {
+  OpenKey* found = nullptr;
+  if (Status status = find(handle, &found); !status.ok()) return status;
+  if (found->gone) return {PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist"};
+  *key = found;
+  return {};
+}
+
+// Gives back how an operation on an open key ended, and remembers when the key turned out to be gone.
+Status Session::settle(OpenKey& key, Status status) {
+  if (status.is(PRTKV_NO_SUCH_KEY)) key.gone = true;
+  return status;
+}
+
+// Marks the open keys at and below a name as gone.
+void Session::lose(std::string_view name) noexcept {
+  for (OpenKey& key : keys_) {
+    if (key.serial != 0 && is_within(key.name, name)) key.gone = true;
+  }
+}
+
+void Session::record(const Status& status) noexcept {
+  last_code_ = status.code();
+  last_size_ = status.ok() ? 0 : write_error_text(status, last_text_.data(), last_text_.size());
+}
+
+Status Session::open_key(std::string_view name, prtkv_key* key) {
+  Place place;
+  Reservation slot(*this);
+  const Status status = registry_->read([&](Reader& tree) { return tree.resolve(name, &place); }, &cache_);
+  if (!status.ok()) return status;
+  if (Status taken = slot.take(); !taken.ok()) return taken;
+  slot.key().name.assign(name);
+  *key = slot.give(place.node.id);
+  return {};
+}
+
+Status Session::close_key(prtkv_key key) {
+  OpenKey* found = nullptr;
+  if (Status status = find(key, &found); !status.ok()) return status;
+  Handle handle{};
+  (void)decode_handle(HandleKind::kKey, key, &handle);
+  release(handle.index);
+  return {};
+}
+
+Status Session::create_key(prtkv_key parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                           std::span<const std::byte> value, prtkv_key* key) {
+  OpenKey* above = nullptr;
+  FullName full_name;
+  Reservation slot(*this);
+  if (Status status = find_live(parent, &above); !status.ok()) return status;
+  if (Status status = check_relative_name(name); !status.ok()) return status;
+  if (Status status = full_name.join(above->name, name); !status.ok()) return status;
+  if (Status status = slot.take(); !status.ok()) return status;
+  slot.key().name.assign(full_name.view());
+  store::NodeId id = store::kNoNode;
+  const Status status = registry_->write(
+      [&](Writer& tree) { return tree.create_and_set(above->ref(), name, security, type, value, &id); });
+  if (status.ok()) *key = slot.give(id);
+  return status;
+}
+
+Status Session::delete_key(prtkv_key key, bool recursive) {
+  OpenKey* found = nullptr;
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  const Status status =
+      settle(*found, registry_->write([&](Writer& tree) { return tree.remove(found->ref(), recursive); }));
+  if (!status.ok()) return status;
+  lose(found->name);
+  return close_key(key);
+}
+
+Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view name, bool replace, prtkv_key* moved) {
+  OpenKey* from = nullptr;
+  OpenKey* above = nullptr;
+  FullName full_name;
+  Reservation slot(*this);
+  if (Status status = find_live(source, &from); !status.ok()) return status;
+  if (Status status = find_live(parent, &above); !status.ok()) return status;
+  if (Status status = check_relative_name(name); !status.ok()) return status;
+  if (Status status = full_name.join(above->name, name); !status.ok()) return status;
+  if (Status status = slot.take(); !status.ok()) return status;
+  slot.key().name.assign(full_name.view());
+  store::NodeId id = store::kNoNode;
+  const Status status =
+      registry_->write([&](Writer& tree) { return tree.move(from->ref(), above->ref(), name, replace, &id); });
+  if (!status.ok()) return status;
+  lose(from->name);
+  lose(full_name.view());
+  *moved = slot.give(id);
+  return {};
+}
+
+Status Session::list_subkeys(OpenKey& key) {
+  std::int32_t count = 0;
+  const auto collect = [&](std::string_view level, const store::Node&) -> Status {
+    if (count == std::numeric_limits<std::int32_t>::max()) return {PRTKV_OUT_OF_MEMORY, "too many subkeys"};
+    key.subkeys.append(level).push_back('\0');
+    ++count;
+    return {};
+  };
+  const Status status = registry_->read_all([&](Reader& tree) {
+    key.subkeys.clear();
+    count = 0;
+    return tree.list(key.ref(), collect);
+  });
+  if (!status.ok()) {
+    key.subkeys.clear();
+    return settle(key, status);
+  }
+  key.listed = true;
+  key.next = 0;
+  key.remaining = count;
+  return {};
+}
+
+Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
+  OpenKey* found = nullptr;
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  if (!found->listed) {
+    if (Status status = list_subkeys(*found); !status.ok()) return status;
+  }
+  if (found->remaining == 0) return {PRTKV_NO_MORE_SUBKEYS, describe(found->name) + " has no more subkeys"};
+  const char* level = found->subkeys.c_str() + found->next;
+  const std::size_t bytes = std::strlen(level) + 1;
+  if (bytes > *size) {
+    const Status status = too_small(*size, bytes);
+    *size = static_cast<std::uint32_t>(bytes);
+    return status;
+  }
+  std::memcpy(name, level, bytes);
+  *size = static_cast<std::uint32_t>(bytes - 1);
+  found->next += bytes;
+  *remaining = --found->remaining;
+  return {};
+}
+
+Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
+  OpenKey* found = nullptr;
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  std::int32_t found_type = 0;
+  std::size_t found_size = 0;
+  // Copied to the caller at the end only: the function may run again and find the value grown.
+  const auto take = [&](Reader& tree) -> Status {
+    store::Value value;
+    if (Status status = tree.value(found->ref(), &value); !status.ok()) return status;
+    found_type = value.type;
+    found_size = value.bytes.size();
+    if (found_size <= *size) value_.assign(value.bytes.begin(), value.bytes.end());
+    return {};
+  };
+  if (Status status = settle(*found, registry_->read(take, &cache_)); !status.ok()) return status;
+  const std::uint32_t offered = *size;
+  *size = static_cast<std::uint32_t>(found_size);
+  if (found_size > offered) return too_small(offered, found_size);
+  *type = found_type;
+  if (found_size > 0) std::memcpy(buffer, value_.data(), found_size);
+  ::explicit_bzero(value_.data(), value_.size());  // values may be secrets
+  if (value_.capacity() > kKeptBytes) std::vector<std::byte>().swap(value_);
+  return {};
+}
+
+Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value) {
+  OpenKey* found = nullptr;
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  return settle(*found, registry_->write([&](Writer& tree) { return tree.set_value(found->ref(), type, value); }));
+}
+
+Status Session::get_security(prtkv_key key, sec_attr* security) {
+  OpenKey* found = nullptr;
+  sec_attr read{};
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  const Status status =
+      settle(*found, registry_->read([&](Reader& tree) { return tree.security(found->ref(), &read); }, &cache_));
+  if (status.ok()) *security = read;
+  return status;
+}
+
+Status Session::set_security(prtkv_key key, const sec_attr& security) {
+  OpenKey* found = nullptr;
+  if (Status status = find_live(key, &found); !status.ok()) return status;
+  return settle(*found, registry_->write([&](Writer& tree) { return tree.set_security(found->ref(), security); }));
+}
+
+}  // namespace tkv::registry

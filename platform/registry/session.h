@@ -1,0 +1,90 @@
+// Session: one caller's use of a registry: its open keys and the text of its last failure.
+#ifndef TKV_PLATFORM_REGISTRY_SESSION_H
+#define TKV_PLATFORM_REGISTRY_SESSION_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "directory_cache.h"
+#include "prtkv.h"
+#include "registry.h"
+
+namespace tkv::registry {
+
+// One thread at a time; see contexts.h.
+//
+// An open key is its full name and its id, so that a handle stands for the key and not for its name: once the key was
+// deleted, or moved away with or without an ancestor, the handle answers 4 for good. (A key that another session moved
+// away and back again between two uses of the handle is the same key under the same name, and nothing is noticed.)
+//
+// What each operation needs, gives and answers is in prtkv.h and tree.h. Pointers are not null here.
+class Session {
+ public:
+  Session(std::shared_ptr<Registry> registry, std::int32_t level) : registry_(std::move(registry)), level_(level) {}
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  Status open_key(std::string_view name, prtkv_key* key);
+  Status close_key(prtkv_key key);
+  Status create_key(prtkv_key parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                    std::span<const std::byte> value, prtkv_key* key);
+  Status delete_key(prtkv_key key, bool recursive);
+  Status move_key(prtkv_key source, prtkv_key parent, std::string_view name, bool replace, prtkv_key* moved);
+  Status next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining);
+  Status get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size);
+  Status set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value);
+  Status get_security(prtkv_key key, sec_attr* security);
+  Status set_security(prtkv_key key, const sec_attr& security);
+
+  Registry& registry() { return *registry_; }
+  std::int32_t level() const { return level_; }
+
+  // Keeps the text of a failure, or forgets the last one after a success.
+  void record(const Status& status) noexcept;
+
+  prtkv_result last_code() const { return last_code_; }  // PRTKV_DONE: there is no text
+  std::string_view last_text() const { return {last_text_.data(), last_size_}; }
+
+ private:
+  struct OpenKey {
+    std::uint64_t serial = 0;  // of the handle, 0 when the slot is free
+    std::string name;
+    store::NodeId id = store::kNoNode;
+    bool gone = false;     // it was found deleted or moved away
+    bool listed = false;   // the list of subkeys was taken
+    std::string subkeys;   // level names, each followed by a NUL
+    std::size_t next = 0;  // where the next one begins
+    std::int32_t remaining = 0;
+
+    KeyRef ref() const { return {name, id}; }
+  };
+  class Reservation;
+
+  Status find(prtkv_key handle, OpenKey** key);
+  Status find_live(prtkv_key handle, OpenKey** key);
+  Status settle(OpenKey& key, Status status);
+  Status list_subkeys(OpenKey& key);
+  void release(std::size_t index) noexcept;
+  void lose(std::string_view name) noexcept;
+
+  const std::shared_ptr<Registry> registry_;
+  const std::int32_t level_;
+  DirectoryCache cache_;
+  std::deque<OpenKey> keys_;       // grows only, so that references stand; slots keep their memory
+  std::vector<std::size_t> free_;  // indexes into keys_
+  std::vector<std::byte> value_;   // a value on its way to the caller
+  prtkv_result last_code_ = PRTKV_DONE;
+  std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
+  std::size_t last_size_ = 0;
+};
+
+}  // namespace tkv::registry
+
+#endif
