@@ -334,7 +334,9 @@ const Conversion kConversions[] = {
     {"SHIFT_JIS", "\x82\x20", std::nullopt},
     {"GB18030", "\x94\x39\xFC\x36", u"\U0001F600"},
     {"BIG5-HKSCS", "\x88\x62", u"\u00CA\u0304"},  // two characters from one
-    {"BIG5-HKSCS", "\x88\x66", u"\u00CA"},        // held back by iconv until the text's end is known
+    {"BIG5-HKSCS", "\x88\x66", u"\u00CA"},
+    {"CP1258", "ba\xEC", u"b\u00E1"},  // one character from two: iconv holds each back until the next is known
+    {"CP1258", "ba", u"ba"},
     {"ISO-2022-JP", "a\x1B$B$\"\x1B(B", u"a\u3042"},
     {"ISO-2022-JP", "\x1B$B$\"", u"\u3042"},
 };
@@ -387,10 +389,10 @@ TEST(Lx, ForgetsEachTextBeforeTheNext) {
   const Handle eucjp("EUC-JP");
   EXPECT_EQ(eucjp.decode("a\xA4"), std::nullopt);
   EXPECT_EQ(eucjp.decode("\xA4\xA2"), u"\u3042");
-  const Handle buffering("BIG5-HKSCS");
+  const Handle holding("CP1258");
   std::uint16_t units[1];
-  EXPECT_EQ(buffering.convert("\x88\x66", units, 0), 0);
-  EXPECT_EQ(buffering.decode("a"), u"a");
+  EXPECT_EQ(holding.convert("a", units, 0), 0);
+  EXPECT_EQ(holding.decode("\xEC"), u"\u0301");  // no accent for the letter of the text before
 }
 
 TEST(Lx, GivesTheLengthOfLongTextsAlike) {
