@@ -64,6 +64,9 @@ class Library(unittest.TestCase):
         shown = symbols("-D", "--defined-only", LIBRARY)
         self.assertEqual(sorted(shown), sorted(native_methods() | {"JNI_OnLoad", "JNI_OnUnload"}))
 
+    def test_needs_nothing_of_the_platform_from_outside(self):
+        self.assertEqual(sorted(symbols("-D", "--undefined-only", LIBRARY) & PLATFORM), [])
+
     def test_needs_few_libraries(self):
         needed = re.findall(r"\(NEEDED\).*\[(.+)\]", output("readelf", "-dW", LIBRARY))
         self.assertTrue(needed)
