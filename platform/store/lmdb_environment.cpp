@@ -247,9 +247,9 @@ Status Environment::recover_read(int code, bool nested, unsigned attempt, std::u
   if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
   if (code == MDB_MAP_RESIZED)
     return {PRTKV_STORAGE_FAILED, "the registry in '" + directory_ + "' grew while it was being read; try again"};
-  if (attempt >= kAttempts || nested) return failure(code, "cannot read the registry");
-  if (code == MDB_READERS_FULL) return free_reader_slots();
-  if (code != MDB_PANIC || Running::writes(this)) return failure(code, "cannot read the registry");
+  if (attempt >= kAttempts) return failure(code, "cannot read the registry");
+  if (code == MDB_READERS_FULL) return free_reader_slots(nested);
+  if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
   const std::lock_guard lock(write_mutex_);
   return remaps_ == remaps ? reopen() : Status();
 }
@@ -260,8 +260,8 @@ Status Environment::follow_growth(std::uint64_t remaps) {
 }
 
 // Slots of LMDB's table of readers: those of processes that died, then those that idle threads of this one keep.
-Status Environment::free_reader_slots() {
-  ReaderSlot& held = readers_.claim(false);  // env_ stays as it is meanwhile
+Status Environment::free_reader_slots(bool nested) {
+  ReaderSlot& held = readers_.claim(nested);  // env_ stays as it is meanwhile
   int dead_readers = 0;
   const int code = env_ == nullptr ? MDB_PANIC : mdb_reader_check(env_, &dead_readers);
   if (code == 0 && dead_readers == 0) {
@@ -275,6 +275,9 @@ Status Environment::free_reader_slots() {
 }
 
 Status Environment::grow() {
+  // Readers that died keep pages from being used again; with them gone there may be room enough.
+  int dead_readers = 0;
+  if (mdb_reader_check(env_, &dead_readers) == 0 && dead_readers > 0) return {};
   MDB_envinfo info{};
   mdb_env_info(env_, &info);
   const std::uint64_t size = info.me_mapsize;

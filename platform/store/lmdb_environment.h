@@ -63,7 +63,7 @@ class Environment {
   int renew(ReaderSlot& slot);
   Status recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps);
   Status follow_growth(std::uint64_t remaps);
-  Status free_reader_slots();
+  Status free_reader_slots(bool nested);
 
   // For the holder of write_mutex_, outside transactions.
   Status grow();

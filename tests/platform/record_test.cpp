@@ -1,0 +1,190 @@
+// The bytes on disk, compared with the examples in docs/format.md. A difference means that registries written by former
+// releases can no longer be read: change neither.
+#include "record.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "lmdb_file.h"
+
+namespace tkv::store {
+namespace {
+
+std::string hex(std::span<const std::byte> bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const std::byte byte : bytes) {
+    text.push_back(kDigits[std::to_integer<unsigned>(byte) >> 4]);
+    text.push_back(kDigits[std::to_integer<unsigned>(byte) & 15]);
+  }
+  return text;
+}
+
+// The bytes of one of the documented examples: what stands in the block "```hex <title>", pairs of hex digits up to the
+// first three blanks of a line.
+std::string documented(const std::string& title) {
+  std::ifstream document(TKV_FORMAT_DOCUMENT);
+  EXPECT_TRUE(document) << TKV_FORMAT_DOCUMENT;
+  std::string line;
+  while (std::getline(document, line) && line != "```hex " + title) continue;
+  std::string digits;
+  while (std::getline(document, line) && line != "```") {
+    const std::string pairs = line.substr(0, line.find("   "));
+    std::copy_if(pairs.begin(), pairs.end(), std::back_inserter(digits), [](char c) { return c != ' '; });
+  }
+  EXPECT_FALSE(digits.empty()) << "no example of " << title;
+  return digits;
+}
+
+std::vector<std::byte> value_record(NodeId id, std::int32_t type, std::string_view text) {
+  std::vector<std::byte> record(value_record_size(text.size()));
+  encode_value(id, type, std::as_bytes(std::span(text.data(), text.size())), record);
+  return record;
+}
+
+Node sample_node() {
+  Node node{2, {}};
+  node.security.user_perm = 0x3f;
+  node.security.group_perm = 0x34;
+  node.security.other_perm = 0x03;
+  std::memcpy(node.security.user_name, "ada", 3);
+  std::memcpy(node.security.group_name, "staff", 5);
+  return node;
+}
+
+TEST(Record, ANodeIsLaidOutAsDocumented) {
+  EXPECT_EQ(hex(encode_node(kRootNode, "SYSTEM", sample_node())), documented("node"));
+}
+
+TEST(Record, AValueIsLaidOutAsDocumented) {
+  EXPECT_EQ(hex(value_record(2, 3, std::string_view("on\0", 3))), documented("value"));
+}
+
+TEST(Record, TheRegistrysRecordOfItselfIsLaidOutAsDocumented) {
+  EXPECT_EQ(hex(encode_meta(Meta{3, 1})), documented("registry"));
+}
+
+TEST(Record, KeysAreLaidOutAsDocumented) {
+  const auto hex_of = [](const Key& key) {
+    const MDB_val val = key.val();
+    return hex({static_cast<const std::byte*>(val.mv_data), val.mv_size});
+  };
+  EXPECT_EQ(hex_of(Key::node(kRootNode, "SYSTEM")), documented("node-key"));
+  EXPECT_EQ(hex_of(Key::value(2)), documented("value-key"));
+  EXPECT_EQ(hex_of(Key::meta()), "4d");
+}
+
+TEST(Record, KeysAreReadBack) {
+  const std::string longest(kMaxLevelName, 'n');
+  for (const std::string_view name : {std::string_view(), std::string_view("SYSTEM"), std::string_view(longest)}) {
+    const Key key = Key::node(0x0123456789abcdef, name);
+    KeyParts parts;
+    ASSERT_TRUE(read_key(key.val(), &parts));
+    EXPECT_EQ(parts.kind, kNodeKey);
+    EXPECT_EQ(parts.id, 0x0123456789abcdefu);
+    EXPECT_EQ(parts.name, name);
+  }
+  for (std::string unknown : {std::string(), std::string("X12345678"), std::string("N1234567"),
+                              std::string("V123456789"), std::string("MM"), "N12345678" + longest + "n"}) {
+    KeyParts parts;
+    EXPECT_FALSE(read_key({unknown.size(), unknown.data()}, &parts)) << unknown;
+  }
+}
+
+TEST(Record, ANodeComesBackAsItWas) {
+  const Node node = sample_node();
+  const NodeRecord record = encode_node(7, "name", node);
+  Node found;
+  ASSERT_TRUE(decode_node(7, "name", record, &found).ok());
+  EXPECT_EQ(found.id, node.id);
+  EXPECT_EQ(std::memcmp(&found.security, &node.security, sizeof node.security), 0);
+}
+
+TEST(Record, AValueComesBackAsItWas) {
+  for (const std::size_t size : {0u, 1u, 239u, 240u, 241u, 1048576u}) {
+    const std::string text(size, 'v');
+    const std::vector<std::byte> record = value_record(9, -5, text);
+    Value value;
+    ASSERT_TRUE(decode_value(9, record, &value).ok()) << size;
+    EXPECT_EQ(value.type, -5);
+    EXPECT_EQ(value.bytes.size(), size);
+    EXPECT_EQ(value.bytes.data(), record.data() + 8) << "the bytes are those of the record";
+  }
+}
+
+TEST(Record, EveryFlippedBitIsFound) {
+  NodeRecord node = encode_node(7, "name", sample_node());
+  std::vector<std::byte> value = value_record(9, 3, "some text");
+  MetaRecord meta = encode_meta(Meta{12, 34});
+  const auto flip_each = [](std::span<std::byte> record, auto decode) {
+    for (std::size_t bit = 0; bit < 8 * record.size(); ++bit) {
+      const std::byte mask = static_cast<std::byte>(1u << (bit % 8));
+      record[bit / 8] ^= mask;
+      const Status status = decode();
+      EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << "bit " << bit;
+      EXPECT_TRUE(status.has_text()) << "bit " << bit;
+      record[bit / 8] ^= mask;
+    }
+    EXPECT_TRUE(decode().ok());
+  };
+  Node found_node;
+  Value found_value;
+  Meta found_meta;
+  flip_each(node, [&] { return decode_node(7, "name", node, &found_node); });
+  flip_each(value, [&] { return decode_value(9, value, &found_value); });
+  flip_each(meta, [&] { return decode_meta(meta, &found_meta); });
+}
+
+TEST(Record, EveryLengthButTheRightOneIsRefused) {
+  const NodeRecord whole = encode_node(7, "name", sample_node());
+  std::vector<std::byte> record(whole.begin(), whole.end());
+  record.resize(whole.size() + 20);
+  for (std::size_t size = 0; size <= record.size(); ++size) {
+    Node node{99, {}};
+    const Status status = decode_node(7, "name", std::span(record).first(size), &node);
+    EXPECT_EQ(status.ok(), size == whole.size()) << size;
+    if (!status.ok()) {
+      EXPECT_EQ(node.id, 99u) << "a refused record leaves the result alone";
+    }
+  }
+  const std::vector<std::byte> value = value_record(9, 3, "some text");
+  for (std::size_t size = 0; size < value.size(); ++size) {
+    Value found;
+    EXPECT_TRUE(decode_value(9, std::span(value).first(size), &found).is(PRTKV_STORAGE_FAILED)) << size;
+  }
+}
+
+TEST(Record, ARecordInAnothersPlaceIsFound) {
+  const NodeRecord node = encode_node(7, "name", sample_node());
+  Node found;
+  EXPECT_TRUE(decode_node(8, "name", node, &found).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(decode_node(7, "nama", node, &found).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(decode_node(7, "", node, &found).is(PRTKV_STORAGE_FAILED));
+  const std::vector<std::byte> value = value_record(9, 3, "text");
+  Value found_value;
+  EXPECT_TRUE(decode_value(10, value, &found_value).is(PRTKV_STORAGE_FAILED));
+}
+
+TEST(Record, ARecordOfAnotherKindIsFound) {
+  const NodeRecord node = encode_node(9, "", sample_node());
+  Value value;
+  EXPECT_TRUE(decode_value(9, node, &value).is(PRTKV_STORAGE_FAILED));
+}
+
+TEST(Record, ANewerFormatIsRefusedByItsNumber) {
+  NodeRecord record = encode_node(7, "name", sample_node());
+  record[0] = std::byte{2};
+  Node node;
+  const Status status = decode_node(7, "name", record, &node);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(status.text(), "record of format version 2, and this release reads versions up to 1");
+}
+
+}  // namespace
+}  // namespace tkv::store
