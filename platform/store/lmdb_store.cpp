@@ -123,7 +123,8 @@ class LmdbUpdate final : public Update {
 };
 
 Status LmdbUpdate::succeeded(int code, const char* doing) {
-  if (code != 0 && code != MDB_KEYEXIST && code != MDB_NOTFOUND) broken_by_ = code;
+  // The first one tells; all calls after it fail because of it.
+  if (broken_by_ == 0 && code != MDB_KEYEXIST && code != MDB_NOTFOUND) broken_by_ = code;
   return code == 0 ? Status() : failure(txn_, code, doing);
 }
 

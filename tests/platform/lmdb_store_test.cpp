@@ -1,0 +1,712 @@
+// What the embedded store promises beyond the contract of all stores.
+#include "lmdb_store.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lmdb_file.h"
+#include "lmdb_files.h"
+#include "temporary_directory.h"
+
+namespace tkv::store {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+class Lmdb : public ::testing::Test {
+ protected:
+  Lmdb() { options_.directory = temporary_ / "registry"; }
+
+  std::shared_ptr<Store> open() { return open_or_fail(options_); }
+
+  std::string data_file() const { return options_.directory + "/data.mdb"; }
+
+  static std::string text_of(Store& store, NodeId id) {
+    std::string text;
+    const Status status = get_text(store, id, &text);
+    EXPECT_TRUE(status.ok()) << status.text();
+    return text;
+  }
+
+  static Totals check(Store& store) {
+    Totals totals;
+    const Status status = store.check(
+        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
+    EXPECT_TRUE(status.ok()) << status.text();
+    return totals;
+  }
+
+  TemporaryDirectory temporary_;
+  LmdbOptions options_;
+};
+
+TEST_F(Lmdb, ReopenedStoreKeepsCommittedValues) {
+  NodeId id = kNoNode;
+  {
+    const auto store = open();
+    ASSERT_TRUE(add_node(*store, kRootNode, "a", &id).ok());
+    ASSERT_TRUE(set_text(*store, id, "kept").ok());
+    ASSERT_FALSE(store
+                     ->write([&](Update& update) -> Status {
+                       (void)update.set_value(id, 3, {});
+                       return PRTKV_ACCESS_DENIED;
+                     })
+                     .ok());
+  }
+  const auto store = open();
+  EXPECT_EQ(text_of(*store, id), "kept");
+  EXPECT_EQ(check(*store).nodes, 2u);
+}
+
+// The files of a directory that this process has open.
+int open_files_below(const std::string& directory) {
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = fs::read_symlink(entry.path(), gone).string();
+    if (target.rfind(directory + "/", 0) == 0) ++count;
+  }
+  return count;
+}
+
+TEST_F(Lmdb, StoresOfOneDirectoryShareOneEnvironmentWhateverItsPath) {
+  auto first = open();
+  const int files = open_files_below(options_.directory);
+  EXPECT_EQ(files, 3);
+  fs::create_symlink(options_.directory, temporary_ / "link");
+  LmdbOptions by_link = options_;
+  by_link.directory = temporary_ / "link";
+  auto second = open_or_fail(by_link);
+  EXPECT_EQ(open_files_below(options_.directory), files);
+  ASSERT_TRUE(set_text(*second, kRootNode, "by the link").ok());
+  first.reset();
+  EXPECT_EQ(text_of(*second, kRootNode), "by the link");
+  second.reset();
+  EXPECT_EQ(open_files_below(options_.directory), 0);
+}
+
+TEST_F(Lmdb, ARegistryMadeAnewInTheSamePlaceIsAnotherOne) {
+  const auto former = open();
+  ASSERT_TRUE(set_text(*former, kRootNode, "former").ok());
+  fs::remove_all(options_.directory);
+  const auto later = open();
+  EXPECT_EQ(text_of(*later, kRootNode), "");
+  EXPECT_EQ(text_of(*former, kRootNode), "former");
+}
+
+TEST_F(Lmdb, AFileThatWasReplacedUnderAnOpenStoreIsRefused) {
+  const auto store = open();
+  fs::copy_file(data_file(), data_file() + ".copy");
+  fs::rename(data_file() + ".copy", data_file());
+  std::shared_ptr<Store> second;
+  const Status status = open_lmdb_store(options_, &second);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("was replaced while this process had it open"), std::string::npos) << status.text();
+}
+
+TEST_F(Lmdb, AStoreOpenedForReadingRefusesToWriteAndReadsOn) {
+  const auto writer = open();
+  ASSERT_TRUE(set_text(*writer, kRootNode, "text").ok());
+  options_.read_only = true;
+  const auto reader = open();
+  EXPECT_TRUE(set_text(*reader, kRootNode, "other").is(PRTKV_ACCESS_DENIED));
+  EXPECT_EQ(text_of(*reader, kRootNode), "text");
+}
+
+TEST_F(Lmdb, AFileThatMayOnlyBeReadCanBeRead) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
+  ASSERT_TRUE(set_text(*open(), kRootNode, "text").ok());
+  fs::permissions(temporary_.path(), fs::perms(0755));
+  fs::permissions(options_.directory, fs::perms(0755));
+  fs::permissions(data_file(), fs::perms(0444));
+  fs::permissions(options_.directory + "/lock.mdb", fs::perms(0666));
+  EXPECT_EQ(in_child([&] {
+              if (setuid(65534) != 0) return 1;
+              std::shared_ptr<Store> store;
+              if (!open_lmdb_store(options_, &store).is(PRTKV_ACCESS_DENIED)) return 2;
+              options_.read_only = true;
+              if (!open_lmdb_store(options_, &store).ok()) return 3;
+              return text_of(*store, kRootNode) == "text" ? 0 : 4;
+            }),
+            0);
+}
+
+TEST_F(Lmdb, AChildAnswersThatItInheritedTheStoreAndCanOpenItAnew) {
+  auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "parent").ok());
+  EXPECT_EQ(
+      in_child([&] {
+        std::string text;
+        const Status read = get_text(*store, kRootNode, &text);
+        if (!read.is(PRTKV_STORAGE_FAILED) || read.text().find("before this process was forked") == std::string::npos)
+          return 1;
+        if (!set_text(*store, kRootNode, "child").is(PRTKV_STORAGE_FAILED)) return 2;
+        Totals totals;
+        if (!store
+                 ->check(
+                     true, [](const Finding&) {}, &totals)
+                 .is(PRTKV_STORAGE_FAILED))
+          return 3;
+        store.reset();
+        std::shared_ptr<Store> own;
+        if (!open_lmdb_store(options_, &own).ok()) return 4;
+        if (!get_text(*own, kRootNode, &text).ok() || text != "parent") return 5;
+        return set_text(*own, kRootNode, "child").ok() ? 0 : 6;
+      }),
+      0);
+  EXPECT_EQ(text_of(*store, kRootNode), "child");
+  ASSERT_TRUE(set_text(*store, kRootNode, "parent again").ok());
+  EXPECT_EQ(text_of(*store, kRootNode), "parent again");
+}
+
+TEST_F(Lmdb, AForkInTheMiddleOfAReadLeavesTheParentsReadAlone) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
+  const pid_t parent = getpid();
+  pid_t child = -1;
+  std::string seen;
+  const Status status = store->read([&](View& view) -> Status {
+    child = fork();
+    if (child == 0) return {};  // ends the transaction that it inherited
+    int ended = 0;
+    EXPECT_EQ(waitpid(child, &ended, 0), child);
+    // With this reader's place lost, another process would now overwrite what it reads.
+    const auto overwrite = [&] {
+      const auto own = open();
+      for (int i = 0; i < 20; ++i)
+        if (!set_text(*own, kRootNode, std::string(5000, 'x')).ok()) return 1;
+      return 0;
+    };
+    EXPECT_EQ(in_child(overwrite), 0);
+    Value value;
+    if (Status read = view.value(kRootNode, &value); !read.ok()) return read;
+    seen.assign(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+    return {};
+  });
+  if (getpid() != parent) _exit(0);
+  EXPECT_TRUE(status.ok()) << status.text();
+  EXPECT_EQ(seen, "former");
+}
+
+TEST_F(Lmdb, AFunctionMayReadTheStoreThatRunsIt) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
+  EXPECT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    if (Status status = update.set_value(kRootNode, 1, {}); !status.ok()) return status;
+                    EXPECT_EQ(text_of(*store, kRootNode), "former");
+                    return store->read_all([&](View&) -> Status {
+                      EXPECT_EQ(text_of(*store, kRootNode), "former");
+                      return {};
+                    });
+                  })
+                  .ok());
+}
+
+TEST_F(Lmdb, AFunctionIsRefusedToWriteToTheStoreThatRunsIt) {
+  const auto store = open();
+  const auto other = open();
+  const auto write = [&](Store& target) { return set_text(target, kRootNode, "x"); };
+  EXPECT_TRUE(store->read([&](View&) { return write(*store); }).is(PRTKV_INVALID_ARGUMENT));
+  EXPECT_TRUE(store->read_all([&](View&) { return write(*other); }).is(PRTKV_INVALID_ARGUMENT));
+  EXPECT_TRUE(store->write([&](Update&) { return write(*store); }).is(PRTKV_INVALID_ARGUMENT));
+  EXPECT_TRUE(write(*store).ok());
+}
+
+TEST_F(Lmdb, OneStoreCanBeFilledFromAnotherInOneWrite) {
+  constexpr int kParents = 30;
+  constexpr int kChildren = 1000;
+  const auto source = open();
+  ASSERT_TRUE(source
+                  ->write([&](Update& update) -> Status {
+                    for (int i = 0; i < kParents; ++i) {
+                      Node parent;
+                      if (Status status = update.new_id(&parent.id); !status.ok()) return status;
+                      if (Status status = update.insert(kRootNode, std::to_string(i), parent); !status.ok())
+                        return status;
+                      for (int j = 0; j < kChildren; ++j) {
+                        Node child;
+                        const std::string name = std::to_string(j * 7919 % kChildren);
+                        if (Status status = update.new_id(&child.id); !status.ok()) return status;
+                        if (Status status = update.insert(parent.id, name, child); !status.ok()) return status;
+                        if (Status status = update.set_value(child.id, 3, std::as_bytes(std::span(name))); !status.ok())
+                          return status;
+                      }
+                    }
+                    return {};
+                  })
+                  .ok());
+  LmdbOptions fresh;
+  fresh.directory = temporary_ / "copy";
+  const auto target = open_or_fail(fresh);
+  ASSERT_TRUE(source
+                  ->read_all([&](View& view) {
+                    return target->write([&](Update& update) {
+                      const std::function<Status(NodeId, NodeId)> copy = [&](NodeId from, NodeId to) {
+                        return view.children(from, [&](std::string_view name, const Node& node) -> Status {
+                          Node twin = node;
+                          Value value;
+                          if (Status status = update.new_id(&twin.id); !status.ok()) return status;
+                          if (Status status = update.insert(to, name, twin); !status.ok()) return status;
+                          if (Status status = view.value(node.id, &value); !status.ok()) return status;
+                          if (Status status = update.set_value(twin.id, value.type, value.bytes); !status.ok())
+                            return status;
+                          return copy(node.id, twin.id);
+                        });
+                      };
+                      return copy(kRootNode, kRootNode);
+                    });
+                  })
+                  .ok());
+  const Totals copied = check(*target);
+  EXPECT_EQ(copied.nodes, 1u + kParents + kParents * kChildren);
+  EXPECT_EQ(copied.values, static_cast<std::uint64_t>(kParents) * kChildren);
+  EXPECT_EQ(copied.value_bytes, check(*source).value_bytes);
+}
+
+TEST_F(Lmdb, ALargeWriteCanBeUndoneByAnother) {
+  const auto store = open();
+  NodeId top = kNoNode;
+  ASSERT_TRUE(add_node(*store, kRootNode, "top", &top).ok());
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    NodeId parent = top;
+                    for (int i = 0; i < 20000; ++i) {
+                      Node node;
+                      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                      if (Status status = update.insert(parent, std::to_string(i), node); !status.ok()) return status;
+                      if (i % 400 == 0) parent = node.id;
+                    }
+                    return {};
+                  })
+                  .ok());
+  EXPECT_EQ(check(*store).nodes, 20002u);
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    if (Status status = update.unlink(kRootNode, "top"); !status.ok()) return status;
+                    return update.discard(top);
+                  })
+                  .ok());
+  EXPECT_EQ(check(*store).nodes, 1u);
+}
+
+// Growth
+
+class LmdbGrowth : public Lmdb {
+ protected:
+  LmdbGrowth() { options_.first_map_size = kMiB; }
+
+  static Status add_large(Store& store, int number, NodeId* id) {
+    if (Status status = add_node(store, kRootNode, std::to_string(number), id); !status.ok()) return status;
+    return set_text(store, *id, std::string(256 * 1024, static_cast<char>('a' + number % 26)));
+  }
+};
+
+TEST_F(LmdbGrowth, TheMapGrowsWithTheRegistry) {
+  const auto store = open();
+  std::vector<NodeId> ids(40);
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(add_large(*store, i, &ids[static_cast<std::size_t>(i)]).ok()) << i;
+  EXPECT_GT(fs::file_size(data_file()), 10 * kMiB);
+  for (int i = 0; i < 40; ++i)
+    EXPECT_EQ(text_of(*store, ids[static_cast<std::size_t>(i)]),
+              std::string(256 * 1024, static_cast<char>('a' + i % 26)));
+  EXPECT_EQ(check(*store).nodes, 41u);
+}
+
+TEST_F(LmdbGrowth, OneWriteMayNeedTheMapToGrowManyTimes) {
+  const auto store = open();
+  int runs = 0;
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    ++runs;
+                    for (int i = 0; i < 100; ++i) {
+                      Node node;
+                      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                      if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok())
+                        return status;
+                      const std::string text(256 * 1024, 't');
+                      // A function may overlook a failure; the store does not.
+                      (void)update.set_value(node.id, 3, std::as_bytes(std::span(text)));
+                    }
+                    return {};
+                  })
+                  .ok());
+  EXPECT_GT(runs, 3);
+  EXPECT_EQ(check(*store).values, 100u);
+}
+
+TEST_F(LmdbGrowth, ReadersAndTheirThreadsGoOnWhileTheMapGrows) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "constant").ok());
+  std::atomic<bool> stop{false};
+  std::atomic<int> reads{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        EXPECT_EQ(text_of(*store, kRootNode), "constant");
+        ++reads;
+      }
+    });
+  }
+  NodeId id = kNoNode;
+  for (int i = 0; i < 60; ++i) ASSERT_TRUE(add_large(*store, i, &id).ok());
+  stop = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_GT(reads, 0);
+}
+
+TEST_F(LmdbGrowth, ALongReadDelaysTheGrowthAndNotTheReaders) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "constant").ok());
+  std::promise<void> reading;
+  std::promise<void> release;
+  std::future<Status> long_read = std::async(std::launch::async, [&] {
+    return store->read_all([&](View& view) -> Status {
+      reading.set_value();
+      release.get_future().wait();
+      Node root;
+      return view.find(kNoNode, "", &root);
+    });
+  });
+  reading.get_future().wait();
+  std::future<Status> writer = std::async(std::launch::async, [&]() -> Status {
+    NodeId id = kNoNode;
+    for (int i = 0; i < 20; ++i)
+      if (Status status = add_large(*store, i, &id); !status.ok()) return status;
+    return {};
+  });
+  for (int i = 0; i < 2000; ++i) ASSERT_EQ(text_of(*store, kRootNode), "constant");
+  release.set_value();
+  EXPECT_TRUE(long_read.get().ok());
+  EXPECT_TRUE(writer.get().ok());
+  EXPECT_EQ(check(*store).values, 21u);
+}
+
+TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "seen before").ok());
+  EXPECT_EQ(text_of(*store, kRootNode), "seen before");
+  const auto grow = [&](int first) {
+    return in_child([&] {
+      const auto own = open();
+      NodeId id = kNoNode;
+      for (int i = first; i < first + 20; ++i)
+        if (!add_large(*own, i, &id).ok()) return 1;
+      return 0;
+    });
+  };
+  ASSERT_EQ(grow(0), 0);
+  EXPECT_EQ(text_of(*store, kRootNode), "seen before");  // a reader follows
+  EXPECT_EQ(check(*store).nodes, 21u);
+  ASSERT_EQ(grow(100), 0);
+  ASSERT_TRUE(set_text(*store, kRootNode, "written after").ok());  // a writer follows
+  EXPECT_EQ(check(*store).nodes, 41u);
+}
+
+TEST_F(LmdbGrowth, AFixedMapIsNotOutgrownAndTheRegistryIsUnharmed) {
+  options_.map_size = 2 * kMiB;
+  const auto store = open();
+  NodeId id = kNoNode;
+  std::vector<NodeId> ids;
+  Status status;
+  for (int i = 0; i < 20 && status.ok(); ++i) {
+    status = add_large(*store, i, &id);
+    if (status.ok()) ids.push_back(id);
+  }
+  ASSERT_TRUE(status.is(PRTKV_STORAGE_FULL)) << status.text();
+  EXPECT_NE(status.text().find("map_size"), std::string::npos) << status.text();
+  EXPECT_NE(status.text().find("2097152"), std::string::npos) << status.text();
+  EXPECT_LE(fs::file_size(data_file()), 2 * kMiB);
+  EXPECT_GE(ids.size(), 3u);
+  for (std::size_t i = 0; i < ids.size(); ++i)
+    EXPECT_EQ(text_of(*store, ids[i]), std::string(256 * 1024, static_cast<char>('a' + i % 26)));
+  check(*store);
+  // Room that is given back can be used again.
+  ASSERT_TRUE(set_text(*store, ids[0], "").ok());
+  ASSERT_TRUE(set_text(*store, ids[1], "").ok());
+  EXPECT_TRUE(set_text(*store, ids[0], std::string(200 * 1024, 'z')).ok());
+}
+
+TEST_F(LmdbGrowth, WithoutAddressSpaceTheFormerMapStays) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizers need address space without a limit";
+#endif
+  EXPECT_EQ(in_child([&] {
+              const auto store = open();
+              NodeId id = kNoNode;
+              if (!set_text(*store, kRootNode, "kept").ok()) return 1;
+              struct rlimit limit {};
+              // Room for what the process has and a little more.
+              std::ifstream statistics("/proc/self/statm");
+              std::size_t pages = 0;
+              statistics >> pages;
+              limit.rlim_cur = limit.rlim_max = pages * 4096 + 6 * kMiB;
+              if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
+              Status status;
+              for (int i = 0; i < 60 && status.ok(); ++i) status = add_large(*store, i, &id);
+              if (!status.is(PRTKV_OUT_OF_MEMORY)) return 3;
+              if (text_of(*store, kRootNode) != "kept") return 4;
+              return set_text(*store, kRootNode, "still writable").ok() ? 0 : 5;
+            }),
+            0);
+}
+
+// Readers that die
+
+TEST_F(Lmdb, MoreReadersThanThereArePlacesAreToldSoAndReadAgainLater) {
+  const auto store = open();
+  int depth = 0;
+  const std::function<Status(View&)> deeper = [&](View&) -> Status {
+    ++depth;
+    return store->read(deeper);
+  };
+  const Status status = store->read(deeper);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("too many processes and threads"), std::string::npos) << status.text();
+  EXPECT_EQ(depth, 1022);
+  EXPECT_EQ(text_of(*store, kRootNode), "");
+  ASSERT_TRUE(set_text(*store, kRootNode, "x").ok());
+}
+
+// Takes `count` of the readers' places and dies in the middle of reading.
+void die_reading(const LmdbOptions& options, int count) {
+  EXPECT_EQ(in_child([&] {
+              const auto store = open_or_fail(options);
+              const std::function<Status(View&)> deeper = [&](View&) -> Status {
+                if (--count == 0) raise(SIGKILL);
+                return store->read(deeper);
+              };
+              (void)store->read(deeper);
+              return 1;
+            }),
+            128 + SIGKILL);
+}
+
+TEST_F(Lmdb, PlacesOfDeadReadersAreTakenOverWhenThereAreNoOthers) {
+  const auto store = open();
+  die_reading(options_, 1000);
+  int depth = 0;
+  const std::function<Status(View&)> deeper = [&](View&) -> Status {
+    return ++depth < 500 ? store->read(deeper) : Status();
+  };
+  EXPECT_TRUE(store->read(deeper).ok());
+  EXPECT_EQ(depth, 500);
+}
+
+TEST_F(Lmdb, DeadReadersKeepTheFileFromGrowingNoLongerThanToTheNextOpening) {
+  { const auto store = open(); }
+  die_reading(options_, 1);
+  const auto store = open();
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(set_text(*store, kRootNode, std::string(kMiB, 'x')).ok());
+  EXPECT_LT(fs::file_size(data_file()), 6 * kMiB);
+}
+
+TEST_F(Lmdb, DeadReadersAreLookedForBeforeTheMapGrows) {
+  options_.map_size = 8 * kMiB;
+  const auto store = open();
+  die_reading(options_, 1);
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(set_text(*store, kRootNode, std::string(kMiB, 'x')).ok()) << i;
+}
+
+// Damage
+
+class LmdbDamage : public Lmdb {
+ protected:
+  LmdbDamage() {
+    auto store = open();
+    sec_attr security{};
+    std::memcpy(security.user_name, "owner-of-this-node", 18);
+    Node node{kNoNode, security};
+    EXPECT_TRUE(store
+                    ->write([&](Update& update) -> Status {
+                      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                      return update.insert(kRootNode, "precious", node);
+                    })
+                    .ok());
+    id_ = node.id;
+    EXPECT_TRUE(set_text(*store, id_, "the text of the value").ok());
+  }
+
+  std::vector<Finding> findings(bool repair = false) {
+    std::vector<Finding> found;
+    Totals totals;
+    const Status status = open()->check(
+        repair, [&](const Finding& finding) { found.push_back(finding); }, &totals);
+    EXPECT_TRUE(status.ok()) << status.text();
+    return found;
+  }
+
+  Status find_precious() {
+    Node node;
+    return open()->read([&](View& view) { return view.find(kRootNode, "precious", &node); });
+  }
+
+  NodeId id_ = kNoNode;
+};
+
+TEST_F(LmdbDamage, AChangedByteOfAValueIsNeverReadAsAValue) {
+  ASSERT_GE(replace_in_file(data_file(), "the text of", "the fake of"), 1);
+  std::string text = "untouched";
+  const Status status = get_text(*open(), id_, &text);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(status.text(), "value of node " + std::to_string(id_) + ": damaged record: its checksum does not match");
+  EXPECT_EQ(text, "untouched");
+  const auto found = findings();
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].kind, Finding::Kind::kDamagedValue);
+  EXPECT_EQ(found[0].id, id_);
+}
+
+TEST_F(LmdbDamage, AChangedByteOfANodeIsNeverReadAsANode) {
+  ASSERT_GE(replace_in_file(data_file(), "owner-of-this", "owner-of-that"), 1);
+  const Status status = find_precious();
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(status.text(), "entry 'precious' below node 1: damaged record: its checksum does not match");
+  const Status walk = open()->read(
+      [](View& view) { return view.children(kRootNode, [](std::string_view, const Node&) { return Status(); }); });
+  EXPECT_TRUE(walk.is(PRTKV_STORAGE_FAILED));
+  // Its value may still be its value: nothing is removed on a guess.
+  for (const bool repair : {false, true}) {
+    const auto found = findings(repair);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].kind, Finding::Kind::kDamagedNode);
+    EXPECT_EQ(found[0].parent, kRootNode);
+    EXPECT_EQ(found[0].name, "precious");
+    EXPECT_EQ(found[1].kind, Finding::Kind::kOrphanValue);
+  }
+}
+
+TEST_F(LmdbDamage, AChangedNameIsFoundByACheck) {
+  const std::string key = std::string("N\0\0\0\0\0\0\0\1", 9);
+  ASSERT_GE(replace_in_file(data_file(), key + "precious", key + "pretious"), 1);
+  const auto found = findings();
+  ASSERT_GE(found.size(), 1u);
+  EXPECT_EQ(found[0].kind, Finding::Kind::kDamagedNode);
+  EXPECT_EQ(found[0].name, "pretious");
+}
+
+TEST_F(LmdbDamage, EveryByteOfARecordCounts) {
+  const std::string sound = read_file(data_file());
+  const std::string key = std::string("V\0\0\0\0\0\0\0", 8) + static_cast<char>(id_);
+  const std::size_t size = value_record_size(std::strlen("the text of the value"));
+  for (std::size_t offset = 0; offset < size; ++offset) {
+    std::string bytes = sound;
+    int copies = 0;
+    for (std::size_t at = 0; (at = bytes.find(key, at)) != std::string::npos; at += key.size(), ++copies)
+      bytes[at + key.size() + offset] = static_cast<char>(bytes[at + key.size() + offset] ^ 0x10);
+    ASSERT_GE(copies, 1);
+    write_file(data_file(), bytes);
+    std::string text;
+    EXPECT_TRUE(get_text(*open(), id_, &text).is(PRTKV_STORAGE_FAILED)) << "byte " << offset;
+  }
+  write_file(data_file(), sound);
+  EXPECT_EQ(text_of(*open(), id_), "the text of the value");
+}
+
+TEST_F(LmdbDamage, ARecordInAnothersPlaceIsFound) {
+  NodeId other = kNoNode;
+  ASSERT_TRUE(add_node(*open(), kRootNode, "other", &other).ok());
+  with_plain_lmdb(options_.directory, [&](MDB_txn* txn, MDB_dbi database) {
+    const Key from = Key::value(id_);
+    const Key to = Key::value(other);
+    MDB_val from_val = from.val();
+    MDB_val to_val = to.val();
+    MDB_val data{};
+    ASSERT_EQ(mdb_get(txn, database, &from_val, &data), 0);
+    std::string copy(static_cast<const char*>(data.mv_data), data.mv_size);
+    data = val_of(copy);
+    ASSERT_EQ(mdb_put(txn, database, &to_val, &data, 0), 0);
+  });
+  std::string text;
+  EXPECT_TRUE(get_text(*open(), other, &text).is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(text_of(*open(), id_), "the text of the value");
+}
+
+TEST_F(LmdbDamage, AnUnknownKeyIsReportedAndLeftAlone) {
+  with_plain_lmdb(options_.directory, [&](MDB_txn* txn, MDB_dbi database) {
+    MDB_val key = val_of("Zebra");
+    MDB_val data = val_of("stripes");
+    ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
+  });
+  for (const bool repair : {false, true}) {
+    const auto found = findings(repair);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].kind, Finding::Kind::kDamagedNode);
+    EXPECT_EQ(found[0].name, "Zebra");
+  }
+}
+
+TEST_F(LmdbDamage, ARecordOfANewerFormatIsRefused) {
+  with_plain_lmdb(options_.directory, [&](MDB_txn* txn, MDB_dbi database) {
+    const Key key = Key::value(id_);
+    MDB_val key_val = key.val();
+    MDB_val data{};
+    ASSERT_EQ(mdb_get(txn, database, &key_val, &data), 0);
+    std::string copy(static_cast<const char*>(data.mv_data), data.mv_size);
+    copy[0] = 2;
+    data = val_of(copy);
+    ASSERT_EQ(mdb_put(txn, database, &key_val, &data, 0), 0);
+  });
+  std::string text;
+  const Status status = get_text(*open(), id_, &text);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("format version 2"), std::string::npos) << status.text();
+}
+
+TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {
+  std::size_t whole = fs::file_size(data_file());
+  ASSERT_TRUE(set_text(*open(), id_, std::string(kMiB, 'v')).ok());
+  whole = fs::file_size(data_file());
+  const std::string sound = read_file(data_file());
+  for (std::size_t size = 0; size < whole; size += size < 65536 ? 4096 : 262144) {
+    write_file(data_file(), std::string_view(sound).substr(0, size));
+    const int outcome = in_child([&] {
+      std::shared_ptr<Store> store;
+      if (const Status status = open_lmdb_store(options_, &store); !status.ok())
+        return status.is(PRTKV_STORAGE_FAILED) ? 0 : 1;
+      std::string text;
+      const Status status = get_text(*store, id_, &text);
+      Totals totals;
+      (void)store->check(
+          false, [](const Finding&) {}, &totals);
+      return status.ok() && text != std::string(kMiB, 'v') ? 2 : 0;
+    });
+    EXPECT_EQ(outcome, 0) << "cut to " << size << " bytes";
+  }
+}
+
+TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {
+  auto store = open();
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    std::vector<std::byte> large(kMiB, std::byte{'l'});
+                    for (NodeId id = 100; id < 104; ++id)
+                      if (Status status = update.set_value(id, 3, large); !status.ok()) return status;
+                    for (NodeId id = 100; id < 104; ++id)
+                      if (Status status = update.set_value(id, 0, {}); !status.ok()) return status;
+                    return {};
+                  })
+                  .ok());
+  store.reset();
+  store = open();
+  EXPECT_EQ(text_of(*store, id_), "the text of the value");
+  check(*store);
+  ASSERT_TRUE(set_text(*store, id_, std::string(kMiB, 'x')).ok());
+}
+
+}  // namespace
+}  // namespace tkv::store
