@@ -305,7 +305,7 @@ bool is_host_byte(char byte) {
 
 bool is_ipv6_byte(char byte) {
   return (byte >= 'a' && byte <= 'f') || (byte >= 'A' && byte <= 'F') || (byte >= '0' && byte <= '9') || byte == '.' ||
-         byte == ':' || byte == '%';
+         byte == ':';
 }
 
 bool is_host(std::string_view host) {

@@ -1,0 +1,296 @@
+// The configuration file: what is understood, and what each mistake gets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "configuration.h"
+#include "registry_fixture.h"
+#include "temporary_directory.h"
+
+namespace tkv::registry {
+namespace {
+
+using ::testing::ElementsAre;
+
+class ConfigurationFile : public ::testing::Test {
+ protected:
+  Surroundings surroundings() {
+    Surroundings made;
+    made.variable = [this](const char* name) -> const char* {
+      const auto found = variables_.find(name);
+      return found == variables_.end() ? nullptr : found->second.c_str();
+    };
+    made.user = user_;
+    made.default_file = default_file_;
+    return made;
+  }
+
+  void write(const std::string& text) {
+    std::ofstream(file_, std::ios::binary) << text;
+    variables_["TKV_CONF"] = file_;
+  }
+
+  Status read() { return Configuration::read(&configuration_, surroundings()); }
+
+  // Reads `text` and gives the setting of a name, "value from origin" with the file called F.
+  std::string setting(const std::string& name) {
+    for (const Setting& setting : configuration_.settings) {
+      if (setting.name == name) return shortened(setting.value + " from " + setting.origin);
+    }
+    return "no such setting";
+  }
+
+  std::string shortened(std::string text) const {
+    for (std::size_t at = 0; (at = text.find(file_)) != std::string::npos;) text.replace(at, file_.size(), "F");
+    return text;
+  }
+
+  TemporaryDirectory directory_;
+  std::string file_ = directory_.path() + "/tkv.conf";
+  std::string default_file_ = directory_.path() + "/none.conf";
+  std::map<std::string, std::string> variables_;
+  uid_t user_ = 1000;
+  Configuration configuration_;
+};
+
+TEST_F(ConfigurationFile, AbsentForRootMeansVarLib) {
+  user_ = 0;
+  ASSERT_TRUE(read().ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("/var/lib/tkv"));
+  EXPECT_FALSE(configuration_.location_configured);
+  EXPECT_TRUE(configuration_.local_only);
+  EXPECT_FALSE(configuration_.cluster_configured);
+  EXPECT_EQ(configuration_.file, "");
+  EXPECT_EQ(configuration_.file_origin, "none");
+  EXPECT_EQ(setting("registry.location"), "/var/lib/tkv from default");
+  EXPECT_EQ(setting("registry.local_only"), "yes from follows registry.location");
+  EXPECT_EQ(setting("etcd.timeout_ms"), "5000 from default");
+}
+
+TEST_F(ConfigurationFile, AbsentForOthersMeansTheirStateDirectory) {
+  variables_["HOME"] = "/home/alice";
+  ASSERT_TRUE(read().ok());
+  EXPECT_EQ(setting("registry.location"), "/home/alice/.local/state/tkv from environment HOME");
+  variables_["XDG_STATE_HOME"] = "relative";
+  ASSERT_TRUE(read().ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("/home/alice/.local/state/tkv"));
+  variables_["XDG_STATE_HOME"] = "/state";
+  ASSERT_TRUE(read().ok());
+  EXPECT_EQ(setting("registry.location"), "/state/tkv from environment XDG_STATE_HOME");
+}
+
+TEST_F(ConfigurationFile, AbsentWithoutAHomeIsAnError) {
+  const Status status = read();
+  EXPECT_EQ(status.code(), PRTKV_INVALID_CONFIGURATION);
+  EXPECT_EQ(status.text(), "no location is configured, and the user has no home directory for a default one");
+}
+
+TEST_F(ConfigurationFile, TheSystemsRecordsStandForAMissingHome) {
+  Surroundings made = surroundings();
+  made.home = "/srv/alice";
+  ASSERT_TRUE(Configuration::read(&configuration_, made).ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("/srv/alice/.local/state/tkv"));
+}
+
+TEST_F(ConfigurationFile, EveryNameIsUnderstood) {
+  write(
+      "\xef\xbb\xbf; a comment\r\n"
+      "# another\n"
+      "[registry]   ; with a comment\n"
+      "  location = /srv/registry  ; where it is\n"
+      "local_only=no\n"
+      "backup_location: /srv/backup\n"
+      "map_size = 2G\n"
+      "group = cluster\n"
+      "\n"
+      "[etcd]\n"
+      "ca = /etc/ca.pem\n"
+      "cert = /etc/cert.pem\n"
+      "key = /etc/key.pem\n"
+      "user = registry\n"
+      "password_file = /etc/password\n"
+      "prefix = /site/tkv/\n"
+      "timeout_ms = 2500\n"
+      "[cluster]\n"
+      "configured = on");
+  ASSERT_EQ(read().text(), "done");
+  EXPECT_THAT(configuration_.locations, ElementsAre("/srv/registry"));
+  EXPECT_TRUE(configuration_.location_configured);
+  EXPECT_FALSE(configuration_.local_only);
+  EXPECT_EQ(configuration_.backup_location, "/srv/backup");
+  EXPECT_EQ(configuration_.map_size, 2ULL << 30);
+  EXPECT_EQ(configuration_.group, "cluster");
+  EXPECT_EQ(configuration_.etcd_ca, "/etc/ca.pem");
+  EXPECT_EQ(configuration_.etcd_cert, "/etc/cert.pem");
+  EXPECT_EQ(configuration_.etcd_key, "/etc/key.pem");
+  EXPECT_EQ(configuration_.etcd_user, "registry");
+  EXPECT_EQ(configuration_.etcd_password_file, "/etc/password");
+  EXPECT_EQ(configuration_.etcd_prefix, "/site/tkv/");
+  EXPECT_EQ(configuration_.etcd_timeout_ms, 2500);
+  EXPECT_TRUE(configuration_.cluster_configured);
+  EXPECT_FALSE(configuration_.is_distributed());
+  EXPECT_EQ(setting("registry.location"), "/srv/registry from F:4");
+  EXPECT_EQ(setting("cluster.configured"), "yes from F:19");
+  EXPECT_EQ(configuration_.file, file_);
+  EXPECT_EQ(configuration_.file_origin, "environment TKV_CONF");
+}
+
+TEST_F(ConfigurationFile, DefaultFileIsReadWhenTheEnvironmentNamesNone) {
+  std::ofstream(default_file_) << "[registry]\nlocation = /srv/default\n";
+  variables_["TKV_CONF"] = "";
+  ASSERT_TRUE(read().ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("/srv/default"));
+  EXPECT_EQ(configuration_.file, default_file_);
+  EXPECT_EQ(configuration_.file_origin, "default");
+}
+
+TEST_F(ConfigurationFile, EtcdLocationsStandOnOneLineOrOnSeveral) {
+  write("[registry]\nlocation = etcd://a:2379, etcd://[::1]:2380\nlocation = etcd://10.0.0.3:2379\n");
+  ASSERT_TRUE(read().ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("etcd://a:2379", "etcd://[::1]:2380", "etcd://10.0.0.3:2379"));
+  EXPECT_TRUE(configuration_.is_distributed());
+  EXPECT_FALSE(configuration_.local_only);
+  EXPECT_TRUE(configuration_.cluster_configured);
+  EXPECT_EQ(setting("registry.location"), "etcd://a:2379, etcd://[::1]:2380 etcd://10.0.0.3:2379 from F:2, F:3");
+  write("[cluster]\nconfigured=no\n[registry]\nlocation = etcd://a:2379\n");
+  ASSERT_TRUE(read().ok());
+  EXPECT_FALSE(configuration_.cluster_configured);
+}
+
+TEST_F(ConfigurationFile, DirectoryMayHaveBlanksAndBeVeryLong) {
+  const std::string path = "/srv/our registry/" + std::string(4096 - 18, 'x');
+  write("[registry]\nlocation = " + path + "\n");
+  ASSERT_EQ(read().text(), "done");
+  EXPECT_THAT(configuration_.locations, ElementsAre(path));
+}
+
+struct Mistake {
+  const char* text;
+  const char* error;
+};
+
+class MalformedConfiguration : public ConfigurationFile, public ::testing::WithParamInterface<Mistake> {};
+
+TEST_P(MalformedConfiguration, NamesFileAndLine) {
+  write(GetParam().text);
+  configuration_.group = "as it was";
+  const Status status = read();
+  EXPECT_EQ(status.code(), PRTKV_INVALID_CONFIGURATION);
+  EXPECT_EQ(shortened(status.text()), GetParam().error);
+  EXPECT_EQ(configuration_.group, "as it was");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, MalformedConfiguration,
+    ::testing::Values(
+        Mistake{"[registry]\nlocation /srv\n", "F:2: malformed line"},
+        Mistake{"[registry\nlocation=/srv\n", "F:1: malformed line"},
+        Mistake{"[registry] location=/srv\n", "F:1: malformed line"},
+        Mistake{"\n\nnonsense\n[registry]\nnonsense=1\n", "F:3: malformed line"},
+        Mistake{"[registry]\nnonsense=1\nnonsense\n", "F:2: unknown name 'nonsense' in [registry]"},
+        Mistake{"[registry]\n= 1\n", "F:2: unknown name '' in [registry]"},
+        Mistake{"[Registry]\n", "F:1: unknown section [Registry]"},
+        Mistake{"[registry]\nlocation=/srv\n[other]\n", "F:3: unknown section [other]"},
+        Mistake{"location=/srv\n", "F:1: 'location' stands before the first section"},
+        Mistake{"[etcd]\nlocation=/srv\n", "F:2: unknown name 'location' in [etcd]"},
+        Mistake{"[registry]\ngroup=a\n\ngroup=a\n", "F:4: 'group' is given twice, first at F:2"},
+        Mistake{"[registry]\nlocation=/a\nlocation=/b\n",
+                "F:3: location: a location is one directory or up to five etcd addresses"},
+        Mistake{"[registry]\nlocation=/a\nlocation=etcd://a:1\n",
+                "F:3: location: a location is one directory or up to five etcd addresses, not both"},
+        Mistake{"[registry]\nlocation=etcd://a:1\nlocation=/a\n",
+                "F:3: location: a location is one directory or up to five etcd addresses"},
+        Mistake{"[registry]\nlocation=etcd://a:1 etcd://a:1\n", "F:2: location: 'etcd://a:1' is given twice"},
+        Mistake{"[registry]\nlocation=etcd://a:1 etcd://a:2 etcd://a:3 etcd://a:4 etcd://a:5 etcd://a:6\n",
+                "F:2: location: more than five locations"},
+        Mistake{"[registry]\nlocation=etcd://a\n", "F:2: location: 'etcd://a' is not of the form etcd://host:port"},
+        Mistake{"[registry]\nlocation=srv\n", "F:2: location: 'srv' is not an absolute path"},
+        Mistake{"[registry]\nlocation=\n", "F:2: 'location' has no value"},
+        Mistake{"[registry]\nlocation= ; later\n", "F:2: 'location' has no value"},
+        Mistake{"[registry]\nbackup_location=b\n", "F:2: backup_location: 'b' is not an absolute path"},
+        Mistake{"[registry]\nlocal_only=maybe\n", "F:2: local_only: 'maybe' is neither yes nor no"},
+        Mistake{"[registry]\nmap_size=1023K\n", "F:2: map_size: '1023K' is not between 1M and 16T"},
+        Mistake{"[registry]\nmap_size=17T\n", "F:2: map_size: '17T' is not between 1M and 16T"},
+        Mistake{"[registry]\nmap_size=99999999999999999999\n",
+                "F:2: map_size: '99999999999999999999' is not a size in bytes, as in 512M"},
+        Mistake{"[registry]\nmap_size=1GB\n", "F:2: map_size: '1GB' is not a size in bytes, as in 512M"},
+        Mistake{"[registry]\nmap_size=-1G\n", "F:2: map_size: '-1G' is not a size in bytes, as in 512M"},
+        Mistake{"[registry]\nmap_size=G\n", "F:2: map_size: 'G' is not a size in bytes, as in 512M"},
+        Mistake{"[registry]\ngroup=two words\n", "F:2: group: 'two words' is not a name"},
+        Mistake{"[etcd]\nca=ca.pem\n", "F:2: ca: 'ca.pem' is not an absolute path"},
+        Mistake{"[etcd]\nca=/ca\ncert=/c\n", "F:3: etcd.cert is given without etcd.key"},
+        Mistake{"[etcd]\nca=/ca\nkey=/k\n", "F:3: etcd.key is given without etcd.cert"},
+        Mistake{"[etcd]\ncert=/c\nkey=/k\n", "F:2: etcd.cert is given without etcd.ca"},
+        Mistake{"[etcd]\nuser=u\n", "F:2: etcd.user is given without etcd.password_file"},
+        Mistake{"[etcd]\npassword_file=/p\n", "F:2: etcd.password_file is given without etcd.user"},
+        Mistake{"[etcd]\nprefix=tkv/\n", "F:2: prefix: 'tkv/' does not begin and end with '/'"},
+        Mistake{"[etcd]\nprefix=/tkv\n", "F:2: prefix: '/tkv' does not begin and end with '/'"},
+        Mistake{"[etcd]\ntimeout_ms=99\n", "F:2: timeout_ms: '99' is not between 100 and 600000"},
+        Mistake{"[etcd]\ntimeout_ms=600001\n", "F:2: timeout_ms: '600001' is not between 100 and 600000"},
+        Mistake{"[etcd]\ntimeout_ms=5s\n", "F:2: timeout_ms: '5s' is not a number of milliseconds"},
+        Mistake{"[cluster]\nconfigured=\n", "F:2: 'configured' has no value"},
+        Mistake{"[registry]\nlocation=/a\x01\n", "F:2: the line holds a control character"}));
+
+TEST_F(ConfigurationFile, OverlongLinesNamesAndPathsAreRefusedNotCut) {
+  write("[registry]\nlocation = /" + std::string(9000, 'x') + "\n");
+  EXPECT_EQ(shortened(read().text()), "F:2: the line is longer than 8189 bytes");
+  write("[registry]\nlocation = /" + std::string(4096, 'x') + "\n");
+  EXPECT_EQ(shortened(read().text()), "F:2: location: the path is longer than 4096 bytes");
+  write("[registry]\n" + std::string(60, 'n') + " = 1\n");
+  EXPECT_EQ(shortened(read().text()), "F:2: the name is too long");
+  write("[" + std::string(60, 's') + "]\n");
+  EXPECT_EQ(shortened(read().text()), "F:1: the section's name is too long");
+  write("[etcd]\nprefix = /" + std::string(300, 'p') + "/\n");
+  EXPECT_EQ(shortened(read().text()), "F:2: prefix: the prefix is longer than 256 bytes");
+  write("[registry]\ngroup = " + std::string(64, 'g') + "\n");
+  EXPECT_EQ(shortened(read().text()), "F:2: group: the name is longer than 63 bytes");
+  write(std::string((1 << 20) + 1, ' '));
+  EXPECT_EQ(shortened(read().text()), "the configuration file F is larger than 1 MiB");
+}
+
+TEST_F(ConfigurationFile, NulByteIsAControlCharacter) {
+  write(std::string("[registry]\nlocation=/a\0b\n", 25));
+  EXPECT_EQ(shortened(read().text()), "F:2: the line holds a control character");
+}
+
+TEST_F(ConfigurationFile, UnreadableOneIs42) {
+  variables_["TKV_CONF"] = file_;
+  Status status = read();
+  EXPECT_EQ(status.code(), PRTKV_CONFIGURATION_UNREADABLE);
+  EXPECT_EQ(shortened(status.text()), "the configuration file F cannot be read: No such file or directory");
+  ASSERT_EQ(mkdir(file_.c_str(), 0700), 0);
+  status = read();
+  EXPECT_EQ(status.code(), PRTKV_CONFIGURATION_UNREADABLE);
+  EXPECT_EQ(shortened(status.text()), "the configuration file F is not a regular file");
+  variables_["TKV_CONF"] = file_ + "/below/" + std::string(300, 'x');
+  EXPECT_EQ(read().code(), PRTKV_CONFIGURATION_UNREADABLE);
+}
+
+TEST_F(ConfigurationFile, PipeIsRefusedWithoutWaitingForAWriter) {
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  variables_["TKV_CONF"] = file_;
+  EXPECT_EQ(read().code(), PRTKV_CONFIGURATION_UNREADABLE);
+}
+
+TEST(EtcdAddress, HostAndPort) {
+  std::string endpoint;
+  for (const char* good :
+       {"etcd://a:1", "etcd://node-1.example.com:2379", "etcd://10.0.0.1:65535", "etcd://[::1]:2379"}) {
+    SCOPED_TRACE(good);
+    EXPECT_TRUE(parse_etcd_address(good, &endpoint).ok());
+    EXPECT_EQ("etcd://" + endpoint, good);
+  }
+  for (const char* bad : {"", "etcd://", "etcd://a", "etcd://a:", "etcd://:1", "etcd://a:0", "etcd://a:65536",
+                          "etcd://a:1x", "etcd://a b:1", "etcd://a/b:1", "etcd://::1:2379", "etcd://[]:1",
+                          "etcd://[::1:1", "http://a:1", "/etcd://a:1", "etcd://a:-1"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(parse_etcd_address(bad, &endpoint).code(), PRTKV_INVALID_ARGUMENT);
+  }
+}
+
+}  // namespace
+}  // namespace tkv::registry
