@@ -1,0 +1,51 @@
+package velmar.qen.mgmt.bench;
+
+import java.nio.file.Path;
+import java.util.List;
+
+/** The negative control: does nothing, so that its times are the harness's own. */
+final class ControlPeer implements Peer {
+    private static final List<String> NOTHING = List.of();
+
+    ControlPeer(Path directory) {}
+
+    @Override
+    public String description() {
+        return "no work at all: what the harness itself takes";
+    }
+
+    @Override
+    public void open() {}
+
+    @Override
+    public void fill(Dataset dataset) {}
+
+    @Override
+    public String read(String name) {
+        return name;
+    }
+
+    @Override
+    public List<String> list(String name) {
+        return NOTHING;
+    }
+
+    @Override
+    public void write(String name, String value) {}
+
+    @Override
+    public void openAndCloseKey(String name) {}
+
+    @Override
+    public void close() {}
+
+    @Override
+    public boolean supports(Scenario scenario) {
+        return true;
+    }
+
+    @Override
+    public boolean isControl() {
+        return true;
+    }
+}

@@ -1,0 +1,51 @@
+package velmar.qen.mgmt.bench;
+
+import java.nio.file.Path;
+import java.util.List;
+import velmar.qen.mgmt.registry.Registry;
+
+/** The registry through its Java API, on the store of {@link NativePeer}. */
+final class RegistryPeer implements Peer {
+    private Registry registry;
+
+    RegistryPeer(Path directory) {}
+
+    @Override
+    public String description() {
+        return "TKV through Registry, on the same store";
+    }
+
+    @Override
+    public void open() {
+        registry = Registry.open();
+    }
+
+    @Override
+    public void fill(Dataset dataset) {
+        dataset.above().forEach(registry::create);
+        dataset.groups().forEach(registry::create);
+        for (String name : dataset.fullNames(dataset.groups())) {
+            registry.put(name, Dataset.value(name));
+        }
+    }
+
+    @Override
+    public String read(String name) {
+        return registry.get(name);
+    }
+
+    @Override
+    public List<String> list(String name) {
+        return registry.list(name);
+    }
+
+    @Override
+    public void write(String name, String value) {
+        registry.put(name, value);
+    }
+
+    @Override
+    public void close() {
+        registry.close();
+    }
+}

@@ -1,0 +1,136 @@
+package velmar.qen.mgmt.bench;
+
+import java.util.Arrays;
+import java.util.List;
+
+/** What is measured: one operation over and over. Each checks the peer's answers before its time counts. */
+enum Scenario {
+    READ_SAME("read-same") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return reads(peer, new String[] {dataset.fullNames(dataset.readGroups())[0]});
+        }
+    },
+    READ_GROUP("read-group") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return reads(peer, dataset.fullNames(dataset.readGroups().subList(0, 1)));
+        }
+    },
+    READ_ALL("read-all") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return reads(peer, dataset.fullNames(dataset.readGroups()));
+        }
+    },
+    LIST("list") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            String group = dataset.groups().get(0);
+            List<String> names = peer.list(group).stream().sorted().toList();
+            require(peer, names.equals(dataset.keys()), "a wrong list of " + names.size() + " names");
+            return () -> peer.list(group);
+        }
+    },
+    WRITE("write") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            Names names = new Names(dataset.fullNames(List.of(dataset.writtenGroup())));
+            String name = names.next();
+            peer.write(name, "checked");
+            require(peer, "checked".equals(peer.read(name)), "a value that is not what was written");
+            return new Operation() {
+                private long count;
+
+                @Override
+                public Object run() throws Exception {
+                    String value = Long.toString(count++);
+                    peer.write(names.next(), value);
+                    return value;
+                }
+            };
+        }
+    },
+    OPEN_KEY("open-key") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            Names names = new Names(dataset.fullNames(dataset.readGroups().subList(0, 1)));
+            return () -> {
+                String name = names.next();
+                peer.openAndCloseKey(name);
+                return name;
+            };
+        }
+    },
+    OPEN_STORE("open-store") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            String name = dataset.fullNames(dataset.readGroups())[0];
+            return () -> {
+                peer.close();
+                peer.open();
+                return read(peer, name);
+            };
+        }
+    };
+
+    private final String title;
+
+    Scenario(String title) {
+        this.title = title;
+    }
+
+    String title() {
+        return title;
+    }
+
+    static Scenario of(String title) {
+        return Arrays.stream(values()).filter(one -> one.title.equals(title)).findFirst()
+                .orElseThrow(() -> new IllegalArgumentException("there is no scenario '" + title + "'"));
+    }
+
+    /** One run of it; the result is what keeps the work from being optimised away. */
+    interface Operation {
+        Object run() throws Exception;
+    }
+
+    /** The operation, on an open peer that holds the dataset. */
+    abstract Operation on(Peer peer, Dataset dataset) throws Exception;
+
+    private static Operation reads(Peer peer, String[] fullNames) throws Exception {
+        for (String name : fullNames) {
+            read(peer, name);
+        }
+        Names names = new Names(fullNames);
+        return () -> peer.read(names.next());
+    }
+
+    private static String read(Peer peer, String name) throws Exception {
+        String value = peer.read(name);
+        require(peer, Dataset.value(name).equals(value), "'" + value + "' as the value of " + name);
+        return value;
+    }
+
+    private static void require(Peer peer, boolean right, String answer) {
+        if (!right && !peer.isControl()) {
+            throw new IllegalStateException(peer.description() + " gave " + answer);
+        }
+    }
+
+    /** Names in an endless random order, the same in every JVM. */
+    private static final class Names {
+        private final String[] names;
+        private long state = 0x2545F4914F6CDD1DL;
+
+        Names(String[] names) {
+            this.names = names;
+        }
+
+        String next() {
+            state ^= state << 13;
+            state ^= state >>> 7;
+            state ^= state << 17;
+            return names[(int) (((state >>> 33) * names.length) >>> 31)];
+        }
+    }
+}

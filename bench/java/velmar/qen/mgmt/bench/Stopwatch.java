@@ -1,0 +1,48 @@
+package velmar.qen.mgmt.bench;
+
+import java.util.Arrays;
+
+/** Measures an operation: a warm-up, then windows of time, each of which gives one mean. */
+final class Stopwatch {
+    /** The clock is read once in about this time, so that reading it does not count. */
+    private static final long BATCH_NANOS = 200_000;
+
+    /** Everything that operations give back ends here: the compiler cannot prove it unused. */
+    private static volatile Object sink;
+
+    private final long warmUpNanos;
+    private final long windowNanos;
+    private final int windows;
+
+    Stopwatch(long warmUpNanos, long windowNanos, int windows) {
+        this.warmUpNanos = warmUpNanos;
+        this.windowNanos = windowNanos;
+        this.windows = windows;
+    }
+
+    /** Nanoseconds an operation takes: the median of the windows' means. */
+    double nanosOf(Scenario.Operation operation) throws Exception {
+        double warm = meanDuring(operation, warmUpNanos, 1);
+        int batch = (int) Math.max(1, Math.min(1_000_000, BATCH_NANOS / Math.max(warm, 1)));
+        double[] means = new double[windows];
+        for (int window = 0; window < windows; window++) {
+            means[window] = meanDuring(operation, windowNanos, batch);
+        }
+        Arrays.sort(means);
+        return (means[(windows - 1) / 2] + means[windows / 2]) / 2;
+    }
+
+    private static double meanDuring(Scenario.Operation operation, long nanos, int batch) throws Exception {
+        long count = 0;
+        long start = System.nanoTime();
+        long elapsed;
+        do {
+            for (int i = 0; i < batch; i++) {
+                sink = operation.run();
+            }
+            count += batch;
+            elapsed = System.nanoTime() - start;
+        } while (elapsed < nanos);
+        return (double) elapsed / count;
+    }
+}

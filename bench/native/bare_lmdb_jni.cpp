@@ -1,0 +1,97 @@
+// The native methods of BareLmdbPeer: as little as JNI allows between Java and LMDB.
+
+#include <jni.h>
+
+#include <memory>
+
+#include "bare_lmdb.h"
+
+using tkv::bench::BareLmdb;
+
+namespace {
+
+std::unique_ptr<BareLmdb> store;
+
+class Characters {
+ public:
+  Characters(JNIEnv* env, jstring string)
+      : env_(env), string_(string), characters_(env->GetStringUTFChars(string, nullptr)) {
+    if (characters_ == nullptr) throw std::bad_alloc();
+  }
+  ~Characters() { env_->ReleaseStringUTFChars(string_, characters_); }
+  Characters(const Characters&) = delete;
+  Characters& operator=(const Characters&) = delete;
+
+  const char* get() const { return characters_; }
+
+ private:
+  JNIEnv* env_;
+  jstring string_;
+  const char* characters_;
+};
+
+// Does the work, and raises its failure as an IOException.
+template <typename Work>
+auto raising(JNIEnv* env, const Work& work) -> decltype(work()) {
+  try {
+    return work();
+  } catch (const std::exception& failure) {
+    if (env->ExceptionCheck() == JNI_FALSE) env->ThrowNew(env->FindClass("java/io/IOException"), failure.what());
+  }
+  return decltype(work())();
+}
+
+jobjectArray array_of(JNIEnv* env, const std::vector<std::string>& names) {
+  const auto length = static_cast<jsize>(names.size());
+  jobjectArray array = env->NewObjectArray(length, env->FindClass("java/lang/String"), nullptr);
+  for (jsize i = 0; array != nullptr && i < length; ++i) {
+    jstring name = env->NewStringUTF(names[static_cast<std::size_t>(i)].c_str());
+    if (name == nullptr) return nullptr;
+    env->SetObjectArrayElement(array, i, name);
+    env->DeleteLocalRef(name);
+  }
+  return array;
+}
+
+}  // namespace
+
+#define BENCH_METHOD(type, name) extern "C" JNIEXPORT type JNICALL Java_velmar_qen_mgmt_bench_BareLmdbPeer_##name
+
+BENCH_METHOD(jstring, version)(JNIEnv* env, jclass) {
+  int major = 0;
+  int minor = 0;
+  int patch = 0;
+  mdb_version(&major, &minor, &patch);
+  return env->NewStringUTF(
+      ("LMDB " + std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch)).c_str());
+}
+
+BENCH_METHOD(void, openStore)(JNIEnv* env, jclass, jstring directory) {
+  raising(env, [&] { store = std::make_unique<BareLmdb>(Characters(env, directory).get()); });
+}
+
+BENCH_METHOD(void, closeStore)(JNIEnv*, jclass) { store.reset(); }
+
+BENCH_METHOD(jstring, get)(JNIEnv* env, jclass, jstring name) {
+  return raising(env, [&] {
+    const Characters characters(env, name);
+    return store->get(characters.get(),
+                      [&](const char* text) { return text == nullptr ? nullptr : env->NewStringUTF(text); });
+  });
+}
+
+BENCH_METHOD(jobjectArray, subkeys)(JNIEnv* env, jclass, jstring name) {
+  return raising(env, [&] { return array_of(env, store->subkeys(Characters(env, name).get())); });
+}
+
+BENCH_METHOD(void, put)(JNIEnv* env, jclass, jstring name, jstring value) {
+  raising(env, [&] { store->put(Characters(env, name).get(), Characters(env, value).get()); });
+}
+
+BENCH_METHOD(void, begin)(JNIEnv* env, jclass) {
+  raising(env, [] { store->begin(); });
+}
+
+BENCH_METHOD(void, commit)(JNIEnv* env, jclass) {
+  raising(env, [] { store->commit(); });
+}
