@@ -431,7 +431,7 @@ public final class Registry implements AutoCloseable {
      * Copies a key with everything below it to a new key. Values keep their types and, below the topmost key, keys keep
      * their owners, groups and rights.
      *
-     * <p>Values have up to 2048 bytes, and full names in the source up to 264; the command {@code tkv cp -r} has no such
+     * <p>Values have up to 2048 bytes, and full names in the source up to 265; the command {@code tkv cp -r} has no such
      * limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the session
      * has no right to do that, it stays, and the exception has the refusal among its suppressed ones.
      *

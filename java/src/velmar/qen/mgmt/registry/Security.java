@@ -23,7 +23,8 @@ import java.util.Objects;
  * </tbody>
  * </table>
  *
- * <p>{@link #withOwner} and {@link #withGroup} override the owner and the group of each. All rights are: read the value
+ * <p>{@link #withOwner} and {@link #withGroup} override the owner and the group of each. Rights add up: owner and group
+ * have those of others too. All rights are: read the value
  * and the owners, list the subkeys, write the value, change the security, create subkeys, delete or move the key. The
  * superuser has every right on every key.
  */

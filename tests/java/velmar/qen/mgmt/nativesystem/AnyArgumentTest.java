@@ -1,0 +1,200 @@
+package velmar.qen.mgmt.nativesystem;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.lang.reflect.Method;
+import java.lang.reflect.Modifier;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Comparator;
+import java.util.List;
+import java.util.Map;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.MethodOrderer;
+import org.junit.jupiter.api.Order;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.TestMethodOrder;
+
+/** Every native method with null and zero for every argument. Runs in a JVM of its own, before any session. */
+@TestMethodOrder(MethodOrderer.OrderAnnotation.class)
+class AnyArgumentTest {
+    /** Arguments that are tried for a parameter, by its type; the first is the empty one. */
+    private static final Map<Class<?>, List<Object>> CANDIDATES = Map.of(
+            int.class, List.of(0, -1, 1, 3, Integer.MAX_VALUE, Integer.MIN_VALUE),
+            boolean.class, List.of(false, true),
+            String.class, Arrays.asList(null, "", "a", "any.argument", ".", "\u0000", "\ud800", "x".repeat(100_000)),
+            String[].class, Arrays.asList(null, new String[0], new String[] {null}, new String[] {"", "a", "\udc00"}));
+
+    private final TKVNative tkv = new TKVNative();
+
+    private static List<Method> natives() {
+        return Arrays.stream(TKVNative.class.getDeclaredMethods())
+                .filter(method -> Modifier.isNative(method.getModifiers()))
+                .filter(method -> !List.of("initializeTKVLevel", "terminateTKV").contains(method.getName()))
+                .sorted(Comparator.comparing(Method::getName)).toList();
+    }
+
+    /** What a call reported, whatever texts and codes. */
+    private Recorder call(Method method, Object[] arguments) {
+        Recorder result = new Recorder();
+        arguments[arguments.length - 1] = result;
+        try {
+            method.invoke(tkv, arguments);
+            arguments[arguments.length - 1] = null;
+            method.invoke(tkv, arguments);
+            arguments[arguments.length - 1] = "a result object without any of the methods";
+            method.invoke(tkv, arguments);
+        } catch (ReflectiveOperationException e) {
+            throw new AssertionError(method.getName() + Arrays.toString(arguments), e.getCause());
+        }
+        return result;
+    }
+
+    private static Object[] emptyArguments(Method method) {
+        Object[] arguments = new Object[method.getParameterCount()];
+        for (int i = 0; i < arguments.length - 1; i++) {
+            arguments[i] = CANDIDATES.get(method.getParameterTypes()[i]).get(0);
+        }
+        return arguments;
+    }
+
+    /** The reports of each method to null and zero, one line a method. */
+    private String reportsToNothing() {
+        return natives().stream().map(method -> method.getName() + " " + call(method, emptyArguments(method)).reports())
+                .collect(Collectors.joining("\n"));
+    }
+
+    /** One argument after the other takes each candidate, the others staying empty. */
+    private void callWithEachCandidate() {
+        for (Method method : natives()) {
+            for (int i = 0; i < method.getParameterCount() - 1; i++) {
+                for (Object candidate : CANDIDATES.get(method.getParameterTypes()[i])) {
+                    Object[] arguments = emptyArguments(method);
+                    arguments[i] = candidate;
+                    List<String> reports = call(method, arguments).reports();
+                    assertTrue(!reports.isEmpty(), () -> method.getName() + Arrays.toString(arguments));
+                }
+            }
+        }
+    }
+
+    private static final String WITHOUT_SESSION = """
+            closeKey [status true]
+            copyRecurse [status false, code 0]
+            createAndSetKeyValue [status false, code 1]
+            createKey [status false, code 0]
+            deleteKey [status false, code 0]
+            getGroupName [status false, code 1]
+            getKeyValue [status false, code 1]
+            getKeyValues [status false, code 1]
+            getPatchLevel [status false, code 1]
+            getTKVBackupLocation [status false, code 1]
+            getUserName [status false, code 1]
+            keyExists [status false, code 0]
+            listSubKeys [status false, code 0]
+            moveKey [status false, code 0]
+            setKeyValue [status false, code 1]
+            setKeyValues [status false, code 1]
+            setTypeKeyValue [status false, code 1]
+            setZUVEDDependencies [status false, code 1]""";
+
+    private void assertNoSession() {
+        List<String> needNone = List.of("checkTKVStorageType", "getTKVLocations", "isCluster", "openKey");
+        String reports = reportsToNothing().lines().filter(line -> needNone.stream().noneMatch(line::startsWith))
+                .collect(Collectors.joining("\n"));
+        assertEquals(WITHOUT_SESSION, reports);
+        callWithEachCandidate();
+        assertEquals(WITHOUT_SESSION, reports);
+    }
+
+    @Test
+    @Order(1)
+    void thereAreTwentyFourMethods() {
+        assertEquals(22, natives().size());
+    }
+
+    @Test
+    @Order(2)
+    void beforeTheSession() {
+        assertNoSession();
+    }
+
+    @Test
+    @Order(3)
+    void nullNamesWithinASession() {
+        openSession();
+        assertEquals("""
+                checkTKVStorageType [text TKV-0013, status false]
+                closeKey [status true]
+                copyRecurse [status false, code 0]
+                createAndSetKeyValue [status false, code 1]
+                createKey [status false, code 0]
+                deleteKey [status false, text TKV-0013]
+                getGroupName [status false, code 1]
+                getKeyValue [status false, text TKV-0013]
+                getKeyValues [status false, text TKV-0013]
+                getPatchLevel [status true]
+                getTKVBackupLocation [status true]
+                getTKVLocations [status true, answer false]
+                getUserName [status false, code 1]
+                isCluster [status true, answer false]
+                keyExists [status false, text TKV-0013]
+                listSubKeys [status false]
+                moveKey [status false, code 0]
+                openKey [status false, text TKV-0013]
+                setKeyValue [status false, code 1]
+                setKeyValues [status false, code 1]
+                setTypeKeyValue [status false, code 1]
+                setZUVEDDependencies [status true]""",
+                     reportsInOrder());
+        endSession();
+    }
+
+    /** Each method is asked right after a call that succeeded, so that no text of an earlier failure is left. */
+    private String reportsInOrder() {
+        List<String> lines = new ArrayList<>();
+        for (Method method : natives()) {
+            Reports.done(r -> tkv.keyExists("", r));
+            List<String> reports = call(method, emptyArguments(method)).reports();
+            lines.add(method.getName() + " "
+                    + reports.stream().map(report -> report.replaceFirst("(TKV-\\d+): .*", "$1")).toList());
+            Reports.assertDone(r -> tkv.openKey("", r));
+        }
+        return String.join("\n", lines);
+    }
+
+    @Test
+    @Order(4)
+    void everyArgumentWithinASession() {
+        openSession();
+        callWithEachCandidate();
+        Reports.assertDone(r -> tkv.openKey("", r));
+        callWithEachCandidate();
+        for (int level : new int[] {0, -1, Integer.MIN_VALUE, Integer.MAX_VALUE}) {
+            tkv.initializeTKVLevel(level, new Recorder());
+            tkv.initializeTKVLevel(level, null);
+        }
+        endSession();
+    }
+
+    @Test
+    @Order(5)
+    void afterTheSession() {
+        openSession();
+        Reports.assertDone(r -> tkv.openKey("", r));
+        endSession();
+        assertNoSession();
+        tkv.terminateTKV(null);
+        Stream.of(1, 2).forEach(time -> endSession());
+    }
+
+    private void openSession() {
+        Reports.assertDone(r -> tkv.initializeTKVLevel(0, r));
+    }
+
+    private void endSession() {
+        Reports.assertDone(tkv::terminateTKV);
+    }
+}

@@ -1,0 +1,80 @@
+package velmar.qen.mgmt.nativesystem;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
+import static velmar.qen.mgmt.nativesystem.Reports.assertDone;
+import static velmar.qen.mgmt.nativesystem.Reports.done;
+
+import java.nio.charset.Charset;
+import java.nio.charset.StandardCharsets;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
+
+/** What the session's character set changes. Runs once for each character set, which {@code tkv.charset} names. */
+class CharsetTest extends OpenSession {
+    private static final String SUPPLEMENTARY = "\ud83d\ude00";
+
+    private final Charset charset = Charset.forName(System.getProperty("tkv.charset"));
+
+    @ParameterizedTest
+    @ValueSource(strings = {"größer", "日本語", SUPPLEMENTARY})
+    void namesAndSingleValuesDoNotDependOnIt(String text) {
+        put(top + text, text);
+        assertEquals(text, get(top + text));
+        assertArrayEquals(new String[] {text}, done(r -> tkv.listSubKeys(top.substring(0, top.length() - 1), r)));
+    }
+
+    // Stored as modified UTF-8, and read as bytes of the session's character set.
+    @ParameterizedTest
+    @ValueSource(strings = {"plain", "é", "ö", "größer"})
+    void textsOfAListAreConvertedFromIt(String text) {
+        String expected = new String(text.getBytes(StandardCharsets.UTF_8), charset);
+        assertDone(r -> tkv.setKeyValues(top + "k", new String[] {text, "z"}, AS_SESSION, "", null, null, r));
+        String[] read = done(r -> tkv.getKeyValues(top + "k", r));
+        if (expected.contains("\ufffd")) {
+            assertNull(read, "a text with bytes that the character set does not have makes the list unreadable");
+        } else {
+            assertArrayEquals(new String[] {expected, "z", null}, read);
+        }
+    }
+
+    @Test
+    void supplementaryCharactersInListsNeedUtf8() {
+        assertDone(r -> tkv.setKeyValues(top + "k", new String[] {SUPPLEMENTARY}, AS_SESSION, "", null, null, r));
+        String[] read = done(r -> tkv.getKeyValues(top + "k", r));
+        if (charset.equals(StandardCharsets.UTF_8)) {
+            assertArrayEquals(new String[] {SUPPLEMENTARY, null}, read);
+        } else if (charset.equals(StandardCharsets.ISO_8859_1)) {
+            assertEquals(6, read[0].length(), "three bytes for each half of the pair");
+        } else {
+            assertNull(read);
+        }
+    }
+
+    @Test
+    void aUsersNameMustExistInIt() {
+        String name = charset.equals(StandardCharsets.ISO_8859_1) ? "日本" : "\ud800";
+        Recorder result = new Recorder();
+        tkv.setKeyValue(top + "k", "v", OWNED_BY, null, name, null, result);
+        assertFalse(exists(top + "k"));
+        assertEquals("status true", result.reports().get(result.reports().size() - 1));
+        assertTrue(result.reports().contains("status false"), () -> result.reports().toString());
+        Recorder creation = new Recorder();
+        tkv.createKey(top + "k", OWNED_BY, null, name, null, creation);
+        assertFalse(creation.getStatus());
+        assertFalse(exists(top + "k"));
+    }
+
+    @Test
+    void aUsersNameInUtf8ReadsBack() {
+        assumeTrue(charset.equals(StandardCharsets.UTF_8), "owners are kept in the native character set");
+        assertDone(r -> tkv.createKey(top + "k", OWNED_BY, null, "jürgen", "größe", r));
+        assertEquals("jürgen", done(r -> tkv.getUserName(top + "k", r)));
+        assertEquals("größe", done(r -> tkv.getGroupName(top + "k", r)));
+    }
+}

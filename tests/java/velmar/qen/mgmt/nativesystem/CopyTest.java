@@ -1,0 +1,181 @@
+package velmar.qen.mgmt.nativesystem;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static velmar.qen.mgmt.nativesystem.Reports.assertCode;
+import static velmar.qen.mgmt.nativesystem.Reports.assertDone;
+import static velmar.qen.mgmt.nativesystem.Reports.assertRefused;
+import static velmar.qen.mgmt.nativesystem.Reports.assertText;
+import static velmar.qen.mgmt.nativesystem.Reports.done;
+
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+
+/** Copies of trees, and moves, compared key by key. */
+class CopyTest extends OpenSession {
+    private String source;
+    private String target;
+
+    @BeforeEach
+    void nameKeys() {
+        source = top + "s";
+        target = top + "t";
+    }
+
+    /** A line for a key and for each below it: name, value, list and owners, all that the native methods tell. */
+    private List<String> contents(String name) {
+        List<String> lines = new ArrayList<>();
+        describe(name, "", lines);
+        return lines;
+    }
+
+    private void describe(String name, String relative, List<String> lines) {
+        String[] list = done(r -> tkv.getKeyValues(name, r));
+        lines.add(String.join(" | ", relative, get(name), Arrays.toString(list),
+                              done(r -> tkv.getUserName(name, r)), done(r -> tkv.getGroupName(name, r))));
+        String[] subkeys = done(r -> tkv.listSubKeys(name, r));
+        for (String subkey : subkeys == null ? new String[0] : subkeys) {
+            describe(name + "." + subkey, relative + "." + subkey, lines);
+        }
+    }
+
+    /** A tree of many keys, eight levels deep, with values and security of every kind. */
+    private int growTree() {
+        List<String> level = List.of(source);
+        create(source);
+        int count = 1;
+        for (int depth = 1; depth <= 8; depth++) {
+            List<String> next = new ArrayList<>();
+            for (String parent : level) {
+                int children = depth < 6 ? 3 : depth == 6 ? 2 : depth == 7 ? 2 : 1;
+                for (int i = 0; i < children && count < 2_000; i++, count++) {
+                    next.add(plant(parent + ".k" + i, count));
+                }
+            }
+            level = next;
+        }
+        assertTrue(level.size() > 0, "the tree reaches its eighth level");
+        return count;
+    }
+
+    private String plant(String name, int number) {
+        int type = new int[] {1, 2, 3, 4, 5, 6}[number % 6];
+        String user = type == 1 || number % 4 == 0 ? List.of("root", "nobody", "daemon").get(number % 3) : null;
+        String group = number % 5 == 0 ? List.of("root", "nogroup", "bin").get(number % 3) : null;
+        if (number % 7 == 0) {
+            assertDone(r -> tkv.createKey(name, type, top + "s", user, group, r));
+        } else if (number % 7 == 1) {
+            String[] list = {"el" + number, "größer"};
+            assertDone(r -> tkv.setKeyValues(name, list, type, source, user, group, r));
+        } else {
+            String value = "v" + number + "x".repeat(number % 11 == 0 ? 2_000 : 0);
+            assertDone(r -> tkv.setTypeKeyValue(name, value, 1 + number % 3, type, source, user, group, r));
+        }
+        return name;
+    }
+
+    @Test
+    void aTreeOfTwoThousandKeysIsCopiedAndMovedWhole() {
+        assertEquals(2_000, growTree());
+        List<String> before = contents(source);
+        assertEquals(2_000, before.size());
+        assertEquals(2_000, before.stream().distinct().count());
+        create(target);
+        assertCopies(OWNED_BY);
+        assertEquals(before, contents(target));
+        assertEquals(before, contents(source), "the source stays as it was");
+
+        create(top + "u");
+        assertDone(r -> tkv.moveKey(target, top + "u", "moved", 0, r));
+        assertFalse(exists(target));
+        assertEquals(before, contents(top + "u.moved"));
+    }
+
+    // A level without subkeys reports success too, so a copy reports it more than once.
+    private void assertCopies(int type) {
+        Recorder result = new Recorder();
+        tkv.copyRecurse(source, target, type, result);
+        assertTrue(result.reports().size() >= 2, () -> result.reports().toString());
+        assertTrue(result.reports().stream().allMatch("status true"::equals), () -> result.reports().toString());
+    }
+
+    // Columns: security type of the copy, owner and group of the copied key; the source is daemon's and bin's.
+    @ParameterizedTest
+    @CsvSource({"1, daemon, bin", "2, root, bin", "3, root, root", "4, root, root", "5, daemon, bin", "6, daemon, bin",
+                "0, daemon, bin", "99, daemon, bin"})
+    void theTypeDecidesWhoOwnsTheCopiedKeyItself(int type, String owner, String group) {
+        assertDone(r -> tkv.setKeyValue(source, "v", OWNED_BY, null, "daemon", "bin", r));
+        assertDone(r -> tkv.setKeyValue(source + ".below", "w", OWNED_BY, null, "nobody", "nogroup", r));
+        create(target);
+        assertCopies(type);
+        assertEquals("v", get(target));
+        assertEquals(owner, done(r -> tkv.getUserName(target, r)));
+        assertEquals(group, done(r -> tkv.getGroupName(target, r)));
+        assertEquals("w", get(target + ".below"));
+        assertEquals("nobody", done(r -> tkv.getUserName(target + ".below", r)));
+        assertEquals("nogroup", done(r -> tkv.getGroupName(target + ".below", r)));
+    }
+
+    @Test
+    void sourceAndDestinationMustExist() {
+        create(source);
+        assertRefused(4, "t", r -> tkv.copyRecurse(source, target, AS_SESSION, r));
+        assertFalse(exists(target));
+        assertRefused(4, "t", r -> tkv.copyRecurse(target, source, AS_SESSION, r));
+        assertTrue(exists(source));
+        assertCode(0, r -> tkv.copyRecurse(null, source, AS_SESSION, r));
+    }
+
+    @Test
+    void aMissingDestinationNameEndsWithStatusTrueAfterTheFailure() {
+        create(source);
+        Recorder result = new Recorder();
+        tkv.copyRecurse(source, null, AS_SESSION, result);
+        assertEquals(List.of("status false", "code 0", "status true"), result.reports());
+    }
+
+    @Test
+    void aValueOver2048BytesStopsTheCopyWithStatusTrueBelowTheTop() {
+        put(source, "x".repeat(2_047));
+        create(target);
+        assertCopies(AS_SESSION);
+        put(source + ".a", "a");
+        put(source + ".long", "x".repeat(2_048));
+        put(source + ".z", "z");
+        Recorder result = new Recorder();
+        tkv.copyRecurse(source, target, AS_SESSION, result);
+        assertTrue(result.getStatus());
+        assertNotEquals(null, result.getTKVResultString());
+        assertText(9, "", result.reports().stream().filter(report -> report.startsWith("text")).findFirst().orElse(""));
+        assertEquals("a", get(target + ".a"), "what was copied before stays");
+        assertFalse(exists(target + ".z"));
+    }
+
+    @Test
+    void aValueOver2048BytesAtTheTopStopsTheCopyWithStatusFalse() {
+        put(source, "x".repeat(2_048));
+        create(target);
+        assertRefused(9, "", r -> tkv.copyRecurse(source, target, AS_SESSION, r));
+        assertNull(get(target));
+    }
+
+    @Test
+    void anExistingSubkeyStopsTheCopy() {
+        put(source, "v");
+        put(source + ".same", "new");
+        create(target);
+        put(target + ".same", "old");
+        Recorder result = new Recorder();
+        tkv.copyRecurse(source, target, AS_SESSION, result);
+        assertText(55, "same", "text " + result.getTKVResultString());
+        assertEquals("old", get(target + ".same"));
+    }
+}

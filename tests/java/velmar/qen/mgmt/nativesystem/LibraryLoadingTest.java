@@ -1,0 +1,140 @@
+package velmar.qen.mgmt.nativesystem;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.util.List;
+import java.util.Map;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+/** Each search for the library needs a JVM that has not loaded it yet. */
+class LibraryLoadingTest {
+    private static final String LIBRARY = "libtkv.so";
+
+    @TempDir
+    private Path directory;
+
+    /** Uses the library and tells which file it came from. */
+    static final class Loader {
+        private Loader() {}
+
+        public static void main(String[] arguments) throws IOException {
+            try {
+                TKVResult result = new TKVResult();
+                new TKVNative().isCluster(result);
+                System.out.println("status " + result.getStatus());
+                try (Stream<String> maps = Files.lines(Path.of("/proc/self/maps"))) {
+                    maps.filter(line -> line.endsWith("/" + LIBRARY)).map(line -> line.replaceFirst(".* ", ""))
+                            .distinct().forEach(file -> System.out.println("from " + file));
+                }
+            } catch (UnsatisfiedLinkError error) {
+                System.out.println("error " + error.getMessage());
+                Stream.of(error.getSuppressed()).forEach(cause -> System.out.println("suppressed " + cause));
+            }
+        }
+    }
+
+    private String load(String explicit, String libraryPath) throws IOException, InterruptedException {
+        List<String> options = List.of("-Dtkv.library.path=" + explicit, "-Djava.library.path=" + libraryPath,
+                                       "-Djava.io.tmpdir=" + directory);
+        ChildJvm.Outcome outcome = ChildJvm.run(options, Map.of(), Loader.class);
+        assertEquals(0, outcome.exit(), outcome.output());
+        return outcome.output();
+    }
+
+    private static Path built() {
+        return Path.of(System.getProperty("tkv.library.path"), LIBRARY);
+    }
+
+    private Path extracted() throws IOException {
+        try (Stream<Path> files = Files.walk(directory)) {
+            return files.filter(file -> file.endsWith(LIBRARY)).findFirst().orElseThrow();
+        }
+    }
+
+    @Test
+    void takesTheExplicitDirectoryFirst() throws IOException, InterruptedException {
+        Path other = Files.createDirectory(directory.resolve("other"));
+        Files.copy(built(), other.resolve(LIBRARY));
+        assertEquals("status true\nfrom " + other.resolve(LIBRARY) + "\n",
+                     load(other.toString(), built().getParent().toString()));
+    }
+
+    @Test
+    void takesTheLibraryPathNext() throws IOException, InterruptedException {
+        assertEquals("status true\nfrom " + built() + "\n", load("", "/none:" + built().getParent()));
+    }
+
+    @Test
+    void takesTheCopyInTheJarLast() throws IOException, InterruptedException {
+        assertTrue(load("", "/none").startsWith("status true\nfrom " + directory + "/tkv-"));
+        Path file = extracted();
+        assertArrayEquals(Files.readAllBytes(built()), Files.readAllBytes(file));
+        assertTrue(Files.exists(file.resolveSibling("libtkv_etcd.so")));
+        assertEquals("rwx------", PosixFilePermissions.toString(Files.getPosixFilePermissions(file.getParent())));
+        assertEquals("rwx------",
+                     PosixFilePermissions.toString(Files.getPosixFilePermissions(file.getParent().getParent())));
+    }
+
+    @Test
+    void replacesAnExtractedCopyThatIsNotTheJars() throws IOException, InterruptedException {
+        load("", "/none");
+        Path file = extracted();
+        Files.writeString(file, "not a library");
+        assertTrue(load("", "/none").startsWith("status true\n"));
+        assertArrayEquals(Files.readAllBytes(built()), Files.readAllBytes(file));
+    }
+
+    @Test
+    void refusesADirectoryThatOthersMayUse() throws IOException, InterruptedException {
+        load("", "/none");
+        Path base = extracted().getParent().getParent();
+        Files.setPosixFilePermissions(base, PosixFilePermissions.fromString("rwxrwx---"));
+        String output = load("", "/none");
+        assertTrue(output.contains("suppressed java.io.IOException: " + base), output);
+        Files.setPosixFilePermissions(base, PosixFilePermissions.fromString("rwx------"));
+    }
+
+    @Test
+    void saysWhereItLookedAndWhyThatFailed() throws IOException, InterruptedException {
+        Path broken = Files.createDirectory(directory.resolve("broken"));
+        Files.writeString(broken.resolve(LIBRARY), "not a library");
+        Path occupied = Files.createFile(directory.resolve("tkv-" + System.getProperty("user.name")));
+        String output = load(broken.toString(), "/none:/nowhere");
+        String system = System.getProperty("os.name") + " " + System.getProperty("os.arch");
+        assertTrue(output.contains("error cannot load libtkv.so on " + system
+                + "; set the property tkv.library.path to the directory that holds it. Tried:\n  "
+                + broken.resolve(LIBRARY) + " (tkv.library.path)\n  /none/libtkv.so (java.library.path)\n"
+                + "  /nowhere/libtkv.so (java.library.path)\n  the jar's /native/"), output);
+        assertTrue(output.contains("suppressed java.lang.UnsatisfiedLinkError: " + broken.resolve(LIBRARY)), output);
+        assertTrue(output.contains("suppressed java.io.IOException: " + occupied), output);
+    }
+
+    @Test
+    void goesOnAfterALibraryThatCannotBeLoadedAndLogsIt() throws IOException, InterruptedException {
+        Path broken = Files.createDirectory(directory.resolve("broken"));
+        Files.writeString(broken.resolve(LIBRARY), "not a library");
+        String output = load(broken.toString(), built().getParent().toString());
+        assertTrue(output.contains("WARNING: " + broken.resolve(LIBRARY)), output);
+        assertTrue(output.contains("from " + built() + "\n"), output);
+    }
+
+    @Test
+    void theJarIsANamedModule() throws IOException, InterruptedException {
+        Path jar = Path.of(System.getProperty("tkv.jar"));
+        Process java = new ProcessBuilder(System.getProperty("java.home") + "/bin/java", "--module-path",
+                                          jar.toString(), "--describe-module", "velmar.qen.mgmt").start();
+        String description = new String(java.getInputStream().readAllBytes());
+        assertEquals(0, java.waitFor());
+        assertTrue(description.contains("exports velmar.qen.mgmt.nativesystem"), description);
+        assertFalse(description.contains("requires java.logging"), description);
+    }
+}

@@ -1,0 +1,37 @@
+package velmar.qen.mgmt.nativesystem;
+
+/** Makes, as root, the registry that {@link OtherUserTest} meets. */
+final class OtherUsersRegistry {
+    private static final TKVNative TKV = new TKVNative();
+
+    private OtherUsersRegistry() {}
+
+    public static void main(String[] arguments) {
+        must(r -> TKV.initializeTKVLevel(0, r));
+        must(r -> TKV.openKey("", r));
+        key("roots", 1, "root", "root");
+        key("nobodys", 1, "nobody", "root");
+        key("nogroups", 1, "root", "nogroup");
+        key("as-session", 3, null, null);
+        key("as-session-nogroup", 3, null, "nogroup");
+        key("open", 5, null, null);
+        must(r -> TKV.createKey("mixed", 5, null, null, null, r));
+        must(r -> TKV.createKey("mixed.a", 5, null, null, null, r));
+        must(r -> TKV.createKey("mixed.b", 1, null, "root", "root", r));
+        must(r -> TKV.createKey("mixed.c", 5, null, null, null, r));
+        must(TKV::terminateTKV);
+    }
+
+    private static void key(String name, int type, String user, String group) {
+        must(r -> TKV.setKeyValue(name, "value", type, "", user, group, r));
+        must(r -> TKV.createKey(name + ".victim", type, "", user, group, r));
+    }
+
+    private static void must(java.util.function.Consumer<TKVResult> call) {
+        TKVResult result = new TKVResult();
+        call.accept(result);
+        if (!result.getStatus()) {
+            throw new IllegalStateException(result.toString());
+        }
+    }
+}

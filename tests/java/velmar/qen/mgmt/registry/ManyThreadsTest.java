@@ -1,0 +1,129 @@
+package velmar.qen.mgmt.registry;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.time.Duration;
+import java.time.Instant;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Random;
+import java.util.concurrent.Callable;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicLong;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+
+/** Threads that make all kinds of calls while the registry is closed under them. */
+class ManyThreadsTest {
+    private static final int THREADS = 8;
+    private static final int CALLS_BEFORE_CLOSING = 8_000;
+
+    private final ExecutorService pool = Executors.newFixedThreadPool(THREADS);
+    private final AtomicLong calls = new AtomicLong();
+    private final AtomicInteger created = new AtomicInteger();
+    private Registry registry;
+
+    @BeforeEach
+    void openRegistry() {
+        registry = Registry.open();
+        registry.create("threads");
+        registry.create("threads.shared");
+        registry.create("threads.claimed");
+        for (int i = 0; i < THREADS; i++) {
+            registry.putInt("threads.counter" + i, 0);
+        }
+    }
+
+    @AfterEach
+    void end() {
+        pool.shutdownNow();
+        registry.close();
+    }
+
+    /** Counts its own key up, and makes other calls, until the registry is closed; gives the last count confirmed. */
+    private int work(int thread) {
+        Random random = new Random(thread);
+        int confirmed = 0;
+        try {
+            while (true) {
+                assertEquals(confirmed, registry.getInt("threads.counter" + thread));
+                registry.putInt("threads.counter" + thread, confirmed + 1);
+                confirmed++;
+                callAnything(random, thread);
+                calls.addAndGet(3);
+            }
+        } catch (RegistryClosedException end) {
+            return confirmed;
+        }
+    }
+
+    private void callAnything(Random random, int thread) {
+        String shared = "threads.shared.k" + random.nextInt(5);
+        try {
+            switch (random.nextInt(18)) {
+                case 0 -> registry.put(shared, "text");
+                case 1 -> assertTrue(registry.get(shared).matches("text|a|\\d+"));
+                case 2 -> registry.putList(shared, List.of("a", "b"));
+                case 3 -> assertTrue(registry.getList(shared).toString().matches("\\[(text|a, b|\\d+)\\]"));
+                case 4 -> registry.delete(shared);
+                case 5 -> registry.list("threads.shared");
+                case 6 -> assertTrue(registry.walk("threads").count() >= THREADS);
+                case 7 -> registry.move(shared, "threads.shared.k" + random.nextInt(5));
+                case 8 -> registry.moveReplacing(shared, "threads.shared.k" + random.nextInt(5));
+                case 9 -> registry.copyTree("threads.counter" + thread, "threads.shared.k" + random.nextInt(5));
+                case 10 -> assertEquals("root", registry.owner("threads").orElseThrow());
+                case 11 -> assertEquals("root", registry.group("threads").orElseThrow());
+                case 12 -> claim(random);
+                case 13 -> registry.storageAt("/tmp");
+                case 14 -> assertEquals(0, registry.patchLevel());
+                case 15 -> assertTrue(registry.backupLocation().isEmpty());
+                case 16 -> registry.isClusterMember();
+                default -> assertEquals(1, registry.locations().places().size());
+            }
+        } catch (KeyNotFoundException | KeyExistsException race) {
+            assertTrue(race.text().startsWith("TKV-00"), race::text);
+        } catch (RegistryException intoItself) {
+            if (intoItself instanceof RegistryClosedException || intoItself.code() != 17) {
+                throw intoItself;
+            }
+        }
+    }
+
+    private void claim(Random random) {
+        registry.createWith("threads.claimed.n" + random.nextInt(1_000), "claimed", Security.sameAsSession());
+        created.incrementAndGet();
+    }
+
+    @Test
+    void everyCallEndsInAResultOrInTheClosedExceptionAndNothingIsLost()
+            throws InterruptedException, ExecutionException {
+        List<Future<Integer>> workers = new ArrayList<>();
+        for (int i = 0; i < THREADS; i++) {
+            int thread = i;
+            workers.add(pool.submit((Callable<Integer>) () -> work(thread)));
+        }
+        Instant deadline = Instant.now().plus(Duration.ofSeconds(60));
+        while (calls.get() < CALLS_BEFORE_CLOSING && workers.stream().noneMatch(Future::isDone)) {
+            assertTrue(Instant.now().isBefore(deadline), () -> calls + " calls in a minute");
+            Thread.onSpinWait();
+            Thread.yield();
+        }
+        registry.close();
+        List<Integer> confirmed = new ArrayList<>();
+        for (Future<Integer> worker : workers) {
+            confirmed.add(worker.get());
+        }
+        registry = Registry.open();
+        for (int i = 0; i < THREADS; i++) {
+            assertEquals(confirmed.get(i), registry.getInt("threads.counter" + i));
+        }
+        assertEquals(created.get(), registry.list("threads.claimed").size());
+        registry.deleteTree("threads");
+    }
+}
