@@ -6,13 +6,11 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <string_view>
 
-#include "charset.h"
 #include "method_cache.h"
-#include "process_locale.h"
+#include "native_text.h"
 #include "trace_switch.h"
 #include "utf8.h"
 
@@ -159,61 +157,13 @@ void make_room_for_references(JNIEnv* env, jsize length) {
   if (env->EnsureLocalCapacity(wanted) != JNI_OK) env->ExceptionClear();
 }
 
-constexpr int kWhole = 0;
-constexpr int kCut = 1;
-constexpr int kNullArgument = -1;
-constexpr int kNotConvertible = -2;
-constexpr int kOutOfMemory = -3;
-
-bool splits_pair(std::u16string_view text, std::size_t at) {
-  return at > 0 && at < text.size() && (text[at - 1] & 0xFC00) == 0xD800 && (text[at] & 0xFC00) == 0xDC00;
-}
-
-// The longest beginning of `text`, in whole characters, that takes at most `room` bytes. Beginnings are converted anew,
-// since a set with states ends each of its texts in its own way.
-std::string longest_beginning(const lx::Charset& charset, std::u16string_view text, std::size_t room) {
-  std::string longest;
-  std::size_t fits = 0;
-  std::size_t too_long = text.size();
-  while (fits + 1 < too_long) {
-    const std::size_t middle = fits + (too_long - fits) / 2;
-    std::size_t end = middle;
-    if (splits_pair(text, end)) --end;
-    auto bytes = charset.encode(text.substr(0, end));
-    if (bytes && bytes->size() <= room) {
-      fits = middle;
-      longest = std::move(*bytes);
-    } else {
-      too_long = middle;
-    }
-  }
-  return longest;
-}
-
-int native_text(std::u16string_view text, char* buffer, int* size) {
-  const lx::Charset* charset = lx::charset_of_process();
-  // A NUL would end the text for whoever reads it, and make of one name another.
-  const bool has_nul = text.find(u'\0') != std::u16string_view::npos;
-  const auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
-  if (!bytes || bytes->size() >= INT32_MAX) return kNotConvertible;
-  const int capacity = *size;
-  *size = static_cast<int>(bytes->size()) + 1;
-  if (capacity <= 0) return kCut;
-  const auto room = static_cast<std::size_t>(capacity) - 1;
-  const bool is_whole = bytes->size() <= room;
-  const std::string& shown = is_whole ? *bytes : longest_beginning(*charset, text, room);
-  std::memcpy(buffer, shown.data(), shown.size());
-  buffer[shown.size()] = '\0';
-  return is_whole ? kWhole : kCut;
-}
-
 int native_string(JNIEnv* env, jstring text, char* buffer, int* size) {
   const jsize length = env->GetStringLength(text);
   Buffer<jchar, kShortText> units(static_cast<std::size_t>(length));
   env->GetStringRegion(text, 0, length, units.data());
   // jchar and char16_t are both 16 bits wide, but not the same type.
   const std::u16string characters(units.data(), units.data() + length);
-  return native_text(characters, buffer, size);
+  return write_native_text(characters, buffer, size);
 }
 
 }  // namespace
