@@ -40,7 +40,7 @@ struct Node {
 // Type 0 without bytes: no value was ever written.
 struct Value {
   std::int32_t type = 0;
-  std::span<const std::byte> bytes;  // valid until the transaction's next call that changes something, or its end
+  std::span<const std::byte> bytes;  // valid until the transaction's next call of value() or of what changes something
 };
 
 // One state of the tree, for reading.

@@ -56,7 +56,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
   const auto end = std::chrono::steady_clock::now() + longest;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
 }

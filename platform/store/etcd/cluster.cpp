@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "etcd.grpc.pb.h"
+#include "function_ref.h"
 
 namespace tkv::store::etcd {
 namespace {
@@ -24,7 +25,8 @@ using std::chrono::milliseconds;
 constexpr std::size_t kMostEndpoints = 5;
 constexpr milliseconds kAttempt{300};       // the first one at each of several endpoints
 constexpr milliseconds kOnlyAttempt{1000};  // when there is no other endpoint to go to
-constexpr milliseconds kPauseBetweenRounds{50};
+constexpr milliseconds kFirstPause{5};      // between rounds over the endpoints, doubling
+constexpr milliseconds kLongestPause{50};
 constexpr std::size_t kBytesPerMillisecond = 1024;  // what a slow network is taken to carry
 constexpr int kReceiveLimit = 8 * 1024 * 1024;      // twice what a page or a value needs
 constexpr int kTimeoutsBeforeReconnect = 3;
@@ -172,7 +174,7 @@ struct Answer {
   std::string complaint;  // an answer that makes the endpoint unusable, in words
 };
 
-using Attempt = FunctionRef<Answer(Services& services, grpc::ClientContext* context, bool repeated)>;
+using Attempt = FunctionRef<Answer(Services& services, grpc::ClientContext* context)>;
 
 }  // namespace
 
@@ -211,7 +213,8 @@ class Rounds {
     index_ = (index_ + 1) % count_;
     if (++tried_ % count_ != 0) return;
     attempt_ *= 2;
-    std::this_thread::sleep_for(std::min(kPauseBetweenRounds, deadline.left()));
+    std::this_thread::sleep_for(std::min(pause_, deadline.left()));
+    pause_ = std::min(2 * pause_, kLongestPause);
   }
 
  private:
@@ -219,6 +222,7 @@ class Rounds {
   std::size_t index_;
   std::size_t tried_ = 0;
   milliseconds attempt_;
+  milliseconds pause_ = kFirstPause;
 };
 
 void set_deadline(grpc::ClientContext* context, milliseconds from_now) {
@@ -279,7 +283,7 @@ Outcome Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool wit
     grpc::ClientContext context;
     set_deadline(&context, std::min(rounds.attempt(), deadline.left()));
     const std::uint64_t token_used = with_token ? add_token(&context) : 0;
-    const Answer answer = attempt(*services, &context, repeated);
+    const Answer answer = attempt(*services, &context);
     endpoint.note(answer.status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED);
     Judgement judgement = judge_answer(answer);
     switch (judgement.verdict) {
@@ -311,7 +315,7 @@ Status Cluster::Connection::log_in(Deadline deadline) {
   request.set_password(password);
   constexpr std::size_t kPasswordHashing = 1024 * kBytesPerMillisecond;  // deliberately slow in the server
   return call(deadline, kPasswordHashing, false,
-              [&](Services& services, grpc::ClientContext* context, bool) {
+              [&](Services& services, grpc::ClientContext* context) {
                 etcdserverpb::AuthenticateResponse response;
                 Answer answer{
                     services.auth.Authenticate(context, request, &response), response.header().cluster_id(), {}};
@@ -331,7 +335,7 @@ Status Cluster::Connection::renew_token(std::uint64_t used_number, Deadline dead
 
 Status Cluster::Connection::check_version(Deadline deadline) {
   return call(deadline, 0, true,
-              [&](Services& services, grpc::ClientContext* context, bool) {
+              [&](Services& services, grpc::ClientContext* context) {
                 etcdserverpb::StatusResponse response;
                 Answer answer{services.maintenance.Status(context, {}, &response), response.header().cluster_id(), {}};
                 if (answer.status.ok() && is_old(response.version())) {
@@ -382,7 +386,7 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
 Outcome Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
                        Deadline deadline) {
   const std::size_t expected = request.limit() > 1 ? kReceiveLimit / 8 : 0;
-  return connection_->call(deadline, expected, true, [&](Services& services, grpc::ClientContext* context, bool) {
+  return connection_->call(deadline, expected, true, [&](Services& services, grpc::ClientContext* context) {
     response->Clear();
     return Answer{services.kv.Range(context, request, response), response->header().cluster_id(), {}};
   });
@@ -390,21 +394,9 @@ Outcome Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::
 
 Outcome Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {
   return connection_->call(
-      deadline, request.ByteSizeLong(), true, [&](Services& services, grpc::ClientContext* context, bool) {
+      deadline, request.ByteSizeLong(), true, [&](Services& services, grpc::ClientContext* context) {
         response->Clear();
         return Answer{services.kv.Txn(context, request, response), response->header().cluster_id(), {}};
-      });
-}
-
-Outcome Cluster::txn(etcdserverpb::TxnRequest* request, FunctionRef<void(etcdserverpb::TxnRequest*)> before_repeat,
-                     etcdserverpb::TxnResponse* response, Deadline deadline) {
-  bool changed = false;
-  return connection_->call(
-      deadline, request->ByteSizeLong(), true, [&](Services& services, grpc::ClientContext* context, bool repeated) {
-        if (repeated && !changed) before_repeat(request);
-        changed = repeated;
-        response->Clear();
-        return Answer{services.kv.Txn(context, *request, response), response->header().cluster_id(), {}};
       });
 }
 

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "etcd.pb.h"
-#include "function_ref.h"
 #include "judgement.h"
 #include "status.h"
 
@@ -75,12 +74,9 @@ class Cluster {
 
   Outcome range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response, Deadline deadline);
 
-  // A transaction that may be repeated as it is: one that only reads, or whose repetition changes nothing.
+  // A transaction that is sent again, as it is, when its answer is lost: one that only reads, or whose comparisons fail
+  // once it has been made, or whose repetition changes nothing.
   Outcome txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline);
-
-  // A transaction that is changed by `before_repeat`, once, when an answer was lost and it must be sent again.
-  Outcome txn(etcdserverpb::TxnRequest* request, FunctionRef<void(etcdserverpb::TxnRequest*)> before_repeat,
-              etcdserverpb::TxnResponse* response, Deadline deadline);
 
   std::chrono::milliseconds timeout() const;
 

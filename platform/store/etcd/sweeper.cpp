@@ -1,7 +1,7 @@
 #include "sweeper.h"
 
+#include <algorithm>
 #include <exception>
-#include <unordered_set>
 
 #include "owner.h"
 #include "pager.h"
@@ -10,8 +10,8 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr int kParentsPerLook = 32;  // whose children are asked for at once
-constexpr int kChildrenPerParent = 32;
+constexpr std::size_t kParentsPerLook = 120;  // whose children are asked for at once
+constexpr std::size_t kChildrenPerLook = 2000;
 constexpr int kRemovalsPerBatch = 120;
 constexpr std::int64_t kKeysPerSweep = 500;
 constexpr std::int64_t kMarkersPerLook = 100;
@@ -47,9 +47,9 @@ Sweeper::~Sweeper() {
 
 void Sweeper::remove_garbage(const std::vector<std::string>& keys) {
   const Deadline moment(kMoment);
+  const auto stop = [&] { return moment.left().count() == 0; };
   for (const std::string& key : keys) {
-    const Status status = sweep_garbage(key, [&] { return moment.left().count() == 0; });
-    if (!status.ok()) add({Job::Kind::kGarbage, key});
+    if (!sweep_garbage(key, Pace{stop, kMoment}).ok()) add({Job::Kind::kGarbage, key});
   }
 }
 
@@ -75,6 +75,7 @@ bool Sweeper::stopping() {
 
 // A failure ends the work, not the process: the keys that are left tell the next session what there is to do.
 void Sweeper::work() {
+  const auto stop = [this] { return stopping(); };
   while (true) {
     Job job;
     {
@@ -89,7 +90,7 @@ void Sweeper::work() {
     }
     Status status;
     try {
-      status = carry_out(job);
+      status = carry_out(job, Pace{stop, cluster_.timeout()});
     } catch (const std::exception&) {
       status = PRTKV_OUT_OF_MEMORY;
     }
@@ -99,103 +100,126 @@ void Sweeper::work() {
   }
 }
 
-Status Sweeper::carry_out(const Job& job) {
+Status Sweeper::carry_out(const Job& job, const Pace& pace) {
   switch (job.kind) {
     case Job::Kind::kGarbage:
-      return sweep_garbage(job.key, [this] { return stopping(); });
+      return sweep_garbage(job.key, pace);
     case Job::Kind::kOwnBuild:
-      return sweep_build(job.key, true);
-    case Job::Kind::kBuild:
-      return sweep_build(job.key, false);
+      return sweep_build(job.key, true, pace);
     case Job::Kind::kLookAround:
-      return sweep_all();
+      return sweep_all(pace);
   }
   return {};
 }
 
-Status Sweeper::remove(TxnRequest* batch) {
+Status Sweeper::remove(TxnRequest* batch, const Pace& pace) {
   if (batch->success_size() == 0) return {};
   TxnResponse response;
-  Outcome outcome = cluster_.txn(*batch, &response, Deadline(cluster_.timeout()));
+  Outcome outcome = cluster_.txn(*batch, &response, Deadline(pace.request));
   batch->Clear();
   return outcome.status;
 }
 
-Status Sweeper::sweep_garbage(const std::string& key, Stop stop) {
+Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
   const auto top = keys_.parse_garbage(key);
   TxnRequest batch;
   if (top) {
-    if (Status status = sweep_below(*top, stop); !status.ok()) return status;
+    std::unordered_set<NodeId> seen{*top};
+    if (Status status = sweep_below({*top}, &seen, pace); !status.ok()) return status;
     erase(batch.add_success(), keys_.value(*top));
   }
   erase(batch.add_success(), key);
-  return remove(&batch);
+  return remove(&batch, pace);
 }
 
-// Depth first, with the children of several parents asked for at once. An entry is removed after all that hangs below
-// it, or in one transaction with it, so that an interrupted removal leaves nothing that cannot be reached from the top.
-Status Sweeper::sweep_below(NodeId top, Stop stop) {
-  struct Item {
-    std::string key;  // of the entry; empty for the top, which hangs nowhere
-    NodeId id = kNoNode;
-    bool looked = false;
-    bool more = false;  // there are children that were not asked for yet
-  };
-  std::vector<Item> pending;
-  std::unordered_set<NodeId> seen{top};  // a damaged tree may have loops
-  pending.push_back({"", top});
-  TxnRequest batch;
-  while (!pending.empty()) {
-    if (stop()) return PRTKV_UNREACHABLE;
-    if (Item& last = pending.back(); last.looked) {
-      if (last.more) {
-        // Its first children are in the batch: only when they are gone do the next ones come up.
-        if (Status status = remove(&batch); !status.ok()) return status;
-        last.looked = false;
-        continue;
-      }
-      if (!last.key.empty()) {
-        erase(batch.add_success(), last.key);
-        if (last.id != kNoNode) erase(batch.add_success(), keys_.value(last.id));
-      }
-      pending.pop_back();
-      if (batch.success_size() + 2 > kRemovalsPerBatch) {
-        if (Status status = remove(&batch); !status.ok()) return status;
-      }
-      continue;
-    }
-    TxnRequest look;
-    std::size_t first = pending.size();
-    while (first > 0 && !pending[first - 1].looked && look.success_size() < kParentsPerLook) {
-      *look.add_success()->mutable_request_range() = get_range(keys_.children(pending[--first].id), kChildrenPerParent);
-    }
-    TxnResponse found;
-    if (Outcome outcome = cluster_.txn(look, &found, Deadline(cluster_.timeout())); !outcome.ok()) {
-      return outcome.status;
-    }
-    const std::size_t parents = pending.size();
-    for (int i = 0; i < found.responses_size(); ++i) {
-      const RangeResponse& children = found.responses(i).response_range();
-      Item& parent = pending[parents - 1 - static_cast<std::size_t>(i)];
-      parent.looked = true;
-      parent.more = children.more();
-      for (const KeyValue& child : children.kvs()) {
-        Node node;
-        const auto place = keys_.parse_node(child.key());
-        const bool sound = place && decode_node(place->parent, place->name, as_bytes(child.value()), &node).ok();
-        // What hangs below a damaged entry is not known; a check finds it.
-        const bool descend = sound && seen.insert(node.id).second;
-        pending.push_back({child.key(), sound ? node.id : kNoNode, !descend, false});
-      }
+namespace {
+
+// Children that were listed together, and so stand together.
+struct Listed {
+  KeyRange entries;
+  bool more = false;
+};
+
+// One removal for each run of ids without gaps.
+std::vector<IdRange> runs_of(std::vector<NodeId> ids) {
+  std::sort(ids.begin(), ids.end());
+  std::vector<IdRange> runs;
+  for (const NodeId id : ids) {
+    if (!runs.empty() && id <= runs.back().last + 1) {
+      runs.back().last = id;
+    } else {
+      runs.push_back({id, id});
     }
   }
-  return remove(&batch);
+  return runs;
+}
+
+}  // namespace
+
+// Removes everything below `parents`, depth first, with the children of many parents asked for at once. An entry is
+// removed after all that hangs below it, so that an interrupted removal leaves nothing that cannot be reached from the
+// top. Nobody adds anything: what hangs on no root is found by nobody else.
+Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace) {
+  while (!parents.empty()) {
+    if (pace.stop()) return PRTKV_UNREACHABLE;
+    const std::size_t count = std::min(parents.size(), kParentsPerLook);
+    TxnRequest look;
+    for (std::size_t i = 0; i < count; ++i) {
+      *look.add_success()->mutable_request_range() = get_range(keys_.children(parents[parents.size() - 1 - i]),
+                                                               static_cast<std::int64_t>(kChildrenPerLook / count));
+    }
+    TxnResponse found;
+    if (Outcome outcome = cluster_.txn(look, &found, Deadline(pace.request)); !outcome.ok()) {
+      return outcome.status;
+    }
+    std::vector<KeyRange> entries;
+    std::vector<NodeId> children;
+    std::vector<NodeId> unfinished;
+    for (std::size_t i = 0; i < count; ++i) {
+      const RangeResponse& page = found.responses(static_cast<int>(i)).response_range();
+      if (page.more()) unfinished.push_back(parents[parents.size() - 1 - i]);
+      if (page.kvs_size() == 0) continue;
+      entries.push_back({page.kvs(0).key(), page.kvs(page.kvs_size() - 1).key() + '\0'});
+      for (const KeyValue& child : page.kvs()) {
+        Node node;
+        const auto place = keys_.parse_node(child.key());
+        // What hangs below a damaged entry is not known; a check finds it. A damaged tree may also have loops.
+        if (place && decode_node(place->parent, place->name, as_bytes(child.value()), &node).ok() &&
+            seen->insert(node.id).second) {
+          children.push_back(node.id);
+        }
+      }
+    }
+    found.Clear();
+    parents.resize(parents.size() - count);
+    if (Status status = sweep_below(children, seen, pace); !status.ok()) return status;
+    if (Status status = remove_children(entries, children, pace); !status.ok()) return status;
+    parents.insert(parents.end(), unfinished.begin(), unfinished.end());
+  }
+  return {};
+}
+
+// Values first: once its entry is gone, nothing tells whose a value was.
+Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids,
+                                const Pace& pace) {
+  TxnRequest batch;
+  const auto add = [&](KeyRange range) -> Status {
+    erase(batch.add_success(), std::move(range));
+    return batch.success_size() < kRemovalsPerBatch ? Status() : remove(&batch, pace);
+  };
+  for (const IdRange& run : runs_of(ids)) {
+    if (Status status = add(keys_.values_of(run.first, run.last)); !status.ok()) return status;
+  }
+  for (const KeyRange& range : entries) {
+    if (Status status = add(range); !status.ok()) return status;
+  }
+  return remove(&batch, pace);
 }
 
 // First makes sure that the build cannot be finished any more, then removes what it sent ahead.
-Status Sweeper::sweep_build(const std::string& key, bool ours) {
+Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace) {
   RangeResponse found;
-  if (Outcome outcome = cluster_.range(get_one(key), &found, Deadline(cluster_.timeout())); !outcome.ok()) {
+  if (Outcome outcome = cluster_.range(get_one(key), &found, Deadline(pace.request)); !outcome.ok()) {
     return outcome.status;
   }
   if (found.kvs_size() == 0) return {};
@@ -207,35 +231,35 @@ Status Sweeper::sweep_build(const std::string& key, bool ours) {
     compare_revision(&fence, key, found.kvs(0).mod_revision());
     put(fence.add_success(), key, text->print());
     TxnResponse response;
-    Outcome outcome = cluster_.txn(fence, &response, Deadline(cluster_.timeout()));
+    Outcome outcome = cluster_.txn(fence, &response, Deadline(pace.request));
     if (!outcome.ok()) return outcome.status;
     // It went on, or came to its end, or another sweeper was quicker; a repetition may also have met its own writing.
-    if (!response.succeeded()) return outcome.repeated ? sweep_build(key, ours) : Status();
+    if (!response.succeeded()) return outcome.repeated ? sweep_build(key, ours, pace) : Status();
   }
   if (text) {
     for (const IdRange& ids : text->ids) {
-      if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last)); !status.ok()) return status;
-      if (Status status = sweep_range(keys_.values_of(ids.first, ids.last)); !status.ok()) return status;
+      if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
+      if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), pace); !status.ok()) return status;
     }
   }
   TxnRequest last;
   erase(last.add_success(), key);
-  return remove(&last);
+  return remove(&last, pace);
 }
 
-Status Sweeper::sweep_range(const KeyRange& range) {
+Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
   while (true) {
-    if (stopping()) return PRTKV_UNREACHABLE;
+    if (pace.stop()) return PRTKV_UNREACHABLE;
     RangeRequest request = get_range(range, kKeysPerSweep);
     request.set_keys_only(true);
     RangeResponse page;
-    if (Outcome outcome = cluster_.range(request, &page, Deadline(cluster_.timeout())); !outcome.ok()) {
+    if (Outcome outcome = cluster_.range(request, &page, Deadline(pace.request)); !outcome.ok()) {
       return outcome.status;
     }
     if (page.kvs_size() == 0) return {};
     TxnRequest batch;
     erase(batch.add_success(), KeyRange{range.begin, page.kvs(page.kvs_size() - 1).key() + '\0'});
-    if (Status status = remove(&batch); !status.ok()) return status;
+    if (Status status = remove(&batch, pace); !status.ok()) return status;
     if (!page.more()) return {};
   }
 }
@@ -249,31 +273,48 @@ void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, 
 }
 
 Status Sweeper::sweep_all() {
+  const auto never = [] { return false; };
+  return sweep_all(Pace{never, cluster_.timeout()});
+}
+
+Status Sweeper::sweep_all(const Pace& pace) {
+  if (Status status = sweep_marks(pace); !status.ok()) return status;
+  if (Status status = sweep_builds(pace); !status.ok()) return status;
+  return sweep_garbage(pace);
+}
+
+Status Sweeper::sweep_marks(const Pace& pace) {
   const std::int64_t now = seconds_now();
-  TxnRequest marks;
-  Pager writers(cluster_, get_range(keys_.all_writers(), kMarkersPerLook));
-  while (writers.more()) {
+  TxnRequest batch;
+  Pager marks(cluster_, get_range(keys_.all_writers(), kMarkersPerLook));
+  while (marks.more()) {
     RangeResponse page;
-    if (Outcome outcome = writers.next(&page); !outcome.ok()) return outcome.status;
+    if (Outcome outcome = marks.next(&page); !outcome.ok()) return outcome.status;
     for (const KeyValue& mark : page.kvs()) {
       if (!is_old_mark(mark, now)) continue;
-      erase(marks.add_success(), mark.key());
-      if (marks.success_size() < kRemovalsPerBatch) continue;
-      if (Status status = remove(&marks); !status.ok()) return status;
+      erase(batch.add_success(), mark.key());
+      if (batch.success_size() < kRemovalsPerBatch) continue;
+      if (Status status = remove(&batch, pace); !status.ok()) return status;
     }
   }
-  if (Status status = remove(&marks); !status.ok()) return status;
+  return remove(&batch, pace);
+}
 
+Status Sweeper::sweep_builds(const Pace& pace) {
+  const std::int64_t now = seconds_now();
   Pager builds(cluster_, get_range(keys_.all_staging(), kMarkersPerLook));
   while (builds.more()) {
     RangeResponse page;
     if (Outcome outcome = builds.next(&page); !outcome.ok()) return outcome.status;
     for (const KeyValue& build : page.kvs()) {
       if (!is_abandoned_build(build, now)) continue;
-      if (Status status = sweep_build(build.key(), false); !status.ok()) return status;
+      if (Status status = sweep_build(build.key(), false, pace); !status.ok()) return status;
     }
   }
+  return {};
+}
 
+Status Sweeper::sweep_garbage(const Pace& pace) {
   RangeRequest request = get_range(keys_.all_garbage(), kMarkersPerLook);
   request.set_keys_only(true);
   Pager garbage(cluster_, request);
@@ -281,7 +322,7 @@ Status Sweeper::sweep_all() {
     RangeResponse page;
     if (Outcome outcome = garbage.next(&page); !outcome.ok()) return outcome.status;
     for (const KeyValue& top : page.kvs()) {
-      if (Status status = sweep_garbage(top.key(), [this] { return stopping(); }); !status.ok()) return status;
+      if (Status status = sweep_garbage(top.key(), pace); !status.ok()) return status;
     }
   }
   return {};

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_set>
 #include <vector>
 
 #include "cluster.h"
@@ -49,21 +50,30 @@ class Sweeper {
 
  private:
   struct Job {
-    enum class Kind { kGarbage, kOwnBuild, kBuild, kLookAround } kind;
+    enum class Kind { kGarbage, kOwnBuild, kLookAround } kind;
     std::string key;
   };
 
-  using Stop = FunctionRef<bool()>;  // whether to leave the rest for later
+  // How long to go on, and how long a single request may take.
+  struct Pace {
+    FunctionRef<bool()> stop;
+    std::chrono::milliseconds request;
+  };
 
   void add(Job job);
   void work();
-  Status carry_out(const Job& job);
+  Status carry_out(const Job& job, const Pace& pace);
+  Status sweep_all(const Pace& pace);
+  Status sweep_marks(const Pace& pace);
+  Status sweep_builds(const Pace& pace);
+  Status sweep_garbage(const Pace& pace);
   bool stopping();
-  Status sweep_garbage(const std::string& key, Stop stop);
-  Status sweep_build(const std::string& key, bool ours);
-  Status sweep_range(const KeyRange& range);
-  Status sweep_below(NodeId top, Stop stop);
-  Status remove(TxnRequest* batch);
+  Status sweep_garbage(const std::string& key, const Pace& pace);
+  Status sweep_build(const std::string& key, bool ours, const Pace& pace);
+  Status sweep_range(const KeyRange& range, const Pace& pace);
+  Status sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace);
+  Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Pace& pace);
+  Status remove(TxnRequest* batch, const Pace& pace);
 
   Cluster& cluster_;
   const Keys& keys_;

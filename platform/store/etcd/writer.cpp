@@ -9,21 +9,45 @@ namespace {
 
 const KeyValue* first(const RangeResponse& response) { return response.kvs_size() == 0 ? nullptr : &response.kvs(0); }
 
-// The cluster refused a repetition: what became of the first one is in the mark.
-Written resolve(Cluster& cluster, Mark* mark, const std::string& text, const Outcome& refusal, Deadline deadline) {
-  RangeResponse response;
-  const Outcome outcome = cluster.range(get_one(mark->key), &response, deadline);
-  if (!outcome.ok()) {
-    return {.status = Status(refusal.status.code(),
-                             refusal.status.text() +
-                                 "; whether the change was made before cannot be asked: " + outcome.status.text()),
-            .unknown = true,
-            .response = {}};
+std::string fence_of(const std::string& text) { return "not " + text; }
+
+// Finds out whether a write was made that was sent more than once, and sees to it that it will not be made later.
+Outcome settle(Cluster& cluster, Mark* mark, const std::string& text, bool* made, Deadline deadline) {
+  TxnRequest request;
+  *request.add_success()->mutable_request_range() = get_one(mark->key);
+  while (true) {
+    TxnResponse response;
+    Outcome outcome = cluster.txn(request, &response, deadline);
+    if (!outcome.ok()) return outcome;
+    const std::string fence = fence_of(text);
+    if (response.succeeded() && response.responses(0).has_response_put()) {
+      mark->mod_revision = response.header().revision();
+      *made = false;
+      return outcome;
+    }
+    const KeyValue* found = first(response.responses(0).response_range());
+    mark->mod_revision = found == nullptr ? 0 : found->mod_revision();
+    *made = found != nullptr && found->value() == text;
+    if (*made || (found != nullptr && found->value() == fence)) return outcome;
+    request.Clear();
+    compare_revision(&request, mark->key, mark->mod_revision);
+    put(request.add_success(), mark->key, fence);
+    *request.add_failure()->mutable_request_range() = get_one(mark->key);
   }
-  const KeyValue* found = first(response);
-  if (found == nullptr || found->value() != text) return {.status = refusal.status, .response = {}};
-  mark->mod_revision = found->mod_revision();
-  return {.status = {}, .made = true, .revision = found->mod_revision(), .response = {}};
+}
+
+// A write that was refused, or found its comparisons failing, after it had been sent before.
+void settle(Cluster& cluster, Mark* mark, const std::string& text, Written* written, Deadline deadline) {
+  const Outcome outcome = settle(cluster, mark, text, &written->made, deadline);
+  if (!outcome.ok()) {
+    const Status& reason = written->status.ok() ? outcome.status : written->status;
+    written->status =
+        Status(reason.code(), reason.text() + "; whether the change was made cannot be told: " + outcome.status.text());
+    return;
+  }
+  if (!written->made) return;
+  written->status = {};
+  written->revision = mark->mod_revision;
 }
 
 }  // namespace
@@ -33,19 +57,17 @@ Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::
   put(request.add_success(), mark->key, text);
   const int mark_read = request.failure_size();
   *request.add_failure()->mutable_request_range() = get_one(mark->key);
-  const auto fence = [&](TxnRequest* again) { put(again->add_failure(), mark->key, "not " + text); };
 
   Written written;
-  const Outcome outcome = cluster.txn(&request, fence, &written.response, deadline);
+  const Outcome outcome = cluster.txn(request, &written.response, deadline);
+  written.status = outcome.status;
+  if (outcome.verdict == Verdict::kTryElsewhere && outcome.repeated) {
+    written.status =
+        Status(outcome.status.code(), outcome.status.text() + "; whether the change was made cannot be told");
+    return written;
+  }
   if (!outcome.ok()) {
-    if (outcome.repeated && outcome.verdict != Verdict::kTryElsewhere) {
-      return resolve(cluster, mark, text, outcome, deadline);
-    }
-    written.unknown = outcome.repeated;
-    written.status = outcome.repeated
-                         ? Status(outcome.status.code(),
-                                  outcome.status.text() + "; whether the change was made cannot be asked either")
-                         : outcome.status;
+    if (outcome.repeated) settle(cluster, mark, text, &written, deadline);
     return written;
   }
   written.revision = written.response.header().revision();
@@ -55,12 +77,13 @@ Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::
     return written;
   }
   const KeyValue* found = first(written.response.responses(mark_read).response_range());
-  if (found != nullptr && found->value() == text) {
-    written.made = true;
-    written.revision = found->mod_revision();
+  mark->mod_revision = found == nullptr ? 0 : found->mod_revision();
+  written.made = found != nullptr && found->value() == text;
+  if (written.made) {
+    written.revision = mark->mod_revision;
+  } else if (outcome.repeated) {
+    settle(cluster, mark, text, &written, deadline);
   }
-  const bool fenced = written.response.responses_size() > mark_read + 1;
-  mark->mod_revision = fenced ? written.response.header().revision() : found == nullptr ? 0 : found->mod_revision();
   return written;
 }
 

@@ -1,9 +1,9 @@
 // Writing exactly once, although answers get lost.
 //
 // A write overwrites a key of its writer with a mark that is never used again, and compares that key's revision. So a
-// write that is sent a second time cannot be made a second time, and whether the first one was made is read from the
-// mark. A repetition that finds its comparisons failing also overwrites the mark, after which the first one, should it
-// still be on its way, can no longer be made.
+// write that is sent a second time cannot be made a second time, and whether it was made is read from the mark. Before
+// a write that was sent more than once is said not to have been made, the mark is overwritten: after that none of those
+// that may still be on their way can be made any more.
 #ifndef TKV_PLATFORM_STORE_ETCD_WRITER_H
 #define TKV_PLATFORM_STORE_ETCD_WRITER_H
 
@@ -31,7 +31,7 @@ struct Written {
   TxnResponse response;       // comparisons that failed: what the failure branch read
 };
 
-// Carries out `request`, whose success branch writes and whose failure branch only reads, with at least two operations
+// Carries out `request`, whose success branch writes and whose failure branch only reads, with at least one operation
 // to spare in each. `text` becomes the mark's value and must never have been used with this mark.
 Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline);
 
