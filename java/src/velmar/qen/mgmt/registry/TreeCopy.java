@@ -24,13 +24,18 @@ final class TreeCopy extends Report {
         } finally {
             holdTracing(false);
         }
-        if (copy.lastStep != 0) {
-            throw RegistryException.of(copy.lastStep, target, String.format(
-                    "TKV-%04d: the security of key '%s' could not be set after the copy", copy.lastStep, target));
+        copy.check(source, target);
+    }
+
+    /** Throws when any step failed. */
+    void check(String source, String target) {
+        if (lastStep != 0) {
+            throw RegistryException.of(lastStep, target, String.format(
+                    "TKV-%04d: the security of key '%s' could not be set after the copy", lastStep, target));
         }
-        if (copy.failed()) {
+        if (failed()) {
             // The one failure without the registry's text is the bridge's own limit.
-            throw copy.text() != null ? copy.exception(source) : RegistryException.of(5, source,
+            throw text() != null ? exception(source) : RegistryException.of(5, source,
                     "TKV-0005: a name below key '" + source + "' is too long to be copied");
         }
     }
