@@ -56,5 +56,24 @@ test: packages-test ## build and run all tests: release, the bridge alone, sanit
 	$(call preset,asan)
 	ctest --preset asan -j $(JOBS)
 
+demo: packages-build ## show the main job on an embedded registry: two JVMs and the command
+	$(call preset,release,-DTKV_TESTS=OFF)
+	@cmake --build --preset release --target demo
+
+coverage: packages-test ## line and branch coverage of the bridge
+	$(call preset,coverage)
+	tests/bridge/coverage.sh build/coverage
+
+format: packages-lint ## format all C and C++
+	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
+
+lint: packages-lint ## check format, and the C++ with clang-tidy
+	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run -Werror
+	$(call preset,release,-DTKV_TESTS=ON)
+	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release
+
+install: build ## install below PREFIX (/usr/local)
+	cmake --install build/release --prefix $(PREFIX)
+
 clean: ## remove everything that was built
 	rm -rf build
