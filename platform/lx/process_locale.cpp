@@ -24,7 +24,7 @@ std::string installed_charset(std::string_view name) {
 }
 
 const char* environment(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody changes the environment meanwhile
   return value == nullptr || *value == '\0' ? nullptr : value;
 }
 
