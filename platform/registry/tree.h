@@ -132,6 +132,12 @@ class Writer final : public Reader {
  public:
   Writer(store::Update& update, const Identity& identity) : Reader(update, identity), update_(update) {}
 
+  // Runs `function` on the tree as it stood when the update began, for reading more keys than one write may depend on.
+  Status before(FunctionRef<Status(Reader&)> function) {
+    Reader reader(update_.before(), identity());
+    return function(reader);
+  }
+
   // Creates a key without a value. 55 when it exists. Needs 0x10 on the parent that the name's last level goes under.
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, store::NodeId* id);
 
