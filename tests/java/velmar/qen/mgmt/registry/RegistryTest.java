@@ -17,8 +17,6 @@ import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
 import org.junit.jupiter.params.provider.ValueSource;
-import velmar.qen.mgmt.nativesystem.AsRoot;
-import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
 class RegistryTest extends OpenRegistry {
@@ -74,7 +72,7 @@ class RegistryTest extends OpenRegistry {
 
     @Test
     void aListThatEndsAtOnceIsNotTakenForAnEmptyOne() {
-        TKVNative natives = new TKVNative();
+        velmar.qen.mgmt.nativesystem.TKVNative natives = new velmar.qen.mgmt.nativesystem.TKVNative();
         TKVResult result = new TKVResult();
         natives.setKeyValues(below("k"), new String[] {"", "lost"}, 3, "", null, null, result);
         assertTrue(result.getStatus());
@@ -132,7 +130,6 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
-    @AsRoot
     void createMakesAKeyOfTheSession() {
         registry.create(below("k"));
         assertTrue(registry.exists(below("k")));
@@ -158,7 +155,6 @@ class RegistryTest extends OpenRegistry {
 
     @ParameterizedTest
     @MethodSource("securities")
-    @AsRoot
     void newKeysGetTheSecurityAskedFor(Security security) {
         registry.create(below("created"), security);
         registry.createWith(below("created-with"), "value", security);
@@ -174,7 +170,6 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
-    @AsRoot
     void anExistingKeyKeepsItsSecurity() {
         registry.put(below("k"), "1", Security.ownedBy("daemon"));
         registry.put(below("k"), "2", Security.ownedBy("nobody").withGroup("bin"));
@@ -221,7 +216,6 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
-    @AsRoot
     void copyTreeMakesANewTree() {
         registry.put(below("s"), "top", Security.ownedBy("daemon").withGroup("bin"));
         registry.putList(below("s.list"), List.of("a", "b"));
@@ -236,7 +230,6 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
-    @AsRoot
     void copyTreeGivesTheCopyToWhomItIsTold() {
         registry.put(below("s"), "v", Security.ownedBy("daemon").withGroup("bin"));
         registry.copyTree(below("s"), below("user"), CopyOwner.SESSION_USER);

@@ -1,0 +1,117 @@
+#include <array>
+#include <vector>
+
+#include "access.h"
+#include "characters.h"
+#include "context.h"
+#include "json.h"
+#include "masks.h"
+#include "user_identity.h"
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+using registry::AccessReason;
+
+constexpr std::array<std::int32_t, 6> kRights{TKV_RIGHT_READ,     TKV_RIGHT_LIST,   TKV_RIGHT_WRITE,
+                                              TKV_RIGHT_SECURITY, TKV_RIGHT_CREATE, TKV_RIGHT_DELETE};
+
+struct Question {
+  std::string name;
+  sec_attr security{};
+  registry::Identity user;
+  AccessReason reason;
+};
+
+std::string named(std::string_view name) { return name.empty() ? "nobody" : "'" + std::string(name) + "'"; }
+
+// The classes of the key that hold a right, and whether the user is in them.
+std::vector<std::string> granting(const Question& question, std::int32_t right) {
+  std::vector<std::string> classes;
+  if (question.reason.superuser) classes.emplace_back("superuser");
+  if ((question.reason.owner_grants & right) != 0) classes.emplace_back("owner");
+  if ((question.reason.group_grants & right) != 0) classes.emplace_back("group");
+  if ((question.reason.other_grants & right) != 0) classes.emplace_back("other");
+  return classes;
+}
+
+std::string joined(const std::vector<std::string>& texts, const char* between) {
+  std::string all;
+  for (const std::string& text : texts) all += (all.empty() ? "" : between) + text;
+  return all;
+}
+
+// Why a right is denied: the classes that have it are not the user's.
+std::string denial(const Question& question, std::int32_t right) {
+  const sec_attr& security = question.security;
+  std::vector<std::string> holders;
+  if ((security.user_perm & right) != 0) holders.push_back("the owner, " + named(registry::user_of(security)));
+  if ((security.group_perm & right) != 0) holders.push_back("the group, " + named(registry::group_of(security)));
+  if (holders.empty()) return "no class has it";
+  return "only " + joined(holders, ", and ") + (holders.size() == 1 ? ", has it" : ", have it");
+}
+
+std::string answer_json(const Question& question, bool why) {
+  JsonObject object;
+  object.text("name", question.name)
+      .text("user", question.user.user)
+      .raw("rights", json_string(columns_of(question.reason.granted)))
+      .number("mask", static_cast<std::uint64_t>(question.reason.granted));
+  if (!why) return object.str();
+  JsonObject reasons;
+  for (const std::int32_t right : kRights) {
+    std::vector<std::string> classes;
+    for (const std::string& each : granting(question, right)) classes.push_back(json_string(each));
+    JsonObject one;
+    one.flag("granted", (question.reason.granted & right) != 0).raw("by", json_array(classes));
+    reasons.raw(registry::right_name(right), one.str());
+  }
+  return object.raw("why", reasons.str()).str();
+}
+
+void print_why(Context& context, const Question& question) {
+  const sec_attr& security = question.security;
+  std::vector<std::string> groups;
+  for (const std::string& group : question.user.groups) groups.push_back(group);
+  context.print("owner  " + columns_of(security.user_perm) + "  " + std::string(registry::user_of(security)));
+  context.print("group  " + columns_of(security.group_perm) + "  " + std::string(registry::group_of(security)));
+  context.print("other  " + columns_of(security.other_perm));
+  context.print("user   " + question.user.user + ", in " + joined(groups, ", "));
+  for (const std::int32_t right : kRights) {
+    std::string label = registry::right_name(right);
+    label.resize(9, ' ');
+    const std::vector<std::string> classes = granting(question, right);
+    context.print(label +
+                  (classes.empty() ? "denied   " + denial(question, right) : "granted  by " + joined(classes, ", ")));
+  }
+}
+
+}  // namespace
+
+Outcome run_access(Context& context, const Arguments& arguments) {
+  Question question;
+  std::int32_t need = 0;
+  if (arguments.need) {
+    if (Outcome parsed = parse_rights(*arguments.need, &need); !parsed.ok()) return parsed;
+  }
+  if (Outcome given = key_name(*arguments.key, &question.name); !given.ok()) return given;
+  if (Outcome found = identity_of_user(*arguments.user, &question.user); !found.ok()) return found;
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  const Status read = context.registry().read(
+      [&](registry::Reader& reader) { return reader.security(question.name, &question.security); });
+  if (!read.ok()) return read;
+  question.reason = registry::explain_access(question.user, question.security);
+  if (context.json()) {
+    context.output().line(answer_json(question, arguments.why));
+  } else {
+    context.print(columns_of(question.reason.granted));
+    if (arguments.why) print_why(context, question);
+  }
+  const std::int32_t missing = need & ~question.reason.granted;
+  if (missing == 0) return {};
+  return {Exit::kDenied, "'" + question.user.user + "' has not all of these rights on " +
+                             registry::describe(question.name) + ": " + columns_of(missing) + " is missing"};
+}
+
+}  // namespace tkv::command

@@ -1,0 +1,81 @@
+// Arguments: what was asked for, as plain fields. Texts are UTF-8 as the shell gave them.
+#ifndef TKV_TOOLS_TKV_ARGUMENTS_H
+#define TKV_TOOLS_TKV_ARGUMENTS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tkv::command {
+
+struct Arguments {
+  // With every verb.
+  bool json = false;
+  bool quiet = false;
+  bool no_colour = false;
+  bool yes = false;
+  std::optional<std::string> configuration;  // file instead of $TKV_CONF
+
+  // Operands.
+  std::optional<std::string> key;
+  std::vector<std::string> keys;
+  std::optional<std::string> destination;
+  std::vector<std::string> values;
+  std::optional<std::string> file;
+  std::optional<std::string> user;
+  std::optional<std::string> change;  // of owner or mode
+  std::optional<std::string> from;
+  std::optional<std::string> to;
+  std::vector<std::string> words;
+
+  // Options that several verbs share.
+  bool recursive = false;
+  bool parents = false;
+  bool replace = false;
+  bool overwrite = false;
+  bool null_ends = false;
+  bool dry_run = false;
+  std::optional<std::string> owner;
+  std::optional<std::string> group;
+  std::optional<std::string> mode;
+  bool inherit = false;
+
+  // get
+  std::optional<std::string> reading;
+  bool no_newline = false;
+  // set
+  bool list = false;
+  bool int32 = false;
+  bool int64 = false;
+  bool bytes = false;
+  bool hex = false;
+  bool literal = false;
+  bool keep_newline = false;
+  bool only_new = false;
+  bool only_existing = false;
+  std::optional<std::string> type;
+  // ls, tree
+  bool long_lines = false;
+  bool full_names = false;
+  bool no_values = false;
+  std::optional<std::string> depth;
+  // rm
+  bool force = false;
+  // cp
+  bool own = false;
+  // access
+  bool why = false;
+  std::optional<std::string> need;
+  // export, import
+  std::optional<std::string> at;
+  bool merge = false;
+  // verify
+  bool repair = false;
+  // help
+  bool manual = false;
+  bool configuration_manual = false;
+};
+
+}  // namespace tkv::command
+
+#endif

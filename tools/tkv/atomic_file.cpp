@@ -1,0 +1,117 @@
+#include "atomic_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace tkv::command {
+namespace {
+
+constexpr std::size_t kGathered = 256 * 1024;
+
+std::string folder_of(const std::string& path) {
+  const std::size_t end = path.rfind('/');
+  if (end == std::string::npos) return ".";
+  return end == 0 ? "/" : path.substr(0, end);
+}
+
+Exit exit_of_error(int error) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return Exit::kNotFound;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return Exit::kDenied;
+    case EEXIST:
+      return Exit::kConflict;
+    default:
+      return Exit::kOther;
+  }
+}
+
+}  // namespace
+
+AtomicFile::~AtomicFile() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+Outcome AtomicFile::failed(const char* doing, int error) const {
+  return {exit_of_error(error), std::string("cannot ") + doing + " " + path_ + ": " + std::strerror(error)};
+}
+
+Outcome AtomicFile::open(const std::string& path, Existing existing) {
+  struct stat found {};
+  path_ = path;
+  existing_ = existing;
+  const bool there = ::stat(path.c_str(), &found) == 0;
+  if (there && existing == Existing::kRefuse) return failed("write", EEXIST);
+  if (there && !S_ISREG(found.st_mode)) return {Exit::kUsage, path + " is not a file; write there with > instead"};
+  std::string pattern = path + ".XXXXXX";
+  descriptor_ = ::mkostemp(pattern.data(), O_CLOEXEC);
+  const int error = errno;
+  if (descriptor_ < 0) return failed("write", error);
+  temporary_ = pattern;
+  return {};
+}
+
+Outcome AtomicFile::write(std::string_view bytes) {
+  gathered_ += bytes;
+  return gathered_.size() < kGathered ? Outcome() : flush();
+}
+
+Outcome AtomicFile::flush() {
+  std::string_view rest = gathered_;
+  while (!rest.empty()) {
+    const ssize_t written = ::write(descriptor_, rest.data(), rest.size());
+    const int error = errno;
+    if (written < 0 && error != EINTR) return failed("write", error);
+    if (written > 0) rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+  gathered_.clear();
+  return {};
+}
+
+Outcome AtomicFile::sync() {
+  if (Outcome flushed = flush(); !flushed.ok()) return flushed;
+  if (::fsync(descriptor_) == 0) return {};
+  const int error = errno;
+  return failed("write", error);
+}
+
+Outcome AtomicFile::rename() {
+  int result = -1;
+  int error = EINVAL;
+  if (existing_ == Existing::kRefuse) {
+    result = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE);
+    error = errno;
+  }
+  if (result != 0 && error == EINVAL) {  // replacing is meant, or not every file system can refuse by itself
+    result = ::rename(temporary_.c_str(), path_.c_str());
+    error = errno;
+  }
+  if (result != 0) return failed("write", error);
+  temporary_.clear();
+  return {};
+}
+
+Outcome AtomicFile::commit() {
+  if (Outcome synced = sync(); !synced.ok()) return synced;
+  if (Outcome named = rename(); !named.ok()) return named;
+  const int folder = ::open(folder_of(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int open_error = errno;
+  if (folder < 0) return failed("make durable", open_error);
+  const int synced = ::fsync(folder);
+  const int error = errno;
+  ::close(folder);
+  return synced == 0 ? Outcome() : failed("make durable", error);
+}
+
+}  // namespace tkv::command

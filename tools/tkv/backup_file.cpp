@@ -1,0 +1,252 @@
+#include "backup_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#define XXH_INLINE_ALL  // compiled in: one library less to load
+#include <xxhash.h>
+
+#include "access.h"
+#include "characters.h"
+#include "identity.h"
+#include "name.h"
+#include "tree.h"
+
+namespace tkv::command {
+namespace {
+
+constexpr std::string_view kMagic = "TKVBACKUP 1\n";
+constexpr std::string_view kAnyMagic = "TKVBACKUP ";
+constexpr std::size_t kHashBytes = 16;
+constexpr char kKeyMark = 'K';
+constexpr char kEndMark = 'E';
+
+template <typename Number>
+void append_number(Number number, std::string* bytes) {
+  for (std::size_t byte = 0; byte < sizeof number; ++byte) {
+    bytes->push_back(static_cast<char>(static_cast<std::uint64_t>(number) >> (8 * byte) & 0xff));
+  }
+}
+
+void append_name(std::string_view name, std::string* bytes) {
+  append_number(static_cast<std::uint16_t>(name.size()), bytes);
+  bytes->append(name);
+}
+
+std::string key_record(const Entry& entry) {
+  std::string bytes(1, kKeyMark);
+  append_name(entry.name, &bytes);
+  append_number(entry.security.user_perm, &bytes);
+  append_number(entry.security.group_perm, &bytes);
+  append_number(entry.security.other_perm, &bytes);
+  append_name(registry::user_of(entry.security), &bytes);
+  append_name(registry::group_of(entry.security), &bytes);
+  append_number(entry.value.type, &bytes);
+  append_number(static_cast<std::uint32_t>(entry.value.bytes.size()), &bytes);
+  return bytes.append(entry.value.bytes);
+}
+
+class StreamHash {
+ public:
+  StreamHash() : state_(XXH3_createState()) {
+    if (state_ == nullptr) throw std::bad_alloc();
+    XXH3_128bits_reset(state_);
+  }
+  ~StreamHash() { XXH3_freeState(state_); }
+  StreamHash(const StreamHash&) = delete;
+  StreamHash& operator=(const StreamHash&) = delete;
+
+  void add(std::string_view bytes) { XXH3_128bits_update(state_, bytes.data(), bytes.size()); }
+
+  std::string digest() const {
+    XXH128_canonical_t canonical;
+    XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state_));
+    return {reinterpret_cast<const char*>(canonical.digest), sizeof canonical.digest};
+  }
+
+ private:
+  XXH3_state_t* state_;
+};
+
+// Reads a file from its beginning, hashing what it gives.
+class Source {
+ public:
+  explicit Source(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "rbe")), error_(errno) {}
+  ~Source() {
+    if (file_ != nullptr) std::fclose(file_);
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  Outcome opened() const {
+    if (file_ != nullptr) return {};
+    const Exit exit = error_ == ENOENT ? Exit::kNotFound : error_ == EACCES ? Exit::kDenied : Exit::kOther;
+    return {exit, "cannot read " + path_ + ": " + std::strerror(error_)};
+  }
+
+  Outcome damaged(const std::string& what) const { return {Exit::kDamaged, path_ + " is damaged: " + what}; }
+
+  Outcome read(std::size_t size, std::string* bytes) {
+    bytes->resize(size);
+    const std::size_t got = std::fread(bytes->data(), 1, size, file_);
+    const int error = errno;
+    if (got != size && std::ferror(file_) != 0) {
+      return {Exit::kOther, "cannot read " + path_ + ": " + std::strerror(error)};
+    }
+    if (got != size) return damaged("it ends too early");
+    hash_.add(*bytes);
+    return {};
+  }
+
+  template <typename Number>
+  Outcome number(Number* number) {
+    std::string bytes;
+    if (Outcome got = read(sizeof *number, &bytes); !got.ok()) return got;
+    std::uint64_t value = 0;
+    for (std::size_t byte = sizeof *number; byte-- > 0;) value = value << 8 | static_cast<unsigned char>(bytes[byte]);
+    *number = static_cast<Number>(value);
+    return {};
+  }
+
+  Outcome name(std::string* name) {
+    std::uint16_t size = 0;
+    if (Outcome got = number(&size); !got.ok()) return got;
+    return read(size, name);
+  }
+
+  bool at_end() { return std::fgetc(file_) == EOF && std::feof(file_) != 0; }
+  std::string digest() const { return hash_.digest(); }
+
+ private:
+  const std::string path_;
+  std::FILE* file_;
+  int error_;
+  StreamHash hash_;
+};
+
+Outcome first_failure(std::initializer_list<Outcome> outcomes) {
+  for (const Outcome& outcome : outcomes) {
+    if (!outcome.ok()) return outcome;
+  }
+  return {};
+}
+
+Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
+  std::string magic;
+  if (Outcome got = source.read(kMagic.size(), &magic); got.exit() == Exit::kOther) return got;
+  if (magic != kMagic) {
+    if (magic.starts_with(kAnyMagic)) return {Exit::kUsage, path + " is a backup of a format that this release lacks"};
+    return {Exit::kUsage, path + " is not a backup"};
+  }
+  if (Outcome got = source.number(&head->taken); !got.ok()) return got;
+  return source.name(&head->top);
+}
+
+Outcome read_key(Source& source, Entry* entry) {
+  std::string owner;
+  std::string group;
+  std::uint32_t size = 0;
+  // In the order of the record: initializer lists are evaluated from left to right.
+  Outcome got = first_failure({source.name(&entry->name), source.number(&entry->security.user_perm),
+                               source.number(&entry->security.group_perm), source.number(&entry->security.other_perm),
+                               source.name(&owner), source.name(&group), source.number(&entry->value.type),
+                               source.number(&size)});
+  if (!got.ok()) return got;
+  if (size > registry::kMaxValueBytes) return source.damaged("a value is too large");
+  const bool sound = registry::check_name(entry->name).ok() && registry::set_user(&entry->security, owner).ok() &&
+                     registry::set_group(&entry->security, group).ok();
+  if (!sound) return source.damaged("a key makes no sense");
+  return source.read(size, &entry->value.bytes);
+}
+
+void count(const Entry& entry, BackupTotals* totals) {
+  ++totals->keys;
+  totals->value_bytes += entry.value.bytes.size();
+  if (entry.value.type != kTypeNone || !entry.value.bytes.empty()) ++totals->values;
+}
+
+Outcome read_end(Source& source, const BackupTotals& counted, BackupContents* contents) {
+  std::string written;
+  BackupTotals& totals = contents->totals;
+  Outcome got =
+      first_failure({source.number(&totals.keys), source.number(&totals.values), source.number(&totals.value_bytes)});
+  if (!got.ok()) return got;
+  const std::string computed = source.digest();
+  if (got = source.read(kHashBytes, &written); !got.ok()) return got;
+  if (written != computed) return source.damaged("its hash is not that of its contents");
+  if (totals != counted) return source.damaged("it does not hold as many keys as it says");
+  if (!source.at_end()) return source.damaged("something follows its end");
+  contents->hash = hex_from(computed);
+  return {};
+}
+
+}  // namespace
+
+struct BackupWriter::Hash : StreamHash {};
+
+BackupWriter::BackupWriter() : state_(std::make_unique<Hash>()) {}
+BackupWriter::~BackupWriter() = default;
+
+Outcome BackupWriter::write(const std::string& bytes) {
+  state_->add(bytes);
+  return file_.write(bytes);
+}
+
+Outcome BackupWriter::open(const std::string& path, const BackupHead& head) {
+  head_ = head;
+  if (Outcome opened = file_.open(path, AtomicFile::Existing::kRefuse); !opened.ok()) return opened;
+  std::string bytes(kMagic);
+  append_number(head.taken, &bytes);
+  append_name(head.top, &bytes);
+  return write(bytes);
+}
+
+Outcome BackupWriter::add(const Entry& entry) {
+  count(entry, &totals_);
+  return write(key_record(entry));
+}
+
+Outcome BackupWriter::finish() {
+  std::string bytes(1, kEndMark);
+  append_number(totals_.keys, &bytes);
+  append_number(totals_.values, &bytes);
+  append_number(totals_.value_bytes, &bytes);
+  if (Outcome written = write(bytes); !written.ok()) return written;
+  const std::string digest = state_->digest();
+  hash_ = hex_from(digest);
+  if (Outcome written = file_.write(digest); !written.ok()) return written;
+  if (Outcome synced = file_.sync(); !synced.ok()) return synced;
+  BackupContents again;
+  Outcome read = read_backup(file_.written_path(), &again, [](Entry&&) { return Outcome(); });
+  if (!read.ok()) return read;
+  if (again.hash != hash_ || again.totals != totals_ || again.head.top != head_.top) {
+    return {Exit::kDamaged, "the backup does not read back as it was written"};
+  }
+  return file_.commit();
+}
+
+Outcome read_backup(const std::string& path, BackupContents* contents, FunctionRef<Outcome(Entry&& entry)> take) {
+  Source source(path);
+  BackupTotals counted;
+  std::string last;
+  if (Outcome opened = source.opened(); !opened.ok()) return opened;
+  if (Outcome head = read_head(source, path, &contents->head); !head.ok()) return head;
+  for (;;) {
+    std::string mark;
+    if (Outcome got = source.read(1, &mark); !got.ok()) return got;
+    if (mark[0] == kEndMark) return read_end(source, counted, contents);
+    if (mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one has to be");
+    Entry entry;
+    if (Outcome got = read_key(source, &entry); !got.ok()) return got;
+    const bool first = counted.keys == 0;
+    if (first ? entry.name != contents->head.top : !name_before(last, entry.name)) {
+      return source.damaged("the keys are out of order");
+    }
+    last = entry.name;
+    count(entry, &counted);
+    if (Outcome taken = take(std::move(entry)); !taken.ok()) return taken;
+  }
+}
+
+}  // namespace tkv::command

@@ -1,0 +1,202 @@
+#include "characters.h"
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+
+#include "name.h"
+
+namespace tkv::command {
+namespace {
+
+constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view kStoredNul = "\xc0\x80";
+
+struct Character {
+  std::uint32_t code = 0;
+  std::size_t size = 0;  // 0: not well-formed
+};
+
+unsigned byte_at(std::string_view text, std::size_t at) {
+  return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
+std::size_t size_by_first(unsigned first) {
+  if (first < 0x80) return 1;
+  if (first >= 0xc2 && first <= 0xdf) return 2;
+  if (first >= 0xe0 && first <= 0xef) return 3;
+  if (first >= 0xf0 && first <= 0xf4) return 4;
+  return 0;
+}
+
+Character character_at(std::string_view text, std::size_t at) {
+  const unsigned first = byte_at(text, at);
+  const std::size_t size = size_by_first(first);
+  if (size < 2) return {first, size};
+  std::uint32_t code = first & (0xffU >> (size + 1));
+  for (std::size_t each = 1; each < size; ++each) {
+    const unsigned byte = byte_at(text, at + each);
+    if ((byte & 0xc0) != 0x80) return {};
+    code = code << 6 | (byte & 0x3f);
+  }
+  constexpr std::array<std::uint32_t, 5> kSmallest{0, 0, 0x80, 0x800, 0x10000};
+  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+  if (code < kSmallest[size] || code > 0x10ffff || surrogate) return {};
+  return {code, size};
+}
+
+std::string replaced(std::string_view text, std::string_view from, std::string_view to) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t at = 0;;) {
+    const std::size_t next = text.find(from, at);
+    result.append(text.substr(at, next - at));
+    if (next == std::string_view::npos) return result;
+    result.append(to);
+    at = next + from.size();
+  }
+}
+
+bool changes_terminal(std::uint32_t code) {
+  const bool control = code < 0x20 || (code >= 0x7f && code < 0xa0);
+  const bool direction = (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) || code == 0x200e ||
+                         code == 0x200f || code == 0x2028 || code == 0x2029 || code == 0x61c;
+  return control || direction;
+}
+
+std::string escaped(std::uint32_t code) {
+  if (code == '\n') return "\\n";
+  if (code == '\t') return "\\t";
+  if (code == '\r') return "\\r";
+  char text[16];
+  std::snprintf(text, sizeof text, code < 0x80 ? "\\x%02x" : "\\u{%x}", code);
+  return text;
+}
+
+int hex_digit(char letter) {
+  if (letter >= '0' && letter <= '9') return letter - '0';
+  if (letter >= 'a' && letter <= 'f') return letter - 'a' + 10;
+  if (letter >= 'A' && letter <= 'F') return letter - 'A' + 10;
+  return -1;
+}
+
+bool is_blank(char letter) { return letter == ' ' || letter == '\n' || letter == '\t' || letter == '\r'; }
+
+}  // namespace
+
+bool is_utf8(std::string_view text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t size = character_at(text, at).size;
+    if (size == 0) return false;
+    at += size;
+  }
+  return true;
+}
+
+std::string stored_from_utf8(std::string_view text) {
+  return replaced(registry::modified_from_utf8(text), std::string_view("\0", 1), kStoredNul);
+}
+
+std::string utf8_for_people(std::string_view bytes) {
+  return replaced(registry::utf8_from_modified(bytes), kStoredNul, std::string_view("\0", 1));
+}
+
+std::optional<std::string> utf8_from_stored(std::string_view bytes) {
+  std::string text = utf8_for_people(bytes);
+  if (!is_utf8(text) || stored_from_utf8(text) != bytes) return std::nullopt;
+  return text;
+}
+
+std::string safe(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    const Character character = character_at(text, at);
+    if (character.size == 0) {
+      char raw[8];
+      std::snprintf(raw, sizeof raw, "\\x%02x", byte_at(text, at));
+      result += raw;
+      ++at;
+      continue;
+    }
+    if (changes_terminal(character.code)) {
+      result += escaped(character.code);
+    } else {
+      result += text.substr(at, character.size);
+    }
+    at += character.size;
+  }
+  return result;
+}
+
+std::string safe_lines(std::string_view text) {
+  std::string lines;
+  for (;;) {
+    const std::size_t end = text.find('\n');
+    lines += safe(text.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    lines += '\n';
+    text.remove_prefix(end + 1);
+  }
+}
+
+std::string base64_from(std::string_view bytes) {
+  std::string text;
+  text.reserve((bytes.size() + 2) / 3 * 4);
+  for (std::size_t at = 0; at < bytes.size(); at += 3) {
+    const std::uint32_t group = byte_at(bytes, at) << 16 | byte_at(bytes, at + 1) << 8 | byte_at(bytes, at + 2);
+    const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
+    text.push_back(kBase64[group >> 18]);
+    text.push_back(kBase64[group >> 12 & 63]);
+    text.push_back(have > 1 ? kBase64[group >> 6 & 63] : '=');
+    text.push_back(have > 2 ? kBase64[group & 63] : '=');
+  }
+  return text;
+}
+
+std::optional<std::string> bytes_from_base64(std::string_view text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  std::size_t padding = 0;
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+  std::string bytes;
+  std::uint32_t group = 0;
+  for (std::size_t at = 0; at < text.size() - padding; ++at) {
+    const std::size_t digit = kBase64.find(text[at]);
+    if (digit == std::string_view::npos) return std::nullopt;
+    group = group << 6 | static_cast<std::uint32_t>(digit);
+    if (at % 4 == 0) continue;
+    bytes.push_back(static_cast<char>(group >> (6 - at % 4 * 2) & 0xff));
+  }
+  const std::uint32_t rest = padding == 1 ? group & 3 : padding == 2 ? group & 15 : 0;
+  if (rest != 0) return std::nullopt;  // bits that no byte holds: not what base64_from wrote
+  return bytes;
+}
+
+std::string hex_from(std::string_view bytes) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char byte : bytes) {
+    text.push_back(kDigits[static_cast<unsigned char>(byte) >> 4]);
+    text.push_back(kDigits[static_cast<unsigned char>(byte) & 15]);
+  }
+  return text;
+}
+
+std::optional<std::string> bytes_from_hex(std::string_view text) {
+  std::string bytes;
+  for (std::size_t at = 0; at < text.size();) {
+    if (is_blank(text[at])) {
+      ++at;
+      continue;
+    }
+    const int high = hex_digit(text[at]);
+    const int low = at + 1 < text.size() ? hex_digit(text[at + 1]) : -1;
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes.push_back(static_cast<char>(high * 16 + low));
+    at += 2;
+  }
+  return bytes;
+}
+
+}  // namespace tkv::command

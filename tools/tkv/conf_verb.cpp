@@ -1,0 +1,87 @@
+#include <algorithm>
+#include <vector>
+
+#include "characters.h"
+#include "context.h"
+#include "json.h"
+#include "lmdb_store.h"
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+using registry::Configuration;
+using registry::Setting;
+
+constexpr int kInCluster = 4;  // what the library answers
+constexpr int kAlone = 1;
+
+struct Found {
+  Configuration configuration;
+  Outcome usable;  // the location, as far as it can be told without opening it
+};
+
+const char* kind_of(const Configuration& configuration) { return configuration.is_distributed() ? "etcd" : "lmdb"; }
+
+std::string found_json(const Found& found) {
+  const Configuration& configuration = found.configuration;
+  std::vector<std::string> settings;
+  std::vector<std::string> locations;
+  for (const Setting& setting : configuration.settings) {
+    settings.push_back(
+        JsonObject().text("name", setting.name).text("value", setting.value).text("origin", setting.origin).str());
+  }
+  for (const std::string& location : configuration.locations) locations.push_back(json_text(location));
+  JsonObject object;
+  object.text("file", configuration.file)
+      .text("file_origin", configuration.file_origin)
+      .raw("store", json_string(kind_of(configuration)))
+      .raw("locations", json_array(locations))
+      .flag("usable", found.usable.ok());
+  if (!found.usable.ok()) object.text("reason", found.usable.text());
+  return object.number("cluster_word", configuration.cluster_configured ? kInCluster : kAlone)
+      .raw("settings", json_lines(settings))
+      .str();
+}
+
+void print_found(Context& context, const Found& found) {
+  const Configuration& configuration = found.configuration;
+  std::size_t name_width = 0;
+  std::size_t value_width = 0;
+  for (const Setting& setting : configuration.settings) {
+    name_width = std::max(name_width, setting.name.size());
+    value_width = std::max(value_width, setting.value.size());
+  }
+  const auto row = [&](std::string_view name, std::string_view value, std::string_view origin) {
+    std::string line(name);
+    line.resize(std::max(name_width, name.size()) + 2, ' ');
+    const std::size_t before = line.size();
+    line.append(value.empty() ? "-" : value);
+    line.resize(before + std::max(value_width, value.size()) + 2, ' ');
+    context.print(line.append(origin));
+  };
+  row("file", configuration.file, configuration.file_origin);
+  for (const Setting& setting : configuration.settings) row(setting.name, setting.value, setting.origin);
+  row("store", kind_of(configuration), "follows registry.location");
+  row("usable", found.usable.ok() ? "yes" : "no", found.usable.text());
+  row("cluster word", std::to_string(configuration.cluster_configured ? kInCluster : kAlone),
+      "follows cluster.configured");
+}
+
+}  // namespace
+
+Outcome run_conf(Context& context, const Arguments&) {
+  Found found;
+  if (Status read = Configuration::read(&found.configuration); !read.ok()) return read;
+  if (!found.configuration.is_distributed()) {
+    found.usable = store::check_lmdb_directory(found.configuration.locations.front());
+  }
+  if (context.json()) {
+    context.output().line(found_json(found));
+  } else {
+    print_found(context, found);
+  }
+  return {};
+}
+
+}  // namespace tkv::command

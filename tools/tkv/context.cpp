@@ -1,0 +1,83 @@
+#include "context.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "characters.h"
+#include "json.h"
+#include "lmdb_directory.h"
+#include "name.h"
+#include "open_store.h"
+
+namespace tkv::command {
+namespace {
+
+// Absent is not damaged: the embedded store reports both as failing storage.
+bool is_absent(const registry::Configuration& configuration) {
+  return !configuration.is_distributed() &&
+         ::access(store::data_file(configuration.locations.front()).c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+Outcome Context::open_to_read() { return open(false, true); }
+
+Outcome Context::open_to_change() { return open(false, false); }
+
+Outcome Context::open_or_make() { return open(true, false); }
+
+Outcome Context::open(bool create, bool read_only) {
+  registry::Configuration configuration;
+  registry::Identity identity;
+  std::shared_ptr<store::Store> store;
+  if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
+  if (Status status = registry::identity_of_process(&identity); !status.ok()) return status;
+  if (!create && is_absent(configuration)) {
+    return {Exit::kNotFound, "there is no registry in " + configuration.locations.front() +
+                                 "; tkv create, set, import and restore make one"};
+  }
+  if (Status status = registry::open_store(configuration, identity, {create, read_only}, &store); !status.ok()) {
+    return status;
+  }
+  registry_ = std::make_shared<registry::Registry>(std::move(configuration), std::move(identity), std::move(store));
+  return {};
+}
+
+void Context::complain(const Outcome& outcome) const {
+  if (outcome.text().empty()) return;
+  const std::string text = utf8_for_people(outcome.text());
+  if (!json()) {
+    say("tkv: " + text);
+    return;
+  }
+  JsonObject error;
+  error.raw("error", json_string(name_of(outcome.exit())))
+      .number("exit", static_cast<std::uint64_t>(outcome.exit()))
+      .text("text", outcome.text());
+  say(error.str());
+}
+
+Outcome Context::allow_deleting(std::uint64_t keys, const std::string& what) {
+  if (keys <= 1 || arguments_.yes) return {};
+  const std::string deleting = what + " deletes " + counted(keys, "key");
+  if (!terminal_.input || !terminal_.messages) {
+    return {Exit::kConflict, deleting + ": without a terminal to ask on, this needs --yes"};
+  }
+  if (confirm(terminal_, deleting + ". Go on?")) return {};
+  return {Exit::kConflict, "nothing was done"};
+}
+
+Outcome key_name(const std::string& typed, std::string* name) {
+  *name = typed == "." ? "" : stored_from_utf8(typed);
+  if (typed.empty()) return {Exit::kUsage, "a key's name is empty; the root is written '.'"};
+  return registry::check_name(*name);
+}
+
+std::string shown_name(std::string_view name) { return name.empty() ? "." : utf8_for_people(name); }
+
+std::string counted(std::uint64_t count, const char* noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+}  // namespace tkv::command

@@ -1,0 +1,148 @@
+#include "input.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "characters.h"
+#include "json.h"
+
+namespace tkv::command {
+namespace {
+
+Exit exit_of_error(int error) {
+  if (error == ENOENT || error == ENOTDIR) return Exit::kNotFound;
+  return error == EACCES || error == EPERM ? Exit::kDenied : Exit::kOther;
+}
+
+Outcome cannot_read(const std::string& path, int error) {
+  return {exit_of_error(error), "cannot read " + (path == "-" ? "standard input" : path) + ": " + std::strerror(error)};
+}
+
+Outcome read_all(int descriptor, const std::string& path, std::string* bytes) {
+  char buffer[64 * 1024];
+  for (;;) {
+    const ssize_t size = ::read(descriptor, buffer, sizeof buffer);
+    const int error = errno;
+    if (size == 0) return {};
+    if (size > 0) {
+      bytes->append(buffer, static_cast<std::size_t>(size));
+    } else if (error != EINTR) {
+      return cannot_read(path, error);
+    }
+  }
+}
+
+void drop_line_end(std::string* text) {
+  if (text->ends_with('\n')) text->pop_back();
+  if (text->ends_with('\r')) text->pop_back();
+}
+
+// The contents that a word names, or the word itself.
+Outcome resolve(const std::string& word, bool literal, std::string* text, bool* was_read) {
+  *was_read = !literal && names_input(word);
+  if (*was_read) return read_file(word == "-" ? word : word.substr(1), text);
+  *text = word;
+  return {};
+}
+
+Outcome one_word(const Arguments& arguments, const char* what) {
+  if (arguments.values.size() == 1) return {};
+  return {Exit::kUsage, arguments.values.empty() ? std::string("set needs ") + what + ", or - for standard input"
+                                                 : std::string("set takes one VALUE here; --list takes several")};
+}
+
+Outcome text_from(const Arguments& arguments, StoredValue* value) {
+  std::string text;
+  bool was_read = false;
+  if (Outcome single = one_word(arguments, "a VALUE"); !single.ok()) return single;
+  if (Outcome read = resolve(arguments.values.front(), arguments.literal, &text, &was_read); !read.ok()) return read;
+  if (was_read && !arguments.keep_newline) drop_line_end(&text);
+  if (!is_utf8(text)) return {Exit::kUsage, "the text is not UTF-8; --bytes stores any bytes"};
+  *value = text_value(text);
+  return {};
+}
+
+void add_lines(std::string_view text, std::vector<std::string>* elements) {
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    elements->emplace_back(text.substr(0, end));
+    if (end == std::string_view::npos) return;
+    text.remove_prefix(end + 1);
+  }
+}
+
+Outcome list_from(const Arguments& arguments, StoredValue* value) {
+  std::vector<std::string> elements;
+  for (const std::string& word : arguments.values) {
+    std::string text;
+    bool was_read = false;
+    if (Outcome read = resolve(word, arguments.literal, &text, &was_read); !read.ok()) return read;
+    if (was_read) {
+      add_lines(text, &elements);
+    } else {
+      elements.push_back(std::move(text));
+    }
+  }
+  for (const std::string& element : elements) {
+    if (!is_utf8(element)) return {Exit::kUsage, "an element of the list is not UTF-8; --bytes stores any bytes"};
+  }
+  return list_value(elements, value);
+}
+
+Outcome number_from(const Arguments& arguments, StoredValue* value) {
+  std::string text;
+  bool was_read = false;
+  if (Outcome single = one_word(arguments, "a number"); !single.ok()) return single;
+  if (Outcome read = resolve(arguments.values.front(), arguments.literal, &text, &was_read); !read.ok()) return read;
+  if (was_read) drop_line_end(&text);
+  return arguments.int32 ? parse_int32(text, value) : parse_int64(text, value);
+}
+
+Outcome bytes_from(const Arguments& arguments, StoredValue* value) {
+  bool was_read = false;
+  if (Outcome single = one_word(arguments, "@FILE"); !single.ok()) return single;
+  if (Outcome read = resolve(arguments.values.front(), arguments.literal, &value->bytes, &was_read); !read.ok()) {
+    return read;
+  }
+  if (arguments.hex) {
+    auto bytes = bytes_from_hex(value->bytes);
+    if (!bytes) return {Exit::kUsage, "--hex: pairs of hexadecimal digits are wanted"};
+    value->bytes = std::move(*bytes);
+  }
+  const auto type = type_from_name(arguments.type.value_or("bytes"));
+  if (!type) return {Exit::kUsage, "--type " + *arguments.type + ": a type is a number of 32 bits or its name"};
+  value->type = *type;
+  return {};
+}
+
+}  // namespace
+
+Outcome read_file(const std::string& path, std::string* bytes) {
+  bytes->clear();
+  if (path == "-") return read_all(STDIN_FILENO, path, bytes);
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int error = errno;
+  if (descriptor < 0) return cannot_read(path, error);
+  Outcome outcome = read_all(descriptor, path, bytes);
+  ::close(descriptor);
+  return outcome;
+}
+
+bool names_input(const std::string& word) { return word == "-" || word.starts_with('@'); }
+
+Outcome value_from_arguments(const Arguments& arguments, StoredValue* value) {
+  const int kinds = arguments.list + arguments.int32 + arguments.int64 + (arguments.bytes || arguments.hex);
+  if (kinds > 1) return {Exit::kUsage, "a value is one of --list, --int32, --int64 and --bytes or --hex"};
+  if (arguments.type && !arguments.bytes && !arguments.hex) {
+    return {Exit::kUsage, "--type goes with --bytes or --hex"};
+  }
+  if (arguments.list) return list_from(arguments, value);
+  if (arguments.int32 || arguments.int64) return number_from(arguments, value);
+  if (arguments.bytes || arguments.hex) return bytes_from(arguments, value);
+  return text_from(arguments, value);
+}
+
+}  // namespace tkv::command

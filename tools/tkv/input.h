@@ -1,0 +1,25 @@
+// Input: what arguments name instead of holding it: "-" is standard input, "@FILE" a file.
+#ifndef TKV_TOOLS_TKV_INPUT_H
+#define TKV_TOOLS_TKV_INPUT_H
+
+#include <string>
+#include <vector>
+
+#include "arguments.h"
+#include "outcome.h"
+#include "values.h"
+
+namespace tkv::command {
+
+// The whole of a file, or of standard input for "-". 3 when there is no such file, 4 when it may not be read.
+Outcome read_file(const std::string& path, std::string* bytes);
+
+// Tells whether a word names input rather than being it.
+bool names_input(const std::string& word);
+
+// The value that the operands and options of `set` ask for.
+Outcome value_from_arguments(const Arguments& arguments, StoredValue* value);
+
+}  // namespace tkv::command
+
+#endif

@@ -1,0 +1,169 @@
+#include "manual.h"
+
+#include <string_view>
+
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+// A text in which man gives no character a meaning of its own.
+std::string plain(std::string_view text) {
+  std::string result;
+  bool line_begins = true;
+  for (const char letter : text) {
+    if (line_begins && (letter == '.' || letter == '\'')) result += "\\&";
+    if (letter == '\\') {
+      result += "\\e";
+    } else if (letter == '-') {
+      result += "\\-";
+    } else {
+      result += letter;
+    }
+    line_begins = letter == '\n';
+  }
+  return result;
+}
+
+void add_line(std::string_view text, std::string* page) { page->append(text) += '\n'; }
+
+void add_section(const char* name, std::string* page) { add_line(std::string(".SH ") + name, page); }
+
+// Lines that keep their breaks.
+void add_verbatim(std::string_view text, std::string* page) {
+  *page += ".nf\n" + plain(text);
+  if (!text.ends_with('\n')) *page += '\n';
+  *page += ".fi\n";
+}
+
+std::string synopsis_of(const Verb& verb) {
+  std::string line = "\\fBtkv " + plain(verb.name) + "\\fR";
+  if (!verb.options.empty()) line += " [\\fIoptions\\fR]";
+  for (const Operand& operand : verb.operands) {
+    const std::string name = "\\fI" + plain(operand.name) + "\\fR" + (operand.many != nullptr ? "..." : "");
+    line += operand.required ? " " + name : " [" + name + "]";
+  }
+  return line;
+}
+
+void add_item(const std::string& label, std::string_view text, std::string* page) {
+  *page += ".TP\n" + label + "\n" + plain(text) + "\n";
+}
+
+void add_options(std::span<const Option> options, std::string* page) {
+  for (const Option& option : options) {
+    std::string label = "\\fB" + plain(option.names) + "\\fR";
+    if (option.argument != nullptr) label += " \\fI" + plain(option.argument) + "\\fR";
+    add_item(label, option.text, page);
+  }
+}
+
+void add_verb(const Verb& verb, std::string* page) {
+  add_line(".SS " + std::string(verb.name), page);
+  add_line(synopsis_of(verb), page);
+  add_line(".PP", page);
+  add_line(plain(verb.summary) + ".", page);
+  *page += plain(verb.details);
+  for (const Operand& operand : verb.operands) add_item("\\fI" + plain(operand.name) + "\\fR", operand.text, page);
+  add_options(verb.options, page);
+  add_line(".PP", page);
+  add_verbatim(verb.examples, page);
+}
+
+std::string title(const char* name, const char* section) {
+  return std::string(".\\\" Made by tkv help; do not edit.\n.TH ") + name + " " + section +
+         " \"\" \"tkv " TKV_VERSION "\" \"TKV\"\n";
+}
+
+struct SettingText {
+  const char* section;
+  const char* name;
+  const char* text;
+};
+
+constexpr SettingText kSettings[] = {
+    {"registry", "location",
+     "One directory (absolute), or one to five etcd://host:port, separated by blanks or commas or on lines of their "
+     "own.\n"
+     "Default: /var/lib/tkv for root; for others $XDG_STATE_HOME/tkv, or ~/.local/state/tkv."},
+    {"registry", "local_only", "yes or no: what callers are told. Default: yes for a directory, no for etcd."},
+    {"registry", "backup_location", "A directory (absolute) for tkv backup. Default: none."},
+    {"registry", "map_size",
+     "Bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024. Default: it grows as it has "
+     "to."},
+    {"registry", "group",
+     "Group that shares an embedded registry: directory and files belong to it, modes 2770 and 0660. Who can open the\n"
+     "files can go around the rights in the registry. Default: none, only the owner opens them."},
+    {"etcd", "ca", "PEM file of the authority that signed the members' certificates. With it the connection is TLS."},
+    {"etcd", "cert", "PEM file of this client's certificate; goes with key and ca."},
+    {"etcd", "key", "PEM file of its key."},
+    {"etcd", "user", "User of the cluster; goes with password_file."},
+    {"etcd", "password_file", "File of one line, readable by its owner only."},
+    {"etcd", "prefix", "Of the registry's keys in etcd; begins and ends with /. Default: /tkv/"},
+    {"etcd", "timeout_ms", "Of one operation over all members, 100 to 600000. Default: 5000."},
+    {"cluster", "configured",
+     "yes or no: whether this node is a member of a cluster. Default: yes when the location is etcd."}};
+
+}  // namespace
+
+std::string manual_page() {
+  const CommandText& text = command_text();
+  std::string page = title("TKV", "1");
+  add_section("NAME", &page);
+  add_line("tkv \\- " + plain(text.summary), &page);
+  add_section("SYNOPSIS", &page);
+  for (const Verb& verb : all_verbs()) {
+    if (!verb.hidden) page += synopsis_of(verb) + "\n.br\n";
+  }
+  add_section("DESCRIPTION", &page);
+  add_line(plain("Works on the registry that the configuration names, with the rights of the user who runs it, at the\n"
+                 "same time as other programs do."),
+           &page);
+  add_line(".SS Keys", &page);
+  add_verbatim(text.names, &page);
+  add_line(".SS Values", &page);
+  add_verbatim(text.arguments, &page);
+  add_section("OPTIONS", &page);
+  add_options(common_options(), &page);
+  add_item("\\fB\\-h\\fR,\\fB\\-\\-help\\fR", "Help; after a verb, the verb's.", &page);
+  add_item("\\fB\\-\\-version\\fR", "The version.", &page);
+  add_section("VERBS", &page);
+  for (const Verb& verb : all_verbs()) {
+    if (!verb.hidden) add_verb(verb, &page);
+  }
+  add_section("EXIT STATUS", &page);
+  add_verbatim(text.exits, &page);
+  add_section("ENVIRONMENT", &page);
+  add_verbatim(text.environment, &page);
+  add_section("FILES", &page);
+  add_item("/etc/tkv/tkv.conf", "The configuration, see tkv.conf(5).", &page);
+  add_section("SEE ALSO", &page);
+  add_line("tkv.conf(5)", &page);
+  return page;
+}
+
+std::string configuration_manual_page() {
+  std::string page = title("TKV.CONF", "5");
+  add_section("NAME", &page);
+  add_line("tkv.conf \\- configuration of the cluster registry", &page);
+  add_section("DESCRIPTION", &page);
+  add_line(
+      plain("The file that TKV_CONF names, else /etc/tkv/tkv.conf; without it the defaults are in force. Sections in\n"
+            "brackets, lines \"name = value\"; lines that begin with ; or # are comments. Unknown names and sections,\n"
+            "and names given twice but location, are errors that name file and line. tkv conf shows what is in\n"
+            "force and where it came from."),
+      &page);
+  std::string_view section;
+  for (const SettingText& setting : kSettings) {
+    if (section != setting.section) add_line(".SS [" + std::string(setting.section) + "]", &page);
+    section = setting.section;
+    add_item("\\fB" + plain(setting.name) + "\\fR", setting.text, &page);
+  }
+  add_section("EXAMPLE", &page);
+  add_verbatim("[registry]\nlocation = /srv/tkv\nbackup_location = /srv/tkv-backups\ngroup = operators\n", &page);
+  add_section("SEE ALSO", &page);
+  add_line("tkv(1)", &page);
+  return page;
+}
+
+}  // namespace tkv::command

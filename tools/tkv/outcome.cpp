@@ -1,0 +1,70 @@
+#include "outcome.h"
+
+namespace tkv::command {
+
+Exit exit_of(prtkv_result result) {
+  switch (result) {
+    case PRTKV_DONE:
+      return Exit::kDone;
+    case PRTKV_ACCESS_DENIED:
+      return Exit::kDenied;
+    case PRTKV_NO_SUCH_KEY:
+      return Exit::kNotFound;
+    case PRTKV_INVALID_NAME:
+    case PRTKV_INVALID_ARGUMENT:
+    case PRTKV_MOVE_INTO_ITSELF:
+      return Exit::kUsage;
+    case PRTKV_HAS_SUBKEYS:
+    case PRTKV_KEY_EXISTS:
+      return Exit::kConflict;
+    case PRTKV_STORAGE_FAILED:
+      return Exit::kDamaged;
+    case PRTKV_UNREACHABLE:
+      return Exit::kUnreachable;
+    default:
+      return Exit::kOther;
+  }
+}
+
+const char* name_of(Exit exit) {
+  switch (exit) {
+    case Exit::kDone:
+      return "done";
+    case Exit::kOther:
+      return "other";
+    case Exit::kUsage:
+      return "usage";
+    case Exit::kNotFound:
+      return "not-found";
+    case Exit::kDenied:
+      return "denied";
+    case Exit::kConflict:
+      return "conflict";
+    case Exit::kWrongType:
+      return "wrong-type";
+    case Exit::kUnreachable:
+      return "unreachable";
+    case Exit::kDamaged:
+      return "damaged";
+    case Exit::kPartly:
+      return "partly-done";
+  }
+  return "other";
+}
+
+Outcome::Outcome(const Status& status) : exit_(exit_of(status.code())), text_(status.ok() ? "" : status.text()) {}
+
+void Tally::add(const Outcome& outcome) {
+  if (outcome.ok()) {
+    ++done_;
+    return;
+  }
+  if (failed_++ == 0) first_ = outcome.exit();
+}
+
+Outcome Tally::sum() const {
+  if (failed_ == 0) return {};
+  return {done_ == 0 ? first_ : Exit::kPartly, ""};
+}
+
+}  // namespace tkv::command

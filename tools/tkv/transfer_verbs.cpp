@@ -1,0 +1,155 @@
+#include <string>
+
+#include "atomic_file.h"
+#include "changes.h"
+#include "characters.h"
+#include "context.h"
+#include "difference.h"
+#include "input.h"
+#include "json.h"
+#include "name.h"
+#include "new_key_security.h"
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+using registry::Reader;
+using registry::Writer;
+
+// The text of an export, key after key, to whatever takes it.
+Status write_export(Reader& reader, const std::string& top, Progress& progress,
+                    FunctionRef<Status(std::string_view text)> take) {
+  std::uint64_t keys = 0;
+  if (Status taken = take(export_head(top)); !taken.ok()) return taken;
+  Status walked = reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
+    store::Value value;
+    if (Status read = reader.value(key, &value); !read.ok()) return read;
+    Entry entry;
+    entry.name = key.name;
+    entry.security = key.node.security;
+    entry.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
+    progress.show(++keys, 0);
+    return take((keys == 1 ? "" : ",\n") + entry_line(entry));
+  });
+  return walked.ok() ? take(export_tail()) : walked;
+}
+
+Outcome export_to_output(Context& context, const std::string& top) {
+  Progress progress(context.terminal(), "export");
+  return context.registry().read_all([&](Reader& reader) {
+    return write_export(reader, top, progress, [&](std::string_view text) {
+      context.output().write(context.terminal().output ? safe_lines(text) : std::string(text));
+      // Nobody reads on: what is written says why.
+      return context.output().broken() ? Status(PRTKV_UNKNOWN, "the output is closed") : Status();
+    });
+  });
+}
+
+Outcome export_to_file(Context& context, const std::string& top, const std::string& path) {
+  AtomicFile file;
+  Outcome written;
+  Progress progress(context.terminal(), "export");
+  if (Outcome opened = file.open(path, AtomicFile::Existing::kReplace); !opened.ok()) return opened;
+  const Status read = context.registry().read_all([&](Reader& reader) {
+    return write_export(reader, top, progress, [&](std::string_view text) {
+      written = file.write(text);
+      return written.ok() ? Status() : Status(PRTKV_UNKNOWN, written.text());
+    });
+  });
+  if (!written.ok()) return written;
+  if (!read.ok()) return read;
+  return file.commit();
+}
+
+Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
+  const std::string path = arguments.file.value_or("-");
+  const std::string shown = path == "-" ? "standard input" : path;
+  std::string text;
+  if (Outcome read = read_file(path, &text); !read.ok()) return read;
+  if (Outcome parsed = parse_export(text, wanted); !parsed.ok()) return {parsed.exit(), shown + ": " + parsed.text()};
+  if (!arguments.at) return {};
+  std::string top;
+  if (Outcome named = key_name(*arguments.at, &top); !named.ok()) return named;
+  return rebase(wanted, top);
+}
+
+// Makes the keys above a new top that are missing.
+Status make_parents(Writer& writer, const std::string& top) {
+  for (std::size_t end = top.find('.'); end != std::string::npos; end = top.find('.', end + 1)) {
+    const std::string parent = top.substr(0, end);
+    bool exists = false;
+    store::NodeId id = store::kNoNode;
+    if (Status asked = writer.exists(parent, &exists); !asked.ok()) return asked;
+    if (exists) continue;
+    const sec_attr security = NewKeySecurity::of_session(writer.identity());
+    if (Status made = writer.create("", parent, security, &id); !made.ok()) return made;
+  }
+  return {};
+}
+
+}  // namespace
+
+Outcome plan_for(Context& context, const Snapshot& wanted, Manner manner, Plan* plan) {
+  Snapshot current;
+  Progress progress(context.terminal(), "compare");
+  const Status read = context.registry().read_all([&](Reader& reader) {
+    return read_snapshot(reader, wanted.top, &current,
+                         [&](std::uint64_t keys) { progress.show(keys, wanted.entries.size()); });
+  });
+  if (!read.ok()) return read;
+  return make_plan(current, wanted, manner, NewKeySecurity::of_session(context.registry().identity()), plan);
+}
+
+Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool parents, const Plan& expected,
+                 std::uint64_t* changes) {
+  registry::Registry& registry = context.registry();
+  const std::size_t max_changes = registry.store().max_changes();
+  return registry.write([&](Writer& writer) -> Status {
+    Snapshot current;
+    Plan plan;
+    const Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, wanted.top, &current); });
+    if (!read.ok()) return read;
+    const sec_attr fresh = NewKeySecurity::of_session(registry.identity());
+    if (Status planned = make_plan(current, wanted, manner, fresh, &plan); !planned.ok()) return planned;
+    if (plan.count(Change::Kind::kRemove) > expected.count(Change::Kind::kRemove) ||
+        plan.count(Change::Kind::kChange) > expected.count(Change::Kind::kChange)) {
+      return {PRTKV_KEY_EXISTS, "others have changed the registry meanwhile; nothing was done"};
+    }
+    if (parents) {
+      if (Status made = make_parents(writer, wanted.top); !made.ok()) return made;
+    }
+    *changes = plan.changes.size();
+    return apply_plan(writer, plan, wanted.top, max_changes);
+  });
+}
+
+Outcome run_export(Context& context, const Arguments& arguments) {
+  std::string top;
+  if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  if (arguments.file && *arguments.file != "-") return export_to_file(context, top, *arguments.file);
+  const Outcome written = export_to_output(context, top);
+  return context.output().broken() ? Outcome() : written;  // finish() tells why
+}
+
+Outcome run_import(Context& context, const Arguments& arguments) {
+  Snapshot wanted;
+  Plan plan;
+  if (arguments.merge && arguments.replace) return {Exit::kUsage, "--merge and --replace exclude each other"};
+  const Manner manner = arguments.merge ? Manner::kMerge : arguments.replace ? Manner::kReplace : Manner::kAdd;
+  if (Outcome read = read_import(arguments, &wanted); !read.ok()) return read;
+  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
+  // A conflict is part of the difference that is asked for.
+  const Outcome planned = plan_for(context, wanted, manner, &plan);
+  if (arguments.dry_run && (planned.ok() || !plan.changes.empty())) print_difference(context, plan);
+  if (!planned.ok() || arguments.dry_run) return planned;
+  if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the import"); !allowed.ok())
+    return allowed;
+  std::uint64_t changes = 0;
+  Outcome done = bring_in(context, wanted, manner, arguments.parents, plan, &changes);
+  if (done.ok()) report_changes(context, "import", wanted, changes);
+  return done;
+}
+
+}  // namespace tkv::command

@@ -1,0 +1,157 @@
+#include <charconv>
+#include <limits>
+#include <vector>
+
+#include "access.h"
+#include "characters.h"
+#include "context.h"
+#include "json.h"
+#include "masks.h"
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+constexpr std::size_t kLineWithoutTerminal = 0;  // whole values when nobody looks at columns
+constexpr std::size_t kSmallestValue = 16;
+
+// A key of the tree, with what the session may know of it.
+struct Leaf {
+  Entry entry;
+  std::size_t depth = 0;
+  std::size_t columns = 0;  // of what stands before the value
+  bool readable = false;
+  bool hidden = false;  // its subkeys may not be listed
+  bool last = false;    // of its siblings
+};
+
+std::size_t columns_in(std::string_view utf8) {
+  std::size_t columns = 0;
+  for (const char byte : utf8) columns += (static_cast<unsigned char>(byte) & 0xc0) != 0x80 ? 1 : 0;
+  return columns;
+}
+
+Outcome parse_depth(const std::optional<std::string>& text, std::size_t* depth) {
+  *depth = std::numeric_limits<std::size_t>::max();
+  if (!text) return {};
+  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *depth);
+  if (error == std::errc() && end == text->data() + text->size()) return {};
+  return {Exit::kUsage, "--depth " + *text + ": a depth is a number of levels"};
+}
+
+Outcome read_tree(Context& context, const std::string& top, std::size_t depth, std::vector<Leaf>* leaves) {
+  return context.registry().read_all([&](registry::Reader& reader) {
+    leaves->clear();
+    return reader.walk(top, registry::Hidden::kSkip, [&](const registry::Entry& key) -> Status {
+      if (key.depth > depth) return {};
+      Leaf leaf;
+      leaf.entry.name = key.name;
+      leaf.entry.security = key.node.security;
+      leaf.depth = key.depth;
+      leaf.hidden = key.subkeys_hidden && key.depth < depth;
+      leaf.readable = (key.rights & TKV_RIGHT_READ) != 0;
+      store::Value value;
+      if (leaf.readable) {
+        if (Status status = reader.value(key, &value); !status.ok()) return status;
+        leaf.entry.value = {value.type,
+                            std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
+      }
+      leaves->push_back(std::move(leaf));
+      return {};
+    });
+  });
+}
+
+// A key is the last of its siblings when the next key that is not below it is not beside it.
+void mark_last(std::vector<Leaf>* leaves) {
+  std::vector<bool> seen;  // by depth: a later sibling
+  for (std::size_t at = leaves->size(); at-- > 0;) {
+    Leaf& leaf = (*leaves)[at];
+    seen.resize(std::max(seen.size(), leaf.depth + 1), false);
+    leaf.last = !seen[leaf.depth];
+    seen[leaf.depth] = true;
+    seen.resize(leaf.depth + 1);
+  }
+}
+
+class TreePrinter {
+ public:
+  TreePrinter(Context& context, const Arguments& arguments) : context_(context), arguments_(arguments) {
+    width_ = context.terminal().output ? Terminal::columns(80) : kLineWithoutTerminal;
+    if (arguments.long_lines) width_ = 0;
+  }
+
+  void print(const Leaf& leaf) {
+    open_.resize(leaf.depth);
+    std::string branches;
+    for (std::size_t level = 1; level < leaf.depth; ++level) branches += open_[level] ? "│   " : "    ";
+    if (leaf.depth > 0) branches += leaf.last ? "└── " : "├── ";
+    open_.push_back(leaf.depth > 0 && !leaf.last);
+    const std::string name =
+        safe(leaf.depth == 0 ? shown_name(leaf.entry.name) : utf8_for_people(registry::last_level(leaf.entry.name)));
+    const std::string value = beside(leaf, columns_in(branches) + columns_in(name) + 3);
+    const Terminal& terminal = context_.terminal();
+    context_.output().line(painted(terminal, Ink::kFaint, branches) + painted(terminal, Ink::kKey, name) +
+                           (value.empty() ? "" : " = " + painted(terminal, Ink::kValue, value)) + marks(leaf));
+  }
+
+ private:
+  std::string beside(const Leaf& leaf, std::size_t before) const {
+    if (arguments_.no_values || !leaf.readable) return "";
+    if (leaf.entry.value.type == kTypeNone && leaf.entry.value.bytes.empty()) return "";
+    if (width_ == 0) return one_line(leaf.entry.value, 0);
+    return one_line(leaf.entry.value, std::max(kSmallestValue, width_ > before ? width_ - before - 1 : 0));
+  }
+
+  std::string marks(const Leaf& leaf) const {
+    std::string text;
+    if (arguments_.long_lines && leaf.readable) {
+      text = "  (" + std::string(registry::user_of(leaf.entry.security)) + ":" +
+             std::string(registry::group_of(leaf.entry.security)) + " " + mode_of(leaf.entry.security) + ")";
+    }
+    if (!leaf.readable && !arguments_.no_values) text += "  (value: access denied)";
+    if (leaf.hidden) text += "  (subkeys: access denied)";
+    return painted(context_.terminal(), Ink::kFaint, safe(text));
+  }
+
+  Context& context_;
+  const Arguments& arguments_;
+  std::size_t width_ = 0;
+  std::vector<bool> open_;  // by depth: a branch goes on below
+};
+
+std::string leaf_json(const Leaf& leaf) {
+  if (!leaf.readable) {
+    JsonObject object;
+    object.text("name", leaf.entry.name).flag("denied", true);
+    if (leaf.hidden) object.flag("subkeys_denied", true);
+    return object.str();
+  }
+  std::string line = entry_line(leaf.entry);
+  if (leaf.hidden) line.insert(line.size() - 1, ",\"subkeys_denied\":true");
+  return line;
+}
+
+}  // namespace
+
+Outcome run_tree(Context& context, const Arguments& arguments) {
+  std::string top;
+  std::size_t depth = 0;
+  std::vector<Leaf> leaves;
+  if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
+  if (Outcome parsed = parse_depth(arguments.depth, &depth); !parsed.ok()) return parsed;
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  if (Outcome read = read_tree(context, top, depth, &leaves); !read.ok()) return read;
+  if (context.json()) {
+    std::vector<std::string> objects;
+    for (const Leaf& leaf : leaves) objects.push_back(leaf_json(leaf));
+    context.output().line(json_lines(objects));
+    return {};
+  }
+  mark_last(&leaves);
+  TreePrinter printer(context, arguments);
+  for (const Leaf& leaf : leaves) printer.print(leaf);
+  return {};
+}
+
+}  // namespace tkv::command

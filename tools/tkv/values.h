@@ -1,0 +1,69 @@
+// Values: how the command reads and writes the bytes behind a type word.
+//
+//   text   type 3  the text and one NUL
+//   list   type 5  each text followed by a NUL, and one NUL more; no bytes at all for a list without elements
+//   int32  type 1  4 bytes, a signed number, least significant byte first
+//   int64  type 2  8 bytes, likewise
+//   bytes  type 4  any bytes
+//
+// A value is what its type says only when writing that reading gives back the same bytes; else it is bytes of that
+// type. Types 1 and 2 may hold text as well: a JVM stores the first 4 or 8 bytes of what it was given, filled up with
+// NULs. Both readings are shown.
+#ifndef TKV_TOOLS_TKV_VALUES_H
+#define TKV_TOOLS_TKV_VALUES_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "outcome.h"
+
+namespace tkv::command {
+
+constexpr std::int32_t kTypeNone = 0;
+constexpr std::int32_t kTypeInt32 = 1;
+constexpr std::int32_t kTypeInt64 = 2;
+constexpr std::int32_t kTypeText = 3;
+constexpr std::int32_t kTypeBytes = 4;
+constexpr std::int32_t kTypeList = 5;
+
+struct StoredValue {
+  std::int32_t type = kTypeNone;
+  std::string bytes;
+
+  bool operator==(const StoredValue&) const = default;
+};
+
+// "text", "list", "int32", "int64", "bytes", "none", or the number of another type.
+std::string type_name(std::int32_t type);
+
+// A type's name or number. Nothing when it is neither.
+std::optional<std::int32_t> type_from_name(std::string_view name);
+
+StoredValue text_value(std::string_view utf8);
+StoredValue int32_value(std::int32_t number);
+StoredValue int64_value(std::int64_t number);
+
+// 2 for an element that is empty or holds a NUL, since an empty text ends a list for its readers.
+Outcome list_value(const std::vector<std::string>& elements, StoredValue* value);
+
+Outcome parse_int32(std::string_view text, StoredValue* value);
+Outcome parse_int64(std::string_view text, StoredValue* value);
+
+// The exact readings: each gives back the same bytes when written.
+std::optional<std::string> exact_text(const StoredValue& value);
+std::optional<std::vector<std::string>> exact_list(const StoredValue& value);
+std::optional<std::int64_t> exact_number(const StoredValue& value);
+
+// The text that a value of type 1 or 2 holds, when it does: printable characters, then nothing but NULs.
+std::optional<std::string> text_in_number(const StoredValue& value);
+
+// One line for people: quoted texts, numbers, the beginning of bytes in hexadecimal. Safe for a terminal. At most
+// about `limit` characters, 0 for all.
+std::string one_line(const StoredValue& value, std::size_t limit);
+
+}  // namespace tkv::command
+
+#endif

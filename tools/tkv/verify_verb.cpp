@@ -1,0 +1,214 @@
+#include <algorithm>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "access.h"
+#include "backup_file.h"
+#include "backup_text.h"
+#include "context.h"
+#include "entry.h"
+#include "json.h"
+#include "name.h"
+#include "verbs.h"
+
+namespace tkv::command {
+namespace {
+
+using registry::Reader;
+
+Outcome verify_file(Context& context, const std::string& path) {
+  BackupContents contents;
+  Progress progress(context.terminal(), "verify");
+  std::uint64_t keys = 0;
+  Outcome read = read_backup(path, &contents, [&](Entry&&) {
+    progress.show(++keys, 0);
+    return Outcome();
+  });
+  if (!read.ok()) return read;
+  if (context.json()) {
+    JsonObject object = totals_json(path, contents.totals, contents.hash);
+    object.text("top", contents.head.top).number("taken", contents.head.taken).flag("sound", true);
+    context.output().line(object.str());
+    return {};
+  }
+  context.print("file         " + path);
+  context.print("taken        " + utc(contents.head.taken, "%Y-%m-%d %H:%M:%S UTC"));
+  context.print("top          " + shown_name(contents.head.top));
+  context.print("keys         " + std::to_string(contents.totals.keys));
+  context.print("values       " + std::to_string(contents.totals.values));
+  context.print("value bytes  " + std::to_string(contents.totals.value_bytes));
+  context.print("xxh3-128     " + contents.hash);
+  return {};
+}
+
+// The full names of the nodes that findings speak of, as far as the tree can still be walked.
+class NameFinder {
+ public:
+  explicit NameFinder(const std::vector<store::Finding>& findings) {
+    for (const store::Finding& finding : findings) {
+      wanted_.insert(finding.parent);
+      wanted_.insert(finding.id);
+    }
+  }
+
+  Status walk(store::View& view) {
+    names_.clear();
+    names_[store::kRootNode] = "";
+    walk_below(view, store::kRootNode, "");
+    return {};
+  }
+
+  const std::string* find(store::NodeId id) const {
+    const auto found = names_.find(id);
+    return found == names_.end() ? nullptr : &found->second;
+  }
+
+ private:
+  // A part that cannot be read is passed over: the findings say so.
+  void walk_below(store::View& view, store::NodeId parent, const std::string& name) {
+    std::vector<std::pair<std::string, store::NodeId>> subkeys;
+    (void)view
+        .children(parent,
+                  [&](std::string_view level, const store::Node& node) {
+                    subkeys.emplace_back(child_name(name, level), node.id);
+                    return Status();
+                  })
+        .ok();
+    for (const auto& [subkey, id] : subkeys) {
+      if (wanted_.contains(id)) names_[id] = subkey;
+      walk_below(view, id, subkey);
+    }
+  }
+
+  std::set<store::NodeId> wanted_;
+  std::map<store::NodeId, std::string> names_;
+};
+
+const char* kind_of(store::Finding::Kind kind) {
+  switch (kind) {
+    case store::Finding::Kind::kDamagedNode:
+      return "damaged-key";
+    case store::Finding::Kind::kDamagedValue:
+      return "damaged-value";
+    case store::Finding::Kind::kOrphan:
+      return "orphan";
+    case store::Finding::Kind::kOrphanValue:
+      return "orphan-value";
+    case store::Finding::Kind::kDuplicateId:
+      return "duplicate-id";
+  }
+  return "damage";
+}
+
+// What a finding is about: a full name where the tree still gives one.
+std::string place_of(const store::Finding& finding, const NameFinder& names) {
+  if (const std::string* own = names.find(finding.id); own != nullptr && finding.id != store::kNoNode) return *own;
+  const std::string* parent = names.find(finding.parent);
+  if (finding.parent == store::kNoNode || parent == nullptr) return "";
+  return child_name(*parent, finding.name);
+}
+
+std::string finding_json(const store::Finding& finding, const NameFinder& names) {
+  JsonObject object;
+  object.raw("kind", json_string(kind_of(finding.kind)));
+  if (const std::string place = place_of(finding, names); !place.empty()) object.text("name", place);
+  return object.text("level", finding.name)
+      .number("parent_id", finding.parent)
+      .number("id", finding.id)
+      .text("detail", finding.detail)
+      .str();
+}
+
+std::string finding_line(const store::Finding& finding, const NameFinder& names) {
+  const std::string place = place_of(finding, names);
+  std::string line = std::string(kind_of(finding.kind)) + ": ";
+  if (!place.empty()) {
+    line += registry::describe(place);
+  } else {
+    line += finding.name.empty() ? "without a name" : "level '" + finding.name + "'";
+    line += ", id " + std::to_string(finding.id) + " below id " + std::to_string(finding.parent);
+  }
+  return line + ": " + finding.detail;
+}
+
+struct Check {
+  std::vector<store::Finding> findings;
+  store::Totals totals;
+};
+
+Outcome check_store(Context& context, bool repair, Check* check) {
+  check->findings.clear();
+  return context.registry().store().check(
+      repair, [&](const store::Finding& finding) { check->findings.push_back(finding); }, &check->totals);
+}
+
+// Reading everything is for those who may read and list the top, repairing for those who may do all with it.
+Outcome demand_rights(Context& context, bool repair) {
+  registry::Place root;
+  const Status found = context.registry().read([&](Reader& reader) { return reader.resolve("", &root); });
+  if (!found.ok()) return found;
+  const std::int32_t needed = repair ? TKV_RIGHT_ALL : TKV_RIGHT_READ | TKV_RIGHT_LIST;
+  const std::int32_t granted = registry::rights_of(context.registry().identity(), root.node.security);
+  if ((granted & needed) == needed) return {};
+  return {Exit::kDenied, std::string("access denied: ") +
+                             (repair ? "--repair needs all rights" : "this needs the rights r and l") +
+                             " on the root key"};
+}
+
+void print_check(Context& context, const Check& check, std::uint64_t repaired) {
+  NameFinder names(check.findings);
+  if (!check.findings.empty()) {
+    (void)context.registry().store().read_all([&](store::View& view) { return names.walk(view); }).ok();
+  }
+  if (context.json()) {
+    std::vector<std::string> findings;
+    for (const store::Finding& finding : check.findings) findings.push_back(finding_json(finding, names));
+    context.output().line(JsonObject()
+                              .number("keys", check.totals.nodes)
+                              .number("values", check.totals.values)
+                              .number("value_bytes", check.totals.value_bytes)
+                              .number("repaired", repaired)
+                              .flag("sound", check.findings.empty())
+                              .raw("findings", json_lines(findings))
+                              .str());
+    return;
+  }
+  for (const store::Finding& finding : check.findings) context.print(finding_line(finding, names));
+  context.print("keys         " + std::to_string(check.totals.nodes));
+  context.print("values       " + std::to_string(check.totals.values));
+  context.print("value bytes  " + std::to_string(check.totals.value_bytes));
+  if (repaired != 0) context.print("repaired     " + std::to_string(repaired));
+  context.print("damage       " + (check.findings.empty() ? "none" : std::to_string(check.findings.size())));
+}
+
+Outcome verify_registry(Context& context, bool repair) {
+  Check check;
+  std::uint64_t repaired = 0;
+  if (Outcome allowed = demand_rights(context, repair); !allowed.ok()) return allowed;
+  if (Outcome checked = check_store(context, false, &check); !checked.ok()) return checked;
+  if (repair && !check.findings.empty()) {
+    const std::size_t before = check.findings.size();
+    if (Outcome checked = check_store(context, true, &check); !checked.ok()) return checked;
+    if (Outcome checked = check_store(context, false, &check); !checked.ok()) return checked;
+    repaired = before - std::min(before, check.findings.size());
+  }
+  print_check(context, check, repaired);
+  if (check.findings.empty()) return {};
+  if (repaired != 0) return {Exit::kPartly, "some of the damage cannot be repaired without guessing"};
+  return {Exit::kDamaged, "the registry is damaged"};
+}
+
+}  // namespace
+
+Outcome run_verify(Context& context, const Arguments& arguments) {
+  if (arguments.file) {
+    if (arguments.repair) return {Exit::kUsage, "a backup cannot be repaired"};
+    return verify_file(context, *arguments.file);
+  }
+  if (Outcome opened = arguments.repair ? context.open_to_change() : context.open_to_read(); !opened.ok())
+    return opened;
+  return verify_registry(context, arguments.repair);
+}
+
+}  // namespace tkv::command
