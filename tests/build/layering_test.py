@@ -26,10 +26,10 @@ LAYERS = {
 }
 
 # What is seen of the stores: their interface and how they are opened, not what they are made of; above the registry no
-# more than how it answers.
+# more than the types in which it asks and answers.
 STORE_FACES = {
     "platform/registry": {"store.h", "status.h", "function_ref.h", "store_limits.h", "lmdb_store.h", "etcd_module.h"},
-    "tools/tkv": {"status.h"},
+    "tools/tkv": {"status.h", "function_ref.h"},
 }
 
 # The bridge knows JNI and the platform's functions: no file, no thread, no system call.
