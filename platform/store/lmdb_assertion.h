@@ -15,9 +15,7 @@ class LmdbAssertion : public std::runtime_error {
 };
 
 // For mdb_env_set_assert.
-[[noreturn]] inline void throw_lmdb_assertion(MDB_env* /*env*/, const char* message) {
-  throw LmdbAssertion(message);
-}
+[[noreturn]] inline void throw_lmdb_assertion(MDB_env* /*env*/, const char* message) { throw LmdbAssertion(message); }
 
 }  // namespace tkv::store
 

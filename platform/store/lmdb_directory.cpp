@@ -48,9 +48,7 @@ constexpr NetworkFileSystem kNetworkFileSystems[] = {
     {0xBACBACBCL, "a shared folder of a virtual machine"},
 };
 
-std::string quoted(const std::string& path) {
-  return "'" + path + "'";
-}
+std::string quoted(const std::string& path) { return "'" + path + "'"; }
 
 Status unusable(const std::string& path, const std::string& why) {
   return {PRTKV_STORAGE_FAILED, quoted(path) + " cannot hold a registry: " + why};
@@ -166,16 +164,14 @@ Status sync_directory(const std::string& directory) {
   }
   const int error = fsync(handle) == 0 ? 0 : errno;
   close(handle);
-  return lmdb_status(error, "cannot make the contents of " + quoted(directory) + " durable",
-                     disk_room(directory.c_str()));
+  return lmdb_status(error, "cannot make the contents of " + quoted(directory) + " durable");
 }
 
 Status make_directory(const std::string& directory, const Sharing& sharing) {
   if (mkdir(directory.c_str(), 0700) != 0) {
     const int error = errno;
     if (error == EEXIST) return {};  // another process was faster
-    return lmdb_status(error, "cannot make the directory " + quoted(directory),
-                       disk_room(parent_of(directory).c_str()));
+    return lmdb_status(error, "cannot make the directory " + quoted(directory));
   }
   if (chmod(directory.c_str(), 0700) != 0) {  // whatever the umask took away
     const int error = errno;
@@ -294,9 +290,7 @@ Status check_directory(const std::string& directory, FileSystemType type_of) {
   return check_local(existing, type_of);
 }
 
-Status check_lmdb_directory(const std::string& directory) {
-  return check_directory(directory, kAskTheSystem);
-}
+Status check_lmdb_directory(const std::string& directory) { return check_directory(directory, kAskTheSystem); }
 
 Status prepare_directory(const LmdbOptions& options) {
   Sharing sharing;
@@ -305,11 +299,7 @@ Status prepare_directory(const LmdbOptions& options) {
   return provide_files(options, sharing);
 }
 
-std::string data_file(const std::string& directory) {
-  return directory + "/data.mdb";
-}
-std::string lock_file(const std::string& directory) {
-  return directory + "/lock.mdb";
-}
+std::string data_file(const std::string& directory) { return directory + "/data.mdb"; }
+std::string lock_file(const std::string& directory) { return directory + "/lock.mdb"; }
 
 }  // namespace tkv::store

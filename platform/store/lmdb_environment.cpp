@@ -127,10 +127,11 @@ Status Environment::check_process() const {
           "the registry in '" + directory_ + "' was opened before this process was forked: open it anew"};
 }
 
-Status Environment::failure(int code, const char* doing) const {
-  return lmdb_status(code, std::string(doing) + " in '" + directory_ + "'",
-                     code == EIO ? disk_room(directory_.c_str()) : DiskRoom::kLeft);
+Status Environment::failure(LmdbOutcome outcome, const char* doing) const {
+  return lmdb_status(outcome, std::string(doing) + " in '" + directory_ + "'");
 }
+
+Status Environment::failure(int code, const char* doing) const { return failure(LmdbOutcome{code, code}, doing); }
 
 Status Environment::open(bool read_only) {
   directory_handle_ = ::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -314,9 +315,7 @@ Running::Running(const Environment* environment, Kind kind)
   innermost = this;
 }
 
-Running::~Running() {
-  innermost = outer_;
-}
+Running::~Running() { innermost = outer_; }
 
 bool Running::is(const Environment* environment, Kind kind) {
   for (const Running* running = innermost; running != nullptr; running = running->outer_)
@@ -359,9 +358,7 @@ Status ReadTransaction::begin() {
 WriteTransaction::WriteTransaction(Environment& environment)
     : environment_(environment), lock_(environment.write_mutex_), running_(&environment, Running::Kind::kWriting) {}
 
-WriteTransaction::~WriteTransaction() {
-  abort();
-}
+WriteTransaction::~WriteTransaction() { abort(); }
 
 Status WriteTransaction::begin() {
   if (Status status = environment_.check_process(); !status.ok()) return status;
@@ -377,10 +374,10 @@ Status WriteTransaction::begin() {
   }
 }
 
-int WriteTransaction::commit() {
-  const int code = mdb_txn_commit(txn_);  // thrown out of, it is left to be aborted
+LmdbOutcome WriteTransaction::commit() {
+  const LmdbOutcome outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // thrown out of: left to be aborted
   txn_ = nullptr;
-  return code;
+  return outcome;
 }
 
 void WriteTransaction::abort() {

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 
+#include "lmdb_error.h"
 #include "lmdb_store.h"
 #include "reader_pool.h"
 
@@ -34,7 +35,8 @@ class Environment {
   // 7 in a process that was forked from the one that opened the environment.
   Status check_process() const;
 
-  // Translates a code of a failed LMDB call, asking for the room on the disk where that matters.
+  // Translates how an LMDB call ended; as lmdb_status.
+  Status failure(LmdbOutcome outcome, const char* doing) const;
   Status failure(int code, const char* doing) const;
 
   const std::string& directory() const { return directory_; }
@@ -141,7 +143,7 @@ class WriteTransaction {
   WriteTransaction& operator=(const WriteTransaction&) = delete;
 
   Status begin();
-  int commit();  // LMDB's code
+  LmdbOutcome commit();
   void abort();
 
   // After a failure for want of room in the map: enlarges it, or says why that cannot be. Then begin() again.

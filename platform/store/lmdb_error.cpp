@@ -1,41 +1,13 @@
 #include "lmdb_error.h"
 
-#include <fcntl.h>
 #include <lmdb.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 
 namespace tkv::store {
-namespace {
 
-constexpr std::size_t kProbeSize = 64 * 1024;
+Status lmdb_status(int code, const std::string& doing) { return lmdb_status(LmdbOutcome{code, code}, doing); }
 
-// 1: written, 0: no room, -1: could not be tried.
-int write_nameless_file(const char* directory) {
-  const int file = open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-  if (file < 0) return errno == ENOSPC || errno == EDQUOT ? 0 : -1;
-  static constexpr std::array<char, kProbeSize> kZeroes{};
-  const ssize_t written = write(file, kZeroes.data(), kZeroes.size());
-  const int error = written < 0 ? errno : 0;
-  close(file);
-  if (written == static_cast<ssize_t>(kZeroes.size())) return 1;
-  return written >= 0 || error == ENOSPC || error == EDQUOT ? 0 : -1;
-}
-
-}  // namespace
-
-DiskRoom disk_room(const char* directory) {
-  const int written = write_nameless_file(directory);
-  if (written >= 0) return written == 1 ? DiskRoom::kLeft : DiskRoom::kExhausted;
-  struct statvfs disk {};
-  if (statvfs(directory, &disk) != 0) return DiskRoom::kLeft;
-  return disk.f_bavail * disk.f_frsize < kProbeSize ? DiskRoom::kExhausted : DiskRoom::kLeft;
-}
-
-Status lmdb_status(int code, const std::string& doing, DiskRoom room) {
+Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
+  const int code = outcome.code;
   const auto failed = [&](prtkv_result result, const std::string& why) { return Status(result, doing + ": " + why); };
   const auto system = [&](prtkv_result result) { return failed(result, mdb_strerror(code)); };
   switch (code) {
@@ -46,7 +18,7 @@ Status lmdb_status(int code, const std::string& doing, DiskRoom room) {
     case MDB_KEYEXIST:
       return PRTKV_KEY_EXISTS;
     case EIO:
-      if (room == DiskRoom::kExhausted) return failed(PRTKV_STORAGE_FULL, "no space left on the device");
+      if (outcome.error_number != EIO) return failed(PRTKV_STORAGE_FULL, "no space left on the device");
       return system(PRTKV_STORAGE_FAILED);
     case ENOSPC:
     case EDQUOT:

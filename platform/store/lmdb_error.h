@@ -2,22 +2,33 @@
 #ifndef TKV_PLATFORM_STORE_LMDB_ERROR_H
 #define TKV_PLATFORM_STORE_LMDB_ERROR_H
 
+#include <cerrno>
 #include <string>
 
 #include "status.h"
 
 namespace tkv::store {
 
-// Whether the file system took a small write just now.
-enum class DiskRoom { kLeft, kExhausted };
+// How an LMDB call ended that may have written to the file: its code, and errno when it returned.
+struct LmdbOutcome {
+  int code;
+  int error_number;
+};
 
-// Translates an LMDB code or errno. `doing` begins the text ("cannot commit to '/srv/registry'"). LMDB reports a write
-// that the disk had no room for as EIO, as it does a failing disk: `room` tells the two apart.
-Status lmdb_status(int code, const std::string& doing, DiskRoom room = DiskRoom::kLeft);
+template <typename Call>
+LmdbOutcome lmdb_outcome(Call call) {
+  errno = 0;
+  const int code = call();
+  const int error_number = errno;
+  return {code, error_number};
+}
 
-// Asks the file system of `directory`, by writing a few bytes to a file without a name; only when the file system has
-// no such files, by its count of free blocks.
-DiskRoom disk_room(const char* directory);
+// Translates an LMDB code or errno. `doing` begins the text ("cannot commit in '/srv/registry'").
+Status lmdb_status(int code, const std::string& doing);
+
+// The same for calls that may write. LMDB says EIO both of a disk that fails and of a write that was cut short for want
+// of room; but only of the first does the system set errno.
+Status lmdb_status(LmdbOutcome outcome, const std::string& doing);
 
 }  // namespace tkv::store
 

@@ -158,14 +158,15 @@ bool read_key(const MDB_val& key, KeyParts* parts) {
 
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {
   const std::string doing = "cannot write a fresh registry to '" + path + "'";
-  const std::string directory = path.substr(0, path.rfind('/') + 1);
   MDB_env* raw = nullptr;
   if (const int code = mdb_env_create(&raw); code != 0) return lmdb_status(code, doing);
   const EnvironmentHandle env(raw, &mdb_env_close);
   // Nobody else knows the file yet: no lock file.
-  int code = mdb_env_open(env.get(), path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
-  if (code == 0) code = write_first_state(env.get(), root_security);
-  return lmdb_status(code, doing, code == EIO ? disk_room(directory.c_str()) : DiskRoom::kLeft);
+  return lmdb_status(lmdb_outcome([&] {
+                       const int code = mdb_env_open(env.get(), path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
+                       return code == 0 ? write_first_state(env.get(), root_security) : code;
+                     }),
+                     doing);
 }
 
 Status inspect_data_file(const std::string& path) {

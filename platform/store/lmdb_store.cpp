@@ -102,30 +102,31 @@ class LmdbUpdate final : public Update {
   // Writes what the update changed in the registry's record of itself. The last call.
   Status finish();
 
-  // The code of the LMDB call that this transaction did not survive, 0 when there was none.
-  int broken_by() const { return broken_by_; }
+  // How the LMDB call ended that this transaction did not survive; code 0 when there was none.
+  LmdbOutcome broken_by() const { return broken_by_; }
 
  private:
   Status load_meta();
   Status put(const Key& key, std::span<const std::byte> record, unsigned flags);
-  int remove_record(const Key& key);
+  LmdbOutcome remove_record(const Key& key);
   Status remove(const Key& key) { return succeeded(remove_record(key), "cannot remove from the registry"); }
+  Status remove_value(NodeId id);
   Status remove_children(NodeId parent, std::vector<NodeId>* ids);
-  Status succeeded(int code, const char* doing);
+  Status succeeded(LmdbOutcome outcome, const char* doing);
 
   Environment& environment_;
   MDB_txn* const txn_;
   std::optional<Meta> meta_;
   bool meta_changed_ = false;
-  int broken_by_ = 0;
+  LmdbOutcome broken_by_{0, 0};
   std::vector<std::byte> record_;
   std::optional<FormerView> before_;
 };
 
-Status LmdbUpdate::succeeded(int code, const char* doing) {
-  // The first one tells; all calls after it fail because of it.
-  if (broken_by_ == 0 && code != MDB_KEYEXIST && code != MDB_NOTFOUND) broken_by_ = code;
-  return code == 0 ? Status() : failure(txn_, code, doing);
+Status LmdbUpdate::succeeded(LmdbOutcome outcome, const char* doing) {
+  const bool survived = outcome.code == 0 || outcome.code == MDB_KEYEXIST || outcome.code == MDB_NOTFOUND;
+  if (!survived && broken_by_.code == 0) broken_by_ = outcome;  // all calls after the first fail because of it
+  return outcome.code == 0 ? Status() : failure(txn_, outcome, doing);
 }
 
 Status LmdbUpdate::load_meta() {
@@ -139,12 +140,18 @@ Status LmdbUpdate::load_meta() {
 Status LmdbUpdate::put(const Key& key, std::span<const std::byte> record, unsigned flags) {
   MDB_val key_val = key.val();
   MDB_val data{record.size(), const_cast<std::byte*>(record.data())};
-  return succeeded(mdb_put(txn_, kDatabase, &key_val, &data, flags), "cannot write to the registry");
+  const auto write = [&] { return mdb_put(txn_, kDatabase, &key_val, &data, flags); };
+  return succeeded(lmdb_outcome(write), "cannot write to the registry");
 }
 
-int LmdbUpdate::remove_record(const Key& key) {
+LmdbOutcome LmdbUpdate::remove_record(const Key& key) {
   MDB_val key_val = key.val();
-  return mdb_del(txn_, kDatabase, &key_val, nullptr);
+  return lmdb_outcome([&] { return mdb_del(txn_, kDatabase, &key_val, nullptr); });
+}
+
+Status LmdbUpdate::remove_value(NodeId id) {
+  const LmdbOutcome outcome = remove_record(Key::value(id));
+  return outcome.code == MDB_NOTFOUND ? Status() : succeeded(outcome, "cannot remove from the registry");
 }
 
 Status LmdbUpdate::new_id(NodeId* id) {
@@ -182,8 +189,7 @@ Status LmdbUpdate::discard(NodeId id) {
   while (!pending.empty()) {
     const NodeId node = pending.back();
     pending.pop_back();
-    if (const int code = remove_record(Key::value(node)); code != 0 && code != MDB_NOTFOUND)
-      return succeeded(code, "cannot remove from the registry");
+    if (Status status = remove_value(node); !status.ok()) return status;
     if (Status status = remove_children(node, &pending); !status.ok()) return status;
   }
   return {};
@@ -201,10 +207,7 @@ Status LmdbUpdate::remove_children(NodeId parent, std::vector<NodeId>* ids) {
 Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) {
   if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
-  if (type == 0 && bytes.empty()) {
-    const int code = remove_record(Key::value(id));
-    return code == MDB_NOTFOUND ? Status() : succeeded(code, "cannot remove from the registry");
-  }
+  if (type == 0 && bytes.empty()) return remove_value(id);
   record_.resize(value_record_size(bytes.size()));
   encode_value(id, type, bytes, record_);
   return put(Key::value(id), record_, 0);
@@ -267,7 +270,7 @@ class LmdbStore final : public Store {
  private:
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
-  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, int* code);
+  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome);
   Status write_with(FunctionRef<Status(LmdbUpdate&)> function);
   Status damaged(const LmdbAssertion& broken) const;
 
@@ -297,16 +300,16 @@ Status LmdbStore::may_write() const {
   return {};
 }
 
-// One attempt. `code` receives LMDB's code when it was LMDB that failed.
-Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, int* code) {
+// One attempt. `outcome` receives how LMDB failed, code 0 when it did not.
+Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
+                             LmdbOutcome* outcome) {
   LmdbUpdate update(environment_, transaction.txn());
   Status status = function(update);
-  if (status.ok() && update.broken_by() == 0) status = update.finish();
-  *code = update.broken_by();
-  if (*code != 0 && status.ok()) return environment_.failure(*code, "cannot write to the registry");
+  if (status.ok() && update.broken_by().code == 0) status = update.finish();
+  *outcome = update.broken_by();
   if (!status.ok()) return status;
-  *code = transaction.commit();
-  return environment_.failure(*code, "cannot write to the registry");
+  if (outcome->code == 0) *outcome = transaction.commit();
+  return environment_.failure(*outcome, "cannot write to the registry");
 }
 
 Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function) try {
@@ -314,10 +317,10 @@ Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function) try {
   WriteTransaction transaction(environment_);
   for (;;) {
     if (Status status = transaction.begin(); !status.ok()) return status;
-    int code = 0;
-    Status status = write_once(transaction, function, &code);
+    LmdbOutcome outcome{0, 0};
+    Status status = write_once(transaction, function, &outcome);
     transaction.abort();  // unless it was committed
-    if (code != MDB_MAP_FULL) return status;
+    if (outcome.code != MDB_MAP_FULL) return status;
     if (Status room = transaction.make_room(); !room.ok()) return room;
   }
 } catch (const LmdbAssertion& broken) {

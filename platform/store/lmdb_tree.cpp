@@ -1,9 +1,6 @@
 #include "lmdb_tree.h"
 
-#include <cerrno>
 #include <cstring>
-
-#include "lmdb_error.h"
 
 namespace tkv::store {
 namespace {
@@ -39,11 +36,13 @@ std::string entry_text(NodeId parent, std::string_view name) {
   return "entry '" + std::string(name) + "' below node " + std::to_string(parent);
 }
 
-Status failure(MDB_txn* txn, int code, const char* doing) {
+Status failure(MDB_txn* txn, LmdbOutcome outcome, const char* doing) {
   const char* path = "";
   mdb_env_get_path(mdb_txn_env(txn), &path);
-  return lmdb_status(code, std::string(doing) + " in '" + path + "'", code == EIO ? disk_room(path) : DiskRoom::kLeft);
+  return lmdb_status(outcome, std::string(doing) + " in '" + path + "'");
 }
+
+Status failure(MDB_txn* txn, int code, const char* doing) { return failure(txn, LmdbOutcome{code, code}, doing); }
 
 Status open_cursor(MDB_txn* txn, Cursor* cursor) {
   MDB_cursor* raw = nullptr;

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "lmdb_error.h"
 #include "lmdb_file.h"
 #include "record.h"
 
@@ -30,7 +31,8 @@ enum class Walk { kOfFixedTree, kOfChangingTree };
 Status visit_children(MDB_txn* txn, NodeId parent, Walk walk,
                       FunctionRef<Status(std::string_view name, const Node& node)> visit);
 
-// Translates the code of a failed call within a transaction.
+// Translates how a call within a transaction ended; as lmdb_status.
+Status failure(MDB_txn* txn, LmdbOutcome outcome, const char* doing);
 Status failure(MDB_txn* txn, int code, const char* doing);
 
 // Opens a cursor, which must be gone before the transaction ends.

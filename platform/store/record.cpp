@@ -68,9 +68,7 @@ void seal(std::span<std::byte> record, std::uint64_t place) {
   put(record.data() + covered, checksum(record.first(covered), place));
 }
 
-Status damaged(std::string why) {
-  return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)};
-}
+Status damaged(std::string why) { return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)}; }
 
 // The version is looked at before anything else: what follows it may be laid out differently in a newer one.
 Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t place) {

@@ -52,9 +52,7 @@ NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node);
 Status decode_node(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node);
 
 // `record` has exactly value_record_size(bytes.size()) bytes, and does not overlap `bytes`.
-constexpr std::size_t value_record_size(std::size_t size) {
-  return size + kValueRecordOverhead;
-}
+constexpr std::size_t value_record_size(std::size_t size) { return size + kValueRecordOverhead; }
 void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes, std::span<std::byte> record);
 
 // The value's bytes are those of the record, not a copy.

@@ -15,9 +15,7 @@ void TreeCheck::add_damaged_node(NodeId parent, std::string_view name, std::stri
   report_({Finding::Kind::kDamagedNode, parent, kNoNode, std::string(name), std::move(detail)});
 }
 
-void TreeCheck::add_value(NodeId id, std::size_t size) {
-  values_[id] = size;
-}
+void TreeCheck::add_value(NodeId id, std::size_t size) { values_[id] = size; }
 
 void TreeCheck::add_damaged_value(NodeId id, std::string detail) {
   damaged_values_.insert(id);

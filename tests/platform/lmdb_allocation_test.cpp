@@ -3,21 +3,21 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <new>
 
 #include "lmdb_files.h"
 #include "temporary_directory.h"
 
-// A sanitizer has a malloc of its own, which must stay; there, what C++ allocates is counted.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define TKV_COUNTS_MALLOC 1
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TKV_SANITIZED 1
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*on_malloc)(const volatile void*, std::size_t),
+                                                         void (*on_free)(const volatile void*));
 #endif
 
 namespace {
 std::atomic<long> allocations{0};
 }
 
-#ifdef TKV_COUNTS_MALLOC
+#ifndef TKV_SANITIZED
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -38,13 +38,9 @@ void* __libc_realloc(void* block, std::size_t size);
 }
 }
 #else
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* const block = std::malloc(size); block != nullptr) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+// A sanitizer has a malloc of its own, which must stay, and tells of what it gives.
+[[maybe_unused]] const int hooked = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, std::size_t) { ++allocations; }, [](const volatile void*) {});
 #endif
 
 namespace tkv::store {

@@ -10,42 +10,42 @@ namespace {
 
 struct Row {
   int code;
-  DiskRoom room;
+  int error_number;  // errno, where it tells
   prtkv_result result;
   const char* text;  // a part of the text
 };
 
 constexpr Row kRows[] = {
-    {MDB_SUCCESS, DiskRoom::kLeft, PRTKV_DONE, ""},
-    {MDB_NOTFOUND, DiskRoom::kLeft, PRTKV_NO_SUCH_KEY, ""},
-    {MDB_KEYEXIST, DiskRoom::kLeft, PRTKV_KEY_EXISTS, ""},
-    {EIO, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "Input/output error"},
-    {EIO, DiskRoom::kExhausted, PRTKV_STORAGE_FULL, "no space left on the device"},
-    {ENOSPC, DiskRoom::kLeft, PRTKV_STORAGE_FULL, "No space left on device"},
-    {EDQUOT, DiskRoom::kLeft, PRTKV_STORAGE_FULL, "quota exceeded"},
-    {EFBIG, DiskRoom::kLeft, PRTKV_STORAGE_FULL, "File too large"},
-    {MDB_MAP_FULL, DiskRoom::kLeft, PRTKV_STORAGE_FULL, "has grown to the size"},
-    {ENOMEM, DiskRoom::kLeft, PRTKV_OUT_OF_MEMORY, "Cannot allocate memory"},
-    {EACCES, DiskRoom::kLeft, PRTKV_ACCESS_DENIED, "Permission denied"},
-    {EPERM, DiskRoom::kLeft, PRTKV_ACCESS_DENIED, "not permitted"},
-    {EROFS, DiskRoom::kLeft, PRTKV_ACCESS_DENIED, "Read-only"},
-    {MDB_INVALID, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "not a file of a registry"},
-    {MDB_VERSION_MISMATCH, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "another version of LMDB"},
-    {MDB_CORRUPTED, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "damaged"},
-    {MDB_PAGE_NOTFOUND, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "damaged"},
-    {MDB_PANIC, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "an earlier write failed"},
-    {MDB_READERS_FULL, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "too many"},
-    {MDB_BAD_TXN, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "(-30782)"},
-    {EINVAL, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "(22)"},
-    {ENOENT, DiskRoom::kExhausted, PRTKV_STORAGE_FAILED, "No such file"},
-    {-12345, DiskRoom::kLeft, PRTKV_STORAGE_FAILED, "(-12345)"},
+    {MDB_SUCCESS, 0, PRTKV_DONE, ""},
+    {MDB_NOTFOUND, 0, PRTKV_NO_SUCH_KEY, ""},
+    {MDB_KEYEXIST, 0, PRTKV_KEY_EXISTS, ""},
+    {EIO, EIO, PRTKV_STORAGE_FAILED, "Input/output error"},
+    {EIO, 0, PRTKV_STORAGE_FULL, "no space left on the device"},
+    {ENOSPC, 0, PRTKV_STORAGE_FULL, "No space left on device"},
+    {EDQUOT, 0, PRTKV_STORAGE_FULL, "quota exceeded"},
+    {EFBIG, 0, PRTKV_STORAGE_FULL, "File too large"},
+    {MDB_MAP_FULL, 0, PRTKV_STORAGE_FULL, "has grown to the size"},
+    {ENOMEM, 0, PRTKV_OUT_OF_MEMORY, "Cannot allocate memory"},
+    {EACCES, 0, PRTKV_ACCESS_DENIED, "Permission denied"},
+    {EPERM, 0, PRTKV_ACCESS_DENIED, "not permitted"},
+    {EROFS, 0, PRTKV_ACCESS_DENIED, "Read-only"},
+    {MDB_INVALID, 0, PRTKV_STORAGE_FAILED, "not a file of a registry"},
+    {MDB_VERSION_MISMATCH, 0, PRTKV_STORAGE_FAILED, "another version of LMDB"},
+    {MDB_CORRUPTED, 0, PRTKV_STORAGE_FAILED, "damaged"},
+    {MDB_PAGE_NOTFOUND, 0, PRTKV_STORAGE_FAILED, "damaged"},
+    {MDB_PANIC, 0, PRTKV_STORAGE_FAILED, "an earlier write failed"},
+    {MDB_READERS_FULL, 0, PRTKV_STORAGE_FAILED, "too many"},
+    {MDB_BAD_TXN, 0, PRTKV_STORAGE_FAILED, "(-30782)"},
+    {EINVAL, 0, PRTKV_STORAGE_FAILED, "(22)"},
+    {ENOENT, 0, PRTKV_STORAGE_FAILED, "No such file"},
+    {-12345, 0, PRTKV_STORAGE_FAILED, "(-12345)"},
 };
 
 class LmdbError : public ::testing::TestWithParam<Row> {};
 
 TEST_P(LmdbError, BecomesTheRegistrysResult) {
   const Row& row = GetParam();
-  const Status status = lmdb_status(row.code, "cannot do it", row.room);
+  const Status status = lmdb_status(LmdbOutcome{row.code, row.error_number}, "cannot do it");
   EXPECT_EQ(status.code(), row.result);
   EXPECT_NE(status.text().find(row.text), std::string::npos) << status.text();
   if (status.has_text()) {
@@ -55,9 +55,15 @@ TEST_P(LmdbError, BecomesTheRegistrysResult) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, LmdbError, ::testing::ValuesIn(kRows));
 
-TEST(LmdbErrorRoom, ADiskThatTakesAWriteHasRoom) { EXPECT_EQ(disk_room(testing::TempDir().c_str()), DiskRoom::kLeft); }
+TEST(LmdbErrorOfAReadingCall, IsTakenAtItsWord) {
+  EXPECT_TRUE(lmdb_status(EIO, "cannot read").is(PRTKV_STORAGE_FAILED));
+}
 
-TEST(LmdbErrorRoom, WhatCannotBeAskedIsNotTakenForFull) { EXPECT_EQ(disk_room("/no/such/directory"), DiskRoom::kLeft); }
+TEST(LmdbErrorOutcome, HoldsErrnoAsTheCallLeftIt) {
+  errno = EPERM;
+  EXPECT_EQ(lmdb_outcome([] { return EIO; }).error_number, 0);
+  EXPECT_EQ(lmdb_outcome([] { return errno = EIO; }).error_number, EIO);
+}
 
 }  // namespace
 }  // namespace tkv::store

@@ -1,0 +1,193 @@
+// Several processes on one registry: none loses what it was told is written, whoever else writes, is killed, or cuts
+// the power.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "file_system.h"
+#include "lmdb_files.h"
+#include "temporary_directory.h"
+
+namespace tkv::store {
+namespace {
+
+// A process that writes and, after each write that was acknowledged, sends a number through a pipe.
+class Writer {
+ public:
+  explicit Writer(const std::function<void(const std::function<void(int)>& acknowledge)>& body) {
+    if (pipe2(pipe_, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    process_ = fork();
+    if (process_ == 0) {
+      body([this](int number) { (void)!write(pipe_[1], &number, sizeof number); });
+      _exit(0);
+    }
+    close(pipe_[1]);
+  }
+  ~Writer() {
+    kill_it();
+    close(pipe_[0]);
+  }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // Waits for the next acknowledgement. False when there will be none, or none came within ten seconds.
+  bool next(int* number) {
+    struct pollfd waiting {
+      pipe_[0], POLLIN, 0
+    };
+    return poll(&waiting, 1, 10'000) == 1 && read(pipe_[0], number, sizeof *number) == sizeof *number;
+  }
+
+  void kill_it() {
+    if (process_ <= 0) return;
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    process_ = 0;
+  }
+
+  int wait_for_end() {
+    int status = 0;
+    waitpid(process_, &status, 0);
+    process_ = 0;
+    return status;
+  }
+
+ private:
+  int pipe_[2] = {-1, -1};
+  pid_t process_ = 0;
+};
+
+// Writes numbers from `first` on for ever: each as a key of its own, and as the value of the root.
+void write_numbers(const LmdbOptions& options, int first, const std::function<void(int)>& acknowledge) {
+  std::shared_ptr<Store> store;
+  if (!open_lmdb_store(options, &store).ok()) _exit(2);
+  for (int number = first;; ++number) {
+    const Status status = store->write([&](Update& update) -> Status {
+      Node node;
+      const std::string text = std::to_string(number);
+      if (Status made = update.new_id(&node.id); !made.ok()) return made;
+      if (Status made = update.insert(kRootNode, text, node); !made.ok()) return made;
+      if (Status made = update.set_value(node.id, 3, std::as_bytes(std::span(text))); !made.ok()) return made;
+      return update.set_value(kRootNode, 3, std::as_bytes(std::span(text)));
+    });
+    if (!status.ok()) _exit(3);
+    acknowledge(number);
+  }
+}
+
+class LmdbProcesses : public ::testing::Test {
+ protected:
+  LmdbProcesses() { options_.directory = directory_ / "registry"; }
+
+  static std::string text_of(Store& store, NodeId id) {
+    std::string text;
+    const Status status = get_text(store, id, &text);
+    EXPECT_TRUE(status.ok()) << status.text();
+    return text;
+  }
+
+  static Totals check(Store& store) {
+    Totals totals;
+    const Status status = store.check(
+        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
+    EXPECT_TRUE(status.ok()) << status.text();
+    return totals;
+  }
+
+  // Whether number is there as write_numbers wrote it.
+  static void expect_written(Store& store, int number) {
+    Node node;
+    const std::string name = std::to_string(number);
+    const Status status = store.read([&](View& view) { return view.find(kRootNode, name, &node); });
+    ASSERT_TRUE(status.ok()) << "number " << number << " was acknowledged: " << status.text();
+    EXPECT_EQ(text_of(store, node.id), name);
+  }
+
+  TemporaryDirectory directory_;
+  LmdbOptions options_;
+};
+
+TEST_F(LmdbProcesses, TwoThatWriteAtOnceLoseNothing) {
+  constexpr int kWrites = 150;
+  { open_or_fail(options_); }
+  const auto count_up = [&](char letter) {
+    return [&, letter](const std::function<void(int)>&) {
+      std::shared_ptr<Store> store;
+      if (!open_lmdb_store(options_, &store).ok()) _exit(2);
+      for (int i = 0; i < kWrites; ++i) {
+        const Status status = store->write([&](Update& update) -> Status {
+          Value value;
+          if (Status read = update.value(kRootNode, &value); !read.ok()) return read;
+          const std::string former(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+          const std::string later = std::to_string(former.empty() ? 1 : std::stoi(former) + 1);
+          Node node;
+          if (Status made = update.new_id(&node.id); !made.ok()) return made;
+          if (Status made = update.insert(kRootNode, letter + std::to_string(i), node); !made.ok()) return made;
+          return update.set_value(kRootNode, 1, std::as_bytes(std::span(later)));
+        });
+        if (!status.ok()) _exit(3);
+      }
+    };
+  };
+  Writer first(count_up('a'));
+  Writer second(count_up('b'));
+  EXPECT_EQ(first.wait_for_end(), 0);
+  EXPECT_EQ(second.wait_for_end(), 0);
+  const auto store = open_or_fail(options_);
+  EXPECT_EQ(text_of(*store, kRootNode), std::to_string(2 * kWrites));
+  EXPECT_EQ(check(*store).nodes, 2u * kWrites + 1);
+}
+
+TEST_F(LmdbProcesses, AKilledWriterLosesNothingThatItWasToldIsWritten) {
+  constexpr int kRounds = 100;
+  std::vector<int> acknowledged;
+  std::shared_ptr<Store> watching;
+  for (int round = 0; round < kRounds; ++round) {
+    // In half of the rounds this process has the registry open all the time, as others would.
+    watching = round % 2 == 0 ? nullptr : open_or_fail(options_);
+    Writer writer([&](const auto& acknowledge) { write_numbers(options_, round * 100'000, acknowledge); });
+    int number = 0;
+    for (int writes = 0; writes < 1 + round % 4; ++writes) {
+      ASSERT_TRUE(writer.next(&number)) << "round " << round;
+      acknowledged.push_back(number);
+    }
+    writer.kill_it();
+    while (writer.next(&number)) acknowledged.push_back(number);
+    const auto store = open_or_fail(options_);
+    expect_written(*store, acknowledged.back());
+    ASSERT_TRUE(set_text(*store, kRootNode, "still writable").ok());
+  }
+  const auto store = open_or_fail(options_);
+  for (const int number : acknowledged) expect_written(*store, number);
+  check(*store);
+}
+
+TEST_F(LmdbProcesses, APowerCutLosesNothingThatWasAcknowledged) {
+  SmallFileSystem disk(SmallFileSystem::Kind::kExt4, 16 * 1024 * 1024);
+  if (!disk.obstacle().empty()) GTEST_SKIP() << disk.obstacle();
+  options_.directory = disk / "registry";
+  std::vector<int> acknowledged;
+  for (int round = 0; round < 5; ++round) {
+    int number = 0;
+    {
+      Writer writer([&](const auto& acknowledge) { write_numbers(options_, round * 100'000, acknowledge); });
+      for (int writes = 0; writes < 5; ++writes) {
+        ASSERT_TRUE(writer.next(&number)) << "round " << round;
+        acknowledged.push_back(number);
+      }
+      if (!disk.cut_power()) GTEST_SKIP() << "this kernel does not cut the power of an ext4";
+      while (writer.next(&number)) acknowledged.push_back(number);  // it ends at its first failure
+    }
+    ASSERT_TRUE(disk.remount()) << disk.obstacle();
+    const auto store = open_or_fail(options_);
+    for (const int written : acknowledged) expect_written(*store, written);
+    check(*store);
+  }
+}
+
+}  // namespace
+}  // namespace tkv::store
