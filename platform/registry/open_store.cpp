@@ -18,10 +18,11 @@ Status make_parents(const std::string& path) {
   for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
     const std::string directory = path.substr(0, end);
     if (::mkdir(directory.c_str(), 0700) == 0) continue;
-    const int error = errno;
+    int error = errno;
     // Those that are there may refuse for other reasons, a read-only file system's say.
     struct stat found {};
     if (::stat(directory.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) continue;
+    if (error == EEXIST) error = ENOTDIR;
     return {error == ENOSPC || error == EDQUOT ? PRTKV_STORAGE_FULL : PRTKV_STORAGE_FAILED,
             "the directory " + directory + " cannot be made: " + std::generic_category().message(error)};
   }

@@ -243,8 +243,10 @@ Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::
   *size = static_cast<std::uint32_t>(found_size);
   if (found_size > offered) return too_small(offered, found_size);
   *type = found_type;
-  if (found_size > 0) std::memcpy(buffer, value_.data(), found_size);
-  ::explicit_bzero(value_.data(), value_.size());  // values may be secrets
+  if (found_size > 0) {
+    std::memcpy(buffer, value_.data(), found_size);
+    ::explicit_bzero(value_.data(), found_size);  // values may be secrets
+  }
   if (value_.capacity() > kKeptBytes) std::vector<std::byte>().swap(value_);
   return {};
 }

@@ -1,0 +1,259 @@
+// One registry, many users at once: threads on one session, sessions on one store, processes on one directory.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lmdb_store.h"
+#include "prtkv.h"
+#include "registry_fixture.h"
+#include "temporary_directory.h"
+
+namespace tkv::registry {
+namespace {
+
+constexpr int kThreads = 4;
+
+std::shared_ptr<store::Store> lmdb_in(const TemporaryDirectory& directory) {
+  store::LmdbOptions options;
+  options.directory = directory / "registry";
+  options.root_security = open_to_all();
+  std::shared_ptr<store::Store> store;
+  return store::open_lmdb_store(options, &store).ok() ? store : nullptr;
+}
+
+void in_threads(const std::function<void(int)>& work) {
+  std::vector<std::thread> threads;
+  for (int number = 0; number < kThreads; ++number) threads.emplace_back(work, number);
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(Sharing, ThreadsThatDoNotSerialiseOnOneSessionLoseNothing) {
+  const TemporaryDirectory directory;
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const Context ctx(registry_on(store, person("bob")));
+  const prtkv_key root = ctx.open("");
+  std::atomic<int> wrong{0};
+  constexpr int kKeys = 25;
+  in_threads([&](int number) {
+    for (int n = 0; n < kKeys; ++n) {
+      const std::string name = "t" + std::to_string(number) + "-" + std::to_string(n);
+      prtkv_key key = 0;
+      prtkv_key again = 0;
+      std::int32_t word = 0;
+      char buffer[64];
+      std::uint32_t size = sizeof buffer;
+      char text[PRTKV_ERROR_TEXT_SIZE];
+      std::int32_t text_size = sizeof text;
+      const bool good = prtkv_create_n_set_key(ctx, root, name.c_str(), &key, &word, 3, open_to_all(), name.data(),
+                                               static_cast<std::uint32_t>(name.size())) == PRTKV_DONE &&
+                        prtkv_open_key(ctx, &again, name.c_str()) == PRTKV_DONE &&
+                        prtkv_get_value(ctx, again, &word, buffer, &size) == PRTKV_DONE &&
+                        std::string(buffer, size) == name && prtkv_close_key(ctx, key) == PRTKV_DONE &&
+                        prtkv_close_key(ctx, key) == PRTKV_INVALID_HANDLE &&
+                        (n % 5 != 0 || prtkv_delete_key(ctx, again, 0) == PRTKV_DONE) &&
+                        prtkv_open_key(ctx, &key, "absent") == PRTKV_NO_SUCH_KEY;
+      (void)prtkv_get_last_error(ctx, &word, text, &text_size);
+      if (!good) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
+  char name[PRTKV_SUBKEY_NAME_SIZE];
+  std::uint32_t size = sizeof name;
+  std::int32_t remaining = 0;
+  ASSERT_EQ(prtkv_enum_subkey(ctx, root, name, &size, &remaining), PRTKV_DONE);
+  EXPECT_EQ(remaining + 1, kThreads * kKeys * 4 / 5);
+}
+
+TEST(Sharing, SessionThatEndsUnderOtherThreadsAnswers3) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  for (int round = 0; round < 20; ++round) {
+    prtkv_ctx ctx = 0;
+    ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob")), 0), &ctx).ok());
+    std::atomic<int> started{0};
+    std::atomic<int> wrong{0};
+    in_threads([&](int number) {
+      ++started;
+      if (number == 0) {
+        while (started.load() < kThreads) std::this_thread::yield();
+        if (prtkv_terminate(ctx) != PRTKV_DONE) ++wrong;
+        return;
+      }
+      prtkv_key key = 0;
+      int32_t code = PRTKV_DONE;
+      while ((code = prtkv_open_key(ctx, &key, "a")) == PRTKV_DONE) {
+        if (code = prtkv_close_key(ctx, key); code != PRTKV_DONE) break;
+      }
+      if (code != PRTKV_INVALID_HANDLE) ++wrong;
+    });
+    EXPECT_EQ(wrong.load(), 0);
+  }
+}
+
+TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
+  const TemporaryDirectory directory;
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const auto registry = registry_on(store, superuser());
+  store::NodeId id = store::kNoNode;
+  ASSERT_TRUE(registry
+                  ->write([&](Writer& tree) {
+                    if (Status status = tree.create("", "a", open_to_all(), &id); !status.ok()) return status;
+                    if (Status status = tree.create("", "b", open_to_all(), &id); !status.ok()) return status;
+                    return tree.create("a", "key", open_to_all(), &id);
+                  })
+                  .ok());
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  in_threads([&](int number) {
+    if (number == 0) {
+      for (int n = 0; n < 50; ++n) {
+        const bool there = n % 2 == 1;
+        store::NodeId moved = store::kNoNode;
+        const Status status = registry->write([&](Writer& tree) {
+          return tree.move(there ? "b.key" : "a.key", there ? "a" : "b", "key", false, &moved);
+        });
+        if (!status.ok()) ++wrong;
+      }
+      done = true;
+      return;
+    }
+    DirectoryCache cache;
+    while (!done.load()) {
+      int places = 0;
+      const Status status = registry->read(
+          [&](Reader& tree) {
+            bool in_a = false;
+            bool in_b = false;
+            Status asked = tree.exists("a.key", &in_a);
+            if (asked.ok()) asked = tree.exists("b.key", &in_b);
+            places = in_a + in_b;
+            return asked;
+          },
+          &cache);
+      if (!status.ok() || places != 1) ++wrong;
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+// Writes `count` keys of its own and adds `count` to a counter that it shares, through the C functions. 0 for success.
+int write_as_a_process(int number, int count) {
+  prtkv_ctx ctx = 0;
+  char text[PRTKV_ERROR_TEXT_SIZE];
+  std::uint64_t text_size = sizeof text;
+  if (prtkv_init_ext(&ctx, 1, text, &text_size, 0) != PRTKV_DONE) return 1;
+  prtkv_key root = 0;
+  if (prtkv_open_key(ctx, &root, "") != PRTKV_DONE) return 2;
+  for (int n = 0; n < count; ++n) {
+    const std::string name = "p" + std::to_string(number) + "-" + std::to_string(n);
+    prtkv_key key = 0;
+    std::int32_t word = 0;
+    if (prtkv_create_n_set_key(ctx, root, name.c_str(), &key, &word, 3, open_to_all(), name.c_str(),
+                               static_cast<std::uint32_t>(name.size() + 1)) != PRTKV_DONE) {
+      return 3;
+    }
+    if (prtkv_close_key(ctx, key) != PRTKV_DONE) return 4;
+  }
+  return prtkv_terminate(ctx) == PRTKV_DONE ? 0 : 5;
+}
+
+TEST(Sharing, ProcessesThatWriteAtOnceLoseNothing) {
+  const TemporaryDirectory directory;
+  const std::string file = directory / "tkv.conf";
+  std::ofstream(file) << "[registry]\nlocation = " << directory / "registry"
+                      << "\n";
+  ASSERT_EQ(setenv("TKV_CONF", file.c_str(), 1), 0);
+  constexpr int kProcesses = 2;
+  constexpr int kKeys = 100;
+  std::vector<pid_t> children;
+  for (int number = 0; number < kProcesses; ++number) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) _exit(write_as_a_process(number, kKeys));
+    children.push_back(child);
+  }
+  for (const pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+  prtkv_ctx ctx = 0;
+  char text[PRTKV_ERROR_TEXT_SIZE] = "";
+  std::uint64_t text_size = sizeof text;
+  ASSERT_EQ(prtkv_init_ext(&ctx, 1, text, &text_size, 0), PRTKV_DONE) << text;
+  int missing = 0;
+  for (int number = 0; number < kProcesses; ++number) {
+    for (int n = 0; n < kKeys; ++n) {
+      prtkv_key key = 0;
+      const std::string name = "p" + std::to_string(number) + "-" + std::to_string(n);
+      if (prtkv_open_key(ctx, &key, name.c_str()) != PRTKV_DONE) ++missing;
+    }
+  }
+  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(prtkv_terminate(ctx), PRTKV_DONE);
+  unsetenv("TKV_CONF");
+}
+
+TEST(Sharing, DeletionByAnotherProcessIsSeenByAnOpenHandle) {
+  const TemporaryDirectory directory;
+  const std::string file = directory / "tkv.conf";
+  std::ofstream(file) << "[registry]\nlocation = " << directory / "registry"
+                      << "\n";
+  ASSERT_EQ(setenv("TKV_CONF", file.c_str(), 1), 0);
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(go[1]);
+    char byte = 0;
+    if (read(go[0], &byte, 1) != 1) _exit(10);
+    prtkv_ctx ctx = 0;
+    prtkv_key key = 0;
+    char text[PRTKV_ERROR_TEXT_SIZE];
+    std::uint64_t text_size = sizeof text;
+    if (prtkv_init_ext(&ctx, 0, text, &text_size, 0) != PRTKV_DONE) _exit(11);
+    if (prtkv_open_key(ctx, &key, "a") != PRTKV_DONE) _exit(12);
+    _exit(prtkv_delete_key(ctx, key, 1));
+  }
+  close(go[0]);
+  prtkv_ctx ctx = 0;
+  char text[PRTKV_ERROR_TEXT_SIZE] = "";
+  std::uint64_t text_size = sizeof text;
+  ASSERT_EQ(prtkv_init_ext(&ctx, 0, text, &text_size, 0), PRTKV_DONE) << text;
+  prtkv_key root = 0;
+  prtkv_key key = 0;
+  prtkv_key below = 0;
+  std::int32_t word = 0;
+  std::uint32_t size = 0;
+  ASSERT_EQ(prtkv_open_key(ctx, &root, ""), PRTKV_DONE);
+  ASSERT_EQ(prtkv_create_key(ctx, root, "a", &key, &word, open_to_all()), PRTKV_DONE);
+  ASSERT_EQ(prtkv_create_key(ctx, key, "b", &below, &word, open_to_all()), PRTKV_DONE);
+  ASSERT_EQ(prtkv_get_value(ctx, below, &word, nullptr, &size), PRTKV_DONE);
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  close(go[1]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(prtkv_get_value(ctx, below, &word, nullptr, &size), PRTKV_NO_SUCH_KEY);
+  EXPECT_EQ(prtkv_set_value(ctx, key, 3, "x", 2), PRTKV_NO_SUCH_KEY);
+  EXPECT_EQ(prtkv_create_key(ctx, key, "c", &below, &word, open_to_all()), PRTKV_NO_SUCH_KEY);
+  EXPECT_EQ(prtkv_terminate(ctx), PRTKV_DONE);
+  unsetenv("TKV_CONF");
+}
+
+}  // namespace
+}  // namespace tkv::registry
