@@ -36,6 +36,8 @@ class BridgeTest : public ::testing::Test {
   /* Compares what was recorded with what was expected, and what is still taken with what the test said is kept. */
   void TearDown() override;
 
+  /* No session, whatever was before. */
+  void givenNoSession();
   /* An open session. */
   void givenSession(const SessionTraits& traits = {});
   /* A session whose opening failed after its record was taken. */
@@ -53,6 +55,9 @@ class BridgeTest : public ::testing::Test {
 
   /* Compares now and starts a new list. */
   void verify();
+
+  /* Leaves all of what was and will be recorded to the test's judgement. */
+  void judgeAlone() { judged_ = true; }
 
   /* Compares the beginning of what was recorded with all that was expected; the rest is the test's to judge and stays
    * in the recording until the test ends. */

@@ -395,11 +395,16 @@ int32_t prtkv_enum_subkey(prtkv_ctx ctx, prtkv_key listed, char* name, uint32_t*
 int32_t prtkv_get_value(prtkv_ctx ctx, prtkv_key read, int32_t* type, void* to, uint32_t* size) {
   const Answer answer = answered("prtkv_get_value", {context(ctx), key(read), wordIn(type),
                                                      buffer(to, size == nullptr ? 0 : *size), sizeIn(size)});
+  writeWord(answer.word, type);
   if (to != nullptr && size != nullptr && answer.bytes) {
+    if (answer.result == 0 && answer.bytes->size() > *size) {
+      *size = static_cast<uint32_t>(answer.bytes->size());
+      finish(answer);
+      return PRTKV_BUFFER_TOO_SMALL;
+    }
     std::memcpy(to, answer.bytes->data(), std::min<size_t>(answer.bytes->size(), *size));
   }
   writeSize(answer, size);
-  writeWord(answer.word, type);
   return finish(answer);
 }
 

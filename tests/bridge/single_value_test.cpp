@@ -165,6 +165,20 @@ TEST_F(GetKeyValue, ReportsNineWithoutMemoryForALongValue) {
   EXPECT_EQ(getKeyValue(string("a")), nullptr);
 }
 
+// No block has room for such a value and its NUL.
+TEST_F(GetKeyValue, ReportsNineForASizeThatCannotBeAllocated) {
+  expect({
+      opened("a"),
+      get_value(kKey, 1024).returns(9).size(UINT32_MAX),
+      read_trace(9, -1),
+      trace("getKeyValue: memory allocation failed"),
+      reports(9),
+      trace("getKeyValue: prtkv_get_value failed for the key [a]\n"),
+      given_back("a"),
+  });
+  EXPECT_EQ(getKeyValue(string("a")), nullptr);
+}
+
 class GetKeyValueWithResult : public GetKeyValue, public ::testing::WithParamInterface<int> {};
 
 TEST_P(GetKeyValueWithResult, AbandonsTheBufferWhenTheSecondReadFails) {

@@ -121,6 +121,19 @@ TEST_P(OpenKeyWithoutContext, HandsTheNullContextToTheRegistry) {
   keepsCharacters({"a"});
 }
 
+// There is no record to keep the key in.
+TEST_F(OpenKey, SurvivesARegistryThatOpensAKeyWithoutASession) {
+  expect({
+      takes("a"),
+      open_key("a").without_context().gives(7),
+      trace("openKey: prtkv_open_key retval = 0\n"),
+      status(true),
+  });
+  openKey(string("a"));
+  keepsCharacters({"a"});
+  leavesOpen({7});
+}
+
 INSTANTIATE_TEST_SUITE_P(NoneHalfEnded, OpenKeyWithoutContext, Values(0, 1, 2));
 
 TEST_F(CloseKey, ClosesTheWorkingKeyAndKeepsTheClosedHandle) {
