@@ -12,7 +12,7 @@ build=build/coverage
 
 cmake --preset coverage >/dev/null
 cmake --build --preset coverage --target bridge_test
-find "$build/framework" -name '*.gcda' -delete
+find "$build" -name '*.gcda' -delete
 "$build/tests/bridge/bridge_test" --gtest_brief=1
 gcovr --root . --filter 'framework/tkv/tkv\.cpp' --exclude-throw-branches --exclude-unreachable-branches --branches \
   --print-summary --fail-under-line 100 --fail-under-branch 97 "$build/framework"
