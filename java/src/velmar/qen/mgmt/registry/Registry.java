@@ -109,7 +109,7 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The number that {@link #putInt} stored.
+     * The number that {@link #putInt} stored, a decimal text. The native methods cannot give out binary numbers.
      *
      * @param name full name
      * @return the number

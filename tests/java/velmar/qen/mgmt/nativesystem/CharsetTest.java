@@ -9,8 +9,10 @@ import static org.junit.jupiter.api.Assumptions.assumeTrue;
 import static velmar.qen.mgmt.nativesystem.Reports.assertDone;
 import static velmar.qen.mgmt.nativesystem.Reports.done;
 
+import java.io.IOException;
 import java.nio.charset.Charset;
 import java.nio.charset.StandardCharsets;
+import java.util.HexFormat;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
@@ -41,6 +43,14 @@ class CharsetTest extends OpenSession {
         } else {
             assertArrayEquals(new String[] {expected, "z", null}, read);
         }
+    }
+
+    @Test
+    void aListInItIsReadAsItWasMeant() throws IOException, InterruptedException {
+        String text = charset.equals(StandardCharsets.ISO_8859_1) ? "größer" : "日本語";
+        String bytes = HexFormat.of().formatHex((text + "\0z\0\0").getBytes(charset));
+        Command.run("set", top + "k", "--hex", bytes, "--type", "5");
+        assertArrayEquals(new String[] {text, "z", null}, done(r -> tkv.getKeyValues(top + "k", r)));
     }
 
     @Test

@@ -11,6 +11,7 @@ import static velmar.qen.mgmt.nativesystem.Reports.assertRefused;
 import static velmar.qen.mgmt.nativesystem.Reports.assertText;
 import static velmar.qen.mgmt.nativesystem.Reports.done;
 
+import java.io.IOException;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -45,6 +46,11 @@ class CopyTest extends OpenSession {
         for (String subkey : subkeys == null ? new String[0] : subkeys) {
             describe(name + "." + subkey, relative + "." + subkey, lines);
         }
+    }
+
+    /** An export of a tree: values with their types, owners and rights, by names relative to the tree's own. */
+    private static List<String> exported(String name) throws IOException, InterruptedException {
+        return Command.run("export", name).stream().map(line -> line.replace("\"" + name, "\"")).toList();
     }
 
     /** A tree of many keys, eight levels deep, with values and security of every kind. */
@@ -83,20 +89,24 @@ class CopyTest extends OpenSession {
     }
 
     @Test
-    void aTreeOfTwoThousandKeysIsCopiedAndMovedWhole() {
+    void aTreeOfTwoThousandKeysIsCopiedAndMovedWhole() throws IOException, InterruptedException {
         assertEquals(2_000, growTree());
         List<String> before = contents(source);
+        List<String> exported = exported(source);
+        assertTrue(exported.size() >= 2_000, () -> "an export of " + exported.size() + " lines");
         assertEquals(2_000, before.size());
         assertEquals(2_000, before.stream().distinct().count());
         create(target);
         assertCopies(OWNED_BY);
         assertEquals(before, contents(target));
+        assertEquals(exported, exported(target));
         assertEquals(before, contents(source), "the source stays as it was");
 
         create(top + "u");
         assertDone(r -> tkv.moveKey(target, top + "u", "moved", 0, r));
         assertFalse(exists(target));
         assertEquals(before, contents(top + "u.moved"));
+        assertEquals(exported, exported(top + "u.moved"));
     }
 
     // A level without subkeys reports success too, so a copy reports it more than once.
