@@ -7,6 +7,8 @@ BUILD_PACKAGES = cmake g++ ninja-build openjdk-17-jdk-headless liblmdb-dev libxx
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
                  python3 iproute2 e2fsprogs pkg-config
 LINT_PACKAGES  = clang-format clang-tidy
+BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
+                 valgrind
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc)
@@ -32,7 +34,7 @@ cmake --preset $(1) $(2) --log-level=WARNING
 cmake --build --preset $(1) -j $(JOBS)
 endef
 
-.PHONY: help packages-build packages-test packages-lint build demo demo-cluster test coverage bench format lint \
+.PHONY: help packages-build packages-test packages-lint packages-bench build demo demo-cluster test coverage bench format lint \
         install clean
 
 help: ## list the targets
@@ -44,6 +46,8 @@ packages-test:
 	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES))
 packages-lint:
 	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(LINT_PACKAGES))
+packages-bench:
+	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(BENCH_PACKAGES))
 
 build: packages-build ## build library, jar and command into build/release
 	$(call preset,release,-DTKV_TESTS=OFF)
@@ -55,6 +59,29 @@ test: packages-test ## build and run all tests: release, the bridge alone, sanit
 	ctest --preset external -j $(JOBS)
 	$(call preset,asan)
 	ctest --preset asan -j $(JOBS)
+
+demo: packages-build ## show the main job on an embedded registry: two JVMs and the command
+	$(call preset,release,-DTKV_TESTS=OFF)
+	@cmake --build --preset release --target demo
+
+coverage: packages-test ## line and branch coverage of the bridge
+	$(call preset,coverage)
+	tests/bridge/coverage.sh build/coverage
+
+bench: packages-bench ## measure beside the peers
+	$(call preset,release,-DTKV_BENCH=ON)
+	bench/run --instructions
+
+format: packages-lint ## format all C and C++
+	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
+
+lint: packages-lint ## check format, and the C++ with clang-tidy
+	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run -Werror
+	$(call preset,release,-DTKV_TESTS=ON)
+	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release
+
+install: build ## install below PREFIX (/usr/local)
+	cmake --install build/release --prefix $(PREFIX)
 
 clean: ## remove everything that was built
 	rm -rf build

@@ -82,7 +82,7 @@ class QuickRun(unittest.TestCase):
 
     def test_says_what_was_measured_and_where(self):
         self.assertIn("the figures mean nothing", self.done.stdout)
-        for beginning in ("system: ", "JVM: ", "method: ", "control: ", "tkv: ", "registry: ", "lmdb: ", "prefs: "):
+        for beginning in ("system: ", "JVM: ", "stores: ", "times: ", "control: ", "tkv: ", "registry: ", "lmdb: ", "prefs: "):
             self.assertRegex(self.done.stdout, f"(?m)^{beginning}.+")
 
     def test_writes_the_same_text_and_every_figure_to_files(self):
@@ -106,6 +106,15 @@ class Refusals(unittest.TestCase):
             done = run("--build", empty, "--output", empty)
             self.assertEqual(done.returncode, 1)
             self.assertIn("tkv.jar is missing: build with", done.stderr)
+
+    def test_misses_valgrind_before_it_measures_anything(self):
+        with tempfile.TemporaryDirectory() as output:
+            done = subprocess.run([sys.executable, str(RUN), "--build", BUILD, "--quick", "--peers", "none",
+                                   "--instructions", "--output", output],
+                                  capture_output=True, text=True, check=False, env={"PATH": "/nonexistent"})
+            self.assertEqual(done.returncode, 1)
+            self.assertIn("valgrind is missing: install the Debian package valgrind", done.stderr)
+            self.assertNotIn("filling", done.stderr)
 
     def test_refuses_no_forks_at_all(self):
         self.assertEqual(run("--quick", "--forks", "0").returncode, 2)

@@ -15,6 +15,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum {
   CLS_CONFIGURATION_SINGLE = 1, /* a node on its own */
@@ -30,6 +31,7 @@ int32_t clsugetconf(lpm_ctx pm, uint32_t flags, int32_t *configuration);
  * leaves the context's last error text when it fails. `flags` and `reserved` are 0. */
 int32_t clsvswpatch(prtkv_ctx ctx, uint32_t flags, int32_t *patch_level, uint32_t reserved);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

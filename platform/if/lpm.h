@@ -18,6 +18,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef uint64_t lpm_ctx;
 
@@ -35,6 +36,7 @@ void *prou_allocm(lpm_ctx pm, uint32_t size);
 
 void prou_freem(lpm_ctx pm, void *block);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -22,6 +22,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum { LX_HANDLE_SIZE = 128, LX_LANG_ENV_SIZE = 568 };
 
@@ -69,6 +70,7 @@ uint32_t lxsulen(const char *text);
 int32_t lxgt2u(uint16_t *to, uint32_t capacity, const char *from, void *charset, uint32_t length, uint32_t flags,
                void *handle);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -35,6 +35,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef uint64_t prtkv_ctx; /* an open session with the registry */
 typedef uint64_t prtkv_key; /* an open key of a session */
@@ -160,6 +161,7 @@ int32_t prtkv_get_backup_loc(prtkv_ctx ctx, char *location, uint64_t *size_limit
  * 8. `flags` is 0. */
 int32_t prtkv_set_zuved_dependencies(prtkv_ctx ctx, int32_t mode, uint32_t flags);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

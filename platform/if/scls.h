@@ -19,6 +19,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum {
   SCLS_DONE = 0,
@@ -53,6 +54,7 @@ int32_t scls_idq_get_user_name(void *meta, void *error, uint32_t flags, char *na
 int32_t scls_idq_get_primary_privgrp_name(void *meta, void *error, uint32_t flags, char *name, uint64_t capacity,
                                           uint64_t *length);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -47,6 +47,7 @@ class IconvDescriptor {
   Outcome finish(char** to, std::size_t* room);
 
  private:
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): what iconv_open gives on failure
   static iconv_t closed() { return reinterpret_cast<iconv_t>(-1); }
   iconv_t release();
 

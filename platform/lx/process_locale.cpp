@@ -24,7 +24,7 @@ std::string installed_charset(std::string_view name) {
 }
 
 const char* environment(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody changes the environment meanwhile
   return value == nullptr || *value == '\0' ? nullptr : value;
 }
 
@@ -32,22 +32,27 @@ const Charset* find_charset(std::string_view name) {
   return Charset::find(is_c_locale(name) ? std::string_view(kDefaultCharset) : name);
 }
 
-// The last answer, since a process seldom changes its environment and asking the system for a locale reads files.
-struct LastAnswer {
-  std::mutex mutex;
-  std::string question;
-  const Charset* charset = nullptr;
-};
+// The last answer to a question, since a process seldom changes its environment, while finding a set takes its time and
+// asking the system for a locale reads files.
+class LastAnswer {
+ public:
+  explicit LastAnswer(const Charset* (*ask)(std::string_view)) : ask_(ask) {}
 
-const Charset* charset_of_locale_once(const std::string& locale) {
-  static LastAnswer& last = *new LastAnswer;
-  const std::lock_guard lock(last.mutex);
-  if (last.question != locale) {
-    last.charset = charset_of_locale(locale);
-    last.question = locale;
+  const Charset* to(const char* question) {
+    const std::lock_guard lock(mutex_);
+    if (question_ != question) {
+      charset_ = ask_(question);
+      question_ = question;
+    }
+    return charset_;
   }
-  return last.charset;
-}
+
+ private:
+  const Charset* (*const ask_)(std::string_view);
+  std::mutex mutex_;
+  std::string question_;
+  const Charset* charset_ = nullptr;
+};
 
 }  // namespace
 
@@ -66,11 +71,14 @@ const Charset* charset_of_locale(std::string_view locale) {
 }
 
 const Charset* charset_of_process() {
-  if (const char* charset = environment("TKV_CHARSET")) return find_charset(charset);
+  // Never destroyed: threads may still convert while the process ends.
+  static LastAnswer& of_charset = *new LastAnswer(find_charset);
+  static LastAnswer& of_locale = *new LastAnswer(charset_of_locale);
+  if (const char* charset = environment("TKV_CHARSET")) return of_charset.to(charset);
   for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    if (const char* locale = environment(name)) return charset_of_locale_once(locale);
+    if (const char* locale = environment(name)) return of_locale.to(locale);
   }
-  return Charset::find(kDefaultCharset);
+  return of_locale.to("C");
 }
 
 }  // namespace tkv::lx

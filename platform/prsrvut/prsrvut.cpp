@@ -124,6 +124,7 @@ void format_and_trace(JNIEnv* env, jobject result, const char* format, va_list a
   va_list again;
   va_copy(again, arguments);
   char line[kShortText];
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started it
   const int length = std::vsnprintf(line, sizeof(line), format, arguments);
   const auto size = static_cast<std::size_t>(length);
   if (length >= 0 && size < sizeof(line)) {

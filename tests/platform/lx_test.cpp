@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "charset.h"
@@ -200,6 +201,24 @@ TEST(LxCharset, EncodesWhatItHasAndRefusesWhatItHasNot) {
       {"EUC-JP", u"", ""},
   };
   for (const auto& row : kRows) EXPECT_EQ(Charset::find(row.charset)->encode(row.text), row.bytes) << row.charset;
+}
+
+TEST(LxCharset, ServesThreadsAtOnce) {
+  const Environment unset;
+  std::vector<std::thread> threads;
+  for (const char* name : {"EUC-JP", "SHIFT_JIS", "EUC-JP", "KOI8-U"}) {
+    threads.emplace_back([name] {
+      for (int round = 0; round < 300; ++round) {
+        const Charset* charset = Charset::find(name);
+        ASSERT_NE(charset, nullptr);
+        ASSERT_EQ(Charset::by_id(charset->id()), charset);
+        ASSERT_EQ(Charset::at(charset), charset);
+        ASSERT_EQ(charset->encode(u"text"), "text");
+        ASSERT_EQ(name_of(charset_of_process()), "UTF-8");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(LxCharset, EncodesTextsOfAnyLength) {

@@ -21,6 +21,7 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
 /** Copies of trees, and moves, compared key by key. */
+@AsRoot
 class CopyTest extends OpenSession {
     private String source;
     private String target;

@@ -18,6 +18,7 @@ import org.junit.jupiter.params.provider.CsvSource;
 import org.junit.jupiter.params.provider.ValueSource;
 
 /** Who owns a key that is created; the session is root's. */
+@AsRoot
 class SecurityTest extends OpenSession {
     private interface Creation {
         void run(String name, int type, String parent, String user, String group, Recorder result);

@@ -17,6 +17,8 @@ import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
 import org.junit.jupiter.params.provider.ValueSource;
+import velmar.qen.mgmt.nativesystem.AsRoot;
+import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
 class RegistryTest extends OpenRegistry {
@@ -72,7 +74,7 @@ class RegistryTest extends OpenRegistry {
 
     @Test
     void aListThatEndsAtOnceIsNotTakenForAnEmptyOne() {
-        velmar.qen.mgmt.nativesystem.TKVNative natives = new velmar.qen.mgmt.nativesystem.TKVNative();
+        TKVNative natives = new TKVNative();
         TKVResult result = new TKVResult();
         natives.setKeyValues(below("k"), new String[] {"", "lost"}, 3, "", null, null, result);
         assertTrue(result.getStatus());
@@ -130,6 +132,7 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
+    @AsRoot
     void createMakesAKeyOfTheSession() {
         registry.create(below("k"));
         assertTrue(registry.exists(below("k")));
@@ -155,6 +158,7 @@ class RegistryTest extends OpenRegistry {
 
     @ParameterizedTest
     @MethodSource("securities")
+    @AsRoot
     void newKeysGetTheSecurityAskedFor(Security security) {
         registry.create(below("created"), security);
         registry.createWith(below("created-with"), "value", security);
@@ -170,6 +174,7 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
+    @AsRoot
     void anExistingKeyKeepsItsSecurity() {
         registry.put(below("k"), "1", Security.ownedBy("daemon"));
         registry.put(below("k"), "2", Security.ownedBy("nobody").withGroup("bin"));
@@ -216,6 +221,7 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
+    @AsRoot
     void copyTreeMakesANewTree() {
         registry.put(below("s"), "top", Security.ownedBy("daemon").withGroup("bin"));
         registry.putList(below("s.list"), List.of("a", "b"));
@@ -230,6 +236,7 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
+    @AsRoot
     void copyTreeGivesTheCopyToWhomItIsTold() {
         registry.put(below("s"), "v", Security.ownedBy("daemon").withGroup("bin"));
         registry.copyTree(below("s"), below("user"), CopyOwner.SESSION_USER);

@@ -82,11 +82,11 @@ class TutorialTest {
             // snippet security
             registry.create("shared", Security.sameAsSession().withGroup("daemon"));
             registry.put("shared.state", "idle", Security.inheritFrom("shared"));
-            registry.createWith("shared.lock", "node-1", Security.ownedBy("daemon").withGroup("daemon"));
-            System.out.println(registry.owner("shared.lock").orElse("nobody"));
+            registry.createWith("shared.lock", "node-1", Security.sameAsSession());    // throws when there is one
+            System.out.println(registry.group("shared.state").orElse("none"));
             // end
             assertPrinted("daemon");
-            assertEquals("daemon", registry.group("shared.state").orElseThrow());
+            assertEquals("node-1", registry.get("shared.lock"));
             registry.deleteTree("shared");
         }
     }
