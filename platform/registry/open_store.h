@@ -28,6 +28,14 @@ struct OpenOptions {
 Status open_store(const Configuration& configuration, const Identity& identity, const OpenOptions& options,
                   std::shared_ptr<store::Store>* store);
 
+// Tells whether the configured location can hold a registry, as far as that can be told without opening it: nothing is
+// asked of a cluster. Changes nothing. Any thread may call.
+Status check_location(const Configuration& configuration);
+
+// Whether the configured location has no registry yet; the embedded store reports that as it reports a damaged one.
+// False for a cluster. Any thread may call.
+bool is_absent(const Configuration& configuration);
+
 // Reads configuration and identity of the process and opens the registry.
 Status open_registry(std::shared_ptr<Registry>* registry, const OpenOptions& options = {});
 

@@ -201,6 +201,27 @@ TEST_F(OpenRegistry, NothingIsMadeWhenItIsNotToBeCreated) {
 
 // The store for etcd
 
+TEST_F(OpenRegistry, TellsWhetherThereIsOneYetAndWhetherThereCanBe) {
+  Configuration configuration;
+  configuration.locations = {location_};
+  EXPECT_TRUE(is_absent(configuration));
+  EXPECT_TRUE(check_location(configuration).ok());
+  EXPECT_NE(::access(location_.c_str(), F_OK), 0) << "asking makes nothing";
+
+  configure("[registry]\nlocation = " + location_ + "\n");
+  ASSERT_EQ(init(), PRTKV_DONE) << text_;
+  EXPECT_FALSE(is_absent(configuration));
+  EXPECT_TRUE(check_location(configuration).ok());
+  EXPECT_EQ(prtkv_terminate(ctx_), PRTKV_DONE);
+
+  configuration.locations = {directory_ / "no/such/place"};
+  EXPECT_TRUE(is_absent(configuration));
+  EXPECT_FALSE(check_location(configuration).ok());
+  configuration.locations = {"etcd://127.0.0.1:1"};
+  EXPECT_FALSE(is_absent(configuration));
+  EXPECT_TRUE(check_location(configuration).ok());
+}
+
 TEST_F(OpenRegistry, MissingModuleForEtcdSaysWhereItWasLookedFor) {
   setenv("TKV_MODULE_DIR", (directory_ / "modules").c_str(), 1);
   configure("[registry]\nlocation = etcd://127.0.0.1:1\n");

@@ -4,7 +4,7 @@
 #include "characters.h"
 #include "context.h"
 #include "json.h"
-#include "lmdb_store.h"
+#include "open_store.h"
 #include "verbs.h"
 
 namespace tkv::command {
@@ -73,9 +73,7 @@ void print_found(Context& context, const Found& found) {
 Outcome run_conf(Context& context, const Arguments&) {
   Found found;
   if (Status read = Configuration::read(&found.configuration); !read.ok()) return read;
-  if (!found.configuration.is_distributed()) {
-    found.usable = store::check_lmdb_directory(found.configuration.locations.front());
-  }
+  found.usable = registry::check_location(found.configuration);
   if (context.json()) {
     context.output().line(found_json(found));
   } else {

@@ -1,25 +1,11 @@
 #include "context.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-
 #include "characters.h"
 #include "json.h"
-#include "lmdb_directory.h"
 #include "name.h"
 #include "open_store.h"
 
 namespace tkv::command {
-namespace {
-
-// Absent is not damaged: the embedded store reports both as failing storage.
-bool is_absent(const registry::Configuration& configuration) {
-  return !configuration.is_distributed() &&
-         ::access(store::data_file(configuration.locations.front()).c_str(), F_OK) != 0 && errno == ENOENT;
-}
-
-}  // namespace
 
 Outcome Context::open_to_read() { return open(false, true); }
 
@@ -33,7 +19,7 @@ Outcome Context::open(bool create, bool read_only) {
   std::shared_ptr<store::Store> store;
   if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
   if (Status status = registry::identity_of_process(&identity); !status.ok()) return status;
-  if (!create && is_absent(configuration)) {
+  if (!create && registry::is_absent(configuration)) {
     return {Exit::kNotFound, "there is no registry in " + configuration.locations.front() +
                                  "; tkv create, set, import and restore make one"};
   }
