@@ -8,9 +8,28 @@ install(TARGETS tkv_shared LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(TKV_ETCD)
   install(TARGETS tkv_etcd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
+install(TARGETS tkv_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${TKV_JAR} DESTINATION ${TKV_INSTALL_JAR})
 install(DIRECTORY platform/if/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv FILES_MATCHING PATTERN "*.h")
 install(FILES framework/tkv/if/tkv.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv)
+
+# The command knows its manual and its completions.
+set(manuals ${CMAKE_BINARY_DIR}/manuals)
+add_custom_command(
+  OUTPUT ${manuals}/tkv.1 ${manuals}/tkv.conf.5 ${manuals}/tkv.bash ${manuals}/_tkv ${manuals}/tkv.fish
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${manuals}
+  COMMAND tkv_command help --man >${manuals}/tkv.1
+  COMMAND tkv_command help --man-conf >${manuals}/tkv.conf.5
+  COMMAND tkv_command completion bash >${manuals}/tkv.bash
+  COMMAND tkv_command completion zsh >${manuals}/_tkv
+  COMMAND tkv_command completion fish >${manuals}/tkv.fish
+  COMMENT "Writing the manual pages")
+add_custom_target(tkv_manuals ALL DEPENDS ${manuals}/tkv.1)
+install(FILES ${manuals}/tkv.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${manuals}/tkv.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES ${manuals}/tkv.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tkv)
+install(FILES ${manuals}/_tkv DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+install(FILES ${manuals}/tkv.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
 install(EXPORT tkvTargets NAMESPACE tkv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
 configure_package_config_file(cmake/tkvConfig.cmake.in ${CMAKE_BINARY_DIR}/tkvConfig.cmake
@@ -20,5 +39,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/tkvConfigVersion.cmake COMP
 install(FILES ${CMAKE_BINARY_DIR}/tkvConfig.cmake ${CMAKE_BINARY_DIR}/tkvConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
 
+# Relative to the file itself, so that what is installed can be moved.
+file(RELATIVE_PATH TKV_PREFIX_FROM_PKGCONFIG /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/tkv.pc.in ${CMAKE_BINARY_DIR}/tkv.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
