@@ -3,7 +3,7 @@ import json
 import subprocess
 import unittest
 
-from command import (CONFLICT, DENIED, DONE, NOT_FOUND, PARTLY, USAGE, WRONG_TYPE, CommandTest, USER)
+from command import CONFLICT, CommandTest, DONE, NOT_FOUND, PARTLY, USAGE, USER, WRONG_TYPE
 
 
 class Values(CommandTest):

@@ -140,6 +140,28 @@ std::string safe_lines(std::string_view text) {
   }
 }
 
+std::string escaped_for_json(std::string_view utf8) {
+  std::string result;
+  result.reserve(utf8.size());
+  for (std::size_t at = 0; at < utf8.size();) {
+    const Character character = character_at(utf8, at);
+    const std::size_t size = std::max<std::size_t>(character.size, 1);
+    if (character.code == '"' || character.code == '\\') {
+      result.append("\\").append(utf8.substr(at, 1));
+    } else if (character.code == '\n' || character.code == '\t' || character.code == '\r') {
+      result += escaped(character.code);
+    } else if (changes_terminal(character.code)) {
+      char text[8];
+      std::snprintf(text, sizeof text, "\\u%04x", character.code);
+      result += text;
+    } else {
+      result += utf8.substr(at, size);
+    }
+    at += size;
+  }
+  return result;
+}
+
 std::string base64_from(std::string_view bytes) {
   std::string text;
   text.reserve((bytes.size() + 2) / 3 * 4);

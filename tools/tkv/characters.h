@@ -29,6 +29,9 @@ std::string safe(std::string_view text);
 // As safe, but for the line ends of a text of several lines.
 std::string safe_lines(std::string_view text);
 
+// The inside of a JSON string. What would change a terminal's state is escaped too, as JSON allows.
+std::string escaped_for_json(std::string_view utf8);
+
 std::string base64_from(std::string_view bytes);
 std::optional<std::string> bytes_from_base64(std::string_view text);
 

@@ -1,5 +1,3 @@
-#include <cstdio>
-
 #include "access.h"
 #include "characters.h"
 #include "json.h"
@@ -35,28 +33,7 @@ bool add_exact(const StoredValue& value, JsonObject* object) {
 
 }  // namespace
 
-std::string json_string(std::string_view utf8) {
-  std::string json = "\"";
-  for (const char byte : utf8) {
-    if (byte == '"' || byte == '\\') {
-      json += '\\';
-      json += byte;
-    } else if (byte == '\n') {
-      json += "\\n";
-    } else if (byte == '\t') {
-      json += "\\t";
-    } else if (byte == '\r') {
-      json += "\\r";
-    } else if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(byte));
-      json += escape;
-    } else {
-      json += byte;
-    }
-  }
-  return json + '"';
-}
+std::string json_string(std::string_view utf8) { return '"' + escaped_for_json(utf8) + '"'; }
 
 std::string json_text(std::string_view stored) {
   const auto text = utf8_from_stored(stored);

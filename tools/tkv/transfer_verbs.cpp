@@ -35,15 +35,19 @@ Status write_export(Reader& reader, const std::string& top, Progress& progress,
   return walked.ok() ? take(export_tail()) : walked;
 }
 
+// Printed only when all of it could be read: half an export is no export.
 Outcome export_to_output(Context& context, const std::string& top) {
+  std::string text;
   Progress progress(context.terminal(), "export");
-  return context.registry().read_all([&](Reader& reader) {
-    return write_export(reader, top, progress, [&](std::string_view text) {
-      context.output().write(context.terminal().output ? safe_lines(text) : std::string(text));
-      // Nobody reads on: what is written says why.
-      return context.output().broken() ? Status(PRTKV_UNKNOWN, "the output is closed") : Status();
+  const Status read = context.registry().read_all([&](Reader& reader) {
+    text.clear();
+    return write_export(reader, top, progress, [&](std::string_view part) {
+      text += part;
+      return Status();
     });
   });
+  if (read.ok()) context.output().write(text);
+  return read;
 }
 
 Outcome export_to_file(Context& context, const std::string& top, const std::string& path) {
@@ -129,8 +133,7 @@ Outcome run_export(Context& context, const Arguments& arguments) {
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   if (arguments.file && *arguments.file != "-") return export_to_file(context, top, *arguments.file);
-  const Outcome written = export_to_output(context, top);
-  return context.output().broken() ? Outcome() : written;  // finish() tells why
+  return export_to_output(context, top);
 }
 
 Outcome run_import(Context& context, const Arguments& arguments) {

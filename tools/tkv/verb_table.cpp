@@ -118,6 +118,9 @@ constexpr std::array kRestoreOptions{flag("--overwrite", "Replace what is there"
 constexpr std::array kVerifyOperands{
     one("FILE", "A backup to verify instead of the registry", false, &Arguments::file, Kind::kFile)};
 constexpr std::array kVerifyOptions{flag("--repair", "Remove what belongs to no key", &Arguments::repair)};
+constexpr std::array kMigrateOperands{one("FROM", "Where the keys are", true, &Arguments::from, Kind::kFile),
+                                      one("TO", "Where they are to be", true, &Arguments::to, Kind::kFile)};
+constexpr std::array kMigrateOptions{flag("--overwrite", "Replace what TO holds", &Arguments::overwrite)};
 constexpr std::array kHelpOperands{one("VERB", "What to tell of", false, &Arguments::key, Kind::kVerb)};
 constexpr std::array kHelpOptions{
     flag("--man", "The manual page tkv(1), for man", &Arguments::manual),
@@ -282,6 +285,18 @@ const Verb kVerbs[] = {
      "  tkv verify\n"
      "  tkv verify nightly.backup\n",
      kVerifyOperands, kVerifyOptions, run_verify},
+    {"migrate", "Copy a registry from one store to another",
+     "FROM and TO are a directory, or etcd://host:port (several with commas between), or a configuration file that\n"
+     "names the location with all that belongs to it. All keys are copied in batches, then both sides are compared "
+     "entry\n"
+     "by entry, and again when the source was changed meanwhile. Run it again after an interruption: it goes on where "
+     "it\n"
+     "was, by the key __tkv_migration that TO holds until it is complete. A TO that is not empty is refused (5) "
+     "unless\n"
+     "--overwrite. Stop those who write to FROM before the last run: what they write later stays behind.\n",
+     "  tkv migrate /var/lib/tkv etcd://node1:2379,etcd://node2:2379,etcd://node3:2379\n"
+     "  tkv migrate /etc/tkv/tkv.conf /etc/tkv/new.conf\n",
+     kMigrateOperands, kMigrateOptions, run_migrate},
     {"help", "Show help, or the manual pages", "Without VERB, an overview.\n",
      "  tkv help set\n"
      "  tkv help --man | man -l -\n",

@@ -78,6 +78,7 @@ Outcome run_import(Context& context, const Arguments& arguments);
 Outcome run_backup(Context& context, const Arguments& arguments);
 Outcome run_restore(Context& context, const Arguments& arguments);
 Outcome run_verify(Context& context, const Arguments& arguments);
+Outcome run_migrate(Context& context, const Arguments& arguments);
 Outcome run_help(Context& context, const Arguments& arguments);
 Outcome run_completion(Context& context, const Arguments& arguments);
 Outcome run_complete(Context& context, const Arguments& arguments);

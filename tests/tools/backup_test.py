@@ -1,0 +1,273 @@
+"""backup, restore and verify."""
+import json
+import pathlib
+import resource
+import signal
+import subprocess
+import sys
+import threading
+import unittest
+
+MAKE_ORPHANS = pathlib.Path(sys.argv.pop(2)).resolve() if len(sys.argv) > 2 else None
+
+from command import CONFLICT, CommandTest, DAMAGED, DONE, NOT_FOUND, OTHER, PARTLY, USAGE, kill  # noqa: E402
+
+
+class WithKeys(CommandTest):
+    def setUp(self):
+        super().setUp()
+        for key, words in (("app.hosts", ["--list", "alpha", "beta"]), ("app.nodes.alpha", ["up"]),
+                           ("app.limit", ["--int64", "5000000000"]), ("SYSTEM.version.patch", ["7"])):
+            self.tkv("set", "-p", key, *words)
+        self.tkv("set", "app.bytes", "--hex", "00ff00")
+        self.tkv("chown", "-R", "ada:staff", "app")
+        self.tkv("chmod", "o=", "app.hosts")
+        self.before = self.out("export")
+
+    def backup(self, *arguments):
+        return pathlib.Path(self.out("backup", "-q", *arguments).rstrip("\n"))
+
+    def change(self):
+        self.tkv("rm", "-r", "--yes", "app.nodes")
+        self.tkv("set", "app.limit", "changed")
+        self.tkv("set", "app.new", "later")
+
+
+class Backup(WithKeys):
+    def test_goes_to_the_configured_location_a_directory_or_a_file(self):
+        other = self.folder / "other"
+        other.mkdir()
+        configured = [self.backup(), self.backup()]
+        self.assertEqual({path.parent for path in configured}, {self.backups})
+        self.assertEqual(len(set(configured)), 2)
+        self.assertEqual(self.backup(other).parent, other)
+        named = self.folder / "named.backup"
+        self.assertEqual(self.backup(named), named)
+        self.assertEqual({named.stat().st_mode & 0o777}, {0o600})
+        self.assertIn("File exists", self.fails(CONFLICT, "backup", named))
+        self.fails(NOT_FOUND, "backup", self.folder / "no" / "such")
+        self.fails(NOT_FOUND, "backup", f"{self.folder}/missing/")
+
+    def test_without_a_location_it_says_so(self):
+        text = (self.folder / "tkv.conf").read_text().splitlines()
+        (self.folder / "tkv.conf").write_text("\n".join(text[:2]) + "\n")
+        self.assertIn("no backup location is configured", self.fails(USAGE, "backup"))
+
+    def test_says_what_it_holds(self):
+        told = json.loads(self.out("backup", "--json"))
+        checked = json.loads(self.out("verify", "--json", told["file"]))
+        keys = json.loads(self.before)["keys"]
+        for report in (told, checked):
+            self.assertEqual((report["keys"], report["values"], report["value_bytes"]),
+                             (len(keys), 5, 12 + 3 + 8 + 2 + 3))
+        self.assertEqual(told["xxh3_128"], checked["xxh3_128"])
+        self.assertIs(checked["sound"], True)
+        message = self.tkv("backup").messages
+        self.assertEqual(message, f"tkv: backup of {len(keys)} keys, 5 values, checked\n")
+
+    def test_a_failed_write_leaves_no_file(self):
+        self.tkv("set", "app.big", "--bytes", "-", given=b"x" * 2**20)
+
+        def small_files():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (65536, 65536))
+
+        done = subprocess.run(self.words("backup"), env=self.environment, capture_output=True, preexec_fn=small_files,
+                              check=False)
+        self.assertEqual((done.returncode, done.stdout), (OTHER, b""))
+        self.assertIn(b"File too large", done.stderr)
+        self.assertEqual(list(self.backups.iterdir()), [])
+
+    def test_is_one_state_while_others_write(self):
+        self.tkv("set", "one", "0")
+        self.tkv("set", "two", "0")
+        stop = threading.Event()
+        failures = []
+
+        def write():
+            number = 0
+            while not stop.is_set():
+                number += 1
+                keys = [{"name": ""}] + [{"name": name, "type": "text", "value": str(number)} for name in ("one", "two")]
+                done = self.run_command("import", "-q", "--merge", given=json.dumps({"tkv": 1, "top": "", "keys": keys}))
+                if done.code != DONE:
+                    failures.append(done.err)
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        try:
+            backups = [self.backup() for _ in range(8)]
+        finally:
+            stop.set()
+            writer.join()
+        self.assertEqual(failures, [])
+        self.tkv("rm", "one")
+        self.tkv("rm", "two")
+        for path in backups:
+            self.tkv("restore", "-q", path, "one")
+            self.tkv("restore", "-q", path, "two")
+            self.assertEqual(self.out("get", "one"), self.out("get", "two"))
+            self.tkv("rm", "one")
+            self.tkv("rm", "two")
+
+
+class Restore(WithKeys):
+    def test_brings_everything_back_into_an_empty_registry(self):
+        path = self.backup()
+        self.registry = self.folder / "second"
+        self.configure()
+        self.tkv("restore", path)
+        self.assertEqual(self.out("export"), self.before)
+        self.tkv("verify")
+
+    def test_refuses_to_overwrite_unless_told(self):
+        path = self.backup()
+        self.change()
+        changed = self.out("export")
+        self.assertIn("--overwrite replaces it", self.fails(CONFLICT, "restore", path))
+        self.assertIn("--overwrite replaces it", self.fails(CONFLICT, "restore", path, "app"))
+        self.assertEqual(self.out("export"), changed)
+        self.tkv("restore", "--overwrite", path)
+        self.assertEqual(self.out("export"), self.before)
+        self.fails(CONFLICT, "restore", path)
+
+    def test_asks_before_it_deletes_several_keys(self):
+        path = self.backup()
+        self.tkv("set", "-p", "new.one", "1")
+        self.assertIn("the restore deletes 2 keys", self.fails(CONFLICT, "restore", "--overwrite", path))
+        self.tkv("restore", "--overwrite", "--yes", path)
+        self.assertEqual(self.out("export"), self.before)
+
+    def test_of_one_subtree_leaves_the_rest(self):
+        path = self.backup()
+        self.change()
+        self.tkv("restore", path, "app.nodes")
+        self.assertEqual(self.out("get", "app.nodes.alpha"), "up\n")
+        self.assertEqual(self.out("get", "app.limit"), "changed\n")
+        self.fails(NOT_FOUND, "restore", path, "app.nothing")
+
+    def test_of_a_backup_of_a_subtree(self):
+        path = self.backup("--key", "app")
+        self.tkv("rm", "-r", "--yes", "app")
+        self.tkv("restore", path)
+        self.assertEqual(self.out("export"), self.before)
+        self.fails(NOT_FOUND, "restore", path, "SYSTEM")
+
+    def test_dry_run_changes_nothing(self):
+        path = self.backup()
+        self.change()
+        changed = self.out("export")
+        names = [json.loads(line[1:])["name"] for line in
+                 self.out("restore", "--dry-run", path).splitlines()]
+        self.assertEqual(names, ["app.limit", "app.limit", "app.new", "app.nodes", "app.nodes.alpha"])
+        self.assertEqual(self.out("export"), changed)
+
+    def test_a_damaged_backup_is_refused_wherever_the_damage_is(self):
+        path = self.backup()
+        sound = path.read_bytes()
+        damaged = self.folder / "damaged.backup"
+        for at in range(12, len(sound), 7):
+            damaged.write_bytes(sound[:at] + bytes([sound[at] ^ 0x40]) + sound[at + 1:])
+            self.fails(DAMAGED, "verify", damaged)
+        for size in range(12, len(sound), 41):
+            damaged.write_bytes(sound[:size])
+            self.fails(DAMAGED, "restore", "--overwrite", damaged)
+        damaged.write_bytes(sound + b"x")
+        self.fails(DAMAGED, "restore", "--overwrite", damaged)
+        self.assertEqual(self.out("export"), self.before)
+
+    def test_what_is_no_backup_is_refused(self):
+        other = self.folder / "other"
+        for contents in (b"", b"TKVBACK", b"#!/bin/sh\necho no backup\n"):
+            other.write_bytes(contents)
+            self.assertIn("is not a backup", self.fails(USAGE, "restore", other))
+        other.write_bytes(b"TKVBACKUP 2\n" + b"\0" * 100)
+        self.assertIn("of a format that this release lacks", self.fails(USAGE, "restore", other))
+        self.fails(NOT_FOUND, "restore", self.folder / "none")
+
+    def test_killed_at_any_time_it_is_whole_or_nothing(self):
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": "x" * (number % 300)}
+                                     for number in range(5000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        path = self.backup()
+        whole = self.out("export")
+        self.tkv("rm", "-r", "--yes", "many")
+        self.tkv("set", "app.limit", "changed")
+        changed = self.out("export")
+        for wait in range(0, 400, 12):
+            restoring = subprocess.Popen(self.words("restore", "-q", "--overwrite", path), env=self.environment)
+            try:
+                restoring.wait(wait / 1000)
+            except subprocess.TimeoutExpired:
+                pass
+            kill(restoring)
+            now = self.out("export")
+            self.assertIn(now, (changed, whole))
+            if now == whole:
+                break
+        self.tkv("restore", "-q", "--overwrite", path)
+        self.assertEqual(self.out("export"), whole)
+        self.tkv("verify")
+
+
+class Verify(WithKeys):
+    def test_counts_a_sound_registry(self):
+        self.golden("verify.txt", self.out("verify"))
+        report = json.loads(self.out("verify", "--json"))
+        self.assertEqual(report, {"keys": 10, "values": 5, "value_bytes": 28, "repaired": 0, "sound": True,
+                                  "findings": []})
+
+    def damage(self, sound, damaged):
+        """Changes bytes in the registry's file, wherever they are."""
+        data = self.registry / "data.mdb"
+        contents = data.read_bytes()
+        self.assertIn(sound, contents)
+        data.write_bytes(contents.replace(sound, damaged))
+
+    def test_names_the_key_whose_value_is_damaged(self):
+        self.tkv("set", "app.marked", "sound-as-a-bell")
+        self.damage(b"sound-as-a-bell", b"sound-as-a-bull")
+        result = self.tkv("verify", exits=DAMAGED)
+        self.assertIn("damaged-value: key 'app.marked'", result.text)
+        self.assertEqual(result.messages, "tkv: the registry is damaged\n")
+        finding, = json.loads(self.tkv("verify", "--json", exits=DAMAGED).text)["findings"]
+        self.assertEqual((finding["kind"], finding["name"]), ("damaged-value", "app.marked"))
+        self.assertIn("app.marked", self.fails(DAMAGED, "get", "app.marked"))
+        self.assertEqual(self.out("get", "app.nodes.alpha"), "up\n")
+        self.fails(DAMAGED, "backup")
+        self.assertEqual(list(self.backups.iterdir()), [])
+
+    def test_names_the_key_whose_record_is_damaged(self):
+        self.tkv("create", "app.marked", "--owner", "owner-of-the-marked")
+        self.damage(b"owner-of-the-marked", b"owner-of-the-market")
+        result = self.tkv("verify", exits=DAMAGED)
+        self.assertIn("damaged-key: key 'app.marked'", result.text)
+
+    def test_repair_removes_what_belongs_to_no_key(self):
+        subprocess.run([MAKE_ORPHANS, self.registry], check=True)
+        findings = json.loads(self.tkv("verify", "--json", exits=DAMAGED).text)["findings"]
+        self.assertEqual(sorted(finding["kind"] for finding in findings), ["orphan", "orphan-value"])
+        self.assertIn("'stray'", self.tkv("verify", exits=DAMAGED).text)
+        report = json.loads(self.out("verify", "--repair", "--json"))
+        self.assertEqual((report["repaired"], report["sound"]), (2, True))
+        self.assertEqual(self.out("verify"), self.out("verify", "--repair"))
+        self.assertEqual(self.out("export"), self.before)
+
+    def test_repair_leaves_a_damaged_key_alone(self):
+        subprocess.run([MAKE_ORPHANS, self.registry], check=True)
+        self.tkv("set", "app.marked", "sound-as-a-bell")
+        self.damage(b"sound-as-a-bell", b"sound-as-a-bull")
+        result = self.tkv("verify", "--repair", exits=PARTLY)
+        self.assertIn("damaged-value: key 'app.marked'", result.text)
+        self.assertIn("repaired     2\n", result.text)
+
+    def test_a_file_that_is_no_registry_is_not_touched(self):
+        data = self.registry / "data.mdb"
+        data.write_bytes(b"not a registry" * 1000)
+        self.fails(DAMAGED, "verify")
+        self.fails(DAMAGED, "set", "a", "x")
+        self.assertEqual(data.read_bytes(), b"not a registry" * 1000)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,76 @@
+"""migrate: one registry into another, whatever interrupts it."""
+import json
+import subprocess
+import unittest
+
+from command import CONFLICT, DONE, USAGE, CommandTest, kill
+
+
+class Migrate(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.target = self.folder / "target"
+        self.target_conf = self.folder / "target.conf"
+        self.target_conf.write_text(f"[registry]\nlocation = {self.target}\n")
+        for key, words in (("app.hosts", ["--list", "alpha", "beta"]), ("app.nodes.alpha", ["up"]),
+                           ("app.limit", ["--int64", "5000000000"])):
+            self.tkv("set", "-p", key, *words)
+        self.tkv("chown", "-R", "ada:staff", "app")
+        self.tkv("chmod", "o=", ".")
+        self.tkv("set", ".", "the root has a value")
+        self.source_text = self.out("export")
+
+    def target_text(self):
+        return self.out("export", "--conf", self.target_conf)
+
+    def test_the_target_is_the_same_entry_by_entry(self):
+        told = self.tkv("migrate", self.registry, self.target).messages
+        self.assertEqual(told, f"tkv: migrated 6 keys to {self.target}, compared one by one\n")
+        self.assertEqual(self.target_text(), self.source_text)
+        self.assertEqual(self.out("export"), self.source_text)
+
+    def test_a_configuration_file_names_a_place_too(self):
+        report = json.loads(self.out("migrate", "--json", self.folder / "tkv.conf", self.target_conf))
+        self.assertEqual(report, {"done": "migrate", "keys": 6, "changes": 6})
+        self.assertEqual(self.target_text(), self.source_text)
+
+    def test_a_target_that_is_not_empty_is_refused_unless_told(self):
+        self.tkv("set", "-p", "old.key", "x", "--conf", self.target_conf)
+        before = self.target_text()
+        self.assertIn("is not empty", self.fails(CONFLICT, "migrate", self.registry, self.target))
+        self.assertEqual(self.target_text(), before)
+        self.tkv("migrate", "--overwrite", self.registry, self.target)
+        self.assertEqual(self.target_text(), self.source_text)
+
+    def test_places_that_make_no_sense(self):
+        self.fails(USAGE, "migrate", self.registry, self.registry)
+        self.fails(USAGE, "migrate", self.registry, "relative")
+        self.fails(USAGE, "migrate", self.registry, "etcd://nowhere")
+        self.assertNotEqual(self.run_command("migrate", self.folder / "none", self.target).code, DONE)
+        self.assertFalse(self.target.exists())
+
+    def test_an_interrupted_one_goes_on(self):
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": f"value {number}"}
+                                     for number in range(20000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        migrating = subprocess.Popen(self.words("migrate", "-q", self.registry, self.target), env=self.environment)
+
+        def begun():
+            return self.run_command("get", "many.k00400", "--conf", self.target_conf).code == DONE
+
+        self.wait_until("the first keys", begun)
+        kill(migrating)
+        self.assertEqual(migrating.returncode, -9, "it was done too soon to be interrupted")
+        self.assertEqual(self.out("get", "__tkv_migration", "--conf", self.target_conf), f"{self.registry}\n")
+        self.assertIn("unfinished migration", self.fails(CONFLICT, "migrate", self.target, self.folder / "third"))
+        self.assertIn("unfinished migration from", self.fails(CONFLICT, "migrate", self.folder / "tkv.conf", self.target))
+        self.tkv("set", "many.k00001", "changed meanwhile")
+        self.tkv("rm", "many.k00002")
+        told = self.tkv("migrate", self.registry, self.target).messages
+        self.assertIn("going on with the migration", told)
+        self.assertEqual(self.target_text(), self.out("export"))
+        self.tkv("verify", "--conf", self.target_conf)
+
+
+if __name__ == "__main__":
+    unittest.main()

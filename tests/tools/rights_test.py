@@ -1,0 +1,156 @@
+"""Owners, rights, and what another user may do: chown, chmod, access, and every verb under rights."""
+import grp
+import json
+import os
+import pwd
+import shutil
+import unittest
+
+from command import CommandTest, DENIED, GROUP, NOT_FOUND, USAGE
+
+
+class Changing(CommandTest):
+    def setUp(self):
+        super().setUp()
+        for key in ("app.nodes.alpha", "app.hosts"):
+            self.tkv("create", "-p", key)
+
+    def security(self, key):
+        described = json.loads(self.out("stat", "--json", key))
+        return described["owner"], described["group"], described["masks"]
+
+    def test_chmod_by_letters_and_numbers(self):
+        for mode, masks in (("0x3f,0x34,0x3", [0x3f, 0x34, 0x3]), ("u=rlw,g+s,o=", [7, 0x3c, 0]),
+                            ("a+d", [0x27, 0x3c, 0x20]), ("ug-d", [7, 0x1c, 0x20]), ("o=0x3", [7, 0x1c, 3]),
+                            ("63,52,3", [63, 52, 3]), ("u=", [0, 52, 3]), ("u=rlwscd,go=", [63, 0, 0])):
+            with self.subTest(mode=mode):
+                self.tkv("chmod", mode, "app")
+                self.assertEqual(self.security("app")[2], masks)
+        self.assertEqual(self.security("app.hosts")[2], [63, 63, 3])
+
+    def test_malformed_modes_are_usage(self):
+        for mode in ("", "x", "u", "=r", "u=x", "z=r", "0x40,0,0", "1,2", "1,2,3,4", "u=r,", "0x,0,0", "u=9q"):
+            with self.subTest(mode=mode):
+                self.fails(USAGE, "chmod", mode, "app")
+
+    def test_chown_sets_what_is_named(self):
+        self.tkv("chown", "ada:staff", "app")
+        self.assertEqual(self.security("app")[:2], ("ada", "staff"))
+        self.tkv("chown", "bob", "app")
+        self.assertEqual(self.security("app")[:2], ("bob", "staff"))
+        self.tkv("chown", ":wheel", "app")
+        self.assertEqual(self.security("app")[:2], ("bob", "wheel"))
+        self.tkv("chown", "x" * 64, "app")
+        self.assertEqual(self.security("app")[0], "x" * 64)
+        self.fails(USAGE, "chown", ":", "app")
+        self.fails(USAGE, "chown", "x" * 65, "app")
+        self.fails(NOT_FOUND, "chown", "ada", "nothing")
+
+    def test_recursion_takes_the_whole_subtree(self):
+        self.tkv("chown", "-R", "ada", "app")
+        self.tkv("chmod", "-R", "g=r,o=", "app")
+        for key in ("app", "app.hosts", "app.nodes", "app.nodes.alpha"):
+            self.assertEqual(self.security(key), ("ada", GROUP, [63, 1, 0]))
+
+    def test_the_mode_that_is_shown_is_a_mode(self):
+        self.tkv("chmod", "u=rwd,g=,o=l", "app")
+        shown = json.loads(self.out("stat", "--json", "app"))["mode"]
+        self.tkv("chmod", shown, "app.hosts")
+        self.assertEqual(self.security("app.hosts")[2], self.security("app")[2])
+
+
+class Asking(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.user = pwd.getpwnam("nobody")
+        self.group = grp.getgrgid(self.user.pw_gid).gr_name
+        self.tkv("create", "app", "--owner", "ada", "--group", self.group, "--mode", "u=rlwscd,g=lw,o=r")
+
+    def test_access_adds_up_the_classes(self):
+        self.assertEqual(self.out("access", "nobody", "app"), "rlw---\n")
+        self.assertEqual(self.out("access", "root", "app"), "rlwscd\n")
+        self.fails(NOT_FOUND, "access", "no-such-user", "app")
+        self.fails(NOT_FOUND, "access", "nobody", "nothing")
+
+    def test_why_names_the_class_of_each_right(self):
+        why = json.loads(self.out("access", "--json", "--why", "nobody", "app"))
+        self.assertEqual((why["rights"], why["mask"]), ("rlw---", 7))
+        self.assertEqual(why["why"], {"read": {"granted": True, "by": ["other"]},
+                                      "list": {"granted": True, "by": ["group"]},
+                                      "write": {"granted": True, "by": ["group"]},
+                                      "security": {"granted": False, "by": []},
+                                      "create": {"granted": False, "by": []},
+                                      "delete": {"granted": False, "by": []}})
+        shown = self.out("access", "--why", "nobody", "app").replace(self.group, "GROUP")
+        self.golden("access.txt", shown)
+
+    def test_need_is_an_answer_for_scripts(self):
+        self.tkv("access", "nobody", "app", "--need", "rw")
+        result = self.tkv("access", "nobody", "app", "--need", "rd", exits=DENIED)
+        self.assertIn("-----d is missing", result.messages)
+        self.fails(USAGE, "access", "nobody", "app", "--need", "x")
+
+
+@unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
+class AnotherUser(CommandTest):
+    """The session of a user who shares the registry's files, but has not all rights within it."""
+
+    def setUp(self):
+        super().setUp()
+        self.user = pwd.getpwnam("nobody")
+        self.group = grp.getgrgid(self.user.pw_gid).gr_name
+        os.chmod(self.folder, 0o755)
+        os.chmod(self.backups, 0o777)
+        self.configure(f"group = {self.group}")
+        self.tkv("set", "-p", "app.open", "for all")
+        self.tkv("set", "app.secret", "for some", "--mode", "u=rlwscd,g=,o=")
+        self.tkv("set", "app.closed", "c", "--mode", "u=rlwscd,g=,o=r")
+        self.tkv("set", "app.closed.below", "b")
+        self.tkv("chown", "-R", "root:root", "app")
+
+    def as_nobody(self, *words, **how):
+        prefix = ("setpriv", f"--reuid={self.user.pw_uid}", f"--regid={self.user.pw_gid}", "--clear-groups")
+        return self.tkv(*words, prefix=prefix, **how)
+
+    def denied(self, *words, **how):
+        result = self.as_nobody(*words, exits=DENIED, **how)
+        self.assertEqual(result.out, b"")
+        self.assertIn("access denied", result.messages)
+
+    def test_what_is_granted_works(self):
+        self.assertEqual(self.as_nobody("get", "app.open").text, "for all\n")
+        self.assertEqual(self.as_nobody("ls", "app").text, "closed\nopen\nsecret\n")
+
+    def test_each_verb_keeps_to_the_rights(self):
+        before = self.out("export")
+        for words in (("get", "app.secret"), ("stat", "app.secret"), ("set", "app.open", "x"), ("create", "app.new"),
+                      ("rm", "app.open"), ("rm", "-r", "--yes", "app"), ("mv", "app.open", "app.moved"),
+                      ("cp", "app.secret", "copy"), ("cp", "app.open", "app.copy"), ("chown", "nobody", "app.open"),
+                      ("chmod", "o+w", "app.open"), ("chmod", "-R", "o+w", "app"), ("ls", "app.closed"),
+                      ("export", "app"), ("export", "app.closed"), ("backup",), ("backup", "--key", "app.secret"),
+                      ("access", "nobody", "app.secret"), ("verify", "--repair")):
+            with self.subTest(words=words):
+                self.denied(*words)
+        self.assertEqual(self.out("export"), before)
+        self.assertEqual(list(self.backups.iterdir()), [])
+
+    def test_an_import_that_lacks_a_right_does_nothing(self):
+        before = self.out("export")
+        given = json.dumps({"tkv": 1, "top": "app.open", "keys": [
+            {"name": "app.open", "type": "text", "value": "x"}, {"name": "app.open.below"}]})
+        self.denied("import", "--merge", given=given)
+        self.assertEqual(self.out("export"), before)
+
+    def test_tree_marks_what_it_may_not_show(self):
+        seen = self.as_nobody("tree", "app").text
+        self.assertIn("open = \"for all\"\n", seen)
+        self.assertIn("secret  (value: access denied)\n", seen)
+        self.assertIn("closed = \"c\"  (subkeys: access denied)\n", seen)
+
+    def test_long_ls_shows_no_security_that_may_not_be_read(self):
+        lines = self.as_nobody("ls", "-l", "app").text.splitlines()
+        self.assertEqual([line.split()[0] for line in lines if line.endswith("secret")], ["?"])
+
+
+if __name__ == "__main__":
+    unittest.main()

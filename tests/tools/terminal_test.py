@@ -1,0 +1,178 @@
+"""What people see on a terminal, and what scripts see instead."""
+import json
+import os
+import signal
+import subprocess
+import unittest
+
+from command import CONFLICT, CommandTest, DONE
+
+
+class Questions(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.tkv("set", "-p", "app.nodes.alpha", "up")
+
+    def answer(self, answer, *words):
+        terminal = self.terminal(*words)
+        terminal.read_until(b"[y/N] ")
+        terminal.type(answer)
+        return terminal.finish()
+
+    def test_a_no_deletes_nothing(self):
+        for answer in ("n\n", "\n", "what\n", "\x04"):
+            with self.subTest(answer=answer):
+                code, seen = self.answer(answer, "rm", "-r", "app")
+                self.assertEqual(code, CONFLICT)
+                self.assertTrue(seen.startswith("tkv: this deletes 3 keys. Go on? [y/N] "), seen)
+                self.assertTrue(seen.endswith("tkv: nothing was done\n"), seen)
+                self.assertEqual(self.out("get", "app.nodes.alpha"), "up\n")
+
+    def test_a_yes_deletes(self):
+        code, _ = self.answer("y\n", "rm", "-r", "app")
+        self.assertEqual(code, DONE)
+        self.assertEqual(self.out("ls"), "")
+
+    def test_one_key_is_deleted_without_a_question(self):
+        self.assertEqual(self.on_terminal("rm", "app.nodes.alpha"), (DONE, ""))
+        self.assertEqual(self.on_terminal("rm", "-r", "app.nodes"), (DONE, ""))
+
+    def test_yes_asks_nothing(self):
+        self.assertEqual(self.on_terminal("rm", "-r", "--yes", "app"), (DONE, ""))
+
+    def test_an_input_that_is_no_terminal_is_a_refusal(self):
+        code, seen = self.on_terminal("rm", "-r", "app", input_file=subprocess.DEVNULL)
+        self.assertEqual(code, CONFLICT)
+        self.assertIn("needs --yes", seen)
+
+
+class Colours(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.tkv("set", "-p", "app.greeting", "hello")
+
+    def test_are_for_terminals_only(self):
+        self.assertIn("\x1b[", self.on_terminal("tree")[1])
+        self.assertIn("\x1b[", self.on_terminal("ls")[1])
+        self.assertNotIn("\x1b", self.out("tree"))
+        self.assertNotIn("\x1b", self.out("ls"))
+
+    def test_can_be_declined(self):
+        for words, environment in ((("tree", "--no-color"), {}), (("tree",), {"NO_COLOR": "1"}),
+                                   (("tree",), {"TERM": "dumb"})):
+            with self.subTest(words=words, environment=environment):
+                self.assertNotIn("\x1b", self.on_terminal(*words, environment=environment)[1])
+
+    def test_an_empty_no_color_means_nothing(self):
+        self.assertIn("\x1b[", self.on_terminal("tree", environment={"NO_COLOR": ""})[1])
+
+    def test_a_difference_is_coloured(self):
+        source = self.folder / "app.json"
+        source.write_text(self.out("export", "app").replace("hello", "good bye"))
+        code, seen = self.on_terminal("import", "--merge", "--dry-run", source)
+        self.assertEqual(code, DONE)
+        self.assertIn("\x1b[31m-{", seen)
+        self.assertIn("\x1b[32m+{", seen)
+
+
+class Safety(CommandTest):
+    """Names and values cannot do anything to a terminal."""
+
+    EVIL = "\x1b]0;owned\x07\x9b31m\r\u202e"
+
+    def setUp(self):
+        super().setUp()
+        self.name = "a\x1b[2J\u202eb"
+        self.tkv("set", self.name, self.EVIL.replace("\x9b", "\u009b"))
+
+    def test_nothing_of_them_reaches_a_terminal(self):
+        self.tkv("chown", "--", "o\x1b[31mwner", self.name)
+        for words in (("get", self.name), ("ls", "--no-color"), ("ls", "-l", "--no-color"), ("tree", "--no-color"),
+                      ("stat", self.name), ("export",), ("get", "--json", self.name), ("get", self.name + ".none"),
+                      ("tree", "-l", "--no-color"), ("access", "root", self.name, "--why"), ("get", "\x1b[31m..x")):
+            with self.subTest(words=words):
+                seen = self.on_terminal(*words)[1]
+                for bad in ("\x1b", "\x07", "\r", "\u009b", "\u202e"):
+                    self.assertNotIn(bad, seen)
+
+    def test_a_pipe_gets_them_as_they_are(self):
+        self.assertEqual(self.out("get", self.name), self.EVIL + "\n")
+        self.assertEqual(self.out("ls"), self.name + "\n")
+
+    def test_a_terminal_shows_them_escaped(self):
+        self.assertEqual(self.on_terminal("ls", "--no-color")[1], "a\\x1b[2J\\u{202e}b\n")
+
+
+class Pipes(CommandTest):
+    def setUp(self):
+        super().setUp()
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": "x" * 100}
+                                     for number in range(5000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+
+    def closed_early(self, *words):
+        process = subprocess.Popen(self.words(*words), env=self.environment, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE)
+        process.stdout.read(10)
+        process.stdout.close()
+        messages = process.stderr.read()
+        process.stderr.close()
+        return process.wait(), messages
+
+    def test_a_reader_that_leaves_ends_the_command_quietly(self):
+        for words in (("export",), ("tree",), ("ls", "-l", "many"), ("export", "--json")):
+            with self.subTest(words=words):
+                self.assertEqual(self.closed_early(*words), (-signal.SIGPIPE, b""))
+
+    def test_a_change_is_made_even_when_nobody_listens(self):
+        reader, writer = os.pipe()
+        os.close(reader)
+        done = subprocess.run(self.words("set", "--json", "a", "x"), env=self.environment, stdout=writer,
+                              stderr=subprocess.PIPE, check=False)
+        os.close(writer)
+        self.assertEqual((done.returncode, done.stderr), (-signal.SIGPIPE, b""))
+        self.assertEqual(self.out("get", "a"), "x\n")
+
+    def test_messages_nobody_reads_change_nothing(self):
+        reader, writer = os.pipe()
+        os.close(reader)
+        done = subprocess.run(self.words("get", "nothing"), env=self.environment, stderr=writer, check=False)
+        os.close(writer)
+        self.assertEqual(done.returncode, 3)
+
+    def test_a_closed_standard_output_is_an_error(self):
+        done = subprocess.run(["/bin/sh", "-c", '"$0" "$@" >&-', *self.words("get", "many.k00000")],
+                              env=self.environment, capture_output=True, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr, b"tkv: cannot write the output: Bad file descriptor\n")
+
+
+class Bars(CommandTest):
+    def many_keys(self):
+        keys = ",\n".join(f'{{"name":"many.k{number:05}"}}' for number in range(60000))
+        return f'{{"tkv":1,"top":"many","keys":[{{"name":"many"}},{keys}]}}'
+
+    def test_long_work_shows_its_progress_on_a_terminal_and_takes_it_away(self):
+        source = self.folder / "many.json"
+        source.write_text(self.many_keys())
+        self.tkv("import", source)
+        with open(self.folder / "out", "wb") as output:
+            code, seen = self.on_terminal("export", "many", output=output)
+        self.assertEqual(code, DONE)
+        if seen:  # a fast machine is done before a bar would be of use
+            self.assertRegex(seen, r"^(\rexport [0-9,]+\x1b\[K)+\r\x1b\[K$")
+        result = self.tkv("export", "many")
+        self.assertEqual(result.err, b"")
+
+
+class Quiet(CommandTest):
+    def test_only_errors_are_said(self):
+        self.tkv("set", "-p", "app.a", "1")
+        text = self.out("export", "app")
+        self.assertEqual(self.tkv("import", given=text).messages, "tkv: import of 2 keys to key 'app': 0 changes\n")
+        self.assertEqual(self.tkv("import", "-q", given=text).messages, "")
+        self.assertEqual(self.tkv("get", "-q", "none", exits=3).messages, "tkv: key 'none' does not exist\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
