@@ -14,6 +14,7 @@ import java.util.Optional;
 import java.util.Spliterator;
 import java.util.Spliterators;
 import java.util.function.Consumer;
+import java.util.function.Function;
 import java.util.function.Supplier;
 import java.util.stream.Stream;
 import java.util.stream.StreamSupport;
@@ -34,6 +35,9 @@ import velmar.qen.mgmt.nativesystem.TKVNative;
  * {@link RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
  */
 public final class Registry implements AutoCloseable {
+    /** The registry's data type of a text. */
+    private static final int TEXT = 3;
+
     private static final Cleaner CLEANER = Cleaner.create();
 
     private final Session session;
@@ -117,7 +121,7 @@ public final class Registry implements AutoCloseable {
      * @throws NumberFormatException when its text is no such number
      */
     public int getInt(String name) {
-        return Integer.parseInt(get(name));
+        return number(name, Integer::valueOf);
     }
 
     /**
@@ -129,7 +133,7 @@ public final class Registry implements AutoCloseable {
      * @throws NumberFormatException when its text is no such number
      */
     public long getLong(String name) {
-        return Long.parseLong(get(name));
+        return number(name, Long::valueOf);
     }
 
     /**
@@ -364,7 +368,7 @@ public final class Registry implements AutoCloseable {
         // The native method that creates with a value gives another group's security to the working key, the root.
         inTurn(() -> {
             create(name, security);
-            orUndo(name, () -> put(name, value, security));
+            orUndo(() -> put(name, value, security), () -> delete(name));
             return null;
         });
     }
@@ -454,7 +458,7 @@ public final class Registry implements AutoCloseable {
                 throw absent(source);
             }
             create(target);
-            orUndo(target, () -> TreeCopy.run(natives, source, target, owner));
+            orUndo(() -> TreeCopy.run(natives, source, target, owner), () -> deleteTree(target));
             return null;
         });
     }
@@ -533,15 +537,22 @@ public final class Registry implements AutoCloseable {
         });
     }
 
-    /** The registry's data type of a text. */
-    private static final int TEXT = 3;
-
     private <T> T inTurn(Supplier<T> work) {
         try {
             return session.inTurn(work);
         } finally {
             // The net must not close the session under a call of an object that nobody holds any more.
             Reference.reachabilityFence(this);
+        }
+    }
+
+    private <N extends Number> N number(String name, Function<String, N> reading) {
+        String text = get(name);
+        try {
+            return reading.apply(text);
+        } catch (NumberFormatException e) {
+            // Without the text, which may be a secret.
+            throw new NumberFormatException("the text of key '" + name + "' is no number that fits");
         }
     }
 
@@ -619,13 +630,13 @@ public final class Registry implements AutoCloseable {
         });
     }
 
-    /** Does the second half of making a key, and deletes the key again when that fails. */
-    private void orUndo(String name, Runnable secondHalf) {
+    /** Does the second half of making a key, and undoes the first when that fails. */
+    private static void orUndo(Runnable secondHalf, Runnable undo) {
         try {
             secondHalf.run();
         } catch (RegistryException failure) {
             try {
-                deleteTree(name);
+                undo.run();
             } catch (RegistryException kept) {
                 failure.addSuppressed(kept);
             }

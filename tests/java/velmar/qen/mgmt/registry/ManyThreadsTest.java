@@ -3,18 +3,17 @@ package velmar.qen.mgmt.registry;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import java.time.Duration;
-import java.time.Instant;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Random;
 import java.util.concurrent.Callable;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
+import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
-import java.util.concurrent.atomic.AtomicLong;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
@@ -23,10 +22,11 @@ import org.junit.jupiter.api.Test;
 class ManyThreadsTest {
     private static final String USER = System.getProperty("user.name");
     private static final int THREADS = 8;
-    private static final int CALLS_BEFORE_CLOSING = 8_000;
+    /** Some seconds' worth. */
+    private static final int ROUNDS_BEFORE_CLOSING = 10_000;
 
     private final ExecutorService pool = Executors.newFixedThreadPool(THREADS);
-    private final AtomicLong calls = new AtomicLong();
+    private final CountDownLatch rounds = new CountDownLatch(ROUNDS_BEFORE_CLOSING);
     private final AtomicInteger created = new AtomicInteger();
     private Registry registry;
 
@@ -57,10 +57,15 @@ class ManyThreadsTest {
                 registry.putInt("threads.counter" + thread, confirmed + 1);
                 confirmed++;
                 callAnything(random, thread);
-                calls.addAndGet(3);
+                rounds.countDown();
             }
         } catch (RegistryClosedException end) {
             return confirmed;
+        } finally {
+            // Also after a failure, so that it is told at once.
+            while (rounds.getCount() > 0) {
+                rounds.countDown();
+            }
         }
     }
 
@@ -109,17 +114,13 @@ class ManyThreadsTest {
             int thread = i;
             workers.add(pool.submit((Callable<Integer>) () -> work(thread)));
         }
-        Instant deadline = Instant.now().plus(Duration.ofSeconds(60));
-        while (calls.get() < CALLS_BEFORE_CLOSING && workers.stream().noneMatch(Future::isDone)) {
-            assertTrue(Instant.now().isBefore(deadline), () -> calls + " calls in a minute");
-            Thread.onSpinWait();
-            Thread.yield();
-        }
+        boolean enough = rounds.await(90, TimeUnit.SECONDS);
         registry.close();
         List<Integer> confirmed = new ArrayList<>();
         for (Future<Integer> worker : workers) {
             confirmed.add(worker.get());
         }
+        assertTrue(enough, () -> rounds + " in time");
         registry = Registry.open();
         for (int i = 0; i < THREADS; i++) {
             assertEquals(confirmed.get(i), registry.getInt("threads.counter" + i));

@@ -96,7 +96,9 @@ class RegistryTest extends OpenRegistry {
     @Test
     void whatIsNoNumberIsRefused() {
         registry.put(below("k"), "twelve");
-        assertThrows(NumberFormatException.class, () -> registry.getInt(below("k")));
+        NumberFormatException failure =
+                assertThrows(NumberFormatException.class, () -> registry.getInt(below("k")));
+        assertEquals("the text of key '" + below("k") + "' is no number that fits", failure.getMessage());
         registry.putLong(below("k"), Long.MAX_VALUE);
         assertThrows(NumberFormatException.class, () -> registry.getInt(below("k")));
         assertEquals(Long.MAX_VALUE, registry.getLong(below("k")));
