@@ -7,6 +7,7 @@ BUILD_PACKAGES = cmake g++ ninja-build openjdk-17-jdk-headless liblmdb-dev libxx
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
                  python3 iproute2 e2fsprogs pkg-config
 LINT_PACKAGES  = clang-format clang-tidy
+FUZZ_PACKAGES  = clang libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
                  valgrind
 
@@ -34,7 +35,7 @@ cmake --preset $(1) $(2) --log-level=WARNING
 cmake --build --preset $(1) -j $(JOBS)
 endef
 
-.PHONY: help packages-build packages-test packages-lint packages-bench build demo demo-cluster test coverage bench format lint \
+.PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test coverage fuzz bench format lint \
         install clean
 
 help: ## list the targets
@@ -46,6 +47,8 @@ packages-test:
 	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES))
 packages-lint:
 	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(LINT_PACKAGES))
+packages-fuzz:
+	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(FUZZ_PACKAGES))
 packages-bench:
 	$(call require,$(BUILD_PACKAGES) $(TEST_PACKAGES) $(BENCH_PACKAGES))
 
@@ -68,6 +71,10 @@ coverage: packages-test ## line and branch coverage of the bridge
 	$(call preset,coverage)
 	tests/bridge/coverage.sh build/coverage
 
+fuzz: packages-fuzz ## run each fuzzer for a bounded number of inputs
+	$(call preset,fuzz)
+	ctest --preset fuzz -L fuzz
+
 bench: packages-bench ## measure beside the peers
 	$(call preset,release,-DTKV_BENCH=ON)
 	bench/run --instructions
@@ -78,7 +85,8 @@ format: packages-lint ## format all C and C++
 lint: packages-lint ## check format, and the C++ with clang-tidy
 	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run -Werror
 	$(call preset,release,-DTKV_TESTS=ON)
-	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release
+	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release \
+	  --extra-arg=-Wno-ignored-optimization-argument
 
 install: build ## install below PREFIX (/usr/local)
 	cmake --install build/release --prefix $(PREFIX)
