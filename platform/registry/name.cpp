@@ -1,5 +1,7 @@
 #include "name.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -27,18 +29,21 @@ std::size_t character_size(std::string_view text, std::size_t at) {
   return first == 0xe0 && second < 0xa0 ? 0 : 3;
 }
 
-Status check_level(std::string_view level) {
-  if (level.empty()) return {PRTKV_INVALID_NAME, "invalid name: a level is empty"};
-  if (level.size() > kMaxLevelBytes) {
-    return {PRTKV_INVALID_NAME, "invalid name: a level has " + std::to_string(level.size()) + " bytes, more than " +
-                                    std::to_string(kMaxLevelBytes)};
-  }
-  for (std::size_t at = 0; at < level.size();) {
-    const std::size_t size = character_size(level, at);
-    if (size == 0) return {PRTKV_INVALID_NAME, "invalid name: a level is not well-formed modified UTF-8 or holds NUL"};
-    at += size;
-  }
-  return {};
+std::size_t last_separator(std::string_view name) {
+  const void* found = name.empty() ? nullptr : ::memrchr(name.data(), kSeparator, name.size());
+  if (found == nullptr) return std::string_view::npos;
+  return static_cast<std::size_t>(static_cast<const char*>(found) - name.data());
+}
+
+Status empty_level() { return {PRTKV_INVALID_NAME, "invalid name: a level is empty"}; }
+
+Status ill_formed() {
+  return {PRTKV_INVALID_NAME, "invalid name: a level is not well-formed modified UTF-8 or holds NUL"};
+}
+
+Status level_too_long(std::size_t size) {
+  return {PRTKV_INVALID_NAME,
+          "invalid name: a level has " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxLevelBytes)};
 }
 
 Status too_long(std::size_t size) {
@@ -94,15 +99,22 @@ std::uint32_t surrogate_at(std::string_view text, std::size_t at) {
 Status check_name(std::string_view name) {
   if (name.size() > kMaxNameBytes) return too_long(name.size());
   if (name.empty()) return {};
-  const std::size_t levels = count_levels(name);
-  if (levels > kMaxLevels) return too_deep(levels);
-  std::size_t start = 0;
-  while (true) {
-    const std::size_t end = std::min(name.find(kSeparator, start), name.size());
-    if (Status status = check_level(name.substr(start, end - start)); !status.ok()) return status;
-    if (end == name.size()) return {};
-    start = end + 1;
+  std::size_t start = 0;  // of the level
+  std::size_t levels = 0;
+  for (std::size_t at = 0;;) {
+    if (at == name.size() || name[at] == kSeparator) {
+      if (at == start) return empty_level();
+      if (at - start > kMaxLevelBytes) return level_too_long(at - start);
+      ++levels;
+      if (at == name.size()) break;
+      start = ++at;
+      continue;
+    }
+    const std::size_t size = character_size(name, at);
+    if (size == 0) return ill_formed();
+    at += size;
   }
+  return levels > kMaxLevels ? too_deep(levels) : Status();
 }
 
 Status check_relative_name(std::string_view name) {
@@ -118,11 +130,11 @@ std::string_view take_level(std::string_view* rest) {
 }
 
 std::string_view parent_of(std::string_view name) {
-  const std::size_t end = name.rfind(kSeparator);
-  return end == std::string_view::npos ? std::string_view() : name.substr(0, end);
+  const std::size_t end = last_separator(name);
+  return name.substr(0, end == std::string_view::npos ? 0 : end);
 }
 
-std::string_view last_level(std::string_view name) { return name.substr(name.rfind(kSeparator) + 1); }
+std::string_view last_level(std::string_view name) { return name.substr(last_separator(name) + 1); }
 
 std::size_t count_levels(std::string_view name) {
   return name.empty() ? 0 : 1 + static_cast<std::size_t>(std::count(name.begin(), name.end(), kSeparator));

@@ -82,7 +82,9 @@ Status Reader::find_parent(std::string_view name, store::NodeId* id) {
 }
 
 Status Reader::resolve(const KeyRef& key, Place* place) {
-  if (Status status = check_name(key.name); !status.ok()) return status;
+  if (key.id == store::kNoNode) {
+    if (Status status = check_name(key.name); !status.ok()) return status;
+  }
   Place found;
   if (!key.name.empty()) {
     if (Status status = find_parent(key.name, &found.parent); !status.ok()) return told(status, key.name);

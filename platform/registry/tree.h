@@ -4,7 +4,8 @@
 // and is used there only. Such a function may run more than once: it must set its results anew each time.
 //
 //   Keys.     A KeyRef names a key. With an id, the key of that name must also be the node of that id; another key that
-//             has taken its name since is not the key meant, and gives 4.
+//             has taken its name since is not the key meant, and gives 4. The name is then one that was found before,
+//             and not checked again.
 //   Names.    See name.h. A malformed name gives 5. Where an operation takes a parent and a name, the name is relative
 //             to the parent, of one or more levels, all of which but the last must exist (4), and the whole must be a
 //             full name within its limits (5).
