@@ -4,8 +4,8 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <limits>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -37,20 +37,20 @@ std::int64_t number_in(std::string_view text) {
   return error == std::errc() && end == text.data() + text.size() ? number : kNoNumber;
 }
 
-template <typename Word>
-std::int64_t word_in(std::span<const std::byte> bytes) {
-  Word word{};
-  if (bytes.size() != sizeof word) return kNoNumber;
-  std::memcpy(&word, bytes.data(), sizeof word);
-  return word;
+// A signed word of `size` bytes, least significant first.
+std::int64_t word_in(std::span<const std::byte> bytes, std::size_t size) {
+  if (bytes.size() != size) return kNoNumber;
+  std::uint64_t word = 0;
+  for (std::size_t at = size; at-- > 0;) word = word << 8 | std::to_integer<std::uint64_t>(bytes[at]);
+  return size == sizeof(std::int32_t) ? static_cast<std::int32_t>(word) : static_cast<std::int64_t>(word);
 }
 
 std::int64_t number_of(const tkv::store::Value& value) {
   switch (value.type) {
     case PRTKV_TYPE_WORD32:
-      return word_in<std::int32_t>(value.bytes);
+      return word_in(value.bytes, 4);
     case PRTKV_TYPE_WORD64:
-      return word_in<std::int64_t>(value.bytes);
+      return word_in(value.bytes, 8);
     case PRTKV_TYPE_TEXT:
       return number_in({reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()});
     default:

@@ -26,9 +26,9 @@ enum {
 int32_t clsugetconf(lpm_ctx pm, uint32_t flags, int32_t *configuration);
 
 /* Gives the cluster's software patch level: the value of the key SYSTEM.version.patch, 0 when there is none. A text
- * (PRTKV_TYPE_TEXT) is read as a decimal number, a word (PRTKV_TYPE_WORD32 and 64) in the machine's byte order; what
- * is no number from 0 to 2147483647 gives 8. Reading needs the read right. As an operation of the registry client, it
- * leaves the context's last error text when it fails. `flags` and `reserved` are 0. */
+ * (PRTKV_TYPE_TEXT) is read as a decimal number, a word (PRTKV_TYPE_WORD32 and 64) as a number with its least
+ * significant byte first; what is no number from 0 to 2147483647 gives 8. Reading needs the read right. As an operation
+ * of the registry client, it leaves the context's last error text when it fails. `flags` and `reserved` are 0. */
 int32_t clsvswpatch(prtkv_ctx ctx, uint32_t flags, int32_t *patch_level, uint32_t reserved);
 
 #pragma GCC visibility pop

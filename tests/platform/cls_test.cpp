@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -51,13 +50,6 @@ TEST_F(Membership, FailureLeavesTheWord) {
   EXPECT_EQ(word_, 77);
 }
 
-template <typename Word>
-std::string word(Word number) {
-  std::string bytes(sizeof number, '\0');
-  std::memcpy(bytes.data(), &number, sizeof number);
-  return bytes;
-}
-
 struct PatchCase {
   std::int32_t type;
   std::string value;
@@ -91,10 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
                       PatchCase{3, std::string(" 42 \n\0", 6), 42}, PatchCase{3, std::string("0\0", 2), 0},
                       PatchCase{3, "2147483647", 2147483647}, PatchCase{3, "2147483648", -1}, PatchCase{3, "-1", -1},
                       PatchCase{3, "", -1}, PatchCase{3, "12a", -1}, PatchCase{3, "99999999999999999999", -1},
-                      PatchCase{1, word<std::int32_t>(7), 7}, PatchCase{1, word<std::int32_t>(-7), -1},
-                      PatchCase{1, "abc", -1}, PatchCase{2, word<std::int64_t>(1234567), 1234567},
-                      PatchCase{2, word<std::int64_t>(1LL << 31), -1}, PatchCase{2, word<std::int32_t>(7), -1},
-                      PatchCase{5, std::string("7\0\0", 3), -1}, PatchCase{0, "7", -1}, PatchCase{0, "", 0}));
+                      PatchCase{1, std::string("\x07\x01\0\0", 4), 263}, PatchCase{1, "\xff\xff\xff\xff", -1},
+                      PatchCase{1, "abc", -1}, PatchCase{2, std::string("\x07\0\x01\0\0\0\0\0", 8), 65543},
+                      PatchCase{2, std::string("\0\0\0\x80\0\0\0\0", 8), -1},
+                      PatchCase{2, std::string("\x07\0\0\0", 4), -1}, PatchCase{5, std::string("7\0\0", 3), -1},
+                      PatchCase{0, "7", -1}, PatchCase{0, "", 0}));
 
 TEST(PatchLevelKey, AbsentIsLevel0AlsoWhenItsParentsAre) {
   Ground ground;

@@ -1,5 +1,8 @@
 // Who somebody is, and what a key grants him.
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -191,6 +194,40 @@ TEST(Identity, OfThisProcessHasTheUserThatRunsTheTest) {
   EXPECT_EQ(identity.user, record == nullptr ? std::to_string(geteuid()) : record->pw_name);
   EXPECT_EQ(identity.superuser, geteuid() == 0);
   EXPECT_FALSE(identity.groups.empty());
+}
+
+// Of a child that has taken other ids; what it found comes back through a pipe.
+TEST(Identity, IsTheEffectiveOneNotTheRealOne) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can take other ids";
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const gid_t groups[] = {4242, 1};
+    if (setgroups(2, groups) != 0 || setegid(65534) != 0 || seteuid(4343) != 0) _exit(1);
+    Identity identity;
+    if (!identity_of_process(&identity).ok()) _exit(2);
+    std::string found = identity.user + (identity.superuser ? "!" : "") + ":";
+    for (const std::string& name : identity.groups) found += name + ",";
+    const ssize_t size = write(ends[1], found.data(), found.size());
+    _exit(size == static_cast<ssize_t>(found.size()) ? 0 : 3);
+  }
+  close(ends[1]);
+  char found[256] = "";
+  const ssize_t size = read(ends[0], found, sizeof found - 1);
+  close(ends[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  ASSERT_GT(size, 0);
+  const auto named = [](gid_t id) {
+    const group* record = getgrgid(id);
+    return record == nullptr ? std::to_string(id) : std::string(record->gr_name);
+  };
+  EXPECT_EQ(std::string(found), "4343:" + named(65534) + "," + named(1) + "," + named(4242) + ",")
+      << "the system lists groups by number";
 }
 
 TEST(Identity, GivesFreshKeysToItself) {
