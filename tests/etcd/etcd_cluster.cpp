@@ -103,8 +103,15 @@ EtcdCluster::EtcdCluster(Options options) : options_(std::move(options)) {
   token_ = "tkv-test-" + std::to_string(getpid()) + "-" + std::to_string(++clusters);
   // A port that was free a moment ago may be another test's by now: then all members start again on other ports.
   for (int attempt = 0; attempt < 5; ++attempt) {
-    members_.assign(static_cast<std::size_t>(options_.members), {});
-    for (Member& member : members_) member = {free_port(), free_port(), 0};
+    members_ = std::vector<Member>(static_cast<std::size_t>(options_.members));
+    for (int i = 0; i < size(); ++i) {
+      Member& member = members_[static_cast<std::size_t>(i)];
+      member.client_port = free_port();
+      member.peer_port = free_port();
+      if (!options_.between_proxies) continue;
+      member.proxy = std::make_unique<PeerProxy>(member.peer_port,
+                                                 [this, i](const std::string& dialler) { return is_cut(i, dialler); });
+    }
     for (int i = 0; i < size(); ++i) start(i);
     const bool up = eventually([&] {
       for (Member& member : members_) {
@@ -148,8 +155,10 @@ EtcdOptions EtcdCluster::registry() const {
 
 std::vector<std::string> EtcdCluster::command(int member) const {
   const auto name = [](int i) { return "m" + std::to_string(i); };
+  const auto url = [](int port) { return "http://127.0.0.1:" + std::to_string(port); };
   const auto peer = [&](int i) {
-    return "http://127.0.0.1:" + std::to_string(members_[static_cast<std::size_t>(i)].peer_port);
+    const Member& of = members_[static_cast<std::size_t>(i)];
+    return url(of.proxy ? of.proxy->port() : of.peer_port);
   };
   const std::string client = options_.scheme + "://" + endpoint(member);
   std::string all;
@@ -159,7 +168,7 @@ std::vector<std::string> EtcdCluster::command(int member) const {
                                   "--data-dir=" + directory_.file(name(member)),
                                   "--listen-client-urls=" + client,
                                   "--advertise-client-urls=" + client,
-                                  "--listen-peer-urls=" + peer(member),
+                                  "--listen-peer-urls=" + url(members_[static_cast<std::size_t>(member)].peer_port),
                                   "--initial-advertise-peer-urls=" + peer(member),
                                   "--initial-cluster=" + all,
                                   "--initial-cluster-state=new",
@@ -185,9 +194,35 @@ void EtcdCluster::kill(int member) {
   process = 0;
 }
 
+void EtcdCluster::restart(int member) {
+  kill(member);
+  start(member);
+  wait_until_ready();
+}
+
 void EtcdCluster::stop(int member) { ::kill(members_[static_cast<std::size_t>(member)].process, SIGSTOP); }
 
 void EtcdCluster::go_on(int member) { ::kill(members_[static_cast<std::size_t>(member)].process, SIGCONT); }
+
+// The lines of the list: id, state, name, peer address, client address.
+void EtcdCluster::cut(int member) {
+  const std::string list = ctl({"member", "list"});
+  const auto name = list.find(", m" + std::to_string(member) + ",");
+  ASSERT_NE(name, std::string::npos) << list;
+  const auto line = list.rfind('\n', name);
+  const std::size_t begin = line == std::string::npos ? 0 : line + 1;
+  const std::lock_guard lock(cut_mutex_);
+  cut_id_ = list.substr(begin, list.find(',', begin) - begin);
+  cut_member_ = member;
+}
+
+void EtcdCluster::heal() { cut_member_ = -1; }
+
+bool EtcdCluster::is_cut(int target, const std::string& dialler) const {
+  if (cut_member_ < 0) return false;
+  const std::lock_guard lock(cut_mutex_);
+  return target == cut_member_ || dialler == cut_id_;
+}
 
 std::string EtcdCluster::ctl(std::vector<std::string> arguments) const {
   std::string addresses;
@@ -195,7 +230,7 @@ std::string EtcdCluster::ctl(std::vector<std::string> arguments) const {
     if (is_running(i)) addresses += (addresses.empty() ? "" : ",") + options_.scheme + "://" + endpoint(i);
   }
   std::vector<std::string> all{"env", "ETCDCTL_API=3", "etcdctl", "--endpoints=" + addresses};
-  all.insert(all.end(), ctl_flags.begin(), ctl_flags.end());
+  all.insert(all.end(), options_.ctl_flags.begin(), options_.ctl_flags.end());
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::string output;
   run(all, &output);
@@ -207,7 +242,7 @@ int EtcdCluster::leader() const {
     if (!is_running(i)) continue;
     std::vector<std::string> command{"env", "ETCDCTL_API=3", "etcdctl", "--command-timeout=1s",
                                      "--endpoints=" + options_.scheme + "://" + endpoint(i)};
-    command.insert(command.end(), ctl_flags.begin(), ctl_flags.end());
+    command.insert(command.end(), options_.ctl_flags.begin(), options_.ctl_flags.end());
     command.insert(command.end(), {"endpoint", "status"});
     std::string output;
     // endpoint, id, version, size, is leader, is learner, ...

@@ -5,13 +5,16 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "etcd_module.h"
+#include "peer_proxy.h"
 #include "store.h"
 
 namespace tkv::store::etcd {
@@ -45,9 +48,10 @@ class EtcdCluster {
  public:
   struct Options {
     int members = 1;
-    std::vector<std::string> flags;  // more of etcd's, for each member
-    std::string scheme = "http";     // of the clients' connections
-    bool between_proxies = false;    // members reach each other through proxies of the test, which can be closed
+    std::vector<std::string> flags;      // more of etcd's, for each member
+    std::vector<std::string> ctl_flags;  // more of etcdctl's: certificates
+    std::string scheme = "http";         // of the clients' connections
+    bool between_proxies = false;        // members reach each other through proxies of the test, which can cut one off
   };
 
   explicit EtcdCluster(Options options);
@@ -71,26 +75,36 @@ class EtcdCluster {
 
   void kill(int member);  // with -9, and waits for its end
   void start(int member);
-  void stop(int member);  // SIGSTOP
+  void restart(int member);  // and waits until it answers
+  void stop(int member);     // SIGSTOP
   void go_on(int member);
+  // Cuts a member off from the others, or lets it back; only with `between_proxies`.
+  void cut(int member);
+  void heal();
   bool is_running(int member) const { return members_[static_cast<std::size_t>(member)].process > 0; }
 
   // etcdctl with this cluster's endpoints; what it printed.
   std::string ctl(std::vector<std::string> arguments) const;
-  std::vector<std::string> ctl_flags;  // more of etcdctl's: certificates, user
+  void set_ctl_flags(std::vector<std::string> flags) { options_.ctl_flags = std::move(flags); }
 
  private:
   struct Member {
     int client_port = 0;
     int peer_port = 0;
     pid_t process = 0;
+    std::unique_ptr<PeerProxy> proxy;
   };
 
   std::vector<std::string> command(int member) const;
 
   Options options_;
+  bool is_cut(int target, const std::string& dialler) const;
+
   TemporaryDirectory directory_;
   std::vector<Member> members_;
+  std::atomic<int> cut_member_{-1};
+  std::string cut_id_;
+  mutable std::mutex cut_mutex_;
   std::string token_;
 };
 

@@ -487,6 +487,14 @@ TEST_F(EtcdStore, ADamagedRecordIsNeverAnAnswer) {
   EXPECT_NE(found.find("node b; "), std::string::npos) << found;
   EXPECT_NE(found.find("value; "), std::string::npos) << found;
   EXPECT_EQ(count_raw(keys().all_values()), 2);
+
+  // The operator gives the entry up: what hung on it hangs on nothing then.
+  ASSERT_TRUE(done(store_->write([](Update& update) { return update.unlink(kRootNode, "b"); })));
+  ASSERT_TRUE(done(write_key(*store_, "a", "value again")));
+  ASSERT_TRUE(done(store_->check(
+      true, [](const Finding&) {}, &totals)));
+  EXPECT_EQ(totals_of(*store_).nodes, 2u);
+  EXPECT_EQ(count_raw(keys().all_values()), 1);
 }
 
 TEST_F(EtcdStore, ACheckPutsACounterOfIdsRightThatFellBehind) {

@@ -1,5 +1,6 @@
 #include "cluster.h"
 
+#include <grpc/support/log.h>
 #include <grpcpp/grpcpp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,12 +27,16 @@ constexpr std::size_t kMostEndpoints = 5;
 constexpr milliseconds kAttempt{300};       // the first one at each of several endpoints
 constexpr milliseconds kOnlyAttempt{1000};  // when there is no other endpoint to go to
 constexpr milliseconds kFirstPause{5};      // between rounds over the endpoints, doubling
-constexpr milliseconds kLongestPause{50};
+constexpr milliseconds kLongestPause{100};
 constexpr std::size_t kBytesPerMillisecond = 1024;  // what a slow network is taken to carry
 constexpr int kReceiveLimit = 8 * 1024 * 1024;      // twice what a page or a value needs
 constexpr int kTimeoutsBeforeReconnect = 3;
 constexpr int kOldestMajor = 3;
 constexpr int kOldestMinor = 4;
+
+constexpr const char* kMayWantTls = " (when the server wants TLS, a ca must be configured)";
+constexpr const char* kMayWantOtherTls =
+    " (the server broke it off: it does not speak TLS, or does not accept this side's certificate)";
 
 // The process in which gRPC was first used: its threads do not live on in a forked child.
 std::atomic<pid_t> grpc_process{0};
@@ -101,10 +106,8 @@ Status make_credentials(const ClusterOptions& options, std::shared_ptr<grpc::Cha
 grpc::ChannelArguments channel_arguments() {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(kReceiveLimit);
-  arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 50);
-  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 1000);  // also how long one attempt at a connection may take
-  arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 500);
-  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);  // servers throw out who pings more often than every 5 s
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 5000);  // how long one attempt at a connection may take
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);        // servers throw out who pings more often than every 5 s
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 3000);
   arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);  // repeating is decided here, not below
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
@@ -150,11 +153,14 @@ class Endpoint {
     return services_;
   }
 
-  // A connection whose packets vanish looks alive for long: after some attempts without any answer, a new one is made.
-  void note(bool timed_out) {
+  // What an attempt on `used` tells of the connection. One that could not be made is dialled anew the next time,
+  // without gRPC's own waiting, so that each attempt has a reason of its own. One whose packets vanish looks alive for
+  // long: after some attempts without any answer it is given up as well.
+  void note(const std::shared_ptr<Services>& used, bool not_connected, bool timed_out) {
     std::lock_guard lock(mutex_);
+    if (used != services_) return;
     timeouts_ = timed_out ? timeouts_ + 1 : 0;
-    if (timeouts_ < kTimeoutsBeforeReconnect) return;
+    if (!not_connected && timeouts_ < kTimeoutsBeforeReconnect) return;
     timeouts_ = 0;
     services_ = std::make_shared<Services>(dial_());
   }
@@ -241,14 +247,18 @@ std::uint64_t Cluster::Connection::add_token(grpc::ClientContext* context) {
 Judgement Cluster::Connection::judge_answer(const Answer& answer) {
   if (!answer.status.ok()) {
     Judgement judgement = judge(answer.status.error_code(), answer.status.error_message());
-    const bool closed = answer.status.error_message().find("ocket closed") != std::string::npos;
-    if (closed && options.ca.empty()) {
+    const std::string& message = answer.status.error_message();
+    const bool broken_off = message.find("ocket closed") != std::string::npos ||
+                            message.find("Endpoint read failed") != std::string::npos ||
+                            message.find("reset by peer") != std::string::npos;
+    if (broken_off) {
       judgement.status = Status(judgement.status.code(),
-                                judgement.status.text() + " (if the server wants TLS, a ca must be configured)");
+                                judgement.status.text() + (options.ca.empty() ? kMayWantTls : kMayWantOtherTls));
     }
     return judgement;
   }
-  if (!answer.complaint.empty()) return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, answer.complaint), true};
+  if (!answer.complaint.empty())
+    return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, answer.complaint), true, true};
   std::uint64_t known = 0;
   if (answer.cluster_id == 0 || cluster_id.compare_exchange_strong(known, answer.cluster_id) ||
       known == answer.cluster_id) {
@@ -256,7 +266,7 @@ Judgement Cluster::Connection::judge_answer(const Answer& answer) {
   }
   return {Verdict::kFinal,
           Status(PRTKV_STORAGE_FAILED, "it belongs to another etcd cluster than was opened, or to a restored one"),
-          false};
+          false, false};
 }
 
 Status Cluster::Connection::unreachable(const std::vector<std::string>& reasons) const {
@@ -275,17 +285,20 @@ Outcome Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool wit
   }
   Rounds rounds(endpoints.size(), preferred, transfer_time(bytes));
   std::vector<std::string> reasons(endpoints.size());
+  std::vector<bool> hopeless(endpoints.size());
   bool repeated = false;
   bool renewed = false;
   while (true) {
     Endpoint& endpoint = endpoints[rounds.index()];
     const auto services = endpoint.services();
     grpc::ClientContext context;
-    set_deadline(&context, std::min(rounds.attempt(), deadline.left()));
+    const milliseconds time = std::min(rounds.attempt(), deadline.left());
+    set_deadline(&context, time);
     const std::uint64_t token_used = with_token ? add_token(&context) : 0;
     const Answer answer = attempt(*services, &context);
-    endpoint.note(answer.status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED);
+    const bool timed_out = answer.status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
     Judgement judgement = judge_answer(answer);
+    endpoint.note(services, judgement.never_sent, timed_out);
     switch (judgement.verdict) {
       case Verdict::kDone:
         preferred = rounds.index();
@@ -303,9 +316,13 @@ Outcome Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool wit
         return {judgement.verdict, judgement.status.about(endpoint.address()), repeated};
     }
     repeated = repeated || !judgement.never_sent;
-    reasons[rounds.index()] = judgement.status.text();
-    rounds.next(deadline);
-    if (deadline.left().count() == 0) return {Verdict::kTryElsewhere, unreachable(reasons), repeated};
+    // What is cut short by the deadline has nothing to say.
+    std::string& reason = reasons[rounds.index()];
+    if (reason.empty() || !timed_out || time == rounds.attempt()) reason = judgement.status.text();
+    hopeless[rounds.index()] = judgement.hopeless;
+    const bool all_hopeless = std::find(hopeless.begin(), hopeless.end(), false) == hopeless.end();
+    if (!all_hopeless) rounds.next(deadline);
+    if (all_hopeless || deadline.left().count() == 0) return {Verdict::kTryElsewhere, unreachable(reasons), repeated};
   }
 }
 
@@ -374,6 +391,9 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
           "dns:///" + address, credentials, channel_arguments(), interceptors ? interceptors() : Interceptors());
     });
   }
+  // gRPC's own log would go to the standard error of whatever program this is.
+  if (getenv("GRPC_VERBOSITY") == nullptr)
+    gpr_set_log_verbosity(static_cast<gpr_log_severity>(GPR_LOG_SEVERITY_ERROR + 1));
   const Deadline deadline(options.timeout);
   if (!options.user.empty()) {
     if (Status status = connection->log_in(deadline); !status.ok()) return status;

@@ -8,20 +8,24 @@ namespace {
 bool contains(const std::string& message, std::string_view part) { return message.find(part) != std::string::npos; }
 
 // gRPC tells the reason of a failed connection behind two layers of its own.
-std::string connection_reason(const std::string& message) {
+std::string innermost(const std::string& message) {
   constexpr std::string_view kBefore = "last error: ";
   const auto at = message.rfind(kBefore);
-  std::string reason = at == std::string::npos ? message : message.substr(at + kBefore.size());
+  return at == std::string::npos ? message : message.substr(at + kBefore.size());
+}
+
+// What TLS has against the server, in words; null when it is something else.
+const char* tls_complaint(const std::string& reason) {
   if (contains(reason, "CERTIFICATE_VERIFY_FAILED") || contains(reason, "certificate verify failed")) {
-    return "the server's certificate is not trusted (" + reason + ")";
+    return "the server's certificate is not trusted";
   }
   if (contains(reason, "Hostname Verification Check failed") || contains(reason, "Peer name")) {
-    return "the server's certificate is for another host (" + reason + ")";
+    return "the server's certificate is for another host";
   }
   if (contains(reason, "WRONG_VERSION_NUMBER") || contains(reason, "wrong version number")) {
-    return "the server does not speak TLS (" + reason + ")";
+    return "the server does not speak TLS";
   }
-  return reason;
+  return nullptr;
 }
 
 bool is_connection_failure(const std::string& message) {
@@ -29,11 +33,22 @@ bool is_connection_failure(const std::string& message) {
          contains(message, "empty address list");
 }
 
-Judgement elsewhere(std::string reason, bool never_sent = false) {
-  return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, std::move(reason)), never_sent};
+Judgement elsewhere(std::string reason) {
+  return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, std::move(reason)), false, false};
 }
 
-Judgement final(prtkv_result code, std::string text) { return {Verdict::kFinal, Status(code, std::move(text)), false}; }
+Judgement final(prtkv_result code, std::string text) {
+  return {Verdict::kFinal, Status(code, std::move(text)), false, false};
+}
+
+Judgement unavailable(const std::string& message) {
+  const std::string reason = innermost(message);
+  const char* const complaint = tls_complaint(reason);
+  Judgement judgement = elsewhere(complaint == nullptr ? reason : complaint + (" (" + reason + ")"));
+  judgement.never_sent = is_connection_failure(message);
+  judgement.hopeless = complaint != nullptr;
+  return judgement;
+}
 
 Judgement invalid_argument(const std::string& message) {
   if (contains(message, "request is too large")) {
@@ -49,7 +64,7 @@ Judgement invalid_argument(const std::string& message) {
     return final(PRTKV_ACCESS_DENIED, "etcd asks for a user and none is configured: " + message);
   }
   if (contains(message, "revision of auth store is old")) {
-    return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message), false};
+    return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message), false, false};
   }
   return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
 }
@@ -69,7 +84,7 @@ Judgement out_of_range(const std::string& message) {
   if (contains(message, "has been compacted")) {
     return {Verdict::kCompacted,
             Status(PRTKV_STORAGE_FAILED, "etcd compacted the state that was being read; keep a longer history there"),
-            false};
+            false, false};
   }
   return elsewhere(message);
 }
@@ -108,11 +123,11 @@ Judgement judge(int grpc_code, const std::string& message) {
     case 13:  // INTERNAL
       return elsewhere(message);
     case 14:  // UNAVAILABLE
-      return elsewhere(connection_reason(message), is_connection_failure(message));
+      return unavailable(message);
     case 15:  // DATA_LOSS
       return final(PRTKV_STORAGE_FAILED, "etcd reports damaged data: " + message);
     case 16:  // UNAUTHENTICATED
-      return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, "etcd refused the login: " + message), false};
+      return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, "etcd refused the login: " + message), false, false};
     default:
       return final(PRTKV_UNKNOWN, "etcd answered with code " + std::to_string(grpc_code) + ": " + message);
   }

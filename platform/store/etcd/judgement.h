@@ -21,10 +21,11 @@ struct Judgement {
   Verdict verdict = Verdict::kDone;
   Status status;            // never success unless the verdict is kDone
   bool never_sent = false;  // the request certainly did not reach a server
+  bool hopeless = false;    // of this member: trying it again within the same operation does not help
 };
 
-// Judges a gRPC status by its number and message. Members are told apart by the message where etcd uses one code for
-// several conditions; an unknown code keeps its number in the text.
+// Judges a gRPC status by its number and message. The message decides where etcd uses one code for several
+// conditions; an unknown code keeps its number in the text.
 Judgement judge(int grpc_code, const std::string& message);
 
 }  // namespace tkv::store::etcd

@@ -455,9 +455,18 @@ Status Transaction::set_security(NodeId parent, std::string_view name, const sec
 
 Status Transaction::unlink(NodeId parent, std::string_view name) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
-  Node node;
-  if (Status status = find(parent, name, &node); !status.ok()) return status;
   Place place{parent, std::string(name)};
+  bool written = false;
+  std::optional<Node> own;
+  // A damaged entry can be taken off: what hangs below it is then found by a check.
+  Status status = look_up_written(place, &written, &own);
+  if (!failure_.ok()) return failure_;
+  if (written && !own && status.ok()) return PRTKV_NO_SUCH_KEY;
+  const Known* known = nullptr;
+  if (!written) {
+    if (status = look_up(place, &known); !status.ok()) return status;
+    if (known->mod_revision == 0) return PRTKV_NO_SUCH_KEY;
+  }
   const auto read = nodes_.find(place);
   const bool was_there = is_sent_ahead(place) || (read != nodes_.end() && read->second.mod_revision != 0);
   if (was_there) {

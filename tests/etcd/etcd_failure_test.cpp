@@ -1,0 +1,425 @@
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "etcd.grpc.pb.h"
+#include "etcd_cluster.h"
+#include "etcd_module.h"
+#include "etcd_store.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+testing::AssertionResult says(const Status& status, prtkv_result code, const std::vector<std::string>& words) {
+  if (!status.is(code)) return testing::AssertionFailure() << status.code() << " " << status.text();
+  for (const std::string& word : words) {
+    if (status.text().find(word) == std::string::npos) {
+      return testing::AssertionFailure() << "'" << word << "' is not in: " << status.text();
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+Status open(const EtcdOptions& options) {
+  std::shared_ptr<Store> store;
+  return open_etcd_store(options, &store);
+}
+
+std::string local(int port) { return "127.0.0.1:" + std::to_string(port); }
+
+// Accepts connections, as the kernel does for it, and never answers.
+class Silence {
+ public:
+  Silence() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), port_(free_port()) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port_));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener_, 16), 0);
+  }
+  ~Silence() { close(listener_); }
+  std::string endpoint() const { return local(port_); }
+
+ private:
+  int listener_;
+  int port_;
+};
+
+// ---- out of reach
+
+TEST(EtcdOutOfReach, EveryEndpointsOwnReasonIsTold) {
+  const Silence silent;
+  EtcdOptions options;
+  options.timeout_ms = 1500;
+  options.endpoints = {local(free_port()), silent.endpoint(), "no-such-host.invalid:2379"};
+  const Status status = open(options);
+  EXPECT_TRUE(says(status, PRTKV_UNREACHABLE,
+                   {options.endpoints[0] + ": ", "Connection refused", silent.endpoint() + ": no answer in time",
+                    "no-such-host.invalid:2379: DNS resolution failed"}));
+}
+
+TEST(EtcdOutOfReach, TheNextCallTriesAgain) {
+  EtcdCluster cluster;
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 800;
+  auto store = open_when_ready(options);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  cluster.kill(0);
+  std::string text;
+  EXPECT_TRUE(says(read_key(*store, "a", &text), PRTKV_UNREACHABLE, {cluster.endpoint(0)}));
+  EXPECT_TRUE(says(write_key(*store, "a", "lost"), PRTKV_UNREACHABLE, {cluster.endpoint(0)}));
+  EXPECT_TRUE(says(store->read_all([](View& view) {
+    Node node;
+    return view.find(kNoNode, "", &node);
+  }),
+                   PRTKV_UNREACHABLE, {cluster.endpoint(0)}));
+  EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {cluster.endpoint(0)}));
+  cluster.start(0);
+  EXPECT_TRUE(eventually([&] { return read_key(*store, "a", &text).ok(); }));
+  EXPECT_EQ(text, "value");
+}
+
+TEST(EtcdOutOfReach, AWriteThatWasNeverSentWasNotMade) {
+  EtcdCluster cluster;
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 500;
+  auto store = open_when_ready(options);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  cluster.kill(0);
+  (void)open_key(*store, "a");  // finds out that the connection is gone
+  const Status status = write_key(*store, "a", "other");
+  EXPECT_TRUE(says(status, PRTKV_UNREACHABLE, {"Connection refused"}));
+  EXPECT_EQ(status.text().find("cannot be told"), std::string::npos) << status.text();
+}
+
+TEST(EtcdOutOfReach, AnotherMemberIsAskedWhenOneIsGone) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.members = 3;
+  EtcdCluster cluster(cluster_options);
+  const auto store = open_when_ready(cluster.registry());
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  for (int member = 0; member < 3; ++member) {
+    cluster.kill(member);
+    std::string text;
+    EXPECT_TRUE(done(write_key(*store, "a", std::to_string(member))));
+    EXPECT_TRUE(done(read_key(*store, "a", &text)));
+    EXPECT_EQ(text, std::to_string(member));
+    cluster.start(member);
+    cluster.wait_until_ready();
+    EXPECT_TRUE(eventually([&] { return cluster.ctl({"endpoint", "health"}).find("unhealthy") == std::string::npos; }));
+  }
+}
+
+TEST(EtcdOutOfReach, WithoutAMajorityNothingIsAnswered) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.members = 3;
+  EtcdCluster cluster(cluster_options);
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 1500;
+  const auto store = open_when_ready(options);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  cluster.kill(1);
+  cluster.kill(2);
+  std::string text;
+  EXPECT_TRUE(says(read_key(*store, "a", &text), PRTKV_UNREACHABLE, {cluster.endpoint(0), cluster.endpoint(1)}));
+  cluster.start(1);
+  EXPECT_TRUE(eventually([&] { return read_key(*store, "a", &text).ok(); }));
+}
+
+TEST(EtcdOutOfReach, EndpointsOfTwoClustersAreNotTakenForOne) {
+  EtcdCluster first;
+  EtcdCluster second;
+  EtcdOptions options = first.registry();
+  options.endpoints.push_back(second.endpoint(0));
+  const auto store = open_when_ready(options);
+  ASSERT_TRUE(done(create_key(*store, "a")));
+  first.kill(0);
+  EXPECT_TRUE(says(open_key(*store, "a"), PRTKV_STORAGE_FAILED, {second.endpoint(0), "another etcd cluster"}));
+}
+
+// ---- options
+
+TEST(EtcdOptions, WhatCannotBeUsedIsRefused) {
+  const TemporaryDirectory directory;
+  const std::string open_file = directory.file("open");
+  const std::string empty_file = directory.file("empty");
+  std::ofstream(open_file) << "secret\n";
+  std::ofstream(empty_file) << "\n";
+  chmod(empty_file.c_str(), 0600);
+  chmod(open_file.c_str(), 0640);
+  EtcdOptions good;
+  good.endpoints = {local(free_port())};
+  good.timeout_ms = 300;
+  const auto with = [&](const std::function<void(EtcdOptions&)>& change) {
+    EtcdOptions options = good;
+    change(options);
+    return open(options);
+  };
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.endpoints.clear(); }), PRTKV_INVALID_CONFIGURATION, {"endpoints"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.endpoints.assign(6, "h:1"); }), PRTKV_INVALID_CONFIGURATION, {"five"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.prefix.clear(); }), PRTKV_INVALID_CONFIGURATION, {"prefix"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.timeout_ms = 0; }), PRTKV_INVALID_CONFIGURATION, {"timeout_ms"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.cert = "c"; }), PRTKV_INVALID_CONFIGURATION, {"cert", "key"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.cert = o.key = "c"; }), PRTKV_INVALID_CONFIGURATION, {"ca"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.ca = "/none/ca.pem"; }), PRTKV_CONFIGURATION_UNREADABLE,
+                   {"/none/ca.pem", "No such file"}));
+  EXPECT_TRUE(says(with([](EtcdOptions& o) { o.user = "u"; }), PRTKV_INVALID_CONFIGURATION, {"password_file"}));
+  const auto with_password = [&](const std::string& file) {
+    return with([&](EtcdOptions& o) {
+      o.user = "u";
+      o.password_file = file;
+    });
+  };
+  EXPECT_TRUE(
+      says(with_password("/none/password"), PRTKV_CONFIGURATION_UNREADABLE, {"/none/password", "No such file"}));
+  EXPECT_TRUE(says(with_password(open_file), PRTKV_INVALID_CONFIGURATION, {open_file, "chmod 600"}));
+  EXPECT_TRUE(says(with_password(empty_file), PRTKV_INVALID_CONFIGURATION, {empty_file, "no password"}));
+}
+
+// ---- TLS
+
+// Certificates of a test: an authority, a server for 127.0.0.1 and one for another host, a client.
+class Certificates {
+ public:
+  Certificates() {
+    authority("ca");
+    authority("other-ca");
+    issue("server", "subjectAltName=IP:127.0.0.1");
+    issue("elsewhere", "subjectAltName=DNS:elsewhere.example");
+    issue("client", "extendedKeyUsage=clientAuth");
+  }
+  std::string pem(const std::string& name) const { return directory_.file(name + ".pem"); }
+  std::string key(const std::string& name) const { return directory_.file(name + ".key"); }
+
+ private:
+  void openssl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "openssl");
+    std::string output;
+    ASSERT_EQ(run(arguments, &output), 0) << output;
+  }
+  void authority(const std::string& name) {
+    openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
+             "-subj", "/CN=" + name, "-keyout", key(name), "-out", pem(name)});
+  }
+  void issue(const std::string& name, const std::string& extension) {
+    openssl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=" + name,
+             "-keyout", key(name), "-out", directory_.file(name + ".csr")});
+    std::ofstream(directory_.file(name + ".ext")) << extension << "\n";
+    openssl({"x509", "-req", "-days", "2", "-in", directory_.file(name + ".csr"), "-CA", pem("ca"), "-CAkey", key("ca"),
+             "-CAcreateserial", "-extfile", directory_.file(name + ".ext"), "-out", pem(name)});
+  }
+
+  TemporaryDirectory directory_;
+};
+
+EtcdCluster::Options secured(const Certificates& certificates, const std::string& server) {
+  EtcdCluster::Options options;
+  options.scheme = "https";
+  options.flags = {"--cert-file=" + certificates.pem(server), "--key-file=" + certificates.key(server),
+                   "--trusted-ca-file=" + certificates.pem("ca"), "--client-cert-auth"};
+  options.ctl_flags = {"--insecure-skip-tls-verify", "--cacert=" + certificates.pem("ca"),
+                       "--cert=" + certificates.pem("client"), "--key=" + certificates.key("client")};
+  return options;
+}
+
+TEST(EtcdOverTls, OnlyTheRightCertificatesConnect) {
+  const Certificates certificates;
+  EtcdCluster cluster(secured(certificates, "server"));
+  EtcdOptions right = cluster.registry();
+  right.ca = certificates.pem("ca");
+  right.cert = certificates.pem("client");
+  right.key = certificates.key("client");
+  const auto store = open_when_ready(right);
+  ASSERT_TRUE(store);
+  EXPECT_TRUE(done(create_key(*store, "a", "value")));
+
+  EtcdOptions wrong = right;
+  wrong.timeout_ms = 1500;
+  wrong.ca = certificates.pem("other-ca");
+  EXPECT_TRUE(says(open(wrong), PRTKV_UNREACHABLE, {cluster.endpoint(0), "certificate is not trusted"}));
+  wrong.ca = right.ca;
+  wrong.cert.clear();
+  wrong.key.clear();
+  EXPECT_TRUE(says(open(wrong), PRTKV_UNREACHABLE, {cluster.endpoint(0), "does not accept this side's certificate"}));
+  wrong.ca.clear();
+  EXPECT_TRUE(says(open(wrong), PRTKV_UNREACHABLE, {cluster.endpoint(0), "a ca must be configured"}));
+}
+
+TEST(EtcdOverTls, TheCertificateOfAnotherHostIsRefused) {
+  const Certificates certificates;
+  EtcdCluster cluster(secured(certificates, "elsewhere"));
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 1500;
+  options.ca = certificates.pem("ca");
+  options.cert = certificates.pem("client");
+  options.key = certificates.key("client");
+  EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {cluster.endpoint(0), "certificate is for another host"}));
+}
+
+TEST(EtcdOverTls, AServerWithoutTlsIsNotSpokenToInPlainText) {
+  const Certificates certificates;
+  EtcdCluster cluster;
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 1500;
+  options.ca = certificates.pem("ca");
+  EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {cluster.endpoint(0), "does not speak TLS"}));
+}
+
+// ---- users
+
+TEST(EtcdUsers, TheRightPasswordOpensAndOnlyThePrefix) {
+  EtcdCluster cluster;
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("password");
+  const auto write_password = [&](const std::string& password) {
+    std::ofstream(file) << password << "\n";
+    chmod(file.c_str(), 0600);
+  };
+  EtcdOptions options = cluster.registry();
+  options.user = "registry";
+  options.password_file = file;
+  write_password("right");
+  EXPECT_TRUE(says(open(options), PRTKV_INVALID_CONFIGURATION, {"authentication switched off"}));
+
+  cluster.ctl({"user", "add", "root:root"});
+  cluster.ctl({"user", "grant-role", "root", "root"});
+  cluster.ctl({"user", "add", "registry:right"});
+  cluster.ctl({"role", "add", "registry"});
+  cluster.ctl({"role", "grant-permission", "registry", "--prefix=true", "readwrite", options.prefix});
+  cluster.ctl({"user", "grant-role", "registry", "registry"});
+  cluster.ctl({"auth", "enable"});
+  cluster.set_ctl_flags({"--user=root:root"});
+
+  const auto store = open_when_ready(options);
+  ASSERT_TRUE(store);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  totals_of(*store);
+
+  EtcdOptions elsewhere = options;
+  elsewhere.prefix = "/elsewhere/";
+  EXPECT_TRUE(says(open(elsewhere), PRTKV_ACCESS_DENIED, {"permission denied"}));
+  EtcdOptions nobody = options;
+  nobody.user.clear();
+  nobody.password_file.clear();
+  EXPECT_TRUE(says(open(nobody), PRTKV_ACCESS_DENIED, {"none is configured"}));
+  write_password("wrong");
+  EXPECT_TRUE(says(open(options), PRTKV_ACCESS_DENIED, {"refused user or password"}));
+
+  // A member forgets its logins when it starts: the session logs in again.
+  cluster.restart(0);
+  std::string text;
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  EXPECT_EQ(text, "value");
+  EXPECT_TRUE(done(write_key(*store, "a", "later")));
+
+  // Also when the rights are changed meanwhile.
+  cluster.ctl({"role", "add", "unrelated"});
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  cluster.ctl({"role", "revoke-permission", "registry", "--prefix=true", options.prefix});
+  EXPECT_TRUE(says(read_key(*store, "a", &text), PRTKV_ACCESS_DENIED, {"permission denied"}));
+}
+
+// ---- limits
+
+TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.flags = {"--quota-backend-bytes=4194304"};
+  EtcdCluster cluster(cluster_options);
+  const auto store = open_when_ready(cluster.registry());
+  ASSERT_TRUE(store);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  ASSERT_TRUE(done(create_key(*store, "b")));
+  const std::string large(512 * 1024, 'x');
+  Status status;
+  for (int i = 0; i < 40 && status.ok(); ++i) status = write_key(*store, "b", large);
+  EXPECT_TRUE(says(status, PRTKV_STORAGE_FULL, {"space alarm"}));
+  std::string text;
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  EXPECT_EQ(text, "value");
+  EXPECT_TRUE(says(create_key(*store, "c"), PRTKV_STORAGE_FULL, {"space alarm"}));
+  EXPECT_TRUE(done(open_key(*store, "b")));
+
+  // What an operator does about it.
+  const std::string revision = cluster.ctl({"endpoint", "status", "--write-out=json"});
+  const auto at = revision.find("\"revision\":");
+  ASSERT_NE(at, std::string::npos) << revision;
+  cluster.ctl({"compaction", std::to_string(std::stoll(revision.substr(at + 11)))});
+  cluster.ctl({"defrag"});
+  cluster.ctl({"alarm", "disarm"});
+  EXPECT_TRUE(done(create_key(*store, "c")));
+}
+
+TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.flags = {"--max-request-bytes=65536"};
+  EtcdCluster cluster(cluster_options);
+  const auto store = open_when_ready(cluster.registry());
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+  EXPECT_TRUE(says(write_key(*store, "a", std::string(100000, 'x')), PRTKV_VALUE_TOO_LARGE, {"size of the request"}));
+  std::string text;
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  EXPECT_EQ(text, "value");
+}
+
+class OldServer final : public etcdserverpb::Maintenance::Service {
+  grpc::Status Status(grpc::ServerContext*, const etcdserverpb::StatusRequest*,
+                      etcdserverpb::StatusResponse* response) override {
+    response->set_version("3.2.18");
+    return grpc::Status::OK;
+  }
+};
+
+TEST(EtcdLimits, AServerThatIsTooOldIsNotUsed) {
+  OldServer service;
+  int port = 0;
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+  builder.RegisterService(&service);
+  const auto server = builder.BuildAndStart();
+  EtcdOptions options;
+  options.endpoints = {local(port)};
+  options.timeout_ms = 500;
+  EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {local(port), "etcd 3.2.18 is too old", "3.4"}));
+}
+
+// ---- the module
+
+TEST(EtcdModule, OpensAStoreForTheLibraryOfItsOwnBuildOnly) {
+  EtcdCluster cluster;
+  void* const module = dlopen(TKV_ETCD_MODULE, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr) << dlerror();
+  const auto open_store = reinterpret_cast<OpenEtcdStore>(dlsym(module, kEtcdModuleSymbol));
+  ASSERT_NE(open_store, nullptr);
+  std::shared_ptr<Store> store;
+  EXPECT_TRUE(says(open_store(kEtcdModuleAbi + 1, cluster.registry(), &store), PRTKV_INVALID_CONFIGURATION,
+                   {"another release"}));
+  EXPECT_FALSE(store);
+  ASSERT_TRUE(done(open_store(kEtcdModuleAbi, cluster.registry(), &store)));
+  EXPECT_STREQ(store->kind(), "etcd");
+  EXPECT_TRUE(done(create_key(*store, "a", "value")));
+  std::string text;
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  EXPECT_EQ(text, "value");
+  store.reset();
+  dlclose(module);
+}
+
+TEST(EtcdModule, ExportsItsOneSymbol) {
+  std::string output;
+  ASSERT_EQ(run({"nm", "-D", "--defined-only", TKV_ETCD_MODULE}, &output), 0) << output;
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+  EXPECT_NE(output.find(std::string(" T ") + kEtcdModuleSymbol), std::string::npos) << output;
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd

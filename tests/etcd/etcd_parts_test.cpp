@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "judgement.h"
+#include "keys.h"
+#include "node_cache.h"
+#include "owner.h"
+#include "staging.h"
+#include "writer.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+struct Case {
+  int grpc_code;
+  const char* message;
+  Verdict verdict;
+  prtkv_result code;
+  const char* words;  // in the text
+  bool never_sent = false;
+  bool hopeless = false;
+};
+
+class JudgementOf : public testing::TestWithParam<Case> {};
+
+TEST_P(JudgementOf, IsThatOfTheTable) {
+  const Case& row = GetParam();
+  const Judgement judgement = judge(row.grpc_code, row.message);
+  EXPECT_EQ(judgement.verdict, row.verdict) << row.grpc_code << " " << row.message;
+  EXPECT_EQ(judgement.status.code(), row.code) << row.grpc_code << " " << row.message;
+  EXPECT_EQ(judgement.never_sent, row.never_sent) << row.grpc_code << " " << row.message;
+  EXPECT_EQ(judgement.hopeless, row.hopeless) << row.grpc_code << " " << row.message;
+  EXPECT_NE(judgement.status.text().find(row.words), std::string::npos) << judgement.status.text();
+}
+
+constexpr Verdict kElsewhere = Verdict::kTryElsewhere;
+constexpr Verdict kFinal = Verdict::kFinal;
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryCode, JudgementOf,
+    testing::Values(
+        Case{0, "", Verdict::kDone, PRTKV_DONE, "done"},
+        Case{1, "cancelled", kElsewhere, PRTKV_UNREACHABLE, "cancelled"},
+        Case{2, "raft: stopped", kElsewhere, PRTKV_UNREACHABLE, "raft: stopped"},
+        Case{3, "etcdserver: request is too large", kFinal, PRTKV_VALUE_TOO_LARGE, "size of the request"},
+        Case{3, "etcdserver: too many operations in txn request", kFinal, PRTKV_INVALID_ARGUMENT, "fewer operations"},
+        Case{3, "etcdserver: authentication failed, invalid user ID or password", kFinal, PRTKV_ACCESS_DENIED,
+             "user or password"},
+        Case{3, "etcdserver: user name is empty", kFinal, PRTKV_ACCESS_DENIED, "none is configured"},
+        Case{3, "etcdserver: revision of auth store is old", Verdict::kRenewToken, PRTKV_ACCESS_DENIED, "auth store"},
+        Case{3, "etcdserver: duplicate key given in txn request", kFinal, PRTKV_STORAGE_FAILED, "duplicate key"},
+        Case{4, "Deadline Exceeded", kElsewhere, PRTKV_UNREACHABLE, "no answer in time"},
+        Case{5, "etcdserver: requested lease not found", kFinal, PRTKV_STORAGE_FAILED, "lease not found"},
+        Case{6, "already exists", kFinal, PRTKV_UNKNOWN, "code 6"},
+        Case{7, "etcdserver: permission denied", kFinal, PRTKV_ACCESS_DENIED, "permission denied"},
+        Case{8, "etcdserver: mvcc: database space exceeded", kFinal, PRTKV_STORAGE_FULL, "space alarm"},
+        Case{8, "Received message larger than max (9000000 vs. 8388608)", Verdict::kAnswerTooLarge,
+             PRTKV_STORAGE_FAILED, "too large"},
+        Case{8, "etcdserver: too many requests", kElsewhere, PRTKV_UNREACHABLE, "too many requests"},
+        Case{9, "etcdserver: authentication is not enabled", kFinal, PRTKV_INVALID_CONFIGURATION, "switched off"},
+        Case{9, "etcdserver: something else", kFinal, PRTKV_STORAGE_FAILED, "something else"},
+        Case{10, "aborted", kElsewhere, PRTKV_UNREACHABLE, "aborted"},
+        Case{11, "etcdserver: mvcc: required revision has been compacted", Verdict::kCompacted, PRTKV_STORAGE_FAILED,
+             "compacted"},
+        Case{11, "etcdserver: mvcc: required revision is a future revision", kElsewhere, PRTKV_UNREACHABLE, "future"},
+        Case{12, "unknown service", kElsewhere, PRTKV_UNREACHABLE, "3.4 or later"},
+        Case{13, "internal", kElsewhere, PRTKV_UNREACHABLE, "internal"},
+        Case{14, "etcdserver: no leader", kElsewhere, PRTKV_UNREACHABLE, "no leader"},
+        Case{14, "failed to connect to all addresses; last error: UNKNOWN: ipv4:1.2.3.4:5: Connection refused",
+             kElsewhere, PRTKV_UNREACHABLE, "UNKNOWN: ipv4:1.2.3.4:5: Connection refused", true},
+        Case{14, "failed to connect; last error: SSL: certificate verify failed", kElsewhere, PRTKV_UNREACHABLE,
+             "certificate is not trusted", true, true},
+        Case{14, "failed to connect; last error: Hostname Verification Check failed.", kElsewhere, PRTKV_UNREACHABLE,
+             "for another host", true, true},
+        Case{14, "failed to connect; last error: SSL: wrong version number", kElsewhere, PRTKV_UNREACHABLE,
+             "does not speak TLS", true, true},
+        Case{15, "etcdserver: corrupt cluster", kFinal, PRTKV_STORAGE_FAILED, "damaged data"},
+        Case{16, "etcdserver: invalid auth token", Verdict::kRenewToken, PRTKV_ACCESS_DENIED, "invalid auth token"},
+        Case{99, "from the future", kFinal, PRTKV_UNKNOWN, "code 99: from the future"}));
+
+TEST(EtcdKeys, AreAsTheyAreWrittenDown) {
+  const Keys keys("/tkv/");
+  EXPECT_EQ(keys.meta(), "/tkv/meta");
+  EXPECT_EQ(keys.node({kNoNode, ""}), "/tkv/n/0000000000000000/");
+  EXPECT_EQ(keys.node({0x1234abcd, "name/with."}), "/tkv/n/000000001234abcd/name/with.");
+  EXPECT_EQ(keys.value(1), "/tkv/v/0000000000000001");
+  EXPECT_EQ(keys.garbage(~0ull), "/tkv/garbage/ffffffffffffffff");
+  EXPECT_EQ(keys.staging("ab"), "/tkv/staging/ab");
+  EXPECT_EQ(keys.writer("ab-0"), "/tkv/txn/ab-0");
+}
+
+TEST(EtcdKeys, ComeBackFromTheirText) {
+  const Keys keys("/tkv/");
+  for (const std::string name : {"a", "", "a/b", "\xff\xfe"}) {
+    const auto place = keys.parse_node(keys.node({77, name}));
+    ASSERT_TRUE(place);
+    EXPECT_EQ(*place, (Place{77, name}));
+  }
+  EXPECT_EQ(keys.parse_value(keys.value(77)), std::optional<NodeId>(77));
+  EXPECT_EQ(keys.parse_garbage(keys.garbage(77)), std::optional<NodeId>(77));
+  for (const char* key : {"", "/tkv/n/", "/tkv/n/12/a", "/tkv/n/000000000000004D/a", "/tkv/n/000000000000004d",
+                          "/other/n/000000000000004d/a", "/tkv/v/000000000000004d"}) {
+    EXPECT_FALSE(keys.parse_node(key)) << key;
+  }
+  for (const char* key : {"", "/tkv/v/", "/tkv/v/4d", "/tkv/v/000000000000004d0", "/tkv/v/00000000000000zz"}) {
+    EXPECT_FALSE(keys.parse_value(key)) << key;
+  }
+}
+
+TEST(EtcdKeys, RangesHoldWhatBelongsToThemAndNothingElse) {
+  const Keys keys("/tkv/");
+  const auto holds = [](const KeyRange& range, const std::string& key) {
+    return range.begin <= key && key < range.end;
+  };
+  EXPECT_TRUE(holds(keys.children(5), keys.node({5, "\xff\xff"})));
+  EXPECT_TRUE(holds(keys.children(5), keys.node({5, ""})));
+  EXPECT_FALSE(holds(keys.children(5), keys.node({6, "a"})));
+  EXPECT_FALSE(holds(keys.children(5), keys.node({4, "\xff"})));
+  EXPECT_TRUE(holds(keys.values_of(5, 7), keys.value(7)));
+  EXPECT_FALSE(holds(keys.values_of(5, 7), keys.value(8)));
+  EXPECT_TRUE(holds(keys.nodes_below(5, 7), keys.node({7, "z"})));
+  EXPECT_TRUE(holds(keys.nodes_below(~0ull, ~0ull), keys.node({~0ull, "z"})));
+  EXPECT_TRUE(holds(keys.all_nodes(), keys.node({~0ull, "\xff"})));
+  EXPECT_FALSE(holds(keys.all_nodes(), keys.value(1)));
+}
+
+TEST(EtcdNodeCache, KeepsTheLatestAndForgetsTheLongestUnused) {
+  NodeCache cache(2);
+  const auto known = [](std::int64_t revision) { return Known{revision, Node{static_cast<NodeId>(revision), {}}, {}}; };
+  cache.put({1, "a"}, known(10));
+  cache.put({1, "a"}, known(9));
+  EXPECT_EQ(cache.get({1, "a"})->mod_revision, 10);
+  cache.put({1, "b"}, known(11));
+  EXPECT_TRUE(cache.get({1, "a"}));
+  cache.put({1, "c"}, known(12));
+  EXPECT_FALSE(cache.get({1, "b"}));
+  EXPECT_TRUE(cache.get({1, "a"}));
+  cache.erase({1, "a"});
+  cache.erase({1, "a"});
+  EXPECT_FALSE(cache.get({1, "a"}));
+  cache.put({1, "d"}, Known{});
+  EXPECT_FALSE(cache.get({1, "d"})) << "what is not there is not kept";
+}
+
+TEST(EtcdOwner, ThisProcessLivesAndOthersOfThisMachineCanBeSeenToHaveEnded) {
+  const std::string owner = this_owner();
+  EXPECT_FALSE(has_ended(owner));
+  const auto start = owner.rfind(' ');
+  EXPECT_TRUE(has_ended(owner.substr(0, start) + " 1")) << "another process that had this number";
+  EXPECT_FALSE(has_ended("another-boot" + owner.substr(owner.find(' '))));
+  EXPECT_FALSE(has_ended(""));
+  EXPECT_FALSE(has_ended("only some words"));
+}
+
+TEST(EtcdStaging, TextComesBackAndNonsenseDoesNot) {
+  StagingText text;
+  text.batch = 3;
+  text.seconds = 1000;
+  text.owner = "boot pid:[1] 2 3";
+  text.ids = {{5, 9}, {20, 20}};
+  const auto back = StagingText::parse(text.print());
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->print(), text.print());
+  EXPECT_FALSE(back->given_up);
+  EXPECT_FALSE(back->is_abandoned(1000 + 600));
+  EXPECT_TRUE(back->is_abandoned(1000 + 601));
+  const auto fenced = StagingText::parse("not " + text.print());
+  ASSERT_TRUE(fenced);
+  EXPECT_TRUE(fenced->given_up);
+  EXPECT_TRUE(fenced->is_abandoned(1000));
+  EXPECT_FALSE(StagingText::parse(""));
+  EXPECT_FALSE(StagingText::parse("batch x\n"));
+  EXPECT_FALSE(StagingText::parse("batch 1\nids 5\n"));
+  EXPECT_FALSE(StagingText::parse("batch 1\nwhat 5\n"));
+}
+
+TEST(EtcdWriters, TextsTellWhenAndWho) {
+  const Keys keys("/tkv/");
+  Writers writers(keys);
+  const std::string first = writers.next_text();
+  EXPECT_NE(first, writers.next_text());
+  EXPECT_EQ(parse_mark(first).owner, this_owner());
+  EXPECT_EQ(parse_mark("not " + first).owner, this_owner());
+  EXPECT_GT(parse_mark(first).seconds, 1600000000);
+  const Mark one = writers.take();
+  EXPECT_NE(writers.take().key, one.key);
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd

@@ -1,0 +1,41 @@
+// A process that dies on purpose: opens a registry, does one thing to it and kills itself at its n-th request.
+//
+//   etcd_victim ENDPOINT PREFIX ACTION N
+//
+// ACTION: build, a key "built" with many subkeys; delete, the key "old"; create, the key "small". The exit code is 0
+// when everything was done before the n-th request, 1 when something failed.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "etcd_store.h"
+#include "request_watch.h"
+#include "tree.h"
+
+namespace etcd = tkv::store::etcd;
+
+int main(int argc, char** argv) {
+  if (argc != 5) return 2;
+  tkv::store::EtcdOptions options;
+  options.endpoints = {argv[1]};
+  options.prefix = argv[2];
+  const std::string action = argv[3];
+  etcd::RequestWatch watch;
+  std::shared_ptr<tkv::store::Store> store;
+  if (!etcd::open_etcd_store(options, &store, watch.interceptors()).ok()) return 1;
+  watch.reset();
+  watch.decide([&, last = std::atoi(argv[4])](const std::string&) {
+    if (watch.count() >= last) kill(getpid(), SIGKILL);
+    return etcd::Fate::kPass;
+  });
+  const tkv::Status status = action == "build"    ? etcd::build_keys(*store, "built", 350)
+                             : action == "delete" ? etcd::delete_key(*store, "old")
+                                                  : etcd::create_key(*store, "small", "value");
+  store.reset();
+  if (!status.ok()) std::fprintf(stderr, "%s\n", status.text().c_str());
+  return status.ok() ? 0 : 1;
+}
