@@ -14,6 +14,7 @@
 #include "lmdb_assertion.h"
 #include "lmdb_directory.h"
 #include "lmdb_error.h"
+#include "lmdb_pages.h"
 #include "lmdb_tree.h"
 
 namespace tkv::store {
@@ -22,7 +23,8 @@ namespace {
 constexpr unsigned kMaxReaders = 1022;  // in all processes; LMDB's table of them is one file of 64 KiB
 constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
-constexpr std::size_t kMapUnit = 64 * 1024;  // a multiple of every page size
+constexpr std::size_t kMapUnit = 64 * 1024;    // a multiple of every page size
+constexpr std::uint64_t kPagesToCheck = 4096;  // when it is opened; with more, a check of the whole registry does
 static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses");
 
 std::atomic<unsigned> fork_generation{0};
@@ -192,17 +194,31 @@ void Environment::close_files() {
 
 Status Environment::check_contents() try {
   if (Status status = extend_short_file(); !status.ok()) return status;
+  // Time and again, while others write faster than this process looks.
+  bool outdated = true;
+  for (int attempt = 0; outdated && attempt < 10; ++attempt)
+    if (Status status = check_state(&outdated); !status.ok()) return status;
+  return {};
+} catch (const LmdbAssertion& broken) {
+  return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
+}
+
+Status Environment::check_state(bool* outdated) {
   MDB_txn* txn = nullptr;
   if (const int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn); code != 0)
     return failure(code, "cannot read the registry");
   const std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)> end(txn, &mdb_txn_abort);
+  MDB_envinfo info{};
+  mdb_env_info(env_, &info);
+  *outdated = false;
+  if (info.me_last_pgno < kPagesToCheck) {
+    if (Status status = check_pages(txn, outdated); !status.ok() || *outdated) return status;
+  }
   MDB_dbi database = 0;
   if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0)
     return failure(code, "cannot read the registry");
   Meta meta;
   return find_meta(txn, &meta).about("the file in '" + directory_ + "'");
-} catch (const LmdbAssertion& broken) {
-  return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
 }
 
 // LMDB need not write the last pages of its file when they are free. Reading beyond the end of a file would end the

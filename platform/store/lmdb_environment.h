@@ -60,6 +60,7 @@ class Environment {
   void close_files();
   Status open_files();
   Status check_contents();
+  Status check_state(bool* outdated);
   Status extend_short_file();
 
   int renew(ReaderSlot& slot);

@@ -11,37 +11,11 @@
 #include <memory>
 
 #include "lmdb_error.h"
+#include "lmdb_layout.h"
 
 namespace tkv::store {
 namespace {
 
-// What LMDB keeps at the head of its file, twice: in the first page and in the second. In the machine's byte order.
-struct Head {
-  std::uint64_t page_number;
-  std::uint16_t unused;
-  std::uint16_t page_flags;
-  std::uint32_t page_bounds;
-  std::uint32_t magic;
-  std::uint32_t version;
-  std::uint64_t address;
-  std::uint64_t map_size;
-  std::uint32_t page_size;  // with the database of free pages
-  std::uint16_t free_flags;
-  std::uint16_t free_depth;
-  std::uint64_t free_counts_and_root[5];
-  std::uint32_t main_unused;
-  std::uint16_t main_flags;
-  std::uint16_t main_depth;
-  std::uint64_t main_counts_and_root[5];
-  std::uint64_t last_page;
-  std::uint64_t transaction;
-};
-static_assert(sizeof(Head) == 152 && offsetof(Head, page_size) == 40 && offsetof(Head, last_page) == 136,
-              "LMDB's layout on 64-bit machines");
-
-constexpr std::uint32_t kMagic = 0xBEEFC0DE;
-constexpr std::uint32_t kVersion = 1;
-constexpr std::uint16_t kMetaPage = 0x08;
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
 
 class File {
@@ -72,18 +46,19 @@ Status read_head(const File& file, const std::string& path, off_t at, Head* head
   const int error = count < 0 ? errno : 0;
   if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
   if (count != sizeof *head) return foreign(path, "it is too short");
-  if ((head->page_flags & kMetaPage) == 0 || head->magic != kMagic) return foreign(path, "its head is another's");
+  if ((head->page.flags & kMetaPage) == 0 || head->magic != kMagic) return foreign(path, "its head is another's");
   if (head->version != kVersion) return foreign(path, "its LMDB format has version " + std::to_string(head->version));
-  if (!std::has_single_bit(head->page_size) || head->page_size < 512 || head->page_size > 65536)
-    return foreign(path, "its page size is " + std::to_string(head->page_size));
+  if (!std::has_single_bit(head->free_pages.page_size) || head->free_pages.page_size < 512 ||
+      head->free_pages.page_size > 65536)
+    return foreign(path, "its page size is " + std::to_string(head->free_pages.page_size));
   return {};
 }
 
 Status check_numbers(const std::string& path, const Head& head) {
-  if (head.last_page < 1 || head.last_page >= kLargestFile / head.page_size)
+  if (head.last_page < 1 || head.last_page >= kLargestFile / head.free_pages.page_size)
     return foreign(path, "its last page is " + std::to_string(head.last_page));
   if (head.map_size > kLargestFile) return foreign(path, "its map is " + std::to_string(head.map_size) + " bytes");
-  if (head.main_flags != 0) return foreign(path, "its database is of another kind");
+  if (head.main.flags != 0) return foreign(path, "its database is of another kind");
   return {};
 }
 
@@ -177,8 +152,9 @@ Status inspect_data_file(const std::string& path) {
   Head first{};
   Head second{};
   if (Status head = read_head(file, path, 0, &first); !head.ok()) return head;
-  if (Status head = read_head(file, path, first.page_size, &second); !head.ok()) return head;
-  if (first.page_size != second.page_size) return foreign(path, "its two heads differ in the page size");
+  if (Status head = read_head(file, path, first.free_pages.page_size, &second); !head.ok()) return head;
+  if (first.free_pages.page_size != second.free_pages.page_size)
+    return foreign(path, "its two heads differ in the page size");
   return check_numbers(path, first.transaction > second.transaction ? first : second);
 }
 

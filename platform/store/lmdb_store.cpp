@@ -10,6 +10,7 @@
 #include "lmdb_assertion.h"
 #include "lmdb_directory.h"
 #include "lmdb_environment.h"
+#include "lmdb_pages.h"
 #include "lmdb_tree.h"
 #include "tree_check.h"
 
@@ -268,6 +269,8 @@ class LmdbStore final : public Store {
   const char* kind() const override { return "lmdb"; }
 
  private:
+  Status check_only(FunctionRef<void(const Finding&)> report, Totals* totals);
+  Status check_and_repair(FunctionRef<void(const Finding&)> report, Totals* totals);
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
   Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome);
@@ -331,21 +334,35 @@ Status LmdbStore::write(FunctionRef<Status(Update&)> function) {
   return write_with([&](LmdbUpdate& update) { return function(update); });
 }
 
-Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) try {
-  if (!repair) {
+Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
+  return repair ? check_and_repair(report, totals) : check_only(report, totals);
+}
+
+Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, Totals* totals) try {
+  for (;;) {
     ReadTransaction transaction(environment_, ReadTransaction::Length::kLong);
     if (Status status = transaction.begin(); !status.ok()) return status;
+    bool outdated = false;
+    if (Status status = check_pages(transaction.txn(), &outdated); !status.ok()) return status;
+    if (outdated) continue;
     TreeCheck check(report);
     if (Status status = read_records(transaction.txn(), &check); !status.ok()) return status;
     check.finish(totals, nullptr);
     return {};
   }
-  // Findings are reported by the attempt that is committed, not by those in vain.
+} catch (const LmdbAssertion& broken) {
+  return damaged(broken);
+}
+
+Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report, Totals* totals) {
+  // Findings are reported of the attempt that is committed, not of those in vain.
   std::vector<Finding> findings;
   Status status = write_with([&](LmdbUpdate& update) -> Status {
     findings.clear();
     const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
     TreeCheck check(collect);
+    bool outdated = false;  // never, while nobody else can write
+    if (Status pages = check_pages(update.txn(), &outdated); !pages.ok()) return pages;
     if (Status read = read_records(update.txn(), &check); !read.ok()) return read;
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
@@ -353,8 +370,6 @@ Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report, T
   });
   for (const Finding& finding : findings) report(finding);
   return status;
-} catch (const LmdbAssertion& broken) {
-  return damaged(broken);
 }
 
 }  // namespace

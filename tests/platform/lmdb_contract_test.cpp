@@ -29,7 +29,7 @@ class LmdbFactory final : public StoreFactory {
     return store;
   }
 
-  TemporaryDirectory directory_;
+  TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
 };
 
 INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, ::testing::Values([]() -> std::unique_ptr<StoreFactory> {

@@ -49,7 +49,7 @@ class Lmdb : public ::testing::Test {
     return totals;
   }
 
-  TemporaryDirectory temporary_;
+  TemporaryDirectory temporary_{TemporaryDirectory::Where::kInMemory};
   LmdbOptions options_;
 };
 
@@ -687,6 +687,96 @@ TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {
     });
     EXPECT_EQ(outcome, 0) << "cut to " << size << " bytes";
   }
+}
+
+// Ways to spoil a page of 4096 bytes.
+const std::pair<const char*, std::function<void(std::string*)>> kSpoilers[] = {
+    {"zeroes", [](std::string* page) { page->assign(page->size(), '\0'); }},
+    {"ones", [](std::string* page) { page->assign(page->size(), '\xff'); }},
+    {"another page's number", [](std::string* page) { ++(*page)[0]; }},
+    {"another kind", [](std::string* page) { (*page)[10] ^= 3; }},
+    {"no kind", [](std::string* page) { (*page)[10] = 0; }},
+    {"more entries", [](std::string* page) { (*page)[12] = static_cast<char>((*page)[12] + 40); }},
+    {"no entries",
+     [](std::string* page) {
+       (*page)[12] = 16;
+       (*page)[13] = 0;
+     }},
+    {"bounds outside",
+     [](std::string* page) {
+       (*page)[13] = '\x7f';
+       (*page)[15] = '\x7f';
+     }},
+    {"an entry outside", [](std::string* page) { (*page)[17] = '\x7f'; }},
+    {"entries at odd places",
+     [](std::string* page) {
+       for (int i = 16; i < 60; i += 2) ++(*page)[static_cast<std::size_t>(i)];
+     }},
+    {"huge entries",
+     [](std::string* page) {
+       for (std::size_t i = 3000; i < 4096; i += 8) (*page)[i] = '\xff';
+     }},
+    {"a flipped bit here and there",
+     [](std::string* page) {
+       for (std::size_t i = 24; i < 4096; i += 97) (*page)[i] ^= 0x20;
+     }},
+};
+
+class LmdbPages : public LmdbDamage {
+ protected:
+  // Reads and writes wherever it can. False when something was found to be damaged.
+  bool use_all_of_it() {
+    std::shared_ptr<Store> store;
+    if (!open_lmdb_store(options_, &store).ok()) return false;
+    Totals totals;
+    const Status checked = store->check(
+        false, [](const Finding&) {}, &totals);
+    std::string text;
+    for (NodeId id = 1; id < 130; ++id) (void)get_text(*store, id, &text);
+    (void)store->write([](Update& update) -> Status {
+      for (NodeId id = 1; id < 130; ++id)
+        if (Status status = update.set_value(id, 1, std::vector<std::byte>(id)); !status.ok()) return status;
+      return {};
+    });
+    return checked.ok();
+  }
+};
+
+TEST_F(LmdbPages, AnySpoiltPageIsAFailureAndNotTheEndOfTheProcess) {
+  {
+    const auto store = open();
+    ASSERT_TRUE(store
+                    ->write([&](Update& update) -> Status {
+                      for (int i = 0; i < 120; ++i) {
+                        Node node;
+                        const std::string text(i % 40 == 0 ? 9000 : 20, 't');
+                        if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                        if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok())
+                          return status;
+                        if (Status status = update.set_value(node.id, 3, std::as_bytes(std::span(text))); !status.ok())
+                          return status;
+                      }
+                      return {};
+                    })
+                    .ok());
+    ASSERT_TRUE(set_text(*store, id_, "leaves free pages behind").ok());
+  }
+  const std::string sound = read_file(data_file());
+  int refused = 0;
+  for (std::size_t at = 0; at + 4096 <= sound.size(); at += 4096) {
+    const int outcome = in_child([&] {
+      return static_cast<int>(std::count_if(std::begin(kSpoilers), std::end(kSpoilers), [&](const auto& spoiler) {
+        std::string page = sound.substr(at, 4096);
+        spoiler.second(&page);
+        std::string bytes = sound;
+        write_file(data_file(), bytes.replace(at, 4096, page));
+        return !use_all_of_it();
+      }));
+    });
+    EXPECT_LE(outcome, static_cast<int>(std::size(kSpoilers))) << "page " << at / 4096;
+    refused += outcome;
+  }
+  EXPECT_GT(refused, 40);
 }
 
 TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {

@@ -1,8 +1,10 @@
-// A fresh directory below $TMPDIR, gone with all its contents at the end of its life.
+// A fresh directory, gone with all its contents at the end of its life: below $TMPDIR, or for tests that write much and
+// need no disk for it, in memory where there is room.
 #ifndef TKV_TESTS_PLATFORM_TEMPORARY_DIRECTORY_H
 #define TKV_TESTS_PLATFORM_TEMPORARY_DIRECTORY_H
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -12,7 +14,9 @@ namespace tkv {
 
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() : path_((std::filesystem::temp_directory_path() / "tkv-test-XXXXXX").string()) {
+  enum class Where { kOnDisk, kInMemory };
+
+  explicit TemporaryDirectory(Where where = Where::kOnDisk) : path_((base(where) / "tkv-test-XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path_);
   }
   ~TemporaryDirectory() {
@@ -26,6 +30,14 @@ class TemporaryDirectory {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
+  static std::filesystem::path base(Where where) {
+    constexpr std::uintmax_t kRoom = 512 * 1024 * 1024;
+    std::error_code none;
+    const std::filesystem::path memory = "/dev/shm";
+    if (where == Where::kInMemory && std::filesystem::space(memory, none).available >= kRoom && !none) return memory;
+    return std::filesystem::temp_directory_path();
+  }
+
   std::string path_;
 };
 
