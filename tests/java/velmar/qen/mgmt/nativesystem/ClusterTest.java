@@ -40,11 +40,17 @@ class ClusterTest extends OpenSession {
         return result;
     }
 
+    private boolean onCluster() {
+        return configured.contains("etcd://");
+    }
+
     @Test
-    void aNodeIsNoMemberUnlessConfigured() throws IOException {
-        assertEquals(List.of("status true", "answer false"), isCluster().reports());
+    void aNodeIsNoMemberUnlessConfiguredOrOnAClustersRegistry() throws IOException {
+        assertEquals(List.of("status true", "answer " + onCluster()), isCluster().reports());
         Files.writeString(configuration, configured + "[cluster]\nconfigured = yes\n");
         assertEquals(List.of("status true", "answer true"), isCluster().reports());
+        Files.writeString(configuration, configured + "[cluster]\nconfigured = no\n");
+        assertEquals(List.of("status true", "answer false"), isCluster().reports());
     }
 
     @Test
@@ -55,11 +61,11 @@ class ClusterTest extends OpenSession {
 
     @Test
     void locationsAreThoseOfTheConfiguration() {
-        String location = configured.lines().filter(line -> line.startsWith("location")).findFirst().orElseThrow()
+        String locations = configured.lines().filter(line -> line.startsWith("location")).findFirst().orElseThrow()
                 .replaceFirst("location *= *", "");
         Recorder result = new Recorder();
-        assertArrayEquals(new String[] {location}, tkv.getTKVLocations(result));
-        assertEquals(List.of("status true", "answer false"), result.reports());
+        assertArrayEquals(locations.split(" "), tkv.getTKVLocations(result));
+        assertEquals(List.of("status true", "answer " + onCluster()), result.reports());
     }
 
     @Test

@@ -29,6 +29,10 @@ final class Configuration implements AutoCloseable {
         }
     }
 
+    static boolean onCluster() {
+        return current().contains("etcd://");
+    }
+
     static Path file() {
         return FILE;
     }

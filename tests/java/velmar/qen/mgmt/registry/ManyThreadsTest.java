@@ -1,6 +1,7 @@
 package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.ArrayList;
@@ -23,7 +24,7 @@ class ManyThreadsTest {
     private static final String USER = System.getProperty("user.name");
     private static final int THREADS = 8;
     /** Some seconds' worth. */
-    private static final int ROUNDS_BEFORE_CLOSING = 10_000;
+    private static final int ROUNDS_BEFORE_CLOSING = Configuration.onCluster() ? 500 : 10_000;
 
     private final ExecutorService pool = Executors.newFixedThreadPool(THREADS);
     private final CountDownLatch rounds = new CountDownLatch(ROUNDS_BEFORE_CLOSING);
@@ -90,7 +91,7 @@ class ManyThreadsTest {
                 case 14 -> assertEquals(0, registry.patchLevel());
                 case 15 -> assertTrue(registry.backupLocation().isEmpty());
                 case 16 -> registry.isClusterMember();
-                default -> assertEquals(1, registry.locations().places().size());
+                default -> assertFalse(registry.locations().places().isEmpty());
             }
         } catch (KeyNotFoundException | KeyExistsException race) {
             assertTrue(race.text().startsWith("TKV-00"), race::text);
