@@ -90,20 +90,16 @@ class Completion {
     }
   }
 
+  std::span<const Option> verb_options() const { return verb_ == nullptr ? std::span<const Option>() : verb_->options; }
+
   const Option* option_with_argument(const std::string& word) const {
-    for (const Option& option : options()) {
-      if (option.argument != nullptr &&
-          ("," + std::string(option.names) + ",").find("," + word + ",") != std::string::npos) {
-        return &option;
+    for (const std::span<const Option> options : {common_options(), verb_options()}) {
+      for (const Option& option : options) {
+        const bool named = ("," + std::string(option.names) + ",").find("," + word + ",") != std::string::npos;
+        if (named && option.argument != nullptr) return &option;
       }
     }
     return nullptr;
-  }
-
-  std::vector<Option> options() const {
-    std::vector<Option> all(common_options().begin(), common_options().end());
-    if (verb_ != nullptr) all.insert(all.end(), verb_->options.begin(), verb_->options.end());
-    return all;
   }
 
   void candidate(std::string_view text) {
@@ -117,9 +113,11 @@ class Completion {
   }
 
   void offer_options() {
-    for (const Option& option : options()) {
-      const std::string names = option.names;
-      candidate(names.substr(names.find("--")));
+    for (const std::span<const Option> options : {common_options(), verb_options()}) {
+      for (const Option& option : options) {
+        const std::string names = option.names;
+        candidate(names.substr(names.find("--")));
+      }
     }
     candidate("--help");
     if (verb_ == nullptr) candidate("--version");

@@ -54,7 +54,9 @@ bool has_only(const Json& object, std::initializer_list<const char*> names, std:
 // {"base64": "..."} or, with `utf8` set, {"utf8": "..."} too.
 bool read_marked(const Json& json, bool utf8, std::string* bytes) {
   if (!json.is_object() || json.size() != 1) return false;
-  const auto& [mark, text] = *json.items().begin();
+  const auto only = json.begin();
+  const std::string& mark = only.key();
+  const Json& text = only.value();
   if (!text.is_string()) return false;
   if (utf8 && mark == "utf8") {
     *bytes = text.get<std::string>();
