@@ -1,0 +1,114 @@
+"""The command on a registry that an etcd cluster keeps: the same verbs, the same outputs."""
+import json
+import shutil
+import socket
+import subprocess
+import unittest
+
+from command import CONFLICT, NOT_FOUND, UNREACHABLE, CommandTest
+
+SOME = 700  # keys: more than one transaction of the cluster can change
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class OnEtcd(CommandTest):
+    def setUp(self):
+        super().setUp()
+        client, peer = free_port(), free_port()
+        self.address = f"etcd://127.0.0.1:{client}"
+        self.log = open(self.folder / "etcd.log", "wb")
+        self.addCleanup(self.log.close)
+        self.member = subprocess.Popen(
+            [shutil.which("etcd"), "--name", "one", "--data-dir", str(self.folder / "etcd"),
+             "--listen-client-urls", f"http://127.0.0.1:{client}", "--advertise-client-urls",
+             f"http://127.0.0.1:{client}", "--listen-peer-urls", f"http://127.0.0.1:{peer}",
+             "--initial-advertise-peer-urls", f"http://127.0.0.1:{peer}",
+             "--initial-cluster", f"one=http://127.0.0.1:{peer}"],
+            stdout=self.log, stderr=subprocess.STDOUT)
+        self.addCleanup(self.stop)
+        self.local_conf = self.folder / "local.conf"
+        self.local_conf.write_text((self.folder / "tkv.conf").read_text())
+        (self.folder / "tkv.conf").write_text(f"[registry]\nlocation = {self.address}\n"
+                                              f"backup_location = {self.backups}\n[etcd]\ntimeout_ms = 20000\n")
+        self.wait_until("the member's answer", lambda: self.run_command("create", "ready").code == 0)
+
+    def stop(self):
+        if self.member.poll() is None:
+            self.member.kill()
+            self.member.wait()
+
+    def document(self):
+        keys = [{"name": "many"}]
+        for number in range(SOME):
+            parent = "many" if number % 10 == 0 else f"many.k{number - number % 10:04}"
+            keys.append({"name": f"{parent}.k{number:04}", "mode": "u=rlwscd,g=r,o=", "type": "int32", "value": number})
+        return json.dumps({"tkv": 1, "top": "many", "keys": keys})
+
+    def test_the_verbs_work_as_on_an_embedded_registry(self):
+        self.tkv("set", "-p", "app.hosts", "--list", "alpha", "beta")
+        self.tkv("set", "app.limit", "--int64", "5000000000")
+        self.assertEqual(self.out("get", "app.hosts"), "alpha\nbeta\n")
+        self.assertEqual(self.out("ls", "app"), "hosts\nlimit\n")
+        self.tkv("mv", "app", "moved")
+        self.tkv("cp", "-r", "moved", "copy")
+        self.tkv("chown", "-R", "ada:staff", "copy")
+        self.fails(NOT_FOUND, "get", "app.limit")
+        self.fails(CONFLICT, "create", "copy")
+        self.assertEqual(json.loads(self.out("conf", "--json"))["cluster_word"], 4)
+        self.assertIn('limit = 5000000000  (ada:staff ', self.out("tree", "-l", "copy"))
+        self.tkv("rm", "-r", "--yes", "moved")
+        self.tkv("verify")
+        self.assertEqual(self.out("ls"), "copy\nready\n")
+
+    def test_what_is_larger_than_a_transaction_happens_at_once_all_the_same(self):
+        self.tkv("import", given=self.document())
+        first = self.out("export", "many")
+        self.assertEqual(first.count('"name"'), SOME + 1)
+        self.assertEqual(self.out("import", "--replace", "--dry-run", given=first), "")
+        self.tkv("chmod", "-R", "o=r", "many")
+        self.assertEqual(self.out("export", "many"), first.replace(',o="', ',o=r"').replace(",o=rl", ",o=r"))
+        changed = first.replace('"value":1', '"value":2')
+        self.assertGreater(first.count('"value":1'), 100)
+        self.tkv("import", "--merge", given=changed)
+        self.assertEqual(self.out("export", "many"), changed)
+        self.tkv("cp", "-r", "--own", "many", "own")
+        self.assertEqual(self.out("export", "own").count('"name"'), SOME + 1)
+        self.tkv("verify")
+
+    def test_backup_and_restore(self):
+        self.tkv("import", given=self.document())
+        before = self.out("export")
+        path = self.out("backup", "-q").rstrip("\n")
+        self.tkv("chmod", "-R", "a=rl", "many")
+        self.tkv("restore", "--overwrite", path)
+        self.assertEqual(self.out("export"), before)
+        self.tkv("restore", path, "--conf", self.local_conf)
+        self.assertEqual(self.out("export", "--conf", self.local_conf), before)
+
+    def test_migrate_there_and_back(self):
+        self.tkv("import", "--conf", self.local_conf, given=self.document())
+        self.tkv("set", ".", "the root has a value", "--conf", self.local_conf)
+        before = self.out("export", "--conf", self.local_conf)
+        self.assertIn("is not empty", self.fails(CONFLICT, "migrate", self.local_conf, self.folder / "tkv.conf"))
+        self.tkv("rm", "ready")
+        self.tkv("migrate", self.local_conf, self.folder / "tkv.conf")
+        self.assertEqual(self.out("export"), before)
+        back = self.folder / "back"
+        self.tkv("migrate", self.address, back)
+        (self.folder / "back.conf").write_text(f"[registry]\nlocation = {back}\n")
+        self.assertEqual(self.out("export", "--conf", self.folder / "back.conf"), before)
+
+    def test_a_member_that_is_gone_is_unreachable(self):
+        self.stop()
+        text = (self.folder / "tkv.conf").read_text().replace("20000", "500")
+        (self.folder / "tkv.conf").write_text(text)
+        self.assertIn("127.0.0.1", self.fails(UNREACHABLE, "get", "ready"))
+
+
+if __name__ == "__main__":
+    unittest.main()
