@@ -67,6 +67,11 @@ demo: packages-build ## show the main job on an embedded registry: two JVMs and 
 	$(call preset,release,-DTKV_TESTS=OFF)
 	@cmake --build --preset release --target demo
 
+demo-cluster: packages-build ## the same on an etcd cluster of three members, whose leader is killed in the middle
+	$(call require,etcd-server etcd-client)
+	$(call preset,release,-DTKV_TESTS=OFF)
+	@cmake --build --preset release --target demo-cluster
+
 coverage: packages-test ## line and branch coverage of the bridge
 	$(call preset,coverage)
 	tests/bridge/coverage.sh build/coverage

@@ -218,7 +218,7 @@ class Rounds {
   void next(Deadline deadline) {
     index_ = (index_ + 1) % count_;
     if (++tried_ % count_ != 0) return;
-    attempt_ *= 2;
+    attempt_ += attempt_ / 2;
     std::this_thread::sleep_for(std::min(pause_, deadline.left()));
     pause_ = std::min(2 * pause_, kLongestPause);
   }
