@@ -76,6 +76,8 @@ public final class Registry implements AutoCloseable {
     /** Closes the registry after the calls in progress. Closing it again does nothing. */
     @Override
     public void close() {
+        // Not by the net, which does not wait for a close that another thread has begun.
+        session.close();
         cleanable.clean();
     }
 

@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.ArrayList;
@@ -116,7 +117,11 @@ class ManyThreadsTest {
             workers.add(pool.submit((Callable<Integer>) () -> work(thread)));
         }
         boolean enough = rounds.await(90, TimeUnit.SECONDS);
+        Thread otherCloser = new Thread(registry::close);
+        otherCloser.start();
         registry.close();
+        assertThrows(RegistryClosedException.class, () -> registry.exists(""));
+        otherCloser.join();
         List<Integer> confirmed = new ArrayList<>();
         for (Future<Integer> worker : workers) {
             confirmed.add(worker.get());
