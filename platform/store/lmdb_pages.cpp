@@ -166,14 +166,17 @@ Status PageCheck::check_leaf_node(std::uint64_t page, const PageNode& node, std:
 
 // A run of pages with one head that holds `size` bytes; `data`, unless null, receives them.
 Status PageCheck::check_overflow(std::uint64_t page, std::size_t size, std::vector<std::byte>* data) {
-  const std::size_t pages = (sizeof(PageHead) + size - 1) / page_size_ + 1;
-  for (std::size_t i = 0; i < pages; ++i)
-    if (Status status = take(page + i); !status.ok()) return status;
+  const std::size_t needed = (sizeof(PageHead) + size - 1) / page_size_ + 1;
+  if (Status status = take(page); !status.ok()) return status;
   std::array<std::byte, sizeof(PageHead)> bytes;
   if (Status status = read(page, bytes); !status.ok()) return status;
   const auto head = read_layout<PageHead>(bytes, 0);
-  if (head.number != page || head.flags != kOverflowPage || (head.lower | std::size_t{head.upper} << 16) != pages)
+  // A value that was replaced by a shorter one in the same transaction keeps the longer one's pages.
+  const std::size_t pages = head.lower | std::size_t{head.upper} << 16;
+  if (head.number != page || head.flags != kOverflowPage || pages < needed)
     return damaged(page, "is not the beginning of the value that it should have");
+  for (std::size_t i = 1; i < pages; ++i)
+    if (Status status = take(page + i); !status.ok()) return status;
   if (data == nullptr) {
     std::byte last{};  // the pages must be there, whatever they hold
     const ssize_t count = pread(file_, &last, 1, static_cast<off_t>(page * page_size_ + sizeof(PageHead) + size - 1));

@@ -10,6 +10,10 @@
 // Failures. Codes of the registry's table: 4 no such node, 7 damaged or failing storage, 11 full, 12 out of memory,
 // 15 unreachable. A damaged record is 7 with a text, never a wrong answer. Not found carries no text.
 //
+// What cannot be is refused: 5 a level name that is empty or longer than 264 bytes, 8 a node without an id and whatever
+// would move or remove the root, 10 a value over 1 MiB (store_limits.h). An exception of a function that a store runs
+// passes through; nothing is changed then.
+//
 // Threads. A Store may be used by many threads at once; a View or Update by the function that it was given to, only.
 #ifndef TKV_PLATFORM_STORE_STORE_H
 #define TKV_PLATFORM_STORE_STORE_H
@@ -51,7 +55,8 @@ class View {
 
   virtual Status value(NodeId id, Value* value) = 0;
 
-  // Calls `visit` for each child in byte order of the names, until it returns a failure, which is passed on.
+  // Calls `visit` for each child in byte order of the names, until it returns a failure, which is passed on. In an
+  // Update the visit may change the tree, the visited child included. The name is valid during the visit.
   virtual Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) = 0;
 
   virtual Status has_children(NodeId parent, bool* answer) = 0;
@@ -86,6 +91,7 @@ class Update : public View {
   // Gives up an unlinked node with everything below it.
   virtual Status discard(NodeId id) = 0;
 
+  // Type 0 without bytes takes the value away.
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
 
   // The tree as it stood when the update began, for reading more nodes than one commit can compare. What is read here

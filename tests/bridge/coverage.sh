@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Line and branch coverage of the bridge by its own tests, in the build of the preset "coverage". Prints both, and fails
-# when a line or more than three branches in a hundred were not taken.
+# coverage.sh [build directory]: line and branch coverage of the bridge by its own tests. Prints both, and fails when a
+# line or more than three branches in a hundred were not taken. Without an argument it makes the build of the preset
+# "coverage" first.
 #
 # Branches that only an exception takes are left out: nothing that the bridge calls throws. Of the others, each one that
 # the tests do not take is named here with its reason:
@@ -8,10 +9,12 @@
 #   none
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-build=build/coverage
+build=${1:-build/coverage}
 
-cmake --preset coverage >/dev/null
-cmake --build --preset coverage --target bridge_test
+if [ $# = 0 ]; then
+  cmake --preset coverage >/dev/null
+  cmake --build --preset coverage --target bridge_test
+fi
 find "$build" -name '*.gcda' -delete
 "$build/tests/bridge/bridge_test" --gtest_brief=1
 gcovr --root . --filter 'framework/tkv/tkv\.cpp' --exclude-throw-branches --exclude-unreachable-branches --branches \
