@@ -98,13 +98,13 @@ int32_t prtkv_create_n_set_key(prtkv_ctx ctx, prtkv_key parent, const char *name
                                int32_t type, sec_attr sec, const void *value, uint32_t size);
 
 /* As prtkv_create_n_set_key. `flags`: PRTKV_CREATE_EXT_FLAGS or 0. */
-int32_t prtkv_create_n_set_key_ext(prtkv_ctx ctx, void *reserved, prtkv_key parent, const char *name,
-                                   prtkv_key *out, int32_t *word, sec_attr sec, int32_t type, const void *value,
-                                   uint32_t size, uint32_t flags);
+int32_t prtkv_create_n_set_key_ext(prtkv_ctx ctx, void *reserved, prtkv_key parent, const char *name, prtkv_key *out,
+                                   int32_t *word, sec_attr sec, int32_t type, const void *value, uint32_t size,
+                                   uint32_t flags);
 
 /* Deletes the key; its handle is closed when that succeeded, and stays open otherwise. With `recursive` 0 a key that
- * has subkeys gives 6; with 1 (others give 8) the whole subtree is deleted, all or nothing, which needs the delete right on every
- * key of it. The root cannot be deleted (8). */
+ * has subkeys gives 6; with 1 (others give 8) the whole subtree is deleted, all or nothing, which needs the delete
+ * right on every key of it. The root cannot be deleted (8). */
 int32_t prtkv_delete_key(prtkv_ctx ctx, prtkv_key key, int32_t recursive);
 
 /* Moves the key with its subtree to `name` under `parent`, atomically. Needs the delete right on the key and the
@@ -141,8 +141,8 @@ int32_t prtkv_set_key_security_ext(prtkv_ctx ctx, void *reserved, prtkv_key key,
 int32_t prtkv_get_last_error(prtkv_ctx ctx, int32_t *code, char *text, int32_t *size);
 
 /* Reads the configuration: whether it names a location (0: the default one is in force), whether the registry is local
- * to this node, and its locations, in order, in PRTKV_LOCATION_SLOTS slots of PRTKV_LOCATION_SLOT_SIZE bytes (unused slots are empty). Error text and
- * size as prtkv_init_ext. `flags`: PRTKV_GET_CONF_FLAGS or 0. */
+ * to this node, and its locations, in order, in PRTKV_LOCATION_SLOTS slots of PRTKV_LOCATION_SLOT_SIZE bytes (unused
+ * slots are empty). Error text and size as prtkv_init_ext. `flags`: PRTKV_GET_CONF_FLAGS or 0. */
 int32_t prtkv_get_conf(lpm_ctx pm, int32_t *configured, int32_t *local_only, void *reserved, char *locations,
                        char *error_text, uint64_t *error_size, uint32_t flags);
 
@@ -152,7 +152,8 @@ int32_t prtkv_get_conf(lpm_ctx pm, int32_t *configured, int32_t *local_only, voi
 int32_t prtkv_check_storage(lpm_ctx pm, const char *path, char *error_text, int32_t *error_size, uint32_t flags);
 
 /* Gives the configured backup location in a buffer of PRTKV_BACKUP_LOCATION_SIZE bytes (empty when none is
- * configured) and the backup's size limit in bytes, 0 for none; none can be configured. `flags`: PRTKV_BACKUP_LOC_FLAGS or 0. */
+ * configured) and the backup's size limit in bytes, 0 for none; none can be configured. `flags`: PRTKV_BACKUP_LOC_FLAGS
+ * or 0. */
 int32_t prtkv_get_backup_loc(prtkv_ctx ctx, char *location, uint64_t *size_limit, uint32_t flags);
 
 /* Records the start dependencies of the high-availability daemon for a storage mode: the mode's number as a decimal

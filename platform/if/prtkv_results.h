@@ -5,27 +5,27 @@
 #ifndef TKV_PLATFORM_PRTKV_RESULTS_H
 #define TKV_PLATFORM_PRTKV_RESULTS_H
 
-#define PRTKV_RESULTS(RESULT)                                                \
-  RESULT(DONE, 0, "done")                                                    \
-  RESULT(ACCESS_DENIED, 2, "access denied")                                  \
-  RESULT(INVALID_HANDLE, 3, "invalid handle")                                \
-  RESULT(NO_SUCH_KEY, 4, "no such key")                                      \
-  RESULT(INVALID_NAME, 5, "invalid name")                                    \
-  RESULT(HAS_SUBKEYS, 6, "key has subkeys")                                  \
-  RESULT(STORAGE_FAILED, 7, "storage failed or damaged")                     \
-  RESULT(INVALID_ARGUMENT, 8, "invalid argument")                            \
-  RESULT(BUFFER_TOO_SMALL, 9, "buffer too small")                            \
-  RESULT(VALUE_TOO_LARGE, 10, "value too large")                             \
-  RESULT(STORAGE_FULL, 11, "storage full")                                   \
-  RESULT(OUT_OF_MEMORY, 12, "out of memory")                                 \
-  RESULT(NULL_ARGUMENT, 13, "null argument")                                 \
-  RESULT(UNKNOWN, 14, "unknown error")                                       \
-  RESULT(UNREACHABLE, 15, "registry unreachable")                            \
-  RESULT(NO_MORE_SUBKEYS, 16, "no more subkeys")                             \
-  RESULT(MOVE_INTO_ITSELF, 17, "a key cannot be moved into itself")          \
-  RESULT(DISTRIBUTED, 37, "the path names a distributed registry")           \
-  RESULT(INVALID_CONFIGURATION, 41, "invalid configuration")                 \
-  RESULT(CONFIGURATION_UNREADABLE, 42, "configuration unreadable")           \
+#define PRTKV_RESULTS(RESULT)                                       \
+  RESULT(DONE, 0, "done")                                           \
+  RESULT(ACCESS_DENIED, 2, "access denied")                         \
+  RESULT(INVALID_HANDLE, 3, "invalid handle")                       \
+  RESULT(NO_SUCH_KEY, 4, "no such key")                             \
+  RESULT(INVALID_NAME, 5, "invalid name")                           \
+  RESULT(HAS_SUBKEYS, 6, "key has subkeys")                         \
+  RESULT(STORAGE_FAILED, 7, "storage failed or damaged")            \
+  RESULT(INVALID_ARGUMENT, 8, "invalid argument")                   \
+  RESULT(BUFFER_TOO_SMALL, 9, "buffer too small")                   \
+  RESULT(VALUE_TOO_LARGE, 10, "value too large")                    \
+  RESULT(STORAGE_FULL, 11, "storage full")                          \
+  RESULT(OUT_OF_MEMORY, 12, "out of memory")                        \
+  RESULT(NULL_ARGUMENT, 13, "null argument")                        \
+  RESULT(UNKNOWN, 14, "unknown error")                              \
+  RESULT(UNREACHABLE, 15, "registry unreachable")                   \
+  RESULT(NO_MORE_SUBKEYS, 16, "no more subkeys")                    \
+  RESULT(MOVE_INTO_ITSELF, 17, "a key cannot be moved into itself") \
+  RESULT(DISTRIBUTED, 37, "the path names a distributed registry")  \
+  RESULT(INVALID_CONFIGURATION, 41, "invalid configuration")        \
+  RESULT(CONFIGURATION_UNREADABLE, 42, "configuration unreadable")  \
   RESULT(KEY_EXISTS, 55, "key exists")
 
 enum prtkv_result {

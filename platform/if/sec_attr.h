@@ -16,21 +16,21 @@ enum { TKV_NAME_SIZE = 64 };
 
 /* Rights, or-ed together in the three masks of a record. */
 enum {
-  TKV_RIGHT_READ = 0x01,        /* read the value and the security record */
-  TKV_RIGHT_LIST = 0x02,        /* list the subkeys */
-  TKV_RIGHT_WRITE = 0x04,       /* write the value */
-  TKV_RIGHT_SECURITY = 0x08,    /* change the security record */
-  TKV_RIGHT_CREATE = 0x10,      /* create subkeys, receive a moved key */
-  TKV_RIGHT_DELETE = 0x20,      /* delete or move the key */
+  TKV_RIGHT_READ = 0x01,     /* read the value and the security record */
+  TKV_RIGHT_LIST = 0x02,     /* list the subkeys */
+  TKV_RIGHT_WRITE = 0x04,    /* write the value */
+  TKV_RIGHT_SECURITY = 0x08, /* change the security record */
+  TKV_RIGHT_CREATE = 0x10,   /* create subkeys, receive a moved key */
+  TKV_RIGHT_DELETE = 0x20,   /* delete or move the key */
   TKV_RIGHT_ALL = 0x3f
 };
 
 typedef struct sec_attr {
-  int32_t user_perm;                /* rights of the owning user */
-  int32_t group_perm;               /* rights of the owning group */
-  int32_t other_perm;               /* rights of everybody else */
-  char user_name[TKV_NAME_SIZE];    /* owning user; empty: nobody */
-  char group_name[TKV_NAME_SIZE];   /* owning group; empty: none */
+  int32_t user_perm;              /* rights of the owning user */
+  int32_t group_perm;             /* rights of the owning group */
+  int32_t other_perm;             /* rights of everybody else */
+  char user_name[TKV_NAME_SIZE];  /* owning user; empty: nobody */
+  char group_name[TKV_NAME_SIZE]; /* owning group; empty: none */
 } sec_attr;
 
 static_assert(sizeof(sec_attr) == 140, "the record is 140 bytes without padding");

@@ -37,8 +37,8 @@ typedef struct tkv_session {
   char lx_handle_area[LX_HANDLE_SIZE]; /* storage of the handle below */
   void *lx_handle;                     /* null when there is no language environment */
   char lang_env_area[LX_LANG_ENV_SIZE];
-  void *lang_env;                      /* points into the area above */
-  int16_t charset_id;                  /* character set of the language environment */
+  void *lang_env;     /* points into the area above */
+  int16_t charset_id; /* character set of the language environment */
 } tkv_session;
 
 static_assert(offsetof(tkv_session, registry_ctx) == 0, "registry_ctx");
@@ -59,6 +59,7 @@ static_assert(sizeof(tkv_session) == 888, "the session record");
 extern "C" {
 #endif
 
+/* clang-format off */
 #define TKV_NATIVE(type, method) JNIEXPORT type JNICALL Java_velmar_qen_mgmt_nativesystem_TKVNative_##method
 
 /* Session. */
@@ -147,6 +148,8 @@ TKV_NATIVE(jint, getPatchLevel)(JNIEnv *env, jobject self, jobject result);
 
 TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, jobject result);
 
+/* clang-format on */
+
 #ifdef __cplusplus
 }
 #endif
@@ -156,10 +159,9 @@ TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, job
 static int32_t prsrvtkv_fill_sec_attr(JNIEnv *env, jobject result, jint security_type, jstring parent_keyname,
                                       jstring velmar_user, jstring group_name, sec_attr *security);
 static jstring prsrvtkv_stringMultiByteToJava(JNIEnv *env, const char *text);
-static int prsrvtkv_copy_recurse(JNIEnv *env, const char *source_name, const char *destination_name,
-                                 int security_type, jobject result);
-static inline void prsrvtkv_recurse_fill_sec_attr(JNIEnv *env, jobject result, jint security_type,
-                                                  sec_attr *security);
+static int prsrvtkv_copy_recurse(JNIEnv *env, const char *source_name, const char *destination_name, int security_type,
+                                 jobject result);
+static inline void prsrvtkv_recurse_fill_sec_attr(JNIEnv *env, jobject result, jint security_type, sec_attr *security);
 #endif
 
 #endif
