@@ -1660,22 +1660,22 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_isCluster(JNIEnv* env, jobject,
 
 namespace {
 
-const char* get_conf_failure(int32_t rc) {
+void trace_get_conf_failure(JNIEnv* env, jobject result, int32_t rc) {
   switch (rc) {
     case PRTKV_INVALID_ARGUMENT:
-      return "getConf: prtkv_get_conf failed, invalid parameters\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed, invalid parameters\n");
     case PRTKV_OUT_OF_MEMORY:
-      return "getConf: prtkv_get_conf failed to allocate memory\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed to allocate memory\n");
     case PRTKV_NULL_ARGUMENT:
-      return "getConf: prtkv_get_conf failed, null parameter\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed, null parameter\n");
     case PRTKV_UNKNOWN:
-      return "getConf: prtkv_get_conf failed: unknown error\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed: unknown error\n");
     case PRTKV_INVALID_CONFIGURATION:
-      return "getConf: prtkv_get_conf failed: invalid configuration\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed: invalid configuration\n");
     case PRTKV_CONFIGURATION_UNREADABLE:
-      return "getConf: prtkv_get_conf failed to access registry config\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed to access registry config\n");
     default:
-      return "getConf: prtkv_get_conf failed: unknown return code\n";
+      return prsrvut_trace(env, result, "getConf: prtkv_get_conf failed: unknown return code\n");
   }
 }
 
@@ -1706,7 +1706,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getTKVLocations(JNIEnv*
       prsrvut_trace(env, result, "JNI: error = %s\n", error_text);
     }
     send_result_text(env, result, error_text);
-    if (prsrvut_isDebugOn(env, result)) prsrvut_trace(env, result, "%s", get_conf_failure(rc));
+    if (prsrvut_isDebugOn(env, result)) trace_get_conf_failure(env, result, rc);
     return nullptr;
   }
 
