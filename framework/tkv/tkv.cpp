@@ -33,6 +33,9 @@ constexpr uint32_t kLocationsSize = PRTKV_LOCATION_SLOTS * PRTKV_LOCATION_SLOT_S
 prtkv_ctx registry_context() { return tkvwrap_ctx != nullptr ? tkvwrap_ctx->registry_ctx : 0; }
 prtkv_key working_key() { return tkvwrap_ctx != nullptr ? tkvwrap_ctx->working_key : 0; }
 
+// Whether there is a record to write to: the freed one of an ended session, all zeros, is only to be read.
+bool has_session() { return tkvwrap_ctx != nullptr && (tkvwrap_ctx->mem_ctx != 0 || tkvwrap_ctx->registry_ctx != 0); }
+
 // The modified UTF-8 characters of a managed string, taken at construction; null when there are none to be had, as
 // for a null string. They are given back by release(), at the latest by the destructor, unless keep() leaves them
 // with the JVM for good.
@@ -315,7 +318,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_openKey(JNIEnv* env, jobject, j
   prsrvut_trace(env, result, "openKey: prtkv_open_key retval = %d\n", rc);
   if (rc == 0) {
     // A former working key is replaced, not closed: its handle may be in use by the caller's own bookkeeping.
-    if (tkvwrap_ctx != nullptr) tkvwrap_ctx->working_key = key;
+    if (has_session()) tkvwrap_ctx->working_key = key;
     prsrvut_setStatus(env, result, 1);
   } else {
     report_tkv_error(env, result, rc);

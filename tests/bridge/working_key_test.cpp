@@ -121,6 +121,39 @@ TEST_P(OpenKeyWithoutContext, HandsTheNullContextToTheRegistry) {
   keepsCharacters({"a"});
 }
 
+// A registry that opens keys on a null context gets the key of a half session back, which has a record to keep it in.
+TEST_F(OpenKey, KeepsAKeyThatTheRegistryOpensInAHalfInitialisedSession) {
+  givenHalfSession();
+  expect({
+      takes("a"),
+      open_key("a").without_context().gives(7),
+      trace("openKey: prtkv_open_key retval = 0\n"),
+      status(true),
+      close_key(7).without_context(),
+      trace("closeKey: prtkv_close_key retval = 0\n"),
+      status(true),
+  });
+  openKey(string("a"));
+  EXPECT_EQ(session().working_key, 7u);
+  closeKey();
+  keepsCharacters({"a"});
+}
+
+// The freed record is the memory context's: it may be read, not written.
+TEST_F(OpenKey, LeavesTheRecordOfAnEndedSessionAlone) {
+  givenEndedSession();
+  expect({
+      takes("a"),
+      open_key("a").without_context().gives(7),
+      trace("openKey: prtkv_open_key retval = 0\n"),
+      status(true),
+  });
+  openKey(string("a"));
+  EXPECT_EQ(session().working_key, 0u);
+  keepsCharacters({"a"});
+  leavesOpen({7});
+}
+
 // There is no record to keep the key in.
 TEST_F(OpenKey, SurvivesARegistryThatOpensAKeyWithoutASession) {
   expect({
