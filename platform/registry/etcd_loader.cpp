@@ -1,10 +1,12 @@
 #include "etcd_loader.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -19,15 +21,17 @@ std::string folder_of(const std::string& path) {
   return end == std::string::npos ? "." : path.substr(0, end == 0 ? 1 : end);
 }
 
-// The folder of the object that contains this code, "" when the loader does not know.
+// The folder of the file that contains this code, "" when it cannot be told. Of a program, the loader knows only the
+// name that it was called by, and of a library perhaps a relative path: looked up from wherever the process is by now,
+// either could name somebody else's file.
 std::string own_folder() {
   Dl_info found{};
-  if (::dladdr(reinterpret_cast<const void*>(&load_etcd_module), &found) == 0 || found.dli_fname == nullptr) return "";
-  char* path = ::realpath(found.dli_fname, nullptr);
-  if (path == nullptr) return folder_of(found.dli_fname);
-  const std::string folder = folder_of(path);
-  ::free(path);
-  return folder;
+  void* object = nullptr;
+  if (::dladdr1(reinterpret_cast<const void*>(&load_etcd_module), &found, &object, RTLD_DL_LINKMAP) == 0) return "";
+  const char* name = static_cast<const link_map*>(object)->l_name;
+  if (*name == '\0') name = "/proc/self/exe";
+  const std::unique_ptr<char, decltype(&::free)> path(*name == '/' ? ::realpath(name, nullptr) : nullptr, &::free);
+  return path == nullptr ? "" : folder_of(path.get());
 }
 
 std::vector<std::string> candidates() {

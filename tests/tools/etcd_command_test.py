@@ -5,7 +5,7 @@ import socket
 import subprocess
 import unittest
 
-from command import CONFLICT, NOT_FOUND, UNREACHABLE, CommandTest
+from command import COMMAND, CONFLICT, DEADLINE, NOT_FOUND, UNREACHABLE, CommandTest
 
 SOME = 700  # keys: more than one transaction of the cluster can change
 
@@ -108,6 +108,21 @@ class OnEtcd(CommandTest):
         text = (self.folder / "tkv.conf").read_text().replace("20000", "500")
         (self.folder / "tkv.conf").write_text(text)
         self.assertIn("127.0.0.1", self.fails(UNREACHABLE, "get", "ready"))
+
+
+class TheModule(CommandTest):
+    def test_is_found_from_the_command_itself_and_not_from_where_it_is_called(self):
+        for place in (self.folder, self.folder / "lib"):
+            place.mkdir(exist_ok=True)
+            (place / "libtkv_etcd.so").write_text("not this one")
+        (self.folder / "tkv").write_text("nor this one")
+        (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 200\n")
+        # As a shell calls what it found on the path: by its bare name.
+        done = subprocess.run(["tkv", "ls"], executable=COMMAND, cwd=self.folder, env=self.environment,
+                              capture_output=True, text=True, timeout=DEADLINE, check=False)
+        self.assertEqual(done.returncode, UNREACHABLE, done.stderr)
+        self.assertIn("127.0.0.1:1", done.stderr)
+        self.assertNotIn("cannot be loaded", done.stderr)
 
 
 if __name__ == "__main__":
