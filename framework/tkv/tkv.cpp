@@ -814,6 +814,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValues(JNIEnv* en
     name.release();
     return nullptr;  // an enlarged buffer stays with the session's memory context
   }
+  size = std::min(size, capacity);
   if (size == 0) {
     prsrvut_trace(env, result, "getKeyValues: key [%s] has NULL value\n", name.get());
     prsrvut_setStatus(env, result, 1);
@@ -825,7 +826,6 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValues(JNIEnv* en
   prsrvut_trace(env, result, "getKeyValues: returned dtype is %d\n", type);
   const jclass string_class = prsrvut_FindClass(env, "java/lang/String");
   char* const value = enlarged_buffer != nullptr ? enlarged_buffer : first_buffer;
-  size = std::min(size, capacity);
   value[size] = '\0';
   const int32_t count = count_elements(env, result, value, size);
   const jobjectArray texts = prsrvut_NewObjectArray(env, count, string_class, nullptr);

@@ -361,6 +361,24 @@ TEST_F(GetKeyValues, GivesNullWithStatusTrueForALongValueThatWasEmptied) {
   abandons({"enlarged"});
 }
 
+// No byte counts that the buffer has no room for.
+TEST_F(GetKeyValues, GivesNullForAValueWithoutASizeThatSeemsToGrow) {
+  expect({
+      opened("k"),
+      get_value(kKey, 8192).returns(9).size(0),
+      trace("getKeyValues: prtkv_get_value retval = 9, dtype is 3 size = 0\n"),
+      allocates(1, "enlarged"),
+      get_value(kKey, 0, "enlarged").size(5),
+      trace("getKeyValues: prtkv_get_value retval = 0, size = 5\n"),
+      trace("getKeyValues: key [k] has NULL value\n"),
+      status(true),
+      close_key(kKey),
+      releases("k"),
+  });
+  EXPECT_EQ(getKeyValues(string("k")), nullptr);
+  abandons({"enlarged"});
+}
+
 // Failures.
 
 TEST_F(GetKeyValues, GivesNullWithStatusTrueForAMissingKey) {
