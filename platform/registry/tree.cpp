@@ -27,6 +27,11 @@ std::string hexadecimal(Rights right) {
   return std::string("0x") + kDigits[right >> 4 & 0xf] + kDigits[right & 0xf];
 }
 
+// Only a damaged registry has a key below as many levels as this one.
+Status hangs_in_a_loop(std::string_view name) {
+  return {PRTKV_STORAGE_FAILED, describe(name) + " is damaged: it hangs below itself"};
+}
+
 // A key met below another.
 struct Step {
   std::string_view name;
@@ -48,7 +53,7 @@ Status descend(store::View& view, std::string& name, store::NodeId parent, std::
     const std::size_t level_at = name.size();
     name.append(level);
     Step step{name, std::string_view(name).substr(level_at), parent, node, depth, true};
-    Status visited = visit(step);
+    Status visited = depth > kMaxLevels ? hangs_in_a_loop(name) : visit(step);
     if (visited.ok() && step.descend) visited = descend(view, name, node.id, depth + 1, visit);
     refused = !visited.ok();
     name.resize(size);
@@ -163,7 +168,7 @@ Status Reader::list(const KeyRef& key, FunctionRef<Status(std::string_view level
 Status Reader::walk(const KeyRef& key, Hidden hidden, FunctionRef<Status(const Entry& entry)> visit) {
   const auto enter = [&](Step& step) -> Status {
     const Rights rights = rights_of(identity_, step.node.security);
-    Entry entry{step.name, step.level, step.depth, step.node, rights, false};
+    Entry entry{step.name, step.level, step.depth, step.node, rights, false, step.descend};
     if ((rights & TKV_RIGHT_LIST) == 0) {
       Status status = view_.has_children(step.node.id, &entry.subkeys_hidden);
       if (!status.ok()) return told(status, step.name);
@@ -321,7 +326,7 @@ Status Writer::set_security_below(const KeyRef& key, FunctionRef<sec_attr(const 
     Status status = demand(TKV_RIGHT_SECURITY, step.name, step.node, "changing its security");
     if (!status.ok()) return status;
     const Rights rights = rights_of(identity(), step.node.security);
-    const sec_attr wanted = change(Entry{step.name, step.level, step.depth, step.node, rights, false});
+    const sec_attr wanted = change({step.name, step.level, step.depth, step.node, rights, false, step.descend});
     if (status = check_security(wanted); !status.ok()) return status;
     changes.push_back({step.parent, std::string(step.level), tidied(wanted)});
     return {};

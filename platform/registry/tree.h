@@ -71,6 +71,7 @@ struct Entry {
   const store::Node& node;
   Rights rights;        // of the identity on this key
   bool subkeys_hidden;  // the walk passes over the subkeys, if any, for want of the list right
+  bool& descend;        // a visit that sets it to false makes the walk pass over the subkeys
 };
 
 // What a walk does at a key whose subkeys the identity may not list.
@@ -112,7 +113,7 @@ class Reader {
 
   // Visits the key and everything below it, each key before its subkeys, those in byte order, until `visit` returns a
   // failure, which is passed on. Needs 0x02 on every key that has subkeys; visiting reads no value and needs nothing
-  // else. Large trees are walked in Registry::read_all.
+  // else. 7 when the keys hang in a loop. Large trees are walked in Registry::read_all.
   Status walk(const KeyRef& key, Hidden hidden, FunctionRef<Status(const Entry& entry)> visit);
 
   const Identity& identity() const { return identity_; }

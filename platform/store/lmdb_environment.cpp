@@ -212,7 +212,8 @@ Status Environment::check_state(bool* outdated) {
   mdb_env_info(env_, &info);
   *outdated = false;
   if (info.me_last_pgno < kPagesToCheck) {
-    if (Status status = check_pages(txn, outdated); !status.ok() || *outdated) return status;
+    const auto unwatched = [](std::uint64_t, std::uint64_t) {};
+    if (Status status = check_pages(txn, unwatched, outdated); !status.ok() || *outdated) return status;
   }
   MDB_dbi database = 0;
   if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0)

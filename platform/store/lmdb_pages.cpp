@@ -32,8 +32,8 @@ struct PageNode {
 
 class PageCheck {
  public:
-  PageCheck(int file, const Head& head, MDB_txn* txn)
-      : file_(file), page_size_(head.free_pages.page_size), last_page_(head.last_page), txn_(txn) {
+  PageCheck(int file, const Head& head, MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)> progress)
+      : file_(file), page_size_(head.free_pages.page_size), last_page_(head.last_page), txn_(txn), progress_(progress) {
     used_.resize(last_page_ + 1);
     page_.resize(page_size_);
   }
@@ -60,6 +60,8 @@ class PageCheck {
   const std::size_t page_size_;
   const std::uint64_t last_page_;
   MDB_txn* const txn_;
+  FunctionRef<void(std::uint64_t, std::uint64_t)> progress_;
+  std::uint64_t taken_ = 0;
   std::vector<bool> used_;
   std::vector<std::byte> page_;
   std::vector<Pending> pending_;
@@ -76,6 +78,7 @@ Status PageCheck::take(std::uint64_t page) {
   if (page < 2 || page > last_page_) return damaged(page, "does not exist, and is referred to");
   if (used_[page]) return damaged(page, "is in two places");
   used_[page] = true;
+  ++taken_;
   return {};
 }
 
@@ -95,6 +98,7 @@ Status PageCheck::check_tree(const TreeHead& tree, bool is_main) {
     const Pending at = pending_.back();
     pending_.pop_back();
     if (Status status = check_page(at, tree.depth, is_main); !status.ok()) return status;
+    progress_(taken_, last_page_ - 1);  // two pages are heads
   }
   return {};
 }
@@ -201,7 +205,7 @@ Status PageCheck::check_free_list(std::uint64_t page, std::span<const std::byte>
 
 }  // namespace
 
-Status check_pages(MDB_txn* txn, bool* outdated) {
+Status check_pages(MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)> progress, bool* outdated) {
   MDB_env* const env = mdb_txn_env(txn);
   MDB_stat pages{};
   int file = -1;
@@ -217,7 +221,7 @@ Status check_pages(MDB_txn* txn, bool* outdated) {
   if (error != 0) return failure(txn, error, "cannot read the registry's file");
   *outdated = head.transaction != state;
   if (*outdated || count != sizeof head) return {};
-  PageCheck check(file, head, txn);
+  PageCheck check(file, head, txn, progress);
   if (Status status = check.check_tree(head.free_pages, false); !status.ok()) return status;
   return check.check_tree(head.main, true);
 }

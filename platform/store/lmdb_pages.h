@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "function_ref.h"
 #include "status.h"
 
 namespace tkv::store {
@@ -17,7 +18,7 @@ namespace tkv::store {
 // Looks through all pages in use in the state that a transaction sees, which must not have written anything. 7 with a
 // text that names the page; `*outdated` is set instead when other writers have meanwhile overwritten what tells where
 // the state's pages are: then a new transaction is needed.
-Status check_pages(MDB_txn* txn, bool* outdated);
+Status check_pages(MDB_txn* txn, FunctionRef<void(std::uint64_t done, std::uint64_t total)> progress, bool* outdated);
 
 }  // namespace tkv::store
 

@@ -227,8 +227,24 @@ Status LmdbUpdate::finish() {
   return meta_changed_ ? put(Key::meta(), encode_meta(*meta_), 0) : Status();
 }
 
+// Looks through the pages, so that records can be read without danger.
+Status read_pages(MDB_txn* txn, FunctionRef<void(const CheckProgress&)> progress, bool* outdated) {
+  return check_pages(
+      txn,
+      [&](std::uint64_t done, std::uint64_t total) {
+        progress({"pages", done, total});
+      },
+      outdated);
+}
+
+std::uint64_t count_records(MDB_txn* txn) {
+  MDB_stat records{};
+  return mdb_stat(txn, kDatabase, &records) == 0 ? records.ms_entries : 0;
+}
+
 // Reads every record of a state, in the order of the keys.
-Status read_records(MDB_txn* txn, TreeCheck* check) {
+Status read_records(MDB_txn* txn, TreeCheck* check, FunctionRef<void(const CheckProgress&)> progress) {
+  CheckProgress records{"records", 0, count_records(txn)};
   Cursor cursor(nullptr, &mdb_cursor_close);
   if (Status status = open_cursor(txn, &cursor); !status.ok()) return status;
   MDB_val key{};
@@ -238,6 +254,8 @@ Status read_records(MDB_txn* txn, TreeCheck* check) {
     KeyParts parts;
     Node node;
     Value value;
+    ++records.done;
+    progress(records);
     if (!read_key(key, &parts)) {
       check->add_damaged_node(kNoNode, {static_cast<const char*>(key.mv_data), key.mv_size}, "an unknown key");
     } else if (parts.kind == kNodeKey) {
@@ -265,12 +283,15 @@ class LmdbStore final : public Store {
   }
   Status write(FunctionRef<Status(Update&)> function) override;
   std::size_t max_changes() const override { return std::numeric_limits<std::size_t>::max(); }
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override;
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+               Totals* totals) override;
   const char* kind() const override { return "lmdb"; }
 
  private:
-  Status check_only(FunctionRef<void(const Finding&)> report, Totals* totals);
-  Status check_and_repair(FunctionRef<void(const Finding&)> report, Totals* totals);
+  Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+                    Totals* totals);
+  Status check_and_repair(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+                          Totals* totals);
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
   Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome);
@@ -334,19 +355,21 @@ Status LmdbStore::write(FunctionRef<Status(Update&)> function) {
   return write_with([&](LmdbUpdate& update) { return function(update); });
 }
 
-Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
-  return repair ? check_and_repair(report, totals) : check_only(report, totals);
+Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report,
+                        FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
+  return repair ? check_and_repair(report, progress, totals) : check_only(report, progress, totals);
 }
 
-Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, Totals* totals) try {
+Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+                             Totals* totals) try {
   for (;;) {
     ReadTransaction transaction(environment_, ReadTransaction::Length::kLong);
     if (Status status = transaction.begin(); !status.ok()) return status;
     bool outdated = false;
-    if (Status status = check_pages(transaction.txn(), &outdated); !status.ok()) return status;
+    if (Status status = read_pages(transaction.txn(), progress, &outdated); !status.ok()) return status;
     if (outdated) continue;
     TreeCheck check(report);
-    if (Status status = read_records(transaction.txn(), &check); !status.ok()) return status;
+    if (Status status = read_records(transaction.txn(), &check, progress); !status.ok()) return status;
     check.finish(totals, nullptr);
     return {};
   }
@@ -354,7 +377,8 @@ Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, Totals* t
   return damaged(broken);
 }
 
-Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report, Totals* totals) {
+Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
+                                   FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   // Findings are reported of the attempt that is committed, not of those in vain.
   std::vector<Finding> findings;
   Status status = write_with([&](LmdbUpdate& update) -> Status {
@@ -362,8 +386,8 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report, Tot
     const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
     TreeCheck check(collect);
     bool outdated = false;  // never, while nobody else can write
-    if (Status pages = check_pages(update.txn(), &outdated); !pages.ok()) return pages;
-    if (Status read = read_records(update.txn(), &check); !read.ok()) return read;
+    if (Status pages = read_pages(update.txn(), progress, &outdated); !pages.ok()) return pages;
+    if (Status read = read_records(update.txn(), &check, progress); !read.ok()) return read;
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
     return update.remove_all(removable);

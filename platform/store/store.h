@@ -124,6 +124,14 @@ struct Totals {
   std::uint64_t value_bytes = 0;
 };
 
+// How far a check is, for people who wait. A check may pass over the store in several ways, one after the other, and
+// begin again when the store changes under it.
+struct CheckProgress {
+  const char* reading;  // "pages", "records", ...
+  std::uint64_t done;
+  std::uint64_t total;  // about
+};
+
 class Store {
  public:
   virtual ~Store() = default;
@@ -145,8 +153,14 @@ class Store {
   virtual std::size_t max_changes() const = 0;
 
   // Reads every record and reports each that is damaged or out of place; counts the sound ones. With `repair`, what
-  // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed.
-  virtual Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) = 0;
+  // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed. `progress`
+  // is called often.
+  virtual Status check(bool repair, FunctionRef<void(const Finding&)> report,
+                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals) = 0;
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
+    return check(
+        repair, report, [](const CheckProgress&) {}, totals);
+  }
 
   // "lmdb" or "etcd".
   virtual const char* kind() const = 0;

@@ -102,9 +102,10 @@ class FaultyStore final : public Store {
 
   std::size_t max_changes() const override { return target_->max_changes(); }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override {
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+               Totals* totals) override {
     if (Status status = next(Call::kCheck); !status.ok()) return status;
-    return target_->check(repair, report, totals);
+    return target_->check(repair, report, progress, totals);
   }
 
   const char* kind() const override { return target_->kind(); }

@@ -305,6 +305,36 @@ TEST_F(Lmdb, ALargeWriteCanBeUndoneByAnother) {
 
 // Growth
 
+TEST_F(Lmdb, ACheckTellsHowFarItIs) {
+  const auto store = open();
+  for (int number = 0; number < 50; ++number) {
+    NodeId id = kNoNode;
+    ASSERT_TRUE(add_node(*store, kRootNode, "k" + std::to_string(number), &id).ok());
+    ASSERT_TRUE(set_text(*store, id, std::string(10'000, 'v')).ok());
+  }
+  for (const bool repair : {false, true}) {
+    std::vector<std::string> passes;
+    CheckProgress last{"", 0, 0};
+    const auto follow = [&](const CheckProgress& progress) {
+      if (std::string(last.reading) != progress.reading) {
+        passes.emplace_back(progress.reading);
+        last.done = 0;
+      }
+      EXPECT_GE(progress.done, last.done) << progress.reading;
+      EXPECT_LE(progress.done, progress.total) << progress.reading;
+      last = progress;
+    };
+    Totals totals;
+    ASSERT_TRUE(store
+                    ->check(
+                        repair, [](const Finding&) {}, follow, &totals)
+                    .ok());
+    EXPECT_EQ(passes, (std::vector<std::string>{"pages", "records"}));
+    EXPECT_GT(last.done, 100u);
+    EXPECT_EQ(last.done, last.total);
+  }
+}
+
 class LmdbGrowth : public Lmdb {
  protected:
   LmdbGrowth() { options_.first_map_size = kMiB; }

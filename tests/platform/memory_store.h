@@ -49,10 +49,13 @@ class MemoryStore final : public Store {
 
   std::size_t max_changes() const override { return std::numeric_limits<std::size_t>::max(); }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override {
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+               Totals* totals) override {
     const std::lock_guard one_writer(write_mutex_);
     auto next = std::make_shared<State>(*current());
+    const std::uint64_t records = next->nodes.size() + next->values.size();
     check_state(*next, report, totals);
+    progress({"records", records, records});
     const std::lock_guard lock(mutex_);
     if (repair) current_ = std::move(next);
     return {};

@@ -124,6 +124,52 @@ TEST_F(Tree, WalkFailsAtOrPassesOverWhatMayNotBeListed) {
   EXPECT_THAT(seen, ElementsAre("", "a hidden", "leaf"));
 }
 
+TEST_F(Tree, AWalkGoesNoFurtherDownThanItsVisitsWant) {
+  for (const char* name : {"a", "a.b", "a.b.c", "a.d", "e"}) ground_.make(name);
+  std::vector<std::string> seen;
+  const auto walk_past = [&](std::string_view passed_over) {
+    seen.clear();
+    return ground_.as(superuser())->read([&](Reader& tree) {
+      return tree.walk("", Hidden::kFail, [&](const Entry& entry) {
+        seen.emplace_back(entry.name);
+        entry.descend = entry.name != passed_over;
+        return Status();
+      });
+    });
+  };
+  EXPECT_TRUE(walk_past("a.b").ok());
+  EXPECT_THAT(seen, ElementsAre("", "a", "a.b", "a.d", "e"));
+  EXPECT_TRUE(walk_past("a").ok());
+  EXPECT_THAT(seen, ElementsAre("", "a", "e"));
+  EXPECT_TRUE(walk_past("").ok());
+  EXPECT_THAT(seen, ElementsAre(""));
+}
+
+TEST_F(Tree, WalkComesToTheDeepestKeyThatThereCanBe) {
+  std::string name = "a";
+  for (std::size_t level = 1; level < kMaxLevels; ++level) {
+    ASSERT_NE(ground_.make(name), store::kNoNode) << name;
+    name += ".a";
+  }
+  ASSERT_NE(ground_.make(name), store::kNoNode) << name;
+  EXPECT_EQ(ground_.everything().back(), name);
+}
+
+TEST_F(Tree, KeysThatHangBelowThemselvesEndAWalkAsDamaged) {
+  const store::NodeId a = ground_.make("a");
+  ASSERT_TRUE(ground_.store->write([&](store::Update& update) {
+                             return update.insert(a, "b", {a, open_to_all()});
+                           })
+                  .ok());
+  const Status status = ground_.as(superuser())->read([&](Reader& tree) {
+    return tree.walk("", Hidden::kFail, [](const Entry&) { return Status(); });
+  });
+  EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
+  EXPECT_TRUE(status.text().ends_with("is damaged: it hangs below itself")) << status.text();
+  EXPECT_EQ(write([](Writer& tree) { return tree.copy("a", "", "c", true, false, nullptr); }).code(),
+            PRTKV_INVALID_NAME);
+}
+
 TEST_F(Tree, RemoveTakesTheWholeSubtreeOrRefuses) {
   for (const char* name : {"a", "a.b", "a.b.c", "d"}) ground_.make(name, open_to_all(), "v");
   const Status status = write([](Writer& tree) { return tree.remove("a", false); });

@@ -23,14 +23,16 @@ struct Entry {
 
 class Checker {
  public:
-  Checker(Core& core, FunctionRef<void(const Finding&)> report) : core_(core), check_(report), report_(report) {}
+  Checker(Core& core, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress)
+      : core_(core), check_(report), report_(report), progress_(progress) {}
 
   Status read();
   void finish(Totals* totals) { check_.finish(totals, &removable_); }
   Status repair();
 
  private:
-  Status visit(const KeyRange& range, std::int64_t limit, FunctionRef<void(const KeyValue&)> visit_record);
+  Status visit(const char* reading, const KeyRange& range, std::int64_t limit,
+               FunctionRef<void(const KeyValue&)> visit_record);
   Status read_leftovers();
   Status read_nodes();
   Status read_values();
@@ -43,6 +45,7 @@ class Checker {
   Core& core_;
   TreeCheck check_;
   FunctionRef<void(const Finding&)> report_;
+  FunctionRef<void(const CheckProgress&)> progress_;
   TreeCheck::Removable removable_;
   std::int64_t revision_ = 0;
   std::vector<IdRange> building_;
@@ -54,27 +57,33 @@ class Checker {
   bool meta_is_low_ = false;
 };
 
-Status Checker::visit(const KeyRange& range, std::int64_t limit, FunctionRef<void(const KeyValue&)> visit_record) {
+Status Checker::visit(const char* reading, const KeyRange& range, std::int64_t limit,
+                      FunctionRef<void(const KeyValue&)> visit_record) {
   RangeRequest request = get_range(range, limit);
   request.set_revision(revision_);
+  CheckProgress progress{reading, 0, 0};
   Pager pager(*core_.cluster, request);
   while (pager.more()) {
     RangeResponse page;
     if (Outcome outcome = pager.next(&page); !outcome.ok()) return outcome.status;
     revision_ = pager.revision();
     for (const KeyValue& record : page.kvs()) visit_record(record);
+    const std::uint64_t left = static_cast<std::uint64_t>(page.count());  // of the range, this page included
+    progress.total = std::max(progress.total, progress.done + left);
+    progress.done += static_cast<std::uint64_t>(page.kvs_size());
+    progress_(progress);
   }
   return {};
 }
 
 Status Checker::read_leftovers() {
-  Status status = visit(core_.keys.all_staging(), kMarkersPerPage, [&](const KeyValue& build) {
+  Status status = visit("changes under way", core_.keys.all_staging(), kMarkersPerPage, [&](const KeyValue& build) {
     if (const auto text = StagingText::parse(build.value())) {
       building_.insert(building_.end(), text->ids.begin(), text->ids.end());
     }
   });
   if (!status.ok()) return status;
-  return visit(core_.keys.all_garbage(), kMarkersPerPage, [&](const KeyValue& marker) {
+  return visit("removals under way", core_.keys.all_garbage(), kMarkersPerPage, [&](const KeyValue& marker) {
     if (const auto id = core_.keys.parse_garbage(marker.key())) garbage_.insert(*id);
   });
 }
@@ -86,7 +95,7 @@ bool Checker::is_left_over(NodeId parent) const {
 }
 
 Status Checker::read_nodes() {
-  Status status = visit(core_.keys.all_nodes(), kNodesPerPage, [&](const KeyValue& record) {
+  Status status = visit("keys", core_.keys.all_nodes(), kNodesPerPage, [&](const KeyValue& record) {
     const auto place = core_.keys.parse_node(record.key());
     if (!place) {
       check_.add_damaged_node(kNoNode, record.key(), "its key is not one of a node");
@@ -137,14 +146,15 @@ void Checker::add_value(const KeyValue& record) {
 }
 
 Status Checker::read_values() {
-  return visit(core_.keys.all_values(), kFirstValuesPerPage, [&](const KeyValue& record) { add_value(record); });
+  return visit("values", core_.keys.all_values(), kFirstValuesPerPage,
+               [&](const KeyValue& record) { add_value(record); });
 }
 
 Status Checker::read_next_id() {
   bool found = false;
   Status damage;
   const std::string key = core_.keys.meta();
-  Status status = visit({key, key + '\0'}, 1, [&](const KeyValue& record) {
+  Status status = visit("the counter of ids", {key, key + '\0'}, 1, [&](const KeyValue& record) {
     found = true;
     meta_revision_ = record.mod_revision();
     damage = decode_meta(as_bytes(record.value()), &meta_);
@@ -203,11 +213,12 @@ Status Checker::repair() {
 
 }  // namespace
 
-Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
+Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
+                      FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   if (repair) {
     if (Status status = core.sweeper.sweep_all(); !status.ok()) return status;
   }
-  Checker checker(core, report);
+  Checker checker(core, report, progress);
   if (Status status = checker.read(); !status.ok()) return status;
   checker.finish(totals);
   return repair ? checker.repair() : Status();

@@ -75,8 +75,9 @@ class EtcdStore final : public Store {
 
   std::size_t max_changes() const override { return kMostChanges; }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) override {
-    return guarded([&] { return check_registry(core_, repair, report, totals); });
+  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
+               Totals* totals) override {
+    return guarded([&] { return check_registry(core_, repair, report, progress, totals); });
   }
 
   const char* kind() const override { return "etcd"; }
