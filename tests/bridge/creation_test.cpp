@@ -87,6 +87,45 @@ TEST_F(CreateKey, AppliesEmptyNamesInASecondStep) {
   createKey(string("new"), 5, nullptr, nullptr, nullptr);
 }
 
+class CreateKeyWithoutSessionGroup : public BridgeTest {
+ public:
+  void SetUp() override {
+    BridgeTest::SetUp();
+    givenWorkingKey({.group = ""});
+  }
+};
+
+TEST_F(CreateKeyWithoutSessionGroup, CreatesAKeyWithoutGroupInOneStep) {
+  expect({
+      started("new"),
+      fill_trace(5),
+      no_group_given(),
+      create_key("new", owned(0x3f, 0x3f, 0x3f, "", "")).gives(kNew),
+      trace("createKey: prtkv_create_key retval = 0\n"),
+      close_key(kNew),
+      trace("createKey: prtkv_close_key retval = 0\n"),
+      status(true),
+      releases("new"),
+  });
+  createKey(string("new"), 5, nullptr, nullptr, nullptr);
+}
+
+TEST_F(CreateKeyWithoutSessionGroup, CreatesWithoutGroupFirstWhenOneIsWanted) {
+  expect({
+      started("new"),
+      resolves_type1("bob", "wheel"),
+      create_key("new", owned(0x3f, 0x34, 0x3, "ada", "")).gives(kNew),
+      trace("createKey: prtkv_create_key retval = 0\n"),
+      set_security(kNew, type1_record("bob", "wheel")),
+      trace("createKey: prtkv_set_key_security for key [new], rc=0\n"),
+      close_key(kNew),
+      trace("createKey: prtkv_close_key retval = 0\n"),
+      status(true),
+      releases("new"),
+  });
+  createKey(string("new"), 1, nullptr, string("bob"), string("wheel"));
+}
+
 TEST_F(CreateKey, UsesTheKeyThatWasClosedAsTheWorkingKey) {
   expect({close_key(kWorkingKey), trace("closeKey: prtkv_close_key retval = 0\n"), status(true)});
   closeKey();

@@ -52,6 +52,7 @@ Recording& Recording::instance() {
 void Recording::reset() {
   forgetLines();
   unscripted = nullptr;
+  fresh_byte = 0;
   violations_.clear();
   blocks_.clear();
   blocks_by_start_.clear();
@@ -81,6 +82,7 @@ char* Recording::allocate(uint64_t owner, size_t size, const std::string& name) 
   const std::string called = name.empty() ? "block " + std::to_string(blocks_.size() + 1) : name;
   blocks_.push_back({called, owner, size, std::make_unique<char[]>(size)});
   char* start = blocks_.back().bytes.get();
+  std::memset(start, fresh_byte, size);
   blocks_by_start_[start] = &blocks_.back();
   return start;
 }

@@ -71,7 +71,9 @@ class Recording {
   void violation(std::string text) { violations_.push_back(std::move(text)); }
   const std::vector<std::string>& violations() const { return violations_; }
 
+  /* A block whose bytes are all `fresh_byte`. */
   char* allocate(uint64_t owner, size_t size, const std::string& name);
+  char fresh_byte = 0;
   void free(uint64_t owner, const void* block);
   Block* block(std::string_view name);
   /* The names of the blocks that were not freed, in the order in which they were taken. */

@@ -1,6 +1,7 @@
 /* initializeTKVLevel and terminateTKV: what they call, what the session's record holds afterwards, and what stays when
  * an initialisation fails half-way.
  */
+#include <cstring>
 #include <limits>
 
 #include "bridge_test.h"
@@ -41,6 +42,45 @@ TEST_F(InitializeTKVLevel, OpensASession) {
   EXPECT_EQ(session().lx_handle, static_cast<const void*>(session().lx_handle_area));
   EXPECT_EQ(session().lang_env, static_cast<const void*>(session().lang_env_area));
   EXPECT_EQ(session().charset_id, 873);
+}
+
+// Memory that held something before must not be taken for handles or names.
+TEST_F(InitializeTKVLevel, ClearsTheRecordBeforeItIsUsed) {
+  recording().fresh_byte = '\xa5';
+  expect({
+      program_manager(),
+      allocates(888, "session"),
+      Call("scls_meta_query_size", {"1"}).size(96),
+      allocates(96, "scls context").gives_null(),
+      reports_without_context(0),
+      trace("\n initializeTKVLevel: NOT ENOUGH MEMORY"),
+  });
+  initializeTKVLevel(3);
+
+  tkv_session cleared{};
+  cleared.mem_ctx = kProgram;
+  EXPECT_EQ(std::memcmp(&session(), &cleared, sizeof cleared), 0);
+}
+
+TEST_F(InitializeTKVLevel, SetsHandleAndEnvironmentBeforeTheyAreFilled) {
+  const Calls calls = initialisation(3)
+                          .with(Call("lxinitc", {"session.lx_handle_area", "lx global", "0", "0"}).then([] {
+                            EXPECT_EQ(session().lx_handle, static_cast<const void*>(session().lx_handle_area));
+                          }))
+                          .with(lang_env().then([] {
+                            EXPECT_EQ(session().lang_env, static_cast<const void*>(session().lang_env_area));
+                          }));
+  expect(calls);
+  initializeTKVLevel(3);
+}
+
+TEST_F(InitializeTKVLevel, KeepsTheRegistryContextOnlyAtItsEnd) {
+  expect(
+      initialisation(3).with(Call("lxhcsn", {"session.lang_env_area", "session.lx_handle_area"}).returns(873).then([] {
+        EXPECT_EQ(session().registry_ctx, 0u);
+      })));
+  initializeTKVLevel(3);
+  EXPECT_EQ(session().registry_ctx, kRegistry);
 }
 
 TEST_P(InitializeTKVLevelWithLevel, PassesTheLevelUnchanged) {
