@@ -213,6 +213,11 @@ struct Writer::Copying {
 // changes of its own, as it shows it.
 store::View& Writer::steady() { return changed_ ? static_cast<store::View&>(update_) : update_.before(); }
 
+void Writer::count_key() {
+  ++keys_;
+  if (progress_) (*progress_)(keys_);
+}
+
 Status Writer::find_target(const KeyRef& parent, std::string_view name, Target* target) {
   Place place;
   if (Status status = check_relative_name(name); !status.ok()) return status;
@@ -250,6 +255,7 @@ Status Writer::demand_delete(std::string_view name, const store::Node& node, sto
   std::string below(name);
   return descend(steady(), below, node.id, 1, [&](Step& step) -> Status {
     step.descend = step.node.id != spared;
+    count_key();
     return step.descend ? demand(TKV_RIGHT_DELETE, step.name, step.node, "deleting it") : Status();
   });
 }
@@ -302,6 +308,7 @@ Status Writer::set_value(const KeyRef& key, std::int32_t type, std::span<const s
   if (Status status = resolve(key, &place); !status.ok()) return status;
   if (Status status = demand(TKV_RIGHT_WRITE, key.name, place.node, "writing its value"); !status.ok()) return status;
   changed_ = true;
+  count_key();
   return told(update_.set_value(place.node.id, type, bytes), key.name);
 }
 
@@ -312,6 +319,7 @@ Status Writer::set_security(const KeyRef& key, const sec_attr& security) {
   Status status = demand(TKV_RIGHT_SECURITY, key.name, place.node, "changing its security");
   if (!status.ok()) return status;
   changed_ = true;
+  count_key();
   return told(update_.set_security(place.parent, last_level(key.name), tidied(security)), key.name);
 }
 
@@ -342,6 +350,7 @@ Status Writer::set_security_below(const KeyRef& key, FunctionRef<sec_attr(const 
     if (Status status = update_.set_security(one.parent, one.level, one.security); !status.ok()) {
       return told(status, key.name);
     }
+    count_key();
   }
   return {};
 }
@@ -452,6 +461,7 @@ Status Writer::sprout(std::int32_t type, std::span<const std::byte> bytes, store
   if (bytes.size() > kMaxValueBytes) return PRTKV_VALUE_TOO_LARGE;
   if (Status status = update_.new_id(&made); !status.ok()) return status;
   changed_ = true;
+  count_key();
   if (type != 0 || !bytes.empty()) {
     if (Status status = update_.set_value(made, type, bytes); !status.ok()) return status;
   }

@@ -23,6 +23,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -140,6 +141,10 @@ class Writer final : public Reader {
     return function(reader);
   }
 
+  // From now on calls `progress`, which must live as long as the writer, with how many keys it has made, changed or
+  // found to be deletable, after each of them.
+  void follow(FunctionRef<void(std::uint64_t keys)> progress) { progress_ = progress; }
+
   // Creates a key without a value. 55 when it exists. Needs 0x10 on the parent that the name's last level goes under.
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, store::NodeId* id);
 
@@ -187,6 +192,7 @@ class Writer final : public Reader {
   struct Copying;
 
   store::View& steady();
+  void count_key();
   Status find_target(const KeyRef& parent, std::string_view name, Target* target);
   Status demand_target(const Target& target, bool replace, store::NodeId spared);
   Status demand_delete(std::string_view name, const store::Node& node, store::NodeId spared);
@@ -197,6 +203,8 @@ class Writer final : public Reader {
 
   store::Update& update_;
   bool changed_ = false;  // this update has changed something, so its beginning is no longer what it shows
+  std::uint64_t keys_ = 0;
+  std::optional<FunctionRef<void(std::uint64_t keys)>> progress_;
 };
 
 }  // namespace tkv::registry

@@ -12,6 +12,7 @@
 #include "lmdb_environment.h"
 #include "lmdb_pages.h"
 #include "lmdb_tree.h"
+#include "standard_files.h"
 #include "tree_check.h"
 
 namespace tkv::store {
@@ -399,6 +400,7 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 }  // namespace
 
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store) {
+  occupy_standard_files();
   if (Status status = prepare_directory(options); !status.ok()) return status;
   Environment* environment = nullptr;
   if (Status status = Environment::acquire(options, &environment); !status.ok()) return status;

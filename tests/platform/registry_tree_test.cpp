@@ -170,6 +170,33 @@ TEST_F(Tree, KeysThatHangBelowThemselvesEndAWalkAsDamaged) {
             PRTKV_INVALID_NAME);
 }
 
+TEST_F(Tree, AWriterTellsHowManyKeysItHasDoneSoFar) {
+  for (const char* name : {"a", "a.b", "a.b.c", "d"}) ground_.make(name);
+  std::vector<std::uint64_t> seen;
+  const auto collect = [&](std::uint64_t keys) { seen.push_back(keys); };
+  const auto follow = [&](FunctionRef<Status(Writer&)> change) {
+    seen.clear();
+    return ground_.as(person("alice"))->write([&](Writer& tree) {
+      tree.follow(collect);
+      return change(tree);
+    });
+  };
+  store::NodeId id = store::kNoNode;
+  EXPECT_TRUE(follow([&](Writer& tree) { return tree.copy("a", "", "e", true, false, &id); }).ok());
+  EXPECT_THAT(seen, ElementsAre(1, 2, 3));
+  const auto same = [](const Entry& entry) { return entry.node.security; };
+  EXPECT_TRUE(follow([&](Writer& tree) { return tree.set_security_below("a", same); }).ok());
+  EXPECT_THAT(seen, ElementsAre(1, 2, 3));
+  EXPECT_TRUE(follow([&](Writer& tree) -> Status {
+                if (Status set = tree.set_value("a", 3, bytes_of("v")); !set.ok()) return set;
+                if (Status set = tree.set_security("d", open_to_all()); !set.ok()) return set;
+                return tree.create("", "f", open_to_all(), &id);
+              }).ok());
+  EXPECT_THAT(seen, ElementsAre(1, 2, 3));
+  EXPECT_TRUE(follow([](Writer& tree) { return tree.remove("e", true); }).ok());
+  EXPECT_THAT(seen, ElementsAre(1, 2));
+}
+
 TEST_F(Tree, RemoveTakesTheWholeSubtreeOrRefuses) {
   for (const char* name : {"a", "a.b", "a.b.c", "d"}) ground_.make(name, open_to_all(), "v");
   const Status status = write([](Writer& tree) { return tree.remove("a", false); });
