@@ -9,29 +9,21 @@ import static velmar.qen.mgmt.nativesystem.Reports.assertDone;
 import static velmar.qen.mgmt.nativesystem.Reports.assertText;
 import static velmar.qen.mgmt.nativesystem.Reports.done;
 
-import java.io.IOException;
-import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.List;
 import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
 class ClusterTest extends OpenSession {
-    private final Path configuration = Path.of(System.getenv("TKV_CONF"));
-    private String configured;
-
-    @BeforeEach
-    void keepConfiguration() throws IOException {
-        configured = Files.readString(configuration);
-    }
+    private final String configured = Configuration.current();
+    private final Configuration configuration = new Configuration();
 
     @AfterEach
-    void restoreConfiguration() throws IOException {
-        Files.writeString(configuration, configured);
+    void restoreConfiguration() {
+        configuration.close();
     }
 
     private Recorder isCluster() {
@@ -40,49 +32,43 @@ class ClusterTest extends OpenSession {
         return result;
     }
 
-    private boolean onCluster() {
-        return configured.contains("etcd://");
-    }
-
     @Test
-    void aNodeIsNoMemberUnlessConfiguredOrOnAClustersRegistry() throws IOException {
-        assertEquals(List.of("status true", "answer " + onCluster()), isCluster().reports());
-        Files.writeString(configuration, configured + "[cluster]\nconfigured = yes\n");
+    void aNodeIsNoMemberUnlessConfiguredOrOnAClustersRegistry() {
+        assertEquals(List.of("status true", "answer " + Configuration.onCluster()), isCluster().reports());
+        configuration.write(configured + "[cluster]\nconfigured = yes\n");
         assertEquals(List.of("status true", "answer true"), isCluster().reports());
-        Files.writeString(configuration, configured + "[cluster]\nconfigured = no\n");
+        configuration.write(configured + "[cluster]\nconfigured = no\n");
         assertEquals(List.of("status true", "answer false"), isCluster().reports());
     }
 
     @Test
-    void anUnreadableConfigurationGivesOnlyATextAboutMembership() throws IOException {
-        Files.writeString(configuration, "broken\n");
+    void anUnreadableConfigurationGivesOnlyATextAboutMembership() {
+        configuration.write("broken\n");
         assertEquals(List.of("text JNI: clsugetconf failed"), isCluster().reports());
     }
 
     @Test
     void locationsAreThoseOfTheConfiguration() {
-        String locations = configured.lines().filter(line -> line.startsWith("location")).findFirst().orElseThrow()
-                .replaceFirst("location *= *", "");
         Recorder result = new Recorder();
-        assertArrayEquals(locations.split(" "), tkv.getTKVLocations(result));
-        assertEquals(List.of("status true", "answer " + onCluster()), result.reports());
+        assertEquals(Configuration.locations(), List.of(tkv.getTKVLocations(result)));
+        assertEquals(List.of("status true", "answer " + Configuration.onCluster()), result.reports());
     }
 
     @Test
-    void severalAddressesAreASharedRegistry() throws IOException {
-        Files.writeString(configuration, "[registry]\nlocation = etcd://a:2379 etcd://b:2379\nlocal_only = no\n");
+    void severalAddressesAreASharedRegistry() {
+        configuration.write("[registry]\nlocation = etcd://a:2379 etcd://b:2379\nlocal_only = no\n");
         Recorder result = new Recorder();
         assertArrayEquals(new String[] {"etcd://a:2379", "etcd://b:2379"}, tkv.getTKVLocations(result));
         assertEquals(List.of("status true", "answer true"), result.reports());
     }
 
     @Test
-    void anUnreadableConfigurationGivesOnlyATextAboutLocations() throws IOException {
-        Files.writeString(configuration, "broken\n");
+    void anUnreadableConfigurationGivesOnlyATextAboutLocations() {
+        configuration.write("broken\n");
         Recorder result = new Recorder();
         assertNull(tkv.getTKVLocations(result));
         assertEquals(1, result.reports().size());
-        assertText(41, configuration + ":1", result.reports().get(0));
+        assertText(41, Configuration.file() + ":1", result.reports().get(0));
     }
 
     @Test
@@ -112,9 +98,9 @@ class ClusterTest extends OpenSession {
     }
 
     @Test
-    void theBackupLocationIsTheConfiguredOne() throws IOException {
+    void theBackupLocationIsTheConfiguredOne() {
         assertEquals("", done(tkv::getTKVBackupLocation));
-        Files.writeString(configuration, configured + "backup_location = /var/backups/tkv\n");
+        configuration.write(configured + "backup_location = /var/backups/tkv\n");
         assertDone(tkv::terminateTKV);
         assertDone(r -> tkv.initializeTKVLevel(0, r));
         assertEquals("/var/backups/tkv", done(tkv::getTKVBackupLocation));

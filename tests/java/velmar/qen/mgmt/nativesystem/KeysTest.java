@@ -10,8 +10,14 @@ import static velmar.qen.mgmt.nativesystem.Reports.assertDone;
 import static velmar.qen.mgmt.nativesystem.Reports.assertRefused;
 import static velmar.qen.mgmt.nativesystem.Reports.done;
 
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.stream.Collectors;
 import java.util.stream.IntStream;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
 
@@ -152,11 +158,12 @@ class KeysTest extends OpenSession {
     }
 
     @Test
-    void listSubKeysGivesTenThousandNames() {
+    void listSubKeysGivesTenThousandNames(@TempDir Path directory) throws IOException, InterruptedException {
         String[] names = IntStream.range(0, 10_000).mapToObj(i -> String.format("k%05d", i)).toArray(String[]::new);
-        for (String name : names) {
-            create(top + name);
-        }
+        String keys = Stream.of(names).map(name -> ",\n{\"name\":\"" + top + name + "\"}").collect(Collectors.joining());
+        Command.run("import", Files.writeString(directory.resolve("keys"), String.format(
+                "{\"tkv\":1,\n\"top\":\"%s\",\n\"keys\":[\n{\"name\":\"%s\"}%s\n]}\n", parent(), parent(), keys))
+                .toString());
         assertArrayEquals(names, done(r -> tkv.listSubKeys(parent(), r)));
         assertDone(r -> tkv.deleteKey(parent(), true, r));
         assertFalse(exists(top + names[9_999]));

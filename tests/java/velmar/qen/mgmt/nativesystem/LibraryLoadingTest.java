@@ -15,30 +15,40 @@ import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
-/** Each search for the library needs a JVM that has not loaded it yet. */
+/**
+ * Each search for the library needs a JVM that has not loaded it yet. The library brings what the registry's location
+ * needs: on a cluster the module for etcd, which must come from beside the library.
+ */
 class LibraryLoadingTest {
     private static final String LIBRARY = "libtkv.so";
+    private static final String ETCD_MODULE = "libtkv_etcd.so";
 
     @TempDir
     private Path directory;
 
-    /** Uses the library and tells which file it came from. */
+    /** Opens a session and tells which files the native code came from. */
     static final class Loader {
         private Loader() {}
 
         public static void main(String[] arguments) throws IOException {
             try {
+                TKVNative tkv = new TKVNative();
                 TKVResult result = new TKVResult();
-                new TKVNative().isCluster(result);
+                tkv.initializeTKVLevel(0, result);
                 System.out.println("status " + result.getStatus());
                 try (Stream<String> maps = Files.lines(Path.of("/proc/self/maps"))) {
-                    maps.filter(line -> line.endsWith("/" + LIBRARY)).map(line -> line.replaceFirst(".* ", ""))
-                            .distinct().forEach(file -> System.out.println("from " + file));
+                    maps.map(line -> line.replaceFirst(".* ", "")).filter(Loader::isOurs).distinct().sorted()
+                            .forEach(file -> System.out.println("from " + file));
                 }
+                tkv.terminateTKV(result);
             } catch (UnsatisfiedLinkError error) {
                 System.out.println("error " + error.getMessage());
                 Stream.of(error.getSuppressed()).forEach(cause -> System.out.println("suppressed " + cause));
             }
+        }
+
+        private static boolean isOurs(String file) {
+            return file.endsWith("/" + LIBRARY) || file.endsWith("/" + ETCD_MODULE);
         }
     }
 
@@ -54,6 +64,17 @@ class LibraryLoadingTest {
         return Path.of(System.getProperty("tkv.library.path"), LIBRARY);
     }
 
+    /** The files of this build: the library, and the module unless it was left out. */
+    private static List<Path> allBuilt() {
+        return Stream.of(LIBRARY, ETCD_MODULE).map(built()::resolveSibling).filter(Files::exists).toList();
+    }
+
+    /** What the loader says when all came from a directory. */
+    private static String openedFrom(Path directory) {
+        return "status true\nfrom " + directory.resolve(LIBRARY) + "\n"
+                + (Configuration.onCluster() ? "from " + directory.resolve(ETCD_MODULE) + "\n" : "");
+    }
+
     private Path extracted() throws IOException {
         try (Stream<Path> files = Files.walk(directory)) {
             return files.filter(file -> file.endsWith(LIBRARY)).findFirst().orElseThrow();
@@ -63,22 +84,25 @@ class LibraryLoadingTest {
     @Test
     void takesTheExplicitDirectoryFirst() throws IOException, InterruptedException {
         Path other = Files.createDirectory(directory.resolve("other"));
-        Files.copy(built(), other.resolve(LIBRARY));
-        assertEquals("status true\nfrom " + other.resolve(LIBRARY) + "\n",
-                     load(other.toString(), built().getParent().toString()));
+        for (Path file : allBuilt()) {
+            Files.copy(file, other.resolve(file.getFileName()));
+        }
+        assertEquals(openedFrom(other), load(other.toString(), built().getParent().toString()));
     }
 
     @Test
     void takesTheLibraryPathNext() throws IOException, InterruptedException {
-        assertEquals("status true\nfrom " + built() + "\n", load("", "/none:" + built().getParent()));
+        assertEquals(openedFrom(built().getParent()), load("", "/none:" + built().getParent()));
     }
 
     @Test
     void takesTheCopyInTheJarLast() throws IOException, InterruptedException {
-        assertTrue(load("", "/none").startsWith("status true\nfrom " + directory + "/tkv-"));
+        String output = load("", "/none");
         Path file = extracted();
-        assertArrayEquals(Files.readAllBytes(built()), Files.readAllBytes(file));
-        assertTrue(Files.exists(file.resolveSibling("libtkv_etcd.so")));
+        assertEquals(openedFrom(file.getParent()), output);
+        for (Path built : allBuilt()) {
+            assertEquals(-1, Files.mismatch(built, file.resolveSibling(built.getFileName())));
+        }
         assertEquals("rwx------", PosixFilePermissions.toString(Files.getPosixFilePermissions(file.getParent())));
         assertEquals("rwx------",
                      PosixFilePermissions.toString(Files.getPosixFilePermissions(file.getParent().getParent())));

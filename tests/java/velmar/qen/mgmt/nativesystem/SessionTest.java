@@ -14,23 +14,16 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.List;
 import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
 class SessionTest {
     private final TKVNative tkv = new TKVNative();
-    private final Path configuration = Path.of(System.getenv("TKV_CONF"));
-    private String configured;
-
-    @BeforeEach
-    void keepConfiguration() throws IOException {
-        configured = Files.readString(configuration);
-    }
+    private final Configuration configuration = new Configuration();
 
     @AfterEach
-    void endSession() throws IOException {
-        Files.writeString(configuration, configured);
+    void endSession() {
+        configuration.close();
         assertDone(tkv::terminateTKV);
     }
 
@@ -97,20 +90,20 @@ class SessionTest {
     }
 
     @Test
-    void namesFileAndLineOfAMalformedConfiguration() throws IOException {
-        Files.writeString(configuration, "[registry]\nlocation = /nowhere\nthis is no setting\n");
-        assertOpeningFails(41, configuration + ":3");
+    void namesFileAndLineOfAMalformedConfiguration() {
+        configuration.write("[registry]\nlocation = /nowhere\nthis is no setting\n");
+        assertOpeningFails(41, Configuration.file() + ":3");
     }
 
     @Test
-    void namesFileAndLineOfAnUnknownSetting() throws IOException {
-        Files.writeString(configuration, "[registry]\nlocatoin = /nowhere\n");
-        assertOpeningFails(41, configuration + ":2");
+    void namesFileAndLineOfAnUnknownSetting() {
+        configuration.write("[registry]\nlocatoin = /nowhere\n");
+        assertOpeningFails(41, Configuration.file() + ":2");
     }
 
     @Test
-    void saysWhichDirectoryHasNoParent() throws IOException {
-        Files.writeString(configuration, "[registry]\nlocation = /no/such/place\n");
+    void saysWhichDirectoryHasNoParent() {
+        configuration.write("[registry]\nlocation = /no/such/place\n");
         List<String> reports = failedOpening(0);
         assertTrue(reports.get(1).contains("/no/such/place"), reports::toString);
     }
@@ -118,17 +111,17 @@ class SessionTest {
     @Test
     void leavesAFileInTheRegistrysPlaceAlone(@TempDir Path directory) throws IOException {
         Path file = Files.writeString(directory.resolve("file"), "not a registry");
-        Files.writeString(configuration, "[registry]\nlocation = " + file + "\n");
+        configuration.write("[registry]\nlocation = " + file + "\n");
         List<String> reports = failedOpening(0);
         assertTrue(reports.get(1).contains(file.toString()), reports::toString);
         assertEquals("not a registry", Files.readString(file));
     }
 
     @Test
-    void worksAfterAFailedOpening() throws IOException {
-        Files.writeString(configuration, "broken");
+    void worksAfterAFailedOpening() {
+        configuration.write("broken");
         failedOpening(0);
-        Files.writeString(configuration, configured);
+        configuration.close();
         open();
         Recorder result = new Recorder();
         tkv.openKey("", result);

@@ -18,6 +18,7 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
 import org.junit.jupiter.params.provider.ValueSource;
 import velmar.qen.mgmt.nativesystem.AsRoot;
+import velmar.qen.mgmt.nativesystem.Configuration;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
@@ -259,7 +260,7 @@ class RegistryTest extends OpenRegistry {
     @Test
     void aNodeAloneIsNoMember() {
         assertEquals(Configuration.onCluster(), registry.isClusterMember());
-        try (Configuration member = new Configuration(Configuration.current() + "[cluster]\nconfigured = yes\n")) {
+        try (Configuration member = Configuration.with("[cluster]\nconfigured = yes\n")) {
             assertTrue(registry.isClusterMember());
         }
     }
@@ -268,7 +269,7 @@ class RegistryTest extends OpenRegistry {
     void locationsAreTheConfiguredOnes() {
         Locations locations = registry.locations();
         assertEquals(Configuration.onCluster(), locations.shared());
-        assertTrue(Configuration.current().contains("location = " + String.join(" ", locations.places()) + "\n"));
+        assertEquals(Configuration.locations(), locations.places());
     }
 
     @Test
@@ -284,8 +285,7 @@ class RegistryTest extends OpenRegistry {
     void theBackupLocationIsTheConfiguredOne() {
         assertEquals(Optional.empty(), registry.backupLocation());
         registry.close();
-        String location = "backup_location = /var/backups/tkv\n";
-        try (Configuration other = new Configuration(Configuration.current() + location)) {
+        try (Configuration other = Configuration.with("backup_location = /var/backups/tkv\n")) {
             registry = Registry.open();
             assertEquals(Optional.of("/var/backups/tkv"), registry.backupLocation());
         }

@@ -9,6 +9,7 @@ import java.util.List;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
+import velmar.qen.mgmt.nativesystem.Configuration;
 
 /** The code of the tutorial, run. What stands between the marks is what the documents show. */
 class TutorialTest {
