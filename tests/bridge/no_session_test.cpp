@@ -116,6 +116,52 @@ TEST_F(NullArgumentsWithoutContext, DoNotMatter) {
   copyRecurse(nullptr, nullptr, 0);
 }
 
+// A working key is no substitute for the registry context. Only a registry that opens keys without one gets so far.
+class WorkingKeyWithoutContext : public BridgeTest {
+ public:
+  void SetUp() override {
+    BridgeTest::SetUp();
+    givenHalfSession();
+    expect({
+        takes("base"),
+        open_key("base").without_context().gives(kWorkingKey),
+        trace("openKey: prtkv_open_key retval = 0\n"),
+        status(true),
+    });
+    openKey(string("base"));
+    EXPECT_EQ(session().working_key, kWorkingKey);
+    keepsCharacters({"base"});
+    leavesOpen({kWorkingKey});
+  }
+};
+
+TEST_F(WorkingKeyWithoutContext, IsNoParentForNewKeys) {
+  expect({
+      trace("createKey: inside native function for createkey\n"),
+      refused(0, "createKey: NULL context or KEY_HANDLE PASSED\n"),
+      refused(1, "setTypeKeyValue: NULL context detected"),
+      refused(1, "setTypeKeyValue: NULL context detected"),
+      refused(1, "setKeyValues: NULL context"),
+      refused(1, "createAndSetKeyValue: NULL context detected"),
+  });
+  createKey(text(), 1, text(), text(), text());
+  setTypeKeyValue(text(), text(), 3, 1, text(), text(), text());
+  setKeyValue(text(), text(), 1, text(), text(), text());
+  setKeyValues(text(), list(), 1, text(), text(), text());
+  createAndSetKeyValue(text(), text(), 3, 1, text(), text(), text());
+}
+
+TEST_F(WorkingKeyWithoutContext, IsClosedAllTheSame) {
+  expect({
+      close_key(kWorkingKey).without_context().returns(3),
+      trace("closeKey: prtkv_close_key retval = 3\n"),
+      reports_without_context(3),
+      trace("closeKey: prtkv_close_key failed for TKV root key\n"),
+  });
+  closeKey();
+  leavesOpen({});
+}
+
 // The methods that create below the working key need one, whatever else there is.
 class WithoutWorkingKey : public BridgeTest {};
 

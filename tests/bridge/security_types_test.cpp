@@ -319,6 +319,11 @@ TEST_F(SecurityTypes, TracesTheNativeFormOfTheNames) {
          string("%s"));
 }
 
+TEST_F(SecurityTypes, AcceptNamesOfOneCharacter) {
+  expectResolved({fill_trace(1), user_given(1, "u"), group_given(1, "g")}, owned(0x3f, 0x34, 0x3, "u", "g"));
+  create(1, nullptr, string("u"), string("g"));
+}
+
 TEST_F(SecurityTypes, AcceptAUserOfLength64) {
   const std::string user(63, 'u');
   expectResolved({fill_trace(5), user_given(5, user), no_group_given()}, owned(0x3f, 0x3f, 0x3f, user, ""));
