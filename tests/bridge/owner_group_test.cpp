@@ -57,6 +57,18 @@ TEST_P(OwnerQuery, GivesTheName) {
   EXPECT_EQ(textOf(ask(string("k"))), "b%sb");
 }
 
+TEST_P(OwnerQuery, GivesANameOfOneCharacter) {
+  expect({
+      opened("k"),
+      get_security(kKey).record(with_name("n")),
+      security_trace(0),
+      name_trace("n"),
+      new_string("n"),
+      ended(),
+  });
+  EXPECT_EQ(textOf(ask(string("k"))), "n");
+}
+
 TEST_P(OwnerQuery, GivesANameThatFillsItsFieldAndNoMore) {
   const std::string name(64, 'n');
   expect({
