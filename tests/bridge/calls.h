@@ -141,7 +141,7 @@ Call create_n_set_key(const std::string& name, int type, const sec_attr& record,
 Call create_n_set_key_ext(const std::string& name, const sec_attr& record, int type, const std::string& bytes,
                           uint64_t parent = kWorkingKey);
 Call set_value(uint64_t written, int type, const std::string& bytes);
-/* A read into a buffer of `size` bytes, all of them zero. */
+/* A read into a buffer of `size` bytes, all of them zero when it is no block. */
 Call get_value(uint64_t read, uint64_t size, const std::string& buffer = "own buffer");
 /* Into a record of zeros. */
 Call get_security(uint64_t read);

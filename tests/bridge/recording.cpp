@@ -52,7 +52,6 @@ Recording& Recording::instance() {
 void Recording::reset() {
   forgetLines();
   unscripted = nullptr;
-  fresh_byte = 0;
   violations_.clear();
   blocks_.clear();
   blocks_by_start_.clear();
@@ -82,7 +81,7 @@ char* Recording::allocate(uint64_t owner, size_t size, const std::string& name) 
   const std::string called = name.empty() ? "block " + std::to_string(blocks_.size() + 1) : name;
   blocks_.push_back({called, owner, size, std::make_unique<char[]>(size)});
   char* start = blocks_.back().bytes.get();
-  std::memset(start, fresh_byte, size);
+  std::memset(start, kFreshByte, size);
   blocks_by_start_[start] = &blocks_.back();
   return start;
 }
@@ -180,7 +179,7 @@ std::string security(const sec_attr& record) {
 
 std::string buffer(const void* pointer, size_t size) {
   std::string shown = Recording::instance().describe(pointer);
-  if (pointer != nullptr && !isZero(static_cast<const char*>(pointer), size)) shown += " not zeroed";
+  if (shown == "own buffer" && !isZero(static_cast<const char*>(pointer), size)) shown += " not zeroed";
   return shown;
 }
 

@@ -41,7 +41,8 @@ struct Answer {
   std::function<void()> then;         /* runs before the double returns */
 };
 
-/* A block of the bridge's memory. Freed blocks are zero-filled and stay readable until the test ends. */
+/* A block of the bridge's memory. It comes with any content. Freed blocks are zero-filled and stay readable until the
+ * test ends. */
 struct Block {
   std::string name;
   uint64_t owner;
@@ -71,9 +72,9 @@ class Recording {
   void violation(std::string text) { violations_.push_back(std::move(text)); }
   const std::vector<std::string>& violations() const { return violations_; }
 
-  /* A block whose bytes are all `fresh_byte`. */
+  /* A block whose bytes are all `kFreshByte`: whoever needs zeros writes them. */
+  static constexpr char kFreshByte = '\xa5';
   char* allocate(uint64_t owner, size_t size, const std::string& name);
-  char fresh_byte = 0;
   void free(uint64_t owner, const void* block);
   Block* block(std::string_view name);
   /* The names of the blocks that were not freed, in the order in which they were taken. */
@@ -111,7 +112,7 @@ std::string number(int64_t number);
 std::string hex(uint64_t number);
 std::string security(const sec_attr& record);
 
-/* The name of the buffer, with a remark when its first `size` bytes are not all zero. */
+/* The name of the buffer, with a remark when it is the bridge's own and its first `size` bytes are not all zero. */
 std::string buffer(const void* pointer, size_t size);
 
 std::string line(const std::string& function, const std::vector<std::string>& arguments);

@@ -46,7 +46,6 @@ TEST_F(InitializeTKVLevel, OpensASession) {
 
 // Memory that held something before must not be taken for handles or names.
 TEST_F(InitializeTKVLevel, ClearsTheRecordBeforeItIsUsed) {
-  recording().fresh_byte = '\xa5';
   expect({
       program_manager(),
       allocates(888, "session"),
