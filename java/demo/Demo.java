@@ -65,7 +65,8 @@ final class Demo {
         show("createAndSetKeyValue app.port",
                r -> tkv.createAndSetKeyValue("app.port", "8080", 3, AS_SESSION, "", null, null, r));
         show("setKeyValues app.nodes",
-               r -> tkv.setKeyValues("app.nodes", new String[] {"alpha", "beta", "gamma"}, AS_SESSION, "", null, null, r));
+               r -> tkv.setKeyValues("app.nodes", new String[] {"alpha", "beta", "gamma"}, AS_SESSION, "", null, null,
+                                     r));
 
         section("What was written, read back");
         for (String name : new String[] {"app.name", "app.word", "app.double", "app.port"}) {

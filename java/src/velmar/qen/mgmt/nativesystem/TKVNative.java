@@ -15,8 +15,8 @@ package velmar.qen.mgmt.nativesystem;
  * <p><b>Result.</b> The last argument of every method: any object that has the methods {@code setStatus(boolean)},
  * {@code setBooleanResult(boolean)}, {@code setTKVErrCode(int)}, {@code setTKVResultString(String)} and {@code
  * trace(String)}, such as a {@link TKVResult}. On success its status becomes true. On failure it becomes false and the
- * object receives the registry's text or, when there is none, a code. Nothing is thrown, and null arguments are
- * reported like other failures.
+ * object receives the registry's text or, when there is none, a code. Nothing is thrown but what the object's own
+ * methods throw, and null arguments are reported like other failures.
  *
  * <p><b>Security.</b> Five arguments decide about a key that is created: a security type from 1 to 6, a parent key
  * (types 2, 3, 4 and 6 need one, only 2 reads it), a user (type 1 needs one) and a group, which override the type's
@@ -215,8 +215,8 @@ public final class TKVNative {
 
     /**
      * Copies a key's value and subtree onto an existing key. Values over 2048 bytes stop the copy, and a copy that
-     * stops leaves what it has done. After a failure within the subtree the status is true, and the object holds a code or a
-     * text as well.
+     * stops leaves what it has done. After a failure within the subtree the status is true, and the object holds a code
+     * or a text as well.
      *
      * @param sourceKey full name
      * @param destinationKey full name of an existing key

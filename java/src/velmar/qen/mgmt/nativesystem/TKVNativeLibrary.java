@@ -5,6 +5,7 @@ import java.io.IOException;
 import java.io.InputStream;
 import java.nio.file.FileAlreadyExistsException;
 import java.nio.file.Files;
+import java.nio.file.InvalidPathException;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
@@ -66,16 +67,24 @@ final class TKVNativeLibrary {
     private boolean fromDirectories(String property) {
         String path = System.getProperty(property, "");
         for (String directory : path.split(File.pathSeparator)) {
-            if (!directory.isEmpty() && fromFile(property, Path.of(directory, LIBRARY).toAbsolutePath())) {
+            if (!directory.isEmpty() && fromDirectory(property, directory)) {
                 return true;
             }
         }
         return false;
     }
 
-    private boolean fromFile(String origin, Path file) {
-        places.add(file + " (" + origin + ")");
-        return Files.exists(file) && loads(file);
+    private boolean fromDirectory(String origin, String directory) {
+        try {
+            Path file = Path.of(directory, LIBRARY).toAbsolutePath();
+            places.add(file + " (" + origin + ")");
+            return Files.exists(file) && loads(file);
+        } catch (InvalidPathException e) {
+            // Such as a name that the JVM's character set for file names does not have.
+            places.add(directory + " (" + origin + ")");
+            failures.add(e);
+            return false;
+        }
     }
 
     private boolean loads(Path file) {
@@ -100,7 +109,7 @@ final class TKVNativeLibrary {
                 }
             }
             return files.containsKey(LIBRARY) && loads(extract(files).resolve(LIBRARY));
-        } catch (IOException | NoSuchAlgorithmException e) {
+        } catch (IOException | InvalidPathException | NoSuchAlgorithmException e) {
             failures.add(e);
             return false;
         }

@@ -3,8 +3,7 @@ package velmar.qen.mgmt.registry;
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
 import java.util.ArrayDeque;
-import java.util.ArrayList;
-import java.util.Collections;
+import java.util.Arrays;
 import java.util.Deque;
 import java.util.Iterator;
 import java.util.List;
@@ -28,8 +27,8 @@ import velmar.qen.mgmt.nativesystem.TKVNative;
  * empty list.
  *
  * <p>There is one open registry a process. Any thread may call any method; calls take turns, and {@link #close} waits
- * for the one in progress. Once a method that changes something has returned, the change survives the death of the
- * process and of the machine.
+ * for the one in progress. Interrupting a thread does not end its wait. Once a method that changes something has
+ * returned, the change survives the death of the process and of the machine.
  *
  * <p>Methods throw a {@link RegistryException}, or one of its kinds, when the registry does not carry a call out;
  * {@link RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
@@ -56,6 +55,8 @@ public final class Registry implements AutoCloseable {
      *
      * @return the open registry
      * @throws IllegalStateException when this process has one open
+     * @throws RegistryUnavailableException when the registry of a cluster cannot be reached
+     * @throws RegistryException when the configuration is wrong, with file and line, or the storage cannot be used
      * @throws UnsatisfiedLinkError when the native library cannot be loaded
      */
     public static Registry open() {
@@ -68,6 +69,7 @@ public final class Registry implements AutoCloseable {
      * @param level 0 or more; the registry records it
      * @return the open registry
      * @throws IllegalStateException when this process has one open
+     * @throws RegistryException as for {@link #open()}, and for a negative level
      */
     public static Registry open(int level) {
         return new Registry(new Session(level));
@@ -96,7 +98,7 @@ public final class Registry implements AutoCloseable {
      * The text of a key, or another text when there is no such key.
      *
      * @param name full name
-     * @param absent given back when there is no such key
+     * @param absent given back when there is no such key; may be null
      * @return the text
      */
     public String get(String name, String absent) {
@@ -139,7 +141,8 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The texts of a key, none when it has no value. A single text reads as a list of one.
+     * The texts of a key, none when it has no value. A single text reads as a list of one. Where another program has
+     * stored an empty text between others, the list ends before it.
      *
      * <p>Texts are converted from the character set of the process's locale. In other sets than UTF-8, texts that
      * {@link #putList} stored read back only as far as they are plain ASCII.
@@ -256,8 +259,8 @@ public final class Registry implements AutoCloseable {
     public void put(String name, String value, Security security) {
         Objects.requireNonNull(name);
         Objects.requireNonNull(value);
-        create(name, security, report -> natives.setKeyValue(name, value, security.type(), security.key(),
-                                                             security.owner(), security.group(), report));
+        write(name, security, report -> natives.setKeyValue(name, value, security.type(), security.key(),
+                                                            security.owner(), security.group(), report));
     }
 
     /**
@@ -290,8 +293,8 @@ public final class Registry implements AutoCloseable {
         if (List.of(texts).contains("")) {
             throw new IllegalArgumentException("an empty text would end the list of key '" + name + "'");
         }
-        create(name, security, report -> natives.setKeyValues(name, texts, security.type(), security.key(),
-                                                              security.owner(), security.group(), report));
+        write(name, security, report -> natives.setKeyValues(name, texts, security.type(), security.key(),
+                                                             security.owner(), security.group(), report));
     }
 
     /**
@@ -342,15 +345,16 @@ public final class Registry implements AutoCloseable {
         if (name.isEmpty()) {
             throw RegistryException.of(55, name, "TKV-0055: the root exists");
         }
-        create(name, security, report -> natives.createKey(name, security.type(), security.key(), security.owner(),
-                                                           security.group(), report));
+        write(name, security, report -> natives.createKey(name, security.type(), security.key(), security.owner(),
+                                                          security.group(), report));
     }
 
     /**
      * Creates a key with a text. Others see it with its text from the start when its group is the session's, as with
      * {@link Security#sameAsSession()}; otherwise they may see it without a text for a moment. When the session loses
      * the right to write the key by handing it over, the key is deleted again, or stays without a text if that right is
-     * lost too, and the call fails.
+     * lost too, and the call fails; it also stays when it cannot be handed over, as with {@link #create(String,
+     * Security)}.
      *
      * @param name full name
      * @param value the text, up to 1 MiB in modified UTF-8 with its NUL
@@ -363,7 +367,7 @@ public final class Registry implements AutoCloseable {
         Objects.requireNonNull(name);
         Objects.requireNonNull(value);
         if (security.hasSessionsGroup()) {
-            create(name, security, report -> natives.createAndSetKeyValue(name, value, TEXT, security.type(),
+            write(name, security, report -> natives.createAndSetKeyValue(name, value, TEXT, security.type(),
                     security.key(), security.owner(), security.group(), report));
             return;
         }
@@ -371,7 +375,6 @@ public final class Registry implements AutoCloseable {
         inTurn(() -> {
             create(name, security);
             orUndo(() -> put(name, value, security), () -> delete(name));
-            return null;
         });
     }
 
@@ -437,8 +440,8 @@ public final class Registry implements AutoCloseable {
      * Copies a key with everything below it to a new key. Values keep their types and, below the topmost key, keys keep
      * their owners, groups and rights.
      *
-     * <p>Values have up to 2048 bytes, and full names in the source up to 265; the command {@code tkv cp -r} has no such
-     * limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the session
+     * <p>Values have up to 2048 bytes, and full names in the source up to 265; the command {@code tkv cp -r} has no
+     * such limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the session
      * has no right to do that, it stays, and the exception has the refusal among its suppressed ones.
      *
      * @param source full name
@@ -461,7 +464,6 @@ public final class Registry implements AutoCloseable {
             }
             create(target);
             orUndo(() -> TreeCopy.run(natives, source, target, owner), () -> deleteTree(target));
-            return null;
         });
     }
 
@@ -530,13 +532,11 @@ public final class Registry implements AutoCloseable {
     /**
      * Records the start dependencies of the high-availability daemon.
      *
-     * @param mode the storage mode that they are for
+     * @param mode 0, 1 or 2: the storage mode that they are for
+     * @throws RegistryException for other modes
      */
     public void recordServiceDependencies(int mode) {
-        inTurn(() -> {
-            session.call(null, report -> natives.setZUVEDDependencies(mode, report));
-            return null;
-        });
+        inTurn(() -> session.call(null, report -> natives.setZUVEDDependencies(mode, report)));
     }
 
     private <T> T inTurn(Supplier<T> work) {
@@ -546,6 +546,13 @@ public final class Registry implements AutoCloseable {
             // The net must not close the session under a call of an object that nobody holds any more.
             Reference.reachabilityFence(this);
         }
+    }
+
+    private void inTurn(Runnable work) {
+        inTurn(() -> {
+            work.run();
+            return null;
+        });
     }
 
     private <N extends Number> N number(String name, Function<String, N> reading) {
@@ -581,13 +588,7 @@ public final class Registry implements AutoCloseable {
     }
 
     private static List<String> texts(String[] slots) {
-        List<String> texts = new ArrayList<>();
-        if (slots != null) {
-            for (int i = 0; i < slots.length && slots[i] != null; i++) {
-                texts.add(slots[i]);
-            }
-        }
-        return Collections.unmodifiableList(texts);
+        return slots == null ? List.of() : Arrays.stream(slots).takeWhile(Objects::nonNull).toList();
     }
 
     private List<String> subkeys(String name) {
@@ -595,7 +596,8 @@ public final class Registry implements AutoCloseable {
         return names == null ? List.of() : List.of(names);
     }
 
-    private void create(String name, Security security, Consumer<Report> call) {
+    /** Makes a native call that writes a key, and creates it with a security when it must. */
+    private void write(String name, Security security, Consumer<Report> call) {
         Objects.requireNonNull(security);
         inTurn(() -> {
             Report report = new Report();
@@ -608,7 +610,6 @@ public final class Registry implements AutoCloseable {
             if (report.failed()) {
                 throw report.exception(report.failedForSecurity() ? security.key() : name);
             }
-            return null;
         });
     }
 
@@ -627,8 +628,11 @@ public final class Registry implements AutoCloseable {
         String parent = dot < 0 ? "" : target.substring(0, dot);
         String level = target.substring(dot + 1);
         inTurn(() -> {
-            session.call(source, report -> natives.moveKey(source, parent, level, flags, report));
-            return null;
+            Report report = new Report();
+            natives.moveKey(source, parent, level, flags, report);
+            if (report.failed()) {
+                throw report.exception(report.isAboutName() && present(source) ? target : source);
+            }
         });
     }
 

@@ -47,7 +47,7 @@ public class RegistryException extends IllegalStateException {
     /**
      * The registry's own text, which is also the message.
      *
-     * @return a sentence, mostly with the code in front
+     * @return a sentence, mostly with the code in front, such as {@code TKV-0004: key 'a.b' does not exist}
      */
     public final String text() {
         return getMessage();

@@ -1,5 +1,6 @@
 package velmar.qen.mgmt.registry;
 
+import java.util.Set;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import velmar.qen.mgmt.nativesystem.TKVResult;
@@ -40,6 +41,11 @@ class Report extends TKVResult {
         return failures > 1;
     }
 
+    /** Whether the failure is that a key is absent, exists or can have no such name: one of two that a call names. */
+    boolean isAboutName() {
+        return Set.of(4, 5, 55).contains(code());
+    }
+
     /** The first text, the one nearest to the cause; null when none was delivered. */
     String text() {
         return firstText;
@@ -50,7 +56,7 @@ class Report extends TKVResult {
         if (firstText == null && coded && getTKVErrCode() <= 1) {
             return new RegistryClosedException("the native session was ended by another user of TKVNative");
         }
-        return RegistryException.of(code(), key, firstText != null ? describe(key) : "result " + code());
+        return RegistryException.of(code(), key, describe(key));
     }
 
     private int code() {
@@ -70,6 +76,9 @@ class Report extends TKVResult {
     }
 
     private String describe(String key) {
+        if (firstText == null) {
+            return String.format("TKV-%04d: the registry gave no text", code());
+        }
         return switch (firstText) {
             case "TKV_KEY_ALREADY_EXISTS" -> "TKV-0055: key '" + key + "' exists";
             case "TKV_VALUE_LIST_TOO_LONG" -> "TKV-0010: the list for key '" + key + "' needs more than 8192 bytes";

@@ -27,6 +27,9 @@ import java.util.Objects;
  * have those of others too. All rights are: read the value
  * and the owners, list the subkeys, write the value, change the security, create subkeys, delete or move the key. The
  * superuser has every right on every key.
+ *
+ * <p>Names of users and groups are kept in the character set of the process's locale. One that the set does not have, or
+ * that has more than 63 bytes in it, is refused by the call that creates the key.
  */
 public final class Security {
     /** Bytes that the registry keeps of a user's or group's name. */
@@ -47,8 +50,9 @@ public final class Security {
     /**
      * The key belongs to a user; its group may change it, others may read it.
      *
-     * @param user the owner's name
+     * @param user the owner's name, up to 63 bytes
      * @return security of type 1
+     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
      */
     public static Security ownedBy(String user) {
         return new Security(1, null, name(user), null);
@@ -112,8 +116,9 @@ public final class Security {
     /**
      * The same security with another owner.
      *
-     * @param user the owner's name
+     * @param user the owner's name, up to 63 bytes
      * @return a new value
+     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
      */
     public Security withOwner(String user) {
         return new Security(type, key, name(user), group);
@@ -122,8 +127,9 @@ public final class Security {
     /**
      * The same security with another group.
      *
-     * @param newGroup the group's name
+     * @param newGroup the group's name, up to 63 bytes
      * @return a new value
+     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
      */
     public Security withGroup(String newGroup) {
         return new Security(type, key, owner, name(newGroup));

@@ -160,10 +160,10 @@ class KeysTest extends OpenSession {
     @Test
     void listSubKeysGivesTenThousandNames(@TempDir Path directory) throws IOException, InterruptedException {
         String[] names = IntStream.range(0, 10_000).mapToObj(i -> String.format("k%05d", i)).toArray(String[]::new);
-        String keys = Stream.of(names).map(name -> ",\n{\"name\":\"" + top + name + "\"}").collect(Collectors.joining());
-        Command.run("import", Files.writeString(directory.resolve("keys"), String.format(
-                "{\"tkv\":1,\n\"top\":\"%s\",\n\"keys\":[\n{\"name\":\"%s\"}%s\n]}\n", parent(), parent(), keys))
-                .toString());
+        String keys = Stream.of(names).map(name -> ",{'name':'" + top + name + "'}").collect(Collectors.joining());
+        String parentAndKeys = String.format("{'tkv':1,'top':'%s','keys':[{'name':'%1$s'}%s]}", parent(), keys);
+        Path file = Files.writeString(directory.resolve("keys.json"), parentAndKeys.replace('\'', '"'));
+        Command.run("import", file.toString());
         assertArrayEquals(names, done(r -> tkv.listSubKeys(parent(), r)));
         assertDone(r -> tkv.deleteKey(parent(), true, r));
         assertFalse(exists(top + names[9_999]));

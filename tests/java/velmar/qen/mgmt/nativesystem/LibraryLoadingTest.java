@@ -26,12 +26,17 @@ class LibraryLoadingTest {
     @TempDir
     private Path directory;
 
-    /** Opens a session and tells which files the native code came from. */
+    /**
+     * Opens a session and tells which files the native code came from. A # in the explicit directories stands for the
+     * NUL, which no path may have and no command line can.
+     */
     static final class Loader {
         private Loader() {}
 
         public static void main(String[] arguments) throws IOException {
             try {
+                System.setProperty(TKVNativeLibrary.PATH_PROPERTY,
+                                   System.getProperty(TKVNativeLibrary.PATH_PROPERTY).replace('#', '\0'));
                 TKVNative tkv = new TKVNative();
                 TKVResult result = new TKVResult();
                 tkv.initializeTKVLevel(0, result);
@@ -149,6 +154,13 @@ class LibraryLoadingTest {
         String output = load(broken.toString(), built().getParent().toString());
         assertTrue(output.contains("WARNING: " + broken.resolve(LIBRARY)), output);
         assertTrue(output.contains("from " + built() + "\n"), output);
+    }
+
+    @Test
+    void goesOnAfterADirectoryThatCannotBe() throws IOException, InterruptedException {
+        String output = load("impossible#:" + built().getParent(), "/none");
+        assertTrue(output.contains("WARNING: Nul character not allowed: impossible"), output);
+        assertTrue(output.contains(openedFrom(built().getParent())), output);
     }
 
     @Test

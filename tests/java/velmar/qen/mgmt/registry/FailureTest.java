@@ -63,8 +63,8 @@ class FailureTest extends OpenRegistry {
                 () -> registry.putList(orphan, List.of("v")))) {
             assertFails(KeyNotFoundException.class, 4, orphan, call);
         }
-        assertThrows(KeyNotFoundException.class, () -> registry.copyTree(top, "absent.child"));
-        assertThrows(KeyNotFoundException.class, () -> registry.move(top, "absent.child"));
+        assertFails(KeyNotFoundException.class, 4, "absent.child", () -> registry.copyTree(top, "absent.child"));
+        assertFails(KeyNotFoundException.class, 4, "absent.child", () -> registry.move(top, "absent.child"));
         assertTrue(registry.exists(top));
     }
 
@@ -88,7 +88,7 @@ class FailureTest extends OpenRegistry {
         }
         assertFails(KeyExistsException.class, 55, "", () -> registry.create(""));
         assertFails(KeyExistsException.class, 55, below("k"), () -> registry.copyTree(below("other"), below("k")));
-        assertThrows(KeyExistsException.class, () -> registry.move(below("other"), below("k")));
+        assertFails(KeyExistsException.class, 55, below("k"), () -> registry.move(below("other"), below("k")));
         assertEquals("former", registry.get(below("k")));
         assertEquals("former", registry.get(below("k.sub")));
     }
@@ -107,10 +107,13 @@ class FailureTest extends OpenRegistry {
 
     @Test
     void anInvalidTargetIsRefused() {
-        for (String target : List.of("", below(""), below(".x"), below("l".repeat(265)))) {
-            assertThrows(InvalidNameException.class, () -> registry.move(top, target), target);
-            assertThrows(RegistryException.class, () -> registry.copyTree(top, target), target);
+        for (String target : List.of(below(""), below(".x"), below("l".repeat(265)))) {
+            assertFails(InvalidNameException.class, 5, target, () -> registry.move(top, target));
+            assertFails(RegistryException.class, 17, top, () -> registry.copyTree(top, target));
+            assertFails(InvalidNameException.class, 5, "x" + target, () -> registry.copyTree(top, "x" + target));
         }
+        assertFails(InvalidNameException.class, 5, "", () -> registry.move(top, ""));
+        assertFails(KeyExistsException.class, 55, "", () -> registry.copyTree(top, ""));
         assertTrue(registry.exists(top));
     }
 
@@ -135,7 +138,7 @@ class FailureTest extends OpenRegistry {
     @Test
     void aKeyIsNotMovedOrCopiedIntoItself() {
         registry.create(below("k"));
-        assertThrows(RegistryException.class, () -> registry.move(top, below("k.x")));
+        assertFails(RegistryException.class, 17, top, () -> registry.move(top, below("k.x")));
         assertFails(RegistryException.class, 17, top, () -> registry.copyTree(top, below("copy")));
         assertFails(RegistryException.class, 17, "", () -> registry.copyTree("", "copy"));
         assertFails(KeyExistsException.class, 55, top, () -> registry.copyTree(top, top));

@@ -54,7 +54,8 @@ class RegistryTest extends OpenRegistry {
 
     static Stream<List<String>> lists() {
         return Stream.of(List.of(), List.of("one"), List.of("a", "bc"), List.of("größer", "日本語"),
-                         List.of("\ud83d\ude00"), List.of("a\u0000b", " "), IntStream.range(0, 30).mapToObj(i -> "text" + i).toList());
+                         List.of("\ud83d\ude00"), List.of("a\u0000b", " "),
+                         IntStream.range(0, 30).mapToObj(i -> "text" + i).toList());
     }
 
     @ParameterizedTest

@@ -67,6 +67,7 @@ class ReportTest {
     @Test
     void noReportAtAllIsAnUnknownFailure() {
         assertEquals(14, told().exception("k").code());
+        assertEquals("TKV-0014: the registry gave no text", told().exception("k").text());
     }
 
     @Test

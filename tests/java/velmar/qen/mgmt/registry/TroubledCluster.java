@@ -32,9 +32,10 @@ final class TroubledCluster implements TroubledStorage {
         return new String(Base64.getDecoder().decode(base64), StandardCharsets.ISO_8859_1);
     }
 
+    /** The answer to a request, whose body has single quotes for readability. */
     private String request(String operation, String body) throws IOException {
         HttpRequest request = HttpRequest.newBuilder(member.resolve("/v3/" + operation))
-                .POST(HttpRequest.BodyPublishers.ofString(body)).build();
+                .POST(HttpRequest.BodyPublishers.ofString(body.replace('\'', '"'))).build();
         try {
             HttpResponse<String> response = client.send(request, HttpResponse.BodyHandlers.ofString());
             assertEquals(200, response.statusCode(), response::body);
@@ -47,7 +48,7 @@ final class TroubledCluster implements TroubledStorage {
     /** All entries of the registry. */
     private String entries() throws IOException {
         String end = prefix.substring(0, prefix.length() - 1) + (char) ('/' + 1);
-        return request("kv/range", String.format("{\"key\":\"%s\",\"range_end\":\"%s\"}", encoded(prefix), encoded(end)));
+        return request("kv/range", "{'key':'" + encoded(prefix) + "','range_end':'" + encoded(end) + "'}");
     }
 
     @Override
@@ -57,7 +58,7 @@ final class TroubledCluster implements TroubledStorage {
             String value = decoded(entry.group(2));
             if (value.contains(text)) {
                 String damaged = value.replace(text, "A" + text.substring(1));
-                request("kv/put", String.format("{\"key\":\"%s\",\"value\":\"%s\"}", entry.group(1), encoded(damaged)));
+                request("kv/put", "{'key':'" + entry.group(1) + "','value':'" + encoded(damaged) + "'}");
                 places++;
             }
         }
@@ -68,14 +69,14 @@ final class TroubledCluster implements TroubledStorage {
     @Override
     public void runShort() throws IOException {
         MatchResult header = MEMBER.matcher(entries()).results().findFirst().orElseThrow();
-        alarm = "\"memberID\":\"" + header.group(1) + "\",\"alarm\":\"NOSPACE\"}";
-        request("maintenance/alarm", "{\"action\":\"ACTIVATE\"," + alarm);
+        alarm = "'memberID':'" + header.group(1) + "','alarm':'NOSPACE'}";
+        request("maintenance/alarm", "{'action':'ACTIVATE'," + alarm);
     }
 
     @Override
     public void makeRoom() throws IOException {
         if (alarm != null) {
-            request("maintenance/alarm", "{\"action\":\"DEACTIVATE\"," + alarm);
+            request("maintenance/alarm", "{'action':'DEACTIVATE'," + alarm);
             alarm = null;
         }
     }
