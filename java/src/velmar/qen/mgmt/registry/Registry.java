@@ -160,7 +160,7 @@ public final class Registry implements AutoCloseable {
                 // There is a text: it is new, or it cannot be converted.
                 slots = session.query(name, report -> natives.getKeyValues(name, report));
                 if (slots == null) {
-                    throw new RegistryException(RegistryException.UNKNOWN, name, "the value of key '" + name
+                    throw RegistryException.saying(RegistryException.UNKNOWN, name, "the value of key '" + name
                             + "' is no list in the character set of this process's locale");
                 }
             }
@@ -343,7 +343,7 @@ public final class Registry implements AutoCloseable {
     public void create(String name, Security security) {
         Objects.requireNonNull(name);
         if (name.isEmpty()) {
-            throw RegistryException.of(55, name, "TKV-0055: the root exists");
+            throw RegistryException.saying(RegistryException.EXISTS, name, "the root exists");
         }
         write(name, security, report -> natives.createKey(name, security.type(), security.key(), security.owner(),
                                                           security.group(), report));
@@ -455,8 +455,8 @@ public final class Registry implements AutoCloseable {
         Objects.requireNonNull(target);
         Objects.requireNonNull(owner);
         if (source.isEmpty() || target.startsWith(source + ".")) {
-            throw RegistryException.of(RegistryException.MOVE_INTO_ITSELF, source,
-                                       "TKV-0017: key '" + source + "' cannot be copied into itself");
+            throw RegistryException.saying(RegistryException.INTO_ITSELF, source,
+                                           "key '" + source + "' cannot be copied into itself");
         }
         inTurn(() -> {
             if (!present(source)) {
@@ -604,8 +604,8 @@ public final class Registry implements AutoCloseable {
             call.accept(report);
             if (report.failedForSecurity() && !(security.readsKey() && report.text() != null)) {
                 // Any text is about an earlier step: the security's own failures have none.
-                throw new RegistryException(RegistryException.INVALID_ARGUMENT, name,
-                        "TKV-0008: owner or group cannot be kept for key '" + name + "' (" + security + ")");
+                throw RegistryException.saying(RegistryException.INVALID_ARGUMENT, name,
+                        "owner or group cannot be kept for key '" + name + "' (" + security + ")");
             }
             if (report.failed()) {
                 throw report.exception(report.failedForSecurity() ? security.key() : name);
@@ -650,8 +650,8 @@ public final class Registry implements AutoCloseable {
         }
     }
 
-    private static KeyNotFoundException absent(String name) {
-        return new KeyNotFoundException(4, name, "TKV-0004: key '" + name + "' does not exist");
+    private static RegistryException absent(String name) {
+        return RegistryException.saying(RegistryException.NOT_FOUND, name, "key '" + name + "' does not exist");
     }
 
     /** Full names below a key; looks at the subkeys of a key only when it has been given out. */

@@ -5,6 +5,6 @@ public final class RegistryClosedException extends RegistryException {
     private static final long serialVersionUID = 1;
 
     RegistryClosedException(String text) {
-        super(3, null, text);
+        super(INVALID_HANDLE, null, text);
     }
 }

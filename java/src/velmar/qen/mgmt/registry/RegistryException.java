@@ -10,10 +10,21 @@ package velmar.qen.mgmt.registry;
 public class RegistryException extends IllegalStateException {
     private static final long serialVersionUID = 1;
 
+    static final int ACCESS_DENIED = 2;
+    static final int INVALID_HANDLE = 3;
+    static final int NOT_FOUND = 4;
+    static final int INVALID_NAME = 5;
+    static final int NOT_EMPTY = 6;
+    static final int DAMAGED = 7;
+    static final int INVALID_ARGUMENT = 8;
+    static final int BUFFER_TOO_SMALL = 9;
+    static final int VALUE_TOO_LARGE = 10;
+    static final int STORAGE_FULL = 11;
     /** Given where the native side has told no code. */
     static final int UNKNOWN = 14;
-    static final int INVALID_ARGUMENT = 8;
-    static final int MOVE_INTO_ITSELF = 17;
+    static final int UNREACHABLE = 15;
+    static final int INTO_ITSELF = 17;
+    static final int EXISTS = 55;
 
     /** The registry's result code. */
     private final int code;
@@ -53,18 +64,23 @@ public class RegistryException extends IllegalStateException {
         return getMessage();
     }
 
+    /** The exception for a failure that no text of the registry tells of: the sentence gets the code in front. */
+    static RegistryException saying(int code, String key, String sentence) {
+        return of(code, key, String.format("TKV-%04d: %s", code, sentence));
+    }
+
     /** The exception for a code. */
     static RegistryException of(int code, String key, String text) {
         return switch (code) {
-            case 2 -> new AccessDeniedException(code, key, text);
-            case 4 -> new KeyNotFoundException(code, key, text);
-            case 5 -> new InvalidNameException(code, key, text);
-            case 6 -> new KeyNotEmptyException(code, key, text);
-            case 7 -> new RegistryDamagedException(code, key, text);
-            case 9, 10 -> new ValueTooLargeException(code, key, text);
-            case 11 -> new StorageFullException(code, key, text);
-            case 15 -> new RegistryUnavailableException(code, key, text);
-            case 55 -> new KeyExistsException(code, key, text);
+            case ACCESS_DENIED -> new AccessDeniedException(code, key, text);
+            case NOT_FOUND -> new KeyNotFoundException(code, key, text);
+            case INVALID_NAME -> new InvalidNameException(code, key, text);
+            case NOT_EMPTY -> new KeyNotEmptyException(code, key, text);
+            case DAMAGED -> new RegistryDamagedException(code, key, text);
+            case BUFFER_TOO_SMALL, VALUE_TOO_LARGE -> new ValueTooLargeException(code, key, text);
+            case STORAGE_FULL -> new StorageFullException(code, key, text);
+            case UNREACHABLE -> new RegistryUnavailableException(code, key, text);
+            case EXISTS -> new KeyExistsException(code, key, text);
             default -> new RegistryException(code, key, text);
         };
     }

@@ -12,6 +12,11 @@ import velmar.qen.mgmt.nativesystem.TKVResult;
 class Report extends TKVResult {
     private static final Pattern CODE_OF_TEXT = Pattern.compile("^TKV-(\\d{4}): ");
 
+    /** Texts of the native methods themselves. */
+    private static final String BRIDGE_EXISTS = "TKV_KEY_ALREADY_EXISTS";
+    private static final String BRIDGE_TOO_LONG = "TKV_VALUE_LIST_TOO_LONG";
+    private static final String BRIDGE_INVALID = "TKV_VALUE_LIST_INVALID";
+
     private int failures;
     private boolean coded;
     private String firstText;
@@ -43,7 +48,8 @@ class Report extends TKVResult {
 
     /** Whether the failure is that a key is absent, exists or can have no such name: one of two that a call names. */
     boolean isAboutName() {
-        return Set.of(4, 5, 55).contains(code());
+        return Set.of(RegistryException.NOT_FOUND, RegistryException.INVALID_NAME, RegistryException.EXISTS)
+                .contains(code());
     }
 
     /** The first text, the one nearest to the cause; null when none was delivered. */
@@ -56,7 +62,15 @@ class Report extends TKVResult {
         if (firstText == null && coded && getTKVErrCode() <= 1) {
             return new RegistryClosedException("the native session was ended by another user of TKVNative");
         }
-        return RegistryException.of(code(), key, describe(key));
+        if (firstText == null) {
+            return RegistryException.saying(code(), key, "the registry gave no text");
+        }
+        return switch (firstText) {
+            case BRIDGE_EXISTS -> RegistryException.saying(code(), key, "key '" + key + "' exists");
+            case BRIDGE_TOO_LONG ->
+                    RegistryException.saying(code(), key, "the list for key '" + key + "' needs more than 8192 bytes");
+            default -> RegistryException.of(code(), key, firstText);
+        };
     }
 
     private int code() {
@@ -68,21 +82,10 @@ class Report extends TKVResult {
             return Integer.parseInt(code.group(1));
         }
         return switch (firstText) {
-            case "TKV_KEY_ALREADY_EXISTS" -> 55;
-            case "TKV_VALUE_LIST_TOO_LONG" -> 10;
-            case "TKV_VALUE_LIST_INVALID" -> RegistryException.INVALID_ARGUMENT;
+            case BRIDGE_EXISTS -> RegistryException.EXISTS;
+            case BRIDGE_TOO_LONG -> RegistryException.VALUE_TOO_LARGE;
+            case BRIDGE_INVALID -> RegistryException.INVALID_ARGUMENT;
             default -> RegistryException.UNKNOWN;
-        };
-    }
-
-    private String describe(String key) {
-        if (firstText == null) {
-            return String.format("TKV-%04d: the registry gave no text", code());
-        }
-        return switch (firstText) {
-            case "TKV_KEY_ALREADY_EXISTS" -> "TKV-0055: key '" + key + "' exists";
-            case "TKV_VALUE_LIST_TOO_LONG" -> "TKV-0010: the list for key '" + key + "' needs more than 8192 bytes";
-            default -> firstText;
         };
     }
 }

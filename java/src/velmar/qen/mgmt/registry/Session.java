@@ -45,8 +45,8 @@ final class Session implements AutoCloseable {
         Report report = new Report();
         natives.initializeTKVLevel(level, report);
         if (report.failed()) {
-            throw report.text() != null ? report.exception(null) : new RegistryException(
-                    RegistryException.UNKNOWN, null, "TKV-0014: a service of the platform could not be started");
+            throw report.text() != null ? report.exception(null) : RegistryException.saying(
+                    RegistryException.UNKNOWN, null, "a service of the platform could not be started");
         }
     }
 

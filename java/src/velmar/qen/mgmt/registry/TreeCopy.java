@@ -30,13 +30,13 @@ final class TreeCopy extends Report {
     /** Throws when any step failed. */
     void check(String source, String target) {
         if (lastStep != 0) {
-            throw RegistryException.of(lastStep, target, String.format(
-                    "TKV-%04d: the security of key '%s' could not be set after the copy", lastStep, target));
+            throw RegistryException.saying(lastStep, target,
+                    "the security of key '" + target + "' could not be set after the copy");
         }
         if (failed()) {
             // The one failure without the registry's text is the bridge's own limit.
-            throw text() != null ? exception(source) : RegistryException.of(5, source,
-                    "TKV-0005: a name below key '" + source + "' is too long to be copied");
+            throw text() != null ? exception(source) : RegistryException.saying(RegistryException.INVALID_NAME, source,
+                    "a name below key '" + source + "' is too long to be copied");
         }
     }
 

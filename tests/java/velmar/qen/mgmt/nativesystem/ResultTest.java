@@ -5,11 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
-import java.util.ArrayList;
 import java.util.List;
-import java.util.logging.Handler;
-import java.util.logging.LogRecord;
-import java.util.logging.Logger;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 
@@ -65,28 +61,9 @@ class ResultTest {
 
     @Test
     void traceWritesToTheLoggerWithoutReadingTheLineAsAFormat() {
-        List<String> logged = new ArrayList<>();
-        Handler handler = new Handler() {
-            @Override
-            public void publish(LogRecord record) {
-                logged.add(record.getMessage());
-            }
-
-            @Override
-            public void flush() {}
-
-            @Override
-            public void close() {}
-        };
-        Logger logger = Logger.getLogger("velmar.qen.mgmt.tkv");
-        logger.addHandler(handler);
-        logger.setUseParentHandlers(false);
-        try {
+        try (LoggedLines logged = new LoggedLines()) {
             result.trace("\n openKey: {0} %s 'it''s'\n");
-        } finally {
-            logger.removeHandler(handler);
-            logger.setUseParentHandlers(true);
+            assertEquals(List.of("openKey: {0} %s 'it''s'"), logged.lines());
         }
-        assertEquals(List.of("openKey: {0} %s 'it''s'"), logged);
     }
 }

@@ -39,6 +39,13 @@ class SecurityTest extends OpenSession {
                                tkv.setKeyValues(name, new String[] {"v"}, type, from, user, group, r));
     }
 
+    private void assertCreatesNothing(Creation creation, int type, String from, String user, String group) {
+        Recorder result = new Recorder();
+        creation.run(top + "k", type, from, user, group, result);
+        assertFalse(result.getStatus());
+        assertFalse(exists(top + "k"));
+    }
+
     private void assertOwners(String user, String group, String name) {
         assertEquals(user, done(r -> tkv.getUserName(name, r)));
         assertEquals(group, done(r -> tkv.getGroupName(name, r)));
@@ -63,13 +70,8 @@ class SecurityTest extends OpenSession {
     @ParameterizedTest
     @ValueSource(ints = {0, 7, -1, Integer.MAX_VALUE, Integer.MIN_VALUE})
     void anUnknownTypeCreatesNothing(int type) {
-        int number = 0;
         for (Creation creation : creations()) {
-            String name = top + "k" + number++;
-            Recorder result = new Recorder();
-            creation.run(name, type, parent, "root", "root", result);
-            assertFalse(result.getStatus());
-            assertFalse(exists(name));
+            assertCreatesNothing(creation, type, parent, "root", "root");
         }
     }
 
@@ -77,10 +79,7 @@ class SecurityTest extends OpenSession {
     @ValueSource(ints = {2, 3, 4, 6})
     void someTypesNeedAParent(int type) {
         for (Creation creation : creations()) {
-            Recorder result = new Recorder();
-            creation.run(top + "k", type, null, null, null, result);
-            assertFalse(result.getStatus());
-            assertFalse(exists(top + "k"));
+            assertCreatesNothing(creation, type, null, null, null);
         }
     }
 
@@ -99,10 +98,7 @@ class SecurityTest extends OpenSession {
     void typeOneNeedsAUser(String which) {
         String user = which.equals("null") ? null : "";
         for (Creation creation : creations()) {
-            Recorder result = new Recorder();
-            creation.run(top + "k", OWNED_BY, null, user, null, result);
-            assertFalse(result.getStatus());
-            assertFalse(exists(top + "k"));
+            assertCreatesNothing(creation, OWNED_BY, null, user, null);
         }
     }
 
@@ -112,12 +108,8 @@ class SecurityTest extends OpenSession {
         assertDone(r -> tkv.createKey(top + "longest", OWNED_BY, null, longest, longest, r));
         assertOwners(longest, longest, top + "longest");
         for (Creation creation : creations()) {
-            Recorder result = new Recorder();
-            creation.run(top + "k", OWNED_BY, null, longest + "u", null, result);
-            assertFalse(result.getStatus());
-            creation.run(top + "k", OWNED_BY, null, "root", longest + "u", result);
-            assertFalse(result.getStatus());
-            assertFalse(exists(top + "k"));
+            assertCreatesNothing(creation, OWNED_BY, null, longest + "u", null);
+            assertCreatesNothing(creation, OWNED_BY, null, "root", longest + "u");
         }
     }
 

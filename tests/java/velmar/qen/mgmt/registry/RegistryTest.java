@@ -19,6 +19,7 @@ import org.junit.jupiter.params.provider.MethodSource;
 import org.junit.jupiter.params.provider.ValueSource;
 import velmar.qen.mgmt.nativesystem.AsRoot;
 import velmar.qen.mgmt.nativesystem.Configuration;
+import velmar.qen.mgmt.nativesystem.LoggedLines;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
@@ -80,7 +81,9 @@ class RegistryTest extends OpenRegistry {
         TKVResult result = new TKVResult();
         natives.setKeyValues(below("k"), new String[] {"", "lost"}, 3, "", null, null, result);
         assertTrue(result.getStatus());
-        assertThrows(RegistryException.class, () -> registry.getList(below("k")));
+        RegistryException failure = assertThrows(RegistryException.class, () -> registry.getList(below("k")));
+        assertEquals("TKV-0014: the value of key '" + below("k")
+                + "' is no list in the character set of this process's locale", failure.text());
     }
 
     @ParameterizedTest
@@ -254,8 +257,15 @@ class RegistryTest extends OpenRegistry {
     @Test
     void copyTreeTracesOnlyWhenTracingIsOn() {
         registry.create(below("s"));
-        registry.copyTree(below("s"), below("t"));
-        assertFalse(TKVResult.isTracing());
+        try (LoggedLines logged = new LoggedLines()) {
+            registry.copyTree(below("s"), below("t"));
+            assertEquals(List.of(), logged.lines());
+            TKVResult.setTracing(true);
+            registry.copyTree(below("s"), below("u"));
+            assertTrue(logged.lines().stream().anyMatch(line -> line.startsWith("copyRecurse: ")));
+        } finally {
+            TKVResult.setTracing(false);
+        }
     }
 
     @Test
