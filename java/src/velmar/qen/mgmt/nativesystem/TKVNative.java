@@ -196,7 +196,7 @@ public final class TKVNative {
                                             String parentKeyName, String userName, String groupName, Object result);
 
     /**
-     * The user who owns a key.
+     * The user who owns a key. The name is stored in the character set of the session that gave it and read as UTF-8.
      *
      * @param keyName full name
      * @param result receives the outcome
@@ -205,7 +205,7 @@ public final class TKVNative {
     public native String getUserName(String keyName, Object result);
 
     /**
-     * The group that owns a key.
+     * The group that owns a key, read as by {@link #getUserName}.
      *
      * @param keyName full name
      * @param result receives the outcome
