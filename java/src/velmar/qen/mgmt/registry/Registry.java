@@ -441,8 +441,8 @@ public final class Registry implements AutoCloseable {
      * their owners, groups and rights.
      *
      * <p>Values have up to 2048 bytes, and full names in the source up to 265; the command {@code tkv cp -r} has no
-     * such limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the session
-     * has no right to do that, it stays, and the exception has the refusal among its suppressed ones.
+     * such limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the
+     * session has no right to do that, it stays, and the exception has the refusal among its suppressed ones.
      *
      * @param source full name
      * @param target full name of the new key
@@ -524,6 +524,7 @@ public final class Registry implements AutoCloseable {
      * The software patch level of the cluster.
      *
      * @return 0 when none is recorded
+     * @throws RegistryException when what is recorded is no number
      */
     public int patchLevel() {
         return inTurn(() -> session.query(null, natives::getPatchLevel));

@@ -1,6 +1,9 @@
 package velmar.qen.mgmt.registry;
 
-/** The registry was closed before the call could start. Its code is 3, of a handle that is no longer valid. */
+/**
+ * The registry was closed before the call could start, or its session was ended through {@code TKVNative}. Its code is
+ * 3, of a handle that is no longer valid.
+ */
 public final class RegistryClosedException extends RegistryException {
     private static final long serialVersionUID = 1;
 

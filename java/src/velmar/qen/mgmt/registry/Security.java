@@ -28,8 +28,8 @@ import java.util.Objects;
  * and the owners, list the subkeys, write the value, change the security, create subkeys, delete or move the key. The
  * superuser has every right on every key.
  *
- * <p>Names of users and groups are kept in the character set of the process's locale. One that the set does not have, or
- * that has more than 63 bytes in it, is refused by the call that creates the key. In other sets than UTF-8, {@link
+ * <p>Names of users and groups are kept in the character set of the process's locale. One that the set does not have,
+ * or that has more than 63 bytes in it, is refused by the call that creates the key. In other sets than UTF-8, {@link
  * Registry#owner} and {@link Registry#group} read them back only as far as they are plain ASCII.
  */
 public final class Security {

@@ -24,7 +24,7 @@
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyNotFoundException}</th><td>4</td>
  *     <td>no such key, or no parent to create it below</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.InvalidNameException}</th><td>5</td>
- *     <td>empty level, over 264 bytes a level, 64 levels or 1023 bytes</td></tr>
+ *     <td>an empty level or a NUL, over 264 bytes a level, 64 levels or 1023 bytes</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyNotEmptyException}</th><td>6</td>
  *     <td>the key has subkeys</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryDamagedException}</th><td>7</td>

@@ -118,6 +118,21 @@ class FailureTest extends OpenRegistry {
     }
 
     @Test
+    void aPatchLevelThatIsNoNumberIsRefused() {
+        registry.create("SYSTEM");
+        registry.create("SYSTEM.version");
+        registry.put("SYSTEM.version.patch", "seven");
+        assertFails(RegistryException.class, 8, null, registry::patchLevel);
+        registry.deleteTree("SYSTEM");
+    }
+
+    @Test
+    void aModeThatIsNoneIsRefused() {
+        assertFails(RegistryException.class, 8, null, () -> registry.recordServiceDependencies(3));
+        assertFalse(registry.exists("SYSTEM"));
+    }
+
+    @Test
     void anOverlongNameIsRefused() {
         String name = below("l".repeat(265));
         assertFails(InvalidNameException.class, 5, name, () -> registry.create(name));
