@@ -17,27 +17,61 @@ using Json = nlohmann::json;
 
 Outcome wrong(std::string text) { return {Exit::kUsage, std::move(text)}; }
 
-// Parses, and refuses an object that names a member twice: the second would hide the first.
-Outcome parse(std::string_view text, Json* json) {
-  std::vector<std::set<std::string>> open;
-  std::string twice;
-  const auto watch = [&](int, Json::parse_event_t event, Json& parsed) {
-    if (event == Json::parse_event_t::object_start) open.emplace_back();
-    if (event == Json::parse_event_t::object_end) open.pop_back();
-    if (event == Json::parse_event_t::key && !open.back().insert(parsed.get<std::string>()).second) {
-      twice = parsed.get<std::string>();
-    }
-    return true;
-  };
-  try {
-    *json = Json::parse(text, watch);
-  } catch (const Json::exception& failure) {
-    const std::string reason =
-        failure.what();  // "[json.exception.parse_error.101] parse error at line 1, column 2: ..."
-    const std::size_t end = reason.find("] ");
-    return wrong("not JSON: " + (end == std::string::npos ? reason : reason.substr(end + 2)));
+// Finds the objects that name a member twice, the second of which would hide the first, and what is not JSON at all.
+class MemberCheck final : public nlohmann::json_sax<Json> {
+ public:
+  Outcome outcome() const { return outcome_; }
+
+  bool key(string_t& name) override {
+    if (open_.back().insert(name).second) return true;
+    outcome_ = wrong("the member \"" + name + "\" stands twice in one object");
+    return false;
   }
-  if (!twice.empty()) return wrong("the member \"" + twice + "\" stands twice in one object");
+
+  bool start_object(std::size_t) override { return open(); }
+  bool start_array(std::size_t) override { return open(); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+
+  // "[json.exception.parse_error.101] parse error at line 1, column 2: ..."
+  bool parse_error(std::size_t, const std::string&, const Json::exception& failure) override {
+    const std::string reason = failure.what();
+    const std::size_t end = reason.find("] ");
+    outcome_ = wrong("not JSON: " + (end == std::string::npos ? reason : reason.substr(end + 2)));
+    return false;
+  }
+
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool string(string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+
+ private:
+  static constexpr std::size_t kDeepest = 16;  // an export has four
+
+  bool open() {
+    open_.emplace_back();
+    if (open_.size() <= kDeepest) return true;
+    outcome_ = wrong("arrays and objects are in each other too deeply");
+    return false;
+  }
+
+  bool close() {
+    open_.pop_back();
+    return true;
+  }
+
+  std::vector<std::set<std::string>> open_;  // the members so far; none of arrays
+  Outcome outcome_;
+};
+
+Outcome parse(std::string_view text, Json* json) {
+  MemberCheck check;
+  if (!Json::sax_parse(text, &check)) return check.outcome();
+  *json = Json::parse(text);
   return {};
 }
 
