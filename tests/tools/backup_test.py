@@ -8,7 +8,7 @@ import sys
 import threading
 import unittest
 
-MAKE_ORPHANS = pathlib.Path(sys.argv.pop(2)).resolve() if len(sys.argv) > 2 else None
+MAKE_DAMAGE = pathlib.Path(sys.argv.pop(2)).resolve() if len(sys.argv) > 2 else None
 
 from command import CONFLICT, CommandTest, DAMAGED, DONE, NOT_FOUND, OTHER, PARTLY, USAGE, kill  # noqa: E402
 
@@ -52,6 +52,29 @@ class Backup(WithKeys):
         text = (self.folder / "tkv.conf").read_text().splitlines()
         (self.folder / "tkv.conf").write_text("\n".join(text[:2]) + "\n")
         self.assertIn("no backup location is configured", self.fails(USAGE, "backup"))
+
+    def test_a_stream_can_be_verified_and_restored_and_not_made(self):
+        path = self.backup()
+        report = json.loads(self.out("verify", "--json", "-", given=path.read_bytes()))
+        self.assertEqual((report["file"], report["sound"]), ("standard input", True))
+        self.assertIn("standard input is damaged", self.fails(DAMAGED, "verify", "-", given=path.read_bytes()[:-1]))
+        self.change()
+        self.tkv("restore", "-q", "--overwrite", "--yes", "-", given=path.read_bytes())
+        self.assertEqual(self.out("export"), self.before)
+        self.assertIn("name a file", self.fails(USAGE, "backup", "-"))
+
+    def test_a_signal_leaves_nothing_behind(self):
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": "x" * 400}
+                                     for number in range(20000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(signal=number):
+                process = subprocess.Popen(self.words("backup"), env=self.environment, stdout=subprocess.DEVNULL,
+                                           stderr=subprocess.DEVNULL)
+                self.wait_until("the file", lambda: any(self.backups.iterdir()))
+                process.send_signal(number)
+                self.assertEqual(process.wait(), -number, "it was done too soon to be interrupted")
+                self.assertEqual(list(self.backups.iterdir()), [])
 
     def test_says_what_it_holds(self):
         told = json.loads(self.out("backup", "--json"))
@@ -244,7 +267,7 @@ class Verify(WithKeys):
         self.assertIn("damaged-key: key 'app.marked'", result.text)
 
     def test_repair_removes_what_belongs_to_no_key(self):
-        subprocess.run([MAKE_ORPHANS, self.registry], check=True)
+        subprocess.run([MAKE_DAMAGE, self.registry, "orphans"], check=True)
         findings = json.loads(self.tkv("verify", "--json", exits=DAMAGED).text)["findings"]
         self.assertEqual(sorted(finding["kind"] for finding in findings), ["orphan", "orphan-value"])
         self.assertIn("'stray'", self.tkv("verify", exits=DAMAGED).text)
@@ -254,12 +277,39 @@ class Verify(WithKeys):
         self.assertEqual(self.out("export"), self.before)
 
     def test_repair_leaves_a_damaged_key_alone(self):
-        subprocess.run([MAKE_ORPHANS, self.registry], check=True)
+        subprocess.run([MAKE_DAMAGE, self.registry, "orphans"], check=True)
         self.tkv("set", "app.marked", "sound-as-a-bell")
         self.damage(b"sound-as-a-bell", b"sound-as-a-bull")
         result = self.tkv("verify", "--repair", exits=PARTLY)
         self.assertIn("damaged-value: key 'app.marked'", result.text)
         self.assertIn("repaired     2\n", result.text)
+
+    def test_twins_are_named_both_and_left_alone(self):
+        subprocess.run([MAKE_DAMAGE, self.registry, "twins"], check=True)
+        for words in (("verify", "--json"), ("verify", "--json", "--repair")):
+            with self.subTest(words=words):
+                result = self.tkv(*words, exits=DAMAGED)
+                report = json.loads(result.text)
+                self.assertEqual((report["sound"], report["repaired"]), (False, 0))
+                self.assertEqual([(finding["kind"], finding["name"], finding["level"], finding["parent_id"])
+                                  for finding in report["findings"]],
+                                 [("duplicate-id", "one", "one", 1), ("duplicate-id", "two", "two", 1)])
+                self.assertEqual(len({finding["id"] for finding in report["findings"]}), 1)
+                self.assertEqual(json.loads(result.messages)["error"], "damaged")
+        self.assertIn("duplicate-id: key 'two': another node has the same id\n", self.tkv("verify", exits=DAMAGED).text)
+
+    def test_keys_that_hang_below_themselves_are_named_and_can_be_deleted(self):
+        subprocess.run([MAKE_DAMAGE, self.registry, "loop"], check=True)
+        findings = json.loads(self.tkv("verify", "--json", exits=DAMAGED).text)["findings"]
+        self.assertEqual({(finding["kind"], finding["name"]) for finding in findings},
+                         {("duplicate-id", "ring"), ("duplicate-id", "ring.ring")})
+        for words in (("export",), ("tree",), ("backup",), ("rm", "-r", "ring")):
+            with self.subTest(words=words):
+                self.assertIn("hangs below itself", self.fails(DAMAGED, *words))
+        self.assertEqual(list(self.backups.iterdir()), [])
+        self.tkv("rm", "-r", "--yes", "ring")
+        self.tkv("verify")
+        self.assertEqual(self.out("export"), self.before)
 
     def test_a_file_that_is_no_registry_is_not_touched(self):
         data = self.registry / "data.mdb"

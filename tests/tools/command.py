@@ -39,11 +39,11 @@ class Result:
 class Terminal:
     """A command whose three standard files, or some of them, are one terminal."""
 
-    def __init__(self, words, environment, output=None, input_file=None):
+    def __init__(self, words, environment, output=None, input_file=None, folder=None):
         self.master, slave = pty.openpty()
         self.process = subprocess.Popen(words, env=environment, stdin=input_file if input_file is not None else slave,
                                         stdout=output if output is not None else slave, stderr=slave,
-                                        start_new_session=True)
+                                        start_new_session=True, cwd=folder)
         os.close(slave)
         self.seen = b""
 

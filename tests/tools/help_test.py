@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import unittest
 
-from command import CommandTest, OTHER, UNREACHABLE, USAGE
+from command import COMMAND, GROUP, CommandTest, OTHER, Terminal, UNREACHABLE, USAGE
 
 VERBS = ["get", "set", "create", "ls", "tree", "stat", "rm", "mv", "cp", "chown", "chmod", "access", "conf", "export",
          "import", "backup", "restore", "verify", "migrate", "help", "completion"]
@@ -33,12 +33,25 @@ class Help(CommandTest):
 
     def test_what_makes_no_sense_is_usage(self):
         for words in ((), ("frobnicate",), ("get",), ("get", "--frobnicate", "a"), ("mv", "a"), ("help", "frobnicate"),
-                      ("--json",), ("completion", "csh"), ("ls", "a", "b"), ("set", "a"), ("set", "a", "b", "c"),
+                      ("--quiet",), ("completion", "csh"), ("ls", "a", "b"), ("set", "a"), ("set", "a", "b", "c"),
                       ("set", "a", "--int32", "--list", "1"), ("set", "a", "--type", "3", "x"),
                       ("set", "a", "--new", "--existing", "x"), ("help", "--man", "--man-conf")):
             with self.subTest(words=words):
                 self.fails(USAGE, *words)
         self.assertFalse(self.registry.exists())
+
+    def test_as_json_is_one_document(self):
+        self.assertEqual(json.loads(self.out("help", "--json", "set"))["text"], self.out("help", "set"))
+        self.assertEqual(json.loads(self.out("help", "--json", "--man"))["text"], self.out("help", "--man"))
+        self.assertEqual(json.loads(self.out("completion", "--json", "zsh")),
+                         {"shell": "zsh", "script": self.out("completion", "zsh")})
+
+    def test_the_argument_of_an_option_is_no_verb(self):
+        conf = self.folder / "get"
+        conf.write_text(f"[registry]\nlocation = {self.folder}/other\n")
+        done = subprocess.run(self.words("--conf", "get", "set", "get", "[a]"), cwd=self.folder, env=self.environment,
+                              check=False)
+        self.assertEqual((done.returncode, self.out("get", "get", "--conf", conf)), (0, "[a]\n"))
 
 
 class Manual(CommandTest):
@@ -86,29 +99,89 @@ class Completion(CommandTest):
         self.assertEqual(self.candidates("rm", "-r", "app.nodes.b"), ["app.nodes.beta"])
         self.assertEqual(self.candidates("chmod", "a=r", "app.h"), ["app.hosts"])
         self.tkv("rm", "app.hosts")
-        self.assertEqual(self.candidates("get", "app."), ["app.nodes"])
+        self.assertEqual(self.candidates("get", "app."), ["app.nodes", "app.nodes.alpha", "app.nodes.beta"])
         self.assertEqual(self.candidates("get", "nothing."), [])
 
     def test_of_files_is_left_to_the_shell(self):
         self.assertEqual(self.candidates("restore", ""), [":files"])
         self.assertEqual(self.candidates("--conf", ""), [":files"])
 
+    def test_of_the_only_key_goes_on_below_it(self):
+        self.assertEqual(self.candidates("get", "app.n"), ["app.nodes", "app.nodes.alpha", "app.nodes.beta"])
+
+    def test_of_options_with_their_arguments(self):
+        self.assertEqual(self.candidates("get", "--as=n"), ["--as=number"])
+        self.assertIn(f"--group={GROUP}", self.candidates("create", f"--group={GROUP[0]}"))
+        self.assertEqual(self.candidates("get", "--as=text", "apple"), ["apple"])
+
+    def test_of_keys_of_the_registry_that_the_line_names(self):
+        other = self.folder / "other.conf"
+        other.write_text(f"[registry]\nlocation = {self.folder}/other\n")
+        self.tkv("create", "elsewhere", "--conf", other)
+        for words in (("--conf", other, "get", ""), (f"--conf={other}", "get", ""), ("get", "--conf", other, ""),
+                      ("--conf", "~/other.conf", "get", "")):
+            with self.subTest(words=words):
+                self.assertEqual(self.candidates(*words), ["elsewhere"])
+
+    # A line with tabs, and what it prints when the shell has completed it.
+    LINES = (("get app.nodes.al\t", "of-alpha"),
+             ("get app.\th\t", "of-hosts"),
+             ("get appl\t", "of-apple"),
+             ("get strange\\ \t.\t", "of-strange"),
+             ("get 'strange n\t.\t", "of-strange"),
+             ("get col\t.t\t", "of-colon"),
+             ("get --as=t\t apple", "of-apple"),
+             ("get sta\t", "of-star"),
+             ("verify ./ver\t | grep -o verified.b", "verified.b"))
+
+    def drive(self, shell, *options, first):
+        for name, value in (("app.nodes.alpha", "of-alpha"), ("app.hosts", "of-hosts"), ("apple", "of-apple"),
+                            ("strange name*.last one", "of-strange"), ("colon:key.two", "of-colon"),
+                            ("star*", "of-star")):
+            self.tkv("set", "-p", name, value)
+        self.tkv("backup", self.folder / "verified.backup")
+        environment = {**self.environment, "PATH": f"{COMMAND.parent}:{self.environment['PATH']}", "INPUTRC": "/dev/null",
+                       "TERM": "dumb"}
+        terminal = Terminal([shell, *options], environment, folder=self.folder)
+        terminal.type(first + "; echo rea''dy\n")
+        terminal.read_until(b"ready")
+        for line, printed in self.LINES:
+            with self.subTest(line=line):
+                terminal.seen = b""
+                terminal.type(f"tkv {line}\n echo en''d\n")
+                self.assertRegex(terminal.read_until(b"end\r\n").decode(), rf"[\r\nJ]{printed}\r\n")
+        terminal.type("exit\n")
+        terminal.finish()
+
     def test_in_bash(self):
-        script = ('source <("$0" completion bash); shift 0; COMP_WORDS=(tkv "$@"); COMP_CWORD=$#; '
-                  '_tkv; printf "%s\\n" "${COMPREPLY[@]}"')
-        environment = {**self.environment, "PATH": f"{self.words()[0].rsplit('/', 1)[0]}:{self.environment['PATH']}"}
-        for words, expected in ((["ge"], "get\n"), (["get", "app."], "app.hosts\napp.nodes\n"),
-                                (["get", "app.nodes.al"], "app.nodes.alpha\n")):
-            done = subprocess.run(["bash", "-c", script, self.words()[0], *words], env=environment,
-                                  capture_output=True, check=True, text=True)
-            self.assertEqual(done.stdout, expected)
+        self.drive("bash", "--norc", "--noprofile", "-i", first="source <(tkv completion bash)")
+
+    @unittest.skipUnless(shutil.which("zsh"), "zsh is not there")
+    def test_in_zsh(self):
+        (self.folder / "_tkv").write_text(self.out("completion", "zsh"))
+        self.drive("zsh", "-f", "-i", first="fpath=($HOME $fpath); autoload -Uz compinit; compinit -u -D")
+
+    @unittest.skipUnless(shutil.which("fish"), "fish is not there")
+    def test_in_fish(self):
+        self.tkv("set", "-p", "strange name*.last one", "x")
+        environment = {**self.environment, "PATH": f"{COMMAND.parent}:{self.environment['PATH']}"}
+        for line, expected in (("get app.no", "app.nodes\napp.nodes.alpha\napp.nodes.beta\n"),
+                               ("get strange\\ n", "strange name*\nstrange name*.last one\n"),
+                               ("get 'strange name*.", "strange name*.last one\n"),
+                               ("get --as=n", "--as=number\n"), ("get nothing", ""),
+                               (f"restore {self.folder}/tkv.co", f"{self.folder}/tkv.conf\n")):
+            with self.subTest(line=line):
+                done = subprocess.run(["fish", "-N", "-c", "tkv completion fish | source; complete -C $argv[1]",
+                                       f"tkv {line}"], env=environment, capture_output=True, check=True, text=True)
+                self.assertEqual(done.stdout, expected)
 
     def test_scripts_are_well_formed(self):
         for shell in ("bash", "zsh", "fish"):
-            script = self.out("completion", shell)
-            self.assertIn("tkv complete --", script)
-            if shutil.which(shell):
-                subprocess.run([shell, "-n"], input=script, text=True, check=True)
+            with self.subTest(shell=shell):
+                script = self.out("completion", shell)
+                self.assertIn("tkv complete --", script)
+                if shutil.which(shell):
+                    subprocess.run([shell, "-n"], input=script, text=True, check=True)
 
 
 class Configuration(CommandTest):

@@ -30,6 +30,7 @@ class Values(CommandTest):
         self.tkv("set", "a.list", "--list", "a", "bc")
         self.assertEqual(self.stored("a.list"), ("list (5)", b"a\0bc\0\0"))
         self.assertEqual(self.out("get", "a.list"), "a\nbc\n")
+        self.assertEqual(self.out("get", "--no-newline", "a.list"), "a\nbc")
 
     def test_a_list_may_have_no_elements(self):
         self.tkv("set", "a.list", "--list")
@@ -84,6 +85,10 @@ class Values(CommandTest):
         self.assertEqual(self.stored("a.text")[1], b"from a file\0")
         self.tkv("set", "a.text", "-", given="piped\r\n")
         self.assertEqual(self.stored("a.text")[1], b"piped\0")
+        self.tkv("set", "a.text", "-", given="no line end\r")
+        self.assertEqual(self.stored("a.text")[1], b"no line end\r\0")
+        self.tkv("set", "a.list", "--list", "-", given="one\r\ntwo\r\n")
+        self.assertEqual(self.out("get", "a.list"), "one\ntwo\n")
         self.tkv("set", "a.text", "--keep-newline", "-", given="piped\n")
         self.assertEqual(self.stored("a.text")[1], b"piped\n\0")
         self.tkv("set", "a.text", "--literal", "@home")
@@ -109,6 +114,12 @@ class Values(CommandTest):
         self.tkv("set", "a.bytes", "--bytes", "-", given=b"x" * 2**20)
         self.assertEqual(len(self.tkv("get", "--as", "raw", "a.bytes").out), 2**20)
         self.assertIn("more than 1 MiB", self.fails(1, "set", "a.bytes", "--bytes", "-", given=b"x" * (2**20 + 1)))
+
+    def test_input_without_end_is_not_waited_for(self):
+        with open("/dev/zero", "rb") as endless:
+            done = subprocess.run(self.words("set", "a.bytes", "--bytes", "-"), stdin=endless, capture_output=True,
+                                  env=self.environment, check=False)
+        self.assertEqual((done.returncode, done.stderr), (USAGE, b"tkv: standard input holds more than 8388608 bytes\n"))
 
     def test_a_reading_that_the_value_lacks_is_a_wrong_type(self):
         self.tkv("set", "a.text", "word")
@@ -207,12 +218,19 @@ class Trees(CommandTest):
         self.assertEqual(self.out("ls", "app"), "greeting\nhosts\nlimit\nnodes\n")
         self.assertEqual(self.out("ls", "--full", "app.nodes"), "app.nodes.alpha\napp.nodes.beta\n")
         self.assertEqual(self.tkv("ls", "-0", "app.nodes").out, b"alpha\0beta\0")
+        self.assertRegex(self.out("ls", "-l0", "app.nodes"), r"^[rlwscd-].* alpha\.\0[rlwscd-].* beta\0$")
         self.fails(NOT_FOUND, "ls", "nothing")
 
     def test_tree_stops_at_a_depth(self):
         self.assertEqual(self.names("-d", "1", "app"),
                          ["app", "app.greeting", "app.hosts", "app.limit", "app.nodes"])
+        self.assertEqual(self.names("-d", "0", "app"), ["app"])
         self.fails(USAGE, "tree", "--depth", "deep")
+
+    def test_tree_shows_keys_alone_when_told(self):
+        self.assertEqual(self.out("tree", "-k", "app.nodes"), "app.nodes\n├── alpha\n│   └── state\n└── beta\n")
+        for key in json.loads(self.out("tree", "-k", "--json", "app.nodes")):
+            self.assertEqual(set(key), {"name", "owner", "group", "mode"})
 
     def test_rm_takes_what_it_is_told_and_no_more(self):
         self.assertIn("-r deletes them too", self.fails(CONFLICT, "rm", "app.nodes"))
@@ -260,12 +278,31 @@ class Trees(CommandTest):
         self.assertEqual(json.loads(self.out("set", "--json", "x", "1")), {"done": "set", "name": "x"})
         self.assertEqual(json.loads(self.out("mv", "--json", "x", "y")), {"done": "mv", "name": "x", "to": "y"})
         self.assertEqual(json.loads(self.out("rm", "--json", "y")), {"done": "rm", "name": "y"})
+        self.assertEqual(json.loads(self.out("rm", "--json", "-f", "y")), {"done": "rm", "name": "y", "existed": False})
+
+    def test_json_of_several_keys_is_one_document(self):
+        for verb, keys in (("create", ("x", "y")), ("chmod", ("o=", "x", "y")), ("chown", ("ada", "x", "y")),
+                           ("rm", ("--yes", "x", "y"))):
+            with self.subTest(verb=verb):
+                self.assertEqual(json.loads(self.out(verb, "--json", *keys)),
+                                 [{"done": verb, "name": "x"}, {"done": verb, "name": "y"}])
+        result = self.tkv("create", "--json", "x", "app", exits=PARTLY)
+        self.assertEqual(json.loads(result.text), [{"done": "create", "name": "x"}])
+        self.assertEqual(json.loads(result.messages), {"error": "conflict", "exit": 5, "text": "key 'app' exists"})
 
     def test_errors_as_json(self):
         result = self.tkv("get", "--json", "nothing", exits=NOT_FOUND)
         self.assertEqual(result.out, b"")
         self.assertEqual(json.loads(result.messages),
                          {"error": "not-found", "exit": 3, "text": "key 'nothing' does not exist"})
+        for words, text in ((("get", "--json"), "KEY is required\nSee: tkv get --help"),
+                            (("--json", "😀"), "there is no verb '😀'\nSee: tkv --help"),
+                            (("--json",), "a verb is wanted\nSee: tkv --help"),
+                            (("get", "--json", "--as", "😀", "app"),
+                             "--as 😀: a reading is auto, text, list, number, hex or raw")):
+            with self.subTest(words=words):
+                result = self.tkv(*words, exits=USAGE)
+                self.assertEqual(json.loads(result.messages), {"error": "usage", "exit": 2, "text": text})
 
 
 class Together(CommandTest):

@@ -39,7 +39,9 @@ class Migrate(CommandTest):
         before = self.target_text()
         self.assertIn("is not empty", self.fails(CONFLICT, "migrate", self.registry, self.target))
         self.assertEqual(self.target_text(), before)
-        self.tkv("migrate", "--overwrite", self.registry, self.target)
+        self.assertIn("deletes 2 keys", self.fails(CONFLICT, "migrate", "--overwrite", self.registry, self.target))
+        self.assertEqual(self.target_text(), before)
+        self.tkv("migrate", "--overwrite", "--yes", self.registry, self.target)
         self.assertEqual(self.target_text(), self.source_text)
 
     def test_places_that_make_no_sense(self):

@@ -1,9 +1,12 @@
 """What people see on a terminal, and what scripts see instead."""
+import fcntl
 import json
 import os
 import select
 import signal
+import struct
 import subprocess
+import termios
 import unittest
 
 from command import CONFLICT, CommandTest, DONE
@@ -147,6 +150,15 @@ class Pipes(CommandTest):
         self.assertEqual(done.returncode, 1)
         self.assertEqual(done.stderr, b"tkv: cannot write the output: Bad file descriptor\n")
 
+    def test_nothing_is_printed_into_the_registry_in_place_of_closed_standard_files(self):
+        for words in (("get", "nothing"), ("get", "many.k00000"), ("set", "--json", "a", "x"), ("frobnicate",)):
+            for closed in (">&-", "2>&-", ">&- 2>&-", "<&- >&- 2>&-"):
+                with self.subTest(words=words, closed=closed):
+                    subprocess.run(["/bin/sh", "-c", f'"$0" "$@" {closed}', *self.words(*words)],
+                                   env=self.environment, capture_output=True, check=False)
+                    self.tkv("verify")
+        self.assertEqual(self.out("get", "a"), "x\n")
+
 
 class Bars(CommandTest):
     def setUp(self):
@@ -183,6 +195,58 @@ class Bars(CommandTest):
             terminal = self.terminal("verify", "-q", self.slow, output=output)
             self.assertEqual(self.verify_slowly(terminal), b"")
             self.assertEqual(terminal.finish(), (DONE, ""))
+
+
+class BarsOfChanges(CommandTest):
+    """Work on the registry itself shows a bar. Stopping the command now and then makes it long enough for one."""
+
+    def setUp(self):
+        super().setUp()
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": "x" * 100}
+                                     for number in range(20000)]
+        self.source = self.folder / "many.json"
+        self.source.write_text(json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        self.tkv("import", self.source)
+
+    def watch(self, wanted, *words, run=0.002, columns=80):
+        """Runs the command for so many seconds between stops, until a bar that begins so has come. Gives code and what
+        was seen."""
+        with open(self.folder / "out", "wb") as output:
+            terminal = self.terminal(*words, output=output)
+        fcntl.ioctl(terminal.master, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        terminal.type("n\n")  # to a question
+        while b"\r" + wanted.encode() not in terminal.seen and terminal.process.poll() is None:
+            terminal.process.send_signal(signal.SIGSTOP)
+            if select.select([terminal.master], [], [], 0.35)[0]:
+                try:
+                    terminal.seen += os.read(terminal.master, 65536)
+                except OSError:  # the command has ended
+                    break
+            terminal.process.send_signal(signal.SIGCONT)
+            select.select([terminal.master], [], [], run)
+        return terminal.finish()
+
+    def test_each_tells_how_far_it_is(self):
+        self.tkv("backup", self.folder / "many.backup")
+        fresh = self.folder / "fresh.conf"
+        fresh.write_text(f"[registry]\nlocation = {self.folder}/fresh\n")
+        for wanted, run, words in (("verify ", 0.002, ("verify",)), ("cp ", 0.02, ("cp", "-r", "many", "copy")),
+                                   ("count ", 0.002, ("rm", "-r", "many")),
+                                   ("write ", 0.02, ("import", "--at", "new", self.source)),
+                                   ("write ", 0.02, ("restore", "--conf", fresh, self.folder / "many.backup")),
+                                   ("read backup ", 0.005, ("restore", "-n", self.folder / "many.backup")),
+                                   ("check backup ", 0.005, ("backup", self.folder / "second.backup"))):
+            with self.subTest(words=words):
+                code, seen = self.watch(wanted, *words, run=run)
+                self.assertEqual(code, CONFLICT if words[0] == "rm" else DONE, seen)
+                self.assertRegex(seen, rf"\r{wanted}(pages |records )?(\[[# ]+\] \d+% )?\d[0-9,]*( of [0-9,]+)?\x1b\[K")
+                self.assertIn("\r\x1b[K", seen)
+
+    def test_none_is_wider_than_the_terminal(self):
+        _, seen = self.watch("verify ", "verify", columns=40)
+        bars = [line for line in seen.replace("\x1b[K", "").split("\r") if line.startswith("verify ")]
+        self.assertTrue(bars, seen)
+        self.assertLess(max(map(len, bars)), 40)
 
 
 class Quiet(CommandTest):

@@ -110,6 +110,20 @@ class RoundTrip(CommandTest):
         self.assertIn("is not a file", self.fails(USAGE, "export", "-o", "/dev/null"))
         self.assertEqual(sorted(path.name for path in self.folder.glob("a.json*")), ["a.json"])
 
+    def test_export_to_a_file_keeps_its_mode_and_the_links_to_it(self):
+        self.tkv("set", "a", "x")
+        path = self.folder / "out.json"
+        link = self.folder / "link.json"
+        link.symlink_to(path)
+        self.tkv("export", "-o", path)
+        self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+        path.chmod(0o640)
+        path.write_text("older")
+        report = json.loads(self.out("export", "--json", "-o", link))
+        self.assertEqual(report, {"done": "export", "name": "", "file": str(link), "keys": 2})
+        self.assertTrue(link.is_symlink())
+        self.assertEqual((path.read_text(), path.stat().st_mode & 0o777), (self.out("export"), 0o640))
+
     def test_a_full_disk_behind_the_output_is_an_error(self):
         self.tkv("set", "a", "x")
         with open("/dev/full", "wb") as full:

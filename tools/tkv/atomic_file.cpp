@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +15,7 @@ namespace tkv::command {
 namespace {
 
 constexpr std::size_t kGathered = 256 * 1024;
+constexpr mode_t kPermissions = 0777;
 
 std::string folder_of(const std::string& path) {
   const std::size_t end = path.rfind('/');
@@ -20,27 +23,40 @@ std::string folder_of(const std::string& path) {
   return end == 0 ? "/" : path.substr(0, end);
 }
 
-Exit exit_of_error(int error) {
-  switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-      return Exit::kNotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-      return Exit::kDenied;
-    case EEXIST:
-      return Exit::kConflict;
-    default:
-      return Exit::kOther;
+// The file that has to go when a signal ends the process: the name of the one that is being written.
+std::atomic<const char*> unfinished{nullptr};
+
+extern "C" void end_without_unfinished_file(int signal) {
+  if (const char* name = unfinished.load(); name != nullptr) ::unlink(name);
+  ::raise(signal);  // the action is the system's again
+}
+
+// A signal that is ignored stays so.
+void watch_signals() {
+  struct sigaction action {};
+  struct sigaction former {};
+  action.sa_handler = end_without_unfinished_file;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    if (sigaction(signal, nullptr, &former) == 0 && former.sa_handler == SIG_DFL) sigaction(signal, &action, nullptr);
   }
+}
+
+// The file that a path leads to in the end.
+std::string resolved(const std::string& path) {
+  char* const real = ::realpath(path.c_str(), nullptr);
+  const std::string result = real != nullptr ? real : path;
+  std::free(real);
+  return result;
 }
 
 }  // namespace
 
 AtomicFile::~AtomicFile() {
   if (descriptor_ >= 0) ::close(descriptor_);
-  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+  if (temporary_.empty()) return;
+  ::unlink(temporary_.c_str());
+  unfinished = nullptr;
 }
 
 Outcome AtomicFile::failed(const char* doing, int error) const {
@@ -54,12 +70,17 @@ Outcome AtomicFile::open(const std::string& path, Existing existing) {
   const bool there = ::stat(path.c_str(), &found) == 0;
   if (there && existing == Existing::kRefuse) return failed("write", EEXIST);
   if (there && !S_ISREG(found.st_mode)) return {Exit::kUsage, path + " is not a file; write there with > instead"};
-  std::string pattern = path + ".XXXXXX";
+  if (there) path_ = resolved(path);  // a link stays one
+  std::string pattern = path_ + ".XXXXXX";
   descriptor_ = ::mkostemp(pattern.data(), O_CLOEXEC);
-  const int error = errno;
+  int error = errno;
   if (descriptor_ < 0) return failed("write", error);
   temporary_ = pattern;
-  return {};
+  unfinished = temporary_.c_str();
+  watch_signals();
+  if (!there || ::fchmod(descriptor_, found.st_mode & kPermissions) == 0) return {};
+  error = errno;
+  return failed("write", error);
 }
 
 Outcome AtomicFile::write(std::string_view bytes) {
@@ -98,6 +119,7 @@ Outcome AtomicFile::rename() {
     error = errno;
   }
   if (result != 0) return failed("write", error);
+  unfinished = nullptr;
   temporary_.clear();
   return {};
 }

@@ -1,4 +1,7 @@
 // AtomicFile: a file that appears whole and durable under its name, or not at all.
+//
+// Until then it stands beside that name under another one, and is removed when SIGHUP, SIGINT or SIGTERM end the
+// process; only what cannot be caught leaves it behind. One at a time.
 #ifndef TKV_TOOLS_TKV_ATOMIC_FILE_H
 #define TKV_TOOLS_TKV_ATOMIC_FILE_H
 
@@ -19,7 +22,8 @@ class AtomicFile {
   AtomicFile(const AtomicFile&) = delete;
   AtomicFile& operator=(const AtomicFile&) = delete;
 
-  // Begins a file beside `path`, readable by its owner only. 5 when `path` exists and that is refused.
+  // Begins a file, readable by its owner only, or by whom the file that it replaces was. 5 when `path` exists and that
+  // is refused.
   Outcome open(const std::string& path, Existing existing);
 
   Outcome write(std::string_view bytes);

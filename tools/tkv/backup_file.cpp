@@ -10,6 +10,7 @@
 #include "access.h"
 #include "characters.h"
 #include "identity.h"
+#include "input.h"
 #include "name.h"
 #include "tree.h"
 
@@ -72,17 +73,17 @@ class StreamHash {
 // Reads a file from its beginning, hashing what it gives.
 class Source {
  public:
-  explicit Source(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "rbe")), error_(errno) {}
+  explicit Source(const std::string& path)
+      : path_(shown_path(path)), file_(path == "-" ? stdin : std::fopen(path.c_str(), "rbe")), error_(errno) {}
   ~Source() {
-    if (file_ != nullptr) std::fclose(file_);
+    if (file_ != nullptr && file_ != stdin) std::fclose(file_);
   }
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
   Outcome opened() const {
     if (file_ != nullptr) return {};
-    const Exit exit = error_ == ENOENT ? Exit::kNotFound : error_ == EACCES ? Exit::kDenied : Exit::kOther;
-    return {exit, "cannot read " + path_ + ": " + std::strerror(error_)};
+    return {exit_of_error(error_), "cannot read " + path_ + ": " + std::strerror(error_)};
   }
 
   Outcome damaged(const std::string& what) const { return {Exit::kDamaged, path_ + " is damaged: " + what}; }
@@ -207,7 +208,7 @@ Outcome BackupWriter::add(const Entry& entry) {
   return write(key_record(entry));
 }
 
-Outcome BackupWriter::finish() {
+Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
   std::string bytes(1, kEndMark);
   append_number(totals_.keys, &bytes);
   append_number(totals_.values, &bytes);
@@ -218,7 +219,11 @@ Outcome BackupWriter::finish() {
   if (Outcome written = file_.write(digest); !written.ok()) return written;
   if (Outcome synced = file_.sync(); !synced.ok()) return synced;
   BackupContents again;
-  Outcome read = read_backup(file_.written_path(), &again, [](Entry&&) { return Outcome(); });
+  std::uint64_t keys = 0;
+  Outcome read = read_backup(file_.written_path(), &again, [&](Entry&&) {
+    progress(++keys);
+    return Outcome();
+  });
   if (!read.ok()) return read;
   if (again.hash != hash_ || again.totals != totals_ || again.head.top != head_.top) {
     return {Exit::kDamaged, "the backup does not read back as it was written"};

@@ -47,8 +47,8 @@ class BackupWriter {
   Outcome add(const Entry& entry);
 
   // Writes the end and makes the file durable, opens it again, reads and checks all of it, and only then gives it its
-  // name.
-  Outcome finish();
+  // name. `progress` is told how many keys were checked.
+  Outcome finish(FunctionRef<void(std::uint64_t keys)> progress);
 
   const BackupTotals& totals() const { return totals_; }
   const std::string& hash() const { return hash_; }  // in hexadecimal, after finish
@@ -71,8 +71,8 @@ struct BackupContents {
   std::string hash;  // in hexadecimal
 };
 
-// Reads a backup whole. `take` gets each key before the end was checked: what it made of them counts only when this
-// succeeds. 8 when the file is damaged or cut, 2 when it is no backup.
+// Reads a backup whole; "-" is standard input. `take` gets each key before the end was checked: what it made of them
+// counts only when this succeeds. 8 when the file is damaged or cut, 2 when it is no backup.
 Outcome read_backup(const std::string& path, BackupContents* contents, FunctionRef<Outcome(Entry&& entry)> take);
 
 }  // namespace tkv::command

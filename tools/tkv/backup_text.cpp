@@ -14,7 +14,7 @@ std::string utc(std::uint64_t seconds, const char* form) {
 
 JsonObject totals_json(const std::string& path, const BackupTotals& totals, const std::string& hash) {
   JsonObject object;
-  object.text("file", path)
+  object.utf8("file", path)
       .number("keys", totals.keys)
       .number("values", totals.values)
       .number("value_bytes", totals.value_bytes)

@@ -9,6 +9,7 @@
 #include "characters.h"
 #include "context.h"
 #include "difference.h"
+#include "input.h"
 #include "json.h"
 #include "name.h"
 #include "verbs.h"
@@ -40,6 +41,8 @@ Outcome target_path(const Arguments& arguments, const registry::Configuration& c
   if (path->empty()) {
     return {Exit::kUsage, "no backup location is configured: name a file or a directory"};
   }
+  if (*path == "-")
+    return {Exit::kUsage, "a backup is read again before it counts as made: name a file or a directory"};
   if (is_directory(*path)) {
     *path = fresh_name(*path, taken);
   } else if (!arguments.file || path->ends_with('/')) {
@@ -55,11 +58,7 @@ Outcome write_all(Context& context, const std::string& top, BackupWriter* writer
     return reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
       store::Value value;
       if (Status found = reader.value(key, &value); !found.ok()) return found;
-      Entry entry;
-      entry.name = key.name;
-      entry.security = key.node.security;
-      entry.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
-      added = writer->add(entry);
+      added = writer->add(copied(key, value));
       progress.show(writer->totals().keys, 0);
       return added.ok() ? Status() : Status(PRTKV_UNKNOWN, added.text());
     });
@@ -67,22 +66,32 @@ Outcome write_all(Context& context, const std::string& top, BackupWriter* writer
   return added.ok() ? Outcome(read) : added;
 }
 
+Outcome finish(Context& context, BackupWriter* writer) {
+  Progress progress(context.terminal(), "check backup");
+  const std::uint64_t all = writer->totals().keys;
+  return writer->finish([&](std::uint64_t keys) { progress.show(keys, all); });
+}
+
 // Reads the wanted part of a backup, in the order of names.
-Outcome read_part(const std::string& path, const std::optional<std::string>& key, Snapshot* part) {
+Outcome read_part(const Terminal& terminal, const std::string& path, const std::optional<std::string>& key,
+                  Snapshot* part) {
   BackupContents contents;
   std::optional<std::string> top;
   if (key) {
     top.emplace();
     if (Outcome named = key_name(*key, &*top); !named.ok()) return named;
   }
+  Progress progress(terminal, "read backup");
+  std::uint64_t keys = 0;
   Outcome read = read_backup(path, &contents, [&](Entry&& entry) {
+    progress.show(++keys, 0);
     if (!top || registry::is_within(entry.name, *top)) part->entries.push_back(std::move(entry));
     return Outcome();
   });
   if (!read.ok()) return read;
   part->top = top.value_or(contents.head.top);
   if (!part->entries.empty() && part->entries.front().name == part->top) return {};
-  return {Exit::kNotFound, path + " holds no " + registry::describe(part->top)};
+  return {Exit::kNotFound, shown_path(path) + " holds no " + registry::describe(part->top)};
 }
 
 // A registry that holds nothing of what is to come: restoring changes no key but the root's own record.
@@ -109,7 +118,7 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
   }
   if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;
   if (Outcome written = write_all(context, head.top, &writer); !written.ok()) return written;
-  if (Outcome finished = writer.finish(); !finished.ok()) return finished;
+  if (Outcome finished = finish(context, &writer); !finished.ok()) return finished;
   if (context.json()) {
     context.output().line(totals_json(path, writer.totals(), writer.hash()).str());
     return {};
@@ -123,7 +132,7 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
 Outcome run_restore(Context& context, const Arguments& arguments) {
   Snapshot wanted;
   Plan plan;
-  if (Outcome read = read_part(*arguments.file, arguments.key, &wanted); !read.ok()) return read;
+  if (Outcome read = read_part(context.terminal(), *arguments.file, arguments.key, &wanted); !read.ok()) return read;
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
   if (Outcome planned = plan_for(context, wanted, Manner::kReplace, &plan); !planned.ok()) return planned;
   if (arguments.dry_run) {

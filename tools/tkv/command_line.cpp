@@ -30,9 +30,20 @@ std::string unmarked(std::string word) {
   return word;
 }
 
+// The first word that is no option, and no argument of one that stands before the verb.
+const char* word_for_verb(int count, char** words) {
+  for (int at = 1; at < count; ++at) {
+    const std::string_view word = words[at];
+    if (!word.starts_with('-')) return words[at];
+    if (word == "--conf") ++at;
+  }
+  return nullptr;
+}
+
 std::vector<std::string> marked(int count, char** words) {
   std::vector<std::string> result;
   const Verb* verb = nullptr;
+  const char* const first = word_for_verb(count, words);
   bool only_operands = false;
   for (int at = 1; at < count; ++at) {
     std::string word = words[at];
@@ -41,10 +52,18 @@ std::vector<std::string> marked(int count, char** words) {
       continue;
     }
     const bool operand = verb != nullptr && (only_operands || is_operand(word, *verb));
-    if (verb == nullptr) verb = find_verb(word);
+    if (words[at] == first) verb = find_verb(word);
     result.push_back(operand ? kOperandMark + word : word);
   }
   return result;
+}
+
+// Whether a failure is to be told in JSON, of words that make no sense.
+bool asks_for_json(int count, char** words) {
+  for (int at = 1; at < count && std::string_view(words[at]) != "--"; ++at) {
+    if (std::string_view(words[at]) == "--json") return true;
+  }
+  return false;
 }
 
 class Parser {
@@ -128,12 +147,15 @@ class Parser {
   std::vector<std::function<void()>> taking_;
 };
 
-// The parser's own wording, without marks.
-std::string reason(const CLI::ParseError& error) {
+// Why the words make no sense: the parser's own wording, without marks, and where to read on.
+std::string reason(const CLI::ParseError& error, const Verb* verb, const char* word) {
   std::string text = error.what();
   std::erase(text, kOperandMark);
   while (text.ends_with('\n')) text.pop_back();
-  return text;
+  const bool required = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+  if (verb == nullptr && word != nullptr) text = "there is no verb '" + std::string(word) + "'";
+  if (verb == nullptr && word == nullptr && required) text = "a verb is wanted";
+  return text + "\nSee: tkv" + (verb == nullptr ? "" : std::string(" ") + verb->name) + " --help";
 }
 
 }  // namespace
@@ -150,9 +172,9 @@ Outcome parse_command_line(int count, char** words, Arguments* arguments, const 
     output.write(help_text(chosen.empty() ? nullptr : find_verb(chosen.front()->get_name())));
     return {};
   } catch (const CLI::ParseError& error) {
-    const auto chosen = parser.app().get_subcommands();
-    const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
-    return {Exit::kUsage, reason(error) + "\nSee: tkv" + name + " --help"};
+    arguments->json = asks_for_json(count, words);
+    const char* word = word_for_verb(count, words);
+    return {Exit::kUsage, reason(error, word == nullptr ? nullptr : find_verb(word), word)};
   }
   *verb = parser.chosen();
   return {};

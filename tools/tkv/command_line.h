@@ -13,7 +13,7 @@
 namespace tkv::command {
 
 // `*verb` stays null when there is nothing to run: help or the version was printed (done), or the words make no sense
-// (2 with the reason).
+// (2 with the reason; of the arguments only `json` is set).
 Outcome parse_command_line(int count, char** words, Arguments* arguments, const Verb** verb, Output& output);
 
 // The help of one verb, or of the whole command for null.

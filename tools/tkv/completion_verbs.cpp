@@ -1,11 +1,14 @@
+#include <grp.h>
 #include <pwd.h>
 
-#include <set>
+#include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "characters.h"
 #include "context.h"
 #include "entry.h"
+#include "json.h"
 #include "name.h"
 #include "verbs.h"
 
@@ -13,19 +16,45 @@ namespace tkv::command {
 namespace {
 
 // The scripts hold no knowledge of the command: they ask it for candidates, one a line, and for files where it says
-// ":files".
-constexpr const char* kBash = R"sh(_tkv() {
-  local IFS=$'\n'
-  local candidates
-  candidates=$(tkv complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null) || return
-  if [ "$candidates" = ":files" ]; then
+// ":files". They hand it the words before the cursor as the shell will read them, without quotes.
+//
+// bash splits words at ":", "=" and "@" too, and replaces only what follows the last of these. So the script reads the
+// line itself, and takes off the candidates what stands before.
+constexpr const char* kBash = R"sh(_tkv_split() {
+  local line=$1 quote= word= begun= char
+  words=()
+  while [ -n "$line" ]; do
+    char=${line:0:1} line=${line:1}
+    case $quote$char in
+      [\'\"]) quote=$char begun=1 ;;
+      "''" | '""') quote= ;;
+      \'? | '"'[!\\]) word+=$char ;;
+      \\ | '"\') word+=${line:0:1} line=${line:1} begun=1 ;;
+      [[:space:]]) [ -n "$begun" ] && words+=("$word"); word= begun= ;;
+      *) word+=$char begun=1 ;;
+    esac
+  done
+  words+=("$word")
+}
+
+_tkv() {
+  local words candidates index lead raw=${COMP_WORDS[COMP_CWORD]}
+  _tkv_split "${COMP_LINE:0:COMP_POINT}"
+  local word=${words[${#words[@]}-1]}
+  mapfile -t candidates < <(tkv complete -- "${words[@]:1}" 2>/dev/null)
+  if [ "${candidates[0]}" = ":files" ]; then
     compopt -o filenames
-    COMPREPLY=($(compgen -f -- "${COMP_WORDS[COMP_CWORD]}"))
+    mapfile -t COMPREPLY < <(compgen -f -- "$word")
     return
   fi
+  lead=${word%"${word##*[:=@]}"}
   COMPREPLY=()
-  local candidate
-  for candidate in $candidates; do COMPREPLY+=("$(printf %q "$candidate")"); done
+  for index in "${!candidates[@]}"; do
+    case $raw in
+      [\'\"]*) COMPREPLY+=("${candidates[index]}") ;;
+      *) COMPREPLY+=("$(printf %q "${candidates[index]#"$lead"}")") ;;
+    esac
+  done
 }
 complete -F _tkv tkv
 )sh";
@@ -33,10 +62,10 @@ complete -F _tkv tkv
 constexpr const char* kZsh = R"sh(#compdef tkv
 _tkv() {
   local -a candidates
-  candidates=("${(@f)$(tkv complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+  candidates=(${(f)"$(tkv complete -- "${(@Q)words[2,CURRENT-1]}" "${(Q)PREFIX}" 2>/dev/null)"})
   if [[ "${candidates[1]}" == ":files" ]]; then
     _files
-  else
+  elif (( ${#candidates} )); then
     compadd -a candidates
   fi
 }
@@ -44,16 +73,24 @@ if [[ "${funcstack[1]}" == _tkv ]]; then _tkv "$@"; else compdef _tkv tkv; fi
 )sh";
 
 constexpr const char* kFish = R"sh(function __tkv_candidates
-    set -l words (commandline -opc) (commandline -ct)
+    set -l word (commandline -ct)
+    set -l plain (string unescape -- $word; or string unescape -- $word"'"; or string unescape -- $word'"'; or echo -- $word)
+    set -l words (commandline -opc) "$plain"
     set -l candidates (tkv complete -- $words[2..-1] 2>/dev/null)
     if test "$candidates" = ":files"
-        __fish_complete_path (commandline -ct)
+        __fish_complete_path $word
     else
-        printf '%s\n' $candidates
+        string join -- \n $candidates
     end
 end
 complete -c tkv -f -a '(__tkv_candidates)'
 )sh";
+
+const char* script_of(std::string_view shell) {
+  if (shell == "bash") return kBash;
+  if (shell == "zsh") return kZsh;
+  return shell == "fish" ? kFish : nullptr;
+}
 
 class Completion {
  public:
@@ -65,6 +102,8 @@ class Completion {
   void print() {
     if (expects_ != nullptr) {
       offer(expects_->kind);
+    } else if (word_.starts_with("--") && word_.find('=') != std::string::npos && !only_operands_) {
+      offer_argument();
     } else if (verb_ == nullptr) {
       word_.starts_with('-') ? offer_options() : offer_verbs();
     } else if (word_.starts_with('-') && !only_operands_) {
@@ -75,19 +114,46 @@ class Completion {
   }
 
  private:
+  // What follows "--option=", but for names of files.
+  void offer_argument() {
+    const std::size_t end = word_.find('=') + 1;
+    const Option* option = option_with_argument(word_.substr(0, end - 1));
+    lead_ = word_.substr(0, end);
+    word_.erase(0, end);
+    if (option != nullptr && option->kind != Kind::kFile) offer(option->kind);
+  }
+
   // One word that is complete.
   void take(const std::string& word) {
     if (expects_ != nullptr) {
-      expects_ = nullptr;
+      take_argument(*std::exchange(expects_, nullptr), word);
     } else if (word == "--") {
       only_operands_ = true;
     } else if (word.starts_with('-') && word != "-" && !only_operands_) {
-      expects_ = option_with_argument(word);
+      take_option(word);
     } else if (verb_ == nullptr) {
       verb_ = find_verb(word);
     } else {
       ++operands_;
     }
+  }
+
+  void take_option(const std::string& word) {
+    const std::size_t end = word.starts_with("--") ? word.find('=') : std::string::npos;
+    const Option* option = option_with_argument(word.substr(0, end));
+    if (end == std::string::npos) {
+      expects_ = option;
+    } else if (option != nullptr) {
+      take_argument(*option, word.substr(end + 1));
+    }
+  }
+
+  // The keys to offer are those of the registry that the line is about.
+  void take_argument(const Option& option, const std::string& argument) {
+    if (option.value != &Arguments::configuration) return;
+    const char* home = std::getenv("HOME");
+    const bool at_home = home != nullptr && argument.starts_with("~/");
+    setenv("TKV_CONF", at_home ? (home + argument.substr(1)).c_str() : argument.c_str(), 1);
   }
 
   std::span<const Option> verb_options() const { return verb_ == nullptr ? std::span<const Option>() : verb_->options; }
@@ -103,7 +169,7 @@ class Completion {
   }
 
   void candidate(std::string_view text) {
-    if (text.starts_with(word_)) context_.output().line(text);
+    if (text.starts_with(word_)) context_.output().line(lead_ + std::string(text));
   }
 
   void offer_verbs() {
@@ -138,6 +204,7 @@ class Completion {
     if (kind == Kind::kKey) offer_keys();
     if (kind == Kind::kVerb) offer_verbs();
     if (kind == Kind::kUser) offer_users();
+    if (kind == Kind::kGroup) offer_groups();
     if (kind == Kind::kFile) context_.output().line(":files");
     if (kind == Kind::kShell) {
       for (const char* shell : {"bash", "fish", "zsh"}) candidate(shell);
@@ -153,24 +220,47 @@ class Completion {
     endpwent();
   }
 
-  // The subkeys of the last level that is complete. What goes wrong offers nothing: this is no place for messages.
+  void offer_groups() {
+    setgrent();
+    while (const group* one = getgrent()) candidate(one->gr_name);
+    endgrent();
+  }
+
+  // The subkeys of the last level that is complete. When there is one only, its own subkeys as well: then the shell
+  // does not take the name for finished. What goes wrong offers nothing: this is no place for messages.
   void offer_keys() {
     const std::size_t end = word_.rfind('.');
     const std::string parent = end == std::string::npos ? "" : stored_from_utf8(word_.substr(0, end));
     if (!context_.open_to_read().ok()) return;
+    std::vector<std::string> names = subkeys_of(parent);
+    std::erase_if(names, [&](const std::string& name) { return !utf8_for_people(name).starts_with(word_); });
+    if (names.size() == 1) {
+      const std::vector<std::string> below = subkeys_of(names.front());
+      names.insert(names.end(), below.begin(), below.end());
+    }
+    for (const std::string& name : names) candidate(utf8_for_people(name));
+  }
+
+  // The full names of those that can be typed.
+  std::vector<std::string> subkeys_of(const std::string& parent) {
+    std::vector<std::string> names;
     (void)context_.registry()
         .read_all([&](registry::Reader& reader) {
+          names.clear();
           return reader.list(parent, [&](std::string_view level, const store::Node&) {
-            const std::string name = utf8_for_people(child_name(parent, level));
-            if (safe(name) == name) candidate(name);
+            std::string name = child_name(parent, level);
+            const std::string shown = utf8_for_people(name);
+            if (safe(shown) == shown) names.push_back(std::move(name));
             return Status();
           });
         })
         .ok();
+    return names;
   }
 
   Context& context_;
   std::string word_;
+  std::string lead_;  // of candidates, before the word
   const Verb* verb_ = nullptr;
   const Option* expects_ = nullptr;
   std::size_t operands_ = 0;
@@ -181,14 +271,12 @@ class Completion {
 
 Outcome run_completion(Context& context, const Arguments& arguments) {
   const std::string& shell = *arguments.key;
-  if (shell == "bash") {
-    context.output().write(kBash);
-  } else if (shell == "zsh") {
-    context.output().write(kZsh);
-  } else if (shell == "fish") {
-    context.output().write(kFish);
+  const char* const script = script_of(shell);
+  if (script == nullptr) return {Exit::kUsage, "'" + shell + "' is not one of bash, zsh and fish"};
+  if (context.json()) {
+    context.output().line(JsonObject().utf8("shell", shell).utf8("script", script).str());
   } else {
-    return {Exit::kUsage, "'" + shell + "' is not one of bash, zsh and fish"};
+    context.output().write(script);
   }
   return {};
 }

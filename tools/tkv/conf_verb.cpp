@@ -29,16 +29,16 @@ std::string found_json(const Found& found) {
   std::vector<std::string> locations;
   for (const Setting& setting : configuration.settings) {
     settings.push_back(
-        JsonObject().text("name", setting.name).text("value", setting.value).text("origin", setting.origin).str());
+        JsonObject().utf8("name", setting.name).utf8("value", setting.value).utf8("origin", setting.origin).str());
   }
-  for (const std::string& location : configuration.locations) locations.push_back(json_text(location));
+  for (const std::string& location : configuration.locations) locations.push_back(json_utf8(location));
   JsonObject object;
-  object.text("file", configuration.file)
-      .text("file_origin", configuration.file_origin)
+  object.utf8("file", configuration.file)
+      .utf8("file_origin", configuration.file_origin)
       .raw("store", json_string(kind_of(configuration)))
       .raw("locations", json_array(locations))
       .flag("usable", found.usable.ok());
-  if (!found.usable.ok()) object.text("reason", found.usable.text());
+  if (!found.usable.ok()) object.utf8("reason", found.usable.text());
   return object.number("cluster_word", configuration.cluster_configured ? kInCluster : kAlone)
       .raw("settings", json_lines(settings))
       .str();

@@ -30,17 +30,17 @@ Outcome Context::open(bool create, bool read_only) {
   return {};
 }
 
-void Context::complain(const Outcome& outcome) const {
+void complain(const Outcome& outcome, bool json) {
   if (outcome.text().empty()) return;
   const std::string text = utf8_for_people(outcome.text());
-  if (!json()) {
+  if (!json) {
     say("tkv: " + text);
     return;
   }
   JsonObject error;
   error.raw("error", json_string(name_of(outcome.exit())))
       .number("exit", static_cast<std::uint64_t>(outcome.exit()))
-      .text("text", outcome.text());
+      .raw("text", json_string(is_utf8(text) ? text : safe_lines(text)));
   say(error.str());
 }
 
@@ -52,6 +52,18 @@ Outcome Context::allow_deleting(std::uint64_t keys, const std::string& what) {
   }
   if (confirm(terminal_, deleting + ". Go on?")) return {};
   return {Exit::kConflict, "nothing was done"};
+}
+
+Outcome count_keys(registry::Registry& registry, const Terminal& terminal, const std::string& name,
+                   std::uint64_t* keys) {
+  Progress progress(terminal, "count");
+  return registry.read_all([&](registry::Reader& reader) {
+    *keys = 0;
+    return reader.walk(name, registry::Hidden::kSkip, [&](const registry::Entry&) {
+      progress.show(++*keys, 0);
+      return Status();
+    });
+  });
 }
 
 Outcome key_name(const std::string& typed, std::string* name) {

@@ -15,6 +15,9 @@
 
 namespace tkv::command {
 
+// Says why something failed; nothing for an outcome without a text.
+void complain(const Outcome& outcome, bool json);
+
 class Context {
  public:
   Context(const Arguments& arguments, Terminal terminal, Output& output)
@@ -40,7 +43,10 @@ class Context {
   void print(std::string_view text) { output_.line(for_output(terminal_, text)); }
 
   // Says why something failed, in the form that was asked for.
-  void complain(const Outcome& outcome) const;
+  void complain(const Outcome& outcome) const { command::complain(outcome, json()); }
+
+  // Several keys may be deleted without a question.
+  bool deletes_unasked() const { return arguments_.yes; }
 
   // Tells whether several keys may be deleted. Asks on a terminal; 5 with the reason when the answer is no.
   Outcome allow_deleting(std::uint64_t keys, const std::string& what);
@@ -53,6 +59,10 @@ class Context {
   Output& output_;
   std::shared_ptr<registry::Registry> registry_;
 };
+
+// How many keys there are at and below a key, as far as the session can see them. 3 when it does not exist.
+Outcome count_keys(registry::Registry& registry, const Terminal& terminal, const std::string& name,
+                   std::uint64_t* keys);
 
 // The name of a key as the registry keeps it: "." is the root.
 Outcome key_name(const std::string& typed, std::string* name);

@@ -6,6 +6,18 @@
 
 namespace tkv::command {
 
+StoredValue copied(const store::Value& value) {
+  return {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
+}
+
+Entry copied(const registry::Entry& key, const store::Value& value) {
+  Entry entry;
+  entry.name = key.name;
+  entry.security = key.node.security;
+  entry.value = copied(value);
+  return entry;
+}
+
 bool name_before(std::string_view left, std::string_view right) {
   // No level holds a NUL, so the separator sorts below every byte of a level.
   const auto rank = [](char byte) { return byte == '.' ? 0 : static_cast<int>(static_cast<unsigned char>(byte)); };

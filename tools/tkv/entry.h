@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "sec_attr.h"
+#include "tree.h"
 #include "values.h"
 
 namespace tkv::command {
@@ -22,6 +23,10 @@ struct Entry {
   bool has_mode = true;
   bool has_value = true;
 };
+
+// Copies of what a store gives for the time of a visit only.
+StoredValue copied(const store::Value& value);
+Entry copied(const registry::Entry& key, const store::Value& value);
 
 // A subtree, its top first, in the order of names.
 struct Snapshot {

@@ -1,23 +1,31 @@
 #include "command_line.h"
 #include "context.h"
+#include "json.h"
 #include "manual.h"
 #include "verbs.h"
 
 namespace tkv::command {
+namespace {
+
+void print(Context& context, const std::string& text) {
+  context.output().write(context.json() ? JsonObject().utf8("text", text).str() + "\n" : text);
+}
+
+}  // namespace
 
 Outcome run_help(Context& context, const Arguments& arguments) {
   if (arguments.manual && arguments.configuration_manual) return {Exit::kUsage, "one manual page at a time"};
   if (arguments.manual) {
-    context.output().write(manual_page());
+    print(context, manual_page());
     return {};
   }
   if (arguments.configuration_manual) {
-    context.output().write(configuration_manual_page());
+    print(context, configuration_manual_page());
     return {};
   }
   const Verb* verb = arguments.key ? find_verb(*arguments.key) : nullptr;
   if (arguments.key && verb == nullptr) return {Exit::kUsage, "there is no verb '" + *arguments.key + "'"};
-  context.output().write(help_text(verb));
+  print(context, help_text(verb));
   return {};
 }
 

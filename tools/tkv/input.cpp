@@ -12,16 +12,18 @@
 namespace tkv::command {
 namespace {
 
-Exit exit_of_error(int error) {
-  if (error == ENOENT || error == ENOTDIR) return Exit::kNotFound;
-  return error == EACCES || error == EPERM ? Exit::kDenied : Exit::kOther;
-}
+// Of what a value is made from. The largest value in hexadecimal digits with blanks between takes less.
+constexpr std::size_t kMostRead = 8 * 1024 * 1024;
 
 Outcome cannot_read(const std::string& path, int error) {
-  return {exit_of_error(error), "cannot read " + (path == "-" ? "standard input" : path) + ": " + std::strerror(error)};
+  return {exit_of_error(error), "cannot read " + shown_path(path) + ": " + std::strerror(error)};
 }
 
-Outcome read_all(int descriptor, const std::string& path, std::string* bytes) {
+Outcome too_large(const std::string& path, std::size_t limit) {
+  return {Exit::kUsage, shown_path(path) + " holds more than " + std::to_string(limit) + " bytes"};
+}
+
+Outcome read_all(int descriptor, const std::string& path, std::size_t limit, std::string* bytes) {
   char buffer[64 * 1024];
   for (;;) {
     const ssize_t size = ::read(descriptor, buffer, sizeof buffer);
@@ -29,6 +31,7 @@ Outcome read_all(int descriptor, const std::string& path, std::string* bytes) {
     if (size == 0) return {};
     if (size > 0) {
       bytes->append(buffer, static_cast<std::size_t>(size));
+      if (bytes->size() > limit) return too_large(path, limit);
     } else if (error != EINTR) {
       return cannot_read(path, error);
     }
@@ -36,14 +39,15 @@ Outcome read_all(int descriptor, const std::string& path, std::string* bytes) {
 }
 
 void drop_line_end(std::string* text) {
-  if (text->ends_with('\n')) text->pop_back();
+  if (!text->ends_with('\n')) return;
+  text->pop_back();
   if (text->ends_with('\r')) text->pop_back();
 }
 
 // The contents that a word names, or the word itself.
 Outcome resolve(const std::string& word, bool literal, std::string* text, bool* was_read) {
   *was_read = !literal && names_input(word);
-  if (*was_read) return read_file(word == "-" ? word : word.substr(1), text);
+  if (*was_read) return read_file(word == "-" ? word : word.substr(1), kMostRead, text);
   *text = word;
   return {};
 }
@@ -70,6 +74,7 @@ void add_lines(std::string_view text, std::vector<std::string>* elements) {
     const std::size_t end = text.find('\n');
     elements->emplace_back(text.substr(0, end));
     if (end == std::string_view::npos) return;
+    if (elements->back().ends_with('\r')) elements->back().pop_back();
     text.remove_prefix(end + 1);
   }
 }
@@ -120,13 +125,15 @@ Outcome bytes_from(const Arguments& arguments, StoredValue* value) {
 
 }  // namespace
 
-Outcome read_file(const std::string& path, std::string* bytes) {
+std::string shown_path(const std::string& path) { return path == "-" ? "standard input" : path; }
+
+Outcome read_file(const std::string& path, std::size_t limit, std::string* bytes) {
   bytes->clear();
-  if (path == "-") return read_all(STDIN_FILENO, path, bytes);
+  if (path == "-") return read_all(STDIN_FILENO, path, limit, bytes);
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   const int error = errno;
   if (descriptor < 0) return cannot_read(path, error);
-  Outcome outcome = read_all(descriptor, path, bytes);
+  Outcome outcome = read_all(descriptor, path, limit, bytes);
   ::close(descriptor);
   return outcome;
 }

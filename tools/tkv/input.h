@@ -11,8 +11,12 @@
 
 namespace tkv::command {
 
-// The whole of a file, or of standard input for "-". 3 when there is no such file, 4 when it may not be read.
-Outcome read_file(const std::string& path, std::string* bytes);
+// The whole of a file, or of standard input for "-". 2 when that is more than `limit` bytes, 3 when there is no such
+// file, 4 when it may not be read.
+Outcome read_file(const std::string& path, std::size_t limit, std::string* bytes);
+
+// A path for people: "standard input" for "-".
+std::string shown_path(const std::string& path);
 
 // Tells whether a word names input rather than being it.
 bool names_input(const std::string& word);

@@ -26,10 +26,14 @@ std::string json_string(std::string_view utf8);
 // A string, or the marked base64, for a text in the registry's bytes.
 std::string json_text(std::string_view stored);
 
+// The same for a text that should be UTF-8, such as the name of a file.
+std::string json_utf8(std::string_view text);
+
 // Members of an object, in the order of the calls.
 class JsonObject {
  public:
   JsonObject& text(std::string_view name, std::string_view stored);  // as json_text
+  JsonObject& utf8(std::string_view name, std::string_view text);    // as json_utf8
   JsonObject& number(std::string_view name, std::uint64_t number);
   JsonObject& flag(std::string_view name, bool flag);
   JsonObject& raw(std::string_view name, std::string_view json);

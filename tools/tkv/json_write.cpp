@@ -40,6 +40,10 @@ std::string json_text(std::string_view stored) {
   return text ? json_string(*text) : base64_object(stored);
 }
 
+std::string json_utf8(std::string_view text) { return is_utf8(text) ? json_string(text) : base64_object(text); }
+
+JsonObject& JsonObject::utf8(std::string_view name, std::string_view text) { return raw(name, json_utf8(text)); }
+
 JsonObject& JsonObject::text(std::string_view name, std::string_view stored) { return raw(name, json_text(stored)); }
 
 JsonObject& JsonObject::number(std::string_view name, std::uint64_t number) {

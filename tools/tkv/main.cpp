@@ -7,6 +7,7 @@
 
 #include "command_line.h"
 #include "context.h"
+#include "standard_files.h"
 #include "verbs.h"
 
 namespace tkv::command {
@@ -29,6 +30,7 @@ Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Outp
 }
 
 int start(int count, char** words) {
+  store::occupy_standard_files();
   std::signal(SIGPIPE, SIG_IGN);  // work on the registry is finished even when nobody listens any more
   Arguments arguments;
   const Verb* verb = nullptr;
@@ -36,7 +38,7 @@ int start(int count, char** words) {
   if (Outcome parsed = parse_command_line(count, words, &arguments, &verb, output); verb == nullptr) {
     const Outcome printed = output.finish();
     const Outcome& outcome = parsed.ok() ? printed : parsed;
-    if (!outcome.ok()) say("tkv: " + outcome.text());
+    complain(outcome, arguments.json);
     return static_cast<int>(outcome.exit());
   }
   if (arguments.configuration) setenv("TKV_CONF", arguments.configuration->c_str(), 1);

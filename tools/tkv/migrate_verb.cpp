@@ -111,18 +111,25 @@ Outcome look(const Side& target, Beginning* found) {
     if (!listed.ok() || !found->marked) return listed;
     store::Value value;
     if (Status read = reader.value(kMarker, &value); !read.ok()) return read;
-    const std::string bytes(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
-    found->from = exact_text({value.type, bytes}).value_or("");
+    found->from = exact_text(copied(value)).value_or("");
     return {};
   });
 }
 
+Outcome ask_for_replacement(Context& context, const Side& target) {
+  std::uint64_t keys = 0;
+  if (context.deletes_unasked()) return {};
+  if (Outcome counted = count_keys(*target.registry, context.terminal(), "", &keys); !counted.ok()) return counted;
+  return context.allow_deleting(keys - 1, "replacing what " + target.place + " holds");  // the root stays
+}
+
 // Whether the target may be written to: it is empty, or an unfinished migration from the same place, or it was told.
-Outcome demand_target(const Side& source, const Side& target, bool overwrite, bool* marked) {
+Outcome demand_target(Context& context, const Side& source, const Side& target, bool overwrite, bool* marked) {
   Beginning found;
   if (Outcome looked = look(target, &found); !looked.ok()) return looked;
   *marked = found.marked && found.from == source.place;
-  if (*marked || overwrite || (!found.marked && found.others == 0)) return {};
+  if (*marked || (!found.marked && found.others == 0)) return {};
+  if (overwrite) return ask_for_replacement(context, target);
   if (found.marked) {
     return {Exit::kConflict, target.place + " holds an unfinished migration from " + found.from +
                                  "; --overwrite replaces what is there"};
@@ -135,12 +142,11 @@ Outcome put_marker(const Side& source, const Side& target) {
   return target.registry->write([&](Writer& writer) -> Status {
     bool exists = false;
     store::NodeId id = store::kNoNode;
-    const std::span<const std::byte> bytes = std::as_bytes(std::span(value.bytes));
     if (Status asked = writer.exists(kMarker, &exists); !asked.ok()) return asked;
-    if (exists) return writer.set_value(kMarker, value.type, bytes);
+    if (exists) return writer.set_value(kMarker, value.type, value.span());
     sec_attr security = NewKeySecurity::of_session(writer.identity());
     security.group_perm = security.other_perm = TKV_RIGHT_READ;
-    return writer.create_and_set("", kMarker, security, value.type, bytes, &id);
+    return writer.create_and_set("", kMarker, security, value.type, value.span(), &id);
   });
 }
 
@@ -149,17 +155,17 @@ void drop_marker(Snapshot* snapshot) {
 }
 
 Status make_change(Writer& writer, const Change& change) {
-  const std::span<const std::byte> bytes = std::as_bytes(std::span(change.after.value.bytes));
+  const StoredValue& value = change.after.value;
   if (change.kind == Change::Kind::kAdd) {
     store::NodeId id = store::kNoNode;
-    return writer.create_and_set("", change.after.name, change.after.security, change.after.value.type, bytes, &id);
+    return writer.create_and_set("", change.after.name, change.after.security, value.type, value.span(), &id);
   }
   if (change.kind == Change::Kind::kRemove) {
     Status removed = writer.remove(change.before.name, true);
     return removed.is(PRTKV_NO_SUCH_KEY) ? Status() : removed;  // with a key above it
   }
-  if (change.before.value != change.after.value) {
-    if (Status set = writer.set_value(change.after.name, change.after.value.type, bytes); !set.ok()) return set;
+  if (change.before.value != value) {
+    if (Status set = writer.set_value(change.after.name, value.type, value.span()); !set.ok()) return set;
   }
   if (same_security(change.before.security, change.after.security)) return {};
   return writer.set_security(change.after.name, change.after.security);
@@ -232,7 +238,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
       source.registry->configuration().etcd_prefix == target.registry->configuration().etcd_prefix) {
     return {Exit::kUsage, "source and target are the same"};
   }
-  if (Outcome fit = demand_target(source, target, arguments.overwrite, &marked); !fit.ok()) return fit;
+  if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &marked); !fit.ok()) return fit;
   if (marked) {
     note(context.terminal(), "tkv: going on with the migration that was interrupted");
   } else if (Outcome put = put_marker(source, target); !put.ok()) {

@@ -13,11 +13,11 @@ Outcome NewKeySecurity::parse(const Arguments& arguments, NewKeySecurity* securi
   return arguments.mode ? Mode::parse(*arguments.mode, &security->mode_) : Outcome();
 }
 
-Outcome NewKeySecurity::make(const registry::Identity& identity, const sec_attr* parent, sec_attr* security) const {
+Outcome NewKeySecurity::make(const registry::Identity& identity, const sec_attr& parent, sec_attr* security) const {
   *security = of_session(identity);
-  if (inherits_ && parent != nullptr) {
+  if (inherits_) {
     const sec_attr own = *security;
-    *security = *parent;
+    *security = parent;
     std::copy(std::begin(own.user_name), std::end(own.user_name), security->user_name);
     if (security->other_perm == TKV_RIGHT_ALL) security->other_perm = kOthers;
   }

@@ -19,8 +19,8 @@ class NewKeySecurity {
   bool asked_for() const { return asked_for_; }
   bool inherits() const { return inherits_; }
 
-  // With --inherit the parent's rights and group; others never inherit all rights.
-  Outcome make(const registry::Identity& identity, const sec_attr* parent, sec_attr* security) const;
+  // `parent` is looked at with --inherit: its rights and group are the key's; others never inherit all rights.
+  Outcome make(const registry::Identity& identity, const sec_attr& parent, sec_attr* security) const;
 
   // What entries of imports take when they say nothing.
   static sec_attr of_session(const registry::Identity& identity);

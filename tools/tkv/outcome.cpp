@@ -1,5 +1,7 @@
 #include "outcome.h"
 
+#include <cerrno>
+
 namespace tkv::command {
 
 Exit exit_of(prtkv_result result) {
@@ -21,6 +23,22 @@ Exit exit_of(prtkv_result result) {
       return Exit::kDamaged;
     case PRTKV_UNREACHABLE:
       return Exit::kUnreachable;
+    default:
+      return Exit::kOther;
+  }
+}
+
+Exit exit_of_error(int error) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return Exit::kNotFound;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return Exit::kDenied;
+    case EEXIST:
+      return Exit::kConflict;
     default:
       return Exit::kOther;
   }

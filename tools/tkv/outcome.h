@@ -26,6 +26,9 @@ enum class Exit {
 // The exit code for a result of the registry client.
 Exit exit_of(prtkv_result result);
 
+// The exit code for the errno of a call on a file.
+Exit exit_of_error(int error);
+
 // A short name for programs: "not-found".
 const char* name_of(Exit exit);
 

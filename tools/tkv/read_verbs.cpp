@@ -1,10 +1,11 @@
-#include <charconv>
+#include <algorithm>
 #include <vector>
 
 #include "access.h"
 #include "characters.h"
 #include "context.h"
 #include "json.h"
+#include "key_by_key.h"
 #include "masks.h"
 #include "verbs.h"
 
@@ -12,10 +13,6 @@ namespace tkv::command {
 namespace {
 
 using registry::Reader;
-
-StoredValue copied(const store::Value& value) {
-  return {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
-}
 
 // What a person is told of one key: everything but the bytes of its value.
 struct Description {
@@ -35,34 +32,6 @@ void add_security(const sec_attr& security, JsonObject* object) {
 void add_other_reading(const StoredValue& value, JsonObject* object) {
   if (const auto text = text_in_number(value)) object->raw("text", json_string(*text));
 }
-
-// Several keys: each is worked on, whatever became of the one before. With --json one key gives an object, several an
-// array.
-class KeyByKey {
- public:
-  KeyByKey(Context& context, const std::vector<std::string>& keys) : context_(context), keys_(keys) {}
-
-  Outcome run(FunctionRef<Outcome(const std::string& name, std::string* json)> work) {
-    Tally tally;
-    std::vector<std::string> objects;
-    for (const std::string& typed : keys_) {
-      std::string name;
-      std::string json;
-      Outcome outcome = key_name(typed, &name);
-      if (outcome.ok()) outcome = work(name, &json);
-      if (outcome.ok() && context_.json()) objects.push_back(json);
-      if (keys_.size() == 1 && !outcome.ok()) return outcome;
-      tally.add(outcome);
-      context_.complain(outcome);
-    }
-    if (context_.json()) context_.output().line(keys_.size() == 1 ? objects.front() : json_lines(objects));
-    return tally.sum();
-  }
-
- private:
-  Context& context_;
-  const std::vector<std::string>& keys_;
-};
 
 // get
 
@@ -93,13 +62,13 @@ void print_text(Context& context, const std::string& text, const Reading& readin
 
 Outcome print_list(Context& context, const std::string& name, const std::vector<std::string>& elements,
                    const Reading& reading) {
-  for (const std::string& element : elements) {
-    if (reading.end == '\n' && element.find('\n') != std::string::npos) {
-      note(context.terminal(), "tkv: note: an element of " + registry::describe(name) +
-                                   " holds a line end; --null or --json tell elements apart");
-    }
-    context.output().write(for_output(context.terminal(), element));
-    context.output().write(std::string_view(&reading.end, 1));
+  const auto holds_end = [](const std::string& element) { return element.find('\n') != std::string::npos; };
+  if (reading.end == '\n' && std::any_of(elements.begin(), elements.end(), holds_end)) {
+    note(context.terminal(), "tkv: note: an element of " + registry::describe(name) +
+                                 " holds a line end; --null or --json tell elements apart");
+  }
+  for (std::size_t at = 0; at < elements.size(); ++at) {
+    print_text(context, elements[at], {reading.name, reading.end, reading.ends || at + 1 < elements.size()});
   }
   return {};
 }
@@ -208,7 +177,23 @@ std::string padded_left(const std::string& text, std::size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
-void print_long(Context& context, const std::string& parent, const std::vector<Subkey>& subkeys, bool full) {
+// The columns before the name. What the session may not read is not told.
+std::string described(const Subkey& subkey, std::size_t owner_width, std::size_t group_width) {
+  const sec_attr& security = subkey.security;
+  const auto told = [&](std::string_view text) { return subkey.readable ? std::string(text) : "?"; };
+  const std::string rights =
+      columns_of(security.user_perm) + " " + columns_of(security.group_perm) + " " + columns_of(security.other_perm);
+  return padded(told(rights), rights.size()) + " " + padded(told(registry::user_of(security)), owner_width) + " " +
+         padded(told(registry::group_of(security)), group_width) + " " + padded(told(type_name(subkey.stat.type)), 5) +
+         " " + padded_left(told(std::to_string(subkey.stat.size)), 7) + " ";
+}
+
+void print_name(Context& context, std::string_view name) {
+  context.output().write(painted(context.terminal(), Ink::kKey, for_output(context.terminal(), utf8_for_people(name))));
+}
+
+void print_subkeys(Context& context, const std::string& parent, const std::vector<Subkey>& subkeys,
+                   const Arguments& arguments) {
   std::size_t owner_width = 0;
   std::size_t group_width = 0;
   for (const Subkey& subkey : subkeys) {
@@ -216,22 +201,12 @@ void print_long(Context& context, const std::string& parent, const std::vector<S
     group_width = std::max(group_width, registry::group_of(subkey.security).size());
   }
   for (const Subkey& subkey : subkeys) {
-    const sec_attr& security = subkey.security;
-    const std::string name = full ? child_name(parent, subkey.level) : subkey.level;
-    std::string line = "?";
-    line = padded(line, 62 - 41);
-    if (subkey.readable) {
-      line = columns_of(security.user_perm) + " " + columns_of(security.group_perm) + " " +
-             columns_of(security.other_perm);
+    if (arguments.long_lines) {
+      context.output().write(for_output(context.terminal(), described(subkey, owner_width, group_width)));
     }
-    line += " " + padded(subkey.readable ? std::string(registry::user_of(security)) : "?", owner_width) + " " +
-            padded(subkey.readable ? std::string(registry::group_of(security)) : "?", group_width) + " " +
-            padded(subkey.readable ? type_name(subkey.stat.type) : "?", 5) + " " +
-            padded_left(subkey.readable ? std::to_string(subkey.stat.size) : "?", 7) + " ";
-    context.output().write(for_output(context.terminal(), line));
-    context.output().line(
-        painted(context.terminal(), Ink::kKey, for_output(context.terminal(), utf8_for_people(name))) +
-        (subkey.readable && subkey.stat.has_subkeys ? "." : ""));
+    print_name(context, arguments.full_names ? child_name(parent, subkey.level) : subkey.level);
+    if (arguments.long_lines && subkey.stat.has_subkeys) context.output().write(".");
+    context.output().write(arguments.null_ends ? std::string_view("\0", 1) : "\n");
   }
 }
 
@@ -283,8 +258,10 @@ Outcome run_get(Context& context, const Arguments& arguments) {
   if (std::find(std::begin(kReadings), std::end(kReadings), reading.name) == std::end(kReadings)) {
     return {Exit::kUsage, "--as " + reading.name + ": a reading is auto, text, list, number, hex or raw"};
   }
+  std::vector<std::string> names;
+  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  return KeyByKey(context, arguments.keys).run([&](const std::string& name, std::string* json) -> Outcome {
+  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     StoredValue value;
     if (Outcome read = read_value(context, name, &value); !read.ok()) return read;
     if (!context.json()) return print_value(context, name, value, reading);
@@ -303,22 +280,18 @@ Outcome run_ls(Context& context, const Arguments& arguments) {
     std::vector<std::string> objects;
     for (const Subkey& subkey : subkeys) objects.push_back(subkey_json(name, subkey, arguments.long_lines));
     context.output().line(json_lines(objects));
-  } else if (arguments.long_lines) {
-    print_long(context, name, subkeys, arguments.full_names);
   } else {
-    for (const Subkey& subkey : subkeys) {
-      const std::string shown = utf8_for_people(arguments.full_names ? child_name(name, subkey.level) : subkey.level);
-      context.output().write(painted(context.terminal(), Ink::kKey, for_output(context.terminal(), shown)));
-      context.output().write(arguments.null_ends ? std::string_view("\0", 1) : "\n");
-    }
+    print_subkeys(context, name, subkeys, arguments);
   }
   return {};
 }
 
 Outcome run_stat(Context& context, const Arguments& arguments) {
-  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  std::vector<std::string> names;
   bool first = true;
-  return KeyByKey(context, arguments.keys).run([&](const std::string& name, std::string* json) -> Outcome {
+  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     Description key;
     const Status read = context.registry().read([&](Reader& reader) -> Status {
       store::Value value;

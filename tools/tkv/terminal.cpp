@@ -17,6 +17,12 @@ constexpr std::chrono::milliseconds kFirstShown(300);
 constexpr std::chrono::milliseconds kBetween(100);
 constexpr std::size_t kBarColumns = 30;
 
+std::size_t columns_of(int file, std::size_t otherwise) {
+  winsize size{};
+  if (ioctl(file, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return otherwise;
+  return size.ws_col;
+}
+
 bool is_set(const char* variable) {
   const char* value = std::getenv(variable);
   return value != nullptr && *value != '\0';
@@ -59,6 +65,17 @@ std::string with_thousands(std::uint64_t number) {
   return digits;
 }
 
+std::string bar(std::uint64_t done, std::uint64_t total) {
+  const auto filled = static_cast<std::size_t>(done * kBarColumns / total);
+  return "[" + std::string(filled, '#') + std::string(kBarColumns - filled, ' ') + "] ";
+}
+
+std::string numbers_of(std::uint64_t done, std::uint64_t total) {
+  if (total == 0) return with_thousands(done);
+  const std::uint64_t part = std::min(done, total);
+  return std::to_string(part * 100 / total) + "% " + with_thousands(part) + " of " + with_thousands(total);
+}
+
 }  // namespace
 
 Terminal Terminal::detect(bool quiet, bool no_colour) {
@@ -71,11 +88,7 @@ Terminal Terminal::detect(bool quiet, bool no_colour) {
   return terminal;
 }
 
-std::size_t Terminal::columns(std::size_t otherwise) {
-  winsize size{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return otherwise;
-  return size.ws_col;
-}
+std::size_t Terminal::columns(std::size_t otherwise) { return columns_of(STDOUT_FILENO, otherwise); }
 
 std::string painted(const Terminal& terminal, Ink ink, std::string text) {
   if (!terminal.colour || text.empty()) return text;
@@ -112,20 +125,18 @@ Progress::~Progress() {
   if (drawn_) send("\r\x1b[K");
 }
 
-void Progress::show(std::uint64_t done, std::uint64_t total) {
+void Progress::show(std::uint64_t done, std::uint64_t total, std::string_view part) {
   if (!enabled_) return;
   const auto now = std::chrono::steady_clock::now();
   if (now < next_) return;
   next_ = now + kBetween;
   drawn_ = true;
-  std::string line = "\r" + safe(label_) + " ";
-  if (total != 0) {
-    const std::uint64_t part = std::min(done, total);
-    const auto filled = static_cast<std::size_t>(part * kBarColumns / total);
-    line += "[" + std::string(filled, '#') + std::string(kBarColumns - filled, ' ') + "] " +
-            std::to_string(part * 100 / total) + "% ";
-  }
-  send(line + with_thousands(done) + (total != 0 ? " of " + with_thousands(total) : "") + "\x1b[K");
+  std::string line = safe(label_) + " ";
+  if (!part.empty()) line += safe(part) + " ";
+  const std::string numbers = numbers_of(done, total);
+  const std::size_t room = columns_of(STDERR_FILENO, 80);
+  if (total != 0 && line.size() + kBarColumns + numbers.size() + 3 < room) line += bar(std::min(done, total), total);
+  send("\r" + (line + numbers).substr(0, room - 1) + "\x1b[K");  // a line that wraps could not be taken away
 }
 
 }  // namespace tkv::command

@@ -51,8 +51,8 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // `total` 0: not known.
-  void show(std::uint64_t done, std::uint64_t total);
+  // `total` 0: not known. `part` says what of the work this is about.
+  void show(std::uint64_t done, std::uint64_t total, std::string_view part = {});
 
  private:
   bool enabled_;

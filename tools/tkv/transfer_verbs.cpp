@@ -1,3 +1,4 @@
+#include <limits>
 #include <string>
 
 #include "atomic_file.h"
@@ -7,6 +8,7 @@
 #include "difference.h"
 #include "input.h"
 #include "json.h"
+#include "key_maker.h"
 #include "name.h"
 #include "new_key_security.h"
 #include "verbs.h"
@@ -18,19 +20,15 @@ using registry::Reader;
 using registry::Writer;
 
 // The text of an export, key after key, to whatever takes it.
-Status write_export(Reader& reader, const std::string& top, Progress& progress,
+Status write_export(Reader& reader, const std::string& top, Progress& progress, std::uint64_t* keys,
                     FunctionRef<Status(std::string_view text)> take) {
-  std::uint64_t keys = 0;
+  *keys = 0;
   if (Status taken = take(export_head(top)); !taken.ok()) return taken;
   Status walked = reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
     store::Value value;
     if (Status read = reader.value(key, &value); !read.ok()) return read;
-    Entry entry;
-    entry.name = key.name;
-    entry.security = key.node.security;
-    entry.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
-    progress.show(++keys, 0);
-    return take((keys == 1 ? "" : ",\n") + entry_line(entry));
+    progress.show(++*keys, 0);
+    return take((*keys == 1 ? "" : ",\n") + entry_line(copied(key, value)));
   });
   return walked.ok() ? take(export_tail()) : walked;
 }
@@ -38,10 +36,11 @@ Status write_export(Reader& reader, const std::string& top, Progress& progress,
 // Printed only when all of it could be read: half an export is no export.
 Outcome export_to_output(Context& context, const std::string& top) {
   std::string text;
+  std::uint64_t keys = 0;
   Progress progress(context.terminal(), "export");
   const Status read = context.registry().read_all([&](Reader& reader) {
     text.clear();
-    return write_export(reader, top, progress, [&](std::string_view part) {
+    return write_export(reader, top, progress, &keys, [&](std::string_view part) {
       text += part;
       return Status();
     });
@@ -53,43 +52,37 @@ Outcome export_to_output(Context& context, const std::string& top) {
 Outcome export_to_file(Context& context, const std::string& top, const std::string& path) {
   AtomicFile file;
   Outcome written;
+  std::uint64_t keys = 0;
   Progress progress(context.terminal(), "export");
   if (Outcome opened = file.open(path, AtomicFile::Existing::kReplace); !opened.ok()) return opened;
   const Status read = context.registry().read_all([&](Reader& reader) {
-    return write_export(reader, top, progress, [&](std::string_view text) {
+    return write_export(reader, top, progress, &keys, [&](std::string_view text) {
       written = file.write(text);
       return written.ok() ? Status() : Status(PRTKV_UNKNOWN, written.text());
     });
   });
   if (!written.ok()) return written;
   if (!read.ok()) return read;
-  return file.commit();
+  if (Outcome placed = file.commit(); !placed.ok()) return placed;
+  if (context.json()) {
+    JsonObject object;
+    object.raw("done", "\"export\"").text("name", top).utf8("file", path).number("keys", keys);
+    context.output().line(object.str());
+  }
+  return {};
 }
 
 Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
   const std::string path = arguments.file.value_or("-");
-  const std::string shown = path == "-" ? "standard input" : path;
   std::string text;
-  if (Outcome read = read_file(path, &text); !read.ok()) return read;
-  if (Outcome parsed = parse_export(text, wanted); !parsed.ok()) return {parsed.exit(), shown + ": " + parsed.text()};
+  if (Outcome read = read_file(path, std::numeric_limits<std::size_t>::max(), &text); !read.ok()) return read;
+  if (Outcome parsed = parse_export(text, wanted); !parsed.ok()) {
+    return {parsed.exit(), shown_path(path) + ": " + parsed.text()};
+  }
   if (!arguments.at) return {};
   std::string top;
   if (Outcome named = key_name(*arguments.at, &top); !named.ok()) return named;
   return rebase(wanted, top);
-}
-
-// Makes the keys above a new top that are missing.
-Status make_parents(Writer& writer, const std::string& top) {
-  for (std::size_t end = top.find('.'); end != std::string::npos; end = top.find('.', end + 1)) {
-    const std::string parent = top.substr(0, end);
-    bool exists = false;
-    store::NodeId id = store::kNoNode;
-    if (Status asked = writer.exists(parent, &exists); !asked.ok()) return asked;
-    if (exists) continue;
-    const sec_attr security = NewKeySecurity::of_session(writer.identity());
-    if (Status made = writer.create("", parent, security, &id); !made.ok()) return made;
-  }
-  return {};
 }
 
 }  // namespace
@@ -109,9 +102,14 @@ Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool p
                  std::uint64_t* changes) {
   registry::Registry& registry = context.registry();
   const std::size_t max_changes = registry.store().max_changes();
+  const NewKeySecurity of_session;
+  std::size_t all = 0;
+  Progress progress(context.terminal(), "write");
+  const auto show = [&](std::uint64_t keys) { progress.show(keys, all); };
   return registry.write([&](Writer& writer) -> Status {
     Snapshot current;
     Plan plan;
+    writer.follow(show);
     const Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, wanted.top, &current); });
     if (!read.ok()) return read;
     const sec_attr fresh = NewKeySecurity::of_session(registry.identity());
@@ -121,9 +119,9 @@ Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool p
       return {PRTKV_KEY_EXISTS, "others have changed the registry meanwhile; nothing was done"};
     }
     if (parents) {
-      if (Status made = make_parents(writer, wanted.top); !made.ok()) return made;
+      if (Status made = KeyMaker(of_session).make_parents(writer, wanted.top); !made.ok()) return made;
     }
-    *changes = plan.changes.size();
+    *changes = all = plan.changes.size();
     return apply_plan(writer, plan, wanted.top, max_changes);
   });
 }

@@ -39,24 +39,22 @@ Outcome parse_depth(const std::optional<std::string>& text, std::size_t* depth) 
   return {Exit::kUsage, "--depth " + *text + ": a depth is a number of levels"};
 }
 
-Outcome read_tree(Context& context, const std::string& top, std::size_t depth, std::vector<Leaf>* leaves) {
+Outcome read_tree(Context& context, const std::string& top, std::size_t depth, bool values, std::vector<Leaf>* leaves) {
   return context.registry().read_all([&](registry::Reader& reader) {
     leaves->clear();
     return reader.walk(top, registry::Hidden::kSkip, [&](const registry::Entry& key) -> Status {
-      if (key.depth > depth) return {};
       Leaf leaf;
-      leaf.entry.name = key.name;
-      leaf.entry.security = key.node.security;
+      store::Value value;
+      leaf.readable = (key.rights & TKV_RIGHT_READ) != 0;
+      if (leaf.readable && values) {
+        if (Status status = reader.value(key, &value); !status.ok()) return status;
+      }
+      leaf.entry = copied(key, value);
+      leaf.entry.has_value = values;
       leaf.depth = key.depth;
       leaf.hidden = key.subkeys_hidden && key.depth < depth;
-      leaf.readable = (key.rights & TKV_RIGHT_READ) != 0;
-      store::Value value;
-      if (leaf.readable) {
-        if (Status status = reader.value(key, &value); !status.ok()) return status;
-        leaf.entry.value = {value.type,
-                            std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
-      }
       leaves->push_back(std::move(leaf));
+      key.descend = key.depth < depth;
       return {};
     });
   });
@@ -97,7 +95,7 @@ class TreePrinter {
 
  private:
   std::string beside(const Leaf& leaf, std::size_t before) const {
-    if (arguments_.no_values || !leaf.readable) return "";
+    if (!leaf.readable) return "";
     if (leaf.entry.value.type == kTypeNone && leaf.entry.value.bytes.empty()) return "";
     if (width_ == 0) return one_line(leaf.entry.value, 0);
     return one_line(leaf.entry.value, std::max(kSmallestValue, width_ > before ? width_ - before - 1 : 0));
@@ -141,7 +139,7 @@ Outcome run_tree(Context& context, const Arguments& arguments) {
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
   if (Outcome parsed = parse_depth(arguments.depth, &depth); !parsed.ok()) return parsed;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (Outcome read = read_tree(context, top, depth, &leaves); !read.ok()) return read;
+  if (Outcome read = read_tree(context, top, depth, !arguments.no_values, &leaves); !read.ok()) return read;
   if (context.json()) {
     std::vector<std::string> objects;
     for (const Leaf& leaf : leaves) objects.push_back(leaf_json(leaf));

@@ -12,8 +12,10 @@
 #ifndef TKV_TOOLS_TKV_VALUES_H
 #define TKV_TOOLS_TKV_VALUES_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +34,8 @@ constexpr std::int32_t kTypeList = 5;
 struct StoredValue {
   std::int32_t type = kTypeNone;
   std::string bytes;
+
+  std::span<const std::byte> span() const { return std::as_bytes(std::span(bytes)); }
 
   bool operator==(const StoredValue&) const = default;
 };

@@ -32,7 +32,7 @@ constexpr Operand many(const char* name, const char* text, bool required, std::v
 
 constexpr Option kParents = flag("-p,--parents", "Make missing parents too", &Arguments::parents);
 constexpr Option kOwner = valued("--owner", "NAME", kOwnerText, &Arguments::owner, Kind::kUser);
-constexpr Option kGroup = valued("--group", "NAME", kGroupText, &Arguments::group);
+constexpr Option kGroup = valued("--group", "NAME", kGroupText, &Arguments::group, Kind::kGroup);
 constexpr Option kMode = valued("--mode", "MODE", kModeText, &Arguments::mode);
 constexpr Option kInherit = flag("--inherit", kInheritText, &Arguments::inherit);
 constexpr Option kNullEnds = flag("-0,--null", "End each line with a NUL instead", &Arguments::null_ends);
@@ -111,16 +111,17 @@ constexpr std::array kImportOptions{
 constexpr std::array kBackupOperands{
     one("TO", "A new file, or a directory for one; else the backup location", false, &Arguments::file, Kind::kFile)};
 constexpr std::array kBackupOptions{valued("--key", "KEY", "Only this subtree", &Arguments::at, Kind::kKey)};
-constexpr std::array kRestoreOperands{one("FILE", "A backup", true, &Arguments::file, Kind::kFile),
+constexpr std::array kRestoreOperands{one("FILE", "A backup; - is standard input", true, &Arguments::file, Kind::kFile),
                                       one("KEY", "Only this subtree of it", false, &Arguments::key)};
 constexpr std::array kRestoreOptions{flag("--overwrite", "Replace what is there", &Arguments::overwrite),
                                      flag("-n,--dry-run", "Print the difference, change nothing", &Arguments::dry_run)};
-constexpr std::array kVerifyOperands{
-    one("FILE", "A backup to verify instead of the registry", false, &Arguments::file, Kind::kFile)};
+constexpr std::array kVerifyOperands{one("FILE", "A backup to verify instead of the registry; - is standard input",
+                                         false, &Arguments::file, Kind::kFile)};
 constexpr std::array kVerifyOptions{flag("--repair", "Remove what belongs to no key", &Arguments::repair)};
 constexpr std::array kMigrateOperands{one("FROM", "Where the keys are", true, &Arguments::from, Kind::kFile),
                                       one("TO", "Where they are to be", true, &Arguments::to, Kind::kFile)};
-constexpr std::array kMigrateOptions{flag("--overwrite", "Replace what TO holds", &Arguments::overwrite)};
+constexpr std::array kMigrateOptions{
+    flag("--overwrite", "Replace what TO holds, after a question", &Arguments::overwrite)};
 constexpr std::array kHelpOperands{one("VERB", "What to tell of", false, &Arguments::key, Kind::kVerb)};
 constexpr std::array kHelpOptions{
     flag("--man", "The manual page tkv(1), for man", &Arguments::manual),
@@ -304,6 +305,7 @@ const Verb kVerbs[] = {
     {"completion", "Print the completion script of a shell",
      "It completes verbs, options, files, users, and the names of keys from the registry.\n",
      "  source <(tkv completion bash)\n"
+     "  tkv completion zsh > \"${fpath[1]}/_tkv\"\n"
      "  tkv completion fish > ~/.config/fish/completions/tkv.fish\n",
      kCompletionOperands, kNoOptions, run_completion},
     {"complete", "Candidates for the last word", "", "", kCompleteOperands, kNoOptions, run_complete, true},

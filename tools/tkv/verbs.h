@@ -12,7 +12,7 @@ namespace tkv::command {
 class Context;
 
 // What stands for an argument when a shell completes it.
-enum class Kind { kKey, kFile, kUser, kVerb, kShell, kReading, kOther };
+enum class Kind { kKey, kFile, kUser, kGroup, kVerb, kShell, kReading, kOther };
 
 struct Option {
   const char* names;     // "-r,--recursive"

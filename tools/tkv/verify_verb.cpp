@@ -1,13 +1,16 @@
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
 #include "access.h"
 #include "backup_file.h"
 #include "backup_text.h"
+#include "characters.h"
 #include "context.h"
 #include "entry.h"
+#include "input.h"
 #include "json.h"
 #include "name.h"
 #include "verbs.h"
@@ -27,12 +30,12 @@ Outcome verify_file(Context& context, const std::string& path) {
   });
   if (!read.ok()) return read;
   if (context.json()) {
-    JsonObject object = totals_json(path, contents.totals, contents.hash);
+    JsonObject object = totals_json(shown_path(path), contents.totals, contents.hash);
     object.text("top", contents.head.top).number("taken", contents.head.taken).flag("sound", true);
     context.output().line(object.str());
     return {};
   }
-  context.print("file         " + path);
+  context.print("file         " + shown_path(path));
   context.print("taken        " + utc(contents.head.taken, "%Y-%m-%d %H:%M:%S UTC"));
   context.print("top          " + shown_name(contents.head.top));
   context.print("keys         " + std::to_string(contents.totals.keys));
@@ -42,19 +45,23 @@ Outcome verify_file(Context& context, const std::string& path) {
   return {};
 }
 
+bool is_about_value(const store::Finding& finding) {
+  return finding.kind == store::Finding::Kind::kDamagedValue || finding.kind == store::Finding::Kind::kOrphanValue;
+}
+
 // The full names of the nodes that findings speak of, as far as the tree can still be walked.
 class NameFinder {
  public:
   explicit NameFinder(const std::vector<store::Finding>& findings) {
     for (const store::Finding& finding : findings) {
-      wanted_.insert(finding.parent);
-      wanted_.insert(finding.id);
+      wanted_.insert(is_about_value(finding) ? finding.id : finding.parent);
+      if (finding.kind == store::Finding::Kind::kDuplicateId) shared_.insert(finding.id);
     }
   }
 
   Status walk(store::View& view) {
-    names_.clear();
-    names_[store::kRootNode] = "";
+    names_ = {{store::kRootNode, ""}};
+    entered_.clear();
     walk_below(view, store::kRootNode, "");
     return {};
   }
@@ -65,8 +72,10 @@ class NameFinder {
   }
 
  private:
-  // A part that cannot be read is passed over: the findings say so.
+  // A part that cannot be read is passed over: the findings say so. What hangs below an id that several nodes have is
+  // walked once, since one of them may hang there.
   void walk_below(store::View& view, store::NodeId parent, const std::string& name) {
+    if (shared_.contains(parent) && !entered_.insert(parent).second) return;
     std::vector<std::pair<std::string, store::NodeId>> subkeys;
     (void)view
         .children(parent,
@@ -76,12 +85,14 @@ class NameFinder {
                   })
         .ok();
     for (const auto& [subkey, id] : subkeys) {
-      if (wanted_.contains(id)) names_[id] = subkey;
+      if (wanted_.contains(id)) names_.emplace(id, subkey);
       walk_below(view, id, subkey);
     }
   }
 
   std::set<store::NodeId> wanted_;
+  std::set<store::NodeId> shared_;   // ids of several nodes
+  std::set<store::NodeId> entered_;  // of these
   std::map<store::NodeId, std::string> names_;
 };
 
@@ -101,35 +112,34 @@ const char* kind_of(store::Finding::Kind kind) {
   return "damage";
 }
 
-// What a finding is about: a full name where the tree still gives one.
-std::string place_of(const store::Finding& finding, const NameFinder& names) {
-  if (const std::string* own = names.find(finding.id); own != nullptr && finding.id != store::kNoNode) return *own;
-  const std::string* parent = names.find(finding.parent);
-  if (finding.parent == store::kNoNode || parent == nullptr) return "";
-  return child_name(*parent, finding.name);
+// The full name of what a finding is about, where the tree still gives one.
+std::optional<std::string> name_of(const store::Finding& finding, const NameFinder& names) {
+  const std::string* known = names.find(is_about_value(finding) ? finding.id : finding.parent);
+  if (known == nullptr) return std::nullopt;
+  return is_about_value(finding) ? *known : child_name(*known, finding.name);
 }
 
 std::string finding_json(const store::Finding& finding, const NameFinder& names) {
   JsonObject object;
   object.raw("kind", json_string(kind_of(finding.kind)));
-  if (const std::string place = place_of(finding, names); !place.empty()) object.text("name", place);
+  if (const auto name = name_of(finding, names)) object.text("name", *name);
   return object.text("level", finding.name)
       .number("parent_id", finding.parent)
       .number("id", finding.id)
-      .text("detail", finding.detail)
+      .utf8("detail", utf8_for_people(finding.detail))
       .str();
 }
 
+std::string subject_of(const store::Finding& finding, const NameFinder& names) {
+  if (const auto name = name_of(finding, names)) return registry::describe(*name);
+  const std::string id = "id " + std::to_string(finding.id);
+  if (is_about_value(finding)) return id;
+  if (finding.parent == store::kNoNode && finding.name.empty()) return "the registry";
+  return "level '" + finding.name + "', " + id + " below id " + std::to_string(finding.parent);
+}
+
 std::string finding_line(const store::Finding& finding, const NameFinder& names) {
-  const std::string place = place_of(finding, names);
-  std::string line = std::string(kind_of(finding.kind)) + ": ";
-  if (!place.empty()) {
-    line += registry::describe(place);
-  } else {
-    line += finding.name.empty() ? "without a name" : "level '" + finding.name + "'";
-    line += ", id " + std::to_string(finding.id) + " below id " + std::to_string(finding.parent);
-  }
-  return line + ": " + finding.detail;
+  return std::string(kind_of(finding.kind)) + ": " + subject_of(finding, names) + ": " + finding.detail;
 }
 
 struct Check {
@@ -139,14 +149,18 @@ struct Check {
 
 Outcome check_store(Context& context, bool repair, Check* check) {
   check->findings.clear();
+  Progress progress(context.terminal(), repair ? "repair" : "verify");
   return context.registry().store().check(
-      repair, [&](const store::Finding& finding) { check->findings.push_back(finding); }, &check->totals);
+      repair, [&](const store::Finding& finding) { check->findings.push_back(finding); },
+      [&](const store::CheckProgress& now) { progress.show(now.done, now.total, now.reading); }, &check->totals);
 }
 
 // Reading everything is for those who may read and list the top, repairing for those who may do all with it.
 Outcome demand_rights(Context& context, bool repair) {
   registry::Place root;
   const Status found = context.registry().read([&](Reader& reader) { return reader.resolve("", &root); });
+  const bool superuser = context.registry().identity().superuser;
+  if (superuser && found.is(PRTKV_STORAGE_FAILED)) return {};  // the check tells more of the damage
   if (!found.ok()) return found;
   const std::int32_t needed = repair ? TKV_RIGHT_ALL : TKV_RIGHT_READ | TKV_RIGHT_LIST;
   const std::int32_t granted = registry::rights_of(context.registry().identity(), root.node.security);
