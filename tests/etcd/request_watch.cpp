@@ -78,6 +78,7 @@ Fate RequestWatch::begin(const std::string& method) {
 }
 
 void RequestWatch::note_answer(std::size_t bytes) {
+  answered_ += bytes;
   std::size_t known = largest_answer_;
   while (bytes > known && !largest_answer_.compare_exchange_weak(known, bytes)) {
   }

@@ -28,7 +28,11 @@ class RequestWatch {
   void decide(std::function<Fate(const std::string& method)> decide);
 
   int count() const { return count_; }
-  void reset() { count_ = 0; }
+  void reset() {
+    count_ = 0;
+    answered_ = 0;
+  }
+  std::size_t answered() const { return answered_; }  // bytes of all answers
   std::size_t largest_answer() const { return largest_answer_; }
 
  private:
@@ -41,6 +45,7 @@ class RequestWatch {
   std::mutex mutex_;
   std::function<Fate(const std::string& method)> decide_;
   std::atomic<int> count_{0};
+  std::atomic<std::size_t> answered_{0};
   std::atomic<std::size_t> largest_answer_{0};
 };
 

@@ -29,7 +29,7 @@ constexpr milliseconds kOnlyAttempt{1000};  // when there is no other endpoint t
 constexpr milliseconds kFirstPause{5};      // between rounds over the endpoints, doubling
 constexpr milliseconds kLongestPause{100};
 constexpr std::size_t kBytesPerMillisecond = 1024;  // what a slow network is taken to carry
-constexpr int kReceiveLimit = 8 * 1024 * 1024;      // twice what a page or a value needs
+constexpr int kReceiveLimit = 4 * 1024 * 1024;      // twice what a page or a value needs
 constexpr int kTimeoutsBeforeReconnect = 3;
 constexpr int kOldestMajor = 3;
 constexpr int kOldestMinor = 4;
@@ -405,16 +405,17 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
 
 Outcome Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
                        Deadline deadline) {
-  const std::size_t expected = request.limit() > 1 ? kReceiveLimit / 8 : 0;
+  const std::size_t expected = request.limit() > 1 ? kReceiveLimit / 4 : 0;
   return connection_->call(deadline, expected, true, [&](Services& services, grpc::ClientContext* context) {
     response->Clear();
     return Answer{services.kv.Range(context, request, response), response->header().cluster_id(), {}};
   });
 }
 
-Outcome Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {
+Outcome Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
+                     std::size_t expected) {
   return connection_->call(
-      deadline, request.ByteSizeLong(), true, [&](Services& services, grpc::ClientContext* context) {
+      deadline, request.ByteSizeLong() + expected, true, [&](Services& services, grpc::ClientContext* context) {
         response->Clear();
         return Answer{services.kv.Txn(context, request, response), response->header().cluster_id(), {}};
       });

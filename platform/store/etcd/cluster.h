@@ -10,6 +10,7 @@
 #define TKV_PLATFORM_STORE_ETCD_CLUSTER_H
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -75,8 +76,9 @@ class Cluster {
   Outcome range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response, Deadline deadline);
 
   // A transaction that is sent again, as it is, when its answer is lost: one that only reads, or whose comparisons fail
-  // once it has been made, or whose repetition changes nothing.
-  Outcome txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline);
+  // once it has been made, or whose repetition changes nothing. `expected`: bytes of an answer that takes its time.
+  Outcome txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
+              std::size_t expected = 0);
 
   std::chrono::milliseconds timeout() const;
 

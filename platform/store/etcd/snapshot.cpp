@@ -1,6 +1,7 @@
 #include "snapshot.h"
 
 #include "pager.h"
+#include "read_ahead.h"
 #include "record.h"
 
 namespace tkv::store::etcd {
@@ -23,9 +24,39 @@ Status Snapshot::fail(const Outcome& outcome) {
 }
 
 Status Snapshot::get(RangeRequest request, RangeResponse* response) {
+  if (revision_ == 0) return get_first(request, response);
   request.set_revision(revision_);
+  const Outcome outcome = core_.cluster->range(request, response, core_.deadline());
+  return outcome.ok() ? Status() : fail(outcome);
+}
+
+// The first answer fixes the revision of all others.
+Status Snapshot::get_first(const RangeRequest& request, RangeResponse* response) {
   if (Outcome outcome = core_.cluster->range(request, response, core_.deadline()); !outcome.ok()) return fail(outcome);
-  if (revision_ == 0) revision_ = response->header().revision();
+  revision_ = response->header().revision();
+  return {};
+}
+
+// Fetches what is asked for with what comes after it. When that cannot be, the caller asks for the one thing alone.
+Status Snapshot::look_ahead(NodeId id, Sought sought) {
+  if (!ahead_.ask(id, sought) || revision_ == 0) return {};
+  while (const auto request = ahead_.request(revision_)) {
+    TxnResponse response;
+    const Outcome outcome = core_.cluster->txn(*request, &response, core_.deadline(), kPageBytes);
+    switch (outcome.verdict) {
+      case Verdict::kDone:
+        ahead_.keep(&response);
+        return {};
+      case Verdict::kAnswerTooLarge:
+        ahead_.ask_for_less();
+        break;
+      case Verdict::kFinal:
+        ahead_.give_up();
+        return {};
+      default:
+        return fail(outcome);
+    }
+  }
   return {};
 }
 
@@ -41,36 +72,52 @@ Status Snapshot::find(NodeId parent, std::string_view name, Node* node) {
 }
 
 Status Snapshot::value(NodeId id, Value* value) {
-  RangeResponse response;
-  if (Status status = get(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
-  if (response.kvs_size() == 0) {
+  if (Status status = look_ahead(id, Sought::kValue); !status.ok()) return status;
+  std::optional<std::string> record;
+  if (!ahead_.take_value(id, &record)) {
+    RangeResponse response;
+    if (Status status = get(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
+    ahead_.note_value(response.ByteSizeLong());
+    if (response.kvs_size() > 0) record = std::move(*response.mutable_kvs(0)->mutable_value());
+  }
+  if (!record) {
     *value = Value{};
     return {};
   }
-  record_ = std::move(*response.mutable_kvs(0)->mutable_value());
+  record_ = std::move(*record);
   return decode_value(id, as_bytes(record_), value);
 }
 
-Status Snapshot::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
-  RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
-  request.set_revision(revision_);
-  Pager pager(*core_.cluster, request);
-  while (pager.more()) {
-    RangeResponse page;
-    if (Outcome outcome = pager.next(&page); !outcome.ok()) return fail(outcome);
-    revision_ = pager.revision();
-    for (const KeyValue& record : page.kvs()) {
-      const auto place = core_.keys.parse_node(record.key());
-      if (!place) continue;
-      const Known known = known_of(record, *place);
-      if (!known.damage.ok()) return known.damage.about("subkey '" + place->name + "'");
-      if (Status status = visit(place->name, *known.node); !status.ok()) return status;
-    }
-  }
+// A node's entry is never longer than kLongestNodeEntry: a page of kNodesPerPage always fits a message.
+Status Snapshot::get_page(NodeId parent, std::string begin, Listing* page) {
+  RangeRequest request = get_range({std::move(begin), core_.keys.children(parent).end}, kNodesPerPage);
+  RangeResponse response;
+  if (Status status = get(request, &response); !status.ok()) return status;
+  *page = listing_of(response, core_.keys);
   return {};
 }
 
+Status Snapshot::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  if (Status status = look_ahead(parent, Sought::kChildren); !status.ok()) return status;
+  Listing page;
+  if (!ahead_.take_children(parent, &page)) {
+    if (Status status = get_page(parent, core_.keys.children(parent).begin, &page); !status.ok()) return status;
+  }
+  for (bool first = true;; first = false) {
+    ahead_.listed(parent, page, first);
+    for (const Child& child : page.children) {
+      if (!child.known.damage.ok()) return child.known.damage.about("subkey '" + child.name + "'");
+      if (Status status = visit(child.name, *child.known.node); !status.ok()) return status;
+    }
+    if (page.complete || page.children.empty()) return {};
+    std::string begin = core_.keys.node({parent, page.children.back().name}) + '\0';
+    if (Status status = get_page(parent, std::move(begin), &page); !status.ok()) return status;
+  }
+}
+
 Status Snapshot::has_children(NodeId parent, bool* answer) {
+  if (Status status = look_ahead(parent, Sought::kChildren); !status.ok()) return status;
+  if (ahead_.has_children(parent, answer)) return {};
   RangeRequest request = get_range(core_.keys.children(parent), 1);
   request.set_keys_only(true);
   RangeResponse response;

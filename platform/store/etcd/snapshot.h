@@ -1,5 +1,6 @@
 // The tree at one revision, for reading as many nodes as there are. Nothing is compared afterwards: whatever is
-// written meanwhile, this state stays readable until etcd compacts it.
+// written meanwhile, this state stays readable until etcd compacts it. A walk that goes depth first and reads many
+// nodes gets most of them from requests that fetch many at once (see read_ahead.h).
 #ifndef TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
 #define TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
 
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "core.h"
+#include "read_ahead.h"
 #include "store.h"
 
 namespace tkv::store::etcd {
@@ -14,7 +16,7 @@ namespace tkv::store::etcd {
 class Snapshot final : public View {
  public:
   // `revision` 0: the newest at the first reading.
-  Snapshot(Core& core, std::int64_t revision) : core_(core), revision_(revision) {}
+  Snapshot(Core& core, std::int64_t revision) : core_(core), revision_(revision), ahead_(core.keys) {}
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
@@ -27,10 +29,14 @@ class Snapshot final : public View {
 
  private:
   Status get(RangeRequest request, RangeResponse* response);
+  Status get_first(const RangeRequest& request, RangeResponse* response);
+  Status get_page(NodeId parent, std::string begin, Listing* page);
+  Status look_ahead(NodeId id, Sought sought);
   Status fail(const Outcome& outcome);
 
   Core& core_;
   std::int64_t revision_;
+  ReadAhead ahead_;
   std::string record_;  // of the value that was read last
   Outcome failure_;
 };

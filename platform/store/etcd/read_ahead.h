@@ -1,0 +1,184 @@
+// What a walk over one state of the tree is about to ask for: guessed from what it has asked for so far, fetched many
+// records at a time, and held until it is asked for or passed by.
+//
+// A walk tells of each page of children that it was given, and of each node whose value or children it asks for. It is
+// taken to go depth first, in the order of the pages: what it asks for now is followed by what hangs below, and then by
+// what comes after on the pages. What it has passed is let go. Another order costs requests, never a wrong answer.
+//
+// Nothing is fetched ahead before a walk has asked for some of the same kind, values or children, and no longer once
+// it leaves what was fetched unused. At first little is fetched; the more of it is used, the more.
+//
+// Bounds. One answer holds at most kMostNodesAhead lists of children, cut short where they are long, and
+// kMostValuesAhead values; no more of each than fit a message by the sizes met so far. Held are at most kMostHeld
+// bytes, and the ids of at most kMostPlanned nodes to come.
+//
+// Nothing here sends requests. Not for several threads at once.
+#ifndef TKV_PLATFORM_STORE_ETCD_READ_AHEAD_H
+#define TKV_PLATFORM_STORE_ETCD_READ_AHEAD_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "function_ref.h"
+#include "keys.h"
+#include "node_cache.h"
+#include "requests.h"
+
+namespace tkv::store::etcd {
+
+constexpr std::size_t kMostValuesAhead = 256;  // a value may be 1 MiB, and the server cannot be told a size to stop at
+constexpr std::size_t kMostNodesAhead = 1024;
+constexpr std::size_t kMostHeld = 8 * 1024 * 1024;
+constexpr std::size_t kMostPlanned = 512 * 1024;
+
+// One child in a list of children; `known` has a node, or tells why the record cannot be trusted.
+struct Child {
+  std::string name;
+  Known known;
+};
+
+// A node's children from the first on, or from where the former page ended; not `complete` when there are more.
+struct Listing {
+  std::vector<Child> children;
+  bool complete = true;
+};
+
+Listing listing_of(const RangeResponse& response, const Keys& keys);
+
+enum class Sought { kValue, kChildren };
+
+class ReadAhead {
+ public:
+  explicit ReadAhead(const Keys& keys) : keys_(keys) {}
+  ReadAhead(const ReadAhead&) = delete;
+  ReadAhead& operator=(const ReadAhead&) = delete;
+
+  // The walk asks for this now. True when it is not held and fetching more than this one pays.
+  bool ask(NodeId id, Sought sought);
+
+  // The walk was given a page of a node's children, the first or a later one.
+  void listed(NodeId parent, const Listing& page, bool first);
+
+  // A transaction of readings, to be sent with the revision of the snapshot: of what was asked for last and of what
+  // comes after it. Nothing when that is one value.
+  std::optional<TxnRequest> request(std::int64_t revision);
+
+  // Its answer, to be held. What was asked for may be missing from it, behind what fills the answer.
+  void keep(TxnResponse* answer);
+
+  // Its answer was larger than what is received: the next request asks for less.
+  void ask_for_less();
+
+  // The server does not answer such requests.
+  void give_up() { given_up_ = true; }
+
+  // False when it is not held. No record: the node has no value.
+  bool take_value(NodeId id, std::optional<std::string>* record);
+  bool take_children(NodeId id, Listing* listing);
+  bool has_children(NodeId id, bool* answer);
+
+  // A value was read by itself.
+  void note_value(std::size_t bytes) { value_size_.add(bytes, 1); }
+
+  std::size_t held() const { return held_; }
+
+ private:
+  // Whether what is fetched of a kind is used, and how much to fetch.
+  class Habit {
+   public:
+    explicit Habit(std::size_t most) : most_(most) {}
+    void used();
+    void wasted();
+    bool is_strong() const { return uses_ >= kFew; }
+    std::size_t window() const { return window_; }
+    void widen();
+    void narrow() { window_ = window_ / 4 + 1; }
+
+   private:
+    static constexpr int kFew = 3;
+    static constexpr int kSure = 12;
+    static constexpr std::size_t kFirstWindow = 8;
+    std::size_t most_;
+    std::size_t window_ = kFirstWindow;
+    int uses_ = 0;
+  };
+
+  // A size to expect: that of the records met last, quicker to grow than to shrink.
+  class Size {
+   public:
+    explicit Size(std::size_t bytes) : bytes_(bytes) {}
+    void add(std::size_t total, std::size_t count);
+    void enlarge() { bytes_ *= 2; }
+    std::size_t in(std::size_t room) const { return room / bytes_; }
+
+   private:
+    std::size_t bytes_;
+  };
+
+  // The children of one node that are still to come. The runs lie on each other as the nodes do in the walk.
+  struct Run {
+    NodeId parent = kNoNode;
+    std::vector<NodeId> ids;
+    std::size_t next = 0;  // the one that the walk is at when it has `begun`, else the one it comes to
+    bool begun = false;
+  };
+
+  struct HeldListing {
+    Listing listing;
+    std::size_t bytes = 0;
+    bool used = false;
+  };
+
+  // One operation of the request: neighbouring ids, without a gap.
+  struct Operation {
+    Sought sought;
+    NodeId first;
+    NodeId last;
+  };
+
+  // Ids to fetch, the nearest first.
+  struct Wanted {
+    std::vector<NodeId> values;
+    std::vector<NodeId> lists;
+  };
+
+  Habit& habit(Sought sought) { return sought == Sought::kValue ? values_habit_ : lists_habit_; }
+  bool holds(NodeId id, Sought sought) const;
+  bool advance(NodeId id);
+  void drop_runs(std::size_t from);
+  void drop(NodeId id);
+  std::size_t planned() const;
+  void make_room();
+  Wanted want(std::size_t most_values, std::size_t most_lists) const;
+  bool visit_below(NodeId id, int depth, FunctionRef<bool(NodeId)> visit) const;
+  void visit_coming(FunctionRef<bool(NodeId)> visit) const;
+  void choose(std::size_t room);
+  bool is_for_keeping(NodeId id, Sought sought) const;
+  void keep_values(const Operation& operation, RangeResponse* answer);
+  void keep_lists(const Operation& operation, const RangeResponse& answer);
+  void hold_value(NodeId id, std::optional<std::string> record);
+  void hold_list(NodeId id, Listing listing);
+
+  const Keys& keys_;
+  std::vector<Run> runs_;
+  std::unordered_map<NodeId, std::optional<std::string>> values_;
+  std::unordered_map<NodeId, HeldListing> lists_;
+  std::size_t held_ = 0;
+  Habit values_habit_{kMostValuesAhead};
+  Habit lists_habit_{kMostNodesAhead};
+  Size value_size_{256};
+  Size node_size_{256};
+  NodeId asked_ = kNoNode;
+  Sought sought_ = Sought::kValue;
+  NodeId asked_value_ = kNoNode;  // the last whose value was asked for
+  std::vector<Operation> operations_;
+  bool given_up_ = false;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
