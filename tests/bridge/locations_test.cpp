@@ -157,6 +157,13 @@ TEST_F(GetTKVLocations, GivesFiveLongestLocationsWhole) {
   abandons({"locations"});
 }
 
+TEST_F(GetTKVLocations, EndsALocationThatFillsItsSlot) {
+  const Texts given(5, std::string(4097, 'x'));
+  expect(succeeded(given, Texts(5, std::string(4096, 'x'))));
+  getTKVLocations();
+  abandons({"locations"});
+}
+
 TEST_F(GetTKVLocations, PassesLocationsWithPercentSignsOn) {
   expect(succeeded({"/%s/%n"}, {"/%s/%n"}));
   EXPECT_THAT(textsOf(getTKVLocations()), ElementsAre("/%s/%n"));
