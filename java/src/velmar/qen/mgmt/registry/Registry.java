@@ -198,8 +198,9 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The full names of all keys below a key, each before its own subkeys. The stream reads on as it is consumed: it
-     * leaves out keys that vanish meanwhile, and needs the registry open.
+     * The full names of all keys below a key, each before its own subkeys. The stream needs the registry open, and reads
+     * the subkeys of a key when it goes on after it: a key that has vanished since its siblings were read still comes,
+     * but nothing below it, and a key that was made since does not.
      *
      * @param name full name
      * @return a sequential stream

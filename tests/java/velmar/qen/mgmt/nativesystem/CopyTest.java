@@ -21,7 +21,6 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
 /** Copies of trees, and moves, compared key by key. */
-@AsRoot
 class CopyTest extends OpenSession {
     private String source;
     private String target;
@@ -90,6 +89,7 @@ class CopyTest extends OpenSession {
     }
 
     @Test
+    @AsRoot
     void aTreeOfTwoThousandKeysIsCopiedAndMovedWhole() throws IOException, InterruptedException {
         assertEquals(2_000, growTree());
         List<String> part = contents(source + ".k1.k1.k1");
@@ -120,6 +120,7 @@ class CopyTest extends OpenSession {
     @ParameterizedTest
     @CsvSource({"1, daemon, bin", "2, root, bin", "3, root, root", "4, root, root", "5, daemon, bin", "6, daemon, bin",
                 "0, daemon, bin", "99, daemon, bin"})
+    @AsRoot
     void theTypeDecidesWhoOwnsTheCopiedKeyItself(int type, String owner, String group) {
         assertDone(r -> tkv.setKeyValue(source, "v", OWNED_BY, null, "daemon", "bin", r));
         assertDone(r -> tkv.setKeyValue(source + ".below", "w", OWNED_BY, null, "nobody", "nogroup", r));

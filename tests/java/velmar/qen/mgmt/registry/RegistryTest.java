@@ -127,13 +127,16 @@ class RegistryTest extends OpenRegistry {
 
     @Test
     void walkReadsOnAsItIsConsumed() {
-        Stream.of("a", "a.below", "b").forEach(name -> registry.create(below(name)));
+        Stream.of("a", "a.below", "b", "c", "c.below").forEach(name -> registry.create(below(name)));
         Iterator<String> names = registry.walk(top).iterator();
         assertEquals(below("a"), names.next());
         registry.deleteTree(below("a"));
         registry.create(below("b.new"));
+        registry.deleteTree(below("c"));
+        registry.create(below("d"));
         assertEquals(below("b"), names.next());
         assertEquals(below("b.new"), names.next());
+        assertEquals(below("c"), names.next());
         assertFalse(names.hasNext());
         assertThrows(NoSuchElementException.class, names::next);
     }
