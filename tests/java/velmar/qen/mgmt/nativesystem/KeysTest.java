@@ -218,8 +218,4 @@ class KeysTest extends OpenSession {
         assertRefused(17, "", r -> tkv.moveKey(top + "a", top + "a.b", "a", 0, r));
         assertTrue(exists(top + "a.b"));
     }
-
-    private String parent() {
-        return top.substring(0, top.length() - 1);
-    }
 }

@@ -15,7 +15,7 @@ abstract class OpenSession {
     static final int OPEN = 5;
 
     final TKVNative tkv = new TKVNative();
-    /** Full name of the test's own key, with a dot after it. */
+    /** Full name of the test's own key and a dot: what names of its subkeys start with. */
     String top;
 
     @BeforeEach
@@ -31,6 +31,11 @@ abstract class OpenSession {
     @AfterEach
     void closeSession() {
         assertDone(tkv::terminateTKV);
+    }
+
+    /** Full name of the test's own key. */
+    String parent() {
+        return top.substring(0, top.length() - 1);
     }
 
     void create(String name) {

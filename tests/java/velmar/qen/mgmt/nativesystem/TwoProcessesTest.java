@@ -44,7 +44,7 @@ class TwoProcessesTest extends OpenSession {
 
     @Test
     void aJvmReadsWhatAnotherWroteThatEndedWithoutClosing() throws IOException, InterruptedException {
-        String parent = top.substring(0, top.length() - 1);
+        String parent = parent();
         ChildJvm.Outcome writer = ChildJvm.run(List.of(), Map.of(), Writer.class, parent, "w");
         assertEquals(7, writer.exit(), writer.output());
         assertWritten(parent, "w");
@@ -52,7 +52,7 @@ class TwoProcessesTest extends OpenSession {
 
     @Test
     void twoJvmsThatWriteAtOnceLoseNothing() throws IOException, InterruptedException {
-        String parent = top.substring(0, top.length() - 1);
+        String parent = parent();
         List<Process> writers = List.of(ChildJvm.start(List.of(), Map.of(), Writer.class, parent, "a"),
                                         ChildJvm.start(List.of(), Map.of(), Writer.class, parent, "b"));
         for (int i = 0; i < KEYS; i++) {
