@@ -3,7 +3,7 @@ import json
 import subprocess
 import unittest
 
-from command import CONFLICT, DONE, USAGE, CommandTest, kill
+from command import CONFLICT, DONE, NOT_FOUND, USAGE, CommandTest, kill
 
 
 class Migrate(CommandTest):
@@ -46,9 +46,13 @@ class Migrate(CommandTest):
 
     def test_places_that_make_no_sense(self):
         self.fails(USAGE, "migrate", self.registry, self.registry)
+        link = self.folder / "link"
+        link.symlink_to(self.registry)
+        for place in (link, f"{self.registry}/", f"{self.folder}/./registry"):
+            self.fails(USAGE, "migrate", "--overwrite", "--yes", self.registry, place)
         self.fails(USAGE, "migrate", self.registry, "relative")
         self.fails(USAGE, "migrate", self.registry, "etcd://nowhere")
-        self.assertNotEqual(self.run_command("migrate", self.folder / "none", self.target).code, DONE)
+        self.assertIn("there is no registry in", self.fails(NOT_FOUND, "migrate", self.folder / "none", self.target))
         self.assertFalse(self.target.exists())
 
     def test_an_interrupted_one_goes_on(self):

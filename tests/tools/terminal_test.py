@@ -208,11 +208,11 @@ class BarsOfChanges(CommandTest):
         self.source.write_text(json.dumps({"tkv": 1, "top": "many", "keys": keys}))
         self.tkv("import", self.source)
 
-    def watch(self, wanted, *words, run=0.002, columns=80):
+    def watch(self, wanted, *words, run=0.002, columns=80, data_too=False):
         """Runs the command for so many seconds between stops, until a bar that begins so has come. Gives code and what
         was seen."""
         with open(self.folder / "out", "wb") as output:
-            terminal = self.terminal(*words, output=output)
+            terminal = self.terminal(*words, output=None if data_too else output)
         fcntl.ioctl(terminal.master, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         terminal.type("n\n")  # to a question
         while b"\r" + wanted.encode() not in terminal.seen and terminal.process.poll() is None:
@@ -241,6 +241,10 @@ class BarsOfChanges(CommandTest):
                 self.assertEqual(code, CONFLICT if words[0] == "rm" else DONE, seen)
                 self.assertRegex(seen, rf"\r{wanted}(pages |records )?(\[[# ]+\] \d+% )?\d[0-9,]*( of [0-9,]+)?\x1b\[K")
                 self.assertIn("\r\x1b[K", seen)
+
+    def test_it_is_gone_before_data_comes(self):
+        _, seen = self.watch("export ", "export", "many", data_too=True)
+        self.assertRegex(seen, r"(\rexport [0-9,]+\x1b\[K)+\r\x1b\[K\{\"tkv\"")
 
     def test_none_is_wider_than_the_terminal(self):
         _, seen = self.watch("verify ", "verify", columns=40)

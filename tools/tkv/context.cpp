@@ -15,18 +15,21 @@ Outcome Context::open_or_make() { return open(true, false); }
 
 Outcome Context::open(bool create, bool read_only) {
   registry::Configuration configuration;
+  if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
+  return open_registry(std::move(configuration), {create, read_only}, &registry_);
+}
+
+Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
+                      std::shared_ptr<registry::Registry>* registry) {
   registry::Identity identity;
   std::shared_ptr<store::Store> store;
-  if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
   if (Status status = registry::identity_of_process(&identity); !status.ok()) return status;
-  if (!create && registry::is_absent(configuration)) {
+  if (!options.create && registry::is_absent(configuration)) {
     return {Exit::kNotFound, "there is no registry in " + configuration.locations.front() +
                                  "; tkv create, set, import and restore make one"};
   }
-  if (Status status = registry::open_store(configuration, identity, {create, read_only}, &store); !status.ok()) {
-    return status;
-  }
-  registry_ = std::make_shared<registry::Registry>(std::move(configuration), std::move(identity), std::move(store));
+  if (Status status = registry::open_store(configuration, identity, options, &store); !status.ok()) return status;
+  *registry = std::make_shared<registry::Registry>(std::move(configuration), std::move(identity), std::move(store));
   return {};
 }
 

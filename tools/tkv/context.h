@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "arguments.h"
+#include "open_store.h"
 #include "outcome.h"
 #include "output.h"
 #include "registry.h"
@@ -59,6 +60,10 @@ class Context {
   Output& output_;
   std::shared_ptr<registry::Registry> registry_;
 };
+
+// Opens a registry by its configuration. 3 when there is none and none is to be made.
+Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
+                      std::shared_ptr<registry::Registry>* registry);
 
 // How many keys there are at and below a key, as far as the session can see them. 3 when it does not exist.
 Outcome count_keys(registry::Registry& registry, const Terminal& terminal, const std::string& name,

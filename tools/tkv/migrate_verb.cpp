@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "changes.h"
@@ -11,7 +13,6 @@
 #include "json.h"
 #include "name.h"
 #include "new_key_security.h"
-#include "open_store.h"
 #include "verbs.h"
 
 namespace tkv::command {
@@ -74,15 +75,17 @@ Outcome configure(const std::string& place, Configuration* configuration) {
 
 Outcome open_side(const registry::OpenOptions& options, Side* side) {
   Configuration configuration;
-  registry::Identity identity;
-  std::shared_ptr<store::Store> store;
   if (Outcome configured = configure(side->place, &configuration); !configured.ok()) return configured;
-  if (Status status = registry::identity_of_process(&identity); !status.ok()) return status;
-  if (Status status = registry::open_store(configuration, identity, options, &store); !status.ok()) {
-    return status.about(side->place);
-  }
-  side->registry = std::make_shared<Registry>(std::move(configuration), std::move(identity), std::move(store));
-  return {};
+  Outcome opened = open_registry(std::move(configuration), options, &side->registry);
+  return opened.ok() ? opened : Outcome(opened.exit(), side->place + ": " + opened.text());
+}
+
+// Whatever path leads there.
+bool is_same_place(const Configuration& one, const Configuration& other) {
+  std::error_code unknown;
+  if (one.is_distributed() != other.is_distributed()) return false;
+  if (one.is_distributed()) return one.locations == other.locations && one.etcd_prefix == other.etcd_prefix;
+  return std::filesystem::equivalent(one.locations.front(), other.locations.front(), unknown);
 }
 
 Outcome read_side(Context& context, const Side& side, const char* doing, Snapshot* snapshot) {
@@ -234,8 +237,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
   if (source.place == target.place) return {Exit::kUsage, "source and target are the same"};
   if (Outcome opened = open_side({false, true}, &source); !opened.ok()) return opened;
   if (Outcome opened = open_side({true, false}, &target); !opened.ok()) return opened;
-  if (source.registry->configuration().locations == target.registry->configuration().locations &&
-      source.registry->configuration().etcd_prefix == target.registry->configuration().etcd_prefix) {
+  if (is_same_place(source.registry->configuration(), target.registry->configuration())) {
     return {Exit::kUsage, "source and target are the same"};
   }
   if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &marked); !fit.ok()) return fit;

@@ -37,8 +37,8 @@ Status write_export(Reader& reader, const std::string& top, Progress& progress, 
 Outcome export_to_output(Context& context, const std::string& top) {
   std::string text;
   std::uint64_t keys = 0;
-  Progress progress(context.terminal(), "export");
   const Status read = context.registry().read_all([&](Reader& reader) {
+    Progress progress(context.terminal(), "export");  // gone before the text is printed
     text.clear();
     return write_export(reader, top, progress, &keys, [&](std::string_view part) {
       text += part;
