@@ -159,7 +159,7 @@ class Writer final : public Reader {
   Status set_security(const KeyRef& key, const sec_attr& security);
 
   // Replaces the security records of a key and of every key below it by what `change` makes of them. Needs 0x08 on
-  // each of them. One write holds store.max_changes() of them; the store refuses more.
+  // each of them.
   Status set_security_below(const KeyRef& key, FunctionRef<sec_attr(const Entry& entry)> change);
 
   // Deletes a key. Needs 0x20 on it and, recursive, on every key below it. Not recursive, a key with subkeys gives 6.

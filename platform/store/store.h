@@ -95,7 +95,8 @@ class Update : public View {
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
 
   // The tree as it stood when the update began, for reading more nodes than one commit can compare. What is read here
-  // is one consistent state; other writers' changes to it after that do not make the commit fail.
+  // is one consistent state; other writers' changes to it after that do not make the commit fail, as those to nodes that
+  // were found in the update itself do.
   virtual View& before() = 0;
 
  protected:
@@ -149,8 +150,9 @@ class Store {
   // once. A failure that it returns is given back and nothing is changed.
   virtual Status write(FunctionRef<Status(Update&)> function) = 0;
 
-  // How many changes of visible nodes one write can make: entries inserted, rewritten or unlinked, and values set.
-  virtual std::size_t max_changes() const = 0;
+  // How many changes of visible nodes, entries inserted, rewritten or unlinked and values set, a program that has many
+  // to make should put into one write. More can be made, at the cost of being prepared first.
+  virtual std::size_t handy_changes() const = 0;
 
   // Reads every record and reports each that is damaged or out of place; counts the sound ones. With `repair`, what
   // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed. `progress`

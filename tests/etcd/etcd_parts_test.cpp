@@ -3,8 +3,10 @@
 
 #include <string>
 
+#include "claims.h"
 #include "judgement.h"
 #include "keys.h"
+#include "lineage.h"
 #include "node_cache.h"
 #include "owner.h"
 #include "staging.h"
@@ -89,6 +91,8 @@ TEST(EtcdKeys, AreAsTheyAreWrittenDown) {
   EXPECT_EQ(keys.garbage(~0ull), "/tkv/garbage/ffffffffffffffff");
   EXPECT_EQ(keys.staging("ab"), "/tkv/staging/ab");
   EXPECT_EQ(keys.writer("ab-0"), "/tkv/txn/ab-0");
+  EXPECT_EQ(keys.claim(0xab, "cd"), "/tkv/claims/00000000000000ab/cd");
+  EXPECT_EQ(keys.plan("cd", 16), "/tkv/plan/cd/0000000000000010");
 }
 
 TEST(EtcdKeys, ComeBackFromTheirText) {
@@ -100,6 +104,16 @@ TEST(EtcdKeys, ComeBackFromTheirText) {
   }
   EXPECT_EQ(keys.parse_value(keys.value(77)), std::optional<NodeId>(77));
   EXPECT_EQ(keys.parse_garbage(keys.garbage(77)), std::optional<NodeId>(77));
+  EXPECT_EQ(keys.parse_staging(keys.staging("ab")), "ab");
+  EXPECT_FALSE(keys.parse_staging("/tkv/v/ab"));
+  const auto claim = keys.parse_claim(keys.claim(77, "ab"));
+  ASSERT_TRUE(claim);
+  EXPECT_EQ(claim->top, 77u);
+  EXPECT_EQ(claim->token, "ab");
+  for (const char* key : {"", "/tkv/claims/", "/tkv/claims/000000000000004d", "/tkv/claims/000000000000004d/",
+                          "/tkv/claims/4d/ab", "/tkv/v/000000000000004d/ab"}) {
+    EXPECT_FALSE(keys.parse_claim(key)) << key;
+  }
   for (const char* key : {"", "/tkv/n/", "/tkv/n/12/a", "/tkv/n/000000000000004D/a", "/tkv/n/000000000000004d",
                           "/other/n/000000000000004d/a", "/tkv/v/000000000000004d"}) {
     EXPECT_FALSE(keys.parse_node(key)) << key;
@@ -122,6 +136,8 @@ TEST(EtcdKeys, RangesHoldWhatBelongsToThemAndNothingElse) {
   EXPECT_FALSE(holds(keys.values_of(5, 7), keys.value(8)));
   EXPECT_TRUE(holds(keys.nodes_below(5, 7), keys.node({7, "z"})));
   EXPECT_TRUE(holds(keys.nodes_below(~0ull, ~0ull), keys.node({~0ull, "z"})));
+  EXPECT_TRUE(holds(keys.all_of_plan("ab"), keys.plan("ab", 7)));
+  EXPECT_FALSE(holds(keys.all_of_plan("ab"), keys.plan("abc", 7)));
   EXPECT_TRUE(holds(keys.all_nodes(), keys.node({~0ull, "\xff"})));
   EXPECT_FALSE(holds(keys.all_nodes(), keys.value(1)));
 }
@@ -174,6 +190,69 @@ TEST(EtcdStaging, TextComesBackAndNonsenseDoesNot) {
   EXPECT_FALSE(StagingText::parse("batch x\n"));
   EXPECT_FALSE(StagingText::parse("batch 1\nids 5\n"));
   EXPECT_FALSE(StagingText::parse("batch 1\nwhat 5\n"));
+}
+
+TEST(EtcdClaims, TextComesBackAndNonsenseCountsAsADecision) {
+  ClaimText claimed;
+  claimed.attempt = 3;
+  EXPECT_EQ(ClaimText::parse(claimed.print()).attempt, 3);
+  EXPECT_FALSE(ClaimText::parse(claimed.print()).decided);
+  ClaimText decided;
+  decided.decided = true;
+  decided.next = 2;
+  decided.batches = 5;
+  const ClaimText back = ClaimText::parse(decided.print());
+  EXPECT_TRUE(back.decided);
+  EXPECT_EQ(back.next, 2u);
+  EXPECT_EQ(back.batches, 5u);
+  for (const char* text : {"", "nonsense", "state decided\n", "state decided\nnext 6\nbatches 5\n",
+                           "state claimed\nwhat 1", "state claimed\nattempt x"}) {
+    EXPECT_TRUE(ClaimText::parse(text).decided) << text;
+    EXPECT_EQ(ClaimText::parse(text).batches, 0u) << text;
+  }
+}
+
+TEST(EtcdClaims, AreKnownByTheLatestList) {
+  const Keys keys("/tkv/");
+  Claims claims(keys);
+  RangeResponse answer;
+  KeyValue* record = answer.add_kvs();
+  record->set_key(keys.claim(7, "ab"));
+  record->set_value(ClaimText().print());
+  record->set_mod_revision(20);
+  claims.learn(answer, 21);
+  EXPECT_NE(claims.known()->find(7, "ab"), nullptr);
+  EXPECT_TRUE(claims.known()->has_newer_than(19));
+  EXPECT_FALSE(claims.known()->has_newer_than(20));
+  EXPECT_FALSE(claims.known()->has_decided());
+  EXPECT_EQ(claims.learn(RangeResponse(), 15)->revision, 15) << "a list of its own for who asked then";
+  EXPECT_NE(claims.known()->find(7, "ab"), nullptr) << "an older answer tells nothing new";
+  claims.forget(*claims.known()->find(7, "ab"));
+  EXPECT_EQ(claims.known()->find(7, "ab"), nullptr);
+  EXPECT_EQ(claims.known()->revision, 21);
+}
+
+TEST(EtcdLineage, KnowsTheWaysFromTheRoot) {
+  Lineage lineage;
+  lineage.add(kRootNode, 2);
+  lineage.add(2, 3);
+  lineage.add(2, 4);
+  lineage.add(8, 9);
+  EXPECT_EQ(lineage.path(3), (std::vector<NodeId>{1, 2, 3}));
+  EXPECT_EQ(lineage.path(kRootNode), (std::vector<NodeId>{1}));
+  EXPECT_TRUE(lineage.path(9).empty());
+  EXPECT_TRUE(lineage.is_below(3, 2));
+  EXPECT_TRUE(lineage.is_below(2, 2));
+  EXPECT_FALSE(lineage.is_below(2, 3));
+  EXPECT_TRUE(lineage.is_below(9, kRootNode));
+  EXPECT_EQ(common_top({lineage.path(3), lineage.path(4)}), 2u);
+  EXPECT_EQ(common_top({lineage.path(3), lineage.path(3)}), 3u);
+  EXPECT_EQ(common_top({lineage.path(3), lineage.path(9)}), kRootNode);
+  EXPECT_EQ(common_top({}), kRootNode);
+  lineage.add(6, 5);
+  lineage.add(5, 6);
+  EXPECT_TRUE(lineage.path(5).empty()) << "a loop, as only damage makes one";
+  EXPECT_FALSE(lineage.is_below(5, 2));
 }
 
 TEST(EtcdWriters, TextsTellWhenAndWho) {

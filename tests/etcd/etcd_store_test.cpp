@@ -1,5 +1,3 @@
-#include "etcd_store.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,79 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "etcd_cluster.h"
-#include "keys.h"
+#include "etcd_store_fixture.h"
 #include "record.h"
-#include "request_watch.h"
-#include "requests.h"
 #include "staging.h"
-#include "tree.h"
 
 namespace tkv::store::etcd {
 namespace {
-
-// One cluster of one member for all tests, for each a registry of its own.
-class EtcdStore : public testing::Test {
- protected:
-  static void SetUpTestSuite() { cluster_ = new EtcdCluster(); }
-  static void TearDownTestSuite() { delete cluster_; }
-
-  void SetUp() override {
-    options_ = cluster_->registry();
-    store_ = open_watched(&watch_);
-    ASSERT_TRUE(store_);
-  }
-
-  std::shared_ptr<Store> open_watched(RequestWatch* watch) {
-    std::shared_ptr<Store> store;
-    EXPECT_TRUE(done(open_etcd_store(options_, &store, watch->interceptors())));
-    return store;
-  }
-
-  // Requests that `action` takes.
-  template <typename Action>
-  int requests_of(Action action) {
-    watch_.reset();
-    EXPECT_TRUE(done(action()));
-    return watch_.count();
-  }
-
-  // The connection that no store knows of, for what only an operator or a fault does.
-  Cluster& raw() {
-    if (!raw_) {
-      ClusterOptions options;
-      options.endpoints = options_.endpoints;
-      EXPECT_TRUE(done(Cluster::connect(options, &raw_)));
-    }
-    return *raw_;
-  }
-  void put_raw(const std::string& key, const std::string& value) {
-    TxnRequest request;
-    put(request.add_success(), key, value);
-    TxnResponse response;
-    EXPECT_TRUE(raw().txn(request, &response, Deadline(std::chrono::seconds(5))).ok());
-  }
-  std::string get_raw(const std::string& key) {
-    RangeResponse response;
-    EXPECT_TRUE(raw().range(get_one(key), &response, Deadline(std::chrono::seconds(5))).ok());
-    return response.kvs_size() == 0 ? "" : response.kvs(0).value();
-  }
-  std::int64_t count_raw(const KeyRange& range) {
-    RangeResponse response;
-    RangeRequest request = get_range(range, 1);
-    EXPECT_TRUE(raw().range(request, &response, Deadline(std::chrono::seconds(5))).ok());
-    return response.count();
-  }
-
-  Keys keys() const { return Keys(options_.prefix); }
-
-  static EtcdCluster* cluster_;
-  EtcdOptions options_;
-  RequestWatch watch_;
-  std::shared_ptr<Store> store_;
-  std::unique_ptr<Cluster> raw_;
-};
-EtcdCluster* EtcdStore::cluster_ = nullptr;
 
 // ---- round trips
 
@@ -198,20 +129,6 @@ TEST_F(EtcdStore, AHundredThousandSubkeysAreBuiltListedAndRemoved) {
   EXPECT_TRUE(open_key(*store_, "moved").is(PRTKV_NO_SUCH_KEY));
   EXPECT_TRUE(eventually([&] { return count_raw(keys().all_garbage()) == 0; }));
   EXPECT_EQ(count_raw(keys().all_nodes()), 1);
-}
-
-TEST_F(EtcdStore, AnUpdateOfMoreThanOneTransactionIsRefusedWhenItIsVisible) {
-  const Status status = store_->write([&](Update& update) -> Status {
-    for (int i = 0; i < 200; ++i) {
-      Node node;
-      if (Status made = update.new_id(&node.id); !made.ok()) return made;
-      if (Status made = update.insert(kRootNode, std::to_string(i), node); !made.ok()) return made;
-    }
-    return {};
-  });
-  EXPECT_TRUE(status.is(PRTKV_INVALID_ARGUMENT)) << status.text();
-  EXPECT_TRUE(status.has_text());
-  EXPECT_EQ(totals_of(*store_).nodes, 1u);
 }
 
 TEST_F(EtcdStore, LargeValuesOfASubtreeAreSentAhead) {

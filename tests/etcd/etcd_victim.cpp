@@ -2,8 +2,8 @@
 //
 //   etcd_victim ENDPOINT PREFIX ACTION N
 //
-// ACTION: build, a key "built" with many subkeys; delete, the key "old"; create, the key "small". The exit code is 0
-// when everything was done before the n-th request, 1 when something failed.
+// ACTION: build, a key "built" with many subkeys; delete, the key "old"; create, the key "small"; change, the values of
+// all subkeys of "many". The exit code is 0 when everything was done before the n-th request, 1 when something failed.
 
 #include <signal.h>
 #include <unistd.h>
@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
   });
   const tkv::Status status = action == "build"    ? etcd::build_keys(*store, "built", 350)
                              : action == "delete" ? etcd::delete_key(*store, "old")
+                             : action == "change" ? etcd::change_keys(*store, "many", "changed")
                                                   : etcd::create_key(*store, "small", "value");
   store.reset();
   if (!status.ok()) std::fprintf(stderr, "%s\n", status.text().c_str());

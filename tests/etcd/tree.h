@@ -122,6 +122,16 @@ inline Status build_keys(Store& store, std::string_view name, int count) {
   });
 }
 
+// Gives all subkeys of a key the same value.
+inline Status change_keys(Store& store, std::string_view name, std::string_view text) {
+  return store.write([&](Update& update) -> Status {
+    Node top;
+    if (Status status = follow(update, name, &top); !status.ok()) return status;
+    return update.children(
+        top.id, [&](std::string_view, const Node& node) { return update.set_value(node.id, 3, bytes_of(text)); });
+  });
+}
+
 // The totals of a check that must find nothing.
 inline Totals totals_of(Store& store) {
   Totals totals;

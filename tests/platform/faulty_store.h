@@ -100,7 +100,7 @@ class FaultyStore final : public Store {
     });
   }
 
-  std::size_t max_changes() const override { return target_->max_changes(); }
+  std::size_t handy_changes() const override { return target_->handy_changes(); }
 
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override {

@@ -636,7 +636,7 @@ class ThrowingStore final : public store::Store {
   Status read(FunctionRef<Status(store::View&)>) override { throw exception_; }
   Status read_all(FunctionRef<Status(store::View&)>) override { throw exception_; }
   Status write(FunctionRef<Status(store::Update&)>) override { throw exception_; }
-  std::size_t max_changes() const override { return 0; }
+  std::size_t handy_changes() const override { return 0; }
   Status check(bool, FunctionRef<void(const store::Finding&)>, FunctionRef<void(const store::CheckProgress&)>,
                store::Totals*) override {
     throw exception_;

@@ -506,7 +506,7 @@ TEST_P(StoreContract, BeforeShowsTheTreeAsTheUpdateFoundIt) {
 TEST_P(StoreContract, AVisitMayChangeTheTreeItWalksThrough) {
   const NodeId parent = add(kRootNode, "p");
   const NodeId trash = add(kRootNode, "trash");
-  const int count = static_cast<int>(std::min<std::size_t>(60, store_->max_changes() / 3));  // three changes each
+  constexpr int count = 60;
   for (int i = 100; i < 100 + count; ++i) add(parent, std::to_string(i));
   int visits = 0;
   EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
@@ -553,6 +553,7 @@ TEST_P(StoreContract, AReadGivesBackWhatItsFunctionReturned) {
   }
 }
 
+// A store that cannot tell says 0, and never anything else.
 TEST_P(StoreContract, TheStructureNumberChangesWhenANodeIsRemovedOrMoved) {
   const auto structure = [&] {
     std::uint64_t number = 0;
@@ -562,19 +563,20 @@ TEST_P(StoreContract, TheStructureNumberChangesWhenANodeIsRemovedOrMoved) {
     })));
     return number;
   };
-  if (structure() == 0) GTEST_SKIP() << "this store cannot tell without asking";
   add(kRootNode, "a");
   add(kRootNode, "b");
   const std::uint64_t first = structure();
+  const auto is_new = [&](std::uint64_t former) { return first == 0 ? structure() == 0 : structure() != former; };
   const NodeId b = id_of(kRootNode, "b");
   EXPECT_TRUE(done(store_->write([&](Update& update) { return move(update, kRootNode, "a", b, "a"); })));
+  EXPECT_TRUE(is_new(first));
   const std::uint64_t second = structure();
-  EXPECT_NE(second, first);
   EXPECT_TRUE(done(store_->write([&](Update& update) { return remove(update, b, "a"); })));
-  EXPECT_NE(structure(), second);
+  EXPECT_TRUE(is_new(second));
+  const std::uint64_t third = structure();
   const std::shared_ptr<Store> other = factory_->open_again();
   EXPECT_TRUE(done(other->write([&](Update& update) { return remove(update, kRootNode, "b"); })));
-  EXPECT_NE(structure(), second);
+  EXPECT_TRUE(is_new(third));
 }
 
 TEST_P(StoreContract, AnotherStoreSeesWhatWasCommitted) {
@@ -587,9 +589,8 @@ TEST_P(StoreContract, AnotherStoreSeesWhatWasCommitted) {
   EXPECT_EQ(value_of(a), "value");
 }
 
-TEST_P(StoreContract, AsManyChangesAsPromisedFitInOneWrite) {
-  const std::size_t count = std::min<std::size_t>(store_->max_changes(), 500);
-  ASSERT_GE(count, 2u);
+TEST_P(StoreContract, OneWriteHoldsManyChanges) {
+  constexpr std::size_t count = 500;
   EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
     for (std::size_t i = 0; i < count; ++i) {
       NodeId id = kNoNode;

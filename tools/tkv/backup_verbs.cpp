@@ -101,7 +101,7 @@ bool is_untouched(const Plan& plan, const Snapshot& wanted) {
     if (change.kind == Change::Kind::kChange && !change.before.name.empty()) return false;
   }
   // Without a removal or a change, what is there is the same as in the backup, or is the bare root.
-  return wanted.top.empty() ? plan.changes.size() + 1 >= plan.result.size() : plan.changes.size() == plan.result.size();
+  return wanted.top.empty() ? plan.changes.size() + 1 >= plan.keys : plan.changes.size() == plan.keys;
 }
 
 }  // namespace

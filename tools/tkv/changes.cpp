@@ -51,16 +51,6 @@ Status differs(const Plan& plan) {
 
 // The changes below one key (or of all) that stand together.
 using Changes = std::span<const Change>;
-using Entries = std::span<const Entry>;
-
-// How many of `items` from the front lie within the first one's subtree.
-template <typename Item, typename NameOf>
-std::size_t run_length(std::span<const Item> items, NameOf name_of) {
-  const std::string_view top = name_of(items.front());
-  std::size_t size = 1;
-  while (size < items.size() && registry::is_within(name_of(items[size]), top)) ++size;
-  return size;
-}
 
 const std::string& name_of(const Change& change) {
   return change.kind == Change::Kind::kRemove ? change.before.name : change.after.name;
@@ -70,27 +60,15 @@ const std::string& name_of(const Change& change) {
 Changes take_step(Changes* rest) {
   std::size_t size = 1;
   if (rest->front().kind != Change::Kind::kChange) {
-    const Change::Kind kind = rest->front().kind;
-    const std::size_t most = run_length(*rest, [](const Change& each) -> std::string_view { return name_of(each); });
-    while (size < most && (*rest)[size].kind == kind) ++size;
+    const Change& top = rest->front();
+    const auto goes_along = [&](const Change& each) {
+      return each.kind == top.kind && registry::is_within(name_of(each), name_of(top));
+    };
+    while (size < rest->size() && goes_along((*rest)[size])) ++size;
   }
   const Changes step = rest->first(size);
   *rest = rest->subspan(size);
   return step;
-}
-
-// Visible changes that a step takes.
-std::size_t cost_of(Changes step) {
-  const Change& first = step.front();
-  if (first.kind != Change::Kind::kChange) return 1;
-  const bool security = !same_security(first.before.security, first.after.security);
-  return (security ? 1u : 0u) + (first.before.value == first.after.value ? 0u : 1u);
-}
-
-std::size_t cost_of_all(Changes changes) {
-  std::size_t cost = 0;
-  while (!changes.empty()) cost += cost_of(take_step(&changes));
-  return cost;
 }
 
 // Makes a subtree that nobody sees yet. `at` gives each entry of it.
@@ -130,85 +108,6 @@ Status make_step(Writer& writer, Changes step) {
   return writer.set_security(first.after.name, first.after.security);
 }
 
-Status make_steps(Writer& writer, Changes changes) {
-  while (!changes.empty()) {
-    if (Status made = make_step(writer, take_step(&changes)); !made.ok()) return made;
-  }
-  return {};
-}
-
-// The entries of a subtree within a sorted list.
-Entries within(Entries entries, std::string_view top) {
-  const auto first =
-      std::lower_bound(entries.begin(), entries.end(), top,
-                       [](const Entry& entry, std::string_view name) { return name_before(entry.name, name); });
-  Entries rest(first, entries.end());
-  if (rest.empty() || rest.front().name != top) return {};
-  return rest.first(run_length(rest, [](const Entry& entry) -> std::string_view { return entry.name; }));
-}
-
-Status swap_subtree(Writer& writer, const Plan& plan, const std::string& top) {
-  const Entries entries = within(plan.result, top);
-  store::NodeId id = store::kNoNode;
-  const auto at = [&](std::size_t each) -> const Entry& { return entries[each]; };
-  if (Status built = build_aside(writer, entries.size(), at, &id); !built.ok()) return built;
-  return writer.plant(id, entries.front().security, "", top, true);
-}
-
-constexpr std::size_t kSwapCost = 2;  // one key off its parent, one in its place
-
-// What changes below the root, child by child: as steps, or by putting another subtree in place.
-Status apply_below_root(Writer& writer, const Plan& plan, std::size_t max_changes) {
-  struct Part {
-    Changes changes;
-    bool swapped;
-  };
-  std::vector<Part> parts;
-  std::size_t cost = 0;
-  for (Changes rest = plan.changes; !rest.empty();) {
-    std::string_view name = name_of(rest.front());
-    const std::string_view child = name.empty() ? name : registry::take_level(&name);
-    std::size_t size = 1;
-    while (!child.empty() && size < rest.size() && registry::is_within(name_of(rest[size]), child)) ++size;
-    const Changes changes = rest.first(size);
-    const std::size_t steps = cost_of_all(changes);
-    const bool swapped = !child.empty() && steps > kSwapCost;
-    parts.push_back({changes, swapped});
-    cost += swapped ? kSwapCost : steps;
-    rest = rest.subspan(size);
-  }
-  if (cost > max_changes) {
-    return {PRTKV_INVALID_ARGUMENT,
-            "too many subkeys of the root change for one transaction of this store: " + std::to_string(cost) +
-                " changes, and " + std::to_string(max_changes) + " fit; bring them in one subtree at a time"};
-  }
-  for (const Part& part : parts) {
-    std::string_view name = name_of(part.changes.front());
-    const Status made = part.swapped ? swap_subtree(writer, plan, std::string(registry::take_level(&name)))
-                                     : make_steps(writer, part.changes);
-    if (!made.ok()) return made;
-  }
-  return {};
-}
-
-Status change_all(Writer& writer, const std::string& name, std::size_t max_changes,
-                  FunctionRef<void(sec_attr*)> change) {
-  Snapshot current;
-  Plan plan;
-  const Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, name, &current); });
-  if (!read.ok()) return read;
-  Snapshot wanted = current;
-  for (Entry& entry : wanted.entries) {
-    if ((registry::rights_of(writer.identity(), entry.security) & TKV_RIGHT_SECURITY) == 0) {
-      return {PRTKV_ACCESS_DENIED,
-              registry::describe(entry.name) + ": access denied, changing its security needs the right 0x8"};
-    }
-    change(&entry.security);
-  }
-  if (Status planned = make_plan(current, wanted, Manner::kReplace, {}, &plan); !planned.ok()) return planned;
-  return apply_plan(writer, plan, name, max_changes);
-}
-
 }  // namespace
 
 std::uint64_t Plan::count(Change::Kind kind) const {
@@ -241,7 +140,7 @@ Status read_snapshot(Reader& reader, const std::string& top, Snapshot* snapshot)
 
 Status make_plan(const Snapshot& current, const Snapshot& wanted, Manner manner, const sec_attr& fresh, Plan* plan) {
   plan->changes.clear();
-  plan->result.clear();
+  plan->keys = 0;
   Entry base;
   base.security = fresh;
   auto have = current.entries.begin();
@@ -251,44 +150,32 @@ Status make_plan(const Snapshot& current, const Snapshot& wanted, Manner manner,
         want == wanted.entries.end() || (have != current.entries.end() && name_before(have->name, want->name));
     if (only_have && manner == Manner::kReplace) {
       plan->changes.push_back({Change::Kind::kRemove, *have++, {}});
-    } else if (only_have) {
-      plan->result.push_back(*have++);
+      continue;
+    }
+    ++plan->keys;
+    if (only_have) {
+      ++have;
     } else if (have == current.entries.end() || have->name != want->name) {
-      plan->result.push_back(completed(*want++, base));
-      plan->changes.push_back({Change::Kind::kAdd, {}, plan->result.back()});
+      plan->changes.push_back({Change::Kind::kAdd, {}, completed(*want++, base)});
     } else {
-      plan->result.push_back(completed(*want++, *have));
-      if (!is_same(*have, plan->result.back())) {
-        plan->changes.push_back({Change::Kind::kChange, *have, plan->result.back()});
-      }
+      Entry after = completed(*want++, *have);
+      if (!is_same(*have, after)) plan->changes.push_back({Change::Kind::kChange, *have, std::move(after)});
       ++have;
     }
   }
   return manner == Manner::kAdd ? differs(*plan) : Status();
 }
 
-Status apply_plan(Writer& writer, const Plan& plan, const std::string& top, std::size_t max_changes) {
-  if (plan.changes.empty()) return {};
-  if (cost_of_all(plan.changes) <= max_changes) return make_steps(writer, plan.changes);
-  return top.empty() ? apply_below_root(writer, plan, max_changes) : swap_subtree(writer, plan, top);
+Status apply_plan(Writer& writer, const Plan& plan) {
+  for (Changes rest = plan.changes; !rest.empty();) {
+    if (Status made = make_step(writer, take_step(&rest)); !made.ok()) return made;
+  }
+  return {};
 }
 
 Status change_security(registry::Registry& registry, const std::string& name, bool recursive,
                        FunctionRef<void(sec_attr* security)> change) {
-  const std::size_t max_changes = registry.store().max_changes();
-  std::uint64_t keys = 0;
-  if (recursive) {
-    const Status counted = registry.read_all([&](Reader& reader) {
-      keys = 0;
-      return reader.walk(name, registry::Hidden::kSkip, [&](const registry::Entry&) {
-        ++keys;
-        return Status();
-      });
-    });
-    if (!counted.ok()) return counted;
-  }
   return registry.write([&](Writer& writer) -> Status {
-    if (recursive && keys > max_changes) return change_all(writer, name, max_changes, change);
     if (recursive) {
       return writer.set_security_below(name, [&](const registry::Entry& key) {
         sec_attr security = key.node.security;

@@ -1,7 +1,4 @@
 // Changes: how a subtree gets from what it is to what it should be, in one transaction.
-//
-// A store may be able to make only so many visible changes at once (Store::max_changes). What needs more is built aside
-// and put in the place of the subtree as a whole; its keys are new keys then, for whoever has them open.
 #ifndef TKV_TOOLS_TKV_CHANGES_H
 #define TKV_TOOLS_TKV_CHANGES_H
 
@@ -30,7 +27,7 @@ struct Change {
 
 struct Plan {
   std::vector<Change> changes;  // in the order of names
-  std::vector<Entry> result;    // the whole subtree as it will be
+  std::uint64_t keys = 0;       // of the whole subtree as it will be
 
   std::uint64_t count(Change::Kind kind) const;
 };
@@ -44,8 +41,8 @@ Status read_snapshot(registry::Reader& reader, const std::string& top, Snapshot*
 // or from `fresh`. 55 for kAdd when something exists and differs.
 Status make_plan(const Snapshot& current, const Snapshot& wanted, Manner manner, const sec_attr& fresh, Plan* plan);
 
-// Makes a plan's changes. `top` is the plan's; its parent exists.
-Status apply_plan(registry::Writer& writer, const Plan& plan, const std::string& top, std::size_t max_changes);
+// Makes a plan's changes. The parent of its top exists.
+Status apply_plan(registry::Writer& writer, const Plan& plan);
 
 // Changes the security records of a key, or of everything below it too, in one transaction.
 Status change_security(registry::Registry& registry, const std::string& name, bool recursive,

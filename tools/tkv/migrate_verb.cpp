@@ -177,7 +177,7 @@ Status make_change(Writer& writer, const Change& change) {
 // Makes the changes batch by batch: each is a transaction, so that an interruption loses no more than the last.
 Outcome make_changes(Context& context, Registry& target, const std::vector<Change>& changes) {
   Progress progress(context.terminal(), "migrate");
-  const std::size_t batch = std::clamp<std::size_t>(target.store().max_changes() / 2, 1, kBatch);
+  const std::size_t batch = std::clamp<std::size_t>(target.store().handy_changes() / 2, 1, kBatch);
   for (std::size_t done = 0; done < changes.size();) {
     const std::size_t end = std::min(changes.size(), done + batch);
     const Status status = target.write([&](Writer& writer) -> Status {

@@ -101,7 +101,6 @@ Outcome plan_for(Context& context, const Snapshot& wanted, Manner manner, Plan* 
 Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool parents, const Plan& expected,
                  std::uint64_t* changes) {
   registry::Registry& registry = context.registry();
-  const std::size_t max_changes = registry.store().max_changes();
   const NewKeySecurity of_session;
   std::size_t all = 0;
   Progress progress(context.terminal(), "write");
@@ -122,7 +121,7 @@ Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool p
       if (Status made = KeyMaker(of_session).make_parents(writer, wanted.top); !made.ok()) return made;
     }
     *changes = all = plan.changes.size();
-    return apply_plan(writer, plan, wanted.top, max_changes);
+    return apply_plan(writer, plan);
   });
 }
 

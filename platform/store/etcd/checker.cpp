@@ -171,7 +171,11 @@ Status Checker::read_next_id() {
   return {};
 }
 
+// First of all decides which state is checked.
 Status Checker::read() {
+  RangeResponse counter;
+  const Outcome settled = read_settled(core_, get_one(core_.keys.meta()), &counter, &revision_);
+  if (!settled.ok()) return settled.status;
   if (Status status = read_leftovers(); !status.ok()) return status;
   if (Status status = read_nodes(); !status.ok()) return status;
   if (Status status = read_values(); !status.ok()) return status;

@@ -6,7 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "claims.h"
 #include "cluster.h"
+#include "function_ref.h"
 #include "id_source.h"
 #include "keys.h"
 #include "node_cache.h"
@@ -23,6 +25,7 @@ struct Core {
         cache(kCachedNodes),
         ids(*cluster, keys),
         writers(keys),
+        claims(keys),
         sweeper(*cluster, keys) {}
 
   static constexpr std::size_t kCachedNodes = 16384;
@@ -34,8 +37,15 @@ struct Core {
   NodeCache cache;
   IdSource ids;
   Writers writers;
+  Claims claims;
   Sweeper sweeper;
 };
+
+// Carries out what is left of a decision, as plan.h tells.
+Status carry_out_decision(Core& core, const Claim& claim, FunctionRef<Deadline()> deadline);
+
+// Reads a range as the registry stands at a revision at which nothing decided is left to be carried out.
+Outcome read_settled(Core& core, const RangeRequest& range, RangeResponse* response, std::int64_t* revision);
 
 // The one record of an answer, at its place. A record that is not there is revision 0.
 Known known_of(const RangeResponse& response, const Place& place);

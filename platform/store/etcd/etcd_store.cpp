@@ -14,8 +14,8 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::size_t kMostChanges = 50;  // with each its garbage key and comparisons
-constexpr int kMostLongRuns = 5;
+constexpr std::size_t kHandyChanges = 50;  // with each its garbage key and comparisons
+constexpr int kMostLongRuns = 8;
 constexpr std::size_t kLongestPrefix = 256;
 constexpr std::int64_t kLeftoversPerLook = 50;
 
@@ -73,7 +73,7 @@ class EtcdStore final : public Store {
     return run(Transaction::Purpose::kWrite, [&](Transaction& update) { return function(update); });
   }
 
-  std::size_t max_changes() const override { return kMostChanges; }
+  std::size_t handy_changes() const override { return kHandyChanges; }
 
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override {
@@ -103,7 +103,8 @@ Status EtcdStore::run(Transaction::Purpose purpose, FunctionRef<Status(Transacti
     int long_runs = 0;
     for (int run = 1;; ++run) {
       Transaction transaction(core_, purpose, std::move(basis), deadline);
-      Status result = call(function, transaction);
+      Status result = transaction.start();
+      if (result.ok()) result = call(function, transaction);
       if (transaction.finish(&result)) return result;
       const bool out_of_time = transaction.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {
@@ -131,11 +132,13 @@ Status EtcdStore::open(const EtcdOptions& options) {
   look(get_range(keys.all_garbage(), kLeftoversPerLook));
   look(get_range(keys.all_staging(), kLeftoversPerLook));
   look(get_range(keys.all_writers(), kLeftoversPerLook));
+  look(get_all(keys.all_claims()));
   TxnResponse response;
   if (Outcome outcome = core_.cluster->txn(request, &response, core_.deadline()); !outcome.ok()) return outcome.status;
   if (response.succeeded()) {
     if (!options.create) return {PRTKV_NO_SUCH_KEY, "there is no registry under '" + options.prefix + "' in etcd"};
     core_.ids.know(Meta(), response.header().revision());
+    core_.claims.learn(RangeResponse(), response.header().revision());
     return {};
   }
   const RangeResponse& found = response.responses(0).response_range();
@@ -145,8 +148,10 @@ Status EtcdStore::open(const EtcdOptions& options) {
   }
   core_.ids.know(meta, found.kvs(0).mod_revision());
   core_.cache.put(root, known_of(response.responses(1).response_range(), root));
+  const RangeResponse& claims = response.responses(5).response_range();
+  core_.claims.learn(claims, response.header().revision());
   core_.sweeper.found(response.responses(2).response_range(), response.responses(3).response_range(),
-                      response.responses(4).response_range());
+                      response.responses(4).response_range(), claims);
   return {};
 }
 

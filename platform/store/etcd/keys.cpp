@@ -38,6 +38,14 @@ std::string Keys::value(NodeId id) const { return prefix_ + "v/" + digits(id); }
 
 std::string Keys::garbage(NodeId id) const { return prefix_ + "garbage/" + digits(id); }
 
+std::string Keys::claim(NodeId top, std::string_view token) const {
+  return prefix_ + "claims/" + digits(top) + "/" + std::string(token);
+}
+
+std::string Keys::plan(std::string_view token, std::uint64_t number) const {
+  return prefix_ + "plan/" + std::string(token) + "/" + digits(number);
+}
+
 KeyRange Keys::folder(std::string_view name) const {
   std::string begin = prefix_ + std::string(name);
   return {begin, after(begin)};
@@ -55,6 +63,21 @@ std::optional<Place> Keys::parse_node(std::string_view key) const {
   const auto parent = parse_digits(key.substr(head, kIdDigits));
   if (!parent) return {};
   return Place{*parent, std::string(key.substr(head + kIdDigits + 1))};
+}
+
+std::optional<ClaimPlace> Keys::parse_claim(std::string_view key) const {
+  const std::string start = prefix_ + "claims/";
+  if (!key.starts_with(start) || key.size() <= start.size() + kIdDigits + 1) return {};
+  key.remove_prefix(start.size());
+  const auto top = parse_digits(key.substr(0, kIdDigits));
+  if (!top || key[kIdDigits] != '/') return {};
+  return ClaimPlace{*top, std::string(key.substr(kIdDigits + 1))};
+}
+
+std::optional<std::string> Keys::parse_staging(std::string_view key) const {
+  const std::string start = prefix_ + "staging/";
+  if (!key.starts_with(start)) return {};
+  return std::string(key.substr(start.size()));
 }
 
 std::optional<NodeId> Keys::parse_id(std::string_view key, std::string_view folder) const {

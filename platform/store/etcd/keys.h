@@ -4,8 +4,11 @@
 //   n/<parent's id>/<level name>      a node, where it hangs
 //   v/<id>                            a node's value
 //   txn/<writer>                      the last transaction of a writer, by which it finds out whether a lost one was
-//   made staging/<token>                   a subtree that is being built aside: by whom, under which ids garbage/<id>
-//   a subtree that was taken out of the tree and is to be removed
+//                                     made
+//   staging/<token>                   a subtree that is being built aside: by whom, under which ids
+//   garbage/<id>                      a subtree that was taken out of the tree and is to be removed
+//   claims/<top's id>/<token>         a large change of the subtree: being prepared, or decided and being carried out
+//   plan/<token>/<number>             a batch of that change
 //
 // Ids are 16 hexadecimal digits, so that keys of one parent stand together and in byte order of the names. This is on
 // the wire and in the cluster: do not change.
@@ -29,6 +32,12 @@ struct Place {
   auto operator<=>(const Place&) const = default;
 };
 
+// Where a claim stands.
+struct ClaimPlace {
+  NodeId top = kNoNode;
+  std::string token;
+};
+
 // All keys from `begin` up to `end`, without it.
 struct KeyRange {
   std::string begin;
@@ -44,6 +53,8 @@ class Keys {
   std::string value(NodeId id) const;
   std::string garbage(NodeId id) const;
   std::string staging(std::string_view token) const { return prefix_ + "staging/" + std::string(token); }
+  std::string claim(NodeId top, std::string_view token) const;
+  std::string plan(std::string_view token, std::uint64_t number) const;
   std::string writer(std::string_view writer) const { return prefix_ + "txn/" + std::string(writer); }
 
   KeyRange all_nodes() const { return folder("n/"); }
@@ -51,6 +62,9 @@ class Keys {
   KeyRange all_garbage() const { return folder("garbage/"); }
   KeyRange all_staging() const { return folder("staging/"); }
   KeyRange all_writers() const { return folder("txn/"); }
+  KeyRange all_claims() const { return folder("claims/"); }
+  KeyRange all_plans() const { return folder("plan/"); }
+  KeyRange all_of_plan(std::string_view token) const { return folder("plan/" + std::string(token) + "/"); }
   KeyRange children(NodeId parent) const { return nodes_below(parent, parent); }
 
   // The nodes that hang below the ids from `first` to `last`, and the values of those ids.
@@ -61,6 +75,8 @@ class Keys {
   std::optional<Place> parse_node(std::string_view key) const;
   std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
+  std::optional<ClaimPlace> parse_claim(std::string_view key) const;
+  std::optional<std::string> parse_staging(std::string_view key) const;
 
  private:
   KeyRange folder(std::string_view name) const;

@@ -23,6 +23,7 @@ using etcdserverpb::TxnResponse;
 // What one transaction of etcd takes as it comes, with room left for what every write adds.
 constexpr int kMostOperations = 128;
 constexpr std::size_t kMostBytes = 1400 * 1024;
+constexpr std::size_t kOperationOverhead = 512;  // key, place and framing of one operation, at the most
 
 // The key stands at this revision; 0: it is not there.
 inline void compare_revision(TxnRequest* request, std::string key, std::int64_t mod_revision) {
@@ -43,6 +44,16 @@ inline void compare_no_newcomer(TxnRequest* request, KeyRange range, std::int64_
   compare->set_create_revision(revision + 1);
 }
 
+// No key of the range was written after this revision. That one was removed does not show.
+inline void compare_not_written_since(TxnRequest* request, KeyRange range, std::int64_t revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::MOD);
+  compare->set_result(Compare::LESS);
+  compare->set_key(std::move(range.begin));
+  compare->set_range_end(std::move(range.end));
+  compare->set_mod_revision(revision + 1);
+}
+
 inline RangeRequest get_one(std::string key) {
   RangeRequest request;
   request.set_key(std::move(key));
@@ -56,6 +67,8 @@ inline RangeRequest get_range(KeyRange range, std::int64_t limit) {
   request.set_limit(limit);
   return request;
 }
+
+inline RangeRequest get_all(KeyRange range) { return get_range(std::move(range), 0); }
 
 inline void put(RequestOp* operation, std::string key, std::string value) {
   operation->mutable_request_put()->set_key(std::move(key));

@@ -6,18 +6,6 @@
 
 namespace tkv::store::etcd {
 
-Known known_of(const KeyValue& record, const Place& place) {
-  Known known{record.mod_revision(), {}, {}};
-  Node node;
-  known.damage = decode_node(place.parent, place.name, as_bytes(record.value()), &node);
-  if (known.damage.ok()) known.node = node;
-  return known;
-}
-
-Known known_of(const RangeResponse& response, const Place& place) {
-  return response.kvs_size() == 0 ? Known{} : known_of(response.kvs(0), place);
-}
-
 Status Snapshot::fail(const Outcome& outcome) {
   if (failure_.ok()) failure_ = outcome;
   return outcome.status;
@@ -32,9 +20,8 @@ Status Snapshot::get(RangeRequest request, RangeResponse* response) {
 
 // The first answer fixes the revision of all others.
 Status Snapshot::get_first(const RangeRequest& request, RangeResponse* response) {
-  if (Outcome outcome = core_.cluster->range(request, response, core_.deadline()); !outcome.ok()) return fail(outcome);
-  revision_ = response->header().revision();
-  return {};
+  const Outcome outcome = read_settled(core_, request, response, &revision_);
+  return outcome.ok() ? Status() : fail(outcome);
 }
 
 // Fetches what is asked for with what comes after it. When that cannot be, the caller asks for the one thing alone.

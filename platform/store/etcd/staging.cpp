@@ -58,19 +58,16 @@ bool StagingText::is_abandoned(std::int64_t now) const {
   return given_up || has_ended(owner) || now - seconds > kLongSeconds;
 }
 
-Build::Build(Cluster& cluster, const Keys& keys) : cluster_(cluster), mark_{keys.staging(random_token()), 0} {
+Build::Build(Cluster& cluster, const Keys& keys)
+    : cluster_(cluster), token_(random_token()), mark_{keys.staging(token_), 0} {
   text_.owner = this_owner();
 }
 
-Status Build::send(TxnRequest batch, const std::vector<IdRange>& ids, bool* lost) {
-  *lost = false;
+Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
   ++text_.batch;
   text_.seconds = seconds_now();
   text_.ids = ids;
-  const Written written = write_once(cluster_, std::move(batch), &mark_, text_.print(), Deadline(cluster_.timeout()));
-  if (!written.status.ok()) return written.status;
-  *lost = !written.made;
-  return {};
+  return write_once(cluster_, std::move(batch), &mark_, text_.print(), Deadline(cluster_.timeout()));
 }
 
 void Build::finish_in(TxnRequest* last) const {

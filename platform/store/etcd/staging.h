@@ -39,15 +39,18 @@ class Build {
 
   bool started() const { return text_.batch > 0; }
   const std::string& key() const { return mark_.key; }
+  const std::string& token() const { return token_; }
 
-  // Sends a batch of puts and removals below `ids`. `lost`: another session has given this build up.
-  Status send(TxnRequest batch, const std::vector<IdRange>& ids, bool* lost);
+  // Sends a batch of puts and removals below `ids`. Not made: another session has given this build up, or comparisons
+  // of the batch's own did not hold.
+  Written send(TxnRequest batch, const std::vector<IdRange>& ids);
 
   // Adds to the last transaction what ends the build.
   void finish_in(TxnRequest* last) const;
 
  private:
   Cluster& cluster_;
+  const std::string token_;
   Mark mark_;
   StagingText text_;
 };

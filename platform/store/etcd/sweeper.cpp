@@ -5,6 +5,7 @@
 
 #include "owner.h"
 #include "pager.h"
+#include "plan.h"
 #include "record.h"
 
 namespace tkv::store::etcd {
@@ -237,6 +238,7 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
     if (!response.succeeded()) return outcome.repeated ? sweep_build(key, ours, pace) : Status();
   }
   if (text) {
+    if (Status status = sweep_range(keys_.all_of_plan(*keys_.parse_staging(key)), pace); !status.ok()) return status;
     for (const IdRange& ids : text->ids) {
       if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
       if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), pace); !status.ok()) return status;
@@ -244,7 +246,34 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
   }
   TxnRequest last;
   erase(last.add_success(), key);
-  return remove(&last, pace);
+  if (Status status = remove(&last, pace); !status.ok()) return status;
+  return sweep_claims(pace);
+}
+
+// A claim without its build is nobody's. What was decided no longer needs one.
+Status Sweeper::sweep_claims(const Pace& pace) {
+  const auto time = [&] { return Deadline(pace.request); };
+  Pager claims(cluster_, get_range(keys_.all_claims(), kMarkersPerLook));
+  while (claims.more()) {
+    RangeResponse page;
+    if (Outcome outcome = claims.next(&page); !outcome.ok()) return outcome.status;
+    for (const KeyValue& record : page.kvs()) {
+      const auto place = keys_.parse_claim(record.key());
+      if (!place) continue;
+      if (pace.stop()) return PRTKV_UNREACHABLE;
+      const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
+      if (claim.text.decided) {
+        if (Status status = carry_out_decision(cluster_, keys_, claim, time); !status.ok()) return status;
+        continue;
+      }
+      TxnRequest request;
+      compare_revision(&request, keys_.staging(claim.token), 0);
+      compare_revision(&request, record.key(), record.mod_revision());
+      erase(request.add_success(), record.key());
+      if (Status status = remove(&request, pace); !status.ok()) return status;
+    }
+  }
+  return {};
 }
 
 Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
@@ -264,12 +293,13 @@ Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
   }
 }
 
-void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers) {
+void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers,
+                    const RangeResponse& claims) {
   const std::int64_t now = seconds_now();
-  bool work = garbage.kvs_size() > 0;
+  bool work = garbage.kvs_size() > 0 || claims.kvs_size() > 0;
   for (const KeyValue& build : staging.kvs()) work = work || is_abandoned_build(build, now);
   for (const KeyValue& mark : writers.kvs()) work = work || is_old_mark(mark, now);
-  if (work) add({Job::Kind::kLookAround, ""});
+  if (work) look_around();
 }
 
 Status Sweeper::sweep_all() {
@@ -280,6 +310,7 @@ Status Sweeper::sweep_all() {
 Status Sweeper::sweep_all(const Pace& pace) {
   if (Status status = sweep_marks(pace); !status.ok()) return status;
   if (Status status = sweep_builds(pace); !status.ok()) return status;
+  if (Status status = sweep_claims(pace); !status.ok()) return status;
   return sweep_garbage(pace);
 }
 

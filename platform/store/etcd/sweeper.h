@@ -1,4 +1,5 @@
 // Removes what hangs on nothing any more: subtrees that were taken out of the tree, and what interrupted builds left.
+// Carries out what was decided by sessions that have ended.
 //
 // Such things have a key that names them until they are gone, so that whoever opens the registry next finishes what a
 // session leaves undone. Removal goes from the leaves up, in bounded batches; any number of sweepers may be at the same
@@ -39,14 +40,18 @@ class Sweeper {
   // behind, and the rest later.
   void remove_garbage(const std::vector<std::string>& keys);
 
+  // Removes what lies about and belongs to nobody alive, and carries out what was decided, later.
+  void look_around() { add({Job::Kind::kLookAround, ""}); }
+
   // The key of a build that its owner, this process, gives up.
   void give_up_build(std::string key);
 
-  // Removes everything that lies about and belongs to nobody alive, now, on the caller's thread.
+  // The same now, on the caller's thread.
   Status sweep_all();
 
   // What lies about, as read when the registry was opened; starts removing what belongs to nobody alive.
-  void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers);
+  void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers,
+             const RangeResponse& claims);
 
  private:
   struct Job {
@@ -66,6 +71,7 @@ class Sweeper {
   Status sweep_all(const Pace& pace);
   Status sweep_marks(const Pace& pace);
   Status sweep_builds(const Pace& pace);
+  Status sweep_claims(const Pace& pace);
   Status sweep_garbage(const Pace& pace);
   bool stopping();
   Status sweep_garbage(const std::string& key, const Pace& pace);

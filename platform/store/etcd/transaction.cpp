@@ -10,23 +10,14 @@
 namespace tkv::store::etcd {
 namespace {
 
-// Comparisons of one transaction, with room for those of the writer and of a build.
+// Comparisons of one transaction, with room for those of claims, of the writer and of a build.
 constexpr std::size_t kMostCompared = 120;
 constexpr std::size_t kMostFromCache = 100;
-constexpr int kOperationsPerBatch = 100;
+constexpr std::int64_t kNodesAhead = 500;
 constexpr std::uint64_t kFirstBlock = 1024;
 constexpr std::uint64_t kLargestBlock = 65536;
-constexpr std::size_t kOperationOverhead = 512;  // key, place and framing of one operation, at the most
-
-Status too_many_reads() {
-  return {PRTKV_INVALID_ARGUMENT, "an update that depends on more entries than one transaction of etcd can compare"};
-}
 
 Status moved_on() { return {PRTKV_UNREACHABLE, "the registry changed while it was read"}; }
-
-std::size_t hash_of(const Place& place) {
-  return std::hash<std::string>()(place.name) ^ (std::hash<NodeId>()(place.parent) * 0x9e3779b97f4a7c15u);
-}
 
 }  // namespace
 
@@ -36,8 +27,9 @@ Transaction::Transaction(Core& core, Purpose purpose, Basis basis, Deadline dead
       basis_(std::move(basis)),
       deadline_(deadline),
       first_run_(basis_.revision == 0),
+      claims_(first_run_ ? core.claims.known() : basis_.claims),
       revision_(basis_.revision),
-      use_cache_(first_run_),
+      use_cache_(first_run_ && !basis_.top),
       next_block_(kFirstBlock) {}
 
 Transaction::~Transaction() {
@@ -55,6 +47,7 @@ Status Transaction::fail(Status status) {
 Status Transaction::run_again(bool from_scratch) {
   again_ = true;
   if (from_scratch) basis_ = Basis();
+  if (claim_) claim_again();
   return moved_on();
 }
 
@@ -63,25 +56,55 @@ bool Transaction::is_fresh(NodeId id) const {
                      [id](const IdRange& range) { return range.first <= id && id <= range.last; });
 }
 
+std::size_t Transaction::hash_of(const Place& place) {
+  return std::hash<std::string>()(place.name) ^ (std::hash<NodeId>()(place.parent) * 0x9e3779b97f4a7c15u);
+}
+
 bool Transaction::is_sent_ahead(const Place& place) const { return sent_.contains(hash_of(place)); }
 
 // ---- reading
 
+// Whether what hangs below this node need not be compared: this run only surveys, or has laid claim to it.
+bool Transaction::stands_by_itself(NodeId parent) const {
+  return surveying_ || (claim_ && lineage_.is_below(parent, claim_->top));
+}
+
+// From here on reads without comparing, to find out what the change is about.
+Status Transaction::survey() {
+  if (Status status = validate(); !status.ok()) return status;
+  surveying_ = true;
+  long_ = true;
+  return {};
+}
+
+Status Transaction::make_room_to_compare() {
+  const bool full = purpose_ == Purpose::kWrite && !surveying_ && compared_ >= kMostCompared;
+  return full ? survey() : Status();
+}
+
 Status Transaction::add_read(const Place& place, Known known, bool validated, const Known** added) {
-  if (purpose_ == Purpose::kWrite && nodes_.size() + values_.size() + listings_.size() >= kMostCompared) {
-    return fail(too_many_reads());
+  bool compared = !stands_by_itself(place.parent);
+  if (compared) {
+    if (Status status = make_room_to_compare(); !status.ok()) return status;
+    compared = !surveying_;
   }
+  if (compared) ++compared_;
   if (!validated) ++unvalidated_;
-  *added = &nodes_.insert_or_assign(place, std::move(known)).first->second;
+  if (known.node) {
+    lineage_.add(place.parent, known.node->id);
+    if (const Claim* decided = claims_->decided_on(known.node->id)) return carry_out(*decided);
+  }
+  *added = &nodes_.insert_or_assign(place, ReadNode{std::move(known), compared}).first->second.known;
   return {};
 }
 
 Status Transaction::look_up(const Place& place, const Known** known) {
   if (const auto read = nodes_.find(place); read != nodes_.end()) {
-    *known = &read->second;
+    *known = &read->second.known;
     return {};
   }
-  if (!first_run_ && basis_.revision != 0) {
+  if (Status status = settle(place.parent); !status.ok()) return status;
+  if (!first_run_) {
     if (const auto brought = basis_.nodes.find(place); brought != basis_.nodes.end()) {
       return add_read(place, brought->second, true, known);
     }
@@ -89,6 +112,7 @@ Status Transaction::look_up(const Place& place, const Known** known) {
   if (use_cache_ && nodes_.size() + values_.size() < kMostFromCache) {
     if (const auto cached = core_.cache.get(place)) return add_read(place, *cached, false, known);
   }
+  if (stands_by_itself(place.parent)) return look_up_ahead(place, known);
   RangeResponse response;
   if (Status status = fetch(get_one(core_.keys.node(place)), &response, &place); !status.ok()) return status;
   Known fetched = known_of(response, place);
@@ -96,18 +120,27 @@ Status Transaction::look_up(const Place& place, const Known** known) {
   return add_read(place, std::move(fetched), true, known);
 }
 
+// Large changes go from one subkey to the next: reads those that follow as well.
+Status Transaction::look_up_ahead(const Place& place, const Known** known) {
+  RangeResponse response;
+  const KeyRange rest{core_.keys.node(place), core_.keys.children(place.parent).end};
+  if (Status status = fetch(get_range(rest, kNodesAhead), &response, nullptr); !status.ok()) return status;
+  if (Status status = add_read(place, Known{}, true, known); !status.ok()) return status;
+  for (const KeyValue& record : response.kvs()) {
+    const auto found = core_.keys.parse_node(record.key());
+    if (!found || (*found != place && nodes_.contains(*found))) continue;
+    const Known* added = nullptr;
+    if (Status status = add_read(*found, known_of(record, *found), true, &added); !status.ok()) return status;
+    if (*found == place) *known = added;
+  }
+  return {};
+}
+
 // Reads a range on the state that everything read so far stands on.
 Status Transaction::fetch(RangeRequest range, RangeResponse* response, const Place* node) {
   if (!failure_.ok()) return failure_;
   if (again_) return moved_on();
-  if (unvalidated_ == 0) {
-    range.set_revision(revision_);
-    Outcome outcome = core_.cluster->range(range, response, deadline());
-    if (outcome.verdict == Verdict::kCompacted) return run_again(true);
-    if (!outcome.ok()) return fail(outcome.status);
-    if (revision_ == 0) revision_ = response->header().revision();
-    return {};
-  }
+  if (revision_ != 0 && unvalidated_ == 0) return fetch_at_revision(std::move(range), response);
   TxnRequest request;
   add_comparisons(&request);
   *request.add_success()->mutable_request_range() = range;
@@ -125,6 +158,13 @@ Status Transaction::fetch(RangeRequest range, RangeResponse* response, const Pla
   return {};
 }
 
+Status Transaction::fetch_at_revision(RangeRequest range, RangeResponse* response) {
+  range.set_revision(revision_);
+  Outcome outcome = core_.cluster->range(range, response, deadline());
+  if (outcome.verdict == Verdict::kCompacted) return run_again(true);
+  return outcome.ok() ? Status() : fail(outcome.status);
+}
+
 // Below ids that only this run knows, nothing needs to be compared.
 Status Transaction::read_newest(const RangeRequest& range, RangeResponse* response) {
   if (!failure_.ok()) return failure_;
@@ -133,21 +173,29 @@ Status Transaction::read_newest(const RangeRequest& range, RangeResponse* respon
 }
 
 void Transaction::add_comparisons(TxnRequest* request) const {
-  for (const auto& [place, known] : nodes_) compare_revision(request, core_.keys.node(place), known.mod_revision);
-  for (const auto& [id, read] : values_) compare_revision(request, core_.keys.value(id), read.mod_revision);
+  compare_claims(request, core_.keys, *claims_);
+  if (claim_) compare_revision(request, core_.keys.claim(claim_->top, claim_->token), claim_->mod_revision);
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) compare_revision(request, core_.keys.node(place), read.known.mod_revision);
+  }
+  for (const auto& [id, read] : values_) {
+    if (read.compared) compare_revision(request, core_.keys.value(id), read.mod_revision);
+  }
   for (const Listing& listing : listings_) compare_no_newcomer(request, listing.range, listing.revision);
 }
 
 void Transaction::add_rereading(TxnRequest* request) const {
-  for (const auto& [place, known] : nodes_) {
-    *request->add_failure()->mutable_request_range() = get_one(core_.keys.node(place));
+  *request->add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) *request->add_failure()->mutable_request_range() = get_one(core_.keys.node(place));
   }
 }
 
-// Takes in what the failure branch read: the nodes of this run in their order, and one more.
+// Takes in what the failure branch read: the claims, the nodes of this run in their order, and one more.
 void Transaction::learn(const TxnResponse& response, const Place* also) {
-  basis_ = Basis{response.header().revision(), {}};
+  basis_ = Basis{response.header().revision(), {}, {}, {}, 1};
   int at = 0;
+  basis_.claims = core_.claims.learn(response.responses(at++).response_range(), basis_.revision);
   const auto take = [&](const Place& place) {
     const Known known = known_of(response.responses(at++).response_range(), place);
     if (known.node) {
@@ -157,7 +205,9 @@ void Transaction::learn(const TxnResponse& response, const Place* also) {
     }
     basis_.nodes[place] = known;
   };
-  for (const auto& [place, known] : nodes_) take(place);
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) take(place);
+  }
   if (also != nullptr) take(*also);
 }
 
@@ -168,9 +218,13 @@ Status Transaction::validate() {
   add_rereading(&request);
   TxnResponse answer;
   if (Outcome outcome = core_.cluster->txn(request, &answer, deadline()); !outcome.ok()) return fail(outcome.status);
-  if (answer.succeeded()) return {};
-  learn(answer, nullptr);
-  return run_again(false);
+  if (!answer.succeeded()) {
+    learn(answer, nullptr);
+    return run_again(false);
+  }
+  revision_ = answer.header().revision();
+  unvalidated_ = 0;
+  return {};
 }
 
 // What this run itself has made of a place, in memory or sent ahead.
@@ -224,15 +278,20 @@ Status Transaction::value(NodeId id, Value* value) {
     *value = read->second.value;
     return {};
   }
+  if (Status status = fresh ? Status() : settle(id); !status.ok()) return status;
+  bool compared = !fresh && !stands_by_itself(id);
+  if (compared) {
+    if (Status status = make_room_to_compare(); !status.ok()) return status;
+    compared = !surveying_;
+  }
   RangeResponse response;
   const RangeRequest request = get_one(core_.keys.value(id));
   if (Status status = fresh ? read_newest(request, &response) : fetch(request, &response, nullptr); !status.ok()) {
     return status;
   }
-  if (!fresh && purpose_ == Purpose::kWrite && nodes_.size() + values_.size() + listings_.size() >= kMostCompared) {
-    return fail(too_many_reads());
-  }
   ReadValue& read = values_[id];
+  read.compared = compared;
+  compared_ += compared ? 1 : 0;
   if (response.kvs_size() == 0) return {};
   read.mod_revision = response.kvs(0).mod_revision();
   read.record = std::move(*response.mutable_kvs(0)->mutable_value());
@@ -265,6 +324,7 @@ Status Transaction::has_children(NodeId parent, bool* answer) {
   if (*answer || discarded_.contains(parent)) return {};
   const bool fresh = is_fresh(parent);
   if (fresh && !build_) return {};
+  if (Status status = fresh ? Status() : settle(parent); !status.ok()) return status;
   const RangeRequest request = get_range(core_.keys.children(parent), 1 + removed_below(parent));
   RangeResponse response;
   if (Status status = fresh ? read_newest(request, &response) : fetch(request, &response, nullptr); !status.ok()) {
@@ -280,7 +340,10 @@ Status Transaction::has_children(NodeId parent, bool* answer) {
     use_cache_ = false;  // from here on everything is read at this revision, so that the answer keeps standing
     return {};
   }
-  listings_.push_back({core_.keys.children(parent), revision_});
+  if (!stands_by_itself(parent)) {
+    if (Status status = make_room_to_compare(); !status.ok()) return status;
+    if (!surveying_) listings_.push_back({core_.keys.children(parent), revision_}), ++compared_;
+  }
   if (!*answer) {
     childless_.insert(parent);
     return {};
@@ -291,6 +354,7 @@ Status Transaction::has_children(NodeId parent, bool* answer) {
 }
 
 Status Transaction::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  if (Status status = is_fresh(parent) ? Status() : settle(parent); !status.ok()) return status;
   if (purpose_ == Purpose::kRead) return visit_pages(parent, visit);
   std::vector<std::pair<std::string, Node>> list;
   if (discarded_.contains(parent)) return {};
@@ -317,6 +381,8 @@ Status Transaction::visit_pages(NodeId parent, FunctionRef<Status(std::string_vi
       if (!place) continue;
       const Known known = known_of(record, *place);
       if (!known.damage.ok()) return known.damage.about("subkey '" + place->name + "'");
+      if (const Claim* decided = claims_->decided_on(known.node->id)) return carry_out(*decided);
+      lineage_.add(parent, known.node->id);
       if (Status status = visit(place->name, *known.node); !status.ok()) return status;
     }
     if (!pager.more()) return {};
@@ -327,21 +393,47 @@ Status Transaction::visit_pages(NodeId parent, FunctionRef<Status(std::string_vi
   }
 }
 
-// Each child is compared, and that there are no others: a listing that does not fit that is for `before`.
+// Each child is compared, and that there are no others.
 Status Transaction::list_for_update(NodeId parent, std::vector<std::pair<std::string, Node>>* list) {
+  if (stands_by_itself(parent)) return list_uncompared(parent, list);
   RangeResponse response;
   const RangeRequest request = get_range(core_.keys.children(parent), static_cast<std::int64_t>(kMostCompared));
   if (Status status = fetch(request, &response, nullptr); !status.ok()) return status;
-  if (response.more()) return fail(too_many_reads());
+  if (response.more() || compared_ + static_cast<std::size_t>(response.kvs_size()) >= kMostCompared) {
+    Status status = survey();
+    return status.ok() ? list_uncompared(parent, list) : status;
+  }
   listings_.push_back({core_.keys.children(parent), revision_});
-  for (const KeyValue& record : response.kvs()) {
+  ++compared_;
+  return add_listed(response, list);
+}
+
+Status Transaction::list_uncompared(NodeId parent, std::vector<std::pair<std::string, Node>>* list) {
+  RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
+  RangeResponse page;
+  if (Status status = fetch(request, &page, nullptr); !status.ok()) return status;
+  request.set_revision(revision_);
+  Pager pager(*core_.cluster, request);
+  pager.continue_after(page);
+  while (true) {
+    if (Status status = add_listed(page, list); !status.ok()) return status;
+    if (!pager.more()) return {};
+    Outcome outcome = pager.next(&page);
+    if (outcome.verdict == Verdict::kCompacted) return run_again(true);
+    if (!outcome.ok()) return fail(outcome.status);
+  }
+}
+
+Status Transaction::add_listed(const RangeResponse& page, std::vector<std::pair<std::string, Node>>* list) {
+  for (const KeyValue& record : page.kvs()) {
     const auto place = core_.keys.parse_node(record.key());
     if (!place) continue;
     const Known* known = nullptr;
-    if (!nodes_.contains(*place)) {
-      if (Status status = add_read(*place, known_of(record, *place), true, &known); !status.ok()) return status;
+    if (const auto read = nodes_.find(*place); read != nodes_.end()) {
+      known = &read->second.known;
+    } else if (Status status = add_read(*place, known_of(record, *place), true, &known); !status.ok()) {
+      return status;
     }
-    known = &nodes_[*place];
     if (!known->damage.ok()) return known->damage.about("subkey '" + place->name + "'");
     if (known->node) list->emplace_back(place->name, *known->node);
   }
@@ -430,8 +522,8 @@ Status Transaction::insert(NodeId parent, std::string_view name, const Node& nod
   if (own) return PRTKV_KEY_EXISTS;
   if (!written) {
     const Known* known = nullptr;
-    const bool is_known =
-        nodes_.contains(place) || basis_.nodes.contains(place) || (use_cache_ && core_.cache.get(place).has_value());
+    const bool is_known = stands_by_itself(parent) || nodes_.contains(place) || basis_.nodes.contains(place) ||
+                          (use_cache_ && core_.cache.get(place).has_value());
     // A name that nothing is known of is taken to be free: the comparison tells when it is not.
     if (Status status = is_known ? look_up(place, &known) : add_read(place, Known{}, false, &known); !status.ok()) {
       return status;
@@ -468,7 +560,7 @@ Status Transaction::unlink(NodeId parent, std::string_view name) {
     if (known->mod_revision == 0) return PRTKV_NO_SUCH_KEY;
   }
   const auto read = nodes_.find(place);
-  const bool was_there = is_sent_ahead(place) || (read != nodes_.end() && read->second.mod_revision != 0);
+  const bool was_there = is_sent_ahead(place) || (read != nodes_.end() && read->second.known.mod_revision != 0);
   if (was_there) {
     write(std::move(place), {});
   } else {
@@ -507,178 +599,12 @@ Status Transaction::set_value(NodeId id, std::int32_t type, std::span<const std:
 }
 
 View& Transaction::before() {
-  if (!before_) before_ = std::make_unique<Snapshot>(core_, unvalidated_ == 0 ? revision_ : 0);
+  if (!before_) {
+    const bool settled = revision_ != 0 && unvalidated_ == 0 && !claims_->has_decided();
+    before_ = std::make_unique<Snapshot>(core_, settled ? revision_ : 0);
+  }
   long_ = true;
   return *before_;
-}
-
-// ---- building aside
-
-Status Transaction::make_room_ahead(std::size_t bytes) {
-  if (ahead_operations_ >= kOperationsPerBatch || ahead_bytes_ + bytes > kMostBytes) {
-    if (Status status = send_ahead(); !status.ok()) return status;
-  }
-  ++ahead_operations_;
-  ahead_bytes_ += bytes;
-  return {};
-}
-
-void Transaction::add_node_write(RequestOp* operation, const Place& place, const std::optional<Node>& node) const {
-  if (node) {
-    put(operation, core_.keys.node(place), as_text(encode_node(place.parent, place.name, *node)));
-  } else {
-    erase(operation, core_.keys.node(place));
-  }
-}
-
-Status Transaction::send_batch(TxnRequest* batch) {
-  if (batch->success_size() == 0) return {};
-  bool lost = false;
-  Status status = build_->send(std::move(*batch), fresh_, &lost);
-  batch->Clear();
-  if (!status.ok()) return fail(std::move(status));
-  return lost ? run_again(true) : Status();
-}
-
-Status Transaction::send_ahead() {
-  if (!failure_.ok()) return failure_;
-  if (again_) return moved_on();
-  if (!build_) build_ = std::make_unique<Build>(*core_.cluster, core_.keys);
-  long_ = true;
-  TxnRequest batch;
-  std::size_t bytes = 0;
-  const auto make_room = [&](std::size_t more) {
-    const bool full = batch.success_size() >= kOperationsPerBatch || bytes + more > kMostBytes;
-    bytes = full ? more : bytes + more;
-    return full ? send_batch(&batch) : Status();
-  };
-  for (auto at = node_writes_.begin(); at != node_writes_.end();) {
-    const auto& [place, node] = *at;
-    if (!goes_ahead(place, node)) {
-      ++at;
-      continue;
-    }
-    if (Status status = make_room(kOperationOverhead); !status.ok()) return status;
-    add_node_write(batch.add_success(), place, node);
-    sent_.insert(hash_of(place));
-    at = node_writes_.erase(at);
-  }
-  for (auto at = value_writes_.begin(); at != value_writes_.end();) {
-    auto& [id, record] = *at;
-    if (!is_fresh(id)) {
-      ++at;
-      continue;
-    }
-    if (Status status = make_room(kOperationOverhead + (record ? record->size() : 0)); !status.ok()) return status;
-    if (record) {
-      put(batch.add_success(), core_.keys.value(id), std::move(*record));
-    } else {
-      erase(batch.add_success(), core_.keys.value(id));
-    }
-    at = value_writes_.erase(at);
-  }
-  ahead_operations_ = 0;
-  ahead_bytes_ = 0;
-  return send_batch(&batch);
-}
-
-// ---- the end
-
-bool Transaction::has_written() const {
-  return !node_writes_.empty() || !value_writes_.empty() || !discarded_.empty() || (build_ && build_->started());
-}
-
-bool Transaction::fits(const TxnRequest& request) const {
-  return request.success_size() < kMostOperations && request.compare_size() < kMostOperations &&
-         request.failure_size() + 1 < kMostOperations && request.ByteSizeLong() <= kMostBytes;
-}
-
-void Transaction::make_last(TxnRequest* request) const {
-  add_comparisons(request);
-  add_rereading(request);
-  for (const auto& [place, node] : node_writes_) add_node_write(request->add_success(), place, node);
-  for (const auto& [id, record] : value_writes_) {
-    if (record) {
-      put(request->add_success(), core_.keys.value(id), *record);
-    } else {
-      erase(request->add_success(), core_.keys.value(id));
-    }
-  }
-  for (const NodeId id : discarded_) {
-    if (childless_.contains(id) && !has_written_child(id)) {
-      erase(request->add_success(), core_.keys.value(id));
-    } else {
-      put(request->add_success(), core_.keys.garbage(id), "");
-    }
-  }
-  if (build_ && build_->started()) build_->finish_in(request);
-}
-
-void Transaction::remember(std::int64_t revision) {
-  for (const auto& [place, node] : node_writes_) {
-    if (node) {
-      core_.cache.put(place, Known{revision, node, {}});
-    } else {
-      core_.cache.erase(place);
-    }
-  }
-  build_.reset();
-  std::vector<std::string> garbage;
-  for (const NodeId id : discarded_) {
-    if (!childless_.contains(id) || has_written_child(id)) garbage.push_back(core_.keys.garbage(id));
-  }
-  core_.sweeper.remove_garbage(garbage);
-}
-
-bool Transaction::commit(Status* result) {
-  TxnRequest request;
-  make_last(&request);
-  if (!fits(request)) {
-    if (Status status = send_ahead(); !status.ok()) {
-      *result = std::move(status);
-      return !again_;
-    }
-    request.Clear();
-    make_last(&request);
-  }
-  if (!fits(request)) {
-    *result = {PRTKV_INVALID_ARGUMENT,
-               "an update of more than one transaction of etcd holds: " + std::to_string(request.success_size()) +
-                   " changes of " + std::to_string(request.ByteSizeLong()) + " bytes"};
-    return true;
-  }
-  Mark mark = core_.writers.take();
-  Written written = write_once(*core_.cluster, std::move(request), &mark, core_.writers.next_text(), deadline());
-  core_.writers.give_back(std::move(mark));
-  if (!written.status.ok()) {
-    *result = std::move(written.status);
-    return true;
-  }
-  if (!written.made) {
-    learn(written.response, nullptr);
-    return false;
-  }
-  remember(written.revision);
-  *result = {};
-  return true;
-}
-
-bool Transaction::finish(Status* result) {
-  if (before_ && !before_->failure().ok()) {
-    if (before_->failure().verdict == Verdict::kCompacted) (void)run_again(true);
-    (void)fail(before_->failure().status);
-  }
-  if (again_) return false;
-  if (!failure_.ok()) {
-    *result = failure_;
-    return true;
-  }
-  if (purpose_ == Purpose::kWrite && result->ok() && has_written()) return commit(result);
-  if (Status status = validate(); !status.ok()) {
-    *result = std::move(status);
-    return !again_;
-  }
-  return true;
 }
 
 }  // namespace tkv::store::etcd

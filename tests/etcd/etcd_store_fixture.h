@@ -1,0 +1,83 @@
+// A registry on a real etcd for each test, and ways around the store: what only an operator or a fault does.
+#ifndef TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
+#define TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "etcd_cluster.h"
+#include "etcd_store.h"
+#include "keys.h"
+#include "request_watch.h"
+#include "requests.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+
+// One cluster of one member for all tests, for each a registry of its own.
+class EtcdStore : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { cluster_ = new EtcdCluster(); }
+  static void TearDownTestSuite() { delete cluster_; }
+
+  void SetUp() override {
+    options_ = cluster_->registry();
+    store_ = open_watched(&watch_);
+    ASSERT_TRUE(store_);
+  }
+
+  std::shared_ptr<Store> open_watched(RequestWatch* watch) {
+    std::shared_ptr<Store> store;
+    EXPECT_TRUE(done(open_etcd_store(options_, &store, watch->interceptors())));
+    return store;
+  }
+
+  // Requests that `action` takes.
+  template <typename Action>
+  int requests_of(Action action) {
+    watch_.reset();
+    EXPECT_TRUE(done(action()));
+    return watch_.count();
+  }
+
+  // The connection that no store knows of, for what only an operator or a fault does.
+  Cluster& raw() {
+    if (!raw_) {
+      ClusterOptions options;
+      options.endpoints = options_.endpoints;
+      EXPECT_TRUE(done(Cluster::connect(options, &raw_)));
+    }
+    return *raw_;
+  }
+  void put_raw(const std::string& key, const std::string& value) {
+    TxnRequest request;
+    put(request.add_success(), key, value);
+    TxnResponse response;
+    EXPECT_TRUE(raw().txn(request, &response, Deadline(std::chrono::seconds(5))).ok());
+  }
+  std::string get_raw(const std::string& key) {
+    RangeResponse response;
+    EXPECT_TRUE(raw().range(get_one(key), &response, Deadline(std::chrono::seconds(5))).ok());
+    return response.kvs_size() == 0 ? "" : response.kvs(0).value();
+  }
+  std::int64_t count_raw(const KeyRange& range) {
+    RangeResponse response;
+    RangeRequest request = get_range(range, 1);
+    EXPECT_TRUE(raw().range(request, &response, Deadline(std::chrono::seconds(5))).ok());
+    return response.count();
+  }
+
+  Keys keys() const { return Keys(options_.prefix); }
+
+  static inline EtcdCluster* cluster_ = nullptr;
+  EtcdOptions options_;
+  RequestWatch watch_;
+  std::shared_ptr<Store> store_;
+  std::unique_ptr<Cluster> raw_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
