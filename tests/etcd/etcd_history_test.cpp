@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -114,6 +115,59 @@ void operate(Store& store, History& history, const std::string& key, Kind kind, 
   history.add(key, operation);
 }
 
+constexpr int kBallast = 150;
+
+// Writes all of the keys that are there, with so many others that one transaction of etcd does not hold them.
+void rewrite(Store& store, History& history, const std::vector<std::string>& levels, int value) {
+  const std::string text = std::to_string(value);
+  std::vector<Operation> seen;
+  const std::int64_t begin = History::now();
+  const Status status = store.write([&](Update& update) -> Status {
+    Node top;
+    Node node;
+    seen.assign(levels.size(), Operation{Kind::kWrite, Result::kRefused, value, begin, 0});
+    if (Status found = follow(update, "h", &top); !found.ok()) return found;
+    for (std::size_t i = 0; i < levels.size(); ++i) {
+      const Status found = update.find(top.id, levels[i], &node);
+      if (found.is(PRTKV_NO_SUCH_KEY)) continue;
+      if (!found.ok()) return found;
+      seen[i].result = Result::kDone;
+      if (Status set = update.set_value(node.id, 3, bytes_of(text)); !set.ok()) return set;
+    }
+    if (Status found = update.find(top.id, "ballast", &top); !found.ok()) return found;
+    for (int i = 0; i < kBallast; ++i) {
+      if (Status found = update.find(top.id, "k" + std::to_string(i), &node); !found.ok()) return found;
+      if (Status set = update.set_value(node.id, 3, bytes_of(text)); !set.ok()) return set;
+    }
+    return {};
+  });
+  const std::int64_t end = History::now();
+  EXPECT_TRUE(status.ok() || status.is(PRTKV_UNREACHABLE)) << status.text();
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    seen[i].end = end;
+    if (!status.ok()) seen[i].result = Result::kUnknown;
+    history.add("h." + levels[i], seen[i]);
+  }
+}
+
+// The one value of all the ballast.
+std::string ballast_of(Store& store) {
+  std::set<std::string> values;
+  EXPECT_TRUE(done(store.read_all([&](View& view) -> Status {
+    Node top;
+    values.clear();
+    if (Status status = follow(view, "h.ballast", &top); !status.ok()) return status;
+    return view.children(top.id, [&](std::string_view, const Node& node) -> Status {
+      Value value;
+      if (Status status = view.value(node.id, &value); !status.ok()) return status;
+      values.insert(text_of(value));
+      return {};
+    });
+  })));
+  EXPECT_EQ(values.size(), 1u);
+  return *values.begin();
+}
+
 class Clients {
  public:
   Clients(const EtcdCluster& cluster, const EtcdOptions& options) {
@@ -122,6 +176,7 @@ class Clients {
       std::rotate(own.endpoints.begin(), own.endpoints.begin() + i % cluster.size(), own.endpoints.end());
       threads_.emplace_back([this, own, i] { work(own, i); });
     }
+    threads_.emplace_back([this, options] { rewrite_now_and_then(options); });
   }
   ~Clients() { finish(); }
 
@@ -145,21 +200,41 @@ class Clients {
   }
 
   History& history() { return history_; }
+  int rewritten() const { return rewritten_; }
 
  private:
   static constexpr int kClients = 4;
   static constexpr int kOperationsPerKey = 40;
   static constexpr int kLanes = 3;
 
+  static constexpr int kOperationsPerRewrite = 30;
+
+  // The key that an operation is about. Keys are used for a while by all clients at once, and then no more: histories
+  // that can be checked.
+  static std::string level_of(int number, int lane) {
+    return "k" + std::to_string(number / (kOperationsPerKey * kLanes)) + "-" + std::to_string(lane);
+  }
+
+  void rewrite_now_and_then(const EtcdOptions& options) {
+    const auto store = open_when_ready(options);
+    ASSERT_TRUE(store);
+    while (!stop_) {
+      const int number = ++operations_;
+      std::vector<std::string> levels;
+      for (int lane = 0; lane < kLanes; ++lane) levels.push_back(level_of(number, lane));
+      rewrite(*store, history_, levels, number);
+      ++rewritten_;
+      eventually([&] { return stop_ || operations_ > number + kOperationsPerRewrite; });
+    }
+  }
+
   void work(const EtcdOptions& options, int client) {
     const auto store = open_when_ready(options);
     ASSERT_TRUE(store);
     std::mt19937 random(static_cast<unsigned>(1000 + client));
     while (!stop_) {
-      // Keys are used for a while by all clients at once, and then no more: histories that can be checked.
       const int number = ++operations_;
-      const std::string key =
-          "h.k" + std::to_string(number / (kOperationsPerKey * kLanes)) + "-" + std::to_string(number % kLanes);
+      const std::string key = "h." + level_of(number, number % kLanes);
       constexpr Kind kKinds[] = {Kind::kCreate, Kind::kCreate, Kind::kWrite, Kind::kWrite,
                                  Kind::kRead,   Kind::kRead,   Kind::kDelete};
       operate(*store, history_, key, kKinds[random() % std::size(kKinds)], number);
@@ -170,6 +245,7 @@ class Clients {
   History history_;
   std::atomic<bool> stop_{false};
   std::atomic<int> operations_{0};
+  std::atomic<int> rewritten_{0};
   std::atomic<int> counts_[kClients]{};
   std::vector<std::thread> threads_;
 };
@@ -188,6 +264,9 @@ TEST(EtcdCluster, HistoriesStayLinearizableWhileTheLeaderIsKilledStoppedAndCutOf
   auto store = open_when_ready(options);
   ASSERT_TRUE(store);
   ASSERT_TRUE(done(create_key(*store, "h")));
+  for (int i = -1; i < kBallast; ++i) {
+    ASSERT_TRUE(done(create_key(*store, i < 0 ? "h.ballast" : "h.ballast.k" + std::to_string(i), "0")));
+  }
   constexpr int kSteps = 25;
   Clients clients(cluster, options);
   ASSERT_TRUE(clients.progress(kSteps));
@@ -231,6 +310,9 @@ TEST(EtcdCluster, HistoriesStayLinearizableWhileTheLeaderIsKilledStoppedAndCutOf
   RecordProperty("operations", operations);
   RecordProperty("unknown", unknown);
   std::printf("%d operations on %zu keys, %d without an answer\n", operations, keys.size(), unknown);
+  std::printf("%d times many keys at once\n", clients.rewritten());
+  EXPECT_GE(clients.rewritten(), 3);
+  EXPECT_NE(ballast_of(*store), "0");
   totals_of(*store);
 }
 

@@ -152,7 +152,7 @@ class Transaction final : public Update {
   bool is_within_claim() const;
   Status send_plan();
   void let_claimants_finish();
-  bool send_last(Status* result);
+  bool send_last(TxnRequest last, Status* result);
   bool may_be_sent_again(const TxnResponse& response);
   void remember(std::int64_t revision);
   void carry_out_own();

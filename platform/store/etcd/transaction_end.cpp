@@ -249,12 +249,14 @@ bool Transaction::commit(Status* result) {
   if (status.ok() && !fits(last)) {
     if (!claim_ || !is_within_claim()) return run_again_with_claim();
     status = send_plan();
+    last.Clear();
+    make_last(&last);
   }
   if (!status.ok()) {
     *result = std::move(status);
     return !again_;
   }
-  return send_last(result);
+  return send_last(std::move(last), result);
 }
 
 bool Transaction::is_within_claim() const {
@@ -307,15 +309,13 @@ void Transaction::let_claimants_finish() {
   }
 }
 
-bool Transaction::send_last(Status* result) {
+bool Transaction::send_last(TxnRequest last, Status* result) {
   let_claimants_finish();
   while (true) {
     if (const Claim* decided = decision_in_the_way()) {
       *result = carry_out(*decided);
       return !again_;
     }
-    TxnRequest last;
-    make_last(&last);
     Mark mark = core_.writers.take();
     Written written = write_once(*core_.cluster, std::move(last), &mark, core_.writers.next_text(), deadline());
     core_.writers.give_back(std::move(mark));
@@ -325,6 +325,8 @@ bool Transaction::send_last(Status* result) {
       return true;
     }
     if (!may_be_sent_again(written.response)) return false;
+    last.Clear();
+    make_last(&last);
   }
 }
 
