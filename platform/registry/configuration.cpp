@@ -11,6 +11,7 @@
 
 #include "configuration_file.h"
 #include "function_ref.h"
+#include "system_entries.h"
 
 namespace tkv::registry {
 namespace {
@@ -320,21 +321,26 @@ bool is_port(std::string_view port) {
   return take_number(&port, &number) && port.empty() && number >= 1 && number <= 65535;
 }
 
+// "" when the system does not know it.
 std::string home_by_records(uid_t user) {
-  std::vector<char> buffer(16384);
-  passwd record{};
-  passwd* found = nullptr;
-  const int error = ::getpwuid_r(user, &record, buffer.data(), buffer.size(), &found);
-  return error == 0 && found != nullptr ? found->pw_dir : "";
+  std::string home;
+  const auto ask = [user](passwd* record, char* buffer, std::size_t size, passwd** found) {
+    return ::getpwuid_r(user, record, buffer, size, found);
+  };
+  static_cast<void>(ask_name_service<passwd>(ask, [&](const passwd* found) {
+    if (found != nullptr && found->pw_dir != nullptr) home = found->pw_dir;
+  }));
+  return home;
 }
 
 }  // namespace
 
 Surroundings Surroundings::of_process() {
   Surroundings surroundings;
-  surroundings.variable = [](const char* name) -> const char* { return std::getenv(name); };
+  // A program that has more rights than its caller does not let him say where it reads and writes.
+  surroundings.variable = [](const char* name) -> const char* { return ::secure_getenv(name); };
   surroundings.user = ::geteuid();
-  const char* home = std::getenv("HOME");
+  const char* home = surroundings.variable("HOME");
   if (surroundings.user != 0 && (home == nullptr || *home != '/'))
     surroundings.home = home_by_records(surroundings.user);
   return surroundings;

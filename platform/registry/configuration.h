@@ -1,7 +1,8 @@
 // Configuration: where the registry is and how it is reached.
 //
 // The file is the one that the environment variable TKV_CONF names, else /etc/tkv/tkv.conf. TKV_CONF that names no
-// file is an error; without /etc/tkv/tkv.conf the defaults are in force.
+// file is an error; without /etc/tkv/tkv.conf the defaults are in force. A program with more rights than its caller
+// (set-user-ID, set-group-ID, file capabilities) takes no variable of the environment into account.
 //
 //   [registry]
 //   location         one directory (absolute), or one to five "etcd://host:port", separated by blanks or commas or

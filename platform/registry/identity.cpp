@@ -7,11 +7,10 @@
 #include <cstring>
 #include <system_error>
 
+#include "system_entries.h"
+
 namespace tkv::registry {
 namespace {
-
-constexpr std::size_t kFirstBuffer = 1024;
-constexpr std::size_t kLastBuffer = 16UL << 20;
 
 // What the name service answers for "no such entry", besides success with nothing found.
 bool means_absent(int error) {
@@ -24,39 +23,30 @@ Status name_service_failed(const char* what, unsigned id, int error) {
                              " cannot be read: " + std::generic_category().message(error)};
 }
 
-// Asks the name service, with a buffer that grows as it asks for.
-template <typename Record, typename Ask, typename NameOf>
-Status read_name(const char* what, unsigned id, Ask ask, NameOf name_of, std::string* name) {
-  std::vector<char> buffer(kFirstBuffer);
-  while (true) {
-    Record record{};
-    Record* found = nullptr;
-    const int error = ask(&record, buffer.data(), buffer.size(), &found);
-    if (error == EINTR) continue;
-    if (error == ERANGE && buffer.size() < kLastBuffer) {
-      buffer.resize(buffer.size() * 2);
-      continue;
-    }
-    if (found == nullptr && !means_absent(error)) return name_service_failed(what, id, error);
-    *name = found == nullptr ? std::to_string(id) : name_of(*found);
-    return {};
-  }
+// The name that an entry has, its number when there is no such entry.
+template <typename Record, typename Ask>
+Status read_name(const char* what, unsigned id, Ask ask, char* Record::*field, std::string* name) {
+  *name = std::to_string(id);
+  bool is_found = false;
+  const int error = ask_name_service<Record>(ask, [&](const Record* found) {
+    is_found = found != nullptr;
+    if (is_found && found->*field != nullptr) *name = found->*field;
+  });
+  return is_found || means_absent(error) ? Status() : name_service_failed(what, id, error);
 }
 
 Status user_name(const IdentityCalls& calls, uid_t id, std::string* name) {
   const auto ask = [&](passwd* record, char* buffer, std::size_t size, passwd** found) {
     return calls.user_by_id(id, record, buffer, size, found);
   };
-  return read_name<passwd>(
-      "user", id, ask, [](const passwd& record) { return std::string(record.pw_name); }, name);
+  return read_name<passwd>("user", id, ask, &passwd::pw_name, name);
 }
 
 Status group_name(const IdentityCalls& calls, gid_t id, std::string* name) {
   const auto ask = [&](group* record, char* buffer, std::size_t size, group** found) {
     return calls.group_by_id(id, record, buffer, size, found);
   };
-  return read_name<group>(
-      "group", id, ask, [](const group& record) { return std::string(record.gr_name); }, name);
+  return read_name<group>("group", id, ask, &group::gr_name, name);
 }
 
 // The effective group first, then the others; the effective one may be among them.

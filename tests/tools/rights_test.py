@@ -4,9 +4,10 @@ import json
 import os
 import pwd
 import shutil
+import subprocess
 import unittest
 
-from command import CommandTest, DENIED, GROUP, NOT_FOUND, USAGE
+from command import COMMAND, CommandTest, DEADLINE, DENIED, GROUP, NOT_FOUND, USAGE
 
 
 class Changing(CommandTest):
@@ -150,6 +151,37 @@ class AnotherUser(CommandTest):
     def test_long_ls_shows_no_security_that_may_not_be_read(self):
         lines = self.as_nobody("ls", "-l", "app").text.splitlines()
         self.assertEqual([line.split()[0] for line in lines if line.endswith("secret")], ["?"])
+
+
+@unittest.skipUnless(os.geteuid() == 0, "needs to give a program to another user")
+class MoreRightsThanTheCaller(CommandTest):
+    """A command that acts as its file's owner takes no word of its caller's on where to read and write."""
+
+    def setUp(self):
+        super().setUp()
+        if os.statvfs(self.folder).f_flag & os.ST_NOSUID:
+            self.skipTest("temporary files cannot have the rights of their owner")
+        os.chmod(self.folder, 0o755)
+        self.command = self.folder / "tkv"
+        shutil.copy(COMMAND, self.command)
+        os.chown(self.command, pwd.getpwnam("nobody").pw_uid, -1)
+        os.chmod(self.command, 0o4755)
+
+    def run_it(self, *words):
+        return subprocess.run([self.command, *words], env=self.environment, capture_output=True, text=True,
+                              timeout=DEADLINE, check=False)
+
+    def test_the_environment_names_neither_configuration_nor_home(self):
+        self.environment["XDG_STATE_HOME"] = str(self.folder)
+        said = self.run_it("conf", "--json")
+        self.assertNotIn(str(self.folder), said.stdout)
+        self.assertNotIn("environment", said.stdout)
+        self.assertIn('"cluster_word"', said.stdout, said.stderr)
+
+    def test_an_option_for_it_is_refused(self):
+        said = self.run_it("conf", "--conf", str(self.folder / "tkv.conf"))
+        self.assertEqual((said.returncode, said.stdout), (USAGE, ""))
+        self.assertIn("more rights than its caller", said.stderr)
 
 
 if __name__ == "__main__":

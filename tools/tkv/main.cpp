@@ -31,7 +31,8 @@ Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Outp
 
 int start(int count, char** words) {
   store::occupy_standard_files();
-  std::signal(SIGPIPE, SIG_IGN);  // work on the registry is finished even when nobody listens any more
+  // Work on the registry is finished even when nobody listens any more.
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   Arguments arguments;
   const Verb* verb = nullptr;
   Output output(STDOUT_FILENO);
@@ -41,15 +42,22 @@ int start(int count, char** words) {
     complain(outcome, arguments.json);
     return static_cast<int>(outcome.exit());
   }
-  if (arguments.configuration) setenv("TKV_CONF", arguments.configuration->c_str(), 1);
+  if (arguments.configuration) {
+    setenv("TKV_CONF", arguments.configuration->c_str(), 1);
+    if (::secure_getenv("TKV_CONF") == nullptr) {
+      const Outcome refused(Exit::kUsage, "--conf cannot be given to a command that has more rights than its caller");
+      complain(refused, arguments.json);
+      return static_cast<int>(refused.exit());
+    }
+  }
   Exit exit = Exit::kOther;
   {
     Context context(arguments, Terminal::detect(arguments.quiet, arguments.no_colour), output);
     exit = run(arguments, *verb, context, output).exit();
   }
   if (output.closed_early()) {  // as for other commands whose reader has gone
-    std::signal(SIGPIPE, SIG_DFL);
-    std::raise(SIGPIPE);
+    static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
+    static_cast<void>(std::raise(SIGPIPE));
   }
   return static_cast<int>(exit);
 }

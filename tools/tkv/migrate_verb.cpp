@@ -54,8 +54,8 @@ std::vector<std::string> split_addresses(const std::string& text) {
 Outcome configure(const std::string& place, Configuration* configuration) {
   if (is_file(place)) {
     registry::Surroundings surroundings = registry::Surroundings::of_process();
-    surroundings.variable = [&](const char* name) {
-      return std::string_view(name) == "TKV_CONF" ? place.c_str() : std::getenv(name);
+    surroundings.variable = [&place, other = surroundings.variable](const char* name) {
+      return std::string_view(name) == "TKV_CONF" ? place.c_str() : other(name);
     };
     return Configuration::read(configuration, surroundings);
   }

@@ -4,34 +4,27 @@
 #include <pwd.h>
 #include <sys/types.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
-#include <cstring>
+#include <optional>
+#include <system_error>
 #include <vector>
+
+#include "system_entries.h"
 
 namespace tkv::command {
 namespace {
 
-constexpr std::size_t kRecordBytes = 16384;
-constexpr std::size_t kLargestRecord = 1024 * 1024;
-
-// Calls the system's look-up with a buffer that is large enough.
-template <typename Call>
-int look_up(std::vector<char>* buffer, Call call) {
-  buffer->resize(kRecordBytes);
-  int error = call();
-  while (error == ERANGE && buffer->size() < kLargestRecord) {
-    buffer->resize(buffer->size() * 2);
-    error = call();
-  }
-  return error;
-}
-
 std::string group_name(gid_t id) {
-  std::vector<char> buffer;
-  ::group record{};
-  ::group* found = nullptr;
-  const int error = look_up(&buffer, [&] { return getgrgid_r(id, &record, buffer.data(), buffer.size(), &found); });
-  return error == 0 && found != nullptr ? found->gr_name : std::to_string(id);
+  std::string name = std::to_string(id);
+  const auto ask = [id](::group* record, char* buffer, std::size_t size, ::group** found) {
+    return getgrgid_r(id, record, buffer, size, found);
+  };
+  static_cast<void>(ask_name_service<::group>(ask, [&](const ::group* found) {
+    if (found != nullptr) name = found->gr_name;
+  }));
+  return name;
 }
 
 std::vector<gid_t> groups_of(const char* user, gid_t primary) {
@@ -51,26 +44,38 @@ bool is_number(const std::string& text, uid_t* id) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
+struct User {
+  std::string name;
+  uid_t id = 0;
+  gid_t group = 0;
+};
+
+// Looks a user up by name or, with `id`, by number. `*user` stays as it is when there is none.
+int look_up(const std::string& name, const uid_t* id, std::optional<User>* user) {
+  const auto ask = [&](passwd* record, char* buffer, std::size_t size, passwd** found) {
+    return id == nullptr ? getpwnam_r(name.c_str(), record, buffer, size, found)
+                         : getpwuid_r(*id, record, buffer, size, found);
+  };
+  return ask_name_service<passwd>(ask, [&](const passwd* found) {
+    if (found != nullptr) *user = User{found->pw_name, found->pw_uid, found->pw_gid};
+  });
+}
+
 }  // namespace
 
 Outcome identity_of_user(const std::string& user, registry::Identity* identity) {
-  std::vector<char> buffer;
-  passwd record{};
-  passwd* found = nullptr;
+  std::optional<User> found;
   uid_t id = 0;
-  int error = look_up(&buffer, [&] { return getpwnam_r(user.c_str(), &record, buffer.data(), buffer.size(), &found); });
-  if (found == nullptr && is_number(user, &id)) {
-    error = look_up(&buffer, [&] { return getpwuid_r(id, &record, buffer.data(), buffer.size(), &found); });
-  }
-  if (found == nullptr) {
+  int error = look_up(user, nullptr, &found);
+  if (!found && is_number(user, &id)) error = look_up(user, &id, &found);
+  if (!found) {
     if (error == 0 || error == ENOENT) return {Exit::kNotFound, "there is no user '" + user + "' on this machine"};
-    return {Exit::kOther, "cannot look up the user '" + user + "': " + std::strerror(error)};
+    return {Exit::kOther, "cannot look up the user '" + user + "': " + std::generic_category().message(error)};
   }
-  identity->user = found->pw_name;
-  identity->superuser = found->pw_uid == 0;
+  identity->user = found->name;
+  identity->superuser = found->id == 0;
   identity->groups.clear();
-  const gid_t primary = found->pw_gid;
-  for (const gid_t group : groups_of(found->pw_name, primary)) identity->groups.push_back(group_name(group));
+  for (const gid_t group : groups_of(found->name.c_str(), found->group)) identity->groups.push_back(group_name(group));
   return {};
 }
 
