@@ -12,6 +12,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "descriptor.h"
+
 namespace tkv::registry {
 namespace {
 
@@ -25,26 +27,11 @@ Status unreadable(const std::string& file, int error) {
           "the configuration file " + file + " cannot be read: " + std::generic_category().message(error)};
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int number() const { return number_; }
-
- private:
-  const int number_;
-};
-
 Status read_whole(const std::string& file, std::string* text) {
   // A pipe would keep the caller waiting for somebody to write.
   const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   int error = errno;
-  if (descriptor.number() < 0) return unreadable(file, error);
+  if (!descriptor.is_open()) return unreadable(file, error);
   struct stat found {};
   if (::fstat(descriptor.number(), &found) != 0) {
     error = errno;

@@ -1,11 +1,9 @@
 #include "open_store.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "etcd_loader.h"
@@ -15,22 +13,6 @@
 namespace tkv::registry {
 namespace {
 
-// Makes the directories above `path` that are missing.
-Status make_parents(const std::string& path) {
-  for (std::size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
-    const std::string directory = path.substr(0, end);
-    if (::mkdir(directory.c_str(), 0700) == 0) continue;
-    int error = errno;
-    // Those that are there may refuse for other reasons, a read-only file system's say.
-    struct stat found {};
-    if (::stat(directory.c_str(), &found) == 0 && S_ISDIR(found.st_mode)) continue;
-    if (error == EEXIST) error = ENOTDIR;
-    return {error == ENOSPC || error == EDQUOT ? PRTKV_STORAGE_FULL : PRTKV_STORAGE_FAILED,
-            "the directory " + directory + " cannot be made: " + std::generic_category().message(error)};
-  }
-  return {};
-}
-
 Status open_embedded(const Configuration& configuration, const sec_attr& root_security, const OpenOptions& options,
                      std::shared_ptr<store::Store>* store) {
   store::LmdbOptions wanted;
@@ -38,11 +20,9 @@ Status open_embedded(const Configuration& configuration, const sec_attr& root_se
   wanted.map_size = configuration.map_size;
   wanted.group = configuration.group;
   wanted.create = options.create && !options.read_only;
+  wanted.create_parents = !configuration.location_configured;
   wanted.read_only = options.read_only;
   wanted.root_security = root_security;
-  if (wanted.create && !configuration.location_configured) {
-    if (Status status = make_parents(wanted.directory); !status.ok()) return status;
-  }
   return store::open_lmdb_store(wanted, store);
 }
 

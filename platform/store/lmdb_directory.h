@@ -10,13 +10,6 @@
 
 namespace tkv::store {
 
-// The name of the network or cluster file system that a number of statfs's f_type stands for; null for a file system
-// of this machine.
-//
-// LMDB's locks and its map are memory that processes share, which they only do on one machine. FUSE is among the
-// network file systems because nothing tells whether a server stands behind it.
-const char* network_file_system(long type);
-
 // Gives the f_type of the file system that holds a path: 0, or an errno.
 using FileSystemType = FunctionRef<int(const char* path, long* type)>;
 

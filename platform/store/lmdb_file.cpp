@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "descriptor.h"
 #include "lmdb_error.h"
 #include "lmdb_layout.h"
 
@@ -18,31 +19,12 @@ namespace {
 
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
 
-class File {
- public:
-  explicit File(const std::string& path) : handle_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
-    error_ = handle_ < 0 ? errno : 0;
-  }
-  ~File() {
-    if (handle_ >= 0) close(handle_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  int handle() const { return handle_; }
-  int error() const { return error_; }
-
- private:
-  int handle_;
-  int error_;
-};
-
 Status foreign(const std::string& path, const std::string& why) {
   return {PRTKV_STORAGE_FAILED, "'" + path + "' is not a file of a registry, or it is damaged: " + why};
 }
 
-Status read_head(const File& file, const std::string& path, off_t at, Head* head) {
-  const ssize_t count = pread(file.handle(), head, sizeof *head, at);
+Status read_head(const Descriptor& file, const std::string& path, off_t at, Head* head) {
+  const ssize_t count = pread(file.number(), head, sizeof *head, at);
   const int error = count < 0 ? errno : 0;
   if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
   if (count != sizeof *head) return foreign(path, "it is too short");
@@ -145,10 +127,13 @@ Status write_fresh_registry(const std::string& path, const sec_attr& root_securi
 }
 
 Status inspect_data_file(const std::string& path) {
-  const File file(path);
-  if (file.error() != 0) return lmdb_status(file.error(), "cannot open '" + path + "'");
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file.is_open()) {
+    const int error = errno;
+    return lmdb_status(error, "cannot open '" + path + "'");
+  }
   struct stat status {};
-  if (fstat(file.handle(), &status) != 0 || !S_ISREG(status.st_mode)) return foreign(path, "it is not a plain file");
+  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return foreign(path, "it is not a plain file");
   Head first{};
   Head second{};
   if (Status head = read_head(file, path, 0, &first); !head.ok()) return head;

@@ -16,6 +16,7 @@ struct LmdbOptions {
   std::uint64_t first_map_size = 0;  // with no map_size: the map to begin with, doubled when full; 0: the default
   std::string group;                 // group that shares directory and file; empty: only the owner
   bool create = true;                // make a fresh registry when there is none
+  bool create_parents = false;       // and the directories above it that are missing, for the owner alone
   bool read_only = false;
   sec_attr root_security{};  // security record of a fresh registry's root
 };
@@ -32,8 +33,8 @@ struct LmdbOptions {
 // answers 7.
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store);
 
-// Tells whether `directory` can hold an embedded registry: absolute, its parent there, writable, not on a network file
-// system. Changes nothing.
+// Tells whether `directory` can hold an embedded registry: absolute, its parent there, writable, not on a network or
+// pseudo file system. Changes nothing.
 Status check_lmdb_directory(const std::string& directory);
 
 }  // namespace tkv::store

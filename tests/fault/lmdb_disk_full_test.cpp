@@ -22,20 +22,6 @@ class LmdbDiskFull : public ::testing::TestWithParam<SmallFileSystem::Kind> {
     options_.directory = disk_ / "registry";
   }
 
-  static std::string text_of(Store& store, NodeId id) {
-    std::string text;
-    const Status status = get_text(store, id, &text);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return text;
-  }
-
-  static void expect_sound(Store& store) {
-    Totals totals;
-    const Status status = store.check(
-        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
-    EXPECT_TRUE(status.ok()) << status.text();
-  }
-
   SmallFileSystem disk_{GetParam(), 16 * kMiB};
   LmdbOptions options_;
 };

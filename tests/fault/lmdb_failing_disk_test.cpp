@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -30,6 +31,7 @@ struct Disk {
   int times = 1 << 30;
   int steps_to_live = -1;  // calls until this process is killed, before it does the last of them; -1: it lives on
   std::string record;      // "d" data written, "s" synced, "m" meta page written and synced, in order
+  std::set<std::string> synced_directories;
 };
 Disk disk;
 
@@ -87,6 +89,7 @@ extern "C" {
 [[gnu::visibility("default")]] int fsync(int file) {
   step();
   if (fails(Target::kDirectorySync)) return fail();
+  disk.synced_directories.insert(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
   return static_cast<int>(syscall(SYS_fsync, file));
 }
 
@@ -116,20 +119,6 @@ class LmdbFailingDisk : public ::testing::Test {
  protected:
   LmdbFailingDisk() { options_.directory = directory_ / "registry"; }
   ~LmdbFailingDisk() override { disk = Disk{}; }
-
-  static std::string text_of(Store& store) {
-    std::string text;
-    const Status status = get_text(store, kRootNode, &text);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return text;
-  }
-
-  static void expect_sound(Store& store) {
-    Totals totals;
-    const Status status = store.check(
-        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
-    EXPECT_TRUE(status.ok()) << status.text();
-  }
 
   TemporaryDirectory directory_;
   LmdbOptions options_;
@@ -253,6 +242,14 @@ TEST_F(LmdbFailingDisk, KilledAnywhereInAWriteLeavesTheStateBeforeOrAfterIt) {
                        expect_sound(*store);
                        ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
                      });
+}
+
+TEST_F(LmdbFailingDisk, WhateverIsMadeOnTheWayToAFreshRegistryIsMadeDurable) {
+  options_.directory = directory_ / "above/further/registry";
+  options_.create_parents = true;
+  open_or_fail(options_);
+  EXPECT_EQ(disk.synced_directories, (std::set<std::string>{directory_.path(), directory_ / "above",
+                                                            directory_ / "above/further", options_.directory}));
 }
 
 TEST_F(LmdbFailingDisk, ADirectoryThatCannotBeMadeDurableIsAFailure) {

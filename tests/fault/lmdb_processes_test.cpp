@@ -83,21 +83,6 @@ class LmdbProcesses : public ::testing::Test {
  protected:
   LmdbProcesses() { options_.directory = directory_ / "registry"; }
 
-  static std::string text_of(Store& store, NodeId id) {
-    std::string text;
-    const Status status = get_text(store, id, &text);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return text;
-  }
-
-  static Totals check(Store& store) {
-    Totals totals;
-    const Status status = store.check(
-        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return totals;
-  }
-
   // Whether number is there as write_numbers wrote it.
   static void expect_written(Store& store, int number) {
     Node node;
@@ -139,7 +124,7 @@ TEST_F(LmdbProcesses, TwoThatWriteAtOnceLoseNothing) {
   EXPECT_EQ(second.wait_for_end(), 0);
   const auto store = open_or_fail(options_);
   EXPECT_EQ(text_of(*store, kRootNode), std::to_string(2 * kWrites));
-  EXPECT_EQ(check(*store).nodes, 2u * kWrites + 1);
+  EXPECT_EQ(expect_sound(*store).nodes, 2u * kWrites + 1);
 }
 
 TEST_F(LmdbProcesses, AKilledWriterLosesNothingThatItWasToldIsWritten) {
@@ -163,7 +148,7 @@ TEST_F(LmdbProcesses, AKilledWriterLosesNothingThatItWasToldIsWritten) {
   }
   const auto store = open_or_fail(options_);
   for (const int number : acknowledged) expect_written(*store, number);
-  check(*store);
+  expect_sound(*store);
 }
 
 TEST_F(LmdbProcesses, APowerCutLosesNothingThatWasAcknowledged) {
@@ -185,7 +170,7 @@ TEST_F(LmdbProcesses, APowerCutLosesNothingThatWasAcknowledged) {
     ASSERT_TRUE(disk.remount()) << disk.obstacle();
     const auto store = open_or_fail(options_);
     for (const int written : acknowledged) expect_written(*store, written);
-    check(*store);
+    expect_sound(*store);
   }
 }
 

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "file_system_type.h"
 #include "lmdb_files.h"
 #include "record.h"
 #include "temporary_directory.h"
@@ -83,7 +84,7 @@ class LmdbDirectory : public ::testing::Test {
 };
 
 TEST_F(LmdbDirectory, IsMadeWithItsFilesForTheOwnerAlone) {
-  for (const mode_t mask : {0, 022, 077, 0177}) {
+  for (const mode_t mask : {0, 022, 077, 0177, 0277}) {
     const Umask masked(mask);
     const std::string directory = registry_ + std::to_string(mask);
     ASSERT_TRUE(open(directory).ok());
@@ -142,6 +143,43 @@ TEST_F(LmdbGroup, SharesDirectoryAndFilesWhateverTheUmask) {
 TEST_F(LmdbGroup, SharesARegistryThatWasTheOwnersAlone) {
   ASSERT_TRUE(open(registry_).ok());
   open_or_fail(options_);
+  expect_shared();
+}
+
+TEST_F(LmdbGroup, IsNotGivenARegistryThatIsOnlyRead) {
+  ASSERT_TRUE(open(registry_).ok());
+  const gid_t owner = group_of(registry_ + "/data.mdb");
+  options_.read_only = true;
+  open_or_fail(options_);
+  EXPECT_EQ(mode_of(registry_), 0700u);
+  EXPECT_EQ(mode_of(registry_ + "/data.mdb"), 0600u);
+  EXPECT_EQ(group_of(registry_ + "/data.mdb"), owner);
+}
+
+TEST_F(LmdbGroup, GetsNothingThatALinkLeadsTo) {
+  open_or_fail(options_);
+  write_file(temporary_ / "private", "x");
+  fs::permissions(temporary_ / "private", fs::perms(0600));
+  const gid_t owner = group_of(temporary_ / "private");
+  fs::remove(registry_ + "/lock.mdb");
+  fs::create_symlink(temporary_ / "private", registry_ + "/lock.mdb");
+  std::shared_ptr<Store> store;
+  EXPECT_TRUE(open_lmdb_store(options_, &store).is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(mode_of(temporary_ / "private"), 0600u);
+  EXPECT_EQ(group_of(temporary_ / "private"), owner);
+  EXPECT_EQ(read_file(temporary_ / "private"), "x");
+}
+
+TEST_F(LmdbGroup, SharesWithoutLettingGoOfTheLocksThatThisProcessHolds) {
+  const auto store = open_or_fail(options_);
+  const auto opens_again = [&](View&) -> Status {
+    open_or_fail(options_);
+    // Another process would take the place of this reader if its lock were gone.
+    EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "x").ok() ? 0 : 1; }), 0);
+    return {};
+  };
+  fs::permissions(registry_ + "/lock.mdb", fs::perms(0600));  // so that there is something to change
+  EXPECT_TRUE(store->read(opens_again).ok());
   expect_shared();
 }
 
@@ -210,6 +248,23 @@ TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
 TEST_F(LmdbDirectory, SomethingThatIsNoFileIsRefused) {
   fs::create_directories(registry_ + "/data.mdb");
   expect_refused(registry_, PRTKV_STORAGE_FAILED, "not a plain file");
+}
+
+TEST_F(LmdbDirectory, ALinkInPlaceOfAFileIsRefusedAndNotFollowed) {
+  ASSERT_TRUE(open(registry_).ok());
+  for (const char* name : {"/data.mdb", "/lock.mdb"}) {
+    SCOPED_TRACE(name);
+    const std::string target = temporary_ / "target";
+    fs::rename(registry_ + name, target);
+    fs::permissions(target, fs::perms(0640));
+    const std::string before = read_file(target);
+    fs::create_symlink(target, registry_ + name);
+    expect_refused(registry_, PRTKV_STORAGE_FAILED, "not a plain file");
+    EXPECT_EQ(read_file(target), before);
+    EXPECT_EQ(mode_of(target), 0640u);
+    fs::rename(target, registry_ + name);
+  }
+  EXPECT_TRUE(open(registry_).ok());
 }
 
 TEST_F(LmdbDirectory, LmdbFilesOfOthersAreRefusedAndLeftAlone) {
@@ -311,45 +366,66 @@ TEST_F(LmdbDirectory, CheckingItChangesNothing) {
   EXPECT_EQ(check_lmdb_directory(temporary_ / "file").code(), PRTKV_STORAGE_FAILED);
 }
 
-struct FileSystem {
+struct TypeCase {
   long type;
-  const char* name;  // null: local
+  FileSystemKind kind;
+  const char* name;
 };
 
-class LmdbFileSystem : public ::testing::TestWithParam<FileSystem> {};
+class LmdbFileSystem : public ::testing::TestWithParam<TypeCase> {};
 
 TEST_P(LmdbFileSystem, IsLocalOrRefusedByName) {
+  const TypeCase& row = GetParam();
   const TemporaryDirectory directory;
-  const auto type_of = [](const char*, long* type) {
-    *type = GetParam().type;
+  const auto type_of = [&](const char*, long* type) {
+    *type = row.type;
     return 0;
   };
   const Status status = check_directory(directory.path(), type_of);
-  if (GetParam().name == nullptr) {
+  if (row.kind == FileSystemKind::kLocal) {
     EXPECT_TRUE(status.ok()) << status.text();
     return;
   }
+  const std::string kind = row.kind == FileSystemKind::kNetwork ? "network" : "pseudo";
   EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_NE(status.text().find("network file system (" + std::string(GetParam().name) + ")"), std::string::npos)
+  EXPECT_NE(status.text().find("it is on a " + kind + " file system (" + row.name + ")"), std::string::npos)
       << status.text();
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, LmdbFileSystem,
-                         ::testing::Values(FileSystem{0x6969, "NFS"}, FileSystem{0x517B, "SMB"},
-                                           FileSystem{0xFF534D42L, "CIFS"}, FileSystem{0xFE534D42L, "SMB2"},
-                                           FileSystem{0x5346414FL, "AFS"}, FileSystem{0x6B414653L, "AFS"},
-                                           FileSystem{0x73757245L, "Coda"}, FileSystem{0x564C, "NCP"},
-                                           FileSystem{0x00C36400L, "Ceph"}, FileSystem{0x0BD00BD0L, "Lustre"},
-                                           FileSystem{0x47504653L, "GPFS"}, FileSystem{0x01161970L, "GFS2"},
-                                           FileSystem{0x7461636FL, "OCFS2"}, FileSystem{0x20030528L, "OrangeFS"},
-                                           FileSystem{0x19830326L, "BeeGFS"}, FileSystem{0xAAD7AAEAL, "PanFS"},
-                                           FileSystem{0x01021997L, "9P"}, FileSystem{0x65735546L, "FUSE"},
-                                           FileSystem{0xEF53L, nullptr},        // ext4
-                                           FileSystem{0x58465342L, nullptr},    // XFS
-                                           FileSystem{0x9123683EL, nullptr},    // Btrfs
-                                           FileSystem{0x2FC12FC1L, nullptr},    // ZFS
-                                           FileSystem{0x01021994L, nullptr},    // tmpfs
-                                           FileSystem{0x794C7630L, nullptr}));  // overlay
+constexpr TypeCase network(long type, const char* name) { return {type, FileSystemKind::kNetwork, name}; }
+constexpr TypeCase pseudo(long type, const char* name) { return {type, FileSystemKind::kPseudo, name}; }
+constexpr TypeCase local(long type, const char* name) { return {type, FileSystemKind::kLocal, name}; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Types, LmdbFileSystem,
+    ::testing::Values(network(0x6969, "NFS"), network(0x517B, "SMB"), network(0xFF534D42L, "CIFS"),
+                      network(0xFE534D42L, "SMB2"), network(0x5346414FL, "AFS"), network(0x6B414653L, "AFS"),
+                      network(0x73757245L, "Coda"), network(0x564C, "NCP"), network(0x00C36400L, "Ceph"),
+                      network(0x0BD00BD0L, "Lustre"), network(0x47504653L, "GPFS"), network(0x01161970L, "GFS2"),
+                      network(0x7461636FL, "OCFS2"), network(0x20030528L, "OrangeFS"), network(0x19830326L, "BeeGFS"),
+                      network(0xAAD7AAEAL, "PanFS"), network(0x01021997L, "9P"), network(0x65735546L, "FUSE"),
+                      pseudo(0x9FA0, "proc"), pseudo(0x62656572L, "sysfs"), pseudo(0x27E0EBL, "cgroup"),
+                      pseudo(0x63677270L, "cgroup2"), pseudo(0x1CD1, "devpts"), pseudo(0x64626720L, "debugfs"),
+                      pseudo(0x74726163L, "tracefs"), pseudo(0x73636673L, "securityfs"), pseudo(0xCAFE4A11L, "bpf"),
+                      pseudo(0x62656570L, "configfs"), pseudo(0x19800202L, "mqueue"), pseudo(0x958458F6L, "hugetlbfs"),
+                      local(0xEF53, "ext4"), local(0x58465342L, "XFS"), local(0x9123683EL, "Btrfs"),
+                      local(0x2FC12FC1L, "ZFS"), local(0x01021994L, "tmpfs"), local(0x794C7630L, "overlay")));
+
+// What a test's process finds on every machine. Root may write there as far as rights go.
+TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
+  for (const char* directory : {"/proc", "/proc/registry", "/sys/registry"}) {
+    const Status status = check_lmdb_directory(directory);
+    if (geteuid() == 0 && !status.is(PRTKV_ACCESS_DENIED)) {  // unless it is mounted to be read only
+      EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
+      EXPECT_NE(status.text().find("pseudo file system"), std::string::npos) << status.text();
+    }
+    EXPECT_FALSE(status.ok()) << directory;
+    LmdbOptions options;
+    options.directory = directory;
+    std::shared_ptr<Store> store;
+    EXPECT_FALSE(open_lmdb_store(options, &store).ok()) << directory;
+  }
+}
 
 TEST(LmdbFileSystemCheck, AFileSystemThatCannotBeAskedIsAFailure) {
   const TemporaryDirectory directory;

@@ -96,6 +96,23 @@ inline Status get_text(Store& store, NodeId id, std::string* text) {
   });
 }
 
+// The value of a node, or a failed test.
+inline std::string text_of(Store& store, NodeId id = kRootNode) {
+  std::string text;
+  const Status status = get_text(store, id, &text);
+  EXPECT_TRUE(status.ok()) << status.text();
+  return text;
+}
+
+// Checks the whole registry, which must be sound.
+inline Totals expect_sound(Store& store) {
+  Totals totals;
+  const Status status = store.check(
+      false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
+  EXPECT_TRUE(status.ok()) << status.text();
+  return totals;
+}
+
 inline Status add_node(Store& store, NodeId parent, std::string_view name, NodeId* id) {
   return store.write([&](Update& update) -> Status {
     Node node;

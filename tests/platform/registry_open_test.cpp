@@ -189,7 +189,7 @@ TEST_F(OpenRegistry, DefaultLocationThatCannotBeMadeSaysWhy) {
   std::shared_ptr<store::Store> store;
   const Status status = open_store(configuration, person("alice"), {}, &store);
   EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
-  EXPECT_EQ(status.text(), "the directory " + directory_ / "home" + " cannot be made: Not a directory");
+  EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" + "': Not a directory (20)");
 }
 
 TEST_F(OpenRegistry, NothingIsMadeWhenItIsNotToBeCreated) {
