@@ -44,8 +44,8 @@ static_assert(offsetof(lx_lang_env, flags) == 56, "the flags word is at byte 56"
  * argument, 2 for a character set that the system does not have. */
 void *lxlinit(void *parameters, int32_t version, uint32_t *error);
 
-/* Initialises a handle in `handle_area` and gives it back. `global` is lxlinit's result, the numbers are 0. Null for a
- * null argument. */
+/* Initialises a handle in `handle_area` and gives it back. `global` is lxlinit's result, the numbers are 0. Null when
+ * one of the two is null or `global` is no such result. */
 void *lxinitc(void *handle_area, void *global, int32_t reserved1, int32_t reserved2);
 
 /* Fills the language environment of a handle and gives it back. Null when the handle is none. */

@@ -1,6 +1,6 @@
 #include "charset.h"
 
-#include <cctype>
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <vector>
@@ -26,11 +26,17 @@ constexpr Alias kAliases[] = {
     {"EUCKR", "EUC-KR"}, {"EUCTW", "EUC-TW"},      {"EUCCN", "GB2312"},      {"BIG5HKSCS", "BIG5-HKSCS"},
 };
 
+// Of ASCII alone: what the process's global locale thinks of letters does not matter here.
+bool is_letter_or_digit(char byte) {
+  return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9');
+}
+
+char upper_case(char byte) { return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 'a' + 'A') : byte; }
+
 std::string key_of(std::string_view name) {
   std::string key;
-  for (const char letter : name) {
-    const auto byte = static_cast<unsigned char>(letter);
-    if (std::isalnum(byte) != 0) key.push_back(static_cast<char>(std::toupper(byte)));
+  for (const char byte : name) {
+    if (is_letter_or_digit(byte)) key.push_back(upper_case(byte));
   }
   return key;
 }
@@ -49,12 +55,9 @@ std::string canonical_name(std::string_view name) {
 bool is_plain_name(std::string_view name) {
   constexpr std::size_t kLongestName = 55;
   if (name.empty() || name.size() > kLongestName) return false;
-  for (const char letter : name) {
-    const auto byte = static_cast<unsigned char>(letter);
-    if (byte >= 0x80 || (std::isalnum(byte) == 0 && std::string_view("-_.:+()").find(letter) == std::string_view::npos))
-      return false;
-  }
-  return true;
+  return std::all_of(name.begin(), name.end(), [](char byte) {
+    return is_letter_or_digit(byte) || std::string_view("-_.:+()").find(byte) != std::string_view::npos;
+  });
 }
 
 Charset::Kind kind_of(const std::string& name) {

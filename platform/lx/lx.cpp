@@ -130,6 +130,15 @@ std::optional<std::size_t> to_utf16(Session& session, const Charset& charset, st
   return to == nullptr ? decoded_size(*decoder, from) : decode_into(*decoder, from, to, capacity);
 }
 
+// The set at an address that a caller holds; null for others. The table of sets may have to be made to know.
+const Charset* charset_at(const void* address) noexcept {
+  try {
+    return Charset::at(address);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 const Charset* start(const void* parameters, std::int32_t version, std::uint32_t* error) {
   *error = kWrongArgument;
   if (parameters != nullptr || version != kVersion) return nullptr;
@@ -157,7 +166,7 @@ extern "C" void* lxlinit(void* parameters, int32_t version, uint32_t* error) {
 }
 
 extern "C" void* lxinitc(void* handle_area, void* global, int32_t /*reserved1*/, int32_t /*reserved2*/) {
-  const Charset* charset = Charset::at(global);
+  const Charset* charset = tkv::lx::charset_at(global);
   if (handle_area == nullptr || charset == nullptr) return nullptr;
   auto* session = new (std::nothrow) Session(*charset);
   if (session == nullptr) return nullptr;
@@ -205,7 +214,7 @@ extern "C" uint32_t lxsulen(const char* text) { return text == nullptr ? 0 : sta
 extern "C" int32_t lxgt2u(uint16_t* to, uint32_t capacity, const char* from, void* charset_address, uint32_t length,
                           uint32_t flags, void* handle_area) {
   const Handle* handle = tkv::lx::handle_at(handle_area);
-  const Charset* charset = Charset::at(charset_address);
+  const Charset* charset = tkv::lx::charset_at(charset_address);
   if (handle == nullptr || charset == nullptr || flags != 0 || (from == nullptr && length != 0)) return -1;
   if (length == 0) return 0;
   try {

@@ -40,9 +40,11 @@ class LastAnswer {
 
   const Charset* to(const char* question) {
     const std::lock_guard lock(mutex_);
-    if (question_ != question) {
-      charset_ = ask_(question);
+    // A set that was not found is looked for again: there may only have been no memory or no descriptor for it.
+    if (charset_ == nullptr || question_ != question) {
+      charset_ = nullptr;
       question_ = question;
+      charset_ = ask_(question_);
     }
     return charset_;
   }

@@ -1,8 +1,10 @@
 #include "method_cache.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <list>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,8 +30,9 @@ struct Class {
 class Classes {
  public:
   static Classes& instance() {
-    // Never destroyed: threads may still report while the process ends.
-    static Classes& classes = *new Classes;
+    // Never destroyed: threads may still report while the process ends. Made without memory that could be missing.
+    alignas(Classes) static std::byte place[sizeof(Classes)];
+    static Classes& classes = *new (place) Classes;
     return classes;
   }
 
@@ -47,14 +50,13 @@ class Classes {
     return false;
   }
 
-  void remember(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) {
-    Method method{name, signature, id};
-    const std::lock_guard lock(mutex_);
-    Class* known = find(env, type);
-    if (known == nullptr) known = add(env, type);
-    if (known == nullptr) return;
-    if (known->methods.size() == kMaxMethods) known->methods.erase(known->methods.begin());
-    known->methods.push_back(std::move(method));
+  // Without memory, what was looked up is not kept, and looked up again the next time.
+  void remember(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) noexcept {
+    try {
+      keep(env, type, name, signature, id);
+    } catch (const std::bad_alloc&) {
+      return;
+    }
   }
 
   void forget(JNIEnv* env) {
@@ -64,6 +66,16 @@ class Classes {
   }
 
  private:
+  void keep(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) {
+    Method method{name, signature, id};
+    const std::lock_guard lock(mutex_);
+    Class* known = find(env, type);
+    if (known == nullptr) known = add(env, type);
+    if (known == nullptr) return;
+    if (known->methods.size() == kMaxMethods) known->methods.erase(known->methods.begin());
+    known->methods.push_back(std::move(method));
+  }
+
   Class* find(JNIEnv* env, jclass type) {
     const auto found = std::find_if(classes_.begin(), classes_.end(), [env, type](const Class& known) {
       return env->IsSameObject(known.reference, type) == JNI_TRUE;
@@ -82,12 +94,12 @@ class Classes {
       env->DeleteWeakGlobalRef(classes_.front().reference);
       classes_.pop_front();
     }
-    jweak reference = env->NewWeakGlobalRef(type);
-    if (reference == nullptr) {
-      env->ExceptionClear();
-      return nullptr;
-    }
-    return &classes_.emplace_back(Class{reference, {}});
+    Class& fresh = classes_.emplace_back(Class{nullptr, {}});
+    fresh.reference = env->NewWeakGlobalRef(type);
+    if (fresh.reference != nullptr) return &fresh;
+    env->ExceptionClear();
+    classes_.pop_back();
+    return nullptr;
   }
 
   std::mutex mutex_;

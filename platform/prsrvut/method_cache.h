@@ -7,7 +7,8 @@
 namespace tkv::prsrvut {
 
 // Gives the id of an object's method, null when its class has none of that name and signature; no exception is left
-// over. The id is good for as long as the object is held. No exception may be pending. Any attached thread may call.
+// over. The id is good for as long as the object is held. No exception may be pending. Never throws. Any attached
+// thread may call.
 //
 // Classes are remembered by weak references, so that they can still be unloaded.
 jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature);

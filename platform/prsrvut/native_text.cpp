@@ -46,11 +46,15 @@ int write_native_text(std::u16string_view text, char* buffer, int* size) {
   const auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
   if (!bytes || bytes->size() >= INT32_MAX) return kNotConvertible;
   const int capacity = *size;
-  *size = static_cast<int>(bytes->size()) + 1;
-  if (capacity <= 0) return kCut;
+  const int needed = static_cast<int>(bytes->size()) + 1;
+  if (capacity <= 0) {
+    *size = needed;
+    return kCut;
+  }
   const auto room = static_cast<std::size_t>(capacity) - 1;
   const bool is_whole = bytes->size() <= room;
   const std::string& shown = is_whole ? *bytes : longest_beginning(*charset, text, room);
+  *size = needed;
   std::memcpy(buffer, shown.data(), shown.size());
   buffer[shown.size()] = '\0';
   return is_whole ? kWhole : kCut;

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <clocale>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 
 #include "charset.h"
 #include "process_locale.h"
+#include "temporary_directory.h"
 #include "utf8.h"
 
 namespace {
@@ -154,6 +156,18 @@ TEST(LxLocale, TakesTheFirstVariableThatIsSetAndNotEmpty) {
   EXPECT_EQ(name_of(charset_of_process()), "UTF-8");
 }
 
+TEST(LxLocale, LooksAgainForASetThatThereWasNoRoomToLoad) {
+  Environment environment;
+  environment.set("TKV_CHARSET", "IBM866");
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{0, usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_EQ(name_of(charset_of_process()), "none");
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+  EXPECT_EQ(name_of(charset_of_process()), "IBM866");
+}
+
 TEST(LxLocale, NeitherReadsNorChangesTheGlobalLocale) {
   const Environment unset;
   const std::string before = std::setlocale(LC_ALL, nullptr);
@@ -169,6 +183,23 @@ TEST(LxCharset, IsTheSameOneUnderEverySpelling) {
   EXPECT_EQ(Charset::find("iso8859-1"), Charset::find("LATIN1"));
   EXPECT_EQ(Charset::find("euc-jp"), Charset::find("eucJP"));
   EXPECT_NE(Charset::find("ISO-8859-1"), Charset::find("ISO-8859-11"));
+}
+
+// Of Turkish letters, the capital of "i" is another one than "I".
+TEST(LxCharset, IsTheSameOneWhateverTheGlobalLocale) {
+  const tkv::TemporaryDirectory locales;
+  const std::string locale = locales / "tr_TR.ISO-8859-9";
+  const std::string command = "localedef --no-archive -i tr_TR -f ISO-8859-9 '" + locale + "'";
+  ASSERT_EQ(std::system(command.c_str()), 0) << "is the package locales installed?";
+  const Charset* latin1 = Charset::find("ISO-8859-1");
+  const Charset* latin4 = Charset::find("ISO-8859-4");
+  const std::string before = std::setlocale(LC_ALL, nullptr);
+  setenv("LOCPATH", locales.path().c_str(), 1);
+  ASSERT_NE(std::setlocale(LC_ALL, "tr_TR.ISO-8859-9"), nullptr);
+  EXPECT_EQ(Charset::find("iso-8859-1"), latin1);
+  EXPECT_EQ(Charset::find("iso8859-4"), latin4);
+  std::setlocale(LC_ALL, before.c_str());
+  unsetenv("LOCPATH");
 }
 
 TEST(LxCharset, RefusesNamesThatAreNone) {

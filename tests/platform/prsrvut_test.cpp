@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "allocation.h"
 #include "java_vm.h"
 
 extern "C" jint JNI_OnLoad(JavaVM* vm, void* reserved);
@@ -250,6 +251,18 @@ TEST_F(Prsrvut, LooksAMethodUpOnceForEachClass) {
     prsrvut_setBooleanResult(env_, bare, 1);
   }
   EXPECT_EQ(functions.calls, 4);
+}
+
+TEST_F(Prsrvut, ReportsWithoutMemoryToRememberMethodsIn) {
+  jobject result = make_of_a_new_class();
+  jstring text = env_->NewStringUTF("a text");
+  tkv::test::allocations_left = 0;
+  for (int round = 0; round < 2; ++round) {
+    prsrvut_setStatus(env_, result, round);
+    call_with_object(result, "setTKVResultString", text);
+  }
+  tkv::test::allocations_left = tkv::test::kEndless;
+  EXPECT_EQ(reports(result), "status false|text a text|status true|text a text");
 }
 
 TEST_F(Prsrvut, LetsAClassBeUnloaded) {
@@ -687,6 +700,18 @@ TEST_F(NativeString, ConvertsLongTexts) {
   EXPECT_EQ(bytes_.size(), 62U);
   EXPECT_EQ(convert("EUC-JP", text, 200001), 0);
   EXPECT_EQ(bytes_.size(), 200000U);
+}
+
+TEST_F(NativeString, LeavesTheSizeWithoutMemory) {
+  jstring name = managed(std::u16string(1000, u'a'));
+  char buffer[64] = "before";
+  int size = sizeof(buffer);
+  tkv::test::allocations_left = 0;
+  const int outcome = prsrvut_getNativeString(env_, name, buffer, &size);
+  tkv::test::allocations_left = tkv::test::kEndless;
+  EXPECT_LT(outcome, 0);
+  EXPECT_STREQ(buffer, "");
+  EXPECT_EQ(size, 64);
 }
 
 TEST_F(NativeString, RefusesNullArguments) {
