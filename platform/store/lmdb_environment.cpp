@@ -23,7 +23,7 @@ namespace {
 constexpr unsigned kMaxReaders = 1022;  // in all processes; LMDB's table of them is one file of 64 KiB
 constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
-constexpr std::size_t kMapUnit = 64 * 1024;    // a multiple of every page size
+constexpr std::size_t kMapUnit = std::size_t{64} << 10;  // a multiple of every page size
 constexpr std::uint64_t kPagesToCheck = 4096;  // when it is opened; with more, a check of the whole registry does
 static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses");
 
@@ -71,7 +71,7 @@ struct EnvironmentTable {
   }
 };
 
-Status Environment::acquire(const LmdbOptions& options, Environment** environment) {
+Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   EnvironmentTable& table = EnvironmentTable::instance();
   const std::lock_guard lock(table.mutex);
   struct stat directory {};
@@ -88,17 +88,23 @@ Status Environment::acquire(const LmdbOptions& options, Environment** environmen
     if (open->read_only_ && !options.read_only)
       return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' may only be read"};
     ++open->users_;
-    *environment = open;
+    environment->reset(open);
     return {};
   }
-  auto* const fresh = new Environment(options);
-  if (Status status = fresh->open(options.read_only); !status.ok()) {
-    delete fresh;
-    return status;
-  }
+  return open_anew(options, table, environment);
+}
+
+// Whatever goes wrong on the way, nothing stays open: a second opening of the files would lose LMDB's locks.
+Status Environment::open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment) {
+  struct Delete {
+    void operator()(Environment* failed) const { delete failed; }
+  };
+  table.open.reserve(table.open.size() + 1);
+  std::unique_ptr<Environment, Delete> fresh(new Environment(options));
+  if (Status status = fresh->open(options.read_only); !status.ok()) return status;
   fresh->users_ = 1;
-  table.open.push_back(fresh);
-  *environment = fresh;
+  table.open.push_back(fresh.get());
+  environment->reset(fresh.release());
   return {};
 }
 
@@ -343,14 +349,13 @@ bool Running::is(const Environment* environment, Kind kind) {
 ReadTransaction::ReadTransaction(Environment& environment, Length length)
     : environment_(environment),
       nested_(Running::reads(&environment)),
-      long_(length == Length::kLong && !nested_),
-      running_(&environment, Running::Kind::kReading) {
-  if (long_) environment_.readers_.begin_long();
-}
+      wants_long_(length == Length::kLong && !nested_),
+      running_(&environment, Running::Kind::kReading) {}
 
 ReadTransaction::~ReadTransaction() {
-  // In a child that was forked meanwhile the transaction is the parent's.
-  if (slot_ != nullptr && environment_.fork_generation_ == fork_generation) {
+  // In a child that was forked meanwhile the transaction is the parent's, and the locks may be held for ever.
+  if (environment_.fork_generation_ != fork_generation) return;
+  if (slot_ != nullptr) {
     mdb_txn_reset(slot_->txn);
     environment_.readers_.release(*slot_);
   }
@@ -359,6 +364,10 @@ ReadTransaction::~ReadTransaction() {
 
 Status ReadTransaction::begin() {
   if (Status status = environment_.check_process(); !status.ok()) return status;
+  if (wants_long_) {
+    environment_.readers_.begin_long();
+    long_ = true;
+  }
   for (unsigned attempt = 0;; ++attempt) {
     const std::uint64_t remaps = environment_.remaps_;
     ReaderSlot& slot = environment_.readers_.claim(nested_);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -22,12 +23,17 @@
 
 namespace tkv::store {
 
+struct EnvironmentTable;
+
 class Environment {
  public:
-  // Finds or opens the environment of options.directory, whose files are ready. Each acquired environment is released
-  // once. Of several that are opened on one directory, the first one's map_size holds for all.
-  static Status acquire(const LmdbOptions& options, Environment** environment);
-  static void release(Environment* environment);
+  // Finds or opens the environment of options.directory, whose files are ready, and takes part in it until what is held
+  // goes away. Of several that are opened on one directory, the first one's map_size holds for all.
+  struct Release {
+    void operator()(Environment* environment) const { release(environment); }
+  };
+  using Held = std::unique_ptr<Environment, Release>;
+  static Status acquire(const LmdbOptions& options, Held* environment);
 
   Environment(const Environment&) = delete;
   Environment& operator=(const Environment&) = delete;
@@ -55,6 +61,8 @@ class Environment {
 
   explicit Environment(const LmdbOptions& options);
   ~Environment();
+  static Status open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment);
+  static void release(Environment* environment);
 
   Status open(bool read_only);
   void close_files();
@@ -130,8 +138,9 @@ class ReadTransaction {
  private:
   Environment& environment_;
   const bool nested_;
-  const bool long_;
+  const bool wants_long_;
   const Running running_;
+  bool long_ = false;  // announced as a long reader
   ReaderSlot* slot_ = nullptr;
 };
 

@@ -30,6 +30,13 @@ struct PageNode {
   std::span<const std::byte> rest;  // of the page, behind the key
 };
 
+Status damaged(MDB_txn* txn, std::uint64_t page, const std::string& why) {
+  const char* path = "";
+  mdb_env_get_path(mdb_txn_env(txn), &path);
+  return {PRTKV_STORAGE_FAILED,
+          "the registry in '" + std::string(path) + "' is damaged: page " + std::to_string(page) + " " + why};
+}
+
 class PageCheck {
  public:
   PageCheck(int file, const Head& head, MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)> progress)
@@ -46,7 +53,7 @@ class PageCheck {
     int level;
   };
 
-  Status damaged(std::uint64_t page, const std::string& why) const;
+  Status damaged(std::uint64_t page, const std::string& why) const { return store::damaged(txn_, page, why); }
   Status take(std::uint64_t page);
   Status read(std::uint64_t page, std::span<std::byte> bytes) const;
   Status check_page(const Pending& at, int depth, bool is_main);
@@ -66,13 +73,6 @@ class PageCheck {
   std::vector<std::byte> page_;
   std::vector<Pending> pending_;
 };
-
-Status PageCheck::damaged(std::uint64_t page, const std::string& why) const {
-  const char* path = "";
-  mdb_env_get_path(mdb_txn_env(txn_), &path);
-  return {PRTKV_STORAGE_FAILED,
-          "the registry in '" + std::string(path) + "' is damaged: page " + std::to_string(page) + " " + why};
-}
 
 Status PageCheck::take(std::uint64_t page) {
   if (page < 2 || page > last_page_) return damaged(page, "does not exist, and is referred to");
@@ -219,8 +219,11 @@ Status check_pages(MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)>
   const ssize_t count = pread(file, &head, sizeof head, static_cast<off_t>((state & 1) * pages.ms_psize));
   const int error = count < 0 ? errno : 0;
   if (error != 0) return failure(txn, error, "cannot read the registry's file");
-  *outdated = head.transaction != state;
-  if (*outdated || count != sizeof head) return {};
+  *outdated = count == sizeof head && head.transaction != state;
+  if (*outdated) return {};
+  const bool is_sound = count == sizeof head && head.magic == kMagic && head.free_pages.page_size == pages.ms_psize &&
+                        head.last_page <= info.me_last_pgno;
+  if (!is_sound) return damaged(txn, state & 1, "is not the head of a registry's file");
   PageCheck check(file, head, txn, progress);
   if (Status status = check.check_tree(head.free_pages, false); !status.ok()) return status;
   return check.check_tree(head.main, true);

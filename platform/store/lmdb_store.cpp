@@ -273,8 +273,8 @@ Status read_records(MDB_txn* txn, TreeCheck* check, FunctionRef<void(const Check
 
 class LmdbStore final : public Store {
  public:
-  LmdbStore(Environment* environment, bool read_only) : environment_(*environment), read_only_(read_only) {}
-  ~LmdbStore() override { Environment::release(&environment_); }
+  LmdbStore(Environment::Held environment, bool read_only)
+      : held_(std::move(environment)), environment_(*held_), read_only_(read_only) {}
 
   Status read(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kShort, function);
@@ -299,6 +299,7 @@ class LmdbStore final : public Store {
   Status write_with(FunctionRef<Status(LmdbUpdate&)> function);
   Status damaged(const LmdbAssertion& broken) const;
 
+  const Environment::Held held_;
   Environment& environment_;
   const bool read_only_;
 };
@@ -402,9 +403,9 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store) {
   occupy_standard_files();
   if (Status status = prepare_directory(options); !status.ok()) return status;
-  Environment* environment = nullptr;
+  Environment::Held environment;
   if (Status status = Environment::acquire(options, &environment); !status.ok()) return status;
-  *store = std::make_shared<LmdbStore>(environment, options.read_only);
+  *store = std::make_shared<LmdbStore>(std::move(environment), options.read_only);
   return {};
 }
 

@@ -1,6 +1,7 @@
 #include "tree_check.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 namespace tkv::store {
@@ -18,7 +19,6 @@ void TreeCheck::add_damaged_node(NodeId parent, std::string_view name, std::stri
 void TreeCheck::add_value(NodeId id, std::size_t size) { values_[id] = size; }
 
 void TreeCheck::add_damaged_value(NodeId id, std::string detail) {
-  damaged_values_.insert(id);
   report_({Finding::Kind::kDamagedValue, kNoNode, id, "", std::move(detail)});
 }
 

@@ -57,7 +57,6 @@ class TreeCheck {
   std::vector<Standing> standings_;                 // of nodes_
   std::unordered_map<NodeId, std::size_t> ids_;     // how many nodes have an id
   std::unordered_map<NodeId, std::size_t> values_;  // sizes
-  std::unordered_set<NodeId> damaged_values_;
   std::unordered_set<NodeId> reached_;
 };
 

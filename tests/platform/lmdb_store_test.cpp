@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "allocation.h"
 #include "lmdb_file.h"
 #include "lmdb_files.h"
 #include "temporary_directory.h"
@@ -33,21 +34,6 @@ class Lmdb : public ::testing::Test {
   std::shared_ptr<Store> open() { return open_or_fail(options_); }
 
   std::string data_file() const { return options_.directory + "/data.mdb"; }
-
-  static std::string text_of(Store& store, NodeId id) {
-    std::string text;
-    const Status status = get_text(store, id, &text);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return text;
-  }
-
-  static Totals check(Store& store) {
-    Totals totals;
-    const Status status = store.check(
-        false, [](const Finding& finding) { ADD_FAILURE() << finding.name << ": " << finding.detail; }, &totals);
-    EXPECT_TRUE(status.ok()) << status.text();
-    return totals;
-  }
 
   TemporaryDirectory temporary_{TemporaryDirectory::Where::kInMemory};
   LmdbOptions options_;
@@ -68,7 +54,7 @@ TEST_F(Lmdb, ReopenedStoreKeepsCommittedValues) {
   }
   const auto store = open();
   EXPECT_EQ(text_of(*store, id), "kept");
-  EXPECT_EQ(check(*store).nodes, 2u);
+  EXPECT_EQ(expect_sound(*store).nodes, 2u);
 }
 
 // The files of a directory that this process has open.
@@ -96,6 +82,29 @@ TEST_F(Lmdb, StoresOfOneDirectoryShareOneEnvironmentWhateverItsPath) {
   EXPECT_EQ(text_of(*second, kRootNode), "by the link");
   second.reset();
   EXPECT_EQ(open_files_below(options_.directory), 0);
+}
+
+TEST_F(Lmdb, AnOpeningThatRunsOutOfMemoryLeavesNothingOpen) {
+  open();
+  std::shared_ptr<Store> store;
+  int allowed = 0;
+  for (; store == nullptr && allowed < 1000; ++allowed) {
+    bool failed = false;
+    test::allocations_left = allowed;
+    try {
+      failed = !open_lmdb_store(options_, &store).ok();
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
+    test::allocations_left = test::kEndless;
+    EXPECT_EQ(failed, store == nullptr);
+    if (failed) {
+      EXPECT_EQ(open_files_below(options_.directory), 0) << allowed;
+    }
+  }
+  EXPECT_GT(allowed, 5);
+  ASSERT_NE(store, nullptr);
+  EXPECT_TRUE(set_text(*store, kRootNode, "x").ok());
 }
 
 TEST_F(Lmdb, ARegistryMadeAnewInTheSamePlaceIsAnotherOne) {
@@ -271,10 +280,10 @@ TEST_F(Lmdb, OneStoreCanBeFilledFromAnotherInOneWrite) {
                     });
                   })
                   .ok());
-  const Totals copied = check(*target);
+  const Totals copied = expect_sound(*target);
   EXPECT_EQ(copied.nodes, 1u + kParents + kParents * kChildren);
   EXPECT_EQ(copied.values, static_cast<std::uint64_t>(kParents) * kChildren);
-  EXPECT_EQ(copied.value_bytes, check(*source).value_bytes);
+  EXPECT_EQ(copied.value_bytes, expect_sound(*source).value_bytes);
 }
 
 TEST_F(Lmdb, ALargeWriteCanBeUndoneByAnother) {
@@ -293,14 +302,14 @@ TEST_F(Lmdb, ALargeWriteCanBeUndoneByAnother) {
                     return {};
                   })
                   .ok());
-  EXPECT_EQ(check(*store).nodes, 20002u);
+  EXPECT_EQ(expect_sound(*store).nodes, 20002u);
   ASSERT_TRUE(store
                   ->write([&](Update& update) -> Status {
                     if (Status status = update.unlink(kRootNode, "top"); !status.ok()) return status;
                     return update.discard(top);
                   })
                   .ok());
-  EXPECT_EQ(check(*store).nodes, 1u);
+  EXPECT_EQ(expect_sound(*store).nodes, 1u);
 }
 
 // Growth
@@ -353,7 +362,7 @@ TEST_F(LmdbGrowth, TheMapGrowsWithTheRegistry) {
   for (int i = 0; i < 40; ++i)
     EXPECT_EQ(text_of(*store, ids[static_cast<std::size_t>(i)]),
               std::string(256 * 1024, static_cast<char>('a' + i % 26)));
-  EXPECT_EQ(check(*store).nodes, 41u);
+  EXPECT_EQ(expect_sound(*store).nodes, 41u);
 }
 
 TEST_F(LmdbGrowth, OneWriteMayNeedTheMapToGrowManyTimes) {
@@ -375,7 +384,7 @@ TEST_F(LmdbGrowth, OneWriteMayNeedTheMapToGrowManyTimes) {
                   })
                   .ok());
   EXPECT_GT(runs, 3);
-  EXPECT_EQ(check(*store).values, 100u);
+  EXPECT_EQ(expect_sound(*store).values, 100u);
 }
 
 TEST_F(LmdbGrowth, ReadersAndTheirThreadsGoOnWhileTheMapGrows) {
@@ -423,7 +432,7 @@ TEST_F(LmdbGrowth, ALongReadDelaysTheGrowthAndNotTheReaders) {
   release.set_value();
   EXPECT_TRUE(long_read.get().ok());
   EXPECT_TRUE(writer.get().ok());
-  EXPECT_EQ(check(*store).values, 21u);
+  EXPECT_EQ(expect_sound(*store).values, 21u);
 }
 
 TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
@@ -441,10 +450,10 @@ TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
   };
   ASSERT_EQ(grow(0), 0);
   EXPECT_EQ(text_of(*store, kRootNode), "seen before");  // a reader follows
-  EXPECT_EQ(check(*store).nodes, 21u);
+  EXPECT_EQ(expect_sound(*store).nodes, 21u);
   ASSERT_EQ(grow(100), 0);
   ASSERT_TRUE(set_text(*store, kRootNode, "written after").ok());  // a writer follows
-  EXPECT_EQ(check(*store).nodes, 41u);
+  EXPECT_EQ(expect_sound(*store).nodes, 41u);
 }
 
 TEST_F(LmdbGrowth, AFixedMapIsNotOutgrownAndTheRegistryIsUnharmed) {
@@ -464,7 +473,7 @@ TEST_F(LmdbGrowth, AFixedMapIsNotOutgrownAndTheRegistryIsUnharmed) {
   EXPECT_GE(ids.size(), 3u);
   for (std::size_t i = 0; i < ids.size(); ++i)
     EXPECT_EQ(text_of(*store, ids[i]), std::string(256 * 1024, static_cast<char>('a' + i % 26)));
-  check(*store);
+  expect_sound(*store);
   // Room that is given back can be used again.
   ASSERT_TRUE(set_text(*store, ids[0], "").ok());
   ASSERT_TRUE(set_text(*store, ids[1], "").ok());
@@ -809,6 +818,20 @@ TEST_F(LmdbPages, AnySpoiltPageIsAFailureAndNotTheEndOfTheProcess) {
   EXPECT_GT(refused, 40);
 }
 
+TEST_F(LmdbDamage, AHeadThatIsSpoiltWhileItIsOpenIsFoundByACheck) {
+  const auto store = open();
+  for (const std::streamoff head : {0, 4096}) {
+    std::fstream file(data_file(), std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(head + 40).write("\0\0\0\0", 4);  // the page size
+    ASSERT_TRUE(file.flush());
+  }
+  Totals totals;
+  const Status status = store->check(
+      false, [](const Finding&) {}, &totals);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("is not the head of a registry's file"), std::string::npos) << status.text();
+}
+
 TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {
   auto store = open();
   ASSERT_TRUE(store
@@ -824,7 +847,7 @@ TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {
   store.reset();
   store = open();
   EXPECT_EQ(text_of(*store, id_), "the text of the value");
-  check(*store);
+  expect_sound(*store);
   ASSERT_TRUE(set_text(*store, id_, std::string(kMiB, 'x')).ok());
 }
 

@@ -1,33 +1,18 @@
 // How often the heap is asked on the way of a read, counted.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 
+#include "allocation.h"
 #include "lmdb_store.h"
 #include "prtkv.h"
 #include "registry_fixture.h"
 #include "temporary_directory.h"
 
-namespace {
-std::atomic<long> allocations{0};
-}
-
-// Not inlined: the compiler takes an inlined pair of these for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-
 namespace tkv::registry {
 namespace {
+
+using test::allocations;
 
 // Opens, reads and closes; false when any of it fails.
 bool read_once(prtkv_ctx ctx, const char* name, char* buffer, std::uint32_t capacity, std::uint32_t* size) {
