@@ -60,7 +60,7 @@ std::int64_t number_of(const tkv::store::Value& value) {
 
 Status read_patch_level(Reader& tree, std::int32_t* level) {
   tkv::store::Value value;
-  const Status status = tree.value(kPatchKey, &value);
+  Status status = tree.value(kPatchKey, &value);
   if (status.is(PRTKV_NO_SUCH_KEY) || (status.ok() && value.type == PRTKV_TYPE_NONE && value.bytes.empty())) {
     *level = 0;
     return {};
@@ -89,7 +89,7 @@ int32_t clsvswpatch(prtkv_ctx ctx, uint32_t flags, int32_t* patch_level, uint32_
     if (flags != 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: flags " + std::to_string(flags)};
     if (reserved != 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: reserved " + std::to_string(reserved)};
     std::int32_t level = 0;
-    const Status status = session.registry().read([&](Reader& tree) { return read_patch_level(tree, &level); });
+    Status status = session.registry().read([&](Reader& tree) { return read_patch_level(tree, &level); });
     if (status.ok()) *patch_level = level;
     return status;
   });

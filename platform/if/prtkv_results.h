@@ -29,7 +29,7 @@
   RESULT(KEY_EXISTS, 55, "key exists")
 
 enum prtkv_result {
-#define PRTKV_RESULT_CODE(name, code, text) PRTKV_##name = code,
+#define PRTKV_RESULT_CODE(name, code, text) PRTKV_##name = (code),
   PRTKV_RESULTS(PRTKV_RESULT_CODE)
 #undef PRTKV_RESULT_CODE
 };

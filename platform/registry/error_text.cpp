@@ -60,7 +60,7 @@ class Line {
 
 std::size_t write_error_text(const Status& status, char* buffer, std::size_t capacity) noexcept {
   char code[24];
-  std::snprintf(code, sizeof code, "TKV-%04d: ", static_cast<int>(status.code()));
+  static_cast<void>(std::snprintf(code, sizeof code, "TKV-%04d: ", static_cast<int>(status.code())));
   Line line(buffer, capacity);
   line.append(code);
   try {

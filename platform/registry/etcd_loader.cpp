@@ -56,7 +56,7 @@ Status cannot_load(const std::string& reasons) {
 }
 
 std::string loader_error() {
-  const char* error = ::dlerror();
+  const char* error = ::dlerror();  // NOLINT(concurrency-mt-unsafe): its text is each thread's own
   return error == nullptr ? "unknown reason" : error;
 }
 

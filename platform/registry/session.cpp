@@ -50,6 +50,16 @@ class Session::Reservation {
     return {};
   }
 
+  // For a key below another.
+  Status take_below(const OpenKey& above, std::string_view name) {
+    FullName full_name;
+    if (Status status = check_relative_name(name); !status.ok()) return status;
+    if (Status status = full_name.join(above.name, name); !status.ok()) return status;
+    if (Status status = take(); !status.ok()) return status;
+    key().name.assign(full_name.view());
+    return {};
+  }
+
   OpenKey& key() { return session_.keys_[index_]; }
 
   prtkv_key give(store::NodeId id) {
@@ -76,22 +86,20 @@ void Session::release(std::size_t index) noexcept {
   free_.push_back(index);
 }
 
-// An open key, whether it is gone or not.
-Status Session::find(prtkv_key handle, OpenKey** key) {
+// An open key, whether it is gone or not. Null when the handle is none.
+Session::OpenKey* Session::find(prtkv_key handle) {
   Handle wanted{};
-  if (!decode_handle(HandleKind::kKey, handle, &wanted) || wanted.index >= keys_.size()) return invalid_handle();
+  if (!decode_handle(HandleKind::kKey, handle, &wanted) || wanted.index >= keys_.size()) return nullptr;
   OpenKey& found = keys_[wanted.index];
-  if (found.serial != wanted.serial) return invalid_handle();
-  *key = &found;
-  return {};
+  return found.serial == wanted.serial ? &found : nullptr;
 }
 
-Status Session::find_live(prtkv_key handle, OpenKey** key) {
-  OpenKey* found = nullptr;
-  if (Status status = find(handle, &found); !status.ok()) return status;
-  if (found->gone) return {PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist"};
-  *key = found;
-  return {};
+// An open key that is not known to be gone. Null otherwise, with the reason in `*reason`.
+Session::OpenKey* Session::find_live(prtkv_key handle, Status* reason) {
+  OpenKey* found = find(handle);
+  if (found != nullptr && !found->gone) return found;
+  *reason = found == nullptr ? invalid_handle() : Status(PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist");
+  return nullptr;
 }
 
 // Gives back how an operation on an open key ended, and remembers when the key turned out to be gone.
@@ -115,7 +123,7 @@ void Session::record(const Status& status) noexcept {
 Status Session::open_key(std::string_view name, prtkv_key* key) {
   Place place;
   Reservation slot(*this);
-  const Status status = registry_->read([&](Reader& tree) { return tree.resolve(name, &place); }, &cache_);
+  Status status = registry_->read([&](Reader& tree) { return tree.resolve(name, &place); }, &cache_);
   if (!status.ok()) return status;
   if (Status taken = slot.take(); !taken.ok()) return taken;
   slot.key().name.assign(name);
@@ -124,8 +132,7 @@ Status Session::open_key(std::string_view name, prtkv_key* key) {
 }
 
 Status Session::close_key(prtkv_key key) {
-  OpenKey* found = nullptr;
-  if (Status status = find(key, &found); !status.ok()) return status;
+  if (find(key) == nullptr) return invalid_handle();
   Handle handle{};
   (void)decode_handle(HandleKind::kKey, key, &handle);
   release(handle.index);
@@ -134,48 +141,40 @@ Status Session::close_key(prtkv_key key) {
 
 Status Session::create_key(prtkv_key parent, std::string_view name, const sec_attr& security, std::int32_t type,
                            std::span<const std::byte> value, prtkv_key* key) {
-  OpenKey* above = nullptr;
-  FullName full_name;
+  Status status;
+  OpenKey* above = find_live(parent, &status);
+  if (above == nullptr) return status;
   Reservation slot(*this);
-  if (Status status = find_live(parent, &above); !status.ok()) return status;
-  if (Status status = check_relative_name(name); !status.ok()) return status;
-  if (Status status = full_name.join(above->name, name); !status.ok()) return status;
-  if (Status status = slot.take(); !status.ok()) return status;
-  slot.key().name.assign(full_name.view());
+  if (status = slot.take_below(*above, name); !status.ok()) return status;
   store::NodeId id = store::kNoNode;
-  const Status status = registry_->write(
+  status = registry_->write(
       [&](Writer& tree) { return tree.create_and_set(above->ref(), name, security, type, value, &id); });
   if (status.ok()) *key = slot.give(id);
   return status;
 }
 
 Status Session::delete_key(prtkv_key key, bool recursive) {
-  OpenKey* found = nullptr;
-  if (Status status = find_live(key, &found); !status.ok()) return status;
-  const Status status =
-      settle(*found, registry_->write([&](Writer& tree) { return tree.remove(found->ref(), recursive); }));
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
+  status = settle(*found, registry_->write([&](Writer& tree) { return tree.remove(found->ref(), recursive); }));
   if (!status.ok()) return status;
   lose(found->name);
   return close_key(key);
 }
 
 Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view name, bool replace, prtkv_key* moved) {
-  OpenKey* from = nullptr;
-  OpenKey* above = nullptr;
-  FullName full_name;
+  Status status;
+  OpenKey* from = find_live(source, &status);
+  OpenKey* above = from == nullptr ? nullptr : find_live(parent, &status);
+  if (above == nullptr) return status;
   Reservation slot(*this);
-  if (Status status = find_live(source, &from); !status.ok()) return status;
-  if (Status status = find_live(parent, &above); !status.ok()) return status;
-  if (Status status = check_relative_name(name); !status.ok()) return status;
-  if (Status status = full_name.join(above->name, name); !status.ok()) return status;
-  if (Status status = slot.take(); !status.ok()) return status;
-  slot.key().name.assign(full_name.view());
+  if (status = slot.take_below(*above, name); !status.ok()) return status;
   store::NodeId id = store::kNoNode;
-  const Status status =
-      registry_->write([&](Writer& tree) { return tree.move(from->ref(), above->ref(), name, replace, &id); });
+  status = registry_->write([&](Writer& tree) { return tree.move(from->ref(), above->ref(), name, replace, &id); });
   if (!status.ok()) return status;
   lose(from->name);
-  lose(full_name.view());
+  lose(slot.key().name);
   *moved = slot.give(id);
   return {};
 }
@@ -188,14 +187,14 @@ Status Session::list_subkeys(OpenKey& key) {
     ++count;
     return {};
   };
-  const Status status = registry_->read_all([&](Reader& tree) {
+  Status status = registry_->read_all([&](Reader& tree) {
     key.subkeys.clear();
     count = 0;
     return tree.list(key.ref(), collect);
   });
   if (!status.ok()) {
     key.subkeys.clear();
-    return settle(key, status);
+    return settle(key, std::move(status));
   }
   key.listed = true;
   key.next = 0;
@@ -204,18 +203,19 @@ Status Session::list_subkeys(OpenKey& key) {
 }
 
 Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
-  OpenKey* found = nullptr;
-  if (Status status = find_live(key, &found); !status.ok()) return status;
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
   if (!found->listed) {
-    if (Status status = list_subkeys(*found); !status.ok()) return status;
+    if (status = list_subkeys(*found); !status.ok()) return status;
   }
   if (found->remaining == 0) return {PRTKV_NO_MORE_SUBKEYS, describe(found->name) + " has no more subkeys"};
   const char* level = found->subkeys.c_str() + found->next;
   const std::size_t bytes = std::strlen(level) + 1;
   if (bytes > *size) {
-    const Status status = too_small(*size, bytes);
+    const std::uint32_t offered = *size;
     *size = static_cast<std::uint32_t>(bytes);
-    return status;
+    return too_small(offered, bytes);
   }
   std::memcpy(name, level, bytes);
   *size = static_cast<std::uint32_t>(bytes - 1);
@@ -225,20 +225,21 @@ Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std:
 }
 
 Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
-  OpenKey* found = nullptr;
-  if (Status status = find_live(key, &found); !status.ok()) return status;
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
   std::int32_t found_type = 0;
   std::size_t found_size = 0;
   // Copied to the caller at the end only: the function may run again and find the value grown.
   const auto take = [&](Reader& tree) -> Status {
     store::Value value;
-    if (Status status = tree.value(found->ref(), &value); !status.ok()) return status;
+    if (Status read = tree.value(found->ref(), &value); !read.ok()) return read;
     found_type = value.type;
     found_size = value.bytes.size();
     if (found_size <= *size) value_.assign(value.bytes.begin(), value.bytes.end());
     return {};
   };
-  if (Status status = settle(*found, registry_->read(take, &cache_)); !status.ok()) return status;
+  if (status = settle(*found, registry_->read(take, &cache_)); !status.ok()) return status;
   const std::uint32_t offered = *size;
   *size = static_cast<std::uint32_t>(found_size);
   if (found_size > offered) return too_small(offered, found_size);
@@ -252,24 +253,26 @@ Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::
 }
 
 Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value) {
-  OpenKey* found = nullptr;
-  if (Status status = find_live(key, &found); !status.ok()) return status;
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
   return settle(*found, registry_->write([&](Writer& tree) { return tree.set_value(found->ref(), type, value); }));
 }
 
 Status Session::get_security(prtkv_key key, sec_attr* security) {
-  OpenKey* found = nullptr;
   sec_attr read{};
-  if (Status status = find_live(key, &found); !status.ok()) return status;
-  const Status status =
-      settle(*found, registry_->read([&](Reader& tree) { return tree.security(found->ref(), &read); }, &cache_));
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
+  status = settle(*found, registry_->read([&](Reader& tree) { return tree.security(found->ref(), &read); }, &cache_));
   if (status.ok()) *security = read;
   return status;
 }
 
 Status Session::set_security(prtkv_key key, const sec_attr& security) {
-  OpenKey* found = nullptr;
-  if (Status status = find_live(key, &found); !status.ok()) return status;
+  Status status;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
   return settle(*found, registry_->write([&](Writer& tree) { return tree.set_security(found->ref(), security); }));
 }
 

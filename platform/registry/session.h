@@ -67,8 +67,8 @@ class Session {
   };
   class Reservation;
 
-  Status find(prtkv_key handle, OpenKey** key);
-  Status find_live(prtkv_key handle, OpenKey** key);
+  OpenKey* find(prtkv_key handle);
+  OpenKey* find_live(prtkv_key handle, Status* reason);
   Status settle(OpenKey& key, Status status);
   Status list_subkeys(OpenKey& key);
   void release(std::size_t index) noexcept;

@@ -108,7 +108,7 @@ Status Reader::demand(Rights right, std::string_view name, const store::Node& no
 
 Status Reader::exists(std::string_view name, bool* answer) {
   Place place;
-  const Status status = resolve(name, &place);
+  Status status = resolve(name, &place);
   if (!status.ok() && !status.is(PRTKV_NO_SUCH_KEY)) return status;
   *answer = status.ok();
   return {};

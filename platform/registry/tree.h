@@ -37,7 +37,7 @@
 
 namespace tkv::registry {
 
-constexpr std::size_t kMaxValueBytes = 1024 * 1024;
+constexpr std::size_t kMaxValueBytes = std::size_t{1} << 20;
 
 struct KeyRef {
   KeyRef(std::string_view full_name, store::NodeId known_id = store::kNoNode)  // NOLINT: a name is a KeyRef

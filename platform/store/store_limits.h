@@ -10,8 +10,8 @@
 
 namespace tkv::store {
 
-constexpr std::size_t kMaxLevelName = 264;          // bytes of one level of a name
-constexpr std::size_t kMaxValueSize = 1024 * 1024;  // bytes of one value
+constexpr std::size_t kMaxLevelName = 264;                   // bytes of one level of a name
+constexpr std::size_t kMaxValueSize = std::size_t{1} << 20;  // bytes of one value
 
 // A place in the tree that can be written to: below a node under a name of 1 to kMaxLevelName bytes. The root stays
 // where it is. What a name may consist of is the registry client's business.

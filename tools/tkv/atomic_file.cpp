@@ -14,7 +14,7 @@
 namespace tkv::command {
 namespace {
 
-constexpr std::size_t kGathered = 256 * 1024;
+constexpr std::size_t kGathered = std::size_t{256} << 10;
 constexpr mode_t kPermissions = 0777;
 
 std::string folder_of(const std::string& path) {

@@ -76,7 +76,7 @@ class Source {
   explicit Source(const std::string& path)
       : path_(shown_path(path)), file_(path == "-" ? stdin : std::fopen(path.c_str(), "rbe")), error_(errno) {}
   ~Source() {
-    if (file_ != nullptr && file_ != stdin) std::fclose(file_);
+    if (file_ != nullptr && file_ != stdin) static_cast<void>(std::fclose(file_));
   }
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;

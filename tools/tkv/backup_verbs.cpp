@@ -29,7 +29,7 @@ std::string fresh_name(const std::string& directory, std::uint64_t taken) {
   const std::string base = directory + (directory.ends_with('/') ? "" : "/") + "tkv-" + utc(taken, "%Y%m%dT%H%M%SZ");
   struct stat found {};
   for (int number = 1;; ++number) {
-    const std::string path = base + (number == 1 ? "" : "-" + std::to_string(number)) + ".backup";
+    std::string path = base + (number == 1 ? "" : "-" + std::to_string(number)) + ".backup";
     if (::lstat(path.c_str(), &found) != 0) return path;
   }
 }

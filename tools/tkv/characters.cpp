@@ -69,7 +69,7 @@ std::string escaped(std::uint32_t code) {
   if (code == '\t') return "\\t";
   if (code == '\r') return "\\r";
   char text[16];
-  std::snprintf(text, sizeof text, code < 0x80 ? "\\x%02x" : "\\u{%x}", code);
+  static_cast<void>(std::snprintf(text, sizeof text, code < 0x80 ? "\\x%02x" : "\\u{%x}", code));
   return text;
 }
 
@@ -114,7 +114,7 @@ std::string safe(std::string_view text) {
     const Character character = character_at(text, at);
     if (character.size == 0) {
       char raw[8];
-      std::snprintf(raw, sizeof raw, "\\x%02x", byte_at(text, at));
+      static_cast<void>(std::snprintf(raw, sizeof raw, "\\x%02x", byte_at(text, at)));
       result += raw;
       ++at;
       continue;
@@ -152,7 +152,7 @@ std::string escaped_for_json(std::string_view utf8) {
       result += escaped(character.code);
     } else if (changes_terminal(character.code)) {
       char text[8];
-      std::snprintf(text, sizeof text, "\\u%04x", character.code);
+      static_cast<void>(std::snprintf(text, sizeof text, "\\u%04x", character.code));
       result += text;
     } else {
       result += utf8.substr(at, size);

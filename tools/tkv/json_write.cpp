@@ -10,6 +10,7 @@ std::string base64_object(std::string_view bytes) { return R"({"base64":")" + ba
 
 std::string list_json(const std::vector<std::string>& elements) {
   std::vector<std::string> texts;
+  texts.reserve(elements.size());
   for (const std::string& element : elements) texts.push_back(json_string(element));
   return json_array(texts);
 }

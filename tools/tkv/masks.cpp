@@ -22,7 +22,7 @@ constexpr std::array<Letter, 6> kLetters{{{'r', TKV_RIGHT_READ},
 
 std::string hex_of(std::int32_t mask) {
   char text[16];
-  std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(mask));
+  static_cast<void>(std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(mask)));
   return text;
 }
 

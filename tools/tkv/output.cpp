@@ -7,7 +7,7 @@
 
 namespace tkv::command {
 namespace {
-constexpr std::size_t kGathered = 64 * 1024;
+constexpr std::size_t kGathered = std::size_t{64} << 10;
 }
 
 void Output::write(std::string_view text) {
