@@ -36,12 +36,26 @@ Status read_head(const Descriptor& file, const std::string& path, off_t at, Head
   return {};
 }
 
-Status check_numbers(const std::string& path, const Head& head) {
+// `parity` is that of the transactions whose head this is.
+Status check_numbers(const std::string& path, const Head& head, unsigned parity) {
+  if (head.transaction % 2 != parity) return foreign(path, "a head of its is in the other's place");
   if (head.last_page < 1 || head.last_page >= kLargestFile / head.free_pages.page_size)
     return foreign(path, "its last page is " + std::to_string(head.last_page));
   if (head.map_size > kLargestFile) return foreign(path, "its map is " + std::to_string(head.map_size) + " bytes");
-  if (head.main.flags != 0) return foreign(path, "its database is of another kind");
-  return {};
+  const bool is_usual = (head.free_pages.flags & kTreeKind) == kNumbersTree && head.main.flags == kPlainTree;
+  return is_usual ? Status() : foreign(path, "its database is of another kind");
+}
+
+Status check_heads(const Descriptor& file, const std::string& path) {
+  Head first{};
+  Head second{};
+  if (Status status = read_head(file, path, 0, &first); !status.ok()) return status;
+  if (Status status = read_head(file, path, first.free_pages.page_size, &second); !status.ok()) return status;
+  if (first.free_pages.page_size != second.free_pages.page_size)
+    return foreign(path, "its two heads differ in the page size");
+  // Which of them LMDB goes by depends on numbers that may be damaged, too.
+  if (Status status = check_numbers(path, first, 0); !status.ok()) return status;
+  return check_numbers(path, second, 1);
 }
 
 using EnvironmentHandle = std::unique_ptr<MDB_env, decltype(&mdb_env_close)>;
@@ -134,13 +148,7 @@ Status inspect_data_file(const std::string& path) {
   }
   struct stat status {};
   if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return foreign(path, "it is not a plain file");
-  Head first{};
-  Head second{};
-  if (Status head = read_head(file, path, 0, &first); !head.ok()) return head;
-  if (Status head = read_head(file, path, first.free_pages.page_size, &second); !head.ok()) return head;
-  if (first.free_pages.page_size != second.free_pages.page_size)
-    return foreign(path, "its two heads differ in the page size");
-  return check_numbers(path, first.transaction > second.transaction ? first : second);
+  return check_heads(file, path);
 }
 
 }  // namespace tkv::store

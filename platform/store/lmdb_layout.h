@@ -44,6 +44,11 @@ struct TreeHead {
 };
 static_assert(sizeof(TreeHead) == 48);
 
+// Of a tree's flags, those that say what its keys and data are; above them are LMDB's notes on how it was opened.
+constexpr std::uint16_t kTreeKind = 0xff;
+constexpr std::uint16_t kPlainTree = 0;
+constexpr std::uint16_t kNumbersTree = 0x08;  // its keys are numbers: that of free pages
+
 constexpr std::uint64_t kNoPage = ~std::uint64_t{0};  // the root of an empty tree
 constexpr int kDeepestTree = 32;
 

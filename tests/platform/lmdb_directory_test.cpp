@@ -310,6 +310,9 @@ TEST_F(LmdbDirectory, HeadsWithImpossibleNumbersAreRefused) {
       {"page size 3", 40, std::string("\3\0\0\0", 4)},
       {"last page beyond any disk", 136, std::string(8, '\x7f')},
       {"map beyond any disk", 32, std::string(8, '\x7f')},
+      {"free pages in a tree of another kind", 44, "\x44"},
+      {"keys in a tree of another kind", 92, "\x04"},
+      {"head of the other's transactions", 144, "\x01"},
   };
   for (const Case& damage : cases) {
     std::string bytes = sound;
