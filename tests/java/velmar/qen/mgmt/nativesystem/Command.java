@@ -4,12 +4,25 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
 /** The operator's command, which shows and stores what the native methods cannot: rights and bytes. */
 final class Command {
     private Command() {}
+
+    /** Imports keys, each described as a line of an export is; the first is the top of the others. */
+    static void importKeys(String top, List<String> keys) throws IOException, InterruptedException {
+        Path file = Files.createTempFile("keys", ".json");
+        try {
+            Files.writeString(file, "{\"tkv\":1,\"top\":\"" + top + "\",\"keys\":[" + String.join(",\n", keys) + "]}");
+            run("import", file.toString());
+        } finally {
+            Files.delete(file);
+        }
+    }
 
     /** The lines that a command writes. */
     static List<String> run(String... arguments) throws IOException, InterruptedException {

@@ -53,45 +53,43 @@ class CopyTest extends OpenSession {
         return Command.run("export", name).stream().map(line -> line.replace("\"" + name, "\"")).toList();
     }
 
-    /** A tree of many keys, eight levels deep, with values and security of every kind. */
-    private int growTree() {
+    /** A tree of 2,000 keys, eight levels deep, with values, owners and rights of every kind. */
+    private void growTree() throws IOException, InterruptedException {
+        List<String> keys = new ArrayList<>();
+        keys.add(planted(source, 0));
         List<String> level = List.of(source);
-        create(source);
-        int count = 1;
         for (int depth = 1; depth <= 8; depth++) {
             List<String> next = new ArrayList<>();
             for (String parent : level) {
-                int children = depth < 6 ? 3 : depth == 6 ? 2 : depth == 7 ? 2 : 1;
-                for (int i = 0; i < children && count < 2_000; i++, count++) {
-                    next.add(plant(parent + ".k" + i, count));
+                int children = depth < 6 ? 3 : depth < 8 ? 2 : 1;
+                for (int i = 0; i < children && keys.size() < 2_000; i++) {
+                    next.add(parent + ".k" + i);
+                    keys.add(planted(parent + ".k" + i, keys.size()));
                 }
             }
             level = next;
         }
         assertTrue(level.size() > 0, "the tree reaches its eighth level");
-        return count;
+        assertEquals(2_000, keys.size());
+        Command.importKeys(source, keys);
     }
 
-    private String plant(String name, int number) {
-        int type = new int[] {1, 2, 3, 4, 5, 6}[number % 6];
-        String user = type == 1 || number % 4 == 0 ? List.of("root", "nobody", "daemon").get(number % 3) : null;
-        String group = number % 5 == 0 ? List.of("root", "nogroup", "bin").get(number % 3) : null;
-        if (number % 7 == 0) {
-            assertDone(r -> tkv.createKey(name, type, top + "s", user, group, r));
-        } else if (number % 7 == 1) {
-            String[] list = {"el" + number, "größer"};
-            assertDone(r -> tkv.setKeyValues(name, list, type, source, user, group, r));
-        } else {
-            String value = "v" + number + "x".repeat(number % 11 == 0 ? 2_000 : 0);
-            assertDone(r -> tkv.setTypeKeyValue(name, value, 1 + number % 3, type, source, user, group, r));
-        }
-        return name;
+    private static String planted(String name, int number) {
+        List<String> values = List.of("'none'", "'text','value':'v" + number + "'",
+                "'list','value':['el" + number + "','größer']", "'int32','value':" + -number,
+                "'int64','value':'" + (1L << 40) * number + "'", "'text','value':'" + "x".repeat(2_000) + "'",
+                "9,'value':{'base64':'AP+AYQ=='}");
+        String line = String.format("{'name':'%s','owner':'%s','group':'%s','mode':'%s','type':%s}", name,
+                List.of("root", "nobody", "daemon").get(number % 3), List.of("root", "nogroup", "bin", "").get(number % 4),
+                List.of("u=rlwscd,g=rlwscd,o=rl", "u=rlwscd,g=wcd,o=rl", "u=rl,g=,o=", "0x3f,0x3f,0x3f", "0x1,0x2,0x4")
+                        .get(number % 5), values.get(number % values.size()));
+        return line.replace('\'', '"');
     }
 
     @Test
     @AsRoot
     void aTreeOfTwoThousandKeysIsCopiedAndMovedWhole() throws IOException, InterruptedException {
-        assertEquals(2_000, growTree());
+        growTree();
         List<String> part = contents(source + ".k1.k1.k1");
         List<String> before = exported(source);
         assertTrue(part.size() > 8, part::toString);
