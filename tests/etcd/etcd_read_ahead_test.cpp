@@ -6,13 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "etcd_cluster.h"
-#include "etcd_store.h"
+#include "etcd_store_fixture.h"
 #include "read_ahead.h"
 #include "record.h"
-#include "request_watch.h"
-#include "requests.h"
-#include "tree.h"
 
 namespace tkv::store::etcd {
 namespace {
@@ -83,19 +79,8 @@ Status count_keys(View& view, NodeId id, int* keys) {
   return view.children(id, [&](std::string_view, const Node& node) { return count_keys(view, node.id, keys); });
 }
 
-class EtcdReadAhead : public testing::Test {
+class EtcdReadAhead : public EtcdStore {
  protected:
-  static void SetUpTestSuite() { cluster_ = new EtcdCluster(); }
-  static void TearDownTestSuite() { delete cluster_; }
-
-  void SetUp() override {
-    options_ = cluster_->registry();
-    ASSERT_TRUE(done(open_etcd_store(options_, &store_, watch_.interceptors())));
-    ClusterOptions options;
-    options.endpoints = options_.endpoints;
-    ASSERT_TRUE(done(Cluster::connect(options, &raw_)));
-  }
-
   void build_top(const Branch& branch) {
     ASSERT_TRUE(done(store_->write([&](Update& update) -> Status {
       Node top;
@@ -142,37 +127,19 @@ class EtcdReadAhead : public testing::Test {
     return id;
   }
 
-  void put_raw(const std::string& key, const std::string& value) {
-    TxnRequest request;
-    put(request.add_success(), key, value);
-    TxnResponse response;
-    EXPECT_TRUE(raw_->txn(request, &response, Deadline(std::chrono::seconds(5))).ok());
-  }
-
   void spoil(const std::string& key) {
-    RangeResponse response;
-    ASSERT_TRUE(raw_->range(get_one(key), &response, Deadline(std::chrono::seconds(5))).ok());
-    ASSERT_EQ(response.kvs_size(), 1);
-    std::string record = response.kvs(0).value();
+    std::string record = get_raw(key);
+    ASSERT_GT(record.size(), 10u);
     record[10] = static_cast<char>(record[10] ^ 1);
     put_raw(key, record);
   }
 
   void compact() {
     RangeResponse response;
-    EXPECT_TRUE(raw_->range(get_one(keys().meta()), &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, Deadline(std::chrono::seconds(5))).ok());
     cluster_->ctl({"compaction", std::to_string(response.header().revision())});
   }
-
-  Keys keys() const { return Keys(options_.prefix); }
-
-  static EtcdCluster* cluster_;
-  EtcdOptions options_;
-  RequestWatch watch_;
-  std::shared_ptr<Store> store_;
-  std::unique_ptr<Cluster> raw_;
 };
-EtcdCluster* EtcdReadAhead::cluster_ = nullptr;
 
 Branch leaves(int count) {
   Branch branch{"the top", {}};
