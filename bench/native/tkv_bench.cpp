@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "bare_lmdb.h"
+#include "options.h"
 #include "prsrvut.h"
 #include "prtkv.h"
 
@@ -305,29 +305,6 @@ class Stopwatch {
   Nanoseconds warm_up_;
   Nanoseconds window_;
   std::vector<double> means_;
-};
-
-class Options {
- public:
-  Options(int count, char** arguments) {
-    for (int i = 1; i < count; i += 2) {
-      const std::string_view name = arguments[i];
-      if (!name.starts_with("--") || i + 1 == count) {
-        throw std::invalid_argument("options come in pairs of --name and value: " + std::string(name));
-      }
-      values_[std::string(name.substr(2))] = arguments[i + 1];
-    }
-  }
-  const std::string& text(const std::string& name) const {
-    const auto found = values_.find(name);
-    if (found == values_.end()) throw std::invalid_argument("--" + name + " is missing");
-    return found->second;
-  }
-  int number(const std::string& name) const { return std::stoi(text(name)); }
-  bool has(const std::string& name) const { return values_.contains(name); }
-
- private:
-  std::map<std::string, std::string> values_;
 };
 
 std::vector<std::string> split(const std::string& list) {

@@ -1,0 +1,432 @@
+// One run of the benchmark of a registry on etcd: each scenario through the registry client, and beside it the bare
+// requests that cannot be done without, by the same generated stubs. Windows of both sides alternate. A line each:
+// scenario, nanoseconds an operation through the registry, of the bare requests, and the requests an operation of both.
+// bench/run-etcd starts the members, fills the registry and makes tables of the lines.
+//
+//   --endpoints host:port,...  --prefix text  --groups n  --keys n  --value-bytes n
+//   --scenarios name,...  --warm-up-ms n  --window-ms n  --windows n
+//
+// --scenarios fill: fills a fresh registry. --scenarios size: prints the bytes of the first member's database.
+
+#include <grpcpp/grpcpp.h>
+#include <grpcpp/support/client_interceptor.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <random>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "etcd.grpc.pb.h"
+#include "etcd_store.h"
+#include "keys.h"
+#include "options.h"
+#include "prtkv.h"
+#include "registry.h"
+
+namespace tkv::bench {
+namespace {
+
+using registry::Reader;
+using registry::Registry;
+using registry::Writer;
+using store::NodeId;
+using store::etcd::Keys;
+
+volatile uint64_t sink;
+
+void require(const Status& status, const char* what) {
+  if (!status.ok()) throw std::runtime_error(std::string(what) + ": " + status.text());
+}
+
+void require_equal(uint64_t answer, uint64_t expected, const char* what) {
+  if (answer == expected) return;
+  throw std::runtime_error(std::string(what) + " gave " + std::to_string(answer) + ", not " + std::to_string(expected));
+}
+
+void require(const grpc::Status& status) {
+  if (!status.ok()) throw std::runtime_error("a bare request: " + status.error_message());
+}
+
+std::atomic<uint64_t> requests{0};
+
+class CountingFactory final : public grpc::experimental::ClientInterceptorFactoryInterface {
+ public:
+  grpc::experimental::Interceptor* CreateClientInterceptor(grpc::experimental::ClientRpcInfo*) override {
+    ++requests;
+    return nullptr;  // counted, and not listened to any further
+  }
+};
+
+store::etcd::Interceptors counting() {
+  store::etcd::Interceptors factories;
+  factories.push_back(std::make_unique<CountingFactory>());
+  return factories;
+}
+
+std::string padded(int number, std::size_t width) {
+  const std::string digits = std::to_string(number);
+  return std::string(width - std::min(width, digits.size()), '0') + digits;
+}
+
+// The registry's keys, "app.service.group<n>.key<n>", and the sizes that they were made with.
+class Dataset {
+ public:
+  explicit Dataset(const Options& options)
+      : groups_(options.number("groups")),
+        keys_(options.number("keys")),
+        value_(static_cast<std::size_t>(options.number("value-bytes")), 'x') {}
+
+  int groups() const { return groups_; }
+  int keys() const { return keys_; }
+  const std::string& value() const { return value_; }
+  static std::string group_level(int group) { return "group" + padded(group, 4); }
+  static std::string key_level(int key) { return "key" + padded(key, 6); }
+  static std::string group(int group) { return "app.service." + group_level(group); }
+  std::vector<std::string> names_of(int group_number) const {
+    std::vector<std::string> names;
+    for (int key = 0; key < keys_; ++key) names.push_back(group(group_number) + "." + key_level(key));
+    return names;
+  }
+
+ private:
+  int groups_;
+  int keys_;
+  std::string value_;
+};
+
+// Names in an endless random order, the same in every process.
+class Names {
+ public:
+  explicit Names(std::vector<std::string> names) : names_(std::move(names)) {}
+  const std::string& next() { return names_[random_() % names_.size()]; }
+
+ private:
+  std::vector<std::string> names_;
+  std::minstd_rand random_{42};
+};
+
+// The registry client on etcd.
+class RegistrySide {
+ public:
+  explicit RegistrySide(const Options& options) {
+    store_options_.endpoints = options.list("endpoints");
+    store_options_.prefix = options.text("prefix");
+    store_options_.root_security.user_perm = TKV_RIGHT_ALL;
+    identity_.superuser = true;
+    open();
+  }
+
+  void open() {
+    std::shared_ptr<store::Store> store;
+    registry_.reset();
+    require(store::etcd::open_etcd_store(store_options_, &store, counting), "opening the registry");
+    registry_ = std::make_unique<Registry>(registry::Configuration(), identity_, std::move(store));
+  }
+
+  void fill(const Dataset& dataset) {
+    require(registry_->write([&](Writer& writer) { return fill(writer, dataset); }), "filling");
+  }
+
+  NodeId id_of(const std::string& name) {
+    registry::Place place;
+    require(registry_->read([&](Reader& reader) { return reader.resolve(name, &place); }), "opening a key");
+    return place.node.id;
+  }
+
+  uint64_t read(const std::string& name) {
+    uint64_t size = 0;
+    require(registry_->read([&](Reader& reader) -> Status {
+      store::Value value;
+      Status status = reader.value(name, &value);
+      size = value.bytes.size();
+      return status;
+    }),
+            "reading");
+    return size;
+  }
+
+  uint64_t write(const std::string& name, const std::string& value) {
+    require(registry_->write([&](Writer& writer) {
+      return writer.set_value(name, PRTKV_TYPE_TEXT, std::as_bytes(std::span(value)));
+    }),
+            "writing");
+    return value.size();
+  }
+
+  uint64_t list(const std::string& name) {
+    uint64_t count = 0;
+    require(registry_->read([&](Reader& reader) {
+      count = 0;
+      return reader.list(name, [&](std::string_view, const store::Node&) {
+        ++count;
+        return Status();
+      });
+    }),
+            "listing");
+    return count;
+  }
+
+  uint64_t walk(const std::string& name) {
+    uint64_t count = 0;
+    require(registry_->read_all([&](Reader& reader) {
+      count = 0;
+      return reader.walk(name, registry::Hidden::kFail, [&](const registry::Entry& entry) {
+        store::Value value;
+        ++count;
+        return reader.value(entry, &value);
+      });
+    }),
+            "walking");
+    return count;
+  }
+
+ private:
+  static Status fill(Writer& writer, const Dataset& dataset) {
+    NodeId app = store::kNoNode;
+    NodeId service = store::kNoNode;
+    const sec_attr security = all_rights();
+    const auto value = std::as_bytes(std::span(dataset.value()));
+    if (Status status = writer.sprout(0, {}, &app); !status.ok()) return status;
+    if (Status status = writer.sprout_below(app, "service", security, 0, {}, &service); !status.ok()) return status;
+    for (int group = 0; group < dataset.groups(); ++group) {
+      NodeId above = store::kNoNode;
+      NodeId made = store::kNoNode;
+      Status status = writer.sprout_below(service, Dataset::group_level(group), security, 0, {}, &above);
+      for (int key = 0; status.ok() && key < dataset.keys(); ++key) {
+        status = writer.sprout_below(above, Dataset::key_level(key), security, PRTKV_TYPE_TEXT, value, &made);
+      }
+      if (!status.ok()) return status;
+    }
+    return writer.plant(app, security, "", "app", false);
+  }
+
+  static sec_attr all_rights() {
+    sec_attr security{};
+    security.user_perm = security.group_perm = security.other_perm = TKV_RIGHT_ALL;
+    return security;
+  }
+
+  store::EtcdOptions store_options_;
+  registry::Identity identity_;
+  std::unique_ptr<Registry> registry_;
+};
+
+// Requests of etcd's own, one after the other, to the first endpoint.
+class BareSide {
+ public:
+  explicit BareSide(const Options& options) : endpoint_(options.list("endpoints").front()) { open(); }
+
+  void open() {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    const auto channel = grpc::CreateCustomChannel(endpoint_, grpc::InsecureChannelCredentials(), arguments);
+    kv_ = std::make_unique<etcdserverpb::KV::Stub>(channel);
+    maintenance_ = std::make_unique<etcdserverpb::Maintenance::Stub>(channel);
+  }
+
+  etcdserverpb::StatusResponse status() {
+    grpc::ClientContext context;
+    etcdserverpb::StatusResponse response;
+    require(maintenance_->Status(&context, {}, &response));
+    ++requests;
+    return response;
+  }
+
+  uint64_t get(const std::string& key) { return range(key, "", 0).ByteSizeLong(); }
+
+  etcdserverpb::RangeResponse range(const std::string& begin, const std::string& end, int64_t limit) {
+    grpc::ClientContext context;
+    etcdserverpb::RangeRequest request;
+    etcdserverpb::RangeResponse response;
+    request.set_key(begin);
+    request.set_range_end(end);
+    request.set_limit(limit);
+    require(kv_->Range(&context, request, &response));
+    ++requests;
+    return response;
+  }
+
+  uint64_t put(const std::string& key, const std::string& value) {
+    grpc::ClientContext context;
+    etcdserverpb::TxnRequest request;
+    etcdserverpb::TxnResponse response;
+    request.add_success()->mutable_request_put()->set_key(key);
+    request.mutable_success(0)->mutable_request_put()->set_value(value);
+    require(kv_->Txn(&context, request, &response));
+    ++requests;
+    return response.ByteSizeLong();
+  }
+
+  // All records from `begin` to `end`, `limit` a request.
+  uint64_t pages(std::string begin, const std::string& end, int64_t limit) {
+    uint64_t count = 0;
+    while (true) {
+      const etcdserverpb::RangeResponse page = range(begin, end, limit);
+      count += static_cast<uint64_t>(page.kvs_size());
+      if (!page.more()) return count;
+      begin = page.kvs(page.kvs_size() - 1).key() + '\0';
+    }
+  }
+
+ private:
+  std::string endpoint_;
+  std::unique_ptr<etcdserverpb::KV::Stub> kv_;
+  std::unique_ptr<etcdserverpb::Maintenance::Stub> maintenance_;
+};
+
+using Operation = std::function<uint64_t()>;
+
+struct Pair {
+  Operation registry;
+  Operation bare;
+};
+
+struct Bench {
+  explicit Bench(const Options& options)
+      : keys(options.text("prefix")), dataset(options), registry(options), bare(options) {}
+
+  Keys keys;
+  Dataset dataset;
+  RegistrySide registry;
+  BareSide bare;
+};
+
+// What most of some operations take: the first of a key that was not met before takes more.
+uint64_t requests_of(const Operation& operation) {
+  std::vector<uint64_t> counts;
+  for (int i = 0; i < 9; ++i) {
+    const uint64_t before = requests;
+    sink = operation();
+    counts.push_back(requests - before);
+  }
+  std::sort(counts.begin(), counts.end());
+  return counts[counts.size() / 2];
+}
+
+// The bare requests read and write records of the same sizes, at keys of the same form.
+Pair pair_of(const std::string& scenario, Bench& bench) {
+  Dataset& data = bench.dataset;
+  const std::string some = Dataset::group(0) + "." + Dataset::key_level(0);
+  const NodeId id = bench.registry.id_of(some);
+  const NodeId group = bench.registry.id_of(Dataset::group(0));
+  const std::string node = bench.keys.node({group, Dataset::key_level(0)});
+  const auto names = std::make_shared<Names>(data.names_of(0));
+  for (const std::string& name : data.names_of(0)) {
+    require_equal(bench.registry.read(name), data.value().size(), "reading");
+  }
+  if (scenario == "open") {
+    return {[&bench, names] { return bench.registry.id_of(names->next()); },
+            [&bench, node] { return bench.bare.get(node); }};
+  }
+  if (scenario == "read") {
+    return {[&bench, names] { return bench.registry.read(names->next()); },
+            [&bench, key = bench.keys.value(id)] { return bench.bare.get(key); }};
+  }
+  if (scenario == "write") {
+    bench.registry.write(some, "changed");
+    require_equal(bench.registry.read(some), 7, "reading what was written");
+    bench.registry.write(some, data.value());
+    return {[&, names] { return bench.registry.write(names->next(), data.value()); },
+            [&, key = Keys("/bare/").value(id)] { return bench.bare.put(key, data.value()); }};
+  }
+  if (scenario == "list") {
+    const auto children = bench.keys.children(group);
+    require_equal(bench.registry.list(Dataset::group(0)), static_cast<uint64_t>(data.keys()), "listing");
+    return {[&] { return bench.registry.list(Dataset::group(0)); },
+            [&bench, children] { return bench.bare.pages(children.begin, children.end, 0); }};
+  }
+  if (scenario == "walk") {
+    const Operation walk = [&] { return bench.registry.walk("app"); };
+    const auto pages = static_cast<int64_t>(requests_of(walk));
+    require_equal(walk(), 2 + static_cast<uint64_t>(data.groups()) * (static_cast<uint64_t>(data.keys()) + 1),
+                  "walking");
+    const auto nodes = bench.keys.all_nodes();
+    const auto values = bench.keys.all_values();
+    const int64_t records = 2 * static_cast<int64_t>(data.groups()) * data.keys();
+    const int64_t limit = records / pages + 1;
+    return {walk, [&bench, nodes, values, limit] {
+              return bench.bare.pages(nodes.begin, nodes.end, limit) +
+                     bench.bare.pages(values.begin, values.end, limit);
+            }};
+  }
+  if (scenario == "open-registry") {
+    return {[&bench] {
+              bench.registry.open();
+              return uint64_t{1};
+            },
+            [&bench, node] {
+              bench.bare.open();
+              return static_cast<uint64_t>(bench.bare.status().db_size()) + bench.bare.get(node);
+            }};
+  }
+  throw std::invalid_argument("there is no scenario '" + scenario + "'");
+}
+
+double mean_during(const Operation& operation, std::chrono::milliseconds time) {
+  uint64_t count = 0;
+  const auto start = std::chrono::steady_clock::now();
+  std::chrono::duration<double, std::nano> elapsed{};
+  do {
+    sink = operation();
+    ++count;
+    elapsed = std::chrono::steady_clock::now() - start;
+  } while (elapsed < time);
+  return elapsed.count() / static_cast<double>(count);
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2;
+}
+
+void measure(const std::string& scenario, const Pair& pair, const Options& options) {
+  const std::chrono::milliseconds warm_up(options.number("warm-up-ms"));
+  const std::chrono::milliseconds window(options.number("window-ms"));
+  std::vector<double> registry;
+  std::vector<double> bare;
+  sink = static_cast<uint64_t>(mean_during(pair.registry, warm_up));
+  sink = static_cast<uint64_t>(mean_during(pair.bare, warm_up));
+  for (int i = 0; i < options.number("windows"); ++i) {
+    registry.push_back(mean_during(pair.registry, window));
+    bare.push_back(mean_during(pair.bare, window));
+  }
+  const uint64_t through_registry = requests_of(pair.registry);
+  const uint64_t bare_requests = requests_of(pair.bare);
+  std::printf("%s\t%.0f\t%.0f\t%llu\t%llu\n", scenario.c_str(), median(registry), median(bare),
+              static_cast<unsigned long long>(through_registry), static_cast<unsigned long long>(bare_requests));
+}
+
+void run(const Options& options) {
+  if (options.text("scenarios") == "size") {
+    std::printf("size\t%lld\n", static_cast<long long>(BareSide(options).status().db_size()));
+    return;
+  }
+  Bench bench(options);
+  if (options.text("scenarios") == "fill") {
+    bench.registry.fill(bench.dataset);
+    return;
+  }
+  for (const std::string& scenario : options.list("scenarios")) measure(scenario, pair_of(scenario, bench), options);
+}
+
+}  // namespace
+}  // namespace tkv::bench
+
+int main(int count, char** arguments) {
+  try {
+    tkv::bench::run(tkv::bench::Options(count, arguments));
+    return 0;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "tkv_bench_etcd: %s\n", failure.what());
+    return 1;
+  }
+}
