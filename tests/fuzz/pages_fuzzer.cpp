@@ -1,12 +1,9 @@
 // Whatever a registry's file holds, opening it, looking it through, reading and writing end with an answer.
 //
 // The input is a list of patches to a sound file: page, offset within it, and the bytes that stand there instead.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -14,6 +11,7 @@
 #include <vector>
 
 #include "lmdb_store.h"
+#include "temporary_directory.h"
 
 namespace {
 
@@ -24,15 +22,15 @@ constexpr std::size_t kPage = 4096;
 constexpr NodeId kNodes = 60;
 
 struct Registry {
-  std::string directory;
+  TemporaryDirectory place{TemporaryDirectory::Where::kInMemory};
   std::string sound;  // the bytes of its file
 
-  std::string file() const { return directory + "/data.mdb"; }
+  std::string file() const { return place / "data.mdb"; }
 };
 
 std::shared_ptr<Store> open(const Registry& registry) {
   LmdbOptions options;
-  options.directory = registry.directory;
+  options.directory = registry.place.path();
   std::shared_ptr<Store> store;
   return open_lmdb_store(options, &store).ok() ? store : nullptr;
 }
@@ -51,22 +49,13 @@ Status fill(Update& update) {
   return {};
 }
 
-Registry& registry() {
-  static Registry made = [] {
-    std::string pattern = (std::filesystem::path("/dev/shm") / "tkv-fuzz-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    Registry fresh{pattern, {}};
-    auto store = open(fresh);
-    if (store == nullptr || !store->write([](Update& update) { return fill(update); }).ok()) std::abort();
-    const auto shorten = [](Update& update) { return update.set_value(2, 3, {}); };
-    if (!store->write(shorten).ok()) std::abort();
-    store.reset();
-    std::ifstream file(fresh.file(), std::ios::binary);
-    fresh.sound.assign(std::istreambuf_iterator<char>(file), {});
-    std::atexit([] { std::filesystem::remove_all(registry().directory); });
-    return fresh;
-  }();
-  return made;
+void make(Registry* made) {
+  auto store = open(*made);
+  if (store == nullptr || !store->write([](Update& update) { return fill(update); }).ok()) std::abort();
+  if (!store->write([](Update& update) { return update.set_value(2, 3, {}); }).ok()) std::abort();
+  store.reset();
+  std::ifstream file(made->file(), std::ios::binary);
+  made->sound.assign(std::istreambuf_iterator<char>(file), {});
 }
 
 // Each patch is page, offset in two bytes, length, and so many bytes.
@@ -106,7 +95,8 @@ void use(Store& store) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Registry& kept = registry();
+  static Registry kept;
+  if (kept.sound.empty()) make(&kept);
   std::ofstream(kept.file(), std::ios::binary | std::ios::trunc) << patched(kept.sound, data, size);
   if (const auto store = open(kept); store != nullptr) use(*store);
   return 0;
