@@ -72,12 +72,10 @@ std::string answer_json(const Question& question, bool why) {
 
 void print_why(Context& context, const Question& question) {
   const sec_attr& security = question.security;
-  std::vector<std::string> groups;
-  for (const std::string& group : question.user.groups) groups.push_back(group);
   context.print("owner  " + columns_of(security.user_perm) + "  " + std::string(registry::user_of(security)));
   context.print("group  " + columns_of(security.group_perm) + "  " + std::string(registry::group_of(security)));
   context.print("other  " + columns_of(security.other_perm));
-  context.print("user   " + question.user.user + ", in " + joined(groups, ", "));
+  context.print("user   " + question.user.user + ", in " + joined(question.user.groups, ", "));
   for (const std::int32_t right : kRights) {
     std::string label = registry::right_name(right);
     label.resize(9, ' ');

@@ -1,7 +1,9 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -85,6 +87,8 @@ constexpr const char* kFish = R"sh(function __tkv_candidates
 end
 complete -c tkv -f -a '(__tkv_candidates)'
 )sh";
+
+constexpr int kPatienceMs = 1000;
 
 const char* script_of(std::string_view shell) {
   if (shell == "bash") return kBash;
@@ -231,7 +235,7 @@ class Completion {
   void offer_keys() {
     const std::size_t end = word_.rfind('.');
     const std::string parent = end == std::string::npos ? "" : stored_from_utf8(word_.substr(0, end));
-    if (!context_.open_to_read().ok()) return;
+    if (!open().ok()) return;
     std::vector<std::string> names = subkeys_of(parent);
     std::erase_if(names, [&](const std::string& name) { return !utf8_for_people(name).starts_with(word_); });
     if (names.size() == 1) {
@@ -244,8 +248,8 @@ class Completion {
   // The full names of those that can be typed.
   std::vector<std::string> subkeys_of(const std::string& parent) {
     std::vector<std::string> names;
-    (void)context_.registry()
-        .read_all([&](registry::Reader& reader) {
+    (void)registry_
+        ->read_all([&](registry::Reader& reader) {
           names.clear();
           return reader.list(parent, [&](std::string_view level, const store::Node&) {
             std::string name = child_name(parent, level);
@@ -258,7 +262,16 @@ class Completion {
     return names;
   }
 
+  // A person waits: a cluster that does not answer at once offers nothing.
+  Outcome open() {
+    registry::Configuration configuration;
+    if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
+    configuration.etcd_timeout_ms = std::min(configuration.etcd_timeout_ms, kPatienceMs);
+    return open_registry(std::move(configuration), {false, true}, &registry_);
+  }
+
   Context& context_;
+  std::shared_ptr<registry::Registry> registry_;
   std::string word_;
   std::string lead_;  // of candidates, before the word
   const Verb* verb_ = nullptr;
