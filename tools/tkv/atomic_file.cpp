@@ -26,6 +26,25 @@ std::string folder_of(const std::string& path) {
 // The file that has to go when a signal ends the process: the name of the one that is being written.
 std::atomic<const char*> unfinished{nullptr};
 
+constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
+
+// Lets none of them come in between.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : kEndingSignals) sigaddset(&held, signal);
+    pthread_sigmask(SIG_BLOCK, &held, &former_);
+  }
+  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+ private:
+  sigset_t former_{};
+};
+
 extern "C" void end_without_unfinished_file(int signal) {
   if (const char* name = unfinished.load(); name != nullptr) ::unlink(name);
   ::raise(signal);  // the action is the system's again
@@ -37,7 +56,7 @@ void watch_signals() {
   struct sigaction former {};
   action.sa_handler = end_without_unfinished_file;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+  for (const int signal : kEndingSignals) {
     if (sigaction(signal, nullptr, &former) == 0 && former.sa_handler == SIG_DFL) sigaction(signal, &action, nullptr);
   }
 }
@@ -71,6 +90,7 @@ Outcome AtomicFile::open(const std::string& path, Existing existing) {
   if (there && existing == Existing::kRefuse) return failed("write", EEXIST);
   if (there && !S_ISREG(found.st_mode)) return {Exit::kUsage, path + " is not a file; write there with > instead"};
   if (there) path_ = resolved(path);  // a link stays one
+  const SignalsHeld until_it_is_known;
   std::string pattern = path_ + ".XXXXXX";
   descriptor_ = ::mkostemp(pattern.data(), O_CLOEXEC);
   int error = errno;

@@ -12,8 +12,6 @@ namespace {
 using registry::Reader;
 using registry::Writer;
 
-std::span<const std::byte> bytes_of(const StoredValue& value) { return std::as_bytes(std::span(value.bytes)); }
-
 // An entry without gaps: what it leaves out comes from `base`.
 Entry completed(const Entry& wanted, const Entry& base) {
   Entry entry = base;
@@ -79,10 +77,9 @@ Status build_aside(Writer& writer, std::size_t size, At at, store::NodeId* top) 
     const Entry& entry = at(each);
     store::NodeId id = store::kNoNode;
     while (!line.empty() && !registry::is_within(entry.name, line.back().first)) line.pop_back();
-    const Status made = line.empty()
-                            ? writer.sprout(entry.value.type, bytes_of(entry.value), &id)
-                            : writer.sprout_below(line.back().second, registry::last_level(entry.name), entry.security,
-                                                  entry.value.type, bytes_of(entry.value), &id);
+    const Status made = line.empty() ? writer.sprout(entry.value.type, entry.value.span(), &id)
+                                     : writer.sprout_below(line.back().second, registry::last_level(entry.name),
+                                                           entry.security, entry.value.type, entry.value.span(), &id);
     if (!made.ok()) return made.about(registry::describe(entry.name));
     if (line.empty()) *top = id;
     line.emplace_back(entry.name, id);
@@ -99,13 +96,7 @@ Status make_step(Writer& writer, Changes step) {
     if (Status built = build_aside(writer, step.size(), at, &id); !built.ok()) return built;
     return writer.plant(id, first.after.security, "", first.after.name, false);
   }
-  // The value first: the new rights may take away the right to write it.
-  if (first.before.value != first.after.value) {
-    Status set = writer.set_value(first.after.name, first.after.value.type, bytes_of(first.after.value));
-    if (!set.ok()) return set;
-  }
-  if (same_security(first.before.security, first.after.security)) return {};
-  return writer.set_security(first.after.name, first.after.security);
+  return change_key(writer, first);
 }
 
 }  // namespace
@@ -124,11 +115,7 @@ Status read_snapshot(Reader& reader, const std::string& top, Snapshot* snapshot,
   return reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
     store::Value value;
     if (Status read = reader.value(key, &value); !read.ok()) return read;
-    Entry entry;
-    entry.name = key.name;
-    entry.security = key.node.security;
-    entry.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
-    snapshot->entries.push_back(std::move(entry));
+    snapshot->entries.push_back(copied(key, value));
     progress(snapshot->entries.size());
     return {};
   });
@@ -166,28 +153,20 @@ Status make_plan(const Snapshot& current, const Snapshot& wanted, Manner manner,
   return manner == Manner::kAdd ? differs(*plan) : Status();
 }
 
+Status change_key(Writer& writer, const Change& change) {
+  const auto& [kind, before, after] = change;
+  // The value first: the new rights may take away the right to write it.
+  if (before.value != after.value) {
+    if (Status set = writer.set_value(after.name, after.value.type, after.value.span()); !set.ok()) return set;
+  }
+  return same_security(before.security, after.security) ? Status() : writer.set_security(after.name, after.security);
+}
+
 Status apply_plan(Writer& writer, const Plan& plan) {
   for (Changes rest = plan.changes; !rest.empty();) {
     if (Status made = make_step(writer, take_step(&rest)); !made.ok()) return made;
   }
   return {};
-}
-
-Status change_security(registry::Registry& registry, const std::string& name, bool recursive,
-                       FunctionRef<void(sec_attr* security)> change) {
-  return registry.write([&](Writer& writer) -> Status {
-    if (recursive) {
-      return writer.set_security_below(name, [&](const registry::Entry& key) {
-        sec_attr security = key.node.security;
-        change(&security);
-        return security;
-      });
-    }
-    registry::Place place;
-    if (Status found = writer.resolve(name, &place); !found.ok()) return found;
-    change(&place.node.security);
-    return writer.set_security(name, place.node.security);
-  });
 }
 
 Status rebase(Snapshot* snapshot, const std::string& top) {
@@ -215,7 +194,7 @@ Status copy_as_own(Writer& writer, const std::string& from, const std::string& t
     Entry entry;
     entry.name = from;
     entry.security = place.node.security;
-    entry.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
+    entry.value = copied(value);
     copy.entries.push_back(std::move(entry));
     return {};
   });

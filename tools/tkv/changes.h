@@ -41,12 +41,11 @@ Status read_snapshot(registry::Reader& reader, const std::string& top, Snapshot*
 // or from `fresh`. 55 for kAdd when something exists and differs.
 Status make_plan(const Snapshot& current, const Snapshot& wanted, Manner manner, const sec_attr& fresh, Plan* plan);
 
+// Makes a key what a change of kind kChange says.
+Status change_key(registry::Writer& writer, const Change& change);
+
 // Makes a plan's changes. The parent of its top exists.
 Status apply_plan(registry::Writer& writer, const Plan& plan);
-
-// Changes the security records of a key, or of everything below it too, in one transaction.
-Status change_security(registry::Registry& registry, const std::string& name, bool recursive,
-                       FunctionRef<void(sec_attr* security)> change);
 
 // Gives a snapshot another top. 5 when a name would go beyond the limits.
 Status rebase(Snapshot* snapshot, const std::string& top);

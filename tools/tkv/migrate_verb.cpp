@@ -167,11 +167,7 @@ Status make_change(Writer& writer, const Change& change) {
     Status removed = writer.remove(change.before.name, true);
     return removed.is(PRTKV_NO_SUCH_KEY) ? Status() : removed;  // with a key above it
   }
-  if (change.before.value != value) {
-    if (Status set = writer.set_value(change.after.name, value.type, value.span()); !set.ok()) return set;
-  }
-  if (same_security(change.before.security, change.after.security)) return {};
-  return writer.set_security(change.after.name, change.after.security);
+  return change_key(writer, change);
 }
 
 // Makes the changes batch by batch: each is a transaction, so that an interruption loses no more than the last.

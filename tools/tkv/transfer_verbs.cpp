@@ -87,44 +87,6 @@ Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
 
 }  // namespace
 
-Outcome plan_for(Context& context, const Snapshot& wanted, Manner manner, Plan* plan) {
-  Snapshot current;
-  Progress progress(context.terminal(), "compare");
-  const Status read = context.registry().read_all([&](Reader& reader) {
-    return read_snapshot(reader, wanted.top, &current,
-                         [&](std::uint64_t keys) { progress.show(keys, wanted.entries.size()); });
-  });
-  if (!read.ok()) return read;
-  return make_plan(current, wanted, manner, NewKeySecurity::of_session(context.registry().identity()), plan);
-}
-
-Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool parents, const Plan& expected,
-                 std::uint64_t* changes) {
-  registry::Registry& registry = context.registry();
-  const NewKeySecurity of_session;
-  std::size_t all = 0;
-  Progress progress(context.terminal(), "write");
-  const auto show = [&](std::uint64_t keys) { progress.show(keys, all); };
-  return registry.write([&](Writer& writer) -> Status {
-    Snapshot current;
-    Plan plan;
-    writer.follow(show);
-    const Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, wanted.top, &current); });
-    if (!read.ok()) return read;
-    const sec_attr fresh = NewKeySecurity::of_session(registry.identity());
-    if (Status planned = make_plan(current, wanted, manner, fresh, &plan); !planned.ok()) return planned;
-    if (plan.count(Change::Kind::kRemove) > expected.count(Change::Kind::kRemove) ||
-        plan.count(Change::Kind::kChange) > expected.count(Change::Kind::kChange)) {
-      return {PRTKV_KEY_EXISTS, "others have changed the registry meanwhile; nothing was done"};
-    }
-    if (parents) {
-      if (Status made = KeyMaker(of_session).make_parents(writer, wanted.top); !made.ok()) return made;
-    }
-    *changes = all = plan.changes.size();
-    return apply_plan(writer, plan);
-  });
-}
-
 Outcome run_export(Context& context, const Arguments& arguments) {
   std::string top;
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;

@@ -72,6 +72,26 @@ Outcome begin_transfer(Context& context, const Arguments& arguments, std::string
   return arguments.replace ? ask_for_replacement(context, *to) : Outcome();
 }
 
+// Changes the security records of a key, or of everything below it too, in one transaction.
+Status change_security(Context& context, const char* verb, const std::string& name, bool recursive,
+                       FunctionRef<void(sec_attr* security)> change) {
+  Progress progress(context.terminal(), verb);
+  const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
+  const auto changed = [&](const registry::Entry& key) {
+    sec_attr security = key.node.security;
+    change(&security);
+    return security;
+  };
+  return context.registry().write([&](Writer& writer) -> Status {
+    writer.follow(show);
+    if (recursive) return writer.set_security_below(name, changed);
+    registry::Place place;
+    if (Status found = writer.resolve(name, &place); !found.ok()) return found;
+    change(&place.node.security);
+    return writer.set_security(name, place.node.security);
+  });
+}
+
 }  // namespace
 
 Outcome run_set(Context& context, const Arguments& arguments) {
@@ -166,7 +186,7 @@ Outcome run_chown(Context& context, const Arguments& arguments) {
   if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     *json = done("chown", name).str();
-    return change_security(context.registry(), name, arguments.recursive, [&](sec_attr* security) {
+    return change_security(context, "chown", name, arguments.recursive, [&](sec_attr* security) {
       (void)ownership.apply_to(security).ok();  // the names were tried above
     });
   });
@@ -180,7 +200,7 @@ Outcome run_chmod(Context& context, const Arguments& arguments) {
   if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     *json = done("chmod", name).str();
-    return change_security(context.registry(), name, arguments.recursive,
+    return change_security(context, "chmod", name, arguments.recursive,
                            [&](sec_attr* security) { mode.apply_to(security); });
   });
 }
