@@ -30,7 +30,7 @@ LAYERS = {
 STORE_FACES = {
     "platform/registry": {"store.h", "status.h", "function_ref.h", "store_limits.h", "lmdb_store.h",
                           "lmdb_directory.h", "etcd_module.h", "descriptor.h", "system_entries.h"},
-    "tools/tkv": {"status.h", "function_ref.h", "system_entries.h"},
+    "tools/tkv": {"status.h", "function_ref.h", "standard_files.h", "system_entries.h"},
 }
 
 # The bridge knows JNI and the platform's functions: no file, no thread, no system call.
