@@ -1396,9 +1396,8 @@ constexpr size_t kDestinationNameSize = PRTKV_FULL_NAME_SIZE + PRTKV_SUBKEY_NAME
 // Writes "parent.name", cut to fit.
 void join_names(char* to, size_t capacity, const char* parent, const char* name) {
   const size_t parent_length = std::min(std::strlen(parent), capacity - 1);
-  std::memcpy(to, parent, parent_length);
-  char* const separator = to + parent_length;
-  std::snprintf(separator, capacity - parent_length, ".%s", name);
+  char* const separator = std::copy_n(parent, parent_length, to);
+  static_cast<void>(std::snprintf(separator, capacity - parent_length, ".%s", name));
 }
 
 }  // namespace
@@ -1730,7 +1729,9 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getTKVLocations(JNIEnv*
   }
 
   // Slots are counted wherever they stand, and taken from the front.
-  const auto location = [locations](jsize slot) { return locations + slot * PRTKV_LOCATION_SLOT_SIZE; };
+  const auto location = [locations](jsize slot) {
+    return locations + static_cast<size_t>(slot) * PRTKV_LOCATION_SLOT_SIZE;
+  };
   jsize count = 0;
   for (jsize slot = 0; slot < PRTKV_LOCATION_SLOTS; ++slot) {
     location(slot)[PRTKV_LOCATION_SLOT_SIZE - 1] = '\0';
