@@ -9,7 +9,7 @@ namespace tkv::store::etcd {
 
 // A node's entry is at most this long in an answer: prefix, place, record and what etcd tells of it.
 constexpr std::size_t kLongestNodeEntry = 1024;
-constexpr std::size_t kPageBytes = 2 * 1024 * 1024;
+constexpr std::size_t kPageBytes = std::size_t{2} << 20;
 constexpr std::int64_t kNodesPerPage = kPageBytes / kLongestNodeEntry;
 
 class Pager {

@@ -9,9 +9,9 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::size_t kValueBytes = 1024 * 1024;  // of one answer, by the sizes met so far: with those of the
-constexpr std::size_t kNodeBytes = kPageBytes;    // nodes they stay under what is received
-constexpr std::size_t kLeastRoom = 256 * 1024;
+constexpr std::size_t kValueBytes = std::size_t{1} << 20;  // of one answer, by the sizes met so far: with those of the
+constexpr std::size_t kNodeBytes = kPageBytes;             // nodes they stay under what is received
+constexpr std::size_t kLeastRoom = std::size_t{256} << 10;
 constexpr std::size_t kMostRuns = 256;
 constexpr std::size_t kMostLookedAt = 8192;
 constexpr int kDeepest = 64;

@@ -32,8 +32,8 @@ namespace tkv::store::etcd {
 
 constexpr std::size_t kMostValuesAhead = 256;  // a value may be 1 MiB, and the server cannot be told a size to stop at
 constexpr std::size_t kMostNodesAhead = 1024;
-constexpr std::size_t kMostHeld = 8 * 1024 * 1024;
-constexpr std::size_t kMostPlanned = 512 * 1024;
+constexpr std::size_t kMostHeld = std::size_t{8} << 20;
+constexpr std::size_t kMostPlanned = std::size_t{512} << 10;
 
 // One child in a list of children; `known` has a node, or tells why the record cannot be trusted.
 struct Child {

@@ -22,7 +22,7 @@ using etcdserverpb::TxnResponse;
 
 // What one transaction of etcd takes as it comes, with room left for what every write adds.
 constexpr int kMostOperations = 128;
-constexpr std::size_t kMostBytes = 1400 * 1024;
+constexpr std::size_t kMostBytes = std::size_t{1400} << 10;
 constexpr std::size_t kOperationOverhead = 512;  // key, place and framing of one operation, at the most
 
 // The key stands at this revision; 0: it is not there.
