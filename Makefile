@@ -5,7 +5,7 @@ BUILD_PACKAGES = cmake g++ ninja-build openjdk-17-jdk-headless liblmdb-dev libxx
                  libcli11-dev nlohmann-json3-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
                  protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
-                 python3 iproute2 e2fsprogs pkg-config
+                 python3 iproute2 e2fsprogs pkg-config zsh fish
 LINT_PACKAGES  = clang-format clang-tidy
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
