@@ -95,8 +95,8 @@ class Update : public View {
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
 
   // The tree as it stood when the update began, for reading more nodes than one commit can compare. What is read here
-  // is one consistent state; other writers' changes to it after that do not make the commit fail, as those to nodes that
-  // were found in the update itself do.
+  // is one consistent state; other writers' changes to it after that do not make the commit fail, as those to nodes
+  // that were found in the update itself do.
   virtual View& before() = 0;
 
  protected:
