@@ -29,7 +29,7 @@ struct Place {
   NodeId parent = kNoNode;
   std::string name;
 
-  auto operator<=>(const Place&) const = default;
+  auto operator<=>(const Place&) const = default;  // NOLINT(modernize-use-nullptr): no pointer here
 };
 
 // Where a claim stands.

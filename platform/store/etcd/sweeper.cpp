@@ -16,7 +16,7 @@ constexpr std::size_t kChildrenPerLook = 2000;
 constexpr int kRemovalsPerBatch = 120;
 constexpr std::int64_t kKeysPerSweep = 500;
 constexpr std::int64_t kMarkersPerLook = 100;
-constexpr std::int64_t kOldSeconds = 24 * 60 * 60;  // a write is long over
+constexpr std::int64_t kOldSeconds = std::int64_t{24} * 60 * 60;  // a write is long over
 constexpr std::chrono::milliseconds kMoment{250};
 constexpr std::chrono::milliseconds kGrace{1000};
 

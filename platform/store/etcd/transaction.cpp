@@ -319,6 +319,12 @@ bool Transaction::has_written_child(NodeId parent) const {
   return false;
 }
 
+// From here on nobody may have added a child.
+void Transaction::add_listing(NodeId parent) {
+  listings_.push_back({core_.keys.children(parent), revision_});
+  ++compared_;
+}
+
 Status Transaction::has_children(NodeId parent, bool* answer) {
   *answer = has_written_child(parent);
   if (*answer || discarded_.contains(parent)) return {};
@@ -342,7 +348,7 @@ Status Transaction::has_children(NodeId parent, bool* answer) {
   }
   if (!stands_by_itself(parent)) {
     if (Status status = make_room_to_compare(); !status.ok()) return status;
-    if (!surveying_) listings_.push_back({core_.keys.children(parent), revision_}), ++compared_;
+    if (!surveying_) add_listing(parent);
   }
   if (!*answer) {
     childless_.insert(parent);
@@ -403,8 +409,7 @@ Status Transaction::list_for_update(NodeId parent, std::vector<std::pair<std::st
     Status status = survey();
     return status.ok() ? list_uncompared(parent, list) : status;
   }
-  listings_.push_back({core_.keys.children(parent), revision_});
-  ++compared_;
+  add_listing(parent);
   return add_listed(response, list);
 }
 

@@ -125,6 +125,7 @@ class Transaction final : public Update {
   Status list_below_fresh(NodeId parent, std::vector<std::pair<std::string, Node>>* list);
   Status list_for_update(NodeId parent, std::vector<std::pair<std::string, Node>>* list);
   Status add_listed(const RangeResponse& page, std::vector<std::pair<std::string, Node>>* list);
+  void add_listing(NodeId parent);
   Status list_uncompared(NodeId parent, std::vector<std::pair<std::string, Node>>* list);
   Status visit_pages(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit);
   Status visit_merged(NodeId parent, const std::vector<std::pair<std::string, Node>>& list,

@@ -55,9 +55,8 @@ Status Transaction::lay_claim(NodeId top) {
 void Transaction::claim_again() { basis_ = Basis{0, {}, {}, claim_->top, claim_->text.attempt + 1}; }
 
 Status Transaction::carry_out(const Claim& claim) {
-  const Claim decided = claim;  // what is known of it goes
   const auto time = [this] { return deadline(); };
-  if (Status status = carry_out_decision(core_, decided, time); !status.ok()) return fail(std::move(status));
+  if (Status status = carry_out_decision(core_, claim, time); !status.ok()) return fail(std::move(status));
   return run_again(true);
 }
 
