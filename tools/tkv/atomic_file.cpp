@@ -47,7 +47,7 @@ class SignalsHeld {
 
 extern "C" void end_without_unfinished_file(int signal) {
   if (const char* name = unfinished.load(); name != nullptr) ::unlink(name);
-  ::raise(signal);  // the action is the system's again
+  static_cast<void>(::raise(signal));  // the action is the system's again
 }
 
 // A signal that is ignored stays so.
@@ -64,7 +64,7 @@ void watch_signals() {
 // The file that a path leads to in the end.
 std::string resolved(const std::string& path) {
   char* const real = ::realpath(path.c_str(), nullptr);
-  const std::string result = real != nullptr ? real : path;
+  std::string result = real != nullptr ? real : path;
   std::free(real);
   return result;
 }

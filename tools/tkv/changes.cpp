@@ -184,7 +184,7 @@ Status copy_as_own(Writer& writer, const std::string& from, const std::string& t
             registry::describe(from) + " cannot be copied into itself, to " + registry::describe(to)};
   }
   Snapshot copy;
-  const Status read = writer.before([&](Reader& reader) -> Status {
+  Status read = writer.before([&](Reader& reader) -> Status {
     if (recursive) return read_snapshot(reader, from, &copy);
     registry::Place place;
     store::Value value;

@@ -63,7 +63,7 @@ Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool p
     Snapshot current;
     Plan plan;
     writer.follow(show);
-    const Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, wanted.top, &current); });
+    Status read = writer.before([&](Reader& reader) { return read_snapshot(reader, wanted.top, &current); });
     if (!read.ok()) return read;
     const sec_attr fresh = NewKeySecurity::of_session(registry.identity());
     if (Status planned = make_plan(current, wanted, manner, fresh, &plan); !planned.ok()) return planned;

@@ -13,7 +13,7 @@ namespace tkv::command {
 namespace {
 
 // Of what a value is made from. The largest value in hexadecimal digits with blanks between takes less.
-constexpr std::size_t kMostRead = 8 * 1024 * 1024;
+constexpr std::size_t kMostRead = std::size_t{8} * 1024 * 1024;
 
 Outcome cannot_read(const std::string& path, int error) {
   return {exit_of_error(error), "cannot read " + shown_path(path) + ": " + std::strerror(error)};

@@ -18,7 +18,7 @@ Outcome each_key(Context& context, const std::vector<std::string>& names,
   std::vector<std::string> objects;
   for (const std::string& name : names) {
     std::string json;
-    const Outcome outcome = work(name, &json);
+    Outcome outcome = work(name, &json);
     if (names.size() == 1 && !outcome.ok()) return outcome;
     if (outcome.ok()) objects.push_back(json);
     tally.add(outcome);

@@ -278,6 +278,7 @@ Outcome run_ls(Context& context, const Arguments& arguments) {
   if (Outcome read = read_subkeys(context, name, arguments.long_lines, &subkeys); !read.ok()) return read;
   if (context.json()) {
     std::vector<std::string> objects;
+    objects.reserve(subkeys.size());
     for (const Subkey& subkey : subkeys) objects.push_back(subkey_json(name, subkey, arguments.long_lines));
     context.output().line(json_lines(objects));
   } else {

@@ -17,7 +17,6 @@ namespace tkv::command {
 namespace {
 
 using registry::Reader;
-using registry::Writer;
 
 // The text of an export, key after key, to whatever takes it.
 Status write_export(Reader& reader, const std::string& top, Progress& progress, std::uint64_t* keys,
@@ -103,7 +102,7 @@ Outcome run_import(Context& context, const Arguments& arguments) {
   if (Outcome read = read_import(arguments, &wanted); !read.ok()) return read;
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
   // A conflict is part of the difference that is asked for.
-  const Outcome planned = plan_for(context, wanted, manner, &plan);
+  Outcome planned = plan_for(context, wanted, manner, &plan);
   if (arguments.dry_run && (planned.ok() || !plan.changes.empty())) print_difference(context, plan);
   if (!planned.ok() || arguments.dry_run) return planned;
   if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the import"); !allowed.ok())

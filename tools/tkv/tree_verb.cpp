@@ -142,6 +142,7 @@ Outcome run_tree(Context& context, const Arguments& arguments) {
   if (Outcome read = read_tree(context, top, depth, !arguments.no_values, &leaves); !read.ok()) return read;
   if (context.json()) {
     std::vector<std::string> objects;
+    objects.reserve(leaves.size());
     for (const Leaf& leaf : leaves) objects.push_back(leaf_json(leaf));
     context.output().line(json_lines(objects));
     return {};
