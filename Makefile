@@ -9,7 +9,7 @@ TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr 
 LINT_PACKAGES  = clang-format clang-tidy
 FUZZ_PACKAGES  = clang libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
-                 valgrind
+                 valgrind etcd-server etcd-client
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc)
@@ -83,6 +83,7 @@ fuzz: packages-fuzz ## run each fuzzer for a bounded number of inputs
 bench: packages-bench ## measure beside the peers
 	$(call preset,release,-DTKV_BENCH=ON)
 	bench/run --instructions
+	bench/run-etcd
 
 format: packages-lint ## format all C and C++
 	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
