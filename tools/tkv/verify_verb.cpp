@@ -132,7 +132,7 @@ std::string finding_json(const store::Finding& finding, const NameFinder& names)
 
 std::string subject_of(const store::Finding& finding, const NameFinder& names) {
   if (const auto name = name_of(finding, names)) return registry::describe(*name);
-  const std::string id = "id " + std::to_string(finding.id);
+  std::string id = "id " + std::to_string(finding.id);
   if (is_about_value(finding)) return id;
   if (finding.parent == store::kNoNode && finding.name.empty()) return "the registry";
   return "level '" + finding.name + "', " + id + " below id " + std::to_string(finding.parent);
