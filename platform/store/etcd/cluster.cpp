@@ -8,11 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <charconv>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <system_error>
 #include <thread>
 
 #include "etcd.grpc.pb.h"
@@ -47,7 +47,8 @@ Status read_file(const std::string& path, const char* what, std::string* content
   const int error = errno;
   std::ostringstream text;
   if (!file || !(text << file.rdbuf())) {
-    return {PRTKV_CONFIGURATION_UNREADABLE, std::string(what) + " '" + path + "' cannot be read: " + strerror(error)};
+    return {PRTKV_CONFIGURATION_UNREADABLE,
+            std::string(what) + " '" + path + "' cannot be read: " + std::generic_category().message(error)};
   }
   *content = text.str();
   return {};
@@ -58,7 +59,8 @@ Status read_password(const std::string& path, std::string* password) {
   const int result = stat(path.c_str(), &entry);
   const int error = errno;
   if (result != 0) {
-    return {PRTKV_CONFIGURATION_UNREADABLE, "password_file '" + path + "' cannot be read: " + strerror(error)};
+    return {PRTKV_CONFIGURATION_UNREADABLE,
+            "password_file '" + path + "' cannot be read: " + std::generic_category().message(error)};
   }
   if ((entry.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     return {PRTKV_INVALID_CONFIGURATION,
@@ -119,7 +121,10 @@ grpc::ChannelArguments channel_arguments() {
 bool is_old(const std::string& version) {
   int major = 0;
   int minor = 0;
-  if (std::sscanf(version.c_str(), "%d.%d", &major, &minor) != 2) return true;
+  const char* const end = version.data() + version.size();
+  const auto [dot, error] = std::from_chars(version.data(), end, major);
+  if (error != std::errc() || dot == end || *dot != '.') return true;
+  if (std::from_chars(dot + 1, end, minor).ec != std::errc()) return true;
   return major < kOldestMajor || (major == kOldestMajor && minor < kOldestMinor);
 }
 
@@ -392,7 +397,7 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
     });
   }
   // gRPC's own log would go to the standard error of whatever program this is.
-  if (getenv("GRPC_VERBOSITY") == nullptr)
+  if (getenv("GRPC_VERBOSITY") == nullptr)  // NOLINT(concurrency-mt-unsafe): as gRPC itself reads it
     gpr_set_log_verbosity(static_cast<gpr_log_severity>(GPR_LOG_SEVERITY_ERROR + 1));
   const Deadline deadline(options.timeout);
   if (!options.user.empty()) {

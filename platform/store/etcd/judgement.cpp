@@ -95,9 +95,10 @@ Judgement judge(int grpc_code, const std::string& message) {
   switch (grpc_code) {
     case 0:  // OK
       return {};
-    case 1:  // CANCELLED
-      return elsewhere(message);
-    case 2:  // UNKNOWN: members that stop say so in words of their own
+    case 1:   // CANCELLED
+    case 2:   // UNKNOWN: members that stop say so in words of their own
+    case 10:  // ABORTED
+    case 13:  // INTERNAL
       return elsewhere(message);
     case 3:  // INVALID_ARGUMENT
       return invalid_argument(message);
@@ -114,14 +115,10 @@ Judgement judge(int grpc_code, const std::string& message) {
         return final(PRTKV_INVALID_CONFIGURATION, "a user is configured but etcd has authentication switched off");
       }
       return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
-    case 10:  // ABORTED
-      return elsewhere(message);
     case 11:  // OUT_OF_RANGE
       return out_of_range(message);
     case 12:  // UNIMPLEMENTED
       return elsewhere("the server lacks what the registry needs of etcd 3.4 or later: " + message);
-    case 13:  // INTERNAL
-      return elsewhere(message);
     case 14:  // UNAVAILABLE
       return unavailable(message);
     case 15:  // DATA_LOSS
