@@ -168,8 +168,12 @@ class MoreRightsThanTheCaller(CommandTest):
         os.chmod(self.command, 0o4755)
 
     def run_it(self, *words):
-        return subprocess.run([self.command, *words], env=self.environment, capture_output=True, text=True,
+        said = subprocess.run([self.command, *words], env=self.environment, capture_output=True, text=True,
                               timeout=DEADLINE, check=False)
+        # A sanitized build looks for leaks as its own debugger, which the system does not allow such a process.
+        if "LeakSanitizer has encountered a fatal error" in said.stderr:
+            self.skipTest("a build that looks for leaks cannot act as its file's owner")
+        return said
 
     def test_the_environment_names_neither_configuration_nor_home(self):
         self.environment["XDG_STATE_HOME"] = str(self.folder)
