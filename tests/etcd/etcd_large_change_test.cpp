@@ -300,12 +300,20 @@ TEST_F(EtcdLargeChange, ADamagedDecisionHidesWhatItIsAboutAndNothingElse) {
   NodeId top = kNoNode;
   ASSERT_TRUE(done(open_key(*store_, "top", &top)));
   ASSERT_TRUE(done(create_key(*store_, "elsewhere", "1")));
+  const auto expect_hidden = [&](const char* reason) {
+    std::string text;
+    const Status status = read_key(*store_, name(0), &text);
+    EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
+    EXPECT_NE(status.text().find("large change"), std::string::npos) << status.text();
+    EXPECT_NE(status.text().find(reason), std::string::npos) << status.text();
+    EXPECT_EQ(value_of(*store_, "elsewhere"), "1");
+  };
   put_raw(keys().claim(top, "token"), "nonsense");
-  std::string text;
-  const Status status = read_key(*store_, name(0), &text);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
-  EXPECT_NE(status.text().find("large change"), std::string::npos) << status.text();
-  EXPECT_EQ(value_of(*store_, "elsewhere"), "1");
+  expect_hidden("cannot be read");
+  put_raw(keys().claim(top, "token"), "state decided\nnext 0\nbatches 2\n");
+  expect_hidden("missing");
+  put_raw(keys().plan("token", 0), "\x01 of this format and otherwise nonsense");
+  expect_hidden("damaged record");
 }
 
 TEST_F(EtcdLargeChange, OfAThousandKeysTakesFewRequests) {

@@ -34,6 +34,7 @@ class Carrying {
 
  private:
   Status look(bool* over);
+  Status look_at_claim(bool* over);
   Status take_batch(const RangeResponse& found);
   Status make_batch(bool* made);
   Status finish(bool* made);
@@ -48,8 +49,22 @@ class Carrying {
   TxnRequest batch_;  // the next one
 };
 
-// Where the others are by now. Over: the claim is gone.
+// Where the others are by now. Over: the claim is gone. A batch that is not there has been made meanwhile, and the
+// claim tells so; when it does not, the batch is lost.
 Status Carrying::look(bool* over) {
+  std::int64_t without_batch = 0;
+  while (true) {
+    if (Status status = look_at_claim(over); !status.ok() || *over) return status;
+    if (claim_.text.next == claim_.text.batches) return {};
+    RangeResponse batch;
+    Outcome outcome = cluster_.range(get_one(key_of(claim_.text.next)), &batch, deadline_());
+    if (!outcome.ok()) return outcome.status;
+    if (batch.kvs_size() > 0 || claim_.mod_revision == without_batch) return take_batch(batch);
+    without_batch = claim_.mod_revision;
+  }
+}
+
+Status Carrying::look_at_claim(bool* over) {
   TxnRequest request;
   *request.add_success()->mutable_request_range() = get_one(key_);
   TxnResponse response;
@@ -59,16 +74,9 @@ Status Carrying::look(bool* over) {
   if (*over) return {};
   claim_.mod_revision = found.kvs(0).mod_revision();
   claim_.text = ClaimText::parse(found.kvs(0).value());
-  if (!claim_.text.decided || claim_.text.batches == 0) {
-    return {PRTKV_STORAGE_FAILED,
-            "a large change that was left unfinished is damaged: its key '" + key_ + "' in etcd cannot be read"};
-  }
-  if (claim_.text.next == claim_.text.batches) return {};
-  RangeResponse batch;
-  Outcome outcome = cluster_.range(get_one(key_of(claim_.text.next)), &batch, deadline_());
-  if (!outcome.ok()) return outcome.status;
-  // Another session may have come to the end in between, and taken the batches away.
-  return batch.kvs_size() == 0 ? look(over) : take_batch(batch);
+  if (claim_.text.decided && claim_.text.batches != 0) return {};
+  return {PRTKV_STORAGE_FAILED,
+          "a large change that was left unfinished is damaged: its key '" + key_ + "' in etcd cannot be read"};
 }
 
 Status Carrying::take_batch(const RangeResponse& found) {
