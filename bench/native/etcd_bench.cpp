@@ -422,11 +422,5 @@ void run(const Options& options) {
 }  // namespace tkv::bench
 
 int main(int count, char** arguments) {
-  try {
-    tkv::bench::run(tkv::bench::Options(count, arguments));
-    return 0;
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "tkv_bench_etcd: %s\n", failure.what());
-    return 1;
-  }
+  return tkv::bench::run_program("tkv_bench_etcd", count, arguments, tkv::bench::run);
 }

@@ -174,11 +174,5 @@ void run(const Options& options) {
 }  // namespace tkv::bench
 
 int main(int count, char** arguments) {
-  try {
-    tkv::bench::run(tkv::bench::Options(count, arguments));
-    return 0;
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "tkv_bench_failover: %s\n", failure.what());
-    return 1;
-  }
+  return tkv::bench::run_program("tkv_bench_failover", count, arguments, tkv::bench::run);
 }

@@ -3,6 +3,8 @@
 #define TKV_BENCH_OPTIONS_H
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -44,6 +46,18 @@ class Options {
  private:
   std::map<std::string, std::string> values_;
 };
+
+// A program: its options go to `run`, and what goes wrong is said under its name. Gives back the exit code.
+template <typename Run>
+int run_program(const char* name, int count, char** arguments, Run run) {
+  try {
+    run(Options(count, arguments));
+    return 0;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "%s: %s\n", name, failure.what());
+    return 1;
+  }
+}
 
 }  // namespace tkv::bench
 

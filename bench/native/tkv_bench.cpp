@@ -345,11 +345,5 @@ void measure(const Options& options) {
 }  // namespace tkv::bench
 
 int main(int count, char** arguments) {
-  try {
-    tkv::bench::measure(tkv::bench::Options(count, arguments));
-    return 0;
-  } catch (const std::exception& failure) {
-    std::fprintf(stderr, "tkv_bench: %s\n", failure.what());
-    return 1;
-  }
+  return tkv::bench::run_program("tkv_bench", count, arguments, tkv::bench::measure);
 }
