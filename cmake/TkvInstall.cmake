@@ -14,7 +14,7 @@ install(DIRECTORY platform/if/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv FILES
 install(FILES framework/tkv/if/tkv.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv)
 
 # The command knows its manual and its completions.
-set(manuals ${CMAKE_BINARY_DIR}/manuals)
+set(manuals ${PROJECT_BINARY_DIR}/manuals)
 add_custom_command(
   OUTPUT ${manuals}/tkv.1 ${manuals}/tkv.conf.5 ${manuals}/tkv.bash ${manuals}/_tkv ${manuals}/tkv.fish
   COMMAND ${CMAKE_COMMAND} -E make_directory ${manuals}
@@ -32,14 +32,14 @@ install(FILES ${manuals}/_tkv DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-func
 install(FILES ${manuals}/tkv.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
 install(EXPORT tkvTargets NAMESPACE tkv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
-configure_package_config_file(cmake/tkvConfig.cmake.in ${CMAKE_BINARY_DIR}/tkvConfig.cmake
+configure_package_config_file(cmake/tkvConfig.cmake.in ${PROJECT_BINARY_DIR}/tkvConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv
                               PATH_VARS TKV_INSTALL_JAR CMAKE_INSTALL_LIBDIR)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/tkvConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/tkvConfig.cmake ${CMAKE_BINARY_DIR}/tkvConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tkvConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/tkvConfig.cmake ${PROJECT_BINARY_DIR}/tkvConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
 
 # Relative to the file itself, so that what is installed can be moved.
 file(RELATIVE_PATH TKV_PREFIX_FROM_PKGCONFIG /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/tkv.pc.in ${CMAKE_BINARY_DIR}/tkv.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/tkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/tkv.pc.in ${PROJECT_BINARY_DIR}/tkv.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

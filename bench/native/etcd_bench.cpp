@@ -26,11 +26,11 @@
 #include <vector>
 
 #include "etcd.grpc.pb.h"
-#include "etcd_store.h"
-#include "keys.h"
 #include "options.h"
 #include "prtkv.h"
-#include "registry.h"
+#include "registry/registry.h"
+#include "store/etcd/etcd_store.h"
+#include "store/etcd/keys.h"
 
 namespace tkv::bench {
 namespace {

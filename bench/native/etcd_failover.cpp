@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "etcd.grpc.pb.h"
-#include "etcd_store.h"
 #include "options.h"
+#include "store/etcd/etcd_store.h"
 
 namespace tkv::bench {
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "configuration.h"
-#include "contexts.h"
-#include "session.h"
+#include "registry/configuration.h"
+#include "registry/contexts.h"
+#include "registry/session.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <unordered_map>
 
-#include "memory_context.h"
+#include "lpm/memory_context.h"
 
 namespace tkv::lpm {
 namespace {

@@ -1,4 +1,4 @@
-#include "memory_context.h"
+#include "lpm/memory_context.h"
 
 #include <sys/mman.h>
 

@@ -1,11 +1,11 @@
-#include "charset.h"
+#include "lx/charset.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <vector>
 
-#include "utf8.h"
+#include "base/utf8.h"
 
 namespace tkv::lx {
 namespace {

@@ -6,9 +6,9 @@
 #include <optional>
 #include <vector>
 
-#include "charset.h"
-#include "process_locale.h"
-#include "utf8.h"
+#include "base/utf8.h"
+#include "lx/charset.h"
+#include "lx/process_locale.h"
 
 namespace tkv::lx {
 namespace {

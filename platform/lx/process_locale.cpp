@@ -1,4 +1,4 @@
-#include "process_locale.h"
+#include "lx/process_locale.h"
 
 #include <langinfo.h>
 #include <locale.h>

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "charset.h"
+#include "lx/charset.h"
 
 namespace tkv::lx {
 

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "method_cache.h"
-#include "trace_switch.h"
+#include "prsrvut/method_cache.h"
+#include "prsrvut/trace_switch.h"
 
 namespace tkv::prsrvut {
 namespace {

@@ -1,4 +1,4 @@
-#include "method_cache.h"
+#include "prsrvut/method_cache.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "native_text.h"
+#include "prsrvut/native_text.h"
 
 #include <cstdint>
 #include <cstring>
@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "charset.h"
-#include "process_locale.h"
+#include "lx/charset.h"
+#include "lx/process_locale.h"
 
 namespace tkv::prsrvut {
 namespace {

@@ -9,10 +9,10 @@
 #include <string>
 #include <string_view>
 
-#include "method_cache.h"
-#include "native_text.h"
-#include "trace_switch.h"
-#include "utf8.h"
+#include "base/utf8.h"
+#include "prsrvut/method_cache.h"
+#include "prsrvut/native_text.h"
+#include "prsrvut/trace_switch.h"
 
 namespace tkv::prsrvut {
 namespace {

@@ -1,4 +1,4 @@
-#include "access.h"
+#include "registry/access.h"
 
 #include <algorithm>
 #include <cstring>

@@ -13,9 +13,9 @@
 #include <string>
 #include <string_view>
 
-#include "identity.h"
+#include "base/identity.h"
+#include "base/status.h"
 #include "sec_attr.h"
-#include "status.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "configuration.h"
+#include "registry/configuration.h"
 
 #include <pwd.h>
 #include <unistd.h>
@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <limits>
 
-#include "configuration_file.h"
-#include "function_ref.h"
-#include "system_entries.h"
+#include "base/function_ref.h"
+#include "base/name_service.h"
+#include "registry/configuration_file.h"
 
 namespace tkv::registry {
 namespace {

@@ -36,7 +36,7 @@
 #include <string_view>
 #include <vector>
 
-#include "status.h"
+#include "base/status.h"
 
 namespace tkv::registry {
 

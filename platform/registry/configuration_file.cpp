@@ -1,4 +1,4 @@
-#include "configuration_file.h"
+#include "registry/configuration_file.h"
 
 #include <fcntl.h>
 #include <ini.h>
@@ -12,7 +12,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "descriptor.h"
+#include "base/descriptor.h"
 
 namespace tkv::registry {
 namespace {

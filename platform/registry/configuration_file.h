@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "function_ref.h"
-#include "status.h"
+#include "base/function_ref.h"
+#include "base/status.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "contexts.h"
+#include "registry/contexts.h"
 
 #include <array>
 #include <atomic>
@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "handle.h"
+#include "registry/handle.h"
 
 namespace tkv::registry {
 namespace {

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <memory>
 
-#include "function_ref.h"
+#include "base/function_ref.h"
+#include "base/status.h"
 #include "prtkv.h"
-#include "session.h"
-#include "status.h"
+#include "registry/session.h"
 
 namespace tkv::registry {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::registry {
 

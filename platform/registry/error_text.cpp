@@ -1,4 +1,4 @@
-#include "error_text.h"
+#include "registry/error_text.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "status.h"
+#include "base/status.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "etcd_loader.h"
+#include "registry/etcd_loader.h"
 
 #include <dlfcn.h>
 #include <link.h>

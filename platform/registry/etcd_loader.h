@@ -2,8 +2,8 @@
 #ifndef TKV_PLATFORM_REGISTRY_ETCD_LOADER_H
 #define TKV_PLATFORM_REGISTRY_ETCD_LOADER_H
 
-#include "etcd_module.h"
-#include "status.h"
+#include "base/status.h"
+#include "store/etcd/module.h"
 
 namespace tkv::registry {
 

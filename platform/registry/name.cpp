@@ -1,4 +1,4 @@
-#include "name.h"
+#include "registry/name.h"
 
 #include <string.h>
 

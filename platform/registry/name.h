@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "status.h"
+#include "base/status.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "open_store.h"
+#include "registry/open_store.h"
 
 #include <unistd.h>
 
@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
-#include "etcd_loader.h"
-#include "lmdb_directory.h"
-#include "lmdb_store.h"
+#include "registry/etcd_loader.h"
+#include "store/lmdb/directory.h"
+#include "store/lmdb/lmdb_store.h"
 
 namespace tkv::registry {
 namespace {

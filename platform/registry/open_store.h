@@ -10,10 +10,10 @@
 
 #include <memory>
 
-#include "configuration.h"
-#include "identity.h"
-#include "registry.h"
-#include "store.h"
+#include "base/identity.h"
+#include "registry/configuration.h"
+#include "registry/registry.h"
+#include "store/store.h"
 
 namespace tkv::registry {
 

@@ -10,14 +10,14 @@
 #include <string>
 #include <string_view>
 
-#include "configuration.h"
-#include "contexts.h"
-#include "error_text.h"
-#include "lmdb_store.h"
-#include "name.h"
-#include "open_store.h"
-#include "session.h"
-#include "zuved.h"
+#include "registry/configuration.h"
+#include "registry/contexts.h"
+#include "registry/error_text.h"
+#include "registry/name.h"
+#include "registry/open_store.h"
+#include "registry/session.h"
+#include "registry/zuved.h"
+#include "store/lmdb/lmdb_store.h"
 
 namespace {
 

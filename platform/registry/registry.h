@@ -11,10 +11,10 @@
 #include <memory>
 #include <utility>
 
-#include "configuration.h"
-#include "identity.h"
-#include "store.h"
-#include "tree.h"
+#include "base/identity.h"
+#include "registry/configuration.h"
+#include "registry/tree.h"
+#include "store/store.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "session.h"
+#include "registry/session.h"
 
 #include <string.h>
 
@@ -7,8 +7,8 @@
 #include <limits>
 #include <utility>
 
-#include "error_text.h"
-#include "handle.h"
+#include "registry/error_text.h"
+#include "registry/handle.h"
 
 namespace tkv::registry {
 namespace {

@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "directory_cache.h"
 #include "prtkv.h"
-#include "registry.h"
+#include "registry/directory_cache.h"
+#include "registry/registry.h"
 
 namespace tkv::registry {
 

@@ -1,4 +1,4 @@
-#include "tree.h"
+#include "registry/tree.h"
 
 #include <utility>
 #include <vector>

@@ -28,12 +28,12 @@
 #include <string>
 #include <string_view>
 
-#include "access.h"
-#include "directory_cache.h"
-#include "function_ref.h"
-#include "identity.h"
-#include "name.h"
-#include "store.h"
+#include "base/function_ref.h"
+#include "base/identity.h"
+#include "registry/access.h"
+#include "registry/directory_cache.h"
+#include "registry/name.h"
+#include "store/store.h"
 
 namespace tkv::registry {
 

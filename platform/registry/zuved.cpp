@@ -1,4 +1,4 @@
-#include "zuved.h"
+#include "registry/zuved.h"
 
 #include <span>
 #include <string>

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "registry.h"
-#include "status.h"
+#include "base/status.h"
+#include "registry/registry.h"
 
 namespace tkv::registry {
 

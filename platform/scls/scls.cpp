@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "name_service.h"
+#include "scls/name_service.h"
 
 namespace tkv::scls {
 

@@ -23,7 +23,7 @@
 #include <span>
 #include <string_view>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::store {
 

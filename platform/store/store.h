@@ -25,9 +25,9 @@
 #include <string>
 #include <string_view>
 
-#include "function_ref.h"
+#include "base/function_ref.h"
+#include "base/status.h"
 #include "sec_attr.h"
-#include "status.h"
 
 namespace tkv::store {
 

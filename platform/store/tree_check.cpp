@@ -1,4 +1,4 @@
-#include "tree_check.h"
+#include "store/tree_check.h"
 
 #include <algorithm>
 #include <tuple>

@@ -9,7 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::store {
 

@@ -1,8 +1,10 @@
 """Which folder may include which: arrows only point down.
 
-java -> bridge -> platform/if <- platform services; registry -> store.h <- stores; tools -> registry.
+java -> bridge -> platform/if <- platform services; registry -> store.h <- stores; tools -> registry; all -> base.
+Headers of the platform are included by their path below platform/, those of platform/if by their bare name.
 """
 import pathlib
+import posixpath
 import re
 import sys
 import tempfile
@@ -15,22 +17,25 @@ LAYERS = {
     "framework/tkv": ["framework/tkv/if", "platform/if"],
     "framework/tkv/if": ["platform/if"],
     "platform/if": [],
-    "platform/lpm": ["platform/if"],
-    "platform/scls": ["platform/if"],
-    "platform/lx": ["platform/if"],
-    "platform/prsrvut": ["platform/if", "platform/lx"],
-    "platform/cls": ["platform/if", "platform/registry"],
-    "platform/registry": ["platform/if", "platform/store"],
-    "platform/store": ["platform/if"],
-    "tools/tkv": ["platform/if", "platform/registry", "platform/store"],
+    "platform/base": ["platform/if"],
+    "platform/lpm": ["platform/if", "platform/base"],
+    "platform/scls": ["platform/if", "platform/base"],
+    "platform/lx": ["platform/if", "platform/base"],
+    "platform/prsrvut": ["platform/if", "platform/base", "platform/lx"],
+    "platform/cls": ["platform/if", "platform/base", "platform/registry"],
+    "platform/registry": ["platform/if", "platform/base", "platform/store", "platform/store/lmdb",
+                          "platform/store/etcd"],
+    "platform/store": ["platform/if", "platform/base"],
+    "platform/store/lmdb": ["platform/if", "platform/base", "platform/store"],
+    "platform/store/etcd": ["platform/if", "platform/base", "platform/store"],
+    "tools/tkv": ["platform/if", "platform/base", "platform/registry", "platform/store"],
 }
 
 # What is seen of the stores: their interface and how they are opened, not what they are made of; above the registry no
 # more than the types in which it asks and answers.
 STORE_FACES = {
-    "platform/registry": {"store.h", "status.h", "function_ref.h", "store_limits.h", "lmdb_store.h",
-                          "lmdb_directory.h", "etcd_module.h", "descriptor.h", "system_entries.h"},
-    "tools/tkv": {"status.h", "function_ref.h", "standard_files.h", "system_entries.h"},
+    "platform/registry": {"store.h", "store_limits.h", "lmdb_store.h", "options.h", "directory.h", "module.h"},
+    "tools/tkv": set(),
 }
 
 # The bridge knows JNI and the platform's functions: no file, no thread, no system call.
@@ -60,38 +65,41 @@ def sources(root):
                 yield path.relative_to(root)
 
 
+def resolve(path, name, files):
+    """The file that `#include "name"` in `path` means, or None."""
+    for folder in (folder_of(path), "framework/tkv/if", "platform/if", "platform"):
+        candidate = pathlib.PurePosixPath(posixpath.normpath(posixpath.join(folder, name)))
+        if candidate in files:
+            return candidate
+    return None
+
+
 def violations(root):
-    files = list(sources(root))
-    places = {}
-    for path in files:
-        places.setdefault(path.name, []).append(path)
-    for path in files:
+    files = {pathlib.PurePosixPath(path.as_posix()) for path in sources(root)}
+    for path in sorted(files):
         layer = layer_of(folder_of(path))
         if layer is None:
             yield f"{path}: a folder that has no layer"
             continue
         for mark, name in INCLUDE.findall((root / path).read_text(encoding="utf-8")):
-            yield from check(path, layer, mark, name, places)
+            yield from check(path, layer, mark, name, files)
 
 
-def check(path, layer, mark, name, places):
-    base = pathlib.PurePosixPath(name).name
-    found = places.get(base, []) if mark == '"' else []
-    if mark == '"' and not found and not base.endswith((".pb.h",)):
-        yield f'{path}: "{name}" is no file of the tree'
-    if not found:
-        if layer in BRIDGE and (mark == "<" and name not in BRIDGE_SYSTEM_HEADERS):
+def check(path, layer, mark, name, files):
+    found = resolve(path, name, files) if mark == '"' else None
+    if found is None:
+        if mark == '"' and not name.endswith(".pb.h"):
+            yield f'{path}: "{name}" is no file of the tree'
+        elif layer in BRIDGE and (mark == "<" and name not in BRIDGE_SYSTEM_HEADERS):
             yield f"{path}: <{name}> is none of the bridge's business"
         return
-    own = [place for place in found if layer_of(folder_of(place)) == layer]
-    if own:
+    target = layer_of(folder_of(found))
+    if target == layer:
         return
-    for place in found:
-        target = layer_of(folder_of(place))
-        if target not in LAYERS[layer]:
-            yield f"{path}: includes {place}, which is not below it"
-        elif target == "platform/store" and base not in STORE_FACES[layer]:
-            yield f"{path}: includes {place}, which is a store's own"
+    if target not in LAYERS[layer]:
+        yield f"{path}: includes {found}, which is not below it"
+    elif target.startswith("platform/store") and found.name not in STORE_FACES.get(layer, {found.name}):
+        yield f"{path}: includes {found}, which is a store's own"
 
 
 class Layers(unittest.TestCase):
@@ -104,24 +112,29 @@ class Layers(unittest.TestCase):
 
     def test_an_arrow_that_points_up_is_seen(self):
         rows = [
-            ("framework/tkv/tkv.cpp", '"store.h"', "is not below"),
-            ("framework/tkv/tkv.cpp", '"charset.h"', "is not below"),
+            ("framework/tkv/tkv.cpp", '"store/store.h"', "is not below"),
+            ("framework/tkv/tkv.cpp", '"lx/charset.h"', "is not below"),
             ("framework/tkv/tkv.cpp", '"../../platform/store/store.h"', "is not below"),
             ("framework/tkv/tkv.cpp", "<thread>", "none of the bridge's business"),
             ("framework/tkv/if/tkv.h", "<lmdb.h>", "none of the bridge's business"),
-            ("platform/if/lpm.h", '"store.h"', "is not below"),
+            ("platform/if/lpm.h", '"store/store.h"', "is not below"),
             ("platform/if/lpm.h", '"tkv.h"', "is not below"),
-            ("platform/lx/charset.h", '"session.h"', "is not below"),
-            ("platform/store/store.h", '"session.h"', "is not below"),
-            ("platform/registry/session.h", '"lmdb_file.h"', "a store's own"),
+            ("platform/base/status.h", '"store/store.h"', "is not below"),
+            ("platform/lx/charset.h", '"registry/session.h"', "is not below"),
+            ("platform/store/store.h", '"registry/session.h"', "is not below"),
+            ("platform/store/store.h", '"store/lmdb/file.h"', "is not below"),
+            ("platform/store/lmdb/file.h", '"store/etcd/cluster.h"', "is not below"),
+            ("platform/store/etcd/cluster.h", '"store/lmdb/file.h"', "is not below"),
+            ("platform/registry/session.h", '"store/lmdb/file.h"', "a store's own"),
             ("platform/registry/session.h", '"tkv.h"', "is not below"),
-            ("tools/tkv/main.cpp", '"store.h"', "a store's own"),
-            ("tools/tkv/main.cpp", '"charset.h"', "is not below"),
+            ("tools/tkv/main.cpp", '"store/store.h"', "a store's own"),
+            ("tools/tkv/main.cpp", '"lx/charset.h"', "is not below"),
             ("tools/tkv/main.cpp", '"gone.h"', "no file of the tree"),
-            ("tools/other/main.cpp", '"store.h"', "no layer"),
+            ("tools/tkv/main.cpp", '"session.h"', "no file of the tree"),
+            ("tools/other/main.cpp", '"store/store.h"', "no layer"),
         ]
         everything = ["framework/tkv/if/tkv.h", "platform/if/lpm.h", "platform/lx/charset.h", "platform/store/store.h",
-                      "platform/store/lmdb_file.h", "platform/registry/session.h"]
+                      "platform/store/lmdb/file.h", "platform/store/etcd/cluster.h", "platform/registry/session.h"]
         for source, include, message in rows:
             with self.subTest(source=source, include=include), tempfile.TemporaryDirectory() as folder:
                 root = pathlib.Path(folder)

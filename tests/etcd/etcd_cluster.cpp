@@ -18,7 +18,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "etcd_store.h"
+#include "store/etcd/etcd_store.h"
 
 namespace tkv::store::etcd {
 namespace {

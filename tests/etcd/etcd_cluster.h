@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "etcd_module.h"
 #include "peer_proxy.h"
-#include "store.h"
+#include "store/etcd/module.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

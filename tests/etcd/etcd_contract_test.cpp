@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "etcd_cluster.h"
-#include "etcd_store.h"
+#include "store/etcd/etcd_store.h"
 #include "store_contract.h"
 
 namespace tkv::store {

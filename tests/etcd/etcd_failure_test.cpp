@@ -12,8 +12,8 @@
 
 #include "etcd.grpc.pb.h"
 #include "etcd_cluster.h"
-#include "etcd_module.h"
-#include "etcd_store.h"
+#include "store/etcd/etcd_store.h"
+#include "store/etcd/module.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "etcd_cluster.h"
-#include "etcd_store.h"
 #include "linearizability.h"
+#include "store/etcd/etcd_store.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {

@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "claims.h"
 #include "etcd_store_fixture.h"
+#include "store/etcd/claims.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -3,14 +3,14 @@
 
 #include <string>
 
-#include "claims.h"
-#include "judgement.h"
-#include "keys.h"
-#include "lineage.h"
-#include "node_cache.h"
-#include "owner.h"
-#include "staging.h"
-#include "writer.h"
+#include "store/etcd/claims.h"
+#include "store/etcd/judgement.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/lineage.h"
+#include "store/etcd/node_cache.h"
+#include "store/etcd/owner.h"
+#include "store/etcd/staging.h"
+#include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 namespace {

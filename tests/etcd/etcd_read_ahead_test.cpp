@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "etcd_store_fixture.h"
-#include "read_ahead.h"
-#include "record.h"
+#include "store/etcd/read_ahead.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

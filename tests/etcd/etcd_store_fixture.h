@@ -8,10 +8,10 @@
 #include <string>
 
 #include "etcd_cluster.h"
-#include "etcd_store.h"
-#include "keys.h"
 #include "request_watch.h"
-#include "requests.h"
+#include "store/etcd/etcd_store.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/requests.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {

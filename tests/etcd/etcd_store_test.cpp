@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "etcd_store_fixture.h"
-#include "record.h"
-#include "staging.h"
+#include "store/etcd/staging.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "etcd_store.h"
 #include "request_watch.h"
+#include "store/etcd/etcd_store.h"
 #include "tree.h"
 
 namespace etcd = tkv::store::etcd;

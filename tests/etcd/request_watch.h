@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "cluster.h"
+#include "store/etcd/cluster.h"
 
 namespace tkv::store::etcd {
 

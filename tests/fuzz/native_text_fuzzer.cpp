@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "native_text.h"
+#include "prsrvut/native_text.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "lmdb_store.h"
+#include "store/lmdb/lmdb_store.h"
 #include "temporary_directory.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "lmdb_file.h"
-#include "record.h"
+#include "store/lmdb/file.h"
+#include "store/record.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "utf8.h"
+#include "base/utf8.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::store {
 

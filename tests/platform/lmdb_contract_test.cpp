@@ -1,4 +1,4 @@
-#include "lmdb_store.h"
+#include "store/lmdb/lmdb_store.h"
 #include "store_contract.h"
 #include "temporary_directory.h"
 

@@ -1,6 +1,4 @@
 // Where an embedded registry can be, how its files come about, and what is refused without being touched.
-#include "lmdb_directory.h"
-
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,9 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "file_system_type.h"
 #include "lmdb_files.h"
-#include "record.h"
+#include "store/lmdb/directory.h"
+#include "store/lmdb/file_system_type.h"
+#include "store/record.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {

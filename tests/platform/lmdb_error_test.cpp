@@ -1,9 +1,9 @@
-#include "lmdb_error.h"
-
 #include <gtest/gtest.h>
 #include <lmdb.h>
 
 #include <cerrno>
+
+#include "store/lmdb/error.h"
 
 namespace tkv::store {
 namespace {

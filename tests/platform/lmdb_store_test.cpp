@@ -1,5 +1,5 @@
 // What the embedded store promises beyond the contract of all stores.
-#include "lmdb_store.h"
+#include "store/lmdb/lmdb_store.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "allocation.h"
-#include "lmdb_file.h"
 #include "lmdb_files.h"
+#include "store/lmdb/file.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "memory_context.h"
+#include "lpm/memory_context.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "charset.h"
-#include "process_locale.h"
+#include "base/utf8.h"
+#include "lx/charset.h"
+#include "lx/process_locale.h"
 #include "temporary_directory.h"
-#include "utf8.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <utility>
 #include <vector>
 
-#include "store.h"
-#include "store_limits.h"
-#include "tree_check.h"
+#include "store/store.h"
+#include "store/store_limits.h"
+#include "store/tree_check.h"
 
 namespace tkv::store {
 

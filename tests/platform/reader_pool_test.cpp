@@ -1,4 +1,4 @@
-#include "reader_pool.h"
+#include "store/lmdb/reader_pool.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The bytes on disk, compared with the examples in docs/format.md. A difference means that registries written by former
 // releases can no longer be read: change neither.
-#include "record.h"
+#include "store/record.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "lmdb_file.h"
+#include "store/lmdb/file.h"
 
 namespace tkv::store {
 namespace {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "access.h"
+#include "registry/access.h"
 #include "registry_fixture.h"
 
 namespace tkv::registry {

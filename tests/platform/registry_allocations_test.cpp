@@ -4,9 +4,9 @@
 #include <string>
 
 #include "allocation.h"
-#include "lmdb_store.h"
 #include "prtkv.h"
 #include "registry_fixture.h"
+#include "store/lmdb/lmdb_store.h"
 #include "temporary_directory.h"
 
 namespace tkv::registry {

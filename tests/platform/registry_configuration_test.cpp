@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "configuration.h"
+#include "registry/configuration.h"
 #include "registry_fixture.h"
 #include "temporary_directory.h"
 

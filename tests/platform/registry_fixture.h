@@ -11,12 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include "contexts.h"
 #include "faulty_store.h"
 #include "memory_store.h"
 #include "prtkv.h"
-#include "registry.h"
-#include "tree.h"
+#include "registry/contexts.h"
+#include "registry/registry.h"
+#include "registry/tree.h"
 
 namespace tkv {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "name.h"
+#include "registry/name.h"
 #include "registry_fixture.h"
 
 namespace tkv::registry {

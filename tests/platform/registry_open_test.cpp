@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "open_store.h"
 #include "prtkv.h"
+#include "registry/open_store.h"
 #include "registry_fixture.h"
 #include "temporary_directory.h"
 

@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "lmdb_store.h"
 #include "prtkv.h"
 #include "registry_fixture.h"
+#include "store/lmdb/lmdb_store.h"
 #include "temporary_directory.h"
 
 namespace tkv::registry {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "registry/tree.h"
 #include "registry_fixture.h"
-#include "tree.h"
 
 namespace tkv::registry {
 namespace {

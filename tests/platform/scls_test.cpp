@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "name_service.h"
+#include "scls/name_service.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "store_limits.h"
+#include "store/store_limits.h"
 
 namespace tkv::store {
 namespace {

@@ -1,4 +1,4 @@
-#include "tree_check.h"
+#include "store/tree_check.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

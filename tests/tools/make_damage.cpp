@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "lmdb_store.h"
+#include "store/lmdb/lmdb_store.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include <array>
 #include <vector>
 
-#include "access.h"
 #include "characters.h"
 #include "context.h"
 #include "json.h"
 #include "masks.h"
+#include "registry/access.h"
 #include "user_identity.h"
 #include "verbs.h"
 

@@ -7,12 +7,12 @@
 #define XXH_INLINE_ALL  // compiled in: one library less to load
 #include <xxhash.h>
 
-#include "access.h"
+#include "base/identity.h"
 #include "characters.h"
-#include "identity.h"
 #include "input.h"
-#include "name.h"
-#include "tree.h"
+#include "registry/access.h"
+#include "registry/name.h"
+#include "registry/tree.h"
 
 namespace tkv::command {
 namespace {

@@ -18,8 +18,8 @@
 #include <string_view>
 
 #include "atomic_file.h"
+#include "base/function_ref.h"
 #include "entry.h"
-#include "function_ref.h"
 #include "outcome.h"
 
 namespace tkv::command {

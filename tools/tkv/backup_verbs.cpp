@@ -11,7 +11,7 @@
 #include "difference.h"
 #include "input.h"
 #include "json.h"
-#include "name.h"
+#include "registry/name.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <span>
 
-#include "access.h"
-#include "name.h"
+#include "registry/access.h"
+#include "registry/name.h"
 
 namespace tkv::command {
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "entry.h"
-#include "registry.h"
+#include "registry/registry.h"
 
 namespace tkv::command {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "name.h"
+#include "registry/name.h"
 
 namespace tkv::command {
 namespace {

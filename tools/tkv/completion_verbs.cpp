@@ -11,7 +11,7 @@
 #include "context.h"
 #include "entry.h"
 #include "json.h"
-#include "name.h"
+#include "registry/name.h"
 #include "verbs.h"
 
 namespace tkv::command {

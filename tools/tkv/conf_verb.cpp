@@ -4,7 +4,7 @@
 #include "characters.h"
 #include "context.h"
 #include "json.h"
-#include "open_store.h"
+#include "registry/open_store.h"
 #include "verbs.h"
 
 namespace tkv::command {

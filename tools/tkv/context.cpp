@@ -2,8 +2,8 @@
 
 #include "characters.h"
 #include "json.h"
-#include "name.h"
-#include "open_store.h"
+#include "registry/name.h"
+#include "registry/open_store.h"
 
 namespace tkv::command {
 

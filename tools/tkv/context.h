@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "arguments.h"
-#include "open_store.h"
 #include "outcome.h"
 #include "output.h"
-#include "registry.h"
+#include "registry/open_store.h"
+#include "registry/registry.h"
 #include "terminal.h"
 
 namespace tkv::command {

@@ -4,7 +4,7 @@
 
 #include "json.h"
 #include "key_maker.h"
-#include "name.h"
+#include "registry/name.h"
 
 namespace tkv::command {
 namespace {

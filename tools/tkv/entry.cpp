@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "access.h"
+#include "registry/access.h"
 
 namespace tkv::command {
 

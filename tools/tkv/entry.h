@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "registry/tree.h"
 #include "sec_attr.h"
-#include "tree.h"
 #include "values.h"
 
 namespace tkv::command {

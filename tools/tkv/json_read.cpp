@@ -4,11 +4,11 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "base/identity.h"
 #include "characters.h"
-#include "identity.h"
 #include "json.h"
 #include "masks.h"
-#include "name.h"
+#include "registry/name.h"
 
 namespace tkv::command {
 namespace {

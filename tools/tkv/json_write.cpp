@@ -1,7 +1,7 @@
-#include "access.h"
 #include "characters.h"
 #include "json.h"
 #include "masks.h"
+#include "registry/access.h"
 
 namespace tkv::command {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/function_ref.h"
 #include "context.h"
-#include "function_ref.h"
 #include "outcome.h"
 
 namespace tkv::command {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "new_key_security.h"
-#include "tree.h"
+#include "registry/tree.h"
 #include "values.h"
 
 namespace tkv::command {

@@ -5,9 +5,9 @@
 #include <exception>
 #include <string>
 
+#include "base/standard_files.h"
 #include "command_line.h"
 #include "context.h"
-#include "standard_files.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cstdio>
 
-#include "identity.h"
+#include "base/identity.h"
 
 namespace tkv::command {
 namespace {

@@ -11,8 +11,8 @@
 #include "context.h"
 #include "entry.h"
 #include "json.h"
-#include "name.h"
 #include "new_key_security.h"
+#include "registry/name.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -3,7 +3,7 @@
 #define TKV_TOOLS_TKV_NEW_KEY_SECURITY_H
 
 #include "arguments.h"
-#include "identity.h"
+#include "base/identity.h"
 #include "masks.h"
 #include "outcome.h"
 #include "sec_attr.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "status.h"
+#include "base/status.h"
 
 namespace tkv::command {
 

@@ -1,12 +1,12 @@
 #include <algorithm>
 #include <vector>
 
-#include "access.h"
 #include "characters.h"
 #include "context.h"
 #include "json.h"
 #include "key_by_key.h"
 #include "masks.h"
+#include "registry/access.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -9,8 +9,8 @@
 #include "input.h"
 #include "json.h"
 #include "key_maker.h"
-#include "name.h"
 #include "new_key_security.h"
+#include "registry/name.h"
 #include "verbs.h"
 
 namespace tkv::command {

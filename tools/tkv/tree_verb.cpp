@@ -2,11 +2,11 @@
 #include <limits>
 #include <vector>
 
-#include "access.h"
 #include "characters.h"
 #include "context.h"
 #include "json.h"
 #include "masks.h"
+#include "registry/access.h"
 #include "verbs.h"
 
 namespace tkv::command {

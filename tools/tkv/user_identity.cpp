@@ -11,7 +11,7 @@
 #include <system_error>
 #include <vector>
 
-#include "system_entries.h"
+#include "base/name_service.h"
 
 namespace tkv::command {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "identity.h"
+#include "base/identity.h"
 #include "outcome.h"
 
 namespace tkv::command {

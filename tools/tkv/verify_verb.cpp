@@ -4,7 +4,6 @@
 #include <set>
 #include <vector>
 
-#include "access.h"
 #include "backup_file.h"
 #include "backup_text.h"
 #include "characters.h"
@@ -12,7 +11,8 @@
 #include "entry.h"
 #include "input.h"
 #include "json.h"
-#include "name.h"
+#include "registry/access.h"
+#include "registry/name.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -1,12 +1,12 @@
 #include <vector>
 
-#include "access.h"
 #include "changes.h"
 #include "context.h"
 #include "input.h"
 #include "json.h"
 #include "key_by_key.h"
 #include "key_maker.h"
+#include "registry/access.h"
 #include "verbs.h"
 
 namespace tkv::command {

@@ -1,13 +1,13 @@
-#include "checker.h"
+#include "store/etcd/checker.h"
 
 #include <algorithm>
 #include <unordered_set>
 #include <vector>
 
-#include "pager.h"
-#include "record.h"
-#include "staging.h"
-#include "tree_check.h"
+#include "store/etcd/pager.h"
+#include "store/etcd/staging.h"
+#include "store/record.h"
+#include "store/tree_check.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -2,8 +2,8 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_CHECKER_H
 #define TKV_PLATFORM_STORE_ETCD_CHECKER_H
 
-#include "core.h"
-#include "store.h"
+#include "store/etcd/core.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

@@ -1,4 +1,4 @@
-#include "claims.h"
+#include "store/etcd/claims.h"
 
 #include <algorithm>
 #include <sstream>

@@ -19,8 +19,8 @@
 #include <mutex>
 #include <string>
 
-#include "keys.h"
-#include "requests.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 

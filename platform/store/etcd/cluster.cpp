@@ -1,4 +1,4 @@
-#include "cluster.h"
+#include "store/etcd/cluster.h"
 
 #include <grpc/support/log.h>
 #include <grpcpp/grpcpp.h>
@@ -15,8 +15,8 @@
 #include <system_error>
 #include <thread>
 
+#include "base/function_ref.h"
 #include "etcd.grpc.pb.h"
-#include "function_ref.h"
 
 namespace tkv::store::etcd {
 namespace {

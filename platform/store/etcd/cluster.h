@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "base/status.h"
 #include "etcd.pb.h"
-#include "judgement.h"
-#include "status.h"
+#include "store/etcd/judgement.h"
 
 namespace grpc::experimental {
 class ClientInterceptorFactoryInterface;

@@ -1,7 +1,7 @@
-#include "core.h"
+#include "store/etcd/core.h"
 
-#include "plan.h"
-#include "record.h"
+#include "store/etcd/plan.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 

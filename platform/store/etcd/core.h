@@ -6,15 +6,15 @@
 #include <string>
 #include <utility>
 
-#include "claims.h"
-#include "cluster.h"
-#include "function_ref.h"
-#include "id_source.h"
-#include "keys.h"
-#include "node_cache.h"
-#include "requests.h"
-#include "sweeper.h"
-#include "writer.h"
+#include "base/function_ref.h"
+#include "store/etcd/claims.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/id_source.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/node_cache.h"
+#include "store/etcd/requests.h"
+#include "store/etcd/sweeper.h"
+#include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 

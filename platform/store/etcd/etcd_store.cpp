@@ -1,15 +1,15 @@
-#include "etcd_store.h"
+#include "store/etcd/etcd_store.h"
 
 #include <exception>
 #include <new>
 #include <random>
 #include <thread>
 
-#include "checker.h"
-#include "core.h"
-#include "record.h"
-#include "snapshot.h"
-#include "transaction.h"
+#include "store/etcd/checker.h"
+#include "store/etcd/core.h"
+#include "store/etcd/snapshot.h"
+#include "store/etcd/transaction.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -5,9 +5,9 @@
 #include <functional>
 #include <memory>
 
-#include "cluster.h"
-#include "etcd_module.h"
-#include "store.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/module.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

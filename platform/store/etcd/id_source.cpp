@@ -1,8 +1,8 @@
-#include "id_source.h"
+#include "store/etcd/id_source.h"
 
 #include <limits>
 
-#include "requests.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -6,9 +6,9 @@
 
 #include <mutex>
 
-#include "cluster.h"
-#include "keys.h"
-#include "record.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/keys.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 

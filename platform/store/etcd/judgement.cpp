@@ -1,4 +1,4 @@
-#include "judgement.h"
+#include "store/etcd/judgement.h"
 
 #include <string_view>
 

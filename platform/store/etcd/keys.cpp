@@ -1,4 +1,4 @@
-#include "keys.h"
+#include "store/etcd/keys.h"
 
 #include <charconv>
 #include <limits>

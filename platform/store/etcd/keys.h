@@ -20,7 +20,7 @@
 #include <string>
 #include <string_view>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

@@ -1,4 +1,4 @@
-#include "lineage.h"
+#include "store/etcd/lineage.h"
 
 #include <algorithm>
 

@@ -5,7 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

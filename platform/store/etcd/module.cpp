@@ -1,5 +1,6 @@
-#include "etcd_module.h"
-#include "etcd_store.h"
+#include "store/etcd/module.h"
+
+#include "store/etcd/etcd_store.h"
 
 // What this module makes stays in it: whoever holds a store keeps the module loaded.
 extern "C" __attribute__((visibility("default"))) tkv::Status tkv_open_etcd_store(

@@ -1,4 +1,4 @@
-#include "node_cache.h"
+#include "store/etcd/node_cache.h"
 
 namespace tkv::store::etcd {
 

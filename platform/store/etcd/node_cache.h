@@ -11,8 +11,8 @@
 #include <mutex>
 #include <optional>
 
-#include "keys.h"
-#include "store.h"
+#include "store/etcd/keys.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

@@ -1,4 +1,4 @@
-#include "owner.h"
+#include "store/etcd/owner.h"
 
 #include <sys/random.h>
 #include <unistd.h>

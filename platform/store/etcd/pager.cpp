@@ -1,4 +1,4 @@
-#include "pager.h"
+#include "store/etcd/pager.h"
 
 #include <algorithm>
 

@@ -2,8 +2,8 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_PAGER_H
 #define TKV_PLATFORM_STORE_ETCD_PAGER_H
 
-#include "cluster.h"
-#include "requests.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 

@@ -1,8 +1,8 @@
-#include "plan.h"
+#include "store/etcd/plan.h"
 
 #include <thread>
 
-#include "record.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "claims.h"
-#include "cluster.h"
-#include "function_ref.h"
+#include "base/function_ref.h"
+#include "store/etcd/claims.h"
+#include "store/etcd/cluster.h"
 
 namespace tkv::store::etcd {
 

@@ -1,10 +1,10 @@
-#include "read_ahead.h"
+#include "store/etcd/read_ahead.h"
 
 #include <algorithm>
 #include <limits>
 
-#include "core.h"
-#include "pager.h"
+#include "store/etcd/core.h"
+#include "store/etcd/pager.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -23,10 +23,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "function_ref.h"
-#include "keys.h"
-#include "node_cache.h"
-#include "requests.h"
+#include "base/function_ref.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/node_cache.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 

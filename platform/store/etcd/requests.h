@@ -8,7 +8,7 @@
 #include <string>
 
 #include "etcd.pb.h"
-#include "keys.h"
+#include "store/etcd/keys.h"
 
 namespace tkv::store::etcd {
 

@@ -1,8 +1,8 @@
-#include "snapshot.h"
+#include "store/etcd/snapshot.h"
 
-#include "pager.h"
-#include "read_ahead.h"
-#include "record.h"
+#include "store/etcd/pager.h"
+#include "store/etcd/read_ahead.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 

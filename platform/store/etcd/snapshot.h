@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <string>
 
-#include "core.h"
-#include "read_ahead.h"
-#include "store.h"
+#include "store/etcd/core.h"
+#include "store/etcd/read_ahead.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

@@ -1,8 +1,8 @@
-#include "staging.h"
+#include "store/etcd/staging.h"
 
 #include <sstream>
 
-#include "owner.h"
+#include "store/etcd/owner.h"
 
 namespace tkv::store::etcd {
 namespace {

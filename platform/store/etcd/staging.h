@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "id_source.h"
-#include "writer.h"
+#include "store/etcd/id_source.h"
+#include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 

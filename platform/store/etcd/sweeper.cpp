@@ -1,12 +1,12 @@
-#include "sweeper.h"
+#include "store/etcd/sweeper.h"
 
 #include <algorithm>
 #include <exception>
 
-#include "owner.h"
-#include "pager.h"
-#include "plan.h"
-#include "record.h"
+#include "store/etcd/owner.h"
+#include "store/etcd/pager.h"
+#include "store/etcd/plan.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -17,12 +17,12 @@
 #include <unordered_set>
 #include <vector>
 
-#include "cluster.h"
-#include "function_ref.h"
-#include "keys.h"
-#include "requests.h"
-#include "staging.h"
-#include "writer.h"
+#include "base/function_ref.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/requests.h"
+#include "store/etcd/staging.h"
+#include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 

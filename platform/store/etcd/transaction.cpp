@@ -1,11 +1,11 @@
-#include "transaction.h"
+#include "store/etcd/transaction.h"
 
 #include <algorithm>
 #include <functional>
 
-#include "pager.h"
-#include "record.h"
-#include "store_limits.h"
+#include "store/etcd/pager.h"
+#include "store/record.h"
+#include "store/store_limits.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -25,11 +25,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "core.h"
-#include "lineage.h"
-#include "snapshot.h"
-#include "staging.h"
-#include "store.h"
+#include "store/etcd/core.h"
+#include "store/etcd/lineage.h"
+#include "store/etcd/snapshot.h"
+#include "store/etcd/staging.h"
+#include "store/store.h"
 
 namespace tkv::store::etcd {
 

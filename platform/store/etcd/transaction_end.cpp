@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <thread>
 
-#include "plan.h"
-#include "record.h"
-#include "transaction.h"
+#include "store/etcd/plan.h"
+#include "store/etcd/transaction.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {

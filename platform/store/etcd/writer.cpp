@@ -1,8 +1,8 @@
-#include "writer.h"
+#include "store/etcd/writer.h"
 
 #include <sstream>
 
-#include "owner.h"
+#include "store/etcd/owner.h"
 
 namespace tkv::store::etcd {
 namespace {

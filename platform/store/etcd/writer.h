@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "cluster.h"
-#include "requests.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 

@@ -1,0 +1,51 @@
+// Status: how an operation inside the platform ended, with a code of the registry's table and a text for people.
+#ifndef TKV_PLATFORM_BASE_STATUS_H
+#define TKV_PLATFORM_BASE_STATUS_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "prtkv_results.h"
+
+namespace tkv {
+
+// Success carries no text and allocates nothing. A failure may lack a text: then the table's own text stands for it,
+// and whoever knows more (the key's full name, say) adds it with `about`.
+class [[nodiscard]] Status {
+ public:
+  Status() = default;
+  Status(prtkv_result code) : code_(code) {}  // NOLINT(google-explicit-constructor): a bare code is a Status
+  Status(prtkv_result code, std::string text) : code_(code), text_(std::move(text)) {}
+
+  bool ok() const { return code_ == PRTKV_DONE; }
+  prtkv_result code() const { return code_; }
+  bool is(prtkv_result code) const { return code_ == code; }
+
+  // The reason, or the table's text when none was given.
+  std::string text() const { return text_.empty() ? result_text(code_) : text_; }
+  bool has_text() const { return !text_.empty(); }
+
+  // The same failure, told of `subject`: "key 'a.b': <text>".
+  Status about(const std::string& subject) const { return ok() ? *this : Status(code_, subject + ": " + text()); }
+
+  static const char* result_text(int32_t code) {
+    switch (code) {
+#define TKV_RESULT_TEXT(name, number, words) \
+  case number:                               \
+    return words;
+      PRTKV_RESULTS(TKV_RESULT_TEXT)
+#undef TKV_RESULT_TEXT
+      default:
+        return "unknown result";
+    }
+  }
+
+ private:
+  prtkv_result code_ = PRTKV_DONE;
+  std::string text_;
+};
+
+}  // namespace tkv
+
+#endif

@@ -1,0 +1,419 @@
+#include "store/lmdb/environment.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <vector>
+
+#include "store/lmdb/assertion.h"
+#include "store/lmdb/directory.h"
+#include "store/lmdb/error.h"
+#include "store/lmdb/pages.h"
+#include "store/lmdb/tree.h"
+
+namespace tkv::store {
+namespace {
+
+constexpr unsigned kMaxReaders = 1022;  // in all processes; LMDB's table of them is one file of 64 KiB
+constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
+constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
+constexpr std::size_t kMapUnit = std::size_t{64} << 10;  // a multiple of every page size
+constexpr std::uint64_t kPagesToCheck = 4096;  // when it is opened; with more, a check of the whole registry does
+static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses");
+
+std::atomic<unsigned> fork_generation{0};
+
+thread_local Running* innermost = nullptr;
+
+bool address_space_left(std::size_t size) {
+  void* const area = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (area == MAP_FAILED) return false;
+  munmap(area, size);
+  return true;
+}
+
+}  // namespace
+
+// The environments of this process. A fork empties the child's table: what was open there is left as it is, since
+// closing it would take the parent's place among the readers away.
+struct EnvironmentTable {
+  std::mutex mutex;
+  std::vector<Environment*> open;
+
+  static EnvironmentTable& instance() {
+    static EnvironmentTable& table = *make();
+    return table;
+  }
+
+  Environment* find(const Environment::Identity& directory) const {
+    const auto found = std::find_if(open.begin(), open.end(), [&](const Environment* environment) {
+      return environment->directory_identity_ == directory;
+    });
+    return found == open.end() ? nullptr : *found;
+  }
+
+ private:
+  static EnvironmentTable* make() {
+    auto* const table = new EnvironmentTable;
+    pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
+                   [] {
+                     ++fork_generation;
+                     instance().open.clear();
+                     instance().mutex.unlock();
+                   });
+    return table;
+  }
+};
+
+Status Environment::acquire(const LmdbOptions& options, Held* environment) {
+  EnvironmentTable& table = EnvironmentTable::instance();
+  const std::lock_guard lock(table.mutex);
+  struct stat directory {};
+  struct stat file {};
+  if (stat(options.directory.c_str(), &directory) != 0 || stat(data_file(options.directory).c_str(), &file) != 0) {
+    const int error = errno;
+    return lmdb_status(error, "cannot open the registry in '" + options.directory + "'");
+  }
+  if (Environment* const open = table.find({directory.st_dev, directory.st_ino}); open != nullptr) {
+    if (open->file_identity_ != Identity{file.st_dev, file.st_ino}) {
+      return {PRTKV_STORAGE_FAILED,
+              "the registry's file in '" + options.directory + "' was replaced while this process had it open"};
+    }
+    if (open->read_only_ && !options.read_only)
+      return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' may only be read"};
+    ++open->users_;
+    environment->reset(open);
+    return {};
+  }
+  return open_anew(options, table, environment);
+}
+
+// Whatever goes wrong on the way, nothing stays open: a second opening of the files would lose LMDB's locks.
+Status Environment::open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment) {
+  struct Delete {
+    void operator()(Environment* failed) const { delete failed; }
+  };
+  table.open.reserve(table.open.size() + 1);
+  std::unique_ptr<Environment, Delete> fresh(new Environment(options));
+  if (Status status = fresh->open(options.read_only); !status.ok()) return status;
+  fresh->users_ = 1;
+  table.open.push_back(fresh.get());
+  environment->reset(fresh.release());
+  return {};
+}
+
+void Environment::release(Environment* environment) {
+  EnvironmentTable& table = EnvironmentTable::instance();
+  const std::lock_guard lock(table.mutex);
+  if (environment->fork_generation_ != fork_generation) return;
+  if (--environment->users_ > 0) return;
+  std::erase(table.open, environment);
+  delete environment;
+}
+
+Environment::Environment(const LmdbOptions& options)
+    : directory_(options.directory),
+      fixed_map_size_(options.map_size),
+      first_map_size_(options.first_map_size == 0 ? kFirstMapSize : options.first_map_size),
+      file_mode_(options.group.empty() ? 0600 : 0660),
+      fork_generation_(fork_generation) {}
+
+Environment::~Environment() {
+  close_files();
+  if (directory_handle_ >= 0) ::close(directory_handle_);
+}
+
+Status Environment::check_process() const {
+  if (fork_generation_ == fork_generation.load(std::memory_order_relaxed)) return {};
+  return {PRTKV_STORAGE_FAILED,
+          "the registry in '" + directory_ + "' was opened before this process was forked: open it anew"};
+}
+
+Status Environment::failure(LmdbOutcome outcome, const char* doing) const {
+  return lmdb_status(outcome, std::string(doing) + " in '" + directory_ + "'");
+}
+
+Status Environment::failure(int code, const char* doing) const { return failure(LmdbOutcome{code, code}, doing); }
+
+Status Environment::open(bool read_only) {
+  directory_handle_ = ::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  struct stat directory {};
+  if (directory_handle_ < 0 || fstat(directory_handle_, &directory) != 0) {
+    const int error = errno;
+    return failure(error, "cannot open the registry");
+  }
+  directory_identity_ = {directory.st_dev, directory.st_ino};
+  Status status = open_files();
+  if (read_only && status.is(PRTKV_ACCESS_DENIED)) {
+    read_only_ = true;
+    status = open_files();
+  }
+  return status;
+}
+
+// The size that was configured; else room to double at least once.
+std::size_t Environment::map_size_to_open() const {
+  if (fixed_map_size_ != 0) return (std::max(fixed_map_size_, std::uint64_t{1}) + kMapUnit - 1) / kMapUnit * kMapUnit;
+  struct stat file {};
+  if (stat(data_file(directory_).c_str(), &file) != 0) return first_map_size_;
+  const auto used = static_cast<std::uint64_t>(file.st_size);
+  return used < first_map_size_ / 2 ? first_map_size_ : std::bit_ceil(used * 2);
+}
+
+Status Environment::open_files() {
+  if (int code = mdb_env_create(&env_); code != 0) return failure(code, "cannot open the registry");
+  mdb_env_set_assert(env_, &throw_lmdb_assertion);
+  mdb_env_set_maxreaders(env_, kMaxReaders);
+  mdb_env_set_mapsize(env_, map_size_to_open());
+  int code = mdb_env_open(env_, directory_.c_str(), MDB_NOTLS | (read_only_ ? MDB_RDONLY : 0u), file_mode_);
+  int file_handle = -1;
+  struct stat file {};
+  if (code == 0) code = mdb_env_get_fd(env_, &file_handle);
+  if (code == 0 && (fcntl(file_handle, F_SETFD, FD_CLOEXEC) != 0 || fstat(file_handle, &file) != 0)) code = errno;
+  int dead_readers = 0;
+  if (code == 0) code = mdb_reader_check(env_, &dead_readers);
+  if (code != 0) {
+    close_files();
+    return failure(code, "cannot open the registry");
+  }
+  file_identity_ = {file.st_dev, file.st_ino};
+  Status status = check_contents();
+  if (!status.ok()) close_files();
+  return status;
+}
+
+void Environment::close_files() {
+  readers_.for_each([](ReaderSlot& slot) {
+    if (slot.txn != nullptr) mdb_txn_abort(slot.txn);
+    slot.txn = nullptr;
+    slot.structure_state = 0;
+  });
+  if (env_ != nullptr) mdb_env_close(env_);
+  env_ = nullptr;
+}
+
+Status Environment::check_contents() try {
+  if (Status status = extend_short_file(); !status.ok()) return status;
+  // Time and again, while others write faster than this process looks.
+  bool outdated = true;
+  for (int attempt = 0; outdated && attempt < 10; ++attempt)
+    if (Status status = check_state(&outdated); !status.ok()) return status;
+  return {};
+} catch (const LmdbAssertion& broken) {
+  return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
+}
+
+Status Environment::check_state(bool* outdated) {
+  MDB_txn* txn = nullptr;
+  if (const int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn); code != 0)
+    return failure(code, "cannot read the registry");
+  const std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)> end(txn, &mdb_txn_abort);
+  MDB_envinfo info{};
+  mdb_env_info(env_, &info);
+  *outdated = false;
+  if (info.me_last_pgno < kPagesToCheck) {
+    const auto unwatched = [](std::uint64_t, std::uint64_t) {};
+    if (Status status = check_pages(txn, unwatched, outdated); !status.ok() || *outdated) return status;
+  }
+  MDB_dbi database = 0;
+  if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0)
+    return failure(code, "cannot read the registry");
+  Meta meta;
+  return find_meta(txn, &meta).about("the file in '" + directory_ + "'");
+}
+
+// LMDB need not write the last pages of its file when they are free. Reading beyond the end of a file would end the
+// process, and a file that was cut off looks just the same: so it is given the size that it should have. What is
+// missing then reads as zeroes, which no record and no page is. Under the write lock: nobody else writes meanwhile.
+Status Environment::extend_short_file() {
+  int file_handle = -1;
+  struct stat file {};
+  MDB_envinfo info{};
+  MDB_stat pages{};
+  mdb_env_get_fd(env_, &file_handle);
+  mdb_env_info(env_, &info);
+  mdb_env_stat(env_, &pages);
+  const auto too_short = [&] {
+    return fstat(file_handle, &file) == 0 &&
+           static_cast<std::uint64_t>(file.st_size) < (std::uint64_t{info.me_last_pgno} + 1) * pages.ms_psize;
+  };
+  if (!too_short()) return {};
+  if (read_only_) {
+    return {PRTKV_STORAGE_FAILED,
+            "the registry's file in '" + directory_ + "' is shorter than it says, and cannot be extended to be read"};
+  }
+  MDB_txn* txn = nullptr;
+  if (const int code = mdb_txn_begin(env_, nullptr, 0, &txn); code != 0)
+    return failure(code, "cannot write to the registry");
+  mdb_env_info(env_, &info);
+  int error = 0;
+  if (too_short() && ftruncate(file_handle, static_cast<off_t>((info.me_last_pgno + 1) * pages.ms_psize)) != 0)
+    error = errno;
+  mdb_txn_abort(txn);
+  return failure(error, "cannot extend the registry's file");
+}
+
+int Environment::renew(ReaderSlot& slot) {
+  if (env_ == nullptr) return MDB_PANIC;
+  if (slot.txn != nullptr) return mdb_txn_renew(slot.txn);
+  return mdb_txn_begin(env_, nullptr, MDB_RDONLY, &slot.txn);
+}
+
+// After a reader failed to begin: makes that it can try again, or gives the reason why it cannot.
+Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
+  constexpr unsigned kAttempts = 4;
+  if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
+  if (code == MDB_MAP_RESIZED)
+    return {PRTKV_STORAGE_FAILED, "the registry in '" + directory_ + "' grew while it was being read; try again"};
+  if (attempt >= kAttempts) return failure(code, "cannot read the registry");
+  if (code == MDB_READERS_FULL) return free_reader_slots(nested);
+  if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
+  const std::lock_guard lock(write_mutex_);
+  return remaps_ == remaps ? reopen() : Status();
+}
+
+Status Environment::follow_growth(std::uint64_t remaps) {
+  const std::lock_guard lock(write_mutex_);
+  return remaps_ == remaps ? remap(0) : Status();
+}
+
+// Slots of LMDB's table of readers: those of processes that died, then those that idle threads of this one keep.
+Status Environment::free_reader_slots(bool nested) {
+  ReaderSlot& held = readers_.claim(nested);  // env_ stays as it is meanwhile
+  int dead_readers = 0;
+  const int code = env_ == nullptr ? MDB_PANIC : mdb_reader_check(env_, &dead_readers);
+  if (code == 0 && dead_readers == 0) {
+    readers_.for_each_free([](ReaderSlot& slot) {
+      if (slot.txn != nullptr) mdb_txn_abort(slot.txn);
+      slot.txn = nullptr;
+    });
+  }
+  readers_.release(held);
+  return failure(code, "cannot read the registry");
+}
+
+Status Environment::grow() {
+  // Readers that died keep pages from being used again; with them gone there may be room enough.
+  int dead_readers = 0;
+  if (mdb_reader_check(env_, &dead_readers) == 0 && dead_readers > 0) return {};
+  MDB_envinfo info{};
+  mdb_env_info(env_, &info);
+  const std::uint64_t size = info.me_mapsize;
+  const std::string subject = "the registry in '" + directory_ + "' is " + std::to_string(size) + " bytes large";
+  if (fixed_map_size_ != 0) return {PRTKV_STORAGE_FULL, subject + ", which is all that map_size lets it have"};
+  if (size > kLargestMapSize / 2) return {PRTKV_STORAGE_FULL, subject + " and cannot grow any more"};
+  if (!address_space_left(size * 2))
+    return {PRTKV_OUT_OF_MEMORY, subject + ", and this process has no address space for twice as much"};
+  return remap(size * 2);
+}
+
+Status Environment::remap(std::size_t size) {
+  if (env_ == nullptr) return reopen();
+  int code = 0;
+  readers_.with_no_readers([&] {
+    code = mdb_env_set_mapsize(env_, size);
+    ++remaps_;
+  });
+  return code == 0 ? Status() : reopen();  // LMDB has given up the former map
+}
+
+Status Environment::reopen() {
+  Status status;
+  readers_.with_no_readers([&] {
+    close_files();
+    status = open_files();
+    ++remaps_;
+  });
+  return status;
+}
+
+Running::Running(const Environment* environment, Kind kind)
+    : environment_(environment), kind_(kind), outer_(innermost) {
+  innermost = this;
+}
+
+Running::~Running() { innermost = outer_; }
+
+bool Running::is(const Environment* environment, Kind kind) {
+  for (const Running* running = innermost; running != nullptr; running = running->outer_)
+    if (running->environment_ == environment && running->kind_ == kind) return true;
+  return false;
+}
+
+ReadTransaction::ReadTransaction(Environment& environment, Length length)
+    : environment_(environment),
+      nested_(Running::reads(&environment)),
+      wants_long_(length == Length::kLong && !nested_),
+      running_(&environment, Running::Kind::kReading) {}
+
+ReadTransaction::~ReadTransaction() {
+  // In a child that was forked meanwhile the transaction is the parent's, and the locks may be held for ever.
+  if (environment_.fork_generation_ != fork_generation) return;
+  if (slot_ != nullptr) {
+    mdb_txn_reset(slot_->txn);
+    environment_.readers_.release(*slot_);
+  }
+  if (long_) environment_.readers_.end_long();
+}
+
+Status ReadTransaction::begin() {
+  if (Status status = environment_.check_process(); !status.ok()) return status;
+  if (wants_long_) {
+    environment_.readers_.begin_long();
+    long_ = true;
+  }
+  for (unsigned attempt = 0;; ++attempt) {
+    const std::uint64_t remaps = environment_.remaps_;
+    ReaderSlot& slot = environment_.readers_.claim(nested_);
+    const int code = environment_.renew(slot);
+    if (code == 0) {
+      slot_ = &slot;
+      return {};
+    }
+    environment_.readers_.release(slot);
+    if (Status status = environment_.recover_read(code, nested_, attempt, remaps); !status.ok()) return status;
+  }
+}
+
+WriteTransaction::WriteTransaction(Environment& environment)
+    : environment_(environment), lock_(environment.write_mutex_), running_(&environment, Running::Kind::kWriting) {}
+
+WriteTransaction::~WriteTransaction() { abort(); }
+
+Status WriteTransaction::begin() {
+  if (Status status = environment_.check_process(); !status.ok()) return status;
+  constexpr unsigned kAttempts = 4;
+  for (unsigned attempt = 0;; ++attempt) {
+    const int code = environment_.env_ == nullptr ? MDB_PANIC : mdb_txn_begin(environment_.env_, nullptr, 0, &txn_);
+    if (code == 0) return {};
+    txn_ = nullptr;
+    Status status = environment_.failure(code, "cannot write to the registry");
+    if (code == MDB_MAP_RESIZED) status = environment_.remap(0);
+    if (code == MDB_PANIC && attempt < kAttempts) status = environment_.reopen();
+    if (!status.ok()) return status;
+  }
+}
+
+LmdbOutcome WriteTransaction::commit() {
+  const LmdbOutcome outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // thrown out of: left to be aborted
+  txn_ = nullptr;
+  return outcome;
+}
+
+void WriteTransaction::abort() {
+  if (txn_ != nullptr && environment_.fork_generation_ == fork_generation) mdb_txn_abort(txn_);
+  txn_ = nullptr;
+}
+
+Status WriteTransaction::make_room() {
+  abort();
+  return environment_.grow();
+}
+
+}  // namespace tkv::store

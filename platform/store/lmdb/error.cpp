@@ -1,0 +1,51 @@
+#include "store/lmdb/error.h"
+
+#include <lmdb.h>
+
+namespace tkv::store {
+
+Status lmdb_status(int code, const std::string& doing) { return lmdb_status(LmdbOutcome{code, code}, doing); }
+
+Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
+  const int code = outcome.code;
+  const auto failed = [&](prtkv_result result, const std::string& why) { return Status(result, doing + ": " + why); };
+  const auto system = [&](prtkv_result result) { return failed(result, mdb_strerror(code)); };
+  switch (code) {
+    case MDB_SUCCESS:
+      return {};
+    case MDB_NOTFOUND:
+      return PRTKV_NO_SUCH_KEY;
+    case MDB_KEYEXIST:
+      return PRTKV_KEY_EXISTS;
+    case EIO:
+      if (outcome.error_number != EIO) return failed(PRTKV_STORAGE_FULL, "no space left on the device");
+      return system(PRTKV_STORAGE_FAILED);
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return system(PRTKV_STORAGE_FULL);
+    case MDB_MAP_FULL:
+      return failed(PRTKV_STORAGE_FULL, "the registry has grown to the size that it may have");
+    case ENOMEM:
+      return system(PRTKV_OUT_OF_MEMORY);
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return system(PRTKV_ACCESS_DENIED);
+    case MDB_INVALID:
+      return failed(PRTKV_STORAGE_FAILED, "this is not a file of a registry, or it is damaged");
+    case MDB_VERSION_MISMATCH:
+      return failed(PRTKV_STORAGE_FAILED, "the file or its lock file was made by another version of LMDB");
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+      return failed(PRTKV_STORAGE_FAILED, "the registry's file is damaged");
+    case MDB_PANIC:
+      return failed(PRTKV_STORAGE_FAILED, "an earlier write failed half way");
+    case MDB_READERS_FULL:
+      return failed(PRTKV_STORAGE_FAILED, "too many processes and threads read the registry at once");
+    default:
+      return failed(PRTKV_STORAGE_FAILED, std::string(mdb_strerror(code)) + " (" + std::to_string(code) + ")");
+  }
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,117 @@
+#include "store/lmdb/reader_pool.h"
+
+namespace tkv::store {
+namespace {
+
+// Threads begin their search at different slots, so that each usually finds the one that it used last.
+std::size_t first_choice() {
+  static std::atomic<std::size_t> next_thread{0};
+  thread_local const std::size_t kChoice = next_thread.fetch_add(1, std::memory_order_relaxed);
+  return kChoice;
+}
+
+bool try_claim(ReaderSlot& slot) {
+  std::uint32_t free = 0;
+  return slot.busy.load(std::memory_order_relaxed) == 0 && slot.busy.compare_exchange_strong(free, 1);
+}
+
+}  // namespace
+
+ReaderPool::~ReaderPool() {
+  for (Chunk* chunk = first_.next.load(); chunk != nullptr;) {
+    Chunk* const next = chunk->next.load();
+    delete chunk;
+    chunk = next;
+  }
+}
+
+// A claim is visible before the gate is looked at, and the gate is closed before claims are looked at, all in one
+// order: either the reader sees the gate closed, or whoever closes it sees the reader.
+ReaderSlot& ReaderPool::claim(bool nested) {
+  for (;;) {
+    ReaderSlot& slot = claim_free();
+    if (nested || closed_.load() == 0) return slot;
+    release(slot);
+    closed_.wait(1);
+  }
+}
+
+ReaderSlot& ReaderPool::claim_free() {
+  const std::size_t choice = first_choice();
+  for (Chunk* chunk = &first_;; chunk = &next_of(*chunk)) {
+    for (std::size_t i = 0; i < kChunkSize; ++i) {
+      ReaderSlot& slot = chunk->slots[(choice + i) % kChunkSize];
+      if (try_claim(slot)) return slot;
+    }
+  }
+}
+
+ReaderPool::Chunk& ReaderPool::next_of(Chunk& chunk) {
+  if (Chunk* next = chunk.next.load(); next != nullptr) return *next;
+  auto* const fresh = new Chunk;
+  Chunk* next = nullptr;
+  if (chunk.next.compare_exchange_strong(next, fresh)) return *fresh;
+  delete fresh;
+  return *next;
+}
+
+void ReaderPool::release(ReaderSlot& slot) {
+  slot.busy.store(0);
+  if (closed_.load() != 0) slot.busy.notify_all();
+}
+
+void ReaderPool::begin_long() {
+  std::unique_lock lock(long_mutex_);
+  long_changed_.wait(lock, [this] { return !closing_; });
+  ++long_readers_;
+}
+
+void ReaderPool::end_long() {
+  const std::lock_guard lock(long_mutex_);
+  --long_readers_;
+  long_changed_.notify_all();
+}
+
+void ReaderPool::close_gate() {
+  {
+    std::unique_lock lock(long_mutex_);
+    closing_ = true;
+    long_changed_.wait(lock, [this] { return long_readers_ == 0; });
+  }
+  closed_.store(1);
+  // A reader that comes now claims a slot for a moment, until it has seen the gate, and touches nothing in it.
+  for_each([](ReaderSlot& slot) { slot.busy.wait(1); });
+}
+
+void ReaderPool::open_gate() {
+  closed_.store(0);
+  closed_.notify_all();
+  const std::lock_guard lock(long_mutex_);
+  closing_ = false;
+  long_changed_.notify_all();
+}
+
+void ReaderPool::with_no_readers(FunctionRef<void()> function) {
+  struct Gate {
+    explicit Gate(ReaderPool& closed) : pool(closed) { pool.close_gate(); }
+    ~Gate() { pool.open_gate(); }
+    ReaderPool& pool;
+  };
+  const Gate gate(*this);
+  function();
+}
+
+void ReaderPool::for_each(FunctionRef<void(ReaderSlot&)> function) {
+  for (Chunk* chunk = &first_; chunk != nullptr; chunk = chunk->next.load())
+    for (ReaderSlot& slot : chunk->slots) function(slot);
+}
+
+void ReaderPool::for_each_free(FunctionRef<void(ReaderSlot&)> function) {
+  for_each([&](ReaderSlot& slot) {
+    if (!try_claim(slot)) return;
+    function(slot);
+    release(slot);
+  });
+}
+
+}  // namespace tkv::store
