@@ -1,0 +1,330 @@
+// Client: the registry, opened on behalf of one identity.
+//
+//   std::shared_ptr<Client> client;
+//   if (Status status = open_client({}, &client); !status.ok()) return status;
+//   TypedValue value;
+//   Status status = client->read_value("a.b", &value);
+//
+// This is the one way to the registry for everything above it: sessions behind the C functions, the operator's command,
+// Java. Operations take and return values. What they call back (a visitor, a progress function) only receives; it runs
+// outside of nothing that it could influence but the end of a stream, and must not call the client. An operation can
+// therefore be served by this process (LocalClient) or by another one.
+//
+//   Names.     A key is named by its full name, levels joined by "."; "" is the root (see name.h). A malformed name
+//              yields PRTKV_INVALID_NAME. Where an operation takes a parent and a name, the name is relative to the
+//              parent; all of its levels but the last must exist (PRTKV_NO_SUCH_KEY).
+//   Ids.       A KeyRef with an id means the key of that name only while it is the key of that id. Another key that has
+//              taken the name since yields PRTKV_NO_SUCH_KEY.
+//   Rights.    Each operation names the TKV_RIGHT_ bits that it needs; a missing one yields PRTKV_ACCESS_DENIED with a
+//              message that names the right and the key. Passing through keys on the way to another needs none, and
+//              whether a key exists is not a secret.
+//   Security.  Masks outside TKV_RIGHT_ALL yield PRTKV_INVALID_ARGUMENT. Whoever creates a key may name any owner:
+//              whoever may change the masks can grant himself everything, so a rule about names would protect nothing.
+//   Atomicity. Each operation is one transaction: it sees one state, and what it changes becomes visible and durable at
+//              once or not at all. Exceptions are documented at the operation.
+//   Failures.  The store's own failures (PRTKV_STORAGE_FAILED, PRTKV_STORAGE_FULL, PRTKV_OUT_OF_MEMORY,
+//              PRTKV_UNREACHABLE) come with the key's name before their message. Out-parameters keep their contents on
+//              failure unless the operation says otherwise.
+//   Threads.   Any thread may call at any time.
+#ifndef TKV_PLATFORM_REGISTRY_CLIENT_H
+#define TKV_PLATFORM_REGISTRY_CLIENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/function_ref.h"
+#include "base/identity.h"
+#include "base/status.h"
+#include "registry/access.h"
+#include "registry/configuration.h"
+#include "sec_attr.h"
+
+namespace tkv::registry {
+
+using KeyId = std::uint64_t;  // unique for the life of the registry, never reused
+constexpr KeyId kAnyKey = 0;  // in a KeyRef: whichever key has the name
+
+struct KeyRef {
+  KeyRef(std::string_view full_name, KeyId known_id = kAnyKey)  // NOLINT: a name is a KeyRef
+      : name(full_name), id(known_id) {}
+  KeyRef(const char* full_name) : name(full_name) {}         // NOLINT
+  KeyRef(const std::string& full_name) : name(full_name) {}  // NOLINT
+
+  std::string_view name;
+  KeyId id = kAnyKey;
+};
+
+// A value as the registry stores it. Type 0 without bytes: none was ever written. The type is not interpreted.
+struct TypedValue {
+  std::int32_t type = 0;
+  std::string bytes;
+
+  std::span<const std::byte> span() const { return std::as_bytes(std::span(bytes)); }
+  bool operator==(const TypedValue&) const = default;
+};
+
+// What is known of a key besides the bytes of its value.
+struct KeyInfo {
+  KeyId id = kAnyKey;
+  sec_attr security{};
+  Rights rights = 0;  // of the client's identity
+  std::int32_t type = 0;
+  std::size_t size = 0;  // of the value, in bytes
+  bool has_subkeys = false;
+};
+
+// A subkey in a list. Without TKV_RIGHT_READ on it, `info` holds only the id and the rights.
+struct Subkey {
+  std::string_view level;  // valid during the visit
+  KeyInfo info;
+};
+
+// A key met on a walk. The views are valid during the visit.
+struct WalkEntry {
+  std::string_view name;   // full name
+  std::string_view level;  // its last level, "" for the root
+  std::size_t depth = 0;   // 0 for the key that the walk began at
+  KeyId id = kAnyKey;
+  Rights rights = 0;      // of the client's identity on this key
+  sec_attr security{};    // zero without TKV_RIGHT_READ
+  std::int32_t type = 0;  // of the value, if values were asked for and may be read
+  std::span<const std::byte> value;
+  bool subkeys_hidden = false;  // it may have subkeys, but the identity may not list them
+};
+
+struct WalkOptions {
+  // What happens at a key whose subkeys the identity may not list, and, with `values`, at one that it may not read.
+  enum class Denied {
+    kFail,  // the walk ends with PRTKV_ACCESS_DENIED
+    kSkip   // the entry says so, and the walk goes on beside it
+  };
+  Denied denied = Denied::kFail;
+  bool values = false;                                          // entries carry values
+  std::size_t depth = std::numeric_limits<std::size_t>::max();  // levels below the first key that are visited
+};
+
+// One key of a subtree outside any registry. A key that was read from a registry has everything; one that a person
+// wrote may leave out parts, which then stay as they are in the registry or, for a new key, take the defaults.
+struct KeyRecord {
+  std::string name;  // full name
+  sec_attr security{};
+  TypedValue value;
+  bool has_owner = true;
+  bool has_group = true;
+  bool has_mode = true;
+  bool has_value = true;
+};
+
+// A key and everything below it: parents before their subkeys, siblings in byte order. Empty if the top does not exist.
+struct Subtree {
+  std::string top;
+  std::vector<KeyRecord> keys;
+};
+
+// How a subtree is brought into a registry.
+enum class MergeMode {
+  kAdd,     // a key that exists must be the same; another one yields PRTKV_KEY_EXISTS
+  kMerge,   // a key that exists is changed; keys that the subtree lacks stay
+  kReplace  // keys that the subtree lacks are deleted
+};
+
+struct KeyChange {
+  enum class Kind { kAdd, kChange, kRemove };
+  Kind kind = Kind::kAdd;
+  KeyRecord before;  // for kChange and kRemove
+  KeyRecord after;   // for kAdd and kChange, complete
+};
+
+struct Difference {
+  std::vector<KeyChange> changes;  // in the order of names
+  std::uint64_t keys = 0;          // of the whole subtree as it will be
+
+  std::uint64_t count(KeyChange::Kind kind) const;
+};
+
+// A change of one mask: first bits are cleared, then bits are set.
+struct MaskChange {
+  std::int32_t clear = 0;
+  std::int32_t set = 0;
+};
+
+// A change of security records. Names longer than TKV_NAME_SIZE bytes yield PRTKV_INVALID_ARGUMENT.
+struct SecurityChange {
+  std::optional<std::string> owner;
+  std::optional<std::string> group;
+  MaskChange owner_mask;
+  MaskChange group_mask;
+  MaskChange other_mask;
+
+  Status apply(sec_attr* security) const;
+};
+
+// The security of a key that an operation creates: `initial`, or with `inherit` the parent's masks and group with
+// `initial`'s owner (others never inherit all rights: they get read and list then); changed by `change` in either case.
+struct NewKeySecurity {
+  sec_attr initial{};
+  bool inherit = false;
+  SecurityChange change;
+};
+
+struct PutOptions {
+  enum class Key { kAny, kMustBeNew, kMustExist };
+  Key key = Key::kAny;
+  bool create_parents = false;  // creates missing ancestors, without values, with the same security
+  NewKeySecurity security;      // of keys that are created
+};
+
+struct NamedValue {
+  std::string name;
+  TypedValue value;
+};
+
+struct CopyOptions {
+  bool recursive = false;
+  bool replace = false;  // an existing target is deleted with its subtree
+  bool own = false;      // the copies belong to the client's user and group instead of the originals'
+};
+
+struct ApplyOptions {
+  MergeMode mode = MergeMode::kAdd;
+  bool create_parents = false;
+  NewKeySecurity security;  // of what new keys leave out, and of parents that are created
+  // More removals or changes than this yield PRTKV_KEY_EXISTS: the registry has changed since they were counted.
+  std::uint64_t max_removed = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t max_changed = std::numeric_limits<std::uint64_t>::max();
+};
+
+// What a check found to be wrong.
+struct Damage {
+  enum class Kind { kDamagedKey, kDamagedValue, kOrphan, kOrphanValue, kDuplicateId };
+  Kind kind = Kind::kDamagedKey;
+  std::optional<std::string> name;  // full name, if the tree still leads there
+  std::string level;                // last level, as far as it can be read; "" for values
+  KeyId parent = kAnyKey;
+  KeyId id = kAnyKey;
+  std::string detail;  // for people
+};
+
+struct CheckResult {
+  std::uint64_t keys = 0;
+  std::uint64_t values = 0;
+  std::uint64_t value_bytes = 0;
+  std::uint64_t repaired = 0;   // findings that a repair removed
+  std::vector<Damage> damages;  // that are left
+};
+
+struct CheckStep {
+  const char* reading;  // "pages", "records", ...
+  std::uint64_t done;
+  std::uint64_t total;  // approximate
+};
+
+// Called with the number of keys that an operation has worked on so far. An operation that has to begin again begins at
+// 0 again.
+using KeyProgress = FunctionRef<void(std::uint64_t keys)>;
+
+class Client {
+ public:
+  virtual ~Client() = default;
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  virtual const Identity& identity() const = 0;
+  virtual const Configuration& configuration() const = 0;
+
+  // --- One key ---
+
+  // Looks up a key. Needs no right. Returns PRTKV_NO_SUCH_KEY if there is none.
+  virtual Status find(const KeyRef& key, KeyId* id) = 0;
+
+  // Needs TKV_RIGHT_READ.
+  virtual Status stat(const KeyRef& key, KeyInfo* info) = 0;
+
+  // Needs TKV_RIGHT_READ. Keeps the capacity of `value->bytes`, so that reading into the same one does not allocate.
+  virtual Status read_value(const KeyRef& key, TypedValue* value) = 0;
+
+  // As read_value, but copies the bytes only if there are at most `capacity`; `*size` receives their number in any
+  // case.
+  virtual Status read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) = 0;
+
+  // Needs TKV_RIGHT_READ.
+  virtual Status read_security(const KeyRef& key, sec_attr* security) = 0;
+
+  // Creates a key under `parent`. Returns PRTKV_KEY_EXISTS if there is one. Needs TKV_RIGHT_CREATE on the key that it
+  // is created under. Type 0 without bytes creates a key without a value.
+  virtual Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                        std::span<const std::byte> bytes, KeyId* id) = 0;
+
+  // Needs TKV_RIGHT_WRITE. Returns PRTKV_VALUE_TOO_LARGE beyond 1 MiB.
+  virtual Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) = 0;
+
+  // Needs TKV_RIGHT_SECURITY.
+  virtual Status write_security(const KeyRef& key, const sec_attr& security) = 0;
+
+  // Writes values to keys, creating those that do not exist; all or nothing. A value of type 0 without bytes creates a
+  // missing key and leaves an existing one as it is. Needs TKV_RIGHT_WRITE on keys that exist, TKV_RIGHT_CREATE on the
+  // parents of others, and TKV_RIGHT_READ on those to inherit from.
+  virtual Status put(std::span<const NamedValue> values, const PutOptions& options) = 0;
+
+  // --- Subtrees ---
+
+  // Calls `visit` for each subkey in byte order, until it returns a failure, which is returned. Needs TKV_RIGHT_LIST.
+  // `infos`: subkeys come with what is known of them, otherwise with id and rights only.
+  virtual Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) = 0;
+
+  // Visits a key and everything below it on one state, each key before its subkeys, those in byte order, until `visit`
+  // returns a failure, which is returned. Needs TKV_RIGHT_LIST on every key whose subkeys are visited and, for values,
+  // TKV_RIGHT_READ on every key; see WalkOptions::denied.
+  virtual Status walk(const KeyRef& key, const WalkOptions& options,
+                      FunctionRef<Status(const WalkEntry& entry)> visit) = 0;
+
+  // Tells what `apply` would change now. With MergeMode::kAdd and keys that differ, returns PRTKV_KEY_EXISTS, and
+  // `*difference` holds them all the same. Needs TKV_RIGHT_READ and TKV_RIGHT_LIST on every key of the subtree.
+  virtual Status compare(const Subtree& wanted, MergeMode mode, const NewKeySecurity& security, KeyProgress progress,
+                         Difference* difference) = 0;
+
+  // Makes the subtree at `wanted.top` what `wanted` says. Needs the rights of compare, and those of each change.
+  virtual Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
+                       Difference* difference) = 0;
+
+  // Changes the security record of a key and, recursively, of every key below it. Needs TKV_RIGHT_SECURITY on each and,
+  // recursively, TKV_RIGHT_LIST on those with subkeys.
+  virtual Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
+                                 KeyProgress progress) = 0;
+
+  // Deletes a key. Needs TKV_RIGHT_DELETE on it and, recursively, on every key below it. Not recursively, a key with
+  // subkeys yields PRTKV_HAS_SUBKEYS. The root yields PRTKV_INVALID_ARGUMENT.
+  virtual Status remove(const KeyRef& key, bool recursive, KeyProgress progress) = 0;
+
+  // Moves a key with its subtree to `name` under `parent`. Needs TKV_RIGHT_DELETE on the key and TKV_RIGHT_CREATE on
+  // the new parent. An existing target yields PRTKV_KEY_EXISTS or, with `replace`, is deleted with its subtree, which
+  // needs TKV_RIGHT_DELETE on every key of it. A target that is the key itself or lies below it yields
+  // PRTKV_MOVE_INTO_ITSELF. PRTKV_INVALID_NAME if a key below would get a name beyond the limits. `*id` is the key's,
+  // which a move does not change.
+  virtual Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) = 0;
+
+  // Copies a key to the full name `target`. The copies are new keys. Needs TKV_RIGHT_READ and, recursively,
+  // TKV_RIGHT_LIST on every key copied, and TKV_RIGHT_CREATE on the new parent. The target is treated as by move.
+  virtual Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options,
+                      KeyProgress progress) = 0;
+
+  // --- The registry as a whole ---
+
+  // Reads everything and finds what is damaged or out of place. With `repair`, removes what can be removed without
+  // guessing: values of no key, and subtrees that hang from nothing. Needs TKV_RIGHT_READ and TKV_RIGHT_LIST on the
+  // root or, to repair, all rights. Not one transaction: each pass sees a state of its own.
+  virtual Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) = 0;
+
+ protected:
+  Client() = default;
+};
+
+}  // namespace tkv::registry
+
+#endif
