@@ -1,5 +1,10 @@
 /* The result codes of the registry client, each with its name and its text: the one table of the system.
  *
+ * STORAGE_FAILED means damage or a failing disk and nothing else. UNUSABLE: the storage as it is configured cannot be
+ * used (missing, of a newer format, replaced under the session, ...); trying again does not help, changing something
+ * does. BUSY: somebody else is at work; the same call may succeed later. UNDECIDED: the reply to a change was lost and
+ * nobody could be asked before the deadline; look before repeating it.
+ *
  * The numbers are part of the interface: callers test them by value and they are shown to people. Do not change.
  */
 #ifndef TKV_PLATFORM_PRTKV_RESULTS_H
@@ -23,6 +28,9 @@
   RESULT(UNREACHABLE, 15, "registry unreachable")                   \
   RESULT(NO_MORE_SUBKEYS, 16, "no more subkeys")                    \
   RESULT(MOVE_INTO_ITSELF, 17, "a key cannot be moved into itself") \
+  RESULT(UNUSABLE, 18, "storage cannot be used as configured")      \
+  RESULT(BUSY, 19, "busy, try again")                               \
+  RESULT(UNDECIDED, 20, "not known whether the change was made")    \
   RESULT(DISTRIBUTED, 37, "the path names a distributed registry")  \
   RESULT(INVALID_CONFIGURATION, 41, "invalid configuration")        \
   RESULT(CONFIGURATION_UNREADABLE, 42, "configuration unreadable")  \
