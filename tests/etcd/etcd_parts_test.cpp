@@ -100,7 +100,7 @@ TEST(EtcdKeys, ComeBackFromTheirText) {
   for (const std::string name : {"a", "", "a/b", "\xff\xfe"}) {
     const auto place = keys.parse_node(keys.node({77, name}));
     ASSERT_TRUE(place);
-    EXPECT_EQ(*place, (Place{77, name}));
+    EXPECT_EQ(*place, (NodePlace{77, name}));
   }
   EXPECT_EQ(keys.parse_value(keys.value(77)), std::optional<NodeId>(77));
   EXPECT_EQ(keys.parse_garbage(keys.garbage(77)), std::optional<NodeId>(77));
@@ -144,7 +144,9 @@ TEST(EtcdKeys, RangesHoldWhatBelongsToThemAndNothingElse) {
 
 TEST(EtcdNodeCache, KeepsTheLatestAndForgetsTheLongestUnused) {
   NodeCache cache(2);
-  const auto known = [](std::int64_t revision) { return Known{revision, Node{static_cast<NodeId>(revision), {}}, {}}; };
+  const auto known = [](std::int64_t revision) {
+    return SeenNode{revision, Node{static_cast<NodeId>(revision), {}}, {}};
+  };
   cache.put({1, "a"}, known(10));
   cache.put({1, "a"}, known(9));
   EXPECT_EQ(cache.get({1, "a"})->mod_revision, 10);
@@ -156,7 +158,7 @@ TEST(EtcdNodeCache, KeepsTheLatestAndForgetsTheLongestUnused) {
   cache.erase({1, "a"});
   cache.erase({1, "a"});
   EXPECT_FALSE(cache.get({1, "a"}));
-  cache.put({1, "d"}, Known{});
+  cache.put({1, "d"}, SeenNode{});
   EXPECT_FALSE(cache.get({1, "d"})) << "what is not there is not kept";
 }
 

@@ -477,7 +477,7 @@ class HeldByReadAhead : public testing::Test {
   static constexpr NodeId kLastGroup = 1000;
 
   void SetUp() override {
-    Listing top;
+    ChildPage top;
     for (NodeId id = 2; id <= kLastGroup; ++id) top.children.push_back({"k", {1, Node{id, {}}, {}}});
     ahead_.listed(kRootNode, top, true);
   }
@@ -502,7 +502,7 @@ class HeldByReadAhead : public testing::Test {
           add(answered, keys_.value(*id), std::string(value_size, 'x'));
       } else if (const auto first = keys_.parse_node(range.key()); first->parent <= kLastGroup) {
         for (std::int64_t i = 0; i < range.limit(); ++i) {
-          const Place place{first->parent, "child" + std::to_string(1000000 + i)};
+          const NodePlace place{first->parent, "child" + std::to_string(1000000 + i)};
           add(answered, keys_.node(place), as_text(encode_node(place.parent, place.name, {++last_id_, {}})));
         }
         answered->set_more(true);
@@ -542,17 +542,17 @@ TEST_F(HeldByReadAhead, ValuesStayWithinTheBoundWhenTheyGrowAllOfASudden) {
 }
 
 TEST_F(HeldByReadAhead, ListsOfChildrenStayWithinTheBound) {
-  Listing top;
+  ChildPage top;
   for (NodeId id = 2; id <= kLastGroup; id += 2) top.children.push_back({"k", {1, Node{id, {}}, {}}});
   ahead_.listed(kRootNode, top, true);
   for (NodeId id = 2; id <= kLastGroup; id += 2) {
     ask(id, Sought::kChildren, 0);
-    Listing page;
+    ChildPage page;
     if (!ahead_.take_children(id, &page)) continue;
     ahead_.listed(id, page, true);
     for (const Child& child : page.children) {
       ask(child.known.node->id, Sought::kChildren, 0);
-      Listing none;
+      ChildPage none;
       if (!ahead_.take_children(child.known.node->id, &none)) continue;
       ahead_.listed(child.known.node->id, none, true);
       EXPECT_TRUE(none.children.empty());

@@ -16,8 +16,8 @@ constexpr std::int64_t kFirstValuesPerPage = 16;
 constexpr std::int64_t kMarkersPerPage = 500;
 constexpr int kRemovalsPerBatch = 100;
 
-struct Entry {
-  Place place;
+struct NodeEntry {
+  NodePlace place;
   NodeId id = kNoNode;
 };
 
@@ -50,7 +50,7 @@ class Checker {
   std::int64_t revision_ = 0;
   std::vector<IdRange> building_;
   std::unordered_set<NodeId> garbage_;
-  std::vector<Entry> entries_;
+  std::vector<NodeEntry> entries_;
   NodeId largest_id_ = kRootNode;
   Meta meta_;
   std::int64_t meta_revision_ = 0;
@@ -62,10 +62,10 @@ Status Checker::visit(const char* reading, const KeyRange& range, std::int64_t l
   RangeRequest request = get_range(range, limit);
   request.set_revision(revision_);
   CheckProgress progress{reading, 0, 0};
-  Pager pager(*core_.cluster, request);
+  Pager pager(*core_.kv, request);
   while (pager.more()) {
     RangeResponse page;
-    if (Outcome outcome = pager.next(&page); !outcome.ok()) return outcome.status;
+    if (Reply reply = pager.next(&page); !reply.ok()) return reply.status;
     revision_ = pager.revision();
     for (const KeyValue& record : page.kvs()) visit_record(record);
     const std::uint64_t left = static_cast<std::uint64_t>(page.count());  // of the range, this page included
@@ -101,7 +101,7 @@ Status Checker::read_nodes() {
       check_.add_damaged_node(kNoNode, record.key(), "its key is not one of a node");
       return;
     }
-    const Known known = known_of(record, *place);
+    const SeenNode known = known_of(record, *place);
     if (known.node) {
       entries_.push_back({*place, known.node->id});
       largest_id_ = std::max({largest_id_, known.node->id, place->parent});
@@ -111,7 +111,7 @@ Status Checker::read_nodes() {
   });
   if (!status.ok()) return status;
   follow_garbage();
-  for (const Entry& entry : entries_) {
+  for (const NodeEntry& entry : entries_) {
     if (!is_left_over(entry.place.parent)) check_.add_node(entry.place.parent, entry.place.name, entry.id);
   }
   return {};
@@ -124,7 +124,7 @@ void Checker::follow_garbage() {
     const NodeId parent = pending.back();
     pending.pop_back();
     auto at = std::lower_bound(entries_.begin(), entries_.end(), parent,
-                               [](const Entry& entry, NodeId wanted) { return entry.place.parent < wanted; });
+                               [](const NodeEntry& entry, NodeId wanted) { return entry.place.parent < wanted; });
     for (; at != entries_.end() && at->place.parent == parent; ++at) {
       if (garbage_.insert(at->id).second) pending.push_back(at->id);
     }
@@ -174,7 +174,7 @@ Status Checker::read_next_id() {
 // First of all decides which state is checked.
 Status Checker::read() {
   RangeResponse counter;
-  const Outcome settled = read_settled(core_, get_one(core_.keys.meta()), &counter, &revision_);
+  const Reply settled = read_settled(core_, get_one(core_.keys.meta()), &counter, &revision_);
   if (!settled.ok()) return settled.status;
   if (Status status = read_leftovers(); !status.ok()) return status;
   if (Status status = read_nodes(); !status.ok()) return status;
@@ -188,7 +188,7 @@ Status Checker::raise_next_id() {
   compare_revision(&request, core_.keys.meta(), meta_revision_);
   put(request.add_success(), core_.keys.meta(), as_text(encode_meta(meta_)));
   TxnResponse response;
-  return core_.cluster->txn(request, &response, core_.deadline()).status;
+  return core_.kv->txn(request, &response, core_.deadline()).status;
 }
 
 // What hung on nothing at the revision that was read still does, unless it has been removed since.
@@ -197,9 +197,9 @@ Status Checker::repair() {
   TxnResponse response;
   const auto send = [&]() -> Status {
     if (batch.success_size() == 0) return {};
-    Outcome outcome = core_.cluster->txn(batch, &response, core_.deadline());
+    Reply reply = core_.kv->txn(batch, &response, core_.deadline());
     batch.Clear();
-    return outcome.status;
+    return reply.status;
   };
   const auto remove_key = [&](std::string key) -> Status {
     erase(batch.add_success(), std::move(key));

@@ -203,7 +203,7 @@ struct Cluster::Connection {
   Status log_in(Deadline deadline);
   Status renew_token(std::uint64_t used_number, Deadline deadline);
   Status check_version(Deadline deadline);
-  Outcome call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt);
+  Reply call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt);
   std::uint64_t add_token(grpc::ClientContext* context);
   Judgement judge_answer(const Answer& answer);
   Status unreachable(const std::vector<std::string>& reasons) const;
@@ -283,7 +283,7 @@ Status Cluster::Connection::unreachable(const std::vector<std::string>& reasons)
   return {PRTKV_UNREACHABLE, std::move(text)};
 }
 
-Outcome Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt) {
+Reply Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt) {
   if (process != getpid()) {
     return {Verdict::kFinal,
             Status(PRTKV_UNREACHABLE, "this process was forked from the one that opened the registry on etcd"), false};
@@ -408,8 +408,8 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
   return {};
 }
 
-Outcome Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
-                       Deadline deadline) {
+Reply Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
+                     Deadline deadline) {
   const std::size_t expected = request.limit() > 1 ? kReceiveLimit / 4 : 0;
   return connection_->call(deadline, expected, true, [&](Services& services, grpc::ClientContext* context) {
     response->Clear();
@@ -417,8 +417,8 @@ Outcome Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::
   });
 }
 
-Outcome Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
-                     std::size_t expected) {
+Reply Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
+                   std::size_t expected) {
   return connection_->call(
       deadline, request.ByteSizeLong() + expected, true, [&](Services& services, grpc::ClientContext* context) {
         response->Clear();

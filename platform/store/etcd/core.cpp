@@ -1,17 +1,17 @@
 #include "store/etcd/core.h"
 
-#include "store/etcd/plan.h"
+#include "store/etcd/redo_log.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
 
 Status carry_out_decision(Core& core, const Claim& claim, FunctionRef<Deadline()> deadline) {
-  Status status = carry_out_decision(*core.cluster, core.keys, claim, deadline);
+  Status status = carry_out_decision(*core.kv, core.keys, claim, deadline);
   if (status.ok()) core.claims.forget(claim);
   return status;
 }
 
-Outcome read_settled(Core& core, const RangeRequest& range, RangeResponse* response, std::int64_t* revision) {
+Reply read_settled(Core& core, const RangeRequest& range, RangeResponse* response, std::int64_t* revision) {
   const auto deadline = [&] { return core.deadline(); };
   while (true) {
     const KnownClaims claims = core.claims.known();
@@ -25,28 +25,28 @@ Outcome read_settled(Core& core, const RangeRequest& range, RangeResponse* respo
     *request.add_success()->mutable_request_range() = range;
     *request.add_failure()->mutable_request_range() = get_all(core.keys.all_claims());
     TxnResponse answer;
-    Outcome outcome = core.cluster->txn(request, &answer, core.deadline());
-    if (!outcome.ok()) return outcome;
+    Reply reply = core.kv->txn(request, &answer, core.deadline());
+    if (!reply.ok()) return reply;
     if (!answer.succeeded()) {
       core.claims.learn(answer.responses(0).response_range(), answer.header().revision());
       continue;
     }
     *response = std::move(*answer.mutable_responses(0)->mutable_response_range());
     *revision = answer.header().revision();
-    return outcome;
+    return reply;
   }
 }
 
-Known known_of(const KeyValue& record, const Place& place) {
-  Known known{record.mod_revision(), {}, {}};
+SeenNode known_of(const KeyValue& record, const NodePlace& place) {
+  SeenNode known{record.mod_revision(), {}, {}};
   Node node;
   known.damage = decode_node(place.parent, place.name, as_bytes(record.value()), &node);
   if (known.damage.ok()) known.node = node;
   return known;
 }
 
-Known known_of(const RangeResponse& response, const Place& place) {
-  return response.kvs_size() == 0 ? Known{} : known_of(response.kvs(0), place);
+SeenNode known_of(const RangeResponse& response, const NodePlace& place) {
+  return response.kvs_size() == 0 ? SeenNode{} : known_of(response.kvs(0), place);
 }
 
 }  // namespace tkv::store::etcd

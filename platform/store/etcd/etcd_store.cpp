@@ -7,7 +7,7 @@
 
 #include "store/etcd/checker.h"
 #include "store/etcd/core.h"
-#include "store/etcd/snapshot.h"
+#include "store/etcd/revision_view.h"
 #include "store/etcd/transaction.h"
 #include "store/record.h"
 
@@ -57,7 +57,7 @@ void pause_before_run(int run, Deadline deadline) {
 
 class EtcdStore final : public Store {
  public:
-  EtcdStore(std::unique_ptr<Cluster> cluster, const std::string& prefix) : core_(std::move(cluster), prefix) {}
+  EtcdStore(std::unique_ptr<Kv> kv, const std::string& prefix) : core_(std::move(kv), prefix) {}
   ~EtcdStore() override;
 
   // Finds the registry, or makes it.
@@ -90,7 +90,7 @@ class EtcdStore final : public Store {
 
 Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
   return guarded([&] {
-    Snapshot snapshot(core_, 0);
+    RevisionView snapshot(core_, 0);
     Status status = call(function, static_cast<View&>(snapshot));
     return snapshot.failure().ok() ? status : snapshot.failure().status;
   });
@@ -119,7 +119,7 @@ Status EtcdStore::run(Transaction::Purpose purpose, FunctionRef<Status(Transacti
 
 Status EtcdStore::open(const EtcdOptions& options) {
   const Keys& keys = core_.keys;
-  const Place root{kNoNode, ""};
+  const NodePlace root{kNoNode, ""};
   TxnRequest request;
   compare_revision(&request, keys.meta(), 0);
   if (options.create) {
@@ -134,7 +134,7 @@ Status EtcdStore::open(const EtcdOptions& options) {
   look(get_range(keys.all_writers(), kLeftoversPerLook));
   look(get_all(keys.all_claims()));
   TxnResponse response;
-  if (Outcome outcome = core_.cluster->txn(request, &response, core_.deadline()); !outcome.ok()) return outcome.status;
+  if (Reply reply = core_.kv->txn(request, &response, core_.deadline()); !reply.ok()) return reply.status;
   if (response.succeeded()) {
     if (!options.create) return {PRTKV_NO_SUCH_KEY, "there is no registry under '" + options.prefix + "' in etcd"};
     core_.ids.know(Meta(), response.header().revision());
@@ -157,7 +157,7 @@ Status EtcdStore::open(const EtcdOptions& options) {
 
 // The marks of this session's writers are of no use to anyone now. When they cannot be removed, a later session does.
 EtcdStore::~EtcdStore() {
-  if (!core_.cluster->is_ours()) return;
+  if (!core_.kv->is_ours()) return;
   (void)guarded([&]() -> Status {
     TxnRequest request;
     for (const std::string& key : core_.writers.used()) {
@@ -166,7 +166,7 @@ EtcdStore::~EtcdStore() {
     if (request.success_size() == 0) return {};
     TxnResponse response;
     constexpr std::chrono::milliseconds kLongest{500};
-    return core_.cluster->txn(request, &response, Deadline(std::min(core_.cluster->timeout(), kLongest))).status;
+    return core_.kv->txn(request, &response, Deadline(std::min(core_.kv->timeout(), kLongest))).status;
   });
 }
 

@@ -44,7 +44,7 @@ Status IdSource::claim(std::uint64_t size, IdRange* block, Deadline deadline) {
     put(request.add_success(), keys_.meta(), as_text(encode_meta(next)));
     *request.add_failure()->mutable_request_range() = get_one(keys_.meta());
     TxnResponse response;
-    if (Outcome outcome = cluster_.txn(request, &response, deadline); !outcome.ok()) return outcome.status;
+    if (Reply reply = kv_.txn(request, &response, deadline); !reply.ok()) return reply.status;
     if (response.succeeded()) {
       *block = {meta_.next_id, next.next_id - 1};
       meta_ = next;

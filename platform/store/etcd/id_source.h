@@ -6,8 +6,8 @@
 
 #include <mutex>
 
-#include "store/etcd/cluster.h"
 #include "store/etcd/keys.h"
+#include "store/etcd/kv.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -20,7 +20,7 @@ struct IdRange {
 
 class IdSource {
  public:
-  IdSource(Cluster& cluster, const Keys& keys) : cluster_(cluster), keys_(keys) {}
+  IdSource(Kv& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
 
   Status take(NodeId* id, Deadline deadline);
 
@@ -33,7 +33,7 @@ class IdSource {
  private:
   Status claim(std::uint64_t size, IdRange* block, Deadline deadline);
 
-  Cluster& cluster_;
+  Kv& kv_;
   const Keys& keys_;
   std::mutex mutex_;
   IdRange block_;

@@ -32,7 +32,9 @@ std::string after(std::string start) {
 
 }  // namespace
 
-std::string Keys::node(const Place& place) const { return prefix_ + "n/" + digits(place.parent) + "/" + place.name; }
+std::string Keys::node(const NodePlace& place) const {
+  return prefix_ + "n/" + digits(place.parent) + "/" + place.name;
+}
 
 std::string Keys::value(NodeId id) const { return prefix_ + "v/" + digits(id); }
 
@@ -57,12 +59,12 @@ KeyRange Keys::nodes_below(NodeId first, NodeId last) const {
 
 KeyRange Keys::values_of(NodeId first, NodeId last) const { return {value(first), value(last) + '\0'}; }
 
-std::optional<Place> Keys::parse_node(std::string_view key) const {
+std::optional<NodePlace> Keys::parse_node(std::string_view key) const {
   const std::size_t head = prefix_.size() + 2;
   if (key.size() < head + kIdDigits + 1 || !key.starts_with(prefix_ + "n/") || key[head + kIdDigits] != '/') return {};
   const auto parent = parse_digits(key.substr(head, kIdDigits));
   if (!parent) return {};
-  return Place{*parent, std::string(key.substr(head + kIdDigits + 1))};
+  return NodePlace{*parent, std::string(key.substr(head + kIdDigits + 1))};
 }
 
 std::optional<ClaimPlace> Keys::parse_claim(std::string_view key) const {

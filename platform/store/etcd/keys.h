@@ -25,11 +25,11 @@
 namespace tkv::store::etcd {
 
 // Where a node hangs.
-struct Place {
+struct NodePlace {
   NodeId parent = kNoNode;
   std::string name;
 
-  auto operator<=>(const Place&) const = default;  // NOLINT(modernize-use-nullptr): no pointer here
+  auto operator<=>(const NodePlace&) const = default;  // NOLINT(modernize-use-nullptr): no pointer here
 };
 
 // Where a claim stands.
@@ -49,7 +49,7 @@ class Keys {
   explicit Keys(std::string prefix) : prefix_(std::move(prefix)) {}
 
   std::string meta() const { return prefix_ + "meta"; }
-  std::string node(const Place& place) const;
+  std::string node(const NodePlace& place) const;
   std::string value(NodeId id) const;
   std::string garbage(NodeId id) const;
   std::string staging(std::string_view token) const { return prefix_ + "staging/" + std::string(token); }
@@ -72,7 +72,7 @@ class Keys {
   KeyRange values_of(NodeId first, NodeId last) const;
 
   // The other way round; nothing when the key is none of that kind.
-  std::optional<Place> parse_node(std::string_view key) const;
+  std::optional<NodePlace> parse_node(std::string_view key) const;
   std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
   std::optional<ClaimPlace> parse_claim(std::string_view key) const;

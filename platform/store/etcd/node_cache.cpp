@@ -2,7 +2,7 @@
 
 namespace tkv::store::etcd {
 
-std::optional<Known> NodeCache::get(const Place& place) {
+std::optional<SeenNode> NodeCache::get(const NodePlace& place) {
   const std::lock_guard lock(mutex_);
   const auto found = entries_.find(place);
   if (found == entries_.end()) return {};
@@ -10,7 +10,7 @@ std::optional<Known> NodeCache::get(const Place& place) {
   return found->second.known;
 }
 
-void NodeCache::put(const Place& place, const Known& known) {
+void NodeCache::put(const NodePlace& place, const SeenNode& known) {
   if (!known.node) return;
   const std::lock_guard lock(mutex_);
   const auto [entry, added] = entries_.try_emplace(place);
@@ -25,7 +25,7 @@ void NodeCache::put(const Place& place, const Known& known) {
   used_.pop_back();
 }
 
-void NodeCache::erase(const Place& place) {
+void NodeCache::erase(const NodePlace& place) {
   const std::lock_guard lock(mutex_);
   const auto found = entries_.find(place);
   if (found == entries_.end()) return;

@@ -17,7 +17,7 @@
 namespace tkv::store::etcd {
 
 // What the cluster holds at a place. Revision 0: nothing. A record that cannot be trusted has `damage` and no node.
-struct Known {
+struct SeenNode {
   std::int64_t mod_revision = 0;
   std::optional<Node> node;
   Status damage;
@@ -27,23 +27,23 @@ class NodeCache {
  public:
   explicit NodeCache(std::size_t capacity) : capacity_(capacity) {}
 
-  std::optional<Known> get(const Place& place);
+  std::optional<SeenNode> get(const NodePlace& place);
 
   // Only what is there is kept; an absent or damaged record, or one of an older revision, is not.
-  void put(const Place& place, const Known& known);
+  void put(const NodePlace& place, const SeenNode& known);
 
-  void erase(const Place& place);
+  void erase(const NodePlace& place);
 
  private:
   struct Cached {
-    Known known;
-    std::list<const Place*>::iterator used;
+    SeenNode known;
+    std::list<const NodePlace*>::iterator used;
   };
 
   std::size_t capacity_;
   std::mutex mutex_;
-  std::map<Place, Cached> entries_;
-  std::list<const Place*> used_;  // the latest first
+  std::map<NodePlace, Cached> entries_;
+  std::list<const NodePlace*> used_;  // the latest first
 };
 
 }  // namespace tkv::store::etcd

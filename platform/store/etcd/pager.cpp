@@ -4,14 +4,14 @@
 
 namespace tkv::store::etcd {
 
-Outcome Pager::next(RangeResponse* page) {
-  Outcome outcome = cluster_.range(request_, page, Deadline(cluster_.timeout()));
-  while (outcome.verdict == Verdict::kAnswerTooLarge && request_.limit() > 1) {
+Reply Pager::next(RangeResponse* page) {
+  Reply reply = kv_.range(request_, page, Deadline(kv_.timeout()));
+  while (reply.verdict == Verdict::kAnswerTooLarge && request_.limit() > 1) {
     request_.set_limit(request_.limit() / 2);
-    outcome = cluster_.range(request_, page, Deadline(cluster_.timeout()));
+    reply = kv_.range(request_, page, Deadline(kv_.timeout()));
   }
-  if (outcome.ok()) continue_after(*page);
-  return outcome;
+  if (reply.ok()) continue_after(*page);
+  return reply;
 }
 
 void Pager::continue_after(const RangeResponse& page) {

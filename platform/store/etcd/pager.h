@@ -2,7 +2,7 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_PAGER_H
 #define TKV_PLATFORM_STORE_ETCD_PAGER_H
 
-#include "store/etcd/cluster.h"
+#include "store/etcd/kv.h"
 #include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
@@ -15,11 +15,11 @@ constexpr std::int64_t kNodesPerPage = kPageBytes / kLongestNodeEntry;
 class Pager {
  public:
   // `revision` 0: that of the first page's answer.
-  Pager(Cluster& cluster, RangeRequest range) : cluster_(cluster), request_(std::move(range)) {}
+  Pager(Kv& kv, RangeRequest range) : kv_(kv), request_(std::move(range)) {}
 
   // The next page, which may be empty; `more` tells whether there are others. Records of unknown size come in pages
   // whose number of keys follows the size of the page before, and shrinks when an answer is too large after all.
-  Outcome next(RangeResponse* page);
+  Reply next(RangeResponse* page);
   bool more() const { return more_; }
   std::int64_t revision() const { return request_.revision(); }
 
@@ -27,7 +27,7 @@ class Pager {
   void continue_after(const RangeResponse& page);
 
  private:
-  Cluster& cluster_;
+  Kv& kv_;
   RangeRequest request_;
   bool more_ = true;
 };

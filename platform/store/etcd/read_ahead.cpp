@@ -17,7 +17,7 @@ constexpr std::size_t kMostLookedAt = 8192;
 constexpr int kDeepest = 64;
 constexpr std::size_t kBookkeeping = 96;  // bytes that holding anything takes besides itself
 
-std::size_t size_of(const Listing& listing) {
+std::size_t size_of(const ChildPage& listing) {
   std::size_t bytes = kBookkeeping;
   for (const Child& child : listing.children) bytes += sizeof(Child) + child.name.size();
   return bytes;
@@ -27,14 +27,14 @@ std::size_t size_of(const std::optional<std::string>& record) { return kBookkeep
 
 }  // namespace
 
-Listing listing_of(const RangeResponse& response, const Keys& keys) {
-  Listing listing;
+ChildPage listing_of(const RangeResponse& response, const Keys& keys) {
+  ChildPage listing;
   listing.complete = !response.more();
   listing.children.reserve(static_cast<std::size_t>(response.kvs_size()));
   for (const KeyValue& record : response.kvs()) {
     auto place = keys.parse_node(record.key());
     if (!place) continue;
-    Known known = known_of(record, *place);
+    SeenNode known = known_of(record, *place);
     listing.children.push_back({std::move(place->name), std::move(known)});
   }
   return listing;
@@ -87,7 +87,7 @@ bool ReadAhead::advance(NodeId id) {
   return false;
 }
 
-void ReadAhead::listed(NodeId parent, const Listing& page, bool first) {
+void ReadAhead::listed(NodeId parent, const ChildPage& page, bool first) {
   std::size_t at = runs_.size();
   while (at > 0 && runs_[at - 1].parent != parent) --at;
   if (at > 0 && !first) {
@@ -306,12 +306,12 @@ void ReadAhead::keep_values(const Operation& operation, RangeResponse* answer) {
 
 // The answer goes through the parents in order, and may end within the children of one.
 void ReadAhead::keep_lists(const Operation& operation, const RangeResponse& answer) {
-  std::unordered_map<NodeId, Listing> lists;
+  std::unordered_map<NodeId, ChildPage> lists;
   NodeId last = operation.last;
   for (const KeyValue& record : answer.kvs()) {
     auto place = keys_.parse_node(record.key());
     if (!place) continue;
-    Known known = known_of(record, *place);
+    SeenNode known = known_of(record, *place);
     lists[place->parent].children.push_back({std::move(place->name), std::move(known)});
     if (answer.more()) last = place->parent;
   }
@@ -328,10 +328,10 @@ void ReadAhead::hold_value(NodeId id, std::optional<std::string> record) {
   values_.emplace(id, std::move(record));
 }
 
-void ReadAhead::hold_list(NodeId id, Listing listing) {
+void ReadAhead::hold_list(NodeId id, ChildPage listing) {
   const std::size_t bytes = size_of(listing);
   held_ += bytes;
-  lists_.emplace(id, HeldListing{std::move(listing), bytes, false});
+  lists_.emplace(id, HeldPage{std::move(listing), bytes, false});
 }
 
 bool ReadAhead::take_value(NodeId id, std::optional<std::string>* record) {
@@ -342,7 +342,7 @@ bool ReadAhead::take_value(NodeId id, std::optional<std::string>* record) {
   return true;
 }
 
-bool ReadAhead::take_children(NodeId id, Listing* listing) {
+bool ReadAhead::take_children(NodeId id, ChildPage* listing) {
   const auto found = lists_.extract(id);
   if (!found) return false;
   held_ -= found.mapped().bytes;

@@ -38,16 +38,16 @@ constexpr std::size_t kMostPlanned = std::size_t{512} << 10;
 // One child in a list of children; `known` has a node, or tells why the record cannot be trusted.
 struct Child {
   std::string name;
-  Known known;
+  SeenNode known;
 };
 
 // A node's children from the first on, or from where the former page ended; not `complete` when there are more.
-struct Listing {
+struct ChildPage {
   std::vector<Child> children;
   bool complete = true;
 };
 
-Listing listing_of(const RangeResponse& response, const Keys& keys);
+ChildPage listing_of(const RangeResponse& response, const Keys& keys);
 
 enum class Sought { kValue, kChildren };
 
@@ -61,7 +61,7 @@ class ReadAhead {
   bool ask(NodeId id, Sought sought);
 
   // The walk was given a page of a node's children, the first or a later one.
-  void listed(NodeId parent, const Listing& page, bool first);
+  void listed(NodeId parent, const ChildPage& page, bool first);
 
   // A transaction of readings, to be sent with the revision of the snapshot: of what was asked for last and of what
   // comes after it. Nothing when that is one value.
@@ -78,7 +78,7 @@ class ReadAhead {
 
   // False when it is not held. No record: the node has no value.
   bool take_value(NodeId id, std::optional<std::string>* record);
-  bool take_children(NodeId id, Listing* listing);
+  bool take_children(NodeId id, ChildPage* listing);
   bool has_children(NodeId id, bool* answer);
 
   // A value was read by itself.
@@ -127,8 +127,8 @@ class ReadAhead {
     bool begun = false;
   };
 
-  struct HeldListing {
-    Listing listing;
+  struct HeldPage {
+    ChildPage listing;
     std::size_t bytes = 0;
     bool used = false;
   };
@@ -161,12 +161,12 @@ class ReadAhead {
   void keep_values(const Operation& operation, RangeResponse* answer);
   void keep_lists(const Operation& operation, const RangeResponse& answer);
   void hold_value(NodeId id, std::optional<std::string> record);
-  void hold_list(NodeId id, Listing listing);
+  void hold_list(NodeId id, ChildPage listing);
 
   const Keys& keys_;
   std::vector<Run> runs_;
   std::unordered_map<NodeId, std::optional<std::string>> values_;
-  std::unordered_map<NodeId, HeldListing> lists_;
+  std::unordered_map<NodeId, HeldPage> lists_;
   std::size_t held_ = 0;
   Habit values_habit_{kMostValuesAhead};
   Habit lists_habit_{kMostNodesAhead};

@@ -58,8 +58,7 @@ bool StagingText::is_abandoned(std::int64_t now) const {
   return given_up || has_ended(owner) || now - seconds > kLongSeconds;
 }
 
-Build::Build(Cluster& cluster, const Keys& keys)
-    : cluster_(cluster), token_(random_token()), mark_{keys.staging(token_), 0} {
+Build::Build(Kv& kv, const Keys& keys) : kv_(kv), token_(random_token()), mark_{keys.staging(token_), 0} {
   text_.owner = this_owner();
 }
 
@@ -67,7 +66,7 @@ Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
   ++text_.batch;
   text_.seconds = seconds_now();
   text_.ids = ids;
-  return write_once(cluster_, std::move(batch), &mark_, text_.print(), Deadline(cluster_.timeout()));
+  return write_once(kv_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
 }
 
 void Build::finish_in(TxnRequest* last) const {

@@ -35,7 +35,7 @@ struct StagingText {
 
 class Build {
  public:
-  Build(Cluster& cluster, const Keys& keys);
+  Build(Kv& kv, const Keys& keys);
 
   bool started() const { return text_.batch > 0; }
   const std::string& key() const { return mark_.key; }
@@ -49,7 +49,7 @@ class Build {
   void finish_in(TxnRequest* last) const;
 
  private:
-  Cluster& cluster_;
+  Kv& kv_;
   const std::string token_;
   Mark mark_;
   StagingText text_;

@@ -5,7 +5,7 @@
 
 #include "store/etcd/owner.h"
 #include "store/etcd/pager.h"
-#include "store/etcd/plan.h"
+#include "store/etcd/redo_log.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -33,7 +33,7 @@ bool is_abandoned_build(const KeyValue& build, std::int64_t now) {
 }  // namespace
 
 Sweeper::~Sweeper() {
-  if (!cluster_.is_ours()) {
+  if (!kv_.is_ours()) {
     // The thread stayed with the parent of the fork; there is nothing here to wait for.
     if (thread_.joinable()) thread_.detach();
     return;
@@ -91,7 +91,7 @@ void Sweeper::work() {
     }
     Status status;
     try {
-      status = carry_out(job, Pace{stop, cluster_.timeout()});
+      status = carry_out(job, Pace{stop, kv_.timeout()});
     } catch (const std::exception&) {
       status = PRTKV_OUT_OF_MEMORY;
     }
@@ -116,9 +116,9 @@ Status Sweeper::carry_out(const Job& job, const Pace& pace) {
 Status Sweeper::remove(TxnRequest* batch, const Pace& pace) {
   if (batch->success_size() == 0) return {};
   TxnResponse response;
-  Outcome outcome = cluster_.txn(*batch, &response, Deadline(pace.request));
+  Reply reply = kv_.txn(*batch, &response, Deadline(pace.request));
   batch->Clear();
-  return outcome.status;
+  return reply.status;
 }
 
 Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
@@ -170,8 +170,8 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
                                                                static_cast<std::int64_t>(kChildrenPerLook / count));
     }
     TxnResponse found;
-    if (Outcome outcome = cluster_.txn(look, &found, Deadline(pace.request)); !outcome.ok()) {
-      return outcome.status;
+    if (Reply reply = kv_.txn(look, &found, Deadline(pace.request)); !reply.ok()) {
+      return reply.status;
     }
     std::vector<KeyRange> entries;
     std::vector<NodeId> children;
@@ -220,8 +220,8 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
 // First makes sure that the build cannot be finished any more, then removes what it sent ahead.
 Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace) {
   RangeResponse found;
-  if (Outcome outcome = cluster_.range(get_one(key), &found, Deadline(pace.request)); !outcome.ok()) {
-    return outcome.status;
+  if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) {
+    return reply.status;
   }
   if (found.kvs_size() == 0) return {};
   auto text = StagingText::parse(found.kvs(0).value());
@@ -232,10 +232,10 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
     compare_revision(&fence, key, found.kvs(0).mod_revision());
     put(fence.add_success(), key, text->print());
     TxnResponse response;
-    Outcome outcome = cluster_.txn(fence, &response, Deadline(pace.request));
-    if (!outcome.ok()) return outcome.status;
+    Reply reply = kv_.txn(fence, &response, Deadline(pace.request));
+    if (!reply.ok()) return reply.status;
     // It went on, or came to its end, or another sweeper was quicker; a repetition may also have met its own writing.
-    if (!response.succeeded()) return outcome.repeated ? sweep_build(key, ours, pace) : Status();
+    if (!response.succeeded()) return reply.repeated ? sweep_build(key, ours, pace) : Status();
   }
   if (text) {
     if (Status status = sweep_range(keys_.all_of_plan(*keys_.parse_staging(key)), pace); !status.ok()) return status;
@@ -253,17 +253,17 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
 // A claim without its build is nobody's. What was decided no longer needs one.
 Status Sweeper::sweep_claims(const Pace& pace) {
   const auto time = [&] { return Deadline(pace.request); };
-  Pager claims(cluster_, get_range(keys_.all_claims(), kMarkersPerLook));
+  Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerLook));
   while (claims.more()) {
     RangeResponse page;
-    if (Outcome outcome = claims.next(&page); !outcome.ok()) return outcome.status;
+    if (Reply reply = claims.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& record : page.kvs()) {
       const auto place = keys_.parse_claim(record.key());
       if (!place) continue;
       if (pace.stop()) return PRTKV_UNREACHABLE;
       const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
       if (claim.text.decided) {
-        if (Status status = carry_out_decision(cluster_, keys_, claim, time); !status.ok()) return status;
+        if (Status status = carry_out_decision(kv_, keys_, claim, time); !status.ok()) return status;
         continue;
       }
       TxnRequest request;
@@ -282,8 +282,8 @@ Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
     RangeRequest request = get_range(range, kKeysPerSweep);
     request.set_keys_only(true);
     RangeResponse page;
-    if (Outcome outcome = cluster_.range(request, &page, Deadline(pace.request)); !outcome.ok()) {
-      return outcome.status;
+    if (Reply reply = kv_.range(request, &page, Deadline(pace.request)); !reply.ok()) {
+      return reply.status;
     }
     if (page.kvs_size() == 0) return {};
     TxnRequest batch;
@@ -304,7 +304,7 @@ void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, 
 
 Status Sweeper::sweep_all() {
   const auto never = [] { return false; };
-  return sweep_all(Pace{never, cluster_.timeout()});
+  return sweep_all(Pace{never, kv_.timeout()});
 }
 
 Status Sweeper::sweep_all(const Pace& pace) {
@@ -317,10 +317,10 @@ Status Sweeper::sweep_all(const Pace& pace) {
 Status Sweeper::sweep_marks(const Pace& pace) {
   const std::int64_t now = seconds_now();
   TxnRequest batch;
-  Pager marks(cluster_, get_range(keys_.all_writers(), kMarkersPerLook));
+  Pager marks(kv_, get_range(keys_.all_writers(), kMarkersPerLook));
   while (marks.more()) {
     RangeResponse page;
-    if (Outcome outcome = marks.next(&page); !outcome.ok()) return outcome.status;
+    if (Reply reply = marks.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& mark : page.kvs()) {
       if (!is_old_mark(mark, now)) continue;
       erase(batch.add_success(), mark.key());
@@ -333,10 +333,10 @@ Status Sweeper::sweep_marks(const Pace& pace) {
 
 Status Sweeper::sweep_builds(const Pace& pace) {
   const std::int64_t now = seconds_now();
-  Pager builds(cluster_, get_range(keys_.all_staging(), kMarkersPerLook));
+  Pager builds(kv_, get_range(keys_.all_staging(), kMarkersPerLook));
   while (builds.more()) {
     RangeResponse page;
-    if (Outcome outcome = builds.next(&page); !outcome.ok()) return outcome.status;
+    if (Reply reply = builds.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& build : page.kvs()) {
       if (!is_abandoned_build(build, now)) continue;
       if (Status status = sweep_build(build.key(), false, pace); !status.ok()) return status;
@@ -348,10 +348,10 @@ Status Sweeper::sweep_builds(const Pace& pace) {
 Status Sweeper::sweep_garbage(const Pace& pace) {
   RangeRequest request = get_range(keys_.all_garbage(), kMarkersPerLook);
   request.set_keys_only(true);
-  Pager garbage(cluster_, request);
+  Pager garbage(kv_, request);
   while (garbage.more()) {
     RangeResponse page;
-    if (Outcome outcome = garbage.next(&page); !outcome.ok()) return outcome.status;
+    if (Reply reply = garbage.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& top : page.kvs()) {
       if (Status status = sweep_garbage(top.key(), pace); !status.ok()) return status;
     }

@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "base/function_ref.h"
-#include "store/etcd/cluster.h"
 #include "store/etcd/keys.h"
+#include "store/etcd/kv.h"
 #include "store/etcd/requests.h"
 #include "store/etcd/staging.h"
 #include "store/etcd/writer.h"
@@ -28,7 +28,7 @@ namespace tkv::store::etcd {
 
 class Sweeper {
  public:
-  Sweeper(Cluster& cluster, const Keys& keys) : cluster_(cluster), keys_(keys) {}
+  Sweeper(Kv& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
 
   // Goes on for a moment when there is work left, and leaves the rest to another session.
   ~Sweeper();
@@ -81,7 +81,7 @@ class Sweeper {
   Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Pace& pace);
   Status remove(TxnRequest* batch, const Pace& pace);
 
-  Cluster& cluster_;
+  Kv& kv_;
   const Keys& keys_;
   std::mutex mutex_;
   std::deque<Job> jobs_;

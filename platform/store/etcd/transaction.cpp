@@ -56,11 +56,11 @@ bool Transaction::is_fresh(NodeId id) const {
                      [id](const IdRange& range) { return range.first <= id && id <= range.last; });
 }
 
-std::size_t Transaction::hash_of(const Place& place) {
+std::size_t Transaction::hash_of(const NodePlace& place) {
   return std::hash<std::string>()(place.name) ^ (std::hash<NodeId>()(place.parent) * 0x9e3779b97f4a7c15u);
 }
 
-bool Transaction::is_sent_ahead(const Place& place) const { return sent_.contains(hash_of(place)); }
+bool Transaction::is_sent_ahead(const NodePlace& place) const { return sent_.contains(hash_of(place)); }
 
 // ---- reading
 
@@ -82,7 +82,7 @@ Status Transaction::make_room_to_compare() {
   return full ? survey() : Status();
 }
 
-Status Transaction::add_read(const Place& place, Known known, bool validated, const Known** added) {
+Status Transaction::add_read(const NodePlace& place, SeenNode known, bool validated, const SeenNode** added) {
   bool compared = !stands_by_itself(place.parent);
   if (compared) {
     if (Status status = make_room_to_compare(); !status.ok()) return status;
@@ -98,7 +98,7 @@ Status Transaction::add_read(const Place& place, Known known, bool validated, co
   return {};
 }
 
-Status Transaction::look_up(const Place& place, const Known** known) {
+Status Transaction::look_up(const NodePlace& place, const SeenNode** known) {
   if (const auto read = nodes_.find(place); read != nodes_.end()) {
     *known = &read->second.known;
     return {};
@@ -115,21 +115,21 @@ Status Transaction::look_up(const Place& place, const Known** known) {
   if (stands_by_itself(place.parent)) return look_up_ahead(place, known);
   RangeResponse response;
   if (Status status = fetch(get_one(core_.keys.node(place)), &response, &place); !status.ok()) return status;
-  Known fetched = known_of(response, place);
+  SeenNode fetched = known_of(response, place);
   core_.cache.put(place, fetched);
   return add_read(place, std::move(fetched), true, known);
 }
 
 // Large changes go from one subkey to the next: reads those that follow as well.
-Status Transaction::look_up_ahead(const Place& place, const Known** known) {
+Status Transaction::look_up_ahead(const NodePlace& place, const SeenNode** known) {
   RangeResponse response;
   const KeyRange rest{core_.keys.node(place), core_.keys.children(place.parent).end};
   if (Status status = fetch(get_range(rest, kNodesAhead), &response, nullptr); !status.ok()) return status;
-  if (Status status = add_read(place, Known{}, true, known); !status.ok()) return status;
+  if (Status status = add_read(place, SeenNode{}, true, known); !status.ok()) return status;
   for (const KeyValue& record : response.kvs()) {
     const auto found = core_.keys.parse_node(record.key());
     if (!found || (*found != place && nodes_.contains(*found))) continue;
-    const Known* added = nullptr;
+    const SeenNode* added = nullptr;
     if (Status status = add_read(*found, known_of(record, *found), true, &added); !status.ok()) return status;
     if (*found == place) *known = added;
   }
@@ -137,7 +137,7 @@ Status Transaction::look_up_ahead(const Place& place, const Known** known) {
 }
 
 // Reads a range on the state that everything read so far stands on.
-Status Transaction::fetch(RangeRequest range, RangeResponse* response, const Place* node) {
+Status Transaction::fetch(RangeRequest range, RangeResponse* response, const NodePlace* node) {
   if (!failure_.ok()) return failure_;
   if (again_) return moved_on();
   if (revision_ != 0 && unvalidated_ == 0) return fetch_at_revision(std::move(range), response);
@@ -147,7 +147,7 @@ Status Transaction::fetch(RangeRequest range, RangeResponse* response, const Pla
   add_rereading(&request);
   if (node != nullptr) *request.add_failure()->mutable_request_range() = range;
   TxnResponse answer;
-  if (Outcome outcome = core_.cluster->txn(request, &answer, deadline()); !outcome.ok()) return fail(outcome.status);
+  if (Reply reply = core_.kv->txn(request, &answer, deadline()); !reply.ok()) return fail(reply.status);
   if (!answer.succeeded()) {
     learn(answer, node);
     return run_again(false);
@@ -160,16 +160,16 @@ Status Transaction::fetch(RangeRequest range, RangeResponse* response, const Pla
 
 Status Transaction::fetch_at_revision(RangeRequest range, RangeResponse* response) {
   range.set_revision(revision_);
-  Outcome outcome = core_.cluster->range(range, response, deadline());
-  if (outcome.verdict == Verdict::kCompacted) return run_again(true);
-  return outcome.ok() ? Status() : fail(outcome.status);
+  Reply reply = core_.kv->range(range, response, deadline());
+  if (reply.verdict == Verdict::kCompacted) return run_again(true);
+  return reply.ok() ? Status() : fail(reply.status);
 }
 
 // Below ids that only this run knows, nothing needs to be compared.
 Status Transaction::read_newest(const RangeRequest& range, RangeResponse* response) {
   if (!failure_.ok()) return failure_;
-  const Outcome outcome = core_.cluster->range(range, response, deadline());
-  return outcome.ok() ? Status() : fail(outcome.status);
+  const Reply reply = core_.kv->range(range, response, deadline());
+  return reply.ok() ? Status() : fail(reply.status);
 }
 
 void Transaction::add_comparisons(TxnRequest* request) const {
@@ -192,12 +192,12 @@ void Transaction::add_rereading(TxnRequest* request) const {
 }
 
 // Takes in what the failure branch read: the claims, the nodes of this run in their order, and one more.
-void Transaction::learn(const TxnResponse& response, const Place* also) {
+void Transaction::learn(const TxnResponse& response, const NodePlace* also) {
   basis_ = Basis{response.header().revision(), {}, {}, {}, 1};
   int at = 0;
   basis_.claims = core_.claims.learn(response.responses(at++).response_range(), basis_.revision);
-  const auto take = [&](const Place& place) {
-    const Known known = known_of(response.responses(at++).response_range(), place);
+  const auto take = [&](const NodePlace& place) {
+    const SeenNode known = known_of(response.responses(at++).response_range(), place);
     if (known.node) {
       core_.cache.put(place, known);
     } else {
@@ -217,7 +217,7 @@ Status Transaction::validate() {
   add_comparisons(&request);
   add_rereading(&request);
   TxnResponse answer;
-  if (Outcome outcome = core_.cluster->txn(request, &answer, deadline()); !outcome.ok()) return fail(outcome.status);
+  if (Reply reply = core_.kv->txn(request, &answer, deadline()); !reply.ok()) return fail(reply.status);
   if (!answer.succeeded()) {
     learn(answer, nullptr);
     return run_again(false);
@@ -228,7 +228,7 @@ Status Transaction::validate() {
 }
 
 // What this run itself has made of a place, in memory or sent ahead.
-Status Transaction::look_up_written(const Place& place, bool* written, std::optional<Node>* node) {
+Status Transaction::look_up_written(const NodePlace& place, bool* written, std::optional<Node>* node) {
   *written = true;
   if (const auto found = node_writes_.find(place); found != node_writes_.end()) {
     *node = found->second;
@@ -243,13 +243,13 @@ Status Transaction::look_up_written(const Place& place, bool* written, std::opti
   if (!is_sent_ahead(place)) return {};
   RangeResponse response;
   if (Status status = read_newest(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
-  const Known known = known_of(response, place);
+  const SeenNode known = known_of(response, place);
   *node = known.node;
   return known.damage;
 }
 
 Status Transaction::find(NodeId parent, std::string_view name, Node* node) {
-  const Place place{parent, std::string(name)};
+  const NodePlace place{parent, std::string(name)};
   bool written = false;
   std::optional<Node> own;
   if (Status status = look_up_written(place, &written, &own); !status.ok()) return status;
@@ -258,7 +258,7 @@ Status Transaction::find(NodeId parent, std::string_view name, Node* node) {
     *node = *own;
     return {};
   }
-  const Known* known = nullptr;
+  const SeenNode* known = nullptr;
   if (Status status = look_up(place, &known); !status.ok()) return status;
   if (!known->damage.ok()) return known->damage;
   if (!known->node) return PRTKV_NO_SUCH_KEY;
@@ -304,16 +304,16 @@ Status Transaction::value(NodeId id, Value* value) {
 
 std::int64_t Transaction::removed_below(NodeId parent) const {
   std::int64_t count = 0;
-  for (auto at = node_writes_.lower_bound(Place{parent, ""}); at != node_writes_.end() && at->first.parent == parent;
-       ++at) {
+  for (auto at = node_writes_.lower_bound(NodePlace{parent, ""});
+       at != node_writes_.end() && at->first.parent == parent; ++at) {
     if (!at->second) ++count;
   }
   return count;
 }
 
 bool Transaction::has_written_child(NodeId parent) const {
-  for (auto at = node_writes_.lower_bound(Place{parent, ""}); at != node_writes_.end() && at->first.parent == parent;
-       ++at) {
+  for (auto at = node_writes_.lower_bound(NodePlace{parent, ""});
+       at != node_writes_.end() && at->first.parent == parent; ++at) {
     if (at->second) return true;
   }
   return false;
@@ -354,8 +354,8 @@ Status Transaction::has_children(NodeId parent, bool* answer) {
     childless_.insert(parent);
     return {};
   }
-  const Place place = *core_.keys.parse_node(child->key());
-  const Known* known = nullptr;
+  const NodePlace place = *core_.keys.parse_node(child->key());
+  const SeenNode* known = nullptr;
   return nodes_.contains(place) ? Status() : add_read(place, known_of(*child, place), true, &known);
 }
 
@@ -379,13 +379,13 @@ Status Transaction::visit_pages(NodeId parent, FunctionRef<Status(std::string_vi
   if (Status status = fetch(request, &page, nullptr); !status.ok()) return status;
   use_cache_ = false;
   request.set_revision(revision_);
-  Pager pager(*core_.cluster, request);
+  Pager pager(*core_.kv, request);
   pager.continue_after(page);
   while (true) {
     for (const KeyValue& record : page.kvs()) {
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
-      const Known known = known_of(record, *place);
+      const SeenNode known = known_of(record, *place);
       if (!known.damage.ok()) return known.damage.about("subkey '" + place->name + "'");
       if (const Claim* decided = claims_->decided_on(known.node->id)) return carry_out(*decided);
       lineage_.add(parent, known.node->id);
@@ -393,9 +393,9 @@ Status Transaction::visit_pages(NodeId parent, FunctionRef<Status(std::string_vi
     }
     if (!pager.more()) return {};
     long_ = true;
-    Outcome outcome = pager.next(&page);
-    if (outcome.verdict == Verdict::kCompacted) return run_again(true);
-    if (!outcome.ok()) return fail(outcome.status);
+    Reply reply = pager.next(&page);
+    if (reply.verdict == Verdict::kCompacted) return run_again(true);
+    if (!reply.ok()) return fail(reply.status);
   }
 }
 
@@ -418,14 +418,14 @@ Status Transaction::list_uncompared(NodeId parent, std::vector<std::pair<std::st
   RangeResponse page;
   if (Status status = fetch(request, &page, nullptr); !status.ok()) return status;
   request.set_revision(revision_);
-  Pager pager(*core_.cluster, request);
+  Pager pager(*core_.kv, request);
   pager.continue_after(page);
   while (true) {
     if (Status status = add_listed(page, list); !status.ok()) return status;
     if (!pager.more()) return {};
-    Outcome outcome = pager.next(&page);
-    if (outcome.verdict == Verdict::kCompacted) return run_again(true);
-    if (!outcome.ok()) return fail(outcome.status);
+    Reply reply = pager.next(&page);
+    if (reply.verdict == Verdict::kCompacted) return run_again(true);
+    if (!reply.ok()) return fail(reply.status);
   }
 }
 
@@ -433,7 +433,7 @@ Status Transaction::add_listed(const RangeResponse& page, std::vector<std::pair<
   for (const KeyValue& record : page.kvs()) {
     const auto place = core_.keys.parse_node(record.key());
     if (!place) continue;
-    const Known* known = nullptr;
+    const SeenNode* known = nullptr;
     if (const auto read = nodes_.find(*place); read != nodes_.end()) {
       known = &read->second.known;
     } else if (Status status = add_read(*place, known_of(record, *place), true, &known); !status.ok()) {
@@ -446,14 +446,14 @@ Status Transaction::add_listed(const RangeResponse& page, std::vector<std::pair<
 }
 
 Status Transaction::list_below_fresh(NodeId parent, std::vector<std::pair<std::string, Node>>* list) {
-  Pager pager(*core_.cluster, get_range(core_.keys.children(parent), kNodesPerPage));
+  Pager pager(*core_.kv, get_range(core_.keys.children(parent), kNodesPerPage));
   while (pager.more()) {
     RangeResponse page;
-    if (Outcome outcome = pager.next(&page); !outcome.ok()) return fail(outcome.status);
+    if (Reply reply = pager.next(&page); !reply.ok()) return fail(reply.status);
     for (const KeyValue& record : page.kvs()) {
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
-      const Known known = known_of(record, *place);
+      const SeenNode known = known_of(record, *place);
       if (!known.damage.ok()) return known.damage.about("subkey '" + place->name + "'");
       list->emplace_back(place->name, *known.node);
     }
@@ -465,12 +465,12 @@ Status Transaction::list_below_fresh(NodeId parent, std::vector<std::pair<std::s
 Status Transaction::visit_merged(NodeId parent, const std::vector<std::pair<std::string, Node>>& list,
                                  FunctionRef<Status(std::string_view name, const Node& node)> visit) {
   auto listed = list.begin();
-  auto written = node_writes_.lower_bound(Place{parent, ""});
+  auto written = node_writes_.lower_bound(NodePlace{parent, ""});
   while (true) {
     const bool own = written != node_writes_.end() && written->first.parent == parent;
     if (!own && listed == list.end()) return {};
     if (own && (listed == list.end() || written->first.name <= listed->first)) {
-      const Place place = written->first;
+      const NodePlace place = written->first;
       const std::optional<Node> node = written->second;
       if (listed != list.end() && listed->first == place.name) ++listed;
       if (node) {
@@ -481,7 +481,7 @@ Status Transaction::visit_merged(NodeId parent, const std::vector<std::pair<std:
     }
     const auto& [name, node] = *listed;
     if (Status status = visit(name, node); !status.ok()) return status;
-    written = node_writes_.upper_bound(Place{parent, name});
+    written = node_writes_.upper_bound(NodePlace{parent, name});
     ++listed;
   }
 }
@@ -509,28 +509,28 @@ Status Transaction::new_id(NodeId* id) {
   return {};
 }
 
-bool Transaction::goes_ahead(const Place& place, const std::optional<Node>& node) const {
+bool Transaction::goes_ahead(const NodePlace& place, const std::optional<Node>& node) const {
   return is_fresh(place.parent) && (!node || is_fresh(node->id));
 }
 
-void Transaction::write(Place place, std::optional<Node> node) {
+void Transaction::write(NodePlace place, std::optional<Node> node) {
   node_writes_.insert_or_assign(std::move(place), node);
 }
 
 Status Transaction::insert(NodeId parent, std::string_view name, const Node& node) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
   if (node.id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a node needs an id"};
-  Place place{parent, std::string(name)};
+  NodePlace place{parent, std::string(name)};
   bool written = false;
   std::optional<Node> own;
   if (Status status = look_up_written(place, &written, &own); !status.ok()) return status;
   if (own) return PRTKV_KEY_EXISTS;
   if (!written) {
-    const Known* known = nullptr;
+    const SeenNode* known = nullptr;
     const bool is_known = stands_by_itself(parent) || nodes_.contains(place) || basis_.nodes.contains(place) ||
                           (use_cache_ && core_.cache.get(place).has_value());
     // A name that nothing is known of is taken to be free: the comparison tells when it is not.
-    if (Status status = is_known ? look_up(place, &known) : add_read(place, Known{}, false, &known); !status.ok()) {
+    if (Status status = is_known ? look_up(place, &known) : add_read(place, SeenNode{}, false, &known); !status.ok()) {
       return status;
     }
     if (known->node || !known->damage.ok()) return PRTKV_KEY_EXISTS;
@@ -546,20 +546,20 @@ Status Transaction::set_security(NodeId parent, std::string_view name, const sec
   Node node;
   if (Status status = find(parent, name, &node); !status.ok()) return status;
   node.security = security;
-  write(Place{parent, std::string(name)}, node);
+  write(NodePlace{parent, std::string(name)}, node);
   return {};
 }
 
 Status Transaction::unlink(NodeId parent, std::string_view name) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
-  Place place{parent, std::string(name)};
+  NodePlace place{parent, std::string(name)};
   bool written = false;
   std::optional<Node> own;
   // A damaged entry can be taken off: what hangs below it is then found by a check.
   Status status = look_up_written(place, &written, &own);
   if (!failure_.ok()) return failure_;
   if (written && !own && status.ok()) return PRTKV_NO_SUCH_KEY;
-  const Known* known = nullptr;
+  const SeenNode* known = nullptr;
   if (!written) {
     if (status = look_up(place, &known); !status.ok()) return status;
     if (known->mod_revision == 0) return PRTKV_NO_SUCH_KEY;
@@ -606,7 +606,7 @@ Status Transaction::set_value(NodeId id, std::int32_t type, std::span<const std:
 View& Transaction::before() {
   if (!before_) {
     const bool settled = revision_ != 0 && unvalidated_ == 0 && !claims_->has_decided();
-    before_ = std::make_unique<Snapshot>(core_, settled ? revision_ : 0);
+    before_ = std::make_unique<RevisionView>(core_, settled ? revision_ : 0);
   }
   long_ = true;
   return *before_;

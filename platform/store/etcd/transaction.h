@@ -27,7 +27,7 @@
 
 #include "store/etcd/core.h"
 #include "store/etcd/lineage.h"
-#include "store/etcd/snapshot.h"
+#include "store/etcd/revision_view.h"
 #include "store/etcd/staging.h"
 #include "store/store.h"
 
@@ -36,7 +36,7 @@ namespace tkv::store::etcd {
 // What the run before brought back.
 struct Basis {
   std::int64_t revision = 0;  // of the nodes and claims; 0: nothing
-  std::map<Place, Known> nodes;
+  std::map<NodePlace, SeenNode> nodes;
   KnownClaims claims;
   std::optional<NodeId> top;  // of the subtree that the next run must lay claim to
   int attempt = 1;            // at that
@@ -78,7 +78,7 @@ class Transaction final : public Update {
  private:
   // `compared`: by the last transaction. What is not stands by itself: it is surveyed, or claimed.
   struct ReadNode {
-    Known known;
+    SeenNode known;
     bool compared = true;
   };
   struct ReadValue {
@@ -105,20 +105,20 @@ class Transaction final : public Update {
   bool stands_by_itself(NodeId parent) const;
   bool is_large() const { return surveying_ || claim_.has_value(); }
 
-  static std::size_t hash_of(const Place& place);
+  static std::size_t hash_of(const NodePlace& place);
   bool is_fresh(NodeId id) const;
-  bool is_sent_ahead(const Place& place) const;
+  bool is_sent_ahead(const NodePlace& place) const;
 
-  Status look_up(const Place& place, const Known** known);
-  Status look_up_written(const Place& place, bool* written, std::optional<Node>* node);
-  Status look_up_ahead(const Place& place, const Known** known);
-  Status fetch(RangeRequest range, RangeResponse* response, const Place* node);
+  Status look_up(const NodePlace& place, const SeenNode** known);
+  Status look_up_written(const NodePlace& place, bool* written, std::optional<Node>* node);
+  Status look_up_ahead(const NodePlace& place, const SeenNode** known);
+  Status fetch(RangeRequest range, RangeResponse* response, const NodePlace* node);
   Status fetch_at_revision(RangeRequest range, RangeResponse* response);
   Status read_newest(const RangeRequest& range, RangeResponse* response);
-  Status add_read(const Place& place, Known known, bool validated, const Known** added);
+  Status add_read(const NodePlace& place, SeenNode known, bool validated, const SeenNode** added);
   void add_comparisons(TxnRequest* request) const;
   void add_rereading(TxnRequest* request) const;
-  void learn(const TxnResponse& response, const Place* also);
+  void learn(const TxnResponse& response, const NodePlace* also);
   Status make_room_to_compare();
   Status validate();
 
@@ -133,14 +133,14 @@ class Transaction final : public Update {
   std::int64_t removed_below(NodeId parent) const;
   bool has_written_child(NodeId parent) const;
 
-  void write(Place place, std::optional<Node> node);
+  void write(NodePlace place, std::optional<Node> node);
   Status make_room_ahead(std::size_t bytes);
-  bool goes_ahead(const Place& place, const std::optional<Node>& node) const;
+  bool goes_ahead(const NodePlace& place, const std::optional<Node>& node) const;
   Status send_ahead();
   Status send_batch(TxnRequest* batch);
   bool has_written() const;
   std::string value_record(NodeId id, std::int32_t type, std::span<const std::byte> bytes) const;
-  void add_node_write(RequestOp* operation, const Place& place, const std::optional<Node>& node) const;
+  void add_node_write(RequestOp* operation, const NodePlace& place, const std::optional<Node>& node) const;
   std::vector<RequestOp> visible_writes() const;
   std::vector<std::vector<NodeId>> written_paths() const;
   std::vector<std::string> garbage() const;
@@ -167,7 +167,7 @@ class Transaction final : public Update {
   KnownClaims claims_;         // as they stand at the revision, but for those that are over
   std::int64_t revision_ = 0;  // at which all that was read stands, but for what is not validated
   Lineage lineage_;
-  std::map<Place, ReadNode> nodes_;
+  std::map<NodePlace, ReadNode> nodes_;
   std::map<NodeId, ReadValue> values_;
   std::vector<Listing> listings_;
   std::set<NodeId> childless_;  // found without children in `listings_`
@@ -175,7 +175,7 @@ class Transaction final : public Update {
   std::size_t unvalidated_ = 0;
   bool use_cache_;
 
-  std::map<Place, std::optional<Node>> node_writes_;
+  std::map<NodePlace, std::optional<Node>> node_writes_;
   std::map<NodeId, std::optional<std::string>> value_writes_;  // records; none: removed
   std::set<NodeId> discarded_;
   std::vector<IdRange> fresh_;
@@ -185,7 +185,7 @@ class Transaction final : public Update {
   std::size_t ahead_bytes_ = 0;
   std::unique_ptr<Build> build_;
   std::unordered_set<std::size_t> sent_;  // hashes of places that were sent ahead
-  std::unique_ptr<Snapshot> before_;
+  std::unique_ptr<RevisionView> before_;
 
   bool surveying_ = false;
   std::optional<Claim> claim_;

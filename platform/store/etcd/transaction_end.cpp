@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "store/etcd/plan.h"
+#include "store/etcd/redo_log.h"
 #include "store/etcd/transaction.h"
 #include "store/record.h"
 
@@ -29,7 +29,7 @@ Status Transaction::start() {
 // The state at which the claim was laid is the one that this run reads.
 Status Transaction::lay_claim(NodeId top) {
   long_ = true;
-  build_ = std::make_unique<Build>(*core_.cluster, core_.keys);
+  build_ = std::make_unique<Build>(*core_.kv, core_.keys);
   Claim claim{top, build_->token(), 0, {}};
   claim.text.attempt = basis_.attempt;
   TxnRequest batch;
@@ -84,7 +84,7 @@ Status Transaction::make_room_ahead(std::size_t bytes) {
   return {};
 }
 
-void Transaction::add_node_write(RequestOp* operation, const Place& place, const std::optional<Node>& node) const {
+void Transaction::add_node_write(RequestOp* operation, const NodePlace& place, const std::optional<Node>& node) const {
   if (node) {
     put(operation, core_.keys.node(place), as_text(encode_node(place.parent, place.name, *node)));
   } else {
@@ -103,7 +103,7 @@ Status Transaction::send_batch(TxnRequest* batch) {
 Status Transaction::send_ahead() {
   if (!failure_.ok()) return failure_;
   if (again_) return run_again(false);
-  if (!build_) build_ = std::make_unique<Build>(*core_.cluster, core_.keys);
+  if (!build_) build_ = std::make_unique<Build>(*core_.kv, core_.keys);
   long_ = true;
   TxnRequest batch;
   std::size_t bytes = 0;
@@ -275,7 +275,7 @@ bool Transaction::run_again_with_claim() {
 }
 
 Status Transaction::send_plan() {
-  Plan plan;
+  RedoLog plan;
   for (RequestOp& operation : visible_writes()) plan.add(std::move(operation));
   const std::vector<std::string> batches = plan.take_batches();
   TxnRequest request;
@@ -301,7 +301,7 @@ void Transaction::let_claimants_finish() {
     if (claim.text.decided || claim.text.attempt < kPatientAttempts || !concerns(claim)) continue;
     const RangeRequest look = get_one(core_.keys.claim(top, claim.token));
     RangeResponse found;
-    while (moment.left().count() > 0 && core_.cluster->range(look, &found, moment).ok() && found.kvs_size() > 0 &&
+    while (moment.left().count() > 0 && core_.kv->range(look, &found, moment).ok() && found.kvs_size() > 0 &&
            !ClaimText::parse(found.kvs(0).value()).decided) {
       std::this_thread::sleep_for(kLookAgain);
     }
@@ -316,7 +316,7 @@ bool Transaction::send_last(TxnRequest last, Status* result) {
       return !again_;
     }
     Mark mark = core_.writers.take();
-    Written written = write_once(*core_.cluster, std::move(last), &mark, core_.writers.next_text(), deadline());
+    Written written = write_once(*core_.kv, std::move(last), &mark, core_.writers.next_text(), deadline());
     core_.writers.give_back(std::move(mark));
     if (!written.status.ok() || written.made) {
       *result = std::move(written.status);
@@ -350,7 +350,7 @@ bool Transaction::may_be_sent_again(const TxnResponse& response) {
 void Transaction::remember(std::int64_t revision) {
   for (const auto& [place, node] : node_writes_) {
     if (node && batches_ == 0) {
-      core_.cache.put(place, Known{revision, node, {}});
+      core_.cache.put(place, SeenNode{revision, node, {}});
     } else {
       core_.cache.erase(place);
     }

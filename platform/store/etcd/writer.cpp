@@ -12,23 +12,23 @@ const KeyValue* first(const RangeResponse& response) { return response.kvs_size(
 std::string fence_of(const std::string& text) { return "not " + text; }
 
 // Finds out whether a write was made that was sent more than once, and sees to it that it will not be made later.
-Outcome settle(Cluster& cluster, Mark* mark, const std::string& text, bool* made, Deadline deadline) {
+Reply settle(Kv& kv, Mark* mark, const std::string& text, bool* made, Deadline deadline) {
   TxnRequest request;
   *request.add_success()->mutable_request_range() = get_one(mark->key);
   while (true) {
     TxnResponse response;
-    Outcome outcome = cluster.txn(request, &response, deadline);
-    if (!outcome.ok()) return outcome;
+    Reply reply = kv.txn(request, &response, deadline);
+    if (!reply.ok()) return reply;
     const std::string fence = fence_of(text);
     if (response.succeeded() && response.responses(0).has_response_put()) {
       mark->mod_revision = response.header().revision();
       *made = false;
-      return outcome;
+      return reply;
     }
     const KeyValue* found = first(response.responses(0).response_range());
     mark->mod_revision = found == nullptr ? 0 : found->mod_revision();
     *made = found != nullptr && found->value() == text;
-    if (*made || (found != nullptr && found->value() == fence)) return outcome;
+    if (*made || (found != nullptr && found->value() == fence)) return reply;
     request.Clear();
     compare_revision(&request, mark->key, mark->mod_revision);
     put(request.add_success(), mark->key, fence);
@@ -37,12 +37,12 @@ Outcome settle(Cluster& cluster, Mark* mark, const std::string& text, bool* made
 }
 
 // A write that was refused, or found its comparisons failing, after it had been sent before.
-void settle(Cluster& cluster, Mark* mark, const std::string& text, Written* written, Deadline deadline) {
-  const Outcome outcome = settle(cluster, mark, text, &written->made, deadline);
-  if (!outcome.ok()) {
-    const Status& reason = written->status.ok() ? outcome.status : written->status;
+void settle(Kv& kv, Mark* mark, const std::string& text, Written* written, Deadline deadline) {
+  const Reply reply = settle(kv, mark, text, &written->made, deadline);
+  if (!reply.ok()) {
+    const Status& reason = written->status.ok() ? reply.status : written->status;
     written->status =
-        Status(reason.code(), reason.text() + "; whether the change was made cannot be told: " + outcome.status.text());
+        Status(reason.code(), reason.text() + "; whether the change was made cannot be told: " + reply.status.text());
     return;
   }
   if (!written->made) return;
@@ -52,22 +52,21 @@ void settle(Cluster& cluster, Mark* mark, const std::string& text, Written* writ
 
 }  // namespace
 
-Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline) {
+Written write_once(Kv& kv, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline) {
   compare_revision(&request, mark->key, mark->mod_revision);
   put(request.add_success(), mark->key, text);
   const int mark_read = request.failure_size();
   *request.add_failure()->mutable_request_range() = get_one(mark->key);
 
   Written written;
-  const Outcome outcome = cluster.txn(request, &written.response, deadline);
-  written.status = outcome.status;
-  if (outcome.verdict == Verdict::kTryElsewhere && outcome.repeated) {
-    written.status =
-        Status(outcome.status.code(), outcome.status.text() + "; whether the change was made cannot be told");
+  const Reply reply = kv.txn(request, &written.response, deadline);
+  written.status = reply.status;
+  if (reply.verdict == Verdict::kTryElsewhere && reply.repeated) {
+    written.status = Status(reply.status.code(), reply.status.text() + "; whether the change was made cannot be told");
     return written;
   }
-  if (!outcome.ok()) {
-    if (outcome.repeated) settle(cluster, mark, text, &written, deadline);
+  if (!reply.ok()) {
+    if (reply.repeated) settle(kv, mark, text, &written, deadline);
     return written;
   }
   written.revision = written.response.header().revision();
@@ -81,8 +80,8 @@ Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::
   written.made = found != nullptr && found->value() == text;
   if (written.made) {
     written.revision = mark->mod_revision;
-  } else if (outcome.repeated) {
-    settle(cluster, mark, text, &written, deadline);
+  } else if (reply.repeated) {
+    settle(kv, mark, text, &written, deadline);
   }
   return written;
 }

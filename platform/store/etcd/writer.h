@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "store/etcd/cluster.h"
+#include "store/etcd/kv.h"
 #include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
@@ -33,7 +33,7 @@ struct Written {
 
 // Carries out `request`, whose success branch writes and whose failure branch only reads, with at least one operation
 // to spare in each. `text` becomes the mark's value and must never have been used with this mark.
-Written write_once(Cluster& cluster, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline);
+Written write_once(Kv& kv, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline);
 
 // The writers of this process: each thread that writes takes one and gives it back.
 //

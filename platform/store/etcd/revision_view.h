@@ -1,8 +1,8 @@
 // The tree at one revision, for reading as many nodes as there are. Nothing is compared afterwards: whatever is
 // written meanwhile, this state stays readable until etcd compacts it. A walk that goes depth first and reads many
 // nodes gets most of them from requests that fetch many at once (see read_ahead.h).
-#ifndef TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
-#define TKV_PLATFORM_STORE_ETCD_SNAPSHOT_H
+#ifndef TKV_PLATFORM_STORE_ETCD_REVISION_VIEW_H
+#define TKV_PLATFORM_STORE_ETCD_REVISION_VIEW_H
 
 #include <cstdint>
 #include <string>
@@ -13,10 +13,10 @@
 
 namespace tkv::store::etcd {
 
-class Snapshot final : public View {
+class RevisionView final : public View {
  public:
   // `revision` 0: the newest at the first reading.
-  Snapshot(Core& core, std::int64_t revision) : core_(core), revision_(revision), ahead_(core.keys) {}
+  RevisionView(Core& core, std::int64_t revision) : core_(core), revision_(revision), ahead_(core.keys) {}
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
@@ -25,20 +25,20 @@ class Snapshot final : public View {
   std::uint64_t structure() override { return 0; }
 
   // The first failure of the cluster, as opposed to what was not found or is damaged.
-  const Outcome& failure() const { return failure_; }
+  const Reply& failure() const { return failure_; }
 
  private:
   Status get(RangeRequest request, RangeResponse* response);
   Status get_first(const RangeRequest& request, RangeResponse* response);
-  Status get_page(NodeId parent, std::string begin, Listing* page);
+  Status get_page(NodeId parent, std::string begin, ChildPage* page);
   Status look_ahead(NodeId id, Sought sought);
-  Status fail(const Outcome& outcome);
+  Status fail(const Reply& reply);
 
   Core& core_;
   std::int64_t revision_;
   ReadAhead ahead_;
   std::string record_;  // of the value that was read last
-  Outcome failure_;
+  Reply failure_;
 };
 
 }  // namespace tkv::store::etcd

@@ -1,4 +1,4 @@
-#include "store/etcd/plan.h"
+#include "store/etcd/redo_log.h"
 
 #include <thread>
 
@@ -27,8 +27,8 @@ Status unseal(std::uint64_t number, const RangeResponse& found, TxnRequest* batc
 // One session's part in carrying out a decision.
 class Carrying {
  public:
-  Carrying(Cluster& cluster, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline)
-      : cluster_(cluster), keys_(keys), claim_(claim), key_(keys.claim(claim.top, claim.token)), deadline_(deadline) {}
+  Carrying(Kv& kv, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline)
+      : kv_(kv), keys_(keys), claim_(claim), key_(keys.claim(claim.top, claim.token)), deadline_(deadline) {}
 
   Status run();
 
@@ -41,7 +41,7 @@ class Carrying {
   Status send(const TxnRequest& request, TxnResponse* response);
   std::string key_of(std::uint64_t batch) const { return keys_.plan(claim_.token, batch); }
 
-  Cluster& cluster_;
+  Kv& kv_;
   const Keys& keys_;
   Claim claim_;  // as it was last seen
   const std::string key_;
@@ -57,8 +57,8 @@ Status Carrying::look(bool* over) {
     if (Status status = look_at_claim(over); !status.ok() || *over) return status;
     if (claim_.text.next == claim_.text.batches) return {};
     RangeResponse batch;
-    Outcome outcome = cluster_.range(get_one(key_of(claim_.text.next)), &batch, deadline_());
-    if (!outcome.ok()) return outcome.status;
+    Reply reply = kv_.range(get_one(key_of(claim_.text.next)), &batch, deadline_());
+    if (!reply.ok()) return reply.status;
     if (batch.kvs_size() > 0 || claim_.mod_revision == without_batch) return take_batch(batch);
     without_batch = claim_.mod_revision;
   }
@@ -92,7 +92,7 @@ Status Carrying::send(const TxnRequest& request, TxnResponse* response) {
   if (deadline.left().count() == 0) {
     return {PRTKV_UNREACHABLE, "a large change of another session is still being carried out"};
   }
-  return cluster_.txn(request, response, deadline).status;
+  return kv_.txn(request, response, deadline).status;
 }
 
 // Makes the next batch and brings the one after it.
@@ -154,27 +154,27 @@ Status Carrying::run() {
 
 }  // namespace
 
-void Plan::add(RequestOp operation) {
+void RedoLog::add(RequestOp operation) {
   const std::size_t bytes = operation.ByteSizeLong();
   if (open_.success_size() >= kOperationsPerBatch || open_bytes_ + bytes > kMostBytes) close_batch();
   *open_.add_success() = std::move(operation);
   open_bytes_ += bytes;
 }
 
-void Plan::close_batch() {
+void RedoLog::close_batch() {
   if (open_.success_size() == 0) return;
   batches_.push_back(seal(batches_.size(), open_.SerializeAsString()));
   open_.Clear();
   open_bytes_ = 0;
 }
 
-std::vector<std::string> Plan::take_batches() {
+std::vector<std::string> RedoLog::take_batches() {
   close_batch();
   return std::move(batches_);
 }
 
-Status carry_out_decision(Cluster& cluster, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline) {
-  return Carrying(cluster, keys, claim, deadline).run();
+Status carry_out_decision(Kv& kv, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline) {
+  return Carrying(kv, keys, claim, deadline).run();
 }
 
 }  // namespace tkv::store::etcd

@@ -1,4 +1,4 @@
-#include "store/etcd/snapshot.h"
+#include "store/etcd/revision_view.h"
 
 #include "store/etcd/pager.h"
 #include "store/etcd/read_ahead.h"
@@ -6,31 +6,31 @@
 
 namespace tkv::store::etcd {
 
-Status Snapshot::fail(const Outcome& outcome) {
-  if (failure_.ok()) failure_ = outcome;
-  return outcome.status;
+Status RevisionView::fail(const Reply& reply) {
+  if (failure_.ok()) failure_ = reply;
+  return reply.status;
 }
 
-Status Snapshot::get(RangeRequest request, RangeResponse* response) {
+Status RevisionView::get(RangeRequest request, RangeResponse* response) {
   if (revision_ == 0) return get_first(request, response);
   request.set_revision(revision_);
-  const Outcome outcome = core_.cluster->range(request, response, core_.deadline());
-  return outcome.ok() ? Status() : fail(outcome);
+  const Reply reply = core_.kv->range(request, response, core_.deadline());
+  return reply.ok() ? Status() : fail(reply);
 }
 
 // The first answer fixes the revision of all others.
-Status Snapshot::get_first(const RangeRequest& request, RangeResponse* response) {
-  const Outcome outcome = read_settled(core_, request, response, &revision_);
-  return outcome.ok() ? Status() : fail(outcome);
+Status RevisionView::get_first(const RangeRequest& request, RangeResponse* response) {
+  const Reply reply = read_settled(core_, request, response, &revision_);
+  return reply.ok() ? Status() : fail(reply);
 }
 
 // Fetches what is asked for with what comes after it. When that cannot be, the caller asks for the one thing alone.
-Status Snapshot::look_ahead(NodeId id, Sought sought) {
+Status RevisionView::look_ahead(NodeId id, Sought sought) {
   if (!ahead_.ask(id, sought) || revision_ == 0) return {};
   while (const auto request = ahead_.request(revision_)) {
     TxnResponse response;
-    const Outcome outcome = core_.cluster->txn(*request, &response, core_.deadline(), kPageBytes);
-    switch (outcome.verdict) {
+    const Reply reply = core_.kv->txn(*request, &response, core_.deadline(), kPageBytes);
+    switch (reply.verdict) {
       case Verdict::kDone:
         ahead_.keep(&response);
         return {};
@@ -41,24 +41,24 @@ Status Snapshot::look_ahead(NodeId id, Sought sought) {
         ahead_.give_up();
         return {};
       default:
-        return fail(outcome);
+        return fail(reply);
     }
   }
   return {};
 }
 
-Status Snapshot::find(NodeId parent, std::string_view name, Node* node) {
-  const Place place{parent, std::string(name)};
+Status RevisionView::find(NodeId parent, std::string_view name, Node* node) {
+  const NodePlace place{parent, std::string(name)};
   RangeResponse response;
   if (Status status = get(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
-  const Known known = known_of(response, place);
+  const SeenNode known = known_of(response, place);
   if (!known.damage.ok()) return known.damage;
   if (!known.node) return PRTKV_NO_SUCH_KEY;
   *node = *known.node;
   return {};
 }
 
-Status Snapshot::value(NodeId id, Value* value) {
+Status RevisionView::value(NodeId id, Value* value) {
   if (Status status = look_ahead(id, Sought::kValue); !status.ok()) return status;
   std::optional<std::string> record;
   if (!ahead_.take_value(id, &record)) {
@@ -76,7 +76,7 @@ Status Snapshot::value(NodeId id, Value* value) {
 }
 
 // A node's entry is never longer than kLongestNodeEntry: a page of kNodesPerPage always fits a message.
-Status Snapshot::get_page(NodeId parent, std::string begin, Listing* page) {
+Status RevisionView::get_page(NodeId parent, std::string begin, ChildPage* page) {
   RangeRequest request = get_range({std::move(begin), core_.keys.children(parent).end}, kNodesPerPage);
   RangeResponse response;
   if (Status status = get(request, &response); !status.ok()) return status;
@@ -84,9 +84,9 @@ Status Snapshot::get_page(NodeId parent, std::string begin, Listing* page) {
   return {};
 }
 
-Status Snapshot::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+Status RevisionView::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
   if (Status status = look_ahead(parent, Sought::kChildren); !status.ok()) return status;
-  Listing page;
+  ChildPage page;
   if (!ahead_.take_children(parent, &page)) {
     if (Status status = get_page(parent, core_.keys.children(parent).begin, &page); !status.ok()) return status;
   }
@@ -102,7 +102,7 @@ Status Snapshot::children(NodeId parent, FunctionRef<Status(std::string_view nam
   }
 }
 
-Status Snapshot::has_children(NodeId parent, bool* answer) {
+Status RevisionView::has_children(NodeId parent, bool* answer) {
   if (Status status = look_ahead(parent, Sought::kChildren); !status.ok()) return status;
   if (ahead_.has_children(parent, answer)) return {};
   RangeRequest request = get_range(core_.keys.children(parent), 1);

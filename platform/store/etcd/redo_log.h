@@ -2,8 +2,8 @@
 //
 // Each batch is made by one transaction that compares the claim and rewrites it with the number of the next batch: it
 // is made once, and in its turn, however many sessions are at it.
-#ifndef TKV_PLATFORM_STORE_ETCD_PLAN_H
-#define TKV_PLATFORM_STORE_ETCD_PLAN_H
+#ifndef TKV_PLATFORM_STORE_ETCD_REDO_LOG_H
+#define TKV_PLATFORM_STORE_ETCD_REDO_LOG_H
 
 #include <cstdint>
 #include <string>
@@ -11,12 +11,12 @@
 
 #include "base/function_ref.h"
 #include "store/etcd/claims.h"
-#include "store/etcd/cluster.h"
+#include "store/etcd/kv.h"
 
 namespace tkv::store::etcd {
 
 // The batches of a change, as they are kept until they are carried out: each a sealed record.
-class Plan {
+class RedoLog {
  public:
   // Takes over the operations.
   void add(RequestOp operation);
@@ -34,7 +34,7 @@ class Plan {
 
 // Carries out what is left of a decision. `deadline` gives the time by which the next request must have ended. Success
 // when nothing is left, whoever did it; 7 when the claim or a batch is damaged.
-Status carry_out_decision(Cluster& cluster, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline);
+Status carry_out_decision(Kv& kv, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline);
 
 }  // namespace tkv::store::etcd
 

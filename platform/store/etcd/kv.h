@@ -1,0 +1,70 @@
+// Kv: the requests that a registry sends to etcd. Cluster sends them over gRPC; tests answer them from memory.
+//
+// Threads. Any number may call at once.
+#ifndef TKV_PLATFORM_STORE_ETCD_KV_H
+#define TKV_PLATFORM_STORE_ETCD_KV_H
+
+#include <chrono>
+#include <cstddef>
+
+#include "base/status.h"
+#include "etcd.pb.h"
+#include "store/etcd/judgement.h"
+
+namespace tkv::store::etcd {
+
+class Deadline {
+ public:
+  explicit Deadline(std::chrono::milliseconds from_now) : at_(std::chrono::steady_clock::now() + from_now) {}
+
+  // Never negative.
+  std::chrono::milliseconds left() const {
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(at_ - std::chrono::steady_clock::now());
+    return rest.count() > 0 ? rest : std::chrono::milliseconds(0);
+  }
+
+ private:
+  std::chrono::steady_clock::time_point at_;
+};
+
+// How a request ended. `repeated`: it was sent again after an answer had been lost. The first one may have been carried
+// out as well: after a success the caller can tell from the answer, after a failure nobody can.
+struct Reply {
+  Verdict verdict = Verdict::kDone;
+  Status status;
+  bool repeated = false;
+
+  bool ok() const { return verdict == Verdict::kDone; }
+};
+
+class Kv {
+ public:
+  virtual ~Kv() = default;
+  Kv(const Kv&) = delete;
+  Kv& operator=(const Kv&) = delete;
+
+  virtual Reply range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
+                      Deadline deadline) = 0;
+
+  // Sends a transaction, and sends it again if its answer is lost. So it must be one that only reads, one whose
+  // comparisons fail once it has been made, or one that changes nothing the second time. `expected` is the size in
+  // bytes of a large answer, which is given more time.
+  virtual Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
+                    std::size_t expected) = 0;
+  Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {
+    return txn(request, response, deadline, 0);
+  }
+
+  // The time limit of one operation.
+  virtual std::chrono::milliseconds timeout() const = 0;
+
+  // Whether this process is the one that connected. A forked child must not send anything.
+  virtual bool is_ours() const = 0;
+
+ protected:
+  Kv() = default;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
