@@ -7,7 +7,7 @@
 #include "masks.h"
 #include "registry/access.h"
 #include "user_identity.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -85,8 +85,6 @@ void print_why(Context& context, const Question& question) {
   }
 }
 
-}  // namespace
-
 Outcome run_access(Context& context, const Arguments& arguments) {
   Question question;
   std::int32_t need = 0;
@@ -111,5 +109,28 @@ Outcome run_access(Context& context, const Arguments& arguments) {
   return {Exit::kDenied, "'" + question.user.user + "' has not all of these rights on " +
                              registry::describe(question.name) + ": " + columns_of(missing) + " is missing"};
 }
+
+constexpr std::array kOperands{
+    one("USER", "Name of a user of this machine", true, &Arguments::user, Candidates::kUsers),
+    one("KEY", "Full name", true, &Arguments::key)};
+constexpr std::array kOptions{
+    flag("--why", "Show which class grants or denies each right", &Arguments::why),
+    valued("--need", "RIGHTS", "Exit with 4 unless all of these rights are granted", &Arguments::need)};
+
+}  // namespace
+
+constinit const Verb kAccessVerb{
+    .name = "access",
+    .summary = "Show what a user may do with a key",
+    .details = R"(Prints the rights that the registry grants the user with all its groups. --why
+shows for each right which class grants it, or why none does. User root may do
+everything.
+)",
+    .examples = R"(  tkv access bob app.hosts --why
+  tkv access bob app.hosts --need rw && echo yes
+)",
+    .operands = kOperands,
+    .options = kOptions,
+    .run = run_access};
 
 }  // namespace tkv::command

@@ -19,7 +19,6 @@ struct Arguments {
   // Operands.
   std::optional<std::string> key;
   std::vector<std::string> keys;
-  std::optional<std::string> destination;
   std::vector<std::string> values;
   std::optional<std::string> file;
   std::optional<std::string> user;

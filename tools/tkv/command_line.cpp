@@ -74,12 +74,12 @@ class Parser {
     formatter_->label("REQUIRED", "");
     formatter_->label("SUBCOMMAND", "VERB");
     app_.formatter(formatter_);
-    app_.set_help_flag("-h,--help", "This help; after a verb, the verb's");
-    app_.set_version_flag("--version", std::string("tkv ") + TKV_VERSION, "The version");
+    app_.set_help_flag("-h,--help", "Show this help; after a verb, the help of the verb");
+    app_.set_version_flag("--version", std::string("tkv ") + TKV_VERSION, "Show the version");
     app_.require_subcommand(1, 1);
     app_.footer(overview());
     for (const Option& option : common_options()) add(app_, option);
-    for (const Verb& verb : all_verbs()) add(verb);
+    for (const Verb* verb : all_verbs()) add(*verb);
   }
 
   CLI::App& app() { return app_; }
@@ -96,13 +96,13 @@ class Parser {
  private:
   static std::string overview() {
     const CommandText& text = command_text();
-    return std::string("\nKeys\n") + text.names + "\nValues\n" + text.arguments + "\nExit codes\n" + text.exits +
-           "\nEnvironment\n" + text.environment + "\n`tkv help VERB` tells of one verb, with examples.";
+    return std::string("\nKeys\n") + text.names + "\nValues\n" + text.arguments + "\nExit codes\n" + exit_code_text() +
+           "\nEnvironment\n" + text.environment + "\nSee `tkv help VERB` for a verb and its examples.";
   }
 
   static std::string foot(const Verb& verb) {
     return std::string("\n") + verb.details + "\nExamples\n" + verb.examples +
-           "\nOptions of every verb: --json, -q, --no-color, --conf FILE, --yes; see `tkv --help`.";
+           "\nEvery verb also takes --json, -q, --no-color, --conf FILE and --yes; see `tkv --help`.";
   }
 
   void add(CLI::App& app, const Option& option) {

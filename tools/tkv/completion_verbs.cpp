@@ -12,7 +12,7 @@
 #include "entry.h"
 #include "json.h"
 #include "registry/name.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -105,7 +105,7 @@ class Completion {
 
   void print() {
     if (expects_ != nullptr) {
-      offer(expects_->kind);
+      offer(expects_->candidates);
     } else if (word_.starts_with("--") && word_.find('=') != std::string::npos && !only_operands_) {
       offer_argument();
     } else if (verb_ == nullptr) {
@@ -124,7 +124,7 @@ class Completion {
     const Option* option = option_with_argument(word_.substr(0, end - 1));
     lead_ = word_.substr(0, end);
     word_.erase(0, end);
-    if (option != nullptr && option->kind != Kind::kFile) offer(option->kind);
+    if (option != nullptr && option->candidates != Candidates::kFiles) offer(option->candidates);
   }
 
   // One word that is complete.
@@ -177,8 +177,8 @@ class Completion {
   }
 
   void offer_verbs() {
-    for (const Verb& verb : all_verbs()) {
-      if (!verb.hidden) candidate(verb.name);
+    for (const Verb* verb : all_verbs()) {
+      if (!verb->hidden) candidate(verb->name);
     }
   }
 
@@ -197,23 +197,24 @@ class Completion {
     std::size_t at = 0;
     for (const Operand& operand : verb_->operands) {
       if (at++ == operands_ || operand.many != nullptr) {
-        const bool file = operand.kind == Kind::kFile && operand.many != nullptr;  // a value, that may be @FILE
-        if (!file) offer(operand.kind);
+        const bool file =
+            operand.candidates == Candidates::kFiles && operand.many != nullptr;  // a value, that may be @FILE
+        if (!file) offer(operand.candidates);
         return;
       }
     }
   }
 
-  void offer(Kind kind) {
-    if (kind == Kind::kKey) offer_keys();
-    if (kind == Kind::kVerb) offer_verbs();
-    if (kind == Kind::kUser) offer_users();
-    if (kind == Kind::kGroup) offer_groups();
-    if (kind == Kind::kFile) context_.output().line(":files");
-    if (kind == Kind::kShell) {
+  void offer(Candidates kind) {
+    if (kind == Candidates::kKeys) offer_keys();
+    if (kind == Candidates::kVerbs) offer_verbs();
+    if (kind == Candidates::kUsers) offer_users();
+    if (kind == Candidates::kGroups) offer_groups();
+    if (kind == Candidates::kFiles) context_.output().line(":files");
+    if (kind == Candidates::kShells) {
       for (const char* shell : {"bash", "fish", "zsh"}) candidate(shell);
     }
-    if (kind == Kind::kReading) {
+    if (kind == Candidates::kReadings) {
       for (const char* reading : {"auto", "text", "list", "number", "hex", "raw"}) candidate(reading);
     }
   }
@@ -280,8 +281,6 @@ class Completion {
   bool only_operands_ = false;
 };
 
-}  // namespace
-
 Outcome run_completion(Context& context, const Arguments& arguments) {
   const std::string& shell = *arguments.key;
   const char* const script = script_of(shell);
@@ -298,5 +297,32 @@ Outcome run_complete(Context& context, const Arguments& arguments) {
   Completion(context, arguments.words).print();
   return {};
 }
+
+constexpr std::array kShellOperands{one("SHELL", "bash, zsh or fish", true, &Arguments::key, Candidates::kShells)};
+constexpr std::array kWordOperands{
+    many("WORD", "Words of the command line so far", false, &Arguments::words, Candidates::kNone)};
+
+}  // namespace
+
+constinit const Verb kCompletionVerb{
+    .name = "completion",
+    .summary = "Print the completion script of a shell",
+    .details = "The script completes verbs, options, files, users, and the names of keys in the\nregistry.\n",
+    .examples = R"(  source <(tkv completion bash)
+  tkv completion zsh > "${fpath[1]}/_tkv"
+  tkv completion fish > ~/.config/fish/completions/tkv.fish
+)",
+    .operands = kShellOperands,
+    .options = {},
+    .run = run_completion};
+
+constinit const Verb kCompleteVerb{.name = "complete",
+                                   .summary = "Print the candidates for the last word",
+                                   .details = "",
+                                   .examples = "",
+                                   .operands = kWordOperands,
+                                   .options = {},
+                                   .run = run_complete,
+                                   .hidden = true};
 
 }  // namespace tkv::command

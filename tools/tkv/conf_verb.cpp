@@ -5,7 +5,7 @@
 #include "context.h"
 #include "json.h"
 #include "registry/open_store.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -68,8 +68,6 @@ void print_found(Context& context, const Found& found) {
       "follows cluster.configured");
 }
 
-}  // namespace
-
 Outcome run_conf(Context& context, const Arguments&) {
   Found found;
   if (Status read = Configuration::read(&found.configuration); !read.ok()) return read;
@@ -81,5 +79,21 @@ Outcome run_conf(Context& context, const Arguments&) {
   }
   return {};
 }
+
+}  // namespace
+
+constinit const Verb kConfVerb{
+    .name = "conf",
+    .summary = "Show the configuration in force",
+    .details = R"(Shows each setting with its value and origin, the kind of store, whether the
+location is usable, and the cluster word that the library reports (4 in a
+cluster, else 1).
+)",
+    .examples = R"(  tkv conf
+  tkv conf --json
+)",
+    .operands = {},
+    .options = {},
+    .run = run_conf};
 
 }  // namespace tkv::command

@@ -2,7 +2,7 @@
 #include "context.h"
 #include "json.h"
 #include "manual.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -10,8 +10,6 @@ namespace {
 void print(Context& context, const std::string& text) {
   context.output().write(context.json() ? JsonObject().utf8("text", text).str() + "\n" : text);
 }
-
-}  // namespace
 
 Outcome run_help(Context& context, const Arguments& arguments) {
   if (arguments.manual && arguments.configuration_manual) return {Exit::kUsage, "one manual page at a time"};
@@ -28,5 +26,22 @@ Outcome run_help(Context& context, const Arguments& arguments) {
   print(context, help_text(verb));
   return {};
 }
+
+constexpr std::array kOperands{one("VERB", "Verb to describe", false, &Arguments::key, Candidates::kVerbs)};
+constexpr std::array kOptions{
+    flag("--man", "Print the manual page tkv(1), for man", &Arguments::manual),
+    flag("--man-conf", "Print the manual page tkv.conf(5), for man", &Arguments::configuration_manual)};
+
+}  // namespace
+
+constinit const Verb kHelpVerb{.name = "help",
+                               .summary = "Show help, or the manual pages",
+                               .details = "Without VERB, prints an overview.\n",
+                               .examples = R"(  tkv help set
+  tkv help --man | man -l -
+)",
+                               .operands = kOperands,
+                               .options = kOptions,
+                               .run = run_help};
 
 }  // namespace tkv::command

@@ -61,9 +61,6 @@ std::string export_tail();
 // the top. 2 with the place of what is wrong.
 Outcome parse_export(std::string_view text, Snapshot* snapshot);
 
-// Reads the elements of a list: an array of strings.
-Outcome parse_string_array(std::string_view text, std::vector<std::string>* elements);
-
 }  // namespace tkv::command
 
 #endif

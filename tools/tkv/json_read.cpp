@@ -254,15 +254,4 @@ Outcome parse_export(std::string_view text, Snapshot* snapshot) {
   return read_snapshot(json, snapshot);
 }
 
-Outcome parse_string_array(std::string_view text, std::vector<std::string>* elements) {
-  Json json;
-  if (Outcome parsed = parse(text, &json); !parsed.ok()) return parsed;
-  if (!json.is_array()) return wrong("a list is an array of strings");
-  for (const Json& element : json) {
-    if (!element.is_string()) return wrong("a list is an array of strings");
-    elements->push_back(element.get<std::string>());
-  }
-  return {};
-}
-
 }  // namespace tkv::command

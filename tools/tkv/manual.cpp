@@ -36,6 +36,15 @@ void add_verbatim(std::string_view text, std::string* page) {
   *page += ".fi\n";
 }
 
+// Running text, whose paragraphs are separated by empty lines.
+void add_paragraphs(std::string_view text, std::string* page) {
+  for (std::size_t end = text.find("\n\n"); end != std::string_view::npos; end = text.find("\n\n")) {
+    *page += plain(text.substr(0, end + 1)) + ".PP\n";
+    text.remove_prefix(end + 2);
+  }
+  *page += plain(text);
+}
+
 std::string synopsis_of(const Verb& verb) {
   std::string line = "\\fBtkv " + plain(verb.name) + "\\fR";
   if (!verb.options.empty()) line += " [\\fIoptions\\fR]";
@@ -63,7 +72,7 @@ void add_verb(const Verb& verb, std::string* page) {
   add_line(synopsis_of(verb), page);
   add_line(".PP", page);
   add_line(plain(verb.summary) + ".", page);
-  *page += plain(verb.details);
+  add_paragraphs(verb.details, page);
   for (const Operand& operand : verb.operands) add_item("\\fI" + plain(operand.name) + "\\fR", operand.text, page);
   add_options(verb.options, page);
   add_line(".PP", page);
@@ -112,8 +121,8 @@ std::string manual_page() {
   add_section("NAME", &page);
   add_line("tkv \\- " + plain(text.summary), &page);
   add_section("SYNOPSIS", &page);
-  for (const Verb& verb : all_verbs()) {
-    if (!verb.hidden) page += synopsis_of(verb) + "\n.br\n";
+  for (const Verb* verb : all_verbs()) {
+    if (!verb->hidden) page += synopsis_of(*verb) + "\n.br\n";
   }
   add_section("DESCRIPTION", &page);
   add_line(plain("Works on the registry that the configuration names, with the rights of the user who runs it, at the\n"
@@ -125,14 +134,14 @@ std::string manual_page() {
   add_verbatim(text.arguments, &page);
   add_section("OPTIONS", &page);
   add_options(common_options(), &page);
-  add_item("\\fB\\-h\\fR,\\fB\\-\\-help\\fR", "Help; after a verb, the verb's.", &page);
-  add_item("\\fB\\-\\-version\\fR", "The version.", &page);
+  add_item("\\fB\\-h\\fR,\\fB\\-\\-help\\fR", "Show help; after a verb, the help of the verb.", &page);
+  add_item("\\fB\\-\\-version\\fR", "Show the version.", &page);
   add_section("VERBS", &page);
-  for (const Verb& verb : all_verbs()) {
-    if (!verb.hidden) add_verb(verb, &page);
+  for (const Verb* verb : all_verbs()) {
+    if (!verb->hidden) add_verb(*verb, &page);
   }
   add_section("EXIT STATUS", &page);
-  add_verbatim(text.exits, &page);
+  add_verbatim(exit_code_text(), &page);
   add_section("ENVIRONMENT", &page);
   add_verbatim(text.environment, &page);
   add_section("FILES", &page);

@@ -13,7 +13,7 @@
 #include "json.h"
 #include "new_key_security.h"
 #include "registry/name.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -222,8 +222,6 @@ Outcome run_passes(Context& context, const Side& source, const Side& target, std
   return {Exit::kPartly, source.place + " is being changed all the time: the copy is not complete; run this again"};
 }
 
-}  // namespace
-
 Outcome run_migrate(Context& context, const Arguments& arguments) {
   Side source{*arguments.from, {}};
   Side target{*arguments.to, {}};
@@ -251,5 +249,31 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
   }
   return {};
 }
+
+constexpr std::array kOperands{one("FROM", "Where the keys are", true, &Arguments::from, Candidates::kFiles),
+                               one("TO", "Where to copy them", true, &Arguments::to, Candidates::kFiles)};
+constexpr std::array kOptions{flag("--overwrite", "Replace what TO holds, after asking", &Arguments::overwrite)};
+
+}  // namespace
+
+constinit const Verb kMigrateVerb{
+    .name = "migrate",
+    .summary = "Copy a registry from one store to another",
+    .details = R"(FROM and TO are each a directory, an etcd cluster (etcd://host:port, several
+separated by commas), or a configuration file that names the location and all
+that belongs to it. The keys are copied, then both sides are compared key by
+key; if FROM was changed meanwhile, this is repeated.
+
+While the copy is incomplete, TO holds the key __tkv_migration. After an
+interruption, run the same command again. A TO that holds other keys is refused
+(exit code 5) unless --overwrite is given. Stop all programs that write to FROM
+before the last run: what they write after it is not copied.
+)",
+    .examples = R"(  tkv migrate /var/lib/tkv etcd://node1:2379,etcd://node2:2379,etcd://node3:2379
+  tkv migrate /etc/tkv/tkv.conf /etc/tkv/new.conf
+)",
+    .operands = kOperands,
+    .options = kOptions,
+    .run = run_migrate};
 
 }  // namespace tkv::command

@@ -46,28 +46,21 @@ Exit exit_of_error(int error) {
 
 const char* name_of(Exit exit) {
   switch (exit) {
-    case Exit::kDone:
-      return "done";
-    case Exit::kOther:
-      return "other";
-    case Exit::kUsage:
-      return "usage";
-    case Exit::kNotFound:
-      return "not-found";
-    case Exit::kDenied:
-      return "denied";
-    case Exit::kConflict:
-      return "conflict";
-    case Exit::kWrongType:
-      return "wrong-type";
-    case Exit::kUnreachable:
-      return "unreachable";
-    case Exit::kDamaged:
-      return "damaged";
-    case Exit::kPartly:
-      return "partly-done";
+#define TKV_EXIT(identifier, number, name, meaning) \
+  case Exit::identifier:                            \
+    return name;
+    TKV_EXIT_CODES(TKV_EXIT)
+#undef TKV_EXIT
   }
   return "other";
+}
+
+std::string exit_code_text() {
+  std::string text;
+#define TKV_EXIT(identifier, number, name, meaning) text += "  " #number "  " meaning "\n";
+  TKV_EXIT_CODES(TKV_EXIT)
+#undef TKV_EXIT
+  return text;
 }
 
 Outcome::Outcome(const Status& status) : exit_(exit_of(status.code())), text_(status.ok() ? "" : status.text()) {}

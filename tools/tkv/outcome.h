@@ -9,18 +9,24 @@
 
 namespace tkv::command {
 
-// Exit codes are part of the command's interface: scripts test them. Do not change.
+// Exit codes, each with its name for programs and its meaning for people: the one table of the command. The numbers are
+// part of its interface, since scripts test them: do not change.
+#define TKV_EXIT_CODES(EXIT)                                                                                   \
+  EXIT(kDone, 0, "done", "done")                                                                               \
+  EXIT(kOther, 1, "other", "other failures: no space, no memory, unreadable configuration, unwritable output") \
+  EXIT(kUsage, 2, "usage", "usage: the arguments, a name or a text that was read make no sense")               \
+  EXIT(kNotFound, 3, "not-found", "not found")                                                                 \
+  EXIT(kDenied, 4, "denied", "access denied")                                                                  \
+  EXIT(kConflict, 5, "conflict", "conflict: the key exists or has subkeys, or the answer was no")              \
+  EXIT(kWrongType, 6, "wrong-type", "wrong type: the value has no such reading")                               \
+  EXIT(kUnreachable, 7, "unreachable", "the registry is unreachable, or the time was up")                      \
+  EXIT(kDamaged, 8, "damaged", "damaged")                                                                      \
+  EXIT(kPartly, 9, "partly-done", "partly done: some of what was asked for")
+
 enum class Exit {
-  kDone = 0,
-  kOther = 1,
-  kUsage = 2,  // the arguments, or a text that was read, make no sense
-  kNotFound = 3,
-  kDenied = 4,
-  kConflict = 5,  // it exists, it has subkeys, or somebody else changed it
-  kWrongType = 6,
-  kUnreachable = 7,  // unreachable or timed out
-  kDamaged = 8,
-  kPartly = 9  // some of what was asked for was done
+#define TKV_EXIT(identifier, number, name, meaning) identifier = (number),
+  TKV_EXIT_CODES(TKV_EXIT)
+#undef TKV_EXIT
 };
 
 // The exit code for a result of the registry client.
@@ -31,6 +37,9 @@ Exit exit_of_error(int error);
 
 // A short name for programs: "not-found".
 const char* name_of(Exit exit);
+
+// All exit codes with their meanings, one a line, for help and manual.
+std::string exit_code_text();
 
 class [[nodiscard]] Outcome {
  public:

@@ -7,7 +7,7 @@
 #include "json.h"
 #include "masks.h"
 #include "registry/access.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -130,8 +130,6 @@ std::string leaf_json(const Leaf& leaf) {
   return line;
 }
 
-}  // namespace
-
 Outcome run_tree(Context& context, const Arguments& arguments) {
   std::string top;
   std::size_t depth = 0;
@@ -152,5 +150,24 @@ Outcome run_tree(Context& context, const Arguments& arguments) {
   for (const Leaf& leaf : leaves) printer.print(leaf);
   return {};
 }
+
+constexpr std::array kOptions{valued("-d,--depth", "LEVELS", "Descend at most this many levels", &Arguments::depth),
+                              flag("-k,--keys", "Show keys without their values", &Arguments::no_values),
+                              flag("-l,--long", "Show whole values, owners and rights", &Arguments::long_lines)};
+
+}  // namespace
+
+constinit const Verb kTreeVerb{
+    .name = "tree",
+    .summary = "Show a key and everything below it",
+    .details = R"(Values are shown beside their keys; on a terminal they are shortened to fit the
+line. Keys whose subkeys or value the caller may not see are marked.
+)",
+    .examples = R"(  tkv tree
+  tkv tree -d 1 SYSTEM
+)",
+    .operands = kKeyOrRoot,
+    .options = kOptions,
+    .run = run_tree};
 
 }  // namespace tkv::command

@@ -1,8 +1,15 @@
-// Verbs: the one table that parsing, help, man pages and completion are made from.
+// Verbs: what `tkv` can do. Each verb is a value that stands next to the function that runs it; parsing, help, manual
+// pages and completion are all derived from these values.
+//
+// To add a verb: define its value in a *_verb.cpp file, declare it below, and list it in verbs.cpp.
 #ifndef TKV_TOOLS_TKV_VERBS_H
 #define TKV_TOOLS_TKV_VERBS_H
 
+#include <optional>
 #include <span>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "arguments.h"
 #include "outcome.h"
@@ -11,77 +18,80 @@ namespace tkv::command {
 
 class Context;
 
-// What stands for an argument when a shell completes it.
-enum class Kind { kKey, kFile, kUser, kGroup, kVerb, kShell, kReading, kOther };
+// What a shell offers in place of an argument.
+enum class Candidates { kNone, kKeys, kFiles, kUsers, kGroups, kVerbs, kShells, kReadings };
 
+// A flag or, with `argument`, an option that takes one. Exactly one of the two members is set.
 struct Option {
   const char* names;     // "-r,--recursive"
-  const char* argument;  // "NAME", null for a flag
+  const char* argument;  // "NAME", or null for a flag
   const char* text;
   bool Arguments::*flag;
   std::optional<std::string> Arguments::*value;
-  Kind kind = Kind::kOther;
+  Candidates candidates = Candidates::kNone;
 };
 
+// A word that is not an option. Exactly one of the two members is set.
 struct Operand {
   const char* name;
   const char* text;
   bool required;
-  std::optional<std::string> Arguments::*one;  // or
+  std::optional<std::string> Arguments::*one;
   std::vector<std::string> Arguments::*many;
-  Kind kind = Kind::kKey;
+  Candidates candidates = Candidates::kNone;
 };
 
 struct Verb {
   const char* name;
   const char* summary;
-  const char* details;
-  const char* examples;  // lines of shell, comments included
+  const char* details;   // paragraphs, in lines of at most 80 columns
+  const char* examples;  // lines of shell, indented by two blanks
   std::span<const Operand> operands;
   std::span<const Option> options;
   Outcome (*run)(Context&, const Arguments&);
-  bool hidden = false;
+  bool hidden = false;  // neither listed nor offered
 };
 
-std::span<const Verb> all_verbs();
+// All verbs, in the order in which help lists them.
+std::span<const Verb* const> all_verbs();
+
+// Returns null if there is no such verb.
 const Verb* find_verb(std::string_view name);
 
 // Options that every verb takes.
 std::span<const Option> common_options();
 
-// Texts that the help and the man page share.
+// Texts that the help and the manual page share.
 struct CommandText {
   const char* summary;
   const char* names;      // how keys are written
-  const char* arguments;  // what "-", "@file" and "--" mean
-  const char* exits;      // the exit codes, one a line
+  const char* arguments;  // what "-", "@FILE" and "--" mean
   const char* environment;
 };
 const CommandText& command_text();
 
-// The verbs, by what they are about.
-Outcome run_get(Context& context, const Arguments& arguments);
-Outcome run_set(Context& context, const Arguments& arguments);
-Outcome run_create(Context& context, const Arguments& arguments);
-Outcome run_ls(Context& context, const Arguments& arguments);
-Outcome run_tree(Context& context, const Arguments& arguments);
-Outcome run_stat(Context& context, const Arguments& arguments);
-Outcome run_rm(Context& context, const Arguments& arguments);
-Outcome run_mv(Context& context, const Arguments& arguments);
-Outcome run_cp(Context& context, const Arguments& arguments);
-Outcome run_chown(Context& context, const Arguments& arguments);
-Outcome run_chmod(Context& context, const Arguments& arguments);
-Outcome run_access(Context& context, const Arguments& arguments);
-Outcome run_conf(Context& context, const Arguments& arguments);
-Outcome run_export(Context& context, const Arguments& arguments);
-Outcome run_import(Context& context, const Arguments& arguments);
-Outcome run_backup(Context& context, const Arguments& arguments);
-Outcome run_restore(Context& context, const Arguments& arguments);
-Outcome run_verify(Context& context, const Arguments& arguments);
-Outcome run_migrate(Context& context, const Arguments& arguments);
-Outcome run_help(Context& context, const Arguments& arguments);
-Outcome run_completion(Context& context, const Arguments& arguments);
-Outcome run_complete(Context& context, const Arguments& arguments);
+extern const Verb kGetVerb;
+extern const Verb kSetVerb;
+extern const Verb kCreateVerb;
+extern const Verb kLsVerb;
+extern const Verb kTreeVerb;
+extern const Verb kStatVerb;
+extern const Verb kRmVerb;
+extern const Verb kMvVerb;
+extern const Verb kCpVerb;
+extern const Verb kChownVerb;
+extern const Verb kChmodVerb;
+extern const Verb kAccessVerb;
+extern const Verb kConfVerb;
+extern const Verb kExportVerb;
+extern const Verb kImportVerb;
+extern const Verb kBackupVerb;
+extern const Verb kRestoreVerb;
+extern const Verb kVerifyVerb;
+extern const Verb kMigrateVerb;
+extern const Verb kHelpVerb;
+extern const Verb kCompletionVerb;
+extern const Verb kCompleteVerb;
 
 }  // namespace tkv::command
 

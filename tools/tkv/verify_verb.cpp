@@ -13,7 +13,7 @@
 #include "json.h"
 #include "registry/access.h"
 #include "registry/name.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -213,8 +213,6 @@ Outcome verify_registry(Context& context, bool repair) {
   return {Exit::kDamaged, "the registry is damaged"};
 }
 
-}  // namespace
-
 Outcome run_verify(Context& context, const Arguments& arguments) {
   if (arguments.file) {
     if (arguments.repair) return {Exit::kUsage, "a backup cannot be repaired"};
@@ -224,5 +222,27 @@ Outcome run_verify(Context& context, const Arguments& arguments) {
     return opened;
   return verify_registry(context, arguments.repair);
 }
+
+constexpr std::array kOperands{one("FILE", "Verify this backup instead of the registry; - is standard input", false,
+                                   &Arguments::file, Candidates::kFiles)};
+constexpr std::array kOptions{flag("--repair", "Remove records that belong to no key", &Arguments::repair)};
+
+}  // namespace
+
+constinit const Verb kVerifyVerb{
+    .name = "verify",
+    .summary = "Read and check every record",
+    .details = R"(Checks the checksum and the place of each record, and counts keys and values.
+Damage is named, and the exit code is 8. --repair removes records that belong
+to no key; damaged keys stay as they are: restore or delete them. Needs the
+rights r and l on the root, --repair all rights. With FILE, a backup is checked
+instead.
+)",
+    .examples = R"(  tkv verify
+  tkv verify nightly.backup
+)",
+    .operands = kOperands,
+    .options = kOptions,
+    .run = run_verify};
 
 }  // namespace tkv::command

@@ -1,17 +1,8 @@
-#include <limits>
-#include <string>
-
 #include "atomic_file.h"
-#include "changes.h"
-#include "characters.h"
 #include "context.h"
-#include "difference.h"
-#include "input.h"
+#include "entry.h"
 #include "json.h"
-#include "key_maker.h"
-#include "new_key_security.h"
-#include "registry/name.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -71,21 +62,6 @@ Outcome export_to_file(Context& context, const std::string& top, const std::stri
   return {};
 }
 
-Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
-  const std::string path = arguments.file.value_or("-");
-  std::string text;
-  if (Outcome read = read_file(path, std::numeric_limits<std::size_t>::max(), &text); !read.ok()) return read;
-  if (Outcome parsed = parse_export(text, wanted); !parsed.ok()) {
-    return {parsed.exit(), shown_path(path) + ": " + parsed.text()};
-  }
-  if (!arguments.at) return {};
-  std::string top;
-  if (Outcome named = key_name(*arguments.at, &top); !named.ok()) return named;
-  return rebase(wanted, top);
-}
-
-}  // namespace
-
 Outcome run_export(Context& context, const Arguments& arguments) {
   std::string top;
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
@@ -94,23 +70,24 @@ Outcome run_export(Context& context, const Arguments& arguments) {
   return export_to_output(context, top);
 }
 
-Outcome run_import(Context& context, const Arguments& arguments) {
-  Snapshot wanted;
-  Plan plan;
-  if (arguments.merge && arguments.replace) return {Exit::kUsage, "--merge and --replace exclude each other"};
-  const Manner manner = arguments.merge ? Manner::kMerge : arguments.replace ? Manner::kReplace : Manner::kAdd;
-  if (Outcome read = read_import(arguments, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
-  // A conflict is part of the difference that is asked for.
-  Outcome planned = plan_for(context, wanted, manner, &plan);
-  if (arguments.dry_run && (planned.ok() || !plan.changes.empty())) print_difference(context, plan);
-  if (!planned.ok() || arguments.dry_run) return planned;
-  if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the import"); !allowed.ok())
-    return allowed;
-  std::uint64_t changes = 0;
-  Outcome done = bring_in(context, wanted, manner, arguments.parents, plan, &changes);
-  if (done.ok()) report_changes(context, "import", wanted, changes);
-  return done;
-}
+constexpr std::array kOptions{
+    valued("-o,--output", "FILE", "Write to this file, whole or not at all", &Arguments::file, Candidates::kFiles)};
+
+}  // namespace
+
+constinit const Verb kExportVerb{
+    .name = "export",
+    .summary = "Write a subtree as JSON",
+    .details = R"(The export is lossless: types, values, owners, groups and rights, with texts
+that are not UTF-8 as marked base64. It has one key per line, parents before
+their subkeys, so two exports can be compared with diff. It shows one state of
+the registry, whatever is written meanwhile.
+)",
+    .examples = R"(  tkv export app > app.json
+  tkv export | diff yesterday.json -
+)",
+    .operands = kKeyOrRoot,
+    .options = kOptions,
+    .run = run_export};
 
 }  // namespace tkv::command

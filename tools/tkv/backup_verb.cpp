@@ -1,18 +1,11 @@
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <ctime>
-#include <optional>
 
 #include "backup_file.h"
 #include "backup_text.h"
-#include "characters.h"
 #include "context.h"
-#include "difference.h"
-#include "input.h"
-#include "json.h"
-#include "registry/name.h"
-#include "verbs.h"
+#include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
@@ -72,40 +65,6 @@ Outcome finish(Context& context, BackupWriter* writer) {
   return writer->finish([&](std::uint64_t keys) { progress.show(keys, all); });
 }
 
-// Reads the wanted part of a backup, in the order of names.
-Outcome read_part(const Terminal& terminal, const std::string& path, const std::optional<std::string>& key,
-                  Snapshot* part) {
-  BackupContents contents;
-  std::optional<std::string> top;
-  if (key) {
-    top.emplace();
-    if (Outcome named = key_name(*key, &*top); !named.ok()) return named;
-  }
-  Progress progress(terminal, "read backup");
-  std::uint64_t keys = 0;
-  Outcome read = read_backup(path, &contents, [&](Entry&& entry) {
-    progress.show(++keys, 0);
-    if (!top || registry::is_within(entry.name, *top)) part->entries.push_back(std::move(entry));
-    return Outcome();
-  });
-  if (!read.ok()) return read;
-  part->top = top.value_or(contents.head.top);
-  if (!part->entries.empty() && part->entries.front().name == part->top) return {};
-  return {Exit::kNotFound, shown_path(path) + " holds no " + registry::describe(part->top)};
-}
-
-// A registry that holds nothing of what is to come: restoring changes no key but the root's own record.
-bool is_untouched(const Plan& plan, const Snapshot& wanted) {
-  for (const Change& change : plan.changes) {
-    if (change.kind == Change::Kind::kRemove) return false;
-    if (change.kind == Change::Kind::kChange && !change.before.name.empty()) return false;
-  }
-  // Without a removal or a change, what is there is the same as in the backup, or is the bare root.
-  return wanted.top.empty() ? plan.changes.size() + 1 >= plan.keys : plan.changes.size() == plan.keys;
-}
-
-}  // namespace
-
 Outcome run_backup(Context& context, const Arguments& arguments) {
   BackupHead head;
   BackupWriter writer;
@@ -129,25 +88,26 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
   return {};
 }
 
-Outcome run_restore(Context& context, const Arguments& arguments) {
-  Snapshot wanted;
-  Plan plan;
-  if (Outcome read = read_part(context.terminal(), *arguments.file, arguments.key, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
-  if (Outcome planned = plan_for(context, wanted, Manner::kReplace, &plan); !planned.ok()) return planned;
-  if (arguments.dry_run) {
-    print_difference(context, plan);
-    return {};
-  }
-  if (!arguments.overwrite && !is_untouched(plan, wanted)) {
-    return {Exit::kConflict, registry::describe(wanted.top) + " is there already; --overwrite replaces it"};
-  }
-  if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the restore"); !allowed.ok())
-    return allowed;
-  std::uint64_t changes = 0;
-  Outcome done = bring_in(context, wanted, Manner::kReplace, false, plan, &changes);
-  if (done.ok()) report_changes(context, "restore", wanted, changes);
-  return done;
-}
+constexpr std::array kOperands{one("TO", "A new file, or a directory; default: the configured backup location", false,
+                                   &Arguments::file, Candidates::kFiles)};
+constexpr std::array kOptions{valued("--key", "KEY", "Back up only this subtree", &Arguments::at, Candidates::kKeys)};
+
+}  // namespace
+
+constinit const Verb kBackupVerb{
+    .name = "backup",
+    .summary = "Write the registry to a backup file",
+    .details = R"(The backup shows one state of the registry, whatever is written meanwhile. The
+file appears whole or not at all: it is made durable, opened again, checked and
+counted before success is reported and its name printed. A file that exists is
+not touched (exit code 5). Needs the rights r and l on every key.
+)",
+    .examples = R"(  tkv backup
+  tkv backup /mnt/safe/
+  tkv backup --key app app.backup
+)",
+    .operands = kOperands,
+    .options = kOptions,
+    .run = run_backup};
 
 }  // namespace tkv::command

@@ -1,0 +1,90 @@
+#include <utility>
+#include <vector>
+
+#include "characters.h"
+#include "context.h"
+#include "description.h"
+#include "json.h"
+#include "key_by_key.h"
+#include "masks.h"
+#include "registry/access.h"
+#include "verb_syntax.h"
+
+namespace tkv::command {
+namespace {
+
+using registry::Reader;
+
+// What a person is told of one key: everything but the bytes of its value.
+struct Description {
+  registry::Stat stat;
+  StoredValue value;
+};
+
+std::string stat_json(const std::string& name, const Description& key) {
+  JsonObject object;
+  object.text("name", name);
+  add_security(key.stat.security, &object);
+  object.number("id", key.stat.id).number("size", key.stat.size).flag("subkeys", key.stat.has_subkeys);
+  add_value(key.value, &object);
+  add_other_reading(key.value, &object);
+  return object.str();
+}
+
+void print_stat(Context& context, const std::string& name, const Description& key) {
+  const sec_attr& security = key.stat.security;
+  const auto field = [&](const char* label, const std::string& text) { context.print(padded(label, 9) + text); };
+  const std::string number = std::to_string(key.value.type);
+  const std::string type = type_name(key.value.type);
+  field("key", shown_name(name));
+  field("type", type == number ? number : type + " (" + number + ")");
+  field("size", counted(key.value.bytes.size(), "byte"));
+  if (!key.value.bytes.empty()) field("value", one_line(key.value, 200));
+  if (const auto text = text_in_number(key.value)) field("as text", '"' + *text + '"');
+  field("owner", columns_of(security.user_perm) + "  " + std::string(registry::user_of(security)));
+  field("group", columns_of(security.group_perm) + "  " + std::string(registry::group_of(security)));
+  field("other", columns_of(security.other_perm));
+  field("mode", mode_of(security) + "  " + numbers_of(security));
+  field("subkeys", key.stat.has_subkeys ? "yes" : "no");
+}
+
+Outcome run_stat(Context& context, const Arguments& arguments) {
+  std::vector<std::string> names;
+  bool first = true;
+  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
+    Description key;
+    const Status read = context.registry().read([&](Reader& reader) -> Status {
+      store::Value value;
+      Status status = reader.stat(name, &key.stat);
+      if (status.ok()) status = reader.value(name, &value);
+      if (status.ok()) key.value = copied(value);
+      return status;
+    });
+    if (!read.ok()) return read;
+    *json = stat_json(name, key);
+    if (context.json()) return {};
+    if (!std::exchange(first, false)) context.output().line("");
+    print_stat(context, name, key);
+    return {};
+  });
+}
+
+}  // namespace
+
+constinit const Verb kStatVerb{
+    .name = "stat",
+    .summary = "Show type, size, owner, group and rights of keys",
+    .details = R"(Rights are shown in six columns for owner, group and others: r read, l list,
+w write, s change security, c create subkeys, d delete or move. The line "mode"
+repeats them in the form that chmod takes, and as numbers.
+)",
+    .examples = R"(  tkv stat app.hosts
+  tkv stat --json app.hosts
+)",
+    .operands = kKeys,
+    .options = {},
+    .run = run_stat};
+
+}  // namespace tkv::command
