@@ -216,7 +216,7 @@ class RegistrySide {
   }
 
   store::EtcdOptions store_options_;
-  registry::Identity identity_;
+  Identity identity_;
   std::unique_ptr<Registry> registry_;
 };
 

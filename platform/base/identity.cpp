@@ -1,73 +1,94 @@
 #include "base/identity.h"
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
-#include "base/name_service.h"
+namespace tkv {
+namespace {
+
+Status name_service_failed(const std::string& what, int error) {
+  if (error == ENOMEM) return PRTKV_OUT_OF_MEMORY;
+  return {PRTKV_UNKNOWN, what + " cannot be read: " + std::generic_category().message(error)};
+}
+
+// Appends the names of `ids`, leaving out repetitions of the first.
+Status append_group_names(const NameService& service, const std::vector<gid_t>& ids, std::vector<std::string>* names) {
+  for (std::size_t at = 0; at < ids.size(); ++at) {
+    if (at > 0 && ids[at] == ids[0]) continue;
+    std::string name;
+    if (const int error = find_group_name(service, ids[at], &name); error != 0) {
+      return name_service_failed("the name of group " + std::to_string(ids[at]), error);
+    }
+    names->push_back(std::move(name));
+  }
+  return {};
+}
+
+std::optional<uid_t> number_in(const std::string& text) {
+  constexpr uid_t kNobody = static_cast<uid_t>(-1);  // stands for "no user" in system calls
+  uid_t id = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+  if (error != std::errc() || end != text.data() + text.size() || id == kNobody) return std::nullopt;
+  return id;
+}
+
+// Looks up a user by name, then by number.
+int find_named_or_numbered(const NameService& service, const std::string& text, std::optional<UserRecord>* user) {
+  const int error = find_user(service, text, user);
+  const std::optional<uid_t> id = number_in(text);
+  return error != 0 || *user || !id ? error : find_user(service, *id, user);
+}
+
+}  // namespace
+
+const std::string& Identity::group() const {
+  static const std::string none;
+  return groups.empty() ? none : groups.front();
+}
+
+Status identity_of_process(Identity* identity, const NameService& service) {
+  Identity found;
+  const uid_t user = service.effective_user();
+  found.superuser = user == 0;
+  if (const int error = find_user_name(service, user, &found.user); error != 0) {
+    return name_service_failed("the name of user " + std::to_string(user), error);
+  }
+  std::vector<gid_t> groups;
+  if (const int error = find_process_groups(service, &groups); error != 0) {
+    return name_service_failed("the groups of the process", error);
+  }
+  if (Status status = append_group_names(service, groups, &found.groups); !status.ok()) return status;
+  *identity = std::move(found);
+  return {};
+}
+
+Status identity_of_user(const std::string& user, std::optional<Identity>* identity, const NameService& service) {
+  std::optional<UserRecord> record;
+  if (const int error = find_named_or_numbered(service, user, &record); error != 0) {
+    return name_service_failed("the record of user '" + user + "'", error);
+  }
+  std::optional<Identity> result;
+  if (record) {
+    result = Identity{record->name, {}, record->id == 0};
+    std::vector<gid_t> groups;
+    if (const int error = find_groups_of_user(service, *record, &groups); error != 0) {
+      return name_service_failed("the groups of user '" + user + "'", error);
+    }
+    if (Status status = append_group_names(service, groups, &result->groups); !status.ok()) return status;
+  } else if (const std::optional<uid_t> id = number_in(user)) {
+    result = Identity{std::to_string(*id), {}, *id == 0};
+  }
+  *identity = std::move(result);
+  return {};
+}
+
+}  // namespace tkv
 
 namespace tkv::registry {
 namespace {
-
-// What the name service answers for "no such entry", besides success with nothing found.
-bool means_absent(int error) {
-  return error == 0 || error == ENOENT || error == ESRCH || error == EBADF || error == EPERM;
-}
-
-Status name_service_failed(const char* what, unsigned id, int error) {
-  if (error == ENOMEM) return PRTKV_OUT_OF_MEMORY;
-  return {PRTKV_UNKNOWN, std::string("the name of ") + what + " " + std::to_string(id) +
-                             " cannot be read: " + std::generic_category().message(error)};
-}
-
-// The name that an entry has, its number when there is no such entry.
-template <typename Record, typename Ask>
-Status read_name(const char* what, unsigned id, Ask ask, char* Record::*field, std::string* name) {
-  *name = std::to_string(id);
-  bool is_found = false;
-  const int error = ask_name_service<Record>(ask, [&](const Record* found) {
-    is_found = found != nullptr;
-    if (is_found && found->*field != nullptr) *name = found->*field;
-  });
-  return is_found || means_absent(error) ? Status() : name_service_failed(what, id, error);
-}
-
-Status user_name(const IdentityCalls& calls, uid_t id, std::string* name) {
-  const auto ask = [&](passwd* record, char* buffer, std::size_t size, passwd** found) {
-    return calls.user_by_id(id, record, buffer, size, found);
-  };
-  return read_name<passwd>("user", id, ask, &passwd::pw_name, name);
-}
-
-Status group_name(const IdentityCalls& calls, gid_t id, std::string* name) {
-  const auto ask = [&](group* record, char* buffer, std::size_t size, group** found) {
-    return calls.group_by_id(id, record, buffer, size, found);
-  };
-  return read_name<group>("group", id, ask, &group::gr_name, name);
-}
-
-// The effective group first, then the others; the effective one may be among them.
-Status group_ids(const IdentityCalls& calls, std::vector<gid_t>* ids) {
-  while (true) {
-    const int count = calls.groups(0, nullptr);
-    int error = errno;
-    if (count >= 0) {
-      ids->assign(1 + static_cast<std::size_t>(count), calls.effective_group());
-      if (count == 0) return {};
-      const int read = calls.groups(count, ids->data() + 1);
-      error = errno;
-      if (read >= 0) {
-        ids->resize(1 + static_cast<std::size_t>(std::min(read, count)));
-        return {};
-      }
-      if (error == EINVAL) continue;  // the list grew between the two calls
-    }
-    return {PRTKV_UNKNOWN, "the groups of the process cannot be read: " + std::generic_category().message(error)};
-  }
-}
 
 Status set_field(char (&field)[TKV_NAME_SIZE], const char* what, const std::string& name) {
   if (name.size() > sizeof field) {
@@ -80,33 +101,6 @@ Status set_field(char (&field)[TKV_NAME_SIZE], const char* what, const std::stri
 }
 
 }  // namespace
-
-const std::string& Identity::group() const {
-  static const std::string none;
-  return groups.empty() ? none : groups.front();
-}
-
-const IdentityCalls& IdentityCalls::system() {
-  static const IdentityCalls calls{::geteuid, ::getegid, ::getgroups, ::getpwuid_r, ::getgrgid_r};
-  return calls;
-}
-
-Status identity_of_process(Identity* identity, const IdentityCalls& calls) {
-  Identity found;
-  const uid_t user = calls.effective_user();
-  found.superuser = user == 0;
-  if (Status status = user_name(calls, user, &found.user); !status.ok()) return status;
-  std::vector<gid_t> ids;
-  if (Status status = group_ids(calls, &ids); !status.ok()) return status;
-  for (std::size_t at = 0; at < ids.size(); ++at) {
-    if (at > 0 && ids[at] == ids[0]) continue;
-    std::string name;
-    if (Status status = group_name(calls, ids[at], &name); !status.ok()) return status;
-    found.groups.push_back(std::move(name));
-  }
-  *identity = std::move(found);
-  return {};
-}
 
 sec_attr default_security(const Identity& identity) {
   sec_attr security{};

@@ -1,43 +1,41 @@
-// Identity: on whose behalf a session acts.
+// Identity: the user and the groups on whose behalf a session acts.
 #ifndef TKV_PLATFORM_BASE_IDENTITY_H
 #define TKV_PLATFORM_BASE_IDENTITY_H
 
-#include <grp.h>
-#include <pwd.h>
-#include <sys/types.h>
-
-#include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "base/name_service.h"
 #include "base/status.h"
 #include "sec_attr.h"
 
-namespace tkv::registry {
+namespace tkv {
 
+// Users and groups are identified by name. One that has no name is identified by its number ("54321"), as is usual in a
+// container, where a process may run under a user id that no account has.
 struct Identity {
-  std::string user;                 // name of the effective user
-  std::vector<std::string> groups;  // names of all groups, the effective one first
-  bool superuser = false;           // may do everything
+  std::string user;                 // the effective user
+  std::vector<std::string> groups;  // all groups, the effective one first
+  bool superuser = false;           // uid 0: may do everything
 
-  const std::string& group() const;  // the effective group's name, "" when there is none
+  const std::string& group() const;  // the effective group, "" if there is none
 };
 
-// The calls that an identity is made of, for tests to stand in for the system.
-struct IdentityCalls {
-  uid_t (*effective_user)() = nullptr;
-  gid_t (*effective_group)() = nullptr;
-  int (*groups)(int size, gid_t list[]) = nullptr;
-  int (*user_by_id)(uid_t, passwd*, char* buffer, std::size_t size, passwd** found) = nullptr;
-  int (*group_by_id)(gid_t, group*, char* buffer, std::size_t size, group** found) = nullptr;
+// Reads the identity of the process: its effective user, and its effective and supplementary groups. Returns
+// PRTKV_UNKNOWN with the reason if the name service fails; `*identity` is then unchanged. Any thread may call.
+Status identity_of_process(Identity* identity, const NameService& service = NameService::system());
 
-  static const IdentityCalls& system();
-};
+// Reads the identity that a user would have, with all groups that the system's records give the user. `user` is a name
+// or a number; a number that no account has stands for a user without a name and without known groups. Succeeds with an
+// empty `*identity` if there is no such user. Returns PRTKV_UNKNOWN with the reason if the name service fails. Any
+// thread may call.
+Status identity_of_user(const std::string& user, std::optional<Identity>* identity,
+                        const NameService& service = NameService::system());
 
-// Reads the identity of the process: effective user, effective and supplementary groups, by the system's name service.
-// A user or group that has no name goes by its number, as in the listings of the system. Uid 0 is the superuser. 14
-// when the name service fails, with its reason. Any thread may call.
-Status identity_of_process(Identity* identity, const IdentityCalls& calls = IdentityCalls::system());
+}  // namespace tkv
+
+namespace tkv::registry {
 
 // The security record that this system gives keys for which nobody asked for another: they belong to the identity, and
 // others may read and list them.

@@ -1,12 +1,14 @@
-/* scls: the operating system's identity of this process.
+/* scls: the identity of this process in the operating system.
  *
  * Conventions
- *   Meta context. A block of scls_meta_query_size() bytes that the caller provides; it holds no resources, so it
- *                 needs no release.
- *   Errors.       0 for success; otherwise the code, and the caller's 256-byte error record says why. A null
- *                 error record is allowed.
- *   Names.        NUL-terminated within `capacity`; `*length` receives the length without the NUL. A name that does
- *                 not fit gives SCLS_NAME_TOO_LONG, and `*length` the length that it has.
+ *   Meta context. A block of scls_meta_query_size() bytes that the caller provides. It holds no resources and needs no
+ *                 release.
+ *   Errors.       Functions return SCLS_DONE, or another code with the reason in the caller's 256-byte error record.
+ *                 The error record may be null.
+ *   Names.        Users and groups are identified by name; one that has no name is identified by its decimal number,
+ *                 "54321". A name is written NUL-terminated if it fits in `capacity` bytes, and `*length` receives its
+ *                 length without the NUL. If it does not fit, the result is SCLS_NAME_TOO_LONG, and `*length` is still
+ *                 set.
  *   Threads.      Any thread may call.
  */
 #ifndef TKV_PLATFORM_SCLS_H
@@ -23,9 +25,9 @@ extern "C" {
 
 enum {
   SCLS_DONE = 0,
-  SCLS_INVALID_ARGUMENT = 1, /* null argument, unknown version or flags, a block that is no meta context */
-  SCLS_SYSTEM_FAILED = 2,    /* the name service failed or knows no such user; the record has errno */
-  SCLS_NO_PRIMARY_GROUP = 3, /* the process's group has no name */
+  SCLS_INVALID_ARGUMENT = 1, /* null argument, unknown version or flags, or not a meta context */
+  SCLS_SYSTEM_FAILED = 2,    /* the name service failed; the record holds its errno */
+  SCLS_NO_PRIMARY_GROUP = 3, /* for systems whose processes have no primary group; never returned on this one */
   SCLS_NAME_TOO_LONG = 4
 };
 
@@ -40,17 +42,17 @@ typedef struct scls_error {
 static_assert(sizeof(scls_error) == 256, "the error record is 256 bytes");
 static_assert(offsetof(scls_error, text) == 8, "text");
 
-/* Bytes of a meta context; 0 for a version other than SCLS_META_VERSION. */
+/* Returns the size of a meta context in bytes, or 0 if `version` is not SCLS_META_VERSION. */
 uint64_t scls_meta_query_size(int32_t version);
 
-/* Prepares a meta context. `flags` is 0. */
+/* Initialises a meta context. `flags` must be 0. */
 int32_t scls_meta_ctx_init(void *meta, void *error, uint32_t flags);
 
-/* Gives the name of the process's effective user. `flags` is 0. */
+/* Reads the name of the process's effective user. `flags` must be 0. */
 int32_t scls_idq_get_user_name(void *meta, void *error, uint32_t flags, char *name, uint64_t capacity,
                                uint64_t *length);
 
-/* Gives the name of the process's effective group. `flags` is 0. */
+/* Reads the name of the process's effective group. `flags` must be 0. */
 int32_t scls_idq_get_primary_privgrp_name(void *meta, void *error, uint32_t flags, char *name, uint64_t capacity,
                                           uint64_t *length);
 

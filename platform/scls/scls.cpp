@@ -1,7 +1,5 @@
 #include "scls.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -9,14 +7,10 @@
 #include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "scls/name_service.h"
+#include "scls/meta_context.h"
 
 namespace tkv::scls {
-
-const NameService system_name_service = {geteuid, getegid, getpwuid_r, getgrgid_r};
-
 namespace {
 
 struct MetaContext {
@@ -32,7 +26,7 @@ const MetaContext* meta_context_at(const void* meta) {
   return context != nullptr && context->mark == kMetaMark && context->version == SCLS_META_VERSION ? context : nullptr;
 }
 
-// Fills the caller's record, when there is one, and gives back the code.
+// Fills the caller's record if there is one. Returns `code`.
 __attribute__((format(printf, 4, 5))) std::int32_t report(void* error, std::int32_t code, int system_errno,
                                                           const char* format, ...) {
   if (error == nullptr) return code;
@@ -42,7 +36,7 @@ __attribute__((format(printf, 4, 5))) std::int32_t report(void* error, std::int3
   record->system_errno = system_errno;
   va_list arguments;
   va_start(arguments, format);
-  // A reason that is too long is cut. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it was started just now
+  // A reason that is too long is truncated. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
   static_cast<void>(std::vsnprintf(record->text, sizeof(record->text), format, arguments));
   va_end(arguments);
   return code;
@@ -53,33 +47,10 @@ std::int32_t succeed(void* error) {
   return SCLS_DONE;
 }
 
-// Ways in which name services say that they know no such entry.
-bool means_unknown(int result) { return result == 0 || result == ENOENT || result == ESRCH; }
-
-// Asks for an entry with a buffer that grows as the system wants, and gives errno, or 0. `*name` stays empty when there
-// is no such entry.
-template <typename Entry, typename Id>
-int look_up(int (*ask)(Id, Entry*, char*, std::size_t, Entry**), Id id, char* Entry::*field, std::string* name) {
-  constexpr std::size_t kLargestBuffer = std::size_t{64} << 20;
-  std::vector<char> buffer(1024);
-  for (;;) {
-    Entry entry{};
-    Entry* found = nullptr;
-    const int result = ask(id, &entry, buffer.data(), buffer.size(), &found);
-    if (result == EINTR) continue;
-    if (result == ERANGE && buffer.size() < kLargestBuffer) {
-      buffer.resize(buffer.size() * 2);
-      continue;
-    }
-    if (found != nullptr && found->*field != nullptr) *name = found->*field;
-    return result;
-  }
-}
-
 std::int32_t hand_over(void* error, std::string_view found, char* name, std::uint64_t capacity, std::uint64_t* length) {
   *length = found.size();
   if (found.size() >= capacity) {
-    return report(error, SCLS_NAME_TOO_LONG, 0, "the name has %zu bytes, more than there is room for", found.size());
+    return report(error, SCLS_NAME_TOO_LONG, 0, "the name has %zu bytes, which the buffer cannot hold", found.size());
   }
   std::memcpy(name, found.data(), found.size());
   name[found.size()] = '\0';
@@ -95,11 +66,9 @@ std::int32_t user_name(const NameService& service, void* error, char* name, std:
                        std::uint64_t* length) {
   const uid_t id = service.effective_user();
   std::string found;
-  const int result = look_up(service.user_entry, id, &passwd::pw_name, &found);
-  if (!means_unknown(result)) {
-    return report(error, SCLS_SYSTEM_FAILED, result, "user %u cannot be looked up: %s", id, reason(result).c_str());
+  if (const int failure = find_user_name(service, id, &found); failure != 0) {
+    return report(error, SCLS_SYSTEM_FAILED, failure, "user %u cannot be looked up: %s", id, reason(failure).c_str());
   }
-  if (found.empty()) return report(error, SCLS_SYSTEM_FAILED, result, "user %u has no name", id);
   return hand_over(error, found, name, capacity, length);
 }
 
@@ -107,11 +76,9 @@ std::int32_t group_name(const NameService& service, void* error, char* name, std
                         std::uint64_t* length) {
   const gid_t id = service.effective_group();
   std::string found;
-  const int result = look_up(service.group_entry, id, &group::gr_name, &found);
-  if (!means_unknown(result)) {
-    return report(error, SCLS_SYSTEM_FAILED, result, "group %u cannot be looked up: %s", id, reason(result).c_str());
+  if (const int failure = find_group_name(service, id, &found); failure != 0) {
+    return report(error, SCLS_SYSTEM_FAILED, failure, "group %u cannot be looked up: %s", id, reason(failure).c_str());
   }
-  if (found.empty()) return report(error, SCLS_NO_PRIMARY_GROUP, result, "group %u has no name", id);
   return hand_over(error, found, name, capacity, length);
 }
 
@@ -122,7 +89,7 @@ std::int32_t ask(Query query, const void* meta, void* error, std::uint32_t flags
   const MetaContext* context = meta_context_at(meta);
   if (context == nullptr) return report(error, SCLS_INVALID_ARGUMENT, 0, "no meta context");
   if (flags != 0) return report(error, SCLS_INVALID_ARGUMENT, 0, "unknown flags 0x%x", flags);
-  if (name == nullptr || length == nullptr) return report(error, SCLS_INVALID_ARGUMENT, 0, "no room for a name");
+  if (name == nullptr || length == nullptr) return report(error, SCLS_INVALID_ARGUMENT, 0, "no buffer for the name");
   try {
     return query(*context->service, error, name, capacity, length);
   } catch (const std::bad_alloc&) {
@@ -145,7 +112,7 @@ extern "C" uint64_t scls_meta_query_size(int32_t version) {
 extern "C" int32_t scls_meta_ctx_init(void* meta, void* error, uint32_t flags) {
   if (meta == nullptr) return tkv::scls::report(error, SCLS_INVALID_ARGUMENT, 0, "no block for a meta context");
   if (flags != 0) return tkv::scls::report(error, SCLS_INVALID_ARGUMENT, 0, "unknown flags 0x%x", flags);
-  tkv::scls::prepare_meta_context(meta, tkv::scls::system_name_service);
+  tkv::scls::prepare_meta_context(meta, tkv::NameService::system());
   return tkv::scls::succeed(error);
 }
 

@@ -93,6 +93,32 @@ class Asking(CommandTest):
 
 
 @unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
+class Nameless(CommandTest):
+    """A session under a user id and a group id without names, as is usual in a container."""
+
+    ID = 54321
+
+    def setUp(self):
+        super().setUp()
+        os.chown(self.folder, self.ID, self.ID)
+
+    def run_command(self, *arguments, prefix=(), **how):
+        prefix = ("setpriv", f"--reuid={self.ID}", f"--regid={self.ID}", "--clear-groups", *prefix)
+        return super().run_command(*arguments, prefix=prefix, **how)
+
+    def test_its_keys_belong_to_the_numbers(self):
+        self.tkv("set", "app", "v")
+        self.assertEqual(self.out("get", "app"), "v\n")
+        shown = json.loads(self.out("stat", "--json", "app"))
+        self.assertEqual((shown["owner"], shown["group"]), (str(self.ID), str(self.ID)))
+
+    def test_access_identifies_a_user_without_an_account_by_number(self):
+        self.tkv("create", "app", "--mode", "u=rw,g=l,o=c")
+        self.assertEqual(self.out("access", self.ID, "app"), "r-w-c-\n")
+        self.assertEqual(self.out("access", self.ID + 1, "app"), "----c-\n")
+
+
+@unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
 class AnotherUser(CommandTest):
     """The session of a user who shares the registry's files, but has not all rights within it."""
 

@@ -1,12 +1,13 @@
 #include <array>
+#include <optional>
 #include <vector>
 
+#include "base/identity.h"
 #include "characters.h"
 #include "context.h"
 #include "json.h"
 #include "masks.h"
 #include "registry/access.h"
-#include "user_identity.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
@@ -20,9 +21,17 @@ constexpr std::array<std::int32_t, 6> kRights{TKV_RIGHT_READ,     TKV_RIGHT_LIST
 struct Question {
   std::string name;
   sec_attr security{};
-  registry::Identity user;
+  Identity user;
   AccessReason reason;
 };
+
+Outcome find_user(const std::string& name, Identity* user) {
+  std::optional<Identity> found;
+  if (Status status = identity_of_user(name, &found); !status.ok()) return status;
+  if (!found) return {Exit::kNotFound, "there is no user '" + name + "' on this machine"};
+  *user = std::move(*found);
+  return {};
+}
 
 std::string named(std::string_view name) { return name.empty() ? "nobody" : "'" + std::string(name) + "'"; }
 
@@ -92,7 +101,7 @@ Outcome run_access(Context& context, const Arguments& arguments) {
     if (Outcome parsed = parse_rights(*arguments.need, &need); !parsed.ok()) return parsed;
   }
   if (Outcome given = key_name(*arguments.key, &question.name); !given.ok()) return given;
-  if (Outcome found = identity_of_user(*arguments.user, &question.user); !found.ok()) return found;
+  if (Outcome found = find_user(*arguments.user, &question.user); !found.ok()) return found;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   const Status read = context.registry().read(
       [&](registry::Reader& reader) { return reader.security(question.name, &question.security); });

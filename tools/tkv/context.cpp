@@ -21,9 +21,9 @@ Outcome Context::open(bool create, bool read_only) {
 
 Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
                       std::shared_ptr<registry::Registry>* registry) {
-  registry::Identity identity;
+  Identity identity;
   std::shared_ptr<store::Store> store;
-  if (Status status = registry::identity_of_process(&identity); !status.ok()) return status;
+  if (Status status = identity_of_process(&identity); !status.ok()) return status;
   if (!options.create && registry::is_absent(configuration)) {
     return {Exit::kNotFound, "there is no registry in " + configuration.locations.front() +
                                  "; tkv create, set, import and restore make one"};

@@ -13,7 +13,7 @@ Outcome NewKeySecurity::parse(const Arguments& arguments, NewKeySecurity* securi
   return arguments.mode ? Mode::parse(*arguments.mode, &security->mode_) : Outcome();
 }
 
-Outcome NewKeySecurity::make(const registry::Identity& identity, const sec_attr& parent, sec_attr* security) const {
+Outcome NewKeySecurity::make(const Identity& identity, const sec_attr& parent, sec_attr* security) const {
   *security = of_session(identity);
   if (inherits_) {
     const sec_attr own = *security;
@@ -25,7 +25,7 @@ Outcome NewKeySecurity::make(const registry::Identity& identity, const sec_attr&
   return ownership_.apply_to(security);
 }
 
-sec_attr NewKeySecurity::of_session(const registry::Identity& identity) {
+sec_attr NewKeySecurity::of_session(const Identity& identity) {
   sec_attr security = registry::default_security(identity);
   security.user_perm = TKV_RIGHT_ALL;
   security.group_perm = TKV_RIGHT_ALL;

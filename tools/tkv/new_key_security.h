@@ -20,10 +20,10 @@ class NewKeySecurity {
   bool inherits() const { return inherits_; }
 
   // `parent` is looked at with --inherit: its rights and group are the key's; others never inherit all rights.
-  Outcome make(const registry::Identity& identity, const sec_attr& parent, sec_attr* security) const;
+  Outcome make(const Identity& identity, const sec_attr& parent, sec_attr* security) const;
 
   // What entries of imports take when they say nothing.
-  static sec_attr of_session(const registry::Identity& identity);
+  static sec_attr of_session(const Identity& identity);
 
  private:
   bool asked_for_ = false;
