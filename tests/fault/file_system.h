@@ -1,5 +1,6 @@
-// Small file systems of a test's own: a tmpfs, or an ext4 in an image file. Mounted in a name space of this process, so
-// that they go away with it whatever happens. Only root can; others are told why.
+// Small file systems for tests: a tmpfs, or an ext4 in an image file. They are mounted in a mount namespace of this
+// process, so that they disappear with it whatever happens. Only root can mount them; `obstacle` says why others
+// cannot.
 #ifndef TKV_TESTS_FAULT_FILE_SYSTEM_H
 #define TKV_TESTS_FAULT_FILE_SYSTEM_H
 
@@ -41,12 +42,12 @@ class SmallFileSystem {
   SmallFileSystem(const SmallFileSystem&) = delete;
   SmallFileSystem& operator=(const SmallFileSystem&) = delete;
 
-  // Why there is none; empty when there is.
+  // Why there is no file system; empty if there is one.
   const std::string& obstacle() const { return obstacle_; }
   std::string path() const { return directory_ / "mounted"; }
   std::string operator/(const std::string& name) const { return path() + "/" + name; }
 
-  // Cuts the power: what was not made durable is lost with the next mounting. ext4 only.
+  // Simulates a power cut: what is not durable is lost at the next mount. ext4 only.
   bool cut_power() {
     const int root = open(path().c_str(), O_RDONLY | O_CLOEXEC);
     if (root < 0) return false;
@@ -63,7 +64,7 @@ class SmallFileSystem {
     return mounted_;
   }
 
-  // Takes all the room there is but `left` bytes; gives it back when called with nothing.
+  // Fills the file system up to `left` free bytes, or frees the space again if `left` is empty.
   void fill(std::optional<std::size_t> left) {
     const std::string ballast = *this / "ballast";
     std::filesystem::remove(ballast);

@@ -1,4 +1,4 @@
-// A disk without room gives 11, whatever LMDB calls it, and harms nothing.
+// A full disk yields PRTKV_STORAGE_FULL, whichever error LMDB returns, and harms nothing.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -26,7 +26,7 @@ class LmdbDiskFull : public ::testing::TestWithParam<SmallFileSystem::Kind> {
   LmdbOptions options_;
 };
 
-TEST_P(LmdbDiskFull, IsToldAndTheRegistryIsUnharmedAndWorksAgainWithRoom) {
+TEST_P(LmdbDiskFull, IsReportedAndTheRegistryWorksAgainOnceThereIsRoom) {
   const auto store = open_or_fail(options_);
   std::vector<std::pair<NodeId, std::string>> kept;
   Status status;
@@ -52,7 +52,7 @@ TEST_P(LmdbDiskFull, IsToldAndTheRegistryIsUnharmedAndWorksAgainWithRoom) {
   expect_sound(*store);
 }
 
-TEST_P(LmdbDiskFull, IsToldWhereverInAWriteTheRoomEnds) {
+TEST_P(LmdbDiskFull, IsReportedWhereverInAWriteTheDiskFillsUp) {
   const auto store = open_or_fail(options_);
   ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
   int refused = 0;
@@ -74,7 +74,7 @@ TEST_P(LmdbDiskFull, IsToldWhereverInAWriteTheRoomEnds) {
   expect_sound(*store);
 }
 
-TEST_P(LmdbDiskFull, AFreshRegistryLeavesNothingBehindAndComesAboutLater) {
+TEST_P(LmdbDiskFull, AFailedCreationLeavesNothingBehindAndSucceedsLater) {
   disk_.fill(0);
   std::shared_ptr<Store> store;
   const Status status = open_lmdb_store(options_, &store);

@@ -1,5 +1,5 @@
-// Several processes on one registry: none loses what it was told is written, whoever else writes, is killed, or cuts
-// the power.
+// Several processes on one registry: no acknowledged write is lost, whatever other processes write, whichever process
+// is killed, and even when the power fails.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -15,7 +15,7 @@
 namespace tkv::store {
 namespace {
 
-// A process that writes and, after each write that was acknowledged, sends a number through a pipe.
+// A process that writes, and sends a number through a pipe after each acknowledged write.
 class Writer {
  public:
   explicit Writer(const std::function<void(const std::function<void(int)>& acknowledge)>& body) {
@@ -34,7 +34,7 @@ class Writer {
   Writer(const Writer&) = delete;
   Writer& operator=(const Writer&) = delete;
 
-  // Waits for the next acknowledgement. False when there will be none, or none came within ten seconds.
+  // Waits for the next acknowledgement. Returns false at the end, or if none arrives within ten seconds.
   bool next(int* number) {
     struct pollfd waiting {
       pipe_[0], POLLIN, 0
@@ -61,7 +61,7 @@ class Writer {
   pid_t process_ = 0;
 };
 
-// Writes numbers from `first` on for ever: each as a key of its own, and as the value of the root.
+// Writes the numbers from `first` on, endlessly: each as a key of its own and as the value of the root.
 void write_numbers(const LmdbOptions& options, int first, const std::function<void(int)>& acknowledge) {
   std::shared_ptr<Store> store;
   if (!open_lmdb_store(options, &store).ok()) _exit(2);
@@ -83,7 +83,7 @@ class LmdbProcesses : public ::testing::Test {
  protected:
   LmdbProcesses() { options_.directory = directory_ / "registry"; }
 
-  // Whether number is there as write_numbers wrote it.
+  // The number must be there as write_numbers wrote it.
   static void expect_written(Store& store, int number) {
     Node node;
     const std::string name = std::to_string(number);
@@ -96,7 +96,7 @@ class LmdbProcesses : public ::testing::Test {
   LmdbOptions options_;
 };
 
-TEST_F(LmdbProcesses, TwoThatWriteAtOnceLoseNothing) {
+TEST_F(LmdbProcesses, TwoConcurrentWritersLoseNothing) {
   constexpr int kWrites = 150;
   { open_or_fail(options_); }
   const auto count_up = [&](char letter) {
@@ -127,12 +127,12 @@ TEST_F(LmdbProcesses, TwoThatWriteAtOnceLoseNothing) {
   EXPECT_EQ(expect_sound(*store).nodes, 2u * kWrites + 1);
 }
 
-TEST_F(LmdbProcesses, AKilledWriterLosesNothingThatItWasToldIsWritten) {
+TEST_F(LmdbProcesses, AKilledWriterLosesNoAcknowledgedWrite) {
   constexpr int kRounds = 100;
   std::vector<int> acknowledged;
   std::shared_ptr<Store> watching;
   for (int round = 0; round < kRounds; ++round) {
-    // In half of the rounds this process has the registry open all the time, as others would.
+    // In every other round this process keeps the registry open throughout.
     watching = round % 2 == 0 ? nullptr : open_or_fail(options_);
     Writer writer([&](const auto& acknowledge) { write_numbers(options_, round * 100'000, acknowledge); });
     int number = 0;
@@ -151,7 +151,7 @@ TEST_F(LmdbProcesses, AKilledWriterLosesNothingThatItWasToldIsWritten) {
   expect_sound(*store);
 }
 
-TEST_F(LmdbProcesses, APowerCutLosesNothingThatWasAcknowledged) {
+TEST_F(LmdbProcesses, APowerCutLosesNoAcknowledgedWrite) {
   SmallFileSystem disk(SmallFileSystem::Kind::kExt4, 16 * 1024 * 1024);
   if (!disk.obstacle().empty()) GTEST_SKIP() << disk.obstacle();
   options_.directory = disk / "registry";
@@ -165,7 +165,7 @@ TEST_F(LmdbProcesses, APowerCutLosesNothingThatWasAcknowledged) {
         acknowledged.push_back(number);
       }
       if (!disk.cut_power()) GTEST_SKIP() << "this kernel does not cut the power of an ext4";
-      while (writer.next(&number)) acknowledged.push_back(number);  // it ends at its first failure
+      while (writer.next(&number)) acknowledged.push_back(number);  // the writer ends at its first failure
     }
     ASSERT_TRUE(disk.remount()) << disk.obstacle();
     const auto store = open_or_fail(options_);

@@ -1,4 +1,4 @@
-// Where an embedded registry can be, how its files come about, and what is refused without being touched.
+// Where an embedded registry may be located, how its files are created, and what is refused and left untouched.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -40,7 +40,7 @@ class Umask {
   const mode_t former_;
 };
 
-// Acts as a user without rights for as long as it lives.
+// Switches to an unprivileged user for the lifetime of the object.
 class AsNobody {
  public:
   AsNobody() : switched_(geteuid() == 0 && seteuid(65534) == 0) {}
@@ -71,7 +71,7 @@ class LmdbDirectory : public ::testing::Test {
     EXPECT_NE(status.text().find(directory), std::string::npos) << status.text();
   }
 
-  // Refuses the file, whatever it is, and leaves it as it is.
+  // The file is refused and left as it is.
   void expect_file_refused(const std::string& part) {
     const std::string before = read_file(registry_ + "/data.mdb");
     expect_refused(registry_, PRTKV_STORAGE_FAILED, part);
@@ -82,7 +82,7 @@ class LmdbDirectory : public ::testing::Test {
   const std::string registry_ = temporary_ / "registry";
 };
 
-TEST_F(LmdbDirectory, IsMadeWithItsFilesForTheOwnerAlone) {
+TEST_F(LmdbDirectory, IsCreatedWithItsFilesForTheOwnerAlone) {
   for (const mode_t mask : {0, 022, 077, 0177, 0277}) {
     const Umask masked(mask);
     const std::string directory = registry_ + std::to_string(mask);
@@ -101,7 +101,7 @@ TEST_F(LmdbDirectory, HoldsNothingButTheTwoFiles) {
   EXPECT_EQ(names, (std::vector<std::string>{"data.mdb", "lock.mdb"}));
 }
 
-TEST_F(LmdbDirectory, ADirectoryThatIsThereKeepsItsMode) {
+TEST_F(LmdbDirectory, AnExistingDirectoryKeepsItsMode) {
   fs::create_directory(registry_);
   fs::permissions(registry_, fs::perms(0755));
   ASSERT_TRUE(open(registry_).ok());
@@ -111,7 +111,7 @@ TEST_F(LmdbDirectory, ADirectoryThatIsThereKeepsItsMode) {
 
 class LmdbGroup : public LmdbDirectory {
  protected:
-  // Root may give files to any group, others to their own.
+  // Root may assign any group; other users only their own.
   void SetUp() override {
     const gid_t gid = geteuid() == 0 ? 1 : getegid();
     const struct group* const entry = getgrgid(gid);
@@ -173,7 +173,7 @@ TEST_F(LmdbGroup, SharesWithoutLettingGoOfTheLocksThatThisProcessHolds) {
   const auto store = open_or_fail(options_);
   const auto opens_again = [&](View&) -> Status {
     open_or_fail(options_);
-    // Another process would take the place of this reader if its lock were gone.
+    // Another process would take this reader's slot if its lock were gone.
     EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "x").ok() ? 0 : 1; }), 0);
     return {};
   };
@@ -221,7 +221,7 @@ TEST_F(LmdbDirectory, AnotherUsersRegistryIsAccessDenied) {
   expect_refused(registry_, PRTKV_ACCESS_DENIED, "Permission denied");
 }
 
-TEST_F(LmdbDirectory, NothingIsMadeWhenNothingShallBe) {
+TEST_F(LmdbDirectory, NothingIsCreatedUnlessAllowed) {
   EXPECT_TRUE(open(registry_, false).is(PRTKV_STORAGE_FAILED));
   EXPECT_FALSE(fs::exists(registry_));
   fs::create_directory(registry_);
@@ -244,7 +244,7 @@ TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
   expect_file_refused("not a file of a registry");
 }
 
-TEST_F(LmdbDirectory, SomethingThatIsNoFileIsRefused) {
+TEST_F(LmdbDirectory, ADirectoryInPlaceOfAFileIsRefused) {
   fs::create_directories(registry_ + "/data.mdb");
   expect_refused(registry_, PRTKV_STORAGE_FAILED, "not a plain file");
 }
@@ -293,13 +293,13 @@ TEST_F(LmdbDirectory, ARegistryOfANewerFormatIsRefusedAndLeftAlone) {
   expect_file_refused("record of format version 2, and this release reads versions up to 1");
 }
 
-TEST_F(LmdbDirectory, HeadsWithImpossibleNumbersAreRefused) {
+TEST_F(LmdbDirectory, MetaPagesWithImpossibleNumbersAreRefused) {
   ASSERT_TRUE(open(registry_).ok());
   const std::string file = registry_ + "/data.mdb";
   const std::string sound = read_file(file);
   struct Case {
     const char* what;
-    std::size_t offset;  // in both heads
+    std::size_t offset;  // in both meta pages
     std::string bytes;
   };
   const Case cases[] = {
@@ -311,7 +311,7 @@ TEST_F(LmdbDirectory, HeadsWithImpossibleNumbersAreRefused) {
       {"map beyond any disk", 32, std::string(8, '\x7f')},
       {"free pages in a tree of another kind", 44, "\x44"},
       {"keys in a tree of another kind", 92, "\x04"},
-      {"head of the other's transactions", 144, "\x01"},
+      {"transaction number of the other meta page", 144, "\x01"},
   };
   for (const Case& damage : cases) {
     std::string bytes = sound;
@@ -322,8 +322,8 @@ TEST_F(LmdbDirectory, HeadsWithImpossibleNumbersAreRefused) {
   }
 }
 
-TEST_F(LmdbDirectory, ManyProcessesMayMakeItAtOnce) {
-  // All of them find one registry, and what each wrote is there.
+TEST_F(LmdbDirectory, ManyProcessesMayCreateItAtOnce) {
+  // They all use the same registry, and no write is lost.
   constexpr int kProcesses = 8;
   std::vector<pid_t> processes;
   for (int i = 0; i < kProcesses; ++i) {
@@ -413,11 +413,11 @@ INSTANTIATE_TEST_SUITE_P(
                       local(0xEF53, "ext4"), local(0x58465342L, "XFS"), local(0x9123683EL, "Btrfs"),
                       local(0x2FC12FC1L, "ZFS"), local(0x01021994L, "tmpfs"), local(0x794C7630L, "overlay")));
 
-// What a test's process finds on every machine. Root may write there as far as rights go.
+// These exist on every machine. As far as permissions go, root may write there.
 TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
   for (const char* directory : {"/proc", "/proc/registry", "/sys/registry"}) {
     const Status status = check_lmdb_directory(directory);
-    if (geteuid() == 0 && !status.is(PRTKV_ACCESS_DENIED)) {  // unless it is mounted to be read only
+    if (geteuid() == 0 && !status.is(PRTKV_ACCESS_DENIED)) {  // unless it is mounted read-only
       EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
       EXPECT_NE(status.text().find("pseudo file system"), std::string::npos) << status.text();
     }
@@ -429,7 +429,7 @@ TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
   }
 }
 
-TEST(LmdbFileSystemCheck, AFileSystemThatCannotBeAskedIsAFailure) {
+TEST(LmdbFileSystemCheck, AFailingStatfsIsReported) {
   const TemporaryDirectory directory;
   const auto type_of = [](const char*, long*) { return EIO; };
   EXPECT_TRUE(check_directory(directory.path(), type_of).is(PRTKV_STORAGE_FAILED));

@@ -10,9 +10,9 @@ namespace {
 
 struct Row {
   int code;
-  int error_number;  // errno, where it tells
+  int error_number;  // errno as the call left it
   prtkv_result result;
-  const char* text;  // a part of the text
+  const char* text;  // part of the message
 };
 
 constexpr Row kRows[] = {
@@ -43,7 +43,7 @@ constexpr Row kRows[] = {
 
 class LmdbError : public ::testing::TestWithParam<Row> {};
 
-TEST_P(LmdbError, BecomesTheRegistrysResult) {
+TEST_P(LmdbError, HasItsResultAndMessage) {
   const Row& row = GetParam();
   const Status status = lmdb_status(LmdbOutcome{row.code, row.error_number}, "cannot do it");
   EXPECT_EQ(status.code(), row.result);
@@ -55,11 +55,11 @@ TEST_P(LmdbError, BecomesTheRegistrysResult) {
 
 INSTANTIATE_TEST_SUITE_P(Rows, LmdbError, ::testing::ValuesIn(kRows));
 
-TEST(LmdbErrorOfAReadingCall, IsTakenAtItsWord) {
+TEST(LmdbErrorOfAReadingCall, IsNotMistakenForAFullDisk) {
   EXPECT_TRUE(lmdb_status(EIO, "cannot read").is(PRTKV_STORAGE_FAILED));
 }
 
-TEST(LmdbErrorOutcome, HoldsErrnoAsTheCallLeftIt) {
+TEST(LmdbErrorOutcome, KeepsErrnoAsTheCallLeftIt) {
   errno = EPERM;
   EXPECT_EQ(lmdb_outcome([] { return EIO; }).error_number, 0);
   EXPECT_EQ(lmdb_outcome([] { return errno = EIO; }).error_number, EIO);

@@ -1,4 +1,4 @@
-// What tests do to the files of an embedded registry behind its back, and in other processes.
+// Access to the files of an embedded registry from behind its back, and to the registry from other processes.
 #ifndef TKV_TESTS_PLATFORM_LMDB_FILES_H
 #define TKV_TESTS_PLATFORM_LMDB_FILES_H
 
@@ -29,13 +29,13 @@ inline void write_file(const std::string& path, std::string_view bytes) {
   file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-// Replaces every occurrence of `pattern` by as many bytes of `replacement`. Returns how many there were.
+// Replaces every occurrence of `pattern` with as many bytes of `replacement`. Returns the number of occurrences.
 inline int replace_in_file(const std::string& path, std::string_view pattern, std::string_view replacement) {
   std::string bytes = read_file(path);
   int count = 0;
   for (std::size_t at = 0; (at = bytes.find(pattern, at)) != std::string::npos; at += pattern.size(), ++count)
     bytes.replace(at, pattern.size(), replacement);
-  std::FILE* const file = std::fopen(path.c_str(), "r+b");  // in place: who has it open sees it
+  std::FILE* const file = std::fopen(path.c_str(), "r+b");  // in place, so that open sessions see it
   std::fwrite(bytes.data(), 1, bytes.size(), file);
   std::fclose(file);
   return count;
@@ -58,8 +58,8 @@ inline void with_plain_lmdb(const std::string& directory, const std::function<vo
 
 inline MDB_val val_of(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
 
-// Runs `child` in a forked process and gives back its exit status: what `child` returned, 128 and the signal's number
-// when one ended it, 100 after an exception.
+// Runs `child` in a forked process and returns its exit status: the return value of `child`, 128 plus the number of the
+// signal that ended it, or 100 after an exception.
 inline int in_child(const std::function<int()>& child) {
   const pid_t process = fork();
   if (process == 0) {
@@ -104,7 +104,7 @@ inline std::string text_of(Store& store, NodeId id = kRootNode) {
   return text;
 }
 
-// Checks the whole registry, which must be sound.
+// Checks the whole registry and fails the test on any finding.
 inline Totals expect_sound(Store& store) {
   Totals totals;
   const Status status = store.check(

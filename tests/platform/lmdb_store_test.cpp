@@ -57,7 +57,7 @@ TEST_F(Lmdb, ReopenedStoreKeepsCommittedValues) {
   EXPECT_EQ(expect_sound(*store).nodes, 2u);
 }
 
-// The files of a directory that this process has open.
+// The number of files in a directory that this process has open.
 int open_files_below(const std::string& directory) {
   int count = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -135,7 +135,7 @@ TEST_F(Lmdb, AStoreOpenedForReadingRefusesToWriteAndReadsOn) {
   EXPECT_EQ(text_of(*reader, kRootNode), "text");
 }
 
-TEST_F(Lmdb, AFileThatMayOnlyBeReadCanBeRead) {
+TEST_F(Lmdb, AReadOnlyFileCanBeRead) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   ASSERT_TRUE(set_text(*open(), kRootNode, "text").ok());
   fs::permissions(temporary_.path(), fs::perms(0755));
@@ -153,7 +153,7 @@ TEST_F(Lmdb, AFileThatMayOnlyBeReadCanBeRead) {
             0);
 }
 
-TEST_F(Lmdb, AChildAnswersThatItInheritedTheStoreAndCanOpenItAnew) {
+TEST_F(Lmdb, AForkedChildMustOpenTheStoreAgain) {
   auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "parent").ok());
   EXPECT_EQ(
@@ -192,7 +192,7 @@ TEST_F(Lmdb, AForkInTheMiddleOfAReadLeavesTheParentsReadAlone) {
     if (child == 0) return {};  // ends the transaction that it inherited
     int ended = 0;
     EXPECT_EQ(waitpid(child, &ended, 0), child);
-    // With this reader's place lost, another process would now overwrite what it reads.
+    // If this reader had lost its slot, another process would now overwrite the pages it reads.
     const auto overwrite = [&] {
       const auto own = open();
       for (int i = 0; i < 20; ++i)
@@ -314,7 +314,7 @@ TEST_F(Lmdb, ALargeWriteCanBeUndoneByAnother) {
 
 // Growth
 
-TEST_F(Lmdb, ACheckTellsHowFarItIs) {
+TEST_F(Lmdb, ACheckReportsItsProgress) {
   const auto store = open();
   for (int number = 0; number < 50; ++number) {
     NodeId id = kNoNode;
@@ -506,7 +506,7 @@ TEST_F(LmdbGrowth, WithoutAddressSpaceTheFormerMapStays) {
 
 // Readers that die
 
-TEST_F(Lmdb, MoreReadersThanThereArePlacesAreToldSoAndReadAgainLater) {
+TEST_F(Lmdb, MoreReadersThanSlotsAreRefusedAndCanReadLater) {
   const auto store = open();
   int depth = 0;
   const std::function<Status(View&)> deeper = [&](View&) -> Status {
@@ -521,7 +521,7 @@ TEST_F(Lmdb, MoreReadersThanThereArePlacesAreToldSoAndReadAgainLater) {
   ASSERT_TRUE(set_text(*store, kRootNode, "x").ok());
 }
 
-// Takes `count` of the readers' places and dies in the middle of reading.
+// Occupies `count` reader slots and dies while reading.
 void die_reading(const LmdbOptions& options, int count) {
   EXPECT_EQ(in_child([&] {
               const auto store = open_or_fail(options);
@@ -535,7 +535,7 @@ void die_reading(const LmdbOptions& options, int count) {
             128 + SIGKILL);
 }
 
-TEST_F(Lmdb, PlacesOfDeadReadersAreTakenOverWhenThereAreNoOthers) {
+TEST_F(Lmdb, SlotsOfDeadReadersAreReusedWhenNoneAreFree) {
   const auto store = open();
   die_reading(options_, 1000);
   int depth = 0;
@@ -546,7 +546,7 @@ TEST_F(Lmdb, PlacesOfDeadReadersAreTakenOverWhenThereAreNoOthers) {
   EXPECT_EQ(depth, 500);
 }
 
-TEST_F(Lmdb, DeadReadersKeepTheFileFromGrowingNoLongerThanToTheNextOpening) {
+TEST_F(Lmdb, TheNextOpeningClearsTheSlotsOfDeadReaders) {
   { const auto store = open(); }
   die_reading(options_, 1);
   const auto store = open();

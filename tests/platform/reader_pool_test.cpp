@@ -11,7 +11,7 @@
 namespace tkv::store {
 namespace {
 
-TEST(ReaderPool, AThreadFindsTheSlotThatItUsedLast) {
+TEST(ReaderPool, AThreadGetsTheSlotItUsedLast) {
   ReaderPool pool;
   ReaderSlot& first = pool.claim(false);
   pool.release(first);
@@ -20,14 +20,14 @@ TEST(ReaderPool, AThreadFindsTheSlotThatItUsedLast) {
   pool.release(second);
 }
 
-TEST(ReaderPool, NoSlotIsGivenTwiceHoweverManyReadersThereAre) {
+TEST(ReaderPool, NoSlotIsClaimedTwiceHoweverManyReadersThereAre) {
   ReaderPool pool;
   std::set<ReaderSlot*> claimed;
   for (int i = 0; i < 200; ++i) EXPECT_TRUE(claimed.insert(&pool.claim(i > 0)).second);
   for (ReaderSlot* slot : claimed) pool.release(*slot);
 }
 
-TEST(ReaderPool, TheMapIsOnesOwnWhileNoSlotIsClaimed) {
+TEST(ReaderPool, NoReaderRunsWhileTheMapIsHeldExclusively) {
   ReaderPool pool;
   std::atomic<int> readers{0};
   std::atomic<bool> stop{false};
@@ -49,7 +49,7 @@ TEST(ReaderPool, TheMapIsOnesOwnWhileNoSlotIsClaimed) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(ReaderPool, ShortReadersGoOnWhileALongOneIsWaitedFor) {
+TEST(ReaderPool, ShortReadersContinueWhileALongReaderIsAwaited) {
   ReaderPool pool;
   pool.begin_long();
   ReaderSlot& held = pool.claim(false);
@@ -65,9 +65,9 @@ TEST(ReaderPool, ShortReadersGoOnWhileALongOneIsWaitedFor) {
   EXPECT_TRUE(alone);
 }
 
-TEST(ReaderPool, TheGateOpensAgainAfterAnException) {
+TEST(ReaderPool, AnExceptionReopensTheGate) {
   ReaderPool pool;
-  EXPECT_THROW(pool.with_no_readers([] { throw std::runtime_error("no memory, say"); }), std::runtime_error);
+  EXPECT_THROW(pool.with_no_readers([] { throw std::runtime_error("out of memory"); }), std::runtime_error);
   pool.begin_long();
   pool.release(pool.claim(false));
   pool.end_long();

@@ -1,5 +1,5 @@
-// What LMDB cannot go on with: a page that contradicts itself. LMDB would end the process; here it is an exception,
-// which the store's entry points turn into 7.
+// A failed assertion inside LMDB, which means that a page contradicts itself. By default LMDB would abort the process;
+// throw_lmdb_assertion raises an exception instead, and the store's entry points turn it into PRTKV_STORAGE_FAILED.
 #ifndef TKV_PLATFORM_STORE_LMDB_ASSERTION_H
 #define TKV_PLATFORM_STORE_LMDB_ASSERTION_H
 

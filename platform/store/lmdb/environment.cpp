@@ -20,11 +20,11 @@
 namespace tkv::store {
 namespace {
 
-constexpr unsigned kMaxReaders = 1022;  // in all processes; LMDB's table of them is one file of 64 KiB
+constexpr unsigned kMaxReaders = 1022;  // of all processes together; LMDB's lock file then has 64 KiB
 constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
 constexpr std::size_t kMapUnit = std::size_t{64} << 10;  // a multiple of every page size
-constexpr std::uint64_t kPagesToCheck = 4096;  // when it is opened; with more, a check of the whole registry does
+constexpr std::uint64_t kPagesToCheck = 4096;            // larger files are not checked when they are opened
 static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses");
 
 std::atomic<unsigned> fork_generation{0};
@@ -40,8 +40,8 @@ bool address_space_left(std::size_t size) {
 
 }  // namespace
 
-// The environments of this process. A fork empties the child's table: what was open there is left as it is, since
-// closing it would take the parent's place among the readers away.
+// The environments of this process. A fork empties the child's table without closing the environments, since closing
+// them would free the parent's reader slots.
 struct EnvironmentTable {
   std::mutex mutex;
   std::vector<Environment*> open;
@@ -51,7 +51,7 @@ struct EnvironmentTable {
     return table;
   }
 
-  Environment* find(const Environment::Identity& directory) const {
+  Environment* find(const FileIdentity& directory) const {
     const auto found = std::find_if(open.begin(), open.end(), [&](const Environment* environment) {
       return environment->directory_identity_ == directory;
     });
@@ -81,12 +81,12 @@ Status Environment::acquire(const LmdbOptions& options, Held* environment) {
     return lmdb_status(error, "cannot open the registry in '" + options.directory + "'");
   }
   if (Environment* const open = table.find({directory.st_dev, directory.st_ino}); open != nullptr) {
-    if (open->file_identity_ != Identity{file.st_dev, file.st_ino}) {
+    if (open->file_identity_ != FileIdentity{file.st_dev, file.st_ino}) {
       return {PRTKV_STORAGE_FAILED,
               "the registry's file in '" + options.directory + "' was replaced while this process had it open"};
     }
     if (open->read_only_ && !options.read_only)
-      return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' may only be read"};
+      return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' is open for reading only"};
     ++open->users_;
     environment->reset(open);
     return {};
@@ -94,7 +94,7 @@ Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   return open_anew(options, table, environment);
 }
 
-// Whatever goes wrong on the way, nothing stays open: a second opening of the files would lose LMDB's locks.
+// Leaves nothing open on failure: a later opening would then be the second one, and closing it would lose LMDB's locks.
 Status Environment::open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment) {
   struct Delete {
     void operator()(Environment* failed) const { delete failed; }
@@ -132,7 +132,7 @@ Environment::~Environment() {
 Status Environment::check_process() const {
   if (fork_generation_ == fork_generation.load(std::memory_order_relaxed)) return {};
   return {PRTKV_STORAGE_FAILED,
-          "the registry in '" + directory_ + "' was opened before this process was forked: open it anew"};
+          "the registry in '" + directory_ + "' was opened before this process was forked; open it again"};
 }
 
 Status Environment::failure(LmdbOutcome outcome, const char* doing) const {
@@ -157,7 +157,7 @@ Status Environment::open(bool read_only) {
   return status;
 }
 
-// The size that was configured; else room to double at least once.
+// The configured size, or else enough for the file to double at least once.
 std::size_t Environment::map_size_to_open() const {
   if (fixed_map_size_ != 0) return (std::max(fixed_map_size_, std::uint64_t{1}) + kMapUnit - 1) / kMapUnit * kMapUnit;
   struct stat file {};
@@ -200,7 +200,7 @@ void Environment::close_files() {
 
 Status Environment::check_contents() try {
   if (Status status = extend_short_file(); !status.ok()) return status;
-  // Time and again, while others write faster than this process looks.
+  // A check is outdated if other processes have meanwhile reused the pages of its snapshot.
   bool outdated = true;
   for (int attempt = 0; outdated && attempt < 10; ++attempt)
     if (Status status = check_state(&outdated); !status.ok()) return status;
@@ -228,9 +228,9 @@ Status Environment::check_state(bool* outdated) {
   return find_meta(txn, &meta).about("the file in '" + directory_ + "'");
 }
 
-// LMDB need not write the last pages of its file when they are free. Reading beyond the end of a file would end the
-// process, and a file that was cut off looks just the same: so it is given the size that it should have. What is
-// missing then reads as zeroes, which no record and no page is. Under the write lock: nobody else writes meanwhile.
+// LMDB need not write the last pages of its file if they are free, so the file may be shorter than its meta page says.
+// A truncated file looks the same, and reading beyond its end would raise SIGBUS. The file is therefore extended: the
+// missing part reads as zeroes, which are neither a valid page nor a valid record. The write lock keeps others out.
 Status Environment::extend_short_file() {
   int file_handle = -1;
   struct stat file {};
@@ -246,7 +246,8 @@ Status Environment::extend_short_file() {
   if (!too_short()) return {};
   if (read_only_) {
     return {PRTKV_STORAGE_FAILED,
-            "the registry's file in '" + directory_ + "' is shorter than it says, and cannot be extended to be read"};
+            "the registry's file in '" + directory_ +
+                "' is shorter than its meta page says, and cannot be extended without write access"};
   }
   MDB_txn* txn = nullptr;
   if (const int code = mdb_txn_begin(env_, nullptr, 0, &txn); code != 0)
@@ -265,7 +266,7 @@ int Environment::renew(ReaderSlot& slot) {
   return mdb_txn_begin(env_, nullptr, MDB_RDONLY, &slot.txn);
 }
 
-// After a reader failed to begin: makes that it can try again, or gives the reason why it cannot.
+// Called when a read transaction could not begin. Returns success if the caller should try again.
 Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
   constexpr unsigned kAttempts = 4;
   if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
@@ -283,9 +284,9 @@ Status Environment::follow_growth(std::uint64_t remaps) {
   return remaps_ == remaps ? remap(0) : Status();
 }
 
-// Slots of LMDB's table of readers: those of processes that died, then those that idle threads of this one keep.
+// Frees slots in LMDB's reader table: those of dead processes, or else those kept by idle threads of this process.
 Status Environment::free_reader_slots(bool nested) {
-  ReaderSlot& held = readers_.claim(nested);  // env_ stays as it is meanwhile
+  ReaderSlot& held = readers_.claim(nested);  // keeps env_ open
   int dead_readers = 0;
   const int code = env_ == nullptr ? MDB_PANIC : mdb_reader_check(env_, &dead_readers);
   if (code == 0 && dead_readers == 0) {
@@ -299,17 +300,17 @@ Status Environment::free_reader_slots(bool nested) {
 }
 
 Status Environment::grow() {
-  // Readers that died keep pages from being used again; with them gone there may be room enough.
+  // Dead readers keep pages from being reused. Without them there may be enough room.
   int dead_readers = 0;
   if (mdb_reader_check(env_, &dead_readers) == 0 && dead_readers > 0) return {};
   MDB_envinfo info{};
   mdb_env_info(env_, &info);
   const std::uint64_t size = info.me_mapsize;
-  const std::string subject = "the registry in '" + directory_ + "' is " + std::to_string(size) + " bytes large";
-  if (fixed_map_size_ != 0) return {PRTKV_STORAGE_FULL, subject + ", which is all that map_size lets it have"};
-  if (size > kLargestMapSize / 2) return {PRTKV_STORAGE_FULL, subject + " and cannot grow any more"};
+  const std::string subject = "the registry in '" + directory_ + "' is " + std::to_string(size) + " bytes in size";
+  if (fixed_map_size_ != 0) return {PRTKV_STORAGE_FULL, subject + ", the limit set by map_size"};
+  if (size > kLargestMapSize / 2) return {PRTKV_STORAGE_FULL, subject + " and cannot grow any further"};
   if (!address_space_left(size * 2))
-    return {PRTKV_OUT_OF_MEMORY, subject + ", and this process has no address space for twice as much"};
+    return {PRTKV_OUT_OF_MEMORY, subject + ", and this process lacks the address space to double it"};
   return remap(size * 2);
 }
 
@@ -320,7 +321,7 @@ Status Environment::remap(std::size_t size) {
     code = mdb_env_set_mapsize(env_, size);
     ++remaps_;
   });
-  return code == 0 ? Status() : reopen();  // LMDB has given up the former map
+  return code == 0 ? Status() : reopen();  // LMDB has already unmapped the old map
 }
 
 Status Environment::reopen() {
@@ -353,7 +354,7 @@ ReadTransaction::ReadTransaction(Environment& environment, Length length)
       running_(&environment, Running::Kind::kReading) {}
 
 ReadTransaction::~ReadTransaction() {
-  // In a child that was forked meanwhile the transaction is the parent's, and the locks may be held for ever.
+  // In a child forked meanwhile, the transaction belongs to the parent and locks may never be released.
   if (environment_.fork_generation_ != fork_generation) return;
   if (slot_ != nullptr) {
     mdb_txn_reset(slot_->txn);
@@ -401,7 +402,8 @@ Status WriteTransaction::begin() {
 }
 
 LmdbOutcome WriteTransaction::commit() {
-  const LmdbOutcome outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // thrown out of: left to be aborted
+  const LmdbOutcome outcome =
+      lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // if it throws, txn_ is still to be aborted
   txn_ = nullptr;
   return outcome;
 }

@@ -1,9 +1,10 @@
-// Environment: the one LMDB environment that this process has open on a directory, and its transactions.
+// Environment: this process's only LMDB environment on a directory, and its transactions.
 //
-// LMDB's locks belong to the process: opening the files twice and closing them once would lose them. So all stores of
-// a process that are opened on one directory take part in one environment, which ends with the last of them.
+// LMDB's file locks belong to the process: closing a second descriptor of the lock file would release them. All stores
+// that a process opens on one directory therefore share one environment, which is closed with the last of them.
 //
-// An environment does not outlive a fork in the child: there, every operation fails with 7 and closing does nothing.
+// An environment cannot be used in a forked child: every operation returns PRTKV_STORAGE_FAILED, and closing it does
+// nothing.
 #ifndef TKV_PLATFORM_STORE_LMDB_ENVIRONMENT_H
 #define TKV_PLATFORM_STORE_LMDB_ENVIRONMENT_H
 
@@ -25,10 +26,17 @@ namespace tkv::store {
 
 struct EnvironmentTable;
 
+// Identifies a file or directory for as long as it exists.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
 class Environment {
  public:
-  // Finds or opens the environment of options.directory, whose files are ready, and takes part in it until what is held
-  // goes away. Of several that are opened on one directory, the first one's map_size holds for all.
+  // Opens the environment of options.directory, whose files must exist, or shares the one that this process already has
+  // open. The last `Held` that is destroyed closes it. The map_size of the first opening applies to all.
   struct Release {
     void operator()(Environment* environment) const { release(environment); }
   };
@@ -38,26 +46,19 @@ class Environment {
   Environment(const Environment&) = delete;
   Environment& operator=(const Environment&) = delete;
 
-  // 7 in a process that was forked from the one that opened the environment.
+  // Returns PRTKV_STORAGE_FAILED in a process that was forked from the one that opened the environment.
   Status check_process() const;
 
-  // Translates how an LMDB call ended; as lmdb_status.
+  // Translates the result of an LMDB call like lmdb_status, adding the directory to the message.
   Status failure(LmdbOutcome outcome, const char* doing) const;
   Status failure(int code, const char* doing) const;
 
   const std::string& directory() const { return directory_; }
-  bool read_only() const { return read_only_; }
 
  private:
   friend class ReadTransaction;
   friend class WriteTransaction;
   friend struct EnvironmentTable;
-
-  struct Identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool operator==(const Identity&) const = default;
-  };
 
   explicit Environment(const LmdbOptions& options);
   ~Environment();
@@ -76,7 +77,7 @@ class Environment {
   Status follow_growth(std::uint64_t remaps);
   Status free_reader_slots(bool nested);
 
-  // For the holder of write_mutex_, outside transactions.
+  // The caller holds write_mutex_ and has no transaction open.
   Status grow();
   Status remap(std::size_t size);
   Status reopen();
@@ -89,20 +90,20 @@ class Environment {
   const mode_t file_mode_;
   const unsigned fork_generation_;
   bool read_only_ = false;
-  Identity directory_identity_;
-  Identity file_identity_;
-  int directory_handle_ = -1;  // keeps the directory's inode from being given to another
+  FileIdentity directory_identity_;
+  FileIdentity file_identity_;
+  int directory_handle_ = -1;  // held open so that the directory's inode number is not reused
   std::size_t users_ = 0;      // guarded by the table of environments
 
-  // Read by those who hold a reader slot or write_mutex_, changed with neither held by anybody else.
+  // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
-  std::atomic<std::uint64_t> remaps_{0};  // how often the map was replaced
+  std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
-  std::mutex write_mutex_;  // held by the thread of this process that writes, or replaces the map
+  std::mutex write_mutex_;  // held by the thread of this process that writes or replaces the map
 };
 
-// What this thread is doing with environments, so that a function that uses the store that runs it is refused or let
-// through instead of waiting for itself.
+// Records on the stack which transactions this thread has open, so that a function that calls back into the store that
+// runs it is refused or let through instead of deadlocking.
 class Running {
  public:
   enum class Kind { kReading, kWriting };
@@ -122,7 +123,7 @@ class Running {
   Running* const outer_;
 };
 
-// A read transaction, from begin() to the end of its life, on one state of the registry.
+// A read transaction: one state of the registry, from begin() until destruction.
 class ReadTransaction {
  public:
   enum class Length { kShort, kLong };
@@ -140,11 +141,11 @@ class ReadTransaction {
   const bool nested_;
   const bool wants_long_;
   const Running running_;
-  bool long_ = false;  // announced as a long reader
+  bool long_ = false;  // announced to the pool as a long reader
   ReaderSlot* slot_ = nullptr;
 };
 
-// The right to write: one thread at a time in this process, and with begin() one in all processes.
+// A write transaction. The object itself is exclusive in this process; begin() makes it exclusive on the node.
 class WriteTransaction {
  public:
   explicit WriteTransaction(Environment& environment);
@@ -156,7 +157,7 @@ class WriteTransaction {
   LmdbOutcome commit();
   void abort();
 
-  // After a failure for want of room in the map: enlarges it, or says why that cannot be. Then begin() again.
+  // Enlarges the map after MDB_MAP_FULL, or returns why that is impossible. On success, call begin() again.
   Status make_room();
 
   MDB_txn* txn() const { return txn_; }

@@ -1,4 +1,4 @@
-// What LMDB's and the system's error codes mean to the registry.
+// Translation of LMDB codes and errno values into the registry's results.
 #ifndef TKV_PLATFORM_STORE_LMDB_ERROR_H
 #define TKV_PLATFORM_STORE_LMDB_ERROR_H
 
@@ -9,7 +9,7 @@
 
 namespace tkv::store {
 
-// How an LMDB call ended that may have written to the file: its code, and errno when it returned.
+// The result of an LMDB call that may have written to the file: its return code, and errno as the call left it.
 struct LmdbOutcome {
   int code;
   int error_number;
@@ -23,11 +23,11 @@ LmdbOutcome lmdb_outcome(Call call) {
   return {code, error_number};
 }
 
-// Translates an LMDB code or errno. `doing` begins the text ("cannot commit in '/srv/registry'").
+// Translates an LMDB code or errno. `doing` is the beginning of the message ("cannot commit in '/srv/registry'").
 Status lmdb_status(int code, const std::string& doing);
 
-// The same for calls that may write. LMDB says EIO both of a disk that fails and of a write that was cut short for want
-// of room; but only of the first does the system set errno.
+// The same for calls that may write. LMDB returns EIO both for a failing disk and for a short write on a full disk, but
+// the system sets errno only in the first case.
 Status lmdb_status(LmdbOutcome outcome, const std::string& doing);
 
 }  // namespace tkv::store

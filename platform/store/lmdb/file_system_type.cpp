@@ -13,7 +13,7 @@ struct KnownType {
 constexpr FileSystem network(const char* name) { return {FileSystemKind::kNetwork, name}; }
 constexpr FileSystem pseudo(const char* name) { return {FileSystemKind::kPseudo, name}; }
 
-// By name where the kernel's header has one; the others are from their makers' headers.
+// Constants of <linux/magic.h> where it has one; the other numbers come from the file systems' own headers.
 constexpr KnownType kKnownTypes[] = {
     {NFS_SUPER_MAGIC, network("NFS")},
     {SMB_SUPER_MAGIC, network("SMB")},

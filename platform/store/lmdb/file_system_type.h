@@ -1,24 +1,24 @@
-// Which kinds of file systems there are, as far as an embedded registry is concerned.
+// Classification of file systems: which of them can hold an embedded registry.
 #ifndef TKV_PLATFORM_STORE_LMDB_FILE_SYSTEM_TYPE_H
 #define TKV_PLATFORM_STORE_LMDB_FILE_SYSTEM_TYPE_H
 
 namespace tkv::store {
 
 enum class FileSystemKind {
-  kLocal,    // of this machine, or not known to be anything else
-  kNetwork,  // several machines may be at it
-  kPseudo    // the kernel's own view of itself, where nobody's files are kept
+  kLocal,    // used by this machine only, or unknown
+  kNetwork,  // may be mounted by several machines
+  kPseudo    // an interface to the kernel that stores no files
 };
 
 struct FileSystem {
   FileSystemKind kind = FileSystemKind::kLocal;
-  const char* name = nullptr;  // as people call it; null for local ones
+  const char* name = nullptr;  // for messages; null for local file systems
 };
 
-// What a number of statfs's f_type stands for.
+// Classifies the f_type of statfs.
 //
-// LMDB's locks and its map are memory that processes share, which they only do on one machine. FUSE is among the
-// network file systems because nothing tells whether a server stands behind it.
+// LMDB's locks and its map are shared memory, so all processes must run on one machine. FUSE counts as a network file
+// system because there is no way to tell whether a remote server is behind it.
 FileSystem file_system_of_type(long type);
 
 }  // namespace tkv::store

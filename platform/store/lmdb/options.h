@@ -10,12 +10,12 @@
 namespace tkv::store {
 
 struct LmdbOptions {
-  std::string directory;             // absolute; created (its last level) when absent and `create` is set
-  std::uint64_t map_size = 0;        // bytes that the file may grow to; 0: it grows as it has to
-  std::uint64_t first_map_size = 0;  // with no map_size: the map to begin with, doubled when full; 0: the default
-  std::string group;                 // group that shares directory and file; empty: only the owner
-  bool create = true;                // make a fresh registry when there is none
-  bool create_parents = false;       // and the directories above it that are missing, for the owner alone
+  std::string directory;             // absolute; its last level is created if absent and `create` is set
+  std::uint64_t map_size = 0;        // upper limit of the file's size in bytes; 0: grows on demand
+  std::uint64_t first_map_size = 0;  // without map_size: the initial map size, doubled when full; 0: the default
+  std::string group;                 // the group that shares the directory and its files; empty: the owner alone
+  bool create = true;                // create a fresh registry if there is none
+  bool create_parents = false;       // also create missing parent directories, accessible to the owner alone
   bool read_only = false;
   sec_attr root_security{};  // security record of a fresh registry's root
 };

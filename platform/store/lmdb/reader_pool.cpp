@@ -3,7 +3,7 @@
 namespace tkv::store {
 namespace {
 
-// Threads begin their search at different slots, so that each usually finds the one that it used last.
+// Threads start their search at different slots, so that each usually gets the slot it used last.
 std::size_t first_choice() {
   static std::atomic<std::size_t> next_thread{0};
   thread_local const std::size_t kChoice = next_thread.fetch_add(1, std::memory_order_relaxed);
@@ -25,8 +25,8 @@ ReaderPool::~ReaderPool() {
   }
 }
 
-// A claim is visible before the gate is looked at, and the gate is closed before claims are looked at, all in one
-// order: either the reader sees the gate closed, or whoever closes it sees the reader.
+// The reader publishes its claim and then checks the gate; the closing thread closes the gate and then checks the
+// claims. With sequential consistency, either the reader sees the closed gate or the closing thread sees the claim.
 ReaderSlot& ReaderPool::claim(bool nested) {
   for (;;) {
     ReaderSlot& slot = claim_free();
@@ -79,7 +79,7 @@ void ReaderPool::close_gate() {
     long_changed_.wait(lock, [this] { return long_readers_ == 0; });
   }
   closed_.store(1);
-  // A reader that comes now claims a slot for a moment, until it has seen the gate, and touches nothing in it.
+  // A reader that arrives now claims a slot only until it sees the closed gate, and does not touch its contents.
   for_each([](ReaderSlot& slot) { slot.busy.wait(1); });
 }
 

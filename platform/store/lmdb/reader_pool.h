@@ -1,12 +1,13 @@
-// ReaderPool: who reads the map right now.
+// ReaderPool: the readers of the map in this process.
 //
-// Each reader claims a slot for as long as it reads, and finds in it the read transaction that the slot's last reader
-// left there. Whoever must have the map to himself, to unmap it, closes the gate and waits until no slot is claimed.
+// A reader claims a slot while it reads. The slot keeps the read transaction of its previous reader for reuse. A thread
+// that needs the map exclusively (to remap it) closes the gate and waits until no slot is claimed.
 //
-// Readers do not wait for each other, nor for anybody while the gate is open: claiming is one compare-and-swap on a
-// slot that usually only this thread uses. Nothing is allocated unless more readers are at work than ever before.
+// Readers never wait for each other, and never wait at all while the gate is open: claiming is one compare-and-swap on
+// a slot that usually no other thread uses. Memory is allocated only when the number of concurrent readers exceeds its
+// previous maximum.
 //
-// All functions may be called by many threads at once, `with_no_readers` by one.
+// Every function may be called from any number of threads, except `with_no_readers`, whose callers must be serialised.
 #ifndef TKV_PLATFORM_STORE_LMDB_READER_POOL_H
 #define TKV_PLATFORM_STORE_LMDB_READER_POOL_H
 
@@ -23,11 +24,11 @@
 
 namespace tkv::store {
 
-// A reader's place, on a cache line of its own. All but `busy` belongs to whoever claimed it.
+// A slot occupies its own cache line. All members but `busy` belong to the reader that has claimed it.
 struct alignas(64) ReaderSlot {
   std::atomic<std::uint32_t> busy{0};
   MDB_txn* txn = nullptr;             // reset, ready to be renewed; null: none yet
-  std::uint64_t structure_state = 0;  // the state of the registry that `structure` was read from, 0: none
+  std::uint64_t structure_state = 0;  // the LMDB transaction whose state `structure` was read from, 0: none
   std::uint64_t structure = 0;
 };
 
@@ -38,23 +39,23 @@ class ReaderPool {
   ReaderPool(const ReaderPool&) = delete;
   ReaderPool& operator=(const ReaderPool&) = delete;
 
-  // Waits while the gate is closed. `nested`: this thread has a slot already, and is let through a closed gate, which
-  // whoever closed it is waiting to see released.
+  // Waits while the gate is closed. `nested` means that this thread has already claimed a slot: it passes the closed
+  // gate, because the thread that closed it is waiting for that slot.
   ReaderSlot& claim(bool nested);
   void release(ReaderSlot& slot);
 
-  // Announces a reader that may take long. Taken before claiming, given back after releasing.
+  // Announces a reader that may take long. Called before claim() and after release().
   void begin_long();
   void end_long();
 
-  // Runs `function` while no slot is claimed. Short readers go on until the last long one has ended, and only then
-  // wait themselves. The calling thread must have no slot.
+  // Runs `function` while no slot is claimed. Short readers are held up only after the last long reader has finished.
+  // The calling thread must not have claimed a slot.
   void with_no_readers(FunctionRef<void()> function);
 
-  // Calls `function` with each slot that is free, and keeps readers out of that slot meanwhile.
+  // Calls `function` with each free slot in turn, which no reader can claim meanwhile.
   void for_each_free(FunctionRef<void(ReaderSlot&)> function);
 
-  // Calls `function` with each slot. For use within with_no_readers and when there are no users left.
+  // Calls `function` with each slot. Only within with_no_readers, or when there are no readers left.
   void for_each(FunctionRef<void(ReaderSlot&)> function);
 
  private:
@@ -74,7 +75,7 @@ class ReaderPool {
   std::mutex long_mutex_;
   std::condition_variable long_changed_;
   std::size_t long_readers_ = 0;  // guarded by long_mutex_
-  bool closing_ = false;          // guarded by long_mutex_: no further long reader
+  bool closing_ = false;          // guarded by long_mutex_: no new long readers
 };
 
 }  // namespace tkv::store
