@@ -1,7 +1,7 @@
-# What the build needs from the system. Nothing is optional by detection: what is missing is an error that names its
-# Debian package.
+# What the build needs from the system. Nothing is detected as optional: a missing dependency is an error that names the
+# Debian package to install.
 
-# tkv_require(target library header package): an imported target for a C library.
+# tkv_require(target library header package): imports a C library as tkv_ext::target.
 function(tkv_require target library header package)
   find_library(${target}_LIBRARY ${library})
   find_path(${target}_INCLUDE ${header})
@@ -13,7 +13,7 @@ function(tkv_require target library header package)
                         INTERFACE_INCLUDE_DIRECTORIES ${${target}_INCLUDE})
 endfunction()
 
-# The JDK is found from its compiler: machines without the default-java link have nothing else to go by.
+# The JDK is located through its compiler: find_package(JNI) needs JAVA_HOME on machines without the default-java link.
 if(DEFINED ENV{JAVA_HOME} AND NOT JAVA_HOME)
   set(JAVA_HOME $ENV{JAVA_HOME})
 endif()
@@ -33,7 +33,13 @@ find_package(JNI REQUIRED)
 find_package(Java 17 REQUIRED COMPONENTS Development)
 include(UseJava)
 
-# Only the headers: a JVM loads the library, never the other way round.
+# The command that compiles Java, with the options that all of it shares.
+set(TKV_COMPILE_JAVA ${Java_JAVAC_EXECUTABLE} -encoding UTF-8 --release 17)
+if(TKV_WERROR)
+  list(APPEND TKV_COMPILE_JAVA -Werror)
+endif()
+
+# Headers only: the JVM loads libtkv.so, which must not link with libjvm.
 add_library(tkv_jni INTERFACE)
 target_include_directories(tkv_jni SYSTEM INTERFACE ${JAVA_INCLUDE_PATH} ${JAVA_INCLUDE_PATH2})
 

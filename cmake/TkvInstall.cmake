@@ -1,4 +1,5 @@
-# What `make install` puts in place: libraries, jar, headers, command, man pages, and what other builds find them by.
+# What `make install` installs: libraries, jar, headers, command, manual pages, and the files by which CMake and
+# pkg-config find them.
 include(CMakePackageConfigHelpers)
 
 set(TKV_INSTALL_JAR ${CMAKE_INSTALL_DATADIR}/java)
@@ -13,17 +14,19 @@ install(FILES ${TKV_JAR} DESTINATION ${TKV_INSTALL_JAR})
 install(DIRECTORY platform/if/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv FILES_MATCHING PATTERN "*.h")
 install(FILES framework/tkv/if/tkv.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tkv)
 
-# The command knows its manual and its completions.
+# The command itself writes its manual pages and completions.
 set(manuals ${PROJECT_BINARY_DIR}/manuals)
 add_custom_command(
   OUTPUT ${manuals}/tkv.1 ${manuals}/tkv.conf.5 ${manuals}/tkv.bash ${manuals}/_tkv ${manuals}/tkv.fish
   COMMAND ${CMAKE_COMMAND} -E make_directory ${manuals}
-  COMMAND tkv_command help --man >${manuals}/tkv.1
-  COMMAND tkv_command help --man-conf >${manuals}/tkv.conf.5
-  COMMAND tkv_command completion bash >${manuals}/tkv.bash
-  COMMAND tkv_command completion zsh >${manuals}/_tkv
-  COMMAND tkv_command completion fish >${manuals}/tkv.fish
-  COMMENT "Writing the manual pages")
+  COMMAND tkv_command help --man > ${manuals}/tkv.1
+  COMMAND tkv_command help --man-conf > ${manuals}/tkv.conf.5
+  COMMAND tkv_command completion bash > ${manuals}/tkv.bash
+  COMMAND tkv_command completion zsh > ${manuals}/_tkv
+  COMMAND tkv_command completion fish > ${manuals}/tkv.fish
+  DEPENDS tkv_command
+  COMMENT "Writing the manual pages and completions"
+  VERBATIM)
 add_custom_target(tkv_manuals ALL DEPENDS ${manuals}/tkv.1)
 install(FILES ${manuals}/tkv.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${manuals}/tkv.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
@@ -39,7 +42,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/tkvConfigVersion.cmake CO
 install(FILES ${PROJECT_BINARY_DIR}/tkvConfig.cmake ${PROJECT_BINARY_DIR}/tkvConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
 
-# Relative to the file itself, so that what is installed can be moved.
+# The prefix is relative to the .pc file, so that an installed tree can be moved.
 file(RELATIVE_PATH TKV_PREFIX_FROM_PKGCONFIG /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/tkv.pc.in ${PROJECT_BINARY_DIR}/tkv.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tkv.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
