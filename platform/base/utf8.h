@@ -1,9 +1,10 @@
-// UTF-8 and the JVM's modified UTF-8 to UTF-16, and back.
+// UTF-8, the JVM's modified UTF-8, and UTF-16.
 //
-// Both spellings are understood at once: sequences of four bytes, surrogates of three bytes each, and C0 80 for NUL. A
-// managed string may hold a surrogate without its partner, and modified UTF-8 carries it, so that it is understood as
-// well. Everything else is ill-formed: stray and missing continuation bytes, longer forms than needed, numbers above
-// U+10FFFF.
+// Modified UTF-8 differs from UTF-8 in two ways: it writes U+0000 as the two bytes C0 80, and each character above
+// U+FFFF as two surrogates of three bytes each. A Java string may contain a surrogate without its partner, and modified
+// UTF-8 can represent it.
+//
+// Conversions that return a string throw std::bad_alloc; nothing else here allocates. Any thread may call.
 #ifndef TKV_PLATFORM_BASE_UTF8_H
 #define TKV_PLATFORM_BASE_UTF8_H
 
@@ -13,22 +14,46 @@
 #include <string>
 #include <string_view>
 
-namespace tkv::lx {
+namespace tkv {
+
+enum class Utf8 {
+  standard,  // UTF-8: shortest forms only, no surrogates, nothing above U+10FFFF
+  modified,  // modified UTF-8: no zero byte, no sequences of four bytes
+  either     // any mixture of both
+};
+
+struct Utf8Character {
+  std::uint32_t code_point = 0;  // U+FFFD if ill-formed
+  std::size_t size = 0;          // in bytes; 0 if the first byte does not begin a well-formed character
+};
+
+// Decodes the first character of `text`, which must not be empty. A pair of surrogates is one character of six bytes.
+Utf8Character decode_utf8(std::string_view text, Utf8 form);
+
+bool is_utf8(std::string_view text, Utf8 form);
+
+// Writes characters above U+FFFF as pairs of surrogates, or pairs of surrogates as four bytes. All other bytes are
+// copied unchanged, well-formed or not, NUL in either form included.
+std::string modified_from_utf8(std::string_view text);
+std::string utf8_from_modified(std::string_view text);
 
 enum class IllFormed {
-  reject,  // the text is refused
+  reject,  // the conversion fails
   replace  // each ill-formed byte becomes U+FFFD
 };
 
-// Converts to UTF-16 and gives the number of code units, which never exceeds the number of bytes. With a null `to` it
-// only counts; otherwise it writes at most `capacity` units and stops before the character that does not fit. Nothing
-// when `ill_formed` is `reject` and a byte that it came to is ill-formed.
+// Converts either form of UTF-8 to UTF-16 and returns the number of code units, which never exceeds the number of
+// bytes. If `to` is null, only counts; otherwise writes at most `capacity` units and stops before the character that
+// does not fit. Returns nullopt if `ill_formed` is `reject` and an ill-formed byte was reached.
 std::optional<std::size_t> utf8_to_utf16(std::string_view from, std::uint16_t* to, std::size_t capacity,
                                          IllFormed ill_formed);
 
-// Converts to UTF-8 proper. Nothing when the text has a surrogate without its partner.
+// Converts to standard UTF-8. Returns nullopt if the text contains a surrogate without its partner.
 std::optional<std::string> utf16_to_utf8(std::u16string_view from);
 
-}  // namespace tkv::lx
+constexpr bool is_high_surrogate(std::uint32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
+constexpr bool is_low_surrogate(std::uint32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+
+}  // namespace tkv
 
 #endif

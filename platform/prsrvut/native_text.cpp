@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "base/utf8.h"
 #include "lx/charset.h"
 #include "lx/process_locale.h"
 
@@ -13,7 +14,7 @@ namespace tkv::prsrvut {
 namespace {
 
 bool splits_pair(std::u16string_view text, std::size_t at) {
-  return at > 0 && at < text.size() && (text[at - 1] & 0xFC00) == 0xD800 && (text[at] & 0xFC00) == 0xDC00;
+  return at > 0 && at < text.size() && is_high_surrogate(text[at - 1]) && is_low_surrogate(text[at]);
 }
 
 // The longest beginning of `text`, in whole characters, that takes at most `room` bytes. Beginnings are converted anew,

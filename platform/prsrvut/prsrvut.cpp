@@ -105,7 +105,7 @@ void set_flag(JNIEnv* env, jobject result, const char* method, bool value) {
 
 jstring new_string(JNIEnv* env, std::string_view text) {
   Buffer<jchar, kShortText> units(text.size());
-  const auto count = lx::utf8_to_utf16(text, units.data(), text.size(), lx::IllFormed::replace);
+  const auto count = utf8_to_utf16(text, units.data(), text.size(), IllFormed::replace);
   if (!count || *count > INT32_MAX) return nullptr;
   return env->NewString(units.data(), static_cast<jsize>(*count));
 }

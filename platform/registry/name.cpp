@@ -3,7 +3,8 @@
 #include <string.h>
 
 #include <algorithm>
-#include <cstdint>
+
+#include "base/utf8.h"
 
 namespace tkv::registry {
 namespace {
@@ -19,14 +20,12 @@ unsigned char byte_at(std::string_view text, std::size_t at) {
 
 bool is_trail(unsigned char byte) { return (byte & 0xc0) == 0x80; }
 
-// Bytes of the character at `at`, 0 when it is not well-formed modified UTF-8 or stands for NUL.
+// The size of the character at `at`, 0 if it is not well-formed modified UTF-8 or is NUL.
 std::size_t character_size(std::string_view text, std::size_t at) {
   const unsigned char first = byte_at(text, at);
-  const unsigned char second = byte_at(text, at + 1);
-  if (first < 0x80) return first == 0 ? 0 : 1;
-  if (first >= 0xc2 && first <= 0xdf) return is_trail(second) ? 2 : 0;
-  if ((first & 0xf0) != 0xe0 || !is_trail(second) || !is_trail(byte_at(text, at + 2))) return 0;
-  return first == 0xe0 && second < 0xa0 ? 0 : 3;
+  if (first < 0x80) return first == 0 ? 0 : 1;  // nearly every character
+  const Utf8Character character = decode_utf8(text.substr(at), Utf8::modified);
+  return character.code_point == 0 ? 0 : character.size;
 }
 
 std::size_t last_separator(std::string_view name) {
@@ -60,38 +59,6 @@ std::string_view ending(std::string_view text, std::size_t size) {
   std::size_t at = text.size() - size;
   while (at < text.size() && is_trail(byte_at(text, at))) ++at;
   return text.substr(at);
-}
-
-void append_three_bytes(std::uint32_t unit, std::string* out) {
-  out->push_back(static_cast<char>(0xe0 | unit >> 12));
-  out->push_back(static_cast<char>(0x80 | (unit >> 6 & 0x3f)));
-  out->push_back(static_cast<char>(0x80 | (unit & 0x3f)));
-}
-
-void append_four_bytes(std::uint32_t character, std::string* out) {
-  out->push_back(static_cast<char>(0xf0 | character >> 18));
-  append_three_bytes(character & 0x3ffff, out);
-  // The lead byte of three carries what is a trail byte in four.
-  char& second = (*out)[out->size() - 3];
-  second = static_cast<char>(0x80 | (character >> 12 & 0x3f));
-}
-
-// The character of the four bytes at `at`, 0 when they are none.
-std::uint32_t four_byte_character(std::string_view text, std::size_t at) {
-  if ((byte_at(text, at) & 0xf8) != 0xf0) return 0;
-  std::uint32_t character = byte_at(text, at) & 0x07U;
-  for (std::size_t next = at + 1; next < at + 4; ++next) {
-    if (!is_trail(byte_at(text, next))) return 0;
-    character = character << 6 | (byte_at(text, next) & 0x3fU);
-  }
-  return character >= 0x10000 && character <= 0x10ffff ? character : 0;
-}
-
-// The surrogate of the three bytes at `at`, 0 when they are none.
-std::uint32_t surrogate_at(std::string_view text, std::size_t at) {
-  if (byte_at(text, at) != 0xed || !is_trail(byte_at(text, at + 1)) || !is_trail(byte_at(text, at + 2))) return 0;
-  const std::uint32_t unit = 0xd000U | (byte_at(text, at + 1) & 0x3fU) << 6 | (byte_at(text, at + 2) & 0x3fU);
-  return unit >= 0xd800 ? unit : 0;
 }
 
 }  // namespace
@@ -173,38 +140,6 @@ std::string describe(std::string_view name) {
     text.append(beginning(name, kShownEnd)).append("...").append(ending(name, kShownEnd));
   }
   return text.append("'");
-}
-
-std::string modified_from_utf8(std::string_view text) {
-  std::string name;
-  name.reserve(text.size());
-  for (std::size_t at = 0; at < text.size();) {
-    const std::uint32_t character = four_byte_character(text, at);
-    if (character == 0) {
-      name.push_back(text[at++]);
-      continue;
-    }
-    append_three_bytes(0xd800 | (character - 0x10000) >> 10, &name);
-    append_three_bytes(0xdc00 | (character & 0x3ff), &name);
-    at += 4;
-  }
-  return name;
-}
-
-std::string utf8_from_modified(std::string_view name) {
-  std::string text;
-  text.reserve(name.size());
-  for (std::size_t at = 0; at < name.size();) {
-    const std::uint32_t high = surrogate_at(name, at);
-    const std::uint32_t low = high == 0 || high >= 0xdc00 ? 0 : surrogate_at(name, at + 3);
-    if (low < 0xdc00) {
-      text.push_back(name[at++]);
-      continue;
-    }
-    append_four_bytes(0x10000 + ((high & 0x3ff) << 10 | (low & 0x3ff)), &text);
-    at += 6;
-  }
-  return text;
 }
 
 }  // namespace tkv::registry

@@ -3,8 +3,7 @@
 // A level is 1 to 264 bytes of well-formed modified UTF-8 without "." and NUL (in either of its forms: the byte 0 and
 // the two bytes that modified UTF-8 writes for U+0000). A full name has at most 64 levels and 1,023 bytes.
 //
-// Nothing here allocates, but for the texts of failures and the two conversions at the end. All functions are pure:
-// any thread may call them.
+// Nothing here allocates except the texts of failures. All functions are pure; any thread may call them.
 #ifndef TKV_PLATFORM_REGISTRY_NAME_H
 #define TKV_PLATFORM_REGISTRY_NAME_H
 
@@ -61,11 +60,6 @@ class FullName {
 // How texts for people call a key: "key 'a.b'", "the root key". A name that would drown the text is shown by its two
 // ends.
 std::string describe(std::string_view name);
-
-// Conversions for whoever talks UTF-8 with people: modified UTF-8 writes characters above U+FFFF as two surrogates of
-// three bytes each. What is not well-formed passes unchanged, so that check_name sees it.
-std::string modified_from_utf8(std::string_view text);
-std::string utf8_from_modified(std::string_view name);
 
 }  // namespace tkv::registry
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-using tkv::lx::IllFormed;
-using tkv::lx::utf8_to_utf16;
+using tkv::IllFormed;
+using tkv::utf8_to_utf16;
 
 void require(bool claim) {
   if (!claim) std::abort();
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // What is well-formed is the same either way, and comes back through UTF-8 proper.
   const auto strict = utf8_to_utf16(bytes, nullptr, 0, IllFormed::reject);
   if (strict) require(*strict == *needed);
-  const auto proper = tkv::lx::utf16_to_utf8(std::u16string(whole.begin(), whole.end()));
+  const auto proper = tkv::utf16_to_utf8(std::u16string(whole.begin(), whole.end()));
   if (proper) {
     require(decode(*proper, *needed) == whole);
     require(utf8_to_utf16(*proper, nullptr, 0, IllFormed::reject) == *needed);

@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "base/utf8.h"
 #include "lx/charset.h"
 #include "lx/process_locale.h"
 #include "temporary_directory.h"
@@ -26,7 +25,6 @@ using namespace std::string_view_literals;
 using tkv::lx::Charset;
 using tkv::lx::charset_of_locale;
 using tkv::lx::charset_of_process;
-using tkv::lx::IllFormed;
 
 // The variables that name the process's character set, as a test sets them and as they were before it.
 class Environment {
@@ -460,31 +458,6 @@ TEST(Lx, RefusesArgumentsThatItCannotUse) {
   EXPECT_EQ(lxgt2u(units, 4, "a", handle.charset(), 1, 1, handle.get()), -1);
   EXPECT_EQ(lxgt2u(units, 4, nullptr, handle.charset(), 0, 0, handle.get()), 0);
   EXPECT_EQ(lxgt2u(units, 4, "", handle.charset(), 0, 0, handle.get()), 0);
-}
-
-TEST(LxUtf8, ReplacesEachIllFormedByte) {
-  const struct {
-    std::string bytes;
-    std::u16string units;
-  } kRows[] = {
-      {"a\xFFz", u"a\uFFFDz"},
-      {"\x80\x80", u"\uFFFD\uFFFD"},
-      {"\xE3\x81", u"\uFFFD\uFFFD"},
-      {"\xE3\x81z", u"\uFFFD\uFFFDz"},
-      {"\xF0\x9F\x98", u"\uFFFD\uFFFD\uFFFD"},
-      {"\xF0\x9F\x98\xC3\xA4", u"\uFFFD\uFFFD\uFFFD\u00E4"},
-      {"\xC0\x81", u"\uFFFD\uFFFD"},
-      {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
-      {"12345678\xC3", u"12345678\uFFFD"},
-  };
-  for (const auto& row : kRows) {
-    std::u16string units(row.bytes.size(), u'x');
-    std::vector<std::uint16_t> to(row.bytes.size());
-    const auto count = tkv::lx::utf8_to_utf16(row.bytes, to.data(), to.size(), IllFormed::replace);
-    ASSERT_TRUE(count.has_value());
-    EXPECT_EQ(std::u16string(to.begin(), to.begin() + static_cast<std::ptrdiff_t>(*count)), row.units);
-    EXPECT_EQ(tkv::lx::utf8_to_utf16(row.bytes, nullptr, 0, IllFormed::replace), row.units.size());
-  }
 }
 
 }  // namespace

@@ -122,19 +122,5 @@ TEST(Names, TextsShowALongNameByItsEnds) {
   EXPECT_EQ((cut.size() - 5 - 3 - 1) % 3, 0U) << "a character was cut in two";
 }
 
-TEST(Names, PeoplesUtf8GoesBothWays) {
-  const std::string smile = "a\xf0\x9f\x98\x80.\xe2\x82\xac";
-  const std::string modified = modified_from_utf8(smile);
-  EXPECT_EQ(modified, "a\xed\xa0\xbd\xed\xb8\x80.\xe2\x82\xac");
-  EXPECT_TRUE(check_name(modified).ok());
-  EXPECT_EQ(utf8_from_modified(modified), smile);
-  EXPECT_EQ(modified_from_utf8("\xf4\x8f\xbf\xbf"), "\xed\xaf\xbf\xed\xbf\xbf");  // U+10FFFF
-  EXPECT_EQ(utf8_from_modified("\xed\xaf\xbf\xed\xbf\xbf"), "\xf4\x8f\xbf\xbf");
-  for (const char* odd : {"\xf0\x9f\x98", "\xed\xa0\xbd", "\xed\xb8\x80\xed\xa0\xbd", "\xf5\x80\x80\x80", "\xff"}) {
-    EXPECT_EQ(modified_from_utf8(odd), odd);
-    EXPECT_EQ(utf8_from_modified(odd), odd);
-  }
-}
-
 }  // namespace
 }  // namespace tkv::registry

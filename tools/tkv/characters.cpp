@@ -1,10 +1,10 @@
 #include "characters.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
-#include "registry/name.h"
+#include "base/utf8.h"
 
 namespace tkv::command {
 namespace {
@@ -12,37 +12,12 @@ namespace {
 constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::string_view kStoredNul = "\xc0\x80";
 
-struct Character {
-  std::uint32_t code = 0;
-  std::size_t size = 0;  // 0: not well-formed
-};
-
 unsigned byte_at(std::string_view text, std::size_t at) {
   return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
-std::size_t size_by_first(unsigned first) {
-  if (first < 0x80) return 1;
-  if (first >= 0xc2 && first <= 0xdf) return 2;
-  if (first >= 0xe0 && first <= 0xef) return 3;
-  if (first >= 0xf0 && first <= 0xf4) return 4;
-  return 0;
-}
-
-Character character_at(std::string_view text, std::size_t at) {
-  const unsigned first = byte_at(text, at);
-  const std::size_t size = size_by_first(first);
-  if (size < 2) return {first, size};
-  std::uint32_t code = first & (0xffU >> (size + 1));
-  for (std::size_t each = 1; each < size; ++each) {
-    const unsigned byte = byte_at(text, at + each);
-    if ((byte & 0xc0) != 0x80) return {};
-    code = code << 6 | (byte & 0x3f);
-  }
-  constexpr std::array<std::uint32_t, 5> kSmallest{0, 0, 0x80, 0x800, 0x10000};
-  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-  if (code < kSmallest[size] || code > 0x10ffff || surrogate) return {};
-  return {code, size};
+Utf8Character character_at(std::string_view text, std::size_t at) {
+  return decode_utf8(text.substr(at), Utf8::standard);
 }
 
 std::string replaced(std::string_view text, std::string_view from, std::string_view to) {
@@ -84,21 +59,14 @@ bool is_blank(char letter) { return letter == ' ' || letter == '\n' || letter ==
 
 }  // namespace
 
-bool is_utf8(std::string_view text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t size = character_at(text, at).size;
-    if (size == 0) return false;
-    at += size;
-  }
-  return true;
-}
+bool is_utf8(std::string_view text) { return is_utf8(text, Utf8::standard); }
 
 std::string stored_from_utf8(std::string_view text) {
-  return replaced(registry::modified_from_utf8(text), std::string_view("\0", 1), kStoredNul);
+  return replaced(modified_from_utf8(text), std::string_view("\0", 1), kStoredNul);
 }
 
 std::string utf8_for_people(std::string_view bytes) {
-  return replaced(registry::utf8_from_modified(bytes), kStoredNul, std::string_view("\0", 1));
+  return replaced(utf8_from_modified(bytes), kStoredNul, std::string_view("\0", 1));
 }
 
 std::optional<std::string> utf8_from_stored(std::string_view bytes) {
@@ -111,7 +79,7 @@ std::string safe(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   for (std::size_t at = 0; at < text.size();) {
-    const Character character = character_at(text, at);
+    const Utf8Character character = character_at(text, at);
     if (character.size == 0) {
       char raw[8];
       static_cast<void>(std::snprintf(raw, sizeof raw, "\\x%02x", byte_at(text, at)));
@@ -119,8 +87,8 @@ std::string safe(std::string_view text) {
       ++at;
       continue;
     }
-    if (changes_terminal(character.code)) {
-      result += escaped(character.code);
+    if (changes_terminal(character.code_point)) {
+      result += escaped(character.code_point);
     } else {
       result += text.substr(at, character.size);
     }
@@ -144,15 +112,17 @@ std::string escaped_for_json(std::string_view utf8) {
   std::string result;
   result.reserve(utf8.size());
   for (std::size_t at = 0; at < utf8.size();) {
-    const Character character = character_at(utf8, at);
+    const Utf8Character character = character_at(utf8, at);
     const std::size_t size = std::max<std::size_t>(character.size, 1);
-    if (character.code == '"' || character.code == '\\') {
+    if (character.size == 0) {
+      result += "\\ufffd";
+    } else if (character.code_point == '"' || character.code_point == '\\') {
       result.append("\\").append(utf8.substr(at, 1));
-    } else if (character.code == '\n' || character.code == '\t' || character.code == '\r') {
-      result += escaped(character.code);
-    } else if (changes_terminal(character.code)) {
+    } else if (character.code_point == '\n' || character.code_point == '\t' || character.code_point == '\r') {
+      result += escaped(character.code_point);
+    } else if (changes_terminal(character.code_point)) {
       char text[8];
-      static_cast<void>(std::snprintf(text, sizeof text, "\\u%04x", character.code));
+      static_cast<void>(std::snprintf(text, sizeof text, "\\u%04x", character.code_point));
       result += text;
     } else {
       result += utf8.substr(at, size);
