@@ -3,13 +3,13 @@
 
 #include <string>
 
+#include "store/etcd/build.h"
 #include "store/etcd/claims.h"
 #include "store/etcd/judgement.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/lineage.h"
 #include "store/etcd/node_cache.h"
 #include "store/etcd/owner.h"
-#include "store/etcd/staging.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
@@ -173,25 +173,25 @@ TEST(EtcdOwner, ThisProcessLivesAndOthersOfThisMachineCanBeSeenToHaveEnded) {
 }
 
 TEST(EtcdStaging, TextComesBackAndNonsenseDoesNot) {
-  StagingText text;
+  BuildText text;
   text.batch = 3;
   text.seconds = 1000;
   text.owner = "boot pid:[1] 2 3";
   text.ids = {{5, 9}, {20, 20}};
-  const auto back = StagingText::parse(text.print());
+  const auto back = BuildText::parse(text.print());
   ASSERT_TRUE(back);
   EXPECT_EQ(back->print(), text.print());
   EXPECT_FALSE(back->given_up);
   EXPECT_FALSE(back->is_abandoned(1000 + 600));
   EXPECT_TRUE(back->is_abandoned(1000 + 601));
-  const auto fenced = StagingText::parse("not " + text.print());
+  const auto fenced = BuildText::parse("not " + text.print());
   ASSERT_TRUE(fenced);
   EXPECT_TRUE(fenced->given_up);
   EXPECT_TRUE(fenced->is_abandoned(1000));
-  EXPECT_FALSE(StagingText::parse(""));
-  EXPECT_FALSE(StagingText::parse("batch x\n"));
-  EXPECT_FALSE(StagingText::parse("batch 1\nids 5\n"));
-  EXPECT_FALSE(StagingText::parse("batch 1\nwhat 5\n"));
+  EXPECT_FALSE(BuildText::parse(""));
+  EXPECT_FALSE(BuildText::parse("batch x\n"));
+  EXPECT_FALSE(BuildText::parse("batch 1\nids 5\n"));
+  EXPECT_FALSE(BuildText::parse("batch 1\nwhat 5\n"));
 }
 
 TEST(EtcdClaims, TextComesBackAndNonsenseCountsAsADecision) {

@@ -551,10 +551,10 @@ TEST_F(HeldByReadAhead, ListsOfChildrenStayWithinTheBound) {
     if (!ahead_.take_children(id, &page)) continue;
     ahead_.listed(id, page, true);
     for (const Child& child : page.children) {
-      ask(child.known.node->id, Sought::kChildren, 0);
+      ask(child.seen.node->id, Sought::kChildren, 0);
       ChildPage none;
-      if (!ahead_.take_children(child.known.node->id, &none)) continue;
-      ahead_.listed(child.known.node->id, none, true);
+      if (!ahead_.take_children(child.seen.node->id, &none)) continue;
+      ahead_.listed(child.seen.node->id, none, true);
       EXPECT_TRUE(none.children.empty());
     }
   }

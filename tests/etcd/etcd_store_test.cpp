@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "etcd_store_fixture.h"
-#include "store/etcd/staging.h"
+#include "store/etcd/build.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -201,7 +201,7 @@ TEST_F(EtcdStore, ABuildThatAnotherSessionGaveUpIsMadeAnew) {
       // As another session does after ten minutes of silence.
       RangeResponse response;
       EXPECT_TRUE(raw().range(get_range(keys().all_staging(), 1), &response, Deadline(std::chrono::seconds(5))).ok());
-      auto text = StagingText::parse(response.kvs(0).value());
+      auto text = BuildText::parse(response.kvs(0).value());
       EXPECT_TRUE(text);
       text->given_up = true;
       put_raw(response.kvs(0).key(), text->print());

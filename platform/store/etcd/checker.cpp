@@ -4,8 +4,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "store/etcd/build.h"
+#include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
-#include "store/etcd/staging.h"
 #include "store/record.h"
 #include "store/tree_check.h"
 
@@ -13,8 +14,6 @@ namespace tkv::store::etcd {
 namespace {
 
 constexpr std::int64_t kFirstValuesPerPage = 16;
-constexpr std::int64_t kMarkersPerPage = 500;
-constexpr int kRemovalsPerBatch = 100;
 
 struct NodeEntry {
   NodePlace place;
@@ -78,7 +77,7 @@ Status Checker::visit(const char* reading, const KeyRange& range, std::int64_t l
 
 Status Checker::read_leftovers() {
   Status status = visit("changes under way", core_.keys.all_staging(), kMarkersPerPage, [&](const KeyValue& build) {
-    if (const auto text = StagingText::parse(build.value())) {
+    if (const auto text = BuildText::parse(build.value())) {
       building_.insert(building_.end(), text->ids.begin(), text->ids.end());
     }
   });
@@ -101,12 +100,12 @@ Status Checker::read_nodes() {
       check_.add_damaged_node(kNoNode, record.key(), "its key is not one of a node");
       return;
     }
-    const SeenNode known = known_of(record, *place);
-    if (known.node) {
-      entries_.push_back({*place, known.node->id});
-      largest_id_ = std::max({largest_id_, known.node->id, place->parent});
+    const SeenNode seen = seen_node(record, *place);
+    if (seen.node) {
+      entries_.push_back({*place, seen.node->id});
+      largest_id_ = std::max({largest_id_, seen.node->id, place->parent});
     } else if (!is_left_over(place->parent)) {
-      check_.add_damaged_node(place->parent, place->name, known.damage.text());
+      check_.add_damaged_node(place->parent, place->name, seen.damage.text());
     }
   });
   if (!status.ok()) return status;
@@ -174,7 +173,7 @@ Status Checker::read_next_id() {
 // First of all decides which state is checked.
 Status Checker::read() {
   RangeResponse counter;
-  const Reply settled = read_settled(core_, get_one(core_.keys.meta()), &counter, &revision_);
+  const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_);
   if (!settled.ok()) return settled.status;
   if (Status status = read_leftovers(); !status.ok()) return status;
   if (Status status = read_nodes(); !status.ok()) return status;
@@ -203,7 +202,7 @@ Status Checker::repair() {
   };
   const auto remove_key = [&](std::string key) -> Status {
     erase(batch.add_success(), std::move(key));
-    return batch.success_size() < kRemovalsPerBatch ? Status() : send();
+    return batch.success_size() < kBatchOperations ? Status() : send();
   };
   for (const TreeCheck::Entry& entry : removable_.nodes) {
     if (Status status = remove_key(core_.keys.node({entry.parent, entry.name})); !status.ok()) return status;

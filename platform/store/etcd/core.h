@@ -6,12 +6,12 @@
 #include <string>
 #include <utility>
 
-#include "base/function_ref.h"
 #include "store/etcd/claims.h"
 #include "store/etcd/id_source.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/kv.h"
 #include "store/etcd/node_cache.h"
+#include "store/etcd/recovery.h"
 #include "store/etcd/requests.h"
 #include "store/etcd/sweeper.h"
 #include "store/etcd/writer.h"
@@ -26,7 +26,8 @@ struct Core {
         ids(*kv, keys),
         writers(keys),
         claims(keys),
-        sweeper(*kv, keys) {}
+        recovery(*kv, keys, claims),
+        sweeper(*kv, keys, recovery) {}
 
   static constexpr std::size_t kCachedNodes = 16384;
 
@@ -38,18 +39,9 @@ struct Core {
   IdSource ids;
   Writers writers;
   Claims claims;
+  Recovery recovery;
   Sweeper sweeper;
 };
-
-// Carries out what is left of a decision, as plan.h tells.
-Status carry_out_decision(Core& core, const Claim& claim, FunctionRef<Deadline()> deadline);
-
-// Reads a range as the registry stands at a revision at which nothing decided is left to be carried out.
-Reply read_settled(Core& core, const RangeRequest& range, RangeResponse* response, std::int64_t* revision);
-
-// The one record of an answer, at its place. A record that is not there is revision 0.
-SeenNode known_of(const RangeResponse& response, const NodePlace& place);
-SeenNode known_of(const KeyValue& record, const NodePlace& place);
 
 }  // namespace tkv::store::etcd
 

@@ -7,8 +7,10 @@
 
 #include "store/etcd/checker.h"
 #include "store/etcd/core.h"
+#include "store/etcd/limits.h"
 #include "store/etcd/revision_view.h"
-#include "store/etcd/transaction.h"
+#include "store/etcd/seen_node.h"
+#include "store/etcd/stm.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -64,13 +66,13 @@ class EtcdStore final : public Store {
   Status open(const EtcdOptions& options);
 
   Status read(FunctionRef<Status(View&)> function) override {
-    return run(Transaction::Purpose::kRead, [&](Transaction& view) { return function(view); });
+    return run(Stm::Purpose::kRead, [&](Stm& view) { return function(view); });
   }
 
   Status read_all(FunctionRef<Status(View&)> function) override;
 
   Status write(FunctionRef<Status(Update&)> function) override {
-    return run(Transaction::Purpose::kWrite, [&](Transaction& update) { return function(update); });
+    return run(Stm::Purpose::kWrite, [&](Stm& update) { return function(update); });
   }
 
   std::size_t handy_changes() const override { return kHandyChanges; }
@@ -83,7 +85,7 @@ class EtcdStore final : public Store {
   const char* kind() const override { return "etcd"; }
 
  private:
-  Status run(Transaction::Purpose purpose, FunctionRef<Status(Transaction&)> function);
+  Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function);
 
   Core core_;
 };
@@ -96,22 +98,22 @@ Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
   });
 }
 
-Status EtcdStore::run(Transaction::Purpose purpose, FunctionRef<Status(Transaction&)> function) {
+Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) {
   return guarded([&]() -> Status {
     const Deadline deadline = core_.deadline();
-    Basis basis;
+    NextRun next;
     int long_runs = 0;
     for (int run = 1;; ++run) {
-      Transaction transaction(core_, purpose, std::move(basis), deadline);
-      Status result = transaction.start();
-      if (result.ok()) result = call(function, transaction);
-      if (transaction.finish(&result)) return result;
-      const bool out_of_time = transaction.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
+      Stm stm(core_, purpose, std::move(next), deadline);
+      Status result = stm.start();
+      if (result.ok()) result = call(function, stm);
+      if (stm.finish(&result)) return result;
+      const bool out_of_time = stm.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {
         return {PRTKV_UNREACHABLE,
                 "given up after " + std::to_string(run) + " attempts: others changed the same entries each time"};
       }
-      basis = transaction.take_basis();
+      next = stm.take_next();
       pause_before_run(run, deadline);
     }
   });
@@ -147,7 +149,7 @@ Status EtcdStore::open(const EtcdOptions& options) {
     return status.about("the registry under '" + options.prefix + "' in etcd");
   }
   core_.ids.know(meta, found.kvs(0).mod_revision());
-  core_.cache.put(root, known_of(response.responses(1).response_range(), root));
+  core_.cache.put(root, seen_node(response.responses(1).response_range(), root));
   const RangeResponse& claims = response.responses(5).response_range();
   core_.claims.learn(claims, response.header().revision());
   core_.sweeper.found(response.responses(2).response_range(), response.responses(3).response_range(),
@@ -161,7 +163,7 @@ EtcdStore::~EtcdStore() {
   (void)guarded([&]() -> Status {
     TxnRequest request;
     for (const std::string& key : core_.writers.used()) {
-      if (request.success_size() < kMostOperations) erase(request.add_success(), key);
+      if (request.success_size() < kMaxTxnOperations) erase(request.add_success(), key);
     }
     if (request.success_size() == 0) return {};
     TxnResponse response;

@@ -1,7 +1,7 @@
-// Nodes as they were last seen in the cluster, to try a transaction on before the cluster is asked. What is in here may
-// be outdated: whoever uses it has etcd compare the revision before anything is made of it.
+// Nodes as they were last seen in the cluster. They may be outdated: whoever uses one has etcd compare its revision
+// before relying on it.
 //
-// Threads. Any number may call.
+// Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_NODE_CACHE_H
 #define TKV_PLATFORM_STORE_ETCD_NODE_CACHE_H
 
@@ -12,16 +12,10 @@
 #include <optional>
 
 #include "store/etcd/keys.h"
+#include "store/etcd/seen_node.h"
 #include "store/store.h"
 
 namespace tkv::store::etcd {
-
-// What the cluster holds at a place. Revision 0: nothing. A record that cannot be trusted has `damage` and no node.
-struct SeenNode {
-  std::int64_t mod_revision = 0;
-  std::optional<Node> node;
-  Status damage;
-};
 
 class NodeCache {
  public:
@@ -29,7 +23,7 @@ class NodeCache {
 
   std::optional<SeenNode> get(const NodePlace& place);
 
-  // Only what is there is kept; an absent or damaged record, or one of an older revision, is not.
+  // Keeps a sound node unless a newer revision of it is cached already. Absent and damaged records are not kept.
   void put(const NodePlace& place, const SeenNode& known);
 
   void erase(const NodePlace& place);
@@ -43,7 +37,7 @@ class NodeCache {
   std::size_t capacity_;
   std::mutex mutex_;
   std::map<NodePlace, Cached> entries_;
-  std::list<const NodePlace*> used_;  // the latest first
+  std::list<const NodePlace*> used_;  // the most recently used first
 };
 
 }  // namespace tkv::store::etcd

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "store/etcd/limits.h"
+
 namespace tkv::store::etcd {
 
 Reply Pager::next(RangeResponse* page) {

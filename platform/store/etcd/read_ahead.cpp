@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "store/etcd/core.h"
-#include "store/etcd/pager.h"
+#include "store/etcd/limits.h"
+#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {
@@ -34,8 +34,8 @@ ChildPage listing_of(const RangeResponse& response, const Keys& keys) {
   for (const KeyValue& record : response.kvs()) {
     auto place = keys.parse_node(record.key());
     if (!place) continue;
-    SeenNode known = known_of(record, *place);
-    listing.children.push_back({std::move(place->name), std::move(known)});
+    SeenNode seen = seen_node(record, *place);
+    listing.children.push_back({std::move(place->name), std::move(seen)});
   }
   return listing;
 }
@@ -112,8 +112,8 @@ void ReadAhead::listed(NodeId parent, const ChildPage& page, bool first) {
   std::size_t spare = kMostPlanned - std::min(kMostPlanned, planned());
   for (const Child& child : page.children) {
     bytes += keys_.meta().size() + child.name.size() + kNodeRecordSize + kBookkeeping;
-    if (!child.known.node || spare == 0) continue;
-    run.ids.push_back(child.known.node->id);
+    if (!child.seen.node || spare == 0) continue;
+    run.ids.push_back(child.seen.node->id);
     --spare;
   }
   node_size_.add(bytes, page.children.size());
@@ -143,7 +143,7 @@ void ReadAhead::drop(NodeId id) {
     held_ -= list.mapped().bytes;
     if (!list.mapped().used) lists_habit_.wasted();
     for (const Child& child : list.mapped().listing.children) {
-      if (child.known.node) drop(child.known.node->id);
+      if (child.seen.node) drop(child.seen.node->id);
     }
   }
 }
@@ -155,7 +155,7 @@ bool ReadAhead::visit_below(NodeId id, int depth, FunctionRef<bool(NodeId)> visi
   const auto list = lists_.find(id);
   if (list == lists_.end() || depth == kDeepest) return true;  // damage can hang a node below itself
   for (const Child& child : list->second.listing.children) {
-    if (child.known.node && !visit_below(child.known.node->id, depth + 1, visit)) return false;
+    if (child.seen.node && !visit_below(child.seen.node->id, depth + 1, visit)) return false;
   }
   return true;
 }
@@ -221,7 +221,7 @@ void ReadAhead::choose(std::size_t room) {
     operations_.clear();
     const std::size_t of_values = add(std::move(wanted.values), Sought::kValue);
     const std::size_t of_lists = add(std::move(wanted.lists), Sought::kChildren);
-    if (of_values + of_lists <= static_cast<std::size_t>(kMostOperations)) return;
+    if (of_values + of_lists <= static_cast<std::size_t>(kMaxTxnOperations)) return;
     std::size_t& larger = of_values > of_lists ? most_values : most_lists;
     larger = (larger + 1) / 2;
   }
@@ -311,8 +311,8 @@ void ReadAhead::keep_lists(const Operation& operation, const RangeResponse& answ
   for (const KeyValue& record : answer.kvs()) {
     auto place = keys_.parse_node(record.key());
     if (!place) continue;
-    SeenNode known = known_of(record, *place);
-    lists[place->parent].children.push_back({std::move(place->name), std::move(known)});
+    SeenNode seen = seen_node(record, *place);
+    lists[place->parent].children.push_back({std::move(place->name), std::move(seen)});
     if (answer.more()) last = place->parent;
   }
   if (answer.more() && lists.empty()) return;

@@ -35,10 +35,10 @@ constexpr std::size_t kMostNodesAhead = 1024;
 constexpr std::size_t kMostHeld = std::size_t{8} << 20;
 constexpr std::size_t kMostPlanned = std::size_t{512} << 10;
 
-// One child in a list of children; `known` has a node, or tells why the record cannot be trusted.
+// One child in a list of children; `seen` has a node, or tells why the record cannot be trusted.
 struct Child {
   std::string name;
-  SeenNode known;
+  SeenNode seen;
 };
 
 // A node's children from the first on, or from where the former page ended; not `complete` when there are more.

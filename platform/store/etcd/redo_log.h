@@ -1,7 +1,6 @@
-// A change that lies ready in batches, to be carried out once it is decided (see claims.h).
+// A change too large for one transaction, recorded in batches, to be carried out once it is decided (see claims.h).
 //
-// Each batch is made by one transaction that compares the claim and rewrites it with the number of the next batch: it
-// is made once, and in its turn, however many sessions are at it.
+// Pure functions and a class that sends nothing.
 #ifndef TKV_PLATFORM_STORE_ETCD_REDO_LOG_H
 #define TKV_PLATFORM_STORE_ETCD_REDO_LOG_H
 
@@ -9,19 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "base/function_ref.h"
-#include "store/etcd/claims.h"
-#include "store/etcd/kv.h"
+#include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 
-// The batches of a change, as they are kept until they are carried out: each a sealed record.
 class RedoLog {
  public:
   // Takes over the operations.
   void add(RequestOp operation);
 
-  // The batches so far, in their order; afterwards the plan is empty.
+  // The batches so far, in order, each a sealed record; afterwards the log is empty.
   std::vector<std::string> take_batches();
 
  private:
@@ -32,9 +28,9 @@ class RedoLog {
   std::vector<std::string> batches_;
 };
 
-// Carries out what is left of a decision. `deadline` gives the time by which the next request must have ended. Success
-// when nothing is left, whoever did it; 7 when the claim or a batch is damaged.
-Status carry_out_decision(Kv& kv, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline);
+// Reads batch `number` from the answer to a request for its key. Returns PRTKV_STORAGE_FAILED if it is missing or
+// damaged.
+Status unseal_batch(std::uint64_t number, const RangeResponse& found, TxnRequest* batch);
 
 }  // namespace tkv::store::etcd
 

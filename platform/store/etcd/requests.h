@@ -1,4 +1,4 @@
-// Parts of etcd requests, in one line each.
+// Shorthand for the parts of etcd requests.
 #ifndef TKV_PLATFORM_STORE_ETCD_REQUESTS_H
 #define TKV_PLATFORM_STORE_ETCD_REQUESTS_H
 
@@ -20,12 +20,7 @@ using etcdserverpb::RequestOp;
 using etcdserverpb::TxnRequest;
 using etcdserverpb::TxnResponse;
 
-// What one transaction of etcd takes as it comes, with room left for what every write adds.
-constexpr int kMostOperations = 128;
-constexpr std::size_t kMostBytes = std::size_t{1400} << 10;
-constexpr std::size_t kOperationOverhead = 512;  // key, place and framing of one operation, at the most
-
-// The key stands at this revision; 0: it is not there.
+// The key was last modified at this revision; 0: it does not exist.
 inline void compare_revision(TxnRequest* request, std::string key, std::int64_t mod_revision) {
   Compare* compare = request->add_compare();
   compare->set_target(Compare::MOD);
@@ -34,7 +29,7 @@ inline void compare_revision(TxnRequest* request, std::string key, std::int64_t 
   compare->set_mod_revision(mod_revision);
 }
 
-// No key of the range was made after this revision.
+// No key of the range was created after this revision.
 inline void compare_no_newcomer(TxnRequest* request, KeyRange range, std::int64_t revision) {
   Compare* compare = request->add_compare();
   compare->set_target(Compare::CREATE);
@@ -44,7 +39,7 @@ inline void compare_no_newcomer(TxnRequest* request, KeyRange range, std::int64_
   compare->set_create_revision(revision + 1);
 }
 
-// No key of the range was written after this revision. That one was removed does not show.
+// No key of the range was written after this revision. Removals are not noticed.
 inline void compare_not_written_since(TxnRequest* request, KeyRange range, std::int64_t revision) {
   Compare* compare = request->add_compare();
   compare->set_target(Compare::MOD);

@@ -1,5 +1,6 @@
 #include "store/etcd/revision_view.h"
 
+#include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
 #include "store/etcd/read_ahead.h"
 #include "store/record.h"
@@ -20,7 +21,7 @@ Status RevisionView::get(RangeRequest request, RangeResponse* response) {
 
 // The first answer fixes the revision of all others.
 Status RevisionView::get_first(const RangeRequest& request, RangeResponse* response) {
-  const Reply reply = read_settled(core_, request, response, &revision_);
+  const Reply reply = core_.recovery.read_settled(request, response, &revision_);
   return reply.ok() ? Status() : fail(reply);
 }
 
@@ -51,10 +52,10 @@ Status RevisionView::find(NodeId parent, std::string_view name, Node* node) {
   const NodePlace place{parent, std::string(name)};
   RangeResponse response;
   if (Status status = get(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
-  const SeenNode known = known_of(response, place);
-  if (!known.damage.ok()) return known.damage;
-  if (!known.node) return PRTKV_NO_SUCH_KEY;
-  *node = *known.node;
+  const SeenNode seen = seen_node(response, place);
+  if (!seen.damage.ok()) return seen.damage;
+  if (!seen.node) return PRTKV_NO_SUCH_KEY;
+  *node = *seen.node;
   return {};
 }
 
@@ -75,7 +76,7 @@ Status RevisionView::value(NodeId id, Value* value) {
   return decode_value(id, as_bytes(record_), value);
 }
 
-// A node's entry is never longer than kLongestNodeEntry: a page of kNodesPerPage always fits a message.
+// A node's entry is never longer than kMaxNodeEntryBytes: a page of kNodesPerPage always fits a message.
 Status RevisionView::get_page(NodeId parent, std::string begin, ChildPage* page) {
   RangeRequest request = get_range({std::move(begin), core_.keys.children(parent).end}, kNodesPerPage);
   RangeResponse response;
@@ -93,8 +94,8 @@ Status RevisionView::children(NodeId parent, FunctionRef<Status(std::string_view
   for (bool first = true;; first = false) {
     ahead_.listed(parent, page, first);
     for (const Child& child : page.children) {
-      if (!child.known.damage.ok()) return child.known.damage.about("subkey '" + child.name + "'");
-      if (Status status = visit(child.name, *child.known.node); !status.ok()) return status;
+      if (!child.seen.damage.ok()) return child.seen.damage.about("subkey '" + child.name + "'");
+      if (Status status = visit(child.name, *child.seen.node); !status.ok()) return status;
     }
     if (page.complete || page.children.empty()) return {};
     std::string begin = core_.keys.node({parent, page.children.back().name}) + '\0';

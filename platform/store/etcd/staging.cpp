@@ -1,77 +1,82 @@
 #include "store/etcd/staging.h"
 
-#include <sstream>
+#include <algorithm>
+#include <utility>
 
-#include "store/etcd/owner.h"
+#include "store/etcd/limits.h"
 
 namespace tkv::store::etcd {
-namespace {
 
-constexpr std::int64_t kLongSeconds = 600;
-
-}  // namespace
-
-// A line a field: this is read by people with etcdctl as well.
-std::string StagingText::print() const {
-  std::ostringstream text;
-  text << "batch " << batch << "\ntime " << seconds << "\nstate " << (given_up ? "given-up" : "building") << "\nowner "
-       << owner << '\n';
-  for (const IdRange& range : ids) text << "ids " << range.first << ' ' << range.last << '\n';
-  return text.str();
+Staging::~Staging() {
+  if (started()) core_.sweeper.give_up_build(build_->key());
 }
 
-std::optional<StagingText> StagingText::parse(const std::string& text) {
-  StagingText result;
-  // What a repetition writes over a batch that was not made: the build did not go on from there.
-  const bool fenced = text.starts_with("not ");
-  std::istringstream lines(fenced ? text.substr(4) : text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    std::istringstream words(line);
-    std::string field;
-    words >> field >> std::ws;
-    if (field == "batch") {
-      words >> result.batch;
-    } else if (field == "time") {
-      words >> result.seconds;
-    } else if (field == "state") {
-      std::string state;
-      words >> state;
-      result.given_up = state == "given-up";
-    } else if (field == "owner") {
-      std::getline(words, result.owner);
-    } else if (field == "ids") {
-      IdRange range;
-      words >> range.first >> range.last;
-      result.ids.push_back(range);
-    } else {
-      return {};
-    }
-    if (words.fail()) return {};
+Build& Staging::build() {
+  if (!build_) build_.emplace(*core_.kv, core_.keys);
+  return *build_;
+}
+
+const std::string& Staging::token() { return build().token(); }
+
+void Staging::finish_in(TxnRequest* commit) const {
+  if (started()) build_->finish_in(commit);
+}
+
+Status Staging::new_id(NodeId* id) {
+  if (reserved_.first > reserved_.last) {
+    if (Status status = reserve(); !status.ok()) return run_.fail(std::move(status));
   }
-  if (result.batch == 0) return {};
-  result.given_up = result.given_up || fenced;
-  return result;
+  *id = reserved_.first++;
+  writes_.add_fresh(*id);
+  return {};
 }
 
-bool StagingText::is_abandoned(std::int64_t now) const {
-  return given_up || has_ended(owner) || now - seconds > kLongSeconds;
+Status Staging::reserve() {
+  if (!started()) {
+    NodeId id = kNoNode;
+    Status status = core_.ids.take(&id, run_.deadline());
+    if (status.ok()) reserved_ = {id, id};
+    return status;
+  }
+  Status status = core_.ids.take_block(block_size_, &reserved_, run_.deadline());
+  if (status.ok()) block_size_ = std::min(block_size_ * 2, kLargestBlock);
+  return status;
 }
 
-Build::Build(Kv& kv, const Keys& keys) : kv_(kv), token_(random_token()), mark_{keys.staging(token_), 0} {
-  text_.owner = this_owner();
+Status Staging::make_room(std::size_t bytes) { return writes_.has_room(bytes) ? Status() : send(); }
+
+Status Staging::send() {
+  if (Status status = run_.check(); !status.ok()) return status;
+  run_.become_long();
+  (void)build();
+  for (TxnRequest& batch : writes_.take_staged()) {
+    if (Status status = send(std::move(batch)); !status.ok()) return status;
+  }
+  return {};
 }
 
-Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
-  ++text_.batch;
-  text_.seconds = seconds_now();
-  text_.ids = ids;
-  return write_once(kv_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
+Written Staging::try_send(TxnRequest batch) { return build().send(std::move(batch), writes_.fresh()); }
+
+Status Staging::send(TxnRequest batch) {
+  Written written = try_send(std::move(batch));
+  if (!written.status.ok()) return run_.fail(std::move(written.status));
+  return written.made ? Status() : run_.repeat_from_scratch();
 }
 
-void Build::finish_in(TxnRequest* last) const {
-  compare_revision(last, mark_.key, mark_.mod_revision);
-  erase(last->add_success(), mark_.key);
+Status Staging::send_log(std::vector<std::string> batches) {
+  TxnRequest request;
+  std::size_t bytes = 0;
+  for (std::uint64_t number = 0; number < batches.size(); ++number) {
+    std::string& batch = batches[number];
+    const std::size_t size = batch.size() + kOperationOverhead;
+    if (request.success_size() >= kBatchOperations || bytes + size > kMaxTxnBytes) {
+      if (Status status = send(std::exchange(request, {})); !status.ok()) return status;
+      bytes = 0;
+    }
+    put(request.add_success(), core_.keys.plan(build().token(), number), std::move(batch));
+    bytes += size;
+  }
+  return request.success_size() == 0 ? Status() : send(std::move(request));
 }
 
 }  // namespace tkv::store::etcd

@@ -1,58 +1,70 @@
-// A subtree that is built aside: what one transaction does not hold is sent ahead in batches, below ids that nothing
-// visible hangs on yet, and only the last transaction makes it part of the tree.
+// Staging: sends what a run has written below fresh nodes before the commit, so that a commit is small however large
+// the subtree that it attaches.
 //
-// A key of its own says which ids those are, so that what an interrupted build leaves behind can be removed. Every
-// batch rewrites that key and compares its revision: batches cannot be made twice or out of order, and a build that
-// another session has given up for dead cannot go on.
+// Used by one thread. Failures of the cluster are recorded in the Run.
 #ifndef TKV_PLATFORM_STORE_ETCD_STAGING_H
 #define TKV_PLATFORM_STORE_ETCD_STAGING_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "store/etcd/id_source.h"
-#include "store/etcd/writer.h"
+#include "store/etcd/build.h"
+#include "store/etcd/core.h"
+#include "store/etcd/run.h"
+#include "store/etcd/write_set.h"
 
 namespace tkv::store::etcd {
 
-// What the key of a build says.
-struct StagingText {
-  std::uint64_t batch = 0;
-  std::int64_t seconds = 0;  // when the last batch was sent
-  bool given_up = false;     // by its owner or by another session: only to be removed
-  std::string owner;
-  std::vector<IdRange> ids;
-
-  std::string print() const;
-  static std::optional<StagingText> parse(const std::string& text);
-
-  // Whether a session may remove this: it was given up, its owner is known to have ended, or nothing was added for
-  // long.
-  bool is_abandoned(std::int64_t now) const;
-};
-
-class Build {
+class Staging {
  public:
-  Build(Kv& kv, const Keys& keys);
+  Staging(Core& core, Run& run, WriteSet& writes) : core_(core), run_(run), writes_(writes) {}
 
-  bool started() const { return text_.batch > 0; }
-  const std::string& key() const { return mark_.key; }
-  const std::string& token() const { return token_; }
+  // Leaves the removal of an unfinished build to the sweeper.
+  ~Staging();
+  Staging(const Staging&) = delete;
+  Staging& operator=(const Staging&) = delete;
 
-  // Sends a batch of puts and removals below `ids`. Not made: another session has given this build up, or comparisons
-  // of the batch's own did not hold.
-  Written send(TxnRequest batch, const std::vector<IdRange>& ids);
+  // Makes the id of a fresh node.
+  Status new_id(NodeId* id);
 
-  // Adds to the last transaction what ends the build.
-  void finish_in(TxnRequest* last) const;
+  // Called before an operation of this size that can be staged is written. Sends what is there when it fills a batch.
+  Status make_room(std::size_t bytes);
+
+  // Sends all that can be staged.
+  Status send();
+
+  // Sends one transaction as a batch of the build, which it begins if need be.
+  Status send(TxnRequest batch);
+  Written try_send(TxnRequest batch);
+
+  // The redo log of a change, to be decided by the commit.
+  Status send_log(std::vector<std::string> batches);
+
+  // Whether anything has been sent.
+  bool started() const { return build_ && build_->started(); }
+  const std::string& token();
+
+  // Adds to the commit what ends the build.
+  void finish_in(TxnRequest* commit) const;
+  void committed() { build_.reset(); }
 
  private:
-  Kv& kv_;
-  const std::string token_;
-  Mark mark_;
-  StagingText text_;
+  Build& build();
+  Status reserve();
+
+  Core& core_;
+  Run& run_;
+  WriteSet& writes_;
+  std::optional<Build> build_;
+  IdRange reserved_;  // taken for this build alone
+  std::uint64_t block_size_ = kFirstBlock;
+
+  // A long build takes blocks of growing size, so that its ids are described by few ranges.
+  static constexpr std::uint64_t kFirstBlock = 1024;
+  static constexpr std::uint64_t kLargestBlock = 65536;
 };
 
 }  // namespace tkv::store::etcd

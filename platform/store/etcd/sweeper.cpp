@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <exception>
 
+#include "store/etcd/limits.h"
 #include "store/etcd/owner.h"
 #include "store/etcd/pager.h"
-#include "store/etcd/redo_log.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -13,9 +13,6 @@ namespace {
 
 constexpr std::size_t kParentsPerLook = 120;  // whose children are asked for at once
 constexpr std::size_t kChildrenPerLook = 2000;
-constexpr int kRemovalsPerBatch = 120;
-constexpr std::int64_t kKeysPerSweep = 500;
-constexpr std::int64_t kMarkersPerLook = 100;
 constexpr std::int64_t kOldSeconds = std::int64_t{24} * 60 * 60;  // a write is long over
 constexpr std::chrono::milliseconds kMoment{250};
 constexpr std::chrono::milliseconds kGrace{1000};
@@ -26,7 +23,7 @@ bool is_old_mark(const KeyValue& mark, std::int64_t now) {
 }
 
 bool is_abandoned_build(const KeyValue& build, std::int64_t now) {
-  const auto text = StagingText::parse(build.value());
+  const auto text = BuildText::parse(build.value());
   return !text || text->is_abandoned(now);
 }
 
@@ -206,7 +203,7 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
   TxnRequest batch;
   const auto add = [&](KeyRange range) -> Status {
     erase(batch.add_success(), std::move(range));
-    return batch.success_size() < kRemovalsPerBatch ? Status() : remove(&batch, pace);
+    return batch.success_size() < kBatchRemovals ? Status() : remove(&batch, pace);
   };
   for (const IdRange& run : runs_of(ids)) {
     if (Status status = add(keys_.values_of(run.first, run.last)); !status.ok()) return status;
@@ -224,7 +221,7 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
     return reply.status;
   }
   if (found.kvs_size() == 0) return {};
-  auto text = StagingText::parse(found.kvs(0).value());
+  auto text = BuildText::parse(found.kvs(0).value());
   if (text && !text->given_up) {
     if (!ours && !text->is_abandoned(seconds_now())) return {};
     text->given_up = true;
@@ -253,7 +250,7 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
 // A claim without its build is nobody's. What was decided no longer needs one.
 Status Sweeper::sweep_claims(const Pace& pace) {
   const auto time = [&] { return Deadline(pace.request); };
-  Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerLook));
+  Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerPage));
   while (claims.more()) {
     RangeResponse page;
     if (Reply reply = claims.next(&page); !reply.ok()) return reply.status;
@@ -263,7 +260,7 @@ Status Sweeper::sweep_claims(const Pace& pace) {
       if (pace.stop()) return PRTKV_UNREACHABLE;
       const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
       if (claim.text.decided) {
-        if (Status status = carry_out_decision(kv_, keys_, claim, time); !status.ok()) return status;
+        if (Status status = recovery_.finish(claim, time); !status.ok()) return status;
         continue;
       }
       TxnRequest request;
@@ -317,14 +314,14 @@ Status Sweeper::sweep_all(const Pace& pace) {
 Status Sweeper::sweep_marks(const Pace& pace) {
   const std::int64_t now = seconds_now();
   TxnRequest batch;
-  Pager marks(kv_, get_range(keys_.all_writers(), kMarkersPerLook));
+  Pager marks(kv_, get_range(keys_.all_writers(), kMarkersPerPage));
   while (marks.more()) {
     RangeResponse page;
     if (Reply reply = marks.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& mark : page.kvs()) {
       if (!is_old_mark(mark, now)) continue;
       erase(batch.add_success(), mark.key());
-      if (batch.success_size() < kRemovalsPerBatch) continue;
+      if (batch.success_size() < kBatchRemovals) continue;
       if (Status status = remove(&batch, pace); !status.ok()) return status;
     }
   }
@@ -333,7 +330,7 @@ Status Sweeper::sweep_marks(const Pace& pace) {
 
 Status Sweeper::sweep_builds(const Pace& pace) {
   const std::int64_t now = seconds_now();
-  Pager builds(kv_, get_range(keys_.all_staging(), kMarkersPerLook));
+  Pager builds(kv_, get_range(keys_.all_staging(), kMarkersPerPage));
   while (builds.more()) {
     RangeResponse page;
     if (Reply reply = builds.next(&page); !reply.ok()) return reply.status;
@@ -346,7 +343,7 @@ Status Sweeper::sweep_builds(const Pace& pace) {
 }
 
 Status Sweeper::sweep_garbage(const Pace& pace) {
-  RangeRequest request = get_range(keys_.all_garbage(), kMarkersPerLook);
+  RangeRequest request = get_range(keys_.all_garbage(), kMarkersPerPage);
   request.set_keys_only(true);
   Pager garbage(kv_, request);
   while (garbage.more()) {

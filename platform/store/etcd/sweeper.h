@@ -18,17 +18,18 @@
 #include <vector>
 
 #include "base/function_ref.h"
+#include "store/etcd/build.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/kv.h"
+#include "store/etcd/recovery.h"
 #include "store/etcd/requests.h"
-#include "store/etcd/staging.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 
 class Sweeper {
  public:
-  Sweeper(Kv& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
+  Sweeper(Kv& kv, const Keys& keys, Recovery& recovery) : kv_(kv), keys_(keys), recovery_(recovery) {}
 
   // Goes on for a moment when there is work left, and leaves the rest to another session.
   ~Sweeper();
@@ -83,6 +84,7 @@ class Sweeper {
 
   Kv& kv_;
   const Keys& keys_;
+  Recovery& recovery_;
   std::mutex mutex_;
   std::deque<Job> jobs_;
   bool working_ = false;

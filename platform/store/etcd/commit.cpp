@@ -1,0 +1,187 @@
+#include "store/etcd/commit.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "store/etcd/limits.h"
+#include "store/etcd/redo_log.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr int kPatientAttempts = 3;  // after which small writes wait for a claim
+constexpr std::chrono::milliseconds kMaxCourtesy{1000};
+constexpr std::chrono::milliseconds kPollInterval{5};
+
+}  // namespace
+
+Status Commit::make() {
+  if (reads_.is_surveying()) return repeat_with_claim();
+  TxnRequest request;
+  build_request(&request);
+  if (!fits(request)) {
+    if (Status status = staging_.send(); !status.ok()) return status;
+    request.Clear();
+    build_request(&request);
+  }
+  if (!fits(request)) {
+    if (!reads_.claim() || !is_within_claim()) return repeat_with_claim();
+    if (Status status = stage_log(); !status.ok()) return status;
+  }
+  return send();
+}
+
+bool Commit::fits(const TxnRequest& request) {
+  return request.success_size() < kMaxTxnOperations && request.compare_size() < kMaxTxnOperations &&
+         request.failure_size() + 1 < kMaxTxnOperations && request.ByteSizeLong() <= kMaxTxnBytes;
+}
+
+// All writes in one transaction, or the decision to carry out the redo log.
+void Commit::build_request(TxnRequest* request) const {
+  reads_.add_compares(request);
+  reads_.add_gets(request);
+  if (batches_ == 0) {
+    for (RequestOp& operation : writes_.puts(reads_.childless())) *request->add_success() = std::move(operation);
+  }
+  for (const auto& [top, claim] : reads_.claims().claims) {
+    if (!claim.text.decided && concerns(claim)) erase(request->add_success(), core_.keys.claim(top, claim.token));
+  }
+  if (const auto& own = reads_.claim()) {
+    std::string key = core_.keys.claim(own->top, own->token);
+    if (batches_ == 0) {
+      erase(request->add_success(), std::move(key));
+    } else {
+      put(request->add_success(), std::move(key), ClaimText{true, 0, 0, batches_}.print());
+    }
+  }
+  staging_.finish_in(request);
+}
+
+// The path from the root to each visible node that is written. If only the record of a node changes, the node itself
+// can be the top of the change; if a node appears or goes, its parent is.
+Commit::Paths Commit::written_paths() const {
+  Paths paths;
+  for (const auto& [place, node] : writes_.nodes()) {
+    if (writes_.is_fresh(place.parent)) continue;
+    const SeenNode* read = reads_.find(place);
+    const bool stays = node && read != nullptr && read->node && read->node->id == node->id;
+    paths.push_back(reads_.lineage().path(stays ? node->id : place.parent));
+  }
+  for (const auto& [id, record] : writes_.values()) {
+    if (!writes_.is_fresh(id)) paths.push_back(reads_.lineage().path(id));
+  }
+  return paths;
+}
+
+// Whether this run may write within the subtree of another session's claim.
+bool Commit::concerns(const Claim& claim) const {
+  if (reads_.claim() && claim.token == reads_.claim()->token) return false;
+  if (reads_.lineage().knows(claim.top)) return true;
+  const Paths paths = written_paths();
+  return std::any_of(paths.begin(), paths.end(), [](const auto& path) { return path.empty(); });
+}
+
+bool Commit::is_within_claim() const {
+  const NodeId top = reads_.claim()->top;
+  const Paths paths = written_paths();
+  return std::all_of(paths.begin(), paths.end(), [top](const auto& path) {
+    return top == kRootNode || std::find(path.begin(), path.end(), top) != path.end();
+  });
+}
+
+// A claim that was too small is replaced by one of the whole tree.
+Status Commit::repeat_with_claim() {
+  const bool was_too_small = reads_.claim() && (reads_.is_surveying() || !is_within_claim());
+  run_.become_long();
+  Status status = run_.repeat_from_scratch();
+  run_.next.claim = ClaimOrder{was_too_small ? kRootNode : common_top(written_paths()), 1};
+  return status;
+}
+
+Status Commit::stage_log() {
+  RedoLog log;
+  for (RequestOp& operation : writes_.puts(reads_.childless())) log.add(std::move(operation));
+  std::vector<std::string> batches = log.take_batches();
+  batches_ = batches.size();
+  return staging_.send_log(std::move(batches));
+}
+
+// A decision that must be carried out before this change is made. What hangs below a subtree that goes was not read,
+// so any decision may concern that.
+const Claim* Commit::decision_in_the_way() const {
+  const bool any = !writes_.garbage(reads_.childless()).empty();
+  for (const auto& [top, claim] : reads_.claims().claims) {
+    if (claim.text.decided && (any || concerns(claim))) return &claim;
+  }
+  return nullptr;
+}
+
+// A large change takes longer than small ones, which would otherwise keep it from ever being made.
+void Commit::let_claimants_finish() {
+  if (reads_.claim()) return;
+  const Deadline moment(std::min(kMaxCourtesy, run_.deadline().left() / 2));
+  for (const auto& [top, claim] : reads_.claims().claims) {
+    if (claim.text.decided || claim.text.attempt < kPatientAttempts || !concerns(claim)) continue;
+    const RangeRequest look = get_one(core_.keys.claim(top, claim.token));
+    RangeResponse found;
+    while (moment.left().count() > 0 && core_.kv->range(look, &found, moment).ok() && found.kvs_size() > 0 &&
+           !ClaimText::parse(found.kvs(0).value()).decided) {
+      std::this_thread::sleep_for(kPollInterval);
+    }
+  }
+}
+
+Status Commit::send() {
+  let_claimants_finish();
+  while (true) {
+    if (const Claim* decided = decision_in_the_way()) {
+      const auto deadline = [this] { return run_.deadline(); };
+      Status status = core_.recovery.finish(*decided, deadline);
+      return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+    }
+    TxnRequest request;
+    build_request(&request);
+    Mark mark = core_.writers.take();
+    Written written = write_once(*core_.kv, std::move(request), &mark, core_.writers.next_text(), run_.deadline());
+    core_.writers.give_back(std::move(mark));
+    if (!written.status.ok()) return written.status;
+    if (written.made) {
+      committed(written.revision);
+      return {};
+    }
+    if (!may_be_sent_again(written.response)) return run_.repeat();
+  }
+}
+
+// If the comparisons failed only because others have laid claims meanwhile, what this run has read still holds.
+bool Commit::may_be_sent_again(const TxnResponse& response) {
+  reads_.prefetch(response);
+  const KnownClaims& claims = run_.next.prefetch.claims;
+  const auto& own = reads_.claim();
+  const bool claim_stands = !own || claims->find(own->top, own->token) != nullptr;
+  if (!claim_stands || !reads_.is_unchanged() || !claims->has_newer_than(reads_.claims().revision)) return false;
+  reads_.set_claims(claims);
+  return true;
+}
+
+// The change has been made. What cannot be carried out now is left to whoever comes by.
+void Commit::committed(std::int64_t revision) {
+  for (const auto& [place, node] : writes_.nodes()) {
+    if (node && batches_ == 0) {
+      core_.cache.put(place, SeenNode{revision, node, {}});
+    } else {
+      core_.cache.erase(place);
+    }
+  }
+  for (const auto& [top, claim] : reads_.claims().claims) {
+    if (!claim.text.decided && concerns(claim)) core_.claims.forget(claim);
+  }
+  const auto deadline = [this] { return core_.deadline(); };
+  if (batches_ != 0 && !core_.recovery.finish(*reads_.claim(), deadline).ok()) core_.sweeper.look_around();
+  staging_.committed();
+  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()));
+}
+
+}  // namespace tkv::store::etcd

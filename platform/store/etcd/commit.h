@@ -1,0 +1,59 @@
+// Commit: makes what a run has written, all or nothing, provided that everything it has read still holds.
+//
+// What fits is one transaction that compares the read set and makes the write set. What does not fit takes the steps
+// that claims.h describes: the run is repeated under a claim, its writes are staged as a redo log, and the transaction
+// turns the claim into a decision instead of making the writes itself.
+//
+// Used by one thread, once. Failures of the cluster are recorded in the Run.
+#ifndef TKV_PLATFORM_STORE_ETCD_COMMIT_H
+#define TKV_PLATFORM_STORE_ETCD_COMMIT_H
+
+#include <cstdint>
+#include <vector>
+
+#include "store/etcd/core.h"
+#include "store/etcd/read_set.h"
+#include "store/etcd/run.h"
+#include "store/etcd/staging.h"
+#include "store/etcd/write_set.h"
+
+namespace tkv::store::etcd {
+
+class Commit {
+ public:
+  Commit(Core& core, Run& run, ReadSet& reads, WriteSet& writes, Staging& staging)
+      : core_(core), run_(run), reads_(reads), writes_(writes), staging_(staging) {}
+  Commit(const Commit&) = delete;
+  Commit& operator=(const Commit&) = delete;
+
+  // Success: the change has been made. A failure if nothing has been made, or if it is unknown whether it has
+  // (PRTKV_UNREACHABLE with a message that says so). When run.repeats(), the function must run again.
+  Status make();
+
+ private:
+  using Paths = std::vector<std::vector<NodeId>>;
+
+  Status repeat_with_claim();
+  Status stage_log();
+  Status send();
+  void build_request(TxnRequest* request) const;
+  static bool fits(const TxnRequest& request);
+  Paths written_paths() const;
+  bool concerns(const Claim& claim) const;
+  bool is_within_claim() const;
+  const Claim* decision_in_the_way() const;
+  void let_claimants_finish();
+  bool may_be_sent_again(const TxnResponse& response);
+  void committed(std::int64_t revision);
+
+  Core& core_;
+  Run& run_;
+  ReadSet& reads_;
+  WriteSet& writes_;
+  Staging& staging_;
+  std::uint64_t batches_ = 0;  // of the redo log; 0: the transaction makes all writes itself
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

@@ -1,0 +1,350 @@
+#include "store/etcd/read_set.h"
+
+#include <algorithm>
+
+#include "store/etcd/limits.h"
+#include "store/etcd/pager.h"
+#include "store/record.h"
+
+namespace tkv::store::etcd {
+
+ReadSet::ReadSet(Core& core, Run& run, const NextRun& start, Purpose purpose)
+    : core_(core),
+      run_(run),
+      start_(start),
+      purpose_(purpose),
+      use_cache_(start.prefetch.revision == 0 && !start.claim),
+      claims_(start.prefetch.claims ? start.prefetch.claims : core.claims.known()),
+      revision_(start.prefetch.revision) {}
+
+void ReadSet::set_claim(Claim claim) {
+  revision_ = claim.mod_revision;
+  claim_ = std::move(claim);
+}
+
+const SeenNode* ReadSet::find(const NodePlace& place) const {
+  const auto found = nodes_.find(place);
+  return found == nodes_.end() ? nullptr : &found->second.seen;
+}
+
+std::int64_t ReadSet::settled_revision() const { return unvalidated_ == 0 && !claims_->has_decided() ? revision_ : 0; }
+
+Status ReadSet::recover(const Claim& decided) {
+  const auto deadline = [this] { return run_.deadline(); };
+  if (Status status = core_.recovery.finish(decided, deadline); !status.ok()) return run_.fail(std::move(status));
+  return run_.repeat_from_scratch();
+}
+
+// What a node hangs below is known only if it was reached from the root. Of any other, every decision may be about it.
+Status ReadSet::recover_above(NodeId id) {
+  if (id == kNoNode || lineage_.knows(id) || !claims_->has_decided()) return {};
+  const auto deadline = [this] { return run_.deadline(); };
+  Status status = core_.recovery.finish_all(*claims_, deadline);
+  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+}
+
+bool ReadSet::is_covered(NodeId parent) const {
+  return surveying_ || (claim_ && lineage_.is_below(parent, claim_->top));
+}
+
+Status ReadSet::survey() {
+  if (Status status = validate(); !status.ok()) return status;
+  surveying_ = true;
+  run_.become_long();
+  return {};
+}
+
+// Begins to survey when there is no room for one more comparison.
+Status ReadSet::make_room() {
+  const bool full = purpose_ == Purpose::kWrite && !surveying_ && compared_ >= kMaxCompared;
+  return full ? survey() : Status();
+}
+
+Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added) {
+  bool compared = !is_covered(place.parent);
+  if (compared) {
+    if (Status status = make_room(); !status.ok()) return status;
+    compared = !surveying_;
+  }
+  if (compared) ++compared_;
+  if (!validated) ++unvalidated_;
+  if (seen.node) {
+    lineage_.add(place.parent, seen.node->id);
+    if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
+  }
+  *added = &nodes_.insert_or_assign(place, ReadNode{std::move(seen), compared}).first->second.seen;
+  return {};
+}
+
+Status ReadSet::get(const NodePlace& place, const SeenNode** seen) {
+  if (const SeenNode* known = find(place)) {
+    *seen = known;
+    return {};
+  }
+  if (Status status = recover_above(place.parent); !status.ok()) return status;
+  if (const auto found = start_.prefetch.nodes.find(place); found != start_.prefetch.nodes.end()) {
+    return add_node(place, found->second, true, seen);
+  }
+  if (use_cache_ && nodes_.size() + values_.size() < kMaxFromCache) {
+    if (const auto cached = core_.cache.get(place)) return add_node(place, *cached, false, seen);
+  }
+  if (is_covered(place.parent)) return get_with_siblings(place, seen);
+  RangeResponse response;
+  if (Status status = fetch(get_one(core_.keys.node(place)), &response, &place); !status.ok()) return status;
+  SeenNode fetched = seen_node(response, place);
+  core_.cache.put(place, fetched);
+  return add_node(place, std::move(fetched), true, seen);
+}
+
+Status ReadSet::get_probably_free(const NodePlace& place, const SeenNode** seen) {
+  const bool is_known = is_covered(place.parent) || nodes_.contains(place) || start_.prefetch.nodes.contains(place) ||
+                        (use_cache_ && core_.cache.get(place).has_value());
+  return is_known ? get(place, seen) : add_node(place, SeenNode{}, false, seen);
+}
+
+// Large changes go from one child to the next, so the children that follow are read as well.
+Status ReadSet::get_with_siblings(const NodePlace& place, const SeenNode** seen) {
+  RangeResponse response;
+  const KeyRange rest{core_.keys.node(place), core_.keys.children(place.parent).end};
+  if (Status status = fetch(get_range(rest, kNodesAhead), &response); !status.ok()) return status;
+  if (Status status = add_node(place, SeenNode{}, true, seen); !status.ok()) return status;
+  for (const KeyValue& record : response.kvs()) {
+    const auto found = core_.keys.parse_node(record.key());
+    if (!found || (*found != place && nodes_.contains(*found))) continue;
+    const SeenNode* added = nullptr;
+    if (Status status = add_node(*found, seen_node(record, *found), true, &added); !status.ok()) return status;
+    if (*found == place) *seen = added;
+  }
+  return {};
+}
+
+Status ReadSet::get_value(NodeId id, Value* value) {
+  if (const auto read = values_.find(id); read != values_.end()) {
+    *value = read->second.value;
+    return read->second.damage;
+  }
+  if (Status status = recover_above(id); !status.ok()) return status;
+  bool compared = !is_covered(id);
+  if (compared) {
+    if (Status status = make_room(); !status.ok()) return status;
+    compared = !surveying_;
+  }
+  RangeResponse response;
+  if (Status status = fetch(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
+  ReadValue& read = values_[id];
+  read.compared = compared;
+  compared_ += compared ? 1 : 0;
+  *value = Value{};
+  if (response.kvs_size() == 0) return {};
+  read.mod_revision = response.kvs(0).mod_revision();
+  read.record = std::move(*response.mutable_kvs(0)->mutable_value());
+  read.damage = decode_value(id, as_bytes(read.record), &read.value);
+  *value = read.value;
+  return read.damage;
+}
+
+// ---- requests
+
+// Reads a range on the state that everything else was read on.
+Status ReadSet::fetch(RangeRequest range, RangeResponse* response, const NodePlace* node) {
+  if (Status status = run_.check(); !status.ok()) return status;
+  if (revision_ != 0 && unvalidated_ == 0) return fetch_at_revision(std::move(range), response);
+  TxnRequest request;
+  add_compares(&request);
+  *request.add_success()->mutable_request_range() = range;
+  add_gets(&request);
+  if (node != nullptr) *request.add_failure()->mutable_request_range() = range;
+  TxnResponse answer;
+  if (Reply reply = core_.kv->txn(request, &answer, run_.deadline()); !reply.ok()) return run_.fail(reply.status);
+  if (!answer.succeeded()) {
+    prefetch(answer, node);
+    return run_.repeat();
+  }
+  revision_ = answer.header().revision();
+  unvalidated_ = 0;
+  *response = std::move(*answer.mutable_responses(0)->mutable_response_range());
+  return {};
+}
+
+Status ReadSet::fetch_at_revision(RangeRequest range, RangeResponse* response) {
+  range.set_revision(revision_);
+  const Reply reply = core_.kv->range(range, response, run_.deadline());
+  if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
+  return reply.ok() ? Status() : run_.fail(reply.status);
+}
+
+Status ReadSet::read_fresh(const RangeRequest& range, RangeResponse* response) {
+  if (!run_.failure().ok()) return run_.failure();
+  const Reply reply = core_.kv->range(range, response, run_.deadline());
+  return reply.ok() ? Status() : run_.fail(reply.status);
+}
+
+// ---- comparing
+
+void ReadSet::add_compares(TxnRequest* request) const {
+  compare_claims(request, core_.keys, *claims_);
+  if (claim_) compare_revision(request, core_.keys.claim(claim_->top, claim_->token), claim_->mod_revision);
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) compare_revision(request, core_.keys.node(place), read.seen.mod_revision);
+  }
+  for (const auto& [id, read] : values_) {
+    if (read.compared) compare_revision(request, core_.keys.value(id), read.mod_revision);
+  }
+  for (const ReadRange& read : ranges_) compare_no_newcomer(request, read.range, read.revision);
+}
+
+void ReadSet::add_gets(TxnRequest* request) const {
+  *request->add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) *request->add_failure()->mutable_request_range() = get_one(core_.keys.node(place));
+  }
+}
+
+void ReadSet::prefetch(const TxnResponse& response, const NodePlace* also) {
+  run_.next = {};
+  Prefetch& fetched = run_.next.prefetch;
+  fetched.revision = response.header().revision();
+  int at = 0;
+  fetched.claims = core_.claims.learn(response.responses(at++).response_range(), fetched.revision);
+  const auto take = [&](const NodePlace& place) {
+    const SeenNode seen = seen_node(response.responses(at++).response_range(), place);
+    if (seen.node) {
+      core_.cache.put(place, seen);
+    } else {
+      core_.cache.erase(place);
+    }
+    fetched.nodes[place] = seen;
+  };
+  for (const auto& [place, read] : nodes_) {
+    if (read.compared) take(place);
+  }
+  if (also != nullptr) take(*also);
+}
+
+bool ReadSet::is_unchanged() const {
+  return std::all_of(nodes_.begin(), nodes_.end(), [this](const auto& each) {
+    const auto& [place, read] = each;
+    return !read.compared || run_.next.prefetch.nodes.at(place).mod_revision == read.seen.mod_revision;
+  });
+}
+
+Status ReadSet::validate() {
+  if (unvalidated_ == 0) return {};
+  TxnRequest request;
+  add_compares(&request);
+  add_gets(&request);
+  TxnResponse answer;
+  if (Reply reply = core_.kv->txn(request, &answer, run_.deadline()); !reply.ok()) return run_.fail(reply.status);
+  if (!answer.succeeded()) {
+    prefetch(answer);
+    return run_.repeat();
+  }
+  revision_ = answer.header().revision();
+  unvalidated_ = 0;
+  return {};
+}
+
+// ---- listing
+
+// From here on nobody may add a child.
+Status ReadSet::add_range(NodeId parent) {
+  if (is_covered(parent)) return {};
+  if (Status status = make_room(); !status.ok() || surveying_) return status;
+  ranges_.push_back({core_.keys.children(parent), revision_});
+  ++compared_;
+  return {};
+}
+
+Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<bool(const NodePlace&)> ignored,
+                          bool* answer) {
+  if (Status status = recover_above(parent); !status.ok()) return status;
+  RangeResponse response;
+  const RangeRequest request = get_range(core_.keys.children(parent), 1 + most_ignored);
+  if (Status status = fetch(request, &response); !status.ok()) return status;
+  const auto child = std::find_if(response.kvs().begin(), response.kvs().end(), [&](const KeyValue& record) {
+    const auto place = core_.keys.parse_node(record.key());
+    return place && !ignored(*place);
+  });
+  *answer = child != response.kvs().end();
+  if (purpose_ == Purpose::kRead) {
+    use_cache_ = false;  // the rest is read at this revision, so that the answer holds
+    return {};
+  }
+  if (Status status = add_range(parent); !status.ok()) return status;
+  if (!*answer) {
+    childless_.insert(parent);
+    return {};
+  }
+  const NodePlace place = *core_.keys.parse_node(child->key());
+  const SeenNode* seen = nullptr;
+  return nodes_.contains(place) ? Status() : add_node(place, seen_node(*child, place), true, &seen);
+}
+
+Status ReadSet::visit_pages(NodeId parent, FunctionRef<Status(const RangeResponse& page)> visit) {
+  RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
+  RangeResponse page;
+  if (Status status = fetch(request, &page); !status.ok()) return status;
+  use_cache_ = use_cache_ && purpose_ == Purpose::kWrite;
+  request.set_revision(revision_);
+  Pager pager(*core_.kv, request);
+  pager.continue_after(page);
+  while (true) {
+    if (Status status = visit(page); !status.ok()) return status;
+    if (!pager.more()) return {};
+    run_.become_long();
+    const Reply reply = pager.next(&page);
+    if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
+    if (!reply.ok()) return run_.fail(reply.status);
+  }
+}
+
+Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  if (Status status = recover_above(parent); !status.ok()) return status;
+  return visit_pages(parent, [&](const RangeResponse& page) -> Status {
+    for (const KeyValue& record : page.kvs()) {
+      const auto place = core_.keys.parse_node(record.key());
+      if (!place) continue;
+      const SeenNode seen = seen_node(record, *place);
+      if (!seen.damage.ok()) return seen.damage.about("subkey '" + place->name + "'");
+      if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
+      lineage_.add(parent, seen.node->id);
+      if (Status status = visit(place->name, *seen.node); !status.ok()) return status;
+    }
+    return {};
+  });
+}
+
+// Compares each child, and that there are no others.
+Status ReadSet::list(NodeId parent, NamedNodes* children) {
+  if (Status status = recover_above(parent); !status.ok()) return status;
+  if (is_covered(parent)) return list_pages(parent, children);
+  RangeResponse response;
+  const RangeRequest request = get_range(core_.keys.children(parent), static_cast<std::int64_t>(kMaxCompared));
+  if (Status status = fetch(request, &response); !status.ok()) return status;
+  if (response.more() || compared_ + static_cast<std::size_t>(response.kvs_size()) >= kMaxCompared) {
+    Status status = survey();
+    return status.ok() ? list_pages(parent, children) : status;
+  }
+  if (Status status = add_range(parent); !status.ok()) return status;
+  return add_page(response, children);
+}
+
+Status ReadSet::list_pages(NodeId parent, NamedNodes* children) {
+  return visit_pages(parent, [&](const RangeResponse& page) { return add_page(page, children); });
+}
+
+Status ReadSet::add_page(const RangeResponse& page, NamedNodes* children) {
+  for (const KeyValue& record : page.kvs()) {
+    const auto place = core_.keys.parse_node(record.key());
+    if (!place) continue;
+    const SeenNode* seen = find(*place);
+    if (seen == nullptr) {
+      if (Status status = add_node(*place, seen_node(record, *place), true, &seen); !status.ok()) return status;
+    }
+    if (!seen->damage.ok()) return seen->damage.about("subkey '" + place->name + "'");
+    if (seen->node) children->emplace_back(place->name, *seen->node);
+  }
+  return {};
+}
+
+}  // namespace tkv::store::etcd

@@ -1,0 +1,43 @@
+// Recovery: completes the changes that other sessions have decided but not carried out (see claims.h and redo_log.h).
+//
+// Each batch of a redo log is carried out by one transaction that compares the claim and rewrites it with the number of
+// the next batch. So every batch is carried out once and in its turn, however many sessions work on the same log, and
+// whichever of them fail.
+//
+// Threads. Any number may call at once.
+#ifndef TKV_PLATFORM_STORE_ETCD_RECOVERY_H
+#define TKV_PLATFORM_STORE_ETCD_RECOVERY_H
+
+#include <cstdint>
+
+#include "base/function_ref.h"
+#include "store/etcd/claims.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/kv.h"
+#include "store/etcd/requests.h"
+
+namespace tkv::store::etcd {
+
+class Recovery {
+ public:
+  Recovery(Kv& kv, const Keys& keys, Claims& claims) : kv_(kv), keys_(keys), claims_(claims) {}
+
+  // Carries out what is left of a decision. `deadline` returns the deadline of the next request. Success when nothing
+  // is left, whoever carried it out. Returns PRTKV_STORAGE_FAILED if the claim or a batch is damaged.
+  Status finish(const Claim& decided, FunctionRef<Deadline()> deadline);
+
+  // The same for every decision of the list.
+  Status finish_all(const ClaimList& claims, FunctionRef<Deadline()> deadline);
+
+  // Reads a range at a revision at which every decision has been carried out. On success `*revision` is that revision.
+  Reply read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision);
+
+ private:
+  Kv& kv_;
+  const Keys& keys_;
+  Claims& claims_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif

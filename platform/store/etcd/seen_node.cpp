@@ -1,0 +1,19 @@
+#include "store/etcd/seen_node.h"
+
+#include "store/record.h"
+
+namespace tkv::store::etcd {
+
+SeenNode seen_node(const KeyValue& record, const NodePlace& place) {
+  SeenNode seen{record.mod_revision(), {}, {}};
+  Node node;
+  seen.damage = decode_node(place.parent, place.name, as_bytes(record.value()), &node);
+  if (seen.damage.ok()) seen.node = node;
+  return seen;
+}
+
+SeenNode seen_node(const RangeResponse& response, const NodePlace& place) {
+  return response.kvs_size() == 0 ? SeenNode{} : seen_node(response.kvs(0), place);
+}
+
+}  // namespace tkv::store::etcd

@@ -1,0 +1,27 @@
+// SeenNode: what the cluster held at a place when it was last read.
+#ifndef TKV_PLATFORM_STORE_ETCD_SEEN_NODE_H
+#define TKV_PLATFORM_STORE_ETCD_SEEN_NODE_H
+
+#include <cstdint>
+#include <optional>
+
+#include "store/etcd/keys.h"
+#include "store/etcd/requests.h"
+#include "store/store.h"
+
+namespace tkv::store::etcd {
+
+// Revision 0: nothing was there. A record that cannot be trusted has `damage` and no node.
+struct SeenNode {
+  std::int64_t mod_revision = 0;
+  std::optional<Node> node;
+  Status damage;
+};
+
+// Decodes a node's record, or the only record of an answer, found at `place`.
+SeenNode seen_node(const KeyValue& record, const NodePlace& place);
+SeenNode seen_node(const RangeResponse& response, const NodePlace& place);
+
+}  // namespace tkv::store::etcd
+
+#endif

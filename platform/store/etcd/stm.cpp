@@ -1,0 +1,293 @@
+#include "store/etcd/stm.h"
+
+#include <utility>
+
+#include "store/etcd/limits.h"
+#include "store/etcd/pager.h"
+#include "store/record.h"
+#include "store/store_limits.h"
+
+namespace tkv::store::etcd {
+
+Stm::Stm(Core& core, Purpose purpose, NextRun start, Deadline deadline)
+    : core_(core),
+      purpose_(purpose),
+      start_(std::move(start)),
+      run_(deadline, core.kv->timeout()),
+      reads_(core, run_, start_, purpose),
+      writes_(core.keys),
+      staging_(core, run_, writes_) {}
+
+// ---- the run
+
+Status Stm::start() {
+  if (start_.claim) {
+    if (Status status = lay_claim(*start_.claim); !status.ok()) return status;
+  }
+  const Claim* decided = reads_.claims().decided_on(kRootNode);
+  if (decided == nullptr) return {};
+  const auto deadline = [this] { return run_.deadline(); };
+  Status status = core_.recovery.finish(*decided, deadline);
+  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+}
+
+Status Stm::lay_claim(const ClaimOrder& order) {
+  run_.become_long();
+  Claim claim{order.top, staging_.token(), 0, {}};
+  claim.text.attempt = order.attempt;
+  TxnRequest batch;
+  compare_claims(&batch, core_.keys, reads_.claims());
+  put(batch.add_success(), core_.keys.claim(claim.top, claim.token), claim.text.print());
+  *batch.add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
+  Written written = staging_.try_send(std::move(batch));
+  if (!written.status.ok()) return run_.fail(std::move(written.status));
+  if (!written.made) {
+    if (written.response.responses_size() > 0) {
+      core_.claims.learn(written.response.responses(0).response_range(), written.response.header().revision());
+    }
+    Status status = run_.repeat_from_scratch();
+    run_.next.claim = order;
+    return status;
+  }
+  claim.mod_revision = written.revision;
+  reads_.set_claim(std::move(claim));
+  return {};
+}
+
+bool Stm::finish(Status* result) {
+  if (before_ && !before_->failure().ok()) {
+    if (before_->failure().verdict == Verdict::kCompacted) (void)run_.repeat_from_scratch();
+    (void)run_.fail(before_->failure().status);
+  }
+  if (run_.repeats()) return false;
+  if (!run_.failure().ok()) {
+    *result = run_.failure();
+    return true;
+  }
+  const bool has_written = !writes_.is_empty() || staging_.started();
+  Status status;
+  if (purpose_ == Purpose::kWrite && result->ok() && has_written) {
+    status = Commit(core_, run_, reads_, writes_, staging_).make();
+  } else {
+    status = reads_.validate();
+  }
+  if (run_.repeats()) return false;
+  if (!status.ok()) *result = std::move(status);
+  return true;
+}
+
+// A run that held a claim is followed by one that lays the same claim again, and reads the state at which it does.
+NextRun Stm::take_next() {
+  if (reads_.claim() && !run_.next.claim) {
+    return {{}, ClaimOrder{reads_.claim()->top, reads_.claim()->text.attempt + 1}};
+  }
+  return std::move(run_.next);
+}
+
+// ---- reading
+
+// What this run itself has made of a place, in memory or staged.
+Status Stm::find_written(const NodePlace& place, bool* written, std::optional<Node>* node) {
+  *written = true;
+  if (const std::optional<Node>* found = writes_.find_node(place)) {
+    *node = *found;
+    return {};
+  }
+  node->reset();
+  if (writes_.is_discarded(place.parent)) return {};
+  *written = writes_.is_fresh(place.parent);
+  if (!*written || !writes_.is_staged(place)) return {};
+  RangeResponse response;
+  if (Status status = reads_.read_fresh(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
+  const SeenNode seen = seen_node(response, place);
+  *node = seen.node;
+  return seen.damage;
+}
+
+Status Stm::find(NodeId parent, std::string_view name, Node* node) {
+  const NodePlace place{parent, std::string(name)};
+  bool written = false;
+  std::optional<Node> own;
+  if (Status status = find_written(place, &written, &own); !status.ok()) return status;
+  if (written) {
+    if (!own) return PRTKV_NO_SUCH_KEY;
+    *node = *own;
+    return {};
+  }
+  const SeenNode* seen = nullptr;
+  if (Status status = reads_.get(place, &seen); !status.ok()) return status;
+  if (!seen->damage.ok()) return seen->damage;
+  if (!seen->node) return PRTKV_NO_SUCH_KEY;
+  *node = *seen->node;
+  return {};
+}
+
+Status Stm::value(NodeId id, Value* value) {
+  *value = Value{};
+  if (const std::optional<std::string>* written = writes_.find_value(id)) {
+    return *written ? decode_value(id, as_bytes(**written), value) : Status();
+  }
+  if (writes_.is_discarded(id)) return {};
+  return writes_.is_fresh(id) ? value_of_fresh(id, value) : reads_.get_value(id, value);
+}
+
+Status Stm::value_of_fresh(NodeId id, Value* value) {
+  if (!staging_.started()) return {};
+  RangeResponse response;
+  if (Status status = reads_.read_fresh(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
+  if (response.kvs_size() == 0) return {};
+  fresh_value_ = std::move(*response.mutable_kvs(0)->mutable_value());
+  return decode_value(id, as_bytes(fresh_value_), value);
+}
+
+Status Stm::has_children(NodeId parent, bool* answer) {
+  *answer = writes_.has_child(parent);
+  if (*answer || writes_.is_discarded(parent)) return {};
+  const std::int64_t removed = writes_.removed_below(parent);
+  const auto is_written = [this](const NodePlace& place) { return writes_.find_node(place) != nullptr; };
+  if (!writes_.is_fresh(parent)) return reads_.has_child(parent, removed, is_written, answer);
+  if (!staging_.started()) return {};
+  RangeResponse response;
+  const RangeRequest request = get_range(core_.keys.children(parent), 1 + removed);
+  if (Status status = reads_.read_fresh(request, &response); !status.ok()) return status;
+  for (const KeyValue& record : response.kvs()) {
+    const auto place = core_.keys.parse_node(record.key());
+    *answer = *answer || (place && !is_written(*place));
+  }
+  return {};
+}
+
+Status Stm::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  if (purpose_ == Purpose::kRead) return reads_.scan(parent, visit);
+  if (writes_.is_discarded(parent)) return {};
+  NamedNodes children;
+  Status status = writes_.is_fresh(parent) ? list_fresh(parent, &children) : reads_.list(parent, &children);
+  return status.ok() ? visit_merged(parent, children, visit) : status;
+}
+
+Status Stm::list_fresh(NodeId parent, NamedNodes* children) {
+  if (!staging_.started()) return {};
+  Pager pager(*core_.kv, get_range(core_.keys.children(parent), kNodesPerPage));
+  while (pager.more()) {
+    RangeResponse page;
+    if (Reply reply = pager.next(&page); !reply.ok()) return run_.fail(reply.status);
+    for (const KeyValue& record : page.kvs()) {
+      const auto place = core_.keys.parse_node(record.key());
+      if (!place) continue;
+      const SeenNode seen = seen_node(record, *place);
+      if (!seen.damage.ok()) return seen.damage.about("subkey '" + place->name + "'");
+      children->emplace_back(place->name, *seen.node);
+    }
+  }
+  return {};
+}
+
+// Visits what was listed, with what this run has written since. The visit may write more.
+Status Stm::visit_merged(NodeId parent, const NamedNodes& children,
+                         FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  auto listed = children.begin();
+  auto written = writes_.nodes().lower_bound(NodePlace{parent, ""});
+  while (true) {
+    const bool own = written != writes_.nodes().end() && written->first.parent == parent;
+    if (!own && listed == children.end()) return {};
+    if (own && (listed == children.end() || written->first.name <= listed->first)) {
+      const NodePlace place = written->first;
+      const std::optional<Node> node = written->second;
+      if (listed != children.end() && listed->first == place.name) ++listed;
+      if (node) {
+        if (Status status = visit(place.name, *node); !status.ok()) return status;
+      }
+      written = writes_.nodes().upper_bound(place);
+      continue;
+    }
+    const auto& [name, node] = *listed;
+    if (Status status = visit(name, node); !status.ok()) return status;
+    written = writes_.nodes().upper_bound(NodePlace{parent, name});
+    ++listed;
+  }
+}
+
+// ---- writing
+
+Status Stm::insert(NodeId parent, std::string_view name, const Node& node) {
+  if (Status status = check_place(parent, name); !status.ok()) return status;
+  if (node.id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a node needs an id"};
+  NodePlace place{parent, std::string(name)};
+  bool written = false;
+  std::optional<Node> own;
+  if (Status status = find_written(place, &written, &own); !status.ok()) return status;
+  if (own) return PRTKV_KEY_EXISTS;
+  if (!written) {
+    const SeenNode* seen = nullptr;
+    if (Status status = reads_.get_probably_free(place, &seen); !status.ok()) return status;
+    if (seen->node || !seen->damage.ok()) return PRTKV_KEY_EXISTS;
+  }
+  if (writes_.can_be_staged(place, node)) {
+    if (Status status = staging_.make_room(kOperationOverhead); !status.ok()) return status;
+  }
+  writes_.put_node(std::move(place), node);
+  return {};
+}
+
+Status Stm::set_security(NodeId parent, std::string_view name, const sec_attr& security) {
+  Node node;
+  if (Status status = find(parent, name, &node); !status.ok()) return status;
+  node.security = security;
+  writes_.put_node({parent, std::string(name)}, node);
+  return {};
+}
+
+// A damaged entry can be removed as well: what hangs below it is then found by a check.
+Status Stm::unlink(NodeId parent, std::string_view name) {
+  if (Status status = check_place(parent, name); !status.ok()) return status;
+  NodePlace place{parent, std::string(name)};
+  bool written = false;
+  std::optional<Node> own;
+  const Status damage = find_written(place, &written, &own);
+  if (!run_.failure().ok()) return run_.failure();
+  if (written && !own && damage.ok()) return PRTKV_NO_SUCH_KEY;
+  if (!written) {
+    const SeenNode* seen = nullptr;
+    if (Status status = reads_.get(place, &seen); !status.ok()) return status;
+    if (seen->mod_revision == 0) return PRTKV_NO_SUCH_KEY;
+  }
+  const SeenNode* read = reads_.find(place);
+  const bool was_there = writes_.is_staged(place) || (read != nullptr && read->mod_revision != 0);
+  if (was_there) {
+    writes_.put_node(std::move(place), {});
+  } else {
+    writes_.forget_node(place);
+  }
+  return {};
+}
+
+Status Stm::discard(NodeId id) {
+  if (id == kNoNode || id == kRootNode) return {PRTKV_INVALID_ARGUMENT, "the root cannot be moved or removed"};
+  writes_.discard(id);
+  return {};
+}
+
+Status Stm::set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) {
+  if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
+  if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
+  if (writes_.is_discarded(id)) return {};
+  if (type == 0 && bytes.empty()) {
+    writes_.put_value(id, {});
+    return {};
+  }
+  std::string record(value_record_size(bytes.size()), '\0');
+  encode_value(id, type, bytes, std::as_writable_bytes(std::span(record)));
+  if (writes_.is_fresh(id)) {
+    if (Status status = staging_.make_room(record.size() + kOperationOverhead); !status.ok()) return status;
+  }
+  writes_.put_value(id, std::move(record));
+  return {};
+}
+
+View& Stm::before() {
+  if (!before_) before_ = std::make_unique<RevisionView>(core_, reads_.settled_revision());
+  run_.become_long();
+  return *before_;
+}
+
+}  // namespace tkv::store::etcd

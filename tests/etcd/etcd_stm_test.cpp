@@ -1,0 +1,452 @@
+// The parts of a transaction on etcd (read set, write set, commit, recovery), against a cluster in memory.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fake_kv.h"
+#include "store/etcd/commit.h"
+#include "store/etcd/limits.h"
+#include "store/etcd/redo_log.h"
+#include "store/etcd/stm.h"
+#include "store/record.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+using Purpose = ReadSet::Purpose;
+
+std::string value_record(NodeId id, std::string_view text) {
+  std::string record(value_record_size(text.size()), '\0');
+  encode_value(id, 3, bytes_of(text), std::as_writable_bytes(std::span(record)));
+  return record;
+}
+
+// ---- write set
+
+class EtcdWriteSet : public testing::Test {
+ protected:
+  const Keys keys_{"/tkv/"};
+  WriteSet writes_{keys_};
+};
+
+TEST_F(EtcdWriteSet, HoldsTheLastWriteToEachPlace) {
+  EXPECT_TRUE(writes_.is_empty());
+  EXPECT_EQ(writes_.find_node({1, "a"}), nullptr);
+  writes_.put_node({1, "a"}, Node{5, {}});
+  writes_.put_node({1, "a"}, Node{6, {}});
+  ASSERT_NE(writes_.find_node({1, "a"}), nullptr);
+  EXPECT_EQ((*writes_.find_node({1, "a"}))->id, 6u);
+  writes_.put_node({1, "a"}, {});
+  EXPECT_FALSE(writes_.find_node({1, "a"})->has_value()) << "a removal is a write";
+  EXPECT_EQ(writes_.removed_below(1), 1);
+  EXPECT_FALSE(writes_.has_child(1));
+  writes_.forget_node({1, "a"});
+  EXPECT_TRUE(writes_.is_empty());
+}
+
+TEST_F(EtcdWriteSet, KnowsFreshIdsInRanges) {
+  for (const NodeId id : {10, 11, 12, 20}) writes_.add_fresh(id);
+  EXPECT_EQ(writes_.fresh().size(), 2u);
+  EXPECT_TRUE(writes_.is_fresh(11));
+  EXPECT_TRUE(writes_.is_fresh(20));
+  EXPECT_FALSE(writes_.is_fresh(13));
+}
+
+TEST_F(EtcdWriteSet, StagesWhatConcernsFreshNodesOnly) {
+  writes_.add_fresh(10);
+  writes_.add_fresh(11);
+  writes_.put_node({1, "top"}, Node{10, {}});
+  writes_.put_node({10, "below"}, Node{11, {}});
+  writes_.put_node({10, "moved"}, Node{5, {}});
+  writes_.put_value(11, value_record(11, "fresh"));
+  writes_.put_value(5, value_record(5, "visible"));
+  const std::vector<TxnRequest> batches = writes_.take_staged();
+  ASSERT_EQ(batches.size(), 1u);
+  ASSERT_EQ(batches[0].success_size(), 2);
+  EXPECT_EQ(batches[0].success(0).request_put().key(), keys_.node({10, "below"}));
+  EXPECT_EQ(batches[0].success(1).request_put().key(), keys_.value(11));
+  EXPECT_TRUE(writes_.is_staged({10, "below"}));
+  EXPECT_FALSE(writes_.is_staged({1, "top"}));
+  EXPECT_TRUE(writes_.take_staged().empty());
+  EXPECT_EQ(writes_.puts({}).size(), 3u);
+}
+
+TEST_F(EtcdWriteSet, DividesWhatIsStagedByCountAndBySize) {
+  for (NodeId id = 10; id < 310; ++id) {
+    writes_.add_fresh(id);
+    writes_.put_node({10, std::to_string(id)}, Node{id, {}});
+  }
+  EXPECT_EQ(writes_.take_staged().size(), 3u);
+  const std::string large(kMaxTxnBytes / 2, 'x');
+  for (NodeId id = 10; id < 13; ++id) writes_.put_value(id, large);
+  EXPECT_EQ(writes_.take_staged().size(), 3u) << "two of them do not fit one request";
+}
+
+TEST_F(EtcdWriteSet, SaysWhenABatchIsFull) {
+  for (int i = 0; i < kBatchOperations; ++i) EXPECT_TRUE(writes_.has_room(1)) << i;
+  EXPECT_FALSE(writes_.has_room(1));
+  EXPECT_TRUE(writes_.has_room(1)) << "the count began anew";
+  EXPECT_FALSE(writes_.has_room(kMaxTxnBytes));
+}
+
+TEST_F(EtcdWriteSet, RemovesDiscardedNodesWithoutChildrenAtOnce) {
+  writes_.put_value(7, value_record(7, "lost"));
+  writes_.discard(7);
+  writes_.discard(8);
+  EXPECT_EQ(writes_.garbage({7}), std::vector<std::string>{keys_.garbage(8)});
+  const std::vector<RequestOp> puts = writes_.puts({7});
+  ASSERT_EQ(puts.size(), 2u);
+  EXPECT_EQ(puts[0].request_delete_range().key(), keys_.value(7));
+  EXPECT_EQ(puts[1].request_put().key(), keys_.garbage(8));
+  writes_.put_node({7, "late"}, Node{9, {}});
+  EXPECT_EQ(writes_.garbage({7}).size(), 2u) << "this run has put a child there";
+}
+
+// ---- what needs requests
+
+class EtcdParts : public testing::Test {
+ protected:
+  EtcdParts() {
+    auto kv = std::make_unique<FakeKv>();
+    kv_ = kv.get();
+    core_ = std::make_unique<Core>(std::move(kv), "/tkv/");
+    kv_->put(keys().meta(), as_text(encode_meta(Meta{100, 1})));
+    put_node({kNoNode, ""}, kRootNode);
+    put_node({kRootNode, "a"}, 2);
+    put_node({2, "b"}, 3);
+    kv_->put(keys().value(3), value_record(3, "former"));
+  }
+
+  const Keys& keys() const { return core_->keys; }
+  void put_node(const NodePlace& place, NodeId id) {
+    kv_->put(keys().node(place), as_text(encode_node(place.parent, place.name, Node{id, {}})));
+  }
+  bool has_node(const NodePlace& place) const { return kv_->mod_revision(keys().node(place)) != 0; }
+  std::string value_of(NodeId id) const {
+    const std::string record = kv_->get(keys().value(id));
+    Value value;
+    return decode_value(id, as_bytes(record), &value).ok() ? text_of(value) : "";
+  }
+  static Deadline soon() { return Deadline(std::chrono::seconds(5)); }
+
+  // Runs a function as a store does, until it need not run again.
+  template <typename Function>
+  Status run(Function function, Purpose purpose = Purpose::kWrite, int most = 5) {
+    NextRun next;
+    for (runs_ = 1; runs_ <= most; ++runs_) {
+      Stm stm(*core_, purpose, std::move(next), soon());
+      Status result = stm.start();
+      if (result.ok()) result = function(stm);
+      if (stm.finish(&result)) return result;
+      next = stm.take_next();
+    }
+    return {PRTKV_UNREACHABLE, "ran too often"};
+  }
+
+  FakeKv* kv_ = nullptr;
+  std::unique_ptr<Core> core_;
+  int runs_ = 0;
+};
+
+class EtcdReadSet : public EtcdParts {
+ protected:
+  std::unique_ptr<ReadSet> reads(Purpose purpose = Purpose::kWrite) {
+    run_ = std::make_unique<etcd::Run>(soon(), std::chrono::milliseconds(2000));
+    return std::make_unique<ReadSet>(*core_, *run_, start_, purpose);
+  }
+
+  std::unique_ptr<etcd::Run> run_;
+  NextRun start_;
+};
+
+TEST_F(EtcdReadSet, ReadsEverythingAtTheRevisionOfTheFirstRequest) {
+  const auto set = reads();
+  const SeenNode* seen = nullptr;
+  ASSERT_TRUE(done(set->get({kNoNode, ""}, &seen)));
+  put_node({2, "b"}, 33);
+  ASSERT_TRUE(done(set->get({2, "b"}, &seen)));
+  EXPECT_EQ(seen->node->id, 3u);
+  EXPECT_NE(set->settled_revision(), 0);
+}
+
+TEST_F(EtcdReadSet, ComparesWhatItTakesFromTheCacheWithTheNextRequest) {
+  const SeenNode* seen = nullptr;
+  ASSERT_TRUE(done(reads()->get({kRootNode, "a"}, &seen)));
+  put_node({kRootNode, "a"}, 22);
+  const auto set = reads();
+  ASSERT_TRUE(done(set->get({kRootNode, "a"}, &seen)));
+  EXPECT_EQ(seen->node->id, 2u) << "from the cache, outdated";
+  EXPECT_FALSE(set->get({2, "b"}, &seen).ok());
+  EXPECT_TRUE(run_->repeats());
+  EXPECT_EQ(run_->next.prefetch.nodes.at({kRootNode, "a"}).node->id, 22u);
+}
+
+TEST_F(EtcdReadSet, StartsFromThePrefetchOfTheRunBefore) {
+  start_.prefetch.revision = kv_->revision();
+  start_.prefetch.claims = core_->claims.known();
+  start_.prefetch.nodes[{kRootNode, "a"}] = SeenNode{7, Node{77, {}}, {}};
+  const int before = kv_->requests();
+  const auto set = reads();
+  const SeenNode* seen = nullptr;
+  ASSERT_TRUE(done(set->get({kRootNode, "a"}, &seen)));
+  EXPECT_EQ(seen->node->id, 77u);
+  EXPECT_EQ(kv_->requests(), before);
+}
+
+TEST_F(EtcdReadSet, ComparesNodesValuesAndListings) {
+  const auto set = reads();
+  const SeenNode* seen = nullptr;
+  Value value;
+  NamedNodes children;
+  ASSERT_TRUE(done(set->get({2, "b"}, &seen)));
+  ASSERT_TRUE(done(set->get_value(3, &value)));
+  ASSERT_TRUE(done(set->list(3, &children)));
+  TxnRequest request;
+  set->add_compares(&request);
+  const auto stands = [&] {
+    TxnResponse response;
+    EXPECT_TRUE(kv_->txn(request, &response, soon()).ok());
+    return response.succeeded();
+  };
+  EXPECT_TRUE(stands());
+  put_node({3, "newcomer"}, 9);
+  EXPECT_FALSE(stands());
+  kv_->erase(keys().node({3, "newcomer"}));
+  EXPECT_TRUE(stands());
+  kv_->put(keys().value(3), value_record(3, "later"));
+  EXPECT_FALSE(stands());
+}
+
+TEST_F(EtcdReadSet, ADamagedValueIsDamagedEveryTimeItIsRead) {
+  kv_->put(keys().value(3), "nonsense");
+  const auto set = reads();
+  Value value;
+  EXPECT_TRUE(set->get_value(3, &value).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(set->get_value(3, &value).is(PRTKV_STORAGE_FAILED));
+}
+
+TEST_F(EtcdReadSet, SurveysWhatOneTransactionCannotCompare) {
+  for (NodeId id = 1000; id < 1200; ++id) put_node({3, std::to_string(id)}, id);
+  const auto set = reads();
+  NamedNodes children;
+  ASSERT_TRUE(done(set->list(3, &children)));
+  EXPECT_EQ(children.size(), 200u);
+  EXPECT_TRUE(set->is_surveying());
+  TxnRequest request;
+  set->add_compares(&request);
+  EXPECT_LT(request.compare_size(), kMaxTxnOperations);
+}
+
+TEST_F(EtcdReadSet, OfARunThatOnlyReadsNeverSurveys) {
+  for (NodeId id = 1000; id < 1200; ++id) put_node({3, std::to_string(id)}, id);
+  const auto set = reads(Purpose::kRead);
+  int count = 0;
+  ASSERT_TRUE(done(set->scan(3, [&](std::string_view, const Node&) {
+    ++count;
+    return Status();
+  })));
+  EXPECT_EQ(count, 200);
+  EXPECT_FALSE(set->is_surveying());
+}
+
+TEST_F(EtcdReadSet, ACompactedRevisionMakesTheRunRepeatFromScratch) {
+  const auto set = reads();
+  const SeenNode* seen = nullptr;
+  ASSERT_TRUE(done(set->get({kNoNode, ""}, &seen)));
+  kv_->put("/elsewhere", "");
+  kv_->compact();
+  EXPECT_FALSE(set->get({kRootNode, "a"}, &seen).ok());
+  EXPECT_TRUE(run_->repeats());
+  EXPECT_EQ(run_->next.prefetch.revision, 0);
+}
+
+// ---- commit
+
+class EtcdCommit : public EtcdParts {};
+
+TEST_F(EtcdCommit, MakesWhatFitsInOneTransaction) {
+  ASSERT_TRUE(done(run([](Update& update) { return update.set_value(3, 3, bytes_of("later")); })));
+  EXPECT_EQ(value_of(3), "later");
+  EXPECT_EQ(runs_, 1);
+  EXPECT_EQ(kv_->count(keys().all_staging()), 0u);
+}
+
+TEST_F(EtcdCommit, RepeatsTheRunWhenWhatItReadHasChanged) {
+  bool changed = false;
+  ASSERT_TRUE(done(run([&](Update& update) -> Status {
+    Node node;
+    Value value;
+    if (Status status = follow(update, "a.b", &node); !status.ok()) return status;
+    if (Status status = update.value(node.id, &value); !status.ok()) return status;
+    const std::string text = text_of(value) + "+";
+    if (!std::exchange(changed, true)) kv_->put(keys().value(3), value_record(3, "other"));
+    return update.set_value(node.id, 3, bytes_of(text));
+  })));
+  EXPECT_EQ(runs_, 2);
+  EXPECT_EQ(value_of(3), "other+");
+}
+
+TEST_F(EtcdCommit, DoesNotRepeatTheRunForAClaimThatWasLaidMeanwhile) {
+  bool laid = false;
+  ASSERT_TRUE(done(run([&](Update& update) -> Status {
+    Node node;
+    if (Status status = follow(update, "a.b", &node); !status.ok()) return status;
+    if (!std::exchange(laid, true)) kv_->put(keys().claim(2, "token"), ClaimText().print());
+    return update.set_value(node.id, 3, bytes_of("later"));
+  })));
+  EXPECT_EQ(runs_, 1);
+  EXPECT_EQ(value_of(3), "later");
+  EXPECT_EQ(kv_->count(keys().all_claims()), 0u) << "whoever writes below a claimed key removes the claim";
+}
+
+TEST_F(EtcdCommit, LeavesTheClaimOfAnotherSubtreeAlone) {
+  kv_->put(keys().claim(50, "token"), ClaimText().print());
+  ASSERT_TRUE(done(run([&](Update& update) -> Status {
+    Node node;
+    if (Status status = follow(update, "a.b", &node); !status.ok()) return status;
+    return update.set_value(node.id, 3, bytes_of("later"));
+  })));
+  EXPECT_EQ(kv_->count(keys().all_claims()), 1u);
+}
+
+TEST_F(EtcdCommit, DecidesALargeChangeUnderAClaimAndCarriesItOut) {
+  for (NodeId id = 1000; id < 1300; ++id) put_node({3, std::to_string(id)}, id);
+  std::vector<std::string> claims;
+  kv_->before_txn = [&](const TxnRequest& request) {
+    for (const RequestOp& operation : request.success()) {
+      if (operation.request_put().key().starts_with("/tkv/claims/")) claims.push_back(operation.request_put().value());
+    }
+    return Reply();
+  };
+  ASSERT_TRUE(done(run([&](Update& update) -> Status {
+    Node node;
+    if (Status status = follow(update, "a.b", &node); !status.ok()) return status;
+    return update.children(
+        node.id, [&](std::string_view, const Node& child) { return update.set_value(child.id, 3, bytes_of("all")); });
+  })));
+  EXPECT_EQ(runs_, 2) << "one survey, one under the claim";
+  ASSERT_GE(claims.size(), 2u);
+  EXPECT_FALSE(ClaimText::parse(claims[0]).decided);
+  EXPECT_TRUE(ClaimText::parse(claims[1]).decided);
+  for (NodeId id = 1000; id < 1300; ++id) EXPECT_EQ(value_of(id), "all") << id;
+  for (const KeyRange& range : {keys().all_claims(), keys().all_plans(), keys().all_staging()}) {
+    EXPECT_EQ(kv_->count(range), 0u) << range.begin;
+  }
+}
+
+TEST_F(EtcdCommit, AFailureOfTheFunctionChangesNothing) {
+  const Status status = run([](Update& update) -> Status {
+    if (Status set = update.set_value(3, 3, bytes_of("lost")); !set.ok()) return set;
+    return {PRTKV_ACCESS_DENIED, "no"};
+  });
+  EXPECT_TRUE(status.is(PRTKV_ACCESS_DENIED));
+  EXPECT_EQ(value_of(3), "former");
+}
+
+TEST_F(EtcdCommit, AWriteWhoseAnswerWasLostIsMadeOnce) {
+  bool lost = false;
+  kv_->after_txn = [&](const TxnRequest& request) -> Reply {
+    if (request.success_size() == 0 || !request.success(0).has_request_put() || std::exchange(lost, true)) return {};
+    return {Verdict::kFinal, Status(PRTKV_UNREACHABLE, "lost"), true};
+  };
+  ASSERT_TRUE(done(run([](Update& update) { return update.set_value(3, 3, bytes_of("later")); })));
+  EXPECT_EQ(value_of(3), "later");
+  EXPECT_EQ(runs_, 1);
+}
+
+// ---- recovery
+
+class EtcdRecovery : public EtcdParts {
+ protected:
+  // Leaves a decision behind as a session does that ends after it has decided.
+  void leave_decision(std::uint64_t next) {
+    RedoLog log;
+    for (const char* text : {"first", "second"}) {
+      RequestOp operation;
+      put(&operation, keys().value(3), value_record(3, text));
+      log.add(std::move(operation));
+      put(&operation, "/tkv/pad", std::string(kMaxTxnBytes, 'x'));  // one batch for each
+      log.add(std::move(operation));
+    }
+    const std::vector<std::string> batches = log.take_batches();
+    for (std::uint64_t number = next; number < batches.size(); ++number) {
+      kv_->put(keys().plan("token", number), batches[number]);
+    }
+    kv_->put(keys().claim(2, "token"), ClaimText{true, 0, next, batches.size()}.print());
+    batches_ = batches.size();
+    RangeResponse claims;
+    EXPECT_TRUE(kv_->range(get_all(keys().all_claims()), &claims, soon()).ok());
+    core_->claims.learn(claims, kv_->revision());
+  }
+
+  Status finish() {
+    const auto deadline = [] { return Deadline(std::chrono::milliseconds(500)); };
+    return core_->recovery.finish(*core_->claims.known()->decided_on(2), deadline);
+  }
+
+  std::uint64_t batches_ = 0;
+};
+
+TEST_F(EtcdRecovery, CarriesOutWhatIsLeftOfADecision) {
+  leave_decision(0);
+  ASSERT_GE(batches_, 2u);
+  ASSERT_TRUE(done(finish()));
+  EXPECT_EQ(value_of(3), "second");
+  EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
+  EXPECT_EQ(kv_->count(keys().all_plans()), 0u);
+  EXPECT_FALSE(core_->claims.known()->has_decided());
+}
+
+TEST_F(EtcdRecovery, BeginsWhereTheOthersHaveStopped) {
+  leave_decision(1);
+  ASSERT_TRUE(done(finish()));
+  EXPECT_EQ(value_of(3), "second");
+}
+
+TEST_F(EtcdRecovery, EndsWhenAnotherSessionHasCarriedItOut) {
+  leave_decision(0);
+  kv_->erase(keys().claim(2, "token"));
+  ASSERT_TRUE(done(finish()));
+  EXPECT_EQ(value_of(3), "former");
+}
+
+TEST_F(EtcdRecovery, ReportsABatchThatIsMissingOrDamaged) {
+  leave_decision(0);
+  kv_->erase(keys().plan("token", 0));
+  Status status = finish();
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("missing"), std::string::npos) << status.text();
+  kv_->put(keys().plan("token", 0), "nonsense");
+  EXPECT_TRUE(finish().is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(value_of(3), "former");
+}
+
+TEST_F(EtcdRecovery, RunsBeforeAnybodyReadsBelowTheTop) {
+  leave_decision(0);
+  std::string text;
+  ASSERT_TRUE(done(run(
+      [&](View& view) -> Status {
+        Node node;
+        Value value;
+        if (Status status = follow(view, "a.b", &node); !status.ok()) return status;
+        if (Status status = view.value(node.id, &value); !status.ok()) return status;
+        text = text_of(value);
+        return {};
+      },
+      Purpose::kRead)));
+  EXPECT_EQ(text, "second");
+}
+
+TEST_F(EtcdRecovery, ASettledReadSeesEveryDecisionCarriedOut) {
+  leave_decision(0);
+  RangeResponse response;
+  std::int64_t revision = 0;
+  ASSERT_TRUE(core_->recovery.read_settled(get_one(keys().value(3)), &response, &revision).ok());
+  EXPECT_EQ(response.kvs(0).value(), value_record(3, "second"));
+  EXPECT_EQ(revision, kv_->revision());
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd

@@ -1,0 +1,181 @@
+#include "fake_kv.h"
+
+#include <algorithm>
+
+namespace tkv::store::etcd {
+namespace {
+
+bool compares(Compare::CompareResult result, int order) {
+  switch (result) {
+    case Compare::EQUAL:
+      return order == 0;
+    case Compare::GREATER:
+      return order > 0;
+    case Compare::LESS:
+      return order < 0;
+    default:
+      return order != 0;
+  }
+}
+
+int order_of(std::int64_t left, std::int64_t right) { return left < right ? -1 : left > right ? 1 : 0; }
+
+}  // namespace
+
+const FakeKv::Version* FakeKv::version(const std::string& key, std::int64_t revision) const {
+  const auto found = keys_.find(key);
+  if (found == keys_.end()) return nullptr;
+  const auto& versions = found->second;
+  const auto newer = std::find_if(versions.rbegin(), versions.rend(),
+                                  [&](const Version& version) { return version.mod_revision <= revision; });
+  return newer == versions.rend() || !newer->exists ? nullptr : &*newer;
+}
+
+std::vector<std::string> FakeKv::keys_of(const std::string& key, const std::string& end, std::int64_t revision) const {
+  std::vector<std::string> keys;
+  for (auto at = keys_.lower_bound(key); at != keys_.end(); ++at) {
+    if (end.empty() ? at->first != key : at->first >= end) break;
+    if (version(at->first, revision) != nullptr) keys.push_back(at->first);
+  }
+  return keys;
+}
+
+bool FakeKv::holds(const Compare& compare, const Version* version) {
+  switch (compare.target()) {
+    case Compare::MOD:
+      return compares(compare.result(),
+                      order_of(version == nullptr ? 0 : version->mod_revision, compare.mod_revision()));
+    case Compare::CREATE:
+      return compares(compare.result(),
+                      order_of(version == nullptr ? 0 : version->create_revision, compare.create_revision()));
+    case Compare::VALUE:
+      return version != nullptr && compares(compare.result(), version->value.compare(compare.value()));
+    default:
+      return false;
+  }
+}
+
+bool FakeKv::holds(const Compare& compare) const {
+  if (compare.range_end().empty()) return holds(compare, version(compare.key(), revision_));
+  const auto keys = keys_of(compare.key(), compare.range_end(), revision_);
+  if (keys.empty()) return holds(compare, nullptr);
+  return std::all_of(keys.begin(), keys.end(),
+                     [&](const std::string& key) { return holds(compare, version(key, revision_)); });
+}
+
+void FakeKv::read(const RangeRequest& request, std::int64_t now, RangeResponse* response) const {
+  const std::int64_t at = request.revision() == 0 ? now : request.revision();
+  const auto keys = keys_of(request.key(), request.range_end(), at);
+  response->mutable_header()->set_revision(now);
+  response->set_count(static_cast<std::int64_t>(keys.size()));
+  for (const std::string& key : keys) {
+    if (request.limit() != 0 && response->kvs_size() == request.limit()) {
+      response->set_more(true);
+      return;
+    }
+    const Version* found = version(key, at);
+    KeyValue* record = response->add_kvs();
+    record->set_key(key);
+    record->set_mod_revision(found->mod_revision);
+    record->set_create_revision(found->create_revision);
+    if (!request.keys_only()) record->set_value(found->value);
+  }
+}
+
+void FakeKv::write(const std::string& key, const std::string* value, std::int64_t revision) {
+  const Version* former = version(key, revision);
+  Version next{revision, former == nullptr ? revision : former->create_revision, value != nullptr,
+               value == nullptr ? "" : *value};
+  keys_[key].push_back(std::move(next));
+}
+
+Reply FakeKv::range(const RangeRequest& request, RangeResponse* response, Deadline) {
+  const std::lock_guard lock(mutex_);
+  ++requests_;
+  response->Clear();
+  if (request.revision() != 0 && request.revision() < compacted_) {
+    return {Verdict::kCompacted, Status(PRTKV_STORAGE_FAILED, "has been compacted"), false};
+  }
+  read(request, revision_, response);
+  return {};
+}
+
+Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, std::size_t) {
+  const std::lock_guard lock(mutex_);
+  ++requests_;
+  response->Clear();
+  if (before_txn) {
+    if (Reply reply = before_txn(request); !reply.ok()) return reply;
+  }
+  const bool succeeded = std::all_of(request.compare().begin(), request.compare().end(),
+                                     [this](const Compare& compare) { return holds(compare); });
+  response->set_succeeded(succeeded);
+  const std::int64_t next = revision_ + 1;
+  bool written = false;
+  for (const RequestOp& operation : succeeded ? request.success() : request.failure()) {
+    etcdserverpb::ResponseOp* answer = response->add_responses();
+    if (operation.has_request_range()) {
+      read(operation.request_range(), written ? next : revision_, answer->mutable_response_range());
+    } else if (operation.has_request_put()) {
+      write(operation.request_put().key(), &operation.request_put().value(), next);
+      answer->mutable_response_put();
+      written = true;
+    } else {
+      const auto& gone = operation.request_delete_range();
+      const auto keys = keys_of(gone.key(), gone.range_end(), next);
+      for (const std::string& key : keys) write(key, nullptr, next);
+      answer->mutable_response_delete_range()->set_deleted(static_cast<std::int64_t>(keys.size()));
+      written = written || !keys.empty();
+    }
+  }
+  if (written) revision_ = next;
+  response->mutable_header()->set_revision(revision_);
+  if (after_txn) {
+    if (Reply reply = after_txn(request); !reply.ok()) return reply;
+  }
+  return {};
+}
+
+void FakeKv::put(const std::string& key, const std::string& value) {
+  const std::lock_guard lock(mutex_);
+  write(key, &value, ++revision_);
+}
+
+void FakeKv::erase(const std::string& key) {
+  const std::lock_guard lock(mutex_);
+  write(key, nullptr, ++revision_);
+}
+
+std::string FakeKv::get(const std::string& key) const {
+  const std::lock_guard lock(mutex_);
+  const Version* found = version(key, revision_);
+  return found == nullptr ? "" : found->value;
+}
+
+std::size_t FakeKv::count(const KeyRange& range) const {
+  const std::lock_guard lock(mutex_);
+  return keys_of(range.begin, range.end, revision_).size();
+}
+
+std::int64_t FakeKv::mod_revision(const std::string& key) const {
+  const std::lock_guard lock(mutex_);
+  const Version* found = version(key, revision_);
+  return found == nullptr ? 0 : found->mod_revision;
+}
+
+std::int64_t FakeKv::revision() const {
+  const std::lock_guard lock(mutex_);
+  return revision_;
+}
+
+void FakeKv::compact() {
+  const std::lock_guard lock(mutex_);
+  compacted_ = revision_;
+}
+
+int FakeKv::requests() const {
+  const std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+}  // namespace tkv::store::etcd

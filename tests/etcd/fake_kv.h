@@ -1,0 +1,68 @@
+// FakeKv: answers a registry's requests from memory as etcd does, with all former revisions, so that tests need no
+// cluster. A test can look at each request before it is carried out, change what is stored by then, and lose answers.
+//
+// Threads. Any number may call at once; the functions that look at requests may call back.
+#ifndef TKV_TESTS_ETCD_FAKE_KV_H
+#define TKV_TESTS_ETCD_FAKE_KV_H
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "store/etcd/kv.h"
+#include "store/etcd/requests.h"
+
+namespace tkv::store::etcd {
+
+class FakeKv final : public Kv {
+ public:
+  using Kv::txn;
+  Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
+  Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
+  std::chrono::milliseconds timeout() const override { return std::chrono::milliseconds(2000); }
+  bool is_ours() const override { return true; }
+
+  // Called before each transaction is carried out. A failure that it returns is the reply, and nothing is carried out.
+  std::function<Reply(const TxnRequest& request)> before_txn;
+
+  // Called after each transaction has been carried out. A failure that it returns is the reply in place of the answer.
+  std::function<Reply(const TxnRequest& request)> after_txn;
+
+  // Direct access, as another client has it.
+  void put(const std::string& key, const std::string& value);
+  void erase(const std::string& key);
+  std::string get(const std::string& key) const;  // "" if it does not exist
+  std::size_t count(const KeyRange& range) const;
+  std::int64_t mod_revision(const std::string& key) const;
+
+  std::int64_t revision() const;
+  void compact();
+  int requests() const;
+
+ private:
+  struct Version {
+    std::int64_t mod_revision = 0;
+    std::int64_t create_revision = 0;
+    bool exists = true;
+    std::string value;
+  };
+
+  const Version* version(const std::string& key, std::int64_t revision) const;
+  std::vector<std::string> keys_of(const std::string& key, const std::string& end, std::int64_t revision) const;
+  bool holds(const Compare& compare) const;
+  static bool holds(const Compare& compare, const Version* version);
+  void read(const RangeRequest& request, std::int64_t now, RangeResponse* response) const;
+  void write(const std::string& key, const std::string* value, std::int64_t revision);
+
+  mutable std::recursive_mutex mutex_;
+  std::map<std::string, std::vector<Version>> keys_;
+  std::int64_t revision_ = 1;
+  std::int64_t compacted_ = 0;
+  int requests_ = 0;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
