@@ -1,4 +1,4 @@
-"""The native methods are declared in Java and in tkv.h: both must say the same."""
+"""Facts that Java and C both declare must agree: the native methods and the registry's result codes."""
 import pathlib
 import re
 import subprocess
@@ -77,6 +77,30 @@ class Drift(unittest.TestCase):
                 changed = self.from_c(lambda text: text.replace(old, new))
                 self.assertEqual(len(changed), 24)
                 self.assertNotEqual(changed, as_it_is)
+
+
+class ResultCodes(unittest.TestCase):
+    JAVA = "java/src/velmar/qen/mgmt/registry/ResultCode.java"
+    C = "platform/if/prtkv_results.h"
+
+    @staticmethod
+    def from_java(text):
+        return dict(re.findall(r"static final int (\w+) = (\d+);", text))
+
+    @staticmethod
+    def from_c(text):
+        return dict(re.findall(r"\bRESULT\((\w+), (\d+), ", text))
+
+    def test_java_and_c_name_the_same_codes(self):
+        java = self.from_java((ROOT / self.JAVA).read_text(encoding="utf-8"))
+        self.assertEqual(java["NO_SUCH_KEY"], "4")
+        self.assertEqual(java, self.from_c((ROOT / self.C).read_text(encoding="utf-8")))
+
+    def test_a_drift_is_seen(self):
+        table = (ROOT / self.C).read_text(encoding="utf-8")
+        for old, new in (("BUSY, 19", "BUSY, 20"), ("RESULT(BUSY", "RESULT(BUSIER"), ("RESULT(BUSY, 19,", "(")):
+            with self.subTest(change=new):
+                self.assertNotEqual(self.from_c(table), self.from_c(table.replace(old, new)))
 
 
 if __name__ == "__main__":

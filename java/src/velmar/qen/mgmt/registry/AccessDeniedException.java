@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** The session's user lacks a right on the key, code 2. */
+/** The session's user lacks a right on the key (code 2). */
 public final class AccessDeniedException extends RegistryException {
     private static final long serialVersionUID = 1;
 

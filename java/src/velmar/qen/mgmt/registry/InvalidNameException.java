@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** The name has an empty level or a NUL, or is too long or too deep, code 5. */
+/** The name has an empty level or a NUL, or is too long or too deep (code 5). */
 public final class InvalidNameException extends RegistryException {
     private static final long serialVersionUID = 1;
 

@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** There is such a key already, code 55. */
+/** There already is such a key (code 55). */
 public final class KeyExistsException extends RegistryException {
     private static final long serialVersionUID = 1;
 

@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** The key has subkeys and only a whole tree could be deleted, code 6. */
+/** The key cannot be deleted by itself because it has subkeys (code 6). */
 public final class KeyNotEmptyException extends RegistryException {
     private static final long serialVersionUID = 1;
 

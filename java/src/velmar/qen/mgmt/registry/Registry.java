@@ -160,7 +160,7 @@ public final class Registry implements AutoCloseable {
                 // There is a text: it is new, or it cannot be converted.
                 slots = session.query(name, report -> natives.getKeyValues(name, report));
                 if (slots == null) {
-                    throw RegistryException.saying(RegistryException.UNKNOWN, name, "the value of key '" + name
+                    throw RegistryException.saying(ResultCode.UNKNOWN, name, "the value of key '" + name
                             + "' is no list in the character set of this process's locale");
                 }
             }
@@ -344,7 +344,7 @@ public final class Registry implements AutoCloseable {
     public void create(String name, Security security) {
         Objects.requireNonNull(name);
         if (name.isEmpty()) {
-            throw RegistryException.saying(RegistryException.EXISTS, name, "the root exists");
+            throw RegistryException.saying(ResultCode.KEY_EXISTS, name, "the root exists");
         }
         write(name, security, report -> natives.createKey(name, security.type(), security.key(), security.owner(),
                                                           security.group(), report));
@@ -456,7 +456,7 @@ public final class Registry implements AutoCloseable {
         Objects.requireNonNull(target);
         Objects.requireNonNull(owner);
         if (source.isEmpty() || target.startsWith(source + ".")) {
-            throw RegistryException.saying(RegistryException.INTO_ITSELF, source,
+            throw RegistryException.saying(ResultCode.MOVE_INTO_ITSELF, source,
                                            "key '" + source + "' cannot be copied into itself");
         }
         inTurn(() -> {
@@ -606,7 +606,7 @@ public final class Registry implements AutoCloseable {
             call.accept(report);
             if (report.failedForSecurity() && !(security.readsKey() && report.text() != null)) {
                 // Any text is about an earlier step: the security's own failures have none.
-                throw RegistryException.saying(RegistryException.INVALID_ARGUMENT, name,
+                throw RegistryException.saying(ResultCode.INVALID_ARGUMENT, name,
                         "owner or group cannot be kept for key '" + name + "' (" + security + ")");
             }
             if (report.failed()) {
@@ -653,7 +653,7 @@ public final class Registry implements AutoCloseable {
     }
 
     private static RegistryException absent(String name) {
-        return RegistryException.saying(RegistryException.NOT_FOUND, name, "key '" + name + "' does not exist");
+        return RegistryException.saying(ResultCode.NO_SUCH_KEY, name, "key '" + name + "' does not exist");
     }
 
     /** Full names below a key; looks at the subkeys of a key only when it has been given out. */

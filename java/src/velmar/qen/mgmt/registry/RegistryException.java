@@ -1,34 +1,18 @@
 package velmar.qen.mgmt.registry;
 
 /**
- * A call that the registry did not carry out. Subclasses tell the kinds that programs react to; this class itself
- * stands for the others.
+ * Thrown when the registry does not carry out a call. Subclasses represent the kinds of failure that programs react to;
+ * this class itself represents all others.
  *
- * <p>It is an {@link IllegalStateException} since all kinds tell of a state of the registry in which the call cannot
- * go on, the closed one included.
+ * <p>It extends {@link IllegalStateException} because every kind is about a state of the registry, closed or otherwise,
+ * in which the call cannot proceed.
  */
 public class RegistryException extends IllegalStateException {
     private static final long serialVersionUID = 1;
 
-    static final int ACCESS_DENIED = 2;
-    static final int INVALID_HANDLE = 3;
-    static final int NOT_FOUND = 4;
-    static final int INVALID_NAME = 5;
-    static final int NOT_EMPTY = 6;
-    static final int DAMAGED = 7;
-    static final int INVALID_ARGUMENT = 8;
-    static final int BUFFER_TOO_SMALL = 9;
-    static final int VALUE_TOO_LARGE = 10;
-    static final int STORAGE_FULL = 11;
-    /** Given where the native side has told no code. */
-    static final int UNKNOWN = 14;
-    static final int UNREACHABLE = 15;
-    static final int INTO_ITSELF = 17;
-    static final int EXISTS = 55;
-
     /** The registry's result code. */
     private final int code;
-    /** Null when the failure is not about one key. */
+    /** Null if the failure is not about a single key. */
     private final String key;
 
     RegistryException(int code, String key, String text) {
@@ -38,49 +22,52 @@ public class RegistryException extends IllegalStateException {
     }
 
     /**
-     * The registry's result code, such as 4 for a key that does not exist.
+     * Returns the registry's result code, such as 4 if a key does not exist.
      *
-     * @return 14 when the registry told none
+     * @return the code; 14 (unknown) if the registry reported none
      */
     public final int code() {
         return code;
     }
 
     /**
-     * The full name of the key that was asked for.
+     * Returns the full name of the key that the call was about.
      *
-     * @return null when the failure is not about one key
+     * @return the name; null if the failure is not about a single key
      */
     public final String key() {
         return key;
     }
 
     /**
-     * The registry's own text, which is also the message.
+     * Returns the registry's own message, which is also the message of this exception.
      *
-     * @return a sentence, mostly with the code in front, such as {@code TKV-0004: key 'a.b' does not exist}
+     * @return a sentence, usually preceded by the code, such as {@code TKV-0004: key 'a.b' does not exist}
      */
     public final String text() {
         return getMessage();
     }
 
-    /** The exception for a failure that no text of the registry tells of: the sentence gets the code in front. */
+    /** Returns the exception for a failure without a message from the registry: the code is put before the sentence. */
     static RegistryException saying(int code, String key, String sentence) {
         return of(code, key, String.format("TKV-%04d: %s", code, sentence));
     }
 
-    /** The exception for a code. */
+    /** Returns the exception for a code. */
     static RegistryException of(int code, String key, String text) {
         return switch (code) {
-            case ACCESS_DENIED -> new AccessDeniedException(code, key, text);
-            case NOT_FOUND -> new KeyNotFoundException(code, key, text);
-            case INVALID_NAME -> new InvalidNameException(code, key, text);
-            case NOT_EMPTY -> new KeyNotEmptyException(code, key, text);
-            case DAMAGED -> new RegistryDamagedException(code, key, text);
-            case BUFFER_TOO_SMALL, VALUE_TOO_LARGE -> new ValueTooLargeException(code, key, text);
-            case STORAGE_FULL -> new StorageFullException(code, key, text);
-            case UNREACHABLE -> new RegistryUnavailableException(code, key, text);
-            case EXISTS -> new KeyExistsException(code, key, text);
+            case ResultCode.ACCESS_DENIED -> new AccessDeniedException(code, key, text);
+            case ResultCode.NO_SUCH_KEY -> new KeyNotFoundException(code, key, text);
+            case ResultCode.INVALID_NAME -> new InvalidNameException(code, key, text);
+            case ResultCode.HAS_SUBKEYS -> new KeyNotEmptyException(code, key, text);
+            case ResultCode.STORAGE_FAILED -> new RegistryDamagedException(code, key, text);
+            case ResultCode.BUFFER_TOO_SMALL, ResultCode.VALUE_TOO_LARGE -> new ValueTooLargeException(code, key, text);
+            case ResultCode.STORAGE_FULL -> new StorageFullException(code, key, text);
+            case ResultCode.UNREACHABLE -> new RegistryUnavailableException(code, key, text);
+            case ResultCode.UNUSABLE -> new RegistryUnusableException(code, key, text);
+            case ResultCode.BUSY -> new RegistryBusyException(code, key, text);
+            case ResultCode.UNDECIDED -> new UndecidedException(code, key, text);
+            case ResultCode.KEY_EXISTS -> new KeyExistsException(code, key, text);
             default -> new RegistryException(code, key, text);
         };
     }

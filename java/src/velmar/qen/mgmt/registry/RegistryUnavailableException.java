@@ -1,6 +1,8 @@
 package velmar.qen.mgmt.registry;
 
-/** The registry cannot be reached; a later call tries again, code 15. */
+/**
+ * The registry cannot be reached (code 15). The next call tries again.
+ */
 public final class RegistryUnavailableException extends RegistryException {
     private static final long serialVersionUID = 1;
 

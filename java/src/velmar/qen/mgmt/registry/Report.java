@@ -48,7 +48,7 @@ class Report extends TKVResult {
 
     /** Whether the failure is that a key is absent, exists or can have no such name: one of two that a call names. */
     boolean isAboutName() {
-        return Set.of(RegistryException.NOT_FOUND, RegistryException.INVALID_NAME, RegistryException.EXISTS)
+        return Set.of(ResultCode.NO_SUCH_KEY, ResultCode.INVALID_NAME, ResultCode.KEY_EXISTS)
                 .contains(code());
     }
 
@@ -75,17 +75,17 @@ class Report extends TKVResult {
 
     private int code() {
         if (firstText == null) {
-            return coded ? getTKVErrCode() : RegistryException.UNKNOWN;
+            return coded ? getTKVErrCode() : ResultCode.UNKNOWN;
         }
         Matcher code = CODE_OF_TEXT.matcher(firstText);
         if (code.find()) {
             return Integer.parseInt(code.group(1));
         }
         return switch (firstText) {
-            case BRIDGE_EXISTS -> RegistryException.EXISTS;
-            case BRIDGE_TOO_LONG -> RegistryException.VALUE_TOO_LARGE;
-            case BRIDGE_INVALID -> RegistryException.INVALID_ARGUMENT;
-            default -> RegistryException.UNKNOWN;
+            case BRIDGE_EXISTS -> ResultCode.KEY_EXISTS;
+            case BRIDGE_TOO_LONG -> ResultCode.VALUE_TOO_LARGE;
+            case BRIDGE_INVALID -> ResultCode.INVALID_ARGUMENT;
+            default -> ResultCode.UNKNOWN;
         };
     }
 }

@@ -46,7 +46,7 @@ final class Session implements AutoCloseable {
         natives.initializeTKVLevel(level, report);
         if (report.failed()) {
             throw report.text() != null ? report.exception(null) : RegistryException.saying(
-                    RegistryException.UNKNOWN, null, "a service of the platform could not be started");
+                    ResultCode.UNKNOWN, null, "a service of the platform could not be started");
         }
     }
 

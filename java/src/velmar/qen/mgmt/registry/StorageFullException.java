@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** The storage is full; the registry is unharmed, code 11. */
+/** The storage is full; the registry is unharmed (code 11). */
 public final class StorageFullException extends RegistryException {
     private static final long serialVersionUID = 1;
 

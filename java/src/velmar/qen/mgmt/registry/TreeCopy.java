@@ -35,7 +35,7 @@ final class TreeCopy extends Report {
         }
         if (failed()) {
             // The one failure without the registry's text is the bridge's own limit.
-            throw text() != null ? exception(source) : RegistryException.saying(RegistryException.INVALID_NAME, source,
+            throw text() != null ? exception(source) : RegistryException.saying(ResultCode.INVALID_NAME, source,
                     "a name below key '" + source + "' is too long to be copied");
         }
     }

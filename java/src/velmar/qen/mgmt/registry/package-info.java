@@ -1,47 +1,56 @@
 /**
- * The cluster registry for programs: {@link velmar.qen.mgmt.registry.Registry} and what its methods take and throw.
+ * The cluster registry: {@link velmar.qen.mgmt.registry.Registry} and the types that its methods take, return and throw.
  *
- * <p><b>Priorities.</b> First, nothing is lost and nothing is wrong in silence: a call that returns has done what it
- * says, and what the native protocol beneath reports in odd ways (a status of true after a failed copy, an empty text
- * that reads as no value, a list with a slot too many) arrives here as a result or as an exception. Second, one way to
- * do a thing. Third, speed: most methods are one native call, and those that need more say so by what they promise.
+ * <p><b>Design.</b> First, nothing is lost and nothing fails silently. A call that returns normally has done what its
+ * description says. What the native methods report in odd ways (a status of true after a failed copy, a null both for a
+ * missing value and for a missing key, one list slot too many) arrives here as a result or as an exception. Second,
+ * there is one way to do each thing. Third comes speed: most methods make a single native call.
  *
- * <p><b>Threads.</b> A {@code Registry} may be used by any number of threads; its calls take turns. Whoever uses the
- * methods of {@code TKVNative} in the same process shares its one session and breaks this. The other classes are
- * immutable values.
+ * <p><b>Threads.</b> Any number of threads may use a {@code Registry}; its calls take turns. The methods of {@code
+ * TKVNative} use the same session of the process, so a process that has a {@code Registry} open must not call them. The
+ * other classes are immutable values.
  *
- * <p><b>Exceptions.</b> All are unchecked and have one root, {@link velmar.qen.mgmt.registry.RegistryException}, with
- * the registry's code, the key asked for and the registry's text. A failed call has changed nothing unless its own
- * description says otherwise. Arguments that no registry could take give {@link java.lang.NullPointerException} and
- * {@link java.lang.IllegalArgumentException}.
+ * <p><b>Exceptions.</b> All are unchecked and extend {@link velmar.qen.mgmt.registry.RegistryException}, which carries
+ * the registry's result code, the key in question and the registry's message. A failed call has changed nothing unless
+ * its own description says otherwise, with two exceptions: after {@link
+ * velmar.qen.mgmt.registry.UndecidedException} it is not known whether the change was made, and after {@link
+ * velmar.qen.mgmt.registry.RegistryUnavailableException} a method that makes several changes may have made some of
+ * them. Invalid arguments cause a {@link java.lang.NullPointerException} or an {@link
+ * java.lang.IllegalArgumentException}.
  *
  * <table>
  * <caption>Kinds of failure</caption>
- * <thead><tr><th scope="col">exception</th><th scope="col">codes</th><th scope="col">when</th></tr></thead>
+ * <thead><tr><th scope="col">exception</th><th scope="col">codes</th><th scope="col">cause</th></tr></thead>
  * <tbody>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.AccessDeniedException}</th><td>2</td>
  *     <td>the session's user lacks a right</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryClosedException}</th><td>3</td>
+ *     <td>the registry was closed</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyNotFoundException}</th><td>4</td>
  *     <td>no such key, or no parent to create it below</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.InvalidNameException}</th><td>5</td>
- *     <td>an empty level or a NUL, over 264 bytes a level, 64 levels or 1023 bytes</td></tr>
+ *     <td>an empty level or a NUL; more than 264 bytes in a level, 64 levels, or 1023 bytes</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyNotEmptyException}</th><td>6</td>
  *     <td>the key has subkeys</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryDamagedException}</th><td>7</td>
- *     <td>the storage failed or holds something damaged</td></tr>
+ *     <td>the stored data is damaged or the disk is failing</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.ValueTooLargeException}</th><td>9, 10</td>
  *     <td>a value over 1 MiB, a list over 8192 bytes, a copied value over 2048 bytes</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.StorageFullException}</th><td>11</td>
- *     <td>no room; the registry is unharmed</td></tr>
+ *     <td>no space left; the registry is unharmed</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryUnavailableException}</th><td>15</td>
- *     <td>no connection; later calls try again</td></tr>
+ *     <td>no connection; the next call tries again</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryUnusableException}</th><td>18</td>
+ *     <td>the storage cannot be used as it is configured</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryBusyException}</th><td>19</td>
+ *     <td>another process is using the registry; the same call may succeed later</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.UndecidedException}</th><td>20</td>
+ *     <td>it is not known whether the change was made; read before repeating it</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyExistsException}</th><td>55</td>
- *     <td>there is such a key</td></tr>
- * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryClosedException}</th><td>3</td>
- *     <td>the registry was closed</td></tr>
+ *     <td>there already is such a key</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryException}</th><td>others</td>
- *     <td>8 an argument that the registry does not take, 12 out of memory, 14 unknown, 17 a key into itself, 41 and 42
- *     a configuration that is invalid or unreadable</td></tr>
+ *     <td>8 an argument that the registry refuses, 12 out of memory, 14 unknown, 17 a key moved or copied into itself,
+ *     41 invalid configuration, 42 unreadable configuration</td></tr>
  * </tbody>
  * </table>
  */

@@ -46,7 +46,8 @@ class ReportTest {
                 "6, KeyNotEmptyException", "7, RegistryDamagedException", "9, ValueTooLargeException",
                 "10, ValueTooLargeException", "11, StorageFullException", "15, RegistryUnavailableException",
                 "55, KeyExistsException", "3, RegistryException", "12, RegistryException", "14, RegistryException",
-                "17, RegistryException", "41, RegistryException", "1234, RegistryException"})
+                "17, RegistryException", "18, RegistryUnusableException",
+                "19, RegistryBusyException", "20, UndecidedException", "41, RegistryException", "1234, RegistryException"})
     void theCodeDecidesTheKind(int code, String kind) {
         for (Report report : new Report[] {told(false, code),
                                            told(false, String.format("TKV-%04d: something of key 'k'", code))}) {
