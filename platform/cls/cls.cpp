@@ -5,10 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <span>
 #include <string>
 #include <string_view>
 
+#include "registry/client.h"
 #include "registry/configuration.h"
 #include "registry/contexts.h"
 #include "registry/session.h"
@@ -16,9 +16,10 @@
 namespace {
 
 using tkv::Status;
+using tkv::registry::Client;
 using tkv::registry::Configuration;
-using tkv::registry::Reader;
 using tkv::registry::Session;
+using tkv::registry::TypedValue;
 
 constexpr std::string_view kPatchKey = "SYSTEM.version.patch";
 constexpr std::int64_t kNoNumber = -1;
@@ -38,30 +39,30 @@ std::int64_t number_in(std::string_view text) {
 }
 
 // A signed word of `size` bytes, least significant first.
-std::int64_t word_in(std::span<const std::byte> bytes, std::size_t size) {
+std::int64_t word_in(std::string_view bytes, std::size_t size) {
   if (bytes.size() != size) return kNoNumber;
   std::uint64_t word = 0;
-  for (std::size_t at = size; at-- > 0;) word = word << 8 | std::to_integer<std::uint64_t>(bytes[at]);
+  for (std::size_t at = size; at-- > 0;) word = word << 8 | static_cast<unsigned char>(bytes[at]);
   return size == sizeof(std::int32_t) ? static_cast<std::int32_t>(word) : static_cast<std::int64_t>(word);
 }
 
-std::int64_t number_of(const tkv::store::Value& value) {
+std::int64_t number_of(const TypedValue& value) {
   switch (value.type) {
     case PRTKV_TYPE_WORD32:
       return word_in(value.bytes, 4);
     case PRTKV_TYPE_WORD64:
       return word_in(value.bytes, 8);
     case PRTKV_TYPE_TEXT:
-      return number_in({reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()});
+      return number_in(value.bytes);
     default:
       return kNoNumber;
   }
 }
 
-Status read_patch_level(Reader& tree, std::int32_t* level) {
-  tkv::store::Value value;
-  Status status = tree.value(kPatchKey, &value);
-  if (status.is(PRTKV_NO_SUCH_KEY) || (status.ok() && value.type == PRTKV_TYPE_NONE && value.bytes.empty())) {
+Status read_patch_level(Client& client, std::int32_t* level) {
+  TypedValue value;
+  Status status = client.read_value(kPatchKey, &value);
+  if (status.is(PRTKV_NO_SUCH_KEY) || (status.ok() && value == TypedValue{})) {
     *level = 0;
     return {};
   }
@@ -89,7 +90,7 @@ int32_t clsvswpatch(prtkv_ctx ctx, uint32_t flags, int32_t* patch_level, uint32_
     if (flags != 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: flags " + std::to_string(flags)};
     if (reserved != 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: reserved " + std::to_string(reserved)};
     std::int32_t level = 0;
-    Status status = session.registry().read([&](Reader& tree) { return read_patch_level(tree, &level); });
+    Status status = read_patch_level(session.client(), &level);
     if (status.ok()) *patch_level = level;
     return status;
   });

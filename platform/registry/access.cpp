@@ -57,6 +57,11 @@ std::string_view user_of(const sec_attr& security) { return field_text(security.
 
 std::string_view group_of(const sec_attr& security) { return field_text(security.group_name); }
 
+bool same_security(const sec_attr& left, const sec_attr& right) {
+  return left.user_perm == right.user_perm && left.group_perm == right.group_perm &&
+         left.other_perm == right.other_perm && user_of(left) == user_of(right) && group_of(left) == group_of(right);
+}
+
 Status check_security(const sec_attr& security) {
   if (is_outside(security.user_perm) || is_outside(security.group_perm) || is_outside(security.other_perm)) {
     return {PRTKV_INVALID_ARGUMENT, "a permission mask has bits outside 0x3f"};

@@ -44,6 +44,9 @@ const char* right_name(Rights right);
 std::string_view user_of(const sec_attr& security);
 std::string_view group_of(const sec_attr& security);
 
+// Tells whether two records mean the same, whatever follows the NUL of a name.
+bool same_security(const sec_attr& left, const sec_attr& right);
+
 // Tells whether a record can be stored: masks within TKV_RIGHT_ALL. 8 otherwise.
 Status check_security(const sec_attr& security);
 

@@ -139,6 +139,8 @@ struct KeyChange {
   Kind kind = Kind::kAdd;
   KeyRecord before;  // for kChange and kRemove
   KeyRecord after;   // for kAdd and kChange, complete
+
+  const std::string& name() const { return kind == Kind::kRemove ? before.name : after.name; }
 };
 
 struct Difference {
@@ -247,10 +249,11 @@ class Client {
   virtual Status stat(const KeyRef& key, KeyInfo* info) = 0;
 
   // Needs TKV_RIGHT_READ. Keeps the capacity of `value->bytes`, so that reading into the same one does not allocate.
+  // After a failure `*value` is unspecified.
   virtual Status read_value(const KeyRef& key, TypedValue* value) = 0;
 
-  // As read_value, but copies the bytes only if there are at most `capacity`; `*size` receives their number in any
-  // case.
+  // As read_value, but copies the bytes only if there are at most `capacity`; `value->bytes` is empty otherwise.
+  // `*size` receives their number in either case.
   virtual Status read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) = 0;
 
   // Needs TKV_RIGHT_READ.
@@ -275,7 +278,7 @@ class Client {
   // --- Subtrees ---
 
   // Calls `visit` for each subkey in byte order, until it returns a failure, which is returned. Needs TKV_RIGHT_LIST.
-  // `infos`: subkeys come with what is known of them, otherwise with id and rights only.
+  // `infos`: subkeys come with what is known of them, otherwise with their ids only.
   virtual Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) = 0;
 
   // Visits a key and everything below it on one state, each key before its subkeys, those in byte order, until `visit`
@@ -293,8 +296,15 @@ class Client {
   virtual Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
                        Difference* difference) = 0;
 
-  // Changes the security record of a key and, recursively, of every key below it. Needs TKV_RIGHT_SECURITY on each and,
-  // recursively, TKV_RIGHT_LIST on those with subkeys.
+  // Makes changes that were found by comparing, in their order, all or nothing. A key to be removed that does not exist
+  // (any longer) is passed over. Needs the rights of each change.
+  virtual Status apply_changes(std::span<const KeyChange> changes) = 0;
+
+  // The number of changes that should go into one call, where a caller is free to split them. More are possible, at the
+  // cost of being staged first.
+  virtual std::size_t preferred_batch_size() const = 0;
+
+  // Changes the security record of a key and, recursively, of every key below it. Needs TKV_RIGHT_SECURITY on each.
   virtual Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                                  KeyProgress progress) = 0;
 

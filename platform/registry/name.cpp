@@ -112,6 +112,15 @@ bool is_within(std::string_view name, std::string_view ancestor) {
   return name.starts_with(ancestor) && (name.size() == ancestor.size() || name[ancestor.size()] == kSeparator);
 }
 
+bool name_before(std::string_view left, std::string_view right) {
+  // No level holds a NUL, so the separator may sort below every byte of a level.
+  const auto rank = [](char byte) {
+    return byte == kSeparator ? 0 : static_cast<int>(static_cast<unsigned char>(byte));
+  };
+  return std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end(),
+                                      [&](char one, char other) { return rank(one) < rank(other); });
+}
+
 std::string_view beginning(std::string_view text, std::size_t size) {
   if (size >= text.size()) return text;
   while (size > 0 && is_trail(byte_at(text, size))) --size;

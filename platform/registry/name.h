@@ -38,6 +38,9 @@ std::size_t count_levels(std::string_view name);
 // Tells whether `name` is `ancestor` or lies below it.
 bool is_within(std::string_view name, std::string_view ancestor);
 
+// The order of full names: parents before their subkeys, siblings by their bytes. A subtree is one run of names.
+bool name_before(std::string_view left, std::string_view right);
+
 // The longest beginning of at most `size` bytes that does not end inside a character.
 std::string_view beginning(std::string_view text, std::size_t size);
 

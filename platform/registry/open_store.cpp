@@ -1,13 +1,9 @@
 #include "registry/open_store.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <string>
 #include <utility>
 
 #include "registry/etcd_loader.h"
-#include "store/lmdb/directory.h"
 #include "store/lmdb/lmdb_store.h"
 
 namespace tkv::registry {
@@ -55,16 +51,6 @@ Status open_store(const Configuration& configuration, const Identity& identity, 
   const sec_attr root_security = default_security(identity);
   return configuration.is_distributed() ? open_distributed(configuration, root_security, options, store)
                                         : open_embedded(configuration, root_security, options, store);
-}
-
-Status check_location(const Configuration& configuration) {
-  return configuration.is_distributed() ? Status() : store::check_lmdb_directory(configuration.locations.front());
-}
-
-bool is_absent(const Configuration& configuration) {
-  if (configuration.is_distributed()) return false;
-  const std::string file = store::data_file(configuration.locations.front());
-  return ::access(file.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
 Status open_registry(std::shared_ptr<Registry>* registry, const OpenOptions& options) {

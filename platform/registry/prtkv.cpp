@@ -14,7 +14,7 @@
 #include "registry/contexts.h"
 #include "registry/error_text.h"
 #include "registry/name.h"
-#include "registry/open_store.h"
+#include "registry/open_client.h"
 #include "registry/session.h"
 #include "registry/zuved.h"
 #include "store/lmdb/lmdb_store.h"
@@ -22,9 +22,9 @@
 namespace {
 
 using tkv::Status;
+using tkv::registry::Client;
 using tkv::registry::Configuration;
 using tkv::registry::inspect_session;
-using tkv::registry::Registry;
 using tkv::registry::Session;
 using tkv::registry::with_session;
 using tkv::registry::without_session;
@@ -96,9 +96,9 @@ int32_t prtkv_init_ext(prtkv_ctx* out, int32_t level, char* error_text, uint64_t
     if (!wanted.ok()) return wanted;
     if (wanted = check_flags(flags, 0); !wanted.ok()) return wanted;
     if (level < 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: level " + std::to_string(level)};
-    std::shared_ptr<Registry> registry;
-    if (wanted = tkv::registry::open_registry(&registry); !wanted.ok()) return wanted;
-    return tkv::registry::add_context(std::make_unique<Session>(std::move(registry), level), out);
+    std::shared_ptr<Client> client;
+    if (wanted = tkv::registry::open_client({}, &client); !wanted.ok()) return wanted;
+    return tkv::registry::add_context(std::make_unique<Session>(std::move(client)), out);
   });
   return finish(status, error_text, error_size);
 }
@@ -249,7 +249,7 @@ int32_t prtkv_get_backup_loc(prtkv_ctx ctx, char* location, uint64_t* size_limit
   return with_session(ctx, [&](Session& session) {
     if (Status status = demand({{location, "location"}, {size_limit, "size_limit"}}); !status.ok()) return status;
     if (Status status = check_flags(flags, PRTKV_BACKUP_LOC_FLAGS); !status.ok()) return status;
-    const std::string& configured = session.registry().configuration().backup_location;
+    const std::string& configured = session.client().configuration().backup_location;
     ::memset(location, 0, PRTKV_BACKUP_LOCATION_SIZE);
     configured.copy(location, PRTKV_BACKUP_LOCATION_SIZE - 1);
     *size_limit = 0;
@@ -260,6 +260,6 @@ int32_t prtkv_get_backup_loc(prtkv_ctx ctx, char* location, uint64_t* size_limit
 int32_t prtkv_set_zuved_dependencies(prtkv_ctx ctx, int32_t mode, uint32_t flags) {
   return with_session(ctx, [&](Session& session) {
     Status status = check_flags(flags, 0);
-    return status.ok() ? tkv::registry::record_zuved_dependencies(session.registry(), mode) : status;
+    return status.ok() ? tkv::registry::record_zuved_dependencies(session.client(), mode) : status;
   });
 }

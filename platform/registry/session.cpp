@@ -9,6 +9,7 @@
 
 #include "registry/error_text.h"
 #include "registry/handle.h"
+#include "registry/name.h"
 
 namespace tkv::registry {
 namespace {
@@ -62,7 +63,7 @@ class Session::Reservation {
 
   OpenKey& key() { return session_.keys_[index_]; }
 
-  prtkv_key give(store::NodeId id) {
+  prtkv_key give(KeyId id) {
     taken_ = false;
     key().id = id;
     key().serial = next_serial();
@@ -121,13 +122,12 @@ void Session::record(const Status& status) noexcept {
 }
 
 Status Session::open_key(std::string_view name, prtkv_key* key) {
-  Place place;
+  KeyId id = kAnyKey;
   Reservation slot(*this);
-  Status status = registry_->read([&](Reader& tree) { return tree.resolve(name, &place); }, &cache_);
-  if (!status.ok()) return status;
+  if (Status status = client_->find(name, &id); !status.ok()) return status;
   if (Status taken = slot.take(); !taken.ok()) return taken;
   slot.key().name.assign(name);
-  *key = slot.give(place.node.id);
+  *key = slot.give(id);
   return {};
 }
 
@@ -146,9 +146,8 @@ Status Session::create_key(prtkv_key parent, std::string_view name, const sec_at
   if (above == nullptr) return status;
   Reservation slot(*this);
   if (status = slot.take_below(*above, name); !status.ok()) return status;
-  store::NodeId id = store::kNoNode;
-  status = registry_->write(
-      [&](Writer& tree) { return tree.create_and_set(above->ref(), name, security, type, value, &id); });
+  KeyId id = kAnyKey;
+  status = client_->create(above->ref(), name, security, type, value, &id);
   if (status.ok()) *key = slot.give(id);
   return status;
 }
@@ -157,7 +156,7 @@ Status Session::delete_key(prtkv_key key, bool recursive) {
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  status = settle(*found, registry_->write([&](Writer& tree) { return tree.remove(found->ref(), recursive); }));
+  status = settle(*found, client_->remove(found->ref(), recursive, [](std::uint64_t) {}));
   if (!status.ok()) return status;
   lose(found->name);
   return close_key(key);
@@ -170,8 +169,8 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
   if (above == nullptr) return status;
   Reservation slot(*this);
   if (status = slot.take_below(*above, name); !status.ok()) return status;
-  store::NodeId id = store::kNoNode;
-  status = registry_->write([&](Writer& tree) { return tree.move(from->ref(), above->ref(), name, replace, &id); });
+  KeyId id = kAnyKey;
+  status = client_->move(from->ref(), above->ref(), name, replace, &id);
   if (!status.ok()) return status;
   lose(from->name);
   lose(slot.key().name);
@@ -181,16 +180,12 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
 
 Status Session::list_subkeys(OpenKey& key) {
   std::int32_t count = 0;
-  const auto collect = [&](std::string_view level, const store::Node&) -> Status {
+  key.subkeys.clear();
+  Status status = client_->list(key.ref(), false, [&](const Subkey& subkey) -> Status {
     if (count == std::numeric_limits<std::int32_t>::max()) return {PRTKV_OUT_OF_MEMORY, "too many subkeys"};
-    key.subkeys.append(level).push_back('\0');
+    key.subkeys.append(subkey.level).push_back('\0');
     ++count;
     return {};
-  };
-  Status status = registry_->read_all([&](Reader& tree) {
-    key.subkeys.clear();
-    count = 0;
-    return tree.list(key.ref(), collect);
   });
   if (!status.ok()) {
     key.subkeys.clear();
@@ -228,27 +223,18 @@ Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  std::int32_t found_type = 0;
   std::size_t found_size = 0;
-  // Copied to the caller at the end only: the function may run again and find the value grown.
-  const auto take = [&](Reader& tree) -> Status {
-    store::Value value;
-    if (Status read = tree.value(found->ref(), &value); !read.ok()) return read;
-    found_type = value.type;
-    found_size = value.bytes.size();
-    if (found_size <= *size) value_.assign(value.bytes.begin(), value.bytes.end());
-    return {};
-  };
-  if (status = settle(*found, registry_->read(take, &cache_)); !status.ok()) return status;
+  status = settle(*found, client_->read_value_up_to(found->ref(), *size, &value_, &found_size));
+  if (!status.ok()) return status;
   const std::uint32_t offered = *size;
   *size = static_cast<std::uint32_t>(found_size);
   if (found_size > offered) return too_small(offered, found_size);
-  *type = found_type;
+  *type = value_.type;
   if (found_size > 0) {
-    std::memcpy(buffer, value_.data(), found_size);
-    ::explicit_bzero(value_.data(), found_size);  // values may be secrets
+    std::memcpy(buffer, value_.bytes.data(), found_size);
+    ::explicit_bzero(value_.bytes.data(), found_size);  // values may be secrets
   }
-  if (value_.capacity() > kKeptBytes) std::vector<std::byte>().swap(value_);
+  if (value_.bytes.capacity() > kKeptBytes) std::string().swap(value_.bytes);
   return {};
 }
 
@@ -256,7 +242,7 @@ Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std:
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  return settle(*found, registry_->write([&](Writer& tree) { return tree.set_value(found->ref(), type, value); }));
+  return settle(*found, client_->write_value(found->ref(), type, value));
 }
 
 Status Session::get_security(prtkv_key key, sec_attr* security) {
@@ -264,7 +250,7 @@ Status Session::get_security(prtkv_key key, sec_attr* security) {
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  status = settle(*found, registry_->read([&](Reader& tree) { return tree.security(found->ref(), &read); }, &cache_));
+  status = settle(*found, client_->read_security(found->ref(), &read));
   if (status.ok()) *security = read;
   return status;
 }
@@ -273,7 +259,7 @@ Status Session::set_security(prtkv_key key, const sec_attr& security) {
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  return settle(*found, registry_->write([&](Writer& tree) { return tree.set_security(found->ref(), security); }));
+  return settle(*found, client_->write_security(found->ref(), security));
 }
 
 }  // namespace tkv::registry

@@ -1,4 +1,4 @@
-// Session: one caller's use of a registry: its open keys and the text of its last failure.
+// Session: one caller's use of a client: its open keys and the text of its last failure.
 #ifndef TKV_PLATFORM_REGISTRY_SESSION_H
 #define TKV_PLATFORM_REGISTRY_SESSION_H
 
@@ -10,11 +10,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "prtkv.h"
-#include "registry/directory_cache.h"
-#include "registry/registry.h"
+#include "registry/client.h"
 
 namespace tkv::registry {
 
@@ -24,10 +24,10 @@ namespace tkv::registry {
 // deleted, or moved away with or without an ancestor, the handle answers 4 for good. (A key that another session moved
 // away and back again between two uses of the handle is the same key under the same name, and nothing is noticed.)
 //
-// What each operation needs, gives and answers is in prtkv.h and tree.h. Pointers are not null here.
+// What each operation needs, gives and answers is in prtkv.h and client.h. Pointers are not null here.
 class Session {
  public:
-  Session(std::shared_ptr<Registry> registry, std::int32_t level) : registry_(std::move(registry)), level_(level) {}
+  explicit Session(std::shared_ptr<Client> client) : client_(std::move(client)) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -43,8 +43,7 @@ class Session {
   Status get_security(prtkv_key key, sec_attr* security);
   Status set_security(prtkv_key key, const sec_attr& security);
 
-  Registry& registry() { return *registry_; }
-  std::int32_t level() const { return level_; }
+  Client& client() { return *client_; }
 
   // Keeps the text of a failure, or forgets the last one after a success.
   void record(const Status& status) noexcept;
@@ -56,7 +55,7 @@ class Session {
   struct OpenKey {
     std::uint64_t serial = 0;  // of the handle, 0 when the slot is free
     std::string name;
-    store::NodeId id = store::kNoNode;
+    KeyId id = kAnyKey;
     bool gone = false;     // it was found deleted or moved away
     bool listed = false;   // the list of subkeys was taken
     std::string subkeys;   // level names, each followed by a NUL
@@ -74,12 +73,10 @@ class Session {
   void release(std::size_t index) noexcept;
   void lose(std::string_view name) noexcept;
 
-  const std::shared_ptr<Registry> registry_;
-  const std::int32_t level_;
-  DirectoryCache cache_;
+  const std::shared_ptr<Client> client_;
   std::deque<OpenKey> keys_;       // grows only, so that references stand; slots keep their memory
   std::vector<std::size_t> free_;  // indexes into keys_
-  std::vector<std::byte> value_;   // a value on its way to the caller
+  TypedValue value_;               // on its way to the caller
   prtkv_result last_code_ = PRTKV_DONE;
   std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
   std::size_t last_size_ = 0;

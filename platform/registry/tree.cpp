@@ -82,7 +82,7 @@ Status Reader::find_parent(std::string_view name, store::NodeId* id) {
     if (Status status = view_.find(*id, take_level(&rest), &node); !status.ok()) return status;
     *id = node.id;
   }
-  if (cache_ != nullptr) cache_->keep(parent, *id);
+  if (cache_ != nullptr) cache_->keep(view_.structure(), parent, *id);
   return {};
 }
 
@@ -130,6 +130,79 @@ Status Reader::stat(const KeyRef& key, Stat* stat) {
   found.size = value.bytes.size();
   *stat = found;
   return {};
+}
+
+// What the identity may know of a key, which is `name`.
+Status Reader::read_info(std::string_view name, const store::Node& node, KeyInfo* info) {
+  *info = {};
+  info->id = node.id;
+  info->rights = rights_of(identity_, node.security);
+  if ((info->rights & TKV_RIGHT_READ) == 0) return {};
+  store::Value value;
+  if (Status status = view_.has_children(node.id, &info->has_subkeys); !status.ok()) return told(status, name);
+  if (Status status = view_.value(node.id, &value); !status.ok()) return told(status, name);
+  info->security = node.security;
+  info->type = value.type;
+  info->size = value.bytes.size();
+  return {};
+}
+
+Status Reader::stat(const KeyRef& key, KeyInfo* info) {
+  Place place;
+  if (Status status = resolve(key, &place); !status.ok()) return status;
+  if (Status status = demand(TKV_RIGHT_READ, key.name, place.node, "reading it"); !status.ok()) return status;
+  return read_info(key.name, place.node, info);
+}
+
+Status Reader::list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) {
+  Subkey subkey;
+  FullName name;
+  return list(key, [&](std::string_view level, const store::Node& node) -> Status {
+    subkey.level = level;
+    subkey.info.id = node.id;
+    if (infos) {
+      if (Status status = name.join(key.name, level); !status.ok()) return status;
+      if (Status status = read_info(name.view(), node, &subkey.info); !status.ok()) return status;
+    }
+    return visit(subkey);
+  });
+}
+
+Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<Status(const WalkEntry& entry)> visit) {
+  const bool fails = options.denied == WalkOptions::Denied::kFail;
+  const auto enter = [&](Step& step) -> Status {
+    WalkEntry entry;
+    entry.name = step.name;
+    entry.level = step.level;
+    entry.depth = step.depth;
+    entry.id = step.node.id;
+    entry.rights = rights_of(identity_, step.node.security);
+    step.descend = step.depth < options.depth;
+    if (step.descend && (entry.rights & TKV_RIGHT_LIST) == 0) {
+      Status status = view_.has_children(step.node.id, &entry.subkeys_hidden);
+      if (!status.ok()) return told(status, step.name);
+      if (entry.subkeys_hidden && fails) return demand(TKV_RIGHT_LIST, step.name, step.node, "listing its subkeys");
+      step.descend = false;
+    }
+    const bool readable = (entry.rights & TKV_RIGHT_READ) != 0;
+    if (readable) entry.security = step.node.security;
+    if (options.values && !readable && fails) {
+      return demand(TKV_RIGHT_READ, step.name, step.node, "reading its value");
+    }
+    if (options.values && readable) {
+      store::Value value;
+      if (Status status = view_.value(step.node.id, &value); !status.ok()) return told(status, step.name);
+      entry.type = value.type;
+      entry.value = value.bytes;
+    }
+    return visit(entry);
+  };
+  Place place;
+  if (Status status = resolve(key, &place); !status.ok()) return status;
+  std::string name(key.name);
+  Step top{name, last_level(name), place.parent, place.node, 0, true};
+  Status status = enter(top);
+  return status.ok() && top.descend ? descend(view_, name, place.node.id, 1, enter) : status;
 }
 
 Status Reader::security(const KeyRef& key, sec_attr* security) {
@@ -203,6 +276,7 @@ struct Writer::Target {
 struct Writer::Copying {
   store::View& view;
   bool recursive;
+  bool own;                 // copies belong to the identity
   std::string name;         // of the key being copied
   std::size_t spare_bytes;  // that names of copies may be longer than those of their sources
   std::size_t spare_levels;
@@ -355,6 +429,39 @@ Status Writer::set_security_below(const KeyRef& key, FunctionRef<sec_attr(const 
   return {};
 }
 
+Status Writer::change_security(const KeyRef& key, bool recursive, FunctionRef<Status(sec_attr* security)> change) {
+  struct Change {
+    store::NodeId parent;
+    std::string level;
+    sec_attr security;
+  };
+  std::vector<Change> changes;
+  const auto collect = [&](Step& step) -> Status {
+    sec_attr wanted = step.node.security;
+    Status status = demand(TKV_RIGHT_SECURITY, step.name, step.node, "changing its security");
+    if (status.ok()) status = change(&wanted);
+    if (status.ok()) status = check_security(wanted);
+    if (status.ok()) changes.push_back({step.parent, std::string(step.level), tidied(wanted)});
+    return status;
+  };
+  Place place;
+  if (Status status = resolve(key, &place); !status.ok()) return status;
+  std::string name(key.name);
+  Step top{name, last_level(name), place.parent, place.node, 0, recursive};
+  if (Status status = collect(top); !status.ok()) return status;
+  if (recursive) {
+    if (Status status = descend(steady(), name, place.node.id, 1, collect); !status.ok()) return status;
+  }
+  changed_ = true;
+  for (const Change& one : changes) {
+    if (Status status = update_.set_security(one.parent, one.level, one.security); !status.ok()) {
+      return told(status, key.name);
+    }
+    count_key();
+  }
+  return {};
+}
+
 Status Writer::remove(const KeyRef& key, bool recursive) {
   Place place;
   if (key.name.empty()) return {PRTKV_INVALID_ARGUMENT, "the root key cannot be deleted"};
@@ -396,7 +503,7 @@ Status Writer::move(const KeyRef& source, const KeyRef& parent, std::string_view
 }
 
 Status Writer::copy(const KeyRef& source, const KeyRef& parent, std::string_view name, bool recursive, bool replace,
-                    store::NodeId* id) {
+                    store::NodeId* id, bool own) {
   Place from;
   Target target;
   if (Status status = resolve(source, &from); !status.ok()) return status;
@@ -406,13 +513,24 @@ Status Writer::copy(const KeyRef& source, const KeyRef& parent, std::string_view
     return {PRTKV_MOVE_INTO_ITSELF, describe(source.name) + " cannot be copied into itself, to " + describe(to)};
   }
   if (Status status = demand_target(target, replace, store::kNoNode); !status.ok()) return status;
-  Copying copying{steady(), recursive, std::string(source.name), {}, {}, {}};
+  Copying copying{steady(), recursive, own, std::string(source.name), {}, {}, {}};
   copying.spare_bytes = kMaxNameBytes + source.name.size() - to.size();
   copying.spare_levels = kMaxLevels + count_levels(source.name) - count_levels(to);
-  store::NodeId made = store::kNoNode;
-  if (Status status = copy_key(copying, from.node, &made); !status.ok()) return status;
-  if (Status status = put(target, {made, from.node.security}); !status.ok()) return status;
-  *id = made;
+  store::Node made;
+  if (Status status = security_of_copy(copying, from.node, &made.security); !status.ok()) return status;
+  if (Status status = copy_key(copying, from.node, &made.id); !status.ok()) return status;
+  if (Status status = put(target, made); !status.ok()) return status;
+  *id = made.id;
+  return {};
+}
+
+Status Writer::security_of_copy(const Copying& copying, const store::Node& from, sec_attr* security) const {
+  sec_attr result = from.security;
+  if (copying.own) {
+    if (Status status = set_user(&result, identity().user); !status.ok()) return status;
+    if (Status status = set_group(&result, identity().group()); !status.ok()) return status;
+  }
+  *security = result;
   return {};
 }
 
@@ -446,9 +564,10 @@ Status Writer::copy_subkeys(Copying& copying, store::NodeId from, store::NodeId 
   for (const auto& [level, node] : subkeys) {
     if (size != 0) copying.name.push_back('.');
     copying.name.append(level);
-    store::NodeId made = store::kNoNode;
-    if (Status status = copy_key(copying, node, &made); !status.ok()) return status;
-    if (Status status = update_.insert(to, level, {made, node.security}); !status.ok()) {
+    store::Node made;
+    if (Status status = security_of_copy(copying, node, &made.security); !status.ok()) return status;
+    if (Status status = copy_key(copying, node, &made.id); !status.ok()) return status;
+    if (Status status = update_.insert(to, level, made); !status.ok()) {
       return told(status, copying.name);
     }
     copying.name.resize(size);

@@ -27,10 +27,12 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "base/function_ref.h"
 #include "base/identity.h"
 #include "registry/access.h"
+#include "registry/client.h"
 #include "registry/directory_cache.h"
 #include "registry/name.h"
 #include "store/store.h"
@@ -39,15 +41,7 @@ namespace tkv::registry {
 
 constexpr std::size_t kMaxValueBytes = std::size_t{1} << 20;
 
-struct KeyRef {
-  KeyRef(std::string_view full_name, store::NodeId known_id = store::kNoNode)  // NOLINT: a name is a KeyRef
-      : name(full_name), id(known_id) {}
-  KeyRef(const char* full_name) : name(full_name) {}         // NOLINT
-  KeyRef(const std::string& full_name) : name(full_name) {}  // NOLINT
-
-  std::string_view name;
-  store::NodeId id = store::kNoNode;  // kNoNode: whichever key has the name
-};
+static_assert(std::is_same_v<KeyId, store::NodeId>);
 
 // Where a key hangs. The root hangs under kNoNode.
 struct Place {
@@ -98,6 +92,9 @@ class Reader {
   // Needs 0x01.
   Status stat(const KeyRef& key, Stat* stat);
 
+  // As Client::stat.
+  Status stat(const KeyRef& key, KeyInfo* info);
+
   // Reads the security record. Needs 0x01.
   Status security(const KeyRef& key, sec_attr* security);
 
@@ -112,6 +109,10 @@ class Reader {
   // 0x02.
   Status list(const KeyRef& key, FunctionRef<Status(std::string_view level, const store::Node& node)> visit);
 
+  // As Client::list and Client::walk. Large trees are walked in Store::read_all.
+  Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit);
+  Status walk(const KeyRef& key, const WalkOptions& options, FunctionRef<Status(const WalkEntry& entry)> visit);
+
   // Visits the key and everything below it, each key before its subkeys, those in byte order, until `visit` returns a
   // failure, which is passed on. Needs 0x02 on every key that has subkeys; visiting reads no value and needs nothing
   // else. 7 when the keys hang in a loop. Large trees are walked in Registry::read_all.
@@ -125,6 +126,7 @@ class Reader {
 
  private:
   Status find_parent(std::string_view name, store::NodeId* id);
+  Status read_info(std::string_view name, const store::Node& node, KeyInfo* info);
 
   store::View& view_;
   const Identity& identity_;
@@ -162,6 +164,10 @@ class Writer final : public Reader {
   // each of them.
   Status set_security_below(const KeyRef& key, FunctionRef<sec_attr(const Entry& entry)> change);
 
+  // Changes the security record of a key and, `recursive`, of every key below it by what `change` makes of them. Needs
+  // 0x08 on each of them.
+  Status change_security(const KeyRef& key, bool recursive, FunctionRef<Status(sec_attr* security)> change);
+
   // Deletes a key. Needs 0x20 on it and, recursive, on every key below it. Not recursive, a key with subkeys gives 6.
   // The root gives 8.
   Status remove(const KeyRef& key, bool recursive);
@@ -174,9 +180,9 @@ class Writer final : public Reader {
 
   // Copies a key with its value and security, and with `recursive` everything below it, to `name` under `parent`. The
   // copies are keys of their own. Needs 0x01 and, recursive, 0x02 on every key copied, and 0x10 on the new parent;
-  // the target is treated as by move.
+  // the target is treated as by move. With `own` the copies belong to the identity's user and group.
   Status copy(const KeyRef& source, const KeyRef& parent, std::string_view name, bool recursive, bool replace,
-              store::NodeId* id);
+              store::NodeId* id, bool own = false);
 
   // Building aside, for trees that come from elsewhere: `sprout` makes a key that nobody sees, `sprout_below` one
   // below it, and `plant` hangs the topmost in its place under `name`, when all of them become visible at once. Needs
@@ -200,6 +206,7 @@ class Writer final : public Reader {
   Status put(const Target& target, const store::Node& node);
   Status copy_key(Copying& copying, const store::Node& from, store::NodeId* to);
   Status copy_subkeys(Copying& copying, store::NodeId from, store::NodeId to);
+  Status security_of_copy(const Copying& copying, const store::Node& from, sec_attr* security) const;
 
   store::Update& update_;
   bool changed_ = false;  // this update has changed something, so its beginning is no longer what it shows

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "base/status.h"
-#include "registry/registry.h"
+#include "registry/client.h"
 
 namespace tkv::registry {
 
@@ -13,7 +13,7 @@ namespace tkv::registry {
 // SYSTEM.ZUVED.dependencies, both or neither. Keys that are missing on the way are made, owned by the identity, with
 // masks 0x3f, 0x34, 0x3. 8 for a mode that there is not. Needs 0x04 on the keys that exist, and 0x10 on the parent of
 // the first that does not.
-Status record_zuved_dependencies(Registry& registry, std::int32_t mode);
+Status record_zuved_dependencies(Client& client, std::int32_t mode);
 
 }  // namespace tkv::registry
 

@@ -36,7 +36,7 @@ TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
   options.root_security = open_to_all();
   std::shared_ptr<store::Store> store;
   ASSERT_EQ(store::open_lmdb_store(options, &store).text(), "done");
-  const Context ctx(registry_on(store, person("bob", {"users"})));
+  const Context ctx(client_on(store, person("bob", {"users"})));
   const char* names[] = {"", "SYSTEM", "SYSTEM.version", "SYSTEM.version.patch"};
   for (int level = 1; level < 4; ++level) {
     prtkv_key key = 0;

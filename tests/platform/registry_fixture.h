@@ -15,7 +15,7 @@
 #include "memory_store.h"
 #include "prtkv.h"
 #include "registry/contexts.h"
-#include "registry/registry.h"
+#include "registry/local_client.h"
 #include "registry/tree.h"
 
 namespace tkv {
@@ -50,22 +50,55 @@ inline std::string text_of(const store::Value& value) {
   return {reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()};
 }
 
-inline std::shared_ptr<Registry> registry_on(std::shared_ptr<store::Store> store, Identity identity,
-                                             Configuration configuration = {}) {
-  return std::make_shared<Registry>(std::move(configuration), std::move(identity), std::move(store));
+inline std::shared_ptr<Client> client_on(std::shared_ptr<store::Store> store, Identity identity,
+                                         Configuration configuration = {}) {
+  return std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store));
 }
+
+// The tree in a store on behalf of one identity: what is below a LocalClient.
+class BareTree {
+ public:
+  BareTree(std::shared_ptr<store::Store> store, Identity identity)
+      : store_(std::move(store)), identity_(std::move(identity)) {}
+
+  Status read(FunctionRef<Status(Reader&)> function, DirectoryCache* cache = nullptr) const {
+    return store_->read([&](store::View& view) {
+      Reader reader(view, identity_, cache);
+      return function(reader);
+    });
+  }
+
+  Status read_all(FunctionRef<Status(Reader&)> function) const {
+    return store_->read_all([&](store::View& view) {
+      Reader reader(view, identity_);
+      return function(reader);
+    });
+  }
+
+  Status write(FunctionRef<Status(Writer&)> function) const {
+    return store_->write([&](store::Update& update) {
+      Writer writer(update, identity_);
+      return function(writer);
+    });
+  }
+
+ private:
+  std::shared_ptr<store::Store> store_;
+  Identity identity_;
+};
 
 // A store in memory with what fails on demand around it, whose root everybody may use in every way.
 struct Ground {
   std::shared_ptr<store::FaultyStore> store =
       std::make_shared<store::FaultyStore>(std::make_shared<store::MemoryStore>(open_to_all()));
 
-  std::shared_ptr<Registry> as(Identity identity) const { return registry_on(store, std::move(identity)); }
+  std::shared_ptr<Client> as(Identity identity) const { return client_on(store, std::move(identity)); }
+  BareTree tree(Identity identity) const { return {store, std::move(identity)}; }
 
   // Makes a key as the superuser; "a.b" needs "a".
   store::NodeId make(std::string_view name, const sec_attr& security = open_to_all(), std::string_view value = {}) {
     store::NodeId id = store::kNoNode;
-    const Status status = as(superuser())->write([&](Writer& tree) {
+    const Status status = tree(superuser()).write([&](Writer& tree) {
       return value.empty() ? tree.create(parent_of(name), last_level(name), security, &id)
                            : tree.create_and_set(parent_of(name), last_level(name), security, 3, bytes_of(value), &id);
     });
@@ -74,13 +107,13 @@ struct Ground {
 
   bool has(std::string_view name) const {
     bool answer = false;
-    const Status status = as(superuser())->read([&](Reader& tree) { return tree.exists(name, &answer); });
+    const Status status = tree(superuser()).read([&](Reader& tree) { return tree.exists(name, &answer); });
     return status.ok() && answer;
   }
 
   std::string value(std::string_view name) const {
     std::string text;
-    const Status status = as(superuser())->read([&](Reader& tree) {
+    const Status status = tree(superuser()).read([&](Reader& tree) {
       store::Value value;
       Status read = tree.value(name, &value);
       text = text_of(value);
@@ -92,7 +125,7 @@ struct Ground {
   // Every full name with the type and text of its value, in the order of a walk: "a", "a.b=3:text".
   std::vector<std::string> everything() const {
     std::vector<std::string> found;
-    const Status status = as(superuser())->read_all([&](Reader& tree) {
+    const Status status = tree(superuser()).read_all([&](Reader& tree) {
       found.clear();
       return tree.walk("", Hidden::kFail, [&](const Entry& entry) {
         store::Value value;
@@ -111,8 +144,8 @@ struct Ground {
 // A context of the C functions on a registry, ended with the test.
 class Context {
  public:
-  explicit Context(std::shared_ptr<Registry> registry) {
-    if (!add_context(std::make_unique<Session>(std::move(registry), 0), &ctx_).ok()) ctx_ = 0;
+  explicit Context(std::shared_ptr<Client> client) {
+    if (!add_context(std::make_unique<Session>(std::move(client)), &ctx_).ok()) ctx_ = 0;
   }
   ~Context() { prtkv_terminate(ctx_); }
   Context(const Context&) = delete;

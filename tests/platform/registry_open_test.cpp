@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "prtkv.h"
-#include "registry/open_store.h"
+#include "registry/open_client.h"
 #include "registry_fixture.h"
 #include "temporary_directory.h"
 
@@ -173,29 +173,28 @@ TEST_F(OpenRegistry, LocationThatIsAFileFailsAndLeavesIt) {
 TEST_F(OpenRegistry, DefaultLocationIsMadeWithTheDirectoriesAboveIt) {
   Configuration configuration;
   configuration.locations = {directory_ / "home/.local/state/tkv"};
-  std::shared_ptr<store::Store> store;
-  const Status status = open_store(configuration, person("alice"), {}, &store);
+  std::shared_ptr<Client> client;
+  const Status status = open_client(configuration, {}, &client);
   ASSERT_EQ(status.text(), "done");
   struct stat found {};
   ASSERT_EQ(stat((directory_ / "home/.local").c_str(), &found), 0);
   EXPECT_EQ(found.st_mode & 07777, 0700U);
-  EXPECT_STREQ(store->kind(), "lmdb");
 }
 
 TEST_F(OpenRegistry, DefaultLocationThatCannotBeMadeSaysWhy) {
   std::ofstream(directory_ / "home") << "a file";
   Configuration configuration;
   configuration.locations = {directory_ / "home/.local/state/tkv"};
-  std::shared_ptr<store::Store> store;
-  const Status status = open_store(configuration, person("alice"), {}, &store);
+  std::shared_ptr<Client> client;
+  const Status status = open_client(configuration, {}, &client);
   EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
   EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" + "': Not a directory (20)");
 }
 
 TEST_F(OpenRegistry, NothingIsMadeWhenItIsNotToBeCreated) {
   configure("[registry]\nlocation = " + location_ + "\n");
-  std::shared_ptr<Registry> registry;
-  EXPECT_FALSE(open_registry(&registry, {false, false}).ok());
+  std::shared_ptr<Client> client;
+  EXPECT_FALSE(open_client({false, false}, &client).ok());
   EXPECT_NE(access(location_.c_str(), F_OK), 0);
 }
 

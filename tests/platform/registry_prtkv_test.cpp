@@ -169,7 +169,7 @@ TEST_F(Prtkv, HandleOfAnotherSessionIs3) {
 
 TEST_F(Prtkv, TerminatedSessionIs3WithAllItsKeys) {
   prtkv_ctx ended = 0;
-  ASSERT_TRUE(add_context(std::make_unique<Session>(ground_.as(person("bob")), 0), &ended).ok());
+  ASSERT_TRUE(add_context(std::make_unique<Session>(ground_.as(person("bob"))), &ended).ok());
   prtkv_key key = 0;
   ASSERT_EQ(prtkv_open_key(ended, &key, ""), PRTKV_DONE);
   EXPECT_EQ(prtkv_terminate(ended), PRTKV_DONE);
@@ -649,13 +649,13 @@ class ThrowingStore final : public store::Store {
 
 TEST(PrtkvExceptions, EndAtTheCFunctions) {
   prtkv_key key = 99;
-  const Context full(registry_on(std::make_shared<ThrowingStore<std::bad_alloc>>(std::bad_alloc()), superuser()));
+  const Context full(client_on(std::make_shared<ThrowingStore<std::bad_alloc>>(std::bad_alloc()), superuser()));
   EXPECT_EQ(prtkv_open_key(full, &key, ""), PRTKV_OUT_OF_MEMORY);
   EXPECT_EQ(key, 0U);
   EXPECT_EQ(full.last_error(), "TKV-0012: out of memory");
   EXPECT_EQ(prtkv_set_zuved_dependencies(full, 1, 0), PRTKV_OUT_OF_MEMORY);
   const Context other(
-      registry_on(std::make_shared<ThrowingStore<std::runtime_error>>(std::runtime_error("odd")), superuser()));
+      client_on(std::make_shared<ThrowingStore<std::runtime_error>>(std::runtime_error("odd")), superuser()));
   EXPECT_EQ(prtkv_open_key(other, &key, ""), PRTKV_UNKNOWN);
   EXPECT_EQ(other.last_error(), "TKV-0014: unknown error");
 }
@@ -692,7 +692,7 @@ TEST(PrtkvBackupLocation, IsTheConfiguredOneWithoutALimit) {
   Ground ground;
   Configuration configuration;
   configuration.backup_location = "/" + std::string(4094, 'b');
-  const Context some(registry_on(ground.store, superuser(), configuration));
+  const Context some(client_on(ground.store, superuser(), configuration));
   const Context none(ground.as(superuser()));
   std::vector<char> location(PRTKV_BACKUP_LOCATION_SIZE, 'z');
   std::uint64_t limit = 77;
@@ -722,7 +722,7 @@ TEST(PrtkvZuved, RecordsModeAndServicesTogether) {
   EXPECT_EQ(ground.value("SYSTEM.ZUVED.mode"), std::string("2\0", 2));
   sec_attr security{};
   ASSERT_TRUE(
-      ground.as(superuser())->read([&](Reader& tree) { return tree.security("SYSTEM.ZUVED", &security); }).ok());
+      ground.tree(superuser()).read([&](Reader& tree) { return tree.security("SYSTEM.ZUVED", &security); }).ok());
   EXPECT_EQ(user_of(security), "bob");
   EXPECT_EQ(group_of(security), "users");
 }

@@ -40,7 +40,7 @@ TEST(Sharing, ThreadsThatDoNotSerialiseOnOneSessionLoseNothing) {
   const TemporaryDirectory directory;
   const auto store = lmdb_in(directory);
   ASSERT_NE(store, nullptr);
-  const Context ctx(registry_on(store, person("bob")));
+  const Context ctx(client_on(store, person("bob")));
   const prtkv_key root = ctx.open("");
   std::atomic<int> wrong{0};
   constexpr int kKeys = 25;
@@ -79,7 +79,7 @@ TEST(Sharing, SessionThatEndsUnderOtherThreadsAnswers3) {
   ground.make("a", open_to_all(), "v");
   for (int round = 0; round < 20; ++round) {
     prtkv_ctx ctx = 0;
-    ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob")), 0), &ctx).ok());
+    ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob"))), &ctx).ok());
     std::atomic<int> started{0};
     std::atomic<int> wrong{0};
     in_threads([&](int number) {
@@ -104,10 +104,10 @@ TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
   const TemporaryDirectory directory;
   const auto store = lmdb_in(directory);
   ASSERT_NE(store, nullptr);
-  const auto registry = registry_on(store, superuser());
+  const BareTree registry(store, superuser());
   store::NodeId id = store::kNoNode;
   ASSERT_TRUE(registry
-                  ->write([&](Writer& tree) {
+                  .write([&](Writer& tree) {
                     if (Status status = tree.create("", "a", open_to_all(), &id); !status.ok()) return status;
                     if (Status status = tree.create("", "b", open_to_all(), &id); !status.ok()) return status;
                     return tree.create("a", "key", open_to_all(), &id);
@@ -120,7 +120,7 @@ TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
       for (int n = 0; n < 50; ++n) {
         const bool there = n % 2 == 1;
         store::NodeId moved = store::kNoNode;
-        const Status status = registry->write([&](Writer& tree) {
+        const Status status = registry.write([&](Writer& tree) {
           return tree.move(there ? "b.key" : "a.key", there ? "a" : "b", "key", false, &moved);
         });
         if (!status.ok()) ++wrong;
@@ -131,7 +131,7 @@ TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
     DirectoryCache cache;
     while (!done.load()) {
       int places = 0;
-      const Status status = registry->read(
+      const Status status = registry.read(
           [&](Reader& tree) {
             bool in_a = false;
             bool in_b = false;

@@ -20,7 +20,7 @@ using Change = std::function<Status(Writer&)>;
 
 class Tree : public ::testing::Test {
  protected:
-  Status write(const Identity& identity, const Change& change) { return ground_.as(identity)->write(change); }
+  Status write(const Identity& identity, const Change& change) { return ground_.tree(identity).write(change); }
   Status write(const Change& change) { return write(superuser(), change); }
 
   Ground ground_;
@@ -37,7 +37,7 @@ TEST_F(Tree, CreateMakesAKeyWithItsSecurityAndWithoutAValue) {
   const sec_attr security = owned_by("bob", "users", 0x3f, 0x34, 0x3);
   ASSERT_TRUE(write([&](Writer& tree) { return tree.create("", "a", security, &id_); }).ok());
   Stat stat;
-  ASSERT_TRUE(ground_.as(superuser())->read([&](Reader& tree) { return tree.stat("a", &stat); }).ok());
+  ASSERT_TRUE(ground_.tree(superuser()).read([&](Reader& tree) { return tree.stat("a", &stat); }).ok());
   EXPECT_EQ(stat.id, id_);
   EXPECT_EQ(stat.type, 0);
   EXPECT_EQ(stat.size, 0U);
@@ -81,7 +81,7 @@ TEST_F(Tree, ARefNamesAKeyAndNotItsSuccessorOfTheSameName) {
   const store::NodeId second = ground_.make("a");
   Place place;
   const auto resolve = [&](store::NodeId id) {
-    return ground_.as(superuser())->read([&](Reader& tree) { return tree.resolve({"a", id}, &place); });
+    return ground_.tree(superuser()).read([&](Reader& tree) { return tree.resolve({"a", id}, &place); });
   };
   EXPECT_EQ(resolve(first).code(), PRTKV_NO_SUCH_KEY);
   EXPECT_TRUE(resolve(second).ok());
@@ -92,8 +92,8 @@ TEST_F(Tree, WalkVisitsEachKeyBeforeItsSubkeysInByteOrder) {
   for (const char* name : {"b", "a", "a.z", "a.b", "a.b.c", "a\x01"}) ground_.make(name);
   EXPECT_THAT(ground_.everything(), ElementsAre("a", "a.b", "a.b.c", "a.z", "a\x01", "b"));
   std::vector<std::string> seen;
-  ASSERT_TRUE(ground_.as(superuser())
-                  ->read([&](Reader& tree) {
+  ASSERT_TRUE(ground_.tree(superuser())
+                  .read([&](Reader& tree) {
                     return tree.walk("a", Hidden::kFail, [&](const Entry& entry) {
                       seen.push_back(std::string(entry.level) + "@" + std::to_string(entry.depth));
                       return Status();
@@ -110,7 +110,7 @@ TEST_F(Tree, WalkFailsAtOrPassesOverWhatMayNotBeListed) {
   std::vector<std::string> seen;
   const auto walk = [&](Hidden hidden) {
     seen.clear();
-    return ground_.as(person("bob"))->read([&](Reader& tree) {
+    return ground_.tree(person("bob")).read([&](Reader& tree) {
       return tree.walk("", hidden, [&](const Entry& entry) {
         seen.push_back(std::string(entry.name) + (entry.subkeys_hidden ? " hidden" : ""));
         return Status();
@@ -129,7 +129,7 @@ TEST_F(Tree, AWalkGoesNoFurtherDownThanItsVisitsWant) {
   std::vector<std::string> seen;
   const auto walk_past = [&](std::string_view passed_over) {
     seen.clear();
-    return ground_.as(superuser())->read([&](Reader& tree) {
+    return ground_.tree(superuser()).read([&](Reader& tree) {
       return tree.walk("", Hidden::kFail, [&](const Entry& entry) {
         seen.emplace_back(entry.name);
         entry.descend = entry.name != passed_over;
@@ -161,7 +161,7 @@ TEST_F(Tree, KeysThatHangBelowThemselvesEndAWalkAsDamaged) {
                              return update.insert(a, "b", {a, open_to_all()});
                            })
                   .ok());
-  const Status status = ground_.as(superuser())->read([&](Reader& tree) {
+  const Status status = ground_.tree(superuser()).read([&](Reader& tree) {
     return tree.walk("", Hidden::kFail, [](const Entry&) { return Status(); });
   });
   EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
@@ -176,7 +176,7 @@ TEST_F(Tree, AWriterTellsHowManyKeysItHasDoneSoFar) {
   const auto collect = [&](std::uint64_t keys) { seen.push_back(keys); };
   const auto follow = [&](FunctionRef<Status(Writer&)> change) {
     seen.clear();
-    return ground_.as(person("alice"))->write([&](Writer& tree) {
+    return ground_.tree(person("alice")).write([&](Writer& tree) {
       tree.follow(collect);
       return change(tree);
     });
@@ -318,7 +318,7 @@ TEST_F(Tree, CopyMakesKeysOfTheirOwn) {
   EXPECT_NE(id_, a);
   EXPECT_THAT(ground_.everything(), ElementsAre("a=3:1", "a.b=3:2", "a.b.c", "z=3:1", "z.b=3:2", "z.b.c"));
   sec_attr copied{};
-  ASSERT_TRUE(ground_.as(superuser())->read([&](Reader& tree) { return tree.security("z", &copied); }).ok());
+  ASSERT_TRUE(ground_.tree(superuser()).read([&](Reader& tree) { return tree.security("z", &copied); }).ok());
   EXPECT_EQ(user_of(copied), "bob");
   EXPECT_EQ(copied.group_perm, 0x01);
   ASSERT_TRUE(write([&](Writer& tree) { return tree.copy("a", "", "y", false, false, &id_); }).ok());
@@ -402,7 +402,7 @@ TEST_F(Tree, SecurityBelowChangesEveryKeyOrNone) {
   EXPECT_EQ(give(person("bob")).text(), "key 'a.c': access denied, changing its security needs the right 0x08");
   sec_attr security{};
   const auto mask = [&](const char* name) {
-    const Status read = ground_.as(superuser())->read([&](Reader& tree) { return tree.security(name, &security); });
+    const Status read = ground_.tree(superuser()).read([&](Reader& tree) { return tree.security(name, &security); });
     return read.ok() ? security.other_perm : -1;
   };
   EXPECT_EQ(mask("a"), 0x3f);
@@ -453,17 +453,17 @@ struct RightCase {
   const char* claim;
   Rights right;
   const char* on;
-  std::function<Status(Registry&)> operation;
+  std::function<Status(const BareTree&)> operation;
 };
 
 template <typename Operation>
-std::function<Status(Registry&)> reading(Operation operation) {
-  return [operation](Registry& registry) { return registry.read(operation); };
+std::function<Status(const BareTree&)> reading(Operation operation) {
+  return [operation](const BareTree& tree) { return tree.read(operation); };
 }
 
 template <typename Operation>
-std::function<Status(Registry&)> writing(Operation operation) {
-  return [operation](Registry& registry) { return registry.write(operation); };
+std::function<Status(const BareTree&)> writing(Operation operation) {
+  return [operation](const BareTree& tree) { return tree.write(operation); };
 }
 
 store::NodeId ignored_id;
@@ -495,7 +495,7 @@ TEST(TreeRights, EachOperationNeedsItsRightAndNoOther) {
       for (const char* name : {"a", "a.leaf"}) {
         ground.make(name, owned_by("", "", 0, 0, row.on == std::string(name) ? on : 0));
       }
-      const Status status = row.operation(*ground.as(person("bob")));
+      const Status status = row.operation(ground.tree(person("bob")));
       EXPECT_EQ(status.code(), granted ? PRTKV_DONE : PRTKV_ACCESS_DENIED);
       if (granted) continue;
       EXPECT_THAT(status.text(), HasSubstr("key '" + std::string(row.on) + "': access denied"));
@@ -521,7 +521,7 @@ TEST(TreeRights, MoveNeedsDeleteOnTheKeyCreateOnTheParentAndDeleteOnWhatItReplac
     ground.make("parent.target", owned_by("", "", 0, 0, row.target));
     ground.make("parent.target.below", owned_by("", "", 0, 0, row.below));
     store::NodeId id = store::kNoNode;
-    const Status status = ground.as(person("bob"))->write([&](Writer& tree) {
+    const Status status = ground.tree(person("bob")).write([&](Writer& tree) {
       return tree.move("source", "parent", "target", true, &id);
     });
     EXPECT_EQ(status.code(), row.code) << status.text();
@@ -537,7 +537,7 @@ TEST(TreeRights, MoveOntoAnAncestorNeedsNoDeleteRightBelowTheKeyItself) {
   ground.make("a.b.c", owned_by("", "", 0, 0, 0));
   store::NodeId id = store::kNoNode;
   const Status status =
-      ground.as(person("bob"))->write([&](Writer& tree) { return tree.move("a.b", "", "a", true, &id); });
+      ground.tree(person("bob")).write([&](Writer& tree) { return tree.move("a.b", "", "a", true, &id); });
   EXPECT_EQ(status.code(), PRTKV_DONE) << status.text();
   EXPECT_THAT(ground.everything(), ElementsAre("a", "a.c"));
 }
@@ -545,12 +545,12 @@ TEST(TreeRights, MoveOntoAnAncestorNeedsNoDeleteRightBelowTheKeyItself) {
 TEST(TreeRights, SecurityRightCoversOwnerAndGroup) {
   Ground ground;
   ground.make("a", owned_by("bob", "users", 0x08, 0, 0));
-  const Status status = ground.as(person("bob"))->write([](Writer& tree) {
+  const Status status = ground.tree(person("bob")).write([](Writer& tree) {
     return tree.set_security("a", owned_by("carol", "wheel", 0x3f, 0x01, 0));
   });
   EXPECT_EQ(status.code(), PRTKV_DONE);
   sec_attr security{};
-  ASSERT_TRUE(ground.as(superuser())->read([&](Reader& tree) { return tree.security("a", &security); }).ok());
+  ASSERT_TRUE(ground.tree(superuser()).read([&](Reader& tree) { return tree.security("a", &security); }).ok());
   EXPECT_EQ(user_of(security), "carol");
   EXPECT_EQ(group_of(security), "wheel");
 }
@@ -586,7 +586,7 @@ TEST(TreeFaults, EveryFailingCallOfTheStoreIsReportedAndLeavesEverythingAsItWas)
       prepare(ground);
       const std::vector<std::string> before = ground.everything();
       ground.store->fail_any(nth, {PRTKV_STORAGE_FAILED, "the disk is gone"});
-      const Status status = ground.as(person("bob"))->write(change);
+      const Status status = ground.tree(person("bob")).write(change);
       ground.store->reset();
       if (status.ok()) {
         EXPECT_GT(nth, 3U) << "at least beginning, a lookup and the commit can fail";
@@ -604,7 +604,7 @@ TEST(TreeFaults, FailureOfTheStoreNamesTheKey) {
   ground.make("a", open_to_all(), "v");
   ground.store->fail(Call::kValue, 1, {PRTKV_STORAGE_FAILED, "checksum does not match"});
   store::Value value;
-  const Status status = ground.as(superuser())->read([&](Reader& tree) { return tree.value("a", &value); });
+  const Status status = ground.tree(superuser()).read([&](Reader& tree) { return tree.value("a", &value); });
   EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
   EXPECT_EQ(status.text(), "key 'a': checksum does not match");
 }
@@ -616,9 +616,9 @@ TEST(TreeFaults, OperationsSetTheirResultsAnewWhenTheStoreRunsThemTwice) {
   ground.store->run_functions_twice();
   store::NodeId id = store::kNoNode;
   EXPECT_EQ(
-      ground.as(superuser())->write([&](Writer& tree) { return tree.copy("a", "", "z", true, false, &id); }).code(),
+      ground.tree(superuser()).write([&](Writer& tree) { return tree.copy("a", "", "z", true, false, &id); }).code(),
       PRTKV_DONE);
-  EXPECT_EQ(ground.as(superuser())->write([&](Writer& tree) { return tree.move("a", "z", "a", false, &id); }).code(),
+  EXPECT_EQ(ground.tree(superuser()).write([&](Writer& tree) { return tree.move("a", "z", "a", false, &id); }).code(),
             PRTKV_DONE);
   ground.store->reset();
   EXPECT_THAT(ground.everything(), ElementsAre("z", "z.a", "z.a.b=3:v", "z.b=3:v"));
@@ -629,11 +629,11 @@ TEST(Cache, AnswersWhileTheStructureStandsAndForgetsAfterAMove) {
   ground.make("a");
   ground.make("a.b");
   ground.make("a.b.c", open_to_all(), "first");
-  const std::shared_ptr<Registry> registry = ground.as(superuser());
+  const BareTree registry = ground.tree(superuser());
   DirectoryCache cache;
   const auto read = [&] {
     std::string text;
-    const Status status = registry->read(
+    const Status status = registry.read(
         [&](Reader& tree) {
           store::Value value;
           Status found = tree.value("a.b.c", &value);
@@ -648,7 +648,7 @@ TEST(Cache, AnswersWhileTheStructureStandsAndForgetsAfterAMove) {
   EXPECT_EQ(read(), "first");
   EXPECT_EQ(ground.store->calls(), 3U) << "the read, one lookup and the value";
   store::NodeId id = store::kNoNode;
-  ASSERT_TRUE(registry->write([&](Writer& tree) { return tree.move("a.b", "", "moved", false, &id); }).ok());
+  ASSERT_TRUE(registry.write([&](Writer& tree) { return tree.move("a.b", "", "moved", false, &id); }).ok());
   EXPECT_EQ(read(), "key 'a.b.c' does not exist");
   ground.make("a.b");
   ground.make("a.b.c", open_to_all(), "second");
@@ -658,10 +658,10 @@ TEST(Cache, AnswersWhileTheStructureStandsAndForgetsAfterAMove) {
 TEST(Cache, KnowsNothingOfAStoreThatCannotTell) {
   DirectoryCache cache;
   cache.find(0, "a");
-  cache.keep("a", 7);
+  cache.keep(0, "a", 7);
   EXPECT_EQ(cache.find(0, "a"), store::kNoNode);
   cache.find(5, "a");
-  cache.keep("a", 7);
+  cache.keep(5, "a", 7);
   EXPECT_EQ(cache.find(5, "a"), 7U);
   EXPECT_EQ(cache.find(6, "a"), store::kNoNode);
   EXPECT_EQ(cache.find(5, "a"), store::kNoNode) << "the former structure is forgotten";

@@ -1,0 +1,149 @@
+#include "registry/check.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "registry/name.h"
+#include "registry/tree.h"
+
+namespace tkv::registry {
+namespace {
+
+using store::Finding;
+using Findings = std::vector<Finding>;
+
+bool is_about_value(const Finding& finding) {
+  return finding.kind == Finding::Kind::kDamagedValue || finding.kind == Finding::Kind::kOrphanValue;
+}
+
+// The node whose name tells where a finding is.
+store::NodeId place_of(const Finding& finding) { return is_about_value(finding) ? finding.id : finding.parent; }
+
+std::string name_below(const std::string& parent, std::string_view level) {
+  return parent.empty() ? std::string(level) : parent + "." + std::string(level);
+}
+
+// Finds the full names of the nodes that findings are about, as far as the tree can still be walked.
+class NameFinder {
+ public:
+  explicit NameFinder(const Findings& findings) {
+    for (const Finding& finding : findings) {
+      wanted_.insert(place_of(finding));
+      if (finding.kind == Finding::Kind::kDuplicateId) shared_.insert(finding.id);
+    }
+  }
+
+  void walk(store::View& view) {
+    names_ = {{store::kRootNode, ""}};
+    entered_.clear();
+    walk_below(view, store::kRootNode, "");
+  }
+
+  std::optional<std::string> name_of(const Finding& finding) const {
+    const auto found = names_.find(place_of(finding));
+    if (found == names_.end()) return std::nullopt;
+    return is_about_value(finding) ? found->second : name_below(found->second, finding.name);
+  }
+
+ private:
+  // Passes over what cannot be read: there is a finding for it. An id that several nodes share is entered once, since
+  // one of them may hang below it.
+  void walk_below(store::View& view, store::NodeId parent, const std::string& name) {
+    if (shared_.contains(parent) && !entered_.insert(parent).second) return;
+    std::vector<std::pair<std::string, store::NodeId>> subkeys;
+    const auto collect = [&](std::string_view level, const store::Node& node) {
+      subkeys.emplace_back(name_below(name, level), node.id);
+      return Status();
+    };
+    (void)view.children(parent, collect).ok();
+    for (const auto& [subkey, id] : subkeys) {
+      if (wanted_.contains(id)) names_.emplace(id, subkey);
+      walk_below(view, id, subkey);
+    }
+  }
+
+  std::set<store::NodeId> wanted_;
+  std::set<store::NodeId> shared_;   // ids of several nodes
+  std::set<store::NodeId> entered_;  // of these
+  std::map<store::NodeId, std::string> names_;
+};
+
+Damage::Kind kind_of(Finding::Kind kind) {
+  switch (kind) {
+    case Finding::Kind::kDamagedNode:
+      return Damage::Kind::kDamagedKey;
+    case Finding::Kind::kDamagedValue:
+      return Damage::Kind::kDamagedValue;
+    case Finding::Kind::kOrphan:
+      return Damage::Kind::kOrphan;
+    case Finding::Kind::kOrphanValue:
+      return Damage::Kind::kOrphanValue;
+    case Finding::Kind::kDuplicateId:
+      return Damage::Kind::kDuplicateId;
+  }
+  return Damage::Kind::kDamagedKey;
+}
+
+Status demand_rights(store::Store& store, const Identity& identity, bool repair) {
+  Place root;
+  const Status found = store.read([&](store::View& view) { return Reader(view, identity).resolve("", &root); });
+  if (identity.superuser && found.is(PRTKV_STORAGE_FAILED)) return {};  // the check tells more about the damage
+  if (!found.ok()) return found;
+  const Rights needed = repair ? TKV_RIGHT_ALL : TKV_RIGHT_READ | TKV_RIGHT_LIST;
+  if ((rights_of(identity, root.node.security) & needed) == needed) return {};
+  return {PRTKV_ACCESS_DENIED, describe("") + ": access denied, " +
+                                   (repair ? "repairing the registry needs all rights"
+                                           : "checking the registry needs the rights to read and list") +
+                                   " on it"};
+}
+
+Status run_check(store::Store& store, bool repair, FunctionRef<void(const CheckStep& step)> progress,
+                 Findings* findings, store::Totals* totals) {
+  findings->clear();
+  return store.check(
+      repair, [&](const Finding& finding) { findings->push_back(finding); },
+      [&](const store::CheckProgress& now) {
+        progress({now.reading, now.done, now.total});
+      },
+      totals);
+}
+
+std::vector<Damage> named(store::Store& store, Findings findings) {
+  if (findings.empty()) return {};
+  NameFinder names(findings);
+  const auto walk = [&](store::View& view) {
+    names.walk(view);
+    return Status();
+  };
+  (void)store.read_all(walk).ok();  // without it, damages stay without names
+  std::vector<Damage> damages;
+  for (Finding& finding : findings) {
+    std::optional<std::string> name = names.name_of(finding);
+    damages.push_back({kind_of(finding.kind), std::move(name), std::move(finding.name), finding.parent, finding.id,
+                       std::move(finding.detail)});
+  }
+  return damages;
+}
+
+}  // namespace
+
+Status check_registry(store::Store& store, const Identity& identity, bool repair,
+                      FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) {
+  Findings findings;
+  store::Totals totals;
+  std::size_t repaired = 0;
+  if (Status status = demand_rights(store, identity, repair); !status.ok()) return status;
+  if (Status status = run_check(store, false, progress, &findings, &totals); !status.ok()) return status;
+  if (repair && !findings.empty()) {
+    const std::size_t before = findings.size();
+    if (Status status = run_check(store, true, progress, &findings, &totals); !status.ok()) return status;
+    if (Status status = run_check(store, false, progress, &findings, &totals); !status.ok()) return status;
+    repaired = before - std::min(before, findings.size());
+  }
+  *result = {totals.nodes, totals.values, totals.value_bytes, repaired, named(store, std::move(findings))};
+  return {};
+}
+
+}  // namespace tkv::registry

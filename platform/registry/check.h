@@ -1,0 +1,16 @@
+// Checking a whole registry: the store's findings, told by the names of keys.
+#ifndef TKV_PLATFORM_REGISTRY_CHECK_H
+#define TKV_PLATFORM_REGISTRY_CHECK_H
+
+#include "registry/client.h"
+#include "store/store.h"
+
+namespace tkv::registry {
+
+// As Client::check. The superuser may check a registry whose root key cannot be read.
+Status check_registry(store::Store& store, const Identity& identity, bool repair,
+                      FunctionRef<void(const CheckStep& step)> progress, CheckResult* result);
+
+}  // namespace tkv::registry
+
+#endif

@@ -1,0 +1,32 @@
+#include "registry/client.h"
+
+#include <algorithm>
+
+namespace tkv::registry {
+namespace {
+
+std::int32_t changed(std::int32_t mask, const MaskChange& change) { return (mask & ~change.clear) | change.set; }
+
+}  // namespace
+
+std::uint64_t Difference::count(KeyChange::Kind kind) const {
+  return static_cast<std::uint64_t>(
+      std::count_if(changes.begin(), changes.end(), [&](const KeyChange& change) { return change.kind == kind; }));
+}
+
+Status SecurityChange::apply(sec_attr* security) const {
+  sec_attr result = *security;
+  result.user_perm = changed(result.user_perm, owner_mask);
+  result.group_perm = changed(result.group_perm, group_mask);
+  result.other_perm = changed(result.other_perm, other_mask);
+  if (owner) {
+    if (Status status = set_user(&result, *owner); !status.ok()) return status;
+  }
+  if (group) {
+    if (Status status = set_group(&result, *group); !status.ok()) return status;
+  }
+  *security = result;
+  return {};
+}
+
+}  // namespace tkv::registry

@@ -1,0 +1,198 @@
+#include "registry/local_client.h"
+
+#include <utility>
+
+#include "registry/check.h"
+#include "registry/new_keys.h"
+#include "registry/subtree.h"
+
+namespace tkv::registry {
+namespace {
+
+const char* characters(std::span<const std::byte> bytes) { return reinterpret_cast<const char*>(bytes.data()); }
+
+Status demand_expected(const Difference& difference, const ApplyOptions& options) {
+  if (difference.count(KeyChange::Kind::kRemove) <= options.max_removed &&
+      difference.count(KeyChange::Kind::kChange) <= options.max_changed) {
+    return {};
+  }
+  return {PRTKV_KEY_EXISTS, "others have changed the registry meanwhile; nothing was done"};
+}
+
+}  // namespace
+
+LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store)
+    : configuration_(std::move(configuration)), identity_(std::move(identity)), store_(std::move(store)) {}
+
+Status LocalClient::read(FunctionRef<Status(Reader& tree)> function) {
+  return store_->read([&](store::View& view) {
+    Reader tree(view, identity_, &cache_);
+    return function(tree);
+  });
+}
+
+Status LocalClient::read_all(FunctionRef<Status(Reader& tree)> function) {
+  return store_->read_all([&](store::View& view) {
+    Reader tree(view, identity_);
+    return function(tree);
+  });
+}
+
+Status LocalClient::write(FunctionRef<Status(Writer& tree)> function) {
+  return store_->write([&](store::Update& update) {
+    Writer tree(update, identity_);
+    return function(tree);
+  });
+}
+
+Status LocalClient::find(const KeyRef& key, KeyId* id) {
+  Place place;
+  Status status = read([&](Reader& tree) { return tree.resolve(key, &place); });
+  if (status.ok()) *id = place.node.id;
+  return status;
+}
+
+Status LocalClient::stat(const KeyRef& key, KeyInfo* info) {
+  KeyInfo found;
+  Status status = read([&](Reader& tree) { return tree.stat(key, &found); });
+  if (status.ok()) *info = found;
+  return status;
+}
+
+Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
+  std::size_t size = 0;
+  return read_value_up_to(key, kMaxValueBytes, value, &size);
+}
+
+Status LocalClient::read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) {
+  return read([&](Reader& tree) -> Status {
+    store::Value found;
+    if (Status status = tree.value(key, &found); !status.ok()) return status;
+    value->type = found.type;
+    value->bytes.assign(characters(found.bytes), found.bytes.size() <= capacity ? found.bytes.size() : 0);
+    *size = found.bytes.size();
+    return {};
+  });
+}
+
+Status LocalClient::read_security(const KeyRef& key, sec_attr* security) {
+  sec_attr found{};
+  Status status = read([&](Reader& tree) { return tree.security(key, &found); });
+  if (status.ok()) *security = found;
+  return status;
+}
+
+Status LocalClient::create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                           std::span<const std::byte> bytes, KeyId* id) {
+  KeyId created = kAnyKey;
+  Status status =
+      write([&](Writer& tree) { return tree.create_and_set(parent, name, security, type, bytes, &created); });
+  if (status.ok()) *id = created;
+  return status;
+}
+
+Status LocalClient::write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) {
+  return write([&](Writer& tree) { return tree.set_value(key, type, bytes); });
+}
+
+Status LocalClient::write_security(const KeyRef& key, const sec_attr& security) {
+  return write([&](Writer& tree) { return tree.set_security(key, security); });
+}
+
+Status LocalClient::put(std::span<const NamedValue> values, const PutOptions& options) {
+  return write([&](Writer& tree) -> Status {
+    for (const NamedValue& each : values) {
+      if (Status status = put_value(tree, each.name, each.value, options); !status.ok()) return status;
+    }
+    return {};
+  });
+}
+
+Status LocalClient::list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) {
+  return read_all([&](Reader& tree) { return tree.list(key, infos, visit); });
+}
+
+Status LocalClient::walk(const KeyRef& key, const WalkOptions& options,
+                         FunctionRef<Status(const WalkEntry& entry)> visit) {
+  return read_all([&](Reader& tree) { return tree.walk(key, options, visit); });
+}
+
+Status LocalClient::compare(const Subtree& wanted, MergeMode mode, const NewKeySecurity& security, KeyProgress progress,
+                            Difference* difference) {
+  Subtree current;
+  sec_attr above{};
+  const Status status = read_all([&](Reader& tree) -> Status {
+    if (Status read = read_subtree(tree, wanted.top, progress, &current); !read.ok()) return read;
+    return inherited_security(tree, parent_of(wanted.top), security, &above);
+  });
+  return status.ok() ? find_difference(current, wanted, mode, security, above, difference) : status;
+}
+
+Status LocalClient::apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
+                          Difference* difference) {
+  Difference found;
+  const auto compare_before = [&](Reader& tree) -> Status {
+    Subtree current;
+    sec_attr above{};
+    const auto silent = [](std::uint64_t) {};
+    if (Status status = read_subtree(tree, wanted.top, silent, &current); !status.ok()) return status;
+    if (Status status = inherited_security(tree, parent_of(wanted.top), options.security, &above); !status.ok()) {
+      return status;
+    }
+    return find_difference(current, wanted, options.mode, options.security, above, &found);
+  };
+  Status status = write([&](Writer& tree) -> Status {
+    tree.follow(progress);
+    if (Status compared = tree.before(compare_before); !compared.ok()) return compared;
+    if (Status expected = demand_expected(found, options); !expected.ok()) return expected;
+    if (options.create_parents) {
+      if (Status created = create_parents(tree, wanted.top, options.security); !created.ok()) return created;
+    }
+    return apply_difference(tree, found.changes);
+  });
+  if (status.ok()) *difference = std::move(found);
+  return status;
+}
+
+Status LocalClient::apply_changes(std::span<const KeyChange> changes) {
+  return write([&](Writer& tree) { return apply_one_by_one(tree, changes); });
+}
+
+std::size_t LocalClient::preferred_batch_size() const { return store_->handy_changes(); }
+
+Status LocalClient::change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
+                                    KeyProgress progress) {
+  return write([&](Writer& tree) {
+    tree.follow(progress);
+    return tree.change_security(key, recursive, [&](sec_attr* security) { return change.apply(security); });
+  });
+}
+
+Status LocalClient::remove(const KeyRef& key, bool recursive, KeyProgress progress) {
+  return write([&](Writer& tree) {
+    tree.follow(progress);
+    return tree.remove(key, recursive);
+  });
+}
+
+Status LocalClient::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) {
+  KeyId moved = kAnyKey;
+  Status status = write([&](Writer& tree) { return tree.move(source, parent, name, replace, &moved); });
+  if (status.ok()) *id = moved;
+  return status;
+}
+
+Status LocalClient::copy(const KeyRef& source, std::string_view target, const CopyOptions& options,
+                         KeyProgress progress) {
+  return write([&](Writer& tree) {
+    KeyId id = kAnyKey;
+    tree.follow(progress);
+    return tree.copy(source, "", target, options.recursive, options.replace, &id, options.own);
+  });
+}
+
+Status LocalClient::check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) {
+  return check_registry(*store_, identity_, repair, progress, result);
+}
+
+}  // namespace tkv::registry

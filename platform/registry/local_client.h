@@ -1,0 +1,68 @@
+// LocalClient: the client that works on a store within this process.
+#ifndef TKV_PLATFORM_REGISTRY_LOCAL_CLIENT_H
+#define TKV_PLATFORM_REGISTRY_LOCAL_CLIENT_H
+
+#include <memory>
+
+#include "registry/client.h"
+#include "registry/directory_cache.h"
+#include "registry/tree.h"
+#include "store/store.h"
+
+namespace tkv::registry {
+
+class LocalClient final : public Client {
+ public:
+  LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store);
+
+  const Identity& identity() const override { return identity_; }
+  const Configuration& configuration() const override { return configuration_; }
+
+  Status find(const KeyRef& key, KeyId* id) override;
+  Status stat(const KeyRef& key, KeyInfo* info) override;
+  Status read_value(const KeyRef& key, TypedValue* value) override;
+  Status read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) override;
+  Status read_security(const KeyRef& key, sec_attr* security) override;
+  Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                std::span<const std::byte> bytes, KeyId* id) override;
+  Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) override;
+  Status write_security(const KeyRef& key, const sec_attr& security) override;
+  Status put(std::span<const NamedValue> values, const PutOptions& options) override;
+
+  Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) override;
+  Status walk(const KeyRef& key, const WalkOptions& options,
+              FunctionRef<Status(const WalkEntry& entry)> visit) override;
+  Status compare(const Subtree& wanted, MergeMode mode, const NewKeySecurity& security, KeyProgress progress,
+                 Difference* difference) override;
+  Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
+               Difference* difference) override;
+  Status apply_changes(std::span<const KeyChange> changes) override;
+  std::size_t preferred_batch_size() const override;
+  Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
+                         KeyProgress progress) override;
+  Status remove(const KeyRef& key, bool recursive, KeyProgress progress) override;
+  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) override;
+  Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options, KeyProgress progress) override;
+
+  Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) override;
+
+ private:
+  // Runs `function` on one state of the tree. It may run more than once: it must set its results anew each time.
+  Status read(FunctionRef<Status(Reader& tree)> function);
+
+  // As read, but for functions that visit many keys. It runs once.
+  Status read_all(FunctionRef<Status(Reader& tree)> function);
+
+  // Runs `function` and, if it succeeds, makes everything that it did durable, all or nothing. It may run more than
+  // once.
+  Status write(FunctionRef<Status(Writer& tree)> function);
+
+  const Configuration configuration_;
+  const Identity identity_;
+  const std::shared_ptr<store::Store> store_;
+  DirectoryCache cache_;
+};
+
+}  // namespace tkv::registry
+
+#endif
