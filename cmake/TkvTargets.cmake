@@ -1,6 +1,9 @@
 # The kinds of target in this project, and the flags that all of them share.
 include(GNUInstallDirs)
 
+# Installed programs find the libraries beside them, whatever the prefix.
+file(RELATIVE_PATH TKV_LIBRARIES_FROM_PROGRAMS /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -28,11 +31,23 @@ if(TKV_COVERAGE)
   target_link_options(tkv_flags INTERFACE --coverage)
 endif()
 
+# Hardening, for what is installed: the tests, which are not optimised, cannot have the checks of the C library.
+add_library(tkv_hardening INTERFACE)
+target_compile_options(tkv_hardening INTERFACE -fstack-protector-strong)
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  target_compile_options(tkv_hardening INTERFACE -fcf-protection)
+endif()
+set(TKV_FORTIFIED OFF)
+if(CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$" AND NOT TKV_SANITIZE AND NOT TKV_COVERAGE)
+  set(TKV_FORTIFIED ON)
+  target_compile_options(tkv_hardening INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+
 # tkv_library(name SOURCES ... [LINKS ...]): a static library, one of the parts of the shared libraries and the command.
 function(tkv_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE tkv_flags)
+  target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE tkv_flags tkv_hardening)
   if(TKV_LTO)
     # Fat objects: the shared libraries are optimised across units; tests and the command link the plain code, quickly.
     target_compile_options(${name} PRIVATE -flto -ffat-lto-objects)
@@ -43,7 +58,7 @@ endfunction()
 function(tkv_module name)
   cmake_parse_arguments(ARG "" "EXPORTS" "SOURCES;LINKS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tkv_flags)
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} tkv_flags tkv_hardening)
   target_link_options(${name} PRIVATE -Wl,--version-script=${ARG_EXPORTS})
   set_target_properties(${name} PROPERTIES LINK_DEPENDS ${ARG_EXPORTS} LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
   if(TKV_LTO)

@@ -1,11 +1,13 @@
 """What the bridge asks of others, and what libtkv.so shows and needs."""
+import platform
 import re
 import subprocess
 import sys
 import unittest
 
-BRIDGE, LIBRARY, HEADER = sys.argv[1:4]
-del sys.argv[1:4]
+BRIDGE, LIBRARY, HEADER, FORTIFIED = sys.argv[1:5]
+SHIPPED = sys.argv[5:]
+del sys.argv[1:]
 
 # Every function of the platform's interface. A site may put its own in their place, so that the bridge must need
 # these and no others.
@@ -37,7 +39,9 @@ def output(*command):
 
 
 def symbols(*options):
-    return {line.split()[-1].split("@")[0] for line in output("nm", *options).splitlines() if re.search(r" [A-Za-z] ", line)}
+    # Without a plugin, nm reads the symbols of the compiled code, not those that link-time optimisation starts from.
+    listed = output("nm", "--plugin", "/dev/null", *options)
+    return {line.split()[-1].split("@")[0] for line in listed.splitlines() if re.search(r" [A-Za-z] ", line)}
 
 
 def native_methods():
@@ -78,11 +82,38 @@ class Library(unittest.TestCase):
         self.assertNotIn("not found", loaded)
         self.assertEqual([line for line in loaded.splitlines() if HEAVY.search(line.split("=>")[0])], [])
 
-    def test_is_hardened(self):
-        self.assertIn("GNU_RELRO", output("readelf", "-lW", LIBRARY))
-        self.assertRegex(output("readelf", "-dW", LIBRARY), r"FLAGS.*NOW")
-        stack = [line for line in output("readelf", "-lW", LIBRARY).splitlines() if "GNU_STACK" in line]
-        self.assertNotIn("RWE", stack[0])
+
+class Hardening(unittest.TestCase):
+    """Of the bridge, and of every library and program that is installed."""
+
+    def test_relocations_are_read_only_and_the_stack_does_not_execute(self):
+        for file in SHIPPED:
+            with self.subTest(file=file):
+                segments = output("readelf", "-lW", file)
+                self.assertIn("GNU_RELRO", segments)
+                self.assertRegex(output("readelf", "-dW", file), r"FLAGS.*NOW")
+                self.assertNotRegex(segments, r"GNU_STACK.*RWE")
+                self.assertIn("DYN", output("readelf", "-h", file))
+
+    def test_arrays_on_the_stack_are_guarded(self):
+        for file in [BRIDGE, *SHIPPED]:
+            with self.subTest(file=file):
+                self.assertIn("__stack_chk_fail", symbols("--undefined-only", file))
+
+    @unittest.skipUnless(platform.machine() == "x86_64", "a feature of x86-64")
+    def test_calls_through_pointers_land_where_functions_begin(self):
+        # The linker drops the note of this from what it links, for the C library's start files lack it.
+        notes = output("readelf", "-nW", BRIDGE)
+        self.assertRegex(notes, r"x86 feature: IBT, SHSTK")
+        for method in native_methods():
+            with self.subTest(method=method):
+                first = output("objdump", "-d", "--no-show-raw-insn", f"--disassemble={method}", LIBRARY)
+                self.assertRegex(first, rf"<{method}>:\n\s*[0-9a-f]+:\s+endbr64")
+
+    def test_calls_of_the_c_library_are_checked(self):
+        checked = {name for name in symbols("--undefined-only", LIBRARY) if re.fullmatch(r"__\w+_chk", name)}
+        # Unoptimised and sanitized builds have no such checks.
+        self.assertEqual(checked != set(), FORTIFIED == "ON")
 
 
 if __name__ == "__main__":
