@@ -36,7 +36,7 @@ cmake --build --preset $(1) -j $(JOBS)
 endef
 
 .PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test coverage fuzz bench format lint \
-        install clean
+        install install-debug uninstall clean
 
 help: ## list the targets
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  make \1	\2/p' Makefile | expand -t 22
@@ -94,8 +94,16 @@ lint: packages-lint ## check format, and the C++ with clang-tidy
 	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release \
 	  --extra-arg=-Wno-ignored-optimization-argument
 
-install: build ## install below PREFIX (/usr/local)
-	cmake --install build/release --prefix $(PREFIX)
+install: ## install what `make build` has built, below PREFIX (/usr/local)
+	@[ -e build/release/manuals/tkv.1 ] || { echo "There is nothing to install: run make build first" >&2; exit 1; }
+	cmake --install build/release --strip --prefix "$(PREFIX)"
+	@echo "Programs linked through pkg-config or CMake find libprtkv.so. For others, run: ldconfig $(PREFIX)/lib"
+
+install-debug: install ## the same, with debug information beside it
+	cmake --install build/release --component debug --prefix "$(PREFIX)"
+
+uninstall: ## remove what the last `make install` installed
+	cmake -DBUILD=build/release -P cmake/TkvUninstall.cmake
 
 clean: ## remove everything that was built
 	rm -rf build

@@ -34,6 +34,15 @@ install(FILES ${manuals}/tkv.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-comp
 install(FILES ${manuals}/_tkv DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES ${manuals}/tkv.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
+# Debug information is installed on request: cmake --install BUILD --component debug
+set(binaries "[[$<TARGET_FILE:prtkv>]] ${CMAKE_INSTALL_LIBDIR} [[$<TARGET_FILE:tkv_shared>]] ${CMAKE_INSTALL_LIBDIR}")
+string(APPEND binaries " [[$<TARGET_FILE:tkv_command>]] ${CMAKE_INSTALL_BINDIR}")
+if(TKV_ETCD)
+  string(APPEND binaries " [[$<TARGET_FILE:tkv_etcd>]] ${CMAKE_INSTALL_LIBDIR}")
+endif()
+install(CODE "set(TKV_OBJCOPY [[${CMAKE_OBJCOPY}]])\nset(TKV_BINARIES ${binaries})" COMPONENT debug EXCLUDE_FROM_ALL)
+install(SCRIPT ${CMAKE_CURRENT_LIST_DIR}/TkvInstallDebug.cmake COMPONENT debug EXCLUDE_FROM_ALL)
+
 install(EXPORT tkvTargets NAMESPACE tkv:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv)
 configure_package_config_file(cmake/tkvConfig.cmake.in ${PROJECT_BINARY_DIR}/tkvConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tkv
