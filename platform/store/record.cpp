@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-// The hash is compiled in: records are short, and a call through a library would cost as much as the hash.
+// Inlined: for short records, a call into the shared library would cost as much as the hash itself.
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
@@ -14,12 +14,12 @@ namespace {
 constexpr std::size_t kHeaderSize = 4;
 constexpr std::size_t kChecksumSize = 8;
 
-std::uint64_t place_hash(NodeId id, std::string_view name) {
+std::uint64_t key_hash(NodeId id, std::string_view name) {
   return XXH3_64bits_withSeed(name.empty() ? "" : name.data(), name.size(), id);
 }
 
-std::uint64_t checksum(std::span<const std::byte> covered, std::uint64_t place) {
-  return XXH3_64bits_withSeed(covered.data(), covered.size(), place);
+std::uint64_t checksum(std::span<const std::byte> covered, std::uint64_t seed) {
+  return XXH3_64bits_withSeed(covered.data(), covered.size(), seed);
 }
 
 template <typename Integer>
@@ -37,7 +37,7 @@ Integer get(const std::byte* at) {
   return static_cast<Integer>(bits);
 }
 
-// The masks low byte first, the names as they are: the layout of sec_attr itself on most machines, on all of them here.
+// Masks with the low byte first, names as they are: the layout of sec_attr itself on little-endian machines.
 void put_security(std::byte* at, const sec_attr& security) {
   put(at + offsetof(sec_attr, user_perm), security.user_perm);
   put(at + offsetof(sec_attr, group_perm), security.group_perm);
@@ -63,15 +63,15 @@ void put_header(std::byte* record, RecordKind kind) {
   record[3] = std::byte{0};
 }
 
-void seal(std::span<std::byte> record, std::uint64_t place) {
+void seal(std::span<std::byte> record, std::uint64_t seed) {
   const std::size_t covered = record.size() - kChecksumSize;
-  put(record.data() + covered, checksum(record.first(covered), place));
+  put(record.data() + covered, checksum(record.first(covered), seed));
 }
 
 Status damaged(std::string why) { return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)}; }
 
-// The version is looked at before anything else: what follows it may be laid out differently in a newer one.
-Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t place) {
+// Checks the version first: a newer version may lay out the rest differently.
+Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t seed) {
   if (record.empty()) return damaged("it is empty");
   const auto version = std::to_integer<unsigned>(record[0]);
   if (version > kRecordVersion) {
@@ -80,10 +80,10 @@ Status check(std::span<const std::byte> record, RecordKind kind, std::size_t lea
   }
   if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   const std::size_t covered = record.size() - kChecksumSize;
-  if (get<std::uint64_t>(record.data() + covered) != checksum(record.first(covered), place))
+  if (get<std::uint64_t>(record.data() + covered) != checksum(record.first(covered), seed))
     return damaged("its checksum does not match");
   if (version == 0 || record[1] != static_cast<std::byte>(kind) || get<std::uint16_t>(record.data() + 2) != 0)
-    return damaged("its header is not one of this kind");
+    return damaged("it has the header of another kind of record");
   return {};
 }
 
@@ -94,12 +94,12 @@ NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node) {
   put_header(record.data(), RecordKind::kNode);
   put(record.data() + kHeaderSize, node.id);
   put_security(record.data() + kHeaderSize + 8, node.security);
-  seal(record, place_hash(parent, name));
+  seal(record, key_hash(parent, name));
   return record;
 }
 
 Status decode_node(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
-  if (Status status = check(record, RecordKind::kNode, kNodeRecordSize, place_hash(parent, name)); !status.ok())
+  if (Status status = check(record, RecordKind::kNode, kNodeRecordSize, key_hash(parent, name)); !status.ok())
     return status;
   if (record.size() != kNodeRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   const auto id = get<NodeId>(record.data() + kHeaderSize);
@@ -113,11 +113,11 @@ void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes
   put_header(record.data(), RecordKind::kValue);
   put(record.data() + kHeaderSize, type);
   if (!bytes.empty()) std::memcpy(record.data() + kHeaderSize + 4, bytes.data(), bytes.size());
-  seal(record, place_hash(id, ""));
+  seal(record, key_hash(id, ""));
 }
 
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) {
-  if (Status status = check(record, RecordKind::kValue, kValueRecordOverhead, place_hash(id, "")); !status.ok())
+  if (Status status = check(record, RecordKind::kValue, kValueRecordOverhead, key_hash(id, "")); !status.ok())
     return status;
   *value = Value{get<std::int32_t>(record.data() + kHeaderSize),
                  record.subspan(kHeaderSize + 4, record.size() - kValueRecordOverhead)};
@@ -129,12 +129,12 @@ MetaRecord encode_meta(const Meta& meta) {
   put_header(record.data(), RecordKind::kMeta);
   put(record.data() + kHeaderSize, meta.next_id);
   put(record.data() + kHeaderSize + 8, meta.structure);
-  seal(record, place_hash(kNoNode, "meta"));
+  seal(record, key_hash(kNoNode, "meta"));
   return record;
 }
 
 Status decode_meta(std::span<const std::byte> record, Meta* meta) {
-  if (Status status = check(record, RecordKind::kMeta, kMetaRecordSize, place_hash(kNoNode, "meta")); !status.ok())
+  if (Status status = check(record, RecordKind::kMeta, kMetaRecordSize, key_hash(kNoNode, "meta")); !status.ok())
     return status;
   if (record.size() != kMetaRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   *meta = Meta{get<NodeId>(record.data() + kHeaderSize), get<std::uint64_t>(record.data() + kHeaderSize + 8)};

@@ -1,4 +1,4 @@
-// The bytes of the records that stores keep: one format, whatever keeps them.
+// The format of records, which is the same in every store.
 //
 //   offset 0      format version, 1
 //          1      kind of record
@@ -6,14 +6,14 @@
 //          4      the fields of the kind, integers with the low byte first
 //   last 8 bytes  checksum
 //
-// The checksum is XXH3 (64 bits) of all bytes before it, seeded with a hash of the place where the record hangs:
-// parent id and name for a node, id for a value. So a sound record that turns up in the wrong place is found as well.
-// docs/format.md describes the format for those who read it without this code.
+// The checksum is XXH3 (64 bits) of all preceding bytes, seeded with a hash of the record's key: parent id and name for
+// a node, id for a value. It therefore also detects a valid record that is stored under the wrong key. docs/format.md
+// describes the format independently of this code.
 //
-// Decoding takes any bytes. It gives 7 with a text for whatever is not a record of this format in its place, and then
-// leaves the result as it was. Records of a newer format than kRecordVersion are refused, never guessed at.
+// Decoding accepts any bytes. It returns PRTKV_STORAGE_FAILED with a reason for anything but a record of this format
+// under its own key, and then leaves the result unchanged. Records of a version above kRecordVersion are refused.
 //
-// Pure functions: callable from any thread, no allocation unless a text for a failure is made.
+// Pure functions: callable from any thread; they allocate only to compose the message of a failure.
 #ifndef TKV_PLATFORM_STORE_RECORD_H
 #define TKV_PLATFORM_STORE_RECORD_H
 
@@ -27,12 +27,12 @@
 
 namespace tkv::store {
 
-// These numbers live on disk. Do not change: a new format takes a new version.
+// Stored on disk. Do not change: a change of the format takes a new version.
 constexpr std::uint8_t kRecordVersion = 1;
 enum class RecordKind : std::uint8_t { kNode = 1, kValue = 2, kMeta = 3 };
 
 constexpr std::size_t kNodeRecordSize = 160;
-constexpr std::size_t kValueRecordOverhead = 16;  // what a value record holds besides the value's bytes
+constexpr std::size_t kValueRecordOverhead = 16;  // of a value record, beyond the value's bytes
 constexpr std::size_t kMetaRecordSize = 28;
 
 static_assert(kNodeRecordSize == 4 + 8 + sizeof(sec_attr) + 8, "header, id, security, checksum");
@@ -42,10 +42,10 @@ static_assert(kMetaRecordSize == 4 + 8 + 8 + 8, "header, next id, structure, che
 using NodeRecord = std::array<std::byte, kNodeRecordSize>;
 using MetaRecord = std::array<std::byte, kMetaRecordSize>;
 
-// What a store knows of itself.
+// The registry's record of itself.
 struct Meta {
-  NodeId next_id = kRootNode + 1;  // all ids from here on were never used
-  std::uint64_t structure = 1;     // as View::structure
+  NodeId next_id = kRootNode + 1;  // this id and all above it were never used
+  std::uint64_t structure = 1;     // see View::structure
 };
 
 NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node);
@@ -55,7 +55,7 @@ Status decode_node(NodeId parent, std::string_view name, std::span<const std::by
 constexpr std::size_t value_record_size(std::size_t size) { return size + kValueRecordOverhead; }
 void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes, std::span<std::byte> record);
 
-// The value's bytes are those of the record, not a copy.
+// The value's bytes point into `record`.
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value);
 
 MetaRecord encode_meta(const Meta& meta);

@@ -41,7 +41,7 @@ void TreeCheck::finish(Totals* totals, Removable* removable) {
 }
 
 void TreeCheck::index_children() {
-  std::sort(nodes_.begin(), nodes_.end(), [](const Entry& left, const Entry& right) {
+  std::sort(nodes_.begin(), nodes_.end(), [](const CheckedNode& left, const CheckedNode& right) {
     return std::tie(left.parent, left.name) < std::tie(right.parent, right.name);
   });
   standings_.assign(nodes_.size(), Standing::kUnknown);
@@ -53,7 +53,7 @@ void TreeCheck::mark_below(NodeId id, Standing standing) {
   while (!pending.empty()) {
     const NodeId parent = pending.back();
     pending.pop_back();
-    const auto before = [](const Entry& entry, NodeId wanted) { return entry.parent < wanted; };
+    const auto before = [](const CheckedNode& entry, NodeId wanted) { return entry.parent < wanted; };
     auto at = std::lower_bound(nodes_.begin(), nodes_.end(), parent, before);
     for (; at != nodes_.end() && at->parent == parent; ++at) {
       Standing& own = standings_[static_cast<std::size_t>(at - nodes_.begin())];
@@ -70,7 +70,7 @@ void TreeCheck::mark_orphans() {
       mark_below(nodes_[i].parent, Standing::kBelowOrphan);
 }
 
-// What has no standing now has a parent, which has a parent, and so on for ever: following them leads onto a loop.
+// A node that still has no standing has a parent, which has a parent, and so on: following them leads to a loop.
 void TreeCheck::mark_loops() {
   std::unordered_map<NodeId, std::size_t> holders;
   for (std::size_t i = 0; i < nodes_.size(); ++i)
@@ -81,7 +81,7 @@ void TreeCheck::mark_loops() {
     std::size_t at = start;
     while (path.insert(at).second) {
       const auto parent = holders.find(nodes_[at].parent);
-      if (parent == holders.end()) break;  // below an id that also a node outside has
+      if (parent == holders.end()) break;  // below an id that a node outside has as well
       at = parent->second;
     }
     const std::size_t loop = at;
@@ -102,14 +102,15 @@ void TreeCheck::mark_loops() {
 
 void TreeCheck::report_nodes() {
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    const Entry& entry = nodes_[i];
+    const CheckedNode& entry = nodes_[i];
     if (ids_[entry.id] > 1)
       report_({Finding::Kind::kDuplicateId, entry.parent, entry.id, entry.name, "another node has the same id"});
     if (standings_[i] == Standing::kOnLoop)
       report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name, "it is its own ancestor"});
     if (standings_[i] != Standing::kBelowOrphan || ids_.count(entry.parent) != 0) continue;
     report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name,
-             unknown_ids_ ? "its parent is missing, and may be a damaged node: it is kept" : "its parent is missing"});
+             unknown_ids_ ? "its parent is missing; it is kept, since it may belong to a damaged node"
+                          : "its parent is missing"});
   }
 }
 
@@ -118,13 +119,14 @@ void TreeCheck::report_values(Removable* removable) {
   for (const auto& [id, size] : values_) {
     if (reached_.count(id) != 0) continue;
     if (ids_.count(id) == 0) lost.push_back(id);
-    // A value of an unreached node goes with its node.
+    // The value of an unreachable node is removed with the node.
     if (removable != nullptr && !unknown_ids_) removable->values.push_back(id);
   }
   std::sort(lost.begin(), lost.end());
   for (const NodeId id : lost) {
     report_({Finding::Kind::kOrphanValue, kNoNode, id, "",
-             unknown_ids_ ? "its node is missing, and may be a damaged one: it is kept" : "its node is missing"});
+             unknown_ids_ ? "its node is missing; it is kept, since it may belong to a damaged node"
+                          : "its node is missing"});
   }
 }
 

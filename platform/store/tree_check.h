@@ -1,4 +1,4 @@
-// TreeCheck: given all records of a store, in any order, finds those that do not fit together.
+// TreeCheck: finds the records of a store that do not form a tree. The records may come in any order.
 #ifndef TKV_PLATFORM_STORE_TREE_CHECK_H
 #define TKV_PLATFORM_STORE_TREE_CHECK_H
 
@@ -13,10 +13,10 @@
 
 namespace tkv::store {
 
-// Used by one thread. Keeps a few dozen bytes a record, not the records.
+// Used by one thread. Needs a few dozen bytes of memory per record.
 class TreeCheck {
  public:
-  // `report` is called with each finding: with damaged records at once, with the rest by finish().
+  // `report` receives damaged records as they are added, and all other findings from finish().
   explicit TreeCheck(FunctionRef<void(const Finding&)> report) : report_(report) {}
 
   void add_node(NodeId parent, std::string_view name, NodeId id);
@@ -24,20 +24,20 @@ class TreeCheck {
   void add_value(NodeId id, std::size_t size);
   void add_damaged_value(NodeId id, std::string detail);
 
-  struct Entry {
+  struct CheckedNode {
     NodeId parent;
     NodeId id;
     std::string name;
   };
 
-  // What the root does not reach, and so can be removed without guessing. While the id of a damaged node is unknown,
-  // what hangs on an unknown id may be that node's: it is reported, and left alone.
+  // Records that cannot be reached from the root, and so can be removed without guessing. While there are damaged
+  // nodes, whose ids are unknown, records below an unknown id may belong to them: those are reported but not removable.
   struct Removable {
-    std::vector<Entry> nodes;
+    std::vector<CheckedNode> nodes;
     std::vector<NodeId> values;
   };
 
-  // Call once, after all records. Fills `totals`, and `removable` unless null.
+  // Call once, after the last record. Fills `totals` and, unless it is null, `removable`.
   void finish(Totals* totals, Removable* removable);
 
  private:
@@ -52,10 +52,10 @@ class TreeCheck {
   Totals count() const;
 
   FunctionRef<void(const Finding&)> report_;
-  bool unknown_ids_ = false;                        // damaged nodes
-  std::vector<Entry> nodes_;                        // ordered by parent once indexed
+  bool unknown_ids_ = false;                        // there are damaged nodes
+  std::vector<CheckedNode> nodes_;                  // sorted by parent and name by index_children()
   std::vector<Standing> standings_;                 // of nodes_
-  std::unordered_map<NodeId, std::size_t> ids_;     // how many nodes have an id
+  std::unordered_map<NodeId, std::size_t> ids_;     // number of nodes with each id
   std::unordered_map<NodeId, std::size_t> values_;  // sizes
   std::unordered_set<NodeId> reached_;
 };

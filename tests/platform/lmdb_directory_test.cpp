@@ -239,9 +239,9 @@ TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
   write_file(file, "to whom it may concern");
   expect_file_refused("too short");
   write_file(file, std::string(100'000, 'x'));
-  expect_file_refused("not a file of a registry");
+  expect_file_refused("not the data file of a registry");
   write_file(file, std::string(100'000, '\0'));
-  expect_file_refused("not a file of a registry");
+  expect_file_refused("not the data file of a registry");
 }
 
 TEST_F(LmdbDirectory, ADirectoryInPlaceOfAFileIsRefused) {
@@ -278,7 +278,7 @@ TEST_F(LmdbDirectory, LmdbFilesOfOthersAreRefusedAndLeftAlone) {
   fs::create_directory(registry_);
   with_plain_lmdb(
       registry_, [](MDB_txn*, MDB_dbi) {}, MDB_DUPSORT);
-  expect_file_refused("of another kind");
+  expect_file_refused("another kind of database");
 }
 
 TEST_F(LmdbDirectory, ARegistryOfANewerFormatIsRefusedAndLeftAlone) {
@@ -315,10 +315,10 @@ TEST_F(LmdbDirectory, MetaPagesWithImpossibleNumbersAreRefused) {
   };
   for (const Case& damage : cases) {
     std::string bytes = sound;
-    for (const std::size_t head : {0u, 4096u}) bytes.replace(head + damage.offset, damage.bytes.size(), damage.bytes);
+    for (const std::size_t page : {0u, 4096u}) bytes.replace(page + damage.offset, damage.bytes.size(), damage.bytes);
     write_file(file, bytes);
     SCOPED_TRACE(damage.what);
-    expect_file_refused("not a file of a registry, or it is damaged");
+    expect_file_refused("not the data file of a registry, or it is damaged");
   }
 }
 

@@ -29,7 +29,7 @@ constexpr Row kRows[] = {
     {EACCES, 0, PRTKV_ACCESS_DENIED, "Permission denied"},
     {EPERM, 0, PRTKV_ACCESS_DENIED, "not permitted"},
     {EROFS, 0, PRTKV_ACCESS_DENIED, "Read-only"},
-    {MDB_INVALID, 0, PRTKV_STORAGE_FAILED, "not a file of a registry"},
+    {MDB_INVALID, 0, PRTKV_STORAGE_FAILED, "not the data file of a registry"},
     {MDB_VERSION_MISMATCH, 0, PRTKV_STORAGE_FAILED, "another version of LMDB"},
     {MDB_CORRUPTED, 0, PRTKV_STORAGE_FAILED, "damaged"},
     {MDB_PAGE_NOTFOUND, 0, PRTKV_STORAGE_FAILED, "damaged"},

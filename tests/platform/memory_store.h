@@ -211,7 +211,7 @@ class MemoryStore final : public Store {
     for (const auto& [id, value] : state.values) check.add_value(id, value.bytes.size());
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
-    for (const TreeCheck::Entry& entry : removable.nodes) state.nodes.erase({entry.parent, entry.name});
+    for (const TreeCheck::CheckedNode& entry : removable.nodes) state.nodes.erase({entry.parent, entry.name});
     for (const NodeId id : removable.values) state.values.erase(id);
   }
 

@@ -25,7 +25,7 @@ class TreeCheckTest : public ::testing::Test {
 
   void finish() {
     check_.finish(&totals_, &removable_);
-    for (const TreeCheck::Entry& entry : removable_.nodes) removed_.push_back(entry.name);
+    for (const TreeCheck::CheckedNode& entry : removable_.nodes) removed_.push_back(entry.name);
   }
 
   static std::string kind_text(Finding::Kind kind) {

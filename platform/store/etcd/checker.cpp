@@ -204,7 +204,7 @@ Status Checker::repair() {
     erase(batch.add_success(), std::move(key));
     return batch.success_size() < kBatchOperations ? Status() : send();
   };
-  for (const TreeCheck::Entry& entry : removable_.nodes) {
+  for (const TreeCheck::CheckedNode& entry : removable_.nodes) {
     if (Status status = remove_key(core_.keys.node({entry.parent, entry.name})); !status.ok()) return status;
   }
   for (const NodeId id : removable_.values) {

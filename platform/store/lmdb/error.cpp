@@ -33,7 +33,7 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
     case EROFS:
       return system(PRTKV_ACCESS_DENIED);
     case MDB_INVALID:
-      return failed(PRTKV_STORAGE_FAILED, "this is not a file of a registry, or it is damaged");
+      return failed(PRTKV_STORAGE_FAILED, "this is not the data file of a registry, or it is damaged");
     case MDB_VERSION_MISMATCH:
       return failed(PRTKV_STORAGE_FAILED, "the file or its lock file was made by another version of LMDB");
     case MDB_CORRUPTED:

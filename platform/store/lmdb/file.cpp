@@ -19,43 +19,51 @@ namespace {
 
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
 
-Status foreign(const std::string& path, const std::string& why) {
-  return {PRTKV_STORAGE_FAILED, "'" + path + "' is not a file of a registry, or it is damaged: " + why};
+Status not_a_registry(const std::string& path, const std::string& why) {
+  return {PRTKV_STORAGE_FAILED, "'" + path + "' is not the data file of a registry, or it is damaged: " + why};
 }
 
-Status read_head(const Descriptor& file, const std::string& path, off_t at, Head* head) {
-  const ssize_t count = pread(file.number(), head, sizeof *head, at);
+std::string meta_page_text(unsigned number) { return "meta page " + std::to_string(number); }
+
+Status read_meta_page(const Descriptor& file, const std::string& path, unsigned number, std::size_t page_size,
+                      MetaPage* meta) {
+  const ssize_t count = pread(file.number(), meta, sizeof *meta, static_cast<off_t>(number * page_size));
   const int error = count < 0 ? errno : 0;
   if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
-  if (count != sizeof *head) return foreign(path, "it is too short");
-  if ((head->page.flags & kMetaPage) == 0 || head->magic != kMagic) return foreign(path, "its head is another's");
-  if (head->version != kVersion) return foreign(path, "its LMDB format has version " + std::to_string(head->version));
-  if (!std::has_single_bit(head->free_pages.page_size) || head->free_pages.page_size < 512 ||
-      head->free_pages.page_size > 65536)
-    return foreign(path, "its page size is " + std::to_string(head->free_pages.page_size));
+  if (count != sizeof *meta) return not_a_registry(path, "it is too short");
+  if ((meta->header.flags & kMetaPage) == 0 || meta->magic != kMagic)
+    return not_a_registry(path, meta_page_text(number) + " is not a meta page of LMDB");
+  if (meta->version != kFormatVersion)
+    return not_a_registry(path, "its LMDB data format has version " + std::to_string(meta->version));
+  const std::size_t size = meta->free_pages.page_size;
+  if (!std::has_single_bit(size) || size < 512 || size > kMaxPageSize)
+    return not_a_registry(path, "its page size is " + std::to_string(size));
   return {};
 }
 
-// `parity` is that of the transactions whose head this is.
-Status check_numbers(const std::string& path, const Head& head, unsigned parity) {
-  if (head.transaction % 2 != parity) return foreign(path, "a head of its is in the other's place");
-  if (head.last_page < 1 || head.last_page >= kLargestFile / head.free_pages.page_size)
-    return foreign(path, "its last page is " + std::to_string(head.last_page));
-  if (head.map_size > kLargestFile) return foreign(path, "its map is " + std::to_string(head.map_size) + " bytes");
-  const bool is_usual = (head.free_pages.flags & kTreeKind) == kNumbersTree && head.main.flags == kPlainTree;
-  return is_usual ? Status() : foreign(path, "its database is of another kind");
+Status check_meta_page(const std::string& path, unsigned number, const MetaPage& meta) {
+  const std::string name = meta_page_text(number);
+  if (meta.transaction % kMetaPages != number)
+    return not_a_registry(path, name + " carries the wrong transaction number");
+  if (meta.last_page < 1 || meta.last_page >= kLargestFile / meta.free_pages.page_size)
+    return not_a_registry(path, name + " gives " + std::to_string(meta.last_page) + " as the last page");
+  if (meta.map_size > kLargestFile)
+    return not_a_registry(path, name + " gives a map size of " + std::to_string(meta.map_size) + " bytes");
+  const bool is_usual = (meta.free_pages.flags & kTreeKind) == kIntegerKeyTree && meta.records.flags == kPlainTree;
+  return is_usual ? Status() : not_a_registry(path, name + " describes another kind of database");
 }
 
-Status check_heads(const Descriptor& file, const std::string& path) {
-  Head first{};
-  Head second{};
-  if (Status status = read_head(file, path, 0, &first); !status.ok()) return status;
-  if (Status status = read_head(file, path, first.free_pages.page_size, &second); !status.ok()) return status;
-  if (first.free_pages.page_size != second.free_pages.page_size)
-    return foreign(path, "its two heads differ in the page size");
-  // Which of them LMDB goes by depends on numbers that may be damaged, too.
-  if (Status status = check_numbers(path, first, 0); !status.ok()) return status;
-  return check_numbers(path, second, 1);
+Status check_meta_pages(const Descriptor& file, const std::string& path) {
+  MetaPage first{};
+  MetaPage second{};
+  if (Status status = read_meta_page(file, path, 0, 0, &first); !status.ok()) return status;
+  const std::size_t page_size = first.free_pages.page_size;
+  if (Status status = read_meta_page(file, path, 1, page_size, &second); !status.ok()) return status;
+  if (second.free_pages.page_size != page_size)
+    return not_a_registry(path, "its two meta pages give different page sizes");
+  // LMDB chooses one of them by its transaction number, which may be damaged: both must be sound.
+  if (Status status = check_meta_page(path, 0, first); !status.ok()) return status;
+  return check_meta_page(path, 1, second);
 }
 
 using EnvironmentHandle = std::unique_ptr<MDB_env, decltype(&mdb_env_close)>;
@@ -128,11 +136,11 @@ bool read_key(const MDB_val& key, KeyParts* parts) {
 }
 
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {
-  const std::string doing = "cannot write a fresh registry to '" + path + "'";
+  const std::string doing = "cannot create a registry in '" + path + "'";
   MDB_env* raw = nullptr;
   if (const int code = mdb_env_create(&raw); code != 0) return lmdb_status(code, doing);
   const EnvironmentHandle env(raw, &mdb_env_close);
-  // Nobody else knows the file yet: no lock file.
+  // No other process knows the file yet, so it needs no lock file.
   return lmdb_status(lmdb_outcome([&] {
                        const int code = mdb_env_open(env.get(), path.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600);
                        return code == 0 ? write_first_state(env.get(), root_security) : code;
@@ -147,8 +155,9 @@ Status inspect_data_file(const std::string& path) {
     return lmdb_status(error, "cannot open '" + path + "'");
   }
   struct stat status {};
-  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return foreign(path, "it is not a plain file");
-  return check_heads(file, path);
+  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode))
+    return not_a_registry(path, "it is not a regular file");
+  return check_meta_pages(file, path);
 }
 
 }  // namespace tkv::store

@@ -1,9 +1,9 @@
-// The registry's file: its keys, its birth, and whether a file that is there can be trusted with a look.
+// The registry's data file: its keys, its creation, and a first inspection of an existing one.
 //
-// All of the registry is in LMDB's one unnamed database. The first byte of a key says what its record is:
+// All records are in LMDB's unnamed database. The first byte of a key tells the kind of its record:
 //
-//   'M'                             the meta record
-//   'N', parent id, level name      a node; the id with its high byte first, so that children lie together, in order
+//   'M'                             the registry's record of itself
+//   'N', parent id, level name      a node; ids have the high byte first, so that siblings are adjacent and in order
 //   'V', id                         a value
 #ifndef TKV_PLATFORM_STORE_LMDB_FILE_H
 #define TKV_PLATFORM_STORE_LMDB_FILE_H
@@ -21,7 +21,7 @@
 
 namespace tkv::store {
 
-// These live on disk. Do not change.
+// Stored on disk. Do not change.
 constexpr std::byte kMetaKey{'M'};
 constexpr std::byte kNodeKey{'N'};
 constexpr std::byte kValueKey{'V'};
@@ -29,15 +29,15 @@ constexpr std::byte kValueKey{'V'};
 // LMDB's handle of the unnamed database, which every environment has.
 constexpr MDB_dbi kDatabase = 1;
 
-// A key, made on the stack.
+// A key. Never allocates.
 class Key {
  public:
   static Key meta();
   static Key value(NodeId id);
-  // Without a name, what the keys of all children begin with. `name` is at most kMaxLevelName bytes long.
+  // Without a name: the prefix of the keys of all children. `name` is at most kMaxLevelName bytes long.
   static Key node(NodeId parent, std::string_view name = {});
 
-  // As LMDB takes it. Points into this key.
+  // The key as an LMDB argument. Points into this object.
   MDB_val val() const& { return {size_, const_cast<std::byte*>(bytes_.data())}; }
   MDB_val val() const&& = delete;
 
@@ -49,19 +49,21 @@ class Key {
   std::size_t size_ = 0;
 };
 
-// What a key of the database says. False when it is none of the three kinds.
+// The parts of a key.
 struct KeyParts {
   std::byte kind;
-  NodeId id = kNoNode;    // of the parent, for a node
+  NodeId id = kNoNode;    // for a node, the parent's
   std::string_view name;  // within the key
 };
+
+// Takes a key apart. Returns false if it is of none of the three kinds.
 bool read_key(const MDB_val& key, KeyParts* parts);
 
-// Fills an empty file with a registry that has only a root, durably.
+// Fills an empty file with a registry that has only a root. Durable on return.
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security);
 
-// Looks at the head of a file without LMDB, which trusts what it finds there: a file of something else, a file that
-// was cut off, and a head with numbers that cannot be, give 7 with a text. Changes nothing.
+// Checks the meta pages of a file without LMDB, which trusts them. Returns PRTKV_STORAGE_FAILED with a reason for a
+// foreign file, a truncated one, and impossible numbers. Changes nothing.
 Status inspect_data_file(const std::string& path);
 
 }  // namespace tkv::store

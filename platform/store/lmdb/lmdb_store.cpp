@@ -216,7 +216,7 @@ Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::
 }
 
 Status LmdbUpdate::remove_all(const TreeCheck::Removable& removable) {
-  for (const TreeCheck::Entry& entry : removable.nodes)
+  for (const TreeCheck::CheckedNode& entry : removable.nodes)
     if (Status status = remove(Key::node(entry.parent, entry.name)); !status.ok()) return status;
   for (const NodeId id : removable.values)
     if (Status status = remove(Key::value(id)); !status.ok()) return status;

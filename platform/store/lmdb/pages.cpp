@@ -25,7 +25,7 @@ Layout read_layout(std::span<const std::byte> bytes, std::size_t offset) {
 
 // A node of a page, with nothing yet said of its data.
 struct PageNode {
-  NodeHead head;
+  NodeHeader head;
   std::span<const std::byte> key;
   std::span<const std::byte> rest;  // of the page, behind the key
 };
@@ -39,13 +39,13 @@ Status damaged(MDB_txn* txn, std::uint64_t page, const std::string& why) {
 
 class PageCheck {
  public:
-  PageCheck(int file, const Head& head, MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)> progress)
+  PageCheck(int file, const MetaPage& head, MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)> progress)
       : file_(file), page_size_(head.free_pages.page_size), last_page_(head.last_page), txn_(txn), progress_(progress) {
     used_.resize(last_page_ + 1);
     page_.resize(page_size_);
   }
 
-  Status check_tree(const TreeHead& tree, bool is_main);
+  Status check_tree(const TreeRoot& tree, bool is_main);
 
  private:
   struct Pending {
@@ -57,7 +57,7 @@ class PageCheck {
   Status take(std::uint64_t page);
   Status read(std::uint64_t page, std::span<std::byte> bytes) const;
   Status check_page(const Pending& at, int depth, bool is_main);
-  Status check_nodes(const Pending& at, const PageHead& head, bool is_main);
+  Status check_nodes(const Pending& at, const PageHeader& head, bool is_main);
   bool read_node(std::size_t offset, PageNode* node) const;
   Status check_leaf_node(std::uint64_t page, const PageNode& node, std::size_t* size, bool is_main);
   Status check_overflow(std::uint64_t page, std::size_t size, std::vector<std::byte>* data);
@@ -89,11 +89,11 @@ Status PageCheck::read(std::uint64_t page, std::span<std::byte> bytes) const {
   return static_cast<std::size_t>(count) == bytes.size() ? Status() : damaged(page, "is missing");
 }
 
-Status PageCheck::check_tree(const TreeHead& tree, bool is_main) {
-  if (tree.root == kNoPage) return {};
-  if (tree.depth == 0 || tree.depth > kDeepestTree) return damaged(tree.root, "heads a tree of impossible depth");
-  if (Status status = take(tree.root); !status.ok()) return status;
-  pending_ = {{tree.root, 1}};
+Status PageCheck::check_tree(const TreeRoot& tree, bool is_main) {
+  if (tree.page == kNoPage) return {};
+  if (tree.depth == 0 || tree.depth > kMaxTreeDepth) return damaged(tree.page, "heads a tree of impossible depth");
+  if (Status status = take(tree.page); !status.ok()) return status;
+  pending_ = {{tree.page, 1}};
   while (!pending_.empty()) {
     const Pending at = pending_.back();
     pending_.pop_back();
@@ -105,7 +105,7 @@ Status PageCheck::check_tree(const TreeHead& tree, bool is_main) {
 
 Status PageCheck::check_page(const Pending& at, int depth, bool is_main) {
   if (Status status = read(at.number, page_); !status.ok()) return status;
-  const auto head = read_layout<PageHead>(page_, 0);
+  const auto head = read_layout<PageHeader>(page_, 0);
   if (head.number != at.number) return damaged(at.number, "says that it is another one");
   if (head.flags != (at.level == depth ? kLeafPage : kBranchPage)) return damaged(at.number, "is of the wrong kind");
   if (head.lower < sizeof head || head.lower % 2 != 0 || head.lower > head.upper || head.upper > page_size_)
@@ -117,7 +117,7 @@ Status PageCheck::check_page(const Pending& at, int depth, bool is_main) {
 
 bool PageCheck::read_node(std::size_t offset, PageNode* node) const {
   if (offset + sizeof node->head > page_size_) return false;
-  node->head = read_layout<NodeHead>(page_, offset);
+  node->head = read_layout<NodeHeader>(page_, offset);
   const std::span<const std::byte> behind = std::span<const std::byte>(page_).subspan(offset + sizeof node->head);
   if (node->head.key_size > behind.size()) return false;
   node->key = behind.first(node->head.key_size);
@@ -126,7 +126,7 @@ bool PageCheck::read_node(std::size_t offset, PageNode* node) const {
 }
 
 // The nodes of a page lie one behind the other, in any order, from `upper` to the page's end.
-Status PageCheck::check_nodes(const Pending& at, const PageHead& head, bool is_main) {
+Status PageCheck::check_nodes(const Pending& at, const PageHeader& head, bool is_main) {
   std::size_t total = 0;
   std::span<const std::byte> former;
   for (std::size_t offset_at = sizeof head; offset_at < head.lower; offset_at += 2) {
@@ -170,11 +170,11 @@ Status PageCheck::check_leaf_node(std::uint64_t page, const PageNode& node, std:
 
 // A run of pages with one head that holds `size` bytes; `data`, unless null, receives them.
 Status PageCheck::check_overflow(std::uint64_t page, std::size_t size, std::vector<std::byte>* data) {
-  const std::size_t needed = (sizeof(PageHead) + size - 1) / page_size_ + 1;
+  const std::size_t needed = (sizeof(PageHeader) + size - 1) / page_size_ + 1;
   if (Status status = take(page); !status.ok()) return status;
-  std::array<std::byte, sizeof(PageHead)> bytes;
+  std::array<std::byte, sizeof(PageHeader)> bytes;
   if (Status status = read(page, bytes); !status.ok()) return status;
-  const auto head = read_layout<PageHead>(bytes, 0);
+  const auto head = read_layout<PageHeader>(bytes, 0);
   // A value that was replaced by a shorter one in the same transaction keeps the longer one's pages.
   const std::size_t pages = head.lower | std::size_t{head.upper} << 16;
   if (head.number != page || head.flags != kOverflowPage || pages < needed)
@@ -183,12 +183,12 @@ Status PageCheck::check_overflow(std::uint64_t page, std::size_t size, std::vect
     if (Status status = take(page + i); !status.ok()) return status;
   if (data == nullptr) {
     std::byte last{};  // the pages must be there, whatever they hold
-    const ssize_t count = pread(file_, &last, 1, static_cast<off_t>(page * page_size_ + sizeof(PageHead) + size - 1));
+    const ssize_t count = pread(file_, &last, 1, static_cast<off_t>(page * page_size_ + sizeof(PageHeader) + size - 1));
     return size == 0 || count == 1 ? Status() : damaged(page, "is cut off");
   }
-  data->resize(sizeof(PageHead) + size);
+  data->resize(sizeof(PageHeader) + size);
   if (Status status = read(page, *data); !status.ok()) return status;
-  data->erase(data->begin(), data->begin() + sizeof(PageHead));
+  data->erase(data->begin(), data->begin() + sizeof(PageHeader));
   return {};
 }
 
@@ -215,7 +215,7 @@ Status check_pages(MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)>
   mdb_env_info(env, &info);
   // A writing transaction sees the state before it, and has the number after it.
   const std::uint64_t state = std::min<std::uint64_t>(mdb_txn_id(txn), info.me_last_txnid);
-  Head head{};
+  MetaPage head{};
   const ssize_t count = pread(file, &head, sizeof head, static_cast<off_t>((state & 1) * pages.ms_psize));
   const int error = count < 0 ? errno : 0;
   if (error != 0) return failure(txn, error, "cannot read the registry's file");
@@ -226,7 +226,7 @@ Status check_pages(MDB_txn* txn, FunctionRef<void(std::uint64_t, std::uint64_t)>
   if (!is_sound) return damaged(txn, state & 1, "is not the head of a registry's file");
   PageCheck check(file, head, txn, progress);
   if (Status status = check.check_tree(head.free_pages, false); !status.ok()) return status;
-  return check.check_tree(head.main, true);
+  return check.check_tree(head.records, true);
 }
 
 }  // namespace tkv::store
