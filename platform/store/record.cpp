@@ -68,6 +68,11 @@ void seal(std::span<std::byte> record, std::uint64_t seed) {
   put(record.data() + covered, checksum(record.first(covered), seed));
 }
 
+bool is_sealed(std::span<const std::byte> record, std::uint64_t seed) {
+  const std::size_t covered = record.size() - kChecksumSize;
+  return get<std::uint64_t>(record.data() + covered) == checksum(record.first(covered), seed);
+}
+
 Status damaged(std::string why) { return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)}; }
 
 // Checks the version first: a newer version may lay out the rest differently.
@@ -79,9 +84,7 @@ Status check(std::span<const std::byte> record, RecordKind kind, std::size_t lea
                                       ", and this release reads versions up to " + std::to_string(kRecordVersion)};
   }
   if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
-  const std::size_t covered = record.size() - kChecksumSize;
-  if (get<std::uint64_t>(record.data() + covered) != checksum(record.first(covered), seed))
-    return damaged("its checksum does not match");
+  if (!is_sealed(record, seed)) return damaged("its checksum does not match");
   if (version == 0 || record[1] != static_cast<std::byte>(kind) || get<std::uint16_t>(record.data() + 2) != 0)
     return damaged("it has the header of another kind of record");
   return {};
@@ -122,6 +125,16 @@ Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) 
   *value = Value{get<std::int32_t>(record.data() + kHeaderSize),
                  record.subspan(kHeaderSize + 4, record.size() - kValueRecordOverhead)};
   return {};
+}
+
+bool is_node_under(NodeId parent, std::string_view name, std::span<const std::byte> record) {
+  return record.size() == kNodeRecordSize && record[1] == static_cast<std::byte>(RecordKind::kNode) &&
+         is_sealed(record, key_hash(parent, name));
+}
+
+bool is_value_under(NodeId id, std::span<const std::byte> record) {
+  return record.size() >= kValueRecordOverhead && record[1] == static_cast<std::byte>(RecordKind::kValue) &&
+         is_sealed(record, key_hash(id, ""));
 }
 
 MetaRecord encode_meta(const Meta& meta) {

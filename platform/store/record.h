@@ -58,6 +58,10 @@ void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes
 // The value's bytes point into `record`.
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value);
 
+// Whether the checksum of a record is that of a node or a value under this key. Tells no reasons, and never allocates.
+bool is_node_under(NodeId parent, std::string_view name, std::span<const std::byte> record);
+bool is_value_under(NodeId id, std::span<const std::byte> record);
+
 MetaRecord encode_meta(const Meta& meta);
 Status decode_meta(std::span<const std::byte> record, Meta* meta);
 

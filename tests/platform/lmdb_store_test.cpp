@@ -818,18 +818,18 @@ TEST_F(LmdbPages, AnySpoiltPageIsAFailureAndNotTheEndOfTheProcess) {
   EXPECT_GT(refused, 40);
 }
 
-TEST_F(LmdbDamage, AHeadThatIsSpoiltWhileItIsOpenIsFoundByACheck) {
+TEST_F(LmdbDamage, ACheckFindsAMetaPageThatWasDamagedWhileTheRegistryWasOpen) {
   const auto store = open();
-  for (const std::streamoff head : {0, 4096}) {
+  for (const std::streamoff page : {0, 4096}) {
     std::fstream file(data_file(), std::ios::binary | std::ios::in | std::ios::out);
-    file.seekp(head + 40).write("\0\0\0\0", 4);  // the page size
+    file.seekp(page + 40).write("\0\0\0\0", 4);  // the page size
     ASSERT_TRUE(file.flush());
   }
   Totals totals;
   const Status status = store->check(
       false, [](const Finding&) {}, &totals);
   EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_NE(status.text().find("is not the head of a registry's file"), std::string::npos) << status.text();
+  EXPECT_NE(status.text().find("page 0 is not a meta page of LMDB"), std::string::npos) << status.text();
 }
 
 TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {

@@ -85,7 +85,7 @@ TEST(Record, KeysAreReadBack) {
   for (const std::string_view name : {std::string_view(), std::string_view("SYSTEM"), std::string_view(longest)}) {
     const Key key = Key::node(0x0123456789abcdef, name);
     KeyParts parts;
-    ASSERT_TRUE(read_key(key.val(), &parts));
+    ASSERT_TRUE(read_key(key.bytes(), &parts));
     EXPECT_EQ(parts.kind, kNodeKey);
     EXPECT_EQ(parts.id, 0x0123456789abcdefu);
     EXPECT_EQ(parts.name, name);
@@ -93,7 +93,7 @@ TEST(Record, KeysAreReadBack) {
   for (std::string unknown : {std::string(), std::string("X12345678"), std::string("N1234567"),
                               std::string("V123456789"), std::string("MM"), "N12345678" + longest + "n"}) {
     KeyParts parts;
-    EXPECT_FALSE(read_key({unknown.size(), unknown.data()}, &parts)) << unknown;
+    EXPECT_FALSE(read_key(std::as_bytes(std::span(unknown)), &parts)) << unknown;
   }
 }
 

@@ -14,7 +14,7 @@
 #include "store/lmdb/assertion.h"
 #include "store/lmdb/directory.h"
 #include "store/lmdb/error.h"
-#include "store/lmdb/pages.h"
+#include "store/lmdb/file_state.h"
 #include "store/lmdb/tree.h"
 
 namespace tkv::store {
@@ -24,7 +24,6 @@ constexpr unsigned kMaxReaders = 1022;  // of all processes together; LMDB's loc
 constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
 constexpr std::size_t kMapUnit = std::size_t{64} << 10;  // a multiple of every page size
-constexpr std::uint64_t kPagesToCheck = 4096;            // larger files are not checked when they are opened
 static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses");
 
 std::atomic<unsigned> fork_generation{0};
@@ -102,6 +101,7 @@ Status Environment::open_anew(const LmdbOptions& options, EnvironmentTable& tabl
   table.open.reserve(table.open.size() + 1);
   std::unique_ptr<Environment, Delete> fresh(new Environment(options));
   if (Status status = fresh->open(options.read_only); !status.ok()) return status;
+  if (Status status = fresh->check_version(); !status.ok()) return status;
   fresh->users_ = 1;
   table.open.push_back(fresh.get());
   environment->reset(fresh.release());
@@ -193,6 +193,7 @@ void Environment::close_files() {
     if (slot.txn != nullptr) mdb_txn_abort(slot.txn);
     slot.txn = nullptr;
     slot.structure_state = 0;
+    slot.state = FileState{};
   });
   if (env_ != nullptr) mdb_env_close(env_);
   env_ = nullptr;
@@ -200,32 +201,25 @@ void Environment::close_files() {
 
 Status Environment::check_contents() try {
   if (Status status = extend_short_file(); !status.ok()) return status;
-  // A check is outdated if other processes have meanwhile reused the pages of its snapshot.
-  bool outdated = true;
-  for (int attempt = 0; outdated && attempt < 10; ++attempt)
-    if (Status status = check_state(&outdated); !status.ok()) return status;
+  if (Status status = locate_map(env_, &map_); !status.ok()) return status;
+  readers_.for_each([](ReaderSlot& slot) { slot.state = FileState{}; });
   return {};
 } catch (const LmdbAssertion& broken) {
   return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
 }
 
-Status Environment::check_state(bool* outdated) {
-  MDB_txn* txn = nullptr;
-  if (const int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn); code != 0)
-    return failure(code, "cannot read the registry");
-  const std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)> end(txn, &mdb_txn_abort);
-  MDB_envinfo info{};
-  mdb_env_info(env_, &info);
-  *outdated = false;
-  if (info.me_last_pgno < kPagesToCheck) {
-    const auto unwatched = [](std::uint64_t, std::uint64_t) {};
-    if (Status status = check_pages(txn, unwatched, outdated); !status.ok() || *outdated) return status;
-  }
-  MDB_dbi database = 0;
-  if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0)
-    return failure(code, "cannot read the registry");
+// A registry of a newer format is not touched.
+Status Environment::check_version() {
+  ReadTransaction transaction(*this, ReadTransaction::Length::kShort);
+  if (Status status = transaction.begin(); !status.ok()) return status;
   Meta meta;
-  return find_meta(txn, &meta).about("the file in '" + directory_ + "'");
+  return find_meta(transaction.state(), &meta).about("the file in '" + directory_ + "'");
+}
+
+int Environment::file() const {
+  int file = -1;
+  mdb_env_get_fd(env_, &file);
+  return file;
 }
 
 // LMDB need not write the last pages of its file if they are free, so the file may be shorter than its meta page says.
@@ -317,11 +311,14 @@ Status Environment::grow() {
 Status Environment::remap(std::size_t size) {
   if (env_ == nullptr) return reopen();
   int code = 0;
+  Status located;
   readers_.with_no_readers([&] {
     code = mdb_env_set_mapsize(env_, size);
+    if (code == 0) located = check_contents();
     ++remaps_;
   });
-  return code == 0 ? Status() : reopen();  // LMDB has already unmapped the old map
+  if (code == 0 && located.ok()) return {};
+  return reopen();  // LMDB has already unmapped the old map
 }
 
 Status Environment::reopen() {
@@ -369,17 +366,44 @@ Status ReadTransaction::begin() {
     environment_.readers_.begin_long();
     long_ = true;
   }
+  MetaPage copy{};
+  std::uint64_t copied = 0;
   for (unsigned attempt = 0;; ++attempt) {
     const std::uint64_t remaps = environment_.remaps_;
     ReaderSlot& slot = environment_.readers_.claim(nested_);
     const int code = environment_.renew(slot);
     if (code == 0) {
-      slot_ = &slot;
-      return {};
+      Loading loading = Loading::kDone;
+      Status status = load_state(slot, &copy, &copied, &loading);
+      if (status.ok() && loading == Loading::kDone) {
+        slot_ = &slot;
+        return {};
+      }
+      mdb_txn_reset(slot.txn);
+      environment_.readers_.release(slot);
+      if (!status.ok()) return status;
+      continue;
     }
     environment_.readers_.release(slot);
     if (Status status = environment_.recover_read(code, nested_, attempt, remaps); !status.ok()) return status;
   }
+}
+
+// Makes the slot's state that of its transaction, unless it is already. `*copied` is the transaction whose meta page an
+// earlier attempt has copied, perhaps torn, to `*copy`: that this reader still sees it proves that it was not.
+Status ReadTransaction::load_state(ReaderSlot& slot, MetaPage* copy, std::uint64_t* copied, Loading* loading) {
+  const std::uint64_t transaction = mdb_txn_id(slot.txn);
+  if (slot.state.transaction == transaction) return {};
+  if (*copied != transaction) {
+    bool certain = false;
+    copy_meta_page(environment_.map_, transaction, copy, &certain);
+    *copied = transaction;
+    if (!certain) {
+      *loading = Loading::kBeginAgain;
+      return {};
+    }
+  }
+  return store::load_state(environment_.map_, *copy, transaction, &slot.state);
 }
 
 WriteTransaction::WriteTransaction(Environment& environment)
@@ -392,13 +416,24 @@ Status WriteTransaction::begin() {
   constexpr unsigned kAttempts = 4;
   for (unsigned attempt = 0;; ++attempt) {
     const int code = environment_.env_ == nullptr ? MDB_PANIC : mdb_txn_begin(environment_.env_, nullptr, 0, &txn_);
-    if (code == 0) return {};
+    if (code == 0) return load_former();
     txn_ = nullptr;
     Status status = environment_.failure(code, "cannot write to the registry");
     if (code == MDB_MAP_RESIZED) status = environment_.remap(0);
     if (code == MDB_PANIC && attempt < kAttempts) status = environment_.reopen();
     if (!status.ok()) return status;
   }
+}
+
+// Nobody else writes a meta page while this transaction is alive.
+Status WriteTransaction::load_former() {
+  const std::uint64_t transaction = mdb_txn_id(txn_) - 1;
+  MetaPage meta{};
+  bool certain = false;
+  copy_meta_page(environment_.map_, transaction, &meta, &certain);
+  Status status = store::load_state(environment_.map_, meta, transaction, &former_);
+  if (!status.ok()) abort();
+  return status;
 }
 
 LmdbOutcome WriteTransaction::commit() {

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "store/lmdb/error.h"
+#include "store/lmdb/file_state.h"
 #include "store/lmdb/lmdb_store.h"
 #include "store/lmdb/reader_pool.h"
 
@@ -55,6 +56,9 @@ class Environment {
 
   const std::string& directory() const { return directory_; }
 
+  // The data file, for use within a transaction.
+  int file() const;
+
  private:
   friend class ReadTransaction;
   friend class WriteTransaction;
@@ -69,7 +73,7 @@ class Environment {
   void close_files();
   Status open_files();
   Status check_contents();
-  Status check_state(bool* outdated);
+  Status check_version();
   Status extend_short_file();
 
   int renew(ReaderSlot& slot);
@@ -97,6 +101,7 @@ class Environment {
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
+  FileMap map_;                           // of env_
   std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
   std::mutex write_mutex_;  // held by the thread of this process that writes or replaces the map
@@ -133,10 +138,13 @@ class ReadTransaction {
   ReadTransaction& operator=(const ReadTransaction&) = delete;
 
   Status begin();
-  MDB_txn* txn() const { return slot_->txn; }
+  const FileState& state() const { return slot_->state; }
   ReaderSlot& slot() const { return *slot_; }
 
  private:
+  enum class Loading { kDone, kBeginAgain };
+  Status load_state(ReaderSlot& slot, MetaPage* copy, std::uint64_t* copied, Loading* loading);
+
   Environment& environment_;
   const bool nested_;
   const bool wants_long_;
@@ -162,11 +170,17 @@ class WriteTransaction {
 
   MDB_txn* txn() const { return txn_; }
 
+  // The state before the transaction.
+  const FileState& former() const { return former_; }
+
  private:
+  Status load_former();
+
   Environment& environment_;
   const std::unique_lock<std::mutex> lock_;
   const Running running_;
   MDB_txn* txn_ = nullptr;
+  FileState former_;
 };
 
 }  // namespace tkv::store

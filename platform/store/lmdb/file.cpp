@@ -123,15 +123,15 @@ void Key::put_id(NodeId id) {
   size_ = 1 + 8;
 }
 
-bool read_key(const MDB_val& key, KeyParts* parts) {
-  const auto* const bytes = static_cast<const std::byte*>(key.mv_data);
-  if (key.mv_size == 0) return false;
-  *parts = KeyParts{bytes[0], kNoNode, {}};
-  if (parts->kind == kMetaKey) return key.mv_size == 1;
+bool read_key(std::span<const std::byte> key, KeyParts* parts) {
+  constexpr std::size_t kNameAt = 1 + 8;
+  if (key.empty()) return false;
+  *parts = KeyParts{key[0], kNoNode, {}};
+  if (parts->kind == kMetaKey) return key.size() == 1;
   if (parts->kind != kNodeKey && parts->kind != kValueKey) return false;
-  if (key.mv_size < 9 || key.mv_size > 9 + kMaxLevelName) return false;
-  for (std::size_t i = 1; i <= 8; ++i) parts->id = parts->id << 8 | std::to_integer<NodeId>(bytes[i]);
-  parts->name = {reinterpret_cast<const char*>(bytes + 9), key.mv_size - 9};
+  if (key.size() < kNameAt || key.size() > kNameAt + kMaxLevelName) return false;
+  for (std::size_t i = 1; i < kNameAt; ++i) parts->id = parts->id << 8 | std::to_integer<NodeId>(key[i]);
+  parts->name = {reinterpret_cast<const char*>(key.data() + kNameAt), key.size() - kNameAt};
   return parts->kind == kNodeKey || parts->name.empty();
 }
 

@@ -13,6 +13,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,8 @@ class Key {
   // The key as an LMDB argument. Points into this object.
   MDB_val val() const& { return {size_, const_cast<std::byte*>(bytes_.data())}; }
   MDB_val val() const&& = delete;
+  std::span<const std::byte> bytes() const& { return std::span(bytes_).first(size_); }
+  std::span<const std::byte> bytes() const&& = delete;
 
  private:
   Key() = default;
@@ -57,7 +60,7 @@ struct KeyParts {
 };
 
 // Takes a key apart. Returns false if it is of none of the three kinds.
-bool read_key(const MDB_val& key, KeyParts* parts);
+bool read_key(std::span<const std::byte> key, KeyParts* parts);
 
 // Fills an empty file with a registry that has only a root. Durable on return.
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security);

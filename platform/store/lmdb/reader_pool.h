@@ -21,6 +21,7 @@
 #include <mutex>
 
 #include "base/function_ref.h"
+#include "store/lmdb/file_state.h"
 
 namespace tkv::store {
 
@@ -30,6 +31,7 @@ struct alignas(64) ReaderSlot {
   MDB_txn* txn = nullptr;             // reset, ready to be renewed; null: none yet
   std::uint64_t structure_state = 0;  // the LMDB transaction whose state `structure` was read from, 0: none
   std::uint64_t structure = 0;
+  FileState state;  // what `txn` sees, loaded when it is renewed
 };
 
 class ReaderPool {

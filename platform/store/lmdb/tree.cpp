@@ -5,29 +5,42 @@
 namespace tkv::store {
 namespace {
 
-// Whether a key is that of a child of `parent`; then its name.
-bool is_child(const MDB_val& key, NodeId parent, std::string_view* name) {
+constexpr std::size_t kPrefixSize = 1 + 8;  // of the keys of a node's children
+
+// Whether a record is the one that belongs under `wanted`. The registry's record of itself is never sought for.
+bool belongs_under(const KeyParts& wanted, std::span<const std::byte> record) {
+  if (wanted.kind == kNodeKey) return is_node_under(wanted.id, wanted.name, record);
+  return wanted.kind == kValueKey && is_value_under(wanted.id, record);
+}
+
+// Records of short names that are alike may fit under each other's keys: the seed of a checksum tells less than a key.
+bool belongs_under_its_key(std::span<const std::byte> key, std::span<const std::byte> record) {
+  KeyParts parts;
+  return read_key(key, &parts) && belongs_under(parts, record);
+}
+
+// Whether a record is that of a child of `parent` whose key no longer says so.
+bool is_lost_child(NodeId parent, std::span<const std::byte> key, std::span<const std::byte> record) {
+  if (key.size() < kPrefixSize) return false;
+  KeyParts parts{kNodeKey, parent, {reinterpret_cast<const char*>(key.data()), key.size()}};
+  parts.name.remove_prefix(kPrefixSize);
+  std::string_view name;
+  return !is_child(key, parent, &name) && belongs_under(parts, record) && !belongs_under_its_key(key, record);
+}
+
+Status failed(const FileState& state, PageDamage damage) { return damaged_page(state.map, damage); }
+
+// Puts the cursor on the first child of `parent`, or on what follows where it would be.
+PageDamage seek_children(TreeCursor* cursor, NodeId parent) {
   const Key prefix = Key::node(parent);
-  const MDB_val common = prefix.val();
-  if (key.mv_size < common.mv_size || std::memcmp(key.mv_data, common.mv_data, common.mv_size) != 0) return false;
-  *name = {static_cast<const char*>(key.mv_data) + common.mv_size, key.mv_size - common.mv_size};
-  return true;
-}
-
-int get(MDB_txn* txn, const Key& key, MDB_val* data) {
-  MDB_val key_val = key.val();
-  return mdb_get(txn, kDatabase, &key_val, data);
-}
-
-// Puts the cursor on the first entry behind the named child of `parent`.
-int seek_behind(MDB_cursor* cursor, NodeId parent, std::string_view name, MDB_val* key, MDB_val* data) {
-  const Key visited = Key::node(parent, name);
-  *key = visited.val();
-  const int code = mdb_cursor_get(cursor, key, data, MDB_SET_RANGE);
-  if (code != 0) return code;
-  std::string_view found;
-  if (is_child(*key, parent, &found) && found == name) return mdb_cursor_get(cursor, key, data, MDB_NEXT);
-  return 0;
+  bool found = false;
+  if (PageDamage damage = cursor->seek(prefix.bytes(), &found)) return damage;
+  if (found) return cursor->check_leaf();
+  const auto is_lost = [&](std::span<const std::byte> key, std::span<const std::byte> record) {
+    return is_lost_child(parent, key, record);
+  };
+  if (PageDamage damage = cursor->confirm_absence(prefix.bytes(), is_lost)) return damage;
+  return cursor->enter_gap();
 }
 
 }  // namespace
@@ -36,89 +49,101 @@ std::string entry_text(NodeId parent, std::string_view name) {
   return "entry '" + std::string(name) + "' below node " + std::to_string(parent);
 }
 
-Status failure(MDB_txn* txn, LmdbOutcome outcome, const char* doing) {
-  const char* path = "";
-  mdb_env_get_path(mdb_txn_env(txn), &path);
-  return lmdb_status(outcome, std::string(doing) + " in '" + path + "'");
+bool is_child(std::span<const std::byte> key, NodeId parent, std::string_view* name) {
+  const Key prefix = Key::node(parent);
+  if (key.size() < kPrefixSize || std::memcmp(key.data(), prefix.bytes().data(), kPrefixSize) != 0) return false;
+  *name = {reinterpret_cast<const char*>(key.data()) + kPrefixSize, key.size() - kPrefixSize};
+  return true;
 }
 
-Status failure(MDB_txn* txn, int code, const char* doing) { return failure(txn, LmdbOutcome{code, code}, doing); }
-
-Status open_cursor(MDB_txn* txn, Cursor* cursor) {
-  MDB_cursor* raw = nullptr;
-  if (const int code = mdb_cursor_open(txn, kDatabase, &raw); code != 0)
-    return failure(txn, code, "cannot walk through the registry");
-  cursor->reset(raw);
-  return {};
+PageDamage confirm_absence(TreeCursor& cursor, const Key& key) {
+  KeyParts wanted;
+  read_key(key.bytes(), &wanted);
+  return cursor.confirm_absence(key.bytes(), [&](std::span<const std::byte> other, std::span<const std::byte> record) {
+    return belongs_under(wanted, record) && !belongs_under_its_key(other, record);
+  });
 }
 
-Status find_node(MDB_txn* txn, NodeId parent, std::string_view name, Node* node) {
-  if (name.size() > kMaxLevelName) return PRTKV_NO_SUCH_KEY;
-  MDB_val data{};
-  const int code = get(txn, Key::node(parent, name), &data);
-  if (code == MDB_NOTFOUND) return PRTKV_NO_SUCH_KEY;
-  if (code != 0) return failure(txn, code, "cannot read the registry");
-  Status status = decode_node(parent, name, bytes_of(data), node);
+Status decode_child(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
+  if (name.size() > kMaxLevelName) return {PRTKV_STORAGE_FAILED, entry_text(parent, name) + ": its name is too long"};
+  Status status = decode_node(parent, name, record, node);
   return status.ok() ? status : status.about(entry_text(parent, name));
 }
 
-Status find_value(MDB_txn* txn, NodeId id, Value* value) {
-  MDB_val data{};
-  const int code = get(txn, Key::value(id), &data);
-  if (code == MDB_NOTFOUND) {
-    *value = Value{};
-    return {};
-  }
-  if (code != 0) return failure(txn, code, "cannot read the registry");
-  Status status = decode_value(id, bytes_of(data), value);
+Status decode_value_of(NodeId id, std::span<const std::byte> record, Value* value) {
+  Status status = decode_value(id, record, value);
   return status.ok() ? status : status.about("value of node " + std::to_string(id));
 }
 
-Status find_meta(MDB_txn* txn, Meta* meta) {
-  MDB_val data{};
-  const int code = get(txn, Key::meta(), &data);
-  if (code == MDB_NOTFOUND) return {PRTKV_STORAGE_FAILED, "it lacks a registry's record of itself"};
-  if (code != 0) return failure(txn, code, "cannot read the registry");
-  Status status = decode_meta(bytes_of(data), meta);
+Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node) {
+  if (name.size() > kMaxLevelName) return PRTKV_NO_SUCH_KEY;
+  const Key key = Key::node(parent, name);
+  TreeCursor cursor(state);
+  bool found = false;
+  if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
+  if (!found) {
+    if (PageDamage damage = confirm_absence(cursor, key)) return failed(state, damage);
+    return PRTKV_NO_SUCH_KEY;
+  }
+  std::span<const std::byte> record;
+  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
+  return decode_child(parent, name, record, node);
+}
+
+Status find_value(const FileState& state, NodeId id, Value* value) {
+  const Key key = Key::value(id);
+  TreeCursor cursor(state);
+  bool found = false;
+  if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
+  if (!found) {
+    if (PageDamage damage = confirm_absence(cursor, key)) return failed(state, damage);
+    *value = Value{};
+    return {};
+  }
+  std::span<const std::byte> record;
+  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
+  return decode_value_of(id, record, value);
+}
+
+Status find_meta(const FileState& state, Meta* meta) {
+  const Key key = Key::meta();
+  TreeCursor cursor(state);
+  bool found = false;
+  if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
+  if (!found) return {PRTKV_STORAGE_FAILED, "it lacks a registry's record of itself"};
+  std::span<const std::byte> record;
+  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
+  Status status = decode_meta(record, meta);
   return status.ok() ? status : status.about("the record of the registry itself");
 }
 
-Status has_children(MDB_txn* txn, NodeId parent, bool* answer) {
-  Cursor cursor(nullptr, &mdb_cursor_close);
-  if (Status status = open_cursor(txn, &cursor); !status.ok()) return status;
-  const Key first = Key::node(parent);
-  MDB_val key = first.val();
-  MDB_val data{};
-  const int code = mdb_cursor_get(cursor.get(), &key, &data, MDB_SET_RANGE);
-  if (code != 0 && code != MDB_NOTFOUND) return failure(txn, code, "cannot read the registry");
-  std::string_view name;
-  *answer = code == 0 && is_child(key, parent, &name);
+Status has_children(const FileState& state, NodeId parent, bool* answer) {
+  // A child whose record is damaged may be none: only a sound one is proof, and only none at all is proof of none.
+  constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
+  const Status status = visit_children(state, parent, [](std::string_view, const Node&) { return Status(kEnough); });
+  if (!status.ok() && !status.is(kEnough)) return status;
+  *answer = !status.ok();
   return {};
 }
 
-Status visit_children(MDB_txn* txn, NodeId parent, Walk walk,
-                      FunctionRef<Status(std::string_view, const Node&)> visit) {
-  Cursor cursor(nullptr, &mdb_cursor_close);
-  if (Status status = open_cursor(txn, &cursor); !status.ok()) return status;
-  const Key first = Key::node(parent);
-  MDB_val key = first.val();
-  MDB_val data{};
-  std::array<char, kMaxLevelName> copy;
-  int code = mdb_cursor_get(cursor.get(), &key, &data, MDB_SET_RANGE);
-  for (std::string_view name; code == 0 && is_child(key, parent, &name);) {
-    if (name.size() > kMaxLevelName) return {PRTKV_STORAGE_FAILED, entry_text(parent, name) + ": its name is too long"};
-    Node node;
-    if (Status status = decode_node(parent, name, bytes_of(data), &node); !status.ok())
-      return status.about(entry_text(parent, name));
-    if (walk == Walk::kOfChangingTree) {  // the name lies in a page that the visit may move
-      std::memcpy(copy.data(), name.data(), name.size());
-      name = {copy.data(), name.size()};
+Status visit_children(const FileState& state, NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) {
+  TreeCursor cursor(state);
+  PageDamage damage = seek_children(&cursor, parent);
+  for (; !damage && !cursor.at_end(); damage = cursor.next()) {
+    std::span<const std::byte> key;
+    std::span<const std::byte> record;
+    std::string_view name;
+    damage = cursor.read(&key, &record);
+    if (!is_child(key, parent, &name)) {
+      if (damage || !is_lost_child(parent, key, record)) return {};
+      return {PRTKV_STORAGE_FAILED, entry_text(parent, "?") + ": its key is damaged"};
     }
+    if (damage) break;
+    Node node;
+    if (Status status = decode_child(parent, name, record, &node); !status.ok()) return status;
     if (Status status = visit(name, node); !status.ok()) return status;
-    code = walk == Walk::kOfChangingTree ? seek_behind(cursor.get(), parent, name, &key, &data)
-                                         : mdb_cursor_get(cursor.get(), &key, &data, MDB_NEXT);
   }
-  return code == 0 || code == MDB_NOTFOUND ? Status() : failure(txn, code, "cannot read the registry");
+  return damage ? failed(state, damage) : Status();
 }
 
 }  // namespace tkv::store

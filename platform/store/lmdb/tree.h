@@ -1,42 +1,39 @@
-// Reading the registry's tree within an LMDB transaction, of whichever kind.
+// Reading the registry's tree in one state of the data file, through pages and records that are checked on the way.
+//
+// Damage yields PRTKV_STORAGE_FAILED with a message that names the page or the entry. It is never returned as data, nor
+// as the absence of data.
 #ifndef TKV_PLATFORM_STORE_LMDB_TREE_H
 #define TKV_PLATFORM_STORE_LMDB_TREE_H
 
-#include <lmdb.h>
-
-#include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
-#include "store/lmdb/error.h"
+#include "base/function_ref.h"
 #include "store/lmdb/file.h"
+#include "store/lmdb/file_state.h"
+#include "store/lmdb/tree_cursor.h"
 #include "store/record.h"
 
 namespace tkv::store {
 
-using Cursor = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
-
-inline std::span<const std::byte> bytes_of(const MDB_val& val) {
-  return {static_cast<const std::byte*>(val.mv_data), val.mv_size};
-}
-
-// As View; each looks at its transaction's state. A failure's text names the entry by its parent's id and its name.
-Status find_node(MDB_txn* txn, NodeId parent, std::string_view name, Node* node);
-Status find_value(MDB_txn* txn, NodeId id, Value* value);
-Status find_meta(MDB_txn* txn, Meta* meta);
-Status has_children(MDB_txn* txn, NodeId parent, bool* answer);
-
-// Whether `visit` may change the tree: then the walk goes on with the first child behind the visited one.
-enum class Walk { kOfFixedTree, kOfChangingTree };
-Status visit_children(MDB_txn* txn, NodeId parent, Walk walk,
+// See View.
+Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node);
+Status find_value(const FileState& state, NodeId id, Value* value);
+Status find_meta(const FileState& state, Meta* meta);
+Status has_children(const FileState& state, NodeId parent, bool* answer);
+Status visit_children(const FileState& state, NodeId parent,
                       FunctionRef<Status(std::string_view name, const Node& node)> visit);
 
-// Translates how a call within a transaction ended; as lmdb_status.
-Status failure(MDB_txn* txn, LmdbOutcome outcome, const char* doing);
-Status failure(MDB_txn* txn, int code, const char* doing);
+// Makes sure that there is no record under `key`: for a cursor that has searched for it in vain.
+PageDamage confirm_absence(TreeCursor& cursor, const Key& key);
 
-// Opens a cursor, which must be gone before the transaction ends.
-Status open_cursor(MDB_txn* txn, Cursor* cursor);
+// Whether a key is that of a child of `parent`. `*name` then is the child's name, within the key.
+bool is_child(std::span<const std::byte> key, NodeId parent, std::string_view* name);
+
+// Decode a record under its key. A failure's message names the entry by its parent's id and its name.
+Status decode_child(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node);
+Status decode_value_of(NodeId id, std::span<const std::byte> record, Value* value);
 
 // "entry 'a' below node 5"
 std::string entry_text(NodeId parent, std::string_view name);

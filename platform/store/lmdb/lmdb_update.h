@@ -1,0 +1,81 @@
+// LmdbUpdate: one write transaction on the registry's tree. LMDB makes the changes and answers the reads, which see
+// them; WriteCheck looks at each page before LMDB does.
+#ifndef TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
+#define TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
+
+#include <optional>
+#include <vector>
+
+#include "store/lmdb/environment.h"
+#include "store/lmdb/file.h"
+#include "store/lmdb/lmdb_view.h"
+#include "store/lmdb/write_check.h"
+#include "store/record.h"
+#include "store/tree_check.h"
+
+namespace tkv::store {
+
+class LmdbUpdate final : public Update {
+ public:
+  LmdbUpdate(Environment& environment, const WriteTransaction& transaction)
+      : environment_(environment), txn_(transaction.txn()), former_(transaction.former()), check_(former_) {}
+
+  // Checks what every transaction depends on. Call first.
+  Status begin() { return check_.check_free_list(); }
+
+  Status find(NodeId parent, std::string_view name, Node* node) override;
+  Status value(NodeId id, Value* value) override;
+  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override;
+  Status has_children(NodeId parent, bool* answer) override;
+  std::uint64_t structure() override { return load_meta().ok() ? meta_->structure : 0; }
+
+  Status new_id(NodeId* id) override;
+  Status insert(NodeId parent, std::string_view name, const Node& node) override;
+  Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override;
+  Status unlink(NodeId parent, std::string_view name) override;
+  Status discard(NodeId id) override;
+  Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override;
+  View& before() override {
+    if (!before_) before_.emplace(environment_);
+    return *before_;
+  }
+
+  // The state before the update, which the changes leave as it is.
+  const FileState& former() const { return former_; }
+
+  // Removes records, but not what is below them.
+  Status remove_all(const TreeCheck::Removable& removable);
+
+  // Writes the registry's record of itself if the update changed it. The last call.
+  Status finish();
+
+  // The outcome of the LMDB call that made this transaction unusable; code 0 if none did.
+  LmdbOutcome broken_by() const { return broken_by_; }
+
+ private:
+  Status load_meta();
+  // Looks up a record; `*found` tells whether there is one. It is valid until the next change.
+  Status get(const Key& key, bool* found, std::span<const std::byte>* record);
+  Status put(const Key& key, std::span<const std::byte> record, unsigned flags);
+  // Returns PRTKV_NO_SUCH_KEY if there is no such record.
+  Status remove(const Key& key);
+  Status remove_value(NodeId id);
+  Status remove_children(NodeId parent, std::vector<NodeId>* ids);
+  Status seek(MDB_cursor* cursor, const Key& key, MDB_val* found, MDB_val* data, bool* at_end);
+  Status seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* found, MDB_val* data, bool* at_end);
+  Status succeeded(LmdbOutcome outcome, const char* doing);
+
+  Environment& environment_;
+  MDB_txn* const txn_;
+  const FileState& former_;
+  WriteCheck check_;
+  std::optional<Meta> meta_;
+  bool meta_changed_ = false;
+  LmdbOutcome broken_by_{0, 0};
+  std::vector<std::byte> record_;
+  std::optional<FormerView> before_;
+};
+
+}  // namespace tkv::store
+
+#endif

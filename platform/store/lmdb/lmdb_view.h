@@ -1,0 +1,67 @@
+// Views of the embedded store: one state each, read through pages and records that are checked on the way.
+#ifndef TKV_PLATFORM_STORE_LMDB_LMDB_VIEW_H
+#define TKV_PLATFORM_STORE_LMDB_LMDB_VIEW_H
+
+#include "store/lmdb/environment.h"
+#include "store/lmdb/tree.h"
+
+namespace tkv::store {
+
+// The state that a read transaction sees.
+class LmdbView final : public View {
+ public:
+  explicit LmdbView(const ReadTransaction& transaction) : transaction_(transaction) {}
+
+  Status find(NodeId parent, std::string_view name, Node* node) override {
+    return find_node(state(), parent, name, node);
+  }
+  Status value(NodeId id, Value* value) override { return find_value(state(), id, value); }
+  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
+    return visit_children(state(), parent, visit);
+  }
+  Status has_children(NodeId parent, bool* answer) override { return store::has_children(state(), parent, answer); }
+
+  // Read once for each state.
+  std::uint64_t structure() override {
+    ReaderSlot& slot = transaction_.slot();
+    if (slot.structure_state == state().transaction) return slot.structure;
+    Meta meta;
+    if (!find_meta(state(), &meta).ok()) return 0;
+    slot.structure_state = state().transaction;
+    slot.structure = meta.structure;
+    return meta.structure;
+  }
+
+ private:
+  const FileState& state() const { return transaction_.state(); }
+
+  const ReadTransaction& transaction_;
+};
+
+// The state before an update, while the update is being made.
+class FormerView final : public View {
+ public:
+  explicit FormerView(Environment& environment)
+      : transaction_(environment, ReadTransaction::Length::kShort), begun_(transaction_.begin()), view_(transaction_) {}
+
+  Status find(NodeId parent, std::string_view name, Node* node) override {
+    return begun_.ok() ? view_.find(parent, name, node) : begun_;
+  }
+  Status value(NodeId id, Value* value) override { return begun_.ok() ? view_.value(id, value) : begun_; }
+  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
+    return begun_.ok() ? view_.children(parent, visit) : begun_;
+  }
+  Status has_children(NodeId parent, bool* answer) override {
+    return begun_.ok() ? view_.has_children(parent, answer) : begun_;
+  }
+  std::uint64_t structure() override { return begun_.ok() ? view_.structure() : 0; }
+
+ private:
+  ReadTransaction transaction_;
+  const Status begun_;
+  LmdbView view_;
+};
+
+}  // namespace tkv::store
+
+#endif

@@ -1,0 +1,275 @@
+#include "store/lmdb/tree_cursor.h"
+
+namespace tkv::store {
+namespace {
+
+constexpr const char* kOutside = "has a node outside its bounds";
+constexpr const char* kUnfit = "has a node that does not fit into it";
+constexpr const char* kWrongRange = "has keys outside the range that its parent allows";
+
+}  // namespace
+
+bool CheckedPages::add(std::uint64_t number) {
+  if (number >= pages_.size()) pages_.resize(number + number / 2 + 64);
+  if (pages_[number]) return false;
+  pages_[number] = true;
+  return true;
+}
+
+PageDamage TreeCursor::open(std::uint64_t number, int level, Page* page) const {
+  if (!state_.has_page(number)) return {number, "does not exist, and is referred to"};
+  const std::uint16_t kind = level == leaf_level() ? kLeafPage : kBranchPage;
+  return {number, page->open(state_.page(number), state_.map.page_size, number, kind)};
+}
+
+PageDamage TreeCursor::seek(std::span<const std::byte> key, bool* found) {
+  *found = found_ = false;
+  at_end_ = tree_.page == kNoPage;
+  if (at_end_) return {};
+  std::uint64_t number = tree_.page;
+  for (int level = 0;; ++level) {
+    Level& at = levels_[static_cast<std::size_t>(level)];
+    if (PageDamage damage = open(number, level, &at.page)) return damage;
+    const bool is_leaf = level == leaf_level();
+    PageNode node;
+    unsigned low = is_leaf ? 0 : 1;
+    unsigned high = at.page.count();
+    while (low < high) {
+      const unsigned middle = (low + high) / 2;
+      if (!at.page.read(middle, &node)) return {number, kOutside};
+      const int order = compare_keys(node.key, key);
+      if (is_leaf && order == 0) {
+        *found = found_ = true;
+        at.index = middle;
+        return {};
+      }
+      (order <= 0 ? low : high) = order <= 0 ? middle + 1 : middle;
+    }
+    at.index = is_leaf ? low : low - 1;
+    if (is_leaf) return {};
+    if (!at.page.read(at.index, &node)) return {number, kOutside};
+    number = node.child();
+  }
+}
+
+// Fills the levels from `level` on with the path to the first or last entry below a page.
+PageDamage TreeCursor::descend(std::uint64_t number, int level, Edge edge) {
+  for (;; ++level) {
+    Level& at = levels_[static_cast<std::size_t>(level)];
+    if (PageDamage damage = open(number, level, &at.page)) return damage;
+    at.index = edge == Edge::kFirst ? 0 : at.page.count() - 1;
+    if (level == leaf_level()) return check_leaf();
+    PageNode node;
+    if (!at.page.read(at.index, &node)) return {number, kOutside};
+    number = node.child();
+  }
+}
+
+PageDamage TreeCursor::edge(Edge edge) {
+  at_end_ = tree_.page == kNoPage;
+  return at_end_ ? PageDamage{} : descend(tree_.page, 0, edge);
+}
+
+PageDamage TreeCursor::next_leaf() {
+  for (int level = leaf_level() - 1; level >= 0; --level) {
+    Level& at = levels_[static_cast<std::size_t>(level)];
+    if (at.index + 1 >= at.page.count()) continue;
+    ++at.index;
+    PageNode node;
+    if (!at.page.read(at.index, &node)) return {at.page.number(), kOutside};
+    return descend(node.child(), level + 1, Edge::kFirst);
+  }
+  at_end_ = true;
+  return {};
+}
+
+PageDamage TreeCursor::next() {
+  if (++leaf().index < leaf().page.count()) return {};
+  return next_leaf();
+}
+
+PageDamage TreeCursor::enter_gap() {
+  if (at_end_ || leaf().index < leaf().page.count()) return {};
+  return next_leaf();
+}
+
+PageDamage TreeCursor::record_of(const PageNode& node, std::span<const std::byte>* record) const {
+  if (!node.data_fits()) return {leaf().page.number(), kUnfit};
+  *record = node.rest.first(node.size_in_page());
+  if (!node.is_big()) return {};
+  const std::uint64_t number = node.overflow_page();
+  if (!state_.has_page(number)) return {leaf().page.number(), "refers to a page that does not exist"};
+  const std::byte* const page = state_.page(number);
+  *record = {page + sizeof(PageHeader), node.data_size()};
+  return {number, check_overflow_header(page, state_.map.page_size, number, node.data_size(), state_.page_count)};
+}
+
+PageDamage TreeCursor::read(std::span<const std::byte>* key, std::span<const std::byte>* record) const {
+  PageNode node;
+  *key = {};
+  if (!leaf().page.read(leaf().index, &node)) return {leaf().page.number(), kOutside};
+  *key = node.key;
+  return record_of(node, record);
+}
+
+PageDamage TreeCursor::record(std::span<const std::byte>* record) const {
+  std::span<const std::byte> key;
+  return read(&key, record);
+}
+
+std::uint64_t TreeCursor::overflow_pages() const {
+  PageNode node;
+  if (!leaf().page.read(leaf().index, &node) || !node.is_big()) return 0;
+  return store::overflow_pages(node.data_size(), state_.map.page_size);
+}
+
+// Whether the keys of the page at `level` are in the range that its parents' keys give it.
+PageDamage TreeCursor::check_range(int level) const {
+  const Page& page = levels_[static_cast<std::size_t>(level)].page;
+  const auto key_of = [](const Page& of, unsigned index, std::span<const std::byte>* key) {
+    PageNode node;
+    if (!of.read(index, &node)) return false;
+    *key = node.key;
+    return true;
+  };
+  std::span<const std::byte> smallest;
+  std::span<const std::byte> largest;
+  if (!key_of(page, page.is_leaf() ? 0 : 1, &smallest) || !key_of(page, page.count() - 1, &largest))
+    return {page.number(), kOutside};
+  bool has_lower = false;
+  bool has_upper = false;
+  std::span<const std::byte> bound;
+  while (--level >= 0 && !(has_lower && has_upper)) {
+    const Level& parent = levels_[static_cast<std::size_t>(level)];
+    if (!has_lower && parent.index > 0) {
+      has_lower = true;
+      if (!key_of(parent.page, parent.index, &bound)) return {parent.page.number(), kOutside};
+      if (compare_keys(smallest, bound) < 0) return {page.number(), kWrongRange};
+    }
+    if (!has_upper && parent.index + 1 < parent.page.count()) {
+      has_upper = true;
+      if (!key_of(parent.page, parent.index + 1, &bound)) return {parent.page.number(), kOutside};
+      if (compare_keys(largest, bound) >= 0) return {page.number(), kWrongRange};
+    }
+  }
+  return {};
+}
+
+PageDamage TreeCursor::check_leaf() const {
+  const Page& page = leaf().page;
+  if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) return {page.number(), defect};
+  return keys_ == Page::Keys::kBytes ? check_range(leaf_level()) : PageDamage{};
+}
+
+// The last key of the leaf page before this one, or the first key of the one after it. Null if there is no such page.
+PageDamage TreeCursor::neighbour_key(Edge towards, std::span<const std::byte>* key) const {
+  const bool is_before = towards == Edge::kFirst;
+  for (int level = leaf_level() - 1; level >= 0; --level) {
+    const Level& at = levels_[static_cast<std::size_t>(level)];
+    if (is_before ? at.index == 0 : at.index + 1 >= at.page.count()) continue;
+    Page page = at.page;
+    unsigned index = is_before ? at.index - 1 : at.index + 1;
+    for (;;) {
+      PageNode node;
+      if (!page.read(index, &node)) return {page.number(), kOutside};
+      if (level == leaf_level()) {
+        *key = node.key;
+        return {};
+      }
+      if (PageDamage damage = open(node.child(), ++level, &page)) return damage;
+      index = is_before ? page.count() - 1 : 0;
+    }
+  }
+  *key = {};
+  return {};
+}
+
+PageDamage TreeCursor::confirm_absence(
+    std::span<const std::byte> key,
+    FunctionRef<bool(std::span<const std::byte> key, std::span<const std::byte> record)> is_it) {
+  if (at_end_) return {};
+  if (PageDamage damage = check_leaf()) return damage;
+  const Level& at = leaf();
+  const auto has_damaged_key = [&](unsigned index) {
+    PageNode node;
+    std::span<const std::byte> record;
+    return at.page.read(index, &node) && !record_of(node, &record) && is_it(node.key, record);
+  };
+  constexpr const char* kDamagedKey = "has a record whose key is damaged";
+  constexpr const char* kOverlap = "and a neighbouring page have overlapping keys";
+  std::span<const std::byte> neighbour;
+  if (at.index > 0) {
+    if (has_damaged_key(at.index - 1)) return {at.page.number(), kDamagedKey};
+  } else {
+    if (PageDamage damage = neighbour_key(Edge::kFirst, &neighbour)) return damage;
+    if (neighbour.data() != nullptr && compare_keys(neighbour, key) >= 0) return {at.page.number(), kOverlap};
+  }
+  if (at.index < at.page.count()) {
+    if (has_damaged_key(at.index)) return {at.page.number(), kDamagedKey};
+  } else {
+    if (PageDamage damage = neighbour_key(Edge::kLast, &neighbour)) return damage;
+    if (neighbour.data() != nullptr && compare_keys(neighbour, key) <= 0) return {at.page.number(), kOverlap};
+  }
+  return {};
+}
+
+PageDamage TreeCursor::check_path(CheckedPages* checked) const {
+  if (at_end_) return {};
+  for (int level = 0; level <= leaf_level(); ++level) {
+    const Page& page = levels_[static_cast<std::size_t>(level)].page;
+    if (!checked->add(page.number())) continue;
+    if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr)
+      return {page.number(), defect};
+    if (keys_ == Page::Keys::kIntegers) continue;
+    if (PageDamage damage = check_range(level)) return damage;
+  }
+  std::span<const std::byte> overflow;
+  return found_ ? record(&overflow) : PageDamage{};
+}
+
+// The page at `level` and the first page of each level below it.
+PageDamage TreeCursor::check_leftmost(std::uint64_t number, int level, CheckedPages* checked) const {
+  for (;; ++level) {
+    Page page;
+    if (PageDamage damage = open(number, level, &page)) return damage;
+    if (checked->add(number)) {
+      if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) return {number, defect};
+    }
+    PageNode node;
+    if (level == leaf_level()) return {};
+    if (!page.read(0, &node)) return {number, kOutside};
+    number = node.child();
+  }
+}
+
+PageDamage TreeCursor::check_next(CheckedPages* checked) const {
+  if (at_end_) return {};
+  for (int level = leaf_level() - 1; level >= 0; --level) {
+    const Level& at = levels_[static_cast<std::size_t>(level)];
+    if (at.index + 1 >= at.page.count()) continue;
+    PageNode node;
+    if (!at.page.read(at.index + 1, &node)) return {at.page.number(), kOutside};
+    return check_leftmost(node.child(), level + 1, checked);
+  }
+  return {};
+}
+
+// LMDB fills up a page from a page beside it that has the same parent. To move a node between branch pages, it also
+// looks up the first key below each of them. A page that was merged earlier in the transaction makes the page after the
+// next one a neighbour: so two leaf pages on each side are checked.
+PageDamage TreeCursor::check_siblings(CheckedPages* checked) const {
+  if (at_end_) return {};
+  for (int level = 1; level <= leaf_level(); ++level) {
+    const Level& parent = levels_[static_cast<std::size_t>(level - 1)];
+    const unsigned reach = level == leaf_level() ? 2 : 1;
+    const unsigned from = parent.index < reach ? 0 : parent.index - reach;
+    for (unsigned index = from; index < parent.page.count() && index <= parent.index + reach; ++index) {
+      PageNode node;
+      if (!parent.page.read(index, &node)) return {parent.page.number(), kOutside};
+      if (PageDamage damage = check_leftmost(node.child(), level, checked)) return damage;
+    }
+  }
+  return {};
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,110 @@
+// TreeCursor: finds and walks through the entries of one tree of pages, and checks what it reads.
+//
+// A search reads the headers of the pages on its path and the nodes that a binary search touches, each checked before
+// use: that makes it safe. What makes an answer right differs. An entry that is found has a checksum, for its user to
+// verify. That there is no entry is taken for true only when confirm_absence() has looked at the whole leaf page, at
+// the keys that its parents allow in it, and at the entries on both sides of the gap. A walk checks every leaf page as
+// a whole when it gets there.
+//
+// A cursor belongs to one thread, allocates nothing, and is valid as long as the transaction of its state.
+#ifndef TKV_PLATFORM_STORE_LMDB_TREE_CURSOR_H
+#define TKV_PLATFORM_STORE_LMDB_TREE_CURSOR_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "base/function_ref.h"
+#include "store/lmdb/file_state.h"
+#include "store/lmdb/page.h"
+
+namespace tkv::store {
+
+// Pages of one state that have been checked as a whole.
+class CheckedPages {
+ public:
+  // Adds a page. Returns false if it was in the set before.
+  bool add(std::uint64_t number);
+  void clear() { pages_.clear(); }
+
+ private:
+  std::vector<bool> pages_;
+};
+
+class TreeCursor {
+ public:
+  TreeCursor(const FileState& state, const TreeRoot& tree, Page::Keys keys) : state_(state), tree_(tree), keys_(keys) {}
+  explicit TreeCursor(const FileState& state) : TreeCursor(state, state.records, Page::Keys::kBytes) {}
+
+  // Goes to the entry with `key` and sets `*found`, or to the gap where it would be. After a gap, only
+  // confirm_absence(), enter_gap() and another search may follow. For trees whose keys are bytes.
+  PageDamage seek(std::span<const std::byte> key, bool* found);
+
+  // In the gap where seek() found no `key`: makes sure that there is none. `is_it` tells of an entry next to the gap
+  // whether its record is that of the key sought: then the entry's own key is damaged.
+  PageDamage confirm_absence(
+      std::span<const std::byte> key,
+      FunctionRef<bool(std::span<const std::byte> key, std::span<const std::byte> record)> is_it);
+
+  // From a gap to the entry after it.
+  PageDamage enter_gap();
+
+  // To the first and last entry, and to the next one.
+  PageDamage first() { return edge(Edge::kFirst); }
+  PageDamage last() { return edge(Edge::kLast); }
+  PageDamage next();
+  bool at_end() const { return at_end_; }
+
+  // Checks the leaf page as a whole, for a walk that begins with seek().
+  PageDamage check_leaf() const;
+
+  // The entry's key and record, in the map. On damage, `*key` may be empty.
+  PageDamage read(std::span<const std::byte>* key, std::span<const std::byte>* record) const;
+  PageDamage record(std::span<const std::byte>* record) const;
+
+  // The leaf page of the entry or gap.
+  std::uint64_t page_number() const { return leaf().page.number(); }
+
+  // How many pages the record has outside the tree.
+  std::uint64_t overflow_pages() const;
+
+  // For writers. Each checks pages as a whole, unless they are in `checked`, and adds them to it.
+  //   check_path      the pages from the root to the entry or gap, and an entry's overflow page
+  //   check_next      those on the way to the leaf page after it
+  //   check_siblings  those that LMDB may read or change to fill up a page from which the entry is removed
+  PageDamage check_path(CheckedPages* checked) const;
+  PageDamage check_next(CheckedPages* checked) const;
+  PageDamage check_siblings(CheckedPages* checked) const;
+
+ private:
+  enum class Edge { kFirst, kLast };
+  struct Level {
+    Page page;
+    unsigned index;
+  };
+
+  int leaf_level() const { return static_cast<int>(tree_.depth) - 1; }
+  const Level& leaf() const { return levels_[static_cast<std::size_t>(leaf_level())]; }
+  Level& leaf() { return levels_[static_cast<std::size_t>(leaf_level())]; }
+  PageDamage open(std::uint64_t number, int level, Page* page) const;
+  PageDamage edge(Edge edge);
+  PageDamage descend(std::uint64_t number, int level, Edge edge);
+  PageDamage next_leaf();
+  PageDamage neighbour_key(Edge towards, std::span<const std::byte>* key) const;
+  PageDamage record_of(const PageNode& node, std::span<const std::byte>* record) const;
+  PageDamage check_range(int level) const;
+  PageDamage check_leftmost(std::uint64_t number, int level, CheckedPages* checked) const;
+
+  const FileState& state_;
+  const TreeRoot& tree_;
+  const Page::Keys keys_;
+  bool at_end_ = false;
+  bool found_ = false;                       // by the latest seek()
+  std::array<Level, kMaxTreeDepth> levels_;  // the first tree_.depth, once a search has filled them
+};
+
+}  // namespace tkv::store
+
+#endif

@@ -1,0 +1,46 @@
+// WriteCheck: checks pages before LMDB follows them in a write transaction.
+//
+// LMDB changes copies of pages, in memory of its own, and reads all other pages from the map as the former state left
+// them. So what LMDB may read for a key is found by the same search in the former state: the pages on the way to the
+// key and, before something is removed, those beside them. Each page is checked as a whole, once in a transaction.
+//
+// Used by the thread that writes. All functions return PRTKV_STORAGE_FAILED with a message that names the page.
+#ifndef TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
+#define TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
+
+#include "base/status.h"
+#include "store/lmdb/file.h"
+#include "store/lmdb/file_state.h"
+#include "store/lmdb/tree_cursor.h"
+
+namespace tkv::store {
+
+class WriteCheck {
+ public:
+  // `former` is the state that the transaction began with, and outlives this object.
+  explicit WriteCheck(const FileState& former) : former_(former) {}
+
+  // Checks the list of free pages, which LMDB takes pages from and adds pages to. Of a long list, which only readers
+  // that stay for long bring about, the beginning and the end are checked, so that the cost has a limit.
+  Status check_free_list() const;
+
+  // Before a record is looked up or written. If the former state lacks the key, its absence is confirmed.
+  Status before_access(const Key& key);
+
+  // Before LMDB goes from `key` to the key after it.
+  Status before_step(const Key& key);
+
+  // Before a record is removed.
+  Status before_removal(const Key& key);
+
+ private:
+  PageDamage check_path(TreeCursor* cursor, const Key& key);
+  Status result(PageDamage damage) const { return damage ? damaged_page(former_.map, damage) : Status(); }
+
+  const FileState& former_;
+  CheckedPages checked_;
+};
+
+}  // namespace tkv::store
+
+#endif
