@@ -126,7 +126,7 @@ class Values(CommandTest):
         self.tkv("set", "a.bytes", "--hex", "ff")
         for key, reading in (("a.text", "number"), ("a.text", "list"), ("a.bytes", "text")):
             with self.subTest(key=key, reading=reading):
-                self.assertIn("holds no " + reading, self.fails(WRONG_TYPE, "get", "--as", reading, key))
+                self.assertIn("has no reading as " + reading, self.fails(WRONG_TYPE, "get", "--as", reading, key))
         self.fails(USAGE, "get", "--as", "tune", "a.text")
 
     def test_get_of_several_keys_goes_on_after_one_that_is_missing(self):
@@ -299,7 +299,7 @@ class Trees(CommandTest):
                             (("--json", "😀"), "there is no verb '😀'\nSee: tkv --help"),
                             (("--json",), "a verb is wanted\nSee: tkv --help"),
                             (("get", "--json", "--as", "😀", "app"),
-                             "--as 😀: a reading is auto, text, list, number, hex or raw")):
+                             "--as 😀: choose auto, text, list, number, hex or raw")):
             with self.subTest(words=words):
                 result = self.tkv(*words, exits=USAGE)
                 self.assertEqual(json.loads(result.messages), {"error": "usage", "exit": 2, "text": text})

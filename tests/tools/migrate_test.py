@@ -25,7 +25,7 @@ class Migrate(CommandTest):
 
     def test_the_target_is_the_same_entry_by_entry(self):
         told = self.tkv("migrate", self.registry, self.target).messages
-        self.assertEqual(told, f"tkv: migrated 6 keys to {self.target}, compared one by one\n")
+        self.assertEqual(told, f"tkv: migrated 6 keys to {self.target} and compared them one by one\n")
         self.assertEqual(self.target_text(), self.source_text)
         self.assertEqual(self.out("export"), self.source_text)
 
@@ -73,7 +73,7 @@ class Migrate(CommandTest):
         self.tkv("set", "many.k00001", "changed meanwhile")
         self.tkv("rm", "many.k00002")
         told = self.tkv("migrate", self.registry, self.target).messages
-        self.assertIn("going on with the migration", told)
+        self.assertIn("resuming the interrupted migration", told)
         self.assertEqual(self.target_text(), self.out("export"))
         self.tkv("verify", "--conf", self.target_conf)
 

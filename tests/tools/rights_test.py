@@ -88,7 +88,7 @@ class Asking(CommandTest):
     def test_need_is_an_answer_for_scripts(self):
         self.tkv("access", "nobody", "app", "--need", "rw")
         result = self.tkv("access", "nobody", "app", "--need", "rd", exits=DENIED)
-        self.assertIn("-----d is missing", result.messages)
+        self.assertIn("lacks rights on key 'app': -----d", result.messages)
         self.fails(USAGE, "access", "nobody", "app", "--need", "x")
 
 

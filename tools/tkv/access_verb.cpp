@@ -8,6 +8,7 @@
 #include "json.h"
 #include "masks.h"
 #include "registry/access.h"
+#include "registry/name.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
@@ -35,7 +36,7 @@ Outcome find_user(const std::string& name, Identity* user) {
 
 std::string named(std::string_view name) { return name.empty() ? "nobody" : "'" + std::string(name) + "'"; }
 
-// The classes of the key that hold a right, and whether the user is in them.
+// The classes through which the user has a right.
 std::vector<std::string> granting(const Question& question, std::int32_t right) {
   std::vector<std::string> classes;
   if (question.reason.superuser) classes.emplace_back("superuser");
@@ -51,7 +52,7 @@ std::string joined(const std::vector<std::string>& texts, const char* between) {
   return all;
 }
 
-// Why a right is denied: the classes that have it are not the user's.
+// Why a right is denied: the classes that have it, none of which the user belongs to.
 std::string denial(const Question& question, std::int32_t right) {
   const sec_attr& security = question.security;
   std::vector<std::string> holders;
@@ -103,9 +104,7 @@ Outcome run_access(Context& context, const Arguments& arguments) {
   if (Outcome given = key_name(*arguments.key, &question.name); !given.ok()) return given;
   if (Outcome found = find_user(*arguments.user, &question.user); !found.ok()) return found;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  const Status read = context.registry().read(
-      [&](registry::Reader& reader) { return reader.security(question.name, &question.security); });
-  if (!read.ok()) return read;
+  if (Status read = context.client().read_security(question.name, &question.security); !read.ok()) return read;
   question.reason = registry::explain_access(question.user, question.security);
   if (context.json()) {
     context.output().line(answer_json(question, arguments.why));
@@ -115,8 +114,8 @@ Outcome run_access(Context& context, const Arguments& arguments) {
   }
   const std::int32_t missing = need & ~question.reason.granted;
   if (missing == 0) return {};
-  return {Exit::kDenied, "'" + question.user.user + "' has not all of these rights on " +
-                             registry::describe(question.name) + ": " + columns_of(missing) + " is missing"};
+  return {Exit::kDenied, "'" + question.user.user + "' lacks rights on " + registry::describe(question.name) + ": " +
+                             columns_of(missing)};
 }
 
 constexpr std::array kOperands{

@@ -10,12 +10,14 @@
 #include "base/identity.h"
 #include "characters.h"
 #include "input.h"
+#include "prtkv.h"
 #include "registry/access.h"
 #include "registry/name.h"
-#include "registry/tree.h"
 
 namespace tkv::command {
 namespace {
+
+using registry::KeyRecord;
 
 constexpr std::string_view kMagic = "TKVBACKUP 1\n";
 constexpr std::string_view kAnyMagic = "TKVBACKUP ";
@@ -35,17 +37,17 @@ void append_name(std::string_view name, std::string* bytes) {
   bytes->append(name);
 }
 
-std::string key_record(const Entry& entry) {
+std::string key_record(const KeyRecord& key) {
   std::string bytes(1, kKeyMark);
-  append_name(entry.name, &bytes);
-  append_number(entry.security.user_perm, &bytes);
-  append_number(entry.security.group_perm, &bytes);
-  append_number(entry.security.other_perm, &bytes);
-  append_name(registry::user_of(entry.security), &bytes);
-  append_name(registry::group_of(entry.security), &bytes);
-  append_number(entry.value.type, &bytes);
-  append_number(static_cast<std::uint32_t>(entry.value.bytes.size()), &bytes);
-  return bytes.append(entry.value.bytes);
+  append_name(key.name, &bytes);
+  append_number(key.security.user_perm, &bytes);
+  append_number(key.security.group_perm, &bytes);
+  append_number(key.security.other_perm, &bytes);
+  append_name(registry::user_of(key.security), &bytes);
+  append_name(registry::group_of(key.security), &bytes);
+  append_number(key.value.type, &bytes);
+  append_number(static_cast<std::uint32_t>(key.value.bytes.size()), &bytes);
+  return bytes.append(key.value.bytes);
 }
 
 class StreamHash {
@@ -144,27 +146,27 @@ Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
   return source.name(&head->top);
 }
 
-Outcome read_key(Source& source, Entry* entry) {
+Outcome read_key(Source& source, KeyRecord* key) {
   std::string owner;
   std::string group;
   std::uint32_t size = 0;
   // In the order of the record: initializer lists are evaluated from left to right.
-  Outcome got = first_failure({source.name(&entry->name), source.number(&entry->security.user_perm),
-                               source.number(&entry->security.group_perm), source.number(&entry->security.other_perm),
-                               source.name(&owner), source.name(&group), source.number(&entry->value.type),
-                               source.number(&size)});
+  Outcome got =
+      first_failure({source.name(&key->name), source.number(&key->security.user_perm),
+                     source.number(&key->security.group_perm), source.number(&key->security.other_perm),
+                     source.name(&owner), source.name(&group), source.number(&key->value.type), source.number(&size)});
   if (!got.ok()) return got;
-  if (size > registry::kMaxValueBytes) return source.damaged("a value is too large");
-  const bool sound = registry::check_name(entry->name).ok() && registry::set_user(&entry->security, owner).ok() &&
-                     registry::set_group(&entry->security, group).ok();
+  if (size > PRTKV_MAX_VALUE_SIZE) return source.damaged("a value is too large");
+  const bool sound = registry::check_name(key->name).ok() && registry::set_user(&key->security, owner).ok() &&
+                     registry::set_group(&key->security, group).ok();
   if (!sound) return source.damaged("a key makes no sense");
-  return source.read(size, &entry->value.bytes);
+  return source.read(size, &key->value.bytes);
 }
 
-void count(const Entry& entry, BackupTotals* totals) {
+void count(const KeyRecord& key, BackupTotals* totals) {
   ++totals->keys;
-  totals->value_bytes += entry.value.bytes.size();
-  if (entry.value.type != kTypeNone || !entry.value.bytes.empty()) ++totals->values;
+  totals->value_bytes += key.value.bytes.size();
+  if (key.value.type != kTypeNone || !key.value.bytes.empty()) ++totals->values;
 }
 
 Outcome read_end(Source& source, const BackupTotals& counted, BackupContents* contents) {
@@ -203,9 +205,9 @@ Outcome BackupWriter::open(const std::string& path, const BackupHead& head) {
   return write(bytes);
 }
 
-Outcome BackupWriter::add(const Entry& entry) {
-  count(entry, &totals_);
-  return write(key_record(entry));
+Outcome BackupWriter::add(const KeyRecord& key) {
+  count(key, &totals_);
+  return write(key_record(key));
 }
 
 Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
@@ -220,7 +222,7 @@ Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
   if (Outcome synced = file_.sync(); !synced.ok()) return synced;
   BackupContents again;
   std::uint64_t keys = 0;
-  Outcome read = read_backup(file_.written_path(), &again, [&](Entry&&) {
+  Outcome read = read_backup(file_.written_path(), &again, [&](KeyRecord&&) {
     progress(++keys);
     return Outcome();
   });
@@ -231,7 +233,7 @@ Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
   return file_.commit();
 }
 
-Outcome read_backup(const std::string& path, BackupContents* contents, FunctionRef<Outcome(Entry&& entry)> take) {
+Outcome read_backup(const std::string& path, BackupContents* contents, FunctionRef<Outcome(KeyRecord&& key)> take) {
   Source source(path);
   BackupTotals counted;
   std::string last;
@@ -242,15 +244,15 @@ Outcome read_backup(const std::string& path, BackupContents* contents, FunctionR
     if (Outcome got = source.read(1, &mark); !got.ok()) return got;
     if (mark[0] == kEndMark) return read_end(source, counted, contents);
     if (mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one has to be");
-    Entry entry;
-    if (Outcome got = read_key(source, &entry); !got.ok()) return got;
+    KeyRecord key;
+    if (Outcome got = read_key(source, &key); !got.ok()) return got;
     const bool first = counted.keys == 0;
-    if (first ? entry.name != contents->head.top : !name_before(last, entry.name)) {
+    if (first ? key.name != contents->head.top : !registry::name_before(last, key.name)) {
       return source.damaged("the keys are out of order");
     }
-    last = entry.name;
-    count(entry, &counted);
-    if (Outcome taken = take(std::move(entry)); !taken.ok()) return taken;
+    last = key.name;
+    count(key, &counted);
+    if (Outcome taken = take(std::move(key)); !taken.ok()) return taken;
   }
 }
 

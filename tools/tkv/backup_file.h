@@ -19,8 +19,8 @@
 
 #include "atomic_file.h"
 #include "base/function_ref.h"
-#include "entry.h"
 #include "outcome.h"
+#include "registry/client.h"
 
 namespace tkv::command {
 
@@ -44,7 +44,7 @@ class BackupWriter {
 
   // 5 when the file exists.
   Outcome open(const std::string& path, const BackupHead& head);
-  Outcome add(const Entry& entry);
+  Outcome add(const registry::KeyRecord& key);
 
   // Writes the end and makes the file durable, opens it again, reads and checks all of it, and only then gives it its
   // name. `progress` is told how many keys were checked.
@@ -73,7 +73,8 @@ struct BackupContents {
 
 // Reads a backup whole; "-" is standard input. `take` gets each key before the end was checked: what it made of them
 // counts only when this succeeds. 8 when the file is damaged or cut, 2 when it is no backup.
-Outcome read_backup(const std::string& path, BackupContents* contents, FunctionRef<Outcome(Entry&& entry)> take);
+Outcome read_backup(const std::string& path, BackupContents* contents,
+                    FunctionRef<Outcome(registry::KeyRecord&& key)> take);
 
 }  // namespace tkv::command
 

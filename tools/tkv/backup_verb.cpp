@@ -5,19 +5,18 @@
 #include "backup_file.h"
 #include "backup_text.h"
 #include "context.h"
+#include "records.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
-
-using registry::Reader;
 
 bool is_directory(const std::string& path) {
   struct stat found {};
   return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
-// The first name for this second in a directory that is not taken.
+// The first name for this second that is not taken in a directory.
 std::string fresh_name(const std::string& directory, std::uint64_t taken) {
   const std::string base = directory + (directory.ends_with('/') ? "" : "/") + "tkv-" + utc(taken, "%Y%m%dT%H%M%SZ");
   struct stat found {};
@@ -27,15 +26,16 @@ std::string fresh_name(const std::string& directory, std::uint64_t taken) {
   }
 }
 
-// Where a backup goes: a new file, a directory, or the configured location.
+// Finds the path of a backup: the file that was named, or a fresh one in a directory or in the configured location.
 Outcome target_path(const Arguments& arguments, const registry::Configuration& configuration, std::uint64_t taken,
                     std::string* path) {
   *path = arguments.file.value_or(configuration.backup_location);
   if (path->empty()) {
-    return {Exit::kUsage, "no backup location is configured: name a file or a directory"};
+    return {Exit::kUsage, "no backup location is configured; name a file or a directory"};
   }
-  if (*path == "-")
-    return {Exit::kUsage, "a backup is read again before it counts as made: name a file or a directory"};
+  if (*path == "-") {
+    return {Exit::kUsage, "a backup is read back to check it, so it needs a file; name a file or a directory"};
+  }
   if (is_directory(*path)) {
     *path = fresh_name(*path, taken);
   } else if (!arguments.file || path->ends_with('/')) {
@@ -47,16 +47,14 @@ Outcome target_path(const Arguments& arguments, const registry::Configuration& c
 Outcome write_all(Context& context, const std::string& top, BackupWriter* writer) {
   Outcome added;
   Progress progress(context.terminal(), "backup");
-  const Status read = context.registry().read_all([&](Reader& reader) {
-    return reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
-      store::Value value;
-      if (Status found = reader.value(key, &value); !found.ok()) return found;
-      added = writer->add(copied(key, value));
-      progress.show(writer->totals().keys, 0);
-      return added.ok() ? Status() : Status(PRTKV_UNKNOWN, added.text());
-    });
+  registry::WalkOptions options;
+  options.values = true;
+  const Status walked = context.client().walk(top, options, [&](const registry::WalkEntry& entry) {
+    added = writer->add(record_of(entry));
+    progress.show(writer->totals().keys, 0);
+    return added.ok() ? Status() : Status(PRTKV_UNKNOWN, added.text());
   });
-  return added.ok() ? Outcome(read) : added;
+  return added.ok() ? Outcome(walked) : added;
 }
 
 Outcome finish(Context& context, BackupWriter* writer) {
@@ -72,7 +70,7 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
   head.taken = static_cast<std::uint64_t>(std::time(nullptr));
   if (Outcome named = key_name(arguments.at.value_or("."), &head.top); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (Outcome found = target_path(arguments, context.registry().configuration(), head.taken, &path); !found.ok()) {
+  if (Outcome found = target_path(arguments, context.client().configuration(), head.taken, &path); !found.ok()) {
     return found;
   }
   if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;

@@ -9,19 +9,18 @@
 
 #include "characters.h"
 #include "context.h"
-#include "entry.h"
 #include "json.h"
-#include "registry/name.h"
+#include "records.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-// The scripts hold no knowledge of the command: they ask it for candidates, one a line, and for files where it says
-// ":files". They hand it the words before the cursor as the shell will read them, without quotes.
+// The scripts know nothing about the command. They pass it the words up to the cursor as the shell will read them,
+// without quotes, and it prints the candidates, one per line, or ":files" where the shell should offer files.
 //
-// bash splits words at ":", "=" and "@" too, and replaces only what follows the last of these. So the script reads the
-// line itself, and takes off the candidates what stands before.
+// bash also splits words at ":", "=" and "@", and replaces only what follows the last of these. The script therefore
+// parses the line itself, and strips what precedes such a character from the candidates.
 constexpr const char* kBash = R"sh(_tkv_split() {
   local line=$1 quote= word= begun= char
   words=()
@@ -96,9 +95,9 @@ const char* script_of(std::string_view shell) {
   return shell == "fish" ? kFish : nullptr;
 }
 
-class Completion {
+class Completer {
  public:
-  Completion(Context& context, const std::vector<std::string>& words) : context_(context) {
+  Completer(Context& context, const std::vector<std::string>& words) : context_(context) {
     if (!words.empty()) word_ = words.back();
     for (std::size_t at = 0; at + 1 < words.size(); ++at) take(words[at]);
   }
@@ -118,7 +117,7 @@ class Completion {
   }
 
  private:
-  // What follows "--option=", but for names of files.
+  // Offers what follows "--option=", except file names.
   void offer_argument() {
     const std::size_t end = word_.find('=') + 1;
     const Option* option = option_with_argument(word_.substr(0, end - 1));
@@ -127,7 +126,7 @@ class Completion {
     if (option != nullptr && option->candidates != Candidates::kFiles) offer(option->candidates);
   }
 
-  // One word that is complete.
+  // Takes a complete word into account.
   void take(const std::string& word) {
     if (expects_ != nullptr) {
       take_argument(*std::exchange(expects_, nullptr), word);
@@ -152,7 +151,7 @@ class Completion {
     }
   }
 
-  // The keys to offer are those of the registry that the line is about.
+  // The keys to offer are those of the registry that the command line names.
   void take_argument(const Option& option, const std::string& argument) {
     if (option.value != &Arguments::configuration) return;
     const char* home = std::getenv("HOME");
@@ -198,7 +197,7 @@ class Completion {
     for (const Operand& operand : verb_->operands) {
       if (at++ == operands_ || operand.many != nullptr) {
         const bool file =
-            operand.candidates == Candidates::kFiles && operand.many != nullptr;  // a value, that may be @FILE
+            operand.candidates == Candidates::kFiles && operand.many != nullptr;  // a value, perhaps @FILE
         if (!file) offer(operand.candidates);
         return;
       }
@@ -231,8 +230,8 @@ class Completion {
     endgrent();
   }
 
-  // The subkeys of the last level that is complete. When there is one only, its own subkeys as well: then the shell
-  // does not take the name for finished. What goes wrong offers nothing: this is no place for messages.
+  // Offers the subkeys of the last complete level. If only one fits, its own subkeys are offered too, so that the shell
+  // does not take the name for finished. Failures offer nothing: this is no place for messages.
   void offer_keys() {
     const std::size_t end = word_.rfind('.');
     const std::string parent = end == std::string::npos ? "" : stored_from_utf8(word_.substr(0, end));
@@ -246,35 +245,31 @@ class Completion {
     for (const std::string& name : names) candidate(utf8_for_people(name));
   }
 
-  // The full names of those that can be typed.
+  // The full names of the subkeys whose names can be typed.
   std::vector<std::string> subkeys_of(const std::string& parent) {
     std::vector<std::string> names;
-    (void)registry_
-        ->read_all([&](registry::Reader& reader) {
-          names.clear();
-          return reader.list(parent, [&](std::string_view level, const store::Node&) {
-            std::string name = child_name(parent, level);
-            const std::string shown = utf8_for_people(name);
-            if (safe(shown) == shown) names.push_back(std::move(name));
-            return Status();
-          });
-        })
-        .ok();
+    const auto collect = [&](const registry::Subkey& subkey) {
+      std::string name = child_name(parent, subkey.level);
+      const std::string shown = utf8_for_people(name);
+      if (safe(shown) == shown) names.push_back(std::move(name));
+      return Status();
+    };
+    (void)client_->list(parent, false, collect).ok();
     return names;
   }
 
-  // A person waits: a cluster that does not answer at once offers nothing.
+  // A person is waiting: a cluster that does not answer at once offers nothing.
   Outcome open() {
     registry::Configuration configuration;
     if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
     configuration.etcd_timeout_ms = std::min(configuration.etcd_timeout_ms, kPatienceMs);
-    return open_registry(std::move(configuration), {false, true}, &registry_);
+    return open_registry(std::move(configuration), {false, true}, &client_);
   }
 
   Context& context_;
-  std::shared_ptr<registry::Registry> registry_;
+  std::shared_ptr<registry::Client> client_;
   std::string word_;
-  std::string lead_;  // of candidates, before the word
+  std::string lead_;  // what precedes the word in each candidate
   const Verb* verb_ = nullptr;
   const Option* expects_ = nullptr;
   std::size_t operands_ = 0;
@@ -294,7 +289,7 @@ Outcome run_completion(Context& context, const Arguments& arguments) {
 }
 
 Outcome run_complete(Context& context, const Arguments& arguments) {
-  Completion(context, arguments.words).print();
+  Completer(context, arguments.words).print();
   return {};
 }
 

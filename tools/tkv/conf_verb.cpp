@@ -4,7 +4,7 @@
 #include "characters.h"
 #include "context.h"
 #include "json.h"
-#include "registry/open_store.h"
+#include "registry/open_client.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {

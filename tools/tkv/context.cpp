@@ -3,7 +3,6 @@
 #include "characters.h"
 #include "json.h"
 #include "registry/name.h"
-#include "registry/open_store.h"
 
 namespace tkv::command {
 
@@ -11,26 +10,21 @@ Outcome Context::open_to_read() { return open(false, true); }
 
 Outcome Context::open_to_change() { return open(false, false); }
 
-Outcome Context::open_or_make() { return open(true, false); }
+Outcome Context::open_or_create() { return open(true, false); }
 
 Outcome Context::open(bool create, bool read_only) {
   registry::Configuration configuration;
   if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
-  return open_registry(std::move(configuration), {create, read_only}, &registry_);
+  return open_registry(std::move(configuration), {create, read_only}, &client_);
 }
 
 Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
-                      std::shared_ptr<registry::Registry>* registry) {
-  Identity identity;
-  std::shared_ptr<store::Store> store;
-  if (Status status = identity_of_process(&identity); !status.ok()) return status;
+                      std::shared_ptr<registry::Client>* client) {
   if (!options.create && registry::is_absent(configuration)) {
     return {Exit::kNotFound, "there is no registry in " + configuration.locations.front() +
-                                 "; tkv create, set, import and restore make one"};
+                                 "; tkv create, set, import or restore creates one"};
   }
-  if (Status status = registry::open_store(configuration, identity, options, &store); !status.ok()) return status;
-  *registry = std::make_shared<registry::Registry>(std::move(configuration), std::move(identity), std::move(store));
-  return {};
+  return registry::open_client(std::move(configuration), options, client);
 }
 
 void complain(const Outcome& outcome, bool json) {
@@ -51,27 +45,26 @@ Outcome Context::allow_deleting(std::uint64_t keys, const std::string& what) {
   if (keys <= 1 || arguments_.yes) return {};
   const std::string deleting = what + " deletes " + counted(keys, "key");
   if (!terminal_.input || !terminal_.messages) {
-    return {Exit::kConflict, deleting + ": without a terminal to ask on, this needs --yes"};
+    return {Exit::kConflict, deleting + "; without a terminal to ask on, this needs --yes"};
   }
   if (confirm(terminal_, deleting + ". Go on?")) return {};
   return {Exit::kConflict, "nothing was done"};
 }
 
-Outcome count_keys(registry::Registry& registry, const Terminal& terminal, const std::string& name,
-                   std::uint64_t* keys) {
+Outcome count_keys(registry::Client& client, const Terminal& terminal, const std::string& name, std::uint64_t* keys) {
   Progress progress(terminal, "count");
-  return registry.read_all([&](registry::Reader& reader) {
-    *keys = 0;
-    return reader.walk(name, registry::Hidden::kSkip, [&](const registry::Entry&) {
-      progress.show(++*keys, 0);
-      return Status();
-    });
+  registry::WalkOptions options;
+  options.denied = registry::WalkOptions::Denied::kSkip;
+  *keys = 0;
+  return client.walk(name, options, [&](const registry::WalkEntry&) {
+    progress.show(++*keys, 0);
+    return Status();
   });
 }
 
 Outcome key_name(const std::string& typed, std::string* name) {
   *name = typed == "." ? "" : stored_from_utf8(typed);
-  if (typed.empty()) return {Exit::kUsage, "a key's name is empty; the root is written '.'"};
+  if (typed.empty()) return {Exit::kUsage, "the name of a key is empty; the root is written as '.'"};
   return registry::check_name(*name);
 }
 

@@ -1,4 +1,4 @@
-// Context: what a verb works with: the registry that is configured, where data and messages go, what was asked for.
+// Context: what a verb works with: the configured registry, the place for data and messages, and the common options.
 #ifndef TKV_TOOLS_TKV_CONTEXT_H
 #define TKV_TOOLS_TKV_CONTEXT_H
 
@@ -10,13 +10,13 @@
 #include "arguments.h"
 #include "outcome.h"
 #include "output.h"
-#include "registry/open_store.h"
-#include "registry/registry.h"
+#include "registry/client.h"
+#include "registry/open_client.h"
 #include "terminal.h"
 
 namespace tkv::command {
 
-// Says why something failed; nothing for an outcome without a text.
+// Reports a failure on standard error. An outcome without a text says nothing.
 void complain(const Outcome& outcome, bool json);
 
 class Context {
@@ -26,16 +26,16 @@ class Context {
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
 
-  // Opens the registry for a verb that only reads: none is made. 3 when there is none.
+  // Opens the registry for a verb that only reads. Fails with Exit::kNotFound if there is none.
   Outcome open_to_read();
 
-  // Opens the registry for a verb that changes keys that are there.
+  // Opens the registry for a verb that changes existing keys. Fails with Exit::kNotFound if there is none.
   Outcome open_to_change();
 
-  // As the library does: a fresh registry is made when there is none.
-  Outcome open_or_make();
+  // Opens the registry, creating it if there is none, as the library does.
+  Outcome open_or_create();
 
-  registry::Registry& registry() { return *registry_; }
+  registry::Client& client() { return *client_; }
   const Terminal& terminal() const { return terminal_; }
   Output& output() { return output_; }
   bool json() const { return arguments_.json; }
@@ -43,13 +43,14 @@ class Context {
   // Prints one text as a line of data, safe for a terminal.
   void print(std::string_view text) { output_.line(for_output(terminal_, text)); }
 
-  // Says why something failed, in the form that was asked for.
+  // Reports a failure in the form that was asked for.
   void complain(const Outcome& outcome) const { command::complain(outcome, json()); }
 
-  // Several keys may be deleted without a question.
+  // Tells whether several keys may be deleted without asking.
   bool deletes_unasked() const { return arguments_.yes; }
 
-  // Tells whether several keys may be deleted. Asks on a terminal; 5 with the reason when the answer is no.
+  // Asks on the terminal whether several keys may be deleted. Fails with Exit::kConflict if the answer is no or nobody
+  // can be asked.
   Outcome allow_deleting(std::uint64_t keys, const std::string& what);
 
  private:
@@ -58,21 +59,21 @@ class Context {
   const Arguments& arguments_;
   Terminal terminal_;
   Output& output_;
-  std::shared_ptr<registry::Registry> registry_;
+  std::shared_ptr<registry::Client> client_;
 };
 
-// Opens a registry by its configuration. 3 when there is none and none is to be made.
+// Opens the registry of a configuration. Fails with Exit::kNotFound if there is none and `options` create none.
 Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
-                      std::shared_ptr<registry::Registry>* registry);
+                      std::shared_ptr<registry::Client>* client);
 
-// How many keys there are at and below a key, as far as the session can see them. 3 when it does not exist.
-Outcome count_keys(registry::Registry& registry, const Terminal& terminal, const std::string& name,
-                   std::uint64_t* keys);
+// Counts a key and the keys below it, as far as the caller may list them. Fails with Exit::kNotFound if there is no
+// such key.
+Outcome count_keys(registry::Client& client, const Terminal& terminal, const std::string& name, std::uint64_t* keys);
 
-// The name of a key as the registry keeps it: "." is the root.
+// Converts the name of a key from the command line to the registry's form; "." is the root. Fails with Exit::kUsage.
 Outcome key_name(const std::string& typed, std::string* name);
 
-// The name of a key for people: "." for the root.
+// The name of a key as people write it: "." for the root.
 std::string shown_name(std::string_view name);
 
 // "1 key", "3 keys".

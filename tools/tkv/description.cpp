@@ -15,7 +15,7 @@ void add_security(const sec_attr& security, JsonObject* object) {
                                 std::to_string(security.other_perm)}));
 }
 
-void add_other_reading(const StoredValue& value, JsonObject* object) {
+void add_other_reading(const registry::TypedValue& value, JsonObject* object) {
   if (const auto text = text_in_number(value)) object->raw("text", json_string(*text));
 }
 

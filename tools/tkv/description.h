@@ -12,7 +12,7 @@ namespace tkv::command {
 void add_security(const sec_attr& security, JsonObject* object);
 
 // Adds "text" for a value of a numeric type that also reads as text.
-void add_other_reading(const StoredValue& value, JsonObject* object);
+void add_other_reading(const registry::TypedValue& value, JsonObject* object);
 
 // What verbs that change something print with --json: {"done": "rm", "name": ...}.
 JsonObject done(const char* verb, std::string_view name);

@@ -1,28 +1,35 @@
-// What import and restore share: planning, showing and making a difference.
+// What import and restore share: finding, showing and applying a difference.
 #ifndef TKV_TOOLS_TKV_DIFFERENCE_H
 #define TKV_TOOLS_TKV_DIFFERENCE_H
 
 #include <cstdint>
-#include <string>
 
-#include "changes.h"
 #include "context.h"
 #include "outcome.h"
+#include "registry/client.h"
 
 namespace tkv::command {
 
-// What would have to change now, in a registry that is open. On a conflict the plan holds it all the same.
-Outcome plan_for(Context& context, const Snapshot& wanted, Manner manner, Plan* plan);
+// Finds what bringing in `wanted` would change now. On Exit::kConflict, `*difference` is complete all the same.
+Outcome find_difference(Context& context, const registry::Subtree& wanted, registry::MergeMode mode,
+                        registry::Difference* difference);
 
-// Brings a snapshot in, in one transaction. 5 when by now more keys would be deleted or changed than by `expected`.
-Outcome bring_in(Context& context, const Snapshot& wanted, Manner manner, bool parents, const Plan& expected,
-                 std::uint64_t* changes);
+struct ApplyRequest {
+  registry::MergeMode mode = registry::MergeMode::kAdd;
+  bool create_parents = false;
+  const registry::Difference& expected;  // that was shown or agreed to
+};
 
-// Prints the lines of an export that go (-) and come (+), or with --json the entries.
-void print_difference(Context& context, const Plan& plan);
+// Brings in `wanted`, in one transaction. Fails with Exit::kConflict if more keys would be deleted or changed by now
+// than expected. `*changes` receives the number of changes made.
+Outcome apply_difference(Context& context, const registry::Subtree& wanted, const ApplyRequest& request,
+                         std::uint64_t* changes);
 
-// Says what was done.
-void report_changes(Context& context, const char* did, const Snapshot& wanted, std::uint64_t changes);
+// Prints the lines of an export that would be removed (-) and added (+) or, with --json, the keys.
+void print_difference(Context& context, const registry::Difference& difference);
+
+// Reports what `verb` did.
+void report_changes(Context& context, const char* verb, const registry::Subtree& wanted, std::uint64_t changes);
 
 }  // namespace tkv::command
 

@@ -1,64 +1,53 @@
 #include "atomic_file.h"
 #include "context.h"
-#include "entry.h"
+#include "description.h"
 #include "json.h"
+#include "records.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-using registry::Reader;
-
-// The text of an export, key after key, to whatever takes it.
-Status write_export(Reader& reader, const std::string& top, Progress& progress, std::uint64_t* keys,
+// Writes the text of an export to whatever takes it, and counts its keys.
+Status write_export(Context& context, const std::string& top, std::uint64_t* keys,
                     FunctionRef<Status(std::string_view text)> take) {
+  Progress progress(context.terminal(), "export");
+  registry::WalkOptions options;
+  options.values = true;
   *keys = 0;
   if (Status taken = take(export_head(top)); !taken.ok()) return taken;
-  Status walked = reader.walk(top, registry::Hidden::kFail, [&](const registry::Entry& key) -> Status {
-    store::Value value;
-    if (Status read = reader.value(key, &value); !read.ok()) return read;
+  const Status walked = context.client().walk(top, options, [&](const registry::WalkEntry& entry) {
     progress.show(++*keys, 0);
-    return take((*keys == 1 ? "" : ",\n") + entry_line(copied(key, value)));
+    return take((*keys == 1 ? "" : ",\n") + record_line(record_of(entry)));
   });
   return walked.ok() ? take(export_tail()) : walked;
 }
 
-// Printed only when all of it could be read: half an export is no export.
+// Prints nothing unless everything could be read: half an export is no export.
 Outcome export_to_output(Context& context, const std::string& top) {
   std::string text;
   std::uint64_t keys = 0;
-  const Status read = context.registry().read_all([&](Reader& reader) {
-    Progress progress(context.terminal(), "export");  // gone before the text is printed
-    text.clear();
-    return write_export(reader, top, progress, &keys, [&](std::string_view part) {
-      text += part;
-      return Status();
-    });
+  const Status status = write_export(context, top, &keys, [&](std::string_view part) {
+    text += part;
+    return Status();
   });
-  if (read.ok()) context.output().write(text);
-  return read;
+  if (status.ok()) context.output().write(text);
+  return status;
 }
 
 Outcome export_to_file(Context& context, const std::string& top, const std::string& path) {
   AtomicFile file;
   Outcome written;
   std::uint64_t keys = 0;
-  Progress progress(context.terminal(), "export");
   if (Outcome opened = file.open(path, AtomicFile::Existing::kReplace); !opened.ok()) return opened;
-  const Status read = context.registry().read_all([&](Reader& reader) {
-    return write_export(reader, top, progress, &keys, [&](std::string_view text) {
-      written = file.write(text);
-      return written.ok() ? Status() : Status(PRTKV_UNKNOWN, written.text());
-    });
+  const Status status = write_export(context, top, &keys, [&](std::string_view text) {
+    written = file.write(text);
+    return written.ok() ? Status() : Status(PRTKV_UNKNOWN, written.text());
   });
   if (!written.ok()) return written;
-  if (!read.ok()) return read;
+  if (!status.ok()) return status;
   if (Outcome placed = file.commit(); !placed.ok()) return placed;
-  if (context.json()) {
-    JsonObject object;
-    object.raw("done", "\"export\"").text("name", top).utf8("file", path).number("keys", keys);
-    context.output().line(object.str());
-  }
+  if (context.json()) context.output().line(done("export", top).utf8("file", path).number("keys", keys).str());
   return {};
 }
 

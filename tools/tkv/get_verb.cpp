@@ -6,26 +6,27 @@
 #include "description.h"
 #include "json.h"
 #include "key_by_key.h"
+#include "registry/name.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-using registry::Reader;
+using registry::TypedValue;
 
 struct Reading {
-  std::string name;  // of --as
-  char end;          // of lines
-  bool ends;         // the value's last line has an end
+  std::string name;  // the argument of --as
+  char end;          // what ends a line
+  bool ends;         // whether the last line of the value is ended too
 };
 
-Outcome no_such_reading(const std::string& name, const StoredValue& value, const std::string& reading) {
-  return {Exit::kWrongType, registry::describe(name) + " holds no " + reading + " but " + type_name(value.type) + ", " +
-                                counted(value.bytes.size(), "byte")};
+Outcome no_such_reading(const std::string& name, const TypedValue& value, const std::string& reading) {
+  return {Exit::kWrongType, registry::describe(name) + " has no reading as " + reading + ": it is " +
+                                type_name(value.type) + ", " + counted(value.bytes.size(), "byte")};
 }
 
-// A text as people mean it: of type 3, or what a JVM stored under type 1 or 2.
-std::optional<std::string> any_text(const StoredValue& value) {
+// The text of a value of type 3, or the text that a JVM stored under type 1 or 2.
+std::optional<std::string> any_text(const TypedValue& value) {
   if (auto text = exact_text(value)) return text;
   if (auto text = text_in_number(value)) return text;
   const bool typed = value.type == kTypeText || value.type == kTypeBytes;
@@ -43,7 +44,7 @@ Outcome print_list(Context& context, const std::string& name, const std::vector<
   const auto holds_end = [](const std::string& element) { return element.find('\n') != std::string::npos; };
   if (reading.end == '\n' && std::any_of(elements.begin(), elements.end(), holds_end)) {
     note(context.terminal(), "tkv: note: an element of " + registry::describe(name) +
-                                 " holds a line end; --null or --json tell elements apart");
+                                 " contains a newline; use --null or --json to tell elements apart");
   }
   for (std::size_t at = 0; at < elements.size(); ++at) {
     print_text(context, elements[at], {reading.name, reading.end, reading.ends || at + 1 < elements.size()});
@@ -51,17 +52,17 @@ Outcome print_list(Context& context, const std::string& name, const std::vector<
   return {};
 }
 
-void mention_text(Context& context, const StoredValue& value) {
+void note_text_reading(Context& context, const TypedValue& value) {
   const auto text = text_in_number(value);
   if (!text || text->size() < 2 || !context.terminal().messages) return;
   note(context.terminal(), "tkv: note: the bytes also read as the text \"" + *text + "\"; --as text prints it");
 }
 
-Outcome print_by_itself(Context& context, const std::string& name, const StoredValue& value, const Reading& reading) {
+Outcome print_by_type(Context& context, const std::string& name, const TypedValue& value, const Reading& reading) {
   if (value.bytes.empty()) return {};
   if (const auto elements = exact_list(value)) return print_list(context, name, *elements, reading);
   if (const auto number = exact_number(value)) {
-    mention_text(context, value);
+    note_text_reading(context, value);
     print_text(context, std::to_string(*number), reading);
     return {};
   }
@@ -76,7 +77,7 @@ Outcome print_by_itself(Context& context, const std::string& name, const StoredV
   return {};
 }
 
-Outcome print_value(Context& context, const std::string& name, const StoredValue& value, const Reading& reading) {
+Outcome print_value(Context& context, const std::string& name, const TypedValue& value, const Reading& reading) {
   if (reading.name == "raw") {
     context.output().write(value.bytes);
     return {};
@@ -101,19 +102,10 @@ Outcome print_value(Context& context, const std::string& name, const StoredValue
     print_text(context, std::to_string(*number), reading);
     return {};
   }
-  return print_by_itself(context, name, value, reading);
+  return print_by_type(context, name, value, reading);
 }
 
-Outcome read_value(Context& context, const std::string& name, StoredValue* value) {
-  return context.registry().read([&](Reader& reader) {
-    store::Value found;
-    Status status = reader.value(name, &found);
-    if (status.ok()) *value = copied(found);
-    return status;
-  });
-}
-
-std::string value_json(const std::string& name, const StoredValue& value) {
+std::string value_json(const std::string& name, const TypedValue& value) {
   JsonObject object;
   object.text("name", name);
   add_value(value, &object);
@@ -125,14 +117,14 @@ Outcome run_get(Context& context, const Arguments& arguments) {
   const Reading reading{arguments.reading.value_or("auto"), arguments.null_ends ? '\0' : '\n', !arguments.no_newline};
   constexpr std::string_view kReadings[] = {"auto", "text", "list", "number", "hex", "raw"};
   if (std::find(std::begin(kReadings), std::end(kReadings), reading.name) == std::end(kReadings)) {
-    return {Exit::kUsage, "--as " + reading.name + ": a reading is auto, text, list, number, hex or raw"};
+    return {Exit::kUsage, "--as " + reading.name + ": choose auto, text, list, number, hex or raw"};
   }
   std::vector<std::string> names;
   if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
-    StoredValue value;
-    if (Outcome read = read_value(context, name, &value); !read.ok()) return read;
+    TypedValue value;
+    if (Status read = context.client().read_value(name, &value); !read.ok()) return read;
     if (!context.json()) return print_value(context, name, value, reading);
     *json = value_json(name, value);
     return {};

@@ -1,17 +1,21 @@
 #include <limits>
 #include <string>
 
-#include "changes.h"
 #include "context.h"
 #include "difference.h"
 #include "input.h"
 #include "json.h"
+#include "records.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
+using registry::Difference;
+using registry::MergeMode;
+using registry::Subtree;
+
+Outcome read_import(const Arguments& arguments, Subtree* wanted) {
   const std::string path = arguments.file.value_or("-");
   std::string text;
   if (Outcome read = read_file(path, std::numeric_limits<std::size_t>::max(), &text); !read.ok()) return read;
@@ -25,22 +29,29 @@ Outcome read_import(const Arguments& arguments, Snapshot* wanted) {
 }
 
 Outcome run_import(Context& context, const Arguments& arguments) {
-  Snapshot wanted;
-  Plan plan;
+  Subtree wanted;
+  Difference difference;
   if (arguments.merge && arguments.replace) return {Exit::kUsage, "--merge and --replace exclude each other"};
-  const Manner manner = arguments.merge ? Manner::kMerge : arguments.replace ? Manner::kReplace : Manner::kAdd;
+  const MergeMode mode = arguments.merge     ? MergeMode::kMerge
+                         : arguments.replace ? MergeMode::kReplace
+                                             : MergeMode::kAdd;
   if (Outcome read = read_import(arguments, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
-  // A conflict is part of the difference that is asked for.
-  Outcome planned = plan_for(context, wanted, manner, &plan);
-  if (arguments.dry_run && (planned.ok() || !plan.changes.empty())) print_difference(context, plan);
-  if (!planned.ok() || arguments.dry_run) return planned;
-  if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the import"); !allowed.ok())
-    return allowed;
+  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok())
+    return opened;
+  Outcome compared = find_difference(context, wanted, mode, &difference);
+  if (mode == MergeMode::kAdd && compared.exit() == Exit::kConflict) {
+    compared = {Exit::kConflict,
+                compared.text() + "; --merge changes what differs, --replace makes everything the same"};
+  }
+  // A conflict is a part of the difference that was asked for.
+  if (arguments.dry_run && (compared.ok() || !difference.changes.empty())) print_difference(context, difference);
+  if (!compared.ok() || arguments.dry_run) return compared;
+  const std::uint64_t removed = difference.count(registry::KeyChange::Kind::kRemove);
+  if (Outcome allowed = context.allow_deleting(removed, "the import"); !allowed.ok()) return allowed;
   std::uint64_t changes = 0;
-  Outcome done = bring_in(context, wanted, manner, arguments.parents, plan, &changes);
-  if (done.ok()) report_changes(context, "import", wanted, changes);
-  return done;
+  Outcome applied = apply_difference(context, wanted, {mode, arguments.parents, difference}, &changes);
+  if (applied.ok()) report_changes(context, "import", wanted, changes);
+  return applied;
 }
 
 constexpr std::array kOperands{

@@ -12,6 +12,8 @@
 namespace tkv::command {
 namespace {
 
+using registry::TypedValue;
+
 // Of what a value is made from. The largest value in hexadecimal digits with blanks between takes less.
 constexpr std::size_t kMostRead = std::size_t{8} * 1024 * 1024;
 
@@ -58,7 +60,7 @@ Outcome one_word(const Arguments& arguments, const char* what) {
                                                  : std::string("set takes one VALUE here; --list takes several")};
 }
 
-Outcome text_from(const Arguments& arguments, StoredValue* value) {
+Outcome text_from(const Arguments& arguments, TypedValue* value) {
   std::string text;
   bool was_read = false;
   if (Outcome single = one_word(arguments, "a VALUE"); !single.ok()) return single;
@@ -79,7 +81,7 @@ void add_lines(std::string_view text, std::vector<std::string>* elements) {
   }
 }
 
-Outcome list_from(const Arguments& arguments, StoredValue* value) {
+Outcome list_from(const Arguments& arguments, TypedValue* value) {
   std::vector<std::string> elements;
   for (const std::string& word : arguments.values) {
     std::string text;
@@ -97,7 +99,7 @@ Outcome list_from(const Arguments& arguments, StoredValue* value) {
   return list_value(elements, value);
 }
 
-Outcome number_from(const Arguments& arguments, StoredValue* value) {
+Outcome number_from(const Arguments& arguments, TypedValue* value) {
   std::string text;
   bool was_read = false;
   if (Outcome single = one_word(arguments, "a number"); !single.ok()) return single;
@@ -106,7 +108,7 @@ Outcome number_from(const Arguments& arguments, StoredValue* value) {
   return arguments.int32 ? parse_int32(text, value) : parse_int64(text, value);
 }
 
-Outcome bytes_from(const Arguments& arguments, StoredValue* value) {
+Outcome bytes_from(const Arguments& arguments, TypedValue* value) {
   bool was_read = false;
   if (Outcome single = one_word(arguments, "@FILE"); !single.ok()) return single;
   if (Outcome read = resolve(arguments.values.front(), arguments.literal, &value->bytes, &was_read); !read.ok()) {
@@ -140,7 +142,7 @@ Outcome read_file(const std::string& path, std::size_t limit, std::string* bytes
 
 bool names_input(const std::string& word) { return word == "-" || word.starts_with('@'); }
 
-Outcome value_from_arguments(const Arguments& arguments, StoredValue* value) {
+Outcome value_from_arguments(const Arguments& arguments, TypedValue* value) {
   const int kinds = arguments.list + arguments.int32 + arguments.int64 + (arguments.bytes || arguments.hex);
   if (kinds > 1) return {Exit::kUsage, "a value is one of --list, --int32, --int64 and --bytes or --hex"};
   if (arguments.type && !arguments.bytes && !arguments.hex) {

@@ -22,7 +22,7 @@ std::string shown_path(const std::string& path);
 bool names_input(const std::string& word);
 
 // The value that the operands and options of `set` ask for.
-Outcome value_from_arguments(const Arguments& arguments, StoredValue* value);
+Outcome value_from_arguments(const Arguments& arguments, registry::TypedValue* value);
 
 }  // namespace tkv::command
 

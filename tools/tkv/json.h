@@ -1,7 +1,7 @@
 // JSON: what verbs print with --json, and the text that export writes and import reads.
 //
-// A text in the registry's bytes is a JSON string where it is well-formed, else {"base64": "..."}; reading gives back
-// the same bytes. An entry is one line:
+// A text that the registry stores is a JSON string if it is well-formed, else {"base64": "..."}; reading it gives the
+// same bytes. A key is one line:
 //
 //   {"name":"a.b","owner":"root","group":"root","mode":"u=rlwscd,g=wcd,o=rl","type":"text","value":"hello"}
 //
@@ -15,18 +15,18 @@
 #include <string_view>
 #include <vector>
 
-#include "entry.h"
 #include "outcome.h"
+#include "registry/client.h"
 
 namespace tkv::command {
 
-// A string for text in UTF-8; the caller has made sure that it is.
+// A string. The text is well-formed UTF-8.
 std::string json_string(std::string_view utf8);
 
-// A string, or the marked base64, for a text in the registry's bytes.
+// A string or an object with base64, for a text that the registry stores.
 std::string json_text(std::string_view stored);
 
-// The same for a text that should be UTF-8, such as the name of a file.
+// The same for a text that should be UTF-8, such as a file name.
 std::string json_utf8(std::string_view text);
 
 // Members of an object, in the order of the calls.
@@ -49,17 +49,18 @@ std::string json_lines(const std::vector<std::string>& elements);
 std::string json_array(const std::vector<std::string>& elements);
 
 // Adds "type" and "value".
-void add_value(const StoredValue& value, JsonObject* object);
+void add_value(const registry::TypedValue& value, JsonObject* object);
 
-std::string entry_line(const Entry& entry);
+std::string record_line(const registry::KeyRecord& record);
 
-// What stands around the lines of an export.
+// What comes before and after the lines of an export.
 std::string export_head(std::string_view top);
 std::string export_tail();
 
-// Reads an export. Entries come back in the order of names, checked: names, parents, no name twice, nothing outside
-// the top. 2 with the place of what is wrong.
-Outcome parse_export(std::string_view text, Snapshot* snapshot);
+// Parses an export. The keys come back in the order of names. Fails with Exit::kUsage and the place of the mistake:
+// malformed JSON, unknown or repeated members, bad names, a name given twice, a key without its parent or outside the
+// top.
+Outcome parse_export(std::string_view text, registry::Subtree* subtree);
 
 }  // namespace tkv::command
 

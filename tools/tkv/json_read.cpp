@@ -9,22 +9,26 @@
 #include "json.h"
 #include "masks.h"
 #include "registry/name.h"
+#include "values.h"
 
 namespace tkv::command {
 namespace {
 
 using Json = nlohmann::json;
+using registry::KeyRecord;
+using registry::Subtree;
+using registry::TypedValue;
 
 Outcome wrong(std::string text) { return {Exit::kUsage, std::move(text)}; }
 
-// Finds the objects that name a member twice, the second of which would hide the first, and what is not JSON at all.
+// Finds text that is not JSON, and objects that name a member twice: the second would hide the first.
 class MemberCheck final : public nlohmann::json_sax<Json> {
  public:
   Outcome outcome() const { return outcome_; }
 
   bool key(string_t& name) override {
     if (open_.back().insert(name).second) return true;
-    outcome_ = wrong("the member \"" + name + "\" stands twice in one object");
+    outcome_ = wrong("the member \"" + name + "\" is given twice in one object");
     return false;
   }
 
@@ -55,7 +59,7 @@ class MemberCheck final : public nlohmann::json_sax<Json> {
   bool open() {
     open_.emplace_back();
     if (open_.size() <= kDeepest) return true;
-    outcome_ = wrong("arrays and objects are in each other too deeply");
+    outcome_ = wrong("arrays and objects are nested too deeply");
     return false;
   }
 
@@ -64,7 +68,7 @@ class MemberCheck final : public nlohmann::json_sax<Json> {
     return true;
   }
 
-  std::vector<std::set<std::string>> open_;  // the members so far; none of arrays
+  std::vector<std::set<std::string>> open_;  // of each open object, the members so far; arrays have none
   Outcome outcome_;
 };
 
@@ -107,23 +111,23 @@ bool read_text(const Json& json, std::string* stored) {
   return true;
 }
 
-Outcome read_list(const Json& json, StoredValue* value) {
+Outcome read_list(const Json& json, TypedValue* value) {
   std::vector<std::string> elements;
-  if (!json.is_array()) return wrong("the value of a list is an array of strings");
+  if (!json.is_array()) return wrong("the value of a list must be an array of strings");
   for (const Json& element : json) {
-    if (!element.is_string()) return wrong("the value of a list is an array of strings");
+    if (!element.is_string()) return wrong("the value of a list must be an array of strings");
     elements.push_back(element.get<std::string>());
   }
   return list_value(elements, value);
 }
 
-Outcome read_int32(const Json& json, StoredValue* value) {
-  if (!json.is_number_integer()) return wrong("the value of an int32 is a whole number");
+Outcome read_int32(const Json& json, TypedValue* value) {
+  if (!json.is_number_integer()) return wrong("the value of an int32 must be a whole number");
   return parse_int32(json.dump(), value);
 }
 
-// The value for a type by name, or for any type as marked bytes.
-Outcome read_named_value(const std::string& type, const Json& json, StoredValue* value) {
+// Reads the value of a type that is given by name; marked bytes are allowed for any type.
+Outcome read_named_value(const std::string& type, const Json& json, TypedValue* value) {
   const auto known = type_from_name(type);
   if (!known || *known == kTypeNone || !std::isalpha(static_cast<unsigned char>(type.front()))) {
     return wrong("unknown type \"" + type + "\"");
@@ -131,127 +135,121 @@ Outcome read_named_value(const std::string& type, const Json& json, StoredValue*
   if (*known == kTypeBytes || json.is_object()) {
     value->type = *known;
     if (read_marked(json, true, &value->bytes)) return {};
-    return wrong("the value of bytes is {\"utf8\": \"...\"} or {\"base64\": \"...\"}");
+    return wrong("the value of bytes must be {\"utf8\": \"...\"} or {\"base64\": \"...\"}");
   }
   if (*known == kTypeList) return read_list(json, value);
   if (*known == kTypeInt32) return read_int32(json, value);
-  if (!json.is_string()) return wrong("the value of this type is a string");
+  if (!json.is_string()) return wrong("the value of this type must be a string");
   if (*known == kTypeInt64) return parse_int64(json.get<std::string>(), value);
   *value = text_value(json.get<std::string>());
   return {};
 }
 
-Outcome read_value(const Json& object, Entry* entry) {
-  entry->has_value = object.contains("type");
+Outcome read_value(const Json& object, KeyRecord* record) {
+  record->has_value = object.contains("type");
   const bool given = object.contains("value");
-  if (!entry->has_value) return given ? wrong("a \"value\" without its \"type\"") : Outcome();
+  if (!record->has_value) return given ? wrong("there is a \"value\" without a \"type\"") : Outcome();
   const Json& type = object["type"];
-  entry->value = {};
-  if (type == "none") return given ? wrong("the type \"none\" has no \"value\"") : Outcome();
-  if (!given) return wrong("a \"type\" without a \"value\"");
-  if (type.is_string()) return read_named_value(type.get<std::string>(), object["value"], &entry->value);
+  record->value = {};
+  if (type == "none") return given ? wrong("a key of type \"none\" must not have a \"value\"") : Outcome();
+  if (!given) return wrong("there is a \"type\" without a \"value\"");
+  if (type.is_string()) return read_named_value(type.get<std::string>(), object["value"], &record->value);
   if (!type.is_number_integer() || type < std::numeric_limits<std::int32_t>::min() ||
       type > std::numeric_limits<std::int32_t>::max()) {
-    return wrong("\"type\" is a name or a number of 32 bits");
+    return wrong("\"type\" must be a name or a number of 32 bits");
   }
-  entry->value.type = type.get<std::int32_t>();
-  if (read_marked(object["value"], true, &entry->value.bytes)) return {};
-  return wrong("the value of a numbered type is {\"utf8\": \"...\"} or {\"base64\": \"...\"}");
+  record->value.type = type.get<std::int32_t>();
+  if (read_marked(object["value"], true, &record->value.bytes)) return {};
+  return wrong("the value of a numbered type must be {\"utf8\": \"...\"} or {\"base64\": \"...\"}");
 }
 
-// A mode that says all three masks, whatever stood before.
+// Reads a mode that gives all three masks, whatever they were before.
 Outcome read_mode(const Json& json, sec_attr* security) {
-  if (!json.is_string()) return wrong("\"mode\" is a string");
-  Mode mode;
-  if (Outcome parsed = Mode::parse(json.get<std::string>(), &mode); !parsed.ok()) return parsed;
-  sec_attr from_none{};
-  sec_attr from_all{TKV_RIGHT_ALL, TKV_RIGHT_ALL, TKV_RIGHT_ALL, {}, {}};
-  mode.apply_to(&from_none);
-  mode.apply_to(&from_all);
-  if (mode_of(from_none) != mode_of(from_all)) return wrong("\"mode\" has to set u, g and o");
-  security->user_perm = from_none.user_perm;
-  security->group_perm = from_none.group_perm;
-  security->other_perm = from_none.other_perm;
-  return {};
+  if (!json.is_string()) return wrong("\"mode\" must be a string");
+  registry::SecurityChange change;
+  if (Outcome parsed = parse_mode(json.get<std::string>(), &change); !parsed.ok()) return parsed;
+  if (!sets_all_masks(change)) return wrong("\"mode\" must set u, g and o");
+  return change.apply(security);
 }
 
-Outcome read_security(const Json& object, Entry* entry) {
-  entry->has_owner = object.contains("owner");
-  entry->has_group = object.contains("group");
-  entry->has_mode = object.contains("mode");
+Outcome read_security(const Json& object, KeyRecord* record) {
+  record->has_owner = object.contains("owner");
+  record->has_group = object.contains("group");
+  record->has_mode = object.contains("mode");
   std::string name;
-  if (entry->has_owner) {
-    if (!read_text(object["owner"], &name)) return wrong("\"owner\" is a string");
-    if (Status set = registry::set_user(&entry->security, name); !set.ok()) return set;
+  if (record->has_owner) {
+    if (!read_text(object["owner"], &name)) return wrong("\"owner\" must be a string");
+    if (Status set = registry::set_user(&record->security, name); !set.ok()) return set;
   }
-  if (entry->has_group) {
-    if (!read_text(object["group"], &name)) return wrong("\"group\" is a string");
-    if (Status set = registry::set_group(&entry->security, name); !set.ok()) return set;
+  if (record->has_group) {
+    if (!read_text(object["group"], &name)) return wrong("\"group\" must be a string");
+    if (Status set = registry::set_group(&record->security, name); !set.ok()) return set;
   }
-  return entry->has_mode ? read_mode(object["mode"], &entry->security) : Outcome();
+  return record->has_mode ? read_mode(object["mode"], &record->security) : Outcome();
 }
 
-Outcome read_entry(const Json& json, Entry* entry) {
-  if (!json.is_object() || !json.contains("name")) return wrong("a key is an object with a \"name\"");
+Outcome read_record(const Json& json, KeyRecord* record) {
+  if (!json.is_object() || !json.contains("name")) return wrong("a key must be an object with a \"name\"");
   std::string other;
-  if (!read_text(json["name"], &entry->name)) return wrong("\"name\" is a string");
+  if (!read_text(json["name"], &record->name)) return wrong("\"name\" must be a string");
   if (!has_only(json, {"name", "owner", "group", "mode", "type", "value"}, &other)) {
     return wrong("a key has no member \"" + other + "\"");
   }
-  if (Status named = registry::check_name(entry->name); !named.ok()) return named;
-  if (Outcome secured = read_security(json, entry); !secured.ok()) return secured;
-  return read_value(json, entry);
+  if (Status named = registry::check_name(record->name); !named.ok()) return named;
+  if (Outcome secured = read_security(json, record); !secured.ok()) return secured;
+  return read_value(json, record);
 }
 
-// Names once, all within the top, each with its parent.
-Outcome check_order(const Snapshot& snapshot) {
-  if (snapshot.entries.front().name != snapshot.top) {
-    return wrong("the top, " + registry::describe(snapshot.top) + ", is not among the keys");
+// Checks that all keys lie within the top, each once, and each with its parent.
+Outcome check_order(const Subtree& subtree) {
+  if (subtree.keys.front().name != subtree.top) {
+    return wrong("the top, " + registry::describe(subtree.top) + ", is not among the keys");
   }
   std::set<std::string_view> seen;
-  for (const Entry& entry : snapshot.entries) {
-    const std::string shown = registry::describe(entry.name);
-    if (!registry::is_within(entry.name, snapshot.top)) return wrong(shown + " lies outside the top");
-    if (!seen.insert(entry.name).second) return wrong(shown + " stands twice");
-    if (entry.name != snapshot.top && !seen.contains(registry::parent_of(entry.name))) {
+  for (const KeyRecord& record : subtree.keys) {
+    const std::string shown = registry::describe(record.name);
+    if (!registry::is_within(record.name, subtree.top)) return wrong(shown + " is outside the top");
+    if (!seen.insert(record.name).second) return wrong(shown + " is given twice");
+    if (record.name != subtree.top && !seen.contains(registry::parent_of(record.name))) {
       return wrong("the parent of " + shown + " is not among the keys");
     }
   }
   return {};
 }
 
-Outcome read_snapshot(const Json& json, Snapshot* snapshot) {
+Outcome read_subtree(const Json& json, Subtree* subtree) {
   std::string other;
   if (!json.is_object() || json.value("tkv", Json()) != 1) {
     return wrong("not an export: the object has no \"tkv\":1");
   }
   if (!has_only(json, {"tkv", "top", "keys"}, &other)) return wrong("an export has no member \"" + other + "\"");
-  if (!json.contains("top") || !read_text(json["top"], &snapshot->top)) return wrong("\"top\" is a string");
+  if (!json.contains("top") || !read_text(json["top"], &subtree->top)) return wrong("\"top\" must be a string");
   if (!json.contains("keys") || !json["keys"].is_array() || json["keys"].empty()) {
-    return wrong("\"keys\" is an array of at least the top");
+    return wrong("\"keys\" must be an array that holds at least the top");
   }
   for (const Json& each : json["keys"]) {
-    Entry entry;
-    if (Outcome read = read_entry(each, &entry); !read.ok()) {
-      const std::size_t at = snapshot->entries.size() + 1;
+    KeyRecord record;
+    if (Outcome read = read_record(each, &record); !read.ok()) {
+      const std::size_t at = subtree->keys.size() + 1;
       return {read.exit(), "key " + std::to_string(at) +
-                               (entry.name.empty() ? "" : " (" + registry::describe(entry.name) + ")") + ": " +
+                               (record.name.empty() ? "" : " (" + registry::describe(record.name) + ")") + ": " +
                                read.text()};
     }
-    snapshot->entries.push_back(std::move(entry));
+    subtree->keys.push_back(std::move(record));
   }
-  std::stable_sort(snapshot->entries.begin(), snapshot->entries.end(),
-                   [](const Entry& left, const Entry& right) { return name_before(left.name, right.name); });
-  return check_order(*snapshot);
+  std::stable_sort(subtree->keys.begin(), subtree->keys.end(), [](const KeyRecord& left, const KeyRecord& right) {
+    return registry::name_before(left.name, right.name);
+  });
+  return check_order(*subtree);
 }
 
 }  // namespace
 
-Outcome parse_export(std::string_view text, Snapshot* snapshot) {
-  *snapshot = {};
+Outcome parse_export(std::string_view text, Subtree* subtree) {
+  *subtree = {};
   Json json;
   if (Outcome parsed = parse(text, &json); !parsed.ok()) return parsed;
-  return read_snapshot(json, snapshot);
+  return read_subtree(json, subtree);
 }
 
 }  // namespace tkv::command

@@ -2,9 +2,12 @@
 #include "json.h"
 #include "masks.h"
 #include "registry/access.h"
+#include "values.h"
 
 namespace tkv::command {
 namespace {
+
+using registry::TypedValue;
 
 std::string base64_object(std::string_view bytes) { return R"({"base64":")" + base64_from(bytes) + "\"}"; }
 
@@ -16,7 +19,7 @@ std::string list_json(const std::vector<std::string>& elements) {
 }
 
 // The value of an exact reading and its type's name.
-bool add_exact(const StoredValue& value, JsonObject* object) {
+bool add_exact(const TypedValue& value, JsonObject* object) {
   std::string json;
   if (const auto text = exact_text(value)) {
     json = json_string(*text);
@@ -79,7 +82,7 @@ std::string json_array(const std::vector<std::string>& elements) {
   return json + ']';
 }
 
-void add_value(const StoredValue& value, JsonObject* object) {
+void add_value(const TypedValue& value, JsonObject* object) {
   if (value.type == kTypeNone && value.bytes.empty()) {
     object->raw("type", "\"none\"");
     return;
@@ -94,13 +97,13 @@ void add_value(const StoredValue& value, JsonObject* object) {
               is_utf8(value.bytes) ? R"({"utf8":)" + json_string(value.bytes) + "}" : base64_object(value.bytes));
 }
 
-std::string entry_line(const Entry& entry) {
+std::string record_line(const registry::KeyRecord& record) {
   JsonObject object;
-  object.text("name", entry.name);
-  if (entry.has_owner) object.text("owner", registry::user_of(entry.security));
-  if (entry.has_group) object.text("group", registry::group_of(entry.security));
-  if (entry.has_mode) object.raw("mode", json_string(mode_of(entry.security)));
-  if (entry.has_value) add_value(entry.value, &object);
+  object.text("name", record.name);
+  if (record.has_owner) object.text("owner", registry::user_of(record.security));
+  if (record.has_group) object.text("group", registry::group_of(record.security));
+  if (record.has_mode) object.raw("mode", json_string(mode_of(record.security)));
+  if (record.has_value) add_value(record.value, &object);
   return object.str();
 }
 

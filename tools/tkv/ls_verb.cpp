@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "characters.h"
@@ -6,98 +7,85 @@
 #include "description.h"
 #include "json.h"
 #include "masks.h"
+#include "records.h"
 #include "registry/access.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-using registry::Reader;
-
-struct Subkey {
+// A subkey as it is listed.
+struct Row {
   std::string level;
-  sec_attr security{};
-  bool readable = false;
-  registry::Stat stat;
-};
+  registry::KeyInfo info;
 
-Outcome read_subkeys(Context& context, const std::string& name, bool described, std::vector<Subkey>* subkeys) {
-  return context.registry().read_all([&](Reader& reader) -> Status {
-    subkeys->clear();
-    Status status = reader.list(name, [&](std::string_view level, const store::Node& node) {
-      const registry::Rights rights = registry::rights_of(reader.identity(), node.security);
-      subkeys->push_back({std::string(level), node.security, (rights & TKV_RIGHT_READ) != 0, {}});
-      return Status();
-    });
-    for (Subkey& subkey : *subkeys) {
-      if (!status.ok() || !described || !subkey.readable) continue;
-      status = reader.stat(child_name(name, subkey.level), &subkey.stat);
-    }
-    return status;
-  });
-}
+  bool readable() const { return (info.rights & TKV_RIGHT_READ) != 0; }
+};
 
 std::string padded_left(const std::string& text, std::size_t width) {
   return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
-// The columns before the name. What the session may not read is not told.
-std::string described(const Subkey& subkey, std::size_t owner_width, std::size_t group_width) {
-  const sec_attr& security = subkey.security;
-  const auto told = [&](std::string_view text) { return subkey.readable ? std::string(text) : "?"; };
+// The columns before the name. What the caller may not read is shown as "?".
+std::string described(const Row& row, std::size_t owner_width, std::size_t group_width) {
+  const sec_attr& security = row.info.security;
+  const auto shown = [&](std::string_view text) { return row.readable() ? std::string(text) : "?"; };
   const std::string rights =
       columns_of(security.user_perm) + " " + columns_of(security.group_perm) + " " + columns_of(security.other_perm);
-  return padded(told(rights), rights.size()) + " " + padded(told(registry::user_of(security)), owner_width) + " " +
-         padded(told(registry::group_of(security)), group_width) + " " + padded(told(type_name(subkey.stat.type)), 5) +
-         " " + padded_left(told(std::to_string(subkey.stat.size)), 7) + " ";
+  return padded(shown(rights), rights.size()) + " " + padded(shown(registry::user_of(security)), owner_width) + " " +
+         padded(shown(registry::group_of(security)), group_width) + " " + padded(shown(type_name(row.info.type)), 5) +
+         " " + padded_left(shown(std::to_string(row.info.size)), 7) + " ";
 }
 
 void print_name(Context& context, std::string_view name) {
   context.output().write(painted(context.terminal(), Ink::kKey, for_output(context.terminal(), utf8_for_people(name))));
 }
 
-void print_subkeys(Context& context, const std::string& parent, const std::vector<Subkey>& subkeys,
-                   const Arguments& arguments) {
+void print_rows(Context& context, const std::string& parent, const std::vector<Row>& rows, const Arguments& arguments) {
   std::size_t owner_width = 0;
   std::size_t group_width = 0;
-  for (const Subkey& subkey : subkeys) {
-    owner_width = std::max(owner_width, registry::user_of(subkey.security).size());
-    group_width = std::max(group_width, registry::group_of(subkey.security).size());
+  for (const Row& row : rows) {
+    owner_width = std::max(owner_width, registry::user_of(row.info.security).size());
+    group_width = std::max(group_width, registry::group_of(row.info.security).size());
   }
-  for (const Subkey& subkey : subkeys) {
+  for (const Row& row : rows) {
     if (arguments.long_lines) {
-      context.output().write(for_output(context.terminal(), described(subkey, owner_width, group_width)));
+      context.output().write(for_output(context.terminal(), described(row, owner_width, group_width)));
     }
-    print_name(context, arguments.full_names ? child_name(parent, subkey.level) : subkey.level);
-    if (arguments.long_lines && subkey.stat.has_subkeys) context.output().write(".");
+    print_name(context, arguments.full_names ? child_name(parent, row.level) : row.level);
+    if (arguments.long_lines && row.info.has_subkeys) context.output().write(".");
     context.output().write(arguments.null_ends ? std::string_view("\0", 1) : "\n");
   }
 }
 
-std::string subkey_json(const std::string& parent, const Subkey& subkey, bool described) {
+std::string row_json(const std::string& parent, const Row& row, bool described) {
   JsonObject object;
-  object.text("level", subkey.level).text("name", child_name(parent, subkey.level));
-  if (!described || !subkey.readable) return object.str();
-  add_security(subkey.security, &object);
-  object.raw("type", json_string(type_name(subkey.stat.type)))
-      .number("size", subkey.stat.size)
-      .flag("subkeys", subkey.stat.has_subkeys);
+  object.text("level", row.level).text("name", child_name(parent, row.level));
+  if (!described || !row.readable()) return object.str();
+  add_security(row.info.security, &object);
+  object.raw("type", json_string(type_name(row.info.type)))
+      .number("size", row.info.size)
+      .flag("subkeys", row.info.has_subkeys);
   return object.str();
 }
 
 Outcome run_ls(Context& context, const Arguments& arguments) {
   std::string name;
-  std::vector<Subkey> subkeys;
+  std::vector<Row> rows;
   if (Outcome named = key_name(arguments.key.value_or("."), &name); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (Outcome read = read_subkeys(context, name, arguments.long_lines, &subkeys); !read.ok()) return read;
+  const Status listed = context.client().list(name, arguments.long_lines, [&](const registry::Subkey& subkey) {
+    rows.push_back({std::string(subkey.level), subkey.info});
+    return Status();
+  });
+  if (!listed.ok()) return listed;
   if (context.json()) {
     std::vector<std::string> objects;
-    objects.reserve(subkeys.size());
-    for (const Subkey& subkey : subkeys) objects.push_back(subkey_json(name, subkey, arguments.long_lines));
+    objects.reserve(rows.size());
+    for (const Row& row : rows) objects.push_back(row_json(name, row, arguments.long_lines));
     context.output().line(json_lines(objects));
   } else {
-    print_subkeys(context, name, subkeys, arguments);
+    print_rows(context, name, rows, arguments);
   }
   return {};
 }

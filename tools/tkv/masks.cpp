@@ -3,8 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
-
-#include "base/identity.h"
+#include <vector>
 
 namespace tkv::command {
 namespace {
@@ -20,14 +19,14 @@ constexpr std::array<Letter, 6> kLetters{{{'r', TKV_RIGHT_READ},
                                           {'c', TKV_RIGHT_CREATE},
                                           {'d', TKV_RIGHT_DELETE}}};
 
-std::string hex_of(std::int32_t mask) {
+std::string hexadecimal(std::int32_t mask) {
   char text[16];
   static_cast<void>(std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(mask)));
   return text;
 }
 
 std::string letters_of(std::int32_t mask) {
-  if ((mask & ~TKV_RIGHT_ALL) != 0) return hex_of(mask);
+  if ((mask & ~TKV_RIGHT_ALL) != 0) return hexadecimal(mask);
   std::string text;
   for (const Letter& each : kLetters) {
     if ((mask & each.right) != 0) text.push_back(each.letter);
@@ -48,8 +47,8 @@ bool parse_number(std::string_view text, std::int32_t* mask) {
 Outcome bad_mode(std::string_view text) {
   return {Exit::kUsage,
           "'" + std::string(text) +
-              "' is not a mode: three numbers such as 0x3f,0x34,0x3, or clauses such as u=rlw,g+r,o= with "
-              "the rights r (read), l (list), w (write), s (security), c (create), d (delete)"};
+              "' is not a mode; write three numbers such as 0x3f,0x34,0x3, or clauses such as u=rlw,g+r,o= with "
+              "the rights r (read), l (list), w (write), s (security), c (create) and d (delete)"};
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {
@@ -62,14 +61,37 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   }
 }
 
-void change_mask(char change, std::int32_t mask, std::int32_t* target) {
-  if (change == '+') {
-    *target |= mask;
-  } else if (change == '-') {
-    *target &= ~mask;
+// Makes a clause a part of what is done to a mask: bits are cleared first, then set.
+void add_clause(char operation, std::int32_t mask, registry::MaskChange* change) {
+  if (operation == '+') {
+    change->set |= mask;
+  } else if (operation == '-') {
+    change->clear |= mask;
+    change->set &= ~mask;
   } else {
-    *target = mask;
+    *change = {~0, mask};
   }
+}
+
+// Parses one clause and adds it to the masks that it names.
+Outcome parse_clause(std::string_view text, registry::SecurityChange* change) {
+  const std::size_t at = text.find_first_of("+-=");
+  if (at == 0 || at == std::string_view::npos) return bad_mode(text);
+  const std::string_view classes = text.substr(0, at);
+  if (classes.find_first_not_of("ugoa") != std::string_view::npos) return bad_mode(text);
+  std::int32_t mask = 0;
+  if (Outcome parsed = parse_rights(text.substr(at + 1), &mask); !parsed.ok()) return parsed;
+  const auto names = [&](char letter) {
+    return classes.find(letter) != std::string_view::npos || classes.find('a') != std::string_view::npos;
+  };
+  if (names('u')) add_clause(text[at], mask, &change->owner_mask);
+  if (names('g')) add_clause(text[at], mask, &change->group_mask);
+  if (names('o')) add_clause(text[at], mask, &change->other_mask);
+  return {};
+}
+
+bool sets_all(const registry::MaskChange& change) {
+  return ((change.clear | change.set) & TKV_RIGHT_ALL) == TKV_RIGHT_ALL;
 }
 
 }  // namespace
@@ -86,14 +108,15 @@ std::string mode_of(const sec_attr& security) {
 }
 
 std::string numbers_of(const sec_attr& security) {
-  return hex_of(security.user_perm) + "," + hex_of(security.group_perm) + "," + hex_of(security.other_perm);
+  return hexadecimal(security.user_perm) + "," + hexadecimal(security.group_perm) + "," +
+         hexadecimal(security.other_perm);
 }
 
 Outcome parse_rights(std::string_view text, std::int32_t* mask) {
   *mask = 0;
   if (!text.empty() && text.front() >= '0' && text.front() <= '9') {
     if (parse_number(text, mask)) return {};
-    return {Exit::kUsage, "'" + std::string(text) + "' is not a mask: a number up to 0x3f"};
+    return {Exit::kUsage, "'" + std::string(text) + "' is not a mask: the largest is 0x3f"};
   }
   for (const char letter : text) {
     std::int32_t right = 0;
@@ -101,70 +124,47 @@ Outcome parse_rights(std::string_view text, std::int32_t* mask) {
       if (each.letter == letter) right = each.right;
     }
     if (right == 0) {
-      return {Exit::kUsage, std::string("'") + letter + "' is not a right: r, l, w, s, c and d are"};
+      return {Exit::kUsage, std::string("'") + letter + "' is not a right; the rights are r, l, w, s, c and d"};
     }
     *mask |= right;
   }
   return {};
 }
 
-Outcome Mode::parse_clause(std::string_view text, Clause* clause) {
-  const std::size_t at = text.find_first_of("+-=");
-  if (at == 0 || at == std::string_view::npos) return bad_mode(text);
-  for (const char who : text.substr(0, at)) {
-    if (who != 'u' && who != 'g' && who != 'o' && who != 'a') return bad_mode(text);
-    clause->user |= who == 'u' || who == 'a';
-    clause->group |= who == 'g' || who == 'a';
-    clause->other |= who == 'o' || who == 'a';
-  }
-  clause->change = text[at];
-  return parse_rights(text.substr(at + 1), &clause->mask);
-}
-
-Outcome Mode::parse(std::string_view text, Mode* mode) {
-  mode->clauses_.clear();
+Outcome parse_mode(std::string_view text, registry::SecurityChange* change) {
   const std::vector<std::string_view> parts = split(text, ',');
   std::array<std::int32_t, 3> masks{};
+  change->owner_mask = change->group_mask = change->other_mask = {};
   if (parts.size() == 3 && parse_number(parts[0], &masks[0]) && parse_number(parts[1], &masks[1]) &&
       parse_number(parts[2], &masks[2])) {
-    mode->clauses_ = {
-        {true, false, false, '=', masks[0]}, {false, true, false, '=', masks[1]}, {false, false, true, '=', masks[2]}};
+    add_clause('=', masks[0], &change->owner_mask);
+    add_clause('=', masks[1], &change->group_mask);
+    add_clause('=', masks[2], &change->other_mask);
     return {};
   }
   for (const std::string_view part : parts) {
-    Clause clause;
-    if (Outcome parsed = parse_clause(part, &clause); !parsed.ok()) return parsed;
-    mode->clauses_.push_back(clause);
+    if (Outcome parsed = parse_clause(part, change); !parsed.ok()) return parsed;
   }
   return {};
 }
 
-void Mode::apply_to(sec_attr* security) const {
-  for (const Clause& clause : clauses_) {
-    if (clause.user) change_mask(clause.change, clause.mask, &security->user_perm);
-    if (clause.group) change_mask(clause.change, clause.mask, &security->group_perm);
-    if (clause.other) change_mask(clause.change, clause.mask, &security->other_perm);
-  }
+bool sets_all_masks(const registry::SecurityChange& change) {
+  return sets_all(change.owner_mask) && sets_all(change.group_mask) && sets_all(change.other_mask);
 }
 
-Outcome Ownership::parse(std::string_view text, Ownership* ownership) {
+Outcome parse_ownership(std::string_view text, registry::SecurityChange* change) {
   const std::size_t at = text.find(':');
   const std::string_view owner = text.substr(0, at);
   const std::string_view group = at == std::string_view::npos ? std::string_view() : text.substr(at + 1);
-  ownership->owner.reset();
-  ownership->group.reset();
-  if (!owner.empty()) ownership->owner = owner;
-  if (!group.empty()) ownership->group = group;
-  if (ownership->owner || ownership->group) return {};
-  return {Exit::kUsage, "'" + std::string(text) + "' names neither owner nor group: OWNER, OWNER:GROUP or :GROUP"};
-}
-
-Outcome Ownership::apply_to(sec_attr* security) const {
-  if (owner) {
-    if (Status set = registry::set_user(security, *owner); !set.ok()) return set;
+  if (owner.empty() && group.empty()) {
+    return {Exit::kUsage, "'" + std::string(text) + "' names neither owner nor group: OWNER, OWNER:GROUP or :GROUP"};
   }
-  if (group) return registry::set_group(security, *group);
-  return {};
+  change->owner.reset();
+  change->group.reset();
+  if (!owner.empty()) change->owner = owner;
+  if (!group.empty()) change->group = group;
+  sec_attr trial{};
+  return change->apply(&trial);
 }
 
 }  // namespace tkv::command

@@ -2,36 +2,40 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
+#include <memory>
+#include <span>
 #include <vector>
 
-#include "changes.h"
 #include "characters.h"
 #include "context.h"
-#include "entry.h"
 #include "json.h"
-#include "new_key_security.h"
+#include "new_key_options.h"
+#include "records.h"
 #include "registry/name.h"
+#include "registry/open_client.h"
+#include "values.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
 using registry::Configuration;
-using registry::Reader;
-using registry::Registry;
-using registry::Writer;
+using registry::Subtree;
 
-// A key of the target while it is not complete: its value says what the migration is from.
+// The key that marks a target as incomplete. Its value names the source.
 constexpr const char* kMarker = "__tkv_migration";
 
-constexpr std::size_t kBatch = 500;  // changes a transaction, where the store takes as many
-constexpr int kPasses = 5;           // over a source that others change meanwhile
+constexpr std::size_t kMaxBatch = 500;  // changes in a transaction
+constexpr int kMaxPasses = 5;           // over a source that others keep changing
 
 struct Side {
   std::string place;  // as typed
-  std::shared_ptr<Registry> registry;
+  std::shared_ptr<registry::Client> client;
+};
+
+struct Report {
+  std::uint64_t keys = 0;
+  std::uint64_t changes = 0;
 };
 
 bool is_file(const std::string& path) {
@@ -49,8 +53,8 @@ std::vector<std::string> split_addresses(const std::string& text) {
   }
 }
 
-// What a place means: a configuration file, a directory, or addresses of an etcd cluster. The two latter take the rest
-// from the configuration in force.
+// Finds the configuration of a place: that of a configuration file or, for a directory or the addresses of an etcd
+// cluster, the one in force with this location.
 Outcome configure(const std::string& place, Configuration* configuration) {
   if (is_file(place)) {
     registry::Surroundings surroundings = registry::Surroundings::of_process();
@@ -76,176 +80,147 @@ Outcome configure(const std::string& place, Configuration* configuration) {
 Outcome open_side(const registry::OpenOptions& options, Side* side) {
   Configuration configuration;
   if (Outcome configured = configure(side->place, &configuration); !configured.ok()) return configured;
-  Outcome opened = open_registry(std::move(configuration), options, &side->registry);
+  Outcome opened = open_registry(std::move(configuration), options, &side->client);
   return opened.ok() ? opened : Outcome(opened.exit(), side->place + ": " + opened.text());
 }
 
-// Whatever path leads there.
-bool is_same_place(const Configuration& one, const Configuration& other) {
-  std::error_code unknown;
-  if (one.is_distributed() != other.is_distributed()) return false;
-  if (one.is_distributed()) return one.locations == other.locations && one.etcd_prefix == other.etcd_prefix;
-  return std::filesystem::equivalent(one.locations.front(), other.locations.front(), unknown);
-}
-
-Outcome read_side(Context& context, const Side& side, const char* doing, Snapshot* snapshot) {
-  Progress progress(context.terminal(), doing);
-  const Status read = side.registry->read_all([&](Reader& reader) {
-    return read_snapshot(reader, "", snapshot, [&](std::uint64_t keys) { progress.show(keys, 0); });
+Outcome read_side(Context& context, const Side& side, const char* label, Subtree* subtree) {
+  Progress progress(context.terminal(), label);
+  registry::WalkOptions options;
+  options.values = true;
+  subtree->keys.clear();
+  const Status walked = side.client->walk("", options, [&](const registry::WalkEntry& entry) {
+    subtree->keys.push_back(record_of(entry));
+    progress.show(subtree->keys.size(), 0);
+    return Status();
   });
-  return read.ok() ? Outcome() : Outcome(read.about(side.place));
+  return walked.ok() ? Outcome() : Outcome(walked.about(side.place));
 }
 
-// The state of a target before the migration goes on.
-struct Beginning {
+// What a target holds before the migration begins or goes on.
+struct TargetState {
   bool marked = false;
   std::string from;  // by the marker
-  std::size_t others = 0;
+  std::size_t other_keys = 0;
 };
 
-Outcome look(const Side& target, Beginning* found) {
-  return target.registry->read([&](Reader& reader) -> Status {
-    *found = {};
-    Status listed = reader.list("", [&](std::string_view level, const store::Node&) {
-      found->marked |= level == kMarker;
-      found->others += level == kMarker ? 0 : 1;
-      return Status();
-    });
-    if (!listed.ok() || !found->marked) return listed;
-    store::Value value;
-    if (Status read = reader.value(kMarker, &value); !read.ok()) return read;
-    found->from = exact_text(copied(value)).value_or("");
-    return {};
+Status inspect(registry::Client& target, TargetState* state) {
+  Status listed = target.list("", false, [&](const registry::Subkey& subkey) {
+    state->marked |= subkey.level == kMarker;
+    state->other_keys += subkey.level == kMarker ? 0 : 1;
+    return Status();
   });
+  if (!listed.ok() || !state->marked) return listed;
+  registry::TypedValue value;
+  if (Status read = target.read_value(kMarker, &value); !read.ok()) return read;
+  state->from = exact_text(value).value_or("");
+  return {};
 }
 
 Outcome ask_for_replacement(Context& context, const Side& target) {
   std::uint64_t keys = 0;
   if (context.deletes_unasked()) return {};
-  if (Outcome counted = count_keys(*target.registry, context.terminal(), "", &keys); !counted.ok()) return counted;
+  if (Outcome counted = count_keys(*target.client, context.terminal(), "", &keys); !counted.ok()) return counted;
   return context.allow_deleting(keys - 1, "replacing what " + target.place + " holds");  // the root stays
 }
 
-// Whether the target may be written to: it is empty, or an unfinished migration from the same place, or it was told.
-Outcome demand_target(Context& context, const Side& source, const Side& target, bool overwrite, bool* marked) {
-  Beginning found;
-  if (Outcome looked = look(target, &found); !looked.ok()) return looked;
-  *marked = found.marked && found.from == source.place;
-  if (*marked || (!found.marked && found.others == 0)) return {};
+// Tells whether the target may be written to: it is empty, or holds an unfinished migration from the same source, or
+// its contents may be replaced.
+Outcome demand_target(Context& context, const Side& source, const Side& target, bool overwrite, bool* resumed) {
+  TargetState state;
+  if (Outcome inspected = inspect(*target.client, &state); !inspected.ok()) return inspected;
+  *resumed = state.marked && state.from == source.place;
+  if (*resumed || (!state.marked && state.other_keys == 0)) return {};
   if (overwrite) return ask_for_replacement(context, target);
-  if (found.marked) {
-    return {Exit::kConflict, target.place + " holds an unfinished migration from " + found.from +
-                                 "; --overwrite replaces what is there"};
+  if (state.marked) {
+    return {Exit::kConflict, target.place + " holds an unfinished migration from " + state.from +
+                                 "; --overwrite replaces what it holds"};
   }
-  return {Exit::kConflict, target.place + " is not empty; --overwrite replaces what is there"};
+  return {Exit::kConflict, target.place + " is not empty; --overwrite replaces what it holds"};
 }
 
 Outcome put_marker(const Side& source, const Side& target) {
-  const StoredValue value = text_value(source.place);
-  return target.registry->write([&](Writer& writer) -> Status {
-    bool exists = false;
-    store::NodeId id = store::kNoNode;
-    if (Status asked = writer.exists(kMarker, &exists); !asked.ok()) return asked;
-    if (exists) return writer.set_value(kMarker, value.type, value.span());
-    sec_attr security = NewKeySecurity::of_session(writer.identity());
-    security.group_perm = security.other_perm = TKV_RIGHT_READ;
-    return writer.create_and_set("", kMarker, security, value.type, value.span(), &id);
-  });
+  const registry::NamedValue marker{kMarker, text_value(source.place)};
+  registry::PutOptions options;
+  options.security = default_security(target.client->identity());
+  options.security.initial.group_perm = options.security.initial.other_perm = TKV_RIGHT_READ;
+  return target.client->put(std::span(&marker, 1), options);
 }
 
-void drop_marker(Snapshot* snapshot) {
-  std::erase_if(snapshot->entries, [](const Entry& entry) { return registry::is_within(entry.name, kMarker); });
-}
+bool is_marker(const std::string& name) { return registry::is_within(name, kMarker); }
 
-Status make_change(Writer& writer, const Change& change) {
-  const StoredValue& value = change.after.value;
-  if (change.kind == Change::Kind::kAdd) {
-    store::NodeId id = store::kNoNode;
-    return writer.create_and_set("", change.after.name, change.after.security, value.type, value.span(), &id);
-  }
-  if (change.kind == Change::Kind::kRemove) {
-    Status removed = writer.remove(change.before.name, true);
-    return removed.is(PRTKV_NO_SUCH_KEY) ? Status() : removed;  // with a key above it
-  }
-  return change_key(writer, change);
-}
-
-// Makes the changes batch by batch: each is a transaction, so that an interruption loses no more than the last.
-Outcome make_changes(Context& context, Registry& target, const std::vector<Change>& changes) {
+// Applies the changes in batches, each of them a transaction, so that an interruption loses no more than the last.
+Outcome apply_in_batches(Context& context, registry::Client& target, std::span<const registry::KeyChange> changes) {
   Progress progress(context.terminal(), "migrate");
-  const std::size_t batch = std::clamp<std::size_t>(target.store().handy_changes() / 2, 1, kBatch);
+  const std::size_t batch = std::clamp<std::size_t>(target.preferred_batch_size() / 2, 1, kMaxBatch);
   for (std::size_t done = 0; done < changes.size();) {
-    const std::size_t end = std::min(changes.size(), done + batch);
-    const Status status = target.write([&](Writer& writer) -> Status {
-      for (std::size_t at = done; at < end; ++at) {
-        if (Status made = make_change(writer, changes[at]); !made.ok()) return made;
-      }
-      return {};
-    });
-    if (!status.ok()) return status;
-    done = end;
+    const std::size_t size = std::min(batch, changes.size() - done);
+    if (Status applied = target.apply_changes(changes.subspan(done, size)); !applied.ok()) return applied;
+    done += size;
     progress.show(done, changes.size());
   }
   return {};
 }
 
-// One pass: compares both sides entry by entry and brings the target to what the source is now. `*changed` is 0 when
-// nothing differed.
-Outcome pass(Context& context, const Side& source, const Side& target, std::uint64_t* keys, std::uint64_t* changed) {
-  Snapshot wanted;
-  Snapshot current;
-  Plan plan;
-  if (Outcome read = read_side(context, source, "read source", &wanted); !read.ok()) return read;
-  if (Outcome read = read_side(context, target, "read target", &current); !read.ok()) return read;
-  const std::size_t all = wanted.entries.size();
-  drop_marker(&wanted);
-  if (wanted.entries.size() != all) {
+// Finds what brings the target to the present state of the source.
+Outcome compare_sides(Context& context, const Side& source, const Side& target, Subtree* wanted,
+                      registry::Difference* difference) {
+  if (Outcome read = read_side(context, source, "read source", wanted); !read.ok()) return read;
+  const auto marks = [](const registry::KeyRecord& key) { return is_marker(key.name); };
+  if (std::any_of(wanted->keys.begin(), wanted->keys.end(), marks)) {
     return {Exit::kConflict, source.place + " is itself the target of an unfinished migration"};
   }
-  drop_marker(&current);
-  if (Status planned = make_plan(current, wanted, Manner::kReplace, {}, &plan); !planned.ok()) return planned;
-  *keys = all;
-  *changed = plan.changes.size();
-  return make_changes(context, *target.registry, plan.changes);
+  Progress progress(context.terminal(), "read target");
+  const auto show = [&](std::uint64_t keys) { progress.show(keys, wanted->keys.size()); };
+  const Status compared = target.client->compare(*wanted, registry::MergeMode::kReplace, {}, show, difference);
+  if (!compared.ok()) return compared.about(target.place);
+  std::erase_if(difference->changes, [](const registry::KeyChange& change) { return is_marker(change.name()); });
+  return {};
 }
 
-Outcome run_passes(Context& context, const Side& source, const Side& target, std::uint64_t* keys,
-                   std::uint64_t* changes) {
-  for (int each = 0; each < kPasses; ++each) {
-    std::uint64_t changed = 0;
-    if (Outcome passed = pass(context, source, target, keys, &changed); !passed.ok()) return passed;
-    *changes += changed;
-    if (changed == 0) {
-      return target.registry->write([](Writer& writer) { return writer.remove(kMarker, true); });
+// Compares both sides and copies what differs, until nothing does.
+Outcome copy_until_same(Context& context, const Side& source, const Side& target, Report* report) {
+  for (int pass = 0; pass < kMaxPasses; ++pass) {
+    Subtree wanted;
+    registry::Difference difference;
+    if (Outcome compared = compare_sides(context, source, target, &wanted, &difference); !compared.ok()) {
+      return compared;
     }
+    report->keys = wanted.keys.size();
+    report->changes += difference.changes.size();
+    if (difference.changes.empty()) return target.client->remove(kMarker, true, [](std::uint64_t) {});
+    if (Outcome applied = apply_in_batches(context, *target.client, difference.changes); !applied.ok()) return applied;
   }
-  return {Exit::kPartly, source.place + " is being changed all the time: the copy is not complete; run this again"};
+  return {Exit::kPartly, source.place + " keeps changing, so the copy is not complete; run this again"};
+}
+
+Outcome open_sides(Side* source, Side* target) {
+  const Outcome same(Exit::kUsage, "source and target are the same");
+  if (source->place == target->place) return same;
+  if (Outcome opened = open_side({false, true}, source); !opened.ok()) return opened;
+  if (Outcome opened = open_side({true, false}, target); !opened.ok()) return opened;
+  return registry::same_place(source->client->configuration(), target->client->configuration()) ? same : Outcome();
 }
 
 Outcome run_migrate(Context& context, const Arguments& arguments) {
   Side source{*arguments.from, {}};
   Side target{*arguments.to, {}};
-  bool marked = false;
-  std::uint64_t keys = 0;
-  std::uint64_t changes = 0;
-  if (source.place == target.place) return {Exit::kUsage, "source and target are the same"};
-  if (Outcome opened = open_side({false, true}, &source); !opened.ok()) return opened;
-  if (Outcome opened = open_side({true, false}, &target); !opened.ok()) return opened;
-  if (is_same_place(source.registry->configuration(), target.registry->configuration())) {
-    return {Exit::kUsage, "source and target are the same"};
+  bool resumed = false;
+  Report report;
+  if (Outcome opened = open_sides(&source, &target); !opened.ok()) return opened;
+  if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &resumed); !fit.ok()) return fit;
+  if (resumed) {
+    note(context.terminal(), "tkv: resuming the interrupted migration");
+  } else if (Outcome marked = put_marker(source, target); !marked.ok()) {
+    return marked;
   }
-  if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &marked); !fit.ok()) return fit;
-  if (marked) {
-    note(context.terminal(), "tkv: going on with the migration that was interrupted");
-  } else if (Outcome put = put_marker(source, target); !put.ok()) {
-    return put;
-  }
-  if (Outcome copied = run_passes(context, source, target, &keys, &changes); !copied.ok()) return copied;
+  if (Outcome copied = copy_until_same(context, source, target, &report); !copied.ok()) return copied;
   if (context.json()) {
     context.output().line(
-        JsonObject().raw("done", "\"migrate\"").number("keys", keys).number("changes", changes).str());
+        JsonObject().raw("done", "\"migrate\"").number("keys", report.keys).number("changes", report.changes).str());
   } else {
-    note(context.terminal(), "tkv: migrated " + counted(keys, "key") + " to " + target.place + ", compared one by one");
+    note(context.terminal(),
+         "tkv: migrated " + counted(report.keys, "key") + " to " + target.place + " and compared them one by one");
   }
   return {};
 }

@@ -1,4 +1,3 @@
-#include "changes.h"
 #include "context.h"
 #include "description.h"
 #include "json.h"
@@ -8,17 +7,15 @@
 namespace tkv::command {
 namespace {
 
-using registry::Writer;
-
 Outcome ask_for_replacement(Context& context, const std::string& name) {
   std::uint64_t keys = 0;
   if (context.deletes_unasked()) return {};
-  const Outcome counted_keys = count_keys(context.registry(), context.terminal(), name, &keys);
+  const Outcome counted_keys = count_keys(context.client(), context.terminal(), name, &keys);
   if (!counted_keys.ok()) return counted_keys.exit() == Exit::kNotFound ? Outcome() : counted_keys;
   return context.allow_deleting(keys, "replacing " + registry::describe(name));
 }
 
-// What mv and cp do first: names, registry, question.
+// What mv and cp do first: take the names, open the registry, ask about a target that would be deleted.
 Outcome begin_transfer(Context& context, const Arguments& arguments, std::string* from, std::string* to) {
   if (Outcome named = key_name(*arguments.from, from); !named.ok()) return named;
   if (Outcome named = key_name(*arguments.to, to); !named.ok()) return named;
@@ -30,10 +27,8 @@ Outcome run_mv(Context& context, const Arguments& arguments) {
   std::string from;
   std::string to;
   if (Outcome begun = begin_transfer(context, arguments, &from, &to); !begun.ok()) return begun;
-  const Status status = context.registry().write([&](Writer& writer) {
-    store::NodeId moved = store::kNoNode;
-    return writer.move(from, "", to, arguments.replace, &moved);
-  });
+  registry::KeyId id = registry::kAnyKey;
+  const Status status = context.client().move(from, "", to, arguments.replace, &id);
   if (status.ok() && context.json()) context.output().line(done("mv", from).text("to", to).str());
   return status;
 }
@@ -44,12 +39,8 @@ Outcome run_cp(Context& context, const Arguments& arguments) {
   if (Outcome begun = begin_transfer(context, arguments, &from, &to); !begun.ok()) return begun;
   Progress progress(context.terminal(), "cp");
   const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
-  const Status status = context.registry().write([&](Writer& writer) -> Status {
-    store::NodeId id = store::kNoNode;
-    writer.follow(show);
-    if (!arguments.own) return writer.copy(from, "", to, arguments.recursive, arguments.replace, &id);
-    return copy_as_own(writer, from, to, arguments.recursive, arguments.replace);
-  });
+  const registry::CopyOptions options{arguments.recursive, arguments.replace, arguments.own};
+  const Status status = context.client().copy(from, to, options, show);
   if (status.ok() && context.json()) context.output().line(done("cp", from).text("to", to).str());
   return status;
 }

@@ -11,9 +11,14 @@
 namespace tkv::command {
 namespace {
 
+using registry::Difference;
+using registry::KeyChange;
+using registry::MergeMode;
+using registry::Subtree;
+
 // Reads the wanted part of a backup, in the order of names.
 Outcome read_part(const Terminal& terminal, const std::string& path, const std::optional<std::string>& key,
-                  Snapshot* part) {
+                  Subtree* part) {
   BackupContents contents;
   std::optional<std::string> top;
   if (key) {
@@ -22,46 +27,49 @@ Outcome read_part(const Terminal& terminal, const std::string& path, const std::
   }
   Progress progress(terminal, "read backup");
   std::uint64_t keys = 0;
-  Outcome read = read_backup(path, &contents, [&](Entry&& entry) {
+  Outcome read = read_backup(path, &contents, [&](registry::KeyRecord&& record) {
     progress.show(++keys, 0);
-    if (!top || registry::is_within(entry.name, *top)) part->entries.push_back(std::move(entry));
+    if (!top || registry::is_within(record.name, *top)) part->keys.push_back(std::move(record));
     return Outcome();
   });
   if (!read.ok()) return read;
   part->top = top.value_or(contents.head.top);
-  if (!part->entries.empty() && part->entries.front().name == part->top) return {};
-  return {Exit::kNotFound, shown_path(path) + " holds no " + registry::describe(part->top)};
+  if (!part->keys.empty() && part->keys.front().name == part->top) return {};
+  return {Exit::kNotFound, shown_path(path) + " does not contain " + registry::describe(part->top)};
 }
 
-// A registry that holds nothing of what is to come: restoring changes no key but the root's own record.
-bool is_untouched(const Plan& plan, const Snapshot& wanted) {
-  for (const Change& change : plan.changes) {
-    if (change.kind == Change::Kind::kRemove) return false;
-    if (change.kind == Change::Kind::kChange && !change.before.name.empty()) return false;
+// Tells whether the registry holds nothing of what is to be restored, except perhaps a bare root.
+bool is_untouched(const Difference& difference, const Subtree& wanted) {
+  for (const KeyChange& change : difference.changes) {
+    if (change.kind == KeyChange::Kind::kRemove) return false;
+    if (change.kind == KeyChange::Kind::kChange && !change.before.name.empty()) return false;
   }
-  // Without a removal or a change, what is there is the same as in the backup, or is the bare root.
-  return wanted.top.empty() ? plan.changes.size() + 1 >= plan.keys : plan.changes.size() == plan.keys;
+  // Nothing is removed or changed, so each key is either new or the same as in the backup.
+  const std::size_t changes = difference.changes.size();
+  return wanted.top.empty() ? changes + 1 >= difference.keys : changes == difference.keys;
 }
 
 Outcome run_restore(Context& context, const Arguments& arguments) {
-  Snapshot wanted;
-  Plan plan;
+  constexpr MergeMode kMode = MergeMode::kReplace;
+  Subtree wanted;
+  Difference difference;
   if (Outcome read = read_part(context.terminal(), *arguments.file, arguments.key, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_make(); !opened.ok()) return opened;
-  if (Outcome planned = plan_for(context, wanted, Manner::kReplace, &plan); !planned.ok()) return planned;
+  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok())
+    return opened;
+  if (Outcome compared = find_difference(context, wanted, kMode, &difference); !compared.ok()) return compared;
   if (arguments.dry_run) {
-    print_difference(context, plan);
+    print_difference(context, difference);
     return {};
   }
-  if (!arguments.overwrite && !is_untouched(plan, wanted)) {
-    return {Exit::kConflict, registry::describe(wanted.top) + " is there already; --overwrite replaces it"};
+  if (!arguments.overwrite && !is_untouched(difference, wanted)) {
+    return {Exit::kConflict, registry::describe(wanted.top) + " exists; --overwrite replaces it"};
   }
-  if (Outcome allowed = context.allow_deleting(plan.count(Change::Kind::kRemove), "the restore"); !allowed.ok())
-    return allowed;
+  const std::uint64_t removed = difference.count(KeyChange::Kind::kRemove);
+  if (Outcome allowed = context.allow_deleting(removed, "the restore"); !allowed.ok()) return allowed;
   std::uint64_t changes = 0;
-  Outcome done = bring_in(context, wanted, Manner::kReplace, false, plan, &changes);
-  if (done.ok()) report_changes(context, "restore", wanted, changes);
-  return done;
+  Outcome applied = apply_difference(context, wanted, {kMode, false, difference}, &changes);
+  if (applied.ok()) report_changes(context, "restore", wanted, changes);
+  return applied;
 }
 
 constexpr std::array kOperands{one("FILE", "A backup; - is standard input", true, &Arguments::file, Candidates::kFiles),

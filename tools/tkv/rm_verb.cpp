@@ -9,16 +9,14 @@
 namespace tkv::command {
 namespace {
 
-using registry::Writer;
-
-// Asks once for all that is going to be deleted. Keys that do not exist are left to the deletion itself.
+// Asks once about all keys that would be deleted. Keys that do not exist are reported by the deletion itself.
 Outcome ask_for_removal(Context& context, const std::vector<std::string>& names, bool recursive) {
   if (context.deletes_unasked()) return {};
   if (!recursive) return context.allow_deleting(names.size(), "this");
   std::uint64_t keys = 0;
   for (const std::string& name : names) {
     std::uint64_t below = 0;
-    Outcome counted = count_keys(context.registry(), context.terminal(), name, &below);
+    Outcome counted = count_keys(context.client(), context.terminal(), name, &below);
     if (!counted.ok() && counted.exit() != Exit::kNotFound) return counted;
     keys += below;
   }
@@ -33,10 +31,7 @@ Outcome run_rm(Context& context, const Arguments& arguments) {
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     Progress progress(context.terminal(), "rm");
     const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
-    const Status status = context.registry().write([&](Writer& writer) {
-      writer.follow(show);
-      return writer.remove(name, arguments.recursive);
-    });
+    const Status status = context.client().remove(name, arguments.recursive, show);
     const bool missing = arguments.force && status.is(PRTKV_NO_SUCH_KEY);
     *json = missing ? done("rm", name).flag("existed", false).str() : done("rm", name).str();
     if (status.is(PRTKV_HAS_SUBKEYS)) return {Exit::kConflict, status.text() + "; -r deletes them too"};

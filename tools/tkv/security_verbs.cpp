@@ -10,55 +10,30 @@
 namespace tkv::command {
 namespace {
 
-using registry::Writer;
-
-// Changes the security records of a key, or of everything below it too, in one transaction.
-Status change_security(Context& context, const char* verb, const std::string& name, bool recursive,
-                       FunctionRef<void(sec_attr* security)> change) {
-  Progress progress(context.terminal(), verb);
-  const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
-  const auto changed = [&](const registry::Entry& key) {
-    sec_attr security = key.node.security;
-    change(&security);
-    return security;
-  };
-  return context.registry().write([&](Writer& writer) -> Status {
-    writer.follow(show);
-    if (recursive) return writer.set_security_below(name, changed);
-    registry::Place place;
-    if (Status found = writer.resolve(name, &place); !found.ok()) return found;
-    change(&place.node.security);
-    return writer.set_security(name, place.node.security);
+// Applies a change to each of the keys, one after the other.
+Outcome change_keys(Context& context, const Arguments& arguments, const char* verb,
+                    const registry::SecurityChange& change) {
+  std::vector<std::string> names;
+  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
+  if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
+  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
+    Progress progress(context.terminal(), verb);
+    const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
+    *json = done(verb, name).str();
+    return context.client().change_security(name, change, arguments.recursive, show);
   });
 }
 
 Outcome run_chown(Context& context, const Arguments& arguments) {
-  Ownership ownership;
-  std::vector<std::string> names;
-  sec_attr trial{};
-  if (Outcome parsed = Ownership::parse(*arguments.change, &ownership); !parsed.ok()) return parsed;
-  if (Outcome fits = ownership.apply_to(&trial); !fits.ok()) return fits;
-  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
-  if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
-  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
-    *json = done("chown", name).str();
-    return change_security(context, "chown", name, arguments.recursive, [&](sec_attr* security) {
-      (void)ownership.apply_to(security).ok();  // the names were tried above
-    });
-  });
+  registry::SecurityChange change;
+  if (Outcome parsed = parse_ownership(*arguments.change, &change); !parsed.ok()) return parsed;
+  return change_keys(context, arguments, "chown", change);
 }
 
 Outcome run_chmod(Context& context, const Arguments& arguments) {
-  Mode mode;
-  std::vector<std::string> names;
-  if (Outcome parsed = Mode::parse(*arguments.change, &mode); !parsed.ok()) return parsed;
-  if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
-  if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
-  return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
-    *json = done("chmod", name).str();
-    return change_security(context, "chmod", name, arguments.recursive,
-                           [&](sec_attr* security) { mode.apply_to(security); });
-  });
+  registry::SecurityChange change;
+  if (Outcome parsed = parse_mode(*arguments.change, &change); !parsed.ok()) return parsed;
+  return change_keys(context, arguments, "chmod", change);
 }
 
 constexpr std::array kChownOperands{

@@ -1,71 +1,68 @@
+#include <span>
 #include <vector>
 
 #include "context.h"
 #include "description.h"
 #include "input.h"
-#include "json.h"
 #include "key_by_key.h"
-#include "key_maker.h"
+#include "new_key_options.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-using registry::Writer;
+using registry::PutOptions;
+using registry::TypedValue;
 
-Status make_key(Writer& writer, const std::string& name, const StoredValue& value, const Arguments& arguments,
-                const NewKeySecurity& security) {
-  const KeyMaker maker(security);
-  if (arguments.parents) {
-    if (Status made = maker.make_parents(writer, name); !made.ok()) return made;
+Outcome parse_set(const Arguments& arguments, std::string* name, NewKeyOptions* new_key, TypedValue* value) {
+  if (Outcome named = key_name(*arguments.key, name); !named.ok()) return named;
+  if (arguments.only_new && arguments.only_existing) return {Exit::kUsage, "--new and --existing exclude each other"};
+  if (Outcome parsed = NewKeyOptions::parse(arguments, new_key); !parsed.ok()) return parsed;
+  if (arguments.only_existing && new_key->given()) {
+    return {Exit::kUsage, "--existing creates no key; --owner, --group, --mode and --inherit do not go with it"};
   }
-  return maker.make(writer, name, value);
-}
-
-Status key_exists(const std::string& name) { return {PRTKV_KEY_EXISTS, registry::describe(name) + " exists"}; }
-
-Status set_existing(Writer& writer, const std::string& name, const StoredValue& value, const Arguments& arguments,
-                    const NewKeySecurity& security) {
-  if (arguments.only_new) return key_exists(name);
-  if (security.asked_for()) {
-    return {PRTKV_KEY_EXISTS,
-            registry::describe(name) + " exists: its owner and rights are changed by chown and chmod"};
-  }
-  return writer.set_value(name, value.type, value.span());
+  return value_from_arguments(arguments, value);
 }
 
 Outcome run_set(Context& context, const Arguments& arguments) {
-  std::string name;
-  StoredValue value;
-  NewKeySecurity security;
-  if (Outcome named = key_name(*arguments.key, &name); !named.ok()) return named;
-  if (arguments.only_new && arguments.only_existing) return {Exit::kUsage, "--new and --existing exclude each other"};
-  if (Outcome parsed = NewKeySecurity::parse(arguments, &security); !parsed.ok()) return parsed;
-  if (Outcome read = value_from_arguments(arguments, &value); !read.ok()) return read;
-  if (Outcome opened = arguments.only_existing ? context.open_to_change() : context.open_or_make(); !opened.ok()) {
+  registry::NamedValue key;
+  NewKeyOptions new_key;
+  if (Outcome parsed = parse_set(arguments, &key.name, &new_key, &key.value); !parsed.ok()) return parsed;
+  if (Outcome opened = arguments.only_existing ? context.open_to_change() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
-  const Status status = context.registry().write([&](Writer& writer) -> Status {
-    bool exists = false;
-    if (Status asked = writer.exists(name, &exists); !asked.ok()) return asked;
-    if (exists) return set_existing(writer, name, value, arguments, security);
-    if (arguments.only_existing) return {PRTKV_NO_SUCH_KEY, registry::describe(name) + " does not exist"};
-    return make_key(writer, name, value, arguments, security);
-  });
-  if (status.ok() && context.json()) context.output().line(done("set", name).str());
+  registry::Client& client = context.client();
+  const bool must_be_new = arguments.only_new || new_key.given();
+  PutOptions options;
+  if (must_be_new) options.key = PutOptions::Key::kMustBeNew;
+  if (arguments.only_existing) options.key = PutOptions::Key::kMustExist;
+  options.create_parents = arguments.parents;
+  options.security = new_key.security(client.identity());
+  Status status = client.put(std::span(&key, 1), options);
+  if (status.is(PRTKV_KEY_EXISTS) && !arguments.only_new) {
+    return {Exit::kConflict, status.text() + "; change its owner and rights with chown and chmod"};
+  }
+  // `put` leaves an existing key alone if there is no value; here none was asked for.
+  const bool clear = key.value == TypedValue{} && !must_be_new;
+  if (status.ok() && clear) status = client.write_value(key.name, key.value.type, key.value.span());
+  if (status.ok() && context.json()) context.output().line(done("set", key.name).str());
   return status;
 }
 
 Outcome run_create(Context& context, const Arguments& arguments) {
   std::vector<std::string> names;
-  NewKeySecurity security;
+  NewKeyOptions new_key;
   if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
-  if (Outcome parsed = NewKeySecurity::parse(arguments, &security); !parsed.ok()) return parsed;
-  if (Outcome opened = context.open_or_make(); !opened.ok()) return opened;
+  if (Outcome parsed = NewKeyOptions::parse(arguments, &new_key); !parsed.ok()) return parsed;
+  if (Outcome opened = context.open_or_create(); !opened.ok()) return opened;
+  PutOptions options;
+  options.key = PutOptions::Key::kMustBeNew;
+  options.create_parents = arguments.parents;
+  options.security = new_key.security(context.client().identity());
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
-    if (name.empty()) return key_exists(name);
+    const registry::NamedValue key{name, {}};
     *json = done("create", name).str();
-    return context.registry().write([&](Writer& writer) { return make_key(writer, name, {}, arguments, security); });
+    return context.client().put(std::span(&key, 1), options);
   });
 }
 

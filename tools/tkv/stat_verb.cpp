@@ -13,39 +13,34 @@
 namespace tkv::command {
 namespace {
 
-using registry::Reader;
+using registry::KeyInfo;
+using registry::TypedValue;
 
-// What a person is told of one key: everything but the bytes of its value.
-struct Description {
-  registry::Stat stat;
-  StoredValue value;
-};
-
-std::string stat_json(const std::string& name, const Description& key) {
+std::string stat_json(const std::string& name, const KeyInfo& info, const TypedValue& value) {
   JsonObject object;
   object.text("name", name);
-  add_security(key.stat.security, &object);
-  object.number("id", key.stat.id).number("size", key.stat.size).flag("subkeys", key.stat.has_subkeys);
-  add_value(key.value, &object);
-  add_other_reading(key.value, &object);
+  add_security(info.security, &object);
+  object.number("id", info.id).number("size", info.size).flag("subkeys", info.has_subkeys);
+  add_value(value, &object);
+  add_other_reading(value, &object);
   return object.str();
 }
 
-void print_stat(Context& context, const std::string& name, const Description& key) {
-  const sec_attr& security = key.stat.security;
+void print_stat(Context& context, const std::string& name, const KeyInfo& info, const TypedValue& value) {
+  const sec_attr& security = info.security;
   const auto field = [&](const char* label, const std::string& text) { context.print(padded(label, 9) + text); };
-  const std::string number = std::to_string(key.value.type);
-  const std::string type = type_name(key.value.type);
+  const std::string number = std::to_string(value.type);
+  const std::string type = type_name(value.type);
   field("key", shown_name(name));
   field("type", type == number ? number : type + " (" + number + ")");
-  field("size", counted(key.value.bytes.size(), "byte"));
-  if (!key.value.bytes.empty()) field("value", one_line(key.value, 200));
-  if (const auto text = text_in_number(key.value)) field("as text", '"' + *text + '"');
+  field("size", counted(value.bytes.size(), "byte"));
+  if (!value.bytes.empty()) field("value", one_line(value, 200));
+  if (const auto text = text_in_number(value)) field("as text", '"' + *text + '"');
   field("owner", columns_of(security.user_perm) + "  " + std::string(registry::user_of(security)));
   field("group", columns_of(security.group_perm) + "  " + std::string(registry::group_of(security)));
   field("other", columns_of(security.other_perm));
   field("mode", mode_of(security) + "  " + numbers_of(security));
-  field("subkeys", key.stat.has_subkeys ? "yes" : "no");
+  field("subkeys", info.has_subkeys ? "yes" : "no");
 }
 
 Outcome run_stat(Context& context, const Arguments& arguments) {
@@ -54,19 +49,15 @@ Outcome run_stat(Context& context, const Arguments& arguments) {
   if (Outcome named = key_names(arguments.keys, &names); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
-    Description key;
-    const Status read = context.registry().read([&](Reader& reader) -> Status {
-      store::Value value;
-      Status status = reader.stat(name, &key.stat);
-      if (status.ok()) status = reader.value(name, &value);
-      if (status.ok()) key.value = copied(value);
-      return status;
-    });
-    if (!read.ok()) return read;
-    *json = stat_json(name, key);
+    KeyInfo info;
+    TypedValue value;
+    if (Status read = context.client().stat(name, &info); !read.ok()) return read;
+    if (Status read = context.client().read_value({name, info.id}, &value); !read.ok()) return read;
+    info.size = value.bytes.size();  // of the same state as the value
+    *json = stat_json(name, info, value);
     if (context.json()) return {};
     if (!std::exchange(first, false)) context.output().line("");
-    print_stat(context, name, key);
+    print_stat(context, name, info, value);
     return {};
   });
 }

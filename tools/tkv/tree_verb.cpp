@@ -6,23 +6,25 @@
 #include "context.h"
 #include "json.h"
 #include "masks.h"
+#include "records.h"
 #include "registry/access.h"
+#include "registry/name.h"
+#include "values.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-constexpr std::size_t kLineWithoutTerminal = 0;  // whole values when nobody looks at columns
-constexpr std::size_t kSmallestValue = 16;
+constexpr std::size_t kUnlimited = 0;  // columns: no terminal, so nobody looks at them
+constexpr std::size_t kFewestValueColumns = 16;
 
-// A key of the tree, with what the session may know of it.
+// A key of the tree, with what the caller may know of it.
 struct Leaf {
-  Entry entry;
+  registry::KeyRecord key;
   std::size_t depth = 0;
-  std::size_t columns = 0;  // of what stands before the value
   bool readable = false;
-  bool hidden = false;  // its subkeys may not be listed
-  bool last = false;    // of its siblings
+  bool subkeys_hidden = false;
+  bool last = false;  // of its siblings
 };
 
 std::size_t columns_in(std::string_view utf8) {
@@ -36,33 +38,26 @@ Outcome parse_depth(const std::optional<std::string>& text, std::size_t* depth) 
   if (!text) return {};
   const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *depth);
   if (error == std::errc() && end == text->data() + text->size()) return {};
-  return {Exit::kUsage, "--depth " + *text + ": a depth is a number of levels"};
+  return {Exit::kUsage, "--depth " + *text + ": the depth must be a number of levels"};
 }
 
-Outcome read_tree(Context& context, const std::string& top, std::size_t depth, bool values, std::vector<Leaf>* leaves) {
-  return context.registry().read_all([&](registry::Reader& reader) {
-    leaves->clear();
-    return reader.walk(top, registry::Hidden::kSkip, [&](const registry::Entry& key) -> Status {
-      Leaf leaf;
-      store::Value value;
-      leaf.readable = (key.rights & TKV_RIGHT_READ) != 0;
-      if (leaf.readable && values) {
-        if (Status status = reader.value(key, &value); !status.ok()) return status;
-      }
-      leaf.entry = copied(key, value);
-      leaf.entry.has_value = values;
-      leaf.depth = key.depth;
-      leaf.hidden = key.subkeys_hidden && key.depth < depth;
-      leaves->push_back(std::move(leaf));
-      key.descend = key.depth < depth;
-      return {};
-    });
+Outcome read_tree(Context& context, const std::string& top, const registry::WalkOptions& options,
+                  std::vector<Leaf>* leaves) {
+  return context.client().walk(top, options, [&](const registry::WalkEntry& entry) {
+    Leaf leaf;
+    leaf.key = record_of(entry);
+    leaf.key.has_value = options.values;
+    leaf.depth = entry.depth;
+    leaf.readable = (entry.rights & TKV_RIGHT_READ) != 0;
+    leaf.subkeys_hidden = entry.subkeys_hidden && entry.depth < options.depth;
+    leaves->push_back(std::move(leaf));
+    return Status();
   });
 }
 
-// A key is the last of its siblings when the next key that is not below it is not beside it.
+// Marks each key that no sibling follows.
 void mark_last(std::vector<Leaf>* leaves) {
-  std::vector<bool> seen;  // by depth: a later sibling
+  std::vector<bool> seen;  // by depth: whether a later sibling was met
   for (std::size_t at = leaves->size(); at-- > 0;) {
     Leaf& leaf = (*leaves)[at];
     seen.resize(std::max(seen.size(), leaf.depth + 1), false);
@@ -75,8 +70,8 @@ void mark_last(std::vector<Leaf>* leaves) {
 class TreePrinter {
  public:
   TreePrinter(Context& context, const Arguments& arguments) : context_(context), arguments_(arguments) {
-    width_ = context.terminal().output ? Terminal::columns(80) : kLineWithoutTerminal;
-    if (arguments.long_lines) width_ = 0;
+    width_ = context.terminal().output ? Terminal::columns(80) : kUnlimited;
+    if (arguments.long_lines) width_ = kUnlimited;
   }
 
   void print(const Leaf& leaf) {
@@ -86,58 +81,60 @@ class TreePrinter {
     if (leaf.depth > 0) branches += leaf.last ? "└── " : "├── ";
     open_.push_back(leaf.depth > 0 && !leaf.last);
     const std::string name =
-        safe(leaf.depth == 0 ? shown_name(leaf.entry.name) : utf8_for_people(registry::last_level(leaf.entry.name)));
-    const std::string value = beside(leaf, columns_in(branches) + columns_in(name) + 3);
+        safe(leaf.depth == 0 ? shown_name(leaf.key.name) : utf8_for_people(registry::last_level(leaf.key.name)));
+    const std::string value = value_beside(leaf, columns_in(branches) + columns_in(name) + 3);
     const Terminal& terminal = context_.terminal();
     context_.output().line(painted(terminal, Ink::kFaint, branches) + painted(terminal, Ink::kKey, name) +
                            (value.empty() ? "" : " = " + painted(terminal, Ink::kValue, value)) + marks(leaf));
   }
 
  private:
-  std::string beside(const Leaf& leaf, std::size_t before) const {
+  std::string value_beside(const Leaf& leaf, std::size_t before) const {
     if (!leaf.readable) return "";
-    if (leaf.entry.value.type == kTypeNone && leaf.entry.value.bytes.empty()) return "";
-    if (width_ == 0) return one_line(leaf.entry.value, 0);
-    return one_line(leaf.entry.value, std::max(kSmallestValue, width_ > before ? width_ - before - 1 : 0));
+    if (leaf.key.value.type == kTypeNone && leaf.key.value.bytes.empty()) return "";
+    if (width_ == kUnlimited) return one_line(leaf.key.value, 0);
+    return one_line(leaf.key.value, std::max(kFewestValueColumns, width_ > before ? width_ - before - 1 : 0));
   }
 
   std::string marks(const Leaf& leaf) const {
     std::string text;
     if (arguments_.long_lines && leaf.readable) {
-      text = "  (" + std::string(registry::user_of(leaf.entry.security)) + ":" +
-             std::string(registry::group_of(leaf.entry.security)) + " " + mode_of(leaf.entry.security) + ")";
+      text = "  (" + std::string(registry::user_of(leaf.key.security)) + ":" +
+             std::string(registry::group_of(leaf.key.security)) + " " + mode_of(leaf.key.security) + ")";
     }
     if (!leaf.readable && !arguments_.no_values) text += "  (value: access denied)";
-    if (leaf.hidden) text += "  (subkeys: access denied)";
+    if (leaf.subkeys_hidden) text += "  (subkeys: access denied)";
     return painted(context_.terminal(), Ink::kFaint, safe(text));
   }
 
   Context& context_;
   const Arguments& arguments_;
   std::size_t width_ = 0;
-  std::vector<bool> open_;  // by depth: a branch goes on below
+  std::vector<bool> open_;  // by depth: whether the branch goes on below
 };
 
 std::string leaf_json(const Leaf& leaf) {
   if (!leaf.readable) {
     JsonObject object;
-    object.text("name", leaf.entry.name).flag("denied", true);
-    if (leaf.hidden) object.flag("subkeys_denied", true);
+    object.text("name", leaf.key.name).flag("denied", true);
+    if (leaf.subkeys_hidden) object.flag("subkeys_denied", true);
     return object.str();
   }
-  std::string line = entry_line(leaf.entry);
-  if (leaf.hidden) line.insert(line.size() - 1, ",\"subkeys_denied\":true");
+  std::string line = record_line(leaf.key);
+  if (leaf.subkeys_hidden) line.insert(line.size() - 1, ",\"subkeys_denied\":true");
   return line;
 }
 
 Outcome run_tree(Context& context, const Arguments& arguments) {
   std::string top;
-  std::size_t depth = 0;
+  registry::WalkOptions options;
   std::vector<Leaf> leaves;
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
-  if (Outcome parsed = parse_depth(arguments.depth, &depth); !parsed.ok()) return parsed;
+  if (Outcome parsed = parse_depth(arguments.depth, &options.depth); !parsed.ok()) return parsed;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (Outcome read = read_tree(context, top, depth, !arguments.no_values, &leaves); !read.ok()) return read;
+  options.denied = registry::WalkOptions::Denied::kSkip;
+  options.values = !arguments.no_values;
+  if (Outcome read = read_tree(context, top, options, &leaves); !read.ok()) return read;
   if (context.json()) {
     std::vector<std::string> objects;
     objects.reserve(leaves.size());

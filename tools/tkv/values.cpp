@@ -9,6 +9,8 @@
 namespace tkv::command {
 namespace {
 
+using registry::TypedValue;
+
 constexpr char kNul = '\0';
 constexpr std::size_t kHexShown = 32;  // bytes of a value shown in one line
 
@@ -20,8 +22,8 @@ constexpr TypeName kTypeNames[] = {{kTypeNone, "none"}, {kTypeInt32, "int32"}, {
                                    {kTypeText, "text"}, {kTypeBytes, "bytes"}, {kTypeList, "list"}};
 
 template <typename Number>
-StoredValue number_value(std::int32_t type, Number number) {
-  StoredValue value{type, {}};
+TypedValue number_value(std::int32_t type, Number number) {
+  TypedValue value{type, {}};
   for (std::size_t byte = 0; byte < sizeof number; ++byte) {
     value.bytes.push_back(static_cast<char>(static_cast<std::uint64_t>(number) >> (8 * byte) & 0xff));
   }
@@ -102,13 +104,13 @@ std::optional<std::int32_t> type_from_name(std::string_view name) {
   return type;
 }
 
-StoredValue text_value(std::string_view utf8) { return {kTypeText, stored_from_utf8(utf8) + kNul}; }
+TypedValue text_value(std::string_view utf8) { return {kTypeText, stored_from_utf8(utf8) + kNul}; }
 
-StoredValue int32_value(std::int32_t number) { return number_value(kTypeInt32, number); }
+TypedValue int32_value(std::int32_t number) { return number_value(kTypeInt32, number); }
 
-StoredValue int64_value(std::int64_t number) { return number_value(kTypeInt64, number); }
+TypedValue int64_value(std::int64_t number) { return number_value(kTypeInt64, number); }
 
-Outcome list_value(const std::vector<std::string>& elements, StoredValue* value) {
+Outcome list_value(const std::vector<std::string>& elements, TypedValue* value) {
   *value = {kTypeList, {}};
   for (std::size_t at = 0; at < elements.size(); ++at) {
     if (elements[at].empty()) {
@@ -125,26 +127,26 @@ Outcome list_value(const std::vector<std::string>& elements, StoredValue* value)
   return {};
 }
 
-Outcome parse_int32(std::string_view text, StoredValue* value) {
+Outcome parse_int32(std::string_view text, TypedValue* value) {
   std::int32_t number = 0;
   if (!parse_number(text, &number)) return not_a_number<std::int32_t>(text, "int32");
   *value = int32_value(number);
   return {};
 }
 
-Outcome parse_int64(std::string_view text, StoredValue* value) {
+Outcome parse_int64(std::string_view text, TypedValue* value) {
   std::int64_t number = 0;
   if (!parse_number(text, &number)) return not_a_number<std::int64_t>(text, "int64");
   *value = int64_value(number);
   return {};
 }
 
-std::optional<std::string> exact_text(const StoredValue& value) {
+std::optional<std::string> exact_text(const TypedValue& value) {
   if (value.type != kTypeText || !value.bytes.ends_with(kNul)) return std::nullopt;
   return utf8_from_stored(std::string_view(value.bytes).substr(0, value.bytes.size() - 1));
 }
 
-std::optional<std::vector<std::string>> exact_list(const StoredValue& value) {
+std::optional<std::vector<std::string>> exact_list(const TypedValue& value) {
   if (value.type != kTypeList) return std::nullopt;
   std::vector<std::string> elements;
   for (std::size_t at = 0; at < value.bytes.size();) {
@@ -163,7 +165,7 @@ std::optional<std::vector<std::string>> exact_list(const StoredValue& value) {
   return elements;
 }
 
-std::optional<std::int64_t> exact_number(const StoredValue& value) {
+std::optional<std::int64_t> exact_number(const TypedValue& value) {
   const bool int32 = value.type == kTypeInt32 && value.bytes.size() == 4;
   const bool int64 = value.type == kTypeInt64 && value.bytes.size() == 8;
   if (!int32 && !int64) return std::nullopt;
@@ -175,7 +177,7 @@ std::optional<std::int64_t> exact_number(const StoredValue& value) {
   return static_cast<std::int64_t>(bits);
 }
 
-std::optional<std::string> text_in_number(const StoredValue& value) {
+std::optional<std::string> text_in_number(const TypedValue& value) {
   if (value.type != kTypeInt32 && value.type != kTypeInt64) return std::nullopt;
   const std::size_t end = value.bytes.find_last_not_of(kNul);
   if (end == std::string::npos) return std::nullopt;
@@ -184,7 +186,7 @@ std::optional<std::string> text_in_number(const StoredValue& value) {
   return text;
 }
 
-std::string one_line(const StoredValue& value, std::size_t limit) {
+std::string one_line(const TypedValue& value, std::size_t limit) {
   if (value.type == kTypeNone && value.bytes.empty()) return "";
   if (const auto text = exact_text(value)) return shortened(quoted(*text), limit);
   if (const auto elements = exact_list(value)) return list_line(*elements, limit);

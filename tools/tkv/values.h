@@ -15,12 +15,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "outcome.h"
+#include "registry/client.h"
 
 namespace tkv::command {
 
@@ -31,42 +31,33 @@ constexpr std::int32_t kTypeText = 3;
 constexpr std::int32_t kTypeBytes = 4;
 constexpr std::int32_t kTypeList = 5;
 
-struct StoredValue {
-  std::int32_t type = kTypeNone;
-  std::string bytes;
-
-  std::span<const std::byte> span() const { return std::as_bytes(std::span(bytes)); }
-
-  bool operator==(const StoredValue&) const = default;
-};
-
 // "text", "list", "int32", "int64", "bytes", "none", or the number of another type.
 std::string type_name(std::int32_t type);
 
 // A type's name or number. Nothing when it is neither.
 std::optional<std::int32_t> type_from_name(std::string_view name);
 
-StoredValue text_value(std::string_view utf8);
-StoredValue int32_value(std::int32_t number);
-StoredValue int64_value(std::int64_t number);
+registry::TypedValue text_value(std::string_view utf8);
+registry::TypedValue int32_value(std::int32_t number);
+registry::TypedValue int64_value(std::int64_t number);
 
 // 2 for an element that is empty or holds a NUL, since an empty text ends a list for its readers.
-Outcome list_value(const std::vector<std::string>& elements, StoredValue* value);
+Outcome list_value(const std::vector<std::string>& elements, registry::TypedValue* value);
 
-Outcome parse_int32(std::string_view text, StoredValue* value);
-Outcome parse_int64(std::string_view text, StoredValue* value);
+Outcome parse_int32(std::string_view text, registry::TypedValue* value);
+Outcome parse_int64(std::string_view text, registry::TypedValue* value);
 
 // The exact readings: each gives back the same bytes when written.
-std::optional<std::string> exact_text(const StoredValue& value);
-std::optional<std::vector<std::string>> exact_list(const StoredValue& value);
-std::optional<std::int64_t> exact_number(const StoredValue& value);
+std::optional<std::string> exact_text(const registry::TypedValue& value);
+std::optional<std::vector<std::string>> exact_list(const registry::TypedValue& value);
+std::optional<std::int64_t> exact_number(const registry::TypedValue& value);
 
 // The text that a value of type 1 or 2 holds, when it does: printable characters, then nothing but NULs.
-std::optional<std::string> text_in_number(const StoredValue& value);
+std::optional<std::string> text_in_number(const registry::TypedValue& value);
 
 // One line for people: quoted texts, numbers, the beginning of bytes in hexadecimal. Safe for a terminal. At most
 // about `limit` characters, 0 for all.
-std::string one_line(const StoredValue& value, std::size_t limit);
+std::string one_line(const registry::TypedValue& value, std::size_t limit);
 
 }  // namespace tkv::command
 

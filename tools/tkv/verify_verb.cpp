@@ -1,30 +1,26 @@
-#include <algorithm>
-#include <map>
-#include <optional>
-#include <set>
+#include <string>
 #include <vector>
 
 #include "backup_file.h"
 #include "backup_text.h"
 #include "characters.h"
 #include "context.h"
-#include "entry.h"
 #include "input.h"
 #include "json.h"
-#include "registry/access.h"
 #include "registry/name.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-using registry::Reader;
+using registry::CheckResult;
+using registry::Damage;
 
 Outcome verify_file(Context& context, const std::string& path) {
   BackupContents contents;
   Progress progress(context.terminal(), "verify");
   std::uint64_t keys = 0;
-  Outcome read = read_backup(path, &contents, [&](Entry&&) {
+  Outcome read = read_backup(path, &contents, [&](registry::KeyRecord&&) {
     progress.show(++keys, 0);
     return Outcome();
   });
@@ -45,171 +41,83 @@ Outcome verify_file(Context& context, const std::string& path) {
   return {};
 }
 
-bool is_about_value(const store::Finding& finding) {
-  return finding.kind == store::Finding::Kind::kDamagedValue || finding.kind == store::Finding::Kind::kOrphanValue;
+bool is_about_value(const Damage& damage) {
+  return damage.kind == Damage::Kind::kDamagedValue || damage.kind == Damage::Kind::kOrphanValue;
 }
 
-// The full names of the nodes that findings speak of, as far as the tree can still be walked.
-class NameFinder {
- public:
-  explicit NameFinder(const std::vector<store::Finding>& findings) {
-    for (const store::Finding& finding : findings) {
-      wanted_.insert(is_about_value(finding) ? finding.id : finding.parent);
-      if (finding.kind == store::Finding::Kind::kDuplicateId) shared_.insert(finding.id);
-    }
-  }
-
-  Status walk(store::View& view) {
-    names_ = {{store::kRootNode, ""}};
-    entered_.clear();
-    walk_below(view, store::kRootNode, "");
-    return {};
-  }
-
-  const std::string* find(store::NodeId id) const {
-    const auto found = names_.find(id);
-    return found == names_.end() ? nullptr : &found->second;
-  }
-
- private:
-  // A part that cannot be read is passed over: the findings say so. What hangs below an id that several nodes have is
-  // walked once, since one of them may hang there.
-  void walk_below(store::View& view, store::NodeId parent, const std::string& name) {
-    if (shared_.contains(parent) && !entered_.insert(parent).second) return;
-    std::vector<std::pair<std::string, store::NodeId>> subkeys;
-    (void)view
-        .children(parent,
-                  [&](std::string_view level, const store::Node& node) {
-                    subkeys.emplace_back(child_name(name, level), node.id);
-                    return Status();
-                  })
-        .ok();
-    for (const auto& [subkey, id] : subkeys) {
-      if (wanted_.contains(id)) names_.emplace(id, subkey);
-      walk_below(view, id, subkey);
-    }
-  }
-
-  std::set<store::NodeId> wanted_;
-  std::set<store::NodeId> shared_;   // ids of several nodes
-  std::set<store::NodeId> entered_;  // of these
-  std::map<store::NodeId, std::string> names_;
-};
-
-const char* kind_of(store::Finding::Kind kind) {
+const char* kind_name(Damage::Kind kind) {
   switch (kind) {
-    case store::Finding::Kind::kDamagedNode:
+    case Damage::Kind::kDamagedKey:
       return "damaged-key";
-    case store::Finding::Kind::kDamagedValue:
+    case Damage::Kind::kDamagedValue:
       return "damaged-value";
-    case store::Finding::Kind::kOrphan:
+    case Damage::Kind::kOrphan:
       return "orphan";
-    case store::Finding::Kind::kOrphanValue:
+    case Damage::Kind::kOrphanValue:
       return "orphan-value";
-    case store::Finding::Kind::kDuplicateId:
+    case Damage::Kind::kDuplicateId:
       return "duplicate-id";
   }
   return "damage";
 }
 
-// The full name of what a finding is about, where the tree still gives one.
-std::optional<std::string> name_of(const store::Finding& finding, const NameFinder& names) {
-  const std::string* known = names.find(is_about_value(finding) ? finding.id : finding.parent);
-  if (known == nullptr) return std::nullopt;
-  return is_about_value(finding) ? *known : child_name(*known, finding.name);
-}
-
-std::string finding_json(const store::Finding& finding, const NameFinder& names) {
+std::string damage_json(const Damage& damage) {
   JsonObject object;
-  object.raw("kind", json_string(kind_of(finding.kind)));
-  if (const auto name = name_of(finding, names)) object.text("name", *name);
-  return object.text("level", finding.name)
-      .number("parent_id", finding.parent)
-      .number("id", finding.id)
-      .utf8("detail", utf8_for_people(finding.detail))
+  object.raw("kind", json_string(kind_name(damage.kind)));
+  if (damage.name) object.text("name", *damage.name);
+  return object.text("level", damage.level)
+      .number("parent_id", damage.parent)
+      .number("id", damage.id)
+      .utf8("detail", utf8_for_people(damage.detail))
       .str();
 }
 
-std::string subject_of(const store::Finding& finding, const NameFinder& names) {
-  if (const auto name = name_of(finding, names)) return registry::describe(*name);
-  std::string id = "id " + std::to_string(finding.id);
-  if (is_about_value(finding)) return id;
-  if (finding.parent == store::kNoNode && finding.name.empty()) return "the registry";
-  return "level '" + finding.name + "', " + id + " below id " + std::to_string(finding.parent);
+std::string subject_of(const Damage& damage) {
+  if (damage.name) return registry::describe(*damage.name);
+  std::string id = "id " + std::to_string(damage.id);
+  if (is_about_value(damage)) return id;
+  if (damage.parent == registry::kAnyKey && damage.level.empty()) return "the registry";
+  return "level '" + damage.level + "', " + id + " below id " + std::to_string(damage.parent);
 }
 
-std::string finding_line(const store::Finding& finding, const NameFinder& names) {
-  return std::string(kind_of(finding.kind)) + ": " + subject_of(finding, names) + ": " + finding.detail;
+std::string damage_line(const Damage& damage) {
+  return std::string(kind_name(damage.kind)) + ": " + subject_of(damage) + ": " + damage.detail;
 }
 
-struct Check {
-  std::vector<store::Finding> findings;
-  store::Totals totals;
-};
-
-Outcome check_store(Context& context, bool repair, Check* check) {
-  check->findings.clear();
-  Progress progress(context.terminal(), repair ? "repair" : "verify");
-  return context.registry().store().check(
-      repair, [&](const store::Finding& finding) { check->findings.push_back(finding); },
-      [&](const store::CheckProgress& now) { progress.show(now.done, now.total, now.reading); }, &check->totals);
-}
-
-// Reading everything is for those who may read and list the top, repairing for those who may do all with it.
-Outcome demand_rights(Context& context, bool repair) {
-  registry::Place root;
-  const Status found = context.registry().read([&](Reader& reader) { return reader.resolve("", &root); });
-  const bool superuser = context.registry().identity().superuser;
-  if (superuser && found.is(PRTKV_STORAGE_FAILED)) return {};  // the check tells more of the damage
-  if (!found.ok()) return found;
-  const std::int32_t needed = repair ? TKV_RIGHT_ALL : TKV_RIGHT_READ | TKV_RIGHT_LIST;
-  const std::int32_t granted = registry::rights_of(context.registry().identity(), root.node.security);
-  if ((granted & needed) == needed) return {};
-  return {Exit::kDenied, std::string("access denied: ") +
-                             (repair ? "--repair needs all rights" : "this needs the rights r and l") +
-                             " on the root key"};
-}
-
-void print_check(Context& context, const Check& check, std::uint64_t repaired) {
-  NameFinder names(check.findings);
-  if (!check.findings.empty()) {
-    (void)context.registry().store().read_all([&](store::View& view) { return names.walk(view); }).ok();
-  }
+void print_result(Context& context, const CheckResult& result) {
   if (context.json()) {
-    std::vector<std::string> findings;
-    for (const store::Finding& finding : check.findings) findings.push_back(finding_json(finding, names));
+    std::vector<std::string> damages;
+    for (const Damage& damage : result.damages) damages.push_back(damage_json(damage));
     context.output().line(JsonObject()
-                              .number("keys", check.totals.nodes)
-                              .number("values", check.totals.values)
-                              .number("value_bytes", check.totals.value_bytes)
-                              .number("repaired", repaired)
-                              .flag("sound", check.findings.empty())
-                              .raw("findings", json_lines(findings))
+                              .number("keys", result.keys)
+                              .number("values", result.values)
+                              .number("value_bytes", result.value_bytes)
+                              .number("repaired", result.repaired)
+                              .flag("sound", result.damages.empty())
+                              .raw("findings", json_lines(damages))
                               .str());
     return;
   }
-  for (const store::Finding& finding : check.findings) context.print(finding_line(finding, names));
-  context.print("keys         " + std::to_string(check.totals.nodes));
-  context.print("values       " + std::to_string(check.totals.values));
-  context.print("value bytes  " + std::to_string(check.totals.value_bytes));
-  if (repaired != 0) context.print("repaired     " + std::to_string(repaired));
-  context.print("damage       " + (check.findings.empty() ? "none" : std::to_string(check.findings.size())));
+  for (const Damage& damage : result.damages) context.print(damage_line(damage));
+  context.print("keys         " + std::to_string(result.keys));
+  context.print("values       " + std::to_string(result.values));
+  context.print("value bytes  " + std::to_string(result.value_bytes));
+  if (result.repaired != 0) context.print("repaired     " + std::to_string(result.repaired));
+  context.print("damage       " + (result.damages.empty() ? "none" : std::to_string(result.damages.size())));
+}
+
+Outcome check_registry(Context& context, bool repair, CheckResult* result) {
+  Progress progress(context.terminal(), repair ? "repair" : "verify");
+  const auto show = [&](const registry::CheckStep& step) { progress.show(step.done, step.total, step.reading); };
+  return context.client().check(repair, show, result);
 }
 
 Outcome verify_registry(Context& context, bool repair) {
-  Check check;
-  std::uint64_t repaired = 0;
-  if (Outcome allowed = demand_rights(context, repair); !allowed.ok()) return allowed;
-  if (Outcome checked = check_store(context, false, &check); !checked.ok()) return checked;
-  if (repair && !check.findings.empty()) {
-    const std::size_t before = check.findings.size();
-    if (Outcome checked = check_store(context, true, &check); !checked.ok()) return checked;
-    if (Outcome checked = check_store(context, false, &check); !checked.ok()) return checked;
-    repaired = before - std::min(before, check.findings.size());
-  }
-  print_check(context, check, repaired);
-  if (check.findings.empty()) return {};
-  if (repaired != 0) return {Exit::kPartly, "some of the damage cannot be repaired without guessing"};
+  CheckResult result;
+  if (Outcome checked = check_registry(context, repair, &result); !checked.ok()) return checked;
+  print_result(context, result);
+  if (result.damages.empty()) return {};
+  if (result.repaired != 0) return {Exit::kPartly, "some of the damage cannot be repaired without guessing"};
   return {Exit::kDamaged, "the registry is damaged"};
 }
 
