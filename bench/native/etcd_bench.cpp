@@ -28,17 +28,13 @@
 #include "etcd.grpc.pb.h"
 #include "options.h"
 #include "prtkv.h"
-#include "registry/registry.h"
+#include "registry/local_client.h"
 #include "store/etcd/etcd_store.h"
 #include "store/etcd/keys.h"
 
 namespace tkv::bench {
 namespace {
 
-using registry::Reader;
-using registry::Registry;
-using registry::Writer;
-using store::NodeId;
 using store::etcd::Keys;
 
 volatile uint64_t sink;
@@ -127,88 +123,69 @@ class RegistrySide {
 
   void open() {
     std::shared_ptr<store::Store> store;
-    registry_.reset();
+    client_.reset();
     require(store::etcd::open_etcd_store(store_options_, &store, counting), "opening the registry");
-    registry_ = std::make_unique<Registry>(registry::Configuration(), identity_, std::move(store));
+    client_ = std::make_unique<registry::LocalClient>(registry::Configuration(), identity_, std::move(store));
   }
 
   void fill(const Dataset& dataset) {
-    require(registry_->write([&](Writer& writer) { return fill(writer, dataset); }), "filling");
+    registry::Subtree tree{"app", {}};
+    registry::Difference difference;
+    const registry::TypedValue value{PRTKV_TYPE_TEXT, dataset.value()};
+    const auto add = [&](std::string name, const registry::TypedValue& bytes) {
+      tree.keys.push_back({std::move(name), all_rights(), bytes});
+    };
+    add("app", {});
+    add("app.service", {});
+    for (int group = 0; group < dataset.groups(); ++group) {
+      add(Dataset::group(group), {});
+      for (int key = 0; key < dataset.keys(); ++key) add(Dataset::group(group) + "." + Dataset::key_level(key), value);
+    }
+    require(client_->apply(
+                tree, {}, [](uint64_t) {}, &difference),
+            "filling");
   }
 
-  NodeId id_of(const std::string& name) {
-    registry::Place place;
-    require(registry_->read([&](Reader& reader) { return reader.resolve(name, &place); }), "opening a key");
-    return place.node.id;
+  registry::KeyId id_of(const std::string& name) {
+    registry::KeyId id = registry::kAnyKey;
+    require(client_->find(name, &id), "opening a key");
+    return id;
   }
 
   uint64_t read(const std::string& name) {
-    uint64_t size = 0;
-    require(registry_->read([&](Reader& reader) -> Status {
-      store::Value value;
-      Status status = reader.value(name, &value);
-      size = value.bytes.size();
-      return status;
-    }),
-            "reading");
-    return size;
+    registry::TypedValue value;
+    require(client_->read_value(name, &value), "reading");
+    return value.bytes.size();
   }
 
   uint64_t write(const std::string& name, const std::string& value) {
-    require(registry_->write([&](Writer& writer) {
-      return writer.set_value(name, PRTKV_TYPE_TEXT, std::as_bytes(std::span(value)));
-    }),
-            "writing");
+    require(client_->write_value(name, PRTKV_TYPE_TEXT, std::as_bytes(std::span(value))), "writing");
     return value.size();
   }
 
   uint64_t list(const std::string& name) {
     uint64_t count = 0;
-    require(registry_->read([&](Reader& reader) {
-      count = 0;
-      return reader.list(name, [&](std::string_view, const store::Node&) {
-        ++count;
-        return Status();
-      });
-    }),
-            "listing");
+    const auto visit = [&](const registry::Subkey&) {
+      ++count;
+      return Status();
+    };
+    require(client_->list(name, false, visit), "listing");
     return count;
   }
 
   uint64_t walk(const std::string& name) {
     uint64_t count = 0;
-    require(registry_->read_all([&](Reader& reader) {
-      count = 0;
-      return reader.walk(name, registry::Hidden::kFail, [&](const registry::Entry& entry) {
-        store::Value value;
-        ++count;
-        return reader.value(entry, &value);
-      });
-    }),
-            "walking");
+    registry::WalkOptions options;
+    options.values = true;
+    const auto visit = [&](const registry::WalkEntry&) {
+      ++count;
+      return Status();
+    };
+    require(client_->walk(name, options, visit), "walking");
     return count;
   }
 
  private:
-  static Status fill(Writer& writer, const Dataset& dataset) {
-    NodeId app = store::kNoNode;
-    NodeId service = store::kNoNode;
-    const sec_attr security = all_rights();
-    const auto value = std::as_bytes(std::span(dataset.value()));
-    if (Status status = writer.sprout(0, {}, &app); !status.ok()) return status;
-    if (Status status = writer.sprout_below(app, "service", security, 0, {}, &service); !status.ok()) return status;
-    for (int group = 0; group < dataset.groups(); ++group) {
-      NodeId above = store::kNoNode;
-      NodeId made = store::kNoNode;
-      Status status = writer.sprout_below(service, Dataset::group_level(group), security, 0, {}, &above);
-      for (int key = 0; status.ok() && key < dataset.keys(); ++key) {
-        status = writer.sprout_below(above, Dataset::key_level(key), security, PRTKV_TYPE_TEXT, value, &made);
-      }
-      if (!status.ok()) return status;
-    }
-    return writer.plant(app, security, "", "app", false);
-  }
-
   static sec_attr all_rights() {
     sec_attr security{};
     security.user_perm = security.group_perm = security.other_perm = TKV_RIGHT_ALL;
@@ -217,7 +194,7 @@ class RegistrySide {
 
   store::EtcdOptions store_options_;
   Identity identity_;
-  std::unique_ptr<Registry> registry_;
+  std::unique_ptr<registry::Client> client_;
 };
 
 // Requests of etcd's own, one after the other, to the first endpoint.
@@ -316,8 +293,8 @@ uint64_t requests_of(const Operation& operation) {
 Pair pair_of(const std::string& scenario, Bench& bench) {
   Dataset& data = bench.dataset;
   const std::string some = Dataset::group(0) + "." + Dataset::key_level(0);
-  const NodeId id = bench.registry.id_of(some);
-  const NodeId group = bench.registry.id_of(Dataset::group(0));
+  const store::NodeId id = bench.registry.id_of(some);
+  const store::NodeId group = bench.registry.id_of(Dataset::group(0));
   const std::string node = bench.keys.node({group, Dataset::key_level(0)});
   const auto names = std::make_shared<Names>(data.names_of(0));
   for (const std::string& name : data.names_of(0)) {

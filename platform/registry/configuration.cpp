@@ -5,41 +5,22 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
-#include <limits>
 
-#include "base/function_ref.h"
 #include "base/name_service.h"
+#include "prtkv.h"
 #include "registry/configuration_file.h"
+#include "store/setting_values.h"
+#include "store/store_kinds.h"
 
 namespace tkv::registry {
 namespace {
 
-constexpr std::string_view kEtcdScheme = "etcd://";
-constexpr std::string_view kBlanks = " \t";
+constexpr const char* kLocation = "registry.location";
 constexpr std::string_view kListSeparators = " \t,";
-constexpr std::size_t kMaxGroupBytes = 63;
-constexpr std::size_t kMaxUserBytes = 255;
-constexpr std::size_t kMaxPrefixBytes = 256;
-constexpr std::size_t kMaxHostBytes = 255;
-constexpr std::uint64_t kMinMapSize = 1ULL << 20;
-constexpr std::uint64_t kMaxMapSize = 16ULL << 40;
-constexpr int kMinTimeout = 100;
-constexpr int kMaxTimeout = 600000;
+constexpr std::size_t kMaxBackupLocationSize = PRTKV_BACKUP_LOCATION_SIZE - 1;
 
 Status invalid(std::string why) { return {PRTKV_INVALID_CONFIGURATION, std::move(why)}; }
-
-Status take_absolute(const std::string& value, std::size_t most, std::string* path) {
-  if (!value.starts_with('/')) return invalid("'" + value + "' is not an absolute path");
-  if (value.size() > most) return invalid("the path is longer than " + std::to_string(most) + " bytes");
-  *path = value;
-  return {};
-}
-
-Status take_file(const std::string& value, std::string* path) {
-  return take_absolute(value, kMaxLocationBytes - 1, path);
-}
 
 Status take_yes_or_no(const std::string& value, bool* answer) {
   for (const char* word : {"yes", "true", "on", "1"}) {
@@ -51,119 +32,91 @@ Status take_yes_or_no(const std::string& value, bool* answer) {
   return invalid("'" + value + "' is neither yes nor no");
 }
 
-// Takes a decimal number off the front of `text`.
-bool take_number(std::string_view* text, std::uint64_t* number) {
-  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *number);
-  if (error != std::errc()) return false;
-  text->remove_prefix(static_cast<std::size_t>(end - text->data()));
-  return true;
+// "a location is one directory or up to five etcd addresses".
+Status wrong_number_of_locations() {
+  std::string text;
+  for (const store::StoreKind* kind : store::store_kinds())
+    text += (text.empty() ? "" : " or ") + std::string(kind->locations);
+  return invalid("a location is " + text);
 }
 
-// The shift that a unit stands for, -1 when it is none.
-int unit_shift(std::string_view unit) {
-  if (unit.empty()) return 0;
-  const std::size_t at = std::string_view("KMGTkmgt").find(unit.front());
-  return unit.size() > 1 || at == std::string_view::npos ? -1 : static_cast<int>(10 * (at % 4 + 1));
-}
-
-Status take_map_size(const std::string& value, std::uint64_t* size) {
-  std::string_view rest = value;
-  std::uint64_t number = 0;
-  const bool begins_well = take_number(&rest, &number);
-  const int shift = unit_shift(rest);
-  if (!begins_well || shift < 0) return invalid("'" + value + "' is not a size in bytes, as in 512M");
-  if (number > kMaxMapSize >> shift || number << shift < kMinMapSize) {
-    return invalid("'" + value + "' is not between 1M and 16T");
+Status add_location(const std::string& location, std::vector<std::string>* locations) {
+  const store::StoreKind& kind = store::kind_of_location(location);
+  if (Status status = kind.check_location(location); !status.ok()) return invalid(status.text());
+  if (std::find(locations->begin(), locations->end(), location) != locations->end()) {
+    return invalid("'" + location + "' is given twice");
   }
-  *size = number << shift;
+  const bool fits = locations->empty() || &store::kind_of_location(locations->front()) == &kind;
+  if (!fits || locations->size() == kind.max_locations) return wrong_number_of_locations();
+  locations->push_back(location);
   return {};
 }
 
-Status take_timeout(const std::string& value, int* milliseconds) {
-  std::string_view rest = value;
-  std::uint64_t number = 0;
-  if (!take_number(&rest, &number) || !rest.empty()) return invalid("'" + value + "' is not a number of milliseconds");
-  if (number < kMinTimeout || number > kMaxTimeout) return invalid("'" + value + "' is not between 100 and 600000");
-  *milliseconds = static_cast<int>(number);
-  return {};
-}
-
-Status take_prefix(const std::string& value, std::string* prefix) {
-  if (!value.starts_with('/') || !value.ends_with('/')) {
-    return invalid("'" + value + "' does not begin and end with '/'");
-  }
-  if (value.size() > kMaxPrefixBytes) return invalid("the prefix is longer than 256 bytes");
-  *prefix = value;
-  return {};
-}
-
-Status take_word(const std::string& value, std::size_t most, std::string* word) {
-  if (value.find_first_of(kBlanks) != std::string::npos || value.find(':') != std::string::npos) {
-    return invalid("'" + value + "' is not a name");
-  }
-  if (value.size() > most) return invalid("the name is longer than " + std::to_string(most) + " bytes");
-  *word = value;
-  return {};
-}
-
-Status add_endpoint(const std::string& address, Configuration* configuration) {
-  std::string endpoint;
-  if (Status status = parse_etcd_address(address, &endpoint); !status.ok()) return invalid(status.text());
-  auto& locations = configuration->locations;
-  if (!locations.empty() && !is_etcd_address(locations.front())) {
-    return invalid("a location is one directory or up to five etcd addresses, not both");
-  }
-  if (std::find(locations.begin(), locations.end(), address) != locations.end()) {
-    return invalid("'" + address + "' is given twice");
-  }
-  if (locations.size() == kMaxLocations) return invalid("more than five locations");
-  locations.push_back(address);
-  return {};
-}
-
-Status take_location(const std::string& value, Configuration* configuration) {
-  if (!is_etcd_address(value)) {
-    if (!configuration->locations.empty()) {
-      return invalid("a location is one directory or up to five etcd addresses");
-    }
-    std::string directory;
-    Status status = take_absolute(value, kMaxLocationBytes, &directory);
-    if (status.ok()) configuration->locations.push_back(std::move(directory));
-    return status;
-  }
+// A value names one location or, of a kind that may have several, a list.
+Status take_locations(const std::string& value, std::vector<std::string>* locations) {
+  if (store::kind_of_location(value).max_locations == 1) return add_location(value, locations);
   for (std::size_t at = 0; (at = value.find_first_not_of(kListSeparators, at)) != std::string::npos;) {
     const std::size_t end = std::min(value.find_first_of(kListSeparators, at), value.size());
-    if (Status status = add_endpoint(value.substr(at, end - at), configuration); !status.ok()) return status;
+    if (Status status = add_location(value.substr(at, end - at), locations); !status.ok()) return status;
     at = end;
   }
   return {};
 }
 
-using Take = Status (*)(const std::string& value, Configuration* configuration);
+Status take_backup_location(const std::string& value, std::string* location) {
+  Status status = store::check_absolute_path(value, kMaxBackupLocationSize);
+  if (status.ok()) *location = value;
+  return status;
+}
 
-struct Key {
-  const char* section;
+// A setting that does not belong to a store.
+struct OwnSetting {
   const char* name;
-  Take take;
+  Status (*take)(const std::string& value, Configuration* configuration);
+  const char* text;
 };
 
-// Every key, in the order in which people are shown them.
-constexpr Key kKeys[] = {
-    {"registry", "location", take_location},
-    {"registry", "local_only", [](const auto& value, auto* c) { return take_yes_or_no(value, &c->local_only); }},
-    {"registry", "backup_location",
-     [](const auto& value, auto* c) { return take_absolute(value, kMaxBackupLocationBytes, &c->backup_location); }},
-    {"registry", "map_size", [](const auto& value, auto* c) { return take_map_size(value, &c->map_size); }},
-    {"registry", "group", [](const auto& value, auto* c) { return take_word(value, kMaxGroupBytes, &c->group); }},
-    {"etcd", "ca", [](const auto& value, auto* c) { return take_file(value, &c->etcd_ca); }},
-    {"etcd", "cert", [](const auto& value, auto* c) { return take_file(value, &c->etcd_cert); }},
-    {"etcd", "key", [](const auto& value, auto* c) { return take_file(value, &c->etcd_key); }},
-    {"etcd", "user", [](const auto& value, auto* c) { return take_word(value, kMaxUserBytes, &c->etcd_user); }},
-    {"etcd", "password_file", [](const auto& value, auto* c) { return take_file(value, &c->etcd_password_file); }},
-    {"etcd", "prefix", [](const auto& value, auto* c) { return take_prefix(value, &c->etcd_prefix); }},
-    {"etcd", "timeout_ms", [](const auto& value, auto* c) { return take_timeout(value, &c->etcd_timeout_ms); }},
-    {"cluster", "configured", [](const auto& value, auto* c) { return take_yes_or_no(value, &c->cluster_configured); }},
+constexpr OwnSetting kRegistrySettings[] = {
+    {"registry.location", [](const auto& value, auto* made) { return take_locations(value, &made->locations); },
+     "One directory (absolute path), or one to five etcd://host:port, separated by blanks or commas or on lines of "
+     "their own. Default: /var/lib/tkv for root; for others $XDG_STATE_HOME/tkv or, if that is not set, "
+     "~/.local/state/tkv."},
+    {"registry.local_only", [](const auto& value, auto* made) { return take_yes_or_no(value, &made->local_only); },
+     "yes or no: what callers are told. Default: yes for a directory, no for etcd."},
+    {"registry.backup_location",
+     [](const auto& value, auto* made) { return take_backup_location(value, &made->backup_location); },
+     "Directory (absolute path) for backups. Default: none."}};
+
+constexpr OwnSetting kClusterSettings[] = {
+    {"cluster.configured",
+     [](const auto& value, auto* made) { return take_yes_or_no(value, &made->cluster_configured); },
+     "yes or no: whether this node is a member of a cluster. Default: yes if the location is etcd."}};
+
+struct KnownSetting {
+  std::string_view name;
+  const OwnSetting* own;
+  const store::StoreSetting* of_store;
+
+  std::string_view section() const { return name.substr(0, name.find('.')); }
 };
+
+// Every setting, in the order in which people are shown them.
+const std::vector<KnownSetting>& known_settings() {
+  static const std::vector<KnownSetting> known = [] {
+    std::vector<KnownSetting> all;
+    for (const OwnSetting& own : kRegistrySettings) all.push_back({own.name, &own, nullptr});
+    for (const store::StoreKind* kind : store::store_kinds()) {
+      for (const store::StoreSetting& setting : kind->settings) all.push_back({setting.name, nullptr, &setting});
+    }
+    for (const OwnSetting& own : kClusterSettings) all.push_back({own.name, &own, nullptr});
+    return all;
+  }();
+  return known;
+}
+
+const store::StoreKind& kind_of(const Configuration& configuration) {
+  return store::kind_of_location(configuration.locations.empty() ? "" : configuration.locations.front());
+}
 
 const char* yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 
@@ -171,8 +124,9 @@ const char* yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 class Builder {
  public:
   explicit Builder(const Surroundings& surroundings) : surroundings_(surroundings) {
-    for (const Key& key : kKeys) {
-      made_.settings.push_back({std::string(key.section) + "." + key.name, "", "default"});
+    for (const KnownSetting& known : known_settings()) {
+      const char* value = known.of_store == nullptr ? "" : known.of_store->default_value;
+      made_.settings.push_back({std::string(known.name), value, "default"});
     }
   }
 
@@ -192,22 +146,21 @@ class Builder {
   }
 
   Status complete(Configuration* configuration) {
-    if (Status status = check_pairs(); !status.ok()) return status;
+    if (Status status = check_needs(); !status.ok()) return status;
     made_.location_configured = !made_.locations.empty();
     if (!made_.location_configured) {
       if (Status status = place_by_default(); !status.ok()) return status;
     }
     follow_location("registry.local_only", !made_.is_distributed(), &made_.local_only);
     follow_location("cluster.configured", made_.is_distributed(), &made_.cluster_configured);
-    show_defaults();
     *configuration = std::move(made_);
     return {};
   }
 
  private:
   static Status check_section(const std::string& section) {
-    for (const Key& key : kKeys) {
-      if (section == key.section) return {};
+    for (const KnownSetting& known : known_settings()) {
+      if (section == known.section()) return {};
     }
     return invalid("unknown section [" + section + "]");
   }
@@ -219,46 +172,49 @@ class Builder {
   static bool is_set(const Setting& setting) { return setting.origin != "default"; }
 
   Status take(const ConfigurationLine& line) {
-    for (std::size_t at = 0; at < std::size(kKeys); ++at) {
-      if (line.section == kKeys[at].section && line.name == kKeys[at].name) return take_as(at, line);
+    const std::string name = line.section + "." + line.name;
+    for (const KnownSetting& known : known_settings()) {
+      if (known.name == name) return take_as(known, line);
     }
     if (line.section.empty()) return invalid("'" + line.name + "' stands before the first section");
     return invalid("unknown name '" + line.name + "' in [" + line.section + "]");
   }
 
-  Status take_as(std::size_t at, const ConfigurationLine& line) {
-    Setting& entry = made_.settings[at];
+  Status take_as(const KnownSetting& known, const ConfigurationLine& line) {
+    Setting& entry = *setting(known.name);
     const std::string here = made_.file + ":" + std::to_string(line.number);
     const bool again = is_set(entry);
-    if (again && at != 0) return invalid("'" + line.name + "' is given twice, first at " + entry.origin);
+    if (again && known.name != kLocation) {
+      return invalid("'" + line.name + "' is given twice, first at " + entry.origin);
+    }
     if (line.value.empty()) return invalid("'" + line.name + "' has no value");
-    if (Status status = kKeys[at].take(line.value, &made_); !status.ok()) return status.about(line.name);
+    if (Status status = take_value(known, line.value); !status.ok()) return status.about(line.name);
     entry.value = again ? entry.value + " " + line.value : line.value;
     entry.origin = again ? entry.origin + ", " + here : here;
     return {};
   }
 
-  // `name` was given: so must `other` be.
-  Status demand_pair(const char* name, const char* other) {
-    const Setting& given = *setting(name);
-    if (!is_set(given) || is_set(*setting(other))) return {};
-    return invalid(given.origin + ": " + name + " is given without " + other);
+  Status take_value(const KnownSetting& known, const std::string& value) {
+    if (known.own != nullptr) return known.own->take(value, &made_);
+    Status status = known.of_store->check(value);
+    if (status.ok()) made_.store_settings[known.of_store->name] = value;
+    return status;
   }
 
-  Status check_pairs() {
-    constexpr const char* kPairs[][2] = {{"etcd.cert", "etcd.key"},
-                                         {"etcd.key", "etcd.cert"},
-                                         {"etcd.cert", "etcd.ca"},
-                                         {"etcd.user", "etcd.password_file"},
-                                         {"etcd.password_file", "etcd.user"}};
-    for (const auto& pair : kPairs) {
-      if (Status status = demand_pair(pair[0], pair[1]); !status.ok()) return status;
+  Status check_needs() {
+    for (const KnownSetting& known : known_settings()) {
+      const Setting& given = *setting(known.name);
+      if (known.of_store == nullptr || !is_set(given)) continue;
+      for (const char* needed : known.of_store->needs) {
+        if (needed == nullptr || is_set(*setting(needed))) continue;
+        return invalid(given.origin + ": " + given.name + " is given without " + needed);
+      }
     }
     return {};
   }
 
   Status place_by_default() {
-    Setting& entry = *setting("registry.location");
+    Setting& entry = *setting(kLocation);
     const char* state = surroundings_.variable("XDG_STATE_HOME");
     const char* home = surroundings_.variable("HOME");
     std::string directory;
@@ -276,9 +232,7 @@ class Builder {
       return invalid("no location is configured, and the user has no home directory for a default one");
     }
     entry.value = directory;
-    if (directory.size() > kMaxLocationBytes) return invalid(entry.origin + ": the path is longer than 4096 bytes");
-    made_.locations.push_back(std::move(directory));
-    return {};
+    return add_location(directory, &made_.locations).about(entry.origin);
   }
 
   void follow_location(const char* name, bool answer, bool* value) {
@@ -290,36 +244,9 @@ class Builder {
     entry.value = yes_or_no(*value);
   }
 
-  void show_defaults() {
-    setting("etcd.prefix")->value = made_.etcd_prefix;
-    setting("etcd.timeout_ms")->value = std::to_string(made_.etcd_timeout_ms);
-  }
-
   const Surroundings& surroundings_;
   Configuration made_;
 };
-
-bool is_host_byte(char byte) {
-  return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') || byte == '.' ||
-         byte == '-' || byte == '_';
-}
-
-bool is_ipv6_byte(char byte) {
-  return (byte >= 'a' && byte <= 'f') || (byte >= 'A' && byte <= 'F') || (byte >= '0' && byte <= '9') || byte == '.' ||
-         byte == ':';
-}
-
-bool is_host(std::string_view host) {
-  if (host.empty() || host.size() > kMaxHostBytes) return false;
-  if (host.front() != '[') return std::all_of(host.begin(), host.end(), is_host_byte);
-  if (!host.ends_with(']') || host.size() < 4) return false;
-  return std::all_of(host.begin() + 1, host.end() - 1, is_ipv6_byte);
-}
-
-bool is_port(std::string_view port) {
-  std::uint64_t number = 0;
-  return take_number(&port, &number) && port.empty() && number >= 1 && number <= 65535;
-}
 
 // "" when the system does not know it.
 std::string home_by_records(uid_t user) {
@@ -352,20 +279,24 @@ Status Configuration::read(Configuration* configuration, const Surroundings& sur
   return builder.complete(configuration);
 }
 
-bool Configuration::is_distributed() const { return !locations.empty() && is_etcd_address(locations.front()); }
+Status Configuration::relocate(const std::string& location) {
+  std::vector<std::string> taken;
+  if (Status status = take_locations(location, &taken); !status.ok()) return status;
+  locations = std::move(taken);
+  location_configured = true;
+  return {};
+}
 
-bool is_etcd_address(std::string_view address) { return address.starts_with(kEtcdScheme); }
+bool Configuration::is_distributed() const { return kind_of(*this).is_distributed; }
 
-Status parse_etcd_address(std::string_view address, std::string* endpoint) {
-  if (is_etcd_address(address) && address.size() <= kMaxLocationBytes) {
-    const std::string_view rest = address.substr(kEtcdScheme.size());
-    const std::size_t colon = rest.rfind(':');
-    if (colon != std::string_view::npos && is_host(rest.substr(0, colon)) && is_port(rest.substr(colon + 1))) {
-      *endpoint = rest;
-      return {};
-    }
+const char* Configuration::store() const { return kind_of(*this).name; }
+
+std::vector<SettingText> setting_texts() {
+  std::vector<SettingText> texts;
+  for (const KnownSetting& known : known_settings()) {
+    texts.push_back({known.name, known.own != nullptr ? known.own->text : known.of_store->text});
   }
-  return {PRTKV_INVALID_ARGUMENT, "'" + std::string(address.substr(0, 200)) + "' is not of the form etcd://host:port"};
+  return texts;
 }
 
 }  // namespace tkv::registry

@@ -1,37 +1,21 @@
 // Configuration: where the registry is and how it is reached.
 //
-// The file is the one that the environment variable TKV_CONF names, else /etc/tkv/tkv.conf. TKV_CONF that names no
-// file is an error; without /etc/tkv/tkv.conf the defaults are in force. A program with more rights than its caller
-// (set-user-ID, set-group-ID, file capabilities) takes no variable of the environment into account.
+// It is read from the file that the environment variable TKV_CONF names, or else from /etc/tkv/tkv.conf. If TKV_CONF
+// names a file that does not exist, that is an error; without /etc/tkv/tkv.conf the defaults are in force. A program
+// with more rights than its caller (set-user-ID, set-group-ID, file capabilities) ignores the environment.
 //
-//   [registry]
-//   location         one directory (absolute), or one to five "etcd://host:port", separated by blanks or commas or
-//                    given on lines of their own. Default: /var/lib/tkv for root, $XDG_STATE_HOME/tkv for others, or
-//                    ~/.local/state/tkv when that is not set.
-//   local_only       yes or no: what callers are told. Default: yes for a directory, no for etcd.
-//   backup_location  a directory (absolute). Default: none.
-//   map_size         bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024; 1M to 16T.
-//                    Default: the store's.
-//   group            group that shares an embedded registry. Default: none.
-//   [etcd]
-//   ca, cert, key    PEM files (absolute). cert and key go together, and with a ca. Default: no TLS.
-//   user, password_file   go together; the file is absolute.
-//   prefix           of the registry's keys in etcd; begins and ends with "/", 256 bytes at most. Default: /tkv/
-//   timeout_ms       of one operation over all endpoints, 100 to 600000. Default: 5000.
-//   [cluster]
-//   configured       yes or no: whether this node is a member of a cluster. Default: yes when the location is etcd.
-//
-// Lines are "name = value"; lines that begin with ";" or "#" are comments, and so is what follows " ;" on a line.
-// yes and no may also be written true, false, on, off, 1, 0. Unknown sections and names, names given twice (but
-// location), malformed lines and values out of bounds are errors (41) that name file and line; a file that cannot be
-// read is 42.
+// The file consists of sections and lines "name = value". setting_texts() describes all settings; those of a store are
+// declared in its row of the table of store kinds. Lines that begin with ";" or "#" are comments, and so is what
+// follows " ;" on a line. yes and no may also be written true, false, on, off, 1, 0. Unknown sections and names, names
+// given twice (except location), malformed lines and values out of bounds yield PRTKV_INVALID_CONFIGURATION with file
+// and line; a file that cannot be read yields PRTKV_CONFIGURATION_UNREADABLE.
 #ifndef TKV_PLATFORM_REGISTRY_CONFIGURATION_H
 #define TKV_PLATFORM_REGISTRY_CONFIGURATION_H
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,15 +24,11 @@
 
 namespace tkv::registry {
 
-constexpr std::size_t kMaxLocations = 5;
-constexpr std::size_t kMaxLocationBytes = 4096;
-constexpr std::size_t kMaxBackupLocationBytes = 4095;
-
-// What a configuration is read from, besides the file; for tests to stand in for the process.
+// What a configuration is read from besides the file. Tests replace it.
 struct Surroundings {
-  std::function<const char*(const char* name)> variable;  // of the environment; null when not set
+  std::function<const char*(const char* name)> variable;  // of the environment; null if it is not set
   uid_t user = 0;                                         // effective
-  std::string home;                                       // of the user by the system's records, used without $HOME
+  std::string home;                                       // the user's by the system's records, for want of $HOME
   std::string default_file = "/etc/tkv/tkv.conf";
 
   static Surroundings of_process();
@@ -62,42 +42,40 @@ struct Setting {
 };
 
 struct Configuration {
-  // Reads the configuration that is in force now. 41 and 42 as above; `*configuration` is then as it was. Any thread
-  // may call.
+  // Reads the configuration that is in force now. On failure `*configuration` is unchanged. Any thread may call.
   static Status read(Configuration* configuration, const Surroundings& surroundings = Surroundings::of_process());
 
-  std::string file;         // that was read, "" when there was none
+  std::string file;         // that was read, "" if there was none
   std::string file_origin;  // "environment TKV_CONF", "default", or "none"
 
-  std::vector<std::string> locations;  // one directory, or endpoints "etcd://host:port"
-  bool location_configured = false;    // the file names it, it is not the default
+  std::vector<std::string> locations;  // all of one kind of store, in the configured order
+  bool location_configured = false;    // it is not the default
   bool local_only = true;
   std::string backup_location;
-  std::uint64_t map_size = 0;  // 0: the store's default
-  std::string group;
-
-  std::string etcd_ca;
-  std::string etcd_cert;
-  std::string etcd_key;
-  std::string etcd_user;
-  std::string etcd_password_file;
-  std::string etcd_prefix = "/tkv/";
-  int etcd_timeout_ms = 5000;
-
   bool cluster_configured = false;
 
-  bool is_distributed() const;  // the locations are those of an etcd cluster
+  // The configured values of settings that belong to stores, by name ("etcd.prefix").
+  std::map<std::string, std::string, std::less<>> store_settings;
 
-  // Every setting in the order above, for people. Holds no secrets.
+  // Replaces the locations by those of a value as in the file; everything else stays. Returns
+  // PRTKV_INVALID_CONFIGURATION if it is malformed.
+  Status relocate(const std::string& location);
+
+  bool is_distributed() const;  // nodes share the registry
+  const char* store() const;    // the kind of store that the locations belong to: "lmdb", "etcd"
+
+  // Every setting, for people. Holds no secrets.
   std::vector<Setting> settings;
 };
 
-// Tells whether an address begins like those of distributed registries, well-formed or not.
-bool is_etcd_address(std::string_view address);
+// What a setting means, which values it takes and what is in force without it.
+struct SettingText {
+  std::string_view name;  // "registry.location"
+  const char* text;
+};
 
-// Takes "etcd://host:port" apart, "host:port" into `*endpoint`: 8 with a text when it is malformed. The host is a
-// name, an IPv4 address, or an IPv6 address in brackets.
-Status parse_etcd_address(std::string_view address, std::string* endpoint);
+// All settings, in the order of Configuration::settings. Any thread may call.
+std::vector<SettingText> setting_texts();
 
 }  // namespace tkv::registry
 

@@ -1,24 +1,37 @@
 #include "registry/open_client.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
 #include <string>
-#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "registry/local_client.h"
-#include "registry/open_store.h"
-#include "store/lmdb/directory.h"
+#include "store/store_kinds.h"
 
 namespace tkv::registry {
+namespace {
+
+store::StorePlace place_of(const Configuration& configuration) {
+  return {configuration.locations, configuration.store_settings};
+}
+
+const store::StoreKind& kind_of(const Configuration& configuration) {
+  return store::kind_of_location(configuration.locations.front());
+}
+
+}  // namespace
 
 Status open_client(Configuration configuration, const OpenOptions& options, std::shared_ptr<Client>* client) {
   Identity identity;
   std::shared_ptr<store::Store> store;
+  store::StoreOpening opening;
   if (Status status = identity_of_process(&identity); !status.ok()) return status;
-  if (Status status = open_store(configuration, identity, options, &store); !status.ok()) return status;
+  opening.create = options.create && !options.read_only;
+  opening.create_parents = !configuration.location_configured;
+  opening.read_only = options.read_only;
+  opening.max_wait_ms = options.max_wait_ms;
+  opening.root_security = default_security(identity);
+  if (Status status = kind_of(configuration).open(place_of(configuration), opening, &store); !status.ok())
+    return status;
   *client = std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store));
   return {};
 }
@@ -30,20 +43,21 @@ Status open_client(const OpenOptions& options, std::shared_ptr<Client>* client) 
 }
 
 Status check_location(const Configuration& configuration) {
-  return configuration.is_distributed() ? Status() : store::check_lmdb_directory(configuration.locations.front());
+  return kind_of(configuration).check(place_of(configuration));
 }
 
-bool is_absent(const Configuration& configuration) {
-  if (configuration.is_distributed()) return false;
-  const std::string file = store::data_file(configuration.locations.front());
-  return ::access(file.c_str(), F_OK) != 0 && errno == ENOENT;
+Status check_location(const std::string& location) {
+  const store::StoreKind& kind = store::kind_of_location(location);
+  if (!kind.is_distributed) return kind.check({std::vector{location}, {}});
+  if (Status status = kind.check_location(location); !status.ok()) return status;
+  return {PRTKV_DISTRIBUTED, "'" + location + "' names a distributed registry"};
 }
+
+bool is_absent(const Configuration& configuration) { return kind_of(configuration).is_absent(place_of(configuration)); }
 
 bool same_place(const Configuration& one, const Configuration& other) {
-  if (one.is_distributed() != other.is_distributed()) return false;
-  if (one.is_distributed()) return one.locations == other.locations && one.etcd_prefix == other.etcd_prefix;
-  std::error_code unknown;
-  return std::filesystem::equivalent(one.locations.front(), other.locations.front(), unknown);
+  const store::StoreKind& kind = kind_of(one);
+  return &kind == &kind_of(other) && kind.is_same(place_of(one), place_of(other));
 }
 
 }  // namespace tkv::registry

@@ -17,7 +17,6 @@
 #include "registry/open_client.h"
 #include "registry/session.h"
 #include "registry/zuved.h"
-#include "store/lmdb/lmdb_store.h"
 
 namespace {
 
@@ -237,10 +236,7 @@ int32_t prtkv_check_storage(lpm_ctx, const char* path, char* error_text, int32_t
     if (!wanted.ok()) return wanted;
     if (*error_size <= 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: error_size"};
     if (wanted = check_flags(flags, PRTKV_CHECK_STORAGE_FLAGS); !wanted.ok()) return wanted;
-    if (!tkv::registry::is_etcd_address(path)) return tkv::store::check_lmdb_directory(path);
-    std::string endpoint;
-    if (wanted = tkv::registry::parse_etcd_address(path, &endpoint); !wanted.ok()) return wanted;
-    return {PRTKV_DISTRIBUTED, "'" + std::string(path) + "' names a distributed registry"};
+    return tkv::registry::check_location(std::string(path));
   });
   return finish(status, error_text, error_size);
 }

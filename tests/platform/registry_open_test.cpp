@@ -224,8 +224,8 @@ TEST_F(OpenRegistry, TellsWhetherThereIsOneYetAndWhetherThereCanBe) {
 TEST_F(OpenRegistry, MissingModuleForEtcdSaysWhereItWasLookedFor) {
   setenv("TKV_MODULE_DIR", (directory_ / "modules").c_str(), 1);
   configure("[registry]\nlocation = etcd://127.0.0.1:1\n");
-  EXPECT_EQ(init(), PRTKV_UNREACHABLE);
-  EXPECT_THAT(text_, StartsWith("TKV-0015: the store for etcd cannot be loaded: " +
+  EXPECT_EQ(init(), PRTKV_UNUSABLE);
+  EXPECT_THAT(text_, StartsWith("TKV-0018: the store for etcd cannot be loaded: " +
                                 directory_ / "modules/libtkv_etcd.so: no such file; /"));
   EXPECT_THAT(text_, HasSubstr("/lib/libtkv_etcd.so: "));
 }
@@ -235,7 +235,7 @@ TEST_F(OpenRegistry, ModuleForEtcdThatIsNoneEndsTheSearch) {
   std::ofstream(directory_ / "modules/libtkv_etcd.so") << std::string(1000, 'x');
   setenv("TKV_MODULE_DIR", (directory_ / "modules").c_str(), 1);
   configure("[registry]\nlocation = etcd://127.0.0.1:1\n");
-  EXPECT_EQ(init(), PRTKV_UNREACHABLE);
+  EXPECT_EQ(init(), PRTKV_UNUSABLE);
   EXPECT_THAT(text_, HasSubstr(directory_ / "modules/libtkv_etcd.so"));
   EXPECT_THAT(text_, HasSubstr("invalid ELF header"));
 }

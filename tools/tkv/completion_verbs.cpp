@@ -87,7 +87,7 @@ end
 complete -c tkv -f -a '(__tkv_candidates)'
 )sh";
 
-constexpr int kPatienceMs = 1000;
+constexpr std::uint32_t kPatienceMs = 1000;
 
 const char* script_of(std::string_view shell) {
   if (shell == "bash") return kBash;
@@ -262,8 +262,7 @@ class Completer {
   Outcome open() {
     registry::Configuration configuration;
     if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
-    configuration.etcd_timeout_ms = std::min(configuration.etcd_timeout_ms, kPatienceMs);
-    return open_registry(std::move(configuration), {false, true}, &client_);
+    return open_registry(std::move(configuration), {false, true, kPatienceMs}, &client_);
   }
 
   Context& context_;

@@ -21,8 +21,6 @@ struct Found {
   Outcome usable;  // the location, as far as it can be told without opening it
 };
 
-const char* kind_of(const Configuration& configuration) { return configuration.is_distributed() ? "etcd" : "lmdb"; }
-
 std::string found_json(const Found& found) {
   const Configuration& configuration = found.configuration;
   std::vector<std::string> settings;
@@ -35,7 +33,7 @@ std::string found_json(const Found& found) {
   JsonObject object;
   object.utf8("file", configuration.file)
       .utf8("file_origin", configuration.file_origin)
-      .raw("store", json_string(kind_of(configuration)))
+      .raw("store", json_string(configuration.store()))
       .raw("locations", json_array(locations))
       .flag("usable", found.usable.ok());
   if (!found.usable.ok()) object.utf8("reason", found.usable.text());
@@ -62,7 +60,7 @@ void print_found(Context& context, const Found& found) {
   };
   row("file", configuration.file, configuration.file_origin);
   for (const Setting& setting : configuration.settings) row(setting.name, setting.value, setting.origin);
-  row("store", kind_of(configuration), "follows registry.location");
+  row("store", configuration.store(), "follows registry.location");
   row("usable", found.usable.ok() ? "yes" : "no", found.usable.text());
   row("cluster word", std::to_string(configuration.cluster_configured ? kInCluster : kAlone),
       "follows cluster.configured");

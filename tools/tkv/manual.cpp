@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "registry/configuration.h"
 #include "verbs.h"
 
 namespace tkv::command {
@@ -84,35 +85,6 @@ std::string title(const char* name, const char* section) {
          " \"\" \"tkv " TKV_VERSION "\" \"TKV\"\n";
 }
 
-struct SettingText {
-  const char* section;
-  const char* name;
-  const char* text;
-};
-
-constexpr SettingText kSettings[] = {
-    {"registry", "location",
-     "One directory (absolute), or one to five etcd://host:port, separated by blanks or commas or on lines of their "
-     "own.\n"
-     "Default: /var/lib/tkv for root; for others $XDG_STATE_HOME/tkv, or ~/.local/state/tkv."},
-    {"registry", "local_only", "yes or no: what callers are told. Default: yes for a directory, no for etcd."},
-    {"registry", "backup_location", "A directory (absolute) for tkv backup. Default: none."},
-    {"registry", "map_size",
-     "Bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024. Default: it grows as it has "
-     "to."},
-    {"registry", "group",
-     "Group that shares an embedded registry: directory and files belong to it, modes 2770 and 0660. Who can open the\n"
-     "files can go around the rights in the registry. Default: none, only the owner opens them."},
-    {"etcd", "ca", "PEM file of the authority that signed the members' certificates. With it the connection is TLS."},
-    {"etcd", "cert", "PEM file of this client's certificate; goes with key and ca."},
-    {"etcd", "key", "PEM file of its key."},
-    {"etcd", "user", "User of the cluster; goes with password_file."},
-    {"etcd", "password_file", "File of one line, readable by its owner only."},
-    {"etcd", "prefix", "Of the registry's keys in etcd; begins and ends with /. Default: /tkv/"},
-    {"etcd", "timeout_ms", "Of one operation over all members, 100 to 600000. Default: 5000."},
-    {"cluster", "configured",
-     "yes or no: whether this node is a member of a cluster. Default: yes when the location is etcd."}};
-
 }  // namespace
 
 std::string manual_page() {
@@ -163,10 +135,13 @@ std::string configuration_manual_page() {
             "force and where it came from."),
       &page);
   std::string_view section;
-  for (const SettingText& setting : kSettings) {
-    if (section != setting.section) add_line(".SS [" + std::string(setting.section) + "]", &page);
-    section = setting.section;
-    add_item("\\fB" + plain(setting.name) + "\\fR", setting.text, &page);
+  for (const registry::SettingText& setting : registry::setting_texts()) {
+    const std::size_t dot = setting.name.find('.');
+    if (section != setting.name.substr(0, dot)) {
+      section = setting.name.substr(0, dot);
+      add_line(".SS [" + std::string(section) + "]", &page);
+    }
+    add_item("\\fB" + plain(setting.name.substr(dot + 1)) + "\\fR", setting.text, &page);
   }
   add_section("EXAMPLE", &page);
   add_verbatim("[registry]\nlocation = /srv/tkv\nbackup_location = /srv/tkv-backups\ngroup = operators\n", &page);

@@ -43,16 +43,6 @@ bool is_file(const std::string& path) {
   return ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
 }
 
-std::vector<std::string> split_addresses(const std::string& text) {
-  std::vector<std::string> addresses;
-  for (std::size_t start = 0;;) {
-    const std::size_t end = text.find(',', start);
-    addresses.push_back(text.substr(start, end - start));
-    if (end == std::string::npos) return addresses;
-    start = end + 1;
-  }
-}
-
 // Finds the configuration of a place: that of a configuration file or, for a directory or the addresses of an etcd
 // cluster, the one in force with this location.
 Outcome configure(const std::string& place, Configuration* configuration) {
@@ -64,17 +54,9 @@ Outcome configure(const std::string& place, Configuration* configuration) {
     return Configuration::read(configuration, surroundings);
   }
   if (Status read = Configuration::read(configuration); !read.ok()) return read;
-  configuration->location_configured = true;
-  if (place.starts_with('/')) {
-    configuration->locations = {place};
-    return {};
-  }
-  if (!registry::is_etcd_address(place)) {
-    return {Exit::kUsage,
-            "'" + place + "' is neither a configuration file, nor an absolute directory, nor etcd://host:port"};
-  }
-  configuration->locations = split_addresses(place);
-  return {};
+  if (configuration->relocate(place).ok()) return {};
+  return {Exit::kUsage,
+          "'" + place + "' is neither a configuration file, nor an absolute directory, nor etcd://host:port"};
 }
 
 Outcome open_side(const registry::OpenOptions& options, Side* side) {

@@ -1,4 +1,4 @@
-#include "registry/etcd_loader.h"
+#include "store/etcd/loader.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace tkv::registry {
+namespace tkv::store {
 namespace {
 
 constexpr const char* kModule = "libtkv_etcd.so";
@@ -21,9 +21,9 @@ std::string folder_of(const std::string& path) {
   return end == std::string::npos ? "." : path.substr(0, end == 0 ? 1 : end);
 }
 
-// The folder of the file that contains this code, "" when it cannot be told. Of a program, the loader knows only the
-// name that it was called by, and of a library perhaps a relative path: looked up from wherever the process is by now,
-// either could name somebody else's file.
+// The folder of the file that contains this code, "" if it is not known. The loader knows a program only by the name
+// that it was called by, and a library perhaps by a relative path. From the directory where the process is by now,
+// either could lead to somebody else's file.
 std::string own_folder() {
   Dl_info found{};
   void* object = nullptr;
@@ -52,7 +52,7 @@ bool is_absent(const std::string& path) {
 }
 
 Status cannot_load(const std::string& reasons) {
-  return {PRTKV_UNREACHABLE, "the store for etcd cannot be loaded: " + reasons};
+  return {PRTKV_UNUSABLE, "the store for etcd cannot be loaded: " + reasons};
 }
 
 std::string loader_error() {
@@ -60,7 +60,7 @@ std::string loader_error() {
   return error == nullptr ? "unknown reason" : error;
 }
 
-Status load(store::OpenEtcdStore* open) {
+Status load(OpenEtcdStore* open) {
   std::string tried;
   for (const std::string& path : candidates()) {
     if (!tried.empty()) tried += "; ";
@@ -74,7 +74,7 @@ Status load(store::OpenEtcdStore* open) {
       if (path == kModule) break;
       return cannot_load(tried);
     }
-    *open = reinterpret_cast<store::OpenEtcdStore>(::dlsym(module, store::kEtcdModuleSymbol));
+    *open = reinterpret_cast<OpenEtcdStore>(::dlsym(module, kEtcdModuleSymbol));
     return *open != nullptr ? Status() : cannot_load(path + " is not this library's module");
   }
   return cannot_load(tried);
@@ -82,9 +82,9 @@ Status load(store::OpenEtcdStore* open) {
 
 }  // namespace
 
-Status load_etcd_module(store::OpenEtcdStore* open) {
+Status load_etcd_module(OpenEtcdStore* open) {
   static std::mutex mutex;
-  static store::OpenEtcdStore loaded = nullptr;
+  static OpenEtcdStore loaded = nullptr;
   const std::lock_guard lock(mutex);
   if (loaded == nullptr) {
     if (Status status = load(&loaded); !status.ok()) return status;
@@ -93,4 +93,4 @@ Status load_etcd_module(store::OpenEtcdStore* open) {
   return {};
 }
 
-}  // namespace tkv::registry
+}  // namespace tkv::store

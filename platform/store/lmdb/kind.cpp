@@ -1,0 +1,105 @@
+#include "store/lmdb/kind.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include "store/lmdb/directory.h"
+#include "store/lmdb/lmdb_store.h"
+#include "store/setting_values.h"
+
+namespace tkv::store {
+namespace {
+
+constexpr std::size_t kMaxDirectorySize = 4096;  // bytes of a location
+constexpr std::size_t kMaxGroupSize = 63;
+constexpr std::uint64_t kMinMapSize = 1ULL << 20;
+constexpr std::uint64_t kMaxMapSize = 16ULL << 40;
+
+// The shift that a unit stands for, -1 if it is none.
+int unit_shift(std::string_view unit) {
+  if (unit.empty()) return 0;
+  const std::size_t at = std::string_view("KMGTkmgt").find(unit.front());
+  return unit.size() > 1 || at == std::string_view::npos ? -1 : static_cast<int>(10 * (at % 4 + 1));
+}
+
+Status parse_map_size(const std::string& value, std::uint64_t* size) {
+  std::string_view rest = value;
+  std::uint64_t number = 0;
+  const bool begins_well = take_number(&rest, &number);
+  const int shift = unit_shift(rest);
+  if (!begins_well || shift < 0) return refuse("'" + value + "' is not a size in bytes, as in 512M");
+  if (number > kMaxMapSize >> shift || number << shift < kMinMapSize) {
+    return refuse("'" + value + "' is not between 1M and 16T");
+  }
+  *size = number << shift;
+  return {};
+}
+
+Status check_map_size(const std::string& value) {
+  std::uint64_t size = 0;
+  return parse_map_size(value, &size);
+}
+
+Status check_group(const std::string& value) { return check_account(value, kMaxGroupSize); }
+
+constexpr StoreSetting kSettings[] = {
+    {.name = "registry.map_size",
+     .check = check_map_size,
+     .text = "Bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024; 1M to 16T. "
+             "Default: it grows as it has to."},
+    {.name = "registry.group",
+     .check = check_group,
+     .text = "Group that shares an embedded registry: directory and files belong to it. Whoever can open the files "
+             "can bypass the rights in the registry. Default: none, only the owner opens them."}};
+
+Status check_location(const std::string& location) {
+  const Status status = check_absolute_path(location, kMaxDirectorySize);
+  return status.ok() ? status : Status(PRTKV_INVALID_ARGUMENT, status.text());
+}
+
+Status check(const StorePlace& place) { return check_lmdb_directory(place.locations.front()); }
+
+bool is_absent(const StorePlace& place) {
+  const std::string file = data_file(place.locations.front());
+  return ::access(file.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+bool is_same(const StorePlace& one, const StorePlace& other) {
+  std::error_code unknown;
+  return std::filesystem::equivalent(one.locations.front(), other.locations.front(), unknown);
+}
+
+Status open(const StorePlace& place, const StoreOpening& opening, std::shared_ptr<Store>* store) {
+  LmdbOptions options;
+  options.directory = place.locations.front();
+  options.create = opening.create && !opening.read_only;
+  options.create_parents = opening.create_parents;
+  options.read_only = opening.read_only;
+  options.root_security = opening.root_security;
+  if (const auto size = place.settings.find("registry.map_size"); size != place.settings.end()) {
+    if (Status status = parse_map_size(size->second, &options.map_size); !status.ok()) return status;
+  }
+  if (const auto group = place.settings.find("registry.group"); group != place.settings.end()) {
+    options.group = group->second;
+  }
+  return open_lmdb_store(options, store);
+}
+
+}  // namespace
+
+constinit const StoreKind kLmdbKind = {.name = "lmdb",
+                                       .scheme = "",
+                                       .locations = "one directory",
+                                       .max_locations = 1,
+                                       .is_distributed = false,
+                                       .settings = kSettings,
+                                       .check_location = check_location,
+                                       .check = check,
+                                       .is_absent = is_absent,
+                                       .is_same = is_same,
+                                       .open = open};
+
+}  // namespace tkv::store

@@ -1,0 +1,28 @@
+#include "store/setting_values.h"
+
+#include <charconv>
+
+namespace tkv::store {
+
+Status check_absolute_path(const std::string& value, std::size_t max_size) {
+  if (!value.starts_with('/')) return refuse("'" + value + "' is not an absolute path");
+  if (value.size() > max_size) return refuse("the path is longer than " + std::to_string(max_size) + " bytes");
+  return {};
+}
+
+Status check_file(const std::string& value) { return check_absolute_path(value, kMaxPathSize); }
+
+Status check_account(const std::string& value, std::size_t max_size) {
+  if (value.find_first_of(" \t:") != std::string::npos) return refuse("'" + value + "' is not a name");
+  if (value.size() > max_size) return refuse("the name is longer than " + std::to_string(max_size) + " bytes");
+  return {};
+}
+
+bool take_number(std::string_view* text, std::uint64_t* number) {
+  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *number);
+  if (error != std::errc()) return false;
+  text->remove_prefix(static_cast<std::size_t>(end - text->data()));
+  return true;
+}
+
+}  // namespace tkv::store
