@@ -47,7 +47,7 @@ class RunEtcd(unittest.TestCase):
             self.assertEqual((Path(output) / "etcd.txt").read_text(), done.stdout)
             raw = json.loads((Path(output) / "etcd.json").read_text())
             self.assertEqual(len(raw["failover"]), 1)
-            self.assertEqual([path.name for path in Path(output).glob("etcd-*")], [])
+            self.assertEqual([path.name for path in Path(output).glob("tkv-etcd-*")], [])
 
     def test_says_what_is_missing(self):
         done = subprocess.run([str(RUN), "--build", "/nonexistent"], capture_output=True, text=True, check=False)

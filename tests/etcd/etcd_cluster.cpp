@@ -1,46 +1,54 @@
 #include "etcd_cluster.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "loopback.h"
 #include "store/etcd/etcd_store.h"
 
 namespace tkv::store::etcd {
 namespace {
 
-std::vector<char*> pointers(const std::vector<std::string>& command) {
-  std::vector<char*> result;
-  for (const std::string& word : command) result.push_back(const_cast<char*>(word.c_str()));
-  result.push_back(nullptr);
-  return result;
-}
+constexpr std::chrono::seconds kLongest{300};
+constexpr std::chrono::seconds kRequest{60};
 
-pid_t spawn(const std::vector<std::string>& command, int output) {
-  const std::vector<char*> arguments = pointers(command);
-  const pid_t parent = getpid();
-  const pid_t child = fork();
-  if (child != 0) return child;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(127);
-  dup2(output, STDOUT_FILENO);
-  dup2(output, STDERR_FILENO);
-  execvp(arguments[0], arguments.data());
-  _exit(127);
+struct Pipe {
+  Pipe() {
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  }
+  int ends[2];
+};
+
+// `input`, if not -1, becomes the command's standard input. `errors`: whether `output` takes its errors as well.
+pid_t spawn(const std::vector<std::string>& command, int input, int output, bool errors) {
+  std::vector<char*> arguments;
+  for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  if (input >= 0) posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
+  if (errors) posix_spawn_file_actions_adddup2(&files, output, STDERR_FILENO);
+  pid_t process = -1;
+  const int error = posix_spawnp(&process, arguments[0], &files, nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_destroy(&files);
+  if (error != 0) throw std::runtime_error(command[0] + " cannot be started");
+  return process;
 }
 
 int wait_for(pid_t process) {
@@ -50,16 +58,23 @@ int wait_for(pid_t process) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::vector<std::string> words_of(const std::string& text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
 }  // namespace
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds longest) {
-  const auto end = std::chrono::steady_clock::now() + longest;
+bool eventually(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + kLongest;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
 }
+
+Deadline patience() { return Deadline(kRequest); }
 
 TemporaryDirectory::TemporaryDirectory() {
   path_ = (std::filesystem::temp_directory_path() / "tkv-etcd-XXXXXX").string();
@@ -71,138 +86,120 @@ TemporaryDirectory::~TemporaryDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-int free_port() {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  const bool bound = bind(listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                     getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-  close(listener);
-  if (!bound) throw std::runtime_error("no free port");
-  return ntohs(address.sin_port);
-}
+RefusingEndpoint::RefusingEndpoint() : socket_(bound_socket("127.0.0.1:0")), endpoint_(endpoint_of(socket_)) {}
+
+RefusingEndpoint::~RefusingEndpoint() { close(socket_); }
 
 int run(const std::vector<std::string>& command, std::string* output) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-  const pid_t process = spawn(command, ends[1]);
-  close(ends[1]);
+  const Pipe pipe;
+  const pid_t process = spawn(command, -1, pipe.ends[1], true);
+  close(pipe.ends[1]);
   std::string text;
   char buffer[4096];
   ssize_t size = 0;
-  while ((size = ::read(ends[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<std::size_t>(size));
-  close(ends[0]);
+  while ((size = ::read(pipe.ends[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<std::size_t>(size));
+  close(pipe.ends[0]);
   if (output != nullptr) *output = text;
   return wait_for(process);
 }
 
-EtcdCluster::EtcdCluster(Options options) : options_(std::move(options)) {
-  static std::atomic<int> clusters{0};
-  token_ = "tkv-test-" + std::to_string(getpid()) + "-" + std::to_string(++clusters);
-  // A port that was free a moment ago may be another test's by now: then all members start again on other ports.
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    members_ = std::vector<Member>(static_cast<std::size_t>(options_.members));
-    for (int i = 0; i < size(); ++i) {
-      Member& member = members_[static_cast<std::size_t>(i)];
-      member.client_port = free_port();
-      member.peer_port = free_port();
-      if (!options_.between_proxies) continue;
-      member.proxy = std::make_unique<PeerProxy>(member.peer_port,
-                                                 [this, i](const std::string& dialler) { return is_cut(i, dialler); });
-    }
-    for (int i = 0; i < size(); ++i) start(i);
-    const bool up = eventually([&] {
-      for (Member& member : members_) {
-        if (member.process > 0 && waitpid(member.process, nullptr, WNOHANG) == member.process) member.process = 0;
-        if (member.process == 0) return true;
-      }
-      return leader() >= 0;
-    });
-    bool all = up;
-    for (int i = 0; i < size(); ++i) all = all && is_running(i);
-    if (all) return;
-    for (int i = 0; i < size(); ++i) kill(i);
-    std::filesystem::remove_all(directory_.path());
-    std::filesystem::create_directory(directory_.path());
+// The process that runs the members. It ends, and they with it, when its standard input is closed: here, or by the
+// kernel when this process dies.
+class EtcdCluster::Launcher {
+ public:
+  explicit Launcher(const std::vector<std::string>& arguments) {
+    const Pipe commands;
+    const Pipe answers;
+    std::vector<std::string> command{"python3", TKV_ETCD_LAUNCHER};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    process_ = spawn(command, commands.ends[0], answers.ends[1], false);
+    close(commands.ends[0]);
+    close(answers.ends[1]);
+    commands_ = commands.ends[1];
+    answers_ = answers.ends[0];
   }
-  throw std::runtime_error("etcd does not start");
+
+  ~Launcher() {
+    close(commands_);
+    close(answers_);
+    wait_for(process_);
+  }
+
+  std::string ask(const std::string& command) {
+    const std::lock_guard lock(mutex_);
+    const std::string line = command + "\n";
+    if (::write(commands_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+      throw std::runtime_error("etcd cluster: the launcher has ended");
+    }
+    std::string answer;
+    char each = 0;
+    while (::read(answers_, &each, 1) == 1 && each != '\n') answer += each;
+    if (answer != "ok" && answer.rfind("ok ", 0) != 0) {
+      throw std::runtime_error("etcd cluster: " + command + ": " + answer);
+    }
+    return answer.substr(std::min<std::size_t>(3, answer.size()));
+  }
+
+ private:
+  pid_t process_ = -1;
+  int commands_ = -1;
+  int answers_ = -1;
+  std::mutex mutex_;
+};
+
+EtcdCluster::EtcdCluster(Options options)
+    : options_(std::move(options)), running_(static_cast<std::size_t>(options_.members), true) {
+  std::vector<std::string> arguments{"--members", std::to_string(options_.members)};
+  if (options_.between_proxies) arguments.emplace_back("--peers-through-proxies");
+  if (!options_.cert.empty()) arguments.insert(arguments.end(), {"--tls", options_.cert, options_.key});
+  arguments.insert(arguments.end(), {"--", "--heartbeat-interval=60", "--election-timeout=600"});
+  arguments.insert(arguments.end(), options_.flags.begin(), options_.flags.end());
+  launcher_ = std::make_unique<Launcher>(arguments);
+  endpoints_ = words_of(launcher_->ask("endpoints"));
+  if (options_.prepare) options_.prepare(launcher_->ask("address"));
+  if (options_.between_proxies) {
+    const std::vector<std::string> peers = words_of(launcher_->ask("peers"));
+    const std::vector<std::string> proxies = words_of(launcher_->ask("proxies"));
+    for (int i = 0; i < size(); ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      proxies_.push_back(std::make_unique<PeerProxy>(
+          proxies[at], peers[at], [this, i](const std::string& dialler) { return is_cut(i, dialler); }));
+    }
+  }
+  launcher_->ask("start");
 }
 
-EtcdCluster::~EtcdCluster() {
-  for (int i = 0; i < size(); ++i) kill(i);
-}
-
-std::string EtcdCluster::endpoint(int member) const {
-  return "127.0.0.1:" + std::to_string(members_[static_cast<std::size_t>(member)].client_port);
-}
-
-std::vector<std::string> EtcdCluster::endpoints() const {
-  std::vector<std::string> result;
-  for (int i = 0; i < size(); ++i) result.push_back(endpoint(i));
-  return result;
-}
+EtcdCluster::~EtcdCluster() = default;
 
 EtcdOptions EtcdCluster::registry() const {
   static std::atomic<int> registries{0};
   EtcdOptions options;
   options.endpoints = endpoints();
   options.prefix = "/test" + std::to_string(++registries) + "/";
+  options.timeout_ms = static_cast<int>(std::chrono::milliseconds(kRequest).count());
   options.root_security.user_perm = TKV_RIGHT_ALL;
   return options;
 }
 
-std::vector<std::string> EtcdCluster::command(int member) const {
-  const auto name = [](int i) { return "m" + std::to_string(i); };
-  const auto url = [](int port) { return "http://127.0.0.1:" + std::to_string(port); };
-  const auto peer = [&](int i) {
-    const Member& of = members_[static_cast<std::size_t>(i)];
-    return url(of.proxy ? of.proxy->port() : of.peer_port);
-  };
-  const std::string client = options_.scheme + "://" + endpoint(member);
-  std::string all;
-  for (int i = 0; i < size(); ++i) all += (i == 0 ? "" : ",") + name(i) + "=" + peer(i);
-  std::vector<std::string> result{"etcd",
-                                  "--name=" + name(member),
-                                  "--data-dir=" + directory_.file(name(member)),
-                                  "--listen-client-urls=" + client,
-                                  "--advertise-client-urls=" + client,
-                                  "--listen-peer-urls=" + url(members_[static_cast<std::size_t>(member)].peer_port),
-                                  "--initial-advertise-peer-urls=" + peer(member),
-                                  "--initial-cluster=" + all,
-                                  "--initial-cluster-state=new",
-                                  "--initial-cluster-token=" + token_,
-                                  "--heartbeat-interval=60",
-                                  "--election-timeout=600",
-                                  "--log-level=error"};
-  result.insert(result.end(), options_.flags.begin(), options_.flags.end());
-  return result;
-}
-
 void EtcdCluster::start(int member) {
-  const int log = open(directory_.file("log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  members_[static_cast<std::size_t>(member)].process = spawn(command(member), log);
-  close(log);
+  launcher_->ask("start " + std::to_string(member));
+  running_[static_cast<std::size_t>(member)] = true;
 }
 
 void EtcdCluster::kill(int member) {
-  pid_t& process = members_[static_cast<std::size_t>(member)].process;
-  if (process <= 0) return;
-  ::kill(process, SIGKILL);
-  wait_for(process);
-  process = 0;
+  launcher_->ask("kill " + std::to_string(member));
+  running_[static_cast<std::size_t>(member)] = false;
 }
 
 void EtcdCluster::restart(int member) {
   kill(member);
   start(member);
-  wait_until_ready();
+  wait_until_healthy();
 }
 
-void EtcdCluster::stop(int member) { ::kill(members_[static_cast<std::size_t>(member)].process, SIGSTOP); }
+void EtcdCluster::stop(int member) { launcher_->ask("stop " + std::to_string(member)); }
 
-void EtcdCluster::go_on(int member) { ::kill(members_[static_cast<std::size_t>(member)].process, SIGCONT); }
+void EtcdCluster::go_on(int member) { launcher_->ask("cont " + std::to_string(member)); }
 
 // The lines of the list: id, state, name, peer address, client address.
 void EtcdCluster::cut(int member) {
@@ -227,9 +224,11 @@ bool EtcdCluster::is_cut(int target, const std::string& dialler) const {
 std::string EtcdCluster::ctl(std::vector<std::string> arguments) const {
   std::string addresses;
   for (int i = 0; i < size(); ++i) {
-    if (is_running(i)) addresses += (addresses.empty() ? "" : ",") + options_.scheme + "://" + endpoint(i);
+    if (!running_[static_cast<std::size_t>(i)]) continue;
+    addresses +=
+        (addresses.empty() ? "" : ",") + std::string(options_.cert.empty() ? "http://" : "https://") + endpoint(i);
   }
-  std::vector<std::string> all{"env", "ETCDCTL_API=3", "etcdctl", "--endpoints=" + addresses};
+  std::vector<std::string> all{"env", "ETCDCTL_API=3", "etcdctl", "--command-timeout=60s", "--endpoints=" + addresses};
   all.insert(all.end(), options_.ctl_flags.begin(), options_.ctl_flags.end());
   all.insert(all.end(), arguments.begin(), arguments.end());
   std::string output;
@@ -237,32 +236,19 @@ std::string EtcdCluster::ctl(std::vector<std::string> arguments) const {
   return output;
 }
 
-int EtcdCluster::leader() const {
-  for (int i = 0; i < size(); ++i) {
-    if (!is_running(i)) continue;
-    std::vector<std::string> command{"env", "ETCDCTL_API=3", "etcdctl", "--command-timeout=1s",
-                                     "--endpoints=" + options_.scheme + "://" + endpoint(i)};
-    command.insert(command.end(), options_.ctl_flags.begin(), options_.ctl_flags.end());
-    command.insert(command.end(), {"endpoint", "status"});
-    std::string output;
-    // endpoint, id, version, size, is leader, is learner, ...
-    if (run(command, &output) != 0) continue;
-    std::string::size_type at = 0;
-    for (int comma = 0; comma < 4 && at != std::string::npos; ++comma) at = output.find(',', at + 1);
-    if (at != std::string::npos && output.compare(at, 6, ", true") == 0) return i;
-  }
-  return -1;
-}
+int EtcdCluster::leader() const { return std::stoi(launcher_->ask("leader")); }
 
 void EtcdCluster::wait_until_ready() {
   ASSERT_TRUE(eventually([this] { return leader() >= 0; })) << "the cluster has no leader";
 }
 
-std::shared_ptr<Store> open_when_ready(const EtcdOptions& options) {
+void EtcdCluster::wait_until_healthy() { launcher_->ask("wait"); }
+
+std::shared_ptr<Store> open_when_ready(const EtcdOptions& options, const std::function<Interceptors()>& interceptors) {
   std::shared_ptr<Store> store;
   Status status;
   eventually([&] {
-    status = open_etcd_store(options, &store);
+    status = open_etcd_store(options, &store, interceptors);
     return !status.is(PRTKV_UNREACHABLE);
   });
   EXPECT_TRUE(status.ok()) << status.text();

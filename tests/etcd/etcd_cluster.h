@@ -1,12 +1,9 @@
-// EtcdCluster: an etcd cluster of the test's own, on loopback, with ports of its own and its data in a directory that
-// is removed at the end. Members are processes that can be killed, stopped, cut off and started again.
+// EtcdCluster: an etcd cluster for one test, run by tests/cluster/etcd_cluster.py, which ends when the test does, even
+// by a crash. Members can be killed, stopped, cut off from the others and started again.
 #ifndef TKV_TESTS_ETCD_ETCD_CLUSTER_H
 #define TKV_TESTS_ETCD_ETCD_CLUSTER_H
 
-#include <sys/types.h>
-
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -14,16 +11,20 @@
 #include <vector>
 
 #include "peer_proxy.h"
-#include "store/etcd/module.h"
+#include "store/etcd/cluster.h"
+#include "store/etcd/options.h"
 #include "store/store.h"
 
 namespace tkv::store::etcd {
 
-// Calls `condition` until it is true; false when it did not come true in time.
-bool eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds longest = std::chrono::milliseconds(30000));
+// Calls `condition` until it holds. Returns false if it does not hold by the deadline, which is far beyond what a busy
+// machine needs: only a broken program reaches it.
+bool eventually(const std::function<bool()>& condition);
 
-// A directory that is removed with all that is in it.
+// For a request that must succeed, however busy the machine.
+Deadline patience();
+
+// A directory that is removed with its contents.
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
@@ -38,78 +39,92 @@ class TemporaryDirectory {
   std::string path_;
 };
 
-// A port that nobody listens on.
-int free_port();
+// An endpoint that refuses connections: nothing listens there, and nothing else can bind to it while this object lives.
+class RefusingEndpoint {
+ public:
+  RefusingEndpoint();
+  ~RefusingEndpoint();
+  RefusingEndpoint(const RefusingEndpoint&) = delete;
+  RefusingEndpoint& operator=(const RefusingEndpoint&) = delete;
 
-// Runs a command without a shell and waits for it; its exit code.
+  const std::string& endpoint() const { return endpoint_; }
+
+ private:
+  int socket_;
+  std::string endpoint_;
+};
+
+// Runs a command without a shell and waits for its end. Returns its exit code, or -1 if a signal ended it.
 int run(const std::vector<std::string>& command, std::string* output = nullptr);
 
 class EtcdCluster {
  public:
   struct Options {
     int members = 1;
-    std::vector<std::string> flags;      // more of etcd's, for each member
-    std::vector<std::string> ctl_flags;  // more of etcdctl's: certificates
-    std::string scheme = "http";         // of the clients' connections
-    bool between_proxies = false;        // members reach each other through proxies of the test, which can cut one off
+    std::vector<std::string> flags;      // further etcd flags, for each member
+    std::vector<std::string> ctl_flags;  // further etcdctl flags
+    std::string cert;                    // with TLS: a client certificate that the members accept, and its key
+    std::string key;
+    bool between_proxies = false;  // members reach each other through proxies, which can cut one off
+    // Called with the cluster's IP address before the members start: to issue their certificates, for instance.
+    std::function<void(const std::string& address)> prepare;
   };
 
+  // Starts the cluster and waits until every member is healthy. Throws std::runtime_error if that fails; so does every
+  // other function that acts on members.
   explicit EtcdCluster(Options options);
   EtcdCluster() : EtcdCluster(Options()) {}
   ~EtcdCluster();
   EtcdCluster(const EtcdCluster&) = delete;
   EtcdCluster& operator=(const EtcdCluster&) = delete;
 
-  int size() const { return static_cast<int>(members_.size()); }
-  std::string endpoint(int member) const;
-  std::vector<std::string> endpoints() const;
+  int size() const { return options_.members; }
+  const std::string& endpoint(int member) const { return endpoints_[static_cast<std::size_t>(member)]; }
+  const std::vector<std::string>& endpoints() const { return endpoints_; }
 
-  // For a registry of its own on this cluster: each call gives another prefix.
+  // Options for a registry on this cluster, with ample time for a busy machine. Each call gives another prefix.
   EtcdOptions registry() const;
 
-  // Waits until the cluster has a leader that answers.
+  // Waits until one of the members says that it leads.
   void wait_until_ready();
 
-  // The member that leads, -1 when nobody answers.
+  // Waits until every running member is healthy.
+  void wait_until_healthy();
+
+  // The member that says it leads, or -1.
   int leader() const;
 
-  void kill(int member);  // with -9, and waits for its end
-  void start(int member);
-  void restart(int member);  // and waits until it answers
+  void kill(int member);     // SIGKILL; waits for the process's end
+  void start(int member);    // does not wait
+  void restart(int member);  // waits until every running member is healthy
   void stop(int member);     // SIGSTOP
-  void go_on(int member);
-  // Cuts a member off from the others, or lets it back; only with `between_proxies`.
+  void go_on(int member);    // SIGCONT
+  // Cuts a member off from the others, or reconnects it; only with `between_proxies`.
   void cut(int member);
   void heal();
-  bool is_running(int member) const { return members_[static_cast<std::size_t>(member)].process > 0; }
 
-  // etcdctl with this cluster's endpoints; what it printed.
+  // Runs etcdctl against the running members. Returns what it printed.
   std::string ctl(std::vector<std::string> arguments) const;
   void set_ctl_flags(std::vector<std::string> flags) { options_.ctl_flags = std::move(flags); }
 
  private:
-  struct Member {
-    int client_port = 0;
-    int peer_port = 0;
-    pid_t process = 0;
-    std::unique_ptr<PeerProxy> proxy;
-  };
+  class Launcher;
 
-  std::vector<std::string> command(int member) const;
-
-  Options options_;
   bool is_cut(int target, const std::string& dialler) const;
 
-  TemporaryDirectory directory_;
-  std::vector<Member> members_;
+  Options options_;
+  std::unique_ptr<Launcher> launcher_;
+  std::vector<std::string> endpoints_;
+  std::vector<bool> running_;
+  std::vector<std::unique_ptr<PeerProxy>> proxies_;
   std::atomic<int> cut_member_{-1};
   std::string cut_id_;
   mutable std::mutex cut_mutex_;
-  std::string token_;
 };
 
-// Opens, repeating while the cluster is not there yet; fails the test when it never is.
-std::shared_ptr<Store> open_when_ready(const EtcdOptions& options);
+// Opens a store, trying again while the cluster is unreachable. Fails the test and returns null if it stays so.
+std::shared_ptr<Store> open_when_ready(const EtcdOptions& options,
+                                       const std::function<Interceptors()>& interceptors = {});
 
 }  // namespace tkv::store::etcd
 

@@ -19,7 +19,7 @@ class EtcdCrash : public testing::TestWithParam<const char*> {
 
   static std::int64_t count(Cluster& cluster, const KeyRange& range) {
     RangeResponse response;
-    EXPECT_TRUE(cluster.range(get_range(range, 1), &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(cluster.range(get_range(range, 1), &response, patience()).ok());
     return response.count();
   }
 
@@ -53,6 +53,7 @@ TEST_P(EtcdCrash, LeavesAWholeRegistryThatTheNextSessionCleans) {
   EtcdCluster cluster;
   ClusterOptions raw_options;
   raw_options.endpoints = cluster.endpoints();
+  raw_options.timeout = patience().left();
   std::unique_ptr<Cluster> raw;
   ASSERT_TRUE(done(Cluster::connect(raw_options, &raw)));
   constexpr int kMostRequests = 60;

@@ -279,13 +279,12 @@ TEST_F(EtcdLargeChange, IsSeenWhollyOrNotAtAll) {
 TEST_F(EtcdLargeChange, WhatWasDecidedIsCarriedOutByWhoeverComesBy) {
   RequestWatch cut;
   raw();
-  options_.timeout_ms = 300;
   const std::shared_ptr<Store> leaving = open_watched(&cut);
   cut.decide([&](const std::string&) {
     RangeResponse claims;
-    EXPECT_TRUE(raw().range(get_all(keys().all_claims()), &claims, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(get_all(keys().all_claims()), &claims, patience()).ok());
     const bool decided = claims.kvs_size() > 0 && ClaimText::parse(claims.kvs(0).value()).decided;
-    return decided ? Fate::kLoseRequest : Fate::kPass;
+    return decided ? Fate::kRefuse : Fate::kPass;
   });
   EXPECT_TRUE(done(change_values(*leaving, incremented))) << "a change that is decided is made";
   EXPECT_EQ(count_raw(keys().all_claims()), 1);

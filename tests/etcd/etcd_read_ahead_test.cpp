@@ -136,7 +136,7 @@ class EtcdReadAhead : public EtcdStore {
 
   void compact() {
     RangeResponse response;
-    EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, patience()).ok());
     cluster_->ctl({"compaction", std::to_string(response.header().revision())});
   }
 };

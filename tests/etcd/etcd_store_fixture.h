@@ -47,6 +47,7 @@ class EtcdStore : public testing::Test {
     if (!raw_) {
       ClusterOptions options;
       options.endpoints = options_.endpoints;
+      options.timeout = patience().left();
       EXPECT_TRUE(done(Cluster::connect(options, &raw_)));
     }
     return *raw_;
@@ -55,17 +56,17 @@ class EtcdStore : public testing::Test {
     TxnRequest request;
     put(request.add_success(), key, value);
     TxnResponse response;
-    EXPECT_TRUE(raw().txn(request, &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().txn(request, &response, patience()).ok());
   }
   std::string get_raw(const std::string& key) {
     RangeResponse response;
-    EXPECT_TRUE(raw().range(get_one(key), &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(get_one(key), &response, patience()).ok());
     return response.kvs_size() == 0 ? "" : response.kvs(0).value();
   }
   std::int64_t count_raw(const KeyRange& range) {
     RangeResponse response;
     RangeRequest request = get_range(range, 1);
-    EXPECT_TRUE(raw().range(request, &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(request, &response, patience()).ok());
     return response.count();
   }
 

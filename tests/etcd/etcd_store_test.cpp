@@ -200,7 +200,7 @@ TEST_F(EtcdStore, ABuildThatAnotherSessionGaveUpIsMadeAnew) {
     if (runs == 1) {
       // As another session does after ten minutes of silence.
       RangeResponse response;
-      EXPECT_TRUE(raw().range(get_range(keys().all_staging(), 1), &response, Deadline(std::chrono::seconds(5))).ok());
+      EXPECT_TRUE(raw().range(get_range(keys().all_staging(), 1), &response, patience()).ok());
       auto text = BuildText::parse(response.kvs(0).value());
       EXPECT_TRUE(text);
       text->given_up = true;
@@ -316,12 +316,15 @@ TEST_F(EtcdStore, ABuildSurvivesLostRequestsAndAnswers) {
 }
 
 TEST_F(EtcdStore, AWriteThatNobodyAnswersSaysThatItMayHaveBeenMade) {
-  options_.timeout_ms = 700;
-  store_ = open_watched(&watch_);
   ASSERT_TRUE(done(create_key(*store_, "a", "former")));
-  watch_.decide([](const std::string&) { return Fate::kLoseAnswer; });
-  const Status status = write_key(*store_, "a", "later");
-  watch_.decide({});
+  EtcdOptions options = options_;
+  options.timeout_ms = 700;
+  RequestWatch losing;
+  const auto unanswered = open_when_ready(options, losing.interceptors());
+  ASSERT_TRUE(unanswered);
+  ASSERT_TRUE(eventually([&] { return open_key(*unanswered, "a").ok(); }));
+  losing.decide([](const std::string&) { return Fate::kLoseAnswer; });
+  const Status status = write_key(*unanswered, "a", "later");
   EXPECT_TRUE(status.is(PRTKV_UNREACHABLE));
   EXPECT_NE(status.text().find(options_.endpoints[0]), std::string::npos) << status.text();
   EXPECT_NE(status.text().find("whether the change was made"), std::string::npos) << status.text();
@@ -340,7 +343,7 @@ TEST_F(EtcdStore, ACompactedStateHasATextOfItsOwn) {
     if (Status found = follow(view, "a", &node); !found.ok()) return found;
     EXPECT_TRUE(done(write_key(*store_, "a", "later")));
     RangeResponse response;
-    EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, Deadline(std::chrono::seconds(5))).ok());
+    EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, patience()).ok());
     cluster_->ctl({"compaction", std::to_string(response.header().revision())});
     Value value;
     return view.value(node.id, &value);
@@ -361,7 +364,7 @@ TEST_F(EtcdStore, AReadThatMeetsACompactionRunsAgain) {
     if (runs == 1) {
       EXPECT_TRUE(done(write_key(*store_, "a", "later")));
       RangeResponse response;
-      EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, Deadline(std::chrono::seconds(5))).ok());
+      EXPECT_TRUE(raw().range(get_one(keys().meta()), &response, patience()).ok());
       cluster_->ctl({"compaction", std::to_string(response.header().revision())});
     }
     Value value;

@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
   tkv::store::EtcdOptions options;
   options.endpoints = {argv[1]};
   options.prefix = argv[2];
+  options.timeout_ms = 60000;
   const std::string action = argv[3];
   etcd::RequestWatch watch;
   std::shared_ptr<tkv::store::Store> store;

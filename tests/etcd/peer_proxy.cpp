@@ -1,32 +1,15 @@
 #include "peer_proxy.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <stdexcept>
+
+#include "loopback.h"
 
 namespace tkv::store::etcd {
 namespace {
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-int dial(int port) {
-  const int target = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = loopback(port);
-  if (connect(target, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return target;
-  close(target);
-  return -1;
-}
 
 bool pass_on(int from, int to, std::string* seen) {
   std::array<char, 65536> buffer;
@@ -41,7 +24,7 @@ bool pass_on(int from, int to, std::string* seen) {
   return true;
 }
 
-// etcd's members say in every request to each other who they are.
+// Every request between members names its sender.
 std::string dialler_of(const std::string& request) {
   constexpr std::string_view kHeader = "X-Server-From: ";
   const auto at = request.find(kHeader);
@@ -52,16 +35,9 @@ std::string dialler_of(const std::string& request) {
 
 }  // namespace
 
-PeerProxy::PeerProxy(int target_port, std::function<bool(const std::string& dialler)> is_cut)
-    : target_port_(target_port), is_cut_(std::move(is_cut)) {
-  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(0);
-  socklen_t size = sizeof address;
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(listener_, 64) != 0 ||
-      getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    throw std::runtime_error("no port for a proxy");
-  }
-  port_ = ntohs(address.sin_port);
+PeerProxy::PeerProxy(const std::string& endpoint, std::string target,
+                     std::function<bool(const std::string& dialler)> is_cut)
+    : target_(std::move(target)), is_cut_(std::move(is_cut)), listener_(listening_socket(endpoint)) {
   acceptor_ = std::thread([this] { accept_all(); });
 }
 
@@ -81,7 +57,7 @@ void PeerProxy::accept_all() {
   while (!ending_) {
     const int dialler = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (dialler < 0) continue;
-    const int target = dial(target_port_);
+    const int target = connected_socket(target_);
     if (target < 0) {
       close(dialler);
       continue;

@@ -1,6 +1,6 @@
-// PeerProxy: stands between the members of an etcd cluster, so that a test can cut one off from the others while its
-// clients still reach it. A connection that is cut carries nothing in either direction and is not closed: as with a
-// network that drops what is sent.
+// PeerProxy: forwards connections between the members of an etcd cluster, so that a test can cut one off from the
+// others while its clients still reach it. A cut connection carries nothing in either direction and stays open, as on a
+// network that drops packets.
 #ifndef TKV_TESTS_ETCD_PEER_PROXY_H
 #define TKV_TESTS_ETCD_PEER_PROXY_H
 
@@ -15,14 +15,12 @@ namespace tkv::store::etcd {
 
 class PeerProxy {
  public:
-  // Accepts on a port of its own and passes on to `target_port`. `is_cut` tells, for the member that dialled (by its id
-  // in hexadecimal digits, empty when it does not say), whether the connection is cut at this moment.
-  PeerProxy(int target_port, std::function<bool(const std::string& dialler)> is_cut);
+  // Listens on `endpoint` and forwards to `target`. `is_cut` says whether the connection of a member is cut at this
+  // moment. The member is identified by its id in hexadecimal digits, "" until it has sent it.
+  PeerProxy(const std::string& endpoint, std::string target, std::function<bool(const std::string& dialler)> is_cut);
   ~PeerProxy();
   PeerProxy(const PeerProxy&) = delete;
   PeerProxy& operator=(const PeerProxy&) = delete;
-
-  int port() const { return port_; }
 
  private:
   struct Connection {
@@ -34,10 +32,9 @@ class PeerProxy {
   void accept_all();
   void serve(int dialler, int target);
 
-  int target_port_;
+  std::string target_;
   std::function<bool(const std::string& dialler)> is_cut_;
-  int listener_ = -1;
-  int port_ = 0;
+  int listener_;
   std::atomic<bool> ending_{false};
   std::mutex mutex_;
   std::list<Connection> connections_;

@@ -13,7 +13,11 @@ class WatchingInterceptor final : public grpc::experimental::Interceptor {
 
   void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override {
     if (fate_ == Fate::kLoseRequest) {
-      lose_request(methods);
+      answer_instead(methods, {grpc::StatusCode::UNAVAILABLE, "the request was lost on the way"});
+      return;
+    }
+    if (fate_ == Fate::kRefuse) {
+      answer_instead(methods, {grpc::StatusCode::PERMISSION_DENIED, "the test refuses it"});
       return;
     }
     if (methods->QueryInterceptionHookPoint(InterceptionHookPoints::POST_RECV_MESSAGE)) {
@@ -28,12 +32,12 @@ class WatchingInterceptor final : public grpc::experimental::Interceptor {
   }
 
  private:
-  static void lose_request(grpc::experimental::InterceptorBatchMethods* methods) {
+  static void answer_instead(grpc::experimental::InterceptorBatchMethods* methods, const grpc::Status& status) {
     if (methods->QueryInterceptionHookPoint(InterceptionHookPoints::PRE_RECV_MESSAGE)) {
       methods->FailHijackedRecvMessage();
     }
     if (methods->QueryInterceptionHookPoint(InterceptionHookPoints::PRE_RECV_STATUS)) {
-      *methods->GetRecvStatus() = grpc::Status(grpc::StatusCode::UNAVAILABLE, "the request was lost on the way");
+      *methods->GetRecvStatus() = status;
     }
     if (methods->QueryInterceptionHookPoint(InterceptionHookPoints::PRE_SEND_INITIAL_METADATA)) {
       methods->Hijack();

@@ -16,7 +16,8 @@ namespace tkv::store::etcd {
 enum class Fate {
   kPass,
   kLoseRequest,  // it never arrives
-  kLoseAnswer    // it is carried out, and nobody is told
+  kLoseAnswer,   // it is carried out, and the answer never arrives
+  kRefuse        // it is refused in a way that makes repeating it pointless
 };
 
 // Must outlive the stores that it watches. Thread-safe.

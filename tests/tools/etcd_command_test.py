@@ -1,46 +1,29 @@
 """The command on a registry that an etcd cluster keeps: the same verbs, the same outputs."""
 import json
-import shutil
-import socket
+import pathlib
 import subprocess
+import sys
 import unittest
 
 from command import COMMAND, CONFLICT, DEADLINE, NOT_FOUND, UNREACHABLE, CommandTest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "cluster"))
+from etcd_cluster import EtcdCluster
+
 SOME = 700  # keys: more than one transaction of the cluster can change
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 class OnEtcd(CommandTest):
     def setUp(self):
         super().setUp()
-        client, peer = free_port(), free_port()
-        self.address = f"etcd://127.0.0.1:{client}"
-        self.log = open(self.folder / "etcd.log", "wb")
-        self.addCleanup(self.log.close)
-        self.member = subprocess.Popen(
-            [shutil.which("etcd"), "--name", "one", "--data-dir", str(self.folder / "etcd"),
-             "--listen-client-urls", f"http://127.0.0.1:{client}", "--advertise-client-urls",
-             f"http://127.0.0.1:{client}", "--listen-peer-urls", f"http://127.0.0.1:{peer}",
-             "--initial-advertise-peer-urls", f"http://127.0.0.1:{peer}",
-             "--initial-cluster", f"one=http://127.0.0.1:{peer}"],
-            stdout=self.log, stderr=subprocess.STDOUT)
-        self.addCleanup(self.stop)
+        self.cluster = EtcdCluster()
+        self.addCleanup(self.cluster.close)
+        self.address = f"etcd://{self.cluster.endpoints[0]}"
         self.local_conf = self.folder / "local.conf"
         self.local_conf.write_text((self.folder / "tkv.conf").read_text())
         (self.folder / "tkv.conf").write_text(f"[registry]\nlocation = {self.address}\n"
-                                              f"backup_location = {self.backups}\n[etcd]\ntimeout_ms = 20000\n")
-        self.wait_until("the member's answer", lambda: self.run_command("create", "ready").code == 0)
-
-    def stop(self):
-        if self.member.poll() is None:
-            self.member.kill()
-            self.member.wait()
+                                              f"backup_location = {self.backups}\n[etcd]\ntimeout_ms = 60000\n")
+        self.tkv("create", "ready")
 
     def document(self):
         keys = [{"name": "many"}]
@@ -104,10 +87,10 @@ class OnEtcd(CommandTest):
         self.assertEqual(self.out("export", "--conf", self.folder / "back.conf"), before)
 
     def test_a_member_that_is_gone_is_unreachable(self):
-        self.stop()
-        text = (self.folder / "tkv.conf").read_text().replace("20000", "500")
+        self.cluster.ask("kill", 0)
+        text = (self.folder / "tkv.conf").read_text().replace("60000", "500")
         (self.folder / "tkv.conf").write_text(text)
-        self.assertIn("127.0.0.1", self.fails(UNREACHABLE, "get", "ready"))
+        self.assertIn(self.cluster.endpoints[0], self.fails(UNREACHABLE, "get", "ready"))
 
 
 class TheModule(CommandTest):
