@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include "etcd.grpc.pb.h"
@@ -411,6 +413,71 @@ TEST(EtcdLimits, AServerThatIsTooOldIsNotUsed) {
   options.endpoints = {"127.0.0.1:" + std::to_string(port)};
   options.timeout_ms = 60000;
   EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {options.endpoints[0], "etcd 3.2.18 is too old", "3.4"}));
+}
+
+// ---- threads
+
+int threads_of_this_process() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+// The kernel lists a thread for a moment after it has been joined.
+testing::AssertionResult threads_fall_to(int count) {
+  if (eventually([&] { return threads_of_this_process() <= count; })) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << threads_of_this_process() << " threads, " << count << " before";
+}
+
+TEST(EtcdThreads, NoneRemainsAfterTheLastStoreIsClosed) {
+  EtcdCluster cluster;
+  const EtcdOptions options = cluster.registry();
+  const int before = threads_of_this_process();
+  for (int round = 0; round < 50; ++round) {
+    std::shared_ptr<Store> first;
+    std::shared_ptr<Store> second;
+    ASSERT_TRUE(done(open_etcd_store(options, &first)));
+    ASSERT_TRUE(done(open_etcd_store(options, &second)));
+    ASSERT_TRUE(done(create_key(*first, "a" + std::to_string(round))));
+    first.reset();
+    ASSERT_TRUE(done(open_key(*second, "a" + std::to_string(round))));
+    ASSERT_GT(threads_of_this_process(), before);
+    second.reset();
+    ASSERT_TRUE(threads_fall_to(before)) << "in round " << round;
+  }
+}
+
+TEST(EtcdThreads, NoneRemainsAfterAnOpeningThatFailed) {
+  const RefusingEndpoint refusing;
+  EtcdOptions options;
+  options.endpoints = {refusing.endpoint(), "no-such-host.invalid:2379"};
+  options.timeout_ms = 100;
+  const int before = threads_of_this_process();
+  for (int round = 0; round < 10; ++round) {
+    ASSERT_FALSE(open(options).ok());
+    ASSERT_TRUE(threads_fall_to(before)) << "in round " << round;
+  }
+}
+
+TEST(EtcdThreads, TheyEndOnTheirOwnAfterASilentEndpoint) {
+  const SilentEndpoint silent;
+  EtcdOptions options;
+  options.endpoints = {silent.endpoint()};
+  options.timeout_ms = 100;
+  const int before = threads_of_this_process();
+  ASSERT_FALSE(open(options).ok());
+  EXPECT_TRUE(threads_fall_to(before));
+}
+
+TEST(EtcdThreads, NoneRemainsAfterAStoreWhoseMemberWasKilled) {
+  EtcdCluster cluster;
+  EtcdOptions options = cluster.registry();
+  options.timeout_ms = 500;
+  const int before = threads_of_this_process();
+  auto store = open_when_ready(options);
+  cluster.kill(0);
+  EXPECT_FALSE(open_key(*store, "a").ok());
+  store.reset();
+  EXPECT_TRUE(threads_fall_to(before));
 }
 
 // ---- the module

@@ -1,5 +1,6 @@
 #include "store/etcd/cluster.h"
 
+#include <grpc/grpc.h>
 #include <grpc/support/log.h>
 #include <grpcpp/grpcpp.h>
 #include <sys/stat.h>
@@ -40,6 +41,40 @@ constexpr const char* kMayWantOtherTls =
 
 // The process in which gRPC was first used: its threads do not live on in a forked child.
 std::atomic<pid_t> grpc_process{0};
+
+// Keeps gRPC running. Once the last use has ended, gRPC's threads have ended as well, so that a process can exit or
+// fork without them.
+//
+// gRPC runs until its last connection is gone. It cannot abandon a connection whose peer has accepted it and is silent;
+// such a peer must not hold up whoever closes a store, so its threads may end a few seconds later.
+class GrpcUse {
+ public:
+  GrpcUse() {
+    const std::lock_guard lock(mutex);
+    if (uses++ == 0) others_use_it = !ours_linger && grpc_is_initialized() != 0;
+    grpc_init();
+  }
+  GrpcUse(const GrpcUse&) = delete;
+  GrpcUse& operator=(const GrpcUse&) = delete;
+
+  ~GrpcUse() {
+    const std::lock_guard lock(mutex);
+    grpc_shutdown_blocking();
+    if (--uses > 0 || others_use_it) return;
+    const Deadline deadline(kLongestShutdown);
+    while ((ours_linger = grpc_is_initialized() != 0) && deadline.left().count() > 0) {
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+  }
+
+ private:
+  static constexpr milliseconds kLongestShutdown{500};
+
+  static inline std::mutex mutex;
+  static inline int uses = 0;
+  static inline bool others_use_it = false;  // other code in this process; nobody waits for its threads
+  static inline bool ours_linger = false;    // after the last use
+};
 
 Status read_file(const std::string& path, const char* what, std::string* content) {
   errno = 0;
@@ -109,7 +144,10 @@ grpc::ChannelArguments channel_arguments() {
   grpc::ChannelArguments arguments;
   arguments.SetMaxReceiveMessageSize(kReceiveLimit);
   arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 5000);  // how long one attempt at a connection may take
-  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);        // servers throw out who pings more often than every 5 s
+  // A failed connection is dialled anew here. gRPC's own wait before it does so delays nothing but a close.
+  arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
+  arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 100);
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);  // servers throw out who pings more often than every 5 s
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 3000);
   arguments.SetInt(GRPC_ARG_ENABLE_RETRIES, 0);  // repeating is decided here, not below
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
@@ -190,6 +228,7 @@ using Attempt = FunctionRef<Answer(Services& services, grpc::ClientContext* cont
 }  // namespace
 
 struct Cluster::Connection {
+  const GrpcUse grpc;  // first, so that it ends last
   pid_t process = getpid();
   ClusterOptions options;
   std::string password;
