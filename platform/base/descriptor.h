@@ -1,17 +1,24 @@
-// Descriptor: an open file of this process, closed at the end of its life.
+// Descriptor: an open file descriptor of this process, closed when the object is destroyed.
 #ifndef TKV_PLATFORM_BASE_DESCRIPTOR_H
 #define TKV_PLATFORM_BASE_DESCRIPTOR_H
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace tkv {
 
 class Descriptor {
  public:
-  // Takes over what open() gave, failures included: errno is still open()'s.
+  // Takes over the result of open(), including a failure; errno is still that of open().
   explicit Descriptor(int number) noexcept : number_(number) {}
   ~Descriptor() {
     if (is_open()) ::close(number_);
+  }
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
   }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
@@ -20,7 +27,7 @@ class Descriptor {
   int number() const { return number_; }
 
  private:
-  const int number_;
+  int number_;
 };
 
 }  // namespace tkv

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -124,7 +125,7 @@ class LmdbGroup : public LmdbDirectory {
   void expect_shared() {
     for (const std::string& path : {registry_, registry_ + "/data.mdb", registry_ + "/lock.mdb"})
       EXPECT_EQ(group_of(path), gid_) << path;
-    EXPECT_EQ(mode_of(registry_), 02770u);
+    EXPECT_EQ(mode_of(registry_), 03770u);
     EXPECT_EQ(mode_of(registry_ + "/data.mdb"), 0660u);
     EXPECT_EQ(mode_of(registry_ + "/lock.mdb"), 0660u);
   }
@@ -139,10 +140,100 @@ TEST_F(LmdbGroup, SharesDirectoryAndFilesWhateverTheUmask) {
   expect_shared();
 }
 
-TEST_F(LmdbGroup, SharesARegistryThatWasTheOwnersAlone) {
+TEST_F(LmdbGroup, ARegistryOfTheOwnerAloneIsNotSharedBehindHisBack) {
   ASSERT_TRUE(open(registry_).ok());
+  const gid_t owner = group_of(registry_ + "/data.mdb");
+  std::shared_ptr<Store> store;
+  const Status status = open_lmdb_store(options_, &store);
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.code();
+  EXPECT_NE(status.text().find("chgrp " + options_.group + " '" + registry_ + "'"), std::string::npos) << status.text();
+  EXPECT_EQ(mode_of(registry_ + "/data.mdb"), 0600u);
+  EXPECT_EQ(group_of(registry_ + "/data.mdb"), owner);
+}
+
+TEST_F(LmdbGroup, TheCommandThatTheMessageNamesSharesTheRegistry) {
+  ASSERT_TRUE(open(registry_).ok());
+  std::shared_ptr<Store> store;
+  const std::string text = open_lmdb_store(options_, &store).text();
+  const std::string marker = "type: ";
+  ASSERT_NE(text.find(marker), std::string::npos) << text;
+  ASSERT_EQ(std::system(text.substr(text.find(marker) + marker.size()).c_str()), 0);
   open_or_fail(options_);
   expect_shared();
+}
+
+TEST_F(LmdbGroup, AnEmptyDirectoryIsShared) {
+  fs::create_directory(registry_);
+  open_or_fail(options_);
+  expect_shared();
+}
+
+TEST_F(LmdbGroup, ADirectoryWithoutTheStickyBitGetsIt) {
+  open_or_fail(options_);
+  ASSERT_EQ(chmod(registry_.c_str(), 02770), 0);
+  open_or_fail(options_);
+  expect_shared();
+}
+
+TEST_F(LmdbGroup, AFileThatAMemberMovedHereKeepsItsModeAndGroup) {
+  open_or_fail(options_);
+  for (const char* name : {"/data.mdb", "/lock.mdb"}) {
+    SCOPED_TRACE(name);
+    const std::string file = registry_ + name;
+    ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+    ASSERT_EQ(chown(file.c_str(), static_cast<uid_t>(-1), getegid()), 0);
+    std::shared_ptr<Store> store;
+    (void)open_lmdb_store(options_, &store);
+    EXPECT_EQ(mode_of(file), 0600u);
+    EXPECT_EQ(group_of(file), getegid());
+  }
+}
+
+TEST_F(LmdbGroup, AFileWithASecondNameIsRefused) {
+  open_or_fail(options_);
+  for (const char* name : {"/data.mdb", "/lock.mdb"}) {
+    SCOPED_TRACE(name);
+    fs::create_hard_link(registry_ + name, temporary_ / "second");
+    expect_refused(registry_, PRTKV_UNUSABLE, "has 2 names (hard links)");
+    fs::remove(temporary_ / "second");
+  }
+}
+
+TEST_F(LmdbGroup, AFileOfAStrangerIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  open_or_fail(options_);
+  for (const char* name : {"/data.mdb", "/lock.mdb"}) {
+    SCOPED_TRACE(name);
+    const std::string file = registry_ + name;
+    ASSERT_EQ(chown(file.c_str(), 54321, 54321), 0);
+    std::shared_ptr<Store> store;
+    const Status status = open_lmdb_store(options_, &store);
+    EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
+    EXPECT_NE(status.text().find("belongs to another user (54321)"), std::string::npos) << status.text();
+    ASSERT_EQ(chown(file.c_str(), 54321, gid_), 0);
+    EXPECT_TRUE(open_lmdb_store(options_, &store).ok());
+  }
+}
+
+TEST_F(LmdbGroup, OtherContentInPlaceOfTheLockFileIsLeftAlone) {
+  open_or_fail(options_);
+  write_file(registry_ + "/lock.mdb", "a private file");
+  expect_refused(registry_, PRTKV_UNUSABLE, "is not a lock file of LMDB");
+  EXPECT_EQ(read_file(registry_ + "/lock.mdb"), "a private file");
+}
+
+TEST_F(LmdbGroup, NoTemporaryDirectoryStaysBehind) {
+  const auto count = [] {
+    std::size_t found = 0;
+    for (const char* parent : {"/dev/shm", "/tmp", "/var/tmp"})
+      for (const auto& entry : fs::directory_iterator(parent))
+        found += entry.path().filename().string().rfind("tkv-open-", 0) == 0 && entry.path() != parent;
+    return found;
+  };
+  const std::size_t before = count();
+  const auto store = open_or_fail(options_);
+  ASSERT_TRUE(set_text(*store, kRootNode, "x").ok());
+  EXPECT_LE(count(), before);
 }
 
 TEST_F(LmdbGroup, IsNotGivenARegistryThatIsOnlyRead) {
@@ -163,7 +254,7 @@ TEST_F(LmdbGroup, GetsNothingThatALinkLeadsTo) {
   fs::remove(registry_ + "/lock.mdb");
   fs::create_symlink(temporary_ / "private", registry_ + "/lock.mdb");
   std::shared_ptr<Store> store;
-  EXPECT_TRUE(open_lmdb_store(options_, &store).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(open_lmdb_store(options_, &store).is(PRTKV_UNUSABLE));
   EXPECT_EQ(mode_of(temporary_ / "private"), 0600u);
   EXPECT_EQ(group_of(temporary_ / "private"), owner);
   EXPECT_EQ(read_file(temporary_ / "private"), "x");
@@ -177,7 +268,7 @@ TEST_F(LmdbGroup, SharesWithoutLettingGoOfTheLocksThatThisProcessHolds) {
     EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "x").ok() ? 0 : 1; }), 0);
     return {};
   };
-  fs::permissions(registry_ + "/lock.mdb", fs::perms(0600));  // so that there is something to change
+  ASSERT_EQ(chmod(registry_.c_str(), 02770), 0);  // so that there is something to change
   EXPECT_TRUE(store->read(opens_again).ok());
   expect_shared();
 }
@@ -194,11 +285,89 @@ TEST_F(LmdbGroup, ThatDoesNotExistIsAnErrorOfTheConfiguration) {
 TEST_F(LmdbDirectory, PathsThatCannotHoldARegistryAreRefusedWithTheReason) {
   expect_refused("relative/path", PRTKV_INVALID_ARGUMENT, "not an absolute path");
   expect_refused("", PRTKV_INVALID_ARGUMENT, "not an absolute path");
-  expect_refused(temporary_ / "no/such/parent", PRTKV_STORAGE_FAILED, "its parent");
+  expect_refused(temporary_ / "no/such/parent", PRTKV_UNUSABLE, "its parent");
   EXPECT_FALSE(fs::exists(temporary_ / "no"));
   write_file(temporary_ / "file", "x");
-  expect_refused(temporary_ / "file", PRTKV_STORAGE_FAILED, "not a directory");
-  expect_refused(temporary_ / "file/below", PRTKV_STORAGE_FAILED, "Not a directory");
+  expect_refused(temporary_ / "file", PRTKV_UNUSABLE, "not a directory");
+  expect_refused(temporary_ / "file/below", PRTKV_UNUSABLE, "Not a directory");
+}
+
+struct LocationCase {
+  const char* what;
+  mode_t parent_mode;
+  mode_t mode;
+  bool usable;
+  const char* part;  // of the message
+};
+
+constexpr LocationCase kLocations[] = {
+    {"private", 0755, 0700, true, ""},
+    {"readable by others", 0755, 0755, true, ""},
+    {"writable by its group", 0755, 0770, false, "can be written to by other users"},
+    {"writable by everybody", 0755, 0777, false, "can be written to by other users"},
+    {"writable by everybody, with the sticky bit", 0755, 01777, true, ""},
+    {"its parent writable by everybody", 0777, 0700, false, "can be written to by other users"},
+    {"its parent writable by everybody, with the sticky bit", 01777, 0700, true, ""},
+};
+
+TEST_F(LmdbDirectory, ALocationThatOthersMayExchangeIsRefused) {
+  for (const LocationCase& row : kLocations) {
+    SCOPED_TRACE(row.what);
+    const std::string parent = temporary_ / row.what;
+    const std::string directory = parent + "/registry";
+    fs::create_directories(directory);
+    ASSERT_EQ(chmod(parent.c_str(), row.parent_mode), 0);
+    ASSERT_EQ(chmod(directory.c_str(), row.mode), 0);
+    for (const Status& status : {check_lmdb_directory(directory), open(directory)}) {
+      EXPECT_EQ(status.code(), row.usable ? PRTKV_DONE : PRTKV_UNUSABLE) << status.text();
+      EXPECT_NE(status.text().find(row.part), std::string::npos) << status.text();
+    }
+    EXPECT_EQ(fs::is_empty(directory), !row.usable);
+  }
+}
+
+TEST_F(LmdbDirectory, NothingIsCreatedInAParentThatOthersMayWriteTo) {
+  const std::string parent = temporary_ / "parent";
+  fs::create_directory(parent);
+  ASSERT_EQ(chmod(parent.c_str(), 0777), 0);
+  expect_refused(parent + "/registry", PRTKV_UNUSABLE, "chmod go-w '" + parent + "'");
+  EXPECT_EQ(check_lmdb_directory(parent + "/registry").code(), PRTKV_UNUSABLE);
+  EXPECT_TRUE(fs::is_empty(parent));
+}
+
+TEST_F(LmdbDirectory, ALocationOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give directories away";
+  fs::create_directory(registry_);
+  ASSERT_EQ(chown(registry_.c_str(), 54321, 54321), 0);
+  expect_refused(registry_, PRTKV_UNUSABLE, "belongs to another user (54321)");
+  expect_refused(registry_ + "/below", PRTKV_UNUSABLE, "belongs to another user (54321)");
+  EXPECT_TRUE(fs::is_empty(registry_));
+}
+
+TEST_F(LmdbDirectory, ALinkToALocationThatOthersMayExchangeIsRefused) {
+  const std::string open_to_all = temporary_ / "open";
+  fs::create_directories(open_to_all + "/registry");
+  ASSERT_EQ(chmod(open_to_all.c_str(), 0777), 0);
+  fs::create_symlink(open_to_all + "/registry", registry_);
+  expect_refused(registry_, PRTKV_UNUSABLE, "can be written to by other users");
+}
+
+TEST_F(LmdbGroup, ADirectoryOfTheGroupIsUsedWhoeverOwnsIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give directories away";
+  fs::create_directory(registry_);
+  ASSERT_EQ(chmod(registry_.c_str(), 03770), 0);
+  ASSERT_EQ(chown(registry_.c_str(), 54321, gid_), 0);
+  EXPECT_TRUE(check_lmdb_directory(registry_, options_.group).ok());
+  EXPECT_TRUE(check_lmdb_directory(registry_).is(PRTKV_UNUSABLE));
+  EXPECT_EQ(text_of(*open_or_fail(options_)), "");
+}
+
+TEST_F(LmdbGroup, ADirectoryOfTheGroupThatEverybodyMayWriteToIsRefused) {
+  fs::create_directory(registry_);
+  ASSERT_EQ(chown(registry_.c_str(), static_cast<uid_t>(-1), gid_), 0);
+  ASSERT_EQ(chmod(registry_.c_str(), 02777), 0);
+  std::shared_ptr<Store> store;
+  EXPECT_TRUE(open_lmdb_store(options_, &store).is(PRTKV_UNUSABLE));
 }
 
 TEST_F(LmdbDirectory, WithoutTheRightToWriteItIsAccessDenied) {
@@ -222,11 +391,11 @@ TEST_F(LmdbDirectory, AnotherUsersRegistryIsAccessDenied) {
 }
 
 TEST_F(LmdbDirectory, NothingIsCreatedUnlessAllowed) {
-  EXPECT_TRUE(open(registry_, false).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(open(registry_, false).is(PRTKV_UNUSABLE));
   EXPECT_FALSE(fs::exists(registry_));
   fs::create_directory(registry_);
   const Status status = open(registry_, false);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_EQ(status.text(), "there is no registry in '" + registry_ + "'");
   EXPECT_TRUE(fs::is_empty(registry_));
 }
@@ -246,7 +415,7 @@ TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
 
 TEST_F(LmdbDirectory, ADirectoryInPlaceOfAFileIsRefused) {
   fs::create_directories(registry_ + "/data.mdb");
-  expect_refused(registry_, PRTKV_STORAGE_FAILED, "not a plain file");
+  expect_refused(registry_, PRTKV_UNUSABLE, "not a plain file");
 }
 
 TEST_F(LmdbDirectory, ALinkInPlaceOfAFileIsRefusedAndNotFollowed) {
@@ -258,7 +427,7 @@ TEST_F(LmdbDirectory, ALinkInPlaceOfAFileIsRefusedAndNotFollowed) {
     fs::permissions(target, fs::perms(0640));
     const std::string before = read_file(target);
     fs::create_symlink(target, registry_ + name);
-    expect_refused(registry_, PRTKV_STORAGE_FAILED, "not a plain file");
+    expect_refused(registry_, PRTKV_UNUSABLE, "not a plain file");
     EXPECT_EQ(read_file(target), before);
     EXPECT_EQ(mode_of(target), 0640u);
     fs::rename(target, registry_ + name);
@@ -363,9 +532,9 @@ TEST_F(LmdbDirectory, CheckingItChangesNothing) {
   EXPECT_TRUE(check_lmdb_directory(registry_ + "/").ok());
   EXPECT_TRUE(fs::is_empty(registry_));
   EXPECT_EQ(check_lmdb_directory("registry").code(), PRTKV_INVALID_ARGUMENT);
-  EXPECT_EQ(check_lmdb_directory(registry_ + "/no/parent").code(), PRTKV_STORAGE_FAILED);
+  EXPECT_EQ(check_lmdb_directory(registry_ + "/no/parent").code(), PRTKV_UNUSABLE);
   write_file(temporary_ / "file", "x");
-  EXPECT_EQ(check_lmdb_directory(temporary_ / "file").code(), PRTKV_STORAGE_FAILED);
+  EXPECT_EQ(check_lmdb_directory(temporary_ / "file").code(), PRTKV_UNUSABLE);
 }
 
 struct TypeCase {
@@ -383,13 +552,13 @@ TEST_P(LmdbFileSystem, IsLocalOrRefusedByName) {
     *type = row.type;
     return 0;
   };
-  const Status status = check_directory(directory.path(), type_of);
+  const Status status = check_directory(directory.path(), "", type_of);
   if (row.kind == FileSystemKind::kLocal) {
     EXPECT_TRUE(status.ok()) << status.text();
     return;
   }
   const std::string kind = row.kind == FileSystemKind::kNetwork ? "network" : "pseudo";
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_NE(status.text().find("it is on a " + kind + " file system (" + row.name + ")"), std::string::npos)
       << status.text();
 }
@@ -418,7 +587,7 @@ TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
   for (const char* directory : {"/proc", "/proc/registry", "/sys/registry"}) {
     const Status status = check_lmdb_directory(directory);
     if (geteuid() == 0 && !status.is(PRTKV_ACCESS_DENIED)) {  // unless it is mounted read-only
-      EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
+      EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.text();
       EXPECT_NE(status.text().find("pseudo file system"), std::string::npos) << status.text();
     }
     EXPECT_FALSE(status.ok()) << directory;
@@ -432,7 +601,7 @@ TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
 TEST(LmdbFileSystemCheck, AFailingStatfsIsReported) {
   const TemporaryDirectory directory;
   const auto type_of = [](const char*, long*) { return EIO; };
-  EXPECT_TRUE(check_directory(directory.path(), type_of).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(check_directory(directory.path(), "", type_of).is(PRTKV_STORAGE_FAILED));
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ int open_files_below(const std::string& directory) {
 TEST_F(Lmdb, StoresOfOneDirectoryShareOneEnvironmentWhateverItsPath) {
   auto first = open();
   const int files = open_files_below(options_.directory);
-  EXPECT_EQ(files, 3);
+  EXPECT_EQ(files, 5);  // LMDB's three, and one of our own for each file
   fs::create_symlink(options_.directory, temporary_ / "link");
   LmdbOptions by_link = options_;
   by_link.directory = temporary_ / "link";
@@ -122,8 +122,98 @@ TEST_F(Lmdb, AFileThatWasReplacedUnderAnOpenStoreIsRefused) {
   fs::rename(data_file() + ".copy", data_file());
   std::shared_ptr<Store> second;
   const Status status = open_lmdb_store(options_, &second);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_NE(status.text().find("was replaced while this process had it open"), std::string::npos) << status.text();
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
+  EXPECT_NE(status.text().find("were replaced or removed while this process had them open"), std::string::npos)
+      << status.text();
+}
+
+// What may happen to the files of an open registry. The session must not acknowledge a write afterwards.
+const std::pair<const char*, std::function<void(const std::string&)>> kReplacements[] = {
+    {"the data file replaced by a rename",
+     [](const std::string& directory) {
+       fs::copy_file(directory + "/data.mdb", directory + "/copy");
+       fs::rename(directory + "/copy", directory + "/data.mdb");
+     }},
+    {"the data file removed", [](const std::string& directory) { fs::remove(directory + "/data.mdb"); }},
+    {"the data file renamed",
+     [](const std::string& directory) { fs::rename(directory + "/data.mdb", directory + "/former"); }},
+    {"the lock file removed", [](const std::string& directory) { fs::remove(directory + "/lock.mdb"); }},
+    {"the lock file replaced by a rename",
+     [](const std::string& directory) {
+       fs::copy_file(directory + "/lock.mdb", directory + "/copy");
+       fs::rename(directory + "/copy", directory + "/lock.mdb");
+     }},
+    {"the directory renamed", [](const std::string& directory) { fs::rename(directory, directory + "-former"); }},
+    {"the directory replaced",
+     [](const std::string& directory) {
+       fs::copy(directory, directory + "-copy", fs::copy_options::recursive);
+       fs::rename(directory, directory + "-former");
+       fs::rename(directory + "-copy", directory);
+     }},
+};
+
+TEST_F(Lmdb, NoWriteIsAcknowledgedIntoFilesThatWereReplaced) {
+  for (const auto& [what, replace] : kReplacements) {
+    SCOPED_TRACE(what);
+    options_.directory = temporary_ / what;
+    auto store = open();
+    ASSERT_TRUE(set_text(*store, kRootNode, "before").ok());
+    replace(options_.directory);
+    const Status status = set_text(*store, kRootNode, "after");
+    EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.code();
+    EXPECT_NE(status.text().find("'" + options_.directory + "' were replaced or removed"), std::string::npos)
+        << status.text();
+    std::string text;
+    EXPECT_TRUE(get_text(*store, kRootNode, &text).is(PRTKV_UNUSABLE));
+    EXPECT_TRUE(set_text(*store, kRootNode, "again").is(PRTKV_UNUSABLE));
+    Totals totals;
+    const auto ignore = [](const Finding&) {};
+    EXPECT_TRUE(store->check(false, ignore, &totals).is(PRTKV_UNUSABLE));
+    store.reset();
+    EXPECT_TRUE(set_text(*open(), kRootNode, "a fresh session works").ok());
+  }
+}
+
+TEST_F(Lmdb, ATruncatedFileIsReportedInsteadOfEndingTheProcess) {
+  const auto store = open();
+  NodeId id = kNoNode;
+  ASSERT_TRUE(add_node(*store, kRootNode, "a", &id).ok());
+  ASSERT_TRUE(set_text(*store, id, std::string(kMiB, 'v')).ok());
+  EXPECT_EQ(text_of(*store, id).size(), kMiB);
+  for (const std::size_t size : {std::size_t{16384}, std::size_t{0}}) {
+    fs::resize_file(data_file(), size);
+    std::string text;
+    const Status read = get_text(*store, id, &text);
+    EXPECT_TRUE(read.is(PRTKV_STORAGE_FAILED));
+    EXPECT_NE(read.text().find("was truncated"), std::string::npos) << read.text();
+    EXPECT_TRUE(set_text(*store, id, "x").is(PRTKV_STORAGE_FAILED));
+  }
+}
+
+// Blocks on the disk, in bytes.
+std::uint64_t allocated(const std::string& file) {
+  struct stat status {};
+  EXPECT_EQ(stat(file.c_str(), &status), 0);
+  return static_cast<std::uint64_t>(status.st_blocks) * 512;
+}
+
+TEST_F(Lmdb, TheLockFileIsAllocatedWhenItIsCreated) {
+  const std::string lock = options_.directory + "/lock.mdb";
+  { open(); }
+  EXPECT_EQ(fs::file_size(lock), 65536u);
+  EXPECT_GE(allocated(lock), 65536u);
+}
+
+TEST_F(Lmdb, ASparseLockFileIsAllocatedAtTheNextOpening) {
+  const std::string lock = options_.directory + "/lock.mdb";
+  { open(); }
+  for (const std::uintmax_t size : {std::uintmax_t{0}, std::uintmax_t{65536}}) {
+    fs::resize_file(lock, 0);
+    fs::resize_file(lock, size);
+    const auto store = open();
+    EXPECT_GE(allocated(lock), 65536u);
+    EXPECT_TRUE(set_text(*store, kRootNode, "x").ok());
+  }
 }
 
 TEST_F(Lmdb, AStoreOpenedForReadingRefusesToWriteAndReadsOn) {
@@ -156,26 +246,25 @@ TEST_F(Lmdb, AReadOnlyFileCanBeRead) {
 TEST_F(Lmdb, AForkedChildMustOpenTheStoreAgain) {
   auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "parent").ok());
-  EXPECT_EQ(
-      in_child([&] {
-        std::string text;
-        const Status read = get_text(*store, kRootNode, &text);
-        if (!read.is(PRTKV_STORAGE_FAILED) || read.text().find("before this process was forked") == std::string::npos)
-          return 1;
-        if (!set_text(*store, kRootNode, "child").is(PRTKV_STORAGE_FAILED)) return 2;
-        Totals totals;
-        if (!store
-                 ->check(
-                     true, [](const Finding&) {}, &totals)
-                 .is(PRTKV_STORAGE_FAILED))
-          return 3;
-        store.reset();
-        std::shared_ptr<Store> own;
-        if (!open_lmdb_store(options_, &own).ok()) return 4;
-        if (!get_text(*own, kRootNode, &text).ok() || text != "parent") return 5;
-        return set_text(*own, kRootNode, "child").ok() ? 0 : 6;
-      }),
-      0);
+  EXPECT_EQ(in_child([&] {
+              std::string text;
+              const Status read = get_text(*store, kRootNode, &text);
+              if (!read.is(PRTKV_UNUSABLE) || read.text().find("before this process was forked") == std::string::npos)
+                return 1;
+              if (!set_text(*store, kRootNode, "child").is(PRTKV_UNUSABLE)) return 2;
+              Totals totals;
+              if (!store
+                       ->check(
+                           true, [](const Finding&) {}, &totals)
+                       .is(PRTKV_UNUSABLE))
+                return 3;
+              store.reset();
+              std::shared_ptr<Store> own;
+              if (!open_lmdb_store(options_, &own).ok()) return 4;
+              if (!get_text(*own, kRootNode, &text).ok() || text != "parent") return 5;
+              return set_text(*own, kRootNode, "child").ok() ? 0 : 6;
+            }),
+            0);
   EXPECT_EQ(text_of(*store, kRootNode), "child");
   ASSERT_TRUE(set_text(*store, kRootNode, "parent again").ok());
   EXPECT_EQ(text_of(*store, kRootNode), "parent again");
@@ -514,8 +603,8 @@ TEST_F(Lmdb, MoreReadersThanSlotsAreRefusedAndCanReadLater) {
     return store->read(deeper);
   };
   const Status status = store->read(deeper);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_NE(status.text().find("too many processes and threads"), std::string::npos) << status.text();
+  EXPECT_TRUE(status.is(PRTKV_BUSY));
+  EXPECT_NE(status.text().find("all 1022 reader slots of the registry are in use"), std::string::npos) << status.text();
   EXPECT_EQ(depth, 1022);
   EXPECT_EQ(text_of(*store, kRootNode), "");
   ASSERT_TRUE(set_text(*store, kRootNode, "x").ok());

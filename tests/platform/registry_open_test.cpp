@@ -187,8 +187,8 @@ TEST_F(OpenRegistry, DefaultLocationThatCannotBeMadeSaysWhy) {
   configuration.locations = {directory_ / "home/.local/state/tkv"};
   std::shared_ptr<Client> client;
   const Status status = open_client(configuration, {}, &client);
-  EXPECT_EQ(status.code(), PRTKV_STORAGE_FAILED);
-  EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" + "': Not a directory (20)");
+  EXPECT_EQ(status.code(), PRTKV_UNUSABLE);
+  EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" + "': Not a directory");
 }
 
 TEST_F(OpenRegistry, NothingIsMadeWhenItIsNotToBeCreated) {

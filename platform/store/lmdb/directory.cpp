@@ -1,22 +1,16 @@
 #include "store/lmdb/directory.h"
 
 #include <fcntl.h>
-#include <grp.h>
-#include <sys/random.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <optional>
-#include <string>
 #include <system_error>
+#include <utility>
 
-#include "base/descriptor.h"
-#include "base/name_service.h"
 #include "store/lmdb/error.h"
-#include "store/lmdb/file.h"
 #include "store/lmdb/file_system_type.h"
+#include "store/lmdb/lmdb_store.h"
 
 namespace tkv::store {
 namespace {
@@ -26,13 +20,21 @@ std::string message_of(int error) { return std::generic_category().message(error
 std::string quoted(const std::string& path) { return "'" + path + "'"; }
 
 Status unusable(const std::string& path, const std::string& why) {
-  return {PRTKV_STORAGE_FAILED, quoted(path) + " cannot hold a registry: " + why};
+  return {PRTKV_UNUSABLE, quoted(path) + " cannot hold a registry: " + why};
+}
+
+std::size_t last_slash(const std::string& directory) {
+  return directory.find_last_of('/', directory.find_last_not_of('/'));
 }
 
 std::string parent_of(const std::string& directory) {
-  const std::size_t end = directory.find_last_not_of('/');
-  const std::size_t slash = directory.find_last_of('/', end);
+  const std::size_t slash = last_slash(directory);
   return slash == 0 || slash == std::string::npos ? "/" : directory.substr(0, slash);
+}
+
+std::string name_of(const std::string& directory) {
+  const std::size_t begin = last_slash(directory) + 1;
+  return directory.substr(begin, directory.find_last_not_of('/') + 1 - begin);
 }
 
 Status check_access(const std::string& directory) {
@@ -44,305 +46,216 @@ Status check_access(const std::string& directory) {
 Status check_file_system(const std::string& directory, FileSystemType type_of) {
   long type = 0;
   if (const int error = type_of(directory.c_str(), &type); error != 0)
-    return lmdb_status(error, "cannot ask for the file system of " + quoted(directory));
+    return lmdb_status(error, "cannot determine the file system of " + quoted(directory));
   const FileSystem found = file_system_of_type(type);
   switch (found.kind) {
     case FileSystemKind::kLocal:
       return {};
     case FileSystemKind::kNetwork:
       return unusable(directory, std::string("it is on a network file system (") + found.name +
-                                     "), where processes of several machines would damage it");
+                                     "), where processes on several machines would damage it");
     case FileSystemKind::kPseudo:
       return unusable(directory,
-                      std::string("it is on a pseudo file system (") + found.name + "), which keeps no files");
+                      std::string("it is on a pseudo file system (") + found.name + "), which stores no files");
   }
-  return {PRTKV_UNKNOWN, "a file system of an unknown kind"};
+  return {PRTKV_UNKNOWN, "unknown kind of file system"};
 }
 
-constexpr auto kAskTheSystem = [](const char* path, long* type) -> int {
+constexpr auto kStatfs = [](const char* path, long* type) -> int {
   struct statfs status {};
   if (statfs(path, &status) != 0) return errno;
   *type = static_cast<long>(static_cast<unsigned int>(status.f_type));
   return 0;
 };
 
-enum class Presence { kAbsent, kPresent };
-
-Status look_at(const std::string& directory, Presence* presence) {
+Status check_path(const std::string& directory) {
   if (directory.empty() || directory.front() != '/')
     return {PRTKV_INVALID_ARGUMENT, quoted(directory) + " is not an absolute path"};
   if (directory.find('\0') != std::string::npos)
     return {PRTKV_INVALID_ARGUMENT, quoted(directory.c_str()) + " is followed by a NUL"};
-  struct stat status {};
-  if (stat(directory.c_str(), &status) != 0) {
-    const int error = errno;
-    if (error != ENOENT) return lmdb_status(error, "cannot use " + quoted(directory));
-    *presence = Presence::kAbsent;
-    return {};
-  }
-  *presence = Presence::kPresent;
-  return S_ISDIR(status.st_mode) ? Status() : unusable(directory, "it is not a directory");
-}
-
-Status check_parent(const std::string& directory) {
-  const std::string parent = parent_of(directory);
-  struct stat status {};
-  if (stat(parent.c_str(), &status) != 0) {
-    const int error = errno;
-    return unusable(directory, "its parent " + quoted(parent) + ": " + message_of(error));
-  }
-  if (!S_ISDIR(status.st_mode)) return unusable(directory, "its parent " + quoted(parent) + " is not a directory");
   return {};
 }
 
-Status find_group(const std::string& name, std::optional<gid_t>* id) {
-  if (name.empty()) return {};
-  const auto ask = [&](group* entry, char* buffer, std::size_t size, group** found) {
-    return getgrnam_r(name.c_str(), entry, buffer, size, found);
-  };
-  const int error = ask_name_service<group>(ask, [&](const group* found) {
-    if (found != nullptr) *id = found->gr_gid;
-  });
-  if (*id) return {};
-  return {PRTKV_INVALID_CONFIGURATION,
-          "group '" + name + "' of the registry " + (error == 0 ? "does not exist" : message_of(error))};
-}
-
-enum class Kind { kDirectory, kFile };
-
-// Gives a directory or file the mode, and the group when there is one. Asks and changes the very file that it has
-// opened: whoever may write to a shared directory may put something else in its place at any time. The handle is one of
-// no rights, whose closing leaves LMDB's locks on the file alone.
-class Access {
- public:
-  // A directory may be reached by a link; a file must be there itself.
-  Access(const std::string& path, Kind kind)
-      : path_(path), kind_(kind), handle_(open(path.c_str(), O_PATH | O_CLOEXEC | flags_of(kind))) {
-    if (!handle_.is_open() || fstat(handle_.number(), &status_) != 0) error_ = errno;
-  }
-
-  Status check() const {
-    if (error_ != 0) return lmdb_status(error_, "cannot use " + quoted(path_));
-    const bool is_right = kind_ == Kind::kDirectory || S_ISREG(status_.st_mode);
-    return is_right ? Status() : Status(PRTKV_STORAGE_FAILED, quoted(path_) + " is not a plain file");
-  }
-
-  bool is_ours_to_change() const {
-    const uid_t user = geteuid();
-    return user == 0 || user == status_.st_uid;
-  }
-
-  Status set(mode_t mode, std::optional<gid_t> group) const {
-    if (group && status_.st_gid != *group &&
-        fchownat(handle_.number(), "", static_cast<uid_t>(-1), *group, AT_EMPTY_PATH) != 0) {
-      const int error = errno;
-      return lmdb_status(error, "cannot give " + quoted(path_) + " to the registry's group");
-    }
-    // There is no fchmod for a handle without rights, but a name that leads to what it stands for.
-    const std::string name = "/proc/self/fd/" + std::to_string(handle_.number());
-    if ((status_.st_mode & 07777) != mode && chmod(name.c_str(), mode) != 0) {
-      const int error = errno;
-      return lmdb_status(error, "cannot set the mode of " + quoted(path_));
-    }
-    return {};
-  }
-
- private:
-  static int flags_of(Kind kind) { return kind == Kind::kDirectory ? O_DIRECTORY : O_NOFOLLOW; }
-
-  const std::string path_;
-  const Kind kind_;
-  const Descriptor handle_;
-  struct stat status_ {};
-  int error_ = 0;
-};
-
-// Whose the directory and its files are, and what others may do with them.
-struct Sharing {
-  std::optional<gid_t> group;
-
-  mode_t mode_of(Kind kind) const {
-    if (kind == Kind::kDirectory) return group ? 02770 : 0700;
-    return group ? 0660 : 0600;
-  }
-};
-
-// For what this process has just made: the umask took away from its mode.
-Status set_access(const std::string& path, Kind kind, const Sharing& sharing) {
-  const Access access(path, kind);
-  if (Status status = access.check(); !status.ok()) return status;
-  return access.set(sharing.mode_of(kind), sharing.group);
-}
-
-// Shares what is there already with the group, when it is ours to share. What belongs to another user is his.
-Status share(const std::string& path, Kind kind, const Sharing& sharing) {
-  if (!sharing.group) return {};
-  const Access access(path, kind);
-  if (Status status = access.check(); !status.ok()) return status;
-  return access.is_ours_to_change() ? access.set(sharing.mode_of(kind), sharing.group) : Status();
-}
-
-Status sync_directory(const std::string& directory) {
-  const Descriptor handle(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!handle.is_open()) {
-    const int error = errno;
-    return lmdb_status(error, "cannot open " + quoted(directory));
-  }
-  const int error = fsync(handle.number()) == 0 ? 0 : errno;
-  return lmdb_status(error, "cannot make the contents of " + quoted(directory) + " durable");
-}
-
-Status make_directory(const std::string& directory, const Sharing& sharing) {
-  const int error = mkdir(directory.c_str(), 0700) == 0 ? 0 : errno;
-  if (error != 0 && error != EEXIST) return lmdb_status(error, "cannot make the directory " + quoted(directory));
-  if (error == 0) {
-    if (Status status = set_access(directory, Kind::kDirectory, sharing); !status.ok()) return status;
-  }
-  // Another process that was faster may not have come this far yet.
-  return sync_directory(parent_of(directory));
-}
-
-// Makes the directories above that are missing, and sees that they are where a registry can be.
-Status make_parents(const std::string& directory) {
-  const std::string parent = parent_of(directory);
-  Presence presence = Presence::kAbsent;
-  if (Status status = look_at(parent, &presence); !status.ok()) return status;
-  if (presence == Presence::kPresent) return check_file_system(parent, kAskTheSystem);
-  if (Status status = make_parents(parent); !status.ok()) return status;
-  return make_directory(parent, Sharing{});
-}
-
-// A file that is made under a name of its own, and gets its real one when it is complete: whoever finds a file of that
-// name finds a whole one, and of several processes one wins.
-class FreshFile {
- public:
-  explicit FreshFile(const std::string& target) : target_(target) {}
-  ~FreshFile() {
-    if (!path_.empty()) unlink(path_.c_str());
-  }
-  FreshFile(const FreshFile&) = delete;
-  FreshFile& operator=(const FreshFile&) = delete;
-
-  const std::string& path() const { return path_; }
-
-  Status create(const Sharing& sharing) {
-    std::uint64_t number = 0;
-    if (getrandom(&number, sizeof number, 0) != sizeof number) return {PRTKV_UNKNOWN, "no random numbers to be had"};
-    const std::string path = target_ + ".new-" + std::to_string(number);
-    const Descriptor file(open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
-    if (!file.is_open()) {
-      const int error = errno;
-      return lmdb_status(error, "cannot make the file " + quoted(path));
-    }
-    path_ = path;
-    return set_access(path_, Kind::kFile, sharing);
-  }
-
-  Status publish() {
-    if (link(path_.c_str(), target_.c_str()) != 0) {
-      const int error = errno;
-      if (error != EEXIST) return lmdb_status(error, "cannot make the file " + quoted(target_));
-    }
-    return {};
-  }
-
- private:
-  const std::string target_;
-  std::string path_;
-};
-
-Status make_data_file(const LmdbOptions& options, const Sharing& sharing) {
-  FreshFile file(data_file(options.directory));
-  if (Status status = file.create(sharing); !status.ok()) return status;
-  if (Status status = write_fresh_registry(file.path(), options.root_security); !status.ok()) return status;
-  if (Status status = file.publish(); !status.ok()) return status;
-  return sync_directory(options.directory);
-}
-
-// LMDB would make it with a mode that the umask has a say in.
-Status make_lock_file(const std::string& directory, const Sharing& sharing) {
-  FreshFile file(lock_file(directory));
-  if (Status status = file.create(sharing); !status.ok()) return status;
-  return file.publish();
-}
-
-Status provide_directory(const LmdbOptions& options, const Sharing& sharing) {
-  Presence presence = Presence::kAbsent;
-  if (Status status = look_at(options.directory, &presence); !status.ok()) return status;
-  if (presence == Presence::kPresent) return check_file_system(options.directory, kAskTheSystem);
-  if (!options.create || options.read_only) return unusable(options.directory, "it does not exist");
-  if (options.create_parents) {
-    if (Status status = make_parents(options.directory); !status.ok()) return status;
-  } else {
-    if (Status status = check_parent(options.directory); !status.ok()) return status;
-    if (Status status = check_file_system(parent_of(options.directory), kAskTheSystem); !status.ok()) return status;
-  }
-  return make_directory(options.directory, sharing);
-}
-
-// A link in place of a file would let LMDB write to wherever it leads.
-Status look_at_file(const std::string& path, Presence* presence) {
+// Opens a directory, which may be reached through a symbolic link. Leaves `*opened` closed if it does not exist.
+Status open_existing(const std::string& directory, Descriptor* opened) {
+  if (Status status = check_path(directory); !status.ok()) return status;
+  Descriptor found(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const int error = found.is_open() ? 0 : errno;
+  if (error == ENOENT) return {};
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) {
+  if (error == ENOTDIR && stat(directory.c_str(), &status) == 0) return unusable(directory, "it is not a directory");
+  if (error != 0) return lmdb_status(error, "cannot use " + quoted(directory));
+  *opened = std::move(found);
+  return {};
+}
+
+Status open_parent(const std::string& directory, Descriptor* opened) {
+  const std::string parent = parent_of(directory);
+  *opened = Descriptor(open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (opened->is_open()) return {};
+  const int error = errno;
+  if (error == EACCES) return lmdb_status(error, "cannot use " + quoted(parent));
+  return unusable(directory, "its parent " + quoted(parent) + ": " + message_of(error));
+}
+
+enum class Role { kItself, kParent };
+
+// The directory at `checked` is the location `directory` itself or its parent.
+Status check_trust(const std::string& directory, Role role, const std::string& checked, const Descriptor& opened,
+                   const Sharing& sharing) {
+  struct stat found {};
+  if (fstat(opened.number(), &found) != 0) {
     const int error = errno;
-    if (error != ENOENT) return lmdb_status(error, "cannot use " + quoted(path));
-    *presence = Presence::kAbsent;
-    return {};
+    return lmdb_status(error, "cannot use " + quoted(checked));
   }
-  *presence = Presence::kPresent;
-  return S_ISREG(status.st_mode) ? Status() : Status(PRTKV_STORAGE_FAILED, quoted(path) + " is not a plain file");
-}
-
-Status provide_data_file(const LmdbOptions& options, const Sharing& sharing) {
-  const std::string file = data_file(options.directory);
-  Presence presence = Presence::kAbsent;
-  if (Status status = look_at_file(file, &presence); !status.ok()) return status;
-  if (presence == Presence::kPresent) return inspect_data_file(file);
-  if (!options.create || options.read_only)
-    return {PRTKV_STORAGE_FAILED, "there is no registry in " + quoted(options.directory)};
-  if (Status status = share(options.directory, Kind::kDirectory, sharing); !status.ok()) return status;
-  if (Status status = make_data_file(options, sharing); !status.ok()) return status;
-  return inspect_data_file(file);  // of several processes, another may have made it
-}
-
-Status provide_lock_file(const LmdbOptions& options, const Sharing& sharing) {
-  const std::string file = lock_file(options.directory);
-  Presence presence = Presence::kAbsent;
-  if (Status status = look_at_file(file, &presence); !status.ok()) return status;
-  if (presence == Presence::kPresent || options.read_only) return {};
-  return make_lock_file(options.directory, sharing);
-}
-
-Status provide_files(const LmdbOptions& options, const Sharing& sharing) {
-  if (Status status = provide_data_file(options, sharing); !status.ok()) return status;
-  if (Status status = provide_lock_file(options, sharing); !status.ok()) return status;
-  if (options.read_only) return {};
-  for (const std::string& file : {data_file(options.directory), lock_file(options.directory)}) {
-    if (Status status = share(file, Kind::kFile, sharing); !status.ok()) return status;
+  if (sharing.group && found.st_gid == *sharing.group && (found.st_mode & S_IWOTH) == 0) return {};
+  const std::string subject = role == Role::kItself ? "it" : "its parent " + quoted(checked);
+  if (found.st_uid != geteuid() && found.st_uid != 0) {
+    return unusable(directory, subject + " belongs to another user (" + std::to_string(found.st_uid) +
+                                   "), who could replace the registry; act as that user, choose another location, or "
+                                   "set `group` to the group that the directory belongs to");
   }
-  return share(options.directory, Kind::kDirectory, sharing);
+  const mode_t others = role == Role::kItself ? S_IWGRP | S_IWOTH : S_IWOTH;
+  if ((found.st_mode & others) == 0 || (found.st_mode & S_ISVTX) != 0) return {};
+  return unusable(directory, subject +
+                                 " can be written to by other users, who could replace the registry; type: "
+                                 "chmod go-w " +
+                                 quoted(checked) + ", or set `group` to the group that shares the registry");
+}
+
+Status check_parent_trust(const std::string& directory, const Sharing& sharing) {
+  Descriptor parent(-1);
+  if (Status status = open_parent(directory, &parent); !status.ok()) return status;
+  return check_trust(directory, Role::kParent, parent_of(directory), parent, sharing);
+}
+
+// Behind a symbolic link, the directory's own parent counts as well as that of the link.
+Status check_location(const std::string& directory, const Descriptor& opened, const Sharing& sharing) {
+  if (Status status = check_trust(directory, Role::kItself, directory, opened, sharing); !status.ok()) return status;
+  const Descriptor above(openat(opened.number(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (above.is_open()) {
+    if (Status status = check_trust(directory, Role::kParent, directory + "/..", above, sharing); !status.ok())
+      return status;
+  }
+  return check_parent_trust(directory, sharing);
+}
+
+Status reopen(const Descriptor& directory, const std::string& path, Descriptor* readable) {
+  *readable = Descriptor(openat(directory.number(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (readable->is_open()) return {};
+  const int error = errno;
+  return lmdb_status(error, "cannot open " + quoted(path));
+}
+
+Status share(const Descriptor& directory, const std::string& path, const Sharing& sharing) {
+  Descriptor readable(-1);
+  if (Status status = reopen(directory, path, &readable); !status.ok()) return status;
+  return set_access(readable.number(), path, sharing, sharing.directory_mode());
+}
+
+Status share_existing(const Descriptor& directory, const LmdbOptions& options, const Sharing& sharing) {
+  if (!sharing.group || options.read_only) return {};
+  struct stat found {};
+  if (fstat(directory.number(), &found) != 0) return {};  // opening its files will fail and report it
+  const bool is_ours = geteuid() == 0 || geteuid() == found.st_uid;
+  const bool is_done = found.st_gid == *sharing.group && (found.st_mode & 07777) == sharing.directory_mode();
+  if (is_done || !is_ours) return {};
+  struct stat data {};
+  const bool holds_registry = fstatat(directory.number(), "data.mdb", &data, AT_SYMLINK_NOFOLLOW) == 0;
+  if (found.st_gid != *sharing.group && holds_registry) {
+    const std::string& path = options.directory;
+    return unusable(path, "it does not belong to the group '" + options.group +
+                              "'. To share the registry with the group, type: chgrp " + options.group + " '" + path +
+                              "' '" + path + "'/*.mdb && chmod 3770 '" + path + "' && chmod 660 '" + path + "'/*.mdb");
+  }
+  return share(directory, options.directory, sharing);
+}
+
+// The parent is an open descriptor, so that nobody can exchange it between the check of the parent and the creation.
+Status create_directory(const std::string& directory, const Sharing& sharing, Descriptor* created) {
+  Descriptor parent(-1);
+  if (Status status = open_parent(directory, &parent); !status.ok()) return status;
+  if (Status status = check_trust(directory, Role::kParent, parent_of(directory), parent, sharing); !status.ok())
+    return status;
+  const std::string name = name_of(directory);
+  const int error = mkdirat(parent.number(), name.c_str(), 0700) == 0 ? 0 : errno;
+  if (error != 0 && error != EEXIST) return lmdb_status(error, "cannot create the directory " + quoted(directory));
+  Descriptor opened(openat(parent.number(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!opened.is_open()) {
+    const int open_error = errno;
+    return lmdb_status(open_error, "cannot open " + quoted(directory));
+  }
+  // If another process created it, its mode and its durability are that process's business, but it may not be done yet.
+  if (error == 0) {
+    if (Status status = share(opened, directory, sharing); !status.ok()) return status;
+  }
+  *created = std::move(opened);
+  return sync_directory(parent, parent_of(directory));
+}
+
+Status create_parents(const std::string& directory) {
+  const std::string parent = parent_of(directory);
+  Descriptor opened(-1);
+  if (Status status = open_existing(parent, &opened); !status.ok()) return status;
+  if (opened.is_open()) return check_file_system(parent, kStatfs);
+  if (Status status = create_parents(parent); !status.ok()) return status;
+  return create_directory(parent, Sharing{}, &opened);
+}
+
+Status check_creation(const LmdbOptions& options) {
+  if (!options.create || options.read_only) return unusable(options.directory, "it does not exist");
+  if (options.create_parents) return create_parents(options.directory);
+  Descriptor parent(-1);
+  if (Status status = open_parent(options.directory, &parent); !status.ok()) return status;
+  return check_file_system(parent_of(options.directory), kStatfs);
 }
 
 }  // namespace
 
-Status check_directory(const std::string& directory, FileSystemType type_of) {
-  Presence presence = Presence::kAbsent;
-  if (Status status = look_at(directory, &presence); !status.ok()) return status;
-  if (presence == Presence::kAbsent) {
-    if (Status status = check_parent(directory); !status.ok()) return status;
-  }
-  const std::string existing = presence == Presence::kPresent ? directory : parent_of(directory);
+bool is_exposed(const struct stat& directory) {
+  const bool is_foreign = directory.st_uid != geteuid() && directory.st_uid != 0;
+  return is_foreign || (directory.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+Status sync_directory(const Descriptor& directory, const std::string& path) {
+  Descriptor readable(-1);
+  if (Status status = reopen(directory, path, &readable); !status.ok()) return status;
+  const int error = fsync(readable.number()) == 0 ? 0 : errno;
+  return lmdb_status(error, "cannot make the contents of " + quoted(path) + " durable");
+}
+
+Status check_directory(const std::string& directory, const std::string& group, FileSystemType type_of) {
+  Sharing sharing;
+  Descriptor opened(-1);
+  if (Status status = find_sharing(group, &sharing); !status.ok()) return status;
+  if (Status status = open_existing(directory, &opened); !status.ok()) return status;
+  if (Status status =
+          opened.is_open() ? check_location(directory, opened, sharing) : check_parent_trust(directory, sharing);
+      !status.ok())
+    return status;
+  const std::string existing = opened.is_open() ? directory : parent_of(directory);
   if (Status status = check_access(existing); !status.ok()) return status;
   return check_file_system(existing, type_of);
 }
 
-Status check_lmdb_directory(const std::string& directory) { return check_directory(directory, kAskTheSystem); }
+Status check_lmdb_directory(const std::string& directory, const std::string& group) {
+  return check_directory(directory, group, kStatfs);
+}
 
-Status prepare_directory(const LmdbOptions& options) {
-  Sharing sharing;
-  if (Status status = find_group(options.group, &sharing.group); !status.ok()) return status;
-  if (Status status = provide_directory(options, sharing); !status.ok()) return status;
-  return provide_files(options, sharing);
+Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory) {
+  Descriptor opened(-1);
+  if (Status status = open_existing(options.directory, &opened); !status.ok()) return status;
+  if (opened.is_open()) {
+    if (Status status = check_file_system(options.directory, kStatfs); !status.ok()) return status;
+    if (Status status = check_location(options.directory, opened, sharing); !status.ok()) return status;
+    if (Status status = share_existing(opened, options, sharing); !status.ok()) return status;
+  } else {
+    if (Status status = check_creation(options); !status.ok()) return status;
+    if (Status status = create_directory(options.directory, sharing, &opened); !status.ok()) return status;
+    if (Status status = check_location(options.directory, opened, sharing); !status.ok()) return status;
+  }
+  *directory = std::move(opened);
+  return {};
 }
 
 std::string data_file(const std::string& directory) { return directory + "/data.mdb"; }

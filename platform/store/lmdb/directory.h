@@ -1,25 +1,41 @@
-// The directory and the files of an embedded registry, before LMDB opens them.
+// The directory of an embedded registry: where it may be, and how it is created.
 #ifndef TKV_PLATFORM_STORE_LMDB_DIRECTORY_H
 #define TKV_PLATFORM_STORE_LMDB_DIRECTORY_H
 
+#include <sys/stat.h>
+
 #include <string>
 
+#include "base/descriptor.h"
 #include "base/function_ref.h"
 #include "base/status.h"
-#include "store/lmdb/lmdb_store.h"
+#include "store/lmdb/options.h"
+#include "store/lmdb/sharing.h"
 
 namespace tkv::store {
 
-// Gives the f_type of the file system that holds a path: 0, or an errno.
+// Stores the f_type of the file system that contains `path`. Returns 0 or an errno value.
 using FileSystemType = FunctionRef<int(const char* path, long* type)>;
 
-// As check_lmdb_directory, with the file system's type from `type_of`.
-Status check_directory(const std::string& directory, FileSystemType type_of);
+// The same as check_lmdb_directory, with `type_of` in place of statfs.
+Status check_directory(const std::string& directory, const std::string& group, FileSystemType type_of);
 
-// Makes the directory ready for LMDB to open: it is there, it is local, it holds a registry's file (a fresh one when
-// there was none and options.create allows it) and its lock file, both with the modes that the options ask for. What
-// is there already is never overwritten. Several processes may do this at once.
-Status prepare_directory(const LmdbOptions& options);
+// Opens the directory as an O_PATH descriptor, creating it if it is absent and the options allow it.
+//
+// A directory qualifies if it is on a local file system and neither it nor its parent can be tampered with by others:
+// it is owned by the caller or root, and others may not write to it unless its sticky bit is set. Group and others both
+// count as others for the directory itself, only "other" for its parent. A directory that belongs to the group of
+// `sharing` is exempt, unless everybody may write to it.
+//
+// With a group, an existing directory of that group is given mode 03770 if the caller is its owner or root, and an
+// existing directory of another group is given to the group if it contains no registry yet.
+Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory);
+
+// True if users other than the caller and root may replace files in the directory.
+bool is_exposed(const struct stat& directory);
+
+// Makes the names in a directory durable. `path` is for the message only.
+Status sync_directory(const Descriptor& directory, const std::string& path);
 
 std::string data_file(const std::string& directory);
 std::string lock_file(const std::string& directory);

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "store/lmdb/assertion.h"
-#include "store/lmdb/directory.h"
 #include "store/lmdb/error.h"
 #include "store/lmdb/file_state.h"
 #include "store/lmdb/tree.h"
@@ -20,7 +19,6 @@
 namespace tkv::store {
 namespace {
 
-constexpr unsigned kMaxReaders = 1022;  // of all processes together; LMDB's lock file then has 64 KiB
 constexpr std::uint64_t kFirstMapSize = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestMapSize = std::uint64_t{1} << 40;
 constexpr std::size_t kMapUnit = std::size_t{64} << 10;  // a multiple of every page size
@@ -52,7 +50,7 @@ struct EnvironmentTable {
 
   Environment* find(const FileIdentity& directory) const {
     const auto found = std::find_if(open.begin(), open.end(), [&](const Environment* environment) {
-      return environment->directory_identity_ == directory;
+      return environment->files_->directory() == directory;
     });
     return found == open.end() ? nullptr : *found;
   }
@@ -73,33 +71,26 @@ struct EnvironmentTable {
 Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   EnvironmentTable& table = EnvironmentTable::instance();
   const std::lock_guard lock(table.mutex);
-  struct stat directory {};
-  struct stat file {};
-  if (stat(options.directory.c_str(), &directory) != 0 || stat(data_file(options.directory).c_str(), &file) != 0) {
-    const int error = errno;
-    return lmdb_status(error, "cannot open the registry in '" + options.directory + "'");
-  }
-  if (Environment* const open = table.find({directory.st_dev, directory.st_ino}); open != nullptr) {
-    if (open->file_identity_ != FileIdentity{file.st_dev, file.st_ino}) {
-      return {PRTKV_STORAGE_FAILED,
-              "the registry's file in '" + options.directory + "' was replaced while this process had it open"};
-    }
-    if (open->read_only_ && !options.read_only)
-      return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' is open for reading only"};
-    ++open->users_;
-    environment->reset(open);
-    return {};
-  }
-  return open_anew(options, table, environment);
+  std::unique_ptr<const RegistryFiles> files;
+  if (Status status = RegistryFiles::open(options, &files); !status.ok()) return status;
+  Environment* const open = table.find(files->directory());
+  if (open == nullptr) return open_anew(options, std::move(files), table, environment);
+  if (open->files_->data() != files->data() || open->files_->lock() != files->lock()) return open->files_replaced();
+  if (open->read_only_ && !options.read_only)
+    return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' is open for reading only"};
+  ++open->users_;
+  environment->reset(open);
+  return {};
 }
 
 // Leaves nothing open on failure: a later opening would then be the second one, and closing it would lose LMDB's locks.
-Status Environment::open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment) {
+Status Environment::open_anew(const LmdbOptions& options, std::unique_ptr<const RegistryFiles> files,
+                              EnvironmentTable& table, Held* environment) {
   struct Delete {
     void operator()(Environment* failed) const { delete failed; }
   };
   table.open.reserve(table.open.size() + 1);
-  std::unique_ptr<Environment, Delete> fresh(new Environment(options));
+  std::unique_ptr<Environment, Delete> fresh(new Environment(options, std::move(files)));
   if (Status status = fresh->open(options.read_only); !status.ok()) return status;
   if (Status status = fresh->check_version(); !status.ok()) return status;
   fresh->users_ = 1;
@@ -117,38 +108,57 @@ void Environment::release(Environment* environment) {
   delete environment;
 }
 
-Environment::Environment(const LmdbOptions& options)
+Environment::Environment(const LmdbOptions& options, std::unique_ptr<const RegistryFiles> files)
     : directory_(options.directory),
       fixed_map_size_(options.map_size),
       first_map_size_(options.first_map_size == 0 ? kFirstMapSize : options.first_map_size),
-      file_mode_(options.group.empty() ? 0600 : 0660),
+      files_(std::move(files)),
       fork_generation_(fork_generation) {}
 
-Environment::~Environment() {
-  close_files();
-  if (directory_handle_ >= 0) ::close(directory_handle_);
+Environment::~Environment() { close_files(); }
+
+Status Environment::check_usable() const {
+  if (fork_generation_ != fork_generation.load(std::memory_order_relaxed)) {
+    return {PRTKV_UNUSABLE,
+            "the registry in '" + directory_ + "' was opened before this process was forked; open it again"};
+  }
+  return files_replaced_.load(std::memory_order_relaxed) ? files_replaced() : Status();
 }
 
-Status Environment::check_process() const {
-  if (fork_generation_ == fork_generation.load(std::memory_order_relaxed)) return {};
-  return {PRTKV_STORAGE_FAILED,
-          "the registry in '" + directory_ + "' was opened before this process was forked; open it again"};
+Status Environment::files_replaced() const {
+  return {PRTKV_UNUSABLE, "the registry's files in '" + directory_ +
+                              "' were replaced or removed while this process had them open; close the registry and "
+                              "open it again"};
+}
+
+// A write into files that other processes no longer find would be lost.
+Status Environment::check_files() {
+  if (!files_replaced_ && files_->are_in_place()) return {};
+  files_replaced_ = true;
+  return files_replaced();
+}
+
+// Reading the map beyond the end of the file would raise SIGBUS. A file that is truncated during a transaction still
+// does that.
+Status Environment::check_size() {
+  const std::uint64_t seen = seen_size_.load();  // first: the file may grow at any time
+  std::uint64_t size = 0;
+  if (Status status = files_->data_size(&size); !status.ok()) return status;
+  if (size > seen) seen_size_.store(size);
+  if (size >= seen) return {};
+  return {PRTKV_STORAGE_FAILED, "the registry's file in '" + directory_ + "' was truncated from " +
+                                    std::to_string(seen) + " to " + std::to_string(size) + " bytes"};
 }
 
 Status Environment::failure(LmdbOutcome outcome, const char* doing) const {
+  if (outcome.code == 0) return {};  // without allocating: the change may already be durable
   return lmdb_status(outcome, std::string(doing) + " in '" + directory_ + "'");
 }
 
 Status Environment::failure(int code, const char* doing) const { return failure(LmdbOutcome{code, code}, doing); }
 
 Status Environment::open(bool read_only) {
-  directory_handle_ = ::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  struct stat directory {};
-  if (directory_handle_ < 0 || fstat(directory_handle_, &directory) != 0) {
-    const int error = errno;
-    return failure(error, "cannot open the registry");
-  }
-  directory_identity_ = {directory.st_dev, directory.st_ino};
+  if (Status status = files_->prepare_lock_file(); !status.ok()) return status;
   Status status = open_files();
   if (read_only && status.is(PRTKV_ACCESS_DENIED)) {
     read_only_ = true;
@@ -158,32 +168,28 @@ Status Environment::open(bool read_only) {
 }
 
 // The configured size, or else enough for the file to double at least once.
-std::size_t Environment::map_size_to_open() const {
-  if (fixed_map_size_ != 0) return (std::max(fixed_map_size_, std::uint64_t{1}) + kMapUnit - 1) / kMapUnit * kMapUnit;
-  struct stat file {};
-  if (stat(data_file(directory_).c_str(), &file) != 0) return first_map_size_;
-  const auto used = static_cast<std::uint64_t>(file.st_size);
-  return used < first_map_size_ / 2 ? first_map_size_ : std::bit_ceil(used * 2);
+Status Environment::map_size_to_open(std::size_t* size) const {
+  if (fixed_map_size_ != 0) {
+    *size = (std::max(fixed_map_size_, std::uint64_t{1}) + kMapUnit - 1) / kMapUnit * kMapUnit;
+    return {};
+  }
+  std::uint64_t used = 0;
+  if (Status status = files_->data_size(&used); !status.ok()) return status;
+  *size = used < first_map_size_ / 2 ? first_map_size_ : std::bit_ceil(used * 2);
+  return {};
 }
 
 Status Environment::open_files() {
+  std::size_t map_size = 0;
+  if (Status status = map_size_to_open(&map_size); !status.ok()) return status;
   if (int code = mdb_env_create(&env_); code != 0) return failure(code, "cannot open the registry");
   mdb_env_set_assert(env_, &throw_lmdb_assertion);
   mdb_env_set_maxreaders(env_, kMaxReaders);
-  mdb_env_set_mapsize(env_, map_size_to_open());
-  int code = mdb_env_open(env_, directory_.c_str(), MDB_NOTLS | (read_only_ ? MDB_RDONLY : 0u), file_mode_);
-  int file_handle = -1;
-  struct stat file {};
-  if (code == 0) code = mdb_env_get_fd(env_, &file_handle);
-  if (code == 0 && (fcntl(file_handle, F_SETFD, FD_CLOEXEC) != 0 || fstat(file_handle, &file) != 0)) code = errno;
+  mdb_env_set_mapsize(env_, map_size);
+  Status status = files_->open_environment(env_, MDB_NOTLS | (read_only_ ? MDB_RDONLY : 0u));
   int dead_readers = 0;
-  if (code == 0) code = mdb_reader_check(env_, &dead_readers);
-  if (code != 0) {
-    close_files();
-    return failure(code, "cannot open the registry");
-  }
-  file_identity_ = {file.st_dev, file.st_ino};
-  Status status = check_contents();
+  if (status.ok()) status = failure(mdb_reader_check(env_, &dead_readers), "cannot open the registry");
+  if (status.ok()) status = check_contents();
   if (!status.ok()) close_files();
   return status;
 }
@@ -201,7 +207,7 @@ void Environment::close_files() {
 
 Status Environment::check_contents() try {
   if (Status status = extend_short_file(); !status.ok()) return status;
-  if (Status status = locate_map(env_, &map_); !status.ok()) return status;
+  if (Status status = locate_map(env_, directory_.c_str(), &map_); !status.ok()) return status;
   readers_.for_each([](ReaderSlot& slot) { slot.state = FileState{}; });
   return {};
 } catch (const LmdbAssertion& broken) {
@@ -265,7 +271,7 @@ Status Environment::recover_read(int code, bool nested, unsigned attempt, std::u
   constexpr unsigned kAttempts = 4;
   if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
   if (code == MDB_MAP_RESIZED)
-    return {PRTKV_STORAGE_FAILED, "the registry in '" + directory_ + "' grew while it was being read; try again"};
+    return {PRTKV_BUSY, "the registry in '" + directory_ + "' grew while it was being read; try again"};
   if (attempt >= kAttempts) return failure(code, "cannot read the registry");
   if (code == MDB_READERS_FULL) return free_reader_slots(nested);
   if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
@@ -361,7 +367,8 @@ ReadTransaction::~ReadTransaction() {
 }
 
 Status ReadTransaction::begin() {
-  if (Status status = environment_.check_process(); !status.ok()) return status;
+  if (Status status = environment_.check_usable(); !status.ok()) return status;
+  if (Status status = environment_.check_size(); !status.ok()) return status;
   if (wants_long_) {
     environment_.readers_.begin_long();
     long_ = true;
@@ -412,7 +419,8 @@ WriteTransaction::WriteTransaction(Environment& environment)
 WriteTransaction::~WriteTransaction() { abort(); }
 
 Status WriteTransaction::begin() {
-  if (Status status = environment_.check_process(); !status.ok()) return status;
+  if (Status status = environment_.check_usable(); !status.ok()) return status;
+  if (Status status = environment_.check_size(); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
   for (unsigned attempt = 0;; ++attempt) {
     const int code = environment_.env_ == nullptr ? MDB_PANIC : mdb_txn_begin(environment_.env_, nullptr, 0, &txn_);
@@ -436,11 +444,11 @@ Status WriteTransaction::load_former() {
   return status;
 }
 
-LmdbOutcome WriteTransaction::commit() {
-  const LmdbOutcome outcome =
-      lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // if it throws, txn_ is still to be aborted
+Status WriteTransaction::commit(LmdbOutcome* outcome) {
+  if (Status status = environment_.check_files(); !status.ok()) return status;
+  *outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // if it throws, txn_ is still to be aborted
   txn_ = nullptr;
-  return outcome;
+  return environment_.failure(*outcome, "cannot write to the registry");
 }
 
 void WriteTransaction::abort() {

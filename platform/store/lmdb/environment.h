@@ -3,8 +3,7 @@
 // LMDB's file locks belong to the process: closing a second descriptor of the lock file would release them. All stores
 // that a process opens on one directory therefore share one environment, which is closed with the last of them.
 //
-// An environment cannot be used in a forked child: every operation returns PRTKV_STORAGE_FAILED, and closing it does
-// nothing.
+// An environment cannot be used in a forked child: every operation returns PRTKV_UNUSABLE, and closing it does nothing.
 #ifndef TKV_PLATFORM_STORE_LMDB_ENVIRONMENT_H
 #define TKV_PLATFORM_STORE_LMDB_ENVIRONMENT_H
 
@@ -22,22 +21,17 @@
 #include "store/lmdb/file_state.h"
 #include "store/lmdb/lmdb_store.h"
 #include "store/lmdb/reader_pool.h"
+#include "store/lmdb/registry_files.h"
 
 namespace tkv::store {
 
 struct EnvironmentTable;
 
-// Identifies a file or directory for as long as it exists.
-struct FileIdentity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  bool operator==(const FileIdentity&) const = default;
-};
-
 class Environment {
  public:
-  // Opens the environment of options.directory, whose files must exist, or shares the one that this process already has
-  // open. The last `Held` that is destroyed closes it. The map_size of the first opening applies to all.
+  // Opens the environment of options.directory, creating the registry if the options ask for it, or shares the one that
+  // this process already has open. The last `Held` that is destroyed closes it. The map_size of the first opening
+  // applies to all.
   struct Release {
     void operator()(Environment* environment) const { release(environment); }
   };
@@ -47,8 +41,9 @@ class Environment {
   Environment(const Environment&) = delete;
   Environment& operator=(const Environment&) = delete;
 
-  // Returns PRTKV_STORAGE_FAILED in a process that was forked from the one that opened the environment.
-  Status check_process() const;
+  // Returns PRTKV_UNUSABLE in a process that was forked from the one that opened the environment, and after the
+  // registry's files were found replaced or truncated.
+  Status check_usable() const;
 
   // Translates the result of an LMDB call like lmdb_status, adding the directory to the message.
   Status failure(LmdbOutcome outcome, const char* doing) const;
@@ -64,9 +59,10 @@ class Environment {
   friend class WriteTransaction;
   friend struct EnvironmentTable;
 
-  explicit Environment(const LmdbOptions& options);
+  Environment(const LmdbOptions& options, std::unique_ptr<const RegistryFiles> files);
   ~Environment();
-  static Status open_anew(const LmdbOptions& options, EnvironmentTable& table, Held* environment);
+  static Status open_anew(const LmdbOptions& options, std::unique_ptr<const RegistryFiles> files,
+                          EnvironmentTable& table, Held* environment);
   static void release(Environment* environment);
 
   Status open(bool read_only);
@@ -75,6 +71,9 @@ class Environment {
   Status check_contents();
   Status check_version();
   Status extend_short_file();
+  Status check_size();
+  Status check_files();
+  Status files_replaced() const;
 
   int renew(ReaderSlot& slot);
   Status recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps);
@@ -86,18 +85,17 @@ class Environment {
   Status remap(std::size_t size);
   Status reopen();
 
-  std::size_t map_size_to_open() const;
+  Status map_size_to_open(std::size_t* size) const;
 
   const std::string directory_;
   const std::uint64_t fixed_map_size_;
   const std::uint64_t first_map_size_;
-  const mode_t file_mode_;
+  const std::unique_ptr<const RegistryFiles> files_;
   const unsigned fork_generation_;
   bool read_only_ = false;
-  FileIdentity directory_identity_;
-  FileIdentity file_identity_;
-  int directory_handle_ = -1;  // held open so that the directory's inode number is not reused
-  std::size_t users_ = 0;      // guarded by the table of environments
+  std::size_t users_ = 0;  // guarded by the table of environments
+  std::atomic<bool> files_replaced_{false};
+  std::atomic<std::uint64_t> seen_size_{0};  // of the data file, in bytes; it never shrinks
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
@@ -162,7 +160,9 @@ class WriteTransaction {
   WriteTransaction& operator=(const WriteTransaction&) = delete;
 
   Status begin();
-  LmdbOutcome commit();
+  // Fails with PRTKV_UNUSABLE, and without committing, if the registry's files were replaced. `outcome` receives the
+  // result of LMDB's call.
+  Status commit(LmdbOutcome* outcome);
   void abort();
 
   // Enlarges the map after MDB_MAP_FULL, or returns why that is impossible. On success, call begin() again.

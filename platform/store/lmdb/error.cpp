@@ -2,6 +2,8 @@
 
 #include <lmdb.h>
 
+#include "store/lmdb/reader_pool.h"
+
 namespace tkv::store {
 
 Status lmdb_status(int code, const std::string& doing) { return lmdb_status(LmdbOutcome{code, code}, doing); }
@@ -25,7 +27,7 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
     case EFBIG:
       return system(PRTKV_STORAGE_FULL);
     case MDB_MAP_FULL:
-      return failed(PRTKV_STORAGE_FULL, "the registry has grown to the size that it may have");
+      return failed(PRTKV_STORAGE_FULL, "the registry has reached its size limit");
     case ENOMEM:
       return system(PRTKV_OUT_OF_MEMORY);
     case EACCES:
@@ -34,17 +36,39 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
       return system(PRTKV_ACCESS_DENIED);
     case MDB_INVALID:
       return failed(PRTKV_STORAGE_FAILED, "this is not the data file of a registry, or it is damaged");
-    case MDB_VERSION_MISMATCH:
-      return failed(PRTKV_STORAGE_FAILED, "the file or its lock file was made by another version of LMDB");
     case MDB_CORRUPTED:
     case MDB_PAGE_NOTFOUND:
       return failed(PRTKV_STORAGE_FAILED, "the registry's file is damaged");
     case MDB_PANIC:
-      return failed(PRTKV_STORAGE_FAILED, "an earlier write failed half way");
+      return failed(PRTKV_STORAGE_FAILED, "an earlier write failed before it was complete");
+    case EBADMSG:
+    case EUCLEAN:
+    case ENXIO:
+      return system(PRTKV_STORAGE_FAILED);
+    case MDB_VERSION_MISMATCH:
+      return failed(PRTKV_UNUSABLE, "the file or its lock file was created by another version of LMDB");
+    case ENOENT:
+    case ENOTDIR:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+    case ENODEV:
+    case ESTALE:
+    case EOPNOTSUPP:
+      return system(PRTKV_UNUSABLE);
     case MDB_READERS_FULL:
-      return failed(PRTKV_STORAGE_FAILED, "too many processes and threads read the registry at once");
+      return failed(PRTKV_BUSY, "all " + std::to_string(kMaxReaders) + " reader slots of the registry are in use");
+    case MDB_MAP_RESIZED:
+      return failed(PRTKV_BUSY, "the registry grew while it was being read");
+    case EMFILE:
+    case ENFILE:
+    case EAGAIN:
+    case EBUSY:
+    case EINTR:
+    case ETIMEDOUT:
+      return system(PRTKV_BUSY);
     default:
-      return failed(PRTKV_STORAGE_FAILED, std::string(mdb_strerror(code)) + " (" + std::to_string(code) + ")");
+      return failed(PRTKV_UNKNOWN, std::string(mdb_strerror(code)) + " (" + std::to_string(code) + ")");
   }
 }
 

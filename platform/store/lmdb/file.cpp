@@ -1,7 +1,5 @@
 #include "store/lmdb/file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <bit>
@@ -136,7 +134,7 @@ bool read_key(std::span<const std::byte> key, KeyParts* parts) {
 }
 
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {
-  const std::string doing = "cannot create a registry in '" + path + "'";
+  const std::string doing = "cannot write a fresh registry";
   MDB_env* raw = nullptr;
   if (const int code = mdb_env_create(&raw); code != 0) return lmdb_status(code, doing);
   const EnvironmentHandle env(raw, &mdb_env_close);
@@ -148,16 +146,6 @@ Status write_fresh_registry(const std::string& path, const sec_attr& root_securi
                      doing);
 }
 
-Status inspect_data_file(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file.is_open()) {
-    const int error = errno;
-    return lmdb_status(error, "cannot open '" + path + "'");
-  }
-  struct stat status {};
-  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode))
-    return not_a_registry(path, "it is not a regular file");
-  return check_meta_pages(file, path);
-}
+Status inspect_data_file(const Descriptor& file, const std::string& path) { return check_meta_pages(file, path); }
 
 }  // namespace tkv::store

@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/descriptor.h"
 #include "store/record.h"
 #include "store/store_limits.h"
 
@@ -66,8 +67,9 @@ bool read_key(std::span<const std::byte> key, KeyParts* parts);
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security);
 
 // Checks the meta pages of a file without LMDB, which trusts them. Returns PRTKV_STORAGE_FAILED with a reason for a
-// foreign file, a truncated one, and impossible numbers. Changes nothing.
-Status inspect_data_file(const std::string& path);
+// foreign file, a truncated one, and impossible numbers. Changes nothing. `path`
+// is for the message only.
+Status inspect_data_file(const Descriptor& file, const std::string& path);
 
 }  // namespace tkv::store
 

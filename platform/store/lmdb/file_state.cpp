@@ -122,7 +122,7 @@ Status damaged_page(const FileMap& map, PageDamage damage) {
                                     std::to_string(damage.page) + " " + damage.defect};
 }
 
-Status locate_map(MDB_env* env, FileMap* map) {
+Status locate_map(MDB_env* env, const char* directory, FileMap* map) {
   MDB_stat pages{};
   MDB_envinfo info{};
   mdb_env_stat(env, &pages);
@@ -130,7 +130,7 @@ Status locate_map(MDB_env* env, FileMap* map) {
   FileMap located;
   located.size = info.me_mapsize;
   located.page_size = pages.ms_psize;
-  mdb_env_get_path(env, &located.directory);
+  located.directory = directory;
   constexpr int kAttempts = 100;
   bool found = false;
   for (int attempt = 0; attempt < kAttempts && !found; ++attempt)

@@ -21,7 +21,7 @@ struct FileMap {
   const std::byte* address = nullptr;  // null: there is none
   std::size_t size = 0;
   std::size_t page_size = 0;
-  const char* directory = "";  // LMDB's, valid as long as the environment
+  const char* directory = "";  // for messages; outlives the map
 };
 
 // The state that a transaction sees. Its pages stay as they are as long as the transaction is alive: LMDB overwrites no
@@ -50,7 +50,8 @@ Status damaged_page(const FileMap& map, PageDamage damage);
 
 // Finds the address of the environment's map. Checks the pages on the way to the registry's record of itself, which
 // every registry has, before LMDB follows them. No transaction of the calling thread may be active in the environment.
-Status locate_map(MDB_env* env, FileMap* map);
+// `directory` is for messages and must outlive the map.
+Status locate_map(MDB_env* env, const char* directory, FileMap* map);
 
 // Copies the meta page of the state after `transaction`. While a transaction two numbers later is being committed, the
 // copy may be torn. `*certain` is set if that cannot have happened; otherwise the copy is good if a reader that begins

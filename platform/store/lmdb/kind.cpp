@@ -52,7 +52,8 @@ constexpr StoreSetting kSettings[] = {
              "Default: it grows as it has to."},
     {.name = "registry.group",
      .check = check_group,
-     .text = "Group that shares an embedded registry: directory and files belong to it. Whoever can open the files "
+     .text = "Group that shares an embedded registry: directory and files belong to it, with the modes 3770 and 0660. "
+             "Whoever can open the files "
              "can bypass the rights in the registry. Default: none, only the owner opens them."}};
 
 Status check_location(const std::string& location) {
@@ -60,7 +61,12 @@ Status check_location(const std::string& location) {
   return status.ok() ? status : Status(PRTKV_INVALID_ARGUMENT, status.text());
 }
 
-Status check(const StorePlace& place) { return check_lmdb_directory(place.locations.front()); }
+std::string group_of(const StorePlace& place) {
+  const auto group = place.settings.find("registry.group");
+  return group == place.settings.end() ? std::string() : group->second;
+}
+
+Status check(const StorePlace& place) { return check_lmdb_directory(place.locations.front(), group_of(place)); }
 
 bool is_absent(const StorePlace& place) {
   const std::string file = data_file(place.locations.front());
@@ -78,12 +84,10 @@ Status open(const StorePlace& place, const StoreOpening& opening, std::shared_pt
   options.create = opening.create && !opening.read_only;
   options.create_parents = opening.create_parents;
   options.read_only = opening.read_only;
+  options.group = group_of(place);
   options.root_security = opening.root_security;
   if (const auto size = place.settings.find("registry.map_size"); size != place.settings.end()) {
     if (Status status = parse_map_size(size->second, &options.map_size); !status.ok()) return status;
-  }
-  if (const auto group = place.settings.find("registry.group"); group != place.settings.end()) {
-    options.group = group->second;
   }
   return open_lmdb_store(options, store);
 }

@@ -7,7 +7,6 @@
 
 #include "base/standard_files.h"
 #include "store/lmdb/assertion.h"
-#include "store/lmdb/directory.h"
 #include "store/lmdb/environment.h"
 #include "store/lmdb/lmdb_update.h"
 #include "store/lmdb/lmdb_view.h"
@@ -105,7 +104,7 @@ Status LmdbStore::read_for(ReadTransaction::Length length, FunctionRef<Status(Vi
 }
 
 Status LmdbStore::may_write() const {
-  if (Status status = environment_.check_process(); !status.ok()) return status;
+  if (Status status = environment_.check_usable(); !status.ok()) return status;
   if (read_only_)
     return {PRTKV_ACCESS_DENIED, "the registry in '" + environment_.directory() + "' was opened for reading only"};
   if (Running::reads(&environment_) || Running::writes(&environment_))
@@ -122,8 +121,8 @@ Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(L
   if (status.ok() && update.broken_by().code == 0) status = update.finish();
   *outcome = update.broken_by();
   if (!status.ok()) return status;
-  if (outcome->code == 0) *outcome = transaction.commit();
-  return environment_.failure(*outcome, "cannot write to the registry");
+  if (outcome->code != 0) return environment_.failure(*outcome, "cannot write to the registry");
+  return transaction.commit(outcome);
 }
 
 Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function) try {
@@ -182,7 +181,6 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store) {
   occupy_standard_files();
-  if (Status status = prepare_directory(options); !status.ok()) return status;
   Environment::Held environment;
   if (Status status = Environment::acquire(options, &environment); !status.ok()) return status;
   *store = std::make_shared<LmdbStore>(std::move(environment), options.read_only);

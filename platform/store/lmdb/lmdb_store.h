@@ -13,8 +13,10 @@ namespace tkv::store {
 // Opens the environment, or takes part in the one that this process has open on the same directory; then the map sizes
 // of whoever opened it first hold.
 //
-// Failures name path and reason: 2 what permissions forbid, 7 what is not there or is not a registry of a format that
-// this release reads (nothing is overwritten then), 8 a path that is not absolute, 11 a full disk, 41 no such group.
+// Failures name the path and the reason: PRTKV_ACCESS_DENIED what permissions forbid, PRTKV_UNUSABLE a location that is
+// absent or cannot hold a registry and a format that this release does not read, PRTKV_STORAGE_FAILED a damaged file,
+// PRTKV_INVALID_ARGUMENT a path that is not absolute, PRTKV_STORAGE_FULL a full disk, PRTKV_INVALID_CONFIGURATION an
+// unknown group. Nothing is overwritten in any of these cases.
 //
 // Readers wait for nobody, except while this process replaces its map because the registry has outgrown it. A function
 // given to the store may read from the same store again, also inside a write (it reads the state before the write);
@@ -22,9 +24,10 @@ namespace tkv::store {
 // answers 7.
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store);
 
-// Tells whether `directory` can hold an embedded registry: absolute, its parent there, writable, not on a network or
+// Checks whether `directory` can hold an embedded registry that is shared with `group`, if one is given: it is
+// absolute, it or its parent exists, is writable and cannot be tampered with by others, and it is not on a network or
 // pseudo file system. Changes nothing.
-Status check_lmdb_directory(const std::string& directory);
+Status check_lmdb_directory(const std::string& directory, const std::string& group = {});
 
 }  // namespace tkv::store
 

@@ -25,6 +25,9 @@
 
 namespace tkv::store {
 
+// Slots in LMDB's reader table, shared by all processes that have the registry open.
+constexpr unsigned kMaxReaders = 1022;
+
 // A slot occupies its own cache line. All members but `busy` belong to the reader that has claimed it.
 struct alignas(64) ReaderSlot {
   std::atomic<std::uint32_t> busy{0};

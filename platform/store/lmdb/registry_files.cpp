@@ -1,0 +1,220 @@
+#include "store/lmdb/registry_files.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "store/lmdb/directory.h"
+#include "store/lmdb/error.h"
+#include "store/lmdb/file.h"
+#include "store/lmdb/layout.h"
+#include "store/lmdb/link_directory.h"
+#include "store/lmdb/reader_pool.h"
+
+namespace tkv::store {
+namespace {
+
+constexpr const char* kDataFile = "data.mdb";
+constexpr const char* kLockFile = "lock.mdb";
+
+// LMDB's lock file has a header of 192 bytes, which includes the first reader's slot, and 64 bytes per further reader.
+constexpr off_t kLockFileSize = 192 + (kMaxReaders - 1) * 64;
+
+std::string quoted(const std::string& path) { return "'" + path + "'"; }
+
+FileIdentity identity_of(const struct stat& file) { return {file.st_dev, file.st_ino}; }
+
+Status random_name(const char* name, std::string* random) {
+  std::uint64_t number = 0;
+  if (getrandom(&number, sizeof number, 0) != sizeof number) return {PRTKV_UNKNOWN, "no random numbers available"};
+  *random = std::string(name) + ".new-" + std::to_string(number);
+  return {};
+}
+
+bool looks_like_lock_file(int file) {
+  std::uint32_t magic = 0;
+  const ssize_t count = pread(file, &magic, sizeof magic, 0);
+  return count == 0 || (count == sizeof magic && (magic == 0 || magic == kMagic));
+}
+
+}  // namespace
+
+Status RegistryFiles::open(const LmdbOptions& options, std::unique_ptr<const RegistryFiles>* files) {
+  std::unique_ptr<RegistryFiles> opened(new RegistryFiles(options));
+  if (Status status = find_sharing(options.group, &opened->sharing_); !status.ok()) return status;
+  if (Status status = open_directory(options, opened->sharing_, &opened->handle_); !status.ok()) return status;
+  if (Status status = opened->open_files(options); !status.ok()) return status;
+  *files = std::move(opened);
+  return {};
+}
+
+Status RegistryFiles::open_files(const LmdbOptions& options) {
+  struct stat directory {};
+  if (fstat(handle_.number(), &directory) != 0) {
+    const int error = errno;
+    return lmdb_status(error, "cannot use " + quoted(path_));
+  }
+  directory_identity_ = identity_of(directory);
+  exposed_ = is_exposed(directory);
+  owner_ = directory.st_uid;
+  if (Status status = open_data_file(options); !status.ok()) return status;
+  return open_lock_file(options.read_only);
+}
+
+// Leaves `*file` closed if there is no such file.
+Status RegistryFiles::open_file(const char* name, Descriptor* file, FileIdentity* identity) const {
+  Descriptor opened(openat(handle_.number(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat found {};
+  const int error = opened.is_open() && fstat(opened.number(), &found) == 0 ? 0 : errno;
+  if (error == ENOENT) return {};
+  if (error != 0) return lmdb_status(error, "cannot use " + quoted(path_of(name)));
+  if (Status status = check_file(name, found); !status.ok()) return status;
+  *file = std::move(opened);
+  *identity = identity_of(found);
+  return {};
+}
+
+Status RegistryFiles::check_file(const char* name, const struct stat& file) const {
+  const std::string path = quoted(path_of(name));
+  if (!S_ISREG(file.st_mode)) return {PRTKV_UNUSABLE, path + " is not a plain file"};
+  if (file.st_nlink > 1)
+    return {PRTKV_UNUSABLE, path + " has " + std::to_string(file.st_nlink) + " names (hard links); it must have one"};
+  const bool is_trusted = file.st_uid == geteuid() || file.st_uid == 0 || file.st_uid == owner_ ||
+                          (sharing_.group && file.st_gid == *sharing_.group);
+  if (is_trusted) return {};
+  return {PRTKV_UNUSABLE, path + " belongs to another user (" + std::to_string(file.st_uid) +
+                              ") who is neither the owner of the directory nor a member of the registry's group"};
+}
+
+Status RegistryFiles::open_data_file(const LmdbOptions& options) {
+  if (Status status = open_file(kDataFile, &data_, &data_identity_); !status.ok()) return status;
+  if (!data_.is_open()) {
+    if (!options.create || options.read_only) return {PRTKV_UNUSABLE, "there is no registry in " + quoted(path_)};
+    const auto fill = [&](const Descriptor& file) {
+      return write_fresh_registry(path_to_open(file, ""), options.root_security).about(quoted(path_of(kDataFile)));
+    };
+    if (Status status = create(kDataFile, fill); !status.ok()) return status;
+    if (Status status = sync_directory(handle_, path_); !status.ok()) return status;
+    if (Status status = open_file(kDataFile, &data_, &data_identity_); !status.ok()) return status;
+    if (!data_.is_open()) return {PRTKV_BUSY, quoted(path_of(kDataFile)) + " was removed while it was being opened"};
+  }
+  return inspect_data();
+}
+
+// On a read-only file system, LMDB does without a lock file.
+Status RegistryFiles::open_lock_file(bool read_only) {
+  if (Status status = open_file(kLockFile, &lock_, &lock_identity_); !status.ok() || lock_.is_open()) return status;
+  const auto fill = [&](const Descriptor& file) {
+    const int error = posix_fallocate(file.number(), 0, kLockFileSize);
+    return lmdb_status(error, "cannot allocate " + quoted(path_of(kLockFile)));
+  };
+  struct statvfs file_system {};
+  if (read_only && fstatvfs(handle_.number(), &file_system) == 0 && (file_system.f_flag & ST_RDONLY) != 0) return {};
+  if (Status status = create(kLockFile, fill); !status.ok()) return status;
+  if (Status status = open_file(kLockFile, &lock_, &lock_identity_); !status.ok() || lock_.is_open()) return status;
+  return {PRTKV_BUSY, quoted(path_of(kLockFile)) + " was removed while it was being opened"};
+}
+
+Status RegistryFiles::inspect_data() const {
+  const Descriptor file(::open(path_to_open(data_, kDataFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file.is_open()) {
+    const int error = errno;
+    return lmdb_status(error, "cannot open " + quoted(path_of(kDataFile)));
+  }
+  return inspect_data_file(file, path_of(kDataFile));
+}
+
+// The file is complete before it appears under its name. Of several processes that create it at once, one wins.
+Status RegistryFiles::create(const char* name, FunctionRef<Status(const Descriptor& file)> fill) const {
+  std::string temporary;
+  if (Status status = random_name(name, &temporary); !status.ok()) return status;
+  const Descriptor file(
+      openat(handle_.number(), temporary.c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file.is_open()) {
+    const int error = errno;
+    return lmdb_status(error, "cannot create " + quoted(path_of(temporary)));
+  }
+  Status status = set_access(file.number(), path_of(temporary), sharing_, sharing_.file_mode());
+  if (status.ok()) status = fill(file);
+  if (status.ok()) status = rename_temporary(temporary, name);
+  if (!status.ok()) unlinkat(handle_.number(), temporary.c_str(), 0);
+  return status;
+}
+
+Status RegistryFiles::rename_temporary(const std::string& temporary, const char* name) const {
+  const int directory = handle_.number();
+  int error = renameat2(directory, temporary.c_str(), directory, name, RENAME_NOREPLACE) == 0 ? 0 : errno;
+  if (error == 0) return {};
+  // Not every file system supports the flag.
+  if (error == EINVAL) error = linkat(directory, temporary.c_str(), directory, name, 0) == 0 ? 0 : errno;
+  unlinkat(directory, temporary.c_str(), 0);
+  return error == EEXIST ? Status() : lmdb_status(error, "cannot create " + quoted(path_of(name)));
+}
+
+// In a directory that nobody else can change, the plain path does, which works without /proc.
+std::string RegistryFiles::path_to_open(const Descriptor& file, const std::string& name) const {
+  if (!exposed_ && !name.empty()) return path_of(name);
+  return "/proc/self/fd/" + std::to_string(file.number());
+}
+
+bool RegistryFiles::leads_to(const char* name, const FileIdentity& identity) const {
+  struct stat found {};
+  return lstat(path_of(name).c_str(), &found) == 0 && identity_of(found) == identity;
+}
+
+bool RegistryFiles::are_in_place() const {
+  return leads_to(kDataFile, data_identity_) && (!lock_.is_open() || leads_to(kLockFile, lock_identity_));
+}
+
+Status RegistryFiles::prepare_lock_file() const {
+  if (!lock_.is_open()) return {};
+  const Descriptor file(::open(path_to_open(lock_, kLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  struct stat found {};
+  if (!file.is_open() || fstat(file.number(), &found) != 0) return {};  // LMDB will report it
+  const std::string path = quoted(path_of(kLockFile));
+  if (!looks_like_lock_file(file.number()))
+    return {PRTKV_UNUSABLE, path + " is not a lock file of LMDB; remove it when no process uses the registry"};
+  if (found.st_size >= kLockFileSize && found.st_blocks * 512 >= found.st_size) return {};
+  // Not posix_fallocate: where the file system lacks the operation, it would write to a file that others have mapped.
+  const int error = fallocate(file.number(), 0, 0, std::max(kLockFileSize, found.st_size)) == 0 ? 0 : errno;
+  return error == EOPNOTSUPP ? Status() : lmdb_status(error, "cannot allocate " + path);
+}
+
+Status RegistryFiles::open_environment(MDB_env* env, unsigned flags) const {
+  LinkDirectory links;
+  const bool by_link = exposed_ && lock_.is_open();
+  if (by_link) {
+    if (Status status = links.create(data_, lock_); !status.ok()) return status;
+  }
+  const std::string doing = "cannot open the registry in " + quoted(path_);
+  const std::string path = by_link ? links.path() : path_;
+  int code = mdb_env_open(env, path.c_str(), flags, sharing_.file_mode());
+  int file = -1;
+  struct stat found {};
+  if (code == 0) code = mdb_env_get_fd(env, &file);
+  if (code == 0 && (fcntl(file, F_SETFD, FD_CLOEXEC) != 0 || fstat(file, &found) != 0)) code = errno;
+  if (code != 0) return lmdb_status(code, doing);
+  if (identity_of(found) == data_identity_ && (by_link || are_in_place())) return {};
+  return {PRTKV_BUSY, doing + ": its files were replaced meanwhile"};
+}
+
+Status RegistryFiles::data_size(std::uint64_t* size) const {
+  struct stat found {};
+  if (fstat(data_.number(), &found) != 0) {
+    const int error = errno;
+    return lmdb_status(error, "cannot use " + quoted(path_of(kDataFile)));
+  }
+  *size = static_cast<std::uint64_t>(found.st_size);
+  return {};
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,90 @@
+// RegistryFiles: the files of an embedded registry, created if necessary, checked, and held open by identity.
+//
+// In a directory that others may write to, a file can be replaced at any time. Every file is therefore opened relative
+// to the directory's descriptor without following links, and then checked: it must be a regular file with a single name
+// that belongs to the caller, root, the directory's owner or the registry's group. What LMDB opens is the very file
+// that was checked. Mode and group are changed only on files that this process has just created.
+//
+// The descriptors carry no access rights (O_PATH), so closing them does not release the locks that LMDB holds on the
+// files. The objects are immutable; any thread may use them.
+#ifndef TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
+#define TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
+
+#include <lmdb.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "base/descriptor.h"
+#include "base/function_ref.h"
+#include "base/status.h"
+#include "store/lmdb/options.h"
+#include "store/lmdb/sharing.h"
+
+namespace tkv::store {
+
+// Identifies a file or directory for as long as it exists.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+class RegistryFiles {
+ public:
+  // Opens the directory and the files of a registry, and creates what is absent if the options allow it: the directory,
+  // the data file with a fresh registry, the lock file. Nothing that exists is overwritten. Any number of processes may
+  // do this at once.
+  static Status open(const LmdbOptions& options, std::unique_ptr<const RegistryFiles>* files);
+
+  RegistryFiles(const RegistryFiles&) = delete;
+  RegistryFiles& operator=(const RegistryFiles&) = delete;
+
+  const FileIdentity& directory() const { return directory_identity_; }
+  const FileIdentity& data() const { return data_identity_; }
+  const FileIdentity& lock() const { return lock_identity_; }  // all zero if a read-only file system lacks the file
+
+  // True if the paths of the data file and of the lock file still lead to these files.
+  bool are_in_place() const;
+
+  // Allocates the disk space of the lock file, so that a full disk cannot interrupt a process that writes to its map,
+  // and makes sure that it is a lock file. The process must not have the registry open: this would release its locks.
+  Status prepare_lock_file() const;
+
+  // Calls mdb_env_open for exactly these files.
+  Status open_environment(MDB_env* env, unsigned flags) const;
+
+  // The size of the data file in bytes.
+  Status data_size(std::uint64_t* size) const;
+
+ private:
+  explicit RegistryFiles(const LmdbOptions& options) : path_(options.directory) {}
+
+  Status open_files(const LmdbOptions& options);
+  Status open_file(const char* name, Descriptor* file, FileIdentity* identity) const;
+  Status check_file(const char* name, const struct stat& file) const;
+  Status open_data_file(const LmdbOptions& options);
+  Status open_lock_file(bool read_only);
+  Status inspect_data() const;
+  Status create(const char* name, FunctionRef<Status(const Descriptor& file)> fill) const;
+  Status rename_temporary(const std::string& temporary, const char* name) const;
+  std::string path_of(const std::string& name) const { return path_ + "/" + name; }
+  std::string path_to_open(const Descriptor& file, const std::string& name) const;
+  bool leads_to(const char* name, const FileIdentity& identity) const;
+
+  const std::string path_;
+  Sharing sharing_;
+  bool exposed_ = false;  // others may replace files in the directory
+  uid_t owner_ = 0;       // of the directory
+  Descriptor handle_{-1};
+  Descriptor data_{-1};
+  Descriptor lock_{-1};
+  FileIdentity directory_identity_;
+  FileIdentity data_identity_;
+  FileIdentity lock_identity_;
+};
+
+}  // namespace tkv::store
+
+#endif
