@@ -1,4 +1,4 @@
-// The check of a whole registry on etcd: every record under the prefix, as they stand at one revision.
+// The check of a whole registry on etcd: every record under the prefix, at one revision.
 #ifndef TKV_PLATFORM_STORE_ETCD_CHECKER_H
 #define TKV_PLATFORM_STORE_ETCD_CHECKER_H
 
@@ -7,9 +7,8 @@
 
 namespace tkv::store::etcd {
 
-// As Store::check. What waits to be removed, or is being built aside, is in nobody's way and not reported; with
-// `repair` it is removed when its owner is gone. Entries that hang on nothing are left alone while there is a damaged
-// entry, below which they may belong.
+// As Store::check. What is still to be removed, or is being staged, is not reported; with `repair`, it is removed if
+// its owner has ended. Orphans are kept as long as there is a damaged entry that may be their parent.
 Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals);
 

@@ -5,7 +5,7 @@
 
 namespace tkv::store::etcd {
 
-// A line a field: this is read by people with etcdctl as well.
+// One field per line, for people who look at it with etcdctl.
 std::string ClaimText::print() const {
   if (!decided) return "state claimed\nattempt " + std::to_string(attempt) + "\n";
   return "state decided\nnext " + std::to_string(next) + "\nbatches " + std::to_string(batches) + "\n";

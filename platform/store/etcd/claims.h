@@ -1,15 +1,16 @@
-// Changes of what exists that are larger than one transaction of etcd.
+// Claims: how existing keys are changed by a change larger than one transaction of etcd.
 //
-// Such a change lays claim to the subtree that it is about, by a key that names the top, and then reads the subtree as
-// it stood when the claim was laid, without comparing what it reads. Whoever writes there meanwhile removes the claim
-// in his own transaction; the claimant's last transaction compares it, and so finds out that he has to begin again.
-// Several sessions may claim the same: the first to finish removes the others' claims. A claim says how often its
-// change has been attempted; for one that others have come before again and again, small writes wait a moment.
+// Such a change lays a claim of the subtree that it is about: a key that names the top. It then reads the subtree as it
+// was when the claim was laid, without comparing what it reads. Whoever writes there meanwhile removes the claim in the
+// same transaction; the claimant's commit compares the claim, and so finds out that it has to begin again. Several
+// sessions may claim the same subtree: the first to commit removes the claims of the others. A claim says how often
+// its change has been attempted; small writes wait a moment for a change that has been delayed several times.
 //
-// When everything lies ready in batches (see plan.h), the last transaction turns the claim into a decision. From then
-// on the change is made: every session that comes by the top first helps to carry out what is left of the batches.
+// When the batches of the change are staged (see redo_log.h), the commit turns the claim into a decision. From then on
+// the change is made: every session that comes to the top first helps to carry out what is left of the batches.
 //
-// So every transaction compares that no claim was laid or decided since the list of claims that its session knows.
+// For this to work, every transaction compares that no claim has been laid or decided since its session last read the
+// list of claims.
 #ifndef TKV_PLATFORM_STORE_ETCD_CLAIMS_H
 #define TKV_PLATFORM_STORE_ETCD_CLAIMS_H
 
@@ -24,11 +25,12 @@
 
 namespace tkv::store::etcd {
 
-// What the key of a claim says. One that cannot be read counts as a decision, so that nothing half made is shown.
+// The value of a claim's key. One that cannot be parsed counts as a decision, so that a half-made change is never
+// shown.
 struct ClaimText {
   bool decided = false;
   int attempt = 1;
-  std::uint64_t next = 0;     // of a decision: the first batch that is not carried out yet
+  std::uint64_t next = 0;     // of a decision: the first batch not yet carried out
   std::uint64_t batches = 0;  // of a decision
 
   std::string print() const;
@@ -42,7 +44,7 @@ struct Claim {
   ClaimText text;
 };
 
-// The claims that stood at a revision. Some may be gone since.
+// The claims that existed at a revision. Some may be gone since.
 struct ClaimList {
   std::int64_t revision = 0;
   std::multimap<NodeId, Claim> claims;  // by their tops
@@ -55,19 +57,19 @@ struct ClaimList {
 
 using KnownClaims = std::shared_ptr<const ClaimList>;
 
-// What this session knows of claims.
+// The claims that this session knows of.
 //
-// Threads. Any number may call.
+// Threads. Any number may call at once.
 class Claims {
  public:
   explicit Claims(const Keys& keys) : keys_(keys), known_(std::make_shared<ClaimList>()) {}
 
   KnownClaims known() const;
 
-  // Takes in all claims as they stood at `revision`, and gives back the list of them.
+  // Takes in all claims as of `revision`, and returns the list of them.
   KnownClaims learn(const RangeResponse& all, std::int64_t revision);
 
-  // A claim that is over. Its token is never used again.
+  // Forgets a claim that is over. Its token is never used again.
   void forget(const Claim& claim);
 
  private:
@@ -76,7 +78,7 @@ class Claims {
   KnownClaims known_;
 };
 
-// No claim was laid or decided since the list.
+// Adds the comparison that no claim has been laid or decided since the list was read.
 void compare_claims(TxnRequest* request, const Keys& keys, const ClaimList& list);
 
 }  // namespace tkv::store::etcd

@@ -16,12 +16,11 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::size_t kHandyChanges = 50;  // with each its garbage key and comparisons
+constexpr std::size_t kHandyChanges = 50;  // each may need a garbage key and several comparisons
 constexpr int kMostLongRuns = 8;
-constexpr std::size_t kLongestPrefix = 256;
-constexpr std::int64_t kLeftoversPerLook = 50;
+constexpr std::size_t kMaxPrefixBytes = 256;
 
-// No exception of this module's own leaves it. One of the caller's function passes through.
+// No exception of this module leaves it. An exception of the caller's function passes through.
 struct ThrownByCaller {
   std::exception_ptr exception;
 };
@@ -48,7 +47,7 @@ Status guarded(Function function) {
   }
 }
 
-// Writers that come into each other's way do so less when each waits for a time of its own.
+// Writers that conflict do so less often if each waits for a random time.
 void pause_before_run(int run, Deadline deadline) {
   if (run < 2) return;
   thread_local std::minstd_rand random{std::random_device{}()};
@@ -62,7 +61,7 @@ class EtcdStore final : public Store {
   EtcdStore(std::unique_ptr<Kv> kv, const std::string& prefix) : core_(std::move(kv), prefix) {}
   ~EtcdStore() override;
 
-  // Finds the registry, or makes it.
+  // Finds the registry or creates it.
   Status open(const EtcdOptions& options);
 
   Status read(FunctionRef<Status(View&)> function) override {
@@ -131,9 +130,9 @@ Status EtcdStore::open(const EtcdOptions& options) {
   const auto look = [&](const RangeRequest& range) { *request.add_failure()->mutable_request_range() = range; };
   look(get_one(keys.meta()));
   look(get_one(keys.node(root)));
-  look(get_range(keys.all_garbage(), kLeftoversPerLook));
-  look(get_range(keys.all_staging(), kLeftoversPerLook));
-  look(get_range(keys.all_writers(), kLeftoversPerLook));
+  look(get_range(keys.all_garbage(), kMarkersPerPage));
+  look(get_range(keys.all_staging(), kMarkersPerPage));
+  look(get_range(keys.all_writers(), kMarkersPerPage));
   look(get_all(keys.all_claims()));
   TxnResponse response;
   if (Reply reply = core_.kv->txn(request, &response, core_.deadline()); !reply.ok()) return reply.status;
@@ -157,7 +156,7 @@ Status EtcdStore::open(const EtcdOptions& options) {
   return {};
 }
 
-// The marks of this session's writers are of no use to anyone now. When they cannot be removed, a later session does.
+// The marks of this session's writers are of no use any more. If they cannot be removed, a later session does it.
 EtcdStore::~EtcdStore() {
   if (!core_.kv->is_ours()) return;
   (void)guarded([&]() -> Status {
@@ -173,7 +172,7 @@ EtcdStore::~EtcdStore() {
 }
 
 Status open(const EtcdOptions& options, std::shared_ptr<Store>* store, std::function<Interceptors()> interceptors) {
-  if (options.prefix.empty() || options.prefix.size() > kLongestPrefix) {
+  if (options.prefix.empty() || options.prefix.size() > kMaxPrefixBytes) {
     return {PRTKV_INVALID_CONFIGURATION, "the prefix of the registry's keys in etcd is 1 to 256 bytes long"};
   }
   const ClusterOptions connection{.endpoints = options.endpoints,

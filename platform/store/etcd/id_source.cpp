@@ -31,7 +31,7 @@ void IdSource::know(const Meta& meta, std::int64_t mod_revision) {
   mod_revision_ = mod_revision;
 }
 
-// An answer that got lost costs a block, no more: the repetition finds the counter changed and takes the next one.
+// A lost answer costs a block, no more: the repeated request finds the counter changed, and takes the next block.
 Status IdSource::claim(std::uint64_t size, IdRange* block, Deadline deadline) {
   while (true) {
     if (meta_.next_id > std::numeric_limits<NodeId>::max() - size) {
@@ -57,7 +57,7 @@ Status IdSource::claim(std::uint64_t size, IdRange* block, Deadline deadline) {
       return status.about("the registry's next id");
     }
     mod_revision_ = found.kvs(0).mod_revision();
-    if (deadline.left().count() == 0) return {PRTKV_UNREACHABLE, "no new ids could be had in time"};
+    if (deadline.left().count() == 0) return {PRTKV_UNREACHABLE, "no new ids could be taken in time"};
   }
 }
 

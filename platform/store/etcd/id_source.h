@@ -1,6 +1,7 @@
-// Node ids, never given out twice by any process: each takes blocks off one counter in the cluster by compare-and-swap.
+// IdSource: node ids that are never used twice. Every process takes blocks of ids from one counter in the cluster by
+// compare-and-swap.
 //
-// Threads. Any number may call.
+// Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
 #define TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
 
@@ -24,10 +25,10 @@ class IdSource {
 
   Status take(NodeId* id, Deadline deadline);
 
-  // A block for one user alone.
+  // Takes a block for the caller alone.
   Status take_block(std::uint64_t size, IdRange* block, Deadline deadline);
 
-  // The counter as it was seen last, to spare the first block a round trip.
+  // The counter as it was last seen. Saves a round trip for the first block.
   void know(const Meta& meta, std::int64_t mod_revision);
 
  private:

@@ -1,17 +1,17 @@
-// Where a registry's records are in etcd: the layout of the keys under the registry's prefix.
+// The layout of a registry's keys in etcd, all under the registry's prefix.
 //
 //   meta                              the next free id
-//   n/<parent's id>/<level name>      a node, where it hangs
+//   n/<parent's id>/<level name>      a node
 //   v/<id>                            a node's value
-//   txn/<writer>                      the last transaction of a writer, by which it finds out whether a lost one was
-//                                     made
-//   staging/<token>                   a subtree that is being built aside: by whom, under which ids
-//   garbage/<id>                      a subtree that was taken out of the tree and is to be removed
-//   claims/<top's id>/<token>         a large change of the subtree: being prepared, or decided and being carried out
-//   plan/<token>/<number>             a batch of that change
+//   txn/<writer>                      the mark of a writer's last transaction, which tells whether it was made if its
+//                                     answer is lost
+//   staging/<token>                   a build: who is staging which ids
+//   garbage/<id>                      a subtree that was unlinked and is still to be removed
+//   claims/<top's id>/<token>         a large change of a subtree: being prepared, or decided and being carried out
+//   plan/<token>/<number>             a batch of that change's redo log
 //
-// Ids are 16 hexadecimal digits, so that keys of one parent stand together and in byte order of the names. This is on
-// the wire and in the cluster: do not change.
+// Ids are 16 hexadecimal digits, so that the keys of one parent are adjacent and in byte order of the names. Stored in
+// clusters: do not change.
 #ifndef TKV_PLATFORM_STORE_ETCD_KEYS_H
 #define TKV_PLATFORM_STORE_ETCD_KEYS_H
 
@@ -24,7 +24,7 @@
 
 namespace tkv::store::etcd {
 
-// Where a node hangs.
+// Where a node is in the tree.
 struct NodePlace {
   NodeId parent = kNoNode;
   std::string name;
@@ -32,13 +32,13 @@ struct NodePlace {
   auto operator<=>(const NodePlace&) const = default;  // NOLINT(modernize-use-nullptr): no pointer here
 };
 
-// Where a claim stands.
+// What the key of a claim says.
 struct ClaimPlace {
   NodeId top = kNoNode;
   std::string token;
 };
 
-// All keys from `begin` up to `end`, without it.
+// All keys from `begin` up to, but not including, `end`.
 struct KeyRange {
   std::string begin;
   std::string end;
@@ -67,11 +67,11 @@ class Keys {
   KeyRange all_of_plan(std::string_view token) const { return folder("plan/" + std::string(token) + "/"); }
   KeyRange children(NodeId parent) const { return nodes_below(parent, parent); }
 
-  // The nodes that hang below the ids from `first` to `last`, and the values of those ids.
+  // The children of the ids from `first` to `last`, and the values of those ids.
   KeyRange nodes_below(NodeId first, NodeId last) const;
   KeyRange values_of(NodeId first, NodeId last) const;
 
-  // The other way round; nothing when the key is none of that kind.
+  // Parse a key; nothing if it is not one of that kind.
   std::optional<NodePlace> parse_node(std::string_view key) const;
   std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }

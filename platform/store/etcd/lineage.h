@@ -1,4 +1,4 @@
-// How the nodes that a run has met hang together.
+// Lineage: the parents of the nodes that a run has met. Sends no requests. Used by one thread.
 #ifndef TKV_PLATFORM_STORE_ETCD_LINEAGE_H
 #define TKV_PLATFORM_STORE_ETCD_LINEAGE_H
 
@@ -13,20 +13,20 @@ class Lineage {
  public:
   void add(NodeId parent, NodeId id) { parents_[id] = parent; }
 
-  // Whether the node was met; the root always is.
+  // Whether the node has been met. The root always has.
   bool knows(NodeId id) const { return id == kRootNode || parents_.contains(id); }
 
-  // The ids from the root down to this one; nothing when they were not all met.
+  // The ids from the root down to this one; empty if they have not all been met.
   std::vector<NodeId> path(NodeId id) const;
 
-  // Whether `top` is the node or one above it.
+  // Whether `top` is the node itself or an ancestor of it.
   bool is_below(NodeId id, NodeId top) const;
 
  private:
   std::unordered_map<NodeId, NodeId> parents_;
 };
 
-// The lowest node that all paths go through. The root when there are none, or one of them is not known.
+// The lowest node that is on all paths. The root if there are no paths, or one of them is unknown.
 NodeId common_top(const std::vector<std::vector<NodeId>>& paths);
 
 }  // namespace tkv::store::etcd

@@ -1,4 +1,4 @@
-// Who left something in the cluster: told by a line of text that another process can judge.
+// Owners: who left something in the cluster, as a line of text that other processes can judge.
 #ifndef TKV_PLATFORM_STORE_ETCD_OWNER_H
 #define TKV_PLATFORM_STORE_ETCD_OWNER_H
 
@@ -8,7 +8,7 @@
 
 namespace tkv::store::etcd {
 
-// This process: "<machine's boot> <process namespace> <process> <its start>", no line breaks.
+// This process: "<boot id of the machine> <process namespace> <process> <its start>", without line breaks.
 std::string this_owner();
 
 // Whether the owner is known to have ended. False for owners on other machines, of which nothing is known.
@@ -17,7 +17,7 @@ bool has_ended(std::string_view owner);
 // Seconds since 1970.
 std::int64_t seconds_now();
 
-// 16 random bytes in hexadecimal digits.
+// 16 random bytes as 32 hexadecimal digits.
 std::string random_token();
 
 }  // namespace tkv::store::etcd

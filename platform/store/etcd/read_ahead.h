@@ -1,18 +1,19 @@
-// What a walk over one state of the tree is about to ask for: guessed from what it has asked for so far, fetched many
-// records at a time, and held until it is asked for or passed by.
+// ReadAhead: predicts what a walk over one state of the tree will ask for, has many records fetched at a time, and
+// holds them until they are asked for or passed.
 //
-// A walk tells of each page of children that it was given, and of each node whose value or children it asks for. It is
-// taken to go depth first, in the order of the pages: what it asks for now is followed by what hangs below, and then by
-// what comes after on the pages. What it has passed is let go. Another order costs requests, never a wrong answer.
+// The walk reports each page of children that it was given, and each node whose value or children it asks for. It is
+// assumed to go depth first, in the order of the pages: the node that it asks for is followed by what is below it, and
+// then by the rest of the page. What it has passed is dropped. Any other order costs requests, but never gives a wrong
+// answer.
 //
-// Nothing is fetched ahead before a walk has asked for some of the same kind, values or children, and no longer once
-// it leaves what was fetched unused. At first little is fetched; the more of it is used, the more.
+// Nothing is fetched ahead until a walk has asked for a few records of the same kind (values or children), or once it
+// leaves what was fetched unused. The more of it is used, the more is fetched.
 //
-// Bounds. One answer holds at most kMostNodesAhead lists of children, cut short where they are long, and
-// kMostValuesAhead values; no more of each than fit a message by the sizes met so far. Held are at most kMostHeld
-// bytes, and the ids of at most kMostPlanned nodes to come.
+// Bounds. One answer holds at most kMostNodesAhead lists of children, truncated where they are long, and
+// kMostValuesAhead values, and no more of each than fit a message by the sizes seen so far. At most kMostHeld bytes are
+// held, and the ids of at most kMostPlanned nodes to come.
 //
-// Nothing here sends requests. Not for several threads at once.
+// Sends no requests. Used by one thread.
 #ifndef TKV_PLATFORM_STORE_ETCD_READ_AHEAD_H
 #define TKV_PLATFORM_STORE_ETCD_READ_AHEAD_H
 
@@ -35,13 +36,13 @@ constexpr std::size_t kMostNodesAhead = 1024;
 constexpr std::size_t kMostHeld = std::size_t{8} << 20;
 constexpr std::size_t kMostPlanned = std::size_t{512} << 10;
 
-// One child in a list of children; `seen` has a node, or tells why the record cannot be trusted.
+// One child of a list; `seen` has a node, or says why the record cannot be trusted.
 struct Child {
   std::string name;
   SeenNode seen;
 };
 
-// A node's children from the first on, or from where the former page ended; not `complete` when there are more.
+// A node's children, from the first or from the end of the previous page. Not `complete` if there are more.
 struct ChildPage {
   std::vector<Child> children;
   bool complete = true;
@@ -57,37 +58,37 @@ class ReadAhead {
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
 
-  // The walk asks for this now. True when it is not held and fetching more than this one pays.
+  // The walk asks for this now. True if it is not held and it pays to fetch more than this one.
   bool ask(NodeId id, Sought sought);
 
   // The walk was given a page of a node's children, the first or a later one.
   void listed(NodeId parent, const ChildPage& page, bool first);
 
-  // A transaction of readings, to be sent with the revision of the snapshot: of what was asked for last and of what
-  // comes after it. Nothing when that is one value.
+  // Makes a transaction that reads, at this revision, what was asked for last and what comes after it. Nothing if that
+  // is a single value.
   std::optional<TxnRequest> request(std::int64_t revision);
 
-  // Its answer, to be held. What was asked for may be missing from it, behind what fills the answer.
+  // Takes in its answer. What was asked for may be missing if other records filled the answer.
   void keep(TxnResponse* answer);
 
-  // Its answer was larger than what is received: the next request asks for less.
+  // Its answer was too large to be received: the next request asks for less.
   void ask_for_less();
 
   // The server does not answer such requests.
   void give_up() { given_up_ = true; }
 
-  // False when it is not held. No record: the node has no value.
+  // Each returns false if it is not held. No record: the node has no value.
   bool take_value(NodeId id, std::optional<std::string>* record);
   bool take_children(NodeId id, ChildPage* listing);
   bool has_children(NodeId id, bool* answer);
 
-  // A value was read by itself.
+  // A value was fetched alone.
   void note_value(std::size_t bytes) { value_size_.add(bytes, 1); }
 
   std::size_t held() const { return held_; }
 
  private:
-  // Whether what is fetched of a kind is used, and how much to fetch.
+  // Whether what is fetched of a kind gets used, and how much of it to fetch.
   class Habit {
    public:
     explicit Habit(std::size_t most) : most_(most) {}
@@ -107,7 +108,7 @@ class ReadAhead {
     int uses_ = 0;
   };
 
-  // A size to expect: that of the records met last, quicker to grow than to shrink.
+  // The size to expect of a record. Follows the latest ones, and grows faster than it shrinks.
   class Size {
    public:
     explicit Size(std::size_t bytes) : bytes_(bytes) {}
@@ -119,7 +120,7 @@ class ReadAhead {
     std::size_t bytes_;
   };
 
-  // The children of one node that are still to come. The runs lie on each other as the nodes do in the walk.
+  // The children of one node that are still to come. The runs form a stack, as the nodes do in the walk.
   struct Run {
     NodeId parent = kNoNode;
     std::vector<NodeId> ids;
@@ -133,14 +134,14 @@ class ReadAhead {
     bool used = false;
   };
 
-  // One operation of the request: neighbouring ids, without a gap.
+  // One operation of the request: consecutive ids.
   struct Operation {
     Sought sought;
     NodeId first;
     NodeId last;
   };
 
-  // Ids to fetch, the nearest first.
+  // Ids to fetch, in the order of the walk.
   struct Wanted {
     std::vector<NodeId> values;
     std::vector<NodeId> lists;

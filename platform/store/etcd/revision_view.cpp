@@ -19,13 +19,13 @@ Status RevisionView::get(RangeRequest request, RangeResponse* response) {
   return reply.ok() ? Status() : fail(reply);
 }
 
-// The first answer fixes the revision of all others.
+// The first answer determines the revision of all others.
 Status RevisionView::get_first(const RangeRequest& request, RangeResponse* response) {
   const Reply reply = core_.recovery.read_settled(request, response, &revision_);
   return reply.ok() ? Status() : fail(reply);
 }
 
-// Fetches what is asked for with what comes after it. When that cannot be, the caller asks for the one thing alone.
+// Fetches what is asked for together with what comes after it. If that is impossible, the caller fetches it alone.
 Status RevisionView::look_ahead(NodeId id, Sought sought) {
   if (!ahead_.ask(id, sought) || revision_ == 0) return {};
   while (const auto request = ahead_.request(revision_)) {
@@ -76,7 +76,7 @@ Status RevisionView::value(NodeId id, Value* value) {
   return decode_value(id, as_bytes(record_), value);
 }
 
-// A node's entry is never longer than kMaxNodeEntryBytes: a page of kNodesPerPage always fits a message.
+// A node's entry never exceeds kMaxNodeEntryBytes, so a page of kNodesPerPage always fits a message.
 Status RevisionView::get_page(NodeId parent, std::string begin, ChildPage* page) {
   RangeRequest request = get_range({std::move(begin), core_.keys.children(parent).end}, kNodesPerPage);
   RangeResponse response;

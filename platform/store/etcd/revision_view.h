@@ -1,6 +1,8 @@
-// The tree at one revision, for reading as many nodes as there are. Nothing is compared afterwards: whatever is
-// written meanwhile, this state stays readable until etcd compacts it. A walk that goes depth first and reads many
-// nodes gets most of them from requests that fetch many at once (see read_ahead.h).
+// RevisionView: the tree at one revision, for reading any number of nodes. Nothing is compared afterwards: the state
+// stays readable, whatever is written meanwhile, until etcd compacts it. A depth-first walk gets most nodes from
+// requests that fetch many at once (see read_ahead.h).
+//
+// Used by one thread.
 #ifndef TKV_PLATFORM_STORE_ETCD_REVISION_VIEW_H
 #define TKV_PLATFORM_STORE_ETCD_REVISION_VIEW_H
 
@@ -15,7 +17,7 @@ namespace tkv::store::etcd {
 
 class RevisionView final : public View {
  public:
-  // `revision` 0: the newest at the first reading.
+  // `revision` 0: the newest as of the first request.
   RevisionView(Core& core, std::int64_t revision) : core_(core), revision_(revision), ahead_(core.keys) {}
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
@@ -24,7 +26,7 @@ class RevisionView final : public View {
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
 
-  // The first failure of the cluster, as opposed to what was not found or is damaged.
+  // The first failure of the cluster. A node that does not exist or is damaged is not one.
   const Reply& failure() const { return failure_; }
 
  private:
@@ -37,7 +39,7 @@ class RevisionView final : public View {
   Core& core_;
   std::int64_t revision_;
   ReadAhead ahead_;
-  std::string record_;  // of the value that was read last
+  std::string record_;  // of the value read last
   Reply failure_;
 };
 

@@ -31,7 +31,7 @@ bool is_abandoned_build(const KeyValue& build, std::int64_t now) {
 
 Sweeper::~Sweeper() {
   if (!kv_.is_ours()) {
-    // The thread stayed with the parent of the fork; there is nothing here to wait for.
+    // The thread stayed in the parent process; there is nothing to wait for.
     if (thread_.joinable()) thread_.detach();
     return;
   }
@@ -62,7 +62,7 @@ void Sweeper::add(Job job) {
     thread_ = std::thread([this] { work(); });
     working_ = true;
   } catch (const std::system_error&) {
-    jobs_.clear();  // no thread to be had: the keys remain for the next session
+    jobs_.clear();  // no thread can be started: the keys remain for another session
   }
 }
 
@@ -71,7 +71,7 @@ bool Sweeper::stopping() {
   return stop_;
 }
 
-// A failure ends the work, not the process: the keys that are left tell the next session what there is to do.
+// A failure ends the work, not the process: the keys that remain tell the next session what is to be done.
 void Sweeper::work() {
   const auto stop = [this] { return stopping(); };
   while (true) {
@@ -132,12 +132,6 @@ Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
 
 namespace {
 
-// Children that were listed together, and so stand together.
-struct Listed {
-  KeyRange entries;
-  bool more = false;
-};
-
 // One removal for each run of ids without gaps.
 std::vector<IdRange> runs_of(std::vector<NodeId> ids) {
   std::sort(ids.begin(), ids.end());
@@ -154,9 +148,9 @@ std::vector<IdRange> runs_of(std::vector<NodeId> ids) {
 
 }  // namespace
 
-// Removes everything below `parents`, depth first, with the children of many parents asked for at once. An entry is
-// removed after all that hangs below it, so that an interrupted removal leaves nothing that cannot be reached from the
-// top. Nobody adds anything: what hangs on no root is found by nobody else.
+// Removes everything below `parents`, depth first, reading the children of many parents at once. An entry is removed
+// after everything below it, so that an interrupted removal leaves nothing that cannot be reached from the top. Nobody
+// adds anything meanwhile, since nobody can reach an unlinked subtree.
 Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace) {
   while (!parents.empty()) {
     if (pace.stop()) return PRTKV_UNREACHABLE;
@@ -181,7 +175,7 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
       for (const KeyValue& child : page.kvs()) {
         Node node;
         const auto place = keys_.parse_node(child.key());
-        // What hangs below a damaged entry is not known; a check finds it. A damaged tree may also have loops.
+        // What is below a damaged entry is unknown; a check finds it. A damaged tree may also have loops.
         if (place && decode_node(place->parent, place->name, as_bytes(child.value()), &node).ok() &&
             seen->insert(node.id).second) {
           children.push_back(node.id);
@@ -197,7 +191,7 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
   return {};
 }
 
-// Values first: once its entry is gone, nothing tells whose a value was.
+// Values first: once an entry is gone, nothing tells whose a value was.
 Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids,
                                 const Pace& pace) {
   TxnRequest batch;
@@ -214,7 +208,7 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
   return remove(&batch, pace);
 }
 
-// First makes sure that the build cannot be finished any more, then removes what it sent ahead.
+// First makes sure that the build cannot go on, then removes what it has staged.
 Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace) {
   RangeResponse found;
   if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) {
@@ -231,7 +225,7 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
     TxnResponse response;
     Reply reply = kv_.txn(fence, &response, Deadline(pace.request));
     if (!reply.ok()) return reply.status;
-    // It went on, or came to its end, or another sweeper was quicker; a repetition may also have met its own writing.
+    // It went on, ended, or another sweeper was faster; a repeated request may also have met its own first write.
     if (!response.succeeded()) return reply.repeated ? sweep_build(key, ours, pace) : Status();
   }
   if (text) {
@@ -247,7 +241,7 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
   return sweep_claims(pace);
 }
 
-// A claim without its build is nobody's. What was decided no longer needs one.
+// A claim whose build is gone has no owner. A decision needs no build.
 Status Sweeper::sweep_claims(const Pace& pace) {
   const auto time = [&] { return Deadline(pace.request); };
   Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerPage));

@@ -1,11 +1,10 @@
-// Removes what hangs on nothing any more: subtrees that were taken out of the tree, and what interrupted builds left.
-// Carries out what was decided by sessions that have ended.
+// Sweeper: removes unlinked subtrees and the remains of interrupted builds, and carries out what was decided by
+// sessions that have ended.
 //
-// Such things have a key that names them until they are gone, so that whoever opens the registry next finishes what a
-// session leaves undone. Removal goes from the leaves up, in bounded batches; any number of sweepers may be at the same
-// subtree.
+// Each of these has a key that names it until it is gone, so that another session can finish what one leaves undone.
+// Removal goes bottom-up, in bounded batches; any number of sweepers may work on the same subtree.
 //
-// Threads. Any number may call. The work is done by a thread that lives while there is some.
+// Threads. Any number may call at once. The work is done by a thread that lives as long as there is some.
 #ifndef TKV_PLATFORM_STORE_ETCD_SWEEPER_H
 #define TKV_PLATFORM_STORE_ETCD_SWEEPER_H
 
@@ -31,26 +30,26 @@ class Sweeper {
  public:
   Sweeper(Kv& kv, const Keys& keys, Recovery& recovery) : kv_(kv), keys_(keys), recovery_(recovery) {}
 
-  // Goes on for a moment when there is work left, and leaves the rest to another session.
+  // Gives remaining work a second, and leaves the rest to another session.
   ~Sweeper();
 
   Sweeper(const Sweeper&) = delete;
   Sweeper& operator=(const Sweeper&) = delete;
 
-  // Removes subtrees in the garbage, given by their keys: at once as far as a moment goes, so that most leave nothing
-  // behind, and the rest later.
+  // Removes unlinked subtrees, given by their garbage keys. Does so at once for up to a quarter of a second, so that
+  // most leave nothing behind, and leaves the rest to the thread.
   void remove_garbage(const std::vector<std::string>& keys);
 
-  // Removes what lies about and belongs to nobody alive, and carries out what was decided, later.
+  // Has the thread look for what ended sessions have left, and finish or remove it.
   void look_around() { add({Job::Kind::kLookAround, ""}); }
 
-  // The key of a build that its owner, this process, gives up.
+  // Has the thread remove a build of this session.
   void give_up_build(std::string key);
 
-  // The same now, on the caller's thread.
+  // Does what look_around() asks for, now and on the caller's thread.
   Status sweep_all();
 
-  // What lies about, as read when the registry was opened; starts removing what belongs to nobody alive.
+  // Takes in what was found when the registry was opened, and starts the thread if any of it is to be removed.
   void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers,
              const RangeResponse& claims);
 
@@ -60,7 +59,7 @@ class Sweeper {
     std::string key;
   };
 
-  // How long to go on, and how long a single request may take.
+  // When to stop, and how long a single request may take.
   struct Pace {
     FunctionRef<bool()> stop;
     std::chrono::milliseconds request;

@@ -11,7 +11,7 @@ const KeyValue* first(const RangeResponse& response) { return response.kvs_size(
 
 std::string fence_of(const std::string& text) { return "not " + text; }
 
-// Finds out whether a write was made that was sent more than once, and sees to it that it will not be made later.
+// Finds out whether a write that was sent more than once has been made, and makes sure that it will not be made later.
 Reply settle(Kv& kv, Mark* mark, const std::string& text, bool* made, Deadline deadline) {
   TxnRequest request;
   *request.add_success()->mutable_request_range() = get_one(mark->key);
@@ -36,7 +36,7 @@ Reply settle(Kv& kv, Mark* mark, const std::string& text, bool* made, Deadline d
   }
 }
 
-// A write that was refused, or found its comparisons failing, after it had been sent before.
+// Settles a write that was refused, or whose comparisons failed, after it had already been sent once.
 void settle(Kv& kv, Mark* mark, const std::string& text, Written* written, Deadline deadline) {
   const Reply reply = settle(kv, mark, text, &written->made, deadline);
   if (!reply.ok()) {

@@ -1,9 +1,9 @@
-// Writing exactly once, although answers get lost.
+// Writes that are made exactly once although answers get lost.
 //
-// A write overwrites a key of its writer with a mark that is never used again, and compares that key's revision. So a
-// write that is sent a second time cannot be made a second time, and whether it was made is read from the mark. Before
-// a write that was sent more than once is said not to have been made, the mark is overwritten: after that none of those
-// that may still be on their way can be made any more.
+// A write puts a text that is never used again into a key of its writer, the mark, and compares that key's revision. So
+// a write that is sent twice cannot be made twice, and the mark tells whether it was made. Before a write that was sent
+// more than once is reported as not made, the mark is overwritten: no copy of the write that may still be in transit
+// can be made after that.
 #ifndef TKV_PLATFORM_STORE_ETCD_WRITER_H
 #define TKV_PLATFORM_STORE_ETCD_WRITER_H
 
@@ -17,27 +17,26 @@
 
 namespace tkv::store::etcd {
 
-// The key of a writer and the revision at which it is thought to stand.
+// A writer's key, and the revision at which it was last seen.
 struct Mark {
   std::string key;
   std::int64_t mod_revision = 0;
 };
 
 struct Written {
-  Status status;      // failure: nothing was made, except that 15 with `unknown` cannot tell
-  bool made = false;  // success only: false when the comparisons did not hold
-  bool unknown = false;
+  Status status;              // failure: nothing was made, unless the message says that this is unknown
+  bool made = false;          // success only: false if the comparisons failed
   std::int64_t revision = 0;  // success only: at which it was made, or at which the comparisons failed
-  TxnResponse response;       // comparisons that failed: what the failure branch read
+  TxnResponse response;       // if the comparisons failed: what the failure branch read
 };
 
-// Carries out `request`, whose success branch writes and whose failure branch only reads, with at least one operation
-// to spare in each. `text` becomes the mark's value and must never have been used with this mark.
+// Sends `request`, whose success branch writes and whose failure branch only reads; each must have room for one more
+// operation. `text` becomes the mark's value and must never have been used with this mark.
 Written write_once(Kv& kv, TxnRequest request, Mark* mark, const std::string& text, Deadline deadline);
 
-// The writers of this process: each thread that writes takes one and gives it back.
+// The writers of this session: a thread that writes takes a mark and returns it afterwards.
 //
-// Threads. Any number may call.
+// Threads. Any number may call at once.
 class Writers {
  public:
   explicit Writers(const Keys& keys);
@@ -45,10 +44,10 @@ class Writers {
   Mark take();
   void give_back(Mark mark);
 
-  // A text for the next write, never used before: who wrote, and when.
+  // Makes a text for the next write, never used before: who wrote, and when.
   std::string next_text();
 
-  // Marks that were used, to be removed when no write is going on any more.
+  // The keys of all marks in use, to be removed once no write is in progress.
   std::vector<std::string> used() const;
 
  private:
@@ -61,7 +60,7 @@ class Writers {
   std::uint64_t texts_ = 0;
 };
 
-// What a mark's text tells: when it was written, by whom.
+// What a mark's text says: when it was written, and by whom.
 struct MarkText {
   std::int64_t seconds = 0;
   std::string owner;
