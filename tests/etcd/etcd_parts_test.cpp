@@ -104,8 +104,16 @@ TEST(EtcdKeys, ComeBackFromTheirText) {
   }
   EXPECT_EQ(keys.parse_value(keys.value(77)), std::optional<NodeId>(77));
   EXPECT_EQ(keys.parse_garbage(keys.garbage(77)), std::optional<NodeId>(77));
-  EXPECT_EQ(keys.parse_staging(keys.staging("ab")), "ab");
-  EXPECT_FALSE(keys.parse_staging("/tkv/v/ab"));
+  const std::string token = random_token();
+  EXPECT_EQ(keys.parse_staging(keys.staging(token)), token);
+  for (const std::string& key : {keys.staging("ab"), "/tkv/v/" + token, keys.staging(token + "/"), keys.staging("")}) {
+    EXPECT_FALSE(keys.parse_staging(key)) << key;
+  }
+  EXPECT_TRUE(keys.is_writer(keys.writer(token + "-10")));
+  for (const std::string& key : {keys.writer(token), keys.writer(token + "-"), keys.writer(token + "-1a"),
+                                 keys.writer("ab-1"), keys.writer("")}) {
+    EXPECT_FALSE(keys.is_writer(key)) << key;
+  }
   const auto claim = keys.parse_claim(keys.claim(77, "ab"));
   ASSERT_TRUE(claim);
   EXPECT_EQ(claim->top, 77u);

@@ -63,6 +63,24 @@ class FakeKv final : public Kv {
   int requests_ = 0;
 };
 
+// Hands the requests of several sessions to one cluster.
+class SharedKv final : public Kv {
+ public:
+  explicit SharedKv(FakeKv& kv) : kv_(kv) {}
+  using Kv::txn;
+  Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override {
+    return kv_.range(request, response, deadline);
+  }
+  Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override {
+    return kv_.txn(request, response, deadline, expected);
+  }
+  std::chrono::milliseconds timeout() const override { return kv_.timeout(); }
+  bool is_ours() const override { return true; }
+
+ private:
+  FakeKv& kv_;
+};
+
 }  // namespace tkv::store::etcd
 
 #endif

@@ -8,10 +8,9 @@
 #include "store/etcd/checker.h"
 #include "store/etcd/core.h"
 #include "store/etcd/limits.h"
+#include "store/etcd/opening.h"
 #include "store/etcd/revision_view.h"
-#include "store/etcd/seen_node.h"
 #include "store/etcd/stm.h"
-#include "store/record.h"
 
 namespace tkv::store::etcd {
 namespace {
@@ -61,8 +60,7 @@ class EtcdStore final : public Store {
   EtcdStore(std::unique_ptr<Kv> kv, const std::string& prefix) : core_(std::move(kv), prefix) {}
   ~EtcdStore() override;
 
-  // Finds the registry or creates it.
-  Status open(const EtcdOptions& options);
+  Status open(const EtcdOptions& options) { return open_registry(core_, options); }
 
   Status read(FunctionRef<Status(View&)> function) override {
     return run(Stm::Purpose::kRead, [&](Stm& view) { return function(view); });
@@ -116,44 +114,6 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) 
       pause_before_run(run, deadline);
     }
   });
-}
-
-Status EtcdStore::open(const EtcdOptions& options) {
-  const Keys& keys = core_.keys;
-  const NodePlace root{kNoNode, ""};
-  TxnRequest request;
-  compare_revision(&request, keys.meta(), 0);
-  if (options.create) {
-    put(request.add_success(), keys.meta(), as_text(encode_meta(Meta())));
-    put(request.add_success(), keys.node(root), as_text(encode_node(kNoNode, "", {kRootNode, options.root_security})));
-  }
-  const auto look = [&](const RangeRequest& range) { *request.add_failure()->mutable_request_range() = range; };
-  look(get_one(keys.meta()));
-  look(get_one(keys.node(root)));
-  look(get_range(keys.all_garbage(), kMarkersPerPage));
-  look(get_range(keys.all_staging(), kMarkersPerPage));
-  look(get_range(keys.all_writers(), kMarkersPerPage));
-  look(get_all(keys.all_claims()));
-  TxnResponse response;
-  if (Reply reply = core_.kv->txn(request, &response, core_.deadline()); !reply.ok()) return reply.status;
-  if (response.succeeded()) {
-    if (!options.create) return {PRTKV_NO_SUCH_KEY, "there is no registry under '" + options.prefix + "' in etcd"};
-    core_.ids.know(Meta(), response.header().revision());
-    core_.claims.learn(RangeResponse(), response.header().revision());
-    return {};
-  }
-  const RangeResponse& found = response.responses(0).response_range();
-  Meta meta;
-  if (Status status = decode_meta(as_bytes(found.kvs(0).value()), &meta); !status.ok()) {
-    return status.about("the registry under '" + options.prefix + "' in etcd");
-  }
-  core_.ids.know(meta, found.kvs(0).mod_revision());
-  core_.cache.put(root, seen_node(response.responses(1).response_range(), root));
-  const RangeResponse& claims = response.responses(5).response_range();
-  core_.claims.learn(claims, response.header().revision());
-  core_.sweeper.found(response.responses(2).response_range(), response.responses(3).response_range(),
-                      response.responses(4).response_range(), claims);
-  return {};
 }
 
 // The marks of this session's writers are of no use any more. If they cannot be removed, a later session does it.

@@ -3,6 +3,8 @@
 #include <charconv>
 #include <limits>
 
+#include "store/etcd/owner.h"
+
 namespace tkv::store::etcd {
 namespace {
 
@@ -24,8 +26,10 @@ std::optional<NodeId> parse_digits(std::string_view text) {
   return id;
 }
 
-// The first key after all those that start with `start`, whose last byte is not 0xff.
+// The first key after all those that start with `start`; "\0" if there is none, which etcd takes as no end.
 std::string after(std::string start) {
+  while (!start.empty() && start.back() == '\xff') start.pop_back();
+  if (start.empty()) return {'\0'};
   ++start.back();
   return start;
 }
@@ -78,8 +82,18 @@ std::optional<ClaimPlace> Keys::parse_claim(std::string_view key) const {
 
 std::optional<std::string> Keys::parse_staging(std::string_view key) const {
   const std::string start = prefix_ + "staging/";
-  if (!key.starts_with(start)) return {};
+  if (!key.starts_with(start) || !is_token(key.substr(start.size()))) return {};
   return std::string(key.substr(start.size()));
+}
+
+bool Keys::is_writer(std::string_view key) const {
+  const std::string start = prefix_ + "txn/";
+  if (!key.starts_with(start)) return false;
+  key.remove_prefix(start.size());
+  const auto dash = key.find('-');
+  if (dash == std::string_view::npos || !is_token(key.substr(0, dash))) return false;
+  key.remove_prefix(dash + 1);
+  return !key.empty() && key.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 std::optional<NodeId> Keys::parse_id(std::string_view key, std::string_view folder) const {

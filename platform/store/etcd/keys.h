@@ -1,6 +1,7 @@
 // The layout of a registry's keys in etcd, all under the registry's prefix.
 //
 //   meta                              the next free id
+//   registry                          the mark: that there is a registry under this prefix, and which
 //   n/<parent's id>/<level name>      a node
 //   v/<id>                            a node's value
 //   txn/<writer>                      the mark of a writer's last transaction, which tells whether it was made if its
@@ -49,6 +50,7 @@ class Keys {
   explicit Keys(std::string prefix) : prefix_(std::move(prefix)) {}
 
   std::string meta() const { return prefix_ + "meta"; }
+  std::string mark() const { return prefix_ + "registry"; }
   std::string node(const NodePlace& place) const;
   std::string value(NodeId id) const;
   std::string garbage(NodeId id) const;
@@ -57,6 +59,7 @@ class Keys {
   std::string plan(std::string_view token, std::uint64_t number) const;
   std::string writer(std::string_view writer) const { return prefix_ + "txn/" + std::string(writer); }
 
+  KeyRange all() const { return folder(""); }
   KeyRange all_nodes() const { return folder("n/"); }
   KeyRange all_values() const { return folder("v/"); }
   KeyRange all_garbage() const { return folder("garbage/"); }
@@ -76,7 +79,8 @@ class Keys {
   std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
   std::optional<ClaimPlace> parse_claim(std::string_view key) const;
-  std::optional<std::string> parse_staging(std::string_view key) const;
+  std::optional<std::string> parse_staging(std::string_view key) const;  // its token
+  bool is_writer(std::string_view key) const;
 
  private:
   KeyRange folder(std::string_view name) const;

@@ -20,6 +20,9 @@ std::int64_t seconds_now();
 // 16 random bytes as 32 hexadecimal digits.
 std::string random_token();
 
+// Whether a text is what random_token() makes.
+bool is_token(std::string_view text);
+
 }  // namespace tkv::store::etcd
 
 #endif

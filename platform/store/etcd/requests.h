@@ -29,6 +29,15 @@ inline void compare_revision(TxnRequest* request, std::string key, std::int64_t 
   compare->set_mod_revision(mod_revision);
 }
 
+// The key has existed since this revision or longer, and may have been rewritten.
+inline void compare_not_removed(TxnRequest* request, std::string key, std::int64_t revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::MOD);
+  compare->set_result(Compare::GREATER);
+  compare->set_key(std::move(key));
+  compare->set_mod_revision(revision - 1);
+}
+
 // No key of the range was created after this revision.
 inline void compare_no_newcomer(TxnRequest* request, KeyRange range, std::int64_t revision) {
   Compare* compare = request->add_compare();

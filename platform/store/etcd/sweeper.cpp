@@ -17,14 +17,15 @@ constexpr std::int64_t kOldSeconds = std::int64_t{24} * 60 * 60;  // a write is 
 constexpr std::chrono::milliseconds kMoment{250};
 constexpr std::chrono::milliseconds kGrace{1000};
 
-bool is_old_mark(const KeyValue& mark, std::int64_t now) {
+bool is_old_mark(const Keys& keys, const KeyValue& mark, std::int64_t now) {
+  if (!keys.is_writer(mark.key())) return false;
   const MarkText text = parse_mark(mark.value());
-  return now - text.seconds > kOldSeconds || has_ended(text.owner);
+  return text.seconds > 0 && (now - text.seconds > kOldSeconds || has_ended(text.owner));
 }
 
-bool is_abandoned_build(const KeyValue& build, std::int64_t now) {
+bool is_abandoned_build(const Keys& keys, const KeyValue& build, std::int64_t now) {
   const auto text = BuildText::parse(build.value());
-  return !text || text->is_abandoned(now);
+  return keys.parse_staging(build.key()) && text && text->is_abandoned(now);
 }
 
 }  // namespace
@@ -120,12 +121,11 @@ Status Sweeper::remove(TxnRequest* batch, const Pace& pace) {
 
 Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
   const auto top = keys_.parse_garbage(key);
+  if (!top) return {};
   TxnRequest batch;
-  if (top) {
-    std::unordered_set<NodeId> seen{*top};
-    if (Status status = sweep_below({*top}, &seen, pace); !status.ok()) return status;
-    erase(batch.add_success(), keys_.value(*top));
-  }
+  std::unordered_set<NodeId> seen{*top};
+  if (Status status = sweep_below({*top}, &seen, pace); !status.ok()) return status;
+  erase(batch.add_success(), keys_.value(*top));
   erase(batch.add_success(), key);
   return remove(&batch, pace);
 }
@@ -214,9 +214,11 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
   if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) {
     return reply.status;
   }
-  if (found.kvs_size() == 0) return {};
+  const auto token = keys_.parse_staging(key);
+  if (found.kvs_size() == 0 || !token) return {};
   auto text = BuildText::parse(found.kvs(0).value());
-  if (text && !text->given_up) {
+  if (!text) return {};
+  if (!text->given_up) {
     if (!ours && !text->is_abandoned(seconds_now())) return {};
     text->given_up = true;
     TxnRequest fence;
@@ -228,12 +230,10 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
     // It went on, ended, or another sweeper was faster; a repeated request may also have met its own first write.
     if (!response.succeeded()) return reply.repeated ? sweep_build(key, ours, pace) : Status();
   }
-  if (text) {
-    if (Status status = sweep_range(keys_.all_of_plan(*keys_.parse_staging(key)), pace); !status.ok()) return status;
-    for (const IdRange& ids : text->ids) {
-      if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
-      if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), pace); !status.ok()) return status;
-    }
+  if (Status status = sweep_range(keys_.all_of_plan(*token), pace); !status.ok()) return status;
+  for (const IdRange& ids : text->ids) {
+    if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
+    if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), pace); !status.ok()) return status;
   }
   TxnRequest last;
   erase(last.add_success(), key);
@@ -288,8 +288,8 @@ void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, 
                     const RangeResponse& claims) {
   const std::int64_t now = seconds_now();
   bool work = garbage.kvs_size() > 0 || claims.kvs_size() > 0;
-  for (const KeyValue& build : staging.kvs()) work = work || is_abandoned_build(build, now);
-  for (const KeyValue& mark : writers.kvs()) work = work || is_old_mark(mark, now);
+  for (const KeyValue& build : staging.kvs()) work = work || is_abandoned_build(keys_, build, now);
+  for (const KeyValue& mark : writers.kvs()) work = work || is_old_mark(keys_, mark, now);
   if (work) look_around();
 }
 
@@ -313,7 +313,7 @@ Status Sweeper::sweep_marks(const Pace& pace) {
     RangeResponse page;
     if (Reply reply = marks.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& mark : page.kvs()) {
-      if (!is_old_mark(mark, now)) continue;
+      if (!is_old_mark(keys_, mark, now)) continue;
       erase(batch.add_success(), mark.key());
       if (batch.success_size() < kBatchRemovals) continue;
       if (Status status = remove(&batch, pace); !status.ok()) return status;
@@ -329,7 +329,7 @@ Status Sweeper::sweep_builds(const Pace& pace) {
     RangeResponse page;
     if (Reply reply = builds.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& build : page.kvs()) {
-      if (!is_abandoned_build(build, now)) continue;
+      if (!is_abandoned_build(keys_, build, now)) continue;
       if (Status status = sweep_build(build.key(), false, pace); !status.ok()) return status;
     }
   }

@@ -2,7 +2,8 @@
 // sessions that have ended.
 //
 // Each of these has a key that names it until it is gone, so that another session can finish what one leaves undone.
-// Removal goes bottom-up, in bounded batches; any number of sweepers may work on the same subtree.
+// What is not recognized is left alone, whatever its key. Removal goes bottom-up, in bounded batches; any number of
+// sweepers may work on the same subtree.
 //
 // Threads. Any number may call at once. The work is done by a thread that lives as long as there is some.
 #ifndef TKV_PLATFORM_STORE_ETCD_SWEEPER_H

@@ -1,0 +1,25 @@
+#include "store/etcd/registry_mark.h"
+
+#include <sstream>
+
+#include "store/etcd/owner.h"
+
+namespace tkv::store::etcd {
+
+RegistryMark RegistryMark::make() { return {kFormat, random_token()}; }
+
+std::string RegistryMark::print() const {
+  return "format " + std::to_string(format) + "\nincarnation " + incarnation + "\n";
+}
+
+std::optional<RegistryMark> RegistryMark::parse(const std::string& text) {
+  std::istringstream words(text);
+  std::string field;
+  RegistryMark mark;
+  if (!(words >> field >> mark.format) || field != "format" || mark.format < 1) return {};
+  if (mark.format > kFormat) return mark;
+  if (!(words >> field >> mark.incarnation) || field != "incarnation" || !is_token(mark.incarnation)) return {};
+  return mark;
+}
+
+}  // namespace tkv::store::etcd
