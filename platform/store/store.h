@@ -94,9 +94,8 @@ class Update : public View {
   // Type 0 without bytes takes the value away.
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
 
-  // The tree as it stood when the update began, for reading more nodes than one commit can compare. What is read here
-  // is one consistent state; other writers' changes to it after that do not make the commit fail, as those to nodes
-  // that were found in the update itself do.
+  // The tree as it was when the update began, without what the update has written since. What is read here is read by
+  // the update: the update is committed only if it still holds.
   virtual View& before() = 0;
 
  protected:

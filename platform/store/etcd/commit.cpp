@@ -18,16 +18,16 @@ constexpr std::chrono::milliseconds kPollInterval{5};
 }  // namespace
 
 Status Commit::make() {
-  if (reads_.is_surveying()) return repeat_with_claim();
   TxnRequest request;
   build_request(&request);
+  if (reads_.is_surveying()) return repeat_with_claim(fits(request));
   if (!fits(request)) {
     if (Status status = staging_.send(); !status.ok()) return status;
     request.Clear();
     build_request(&request);
   }
   if (!fits(request)) {
-    if (!reads_.claim() || !is_within_claim()) return repeat_with_claim();
+    if (!reads_.claim() || !is_within_claim()) return repeat_with_claim(false);
     if (Status status = stage_log(); !status.ok()) return status;
   }
   return send();
@@ -91,12 +91,18 @@ bool Commit::is_within_claim() const {
   });
 }
 
-// A claim that was too small is replaced by one of the whole tree.
-Status Commit::repeat_with_claim() {
-  const bool was_too_small = reads_.claim() && (reads_.is_surveying() || !is_within_claim());
+// The next run claims what this one has surveyed and, unless it fits one transaction, what this one has written. A
+// claim that was too small is replaced by a larger one.
+Status Commit::repeat_with_claim(bool writes_fit) {
+  Paths paths = writes_fit ? Paths() : written_paths();
+  if (reads_.is_surveying()) paths.push_back(reads_.surveyed());
+  const auto& own = reads_.claim();
+  if (own) paths.push_back(reads_.lineage().path(own->top));
+  NodeId top = common_top(paths);
+  if (own && top == own->top) top = kRootNode;
   run_.become_long();
   Status status = run_.repeat_from_scratch();
-  run_.next.claim = ClaimOrder{was_too_small ? kRootNode : common_top(written_paths()), 1};
+  run_.next.claim = ClaimOrder{top, 1};
   return status;
 }
 

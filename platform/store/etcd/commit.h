@@ -33,7 +33,7 @@ class Commit {
  private:
   using Paths = std::vector<std::vector<NodeId>>;
 
-  Status repeat_with_claim();
+  Status repeat_with_claim(bool writes_fit);
   Status stage_log();
   Status send();
   void build_request(TxnRequest* request) const;

@@ -19,6 +19,9 @@ ReadSet::ReadSet(Core& core, Run& run, const NextRun& start, Purpose purpose)
 
 void ReadSet::set_claim(Claim claim) {
   revision_ = claim.mod_revision;
+  unvalidated_ = 0;
+  use_cache_ = false;
+  view_.reset();
   claim_ = std::move(claim);
 }
 
@@ -26,8 +29,6 @@ const SeenNode* ReadSet::find(const NodePlace& place) const {
   const auto found = nodes_.find(place);
   return found == nodes_.end() ? nullptr : &found->second.seen;
 }
-
-std::int64_t ReadSet::settled_revision() const { return unvalidated_ == 0 && !claims_->has_decided() ? revision_ : 0; }
 
 Status ReadSet::recover(const Claim& decided) {
   const auto deadline = [this] { return run_.deadline(); };
@@ -54,6 +55,18 @@ Status ReadSet::survey() {
   return {};
 }
 
+void ReadSet::note_surveyed(NodeId parent) {
+  if (!surveyed_.empty() && surveyed_.back() == parent) return;
+  std::vector<NodeId> path = lineage_.path(parent);
+  if (path.empty()) path = {kRootNode};
+  if (surveyed_.empty()) {
+    surveyed_ = std::move(path);
+  } else {
+    const auto common = std::mismatch(surveyed_.begin(), surveyed_.end(), path.begin(), path.end());
+    surveyed_.erase(common.first, surveyed_.end());
+  }
+}
+
 // Begins to survey when there is no room for one more comparison.
 Status ReadSet::make_room() {
   const bool full = purpose_ == Purpose::kWrite && !surveying_ && compared_ >= kMaxCompared;
@@ -67,6 +80,7 @@ Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, 
     compared = !surveying_;
   }
   if (compared) ++compared_;
+  if (surveying_) note_surveyed(place.parent);
   if (!validated) ++unvalidated_;
   if (seen.node) {
     lineage_.add(place.parent, seen.node->id);
@@ -82,13 +96,13 @@ Status ReadSet::get(const NodePlace& place, const SeenNode** seen) {
     return {};
   }
   if (Status status = recover_above(place.parent); !status.ok()) return status;
+  if (is_covered(place.parent)) return get_with_siblings(place, seen);
   if (const auto found = start_.prefetch.nodes.find(place); found != start_.prefetch.nodes.end()) {
     return add_node(place, found->second, true, seen);
   }
   if (use_cache_ && nodes_.size() + values_.size() < kMaxFromCache) {
     if (const auto cached = core_.cache.get(place)) return add_node(place, *cached, false, seen);
   }
-  if (is_covered(place.parent)) return get_with_siblings(place, seen);
   RangeResponse response;
   if (Status status = fetch(get_one(core_.keys.node(place)), &response, &place); !status.ok()) return status;
   SeenNode fetched = seen_node(response, place);
@@ -128,6 +142,12 @@ Status ReadSet::get_value(NodeId id, Value* value) {
   if (compared) {
     if (Status status = make_room(); !status.ok()) return status;
     compared = !surveying_;
+  }
+  if (surveying_) note_surveyed(id);
+  if (!compared) {
+    if (Status status = validate(); !status.ok()) return status;
+    Status status = view().value(id, value);
+    return view_->failure().ok() ? status : take_failure();
   }
   RangeResponse response;
   if (Status status = fetch(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
@@ -190,7 +210,7 @@ void ReadSet::add_compares(TxnRequest* request) const {
   for (const auto& [id, read] : values_) {
     if (read.compared) compare_revision(request, core_.keys.value(id), read.mod_revision);
   }
-  for (const ReadRange& read : ranges_) compare_no_newcomer(request, read.range, read.revision);
+  for (const ReadRange& read : ranges_) compare_no_newcomer(request, core_.keys.children(read.parent), read.revision);
 }
 
 void ReadSet::add_gets(TxnRequest* request) const {
@@ -228,8 +248,11 @@ bool ReadSet::is_unchanged() const {
   });
 }
 
-Status ReadSet::validate() {
-  if (unvalidated_ == 0) return {};
+Status ReadSet::validate() { return unvalidated_ == 0 ? Status() : pin(); }
+
+// The same, and makes sure that there is a revision.
+Status ReadSet::pin() {
+  if (revision_ != 0 && unvalidated_ == 0) return {};
   TxnRequest request;
   add_compares(&request);
   add_gets(&request);
@@ -246,18 +269,45 @@ Status ReadSet::validate() {
 
 // ---- listing
 
-// From here on nobody may add a child.
-Status ReadSet::add_range(NodeId parent) {
-  if (is_covered(parent)) return {};
-  if (Status status = make_room(); !status.ok() || surveying_) return status;
-  ranges_.push_back({core_.keys.children(parent), revision_});
+// No child may have been added since `revision`.
+Status ReadSet::add_range(NodeId parent, std::int64_t revision) {
+  bool compared = !is_covered(parent);
+  if (compared) {
+    if (Status status = make_room(); !status.ok()) return status;
+    compared = !surveying_;
+  }
+  if (surveying_) note_surveyed(parent);
+  if (!compared) return {};
+  ranges_.push_back({parent, revision});
   ++compared_;
   return {};
+}
+
+RevisionView& ReadSet::view() {
+  if (!view_) {
+    view_ = std::make_unique<RevisionView>(core_, revision_);
+    view_revision_ = revision_;
+  }
+  return *view_;
+}
+
+// What a failure of the view means for the run.
+Status ReadSet::take_failure() {
+  const Reply& failure = view_->failure();
+  return failure.verdict == Verdict::kCompacted ? run_.repeat_from_scratch() : run_.fail(failure.status);
 }
 
 Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<bool(const NodePlace&)> ignored,
                           bool* answer) {
   if (Status status = recover_above(parent); !status.ok()) return status;
+  if (is_covered(parent) && most_ignored == 0) {
+    if (Status status = validate(); !status.ok()) return status;
+    if (surveying_) note_surveyed(parent);
+    Status status = view().has_children(parent, answer);
+    if (!view_->failure().ok()) return take_failure();
+    if (!*answer) childless_.insert(parent);
+    return status;
+  }
   RangeResponse response;
   const RangeRequest request = get_range(core_.keys.children(parent), 1 + most_ignored);
   if (Status status = fetch(request, &response); !status.ok()) return status;
@@ -270,7 +320,7 @@ Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<
     use_cache_ = false;  // the rest is read at this revision, so that the answer holds
     return {};
   }
-  if (Status status = add_range(parent); !status.ok()) return status;
+  if (Status status = add_range(parent, revision_); !status.ok()) return status;
   if (!*answer) {
     childless_.insert(parent);
     return {};
@@ -280,27 +330,16 @@ Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<
   return nodes_.contains(place) ? Status() : add_node(place, seen_node(*child, place), true, &seen);
 }
 
-Status ReadSet::visit_pages(NodeId parent, FunctionRef<Status(const RangeResponse& page)> visit) {
+Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  if (Status status = recover_above(parent); !status.ok()) return status;
   RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
   RangeResponse page;
   if (Status status = fetch(request, &page); !status.ok()) return status;
-  use_cache_ = use_cache_ && purpose_ == Purpose::kWrite;
+  use_cache_ = false;  // the rest is read at this revision
   request.set_revision(revision_);
   Pager pager(*core_.kv, request);
   pager.continue_after(page);
   while (true) {
-    if (Status status = visit(page); !status.ok()) return status;
-    if (!pager.more()) return {};
-    run_.become_long();
-    const Reply reply = pager.next(&page);
-    if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
-    if (!reply.ok()) return run_.fail(reply.status);
-  }
-}
-
-Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
-  if (Status status = recover_above(parent); !status.ok()) return status;
-  return visit_pages(parent, [&](const RangeResponse& page) -> Status {
     for (const KeyValue& record : page.kvs()) {
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
@@ -310,40 +349,56 @@ Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, co
       lineage_.add(parent, seen.node->id);
       if (Status status = visit(place->name, *seen.node); !status.ok()) return status;
     }
-    return {};
-  });
+    if (!pager.more()) return {};
+    run_.become_long();
+    const Reply reply = pager.next(&page);
+    if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
+    if (!reply.ok()) return run_.fail(reply.status);
+  }
 }
 
-// Compares each child, and that there are no others.
+// Compares each child, and that there are no others. If that is too much, claims what has been listed so far.
 Status ReadSet::list(NodeId parent, NamedNodes* children) {
   if (Status status = recover_above(parent); !status.ok()) return status;
-  if (is_covered(parent)) return list_pages(parent, children);
-  RangeResponse response;
-  const RangeRequest request = get_range(core_.keys.children(parent), static_cast<std::int64_t>(kMaxCompared));
-  if (Status status = fetch(request, &response); !status.ok()) return status;
-  if (response.more() || compared_ + static_cast<std::size_t>(response.kvs_size()) >= kMaxCompared) {
-    Status status = survey();
-    return status.ok() ? list_pages(parent, children) : status;
-  }
-  if (Status status = add_range(parent); !status.ok()) return status;
-  return add_page(response, children);
+  if (Status status = run_.check(); !status.ok()) return status;
+  bool overflow = false;
+  Status status = list_at_revision(parent, children, &overflow);
+  return overflow ? list_under_claim(parent, children) : status;
 }
 
-Status ReadSet::list_pages(NodeId parent, NamedNodes* children) {
-  return visit_pages(parent, [&](const RangeResponse& page) { return add_page(page, children); });
+// Whether a claim can be laid in the middle of this run.
+bool ReadSet::can_claim() const { return lay_claim_ && !claim_ && !surveying_; }
+
+Status ReadSet::list_at_revision(NodeId parent, NamedNodes* children, bool* overflow) {
+  if (Status status = pin(); !status.ok()) return status;
+  RevisionView& at_revision = view();
+  *overflow = compared_ >= kMaxCompared && !is_covered(parent) && can_claim();
+  if (*overflow) return {};
+  if (Status status = add_range(parent, view_revision_); !status.ok()) return status;
+  Status status = at_revision.list(parent, [&](const Child& child) -> Status {
+    *overflow = compared_ >= kMaxCompared && !is_covered(parent) && can_claim();
+    return *overflow ? Status(PRTKV_BUSY) : add_child({parent, child.name}, child.seen, children);
+  });
+  return at_revision.failure().ok() ? status : take_failure();
 }
 
-Status ReadSet::add_page(const RangeResponse& page, NamedNodes* children) {
-  for (const KeyValue& record : page.kvs()) {
-    const auto place = core_.keys.parse_node(record.key());
-    if (!place) continue;
-    const SeenNode* seen = find(*place);
-    if (seen == nullptr) {
-      if (Status status = add_node(*place, seen_node(record, *place), true, &seen); !status.ok()) return status;
-    }
-    if (!seen->damage.ok()) return seen->damage.about("subkey '" + place->name + "'");
-    if (seen->node) children->emplace_back(place->name, *seen->node);
+// The subtree that the run seems to be about is what it has listed.
+Status ReadSet::list_under_claim(NodeId parent, NamedNodes* children) {
+  std::vector<std::vector<NodeId>> paths{lineage_.path(parent)};
+  for (const ReadRange& read : ranges_) paths.push_back(lineage_.path(read.parent));
+  if (Status status = lay_claim_(common_top(paths)); !status.ok()) return status;
+  children->clear();
+  bool overflow = false;
+  return list_at_revision(parent, children, &overflow);
+}
+
+Status ReadSet::add_child(const NodePlace& place, SeenNode seen, NamedNodes* children) {
+  const SeenNode* known = find(place);
+  if (known == nullptr) {
+    if (Status status = add_node(place, std::move(seen), true, &known); !status.ok()) return status;
   }
+  if (!known->damage.ok()) return known->damage.about("subkey '" + place.name + "'");
+  if (known->node) children->emplace_back(place.name, *known->node);
   return {};
 }
 

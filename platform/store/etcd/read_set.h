@@ -7,7 +7,7 @@
 //
 // The commit compares whatever is in the read set. Two kinds of reads are not compared one by one:
 //   - A survey reads more than one transaction can compare, only to find out what the run is about. A run that
-//     surveyed cannot commit.
+//     surveyed cannot commit; the next one claims what was surveyed.
 //   - Below the top of this run's own claim, the commit compares the claim instead (see claims.h).
 //
 // Where a decision of another session is met, it is carried out first, and the run repeats.
@@ -17,7 +17,9 @@
 #define TKV_PLATFORM_STORE_ETCD_READ_SET_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -27,6 +29,7 @@
 #include "base/function_ref.h"
 #include "store/etcd/core.h"
 #include "store/etcd/lineage.h"
+#include "store/etcd/revision_view.h"
 #include "store/etcd/run.h"
 #include "store/store.h"
 
@@ -73,8 +76,8 @@ class ReadSet {
   const std::set<NodeId>& childless() const { return childless_; }
   const Lineage& lineage() const { return lineage_; }
 
-  // The revision that everything stands at, 0 while there is none, or while a decision is to be carried out.
-  std::int64_t settled_revision() const;
+  // The path from the root to the lowest node above everything that was only surveyed; empty if nothing was.
+  const std::vector<NodeId>& surveyed() const { return surveyed_; }
 
   // --- Comparing
 
@@ -97,7 +100,12 @@ class ReadSet {
   const ClaimList& claims() const { return *claims_; }
   void set_claims(KnownClaims claims) { claims_ = std::move(claims); }
 
-  // From here on this run holds a claim, and reads the state at which it was laid.
+  // Called when a list of children does not fit, with the subtree that the run seems to be about: is to lay a claim of
+  // it that compares what was read, and pass it to set_claim(). Without it, the run surveys.
+  void on_overflow(std::function<Status(NodeId top)> lay_claim) { lay_claim_ = std::move(lay_claim); }
+
+  // This run has laid a claim, and all that was read compared equal then. From here on it reads the state at that
+  // revision.
   void set_claim(Claim claim);
   const std::optional<Claim>& claim() const { return claim_; }
   bool is_surveying() const { return surveying_; }
@@ -116,23 +124,28 @@ class ReadSet {
     bool compared = true;
   };
   struct ReadRange {
-    KeyRange range;
+    NodeId parent = kNoNode;
     std::int64_t revision = 0;  // no key may have been added after it
   };
 
+  Status pin();
   Status recover(const Claim& decided);
   Status recover_above(NodeId id);
   bool is_covered(NodeId parent) const;
   Status survey();
   Status make_room();
   Status add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added);
-  Status add_range(NodeId parent);
+  Status add_range(NodeId parent, std::int64_t revision);
   Status get_with_siblings(const NodePlace& place, const SeenNode** seen);
   Status fetch(RangeRequest range, RangeResponse* response, const NodePlace* node = nullptr);
   Status fetch_at_revision(RangeRequest range, RangeResponse* response);
-  Status list_pages(NodeId parent, NamedNodes* children);
-  Status add_page(const RangeResponse& page, NamedNodes* children);
-  Status visit_pages(NodeId parent, FunctionRef<Status(const RangeResponse& page)> visit);
+  Status list_at_revision(NodeId parent, NamedNodes* children, bool* overflow);
+  Status list_under_claim(NodeId parent, NamedNodes* children);
+  bool can_claim() const;
+  Status add_child(const NodePlace& place, SeenNode seen, NamedNodes* children);
+  void note_surveyed(NodeId parent);
+  RevisionView& view();
+  Status take_failure();
 
   Core& core_;
   Run& run_;
@@ -150,7 +163,11 @@ class ReadSet {
   std::size_t compared_ = 0;
   std::size_t unvalidated_ = 0;
   bool surveying_ = false;
+  std::vector<NodeId> surveyed_;
   std::optional<Claim> claim_;
+  std::function<Status(NodeId top)> lay_claim_;
+  std::unique_ptr<RevisionView> view_;  // of a revision at which everything read still held
+  std::int64_t view_revision_ = 0;
 };
 
 }  // namespace tkv::store::etcd

@@ -86,6 +86,13 @@ Status RevisionView::get_page(NodeId parent, std::string begin, ChildPage* page)
 }
 
 Status RevisionView::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  return list(parent, [&](const Child& child) -> Status {
+    if (!child.seen.damage.ok()) return child.seen.damage.about("subkey '" + child.name + "'");
+    return visit(child.name, *child.seen.node);
+  });
+}
+
+Status RevisionView::list(NodeId parent, FunctionRef<Status(const Child& child)> visit) {
   if (Status status = look_ahead(parent, Sought::kChildren); !status.ok()) return status;
   ChildPage page;
   if (!ahead_.take_children(parent, &page)) {
@@ -94,8 +101,7 @@ Status RevisionView::children(NodeId parent, FunctionRef<Status(std::string_view
   for (bool first = true;; first = false) {
     ahead_.listed(parent, page, first);
     for (const Child& child : page.children) {
-      if (!child.seen.damage.ok()) return child.seen.damage.about("subkey '" + child.name + "'");
-      if (Status status = visit(child.name, *child.seen.node); !status.ok()) return status;
+      if (Status status = visit(child); !status.ok()) return status;
     }
     if (page.complete || page.children.empty()) return {};
     std::string begin = core_.keys.node({parent, page.children.back().name}) + '\0';

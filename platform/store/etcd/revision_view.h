@@ -26,6 +26,9 @@ class RevisionView final : public View {
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
 
+  // As children, with what is known of each record; a damaged one is visited as well.
+  Status list(NodeId parent, FunctionRef<Status(const Child& child)> visit);
+
   // The first failure of the cluster. A node that does not exist or is damaged is not one.
   const Reply& failure() const { return failure_; }
 

@@ -16,11 +16,13 @@ Stm::Stm(Core& core, Purpose purpose, NextRun start, Deadline deadline)
       run_(deadline, core.kv->timeout()),
       reads_(core, run_, start_, purpose),
       writes_(core.keys),
-      staging_(core, run_, writes_) {}
+      staging_(core, run_, writes_),
+      before_(reads_) {}
 
 // ---- the run
 
 Status Stm::start() {
+  reads_.on_overflow([this](NodeId top) { return lay_claim({top, 1}); });
   if (start_.claim) {
     if (Status status = lay_claim(*start_.claim); !status.ok()) return status;
   }
@@ -36,7 +38,7 @@ Status Stm::lay_claim(const ClaimOrder& order) {
   Claim claim{order.top, staging_.token(), 0, {}};
   claim.text.attempt = order.attempt;
   TxnRequest batch;
-  compare_claims(&batch, core_.keys, reads_.claims());
+  reads_.add_compares(&batch);
   put(batch.add_success(), core_.keys.claim(claim.top, claim.token), claim.text.print());
   *batch.add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
   Written written = staging_.try_send(std::move(batch));
@@ -55,10 +57,6 @@ Status Stm::lay_claim(const ClaimOrder& order) {
 }
 
 bool Stm::finish(Status* result) {
-  if (before_ && !before_->failure().ok()) {
-    if (before_->failure().verdict == Verdict::kCompacted) (void)run_.repeat_from_scratch();
-    (void)run_.fail(before_->failure().status);
-  }
   if (run_.repeats()) return false;
   if (!run_.failure().ok()) {
     *result = run_.failure();
@@ -114,12 +112,7 @@ Status Stm::find(NodeId parent, std::string_view name, Node* node) {
     *node = *own;
     return {};
   }
-  const SeenNode* seen = nullptr;
-  if (Status status = reads_.get(place, &seen); !status.ok()) return status;
-  if (!seen->damage.ok()) return seen->damage;
-  if (!seen->node) return PRTKV_NO_SUCH_KEY;
-  *node = *seen->node;
-  return {};
+  return before_.find(parent, name, node);
 }
 
 Status Stm::value(NodeId id, Value* value) {
@@ -284,10 +277,29 @@ Status Stm::set_value(NodeId id, std::int32_t type, std::span<const std::byte> b
   return {};
 }
 
-View& Stm::before() {
-  if (!before_) before_ = std::make_unique<RevisionView>(core_, reads_.settled_revision());
-  run_.become_long();
-  return *before_;
+// ---- before
+
+Status Stm::Before::find(NodeId parent, std::string_view name, Node* node) {
+  const SeenNode* seen = nullptr;
+  if (Status status = reads_.get({parent, std::string(name)}, &seen); !status.ok()) return status;
+  if (!seen->damage.ok()) return seen->damage;
+  if (!seen->node) return PRTKV_NO_SUCH_KEY;
+  *node = *seen->node;
+  return {};
+}
+
+Status Stm::Before::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+  NamedNodes children;
+  if (Status status = reads_.list(parent, &children); !status.ok()) return status;
+  for (const auto& [name, node] : children) {
+    if (Status status = visit(name, node); !status.ok()) return status;
+  }
+  return {};
+}
+
+Status Stm::Before::has_children(NodeId parent, bool* answer) {
+  return reads_.has_child(
+      parent, 0, [](const NodePlace&) { return false; }, answer);
 }
 
 }  // namespace tkv::store::etcd

@@ -13,14 +13,12 @@
 #define TKV_PLATFORM_STORE_ETCD_STM_H
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include "store/etcd/commit.h"
 #include "store/etcd/core.h"
 #include "store/etcd/read_set.h"
-#include "store/etcd/revision_view.h"
 #include "store/etcd/run.h"
 #include "store/etcd/staging.h"
 #include "store/etcd/write_set.h"
@@ -50,7 +48,7 @@ class Stm final : public Update {
   Status unlink(NodeId parent, std::string_view name) override;
   Status discard(NodeId id) override;
   Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override;
-  View& before() override;
+  View& before() override { return before_; }
 
   // --- The run
 
@@ -66,6 +64,20 @@ class Stm final : public Update {
   bool is_long() const { return run_.is_long(); }
 
  private:
+  // The tree as this run found it: what is read here becomes part of the read set.
+  class Before final : public View {
+   public:
+    explicit Before(ReadSet& reads) : reads_(reads) {}
+    Status find(NodeId parent, std::string_view name, Node* node) override;
+    Status value(NodeId id, Value* value) override { return reads_.get_value(id, value); }
+    Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+    Status has_children(NodeId parent, bool* answer) override;
+    std::uint64_t structure() override { return 0; }
+
+   private:
+    ReadSet& reads_;
+  };
+
   Status lay_claim(const ClaimOrder& order);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
   Status value_of_fresh(NodeId id, Value* value);
@@ -81,7 +93,7 @@ class Stm final : public Update {
   WriteSet writes_;
   Staging staging_;
   std::string fresh_value_;  // a staged value that was read again
-  std::unique_ptr<RevisionView> before_;
+  Before before_;
 };
 
 }  // namespace tkv::store::etcd
