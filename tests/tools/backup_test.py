@@ -1,5 +1,6 @@
 """backup, restore and verify."""
 import json
+import os
 import pathlib
 import resource
 import signal
@@ -69,11 +70,11 @@ class Backup(WithKeys):
         self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             with self.subTest(signal=number):
-                process = subprocess.Popen(self.words("backup"), env=self.environment, stdout=subprocess.DEVNULL,
-                                           stderr=subprocess.DEVNULL)
-                self.wait_until("the file", lambda: any(self.backups.iterdir()))
-                process.send_signal(number)
-                self.assertEqual(process.wait(), -number, "it was done too soon to be interrupted")
+                terminal = self.terminal_with_bars("backup")
+                terminal.read_until(b"\rbackup ")
+                self.assertEqual(len(list(self.backups.iterdir())), 1)
+                terminal.process.send_signal(number)
+                self.assertEqual(terminal.finish()[0], -number, "it was done too soon to be interrupted")
                 self.assertEqual(list(self.backups.iterdir()), [])
 
     def test_says_what_it_holds(self):
@@ -217,6 +218,15 @@ class Restore(WithKeys):
         self.tkv("rm", "-r", "--yes", "many")
         self.tkv("set", "app.limit", "changed")
         changed = self.out("export")
+        for bar, inside in ((b"\rread backup ", "reading"), (b"\rcompare ", "comparing"), (b"\rwrite ", "writing")):
+            with self.subTest(killed_while=inside):
+                restoring = self.terminal_with_bars("restore", "--overwrite", path)
+                restoring.read_until(bar)
+                kill(restoring.process)
+                os.close(restoring.master)
+                self.assertEqual(restoring.process.returncode, -signal.SIGKILL, "it was done too soon to be killed")
+                self.assertEqual(self.out("export"), changed)
+        killed = 0
         for wait in range(0, 400, 12):
             restoring = subprocess.Popen(self.words("restore", "-q", "--overwrite", path), env=self.environment)
             try:
@@ -224,10 +234,12 @@ class Restore(WithKeys):
             except subprocess.TimeoutExpired:
                 pass
             kill(restoring)
+            killed += restoring.returncode == -signal.SIGKILL
             now = self.out("export")
             self.assertIn(now, (changed, whole))
             if now == whole:
                 break
+        self.assertGreater(killed, 0, "no kill fell inside the work")
         self.tkv("restore", "-q", "--overwrite", path)
         self.assertEqual(self.out("export"), whole)
         self.tkv("verify")

@@ -1,4 +1,5 @@
 """Drives the built command as a person would: arguments, standard files, terminals, signals."""
+import fcntl
 import grp
 import os
 import pathlib
@@ -7,9 +8,11 @@ import pwd
 import select
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -39,8 +42,9 @@ class Result:
 class Terminal:
     """A command whose three standard files, or some of them, are one terminal."""
 
-    def __init__(self, words, environment, output=None, input_file=None, folder=None):
+    def __init__(self, words, environment, output=None, input_file=None, folder=None, columns=80):
         self.master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         self.process = subprocess.Popen(words, env=environment, stdin=input_file if input_file is not None else slave,
                                         stdout=output if output is not None else slave, stderr=slave,
                                         start_new_session=True, cwd=folder)
@@ -128,6 +132,13 @@ class CommandTest(unittest.TestCase):
 
     def terminal(self, *arguments, environment=None, **files):
         return Terminal(self.words(*arguments), {**self.environment, **(environment or {})}, **files)
+
+    def terminal_with_bars(self, *arguments, **files):
+        """A command that draws its bar at every step. Once enough bars are waiting to be read, it waits for a reader, so
+        that whoever stops reading after a bar of some work knows that the command is inside that work."""
+        sanitizer = self.environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        return self.terminal(*arguments, environment={"LD_PRELOAD": os.environ["TKV_FAST_CLOCK"],
+                                                      "ASAN_OPTIONS": sanitizer}, **files)
 
     def on_terminal(self, *arguments, **how):
         return self.terminal(*arguments, **how).finish()

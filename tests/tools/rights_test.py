@@ -173,6 +173,22 @@ class AnotherUser(CommandTest):
         self.assertIn("open = \"for all\"\n", seen)
         self.assertIn("secret  (value: access denied)\n", seen)
         self.assertIn("closed = \"c\"  (subkeys: access denied)\n", seen)
+        self.assertNotIn("below", seen)
+        self.assertNotIn("for some", seen)
+
+    def test_tree_as_json_marks_what_it_may_not_show(self):
+        shown = self.as_nobody("tree", "--json", "app").text
+        keys = {key["name"]: key for key in json.loads(shown)}
+        self.assertEqual(sorted(keys), ["app", "app.closed", "app.open", "app.secret"])
+        self.assertIs(keys["app.closed"]["subkeys_denied"], True)
+        self.assertEqual(keys["app.secret"], {"name": "app.secret", "denied": True})
+        self.assertNotIn("for some", shown)
+
+    def test_tree_of_a_key_that_may_not_be_listed_is_that_key(self):
+        for depth in ((), ("-d", "5")):
+            with self.subTest(depth=depth):
+                self.assertEqual(self.as_nobody("tree", *depth, "app.closed").text,
+                                 "app.closed = \"c\"  (subkeys: access denied)\n")
 
     def test_long_ls_shows_no_security_that_may_not_be_read(self):
         lines = self.as_nobody("ls", "-l", "app").text.splitlines()
