@@ -227,6 +227,15 @@ struct CheckStep {
   std::uint64_t total;  // approximate
 };
 
+// What a registry can tell about itself without reading all keys. 0: not known or, for limits, none.
+struct RegistryStatus {
+  std::string store;            // "lmdb", "etcd"
+  std::uint64_t bytes = 0;      // that the registry takes on disk
+  std::uint64_t max_bytes = 0;  // that it may take
+  std::uint32_t readers = 0;    // sessions that are open for reading, of all processes
+  std::uint32_t max_readers = 0;
+};
+
 // Called with the number of keys that an operation has worked on so far. An operation that has to begin again begins at
 // 0 again.
 using KeyProgress = FunctionRef<void(std::uint64_t keys)>;
@@ -330,6 +339,9 @@ class Client {
   // guessing: values of no key, and subtrees that hang from nothing. Needs TKV_RIGHT_READ and TKV_RIGHT_LIST on the
   // root or, to repair, all rights. Not one transaction: each pass sees a state of its own.
   virtual Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) = 0;
+
+  // Reads the root key, and asks the store about itself. Needs no right. Succeeds only if the registry serves requests.
+  virtual Status status(RegistryStatus* status) = 0;
 
  protected:
   Client() = default;

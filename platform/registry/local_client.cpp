@@ -195,4 +195,13 @@ Status LocalClient::check(bool repair, FunctionRef<void(const CheckStep& step)> 
   return check_registry(*store_, identity_, repair, progress, result);
 }
 
+Status LocalClient::status(RegistryStatus* status) {
+  KeyId root = kAnyKey;
+  store::StoreStatus found;
+  if (Status readable = find("", &root); !readable.ok()) return readable;
+  if (Status asked = store_->status(&found); !asked.ok()) return asked;
+  *status = {store_->kind(), found.bytes, found.max_bytes, found.readers, found.max_readers};
+  return {};
+}
+
 }  // namespace tkv::registry

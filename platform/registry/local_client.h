@@ -45,6 +45,7 @@ class LocalClient final : public Client {
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options, KeyProgress progress) override;
 
   Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) override;
+  Status status(RegistryStatus* status) override;
 
  private:
   // Runs `function` on one state of the tree. It may run more than once: it must set its results anew each time.

@@ -1,6 +1,8 @@
 #include "registry/open_client.h"
 
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -43,7 +45,15 @@ Status open_client(const OpenOptions& options, std::shared_ptr<Client>* client) 
 }
 
 Status check_location(const Configuration& configuration) {
-  return kind_of(configuration).check(place_of(configuration));
+  const store::StoreKind& kind = kind_of(configuration);
+  if (configuration.location_configured) return kind.check(place_of(configuration));
+  // Opening creates what is missing above a default location, so the nearest existing directory decides.
+  std::filesystem::path directory = configuration.locations.front();
+  std::error_code unknown;
+  while (directory.has_relative_path() && !std::filesystem::exists(directory.parent_path(), unknown)) {
+    directory = directory.parent_path();
+  }
+  return kind.check({std::vector{directory.string()}, {}});
 }
 
 Status check_location(const std::string& location) {

@@ -33,7 +33,7 @@ Status open_client(Configuration configuration, const OpenOptions& options, std:
 Status open_client(const OpenOptions& options, std::shared_ptr<Client>* client);
 
 // Tells whether the configured location can hold a registry, as far as that can be told without opening it: a cluster
-// is not asked. Changes nothing.
+// is not asked. Changes nothing. Missing directories above a default location are no obstacle if they can be created.
 Status check_location(const Configuration& configuration);
 
 // The same for one location by itself. Returns PRTKV_DISTRIBUTED for a well-formed location of a registry that nodes

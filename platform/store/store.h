@@ -132,6 +132,14 @@ struct CheckProgress {
   std::uint64_t total;  // about
 };
 
+// What a store can tell about itself without reading the records. 0: not known or, for limits, none.
+struct StoreStatus {
+  std::uint64_t bytes = 0;      // that the store takes on disk
+  std::uint64_t max_bytes = 0;  // that it may take
+  std::uint32_t readers = 0;    // sessions that are open for reading, of all processes
+  std::uint32_t max_readers = 0;
+};
+
 class Store {
  public:
   virtual ~Store() = default;
@@ -165,6 +173,12 @@ class Store {
 
   // "lmdb" or "etcd".
   virtual const char* kind() const = 0;
+
+  // Fills in what the store can tell; the rest of `*status` keeps its defaults.
+  virtual Status status(StoreStatus* status) {
+    *status = {};
+    return {};
+  }
 
  protected:
   Store() = default;

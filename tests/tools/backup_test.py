@@ -11,7 +11,7 @@ import unittest
 
 MAKE_DAMAGE = pathlib.Path(sys.argv.pop(2)).resolve() if len(sys.argv) > 2 else None
 
-from command import CONFLICT, CommandTest, DAMAGED, DONE, NOT_FOUND, OTHER, PARTLY, USAGE, kill  # noqa: E402
+from command import CONFLICT, CommandTest, DAMAGED, DIFFERS, DONE, NOT_FOUND, OTHER, PARTLY, USAGE, kill  # noqa: E402
 
 
 class WithKeys(CommandTest):
@@ -182,8 +182,9 @@ class Restore(WithKeys):
         self.change()
         changed = self.out("export")
         names = [json.loads(line[1:])["name"] for line in
-                 self.out("restore", "--dry-run", path).splitlines()]
+                 self.out("restore", "--dry-run", path, exits=DIFFERS).splitlines()]
         self.assertEqual(names, ["app.limit", "app.limit", "app.new", "app.nodes", "app.nodes.alpha"])
+        self.assertEqual(self.out("restore", "--dry-run", self.backup()), "")
         self.assertEqual(self.out("export"), changed)
 
     def test_a_damaged_backup_is_refused_wherever_the_damage_is(self):

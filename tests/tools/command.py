@@ -20,7 +20,9 @@ COMMAND = pathlib.Path(sys.argv.pop(1)).resolve()
 HERE = pathlib.Path(__file__).resolve().parent
 DEADLINE = 240  # seconds until something that has to happen counts as not happening
 
-DONE, OTHER, USAGE, NOT_FOUND, DENIED, CONFLICT, WRONG_TYPE, UNREACHABLE, DAMAGED, PARTLY = range(10)
+(DONE, OTHER, USAGE, NOT_FOUND, DENIED, CONFLICT, WRONG_TYPE, UNREACHABLE, DAMAGED, PARTLY, UNUSABLE,
+ UNDECIDED) = range(12)
+DIFFERS = OTHER  # of --dry-run, as of diff(1)
 
 USER = pwd.getpwuid(os.geteuid()).pw_name
 GROUP = grp.getgrgid(os.getegid()).gr_name

@@ -1,13 +1,17 @@
 """Help, manual pages, completion, configuration, exit codes."""
 import json
+import os
+import pathlib
 import re
 import shutil
 import subprocess
 import unittest
 
-from command import COMMAND, GROUP, CommandTest, OTHER, Terminal, UNREACHABLE, USAGE
+from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER, Terminal, UNREACHABLE, USAGE
 
-VERBS = ["get", "set", "create", "ls", "tree", "stat", "rm", "mv", "cp", "chown", "chmod", "access", "conf", "export",
+DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
+
+VERBS = ["get", "set", "create", "ls", "tree", "stat", "rm", "mv", "cp", "chown", "chmod", "access", "conf", "status", "export",
          "import", "backup", "restore", "verify", "migrate", "help", "completion"]
 
 
@@ -25,8 +29,13 @@ class Help(CommandTest):
 
     def test_tells_all_exit_codes(self):
         for page in (self.out("--help"), self.out("help", "--man")):
-            for code in range(10):
-                self.assertRegex(page, rf"\n  {code}  \S")
+            for code in range(12):
+                self.assertRegex(page, rf"\n +{code}  \S")
+
+    def test_the_documentation_lists_the_same_exit_codes(self):
+        help_lines = re.findall(r"(?m)^ +(\d+)  (.*)$", self.out("--help"))
+        documented = re.findall(r"(?m)^\| (\d+) \| (.*) \|$", (DOCS / "command.md").read_text(encoding="utf-8"))
+        self.assertEqual(documented, help_lines)
 
     def test_version(self):
         self.assertRegex(self.out("--version"), r"^tkv \d+\.\d+\.\d+\n$")
@@ -39,6 +48,15 @@ class Help(CommandTest):
             with self.subTest(words=words):
                 self.fails(USAGE, *words)
         self.assertFalse(self.registry.exists())
+
+    def test_a_mistyped_word_gets_a_suggestion(self):
+        for words, meant in ((("imort", "x"), "import"), (("lst",), "ls"), (("help", "restroe"), "restore"),
+                             (("rm", "--recusive", "a"), "--recursive"), (("ls", "--jsn"), "--json")):
+            with self.subTest(words=words):
+                self.assertIn(f"; did you mean '{meant}'?", self.fails(USAGE, *words))
+        for words in (("frobnicate",), ("rm", "--frobnicate", "a"), ("help", "frobnicate")):
+            with self.subTest(words=words):
+                self.assertNotIn("did you mean", self.fails(USAGE, *words))
 
     def test_as_json_is_one_document(self):
         self.assertEqual(json.loads(self.out("help", "--json", "set"))["text"], self.out("help", "set"))
@@ -196,6 +214,22 @@ class Configuration(CommandTest):
         self.assertIs(report["usable"], False)
         self.assertIn("no", report["reason"])
 
+    def test_a_default_location_that_the_first_write_creates_is_usable(self):
+        environment = {"TKV_CONF": str(self.folder / "empty.conf"), "XDG_STATE_HOME": str(self.folder / "a" / "b"),
+                       "HOME": str(self.folder)}
+        (self.folder / "empty.conf").write_text("")
+        command = ("setpriv", "--reuid=54321", "--regid=54321", "--clear-groups")
+        os.chown(self.folder, 54321, 54321)
+        report = json.loads(self.out("conf", "--json", environment=environment, prefix=command))
+        self.assertEqual((report["usable"], report["exists"]), (True, False))
+        self.tkv("set", "a", "x", environment=environment, prefix=command)
+        report = json.loads(self.out("conf", "--json", environment=environment, prefix=command))
+        self.assertEqual((report["usable"], report["exists"]), (True, True))
+
+    def test_an_etcd_cluster_that_does_not_answer_is_not_usable(self):
+        (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")
+        self.assertIs(json.loads(self.out("conf", "--json"))["usable"], False)
+
     def test_another_file_is_taken_by_option(self):
         other = self.folder / "other.conf"
         other.write_text(f"[registry]\nlocation = {self.folder}/other\n")
@@ -216,6 +250,72 @@ class Configuration(CommandTest):
         (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")
         self.fails(UNREACHABLE, "get", "a")
         self.assertEqual(json.loads(self.out("conf", "--json"))["store"], "etcd")
+
+
+class Status(CommandTest):
+    def test_of_a_registry_that_works(self):
+        self.tkv("set", "-p", "app.name", "billing")
+        backup = pathlib.Path(self.out("backup", "-q").rstrip("\n"))
+        report = json.loads(self.out("status", "--json"))
+        self.assertEqual((report["serving"], report["store"], report["locations"]), (True, "lmdb", [str(self.registry)]))
+        self.assertEqual((report["keys"], report["values"], report["value_bytes"], report["damages"]), (3, 1, 8, 0))
+        self.assertEqual(report["last_backup"], {"file": str(backup), "written": int(backup.stat().st_mtime)})
+        self.assertGreater(report["bytes"], 0)
+        shown = self.out("status")
+        for line in (rf"location +{self.registry}", "serving +yes", "keys +3", "damage +none", rf"last backup +.*{backup}"):
+            self.assertRegex(shown, rf"(?m)^{line}$")
+
+    def test_quick_counts_nothing(self):
+        self.tkv("set", "a", "x")
+        report = json.loads(self.out("status", "--quick", "--json"))
+        self.assertNotIn("keys", report)
+        self.assertIs(report["serving"], True)
+
+    def test_without_a_backup_says_so(self):
+        self.tkv("set", "a", "x")
+        self.assertRegex(self.out("status"), r"(?m)^last backup +none$")
+        self.assertNotIn("last_backup", json.loads(self.out("status", "--json")))
+
+    def test_of_a_registry_that_serves_nobody(self):
+        result = self.tkv("status", "--json", exits=NOT_FOUND)
+        report = json.loads(result.text)
+        self.assertIs(report["serving"], False)
+        self.assertIn("there is no registry", report["reason"])
+        self.assertIn("there is no registry", json.loads(result.messages)["text"])
+        self.assertFalse(self.registry.exists())
+        self.tkv("set", "a", "x")
+        (self.registry / "data.mdb").write_bytes(b"no registry" * 1000)
+        self.assertRegex(self.tkv("status", exits=DAMAGED).text, r"(?m)^serving +no$")
+
+    def test_of_a_cluster_that_does_not_answer(self):
+        (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")
+        report = json.loads(self.tkv("status", "--json", exits=UNREACHABLE).text)
+        self.assertEqual((report["store"], report["serving"]), ("etcd", False))
+
+    def test_damage_is_counted_and_no_success(self):
+        self.tkv("set", "a", "sound-as-a-bell")
+        data = self.registry / "data.mdb"
+        data.write_bytes(data.read_bytes().replace(b"sound-as-a-bell", b"sound-as-a-bull"))
+        result = self.tkv("status", exits=DAMAGED)
+        self.assertRegex(result.text, r"(?m)^damage +1$")
+        self.assertIn("tkv verify", result.messages)
+
+
+@unittest.skipIf("ASAN_OPTIONS" in os.environ, "the sanitizer has an operator new of its own")
+class OutOfMemory(CommandTest):
+    def test_is_said_wherever_it_happens(self):
+        self.tkv("set", "a", "x")
+        codes = set()
+        for number in range(1, 100_000, 11):
+            result = self.run_command("get", "--json", "a", environment={"FAILING_NEW": str(number),
+                                                                         "LD_PRELOAD": os.environ["TKV_FAILING_NEW"]})
+            codes.add(result.code)
+            if result.code == DONE:
+                break
+            self.assertEqual(result.code, OTHER, number)
+            self.assertIn(result.text, ("", '{"name":"a","type":"text","value":"x"}\n'))  # all or nothing
+            self.assertIn("out of memory", result.messages)
+        self.assertEqual(codes, {OTHER, DONE})
 
 
 class Linkage(CommandTest):

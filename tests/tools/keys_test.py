@@ -297,7 +297,7 @@ class Trees(CommandTest):
                          {"error": "not-found", "exit": 3, "text": "key 'nothing' does not exist"})
         for words, text in ((("get", "--json"), "KEY is required\nSee: tkv get --help"),
                             (("--json", "😀"), "there is no verb '😀'\nSee: tkv --help"),
-                            (("--json",), "a verb is wanted\nSee: tkv --help"),
+                            (("--json",), "a verb is missing\nSee: tkv --help"),
                             (("get", "--json", "--as", "😀", "app"),
                              "--as 😀: choose auto, text, list, number, hex or raw")):
             with self.subTest(words=words):

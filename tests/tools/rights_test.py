@@ -47,6 +47,15 @@ class Changing(CommandTest):
         self.fails(USAGE, "chown", "x" * 65, "app")
         self.fails(NOT_FOUND, "chown", "ada", "nothing")
 
+    def test_chown_warns_about_names_that_this_machine_does_not_know(self):
+        self.assertEqual(self.tkv("chown", "nobody:root", "app").messages, "")
+        self.assertEqual(self.tkv("chown", "54321:54321", "app").messages, "")
+        warned = self.tkv("chown", "no-such-user:no-such-group", "app").messages
+        self.assertEqual(warned, "tkv: warning: there is no user 'no-such-user' on this machine\n"
+                                 "tkv: warning: there is no group 'no-such-group' on this machine\n")
+        self.assertEqual(self.security("app")[:2], ("no-such-user", "no-such-group"))
+        self.assertEqual(self.tkv("chown", "-q", "no-such-user", "app").messages, "")
+
     def test_recursion_takes_the_whole_subtree(self):
         self.tkv("chown", "-R", "ada", "app")
         self.tkv("chmod", "-R", "g=r,o=", "app")
@@ -228,6 +237,21 @@ class MoreRightsThanTheCaller(CommandTest):
         said = self.run_it("conf", "--conf", str(self.folder / "tkv.conf"))
         self.assertEqual((said.returncode, said.stdout), (USAGE, ""))
         self.assertIn("more rights than its caller", said.stderr)
+
+    def test_it_reads_and_writes_no_file_that_only_the_caller_named(self):
+        secret = self.folder / "secret"
+        secret.write_text("nothing to see")
+        secret.chmod(0o600)
+        os.chown(secret, pwd.getpwnam("nobody").pw_uid, -1)
+        target = self.folder / "written"
+        for words in (("set", "a", f"@{secret}"), ("set", "a", "--bytes", f"@{secret}"), ("set", "a", "--list", f"@{secret}"),
+                      ("import", secret), ("restore", secret), ("verify", secret), ("backup", target),
+                      ("export", "-o", target), ("migrate", self.folder, target)):
+            with self.subTest(words=words):
+                said = self.run_it(*words)
+                self.assertIn("more rights than its caller", said.stderr)
+                self.assertEqual((said.returncode, said.stdout), (USAGE, ""))
+                self.assertFalse(target.exists())
 
 
 if __name__ == "__main__":

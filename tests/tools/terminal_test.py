@@ -6,7 +6,7 @@ import signal
 import subprocess
 import unittest
 
-from command import CONFLICT, CommandTest, DONE
+from command import CONFLICT, CommandTest, DIFFERS, DONE
 
 
 class Questions(CommandTest):
@@ -71,7 +71,7 @@ class Colours(CommandTest):
         source = self.folder / "app.json"
         source.write_text(self.out("export", "app").replace("hello", "good bye"))
         code, seen = self.on_terminal("import", "--merge", "--dry-run", source)
-        self.assertEqual(code, DONE)
+        self.assertEqual(code, DIFFERS)
         self.assertIn("\x1b[31m-{", seen)
         self.assertIn("\x1b[32m+{", seen)
 

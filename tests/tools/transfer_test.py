@@ -5,7 +5,7 @@ import random
 import subprocess
 import unittest
 
-from command import CONFLICT, CommandTest, GROUP, NOT_FOUND, OTHER, USAGE, USER, kill
+from command import CONFLICT, CommandTest, DIFFERS, GROUP, NOT_FOUND, OTHER, USAGE, USER, kill
 
 MANY_KEYS = 20000
 
@@ -175,9 +175,9 @@ class Manners(CommandTest):
                                "type": "text", "value": "old"})
 
     def test_dry_run_shows_lines_that_go_and_come_and_changes_nothing(self):
-        shown = self.out("import", "--replace", "--dry-run", given=self.given())
+        shown = self.out("import", "--replace", "--dry-run", given=self.given(), exits=DIFFERS)
         self.golden("import-dry-run.diff", self.anonymous(shown))
-        found = json.loads(self.out("import", "--json", "--replace", "--dry-run", given=self.given()))
+        found = json.loads(self.out("import", "--json", "--replace", "--dry-run", given=self.given(), exits=DIFFERS))
         self.assertEqual([key["name"] for key in found["added"]], ["app.fresh", "app.fresh.deep"])
         self.assertEqual([key["after"]["value"] for key in found["changed"]], ["new"])
         self.assertEqual([key["name"] for key in found["removed"]], ["app.extra", "app.extra.below"])
@@ -187,7 +187,7 @@ class Manners(CommandTest):
         return text.replace(f'"owner":"{USER}"', '"owner":"USER"').replace(f'"group":"{GROUP}"', '"group":"GROUP"')
 
     def test_dry_run_applied_by_hand_is_the_import(self):
-        changes = self.out("import", "--merge", "--dry-run", given=self.given()).splitlines()
+        changes = self.out("import", "--merge", "--dry-run", given=self.given(), exits=DIFFERS).splitlines()
         lines = {json.loads(line.rstrip(","))["name"]: line.rstrip(",")
                  for line in self.out("export", "app").splitlines()[3:-1]}
         for change in changes:

@@ -70,6 +70,8 @@ struct Arguments {
   bool merge = false;
   // verify
   bool repair = false;
+  // status
+  bool quick = false;
   // help
   bool manual = false;
   bool configuration_manual = false;

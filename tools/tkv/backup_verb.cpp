@@ -5,6 +5,7 @@
 #include "backup_file.h"
 #include "backup_text.h"
 #include "context.h"
+#include "input.h"
 #include "records.h"
 #include "verb_syntax.h"
 
@@ -69,6 +70,9 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
   std::string path;
   head.taken = static_cast<std::uint64_t>(std::time(nullptr));
   if (Outcome named = key_name(arguments.at.value_or("."), &head.top); !named.ok()) return named;
+  if (arguments.file) {
+    if (Outcome allowed = demand_own_rights("the file " + *arguments.file); !allowed.ok()) return allowed;
+  }
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   if (Outcome found = target_path(arguments, context.client().configuration(), head.taken, &path); !found.ok()) {
     return found;

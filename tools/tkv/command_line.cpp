@@ -4,13 +4,14 @@
 #include <functional>
 #include <memory>
 
+#include "suggestion.h"
 #include "verbs.h"
 
 namespace tkv::command {
 namespace {
 
-// The parser gives a meaning to some operands ("[a,b]", "{}", "++", names of verbs). Operands are people's data: each
-// travels with this byte before it, which no meaning begins with, and loses it afterwards.
+// The parser gives some operands a meaning of their own ("[a,b]", "{}", "++", names of verbs). Operands are data: each
+// passes through the parser with this byte in front, which keeps it from being interpreted, and loses it afterwards.
 constexpr char kOperandMark = '\x01';
 
 bool has_option_zero(const Verb& verb) {
@@ -30,7 +31,7 @@ std::string unmarked(std::string word) {
   return word;
 }
 
-// The first word that is no option, and no argument of one that stands before the verb.
+// The first word that is neither an option nor the argument of one that precedes the verb.
 const char* word_for_verb(int count, char** words) {
   for (int at = 1; at < count; ++at) {
     const std::string_view word = words[at];
@@ -58,7 +59,7 @@ std::vector<std::string> marked(int count, char** words) {
   return result;
 }
 
-// Whether a failure is to be told in JSON, of words that make no sense.
+// Tells whether the words ask for JSON, even if they make no sense otherwise.
 bool asks_for_json(int count, char** words) {
   for (int at = 1; at < count && std::string_view(words[at]) != "--"; ++at) {
     if (std::string_view(words[at]) == "--json") return true;
@@ -147,14 +148,31 @@ class Parser {
   std::vector<std::function<void()>> taking_;
 };
 
+// A suggestion for the mistyped option at the end of a message of the parser.
+std::string option_suggestion(const Verb* verb, const std::string& text) {
+  const std::size_t begin = text.find_last_of(' ') + 1;
+  const std::string word = text.substr(begin, text.find('=', begin) - begin);
+  std::vector<std::string> names;
+  if (!word.starts_with("--")) return "";
+  for (const std::span<const Option> options :
+       {common_options(), verb == nullptr ? std::span<const Option>() : verb->options}) {
+    for (const Option& option : options) {
+      const std::string_view all = option.names;
+      names.emplace_back(all.substr(all.find("--")));
+    }
+  }
+  return suggestion(word, names);
+}
+
 // Why the words make no sense: the parser's own wording, without marks, and where to read on.
 std::string reason(const CLI::ParseError& error, const Verb* verb, const char* word) {
   std::string text = error.what();
   std::erase(text, kOperandMark);
   while (text.ends_with('\n')) text.pop_back();
   const bool required = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
-  if (verb == nullptr && word != nullptr) text = "there is no verb '" + std::string(word) + "'";
-  if (verb == nullptr && word == nullptr && required) text = "a verb is wanted";
+  if (verb == nullptr && word != nullptr) text = "there is no verb '" + std::string(word) + "'" + verb_suggestion(word);
+  if (verb == nullptr && word == nullptr && required) text = "a verb is missing";
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) text += option_suggestion(verb, text);
   return text + "\nSee: tkv" + (verb == nullptr ? "" : std::string(" ") + verb->name) + " --help";
 }
 

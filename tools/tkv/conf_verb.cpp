@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <memory>
 #include <vector>
 
 #include "characters.h"
@@ -18,8 +19,19 @@ constexpr int kAlone = 1;
 
 struct Found {
   Configuration configuration;
-  Outcome usable;  // the location, as far as it can be told without opening it
+  bool exists = true;  // a registry, at the location
+  Outcome usable;
 };
+
+// Tells whether the next command would succeed in using the registry, by using it. One that does not exist yet cannot
+// be tried without creating it, so only its location is checked.
+Outcome try_registry(const Configuration& configuration, bool exists) {
+  std::shared_ptr<registry::Client> client;
+  registry::RegistryStatus status;
+  if (!exists) return registry::check_location(configuration);
+  if (Outcome opened = open_registry(configuration, {false, true}, &client); !opened.ok()) return opened;
+  return client->status(&status);
+}
 
 std::string found_json(const Found& found) {
   const Configuration& configuration = found.configuration;
@@ -35,11 +47,17 @@ std::string found_json(const Found& found) {
       .utf8("file_origin", configuration.file_origin)
       .raw("store", json_string(configuration.store()))
       .raw("locations", json_array(locations))
+      .flag("exists", found.exists)
       .flag("usable", found.usable.ok());
   if (!found.usable.ok()) object.utf8("reason", found.usable.text());
   return object.number("cluster_word", configuration.cluster_configured ? kInCluster : kAlone)
       .raw("settings", json_lines(settings))
       .str();
+}
+
+std::string usable_text(const Found& found) {
+  if (!found.usable.ok()) return found.usable.text();
+  return found.exists ? "" : "there is no registry yet; the first write creates it";
 }
 
 void print_found(Context& context, const Found& found) {
@@ -61,7 +79,7 @@ void print_found(Context& context, const Found& found) {
   row("file", configuration.file, configuration.file_origin);
   for (const Setting& setting : configuration.settings) row(setting.name, setting.value, setting.origin);
   row("store", configuration.store(), "follows registry.location");
-  row("usable", found.usable.ok() ? "yes" : "no", found.usable.text());
+  row("usable", found.usable.ok() ? "yes" : "no", usable_text(found));
   row("cluster word", std::to_string(configuration.cluster_configured ? kInCluster : kAlone),
       "follows cluster.configured");
 }
@@ -69,7 +87,8 @@ void print_found(Context& context, const Found& found) {
 Outcome run_conf(Context& context, const Arguments&) {
   Found found;
   if (Status read = Configuration::read(&found.configuration); !read.ok()) return read;
-  found.usable = registry::check_location(found.configuration);
+  found.exists = !registry::is_absent(found.configuration);
+  found.usable = try_registry(found.configuration, found.exists);
   if (context.json()) {
     context.output().line(found_json(found));
   } else {
@@ -84,8 +103,8 @@ constinit const Verb kConfVerb{
     .name = "conf",
     .summary = "Show the configuration in force",
     .details = R"(Shows each setting with its value and origin, the kind of store, whether the
-location is usable, and the cluster word that the library reports (4 in a
-cluster, else 1).
+registry can be used (it is opened to find out), and the cluster word that the
+library reports (4 in a cluster, else 1).
 )",
     .examples = R"(  tkv conf
   tkv conf --json

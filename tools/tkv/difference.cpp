@@ -80,6 +80,10 @@ void print_difference(Context& context, const Difference& difference) {
   }
 }
 
+Outcome outcome_of_dry_run(const Difference& difference) {
+  return difference.changes.empty() ? Outcome() : Outcome(Exit::kOther, "");
+}
+
 void report_changes(Context& context, const char* verb, const Subtree& wanted, std::uint64_t changes) {
   if (context.json()) {
     context.output().line(done(verb, wanted.top).number("keys", wanted.keys.size()).number("changes", changes).str());

@@ -28,6 +28,9 @@ Outcome apply_difference(Context& context, const registry::Subtree& wanted, cons
 // Prints the lines of an export that would be removed (-) and added (+) or, with --json, the keys.
 void print_difference(Context& context, const registry::Difference& difference);
 
+// As diff(1): Exit::kDone if nothing differs, Exit::kOther without a text if something does.
+Outcome outcome_of_dry_run(const registry::Difference& difference);
+
 // Reports what `verb` did.
 void report_changes(Context& context, const char* verb, const registry::Subtree& wanted, std::uint64_t changes);
 

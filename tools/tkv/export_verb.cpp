@@ -1,6 +1,7 @@
 #include "atomic_file.h"
 #include "context.h"
 #include "description.h"
+#include "input.h"
 #include "json.h"
 #include "records.h"
 #include "verb_syntax.h"
@@ -54,8 +55,12 @@ Outcome export_to_file(Context& context, const std::string& top, const std::stri
 Outcome run_export(Context& context, const Arguments& arguments) {
   std::string top;
   if (Outcome named = key_name(arguments.key.value_or("."), &top); !named.ok()) return named;
+  const bool to_file = arguments.file && *arguments.file != "-";
+  if (to_file) {
+    if (Outcome allowed = demand_own_rights("--output"); !allowed.ok()) return allowed;
+  }
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (arguments.file && *arguments.file != "-") return export_to_file(context, top, *arguments.file);
+  if (to_file) return export_to_file(context, top, *arguments.file);
   return export_to_output(context, top);
 }
 

@@ -2,6 +2,7 @@
 #include "context.h"
 #include "json.h"
 #include "manual.h"
+#include "suggestion.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
@@ -22,7 +23,8 @@ Outcome run_help(Context& context, const Arguments& arguments) {
     return {};
   }
   const Verb* verb = arguments.key ? find_verb(*arguments.key) : nullptr;
-  if (arguments.key && verb == nullptr) return {Exit::kUsage, "there is no verb '" + *arguments.key + "'"};
+  if (arguments.key && verb == nullptr)
+    return {Exit::kUsage, "there is no verb '" + *arguments.key + "'" + verb_suggestion(*arguments.key)};
   print(context, help_text(verb));
   return {};
 }

@@ -15,11 +15,13 @@ using registry::Difference;
 using registry::MergeMode;
 using registry::Subtree;
 
-Outcome read_import(const Arguments& arguments, Subtree* wanted) {
+Outcome read_import(const Terminal& terminal, const Arguments& arguments, Subtree* wanted) {
   const std::string path = arguments.file.value_or("-");
   std::string text;
   if (Outcome read = read_file(path, std::numeric_limits<std::size_t>::max(), &text); !read.ok()) return read;
-  if (Outcome parsed = parse_export(text, wanted); !parsed.ok()) {
+  Progress progress(terminal, "read import");
+  const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
+  if (Outcome parsed = parse_export(text, show, wanted); !parsed.ok()) {
     return {parsed.exit(), shown_path(path) + ": " + parsed.text()};
   }
   if (!arguments.at) return {};
@@ -35,7 +37,7 @@ Outcome run_import(Context& context, const Arguments& arguments) {
   const MergeMode mode = arguments.merge     ? MergeMode::kMerge
                          : arguments.replace ? MergeMode::kReplace
                                              : MergeMode::kAdd;
-  if (Outcome read = read_import(arguments, &wanted); !read.ok()) return read;
+  if (Outcome read = read_import(context.terminal(), arguments, &wanted); !read.ok()) return read;
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok())
     return opened;
   Outcome compared = find_difference(context, wanted, mode, &difference);
@@ -45,7 +47,8 @@ Outcome run_import(Context& context, const Arguments& arguments) {
   }
   // A conflict is a part of the difference that was asked for.
   if (arguments.dry_run && (compared.ok() || !difference.changes.empty())) print_difference(context, difference);
-  if (!compared.ok() || arguments.dry_run) return compared;
+  if (!compared.ok()) return compared;
+  if (arguments.dry_run) return outcome_of_dry_run(difference);
   const std::uint64_t removed = difference.count(registry::KeyChange::Kind::kRemove);
   if (Outcome allowed = context.allow_deleting(removed, "the import"); !allowed.ok()) return allowed;
   std::uint64_t changes = 0;

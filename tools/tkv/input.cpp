@@ -1,6 +1,7 @@
 #include "input.h"
 
 #include <fcntl.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +15,7 @@ namespace {
 
 using registry::TypedValue;
 
-// Of what a value is made from. The largest value in hexadecimal digits with blanks between takes less.
+// Bytes that are read for a value. The largest value takes less in hexadecimal digits with blanks between them.
 constexpr std::size_t kMostRead = std::size_t{8} * 1024 * 1024;
 
 Outcome cannot_read(const std::string& path, int error) {
@@ -46,7 +47,7 @@ void drop_line_end(std::string* text) {
   if (text->ends_with('\r')) text->pop_back();
 }
 
-// The contents that a word names, or the word itself.
+// Finds the contents that a word names, or takes the word itself.
 Outcome resolve(const std::string& word, bool literal, std::string* text, bool* was_read) {
   *was_read = !literal && names_input(word);
   if (*was_read) return read_file(word == "-" ? word : word.substr(1), kMostRead, text);
@@ -127,11 +128,17 @@ Outcome bytes_from(const Arguments& arguments, TypedValue* value) {
 
 }  // namespace
 
+Outcome demand_own_rights(const std::string& what) {
+  if (::getauxval(AT_SECURE) == 0) return {};
+  return {Exit::kUsage, what + " cannot be given to a command that has more rights than its caller"};
+}
+
 std::string shown_path(const std::string& path) { return path == "-" ? "standard input" : path; }
 
 Outcome read_file(const std::string& path, std::size_t limit, std::string* bytes) {
   bytes->clear();
   if (path == "-") return read_all(STDIN_FILENO, path, limit, bytes);
+  if (Outcome allowed = demand_own_rights("the file " + path); !allowed.ok()) return allowed;
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   const int error = errno;
   if (descriptor < 0) return cannot_read(path, error);

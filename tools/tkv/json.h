@@ -59,8 +59,8 @@ std::string export_tail();
 
 // Parses an export. The keys come back in the order of names. Fails with Exit::kUsage and the place of the mistake:
 // malformed JSON, unknown or repeated members, bad names, a name given twice, a key without its parent or outside the
-// top.
-Outcome parse_export(std::string_view text, registry::Subtree* subtree);
+// top. `progress` is called with the number of keys parsed so far; parsing takes two passes.
+Outcome parse_export(std::string_view text, registry::KeyProgress progress, registry::Subtree* subtree);
 
 }  // namespace tkv::command
 

@@ -15,6 +15,7 @@ namespace tkv::command {
 namespace {
 
 using Json = nlohmann::json;
+using registry::KeyProgress;
 using registry::KeyRecord;
 using registry::Subtree;
 using registry::TypedValue;
@@ -24,6 +25,8 @@ Outcome wrong(std::string text) { return {Exit::kUsage, std::move(text)}; }
 // Finds text that is not JSON, and objects that name a member twice: the second would hide the first.
 class MemberCheck final : public nlohmann::json_sax<Json> {
  public:
+  explicit MemberCheck(KeyProgress progress) : progress_(progress) {}
+
   Outcome outcome() const { return outcome_; }
 
   bool key(string_t& name) override {
@@ -54,10 +57,12 @@ class MemberCheck final : public nlohmann::json_sax<Json> {
   bool binary(binary_t&) override { return true; }
 
  private:
+  static constexpr std::size_t kKeyDepth = 3;  // the export, its array of keys, a key
   static constexpr std::size_t kDeepest = 16;  // an export has four
 
   bool open() {
     open_.emplace_back();
+    if (open_.size() == kKeyDepth) progress_(++keys_);
     if (open_.size() <= kDeepest) return true;
     outcome_ = wrong("arrays and objects are nested too deeply");
     return false;
@@ -70,10 +75,12 @@ class MemberCheck final : public nlohmann::json_sax<Json> {
 
   std::vector<std::set<std::string>> open_;  // of each open object, the members so far; arrays have none
   Outcome outcome_;
+  KeyProgress progress_;
+  std::uint64_t keys_ = 0;
 };
 
-Outcome parse(std::string_view text, Json* json) {
-  MemberCheck check;
+Outcome parse(std::string_view text, KeyProgress progress, Json* json) {
+  MemberCheck check(progress);
   if (!Json::sax_parse(text, &check)) return check.outcome();
   *json = Json::parse(text);
   return {};
@@ -217,7 +224,7 @@ Outcome check_order(const Subtree& subtree) {
   return {};
 }
 
-Outcome read_subtree(const Json& json, Subtree* subtree) {
+Outcome read_subtree(const Json& json, KeyProgress progress, Subtree* subtree) {
   std::string other;
   if (!json.is_object() || json.value("tkv", Json()) != 1) {
     return wrong("not an export: the object has no \"tkv\":1");
@@ -236,6 +243,7 @@ Outcome read_subtree(const Json& json, Subtree* subtree) {
                                read.text()};
     }
     subtree->keys.push_back(std::move(record));
+    progress(subtree->keys.size());
   }
   std::stable_sort(subtree->keys.begin(), subtree->keys.end(), [](const KeyRecord& left, const KeyRecord& right) {
     return registry::name_before(left.name, right.name);
@@ -245,11 +253,11 @@ Outcome read_subtree(const Json& json, Subtree* subtree) {
 
 }  // namespace
 
-Outcome parse_export(std::string_view text, Subtree* subtree) {
+Outcome parse_export(std::string_view text, KeyProgress progress, Subtree* subtree) {
   *subtree = {};
   Json json;
-  if (Outcome parsed = parse(text, &json); !parsed.ok()) return parsed;
-  return read_subtree(json, subtree);
+  if (Outcome parsed = parse(text, progress, &json); !parsed.ok()) return parsed;
+  return read_subtree(json, progress, subtree);
 }
 
 }  // namespace tkv::command

@@ -8,12 +8,20 @@
 #include "base/standard_files.h"
 #include "command_line.h"
 #include "context.h"
+#include "input.h"
 #include "verbs.h"
 
 namespace tkv::command {
 namespace {
 
-// What could still be printed decides too: a result that nobody received is no success.
+// With --dry-run, Exit::kOther without a text means that there are differences, as for diff(1). Failures of that kind
+// get the code that diff has for trouble.
+Outcome as_diff(const Outcome& outcome) {
+  if (outcome.exit() != Exit::kOther || outcome.text().empty()) return outcome;
+  return {Exit::kUsage, outcome.text()};
+}
+
+// Output that could not be written is a failure as well: a result that nobody received is no success.
 Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Output& output) {
   Outcome outcome;
   try {
@@ -24,14 +32,15 @@ Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Outp
     outcome = {Exit::kOther, failure.what()};
   }
   const Outcome printed = output.finish();
-  if (outcome.ok()) outcome = printed;
+  if (!printed.ok() && outcome.text().empty()) outcome = printed;
+  if (arguments.dry_run) outcome = as_diff(outcome);
   context.complain(outcome);
   return outcome;
 }
 
 int start(int count, char** words) {
   store::occupy_standard_files();
-  // Work on the registry is finished even when nobody listens any more.
+  // Work on the registry is finished even if nobody listens any more.
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   Arguments arguments;
   const Verb* verb = nullptr;
@@ -43,19 +52,18 @@ int start(int count, char** words) {
     return static_cast<int>(outcome.exit());
   }
   if (arguments.configuration) {
-    setenv("TKV_CONF", arguments.configuration->c_str(), 1);
-    if (::secure_getenv("TKV_CONF") == nullptr) {
-      const Outcome refused(Exit::kUsage, "--conf cannot be given to a command that has more rights than its caller");
-      complain(refused, arguments.json);
-      return static_cast<int>(refused.exit());
+    if (Outcome allowed = demand_own_rights("--conf"); !allowed.ok()) {
+      complain(allowed, arguments.json);
+      return static_cast<int>(allowed.exit());
     }
+    setenv("TKV_CONF", arguments.configuration->c_str(), 1);
   }
   Exit exit = Exit::kOther;
   {
     Context context(arguments, Terminal::detect(arguments.quiet, arguments.no_colour), output);
     exit = run(arguments, *verb, context, output).exit();
   }
-  if (output.closed_early()) {  // as for other commands whose reader has gone
+  if (output.closed_early()) {  // end as other commands do whose reader has gone
     static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
     static_cast<void>(std::raise(SIGPIPE));
   }
@@ -65,4 +73,11 @@ int start(int count, char** words) {
 }  // namespace
 }  // namespace tkv::command
 
-int main(int count, char** words) { return tkv::command::start(count, words); }
+int main(int count, char** words) {
+  try {
+    return tkv::command::start(count, words);
+  } catch (const std::bad_alloc&) {
+    constexpr char kMessage[] = "tkv: out of memory\n";
+    return ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1) < 0 ? 1 : static_cast<int>(tkv::command::Exit::kOther);
+  }
+}

@@ -8,6 +8,7 @@
 
 #include "characters.h"
 #include "context.h"
+#include "input.h"
 #include "json.h"
 #include "new_key_options.h"
 #include "records.h"
@@ -189,6 +190,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
   Side target{*arguments.to, {}};
   bool resumed = false;
   Report report;
+  if (Outcome allowed = demand_own_rights("migrate"); !allowed.ok()) return allowed;
   if (Outcome opened = open_sides(&source, &target); !opened.ok()) return opened;
   if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &resumed); !fit.ok()) return fit;
   if (resumed) {

@@ -22,7 +22,12 @@ Exit exit_of(prtkv_result result) {
     case PRTKV_STORAGE_FAILED:
       return Exit::kDamaged;
     case PRTKV_UNREACHABLE:
+    case PRTKV_BUSY:
       return Exit::kUnreachable;
+    case PRTKV_UNUSABLE:
+      return Exit::kUnusable;
+    case PRTKV_UNDECIDED:
+      return Exit::kUndecided;
     default:
       return Exit::kOther;
   }
@@ -57,7 +62,8 @@ const char* name_of(Exit exit) {
 
 std::string exit_code_text() {
   std::string text;
-#define TKV_EXIT(identifier, number, name, meaning) text += "  " #number "  " meaning "\n";
+#define TKV_EXIT(identifier, number, name, meaning) \
+  text += (number < 10 ? "   " : "  ") + std::string(#number "  " meaning "\n");
   TKV_EXIT_CODES(TKV_EXIT)
 #undef TKV_EXIT
   return text;

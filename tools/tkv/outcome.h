@@ -11,17 +11,19 @@ namespace tkv::command {
 
 // Exit codes, each with its name for programs and its meaning for people: the one table of the command. The numbers are
 // part of its interface, since scripts test them: do not change.
-#define TKV_EXIT_CODES(EXIT)                                                                                   \
-  EXIT(kDone, 0, "done", "done")                                                                               \
-  EXIT(kOther, 1, "other", "other failures: no space, no memory, unreadable configuration, unwritable output") \
-  EXIT(kUsage, 2, "usage", "usage: the arguments, a name or a text that was read make no sense")               \
-  EXIT(kNotFound, 3, "not-found", "not found")                                                                 \
-  EXIT(kDenied, 4, "denied", "access denied")                                                                  \
-  EXIT(kConflict, 5, "conflict", "conflict: the key exists or has subkeys, or the answer was no")              \
-  EXIT(kWrongType, 6, "wrong-type", "wrong type: the value has no such reading")                               \
-  EXIT(kUnreachable, 7, "unreachable", "the registry is unreachable, or the time was up")                      \
-  EXIT(kDamaged, 8, "damaged", "damaged")                                                                      \
-  EXIT(kPartly, 9, "partly-done", "partly done: some of what was asked for")
+#define TKV_EXIT_CODES(EXIT)                                                                                      \
+  EXIT(kDone, 0, "done", "done")                                                                                  \
+  EXIT(kOther, 1, "other", "other failures: no space, no memory, unreadable configuration, unwritable output")    \
+  EXIT(kUsage, 2, "usage", "usage: the arguments, a name or a text that was read make no sense")                  \
+  EXIT(kNotFound, 3, "not-found", "not found")                                                                    \
+  EXIT(kDenied, 4, "denied", "access denied")                                                                     \
+  EXIT(kConflict, 5, "conflict", "conflict: the key exists or has subkeys, or the answer was no")                 \
+  EXIT(kWrongType, 6, "wrong-type", "wrong type: the value has no such reading")                                  \
+  EXIT(kUnreachable, 7, "unreachable", "the registry is unreachable or busy; the same command may succeed later") \
+  EXIT(kDamaged, 8, "damaged", "damaged")                                                                         \
+  EXIT(kPartly, 9, "partly-done", "partly done: some of what was asked for")                                      \
+  EXIT(kUnusable, 10, "unusable", "the registry cannot be used as configured")                                    \
+  EXIT(kUndecided, 11, "undecided", "not known whether the change was made; look before you repeat it")
 
 enum class Exit {
 #define TKV_EXIT(identifier, number, name, meaning) identifier = (number),

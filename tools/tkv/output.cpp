@@ -17,6 +17,7 @@ void Output::write(std::string_view text) {
 }
 
 void Output::line(std::string_view text) {
+  gathered_.reserve(gathered_.size() + text.size() + 1);  // a line is gathered whole or not at all
   write(text);
   write("\n");
 }

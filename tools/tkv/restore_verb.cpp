@@ -21,6 +21,9 @@ Outcome read_part(const Terminal& terminal, const std::string& path, const std::
                   Subtree* part) {
   BackupContents contents;
   std::optional<std::string> top;
+  if (path != "-") {
+    if (Outcome allowed = demand_own_rights("the file " + path); !allowed.ok()) return allowed;
+  }
   if (key) {
     top.emplace();
     if (Outcome named = key_name(*key, &*top); !named.ok()) return named;
@@ -59,7 +62,7 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
   if (Outcome compared = find_difference(context, wanted, kMode, &difference); !compared.ok()) return compared;
   if (arguments.dry_run) {
     print_difference(context, difference);
-    return {};
+    return outcome_of_dry_run(difference);
   }
   if (!arguments.overwrite && !is_untouched(difference, wanted)) {
     return {Exit::kConflict, registry::describe(wanted.top) + " exists; --overwrite replaces it"};

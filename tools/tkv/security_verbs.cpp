@@ -1,5 +1,10 @@
+#include <grp.h>
+
+#include <optional>
 #include <vector>
 
+#include "base/identity.h"
+#include "base/name_service.h"
 #include "context.h"
 #include "description.h"
 #include "json.h"
@@ -24,9 +29,33 @@ Outcome change_keys(Context& context, const Arguments& arguments, const char* ve
   });
 }
 
+// True in doubt: if the name service fails, too.
+bool is_group_or_number(const std::string& name) {
+  if (name.find_first_not_of("0123456789") == std::string::npos) return true;
+  bool exists = true;
+  const auto ask = [&](group* record, char* buffer, std::size_t size, group** found) {
+    return ::getgrnam_r(name.c_str(), record, buffer, size, found);
+  };
+  const auto take = [&](const group* found) { exists = found != nullptr; };
+  return ask_name_service<group>(ask, take) != 0 || exists;
+}
+
+// Names are stored as given, so that a registry can speak of users of other machines. One that this machine does not
+// know is most often a typing error.
+void warn_about_unknown_names(const Context& context, const registry::SecurityChange& change) {
+  std::optional<Identity> user;
+  if (change.owner && identity_of_user(*change.owner, &user).ok() && !user) {
+    note(context.terminal(), "tkv: warning: there is no user '" + *change.owner + "' on this machine");
+  }
+  if (change.group && !is_group_or_number(*change.group)) {
+    note(context.terminal(), "tkv: warning: there is no group '" + *change.group + "' on this machine");
+  }
+}
+
 Outcome run_chown(Context& context, const Arguments& arguments) {
   registry::SecurityChange change;
   if (Outcome parsed = parse_ownership(*arguments.change, &change); !parsed.ok()) return parsed;
+  warn_about_unknown_names(context, change);
   return change_keys(context, arguments, "chown", change);
 }
 

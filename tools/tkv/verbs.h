@@ -83,6 +83,7 @@ extern const Verb kChownVerb;
 extern const Verb kChmodVerb;
 extern const Verb kAccessVerb;
 extern const Verb kConfVerb;
+extern const Verb kStatusVerb;
 extern const Verb kExportVerb;
 extern const Verb kImportVerb;
 extern const Verb kBackupVerb;

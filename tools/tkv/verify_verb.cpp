@@ -17,6 +17,9 @@ using registry::CheckResult;
 using registry::Damage;
 
 Outcome verify_file(Context& context, const std::string& path) {
+  if (path != "-") {
+    if (Outcome allowed = demand_own_rights("the file " + path); !allowed.ok()) return allowed;
+  }
   BackupContents contents;
   Progress progress(context.terminal(), "verify");
   std::uint64_t keys = 0;

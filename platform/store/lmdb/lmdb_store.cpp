@@ -1,5 +1,8 @@
 #include "store/lmdb/lmdb_store.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -75,6 +78,7 @@ class LmdbStore final : public Store {
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override;
   const char* kind() const override { return "lmdb"; }
+  Status status(StoreStatus* status) override;
 
  private:
   Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
@@ -175,6 +179,16 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
   });
   for (const Finding& finding : findings) report(finding);
   return status;
+}
+
+Status LmdbStore::status(StoreStatus* status) {
+  struct stat found {};
+  ReadTransaction transaction(environment_, ReadTransaction::Length::kShort);
+  if (Status begun = transaction.begin(); !begun.ok()) return begun;
+  if (::fstat(environment_.file(), &found) != 0) return environment_.failure(errno, "cannot read the registry's size");
+  *status = {};
+  status->bytes = static_cast<std::uint64_t>(found.st_size);
+  return {};
 }
 
 }  // namespace

@@ -1,0 +1,159 @@
+#include <sys/stat.h>
+
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "backup_text.h"
+#include "context.h"
+#include "description.h"
+#include "json.h"
+#include "registry/configuration.h"
+#include "verb_syntax.h"
+
+namespace tkv::command {
+namespace {
+
+struct LastBackup {
+  std::string path;
+  std::uint64_t written = 0;  // seconds since 1970
+};
+
+struct Report {
+  registry::Configuration configuration;
+  registry::RegistryStatus registry;
+  std::optional<registry::CheckResult> checked;
+  std::optional<LastBackup> last_backup;
+  Outcome serving;  // why the registry serves no requests
+};
+
+// The newest backup in the configured location. Backups that were written elsewhere are not known.
+std::optional<LastBackup> find_last_backup(const std::string& directory) {
+  std::optional<LastBackup> newest;
+  std::error_code failed;
+  if (directory.empty()) return newest;
+  std::filesystem::directory_iterator entry(directory, failed);
+  for (; !failed && entry != std::filesystem::directory_iterator(); entry.increment(failed)) {
+    struct stat found {};
+    const std::string path = entry->path();
+    if (!path.ends_with(".backup") || ::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) continue;
+    const auto written = static_cast<std::uint64_t>(found.st_mtime);
+    if (!newest || written > newest->written) newest = LastBackup{path, written};
+  }
+  return newest;
+}
+
+// Counts keys and damage. Whoever may not read the whole registry gets no counts.
+Outcome count(Context& context, Report* report) {
+  Progress progress(context.terminal(), "status");
+  registry::CheckResult result;
+  const auto show = [&](const registry::CheckStep& step) { progress.show(step.done, step.total, step.reading); };
+  const Status checked = context.client().check(false, show, &result);
+  if (checked.is(PRTKV_ACCESS_DENIED)) return {};
+  if (!checked.ok()) return checked;
+  report->checked = std::move(result);
+  return {};
+}
+
+Outcome ask(Context& context, bool quick, Report* report) {
+  if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
+  if (Status asked = context.client().status(&report->registry); !asked.ok()) return asked;
+  return quick ? Outcome() : count(context, report);
+}
+
+std::string size_text(std::uint64_t bytes, std::uint64_t max_bytes) {
+  std::string text = counted(bytes, "byte");
+  if (max_bytes != 0) text += " of " + std::to_string(max_bytes);
+  return text;
+}
+
+void print_report(Context& context, const Report& report) {
+  const auto row = [&](const char* label, const std::string& text) { context.print(padded(label, 13) + text); };
+  for (const std::string& location : report.configuration.locations) row("location", location);
+  row("store", report.configuration.store());
+  row("serving", report.serving.ok() ? "yes" : "no");
+  if (report.registry.bytes != 0) row("size", size_text(report.registry.bytes, report.registry.max_bytes));
+  if (report.registry.max_readers != 0) {
+    row("readers", std::to_string(report.registry.readers) + " of " + std::to_string(report.registry.max_readers));
+  }
+  if (report.checked) {
+    row("keys", std::to_string(report.checked->keys));
+    row("values", std::to_string(report.checked->values));
+    row("value bytes", std::to_string(report.checked->value_bytes));
+    row("damage", report.checked->damages.empty() ? "none" : std::to_string(report.checked->damages.size()));
+  }
+  if (report.last_backup) {
+    row("last backup", utc(report.last_backup->written, "%Y-%m-%d %H:%M:%S UTC") + "  " + report.last_backup->path);
+  } else {
+    row("last backup",
+        report.configuration.backup_location.empty() ? "unknown: no backup location is configured" : "none");
+  }
+}
+
+std::string report_json(const Report& report) {
+  std::vector<std::string> locations;
+  for (const std::string& location : report.configuration.locations) locations.push_back(json_utf8(location));
+  JsonObject object;
+  object.raw("store", json_string(report.configuration.store()))
+      .raw("locations", json_array(locations))
+      .flag("serving", report.serving.ok());
+  if (!report.serving.ok()) object.utf8("reason", report.serving.text());
+  if (report.registry.bytes != 0) object.number("bytes", report.registry.bytes);
+  if (report.registry.max_bytes != 0) object.number("max_bytes", report.registry.max_bytes);
+  if (report.registry.max_readers != 0) {
+    object.number("readers", report.registry.readers).number("max_readers", report.registry.max_readers);
+  }
+  if (report.checked) {
+    object.number("keys", report.checked->keys)
+        .number("values", report.checked->values)
+        .number("value_bytes", report.checked->value_bytes)
+        .number("damages", report.checked->damages.size());
+  }
+  if (report.last_backup) {
+    object.raw(
+        "last_backup",
+        JsonObject().utf8("file", report.last_backup->path).number("written", report.last_backup->written).str());
+  }
+  return object.str();
+}
+
+Outcome run_status(Context& context, const Arguments& arguments) {
+  Report report;
+  if (Status read = registry::Configuration::read(&report.configuration); !read.ok()) return read;
+  report.serving = ask(context, arguments.quick, &report);
+  report.last_backup = find_last_backup(report.configuration.backup_location);
+  if (context.json()) {
+    context.output().line(report_json(report));
+  } else {
+    print_report(context, report);
+  }
+  if (!report.serving.ok() || !report.checked || report.checked->damages.empty()) return report.serving;
+  return {Exit::kDamaged, "the registry is damaged; tkv verify names the damage"};
+}
+
+constexpr std::array kOptions{flag("--quick", "Do not read all keys to count them", &Arguments::quick)};
+
+}  // namespace
+
+constinit const Verb kStatusVerb{
+    .name = "status",
+    .summary = "Show whether the registry works, and its size",
+    .details = R"(Opens the registry, reads from it, and shows what it found: store, size, open
+readers, numbers of keys and values, damage, and the newest backup in the
+configured backup location. The exit code is 0 only if the registry serves
+requests and no damage was found.
+
+Counting reads every record, like verify, and needs the rights r and l on the
+root; without them the counts are left out. --quick does not count.
+)",
+    .examples = R"(  tkv status
+  tkv status --quick -q > /dev/null || echo "the registry is out of order"
+)",
+    .operands = {},
+    .options = kOptions,
+    .run = run_status};
+
+}  // namespace tkv::command
