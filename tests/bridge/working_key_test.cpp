@@ -154,6 +154,18 @@ TEST_F(OpenKey, LeavesTheRecordOfAnEndedSessionAlone) {
   leavesOpen({7});
 }
 
+// A site's program manager may count its memory contexts from zero; the registry context shows that the session is
+// open.
+TEST_F(OpenKey, KeepsTheKeyOfASessionWhoseMemoryContextIsZero) {
+  givenSession();
+  const_cast<tkv_session&>(session()).mem_ctx = 0;
+  expect(opened("a", 7));
+  openKey(string("a"));
+  EXPECT_EQ(session().working_key, 7u);
+  keepsCharacters({"a"});
+  leavesOpen({7});
+}
+
 // There is no record to keep the key in.
 TEST_F(OpenKey, SurvivesARegistryThatOpensAKeyWithoutASession) {
   expect({
