@@ -1,13 +1,13 @@
 # Two commands do everything on a fresh Debian machine: `make demo` and `make test`. Both install what is missing.
 
-# The one list of Debian packages, by what needs them.
-BUILD_PACKAGES = cmake g++ ninja-build openjdk-17-jdk-headless liblmdb-dev libxxhash-dev libinih-dev \
+# The list of Debian packages, by what needs them.
+BUILD_PACKAGES = cmake g++ binutils ninja-build ccache openjdk-17-jdk-headless liblmdb-dev libxxhash-dev libinih-dev \
                  libcli11-dev nlohmann-json3-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
                  protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
-                 python3 iproute2 e2fsprogs pkg-config zsh fish
-LINT_PACKAGES  = clang-format clang-tidy
-FUZZ_PACKAGES  = clang libclang-rt-14-dev
+                 python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config zsh fish
+LINT_PACKAGES  = clang-format clang-tidy cppcheck
+FUZZ_PACKAGES  = clang clang-14 libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
                  valgrind etcd-server etcd-client
 
@@ -35,8 +35,8 @@ cmake --preset $(1) $(2) --log-level=WARNING
 cmake --build --preset $(1) -j $(JOBS)
 endef
 
-.PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test coverage fuzz bench format lint \
-        install install-debug uninstall clean
+.PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test prove \
+        coverage fuzz bench format check-format lint install install-debug uninstall clean
 
 help: ## list the targets
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  make \1	\2/p' Makefile | expand -t 22
@@ -55,13 +55,20 @@ packages-bench:
 build: packages-build ## build library, jar and command into build/release
 	$(call preset,release,-DTKV_TESTS=OFF)
 
-test: packages-test ## build and run all tests: release, the bridge alone, sanitizers
+test: packages-test check-format ## everything that has to pass: format, tests, coverage of the bridge, sanitizers
 	$(call preset,release,-DTKV_TESTS=ON)
 	ctest --preset release -j $(JOBS)
-	$(call preset,external)
-	ctest --preset external -j $(JOBS)
+	$(call preset,coverage)
+	ctest --preset coverage -j $(JOBS)
+	tests/bridge/coverage.sh build/coverage
 	$(call preset,asan)
 	ctest --preset asan -j $(JOBS)
+	$(call preset,tsan)
+	ctest --preset tsan -j $(JOBS)
+
+prove: packages-test lint fuzz ## long runs: static analysis, fuzzers, fault trials
+	$(call preset,release,-DTKV_TESTS=ON)
+	ctest --preset prove
 
 demo: packages-build ## show the main job on an embedded registry: two JVMs and the command
 	$(call preset,release,-DTKV_TESTS=OFF)
@@ -88,8 +95,12 @@ bench: packages-bench ## measure beside the peers
 format: packages-lint ## format all C and C++
 	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
 
-lint: packages-lint ## check format, and the C++ with clang-tidy
-	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format --dry-run -Werror
+check-format: packages-test
+	git ls-files '*.h' '*.c' '*.cpp' | xargs -P $(JOBS) -n 50 clang-format --dry-run -Werror
+
+lint: packages-lint check-format ## check the format, and the C++ with clang-tidy and cppcheck
+	cppcheck --quiet --std=c++20 --enable=unusedFunction --suppressions-list=.cppcheck-suppressions \
+	  --error-exitcode=1 -I platform -I platform/if -I framework/tkv/if framework platform tools
 	$(call preset,release,-DTKV_TESTS=ON)
 	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release \
 	  --extra-arg=-Wno-ignored-optimization-argument

@@ -27,7 +27,6 @@ if(TKV_SANITIZE)
   target_link_options(tkv_flags INTERFACE -fsanitize=${TKV_SANITIZE})
 endif()
 if(TKV_COVERAGE)
-  target_compile_options(tkv_flags INTERFACE --coverage -O0)
   target_link_options(tkv_flags INTERFACE --coverage)
 endif()
 
@@ -48,6 +47,9 @@ function(tkv_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC ${ARG_LINKS} PRIVATE tkv_flags tkv_hardening)
+  if(TKV_COVERAGE)
+    target_compile_options(${name} PRIVATE --coverage -O0)
+  endif()
   if(TKV_LTO)
     # Fat objects: the shared libraries are optimised across units; tests and the command link the plain code, quickly.
     target_compile_options(${name} PRIVATE -flto -ffat-lto-objects)
@@ -67,8 +69,10 @@ function(tkv_module name)
   endif()
 endfunction()
 
-# How long a test may run before it counts as hanging: ample for a sanitized test on a busy machine.
+# How long a test may run before it counts as hanging: ample for a sanitized test on a busy machine. Tests with the
+# label "prove" are the long runs.
 set(TKV_TEST_TIMEOUT 600)
+set(TKV_PROVE_TIMEOUT 7200)
 # How a test that skipped something says so to ctest; see tests/main.cpp. Python prints it itself.
 set(TKV_SKIPPED SKIP_RETURN_CODE 77 SKIP_REGULAR_EXPRESSION "OK \\(skipped=")
 
@@ -79,6 +83,10 @@ function(tkv_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} tkv_test_main)
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_precompile_headers(${name} REUSE_FROM tkv_test_main)
+  if(name MATCHES "^(lmdb|reader_pool|registry|etcd)_")  # the stores and the registry client: also under TSan
+    list(APPEND ARG_LABELS threads)
+    add_dependencies(thread_tests ${name})
+  endif()
   tkv_script_test(${name} COMMAND ${name} LABELS ${ARG_LABELS})
 endfunction()
 
@@ -86,5 +94,9 @@ endfunction()
 function(tkv_script_test name)
   cmake_parse_arguments(ARG "" "" "COMMAND;LABELS" ${ARGN})
   add_test(NAME ${name} COMMAND ${ARG_COMMAND})
-  set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${TKV_TEST_TIMEOUT} ${TKV_SKIPPED})
+  set(timeout ${TKV_TEST_TIMEOUT})
+  if("prove" IN_LIST ARG_LABELS)
+    set(timeout ${TKV_PROVE_TIMEOUT})
+  endif()
+  set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${timeout} ${TKV_SKIPPED})
 endfunction()

@@ -44,7 +44,7 @@ int write_native_text(std::u16string_view text, char* buffer, int* size) {
   const lx::Charset* charset = lx::charset_of_process();
   // A NUL would end the text for whoever reads it, and make of one name another.
   const bool has_nul = text.find(u'\0') != std::u16string_view::npos;
-  const auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
+  auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
   if (!bytes || bytes->size() >= INT32_MAX) return kNotConvertible;
   const int capacity = *size;
   const int needed = static_cast<int>(bytes->size()) + 1;
@@ -54,10 +54,10 @@ int write_native_text(std::u16string_view text, char* buffer, int* size) {
   }
   const auto room = static_cast<std::size_t>(capacity) - 1;
   const bool is_whole = bytes->size() <= room;
-  const std::string& shown = is_whole ? *bytes : longest_beginning(*charset, text, room);
+  if (!is_whole) *bytes = longest_beginning(*charset, text, room);
   *size = needed;
-  std::memcpy(buffer, shown.data(), shown.size());
-  buffer[shown.size()] = '\0';
+  std::memcpy(buffer, bytes->data(), bytes->size());
+  buffer[bytes->size()] = '\0';
   return is_whole ? kWhole : kCut;
 }
 
