@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""bench/run-etcd in its quick mode: that it runs and prints a figure for all that is measured, not how fast.
+"""bench/run-etcd --quick runs and prints a figure for everything that it measures. How fast is not tested.
 
 Usage: run_etcd_test.py BUILD-DIRECTORY
 """

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""bench/run in its quick mode: that it runs and prints a figure wherever there is something to measure, not how fast.
+"""bench/run --quick runs and prints a figure for everything that it measures. How fast is not tested.
 
 Usage: run_test.py BUILD-DIRECTORY
 """
@@ -33,7 +33,7 @@ def run(*options):
 
 
 def rows_below(text, head):
-    """The rows of the table whose first column has this head, and its columns: {row: {column: cell}}."""
+    """The rows of the table whose first column has this heading: {row: {column: cell}}."""
     lines = text.splitlines()
     start = next(i for i, line in enumerate(lines) if line.startswith(head))
     columns = lines[start][len(head):].split()

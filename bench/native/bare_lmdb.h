@@ -1,5 +1,5 @@
-// LMDB without a registry around it: full names as keys, texts with their NUL as values. What the registry's own store
-// is compared with: the same library, the same durability, and nothing else.
+// Plain LMDB: full names as keys, texts with their NUL as values. The registry's store is compared with it: the same
+// library and the same durability, and nothing else.
 #ifndef TKV_BENCH_BARE_LMDB_H
 #define TKV_BENCH_BARE_LMDB_H
 
@@ -13,7 +13,7 @@
 
 namespace tkv::bench {
 
-// Throws std::runtime_error when LMDB fails. For one thread.
+// Throws std::runtime_error if LMDB fails. Not thread-safe.
 class BareLmdb {
  public:
   explicit BareLmdb(const std::string& directory) {
@@ -35,7 +35,7 @@ class BareLmdb {
   BareLmdb(const BareLmdb&) = delete;
   BareLmdb& operator=(const BareLmdb&) = delete;
 
-  // Calls `use` with the value's text while it may be read, or with null when there is no such name.
+  // Calls `use` with the value's text, which is valid during the call, or with null if the name does not exist.
   template <typename Use>
   auto get(const char* name, const Use& use) {
     const Reading reading(reader_);
@@ -46,7 +46,7 @@ class BareLmdb {
     return use(code == 0 ? static_cast<const char*>(value.mv_data) : nullptr);
   }
 
-  // The levels right below a name. Names may not be nested deeper.
+  // The levels directly below a name, which must have no levels below them.
   std::vector<std::string> subkeys(const std::string& name) {
     const Reading reading(reader_);
     const std::string prefix = name + ".";
@@ -64,7 +64,7 @@ class BareLmdb {
     return names;
   }
 
-  // Durable at once, unless between begin() and commit().
+  // Durable on return, except between begin() and commit().
   void put(const char* name, const char* text) {
     const bool alone = writer_ == nullptr;
     if (alone) begin();

@@ -1,4 +1,4 @@
-// The native methods of BareLmdbPeer: as little as JNI allows between Java and LMDB.
+// The native methods of BareLmdbPeer: the least that JNI allows between Java and LMDB.
 
 #include <jni.h>
 
@@ -30,7 +30,7 @@ class Characters {
   const char* characters_;
 };
 
-// Does the work, and raises its failure as an IOException.
+// Runs `work` and raises its failure as an IOException.
 template <typename Work>
 auto raising(JNIEnv* env, const Work& work) -> decltype(work()) {
   try {

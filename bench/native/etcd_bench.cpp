@@ -1,7 +1,7 @@
-// One run of the benchmark of a registry on etcd: each scenario through the registry client, and beside it the bare
-// requests that cannot be done without, by the same generated stubs. Windows of both sides alternate. A line each:
-// scenario, nanoseconds an operation through the registry, of the bare requests, and the requests an operation of both.
-// bench/run-etcd starts the members, fills the registry and makes tables of the lines.
+// One run of the benchmark of a registry on etcd. Each scenario runs through the registry client and, beside it, as the
+// bare requests that it cannot do without, through the same generated stubs; windows of the two sides alternate. Prints
+// one line for each scenario: its name, nanoseconds per operation through the registry and of the bare requests, and
+// requests per operation of both. bench/run-etcd starts the members, fills the registry and makes tables of the lines.
 //
 //   --endpoints host:port,...  --prefix text  --groups n  --keys n  --value-bytes n
 //   --scenarios name,...  --warm-up-ms n  --window-ms n  --windows n
@@ -73,7 +73,7 @@ std::string padded(int number, std::size_t width) {
   return std::string(width - std::min(width, digits.size()), '0') + digits;
 }
 
-// The registry's keys, "app.service.group<n>.key<n>", and the sizes that they were made with.
+// The registry's keys, "app.service.group<n>.key<n>", and the sizes that they were created with.
 class Dataset {
  public:
   explicit Dataset(const Options& options)
@@ -197,7 +197,7 @@ class RegistrySide {
   std::unique_ptr<registry::Client> client_;
 };
 
-// Requests of etcd's own, one after the other, to the first endpoint.
+// Plain etcd requests, one after the other, to the first endpoint.
 class BareSide {
  public:
   explicit BareSide(const Options& options) : endpoint_(options.list("endpoints").front()) { open(); }
@@ -243,7 +243,7 @@ class BareSide {
     return response.ByteSizeLong();
   }
 
-  // All records from `begin` to `end`, `limit` a request.
+  // All records from `begin` to `end`, `limit` per request.
   uint64_t pages(std::string begin, const std::string& end, int64_t limit) {
     uint64_t count = 0;
     while (true) {
@@ -277,7 +277,7 @@ struct Bench {
   BareSide bare;
 };
 
-// What most of some operations take: the first of a key that was not met before takes more.
+// What most operations take: the first on a new key takes more requests.
 uint64_t requests_of(const Operation& operation) {
   std::vector<uint64_t> counts;
   for (int i = 0; i < 9; ++i) {
@@ -289,7 +289,7 @@ uint64_t requests_of(const Operation& operation) {
   return counts[counts.size() / 2];
 }
 
-// The bare requests read and write records of the same sizes, at keys of the same form.
+// The bare requests read and write records of the same sizes, under keys of the same form.
 Pair pair_of(const std::string& scenario, Bench& bench) {
   Dataset& data = bench.dataset;
   const std::string some = Dataset::group(0) + "." + Dataset::key_level(0);

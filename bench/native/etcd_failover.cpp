@@ -1,7 +1,7 @@
 // Kills the leader of an etcd cluster on this machine and measures how long a registry's sessions then wait: the time
-// from the moment at which another member says that it leads to the first answer of each session, in nanoseconds, a
-// line each. 0: answered before. Sessions that work all the time and sessions that were idle are told apart.
-// bench/run-etcd starts the members, starts a process for each fail-over, and starts the killed member again.
+// from another member reporting that it leads to each session's first answer, in nanoseconds, one line for each
+// session. 0 means that the answer came earlier. Busy and idle sessions are reported separately. bench/run-etcd starts
+// the members, starts a process for each fail-over, and starts the killed member again.
 //
 //   --endpoints host:port,...  --processes pid,...  --prefix text  --leader first|last
 //
@@ -38,7 +38,7 @@ void require(const Status& status, const char* what) {
   if (!status.ok()) throw std::runtime_error(std::string(what) + ": " + status.text());
 }
 
-// A member as its operator sees it.
+// A member, as its operator sees it.
 class Member {
  public:
   Member(std::string endpoint, pid_t process)
@@ -75,7 +75,7 @@ std::vector<std::unique_ptr<Member>> members_of(const Options& options) {
   return members;
 }
 
-// Waits until one of the members leads; its place.
+// Waits until one of the members leads; returns its index.
 std::size_t wait_for_leader(const std::vector<std::unique_ptr<Member>>& members, std::size_t but_not) {
   for (const auto start = Clock::now(); Clock::now() - start < kLongest;) {
     for (std::size_t at = 0; at < members.size(); ++at) {
@@ -92,7 +92,7 @@ std::vector<std::string> endpoints_from(const std::vector<std::unique_ptr<Member
   return endpoints;
 }
 
-// One session's readings or writings of one key.
+// One session that reads or writes one key.
 class Session {
  public:
   Session(const store::EtcdOptions& options, bool writes) : writes_(writes) {
@@ -110,7 +110,7 @@ class Session {
     });
   }
 
-  // Works on end until an operation that was begun after `after` has succeeded; the time of its end.
+  // Works until an operation that began after `after` has succeeded; returns when it ended.
   Clock::time_point work_until_past(const std::atomic<Clock::rep>& after) {
     for (const auto start = Clock::now(); Clock::now() - start < kLongest;) {
       const auto begun = Clock::now();
@@ -146,7 +146,7 @@ void run(const Options& options) {
   Session idle_reader(session, false);
   Session idle_writer(session, true);
 
-  // Sessions at work count from what they ask after the kill on; those that were idle, from the first.
+  // Busy sessions count from their first request after the kill, idle ones from their first request.
   std::atomic<Clock::rep> killed{0};
   const std::atomic<Clock::rep> long_ago{1};
   const auto end_of_work = [](Session& which, const std::atomic<Clock::rep>& after) {

@@ -1,4 +1,4 @@
-// The options of a benchmark's program: pairs of --name and value.
+// The options of a benchmark program: pairs of --name and value.
 #ifndef TKV_BENCH_OPTIONS_H
 #define TKV_BENCH_OPTIONS_H
 
@@ -30,7 +30,7 @@ class Options {
     return found->second;
   }
   int number(const std::string& name) const { return std::stoi(text(name)); }
-  // The parts between commas.
+  // The parts of a value that commas separate.
   std::vector<std::string> list(const std::string& name) const {
     std::vector<std::string> parts;
     const std::string& all = text(name);
@@ -47,7 +47,7 @@ class Options {
   std::map<std::string, std::string> values_;
 };
 
-// A program: its options go to `run`, and what goes wrong is said under its name. Gives back the exit code.
+// main() of a program: passes its options to `run`, prints a failure after its name, and returns the exit code.
 template <typename Run>
 int run_program(const char* name, int count, char** arguments, Run run) {
   try {

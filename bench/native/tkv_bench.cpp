@@ -1,7 +1,7 @@
-// One run of a native benchmark: measures scenarios on one side and writes a line each, the scenario and its
-// nanoseconds, or "-" where the side has no such thing. bench/run starts a process for each run, on the stores that the
-// Java side has filled, and makes tables of the lines. With --iterations, each scenario runs that many times and no
-// clock is read, for counting instructions.
+// One run of a native benchmark: measures scenarios on one side and prints one line for each, the scenario and its
+// nanoseconds, or "-" if the side has no such operation. bench/run starts a process for each run, on the stores that
+// the Java side has filled, and makes tables of the lines. With --iterations, each scenario runs that many times
+// without reading the clock, for counting instructions.
 
 #include <algorithm>
 #include <array>
@@ -25,10 +25,10 @@
 namespace tkv::bench {
 namespace {
 
-// Everything that operations give back ends here, so that no work can be left out.
+// Takes every operation's result, so that no work can be optimised away.
 volatile uint64_t sink;
 
-// The names that the Java side wrote: groups of keys, and one group more to be written.
+// The names that the Java side wrote: groups of keys, and an additional group that takes the writes.
 class Dataset {
  public:
   Dataset(int groups, int keys) : groups_(groups), keys_(keys) {}
@@ -168,7 +168,7 @@ class LmdbSide final : public Side {
   std::unique_ptr<BareLmdb> store_;
 };
 
-// Does nothing: its times are the harness's own.
+// Does nothing: its times are the overhead of the measurement.
 class ControlSide final : public Side {
  public:
   uint64_t read(const char* name) override { return static_cast<unsigned char>(name[0]); }
@@ -235,7 +235,7 @@ Operation opens_store(Side* side, const Dataset& dataset) {
   };
 }
 
-// Tracing is off in a process without a JVM; the result object only has to be there.
+// Tracing is off in a process without a JVM; the result object is never looked at.
 Operation traces(bool is_control) {
   if (is_control) return [] { return uint64_t{0}; };
   return [] {
@@ -268,7 +268,7 @@ std::unique_ptr<Side> side_of(const std::string& name, const std::string& direct
   throw std::invalid_argument("there is no side '" + name + "'");
 }
 
-// A warm-up, then windows of time, each of which gives one mean.
+// A warm-up, then windows of time, each of which yields one mean.
 class Stopwatch {
  public:
   using Nanoseconds = std::chrono::duration<double, std::nano>;

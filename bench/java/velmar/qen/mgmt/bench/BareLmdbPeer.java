@@ -6,8 +6,8 @@ import java.util.Arrays;
 import java.util.List;
 
 /**
- * LMDB behind the thinnest native methods there can be, with full names as keys: no tree, no rights, no checksums. What
- * a registry on LMDB that is called from Java cannot be faster than.
+ * LMDB behind the thinnest possible native methods, with full names as keys: no tree, no rights, no checksums. It is the
+ * lower bound for any registry on LMDB that is called from Java.
  */
 final class BareLmdbPeer implements Peer {
     static {

@@ -7,8 +7,9 @@ import java.util.List;
 import java.util.Map;
 
 /**
- * One run: fills a peer's store, or measures scenarios on it and writes a line each: the scenario and its nanoseconds,
- * or "-" where the peer has no such thing. {@code bench/run} starts a JVM for each run and makes tables of the lines.
+ * One run: fills a peer's store, or measures scenarios on it and prints one line for each: the scenario and its
+ * nanoseconds, or "-" if the peer has no such operation. {@code bench/run} starts a JVM for each run and makes tables of
+ * the lines.
  */
 final class Bench {
     private final Map<String, String> options = new LinkedHashMap<>();

@@ -3,7 +3,7 @@ package velmar.qen.mgmt.bench;
 import java.nio.file.Path;
 import java.util.List;
 
-/** The negative control: does nothing, so that its times are the harness's own. */
+/** The negative control: it does nothing, so its times are the overhead of the measurement. */
 final class ControlPeer implements Peer {
     private static final List<String> NOTHING = List.of();
 

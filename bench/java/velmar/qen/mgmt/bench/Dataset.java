@@ -4,8 +4,8 @@ import java.util.ArrayList;
 import java.util.List;
 
 /**
- * The keys that every store holds: groups of the same number of keys, all at depth 4, each with a text of 20 characters.
- * One group more is there to be written, so that what is read never changes.
+ * The keys that every store holds: groups of equal size, all keys at depth 4, each with a text of 20 characters. One
+ * additional group takes the writes, so the keys that are read never change.
  */
 final class Dataset {
     private static final String ABOVE = "app";
@@ -31,7 +31,7 @@ final class Dataset {
         return List.of(ABOVE, TOP);
     }
 
-    /** Full names of all groups; the last is the one to be written. */
+    /** Full names of all groups; the last one takes the writes. */
     List<String> groups() {
         List<String> names = new ArrayList<>();
         for (int group = 0; group <= groups; group++) {
@@ -70,7 +70,7 @@ final class Dataset {
         return names;
     }
 
-    /** The value of a key: another one for each key, so that a wrong answer cannot pass for a right one. */
+    /** The value of a key. It differs from key to key, so that reading the wrong key is noticed. */
     static String value(String fullName) {
         return fullName.substring(fullName.length() - 20);
     }

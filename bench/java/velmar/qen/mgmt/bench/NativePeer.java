@@ -6,7 +6,7 @@ import java.util.List;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
-/** The registry through its native methods. The configuration that TKV_CONF names says where it is. */
+/** The registry through its native methods, at the location that the file in TKV_CONF configures. */
 final class NativePeer implements Peer {
     private static final int SESSIONS_OWN = 3;
 

@@ -3,17 +3,17 @@ package velmar.qen.mgmt.bench;
 import java.util.List;
 
 /**
- * One system under measurement, on a store in a directory of its own. What it gives back must be what its own users get,
- * in the form that is cheapest for it. Objects are for one thread.
+ * One system under measurement, on a store in a directory of its own. It returns what its users would get, in the form
+ * that is cheapest for it. Instances are not thread-safe.
  */
 interface Peer {
-    /** What was measured: product, version, and the settings that decide about durability. */
+    /** What was measured: product, version, and the settings that affect durability. */
     String description();
 
-    /** Opens the store for reading and writing, and makes it when it does not exist. */
+    /** Opens the store for reading and writing, and creates it if it does not exist. */
     void open() throws Exception;
 
-    /** Writes the whole dataset into a fresh store; need not be durable before {@link #close}. */
+    /** Writes the whole dataset into a fresh store. It need not be durable before {@link #close}. */
     void fill(Dataset dataset) throws Exception;
 
     /** The value of a key that exists. */
@@ -25,7 +25,7 @@ interface Peer {
     /** Overwrites the value of a key that exists; returns when that is as durable as {@link #description} says. */
     void write(String name, String value) throws Exception;
 
-    /** Opens a key and closes it again, for systems that have open keys. */
+    /** Opens a key and closes it again, in systems that have open keys. */
     default void openAndCloseKey(String name) throws Exception {
         throw new UnsupportedOperationException();
     }

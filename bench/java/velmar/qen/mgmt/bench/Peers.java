@@ -4,7 +4,7 @@ import java.lang.reflect.Constructor;
 import java.nio.file.Path;
 import java.util.Map;
 
-/** The peers by name. Found by class name: those that need other jars are compiled only where these jars are. */
+/** The peers by name. They are looked up by class name, since those that need other jars may not be compiled. */
 final class Peers {
     private static final Map<String, String> CLASSES = Map.of(
             "control", "ControlPeer",

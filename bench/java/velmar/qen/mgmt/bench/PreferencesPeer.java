@@ -6,7 +6,7 @@ import java.util.List;
 import java.util.prefs.BackingStoreException;
 import java.util.prefs.Preferences;
 
-/** java.util.prefs: groups are nodes, keys their preferences. It keeps all it has read in memory. */
+/** java.util.prefs: groups are nodes, keys their preferences. It caches everything it has read. */
 final class PreferencesPeer implements Peer {
     private Preferences root;
 

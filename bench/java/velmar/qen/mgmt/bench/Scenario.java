@@ -3,7 +3,7 @@ package velmar.qen.mgmt.bench;
 import java.util.Arrays;
 import java.util.List;
 
-/** What is measured: one operation over and over. Each checks the peer's answers before its time counts. */
+/** What is measured: one operation, repeated. Each scenario checks the peer's answers before it is timed. */
 enum Scenario {
     READ_SAME("read-same") {
         @Override
@@ -89,7 +89,7 @@ enum Scenario {
                 .orElseThrow(() -> new IllegalArgumentException("there is no scenario '" + title + "'"));
     }
 
-    /** One run of it; the result is what keeps the work from being optimised away. */
+    /** Runs it once; using the result keeps the work from being optimised away. */
     interface Operation {
         Object run() throws Exception;
     }

@@ -2,12 +2,12 @@ package velmar.qen.mgmt.bench;
 
 import java.util.Arrays;
 
-/** Measures an operation: a warm-up, then windows of time, each of which gives one mean. */
+/** Measures an operation: a warm-up, then windows of time, each of which yields one mean. */
 final class Stopwatch {
-    /** The clock is read once in about this time, so that reading it does not count. */
+    /** The clock is read about this often, so that reading it does not distort the result. */
     private static final long BATCH_NANOS = 200_000;
 
-    /** Everything that operations give back ends here: the compiler cannot prove it unused. */
+    /** Takes every operation's result, so that the compiler cannot prove it unused. */
     private static volatile Object sink;
 
     private final long warmUpNanos;
@@ -20,7 +20,7 @@ final class Stopwatch {
         this.windows = windows;
     }
 
-    /** Nanoseconds an operation takes: the median of the windows' means. */
+    /** Nanoseconds for each operation: the median of the windows' means. */
     double nanosOf(Scenario.Operation operation) throws Exception {
         double warm = meanDuring(operation, warmUpNanos, 1);
         int batch = (int) Math.max(1, Math.min(1_000_000, BATCH_NANOS / Math.max(warm, 1)));

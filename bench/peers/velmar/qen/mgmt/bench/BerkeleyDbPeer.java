@@ -17,7 +17,7 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
-/** Berkeley DB through JNI: one B-tree with full names as its keys, in a transactional environment. */
+/** Berkeley DB through JNI: one B-tree keyed by full name, in a transactional environment. */
 final class BerkeleyDbPeer implements Peer {
     private static final long CACHE_BYTES = 64L << 20;
 
@@ -55,7 +55,7 @@ final class BerkeleyDbPeer implements Peer {
 
     @Override
     public void fill(Dataset dataset) throws DatabaseException {
-        // A transaction a group: the locks of one over everything would not fit the environment's tables.
+        // One transaction for each group: a single one would need more locks than the environment has.
         for (String group : dataset.groups()) {
             Transaction transaction = environment.beginTransaction(null, null);
             for (String name : dataset.fullNames(List.of(group))) {

@@ -8,7 +8,7 @@ import org.h2.engine.Constants;
 import org.h2.mvstore.MVMap;
 import org.h2.mvstore.MVStore;
 
-/** H2's MVStore: one map with full names as its keys. Its file belongs to one process at a time. */
+/** H2's MVStore: one map keyed by full name. One process at a time can open its file. */
 final class MvStorePeer implements Peer {
     private final String file;
     private MVStore store;

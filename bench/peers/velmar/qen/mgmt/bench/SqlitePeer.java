@@ -10,7 +10,7 @@ import java.sql.Statement;
 import java.util.ArrayList;
 import java.util.List;
 
-/** SQLite through JDBC: one table with full names as its primary key, and prepared statements. */
+/** SQLite through JDBC: one table whose primary key is the full name, and prepared statements. */
 final class SqlitePeer implements Peer {
     private final String url;
     private Connection connection;
