@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "cls.h"
 #include "prsrvut.h"
@@ -1393,6 +1395,33 @@ namespace {
 // The longest full name that can be opened, and one level more.
 constexpr size_t kDestinationNameSize = PRTKV_FULL_NAME_SIZE + PRTKV_SUBKEY_NAME_SIZE;
 
+// The buffers of one level of a copy. They take more than 3 KB, so they are on the heap: a thread with a small stack
+// can copy a tree of the registry's full depth.
+struct CopyLevel {
+  char subkey[kSubkeyNameSize + 1];
+  char child_source_name[kSubkeyNameSize + 1];
+  char child_destination_name[kDestinationNameSize];
+  char value[kCopiedValueSize + 1];
+  sec_attr security;
+};
+
+struct Free {
+  void operator()(void* block) const { std::free(block); }
+};
+
+// report_tkv_error with its buffer in a stack frame of its own, which is gone before the copy descends.
+[[gnu::noinline]] void report_copy_failure(JNIEnv* env, jobject result, int32_t code) {
+  report_tkv_error(env, result, code);
+}
+
+// Creates the copy of one key. The records that it passes by value are in a stack frame of its own, too.
+[[gnu::noinline]] int32_t create_copied_key(prtkv_ctx registry, prtkv_key destination, const CopyLevel& level,
+                                            bool one_step, int32_t type, uint32_t value_size, prtkv_key* copy) {
+  int32_t created = 0;
+  return prtkv_create_n_set_key(registry, destination, level.subkey, copy, &created, type,
+                                one_step ? level.security : session_owned(level.security), level.value, value_size);
+}
+
 // Writes "parent.name", cut to fit.
 void join_names(char* to, size_t capacity, const char* parent, const char* name) {
   const size_t parent_length = std::min(std::strlen(parent), capacity - 1);
@@ -1415,19 +1444,19 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
   int32_t remaining_unread = 0;
   const prtkv_ctx registry = registry_context();
   if (registry == 0) {
-    report_tkv_error(env, result, 0);
+    report_copy_failure(env, result, 0);
     prsrvut_trace(env, result, "prsrvtkv_copy_recurse: NULL context passed");
     return 0;
   }
   int32_t rc = prtkv_open_key(registry, &source, source_name);
   if (rc != 0) {
-    report_tkv_error(env, result, rc);
+    report_copy_failure(env, result, rc);
     prsrvut_trace(env, result, "prsrvtkv_copy_recurse: source key does not exist");
     return 0;
   }
   rc = prtkv_open_key(registry, &destination, destination_name);
   if (rc != 0) {
-    report_tkv_error(env, result, rc);
+    report_copy_failure(env, result, rc);
     prsrvut_trace(env, result, "prsrvtkv_copy_recurse: dest key does not exist");
     prtkv_close_key(registry, source);
     return 0;
@@ -1438,7 +1467,15 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
   };
 
   prsrvut_trace(env, result, "\nprsrvtkv_copy_recurse: srckeyname = %s", source_name);
-  char subkey[kSubkeyNameSize + 1] = {};
+  const std::unique_ptr<CopyLevel, Free> level(static_cast<CopyLevel*>(std::calloc(1, sizeof(CopyLevel))));
+  if (level == nullptr) {
+    report_copy_failure(env, result, 0);
+    prsrvut_trace(env, result, "prsrvtkv_copy_recurse: NOT ENOUGH MEMORY");
+    close_level();
+    return 0;
+  }
+  char(&subkey)[kSubkeyNameSize + 1] = level->subkey;
+  const char* const child_source_name = level->child_source_name;
   uint32_t subkey_size = kSubkeyNameSize;
   rc = prtkv_enum_subkey(registry, source, subkey, &subkey_size, &remaining);
   if (rc == PRTKV_NO_MORE_SUBKEYS) {
@@ -1447,7 +1484,7 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
     return 1;
   }
   if (rc != 0) {
-    report_tkv_error(env, result, rc);
+    report_copy_failure(env, result, rc);
     prsrvut_trace(env, result, "prsrvtkv_copy_recurse:prtkv_enum_subkey, retval=%d", rc);
     close_level();
     return 0;
@@ -1456,60 +1493,57 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
                 source_name, subkey, remaining);
   if (remaining < 0) return 1;  // a registry without counts: nothing more is known, and both keys stay open
 
-  char value[kCopiedValueSize + 1] = {};
   for (uint32_t i = 0; i <= static_cast<uint32_t>(remaining); ++i) {
     // The buffer holds what passes this test: 264 bytes of names, the "." between them and the NUL.
     if (std::strlen(source_name) + std::strlen(subkey) >= kSubkeyNameSize) {
-      report_tkv_error(env, result, 0);
+      report_copy_failure(env, result, 0);
       prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse: SUBKEY NAME TOO BIG");
       close_level();
       return 0;
     }
-    char child_source_name[kSubkeyNameSize + 1];
-    join_names(child_source_name, sizeof(child_source_name), source_name, subkey);
+    join_names(level->child_source_name, sizeof(level->child_source_name), source_name, subkey);
     prsrvut_trace(env, result, "prsrvtkv_copy_recurse: SUBKEY NAME = %s", child_source_name);
     rc = prtkv_open_key(registry, &child_source, child_source_name);
     if (rc != 0) {
-      report_tkv_error(env, result, rc);
+      report_copy_failure(env, result, rc);
       prsrvut_trace(env, result, "prsrvtkv_copy_recurse: : i = %d %s %d", static_cast<int>(i), subkey, rc);
       close_level();
       return 0;
     }
-    sec_attr security{};
-    rc = prtkv_get_key_security(registry, child_source, &security);
+    std::memset(&level->security, 0, sizeof(level->security));
+    rc = prtkv_get_key_security(registry, child_source, &level->security);
     if (rc != 0) {
-      report_tkv_error(env, result, rc);
+      report_copy_failure(env, result, rc);
       prtkv_close_key(registry, child_source);
       close_level();
       return 0;
     }
     uint32_t value_size = kCopiedValueSize;
     int32_t type = PRTKV_TYPE_NONE;
-    rc = prtkv_get_value(registry, child_source, &type, value, &value_size);
+    rc = prtkv_get_value(registry, child_source, &type, level->value, &value_size);
     if (rc != 0) {
-      report_tkv_error(env, result, rc);
+      report_copy_failure(env, result, rc);
       prtkv_close_key(registry, child_source);
       close_level();
       return 0;
     }
-    prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse:value of the src key %s is %s", child_source_name, value);
+    prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse:value of the src key %s is %s", child_source_name,
+                  level->value);
     prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse:trying to create and set new key %s", subkey);
 
-    const bool one_step = group_is_session_group(security);
-    int32_t created = 0;
-    rc = prtkv_create_n_set_key(registry, destination, subkey, &child, &created, type,
-                                one_step ? security : session_owned(security), value, value_size);
+    const bool one_step = group_is_session_group(level->security);
+    rc = create_copied_key(registry, destination, *level, one_step, type, value_size, &child);
     if (rc != 0) {
-      report_tkv_error(env, result, rc);
+      report_copy_failure(env, result, rc);
       prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse:failed to create  and set new key %s %d", subkey, rc);
       close_level();
       return 0;
     }
     if (!one_step) {
-      rc = prtkv_set_key_security(registry, child, security);
+      rc = prtkv_set_key_security(registry, child, level->security);
       prsrvut_trace(env, result, "prsrvtkv_copy_recurse: prtkv_set_key_security for key [%s], rc=%d\n", subkey, rc);
       if (rc != 0) {
-        report_tkv_error(env, result, rc);
+        report_copy_failure(env, result, rc);
         prsrvut_trace(env, result, "prsrvtkv_copy_recurse: prtkv_set_key_security failed for key [%s]\n", subkey);
         prtkv_close_key(registry, child);
         prtkv_close_key(registry, destination);
@@ -1518,21 +1552,20 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
       }
     }
 
-    char child_destination_name[kDestinationNameSize];
-    join_names(child_destination_name, sizeof(child_destination_name), destination_name, subkey);
+    join_names(level->child_destination_name, sizeof(level->child_destination_name), destination_name, subkey);
     prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse: Making recursive CALL");
-    if (prsrvtkv_copy_recurse(env, child_source_name, child_destination_name, security_type, result) == 0) {
-      report_tkv_error(env, result, 0);
+    if (prsrvtkv_copy_recurse(env, child_source_name, level->child_destination_name, security_type, result) == 0) {
+      report_copy_failure(env, result, 0);
       return 0;
     }
 
     std::memset(subkey, 0, sizeof(subkey));
-    std::memset(value, 0, sizeof(value));
+    std::memset(level->value, 0, sizeof(level->value));
     subkey_size = kSubkeyNameSize;
     rc = prtkv_enum_subkey(registry, source, subkey, &subkey_size, &remaining_unread);
     if (rc == PRTKV_NO_MORE_SUBKEYS) break;
     if (rc != 0) {
-      report_tkv_error(env, result, rc);
+      report_copy_failure(env, result, rc);
       prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse:ERROR in enum call %d", rc);
       close_level();
       prtkv_close_key(registry, child);

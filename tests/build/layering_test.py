@@ -41,8 +41,8 @@ FACES = {
 
 # The bridge knows JNI and the platform's functions: no file, no thread, no system call.
 BRIDGE_SYSTEM_HEADERS = {
-    "algorithm", "array", "assert.h", "bit", "cassert", "climits", "cstddef", "cstdint", "cstdio", "cstring", "iterator",
-    "jni.h", "limits", "span", "stddef.h", "stdint.h", "string_view", "type_traits", "utility",
+    "algorithm", "array", "assert.h", "bit", "cassert", "climits", "cstddef", "cstdint", "cstdio", "cstdlib",
+    "cstring", "iterator", "jni.h", "limits", "memory", "span", "stddef.h", "stdint.h", "string_view", "type_traits", "utility",
 }
 BRIDGE = {"framework/tkv", "framework/tkv/if", "platform/if"}
 

@@ -25,8 +25,9 @@ PLATFORM = set("""
     lxlinit lxinitc lxhLangEnv lxhcsn lxlterm lxhci2h lxsulen lxgt2u
 """.split())
 
-# What a compiler may turn the bridge's copying, comparing and formatting into.
-C_LIBRARY = re.compile(r"""(__)?(mem(c?cpy|move|set|cmp|chr)|str(n?len|n?cmp|n?cpy|chr)|v?snprintf)(_chk)?$""")
+# What a compiler may turn the bridge's copying, comparing and formatting into, and the memory for deep copies.
+C_LIBRARY = re.compile(r"""(__)?(mem(c?cpy|move|set|cmp|chr)|str(n?len|n?cmp|n?cpy|chr)|v?snprintf)(_chk)?$
+                           |(calloc|free)$""", re.VERBOSE)
 COMPILER = re.compile(r"""_GLOBAL_OFFSET_TABLE_$|__stack_chk_fail$|__gxx_personality_v0$|_Unwind_Resume$
                           |__(asan|ubsan|tsan|gcov|sanitizer)_.*""", re.VERBOSE)
 
