@@ -1,4 +1,5 @@
-// What happens when a JVM loads and unloads the library.
+#include "prsrvut/loading.h"
+
 #include <jni.h>
 
 #include <cstdint>
@@ -16,10 +17,10 @@ constexpr const char* kSwitchSignature = "Ljava/nio/ByteBuffer;";
 
 const int always_off = 0;
 
-// Keeps the buffer, and so its memory, for as long as the library is loaded.
+// Keeps the buffer and its memory for as long as the library is loaded.
 jobject switch_buffer = nullptr;
 
-// The buffer, or null where the Java side has no such class or field.
+// Returns the buffer, or null if the Java side has no such class or field.
 jobject find_switch_buffer(JNIEnv* env) {
   jclass owner = env->FindClass(kSwitchClass);
   if (owner == nullptr) return nullptr;
@@ -29,7 +30,7 @@ jobject find_switch_buffer(JNIEnv* env) {
   return buffer;
 }
 
-// The int at the buffer's start; null when there is none to be read.
+// Returns the int at the start of the buffer, or null if the buffer cannot hold one.
 const int* switch_in(JNIEnv* env, jobject buffer) {
   void* address = env->GetDirectBufferAddress(buffer);
   if (address == nullptr || reinterpret_cast<std::uintptr_t>(address) % alignof(int) != 0) return nullptr;
@@ -45,7 +46,7 @@ void connect_trace_switch(JNIEnv* env) {
     if (switch_buffer != nullptr) trace_switch.store(address, std::memory_order_relaxed);
     env->DeleteLocalRef(buffer);
   }
-  // A library that cannot trace is still a library that works.
+  // Without the switch, the library works and does not trace.
   if (env->ExceptionCheck() == JNI_TRUE) env->ExceptionClear();
 }
 
@@ -64,6 +65,8 @@ JNIEnv* environment(JavaVM* vm) {
 
 std::atomic<const int*> trace_switch{&always_off};
 
+void (*on_load)(JNIEnv* env) = nullptr;
+
 }  // namespace tkv::prsrvut
 
 extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
@@ -71,6 +74,7 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
   if (env == nullptr) return JNI_ERR;
   tkv::prsrvut::disconnect_trace_switch(env);
   tkv::prsrvut::connect_trace_switch(env);
+  if (tkv::prsrvut::on_load != nullptr) tkv::prsrvut::on_load(env);
   return tkv::prsrvut::kJniVersion;
 }
 

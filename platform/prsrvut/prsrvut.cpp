@@ -11,13 +11,15 @@
 
 #include "base/utf8.h"
 #include "prsrvut/method_cache.h"
+#include "prsrvut/native_call.h"
 #include "prsrvut/native_text.h"
 #include "prsrvut/trace_switch.h"
 
 namespace tkv::prsrvut {
 namespace {
 
-// Sets a pending exception aside and raises it again at the end of the scope, in place of any that came meanwhile.
+// Sets a pending exception aside and raises it again at the end of the scope, in place of any raised meanwhile. Within
+// a NativeCall, either is deferred to the end of that.
 class PendingException {
  public:
   explicit PendingException(JNIEnv* env) : env_(env) {
@@ -27,21 +29,36 @@ class PendingException {
   }
 
   ~PendingException() {
-    if (exception_ == nullptr) return;
-    env_->ExceptionClear();
-    env_->Throw(exception_);
-    env_->DeleteLocalRef(exception_);
+    if (NativeCall* call = NativeCall::current()) {
+      defer_to(call);
+    } else if (exception_ != nullptr) {
+      raise();
+    }
   }
 
   PendingException(const PendingException&) = delete;
   PendingException& operator=(const PendingException&) = delete;
 
  private:
+  void raise() {
+    env_->ExceptionClear();
+    env_->Throw(exception_);
+    env_->DeleteLocalRef(exception_);
+  }
+
+  void defer_to(NativeCall* call) {
+    if (exception_ != nullptr) call->defer(exception_);
+    if (env_->ExceptionCheck() != JNI_TRUE) return;
+    jthrowable raised = env_->ExceptionOccurred();
+    env_->ExceptionClear();
+    call->defer(raised);
+  }
+
   JNIEnv* env_;
   jthrowable exception_ = nullptr;
 };
 
-// A local reference that goes away with its scope.
+// Deletes a local reference at the end of its scope.
 class LocalRef {
  public:
   LocalRef(JNIEnv* env, jobject object) : env_(env), object_(object) {}
@@ -58,7 +75,7 @@ class LocalRef {
   jobject object_;
 };
 
-// Room for `size` elements: on the stack for what is short, as nearly everything is.
+// A buffer of `size` elements, on the stack if it is short, as nearly every text is.
 template <typename Element, std::size_t kOnStack>
 class Buffer {
  public:
@@ -78,7 +95,7 @@ class Buffer {
 
 constexpr std::size_t kShortText = 512;
 
-// Whether a signature is that of a void method with one argument, "(I)V": the call reads one argument, no more.
+// Whether a signature is that of a void method with one argument, such as "(I)V": the call reads exactly one.
 bool takes_one_argument(std::string_view signature) {
   if (!signature.starts_with('(') || !signature.ends_with(")V")) return false;
   std::string_view type = signature.substr(1, signature.size() - 3);
@@ -87,12 +104,12 @@ bool takes_one_argument(std::string_view signature) {
   return type.size() > 2 && type.starts_with('L') && type.find(';') == type.size() - 1;
 }
 
-// Calls a void method with one argument. False when there is no such method.
+// Calls a void method with one argument. Returns false if there is no such method.
 bool call(JNIEnv* env, jobject result, const char* name, const char* signature, const jvalue* argument) {
   jmethodID method = find_method(env, result, name, signature);
   if (method == nullptr) return false;
   env->CallVoidMethodA(result, method, argument);
-  // What the method threw stays pending for the caller; asking tells the JVM that it was not overlooked.
+  // An exception of the method stays pending for the caller. The check tells the JVM that it was not overlooked.
   static_cast<void>(env->ExceptionCheck());
   return true;
 }
@@ -138,7 +155,7 @@ void format_and_trace(JNIEnv* env, jobject result, const char* format, va_list a
   va_end(again);
 }
 
-// java.lang.String, which nearly every look-up asks for. Classes of other loaders depend on who asks.
+// Returns java.lang.String, the class that nearly every lookup asks for. Other classes depend on the caller's loader.
 jclass string_class(JNIEnv* env) {
   static std::atomic<jclass> kept{nullptr};
   jclass known = kept.load(std::memory_order_acquire);
@@ -150,11 +167,11 @@ jclass string_class(JNIEnv* env) {
   return found;
 }
 
-// More local references than the default may be held afterwards, one an element and a few besides.
+// Makes room for a local reference to each element and a few more, which may exceed the default.
 void make_room_for_references(JNIEnv* env, jsize length) {
-  constexpr jsize kBesides = 16;
-  const jsize wanted = length > INT32_MAX - kBesides ? length : length + kBesides;
-  // The JVM has a limit of its own for what it promises, beyond which references still work.
+  constexpr jsize kOthers = 16;
+  const jsize wanted = length > INT32_MAX - kOthers ? length : length + kOthers;
+  // The JVM guarantees only a limited number, but references beyond it still work.
   if (env->EnsureLocalCapacity(wanted) != JNI_OK) env->ExceptionClear();
 }
 
@@ -186,7 +203,7 @@ extern "C" void prsrvut_setBooleanResult(JNIEnv* env, jobject result, int value)
 
 extern "C" int prsrvut_callMethod(JNIEnv* env, jobject result, const char* name, const char* signature, jvalue* args) {
   if (result == nullptr || name == nullptr || signature == nullptr || args == nullptr) return -1;
-  // "<init>" is no method to be called on an object that exists.
+  // "<init>" must not be called on an existing object.
   if (*name == '<' || !tkv::prsrvut::takes_one_argument(signature)) return -1;
   const PendingException pending(env);
   return tkv::prsrvut::call(env, result, name, signature, args) ? 0 : -1;
@@ -199,7 +216,7 @@ extern "C" void prsrvut_trace(JNIEnv* env, jobject result, const char* format, .
   try {
     tkv::prsrvut::format_and_trace(env, result, format, arguments);
   } catch (const std::bad_alloc&) {
-    // The line is lost; what it tells of is not.
+    // Only the trace line is lost.
   }
   va_end(arguments);
 }

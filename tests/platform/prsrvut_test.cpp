@@ -14,6 +14,7 @@
 
 #include "allocation.h"
 #include "java_vm.h"
+#include "prsrvut/native_call.h"
 
 extern "C" jint JNI_OnLoad(JavaVM* vm, void* reserved);
 extern "C" void JNI_OnUnload(JavaVM* vm, void* reserved);
@@ -347,6 +348,46 @@ TEST_F(Prsrvut, WorksWithAnExceptionPendingAndKeepsIt) {
   }
   EXPECT_EQ(reports(result), "status true|answer true|code 7|trace line 1");
   EXPECT_EQ(reports(fresh), "status true");
+}
+
+TEST_F(Prsrvut, DefersExceptionsToTheEndOfANativeCall) {
+  jobject thrower = make("results/Thrower");
+  set_tracing(1);
+  {
+    const tkv::prsrvut::NativeCall call(env_);
+    prsrvut_trace(env_, thrower, "line");
+    EXPECT_FALSE(env_->ExceptionCheck());
+    prsrvut_setStatus(env_, thrower, 1);
+    EXPECT_FALSE(env_->ExceptionCheck());
+    EXPECT_EQ(prsrvut_FindClass(env_, "no/such/Class"), nullptr);
+    EXPECT_FALSE(env_->ExceptionCheck());
+  }
+  EXPECT_EQ(take_exception(), "java.lang.IllegalStateException: trace") << "the first one is raised";
+  {
+    const tkv::prsrvut::NativeCall call(env_);
+    throw_new("of a JNI call");
+    prsrvut_setStatus(env_, thrower, 1);
+    EXPECT_FALSE(env_->ExceptionCheck());
+  }
+  EXPECT_EQ(take_exception(), "java.lang.RuntimeException: of a JNI call");
+}
+
+TEST_F(Prsrvut, NativeCallsNest) {
+  jobject thrower = make("results/Thrower");
+  {
+    const tkv::prsrvut::NativeCall outer(env_);
+    {
+      const tkv::prsrvut::NativeCall inner(env_);
+      prsrvut_setStatus(env_, thrower, 1);
+      EXPECT_FALSE(env_->ExceptionCheck());
+    }
+    EXPECT_EQ(take_exception(), "java.lang.IllegalStateException: setStatus") << "the inner call raises its own";
+    prsrvut_setBooleanResult(env_, thrower, 1);
+    EXPECT_FALSE(env_->ExceptionCheck());
+  }
+  EXPECT_EQ(take_exception(), "java.lang.IllegalStateException: setBooleanResult");
+  prsrvut_setStatus(env_, thrower, 1);
+  EXPECT_EQ(take_exception(), "java.lang.IllegalStateException: setStatus") << "outside, nothing is deferred";
 }
 
 TEST_F(Prsrvut, LeavesTheExceptionOfACalledMethodPending) {
