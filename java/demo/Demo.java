@@ -8,20 +8,20 @@ import java.util.function.Function;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
-/** Shows the native methods on a registry: {@code write} fills it, {@code read} is another JVM that finds it filled. */
+/** Shows the native methods on a registry: {@code write} fills it, and {@code read}, in another JVM, reads it. */
 final class Demo {
     private static final int OWNED_BY = 1;
     private static final int INHERITED = 2;
     private static final int AS_SESSION = 3;
     private static final int OPEN = 5;
 
-    /** In UTF-8 whatever the terminal's locale, as the operator's command writes. */
+    /** Writes UTF-8 regardless of the terminal's locale, as the operator's command does. */
     private static final PrintStream OUT =
             new PrintStream(new FileOutputStream(FileDescriptor.out), true, StandardCharsets.UTF_8);
 
     private final TKVNative tkv = new TKVNative();
 
-    /** Prints trace lines where they happen. */
+    /** Prints trace lines as they occur. */
     private static final class Shown extends TKVResult {
         @Override
         public void trace(String line) {

@@ -1,8 +1,8 @@
 /**
  * The managed side of the cluster registry: the native protocol and the API above it.
  *
- * <p>{@link velmar.qen.mgmt.registry} is what a program uses. {@link velmar.qen.mgmt.nativesystem} is the protocol
- * beneath, for tools that speak it already.
+ * <p>Programs use {@link velmar.qen.mgmt.registry}. {@link velmar.qen.mgmt.nativesystem} is the protocol beneath it,
+ * for tools that already use that protocol.
  */
 module velmar.qen.mgmt {
     exports velmar.qen.mgmt.nativesystem;

@@ -6,23 +6,23 @@ import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 
 /**
- * What a native method reports: a status and, on failure, a text or a code.
+ * Receives the report of a native method: a status and, on failure, a message or a code.
  *
- * <p>An object may serve several calls one after the other; {@link #reset} puts it back to its start. The setters are
- * for the native methods.
+ * <p>An object can be used for several calls, one after the other; {@link #reset} returns it to its initial state. The
+ * setters are for the native methods.
  *
- * <p>Tracing is switched for the whole process, by {@link #setTracing} or the property {@code tkv.trace}. Its lines go
- * to the logger {@code velmar.qen.mgmt.tkv}; a subclass that overrides {@link #trace} takes them itself.
+ * <p>Tracing is switched for the whole process, by {@link #setTracing} or the property {@code tkv.trace}. The
+ * lines go to the logger {@code velmar.qen.mgmt.tkv}; a subclass that overrides {@link #trace} receives them instead.
  *
- * <p>Objects are for one thread at a time, the tracing switch is for any.
+ * <p>An object may be used by one thread at a time. The tracing switch may be used by any thread.
  */
 public class TKVResult {
-    /** Read by the native side: not 0 while tracing is on. */
+    /** Read by native code: not 0 while tracing is on. */
     static final ByteBuffer TRACE_SWITCH = ByteBuffer.allocateDirect(Integer.BYTES).order(ByteOrder.nativeOrder());
 
     private static final VarHandle SWITCH_WORD =
             MethodHandles.byteBufferViewVarHandle(int[].class, ByteOrder.nativeOrder());
-    /** Guarded by the class: what setTracing last asked for, and how many objects need the lines themselves. */
+    /** Guarded by the class: the last argument of setTracing, and the number of holds on tracing. */
     private static boolean wanted;
     private static int holders;
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
@@ -36,11 +36,11 @@ public class TKVResult {
     private int errCode;
     private String resultString;
 
-    /** An object to which nothing has been reported: status false, code 0, no text. */
+    /** Creates an object to which nothing has been reported: status false, code 0, no message. */
     public TKVResult() {}
 
     /**
-     * Switches tracing for the process.
+     * Switches tracing on or off for the process.
      *
      * @param on whether native methods write trace lines
      */
@@ -50,17 +50,17 @@ public class TKVResult {
     }
 
     /**
-     * Whether tracing was switched on.
+     * Returns whether tracing was switched on.
      *
-     * @return true when it was
+     * @return true if it was
      */
     public static synchronized boolean isTracing() {
         return wanted;
     }
 
     /**
-     * Makes native methods write their lines for a while, whether tracing is switched on or not: for a subclass whose
-     * {@link #trace} reads them. Each hold ends with a release.
+     * Keeps tracing on for a while, whether it is switched on or not. Meant for a subclass whose {@link #trace} reads
+     * the lines. Each hold must be followed by a release.
      *
      * @param hold true to hold, false to release
      */
@@ -74,42 +74,42 @@ public class TKVResult {
     }
 
     /**
-     * Whether the call succeeded, as far as it says so by its status.
+     * Returns the status that was set last. Some methods set it to true after a failure.
      *
-     * @return the status that was set last
+     * @return true if the call reported success
      */
     public final boolean getStatus() {
         return status;
     }
 
     /**
-     * The code of a failure for which the registry has no text.
+     * Returns the code of a failure for which the registry has no message.
      *
-     * @return 0 when none was reported
+     * @return the code; 0 if none was reported
      */
     public final int getTKVErrCode() {
         return errCode;
     }
 
     /**
-     * The registry's text about a failure.
+     * Returns the registry's message about a failure.
      *
-     * @return null when none was reported
+     * @return the message; null if none was reported
      */
     public final String getTKVResultString() {
         return resultString;
     }
 
     /**
-     * The answer of a method that answers yes or no here.
+     * Returns the answer of a method that reports one here.
      *
-     * @return false when none was given
+     * @return the answer; false if none was reported
      */
     public final boolean getBooleanResult() {
         return booleanResult;
     }
 
-    /** Forgets what was reported. */
+    /** Returns this object to its initial state. */
     public void reset() {
         status = false;
         booleanResult = false;
@@ -118,7 +118,7 @@ public class TKVResult {
     }
 
     /**
-     * Takes the status.
+     * Sets the status.
      *
      * @param status whether the call succeeded
      */
@@ -127,7 +127,7 @@ public class TKVResult {
     }
 
     /**
-     * Takes the answer of a method that answers yes or no here.
+     * Sets the answer of a method that reports one here.
      *
      * @param booleanResult the answer
      */
@@ -136,18 +136,18 @@ public class TKVResult {
     }
 
     /**
-     * Takes the code of a failure.
+     * Sets the code of a failure.
      *
-     * @param errCode the registry's result code; 0 and 1 also stand for a missing session or name
+     * @param errCode the registry's result code; 0 or 1 for a missing session or name
      */
     public void setTKVErrCode(int errCode) {
         this.errCode = errCode;
     }
 
     /**
-     * Takes the text of a failure.
+     * Sets the message of a failure.
      *
-     * @param resultString the registry's text
+     * @param resultString the registry's message
      */
     public void setTKVResultString(String resultString) {
         this.resultString = resultString;
@@ -156,10 +156,10 @@ public class TKVResult {
     /**
      * Writes a trace line to the logger.
      *
-     * @param line the line as the native method wrote it, with whatever line ends it has
+     * @param line the line as the native method wrote it, including line ends
      */
     public void trace(String line) {
-        // Whoever switches tracing on wants to see the lines, so they do not hide behind a debug level.
+        // Tracing has a switch of its own, so the lines are not hidden behind a debug level as well.
         LOGGER.log(System.Logger.Level.INFO, () -> line.strip());
     }
 

@@ -1,10 +1,10 @@
 package velmar.qen.mgmt.registry;
 
-/** Who owns the topmost key of a copied tree. The keys below it keep the owners and the rights of their sources. */
+/** Who owns the topmost key of a copied tree. The keys below it have the owners and rights of their sources. */
 public enum CopyOwner {
-    /** As the source. */
+    /** The owner and group of the source. */
     SOURCE(1),
-    /** The session's user; the group as the source. */
+    /** The session's user, and the group of the source. */
     SESSION_USER(2),
     /** The session's user and primary group. */
     SESSION(3);

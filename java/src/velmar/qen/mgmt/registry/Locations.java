@@ -6,14 +6,14 @@ import java.util.List;
  * Where the registry is stored.
  *
  * @param places directories or addresses, in the order of the configuration
- * @param shared whether other nodes use the same registry
+ * @param shared whether several nodes share the registry
  */
 public record Locations(List<String> places, boolean shared) {
     /**
      * Keeps an unmodifiable copy of the places.
      *
      * @param places directories or addresses, in the order of the configuration
-     * @param shared whether other nodes use the same registry
+     * @param shared whether several nodes share the registry
      */
     public Locations {
         places = List.copyOf(places);

@@ -20,21 +20,21 @@ import java.util.stream.StreamSupport;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 
 /**
- * The cluster registry: a tree of keys, each with a value and a security.
+ * The cluster registry: a tree of keys, each with a value and a security record.
  *
- * <p>Names are full names: levels joined by {@code "."} from the root, whose own name is {@code ""}. A key is created
- * below a parent that exists. A value is a text or a list of texts; a key without a value reads as an empty text and an
- * empty list.
+ * <p>Keys are identified by their full names: levels joined by {@code "."}, starting from the root, whose own name is
+ * {@code ""}. A key can only be created below a parent that exists. A value is a text or a list of texts; a key without
+ * a value reads as an empty text or an empty list.
  *
- * <p>There is one open registry a process. Any thread may call any method; calls take turns, and {@link #close} waits
- * for the one in progress. Interrupting a thread does not end its wait. Once a method that changes something has
- * returned, the change survives the death of the process and of the machine.
+ * <p>A process can have one registry open. Any thread may call any method. Calls take turns, and {@link #close} waits
+ * for the call in progress; interrupting a thread does not end its wait. Once a method that changes something has
+ * returned, the change survives a crash of the process and of the machine.
  *
- * <p>Methods throw a {@link RegistryException}, or one of its kinds, when the registry does not carry a call out;
- * {@link RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
+ * <p>Methods throw a {@link RegistryException}, or a subclass, if the registry does not carry out the call; {@link
+ * RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
  */
 public final class Registry implements AutoCloseable {
-    /** The registry's data type of a text. */
+    /** The registry's data type for a text. */
     private static final int TEXT = 3;
 
     private static final Cleaner CLEANER = Cleaner.create();
@@ -42,6 +42,8 @@ public final class Registry implements AutoCloseable {
     private final Session session;
     private final TKVNative natives;
     private final Cleaner.Cleanable cleanable;
+    /** Read once, since each native query keeps its buffer; guarded by the session's turn. */
+    private Locations locations;
 
     private Registry(Session session) {
         this.session = session;
@@ -50,55 +52,56 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Opens the registry that this machine's configuration names. A registry of this node alone is made when there is
-     * none yet.
+     * Opens the registry that this machine's configuration names. If that is a registry of this node alone and it does
+     * not exist yet, it is created.
      *
      * @return the open registry
-     * @throws IllegalStateException when this process has one open
-     * @throws RegistryUnavailableException when the registry of a cluster cannot be reached
-     * @throws RegistryException when the configuration is wrong, with file and line, or the storage cannot be used
-     * @throws UnsatisfiedLinkError when the native library cannot be loaded
+     * @throws IllegalStateException if this process already has a registry open
+     * @throws RegistryUnavailableException if the registry of a cluster cannot be reached
+     * @throws RegistryUnusableException if the storage cannot be used as it is configured
+     * @throws RegistryException if the configuration is wrong; the message names the file and line
+     * @throws UnsatisfiedLinkError if the native library cannot be loaded
      */
     public static Registry open() {
         return open(0);
     }
 
     /**
-     * Opens the registry as {@link #open()}, at a level.
+     * Opens the registry as {@link #open()} does, at a level.
      *
-     * @param level 0 or more; the registry records it
+     * @param level 0 or more; only recorded
      * @return the open registry
-     * @throws IllegalStateException when this process has one open
+     * @throws IllegalStateException if this process already has a registry open
      * @throws RegistryException as for {@link #open()}, and for a negative level
      */
     public static Registry open(int level) {
         return new Registry(new Session(level));
     }
 
-    /** Closes the registry after the calls in progress. Closing it again does nothing. */
+    /** Closes the registry, after waiting for the call in progress. Closing it again has no effect. */
     @Override
     public void close() {
-        // Not by the net, which does not wait for a close that another thread has begun.
+        // Close directly: the Cleaner would not wait for a close that another thread has begun.
         session.close();
         cleanable.clean();
     }
 
     /**
-     * The text of a key, empty when it has no value. Of a list it is the first text.
+     * Returns the text of a key: empty if the key has no value, the first text if it has a list.
      *
      * @param name full name
      * @return the text
-     * @throws KeyNotFoundException when there is no such key
+     * @throws KeyNotFoundException if there is no such key
      */
     public String get(String name) {
         return find(name).orElseThrow(() -> absent(name));
     }
 
     /**
-     * The text of a key, or another text when there is no such key.
+     * Returns the text of a key, or a default if there is no such key.
      *
      * @param name full name
-     * @param absent given back when there is no such key; may be null
+     * @param absent the default; may be null
      * @return the text
      */
     public String get(String name, String absent) {
@@ -106,10 +109,10 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The text of a key.
+     * Returns the text of a key, if the key exists.
      *
      * @param name full name
-     * @return empty when there is no such key
+     * @return the text; empty if there is no such key
      */
     public Optional<String> find(String name) {
         Objects.requireNonNull(name);
@@ -117,51 +120,52 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The number that {@link #putInt} stored, a decimal text. The native methods cannot give out binary numbers.
+     * Returns the number that {@link #putInt} stored as a decimal text. Binary numbers cannot be read through the
+     * native methods.
      *
      * @param name full name
      * @return the number
-     * @throws KeyNotFoundException when there is no such key
-     * @throws NumberFormatException when its text is no such number
+     * @throws KeyNotFoundException if there is no such key
+     * @throws NumberFormatException if the key's text is not an {@code int}
      */
     public int getInt(String name) {
         return number(name, Integer::valueOf);
     }
 
     /**
-     * The number that {@link #putLong} or {@link #putInt} stored.
+     * Returns the number that {@link #putLong} or {@link #putInt} stored.
      *
      * @param name full name
      * @return the number
-     * @throws KeyNotFoundException when there is no such key
-     * @throws NumberFormatException when its text is no such number
+     * @throws KeyNotFoundException if there is no such key
+     * @throws NumberFormatException if the key's text is not a {@code long}
      */
     public long getLong(String name) {
         return number(name, Long::valueOf);
     }
 
     /**
-     * The texts of a key, none when it has no value. A single text reads as a list of one. Where another program has
-     * stored an empty text between others, the list ends before it.
+     * Returns the list of texts of a key, which is empty if the key has no value. A single text reads as a list of one.
+     * If another program has stored an empty text in the list, the list ends before it.
      *
-     * <p>Texts are converted from the character set of the process's locale. In other sets than UTF-8, texts that
-     * {@link #putList} stored read back only as far as they are plain ASCII.
+     * <p>Texts are converted from the character set of the process's locale. Unless that is UTF-8, only plain ASCII
+     * texts that {@link #putList} stored read back unchanged.
      *
      * @param name full name
      * @return an unmodifiable list
-     * @throws KeyNotFoundException when there is no such key
-     * @throws RegistryException when a text has characters that the character set does not have
+     * @throws KeyNotFoundException if there is no such key
+     * @throws RegistryException if a text cannot be converted from the character set
      */
     public List<String> getList(String name) {
         Objects.requireNonNull(name);
         return inTurn(() -> {
             String[] slots = session.query(name, report -> natives.getKeyValues(name, report));
             if (slots == null && readExisting(name) != null) {
-                // There is a text: it is new, or it cannot be converted.
+                // There is a text. Either it was stored just now, or it cannot be converted.
                 slots = session.query(name, report -> natives.getKeyValues(name, report));
                 if (slots == null) {
                     throw RegistryException.saying(ResultCode.UNKNOWN, name, "the value of key '" + name
-                            + "' is no list in the character set of this process's locale");
+                            + "' cannot be read as a list in the character set of this process's locale");
                 }
             }
             return texts(slots);
@@ -169,10 +173,10 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Whether a key exists.
+     * Returns whether a key exists.
      *
      * @param name full name
-     * @return true when it does
+     * @return true if it exists
      */
     public boolean exists(String name) {
         Objects.requireNonNull(name);
@@ -180,11 +184,11 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The names of a key's subkeys, one level each, in byte order.
+     * Returns the names of a key's subkeys, each a single level, in byte order.
      *
      * @param name full name
      * @return an unmodifiable list
-     * @throws KeyNotFoundException when there is no such key
+     * @throws KeyNotFoundException if there is no such key
      */
     public List<String> list(String name) {
         Objects.requireNonNull(name);
@@ -198,13 +202,14 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The full names of all keys below a key, each before its own subkeys. The stream needs the registry open, and reads
-     * the subkeys of a key when it goes on after it: a key that has vanished since its siblings were read still comes,
-     * but nothing below it, and a key that was made since does not.
+     * Returns the full names of all keys below a key, each before its own subkeys. The stream reads the subkeys of a
+     * key after it has delivered that key, so the registry must stay open while the stream is in use. Changes made
+     * meanwhile show in part: a key deleted after its siblings were read is still delivered, without anything below it,
+     * and a key created after that is not.
      *
      * @param name full name
      * @return a sequential stream
-     * @throws KeyNotFoundException when there is no such key
+     * @throws KeyNotFoundException if there is no such key
      */
     public Stream<String> walk(String name) {
         Iterator<String> names = new Walk(name, list(name));
@@ -213,11 +218,11 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The user who owns a key.
+     * Returns the user who owns a key. A user without a name is identified by number.
      *
      * @param name full name
-     * @return empty when nobody does
-     * @throws KeyNotFoundException when there is no such key
+     * @return the user; empty if the key has no owner
+     * @throws KeyNotFoundException if there is no such key
      */
     public Optional<String> owner(String name) {
         Objects.requireNonNull(name);
@@ -225,11 +230,11 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The group that owns a key.
+     * Returns the group that owns a key. A group without a name is identified by number.
      *
      * @param name full name
-     * @return empty when none does
-     * @throws KeyNotFoundException when there is no such key
+     * @return the group; empty if the key has none
+     * @throws KeyNotFoundException if there is no such key
      */
     public Optional<String> group(String name) {
         Objects.requireNonNull(name);
@@ -237,25 +242,25 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Writes a text. A key that does not exist is created with {@link Security#sameAsSession()}.
+     * Writes a text. If the key does not exist, it is created with {@link Security#sameAsSession()}.
      *
      * @param name full name
-     * @param value the text, up to 1 MiB in modified UTF-8 with its NUL
-     * @throws KeyNotFoundException when the parent does not exist
-     * @throws ValueTooLargeException when the text is too long
+     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the text is too long
      */
     public void put(String name, String value) {
         put(name, value, Security.sameAsSession());
     }
 
     /**
-     * Writes a text. A key that does not exist is created with the given security.
+     * Writes a text. If the key does not exist, it is created with the given security.
      *
      * @param name full name
-     * @param value the text, up to 1 MiB in modified UTF-8 with its NUL
-     * @param security of a new key
-     * @throws KeyNotFoundException when the parent does not exist
-     * @throws ValueTooLargeException when the text is too long
+     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @param security the security of a new key; an existing key keeps its own
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the text is too long
      */
     public void put(String name, String value, Security security) {
         Objects.requireNonNull(name);
@@ -265,28 +270,28 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Writes a list of texts. A key that does not exist is created with {@link Security#sameAsSession()}.
+     * Writes a list of texts. If the key does not exist, it is created with {@link Security#sameAsSession()}.
      *
      * @param name full name
-     * @param values the texts, each with at least one character; together, in modified UTF-8, with a NUL after each and
-     *     one more, up to 8192 bytes
-     * @throws IllegalArgumentException when a text is empty, since it would end the list for its readers
-     * @throws KeyNotFoundException when the parent does not exist
-     * @throws ValueTooLargeException when the list is too long
+     * @param values the texts, none of them empty; at most 8192 bytes in modified UTF-8, counting a NUL after each text
+     *     and one more at the end
+     * @throws IllegalArgumentException if a text is empty, because readers would take it for the end of the list
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the list is too long
      */
     public void putList(String name, List<String> values) {
         putList(name, values, Security.sameAsSession());
     }
 
     /**
-     * Writes a list of texts. A key that does not exist is created with the given security.
+     * Writes a list of texts. If the key does not exist, it is created with the given security.
      *
      * @param name full name
      * @param values the texts, as for {@link #putList(String, List)}
-     * @param security of a new key
-     * @throws IllegalArgumentException when a text is empty, since it would end the list for its readers
-     * @throws KeyNotFoundException when the parent does not exist
-     * @throws ValueTooLargeException when the list is too long
+     * @param security the security of a new key; an existing key keeps its own
+     * @throws IllegalArgumentException if a text is empty, because readers would take it for the end of the list
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the list is too long
      */
     public void putList(String name, List<String> values, Security security) {
         Objects.requireNonNull(name);
@@ -299,23 +304,23 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Writes a number as its decimal text. The registry's own 4- and 8-byte types store the first bytes of a text, and
-     * most numbers have no text whose bytes they are, so they are not used.
+     * Writes a number as a decimal text. The registry's own 4- and 8-byte types are not used: the native methods fill
+     * them with the first bytes of a text, and cannot represent every number in this way.
      *
      * @param name full name
      * @param value the number
-     * @throws KeyNotFoundException when the parent does not exist
+     * @throws KeyNotFoundException if the parent does not exist
      */
     public void putInt(String name, int value) {
         put(name, Integer.toString(value));
     }
 
     /**
-     * Writes a number as its decimal text, as {@link #putInt} does.
+     * Writes a number as a decimal text, as {@link #putInt} does.
      *
      * @param name full name
      * @param value the number
-     * @throws KeyNotFoundException when the parent does not exist
+     * @throws KeyNotFoundException if the parent does not exist
      */
     public void putLong(String name, long value) {
         put(name, Long.toString(value));
@@ -325,21 +330,21 @@ public final class Registry implements AutoCloseable {
      * Creates a key without a value, with {@link Security#sameAsSession()}.
      *
      * @param name full name
-     * @throws KeyExistsException when there is such a key
-     * @throws KeyNotFoundException when the parent does not exist
+     * @throws KeyExistsException if the key already exists
+     * @throws KeyNotFoundException if the parent does not exist
      */
     public void create(String name) {
         create(name, Security.sameAsSession());
     }
 
     /**
-     * Creates a key without a value. A key for another group than the session's is created as the session's first; when
-     * it cannot be handed over after that, it stays.
+     * Creates a key without a value. If the security names another group than the session's, the key is first created
+     * for the session and then handed over; if the second step fails, the key stays as the session's.
      *
      * @param name full name
-     * @param security of the key
-     * @throws KeyExistsException when there is such a key
-     * @throws KeyNotFoundException when the parent does not exist
+     * @param security the security of the key
+     * @throws KeyExistsException if the key already exists
+     * @throws KeyNotFoundException if the parent does not exist
      */
     public void create(String name, Security security) {
         Objects.requireNonNull(name);
@@ -351,18 +356,18 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Creates a key with a text. Others see it with its text from the start when its group is the session's, as with
-     * {@link Security#sameAsSession()}; otherwise they may see it without a text for a moment. When the session loses
-     * the right to write the key by handing it over, the key is deleted again, or stays without a text if that right is
-     * lost too, and the call fails; it also stays when it cannot be handed over, as with {@link #create(String,
-     * Security)}.
+     * Creates a key with a text. If the key's group is the session's, as with {@link Security#sameAsSession()}, the key
+     * and its text appear at once. Otherwise others may see the key without a text for a moment: it is created as by
+     * {@link #create(String, Security)}, handed over, and then written. If the session may not write the key after
+     * handing it over, the call fails and the key is deleted again; if the session may not delete it either, the key
+     * stays without a text.
      *
      * @param name full name
-     * @param value the text, up to 1 MiB in modified UTF-8 with its NUL
-     * @param security of the key
-     * @throws KeyExistsException when there is such a key, which keeps its value
-     * @throws KeyNotFoundException when the parent does not exist
-     * @throws ValueTooLargeException when the text is too long
+     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @param security the security of the key
+     * @throws KeyExistsException if the key already exists; it keeps its value
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the text is too long
      */
     public void createWith(String name, String value, Security security) {
         Objects.requireNonNull(name);
@@ -372,7 +377,7 @@ public final class Registry implements AutoCloseable {
                     security.key(), security.owner(), security.group(), report));
             return;
         }
-        // The native method that creates with a value gives another group's security to the working key, the root.
+        // For another group, the native method that creates a key with a value would change the security of the root.
         inTurn(() -> {
             create(name, security);
             orUndo(() -> put(name, value, security), () -> delete(name));
@@ -380,18 +385,18 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Deletes a key without subkeys.
+     * Deletes a key that has no subkeys.
      *
      * @param name full name
      * @return whether there was such a key
-     * @throws KeyNotEmptyException when it has subkeys
+     * @throws KeyNotEmptyException if the key has subkeys
      */
     public boolean delete(String name) {
         return delete(name, false);
     }
 
     /**
-     * Deletes a key with everything below it, all or nothing.
+     * Deletes a key and everything below it, all or nothing.
      *
      * @param name full name
      * @return whether there was such a key
@@ -401,36 +406,37 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Moves a key with everything below it, atomically.
+     * Moves a key and everything below it, atomically.
      *
      * @param source full name
-     * @param target full name that the key gets
-     * @throws KeyNotFoundException when the source or the target's parent does not exist
-     * @throws KeyExistsException when there is a target
+     * @param target new full name
+     * @throws KeyNotFoundException if the source or the target's parent does not exist
+     * @throws KeyExistsException if the target already exists
      */
     public void move(String source, String target) {
         move(source, target, 0);
     }
 
     /**
-     * Moves a key with everything below it onto another, which goes with everything below it, atomically.
+     * Moves a key and everything below it, atomically. If the target exists, it is replaced, together with everything
+     * below it.
      *
      * @param source full name
-     * @param target full name that the key gets
-     * @throws KeyNotFoundException when the source or the target's parent does not exist
+     * @param target new full name
+     * @throws KeyNotFoundException if the source or the target's parent does not exist
      */
     public void moveReplacing(String source, String target) {
         move(source, target, 1);
     }
 
     /**
-     * Copies a key with everything below it to a new key: values with their types, owners, groups and rights.
+     * Copies a key and everything below it to a new key: values with their types, owners, groups and rights.
      *
      * @param source full name
      * @param target full name of the new key
-     * @throws KeyExistsException when there is a target
-     * @throws KeyNotFoundException when the source or the target's parent does not exist
-     * @throws ValueTooLargeException when a value has more than 2048 bytes
+     * @throws KeyExistsException if the target already exists
+     * @throws KeyNotFoundException if the source or the target's parent does not exist
+     * @throws ValueTooLargeException if a value has more than 2048 bytes
      * @see #copyTree(String, String, CopyOwner)
      */
     public void copyTree(String source, String target) {
@@ -438,19 +444,20 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Copies a key with everything below it to a new key. Values keep their types and, below the topmost key, keys keep
+     * Copies a key and everything below it to a new key. Values keep their types and, below the topmost key, keys keep
      * their owners, groups and rights.
      *
-     * <p>Values have up to 2048 bytes, and full names in the source up to 265; the command {@code tkv cp -r} has no
-     * such limits. Others see the copy while it grows. When it fails, what was copied is deleted again; where the
-     * session has no right to do that, it stays, and the exception has the refusal among its suppressed ones.
+     * <p>A value may have at most 2048 bytes, and a full name in the source at most 265; the command {@code tkv cp -r}
+     * has no such limits. Others see the copy while it grows. If the copy fails for any reason, what was copied is
+     * deleted again. If that fails too, for lack of a right, for example, the copy stays as far as it got, and the
+     * second failure is a suppressed exception of the first.
      *
      * @param source full name
      * @param target full name of the new key
      * @param owner who owns the topmost key
-     * @throws KeyExistsException when there is a target
-     * @throws KeyNotFoundException when the source or the target's parent does not exist
-     * @throws ValueTooLargeException when a value has more than 2048 bytes
+     * @throws KeyExistsException if the target already exists
+     * @throws KeyNotFoundException if the source or the target's parent does not exist
+     * @throws ValueTooLargeException if a value has more than 2048 bytes
      */
     public void copyTree(String source, String target, CopyOwner owner) {
         Objects.requireNonNull(target);
@@ -469,9 +476,9 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Whether this node belongs to a cluster.
+     * Returns whether this node belongs to a cluster.
      *
-     * @return true when it does
+     * @return true if it does
      */
     public boolean isClusterMember() {
         return inTurn(() -> session.query(null, report -> {
@@ -481,22 +488,27 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * Where the registry is stored.
+     * Returns where the registry is stored, according to the configuration at the first call.
      *
-     * @return places and whether they are shared
+     * @return the locations, and whether the registry is shared among nodes
      */
     public Locations locations() {
-        return inTurn(() -> session.query(null, report -> {
-            String[] places = natives.getTKVLocations(report);
-            return places == null ? null : new Locations(List.of(places), report.getBooleanResult());
-        }));
+        return inTurn(() -> {
+            if (locations == null) {
+                locations = session.query(null, report -> {
+                    String[] places = natives.getTKVLocations(report);
+                    return places == null ? null : new Locations(List.of(places), report.getBooleanResult());
+                });
+            }
+            return locations;
+        });
     }
 
     /**
-     * What a path can hold. Changes nothing.
+     * Returns what kind of registry can be stored at a path. Changes nothing.
      *
      * @param path an absolute path or an address
-     * @return the kind of storage, and a text about it
+     * @return the kind of storage, and a message about it
      */
     public Storage storageAt(String path) {
         Objects.requireNonNull(path);
@@ -512,9 +524,9 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The configured location of backups.
+     * Returns the configured location of backups.
      *
-     * @return empty when none is configured
+     * @return the location; empty if none is configured
      */
     public Optional<String> backupLocation() {
         return inTurn(() -> Optional.ofNullable(session.query(null, natives::getTKVBackupLocation))
@@ -522,10 +534,10 @@ public final class Registry implements AutoCloseable {
     }
 
     /**
-     * The software patch level of the cluster.
+     * Returns the software patch level of the cluster.
      *
-     * @return 0 when none is recorded
-     * @throws RegistryException when what is recorded is no number
+     * @return the level; 0 if none is recorded
+     * @throws RegistryException if the recorded level is not a number
      */
     public int patchLevel() {
         return inTurn(() -> session.query(null, natives::getPatchLevel));
@@ -534,8 +546,8 @@ public final class Registry implements AutoCloseable {
     /**
      * Records the start dependencies of the high-availability daemon.
      *
-     * @param mode 0, 1 or 2: the storage mode that they are for
-     * @throws RegistryException for other modes
+     * @param mode the storage mode that the dependencies are for: 0, 1 or 2
+     * @throws RegistryException for any other mode
      */
     public void recordServiceDependencies(int mode) {
         inTurn(() -> session.call(null, report -> natives.setZUVEDDependencies(mode, report)));
@@ -545,7 +557,7 @@ public final class Registry implements AutoCloseable {
         try {
             return session.inTurn(work);
         } finally {
-            // The net must not close the session under a call of an object that nobody holds any more.
+            // The Cleaner must not close the session during a call on an object that has become unreachable.
             Reference.reachabilityFence(this);
         }
     }
@@ -562,8 +574,8 @@ public final class Registry implements AutoCloseable {
         try {
             return reading.apply(text);
         } catch (NumberFormatException e) {
-            // Without the text, which may be a secret.
-            throw new NumberFormatException("the text of key '" + name + "' is no number that fits");
+            // The message leaves out the text, which may be a secret.
+            throw new NumberFormatException("the text of key '" + name + "' is not a number in range");
         }
     }
 
@@ -571,17 +583,17 @@ public final class Registry implements AutoCloseable {
         return session.query(name, report -> natives.keyExists(name, report));
     }
 
-    /** The text of a key, null when there is none; no value and no key are both null to the native method. */
+    /** Returns the text of a key, null if there is no such key. The native method has null for an empty text, too. */
     private String read(String name) {
         String text = session.query(name, report -> natives.getKeyValue(name, report));
         if (text != null || !present(name)) {
             return text;
         }
-        // The key may have been made since.
+        // The key may have been created since.
         return Objects.requireNonNullElse(session.query(name, report -> natives.getKeyValue(name, report)), "");
     }
 
-    /** The text of a key that must exist, null when it has at most the one byte of an empty text. */
+    /** Returns the text of a key that must exist, null if it is empty. */
     private String readExisting(String name) {
         if (!present(name)) {
             throw absent(name);
@@ -598,16 +610,16 @@ public final class Registry implements AutoCloseable {
         return names == null ? List.of() : List.of(names);
     }
 
-    /** Makes a native call that writes a key, and creates it with a security when it must. */
+    /** Makes a native call that writes a key and may have to create it with the given security. */
     private void write(String name, Security security, Consumer<Report> call) {
         Objects.requireNonNull(security);
         inTurn(() -> {
             Report report = new Report();
             call.accept(report);
             if (report.failedForSecurity() && !(security.readsKey() && report.text() != null)) {
-                // Any text is about an earlier step: the security's own failures have none.
+                // A text belongs to an earlier step, since a failure of the security itself has none.
                 throw RegistryException.saying(ResultCode.INVALID_ARGUMENT, name,
-                        "owner or group cannot be kept for key '" + name + "' (" + security + ")");
+                        "the owner or group for key '" + name + "' cannot be stored (" + security + ")");
             }
             if (report.failed()) {
                 throw report.exception(report.failedForSecurity() ? security.key() : name);
@@ -638,15 +650,15 @@ public final class Registry implements AutoCloseable {
         });
     }
 
-    /** Does the second half of making a key, and undoes the first when that fails. */
+    /** Runs the second half of an operation, and undoes the first half if that fails. */
     private static void orUndo(Runnable secondHalf, Runnable undo) {
         try {
             secondHalf.run();
-        } catch (RegistryException failure) {
+        } catch (RuntimeException | Error failure) {
             try {
                 undo.run();
-            } catch (RegistryException kept) {
-                failure.addSuppressed(kept);
+            } catch (RuntimeException | Error second) {
+                failure.addSuppressed(second);
             }
             throw failure;
         }
@@ -656,7 +668,7 @@ public final class Registry implements AutoCloseable {
         return RegistryException.saying(ResultCode.NO_SUCH_KEY, name, "key '" + name + "' does not exist");
     }
 
-    /** Full names below a key; looks at the subkeys of a key only when it has been given out. */
+    /** Iterates over the full names below a key, reading the subkeys of a key only after the key was delivered. */
     private final class Walk implements Iterator<String> {
         private final Deque<Iterator<String>> levels = new ArrayDeque<>();
         private String unread;

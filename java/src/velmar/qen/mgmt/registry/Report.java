@@ -6,13 +6,13 @@ import java.util.regex.Pattern;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
 /**
- * What one native call reported, read for its outcome: a call failed when its status is false, and also when it
- * delivered a code or a text and then a status of true.
+ * The report of a single native call. A call has failed if its status is false, and also if it delivered a code or a
+ * text before a status of true.
  */
 class Report extends TKVResult {
     private static final Pattern CODE_OF_TEXT = Pattern.compile("^TKV-(\\d{4}): ");
 
-    /** Texts of the native methods themselves. */
+    /** Messages of the native methods themselves. */
     private static final String BRIDGE_EXISTS = "TKV_KEY_ALREADY_EXISTS";
     private static final String BRIDGE_TOO_LONG = "TKV_VALUE_LIST_TOO_LONG";
     private static final String BRIDGE_INVALID = "TKV_VALUE_LIST_INVALID";
@@ -41,29 +41,29 @@ class Report extends TKVResult {
         return !getStatus() || failures > 0;
     }
 
-    /** Whether the failure was working out a key's security, which is reported twice. */
+    /** Returns whether the security of a key could not be determined; only that failure is reported twice. */
     boolean failedForSecurity() {
         return failures > 1;
     }
 
-    /** Whether the failure is that a key is absent, exists or can have no such name: one of two that a call names. */
+    /** Returns whether the failure is about the name of a key, which may be either of the two that a call names. */
     boolean isAboutName() {
         return Set.of(ResultCode.NO_SUCH_KEY, ResultCode.INVALID_NAME, ResultCode.KEY_EXISTS)
                 .contains(code());
     }
 
-    /** The first text, the one nearest to the cause; null when none was delivered. */
+    /** Returns the first message, which is the closest to the cause; null if none was delivered. */
     String text() {
         return firstText;
     }
 
-    /** The exception for the failure. */
+    /** Returns the exception for the failure. */
     RegistryException exception(String key) {
         if (firstText == null && coded && getTKVErrCode() <= 1) {
             return new RegistryClosedException("the native session was ended by another user of TKVNative");
         }
         if (firstText == null) {
-            return RegistryException.saying(code(), key, "the registry gave no text");
+            return RegistryException.saying(code(), key, "the registry reported no reason");
         }
         return switch (firstText) {
             case BRIDGE_EXISTS -> RegistryException.saying(code(), key, "key '" + key + "' exists");

@@ -3,11 +3,11 @@ package velmar.qen.mgmt.registry;
 import java.util.Objects;
 
 /**
- * Who owns a key that is created, and who may do what with it. A value: immutable and comparable. An existing key keeps
- * its security whatever a call that writes it is given.
+ * The owner and the rights of a new key. Instances are immutable values. A call that writes an existing key does not
+ * change its security.
  *
  * <table>
- * <caption>What each security gives</caption>
+ * <caption>Owner, group and rights</caption>
  * <thead>
  * <tr><th scope="col">security</th><th scope="col">type</th><th scope="col">owner</th><th scope="col">group</th>
  *     <th scope="col">rights of owner, group, others</th></tr>
@@ -16,24 +16,26 @@ import java.util.Objects;
  * <tr><th scope="row">{@link #ownedBy ownedBy(user)}</th><td>1</td><td>that user</td><td>none</td>
  *     <td>all; write, create, delete; read, list</td></tr>
  * <tr><th scope="row">{@link #inheritFrom inheritFrom(key)}</th><td>2</td><td>the session's user</td>
- *     <td>the key's</td><td>the key's, but others who have all there have read, list here</td></tr>
+ *     <td>the key's</td><td>the key's, except that others who have all rights there have read, list here</td></tr>
  * <tr><th scope="row">{@link #sameAsSession(String) sameAsSession(key)}</th><td>3, and 4 and 6</td>
  *     <td>the session's user</td><td>the session's primary group</td><td>all; all; read, list</td></tr>
  * <tr><th scope="row">{@link #open() open()}</th><td>5</td><td>nobody</td><td>none</td><td>all; all; all</td></tr>
  * </tbody>
  * </table>
  *
- * <p>{@link #withOwner} and {@link #withGroup} override the owner and the group of each. Rights add up: owner and group
- * have those of others too. All rights are: read the value
- * and the owners, list the subkeys, write the value, change the security, create subkeys, delete or move the key. The
- * superuser has every right on every key.
+ * <p>{@link #withOwner} and {@link #withGroup} replace the owner or the group. Rights add up: the owner and the group
+ * also have the rights of others. The rights are: read the value and the security, list the subkeys, write the value,
+ * change the security, create subkeys, delete or move the key. The superuser has all rights on every key.
  *
- * <p>Names of users and groups are kept in the character set of the process's locale. One that the set does not have,
- * or that has more than 63 bytes in it, is refused by the call that creates the key. In other sets than UTF-8, {@link
- * Registry#owner} and {@link Registry#group} read them back only as far as they are plain ASCII.
+ * <p>Every security here lets others read and list. To keep a key private, create it below a key that an operator has
+ * restricted, with {@link #inheritFrom} that key.
+ *
+ * <p>Names of users and groups are stored in the character set of the process's locale. The call that creates the key
+ * refuses a name that cannot be converted or that takes more than 63 bytes. Unless the character set is UTF-8, {@link
+ * Registry#owner} and {@link Registry#group} return only plain ASCII names unchanged.
  */
 public final class Security {
-    /** Bytes that the registry keeps of a user's or group's name. */
+    /** The longest name of a user or group, in bytes. */
     private static final int LONGEST_NAME = 63;
 
     private final int type;
@@ -49,21 +51,21 @@ public final class Security {
     }
 
     /**
-     * The key belongs to a user; its group may change it, others may read it.
+     * Returns the security of a key that belongs to a user. Its group may change it, and others may read it.
      *
-     * @param user the owner's name, up to 63 bytes
+     * @param user the owner's name, at most 63 bytes
      * @return security of type 1
-     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
+     * @throws IllegalArgumentException if the name is empty, has more than 63 characters, or contains a NUL
      */
     public static Security ownedBy(String user) {
         return new Security(1, null, name(user), null);
     }
 
     /**
-     * The key is the session user's, with the group and the rights of another key. That key must exist and be readable
-     * when the new one is created.
+     * Returns the security of a key that belongs to the session's user and has the group and the rights of another key.
+     * That key must exist and be readable when the new one is created.
      *
-     * @param key full name of the other key, mostly the parent
+     * @param key full name of the other key, usually the parent
      * @return security of type 2
      */
     public static Security inheritFrom(String key) {
@@ -71,7 +73,8 @@ public final class Security {
     }
 
     /**
-     * The key belongs to the session's user and primary group, who may do everything; others may read it.
+     * Returns the security of a key that belongs to the session's user and primary group, who have all rights. Others
+     * may read it.
      *
      * @return security of type 3
      */
@@ -80,9 +83,10 @@ public final class Security {
     }
 
     /**
-     * As {@link #sameAsSession()}. The registry wants a key named, but does not look at it.
+     * Returns the same security as {@link #sameAsSession()}. The native methods require the name of a key, but do not
+     * use it.
      *
-     * @param key full name of any key, also of one that does not exist
+     * @param key full name of any key, which need not exist
      * @return security of type 3
      */
     public static Security sameAsSession(String key) {
@@ -90,7 +94,7 @@ public final class Security {
     }
 
     /**
-     * The key belongs to nobody and everybody may do everything.
+     * Returns the security of a key without an owner, on which everybody has all rights.
      *
      * @return security of type 5
      */
@@ -99,38 +103,38 @@ public final class Security {
     }
 
     /**
-     * The security of a number, for programs that keep the number. Types 3, 4 and 6 give the same.
+     * Returns the security of a numbered type, for programs that store the number. Types 3, 4 and 6 are equivalent.
      *
-     * @param type 2, 3, 4 or 6, the types that name a key; 5, which does not look at it
+     * @param type 2, 3, 4 or 6, the types that name a key, or 5, which ignores it
      * @param key full name of the key
      * @return security of that type
-     * @throws IllegalArgumentException for other numbers; type 1 is {@link #ownedBy}
+     * @throws IllegalArgumentException for any other number; for type 1, use {@link #ownedBy}
      */
     public static Security ofType(int type, String key) {
         if (type < 2 || type > 6) {
-            throw new IllegalArgumentException("no security type that names a key: " + type);
+            throw new IllegalArgumentException("not a security type that names a key: " + type);
         }
         Objects.requireNonNull(key);
         return type == 5 ? open() : new Security(type, key, null, null);
     }
 
     /**
-     * The same security with another owner.
+     * Returns the same security with another owner.
      *
-     * @param user the owner's name, up to 63 bytes
+     * @param user the owner's name, at most 63 bytes
      * @return a new value
-     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
+     * @throws IllegalArgumentException if the name is empty, has more than 63 characters, or contains a NUL
      */
     public Security withOwner(String user) {
         return new Security(type, key, name(user), group);
     }
 
     /**
-     * The same security with another group.
+     * Returns the same security with another group.
      *
-     * @param newGroup the group's name, up to 63 bytes
+     * @param newGroup the group's name, at most 63 bytes
      * @return a new value
-     * @throws IllegalArgumentException when the name is empty, has more than 63 characters, or a NUL
+     * @throws IllegalArgumentException if the name is empty, has more than 63 characters, or contains a NUL
      */
     public Security withGroup(String newGroup) {
         return new Security(type, key, owner, name(newGroup));
@@ -138,7 +142,7 @@ public final class Security {
 
     private static String name(String name) {
         if (name.isEmpty() || name.length() > LONGEST_NAME || name.indexOf('\0') >= 0) {
-            throw new IllegalArgumentException("not a user's or group's name: \"" + name + "\"");
+            throw new IllegalArgumentException("not the name of a user or group: \"" + name + "\"");
         }
         return name;
     }
@@ -163,7 +167,7 @@ public final class Security {
         return type == 2;
     }
 
-    /** Whether the group is the session's for certain, so that one step creates the key. */
+    /** Returns whether the group is certain to be the session's, so that the key is created in one step. */
     boolean hasSessionsGroup() {
         return (type == 3 || type == 4 || type == 6) && group == null;
     }

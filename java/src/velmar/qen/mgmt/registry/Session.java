@@ -7,27 +7,27 @@ import java.util.function.Supplier;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 
 /**
- * The process's native session, with the root as its working key. Keeps native calls from overlapping: whoever calls
- * one does so in {@link #inTurn}.
+ * The native session of the process, with the root as its working key. Native calls must not overlap, so every call is
+ * made within {@link #inTurn}.
  */
 final class Session implements AutoCloseable {
     private static final ReentrantLock TURN = new ReentrantLock();
-    /** Guarded by the lock, like everything here. */
+    /** Whether the process has a session; guarded by the lock, like every field here. */
     private static boolean taken;
 
     private final TKVNative natives = new TKVNative();
     private boolean open;
 
-    /** Opens the session, or takes nothing. */
+    /** Opens the session. A failure leaves nothing open. */
     Session(int level) {
         TURN.lock();
         try {
             if (taken) {
-                throw new IllegalStateException("this process has a registry open already; there is one a process");
+                throw new IllegalStateException("this process has a registry open already, and can have only one");
             }
             try {
                 initialize(level);
-                // With the root as working key, names below it are full names, in every method.
+                // With the root as the working key, every method takes full names.
                 call("", report -> natives.openKey("", report));
                 open = true;
                 taken = true;
@@ -45,12 +45,12 @@ final class Session implements AutoCloseable {
         Report report = new Report();
         natives.initializeTKVLevel(level, report);
         if (report.failed()) {
-            throw report.text() != null ? report.exception(null) : RegistryException.saying(
-                    ResultCode.UNKNOWN, null, "a service of the platform could not be started");
+            throw report.text() != null ? report.exception(null) : RegistryException.saying(ResultCode.UNKNOWN, null,
+                    "a service of the platform could not be started; -Dtkv.trace=true shows which");
         }
     }
 
-    /** Closes the session, after the calls in progress. */
+    /** Closes the session, after waiting for the call in progress. */
     @Override
     public void close() {
         TURN.lock();
@@ -66,7 +66,7 @@ final class Session implements AutoCloseable {
         }
     }
 
-    /** Does work that consists of native calls, with nobody else's between them. */
+    /** Does work that consists of native calls; no other thread's calls come between them. */
     <T> T inTurn(Supplier<T> work) {
         TURN.lock();
         try {
@@ -83,7 +83,7 @@ final class Session implements AutoCloseable {
         return natives;
     }
 
-    /** Makes a native call that gives something back, and throws when it failed. */
+    /** Makes a native call, throws if it failed, and returns its result. */
     <T> T query(String key, Function<Report, T> call) {
         Report report = new Report();
         T answer = call.apply(report);
@@ -93,7 +93,7 @@ final class Session implements AutoCloseable {
         return answer;
     }
 
-    /** Makes a native call, and throws when it failed. */
+    /** Makes a native call and throws if it failed. */
     void call(String key, Consumer<Report> call) {
         query(key, report -> {
             call.accept(report);

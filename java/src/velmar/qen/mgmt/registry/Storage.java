@@ -1,10 +1,10 @@
 package velmar.qen.mgmt.registry;
 
 /**
- * What a path can hold.
+ * The kind of registry that can be stored at a path.
  *
  * @param kind the kind of storage
- * @param text what the registry says about the path, empty for {@link Kind#EMBEDDED}
+ * @param text the registry's message about the path, empty for {@link Kind#EMBEDDED}
  */
 public record Storage(Kind kind, String text) {
     /** Kinds of storage. */
@@ -13,7 +13,7 @@ public record Storage(Kind kind, String text) {
         EMBEDDED,
         /** The address of a registry that several nodes share. */
         DISTRIBUTED,
-        /** Neither; the text says why. */
+        /** Neither; the text states the reason. */
         UNUSABLE
     }
 }

@@ -1,5 +1,5 @@
 /**
- * The cluster registry: {@link velmar.qen.mgmt.registry.Registry} and the types that its methods take, return and throw.
+ * The cluster registry: {@link velmar.qen.mgmt.registry.Registry}, and what its methods take, return and throw.
  *
  * <p><b>Design.</b> First, nothing is lost and nothing fails silently. A call that returns normally has done what its
  * description says. What the native methods report in odd ways (a status of true after a failed copy, a null both for a

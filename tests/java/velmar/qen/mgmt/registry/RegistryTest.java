@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -83,7 +84,7 @@ class RegistryTest extends OpenRegistry {
         assertTrue(result.getStatus());
         RegistryException failure = assertThrows(RegistryException.class, () -> registry.getList(below("k")));
         assertEquals("TKV-0014: the value of key '" + below("k")
-                + "' is no list in the character set of this process's locale", failure.text());
+                + "' cannot be read as a list in the character set of this process's locale", failure.text());
     }
 
     @ParameterizedTest
@@ -103,7 +104,7 @@ class RegistryTest extends OpenRegistry {
         registry.put(below("k"), "twelve");
         NumberFormatException failure =
                 assertThrows(NumberFormatException.class, () -> registry.getInt(below("k")));
-        assertEquals("the text of key '" + below("k") + "' is no number that fits", failure.getMessage());
+        assertEquals("the text of key '" + below("k") + "' is not a number in range", failure.getMessage());
         registry.putLong(below("k"), Long.MAX_VALUE);
         assertThrows(NumberFormatException.class, () -> registry.getInt(below("k")));
         assertEquals(Long.MAX_VALUE, registry.getLong(below("k")));
@@ -255,6 +256,55 @@ class RegistryTest extends OpenRegistry {
         assertEquals(Optional.of("bin"), registry.group(below("user")));
         assertEquals(Optional.of("root"), registry.owner(below("session")));
         assertEquals(Optional.of("root"), registry.group(below("session")));
+    }
+
+    @Test
+    void copyTreeCopiesTheDeepestTreeInAThreadWithASmallStack() throws InterruptedException {
+        String chain = "k.".repeat(62) + "k";
+        registry.create("s");
+        for (int level = 0; level < 63; level++) {
+            registry.put("s." + chain.substring(0, 2 * level + 1), "value " + level);
+        }
+        boolean sanitized = System.getenv("LD_PRELOAD") != null;
+        Throwable[] failure = new Throwable[1];
+        Thread thread = new Thread(null, () -> registry.copyTree("s", "t"), "copy", sanitized ? 1 << 20 : 128 * 1024);
+        thread.setUncaughtExceptionHandler((ended, thrown) -> failure[0] = thrown);
+        thread.start();
+        thread.join();
+        assertEquals(null, failure[0]);
+        assertEquals("value 62", registry.get("t." + chain));
+        registry.deleteTree("s");
+        registry.deleteTree("t");
+    }
+
+    @Test
+    void copyTreeUndoesTheCopyAfterAnyThrowable() {
+        registry.put(below("s"), "v");
+        registry.put(below("s.child"), "v");
+        AssertionError error = new AssertionError("thrown by a log handler");
+        TKVResult.setTracing(true);
+        try (LoggedLines logged = new LoggedLines(line -> {
+            if (line.startsWith("prsrvtkv_copy_recurse: SUBKEY NAME")) {
+                throw error;
+            }
+        })) {
+            assertSame(error, assertThrows(AssertionError.class, () -> registry.copyTree(below("s"), below("t"))));
+        } finally {
+            TKVResult.setTracing(false);
+        }
+        assertFalse(registry.exists(below("t")));
+    }
+
+    @Test
+    void locationsAreReadOnce() {
+        registry.locations();
+        TKVResult.setTracing(true);
+        try (LoggedLines logged = new LoggedLines()) {
+            assertEquals(Configuration.locations(), registry.locations().places());
+            assertEquals(List.of(), logged.lines());
+        } finally {
+            TKVResult.setTracing(false);
+        }
     }
 
     @Test

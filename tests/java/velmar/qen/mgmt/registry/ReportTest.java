@@ -68,7 +68,7 @@ class ReportTest {
     @Test
     void noReportAtAllIsAnUnknownFailure() {
         assertEquals(14, told().exception("k").code());
-        assertEquals("TKV-0014: the registry gave no text", told().exception("k").text());
+        assertEquals("TKV-0014: the registry reported no reason", told().exception("k").text());
     }
 
     @Test
