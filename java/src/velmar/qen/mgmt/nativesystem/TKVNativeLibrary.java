@@ -2,39 +2,29 @@ package velmar.qen.mgmt.nativesystem;
 
 import java.io.File;
 import java.io.IOException;
-import java.io.InputStream;
-import java.nio.file.FileAlreadyExistsException;
+import java.net.URL;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
-import java.nio.file.LinkOption;
 import java.nio.file.Path;
-import java.nio.file.StandardCopyOption;
-import java.nio.file.attribute.PosixFilePermission;
-import java.nio.file.attribute.PosixFilePermissions;
-import java.security.MessageDigest;
-import java.security.NoSuchAlgorithmException;
 import java.util.ArrayList;
-import java.util.HexFormat;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
-import java.util.Set;
 
 /**
  * Finds and loads {@code libtkv.so}: in the directories of the property {@code tkv.library.path}, in those of {@code
- * java.library.path}, and last the copy in the jar.
+ * java.library.path}, and finally in the jar, whose copy is extracted together with the module for etcd.
  *
- * <p>A library that is there but cannot be loaded does not end the search; the log tells of it. The copy in the jar
- * has to become a file first: it goes, with the module for etcd, into a directory named by their content below {@code
- * java.io.tmpdir/tkv-<user>}, which nobody else may read or write. A file that is already there is used only when its
- * content is the jar's.
+ * <p>A library that exists but cannot be loaded does not end the search; it is logged. The copy in the jar is extracted
+ * to {@code tkv-<user>} below {@code java.io.tmpdir}. If that directory belongs to somebody else, others can enter it,
+ * or libraries in it cannot be loaded, the next of these is used: {@code tkv} below {@code $XDG_RUNTIME_DIR}, {@code
+ * tkv} below {@code ~/.cache}, and a new directory that is removed when the process ends.
  */
 final class TKVNativeLibrary {
     static final String PATH_PROPERTY = "tkv.library.path";
     private static final String LIBRARY = System.mapLibraryName("tkv");
     private static final String ETCD_MODULE = System.mapLibraryName("tkv_etcd");
-    private static final Set<PosixFilePermission> OWNER_ONLY = PosixFilePermissions.fromString("rwx------");
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
 
     private static boolean loaded;
@@ -45,10 +35,10 @@ final class TKVNativeLibrary {
     private TKVNativeLibrary() {}
 
     /**
-     * Loads the library unless it is loaded.
+     * Loads the library unless it is loaded already.
      *
-     * @throws UnsatisfiedLinkError naming system, every place tried and the property to set, with each place's own
-     *     failure among its suppressed ones
+     * @throws UnsatisfiedLinkError if no library can be loaded; names the system, every place tried and the property to
+     *     set, and has the failures at each place as suppressed exceptions
      */
     static synchronized void load() {
         if (!loaded) {
@@ -80,7 +70,7 @@ final class TKVNativeLibrary {
             places.add(file + " (" + origin + ")");
             return Files.exists(file) && loads(file);
         } catch (InvalidPathException e) {
-            // Such as a name that the JVM's character set for file names does not have.
+            // The JVM's character set for file names may lack a character, for example.
             places.add(directory + " (" + origin + ")");
             failures.add(e);
             return false;
@@ -100,68 +90,24 @@ final class TKVNativeLibrary {
     private boolean fromJar() {
         String folder = "/native/" + platform() + "/";
         places.add("the jar's " + folder + LIBRARY);
-        try {
-            Map<String, byte[]> files = new LinkedHashMap<>();
-            for (String name : List.of(LIBRARY, ETCD_MODULE)) {
-                byte[] content = resource(folder + name);
-                if (content != null) {
-                    files.put(name, content);
-                }
+        Map<String, URL> resources = new LinkedHashMap<>();
+        for (String name : List.of(LIBRARY, ETCD_MODULE)) {
+            URL resource = TKVNativeLibrary.class.getResource(folder + name);
+            if (resource != null) {
+                resources.put(name, resource);
             }
-            return files.containsKey(LIBRARY) && loads(extract(files).resolve(LIBRARY));
-        } catch (IOException | InvalidPathException | NoSuchAlgorithmException e) {
+        }
+        ExtractedLibraries libraries = new ExtractedLibraries(resources);
+        return resources.containsKey(LIBRARY)
+                && ExtractedLibraries.places().stream().anyMatch(place -> loads(libraries, place));
+    }
+
+    private boolean loads(ExtractedLibraries libraries, ExtractedLibraries.Place place) {
+        try {
+            return loads(libraries.extractTo(place.base()).resolve(LIBRARY));
+        } catch (IOException | InvalidPathException e) {
             failures.add(e);
             return false;
-        }
-    }
-
-    private static byte[] resource(String name) throws IOException {
-        try (InputStream in = TKVNativeLibrary.class.getResourceAsStream(name)) {
-            return in == null ? null : in.readAllBytes();
-        }
-    }
-
-    private static Path extract(Map<String, byte[]> files) throws IOException, NoSuchAlgorithmException {
-        MessageDigest digest = MessageDigest.getInstance("SHA-256");
-        files.values().forEach(digest::update);
-        Path base = Path.of(System.getProperty("java.io.tmpdir"), "tkv-" + System.getProperty("user.name"));
-        Path directory = privateDirectory(privateDirectory(base).resolve(HexFormat.of().formatHex(digest.digest())));
-        for (Map.Entry<String, byte[]> file : files.entrySet()) {
-            place(directory.resolve(file.getKey()), file.getValue());
-        }
-        return directory;
-    }
-
-    private static Path privateDirectory(Path directory) throws IOException {
-        if (!Files.exists(directory, LinkOption.NOFOLLOW_LINKS)) {
-            try {
-                Files.createDirectory(directory, PosixFilePermissions.asFileAttribute(OWNER_ONLY));
-            } catch (FileAlreadyExistsException e) {
-                LOGGER.log(System.Logger.Level.DEBUG, () -> directory + " was made by another process meanwhile");
-            }
-        }
-        Map<String, Object> found = Files.readAttributes(directory, "unix:uid,isDirectory,permissions",
-                                                         LinkOption.NOFOLLOW_LINKS);
-        Object user = Files.getAttribute(Path.of("/proc/self"), "unix:uid");
-        if (!user.equals(found.get("uid")) || !Boolean.TRUE.equals(found.get("isDirectory"))
-                || !OWNER_ONLY.equals(found.get("permissions"))) {
-            throw new IOException(directory + " is not a directory of this user's alone (mode 0700)");
-        }
-        return directory;
-    }
-
-    private static void place(Path file, byte[] content) throws IOException {
-        if (Files.isRegularFile(file, LinkOption.NOFOLLOW_LINKS)
-                && MessageDigest.isEqual(Files.readAllBytes(file), content)) {
-            return;
-        }
-        // Renamed into place, so that another process never loads half a library.
-        Path fresh = Files.createTempFile(file.getParent(), "new", ".so");
-        try {
-            Files.write(fresh, content);
-            Files.move(fresh, file, StandardCopyOption.ATOMIC_MOVE);
-        } finally {
-            Files.deleteIfExists(fresh);
         }
     }
 

@@ -6,12 +6,17 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
+import java.nio.channels.FileChannel;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
+import java.nio.file.attribute.FileTime;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.util.List;
 import java.util.Map;
 import java.util.stream.Stream;
+import java.util.zip.ZipEntry;
+import java.util.zip.ZipFile;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
@@ -58,11 +63,39 @@ class LibraryLoadingTest {
     }
 
     private String load(String explicit, String libraryPath) throws IOException, InterruptedException {
+        return load(explicit, libraryPath, directory, "");
+    }
+
+    private String load(String explicit, String libraryPath, Path temporary, String runtime)
+            throws IOException, InterruptedException {
         List<String> options = List.of("-Dtkv.library.path=" + explicit, "-Djava.library.path=" + libraryPath,
-                                       "-Djava.io.tmpdir=" + directory);
-        ChildJvm.Outcome outcome = ChildJvm.run(options, Map.of(), Loader.class);
+                                       "-Djava.io.tmpdir=" + temporary, "-Duser.home=" + directory.resolve("home"));
+        ChildJvm.Outcome outcome = ChildJvm.run(options, Map.of("XDG_RUNTIME_DIR", runtime), Loader.class);
         assertEquals(0, outcome.exit(), outcome.output());
         return outcome.output();
+    }
+
+    /** The base directory below the directory for temporary files. */
+    private Path base() {
+        return directory.resolve("tkv-" + System.getProperty("user.name"));
+    }
+
+    /** The directories below a base directory, one for each copy. */
+    private static List<Path> copies(Path base) throws IOException {
+        try (Stream<Path> copies = Files.list(base)) {
+            return copies.toList();
+        }
+    }
+
+    private static void share(Path directory) throws IOException {
+        Files.setPosixFilePermissions(directory, PosixFilePermissions.fromString("rwxrwx---"));
+    }
+
+    /** The library was loaded from below a directory, after a warning about the base directory. */
+    private void assertLoadedFrom(Path expected, String output) {
+        assertTrue(output.contains("status true\nfrom " + expected), output);
+        assertTrue(output.contains("WARNING: " + base() + " is not a directory that belongs to this user alone"),
+                   output);
     }
 
     private static Path built() {
@@ -72,6 +105,15 @@ class LibraryLoadingTest {
     /** The files of this build: the library, and the module unless it was left out. */
     private static List<Path> allBuilt() {
         return Stream.of(LIBRARY, ETCD_MODULE).map(built()::resolveSibling).filter(Files::exists).toList();
+    }
+
+    /** The content of a library in the jar, which is stripped. */
+    private static byte[] inJar(String name) throws IOException {
+        try (ZipFile jar = new ZipFile(System.getProperty("tkv.jar"))) {
+            ZipEntry library = jar.stream().filter(entry -> entry.getName().endsWith("/" + name)).findFirst()
+                    .orElseThrow();
+            return jar.getInputStream(library).readAllBytes();
+        }
     }
 
     /** What the loader says when all came from a directory. */
@@ -106,7 +148,8 @@ class LibraryLoadingTest {
         Path file = extracted();
         assertEquals(openedFrom(file.getParent()), output);
         for (Path built : allBuilt()) {
-            assertEquals(-1, Files.mismatch(built, file.resolveSibling(built.getFileName())));
+            String name = built.getFileName().toString();
+            assertArrayEquals(inJar(name), Files.readAllBytes(file.resolveSibling(name)), name);
         }
         assertEquals("rwx------", PosixFilePermissions.toString(Files.getPosixFilePermissions(file.getParent())));
         assertEquals("rwx------",
@@ -119,32 +162,114 @@ class LibraryLoadingTest {
         Path file = extracted();
         Files.writeString(file, "not a library");
         assertTrue(load("", "/none").startsWith("status true\n"));
-        assertArrayEquals(Files.readAllBytes(built()), Files.readAllBytes(file));
+        assertArrayEquals(inJar(LIBRARY), Files.readAllBytes(file));
     }
 
     @Test
-    void refusesADirectoryThatOthersMayUse() throws IOException, InterruptedException {
+    void doesNotWriteACopyThatIsThereAgain() throws IOException, InterruptedException {
         load("", "/none");
-        Path base = extracted().getParent().getParent();
-        Files.setPosixFilePermissions(base, PosixFilePermissions.fromString("rwxrwx---"));
-        String output = load("", "/none");
-        assertTrue(output.contains("suppressed java.io.IOException: " + base), output);
-        Files.setPosixFilePermissions(base, PosixFilePermissions.fromString("rwx------"));
+        Path file = extracted();
+        FileTime written = Files.getLastModifiedTime(file);
+        assertEquals(openedFrom(file.getParent()), load("", "/none"));
+        assertEquals(written, Files.getLastModifiedTime(extracted()));
+        assertEquals(1, copies(base()).size());
+    }
+
+    @Test
+    void removesOldCopiesThatNobodyUses() throws IOException, InterruptedException {
+        Files.createDirectory(base());
+        Files.setPosixFilePermissions(base(), PosixFilePermissions.fromString("rwx------"));
+        Path old = Files.createDirectory(base().resolve("0123456789abcdef"));
+        Files.writeString(old.resolve(LIBRARY), "an old library");
+        Path used = Files.createDirectory(base().resolve("fedcba9876543210"));
+        Files.writeString(used.resolve(LIBRARY), "an old library in use");
+        try (FileChannel lock = FileChannel.open(used.resolve("in-use"), StandardOpenOption.CREATE,
+                                                 StandardOpenOption.READ, StandardOpenOption.WRITE)) {
+            lock.lock(0, Long.MAX_VALUE, true);
+            load("", "/none");
+        }
+        assertFalse(Files.exists(old));
+        assertEquals("an old library in use", Files.readString(used.resolve(LIBRARY)));
+    }
+
+    @Test
+    void usesTheRuntimeDirectoryWhenOthersCanEnterTheFirst() throws IOException, InterruptedException {
+        share(Files.createDirectory(base()));
+        Path runtime = Files.createDirectory(directory.resolve("run"));
+        String output = load("", "/none", directory, runtime.toString());
+        assertLoadedFrom(runtime.resolve("tkv"), output);
+        assertEquals(List.of(), copies(base()));
+    }
+
+    @Test
+    void usesTheCacheWhenThereIsNoRuntimeDirectory() throws IOException, InterruptedException {
+        share(Files.createDirectory(base()));
+        Path home = Files.createDirectory(directory.resolve("home"));
+        assertLoadedFrom(home.resolve(".cache/tkv"), load("", "/none"));
+        String absent = directory.resolve("absent").toString();
+        assertLoadedFrom(home.resolve(".cache/tkv"), load("", "/none", directory, absent));
+    }
+
+    @Test
+    void usesANewDirectoryInTheEndAndRemovesIt() throws IOException, InterruptedException {
+        share(Files.createDirectory(base()));
+        assertLoadedFrom(directory.resolve("tkv-"), load("", "/none"));
+        assertEquals(List.of(base()), copies(directory));
+    }
+
+    @Test
+    void doesNotUseAnotherUsersDirectoryOrALink() throws IOException, InterruptedException {
+        Path elsewhere = Files.createDirectory(directory.resolve("elsewhere"));
+        Files.createSymbolicLink(base(), elsewhere);
+        assertLoadedFrom(directory.resolve("tkv-"), load("", "/none"));
+        assertEquals(List.of(), copies(elsewhere));
+    }
+
+    @Test
+    void doesNotUseADirectoryThatOthersCanReplace() throws IOException, InterruptedException {
+        Path open = Files.createDirectory(directory.resolve("open"));
+        Files.setPosixFilePermissions(open, PosixFilePermissions.fromString("rwxrwxrwx"));
+        String output = load("", "/none", open, Files.createDirectory(directory.resolve("run")).toString());
+        assertTrue(output.contains("from " + directory.resolve("run/tkv")), output);
+        assertTrue(output.contains("tkv-" + System.getProperty("user.name") + " can be replaced by others"), output);
+    }
+
+    @Test
+    @AsRoot
+    void passesOverAFileSystemThatForbidsExecution() throws IOException, InterruptedException {
+        Path mounted = Files.createDirectory(directory.resolve("no exec"));
+        Path runtime = Files.createDirectory(directory.resolve("run"));
+        List<String> command = List.of(
+                "unshare", "--mount", "sh", "-c",
+                "mount -t tmpfs -o noexec,mode=700 none \"$1\" && shift && exec \"$@\"", "sh",
+                mounted.toString(), System.getProperty("java.home") + "/bin/java", "-Xcheck:jni",
+                "-Dtkv.library.path=", "-Djava.library.path=/none", "-Djava.io.tmpdir=" + mounted, "-cp",
+                System.getProperty("java.class.path"), Loader.class.getName());
+        ProcessBuilder builder = new ProcessBuilder(command).redirectErrorStream(true);
+        builder.environment().put("XDG_RUNTIME_DIR", runtime.toString());
+        Process process = builder.start();
+        String output = new String(process.getInputStream().readAllBytes());
+        assertEquals(0, process.waitFor(), output);
+        assertTrue(output.contains("is on a file system that is mounted with noexec"), output);
+        assertTrue(output.contains("status true\nfrom " + runtime.resolve("tkv")), output);
     }
 
     @Test
     void saysWhereItLookedAndWhyThatFailed() throws IOException, InterruptedException {
         Path broken = Files.createDirectory(directory.resolve("broken"));
         Files.writeString(broken.resolve(LIBRARY), "not a library");
-        Path occupied = Files.createFile(directory.resolve("tkv-" + System.getProperty("user.name")));
-        String output = load(broken.toString(), "/none:/nowhere");
+        Path absent = directory.resolve("absent");
+        String output = load(broken.toString(), "/none:/nowhere", absent, absent.toString());
         String system = System.getProperty("os.name") + " " + System.getProperty("os.arch");
         assertTrue(output.contains("error cannot load libtkv.so on " + system
                 + "; set the property tkv.library.path to the directory that holds it. Tried:\n  "
                 + broken.resolve(LIBRARY) + " (tkv.library.path)\n  /none/libtkv.so (java.library.path)\n"
                 + "  /nowhere/libtkv.so (java.library.path)\n  the jar's /native/"), output);
         assertTrue(output.contains("suppressed java.lang.UnsatisfiedLinkError: " + broken.resolve(LIBRARY)), output);
-        assertTrue(output.contains("suppressed java.io.IOException: " + occupied), output);
+        for (Path place : List.of(absent.resolve("tkv-" + System.getProperty("user.name")), absent.resolve("tkv"),
+                                  directory.resolve("home/.cache"), absent.resolve("tkv-"))) {
+            assertTrue(output.contains("suppressed java.nio.file.NoSuchFileException: " + place), output);
+        }
     }
 
     @Test
