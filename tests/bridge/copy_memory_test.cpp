@@ -1,4 +1,6 @@
-/* The memory of a deep copy: what it takes from the thread's stack, and what it does when the heap gives nothing. */
+/* The memory of a copy: what it takes from the thread's stack, what it does when the heap gives nothing, and where it
+ * ends names that its buffers cannot hold.
+ */
 #include <pthread.h>
 
 #include <algorithm>
@@ -66,9 +68,9 @@ class CopyMemory : public BridgeTest {
     BridgeTest::TearDown();
   }
 
-  void copyChain(int levels) {
+  void copyChain(int levels, const std::string& destination = "d") {
     recording().unscripted = Chain{levels};
-    copyRecurse(string("s"), string("d"), 1);
+    copyRecurse(string("s"), string(destination), 1);
     recording().unscripted = nullptr;
   }
 
@@ -94,6 +96,27 @@ TEST_F(CopyMemory, SixtyFourLevelsFitASmallStack) {
   EXPECT_EQ(count("prtkv_create_n_set_key("), 64);
   EXPECT_EQ(recording().lines().back(), "prsrvut_setStatus(1)");
   EXPECT_EQ(count("prsrvut_setStatus(0)"), 0);
+}
+
+// The names of a copy's keys have 1,289 bytes, the NUL included: the longest full name and one level more.
+TEST_F(CopyMemory, NamesOfTheDestinationEndWithTheirBuffer) {
+  const struct {
+    size_t destination;
+    std::string opened;
+  } kRows[] = {
+      {1286, std::string(1286, 'd') + ".k"}, {1287, std::string(1287, 'd') + "."}, {1288, std::string(1288, 'd')},
+      {1289, std::string(1288, 'd')},        {1290, std::string(1288, 'd')},       {5000, std::string(1288, 'd')},
+  };
+  for (const auto& row : kRows) {
+    recording().forgetLines();
+    copyChain(1, std::string(row.destination, 'd'));
+    std::vector<std::string> opened;
+    for (const std::string& line : recording().lines()) {
+      if (line.starts_with("prtkv_open_key(") && line.find("dddd") != std::string::npos) opened.push_back(line);
+    }
+    ASSERT_EQ(opened.size(), 3U) << "by copyRecurse, by the walk, and by the walk below the child";
+    EXPECT_THAT(opened.back(), ::testing::HasSubstr(quote(row.opened))) << row.destination;
+  }
 }
 
 TEST_F(CopyMemory, ALevelWithoutMemoryIsAFailureOnEveryLevelAboveIt) {

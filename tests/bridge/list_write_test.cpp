@@ -426,6 +426,11 @@ class RefusedList : public SetKeyValues {
     EXPECT_THAT(lines, Not(Contains(HasSubstr("prtkv_set_value("))));
     EXPECT_THAT(lines, Not(Contains(HasSubstr("prtkv_create"))));
     EXPECT_THAT(lines, Not(Contains(HasSubstr("setTKVErrCode"))));
+    // An element is given back before the report, the name after it.
+    report.push_back(releases("k").line());
+    ASSERT_GE(lines.size(), report.size());
+    EXPECT_THAT(std::vector<std::string>(lines.end() - static_cast<std::ptrdiff_t>(report.size()), lines.end()),
+                ::testing::ElementsAreArray(report));
   }
 };
 

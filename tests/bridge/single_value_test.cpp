@@ -136,6 +136,39 @@ TEST_F(GetKeyValue, EndsAValueThatShrankAtItsNewSize) {
   EXPECT_EQ(textOf(getKeyValue(string("a"))), "vv");
 }
 
+// A registry that answers with more than the buffer holds is not believed beyond the buffer's end.
+TEST_F(GetKeyValue, EndsAValueThatHasGrownAtTheEndOfTheBuffer) {
+  const std::string value(1100, 'v');
+  expect({
+      opened("a"),
+      get_value(kKey, 1024).returns(9).size(1100),
+      read_trace(9, 1100),
+      allocates(1101, "enlarged"),
+      get_value(kKey, 1100, "enlarged").says(value).size(5000),
+      read_trace(0, 5000),
+      trace("getKeyValue: value is [" + value + "] dtype = 3\n"),
+      new_string(value),
+      frees("enlarged"),
+      given_back("a"),
+      status(true),
+  });
+  EXPECT_EQ(textOf(getKeyValue(string("a"))), value);
+}
+
+TEST_F(GetKeyValue, EndsAValueOfOneReadAtTheEndOfTheBuffer) {
+  const std::string value(1024, 'v');
+  expect({
+      opened("a"),
+      get_value(kKey, 1024).says(value).size(1025),
+      read_trace(0, 1025),
+      trace("getKeyValue: value is [" + value + "] dtype = 3\n"),
+      new_string(value),
+      given_back("a"),
+      status(true),
+  });
+  EXPECT_EQ(textOf(getKeyValue(string("a"))), value);
+}
+
 TEST_F(GetKeyValue, GivesNullForALongValueThatShrankToOneByte) {
   expect({
       opened("a"),
