@@ -1,9 +1,9 @@
 /* The security attribute record: who owns a key and what owner, group and others may do with it.
  *
- * The record travels by pointer and by value between the bridge and the registry client, so its layout is
- * fixed: 140 bytes, no padding, integers in the machine's byte order. Whoever prepares one zero-fills it first.
- * Names are in the native character set. A name of exactly 64 bytes has no terminating NUL: compare and copy
- * names within TKV_NAME_SIZE bytes.
+ * The record is passed by pointer and by value between the bridge and the registry client, so its layout is fixed: 140
+ * bytes, no padding, integers in the machine's byte order. Zero-fill a record before setting its fields. Names are in
+ * the native character set. A name of exactly 64 bytes has no terminating NUL: compare and copy names within
+ * TKV_NAME_SIZE bytes.
  */
 #ifndef TKV_PLATFORM_SEC_ATTR_H
 #define TKV_PLATFORM_SEC_ATTR_H
@@ -29,8 +29,8 @@ typedef struct sec_attr {
   int32_t user_perm;              /* rights of the owning user */
   int32_t group_perm;             /* rights of the owning group */
   int32_t other_perm;             /* rights of everybody else */
-  char user_name[TKV_NAME_SIZE];  /* owning user; empty: nobody */
-  char group_name[TKV_NAME_SIZE]; /* owning group; empty: none */
+  char user_name[TKV_NAME_SIZE];  /* owning user; empty if there is none */
+  char group_name[TKV_NAME_SIZE]; /* owning group; empty if there is none */
 } sec_attr;
 
 static_assert(sizeof(sec_attr) == 140, "the record is 140 bytes without padding");

@@ -10,11 +10,11 @@
 namespace tkv::lpm {
 namespace {
 
-// Every context of the process. Ids are counted up and never used again, so that a stale one is known for what it is.
+// All contexts of the process. Ids are never reused, so a stale id is recognized.
 class Contexts {
  public:
   static Contexts& instance() {
-    // Never destroyed: threads may still read blocks of the process's context while the process ends.
+    // Never destroyed: other threads may still read blocks of the process's context while the process exits.
     static Contexts& contexts = *new Contexts;
     return contexts;
   }
@@ -89,7 +89,7 @@ extern "C" void lpmprterm(lpm_ctx pm) {
   try {
     Contexts::instance().end(pm);
   } catch (const std::bad_alloc&) {
-    // The table itself could not be made: there is no context to end.
+    // The table could not be created, so there is no context to end.
   }
 }
 
@@ -105,6 +105,6 @@ extern "C" void prou_freem(lpm_ctx pm, void* block) {
   try {
     Contexts::instance().give_back(pm, block);
   } catch (const std::bad_alloc&) {
-    // The block is cleared and out of use; only its reuse is lost.
+    // The block has been cleared; it is only not reused.
   }
 }

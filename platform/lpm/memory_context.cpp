@@ -14,9 +14,9 @@ namespace {
 bool is_paged(std::size_t size) { return size >= MemoryContext::kPagedSize; }
 
 void clear(void* address, std::size_t size) {
-  // Pages given back read as zeros, and the system clears them before anybody else gets them. Locked ones it refuses.
+  // Released pages read as zeros, and the system clears them before reusing them. It refuses to release locked pages.
   if (is_paged(size) && madvise(address, size, MADV_DONTNEED) == 0) return;
-  // Nobody reads the block before it is handed out again, so that a compiler may leave out a plain memset.
+  // The block is not read before it is reused, so the compiler could omit a plain memset.
   explicit_bzero(address, size);
 }
 
@@ -82,7 +82,7 @@ void MemoryContext::give_back(void* address) {
   const auto found = blocks_.find(address);
   if (found == blocks_.end() || found->second.is_free) return;
   clear(address, found->second.size);
-  // A block that cannot be queued for want of memory stays out of use; it is cleared all the same.
+  // If there is no memory to queue the block, it is cleared but not reused.
   found->second.is_free = true;
   free_[found->second.size].push_back(address);
 }

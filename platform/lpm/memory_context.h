@@ -10,14 +10,14 @@
 
 namespace tkv::lpm {
 
-// Blocks are taken from the system in classes, four to each doubling of the size, and stay with the context: a freed
-// block is handed out again for a later request of its class, the one that was freed first before the others. So a
-// context never holds more of a class than was in use at once, but for two things:
+// Blocks are allocated in size classes, four for each doubling of the size, and stay with the context. A freed block is
+// reused for a later request of its class, the one freed first before the others. A context therefore never holds more
+// blocks of a class than were in use at once, with two exceptions:
 //   - a freed block of up to kRestingSize bytes rests until kRestingBlocks others of its class have been freed, so that
-//     a late read of it sees zeros: a class of small blocks may hold that many more;
-//   - the pages of a freed block of kPagedSize bytes or more go back to the system; its addresses stay readable, and
-//     read as zeros.
-// Not synchronised.
+//     a late read of it yields zeros; a class of small blocks may hold that many more;
+//   - the pages of a freed block of kPagedSize bytes or more are released to the system; its addresses stay readable
+//     and read as zeros.
+// Not thread-safe.
 class MemoryContext {
  public:
   static constexpr std::size_t kRestingSize = 4096;
@@ -29,16 +29,16 @@ class MemoryContext {
   MemoryContext(const MemoryContext&) = delete;
   MemoryContext& operator=(const MemoryContext&) = delete;
 
-  // A zero-filled block of at least `size` bytes, aligned for any type. Throws std::bad_alloc.
+  // Returns a zero-filled block of at least `size` bytes, aligned for any type. Throws std::bad_alloc.
   void* take(std::size_t size);
 
-  // Zero-fills a block and keeps it for reuse. What is not a block in use is ignored.
+  // Zero-fills a block and keeps it for reuse. Has no effect on an address that is not that of a block in use.
   void give_back(void* address);
 
-  // Bytes that the context has from the system, freed blocks included.
+  // Returns the number of bytes allocated from the system, including freed blocks.
   std::size_t held_bytes() const { return held_bytes_; }
 
-  // The size of the blocks that serve requests of `size` bytes.
+  // Returns the size of the blocks that serve requests of `size` bytes.
   static std::size_t class_size(std::size_t size);
 
  private:
@@ -51,7 +51,7 @@ class MemoryContext {
   void* fetch(std::size_t size);
 
   std::unordered_map<void*, Block> blocks_;
-  std::map<std::size_t, std::deque<void*>> free_;  // by class, in the order in which they were freed
+  std::map<std::size_t, std::deque<void*>> free_;  // by size class, in the order in which they were freed
   std::size_t held_bytes_ = 0;
 };
 

@@ -10,7 +10,7 @@
 namespace tkv::lx {
 namespace {
 
-// Ids are handed out as 16-bit words that callers may take as signed.
+// Ids are 16-bit words that callers may treat as signed.
 constexpr std::size_t kMaxCharsets = 0x7FFF;
 
 struct Alias {
@@ -18,7 +18,7 @@ struct Alias {
   const char* name;
 };
 
-// What locales and people write for the sets that have several spellings.
+// Other spellings of character sets, as found in locale names and configurations.
 constexpr Alias kAliases[] = {
     {"UTF8", "UTF-8"},   {"USASCII", "US-ASCII"},  {"ASCII", "US-ASCII"},    {"ANSIX341968", "US-ASCII"},
     {"646", "US-ASCII"}, {"ISO646US", "US-ASCII"}, {"LATIN1", "ISO-8859-1"}, {"LATIN9", "ISO-8859-15"},
@@ -26,7 +26,7 @@ constexpr Alias kAliases[] = {
     {"EUCKR", "EUC-KR"}, {"EUCTW", "EUC-TW"},      {"EUCCN", "GB2312"},      {"BIG5HKSCS", "BIG5-HKSCS"},
 };
 
-// Of ASCII alone: what the process's global locale thinks of letters does not matter here.
+// ASCII only, regardless of the process's global locale.
 bool is_letter_or_digit(char byte) {
   return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9');
 }
@@ -51,7 +51,7 @@ std::string canonical_name(std::string_view name) {
   return std::string(name);
 }
 
-// Names go to iconv, which takes "//" for the start of its own options, and into records of fixed size.
+// Names are passed to iconv, which takes "//" for the start of options, and are stored in records of fixed size.
 bool is_plain_name(std::string_view name) {
   constexpr std::size_t kLongestName = 55;
   if (name.empty() || name.size() > kLongestName) return false;
@@ -78,7 +78,7 @@ bool writes_zero_bytes(IconvDescriptor& encoder) {
   return written.empty() || written.find('\0') != std::string_view::npos;
 }
 
-// Whether some byte is only the beginning of a character.
+// Whether the set has characters of several bytes.
 bool has_lead_bytes(IconvDescriptor& decoder) {
   for (int byte = 1; byte < 256; ++byte) {
     const char letter = static_cast<char>(byte);
@@ -95,7 +95,7 @@ bool has_lead_bytes(IconvDescriptor& decoder) {
 class Charsets {
  public:
   static Charsets& instance() {
-    // Never destroyed: threads may still convert while the process ends.
+    // Never destroyed: other threads may still convert while the process exits.
     static Charsets& charsets = *new Charsets;
     return charsets;
   }
@@ -127,7 +127,7 @@ class Charsets {
 
  private:
   Charsets() {
-    // The same ids in every process for what nearly every process uses.
+    // The most common sets have the same ids in every process.
     for (const char* name : {"UTF-8", "US-ASCII", "ISO-8859-1"}) add(name);
   }
 
@@ -149,7 +149,7 @@ class Charsets {
   std::vector<std::unique_ptr<Charset>> charsets_;  // in the order of their ids, from 1
 };
 
-// One byte a character: the set is the first `limit` characters of Unicode.
+// Encodes into a set of one byte per character that is the first `limit` characters of Unicode.
 std::optional<std::string> narrowed(std::u16string_view text, unsigned limit) {
   std::string bytes;
   bytes.reserve(text.size());

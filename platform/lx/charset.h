@@ -1,6 +1,7 @@
-// Charset: a character set of this system, known for as long as the process lives.
+// Charset: a character set of this system.
 //
-// Sets are kept once each and never go away, so that their addresses and ids may be handed out. Any thread may call.
+// There is one object for each set, which lives as long as the process, so its address and id stay valid. Any thread
+// may call.
 #ifndef TKV_PLATFORM_LX_CHARSET_H
 #define TKV_PLATFORM_LX_CHARSET_H
 
@@ -19,7 +20,7 @@ namespace tkv::lx {
 // iconv's name for this machine's own UTF-16, without a byte order mark.
 inline constexpr const char* kUtf16 = std::endian::native == std::endian::little ? "UTF-16LE" : "UTF-16BE";
 
-// A conversion of iconv's from one character set to another. One thread at a time may use it.
+// An iconv conversion from one character set to another. Not thread-safe.
 class IconvDescriptor {
  public:
   IconvDescriptor(const char* to, const char* from) : descriptor_(iconv_open(to, from)) {}
@@ -27,23 +28,23 @@ class IconvDescriptor {
   IconvDescriptor(IconvDescriptor&& other) noexcept : descriptor_(other.release()) {}
   IconvDescriptor& operator=(IconvDescriptor&&) = delete;
 
-  // False when the system does not have the conversion.
+  // False if the system does not have the conversion.
   bool is_open() const { return descriptor_ != closed(); }
 
   enum class Outcome {
     done,
-    output_full,  // whole characters were written up to where the next did not fit
+    output_full,  // whole characters were written, and the next one did not fit
     incomplete,   // the text ends within a character
-    ill_formed    // a character that one of the two sets does not have
+    ill_formed    // the text has a character that one of the two sets does not have
   };
 
-  // Starts anew: what an earlier text left unfinished is forgotten.
+  // Returns to the initial state, discarding what an earlier text left unfinished.
   void reset();
 
-  // Converts from where `from` stands to where `*to` stands, and moves both.
+  // Converts from `from` to `*to` and advances both.
   Outcome convert(std::string_view& from, char** to, std::size_t* room);
 
-  // Writes what the conversion still holds back, and the way back to the initial state.
+  // Writes what the conversion has held back, and the sequence that returns to the initial state.
   Outcome finish(char** to, std::size_t* room);
 
  private:
@@ -58,14 +59,14 @@ class Charset {
  public:
   enum class Kind { utf8, ascii, latin1, iconv };
 
-  // Gives the set of a name, spelt with or without its hyphens, in either case. Null when the system does not have it,
-  // and for a set whose texts have zero bytes within, which no NUL-terminated text can be in.
+  // Returns the set of a name, which may be spelled with or without hyphens and in either case. Returns null if the
+  // system does not have the set, or if its texts contain zero bytes, since they could not be NUL-terminated.
   static const Charset* find(std::string_view name);
 
-  // Gives the set of an id that find gave a set with; null for others.
+  // Returns the set with an id, null if there is none.
   static const Charset* by_id(std::int32_t id);
 
-  // Gives the set at an address that was handed out; null for others.
+  // Returns the set at an address, null if there is none.
   static const Charset* at(const void* address);
 
   const std::string& name() const { return name_; }
@@ -73,7 +74,7 @@ class Charset {
   Kind kind() const { return kind_; }
   bool is_multibyte() const { return is_multibyte_; }
 
-  // Converts UTF-16 to a text of this set. Nothing when it has a character that the set does not.
+  // Converts UTF-16 to this set. Returns nullopt if the text has a character that the set does not have.
   std::optional<std::string> encode(std::u16string_view text) const;
 
   Charset(std::string name, std::uint16_t id, Kind kind, bool is_multibyte);

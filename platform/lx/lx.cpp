@@ -17,7 +17,7 @@ constexpr std::uint32_t kWrongArgument = 1;
 constexpr std::uint32_t kNoSuchCharset = 2;
 constexpr std::int32_t kVersion = 1;
 
-// What a handle holds: its character set, and the descriptors of those that it converted from.
+// The contents of a handle: its character set, and descriptors for the sets that it has converted from.
 class Session {
  public:
   explicit Session(const Charset& charset) : charset_(charset) {}
@@ -45,8 +45,8 @@ IconvDescriptor* Session::decoder(const Charset& charset) {
   return &decoders_.emplace_back(Decoder{&charset, std::move(descriptor)}).descriptor;
 }
 
-// The caller's storage. A handle is recognised by its mark and by its own address, so that neither zeros nor a copied
-// record nor one that was ended pass for one.
+// The layout of the caller's storage. A handle is recognized by its mark and its own address, so zeros, a copy, or a
+// handle that has ended are not taken for one.
 struct Handle {
   std::uint64_t mark;
   Handle* self;
@@ -62,7 +62,7 @@ Handle* handle_at(void* area) {
   return handle != nullptr && handle->mark == kHandleMark && handle->self == handle ? handle : nullptr;
 }
 
-// The character set that an environment names; null when it is none.
+// Returns the character set that an environment names, null if it names none.
 const Charset* charset_of(const void* lang_env) {
   if (lang_env == nullptr) return nullptr;
   const auto* environment = static_cast<const lx_lang_env*>(lang_env);
@@ -70,7 +70,7 @@ const Charset* charset_of(const void* lang_env) {
   return length == 0 ? nullptr : Charset::find({environment->name, length});
 }
 
-// Bytes below `limit` are the characters of the same number, the others none.
+// Converts from a set in which each byte below `limit` is the character of that number and other bytes are ill-formed.
 std::optional<std::size_t> widen(std::string_view from, unsigned limit, std::uint16_t* to, std::size_t capacity) {
   const std::size_t count = to == nullptr || from.size() < capacity ? from.size() : capacity;
   for (std::size_t index = 0; index < count; ++index) {
@@ -81,7 +81,7 @@ std::optional<std::size_t> widen(std::string_view from, unsigned limit, std::uin
   return count;
 }
 
-// As iconv gives them: what does not fit is left out, never a part of a character.
+// Writes as many whole characters as fit.
 std::optional<std::size_t> decode_into(IconvDescriptor& decoder, std::string_view from, std::uint16_t* to,
                                        std::size_t capacity) {
   char* const start = reinterpret_cast<char*>(to);
@@ -130,7 +130,7 @@ std::optional<std::size_t> to_utf16(Session& session, const Charset& charset, st
   return to == nullptr ? decoded_size(*decoder, from) : decode_into(*decoder, from, to, capacity);
 }
 
-// The set at an address that a caller holds; null for others. The table of sets may have to be made to know.
+// As Charset::at, but returns null if there is no memory to create the table of sets.
 const Charset* charset_at(const void* address) noexcept {
   try {
     return Charset::at(address);
@@ -158,7 +158,7 @@ using tkv::lx::Session;
 extern "C" void* lxlinit(void* parameters, int32_t version, uint32_t* error) {
   uint32_t ignored = 0;
   try {
-    // The services are the process's own and never end: all that there is to hand out is the set that was found.
+    // The services belong to the process and never end, so the character set is all that there is to return.
     return const_cast<Charset*>(tkv::lx::start(parameters, version, error == nullptr ? &ignored : error));
   } catch (const std::bad_alloc&) {
     return nullptr;

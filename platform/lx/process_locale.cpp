@@ -14,7 +14,7 @@ constexpr const char* kDefaultCharset = "UTF-8";
 
 bool is_c_locale(std::string_view name) { return name == "C" || name == "POSIX"; }
 
-// The character set of an installed locale; empty when there is none of that name.
+// Returns the character set of an installed locale, or "" if there is no locale of that name.
 std::string installed_charset(std::string_view name) {
   const locale_t locale = newlocale(LC_CTYPE_MASK, std::string(name).c_str(), static_cast<locale_t>(nullptr));
   if (locale == static_cast<locale_t>(nullptr)) return {};
@@ -24,7 +24,7 @@ std::string installed_charset(std::string_view name) {
 }
 
 const char* environment(const char* name) {
-  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody changes the environment meanwhile
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): callers do not change the environment
   return value == nullptr || *value == '\0' ? nullptr : value;
 }
 
@@ -32,15 +32,15 @@ const Charset* find_charset(std::string_view name) {
   return Charset::find(is_c_locale(name) ? std::string_view(kDefaultCharset) : name);
 }
 
-// The last answer to a question, since a process seldom changes its environment, while finding a set takes its time and
-// asking the system for a locale reads files.
+// Caches the last answer: a process seldom changes its environment, while finding a character set is slow, and looking
+// up a locale reads files.
 class LastAnswer {
  public:
   explicit LastAnswer(const Charset* (*ask)(std::string_view)) : ask_(ask) {}
 
   const Charset* to(const char* question) {
     const std::lock_guard lock(mutex_);
-    // A set that was not found is looked for again: there may only have been no memory or no descriptor for it.
+    // A set that was not found is looked up again, because there may have been no memory or no descriptor for it.
     if (charset_ == nullptr || question_ != question) {
       charset_ = nullptr;
       question_ = question;
@@ -73,7 +73,7 @@ const Charset* charset_of_locale(std::string_view locale) {
 }
 
 const Charset* charset_of_process() {
-  // Never destroyed: threads may still convert while the process ends.
+  // Never destroyed: other threads may still convert while the process exits.
   static LastAnswer& of_charset = *new LastAnswer(find_charset);
   static LastAnswer& of_locale = *new LastAnswer(charset_of_locale);
   if (const char* charset = environment("TKV_CHARSET")) return of_charset.to(charset);

@@ -12,14 +12,14 @@
 namespace tkv::prsrvut {
 namespace {
 
-// Enough for any program's result classes and their methods; beyond that the oldest is looked up anew.
+// Enough for the result classes of any program and their methods. Beyond that, the oldest entry is dropped.
 constexpr std::size_t kMaxClasses = 32;
 constexpr std::size_t kMaxMethods = 16;
 
 struct Method {
   std::string name;
   std::string signature;
-  jmethodID id;  // null: the class has no such method
+  jmethodID id;  // null if the class has no such method
 };
 
 struct Class {
@@ -30,13 +30,13 @@ struct Class {
 class Classes {
  public:
   static Classes& instance() {
-    // Never destroyed: threads may still report while the process ends. Made without memory that could be missing.
+    // Never destroyed: other threads may still report while the process exits. Needs no allocation, which could fail.
     alignas(Classes) static std::byte place[sizeof(Classes)];
     static Classes& classes = *new (place) Classes;
     return classes;
   }
 
-  // Whether the method was looked up before; `*id` receives it, null when the class has none.
+  // Returns whether the method was looked up before. `*id` receives it, null if the class has no such method.
   bool recall(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID* id) {
     const std::lock_guard lock(mutex_);
     const Class* known = find(env, type);
@@ -50,7 +50,7 @@ class Classes {
     return false;
   }
 
-  // Without memory, what was looked up is not kept, and looked up again the next time.
+  // Does nothing if out of memory; the method is then looked up again the next time.
   void remember(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) noexcept {
     try {
       keep(env, type, name, signature, id);
@@ -84,7 +84,7 @@ class Classes {
   }
 
   Class* add(JNIEnv* env, jclass type) {
-    // A class that was unloaded is the null reference now.
+    // The reference to an unloaded class has become null.
     classes_.remove_if([env](const Class& known) {
       const bool is_unloaded = env->IsSameObject(known.reference, nullptr) == JNI_TRUE;
       if (is_unloaded) env->DeleteWeakGlobalRef(known.reference);
@@ -103,7 +103,7 @@ class Classes {
   }
 
   std::mutex mutex_;
-  std::list<Class> classes_;  // the oldest first
+  std::list<Class> classes_;  // oldest first
 };
 
 }  // namespace
@@ -113,7 +113,7 @@ jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char*
   if (type == nullptr) return nullptr;
   jmethodID id = nullptr;
   if (!Classes::instance().recall(env, type, name, signature, &id)) {
-    // Outside the lock: the look-up may initialise the class, which may come back here.
+    // Not under the lock: the lookup may initialise the class, which may call back into this function.
     id = env->GetMethodID(type, name, signature);
     if (id == nullptr) env->ExceptionClear();
     Classes::instance().remember(env, type, name, signature, id);

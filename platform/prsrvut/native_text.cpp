@@ -17,8 +17,8 @@ bool splits_pair(std::u16string_view text, std::size_t at) {
   return at > 0 && at < text.size() && is_high_surrogate(text[at - 1]) && is_low_surrogate(text[at]);
 }
 
-// The longest beginning of `text`, in whole characters, that takes at most `room` bytes. Beginnings are converted anew,
-// since a set with states ends each of its texts in its own way.
+// Returns the longest beginning of `text`, in whole characters, that takes at most `room` bytes. Each beginning is
+// converted by itself, since in a stateful set the end of a text takes bytes, too.
 std::string longest_beginning(const lx::Charset& charset, std::u16string_view text, std::size_t room) {
   std::string longest;
   std::size_t fits = 0;
@@ -42,7 +42,7 @@ std::string longest_beginning(const lx::Charset& charset, std::u16string_view te
 
 int write_native_text(std::u16string_view text, char* buffer, int* size) {
   const lx::Charset* charset = lx::charset_of_process();
-  // A NUL would end the text for whoever reads it, and make of one name another.
+  // A NUL would end the text for its readers and turn one name into another.
   const bool has_nul = text.find(u'\0') != std::u16string_view::npos;
   auto bytes = charset == nullptr || has_nul ? std::nullopt : charset->encode(text);
   if (!bytes || bytes->size() >= INT32_MAX) return kNotConvertible;

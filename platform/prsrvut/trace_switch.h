@@ -1,4 +1,4 @@
-// The switch of tracing, which the Java side owns: an int in a direct buffer, non-zero when tracing is on.
+// The tracing switch: an int in a direct buffer of the Java side, non-zero if tracing is on.
 #ifndef TKV_PLATFORM_PRSRVUT_TRACE_SWITCH_H
 #define TKV_PLATFORM_PRSRVUT_TRACE_SWITCH_H
 
@@ -8,10 +8,10 @@
 
 namespace tkv::prsrvut {
 
-// Where the switch is: the buffer's memory, or a constant 0 while there is no buffer.
+// The address of the switch: the buffer's memory, or a constant 0 if there is no buffer.
 extern std::atomic<const int*> trace_switch;
 
-// Any thread may call. The switch itself is changed by Java while native code reads it.
+// Any thread may call. Java may change the switch while native code reads it.
 inline bool is_tracing() {
   return __atomic_load_n(trace_switch.load(std::memory_order_relaxed), __ATOMIC_RELAXED) != 0;
 }
