@@ -1,8 +1,8 @@
 // The bridge between the managed cluster tool and the cluster registry: the 24 native methods of TKVNative.
 //
-// Each method is one procedure: check, call the registry, trace the result, report on the managed result object, give
-// back what was taken. Callers, and those who read traces, rely on the exact order of these steps and on the exact
-// texts, odd ones included; a comment marks what is odd on purpose.
+// Each method is one procedure: check, call the registry, trace the result, report on the managed result object,
+// release what was acquired. Callers and readers of traces rely on the exact order of these steps and on the exact
+// texts, odd ones included. A comment marks what is odd on purpose.
 
 #define TKV_UNIT
 #include "tkv.h"
@@ -18,8 +18,8 @@
 #include "prsrvut.h"
 #include "scls.h"
 
-// Null until the first initializeTKVLevel. After terminateTKV it still points at the freed record, whose page the
-// memory context keeps readable and zero, so that late calls find no registry context.
+// Null until the first initializeTKVLevel. After terminateTKV, it still points to the freed record, which the memory
+// context keeps readable and zero-filled, so that late calls find no registry context.
 static tkv_session* tkvwrap_ctx = nullptr;
 
 namespace {
@@ -31,16 +31,16 @@ constexpr uint32_t kCopiedValueSize = 2048;
 constexpr uint32_t kSubkeyNameSize = PRTKV_SUBKEY_NAME_SIZE;
 constexpr uint32_t kLocationsSize = PRTKV_LOCATION_SLOTS * PRTKV_LOCATION_SLOT_SIZE;
 
-// A session that was never opened, or not to its end, has no registry context and no working key.
+// A session that was not opened, or not completely, has no registry context and no working key.
 prtkv_ctx registry_context() { return tkvwrap_ctx != nullptr ? tkvwrap_ctx->registry_ctx : 0; }
 prtkv_key working_key() { return tkvwrap_ctx != nullptr ? tkvwrap_ctx->working_key : 0; }
 
-// Whether there is a record to write to: the freed one of an ended session, all zeros, is only to be read.
+// Whether there is a record that may be written. The zero-filled record of an ended session may only be read.
 bool has_session() { return tkvwrap_ctx != nullptr && (tkvwrap_ctx->mem_ctx != 0 || tkvwrap_ctx->registry_ctx != 0); }
 
-// The modified UTF-8 characters of a managed string, taken at construction; null when there are none to be had, as
-// for a null string. They are given back by release(), at the latest by the destructor, unless keep() leaves them
-// with the JVM for good.
+// The modified UTF-8 characters of a managed string, acquired by the constructor; null if they cannot be obtained, as
+// for a null string. They are released by release() or else by the destructor, unless keep() leaves them acquired for
+// good.
 class Utf8Chars {
  public:
   Utf8Chars(JNIEnv* env, jstring string)
@@ -84,7 +84,7 @@ void send_result_text(JNIEnv* env, jobject result, const char* text) {
   delete_local(env, argument.l);
 }
 
-// The registry's last error, whatever the registry answers to the question.
+// The registry's last error, and the result of asking for it.
 struct LastError {
   explicit LastError(prtkv_ctx registry) : answer(prtkv_get_last_error(registry, &code, text, &size)) {}
 
@@ -94,7 +94,7 @@ struct LastError {
   int32_t answer;
 };
 
-// Reports a failed registry operation: status false, then the registry's own text or, when it has none, the code.
+// Reports a failed registry operation: status false, then the registry's own text or, if it has none, the code.
 inline void report_tkv_error(JNIEnv* env, jobject result, int32_t code) {
   prsrvut_setStatus(env, result, 0);
   const prtkv_ctx registry = registry_context();
@@ -108,18 +108,18 @@ inline void report_tkv_error(JNIEnv* env, jobject result, int32_t code) {
   send_error_code(env, result, code);
 }
 
-// Reports a failure that the bridge itself decided: the text, then status false.
+// Reports a failure that the bridge itself has detected: the text, then status false.
 inline void report_error(JNIEnv* env, jobject result, const char* text) {
   send_result_text(env, result, text);
   prsrvut_setStatus(env, result, 0);
 }
 
-// Closes a key if one is held; there is nothing to do about a close that fails.
+// Closes a key if it is open. A failure to close it has no consequences.
 void close_held(prtkv_ctx registry, prtkv_key key) {
   if (key != 0) prtkv_close_key(registry, key);
 }
 
-// Names fill their 64 bytes or end with a NUL before.
+// A name ends with a NUL or fills its 64 bytes.
 bool same_name(const char (&left)[TKV_NAME_SIZE], const char (&right)[TKV_NAME_SIZE]) {
   return std::strncmp(left, right, TKV_NAME_SIZE) == 0;
 }
@@ -131,7 +131,7 @@ void replace_name(char (&to)[TKV_NAME_SIZE], const char* from) {
   copy_name(to, from);
 }
 
-// A name with a NUL behind it, also where it fills its field.
+// A name followed by a NUL, even if it fills its field.
 struct NameText {
   explicit NameText(const char (&name)[TKV_NAME_SIZE]) { std::memcpy(text, name, TKV_NAME_SIZE); }
   char text[TKV_NAME_SIZE + 1] = {};
@@ -141,8 +141,8 @@ bool group_is_session_group(const sec_attr& security) {
   return same_name(tkvwrap_ctx->group_name, security.group_name);
 }
 
-// The record with which a key of another group is created first: the wanted rights, owned by the session. The wanted
-// record is applied to the new key in a second step.
+// Returns the record with which a key of another group is created: the requested rights, owned by the session. The
+// requested record is applied in a second step.
 sec_attr session_owned(const sec_attr& security) {
   sec_attr owned{};
   owned.user_perm = security.user_perm;
@@ -153,7 +153,7 @@ sec_attr session_owned(const sec_attr& security) {
   return owned;
 }
 
-// A value as the registry stores it: the type and size that a managed data type asks for, and the text's bytes.
+// A value as the registry stores it: the type and size for a managed data type, and the bytes of the text.
 class StoredValue {
  public:
   StoredValue(jint data_type, const char* text) : bytes_(text) {
@@ -168,7 +168,7 @@ class StoredValue {
       case PRTKV_TYPE_TEXT:
         set(PRTKV_TYPE_TEXT, static_cast<uint32_t>(length + 1));
         break;
-      case PRTKV_TYPE_LIST:  // lists have a method of their own; this one stores no bytes
+      case PRTKV_TYPE_LIST:  // setKeyValues writes lists; here, no bytes are stored
         set(PRTKV_TYPE_LIST, 0);
         break;
       default:
@@ -196,10 +196,10 @@ class StoredValue {
   int32_t type_ = 0;
   uint32_t size_ = 0;
   const char* bytes_;
-  char padded_[8] = {};  // a text shorter than its word, with zero bytes behind it
+  char padded_[8] = {};  // a text shorter than its word, followed by zero bytes
 };
 
-// Takes a block for a value of `size` bytes and a NUL.
+// Allocates a block for a value of `size` bytes and a NUL.
 char* allocate_for_value(lpm_ctx memory, uint32_t size) {
   return size < UINT32_MAX ? static_cast<char*>(prou_allocm(memory, size + 1)) : nullptr;
 }
@@ -210,8 +210,8 @@ char* allocate_for_value(lpm_ctx memory, uint32_t size) {
 // Session
 // ---------------------------------------------------------------------------------------------------------------
 
-// Opens the session step by step. Nothing is undone when a step fails: the record stays as it is for terminateTKV,
-// and without its registry context every other method refuses.
+// Opens the session step by step. If a step fails, nothing is undone: the record stays as it is for terminateTKV, and
+// since it has no registry context, every other method reports a failure.
 void Java_velmar_qen_mgmt_nativesystem_TKVNative_initializeTKVLevel(JNIEnv* env, jobject, jint level, jobject result) {
   prtkv_ctx registry = 0;
   uint64_t user_name_length = TKV_NAME_SIZE;
@@ -264,7 +264,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_initializeTKVLevel(JNIEnv* env,
   const int32_t rc = prtkv_init_ext(&registry, level, error_text, &error_size, 0);
   prsrvut_trace(env, result, "\n initializeTKVLevel: NEW prtkv_init retval = %d\n", rc);
   if (rc != 0) {
-    // Code and text both, and the status as it was: there is no context yet that could be asked for its last error.
+    // Sends both code and text, and does not set the status: there is no context yet that could have a last error.
     send_error_code(env, result, rc);
     send_result_text(env, result, error_text);
     prsrvut_trace(env, result, "\n initializeTKVLevel::prtkv_init failed\n");
@@ -285,7 +285,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_initializeTKVLevel(JNIEnv* env,
     lxlterm(session->lx_handle);
     session->lx_handle = nullptr;
     report_tkv_error(env, result, 0);
-    // Names another function than the one that failed; tools search traces for this text.
+    // Names a different function from the one that failed; tools search traces for this text.
     prsrvut_trace(env, result, "\n initializeTKVLevel::lxhcurrlangid failed\n");
     return;
   }
@@ -296,8 +296,8 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_initializeTKVLevel(JNIEnv* env,
   prsrvut_setStatus(env, result, 1);
 }
 
-// Always succeeds. The pointer keeps the freed record, and the working key is left to the registry client, which
-// closes its session's keys itself.
+// Always succeeds. The pointer keeps the freed record. The registry client closes the working key along with its
+// session.
 void Java_velmar_qen_mgmt_nativesystem_TKVNative_terminateTKV(JNIEnv* env, jobject, jobject result) {
   if (tkvwrap_ctx != nullptr) {
     const lpm_ctx memory = tkvwrap_ctx->mem_ctx;
@@ -319,18 +319,18 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_openKey(JNIEnv* env, jobject, j
   const int32_t rc = prtkv_open_key(registry, &key, name.get());
   prsrvut_trace(env, result, "openKey: prtkv_open_key retval = %d\n", rc);
   if (rc == 0) {
-    // A former working key is replaced, not closed: its handle may be in use by the caller's own bookkeeping.
+    // The previous working key is replaced but not closed: the caller may still use its handle.
     if (has_session()) tkvwrap_ctx->working_key = key;
     prsrvut_setStatus(env, result, 1);
   } else {
     report_tkv_error(env, result, rc);
     prsrvut_trace(env, result, "openKey: prtkv_open_key failed for TKV key %s\n", name.get());
   }
-  // The working key's name stays taken for as long as the process lives.
+  // The characters of the working key's name stay acquired for the life of the process.
   name.keep();
 }
 
-// The session keeps the closed handle: closing twice asks the registry twice and reports what it answers.
+// The session keeps the closed handle: closing twice calls the registry twice and reports its result.
 void Java_velmar_qen_mgmt_nativesystem_TKVNative_closeKey(JNIEnv* env, jobject, jobject result) {
   const prtkv_ctx registry = registry_context();
   const prtkv_key key = working_key();
@@ -375,7 +375,7 @@ jboolean Java_velmar_qen_mgmt_nativesystem_TKVNative_keyExists(JNIEnv* env, jobj
   prsrvut_trace(env, result, "keyExists: prtkv_close_key retval = %d \n", close_rc);
   name.release();
   if (close_rc != 0) {
-    // The key is there all the same: the failure is reported beside the answer.
+    // The key exists all the same: the failure is reported in addition to the answer.
     report_tkv_error(env, result, close_rc);
     return JNI_TRUE;
   }
@@ -468,7 +468,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_listSubKeys(JNIEnv* env
     return nullptr;
   }
 
-  // The first answer decides the length. A registry that reports no count leaves -1, and with it an empty array.
+  // The first answer determines the length. If the registry reports no count, -1 remains and the array is empty.
   const uint32_t count = static_cast<uint32_t>(remaining) + 1;
   const jclass string_class = prsrvut_FindClass(env, "java/lang/String");
   const jobjectArray names = prsrvut_NewObjectArray(env, static_cast<jsize>(count), string_class, nullptr);
@@ -587,7 +587,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createKey(JNIEnv* env, jobject,
   if (name.get() == nullptr || name.get()[0] == '\0') {
     report_tkv_error(env, result, 0);
     prsrvut_trace(env, result, "createKey: NULL or 0 length KEY NAME passed\n");
-    name.keep();  // a refused name stays with the JVM
+    name.keep();  // the characters of a refused name stay acquired
     return;
   }
   int32_t created = 0;
@@ -599,7 +599,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createKey(JNIEnv* env, jobject,
   if (filled != 1) {
     report_tkv_error(env, result, 0);
     prsrvut_trace(env, result, "failed to fill sec attr retval=%d", filled);
-    name.keep();  // as does the name of a key whose owner cannot be told
+    name.keep();  // as do those of a key whose security cannot be determined
     return;
   }
 
@@ -618,7 +618,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createKey(JNIEnv* env, jobject,
     rc = prtkv_set_key_security(registry, key, security);
     prsrvut_trace(env, result, "createKey: prtkv_set_key_security for key [%s], rc=%d\n", name.get(), rc);
     if (rc != 0) {
-      // The key stays, owned by the session: what has been done is not undone.
+      // The key stays, owned by the session: nothing is undone.
       report_tkv_error(env, result, rc);
       prsrvut_trace(env, result, "createKey: prtkv_set_key_security failed for key [%s]\n", name.get());
       prtkv_close_key(registry, key);
@@ -631,7 +631,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createKey(JNIEnv* env, jobject,
   if (rc != 0) {
     report_tkv_error(env, result, rc);
     prsrvut_trace(env, result, "createKey: prtkv_close_key failed \n");
-    name.keep();  // and the name of a key that could not be closed
+    name.keep();  // and those of a key that could not be closed
     return;
   }
   prsrvut_setStatus(env, result, 1);
@@ -693,7 +693,7 @@ jstring Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValue(JNIEnv* env, job
   }
 
   jstring value = nullptr;
-  if (size > 1) {  // one byte is an empty text's terminator: no value
+  if (size > 1) {  // a single byte is the terminator of an empty text
     char* const buffer = enlarged_buffer != nullptr ? enlarged_buffer : first_buffer;
     buffer[std::min(size, capacity)] = '\0';
     prsrvut_trace(env, result, "getKeyValue: value is [%s] dtype = %d\n", buffer, type);
@@ -706,11 +706,11 @@ jstring Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValue(JNIEnv* env, job
   return value;
 }
 
-// A list is stored as its texts, each followed by a NUL, and one NUL more. `value` is followed by a NUL beyond its
-// `size` bytes, so that any of its texts can be printed.
+// A list is stored as its texts, each followed by a NUL, and one more NUL. `value` has a NUL after its `size` bytes, so
+// that each of its texts can be printed.
 namespace {
 
-// Two NULs in a row end a list; nothing stands before its first byte.
+// Two consecutive NULs end a list. The first byte has none before it.
 bool list_ends_at(const char* value, uint32_t position) {
   return value[position] == '\0' && position > 0 && value[position - 1] == '\0';
 }
@@ -719,7 +719,7 @@ const char* text_at(const char* value, uint32_t size, uint32_t position) {
   return position <= size ? value + position : "";
 }
 
-// Counts the terminators and one more, so that a list of n texts has n + 1 slots and its last slot stays null.
+// Counts the terminators plus one, so that a list of n texts has n + 1 slots, of which the last stays null.
 int32_t count_elements(JNIEnv* env, jobject result, const char* value, uint32_t size) {
   int32_t count = 1;
   for (uint32_t j = 0; j < size - 1; ++j) {
@@ -731,7 +731,7 @@ int32_t count_elements(JNIEnv* env, jobject result, const char* value, uint32_t 
   return count;
 }
 
-// Where the language environment has characters of several bytes, the character-set services measure the text.
+// If the character set has characters of several bytes, the character-set services measure the text.
 uint32_t source_length(const char* text) {
   uint32_t flags = 0;
   std::memcpy(&flags, static_cast<const char*>(tkvwrap_ctx->lang_env) + offsetof(lx_lang_env, flags), sizeof(flags));
@@ -740,7 +740,7 @@ uint32_t source_length(const char* text) {
 
 }  // namespace
 
-// Makes a managed string of a text in the session's character set; null when it cannot be converted.
+// Creates a managed string from a text in the session's character set. Returns null if it cannot be converted.
 static jstring prsrvtkv_stringMultiByteToJava(JNIEnv* env, const char* text) {
   void* const handle = tkvwrap_ctx->lx_handle;
   const lpm_ctx memory = tkvwrap_ctx->mem_ctx;
@@ -839,7 +839,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValues(JNIEnv* en
     const auto length = static_cast<uint32_t>(std::strlen(text));
     auto* const element = static_cast<char*>(prou_allocm(memory, length + 1));
     if (element == nullptr) {
-      // Out of memory the method gives up where it stands: the key stays open and its name taken.
+      // Out of memory, the method returns at once: the key stays open, and the characters of its name stay acquired.
       prsrvut_trace(env, result, "getKeyValues: memory allocation failed");
       name.keep();
       return nullptr;
@@ -851,7 +851,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getKeyValues(JNIEnv* en
                   text_at(value, size, i), index, element, length);
     const jstring string = prsrvtkv_stringMultiByteToJava(env, element);
     if (string == nullptr) {
-      // One text that cannot be converted makes the list unreadable, which is no failure of the registry.
+      // A text that cannot be converted makes the list unreadable, which is not a failure of the registry.
       prsrvut_trace(env, result, "getKeyValues: failure during java string conversion for value[%d]=[%s]\n", index,
                     element);
       prsrvut_setStatus(env, result, 1);
@@ -928,14 +928,14 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_setTypeKeyValue(JNIEnv* env, jo
     return finish();
   }
 
-  // A key that cannot be opened, for whatever reason, is to be created.
+  // If the key cannot be opened, for whatever reason, it is created.
   sec_attr security{};
   const int32_t filled =
       prsrvtkv_fill_sec_attr(env, result, security_type, parent_key_name, user_name, group_name, &security);
   if (filled != 1) {
     report_tkv_error(env, result, 0);
     prsrvut_trace(env, result, "failed to fill sec attr retval=%d", filled);
-    // A name that cannot be converted was reported; the status is true all the same.
+    // A name that cannot be converted has been reported; the status becomes true all the same.
     return filled == 0 ? finish() : finish_failed();
   }
   const bool one_step = group_is_session_group(security);
@@ -982,7 +982,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_setKeyValues(JNIEnv* env, jobje
   }
   const jsize count = env->GetArrayLength(values);
   prsrvut_trace(env, result, "setKeyValues: input number of values = %d\n", count);
-  // Both lines show the list before it is built.
+  // Both lines show the list while it is still empty.
   char* cursor = value_list;
   prsrvut_trace(env, result, "setKeyValues: value_list = [%s]\n", value_list);
   prsrvut_trace(env, result, "setKeyValues: tmp = [%s]\n", cursor);
@@ -1129,14 +1129,14 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createAndSetKeyValue(JNIEnv* en
                                   one_step ? security : session_owned(security), stored.type(), stored.bytes(),
                                   stored.size(), PRTKV_CREATE_EXT_FLAGS);
   prsrvut_trace(env, result, "createAndSetKeyValue: prtkv_create_n_set_key_ext, rc=%d\n", rc);
-  if (rc == PRTKV_KEY_EXISTS) return finish_failed();  // which has a text of its own for it
+  if (rc == PRTKV_KEY_EXISTS) return finish_failed();  // reports it with a text of its own
   if (rc != 0) {
     report_tkv_error(env, result, rc);
     return finish_failed();
   }
   if (!one_step) {
-    // The wanted owner goes to the working key, not to the new one: the extended call secures the place where keys
-    // are created.
+    // The requested record is applied to the working key, not to the new one: the extended call secures the place where
+    // keys are created.
     rc = prtkv_set_key_security_ext(registry, nullptr, parent, PRTKV_SECURITY_EXT_FLAGS, security);
     prsrvut_trace(env, result, "createAndSetKeyValue: prtkv_set_key_security_ext for key [%s], rc=%d\n", name.get(),
                   rc);
@@ -1154,7 +1154,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_createAndSetKeyValue(JNIEnv* en
 
 namespace {
 
-// How prsrvtkv_fill_sec_attr ended; its callers go on after kFilled only.
+// The results of prsrvtkv_fill_sec_attr. Its callers go on only after kFilled.
 enum : int32_t {
   kNameNotConverted = 0,
   kFilled = 1,
@@ -1176,9 +1176,9 @@ void set_rights(sec_attr* security, int32_t user, int32_t group, int32_t other) 
 
 }  // namespace
 
-// Works out the owner, the group and the rights of a key from a security type and its arguments. `security` comes
-// zero-filled: some types leave a name as it is. Every failure but an unknown type has been reported on return, and
-// the caller reports it once more in its own words.
+// Determines the owner, the group and the rights of a key from a security type and its arguments. `security` must be
+// zero-filled, since some types leave a name unset. Every failure except an unknown type has been reported on return,
+// and the caller reports it once more.
 static int32_t prsrvtkv_fill_sec_attr(JNIEnv* env, jobject result, jint security_type, jstring parent_keyname,
                                       jstring velmar_user, jstring group_name, sec_attr* security) {
   const prtkv_ctx registry = registry_context();
@@ -1225,15 +1225,15 @@ static int32_t prsrvtkv_fill_sec_attr(JNIEnv* env, jobject result, jint security
     case 5:
       set_rights(security, kAllRights, kAllRights, kAllRights);
       break;
-    default:  // 3, 4 and 6 differ for the copy only
+    default:  // 3, 4 and 6 differ only for the copy
       copy_name(security->user_name, tkvwrap_ctx->user_name);
       copy_name(security->group_name, tkvwrap_ctx->group_name);
       set_rights(security, kAllRights, kAllRights, kOtherRights);
       break;
   }
 
-  // The limit is the width of the name fields, and it is the length that the conversion gives back that is held
-  // against it. The buffers have a NUL to spare for a name that fills its field.
+  // The length that the conversion returns is compared with the width of the name fields. The buffers have room for a
+  // NUL after a name that fills its field.
   char native_user[TKV_NAME_SIZE + 1] = {};
   char native_group[TKV_NAME_SIZE + 1] = {};
   int length = TKV_NAME_SIZE;
@@ -1298,7 +1298,8 @@ jstring Java_velmar_qen_mgmt_nativesystem_TKVNative_getUserName(JNIEnv* env, job
   }
   prtkv_key key = 0;
   int32_t rc = prtkv_open_key(registry, &key, name.get());
-  prsrvut_trace(env, result, "getUseName: prtkv_open_key retval = %d\n", rc);  // so spelled here and at the close
+  prsrvut_trace(env, result, "getUseName: prtkv_open_key retval = %d\n",
+                rc);  // spelled like this here and at the close
   if (rc != 0) {
     report_tkv_error(env, result, rc);
     prsrvut_trace(env, result, "getUserName: prtkv_open_key faild for the key [%s] \n", name.get());
@@ -1378,8 +1379,8 @@ jstring Java_velmar_qen_mgmt_nativesystem_TKVNative_getGroupName(JNIEnv* env, jo
 // Subtree copy
 // ---------------------------------------------------------------------------------------------------------------
 
-// Adjusts the record that the top of a copy receives: types 3 and 4 make the session its owner, type 2 the session's
-// user; every other type leaves it as the source's. The rights always stay the source's.
+// Adjusts the record for the top key of a copy. Types 3 and 4 set the session's user and group, type 2 the session's
+// user; any other type leaves those of the source. The rights are always those of the source.
 static inline void prsrvtkv_recurse_fill_sec_attr(JNIEnv* env, jobject result, jint security_type, sec_attr* security) {
   prsrvut_trace(env, result, "recurse_fill_sec_attr: secType = %d", security_type);
   if (security_type == 3 || security_type == 4) {
@@ -1392,7 +1393,7 @@ static inline void prsrvtkv_recurse_fill_sec_attr(JNIEnv* env, jobject result, j
 
 namespace {
 
-// The longest full name that can be opened, and one level more.
+// Room for the longest full name that can be opened and one more level.
 constexpr size_t kDestinationNameSize = PRTKV_FULL_NAME_SIZE + PRTKV_SUBKEY_NAME_SIZE;
 
 // The buffers of one level of a copy. They take more than 3 KB, so they are on the heap: a thread with a small stack
@@ -1422,7 +1423,7 @@ struct Free {
                                 one_step ? level.security : session_owned(level.security), level.value, value_size);
 }
 
-// Writes "parent.name", cut to fit.
+// Writes "parent.name", truncated to fit.
 void join_names(char* to, size_t capacity, const char* parent, const char* name) {
   const size_t parent_length = std::min(std::strlen(parent), capacity - 1);
   char* const separator = std::copy_n(parent, parent_length, to);
@@ -1431,9 +1432,9 @@ void join_names(char* to, size_t capacity, const char* parent, const char* name)
 
 }  // namespace
 
-// Copies everything below `source_name` under `destination_name`, depth first. Returns 1 when all was copied, 0 after
-// a failure, which it has reported; what was copied until then stays. A pass does not close the keys of the pass
-// before it; the session's end does.
+// Copies everything below `source_name` to below `destination_name`, depth first. Returns 1 if everything was copied,
+// or 0 after a failure, which has been reported; what was copied by then stays. The keys that a pass of the loop opens
+// are not closed when the next one begins; they stay open until the session ends.
 static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const char* destination_name, int security_type,
                                  jobject result) {
   prtkv_key source = 0;
@@ -1491,10 +1492,10 @@ static int prsrvtkv_copy_recurse(JNIEnv* env, const char* source_name, const cha
   }
   prsrvut_trace(env, result, "\nprsrvtkv_copy_recurse: srckeyname = %s out_subkey = %s, total_remaining_subkey = %d",
                 source_name, subkey, remaining);
-  if (remaining < 0) return 1;  // a registry without counts: nothing more is known, and both keys stay open
+  if (remaining < 0) return 1;  // the registry reports no counts: nothing is copied, and both keys stay open
 
   for (uint32_t i = 0; i <= static_cast<uint32_t>(remaining); ++i) {
-    // The buffer holds what passes this test: 264 bytes of names, the "." between them and the NUL.
+    // The buffer can hold any name that passes: 264 bytes of names, the "." between them and the NUL.
     if (std::strlen(source_name) + std::strlen(subkey) >= kSubkeyNameSize) {
       report_copy_failure(env, result, 0);
       prsrvut_trace(env, result, "\n prsrvtkv_copy_recurse: SUBKEY NAME TOO BIG");
@@ -1608,8 +1609,8 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_copyRecurse(JNIEnv* env, jobjec
   }
 
   Utf8Chars destination_name(env, destination_key);
-  // An outcome of 0 ends with status true, also where a failure has been reported before: callers tell such an end by
-  // the code or text beside the status.
+  // An outcome of 0 sets the status to true, even if a failure has been reported before: callers recognize that by the
+  // code or text that they also received.
   const auto finish = [&](int32_t outcome) {
     close_held(registry, source);
     close_held(registry, destination);
@@ -1663,7 +1664,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_copyRecurse(JNIEnv* env, jobjec
   prsrvtkv_recurse_fill_sec_attr(env, result, security_type, &security);
   rc = prtkv_set_key_security(registry, destination, security);
   prsrvut_trace(env, result, "copyRecurse: prtkv_set_key_security for key [%s], rc=%d\n", destination_name.get(), rc);
-  finish(rc);  // a failure of this last step shows in the trace only
+  finish(rc);  // a failure of this last step appears only in the trace
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -1677,7 +1678,7 @@ void Java_velmar_qen_mgmt_nativesystem_TKVNative_isCluster(JNIEnv* env, jobject,
   lpmprterm(manager);
   if (prsrvut_isDebugOn(env, result)) prsrvut_trace(env, result, "JNI: clsugetconf retValue = %d", rc);
   if (rc != 0) {
-    // Only the text: neither status nor answer, which callers take as not known.
+    // Sends only the text. Without a status and an answer, callers treat the membership as unknown.
     if (prsrvut_isDebugOn(env, result)) {
       prsrvut_trace(env, result, "JNI: clsugetconf failed with error code = %d\n", rc);
     }
@@ -1719,7 +1720,7 @@ void trace_get_conf_failure(JNIEnv* env, jobject result, int32_t rc) {
 jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getTKVLocations(JNIEnv* env, jobject, jobject result) {
   int32_t configured = 0;
   int32_t local_only = 0;
-  // Taken from the process's memory context for good: the locations do not change while the process lives.
+  // Never released: the locations do not change during the life of the process.
   auto* const locations = static_cast<char*>(prou_allocm(lpminit(nullptr), kLocationsSize));
   if (locations == nullptr) {
     prsrvut_trace(env, result, "\nMemory allocation failure\n");
@@ -1730,7 +1731,8 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getTKVLocations(JNIEnv*
   uint64_t error_size = kErrorTextSize;
   const lpm_ctx manager = lpminit(nullptr);
   if (prsrvut_isDebugOn(env, result)) {
-    prsrvut_trace(env, result, "JNI: isCluster() Successfully initialized meta context");  // the other query's text
+    prsrvut_trace(env, result,
+                  "JNI: isCluster() Successfully initialized meta context");  // the text of the other query
   }
   const int32_t rc = prtkv_get_conf(manager, &configured, &local_only, nullptr, locations, error_text, &error_size,
                                     PRTKV_GET_CONF_FLAGS);
@@ -1761,7 +1763,7 @@ jobjectArray Java_velmar_qen_mgmt_nativesystem_TKVNative_getTKVLocations(JNIEnv*
     prsrvut_setBooleanResult(env, result, 1);
   }
 
-  // Slots are counted wherever they stand, and taken from the front.
+  // All slots in use are counted, but the locations are read from the first slots.
   const auto location = [locations](jsize slot) {
     return locations + static_cast<size_t>(slot) * PRTKV_LOCATION_SLOT_SIZE;
   };
@@ -1791,11 +1793,11 @@ jint Java_velmar_qen_mgmt_nativesystem_TKVNative_checkTKVStorageType(JNIEnv* env
   Utf8Chars path_text(env, path);
   const int32_t rc = prtkv_check_storage(manager, path_text.get(), error_text, &error_size, PRTKV_CHECK_STORAGE_FLAGS);
   prsrvut_trace(env, result, "checkTKVStorageType: Path(%s)\n", path_text.get());
-  path_text.keep();  // the path stays taken, as the working key's name does
+  path_text.keep();  // the characters of the path stay acquired, as those of the working key's name do
   jint answer = kUsable;
   if (rc != 0) {
     answer = rc == PRTKV_DISTRIBUTED ? kDistributed : kFailed;
-    // The registry's texts are made to serve as formats.
+    // The registry's texts contain no "%", so they can be used as formats.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
     prsrvut_trace(env, result, error_text);
@@ -1847,7 +1849,7 @@ jint Java_velmar_qen_mgmt_nativesystem_TKVNative_getPatchLevel(JNIEnv* env, jobj
   return patch_level;
 }
 
-// Its traces spell the method's name with one D.
+// Its trace lines spell the method's name with one D.
 void Java_velmar_qen_mgmt_nativesystem_TKVNative_setZUVEDDependencies(JNIEnv* env, jobject, jint mode, jobject result) {
   const prtkv_ctx registry = registry_context();
   if (registry == 0) {

@@ -1,14 +1,14 @@
 /* The bridge between the managed class velmar.qen.mgmt.nativesystem.TKVNative and the cluster registry.
  *
  * Conventions
- *   Session.  One a process. initializeTKVLevel opens it before anything else, terminateTKV closes it; before, after,
- *             and when the opening failed, every method reports that there is no registry context.
- *   Names.    Full names from the registry's root, levels joined by "."; only the creating methods take names
- *             relative to the working key, the key that openKey opened last.
- *   Result.   The last argument of every method. On success its status becomes true. On failure it becomes false
+ *   Session.  A process has one session. initializeTKVLevel opens it before anything else, and terminateTKV closes it.
+ *             Without an open session, every method reports that there is no registry context.
+ *   Names.    Full names: levels joined by ".", starting from the registry's root. Only the methods that create keys
+ *             take names relative to the working key, which is the key that openKey opened last.
+ *   Result.   The last argument of every method. On success, its status becomes true. On failure, it becomes false,
  *             and the object receives either the registry's text or a numeric code. Nothing is thrown.
- *   Security. `security_type` 1 to 6 with an optional parent key, user and group: who owns a key that is created
- *             and who may do what with it.
+ *   Security. `security_type` from 1 to 6, with an optional parent key, user and group, determines the owner and the
+ *             rights of a key that is created.
  *   Threads.  Calls must not overlap. The bridge has no threads and no locks.
  */
 #ifndef TKV_FRAMEWORK_TKV_H
@@ -24,8 +24,8 @@
 #include "prtkv.h"
 #include "sec_attr.h"
 
-/* The session: the one record behind every method. Zero-filled when it is taken, so that every handle reads as null
- * until it is set. */
+/* The session record, which every method uses. It is zero-filled at first, so that every handle reads as null until it
+ * is set. */
 typedef struct tkv_session {
   prtkv_ctx registry_ctx;              /* written last in a successful initialisation */
   prtkv_key working_key;               /* opened by openKey; the parent of the keys that are created */
@@ -69,7 +69,7 @@ TKV_NATIVE(void, terminateTKV)(JNIEnv *env, jobject self, jobject result);
 
 /* Keys. */
 
-/* Makes a key the working key; the former one stays open and is no longer reachable. */
+/* Opens a key as the working key. The previous one stays open and can no longer be reached. */
 TKV_NATIVE(void, openKey)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
 /* Closes the working key. The session keeps the closed handle until the next openKey. */
@@ -77,13 +77,13 @@ TKV_NATIVE(void, closeKey)(JNIEnv *env, jobject self, jobject result);
 
 TKV_NATIVE(jboolean, keyExists)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
-/* Deleting a key that does not exist succeeds. Only JNI_TRUE deletes subkeys too. */
+/* Deleting a key that does not exist succeeds. Subkeys are deleted only if `recurse` is JNI_TRUE. */
 TKV_NATIVE(void, deleteKey)(JNIEnv *env, jobject self, jstring key_name, jboolean recurse, jobject result);
 
-/* Gives the names of the children, null when there are none or no such key; the status is true in both cases. */
+/* Returns the names of the children, or null with status true if there are none or if there is no such key. */
 TKV_NATIVE(jobjectArray, listSubKeys)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
-/* `flags`: 0 refuses an existing target, 1 replaces it. */
+/* `flags`: 0 to refuse an existing target, 1 to replace it. */
 TKV_NATIVE(void, moveKey)(JNIEnv *env, jobject self, jstring source_key, jstring target_parent_key,
                           jstring target_key, jint flags, jobject result);
 
@@ -93,57 +93,57 @@ TKV_NATIVE(void, createKey)(JNIEnv *env, jobject self, jstring key_name, jint se
 
 /* Values. */
 
-/* Gives the value's bytes as a text, cut at the first NUL; null for a value of at most one byte and for no such key. */
+/* Returns the value's bytes as a text, up to the first NUL, or null with status true if the value has at most one byte
+ * or if there is no such key. */
 TKV_NATIVE(jstring, getKeyValue)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
-/* Gives the texts of a list and, after the last one, a null. Null for no value and for no such key, and, with status
- * true, when an element has characters that the session's character set does not. */
+/* Returns the texts of a list, followed by a null. Returns null with status true if there is no value or no such key,
+ * or if an element cannot be converted from the session's character set. */
 TKV_NATIVE(jobjectArray, getKeyValues)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
 /* As setTypeKeyValue with data type 3. */
 TKV_NATIVE(void, setKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint security_type,
                               jstring parent_key_name, jstring user_name, jstring group_name, jobject result);
 
-/* Writes the value of a key, which is created below the working key when it cannot be opened. `data_type` 1 stores
- * the first 4 bytes of the text, 2 the first 8, 3 the text and its NUL, others nothing. */
+/* Writes the value of a key, which is created below the working key if it cannot be opened. `data_type` 1 stores the
+ * first 4 bytes of the text, 2 the first 8, 3 the text and its NUL, any other nothing. */
 TKV_NATIVE(void, setTypeKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint data_type,
                                   jint security_type, jstring parent_key_name, jstring user_name,
                                   jstring group_name, jobject result);
 
-/* Writes a list as one value; separators included it has room for 8192 bytes. */
+/* Writes a list as one value of at most 8192 bytes, including separators. */
 TKV_NATIVE(void, setKeyValues)(JNIEnv *env, jobject self, jstring key_name, jobjectArray values, jint security_type,
                                jstring parent_key_name, jstring user_name, jstring group_name, jobject result);
 
-/* Creates a key below the working key with its value and security; an existing key is reported as
- * TKV_KEY_ALREADY_EXISTS. */
+/* Creates a key below the working key with a value and security. Reports an existing key as TKV_KEY_ALREADY_EXISTS. */
 TKV_NATIVE(void, createAndSetKeyValue)(JNIEnv *env, jobject self, jstring key_name, jstring value, jint data_type,
                                        jint security_type, jstring parent_key_name, jstring user_name,
                                        jstring group_name, jobject result);
 
-/* Security. Null with status true: the key has no owner of that kind. */
+/* Security. Null with status true means that the key has no owner of that kind. */
 
 TKV_NATIVE(jstring, getUserName)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 TKV_NATIVE(jstring, getGroupName)(JNIEnv *env, jobject self, jstring key_name, jobject result);
 
-/* Copies value, subtree and security onto an existing key. A status of true does not by itself tell success: after a
- * failure within the subtree the object holds a code or a text as well. */
+/* Copies value, subtree and security onto an existing key. A status of true alone does not mean success: after a
+ * failure within the subtree, the object also holds a code or a text. */
 TKV_NATIVE(void, copyRecurse)(JNIEnv *env, jobject self, jstring source_key, jstring destination_key,
                               jint security_type, jobject result);
 
 /* Cluster. */
 
-/* The answer is the result's boolean. Needs no session. */
+/* Sets the result's boolean. Needs no session. */
 TKV_NATIVE(void, isCluster)(JNIEnv *env, jobject self, jobject result);
 
-/* Gives the storage locations; the result's boolean says whether the registry is shared. Needs no session. */
+/* Returns the storage locations, and sets the result's boolean to whether the registry is shared. Needs no session. */
 TKV_NATIVE(jobjectArray, getTKVLocations)(JNIEnv *env, jobject self, jobject result);
 
-/* 0: the path can hold a registry; 2: it names a distributed one; 1: neither. Needs no session. */
+/* Returns 0 if the path can hold a registry, 2 if it names a distributed one, otherwise 1. Needs no session. */
 TKV_NATIVE(jint, checkTKVStorageType)(JNIEnv *env, jobject self, jstring path, jobject result);
 
 TKV_NATIVE(jstring, getTKVBackupLocation)(JNIEnv *env, jobject self, jobject result);
 
-/* 0 without a session, -1 on failure: the status tells them from a level. */
+/* Returns 0 without a session and -1 on failure; the status distinguishes both from a level. */
 TKV_NATIVE(jint, getPatchLevel)(JNIEnv *env, jobject self, jobject result);
 
 TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, jobject result);
@@ -154,7 +154,7 @@ TKV_NATIVE(void, setZUVEDDependencies)(JNIEnv *env, jobject self, jint mode, job
 }
 #endif
 
-/* The unit's own routines, for the unit alone. */
+/* The unit's own routines. */
 #ifdef TKV_UNIT
 static int32_t prsrvtkv_fill_sec_attr(JNIEnv *env, jobject result, jint security_type, jstring parent_keyname,
                                       jstring velmar_user, jstring group_name, sec_attr *security);
