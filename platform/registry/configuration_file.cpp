@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "base/descriptor.h"
+#include "base/file_trust.h"
 
 namespace tkv::registry {
 namespace {
@@ -39,6 +40,9 @@ Status read_whole(const std::string& file, std::string* text) {
   }
   if (!S_ISREG(found.st_mode)) {
     return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " is not a regular file"};
+  }
+  if (const std::string reason = reason_for_distrust(found); !reason.empty()) {
+    return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " is refused to root: " + reason};
   }
   char buffer[4096];
   while (text->size() <= kMaxFileBytes) {

@@ -240,6 +240,45 @@ TEST_F(OpenRegistry, ModuleForEtcdThatIsNoneEndsTheSearch) {
   EXPECT_THAT(text_, HasSubstr("invalid ELF header"));
 }
 
+TEST_F(OpenRegistry, RootRefusesAModuleThatOthersCanReplace) {
+  if (geteuid() != 0) GTEST_SKIP() << "root takes more care than others";
+  ASSERT_EQ(mkdir((directory_ / "modules").c_str(), 0700), 0);
+  const std::string module = directory_ / "modules/libtkv_etcd.so";
+  std::ofstream(module) << "anything";
+  setenv("TKV_MODULE_DIR", (directory_ / "modules").c_str(), 1);
+  configure("[registry]\nlocation = etcd://127.0.0.1:1\n");
+  ASSERT_EQ(chmod((directory_ / "modules").c_str(), 0777), 0);
+  EXPECT_EQ(init(), PRTKV_UNUSABLE);
+  EXPECT_THAT(text_, HasSubstr(directory_ / "modules" + " is refused to root: users other than root can write to it"));
+  ASSERT_EQ(chmod((directory_ / "modules").c_str(), 0755), 0);
+  ASSERT_EQ(chown(module.c_str(), 54321, 0), 0);
+  EXPECT_EQ(init(), PRTKV_UNUSABLE);
+  EXPECT_THAT(text_, HasSubstr(module + " is refused to root: it belongs to user 54321, not to root"));
+}
+
+TEST_F(OpenRegistry, RootRefusesAConfigurationThatOthersCanChange) {
+  if (geteuid() != 0) GTEST_SKIP() << "root takes more care than others";
+  configure("[registry]\nlocation = " + location_ + "\n");
+  const struct {
+    uid_t owner;
+    gid_t group;
+    mode_t mode;
+    bool refused;
+  } kRows[] = {{0, 0, 0644, false},     {0, 0, 0664, false},    {0, 0, 0646, true},
+               {0, 54321, 0644, false}, {0, 54321, 0664, true}, {54321, 0, 0600, true}};
+  for (const auto& row : kRows) {
+    ASSERT_EQ(chown(file_.c_str(), row.owner, row.group), 0);
+    ASSERT_EQ(chmod(file_.c_str(), row.mode), 0);
+    const int32_t code = init();
+    EXPECT_EQ(code, row.refused ? PRTKV_CONFIGURATION_UNREADABLE : PRTKV_DONE) << row.owner << " " << row.mode;
+    if (code == PRTKV_DONE) {
+      EXPECT_EQ(prtkv_terminate(ctx_), PRTKV_DONE);
+    } else {
+      EXPECT_THAT(text_, HasSubstr(file_ + " is refused to root: "));
+    }
+  }
+}
+
 // Storage check and configuration, without a session
 
 TEST_F(OpenRegistry, StorageCheckTellsKindsApart) {

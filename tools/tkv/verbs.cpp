@@ -26,7 +26,7 @@ constexpr CommandText kText{.summary = "The operator's command for the cluster r
   Data goes to standard output, messages to standard error.
 )",
                             .environment = R"(  TKV_CONF        configuration file, instead of /etc/tkv/tkv.conf
-  TKV_MODULE_DIR  directory searched first for the etcd store
+  TKV_MODULE_DIR  directory of the etcd store in a build tree
   NO_COLOR        if set, no colours
 )"};
 

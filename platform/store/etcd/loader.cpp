@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "base/file_trust.h"
 
 namespace tkv::store {
 namespace {
@@ -34,21 +37,27 @@ std::string own_folder() {
   return path == nullptr ? "" : folder_of(path.get());
 }
 
+// The directories in which the module may be installed. TKV_MODULE_DIR is for a build tree; a process with raised
+// privileges ignores it.
 std::vector<std::string> candidates() {
-  std::vector<std::string> paths;
+  std::vector<std::string> folders;
   const char* named = ::secure_getenv("TKV_MODULE_DIR");
-  if (named != nullptr && *named != '\0') paths.push_back(std::string(named) + "/" + kModule);
+  if (named != nullptr && *named != '\0') folders.emplace_back(named);
   if (const std::string folder = own_folder(); !folder.empty()) {
-    paths.push_back(folder + "/" + kModule);
-    paths.push_back(folder_of(folder) + "/lib/" + kModule);
+    folders.push_back(folder);
+    folders.push_back(folder_of(folder) + "/lib");
   }
-  paths.emplace_back(kModule);
-  return paths;
+  folders.emplace_back(TKV_INSTALLED_LIBRARIES);
+  return folders;
 }
 
 bool is_absent(const std::string& path) {
-  if (path.find('/') == std::string::npos) return false;
   return ::access(path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+std::string reason_for_distrust_of(const std::string& path) {
+  struct stat found {};
+  return ::stat(path.c_str(), &found) != 0 ? "" : reason_for_distrust(found);
 }
 
 Status cannot_load(const std::string& reasons) {
@@ -60,22 +69,24 @@ std::string loader_error() {
   return error == nullptr ? "unknown reason" : error;
 }
 
+Status load_from(const std::string& folder, OpenEtcdStore* open) {
+  const std::string path = folder + "/" + kModule;
+  for (const std::string& checked : {folder, path}) {
+    const std::string reason = reason_for_distrust_of(checked);
+    if (!reason.empty()) return cannot_load(checked + " is refused to root: " + reason);
+  }
+  void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (module == nullptr) return cannot_load(loader_error());
+  *open = reinterpret_cast<OpenEtcdStore>(::dlsym(module, kEtcdModuleSymbol));
+  return *open != nullptr ? Status() : cannot_load(path + " is not this library's module");
+}
+
 Status load(OpenEtcdStore* open) {
   std::string tried;
-  for (const std::string& path : candidates()) {
-    if (!tried.empty()) tried += "; ";
-    if (is_absent(path)) {
-      tried += path + ": no such file";
-      continue;
-    }
-    void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-      tried += loader_error();
-      if (path == kModule) break;
-      return cannot_load(tried);
-    }
-    *open = reinterpret_cast<OpenEtcdStore>(::dlsym(module, kEtcdModuleSymbol));
-    return *open != nullptr ? Status() : cannot_load(path + " is not this library's module");
+  for (const std::string& folder : candidates()) {
+    const std::string path = folder + "/" + kModule;
+    if (!is_absent(path)) return load_from(folder, open);
+    tried += (tried.empty() ? "" : "; ") + path + ": no such file";
   }
   return cannot_load(tried);
 }

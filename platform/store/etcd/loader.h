@@ -1,8 +1,9 @@
 // Loading the store for etcd from its module, libtkv_etcd.so.
 //
-// It is looked for, in this order: in the directory that the environment variable TKV_MODULE_DIR names, if it is set;
-// beside the file that contains this code; in the folder "lib" beside that file's folder; on the system's library path.
-// A module that is found but does not fit ends the search.
+// It is looked for, in this order: in the directory that the environment variable TKV_MODULE_DIR names, if it is set
+// and the process has no raised privileges; beside the file that contains this code; in the folder "lib" beside that
+// file's folder; where this build is installed. The first module that exists is loaded or ends the search. Root does
+// not load a module that other users can change, by itself or in its folder.
 #ifndef TKV_PLATFORM_STORE_ETCD_LOADER_H
 #define TKV_PLATFORM_STORE_ETCD_LOADER_H
 
