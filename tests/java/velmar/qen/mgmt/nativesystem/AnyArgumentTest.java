@@ -17,10 +17,10 @@ import org.junit.jupiter.api.Order;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.TestMethodOrder;
 
-/** Every native method with null and zero for every argument. Runs in a JVM of its own, before any session. */
+/** Calls every native method with null and zero for every argument, in a JVM of its own that has had no session. */
 @TestMethodOrder(MethodOrderer.OrderAnnotation.class)
 class AnyArgumentTest {
-    /** Arguments that are tried for a parameter, by its type; the first is the empty one. */
+    /** Arguments to try for a parameter, by its type; the first is null or zero. */
     private static final Map<Class<?>, List<Object>> CANDIDATES = Map.of(
             int.class, List.of(0, -1, 1, 3, Integer.MAX_VALUE, Integer.MIN_VALUE),
             boolean.class, List.of(false, true),
@@ -35,13 +35,13 @@ class AnyArgumentTest {
                 .sorted(Comparator.comparing(Method::getName)).toList();
     }
 
-    /** The methods that neither open nor end the session. */
+    /** Returns the methods that neither open nor close the session. */
     private static List<Method> calls() {
         return natives().stream()
                 .filter(method -> !List.of("initializeTKVLevel", "terminateTKV").contains(method.getName())).toList();
     }
 
-    /** What a call reported, whatever texts and codes. */
+    /** Makes a call and returns its report. */
     private Recorder call(Method method, Object[] arguments) {
         Recorder result = new Recorder();
         arguments[arguments.length - 1] = result;
@@ -65,13 +65,13 @@ class AnyArgumentTest {
         return arguments;
     }
 
-    /** The reports of each method to null and zero, one line a method. */
+    /** Returns what each method reports for null and zero, in a line for each method. */
     private String reportsToNothing() {
         return calls().stream().map(method -> method.getName() + " " + call(method, emptyArguments(method)).reports())
                 .collect(Collectors.joining("\n"));
     }
 
-    /** One argument after the other takes each candidate, the others staying empty. */
+    /** Tries each candidate for one argument after the other; the others are null or zero. */
     private void callWithEachCandidate() {
         for (Method method : calls()) {
             for (int i = 0; i < method.getParameterCount() - 1; i++) {
@@ -160,7 +160,7 @@ class AnyArgumentTest {
         endSession();
     }
 
-    /** Each method is asked right after a call that succeeded, so that no text of an earlier failure is left. */
+    /** Calls each method right after a successful call, so that no text of an earlier failure is left. */
     private String reportsInOrder() {
         List<String> lines = new ArrayList<>();
         for (Method method : calls()) {

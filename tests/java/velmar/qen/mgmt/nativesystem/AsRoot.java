@@ -6,7 +6,7 @@ import java.lang.annotation.RetentionPolicy;
 import java.lang.annotation.Target;
 import org.junit.jupiter.api.condition.EnabledIfSystemProperty;
 
-/** For tests that give keys away and go on using them, which only the superuser may. */
+/** Marks tests that give keys away and go on using them, which only the superuser may do. */
 @Target({ElementType.TYPE, ElementType.METHOD})
 @Retention(RetentionPolicy.RUNTIME)
 @EnabledIfSystemProperty(named = "user.name", matches = "root")

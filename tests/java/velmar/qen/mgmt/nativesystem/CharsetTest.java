@@ -16,7 +16,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.ValueSource;
 
-/** What the session's character set changes. Runs once for each character set, which {@code tkv.charset} names. */
+/** The effects of the session's character set. Runs once for each set, which {@code tkv.charset} names. */
 class CharsetTest extends OpenSession {
     private static final String SUPPLEMENTARY = "\ud83d\ude00";
 
@@ -30,7 +30,7 @@ class CharsetTest extends OpenSession {
         assertArrayEquals(new String[] {text}, done(r -> tkv.listSubKeys(parent(), r)));
     }
 
-    // Stored as modified UTF-8, and read as bytes of the session's character set.
+    // Stored as modified UTF-8, but read in the session's character set.
     @ParameterizedTest
     @ValueSource(strings = {"plain", "é", "ö", "größer"})
     void textsOfAListAreConvertedFromIt(String text) {
@@ -79,7 +79,7 @@ class CharsetTest extends OpenSession {
         assertFalse(exists(top + "k"));
     }
 
-    // Stored in the session's character set, and read as UTF-8.
+    // Stored in the session's character set, but read as UTF-8.
     @Test
     void namesOfUsersReadBackAsTheyAreInUtf8() {
         String name = charset.equals(Charset.forName("EUC-JP")) ? "日本" : "jürgen";

@@ -8,11 +8,11 @@ import java.util.List;
 import java.util.Map;
 import java.util.concurrent.TimeUnit;
 
-/** A JVM of its own for a main class of the tests, with the checks and the class path of this one. */
+/** Runs a main class of the tests in another JVM, with the checks and the class path of this one. */
 public final class ChildJvm {
     private ChildJvm() {}
 
-    /** What a JVM left behind: its exit code and all that it wrote. */
+    /** The exit code of a JVM and everything that it wrote. */
     public record Outcome(int exit, String output) {}
 
     public static Process start(List<String> options, Map<String, String> environment, Class<?> main,
@@ -30,7 +30,7 @@ public final class ChildJvm {
         return builder.start();
     }
 
-    /** The JVM's checks of native code have complained of nothing. */
+    /** Asserts that the JVM's checks of native code have found nothing. */
     static void assertNoComplaint(String output) {
         assertFalse(output.contains("in native method") || output.contains("JNI local refs"), output);
     }

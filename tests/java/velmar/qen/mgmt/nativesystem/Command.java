@@ -9,11 +9,11 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
-/** The operator's command, which shows and stores what the native methods cannot: rights and bytes. */
+/** The operator's command, which can show and store what the native methods cannot: rights and bytes. */
 final class Command {
     private Command() {}
 
-    /** Imports keys, each described as a line of an export is; the first is the top of the others. */
+    /** Imports keys, each given as a line of an export; the others are below the first. */
     static void importKeys(String top, List<String> keys) throws IOException, InterruptedException {
         Path file = Files.createTempFile("keys", ".json");
         try {
@@ -24,7 +24,7 @@ final class Command {
         }
     }
 
-    /** The lines that a command writes. */
+    /** Runs a command, which must succeed, and returns the lines that it writes. */
     static List<String> run(String... arguments) throws IOException, InterruptedException {
         List<String> command = new ArrayList<>(List.of(System.getProperty("tkv.command")));
         command.addAll(List.of(arguments));

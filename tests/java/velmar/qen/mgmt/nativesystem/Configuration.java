@@ -6,27 +6,27 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.List;
 
-/** The configuration of this test run, which a test may change for what it opens and asks; restored at the end. */
+/** The configuration of this test run. A test may replace it for a while; closing this object restores it. */
 public final class Configuration implements AutoCloseable {
     private static final Path FILE = Path.of(System.getenv("TKV_CONF"));
 
     private final String former = current();
 
-    /** Changes nothing yet. */
+    /** Keeps the present configuration, to be restored. */
     public Configuration() {}
 
-    /** Puts a configuration in the place of the present one. */
+    /** Replaces the present configuration. */
     public Configuration(String text) {
         write(text);
     }
 
-    /** Names an embedded registry of the test's own. */
+    /** Configures an embedded registry for this test alone. */
     public static Configuration ofDirectory(Path directory, String... settings) {
         return new Configuration("[registry]\nlocation = " + directory + "\nlocal_only = yes\n"
                 + String.join("\n", settings) + "\n");
     }
 
-    /** Adds settings to the present configuration, in the section of the registry or a new one. */
+    /** Adds settings to the present configuration, in the registry's section or a new one. */
     public static Configuration with(String settings) {
         return new Configuration(current() + settings);
     }
@@ -39,14 +39,14 @@ public final class Configuration implements AutoCloseable {
         }
     }
 
-    /** The value of a setting in the present configuration. */
+    /** Returns the value of a setting in the present configuration. */
     public static String setting(String name) {
         String start = name + " = ";
         return current().lines().filter(line -> line.startsWith(start)).findFirst().orElseThrow()
                 .substring(start.length());
     }
 
-    /** The places of the registry, one directory or some addresses. */
+    /** Returns the locations of the registry: one directory or several addresses. */
     public static List<String> locations() {
         return List.of(setting("location").split(" "));
     }

@@ -20,7 +20,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
-/** Copies of trees, and moves, compared key by key. */
+/** Copies and moves of trees, compared key by key. */
 class CopyTest extends OpenSession {
     private String source;
     private String target;
@@ -31,7 +31,7 @@ class CopyTest extends OpenSession {
         target = top + "t";
     }
 
-    /** A line for a key and for each below it: name, value, list and owners, all that the native methods tell. */
+    /** Returns a line for a key and for each key below it: name, value, list, owner and group. */
     private List<String> contents(String name) {
         List<String> lines = new ArrayList<>();
         describe(name, "", lines);
@@ -48,12 +48,12 @@ class CopyTest extends OpenSession {
         }
     }
 
-    /** An export of a tree: values with their types, owners and rights, by names relative to the tree's own. */
+    /** Returns an export of a tree: values with their types, owners and rights, by names relative to the tree. */
     private static List<String> exported(String name) throws IOException, InterruptedException {
         return Command.run("export", name).stream().map(line -> line.replace("\"" + name, "\"")).toList();
     }
 
-    /** A tree of 2,000 keys, eight levels deep, with values, owners and rights of every kind. */
+    /** Creates a tree of 2,000 keys, eight levels deep, with values, owners and rights of every kind. */
     private void growTree() throws IOException, InterruptedException {
         List<String> keys = new ArrayList<>();
         keys.add(planted(source, 0));
@@ -106,7 +106,7 @@ class CopyTest extends OpenSession {
         assertEquals(part, contents(top + "u.moved.k1.k1.k1"));
     }
 
-    // A level without subkeys reports success too, so a copy reports it more than once.
+    // A level without subkeys also reports success, so a copy reports it more than once.
     private void assertCopies(int type) {
         Recorder result = new Recorder();
         tkv.copyRecurse(source, target, type, result);
@@ -114,7 +114,7 @@ class CopyTest extends OpenSession {
         assertTrue(result.reports().stream().allMatch("status true"::equals), () -> result.reports().toString());
     }
 
-    // Columns: security type of the copy, owner and group of the copied key; the source is daemon's and bin's.
+    // Columns: security type of the copy, owner and group of the copied key. The source belongs to daemon and bin.
     @ParameterizedTest
     @CsvSource({"1, daemon, bin", "2, root, bin", "3, root, root", "4, root, root", "5, daemon, bin", "6, daemon, bin",
                 "0, daemon, bin", "99, daemon, bin"})

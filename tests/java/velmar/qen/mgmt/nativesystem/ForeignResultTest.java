@@ -14,9 +14,9 @@ import java.util.ArrayList;
 import java.util.List;
 import org.junit.jupiter.api.Test;
 
-/** Result objects that are no {@link TKVResult}. */
+/** Result objects of classes other than {@link TKVResult}. */
 class ForeignResultTest extends OpenSession {
-    /** The methods that the native side calls, and nothing else. */
+    /** Has the methods that native code calls, and nothing else. */
     public static final class Foreign {
         private final List<Object> told = new ArrayList<>();
 
@@ -41,7 +41,7 @@ class ForeignResultTest extends OpenSession {
         }
     }
 
-    /** Has no text and no trace. */
+    /** Has methods neither for the text nor for trace lines. */
     public static final class Sparse {
         private boolean status;
 
@@ -50,7 +50,7 @@ class ForeignResultTest extends OpenSession {
         }
     }
 
-    /** Does not want to hear of failures. */
+    /** Throws when it receives a text. */
     static final class Throwing extends TKVResult {
         @Override
         public void setTKVResultString(String text) {

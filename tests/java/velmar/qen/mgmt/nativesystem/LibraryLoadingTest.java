@@ -21,8 +21,8 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
 /**
- * Each search for the library needs a JVM that has not loaded it yet. The library brings what the registry's location
- * needs: on a cluster the module for etcd, which must come from beside the library.
+ * Each search for the library needs a JVM that has not loaded it yet. On a cluster, the library loads the module for
+ * etcd, which must come from the library's own directory.
  */
 class LibraryLoadingTest {
     private static final String LIBRARY = "libtkv.so";
@@ -32,8 +32,8 @@ class LibraryLoadingTest {
     private Path directory;
 
     /**
-     * Opens a session and tells which files the native code came from. A # in the explicit directories stands for the
-     * NUL, which no path may have and no command line can.
+     * Opens a session and prints the files that native code was loaded from. A # in the explicit directories stands for
+     * a NUL, which a command line cannot contain.
      */
     static final class Loader {
         private Loader() {}
@@ -75,12 +75,12 @@ class LibraryLoadingTest {
         return outcome.output();
     }
 
-    /** The base directory below the directory for temporary files. */
+    /** Returns the base directory below the directory for temporary files. */
     private Path base() {
         return directory.resolve("tkv-" + System.getProperty("user.name"));
     }
 
-    /** The directories below a base directory, one for each copy. */
+    /** Returns the directories below a base directory, one for each copy. */
     private static List<Path> copies(Path base) throws IOException {
         try (Stream<Path> copies = Files.list(base)) {
             return copies.toList();
@@ -91,7 +91,7 @@ class LibraryLoadingTest {
         Files.setPosixFilePermissions(directory, PosixFilePermissions.fromString("rwxrwx---"));
     }
 
-    /** The library was loaded from below a directory, after a warning about the base directory. */
+    /** Asserts that the library was loaded from below a directory, after a warning about the base directory. */
     private void assertLoadedFrom(Path expected, String output) {
         assertTrue(output.contains("status true\nfrom " + expected), output);
         assertTrue(output.contains("WARNING: " + base() + " is not a directory that belongs to this user alone"),
@@ -102,12 +102,12 @@ class LibraryLoadingTest {
         return Path.of(System.getProperty("tkv.library.path"), LIBRARY);
     }
 
-    /** The files of this build: the library, and the module unless it was left out. */
+    /** Returns the files of this build: the library, and the module if it was built. */
     private static List<Path> allBuilt() {
         return Stream.of(LIBRARY, ETCD_MODULE).map(built()::resolveSibling).filter(Files::exists).toList();
     }
 
-    /** The content of a library in the jar, which is stripped. */
+    /** Returns the content of a library in the jar, where it is stripped. */
     private static byte[] inJar(String name) throws IOException {
         try (ZipFile jar = new ZipFile(System.getProperty("tkv.jar"))) {
             ZipEntry library = jar.stream().filter(entry -> entry.getName().endsWith("/" + name)).findFirst()
@@ -116,7 +116,7 @@ class LibraryLoadingTest {
         }
     }
 
-    /** What the loader says when all came from a directory. */
+    /** Returns what the loader prints if everything came from a directory. */
     private static String openedFrom(Path directory) {
         return "status true\nfrom " + directory.resolve(LIBRARY) + "\n"
                 + (Configuration.onCluster() ? "from " + directory.resolve(ETCD_MODULE) + "\n" : "");

@@ -12,11 +12,11 @@ import java.util.stream.IntStream;
 import org.junit.jupiter.api.Test;
 
 /**
- * Lists of many texts. The native method keeps a reference to each text until it returns, which the JVM's own checks
- * warn about from a few dozen on, so these tests run in a JVM without them.
+ * Lists of many texts. The native method keeps a reference to each text until it returns. The JVM's checks warn about
+ * more than a few dozen of them, so these tests run in a JVM without the checks.
  */
 class LongListsTest extends OpenSession {
-    /** Room for the texts, a NUL after each and the last NUL. */
+    /** Bytes for the texts, a NUL after each, and one more NUL. */
     private static final int ROOM = 8192;
 
     private void assertRoundTrip(String[] texts) {

@@ -7,7 +7,7 @@ import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.TestInfo;
 
-/** For tests within a session, with the root as working key and a top-level key of their own. */
+/** Base of tests that need a session. The root is the working key, and each test has a top-level key of its own. */
 abstract class OpenSession {
     static final int OWNED_BY = 1;
     static final int INHERITED = 2;
@@ -15,7 +15,7 @@ abstract class OpenSession {
     static final int OPEN = 5;
 
     final TKVNative tkv = new TKVNative();
-    /** Full name of the test's own key and a dot: what names of its subkeys start with. */
+    /** The full name of the test's own key and a dot, which the names of its subkeys begin with. */
     String top;
 
     @BeforeEach
@@ -33,7 +33,7 @@ abstract class OpenSession {
         assertDone(tkv::terminateTKV);
     }
 
-    /** Full name of the test's own key. */
+    /** Returns the full name of the test's own key. */
     String parent() {
         return top.substring(0, top.length() - 1);
     }

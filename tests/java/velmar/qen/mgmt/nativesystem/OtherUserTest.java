@@ -13,8 +13,8 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
 /**
- * The user nobody, who is in the group nogroup, meets a registry that root has made with {@link OtherUsersRegistry}:
- * a key for each way to own one.
+ * The user nobody, in the group nogroup, on a registry that root has created with {@link OtherUsersRegistry}:
+ * a key for each kind of ownership.
  */
 class OtherUserTest {
     private static final TKVNative TKV = new TKVNative();
@@ -41,7 +41,7 @@ class OtherUserTest {
         };
     }
 
-    /** Whether a call is allowed; a refusal must say that it is for want of a right. */
+    /** Returns whether a call is allowed. A refusal must report a missing right. */
     private static boolean outcome(Consumer<Recorder> call) {
         Recorder result = new Recorder();
         call.accept(result);
@@ -51,7 +51,7 @@ class OtherUserTest {
         return result.getStatus();
     }
 
-    // The victim below a key has the key's own security. Everybody is one of the others, who may read and list.
+    // The victim below a key has the same security as the key. Others, who are everybody, may read and list.
     @ParameterizedTest
     @CsvSource({"roots, read list", "nobodys, read list write create delete", "nogroups, read list write create delete",
                 "as-session, read list", "as-session-nogroup, read list write create delete",

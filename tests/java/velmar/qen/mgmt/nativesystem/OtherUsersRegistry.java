@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.nativesystem;
 
-/** Makes, as root, the registry that {@link OtherUserTest} meets. */
+/** Creates, as root, the registry for {@link OtherUserTest}. */
 final class OtherUsersRegistry {
     private static final TKVNative TKV = new TKVNative();
 

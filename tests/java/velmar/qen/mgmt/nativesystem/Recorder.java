@@ -3,7 +3,7 @@ package velmar.qen.mgmt.nativesystem;
 import java.util.ArrayList;
 import java.util.List;
 
-/** A result object that keeps everything it is told, in order. */
+/** A result object that records every report, in order. */
 final class Recorder extends TKVResult {
     private final List<String> reports = new ArrayList<>();
     private final List<String> lines = new ArrayList<>();

@@ -7,20 +7,20 @@ import java.util.List;
 import java.util.function.Consumer;
 import java.util.function.Function;
 
-/** What a call of a native method must have reported. */
+/** Assertions about what a native method has reported. */
 final class Reports {
     static final List<String> DONE = List.of("status true");
 
     private Reports() {}
 
-    /** The call succeeds and reports nothing else. */
+    /** Asserts that a call succeeds and reports nothing else. */
     static void assertDone(Consumer<Recorder> call) {
         Recorder result = new Recorder();
         call.accept(result);
         assertEquals(DONE, result.reports());
     }
 
-    /** The call succeeds, reports nothing else and gives something back. */
+    /** Asserts that a call succeeds and reports nothing else, and returns its result. */
     static <T> T done(Function<Recorder, T> call) {
         Recorder result = new Recorder();
         T answer = call.apply(result);
@@ -28,21 +28,21 @@ final class Reports {
         return answer;
     }
 
-    /** The call reports a code and no text. */
+    /** Asserts that a call reports a code and no text. */
     static void assertCode(int code, Consumer<Recorder> call) {
         Recorder result = new Recorder();
         call.accept(result);
         assertEquals(List.of("status false", "code " + code), result.reports());
     }
 
-    /** The call reports the registry's text and no code. */
+    /** Asserts that a call reports the registry's text and no code. */
     static void assertRefused(int code, String subject, Consumer<Recorder> call) {
         Recorder result = new Recorder();
         call.accept(result);
         assertRefusal(code, subject, result.reports());
     }
 
-    /** A status false and the registry's text of a result code, which names a subject. */
+    /** Asserts a status of false and the registry's text for a result code, which must mention the subject. */
     static void assertRefusal(int code, String subject, List<String> reports) {
         assertEquals(2, reports.size(), reports::toString);
         assertEquals("status false", reports.get(0));

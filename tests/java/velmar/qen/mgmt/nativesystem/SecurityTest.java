@@ -17,7 +17,7 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 import org.junit.jupiter.params.provider.ValueSource;
 
-/** Who owns a key that is created; the session is root's. */
+/** The owners of new keys, in a session of root. */
 @AsRoot
 class SecurityTest extends OpenSession {
     private interface Creation {
@@ -51,7 +51,7 @@ class SecurityTest extends OpenSession {
         assertEquals(group, done(r -> tkv.getGroupName(name, r)));
     }
 
-    // Columns: type, user argument, group argument, owner, owning group; the parent is daemon's and bin's.
+    // Columns: type, user argument, group argument, owner, owning group. The parent belongs to daemon and bin.
     @ParameterizedTest
     @CsvSource({"1, nobody, , nobody, ", "1, nobody, nogroup, nobody, nogroup", "2, , , root, bin",
                 "2, nobody, , nobody, bin", "2, , nogroup, root, nogroup", "3, , , root, root",
@@ -119,7 +119,7 @@ class SecurityTest extends OpenSession {
         assertOwners("nobody", "root", top + "k");
     }
 
-    // The bridge gives the security to the working key here, not to the key that it has created.
+    // Here, the bridge applies the security to the working key, not to the new key.
     @Test
     void aValueSetOnCreationWithAnotherGroupGivesTheSecurityToTheWorkingKey() {
         assertDone(r -> tkv.openKey(parent, r));

@@ -15,7 +15,7 @@ import org.junit.jupiter.api.Test;
 class TwoProcessesTest extends OpenSession {
     private static final int KEYS = 200;
 
-    /** Writes keys below a key, and then a value into that key; ends without closing the session when told to. */
+    /** Writes keys below a key, then the key's value, and exits without closing the session if asked to. */
     static final class Writer {
         private Writer() {}
 

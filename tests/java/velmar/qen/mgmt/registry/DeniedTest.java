@@ -13,7 +13,7 @@ import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 
-/** The user nobody, of the group nogroup, in a registry that root has made. */
+/** The user nobody, in the group nogroup, on a registry that root has created. */
 class DeniedTest {
     private Registry registry;
 

@@ -25,7 +25,7 @@ import velmar.qen.mgmt.nativesystem.Configuration;
 import velmar.qen.mgmt.nativesystem.TKVNative;
 import velmar.qen.mgmt.nativesystem.TKVResult;
 
-/** Each kind of failure on a real registry. */
+/** Every kind of failure, on a real registry. */
 class FailureTest extends OpenRegistry {
     private static <E extends RegistryException> E assertFails(Class<E> kind, int code, String key, Executable call) {
         E failure = assertThrows(kind, call);

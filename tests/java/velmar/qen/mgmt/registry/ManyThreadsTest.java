@@ -20,14 +20,14 @@ import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 
-/** Threads that make all kinds of calls while the registry is closed under them. */
+/** Threads that make all kinds of calls while another thread closes the registry. */
 class ManyThreadsTest {
     private static final String USER = System.getProperty("user.name");
     private static final int THREADS = 8;
     private static final int SECONDS_BEFORE_CLOSING = 3;
 
     private final ExecutorService pool = Executors.newFixedThreadPool(THREADS);
-    /** Counted down by the first worker that ends. */
+    /** Counted down when the first worker ends. */
     private final CountDownLatch ended = new CountDownLatch(1);
     private final AtomicInteger created = new AtomicInteger();
     private Registry registry;
@@ -49,7 +49,7 @@ class ManyThreadsTest {
         registry.close();
     }
 
-    /** Counts its own key up, and makes other calls, until the registry is closed; gives the last count confirmed. */
+    /** Increments its own key and makes other calls until the registry is closed. Returns the last confirmed count. */
     private int work(int thread) {
         Random random = new Random(thread);
         int confirmed = 0;

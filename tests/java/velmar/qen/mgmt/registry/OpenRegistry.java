@@ -4,10 +4,10 @@ import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.TestInfo;
 
-/** For tests on an open registry, with a top-level key of their own. */
+/** Base of tests that need an open registry. Each test has a top-level key of its own. */
 abstract class OpenRegistry {
     Registry registry;
-    /** Full name of the test's own key. */
+    /** The full name of the test's own key. */
     String top;
 
     @BeforeEach
@@ -23,7 +23,7 @@ abstract class OpenRegistry {
         registry.close();
     }
 
-    /** Full name of a key below the test's own. */
+    /** Returns the full name of a key below the test's own. */
     String below(String name) {
         return top + "." + name;
     }

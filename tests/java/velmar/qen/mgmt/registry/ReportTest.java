@@ -11,7 +11,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
-/** How reports of native methods are read, those included that a sound registry does not bring about. */
+/** The interpretation of native methods' reports, including those that a healthy registry does not produce. */
 class ReportTest {
     private static Report told(Object... reports) {
         return tell(new Report(), reports);
@@ -47,7 +47,8 @@ class ReportTest {
                 "10, ValueTooLargeException", "11, StorageFullException", "15, RegistryUnavailableException",
                 "55, KeyExistsException", "3, RegistryException", "12, RegistryException", "14, RegistryException",
                 "17, RegistryException", "18, RegistryUnusableException",
-                "19, RegistryBusyException", "20, UndecidedException", "41, RegistryException", "1234, RegistryException"})
+                "19, RegistryBusyException", "20, UndecidedException", "41, RegistryException",
+                "1234, RegistryException"})
     void theCodeDecidesTheKind(int code, String kind) {
         for (Report report : new Report[] {told(false, code),
                                            told(false, String.format("TKV-%04d: something of key 'k'", code))}) {

@@ -14,7 +14,7 @@ import java.util.regex.MatchResult;
 import java.util.regex.Pattern;
 import velmar.qen.mgmt.nativesystem.Configuration;
 
-/** A registry on etcd, reached around it by the JSON form of etcd's own requests. */
+/** A registry on etcd, which is changed directly, through the JSON form of etcd's requests. */
 final class TroubledCluster implements TroubledStorage {
     private static final Pattern ENTRY = Pattern.compile("\"key\":\"([^\"]*)\"[^}]*\"value\":\"([^\"]*)\"");
     private static final Pattern MEMBER = Pattern.compile("\"member_id\":\"(\\d+)\"");
@@ -32,7 +32,7 @@ final class TroubledCluster implements TroubledStorage {
         return new String(Base64.getDecoder().decode(base64), StandardCharsets.ISO_8859_1);
     }
 
-    /** The answer to a request, whose body has single quotes for readability. */
+    /** Makes a request, whose body has single quotes for readability, and returns the response. */
     private String request(String operation, String body) throws IOException {
         HttpRequest request = HttpRequest.newBuilder(member.resolve("/v3/" + operation))
                 .POST(HttpRequest.BodyPublishers.ofString(body.replace('\'', '"'))).build();
@@ -45,7 +45,7 @@ final class TroubledCluster implements TroubledStorage {
         }
     }
 
-    /** All entries of the registry. */
+    /** Returns all entries of the registry. */
     private String entries() throws IOException {
         String end = prefix.substring(0, prefix.length() - 1) + (char) ('/' + 1);
         return request("kv/range", "{'key':'" + encoded(prefix) + "','range_end':'" + encoded(end) + "'}");
@@ -65,7 +65,7 @@ final class TroubledCluster implements TroubledStorage {
         assertTrue(places > 0, "the text is in an entry");
     }
 
-    /** Raises the alarm that etcd itself raises when its space is used up. */
+    /** Raises the alarm that etcd raises when it runs out of space. */
     @Override
     public void runShort() throws IOException {
         MatchResult header = MEMBER.matcher(entries()).results().findFirst().orElseThrow();

@@ -11,7 +11,7 @@ import java.util.List;
 import java.util.stream.Stream;
 import velmar.qen.mgmt.nativesystem.Configuration;
 
-/** A registry in a directory, with room for a mebibyte. */
+/** A registry in a directory, limited to a mebibyte. */
 final class TroubledDirectory implements TroubledStorage {
     private final Path directory;
     private final Configuration configuration;
@@ -21,12 +21,12 @@ final class TroubledDirectory implements TroubledStorage {
         configuration = Configuration.ofDirectory(directory, "map_size = 1048576");
     }
 
-    /** In every file and at every place that has it. */
+    /** Changes the text in every file and at every place where it occurs. */
     @Override
     public void damage(String text) throws IOException {
         int places = 0;
         for (Path file : files()) {
-            // One byte a character, so that places in the text are places in the file.
+            // A character for each byte, so that positions in the text are positions in the file.
             String content = Files.readString(file, StandardCharsets.ISO_8859_1);
             for (int at = content.indexOf(text); at >= 0; at = content.indexOf(text, at + 1), places++) {
                 try (RandomAccessFile bytes = new RandomAccessFile(file.toFile(), "rw")) {
@@ -44,11 +44,11 @@ final class TroubledDirectory implements TroubledStorage {
         }
     }
 
-    /** It is short of room from the start. */
+    /** Does nothing: the space is limited from the start. */
     @Override
     public void runShort() {}
 
-    /** Room that is too small for something large is left for something small. */
+    /** Does nothing: space that is too small for a large value is left for a small one. */
     @Override
     public void makeRoom() {}
 

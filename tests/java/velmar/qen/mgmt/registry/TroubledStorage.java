@@ -4,9 +4,9 @@ import java.io.IOException;
 import java.nio.file.Path;
 import velmar.qen.mgmt.nativesystem.Configuration;
 
-/** Storage whose troubles a test can bring about behind the registry's back, on whatever the run's location is. */
+/** The storage of a registry, in which a test can cause problems, for either kind of location. */
 interface TroubledStorage extends AutoCloseable {
-    /** The storage of this run; a directory is the test's own, and small. */
+    /** Returns the storage of this run; a directory is small, and used by this test alone. */
     static TroubledStorage in(Path directory) {
         return Configuration.onCluster() ? new TroubledCluster() : new TroubledDirectory(directory);
     }
@@ -14,13 +14,13 @@ interface TroubledStorage extends AutoCloseable {
     /** Changes one byte of a stored text. */
     void damage(String text) throws IOException;
 
-    /** From now on there is no room for half a mebibyte more than once. */
+    /** Leaves room for half a mebibyte at most once. */
     void runShort() throws IOException;
 
-    /** From now on there is room for something small at least. */
+    /** Makes sure that there is room for a small value. */
     void makeRoom() throws IOException;
 
-    /** Ends the troubles. */
+    /** Ends the problems. */
     @Override
     void close() throws IOException;
 }
