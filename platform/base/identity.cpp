@@ -86,35 +86,3 @@ Status identity_of_user(const std::string& user, std::optional<Identity>* identi
 }
 
 }  // namespace tkv
-
-namespace tkv::registry {
-namespace {
-
-Status set_field(char (&field)[TKV_NAME_SIZE], const char* what, const std::string& name) {
-  if (name.size() > sizeof field) {
-    return {PRTKV_INVALID_ARGUMENT,
-            std::string(what) + " name of " + std::to_string(name.size()) + " bytes, more than 64"};
-  }
-  std::memset(field, 0, sizeof field);
-  std::memcpy(field, name.data(), name.size());
-  return {};
-}
-
-}  // namespace
-
-sec_attr default_security(const Identity& identity) {
-  sec_attr security{};
-  security.user_perm = 0x3f;
-  security.group_perm = 0x34;
-  security.other_perm = 0x3;
-  // A name that no record can hold stays empty: nobody's.
-  (void)set_user(&security, identity.user);
-  (void)set_group(&security, identity.group());
-  return security;
-}
-
-Status set_user(sec_attr* security, const std::string& name) { return set_field(security->user_name, "user", name); }
-
-Status set_group(sec_attr* security, const std::string& name) { return set_field(security->group_name, "group", name); }
-
-}  // namespace tkv::registry

@@ -8,7 +8,6 @@
 
 #include "base/name_service.h"
 #include "base/status.h"
-#include "sec_attr.h"
 
 namespace tkv {
 
@@ -34,17 +33,5 @@ Status identity_of_user(const std::string& user, std::optional<Identity>* identi
                         const NameService& service = NameService::system());
 
 }  // namespace tkv
-
-namespace tkv::registry {
-
-// The security record that this system gives keys for which nobody asked for another: they belong to the identity, and
-// others may read and list them.
-sec_attr default_security(const Identity& identity);
-
-// Puts a name into a record's field of TKV_NAME_SIZE bytes, zero-filled. 8 when it is longer.
-Status set_user(sec_attr* security, const std::string& name);
-Status set_group(sec_attr* security, const std::string& name);
-
-}  // namespace tkv::registry
 
 #endif

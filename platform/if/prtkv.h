@@ -113,8 +113,9 @@ int32_t prtkv_delete_key(prtkv_ctx ctx, prtkv_key key, int32_t recursive);
 /* Moves the key and its subtree to `name` under `parent`, atomically. Requires the delete right on the key and the
  * create right on the parent. If `flags` is 0, an existing target yields PRTKV_KEY_EXISTS; if it is 1, the target and
  * its subtree are replaced, which requires the delete right on every key of them; any other yields
- * PRTKV_INVALID_ARGUMENT. A target within the moved subtree yields PRTKV_MOVE_INTO_ITSELF. `*moved` receives a handle
- * of the moved key; `source` stays open and yields PRTKV_NO_SUCH_KEY. */
+ * PRTKV_INVALID_ARGUMENT. A target within the moved subtree yields PRTKV_MOVE_INTO_ITSELF, and so does replacing
+ * an ancestor of the key. `*moved` receives a handle of the moved key; `source` stays open and yields
+ * PRTKV_NO_SUCH_KEY. */
 int32_t prtkv_move_key(prtkv_ctx ctx, prtkv_key source, prtkv_key parent, const char *name, prtkv_key *moved,
                        int32_t flags);
 

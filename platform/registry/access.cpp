@@ -8,6 +8,16 @@ namespace {
 
 std::string_view field_text(const char (&field)[TKV_NAME_SIZE]) { return {field, strnlen(field, sizeof field)}; }
 
+Status set_field(char (&field)[TKV_NAME_SIZE], const char* what, const std::string& name) {
+  if (name.size() > sizeof field) {
+    return {PRTKV_INVALID_ARGUMENT,
+            std::string(what) + " name of " + std::to_string(name.size()) + " bytes, more than 64"};
+  }
+  std::memset(field, 0, sizeof field);
+  std::memcpy(field, name.data(), name.size());
+  return {};
+}
+
 bool is_outside(std::int32_t mask) { return (mask & ~TKV_RIGHT_ALL) != 0; }
 
 bool has_group(const Identity& identity, std::string_view name) {
@@ -57,6 +67,21 @@ std::string_view user_of(const sec_attr& security) { return field_text(security.
 
 std::string_view group_of(const sec_attr& security) { return field_text(security.group_name); }
 
+Status set_user(sec_attr* security, const std::string& name) { return set_field(security->user_name, "user", name); }
+
+Status set_group(sec_attr* security, const std::string& name) { return set_field(security->group_name, "group", name); }
+
+sec_attr default_security(const Identity& identity) {
+  sec_attr security{};
+  security.user_perm = TKV_RIGHT_ALL;
+  security.group_perm = TKV_RIGHT_WRITE | TKV_RIGHT_CREATE | TKV_RIGHT_DELETE;
+  security.other_perm = TKV_RIGHT_READ | TKV_RIGHT_LIST;
+  // A name that no record can hold stays empty: nobody's.
+  (void)set_user(&security, identity.user);
+  (void)set_group(&security, identity.group());
+  return security;
+}
+
 bool same_security(const sec_attr& left, const sec_attr& right) {
   return left.user_perm == right.user_perm && left.group_perm == right.group_perm &&
          left.other_perm == right.other_perm && user_of(left) == user_of(right) && group_of(left) == group_of(right);
@@ -69,7 +94,7 @@ Status check_security(const sec_attr& security) {
   return {};
 }
 
-sec_attr tidied(const sec_attr& security) {
+sec_attr normalized(const sec_attr& security) {
   sec_attr clean{};
   clean.user_perm = security.user_perm;
   clean.group_perm = security.group_perm;

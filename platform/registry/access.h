@@ -47,11 +47,20 @@ std::string_view group_of(const sec_attr& security);
 // Tells whether two records mean the same, whatever follows the NUL of a name.
 bool same_security(const sec_attr& left, const sec_attr& right);
 
-// Tells whether a record can be stored: masks within TKV_RIGHT_ALL. 8 otherwise.
+// Puts a name into a record's field of TKV_NAME_SIZE bytes, zero-filled. Returns PRTKV_INVALID_ARGUMENT if it is
+// longer.
+Status set_user(sec_attr* security, const std::string& name);
+Status set_group(sec_attr* security, const std::string& name);
+
+// The security of keys for which nobody asked for another: they belong to the identity, and others may read and list
+// them.
+sec_attr default_security(const Identity& identity);
+
+// Returns PRTKV_INVALID_ARGUMENT if a mask has bits outside TKV_RIGHT_ALL.
 Status check_security(const sec_attr& security);
 
 // The record with zero bytes after its names, whatever the caller's memory held there.
-sec_attr tidied(const sec_attr& security);
+sec_attr normalized(const sec_attr& security);
 
 }  // namespace tkv::registry
 

@@ -324,8 +324,8 @@ class Client {
   // Moves a key with its subtree to `name` under `parent`. Needs TKV_RIGHT_DELETE on the key and TKV_RIGHT_CREATE on
   // the new parent. An existing target yields PRTKV_KEY_EXISTS or, with `replace`, is deleted with its subtree, which
   // needs TKV_RIGHT_DELETE on every key of it. A target that is the key itself or lies below it yields
-  // PRTKV_MOVE_INTO_ITSELF. PRTKV_INVALID_NAME if a key below would get a name beyond the limits. `*id` is the key's,
-  // which a move does not change.
+  // PRTKV_MOVE_INTO_ITSELF, and so does replacing a key above it. Returns PRTKV_INVALID_NAME if a key below would get a
+  // name beyond the limits. `*id` is the key's, which a move does not change.
   virtual Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) = 0;
 
   // Copies a key to the full name `target`. The copies are new keys. Needs TKV_RIGHT_READ and, recursively,

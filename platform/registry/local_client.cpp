@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "base/limits.h"
 #include "registry/check.h"
 #include "registry/new_keys.h"
 #include "registry/subtree.h"
@@ -61,7 +62,7 @@ Status LocalClient::stat(const KeyRef& key, KeyInfo* info) {
 
 Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
   std::size_t size = 0;
-  return read_value_up_to(key, kMaxValueBytes, value, &size);
+  return read_value_up_to(key, kMaxValueSize, value, &size);
 }
 
 Status LocalClient::read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) {
@@ -85,18 +86,17 @@ Status LocalClient::read_security(const KeyRef& key, sec_attr* security) {
 Status LocalClient::create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
                            std::span<const std::byte> bytes, KeyId* id) {
   KeyId created = kAnyKey;
-  Status status =
-      write([&](Writer& tree) { return tree.create_and_set(parent, name, security, type, bytes, &created); });
+  Status status = write([&](Writer& tree) { return tree.create(parent, name, security, type, bytes, &created); });
   if (status.ok()) *id = created;
   return status;
 }
 
 Status LocalClient::write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) {
-  return write([&](Writer& tree) { return tree.set_value(key, type, bytes); });
+  return write([&](Writer& tree) { return tree.write_value(key, type, bytes); });
 }
 
 Status LocalClient::write_security(const KeyRef& key, const sec_attr& security) {
-  return write([&](Writer& tree) { return tree.set_security(key, security); });
+  return write([&](Writer& tree) { return tree.write_security(key, security); });
 }
 
 Status LocalClient::put(std::span<const NamedValue> values, const PutOptions& options) {
@@ -142,7 +142,7 @@ Status LocalClient::apply(const Subtree& wanted, const ApplyOptions& options, Ke
     return find_difference(current, wanted, options.mode, options.security, above, &found);
   };
   Status status = write([&](Writer& tree) -> Status {
-    tree.follow(progress);
+    tree.report_to(progress);
     if (Status compared = tree.before(compare_before); !compared.ok()) return compared;
     if (Status expected = demand_expected(found, options); !expected.ok()) return expected;
     if (options.create_parents) {
@@ -158,19 +158,19 @@ Status LocalClient::apply_changes(std::span<const KeyChange> changes) {
   return write([&](Writer& tree) { return apply_one_by_one(tree, changes); });
 }
 
-std::size_t LocalClient::preferred_batch_size() const { return store_->handy_changes(); }
+std::size_t LocalClient::preferred_batch_size() const { return store_->preferred_batch_size(); }
 
 Status LocalClient::change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                                     KeyProgress progress) {
   return write([&](Writer& tree) {
-    tree.follow(progress);
+    tree.report_to(progress);
     return tree.change_security(key, recursive, [&](sec_attr* security) { return change.apply(security); });
   });
 }
 
 Status LocalClient::remove(const KeyRef& key, bool recursive, KeyProgress progress) {
   return write([&](Writer& tree) {
-    tree.follow(progress);
+    tree.report_to(progress);
     return tree.remove(key, recursive);
   });
 }
@@ -185,9 +185,8 @@ Status LocalClient::move(const KeyRef& source, const KeyRef& parent, std::string
 Status LocalClient::copy(const KeyRef& source, std::string_view target, const CopyOptions& options,
                          KeyProgress progress) {
   return write([&](Writer& tree) {
-    KeyId id = kAnyKey;
-    tree.follow(progress);
-    return tree.copy(source, "", target, options.recursive, options.replace, &id, options.own);
+    tree.report_to(progress);
+    return tree.copy(source, target, options);
   });
 }
 

@@ -42,12 +42,12 @@ Status ill_formed() {
 
 Status level_too_long(std::size_t size) {
   return {PRTKV_INVALID_NAME,
-          "invalid name: a level has " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxLevelBytes)};
+          "invalid name: a level has " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxLevelSize)};
 }
 
 Status too_long(std::size_t size) {
   return {PRTKV_INVALID_NAME,
-          "invalid name: " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxNameBytes)};
+          "invalid name: " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxNameSize)};
 }
 
 Status too_deep(std::size_t levels) {
@@ -64,14 +64,14 @@ std::string_view ending(std::string_view text, std::size_t size) {
 }  // namespace
 
 Status check_name(std::string_view name) {
-  if (name.size() > kMaxNameBytes) return too_long(name.size());
+  if (name.size() > kMaxNameSize) return too_long(name.size());
   if (name.empty()) return {};
   std::size_t start = 0;  // of the level
   std::size_t levels = 0;
   for (std::size_t at = 0;;) {
     if (at == name.size() || name[at] == kSeparator) {
       if (at == start) return empty_level();
-      if (at - start > kMaxLevelBytes) return level_too_long(at - start);
+      if (at - start > kMaxLevelSize) return level_too_long(at - start);
       ++levels;
       if (at == name.size()) break;
       start = ++at;
@@ -131,7 +131,7 @@ Status FullName::join(std::string_view parent, std::string_view relative) {
   const std::size_t separator = parent.empty() || relative.empty() ? 0 : 1;
   const std::size_t size = parent.size() + separator + relative.size();
   const std::size_t levels = count_levels(parent) + count_levels(relative);
-  if (size > kMaxNameBytes) return too_long(size);
+  if (size > kMaxNameSize) return too_long(size);
   if (levels > kMaxLevels) return too_deep(levels);
   char* end = std::copy(parent.begin(), parent.end(), bytes_.data());
   if (separator != 0) *end++ = kSeparator;

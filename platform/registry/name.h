@@ -12,13 +12,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/status.h"
 
 namespace tkv::registry {
-
-constexpr std::size_t kMaxLevelBytes = 264;
-constexpr std::size_t kMaxNameBytes = 1023;
-constexpr std::size_t kMaxLevels = 64;
 
 // Tells whether a name is a full name ("" included): done, or 5 with a text that says what is wrong with it.
 Status check_name(std::string_view name);
@@ -56,7 +53,7 @@ class FullName {
   std::string_view view() const { return {bytes_.data(), size_}; }
 
  private:
-  std::array<char, kMaxNameBytes> bytes_{};
+  std::array<char, kMaxNameSize> bytes_{};
   std::size_t size_ = 0;
 };
 

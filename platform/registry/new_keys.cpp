@@ -16,13 +16,13 @@ Status create_key(Writer& tree, std::string_view name, const TypedValue& value, 
   KeyId id = kAnyKey;
   if (Status status = inherited_security(tree, parent_of(name), rules, &above); !status.ok()) return status;
   if (Status status = security_below(above, rules, &security); !status.ok()) return status;
-  return tree.create_and_set("", name, security, value.type, value.span(), &id);
+  return tree.create("", name, security, value.type, value.span(), &id);
 }
 
 Status write_existing(Writer& tree, std::string_view name, const TypedValue& value, PutOptions::Key key) {
   if (key == PutOptions::Key::kMustBeNew) return {PRTKV_KEY_EXISTS, describe(name) + " exists"};
   if (value == TypedValue{}) return {};
-  return tree.set_value(name, value.type, value.span());
+  return tree.write_value(name, value.type, value.span());
 }
 
 }  // namespace

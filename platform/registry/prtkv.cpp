@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/limits.h"
 #include "registry/configuration.h"
 #include "registry/contexts.h"
 #include "registry/error_text.h"
@@ -53,8 +54,7 @@ Status check_reserved(const void* reserved) {
 
 Status check_value(const void* value, std::uint32_t size) {
   if (value == nullptr && size > 0) return {PRTKV_NULL_ARGUMENT, "null argument: value"};
-  if (size <= PRTKV_MAX_VALUE_SIZE) return {};
-  return {PRTKV_VALUE_TOO_LARGE, "value too large: " + std::to_string(size) + " bytes, more than 1 MiB"};
+  return tkv::check_value_size(size);
 }
 
 // A caller's name. Of one that is too long, no more is read than what makes it so.

@@ -16,11 +16,11 @@ using Changes = std::span<const KeyChange>;
 
 constexpr std::uint64_t kMostNamed = 3;  // keys in a message
 
-KeyRecord record_of(const Entry& entry, const store::Value& value) {
+KeyRecord record_of(const WalkEntry& entry) {
   KeyRecord record;
   record.name = entry.name;
-  record.security = entry.node.security;
-  record.value = {value.type, std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size())};
+  record.security = entry.security;
+  record.value = {entry.type, std::string(reinterpret_cast<const char*>(entry.value.data()), entry.value.size())};
   return record;
 }
 
@@ -121,16 +121,16 @@ Changes take_step(Changes* rest) {
   return step;
 }
 
-// Builds a subtree that nobody sees yet.
-Status build_aside(Writer& tree, Changes added, KeyId* top) {
+// Stages a subtree.
+Status stage_subtree(Writer& tree, Changes added, KeyId* top) {
   std::vector<std::pair<std::string_view, KeyId>> ancestors;  // of the next key
   for (const KeyChange& change : added) {
     const KeyRecord& key = change.after;
     KeyId id = kAnyKey;
     while (!ancestors.empty() && !is_within(key.name, ancestors.back().first)) ancestors.pop_back();
-    const Status made = ancestors.empty() ? tree.sprout(key.value.type, key.value.span(), &id)
-                                          : tree.sprout_below(ancestors.back().second, last_level(key.name),
-                                                              key.security, key.value.type, key.value.span(), &id);
+    const Status made = ancestors.empty() ? tree.stage(key.value.type, key.value.span(), &id)
+                                          : tree.stage_below(ancestors.back().second, last_level(key.name),
+                                                             key.security, key.value.type, key.value.span(), &id);
     if (!made.ok()) return made.about(describe(key.name));
     if (ancestors.empty()) *top = id;
     ancestors.emplace_back(key.name, id);
@@ -141,9 +141,9 @@ Status build_aside(Writer& tree, Changes added, KeyId* top) {
 Status change_key(Writer& tree, const KeyRecord& before, const KeyRecord& after) {
   // The value first: the new rights may take away the right to write it.
   if (before.value != after.value) {
-    if (Status status = tree.set_value(after.name, after.value.type, after.value.span()); !status.ok()) return status;
+    if (Status status = tree.write_value(after.name, after.value.type, after.value.span()); !status.ok()) return status;
   }
-  return same_security(before.security, after.security) ? Status() : tree.set_security(after.name, after.security);
+  return same_security(before.security, after.security) ? Status() : tree.write_security(after.name, after.security);
 }
 
 Status apply_step(Writer& tree, Changes step) {
@@ -155,8 +155,8 @@ Status apply_step(Writer& tree, Changes step) {
     case Kind::kChange:
       return change_key(tree, first.before, first.after);
     case Kind::kAdd:
-      if (Status status = build_aside(tree, step, &id); !status.ok()) return status;
-      return tree.plant(id, first.after.security, "", first.after.name, false);
+      if (Status status = stage_subtree(tree, step, &id); !status.ok()) return status;
+      return tree.attach(id, first.after.security, "", first.after.name, false);
   }
   return PRTKV_INVALID_ARGUMENT;
 }
@@ -165,7 +165,7 @@ Status apply_one(Writer& tree, const KeyChange& change) {
   const KeyRecord& after = change.after;
   KeyId id = kAnyKey;
   if (change.kind == Kind::kAdd) {
-    return tree.create_and_set("", after.name, after.security, after.value.type, after.value.span(), &id);
+    return tree.create("", after.name, after.security, after.value.type, after.value.span(), &id);
   }
   Status status = apply_step(tree, {&change, 1});
   // It was removed along with a key above it.
@@ -179,12 +179,12 @@ Status read_subtree(Reader& tree, const std::string& top, KeyProgress progress, 
   subtree->keys.clear();
   bool exists = false;
   if (Status status = tree.exists(top, &exists); !status.ok() || !exists) return status;
-  return tree.walk(top, Hidden::kFail, [&](const Entry& entry) -> Status {
-    store::Value value;
-    if (Status status = tree.value(entry, &value); !status.ok()) return status;
-    subtree->keys.push_back(record_of(entry, value));
+  WalkOptions options;
+  options.values = true;
+  return tree.walk(top, options, [&](const WalkEntry& entry) {
+    subtree->keys.push_back(record_of(entry));
     progress(subtree->keys.size());
-    return {};
+    return Status();
   });
 }
 

@@ -159,7 +159,7 @@ class Store {
 
   // How many changes of visible nodes, entries inserted, rewritten or unlinked and values set, a program that has many
   // to make should put into one write. More can be made, at the cost of being prepared first.
-  virtual std::size_t handy_changes() const = 0;
+  virtual std::size_t preferred_batch_size() const = 0;
 
   // Reads every record and reports each that is damaged or out of place; counts the sound ones. With `repair`, what
   // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed. `progress`

@@ -100,7 +100,7 @@ class FaultyStore final : public Store {
     });
   }
 
-  std::size_t handy_changes() const override { return target_->handy_changes(); }
+  std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
 
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override {

@@ -47,7 +47,7 @@ class MemoryStore final : public Store {
     return {};
   }
 
-  std::size_t handy_changes() const override { return std::numeric_limits<std::size_t>::max(); }
+  std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
 
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override {

@@ -81,7 +81,7 @@ TEST(Record, KeysAreLaidOutAsDocumented) {
 }
 
 TEST(Record, KeysAreReadBack) {
-  const std::string longest(kMaxLevelName, 'n');
+  const std::string longest(kMaxLevelSize, 'n');
   for (const std::string_view name : {std::string_view(), std::string_view("SYSTEM"), std::string_view(longest)}) {
     const Key key = Key::node(0x0123456789abcdef, name);
     KeyParts parts;

@@ -70,7 +70,7 @@ TEST(Security, TidiedRecordHoldsNothingBehindItsNames) {
   untidy.group_perm = 2;
   untidy.other_perm = 3;
   std::memcpy(untidy.user_name, "al", 3);
-  const sec_attr clean = tidied(untidy);
+  const sec_attr clean = normalized(untidy);
   EXPECT_EQ(user_of(clean), "al");
   EXPECT_EQ(group_of(clean), std::string(64, 'z'));
   for (std::size_t at = 2; at < sizeof clean.user_name; ++at) EXPECT_EQ(clean.user_name[at], '\0');

@@ -50,6 +50,13 @@ inline std::string text_of(const store::Value& value) {
   return {reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()};
 }
 
+inline CopyOptions copying(bool recursive, bool replace) {
+  CopyOptions options;
+  options.recursive = recursive;
+  options.replace = replace;
+  return options;
+}
+
 inline std::shared_ptr<Client> client_on(std::shared_ptr<store::Store> store, Identity identity,
                                          Configuration configuration = {}) {
   return std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store));
@@ -99,8 +106,8 @@ struct Ground {
   store::NodeId make(std::string_view name, const sec_attr& security = open_to_all(), std::string_view value = {}) {
     store::NodeId id = store::kNoNode;
     const Status status = tree(superuser()).write([&](Writer& tree) {
-      return value.empty() ? tree.create(parent_of(name), last_level(name), security, &id)
-                           : tree.create_and_set(parent_of(name), last_level(name), security, 3, bytes_of(value), &id);
+      return value.empty() ? tree.create(parent_of(name), last_level(name), security, 0, {}, &id)
+                           : tree.create(parent_of(name), last_level(name), security, 3, bytes_of(value), &id);
     });
     return status.ok() ? id : store::kNoNode;
   }
@@ -127,13 +134,13 @@ struct Ground {
     std::vector<std::string> found;
     const Status status = tree(superuser()).read_all([&](Reader& tree) {
       found.clear();
-      return tree.walk("", Hidden::kFail, [&](const Entry& entry) {
-        store::Value value;
-        Status read = tree.value(entry, &value);
+      WalkOptions options;
+      options.values = true;
+      return tree.walk("", options, [&](const WalkEntry& entry) {
         std::string line(entry.name);
-        if (value.type != 0) line += "=" + std::to_string(value.type) + ":" + text_of(value);
+        if (entry.type != 0) line += "=" + std::to_string(entry.type) + ":" + text_of({entry.type, entry.value});
         if (!entry.name.empty()) found.push_back(std::move(line));
-        return read;
+        return Status();
       });
     });
     if (!status.ok()) found.push_back("(" + status.text() + ")");

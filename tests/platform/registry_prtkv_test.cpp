@@ -241,6 +241,19 @@ TEST_F(Prtkv, MoveThatReplacesEndsTheHandlesOfWhatWasThere) {
   EXPECT_EQ(value(below), "code 4");
 }
 
+TEST_F(Prtkv, MoveOntoAnAncestorIsRefusedAndLeavesEverything) {
+  for (const char* name : {"a", "a.b", "a.c"}) ground_.make(name, open_to_all(), name);
+  const prtkv_key source = ctx_.open("a.b");
+  const prtkv_key ancestor = ctx_.open("a");
+  prtkv_key moved = 99;
+  EXPECT_EQ(prtkv_move_key(ctx_, source, ctx_.open(""), "a", &moved, 1), PRTKV_MOVE_INTO_ITSELF);
+  EXPECT_EQ(ctx_.last_error(), "TKV-0017: key 'a.b' cannot replace key 'a', which it lies below");
+  EXPECT_EQ(moved, 99U);
+  EXPECT_EQ(value(source), "a.b");
+  EXPECT_EQ(value(ancestor), "a");
+  EXPECT_TRUE(ground_.has("a.c"));
+}
+
 TEST_F(Prtkv, MoveTakesNoOtherFlags) {
   ground_.make("a");
   prtkv_key moved = 0;
@@ -636,7 +649,7 @@ class ThrowingStore final : public store::Store {
   Status read(FunctionRef<Status(store::View&)>) override { throw exception_; }
   Status read_all(FunctionRef<Status(store::View&)>) override { throw exception_; }
   Status write(FunctionRef<Status(store::Update&)>) override { throw exception_; }
-  std::size_t handy_changes() const override { return 0; }
+  std::size_t preferred_batch_size() const override { return 0; }
   Status check(bool, FunctionRef<void(const store::Finding&)>, FunctionRef<void(const store::CheckProgress&)>,
                store::Totals*) override {
     throw exception_;

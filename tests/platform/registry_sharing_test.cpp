@@ -108,9 +108,9 @@ TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
   store::NodeId id = store::kNoNode;
   ASSERT_TRUE(registry
                   .write([&](Writer& tree) {
-                    if (Status status = tree.create("", "a", open_to_all(), &id); !status.ok()) return status;
-                    if (Status status = tree.create("", "b", open_to_all(), &id); !status.ok()) return status;
-                    return tree.create("a", "key", open_to_all(), &id);
+                    if (Status status = tree.create("", "a", open_to_all(), 0, {}, &id); !status.ok()) return status;
+                    if (Status status = tree.create("", "b", open_to_all(), 0, {}, &id); !status.ok()) return status;
+                    return tree.create("a", "key", open_to_all(), 0, {}, &id);
                   })
                   .ok());
   std::atomic<bool> done{false};

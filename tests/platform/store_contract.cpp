@@ -160,7 +160,7 @@ TEST_P(StoreContract, AnInsertedNodeIsFoundWithItsIdAndSecurity) {
 
 TEST_P(StoreContract, WhatIsNotThereIsNotFoundAndHasNoText) {
   add(kRootNode, "ab");
-  const std::string overlong(kMaxLevelName + 1, 'x');
+  const std::string overlong(kMaxLevelSize + 1, 'x');
   const std::string_view names[] = {"a", "abc", "b", overlong};
   for (const std::string_view name : names) {
     Node node;
@@ -186,7 +186,7 @@ TEST_P(StoreContract, PlacesThatCannotBeAreRefused) {
     return store_->write([&](Update& update) { return update.insert(parent, name, Node{id, {}}); }).code();
   };
   EXPECT_EQ(insert(kRootNode, "", 5), PRTKV_INVALID_NAME);
-  EXPECT_EQ(insert(kRootNode, std::string(kMaxLevelName + 1, 'x'), 5), PRTKV_INVALID_NAME);
+  EXPECT_EQ(insert(kRootNode, std::string(kMaxLevelSize + 1, 'x'), 5), PRTKV_INVALID_NAME);
   EXPECT_EQ(insert(kNoNode, "", 5), PRTKV_INVALID_ARGUMENT);
   EXPECT_EQ(insert(kNoNode, "a", 5), PRTKV_INVALID_ARGUMENT);
   EXPECT_EQ(insert(kRootNode, "a", kNoNode), PRTKV_INVALID_ARGUMENT);
@@ -199,7 +199,7 @@ TEST_P(StoreContract, PlacesThatCannotBeAreRefused) {
 TEST_P(StoreContract, NamesAreBytes) {
   std::string every_byte;
   for (int byte = 1; byte < 256; ++byte) every_byte.push_back(static_cast<char>(byte));
-  const std::vector<std::string> names = {"a",        "A",  "\xff\xfe", "\xc0\x80", std::string(kMaxLevelName, 'n'),
+  const std::vector<std::string> names = {"a",        "A",  "\xff\xfe", "\xc0\x80", std::string(kMaxLevelSize, 'n'),
                                           every_byte, "%s", " ",        "/",        "a/b"};
   std::vector<NodeId> ids;
   for (const std::string& name : names) ids.push_back(add(kRootNode, name));

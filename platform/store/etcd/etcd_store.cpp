@@ -15,7 +15,7 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::size_t kHandyChanges = 50;  // each may need a garbage key and several comparisons
+constexpr std::size_t kPreferredBatchSize = 50;  // each may need a garbage key and several comparisons
 constexpr int kMostLongRuns = 8;
 constexpr std::size_t kMaxPrefixBytes = 256;
 
@@ -72,7 +72,7 @@ class EtcdStore final : public Store {
     return run(Stm::Purpose::kWrite, [&](Stm& update) { return function(update); });
   }
 
-  std::size_t handy_changes() const override { return kHandyChanges; }
+  std::size_t preferred_batch_size() const override { return kPreferredBatchSize; }
 
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override {

@@ -107,7 +107,7 @@ Key Key::value(NodeId id) {
 }
 
 Key Key::node(NodeId parent, std::string_view name) {
-  assert(name.size() <= kMaxLevelName);
+  assert(name.size() <= kMaxLevelSize);
   Key key;
   key.bytes_[0] = kNodeKey;
   key.put_id(parent);
@@ -127,7 +127,7 @@ bool read_key(std::span<const std::byte> key, KeyParts* parts) {
   *parts = KeyParts{key[0], kNoNode, {}};
   if (parts->kind == kMetaKey) return key.size() == 1;
   if (parts->kind != kNodeKey && parts->kind != kValueKey) return false;
-  if (key.size() < kNameAt || key.size() > kNameAt + kMaxLevelName) return false;
+  if (key.size() < kNameAt || key.size() > kNameAt + kMaxLevelSize) return false;
   for (std::size_t i = 1; i < kNameAt; ++i) parts->id = parts->id << 8 | std::to_integer<NodeId>(key[i]);
   parts->name = {reinterpret_cast<const char*>(key.data() + kNameAt), key.size() - kNameAt};
   return parts->kind == kNodeKey || parts->name.empty();

@@ -36,7 +36,7 @@ class Key {
  public:
   static Key meta();
   static Key value(NodeId id);
-  // Without a name: the prefix of the keys of all children. `name` is at most kMaxLevelName bytes long.
+  // Without a name: the prefix of the keys of all children. `name` is at most kMaxLevelSize bytes long.
   static Key node(NodeId parent, std::string_view name = {});
 
   // The key as an LMDB argument. Points into this object.
@@ -49,7 +49,7 @@ class Key {
   Key() = default;
   void put_id(NodeId id);
 
-  std::array<std::byte, 1 + 8 + kMaxLevelName> bytes_;
+  std::array<std::byte, 1 + 8 + kMaxLevelSize> bytes_;
   std::size_t size_ = 0;
 };
 

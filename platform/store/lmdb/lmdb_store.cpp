@@ -74,7 +74,7 @@ class LmdbStore final : public Store {
     return read_for(ReadTransaction::Length::kLong, function);
   }
   Status write(FunctionRef<Status(Update&)> function) override;
-  std::size_t handy_changes() const override { return std::numeric_limits<std::size_t>::max(); }
+  std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override;
   const char* kind() const override { return "lmdb"; }

@@ -67,7 +67,7 @@ Status LmdbUpdate::load_meta() {
 }
 
 Status LmdbUpdate::find(NodeId parent, std::string_view name, Node* node) {
-  if (name.size() > kMaxLevelName) return PRTKV_NO_SUCH_KEY;
+  if (name.size() > kMaxLevelSize) return PRTKV_NO_SUCH_KEY;
   bool found = false;
   std::span<const std::byte> record;
   if (Status status = get(Key::node(parent, name), &found, &record); !status.ok()) return status;
@@ -110,7 +110,7 @@ Status LmdbUpdate::children(NodeId parent, FunctionRef<Status(std::string_view, 
   MDB_val key{};
   MDB_val data{};
   bool at_end = false;
-  std::array<char, kMaxLevelName> copy;
+  std::array<char, kMaxLevelSize> copy;
   std::string_view name;
   Status status = seek(raw, Key::node(parent), &key, &data, &at_end);
   while (status.ok() && !at_end && is_child(bytes_of(key), parent, &name)) {

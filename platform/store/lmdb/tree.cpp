@@ -65,7 +65,7 @@ PageDamage confirm_absence(TreeCursor& cursor, const Key& key) {
 }
 
 Status decode_child(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
-  if (name.size() > kMaxLevelName) return {PRTKV_STORAGE_FAILED, entry_text(parent, name) + ": its name is too long"};
+  if (name.size() > kMaxLevelSize) return {PRTKV_STORAGE_FAILED, entry_text(parent, name) + ": its name is too long"};
   Status status = decode_node(parent, name, record, node);
   return status.ok() ? status : status.about(entry_text(parent, name));
 }
@@ -76,7 +76,7 @@ Status decode_value_of(NodeId id, std::span<const std::byte> record, Value* valu
 }
 
 Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node) {
-  if (name.size() > kMaxLevelName) return PRTKV_NO_SUCH_KEY;
+  if (name.size() > kMaxLevelSize) return PRTKV_NO_SUCH_KEY;
   const Key key = Key::node(parent, name);
   TreeCursor cursor(state);
   bool found = false;

@@ -419,7 +419,7 @@ public final class Registry implements AutoCloseable {
 
     /**
      * Moves a key and everything below it, atomically. If the target exists, it is replaced, together with everything
-     * below it.
+     * below it. A key cannot replace one that it lies below.
      *
      * @param source full name
      * @param target new full name
