@@ -1,7 +1,6 @@
-// Handles: 64-bit values that stand for slots of a table, without being addresses. A handle is the table's kind, a
-// serial number that the process never gives twice in 2^40 handles, and the slot's index; the slot keeps the serial of
-// the handle that it was last given out under. So a closed handle, one of another table and one made up are all
-// told from an open one.
+// Handles: 64-bit values that stand for slots of a table without being addresses. A handle consists of the table's
+// kind, the slot's index and a serial number that the process repeats only after 2^31 handles. The slot keeps the
+// serial of the handle that it was given out under last, so a closed, foreign or forged handle is recognized.
 #ifndef TKV_PLATFORM_REGISTRY_HANDLE_H
 #define TKV_PLATFORM_REGISTRY_HANDLE_H
 
@@ -13,8 +12,8 @@ namespace tkv::registry {
 
 enum class HandleKind : std::uint64_t { kContext = 1, kKey = 2 };
 
-constexpr unsigned kIndexBits = 20;
-constexpr unsigned kSerialBits = 40;
+constexpr unsigned kIndexBits = 30;
+constexpr unsigned kSerialBits = 31;
 constexpr std::size_t kMaxSlots = 1UL << kIndexBits;
 
 struct Handle {
@@ -26,7 +25,7 @@ constexpr std::uint64_t encode_handle(HandleKind kind, Handle handle) {
   return static_cast<std::uint64_t>(kind) << (kIndexBits + kSerialBits) | handle.serial << kIndexBits | handle.index;
 }
 
-// False when the value is no handle of this kind.
+// Returns false if the value is no handle of this kind.
 constexpr bool decode_handle(HandleKind kind, std::uint64_t value, Handle* handle) {
   handle->index = value & (kMaxSlots - 1);
   handle->serial = value >> kIndexBits & ((1ULL << kSerialBits) - 1);

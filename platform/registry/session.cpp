@@ -14,7 +14,8 @@
 namespace tkv::registry {
 namespace {
 
-constexpr std::size_t kKeptBytes = 64UL * 1024;  // what buffers keep from one use to the next
+constexpr std::size_t kKeptBytes = 64UL * 1024;  // capacity that buffers keep between uses
+constexpr std::size_t kMostLostNames = 1024;     // that are kept, besides one for each open key
 
 Status invalid_handle() { return {PRTKV_INVALID_HANDLE, "invalid key handle"}; }
 
@@ -25,8 +26,8 @@ Status too_small(std::uint32_t offered, std::size_t needed) {
 
 }  // namespace
 
-// A slot that an operation has taken and not given out yet. Taken before anything is changed, so that a key that was
-// created is never left without its handle.
+// A slot that an operation has taken but not given out yet. It is taken before anything is changed, so that a key that
+// was created always gets its handle.
 class Session::Reservation {
  public:
   explicit Reservation(Session& session) : session_(session) {}
@@ -39,7 +40,7 @@ class Session::Reservation {
   Status take() {
     if (session_.free_.empty()) {
       if (session_.keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
-      // So that giving back never needs memory.
+      // So that freeing a slot never allocates.
       if (session_.free_.capacity() <= session_.keys_.size()) session_.free_.reserve(2 * session_.keys_.size() + 8);
       session_.keys_.emplace_back();
       index_ = session_.keys_.size() - 1;
@@ -66,6 +67,7 @@ class Session::Reservation {
   prtkv_key give(KeyId id) {
     taken_ = false;
     key().id = id;
+    key().checked = session_.lost_.now();
     key().serial = next_serial();
     return encode_handle(HandleKind::kKey, {key().serial, index_});
   }
@@ -87,7 +89,7 @@ void Session::release(std::size_t index) noexcept {
   free_.push_back(index);
 }
 
-// An open key, whether it is gone or not. Null when the handle is none.
+// An open key, whether it is gone or not. Null if the handle is not open.
 Session::OpenKey* Session::find(prtkv_key handle) {
   Handle wanted{};
   if (!decode_handle(HandleKind::kKey, handle, &wanted) || wanted.index >= keys_.size()) return nullptr;
@@ -98,22 +100,32 @@ Session::OpenKey* Session::find(prtkv_key handle) {
 // An open key that is not known to be gone. Null otherwise, with the reason in `*reason`.
 Session::OpenKey* Session::find_live(prtkv_key handle, Status* reason) {
   OpenKey* found = find(handle);
-  if (found != nullptr && !found->gone) return found;
+  if (found != nullptr && !is_gone(*found)) return found;
   *reason = found == nullptr ? invalid_handle() : Status(PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist");
   return nullptr;
 }
 
-// Gives back how an operation on an open key ended, and remembers when the key turned out to be gone.
+// Returns the result of an operation on an open key, and remembers if the key turned out to be gone.
 Status Session::settle(OpenKey& key, Status status) {
   if (status.is(PRTKV_NO_SUCH_KEY)) key.gone = true;
   return status;
 }
 
-// Marks the open keys at and below a name as gone.
-void Session::lose(std::string_view name) noexcept {
-  for (OpenKey& key : keys_) {
-    if (key.serial != 0 && is_within(key.name, name)) key.gone = true;
+// Tells whether an open key was deleted or moved away, as far as this session knows.
+bool Session::is_gone(OpenKey& key) noexcept {
+  key.gone = key.gone || lost_.holds(key.name, key.checked);
+  key.checked = lost_.now();
+  return key.gone;
+}
+
+// Makes room for the loss of names. They are kept until there are more of them than open keys; then the open keys are
+// checked once, which costs no more than the deletions before.
+void Session::prepare_losses(std::initializer_list<std::string_view> names) {
+  if (lost_.size() >= kMostLostNames + keys_.size()) {
+    for (OpenKey& key : keys_) (void)is_gone(key);
+    lost_.clear();
   }
+  for (const std::string_view name : names) lost_.prepare(name);
 }
 
 void Session::record(const Status& status) noexcept {
@@ -156,9 +168,10 @@ Status Session::delete_key(prtkv_key key, bool recursive) {
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
+  prepare_losses({found->name});
   status = settle(*found, client_->remove(found->ref(), recursive, [](std::uint64_t) {}));
   if (!status.ok()) return status;
-  lose(found->name);
+  lost_.add(found->name);
   return close_key(key);
 }
 
@@ -169,11 +182,12 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
   if (above == nullptr) return status;
   Reservation slot(*this);
   if (status = slot.take_below(*above, name); !status.ok()) return status;
+  prepare_losses({from->name, slot.key().name});
   KeyId id = kAnyKey;
   status = client_->move(from->ref(), above->ref(), name, replace, &id);
   if (!status.ok()) return status;
-  lose(from->name);
-  lose(slot.key().name);
+  lost_.add(from->name);
+  lost_.add(slot.key().name);
   *moved = slot.give(id);
   return {};
 }

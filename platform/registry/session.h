@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
@@ -15,16 +16,18 @@
 
 #include "prtkv.h"
 #include "registry/client.h"
+#include "registry/lost_names.h"
 
 namespace tkv::registry {
 
 // One thread at a time; see contexts.h.
 //
-// An open key is its full name and its id, so that a handle stands for the key and not for its name: once the key was
-// deleted, or moved away with or without an ancestor, the handle answers 4 for good. (A key that another session moved
-// away and back again between two uses of the handle is the same key under the same name, and nothing is noticed.)
+// A handle stands for a key and not for its name: an open key is its full name and its id. Once the key has been
+// deleted or moved away, by itself or with an ancestor, the handle yields PRTKV_NO_SUCH_KEY for good. (If another
+// session moves a key away and back again between two uses of a handle, it is the same key under the same name, and the
+// handle goes on working.) Opening, closing and deleting cost the same however many keys are open.
 //
-// What each operation needs, gives and answers is in prtkv.h and client.h. Pointers are not null here.
+// The operations are described in prtkv.h and client.h. Pointers are not null here.
 class Session {
  public:
   explicit Session(std::shared_ptr<Client> client) : client_(std::move(client)) {}
@@ -45,21 +48,22 @@ class Session {
 
   Client& client() { return *client_; }
 
-  // Keeps the text of a failure, or forgets the last one after a success.
+  // Keeps the message of a failure, or clears it after a success.
   void record(const Status& status) noexcept;
 
-  prtkv_result last_code() const { return last_code_; }  // PRTKV_DONE: there is no text
+  prtkv_result last_code() const { return last_code_; }  // PRTKV_DONE: there is no message
   std::string_view last_text() const { return {last_text_.data(), last_size_}; }
 
  private:
   struct OpenKey {
-    std::uint64_t serial = 0;  // of the handle, 0 when the slot is free
+    std::uint64_t serial = 0;  // of the handle, 0 if the slot is free
     std::string name;
     KeyId id = kAnyKey;
-    bool gone = false;     // it was found deleted or moved away
-    bool listed = false;   // the list of subkeys was taken
-    std::string subkeys;   // level names, each followed by a NUL
-    std::size_t next = 0;  // where the next one begins
+    bool gone = false;          // it was found deleted or moved away
+    std::uint64_t checked = 0;  // the losses of this session that are accounted for in `gone`
+    bool listed = false;        // the list of subkeys was taken
+    std::string subkeys;        // level names, each followed by a NUL
+    std::size_t next = 0;       // where the next one begins
     std::int32_t remaining = 0;
 
     KeyRef ref() const { return {name, id}; }
@@ -71,12 +75,14 @@ class Session {
   Status settle(OpenKey& key, Status status);
   Status list_subkeys(OpenKey& key);
   void release(std::size_t index) noexcept;
-  void lose(std::string_view name) noexcept;
+  bool is_gone(OpenKey& key) noexcept;
+  void prepare_losses(std::initializer_list<std::string_view> names);
 
   const std::shared_ptr<Client> client_;
-  std::deque<OpenKey> keys_;       // grows only, so that references stand; slots keep their memory
+  std::deque<OpenKey> keys_;       // only grows, so that references remain valid; free slots keep their memory
   std::vector<std::size_t> free_;  // indexes into keys_
-  TypedValue value_;               // on its way to the caller
+  LostNames lost_;
+  TypedValue value_;  // on its way to the caller
   prtkv_result last_code_ = PRTKV_DONE;
   std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
   std::size_t last_size_ = 0;

@@ -64,5 +64,55 @@ TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
   EXPECT_EQ(buffer[1023], '3');
 }
 
+// Passes everything on and notes how many allocations there were when the last write had been committed.
+class NotingStore final : public store::Store {
+ public:
+  explicit NotingStore(std::shared_ptr<store::Store> target) : target_(std::move(target)) {}
+
+  Status read(FunctionRef<Status(store::View&)> function) override { return target_->read(function); }
+  Status read_all(FunctionRef<Status(store::View&)> function) override { return target_->read_all(function); }
+  Status write(FunctionRef<Status(store::Update&)> function) override {
+    Status status = target_->write(function);
+    after_commit_ = allocations.load();
+    return status;
+  }
+  std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
+  Status check(bool repair, FunctionRef<void(const store::Finding&)> report,
+               FunctionRef<void(const store::CheckProgress&)> progress, store::Totals* totals) override {
+    return target_->check(repair, report, progress, totals);
+  }
+  const char* kind() const override { return "noting"; }
+
+  long allocations_since_commit() const { return allocations.load() - after_commit_; }
+
+ private:
+  const std::shared_ptr<store::Store> target_;
+  long after_commit_ = 0;
+};
+
+TEST(Allocations, NoneAfterACommitSoThatNothingCanFailAfterIt) {
+  const auto store = std::make_shared<NotingStore>(std::make_shared<store::MemoryStore>(open_to_all()));
+  const Context ctx(client_on(store, superuser()));
+  const prtkv_key root = ctx.open("");
+  const std::string level(200, 'n');
+  for (int n = 0; n < 100; ++n) {
+    const std::string name = level + std::to_string(n);
+    prtkv_key key = 0;
+    prtkv_key moved = 0;
+    std::int32_t word = 0;
+    ASSERT_EQ(prtkv_create_n_set_key(ctx, root, name.c_str(), &key, &word, 3, open_to_all(), "v", 2), PRTKV_DONE);
+    EXPECT_EQ(store->allocations_since_commit(), 0) << "create";
+    ASSERT_EQ(prtkv_set_value(ctx, key, 3, level.c_str(), 100), PRTKV_DONE);
+    EXPECT_EQ(store->allocations_since_commit(), 0) << "set value";
+    ASSERT_EQ(prtkv_set_key_security(ctx, key, open_to_all()), PRTKV_DONE);
+    EXPECT_EQ(store->allocations_since_commit(), 0) << "set security";
+    ASSERT_EQ(prtkv_move_key(ctx, key, root, (name + "m").c_str(), &moved, 0), PRTKV_DONE);
+    EXPECT_EQ(store->allocations_since_commit(), 0) << "move";
+    if (n % 2 == 0) continue;
+    ASSERT_EQ(prtkv_delete_key(ctx, moved, 1), PRTKV_DONE);
+    EXPECT_EQ(store->allocations_since_commit(), 0) << "delete";
+  }
+}
+
 }  // namespace
 }  // namespace tkv::registry

@@ -206,6 +206,70 @@ TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionDeletedIs4AlsoAfterwards) {
   EXPECT_THAT(answers(ctx_, key), ElementsAre(PRTKV_NO_SUCH_KEY));
 }
 
+TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionReplacedMeansTheFormerKey) {
+  const Context other(ground_.as(superuser()));
+  ground_.make("a", open_to_all(), "former");
+  const prtkv_key key = ctx_.open("a");
+  EXPECT_EQ(prtkv_delete_key(other, other.open("a"), 0), PRTKV_DONE);
+  ground_.make("a", open_to_all(), "other");
+  EXPECT_EQ(value(key), "code 4");
+  EXPECT_EQ(value(ctx_.open("a")), "other");
+}
+
+TEST_F(Prtkv, HandlesFindOutAboutLossesHoweverManyCameAfter) {
+  for (const char* name : {"a", "a.b", "kept"}) ground_.make(name, open_to_all(), name);
+  const prtkv_key root = ctx_.open("");
+  const prtkv_key moved_away = ctx_.open("a.b");
+  const prtkv_key kept = ctx_.open("kept");
+  prtkv_key there = 0;
+  prtkv_key back = 0;
+  ASSERT_EQ(prtkv_move_key(ctx_, ctx_.open("a"), root, "z", &there, 0), PRTKV_DONE);
+  ASSERT_EQ(prtkv_move_key(ctx_, there, root, "a", &back, 0), PRTKV_DONE);
+  for (int n = 0; n < 2500; ++n) {
+    const std::string name = "n" + std::to_string(n);
+    prtkv_key key = 0;
+    ASSERT_EQ(create(root, name.c_str(), &key), PRTKV_DONE);
+    ASSERT_EQ(prtkv_delete_key(ctx_, key, 0), PRTKV_DONE);
+  }
+  EXPECT_EQ(value(moved_away), "code 4");
+  EXPECT_EQ(value(there), "code 4");
+  EXPECT_EQ(value(back), "a");
+  EXPECT_EQ(value(kept), "kept");
+}
+
+TEST_F(Prtkv, AKeyCreatedUnderALostNameIsAnother) {
+  const prtkv_key root = ctx_.open("");
+  for (int round = 0; round < 3; ++round) {
+    prtkv_key key = 0;
+    prtkv_key below = 0;
+    ASSERT_EQ(create(root, "a", &key), PRTKV_DONE);
+    ASSERT_EQ(create(key, "b", &below), PRTKV_DONE);
+    EXPECT_EQ(value(below), "");
+    const prtkv_key same = ctx_.open("a.b");
+    ASSERT_EQ(prtkv_delete_key(ctx_, key, 1), PRTKV_DONE);
+    EXPECT_EQ(value(same), "code 4");
+    EXPECT_EQ(value(below), "code 4");
+  }
+}
+
+TEST_F(Prtkv, MoreThanAMillionKeysCanBeOpenAtOnce) {
+  for (const char* name : {"a", "a.b", "c"}) ground_.make(name, open_to_all(), name);
+  std::vector<prtkv_key> keys((1 << 20) + 100);
+  int failed = 0;
+  for (std::size_t n = 0; n < keys.size(); ++n) {
+    if (prtkv_open_key(ctx_, &keys[n], n % 2 == 0 ? "a.b" : "c") != PRTKV_DONE) ++failed;
+  }
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(prtkv_delete_key(ctx_, ctx_.open("a"), 1), PRTKV_DONE);
+  EXPECT_EQ(value(keys.front()), "code 4");
+  EXPECT_EQ(value(keys[keys.size() - 2]), "code 4");
+  EXPECT_EQ(value(keys.back()), "c");
+  for (const prtkv_key key : keys) {
+    if (prtkv_close_key(ctx_, key) != PRTKV_DONE) ++failed;
+  }
+  EXPECT_EQ(failed, 0);
+}
+
 TEST_F(Prtkv, HandlesOfAMovedKeyAndOfAllBelowItAre4AndTheMovedOneLives) {
   for (const char* name : {"a", "a.b", "a.b.c", "z"}) ground_.make(name, open_to_all(), name);
   const prtkv_key source = ctx_.open("a.b");
@@ -405,6 +469,17 @@ TEST_F(Prtkv, SubkeysComeInByteOrderWithTheirCountAnd16EverAfter) {
   }
   EXPECT_EQ(ctx_.last_error(), "TKV-0016: key 'a' has no more subkeys");
   EXPECT_EQ(next(ctx_, ctx_.open("a")).name, "B") << "another handle begins anew";
+}
+
+TEST_F(Prtkv, AHandleInTheSlotOfAClosedOneListsItsOwnKey) {
+  for (const char* name : {"a", "a.b", "c", "c.d", "c.e"}) ground_.make(name);
+  const prtkv_key first = ctx_.open("a");
+  EXPECT_EQ(next(ctx_, first).name, "b");
+  ASSERT_EQ(prtkv_close_key(ctx_, first), PRTKV_DONE);
+  const prtkv_key second = ctx_.open("c");
+  EXPECT_EQ(next(ctx_, second).name, "d");
+  EXPECT_EQ(next(ctx_, second).name, "e");
+  EXPECT_EQ(next(ctx_, second).code, PRTKV_NO_MORE_SUBKEYS);
 }
 
 TEST_F(Prtkv, KeyWithoutSubkeysIs16AtOnce) {
