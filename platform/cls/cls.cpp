@@ -28,7 +28,7 @@ Status no_patch_level() {
   return {PRTKV_INVALID_ARGUMENT, "key '" + std::string(kPatchKey) + "' holds no patch level"};
 }
 
-// A decimal number, alone but for blanks around it, up to the first NUL.
+// A decimal number, possibly with blanks around it, up to the first NUL.
 std::int64_t number_in(std::string_view text) {
   text = text.substr(0, text.find('\0'));
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);

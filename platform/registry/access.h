@@ -1,11 +1,10 @@
 // Access: what an identity may do with a key.
 //
-// A key grants the union of the masks of every class that the identity falls in: the owning user's, the owning group's
-// (with any of the identity's groups), and everybody else's, which is everybody's: the owner and the group's members
-// have it too. The superuser may do everything. A record's empty name is nobody's, and a name that a record
-// cannot hold matches none.
+// A key grants the union of the masks of every class that the identity belongs to: the owner, the owning group (by any
+// of the identity's groups), and others, which is everybody, including the owner and the group's members. The superuser
+// may do everything. An empty name in a record is nobody's, and a name that does not fit into a record matches none.
 //
-// Nothing here allocates but the texts. Any thread may call.
+// Nothing here allocates, except for messages. Any thread may call.
 #ifndef TKV_PLATFORM_REGISTRY_ACCESS_H
 #define TKV_PLATFORM_REGISTRY_ACCESS_H
 
@@ -21,12 +20,12 @@ namespace tkv::registry {
 
 using Rights = std::int32_t;  // TKV_RIGHT_ constants, or-ed together
 
-// Which classes an identity falls in for a record, and what each grants.
+// Which classes of a record an identity belongs to, and what each grants.
 struct AccessReason {
   bool superuser = false;   // then the classes do not matter
   bool owner = false;       // the record's user is the identity's
   bool group = false;       // the record's group is one of the identity's
-  Rights owner_grants = 0;  // what the class grants the identity, 0 when it is not in it
+  Rights owner_grants = 0;  // what the class grants the identity, 0 if it does not belong to it
   Rights group_grants = 0;
   Rights other_grants = 0;
   Rights granted = 0;  // all together
@@ -40,7 +39,7 @@ Rights rights_of(const Identity& identity, const sec_attr& security);
 // TKV_RIGHT_ALL.
 const char* right_name(Rights right);
 
-// A name as a record holds it: up to its NUL, within the field.
+// A name in a record, without its NULs.
 std::string_view user_of(const sec_attr& security);
 std::string_view group_of(const sec_attr& security);
 

@@ -1,4 +1,4 @@
-// Checking a whole registry: the store's findings, told by the names of keys.
+// Checking a whole registry: the store's findings with the names of keys.
 #ifndef TKV_PLATFORM_REGISTRY_CHECK_H
 #define TKV_PLATFORM_REGISTRY_CHECK_H
 

@@ -120,7 +120,7 @@ const store::StoreKind& kind_of(const Configuration& configuration) {
 
 const char* yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 
-// Builds a configuration: the file's lines first, then what follows from them.
+// Builds a configuration: first from the file's lines, then what follows from them.
 class Builder {
  public:
   explicit Builder(const Surroundings& surroundings) : surroundings_(surroundings) {
@@ -248,7 +248,7 @@ class Builder {
   Configuration made_;
 };
 
-// "" when the system does not know it.
+// "" if the system does not know it.
 std::string home_by_records(uid_t user) {
   std::string home;
   const auto ask = [user](passwd* record, char* buffer, std::size_t size, passwd** found) {
@@ -264,7 +264,7 @@ std::string home_by_records(uid_t user) {
 
 Surroundings Surroundings::of_process() {
   Surroundings surroundings;
-  // A program that has more rights than its caller does not let him say where it reads and writes.
+  // The caller of a program with raised privileges must not choose where it reads and writes.
   surroundings.variable = [](const char* name) -> const char* { return ::secure_getenv(name); };
   surroundings.user = ::geteuid();
   const char* home = surroundings.variable("HOME");

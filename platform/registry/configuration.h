@@ -37,7 +37,7 @@ struct Surroundings {
 // A setting as it is in force, and where it came from.
 struct Setting {
   std::string name;    // "registry.location"
-  std::string value;   // "" when there is none
+  std::string value;   // "" if there is none
   std::string origin;  // "/etc/tkv/tkv.conf:3", "default", "environment XDG_STATE_HOME", "follows registry.location"
 };
 

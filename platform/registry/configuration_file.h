@@ -17,8 +17,8 @@ struct ConfigurationLine {
 };
 
 // Reads a file and calls `section` for each section heading and `line` for each "name = value" below it, in order,
-// until one returns a failure, which is passed on after "<file>:<number>: ". 42 when the file cannot be read, 41 for a
-// malformed line.
+// until one fails; that failure is returned with "<file>:<number>: " before its message. Returns
+// PRTKV_CONFIGURATION_UNREADABLE if the file cannot be read, and PRTKV_INVALID_CONFIGURATION for a malformed line.
 Status read_configuration_file(const std::string& file, FunctionRef<Status(const std::string& name)> section,
                                FunctionRef<Status(const ConfigurationLine&)> line);
 

@@ -14,10 +14,10 @@ namespace {
 
 constexpr std::size_t kMaxContexts = 65536;
 
-// A slot lives as long as the process, so that an operation needs no lock but the slot's own.
+// A slot lives as long as the process, so that an operation needs only the slot's own lock.
 struct Slot {
   std::mutex mutex;
-  std::uint64_t serial = 0;  // of the handle, 0 when the slot is free
+  std::uint64_t serial = 0;  // of the handle, 0 if the slot is free
   std::unique_ptr<Session> session;
 };
 
@@ -74,7 +74,7 @@ class Contexts {
       return {};
     }
     if (used_ == kMaxContexts) return {PRTKV_OUT_OF_MEMORY, "too many open sessions in one process"};
-    free_.reserve(used_ + 1);  // so that giving back never needs memory
+    free_.reserve(used_ + 1);  // so that freeing a slot never allocates
     slots_[used_].store(new Slot, std::memory_order_release);
     *index = used_++;
     return {};

@@ -12,21 +12,21 @@
 
 namespace tkv::registry {
 
-// Takes a session in and gives its context handle. 12 when there are too many.
+// Adds a session and returns its context handle in `*ctx`. Returns PRTKV_OUT_OF_MEMORY if there are too many.
 Status add_context(std::unique_ptr<Session> session, prtkv_ctx* ctx);
 
-// Ends a session. 3 when the handle is none of an open one.
+// Ends a session. Returns PRTKV_INVALID_HANDLE if `ctx` is not open.
 Status remove_context(prtkv_ctx ctx);
 
-// Runs `operation` on a context's session, alone, records how it ended as the session's last failure or success, and
-// returns its code. 3 when the handle is none of an open session. Exceptions end here: 12 for want of memory, 14 for
-// any other.
+// Runs `operation` on a context's session, one at a time, records its result as the session's last, and returns its
+// code. Returns PRTKV_INVALID_HANDLE if `ctx` is not open. Exceptions end here: std::bad_alloc yields
+// PRTKV_OUT_OF_MEMORY, any other PRTKV_UNKNOWN.
 std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept;
 
-// As with_session, but leaves the last failure in place.
+// As with_session, but does not record the result.
 std::int32_t inspect_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept;
 
-// Runs what needs no session, with the same end to exceptions.
+// Runs an operation that needs no session. Handles exceptions likewise.
 Status without_session(FunctionRef<Status()> operation) noexcept;
 
 }  // namespace tkv::registry

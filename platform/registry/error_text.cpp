@@ -10,7 +10,7 @@ namespace {
 
 bool is_trail(char byte) { return (static_cast<unsigned char>(byte) & 0xc0) == 0x80; }
 
-// A writer into a buffer that is never left without its NUL.
+// Writes into a buffer with room for a NUL at the end.
 class Line {
  public:
   Line(char* buffer, std::size_t capacity) : buffer_(buffer), room_(capacity - 1) {}
@@ -30,7 +30,7 @@ class Line {
   }
 
  private:
-  // A byte with the trail bytes that follow it, whatever they make together.
+  // The size of a byte and the trail bytes after it, well-formed or not.
   static std::size_t character_size(std::string_view text) {
     std::size_t size = 1;
     while (size < text.size() && size < 4 && is_trail(text[size])) ++size;

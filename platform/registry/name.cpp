@@ -11,7 +11,7 @@ namespace {
 
 constexpr char kSeparator = '.';
 
-constexpr std::size_t kLongestShown = 256;  // bytes of a name that texts show whole
+constexpr std::size_t kLongestShown = 256;  // bytes of a name that messages show in full
 constexpr std::size_t kShownEnd = 120;      // bytes of each end otherwise
 
 unsigned char byte_at(std::string_view text, std::size_t at) {

@@ -1,4 +1,4 @@
-// The C functions of the registry client. See platform/if/prtkv.h for what they promise.
+// The C functions of the registry client, declared in platform/if/prtkv.h.
 #include "prtkv.h"
 
 #include <string.h>
@@ -34,7 +34,7 @@ struct Argument {
   const char* name;
 };
 
-// 13 for the first of the pointers that is null.
+// Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
 Status demand(std::initializer_list<Argument> arguments) {
   for (const Argument& argument : arguments) {
     if (argument.pointer == nullptr) return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + argument.name};
@@ -57,14 +57,14 @@ Status check_value(const void* value, std::uint32_t size) {
   return tkv::check_value_size(size);
 }
 
-// A caller's name. Of one that is too long, no more is read than what makes it so.
+// A caller's name. Reads no further than the first byte beyond the limit.
 std::string_view text(const char* name) { return {name, ::strnlen(name, PRTKV_FULL_NAME_SIZE)}; }
 
 std::span<const std::byte> bytes(const void* value, std::uint32_t size) {
   return {static_cast<const std::byte*>(value), size};
 }
 
-// Gives a failure of an operation without a session its text, and its code.
+// Writes the text of a failure without a session, and returns its code.
 template <typename Size>
 int32_t finish(const Status& status, char* error_text, Size* error_size) {
   if (status.ok() || error_text == nullptr || error_size == nullptr || *error_size <= 0) return status.code();

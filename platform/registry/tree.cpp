@@ -243,8 +243,8 @@ struct Writer::Copying {
   std::vector<std::byte> value;
 };
 
-// The view for reading much of the tree: as the update found it, so that the commit does not depend on what others do
-// meanwhile; after changes of its own, as the update shows it.
+// The view for reading much of the tree: the state before the update, which stores read fastest, as long as the update
+// has changed nothing in it.
 store::View& Writer::stable_view() { return changed_ ? static_cast<store::View&>(update_) : update_.before(); }
 
 void Writer::count_key() {

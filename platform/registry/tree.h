@@ -87,7 +87,7 @@ class Writer final : public Reader {
  public:
   Writer(store::Update& update, const Identity& identity) : Reader(update, identity), update_(update) {}
 
-  // Runs `function` on the tree as it was when the update began. For reading more keys than a commit can depend on.
+  // Runs `function` on the tree as it was when the update began.
   Status before(FunctionRef<Status(Reader&)> function) {
     Reader reader(update_.before(), identity());
     return function(reader);

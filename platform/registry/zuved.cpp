@@ -13,7 +13,7 @@ constexpr const char* kMode = "SYSTEM.ZUVED.mode";
 
 using namespace std::string_view_literals;
 
-// The services of a mode as a list value, "" for a mode that there is not.
+// The services of a mode as a list value, "" for an unknown mode.
 std::string_view services_of(std::int32_t mode) {
   switch (mode) {
     case PRTKV_ZUVED_STORAGE_NONE:

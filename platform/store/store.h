@@ -1,20 +1,22 @@
-// A store keeps the registry's entries: a tree of nodes, each found by its parent's id and its own level name, each
-// with a security record and at most one value.
+// A store keeps the registry's entries: a tree of nodes, each identified by its parent's id and its own level name,
+// each with a security record and at most one value.
 //
-// The store knows nothing of users, rights, handles or full names; the registry client does. It gives transactions:
-// a function reads, or reads and writes, and sees one state of the whole tree while it runs.
+// A store knows nothing of users, rights, handles or full names; the registry client does. It provides transactions: a
+// function reads, or reads and writes, and sees one state of the whole tree while it runs.
 //
-// Identity. A node has an id of its own, never 0 and never used again after the node is gone. A move rewrites one
-// entry; the subtree below keeps hanging on the id.
+// Identity. A node has an id of its own, which is never 0 and never reused. A move rewrites one entry; the subtree
+// below still refers to the id.
 //
-// Failures. Codes of the registry's table: 4 no such node, 7 damaged or failing storage, 11 full, 12 out of memory,
-// 15 unreachable. A damaged record is 7 with a text, never a wrong answer. Not found carries no text.
+// Failures. PRTKV_NO_SUCH_KEY without a message: no such node. PRTKV_STORAGE_FAILED: damage or a failing disk; a
+// damaged record is never returned as data. PRTKV_STORAGE_FULL, PRTKV_OUT_OF_MEMORY, PRTKV_UNREACHABLE, PRTKV_UNUSABLE,
+// PRTKV_BUSY and PRTKV_UNDECIDED as in prtkv_results.h.
 //
-// What cannot be is refused: 5 a level name that is empty or longer than 264 bytes, 8 a node without an id and whatever
-// would move or remove the root, 10 a value over 1 MiB (store_limits.h). An exception of a function that a store runs
-// passes through; nothing is changed then.
+// Refusals. PRTKV_INVALID_NAME: an empty level name or one beyond kMaxLevelSize. PRTKV_INVALID_ARGUMENT: a node without
+// an id, and anything that would move or remove the root. PRTKV_VALUE_TOO_LARGE: a value beyond kMaxValueSize.
 //
-// Threads. A Store may be used by many threads at once; a View or Update by the function that it was given to, only.
+// Exceptions of a function that a store runs pass through; nothing is changed then.
+//
+// Threads. Many threads may use a Store at once. Only the function that received a View or Update may use it.
 #ifndef TKV_PLATFORM_STORE_STORE_H
 #define TKV_PLATFORM_STORE_STORE_H
 
@@ -44,25 +46,25 @@ struct Node {
 // Type 0 without bytes: no value was ever written.
 struct Value {
   std::int32_t type = 0;
-  std::span<const std::byte> bytes;  // valid until the transaction's next call of value() or of what changes something
+  std::span<const std::byte> bytes;  // valid until the transaction's next value() or change
 };
 
 // One state of the tree, for reading.
 class View {
  public:
-  // Finds a child. The root is the child "" of kNoNode. 4 when there is none.
+  // Looks up a child by name. The root is the child "" of kNoNode. Returns PRTKV_NO_SUCH_KEY if there is none.
   virtual Status find(NodeId parent, std::string_view name, Node* node) = 0;
 
   virtual Status value(NodeId id, Value* value) = 0;
 
-  // Calls `visit` for each child in byte order of the names, until it returns a failure, which is passed on. In an
-  // Update the visit may change the tree, the visited child included. The name is valid during the visit.
+  // Calls `visit` for each child in byte order of the names, until it returns a failure, which is returned. In an
+  // Update the visit may change the tree, including the visited child. The name is valid during the visit.
   virtual Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) = 0;
 
   virtual Status has_children(NodeId parent, bool* answer) = 0;
 
-  // A number that has changed whenever a node was removed or hung elsewhere since; what was found under the same
-  // number stands. 0 when the store cannot tell without asking.
+  // A number that changes whenever a node is removed or moved: ids found under the same number are still valid. 0 if
+  // the store cannot tell without a request.
   virtual std::uint64_t structure() = 0;
 
  protected:
@@ -72,26 +74,26 @@ class View {
   ~View() = default;
 };
 
-// One state of the tree, to be replaced by the next. Reads see what this update has written so far.
+// A write transaction. Reads see what this update has written so far.
 class Update : public View {
  public:
   virtual Status new_id(NodeId* id) = 0;
 
-  // Hangs a node under a parent; 55 when the name is taken. A node made with new_id and its descendants become
-  // visible when the topmost of them is hung under a visible parent, so a subtree can be built bottom side first: a
-  // distributed store sends such nodes ahead, and only the last link decides.
+  // Inserts a node below a parent. Returns PRTKV_KEY_EXISTS if the name is taken. A node with a new id and its
+  // descendants become visible when the topmost of them is inserted below a visible parent, so a subtree can be built
+  // bottom-up: a distributed store stages such nodes ahead, and only the last link takes effect.
   virtual Status insert(NodeId parent, std::string_view name, const Node& node) = 0;
 
-  // Rewrites the security record of a node where it hangs; 4 when there is none.
+  // Replaces the security record of a node. Returns PRTKV_NO_SUCH_KEY if there is none.
   virtual Status set_security(NodeId parent, std::string_view name, const sec_attr& security) = 0;
 
-  // Takes a node off its parent, with all that hangs below it. To be inserted elsewhere, or discarded.
+  // Detaches a node from its parent, with everything below it. It has to be inserted elsewhere or discarded.
   virtual Status unlink(NodeId parent, std::string_view name) = 0;
 
-  // Gives up an unlinked node with everything below it.
+  // Deletes an unlinked node with everything below it.
   virtual Status discard(NodeId id) = 0;
 
-  // Type 0 without bytes takes the value away.
+  // Type 0 without bytes removes the value.
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;
 
   // The tree as it was when the update began, without what the update has written since. What is read here is read by
@@ -107,13 +109,13 @@ struct Finding {
   enum class Kind {
     kDamagedNode,  // the record cannot be trusted: checksum, format, length
     kDamagedValue,
-    kOrphan,       // hangs under an id that no node has, or on a loop that the root does not reach
+    kOrphan,       // its parent does not exist, or it is on a loop that the root does not reach
     kOrphanValue,  // a value that belongs to no node
     kDuplicateId   // two nodes with one id
   };
   Kind kind;
-  NodeId parent = kNoNode;  // where the record hangs, for nodes
-  NodeId id = kNoNode;      // the node's or the value's id, kNoNode when it cannot be read
+  NodeId parent = kNoNode;  // of a node
+  NodeId id = kNoNode;      // of the node or of the value's node, kNoNode if it cannot be read
   std::string name;         // the node's level name
   std::string detail;       // what is wrong, for people
 };
@@ -124,12 +126,11 @@ struct Totals {
   std::uint64_t value_bytes = 0;
 };
 
-// How far a check is, for people who wait. A check may pass over the store in several ways, one after the other, and
-// begin again when the store changes under it.
+// How far a check has come. It may make several passes over the store and begin again if the store changes meanwhile.
 struct CheckProgress {
   const char* reading;  // "pages", "records", ...
   std::uint64_t done;
-  std::uint64_t total;  // about
+  std::uint64_t total;  // approximate
 };
 
 // What a store can tell about itself without reading the records. 0: not known or, for limits, none.
@@ -146,24 +147,24 @@ class Store {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  // Runs `function` on one state of the tree and gives back what it returned. It may run more than once: it must set
-  // its results anew each time.
+  // Runs `function` on one state of the tree and returns its result. It may run more than once, so it must set its
+  // results anew each time.
   virtual Status read(FunctionRef<Status(View&)> function) = 0;
 
   // As read, for functions that visit many nodes. They run once, on one state, however long they take.
   virtual Status read_all(FunctionRef<Status(View&)> function) = 0;
 
-  // Runs `function` and, when it returns success, makes what it wrote durable, all or nothing. It may run more than
-  // once. A failure that it returns is given back and nothing is changed.
+  // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
+  // failure that it returns is returned, and nothing is changed.
   virtual Status write(FunctionRef<Status(Update&)> function) = 0;
 
-  // How many changes of visible nodes, entries inserted, rewritten or unlinked and values set, a program that has many
-  // to make should put into one write. More can be made, at the cost of being prepared first.
+  // Recommended number of changes of visible nodes per write: insertions, removals, values and security records. More
+  // are possible, at the cost of being staged first.
   virtual std::size_t preferred_batch_size() const = 0;
 
-  // Reads every record and reports each that is damaged or out of place; counts the sound ones. With `repair`, what
-  // can be put right without guessing is: values of no node and subtrees that hang on nothing are removed. `progress`
-  // is called often.
+  // Reads every record, reports those that are damaged or out of place, and counts the sound ones. With `repair`,
+  // removes what can be removed without guessing: values of no node, and subtrees without a parent. `progress` is
+  // called often.
   virtual Status check(bool repair, FunctionRef<void(const Finding&)> report,
                        FunctionRef<void(const CheckProgress&)> progress, Totals* totals) = 0;
   Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {

@@ -1,4 +1,4 @@
-// What every store refuses, so that all of them refuse the same.
+// What every store refuses.
 #ifndef TKV_PLATFORM_STORE_STORE_LIMITS_H
 #define TKV_PLATFORM_STORE_STORE_LIMITS_H
 
@@ -10,8 +10,8 @@
 
 namespace tkv::store {
 
-// A place in the tree that can be written to: below a node under a name of 1 to kMaxLevelSize bytes. The root stays
-// where it is. What a name may consist of is the registry client's business.
+// Tells whether a node may be written at a place: below another node, under a name of 1 to kMaxLevelSize bytes. The
+// root stays where it is. The registry client defines what a name may consist of.
 inline Status check_place(NodeId parent, std::string_view name) {
   if (parent == kNoNode) return {PRTKV_INVALID_ARGUMENT, "the root cannot be moved or removed"};
   if (name.empty()) return {PRTKV_INVALID_NAME, "a level of a name cannot be empty"};

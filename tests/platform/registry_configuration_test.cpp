@@ -1,11 +1,18 @@
 // The configuration file: what is understood, and what each mistake gets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "registry/configuration.h"
 #include "registry_fixture.h"
@@ -95,6 +102,69 @@ TEST_F(ConfigurationFile, TheSystemsRecordsStandForAMissingHome) {
   made.home = "/srv/alice";
   ASSERT_TRUE(Configuration::read(&configuration_, made).ok());
   EXPECT_THAT(configuration_.locations, ElementsAre("/srv/alice/.local/state/tkv"));
+}
+
+// The exit code of a child that runs `check` as another user than root, without $HOME.
+int in_child_without_home(const std::function<bool()>& check) {
+  const pid_t child = fork();
+  if (child == 0) {
+    unsetenv("HOME");
+    if (geteuid() == 0 && setuid(65534) != 0) _exit(2);
+    _exit(check() ? 0 : 1);
+  }
+  int state = -1;
+  return waitpid(child, &state, 0) == child && WIFEXITED(state) ? WEXITSTATUS(state) : -1;
+}
+
+TEST_F(ConfigurationFile, HomeOfTheProcessComesFromTheSystemsRecordsWithoutAVariable) {
+  EXPECT_EQ(in_child_without_home([] {
+              const passwd* const user = getpwuid(geteuid());
+              return user != nullptr && *user->pw_dir != '\0' && Surroundings::of_process().home == user->pw_dir;
+            }),
+            0);
+}
+
+TEST_F(ConfigurationFile, RelocationReplacesTheLocationsOnly) {
+  write("[registry]\nlocation = /srv/registry\ngroup = cluster\n");
+  ASSERT_TRUE(read().ok());
+  ASSERT_TRUE(configuration_.relocate("etcd://a:1,etcd://b:2").ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("etcd://a:1", "etcd://b:2"));
+  EXPECT_STREQ(configuration_.store(), "etcd");
+  EXPECT_EQ(configuration_.relocate("nowhere").code(), PRTKV_INVALID_CONFIGURATION);
+  EXPECT_THAT(configuration_.locations, ElementsAre("etcd://a:1", "etcd://b:2"));
+  ASSERT_TRUE(configuration_.relocate("/other place").ok());
+  EXPECT_THAT(configuration_.locations, ElementsAre("/other place"));
+  EXPECT_STREQ(configuration_.store(), "lmdb");
+  EXPECT_THAT(configuration_.store_settings, ElementsAre(Pair("registry.group", "cluster")));
+}
+
+TEST_F(ConfigurationFile, TextsAndSettingsHaveTheSameNamesInTheSameOrder) {
+  variables_["HOME"] = "/home/alice";
+  ASSERT_TRUE(read().ok());
+  std::vector<std::string> names;
+  for (const Setting& each : configuration_.settings) names.push_back(each.name);
+  std::vector<std::string> described;
+  for (const SettingText& each : setting_texts()) described.emplace_back(each.name);
+  EXPECT_EQ(names, described);
+}
+
+// The operator's manual has a table of all settings.
+TEST_F(ConfigurationFile, TheOperatorsManualNamesEverySettingAndDefault) {
+  variables_["HOME"] = "/home/alice";
+  ASSERT_TRUE(read().ok());
+  std::ifstream manual(TKV_OPERATIONS_DOCUMENT);
+  const std::string text{std::istreambuf_iterator<char>(manual), {}};
+  for (const Setting& each : configuration_.settings) {
+    const std::string name = "`" + each.name.substr(each.name.find('.') + 1) + "`";
+    std::string row;
+    std::istringstream lines(text);
+    for (std::string line; row.empty() && std::getline(lines, line);) {
+      if (line.starts_with("|") && line.substr(0, line.find('|', 1)).find(name) != std::string::npos) row = line;
+    }
+    EXPECT_NE(row, "") << each.name << " is missing in the table";
+    if (each.origin != "default") continue;
+    EXPECT_NE(row.find(each.value), std::string::npos) << each.name << ": " << row;
+  }
 }
 
 TEST_F(ConfigurationFile, EveryNameIsUnderstood) {

@@ -55,6 +55,19 @@ TEST(StoreKinds, OnlyTheFirstHasNoSchemeAndNoSettingHasTwoOwners) {
   }
 }
 
+TEST(LmdbKind, MapSizesHaveUnitsOfPowersOf1024) {
+  const StoreSetting& map_size = kind_named("lmdb").settings[0];
+  ASSERT_STREQ(map_size.name, "registry.map_size");
+  for (const char* good : {"1048576", "1024K", "1024k", "1M", "1m", "16777216M", "16384G", "16384g", "16T", "16t",
+                           "17179869184K", "17592186044416"}) {
+    EXPECT_TRUE(map_size.check(good).ok()) << good;
+  }
+  for (const char* bad : {"1048575", "1023K", "1023k", "0M", "0G", "0T", "16777217M", "16385G", "17T", "17179869185K",
+                          "17592186044417", "1KB", "1KK", "K", "", "1P", "1 M", "-1M"}) {
+    EXPECT_EQ(map_size.check(bad).code(), PRTKV_INVALID_CONFIGURATION) << bad;
+  }
+}
+
 TEST(LmdbKind, OpensWithTheConfiguredMapSizeAndDirectory) {
   const TemporaryDirectory directory;
   const StoreKind& kind = kind_named("lmdb");
