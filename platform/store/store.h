@@ -61,6 +61,13 @@ class View {
   // Update the visit may change the tree, including the visited child. The name is valid during the visit.
   virtual Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) = 0;
 
+  // As children, but does not end at a child whose record is damaged: `damaged` is called with its name and the failure
+  // instead, and the walk goes on unless it returns a failure. A store that does not override this ends there.
+  virtual Status children_with_damage(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit,
+                                      FunctionRef<Status(std::string_view name, const Status& damage)> /*damaged*/) {
+    return children(parent, visit);
+  }
+
   virtual Status has_children(NodeId parent, bool* answer) = 0;
 
   // A number that changes whenever a node is removed or moved: ids found under the same number are still valid. 0 if

@@ -11,14 +11,17 @@ void TreeCheck::add_node(NodeId parent, std::string_view name, NodeId id) {
   ++ids_[id];
 }
 
+// The root's id is known without its record.
 void TreeCheck::add_damaged_node(NodeId parent, std::string_view name, std::string detail) {
-  unknown_ids_ = true;
+  damaged_nodes_.push_back({parent, kNoNode, std::string(name)});
+  if (parent == kNoNode && name.empty()) add_node(kNoNode, "", kRootNode);
   report_({Finding::Kind::kDamagedNode, parent, kNoNode, std::string(name), std::move(detail)});
 }
 
 void TreeCheck::add_value(NodeId id, std::size_t size) { values_[id] = size; }
 
 void TreeCheck::add_damaged_value(NodeId id, std::string detail) {
+  damaged_values_.push_back(id);
   report_({Finding::Kind::kDamagedValue, kNoNode, id, "", std::move(detail)});
 }
 
@@ -30,14 +33,24 @@ void TreeCheck::finish(Totals* totals, Removable* removable) {
   for (std::size_t i = 0; i < nodes_.size(); ++i)
     if (standings_[i] == Standing::kReached) reached_.insert(nodes_[i].id);
   report_nodes();
-  report_values(removable);
+  report_values();
   *totals = count();
-  if (removable == nullptr) return;
-  for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    const bool on_nothing = standings_[i] == Standing::kBelowOrphan && !unknown_ids_;
-    if (on_nothing || standings_[i] == Standing::kOnLoop || standings_[i] == Standing::kBelowLoop)
-      removable->nodes.push_back(nodes_[i]);
-  }
+  if (removable != nullptr) *removable = find_removable();
+}
+
+TreeCheck::Removable TreeCheck::find_removable() const {
+  Removable removable;
+  for (std::size_t i = 0; i < nodes_.size(); ++i)
+    if (standings_[i] != Standing::kReached && standings_[i] != Standing::kUnknown)
+      removable.nodes.push_back(nodes_[i]);
+  // Those of unknown keys, which seem to be below no node, are left alone.
+  for (const CheckedNode& node : damaged_nodes_)
+    if (node.parent != kNoNode && !reached_.contains(node.parent)) removable.nodes.push_back(node);
+  for (const auto& [id, size] : values_)
+    if (!reached_.contains(id)) removable.values.push_back(id);
+  for (const NodeId id : damaged_values_)
+    if (!reached_.contains(id)) removable.values.push_back(id);
+  return removable;
 }
 
 void TreeCheck::index_children() {
@@ -102,32 +115,27 @@ void TreeCheck::mark_loops() {
 
 void TreeCheck::report_nodes() {
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    const CheckedNode& entry = nodes_[i];
-    if (ids_[entry.id] > 1)
-      report_({Finding::Kind::kDuplicateId, entry.parent, entry.id, entry.name, "another node has the same id"});
+    const CheckedNode& node = nodes_[i];
+    if (ids_[node.id] > 1)
+      report_({Finding::Kind::kDuplicateId, node.parent, node.id, node.name, "another node has the same id"});
     if (standings_[i] == Standing::kOnLoop)
-      report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name, "it is its own ancestor"});
-    if (standings_[i] != Standing::kBelowOrphan || ids_.count(entry.parent) != 0) continue;
-    report_({Finding::Kind::kOrphan, entry.parent, entry.id, entry.name,
-             unknown_ids_ ? "its parent is missing; it is kept, since it may belong to a damaged node"
-                          : "its parent is missing"});
+      report_({Finding::Kind::kOrphan, node.parent, node.id, node.name, "it is its own ancestor"});
+    if (standings_[i] == Standing::kBelowOrphan && !ids_.contains(node.parent))
+      report_({Finding::Kind::kOrphan, node.parent, node.id, node.name, missing_text("its parent")});
   }
 }
 
-void TreeCheck::report_values(Removable* removable) {
+void TreeCheck::report_values() {
   std::vector<NodeId> lost;
-  for (const auto& [id, size] : values_) {
-    if (reached_.count(id) != 0) continue;
-    if (ids_.count(id) == 0) lost.push_back(id);
-    // The value of an unreachable node is removed with the node.
-    if (removable != nullptr && !unknown_ids_) removable->values.push_back(id);
-  }
+  for (const auto& [id, size] : values_)
+    if (!ids_.contains(id)) lost.push_back(id);  // the value of an unreachable node belongs to it
   std::sort(lost.begin(), lost.end());
-  for (const NodeId id : lost) {
-    report_({Finding::Kind::kOrphanValue, kNoNode, id, "",
-             unknown_ids_ ? "its node is missing; it is kept, since it may belong to a damaged node"
-                          : "its node is missing"});
-  }
+  for (const NodeId id : lost) report_({Finding::Kind::kOrphanValue, kNoNode, id, "", missing_text("its node")});
+}
+
+std::string TreeCheck::missing_text(const char* what) const {
+  const std::string text = std::string(what) + " is missing";
+  return damaged_nodes_.empty() ? text : text + "; it may be one of the damaged ones";
 }
 
 Totals TreeCheck::count() const {

@@ -30,8 +30,8 @@ class TreeCheck {
     std::string name;
   };
 
-  // Records that cannot be reached from the root, and so can be removed without guessing. While there are damaged
-  // nodes, whose ids are unknown, records below an unknown id may belong to them: those are reported but not removable.
+  // Records that cannot be reached from the root, and so can be removed without guessing. What is below a damaged node
+  // is among them: nobody can tell its id, and nothing leads there any more.
   struct Removable {
     std::vector<CheckedNode> nodes;
     std::vector<NodeId> values;
@@ -48,11 +48,14 @@ class TreeCheck {
   void mark_orphans();
   void mark_loops();
   void report_nodes();
-  void report_values(Removable* removable);
+  void report_values();
+  std::string missing_text(const char* what) const;
+  Removable find_removable() const;
   Totals count() const;
 
   FunctionRef<void(const Finding&)> report_;
-  bool unknown_ids_ = false;                        // there are damaged nodes
+  std::vector<CheckedNode> damaged_nodes_;  // without ids
+  std::vector<NodeId> damaged_values_;
   std::vector<CheckedNode> nodes_;                  // sorted by parent and name by index_children()
   std::vector<Standing> standings_;                 // of nodes_
   std::unordered_map<NodeId, std::size_t> ids_;     // number of nodes with each id

@@ -135,6 +135,11 @@ class FaultyStore final : public Store {
       Status status = store_.next(Call::kChildren);
       return status.ok() ? target_.children(parent, visit) : status;
     }
+    Status children_with_damage(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit,
+                                FunctionRef<Status(std::string_view, const Status&)> damaged) override {
+      Status status = store_.next(Call::kChildren);
+      return status.ok() ? target_.children_with_damage(parent, visit, damaged) : status;
+    }
     Status has_children(NodeId parent, bool* answer) override {
       Status status = store_.next(Call::kHasChildren);
       return status.ok() ? target_.has_children(parent, answer) : status;

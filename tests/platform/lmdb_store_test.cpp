@@ -707,7 +707,6 @@ TEST_F(LmdbDamage, AChangedByteOfANodeIsNeverReadAsANode) {
   const Status walk = open()->read(
       [](View& view) { return view.children(kRootNode, [](std::string_view, const Node&) { return Status(); }); });
   EXPECT_TRUE(walk.is(PRTKV_STORAGE_FAILED));
-  // Its value may still be its value: nothing is removed on a guess.
   for (const bool repair : {false, true}) {
     const auto found = findings(repair);
     ASSERT_EQ(found.size(), 2u);
@@ -716,6 +715,133 @@ TEST_F(LmdbDamage, AChangedByteOfANodeIsNeverReadAsANode) {
     EXPECT_EQ(found[0].name, "precious");
     EXPECT_EQ(found[1].kind, Finding::Kind::kOrphanValue);
   }
+  // The value cannot be reached, and is gone. The node has a name, under which it can be replaced.
+  const auto left = findings();
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].kind, Finding::Kind::kDamagedNode);
+}
+
+TEST_F(LmdbDamage, ADamagedNodeIsPassedOverByAWalkThatMay) {
+  NodeId other = kNoNode;
+  ASSERT_TRUE(add_node(*open(), kRootNode, "sound", &other).ok());
+  ASSERT_GE(replace_in_file(data_file(), "owner-of-this", "owner-of-that"), 1);
+  const auto store = open();
+  const auto walk = [](View& view) {
+    std::string names;
+    const Status status = view.children_with_damage(
+        kRootNode,
+        [&](std::string_view name, const Node&) -> Status {
+          names.append(name).append(" ");
+          return {};
+        },
+        [&](std::string_view name, const Status& damage) -> Status {
+          EXPECT_TRUE(damage.is(PRTKV_STORAGE_FAILED));
+          names.append("(").append(name).append(") ");
+          return {};
+        });
+    EXPECT_TRUE(status.ok()) << status.text();
+    EXPECT_EQ(names, "(precious) sound ");
+    return Status();
+  };
+  EXPECT_TRUE(store->read(walk).ok());
+  EXPECT_TRUE(store->write([&](Update& update) { return walk(update); }).ok());
+}
+
+TEST_F(LmdbDamage, ADamagedNodeCanBeReplaced) {
+  ASSERT_GE(replace_in_file(data_file(), "owner-of-this", "owner-of-that"), 1);
+  const auto store = open();
+  NodeId id = kNoNode;
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    if (Status status = update.unlink(kRootNode, "precious"); !status.ok()) return status;
+                    Node node;
+                    if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                    id = node.id;
+                    return update.insert(kRootNode, "precious", node);
+                  })
+                  .ok());
+  ASSERT_TRUE(set_text(*store, id, "anew").ok());
+  EXPECT_EQ(findings(true).size(), 1u);  // the value of the former node
+  EXPECT_EQ(expect_sound(*store).nodes, 2u);
+  EXPECT_EQ(text_of(*store, id), "anew");
+}
+
+TEST_F(LmdbDamage, AParentOfADamagedNodeCanBeRemovedWithIt) {
+  NodeId below = kNoNode;
+  {
+    const auto store = open();
+    NodeId child = kNoNode;
+    ASSERT_TRUE(add_node(*store, kRootNode, "parent", &below).ok());
+    ASSERT_TRUE(add_node(*store, below, "sound", &child).ok());
+    ASSERT_TRUE(store
+                    ->write([&](Update& update) -> Status {
+                      Node node;
+                      if (Status status = update.find(kRootNode, "precious", &node); !status.ok()) return status;
+                      if (Status status = update.unlink(kRootNode, "precious"); !status.ok()) return status;
+                      return update.insert(below, "precious", node);
+                    })
+                    .ok());
+  }
+  ASSERT_GE(replace_in_file(data_file(), "owner-of-this", "owner-of-that"), 1);
+  const auto store = open();
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    if (Status status = update.unlink(kRootNode, "parent"); !status.ok()) return status;
+                    return update.discard(below);
+                  })
+                  .ok());
+  EXPECT_EQ(findings(true).size(), 1u);  // the value of the damaged node, whose id nobody could tell
+  EXPECT_EQ(expect_sound(*store).nodes, 1u);
+}
+
+TEST_F(LmdbDamage, ADamagedValueCanBeOverwrittenAndRemoved) {
+  for (const char* text : {"anew", ""}) {
+    ASSERT_TRUE(set_text(*open(), id_, "the text of the value").ok());
+    ASSERT_GE(replace_in_file(data_file(), "the text of", "the fake of"), 1);
+    const auto store = open();
+    ASSERT_TRUE(set_text(*store, id_, text).ok());
+    EXPECT_EQ(text_of(*store, id_), text);
+    expect_sound(*store);
+  }
+}
+
+TEST_F(LmdbDamage, ADamagedRootIsRepairedForTheSuperuserAlone) {
+  Node root;
+  const auto find_root = [&] { return open()->read([&](View& view) { return view.find(kNoNode, "", &root); }); };
+  const std::string key = std::string("N\0\0\0\0\0\0\0\0\1\1\0\0\1", 14);  // and the record's first bytes
+  const std::string damaged = std::string("N\0\0\0\0\0\0\0\0\1\1\0\0\3", 14);
+  ASSERT_GE(replace_in_file(data_file(), key, damaged), 1);
+  EXPECT_TRUE(find_root().is(PRTKV_STORAGE_FAILED));
+  ASSERT_EQ(findings(true).size(), 1u);
+  ASSERT_TRUE(find_root().ok());
+  EXPECT_EQ(root.id, kRootNode);
+  const sec_attr nobody{};
+  EXPECT_EQ(std::memcmp(&root.security, &nobody, sizeof nobody), 0);
+  EXPECT_EQ(text_of(*open(), id_), "the text of the value");
+  EXPECT_EQ(expect_sound(*open()).nodes, 2u);
+}
+
+TEST_F(LmdbDamage, ADamagedCounterOfIdsIsRepairedWithoutUsingAnIdAgain) {
+  std::uint64_t structure = 0;
+  const auto read_structure = [&] {
+    return open()->read([&](View& view) -> Status {
+      structure = view.structure();
+      return {};
+    });
+  };
+  ASSERT_TRUE(read_structure().ok());
+  const std::uint64_t former = structure;
+  const std::string key("M\1\3\0\0", 5);  // and the record's first bytes
+  ASSERT_GE(replace_in_file(data_file(), key, std::string("M\1\3\0\7", 5)), 1);
+  EXPECT_EQ(text_of(*open(), id_), "the text of the value");
+  NodeId id = kNoNode;
+  EXPECT_TRUE(add_node(*open(), kRootNode, "new", &id).is(PRTKV_STORAGE_FAILED));
+  ASSERT_EQ(findings(true).size(), 1u);
+  ASSERT_TRUE(add_node(*open(), kRootNode, "new", &id).ok());
+  EXPECT_GT(id, id_ + 1'000'000);
+  ASSERT_TRUE(read_structure().ok());
+  EXPECT_GT(structure, former);
+  EXPECT_EQ(expect_sound(*open()).nodes, 3u);
 }
 
 TEST_F(LmdbDamage, AChangedNameIsFoundByACheck) {

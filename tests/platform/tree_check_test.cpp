@@ -118,7 +118,7 @@ TEST_F(TreeCheckTest, AValueOfNoNodeIsReportedAndRemovable) {
   EXPECT_EQ(totals_.values, 1u);
 }
 
-TEST_F(TreeCheckTest, WhatMayBelongToADamagedNodeIsReportedAndKept) {
+TEST_F(TreeCheckTest, WhatIsBelowADamagedNodeIsReportedAndRemovable) {
   check_.add_damaged_node(kRootNode, "damaged", "its checksum does not match");
   check_.add_node(50, "perhaps its child", 51);
   check_.add_value(50, 7);
@@ -126,8 +126,40 @@ TEST_F(TreeCheckTest, WhatMayBelongToADamagedNodeIsReportedAndKept) {
   finish();
   EXPECT_THAT(findings_, UnorderedElementsAre("damaged node damaged/0", "orphan perhaps its child/51",
                                               "orphan value /50", "orphan self/70"));
-  EXPECT_THAT(removed_, ElementsAre("self"));
-  EXPECT_THAT(removable_.values, IsEmpty());
+  EXPECT_THAT(removed_, UnorderedElementsAre("perhaps its child", "self"));
+  EXPECT_THAT(removable_.values, ElementsAre(50));
+}
+
+TEST_F(TreeCheckTest, DamagedRecordsThatNothingReachesAreRemovable) {
+  check_.add_node(50, "orphan", 51);
+  check_.add_damaged_node(51, "damaged", "its checksum does not match");
+  check_.add_damaged_value(51, "its checksum does not match");
+  finish();
+  EXPECT_THAT(removed_, UnorderedElementsAre("orphan", "damaged"));
+  EXPECT_THAT(removable_.values, ElementsAre(51));
+}
+
+TEST_F(TreeCheckTest, ADamagedRecordUnderAnUnknownKeyIsReportedAndKept) {
+  check_.add_damaged_node(kNoNode, "Zebra", "an unknown key");
+  finish();
+  EXPECT_THAT(findings_, ElementsAre("damaged node Zebra/0"));
+  EXPECT_THAT(removed_, IsEmpty());
+}
+
+TEST(TreeCheckRoot, WhatIsBelowADamagedRootIsReached) {
+  std::vector<Finding> findings;
+  const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
+  TreeCheck check(collect);
+  check.add_damaged_node(kNoNode, "", "its checksum does not match");
+  check.add_node(kRootNode, "a", 2);
+  check.add_value(kRootNode, 10);
+  Totals totals;
+  TreeCheck::Removable removable;
+  check.finish(&totals, &removable);
+  EXPECT_EQ(findings.size(), 1u);
+  EXPECT_THAT(removable.nodes, IsEmpty());
+  EXPECT_THAT(removable.values, IsEmpty());
+  EXPECT_EQ(totals.nodes, 2u);
 }
 
 TEST_F(TreeCheckTest, ADamagedValueIsReportedAndKept) {

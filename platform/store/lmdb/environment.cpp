@@ -214,12 +214,11 @@ Status Environment::check_contents() try {
   return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
 }
 
-// A registry of a newer format is not touched.
+// A registry of a newer format is not touched. A damaged record is left to those who need it, and to a repair.
 Status Environment::check_version() {
   ReadTransaction transaction(*this, ReadTransaction::Length::kShort);
   if (Status status = transaction.begin(); !status.ok()) return status;
-  Meta meta;
-  return find_meta(transaction.state(), &meta).about("the file in '" + directory_ + "'");
+  return check_format(transaction.state()).about("the file in '" + directory_ + "'");
 }
 
 int Environment::file() const {

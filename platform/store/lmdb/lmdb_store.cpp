@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <memory>
@@ -15,30 +16,53 @@
 #include "store/lmdb/lmdb_view.h"
 #include "store/lmdb/pages.h"
 #include "store/lmdb/tree.h"
+#include "store/lmdb/tree_cursor.h"
 #include "store/tree_check.h"
 
 namespace tkv::store {
 namespace {
 
-// Passes a record to a check of the tree.
-void add_record(std::span<const std::byte> key, std::span<const std::byte> record, TreeCheck* check) {
-  KeyParts parts;
-  Node node;
-  Value value;
-  if (!read_key(key, &parts)) {
-    check->add_damaged_node(kNoNode, {reinterpret_cast<const char*>(key.data()), key.size()}, "an unknown key");
-  } else if (parts.kind == kNodeKey) {
-    const Status status = decode_node(parts.id, parts.name, record, &node);
-    status.ok() ? check->add_node(parts.id, parts.name, node.id)
-                : check->add_damaged_node(parts.id, parts.name, status.text());
-  } else if (parts.kind == kValueKey) {
-    const Status status = decode_value(parts.id, record, &value);
-    status.ok() ? check->add_value(parts.id, value.bytes.size()) : check->add_damaged_value(parts.id, status.text());
-  }
+// All records of a state, and what is wrong with them.
+class RecordCheck {
+ public:
+  explicit RecordCheck(FunctionRef<void(const Finding&)> report) : report_(report), tree_(report) {}
+
+  // Reads the pages and then the records, in the order of their keys.
+  Status read(int file, const FileState& state, FunctionRef<void(const CheckProgress&)> progress);
+
+  // Call once, after read().
+  void finish(Totals* totals, TreeCheck::Removable* removable) { tree_.finish(totals, removable); }
+
+  bool root_is_damaged() const { return root_is_damaged_; }
+  bool counter_is_unusable() const { return counter_is_unusable_; }
+  NodeId largest_id() const { return largest_id_; }
+
+ private:
+  Status read_records(const FileState& state, FunctionRef<void(const CheckProgress&)> progress);
+  void add(std::span<const std::byte> key, std::span<const std::byte> record);
+  void add_node(NodeId parent, std::string_view name, std::span<const std::byte> record);
+  void add_value(NodeId id, std::span<const std::byte> record);
+  void check_counter();
+  void see(NodeId id) { largest_id_ = std::max(largest_id_, id); }
+
+  FunctionRef<void(const Finding&)> report_;
+  TreeCheck tree_;
+  Meta meta_;
+  Status meta_damage_{PRTKV_STORAGE_FAILED, "it is missing"};
+  NodeId largest_id_ = kRootNode;  // of all ids in keys and sound records
+  bool root_is_damaged_ = false;
+  bool counter_is_unusable_ = false;
+};
+
+Status RecordCheck::read(int file, const FileState& state, FunctionRef<void(const CheckProgress&)> progress) {
+  const auto count = [&](std::uint64_t done, std::uint64_t total) { progress({"pages", done, total}); };
+  if (Status status = check_pages(file, state, count); !status.ok()) return status;
+  if (Status status = read_records(state, progress); !status.ok()) return status;
+  check_counter();
+  return {};
 }
 
-// Reads every record of a state, in the order of the keys.
-Status read_records(const FileState& state, TreeCheck* check, FunctionRef<void(const CheckProgress&)> progress) {
+Status RecordCheck::read_records(const FileState& state, FunctionRef<void(const CheckProgress&)> progress) {
   CheckProgress records{"records", 0, state.records.entries};
   TreeCursor cursor(state);
   PageDamage damage = cursor.first();
@@ -49,17 +73,50 @@ Status read_records(const FileState& state, TreeCheck* check, FunctionRef<void(c
     if (damage) break;
     ++records.done;
     progress(records);
-    add_record(key, record, check);
+    add(key, record);
   }
   return damage ? damaged_page(state.map, damage) : Status();
 }
 
-// Looks at the pages, and then at the records.
-Status check_state(int file, const FileState& state, TreeCheck* check,
-                   FunctionRef<void(const CheckProgress&)> progress) {
-  const auto count = [&](std::uint64_t done, std::uint64_t total) { progress({"pages", done, total}); };
-  if (Status status = check_pages(file, state, count); !status.ok()) return status;
-  return read_records(state, check, progress);
+void RecordCheck::add(std::span<const std::byte> key, std::span<const std::byte> record) {
+  KeyParts parts;
+  if (!read_key(key, &parts)) {
+    tree_.add_damaged_node(kNoNode, {reinterpret_cast<const char*>(key.data()), key.size()}, "an unknown key");
+  } else if (parts.kind == kNodeKey) {
+    add_node(parts.id, parts.name, record);
+  } else if (parts.kind == kValueKey) {
+    add_value(parts.id, record);
+  } else {
+    meta_damage_ = decode_meta(record, &meta_);
+  }
+}
+
+void RecordCheck::add_node(NodeId parent, std::string_view name, std::span<const std::byte> record) {
+  Node node;
+  const Status status = decode_node(parent, name, record, &node);
+  see(parent);
+  see(node.id);
+  if (status.ok()) {
+    tree_.add_node(parent, name, node.id);
+  } else {
+    tree_.add_damaged_node(parent, name, status.text());
+    root_is_damaged_ = root_is_damaged_ || (parent == kNoNode && name.empty());
+  }
+}
+
+void RecordCheck::add_value(NodeId id, std::span<const std::byte> record) {
+  Value value;
+  const Status status = decode_value(id, record, &value);
+  see(id);
+  status.ok() ? tree_.add_value(id, value.bytes.size()) : tree_.add_damaged_value(id, status.text());
+}
+
+void RecordCheck::check_counter() {
+  const bool is_low = meta_damage_.ok() && meta_.next_id <= largest_id_;
+  counter_is_unusable_ = is_low || !meta_damage_.ok();
+  if (!counter_is_unusable_) return;
+  const std::string why = is_low ? "would give ids in use again" : "cannot be used: " + meta_damage_.text();
+  report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids " + why});
 }
 
 class LmdbStore final : public Store {
@@ -157,9 +214,8 @@ Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, FunctionR
                              Totals* totals) {
   ReadTransaction transaction(environment_, ReadTransaction::Length::kLong);
   if (Status status = transaction.begin(); !status.ok()) return status;
-  TreeCheck check(report);
-  if (Status status = check_state(environment_.file(), transaction.state(), &check, progress); !status.ok())
-    return status;
+  RecordCheck check(report);
+  if (Status status = check.read(environment_.file(), transaction.state(), progress); !status.ok()) return status;
   check.finish(totals, nullptr);
   return {};
 }
@@ -171,10 +227,13 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
   Status status = write_with([&](LmdbUpdate& update) -> Status {
     findings.clear();
     const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
-    TreeCheck check(collect);
-    if (Status read = check_state(environment_.file(), update.former(), &check, progress); !read.ok()) return read;
+    RecordCheck check(collect);
+    if (Status read = check.read(environment_.file(), update.former(), progress); !read.ok()) return read;
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
+    if (check.counter_is_unusable()) update.restart_counter(check.largest_id());
+    if (check.root_is_damaged())
+      if (Status root = update.reset_root(); !root.ok()) return root;
     return update.remove_all(removable);
   });
   for (const Finding& finding : findings) report(finding);

@@ -101,7 +101,7 @@ Status LmdbUpdate::seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* 
   return *at_end ? Status() : succeeded({code, code}, "cannot read the registry");
 }
 
-Status LmdbUpdate::children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) {
+Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
   Cursor cursor(nullptr, &mdb_cursor_close);
   MDB_cursor* raw = nullptr;
   if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0)
@@ -110,27 +110,34 @@ Status LmdbUpdate::children(NodeId parent, FunctionRef<Status(std::string_view, 
   MDB_val key{};
   MDB_val data{};
   bool at_end = false;
-  std::array<char, kMaxLevelSize> copy;
   std::string_view name;
   Status status = seek(raw, Key::node(parent), &key, &data, &at_end);
   while (status.ok() && !at_end && is_child(bytes_of(key), parent, &name)) {
     Node node;
-    if (status = decode_child(parent, name, bytes_of(data), &node); !status.ok()) return status;
+    const Status decoded = decode_child(parent, name, bytes_of(data), &node);
+    if (name.size() > kMaxLevelSize) return decoded;  // no key of ours
     // The name lies in a page that the visit may change.
+    std::array<char, kMaxLevelSize> copy;
     std::memcpy(copy.data(), name.data(), name.size());
     name = {copy.data(), name.size()};
-    if (status = visit(name, node); !status.ok()) return status;
+    if (status = decoded.ok() ? visit(name, node) : damaged(name, decoded); !status.ok()) return status;
     status = seek_behind(raw, Key::node(parent, name), &key, &data, &at_end);
   }
   return status;
 }
 
 Status LmdbUpdate::has_children(NodeId parent, bool* answer) {
-  *answer = false;
   constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
-  Status status = children(parent, [](std::string_view, const Node&) { return Status(kEnough); });
-  *answer = status.is(kEnough);
-  return *answer ? Status() : status;
+  Status doubt;
+  const auto visit = [](std::string_view, const Node&) { return Status(kEnough); };
+  const auto doubtful = [&](std::string_view, const Status& damage) {
+    doubt = damage;
+    return Status();
+  };
+  Status status = children_with_damage(parent, visit, doubtful);
+  if (!status.ok() && !status.is(kEnough)) return status;
+  *answer = !status.ok();
+  return *answer ? Status() : doubt;
 }
 
 Status LmdbUpdate::new_id(NodeId* id) {
@@ -174,11 +181,14 @@ Status LmdbUpdate::discard(NodeId id) {
   return {};
 }
 
+// The id of a damaged child is not known: what is below it stays, and is no longer reachable.
 Status LmdbUpdate::remove_children(NodeId parent, std::vector<NodeId>* ids) {
-  return children(parent, [&](std::string_view name, const Node& child) -> Status {
+  const auto take = [&](std::string_view name, const Node& child) -> Status {
     ids->push_back(child.id);
     return remove(Key::node(parent, name));
-  });
+  };
+  return children_with_damage(parent, take,
+                              [&](std::string_view name, const Status&) { return remove(Key::node(parent, name)); });
 }
 
 // The record is composed in memory of its own: the bytes may belong to a value in this transaction, whose page the
@@ -190,6 +200,13 @@ Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::
   record_.resize(value_record_size(bytes.size()));
   encode_value(id, type, bytes, record_);
   return put(Key::value(id), record_, 0);
+}
+
+void LmdbUpdate::restart_counter(NodeId largest_id) {
+  constexpr std::uint64_t kBeyond = std::uint64_t{1} << 40;
+  // A structure number may be known to other processes as well, and grows more slowly than the ids.
+  meta_ = Meta{largest_id + kBeyond, largest_id + kBeyond};
+  meta_changed_ = true;
 }
 
 // What is to be removed was found in the former state.

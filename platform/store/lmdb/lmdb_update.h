@@ -25,7 +25,10 @@ class LmdbUpdate final : public Update {
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
-  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override;
+  Status children(NodeId parent, VisitChild visit) override {
+    return children_with_damage(parent, visit, kEndAtDamage);
+  }
+  Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return load_meta().ok() ? meta_->structure : 0; }
 
@@ -42,6 +45,13 @@ class LmdbUpdate final : public Update {
 
   // The state before the update, which the changes leave as it is.
   const FileState& former() const { return former_; }
+
+  // Repairs the registry's record of itself. Which ids were used above `largest_id` and removed since is not known: the
+  // counter continues far beyond any of them.
+  void restart_counter(NodeId largest_id);
+
+  // Repairs the root's record, whose id is known. Nobody can tell its rights: only the superuser gets any.
+  Status reset_root() { return put(Key::node(kNoNode), encode_node(kNoNode, "", Node{kRootNode, {}}), 0); }
 
   // Removes records, but not what is below them.
   Status remove_all(const TreeCheck::Removable& removable);

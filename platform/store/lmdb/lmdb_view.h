@@ -16,8 +16,11 @@ class LmdbView final : public View {
     return find_node(state(), parent, name, node);
   }
   Status value(NodeId id, Value* value) override { return find_value(state(), id, value); }
-  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
-    return visit_children(state(), parent, visit);
+  Status children(NodeId parent, VisitChild visit) override {
+    return visit_children(state(), parent, visit, kEndAtDamage);
+  }
+  Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override {
+    return visit_children(state(), parent, visit, damaged);
   }
   Status has_children(NodeId parent, bool* answer) override { return store::has_children(state(), parent, answer); }
 
@@ -48,8 +51,11 @@ class FormerView final : public View {
     return begun_.ok() ? view_.find(parent, name, node) : begun_;
   }
   Status value(NodeId id, Value* value) override { return begun_.ok() ? view_.value(id, value) : begun_; }
-  Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
+  Status children(NodeId parent, VisitChild visit) override {
     return begun_.ok() ? view_.children(parent, visit) : begun_;
+  }
+  Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override {
+    return begun_.ok() ? view_.children_with_damage(parent, visit, damaged) : begun_;
   }
   Status has_children(NodeId parent, bool* answer) override {
     return begun_.ok() ? view_.has_children(parent, answer) : begun_;

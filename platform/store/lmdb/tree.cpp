@@ -105,28 +105,51 @@ Status find_value(const FileState& state, NodeId id, Value* value) {
   return decode_value_of(id, record, value);
 }
 
-Status find_meta(const FileState& state, Meta* meta) {
+namespace {
+
+Status read_meta(const FileState& state, std::span<const std::byte>* record) {
   const Key key = Key::meta();
   TreeCursor cursor(state);
   bool found = false;
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
   if (!found) return {PRTKV_STORAGE_FAILED, "it lacks a registry's record of itself"};
+  const PageDamage damage = cursor.record(record);
+  return damage ? failed(state, damage) : Status();
+}
+
+}  // namespace
+
+Status find_meta(const FileState& state, Meta* meta) {
   std::span<const std::byte> record;
-  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
+  if (Status status = read_meta(state, &record); !status.ok()) return status;
   Status status = decode_meta(record, meta);
   return status.ok() ? status : status.about("the record of the registry itself");
 }
 
-Status has_children(const FileState& state, NodeId parent, bool* answer) {
-  // A child whose record is damaged may be none: only a sound one is proof, and only none at all is proof of none.
-  constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
-  const Status status = visit_children(state, parent, [](std::string_view, const Node&) { return Status(kEnough); });
-  if (!status.ok() && !status.is(kEnough)) return status;
-  *answer = !status.ok();
-  return {};
+Status check_format(const FileState& state) {
+  std::span<const std::byte> record;
+  if (Status status = read_meta(state, &record); !status.ok()) return status;
+  if (record.empty() || record[0] <= std::byte{kRecordVersion}) return {};
+  Meta meta;
+  return decode_meta(record, &meta).about("the record of the registry itself");
 }
 
-Status visit_children(const FileState& state, NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) {
+Status has_children(const FileState& state, NodeId parent, bool* answer) {
+  // A sound child is proof that there are children. A damaged one is not: it may belong elsewhere.
+  constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
+  Status doubt;
+  const auto visit = [](std::string_view, const Node&) { return Status(kEnough); };
+  const auto doubtful = [&](std::string_view, const Status& damage) {
+    doubt = damage;
+    return Status();
+  };
+  const Status status = visit_children(state, parent, visit, doubtful);
+  if (!status.ok() && !status.is(kEnough)) return status;
+  *answer = !status.ok();
+  return *answer ? Status() : doubt;
+}
+
+Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
   TreeCursor cursor(state);
   PageDamage damage = seek_children(&cursor, parent);
   for (; !damage && !cursor.at_end(); damage = cursor.next()) {
@@ -140,8 +163,8 @@ Status visit_children(const FileState& state, NodeId parent, FunctionRef<Status(
     }
     if (damage) break;
     Node node;
-    if (Status status = decode_child(parent, name, record, &node); !status.ok()) return status;
-    if (Status status = visit(name, node); !status.ok()) return status;
+    const Status decoded = decode_child(parent, name, record, &node);
+    if (Status status = decoded.ok() ? visit(name, node) : damaged(name, decoded); !status.ok()) return status;
   }
   return damage ? failed(state, damage) : Status();
 }

@@ -17,13 +17,20 @@
 
 namespace tkv::store {
 
+using VisitChild = FunctionRef<Status(std::string_view name, const Node& node)>;
+using VisitDamagedChild = FunctionRef<Status(std::string_view name, const Status& damage)>;
+
+// A VisitDamagedChild that ends the walk.
+constexpr auto kEndAtDamage = [](std::string_view /*name*/, const Status& damage) { return damage; };
+
 // See View.
 Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node);
 Status find_value(const FileState& state, NodeId id, Value* value);
 Status find_meta(const FileState& state, Meta* meta);
+// Refuses a registry whose record of itself has a newer format.
+Status check_format(const FileState& state);
 Status has_children(const FileState& state, NodeId parent, bool* answer);
-Status visit_children(const FileState& state, NodeId parent,
-                      FunctionRef<Status(std::string_view name, const Node& node)> visit);
+Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged);
 
 // Makes sure that there is no record under `key`: for a cursor that has searched for it in vain.
 PageDamage confirm_absence(TreeCursor& cursor, const Key& key);
