@@ -55,7 +55,9 @@ std::string some_text(std::mt19937& random, std::size_t size) {
 // Fills a registry with directories of keys, in several writes that leave free pages behind.
 class Builder {
  public:
-  Builder(const std::string& directory, std::size_t directories, std::size_t keys, std::size_t large_values) {
+  Builder(const std::string& directory, std::size_t directories, std::size_t keys, std::size_t value_size,
+          std::size_t large_values)
+      : value_size_(value_size) {
     options_.directory = directory;
     const auto store = open_or_fail(options_);
     for (std::size_t i = 0; i < directories; ++i) fill(*store, i, keys);
@@ -87,7 +89,7 @@ class Builder {
       Status added = add(update, kRootNode, "directory" + std::to_string(number), "", &directory);
       for (std::size_t i = 0; i < keys && added.ok(); ++i) {
         NodeId id = kNoNode;
-        const std::size_t size = i % 4 == 0 ? 0 : 1 + random_() % 500;
+        const std::size_t size = i % 4 == 0 ? 0 : 1 + random_() % value_size_;
         added = add(update, directory, "key-" + some_text(random_, random_() % 12) + std::to_string(i),
                     some_text(random_, size), &id);
       }
@@ -118,6 +120,7 @@ class Builder {
     std::erase_if(model_.nodes, [&](const ModelNode& node) { return node.id == id || node.parent == id; });
   }
 
+  const std::size_t value_size_;  // of most values, at most
   LmdbOptions options_;
   std::mt19937 random_{4711};
   Model model_{{{kNoNode, "", kRootNode, ""}}, {}};
@@ -356,15 +359,15 @@ class Trials {
     open_or_fail(options_);
     answers_ = static_cast<Answers*>(
         mmap(nullptr, sizeof(Answers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    add_registry("small", 12, 40, 3);
-    add_registry("large", 140, 200, 25);
+    add_registry("small", 12, 40, 500, 3);
+    add_registry("large", 100, 100, 1900, 25);
   }
 
   void run(unsigned seed) {
     std::mt19937 random(seed);
     const auto kind = static_cast<Kind>(seed % kKinds);
     const bool while_open = seed / kKinds % 2 == 1;
-    const Registry& registry = registries_[seed / (2 * kKinds) % 5 == 4 ? 1 : 0];
+    const Registry& registry = registries_[seed / (2 * kKinds) % 7 == 6 ? 1 : 0];
     write_file(data_file(), registry.file);
     *answers_ = Answers{};
     const int ended = in_child([&] { return try_it(registry, kind, while_open, random); });
@@ -404,9 +407,10 @@ class Trials {
  private:
   std::string data_file() const { return options_.directory + "/data.mdb"; }
 
-  void add_registry(const std::string& name, std::size_t directories, std::size_t keys, std::size_t large_values) {
+  void add_registry(const std::string& name, std::size_t directories, std::size_t keys, std::size_t value_size,
+                    std::size_t large_values) {
     const TemporaryDirectory place(TemporaryDirectory::Where::kInMemory);
-    const Builder builder(place / "registry", directories, keys, large_values);
+    const Builder builder(place / "registry", directories, keys, value_size, large_values);
     registries_.push_back({name, builder.model(), builder.file()});
     std::printf("%s registry: %zu keys, %zu bytes\n", name.c_str(), builder.model().nodes.size(),
                 registries_.back().file.size());

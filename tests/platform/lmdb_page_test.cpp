@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/lmdb/page.h"
+
+namespace tkv::store {
+namespace {
+
+constexpr std::size_t kSize = 512;
+constexpr std::uint64_t kNumber = 7;
+constexpr std::uint64_t kPageCount = 100;
+
+std::span<const std::byte> bytes_of(std::string_view text) { return std::as_bytes(std::span(text)); }
+
+template <typename Integer>
+std::string integer_text(Integer value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
+// A page as LMDB writes it: offsets from the front, nodes from the back.
+class PageBuilder {
+ public:
+  explicit PageBuilder(std::uint16_t kind) : kind_(kind) {}
+
+  PageBuilder& leaf(const std::string& key, const std::string& data) {
+    return add({static_cast<std::uint16_t>(data.size()), 0, 0, static_cast<std::uint16_t>(key.size())}, key + data);
+  }
+  PageBuilder& big(const std::string& key, std::uint64_t page, std::uint32_t size) {
+    const auto low = static_cast<std::uint16_t>(size);
+    const auto high = static_cast<std::uint16_t>(size >> 16);
+    return add({low, high, kBigData, static_cast<std::uint16_t>(key.size())}, key + integer_text(page));
+  }
+  PageBuilder& branch(const std::string& key, std::uint64_t child) {
+    return add({static_cast<std::uint16_t>(child), static_cast<std::uint16_t>(child >> 16),
+                static_cast<std::uint16_t>(child >> 32), static_cast<std::uint16_t>(key.size())},
+               key);
+  }
+
+  std::string bytes() const {
+    std::string nodes;
+    std::string offsets;
+    for (const std::string& node : nodes_) {
+      nodes.insert(0, node);
+      offsets += integer_text(static_cast<std::uint16_t>(kSize - nodes.size()));
+    }
+    const auto lower = static_cast<std::uint16_t>(sizeof(PageHeader) + offsets.size());
+    const auto upper = static_cast<std::uint16_t>(kSize - nodes.size());
+    std::string page = integer_text(PageHeader{kNumber, 0, kind_, lower, upper}) + offsets;
+    return page + std::string(kSize - page.size() - nodes.size(), '\xAA') + nodes;
+  }
+
+ private:
+  PageBuilder& add(const NodeHeader& header, const std::string& rest) {
+    std::string node = integer_text(header) + rest;
+    if (node.size() % 2 != 0) node += '\0';
+    nodes_.push_back(node);
+    return *this;
+  }
+
+  const std::uint16_t kind_;
+  std::vector<std::string> nodes_;
+};
+
+// What is wrong with a page, or "".
+std::string defect_of(const std::string& bytes, std::uint16_t kind, Page::Keys keys = Page::Keys::kBytes) {
+  Page page;
+  PageDefect defect = page.open(bytes_of(bytes).data(), bytes.size(), kNumber, kind);
+  if (defect == nullptr) defect = page.check_nodes(kPageCount, keys);
+  return defect == nullptr ? "" : defect;
+}
+
+PageBuilder leaf() { return PageBuilder(kLeafPage).leaf("a", "1").leaf("bb", "22").big("c", 50, 1000); }
+PageBuilder branch() { return PageBuilder(kBranchPage).branch("", 3).branch("m", 4).branch("t", 99); }
+
+TEST(Page, SoundPagesHaveNoDefect) {
+  EXPECT_EQ(defect_of(leaf().bytes(), kLeafPage), "");
+  EXPECT_EQ(defect_of(branch().bytes(), kBranchPage), "");
+  EXPECT_EQ(defect_of(PageBuilder(kLeafPage)
+                          .leaf(integer_text(std::uint64_t{256}), "")
+                          .leaf(integer_text(std::uint64_t{511}), "")
+                          .bytes(),
+                      kLeafPage, Page::Keys::kIntegers),
+            "");
+}
+
+TEST(Page, NodesAreReadBack) {
+  const std::string bytes = leaf().bytes();
+  Page page;
+  ASSERT_EQ(page.open(bytes_of(bytes).data(), bytes.size(), kNumber, kLeafPage), nullptr);
+  EXPECT_EQ(page.number(), kNumber);
+  EXPECT_TRUE(page.is_leaf());
+  ASSERT_EQ(page.count(), 3u);
+  PageNode node;
+  ASSERT_TRUE(page.read(1, &node));
+  EXPECT_EQ(compare_keys(node.key, bytes_of("bb")), 0);
+  EXPECT_FALSE(node.is_big());
+  ASSERT_TRUE(node.data_fits());
+  EXPECT_EQ(compare_keys(node.rest.first(node.size_in_page()), bytes_of("22")), 0);
+  ASSERT_TRUE(page.read(2, &node));
+  EXPECT_TRUE(node.is_big());
+  EXPECT_EQ(node.overflow_page(), 50u);
+  EXPECT_EQ(node.data_size(), 1000u);
+  EXPECT_EQ(node.size_in_page(), 8u);
+}
+
+TEST(Page, AChildsNumberHas48Bits) {
+  const std::string bytes = PageBuilder(kBranchPage).branch("", 0x123456789abc).branch("m", 4).bytes();
+  Page page;
+  ASSERT_EQ(page.open(bytes_of(bytes).data(), bytes.size(), kNumber, kBranchPage), nullptr);
+  PageNode node;
+  ASSERT_TRUE(page.read(0, &node));
+  EXPECT_EQ(node.child(), 0x123456789abcu);
+}
+
+template <typename Integer>
+std::string with(std::string bytes, std::size_t at, Integer value) {
+  return bytes.replace(at, sizeof value, integer_text(value));
+}
+
+constexpr std::size_t kFlagsAt = 10;
+constexpr std::size_t kLowerAt = 12;
+constexpr std::size_t kUpperAt = 14;
+constexpr std::size_t kFirstOffsetAt = 16;
+
+TEST(Page, DefectsOfTheHeaderAreFound) {
+  const std::string sound = leaf().bytes();
+  const std::uint16_t lower = sizeof(PageHeader) + 3 * 2;
+  std::uint16_t upper = 0;
+  std::memcpy(&upper, sound.data() + kUpperAt, sizeof upper);
+  const std::pair<std::string, const char*> cases[] = {
+      {with(sound, 0, std::uint64_t{8}), "carries the number of another page"},
+      {with(sound, kFlagsAt, kBranchPage), "is of the wrong kind"},
+      {with(sound, kFlagsAt, static_cast<std::uint16_t>(kLeafPage | 0x10)), "is of the wrong kind"},
+      {with(sound, kLowerAt, std::uint16_t{14}), "has impossible bounds"},
+      {with(sound, kLowerAt, static_cast<std::uint16_t>(lower + 1)), "has impossible bounds"},
+      {with(sound, kLowerAt, static_cast<std::uint16_t>(upper + 2)), "has impossible bounds"},
+      {with(sound, kUpperAt, static_cast<std::uint16_t>(kSize + 1)), "has impossible bounds"},
+      {with(sound, kLowerAt, std::uint16_t{sizeof(PageHeader)}), "has too few nodes"},
+      {with(sound, kLowerAt, static_cast<std::uint16_t>(lower - 2)), "has nodes that overlap or leave gaps"},
+      {with(sound, kLowerAt, static_cast<std::uint16_t>(lower + 2)), "has a node outside its bounds"},
+      {with(sound, kUpperAt, static_cast<std::uint16_t>(upper - 2)), "has nodes that overlap or leave gaps"},
+      {with(sound, kUpperAt, static_cast<std::uint16_t>(upper + 2)), "has a node outside its bounds"},
+  };
+  for (const auto& [bytes, defect] : cases) EXPECT_EQ(defect_of(bytes, kLeafPage), defect);
+  const std::string lone = PageBuilder(kBranchPage).branch("", 3).bytes();
+  EXPECT_EQ(defect_of(lone, kBranchPage), "has too few nodes");
+}
+
+TEST(Page, DefectsOfNodesAreFound) {
+  const std::string sound = leaf().bytes();
+  std::uint16_t first = 0;
+  std::uint16_t second = 0;
+  std::memcpy(&first, sound.data() + kFirstOffsetAt, sizeof first);
+  std::memcpy(&second, sound.data() + kFirstOffsetAt + 2, sizeof second);
+  const std::pair<std::string, const char*> cases[] = {
+      {with(sound, kFirstOffsetAt, std::uint16_t{0}), "has a node outside its bounds"},
+      {with(sound, kFirstOffsetAt, static_cast<std::uint16_t>(kSize - 7)), "has a node outside its bounds"},
+      {with(sound, kFirstOffsetAt, std::uint16_t{0xffff}), "has a node outside its bounds"},
+      {with(sound, kFirstOffsetAt, second), "has its keys out of order"},
+      {with(sound, first + 6u, std::uint16_t{500}), "has a node outside its bounds"},
+      {with(sound, second + 6u, std::uint16_t{4}), "has nodes that overlap or leave gaps"},
+      {with(sound, first + 0u, std::uint16_t{400}), "has a node that does not fit into it"},
+      {with(sound, first + 2u, std::uint16_t{1}), "has a node that does not fit into it"},
+      {with(sound, first + 4u, std::uint16_t{2}), "has a node that does not fit into it"},
+      {with(sound, first + 8u, 'z'), "has its keys out of order"},
+      {with(sound, second + 8u, 'a'), ""},
+  };
+  for (const auto& [bytes, defect] : cases) EXPECT_EQ(defect_of(bytes, kLeafPage), defect);
+}
+
+TEST(Page, KeysThatAreEqualAreOutOfOrder) {
+  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).leaf("a", "").leaf("a", "").bytes(), kLeafPage),
+            "has its keys out of order");
+  EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("", 3).branch("m", 4).branch("m", 5).bytes(), kBranchPage),
+            "has its keys out of order");
+  // The first key of a branch page means nothing.
+  EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("z", 3).branch("m", 4).bytes(), kBranchPage), "");
+}
+
+TEST(Page, ReferencesOutOfTheFileAreFound) {
+  for (const std::uint64_t child : {std::uint64_t{0}, std::uint64_t{1}, kPageCount, std::uint64_t{1} << 40}) {
+    EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("", 3).branch("m", child).bytes(), kBranchPage),
+              "refers to a page that does not exist")
+        << child;
+    EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", child, 10).bytes(), kLeafPage),
+              "refers to a page that does not exist")
+        << child;
+  }
+  // The last of the pages that it takes must exist as well.
+  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader)).bytes(), kLeafPage), "");
+  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader) + 1).bytes(), kLeafPage),
+            "refers to a page that does not exist");
+}
+
+TEST(Page, KeysOfTheFreeListAreNumbers) {
+  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).leaf("1234567", "").bytes(), kLeafPage, Page::Keys::kIntegers),
+            "has an impossible key");
+  const auto two = [](std::uint64_t first, std::uint64_t second) {
+    return PageBuilder(kLeafPage).leaf(integer_text(first), "").leaf(integer_text(second), "").bytes();
+  };
+  EXPECT_EQ(defect_of(two(1, 256), kLeafPage, Page::Keys::kIntegers), "");
+  EXPECT_EQ(defect_of(two(256, 1), kLeafPage, Page::Keys::kIntegers), "has its keys out of order");
+}
+
+TEST(Page, HeadersOfOverflowPagesAreChecked) {
+  const auto defect = [](std::uint64_t number, std::uint16_t flags, std::uint32_t pages, std::size_t size) {
+    const std::string bytes = integer_text(
+        PageHeader{number, 0, flags, static_cast<std::uint16_t>(pages), static_cast<std::uint16_t>(pages >> 16)});
+    return check_overflow_header(bytes_of(bytes).data(), kSize, kNumber, size, kPageCount) != nullptr;
+  };
+  EXPECT_FALSE(defect(kNumber, kOverflowPage, 1, kSize - sizeof(PageHeader)));
+  EXPECT_FALSE(defect(kNumber, kOverflowPage, 93, 1));  // to the end of the file
+  EXPECT_TRUE(defect(kNumber + 1, kOverflowPage, 1, 1));
+  EXPECT_TRUE(defect(kNumber, kLeafPage, 1, 1));
+  EXPECT_TRUE(defect(kNumber, kOverflowPage, 0, 1));
+  EXPECT_TRUE(defect(kNumber, kOverflowPage, 1, kSize - sizeof(PageHeader) + 1));
+  EXPECT_TRUE(defect(kNumber, kOverflowPage, 94, 1));
+  EXPECT_TRUE(defect(kNumber, kOverflowPage, 0x10001, 1));
+}
+
+TEST(CompareKeys, ComparesBytesAndThenLengths) {
+  const std::string_view ordered[] = {"",
+                                      std::string_view("\0", 1),
+                                      "a",
+                                      "aaaaaaaa",
+                                      "aaaaaaaaa",
+                                      "aaaaaaaab",
+                                      "aaaaaaaabbbbbbbbc",
+                                      "aaaaaaaac",
+                                      "aaaaaaab",
+                                      "ab",
+                                      "b",
+                                      "\x7f",
+                                      "\x80",
+                                      "\xff",
+                                      "\xff\xff\xff\xff\xff\xff\xff\xff\xff"};
+  for (std::size_t i = 0; i < std::size(ordered); ++i) {
+    for (std::size_t j = 0; j < std::size(ordered); ++j) {
+      const int order = compare_keys(bytes_of(ordered[i]), bytes_of(ordered[j]));
+      EXPECT_EQ(order < 0, i < j) << i << " " << j;
+      EXPECT_EQ(order == 0, i == j) << i << " " << j;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tkv::store
