@@ -545,6 +545,23 @@ TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
   EXPECT_EQ(expect_sound(*store).nodes, 41u);
 }
 
+TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByALongRead) {
+  EXPECT_EQ(in_child([&] {
+              const auto store = open();
+              const int grown = in_child([&] {
+                const auto own = open();
+                NodeId id = kNoNode;
+                for (int i = 0; i < 20; ++i)
+                  if (!add_large(*own, i, &id).ok()) return 1;
+                return 0;
+              });
+              alarm(60);  // a reader that waits for itself never ends
+              const Status status = store->read_all([](View&) { return Status(); });
+              return grown == 0 && status.ok() ? 0 : 2;
+            }),
+            0);
+}
+
 TEST_F(LmdbGrowth, AFixedMapIsNotOutgrownAndTheRegistryIsUnharmed) {
   options_.map_size = 2 * kMiB;
   const auto store = open();

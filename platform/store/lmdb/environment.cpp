@@ -362,19 +362,23 @@ ReadTransaction::~ReadTransaction() {
     mdb_txn_reset(slot_->txn);
     environment_.readers_.release(*slot_);
   }
-  if (long_) environment_.readers_.end_long();
+  announce(false);
+}
+
+// Announces a long reader, or ends the announcement.
+void ReadTransaction::announce(bool begins) {
+  if (!wants_long_ || long_ == begins) return;
+  begins ? environment_.readers_.begin_long() : environment_.readers_.end_long();
+  long_ = begins;
 }
 
 Status ReadTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
   if (Status status = environment_.check_size(); !status.ok()) return status;
-  if (wants_long_) {
-    environment_.readers_.begin_long();
-    long_ = true;
-  }
   MetaPage copy{};
   std::uint64_t copied = 0;
   for (unsigned attempt = 0;; ++attempt) {
+    announce(true);
     const std::uint64_t remaps = environment_.remaps_;
     ReaderSlot& slot = environment_.readers_.claim(nested_);
     const int code = environment_.renew(slot);
@@ -391,6 +395,7 @@ Status ReadTransaction::begin() {
       continue;
     }
     environment_.readers_.release(slot);
+    announce(false);  // replacing the map waits for every long reader
     if (Status status = environment_.recover_read(code, nested_, attempt, remaps); !status.ok()) return status;
   }
 }

@@ -141,6 +141,7 @@ class ReadTransaction {
 
  private:
   enum class Loading { kDone, kBeginAgain };
+  void announce(bool begins);
   Status load_state(ReaderSlot& slot, MetaPage* copy, std::uint64_t* copied, Loading* loading);
 
   Environment& environment_;
