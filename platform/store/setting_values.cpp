@@ -3,6 +3,12 @@
 #include <charconv>
 
 namespace tkv::store {
+namespace {
+
+constexpr std::uint64_t kMinTimeout = 100;
+constexpr std::uint64_t kMaxTimeout = 600000;
+
+}  // namespace
 
 Status check_absolute_path(const std::string& value, std::size_t max_size) {
   if (!value.starts_with('/')) return refuse("'" + value + "' is not an absolute path");
@@ -16,6 +22,20 @@ Status check_account(const std::string& value, std::size_t max_size) {
   if (value.find_first_of(" \t:") != std::string::npos) return refuse("'" + value + "' is not a name");
   if (value.size() > max_size) return refuse("the name is longer than " + std::to_string(max_size) + " bytes");
   return {};
+}
+
+Status parse_timeout(const std::string& value, int* milliseconds) {
+  std::string_view rest = value;
+  std::uint64_t number = 0;
+  if (!take_number(&rest, &number) || !rest.empty()) return refuse("'" + value + "' is not a number of milliseconds");
+  if (number < kMinTimeout || number > kMaxTimeout) return refuse("'" + value + "' is not between 100 and 600000");
+  *milliseconds = static_cast<int>(number);
+  return {};
+}
+
+Status check_timeout(const std::string& value) {
+  int milliseconds = 0;
+  return parse_timeout(value, &milliseconds);
 }
 
 bool take_number(std::string_view* text, std::uint64_t* number) {

@@ -24,6 +24,10 @@ Status check_file(const std::string& value);
 // A name of a user or a group: without blanks and ":".
 Status check_account(const std::string& value, std::size_t max_size);
 
+// A number of milliseconds, 100 to 600000.
+Status parse_timeout(const std::string& value, int* milliseconds);
+Status check_timeout(const std::string& value);
+
 // Takes a decimal number off the front of `text`. False if there is none or it is too large.
 bool take_number(std::string_view* text, std::uint64_t* number);
 

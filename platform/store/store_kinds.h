@@ -11,6 +11,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <span>
@@ -46,7 +47,9 @@ struct StoreOpening {
   bool create_parents = false;    // and the directories above it
   bool read_only = false;         // of an embedded store
   std::uint32_t max_wait_ms = 0;  // no operation takes longer, whatever is configured; 0: as configured
-  sec_attr root_security{};       // of the root of a fresh registry
+  // Called when a write to an embedded store has waited for another writer for a second, with a message that names it.
+  std::function<void(const std::string& message)> on_wait;
+  sec_attr root_security{};  // of the root of a fresh registry
 };
 
 struct StoreKind {

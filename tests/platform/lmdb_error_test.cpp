@@ -49,7 +49,7 @@ constexpr Row kRows[] = {
     {MDB_MAP_RESIZED, 0, PRTKV_BUSY, "grew while it was being read"},
     {EMFILE, 0, PRTKV_BUSY, "Too many open files"},
     {ENFILE, 0, PRTKV_BUSY, "Too many open files in system"},
-    {EAGAIN, 0, PRTKV_BUSY, "temporarily unavailable"},
+    {EAGAIN, 0, PRTKV_UNUSABLE, "another PID namespace"},
     {EBUSY, 0, PRTKV_BUSY, "busy"},
     {EINTR, 0, PRTKV_BUSY, "Interrupted"},
     {ETIMEDOUT, 0, PRTKV_BUSY, "timed out"},

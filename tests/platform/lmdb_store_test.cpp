@@ -107,6 +107,22 @@ TEST_F(Lmdb, AnOpeningThatRunsOutOfMemoryLeavesNothingOpen) {
   EXPECT_TRUE(set_text(*store, kRootNode, "x").ok());
 }
 
+TEST_F(Lmdb, AWriteThatRunsOutOfMemoryHasChangedNothing) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
+  int allowed = 0;
+  for (bool done = false; !done && allowed < 1000; ++allowed) {
+    test::allocations_left = allowed;
+    try {
+      done = set_text(*store, kRootNode, "later").ok();
+    } catch (const std::bad_alloc&) {
+    }
+    test::allocations_left = test::kEndless;
+    EXPECT_EQ(text_of(*store, kRootNode), done ? "later" : "former") << allowed;
+  }
+  EXPECT_GT(allowed, 1);
+}
+
 TEST_F(Lmdb, ARegistryMadeAnewInTheSamePlaceIsAnotherOne) {
   const auto former = open();
   ASSERT_TRUE(set_text(*former, kRootNode, "former").ok());

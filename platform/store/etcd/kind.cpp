@@ -12,23 +12,6 @@ namespace {
 
 constexpr std::size_t kMaxUserSize = 255;
 constexpr std::size_t kMaxPrefixSize = 256;
-constexpr std::uint64_t kMinTimeout = 100;
-constexpr std::uint64_t kMaxTimeout = 600000;
-
-Status parse_timeout(const std::string& value, int* milliseconds) {
-  std::string_view rest = value;
-  std::uint64_t number = 0;
-  if (!take_number(&rest, &number) || !rest.empty()) return refuse("'" + value + "' is not a number of milliseconds");
-  if (number < kMinTimeout || number > kMaxTimeout) return refuse("'" + value + "' is not between 100 and 600000");
-  *milliseconds = static_cast<int>(number);
-  return {};
-}
-
-Status check_timeout(const std::string& value) {
-  int milliseconds = 0;
-  return parse_timeout(value, &milliseconds);
-}
-
 Status check_prefix(const std::string& value) {
   if (!value.starts_with('/') || !value.ends_with('/')) {
     return refuse("'" + value + "' does not begin and end with '/'");

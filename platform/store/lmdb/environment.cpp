@@ -61,6 +61,7 @@ struct EnvironmentTable {
     pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
                    [] {
                      ++fork_generation;
+                     for (Environment* environment : instance().open) environment->writer_lock_.close_in_child();
                      instance().open.clear();
                      instance().mutex.unlock();
                    });
@@ -113,7 +114,8 @@ Environment::Environment(const LmdbOptions& options, std::unique_ptr<const Regis
       fixed_map_size_(options.map_size),
       first_map_size_(options.first_map_size == 0 ? kFirstMapSize : options.first_map_size),
       files_(std::move(files)),
-      fork_generation_(fork_generation) {}
+      fork_generation_(fork_generation),
+      writer_lock_(*files_) {}
 
 Environment::~Environment() { close_files(); }
 
@@ -265,6 +267,19 @@ int Environment::renew(ReaderSlot& slot) {
   return mdb_txn_begin(env_, nullptr, MDB_RDONLY, &slot.txn);
 }
 
+// A transaction that is only reset keeps its slot in LMDB's reader table, which is faster. Once half of the table is in
+// use, slots are kept only while reading, so that idle sessions cannot use up the table.
+void Environment::end_read(ReaderSlot& slot) {
+  MDB_envinfo info{};
+  mdb_env_info(env_, &info);
+  if (info.me_numreaders <= kMaxReaders / 2) {
+    mdb_txn_reset(slot.txn);
+    return;
+  }
+  mdb_txn_abort(slot.txn);
+  slot.txn = nullptr;
+}
+
 // Called when a read transaction could not begin. Returns success if the caller should try again.
 Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
   constexpr unsigned kAttempts = 4;
@@ -359,7 +374,7 @@ ReadTransaction::~ReadTransaction() {
   // In a child forked meanwhile, the transaction belongs to the parent and locks may never be released.
   if (environment_.fork_generation_ != fork_generation) return;
   if (slot_ != nullptr) {
-    mdb_txn_reset(slot_->txn);
+    environment_.end_read(*slot_);
     environment_.readers_.release(*slot_);
   }
   announce(false);
@@ -389,7 +404,7 @@ Status ReadTransaction::begin() {
         slot_ = &slot;
         return {};
       }
-      mdb_txn_reset(slot.txn);
+      environment_.end_read(slot);
       environment_.readers_.release(slot);
       if (!status.ok()) return status;
       continue;
@@ -417,13 +432,31 @@ Status ReadTransaction::load_state(ReaderSlot& slot, MetaPage* copy, std::uint64
   return store::load_state(environment_.map_, *copy, transaction, &slot.state);
 }
 
-WriteTransaction::WriteTransaction(Environment& environment)
-    : environment_(environment), lock_(environment.write_mutex_), running_(&environment, Running::Kind::kWriting) {}
+WriteTransaction::WriteTransaction(Environment& environment, const WriterWait& wait)
+    : environment_(environment), wait_(wait), running_(&environment, Running::Kind::kWriting) {}
 
-WriteTransaction::~WriteTransaction() { abort(); }
+WriteTransaction::~WriteTransaction() {
+  abort();
+  // In a child forked meanwhile, the locks are the parent's.
+  if (environment_.fork_generation_ != fork_generation) {
+    mutex_lock_.release();
+    return;
+  }
+  if (mutex_lock_.owns_lock()) mutex_lock_.unlock();
+  if (has_lock_) environment_.writer_lock_.release();
+}
+
+Status WriteTransaction::lock() {
+  if (has_lock_) return {};
+  if (Status status = environment_.writer_lock_.acquire(wait_); !status.ok()) return status;
+  has_lock_ = true;
+  mutex_lock_ = std::unique_lock(environment_.write_mutex_);
+  return {};
+}
 
 Status WriteTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
+  if (Status status = lock(); !status.ok()) return status;
   if (Status status = environment_.check_size(); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
   for (unsigned attempt = 0;; ++attempt) {

@@ -22,6 +22,7 @@
 #include "store/lmdb/lmdb_store.h"
 #include "store/lmdb/reader_pool.h"
 #include "store/lmdb/registry_files.h"
+#include "store/lmdb/writer_lock.h"
 
 namespace tkv::store {
 
@@ -76,6 +77,7 @@ class Environment {
   Status files_replaced() const;
 
   int renew(ReaderSlot& slot);
+  void end_read(ReaderSlot& slot);
   Status recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps);
   Status follow_growth(std::uint64_t remaps);
   Status free_reader_slots(bool nested);
@@ -102,6 +104,7 @@ class Environment {
   FileMap map_;                           // of env_
   std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
+  WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex
   std::mutex write_mutex_;  // held by the thread of this process that writes or replaces the map
 };
 
@@ -152,15 +155,17 @@ class ReadTransaction {
   ReaderSlot* slot_ = nullptr;
 };
 
-// A write transaction. The object itself is exclusive in this process; begin() makes it exclusive on the node.
+// A write transaction: exclusive on this node from begin() until destruction.
 class WriteTransaction {
  public:
-  explicit WriteTransaction(Environment& environment);
+  WriteTransaction(Environment& environment, const WriterWait& wait);
   ~WriteTransaction();
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
 
+  // Waits for other writers as long as `wait` allows. Returns PRTKV_BUSY if that was not long enough.
   Status begin();
+
   // Fails with PRTKV_UNUSABLE, and without committing, if the registry's files were replaced. `outcome` receives the
   // result of LMDB's call.
   Status commit(LmdbOutcome* outcome);
@@ -175,10 +180,13 @@ class WriteTransaction {
   const FileState& former() const { return former_; }
 
  private:
+  Status lock();
   Status load_former();
 
   Environment& environment_;
-  const std::unique_lock<std::mutex> lock_;
+  const WriterWait& wait_;
+  bool has_lock_ = false;  // the environment's writer_lock_
+  std::unique_lock<std::mutex> mutex_lock_;
   const Running running_;
   MDB_txn* txn_ = nullptr;
   FileState former_;

@@ -1,6 +1,7 @@
 #include "store/lmdb/error.h"
 
 #include <lmdb.h>
+#include <unistd.h>
 
 #include "store/lmdb/reader_pool.h"
 
@@ -56,13 +57,19 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
     case ESTALE:
     case EOPNOTSUPP:
       return system(PRTKV_UNUSABLE);
+    case EAGAIN:
+      // LMDB could not lock the byte of the lock file that stands for this process's id.
+      return failed(PRTKV_UNUSABLE,
+                    "a process in another PID namespace has the registry open under the same process id, " +
+                        std::to_string(getpid()) +
+                        ", and LMDB tells processes apart by this id; let the containers share one PID namespace, or "
+                        "start this program under another process id");
     case MDB_READERS_FULL:
       return failed(PRTKV_BUSY, "all " + std::to_string(kMaxReaders) + " reader slots of the registry are in use");
     case MDB_MAP_RESIZED:
       return failed(PRTKV_BUSY, "the registry grew while it was being read");
     case EMFILE:
     case ENFILE:
-    case EAGAIN:
     case EBUSY:
     case EINTR:
     case ETIMEDOUT:

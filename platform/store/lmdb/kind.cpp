@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -46,6 +47,11 @@ Status check_map_size(const std::string& value) {
 Status check_group(const std::string& value) { return check_account(value, kMaxGroupSize); }
 
 constexpr StoreSetting kSettings[] = {
+    {.name = "registry.timeout_ms",
+     .check = check_timeout,
+     .default_value = "30000",
+     .text =
+         "Milliseconds that a write to an embedded registry waits for other writers, 100 to 600000. Default: 30000."},
     {.name = "registry.map_size",
      .check = check_map_size,
      .text = "Bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024; 1M to 16T. "
@@ -86,6 +92,13 @@ Status open(const StorePlace& place, const StoreOpening& opening, std::shared_pt
   options.read_only = opening.read_only;
   options.group = group_of(place);
   options.root_security = opening.root_security;
+  options.on_wait = opening.on_wait;
+  if (const auto timeout = place.settings.find("registry.timeout_ms"); timeout != place.settings.end()) {
+    int milliseconds = 0;
+    if (Status status = parse_timeout(timeout->second, &milliseconds); !status.ok()) return status;
+    options.timeout_ms = static_cast<std::uint32_t>(milliseconds);
+  }
+  if (opening.max_wait_ms != 0) options.timeout_ms = std::min(options.timeout_ms, opening.max_wait_ms);
   if (const auto size = place.settings.find("registry.map_size"); size != place.settings.end()) {
     if (Status status = parse_map_size(size->second, &options.map_size); !status.ok()) return status;
   }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -121,8 +122,11 @@ void RecordCheck::check_counter() {
 
 class LmdbStore final : public Store {
  public:
-  LmdbStore(Environment::Held environment, bool read_only)
-      : held_(std::move(environment)), environment_(*held_), read_only_(read_only) {}
+  LmdbStore(Environment::Held environment, const LmdbOptions& options)
+      : held_(std::move(environment)),
+        environment_(*held_),
+        read_only_(options.read_only),
+        wait_{std::chrono::milliseconds(options.timeout_ms), options.on_wait} {}
 
   Status read(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kShort, function);
@@ -151,6 +155,7 @@ class LmdbStore final : public Store {
   const Environment::Held held_;
   Environment& environment_;
   const bool read_only_;
+  const WriterWait wait_;
 };
 
 Status LmdbStore::damaged(const LmdbAssertion& broken) const {
@@ -188,7 +193,7 @@ Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(L
 
 Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function) try {
   if (Status status = may_write(); !status.ok()) return status;
-  WriteTransaction transaction(environment_);
+  WriteTransaction transaction(environment_, wait_);
   for (;;) {
     if (Status status = transaction.begin(); !status.ok()) return status;
     LmdbOutcome outcome{0, 0};
@@ -256,7 +261,7 @@ Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store
   occupy_standard_files();
   Environment::Held environment;
   if (Status status = Environment::acquire(options, &environment); !status.ok()) return status;
-  *store = std::make_shared<LmdbStore>(std::move(environment), options.read_only);
+  *store = std::make_shared<LmdbStore>(std::move(environment), options);
   return {};
 }
 

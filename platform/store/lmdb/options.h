@@ -3,6 +3,7 @@
 #define TKV_PLATFORM_STORE_LMDB_OPTIONS_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "sec_attr.h"
@@ -17,6 +18,11 @@ struct LmdbOptions {
   bool create = true;                // create a fresh registry if there is none
   bool create_parents = false;       // also create missing parent directories, accessible to the owner alone
   bool read_only = false;
+  std::uint32_t timeout_ms = 30000;  // how long a write waits for other writers before it returns PRTKV_BUSY
+
+  // Called once per write that has waited for a second, with a message that names the writer it waits for. Must not use
+  // the store.
+  std::function<void(const std::string& message)> on_wait;
   sec_attr root_security{};  // security record of a fresh registry's root
 };
 

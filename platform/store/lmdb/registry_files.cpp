@@ -25,6 +25,7 @@ namespace {
 
 constexpr const char* kDataFile = "data.mdb";
 constexpr const char* kLockFile = "lock.mdb";
+constexpr const char* kWriterLockFile = "writer.lock";
 
 // LMDB's lock file has a header of 192 bytes, which includes the first reader's slot, and 64 bytes per further reader.
 constexpr off_t kLockFileSize = 192 + (kMaxReaders - 1) * 64;
@@ -205,6 +206,26 @@ Status RegistryFiles::open_environment(MDB_env* env, unsigned flags) const {
   if (code != 0) return lmdb_status(code, doing);
   if (identity_of(found) == data_identity_ && (by_link || are_in_place())) return {};
   return {PRTKV_BUSY, doing + ": its files were replaced meanwhile"};
+}
+
+Status RegistryFiles::open_writer_lock(Descriptor* file) const {
+  Descriptor found(-1);
+  FileIdentity identity;
+  if (Status status = open_file(kWriterLockFile, &found, &identity); !status.ok()) return status;
+  if (!found.is_open()) {
+    const auto leave_empty = [](const Descriptor&) { return Status(); };
+    if (Status status = create(kWriterLockFile, leave_empty); !status.ok()) return status;
+    if (Status status = open_file(kWriterLockFile, &found, &identity); !status.ok()) return status;
+    if (!found.is_open())
+      return {PRTKV_BUSY, quoted(path_of(kWriterLockFile)) + " was removed while it was being opened"};
+  }
+  Descriptor opened(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  if (!opened.is_open()) {
+    const int error = errno;
+    return lmdb_status(error, "cannot open " + quoted(path_of(kWriterLockFile)));
+  }
+  *file = std::move(opened);
+  return {};
 }
 
 Status RegistryFiles::data_size(std::uint64_t* size) const {

@@ -55,6 +55,11 @@ class RegistryFiles {
   // Calls mdb_env_open for exactly these files.
   Status open_environment(MDB_env* env, unsigned flags) const;
 
+  // Opens the file of the writers' lock for reading and writing, and creates it if it is absent.
+  Status open_writer_lock(Descriptor* file) const;
+
+  const std::string& path() const { return path_; }  // of the directory
+
   // The size of the data file in bytes.
   Status data_size(std::uint64_t* size) const;
 

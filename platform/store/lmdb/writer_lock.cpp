@@ -1,0 +1,192 @@
+#include "store/lmdb/writer_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <string_view>
+#include <thread>
+
+#include "store/lmdb/error.h"
+
+namespace tkv::store {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// These are shared with other processes. Do not change.
+constexpr off_t kNextWriter = 0;
+constexpr off_t kWriter = 1;
+constexpr std::size_t kHolderSize = 96;  // bytes of the file that name the holder, padded with zeroes
+
+constexpr std::chrono::seconds kSilentWait{1};
+constexpr std::chrono::microseconds kFirstPause{50};
+constexpr std::chrono::microseconds kLongestPause{5000};
+
+constexpr const char* kAnotherProcess = "another process";
+constexpr const char* kThisProcess = "another thread of this process";
+
+int lock_byte(int file, off_t byte, short type) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = byte;
+  range.l_len = 1;
+  return fcntl(file, F_OFD_SETLK, &range) == 0 ? 0 : errno;
+}
+
+unsigned long pid_namespace() {
+  struct stat status {};
+  return stat("/proc/self/ns/pid", &status) == 0 ? static_cast<unsigned long>(status.st_ino) : 0;
+}
+
+std::string command_of_process() {
+  char name[32] = {};
+  const Descriptor file(open("/proc/self/comm", O_RDONLY | O_CLOEXEC));
+  const ssize_t count = file.is_open() ? read(file.number(), name, sizeof name - 1) : 0;
+  std::string command(name, count > 0 ? static_cast<std::size_t>(count) : 0);
+  while (!command.empty() && command.back() == '\n') command.pop_back();
+  return command.empty() ? "unknown" : command;
+}
+
+// Other processes write this text; it may be anything.
+std::string printable(std::string_view text) {
+  std::string result(text);
+  for (char& c : result)
+    if (c < 0x20 || c > 0x7e || c == '%') c = '?';
+  return result;
+}
+
+// Takes a number and the blank behind it off the front of `text`.
+bool take_number(std::string_view* text, std::uint64_t* number) {
+  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *number);
+  if (error != std::errc() || end == text->data() + text->size() || *end != ' ') return false;
+  text->remove_prefix(static_cast<std::size_t>(end + 1 - text->data()));
+  return true;
+}
+
+}  // namespace
+
+// When a wait ends, and when somebody is told about it.
+class WriterLock::Deadline {
+ public:
+  explicit Deadline(const WriterWait& wait) : wait_(wait) {}
+
+  Clock::time_point end() const { return begin_ + wait_.timeout; }
+  Clock::time_point next_event() const { return told_ ? end() : std::min(begin_ + kSilentWait, end()); }
+  bool has_passed() const { return Clock::now() >= end(); }
+  std::chrono::milliseconds timeout() const { return wait_.timeout; }
+
+  // `message` is only called if somebody has to be told now.
+  void tell(FunctionRef<std::string()> message) {
+    if (told_ || Clock::now() < begin_ + kSilentWait) return;
+    told_ = true;
+    if (wait_.on_wait) wait_.on_wait("waiting for " + message());
+  }
+
+ private:
+  const WriterWait& wait_;
+  const Clock::time_point begin_ = Clock::now();
+  bool told_ = false;
+};
+
+Status WriterLock::acquire(const WriterWait& wait) {
+  Deadline deadline(wait);
+  if (Status status = take_turn(&deadline); !status.ok()) return status;
+  try {
+    Status status = open_file();
+    if (status.ok()) status = take_file(&deadline);
+    if (!status.ok()) give_turn();
+    return status;
+  } catch (...) {
+    give_turn();
+    throw;
+  }
+}
+
+void WriterLock::release() {
+  free_byte(kWriter);
+  give_turn();
+}
+
+Status WriterLock::take_turn(Deadline* deadline) {
+  std::unique_lock lock(mutex_);
+  while (turn_taken_) {
+    if (deadline->has_passed()) return busy(kThisProcess, *deadline);
+    turn_free_.wait_until(lock, deadline->next_event());
+    if (!turn_taken_) break;
+    lock.unlock();
+    deadline->tell([&] { return kThisProcess + (", which is writing to the registry in '" + files_.path() + "'"); });
+    lock.lock();
+  }
+  turn_taken_ = true;
+  return {};
+}
+
+void WriterLock::give_turn() {
+  const std::lock_guard lock(mutex_);
+  turn_taken_ = false;
+  turn_free_.notify_one();
+}
+
+Status WriterLock::open_file() { return file_.is_open() ? Status() : files_.open_writer_lock(&file_); }
+
+Status WriterLock::take_file(Deadline* deadline) {
+  if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
+  Status status;
+  try {
+    status = take_byte(kWriter, deadline);
+  } catch (...) {
+    free_byte(kNextWriter);
+    throw;
+  }
+  free_byte(kNextWriter);
+  if (status.ok()) name_holder();
+  return status;
+}
+
+// The kernel offers no wait with a deadline for this kind of lock.
+Status WriterLock::take_byte(off_t byte, Deadline* deadline) {
+  for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+    const int error = lock_byte(file_.number(), byte, F_WRLCK);
+    if (error == 0) return {};
+    if (error != EAGAIN && error != EACCES && error != EINTR)
+      return lmdb_status(error, "cannot lock '" + files_.path() + "/writer.lock'");
+    if (deadline->has_passed()) return busy(holder(), *deadline);
+    deadline->tell([&] { return holder() + ", which is writing to the registry in '" + files_.path() + "'"; });
+    std::this_thread::sleep_for(pause);
+  }
+}
+
+void WriterLock::free_byte(off_t byte) const { (void)lock_byte(file_.number(), byte, F_UNLCK); }
+
+// Without the name, others wait for "another process".
+void WriterLock::name_holder() const {
+  static const std::string command = command_of_process();
+  std::array<char, kHolderSize> text{};
+  std::snprintf(text.data(), text.size(), "%d %lu %s", getpid(), pid_namespace(), command.c_str());
+  (void)!pwrite(file_.number(), text.data(), text.size(), 0);
+}
+
+std::string WriterLock::holder() const {
+  std::array<char, kHolderSize + 1> text{};
+  if (pread(file_.number(), text.data(), kHolderSize, 0) < 0) return kAnotherProcess;
+  std::string_view rest = text.data();
+  std::uint64_t process = 0;
+  std::uint64_t name_space = 0;
+  if (!take_number(&rest, &process) || !take_number(&rest, &name_space)) return kAnotherProcess;
+  const std::string who = "process " + std::to_string(process) + " (" + printable(rest) + ")";
+  return name_space == pid_namespace() ? who : who + " in another container";
+}
+
+Status WriterLock::busy(const std::string& holder, const Deadline& deadline) const {
+  return {PRTKV_BUSY, holder + " is writing to the registry in '" + files_.path() + "'; gave up after " +
+                          std::to_string(deadline.timeout().count()) + " ms"};
+}
+
+}  // namespace tkv::store

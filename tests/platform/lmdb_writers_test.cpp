@@ -1,0 +1,233 @@
+// Writers on one node wait for each other with a deadline, and learn for whom.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "lmdb_files.h"
+#include "temporary_directory.h"
+
+namespace tkv::store {
+namespace {
+
+// A child process, killed at the end of the object's life.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& body) : process_(fork()) {
+    if (process_ == 0) _exit(body());
+  }
+  ~Child() {
+    if (process_ <= 0) return;
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t process() const { return process_; }
+
+  void wait_until_stopped() const {
+    int status = 0;
+    ASSERT_EQ(waitpid(process_, &status, WUNTRACED), process_);
+    ASSERT_TRUE(WIFSTOPPED(status)) << status;
+  }
+
+  void proceed() const { kill(process_, SIGCONT); }
+
+  int wait_for_end() {
+    int status = 0;
+    waitpid(process_, &status, 0);
+    process_ = 0;
+    return status;
+  }
+
+ private:
+  pid_t process_;
+};
+
+class LmdbWriters : public ::testing::Test {
+ protected:
+  LmdbWriters() { options_.directory = temporary_ / "registry"; }
+
+  // Writes "child", and stops in the middle of it.
+  int stop_while_writing() const {
+    const auto store = open_or_fail(options_);
+    const Status status = store->write([](Update& update) -> Status {
+      raise(SIGSTOP);
+      return update.set_value(kRootNode, 3, std::as_bytes(std::span("child", 5)));
+    });
+    return status.ok() ? 0 : 1;
+  }
+
+  std::shared_ptr<Store> open_impatient() {
+    LmdbOptions options = options_;
+    options.timeout_ms = 100;
+    return open_or_fail(options);
+  }
+
+  TemporaryDirectory temporary_{TemporaryDirectory::Where::kInMemory};
+  LmdbOptions options_;
+};
+
+TEST_F(LmdbWriters, AWriterBehindAStoppedOneGivesUpAndNamesIt) {
+  Child writer([&] { return stop_while_writing(); });
+  writer.wait_until_stopped();
+  const auto store = open_impatient();
+  const Status status = set_text(*store, kRootNode, "parent");
+  EXPECT_TRUE(status.is(PRTKV_BUSY)) << status.code();
+  EXPECT_EQ(status.text().find("process " + std::to_string(writer.process()) + " (lmdb_writers_te) is writing"), 0u)
+      << status.text();
+  EXPECT_NE(status.text().find(options_.directory), std::string::npos) << status.text();
+  EXPECT_EQ(text_of(*store), "");  // readers do not wait
+  writer.proceed();
+  EXPECT_EQ(writer.wait_for_end(), 0);
+  EXPECT_EQ(text_of(*store), "child");
+  EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
+}
+
+TEST_F(LmdbWriters, AWriterThatWaitsIsToldForWhomOnce) {
+  Child writer([&] { return stop_while_writing(); });
+  writer.wait_until_stopped();
+  std::vector<std::string> messages;
+  options_.on_wait = [&](const std::string& message) {
+    messages.push_back(message);
+    writer.proceed();
+  };
+  const auto store = open_or_fail(options_);
+  EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].find("waiting for process " + std::to_string(writer.process()) + " ("), 0u) << messages[0];
+  EXPECT_EQ(writer.wait_for_end(), 0);
+  EXPECT_TRUE(set_text(*store, kRootNode, "again").ok());
+  EXPECT_EQ(messages.size(), 1u);
+}
+
+TEST_F(LmdbWriters, AWriterThatDiesHoldsUpNobody) {
+  Child writer([&] { return stop_while_writing(); });
+  writer.wait_until_stopped();
+  kill(writer.process(), SIGKILL);
+  EXPECT_EQ(WTERMSIG(writer.wait_for_end()), SIGKILL);
+  const auto store = open_or_fail(options_);
+  EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
+  EXPECT_EQ(text_of(*store), "parent");
+}
+
+TEST_F(LmdbWriters, AChildThatWasForkedInAWriteDoesNotHoldTheLock) {
+  const auto store = open_or_fail(options_);
+  pid_t child = -1;
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) -> Status {
+                    child = fork();
+                    if (child == 0)
+                      for (;;) pause();
+                    return update.set_value(kRootNode, 3, {});
+                  })
+                  .ok());
+  EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "x").ok() ? 0 : 1; }), 0);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST_F(LmdbWriters, AThreadGivesUpWaitingForAnother) {
+  const auto store = open_or_fail(options_);
+  const auto impatient = open_impatient();
+  ASSERT_TRUE(store
+                  ->write([&](Update& update) {
+                    const Status status =
+                        std::async(std::launch::async, [&] { return set_text(*impatient, kRootNode, "x"); }).get();
+                    EXPECT_TRUE(status.is(PRTKV_BUSY));
+                    EXPECT_EQ(status.text().find("another thread of this process is writing"), 0u) << status.text();
+                    return update.set_value(kRootNode, 3, {});
+                  })
+                  .ok());
+  EXPECT_TRUE(set_text(*impatient, kRootNode, "x").ok());
+}
+
+TEST_F(LmdbWriters, TheNameOfTheHolderMayBeAnything) {
+  Child writer([&] { return stop_while_writing(); });
+  writer.wait_until_stopped();
+  const auto store = open_impatient();
+  const std::string file = options_.directory + "/writer.lock";
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "another process is writing"},
+      {std::string(200, '\xff'), "another process is writing"},
+      {"-7 1 x", "another process is writing"},
+      {"99999999999999999999 1 x", "another process is writing"},
+      {"4711 1 e%s\x1b[31m\n", "process 4711 (e?s?[31m?) in another container is writing"},
+      {"4711 1 " + std::string(200, 'x'),
+       "process 4711 (" + std::string(89, 'x') + ") in another container is writing"},
+  };
+  for (const auto& [content, text] : cases) {
+    write_file(file, content);
+    const Status status = set_text(*store, kRootNode, "x");
+    EXPECT_TRUE(status.is(PRTKV_BUSY));
+    EXPECT_EQ(status.text().find(text), 0u) << status.text();
+  }
+}
+
+TEST_F(LmdbWriters, AProcessThatWritesWithoutPauseLetsOthersWrite) {
+  { open_or_fail(options_); }
+  Child writer([&] {
+    const auto store = open_or_fail(options_);
+    while (set_text(*store, kRootNode, "child").ok()) continue;
+    return 1;
+  });
+  const auto store = open_or_fail(options_);
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
+}
+
+// Runs `body` as process 1 of a PID namespace of its own, and returns what it returned.
+int as_first_process(const std::function<int()>& body) {
+  return in_child([&] {
+    if (unshare(CLONE_NEWPID) != 0) return 99;
+    return in_child(body);
+  });
+}
+
+TEST_F(LmdbWriters, AProcessWithTheIdOfAnotherInAnotherNamespaceIsRefused) {
+  if (as_first_process([] { return 0; }) != 0) GTEST_SKIP() << "this user cannot create PID namespaces";
+  const auto opens = [&] {
+    std::shared_ptr<Store> store;
+    const Status status = open_lmdb_store(options_, &store);
+    const bool explains = status.text().find("in another PID namespace") != std::string::npos;
+    return status.ok() ? 1 : status.is(PRTKV_UNUSABLE) && explains ? 2 : 3;
+  };
+  EXPECT_EQ(as_first_process([&] {
+              const auto store = open_or_fail(options_);
+              return as_first_process(opens);
+            }),
+            2);
+  EXPECT_EQ(as_first_process(opens), 1);
+}
+
+TEST_F(LmdbWriters, IdleSessionsLeaveReaderSlotsToOthers) {
+  { open_or_fail(options_); }
+  Child idle([&] {
+    const auto store = open_or_fail(options_);
+    int depth = 0;
+    const std::function<Status(View&)> deeper = [&](View&) -> Status {
+      return ++depth < 1020 ? store->read(deeper) : Status();
+    };
+    if (!store->read(deeper).ok()) return 1;
+    raise(SIGSTOP);
+    return 0;
+  });
+  idle.wait_until_stopped();
+  const auto store = open_or_fail(options_);
+  int depth = 0;
+  const std::function<Status(View&)> deeper = [&](View&) -> Status {
+    return ++depth < 500 ? store->read(deeper) : Status();
+  };
+  EXPECT_TRUE(store->read(deeper).ok());
+  EXPECT_EQ(depth, 500);
+}
+
+}  // namespace
+}  // namespace tkv::store
