@@ -6,7 +6,7 @@ namespace tkv::store {
 namespace {
 
 constexpr std::uint64_t kMinTimeout = 100;
-constexpr std::uint64_t kMaxTimeout = 600000;
+constexpr std::uint64_t kMaxMilliseconds = 600000;
 
 }  // namespace
 
@@ -24,13 +24,20 @@ Status check_account(const std::string& value, std::size_t max_size) {
   return {};
 }
 
-Status parse_timeout(const std::string& value, int* milliseconds) {
+Status parse_milliseconds(const std::string& value, std::uint64_t least, int* milliseconds) {
   std::string_view rest = value;
   std::uint64_t number = 0;
   if (!take_number(&rest, &number) || !rest.empty()) return refuse("'" + value + "' is not a number of milliseconds");
-  if (number < kMinTimeout || number > kMaxTimeout) return refuse("'" + value + "' is not between 100 and 600000");
+  if (number < least || number > kMaxMilliseconds) {
+    return refuse("'" + value + "' is not between " + std::to_string(least) + " and " +
+                  std::to_string(kMaxMilliseconds));
+  }
   *milliseconds = static_cast<int>(number);
   return {};
+}
+
+Status parse_timeout(const std::string& value, int* milliseconds) {
+  return parse_milliseconds(value, kMinTimeout, milliseconds);
 }
 
 Status check_timeout(const std::string& value) {

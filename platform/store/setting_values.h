@@ -24,7 +24,10 @@ Status check_file(const std::string& value);
 // A name of a user or a group: without blanks and ":".
 Status check_account(const std::string& value, std::size_t max_size);
 
-// A number of milliseconds, 100 to 600000.
+// A number of milliseconds from `least` to 600000.
+Status parse_milliseconds(const std::string& value, std::uint64_t least, int* milliseconds);
+
+// The same for the timeout of an operation, from 100.
 Status parse_timeout(const std::string& value, int* milliseconds);
 Status check_timeout(const std::string& value);
 

@@ -99,16 +99,12 @@ class Launcher:
         self.directory = data_directory(options.directory)
         self.processes = [None] * options.members
         self.stopped = set()
-        self.tls = None
-        if options.tls:
-            self.tls = ssl._create_unverified_context()  # the members are this program's own
-            self.tls.load_cert_chain(*options.tls)
 
     def all_on(self, port):
         return [f"{self.address}:{port + member}" for member in range(self.options.members)]
 
     def flags_of(self, member):
-        client = f"{'https' if self.tls else 'http'}://{self.address}:{CLIENT_PORT + member}"
+        client = f"{'https' if self.options.tls else 'http'}://{self.address}:{CLIENT_PORT + member}"
         reached = self.all_on(PROXY_PORT if self.options.peers_through_proxies else PEER_PORT)
         return ["--name", f"m{member}", "--data-dir", os.path.join(self.directory, f"m{member}"),
                 "--listen-client-urls", client, "--advertise-client-urls", client,
@@ -143,8 +139,11 @@ class Launcher:
     def ask(self, member, path):
         """The text of a page that the member serves, or "" if it does not answer."""
         where = (self.address, CLIENT_PORT + member)
-        connection = (http.client.HTTPSConnection(*where, timeout=2, context=self.tls) if self.tls else
-                      http.client.HTTPConnection(*where, timeout=2))
+        connection = http.client.HTTPConnection(*where, timeout=2)
+        if self.options.tls:
+            context = ssl._create_unverified_context()  # the members are this program's own
+            context.load_cert_chain(*self.options.tls)  # as they are now: tests replace them
+            connection = http.client.HTTPSConnection(*where, timeout=2, context=context)
         try:
             connection.request("GET", path)
             return connection.getresponse().read().decode()

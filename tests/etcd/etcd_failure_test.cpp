@@ -9,8 +9,10 @@
 #include <iterator>
 #include <string>
 
+#include "certificates.h"
 #include "etcd.grpc.pb.h"
 #include "etcd_cluster.h"
+#include "failure.h"
 #include "loopback.h"
 #include "store/etcd/etcd_store.h"
 #include "store/etcd/module.h"
@@ -19,36 +21,9 @@
 namespace tkv::store::etcd {
 namespace {
 
-testing::AssertionResult says(const Status& status, prtkv_result code, const std::vector<std::string>& words) {
-  if (!status.is(code)) return testing::AssertionFailure() << status.code() << " " << status.text();
-  for (const std::string& word : words) {
-    if (status.text().find(word) == std::string::npos) {
-      return testing::AssertionFailure() << "'" << word << "' is not in: " << status.text();
-    }
-  }
-  return testing::AssertionSuccess();
-}
-
 Status open(const EtcdOptions& options) {
   std::shared_ptr<Store> store;
   return open_etcd_store(options, &store);
-}
-
-// Repeats an operation with a short deadline until it fails as it should: a busy machine may use the deadline up before
-// anything has answered.
-testing::AssertionResult ends_in(const std::function<Status()>& operation, prtkv_result code,
-                                 const std::vector<std::string>& words) {
-  testing::AssertionResult result = testing::AssertionFailure();
-  eventually([&] {
-    const Status status = operation();
-    if (status.ok()) {
-      result = testing::AssertionFailure() << "it succeeded";
-      return true;
-    }
-    result = says(status, code, words);
-    return static_cast<bool>(result);
-  });
-  return result;
 }
 
 // The kernel accepts connections to it, and nobody ever answers.
@@ -159,7 +134,7 @@ TEST(EtcdOutOfReach, EndpointsOfTwoClustersAreNotTakenForOne) {
   const auto store = open_when_ready(options);
   ASSERT_TRUE(done(create_key(*store, "a")));
   first.kill(0);
-  EXPECT_TRUE(says(open_key(*store, "a"), PRTKV_STORAGE_FAILED, {second.endpoint(0), "another etcd cluster"}));
+  EXPECT_TRUE(says(open_key(*store, "a"), PRTKV_UNUSABLE, {second.endpoint(0), "another etcd cluster"}));
 }
 
 // ---- options
@@ -202,54 +177,6 @@ TEST(EtcdOptions, WhatCannotBeUsedIsRefused) {
 }
 
 // ---- TLS
-
-// Certificates for a test: two authorities, and from the first of them a client's and a server's.
-class Certificates {
- public:
-  Certificates() {
-    authority("ca");
-    authority("other-ca");
-    issue("client", "extendedKeyUsage=clientAuth");
-  }
-  void issue_server(const std::string& subject) { issue("server", "subjectAltName=" + subject); }
-  std::string pem(const std::string& name) const { return directory_.file(name + ".pem"); }
-  std::string key(const std::string& name) const { return directory_.file(name + ".key"); }
-
- private:
-  void openssl(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "openssl");
-    std::string output;
-    ASSERT_EQ(run(arguments, &output), 0) << output;
-  }
-  void authority(const std::string& name) {
-    openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
-             "-subj", "/CN=" + name, "-keyout", key(name), "-out", pem(name)});
-  }
-  void issue(const std::string& name, const std::string& extension) {
-    openssl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=" + name,
-             "-keyout", key(name), "-out", directory_.file(name + ".csr")});
-    std::ofstream(directory_.file(name + ".ext")) << extension << "\n";
-    openssl({"x509", "-req", "-days", "2", "-in", directory_.file(name + ".csr"), "-CA", pem("ca"), "-CAkey", key("ca"),
-             "-CAcreateserial", "-extfile", directory_.file(name + ".ext"), "-out", pem(name)});
-  }
-
-  TemporaryDirectory directory_;
-};
-
-// Members whose certificate is for the given subject, or for the address they are reached at.
-EtcdCluster::Options secured(Certificates& certificates, const std::string& subject = "") {
-  EtcdCluster::Options options;
-  options.cert = certificates.pem("client");
-  options.key = certificates.key("client");
-  options.flags = {"--cert-file=" + certificates.pem("server"), "--key-file=" + certificates.key("server"),
-                   "--trusted-ca-file=" + certificates.pem("ca"), "--client-cert-auth"};
-  options.ctl_flags = {"--insecure-skip-tls-verify", "--cacert=" + certificates.pem("ca"), "--cert=" + options.cert,
-                       "--key=" + options.key};
-  options.prepare = [&certificates, subject](const std::string& address) {
-    certificates.issue_server(subject.empty() ? "IP:" + address : subject);
-  };
-  return options;
-}
 
 TEST(EtcdOverTls, OnlyTheRightCertificatesConnect) {
   Certificates certificates;
@@ -337,6 +264,7 @@ TEST(EtcdUsers, TheRightPasswordOpensAndOnlyThePrefix) {
   EXPECT_TRUE(says(open(nobody), PRTKV_ACCESS_DENIED, {"none is configured"}));
   write_password("wrong");
   EXPECT_TRUE(says(open(options), PRTKV_ACCESS_DENIED, {"refused user or password"}));
+  write_password("right");
 
   // A member forgets its logins when it starts: the session logs in again.
   cluster.restart(0);
@@ -394,25 +322,42 @@ TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {
   EXPECT_EQ(text, "value");
 }
 
-class OldServer final : public etcdserverpb::Maintenance::Service {
+// A server that only has a version.
+class ServerOfVersion final : public etcdserverpb::Maintenance::Service {
+ public:
+  explicit ServerOfVersion(std::string version) : version_(std::move(version)) {
+    int port = 0;
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    builder.RegisterService(this);
+    server_ = builder.BuildAndStart();
+    endpoint_ = "127.0.0.1:" + std::to_string(port);
+  }
+  const std::string& endpoint() const { return endpoint_; }
+
+ private:
   grpc::Status Status(grpc::ServerContext*, const etcdserverpb::StatusRequest*,
                       etcdserverpb::StatusResponse* response) override {
-    response->set_version("3.2.18");
+    response->set_version(version_);
     return grpc::Status::OK;
   }
+
+  std::string version_;
+  std::string endpoint_;
+  std::unique_ptr<grpc::Server> server_;
 };
 
-TEST(EtcdLimits, AServerThatIsTooOldIsNotUsed) {
-  OldServer service;
-  int port = 0;
-  grpc::ServerBuilder builder;
-  builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
-  builder.RegisterService(&service);
-  const auto server = builder.BuildAndStart();
-  EtcdOptions options;
-  options.endpoints = {"127.0.0.1:" + std::to_string(port)};
-  options.timeout_ms = 60000;
-  EXPECT_TRUE(says(open(options), PRTKV_UNREACHABLE, {options.endpoints[0], "etcd 3.2.18 is too old", "3.4"}));
+TEST(EtcdLimits, AServerThatMustNotBeUsedIsNotUsed) {
+  const auto open_at = [](const ServerOfVersion& server) {
+    EtcdOptions options;
+    options.endpoints = {server.endpoint()};
+    options.timeout_ms = 60000;
+    return open(options);
+  };
+  const ServerOfVersion old("3.2.18");
+  EXPECT_TRUE(says(open_at(old), PRTKV_UNUSABLE, {old.endpoint(), "etcd 3.2.18 is too old", "3.4"}));
+  const ServerOfVersion corrupting("3.5.1");
+  EXPECT_TRUE(says(open_at(corrupting), PRTKV_UNUSABLE, {corrupting.endpoint(), "etcd 3.5.1 can lose data", "3.5.3"}));
 }
 
 // ---- threads

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 
 #include "store/etcd/build.h"
@@ -10,6 +11,8 @@
 #include "store/etcd/lineage.h"
 #include "store/etcd/node_cache.h"
 #include "store/etcd/owner.h"
+#include "store/etcd/round_trip.h"
+#include "store/etcd/server_version.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
@@ -52,19 +55,19 @@ INSTANTIATE_TEST_SUITE_P(
              "user or password"},
         Case{3, "etcdserver: user name is empty", kFinal, PRTKV_ACCESS_DENIED, "none is configured"},
         Case{3, "etcdserver: revision of auth store is old", Verdict::kRenewToken, PRTKV_ACCESS_DENIED, "auth store"},
-        Case{3, "etcdserver: duplicate key given in txn request", kFinal, PRTKV_STORAGE_FAILED, "duplicate key"},
+        Case{3, "etcdserver: duplicate key given in txn request", kFinal, PRTKV_UNUSABLE, "duplicate key"},
         Case{4, "Deadline Exceeded", kElsewhere, PRTKV_UNREACHABLE, "no answer in time"},
-        Case{5, "etcdserver: requested lease not found", kFinal, PRTKV_STORAGE_FAILED, "lease not found"},
+        Case{5, "etcdserver: requested lease not found", kFinal, PRTKV_UNUSABLE, "lease not found"},
         Case{6, "already exists", kFinal, PRTKV_UNKNOWN, "code 6"},
         Case{7, "etcdserver: permission denied", kFinal, PRTKV_ACCESS_DENIED, "permission denied"},
         Case{8, "etcdserver: mvcc: database space exceeded", kFinal, PRTKV_STORAGE_FULL, "space alarm"},
-        Case{8, "Received message larger than max (9000000 vs. 8388608)", Verdict::kAnswerTooLarge,
-             PRTKV_STORAGE_FAILED, "too large"},
+        Case{8, "Received message larger than max (9000000 vs. 8388608)", Verdict::kAnswerTooLarge, PRTKV_UNUSABLE,
+             "too large"},
         Case{8, "etcdserver: too many requests", kElsewhere, PRTKV_UNREACHABLE, "too many requests"},
         Case{9, "etcdserver: authentication is not enabled", kFinal, PRTKV_INVALID_CONFIGURATION, "switched off"},
-        Case{9, "etcdserver: something else", kFinal, PRTKV_STORAGE_FAILED, "something else"},
+        Case{9, "etcdserver: something else", kFinal, PRTKV_UNUSABLE, "something else"},
         Case{10, "aborted", kElsewhere, PRTKV_UNREACHABLE, "aborted"},
-        Case{11, "etcdserver: mvcc: required revision has been compacted", Verdict::kCompacted, PRTKV_STORAGE_FAILED,
+        Case{11, "etcdserver: mvcc: required revision has been compacted", Verdict::kCompacted, PRTKV_BUSY,
              "compacted"},
         Case{11, "etcdserver: mvcc: required revision is a future revision", kElsewhere, PRTKV_UNREACHABLE, "future"},
         Case{12, "unknown service", kElsewhere, PRTKV_UNREACHABLE, "3.4 or later"},
@@ -81,6 +84,69 @@ INSTANTIATE_TEST_SUITE_P(
         Case{15, "etcdserver: corrupt cluster", kFinal, PRTKV_STORAGE_FAILED, "damaged data"},
         Case{16, "etcdserver: invalid auth token", Verdict::kRenewToken, PRTKV_ACCESS_DENIED, "invalid auth token"},
         Case{99, "from the future", kFinal, PRTKV_UNKNOWN, "code 99: from the future"}));
+
+// ---- server versions
+
+TEST(EtcdServerVersion, IsUsableFrom34OnExceptTheReleasesThatLoseData) {
+  for (const char* version : {"3.4.0", "3.4.23", "3.5.3", "3.5.10", "3.6.0", "3.10.0", "4.0.0", "3.5.3-rc.0"}) {
+    EXPECT_TRUE(check_server_version(version).ok()) << version;
+  }
+  const auto refused = [](const char* version, const char* why) {
+    const Status status = check_server_version(version);
+    EXPECT_EQ(status.code(), PRTKV_UNUSABLE) << version;
+    EXPECT_NE(status.text().find(std::string("etcd ") + version), std::string::npos) << status.text();
+    EXPECT_NE(status.text().find(why), std::string::npos) << status.text();
+  };
+  for (const char* version : {"2.3.8", "3.2.18", "3.3.27"}) refused(version, "too old");
+  for (const char* version : {"3.5.0", "3.5.1", "3.5.2", "3.5.0-rc.1", "3.5"}) refused(version, "can lose data");
+  for (const char* version : {"", "new", "3", "3."}) refused(version, "not a version that is known");
+}
+
+// ---- round-trip times
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+TEST(EtcdRoundTrip, IsTheSlackAloneBeforeTheFirstAnswer) {
+  const RoundTrip round_trip;
+  EXPECT_FALSE(round_trip.is_known());
+  EXPECT_EQ(round_trip.patience(milliseconds(300)), milliseconds(300));
+}
+
+TEST(EtcdRoundTrip, AllowsThreeTimesTheFirstAnswer) {
+  RoundTrip round_trip;
+  round_trip.note(milliseconds(600));
+  EXPECT_TRUE(round_trip.is_known());
+  EXPECT_EQ(round_trip.patience(milliseconds(300)), milliseconds(1800));
+}
+
+TEST(EtcdRoundTrip, AllowsTheSlackBeyondSteadyAnswers) {
+  RoundTrip round_trip;
+  for (int i = 0; i < 100; ++i) round_trip.note(milliseconds(600));
+  const auto patience = round_trip.patience(milliseconds(300));
+  EXPECT_GE(patience, milliseconds(899));
+  EXPECT_LE(patience, milliseconds(901));
+}
+
+TEST(EtcdRoundTrip, OneAnswerAfterAJumpIsEnoughToExpectTheNextOne) {
+  RoundTrip round_trip;
+  for (int i = 0; i < 100; ++i) round_trip.note(milliseconds(1));
+  round_trip.note(milliseconds(2000));
+  EXPECT_GT(round_trip.patience(milliseconds(300)), milliseconds(2000));
+}
+
+TEST(EtcdRoundTrip, ComesBackWhenAnswersBecomeFastAgain) {
+  RoundTrip round_trip;
+  round_trip.note(milliseconds(2000));
+  for (int i = 0; i < 100; ++i) round_trip.note(microseconds(300));
+  EXPECT_LT(round_trip.patience(milliseconds(300)), milliseconds(310));
+}
+
+TEST(EtcdRoundTrip, NoTimeAtAllIsATimeToo) {
+  RoundTrip round_trip;
+  round_trip.note(microseconds(0));
+  EXPECT_TRUE(round_trip.is_known());
+}
 
 TEST(EtcdKeys, AreAsTheyAreWrittenDown) {
   const Keys keys("/tkv/");

@@ -1,4 +1,4 @@
-// A registry on a real etcd for each test, and ways around the store: what only an operator or a fault does.
+// A registry on a real etcd cluster for each test, and access to its keys past the store.
 #ifndef TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
 #define TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
 
@@ -16,7 +16,7 @@
 
 namespace tkv::store::etcd {
 
-// One cluster of one member for all tests, for each a registry of its own.
+// All tests share one cluster of one member; each has a registry of its own.
 class EtcdStore : public testing::Test {
  protected:
   static void SetUpTestSuite() { cluster_ = new EtcdCluster(); }
@@ -24,6 +24,7 @@ class EtcdStore : public testing::Test {
 
   void SetUp() override {
     options_ = cluster_->registry();
+    options_.attempt_ms = options_.timeout_ms;  // requests are counted: none is sent again because the machine is busy
     store_ = open_watched(&watch_);
     ASSERT_TRUE(store_);
   }
@@ -34,7 +35,7 @@ class EtcdStore : public testing::Test {
     return store;
   }
 
-  // Requests that `action` takes.
+  // The number of requests that `action` sends.
   template <typename Action>
   int requests_of(Action action) {
     watch_.reset();
@@ -42,7 +43,7 @@ class EtcdStore : public testing::Test {
     return watch_.count();
   }
 
-  // The connection that no store knows of, for what only an operator or a fault does.
+  // A connection past the store, for what only an operator or a fault does.
   Cluster& raw() {
     if (!raw_) {
       ClusterOptions options;

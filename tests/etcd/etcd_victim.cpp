@@ -1,6 +1,6 @@
 // A process that dies on purpose: opens a registry, does one thing to it and kills itself at its n-th request.
 //
-//   etcd_victim ENDPOINT PREFIX ACTION N
+//   etcd_victim ENDPOINT PREFIX ACTION N [USER PASSWORD-FILE]
 //
 // ACTION: build, a key "built" with many subkeys; delete, the key "old"; create, the key "small"; change, the values of
 // all subkeys of "many". The exit code is 0 when everything was done before the n-th request, 1 when something failed.
@@ -19,11 +19,15 @@
 namespace etcd = tkv::store::etcd;
 
 int main(int argc, char** argv) {
-  if (argc != 5) return 2;
+  if (argc != 5 && argc != 7) return 2;
   tkv::store::EtcdOptions options;
   options.endpoints = {argv[1]};
   options.prefix = argv[2];
   options.timeout_ms = 60000;
+  if (argc == 7) {
+    options.user = argv[5];
+    options.password_file = argv[6];
+  }
   const std::string action = argv[3];
   etcd::RequestWatch watch;
   std::shared_ptr<tkv::store::Store> store;

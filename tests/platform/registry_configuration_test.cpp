@@ -77,6 +77,7 @@ TEST_F(ConfigurationFile, AbsentForRootMeansVarLib) {
   EXPECT_EQ(setting("registry.location"), "/var/lib/tkv from default");
   EXPECT_EQ(setting("registry.local_only"), "yes from follows registry.location");
   EXPECT_EQ(setting("etcd.timeout_ms"), "5000 from default");
+  EXPECT_EQ(setting("etcd.attempt_ms"), "300 from default");
 }
 
 TEST_F(ConfigurationFile, AbsentForOthersMeansTheirStateDirectory) {
@@ -186,6 +187,7 @@ TEST_F(ConfigurationFile, EveryNameIsUnderstood) {
       "password_file = /etc/password\n"
       "prefix = /site/tkv/\n"
       "timeout_ms = 2500\n"
+      "attempt_ms = 700\n"
       "[cluster]\n"
       "configured = on");
   ASSERT_EQ(read().text(), "done");
@@ -195,14 +197,14 @@ TEST_F(ConfigurationFile, EveryNameIsUnderstood) {
   EXPECT_EQ(configuration_.backup_location, "/srv/backup");
   EXPECT_THAT(
       configuration_.store_settings,
-      ElementsAre(Pair("etcd.ca", "/etc/ca.pem"), Pair("etcd.cert", "/etc/cert.pem"), Pair("etcd.key", "/etc/key.pem"),
-                  Pair("etcd.password_file", "/etc/password"), Pair("etcd.prefix", "/site/tkv/"),
-                  Pair("etcd.timeout_ms", "2500"), Pair("etcd.user", "registry"), Pair("registry.group", "cluster"),
-                  Pair("registry.map_size", "2G")));
+      ElementsAre(Pair("etcd.attempt_ms", "700"), Pair("etcd.ca", "/etc/ca.pem"), Pair("etcd.cert", "/etc/cert.pem"),
+                  Pair("etcd.key", "/etc/key.pem"), Pair("etcd.password_file", "/etc/password"),
+                  Pair("etcd.prefix", "/site/tkv/"), Pair("etcd.timeout_ms", "2500"), Pair("etcd.user", "registry"),
+                  Pair("registry.group", "cluster"), Pair("registry.map_size", "2G")));
   EXPECT_TRUE(configuration_.cluster_configured);
   EXPECT_FALSE(configuration_.is_distributed());
   EXPECT_EQ(setting("registry.location"), "/srv/registry from F:4");
-  EXPECT_EQ(setting("cluster.configured"), "yes from F:19");
+  EXPECT_EQ(setting("cluster.configured"), "yes from F:20");
   EXPECT_EQ(configuration_.file, file_);
   EXPECT_EQ(configuration_.file_origin, "environment TKV_CONF");
 }
@@ -300,6 +302,8 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"[etcd]\ntimeout_ms=99\n", "F:2: timeout_ms: '99' is not between 100 and 600000"},
         Mistake{"[etcd]\ntimeout_ms=600001\n", "F:2: timeout_ms: '600001' is not between 100 and 600000"},
         Mistake{"[etcd]\ntimeout_ms=5s\n", "F:2: timeout_ms: '5s' is not a number of milliseconds"},
+        Mistake{"[etcd]\nattempt_ms=9\n", "F:2: attempt_ms: '9' is not between 10 and 600000"},
+        Mistake{"[etcd]\nattempt_ms=600001\n", "F:2: attempt_ms: '600001' is not between 10 and 600000"},
         Mistake{"[cluster]\nconfigured=\n", "F:2: 'configured' has no value"},
         Mistake{"[registry]\nlocation=/a\x01\n", "F:2: the line holds a control character"}));
 

@@ -3,37 +3,35 @@
 #include <grpc/grpc.h>
 #include <grpc/support/log.h>
 #include <grpcpp/grpcpp.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <charconv>
-#include <fstream>
 #include <mutex>
-#include <sstream>
-#include <system_error>
 #include <thread>
 
 #include "base/function_ref.h"
 #include "etcd.grpc.pb.h"
+#include "store/etcd/credentials.h"
+#include "store/etcd/round_trip.h"
+#include "store/etcd/server_version.h"
 
 namespace tkv::store::etcd {
 namespace {
 
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 constexpr std::size_t kMostEndpoints = 5;
-constexpr milliseconds kAttempt{300};       // the first one at each of several endpoints
-constexpr milliseconds kOnlyAttempt{1000};  // when there is no other endpoint to go to
-constexpr milliseconds kFirstPause{5};      // between rounds over the endpoints, doubling
+constexpr milliseconds kSlackOfOnlyEndpoint{1000};  // there is no other to go to
+constexpr milliseconds kLongestConnecting{2000};    // as far as it tells anything about the round trip
+constexpr milliseconds kFirstPause{5};              // between rounds over the endpoints, doubling
 constexpr milliseconds kLongestPause{100};
-constexpr std::size_t kBytesPerMillisecond = 1024;  // what a slow network is taken to carry
+constexpr std::size_t kBytesPerMillisecond = 1024;  // of a slow network
+constexpr milliseconds kMeasuredTransfer{16};       // answers to larger requests tell nothing about the round trip
 constexpr int kReceiveLimit = 4 * 1024 * 1024;      // twice what a page or a value needs
 constexpr int kTimeoutsBeforeReconnect = 3;
-constexpr int kOldestMajor = 3;
-constexpr int kOldestMinor = 4;
 
 constexpr const char* kMayWantTls = " (when the server wants TLS, a ca must be configured)";
 constexpr const char* kMayWantOtherTls =
@@ -76,38 +74,6 @@ class GrpcUse {
   static inline bool ours_linger = false;    // after the last use
 };
 
-Status read_file(const std::string& path, const char* what, std::string* content) {
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  const int error = errno;
-  std::ostringstream text;
-  if (!file || !(text << file.rdbuf())) {
-    return {PRTKV_CONFIGURATION_UNREADABLE,
-            std::string(what) + " '" + path + "' cannot be read: " + std::generic_category().message(error)};
-  }
-  *content = text.str();
-  return {};
-}
-
-Status read_password(const std::string& path, std::string* password) {
-  struct stat entry {};
-  const int result = stat(path.c_str(), &entry);
-  const int error = errno;
-  if (result != 0) {
-    return {PRTKV_CONFIGURATION_UNREADABLE,
-            "password_file '" + path + "' cannot be read: " + std::generic_category().message(error)};
-  }
-  if ((entry.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    return {PRTKV_INVALID_CONFIGURATION,
-            "password_file '" + path + "' is open to others than its owner: take their rights away (chmod 600)"};
-  }
-  if (Status status = read_file(path, "password_file", password); !status.ok()) return status;
-  const auto end = password->find_first_of("\r\n");
-  if (end != std::string::npos) password->resize(end);
-  if (password->empty()) return {PRTKV_INVALID_CONFIGURATION, "password_file '" + path + "' holds no password"};
-  return {};
-}
-
 Status check_options(const ClusterOptions& options) {
   if (options.endpoints.empty() || options.endpoints.size() > kMostEndpoints) {
     return {PRTKV_INVALID_CONFIGURATION, "one to five etcd endpoints are needed"};
@@ -122,22 +88,17 @@ Status check_options(const ClusterOptions& options) {
     return {PRTKV_INVALID_CONFIGURATION, "user and password_file of the etcd connection go together"};
   }
   if (options.timeout.count() <= 0) return {PRTKV_INVALID_CONFIGURATION, "timeout_ms must be above 0"};
+  if (options.attempt.count() <= 0) return {PRTKV_INVALID_CONFIGURATION, "attempt_ms must be above 0"};
   return {};
 }
 
-Status make_credentials(const ClusterOptions& options, std::shared_ptr<grpc::ChannelCredentials>* credentials) {
-  if (options.ca.empty()) {
-    *credentials = grpc::InsecureChannelCredentials();
-    return {};
-  }
-  grpc::SslCredentialsOptions tls;
-  if (Status status = read_file(options.ca, "ca", &tls.pem_root_certs); !status.ok()) return status;
-  if (!options.cert.empty()) {
-    if (Status status = read_file(options.cert, "cert", &tls.pem_cert_chain); !status.ok()) return status;
-    if (Status status = read_file(options.key, "key", &tls.pem_private_key); !status.ok()) return status;
-  }
-  *credentials = grpc::SslCredentials(tls);
-  return {};
+std::shared_ptr<grpc::ChannelCredentials> credentials_of(const TlsIdentity& identity) {
+  if (identity.ca.empty()) return grpc::InsecureChannelCredentials();
+  grpc::SslCredentialsOptions options;
+  options.pem_root_certs = identity.ca;
+  options.pem_cert_chain = identity.cert;
+  options.pem_private_key = identity.key;
+  return grpc::SslCredentials(options);
 }
 
 grpc::ChannelArguments channel_arguments() {
@@ -156,94 +117,138 @@ grpc::ChannelArguments channel_arguments() {
   return arguments;
 }
 
-bool is_old(const std::string& version) {
-  int major = 0;
-  int minor = 0;
-  const char* const end = version.data() + version.size();
-  const auto [dot, error] = std::from_chars(version.data(), end, major);
-  if (error != std::errc() || dot == end || *dot != '.') return true;
-  if (std::from_chars(dot + 1, end, minor).ec != std::errc()) return true;
-  return major < kOldestMajor || (major == kOldestMajor && minor < kOldestMinor);
+gpr_timespec gpr_time_after(milliseconds from_now) {
+  return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_millis(from_now.count(), GPR_TIMESPAN));
 }
 
 milliseconds transfer_time(std::size_t bytes) { return milliseconds(bytes / kBytesPerMillisecond); }
 
-}  // namespace
+// A connection with one endpoint: its channel, the services on it, and the identity it was dialled with.
+struct Link {
+  Link(std::shared_ptr<grpc::Channel> dialled, std::shared_ptr<const TlsIdentity> with)
+      : channel(std::move(dialled)), kv(channel), auth(channel), maintenance(channel), identity(std::move(with)) {}
 
-namespace {
+  // Connecting begins with the first request.
+  void begin() {
+    steady_clock::rep not_begun = 0;
+    begun_.compare_exchange_strong(not_begun, steady_clock::now().time_since_epoch().count());
+  }
+  steady_clock::duration age() const { return steady_clock::now().time_since_epoch() - steady_clock::duration(begun_); }
 
-// The services of one endpoint, on a channel of their own.
-struct Services {
-  explicit Services(const std::shared_ptr<grpc::Channel>& channel) : kv(channel), auth(channel), maintenance(channel) {}
-
+  const std::shared_ptr<grpc::Channel> channel;
   etcdserverpb::KV::Stub kv;
   etcdserverpb::Auth::Stub auth;
   etcdserverpb::Maintenance::Stub maintenance;
+  const std::shared_ptr<const TlsIdentity> identity;
+
+ private:
+  std::atomic<steady_clock::rep> begun_{0};
 };
 
 class Endpoint {
  public:
-  void prepare(std::string address, std::function<std::shared_ptr<grpc::Channel>()> dial) {
+  void prepare(std::string address, std::function<std::shared_ptr<Link>()> dial) {
     address_ = std::move(address);
     dial_ = std::move(dial);
-    services_ = std::make_shared<Services>(dial_());
+    link_ = dial_();
   }
 
   const std::string& address() const { return address_; }
 
-  std::shared_ptr<Services> services() {
-    std::lock_guard lock(mutex_);
-    return services_;
+  std::shared_ptr<Link> link() {
+    const std::lock_guard lock(mutex_);
+    return link_;
   }
 
-  // What an attempt on `used` tells of the connection. One that could not be made is dialled anew the next time,
-  // without gRPC's own waiting, so that each attempt has a reason of its own. One whose packets vanish looks alive for
-  // long: after some attempts without any answer it is given up as well.
-  void note(const std::shared_ptr<Services>& used, bool not_connected, bool timed_out) {
-    std::lock_guard lock(mutex_);
-    if (used != services_) return;
-    timeouts_ = timed_out ? timeouts_ + 1 : 0;
-    if (!not_connected && timeouts_ < kTimeoutsBeforeReconnect) return;
+  milliseconds patience(milliseconds slack) {
+    const std::lock_guard lock(mutex_);
+    return round_trip_.patience(slack);
+  }
+
+  // Waits until a request can be sent on `link`, or fails without being sent. Returns false if the time was too short;
+  // connecting goes on meanwhile.
+  bool connect(Link& link, milliseconds longest) {
+    const gpr_timespec end = gpr_time_after(longest);
+    link.begin();
+    while (true) {
+      const grpc_connectivity_state state = link.channel->GetState(true);
+      if (state == GRPC_CHANNEL_READY) note_connected(link.age());
+      if (state != GRPC_CHANNEL_IDLE && state != GRPC_CHANNEL_CONNECTING) return true;
+      if (!link.channel->WaitForStateChange(state, end)) return false;
+    }
+  }
+
+  void note_answer(steady_clock::duration time) {
+    const std::lock_guard lock(mutex_);
+    round_trip_.note(duration_cast<microseconds>(time));
+  }
+
+  // Takes in how an attempt on `used` ended. A connection that could not be made is dialled anew, without gRPC's own
+  // waiting, so that each attempt fails for a reason of its own. One whose packets vanish looks alive for long: it is
+  // given up after several attempts in a row without an answer.
+  void note(const std::shared_ptr<Link>& used, const Judgement& judgement) {
+    const std::lock_guard lock(mutex_);
+    if (used != link_) return;
+    timeouts_ = judgement.timed_out ? timeouts_ + 1 : 0;
+    if (!judgement.never_sent && timeouts_ < kTimeoutsBeforeReconnect) return;
     timeouts_ = 0;
-    services_ = std::make_shared<Services>(dial_());
+    link_ = dial_();
   }
 
  private:
+  // Connecting takes a round trip or two. That is all there is to go by before the first answer.
+  void note_connected(steady_clock::duration time) {
+    const std::lock_guard lock(mutex_);
+    const auto longest = std::min<steady_clock::duration>(time, kLongestConnecting);
+    if (!round_trip_.is_known()) round_trip_.note(duration_cast<microseconds>(longest));
+  }
+
   std::string address_;
-  std::function<std::shared_ptr<grpc::Channel>()> dial_;
+  std::function<std::shared_ptr<Link>()> dial_;
   std::mutex mutex_;
-  std::shared_ptr<Services> services_;
+  std::shared_ptr<Link> link_;
+  RoundTrip round_trip_;
   int timeouts_ = 0;
 };
 
-// What one attempt gave.
+// How one attempt ended.
 struct Answer {
   grpc::Status status;
   std::uint64_t cluster_id = 0;
-  std::string complaint;  // an answer that makes the endpoint unusable, in words
+  Status complaint;  // about a server that must not be used
 };
 
-using Attempt = FunctionRef<Answer(Services& services, grpc::ClientContext* context)>;
+using Attempt = FunctionRef<Answer(Link& link, grpc::ClientContext* context)>;
 
 }  // namespace
 
 struct Cluster::Connection {
+  explicit Connection(const ClusterOptions& chosen) : options(chosen), endpoints(chosen.endpoints.size()) {}
+
   const GrpcUse grpc;  // first, so that it ends last
-  pid_t process = getpid();
-  ClusterOptions options;
-  std::string password;
+  const pid_t process = getpid();
+  const ClusterOptions options;
   std::vector<Endpoint> endpoints;
   std::atomic<std::size_t> preferred{0};
   std::atomic<std::uint64_t> cluster_id{0};
+  std::mutex identity_mutex;
+  std::shared_ptr<const TlsIdentity> identity = std::make_shared<TlsIdentity>();
   std::mutex token_mutex;
   std::string token;
   std::uint64_t token_number = 0;
 
+  Status open();
+  Status read_identity();
+  std::shared_ptr<Link> dial(const std::string& address);
+  milliseconds slack() const;
   Status log_in(Deadline deadline);
   Status renew_token(std::uint64_t used_number, Deadline deadline);
   Status check_version(Deadline deadline);
-  Reply call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt);
   std::uint64_t add_token(grpc::ClientContext* context);
+
+  Reply call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt);
+  Judgement ask(Endpoint& endpoint, double stretch, Deadline deadline, std::size_t bytes, grpc::ClientContext* context,
+                Attempt attempt);
   Judgement judge_answer(const Answer& answer);
   Status unreachable(const std::vector<std::string>& reasons) const;
 };
@@ -253,37 +258,44 @@ namespace {
 // Where a request is in its rounds over the endpoints.
 class Rounds {
  public:
-  Rounds(std::size_t endpoints, std::size_t first, milliseconds allowance)
-      : count_(endpoints), index_(first), attempt_((endpoints > 1 ? kAttempt : kOnlyAttempt) + allowance) {}
+  Rounds(std::size_t endpoints, std::size_t first) : reasons_(endpoints), hopeless_(endpoints), index_(first) {}
 
   std::size_t index() const { return index_; }
-  milliseconds attempt() const { return attempt_; }
+  const std::vector<std::string>& reasons() const { return reasons_; }
+
+  // Attempts grow by half with each round, for endpoints that have become slower.
+  double stretch() const { return stretch_; }
+
+  // Takes in why the endpoint's turn failed. Of several reasons, that there was no answer says least.
+  void note(const Judgement& judgement) {
+    std::string& reason = reasons_[index_];
+    if (reason.empty() || !judgement.timed_out) reason = judgement.status.text();
+    hopeless_[index_] = judgement.hopeless;
+  }
+
+  bool is_hopeless() const { return std::find(hopeless_.begin(), hopeless_.end(), false) == hopeless_.end(); }
 
   void next(Deadline deadline) {
-    index_ = (index_ + 1) % count_;
-    if (++tried_ % count_ != 0) return;
-    attempt_ += attempt_ / 2;
+    index_ = (index_ + 1) % reasons_.size();
+    if (++tried_ % reasons_.size() != 0) return;
+    stretch_ *= 1.5;
     std::this_thread::sleep_for(std::min(pause_, deadline.left()));
     pause_ = std::min(2 * pause_, kLongestPause);
   }
 
  private:
-  std::size_t count_;
+  std::vector<std::string> reasons_;
+  std::vector<bool> hopeless_;
   std::size_t index_;
   std::size_t tried_ = 0;
-  milliseconds attempt_;
+  double stretch_ = 1;
   milliseconds pause_ = kFirstPause;
 };
-
-void set_deadline(grpc::ClientContext* context, milliseconds from_now) {
-  context->set_deadline(
-      gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_millis(from_now.count(), GPR_TIMESPAN)));
-}
 
 }  // namespace
 
 std::uint64_t Cluster::Connection::add_token(grpc::ClientContext* context) {
-  std::lock_guard lock(token_mutex);
+  const std::lock_guard lock(token_mutex);
   if (!token.empty()) context->AddMetadata("token", token);
   return token_number;
 }
@@ -291,26 +303,20 @@ std::uint64_t Cluster::Connection::add_token(grpc::ClientContext* context) {
 Judgement Cluster::Connection::judge_answer(const Answer& answer) {
   if (!answer.status.ok()) {
     Judgement judgement = judge(answer.status.error_code(), answer.status.error_message());
-    const std::string& message = answer.status.error_message();
-    const bool broken_off = message.find("ocket closed") != std::string::npos ||
-                            message.find("Endpoint read failed") != std::string::npos ||
-                            message.find("reset by peer") != std::string::npos;
-    if (broken_off) {
+    if (judgement.broken_off) {
       judgement.status = Status(judgement.status.code(),
                                 judgement.status.text() + (options.ca.empty() ? kMayWantTls : kMayWantOtherTls));
     }
     return judgement;
   }
-  if (!answer.complaint.empty())
-    return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, answer.complaint), true, true};
+  if (!answer.complaint.ok()) return {Verdict::kFinal, answer.complaint};
   std::uint64_t known = 0;
   if (answer.cluster_id == 0 || cluster_id.compare_exchange_strong(known, answer.cluster_id) ||
       known == answer.cluster_id) {
     return {};
   }
   return {Verdict::kFinal,
-          Status(PRTKV_STORAGE_FAILED, "it belongs to another etcd cluster than was opened, or to a restored one"),
-          false, false};
+          Status(PRTKV_UNUSABLE, "it belongs to another etcd cluster than was opened, or to a restored one")};
 }
 
 Status Cluster::Connection::unreachable(const std::vector<std::string>& reasons) const {
@@ -322,27 +328,44 @@ Status Cluster::Connection::unreachable(const std::vector<std::string>& reasons)
   return {PRTKV_UNREACHABLE, std::move(text)};
 }
 
+milliseconds Cluster::Connection::slack() const {
+  return endpoints.size() > 1 ? options.attempt : std::max(options.attempt, kSlackOfOnlyEndpoint);
+}
+
+Judgement Cluster::Connection::ask(Endpoint& endpoint, double stretch, Deadline deadline, std::size_t bytes,
+                                   grpc::ClientContext* context, Attempt attempt) {
+  const auto link = endpoint.link();
+  const auto patience = [&] { return std::chrono::ceil<milliseconds>(endpoint.patience(slack()) * stretch); };
+  // While one endpoint is being connected, the others get their turns; the only one has all the time there is.
+  const milliseconds to_connect = endpoints.size() > 1 ? std::min(patience(), deadline.left()) : deadline.left();
+  if (!endpoint.connect(*link, to_connect) || deadline.left().count() == 0) {
+    Judgement judgement = judge(grpc::StatusCode::DEADLINE_EXCEEDED, "");
+    judgement.never_sent = true;
+    return judgement;
+  }
+  context->set_deadline(gpr_time_after(std::min(patience() + transfer_time(bytes), deadline.left())));
+  const auto sent = steady_clock::now();
+  const Answer answer = attempt(*link, context);
+  if (answer.status.ok() && transfer_time(bytes) <= kMeasuredTransfer) endpoint.note_answer(steady_clock::now() - sent);
+  Judgement judgement = judge_answer(answer);
+  endpoint.note(link, judgement);
+  if (*endpoint.link()->identity != *link->identity) judgement.hopeless = false;
+  return judgement;
+}
+
 Reply Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool with_token, Attempt attempt) {
   if (process != getpid()) {
     return {Verdict::kFinal,
             Status(PRTKV_UNREACHABLE, "this process was forked from the one that opened the registry on etcd"), false};
   }
-  Rounds rounds(endpoints.size(), preferred, transfer_time(bytes));
-  std::vector<std::string> reasons(endpoints.size());
-  std::vector<bool> hopeless(endpoints.size());
+  Rounds rounds(endpoints.size(), preferred);
   bool repeated = false;
   bool renewed = false;
   while (true) {
     Endpoint& endpoint = endpoints[rounds.index()];
-    const auto services = endpoint.services();
     grpc::ClientContext context;
-    const milliseconds time = std::min(rounds.attempt(), deadline.left());
-    set_deadline(&context, time);
     const std::uint64_t token_used = with_token ? add_token(&context) : 0;
-    const Answer answer = attempt(*services, &context);
-    const bool timed_out = answer.status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
-    Judgement judgement = judge_answer(answer);
-    endpoint.note(services, judgement.never_sent, timed_out);
+    const Judgement judgement = ask(endpoint, rounds.stretch(), deadline, bytes, &context, attempt);
     switch (judgement.verdict) {
       case Verdict::kDone:
         preferred = rounds.index();
@@ -360,34 +383,33 @@ Reply Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool with_
         return {judgement.verdict, judgement.status.about(endpoint.address()), repeated};
     }
     repeated = repeated || !judgement.never_sent;
-    // What is cut short by the deadline has nothing to say.
-    std::string& reason = reasons[rounds.index()];
-    if (reason.empty() || !timed_out || time == rounds.attempt()) reason = judgement.status.text();
-    hopeless[rounds.index()] = judgement.hopeless;
-    const bool all_hopeless = std::find(hopeless.begin(), hopeless.end(), false) == hopeless.end();
-    if (!all_hopeless) rounds.next(deadline);
-    if (all_hopeless || deadline.left().count() == 0) return {Verdict::kTryElsewhere, unreachable(reasons), repeated};
+    rounds.note(judgement);
+    if (!rounds.is_hopeless()) rounds.next(deadline);
+    if (rounds.is_hopeless() || deadline.left().count() == 0) {
+      return {Verdict::kTryElsewhere, unreachable(rounds.reasons()), repeated};
+    }
   }
 }
 
 Status Cluster::Connection::log_in(Deadline deadline) {
+  Secret password;
+  if (Status status = read_password(options.password_file, &password); !status.ok()) return status;
   etcdserverpb::AuthenticateRequest request;
   request.set_name(options.user);
-  request.set_password(password);
+  request.set_password(password.text);
   constexpr std::size_t kPasswordHashing = 1024 * kBytesPerMillisecond;  // deliberately slow in the server
-  return call(deadline, kPasswordHashing, false,
-              [&](Services& services, grpc::ClientContext* context) {
-                etcdserverpb::AuthenticateResponse response;
-                Answer answer{
-                    services.auth.Authenticate(context, request, &response), response.header().cluster_id(), {}};
-                if (answer.status.ok()) token = response.token();
-                return answer;
-              })
-      .status;
+  const Reply reply = call(deadline, kPasswordHashing, false, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::AuthenticateResponse response;
+    Answer answer{link.auth.Authenticate(context, request, &response), response.header().cluster_id(), {}};
+    if (answer.status.ok()) token = response.token();
+    return answer;
+  });
+  Secret::wipe(request.mutable_password());
+  return reply.status;
 }
 
 Status Cluster::Connection::renew_token(std::uint64_t used_number, Deadline deadline) {
-  std::lock_guard lock(token_mutex);
+  const std::lock_guard lock(token_mutex);
   if (token_number != used_number) return {};  // another thread was quicker
   Status status = log_in(deadline);
   if (status.ok()) ++token_number;
@@ -396,15 +418,55 @@ Status Cluster::Connection::renew_token(std::uint64_t used_number, Deadline dead
 
 Status Cluster::Connection::check_version(Deadline deadline) {
   return call(deadline, 0, true,
-              [&](Services& services, grpc::ClientContext* context) {
+              [&](Link& link, grpc::ClientContext* context) {
                 etcdserverpb::StatusResponse response;
-                Answer answer{services.maintenance.Status(context, {}, &response), response.header().cluster_id(), {}};
-                if (answer.status.ok() && is_old(response.version())) {
-                  answer.complaint = "etcd " + response.version() + " is too old: 3.4 or later is needed";
-                }
+                Answer answer{link.maintenance.Status(context, {}, &response), response.header().cluster_id(), {}};
+                if (answer.status.ok()) answer.complaint = check_server_version(response.version());
                 return answer;
               })
       .status;
+}
+
+// The files as they are now. If they cannot be used, because they are being replaced, the former contents stay.
+Status Cluster::Connection::read_identity() {
+  if (options.ca.empty()) return {};
+  auto read = std::make_shared<TlsIdentity>();
+  if (Status status = read_tls_identity({options.ca, options.cert, options.key}, read.get()); !status.ok()) {
+    return status;
+  }
+  const std::lock_guard lock(identity_mutex);
+  identity = std::move(read);
+  return {};
+}
+
+std::shared_ptr<Link> Cluster::Connection::dial(const std::string& address) {
+  (void)read_identity();
+  std::shared_ptr<const TlsIdentity> with;
+  {
+    const std::lock_guard lock(identity_mutex);
+    with = identity;
+  }
+  auto channel = grpc::experimental::CreateCustomChannelWithInterceptors(
+      "dns:///" + address, credentials_of(*with), channel_arguments(),
+      options.interceptors ? options.interceptors() : Interceptors());
+  return std::make_shared<Link>(std::move(channel), std::move(with));
+}
+
+Status Cluster::Connection::open() {
+  // gRPC's own log would go to the standard error of whatever program this is.
+  if (getenv("GRPC_VERBOSITY") == nullptr)  // NOLINT(concurrency-mt-unsafe): as gRPC itself reads it
+    gpr_set_log_verbosity(static_cast<gpr_log_severity>(GPR_LOG_SEVERITY_ERROR + 1));
+  // GRPC_TRACE makes gRPC print what it sends. A password must not end up in a log.
+  if (!options.user.empty()) grpc_tracer_set_enabled("all", 0);
+  if (Status status = read_identity(); !status.ok()) return status;
+  for (std::size_t i = 0; i < endpoints.size(); ++i) {
+    endpoints[i].prepare(options.endpoints[i], [this, i] { return dial(options.endpoints[i]); });
+  }
+  const Deadline deadline(options.timeout);
+  if (!options.user.empty()) {
+    if (Status status = log_in(deadline); !status.ok()) return status;
+  }
+  return check_version(deadline);
 }
 
 Cluster::Cluster(std::unique_ptr<Connection> connection) : connection_(std::move(connection)) {}
@@ -420,29 +482,8 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
   if (!grpc_process.compare_exchange_strong(nobody, getpid()) && nobody != getpid()) {
     return {PRTKV_UNREACHABLE, "this process was forked from one that used a registry on etcd, and cannot open one"};
   }
-  auto connection = std::make_unique<Connection>();
-  connection->options = options;
-  if (!options.user.empty()) {
-    if (Status status = read_password(options.password_file, &connection->password); !status.ok()) return status;
-  }
-  std::shared_ptr<grpc::ChannelCredentials> credentials;
-  if (Status status = make_credentials(options, &credentials); !status.ok()) return status;
-  connection->endpoints = std::vector<Endpoint>(options.endpoints.size());
-  for (std::size_t i = 0; i < options.endpoints.size(); ++i) {
-    const std::string& address = options.endpoints[i];
-    connection->endpoints[i].prepare(address, [address, credentials, interceptors = options.interceptors] {
-      return grpc::experimental::CreateCustomChannelWithInterceptors(
-          "dns:///" + address, credentials, channel_arguments(), interceptors ? interceptors() : Interceptors());
-    });
-  }
-  // gRPC's own log would go to the standard error of whatever program this is.
-  if (getenv("GRPC_VERBOSITY") == nullptr)  // NOLINT(concurrency-mt-unsafe): as gRPC itself reads it
-    gpr_set_log_verbosity(static_cast<gpr_log_severity>(GPR_LOG_SEVERITY_ERROR + 1));
-  const Deadline deadline(options.timeout);
-  if (!options.user.empty()) {
-    if (Status status = connection->log_in(deadline); !status.ok()) return status;
-  }
-  if (Status status = connection->check_version(deadline); !status.ok()) return status;
+  auto connection = std::make_unique<Connection>(options);
+  if (Status status = connection->open(); !status.ok()) return status;
   cluster->reset(new Cluster(std::move(connection)));
   return {};
 }
@@ -450,18 +491,18 @@ Status Cluster::connect(const ClusterOptions& options, std::unique_ptr<Cluster>*
 Reply Cluster::range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
                      Deadline deadline) {
   const std::size_t expected = request.limit() > 1 ? kReceiveLimit / 4 : 0;
-  return connection_->call(deadline, expected, true, [&](Services& services, grpc::ClientContext* context) {
+  return connection_->call(deadline, expected, true, [&](Link& link, grpc::ClientContext* context) {
     response->Clear();
-    return Answer{services.kv.Range(context, request, response), response->header().cluster_id(), {}};
+    return Answer{link.kv.Range(context, request, response), response->header().cluster_id(), {}};
   });
 }
 
 Reply Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
                    std::size_t expected) {
   return connection_->call(
-      deadline, request.ByteSizeLong() + expected, true, [&](Services& services, grpc::ClientContext* context) {
+      deadline, request.ByteSizeLong() + expected, true, [&](Link& link, grpc::ClientContext* context) {
         response->Clear();
-        return Answer{services.kv.Txn(context, request, response), response->header().cluster_id(), {}};
+        return Answer{link.kv.Txn(context, request, response), response->header().cluster_id(), {}};
       });
 }
 

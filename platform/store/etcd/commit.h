@@ -27,7 +27,7 @@ class Commit {
   Commit& operator=(const Commit&) = delete;
 
   // Success: the change has been made. A failure if nothing has been made, or if it is unknown whether it has
-  // (PRTKV_UNREACHABLE with a message that says so). When run.repeats(), the function must run again.
+  // (PRTKV_UNDECIDED). When run.repeats(), the function must run again.
   Status make();
 
  private:

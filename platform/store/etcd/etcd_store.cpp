@@ -107,7 +107,7 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) 
       if (stm.finish(&result)) return result;
       const bool out_of_time = stm.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {
-        return {PRTKV_UNREACHABLE,
+        return {PRTKV_BUSY,
                 "given up after " + std::to_string(run) + " attempts: others changed the same entries each time"};
       }
       next = stm.take_next();
@@ -142,6 +142,7 @@ Status open(const EtcdOptions& options, std::shared_ptr<Store>* store, std::func
                                   .user = options.user,
                                   .password_file = options.password_file,
                                   .timeout = std::chrono::milliseconds(options.timeout_ms),
+                                  .attempt = std::chrono::milliseconds(options.attempt_ms),
                                   .interceptors = std::move(interceptors)};
   std::unique_ptr<Cluster> cluster;
   if (Status status = Cluster::connect(connection, &cluster); !status.ok()) return status;

@@ -11,12 +11,9 @@
 
 namespace tkv::store::etcd {
 
-// Connects, and opens the registry under the prefix or, with options.create, creates it. Returns
-//   PRTKV_INVALID_CONFIGURATION or PRTKV_CONFIGURATION_UNREADABLE  for options that cannot be used
-//   PRTKV_ACCESS_DENIED     if etcd refuses the login
-//   PRTKV_NO_SUCH_KEY       if there is no registry and none is to be created
-//   PRTKV_STORAGE_FAILED    if the registry is damaged or of a newer release
-//   PRTKV_UNREACHABLE       if no endpoint can be used, with the reason of each
+// Connects, and opens the registry under the prefix or, with options.create, creates it. Returns what Cluster::connect
+// returns, PRTKV_NO_SUCH_KEY if there is no registry and none is to be created, PRTKV_STORAGE_FAILED if the registry is
+// damaged or of a newer release, and PRTKV_UNUSABLE if its prefix cannot be used.
 //
 // `interceptors`, if given, see the requests of every channel.
 Status open_etcd_store(const EtcdOptions& options, std::shared_ptr<Store>* store,

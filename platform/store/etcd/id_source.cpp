@@ -52,12 +52,12 @@ Status IdSource::claim(std::uint64_t size, IdRange* block, Deadline deadline) {
       return {};
     }
     const RangeResponse& found = response.responses(0).response_range();
-    if (found.kvs_size() == 0) return {PRTKV_STORAGE_FAILED, "the registry on etcd is gone: its next id is not there"};
+    if (found.kvs_size() == 0) return {PRTKV_UNUSABLE, "the registry on etcd is gone: its next id is not there"};
     if (Status status = decode_meta(as_bytes(found.kvs(0).value()), &meta_); !status.ok()) {
       return status.about("the registry's next id");
     }
     mod_revision_ = found.kvs(0).mod_revision();
-    if (deadline.left().count() == 0) return {PRTKV_UNREACHABLE, "no new ids could be taken in time"};
+    if (deadline.left().count() == 0) return {PRTKV_BUSY, "no new ids could be taken in time"};
   }
 }
 

@@ -7,14 +7,14 @@ namespace {
 
 bool contains(const std::string& message, std::string_view part) { return message.find(part) != std::string::npos; }
 
-// gRPC tells the reason of a failed connection behind two layers of its own.
+// gRPC wraps the reason of a failed connection in two messages of its own.
 std::string innermost(const std::string& message) {
   constexpr std::string_view kBefore = "last error: ";
   const auto at = message.rfind(kBefore);
   return at == std::string::npos ? message : message.substr(at + kBefore.size());
 }
 
-// What TLS has against the server, in words; null when it is something else.
+// Why TLS refused the server, or null if the reason is another one.
 const char* tls_complaint(const std::string& reason) {
   if (contains(reason, "CERTIFICATE_VERIFY_FAILED") || contains(reason, "certificate verify failed")) {
     return "the server's certificate is not trusted";
@@ -34,12 +34,16 @@ bool is_connection_failure(const std::string& message) {
 }
 
 Judgement elsewhere(std::string reason) {
-  return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, std::move(reason)), false, false};
+  return {Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, std::move(reason))};
 }
 
-Judgement final(prtkv_result code, std::string text) {
-  return {Verdict::kFinal, Status(code, std::move(text)), false, false};
+Judgement no_answer() {
+  Judgement judgement = elsewhere("no answer in time");
+  judgement.timed_out = true;
+  return judgement;
 }
+
+Judgement final(prtkv_result code, std::string text) { return {Verdict::kFinal, Status(code, std::move(text))}; }
 
 Judgement unavailable(const std::string& message) {
   const std::string reason = innermost(message);
@@ -47,6 +51,8 @@ Judgement unavailable(const std::string& message) {
   Judgement judgement = elsewhere(complaint == nullptr ? reason : complaint + (" (" + reason + ")"));
   judgement.never_sent = is_connection_failure(message);
   judgement.hopeless = complaint != nullptr;
+  judgement.broken_off = contains(message, "ocket closed") || contains(message, "Endpoint read failed") ||
+                         contains(message, "reset by peer");
   return judgement;
 }
 
@@ -61,12 +67,12 @@ Judgement invalid_argument(const std::string& message) {
     return final(PRTKV_ACCESS_DENIED, "etcd refused user or password: " + message);
   }
   if (contains(message, "user name is empty")) {
-    return final(PRTKV_ACCESS_DENIED, "etcd asks for a user and none is configured: " + message);
+    return final(PRTKV_ACCESS_DENIED, "etcd requires a user and none is configured: " + message);
   }
   if (contains(message, "revision of auth store is old")) {
-    return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message), false, false};
+    return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message)};
   }
-  return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
+  return final(PRTKV_UNUSABLE, "etcd refused the request: " + message);
 }
 
 Judgement resource_exhausted(const std::string& message) {
@@ -74,8 +80,7 @@ Judgement resource_exhausted(const std::string& message) {
     return final(PRTKV_STORAGE_FULL, "etcd's space alarm is raised: " + message);
   }
   if (contains(message, "larger than max")) {
-    return {Verdict::kAnswerTooLarge, Status(PRTKV_STORAGE_FAILED, "an answer of etcd is too large: " + message),
-            false};
+    return {Verdict::kAnswerTooLarge, Status(PRTKV_UNUSABLE, "an answer of etcd is too large: " + message)};
   }
   return elsewhere(message);
 }
@@ -83,8 +88,7 @@ Judgement resource_exhausted(const std::string& message) {
 Judgement out_of_range(const std::string& message) {
   if (contains(message, "has been compacted")) {
     return {Verdict::kCompacted,
-            Status(PRTKV_STORAGE_FAILED, "etcd compacted the state that was being read; keep a longer history there"),
-            false, false};
+            Status(PRTKV_BUSY, "etcd compacted the state that was being read; keep a longer history there")};
   }
   return elsewhere(message);
 }
@@ -103,18 +107,19 @@ Judgement judge(int grpc_code, const std::string& message) {
     case 3:  // INVALID_ARGUMENT
       return invalid_argument(message);
     case 4:  // DEADLINE_EXCEEDED
-      return elsewhere("no answer in time");
+      return no_answer();
     case 5:  // NOT_FOUND
-      return final(PRTKV_STORAGE_FAILED, "etcd does not know what was asked for: " + message);
+      return final(PRTKV_UNUSABLE, "etcd does not know what was asked for: " + message);
     case 7:  // PERMISSION_DENIED
-      return final(PRTKV_ACCESS_DENIED, "etcd does not let the configured user at the registry's keys: " + message);
+      return final(PRTKV_ACCESS_DENIED,
+                   "the configured etcd user has no permission on the registry's keys: " + message);
     case 8:  // RESOURCE_EXHAUSTED
       return resource_exhausted(message);
     case 9:  // FAILED_PRECONDITION
       if (contains(message, "authentication is not enabled")) {
         return final(PRTKV_INVALID_CONFIGURATION, "a user is configured but etcd has authentication switched off");
       }
-      return final(PRTKV_STORAGE_FAILED, "etcd refused the request: " + message);
+      return final(PRTKV_UNUSABLE, "etcd refused the request: " + message);
     case 11:  // OUT_OF_RANGE
       return out_of_range(message);
     case 12:  // UNIMPLEMENTED
@@ -124,7 +129,7 @@ Judgement judge(int grpc_code, const std::string& message) {
     case 15:  // DATA_LOSS
       return final(PRTKV_STORAGE_FAILED, "etcd reports damaged data: " + message);
     case 16:  // UNAUTHENTICATED
-      return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, "etcd refused the login: " + message), false, false};
+      return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, "etcd refused the login: " + message)};
     default:
       return final(PRTKV_UNKNOWN, "etcd answered with code " + std::to_string(grpc_code) + ": " + message);
   }

@@ -12,6 +12,13 @@ namespace {
 
 constexpr std::size_t kMaxUserSize = 255;
 constexpr std::size_t kMaxPrefixSize = 256;
+constexpr std::uint64_t kMinAttempt = 10;
+
+Status check_attempt(const std::string& value) {
+  int milliseconds = 0;
+  return parse_milliseconds(value, kMinAttempt, &milliseconds);
+}
+
 Status check_prefix(const std::string& value) {
   if (!value.starts_with('/') || !value.ends_with('/')) {
     return refuse("'" + value + "' does not begin and end with '/'");
@@ -50,7 +57,13 @@ constexpr StoreSetting kSettings[] = {
     {.name = "etcd.timeout_ms",
      .check = check_timeout,
      .default_value = "5000",
-     .text = "Milliseconds that one operation may take over all members, 100 to 600000. Default: 5000."}};
+     .text = "Milliseconds that one operation may take over all members, 100 to 600000. Default: 5000."},
+    {.name = "etcd.attempt_ms",
+     .check = check_attempt,
+     .default_value = "300",
+     .text =
+         "Milliseconds that an answer may be overdue, beyond the measured round-trip time, before another member is "
+         "asked, 10 to 600000; 1000 at least if there is only one member. Default: 300."}};
 
 // What is configured or, if it is not, the default.
 std::string value_of(const Settings& settings, std::string_view name) {
@@ -88,7 +101,9 @@ Status options_for(const StorePlace& place, const StoreOpening& opening, EtcdOpt
   options->prefix = value_of(place.settings, "etcd.prefix");
   options->create = opening.create && !opening.read_only;
   options->root_security = opening.root_security;
-  Status status = parse_timeout(value_of(place.settings, "etcd.timeout_ms"), &options->timeout_ms);
+  Status status = parse_milliseconds(value_of(place.settings, "etcd.attempt_ms"), kMinAttempt, &options->attempt_ms);
+  if (!status.ok()) return status;
+  status = parse_timeout(value_of(place.settings, "etcd.timeout_ms"), &options->timeout_ms);
   if (opening.max_wait_ms != 0)
     options->timeout_ms = std::min(options->timeout_ms, static_cast<int>(opening.max_wait_ms));
   return status;

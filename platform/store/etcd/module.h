@@ -10,9 +10,9 @@
 
 namespace tkv::store {
 
-// The one symbol that libtkv_etcd.so exports. It is built with the library that loads it: `abi` is
-// kEtcdModuleAbi, and a module of another build refuses.
-constexpr int kEtcdModuleAbi = 1;
+// The only symbol that libtkv_etcd.so exports. The module refuses a caller whose `abi` is not its own kEtcdModuleAbi,
+// which is raised with every change of the types below.
+constexpr int kEtcdModuleAbi = 2;
 constexpr const char* kEtcdModuleSymbol = "tkv_open_etcd_store";
 using OpenEtcdStore = Status (*)(int abi, const EtcdOptions& options, std::shared_ptr<Store>* store);
 

@@ -1,4 +1,4 @@
-// How a registry on an etcd cluster is opened.
+// The options for opening a registry on an etcd cluster.
 #ifndef TKV_PLATFORM_STORE_ETCD_OPTIONS_H
 #define TKV_PLATFORM_STORE_ETCD_OPTIONS_H
 
@@ -11,15 +11,16 @@ namespace tkv::store {
 
 struct EtcdOptions {
   std::vector<std::string> endpoints;  // "host:port", one to five
-  std::string ca;                      // PEM files; empty: not used. With a ca the connection is TLS
+  std::string ca;                      // PEM files; "" for none. With a ca the connection uses TLS
   std::string cert;
   std::string key;
   std::string user;
-  std::string password_file;     // one line; readable by its owner only
+  std::string password_file;     // one line; accessible to its owner only
   std::string prefix = "/tkv/";  // of every key of this registry
-  int timeout_ms = 5000;         // of one operation, over all endpoints
-  bool create = true;            // make a fresh registry when there is none
-  sec_attr root_security{};      // security record of a fresh registry's root
+  int timeout_ms = 5000;         // time limit of one operation, over all endpoints
+  int attempt_ms = 300;          // how long an answer may be overdue before another endpoint is asked
+  bool create = true;            // create a registry if there is none
+  sec_attr root_security{};      // security record of a new registry's root
 };
 
 }  // namespace tkv::store

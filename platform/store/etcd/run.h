@@ -77,7 +77,7 @@ class Run {
   NextRun next;
 
  private:
-  static Status outdated() { return {PRTKV_UNREACHABLE, "the registry changed while it was read"}; }
+  static Status outdated() { return {PRTKV_BUSY, "the registry changed while it was read"}; }
 
   const Deadline deadline_;
   const std::chrono::milliseconds timeout_;

@@ -1,0 +1,236 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "certificates.h"
+#include "delay_proxy.h"
+#include "etcd_cluster.h"
+#include "failure.h"
+#include "request_watch.h"
+#include "store/etcd/etcd_store.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+Status open(const EtcdOptions& options) {
+  std::shared_ptr<Store> store;
+  return open_etcd_store(options, &store);
+}
+
+// ---- slow networks
+
+// What a session does, and how many requests each step takes.
+std::vector<int> requests_of_a_session(const EtcdOptions& options) {
+  RequestWatch watch;
+  std::vector<int> requests;
+  std::shared_ptr<Store> store;
+  const auto step = [&](const std::function<Status()>& action) {
+    watch.reset();
+    EXPECT_TRUE(done(action()));
+    requests.push_back(watch.count());
+  };
+  std::string text;
+  step([&] { return open_etcd_store(options, &store, watch.interceptors()); });
+  if (!store) return requests;
+  step([&] { return create_key(*store, "a", "value"); });
+  step([&] { return write_key(*store, "a", "other"); });
+  step([&] { return read_key(*store, "a", &text); });
+  step([&] { return move_key(*store, "a", "b"); });
+  EXPECT_TRUE(done(delete_key(*store, "b")));  // what it leaves is removed meanwhile, by requests of their own
+  EXPECT_EQ(text, "other");
+  return requests;
+}
+
+class EtcdAtADistance : public testing::TestWithParam<int> {};
+
+TEST_P(EtcdAtADistance, ASessionNeedsNoMoreRequestsThanNearby) {
+  EtcdCluster::Options members;
+  members.members = GetParam();
+  EtcdCluster cluster(members);
+  const std::vector<int> nearby = requests_of_a_session(cluster.registry());
+
+  EtcdOptions options = cluster.registry();
+  std::vector<std::unique_ptr<DelayProxy>> network;
+  for (std::string& endpoint : options.endpoints) {
+    network.push_back(std::make_unique<DelayProxy>(endpoint, std::chrono::milliseconds(600)));
+    endpoint = network.back()->endpoint();
+  }
+  EXPECT_EQ(requests_of_a_session(options), nearby);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfMembers, EtcdAtADistance, testing::Values(1, 3));
+
+// ---- rotation
+
+void replace(const std::string& path, const std::string& content, mode_t mode) {
+  const std::string next = path + ".next";
+  std::ofstream(next) << content;
+  chmod(next.c_str(), mode);
+  std::filesystem::rename(next, path);
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The files of one client, which are replaced some time after the members' own.
+class ClientFiles {
+ public:
+  explicit ClientFiles(const Certificates& certificates) : certificates_(certificates) { renew(); }
+
+  void renew() const {
+    replace(ca(), content_of(certificates_.pem("ca")), 0644);
+    replace(cert(), content_of(certificates_.pem("client")), 0644);
+    replace(key(), content_of(certificates_.key("client")), 0600);
+  }
+  std::string ca() const { return directory_.file("ca.pem"); }
+  std::string cert() const { return directory_.file("cert.pem"); }
+  std::string key() const { return directory_.file("key.pem"); }
+  void configure(EtcdOptions* options) const {
+    options->ca = ca();
+    options->cert = cert();
+    options->key = key();
+  }
+
+ private:
+  const Certificates& certificates_;
+  TemporaryDirectory directory_;
+};
+
+TEST(EtcdRotation, AnOpenSessionSurvivesNewCertificates) {
+  Certificates certificates;
+  const ClientFiles files(certificates);
+  EtcdCluster::Options members = secured(certificates);
+  const auto issue = members.prepare;
+  std::string address;
+  members.prepare = [&](const std::string& own) { issue(address = own); };
+  EtcdCluster cluster(members);
+  EtcdOptions options = cluster.registry();
+  files.configure(&options);
+  ASSERT_TRUE(done(create_key(*open_when_ready(options), "a", "value")));
+  options.timeout_ms = 1500;
+  const auto store = open_when_ready(options);
+  ASSERT_TRUE(store);
+
+  certificates.renew();
+  issue(address);
+  cluster.restart(0);
+  std::string text;
+  EXPECT_TRUE(ends_in([&] { return read_key(*store, "a", &text); }, PRTKV_UNREACHABLE, {"certificate is not trusted"}));
+  replace(files.ca(), "half a cert", 0644);
+  EXPECT_TRUE(ends_in([&] { return read_key(*store, "a", &text); }, PRTKV_UNREACHABLE, {"certificate is not trusted"}));
+  files.renew();
+  EXPECT_TRUE(eventually([&] { return read_key(*store, "a", &text).ok(); }));
+  EXPECT_EQ(text, "value");
+}
+
+TEST(EtcdRotation, AnOpenSessionSurvivesANewPassword) {
+  EtcdCluster cluster;
+  const TemporaryDirectory directory;
+  EtcdOptions options = cluster.registry();
+  options.user = "registry";
+  options.password_file = directory.file("password");
+  replace(options.password_file, "former\n", 0600);
+  cluster.ctl({"user", "add", "root:root"});
+  cluster.ctl({"user", "grant-role", "root", "root"});
+  cluster.ctl({"role", "add", "registry"});
+  cluster.ctl({"role", "grant-permission", "registry", "--prefix=true", "readwrite", options.prefix});
+  const auto add_user = [&](const std::string& password) {
+    cluster.ctl({"user", "add", "registry:" + password});
+    cluster.ctl({"user", "grant-role", "registry", "registry"});
+  };
+  add_user("former");
+  cluster.ctl({"auth", "enable"});
+  cluster.set_ctl_flags({"--user=root:root"});
+  const auto store = open_when_ready(options);
+  ASSERT_TRUE(store);
+  ASSERT_TRUE(done(create_key(*store, "a", "value")));
+
+  cluster.ctl({"user", "delete", "registry"});
+  add_user("later");
+  std::string text;
+  EXPECT_TRUE(says(read_key(*store, "a", &text), PRTKV_ACCESS_DENIED, {"refused user or password"}));
+  replace(options.password_file, "later\n", 0600);
+  EXPECT_TRUE(done(read_key(*store, "a", &text)));
+  EXPECT_EQ(text, "value");
+}
+
+// ---- files that cannot be used
+
+TEST(EtcdFiles, WhatIsNoPemOrDoesNotBelongTogetherIsReportedByName) {
+  Certificates certificates;
+  certificates.issue_server("DNS:elsewhere.example");
+  const ClientFiles files(certificates);
+  const RefusingEndpoint refusing;
+  EtcdOptions options;
+  options.endpoints = {refusing.endpoint()};
+  options.timeout_ms = 100;
+  files.configure(&options);
+  ASSERT_TRUE(open(options).is(PRTKV_UNREACHABLE));
+  const auto refused = [&](const std::string& path, const std::string& content, mode_t mode, const char* why) {
+    replace(path, content, mode);
+    EXPECT_TRUE(says(open(options), PRTKV_INVALID_CONFIGURATION, {path, why}));
+    files.renew();
+  };
+  const std::string key = content_of(certificates.key("client"));
+  refused(files.ca(), "garbage", 0644, "holds no certificate");
+  refused(files.ca(), "", 0644, "holds no certificate");
+  refused(files.ca(), key, 0644, "holds no certificate");
+  refused(files.cert(), "garbage", 0644, "holds no certificate");
+  refused(files.key(), "garbage", 0600, "holds no private key");
+  refused(files.key(), content_of(certificates.pem("client")), 0600, "holds no private key");
+  refused(files.key(), content_of(certificates.key("server")), 0600, "does not belong to cert");
+  refused(files.key(), key, 0604, "chmod 600");
+  EXPECT_TRUE(open(options).is(PRTKV_UNREACHABLE));
+  replace(files.key(), key, 0640);
+  EXPECT_TRUE(open(options).is(PRTKV_UNREACHABLE)) << "the key's group may read it";
+  options.ca = files.ca() + ".none";
+  EXPECT_TRUE(says(open(options), PRTKV_CONFIGURATION_UNREADABLE, {options.ca, "No such file"}));
+  options.ca = "/tmp";
+  EXPECT_TRUE(says(open(options), PRTKV_INVALID_CONFIGURATION, {"/tmp", "not a regular file"}));
+}
+
+// ---- secrets
+
+std::string in_hexadecimal(const std::string& text) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string result;
+  for (const char each : text) {
+    result += {kDigits[static_cast<unsigned char>(each) >> 4], kDigits[each & 15], ' '};
+  }
+  result.pop_back();
+  return result;
+}
+
+// gRPC's traces show all bytes that are sent.
+TEST(EtcdSecrets, ATraceDoesNotShowThePassword) {
+  EtcdCluster cluster;
+  const TemporaryDirectory directory;
+  const std::string password = "correct-horse-battery";
+  replace(directory.file("password"), password, 0600);
+  const auto traced = [&](std::vector<std::string> login) {
+    std::vector<std::string> command{
+        "env", "GRPC_TRACE=all", "GRPC_VERBOSITY=debug", TKV_ETCD_VICTIM, cluster.endpoint(0), "/t/", "create", "1000"};
+    command.insert(command.end(), login.begin(), login.end());
+    std::string output;
+    run(command, &output);
+    return output;
+  };
+  const std::string without = traced({});
+  EXPECT_NE(without.find("etcdserverpb"), std::string::npos) << "there is no trace to speak of";
+  const std::string with = traced({password, directory.file("password")});  // as the user's name, too
+  EXPECT_EQ(with.find(password), std::string::npos);
+  EXPECT_EQ(with.find(in_hexadecimal(password)), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd
