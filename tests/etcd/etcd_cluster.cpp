@@ -249,7 +249,7 @@ std::shared_ptr<Store> open_when_ready(const EtcdOptions& options, const std::fu
   Status status;
   eventually([&] {
     status = open_etcd_store(options, &store, interceptors);
-    return !status.is(PRTKV_UNREACHABLE);
+    return !status.is(PRTKV_UNREACHABLE) && !status.is(PRTKV_BUSY) && !status.is(PRTKV_UNDECIDED);
   });
   EXPECT_TRUE(status.ok()) << status.text();
   return store;

@@ -122,7 +122,8 @@ class EtcdCluster {
   mutable std::mutex cut_mutex_;
 };
 
-// Opens a store, trying again while the cluster is unreachable. Fails the test and returns null if it stays so.
+// Opens a store, trying again while the cluster is unreachable or the time was too short. Fails the test and returns
+// null if it stays so.
 std::shared_ptr<Store> open_when_ready(const EtcdOptions& options,
                                        const std::function<Interceptors()>& interceptors = {});
 
