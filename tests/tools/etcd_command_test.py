@@ -1,13 +1,15 @@
 """The command on a registry that an etcd cluster keeps: the same verbs, the same outputs."""
 import json
 import pathlib
+import re
 import subprocess
 import sys
 import unittest
 
 from command import COMMAND, CONFLICT, DEADLINE, NOT_FOUND, UNREACHABLE, CommandTest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "cluster"))
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests" / "cluster"))
 from etcd_cluster import EtcdCluster
 
 SOME = 700  # keys: more than one transaction of the cluster can change
@@ -106,6 +108,29 @@ class TheModule(CommandTest):
         self.assertEqual(done.returncode, UNREACHABLE, done.stderr)
         self.assertIn("127.0.0.1:1", done.stderr)
         self.assertNotIn("cannot be loaded", done.stderr)
+
+
+
+class Documentation(CommandTest):
+    def test_the_user_of_the_registry_is_set_up_as_printed(self):
+        cluster = EtcdCluster()
+        self.addCleanup(cluster.close)
+        text = (ROOT / "docs" / "operations.md").read_text(encoding="utf-8")
+        lines = re.findall(r"(?m)^\$ (etcdctl .*)$", text)
+        self.assertIn("etcdctl auth enable", lines)
+        environment = {**self.environment, "ETCDCTL_API": "3", "ETCDCTL_ENDPOINTS": cluster.endpoints[0]}
+        for line in lines:
+            # A password, which etcdctl would ask for.
+            done = subprocess.run(re.sub(r"(user add \w+)", r"\1:secret", line).split(), env=environment,
+                                  capture_output=True, text=True, timeout=DEADLINE, check=False)
+            self.assertEqual(done.returncode, 0, (line, done.stderr))
+        password = self.folder / "password"
+        password.write_text("secret\n")
+        password.chmod(0o600)
+        (self.folder / "tkv.conf").write_text(f"[registry]\nlocation = etcd://{cluster.endpoints[0]}\n"
+                                              f"[etcd]\ntimeout_ms = 60000\nuser = tkv\npassword_file = {password}\n")
+        self.tkv("set", "a", "x")
+        self.assertEqual(self.out("get", "a"), "x\n")
 
 
 if __name__ == "__main__":
