@@ -207,7 +207,7 @@ class Restore(WithKeys):
             other.write_bytes(contents)
             self.assertIn("is not a backup", self.fails(USAGE, "restore", other))
         other.write_bytes(b"TKVBACKUP 2\n" + b"\0" * 100)
-        self.assertIn("of a format that this release lacks", self.fails(USAGE, "restore", other))
+        self.assertIn("in a format that this release does not know", self.fails(USAGE, "restore", other))
         self.fails(NOT_FOUND, "restore", self.folder / "none")
 
     def test_killed_at_any_time_it_is_whole_or_nothing(self):

@@ -119,7 +119,7 @@ class Values(CommandTest):
         with open("/dev/zero", "rb") as endless:
             done = subprocess.run(self.words("set", "a.bytes", "--bytes", "-"), stdin=endless, capture_output=True,
                                   env=self.environment, check=False)
-        self.assertEqual((done.returncode, done.stderr), (USAGE, b"tkv: standard input holds more than 8388608 bytes\n"))
+        self.assertEqual((done.returncode, done.stderr), (USAGE, b"tkv: standard input has more than 8388608 bytes\n"))
 
     def test_a_reading_that_the_value_lacks_is_a_wrong_type(self):
         self.tkv("set", "a.text", "word")

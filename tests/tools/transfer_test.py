@@ -107,7 +107,7 @@ class RoundTrip(CommandTest):
         self.assertEqual(target.read_text(), self.out("export", "a"))
         self.fails(NOT_FOUND, "export", "nothing", "-o", target)
         self.assertEqual(target.read_text(), self.out("export", "a"))
-        self.assertIn("is not a file", self.fails(USAGE, "export", "-o", "/dev/null"))
+        self.assertIn("is not a regular file", self.fails(USAGE, "export", "-o", "/dev/null"))
         self.assertEqual(sorted(path.name for path in self.folder.glob("a.json*")), ["a.json"])
 
     def test_export_to_a_file_keeps_its_mode_and_the_links_to_it(self):

@@ -1,4 +1,4 @@
-// Arguments: what was asked for, as plain fields. Texts are UTF-8 as the shell gave them.
+// Arguments: the command line as plain fields. Texts are the bytes that the shell passed.
 #ifndef TKV_TOOLS_TKV_ARGUMENTS_H
 #define TKV_TOOLS_TKV_ARGUMENTS_H
 

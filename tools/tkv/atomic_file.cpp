@@ -23,23 +23,23 @@ std::string folder_of(const std::string& path) {
   return end == 0 ? "/" : path.substr(0, end);
 }
 
-// The file that has to go when a signal ends the process: the name of the one that is being written.
+// The temporary file to remove if a signal ends the process.
 std::atomic<const char*> unfinished{nullptr};
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-// Lets none of them come in between.
-class SignalsHeld {
+// Blocks the signals that end the process.
+class SignalsBlocked {
  public:
-  SignalsHeld() {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : kEndingSignals) sigaddset(&held, signal);
-    pthread_sigmask(SIG_BLOCK, &held, &former_);
+  SignalsBlocked() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : kEndingSignals) sigaddset(&blocked, signal);
+    pthread_sigmask(SIG_BLOCK, &blocked, &former_);
   }
-  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
 
  private:
   sigset_t former_{};
@@ -47,10 +47,10 @@ class SignalsHeld {
 
 extern "C" void end_without_unfinished_file(int signal) {
   if (const char* name = unfinished.load(); name != nullptr) ::unlink(name);
-  static_cast<void>(::raise(signal));  // the action is the system's again
+  static_cast<void>(::raise(signal));  // the default action is in force again
 }
 
-// A signal that is ignored stays so.
+// A signal that is ignored stays ignored.
 void watch_signals() {
   struct sigaction action {};
   struct sigaction former {};
@@ -61,7 +61,7 @@ void watch_signals() {
   }
 }
 
-// The file that a path leads to in the end.
+// The file that a path leads to, with all links resolved.
 std::string resolved(const std::string& path) {
   char* const real = ::realpath(path.c_str(), nullptr);
   std::string result = real != nullptr ? real : path;
@@ -88,9 +88,10 @@ Outcome AtomicFile::open(const std::string& path, Existing existing) {
   existing_ = existing;
   const bool there = ::stat(path.c_str(), &found) == 0;
   if (there && existing == Existing::kRefuse) return failed("write", EEXIST);
-  if (there && !S_ISREG(found.st_mode)) return {Exit::kUsage, path + " is not a file; write there with > instead"};
-  if (there) path_ = resolved(path);  // a link stays one
-  const SignalsHeld until_it_is_known;
+  if (there && !S_ISREG(found.st_mode))
+    return {Exit::kUsage, path + " is not a regular file; redirect standard output with > instead"};
+  if (there) path_ = resolved(path);  // a link stays a link
+  const SignalsBlocked until_the_handler_knows_the_file;
   std::string pattern = path_ + ".XXXXXX";
   descriptor_ = ::mkostemp(pattern.data(), O_CLOEXEC);
   int error = errno;
@@ -134,7 +135,7 @@ Outcome AtomicFile::rename() {
     result = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE);
     error = errno;
   }
-  if (result != 0 && error == EINVAL) {  // replacing is meant, or not every file system can refuse by itself
+  if (result != 0 && error == EINVAL) {  // replacing is allowed, or the file system does not know the flag
     result = ::rename(temporary_.c_str(), path_.c_str());
     error = errno;
   }

@@ -1,7 +1,7 @@
 // AtomicFile: a file that appears whole and durable under its name, or not at all.
 //
-// Until then it stands beside that name under another one, and is removed when SIGHUP, SIGINT or SIGTERM end the
-// process; only what cannot be caught leaves it behind. One at a time.
+// Until then it has a temporary name beside its own. It is removed if SIGHUP, SIGINT or SIGTERM ends the process; only
+// signals that cannot be caught leave it behind. A process writes one such file at a time.
 #ifndef TKV_TOOLS_TKV_ATOMIC_FILE_H
 #define TKV_TOOLS_TKV_ATOMIC_FILE_H
 
@@ -18,21 +18,21 @@ class AtomicFile {
   enum class Existing { kRefuse, kReplace };
 
   AtomicFile() = default;
-  ~AtomicFile();  // removes what was not committed
+  ~AtomicFile();  // removes the file unless it was committed
   AtomicFile(const AtomicFile&) = delete;
   AtomicFile& operator=(const AtomicFile&) = delete;
 
-  // Begins a file, readable by its owner only, or by whom the file that it replaces was. 5 when `path` exists and that
-  // is refused.
+  // Creates the temporary file, readable by its owner only, or with the mode of the file that it replaces. Fails with
+  // Exit::kConflict if `path` exists and must not.
   Outcome open(const std::string& path, Existing existing);
 
   Outcome write(std::string_view bytes);
 
-  // Makes what was written durable, still under its other name: `written_path()`.
+  // Makes what was written durable, still under its temporary name, `written_path()`.
   Outcome sync();
   const std::string& written_path() const { return temporary_; }
 
-  // Puts the file in its place.
+  // Gives the file its name.
   Outcome commit();
 
  private:

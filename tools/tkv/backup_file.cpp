@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#define XXH_INLINE_ALL  // compiled in: one library less to load
+#define XXH_INLINE_ALL  // compiled in, so that no library has to be loaded
 #include <xxhash.h>
 
 #include "base/identity.h"
@@ -72,7 +72,7 @@ class StreamHash {
   XXH3_state_t* state_;
 };
 
-// Reads a file from its beginning, hashing what it gives.
+// Reads a file and hashes what was read.
 class Source {
  public:
   explicit Source(const std::string& path)
@@ -97,7 +97,7 @@ class Source {
     if (got != size && std::ferror(file_) != 0) {
       return {Exit::kOther, "cannot read " + path_ + ": " + std::strerror(error)};
     }
-    if (got != size) return damaged("it ends too early");
+    if (got != size) return damaged("it ends early");
     hash_.add(*bytes);
     return {};
   }
@@ -139,7 +139,8 @@ Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
   std::string magic;
   if (Outcome got = source.read(kMagic.size(), &magic); got.exit() == Exit::kOther) return got;
   if (magic != kMagic) {
-    if (magic.starts_with(kAnyMagic)) return {Exit::kUsage, path + " is a backup of a format that this release lacks"};
+    if (magic.starts_with(kAnyMagic))
+      return {Exit::kUsage, path + " is a backup in a format that this release does not know"};
     return {Exit::kUsage, path + " is not a backup"};
   }
   if (Outcome got = source.number(&head->taken); !got.ok()) return got;
@@ -150,7 +151,7 @@ Outcome read_key(Source& source, KeyRecord* key) {
   std::string owner;
   std::string group;
   std::uint32_t size = 0;
-  // In the order of the record: initializer lists are evaluated from left to right.
+  // In the order of the file: initializer lists are evaluated from left to right.
   Outcome got =
       first_failure({source.name(&key->name), source.number(&key->security.user_perm),
                      source.number(&key->security.group_perm), source.number(&key->security.other_perm),
@@ -159,7 +160,7 @@ Outcome read_key(Source& source, KeyRecord* key) {
   if (size > PRTKV_MAX_VALUE_SIZE) return source.damaged("a value is too large");
   const bool sound = registry::check_name(key->name).ok() && registry::set_user(&key->security, owner).ok() &&
                      registry::set_group(&key->security, group).ok();
-  if (!sound) return source.damaged("a key makes no sense");
+  if (!sound) return source.damaged("a key is malformed");
   return source.read(size, &key->value.bytes);
 }
 
@@ -177,9 +178,9 @@ Outcome read_end(Source& source, const BackupTotals& counted, BackupContents* co
   if (!got.ok()) return got;
   const std::string computed = source.digest();
   if (got = source.read(kHashBytes, &written); !got.ok()) return got;
-  if (written != computed) return source.damaged("its hash is not that of its contents");
-  if (totals != counted) return source.damaged("it does not hold as many keys as it says");
-  if (!source.at_end()) return source.damaged("something follows its end");
+  if (written != computed) return source.damaged("its contents do not match its hash");
+  if (totals != counted) return source.damaged("it does not contain as many keys as it says");
+  if (!source.at_end()) return source.damaged("there is something after its end");
   contents->hash = hex_from(computed);
   return {};
 }
@@ -228,7 +229,7 @@ Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
   });
   if (!read.ok()) return read;
   if (again.hash != hash_ || again.totals != totals_ || again.head.top != head_.top) {
-    return {Exit::kDamaged, "the backup does not read back as it was written"};
+    return {Exit::kDamaged, "the backup cannot be read back as it was written"};
   }
   return file_.commit();
 }
@@ -243,7 +244,7 @@ Outcome read_backup(const std::string& path, BackupContents* contents, FunctionR
     std::string mark;
     if (Outcome got = source.read(1, &mark); !got.ok()) return got;
     if (mark[0] == kEndMark) return read_end(source, counted, contents);
-    if (mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one has to be");
+    if (mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one is expected");
     KeyRecord key;
     if (Outcome got = read_key(source, &key); !got.ok()) return got;
     const bool first = counted.keys == 0;

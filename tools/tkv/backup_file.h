@@ -1,4 +1,4 @@
-// Backup files: one state of a subtree, written in one pass and read in one.
+// Backup files: one state of a subtree, written and read in one pass.
 //
 //   head     "TKVBACKUP 1\n"; 8 bytes: when it was taken, in seconds since 1970; a name: the top
 //   key      byte 'K'; a name: the full name; masks of owner, group, others, 4 bytes each; a name: owner; a name:
@@ -6,9 +6,9 @@
 //   end      byte 'E'; 8 bytes each: keys, values, bytes of values; 16 bytes: the XXH3 hash, 128 bits, of everything
 //            before it, in its canonical form
 //
-// A name is 2 bytes of size and its bytes. Numbers have their least significant byte first. Keys stand in the order of
-// names, parents before their subkeys. Nothing follows the end. Do not change: another format is another number in the
-// head.
+// A name is its size in 2 bytes, then its bytes. Numbers have their least significant byte first. Keys are in the order
+// of names, parents before their subkeys. Nothing follows the end. Do not change: another format needs another number
+// in the head.
 #ifndef TKV_TOOLS_TKV_BACKUP_FILE_H
 #define TKV_TOOLS_TKV_BACKUP_FILE_H
 
@@ -42,12 +42,12 @@ class BackupWriter {
   BackupWriter();
   ~BackupWriter();
 
-  // 5 when the file exists.
+  // Fails with Exit::kConflict if the file exists.
   Outcome open(const std::string& path, const BackupHead& head);
   Outcome add(const registry::KeyRecord& key);
 
-  // Writes the end and makes the file durable, opens it again, reads and checks all of it, and only then gives it its
-  // name. `progress` is told how many keys were checked.
+  // Writes the end, makes the file durable, opens it again, reads and checks all of it, and only then gives it its
+  // name. `progress` is called with the number of keys checked so far.
   Outcome finish(FunctionRef<void(std::uint64_t keys)> progress);
 
   const BackupTotals& totals() const { return totals_; }
@@ -64,15 +64,16 @@ class BackupWriter {
   std::string hash_;
 };
 
-// What a backup holds, after it was read and checked to its end.
+// The contents of a backup that was read and checked to its end.
 struct BackupContents {
   BackupHead head;
   BackupTotals totals;
   std::string hash;  // in hexadecimal
 };
 
-// Reads a backup whole; "-" is standard input. `take` gets each key before the end was checked: what it made of them
-// counts only when this succeeds. 8 when the file is damaged or cut, 2 when it is no backup.
+// Reads a whole backup; "-" is standard input. `take` receives each key before the hash was checked, so the keys must
+// not be used unless this succeeds. Fails with Exit::kDamaged if the file is damaged or cut off, Exit::kUsage if it is
+// not a backup.
 Outcome read_backup(const std::string& path, BackupContents* contents,
                     FunctionRef<Outcome(registry::KeyRecord&& key)> take);
 

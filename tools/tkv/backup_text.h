@@ -1,4 +1,4 @@
-// What verbs say of a backup.
+// Descriptions of backups.
 #ifndef TKV_TOOLS_TKV_BACKUP_TEXT_H
 #define TKV_TOOLS_TKV_BACKUP_TEXT_H
 
@@ -10,7 +10,7 @@
 
 namespace tkv::command {
 
-// A time in UTC, in the form of strftime.
+// A time in UTC, formatted as by strftime.
 std::string utc(std::uint64_t seconds, const char* form);
 
 JsonObject totals_json(const std::string& path, const BackupTotals& totals, const std::string& hash);

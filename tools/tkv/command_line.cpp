@@ -164,7 +164,7 @@ std::string option_suggestion(const Verb* verb, const std::string& text) {
   return suggestion(word, names);
 }
 
-// Why the words make no sense: the parser's own wording, without marks, and where to read on.
+// Explains why the words make no sense, mostly in the parser's own words, and where to read on.
 std::string reason(const CLI::ParseError& error, const Verb* verb, const char* word) {
   std::string text = error.what();
   std::erase(text, kOperandMark);

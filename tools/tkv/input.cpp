@@ -23,7 +23,7 @@ Outcome cannot_read(const std::string& path, int error) {
 }
 
 Outcome too_large(const std::string& path, std::size_t limit) {
-  return {Exit::kUsage, shown_path(path) + " holds more than " + std::to_string(limit) + " bytes"};
+  return {Exit::kUsage, shown_path(path) + " has more than " + std::to_string(limit) + " bytes"};
 }
 
 Outcome read_all(int descriptor, const std::string& path, std::size_t limit, std::string* bytes) {
@@ -67,7 +67,7 @@ Outcome text_from(const Arguments& arguments, TypedValue* value) {
   if (Outcome single = one_word(arguments, "a VALUE"); !single.ok()) return single;
   if (Outcome read = resolve(arguments.values.front(), arguments.literal, &text, &was_read); !read.ok()) return read;
   if (was_read && !arguments.keep_newline) drop_line_end(&text);
-  if (!is_utf8(text)) return {Exit::kUsage, "the text is not UTF-8; --bytes stores any bytes"};
+  if (!is_utf8(text)) return {Exit::kUsage, "the text is not UTF-8; use --bytes to store other bytes"};
   *value = text_value(text);
   return {};
 }
@@ -95,7 +95,8 @@ Outcome list_from(const Arguments& arguments, TypedValue* value) {
     }
   }
   for (const std::string& element : elements) {
-    if (!is_utf8(element)) return {Exit::kUsage, "an element of the list is not UTF-8; --bytes stores any bytes"};
+    if (!is_utf8(element))
+      return {Exit::kUsage, "an element of the list is not UTF-8; use --bytes to store other bytes"};
   }
   return list_value(elements, value);
 }
@@ -117,11 +118,11 @@ Outcome bytes_from(const Arguments& arguments, TypedValue* value) {
   }
   if (arguments.hex) {
     auto bytes = bytes_from_hex(value->bytes);
-    if (!bytes) return {Exit::kUsage, "--hex: pairs of hexadecimal digits are wanted"};
+    if (!bytes) return {Exit::kUsage, "--hex: write pairs of hexadecimal digits"};
     value->bytes = std::move(*bytes);
   }
   const auto type = type_from_name(arguments.type.value_or("bytes"));
-  if (!type) return {Exit::kUsage, "--type " + *arguments.type + ": a type is a number of 32 bits or its name"};
+  if (!type) return {Exit::kUsage, "--type " + *arguments.type + ": the type must be a number of 32 bits or a name"};
   value->type = *type;
   return {};
 }
@@ -151,9 +152,9 @@ bool names_input(const std::string& word) { return word == "-" || word.starts_wi
 
 Outcome value_from_arguments(const Arguments& arguments, TypedValue* value) {
   const int kinds = arguments.list + arguments.int32 + arguments.int64 + (arguments.bytes || arguments.hex);
-  if (kinds > 1) return {Exit::kUsage, "a value is one of --list, --int32, --int64 and --bytes or --hex"};
+  if (kinds > 1) return {Exit::kUsage, "choose one of --list, --int32, --int64, --bytes and --hex"};
   if (arguments.type && !arguments.bytes && !arguments.hex) {
-    return {Exit::kUsage, "--type goes with --bytes or --hex"};
+    return {Exit::kUsage, "--type needs --bytes or --hex"};
   }
   if (arguments.list) return list_from(arguments, value);
   if (arguments.int32 || arguments.int64) return number_from(arguments, value);

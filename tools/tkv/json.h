@@ -5,9 +5,9 @@
 //
 //   {"name":"a.b","owner":"root","group":"root","mode":"u=rlwscd,g=wcd,o=rl","type":"text","value":"hello"}
 //
-// By type, "value" is a string (text), an array of strings (list), a number (int32), a number as a string (int64), and
-// {"utf8": "..."} or {"base64": "..."} for the bytes of any other type, which "type" names by its number; it is
-// missing for "none".
+// Depending on the type, "value" is a string (text), an array of strings (list), a number (int32), a number as a string
+// (int64), or {"utf8": "..."} or {"base64": "..."} for the bytes of any other type, for which "type" is a number. A key
+// of type "none" has no "value".
 #ifndef TKV_TOOLS_TKV_JSON_H
 #define TKV_TOOLS_TKV_JSON_H
 
@@ -29,7 +29,7 @@ std::string json_text(std::string_view stored);
 // The same for a text that should be UTF-8, such as a file name.
 std::string json_utf8(std::string_view text);
 
-// Members of an object, in the order of the calls.
+// Builds an object, with its members in the order of the calls.
 class JsonObject {
  public:
   JsonObject& text(std::string_view name, std::string_view stored);  // as json_text

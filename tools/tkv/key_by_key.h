@@ -1,4 +1,4 @@
-// Several keys, worked on one after the other.
+// Processing several keys one after the other.
 #ifndef TKV_TOOLS_TKV_KEY_BY_KEY_H
 #define TKV_TOOLS_TKV_KEY_BY_KEY_H
 
@@ -11,12 +11,12 @@
 
 namespace tkv::command {
 
-// The names of operands, as the registry keeps them. 2 when one makes no sense: then nothing is done with any.
+// Converts the names of keys from the command line to the registry's form. Fails with Exit::kUsage if any is malformed.
 Outcome key_names(const std::vector<std::string>& typed, std::vector<std::string>* names);
 
-// Runs `work` on each key, whatever became of the one before, and says what went wrong with which. 9 when some were
-// done and others not. With --json prints what `work` puts into `json` of those that were done: one object for one
-// key, an array for several.
+// Runs `work` on each key, also after failures, and reports each failure. Fails with Exit::kPartly if some succeeded
+// and others not. With --json, prints what `work` stores in `*json` for those that succeeded: one object for one key,
+// an array for several.
 Outcome each_key(Context& context, const std::vector<std::string>& names,
                  FunctionRef<Outcome(const std::string& name, std::string* json)> work);
 

@@ -8,7 +8,7 @@
 namespace tkv::command {
 namespace {
 
-// A text in which man gives no character a meaning of its own.
+// Escapes the characters that have a meaning for man.
 std::string plain(std::string_view text) {
   std::string result;
   bool line_begins = true;
@@ -30,7 +30,7 @@ void add_line(std::string_view text, std::string* page) { page->append(text) += 
 
 void add_section(const char* name, std::string* page) { add_line(std::string(".SH ") + name, page); }
 
-// Lines that keep their breaks.
+// Adds lines that keep their line breaks.
 void add_verbatim(std::string_view text, std::string* page) {
   *page += ".nf\n" + plain(text);
   if (!text.ends_with('\n')) *page += '\n';
@@ -97,9 +97,9 @@ std::string manual_page() {
     if (!verb->hidden) page += synopsis_of(*verb) + "\n.br\n";
   }
   add_section("DESCRIPTION", &page);
-  add_line(plain("Works on the registry that the configuration names, with the rights of the user who runs it, at the\n"
-                 "same time as other programs do."),
-           &page);
+  add_line(
+      plain("Works on the configured registry, with the rights of the user who runs it, while other programs use it."),
+      &page);
   add_line(".SS Keys", &page);
   add_verbatim(text.names, &page);
   add_line(".SS Values", &page);
@@ -129,10 +129,11 @@ std::string configuration_manual_page() {
   add_line("tkv.conf \\- configuration of the cluster registry", &page);
   add_section("DESCRIPTION", &page);
   add_line(
-      plain("The file that TKV_CONF names, else /etc/tkv/tkv.conf; without it the defaults are in force. Sections in\n"
-            "brackets, lines \"name = value\"; lines that begin with ; or # are comments. Unknown names and sections,\n"
-            "and names given twice but location, are errors that name file and line. tkv conf shows what is in\n"
-            "force and where it came from."),
+      plain(
+          "The file that TKV_CONF names, else /etc/tkv/tkv.conf; without one, the defaults apply. It has sections in\n"
+          "brackets, lines \"name = value\"; lines that begin with ; or # are comments. Unknown names and sections,\n"
+          "and names given twice (except location), are errors that name file and line. tkv conf shows what is in\n"
+          "force and where it came from."),
       &page);
   std::string_view section;
   for (const registry::SettingText& setting : registry::setting_texts()) {

@@ -1,4 +1,4 @@
-// Outcome: how a verb ended, as the caller's shell sees it: an exit code and a text.
+// Outcome: how a verb ended: an exit code for the caller's shell and a message for people.
 #ifndef TKV_TOOLS_TKV_OUTCOME_H
 #define TKV_TOOLS_TKV_OUTCOME_H
 
@@ -58,12 +58,13 @@ class [[nodiscard]] Outcome {
   std::string text_;
 };
 
-// Adds up the outcomes of several arguments that are worked on one after the other.
+// Adds up the outcomes of several arguments that are processed one after the other.
 class Tally {
  public:
   void add(const Outcome& outcome);
 
-  // Done when all were; partly when some were; else the first failure's code. The texts were said by whoever added.
+  // Exit::kDone if all succeeded, Exit::kPartly if some did, otherwise the first failure's code. Has no text: whoever
+  // added the failures has reported them.
   Outcome sum() const;
 
  private:

@@ -1,7 +1,7 @@
 // Output: the data that a verb prints, on standard output.
 //
-// Writes are gathered; nothing is lost silently: finish() writes the rest and reports what failed. When the reader has
-// closed its end, everything after that is dropped and closed_early() is true, so that long work can stop.
+// Writes are buffered. Nothing is lost silently: finish() writes the rest and reports failures. Once the reader has
+// closed its end, everything more is dropped, and closed_early() returns true.
 #ifndef TKV_TOOLS_TKV_OUTPUT_H
 #define TKV_TOOLS_TKV_OUTPUT_H
 
@@ -21,11 +21,10 @@ class Output {
   void write(std::string_view text);
   void line(std::string_view text);
 
-  // No one reads any more, or nothing can be written.
-  bool broken() const { return error_ != 0; }
   bool closed_early() const;
 
-  // Writes what is gathered. 1 when something could not be written, but for a reader that closed its end.
+  // Writes what is buffered. Fails with Exit::kOther if anything could not be written, except because the reader closed
+  // its end.
   Outcome finish();
 
  private:

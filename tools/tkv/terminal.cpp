@@ -49,7 +49,7 @@ const char* code_of(Ink ink) {
   return "";
 }
 
-// Messages have no one to report to when they cannot be written.
+// A message that cannot be written is lost: there is nobody to report that to.
 void send(std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
@@ -136,7 +136,7 @@ void Progress::show(std::uint64_t done, std::uint64_t total, std::string_view pa
   const std::string numbers = numbers_of(done, total);
   const std::size_t room = columns_of(STDERR_FILENO, 80);
   if (total != 0 && line.size() + kBarColumns + numbers.size() + 3 < room) line += bar(std::min(done, total), total);
-  send("\r" + (line + numbers).substr(0, room - 1) + "\x1b[K");  // a line that wraps could not be taken away
+  send("\r" + (line + numbers).substr(0, room - 1) + "\x1b[K");  // a line that wraps could not be erased
 }
 
 }  // namespace tkv::command

@@ -1,4 +1,4 @@
-// Terminal: what people see beside the data: messages, colours, questions, progress.
+// What people see besides data: messages, colours, questions and progress.
 #ifndef TKV_TOOLS_TKV_TERMINAL_H
 #define TKV_TOOLS_TKV_TERMINAL_H
 
@@ -11,39 +11,39 @@
 
 namespace tkv::command {
 
-// Which of the three standard files is a terminal, and what was asked for.
+// Which of the three standard files are terminals, and what was asked for.
 struct Terminal {
   bool input = false;
   bool output = false;
   bool messages = false;
   bool colour = false;  // on standard output
-  bool quiet = false;   // only errors
+  bool quiet = false;   // errors only
 
   // Colour is used on a terminal unless `no_colour`, NO_COLOR or TERM=dumb say otherwise.
   static Terminal detect(bool quiet, bool no_colour);
 
-  // Columns of the terminal behind standard output, `otherwise` when there is none.
+  // The width of the terminal on standard output, or `otherwise` if there is none.
   static std::size_t columns(std::size_t otherwise);
 };
 
 enum class Ink { kKey, kValue, kFaint, kAdded, kRemoved };
 
-// The text in that colour, or as it is.
+// Returns the text in that colour if colours are used.
 std::string painted(const Terminal& terminal, Ink ink, std::string text);
 
-// A text for standard output: safe for a terminal when it is one, as it stands else.
+// Returns a text for standard output: made safe if that is a terminal, unchanged otherwise.
 std::string for_output(const Terminal& terminal, std::string_view text);
 
-// One line on standard error. Control characters are shown, not sent.
+// Prints one line on standard error. Control characters are shown, not sent.
 void say(std::string_view text);
 
-// As say, unless quiet.
+// As say, but nothing if `quiet` was asked for.
 void note(const Terminal& terminal, std::string_view text);
 
-// Asks for a yes. No when the input is no terminal or ends.
+// Asks for a yes. Returns false if the input is not a terminal, or ends.
 bool confirm(const Terminal& terminal, const std::string& question);
 
-// A bar on standard error for work that takes longer than a moment; nothing when standard error is no terminal.
+// A progress bar on standard error, for work that takes longer than a moment. Shows nothing if that is not a terminal.
 class Progress {
  public:
   Progress(const Terminal& terminal, std::string label);
@@ -51,7 +51,7 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // `total` 0: not known. `part` says what of the work this is about.
+  // `total` 0: not known. `part` names the part of the work that the numbers are about.
   void show(std::uint64_t done, std::uint64_t total, std::string_view part = {});
 
  private:

@@ -30,7 +30,7 @@ TypedValue number_value(std::int32_t type, Number number) {
   return value;
 }
 
-// A number as people write it: decimal, with a sign, or hexadecimal with 0x (then the bits of the word).
+// Parses a number: decimal with an optional sign, or hexadecimal with 0x, which gives the bits of the word.
 template <typename Number>
 bool parse_number(std::string_view text, Number* number) {
   if (text.starts_with("0x") || text.starts_with("0X")) {
@@ -49,12 +49,12 @@ bool parse_number(std::string_view text, Number* number) {
 
 template <typename Number>
 Outcome not_a_number(std::string_view text, const char* type) {
-  return {Exit::kUsage, "'" + std::string(text) + "' is not an " + type + ": a number from " +
+  return {Exit::kUsage, "'" + std::string(text) + "' is not an " + type + "; write a number from " +
                             std::to_string(std::numeric_limits<Number>::min()) + " to " +
                             std::to_string(std::numeric_limits<Number>::max()) + ", or 0x and hexadecimal digits"};
 }
 
-// Without its last characters when it is longer than `limit` bytes, and never with half a character.
+// Cuts off what exceeds `limit` bytes, but never half a character.
 std::string shortened(std::string text, std::size_t limit) {
   if (limit == 0 || text.size() <= limit) return text;
   std::size_t size = limit;
@@ -115,11 +115,11 @@ Outcome list_value(const std::vector<std::string>& elements, TypedValue* value) 
   for (std::size_t at = 0; at < elements.size(); ++at) {
     if (elements[at].empty()) {
       return {Exit::kUsage, "element " + std::to_string(at + 1) +
-                                " of the list is empty: a list cannot hold an empty text, which would end it"};
+                                " of the list is empty; a list cannot contain an empty text, which would end it"};
     }
     if (elements[at].find(kNul) != std::string::npos) {
-      return {Exit::kUsage, "element " + std::to_string(at + 1) +
-                                " of the list holds a NUL: a list cannot hold one, which would end the element"};
+      return {Exit::kUsage,
+              "element " + std::to_string(at + 1) + " of the list contains a NUL, which would end the element"};
     }
     value->bytes += stored_from_utf8(elements[at]) + kNul;
   }
@@ -152,7 +152,7 @@ std::optional<std::vector<std::string>> exact_list(const TypedValue& value) {
   for (std::size_t at = 0; at < value.bytes.size();) {
     const std::size_t end = value.bytes.find(kNul, at);
     if (end == std::string::npos) return std::nullopt;
-    if (end == at) {  // the empty text that ends the list, and so must end the bytes
+    if (end == at) {  // the empty text that ends the list; nothing may follow it
       if (at + 1 != value.bytes.size() || elements.empty()) return std::nullopt;
       return elements;
     }
@@ -192,7 +192,7 @@ std::string one_line(const TypedValue& value, std::size_t limit) {
   if (const auto elements = exact_list(value)) return list_line(*elements, limit);
   if (const auto number = exact_number(value)) {
     const auto text = text_in_number(value);
-    const bool telling = text && text->size() > 1;  // a single letter is too likely a small number
+    const bool telling = text && text->size() > 1;  // a single letter is more likely a small number
     return std::to_string(*number) + (telling ? " (or " + quoted(*text) + ")" : "");
   }
   return bytes_line(value.bytes, limit);

@@ -1,13 +1,13 @@
 // Values: how the command reads and writes the bytes behind a type word.
 //
 //   text   type 3  the text and one NUL
-//   list   type 5  each text followed by a NUL, and one NUL more; no bytes at all for a list without elements
+//   list   type 5  each text followed by a NUL, then one more NUL; no bytes at all for a list without elements
 //   int32  type 1  4 bytes, a signed number, least significant byte first
 //   int64  type 2  8 bytes, likewise
 //   bytes  type 4  any bytes
 //
-// A value is what its type says only when writing that reading gives back the same bytes; else it is bytes of that
-// type. Types 1 and 2 may hold text as well: a JVM stores the first 4 or 8 bytes of what it was given, filled up with
+// A value has the reading of its type only if writing that reading gives the same bytes; otherwise it is bytes of that
+// type. Types 1 and 2 may hold text as well: a JVM stores the first 4 or 8 bytes of what it was given, padded with
 // NULs. Both readings are shown.
 #ifndef TKV_TOOLS_TKV_VALUES_H
 #define TKV_TOOLS_TKV_VALUES_H
@@ -34,29 +34,30 @@ constexpr std::int32_t kTypeList = 5;
 // "text", "list", "int32", "int64", "bytes", "none", or the number of another type.
 std::string type_name(std::int32_t type);
 
-// A type's name or number. Nothing when it is neither.
+// Parses a type's name or number. Returns nullopt if it is neither.
 std::optional<std::int32_t> type_from_name(std::string_view name);
 
 registry::TypedValue text_value(std::string_view utf8);
 registry::TypedValue int32_value(std::int32_t number);
 registry::TypedValue int64_value(std::int64_t number);
 
-// 2 for an element that is empty or holds a NUL, since an empty text ends a list for its readers.
+// Fails with Exit::kUsage for an element that is empty or contains a NUL: readers take an empty text for the end of a
+// list.
 Outcome list_value(const std::vector<std::string>& elements, registry::TypedValue* value);
 
 Outcome parse_int32(std::string_view text, registry::TypedValue* value);
 Outcome parse_int64(std::string_view text, registry::TypedValue* value);
 
-// The exact readings: each gives back the same bytes when written.
+// The exact readings: written again, each gives the same bytes.
 std::optional<std::string> exact_text(const registry::TypedValue& value);
 std::optional<std::vector<std::string>> exact_list(const registry::TypedValue& value);
 std::optional<std::int64_t> exact_number(const registry::TypedValue& value);
 
-// The text that a value of type 1 or 2 holds, when it does: printable characters, then nothing but NULs.
+// The text in a value of type 1 or 2, if it holds one: printable characters, then nothing but NULs.
 std::optional<std::string> text_in_number(const registry::TypedValue& value);
 
-// One line for people: quoted texts, numbers, the beginning of bytes in hexadecimal. Safe for a terminal. At most
-// about `limit` characters, 0 for all.
+// One line for people: quoted texts, numbers, the first bytes in hexadecimal. Safe for a terminal. Has about `limit`
+// characters at most; 0: no limit.
 std::string one_line(const registry::TypedValue& value, std::size_t limit);
 
 }  // namespace tkv::command
