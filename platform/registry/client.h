@@ -96,6 +96,13 @@ struct WalkEntry {
   std::int32_t type = 0;  // of the value, if values were asked for and may be read
   std::span<const std::byte> value;
   bool subkeys_hidden = false;  // it may have subkeys, but the identity may not list them
+
+  // With WalkOptions::Damaged::kVisit: what cannot be read, and why. Of a key with a damaged record, only the name, the
+  // level and the depth are known, and its subkeys are not visited. A key whose list of subkeys is damaged is visited
+  // twice: before those that can be read, and after them with kSubkeys.
+  enum class Part { kNone, kRecord, kValue, kSubkeys };
+  Part damaged = Part::kNone;
+  const Status* damage = nullptr;  // null unless something is damaged
 };
 
 struct WalkOptions {
@@ -104,7 +111,13 @@ struct WalkOptions {
     kFail,  // the walk ends with PRTKV_ACCESS_DENIED
     kSkip   // the entry says so, and the walk goes on beside it
   };
+  // What happens at a key whose record, value or list of subkeys is damaged.
+  enum class Damaged {
+    kFail,  // the walk ends with PRTKV_STORAGE_FAILED
+    kVisit  // the key is visited as damaged, and the walk goes on beside it
+  };
   Denied denied = Denied::kFail;
+  Damaged damaged = Damaged::kFail;
   bool values = false;                                          // entries carry values
   std::size_t depth = std::numeric_limits<std::size_t>::max();  // levels below the first key that are visited
 };

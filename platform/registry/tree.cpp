@@ -43,32 +43,65 @@ struct Step {
   bool descend;
 };
 
+// What a walk over damage calls with a damaged key. An empty one ends the walk instead.
+using VisitDamaged = std::optional<
+    FunctionRef<Status(std::string_view name, std::size_t depth, WalkEntry::Part part, const Status& damage)>>;
+
+// Appends a level to a name for as long as this object lives.
+class NameBelow {
+ public:
+  NameBelow(std::string& name, std::string_view level) : name_(name), size_(name.size()) {
+    if (size_ != 0) name.push_back('.');
+    level_at_ = name.size();
+    name.append(level);
+  }
+  ~NameBelow() { name_.resize(size_); }
+  NameBelow(const NameBelow&) = delete;
+  NameBelow& operator=(const NameBelow&) = delete;
+
+  std::string_view level() const { return std::string_view(name_).substr(level_at_); }
+
+ private:
+  std::string& name_;
+  const std::size_t size_;
+  std::size_t level_at_ = 0;
+};
+
 // Visits everything below `parent`, each key before its subkeys. `name` is the parent's and has its contents again
 // afterwards.
 Status descend(store::View& view, std::string& name, store::NodeId parent, std::size_t depth,
-               FunctionRef<Status(Step&)> visit) {
+               FunctionRef<Status(Step&)> visit, const VisitDamaged& visit_damaged = {}) {
   bool visit_failed = false;  // such a failure names its key already
-  const std::size_t size = name.size();
-  const Status status = view.children(parent, [&](std::string_view level, const store::Node& node) -> Status {
-    if (size != 0) name.push_back('.');
-    const std::size_t level_at = name.size();
-    name.append(level);
-    Step step{name, std::string_view(name).substr(level_at), parent, node, depth, true};
+  const auto enter = [&](std::string_view level, const store::Node& node) -> Status {
+    const NameBelow below(name, level);
+    Step step{name, below.level(), parent, node, depth, true};
     Status visited = depth > kMaxLevels ? hangs_in_a_loop(name) : visit(step);
-    if (visited.ok() && step.descend) visited = descend(view, name, node.id, depth + 1, visit);
+    if (visited.ok() && step.descend) visited = descend(view, name, node.id, depth + 1, visit, visit_damaged);
     visit_failed = !visited.ok();
-    name.resize(size);
     return visited;
-  });
-  return visit_failed ? status : at_key(status, name);
+  };
+  if (!visit_damaged) {
+    const Status status = view.children(parent, enter);
+    return visit_failed ? status : at_key(status, name);
+  }
+  const auto pass_over = [&](std::string_view level, const Status& damage) -> Status {
+    const NameBelow below(name, level);
+    const Status visited = (*visit_damaged)(name, depth, WalkEntry::Part::kRecord, damage);
+    visit_failed = !visited.ok();
+    return visited;
+  };
+  const Status status = view.children_with_damage(parent, enter, pass_over);
+  if (visit_failed || !status.is(PRTKV_STORAGE_FAILED)) return visit_failed ? status : at_key(status, name);
+  return (*visit_damaged)(name, depth - 1, WalkEntry::Part::kSubkeys, status);
 }
 
 // Visits a key and, if the visit does not forbid it, everything below it.
-Status descend_from(store::View& view, std::string_view key, const Place& place, FunctionRef<Status(Step&)> visit) {
+Status descend_from(store::View& view, std::string_view key, const Place& place, FunctionRef<Status(Step&)> visit,
+                    const VisitDamaged& visit_damaged = {}) {
   std::string name(key);
   Step top{name, last_level(name), place.parent, place.node, 0, true};
   Status status = visit(top);
-  return status.ok() && top.descend ? descend(view, name, place.node.id, 1, visit) : status;
+  return status.ok() && top.descend ? descend(view, name, place.node.id, 1, visit, visit_damaged) : status;
 }
 
 }  // namespace
@@ -189,6 +222,18 @@ Status Reader::list(const KeyRef& key, bool infos, FunctionRef<Status(const Subk
 
 Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<Status(const WalkEntry& entry)> visit) {
   const bool fails = options.denied == WalkOptions::Denied::kFail;
+  const auto enter_damaged = [&](std::string_view name, std::size_t depth, WalkEntry::Part part, const Status& damage) {
+    WalkEntry entry;
+    entry.name = name;
+    entry.level = last_level(name);
+    entry.depth = depth;
+    entry.damaged = part;
+    entry.damage = &damage;
+    return visit(entry);
+  };
+  Status value_damage;
+  VisitDamaged visit_damaged;
+  if (options.damaged == WalkOptions::Damaged::kVisit) visit_damaged.emplace(enter_damaged);
   const auto enter = [&](Step& step) -> Status {
     WalkEntry entry;
     entry.name = step.name;
@@ -210,7 +255,13 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
     }
     if (options.values && readable) {
       store::Value value;
-      if (Status status = view_.value(step.node.id, &value); !status.ok()) return at_key(status, step.name);
+      value_damage = view_.value(step.node.id, &value);
+      if (value_damage.is(PRTKV_STORAGE_FAILED) && visit_damaged) {
+        entry.damaged = WalkEntry::Part::kValue;
+        entry.damage = &value_damage;
+        return visit(entry);
+      }
+      if (!value_damage.ok()) return at_key(value_damage, step.name);
       entry.type = value.type;
       entry.value = value.bytes;
     }
@@ -218,7 +269,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
   };
   Place place;
   Status status = resolve(key, &place);
-  return status.ok() ? descend_from(view_, key.name, place, enter) : status;
+  return status.ok() ? descend_from(view_, key.name, place, enter, visit_damaged) : status;
 }
 
 // Writer

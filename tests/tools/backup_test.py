@@ -279,6 +279,37 @@ class Verify(WithKeys):
         result = self.tkv("verify", exits=DAMAGED)
         self.assertIn("damaged-key: key 'app.marked'", result.text)
 
+    def test_what_is_sound_can_be_saved_beside_damage(self):
+        self.tkv("create", "app.marked")
+        self.tkv("set", "app.marked.below", "kept with its parent")
+        self.tkv("set", "app.marked", "sound-as-a-bell")
+        self.tkv("create", "app.broken", "--owner", "owner-of-the-broken")
+        self.tkv("set", "app.broken.below", "lost with its parent")
+        self.damage(b"sound-as-a-bell", b"sound-as-a-bull")
+        self.damage(b"owner-of-the-broken", b"owner-of-the-brokem")
+        self.fails(DAMAGED, "export")
+        exported = self.tkv("export", "--skip-damaged", exits=PARTLY)
+        keys = {key["name"]: key for key in json.loads(exported.text)["keys"]}
+        self.assertNotIn("app.broken", keys)
+        self.assertNotIn("app.broken.below", keys)
+        self.assertNotIn("type", keys["app.marked"])
+        self.assertEqual(keys["app.marked.below"]["value"], "kept with its parent")
+        self.assertIn("left out: key 'app.broken': ", exported.messages)
+        self.assertIn("left out: the value of key 'app.marked': ", exported.messages)
+        self.assertIn("2 damaged parts left out", exported.messages)
+        backup = self.tkv("backup", "--skip-damaged", exits=PARTLY)
+        self.assertIn("2 damaged parts left out", backup.messages)
+        self.registry = self.folder / "second"
+        self.configure()
+        self.tkv("restore", backup.text.rstrip("\n"))
+        self.assertEqual(self.out("get", "app.marked.below"), "kept with its parent\n")
+        self.assertEqual(self.out("get", "app.marked"), "")
+        self.tkv("verify")
+
+    def test_skipping_damage_where_there_is_none_is_a_plain_success(self):
+        self.assertEqual(self.out("export", "--skip-damaged"), self.before)
+        self.tkv("backup", "--skip-damaged")
+
     def test_repair_removes_what_belongs_to_no_key(self):
         subprocess.run([MAKE_DAMAGE, self.registry, "orphans"], check=True)
         findings = json.loads(self.tkv("verify", "--json", exits=DAMAGED).text)["findings"]

@@ -65,9 +65,10 @@ struct Arguments {
   // access
   bool why = false;
   std::optional<std::string> need;
-  // export, import
+  // export, import, backup
   std::optional<std::string> at;
   bool merge = false;
+  bool skip_damaged = false;
   // verify
   bool repair = false;
   // status

@@ -7,6 +7,7 @@
 #include "context.h"
 #include "input.h"
 #include "records.h"
+#include "sound_walk.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
@@ -45,12 +46,11 @@ Outcome target_path(const Arguments& arguments, const registry::Configuration& c
   return {};
 }
 
-Outcome write_all(Context& context, const std::string& top, BackupWriter* writer) {
+Outcome write_all(Context& context, const std::string& top, bool skip_damaged, SkippedParts* skipped,
+                  BackupWriter* writer) {
   Outcome added;
   Progress progress(context.terminal(), "backup");
-  registry::WalkOptions options;
-  options.values = true;
-  const Status walked = context.client().walk(top, options, [&](const registry::WalkEntry& entry) {
+  const Status walked = walk_sound_keys(context, top, skip_damaged, skipped, [&](const registry::WalkEntry& entry) {
     added = writer->add(record_of(entry));
     progress.show(writer->totals().keys, 0);
     return added.ok() ? Status() : Status(PRTKV_UNKNOWN, added.text());
@@ -78,21 +78,24 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
     return found;
   }
   if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;
-  if (Outcome written = write_all(context, head.top, &writer); !written.ok()) return written;
+  SkippedParts skipped;
+  const Outcome written = write_all(context, head.top, arguments.skip_damaged, &skipped, &writer);
+  if (!written.ok()) return written;
   if (Outcome finished = finish(context, &writer); !finished.ok()) return finished;
   if (context.json()) {
     context.output().line(totals_json(path, writer.totals(), writer.hash()).str());
-    return {};
+    return skipped.outcome("backup");
   }
   context.print(path);
   note(context.terminal(), "tkv: backup of " + counted(writer.totals().keys, "key") + ", " +
                                counted(writer.totals().values, "value") + ", checked");
-  return {};
+  return skipped.outcome("backup");
 }
 
 constexpr std::array kOperands{one("TO", "A new file, or a directory; default: the configured backup location", false,
                                    &Arguments::file, Candidates::kFiles)};
-constexpr std::array kOptions{valued("--key", "KEY", "Back up only this subtree", &Arguments::at, Candidates::kKeys)};
+constexpr std::array kOptions{valued("--key", "KEY", "Back up only this subtree", &Arguments::at, Candidates::kKeys),
+                              kSkipDamaged};
 
 }  // namespace
 
@@ -103,6 +106,10 @@ constinit const Verb kBackupVerb{
 file appears whole or not at all: it is made durable, opened again, checked and
 counted before success is reported and its name printed. A file that exists is
 not touched (exit code 5). Needs the rights r and l on every key.
+
+A damaged key is an error (exit code 8). --skip-damaged leaves damage out, names
+it, and exits with 9: a key that cannot be read is missing with its subkeys, one
+whose value cannot be read has no value.
 )",
     .examples = R"(  tkv backup
   tkv backup /mnt/safe/

@@ -38,6 +38,8 @@ inline constexpr Option kInherit =
     flag("--inherit", "Take rights and group of a key that is created from its parent", &Arguments::inherit);
 inline constexpr Option kNullEnds =
     flag("-0,--null", "End each line with NUL instead of newline", &Arguments::null_ends);
+inline constexpr Option kSkipDamaged =
+    flag("--skip-damaged", "Leave out what cannot be read, and say so", &Arguments::skip_damaged);
 inline constexpr Option kDryRun = flag("-n,--dry-run", "Print the difference, change nothing", &Arguments::dry_run);
 
 inline constexpr std::array kKeyOrRoot{one("KEY", "Full name; default: the root", false, &Arguments::key)};

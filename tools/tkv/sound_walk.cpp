@@ -1,0 +1,37 @@
+#include "sound_walk.h"
+
+#include "registry/name.h"
+
+namespace tkv::command {
+namespace {
+
+using Part = registry::WalkEntry::Part;
+
+const char* name_of(Part part) {
+  if (part == Part::kValue) return "the value of ";
+  return part == Part::kSubkeys ? "subkeys of " : "";
+}
+
+}  // namespace
+
+Outcome SkippedParts::outcome(const char* what) const {
+  if (count == 0) return {};
+  return {Exit::kPartly, std::string("the ") + what + " is incomplete: " + counted(count, "damaged part") +
+                             " left out; tkv verify names all damage"};
+}
+
+Status walk_sound_keys(Context& context, const std::string& top, bool skip_damaged, SkippedParts* skipped,
+                       FunctionRef<Status(const registry::WalkEntry& entry)> visit) {
+  registry::WalkOptions options;
+  options.values = true;
+  if (skip_damaged) options.damaged = registry::WalkOptions::Damaged::kVisit;
+  return context.client().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
+    if (entry.damaged == Part::kNone) return visit(entry);
+    ++skipped->count;
+    context.complain({Exit::kDamaged, std::string("left out: ") + name_of(entry.damaged) +
+                                          registry::describe(entry.name) + ": " + entry.damage->text()});
+    return entry.damaged == Part::kValue ? visit(entry) : Status();
+  });
+}
+
+}  // namespace tkv::command
