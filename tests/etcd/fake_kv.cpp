@@ -168,6 +168,17 @@ std::int64_t FakeKv::revision() const {
   return revision_;
 }
 
+FakeKv::State FakeKv::state() const {
+  const std::lock_guard lock(mutex_);
+  return {keys_, revision_};
+}
+
+void FakeKv::restore(const State& state) {
+  const std::lock_guard lock(mutex_);
+  keys_ = state.keys;
+  revision_ = state.revision;
+}
+
 void FakeKv::compact() {
   const std::lock_guard lock(mutex_);
   compacted_ = revision_;

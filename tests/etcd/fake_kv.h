@@ -18,6 +18,21 @@ namespace tkv::store::etcd {
 
 class FakeKv final : public Kv {
  public:
+  struct Version {
+    std::int64_t mod_revision = 0;
+    std::int64_t create_revision = 0;
+    bool exists = true;
+    std::string value;
+  };
+
+  // All that is stored, as in a snapshot of the cluster.
+  struct State {
+    std::map<std::string, std::vector<Version>> keys;
+    std::int64_t revision = 1;
+  };
+  State state() const;
+  void restore(const State& state);
+
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
@@ -42,13 +57,6 @@ class FakeKv final : public Kv {
   int requests() const;
 
  private:
-  struct Version {
-    std::int64_t mod_revision = 0;
-    std::int64_t create_revision = 0;
-    bool exists = true;
-    std::string value;
-  };
-
   const Version* version(const std::string& key, std::int64_t revision) const;
   std::vector<std::string> keys_of(const std::string& key, const std::string& end, std::int64_t revision) const;
   bool holds(const Compare& compare) const;

@@ -34,8 +34,8 @@ Status Commit::make() {
 }
 
 bool Commit::fits(const TxnRequest& request) {
-  return request.success_size() < kMaxTxnOperations && request.compare_size() < kMaxTxnOperations &&
-         request.failure_size() + 1 < kMaxTxnOperations && request.ByteSizeLong() <= kMaxTxnBytes;
+  return request.success_size() < kMaxTxnOperations && request.compare_size() + kAddedCompares <= kMaxTxnOperations &&
+         request.failure_size() + kAddedCompares <= kMaxTxnOperations && request.ByteSizeLong() <= kMaxTxnBytes;
 }
 
 // All writes in one transaction, or the decision to carry out the redo log.

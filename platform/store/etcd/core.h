@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "store/etcd/claims.h"
+#include "store/etcd/history.h"
 #include "store/etcd/id_source.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/kv.h"
@@ -20,7 +21,7 @@ namespace tkv::store::etcd {
 
 struct Core {
   Core(std::unique_ptr<Kv> connected, std::string prefix)
-      : kv(std::move(connected)),
+      : kv(std::make_unique<History>(std::move(connected))),
         keys(std::move(prefix)),
         cache(kCachedNodes),
         ids(*kv, keys),
@@ -33,7 +34,7 @@ struct Core {
 
   Deadline deadline() const { return Deadline(kv->timeout()); }
 
-  std::unique_ptr<Kv> kv;
+  std::unique_ptr<History> kv;
   const Keys keys;
   NodeCache cache;
   IdSource ids;

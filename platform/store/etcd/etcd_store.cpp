@@ -122,8 +122,9 @@ EtcdStore::~EtcdStore() {
   (void)guarded([&]() -> Status {
     TxnRequest request;
     for (const std::string& key : core_.writers.used()) {
-      if (request.success_size() < kMaxTxnOperations) erase(request.add_success(), key);
+      if (request.success_size() + 1 < kMaxTxnOperations) erase(request.add_success(), key);
     }
+    if (std::string key = core_.ids.claims_key(); !key.empty()) erase(request.add_success(), std::move(key));
     if (request.success_size() == 0) return {};
     TxnResponse response;
     constexpr std::chrono::milliseconds kLongest{500};

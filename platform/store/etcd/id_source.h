@@ -1,14 +1,15 @@
 // IdSource: node ids that are never used twice. Every process takes blocks of ids from one counter in the cluster by
-// compare-and-swap.
+// compare-and-swap. Each claim rewrites a key of the session as well, by which History notices that it was undone.
 //
 // Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
 #define TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
 
 #include <mutex>
+#include <string>
 
+#include "store/etcd/history.h"
 #include "store/etcd/keys.h"
-#include "store/etcd/kv.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -21,7 +22,7 @@ struct IdRange {
 
 class IdSource {
  public:
-  IdSource(Kv& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
+  IdSource(History& kv, const Keys& keys);
 
   Status take(NodeId* id, Deadline deadline);
 
@@ -31,15 +32,21 @@ class IdSource {
   // The counter as it was last seen. Saves a round trip for the first block.
   void know(const Meta& meta, std::int64_t mod_revision);
 
+  // The key of this session's claims; empty if there were none.
+  std::string claims_key() const;
+
  private:
   Status claim(std::uint64_t size, IdRange* block, Deadline deadline);
 
-  Kv& kv_;
+  History& kv_;
   const Keys& keys_;
-  std::mutex mutex_;
+  const std::string claims_key_;
+  mutable std::mutex mutex_;
   IdRange block_;
   Meta meta_;
   std::int64_t mod_revision_ = 0;
+  std::int64_t claimed_at_ = 0;  // revision of the last claim
+  std::uint64_t claims_ = 0;
 };
 
 }  // namespace tkv::store::etcd

@@ -96,6 +96,7 @@ Status Opening::create(bool* created) {
                                 " in etcd: there are other keys, such as " +
                                 quoted(response.responses(1).response_range().kvs(0).key())};
   }
+  core_.kv->hold_mark(keys_.mark(), mark);
   core_.ids.know(Meta(), response.header().revision());
   core_.claims.learn(RangeResponse(), response.header().revision());
   return {};
@@ -110,13 +111,15 @@ Status Opening::take(const TxnResponse& found) {
   if (part(found, kMark).kvs_size() == 0) {
     if (Status status = mark(record.mod_revision()); !status.ok()) return status;
   } else {
-    const auto mark = RegistryMark::parse(part(found, kMark).kvs(0).value());
+    const std::string& text = part(found, kMark).kvs(0).value();
+    const auto mark = RegistryMark::parse(text);
     if (!mark) return {PRTKV_STORAGE_FAILED, "the key " + quoted(keys_.mark()) + " in etcd is damaged"};
     if (mark->format > RegistryMark::kFormat) {
       return {PRTKV_STORAGE_FAILED, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
                                         std::to_string(mark->format) + ", and this release knows up to " +
                                         std::to_string(RegistryMark::kFormat)};
     }
+    core_.kv->hold_mark(keys_.mark(), text);
   }
   const NodePlace root{kNoNode, ""};
   core_.ids.know(meta, record.mod_revision());
@@ -135,10 +138,18 @@ Status Opening::mark(std::int64_t meta_revision) {
   TxnRequest request;
   compare_revision(&request, keys_.mark(), 0);
   compare_not_removed(&request, keys_.meta(), meta_revision);
-  put(request.add_success(), keys_.mark(), RegistryMark::make().print());
+  const std::string mark = RegistryMark::make().print();
+  put(request.add_success(), keys_.mark(), mark);
+  *request.add_failure()->mutable_request_range() = get_one(keys_.mark());
   TxnResponse response;
   const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
-  return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
+  if (!status.ok()) return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
+  if (response.succeeded()) {
+    core_.kv->hold_mark(keys_.mark(), mark);
+  } else if (response.responses(0).response_range().kvs_size() > 0) {
+    core_.kv->hold_mark(keys_.mark(), response.responses(0).response_range().kvs(0).value());
+  }
+  return {};
 }
 
 // Every beginning of the prefix may be the prefix of another registry. What this session may not read, it cannot write

@@ -1,9 +1,12 @@
 #include "store/etcd/owner.h"
 
+#include <signal.h>
 #include <sys/random.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <fstream>
 #include <random>
@@ -51,10 +54,15 @@ bool has_ended(std::string_view owner) {
   std::istringstream words{std::string(owner)};
   std::string boot, name_space, process, start;
   if (!(words >> boot >> name_space >> process >> start)) return false;
-  if (process.find_first_not_of("0123456789") != std::string::npos) return false;
+  pid_t number = 0;
+  const char* const end = process.data() + process.size();
+  if (std::from_chars(process.data(), end, number).ptr != end || number <= 0) return false;
   if (boot == "unknown" || boot != first_word("/proc/sys/kernel/random/boot_id")) return false;
   if (name_space == "unknown" || name_space != process_namespace()) return false;
-  return start_of(process) != start;
+  // The system may hide the processes of others from /proc, but not from kill().
+  if (kill(number, 0) != 0) return errno == ESRCH;
+  const std::string start_now = start_of(process);
+  return !start_now.empty() && start_now != start;
 }
 
 std::int64_t seconds_now() {

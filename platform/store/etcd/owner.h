@@ -11,7 +11,8 @@ namespace tkv::store::etcd {
 // This process: "<boot id of the machine> <process namespace> <process> <its start>", without line breaks.
 std::string this_owner();
 
-// Whether the owner is known to have ended. False for owners on other machines, of which nothing is known.
+// Whether the owner is known to have ended. False if that is unknown: for owners on other machines or in other process
+// namespaces, and for processes that the system hides.
 bool has_ended(std::string_view owner);
 
 // Seconds since 1970.

@@ -29,6 +29,15 @@ inline void compare_revision(TxnRequest* request, std::string key, std::int64_t 
   compare->set_mod_revision(mod_revision);
 }
 
+// The key has this value. False if it does not exist.
+inline void compare_value(TxnRequest* request, std::string key, std::string value) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::VALUE);
+  compare->set_result(Compare::EQUAL);
+  compare->set_key(std::move(key));
+  compare->set_value(std::move(value));
+}
+
 // The key has existed since this revision or longer, and may have been rewritten.
 inline void compare_not_removed(TxnRequest* request, std::string key, std::int64_t revision) {
   Compare* compare = request->add_compare();

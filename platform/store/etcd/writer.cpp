@@ -103,7 +103,7 @@ void Writers::give_back(Mark mark) {
 
 std::string Writers::next_text() {
   const std::lock_guard lock(mutex_);
-  return std::to_string(++texts_) + " " + std::to_string(seconds_now()) + " " + owner_;
+  return print_mark(++texts_, owner_);
 }
 
 std::vector<std::string> Writers::used() const {
@@ -111,6 +111,10 @@ std::vector<std::string> Writers::used() const {
   std::vector<std::string> keys;
   for (const Mark& mark : free_) keys.push_back(mark.key);
   return keys;
+}
+
+std::string print_mark(std::uint64_t number, const std::string& owner) {
+  return std::to_string(number) + " " + std::to_string(seconds_now()) + " " + owner;
 }
 
 MarkText parse_mark(const std::string& text) {

@@ -66,6 +66,7 @@ struct MarkText {
   std::string owner;
 };
 MarkText parse_mark(const std::string& text);
+std::string print_mark(std::uint64_t number, const std::string& owner);
 
 }  // namespace tkv::store::etcd
 

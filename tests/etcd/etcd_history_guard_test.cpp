@@ -1,0 +1,126 @@
+// A session whose cluster goes back to a snapshot, against a cluster in memory.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "fake_kv.h"
+#include "store/etcd/opening.h"
+#include "store/etcd/stm.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+class EtcdRestoredSnapshot : public testing::Test {
+ protected:
+  // A session of the registry.
+  std::unique_ptr<Core> session() {
+    auto core = std::make_unique<Core>(std::make_unique<SharedKv>(kv_), "/tkv/");
+    EtcdOptions options;
+    EXPECT_TRUE(done(open_registry(*core, options)));
+    return core;
+  }
+
+  template <typename Function>
+  static Status run(Core& core, Function function) {
+    NextRun next;
+    for (int runs = 0; runs < 5; ++runs) {
+      Stm stm(core, Stm::Purpose::kWrite, std::move(next), core.deadline());
+      Status result = stm.start();
+      if (result.ok()) result = function(stm);
+      if (stm.finish(&result)) return result;
+      next = stm.take_next();
+    }
+    return {PRTKV_UNREACHABLE, "ran too often"};
+  }
+
+  static Status create(Core& core, const std::string& name, NodeId* id = nullptr) {
+    return run(core, [&](Update& update) -> Status {
+      Node root;
+      Node node;
+      if (Status status = update.find(kNoNode, "", &root); !status.ok()) return status;
+      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+      if (id != nullptr) *id = node.id;
+      return update.insert(kRootNode, name, node);
+    });
+  }
+
+  // Others write until the cluster's revision is what it was before the restoration, and more.
+  void catch_up(Core& core, std::int64_t revision) {
+    for (int i = 0; kv_.revision() <= revision; ++i) {
+      ASSERT_TRUE(done(create(core, "other" + std::to_string(i))));
+    }
+  }
+
+  static void expect_ended(const Status& status) {
+    EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.text();
+    EXPECT_NE(status.text().find("another history"), std::string::npos) << status.text();
+  }
+
+  FakeKv kv_;
+};
+
+TEST_F(EtcdRestoredSnapshot, EndsASessionThatSeesARevisionGoBackwards) {
+  const auto before = session();
+  ASSERT_TRUE(done(create(*before, "a")));
+  const FakeKv::State snapshot = kv_.state();
+  ASSERT_TRUE(done(create(*before, "b")));
+  kv_.restore(snapshot);
+  Node node;
+  expect_ended(run(*before, [&](View& view) { return view.find(kNoNode, "", &node); }));
+  const auto after = session();
+  EXPECT_TRUE(done(create(*after, "b")));
+  expect_ended(create(*before, "c"));
+}
+
+TEST_F(EtcdRestoredSnapshot, GivesNoIdTwiceHoweverFarTheOthersHaveCome) {
+  const auto before = session();
+  const FakeKv::State snapshot = kv_.state();
+  NodeId first = kNoNode;
+  ASSERT_TRUE(done(create(*before, "a", &first)));
+  const std::int64_t revision = kv_.revision();
+  kv_.restore(snapshot);
+  const auto after = session();
+  NodeId again = kNoNode;
+  ASSERT_TRUE(done(create(*after, "b", &again)));
+  EXPECT_EQ(again, first) << "the counter went back";
+  catch_up(*after, revision + 10);
+  expect_ended(create(*before, "c"));
+}
+
+TEST_F(EtcdRestoredSnapshot, EndsASessionWhoseLastClaimOfIdsWasUndone) {
+  const auto before = session();
+  ASSERT_TRUE(done(create(*before, "a")));
+  const FakeKv::State snapshot = kv_.state();
+  IdRange block;
+  ASSERT_TRUE(done(before->ids.take_block(1000, &block, before->deadline())));
+  const std::int64_t revision = kv_.revision();
+  kv_.restore(snapshot);
+  const auto after = session();
+  catch_up(*after, revision + 10);
+  expect_ended(create(*before, "c"));
+}
+
+TEST_F(EtcdRestoredSnapshot, EndsASessionOfARegistryThatWasMadeAnew) {
+  const auto before = session();
+  ASSERT_TRUE(done(create(*before, "a")));
+  TxnRequest wipe;
+  erase(wipe.add_success(), Keys("/tkv/").all());
+  TxnResponse response;
+  ASSERT_TRUE(kv_.txn(wipe, &response, before->deadline()).ok());
+  const auto after = session();
+  expect_ended(run(*before, [](Update& update) { return update.set_value(kRootNode, 3, bytes_of("lost")); }));
+  EXPECT_TRUE(done(create(*after, "b")));
+}
+
+TEST_F(EtcdRestoredSnapshot, LeavesSessionsInTheirOwnHistoryAlone) {
+  const auto one = session();
+  const auto two = session();
+  for (int i = 0; i < 600; ++i) {
+    ASSERT_TRUE(done(create(i % 2 == 0 ? *one : *two, "k" + std::to_string(i))));
+  }
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd
