@@ -13,6 +13,8 @@ BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc)
+# Tests wait more than they compute.
+TEST_JOBS ?= $(shell expr $(JOBS) + 1)
 
 # $(call require,packages): installs those that are missing, or says which they are.
 define require
@@ -57,14 +59,14 @@ build: packages-build ## build library, jar and command into build/release
 
 test: packages-test check-format ## everything that has to pass: format, tests, coverage of the bridge, sanitizers
 	$(call preset,release,-DTKV_TESTS=ON)
-	ctest --preset release -j $(JOBS)
+	ctest --preset release -j $(TEST_JOBS)
 	$(call preset,coverage)
-	ctest --preset coverage -j $(JOBS)
+	ctest --preset coverage -j $(TEST_JOBS)
 	tests/bridge/coverage.sh build/coverage
 	$(call preset,asan)
-	ctest --preset asan -j $(JOBS)
+	ctest --preset asan -j $(TEST_JOBS)
 	$(call preset,tsan)
-	ctest --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(TEST_JOBS)
 
 prove: packages-test lint fuzz ## long runs: static analysis, fuzzers, fault trials
 	$(call preset,release,-DTKV_TESTS=ON)
@@ -93,6 +95,7 @@ bench: packages-bench ## measure beside the peers
 	bench/run-etcd
 
 format: packages-lint ## format all C and C++
+	git ls-files '*.h' '*.c' '*.cpp' | xargs tests/build/braces.py --fix
 	git ls-files '*.h' '*.c' '*.cpp' | xargs clang-format -i
 
 check-format: packages-test

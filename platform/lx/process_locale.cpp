@@ -63,9 +63,7 @@ const Charset* charset_of_locale(std::string_view locale) {
   const std::string_view modifier = at == std::string_view::npos ? std::string_view() : locale.substr(at + 1);
   const std::string_view base = locale.substr(0, at);
   const std::size_t dot = base.find('.');
-  if (dot != std::string_view::npos && dot + 1 < base.size()) {
-    return Charset::find(base.substr(dot + 1));
-  }
+  if (dot != std::string_view::npos && dot + 1 < base.size()) return Charset::find(base.substr(dot + 1));
   if (is_c_locale(base.substr(0, dot))) return Charset::find(kDefaultCharset);
   const std::string charset = installed_charset(locale);
   if (!charset.empty()) return find_charset(charset);

@@ -268,8 +268,9 @@ Surroundings Surroundings::of_process() {
   surroundings.variable = [](const char* name) -> const char* { return ::secure_getenv(name); };
   surroundings.user = ::geteuid();
   const char* home = surroundings.variable("HOME");
-  if (surroundings.user != 0 && (home == nullptr || *home != '/'))
+  if (surroundings.user != 0 && (home == nullptr || *home != '/')) {
     surroundings.home = home_by_records(surroundings.user);
+  }
   return surroundings;
 }
 

@@ -32,8 +32,9 @@ Status open_client(Configuration configuration, const OpenOptions& options, std:
   opening.read_only = options.read_only;
   opening.max_wait_ms = options.max_wait_ms;
   opening.root_security = default_security(identity);
-  if (Status status = kind_of(configuration).open(place_of(configuration), opening, &store); !status.ok())
+  if (Status status = kind_of(configuration).open(place_of(configuration), opening, &store); !status.ok()) {
     return status;
+  }
   *client = std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store));
   return {};
 }

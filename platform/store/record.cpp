@@ -85,8 +85,9 @@ Status check(std::span<const std::byte> record, RecordKind kind, std::size_t lea
   }
   if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   if (!is_sealed(record, seed)) return damaged("its checksum does not match");
-  if (version == 0 || record[1] != static_cast<std::byte>(kind) || get<std::uint16_t>(record.data() + 2) != 0)
+  if (version == 0 || record[1] != static_cast<std::byte>(kind) || get<std::uint16_t>(record.data() + 2) != 0) {
     return damaged("it has the header of another kind of record");
+  }
   return {};
 }
 
@@ -102,8 +103,9 @@ NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node) {
 }
 
 Status decode_node(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
-  if (Status status = check(record, RecordKind::kNode, kNodeRecordSize, key_hash(parent, name)); !status.ok())
+  if (Status status = check(record, RecordKind::kNode, kNodeRecordSize, key_hash(parent, name)); !status.ok()) {
     return status;
+  }
   if (record.size() != kNodeRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   const auto id = get<NodeId>(record.data() + kHeaderSize);
   if (id == kNoNode) return damaged("it has no id");
@@ -120,8 +122,9 @@ void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes
 }
 
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) {
-  if (Status status = check(record, RecordKind::kValue, kValueRecordOverhead, key_hash(id, "")); !status.ok())
+  if (Status status = check(record, RecordKind::kValue, kValueRecordOverhead, key_hash(id, "")); !status.ok()) {
     return status;
+  }
   *value = Value{get<std::int32_t>(record.data() + kHeaderSize),
                  record.subspan(kHeaderSize + 4, record.size() - kValueRecordOverhead)};
   return {};
@@ -147,8 +150,9 @@ MetaRecord encode_meta(const Meta& meta) {
 }
 
 Status decode_meta(std::span<const std::byte> record, Meta* meta) {
-  if (Status status = check(record, RecordKind::kMeta, kMetaRecordSize, key_hash(kNoNode, "meta")); !status.ok())
+  if (Status status = check(record, RecordKind::kMeta, kMetaRecordSize, key_hash(kNoNode, "meta")); !status.ok()) {
     return status;
+  }
   if (record.size() != kMetaRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   *meta = Meta{get<NodeId>(record.data() + kHeaderSize), get<std::uint64_t>(record.data() + kHeaderSize + 8)};
   return {};

@@ -18,9 +18,7 @@ constexpr int kAbsent = -1;
 std::optional<int> apply(const Operation& operation, int state) {
   const bool there = state != kAbsent;
   const bool creates = operation.kind == Operation::Kind::kCreate;
-  if (operation.result == Operation::Result::kRefused) {
-    return there == creates ? std::optional(state) : std::nullopt;
-  }
+  if (operation.result == Operation::Result::kRefused) return there == creates ? std::optional(state) : std::nullopt;
   if (there == creates) return {};
   switch (operation.kind) {
     case Operation::Kind::kCreate:

@@ -265,15 +265,17 @@ TEST_F(Lmdb, AForkedChildMustOpenTheStoreAgain) {
   EXPECT_EQ(in_child([&] {
               std::string text;
               const Status read = get_text(*store, kRootNode, &text);
-              if (!read.is(PRTKV_UNUSABLE) || read.text().find("before this process was forked") == std::string::npos)
+              if (!read.is(PRTKV_UNUSABLE) || read.text().find("before this process was forked") == std::string::npos) {
                 return 1;
+              }
               if (!set_text(*store, kRootNode, "child").is(PRTKV_UNUSABLE)) return 2;
               Totals totals;
               if (!store
                        ->check(
                            true, [](const Finding&) {}, &totals)
-                       .is(PRTKV_UNUSABLE))
+                       .is(PRTKV_UNUSABLE)) {
                 return 3;
+              }
               store.reset();
               std::shared_ptr<Store> own;
               if (!open_lmdb_store(options_, &own).ok()) return 4;
@@ -349,15 +351,18 @@ TEST_F(Lmdb, OneStoreCanBeFilledFromAnotherInOneWrite) {
                     for (int i = 0; i < kParents; ++i) {
                       Node parent;
                       if (Status status = update.new_id(&parent.id); !status.ok()) return status;
-                      if (Status status = update.insert(kRootNode, std::to_string(i), parent); !status.ok())
+                      if (Status status = update.insert(kRootNode, std::to_string(i), parent); !status.ok()) {
                         return status;
+                      }
                       for (int j = 0; j < kChildren; ++j) {
                         Node child;
                         const std::string name = std::to_string(j * 7919 % kChildren);
                         if (Status status = update.new_id(&child.id); !status.ok()) return status;
                         if (Status status = update.insert(parent.id, name, child); !status.ok()) return status;
-                        if (Status status = update.set_value(child.id, 3, std::as_bytes(std::span(name))); !status.ok())
+                        if (Status status = update.set_value(child.id, 3, std::as_bytes(std::span(name)));
+                            !status.ok()) {
                           return status;
+                        }
                       }
                     }
                     return {};
@@ -376,8 +381,9 @@ TEST_F(Lmdb, OneStoreCanBeFilledFromAnotherInOneWrite) {
                           if (Status status = update.new_id(&twin.id); !status.ok()) return status;
                           if (Status status = update.insert(to, name, twin); !status.ok()) return status;
                           if (Status status = view.value(node.id, &value); !status.ok()) return status;
-                          if (Status status = update.set_value(twin.id, value.type, value.bytes); !status.ok())
+                          if (Status status = update.set_value(twin.id, value.type, value.bytes); !status.ok()) {
                             return status;
+                          }
                           return copy(node.id, twin.id);
                         });
                       };
@@ -479,8 +485,9 @@ TEST_F(LmdbGrowth, OneWriteMayNeedTheMapToGrowManyTimes) {
                     for (int i = 0; i < 100; ++i) {
                       Node node;
                       if (Status status = update.new_id(&node.id); !status.ok()) return status;
-                      if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok())
+                      if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok()) {
                         return status;
+                      }
                       const std::string text(256 * 1024, 't');
                       // A function may overlook a failure; the store does not.
                       (void)update.set_value(node.id, 3, std::as_bytes(std::span(text)));
@@ -963,8 +970,9 @@ TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {
     write_file(data_file(), std::string_view(sound).substr(0, size));
     const int outcome = in_child([&] {
       std::shared_ptr<Store> store;
-      if (const Status status = open_lmdb_store(options_, &store); !status.ok())
+      if (const Status status = open_lmdb_store(options_, &store); !status.ok()) {
         return status.is(PRTKV_STORAGE_FAILED) ? 0 : 1;
+      }
       std::string text;
       const Status status = get_text(*store, id_, &text);
       Totals totals;
@@ -1038,10 +1046,13 @@ TEST_F(LmdbPages, AnySpoiltPageIsAFailureAndNotTheEndOfTheProcess) {
                         Node node;
                         const std::string text(i % 40 == 0 ? 9000 : 20, 't');
                         if (Status status = update.new_id(&node.id); !status.ok()) return status;
-                        if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok())
+                        if (Status status = update.insert(kRootNode, std::to_string(i), node); !status.ok()) {
                           return status;
-                        if (Status status = update.set_value(node.id, 3, std::as_bytes(std::span(text))); !status.ok())
+                        }
+                        if (Status status = update.set_value(node.id, 3, std::as_bytes(std::span(text)));
+                            !status.ok()) {
                           return status;
+                        }
                       }
                       return {};
                     })

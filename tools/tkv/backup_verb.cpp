@@ -32,9 +32,7 @@ std::string fresh_name(const std::string& directory, std::uint64_t taken) {
 Outcome target_path(const Arguments& arguments, const registry::Configuration& configuration, std::uint64_t taken,
                     std::string* path) {
   *path = arguments.file.value_or(configuration.backup_location);
-  if (path->empty()) {
-    return {Exit::kUsage, "no backup location is configured; name a file or a directory"};
-  }
+  if (path->empty()) return {Exit::kUsage, "no backup location is configured; name a file or a directory"};
   if (*path == "-") {
     return {Exit::kUsage, "a backup is read back to check it, so it needs a file; name a file or a directory"};
   }

@@ -23,8 +23,9 @@ Outcome run_help(Context& context, const Arguments& arguments) {
     return {};
   }
   const Verb* verb = arguments.key ? find_verb(*arguments.key) : nullptr;
-  if (arguments.key && verb == nullptr)
+  if (arguments.key && verb == nullptr) {
     return {Exit::kUsage, "there is no verb '" + *arguments.key + "'" + verb_suggestion(*arguments.key)};
+  }
   print(context, help_text(verb));
   return {};
 }

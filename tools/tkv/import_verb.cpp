@@ -38,8 +38,9 @@ Outcome run_import(Context& context, const Arguments& arguments) {
                          : arguments.replace ? MergeMode::kReplace
                                              : MergeMode::kAdd;
   if (Outcome read = read_import(context.terminal(), arguments, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok())
+  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
+  }
   Outcome compared = find_difference(context, wanted, mode, &difference);
   if (mode == MergeMode::kAdd && compared.exit() == Exit::kConflict) {
     compared = {Exit::kConflict,

@@ -226,9 +226,7 @@ Outcome check_order(const Subtree& subtree) {
 
 Outcome read_subtree(const Json& json, KeyProgress progress, Subtree* subtree) {
   std::string other;
-  if (!json.is_object() || json.value("tkv", Json()) != 1) {
-    return wrong("not an export: the object has no \"tkv\":1");
-  }
+  if (!json.is_object() || json.value("tkv", Json()) != 1) return wrong("not an export: the object has no \"tkv\":1");
   if (!has_only(json, {"tkv", "top", "keys"}, &other)) return wrong("an export has no member \"" + other + "\"");
   if (!json.contains("top") || !read_text(json["top"], &subtree->top)) return wrong("\"top\" must be a string");
   if (!json.contains("keys") || !json["keys"].is_array() || json["keys"].empty()) {

@@ -57,8 +57,9 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
   Subtree wanted;
   Difference difference;
   if (Outcome read = read_part(context.terminal(), *arguments.file, arguments.key, &wanted); !read.ok()) return read;
-  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok())
+  if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
+  }
   if (Outcome compared = find_difference(context, wanted, kMode, &difference); !compared.ok()) return compared;
   if (arguments.dry_run) {
     print_difference(context, difference);

@@ -129,8 +129,9 @@ Outcome run_verify(Context& context, const Arguments& arguments) {
     if (arguments.repair) return {Exit::kUsage, "a backup cannot be repaired"};
     return verify_file(context, *arguments.file);
   }
-  if (Outcome opened = arguments.repair ? context.open_to_change() : context.open_to_read(); !opened.ok())
+  if (Outcome opened = arguments.repair ? context.open_to_change() : context.open_to_read(); !opened.ok()) {
     return opened;
+  }
   return verify_registry(context, arguments.repair);
 }
 

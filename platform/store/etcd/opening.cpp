@@ -66,8 +66,9 @@ Status Opening::run() {
     TxnResponse found;
     if (Status status = look(&found); !status.ok()) return status;
     if (part(found, kMeta).kvs_size() > 0) return take(found);
-    if (!options_.create)
+    if (!options_.create) {
       return {PRTKV_NO_SUCH_KEY, "there is no registry under " + quoted(options_.prefix) + " in etcd"};
+    }
     if (Status status = check_enclosing(); !status.ok()) return status;
     bool created = false;
     if (Status status = create(&created); !status.ok() || created) return status;

@@ -161,9 +161,7 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
                                                                static_cast<std::int64_t>(kChildrenPerLook / count));
     }
     TxnResponse found;
-    if (Reply reply = kv_.txn(look, &found, Deadline(pace.request)); !reply.ok()) {
-      return reply.status;
-    }
+    if (Reply reply = kv_.txn(look, &found, Deadline(pace.request)); !reply.ok()) return reply.status;
     std::vector<KeyRange> entries;
     std::vector<NodeId> children;
     std::vector<NodeId> unfinished;
@@ -211,9 +209,7 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
 // First makes sure that the build cannot go on, then removes what it has staged.
 Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace) {
   RangeResponse found;
-  if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) {
-    return reply.status;
-  }
+  if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) return reply.status;
   const auto token = keys_.parse_staging(key);
   if (found.kvs_size() == 0 || !token) return {};
   auto text = BuildText::parse(found.kvs(0).value());
@@ -273,9 +269,7 @@ Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
     RangeRequest request = get_range(range, kKeysPerSweep);
     request.set_keys_only(true);
     RangeResponse page;
-    if (Reply reply = kv_.range(request, &page, Deadline(pace.request)); !reply.ok()) {
-      return reply.status;
-    }
+    if (Reply reply = kv_.range(request, &page, Deadline(pace.request)); !reply.ok()) return reply.status;
     if (page.kvs_size() == 0) return {};
     TxnRequest batch;
     erase(batch.add_success(), KeyRange{range.begin, page.kvs(page.kvs_size() - 1).key() + '\0'});

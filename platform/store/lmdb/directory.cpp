@@ -45,8 +45,9 @@ Status check_access(const std::string& directory) {
 
 Status check_file_system(const std::string& directory, FileSystemType type_of) {
   long type = 0;
-  if (const int error = type_of(directory.c_str(), &type); error != 0)
+  if (const int error = type_of(directory.c_str(), &type); error != 0) {
     return lmdb_status(error, "cannot determine the file system of " + quoted(directory));
+  }
   const FileSystem found = file_system_of_type(type);
   switch (found.kind) {
     case FileSystemKind::kLocal:
@@ -69,10 +70,12 @@ constexpr auto kStatfs = [](const char* path, long* type) -> int {
 };
 
 Status check_path(const std::string& directory) {
-  if (directory.empty() || directory.front() != '/')
+  if (directory.empty() || directory.front() != '/') {
     return {PRTKV_INVALID_ARGUMENT, quoted(directory) + " is not an absolute path"};
-  if (directory.find('\0') != std::string::npos)
+  }
+  if (directory.find('\0') != std::string::npos) {
     return {PRTKV_INVALID_ARGUMENT, quoted(directory.c_str()) + " is followed by a NUL"};
+  }
   return {};
 }
 
@@ -134,8 +137,9 @@ Status check_location(const std::string& directory, const Descriptor& opened, co
   if (Status status = check_trust(directory, Role::kItself, directory, opened, sharing); !status.ok()) return status;
   const Descriptor above(openat(opened.number(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (above.is_open()) {
-    if (Status status = check_trust(directory, Role::kParent, directory + "/..", above, sharing); !status.ok())
+    if (Status status = check_trust(directory, Role::kParent, directory + "/..", above, sharing); !status.ok()) {
       return status;
+    }
   }
   return check_parent_trust(directory, sharing);
 }
@@ -175,8 +179,9 @@ Status share_existing(const Descriptor& directory, const LmdbOptions& options, c
 Status create_directory(const std::string& directory, const Sharing& sharing, Descriptor* created) {
   Descriptor parent(-1);
   if (Status status = open_parent(directory, &parent); !status.ok()) return status;
-  if (Status status = check_trust(directory, Role::kParent, parent_of(directory), parent, sharing); !status.ok())
+  if (Status status = check_trust(directory, Role::kParent, parent_of(directory), parent, sharing); !status.ok()) {
     return status;
+  }
   const std::string name = name_of(directory);
   const int error = mkdirat(parent.number(), name.c_str(), 0700) == 0 ? 0 : errno;
   if (error != 0 && error != EEXIST) return lmdb_status(error, "cannot create the directory " + quoted(directory));
@@ -231,8 +236,9 @@ Status check_directory(const std::string& directory, const std::string& group, F
   if (Status status = open_existing(directory, &opened); !status.ok()) return status;
   if (Status status =
           opened.is_open() ? check_location(directory, opened, sharing) : check_parent_trust(directory, sharing);
-      !status.ok())
+      !status.ok()) {
     return status;
+  }
   const std::string existing = opened.is_open() ? directory : parent_of(directory);
   if (Status status = check_access(existing); !status.ok()) return status;
   return check_file_system(existing, type_of);

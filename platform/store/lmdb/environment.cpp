@@ -77,8 +77,9 @@ Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   Environment* const open = table.find(files->directory());
   if (open == nullptr) return open_anew(options, std::move(files), table, environment);
   if (open->files_->data() != files->data() || open->files_->lock() != files->lock()) return open->files_replaced();
-  if (open->read_only_ && !options.read_only)
+  if (open->read_only_ && !options.read_only) {
     return {PRTKV_ACCESS_DENIED, "the registry in '" + options.directory + "' is open for reading only"};
+  }
   ++open->users_;
   environment->reset(open);
   return {};
@@ -251,12 +252,14 @@ Status Environment::extend_short_file() {
                 "' is shorter than its meta page says, and cannot be extended without write access"};
   }
   MDB_txn* txn = nullptr;
-  if (const int code = mdb_txn_begin(env_, nullptr, 0, &txn); code != 0)
+  if (const int code = mdb_txn_begin(env_, nullptr, 0, &txn); code != 0) {
     return failure(code, "cannot write to the registry");
+  }
   mdb_env_info(env_, &info);
   int error = 0;
-  if (too_short() && ftruncate(file_handle, static_cast<off_t>((info.me_last_pgno + 1) * pages.ms_psize)) != 0)
+  if (too_short() && ftruncate(file_handle, static_cast<off_t>((info.me_last_pgno + 1) * pages.ms_psize)) != 0) {
     error = errno;
+  }
   mdb_txn_abort(txn);
   return failure(error, "cannot extend the registry's file");
 }
@@ -284,8 +287,9 @@ void Environment::end_read(ReaderSlot& slot) {
 Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
   constexpr unsigned kAttempts = 4;
   if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
-  if (code == MDB_MAP_RESIZED)
+  if (code == MDB_MAP_RESIZED) {
     return {PRTKV_BUSY, "the registry in '" + directory_ + "' grew while it was being read; try again"};
+  }
   if (attempt >= kAttempts) return failure(code, "cannot read the registry");
   if (code == MDB_READERS_FULL) return free_reader_slots(nested);
   if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
@@ -323,8 +327,9 @@ Status Environment::grow() {
   const std::string subject = "the registry in '" + directory_ + "' is " + std::to_string(size) + " bytes in size";
   if (fixed_map_size_ != 0) return {PRTKV_STORAGE_FULL, subject + ", the limit set by map_size"};
   if (size > kLargestMapSize / 2) return {PRTKV_STORAGE_FULL, subject + " and cannot grow any further"};
-  if (!address_space_left(size * 2))
+  if (!address_space_left(size * 2)) {
     return {PRTKV_OUT_OF_MEMORY, subject + ", and this process lacks the address space to double it"};
+  }
   return remap(size * 2);
 }
 

@@ -29,24 +29,30 @@ Status read_meta_page(const Descriptor& file, const std::string& path, unsigned 
   const int error = count < 0 ? errno : 0;
   if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
   if (count != sizeof *meta) return not_a_registry(path, "it is too short");
-  if ((meta->header.flags & kMetaPage) == 0 || meta->magic != kMagic)
+  if ((meta->header.flags & kMetaPage) == 0 || meta->magic != kMagic) {
     return not_a_registry(path, meta_page_text(number) + " is not a meta page of LMDB");
-  if (meta->version != kFormatVersion)
+  }
+  if (meta->version != kFormatVersion) {
     return not_a_registry(path, "its LMDB data format has version " + std::to_string(meta->version));
+  }
   const std::size_t size = meta->free_pages.page_size;
-  if (!std::has_single_bit(size) || size < 512 || size > kMaxPageSize)
+  if (!std::has_single_bit(size) || size < 512 || size > kMaxPageSize) {
     return not_a_registry(path, "its page size is " + std::to_string(size));
+  }
   return {};
 }
 
 Status check_meta_page(const std::string& path, unsigned number, const MetaPage& meta) {
   const std::string name = meta_page_text(number);
-  if (meta.transaction % kMetaPages != number)
+  if (meta.transaction % kMetaPages != number) {
     return not_a_registry(path, name + " carries the wrong transaction number");
-  if (meta.last_page < 1 || meta.last_page >= kLargestFile / meta.free_pages.page_size)
+  }
+  if (meta.last_page < 1 || meta.last_page >= kLargestFile / meta.free_pages.page_size) {
     return not_a_registry(path, name + " gives " + std::to_string(meta.last_page) + " as the last page");
-  if (meta.map_size > kLargestFile)
+  }
+  if (meta.map_size > kLargestFile) {
     return not_a_registry(path, name + " gives a map size of " + std::to_string(meta.map_size) + " bytes");
+  }
   const bool is_usual = (meta.free_pages.flags & kTreeKind) == kIntegerKeyTree && meta.records.flags == kPlainTree;
   return is_usual ? Status() : not_a_registry(path, name + " describes another kind of database");
 }
@@ -57,8 +63,9 @@ Status check_meta_pages(const Descriptor& file, const std::string& path) {
   if (Status status = read_meta_page(file, path, 0, 0, &first); !status.ok()) return status;
   const std::size_t page_size = first.free_pages.page_size;
   if (Status status = read_meta_page(file, path, 1, page_size, &second); !status.ok()) return status;
-  if (second.free_pages.page_size != page_size)
+  if (second.free_pages.page_size != page_size) {
     return not_a_registry(path, "its two meta pages give different page sizes");
+  }
   // LMDB chooses one of them by its transaction number, which may be damaged: both must be sound.
   if (Status status = check_meta_page(path, 0, first); !status.ok()) return status;
   return check_meta_page(path, 1, second);

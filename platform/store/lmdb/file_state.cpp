@@ -89,15 +89,17 @@ Status try_to_locate(MDB_env* env, FileMap* map, bool* found) {
   const std::uint64_t transaction = mdb_txn_id(raw);
   MetaPage meta{};
   if (Status status = read_at(file, *map, transaction % kMetaPages, std::as_writable_bytes(std::span(&meta, 1)));
-      !status.ok())
+      !status.ok()) {
     return status;
+  }
   if (meta.transaction > transaction) return {};  // overwritten since
   FileState state;
   if (Status status = load_state(*map, meta, transaction, &state); !status.ok()) return status;
   FirstLeaf leaf(file, *map);
-  if (state.records.page == kNoPage)
+  if (state.records.page == kNoPage) {
     return {PRTKV_STORAGE_FAILED,
             "the file in '" + std::string(map->directory) + "' lacks a registry's record of itself"};
+  }
   if (Status status = leaf.read(state); !status.ok()) return status;
   const Key key = Key::meta();
   MDB_val key_val = key.val();
@@ -152,16 +154,19 @@ void copy_meta_page(const FileMap& map, std::uint64_t transaction, MetaPage* met
 Status load_state(const FileMap& map, const MetaPage& meta, std::uint64_t transaction, FileState* state) {
   const auto damaged = [&](const char* defect) { return damaged_page(map, {transaction % kMetaPages, defect}); };
   if (meta.magic != kMagic || meta.version != kFormatVersion || (meta.header.flags & kMetaPage) == 0 ||
-      meta.free_pages.page_size != map.page_size)
+      meta.free_pages.page_size != map.page_size) {
     return damaged("is not a meta page of LMDB");
+  }
   if (meta.transaction != transaction) return damaged("carries the wrong transaction number");
-  if (meta.last_page < kMetaPages - 1 || meta.last_page >= map.size / map.page_size)
+  if (meta.last_page < kMetaPages - 1 || meta.last_page >= map.size / map.page_size) {
     return damaged("gives an impossible last page");
+  }
   for (const TreeRoot* tree : {&meta.records, &meta.free_pages}) {
     const bool is_empty = tree->page == kNoPage;
     const bool has_depth = tree->depth > 0 && tree->depth <= kMaxTreeDepth;
-    if (!is_empty && (!has_depth || tree->page < kMetaPages || tree->page > meta.last_page))
+    if (!is_empty && (!has_depth || tree->page < kMetaPages || tree->page > meta.last_page)) {
       return damaged("gives an impossible root page");
+    }
   }
   *state = FileState{map, transaction, meta.last_page + 1, meta.records, meta.free_pages};
   return {};

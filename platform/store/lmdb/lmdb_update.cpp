@@ -60,8 +60,9 @@ Status LmdbUpdate::load_meta() {
   if (Status status = get(Key::meta(), &found, &record); !status.ok()) return status;
   if (!found) return {PRTKV_STORAGE_FAILED, "the registry in '" + environment_.directory() + "' lacks its own record"};
   Meta meta;
-  if (Status status = decode_meta(record, &meta); !status.ok())
+  if (Status status = decode_meta(record, &meta); !status.ok()) {
     return status.about("the record of the registry itself");
+  }
   meta_ = meta;
   return {};
 }
@@ -104,8 +105,9 @@ Status LmdbUpdate::seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* 
 Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
   Cursor cursor(nullptr, &mdb_cursor_close);
   MDB_cursor* raw = nullptr;
-  if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0)
+  if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0) {
     return succeeded({code, code}, "cannot read the registry");
+  }
   cursor.reset(raw);
   MDB_val key{};
   MDB_val data{};

@@ -52,8 +52,9 @@ PageDefect check_overflow_header(const std::byte* bytes, std::size_t page_size, 
   // A record that was replaced by a shorter one in the same transaction keeps the longer one's pages.
   const std::uint64_t pages = header.lower | std::uint64_t{header.upper} << 16;
   if (header.number != number || header.flags != kOverflowPage || pages < overflow_pages(size, page_size) ||
-      !exists(number, pages, page_count))
+      !exists(number, pages, page_count)) {
     return "is not the beginning of the record that it should hold";
+  }
   return nullptr;
 }
 

@@ -82,8 +82,9 @@ class Page {
     std::memcpy(&header, bytes, sizeof header);
     if (header.number != number) return "carries the number of another page";
     if (header.flags != kind) return "is of the wrong kind";
-    if (header.lower < sizeof header || header.lower % 2 != 0 || header.lower > header.upper || header.upper > size)
+    if (header.lower < sizeof header || header.lower % 2 != 0 || header.lower > header.upper || header.upper > size) {
       return "has impossible bounds";
+    }
     bytes_ = bytes;
     size_ = size;
     number_ = number;

@@ -91,8 +91,9 @@ Status PageCheck::check_meta_pages() const {
     if (meta.transaction % kMetaPages != number) return damaged(number, "carries the wrong transaction number");
     if (meta.transaction != state_.transaction) continue;
     if (std::memcmp(&meta.records, &state_.records, sizeof(TreeRoot)) != 0 ||
-        std::memcmp(&meta.free_pages, &state_.free_pages, sizeof(TreeRoot)) != 0)
+        std::memcmp(&meta.free_pages, &state_.free_pages, sizeof(TreeRoot)) != 0) {
       return damaged(number, "has changed since it was read");
+    }
   }
   return {};
 }
@@ -119,8 +120,9 @@ Status PageCheck::check_page(const Pending& at, const TreeRoot& tree) {
   Page page;
   PageDefect defect = page.open(bytes_.data(), bytes_.size(), at.number, is_leaf ? kLeafPage : kBranchPage);
   if (defect == nullptr) defect = page.check_nodes(state_.page_count, keys_);
-  if (defect == nullptr && keys_ == Page::Keys::kBytes && !is_within(page, at.lower, at.upper))
+  if (defect == nullptr && keys_ == Page::Keys::kBytes && !is_within(page, at.lower, at.upper)) {
     defect = "has keys outside the range that its parent allows";
+  }
   if (defect != nullptr) return damaged(at.number, defect);
   ++(is_leaf ? counted_.leaf_pages : counted_.branch_pages);
   return is_leaf ? check_records(page) : check_children(page, at);
@@ -195,8 +197,9 @@ Status PageCheck::check_free_list(std::uint64_t page, std::span<const std::byte>
     std::memcpy(&number, list.data() + index * kWord, kWord);
     return number;
   };
-  if (list.size() < kWord || number_at(0) > list.size() / kWord - 1)
+  if (list.size() < kWord || number_at(0) > list.size() / kWord - 1) {
     return damaged(page, "has a list of free pages that is cut off");
+  }
   for (std::size_t i = 1; i <= number_at(0); ++i)
     if (Status status = take(number_at(i)); !status.ok()) return status;
   return {};

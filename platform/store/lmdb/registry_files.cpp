@@ -87,8 +87,9 @@ Status RegistryFiles::open_file(const char* name, Descriptor* file, FileIdentity
 Status RegistryFiles::check_file(const char* name, const struct stat& file) const {
   const std::string path = quoted(path_of(name));
   if (!S_ISREG(file.st_mode)) return {PRTKV_UNUSABLE, path + " is not a plain file"};
-  if (file.st_nlink > 1)
+  if (file.st_nlink > 1) {
     return {PRTKV_UNUSABLE, path + " has " + std::to_string(file.st_nlink) + " names (hard links); it must have one"};
+  }
   const bool is_trusted = file.st_uid == geteuid() || file.st_uid == 0 || file.st_uid == owner_ ||
                           (sharing_.group && file.st_gid == *sharing_.group);
   if (is_trusted) return {};
@@ -182,8 +183,9 @@ Status RegistryFiles::prepare_lock_file() const {
   struct stat found {};
   if (!file.is_open() || fstat(file.number(), &found) != 0) return {};  // LMDB will report it
   const std::string path = quoted(path_of(kLockFile));
-  if (!looks_like_lock_file(file.number()))
+  if (!looks_like_lock_file(file.number())) {
     return {PRTKV_UNUSABLE, path + " is not a lock file of LMDB; remove it when no process uses the registry"};
+  }
   if (found.st_size >= kLockFileSize && found.st_blocks * 512 >= found.st_size) return {};
   // Not posix_fallocate: where the file system lacks the operation, it would write to a file that others have mapped.
   const int error = fallocate(file.number(), 0, 0, std::max(kLockFileSize, found.st_size)) == 0 ? 0 : errno;

@@ -134,8 +134,9 @@ PageDamage TreeCursor::check_range(int level) const {
   };
   std::span<const std::byte> smallest;
   std::span<const std::byte> largest;
-  if (!key_of(page, page.is_leaf() ? 0 : 1, &smallest) || !key_of(page, page.count() - 1, &largest))
+  if (!key_of(page, page.is_leaf() ? 0 : 1, &smallest) || !key_of(page, page.count() - 1, &largest)) {
     return {page.number(), kOutside};
+  }
   bool has_lower = false;
   bool has_upper = false;
   std::span<const std::byte> bound;
@@ -218,8 +219,9 @@ PageDamage TreeCursor::check_path(CheckedPages* checked) const {
   for (int level = 0; level <= leaf_level(); ++level) {
     const Page& page = levels_[static_cast<std::size_t>(level)].page;
     if (!checked->add(page.number())) continue;
-    if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr)
+    if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) {
       return {page.number(), defect};
+    }
     if (keys_ == Page::Keys::kIntegers) continue;
     if (PageDamage damage = check_range(level)) return damage;
   }
