@@ -250,9 +250,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
     }
     const bool readable = (entry.rights & TKV_RIGHT_READ) != 0;
     if (readable) entry.security = step.node.security;
-    if (options.values && !readable && fails) {
-      return demand(TKV_RIGHT_READ, step.name, step.node, "reading its value");
-    }
+    if (options.values && !readable && fails) return demand(TKV_RIGHT_READ, step.name, step.node, "reading its value");
     if (options.values && readable) {
       store::Value value;
       value_damage = view_.value(step.node.id, &value);

@@ -15,9 +15,10 @@ namespace tkv::store {
 inline Status check_place(NodeId parent, std::string_view name) {
   if (parent == kNoNode) return {PRTKV_INVALID_ARGUMENT, "the root cannot be moved or removed"};
   if (name.empty()) return {PRTKV_INVALID_NAME, "a level of a name cannot be empty"};
-  if (name.size() > kMaxLevelSize)
+  if (name.size() > kMaxLevelSize) {
     return {PRTKV_INVALID_NAME, "a level of a name has " + std::to_string(name.size()) + " bytes, more than " +
                                     std::to_string(kMaxLevelSize)};
+  }
   return {};
 }
 

@@ -41,8 +41,9 @@ void TreeCheck::finish(Totals* totals, Removable* removable) {
 TreeCheck::Removable TreeCheck::find_removable() const {
   Removable removable;
   for (std::size_t i = 0; i < nodes_.size(); ++i)
-    if (standings_[i] != Standing::kReached && standings_[i] != Standing::kUnknown)
+    if (standings_[i] != Standing::kReached && standings_[i] != Standing::kUnknown) {
       removable.nodes.push_back(nodes_[i]);
+    }
   // Those of unknown keys, which seem to be below no node, are left alone.
   for (const CheckedNode& node : damaged_nodes_)
     if (node.parent != kNoNode && !reached_.contains(node.parent)) removable.nodes.push_back(node);
@@ -79,8 +80,9 @@ void TreeCheck::mark_below(NodeId id, Standing standing) {
 
 void TreeCheck::mark_orphans() {
   for (std::size_t i = 0; i < nodes_.size(); ++i)
-    if (standings_[i] == Standing::kUnknown && ids_.count(nodes_[i].parent) == 0)
+    if (standings_[i] == Standing::kUnknown && ids_.count(nodes_[i].parent) == 0) {
       mark_below(nodes_[i].parent, Standing::kBelowOrphan);
+    }
 }
 
 // A node that still has no standing has a parent, which has a parent, and so on: following them leads to a loop.
@@ -116,12 +118,15 @@ void TreeCheck::mark_loops() {
 void TreeCheck::report_nodes() {
   for (std::size_t i = 0; i < nodes_.size(); ++i) {
     const CheckedNode& node = nodes_[i];
-    if (ids_[node.id] > 1)
+    if (ids_[node.id] > 1) {
       report_({Finding::Kind::kDuplicateId, node.parent, node.id, node.name, "another node has the same id"});
-    if (standings_[i] == Standing::kOnLoop)
+    }
+    if (standings_[i] == Standing::kOnLoop) {
       report_({Finding::Kind::kOrphan, node.parent, node.id, node.name, "it is its own ancestor"});
-    if (standings_[i] == Standing::kBelowOrphan && !ids_.contains(node.parent))
+    }
+    if (standings_[i] == Standing::kBelowOrphan && !ids_.contains(node.parent)) {
       report_({Finding::Kind::kOrphan, node.parent, node.id, node.name, missing_text("its parent")});
+    }
   }
 }
 

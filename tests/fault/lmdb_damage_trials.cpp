@@ -182,8 +182,9 @@ class Damager {
   }
 
   static void write(int file, std::size_t at, std::string_view bytes) {
-    if (pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(at)) != static_cast<ssize_t>(bytes.size()))
+    if (pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(at)) != static_cast<ssize_t>(bytes.size())) {
       std::abort();
+    }
   }
 
   const std::string path_;
@@ -241,8 +242,9 @@ class Trial {
 
  private:
   void note(std::uint64_t& counter, const std::string& what) {
-    if (&counter != &answers_.damaged && answers_.first[0] == '\0')
+    if (&counter != &answers_.damaged && answers_.first[0] == '\0') {
       std::snprintf(answers_.first, sizeof answers_.first, "%s", what.c_str());
+    }
     ++counter;
   }
 
@@ -268,10 +270,11 @@ class Trial {
     Node none;
     const std::string question = "find '" + expected.name + "' below " + std::to_string(expected.parent);
     const Status status = store_.read([&](View& view) { return view.find(expected.parent, expected.name, &node); });
-    if (answered(status, question))
+    if (answered(status, question)) {
       judge(node.id == expected.id && (expected.id == kRootNode ||
                                        node.security.user_perm == static_cast<std::int32_t>(expected.name.size())),
             question);
+    }
     const Status absent =
         store_.read([&](View& view) { return view.find(expected.parent, expected.name + "!", &none); });
     if (absent.ok()) note(answers_.wrong, question + " with '!'");
@@ -315,8 +318,9 @@ class Trial {
 
   void set(const ModelNode& node) {
     const std::string text = some_text(random_, 1 + random_() % 3000);
-    if (answered(set_text(store_, node.id, text), "set the value of " + std::to_string(node.id)))
+    if (answered(set_text(store_, node.id, text), "set the value of " + std::to_string(node.id))) {
       changed_[node.id] = text;
+    }
   }
 
   void remove(const ModelNode& node) {
@@ -452,9 +456,10 @@ class Trials {
     row.unharmed += !crashed && answers_->damaged == 0;
     const bool expected = !crashed || kind == Kind::kTruncate;
     const bool silent = answers_->wrong + answers_->absent + answers_->other > 0;
-    if (!expected || silent || (verbose_ && answers_->missed))
+    if (!expected || silent || (verbose_ && answers_->missed)) {
       std::printf("seed %u: %s, ended with %d%s: %s\n", seed, kKindNames[static_cast<std::size_t>(kind)], ended,
                   answers_->missed ? ", missed by the check" : "", answers_->first);
+    }
   }
 
   const bool verbose_;

@@ -125,8 +125,9 @@ TEST_F(LmdbWriters, AChildThatWasForkedInAWriteDoesNotHoldTheLock) {
   ASSERT_TRUE(store
                   ->write([&](Update& update) -> Status {
                     child = fork();
-                    if (child == 0)
+                    if (child == 0) {
                       for (;;) pause();
+                    }
                     return update.set_value(kRootNode, 3, {});
                   })
                   .ok());

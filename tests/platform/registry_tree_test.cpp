@@ -381,12 +381,8 @@ TEST_F(Tree, CopyKeepsWithinTheLimits) {
 TEST_F(Tree, CopyOfWhatTheSameUpdateHasMadeSeesIt) {
   const Status status = write([&](Writer& tree) {
     store::NodeId made = store::kNoNode;
-    if (Status created = tree.create("", "a", open_to_all(), 3, bytes_of("v"), &made); !created.ok()) {
-      return created;
-    }
-    if (Status created = tree.create("a", "b", open_to_all(), 3, bytes_of("w"), &made); !created.ok()) {
-      return created;
-    }
+    if (Status created = tree.create("", "a", open_to_all(), 3, bytes_of("v"), &made); !created.ok()) return created;
+    if (Status created = tree.create("a", "b", open_to_all(), 3, bytes_of("w"), &made); !created.ok()) return created;
     return tree.copy("a", "z", copying(true, false));
   });
   ASSERT_EQ(status.code(), PRTKV_DONE);

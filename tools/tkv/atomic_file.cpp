@@ -88,8 +88,9 @@ Outcome AtomicFile::open(const std::string& path, Existing existing) {
   existing_ = existing;
   const bool there = ::stat(path.c_str(), &found) == 0;
   if (there && existing == Existing::kRefuse) return failed("write", EEXIST);
-  if (there && !S_ISREG(found.st_mode))
+  if (there && !S_ISREG(found.st_mode)) {
     return {Exit::kUsage, path + " is not a regular file; redirect standard output with > instead"};
+  }
   if (there) path_ = resolved(path);  // a link stays a link
   const SignalsBlocked until_the_handler_knows_the_file;
   std::string pattern = path_ + ".XXXXXX";

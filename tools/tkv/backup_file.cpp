@@ -139,8 +139,9 @@ Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
   std::string magic;
   if (Outcome got = source.read(kMagic.size(), &magic); got.exit() == Exit::kOther) return got;
   if (magic != kMagic) {
-    if (magic.starts_with(kAnyMagic))
+    if (magic.starts_with(kAnyMagic)) {
       return {Exit::kUsage, path + " is a backup in a format that this release does not know"};
+    }
     return {Exit::kUsage, path + " is not a backup"};
   }
   if (Outcome got = source.number(&head->taken); !got.ok()) return got;

@@ -95,8 +95,9 @@ Outcome list_from(const Arguments& arguments, TypedValue* value) {
     }
   }
   for (const std::string& element : elements) {
-    if (!is_utf8(element))
+    if (!is_utf8(element)) {
       return {Exit::kUsage, "an element of the list is not UTF-8; use --bytes to store other bytes"};
+    }
   }
   return list_value(elements, value);
 }
@@ -153,9 +154,7 @@ bool names_input(const std::string& word) { return word == "-" || word.starts_wi
 Outcome value_from_arguments(const Arguments& arguments, TypedValue* value) {
   const int kinds = arguments.list + arguments.int32 + arguments.int64 + (arguments.bytes || arguments.hex);
   if (kinds > 1) return {Exit::kUsage, "choose one of --list, --int32, --int64, --bytes and --hex"};
-  if (arguments.type && !arguments.bytes && !arguments.hex) {
-    return {Exit::kUsage, "--type needs --bytes or --hex"};
-  }
+  if (arguments.type && !arguments.bytes && !arguments.hex) return {Exit::kUsage, "--type needs --bytes or --hex"};
   if (arguments.list) return list_from(arguments, value);
   if (arguments.int32 || arguments.int64) return number_from(arguments, value);
   if (arguments.bytes || arguments.hex) return bytes_from(arguments, value);

@@ -104,8 +104,9 @@ Status options_for(const StorePlace& place, const StoreOpening& opening, EtcdOpt
   Status status = parse_milliseconds(value_of(place.settings, "etcd.attempt_ms"), kMinAttempt, &options->attempt_ms);
   if (!status.ok()) return status;
   status = parse_timeout(value_of(place.settings, "etcd.timeout_ms"), &options->timeout_ms);
-  if (opening.max_wait_ms != 0)
+  if (opening.max_wait_ms != 0) {
     options->timeout_ms = std::min(options->timeout_ms, static_cast<int>(opening.max_wait_ms));
+  }
   return status;
 }
 

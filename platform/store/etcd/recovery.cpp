@@ -77,9 +77,7 @@ Status Redo::take_batch(const RangeResponse& found) {
 
 Status Redo::send(const TxnRequest& request, TxnResponse* response) {
   const Deadline deadline = deadline_();
-  if (deadline.left().count() == 0) {
-    return {PRTKV_BUSY, "a large change of another session is still being carried out"};
-  }
+  if (deadline.left().count() == 0) return {PRTKV_BUSY, "a large change of another session is still being carried out"};
   return kv_.txn(request, response, deadline).status;
 }
 

@@ -171,10 +171,12 @@ Status LmdbStore::read_for(ReadTransaction::Length length, FunctionRef<Status(Vi
 
 Status LmdbStore::may_write() const {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
-  if (read_only_)
+  if (read_only_) {
     return {PRTKV_ACCESS_DENIED, "the registry in '" + environment_.directory() + "' was opened for reading only"};
-  if (Running::reads(&environment_) || Running::writes(&environment_))
+  }
+  if (Running::reads(&environment_) || Running::writes(&environment_)) {
     return {PRTKV_INVALID_ARGUMENT, "a write within a function that the registry's store is running"};
+  }
   return {};
 }
 
@@ -237,8 +239,9 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
     if (check.counter_is_unusable()) update.restart_counter(check.largest_id());
-    if (check.root_is_damaged())
+    if (check.root_is_damaged()) {
       if (Status root = update.reset_root(); !root.ok()) return root;
+    }
     return update.remove_all(removable);
   });
   for (const Finding& finding : findings) report(finding);

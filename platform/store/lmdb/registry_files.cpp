@@ -218,8 +218,9 @@ Status RegistryFiles::open_writer_lock(Descriptor* file) const {
     const auto leave_empty = [](const Descriptor&) { return Status(); };
     if (Status status = create(kWriterLockFile, leave_empty); !status.ok()) return status;
     if (Status status = open_file(kWriterLockFile, &found, &identity); !status.ok()) return status;
-    if (!found.is_open())
+    if (!found.is_open()) {
       return {PRTKV_BUSY, quoted(path_of(kWriterLockFile)) + " was removed while it was being opened"};
+    }
   }
   Descriptor opened(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
   if (!opened.is_open()) {

@@ -155,8 +155,9 @@ Status WriterLock::take_byte(off_t byte, Deadline* deadline) {
   for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
     const int error = lock_byte(file_.number(), byte, F_WRLCK);
     if (error == 0) return {};
-    if (error != EAGAIN && error != EACCES && error != EINTR)
+    if (error != EAGAIN && error != EACCES && error != EINTR) {
       return lmdb_status(error, "cannot lock '" + files_.path() + "/writer.lock'");
+    }
     if (deadline->has_passed()) return busy(holder(), *deadline);
     deadline->tell([&] { return holder() + ", which is writing to the registry in '" + files_.path() + "'"; });
     std::this_thread::sleep_for(pause);
