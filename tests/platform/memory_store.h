@@ -64,7 +64,7 @@ class MemoryStore final : public Store {
   const char* kind() const override { return "memory"; }
 
  private:
-  using Place = std::pair<NodeId, std::string>;
+  using NodeKey = std::pair<NodeId, std::string>;
   struct Less {
     using is_transparent = void;
     template <typename A, typename B>
@@ -73,13 +73,13 @@ class MemoryStore final : public Store {
                                        : std::string_view(left.second) < std::string_view(right.second);
     }
   };
-  struct StoredValue {
+  struct MemoryValue {
     std::int32_t type = 0;
     std::vector<std::byte> bytes;
   };
   struct State {
-    std::map<Place, Node, Less> nodes;
-    std::map<NodeId, StoredValue> values;
+    std::map<NodeKey, Node, Less> nodes;
+    std::map<NodeId, MemoryValue> values;
     NodeId next_id = kRootNode + 1;
     std::uint64_t structure = 1;
   };
@@ -145,7 +145,7 @@ class MemoryStore final : public Store {
     Status insert(NodeId parent, std::string_view name, const Node& node) override {
       if (Status status = check_place(parent, name); !status.ok()) return status;
       if (node.id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a node needs an id"};
-      if (!next_.nodes.emplace(Place(parent, name), node).second) return PRTKV_KEY_EXISTS;
+      if (!next_.nodes.emplace(NodeKey(parent, name), node).second) return PRTKV_KEY_EXISTS;
       return {};
     }
 
@@ -177,7 +177,7 @@ class MemoryStore final : public Store {
       if (type == 0 && bytes.empty()) {
         next_.values.erase(id);
       } else {
-        next_.values[id] = StoredValue{type, {bytes.begin(), bytes.end()}};
+        next_.values[id] = MemoryValue{type, {bytes.begin(), bytes.end()}};
       }
       return {};
     }

@@ -329,7 +329,7 @@ TEST_F(ConfigurationFile, NulByteIsAControlCharacter) {
   EXPECT_EQ(shortened(read().text()), "F:2: the line holds a control character");
 }
 
-TEST_F(ConfigurationFile, UnreadableOneIs42) {
+TEST_F(ConfigurationFile, UnreadableOneIsReportedAsSuch) {
   variables_["TKV_CONF"] = file_;
   Status status = read();
   EXPECT_EQ(status.code(), PRTKV_CONFIGURATION_UNREADABLE);

@@ -121,7 +121,7 @@ TEST_F(OpenRegistry, RefusesANegativeLevelAndFlagsWithATextBeforeAnythingIsMade)
   EXPECT_EQ(prtkv_terminate(ctx_), PRTKV_DONE);
 }
 
-TEST_F(OpenRegistry, NullArgumentsAre13WithATextWhereThereIsRoomForOne) {
+TEST_F(OpenRegistry, NullArgumentsAreReportedWithATextWhereThereIsRoomForOne) {
   char text[PRTKV_ERROR_TEXT_SIZE] = "";
   std::uint64_t size = sizeof text;
   EXPECT_EQ(prtkv_init_ext(nullptr, 0, text, &size, 0), PRTKV_NULL_ARGUMENT);
@@ -144,7 +144,7 @@ TEST_F(OpenRegistry, FailureFitsTheBufferThatThereIs) {
   EXPECT_EQ(text[0], 'z');
 }
 
-TEST_F(OpenRegistry, ConfigurationErrorsAre41And42WithTheirPlace) {
+TEST_F(OpenRegistry, ConfigurationErrorsNameTheirPlace) {
   configure("[registry]\nlocation = " + location_ + "\nlocatoin = x\n");
   EXPECT_EQ(init(), PRTKV_INVALID_CONFIGURATION);
   EXPECT_EQ(text_, "TKV-0041: " + file_ + ":3: unknown name 'locatoin' in [registry]");

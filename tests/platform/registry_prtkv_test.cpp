@@ -120,7 +120,7 @@ TEST_F(Prtkv, FailedCreateGivesTheNullHandleAndLeavesTheWord) {
 
 // Handles
 
-TEST_F(Prtkv, MadeUpHandlesAre3) {
+TEST_F(Prtkv, MadeUpHandlesAreInvalid) {
   const prtkv_key key = ctx_.open("");
   std::vector<prtkv_key> made_up = {0, 1, 42, ~0ULL, static_cast<prtkv_ctx>(ctx_)};
   for (int bit = 0; bit < 64; ++bit) made_up.push_back(key ^ (1ULL << bit));
@@ -132,7 +132,7 @@ TEST_F(Prtkv, MadeUpHandlesAre3) {
   EXPECT_EQ(prtkv_close_key(ctx_, key), PRTKV_DONE);
 }
 
-TEST_F(Prtkv, MadeUpContextsAre3) {
+TEST_F(Prtkv, MadeUpContextsAreInvalid) {
   const prtkv_key key = ctx_.open("");
   std::vector<prtkv_ctx> made_up = {0, 1, ~0ULL, key};
   for (int bit = 0; bit < 64; ++bit) made_up.push_back(static_cast<prtkv_ctx>(ctx_) ^ (1ULL << bit));
@@ -148,7 +148,7 @@ TEST_F(Prtkv, MadeUpContextsAre3) {
   EXPECT_EQ(prtkv_close_key(ctx_, key), PRTKV_DONE);
 }
 
-TEST_F(Prtkv, ClosedHandleIs3EvenWhenItsSlotIsInUseAgain) {
+TEST_F(Prtkv, ClosedHandleIsInvalidEvenIfItsSlotIsInUseAgain) {
   const prtkv_key first = ctx_.open("");
   ASSERT_EQ(prtkv_close_key(ctx_, first), PRTKV_DONE);
   EXPECT_EQ(prtkv_close_key(ctx_, first), PRTKV_INVALID_HANDLE);
@@ -158,7 +158,7 @@ TEST_F(Prtkv, ClosedHandleIs3EvenWhenItsSlotIsInUseAgain) {
   EXPECT_EQ(prtkv_close_key(ctx_, second), PRTKV_DONE);
 }
 
-TEST_F(Prtkv, HandleOfAnotherSessionIs3) {
+TEST_F(Prtkv, HandleOfAnotherSessionIsInvalid) {
   const Context other(ground_.as(person("bob")));
   const prtkv_key key = ctx_.open("");
   const prtkv_key others = other.open("");
@@ -167,7 +167,7 @@ TEST_F(Prtkv, HandleOfAnotherSessionIs3) {
   EXPECT_EQ(prtkv_close_key(other, others), PRTKV_DONE);
 }
 
-TEST_F(Prtkv, TerminatedSessionIs3WithAllItsKeys) {
+TEST_F(Prtkv, TerminatedSessionIsInvalidWithAllItsKeys) {
   prtkv_ctx ended = 0;
   ASSERT_TRUE(add_context(std::make_unique<Session>(ground_.as(person("bob"))), &ended).ok());
   prtkv_key key = 0;
@@ -180,7 +180,7 @@ TEST_F(Prtkv, TerminatedSessionIs3WithAllItsKeys) {
   EXPECT_THAT(answers(ended, key), ElementsAre(PRTKV_INVALID_HANDLE));
 }
 
-TEST_F(Prtkv, HandlesOfADeletedKeyAndOfAllBelowItAre4UntilTheyAreClosed) {
+TEST_F(Prtkv, HandlesOfADeletedKeyAndAllBelowItYieldNoSuchKeyUntilTheyAreClosed) {
   for (const char* name : {"a", "a.b", "a.b.c"}) ground_.make(name);
   const prtkv_key deleted = ctx_.open("a");
   const prtkv_key same = ctx_.open("a");
@@ -196,7 +196,7 @@ TEST_F(Prtkv, HandlesOfADeletedKeyAndOfAllBelowItAre4UntilTheyAreClosed) {
   EXPECT_TRUE(ground_.has("a.b.c"));
 }
 
-TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionDeletedIs4AlsoAfterwards) {
+TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionDeletedYieldsNoSuchKeyForGood) {
   const Context other(ground_.as(superuser()));
   ground_.make("a");
   const prtkv_key key = ctx_.open("a");
@@ -270,7 +270,7 @@ TEST_F(Prtkv, MoreThanAMillionKeysCanBeOpenAtOnce) {
   EXPECT_EQ(failed, 0);
 }
 
-TEST_F(Prtkv, HandlesOfAMovedKeyAndOfAllBelowItAre4AndTheMovedOneLives) {
+TEST_F(Prtkv, HandlesOfAMovedKeyAndAllBelowItYieldNoSuchKeyAndTheMovedOneWorks) {
   for (const char* name : {"a", "a.b", "a.b.c", "z"}) ground_.make(name, open_to_all(), name);
   const prtkv_key source = ctx_.open("a.b");
   const prtkv_key below = ctx_.open("a.b.c");
@@ -372,7 +372,7 @@ TEST_F(Prtkv, ValuesOfEverySizeComeBackWithTheirType) {
   }
 }
 
-TEST_F(Prtkv, ValueOverOneMebibyteIs10AndChangesNothing) {
+TEST_F(Prtkv, ValueOverOneMebibyteIsTooLargeAndChangesNothing) {
   ground_.make("a", open_to_all(), "v");
   const prtkv_key key = ctx_.open("a");
   const std::string large(PRTKV_MAX_VALUE_SIZE + 1, 'x');
@@ -482,7 +482,7 @@ TEST_F(Prtkv, AHandleInTheSlotOfAClosedOneListsItsOwnKey) {
   EXPECT_EQ(next(ctx_, second).code, PRTKV_NO_MORE_SUBKEYS);
 }
 
-TEST_F(Prtkv, KeyWithoutSubkeysIs16AtOnce) {
+TEST_F(Prtkv, KeyWithoutSubkeysHasNoMoreAtOnce) {
   ground_.make("a");
   EXPECT_EQ(next(ctx_, ctx_.open("a")).code, PRTKV_NO_MORE_SUBKEYS);
 }
@@ -499,7 +499,7 @@ TEST_F(Prtkv, EnumerationGoesOnFromTheListAsItWas) {
   EXPECT_EQ(next(ctx_, key).code, PRTKV_NO_MORE_SUBKEYS);
 }
 
-TEST_F(Prtkv, EnumerationOfAKeyThatThisSessionDeletedIs4) {
+TEST_F(Prtkv, EnumerationOfAKeyThatThisSessionDeletedYieldsNoSuchKey) {
   for (const char* name : {"a", "a.b", "a.c"}) ground_.make(name);
   const prtkv_key key = ctx_.open("a");
   EXPECT_EQ(next(ctx_, key).name, "b");
@@ -535,7 +535,7 @@ TEST_F(Prtkv, EnumerationThatFailsBeginsAnewNextTime) {
 
 // Arguments
 
-TEST_F(Prtkv, NullWhereAPointerIsNeededIs13) {
+TEST_F(Prtkv, NullWhereAPointerIsNeededIsReported) {
   const prtkv_key root = ctx_.open("");
   prtkv_key key = 0;
   std::int32_t word = 0;
