@@ -47,11 +47,6 @@ Status check_map_size(const std::string& value) {
 Status check_group(const std::string& value) { return check_account(value, kMaxGroupSize); }
 
 constexpr StoreSetting kSettings[] = {
-    {.name = "registry.timeout_ms",
-     .check = check_timeout,
-     .default_value = "30000",
-     .text =
-         "Milliseconds that a write to an embedded registry waits for other writers, 100 to 600000. Default: 30000."},
     {.name = "registry.map_size",
      .check = check_map_size,
      .text = "Bytes that an embedded registry may grow to, with K, M, G or T for powers of 1024; 1M to 16T. "
@@ -60,7 +55,12 @@ constexpr StoreSetting kSettings[] = {
      .check = check_group,
      .text = "Group that shares an embedded registry: directory and files belong to it, with the modes 3770 and 0660. "
              "Whoever can open the files "
-             "can bypass the rights in the registry. Default: none, only the owner opens them."}};
+             "can bypass the rights in the registry. Default: none, only the owner opens them."},
+    {.name = "registry.timeout_ms",
+     .check = check_timeout,
+     .default_value = "30000",
+     .text =
+         "Milliseconds that a write to an embedded registry waits for other writers, 100 to 600000. Default: 30000."}};
 
 Status check_location(const std::string& location) {
   const Status status = check_absolute_path(location, kMaxDirectorySize);
