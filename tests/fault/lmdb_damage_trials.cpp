@@ -229,6 +229,7 @@ class Trial {
 
   // A few changes of each kind, whose results are then expected.
   void write_something() {
+    has_written_ = true;
     for (int i = 0; i < 12; ++i) {
       const ModelNode& node = model_.nodes[random_() % model_.nodes.size()];
       if (gone_.count(node.id) != 0) continue;
@@ -243,7 +244,7 @@ class Trial {
  private:
   void note(std::uint64_t& counter, const std::string& what) {
     if (&counter != &answers_.damaged && answers_.first[0] == '\0') {
-      std::snprintf(answers_.first, sizeof answers_.first, "%s", what.c_str());
+      std::snprintf(answers_.first, sizeof answers_.first, "%s%s", what.c_str(), has_written_ ? ", after writing" : "");
     }
     ++counter;
   }
@@ -335,6 +336,7 @@ class Trial {
   const Model& model_;
   Answers& answers_;
   std::mt19937& random_;
+  bool has_written_ = false;
   std::map<NodeId, std::string> changed_;
   std::map<NodeId, bool> gone_;
 };

@@ -761,6 +761,20 @@ TEST_F(LmdbDamage, AChangedByteOfANodeIsNeverReadAsANode) {
   EXPECT_EQ(left[0].kind, Finding::Kind::kDamagedNode);
 }
 
+TEST_F(LmdbDamage, ARecordWhoseKeyIsDamagedAsWellIsNotTakenForAbsent) {
+  const std::string key("V\0\0\0\0\0\0\0", 8);
+  ASSERT_GE(replace_in_file(data_file(), key + static_cast<char>(id_), key + static_cast<char>(id_ + 1)), 1);
+  std::string text;
+  EXPECT_TRUE(get_text(*open(), id_, &text).is(PRTKV_STORAGE_FAILED));  // the record tells whose it is
+  ASSERT_GE(replace_in_file(data_file(), "the text of", "the fake of"), 1);
+  const Status status = get_text(*open(), id_, &text);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("has a damaged record where the key sought belongs"), std::string::npos)
+      << status.text();
+  ASSERT_TRUE(set_text(*open(), id_, "anew").ok());
+  EXPECT_EQ(text_of(*open(), id_), "anew");
+}
+
 TEST_F(LmdbDamage, ADamagedNodeIsPassedOverByAWalkThatMay) {
   NodeId other = kNoNode;
   ASSERT_TRUE(add_node(*open(), kRootNode, "sound", &other).ok());

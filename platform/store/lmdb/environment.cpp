@@ -198,6 +198,7 @@ Status Environment::open_files() {
 }
 
 void Environment::close_files() {
+  map_ = FileMap{};
   readers_.for_each([](ReaderSlot& slot) {
     if (slot.txn != nullptr) mdb_txn_abort(slot.txn);
     slot.txn = nullptr;
@@ -265,7 +266,7 @@ Status Environment::extend_short_file() {
 }
 
 int Environment::renew(ReaderSlot& slot) {
-  if (env_ == nullptr) return MDB_PANIC;
+  if (env_ == nullptr || map_.address == nullptr) return MDB_PANIC;
   if (slot.txn != nullptr) return mdb_txn_renew(slot.txn);
   return mdb_txn_begin(env_, nullptr, MDB_RDONLY, &slot.txn);
 }
@@ -338,6 +339,7 @@ Status Environment::remap(std::size_t size) {
   int code = 0;
   Status located;
   readers_.with_no_readers([&] {
+    map_ = FileMap{};
     code = mdb_env_set_mapsize(env_, size);
     if (code == 0) located = check_contents();
     ++remaps_;
@@ -465,7 +467,8 @@ Status WriteTransaction::begin() {
   if (Status status = environment_.check_size(); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
   for (unsigned attempt = 0;; ++attempt) {
-    const int code = environment_.env_ == nullptr ? MDB_PANIC : mdb_txn_begin(environment_.env_, nullptr, 0, &txn_);
+    const int code =
+        environment_.map_.address == nullptr ? MDB_PANIC : mdb_txn_begin(environment_.env_, nullptr, 0, &txn_);
     if (code == 0) return load_former();
     txn_ = nullptr;
     Status status = environment_.failure(code, "cannot write to the registry");

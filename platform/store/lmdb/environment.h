@@ -101,7 +101,7 @@ class Environment {
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
-  FileMap map_;                           // of env_
+  FileMap map_;                           // of env_; without an address while it has to be opened anew
   std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
   WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex

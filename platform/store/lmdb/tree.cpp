@@ -35,7 +35,7 @@ PageDamage seek_children(TreeCursor* cursor, NodeId parent) {
   const Key prefix = Key::node(parent);
   bool found = false;
   if (PageDamage damage = cursor->seek(prefix.bytes(), &found)) return damage;
-  if (found) return cursor->check_leaf();
+  if (found) return cursor->check_pages();
   const auto is_lost = [&](std::span<const std::byte> key, std::span<const std::byte> record) {
     return is_lost_child(parent, key, record);
   };
@@ -56,12 +56,15 @@ bool is_child(std::span<const std::byte> key, NodeId parent, std::string_view* n
   return true;
 }
 
-PageDamage confirm_absence(TreeCursor& cursor, const Key& key) {
+PageDamage confirm_absence(TreeCursor& cursor, const Key& key, DamageBeside beside) {
   KeyParts wanted;
   read_key(key.bytes(), &wanted);
-  return cursor.confirm_absence(key.bytes(), [&](std::span<const std::byte> other, std::span<const std::byte> record) {
-    return belongs_under(wanted, record) && !belongs_under_its_key(other, record);
-  });
+  const auto may_be_it = [&](std::span<const std::byte> other, std::span<const std::byte> record) {
+    if (belongs_under_its_key(other, record)) return false;
+    const bool is_alike = beside == DamageBeside::kReport && other.size() == key.bytes().size();
+    return is_alike || belongs_under(wanted, record);
+  };
+  return cursor.confirm_absence(key.bytes(), may_be_it);
 }
 
 Status decode_child(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
@@ -82,7 +85,7 @@ Status find_node(const FileState& state, NodeId parent, std::string_view name, N
   bool found = false;
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
   if (!found) {
-    if (PageDamage damage = confirm_absence(cursor, key)) return failed(state, damage);
+    if (PageDamage damage = confirm_absence(cursor, key, DamageBeside::kReport)) return failed(state, damage);
     return PRTKV_NO_SUCH_KEY;
   }
   std::span<const std::byte> record;
@@ -96,7 +99,7 @@ Status find_value(const FileState& state, NodeId id, Value* value) {
   bool found = false;
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
   if (!found) {
-    if (PageDamage damage = confirm_absence(cursor, key)) return failed(state, damage);
+    if (PageDamage damage = confirm_absence(cursor, key, DamageBeside::kReport)) return failed(state, damage);
     *value = Value{};
     return {};
   }

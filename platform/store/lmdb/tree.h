@@ -32,8 +32,11 @@ Status check_format(const FileState& state);
 Status has_children(const FileState& state, NodeId parent, bool* answer);
 Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged);
 
-// Makes sure that there is no record under `key`: for a cursor that has searched for it in vain.
-PageDamage confirm_absence(TreeCursor& cursor, const Key& key);
+// Makes sure that there is no record under `key`: for a cursor that has searched for it in vain. A damaged record
+// beside the gap, under a key of the same length, may be the one sought. Readers cannot tell, and report it; a writer
+// passes over it, so that a key can be written again beside it.
+enum class DamageBeside { kReport, kIgnore };
+PageDamage confirm_absence(TreeCursor& cursor, const Key& key, DamageBeside beside);
 
 // Whether a key is that of a child of `parent`. `*name` then is the child's name, within the key.
 bool is_child(std::span<const std::byte> key, NodeId parent, std::string_view* name);

@@ -1,11 +1,33 @@
 #include "store/lmdb/tree_cursor.h"
 
+#include <cstring>
+
 namespace tkv::store {
 namespace {
 
 constexpr const char* kOutside = "has a node outside its bounds";
 constexpr const char* kUnfit = "has a node that does not fit into it";
 constexpr const char* kWrongRange = "has keys outside the range that its parent allows";
+
+// Whether a page is in a record of the list of free pages: their number, and then each of them, the largest first.
+bool contains(std::span<const std::byte> list, std::uint64_t page) {
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  const auto number_at = [&](std::size_t index) {
+    std::uint64_t number = 0;
+    std::memcpy(&number, list.data() + index * kWord, kWord);
+    return number;
+  };
+  if (list.size() < kWord || number_at(0) > list.size() / kWord - 1) return false;
+  std::size_t low = 1;
+  std::size_t high = number_at(0) + 1;
+  while (low < high) {
+    const std::size_t middle = (low + high) / 2;
+    const std::uint64_t number = number_at(middle);
+    if (number == page) return true;
+    (number > page ? low : high) = number > page ? middle + 1 : middle;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -59,6 +81,7 @@ PageDamage TreeCursor::descend(std::uint64_t number, int level, Edge edge) {
     if (PageDamage damage = open(number, level, &at.page)) return damage;
     at.index = edge == Edge::kFirst ? 0 : at.page.count() - 1;
     if (level == leaf_level()) return check_leaf();
+    if (PageDamage damage = check_page(level)) return damage;
     PageNode node;
     if (!at.page.read(at.index, &node)) return {number, kOutside};
     number = node.child();
@@ -156,10 +179,39 @@ PageDamage TreeCursor::check_range(int level) const {
   return {};
 }
 
-PageDamage TreeCursor::check_leaf() const {
-  const Page& page = leaf().page;
+PageDamage TreeCursor::check_page(int level) const {
+  const Page& page = levels_[static_cast<std::size_t>(level)].page;
   if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) return {page.number(), defect};
-  return keys_ == Page::Keys::kBytes ? check_range(leaf_level()) : PageDamage{};
+  return keys_ == Page::Keys::kBytes ? check_range(level) : PageDamage{};
+}
+
+PageDamage TreeCursor::check_leaf() const {
+  if (PageDamage damage = check_page(leaf_level())) return damage;
+  return keys_ == Page::Keys::kBytes ? check_in_use() : PageDamage{};
+}
+
+// A branch page that has lost a child leads past it.
+PageDamage TreeCursor::check_pages() const {
+  for (int level = 0; level < leaf_level(); ++level)
+    if (PageDamage damage = check_page(level)) return damage;
+  return check_leaf();
+}
+
+// A damaged page number may lead to a page of a former state, which looks sound. Such pages are in the list of free
+// pages, of which the first records are searched. Damage to the list itself is for writers to find.
+PageDamage TreeCursor::check_in_use() const {
+  constexpr int kRecordsToSearch = 64;
+  TreeCursor lists(state_, state_.free_pages, Page::Keys::kIntegers);
+  PageDamage damage = lists.first();
+  for (int i = 0; i < kRecordsToSearch && !damage && !lists.at_end(); ++i, damage = lists.next()) {
+    std::span<const std::byte> list;
+    if (lists.record(&list)) return {};
+    for (int level = 0; level <= leaf_level(); ++level) {
+      const std::uint64_t number = levels_[static_cast<std::size_t>(level)].page.number();
+      if (contains(list, number)) return {number, "is free, and is referred to"};
+    }
+  }
+  return {};
 }
 
 // The last key of the leaf page before this one, or the first key of the one after it. Null if there is no such page.
@@ -189,14 +241,14 @@ PageDamage TreeCursor::confirm_absence(
     std::span<const std::byte> key,
     FunctionRef<bool(std::span<const std::byte> key, std::span<const std::byte> record)> is_it) {
   if (at_end_) return {};
-  if (PageDamage damage = check_leaf()) return damage;
+  if (PageDamage damage = check_pages()) return damage;
   const Level& at = leaf();
   const auto has_damaged_key = [&](unsigned index) {
     PageNode node;
     std::span<const std::byte> record;
     return at.page.read(index, &node) && !record_of(node, &record) && is_it(node.key, record);
   };
-  constexpr const char* kDamagedKey = "has a record whose key is damaged";
+  constexpr const char* kDamagedKey = "has a damaged record where the key sought belongs";
   constexpr const char* kOverlap = "and a neighbouring page have overlapping keys";
   std::span<const std::byte> neighbour;
   if (at.index > 0) {

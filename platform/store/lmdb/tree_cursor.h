@@ -2,9 +2,9 @@
 //
 // A search reads the headers of the pages on its path and the nodes that a binary search touches, each checked before
 // use: that makes it safe. What makes an answer right differs. An entry that is found has a checksum, for its user to
-// verify. That there is no entry is taken for true only when confirm_absence() has looked at the whole leaf page, at
-// the keys that its parents allow in it, and at the entries on both sides of the gap. A walk checks every leaf page as
-// a whole when it gets there.
+// verify. That there is no entry is taken for true only when confirm_absence() has looked at all of the pages on the
+// way, at the keys that their parents allow in them, and at the entries on both sides of the gap. A walk checks every
+// page as a whole when it gets there.
 //
 // A cursor belongs to one thread, allocates nothing, and is valid as long as the transaction of its state.
 #ifndef TKV_PLATFORM_STORE_LMDB_TREE_CURSOR_H
@@ -43,7 +43,7 @@ class TreeCursor {
   PageDamage seek(std::span<const std::byte> key, bool* found);
 
   // In the gap where seek() found no `key`: makes sure that there is none. `is_it` tells of an entry next to the gap
-  // whether its record is that of the key sought: then the entry's own key is damaged.
+  // whether it may be the one sought, with a damaged key.
   PageDamage confirm_absence(
       std::span<const std::byte> key,
       FunctionRef<bool(std::span<const std::byte> key, std::span<const std::byte> record)> is_it);
@@ -57,8 +57,8 @@ class TreeCursor {
   PageDamage next();
   bool at_end() const { return at_end_; }
 
-  // Checks the leaf page as a whole, for a walk that begins with seek().
-  PageDamage check_leaf() const;
+  // Checks the pages from the root to the entry as a whole, for a walk that begins with seek().
+  PageDamage check_pages() const;
 
   // The entry's key and record, in the map. On damage, `*key` may be empty.
   PageDamage read(std::span<const std::byte>* key, std::span<const std::byte>* record) const;
@@ -94,7 +94,10 @@ class TreeCursor {
   PageDamage next_leaf();
   PageDamage neighbour_key(Edge towards, std::span<const std::byte>* key) const;
   PageDamage record_of(const PageNode& node, std::span<const std::byte>* record) const;
+  PageDamage check_page(int level) const;
+  PageDamage check_leaf() const;
   PageDamage check_range(int level) const;
+  PageDamage check_in_use() const;
   PageDamage check_leftmost(std::uint64_t number, int level, CheckedPages* checked) const;
 
   const FileState& state_;

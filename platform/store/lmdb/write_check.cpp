@@ -57,7 +57,7 @@ PageDamage WriteCheck::check_path(TreeCursor* cursor, const Key& key) {
   bool found = false;
   if (PageDamage damage = cursor->seek(key.bytes(), &found)) return damage;
   if (PageDamage damage = cursor->check_path(&checked_)) return damage;
-  return found ? PageDamage{} : confirm_absence(*cursor, key);
+  return found ? PageDamage{} : confirm_absence(*cursor, key, DamageBeside::kIgnore);
 }
 
 Status WriteCheck::before_access(const Key& key) {
