@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <string>
@@ -228,6 +228,30 @@ TEST_F(LmdbWriters, IdleSessionsLeaveReaderSlotsToOthers) {
   };
   EXPECT_TRUE(store->read(deeper).ok());
   EXPECT_EQ(depth, 500);
+}
+
+TEST_F(LmdbWriters, TheStatusCountsTheReadersOfAllProcesses) {
+  options_.map_size = 16 << 20;
+  const auto store = open_or_fail(options_);
+  StoreStatus before;
+  ASSERT_TRUE(store->status(&before).ok());
+  EXPECT_EQ(before.bytes, std::filesystem::file_size(options_.directory + "/data.mdb"));
+  EXPECT_EQ(before.max_bytes, std::uint64_t{16} << 20);
+  EXPECT_EQ(before.max_readers, 1022u);
+  EXPECT_GE(before.readers, 1u);
+  Child other([&] {
+    const auto own = open_or_fail(options_);
+    return own->read([](View&) -> Status {
+                raise(SIGSTOP);
+                return {};
+              }).ok()
+               ? 0
+               : 1;
+  });
+  other.wait_until_stopped();
+  StoreStatus after;
+  ASSERT_TRUE(store->status(&after).ok());
+  EXPECT_EQ(after.readers, before.readers + 1);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstdio>
 #include <vector>
 
 #include "store/lmdb/assertion.h"
@@ -223,6 +224,22 @@ Status Environment::check_version() {
   ReadTransaction transaction(*this, ReadTransaction::Length::kShort);
   if (Status status = transaction.begin(); !status.ok()) return status;
   return check_format(transaction.state()).about("the file in '" + directory_ + "'");
+}
+
+// LMDB lists its readers as text: a heading, then a line for each with its process id, its thread and, while it reads,
+// the transaction whose state it holds.
+Status Environment::status(StoreStatus* status) const {
+  *status = {};
+  if (Status sized = files_->data_size(&status->bytes); !sized.ok()) return sized;
+  status->max_bytes = fixed_map_size_;
+  status->max_readers = kMaxReaders;
+  const auto count = [](const char* line, void* readers) {
+    int process = 0;
+    if (std::sscanf(line, "%d", &process) == 1) ++*static_cast<std::uint32_t*>(readers);
+    return 0;
+  };
+  const int code = mdb_reader_list(env_, count, &status->readers);
+  return code < 0 ? failure(code, "cannot list the readers of the registry") : Status();
 }
 
 int Environment::file() const {

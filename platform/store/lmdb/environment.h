@@ -52,6 +52,9 @@ class Environment {
 
   const std::string& directory() const { return directory_; }
 
+  // Fills in the sizes and the readers. For use within a transaction.
+  Status status(StoreStatus* status) const;
+
   // The data file, for use within a transaction.
   int file() const;
 

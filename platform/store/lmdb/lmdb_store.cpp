@@ -249,13 +249,9 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 }
 
 Status LmdbStore::status(StoreStatus* status) {
-  struct stat found {};
   ReadTransaction transaction(environment_, ReadTransaction::Length::kShort);
   if (Status begun = transaction.begin(); !begun.ok()) return begun;
-  if (::fstat(environment_.file(), &found) != 0) return environment_.failure(errno, "cannot read the registry's size");
-  *status = {};
-  status->bytes = static_cast<std::uint64_t>(found.st_size);
-  return {};
+  return environment_.status(status);
 }
 
 }  // namespace
