@@ -31,6 +31,7 @@ Status open_client(Configuration configuration, const OpenOptions& options, std:
   opening.create_parents = !configuration.location_configured;
   opening.read_only = options.read_only;
   opening.max_wait_ms = options.max_wait_ms;
+  opening.on_wait = options.on_wait;
   opening.root_security = default_security(identity);
   if (Status status = kind_of(configuration).open(place_of(configuration), opening, &store); !status.ok()) {
     return status;

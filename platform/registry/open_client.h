@@ -8,6 +8,7 @@
 #define TKV_PLATFORM_REGISTRY_OPEN_CLIENT_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,10 @@ struct OpenOptions {
   bool create = true;             // create a fresh registry if there is none; its root belongs to the process's user
   bool read_only = false;         // of an embedded registry
   std::uint32_t max_wait_ms = 0;  // no operation takes longer, whatever is configured; 0: as configured
+  // Called when a write has waited for another process's for a second, with a message for people that names the
+  // process: "waiting for process 4711 (tkv), ...". It may be called by any thread that writes, and must not call the
+  // client.
+  std::function<void(const std::string& message)> on_wait = {};
 };
 
 // Opens the registry of a configuration on behalf of the process's user. The directories above a default location are

@@ -3,7 +3,7 @@ import json
 import subprocess
 import unittest
 
-from command import CONFLICT, CommandTest, DONE, NOT_FOUND, PARTLY, USAGE, USER, WRONG_TYPE
+from command import CONFLICT, DEADLINE, CommandTest, DONE, NOT_FOUND, PARTLY, UNREACHABLE, USAGE, USER, WRONG_TYPE
 
 
 class Values(CommandTest):
@@ -190,6 +190,35 @@ class Making(CommandTest):
         result = self.tkv("create", "a", "b", exits=PARTLY)
         self.assertEqual(result.messages, "tkv: key 'a' exists\n")
         self.assertEqual(self.out("ls"), "a\nb\n")
+
+
+class Waiting(CommandTest):
+    """Another process is writing, and does not go on."""
+
+    def setUp(self):
+        super().setUp()
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}"} for number in range(5000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        self.writer = self.terminal_with_bars("chmod", "-R", "o=", "many")
+        self.writer.read_until(b"\rchmod ")  # and no further: the writer waits for a reader of its bars
+
+    def test_who_waits_says_so_and_for_whom(self):
+        waiting = subprocess.Popen(self.words("set", "a", "x"), env=self.environment, stderr=subprocess.PIPE)
+        said = waiting.stderr.readline().decode()
+        self.assertTrue(said.startswith("tkv: waiting for "), said)
+        self.assertIn(str(self.writer.process.pid), said)
+        self.assertIn("tkv", said[len("tkv: "):])
+        self.assertEqual(self.writer.finish()[0], DONE)
+        self.assertEqual((waiting.wait(DEADLINE), waiting.stderr.read()), (DONE, b""))
+        waiting.stderr.close()
+        self.assertEqual(self.out("get", "a"), "x\n")
+
+    def test_who_waits_too_long_gives_up_and_names_the_writer(self):
+        self.configure("timeout_ms = 1500")
+        message = self.fails(UNREACHABLE, "set", "-q", "a", "x")
+        self.assertIn(str(self.writer.process.pid), message)
+        self.assertEqual(self.writer.finish()[0], DONE)
+        self.fails(NOT_FOUND, "get", "a")
 
 
 class Trees(CommandTest):

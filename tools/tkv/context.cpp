@@ -15,7 +15,11 @@ Outcome Context::open_or_create() { return open(true, false); }
 Outcome Context::open(bool create, bool read_only) {
   registry::Configuration configuration;
   if (Status status = registry::Configuration::read(&configuration); !status.ok()) return status;
-  return open_registry(std::move(configuration), {create, read_only}, &client_);
+  registry::OpenOptions options;
+  options.create = create;
+  options.read_only = read_only;
+  options.on_wait = [this](const std::string& message) { note(terminal_, "tkv: " + message); };
+  return open_registry(std::move(configuration), options, &client_);
 }
 
 Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
