@@ -68,7 +68,8 @@ Reply History::txn(const TxnRequest& request, TxnResponse* response, Deadline de
     compare_not_removed(&fenced, fence.ids, fence.claimed_at);
     *fenced.add_failure()->mutable_request_range() = get_one(fence.ids);
   }
-  Reply reply = check(kv_->txn(fenced, response, deadline, expected), known, response->header().revision());
+  Reply reply = kv_->txn(fenced, response, deadline, expected);
+  reply = check(std::move(reply), known, response->header().revision());
   if (!reply.ok() || response->succeeded()) return reply;
   const Reply verdict = take_fence(fence, response);
   return verdict.ok() ? reply : verdict;
