@@ -100,6 +100,7 @@ format: packages-lint ## format all C and C++
 
 check-format: packages-test
 	git ls-files '*.h' '*.c' '*.cpp' | xargs -P $(JOBS) -n 50 clang-format --dry-run -Werror
+	git ls-files '*.h' '*.c' '*.cpp' | xargs tests/build/braces.py
 
 lint: packages-lint check-format ## check the format, and the C++ with clang-tidy and cppcheck
 	cppcheck --quiet --std=c++20 --enable=unusedFunction --suppressions-list=.cppcheck-suppressions \

@@ -35,17 +35,18 @@ struct Step {
 };
 
 std::vector<Step>* recording = nullptr;  // null: nothing is recorded
+ino_t recorded_file = 0;                 // the registry's data file, whose steps are recorded
 
 // LMDB writes the meta page through a descriptor that syncs each write.
 bool syncs_each_write(int file) { return (fcntl(file, F_GETFL) & O_DSYNC) != 0; }
 
-bool is_regular_file(int file) {
+bool is_recorded(int file) {
   struct stat status {};
-  return fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+  return recording != nullptr && fstat(file, &status) == 0 && status.st_ino == recorded_file;
 }
 
 void record_write(int file, std::size_t offset, std::string bytes) {
-  if (recording == nullptr) return;
+  if (!is_recorded(file)) return;
   recording->push_back({Step::Kind::kWrite, offset, std::move(bytes)});
   if (syncs_each_write(file)) recording->push_back({Step::Kind::kSync, 0, {}});
 }
@@ -61,7 +62,7 @@ extern "C" {
 }
 
 [[gnu::visibility("default")]] ssize_t writev(int file, const struct iovec* parts, int count) {
-  if (recording != nullptr && is_regular_file(file)) {
+  if (is_recorded(file)) {
     std::string bytes;
     for (int i = 0; i < count; ++i) bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
     record_write(file, static_cast<std::size_t>(lseek(file, 0, SEEK_CUR)), std::move(bytes));
@@ -70,7 +71,7 @@ extern "C" {
 }
 
 [[gnu::visibility("default")]] int fdatasync(int file) {
-  if (recording != nullptr) recording->push_back({Step::Kind::kSync, 0, {}});
+  if (is_recorded(file)) recording->push_back({Step::Kind::kSync, 0, {}});
   return static_cast<int>(syscall(SYS_fdatasync, file));
 }
 
@@ -124,6 +125,9 @@ class PowerCuts {
     options_.directory = directory_ / "registry";
     const auto store = open_or_fail(options_);
     first_ = read_file(data_file());
+    struct stat file {};
+    if (stat(data_file().c_str(), &file) != 0) throw std::runtime_error("no data file");
+    recorded_file = file.st_ino;
     states_.push_back(contents(*store));
     std::mt19937 random(4711);
     recording = &steps_;

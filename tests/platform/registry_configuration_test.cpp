@@ -156,7 +156,7 @@ TEST_F(ConfigurationFile, TheOperatorsManualNamesEverySettingAndDefault) {
   std::ifstream manual(TKV_OPERATIONS_DOCUMENT);
   const std::string text{std::istreambuf_iterator<char>(manual), {}};
   for (const Setting& each : configuration_.settings) {
-    const std::string name = "`" + each.name.substr(each.name.find('.') + 1) + "`";
+    const std::string name = "`" + each.name + "`";
     std::string row;
     std::istringstream lines(text);
     for (std::string line; row.empty() && std::getline(lines, line);) {

@@ -215,6 +215,8 @@ TEST_F(OpenRegistry, TellsWhetherThereIsOneYetAndWhetherThereCanBe) {
 
   configuration.locations = {directory_ / "no/such/place"};
   EXPECT_TRUE(is_absent(configuration));
+  EXPECT_TRUE(check_location(configuration).ok()) << "what is missing above a default location is created";
+  configuration.location_configured = true;
   EXPECT_FALSE(check_location(configuration).ok());
   configuration.locations = {"etcd://127.0.0.1:1"};
   EXPECT_FALSE(is_absent(configuration));
