@@ -109,7 +109,33 @@ Status LocalClient::put(std::span<const NamedValue> values, const PutOptions& op
 }
 
 Status LocalClient::list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) {
-  return read_all([&](Reader& tree) { return tree.list(key, infos, visit); });
+  if (infos) return read_all([&](Reader& tree) { return tree.list(key, true, visit); });
+  // Collected first: the read may begin again, but no subkey is visited twice.
+  struct End {
+    std::size_t at;  // behind a level in `levels`
+    KeyId id;
+  };
+  std::string levels;
+  std::vector<End> ends;
+  const auto collect = [&](const Subkey& subkey) {
+    levels.append(subkey.level);
+    ends.push_back({levels.size(), subkey.info.id});
+    return Status();
+  };
+  Status status = read([&](Reader& tree) {
+    levels.clear();
+    ends.clear();
+    return tree.list(key, false, collect);
+  });
+  std::size_t begin = 0;
+  for (std::size_t each = 0; status.ok() && each < ends.size(); ++each) {
+    Subkey subkey;
+    subkey.level = std::string_view(levels).substr(begin, ends[each].at - begin);
+    subkey.info.id = ends[each].id;
+    begin = ends[each].at;
+    status = visit(subkey);
+  }
+  return status;
 }
 
 Status LocalClient::walk(const KeyRef& key, const WalkOptions& options,
