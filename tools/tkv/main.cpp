@@ -78,6 +78,7 @@ int main(int count, char** words) {
     return tkv::command::start(count, words);
   } catch (const std::bad_alloc&) {
     constexpr char kMessage[] = "tkv: out of memory\n";
-    return ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1) < 0 ? 1 : static_cast<int>(tkv::command::Exit::kOther);
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+    return static_cast<int>(tkv::command::Exit::kOther);
   }
 }
