@@ -70,8 +70,9 @@ quietly "$cmake" --install "$build" --component debug --prefix "$prefix"
 quietly "$cmake" --install "$build" --component debug --prefix "$prefix"
 for file in "$prefix/bin/tkv" "$libdir/libtkv.so" "$libdir/libprtkv.so.1"; do
   debug=$(dirname "$file")/.debug/$(basename "$file").debug
-  readelf --string-dump=.gnu_debuglink "$file" | grep -qF "$(basename "$debug")" || fail "no link to $debug"
-  readelf -SW "$debug" | grep -q '\.debug_info ' || fail "no debug information: $debug"
+  # Read to the end: a reader that stops early would end readelf with SIGPIPE.
+  grep -qF "$(basename "$debug")" <<<"$(readelf --string-dump=.gnu_debuglink "$file")" || fail "no link to $debug"
+  grep -q '\.debug_info ' <<<"$(readelf -SW "$debug")" || fail "no debug information: $debug"
 done
 [ "$("$prefix/bin/tkv" get greeting)" = hello ] || fail "the command works with its debug information beside it"
 
