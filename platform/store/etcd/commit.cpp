@@ -11,8 +11,8 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr int kPatientAttempts = 3;  // after which small writes wait for a claim
-constexpr std::chrono::milliseconds kMaxCourtesy{1000};
+constexpr int kPatientAttempts = 2;  // after which small writes wait for a claim
+constexpr std::chrono::milliseconds kMaxCourtesy{5000};
 constexpr std::chrono::milliseconds kPollInterval{5};
 
 }  // namespace
@@ -124,7 +124,7 @@ const Claim* Commit::decision_in_the_way() const {
   return nullptr;
 }
 
-// A large change takes longer than small ones, which would otherwise keep it from ever being made.
+// A large change takes longer than small ones, which would otherwise keep it from ever being made: they wait for it.
 void Commit::let_claimants_finish() {
   if (reads_.claim()) return;
   const Deadline moment(std::min(kMaxCourtesy, run_.deadline().left() / 2));
