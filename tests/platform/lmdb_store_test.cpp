@@ -609,10 +609,8 @@ TEST_F(LmdbGrowth, AFixedMapIsNotOutgrownAndTheRegistryIsUnharmed) {
   EXPECT_TRUE(set_text(*store, ids[0], std::string(200 * 1024, 'z')).ok());
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need address space without a limit
 TEST_F(LmdbGrowth, WithoutAddressSpaceTheFormerMapStays) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "sanitizers need address space without a limit";
-#endif
   EXPECT_EQ(in_child([&] {
               const auto store = open();
               NodeId id = kNoNode;
@@ -632,6 +630,7 @@ TEST_F(LmdbGrowth, WithoutAddressSpaceTheFormerMapStays) {
             }),
             0);
 }
+#endif
 
 // Readers that die
 
