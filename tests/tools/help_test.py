@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, Terminal, UNREACHABLE, USAGE
+from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER, Terminal, UNREACHABLE, USAGE
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
