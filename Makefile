@@ -2,7 +2,7 @@
 
 # The list of Debian packages, by what needs them.
 BUILD_PACKAGES = cmake g++ binutils ninja-build ccache openjdk-17-jdk-headless liblmdb-dev libxxhash-dev libinih-dev \
-                 libcli11-dev nlohmann-json3-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
+                 libcli11-dev nlohmann-json3-dev libssl-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
                  protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
                  python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config zsh fish
