@@ -265,6 +265,5 @@ Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descri
 }
 
 std::string data_file(const std::string& directory) { return directory + "/data.mdb"; }
-std::string lock_file(const std::string& directory) { return directory + "/lock.mdb"; }
 
 }  // namespace tkv::store

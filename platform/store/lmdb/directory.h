@@ -38,7 +38,6 @@ bool is_exposed(const struct stat& directory);
 Status sync_directory(const Descriptor& directory, const std::string& path);
 
 std::string data_file(const std::string& directory);
-std::string lock_file(const std::string& directory);
 
 }  // namespace tkv::store
 
