@@ -378,6 +378,30 @@ TEST_P(StoreContract, AMoveKeepsTheNodeItsSubtreeAndItsValues) {
   EXPECT_EQ(totals().nodes, 5u);
 }
 
+TEST_P(StoreContract, ANodeThatTakesThePlaceOfItsParentKeepsItsSubtree) {
+  const NodeId above = add(kRootNode, "above");
+  const NodeId other = add(above, "other");
+  const NodeId moved = add(above, "moved");
+  const NodeId child = add(moved, "child");
+  set_value(above, 3, "of the parent");
+  set_value(other, 3, "of its other child");
+  set_value(child, 3, "below the moved");
+  // The registry client refuses this, since it deletes the other children; a store does as it is told.
+  EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
+    Node node;
+    if (Status status = update.find(above, "moved", &node); !status.ok()) return status;
+    if (Status status = update.unlink(above, "moved"); !status.ok()) return status;
+    if (Status status = remove(update, kRootNode, "above"); !status.ok()) return status;
+    return update.insert(kRootNode, "above", node);
+  })));
+  EXPECT_EQ(id_of(kRootNode, "above"), moved);
+  EXPECT_EQ(names_below(moved), "child");
+  EXPECT_EQ(value_of(child), "below the moved");
+  const Totals found = totals();
+  EXPECT_EQ(found.nodes, 3u);
+  EXPECT_EQ(found.values, 1u);
+}
+
 TEST_P(StoreContract, UnlinkingWhatIsNotThereFails) {
   EXPECT_TRUE(store_->write([](Update& update) { return update.unlink(kRootNode, "a"); }).is(PRTKV_NO_SUCH_KEY));
 }

@@ -284,6 +284,15 @@ class Trees(CommandTest):
         self.tkv("mv", "--replace", "--yes", "app", "members")
         self.assertEqual(self.names("members"), ["members", "members.greeting", "members.hosts", "members.limit"])
 
+    def test_mv_and_cp_never_replace_a_key_above_the_source(self):
+        before = self.out("export")
+        for words in (("mv", "--replace", "--yes"), ("cp", "-r", "--replace", "--yes")):
+            for source in ("app.nodes", "app.nodes.alpha"):
+                with self.subTest(words=words, source=source):
+                    self.assertIn(f"key '{source}' cannot replace key 'app', which it lies below",
+                                  self.fails(USAGE, *words, source, "app"))
+        self.assertEqual(self.out("export"), before)
+
     def test_cp_copies_all_or_only_the_key(self):
         self.tkv("cp", "-r", "app", "copy")
         self.assertEqual(self.out("export", "copy").replace('"copy', '"app'), self.out("export", "app"))

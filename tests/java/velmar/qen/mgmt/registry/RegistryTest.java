@@ -232,6 +232,25 @@ class RegistryTest extends OpenRegistry {
     }
 
     @Test
+    void moveReplacingRefusesToReplaceAKeyAboveTheSource() {
+        registry.put(below("a"), "above");
+        registry.put(below("a.b"), "source");
+        registry.put(below("a.b.sub"), "below the source");
+        registry.put(below("a.other"), "beside the source");
+        for (String target : List.of(below("a"), top)) {
+            RegistryException refused =
+                assertThrows(RegistryException.class, () -> registry.moveReplacing(below("a.b"), target));
+            assertEquals(17, refused.code());
+            assertTrue(refused.getMessage().contains("cannot replace key '" + target + "', which it lies below"),
+                       refused.getMessage());
+        }
+        assertEquals("above", registry.get(below("a")));
+        assertEquals("source", registry.get(below("a.b")));
+        assertEquals("below the source", registry.get(below("a.b.sub")));
+        assertEquals("beside the source", registry.get(below("a.other")));
+    }
+
+    @Test
     @AsRoot
     void copyTreeMakesANewTree() {
         registry.put(below("s"), "top", Security.ownedBy("daemon").withGroup("bin"));
