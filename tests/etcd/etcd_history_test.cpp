@@ -252,8 +252,9 @@ class Clients {
 };
 
 int leader_of(EtcdCluster& cluster) {
-  cluster.wait_until_ready();
-  return cluster.leader();
+  int leader = -1;
+  eventually([&] { return (leader = cluster.leader()) >= 0; });
+  return leader;
 }
 
 TEST(EtcdCluster, HistoriesStayLinearizableWhileTheLeaderIsKilledStoppedAndCutOff) {

@@ -269,10 +269,9 @@ TEST_F(EtcdLargeChange, IsSeenWhollyOrNotAtAll) {
       ++reads;
     }
   });
-  for (int i = 0; i < 4; ++i) EXPECT_TRUE(done(change_values(*store_, incremented)));
+  for (int i = 0; i < 4 || reads < 2; ++i) EXPECT_TRUE(done(change_values(*store_, incremented)));
   ended = true;
   reader.join();
-  EXPECT_GT(reads, 1);
 }
 
 // The session that decided is cut off before it has carried out anything.

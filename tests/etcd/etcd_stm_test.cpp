@@ -129,14 +129,15 @@ class EtcdParts : public testing::Test {
     Value value;
     return decode_value(id, as_bytes(record), &value).ok() ? text_of(value) : "";
   }
-  static Deadline soon() { return Deadline(std::chrono::seconds(5)); }
+
+  static Deadline patience() { return Deadline(std::chrono::seconds(60)); }
 
   // Runs a function as a store does, until it need not run again.
   template <typename Function>
   Status run(Function function, Purpose purpose = Purpose::kWrite, int most = 5) {
     NextRun next;
     for (runs_ = 1; runs_ <= most; ++runs_) {
-      Stm stm(*core_, purpose, std::move(next), soon());
+      Stm stm(*core_, purpose, std::move(next), patience());
       Status result = stm.start();
       if (result.ok()) result = function(stm);
       if (stm.finish(&result)) return result;
@@ -153,7 +154,7 @@ class EtcdParts : public testing::Test {
 class EtcdReadSet : public EtcdParts {
  protected:
   std::unique_ptr<ReadSet> reads(Purpose purpose = Purpose::kWrite) {
-    run_ = std::make_unique<etcd::Run>(soon(), std::chrono::milliseconds(2000));
+    run_ = std::make_unique<etcd::Run>(patience(), std::chrono::milliseconds(2000));
     return std::make_unique<ReadSet>(*core_, *run_, start_, purpose);
   }
 
@@ -206,7 +207,7 @@ TEST_F(EtcdReadSet, ComparesNodesValuesAndListings) {
   set->add_compares(&request);
   const auto stands = [&] {
     TxnResponse response;
-    EXPECT_TRUE(kv_->txn(request, &response, soon()).ok());
+    EXPECT_TRUE(kv_->txn(request, &response, patience()).ok());
     return response.succeeded();
   };
   EXPECT_TRUE(stands());
@@ -372,7 +373,7 @@ class EtcdRecursiveChange : public EtcdParts {
   void protect(NodeId id) {
     NextRun next;
     for (int i = 0; i < 5; ++i) {
-      Stm stm(other_, Purpose::kWrite, std::move(next), soon());
+      Stm stm(other_, Purpose::kWrite, std::move(next), patience());
       Status result = stm.start();
       Node node;
       if (result.ok()) result = follow(stm, "a.b", &node);
@@ -513,13 +514,12 @@ class EtcdRecovery : public EtcdParts {
     kv_->put(keys().claim(2, "token"), ClaimText{true, 0, next, batches.size()}.print());
     batches_ = batches.size();
     RangeResponse claims;
-    EXPECT_TRUE(kv_->range(get_all(keys().all_claims()), &claims, soon()).ok());
+    EXPECT_TRUE(kv_->range(get_all(keys().all_claims()), &claims, patience()).ok());
     core_->claims.learn(claims, kv_->revision());
   }
 
   Status finish() {
-    const auto deadline = [] { return Deadline(std::chrono::milliseconds(500)); };
-    return core_->recovery.finish(*core_->claims.known()->decided_on(2), deadline);
+    return core_->recovery.finish(*core_->claims.known()->decided_on(2), [] { return patience(); });
   }
 
   std::uint64_t batches_ = 0;

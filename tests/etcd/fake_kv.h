@@ -36,7 +36,7 @@ class FakeKv final : public Kv {
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
-  std::chrono::milliseconds timeout() const override { return std::chrono::milliseconds(2000); }
+  std::chrono::milliseconds timeout() const override { return std::chrono::seconds(60); }
   bool is_ours() const override { return true; }
 
   // Called before each transaction is carried out. A failure that it returns is the reply, and nothing is carried out.

@@ -1,4 +1,4 @@
-// A shared directory whose owner is hostile: he replaces the registry's files while root opens the registry and writes
+// A shared directory whose owner is hostile: it replaces the registry's files while root opens the registry and writes
 // to it. Nothing outside the directory may change.
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -22,7 +21,7 @@ namespace fs = std::filesystem;
 
 constexpr uid_t kHostileUser = 54321;
 constexpr gid_t kSharedGroup = 1;
-constexpr const char* kPrivateText = "private text of root's";
+constexpr const char* kPrivateText = "private text of root";
 
 // What an observer can tell about a file.
 struct Observation {
@@ -39,9 +38,10 @@ Observation observe(const std::string& path) {
   return {read_file(path), status.st_mode, status.st_uid, status.st_gid};
 }
 
-std::chrono::seconds duration() {
-  const char* const seconds = std::getenv("TKV_RACE_SECONDS");
-  return std::chrono::seconds(seconds == nullptr ? 3 : std::atoi(seconds));
+// How often root opens the registry successfully, and how often in vain, before the race ends; more for a long race.
+int opens_of_each_kind() {
+  const char* const number = std::getenv("TKV_RACE_OPENS");
+  return number == nullptr ? 500 : std::atoi(number);
 }
 
 class HostileDirectory : public ::testing::Test {
@@ -71,7 +71,8 @@ class HostileDirectory : public ::testing::Test {
     ASSERT_EQ(chmod(path.c_str(), 03770), 0);
   }
 
-  // Puts a link to the victim, and a file of root's that he has in a directory of his own, in the place of each file.
+  // Replaces each of the registry's files by a link to the victim, then by a file of root's that the hostile user can
+  // rename, and puts it back.
   [[noreturn]] void swap_forever() const {
     if (setgroups(0, nullptr) != 0 || setgid(kSharedGroup) != 0 || setuid(kHostileUser) != 0) _exit(1);
     const std::string aside = directory_ / "planted/aside";
@@ -101,8 +102,8 @@ TEST_F(HostileDirectory, NothingOutsideOfItChanges) {
   int opened = 0;
   int refused = 0;
   int written = 0;
-  const auto end = std::chrono::steady_clock::now() + duration();
-  while (std::chrono::steady_clock::now() < end) {
+  const int least = opens_of_each_kind();
+  while (opened < least || refused < least) {
     std::shared_ptr<Store> store;
     if (!open_lmdb_store(options_, &store).ok()) {
       ++refused;
@@ -113,8 +114,6 @@ TEST_F(HostileDirectory, NothingOutsideOfItChanges) {
   }
   kill(swapper, SIGKILL);
   EXPECT_EQ(waitpid(swapper, nullptr, 0), swapper);
-  EXPECT_GT(refused, 0);  // the swapper was at work
-  EXPECT_GT(opened + written, 0);
   EXPECT_EQ(observe(victim_), victim);
   EXPECT_EQ(std::distance(fs::directory_iterator(directory_ / "private"), {}), 1);
   // The swapper may have been killed while the file, or a link to the victim, was in the registry's directory.

@@ -1,7 +1,6 @@
 // Several processes on one registry: no acknowledged write is lost, whatever other processes write, whichever process
 // is killed, and even when the power fails.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 
 #include <functional>
@@ -34,13 +33,8 @@ class Writer {
   Writer(const Writer&) = delete;
   Writer& operator=(const Writer&) = delete;
 
-  // Waits for the next acknowledgement. Returns false at the end, or if none arrives within ten seconds.
-  bool next(int* number) {
-    struct pollfd waiting {
-      pipe_[0], POLLIN, 0
-    };
-    return poll(&waiting, 1, 10'000) == 1 && read(pipe_[0], number, sizeof *number) == sizeof *number;
-  }
+  // Waits for the next acknowledgement. Returns false if the process has ended.
+  bool next(int* number) { return read(pipe_[0], number, sizeof *number) == sizeof *number; }
 
   void kill_it() {
     if (process_ <= 0) return;

@@ -274,7 +274,7 @@ TEST_F(Prsrvut, LetsAClassBeUnloaded) {
   env_->PopLocalFrame(nullptr);
   jclass loaders = class_of("results/Loaders");
   jmethodID is_unloaded = env_->GetStaticMethodID(loaders, "isUnloaded", "()Z");
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(240);
   bool gone = false;
   while (!gone && std::chrono::steady_clock::now() < deadline) {
     gone = env_->CallStaticBooleanMethod(loaders, is_unloaded) == JNI_TRUE;

@@ -72,6 +72,13 @@ class Terminal:
     def type(self, text):
         os.write(self.master, text.encode())
 
+    def kill(self):
+        """Kills the command, which must not have ended by itself."""
+        kill(self.process)
+        os.close(self.master)
+        if self.process.returncode != -signal.SIGKILL:
+            raise AssertionError(f"it ended by itself, with {self.process.returncode}, before it could be killed")
+
     def finish(self):
         self.read_until(None)
         code = self.process.wait(DEADLINE)

@@ -40,7 +40,7 @@ public final class ChildJvm {
         Process process = start(options, environment, main, arguments);
         process.getOutputStream().close();
         String output = new String(process.getInputStream().readAllBytes());
-        if (!process.waitFor(60, TimeUnit.SECONDS)) {
+        if (!process.waitFor(240, TimeUnit.SECONDS)) {
             process.destroyForcibly();
             throw new IOException("no end of " + main + ": " + output);
         }

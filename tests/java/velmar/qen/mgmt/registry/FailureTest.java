@@ -270,7 +270,7 @@ class FailureTest extends OpenRegistry {
     void anAbandonedRegistryIsClosedInTheEnd() {
         registry.close();
         WeakReference<Registry> abandoned = new WeakReference<>(Registry.open());
-        Instant deadline = Instant.now().plus(Duration.ofSeconds(30));
+        Instant deadline = Instant.now().plus(Duration.ofSeconds(240));
         registry = null;
         while (registry == null && Instant.now().isBefore(deadline)) {
             System.gc();

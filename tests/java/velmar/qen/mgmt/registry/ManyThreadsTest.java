@@ -24,11 +24,12 @@ import org.junit.jupiter.api.Test;
 class ManyThreadsTest {
     private static final String USER = System.getProperty("user.name");
     private static final int THREADS = 8;
-    private static final int SECONDS_BEFORE_CLOSING = 3;
+    private static final int ROUNDS_BEFORE_CLOSING = 50;
+    private static final long DEADLINE_SECONDS = 480;
 
     private final ExecutorService pool = Executors.newFixedThreadPool(THREADS);
-    /** Counted down when the first worker ends. */
-    private final CountDownLatch ended = new CountDownLatch(1);
+    /** Counted down by each worker after its last round before the closing, or when it ends before that. */
+    private final CountDownLatch busy = new CountDownLatch(THREADS);
     private final AtomicInteger created = new AtomicInteger();
     private Registry registry;
 
@@ -59,11 +60,16 @@ class ManyThreadsTest {
                 registry.putInt("threads.counter" + thread, confirmed + 1);
                 confirmed++;
                 callAnything(random, thread);
+                if (confirmed == ROUNDS_BEFORE_CLOSING) {
+                    busy.countDown();
+                }
             }
         } catch (RegistryClosedException end) {
             return confirmed;
         } finally {
-            ended.countDown();
+            if (confirmed < ROUNDS_BEFORE_CLOSING) {
+                busy.countDown();
+            }
         }
     }
 
@@ -112,7 +118,8 @@ class ManyThreadsTest {
             int thread = i;
             workers.add(pool.submit((Callable<Integer>) () -> work(thread)));
         }
-        boolean failed = ended.await(SECONDS_BEFORE_CLOSING, TimeUnit.SECONDS);
+        assertTrue(busy.await(DEADLINE_SECONDS, TimeUnit.SECONDS), "every worker gets through its rounds");
+        assertTrue(workers.stream().noneMatch(Future::isDone), "nobody ends before the closing");
         Thread otherCloser = new Thread(registry::close);
         otherCloser.start();
         registry.close();
@@ -122,8 +129,7 @@ class ManyThreadsTest {
         for (Future<Integer> worker : workers) {
             confirmed.add(worker.get());
         }
-        assertFalse(failed, "nobody ends before the closing");
-        assertTrue(confirmed.stream().anyMatch(count -> count > 0), confirmed::toString);
+        assertTrue(confirmed.stream().allMatch(count -> count >= ROUNDS_BEFORE_CLOSING), confirmed::toString);
         registry = Registry.open();
         for (int i = 0; i < THREADS; i++) {
             assertEquals(confirmed.get(i), registry.getInt("threads.counter" + i));
