@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "prsrvut/method_cache.h"
+#include "prsrvut/own_setters.h"
 #include "prsrvut/trace_switch.h"
 
 namespace tkv::prsrvut {
@@ -74,6 +75,7 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
   if (env == nullptr) return JNI_ERR;
   tkv::prsrvut::disconnect_trace_switch(env);
   tkv::prsrvut::connect_trace_switch(env);
+  tkv::prsrvut::connect_own_setters(env);
   if (tkv::prsrvut::on_load != nullptr) tkv::prsrvut::on_load(env);
   return tkv::prsrvut::kJniVersion;
 }
@@ -82,5 +84,6 @@ extern "C" JNIEXPORT void JNICALL JNI_OnUnload(JavaVM* vm, void* /*reserved*/) {
   JNIEnv* env = tkv::prsrvut::environment(vm);
   if (env == nullptr) return;
   tkv::prsrvut::disconnect_trace_switch(env);
+  tkv::prsrvut::disconnect_own_setters();
   tkv::prsrvut::forget_methods(env);
 }

@@ -5,9 +5,13 @@
 #include <list>
 #include <mutex>
 #include <new>
+#include <optional>
+#include <shared_mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "prsrvut/own_setters.h"
 
 namespace tkv::prsrvut {
 namespace {
@@ -16,15 +20,15 @@ namespace {
 constexpr std::size_t kMaxClasses = 32;
 constexpr std::size_t kMaxMethods = 16;
 
-struct Method {
+struct NamedMethod {
   std::string name;
   std::string signature;
-  jmethodID id;  // null if the class has no such method
+  Method method;
 };
 
 struct Class {
   jweak reference;
-  std::vector<Method> methods;
+  std::vector<NamedMethod> methods;
 };
 
 class Classes {
@@ -36,24 +40,22 @@ class Classes {
     return classes;
   }
 
-  // Returns whether the method was looked up before. `*id` receives it, null if the class has no such method.
-  bool recall(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID* id) {
-    const std::lock_guard lock(mutex_);
+  // Returns the method if it was looked up before.
+  std::optional<Method> recall(JNIEnv* env, jclass type, const char* name, const char* signature) {
+    const std::shared_lock lock(mutex_);
     const Class* known = find(env, type);
-    if (known == nullptr) return false;
-    for (const Method& method : known->methods) {
-      if (method.name == name && method.signature == signature) {
-        *id = method.id;
-        return true;
-      }
+    if (known == nullptr) return std::nullopt;
+    for (const NamedMethod& candidate : known->methods) {
+      if (candidate.name == name && candidate.signature == signature) return candidate.method;
     }
-    return false;
+    return std::nullopt;
   }
 
-  // Does nothing if out of memory; the method is then looked up again the next time.
-  void remember(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) noexcept {
+  // Does nothing if out of memory or if other threads are using the cache, which might keep this one waiting for long.
+  // The method is then looked up again the next time.
+  void remember(JNIEnv* env, jclass type, const char* name, const char* signature, Method method) noexcept {
     try {
-      keep(env, type, name, signature, id);
+      keep(env, type, name, signature, method);
     } catch (const std::bad_alloc&) {
       return;
     }
@@ -66,14 +68,15 @@ class Classes {
   }
 
  private:
-  void keep(JNIEnv* env, jclass type, const char* name, const char* signature, jmethodID id) {
-    Method method{name, signature, id};
-    const std::lock_guard lock(mutex_);
+  void keep(JNIEnv* env, jclass type, const char* name, const char* signature, Method method) {
+    NamedMethod named{name, signature, method};
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return;
     Class* known = find(env, type);
     if (known == nullptr) known = add(env, type);
     if (known == nullptr) return;
     if (known->methods.size() == kMaxMethods) known->methods.erase(known->methods.begin());
-    known->methods.push_back(std::move(method));
+    known->methods.push_back(std::move(named));
   }
 
   Class* find(JNIEnv* env, jclass type) {
@@ -102,24 +105,25 @@ class Classes {
     return nullptr;
   }
 
-  std::mutex mutex_;
+  std::shared_mutex mutex_;
   std::list<Class> classes_;  // oldest first
 };
 
 }  // namespace
 
-jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature) {
+Method find_method(JNIEnv* env, jobject object, const char* name, const char* signature) {
   jclass type = env->GetObjectClass(object);
-  if (type == nullptr) return nullptr;
-  jmethodID id = nullptr;
-  if (!Classes::instance().recall(env, type, name, signature, &id)) {
+  if (type == nullptr) return {};
+  std::optional<Method> method = Classes::instance().recall(env, type, name, signature);
+  if (!method) {
     // Not under the lock: the lookup may initialise the class, which may call back into this function.
-    id = env->GetMethodID(type, name, signature);
+    jmethodID id = env->GetMethodID(type, name, signature);
     if (id == nullptr) env->ExceptionClear();
-    Classes::instance().remember(env, type, name, signature, id);
+    method = Method{id, field_set_by(id)};
+    Classes::instance().remember(env, type, name, signature, *method);
   }
   env->DeleteLocalRef(type);
-  return id;
+  return *method;
 }
 
 void forget_methods(JNIEnv* env) { Classes::instance().forget(env); }

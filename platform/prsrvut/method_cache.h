@@ -1,4 +1,4 @@
-// A cache of the ids of the methods that are called on result objects.
+// A cache of the methods that are called on result objects.
 #ifndef TKV_PLATFORM_PRSRVUT_METHOD_CACHE_H
 #define TKV_PLATFORM_PRSRVUT_METHOD_CACHE_H
 
@@ -6,12 +6,18 @@
 
 namespace tkv::prsrvut {
 
-// Returns the id of an object's method, null if its class has no method of that name and signature; no exception is
-// left pending. The id is valid as long as the object is referenced. No exception may be pending at the call. Never
-// throws. Any attached thread may call.
+// A method of a class.
+struct Method {
+  jmethodID id = nullptr;        // null if the class has no such method
+  jfieldID only_sets = nullptr;  // the field in which it stores its argument, null if it may do anything else
+};
+
+// Looks up an object's method by name and signature; no exception is left pending. The ids are valid as long as the
+// object is referenced. No exception may be pending at the call. Never throws. Any attached thread may call; threads
+// that look up what is in the cache do not exclude each other.
 //
 // The cache holds weak references to classes, so they can still be unloaded.
-jmethodID find_method(JNIEnv* env, jobject object, const char* name, const char* signature);
+Method find_method(JNIEnv* env, jobject object, const char* name, const char* signature);
 
 // Empties the cache and releases its references.
 void forget_methods(JNIEnv* env);

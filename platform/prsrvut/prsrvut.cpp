@@ -39,6 +39,9 @@ class PendingException {
   PendingException(const PendingException&) = delete;
   PendingException& operator=(const PendingException&) = delete;
 
+  // Declares that nothing done in the scope can have raised an exception, which saves the check for one.
+  void set_raised_nothing() { may_have_raised_ = false; }
+
  private:
   void raise() {
     env_->ExceptionClear();
@@ -48,7 +51,7 @@ class PendingException {
 
   void defer_to(NativeCall* call) {
     if (exception_ != nullptr) call->defer(exception_);
-    if (env_->ExceptionCheck() != JNI_TRUE) return;
+    if (!may_have_raised_ || env_->ExceptionCheck() != JNI_TRUE) return;
     jthrowable raised = env_->ExceptionOccurred();
     env_->ExceptionClear();
     call->defer(raised);
@@ -56,6 +59,7 @@ class PendingException {
 
   JNIEnv* env_;
   jthrowable exception_ = nullptr;
+  bool may_have_raised_ = true;
 };
 
 // Deletes a local reference at the end of its scope.
@@ -104,20 +108,40 @@ bool takes_one_argument(std::string_view signature) {
   return type.size() > 2 && type.starts_with('L') && type.find(';') == type.size() - 1;
 }
 
-// Calls a void method with one argument. Returns false if there is no such method.
-bool call(JNIEnv* env, jobject result, const char* name, const char* signature, const jvalue* argument) {
-  jmethodID method = find_method(env, result, name, signature);
-  if (method == nullptr) return false;
-  env->CallVoidMethodA(result, method, argument);
+// Sets a field of the type that a setter's signature names.
+void set_field(JNIEnv* env, jobject object, jfieldID field, char type, const jvalue& value) {
+  switch (type) {
+    case 'Z':
+      return env->SetBooleanField(object, field, value.z);
+    case 'I':
+      return env->SetIntField(object, field, value.i);
+    default:
+      return env->SetObjectField(object, field, value.l);
+  }
+}
+
+// Calls a void method with one argument, or sets the field if the method does nothing else. Returns false if there is
+// no such method.
+bool call(JNIEnv* env, PendingException* pending, jobject result, const char* name, const char* signature,
+          const jvalue* argument) {
+  const Method method = find_method(env, result, name, signature);
+  if (method.id == nullptr) return false;
+  if (method.only_sets != nullptr) {
+    set_field(env, result, method.only_sets, signature[1], *argument);
+    pending->set_raised_nothing();
+    return true;
+  }
+  env->CallVoidMethodA(result, method.id, argument);
   // An exception of the method stays pending for the caller. The check tells the JVM that it was not overlooked.
   static_cast<void>(env->ExceptionCheck());
   return true;
 }
 
 void set_flag(JNIEnv* env, jobject result, const char* method, bool value) {
+  PendingException pending(env);
   jvalue argument{};
   argument.z = value ? JNI_TRUE : JNI_FALSE;
-  call(env, result, method, "(Z)V", &argument);
+  call(env, &pending, result, method, "(Z)V", &argument);
 }
 
 jstring new_string(JNIEnv* env, std::string_view text) {
@@ -128,12 +152,12 @@ jstring new_string(JNIEnv* env, std::string_view text) {
 }
 
 void trace_line(JNIEnv* env, jobject result, std::string_view line) {
-  const PendingException pending(env);
+  PendingException pending(env);
   const LocalRef text(env, new_string(env, line));
   if (text.get() == nullptr) return;
   jvalue argument{};
   argument.l = text.get();
-  call(env, result, "trace", "(Ljava/lang/String;)V", &argument);
+  call(env, &pending, result, "trace", "(Ljava/lang/String;)V", &argument);
 }
 
 // A null string is printed as "(null)", as the C library prints it.
@@ -191,13 +215,11 @@ using tkv::prsrvut::PendingException;
 
 extern "C" void prsrvut_setStatus(JNIEnv* env, jobject result, int status) {
   if (result == nullptr) return;
-  const PendingException pending(env);
   tkv::prsrvut::set_flag(env, result, "setStatus", status != 0);
 }
 
 extern "C" void prsrvut_setBooleanResult(JNIEnv* env, jobject result, int value) {
   if (result == nullptr) return;
-  const PendingException pending(env);
   tkv::prsrvut::set_flag(env, result, "setBooleanResult", value != 0);
 }
 
@@ -205,8 +227,8 @@ extern "C" int prsrvut_callMethod(JNIEnv* env, jobject result, const char* name,
   if (result == nullptr || name == nullptr || signature == nullptr || args == nullptr) return -1;
   // "<init>" must not be called on an existing object.
   if (*name == '<' || !tkv::prsrvut::takes_one_argument(signature)) return -1;
-  const PendingException pending(env);
-  return tkv::prsrvut::call(env, result, name, signature, args) ? 0 : -1;
+  PendingException pending(env);
+  return tkv::prsrvut::call(env, &pending, result, name, signature, args) ? 0 : -1;
 }
 
 extern "C" void prsrvut_trace(JNIEnv* env, jobject result, const char* format, ...) {

@@ -99,12 +99,27 @@ class Prsrvut : public testing::Test {
     return object;
   }
 
-  jobject make_of_a_new_class() {
+  // An object of a class that has just been loaded by a class loader of its own; `method` of Loaders says which.
+  jobject make_of_a_new_class(const char* method = "recorder") {
     jclass loaders = class_of("results/Loaders");
     jobject object =
-        env_->CallStaticObjectMethod(loaders, env_->GetStaticMethodID(loaders, "recorder", "()Ljava/lang/Object;"));
+        env_->CallStaticObjectMethod(loaders, env_->GetStaticMethodID(loaders, method, "()Ljava/lang/Object;"));
     EXPECT_FALSE(env_->ExceptionCheck());
     return object;
+  }
+
+  // Drops the references of the current local frame and waits until the class of the last new object is unloaded.
+  void expect_unloaded() {
+    env_->PopLocalFrame(nullptr);
+    jclass loaders = class_of("results/Loaders");
+    jmethodID is_unloaded = env_->GetStaticMethodID(loaders, "isUnloaded", "()Z");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(240);
+    bool gone = false;
+    while (!gone && std::chrono::steady_clock::now() < deadline) {
+      gone = env_->CallStaticBooleanMethod(loaders, is_unloaded) == JNI_TRUE;
+      ASSERT_FALSE(env_->ExceptionCheck());
+    }
+    EXPECT_TRUE(gone);
   }
 
   void set_tracing(int word) {
@@ -271,16 +286,7 @@ TEST_F(Prsrvut, LetsAClassBeUnloaded) {
   jobject result = make_of_a_new_class();
   prsrvut_setStatus(env_, result, 1);
   EXPECT_EQ(reports(result), "status true");
-  env_->PopLocalFrame(nullptr);
-  jclass loaders = class_of("results/Loaders");
-  jmethodID is_unloaded = env_->GetStaticMethodID(loaders, "isUnloaded", "()Z");
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(240);
-  bool gone = false;
-  while (!gone && std::chrono::steady_clock::now() < deadline) {
-    gone = env_->CallStaticBooleanMethod(loaders, is_unloaded) == JNI_TRUE;
-    ASSERT_FALSE(env_->ExceptionCheck());
-  }
-  EXPECT_TRUE(gone);
+  expect_unloaded();
   jobject next = make_of_a_new_class();
   prsrvut_setStatus(env_, next, 0);
   EXPECT_EQ(reports(next), "status false");
@@ -305,6 +311,136 @@ TEST_F(Prsrvut, RemembersMethodsBeyondItsRoomByLookingThemUpAgain) {
     EXPECT_EQ(call_with_int(result, "setTKVErrCode"), 0);
   }
   EXPECT_EQ(reports(result), "code 7|code 7");
+}
+
+// Counts the methods that are called on result objects.
+class CountedCalls : public ReplacedFunctions {
+ public:
+  explicit CountedCalls(JNIEnv* env) : ReplacedFunctions(env) {
+    table().CallVoidMethodA = [](JNIEnv* e, jobject object, jmethodID method, const jvalue* arguments) {
+      count();
+      original().CallVoidMethodA(e, object, method, arguments);
+    };
+  }
+};
+
+class OwnSetters : public Prsrvut {
+ protected:
+  // Makes a report of each kind. Returns how many methods it called.
+  int report_everything(jobject result) {
+    jstring text = managed(u"why");
+    const CountedCalls functions(env_);
+    prsrvut_setStatus(env_, result, 256);
+    prsrvut_setBooleanResult(env_, result, -1);
+    EXPECT_EQ(call_with_int(result, "setTKVErrCode"), 0);
+    EXPECT_EQ(call_with_object(result, "setTKVResultString", text), 0);
+    return functions.calls;
+  }
+
+  bool own_status_of(jobject result) {
+    jclass type = env_->GetObjectClass(result);
+    return env_->CallBooleanMethod(result, env_->GetMethodID(type, "ownStatus", "()Z")) == JNI_TRUE;
+  }
+
+  static constexpr const char* kResult = "velmar/qen/mgmt/nativesystem/TKVResult";
+  static constexpr const char* kEverything = "status true|answer true|code 7|text why";
+};
+
+TEST_F(OwnSetters, AreReplacedBySettingTheirFields) {
+  for (const char* name : {kResult, "results/PlainSub"}) {
+    jobject result = make(name);
+    for (int round = 0; round < 2; ++round) {
+      EXPECT_EQ(report_everything(result), 0) << name;
+      EXPECT_EQ(reports(result), kEverything) << name;
+      prsrvut_setStatus(env_, result, 0);
+      prsrvut_setBooleanResult(env_, result, 0);
+      EXPECT_EQ(call_with_int(result, "setTKVErrCode", "(I)V", -1), 0);
+      EXPECT_EQ(call_with_object(result, "setTKVResultString", nullptr), 0);
+      EXPECT_EQ(reports(result), "status false|answer false|code -1|text null") << name;
+    }
+  }
+}
+
+TEST_F(OwnSetters, LeaveAFieldOfTheSameNameInASubclassAlone) {
+  jobject result = make("results/PlainSub");
+  prsrvut_setStatus(env_, result, 0);
+  EXPECT_TRUE(own_status_of(result));
+  EXPECT_EQ(call_with_int(result, "setStatus", "(I)V", 0), 0) << "another method of the same name is called";
+  EXPECT_FALSE(own_status_of(result));
+}
+
+TEST_F(OwnSetters, AreCalledWhereASubclassOverridesThem) {
+  jobject result = make("results/OverridingSub");
+  jobject heir = make("results/Heir");
+  EXPECT_EQ(report_everything(result), 3);
+  EXPECT_EQ(reports(result), "status true|code 7|text why|status false|answer true|code 8|text null");
+  EXPECT_EQ(report_everything(heir), 4);
+  EXPECT_EQ(reports(heir), "status true|code 7|text why|status false|answer false|code 8|text null|told true");
+}
+
+TEST_F(OwnSetters, OfAClassOfTheSameNameAreCalled) {
+  jobject foreign = make_of_a_new_class("foreignResult");
+  EXPECT_EQ(report_everything(foreign), 4);
+  EXPECT_EQ(reports(foreign), kEverything);
+}
+
+TEST_F(OwnSetters, AreReplacedInASubclassOfAnotherLoaderToo) {
+  EXPECT_EQ(report_everything(make(kResult)), 0);
+  jobject late = make_of_a_new_class("subclass");
+  EXPECT_EQ(report_everything(late), 0);
+  EXPECT_EQ(reports(late), kEverything);
+}
+
+TEST_F(OwnSetters, LetSubclassesAndNamesakesBeUnloaded) {
+  for (const char* method : {"subclass", "foreignResult"}) {
+    ASSERT_EQ(env_->PushLocalFrame(16), 0);
+    report_everything(make_of_a_new_class(method));
+    expect_unloaded();
+    jobject next = make_of_a_new_class(method);
+    report_everything(next);
+    EXPECT_EQ(reports(next), kEverything) << method;
+  }
+}
+
+TEST_F(OwnSetters, KeepAnExceptionPending) {
+  jobject result = make(kResult);
+  throw_new("earlier");
+  prsrvut_setStatus(env_, result, 1);
+  EXPECT_EQ(call_with_int(result, "setTKVErrCode"), 0);
+  EXPECT_EQ(take_exception(), "java.lang.RuntimeException: earlier");
+  {
+    const tkv::prsrvut::NativeCall call(env_);
+    throw_new("of a JNI call");
+    prsrvut_setBooleanResult(env_, result, 1);
+    EXPECT_FALSE(env_->ExceptionCheck());
+  }
+  EXPECT_EQ(take_exception(), "java.lang.RuntimeException: of a JNI call");
+  EXPECT_EQ(reports(result), "status true|answer true|code 7|text null");
+}
+
+TEST_F(OwnSetters, AreCalledIfTheClassLacksAFieldOrASetter) {
+  // The classes were reported to before: what is remembered of them is forgotten with the library.
+  JNI_OnUnload(JavaVm::instance().vm(), nullptr);
+  static bool hides_field = false;
+  for (const bool hides : {true, false}) {
+    hides_field = hides;
+    {
+      ReplacedFunctions functions(env_);
+      functions.table().GetFieldID = [](JNIEnv* env, jclass type, const char* name, const char* signature) {
+        const bool is_hidden = hides_field && std::strcmp(name, "resultString") == 0;
+        return ReplacedFunctions::original().GetFieldID(env, type, is_hidden ? "none" : name, signature);
+      };
+      functions.table().GetMethodID = [](JNIEnv* env, jclass type, const char* name, const char* signature) {
+        const bool is_hidden = !hides_field && std::strcmp(name, "setTKVErrCode") == 0;
+        return ReplacedFunctions::original().GetMethodID(env, type, is_hidden ? "none" : name, signature);
+      };
+      ASSERT_EQ(JNI_OnLoad(JavaVm::instance().vm(), nullptr), JNI_VERSION_1_8);
+    }
+    jobject result = make(kResult);
+    EXPECT_EQ(report_everything(result), 4);
+    EXPECT_EQ(reports(result), kEverything);
+    JNI_OnUnload(JavaVm::instance().vm(), nullptr);
+  }
 }
 
 TEST_F(Prsrvut, WorksWithAnExceptionPendingAndKeepsIt) {

@@ -9,7 +9,8 @@ import java.nio.ByteOrder;
  * Receives the report of a native method: a status and, on failure, a message or a code.
  *
  * <p>An object can be used for several calls, one after the other; {@link #reset} returns it to its initial state. The
- * setters are for the native methods.
+ * setters are for the native methods. A subclass may override them, and receives the calls of those that it does. In
+ * place of a setter that the class inherits from this one, the native methods set the field itself.
  *
  * <p>Tracing is switched for the whole process, by {@link #setTracing} or the property {@code tkv.trace}. The
  * lines go to the logger {@code velmar.qen.mgmt.tkv}; a subclass that overrides {@link #trace} receives them instead.
@@ -31,6 +32,7 @@ public class TKVResult {
         setTracing(Boolean.getBoolean("tkv.trace"));
     }
 
+    /** Set by native code, by these names. */
     private boolean status;
     private boolean booleanResult;
     private int errCode;

@@ -50,6 +50,16 @@ class ForeignResultTest extends OpenSession {
         }
     }
 
+    /** Overrides one setter and inherits the others. */
+    static final class StatusRecorder extends TKVResult {
+        private final List<Boolean> statuses = new ArrayList<>();
+
+        @Override
+        public void setStatus(boolean status) {
+            statuses.add(status);
+        }
+    }
+
     /** Throws when it receives a text. */
     static final class Throwing extends TKVResult {
         @Override
@@ -117,6 +127,16 @@ class ForeignResultTest extends OpenSession {
         tkv.openKey("absent", result);
         assertFalse(result.status);
         TKVResult.setTracing(false);
+    }
+
+    @Test
+    void aSubclassReceivesTheCallsOfTheSettersThatItOverrides() {
+        StatusRecorder result = new StatusRecorder();
+        tkv.openKey(top + "absent", result);
+        tkv.isCluster(result);
+        assertEquals(List.of(false, true), result.statuses);
+        assertFalse(result.getStatus());
+        assertEquals("TKV-0004: key '" + top + "absent' does not exist", result.getTKVResultString());
     }
 
     @Test

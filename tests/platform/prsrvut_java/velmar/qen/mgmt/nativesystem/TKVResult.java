@@ -3,8 +3,8 @@ package velmar.qen.mgmt.nativesystem;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 
-/** The switch of tracing, and nothing else. */
-public final class TKVResult {
+/** The switch of tracing, and a result object whose setters native code may replace by setting the fields. */
+public class TKVResult {
     static final ByteBuffer TRACE_SWITCH = ByteBuffer.allocateDirect(Integer.BYTES).order(ByteOrder.nativeOrder());
 
     /** Buffers that cannot serve as the switch; whoever reads them all the same finds tracing on. */
@@ -24,5 +24,28 @@ public final class TKVResult {
         TRACE_SWITCH.putInt(0, word);
     }
 
-    private TKVResult() {}
+    private boolean status;
+    private boolean booleanResult;
+    private int errCode;
+    private String resultString;
+
+    public void setStatus(boolean status) {
+        this.status = status;
+    }
+
+    public void setBooleanResult(boolean booleanResult) {
+        this.booleanResult = booleanResult;
+    }
+
+    public void setTKVErrCode(int errCode) {
+        this.errCode = errCode;
+    }
+
+    public void setTKVResultString(String resultString) {
+        this.resultString = resultString;
+    }
+
+    public String reports() {
+        return "status " + status + "|answer " + booleanResult + "|code " + errCode + "|text " + resultString;
+    }
 }

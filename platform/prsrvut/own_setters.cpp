@@ -1,0 +1,66 @@
+#include "prsrvut/own_setters.h"
+
+#include <array>
+
+namespace tkv::prsrvut {
+namespace {
+
+constexpr const char* kClass = "velmar/qen/mgmt/nativesystem/TKVResult";
+
+struct Setter {
+  const char* name;
+  const char* signature;
+  const char* field;
+  const char* type;
+  jmethodID method_id = nullptr;
+  jfieldID field_id = nullptr;
+};
+
+std::array<Setter, 4> setters = {{
+    {"setStatus", "(Z)V", "status", "Z"},
+    {"setBooleanResult", "(Z)V", "booleanResult", "Z"},
+    {"setTKVErrCode", "(I)V", "errCode", "I"},
+    {"setTKVResultString", "(Ljava/lang/String;)V", "resultString", "Ljava/lang/String;"},
+}};
+
+// Returns false, with an exception pending, if the class lacks the method or the field.
+bool look_up(JNIEnv* env, jclass owner, Setter* setter) {
+  setter->method_id = env->GetMethodID(owner, setter->name, setter->signature);
+  if (setter->method_id == nullptr) return false;
+  setter->field_id = env->GetFieldID(owner, setter->field, setter->type);
+  return setter->field_id != nullptr;
+}
+
+bool look_up_all(JNIEnv* env) {
+  jclass owner = env->FindClass(kClass);
+  if (owner == nullptr) return false;
+  bool has_all = true;
+  for (Setter& setter : setters) has_all = has_all && look_up(env, owner, &setter);
+  env->DeleteLocalRef(owner);
+  return has_all;
+}
+
+}  // namespace
+
+void connect_own_setters(JNIEnv* env) {
+  if (look_up_all(env)) return;
+  env->ExceptionClear();
+  disconnect_own_setters();
+}
+
+void disconnect_own_setters() {
+  for (Setter& setter : setters) {
+    setter.method_id = nullptr;
+    setter.field_id = nullptr;
+  }
+}
+
+jfieldID field_set_by(jmethodID method) {
+  if (method == nullptr) return nullptr;
+  for (const Setter& setter : setters) {
+    if (setter.method_id == method) return setter.field_id;
+  }
+  return nullptr;
+}
+
+}  // namespace tkv::prsrvut
