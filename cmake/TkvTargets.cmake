@@ -74,6 +74,32 @@ function(tkv_module name)
   endif()
 endfunction()
 
+# tkv_digest_of_headers(variable header ...): 16 hexadecimal digits that change with the release's number and with the text
+# of these headers or of any header of the platform that they include. A change of one of them configures the build anew.
+function(tkv_digest_of_headers variable)
+  set(pending ${ARGN})
+  set(read "")
+  set(text ${PROJECT_VERSION})
+  while(pending)
+    list(POP_FRONT pending header)
+    unset(file)
+    find_file(file ${header} PATHS ${PROJECT_SOURCE_DIR}/platform ${PROJECT_SOURCE_DIR}/platform/if
+              NO_CACHE NO_DEFAULT_PATH REQUIRED)
+    if(NOT file IN_LIST read)
+      list(APPEND read ${file})
+      file(SHA256 ${file} digest)
+      string(APPEND text ${digest})
+      file(STRINGS ${file} includes REGEX "^#include \"")
+      list(TRANSFORM includes REPLACE "^#include \"([^\"]+)\".*" "\\1")
+      list(APPEND pending ${includes})
+    endif()
+  endwhile()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${read})
+  string(SHA256 digest ${text})
+  string(SUBSTRING ${digest} 0 16 digest)
+  set(${variable} ${digest} PARENT_SCOPE)
+endfunction()
+
 # How long a test may run before it counts as hanging: ample for a sanitized test on a busy machine. Tests with the
 # label "prove" are the long runs.
 set(TKV_TEST_TIMEOUT 600)

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace tkv::store {
+namespace tkv {
 
 void occupy_standard_files() {
   int file = 0;
@@ -11,4 +11,4 @@ void occupy_standard_files() {
   if (file > STDERR_FILENO) close(file);
 }
 
-}  // namespace tkv::store
+}  // namespace tkv

@@ -1,13 +1,13 @@
-// The numbers 0 to 2 are the standard files', whether the process was started with all of them or not.
+// Keeps the descriptors 0 to 2 for the standard files, even in a process that was started without them.
 #ifndef TKV_PLATFORM_BASE_STANDARD_FILES_H
 #define TKV_PLATFORM_BASE_STANDARD_FILES_H
 
-namespace tkv::store {
+namespace tkv {
 
-// Gives each of the three that is closed to something from which nothing is read and to which nothing can be written.
-// Else the next file that is opened becomes the standard output or error, and what anybody prints is written into it.
+// Opens /dev/null, for reading only, on each of the three that is closed. Otherwise the next file opened, the
+// registry's data file for instance, would get that number, and whatever the process prints would be written into it.
 void occupy_standard_files();
 
-}  // namespace tkv::store
+}  // namespace tkv
 
 #endif

@@ -46,6 +46,9 @@ BRIDGE_SYSTEM_HEADERS = {
 }
 BRIDGE = {"framework/tkv", "framework/tkv/if", "platform/if"}
 
+# Headers that the build generates.
+GENERATED = re.compile(r"\.pb\.h$|^store/etcd/module_abi\.h$")
+
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^>"]+)[>"]', re.MULTILINE)
 SOURCES = {".h", ".hpp", ".c", ".cc", ".cpp"}
 
@@ -89,7 +92,7 @@ def violations(root):
 def check(path, layer, mark, name, files):
     found = resolve(path, name, files) if mark == '"' else None
     if found is None:
-        if mark == '"' and not name.endswith(".pb.h"):
+        if mark == '"' and not GENERATED.search(name):
             yield f'{path}: "{name}" is no file of the tree'
         elif layer in BRIDGE and (mark == "<" and name not in BRIDGE_SYSTEM_HEADERS):
             yield f"{path}: <{name}> is none of the bridge's business"

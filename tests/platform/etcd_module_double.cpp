@@ -1,4 +1,4 @@
-// Stands in for libtkv_etcd.so: tells in its failure what it was asked to open.
+// Stands in for libtkv_etcd.so: fails with a message that says what it was asked to open.
 #include "store/etcd/module.h"
 
 namespace {
@@ -15,6 +15,6 @@ std::string options_text(const tkv::store::EtcdOptions& options) {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) tkv::Status tkv_open_etcd_store(
-    int abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>*) {
+    std::uint64_t abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>*) {
   return {PRTKV_UNKNOWN, "abi=" + std::to_string(abi) + " " + options_text(options)};
 }

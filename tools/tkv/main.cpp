@@ -39,7 +39,7 @@ Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Outp
 }
 
 int start(int count, char** words) {
-  store::occupy_standard_files();
+  occupy_standard_files();
   // Work on the registry is finished even if nobody listens any more.
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   Arguments arguments;

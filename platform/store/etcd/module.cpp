@@ -2,9 +2,8 @@
 
 #include "store/etcd/etcd_store.h"
 
-// What this module makes stays in it: whoever holds a store keeps the module loaded.
 extern "C" __attribute__((visibility("default"))) tkv::Status tkv_open_etcd_store(
-    int abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>* store) {
+    std::uint64_t abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>* store) {
   if (abi != tkv::store::kEtcdModuleAbi) {
     return {PRTKV_INVALID_CONFIGURATION, "libtkv_etcd.so is of another release than the library that loads it"};
   }
