@@ -5,7 +5,7 @@ BUILD_PACKAGES = cmake g++ binutils ninja-build ccache openjdk-17-jdk-headless l
                  libcli11-dev nlohmann-json3-dev libssl-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
                  protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
-                 python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config zsh fish
+                 python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config systemd zsh fish
 LINT_PACKAGES  = clang-format clang-tidy cppcheck
 FUZZ_PACKAGES  = clang clang-14 libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
