@@ -1,12 +1,16 @@
 // Several processes on one registry: no acknowledged write is lost, whatever other processes write, whichever process
 // is killed, and even when the power fails.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cerrno>
 #include <functional>
 #include <string>
+#include <system_error>
 #include <vector>
 
+#include "child_process.h"
 #include "file_system.h"
 #include "lmdb_files.h"
 #include "temporary_directory.h"
@@ -17,42 +21,35 @@ namespace {
 // A process that writes, and sends a number through a pipe after each acknowledged write.
 class Writer {
  public:
-  explicit Writer(const std::function<void(const std::function<void(int)>& acknowledge)>& body) {
-    if (pipe2(pipe_, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-    process_ = fork();
-    if (process_ == 0) {
-      body([this](int number) { (void)!write(pipe_[1], &number, sizeof number); });
-      _exit(0);
-    }
-    close(pipe_[1]);
+  explicit Writer(const std::function<void(const std::function<void(int)>& acknowledge)>& body)
+      : process_([&] {
+          body([this](int number) { (void)!write(pipe_.ends[1], &number, sizeof number); });
+          return 0;
+        }) {
+    close(pipe_.ends[1]);
   }
   ~Writer() {
-    kill_it();
-    close(pipe_[0]);
+    process_.end(SIGKILL);
+    close(pipe_.ends[0]);
   }
   Writer(const Writer&) = delete;
   Writer& operator=(const Writer&) = delete;
 
+  ChildProcess& process() { return process_; }
+
   // Waits for the next acknowledgement. Returns false if the process has ended.
-  bool next(int* number) { return read(pipe_[0], number, sizeof *number) == sizeof *number; }
-
-  void kill_it() {
-    if (process_ <= 0) return;
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
-    process_ = 0;
-  }
-
-  int wait_for_end() {
-    int status = 0;
-    waitpid(process_, &status, 0);
-    process_ = 0;
-    return status;
-  }
+  bool next(int* number) { return read(pipe_.ends[0], number, sizeof *number) == sizeof *number; }
 
  private:
-  int pipe_[2] = {-1, -1};
-  pid_t process_ = 0;
+  struct Pipe {
+    Pipe() {
+      if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    int ends[2] = {-1, -1};
+  };
+
+  Pipe pipe_;
+  ChildProcess process_;
 };
 
 // Writes the numbers from `first` on, endlessly: each as a key of its own and as the value of the root.
@@ -114,8 +111,8 @@ TEST_F(LmdbProcesses, TwoConcurrentWritersLoseNothing) {
   };
   Writer first(count_up('a'));
   Writer second(count_up('b'));
-  EXPECT_EQ(first.wait_for_end(), 0);
-  EXPECT_EQ(second.wait_for_end(), 0);
+  EXPECT_EQ(first.process().wait(), 0);
+  EXPECT_EQ(second.process().wait(), 0);
   const auto store = open_or_fail(options_);
   EXPECT_EQ(text_of(*store, kRootNode), std::to_string(2 * kWrites));
   EXPECT_EQ(expect_sound(*store).nodes, 2u * kWrites + 1);
@@ -134,7 +131,7 @@ TEST_F(LmdbProcesses, AKilledWriterLosesNoAcknowledgedWrite) {
       ASSERT_TRUE(writer.next(&number)) << "round " << round;
       acknowledged.push_back(number);
     }
-    writer.kill_it();
+    writer.process().end(SIGKILL);
     while (writer.next(&number)) acknowledged.push_back(number);
     const auto store = open_or_fail(options_);
     expect_written(*store, acknowledged.back());

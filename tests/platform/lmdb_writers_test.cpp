@@ -11,46 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "lmdb_files.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
 namespace {
-
-// A child process, killed at the end of the object's life.
-class Child {
- public:
-  explicit Child(const std::function<int()>& body) : process_(fork()) {
-    if (process_ == 0) _exit(body());
-  }
-  ~Child() {
-    if (process_ <= 0) return;
-    kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  pid_t process() const { return process_; }
-
-  void wait_until_stopped() const {
-    int status = 0;
-    ASSERT_EQ(waitpid(process_, &status, WUNTRACED), process_);
-    ASSERT_TRUE(WIFSTOPPED(status)) << status;
-  }
-
-  void proceed() const { kill(process_, SIGCONT); }
-
-  int wait_for_end() {
-    int status = 0;
-    waitpid(process_, &status, 0);
-    process_ = 0;
-    return status;
-  }
-
- private:
-  pid_t process_;
-};
 
 class LmdbWriters : public ::testing::Test {
  protected:
@@ -77,23 +43,23 @@ class LmdbWriters : public ::testing::Test {
 };
 
 TEST_F(LmdbWriters, AWriterBehindAStoppedOneGivesUpAndNamesIt) {
-  Child writer([&] { return stop_while_writing(); });
+  ChildProcess writer([&] { return stop_while_writing(); });
   writer.wait_until_stopped();
   const auto store = open_impatient();
   const Status status = set_text(*store, kRootNode, "parent");
   EXPECT_TRUE(status.is(PRTKV_BUSY)) << status.code();
-  EXPECT_EQ(status.text().find("process " + std::to_string(writer.process()) + " (lmdb_writers_te) is writing"), 0u)
+  EXPECT_EQ(status.text().find("process " + std::to_string(writer.id()) + " (lmdb_writers_te) is writing"), 0u)
       << status.text();
   EXPECT_NE(status.text().find(options_.directory), std::string::npos) << status.text();
   EXPECT_EQ(text_of(*store), "");  // readers do not wait
   writer.proceed();
-  EXPECT_EQ(writer.wait_for_end(), 0);
+  EXPECT_EQ(writer.wait(), 0);
   EXPECT_EQ(text_of(*store), "child");
   EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
 }
 
 TEST_F(LmdbWriters, AWriterThatWaitsIsToldForWhomOnce) {
-  Child writer([&] { return stop_while_writing(); });
+  ChildProcess writer([&] { return stop_while_writing(); });
   writer.wait_until_stopped();
   std::vector<std::string> messages;
   options_.on_wait = [&](const std::string& message) {
@@ -103,17 +69,16 @@ TEST_F(LmdbWriters, AWriterThatWaitsIsToldForWhomOnce) {
   const auto store = open_or_fail(options_);
   EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
   ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0].find("waiting for process " + std::to_string(writer.process()) + " ("), 0u) << messages[0];
-  EXPECT_EQ(writer.wait_for_end(), 0);
+  EXPECT_EQ(messages[0].find("waiting for process " + std::to_string(writer.id()) + " ("), 0u) << messages[0];
+  EXPECT_EQ(writer.wait(), 0);
   EXPECT_TRUE(set_text(*store, kRootNode, "again").ok());
   EXPECT_EQ(messages.size(), 1u);
 }
 
 TEST_F(LmdbWriters, AWriterThatDiesHoldsUpNobody) {
-  Child writer([&] { return stop_while_writing(); });
+  ChildProcess writer([&] { return stop_while_writing(); });
   writer.wait_until_stopped();
-  kill(writer.process(), SIGKILL);
-  EXPECT_EQ(WTERMSIG(writer.wait_for_end()), SIGKILL);
+  writer.end(SIGKILL);
   const auto store = open_or_fail(options_);
   EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
   EXPECT_EQ(text_of(*store), "parent");
@@ -152,7 +117,7 @@ TEST_F(LmdbWriters, AThreadGivesUpWaitingForAnother) {
 }
 
 TEST_F(LmdbWriters, TheNameOfTheHolderMayBeAnything) {
-  Child writer([&] { return stop_while_writing(); });
+  ChildProcess writer([&] { return stop_while_writing(); });
   writer.wait_until_stopped();
   const auto store = open_impatient();
   const std::string file = options_.directory + "/writer.lock";
@@ -175,7 +140,7 @@ TEST_F(LmdbWriters, TheNameOfTheHolderMayBeAnything) {
 
 TEST_F(LmdbWriters, AProcessThatWritesWithoutPauseLetsOthersWrite) {
   { open_or_fail(options_); }
-  Child writer([&] {
+  ChildProcess writer([&] {
     const auto store = open_or_fail(options_);
     while (set_text(*store, kRootNode, "child").ok()) continue;
     return 1;
@@ -210,7 +175,7 @@ TEST_F(LmdbWriters, AProcessWithTheIdOfAnotherInAnotherNamespaceIsRefused) {
 
 TEST_F(LmdbWriters, IdleSessionsLeaveReaderSlotsToOthers) {
   { open_or_fail(options_); }
-  Child idle([&] {
+  ChildProcess idle([&] {
     const auto store = open_or_fail(options_);
     int depth = 0;
     const std::function<Status(View&)> deeper = [&](View&) -> Status {
@@ -239,7 +204,7 @@ TEST_F(LmdbWriters, TheStatusCountsTheReadersOfAllProcesses) {
   EXPECT_EQ(before.max_bytes, std::uint64_t{16} << 20);
   EXPECT_EQ(before.max_readers, 1022u);
   EXPECT_GE(before.readers, 1u);
-  Child other([&] {
+  ChildProcess other([&] {
     const auto own = open_or_fail(options_);
     return own->read([](View&) -> Status {
                 raise(SIGSTOP);

@@ -129,17 +129,9 @@ Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDa
 }
 
 Status LmdbUpdate::has_children(NodeId parent, bool* answer) {
-  constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
-  Status doubt;
-  const auto visit = [](std::string_view, const Node&) { return Status(kEnough); };
-  const auto doubtful = [&](std::string_view, const Status& damage) {
-    doubt = damage;
-    return Status();
-  };
-  Status status = children_with_damage(parent, visit, doubtful);
-  if (!status.ok() && !status.is(kEnough)) return status;
-  *answer = !status.ok();
-  return *answer ? Status() : doubt;
+  return meets_child(
+      [&](VisitChild visit, VisitDamagedChild damaged) { return children_with_damage(parent, visit, damaged); },
+      answer);
 }
 
 Status LmdbUpdate::new_id(NodeId* id) {

@@ -138,7 +138,12 @@ Status check_format(const FileState& state) {
 }
 
 Status has_children(const FileState& state, NodeId parent, bool* answer) {
-  // A sound child is proof that there are children. A damaged one is not: it may belong elsewhere.
+  return meets_child(
+      [&](VisitChild visit, VisitDamagedChild damaged) { return visit_children(state, parent, visit, damaged); },
+      answer);
+}
+
+Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool* answer) {
   constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
   Status doubt;
   const auto visit = [](std::string_view, const Node&) { return Status(kEnough); };
@@ -146,7 +151,7 @@ Status has_children(const FileState& state, NodeId parent, bool* answer) {
     doubt = damage;
     return Status();
   };
-  const Status status = visit_children(state, parent, visit, doubtful);
+  const Status status = walk(visit, doubtful);
   if (!status.ok() && !status.is(kEnough)) return status;
   *answer = !status.ok();
   return *answer ? Status() : doubt;

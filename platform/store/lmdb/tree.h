@@ -30,6 +30,9 @@ Status find_meta(const FileState& state, Meta* meta);
 // Refuses a registry whose record of itself has a newer format.
 Status check_format(const FileState& state);
 Status has_children(const FileState& state, NodeId parent, bool* answer);
+// Tells whether `walk`, a walk over the children of a node, meets one. A sound child is proof that there are children.
+// A damaged one is not: it may belong elsewhere. If there are only damaged ones, the result is their failure.
+Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool* answer);
 Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged);
 
 // Makes sure that there is no record under `key`: for a cursor that has searched for it in vain. A damaged record
