@@ -5,11 +5,12 @@ BUILD_PACKAGES = cmake g++ binutils ninja-build ccache openjdk-17-jdk-headless l
                  libcli11-dev nlohmann-json3-dev libssl-dev libgrpc++-dev libprotobuf-dev protobuf-compiler \
                  protobuf-compiler-grpc
 TEST_PACKAGES  = libgtest-dev libgmock-dev junit5 etcd-server etcd-client gcovr strace openssl locales \
-                 python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config systemd zsh fish
+                 python3 git clang-format iproute2 util-linux mount e2fsprogs bsdutils pkg-config systemd zsh fish \
+                 valgrind
 LINT_PACKAGES  = clang-format clang-tidy cppcheck
 FUZZ_PACKAGES  = clang clang-14 libclang-rt-14-dev
 BENCH_PACKAGES = libxerial-sqlite-jdbc-java libxerial-sqlite-jdbc-jni libh2-java libdb5.3-java libdb5.3-java-jni \
-                 valgrind etcd-server etcd-client
+                 etcd-server etcd-client
 
 PREFIX ?= /usr/local
 JOBS   ?= $(shell nproc)
@@ -38,7 +39,7 @@ cmake --build --preset $(1) -j $(JOBS)
 endef
 
 .PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test prove \
-        coverage fuzz bench format check-format lint install install-debug uninstall clean
+        coverage fuzz bench bench-check bench-renew format check-format lint install install-debug uninstall clean
 
 help: ## list the targets
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  make \1	\2/p' Makefile | expand -t 22
@@ -93,6 +94,20 @@ bench: packages-bench ## measure beside the peers
 	$(call preset,release,-DTKV_BENCH=ON)
 	bench/run --instructions
 	bench/run-etcd
+
+# Builds what bench/check counts.
+define build-counted-paths
+cmake --preset release -DTKV_TESTS=ON --log-level=WARNING
+cmake --build --preset release -j $(JOBS) --target tkv_bench_paths
+endef
+
+bench-check: packages-test ## compare the instructions of the main paths with the committed figures
+	$(build-counted-paths)
+	bench/check
+
+bench-renew: packages-test ## count them anew and write the figures
+	$(build-counted-paths)
+	bench/check --renew
 
 format: packages-lint ## format all C and C++
 	git ls-files '*.h' '*.c' '*.cpp' | xargs tests/build/braces.py --fix

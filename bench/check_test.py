@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""bench/check compares instruction counts with figures, and renews them. Whether the figures hold is not tested here.
+
+Usage: check_test.py BUILD-DIRECTORY
+"""
+
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+CHECK = Path(__file__).resolve().parent / "check"
+BUILD = None
+
+
+class Check(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory()
+        cls.figures = Path(cls.directory.name) / "figures.txt"
+        cls.renewed = cls.run_check("--renew")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.directory.cleanup()
+
+    @classmethod
+    def run_check(cls, *options, figures=None):
+        return subprocess.run([str(CHECK), "--build", BUILD, "--figures", str(figures or cls.figures), *options],
+                              capture_output=True, text=True, check=False)
+
+    def test_renewing_writes_a_figure_for_every_path(self):
+        self.assertEqual(self.renewed.returncode, 0, self.renewed.stderr)
+        self.assertEqual(self.renewed.stdout, self.figures.read_text())
+        figures = re.findall(r"(?m)^(\w.*?) {2,}([\d,]+)$", self.renewed.stdout)
+        self.assertEqual(len(figures), 12)
+        self.assertNotIn("0", [number for _, number in figures])
+        self.assertIn("read a known key", [path for path, _ in figures])
+
+    def test_names_every_path_that_differs_and_how_to_renew_its_figure(self):
+        changed = self.figures.with_name("changed.txt")
+        text = self.figures.read_text().replace("list 100 subkeys", "list no subkeys ")
+        number = re.search(r"read a known key +([\d,]+)", text)[1]
+        changed.write_text(text.replace(f" {number}\n", f" {int(number.replace(',', '')) * 0.96:,.0f}\n"))
+        done = self.run_check(figures=changed)
+        self.assertEqual(done.returncode, 1, done.stdout)
+        self.assertRegex(done.stdout, r"(?m)^! read a known key .* \+4\.\d%$")
+        self.assertRegex(done.stdout, r"(?m)^! list no subkeys .* is no longer counted$")
+        self.assertRegex(done.stdout, r"(?m)^! list 100 subkeys .* has no figure$")
+        self.assertRegex(done.stdout, r"(?m)^  write a value .* [+-]0\.0%$", "the counts repeat")
+        self.assertIn("3 of 13 paths differ", done.stdout)
+        self.assertIn("make bench-renew", done.stdout)
+        self.assertNotIn("other tools", done.stdout)
+
+    def test_compares_nothing_on_a_kind_of_machine_without_figures(self):
+        done = self.run_check(figures=self.figures.with_name("none.txt"))
+        self.assertEqual(done.returncode, 77)
+        self.assertIn("nothing is compared", done.stdout)
+
+    def test_says_how_to_build_what_is_missing(self):
+        with tempfile.TemporaryDirectory() as empty:
+            done = self.run_check("--build", empty)
+            self.assertEqual(done.returncode, 1)
+            self.assertIn("tkv_bench_paths is missing: run 'make bench-check'", done.stderr)
+
+
+if __name__ == "__main__":
+    BUILD = sys.argv.pop(1)
+    unittest.main()
