@@ -1,7 +1,10 @@
 // The parts of a transaction on etcd (read set, write set, commit, recovery), against a cluster in memory.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fake_kv.h"
@@ -493,6 +496,175 @@ TEST_F(EtcdRecursiveChange, ComparesThatThereWereNoChildren) {
   EXPECT_TRUE(has_node({3, "1004"}));
 }
 
+// ---- waiting for large changes
+
+// A large change of another session is being prepared below "a.b".
+class EtcdClaim : public EtcdRecursiveChange {
+ protected:
+  EtcdClaim() {
+    lay("token");
+    learn();
+  }
+
+  void lay(const std::string& token) {
+    kv_->put(keys().staging(token), "batch 1");
+    kv_->put(keys().claim(3, token), ClaimText{}.print());
+  }
+
+  void learn() {
+    RangeResponse claims;
+    EXPECT_TRUE(kv_->range(get_all(keys().all_claims()), &claims, patience()).ok());
+    core_->claims.learn(claims, kv_->revision());
+  }
+
+  // Calls `look` each time that a session looks how far the change of this token is.
+  void on_look(const std::string& token, std::function<void()> look) {
+    kv_->before_txn = [this, token, look = std::move(look)](const TxnRequest& request) -> Reply {
+      const bool looks = request.compare_size() == 0 && request.success_size() > 0 &&
+                         request.success(0).request_range().key() == keys().claim(3, token);
+      if (looks) look();
+      return {};
+    };
+  }
+
+  void end(const std::string& token) {
+    kv_->erase(keys().claim(3, token));
+    kv_->erase(keys().staging(token));
+  }
+
+  Status write_below() {
+    return run([](Update& update) -> Status {
+      Node node;
+      if (Status status = follow(update, "a.b.1004", &node); !status.ok()) return status;
+      return update.set_value(node.id, 3, bytes_of("written"));
+    });
+  }
+};
+
+TEST_F(EtcdClaim, ASmallWriteWaitsWhileTheChangeMakesProgress) {
+  int looks = 0;
+  on_look("token", [&] {
+    EXPECT_EQ(value_of(1004), "");
+    kv_->put(keys().staging("token"), "batch " + std::to_string(++looks));
+    if (looks == 10) end("token");
+  });
+  ASSERT_TRUE(done(write_below()));
+  EXPECT_EQ(looks, 10);
+  EXPECT_EQ(value_of(1004), "written");
+}
+
+TEST_F(EtcdClaim, ASmallWriteRemovesTheClaimOfAChangeThatMakesNoProgress) {
+  ASSERT_TRUE(done(write_below()));
+  EXPECT_EQ(value_of(1004), "written");
+  EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
+}
+
+TEST_F(EtcdClaim, ASmallWriteWaitsForAClaimThatIsLaidWhileItIsSent) {
+  end("token");
+  learn();
+  bool laid = false;
+  int looks = 0;
+  on_look("late", [&] {
+    ++looks;
+    end("late");
+  });
+  const auto watch = kv_->before_txn;
+  kv_->before_txn = [&](const TxnRequest& request) {
+    const bool writes = request.success_size() > 0 && request.success(0).has_request_put();
+    if (writes && !std::exchange(laid, true)) lay("late");
+    return watch(request);
+  };
+  ASSERT_TRUE(done(write_below()));
+  EXPECT_EQ(looks, 1);
+  EXPECT_EQ(value_of(1004), "written");
+}
+
+TEST_F(EtcdClaim, ASmallWriteDoesNotWaitForOneLargeChangeAfterAnother) {
+  on_look("token", [&] {
+    end("token");
+    lay("later");
+  });
+  ASSERT_TRUE(done(write_below()));
+  EXPECT_EQ(value_of(1004), "written");
+  EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
+}
+
+TEST_F(EtcdClaim, AWriteElsewhereDoesNotWait) {
+  on_look("token", [] { ADD_FAILURE() << "waits"; });
+  put_node({2, "c"}, 4);
+  ASSERT_TRUE(done(run([](Update& update) -> Status {
+    Node node;
+    if (Status status = follow(update, "a.c", &node); !status.ok()) return status;
+    return update.set_value(node.id, 3, bytes_of("written"));
+  })));
+  EXPECT_EQ(value_of(4), "written");
+  EXPECT_EQ(kv_->count(keys().all_claims()), 1u);
+}
+
+TEST_F(EtcdClaim, ALargeChangeWaitsBeforeItLaysItsOwn) {
+  make_large();
+  int looks = 0;
+  on_look("token", [&] {
+    EXPECT_EQ(kv_->count(keys().all_claims()), 1u);
+    kv_->put(keys().staging("token"), "batch " + std::to_string(++looks));
+    if (looks == 3) end("token");
+  });
+  bool interrupted = true;
+  ASSERT_TRUE(done(add_right_below(&interrupted, 0)));
+  EXPECT_EQ(looks, 3);
+  EXPECT_EQ(mask_of(1399), 0x10u);
+}
+
+// Reads under a claim until `ended`.
+class EtcdClaimant : public EtcdClaim {
+ protected:
+  EtcdClaimant() {
+    end("token");
+    learn();
+    make_large();
+  }
+
+  Status read_until(FunctionRef<bool()> ended) {
+    return run([&](Update& update) -> Status {
+      Node top;
+      if (Status status = follow(update, "a.b", &top); !status.ok()) return status;
+      Status status = update.before().children(top.id, [](std::string_view, const Node&) { return Status(); });
+      const Deadline deadline = patience();
+      while (status.ok() && !ended() && deadline.left().count() > 0) {
+        Value value;
+        status = update.value(1399, &value);
+      }
+      return status.ok() ? update.set_value(1399, 3, bytes_of("done")) : status;
+    });
+  }
+};
+
+TEST_F(EtcdClaimant, ShowsProgressWhileItReads) {
+  std::set<std::string> batches;
+  ASSERT_TRUE(done(read_until([&] {
+    for (const std::string& key : kv_->keys_of(keys().all_staging())) batches.insert(kv_->get(key));
+    return batches.size() == 4;
+  })));
+  EXPECT_EQ(batches.size(), 4u);
+  EXPECT_EQ(value_of(1399), "done");
+}
+
+TEST_F(EtcdClaimant, BeginsAgainAsSoonAsItsClaimIsRemoved) {
+  int runs = 0;
+  bool removed = false;
+  ASSERT_TRUE(done(read_until([&] {
+    if (removed) return runs_ > runs;
+    for (const std::string& key : kv_->keys_of(keys().all_claims())) {
+      kv_->erase(key);
+      removed = true;
+      runs = runs_;
+    }
+    return false;
+  })));
+  EXPECT_TRUE(removed);
+  EXPECT_EQ(runs_, runs + 1);
+}
+
 // ---- recovery
 
 class EtcdRecovery : public EtcdParts {
@@ -519,7 +691,7 @@ class EtcdRecovery : public EtcdParts {
   }
 
   Status finish() {
-    return core_->recovery.finish(*core_->claims.known()->decided_on(2), [] { return patience(); });
+    return core_->recovery.finish(*core_->claims.known()->decided_on(2), patience().left());
   }
 
   std::uint64_t batches_ = 0;
@@ -533,6 +705,19 @@ TEST_F(EtcdRecovery, CarriesOutWhatIsLeftOfADecision) {
   EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
   EXPECT_EQ(kv_->count(keys().all_plans()), 0u);
   EXPECT_FALSE(core_->claims.known()->has_decided());
+}
+
+TEST_F(EtcdRecovery, LeavesItToOthersAsLongAsTheyMakeProgress) {
+  leave_decision(0);
+  int looks = 0;
+  kv_->before_txn = [&](const TxnRequest& request) -> Reply {
+    EXPECT_EQ(request.compare_size(), 0);
+    kv_->put(keys().claim(2, "token"), ClaimText{true, 0, 1, batches_}.print());
+    if (++looks == 10) kv_->erase(keys().claim(2, "token"));
+    return {};
+  };
+  ASSERT_TRUE(done(finish()));
+  EXPECT_EQ(looks, 10);
 }
 
 TEST_F(EtcdRecovery, BeginsWhereTheOthersHaveStopped) {

@@ -152,10 +152,12 @@ std::string FakeKv::get(const std::string& key) const {
   return found == nullptr ? "" : found->value;
 }
 
-std::size_t FakeKv::count(const KeyRange& range) const {
+std::vector<std::string> FakeKv::keys_of(const KeyRange& range) const {
   const std::lock_guard lock(mutex_);
-  return keys_of(range.begin, range.end, revision_).size();
+  return keys_of(range.begin, range.end, revision_);
 }
+
+std::size_t FakeKv::count(const KeyRange& range) const { return keys_of(range).size(); }
 
 std::int64_t FakeKv::mod_revision(const std::string& key) const {
   const std::lock_guard lock(mutex_);

@@ -50,6 +50,7 @@ class FakeKv final : public Kv {
   void erase(const std::string& key);
   std::string get(const std::string& key) const;  // "" if it does not exist
   std::size_t count(const KeyRange& range) const;
+  std::vector<std::string> keys_of(const KeyRange& range) const;  // that exist
   std::int64_t mod_revision(const std::string& key) const;
 
   std::int64_t revision() const;

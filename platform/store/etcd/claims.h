@@ -3,8 +3,14 @@
 // Such a change lays a claim of the subtree that it is about: a key that names the top. It then reads the subtree as it
 // was when the claim was laid, without comparing what it reads. Whoever writes there meanwhile removes the claim in the
 // same transaction; the claimant's commit compares the claim, and so finds out that it has to begin again. Several
-// sessions may claim the same subtree: the first to commit removes the claims of the others. A claim says how often
-// its change has been attempted; small writes wait a moment for a change that has been delayed several times.
+// sessions may claim the same subtree: the first to commit removes the claims of the others.
+//
+// A large change takes longer than the pauses between small writes, which would keep it from ever being made. So who
+// meets a claim waits before removing it, for as long as the change makes progress (claim_watch.h): a claimant sends a
+// batch of its build several times a second, even if it has nothing to send. The claim of a session that has died or
+// stopped is removed after a moment. A small write waits for the claims that it meets first and not for those laid
+// later, a large one for all that it finds when it lays its own. All this concerns only who comes first: whether a
+// change may be made depends on the comparisons alone.
 //
 // When the batches of the change are staged (see redo_log.h), the commit turns the claim into a decision. From then on
 // the change is made: every session that comes to the top first helps to carry out what is left of the batches.

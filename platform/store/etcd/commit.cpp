@@ -1,21 +1,13 @@
 #include "store/etcd/commit.h"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 #include <utility>
 
+#include "store/etcd/claim_watch.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/redo_log.h"
 
 namespace tkv::store::etcd {
-namespace {
-
-constexpr int kPatientAttempts = 2;  // after which small writes wait for a claim
-constexpr std::chrono::milliseconds kMaxCourtesy{5000};
-constexpr std::chrono::milliseconds kPollInterval{5};
-
-}  // namespace
 
 Status Commit::make() {
   TxnRequest request;
@@ -102,13 +94,16 @@ Status Commit::repeat_with_claim(bool writes_fit) {
   if (own && top == own->top) top = kRootNode;
   run_.become_long();
   Status status = run_.repeat_from_scratch();
-  run_.next.claim = ClaimOrder{top, 1};
+  run_.next.claim = ClaimOrder{top, 1, own};
   return status;
 }
 
 Status Commit::stage_log() {
   RedoLog log;
-  for (RequestOp& operation : writes_.puts(reads_.childless())) log.add(std::move(operation));
+  for (RequestOp& operation : writes_.puts(reads_.childless())) {
+    log.add(std::move(operation));
+    if (Status status = staging_.show_progress(*reads_.claim()); !status.ok()) return status;
+  }
   std::vector<std::string> batches = log.take_batches();
   batches_ = batches.size();
   return staging_.send_log(std::move(batches));
@@ -125,28 +120,23 @@ const Claim* Commit::decision_in_the_way() const {
 }
 
 // A large change takes longer than small ones, which would otherwise keep it from ever being made: they wait for it.
-void Commit::let_claimants_finish() {
-  if (reads_.claim()) return;
-  const Deadline moment(std::min(kMaxCourtesy, run_.deadline().left() / 2));
+// Each does so once, for the claims that it meets first. A claim laid after that is removed, or a series of large
+// changes would keep small ones from ever being made.
+void Commit::wait_for_claimants() {
+  if (reads_.claim() || run_.next.has_waited) return;
   for (const auto& [top, claim] : reads_.claims().claims) {
-    if (claim.text.decided || claim.text.attempt < kPatientAttempts || !concerns(claim)) continue;
-    const RangeRequest look = get_one(core_.keys.claim(top, claim.token));
-    RangeResponse found;
-    while (moment.left().count() > 0 && core_.kv->range(look, &found, moment).ok() && found.kvs_size() > 0 &&
-           !ClaimText::parse(found.kvs(0).value()).decided) {
-      std::this_thread::sleep_for(kPollInterval);
-    }
+    if (claim.text.decided || !concerns(claim)) continue;
+    run_.next.has_waited = true;
+    run_.wait([&, &other = claim] {
+      return wait_for_claim(*core_.kv, core_.keys, other, ClaimStage::kDecided, patience_with(other));
+    });
   }
 }
 
 Status Commit::send() {
-  let_claimants_finish();
   while (true) {
-    if (const Claim* decided = decision_in_the_way()) {
-      const auto deadline = [this] { return run_.deadline(); };
-      Status status = core_.recovery.finish(*decided, deadline);
-      return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
-    }
+    if (const Claim* decided = decision_in_the_way()) return reads_.recover(*decided);
+    wait_for_claimants();
     TxnRequest request;
     build_request(&request);
     Mark mark = core_.writers.take();
@@ -184,8 +174,7 @@ void Commit::committed(std::int64_t revision) {
   for (const auto& [top, claim] : reads_.claims().claims) {
     if (!claim.text.decided && concerns(claim)) core_.claims.forget(claim);
   }
-  const auto deadline = [this] { return core_.deadline(); };
-  if (batches_ != 0 && !core_.recovery.finish(*reads_.claim(), deadline).ok()) core_.sweeper.look_around();
+  if (batches_ != 0 && !core_.recovery.carry_out(*reads_.claim()).ok()) core_.sweeper.look_around();
   staging_.committed();
   core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()));
 }

@@ -42,7 +42,7 @@ class Commit {
   bool concerns(const Claim& claim) const;
   bool is_within_claim() const;
   const Claim* decision_in_the_way() const;
-  void let_claimants_finish();
+  void wait_for_claimants();
   bool may_be_sent_again(const TxnResponse& response);
   void committed(std::int64_t revision);
 

@@ -97,7 +97,7 @@ Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
 
 Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) {
   return guarded([&]() -> Status {
-    const Deadline deadline = core_.deadline();
+    Deadline deadline = core_.deadline();
     NextRun next;
     int long_runs = 0;
     for (int run = 1;; ++run) {
@@ -105,6 +105,7 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) 
       Status result = stm.start();
       if (result.ok()) result = call(function, stm);
       if (stm.finish(&result)) return result;
+      deadline = stm.deadline();
       const bool out_of_time = stm.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {
         return {PRTKV_BUSY,

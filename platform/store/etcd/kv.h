@@ -23,6 +23,8 @@ class Deadline {
     return rest.count() > 0 ? rest : std::chrono::milliseconds(0);
   }
 
+  void put_off(std::chrono::nanoseconds by) { at_ += by; }
+
  private:
   std::chrono::steady_clock::time_point at_;
 };

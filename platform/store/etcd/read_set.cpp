@@ -31,16 +31,14 @@ const SeenNode* ReadSet::find(const NodePlace& place) const {
 }
 
 Status ReadSet::recover(const Claim& decided) {
-  const auto deadline = [this] { return run_.deadline(); };
-  if (Status status = core_.recovery.finish(decided, deadline); !status.ok()) return run_.fail(std::move(status));
-  return run_.repeat_from_scratch();
+  Status status = run_.wait([&] { return core_.recovery.finish(decided, run_.deadline().left()); });
+  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
 }
 
 // What a node hangs below is known only if it was reached from the root. Of any other, every decision may be about it.
 Status ReadSet::recover_above(NodeId id) {
   if (id == kNoNode || lineage_.knows(id) || !claims_->has_decided()) return {};
-  const auto deadline = [this] { return run_.deadline(); };
-  Status status = core_.recovery.finish_all(*claims_, deadline);
+  Status status = run_.wait([&] { return core_.recovery.finish_all(*claims_, run_.deadline().left()); });
   return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
 }
 
@@ -74,6 +72,7 @@ Status ReadSet::make_room() {
 }
 
 Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added) {
+  if (Status status = claimant_.show_progress(); !status.ok()) return status;
   bool compared = !is_covered(place.parent);
   if (compared) {
     if (Status status = make_room(); !status.ok()) return status;
@@ -138,6 +137,7 @@ Status ReadSet::get_value(NodeId id, Value* value) {
     return read->second.damage;
   }
   if (Status status = recover_above(id); !status.ok()) return status;
+  if (Status status = claimant_.show_progress(); !status.ok()) return status;
   bool compared = !is_covered(id);
   if (compared) {
     if (Status status = make_room(); !status.ok()) return status;
@@ -221,7 +221,8 @@ void ReadSet::add_gets(TxnRequest* request) const {
 }
 
 void ReadSet::prefetch(const TxnResponse& response, const NodePlace* also) {
-  run_.next = {};
+  run_.next.prefetch = {};
+  run_.next.claim.reset();
   Prefetch& fetched = run_.next.prefetch;
   fetched.revision = response.header().revision();
   int at = 0;
@@ -300,6 +301,7 @@ Status ReadSet::take_failure() {
 Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<bool(const NodePlace&)> ignored,
                           bool* answer) {
   if (Status status = recover_above(parent); !status.ok()) return status;
+  if (Status status = claimant_.show_progress(); !status.ok()) return status;
   if (is_covered(parent) && most_ignored == 0) {
     if (Status status = validate(); !status.ok()) return status;
     if (surveying_) note_surveyed(parent);
@@ -367,7 +369,7 @@ Status ReadSet::list(NodeId parent, NamedNodes* children) {
 }
 
 // Whether a claim can be laid in the middle of this run.
-bool ReadSet::can_claim() const { return lay_claim_ && !claim_ && !surveying_; }
+bool ReadSet::can_claim() const { return claimant_.lay_claim && !claim_ && !surveying_; }
 
 Status ReadSet::list_at_revision(NodeId parent, NamedNodes* children, bool* overflow) {
   if (Status status = pin(); !status.ok()) return status;
@@ -386,7 +388,7 @@ Status ReadSet::list_at_revision(NodeId parent, NamedNodes* children, bool* over
 Status ReadSet::list_under_claim(NodeId parent, NamedNodes* children) {
   std::vector<std::vector<NodeId>> paths{lineage_.path(parent)};
   for (const ReadRange& read : ranges_) paths.push_back(lineage_.path(read.parent));
-  if (Status status = lay_claim_(common_top(paths)); !status.ok()) return status;
+  if (Status status = claimant_.lay_claim(common_top(paths)); !status.ok()) return status;
   children->clear();
   bool overflow = false;
   return list_at_revision(parent, children, &overflow);

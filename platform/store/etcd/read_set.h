@@ -100,15 +100,24 @@ class ReadSet {
   const ClaimList& claims() const { return *claims_; }
   void set_claims(KnownClaims claims) { claims_ = std::move(claims); }
 
-  // Called when a list of children does not fit, with the subtree that the run seems to be about: is to lay a claim of
-  // it that compares what was read, and pass it to set_claim(). Without it, the run surveys.
-  void on_overflow(std::function<Status(NodeId top)> lay_claim) { lay_claim_ = std::move(lay_claim); }
+  // What the run does for its claim.
+  struct Claimant {
+    // Called when a list of children does not fit, with the subtree that the run seems to be about: is to lay a claim
+    // of it that compares what was read, and pass it to set_claim(). Without it, the run surveys.
+    std::function<Status(NodeId top)> lay_claim;
+    // Called often: is to show that the run makes progress if it holds a claim (see claims.h).
+    std::function<Status()> show_progress = [] { return Status(); };
+  };
+  void set_claimant(Claimant claimant) { claimant_ = std::move(claimant); }
 
   // This run has laid a claim, and all that was read compared equal then. From here on it reads the state at that
   // revision.
   void set_claim(Claim claim);
   const std::optional<Claim>& claim() const { return claim_; }
   bool is_surveying() const { return surveying_; }
+
+  // Sees to it that another session's decision is carried out. The run ends then: it has to repeat, or failed.
+  Status recover(const Claim& decided);
 
  private:
   // What is not `compared` was surveyed, or is covered by the claim.
@@ -129,7 +138,6 @@ class ReadSet {
   };
 
   Status pin();
-  Status recover(const Claim& decided);
   Status recover_above(NodeId id);
   bool is_covered(NodeId parent) const;
   Status survey();
@@ -165,7 +173,7 @@ class ReadSet {
   bool surveying_ = false;
   std::vector<NodeId> surveyed_;
   std::optional<Claim> claim_;
-  std::function<Status(NodeId top)> lay_claim_;
+  Claimant claimant_;
   std::unique_ptr<RevisionView> view_;  // of a revision at which everything read still held
   std::int64_t view_revision_ = 0;
 };

@@ -1,23 +1,30 @@
 #include "store/etcd/recovery.h"
 
-#include <algorithm>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <utility>
 
+#include "store/etcd/claim_watch.h"
 #include "store/etcd/redo_log.h"
 
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::chrono::milliseconds kPollInterval{20};
+// Without progress for so long, a session helps to carry out what another one has decided.
+constexpr std::chrono::milliseconds kStall{300};
+
+enum class Role { kDecided, kHelps };
 
 // This session's part in carrying out one decision.
 class Redo {
  public:
-  Redo(Kv& kv, const Keys& keys, const Claim& claim, FunctionRef<Deadline()> deadline)
-      : kv_(kv), keys_(keys), claim_(claim), key_(keys.claim(claim.top, claim.token)), deadline_(deadline) {}
+  Redo(Kv& kv, const Keys& keys, const Claim& claim, Role role, std::chrono::milliseconds patience)
+      : kv_(kv),
+        keys_(keys),
+        claim_(claim),
+        role_(role),
+        key_(keys.claim(claim.top, claim.token)),
+        patience_(patience),
+        deadline_(patience) {}
 
   Status run();
 
@@ -34,8 +41,10 @@ class Redo {
   Kv& kv_;
   const Keys& keys_;
   Claim claim_;  // as it was last seen
+  const Role role_;
   const std::string key_;
-  const FunctionRef<Deadline()> deadline_;
+  const std::chrono::milliseconds patience_;
+  Deadline deadline_;     // for the next progress, whoever makes it
   TxnRequest batch_;      // the next one
   bool located_ = false;  // `claim_` and `batch_` are up to date, as far as is known
 };
@@ -48,7 +57,7 @@ Status Redo::locate(bool* over) {
     if (Status status = read_claim(over); !status.ok() || *over) return status;
     if (claim_.text.next == claim_.text.batches) return {};
     RangeResponse batch;
-    const Reply reply = kv_.range(get_one(key_of(claim_.text.next)), &batch, deadline_());
+    const Reply reply = kv_.range(get_one(key_of(claim_.text.next)), &batch, deadline_);
     if (!reply.ok()) return reply.status;
     if (batch.kvs_size() > 0 || claim_.mod_revision == without_batch) return take_batch(batch);
     without_batch = claim_.mod_revision;
@@ -63,6 +72,7 @@ Status Redo::read_claim(bool* over) {
   const RangeResponse& found = response.responses(0).response_range();
   *over = found.kvs_size() == 0;
   if (*over) return {};
+  if (claim_.mod_revision != found.kvs(0).mod_revision()) deadline_ = Deadline(patience_);
   claim_.mod_revision = found.kvs(0).mod_revision();
   claim_.text = ClaimText::parse(found.kvs(0).value());
   if (claim_.text.decided && claim_.text.batches != 0) return {};
@@ -76,9 +86,10 @@ Status Redo::take_batch(const RangeResponse& found) {
 }
 
 Status Redo::send(const TxnRequest& request, TxnResponse* response) {
-  const Deadline deadline = deadline_();
-  if (deadline.left().count() == 0) return {PRTKV_BUSY, "a large change of another session is still being carried out"};
-  return kv_.txn(request, response, deadline).status;
+  if (deadline_.left().count() == 0) {
+    return {PRTKV_BUSY, "a large change of another session is still being carried out"};
+  }
+  return kv_.txn(request, response, deadline_).status;
 }
 
 // Carries out the next batch, and reads the one after it.
@@ -96,6 +107,7 @@ Status Redo::make_batch(bool* made) {
   if (!*made) return {};
   claim_.text = text;
   claim_.mod_revision = response.header().revision();
+  deadline_ = Deadline(patience_);
   if (text.next == text.batches) return {};
   return take_batch(response.responses(following).response_range());
 }
@@ -126,14 +138,13 @@ Status Redo::step(bool* over) {
 }
 
 Status Redo::run() {
-  const Deadline patience = deadline_();
   bool over = false;
   while (!over) {
+    if (role_ == Role::kHelps && !located_ && wait_for_claim(kv_, keys_, claim_, ClaimStage::kOver, kStall)) return {};
     const Status status = step(&over);
     if (status.ok()) continue;
     // A session that may only read waits for others to carry it out.
-    if (!status.is(PRTKV_ACCESS_DENIED) || patience.left().count() == 0) return status;
-    std::this_thread::sleep_for(kPollInterval);
+    if (!status.is(PRTKV_ACCESS_DENIED) || role_ == Role::kDecided || deadline_.left().count() == 0) return status;
     located_ = false;
   }
   return {};
@@ -141,31 +152,36 @@ Status Redo::run() {
 
 }  // namespace
 
-Status Recovery::finish(const Claim& decided, FunctionRef<Deadline()> deadline) {
-  Status status = Redo(kv_, keys_, decided, deadline).run();
+Status Recovery::carry_out(const Claim& own) {
+  Status status = Redo(kv_, keys_, own, Role::kDecided, kv_.timeout()).run();
+  if (status.ok()) claims_.forget(own);
+  return status;
+}
+
+Status Recovery::finish(const Claim& decided, std::chrono::milliseconds patience) {
+  Status status = Redo(kv_, keys_, decided, Role::kHelps, patience).run();
   if (status.ok()) claims_.forget(decided);
   return status;
 }
 
-Status Recovery::finish_all(const ClaimList& claims, FunctionRef<Deadline()> deadline) {
+Status Recovery::finish_all(const ClaimList& claims, std::chrono::milliseconds patience) {
   for (const auto& [top, claim] : claims.claims) {
     if (!claim.text.decided) continue;
-    if (Status status = finish(claim, deadline); !status.ok()) return status;
+    if (Status status = finish(claim, patience); !status.ok()) return status;
   }
   return {};
 }
 
 Reply Recovery::read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision) {
-  const auto deadline = [this] { return Deadline(kv_.timeout()); };
   while (true) {
     const KnownClaims claims = claims_.known();
-    if (Status status = finish_all(*claims, deadline); !status.ok()) return {Verdict::kFinal, std::move(status)};
+    if (Status status = finish_all(*claims, kv_.timeout()); !status.ok()) return {Verdict::kFinal, std::move(status)};
     TxnRequest request;
     compare_claims(&request, keys_, *claims);
     *request.add_success()->mutable_request_range() = range;
     *request.add_failure()->mutable_request_range() = get_all(keys_.all_claims());
     TxnResponse answer;
-    Reply reply = kv_.txn(request, &answer, deadline());
+    Reply reply = kv_.txn(request, &answer, Deadline(kv_.timeout()));
     if (!reply.ok()) return reply;
     if (!answer.succeeded()) {
       claims_.learn(answer.responses(0).response_range(), answer.header().revision());

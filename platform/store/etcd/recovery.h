@@ -8,9 +8,9 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_RECOVERY_H
 #define TKV_PLATFORM_STORE_ETCD_RECOVERY_H
 
+#include <chrono>
 #include <cstdint>
 
-#include "base/function_ref.h"
 #include "store/etcd/claims.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/kv.h"
@@ -22,12 +22,16 @@ class Recovery {
  public:
   Recovery(Kv& kv, const Keys& keys, Claims& claims) : kv_(kv), keys_(keys), claims_(claims) {}
 
-  // Carries out what is left of a decision. `deadline` returns the deadline of the next request. Success when nothing
-  // is left, whoever carried it out. Returns PRTKV_STORAGE_FAILED if the claim or a batch is damaged.
-  Status finish(const Claim& decided, FunctionRef<Deadline()> deadline);
+  // Carries out this session's own decision.
+  Status carry_out(const Claim& own);
+
+  // Returns when nothing is left of another session's decision, whoever carried it out. Waits as long as others make
+  // progress and helps if they do not, so that sessions do not race for each batch. Returns PRTKV_STORAGE_FAILED if the
+  // claim or a batch is damaged, and PRTKV_BUSY if nobody made progress for `patience`.
+  Status finish(const Claim& decided, std::chrono::milliseconds patience);
 
   // The same for every decision of the list.
-  Status finish_all(const ClaimList& claims, FunctionRef<Deadline()> deadline);
+  Status finish_all(const ClaimList& claims, std::chrono::milliseconds patience);
 
   // Reads a range at a revision at which every decision has been carried out. On success `*revision` is that revision.
   Reply read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision);

@@ -31,11 +31,13 @@ struct Prefetch {
 struct ClaimOrder {
   NodeId top = kNoNode;
   int attempt = 1;
+  std::optional<Claim> former;  // of the run before, which this one replaces
 };
 
 struct NextRun {
   Prefetch prefetch;
   std::optional<ClaimOrder> claim;
+  bool has_waited = false;  // for the claims of others; it does so once
 };
 
 class Run {
@@ -68,10 +70,20 @@ class Run {
   bool repeats() const { return repeats_; }
   const Status& failure() const { return failure_; }
 
+  // Waits for another session. The operation's deadline is put off by the time that this takes.
+  template <typename Wait>
+  auto wait(Wait wait) {
+    const auto begin = std::chrono::steady_clock::now();
+    auto result = wait();
+    deadline_.put_off(std::chrono::steady_clock::now() - begin);
+    return result;
+  }
+
   // A long run is limited by its progress, not by the operation's deadline.
   void become_long() { long_ = true; }
   bool is_long() const { return long_; }
   Deadline deadline() const { return long_ ? Deadline(timeout_) : deadline_; }
+  Deadline deadline_of_operation() const { return deadline_; }
 
   // What the next run starts from, should there be one.
   NextRun next;
@@ -79,7 +91,7 @@ class Run {
  private:
   static Status outdated() { return {PRTKV_BUSY, "the registry changed while it was read"}; }
 
-  const Deadline deadline_;
+  Deadline deadline_;
   const std::chrono::milliseconds timeout_;
   bool repeats_ = false;
   bool long_ = false;

@@ -6,6 +6,11 @@
 #include "store/etcd/limits.h"
 
 namespace tkv::store::etcd {
+namespace {
+
+constexpr std::chrono::milliseconds kProgressInterval{200};
+
+}  // namespace
 
 Staging::~Staging() {
   if (started()) core_.sweeper.give_up_build(build_->key());
@@ -55,12 +60,23 @@ Status Staging::send() {
   return {};
 }
 
-Written Staging::try_send(TxnRequest batch) { return build().send(std::move(batch), writes_.fresh()); }
+Written Staging::try_send(TxnRequest batch) {
+  Written written = build().send(std::move(batch), writes_.fresh());
+  last_sent_ = std::chrono::steady_clock::now();
+  return written;
+}
 
 Status Staging::send(TxnRequest batch) {
   Written written = try_send(std::move(batch));
   if (!written.status.ok()) return run_.fail(std::move(written.status));
   return written.made ? Status() : run_.repeat_from_scratch();
+}
+
+Status Staging::show_progress(const Claim& claim) {
+  if (std::chrono::steady_clock::now() - last_sent_ < kProgressInterval) return {};
+  TxnRequest batch;
+  compare_revision(&batch, core_.keys.claim(claim.top, claim.token), claim.mod_revision);
+  return send(std::move(batch));
 }
 
 Status Staging::send_log(std::vector<std::string> batches) {

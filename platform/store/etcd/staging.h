@@ -5,6 +5,7 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_STAGING_H
 #define TKV_PLATFORM_STORE_ETCD_STAGING_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "store/etcd/build.h"
+#include "store/etcd/claims.h"
 #include "store/etcd/core.h"
 #include "store/etcd/run.h"
 #include "store/etcd/write_set.h"
@@ -40,6 +42,10 @@ class Staging {
   Status send(TxnRequest batch);
   Written try_send(TxnRequest batch);
 
+  // Sends a batch without content if none has been sent for a moment: others wait for the claim of this build as long
+  // as it makes progress. The run repeats if the claim has been removed.
+  Status show_progress(const Claim& claim);
+
   // The redo log of a change, to be decided by the commit.
   Status send_log(std::vector<std::string> batches);
 
@@ -61,6 +67,7 @@ class Staging {
   std::optional<Build> build_;
   IdRange reserved_;  // taken for this build alone
   std::uint64_t block_size_ = kFirstBlock;
+  std::chrono::steady_clock::time_point last_sent_;
 
   // A long build takes blocks of growing size, so that its ids are described by few ranges.
   static constexpr std::uint64_t kFirstBlock = 1024;

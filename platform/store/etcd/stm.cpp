@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "store/etcd/claim_watch.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
 #include "store/record.h"
@@ -22,24 +23,40 @@ Stm::Stm(Core& core, Purpose purpose, NextRun start, Deadline deadline)
 // ---- the run
 
 Status Stm::start() {
-  reads_.on_overflow([this](NodeId top) { return lay_claim({top, 1}); });
+  run_.next.has_waited = start_.has_waited;
+  reads_.set_claimant({[this](NodeId top) {
+                         return lay_claim({top, 1, {}});
+                       },
+                       [this] { return reads_.claim() ? staging_.show_progress(*reads_.claim()) : Status(); }});
   if (start_.claim) {
     if (Status status = lay_claim(*start_.claim); !status.ok()) return status;
   }
   const Claim* decided = reads_.claims().decided_on(kRootNode);
-  if (decided == nullptr) return {};
-  const auto deadline = [this] { return run_.deadline(); };
-  Status status = core_.recovery.finish(*decided, deadline);
-  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+  return decided == nullptr ? Status() : reads_.recover(*decided);
+}
+
+// Two large changes of one subtree would keep each other from being made: the one that came later waits.
+void Stm::wait_for_claims_on(NodeId top, const std::optional<Claim>& former) {
+  const auto overlaps = [&](const Claim& claim) {
+    return reads_.lineage().is_below(top, claim.top) || reads_.lineage().is_below(claim.top, top);
+  };
+  for (const auto& [other_top, claim] : reads_.claims().claims) {
+    if (claim.text.decided || !overlaps(claim) || (former && claim.token == former->token)) continue;
+    run_.wait([&, &other = claim] {
+      return wait_for_claim(*core_.kv, core_.keys, other, ClaimStage::kDecided, patience_with(other));
+    });
+  }
 }
 
 Status Stm::lay_claim(const ClaimOrder& order) {
   run_.become_long();
+  wait_for_claims_on(order.top, order.former);
   Claim claim{order.top, staging_.token(), 0, {}};
   claim.text.attempt = order.attempt;
   TxnRequest batch;
   reads_.add_compares(&batch);
   put(batch.add_success(), core_.keys.claim(claim.top, claim.token), claim.text.print());
+  if (order.former) erase(batch.add_success(), core_.keys.claim(order.former->top, order.former->token));
   *batch.add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
   Written written = staging_.try_send(std::move(batch));
   if (!written.status.ok()) return run_.fail(std::move(written.status));
@@ -77,7 +94,8 @@ bool Stm::finish(Status* result) {
 // A run that held a claim is followed by one that lays the same claim again, and reads the state at which it does.
 NextRun Stm::take_next() {
   if (reads_.claim() && !run_.next.claim) {
-    return {{}, ClaimOrder{reads_.claim()->top, reads_.claim()->text.attempt + 1}};
+    run_.next.prefetch = {};
+    run_.next.claim = ClaimOrder{reads_.claim()->top, reads_.claim()->text.attempt + 1, reads_.claim()};
   }
   return std::move(run_.next);
 }

@@ -63,6 +63,9 @@ class Stm final : public Update {
   // Whether this run was a long one, which is not limited by the operation's deadline.
   bool is_long() const { return run_.is_long(); }
 
+  // The deadline of the operation, put off by the time in which this run waited for other sessions.
+  Deadline deadline() const { return run_.deadline_of_operation(); }
+
  private:
   // The tree as this run found it: what is read here becomes part of the read set.
   class Before final : public View {
@@ -79,6 +82,7 @@ class Stm final : public Update {
   };
 
   Status lay_claim(const ClaimOrder& order);
+  void wait_for_claims_on(NodeId top, const std::optional<Claim>& former);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
   Status value_of_fresh(NodeId id, Value* value);
   Status list_fresh(NodeId parent, NamedNodes* children);

@@ -239,7 +239,6 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
 
 // A claim whose build is gone has no owner. A decision needs no build.
 Status Sweeper::sweep_claims(const Pace& pace) {
-  const auto time = [&] { return Deadline(pace.request); };
   Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerPage));
   while (claims.more()) {
     RangeResponse page;
@@ -250,7 +249,7 @@ Status Sweeper::sweep_claims(const Pace& pace) {
       if (pace.stop()) return PRTKV_UNREACHABLE;
       const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
       if (claim.text.decided) {
-        if (Status status = recovery_.finish(claim, time); !status.ok()) return status;
+        if (Status status = recovery_.finish(claim, pace.request); !status.ok()) return status;
         continue;
       }
       TxnRequest request;
