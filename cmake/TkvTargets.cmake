@@ -131,3 +131,14 @@ function(tkv_script_test name)
   endif()
   set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${timeout} ${TKV_SKIPPED})
 endfunction()
+
+# tkv_trials(name SOURCES ... [LINKS ...] [LABELS ...]): a program whose short run is a test. Its long run, with --long,
+# is for proofs and ends with a table.
+function(tkv_trials name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LINKS} GTest::gtest tkv_flags)
+  tkv_script_test(${name} COMMAND ${name} LABELS ${ARG_LABELS})
+  tkv_script_test(${name}.long COMMAND ${name} --long LABELS prove)
+  set_tests_properties(${name}.long PROPERTIES TIMEOUT 3600)
+endfunction()

@@ -690,9 +690,7 @@ class EtcdRecovery : public EtcdParts {
     core_->claims.learn(claims, kv_->revision());
   }
 
-  Status finish() {
-    return core_->recovery.finish(*core_->claims.known()->decided_on(2), patience().left());
-  }
+  Status finish() { return core_->recovery.finish(*core_->claims.known()->decided_on(2), patience().left()); }
 
   std::uint64_t batches_ = 0;
 };
