@@ -5,7 +5,7 @@
 extern "C" __attribute__((visibility("default"))) tkv::Status tkv_open_etcd_store(
     std::uint64_t abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>* store) {
   if (abi != tkv::store::kEtcdModuleAbi) {
-    return {PRTKV_INVALID_CONFIGURATION, "libtkv_etcd.so is of another release than the library that loads it"};
+    return {PRTKV_UNUSABLE, "libtkv_etcd.so belongs to another release of TKV than the library that loads it"};
   }
   return tkv::store::etcd::open_etcd_store(options, store);
 }
