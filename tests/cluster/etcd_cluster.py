@@ -11,6 +11,9 @@ The program that needs the cluster writes commands to standard input, one per li
   kill M        kills a member with SIGKILL and waits for its end
   stop M        stops a member with SIGSTOP
   cont M        lets a stopped member continue
+  save          saves a snapshot, which replaces the one before
+  restore       kills every member, restores the last snapshot into each of them and starts them: the same addresses, names
+                and ids, and the state that was saved
   wait          waits until every running member is healthy
   leader        the member that says it leads, or -1
   pids          the members' process ids, 0 for one that is not running
@@ -198,6 +201,31 @@ class Launcher:
         self.processes[member].send_signal(signal.SIGCONT)
         self.stopped.discard(member)
 
+    def etcdctl(self, *arguments):
+        done = subprocess.run(["etcdctl", *arguments], env={**os.environ, "ETCDCTL_API": "3"}, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            raise Failure(f"etcdctl {' '.join(arguments)}: " + " ".join(done.stderr.split()))
+
+    def snapshot(self):
+        return os.path.join(self.directory, "snapshot")
+
+    def save(self):
+        if os.path.exists(self.snapshot()):
+            os.remove(self.snapshot())
+        self.etcdctl("--endpoints", self.all_on(CLIENT_PORT)[0], "snapshot", "save", self.snapshot())
+
+    def restore(self):
+        topology = ["--name", "--data-dir", "--initial-advertise-peer-urls", "--initial-cluster", "--initial-cluster-token"]
+        for member in range(self.options.members):
+            self.kill(member)
+        for member in range(self.options.members):
+            flags = self.flags_of(member)
+            shutil.rmtree(flags[flags.index("--data-dir") + 1])
+            self.etcdctl("snapshot", "restore", self.snapshot(),
+                         *(word for flag in topology for word in (flag, flags[flags.index(flag) + 1])))
+        self.start()
+
     def leader(self):
         for member in range(self.options.members):
             if self.is_running(member) and member not in self.stopped:
@@ -213,6 +241,7 @@ class Launcher:
         name, *arguments = line.split()
         known = {
             "start": self.start, "kill": self.kill, "stop": self.stop, "cont": self.cont, "wait": self.wait,
+            "save": self.save, "restore": self.restore,
             "leader": self.leader, "pids": self.pids, "address": lambda: self.address,
             "endpoints": lambda: " ".join(self.all_on(CLIENT_PORT)), "peers": lambda: " ".join(self.all_on(PEER_PORT)),
             "proxies": lambda: " ".join(self.all_on(PROXY_PORT)),

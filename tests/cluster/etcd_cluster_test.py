@@ -63,6 +63,22 @@ class ClusterTest(unittest.TestCase):
         cluster.ask("cont", other)
         cluster.ask("wait")
 
+    def test_a_snapshot_is_restored_into_the_same_members(self):
+        cluster = self.cluster(3)
+        ctl = ["etcdctl", "--endpoints", ",".join(cluster.endpoints)]
+        environment = {**os.environ, "ETCDCTL_API": "3"}
+
+        def ask(*words):
+            return subprocess.run([*ctl, *words], env=environment, capture_output=True, text=True, check=True).stdout
+
+        ask("put", "key", "saved")
+        members = ask("member", "list")
+        cluster.ask("save")
+        ask("put", "key", "lost")
+        cluster.ask("restore")
+        self.assertEqual(ask("get", "key", "--print-value-only"), "saved\n")
+        self.assertEqual(ask("member", "list"), members)
+
     def test_clusters_at_one_time_have_addresses_of_their_own(self):
         addresses = {self.cluster().ask("address") for _ in range(3)}
         self.assertEqual(len(addresses), 3)

@@ -171,6 +171,8 @@ EtcdCluster::EtcdCluster(Options options)
 
 EtcdCluster::~EtcdCluster() = default;
 
+std::string EtcdCluster::ask(const std::string& command) const { return launcher_->ask(command); }
+
 EtcdOptions EtcdCluster::registry() const {
   static std::atomic<int> registries{0};
   EtcdOptions options;

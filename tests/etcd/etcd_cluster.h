@@ -103,6 +103,10 @@ class EtcdCluster {
   void cut(int member);
   void heal();
 
+  // Saves a snapshot, and restores it into the same members (see etcd_cluster.py).
+  void save() { (void)ask("save"); }
+  void restore() { (void)ask("restore"); }
+
   // Runs etcdctl against the running members. Returns what it printed.
   std::string ctl(std::vector<std::string> arguments) const;
   void set_ctl_flags(std::vector<std::string> flags) { options_.ctl_flags = std::move(flags); }
@@ -110,6 +114,7 @@ class EtcdCluster {
  private:
   class Launcher;
 
+  std::string ask(const std::string& command) const;
   bool is_cut(int target, const std::string& dialler) const;
 
   Options options_;

@@ -15,9 +15,10 @@ namespace {
 class EtcdRestoredSnapshot : public testing::Test {
  protected:
   // A session of the registry.
-  std::unique_ptr<Core> session() {
+  std::unique_ptr<Core> session(bool may_create = true) {
     auto core = std::make_unique<Core>(std::make_unique<SharedKv>(kv_), "/tkv/");
     EtcdOptions options;
+    options.create = may_create;
     EXPECT_TRUE(done(open_registry(*core, options)));
     return core;
   }
@@ -112,6 +113,23 @@ TEST_F(EtcdRestoredSnapshot, EndsASessionOfARegistryThatWasMadeAnew) {
   const auto after = session();
   expect_ended(run(*before, [](Update& update) { return update.set_value(kRootNode, 3, bytes_of("lost")); }));
   EXPECT_TRUE(done(create(*after, "b")));
+}
+
+// A registry of an earlier release has no mark, and a session that may not create does not make one.
+TEST_F(EtcdRestoredSnapshot, GivesNoIdTwiceInARegistryWithoutAMark) {
+  const Keys keys("/tkv/");
+  (void)session();
+  kv_.erase(keys.mark());
+  const auto before = session(false);
+  const FakeKv::State snapshot = kv_.state();
+  ASSERT_TRUE(done(create(*before, "a")));
+  const std::int64_t revision = kv_.revision();
+  kv_.restore(snapshot);
+  const auto after = session(false);
+  ASSERT_TRUE(done(create(*after, "b")));
+  catch_up(*after, revision + 10);
+  expect_ended(create(*before, "c"));
+  EXPECT_EQ(kv_.count(KeyRange{keys.mark(), keys.mark() + '\0'}), 0u);
 }
 
 TEST_F(EtcdRestoredSnapshot, LeavesSessionsInTheirOwnHistoryAlone) {

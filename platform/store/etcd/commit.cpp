@@ -142,6 +142,7 @@ Status Commit::send() {
     Mark mark = core_.writers.take();
     Written written = write_once(*core_.kv, std::move(request), &mark, core_.writers.next_text(), run_.deadline());
     core_.writers.give_back(std::move(mark));
+    if (written.went_back) return run_.fail(core_.kv->end().status);
     if (!written.status.ok()) return written.status;
     if (written.made) {
       committed(written.revision);

@@ -57,13 +57,15 @@ Reply History::txn(const TxnRequest& request, TxnResponse* response, Deadline de
   if (ended_) return end();
   const std::int64_t known = newest_;
   const Held fence = held();
-  if (fence.mark.empty() || !writes(request)) {
+  if ((fence.mark.empty() && fence.ids.empty()) || !writes(request)) {
     Reply reply = kv_->txn(request, response, deadline, expected);
     return check(std::move(reply), known, response->header().revision());
   }
   TxnRequest fenced = request;
-  compare_value(&fenced, fence.mark, fence.value);
-  *fenced.add_failure()->mutable_request_range() = get_one(fence.mark);
+  if (!fence.mark.empty()) {
+    compare_value(&fenced, fence.mark, fence.value);
+    *fenced.add_failure()->mutable_request_range() = get_one(fence.mark);
+  }
   if (!fence.ids.empty()) {
     compare_not_removed(&fenced, fence.ids, fence.claimed_at);
     *fenced.add_failure()->mutable_request_range() = get_one(fence.ids);
@@ -84,9 +86,11 @@ Reply History::take_fence(const Held& fence, TxnResponse* response) {
     holds = ids.kvs_size() > 0 && ids.kvs(0).mod_revision() >= fence.claimed_at;
     responses->RemoveLast();
   }
-  const RangeResponse& mark = responses->rbegin()->response_range();
-  holds = holds && mark.kvs_size() > 0 && mark.kvs(0).value() == fence.value;
-  responses->RemoveLast();
+  if (!fence.mark.empty()) {
+    const RangeResponse& mark = responses->rbegin()->response_range();
+    holds = holds && mark.kvs_size() > 0 && mark.kvs(0).value() == fence.value;
+    responses->RemoveLast();
+  }
   return holds ? Reply() : end();
 }
 

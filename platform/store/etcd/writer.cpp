@@ -76,6 +76,7 @@ Written write_once(Kv& kv, TxnRequest request, Mark* mark, const std::string& te
     return written;
   }
   const KeyValue* found = first(written.response.responses(mark_read).response_range());
+  written.went_back = found != nullptr && found->mod_revision() < mark->mod_revision;
   mark->mod_revision = found == nullptr ? 0 : found->mod_revision();
   written.made = found != nullptr && found->value() == text;
   if (written.made) {

@@ -28,6 +28,7 @@ struct Written {
   bool made = false;          // success only: false if the comparisons failed
   std::int64_t revision = 0;  // success only: at which it was made, or at which the comparisons failed
   TxnResponse response;       // if the comparisons failed: what the failure branch read
+  bool went_back = false;     // the mark is older than when it was last seen: this is another history of the cluster
 };
 
 // Sends `request`, whose success branch writes and whose failure branch only reads; each must have room for one more
