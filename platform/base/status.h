@@ -10,8 +10,8 @@
 
 namespace tkv {
 
-// Success carries no text and allocates nothing. A failure may lack a text: then the table's own text stands for it,
-// and whoever knows more (the key's full name, say) adds it with `about`.
+// Success carries no text and allocates nothing. A failure without a text of its own has the text of the result table.
+// A caller that knows more, such as the key's full name, adds it with `about`.
 class [[nodiscard]] Status {
  public:
   Status() = default;
@@ -22,11 +22,11 @@ class [[nodiscard]] Status {
   prtkv_result code() const { return code_; }
   bool is(prtkv_result code) const { return code_ == code; }
 
-  // The reason, or the table's text when none was given.
+  // The reason, or the text of the result table if none was given.
   std::string text() const { return text_.empty() ? result_text(code_) : text_; }
   bool has_text() const { return !text_.empty(); }
 
-  // The same failure, told of `subject`: "key 'a.b': <text>".
+  // The same failure with `subject` before its text: "key 'a.b': <text>".
   Status about(const std::string& subject) const { return ok() ? *this : Status(code_, subject + ": " + text()); }
 
   static const char* result_text(int32_t code) {

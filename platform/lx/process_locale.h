@@ -12,9 +12,8 @@ namespace tkv::lx {
 // includes a character set that the system does not have.
 //
 // A name without a character set has the one that the system's locale of that name uses. If the system has no such
-// locale,
-// "@euro" means ISO-8859-15 and any other name UTF-8, as "C" and "POSIX" do; the C library falls back to "C" there,
-// too.
+// locale, "@euro" means ISO-8859-15 and any other name UTF-8, as "C" and "POSIX" do; the C library falls back to "C"
+// there, too.
 const Charset* charset_of_locale(std::string_view locale);
 
 // Returns the character set of the process, which is determined as lx.h describes. Returns null if the system does not

@@ -76,7 +76,7 @@ sec_attr default_security(const Identity& identity) {
   security.user_perm = TKV_RIGHT_ALL;
   security.group_perm = TKV_RIGHT_WRITE | TKV_RIGHT_CREATE | TKV_RIGHT_DELETE;
   security.other_perm = TKV_RIGHT_READ | TKV_RIGHT_LIST;
-  // A name that no record can hold stays empty: nobody's.
+  // A name that no record can hold stays empty and matches nobody.
   (void)set_user(&security, identity.user);
   (void)set_group(&security, identity.group());
   return security;

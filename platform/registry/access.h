@@ -2,7 +2,7 @@
 //
 // A key grants the union of the masks of every class that the identity belongs to: the owner, the owning group (by any
 // of the identity's groups), and others, which is everybody, including the owner and the group's members. The superuser
-// may do everything. An empty name in a record is nobody's, and a name that does not fit into a record matches none.
+// may do everything. An empty name in a record matches nobody, and a name that does not fit into a record matches none.
 //
 // Nothing here allocates, except for messages. Any thread may call.
 #ifndef TKV_PLATFORM_REGISTRY_ACCESS_H

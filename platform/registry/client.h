@@ -6,9 +6,9 @@
 //   Status status = client->read_value("a.b", &value);
 //
 // This is the one way to the registry for everything above it: sessions behind the C functions, the operator's command,
-// Java. Operations take and return values. What they call back (a visitor, a progress function) only receives; it runs
-// outside of nothing that it could influence but the end of a stream, and must not call the client. An operation can
-// therefore be served by this process (LocalClient) or by another one.
+// Java. Operations take and return values. A callback (a visitor, a progress function) only receives values: a visitor
+// can end a stream, nothing more, and no callback may call the client. An operation can therefore be served by this
+// process (LocalClient) or by another one.
 //
 //   Names.     A key is named by its full name, levels joined by "."; "" is the root (see name.h). A malformed name
 //              yields PRTKV_INVALID_NAME. Where an operation takes a parent and a name, the name is relative to the
@@ -19,12 +19,14 @@
 //              message that names the right and the key. Passing through keys on the way to another needs none, and
 //              whether a key exists is not a secret.
 //   Security.  Masks outside TKV_RIGHT_ALL yield PRTKV_INVALID_ARGUMENT. Whoever creates a key may name any owner:
-//              whoever may change the masks can grant himself everything, so a rule about names would protect nothing.
+//              those who may change the masks can grant themselves everything, so a rule about names would protect
+//              nothing.
 //   Atomicity. Each operation is one transaction: it sees one state, and what it changes becomes visible and durable at
 //              once or not at all. Exceptions are documented at the operation.
 //   Failures.  The store's own failures (PRTKV_STORAGE_FAILED, PRTKV_STORAGE_FULL, PRTKV_OUT_OF_MEMORY,
-//              PRTKV_UNREACHABLE) come with the key's name before their message. Out-parameters keep their contents on
-//              failure unless the operation says otherwise.
+//              PRTKV_UNREACHABLE, PRTKV_UNUSABLE, PRTKV_BUSY, PRTKV_UNDECIDED) have the key's name before their
+//              message. After PRTKV_UNDECIDED nobody can tell whether the change was made; any other failure has
+//              changed nothing. Out-parameters keep their contents on failure unless the operation says otherwise.
 //   Threads.   Any thread may call at any time.
 #ifndef TKV_PLATFORM_REGISTRY_CLIENT_H
 #define TKV_PLATFORM_REGISTRY_CLIENT_H
@@ -181,7 +183,8 @@ struct SecurityChange {
 };
 
 // The security of a key that an operation creates: `initial`, or with `inherit` the parent's masks and group with
-// `initial`'s owner (others never inherit all rights: they get read and list then); changed by `change` in either case.
+// `initial`'s owner (others never inherit all rights: they get read and list instead); changed by `change` in either
+// case.
 struct NewKeySecurity {
   sec_attr initial{};
   bool inherit = false;

@@ -66,8 +66,8 @@ std::string_view trimmed(std::string_view text) {
 
 bool is_control(char byte) { return (static_cast<unsigned char>(byte) < 0x20 && byte != '\t') || byte == 0x7f; }
 
-// Feeds the parser line by line, since it tells its handler no line numbers, and sees to what it lets pass: headings
-// without lines, text behind a heading, control characters, names that it would cut.
+// Feeds the parser line by line, since it passes no line numbers to its handler, and handles what the parser overlooks:
+// headings without lines, text behind a heading, control characters, names that it would truncate.
 class Feed {
  public:
   Feed(std::string_view text, FunctionRef<Status(const std::string&)> section,
@@ -132,7 +132,7 @@ class Feed {
   Status failure_;
 };
 
-// The parser's longest line is a variable of its library, too short for our locations as delivered.
+// The parser's limit for a line is a variable of its library, whose default is too short for our locations.
 void allow_long_lines() {
   static std::once_flag once;
   std::call_once(once, [] { ini_max_line = std::max(ini_max_line, kMaxLineBytes); });

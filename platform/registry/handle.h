@@ -1,6 +1,6 @@
 // Handles: 64-bit values that stand for slots of a table without being addresses. A handle consists of the table's
 // kind, the slot's index and a serial number that the process repeats only after 2^31 handles. The slot keeps the
-// serial of the handle that it was given out under last, so a closed, foreign or forged handle is recognized.
+// serial of the last handle that was given out for it, so a closed, foreign or forged handle is recognized.
 #ifndef TKV_PLATFORM_REGISTRY_HANDLE_H
 #define TKV_PLATFORM_REGISTRY_HANDLE_H
 

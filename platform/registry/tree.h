@@ -5,9 +5,8 @@
 //
 //   Keys.     See KeyRef in client.h. The name of a KeyRef with an id was found before and is not checked again.
 //   Names.    See name.h. Where an operation takes a parent and a name, the name is relative to the parent, and the
-//   full
-//             name that they make must be within the limits (PRTKV_INVALID_NAME).
-//   Failures. The store's own come with the key's name before their message. A Writer's operation that fails may leave
+//             full name that they make must be within the limits (PRTKV_INVALID_NAME).
+//   Failures. The store's own have the key's name before their message. A Writer's operation that fails may leave
 //             part of its work in the update: the function must return the failure, so that nothing of the update
 //             stays. Out-parameters keep their contents.
 //   Memory.   Lookups and reads do not allocate, except for the messages of failures.

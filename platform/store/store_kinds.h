@@ -36,7 +36,7 @@ struct StoreSetting {
   const char* text;                                       // for people: meaning, bounds, default
 };
 
-// Where a registry is. Locations and settings passed their checks.
+// Where a registry is. Locations and settings have passed their checks.
 struct StorePlace {
   const std::vector<std::string>& locations;
   const Settings& settings;

@@ -32,7 +32,7 @@ std::size_t distance(std::string_view from, std::string_view to) {
 
 std::string suggestion(std::string_view word, std::span<const std::string> candidates) {
   const std::string* nearest = nullptr;
-  std::size_t least = word.size() < 4 ? 2 : 3;  // more differences than that are another word
+  std::size_t least = word.size() < 4 ? 2 : 3;  // words that differ by this much are unrelated
   for (const std::string& candidate : candidates) {
     const std::size_t differences = distance(word, candidate);
     if (differences >= std::min(least, candidate.size())) continue;

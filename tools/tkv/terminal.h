@@ -40,7 +40,7 @@ void say(std::string_view text);
 // As say, but nothing if `quiet` was asked for.
 void note(const Terminal& terminal, std::string_view text);
 
-// Asks for a yes. Returns false if the input is not a terminal, or ends.
+// Asks a yes-or-no question. Returns false if the input is not a terminal, or ends.
 bool confirm(const Terminal& terminal, const std::string& question);
 
 // A progress bar on standard error, for work that takes longer than a moment. Shows nothing if that is not a terminal.
