@@ -10,7 +10,7 @@
 namespace tkv::store {
 namespace {
 
-// One cluster a program, a registry of its own under a prefix of its own for each test.
+// One cluster per program, and a registry under a prefix of its own for each test.
 etcd::EtcdCluster& cluster(int members) {
   static std::map<int, std::unique_ptr<etcd::EtcdCluster>> clusters;
   auto& cluster = clusters[members];

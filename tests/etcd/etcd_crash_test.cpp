@@ -11,8 +11,8 @@
 namespace tkv::store::etcd {
 namespace {
 
-// Processes that are killed at each of their requests in turn. Whatever they were at, it is done wholly or not at all,
-// and the next session leaves nothing lying about.
+// Processes that are killed at each of their requests in turn. Whatever they were doing is done completely or not at
+// all, and the next session removes what they left behind.
 class EtcdCrash : public testing::TestWithParam<const char*> {
  protected:
   static constexpr int kMany = 150;

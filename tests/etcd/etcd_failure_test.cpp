@@ -26,7 +26,7 @@ Status open(const EtcdOptions& options) {
   return open_etcd_store(options, &store);
 }
 
-// The kernel accepts connections to it, and nobody ever answers.
+// An endpoint to which the kernel accepts connections, and where nobody ever answers.
 class SilentEndpoint {
  public:
   SilentEndpoint() : listener_(listening_socket("127.0.0.1:0")) {}
@@ -273,7 +273,7 @@ TEST(EtcdUsers, TheRightPasswordOpensAndOnlyThePrefix) {
   EXPECT_EQ(text, "value");
   EXPECT_TRUE(done(write_key(*store, "a", "later")));
 
-  // Also when the rights are changed meanwhile.
+  // It does so too after a change of rights.
   cluster.ctl({"role", "add", "unrelated"});
   EXPECT_TRUE(done(read_key(*store, "a", &text)));
   cluster.ctl({"role", "revoke-permission", "registry", "--prefix=true", options.prefix});
@@ -300,7 +300,7 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   EXPECT_TRUE(says(create_key(*store, "c"), PRTKV_STORAGE_FULL, {"space alarm"}));
   EXPECT_TRUE(done(open_key(*store, "b")));
 
-  // What an operator does about it.
+  // An operator frees the space.
   const std::string revision = cluster.ctl({"endpoint", "status", "--write-out=json"});
   const auto at = revision.find("\"revision\":");
   ASSERT_NE(at, std::string::npos) << revision;
@@ -322,7 +322,7 @@ TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {
   EXPECT_EQ(text, "value");
 }
 
-// A server that only has a version.
+// A server that only answers with a version.
 class ServerOfVersion final : public etcdserverpb::Maintenance::Service {
  public:
   explicit ServerOfVersion(std::string version) : version_(std::move(version)) {
@@ -367,7 +367,7 @@ int threads_of_this_process() {
   return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
 
-// The kernel lists a thread for a moment after it has been joined.
+// The kernel still lists a thread for a moment after it has been joined.
 testing::AssertionResult threads_fall_to(int count) {
   if (eventually([&] { return threads_of_this_process() <= count; })) return testing::AssertionSuccess();
   return testing::AssertionFailure() << threads_of_this_process() << " threads, " << count << " before";

@@ -64,7 +64,7 @@ TEST(Linearizability, RefusesWhatCannotHaveHappened) {
 
 // ---- random clients
 
-// What all clients saw, by key. Times are of one clock for all of them.
+// What all clients saw, by key. All times are of one clock.
 class History {
  public:
   void add(const std::string& key, const Operation& operation) {
@@ -84,7 +84,7 @@ class History {
   std::map<std::string, std::vector<Operation>> operations_;
 };
 
-// Runs one operation and notes what was seen of it.
+// Runs one operation and records its result.
 void operate(Store& store, History& history, const std::string& key, Kind kind, int value) {
   Operation operation{kind, Result::kDone, value, History::now(), 0};
   std::string text;
@@ -117,7 +117,7 @@ void operate(Store& store, History& history, const std::string& key, Kind kind, 
 
 constexpr int kBallast = 150;
 
-// Writes all of the keys that are there, with so many others that one transaction of etcd does not hold them.
+// Writes those of the keys that exist, along with more keys than fit into one transaction of etcd.
 void rewrite(Store& store, History& history, const std::vector<std::string>& levels, int value) {
   const std::string text = std::to_string(value);
   std::vector<Operation> seen;
@@ -188,7 +188,7 @@ class Clients {
     }
   }
 
-  // Waits until every client has ended so many more operations that others than faults decided.
+  // Waits until every client has completed this many more operations.
   bool progress(int operations) {
     std::vector<int> goals;
     for (const auto& count : counts_) goals.push_back(count + operations);
@@ -210,8 +210,8 @@ class Clients {
 
   static constexpr int kOperationsPerRewrite = 30;
 
-  // The key that an operation is about. Keys are used for a while by all clients at once, and then no more: histories
-  // that can be checked.
+  // The key of an operation. All clients use a few keys for a while and then move on, so that histories stay short
+  // enough to be checked.
   static std::string level_of(int number, int lane) {
     return "k" + std::to_string(number / (kOperationsPerKey * kLanes)) + "-" + std::to_string(lane);
   }
@@ -298,7 +298,7 @@ TEST(EtcdCluster, HistoriesStayLinearizableWhileTheLeaderIsKilledStoppedAndCutOf
   EXPECT_TRUE(eventually([&] { return clients.rewritten() >= 3; }));
   clients.finish();
 
-  // What was acknowledged is there: a last look at every key belongs to its history.
+  // What was acknowledged is there: a last read of every key is added to its history.
   std::vector<std::string> keys;
   for (const auto& [key, operations] : clients.history().operations()) keys.push_back(key);
   for (const std::string& key : keys) operate(*store, clients.history(), key, Kind::kRead, 0);

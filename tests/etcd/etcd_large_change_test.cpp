@@ -11,7 +11,7 @@
 namespace tkv::store::etcd {
 namespace {
 
-// Changes of what exists that are larger than one transaction of etcd.
+// Changes of existing keys that are larger than one transaction of etcd.
 class EtcdLargeChange : public EtcdStore {
  protected:
   static constexpr int kKeys = 150;
@@ -224,7 +224,7 @@ TEST_F(EtcdLargeChange, TwoAtOnceInOneSubtreeAreBothMade) {
   expect_nothing_left_over();
 }
 
-// Everyone counts up what he finds: in the end no step may be missing. The others never pause.
+// Everyone increments the values: in the end no increment may be missing. The other writers never pause.
 TEST_F(EtcdLargeChange, IsMadeBesideOthersWritesAndLosesNoneOfThem) {
   constexpr int kLarge = 4;
   std::atomic<bool> ended{false};

@@ -25,7 +25,7 @@ class EtcdOpening : public testing::Test {
     return open_registry(*core_, options);
   }
 
-  // As releases did that did not mark the prefix.
+  // As releases did before they marked the prefix.
   void create_unmarked(const std::string& prefix) {
     const Keys keys(prefix);
     kv_.put(keys.meta(), as_text(encode_meta(Meta())));

@@ -283,7 +283,7 @@ TEST_F(EtcdReadAhead, WhateverIsAskedForInWhateverOrderIsAnsweredRightly) {
   Branch branch{"the top", {}};
   for (int i = 0; i < 8; ++i) branch.below["b" + std::to_string(i)] = grow(3);
   build_top(branch);
-  // Ids that do not follow each other in the order of the names.
+  // Ids that are not consecutive in the order of the names.
   for (int i = 0; i < 60; ++i) {
     const std::string name = std::to_string(random());
     ASSERT_TRUE(done(create_key(*store_, "top." + name, "v" + name)));

@@ -104,7 +104,7 @@ TEST_F(EtcdRestore, LeavesSessionsAloneThatHaveSeenNothingOfWhatIsLost) {
   EXPECT_EQ(totals_of(*session()).nodes, 1u + kSaved + 1 + kLost);
 }
 
-// As releases did that did not mark the prefix.
+// As releases did before they marked the prefix.
 TEST_F(EtcdRestore, GivesNoIdTwiceInARegistryWithoutAMark) {
   make(*session(), "saved", kSaved);
   (void)cluster_->ctl({"del", Keys(options_.prefix).mark()});

@@ -1,4 +1,4 @@
-// A registry on a real etcd cluster for each test, and access to its keys past the store.
+// A registry on a real etcd cluster for each test, and access to its keys without the store.
 #ifndef TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
 #define TKV_TESTS_ETCD_ETCD_STORE_FIXTURE_H
 
@@ -43,7 +43,7 @@ class EtcdStore : public testing::Test {
     return watch_.count();
   }
 
-  // A connection past the store, for what only an operator or a fault does.
+  // A connection without the store, for what only an operator or a fault does.
   Cluster& raw() {
     if (!raw_) {
       ClusterOptions options;

@@ -143,7 +143,7 @@ TEST_F(EtcdStore, LargeValuesOfASubtreeAreSentAhead) {
       if (Status status = update.insert(top.id, std::to_string(i), node); !status.ok()) return status;
       if (Status status = update.set_value(node.id, 3, bytes_of(large)); !status.ok()) return status;
     }
-    // What was sent ahead is still there for this update.
+    // This update still sees what was sent ahead.
     Node first;
     if (Status status = update.find(top.id, "0", &first); !status.ok()) return status;
     Value value;
@@ -402,7 +402,7 @@ TEST_F(EtcdStore, ADamagedRecordIsNeverAnAnswer) {
                                                                 : "other " + finding.detail + "; ";
       },
       &totals)));
-  // Nothing leads to the value of the damaged node any more.
+  // The value of the damaged node can no longer be reached.
   EXPECT_NE(found.find("node b; "), std::string::npos) << found;
   EXPECT_NE(found.find("value; "), std::string::npos) << found;
   EXPECT_EQ(count_raw(keys().all_values()), 1);

@@ -1,4 +1,4 @@
-// A process that dies on purpose: opens a registry, does one thing to it and kills itself at its n-th request.
+// A process that dies on purpose: opens a registry, makes one change, and kills itself at its n-th request.
 //
 //   etcd_victim ENDPOINT PREFIX ACTION N [USER PASSWORD-FILE]
 //

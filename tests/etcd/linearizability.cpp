@@ -50,7 +50,7 @@ class Search {
   }
 
  private:
-  // Only what began before every other operation ended can come next.
+  // Only an operation that began before any other one ended can come next.
   std::int64_t end_of_first_open(const std::bitset<kMost>& taken) const {
     std::int64_t end = std::numeric_limits<std::int64_t>::max();
     for (std::size_t i = 0; i < history_.size(); ++i) {

@@ -1,4 +1,4 @@
-// A check whether what clients saw of one key can have happened in some order in which each operation takes effect
+// Tells whether a history of one key is linearizable: whether there is an order in which each operation takes effect
 // once, at one moment between its begin and its end.
 #ifndef TKV_TESTS_ETCD_LINEARIZABILITY_H
 #define TKV_TESTS_ETCD_LINEARIZABILITY_H
@@ -26,7 +26,7 @@ struct Operation {
 // At most 128 operations on a key that does not exist at first.
 bool is_linearizable(std::vector<Operation> history);
 
-// For people, a line an operation.
+// For people, one operation per line.
 std::string to_string(const std::vector<Operation>& history);
 
 }  // namespace tkv::store::etcd

@@ -1,4 +1,4 @@
-// Short words for what tests do with a store: paths like "a.b" from the root on, "" for the root.
+// Short functions for what tests do with a store. Paths like "a.b" begin at the root; "" is the root.
 #ifndef TKV_TESTS_ETCD_TREE_H
 #define TKV_TESTS_ETCD_TREE_H
 
@@ -107,7 +107,7 @@ inline Status move_key(Store& store, std::string_view from, std::string_view to)
   });
 }
 
-// Builds a key with `count` subkeys, each with a value, aside, and hangs it under the root in the end.
+// Builds a key with `count` subkeys, each with a value, and attaches it to the root at the end.
 inline Status build_keys(Store& store, std::string_view name, int count) {
   return store.write([&](Update& update) -> Status {
     Node top;
@@ -132,7 +132,7 @@ inline Status change_keys(Store& store, std::string_view name, std::string_view 
   });
 }
 
-// The totals of a check that must find nothing.
+// Checks the store, fails the test on any finding, and returns the totals.
 inline Totals totals_of(Store& store) {
   Totals totals;
   EXPECT_TRUE(done(store.check(

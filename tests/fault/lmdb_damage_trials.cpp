@@ -33,7 +33,7 @@ namespace {
 
 constexpr std::size_t kPageSize = 4096;
 
-// What a registry holds: enough to tell any answer that is wrong.
+// What a registry holds: enough to recognize any wrong answer.
 struct ModelNode {
   NodeId parent = kNoNode;
   std::string name;
@@ -249,7 +249,7 @@ class Trial {
     ++counter;
   }
 
-  // Returns whether the answer is to be looked at.
+  // Returns whether the answer has to be examined.
   bool answered(const Status& status, const std::string& question) {
     if (status.ok()) return true;
     if (status.is(PRTKV_NO_SUCH_KEY)) {

@@ -1,7 +1,7 @@
 // The n-th system call or allocation fails, for every n: what is reported as failed has not happened, what is reported
 // as done has, and the registry stays sound.
 //
-// The calls that fail are this program's own: a program's symbols come before libc's, for LMDB too.
+// The calls that fail are this program's own: a program's symbols take precedence over libc's, for LMDB too.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>

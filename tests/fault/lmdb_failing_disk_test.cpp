@@ -1,7 +1,7 @@
-// A disk that fails gives 7, harms nothing that was acknowledged, and is written to again when it works again.
+// A failing disk yields PRTKV_STORAGE_FAILED and harms no acknowledged write. Once it works again, so does writing.
 //
-// The system calls that write the registry's file are this program's own: a program's symbols come before libc's, for
-// LMDB too. They do as told, and keep a record.
+// The system calls that write the registry's file are this program's own: a program's symbols take precedence over
+// libc's, for LMDB too. They fail on demand, and keep a record.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -45,7 +45,7 @@ bool is_plain_file(int file) {
   return fstat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// It names the writer for other processes, and holds nothing that a failure could harm.
+// The file names the writer for other processes; a failure to write it harms nothing.
 bool is_writer_lock(int file) {
   std::error_code unknown;
   const std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), unknown);
@@ -149,7 +149,7 @@ struct Case {
 
 class LmdbFailingDiskCase : public LmdbFailingDisk, public ::testing::WithParamInterface<Case> {};
 
-TEST_P(LmdbFailingDiskCase, IsToldAndTheFormerStateStays) {
+TEST_P(LmdbFailingDiskCase, IsReportedAndTheFormerStateStays) {
   const auto store = open_or_fail(options_);
   ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
   for (int again = 0; again < 3; ++again) {
@@ -168,7 +168,7 @@ TEST_P(LmdbFailingDiskCase, IsToldAndTheFormerStateStays) {
   EXPECT_EQ(in_child([&] { return text_of(*open_or_fail(options_)) == "later" ? 0 : 1; }), 0);
 }
 
-TEST_P(LmdbFailingDiskCase, WhileItIsMadeLeavesNoFreshRegistry) {
+TEST_P(LmdbFailingDiskCase, DuringCreationLeavesNoFreshRegistry) {
   disk.failing = GetParam().target;
   disk.error = GetParam().error;
   std::shared_ptr<Store> store;
@@ -191,7 +191,7 @@ INSTANTIATE_TEST_SUITE_P(Failures, LmdbFailingDiskCase,
                                            Case{"MetaNoSpace", Target::kMeta, ENOSPC, PRTKV_STORAGE_FULL}),
                          [](const auto& failure) { return failure.param.name; });
 
-TEST_F(LmdbFailingDisk, ReadersOfOtherThreadsGoOnThroughIt) {
+TEST_F(LmdbFailingDisk, ReadersInOtherThreadsContinueDuringFailures) {
   const auto store = open_or_fail(options_);
   ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
   std::atomic<bool> stop{false};
@@ -211,7 +211,7 @@ TEST_F(LmdbFailingDisk, ReadersOfOtherThreadsGoOnThroughIt) {
   reader.join();
 }
 
-// Runs `child` in processes that are killed at their first, second, third... step, until one gets through.
+// Runs `child` in processes that are killed at their first, second, third, ... step, until one of them completes.
 void kill_at_every_step(const std::function<int()>& child, const std::function<void()>& look) {
   int outcome = 128 + SIGKILL;
   int steps = 0;
@@ -228,7 +228,7 @@ void kill_at_every_step(const std::function<int()>& child, const std::function<v
   EXPECT_GT(steps, 4);
 }
 
-TEST_F(LmdbFailingDisk, KilledAnywhereWhileItIsMadeLeavesARegistryOrNone) {
+TEST_F(LmdbFailingDisk, KilledAnywhereDuringCreationLeavesAWholeRegistryOrNone) {
   kill_at_every_step(
       [&] {
         std::shared_ptr<Store> store;
@@ -253,7 +253,7 @@ TEST_F(LmdbFailingDisk, KilledAnywhereInAWriteLeavesTheStateBeforeOrAfterIt) {
                      });
 }
 
-TEST_F(LmdbFailingDisk, WhateverIsMadeOnTheWayToAFreshRegistryIsMadeDurable) {
+TEST_F(LmdbFailingDisk, EverythingCreatedForAFreshRegistryIsMadeDurable) {
   options_.directory = directory_ / "above/further/registry";
   options_.create_parents = true;
   open_or_fail(options_);

@@ -53,7 +53,7 @@ void record_write(int file, std::size_t offset, std::string bytes) {
 
 }  // namespace
 
-// A program's symbols come before libc's, for LMDB too.
+// A program's symbols take precedence over libc's, for LMDB too.
 extern "C" {
 
 [[gnu::visibility("default")]] ssize_t pwrite(int file, const void* bytes, std::size_t size, off_t offset) {
@@ -82,7 +82,7 @@ namespace {
 
 constexpr int kWrites = 80;
 
-// All that a store holds, as one text.
+// Returns the whole contents of a store as one text.
 std::string contents(Store& store) {
   std::string text;
   const std::function<Status(View&, NodeId)> walk = [&](View& view, NodeId parent) {

@@ -1,4 +1,4 @@
-// Any bytes of any of these character sets through a session's conversion. The first byte chooses the set.
+// Converts any bytes from any of these character sets through a session. The first byte chooses the set.
 #include <cstdlib>
 #include <cstring>
 #include <memory>

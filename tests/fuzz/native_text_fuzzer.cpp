@@ -1,4 +1,5 @@
-// Any UTF-16 to the native character set, in buffers of every size. The first two bytes choose set and buffer.
+// Converts any UTF-16 to the native character set, in buffers of every size. The first two bytes choose the set and the
+// size.
 #include <cstdlib>
 #include <cstring>
 #include <memory>

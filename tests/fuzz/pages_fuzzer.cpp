@@ -1,6 +1,6 @@
-// Whatever a registry's file holds, opening it, looking it through, reading and writing end with an answer.
+// Whatever a registry's file contains, opening, checking, reading and writing it must return.
 //
-// The input is a list of patches to a sound file: page, offset within it, and the bytes that stand there instead.
+// The input is a list of patches to a sound file: page, offset within it, and the replacing bytes.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// Any bytes may stand where a record should: decoding them never does anything but accept or refuse.
+// Decoding accepts or refuses any bytes, and does nothing else.
 //
 // The input's first byte says what to make of the rest: as it is, or sealed with a right checksum, so that also what
 // lies behind the checksum is reached. What is accepted must encode to the very bytes that were decoded.

@@ -1,4 +1,4 @@
-// Any bytes through the decoder that every text to Java goes through.
+// Passes any bytes to the decoder that every text for Java goes through.
 #include <cstdlib>
 #include <cstring>
 #include <memory>

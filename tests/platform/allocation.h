@@ -1,5 +1,5 @@
-// A program's own allocation, which counts and can run out. Included by one source of a program, since what it defines
-// stands for all of the program.
+// Replaces the allocation functions of a test program: they count, and fail on demand. Only one source of a program may
+// include this header, since it defines functions for the whole program.
 #ifndef TKV_TESTS_PLATFORM_ALLOCATION_H
 #define TKV_TESTS_PLATFORM_ALLOCATION_H
 
@@ -17,7 +17,7 @@ thread_local long allocations_left = kEndless;  // in this thread; then std::bad
 
 }  // namespace tkv::test
 
-// Not inlined: the compiler takes an inlined pair of these for a mismatch.
+// Not inlined: the compiler would warn about a mismatched pair.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   tkv::test::allocations.fetch_add(1, std::memory_order_relaxed);
   if (tkv::test::allocations_left == 0) throw std::bad_alloc();

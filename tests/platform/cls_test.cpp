@@ -1,4 +1,4 @@
-// Cluster services: membership by configuration, patch level by the registry.
+// Cluster services: membership comes from the configuration, the patch level from the registry.
 #include "cls.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ TEST_F(Membership, FollowsTheLocationUnlessItIsSet) {
   }
 }
 
-TEST_F(Membership, FailureLeavesTheWord) {
+TEST_F(Membership, FailureLeavesTheWordUnchanged) {
   EXPECT_EQ(ask("[cluster]\nconfigured=perhaps\n"), PRTKV_INVALID_CONFIGURATION);
   std::remove(file_.c_str());
   EXPECT_EQ(clsugetconf(0, 0, &word_), PRTKV_CONFIGURATION_UNREADABLE);
@@ -89,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PatchCase{2, std::string("\x07\0\0\0", 4), -1}, PatchCase{5, std::string("7\0\0", 3), -1},
                       PatchCase{0, "7", -1}, PatchCase{0, "", 0}));
 
-TEST(PatchLevelKey, AbsentIsLevel0AlsoWhenItsParentsAre) {
+TEST(PatchLevelKey, AbsentMeansLevel0EvenWithoutItsParents) {
   Ground ground;
   const Context ctx(ground.as(person("bob")));
   for (const char* name : {"SYSTEM", "SYSTEM.version", "SYSTEM.version.patch"}) {

@@ -1,4 +1,4 @@
-// What the store for etcd is opened with. Loads a double of its module, so it is a program of its own.
+// The options with which the store for etcd is opened. A program of its own, since it loads a double of the module.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

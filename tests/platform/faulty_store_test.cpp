@@ -1,4 +1,4 @@
-// The doubles that tests of the registry client stand on do what their headers say.
+// The doubles that the tests of the registry client use do what their headers say.
 #include "faulty_store.h"
 
 #include <gtest/gtest.h>

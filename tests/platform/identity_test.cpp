@@ -132,7 +132,7 @@ TEST(Identity, OfThisProcessHasTheUserThatRunsTheTest) {
   EXPECT_FALSE(identity.groups.empty());
 }
 
-// Runs in a child with other ids, which returns its identity through a pipe.
+// Runs in a child process with other ids, which returns its identity through a pipe.
 TEST(Identity, IsTheEffectiveOneNotTheRealOne) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can take other ids";
   int ends[2];

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-// The JVM maps and protects pages as it likes and uses the signal itself; what it keeps until its end is no leak.
+// The JVM uses SIGSEGV itself, and what it keeps until the process ends is not a leak.
 extern "C" __attribute__((visibility("default"), used)) const char* __asan_default_options() {
   return "handle_segv=0:allow_user_segv_handler=1:detect_leaks=0";
 }

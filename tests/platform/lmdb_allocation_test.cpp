@@ -1,4 +1,4 @@
-// Reading allocates nothing: a read transaction, a find and a value of up to 1 KiB touch no heap.
+// Reading allocates nothing: neither a read transaction, nor a lookup, nor a value of up to 1 KiB.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -23,7 +23,7 @@ void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 
-// In place of libc's, also for LMDB, since the program's symbols come first.
+// Replace libc's functions, for LMDB as well, since the program's symbols take precedence.
 [[gnu::visibility("default")]] void* malloc(std::size_t size) {
   ++allocations;
   return __libc_malloc(size);
@@ -38,7 +38,7 @@ void* __libc_realloc(void* block, std::size_t size);
 }
 }
 #else
-// A sanitizer has a malloc of its own, which must stay, and tells of what it gives.
+// A sanitizer has a malloc of its own, which must not be replaced; it offers a hook instead.
 [[maybe_unused]] const int hooked = __sanitizer_install_malloc_and_free_hooks(
     [](const volatile void*, std::size_t) { ++allocations; }, [](const volatile void*) {});
 #endif

@@ -140,7 +140,7 @@ TEST_F(LmdbGroup, SharesDirectoryAndFilesWhateverTheUmask) {
   expect_shared();
 }
 
-TEST_F(LmdbGroup, ARegistryOfTheOwnerAloneIsNotSharedBehindHisBack) {
+TEST_F(LmdbGroup, AnOwnersPrivateRegistryIsNotSharedUnasked) {
   ASSERT_TRUE(open(registry_).ok());
   const gid_t owner = group_of(registry_ + "/data.mdb");
   std::shared_ptr<Store> store;
@@ -175,7 +175,7 @@ TEST_F(LmdbGroup, ADirectoryWithoutTheStickyBitGetsIt) {
   expect_shared();
 }
 
-TEST_F(LmdbGroup, AFileThatAMemberMovedHereKeepsItsModeAndGroup) {
+TEST_F(LmdbGroup, AFileThatAMemberMovedIntoTheDirectoryKeepsItsModeAndGroup) {
   open_or_fail(options_);
   for (const char* name : {"/data.mdb", "/lock.mdb"}) {
     SCOPED_TRACE(name);

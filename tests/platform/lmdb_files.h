@@ -1,4 +1,4 @@
-// Access to the files of an embedded registry from behind its back, and to the registry from other processes.
+// Access to the files of an embedded registry without the store, and to the registry from other processes.
 #ifndef TKV_TESTS_PLATFORM_LMDB_FILES_H
 #define TKV_TESTS_PLATFORM_LMDB_FILES_H
 

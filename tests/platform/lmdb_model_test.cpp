@@ -1,4 +1,4 @@
-// Random updates, made to the embedded store and to the one in memory: both must stay the same.
+// Makes random updates to the embedded store and to the one in memory: the two must stay equal.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -13,7 +13,7 @@
 namespace tkv::store {
 namespace {
 
-// One random update, the same whenever it is made from the same seed on the same state. Appends what it found.
+// Makes one random update, which depends only on the seed and the state. Appends what it read.
 class RandomUpdate {
  public:
   RandomUpdate(unsigned seed, std::string* trace) : random_(seed), trace_(*trace) {}
@@ -34,7 +34,7 @@ class RandomUpdate {
     return std::string(static_cast<std::size_t>(1 + below(3) * below(80)), 'a') + std::to_string(below(60));
   }
 
-  // A node some way down from the root.
+  // Returns a node at a random depth.
   Node some_node(Update& update, NodeId* parent, std::string* name) {
     Node node;
     EXPECT_TRUE(update.find(kNoNode, "", &node).ok());
@@ -117,7 +117,7 @@ class RandomUpdate {
   std::string& trace_;
 };
 
-// All that a store holds, as one text.
+// Returns the whole contents of a store as one text.
 std::string contents(Store& store) {
   std::string text;
   const Status status = store.read_all([&](View& view) -> Status {

@@ -65,7 +65,7 @@ class PageBuilder {
   std::vector<std::string> nodes_;
 };
 
-// What is wrong with a page, or "".
+// Returns what is wrong with a page, or "".
 std::string defect_of(const std::string& bytes, std::uint16_t kind, Page::Keys keys = Page::Keys::kBytes) {
   Page page;
   PageDefect defect = page.open(bytes_of(bytes).data(), bytes.size(), kNumber, kind);

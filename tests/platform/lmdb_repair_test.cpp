@@ -1,4 +1,4 @@
-// After any damage to records, a check, a repair and writing anew what was lost make a registry that is sound again.
+// After any damage to records, a check, a repair and a restore of what was lost make the registry sound again.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -33,7 +33,7 @@ Status write_value(Update& update, NodeId id, const std::string& text) {
   return update.set_value(id, text.empty() ? 0 : 3, std::as_bytes(std::span(text)));
 }
 
-// Makes what is below a node what was saved. Keys that are damaged are made anew.
+// Restores everything below a node to what was saved. Damaged keys are replaced.
 Status restore_below(Update& update, NodeId parent, const SavedNode& saved) {
   if (Status status = write_value(update, parent, saved.value); !status.ok()) return status;
   for (const auto& [name, child] : saved.children) {

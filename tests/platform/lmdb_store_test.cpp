@@ -143,7 +143,7 @@ TEST_F(Lmdb, AFileThatWasReplacedUnderAnOpenStoreIsRefused) {
       << status.text();
 }
 
-// What may happen to the files of an open registry. The session must not acknowledge a write afterwards.
+// Things that can happen to the files of an open registry. Afterwards, the session must not acknowledge a write.
 const std::pair<const char*, std::function<void(const std::string&)>> kReplacements[] = {
     {"the data file replaced by a rename",
      [](const std::string& directory) {
@@ -288,7 +288,7 @@ TEST_F(Lmdb, AForkedChildMustOpenTheStoreAgain) {
   EXPECT_EQ(text_of(*store, kRootNode), "parent again");
 }
 
-TEST_F(Lmdb, AForkInTheMiddleOfAReadLeavesTheParentsReadAlone) {
+TEST_F(Lmdb, AForkInTheMiddleOfAReadDoesNotDisturbTheParentsRead) {
   const auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
   const pid_t parent = getpid();
@@ -299,7 +299,7 @@ TEST_F(Lmdb, AForkInTheMiddleOfAReadLeavesTheParentsReadAlone) {
     if (child == 0) return {};  // ends the transaction that it inherited
     int ended = 0;
     EXPECT_EQ(waitpid(child, &ended, 0), child);
-    // If this reader had lost its slot, another process would now overwrite the pages it reads.
+    // If this reader had lost its slot, another process would now overwrite the pages that it reads.
     const auto overwrite = [&] {
       const auto own = open();
       for (int i = 0; i < 20; ++i)
@@ -499,7 +499,7 @@ TEST_F(LmdbGrowth, OneWriteMayNeedTheMapToGrowManyTimes) {
   EXPECT_EQ(expect_sound(*store).values, 100u);
 }
 
-TEST_F(LmdbGrowth, ReadersAndTheirThreadsGoOnWhileTheMapGrows) {
+TEST_F(LmdbGrowth, ReadersContinueWhileTheMapGrows) {
   const auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "constant").ok());
   std::atomic<bool> stop{false};
@@ -997,7 +997,7 @@ TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {
   }
 }
 
-// Ways to spoil a page of 4096 bytes.
+// Ways to damage a page of 4096 bytes.
 const std::pair<const char*, std::function<void(std::string*)>> kSpoilers[] = {
     {"zeroes", [](std::string* page) { page->assign(page->size(), '\0'); }},
     {"ones", [](std::string* page) { page->assign(page->size(), '\xff'); }},
@@ -1032,7 +1032,7 @@ const std::pair<const char*, std::function<void(std::string*)>> kSpoilers[] = {
 
 class LmdbPages : public LmdbDamage {
  protected:
-  // Reads and writes wherever it can. False when something was found to be damaged.
+  // Reads and writes everything that it can. Returns false if damage was found.
   bool use_all_of_it() {
     std::shared_ptr<Store> store;
     if (!open_lmdb_store(options_, &store).ok()) return false;

@@ -1,4 +1,4 @@
-// Writers on one node wait for each other with a deadline, and learn for whom.
+// Writers on one node wait for each other with a deadline, and are told for whom they wait.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -22,7 +22,7 @@ class LmdbWriters : public ::testing::Test {
  protected:
   LmdbWriters() { options_.directory = temporary_ / "registry"; }
 
-  // Writes "child", and stops in the middle of it.
+  // Writes "child", and stops in the middle of the write.
   int stop_while_writing() const {
     const auto store = open_or_fail(options_);
     const Status status = store->write([](Update& update) -> Status {
@@ -58,7 +58,7 @@ TEST_F(LmdbWriters, AWriterBehindAStoppedOneGivesUpAndNamesIt) {
   EXPECT_TRUE(set_text(*store, kRootNode, "parent").ok());
 }
 
-TEST_F(LmdbWriters, AWriterThatWaitsIsToldForWhomOnce) {
+TEST_F(LmdbWriters, AWaitingWriterIsToldOnceForWhomItWaits) {
   ChildProcess writer([&] { return stop_while_writing(); });
   writer.wait_until_stopped();
   std::vector<std::string> messages;

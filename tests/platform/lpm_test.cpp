@@ -235,7 +235,7 @@ TEST(MemoryContext, HoldsNoMoreAfterManyRoundsThanAfterAFew) {
     std::vector<void*> blocks;
     for (const std::size_t size : sizes) blocks.push_back(context.take(size));
     for (void* block : blocks) context.give_back(block);
-    // By then every class has as many blocks resting as it ever will.
+    // By then, each class has its maximum of resting blocks.
     if (round == 10) held = context.held_bytes();
     ASSERT_TRUE(round <= 10 || context.held_bytes() == held) << round;
   }

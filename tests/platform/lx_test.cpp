@@ -78,13 +78,13 @@ class Handle {
   std::int32_t measure(std::string_view text) const { return convert(text, nullptr, 0); }
 
   std::int32_t convert(std::string_view text, std::uint16_t* to, std::uint32_t capacity) const {
-    // A copy of exactly the text's size, so that a look past its end is one past its allocation.
+    // A copy of exactly the text's size, so that a sanitizer detects a read past its end.
     const auto exact = std::make_unique<char[]>(text.size());
     text.copy(exact.get(), text.size());
     return lxgt2u(to, capacity, exact.get(), charset(), static_cast<std::uint32_t>(text.size()), 0, handle_);
   }
 
-  // The text in UTF-16; nothing when it cannot be converted.
+  // Returns the text in UTF-16, or nothing if it cannot be converted.
   std::optional<std::u16string> decode(std::string_view text) const {
     const std::int32_t needed = measure(text);
     if (needed < 0) return std::nullopt;
@@ -183,7 +183,7 @@ TEST(LxCharset, IsTheSameOneUnderEverySpelling) {
   EXPECT_NE(Charset::find("ISO-8859-1"), Charset::find("ISO-8859-11"));
 }
 
-// Of Turkish letters, the capital of "i" is another one than "I".
+// In Turkish, the capital of "i" is not "I".
 TEST(LxCharset, IsTheSameOneWhateverTheGlobalLocale) {
   const tkv::TemporaryDirectory locales;
   const std::string locale = locales / "tr_TR.ISO-8859-9";
@@ -208,7 +208,7 @@ TEST(LxCharset, RefusesNamesThatAreNone) {
   EXPECT_EQ(Charset::find(std::string(1000, 'U')), nullptr);
 }
 
-TEST(LxCharset, EncodesWhatItHasAndRefusesWhatItHasNot) {
+TEST(LxCharset, EncodesItsCharactersAndRefusesOthers) {
   const struct {
     const char* charset;
     std::u16string text;
@@ -275,7 +275,7 @@ TEST(Lx, SaysWhetherCharactersMayTakeMoreThanOneByte) {
   }
 }
 
-TEST(Lx, TellsWhyItCannotStart) {
+TEST(Lx, ReportsWhyItCannotStart) {
   Environment environment;
   std::uint32_t error = 99;
   EXPECT_NE(lxlinit(nullptr, 1, &error), nullptr);

@@ -1,5 +1,5 @@
-// MemoryStore: a store in memory, for tests of what stands on a store. It keeps the whole contract of store.h but
-// outlasting the process; a write copies the state, so it is for small trees.
+// MemoryStore: a store in memory, for tests of the code above a store. It fulfils the contract of store.h, except that
+// nothing outlasts the process. A write copies the state, so it is for small trees.
 #ifndef TKV_TESTS_PLATFORM_MEMORY_STORE_H
 #define TKV_TESTS_PLATFORM_MEMORY_STORE_H
 

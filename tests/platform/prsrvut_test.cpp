@@ -26,7 +26,7 @@ using testing::HasSubstr;
 using testing::Not;
 using tkv::test::JavaVm;
 
-// Puts functions of the test's in the place of some of the JVM's, for this thread and scope.
+// Replaces some of the JVM's functions by functions of the test, for this thread and scope.
 class ReplacedFunctions {
  public:
   explicit ReplacedFunctions(JNIEnv* env) : env_(env), original_(env->functions), table_(*env->functions) {
@@ -42,7 +42,7 @@ class ReplacedFunctions {
 
   JNINativeInterface_& table() { return table_; }
 
-  // Counts every call in place of making it.
+  // Counts every call instead of making it.
   void replace_all() {
     auto* slots = reinterpret_cast<void**>(&table_);
     for (std::size_t index = 0; index < sizeof(table_) / sizeof(*slots); ++index) {
@@ -144,7 +144,7 @@ class Prsrvut : public testing::Test {
     return copy;
   }
 
-  // What was reported to a result object, each report set off by "|".
+  // What was reported to a result object, separated by "|".
   std::string reports(jobject result) {
     jclass type = env_->GetObjectClass(result);
     auto text = static_cast<jstring>(
@@ -158,7 +158,7 @@ class Prsrvut : public testing::Test {
     return env_->NewString(units.data(), static_cast<jsize>(units.size()));
   }
 
-  // Takes the pending exception and gives its class and message.
+  // Clears the pending exception and returns its class and message.
   std::string take_exception() {
     jthrowable exception = env_->ExceptionOccurred();
     if (exception == nullptr) return "none";
@@ -419,7 +419,7 @@ TEST_F(OwnSetters, KeepAnExceptionPending) {
 }
 
 TEST_F(OwnSetters, AreCalledIfTheClassLacksAFieldOrASetter) {
-  // The classes were reported to before: what is remembered of them is forgotten with the library.
+  // Unloading the library forgets what it remembered of the classes that were reported to before.
   JNI_OnUnload(JavaVm::instance().vm(), nullptr);
   static bool hides_field = false;
   for (const bool hides : {true, false}) {
@@ -674,7 +674,7 @@ TEST_F(Prsrvut, MakesAStringOfAnyBytes) {
       {std::string(3000, '\xE9'), std::u16string(3000, u'\uFFFD')},
   };
   for (const auto& row : kRows) {
-    // In an allocation of exactly its size, so that a look past the end is one past the allocation.
+    // In an allocation of exactly its size, so that a sanitizer detects a read past its end.
     const auto exact = std::make_unique<char[]>(row.bytes.size() + 1);
     std::memcpy(exact.get(), row.bytes.c_str(), row.bytes.size() + 1);
     EXPECT_EQ(units_of(prsrvut_NewStringUTF(env_, exact.get())), row.units) << testing::PrintToString(row.bytes);
@@ -930,7 +930,7 @@ TEST_F(Prsrvut, ServesThreadsAtOnce) {
 }
 
 TEST_F(Prsrvut, ChecksSeeWhatIsWrong) {
-  // The other tests rely on the JVM telling: here it has something to tell.
+  // The other tests rely on the JVM's warnings; this one makes sure that there are any.
   jclass type = class_of("results/Recorder");
   jobject result = make("results/Recorder");
   jmethodID method = env_->GetMethodID(type, "setStatus", "(Z)V");

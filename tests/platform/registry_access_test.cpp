@@ -1,4 +1,4 @@
-// Who somebody is, and what a key grants him.
+// Identities, and the rights that a key grants them.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -63,7 +63,7 @@ TEST(Security, MasksOutsideTheSixRightsAreRefused) {
   EXPECT_EQ(check_security(owned_by("", "", 0, 0, 0x80)).code(), PRTKV_INVALID_ARGUMENT);
 }
 
-TEST(Security, TidiedRecordHoldsNothingBehindItsNames) {
+TEST(Security, ANormalizedRecordHasZerosAfterItsNames) {
   sec_attr untidy{};
   std::memset(&untidy, 'z', sizeof untidy);
   untidy.user_perm = 1;

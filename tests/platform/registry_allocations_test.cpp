@@ -1,4 +1,4 @@
-// How often the heap is asked on the way of a read, counted.
+// Counts the allocations of a read.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,4 +1,4 @@
-// The client's operations as its callers see them, on a store in memory that runs each function twice.
+// The client's operations as callers see them, on a store in memory that runs each function twice.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -508,7 +508,7 @@ TEST_F(ClientTest, CheckCountsASoundRegistry) {
   EXPECT_THAT(result.damages, IsEmpty());
 }
 
-// Leaves a node below no other, a value without a node, and a second node with the id of "a.b".
+// Writes a node whose parent does not exist, a value without a node, and a second node with the id of "a.b".
 void damage(const Ground& ground) {
   const Status status = ground.store->write([](store::Update& update) -> Status {
     store::Node a;

@@ -1,4 +1,4 @@
-// The configuration file: what is understood, and what each mistake gets.
+// The configuration file: what is accepted, and the message for each error.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -44,7 +44,7 @@ class ConfigurationFile : public ::testing::Test {
 
   Status read() { return Configuration::read(&configuration_, surroundings()); }
 
-  // Reads `text` and gives the setting of a name, "value from origin" with the file called F.
+  // Reads `text` and returns a setting as "value from origin", with F for the name of the file.
   std::string setting(const std::string& name) {
     for (const Setting& setting : configuration_.settings) {
       if (setting.name == name) return shortened(setting.value + " from " + setting.origin);
@@ -105,7 +105,7 @@ TEST_F(ConfigurationFile, TheSystemsRecordsStandForAMissingHome) {
   EXPECT_THAT(configuration_.locations, ElementsAre("/srv/alice/.local/state/tkv"));
 }
 
-// The exit code of a child that runs `check` as another user than root, without $HOME.
+// Runs `check` in a child process, as a user other than root, without $HOME. Returns its exit code.
 int in_child_without_home(const std::function<bool()>& check) {
   const pid_t child = fork();
   if (child == 0) {

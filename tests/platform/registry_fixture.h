@@ -1,4 +1,4 @@
-// What the tests of the registry client stand on: identities made up, trees made quickly, sessions on any store.
+// What the tests of the registry client are built on: invented identities, quickly made trees, sessions on any store.
 #ifndef TKV_TESTS_PLATFORM_REGISTRY_FIXTURE_H
 #define TKV_TESTS_PLATFORM_REGISTRY_FIXTURE_H
 
@@ -20,7 +20,7 @@
 
 namespace tkv {
 
-// Failures of EXPECT_EQ(status, ...) are read by people.
+// Prints a status in the message of a failed EXPECT_EQ.
 inline void PrintTo(const Status& status, std::ostream* out) { *out << status.code() << " (" << status.text() << ")"; }
 
 namespace registry {
@@ -94,7 +94,7 @@ class BareTree {
   Identity identity_;
 };
 
-// A store in memory with what fails on demand around it, whose root everybody may use in every way.
+// A store in memory that fails on demand, and whose root grants everybody all rights.
 struct Ground {
   std::shared_ptr<store::FaultyStore> store =
       std::make_shared<store::FaultyStore>(std::make_shared<store::MemoryStore>(open_to_all()));

@@ -1,4 +1,4 @@
-// Names: what is one, and what its parts are.
+// Names: which are valid, and their parts.
 #include <gtest/gtest.h>
 
 #include <string>

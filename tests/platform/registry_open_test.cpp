@@ -1,4 +1,4 @@
-// Opening the configured registry, and what can be asked of the configuration without one.
+// Opening the configured registry, and questions about the configuration that need no registry.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -30,7 +30,7 @@ class OpenRegistry : public ::testing::Test {
 
   void configure(const std::string& text) { std::ofstream(file_) << text; }
 
-  // Opens a session: its code, and the text into text_.
+  // Opens a session. Returns the code and sets text_ to the message.
   int32_t init(int32_t level = 0, std::uint32_t flags = 0) {
     std::vector<char> text(PRTKV_ERROR_TEXT_SIZE, 'z');
     std::uint64_t size = text.size();

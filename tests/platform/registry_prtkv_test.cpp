@@ -41,7 +41,7 @@ class Prtkv : public ::testing::Test {
     return prtkv_set_value(ctx_, key, PRTKV_TYPE_TEXT, text.data(), static_cast<std::uint32_t>(text.size()));
   }
 
-  // What every operation on an open key answers.
+  // The results of all operations on an open key.
   std::set<int32_t> answers(prtkv_ctx ctx, prtkv_key key) {
     char name[PRTKV_SUBKEY_NAME_SIZE];
     std::uint32_t size = sizeof name;
@@ -449,7 +449,7 @@ Subkey next(prtkv_ctx ctx, prtkv_key key, std::uint32_t capacity = PRTKV_SUBKEY_
   return subkey;
 }
 
-TEST_F(Prtkv, SubkeysComeInByteOrderWithTheirCountAnd16EverAfter) {
+TEST_F(Prtkv, SubkeysComeInByteOrderWithTheirCountAndThenNoMoreSubkeys) {
   ground_.make("a");
   for (const char* name : {"a.b", "a.B", "a.\xc3\xa9", "a.a-"}) ground_.make(name);
   const prtkv_key key = ctx_.open("a");

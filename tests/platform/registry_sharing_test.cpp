@@ -1,4 +1,4 @@
-// One registry, many users at once: threads on one session, sessions on one store, processes on one directory.
+// Concurrent use of one registry: threads of one session, sessions on one store, processes on one directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -74,7 +74,7 @@ TEST(Sharing, ThreadsThatDoNotSerialiseOnOneSessionLoseNothing) {
   EXPECT_EQ(remaining + 1, kThreads * kKeys * 4 / 5);
 }
 
-TEST(Sharing, SessionThatEndsUnderOtherThreadsAnswers3) {
+TEST(Sharing, ASessionThatEndsUnderOtherThreadsYieldsInvalidHandle) {
   Ground ground;
   ground.make("a", open_to_all(), "v");
   for (int round = 0; round < 20; ++round) {
@@ -147,7 +147,7 @@ TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
   EXPECT_EQ(wrong.load(), 0);
 }
 
-// Writes `count` keys of its own and adds `count` to a counter that it shares, through the C functions. 0 for success.
+// Writes `count` keys through the C functions. Returns 0 for success.
 int write_as_a_process(int number, int count) {
   prtkv_ctx ctx = 0;
   char text[PRTKV_ERROR_TEXT_SIZE];

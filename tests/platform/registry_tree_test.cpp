@@ -1,4 +1,4 @@
-// The tree of keys: what each operation does, needs and answers, and what is left when the store fails.
+// The tree of keys: what each operation does, needs and returns, and what remains when the store fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -169,7 +169,7 @@ TEST_F(Tree, KeysThatHangBelowThemselvesEndAWalkAsDamaged) {
   EXPECT_EQ(write([](Writer& tree) { return tree.copy("a", "c", copying(true, false)); }).code(), PRTKV_INVALID_NAME);
 }
 
-TEST_F(Tree, AWriterTellsHowManyKeysItHasDoneSoFar) {
+TEST_F(Tree, AWriterReportsHowManyKeysItHasProcessed) {
   for (const char* name : {"a", "a.b", "a.b.c", "d"}) ground_.make(name);
   std::vector<std::uint64_t> seen;
   const auto collect = [&](std::uint64_t keys) { seen.push_back(keys); };
@@ -613,7 +613,7 @@ TEST(TreeFaults, OperationsSetTheirResultsAnewWhenTheStoreRunsThemTwice) {
   EXPECT_THAT(ground.everything(), ElementsAre("z", "z.a", "z.a.b=3:v", "z.b=3:v"));
 }
 
-TEST(Cache, AnswersWhileTheStructureStandsAndForgetsAfterAMove) {
+TEST(Cache, AnswersWhileTheStructureIsUnchangedAndForgetsAfterAMove) {
   Ground ground;
   ground.make("a");
   ground.make("a.b");

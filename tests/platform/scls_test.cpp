@@ -109,7 +109,7 @@ TEST_F(Scls, AsksAgainWithLargerBuffersAndWhenInterrupted) {
   EXPECT_STREQ(name_, "carla");
 }
 
-TEST_F(Scls, GivesUpOnAnEntryThatNoBufferHolds) {
+TEST_F(Scls, FailsForAnEntryThatNoBufferHolds) {
   answers.needed = SIZE_MAX;
   EXPECT_EQ(user(), SCLS_SYSTEM_FAILED);
   EXPECT_EQ(error_.system_errno, ERANGE);

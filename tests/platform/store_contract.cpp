@@ -386,7 +386,7 @@ TEST_P(StoreContract, ANodeThatTakesThePlaceOfItsParentKeepsItsSubtree) {
   set_value(above, 3, "of the parent");
   set_value(other, 3, "of its other child");
   set_value(child, 3, "below the moved");
-  // The registry client refuses this, since it deletes the other children; a store does as it is told.
+  // The registry client refuses this, since it deletes the other children; a store does not.
   EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
     Node node;
     if (Status status = update.find(above, "moved", &node); !status.ok()) return status;
@@ -424,7 +424,7 @@ TEST_P(StoreContract, ADiscardedSubtreeLeavesNothing) {
   EXPECT_EQ(found.value_bytes, 4u);
 }
 
-TEST_P(StoreContract, ASubtreeCanBeBuiltBottomSideFirst) {
+TEST_P(StoreContract, ASubtreeCanBeBuiltBottomUp) {
   NodeId top = kNoNode;
   NodeId child = kNoNode;
   EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
@@ -577,7 +577,7 @@ TEST_P(StoreContract, AReadGivesBackWhatItsFunctionReturned) {
   }
 }
 
-// A store that cannot tell says 0, and never anything else.
+// A store that cannot tell always returns 0.
 TEST_P(StoreContract, TheStructureNumberChangesWhenANodeIsRemovedOrMoved) {
   const auto structure = [&] {
     std::uint64_t number = 0;

@@ -32,18 +32,18 @@ class StoreFactory {
 
 using MakeStoreFactory = std::unique_ptr<StoreFactory> (*)();
 
-// A record in which every byte is told from its neighbours.
+// A record in which each byte differs from its neighbours.
 sec_attr distinct_security(int seed);
 
 class StoreContract : public ::testing::TestWithParam<MakeStoreFactory> {
  protected:
   void SetUp() override;
 
-  // Each makes one node or value in a write of its own, and fails the test when that fails.
+  // Each makes one node or value in a write of its own, and fails the test if that fails.
   NodeId add(NodeId parent, std::string_view name, int security_seed = 0);
   void set_value(NodeId id, std::int32_t type, std::string_view bytes);
 
-  // What a read of its own finds. kNoNode when there is no such node.
+  // Reads in a transaction of its own. Returns kNoNode if there is no such node.
   NodeId id_of(NodeId parent, std::string_view name);
   std::string value_of(NodeId id, std::int32_t* type = nullptr);
   std::string names_below(NodeId parent);  // "a b c"

@@ -1,4 +1,4 @@
-// The table of store kinds, and each row on the way from configured texts to what its store is opened with.
+// The table of store kinds, and how each row turns configured texts into the options of its store.
 #include "store/store_kinds.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
-// A fresh directory, gone with all its contents at the end of its life: below $TMPDIR, or for tests that write much and
-// need no disk for it, in memory where there is room.
+// A fresh directory, removed with its contents when the object is destroyed: below $TMPDIR or, for tests that write
+// much and need no disk, in memory if there is room.
 #ifndef TKV_TESTS_PLATFORM_TEMPORARY_DIRECTORY_H
 #define TKV_TESTS_PLATFORM_TEMPORARY_DIRECTORY_H
 
