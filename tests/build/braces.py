@@ -13,12 +13,12 @@ TEXT = re.compile(r'"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])+\'|//.*')
 
 
 def blank(line):
-    """The line with its texts and comments blanked, so that what is left are the language's own signs."""
+    """The line with its strings and comments blanked, so that only the punctuation of the language is left."""
     return TEXT.sub(lambda match: "_" * len(match.group()), line)
 
 
 def condition_end(lines, first):
-    """The line and column behind the parenthesis that closes the condition of the `if` in line `first`."""
+    """The line and column after the parenthesis that closes the condition of the `if` in line `first`."""
     depth = 0
     for number in range(first, len(lines)):
         for column, sign in enumerate(blank(lines[number])):

@@ -15,7 +15,7 @@ EXEMPT = {"Registry"}  # the Java API
 
 FOLDERS = ["framework", "platform", "tools", "java/src"]
 SUFFIXES = {".h", ".cpp", ".java"}
-# What may contain braces and parentheses that are none: comments, texts and characters, preprocessor lines.
+# What may contain braces and parentheses that do not count: comments, strings, characters, preprocessor lines.
 NOISE = re.compile(r"""//[^\n]* | /\*.*?\*/ | R"\(.*?\)" | "(?:\\.|[^"\\\n])*" | (?<!\w)'(?:\\.|[^'\\\n])+'
                        | ^[ \t]*\#(?:[^\n\\]|\\.)*""", re.DOTALL | re.MULTILINE | re.VERBOSE)
 CLASS = re.compile(r"""(?<!<)(?<!,\ )\b(?:enum\s+class|class|struct|interface|enum|record)\s+(?:\[\[\w+\]\]\s*)?(\w+)

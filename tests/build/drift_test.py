@@ -13,7 +13,7 @@ del sys.argv[1:5]
 
 CLASS = "velmar/qen/mgmt/nativesystem/TKVNative"
 DECLARATION = re.compile(r"([\w ]+?[ *]+)(Java_\w+)\s*\(([^)]*)\)\s*;")
-# What stands before a type and says nothing about it.
+# Words before a type that are not part of it.
 ATTRIBUTE = re.compile(r"__attribute__\s*\(\(.*?\)\)|\bextern\b|\"C\"")
 
 

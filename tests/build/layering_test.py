@@ -30,8 +30,7 @@ LAYERS = {
     "tools/tkv": ["platform/if", "platform/base", "platform/registry"],
 }
 
-# Headers of a lower folder that an upper one may include, where these are not all: its interface, not what it is made
-# of.
+# For some pairs of layers, the only headers of the lower one that the upper one may include: its interface.
 FACES = {
     ("platform/registry", "platform/store"): {"store.h", "store_kinds.h", "setting_values.h"},
     ("platform/store", "platform/store/lmdb"): {"kind.h"},

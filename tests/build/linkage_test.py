@@ -1,4 +1,4 @@
-"""What the bridge asks of others, and what libtkv.so shows and needs."""
+"""The symbols that the bridge needs, and those that libtkv.so exports and needs."""
 import platform
 import re
 import subprocess
@@ -9,8 +9,7 @@ BRIDGE, LIBRARY, HEADER, FORTIFIED = sys.argv[1:5]
 SHIPPED = sys.argv[5:]
 del sys.argv[1:]
 
-# Every function of the platform's interface. A site may put its own in their place, so that the bridge must need
-# these and no others.
+# Every function of the platform's interface. A site may supply its own, so the bridge must need these and no others.
 PLATFORM = set("""
     prsrvut_setStatus prsrvut_setBooleanResult prsrvut_callMethod prsrvut_trace prsrvut_isDebugOn prsrvut_NewStringUTF
     prsrvut_NewString prsrvut_FindClass prsrvut_NewObjectArray prsrvut_getNativeString

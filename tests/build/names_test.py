@@ -1,4 +1,4 @@
-"""A file name says what is in the file; none is called after a drawer that everything fits in."""
+"""A file name says what is in the file; none is a catch-all such as "util"."""
 import pathlib
 import re
 import subprocess

@@ -66,7 +66,7 @@ class Tree(unittest.TestCase):
         self.assertIn("record_test", self.run_here(CMAKE, "--build", "alone", "--target", "help"))
 
     def test_in_another_project_it_serves_that_projects_program(self):
-        # No optimisation: what counts here is that it builds.
+        # Not optimised: this test is only about whether it builds.
         self.configure(".", "build", "-DTKV_ETCD=OFF")
         self.assertNotIn("record_test", self.run_here(CMAKE, "--build", "build", "--target", "help"))
         self.run_here(CMAKE, "--build", "build", "--parallel", "2", "--target", "consumer", "tkv_jar", "tkv_manuals")

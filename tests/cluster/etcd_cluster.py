@@ -276,7 +276,7 @@ def main():
     options = parser.parse_args()
     if shutil.which("etcd") is None:
         sys.exit("etcd is missing: install the Debian packages etcd-server and etcd-client")
-    # Ctrl-C reaches the caller as well, whose end is then the end of the cluster.
+    # Ctrl-C reaches the caller as well, whose end then ends the cluster.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     for each in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(each, lambda *_: sys.exit(1))

@@ -1,4 +1,4 @@
-"""The launcher of etcd clusters: what it starts is the caller's alone, and nothing of it outlives the caller."""
+"""The launcher of etcd clusters: each cluster belongs to one caller, and none outlives its caller."""
 import os
 import pathlib
 import signal
@@ -129,7 +129,7 @@ class ClusterTest(unittest.TestCase):
         launcher.stdout.close()
         self.assertEqual(list(self.place.iterdir()), [])
 
-    def test_the_members_end_with_a_launcher_that_was_killed(self):
+    def test_the_members_end_when_the_launcher_is_killed(self):
         cluster = self.cluster(2)
         pids = self.pids(cluster)
         cluster.launcher.send_signal(signal.SIGKILL)

@@ -7,7 +7,7 @@ source=$root/tests/install
 unset DESTDIR LD_LIBRARY_PATH
 
 work=$(mktemp -d)
-# What was installed from this build in earnest must stay removable.
+# The manifest of a real installation from this build is kept, so that it can still be removed.
 manifests=("$build"/install_manifest*.txt)
 [ ! -e "${manifests[0]}" ] || mv "${manifests[@]}" "$work"
 end() {
@@ -42,7 +42,7 @@ mkdir "$work/registry"
 printf '[registry]\nlocation = %s\n' "$work/registry" >"$work/tkv.conf"
 export TKV_CONF=$work/tkv.conf
 
-# Neither program is told where the library is: they find it where it was when they were linked.
+# Neither program is told where the library is: they find it where it was linked from.
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 cc "$source/consumer.c" $(pkg-config --cflags --libs tkv) -o "$work/consumer"
 [ "$("$work/consumer")" = "hello 3 6" ] || fail "the C program built with pkg-config"
@@ -65,7 +65,7 @@ done
 [ "$("$java_home/bin/java" -Dtkv.library.path="$libdir" -cp "$prefix/share/java/tkv.jar:$work/classes" Consumer)" = hello ] ||
   fail "Java, installed library"
 
-# Debug information, on request, is where each stripped file says it is. Twice: the second time replaces the first.
+# Debug information is installed on request, where each stripped file expects it. The second time replaces the first.
 quietly "$cmake" --install "$build" --component debug --prefix "$prefix"
 quietly "$cmake" --install "$build" --component debug --prefix "$prefix"
 for file in "$prefix/bin/tkv" "$libdir/libtkv.so" "$libdir/libprtkv.so.1"; do

@@ -1,4 +1,4 @@
-"""Does what README.md and docs/java.md show, block by block, and compares what is printed with what they say.
+"""Runs what README.md and docs/java.md show, block by block, and compares the output with what they show.
 
 The test prepares nothing that a reader does not have: a machine with TKV installed and without a registry. The build's
 own files stand in for the installed ones; programs are run twice.
@@ -30,7 +30,7 @@ public final class Tutorial {{
 
 
 def blocks(document):
-    """The blocks of a document: what the comment above it calls it, a file's name, the language, and the text."""
+    """The blocks of a document: the kind that the comment above names, a file's name, the language, and the text."""
     return BLOCK.findall((ROOT / document).read_text(encoding="utf-8"))
 
 
@@ -56,7 +56,7 @@ class Documents(unittest.TestCase):
         return done.stdout
 
     def run_console(self, text):
-        """Lines that begin with $ are run; those below each are what it prints."""
+        """Runs the lines that begin with $; the lines below each are its expected output."""
         for line, printed in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):
             self.assertEqual(self.run_line(line), printed, line)
 
@@ -66,7 +66,7 @@ class Documents(unittest.TestCase):
         return self.run_line(f"java -cp {INSTALLED_JAR} Tutorial.java")
 
     def follow(self, document):
-        """Follows a document from its beginning to its end, and gives the snippets with what each has printed."""
+        """Runs a document from beginning to end, and returns the snippets with the output of each."""
         snippets = []
         for kind, name, language, text in blocks(document):
             if kind == "file":

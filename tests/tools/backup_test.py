@@ -49,12 +49,12 @@ class Backup(WithKeys):
         self.fails(NOT_FOUND, "backup", self.folder / "no" / "such")
         self.fails(NOT_FOUND, "backup", f"{self.folder}/missing/")
 
-    def test_without_a_location_it_says_so(self):
+    def test_without_a_location_it_fails_with_a_reason(self):
         text = (self.folder / "tkv.conf").read_text().splitlines()
         (self.folder / "tkv.conf").write_text("\n".join(text[:2]) + "\n")
         self.assertIn("no backup location is configured", self.fails(USAGE, "backup"))
 
-    def test_a_stream_can_be_verified_and_restored_and_not_made(self):
+    def test_a_stream_can_be_verified_and_restored_but_not_written(self):
         path = self.backup()
         report = json.loads(self.out("verify", "--json", "-", given=path.read_bytes()))
         self.assertEqual((report["file"], report["sound"]), ("standard input", True))
@@ -144,7 +144,7 @@ class Restore(WithKeys):
         self.assertEqual(self.out("export"), self.before)
         self.tkv("verify")
 
-    def test_refuses_to_overwrite_unless_told(self):
+    def test_refuses_to_overwrite_unless_asked(self):
         path = self.backup()
         self.change()
         changed = self.out("export")

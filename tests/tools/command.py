@@ -54,7 +54,7 @@ class Terminal:
         self.seen = b""
 
     def read_until(self, text):
-        """Reads until a text has come, or the end."""
+        """Reads until a text has been seen, or to the end."""
         limit = time.monotonic() + DEADLINE
         while text is None or text not in self.seen:
             ready, _, _ = select.select([self.master], [], [], max(0, limit - time.monotonic()))
@@ -62,7 +62,7 @@ class Terminal:
                 raise AssertionError(f"{text!r} did not come, but {self.seen!r}")
             try:
                 part = os.read(self.master, 65536)
-            except OSError:  # the other side is closed
+            except OSError:  # the other end is closed
                 part = b""
             if not part:
                 break
@@ -124,7 +124,7 @@ class CommandTest(unittest.TestCase):
         return Result(done.returncode, done.stdout, done.stderr)
 
     def tkv(self, *arguments, exits=DONE, **how):
-        """Runs the command, which has to end with this exit code, and silently when it is done."""
+        """Runs the command, which must end with this exit code. Returns its result."""
         result = self.run_command(*arguments, **how)
         self.assertEqual(result.code, exits, f"tkv {' '.join(map(str, arguments))}: {result.err!r} {result.out!r}")
         return result
@@ -133,7 +133,7 @@ class CommandTest(unittest.TestCase):
         return self.tkv(*arguments, **how).text
 
     def fails(self, exits, *arguments, **how):
-        """Runs the command, which has to fail so, print no data, and say why. Gives what it says."""
+        """Runs the command, which must fail with this exit code, print no data and give a reason. Returns its messages."""
         result = self.tkv(*arguments, exits=exits, **how)
         self.assertEqual(result.out, b"")
         self.assertTrue(result.messages.startswith("tkv: "), result.messages)
@@ -143,8 +143,8 @@ class CommandTest(unittest.TestCase):
         return Terminal(self.words(*arguments), {**self.environment, **(environment or {})}, **files)
 
     def terminal_with_bars(self, *arguments, **files):
-        """A command that draws its bar at every step. Once enough bars are waiting to be read, it waits for a reader, so
-        that whoever stops reading after a bar of some work knows that the command is inside that work."""
+        """A command that draws its progress bar at every step. Once the terminal's buffer is full of bars, the command
+        waits for a reader: after a test has stopped reading at a bar of some work, the command stays in that work."""
         sanitizer = self.environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
         return self.terminal(*arguments, environment={"LD_PRELOAD": os.environ["TKV_FAST_CLOCK"],
                                                       "ASAN_OPTIONS": sanitizer}, **files)
@@ -153,7 +153,7 @@ class CommandTest(unittest.TestCase):
         return self.terminal(*arguments, **how).finish()
 
     def golden(self, name, text):
-        """Compares with a file beside the tests. Names of this session stand for those in it."""
+        """Compares a text with a golden file, in which FOLDER stands for the test's folder."""
         path = HERE / "golden" / name
         text = text.replace(str(self.folder), "FOLDER")
         if os.environ.get("TKV_UPDATE_GOLDEN"):

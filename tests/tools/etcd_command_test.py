@@ -1,4 +1,4 @@
-"""The command on a registry that an etcd cluster keeps: the same verbs, the same outputs."""
+"""The command on a registry on etcd: the same verbs, the same outputs."""
 import json
 import pathlib
 import re
@@ -50,7 +50,7 @@ class OnEtcd(CommandTest):
         self.tkv("verify")
         self.assertEqual(self.out("ls"), "copy\nready\n")
 
-    def test_what_is_larger_than_a_transaction_happens_at_once_all_the_same(self):
+    def test_a_change_larger_than_a_transaction_is_still_atomic(self):
         self.tkv("import", given=self.document())
         first = self.out("export", "many")
         self.assertEqual(first.count('"name"'), SOME + 1)
@@ -96,13 +96,13 @@ class OnEtcd(CommandTest):
 
 
 class TheModule(CommandTest):
-    def test_is_found_from_the_command_itself_and_not_from_where_it_is_called(self):
+    def test_is_found_beside_the_command_and_not_in_the_current_directory(self):
         for place in (self.folder, self.folder / "lib"):
             place.mkdir(exist_ok=True)
             (place / "libtkv_etcd.so").write_text("not this one")
         (self.folder / "tkv").write_text("nor this one")
         (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 200\n")
-        # As a shell calls what it found on the path: by its bare name.
+        # Called by its bare name, as a shell calls a command that it finds on the path.
         done = subprocess.run(["tkv", "ls"], executable=COMMAND, cwd=self.folder, env=self.environment,
                               capture_output=True, text=True, timeout=DEADLINE, check=False)
         self.assertEqual(done.returncode, UNREACHABLE, done.stderr)

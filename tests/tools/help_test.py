@@ -16,7 +16,7 @@ VERBS = ["get", "set", "create", "ls", "tree", "stat", "rm", "mv", "cp", "chown"
 
 
 class Help(CommandTest):
-    def test_tells_of_the_command_and_of_each_verb(self):
+    def test_describes_the_command_and_each_verb(self):
         overview = self.out("--help")
         self.assertEqual(overview, self.out("help"))
         for verb in VERBS:
@@ -27,7 +27,7 @@ class Help(CommandTest):
                 self.assertRegex(text, rf"Examples\n( .*\n)*  .*tkv {verb}")
         self.assertNotRegex(overview, r"\n  complete ")
 
-    def test_tells_all_exit_codes(self):
+    def test_lists_all_exit_codes(self):
         for page in (self.out("--help"), self.out("help", "--man")):
             for code in range(12):
                 self.assertRegex(page, rf"\n +{code}  \S")
@@ -207,7 +207,7 @@ class Configuration(CommandTest):
         self.golden("conf.txt", re.sub(r" {2,}", "  ", self.out("conf")))
         self.golden("conf.json", self.out("conf", "--json"))
 
-    def test_a_location_that_cannot_be_used_is_said(self):
+    def test_a_location_that_cannot_be_used_is_reported(self):
         self.registry = self.folder / "no" / "parent"
         self.configure()
         report = json.loads(self.out("conf", "--json"))
@@ -246,7 +246,7 @@ class Configuration(CommandTest):
         path.unlink()
         self.fails(OTHER, "conf")
 
-    def test_an_etcd_cluster_without_its_module_is_unreachable(self):
+    def test_an_etcd_cluster_that_does_not_run_is_unreachable(self):
         (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")
         self.fails(UNREACHABLE, "get", "a")
         self.assertEqual(json.loads(self.out("conf", "--json"))["store"], "etcd")
@@ -292,7 +292,7 @@ class Status(CommandTest):
         report = json.loads(self.tkv("status", "--json", exits=UNREACHABLE).text)
         self.assertEqual((report["store"], report["serving"]), ("etcd", False))
 
-    def test_damage_is_counted_and_no_success(self):
+    def test_damage_is_counted_and_is_a_failure(self):
         self.tkv("set", "a", "sound-as-a-bell")
         data = self.registry / "data.mdb"
         data.write_bytes(data.read_bytes().replace(b"sound-as-a-bell", b"sound-as-a-bull"))

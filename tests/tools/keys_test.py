@@ -55,7 +55,7 @@ class Values(CommandTest):
                 expected = "-1" if text == "0xffffffff" else text
                 self.assertEqual(self.out("get", "a.number"), expected + "\n")
 
-    def test_numbers_out_of_range_and_no_numbers_are_refused(self):
+    def test_numbers_out_of_range_and_malformed_numbers_are_refused(self):
         for option, text in (("--int32", "2147483648"), ("--int32", "five"), ("--int32", ""), ("--int32", "0x"),
                              ("--int32", "1 "), ("--int64", "9223372036854775808"), ("--int64", "1e3"),
                              ("--int64", "+-1")):
@@ -70,7 +70,7 @@ class Values(CommandTest):
         self.assertEqual(shown, {"name": "a.word", "type": "int32", "value": 3355185, "text": "123"})
         self.assertIn('as text  "123"', self.out("stat", "a.word"))
 
-    def test_bytes_come_and_go_as_they_are(self):
+    def test_bytes_pass_unchanged(self):
         every_byte = bytes(range(256)) * 3
         self.tkv("set", "a.bytes", "--bytes", "-", given=every_byte)
         self.assertEqual(self.tkv("get", "--as", "raw", "a.bytes").out, every_byte)
@@ -144,7 +144,7 @@ class Values(CommandTest):
 
 
 class Making(CommandTest):
-    def test_a_reading_verb_makes_no_registry(self):
+    def test_a_verb_that_only_reads_creates_no_registry(self):
         for verb in (("ls",), ("tree",), ("get", "a"), ("export",), ("verify",), ("backup",)):
             with self.subTest(verb=verb):
                 self.assertIn("there is no registry in", self.fails(NOT_FOUND, *verb))
@@ -166,7 +166,7 @@ class Making(CommandTest):
         self.tkv("set", "--existing", "a", "third")
         self.assertEqual(self.out("get", "a"), "third\n")
 
-    def test_a_new_key_belongs_to_the_session_or_to_whom_is_asked(self):
+    def test_a_new_key_belongs_to_the_session_or_to_the_named_owner(self):
         self.tkv("create", "a")
         self.tkv("set", "b", "x", "--owner", "ada", "--group", "staff", "--mode", "u=rw,g=0x3,o=")
         self.tkv("create", "--inherit", "b.c")
@@ -193,7 +193,7 @@ class Making(CommandTest):
 
 
 class Waiting(CommandTest):
-    """Another process is writing, and does not go on."""
+    """Another process is writing, and does not finish."""
 
     def setUp(self):
         super().setUp()
@@ -256,12 +256,12 @@ class Trees(CommandTest):
         self.assertEqual(self.names("-d", "0", "app"), ["app"])
         self.fails(USAGE, "tree", "--depth", "deep")
 
-    def test_tree_shows_keys_alone_when_told(self):
+    def test_tree_shows_only_keys_on_request(self):
         self.assertEqual(self.out("tree", "-k", "app.nodes"), "app.nodes\n├── alpha\n│   └── state\n└── beta\n")
         for key in json.loads(self.out("tree", "-k", "--json", "app.nodes")):
             self.assertEqual(set(key), {"name", "owner", "group", "mode"})
 
-    def test_rm_takes_what_it_is_told_and_no_more(self):
+    def test_rm_deletes_the_named_keys_and_no_others(self):
         self.assertIn("-r deletes them too", self.fails(CONFLICT, "rm", "app.nodes"))
         self.assertIn("this deletes 4 keys", self.fails(CONFLICT, "rm", "-r", "app.nodes"))
         self.assertEqual(len(self.names("app.nodes")), 4)

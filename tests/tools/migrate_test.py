@@ -1,4 +1,4 @@
-"""migrate: one registry into another, whatever interrupts it."""
+"""migrate: copies one registry into another, whatever interrupts it."""
 import json
 import unittest
 
@@ -28,12 +28,12 @@ class Migrate(CommandTest):
         self.assertEqual(self.target_text(), self.source_text)
         self.assertEqual(self.out("export"), self.source_text)
 
-    def test_a_configuration_file_names_a_place_too(self):
+    def test_a_configuration_file_can_name_a_place(self):
         report = json.loads(self.out("migrate", "--json", self.folder / "tkv.conf", self.target_conf))
         self.assertEqual(report, {"done": "migrate", "keys": 6, "changes": 6})
         self.assertEqual(self.target_text(), self.source_text)
 
-    def test_a_target_that_is_not_empty_is_refused_unless_told(self):
+    def test_a_target_that_is_not_empty_is_refused_unless_asked(self):
         self.tkv("set", "-p", "old.key", "x", "--conf", self.target_conf)
         before = self.target_text()
         self.assertIn("is not empty", self.fails(CONFLICT, "migrate", self.registry, self.target))
@@ -54,7 +54,7 @@ class Migrate(CommandTest):
         self.assertIn("there is no registry in", self.fails(NOT_FOUND, "migrate", self.folder / "none", self.target))
         self.assertFalse(self.target.exists())
 
-    def test_an_interrupted_one_goes_on(self):
+    def test_an_interrupted_one_is_resumed(self):
         keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": f"value {number}"}
                                      for number in range(20000)]
         self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))

@@ -1,4 +1,4 @@
-"""The procedures of docs/operations.md work as they are printed."""
+"""The procedures of docs/operations.md work as printed."""
 import grp
 import os
 import pathlib
@@ -31,8 +31,8 @@ def commands(text):
 
 @unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to set a registry up for other users")
 class Procedures(CommandTest):
-    """Runs the printed commands with a folder of this test in place of the system's, and a user that every machine has in
-    place of the one who is added there."""
+    """Runs the printed commands in a folder of this test instead of the system's, and with a user that every machine has
+    instead of the one that the text adds."""
 
     def setUp(self):
         super().setUp()

@@ -1,4 +1,4 @@
-"""The command when memory runs out: each allocation fails in turn."""
+"""The command when memory runs out: every 11th allocation fails in turn, and all after it."""
 import os
 import unittest
 
@@ -6,7 +6,7 @@ from command import DONE, OTHER, CommandTest
 
 
 class OutOfMemory(CommandTest):
-    def test_is_said_wherever_it_happens(self):
+    def test_is_reported_wherever_it_happens(self):
         self.tkv("set", "a", "x")
         codes = set()
         for number in range(1, 100_000, 11):

@@ -1,4 +1,4 @@
-"""The shell that the README shows prints what it says."""
+"""The shell session in the README prints what the README shows."""
 import pathlib
 import re
 import shlex
@@ -11,7 +11,7 @@ README = pathlib.Path(__file__).parents[2] / "README.md"
 
 class Readme(CommandTest):
     def test_shows_what_is_printed(self):
-        # What its example in Java, which stands before, has left.
+        # What the README's Java example leaves behind.
         self.tkv("create", "app")
         self.tkv("set", "app.name", "billing")
         self.tkv("set", "--list", "app.nodes", "alpha", "beta")

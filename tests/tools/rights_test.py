@@ -128,7 +128,7 @@ class Nameless(CommandTest):
 
 @unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
 class AnotherUser(CommandTest):
-    """The session of a user who shares the registry's files, but has not all rights within it."""
+    """A session of a user who shares the registry's files, but does not have all rights in it."""
 
     def setUp(self):
         super().setUp()

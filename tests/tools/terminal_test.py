@@ -41,7 +41,7 @@ class Questions(CommandTest):
     def test_yes_asks_nothing(self):
         self.assertEqual(self.on_terminal("rm", "-r", "--yes", "app"), (DONE, ""))
 
-    def test_an_input_that_is_no_terminal_is_a_refusal(self):
+    def test_without_a_terminal_it_refuses(self):
         code, seen = self.on_terminal("rm", "-r", "app", input_file=subprocess.DEVNULL)
         self.assertEqual(code, CONFLICT)
         self.assertIn("needs --yes", seen)
@@ -170,7 +170,7 @@ class Bars(CommandTest):
         os.mkfifo(self.slow)
 
     def verify_slowly(self, terminal):
-        """Feeds the backup bit by bit, until a bar has been seen or there is no more. Gives what was seen."""
+        """Feeds the backup bit by bit, and looks for a bar after each. Returns what was seen."""
         seen = b""
         with open(self.slow, "wb", buffering=0) as pipe:
             for start in range(0, len(self.contents), 8192):
@@ -194,7 +194,7 @@ class Bars(CommandTest):
 
 
 class BarsOfChanges(CommandTest):
-    """Work on the registry itself shows a bar."""
+    """Work on the registry itself shows its progress."""
 
     def setUp(self):
         super().setUp()
@@ -205,12 +205,12 @@ class BarsOfChanges(CommandTest):
         self.tkv("import", self.source)
 
     def watch(self, *words, columns=80, data_too=False):
-        """Runs the command to its end. Gives its exit code and what was seen."""
+        """Runs the command to its end. Returns its exit code and what was seen."""
         with open(self.folder / "out", "wb") as output:
             terminal = self.terminal_with_bars(*words, output=None if data_too else output, columns=columns)
         return terminal.finish()
 
-    def test_each_tells_how_far_it_is(self):
+    def test_each_shows_its_progress(self):
         self.tkv("backup", self.folder / "many.backup")
         fresh = self.folder / "fresh.conf"
         fresh.write_text(f"[registry]\nlocation = {self.folder}/fresh\n")

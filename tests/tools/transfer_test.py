@@ -20,7 +20,7 @@ def document(top, *keys):
 
 
 def some_value(number, source):
-    """A value of each kind, with all that is odd about them."""
+    """A value of each kind, with unusual contents."""
     kind = number % 8
     if kind == 0:
         return {"type": "none"}
@@ -40,7 +40,7 @@ def some_value(number, source):
 
 
 def many_keys(count):
-    """A tree of keys whose names differ in every way that names may."""
+    """A tree of keys with names of every kind."""
     source = random.Random(20000)
     keys = [{"name": "many", "owner": "root", "group": "root", "mode": "u=rlwscd,g=,o=rl", "type": "none"}]
     parents = ["many"]
@@ -93,7 +93,7 @@ class RoundTrip(CommandTest):
         self.assertEqual([key["name"] for key in json.loads(self.out("export"))["keys"]],
                          ["", "Z", "a", "a.B", "a.b", "a.z", "a-b", "aa", "\u00e4"])
 
-    def test_names_that_are_no_unicode_survive(self):
+    def test_names_that_are_not_unicode_survive(self):
         lone = base64.b64encode(b"k\xed\xa0\x80").decode()  # half of a surrogate pair is a name in modified UTF-8
         given = document("", {"name": ""}, {"name": {"base64": lone}, "type": "text", "value": "x"})
         self.tkv("import", "--merge", given=given)
@@ -174,7 +174,7 @@ class Manners(CommandTest):
         self.assertEqual(key, {"name": "app.other", "owner": "ada", "group": "staff", "mode": "u=r,g=,o=",
                                "type": "text", "value": "old"})
 
-    def test_dry_run_shows_lines_that_go_and_come_and_changes_nothing(self):
+    def test_dry_run_shows_removed_and_added_lines_and_changes_nothing(self):
         shown = self.out("import", "--replace", "--dry-run", given=self.given(), exits=DIFFERS)
         self.golden("import-dry-run.diff", self.anonymous(shown))
         found = json.loads(self.out("import", "--json", "--replace", "--dry-run", given=self.given(), exits=DIFFERS))
@@ -217,7 +217,7 @@ class Manners(CommandTest):
 
 
 class Malformed(CommandTest):
-    def test_what_is_wrong_is_said_and_nothing_is_done(self):
+    def test_errors_are_reported_and_nothing_is_done(self):
         text = {"name": "a.b", "type": "text", "value": "x"}
         for given, message in (
                 ("", "not JSON: parse error at line 1, column 1"),

@@ -4,7 +4,7 @@ import java.lang.ref.WeakReference;
 import java.net.URL;
 import java.net.URLClassLoader;
 
-/** Makes result objects of classes that nobody else has. */
+/** Makes result objects of classes that are loaded for each of them anew. */
 public final class Loaders {
     private static WeakReference<Class<?>> last;
 

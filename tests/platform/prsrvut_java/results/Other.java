@@ -1,6 +1,6 @@
 package results;
 
-/** A class of no relation that has the methods, private ones too. */
+/** An unrelated class that has the methods, including private ones. */
 public final class Other {
     private String reports = "";
 

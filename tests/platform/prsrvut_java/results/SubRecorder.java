@@ -1,6 +1,6 @@
 package results;
 
-/** A subclass that takes some reports its own way. */
+/** A subclass that overrides the handling of some reports. */
 public class SubRecorder extends Recorder {
     @Override
     public void setStatus(boolean status) {

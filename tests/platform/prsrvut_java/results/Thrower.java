@@ -1,6 +1,6 @@
 package results;
 
-/** A result object that throws whatever it is told. */
+/** A result object whose methods all throw. */
 public final class Thrower {
     public void setStatus(boolean status) {
         throw new IllegalStateException("setStatus");

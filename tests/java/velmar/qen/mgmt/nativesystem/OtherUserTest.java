@@ -76,7 +76,7 @@ class OtherUserTest {
     }
 
     @Test
-    void aKeyOfOnesOwnIsOnesOwn() {
+    void aCreatedKeyBelongsToItsCreator() {
         Reports.assertDone(r -> TKV.createKey("nobodys.own", 3, "", null, null, r));
         assertEquals("nobody", done(r -> TKV.getUserName("nobodys.own", r)));
         assertEquals("nogroup", done(r -> TKV.getGroupName("nobodys.own", r)));

@@ -285,7 +285,7 @@ class FailureTest extends OpenRegistry {
     }
 
     @Test
-    void aSessionEndedBehindItsBackIsAClosedRegistry() {
+    void aSessionThatOtherCodeEndedIsAClosedRegistry() {
         new TKVNative().terminateTKV(new TKVResult());
         assertThrows(RegistryClosedException.class, () -> registry.get(top));
         assertThrows(RegistryClosedException.class, () -> registry.exists(top));

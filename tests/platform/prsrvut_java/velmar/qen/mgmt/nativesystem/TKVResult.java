@@ -7,7 +7,7 @@ import java.nio.ByteOrder;
 public class TKVResult {
     static final ByteBuffer TRACE_SWITCH = ByteBuffer.allocateDirect(Integer.BYTES).order(ByteOrder.nativeOrder());
 
-    /** Buffers that cannot serve as the switch; whoever reads them all the same finds tracing on. */
+    /** Buffers that cannot serve as the switch; code that reads them nevertheless finds tracing on. */
     static final ByteBuffer NONE = null;
     static final ByteBuffer ON_HEAP = filled(ByteBuffer.allocate(Integer.BYTES));
     static final ByteBuffer TOO_SMALL = filled(ByteBuffer.allocateDirect(Integer.BYTES - 1));
