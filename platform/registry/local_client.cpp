@@ -181,7 +181,7 @@ Status LocalClient::apply(const Subtree& wanted, const ApplyOptions& options, Ke
 }
 
 Status LocalClient::apply_changes(std::span<const KeyChange> changes) {
-  return write([&](Writer& tree) { return apply_one_by_one(tree, changes); });
+  return write([&](Writer& tree) { return apply_found(tree, changes); });
 }
 
 std::size_t LocalClient::preferred_batch_size() const { return store_->preferred_batch_size(); }

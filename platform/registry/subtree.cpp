@@ -161,17 +161,6 @@ Status apply_step(Writer& tree, Changes step) {
   return PRTKV_INVALID_ARGUMENT;
 }
 
-Status apply_one(Writer& tree, const KeyChange& change) {
-  const KeyRecord& after = change.after;
-  KeyId id = kAnyKey;
-  if (change.kind == Kind::kAdd) {
-    return tree.create("", after.name, after.security, after.value.type, after.value.span(), &id);
-  }
-  Status status = apply_step(tree, {&change, 1});
-  // It was removed along with a key above it.
-  return change.kind == Kind::kRemove && status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
-}
-
 }  // namespace
 
 Status read_subtree(Reader& tree, const std::string& top, KeyProgress progress, Subtree* subtree) {
@@ -216,9 +205,12 @@ Status apply_difference(Writer& tree, std::span<const KeyChange> changes) {
   return {};
 }
 
-Status apply_one_by_one(Writer& tree, std::span<const KeyChange> changes) {
-  for (const KeyChange& change : changes) {
-    if (Status status = apply_one(tree, change); !status.ok()) return status;
+Status apply_found(Writer& tree, std::span<const KeyChange> changes) {
+  while (!changes.empty()) {
+    const Changes step = take_step(&changes);
+    const Status status = apply_step(tree, step);
+    const bool is_gone = step.front().kind == Kind::kRemove && status.is(PRTKV_NO_SUCH_KEY);
+    if (!status.ok() && !is_gone) return status;
   }
   return {};
 }

@@ -24,7 +24,7 @@ Status find_difference(const Subtree& current, const Subtree& wanted, MergeMode 
 Status apply_difference(Writer& tree, std::span<const KeyChange> changes);
 
 // As Client::apply_changes.
-Status apply_one_by_one(Writer& tree, std::span<const KeyChange> changes);
+Status apply_found(Writer& tree, std::span<const KeyChange> changes);
 
 }  // namespace tkv::registry
 

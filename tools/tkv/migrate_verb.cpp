@@ -26,8 +26,11 @@ using registry::Subtree;
 // The key that marks a target as incomplete. Its value names the source.
 constexpr const char* kMarker = "__tkv_migration";
 
-constexpr std::size_t kMaxBatch = 500;  // changes in a transaction
-constexpr int kMaxPasses = 5;           // over a source that others keep changing
+// In a transaction: single changes and whole subtrees, and the keys and bytes of a subtree that is added.
+constexpr std::size_t kMaxSteps = 500;
+constexpr std::size_t kMaxKeys = 50000;
+constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
+constexpr int kMaxPasses = 5;  // over a source that others keep changing
 
 struct Side {
   std::string place;  // as typed
@@ -132,12 +135,41 @@ Outcome put_marker(const Side& source, const Side& target) {
 
 bool is_marker(const std::string& name) { return registry::is_within(name, kMarker); }
 
+using Changes = std::span<const registry::KeyChange>;
+
+// The size of the step that the changes begin with: a subtree that is removed, one that is added and not too large, or
+// one key.
+std::size_t size_of_step(Changes changes) {
+  const registry::KeyChange& top = changes.front();
+  if (top.kind == registry::KeyChange::Kind::kChange) return 1;
+  std::size_t size = 0;
+  std::size_t bytes = 0;
+  for (; size < changes.size(); ++size) {
+    const registry::KeyChange& each = changes[size];
+    if (each.kind != top.kind || !registry::is_within(each.name(), top.name())) break;
+    bytes += each.after.value.bytes.size();
+  }
+  const bool too_large = size > kMaxKeys || bytes > kMaxBytes;
+  return top.kind == registry::KeyChange::Kind::kAdd && too_large ? 1 : size;
+}
+
+// The size of the next transaction. Its steps together are no larger than one step may be, unless there is only one.
+std::size_t size_of_batch(Changes changes, std::size_t most_steps) {
+  std::size_t size = 0;
+  for (std::size_t steps = 0; steps < most_steps && size < changes.size(); ++steps) {
+    const std::size_t step = size_of_step(changes.subspan(size));
+    if (steps > 0 && size + step > kMaxKeys) break;
+    size += step;
+  }
+  return size;
+}
+
 // Applies the changes in batches, each of them a transaction, so that an interruption loses no more than the last.
 Outcome apply_in_batches(Context& context, registry::Client& target, std::span<const registry::KeyChange> changes) {
   Progress progress(context.terminal(), "migrate");
-  const std::size_t batch = std::clamp<std::size_t>(target.preferred_batch_size() / 2, 1, kMaxBatch);
+  const std::size_t most_steps = std::clamp<std::size_t>(target.preferred_batch_size() / 2, 1, kMaxSteps);
   for (std::size_t done = 0; done < changes.size();) {
-    const std::size_t size = std::min(batch, changes.size() - done);
+    const std::size_t size = size_of_batch(changes.subspan(done), most_steps);
     if (Status applied = target.apply_changes(changes.subspan(done, size)); !applied.ok()) return applied;
     done += size;
     progress.show(done, changes.size());
