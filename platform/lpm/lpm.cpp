@@ -11,11 +11,11 @@ namespace tkv::lpm {
 namespace {
 
 // All contexts of the process. Ids are never reused, so a stale id is recognized.
-class Contexts {
+class MemoryContexts {
  public:
-  static Contexts& instance() {
+  static MemoryContexts& instance() {
     // Never destroyed: other threads may still read blocks of the process's context while the process exits.
-    static Contexts& contexts = *new Contexts;
+    static MemoryContexts& contexts = *new MemoryContexts;
     return contexts;
   }
 
@@ -67,11 +67,11 @@ class Contexts {
 }  // namespace
 }  // namespace tkv::lpm
 
-using tkv::lpm::Contexts;
+using tkv::lpm::MemoryContexts;
 
 extern "C" lpm_ctx lpminit(void* /*parameters*/) {
   try {
-    return Contexts::instance().process_context();
+    return MemoryContexts::instance().process_context();
   } catch (const std::bad_alloc&) {
     return 0;
   }
@@ -79,7 +79,7 @@ extern "C" lpm_ctx lpminit(void* /*parameters*/) {
 
 extern "C" lpm_ctx lpmprinit(void) {
   try {
-    return Contexts::instance().open();
+    return MemoryContexts::instance().open();
   } catch (const std::bad_alloc&) {
     return 0;
   }
@@ -87,7 +87,7 @@ extern "C" lpm_ctx lpmprinit(void) {
 
 extern "C" void lpmprterm(lpm_ctx pm) {
   try {
-    Contexts::instance().end(pm);
+    MemoryContexts::instance().end(pm);
   } catch (const std::bad_alloc&) {
     // The table could not be created, so there is no context to end.
   }
@@ -95,7 +95,7 @@ extern "C" void lpmprterm(lpm_ctx pm) {
 
 extern "C" void* prou_allocm(lpm_ctx pm, uint32_t size) {
   try {
-    return Contexts::instance().take(pm, size);
+    return MemoryContexts::instance().take(pm, size);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -103,7 +103,7 @@ extern "C" void* prou_allocm(lpm_ctx pm, uint32_t size) {
 
 extern "C" void prou_freem(lpm_ctx pm, void* block) {
   try {
-    Contexts::instance().give_back(pm, block);
+    MemoryContexts::instance().give_back(pm, block);
   } catch (const std::bad_alloc&) {
     // The block has been cleared; it is only not reused.
   }

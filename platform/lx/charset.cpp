@@ -73,7 +73,7 @@ bool writes_zero_bytes(IconvDescriptor& encoder) {
   char bytes[16];
   char* to = bytes;
   std::size_t room = sizeof(bytes);
-  if (encoder.convert(from, &to, &room) != IconvDescriptor::Outcome::done) return true;
+  if (encoder.convert(from, &to, &room) != IconvDescriptor::Ending::done) return true;
   const std::string_view written(bytes, static_cast<std::size_t>(to - bytes));
   return written.empty() || written.find('\0') != std::string_view::npos;
 }
@@ -87,7 +87,7 @@ bool has_lead_bytes(IconvDescriptor& decoder) {
     char* to = units;
     std::size_t room = sizeof(units);
     decoder.reset();
-    if (decoder.convert(from, &to, &room) == IconvDescriptor::Outcome::incomplete) return true;
+    if (decoder.convert(from, &to, &room) == IconvDescriptor::Ending::incomplete) return true;
   }
   return false;
 }
@@ -176,33 +176,33 @@ void IconvDescriptor::reset() { iconv(descriptor_, nullptr, nullptr, nullptr, nu
 
 namespace {
 
-IconvDescriptor::Outcome outcome_of(std::size_t result, int error) {
-  if (result != static_cast<std::size_t>(-1)) return IconvDescriptor::Outcome::done;
+IconvDescriptor::Ending ending_of(std::size_t result, int error) {
+  if (result != static_cast<std::size_t>(-1)) return IconvDescriptor::Ending::done;
   switch (error) {
     case E2BIG:
-      return IconvDescriptor::Outcome::output_full;
+      return IconvDescriptor::Ending::output_full;
     case EINVAL:
-      return IconvDescriptor::Outcome::incomplete;
+      return IconvDescriptor::Ending::incomplete;
     default:
-      return IconvDescriptor::Outcome::ill_formed;
+      return IconvDescriptor::Ending::ill_formed;
   }
 }
 
 }  // namespace
 
-IconvDescriptor::Outcome IconvDescriptor::convert(std::string_view& from, char** to, std::size_t* room) {
+IconvDescriptor::Ending IconvDescriptor::convert(std::string_view& from, char** to, std::size_t* room) {
   char* position = const_cast<char*>(from.data());  // iconv only reads it
   std::size_t left = from.size();
   const std::size_t result = iconv(descriptor_, &position, &left, to, room);
   const int error = errno;
   from.remove_prefix(from.size() - left);
-  return outcome_of(result, error);
+  return ending_of(result, error);
 }
 
-IconvDescriptor::Outcome IconvDescriptor::finish(char** to, std::size_t* room) {
+IconvDescriptor::Ending IconvDescriptor::finish(char** to, std::size_t* room) {
   const std::size_t result = iconv(descriptor_, nullptr, nullptr, to, room);
   const int error = errno;
-  return outcome_of(result, error);
+  return ending_of(result, error);
 }
 
 Charset::Charset(std::string name, std::uint16_t id, Kind kind, bool is_multibyte)
@@ -240,10 +240,10 @@ std::optional<std::string> Charset::encode_by_iconv(std::u16string_view text) co
     char chunk[256];
     char* to = chunk;
     std::size_t room = sizeof(chunk);
-    const auto outcome = is_converted ? encoder_->finish(&to, &room) : encoder_->convert(from, &to, &room);
+    const auto ending = is_converted ? encoder_->finish(&to, &room) : encoder_->convert(from, &to, &room);
     bytes.append(chunk, to);
-    if (outcome == IconvDescriptor::Outcome::output_full) continue;
-    if (outcome != IconvDescriptor::Outcome::done) return std::nullopt;
+    if (ending == IconvDescriptor::Ending::output_full) continue;
+    if (ending != IconvDescriptor::Ending::done) return std::nullopt;
     if (is_converted) return bytes;
     is_converted = true;
   }

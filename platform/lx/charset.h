@@ -31,7 +31,7 @@ class IconvDescriptor {
   // False if the system does not have the conversion.
   bool is_open() const { return descriptor_ != closed(); }
 
-  enum class Outcome {
+  enum class Ending {
     done,
     output_full,  // whole characters were written, and the next one did not fit
     incomplete,   // the text ends within a character
@@ -42,10 +42,10 @@ class IconvDescriptor {
   void reset();
 
   // Converts from `from` to `*to` and advances both.
-  Outcome convert(std::string_view& from, char** to, std::size_t* room);
+  Ending convert(std::string_view& from, char** to, std::size_t* room);
 
   // Writes what the conversion has held back, and the sequence that returns to the initial state.
-  Outcome finish(char** to, std::size_t* room);
+  Ending finish(char** to, std::size_t* room);
 
  private:
   // NOLINTNEXTLINE(performance-no-int-to-ptr): what iconv_open gives on failure

@@ -18,9 +18,9 @@ constexpr std::uint32_t kNoSuchCharset = 2;
 constexpr std::int32_t kVersion = 1;
 
 // The contents of a handle: its character set, and descriptors for the sets that it has converted from.
-class Session {
+class CharsetSession {
  public:
-  explicit Session(const Charset& charset) : charset_(charset) {}
+  explicit CharsetSession(const Charset& charset) : charset_(charset) {}
 
   const Charset& charset() const { return charset_; }
 
@@ -36,7 +36,7 @@ class Session {
   std::vector<Decoder> decoders_;
 };
 
-IconvDescriptor* Session::decoder(const Charset& charset) {
+IconvDescriptor* CharsetSession::decoder(const Charset& charset) {
   for (Decoder& decoder : decoders_) {
     if (decoder.charset == &charset) return &decoder.descriptor;
   }
@@ -47,18 +47,18 @@ IconvDescriptor* Session::decoder(const Charset& charset) {
 
 // The layout of the caller's storage. A handle is recognized by its mark and its own address, so zeros, a copy, or a
 // handle that has ended are not taken for one.
-struct Handle {
+struct HandleArea {
   std::uint64_t mark;
-  Handle* self;
-  Session* session;
+  HandleArea* self;
+  CharsetSession* session;
 };
 
-static_assert(sizeof(Handle) <= LX_HANDLE_SIZE);
+static_assert(sizeof(HandleArea) <= LX_HANDLE_SIZE);
 
 constexpr std::uint64_t kHandleMark = 0x6c785f68616e646cU;
 
-Handle* handle_at(void* area) {
-  auto* handle = static_cast<Handle*>(area);
+HandleArea* handle_at(void* area) {
+  auto* handle = static_cast<HandleArea*>(area);
   return handle != nullptr && handle->mark == kHandleMark && handle->self == handle ? handle : nullptr;
 }
 
@@ -88,11 +88,9 @@ std::optional<std::size_t> decode_into(IconvDescriptor& decoder, std::string_vie
   char* position = start;
   std::size_t room = capacity * sizeof(*to);
   decoder.reset();
-  auto outcome = decoder.convert(from, &position, &room);
-  if (outcome == IconvDescriptor::Outcome::done) outcome = decoder.finish(&position, &room);
-  if (outcome != IconvDescriptor::Outcome::done && outcome != IconvDescriptor::Outcome::output_full) {
-    return std::nullopt;
-  }
+  auto ending = decoder.convert(from, &position, &room);
+  if (ending == IconvDescriptor::Ending::done) ending = decoder.finish(&position, &room);
+  if (ending != IconvDescriptor::Ending::done && ending != IconvDescriptor::Ending::output_full) return std::nullopt;
   return static_cast<std::size_t>(position - start) / sizeof(*to);
 }
 
@@ -104,17 +102,17 @@ std::optional<std::size_t> decoded_size(IconvDescriptor& decoder, std::string_vi
     char* const start = reinterpret_cast<char*>(chunk);
     char* position = start;
     std::size_t room = sizeof(chunk);
-    const auto outcome = is_converted ? decoder.finish(&position, &room) : decoder.convert(from, &position, &room);
+    const auto ending = is_converted ? decoder.finish(&position, &room) : decoder.convert(from, &position, &room);
     units += static_cast<std::size_t>(position - start) / sizeof(chunk[0]);
-    if (outcome == IconvDescriptor::Outcome::output_full) continue;
-    if (outcome != IconvDescriptor::Outcome::done) return std::nullopt;
+    if (ending == IconvDescriptor::Ending::output_full) continue;
+    if (ending != IconvDescriptor::Ending::done) return std::nullopt;
     if (is_converted) return units;
     is_converted = true;
   }
 }
 
-std::optional<std::size_t> to_utf16(Session& session, const Charset& charset, std::string_view from, std::uint16_t* to,
-                                    std::size_t capacity) {
+std::optional<std::size_t> to_utf16(CharsetSession& session, const Charset& charset, std::string_view from,
+                                    std::uint16_t* to, std::size_t capacity) {
   switch (charset.kind()) {
     case Charset::Kind::utf8:
       return utf8_to_utf16(from, to, capacity, IllFormed::reject);
@@ -152,8 +150,8 @@ const Charset* start(const void* parameters, std::int32_t version, std::uint32_t
 }  // namespace tkv::lx
 
 using tkv::lx::Charset;
-using tkv::lx::Handle;
-using tkv::lx::Session;
+using tkv::lx::CharsetSession;
+using tkv::lx::HandleArea;
 
 extern "C" void* lxlinit(void* parameters, int32_t version, uint32_t* error) {
   uint32_t ignored = 0;
@@ -168,16 +166,16 @@ extern "C" void* lxlinit(void* parameters, int32_t version, uint32_t* error) {
 extern "C" void* lxinitc(void* handle_area, void* global, int32_t /*reserved1*/, int32_t /*reserved2*/) {
   const Charset* charset = tkv::lx::charset_at(global);
   if (handle_area == nullptr || charset == nullptr) return nullptr;
-  auto* session = new (std::nothrow) Session(*charset);
+  auto* session = new (std::nothrow) CharsetSession(*charset);
   if (session == nullptr) return nullptr;
   std::memset(handle_area, 0, LX_HANDLE_SIZE);
-  auto* handle = static_cast<Handle*>(handle_area);
+  auto* handle = static_cast<HandleArea*>(handle_area);
   *handle = {tkv::lx::kHandleMark, handle, session};
   return handle_area;
 }
 
 extern "C" void* lxhLangEnv(void* lang_env_area, int32_t /*reserved*/, void* handle_area) {
-  const Handle* handle = tkv::lx::handle_at(handle_area);
+  const HandleArea* handle = tkv::lx::handle_at(handle_area);
   if (lang_env_area == nullptr || handle == nullptr) return nullptr;
   const Charset& charset = handle->session->charset();
   std::memset(lang_env_area, 0, LX_LANG_ENV_SIZE);
@@ -198,7 +196,7 @@ extern "C" uint16_t lxhcsn(void* lang_env, void* handle) {
 }
 
 extern "C" void lxlterm(void* handle_area) {
-  Handle* handle = tkv::lx::handle_at(handle_area);
+  HandleArea* handle = tkv::lx::handle_at(handle_area);
   if (handle == nullptr) return;
   delete handle->session;
   *handle = {};
@@ -213,7 +211,7 @@ extern "C" uint32_t lxsulen(const char* text) { return text == nullptr ? 0 : sta
 
 extern "C" int32_t lxgt2u(uint16_t* to, uint32_t capacity, const char* from, void* charset_address, uint32_t length,
                           uint32_t flags, void* handle_area) {
-  const Handle* handle = tkv::lx::handle_at(handle_area);
+  const HandleArea* handle = tkv::lx::handle_at(handle_area);
   const Charset* charset = tkv::lx::charset_at(charset_address);
   if (handle == nullptr || charset == nullptr || flags != 0 || (from == nullptr && length != 0)) return -1;
   if (length == 0) return 0;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "registry/name.h"
 #include "store/store.h"
 
 namespace tkv::registry {
@@ -47,14 +48,9 @@ class DirectoryCache {
  private:
   static constexpr std::size_t kMostEntries = 1024;
 
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
-  };
-
   std::mutex mutex_;  // guards what follows
   std::uint64_t structure_ = 0;
-  std::unordered_map<std::string, store::NodeId, Hash, std::equal_to<>> ids_;
+  std::unordered_map<std::string, store::NodeId, NameHash, std::equal_to<>> ids_;
 };
 
 }  // namespace tkv::registry

@@ -44,13 +44,9 @@ class LostNames {
   void clear() noexcept { names_.clear(); }
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
-  };
-
   std::uint64_t now_ = 0;
-  std::unordered_map<std::string, std::uint64_t, Hash, std::equal_to<>> names_;  // with the number of their last loss
+  std::unordered_map<std::string, std::uint64_t, NameHash, std::equal_to<>>
+      names_;  // with the number of their last loss
 };
 
 }  // namespace tkv::registry

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,12 @@ bool name_before(std::string_view left, std::string_view right);
 
 // The longest prefix of at most `size` bytes that does not end inside a character.
 std::string_view beginning(std::string_view text, std::size_t size);
+
+// The hash of names in containers that are searched without making a string.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+};
 
 // A full name in a buffer of its own.
 class FullName {

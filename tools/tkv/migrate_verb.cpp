@@ -37,7 +37,7 @@ struct Side {
   std::shared_ptr<registry::Client> client;
 };
 
-struct Report {
+struct MigrationReport {
   std::uint64_t keys = 0;
   std::uint64_t changes = 0;
 };
@@ -194,7 +194,7 @@ Outcome compare_sides(Context& context, const Side& source, const Side& target, 
 }
 
 // Compares both sides and copies what differs, until nothing does.
-Outcome copy_until_same(Context& context, const Side& source, const Side& target, Report* report) {
+Outcome copy_until_same(Context& context, const Side& source, const Side& target, MigrationReport* report) {
   for (int pass = 0; pass < kMaxPasses; ++pass) {
     Subtree wanted;
     registry::Difference difference;
@@ -221,7 +221,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
   Side source{*arguments.from, {}};
   Side target{*arguments.to, {}};
   bool resumed = false;
-  Report report;
+  MigrationReport report;
   if (Outcome allowed = demand_own_rights("migrate"); !allowed.ok()) return allowed;
   if (Outcome opened = open_sides(&source, &target); !opened.ok()) return opened;
   if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &resumed); !fit.ok()) return fit;

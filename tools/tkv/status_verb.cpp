@@ -22,7 +22,7 @@ struct LastBackup {
   std::uint64_t written = 0;  // seconds since 1970
 };
 
-struct Report {
+struct StatusReport {
   registry::Configuration configuration;
   registry::RegistryStatus registry;
   std::optional<registry::CheckResult> checked;
@@ -47,7 +47,7 @@ std::optional<LastBackup> find_last_backup(const std::string& directory) {
 }
 
 // Counts keys and damage. Whoever may not read the whole registry gets no counts.
-Outcome count(Context& context, Report* report) {
+Outcome count(Context& context, StatusReport* report) {
   Progress progress(context.terminal(), "status");
   registry::CheckResult result;
   const auto show = [&](const registry::CheckStep& step) { progress.show(step.done, step.total, step.reading); };
@@ -58,7 +58,7 @@ Outcome count(Context& context, Report* report) {
   return {};
 }
 
-Outcome ask(Context& context, bool quick, Report* report) {
+Outcome ask(Context& context, bool quick, StatusReport* report) {
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   if (Status asked = context.client().status(&report->registry); !asked.ok()) return asked;
   return quick ? Outcome() : count(context, report);
@@ -70,7 +70,7 @@ std::string size_text(std::uint64_t bytes, std::uint64_t max_bytes) {
   return text;
 }
 
-void print_report(Context& context, const Report& report) {
+void print_report(Context& context, const StatusReport& report) {
   const auto row = [&](const char* label, const std::string& text) { context.print(padded(label, 13) + text); };
   for (const std::string& location : report.configuration.locations) row("location", location);
   row("store", report.configuration.store());
@@ -93,7 +93,7 @@ void print_report(Context& context, const Report& report) {
   }
 }
 
-std::string report_json(const Report& report) {
+std::string report_json(const StatusReport& report) {
   std::vector<std::string> locations;
   for (const std::string& location : report.configuration.locations) locations.push_back(json_utf8(location));
   JsonObject object;
@@ -121,7 +121,7 @@ std::string report_json(const Report& report) {
 }
 
 Outcome run_status(Context& context, const Arguments& arguments) {
-  Report report;
+  StatusReport report;
   if (Status read = registry::Configuration::read(&report.configuration); !read.ok()) return read;
   report.serving = ask(context, arguments.quick, &report);
   report.last_backup = find_last_backup(report.configuration.backup_location);
