@@ -24,8 +24,8 @@
  *              characters (both are shown as "?"), so that a caller may use one as a format.
  *   Threads.   Any thread may call; operations of one context run one at a time.
  *   Durability. Once an operation that changes the registry has returned PRTKV_DONE, the change survives a crash of the
- *              process and of the machine. One that failed has changed nothing, unless it returned PRTKV_UNDECIDED:
- * then the answer to the change was lost and no one could be asked in time.
+ *              process and of the machine. One that failed has changed nothing, unless it returned PRTKV_UNDECIDED: the
+ *              answer to the change was lost, and nobody could be asked in time.
  */
 #ifndef TKV_PLATFORM_PRTKV_H
 #define TKV_PLATFORM_PRTKV_H

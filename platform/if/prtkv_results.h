@@ -1,9 +1,9 @@
 /* The result codes of the registry client, each with its name and its text: the one table of the system.
  *
- * STORAGE_FAILED means damage or a failing disk and nothing else. UNUSABLE: the storage as it is configured cannot be
- * used (missing, of a newer format, replaced under the session, ...); trying again does not help, changing something
- * does. BUSY: somebody else is at work; the same call may succeed later. UNDECIDED: the reply to a change was lost and
- * nobody could be asked before the deadline; look before repeating it.
+ * STORAGE_FAILED means damage, a failing disk, or a newer format, whose records this release takes for damaged.
+ * UNUSABLE: the storage cannot be used as it is configured (missing, replaced under the session, ...); trying again
+ * does not help, changing something does. BUSY: somebody else is at work; the same call may succeed later. UNDECIDED:
+ * the reply to a change was lost and nobody could be asked before the deadline; look before repeating it.
  *
  * The numbers are part of the interface: callers test them by value and they are shown to people. Do not change.
  */

@@ -41,8 +41,8 @@ void settle(Kv& kv, Mark* mark, const std::string& text, Written* written, Deadl
   const Reply reply = settle(kv, mark, text, &written->made, deadline);
   if (!reply.ok()) {
     const Status& reason = written->status.ok() ? reply.status : written->status;
-    written->status =
-        Status(PRTKV_UNDECIDED, reason.text() + "; whether the change was made cannot be told: " + reply.status.text());
+    written->status = Status(PRTKV_UNDECIDED,
+                             reason.text() + "; it is not known whether the change was made: " + reply.status.text());
     return;
   }
   if (!written->made) return;
@@ -62,7 +62,7 @@ Written write_once(Kv& kv, TxnRequest request, Mark* mark, const std::string& te
   const Reply reply = kv.txn(request, &written.response, deadline);
   written.status = reply.status;
   if (reply.verdict == Verdict::kTryElsewhere && reply.repeated) {
-    written.status = Status(PRTKV_UNDECIDED, reply.status.text() + "; whether the change was made cannot be told");
+    written.status = Status(PRTKV_UNDECIDED, reply.status.text() + "; it is not known whether the change was made");
     return written;
   }
   if (!reply.ok()) {

@@ -10,18 +10,18 @@
 
 namespace tkv::store {
 
-// Opens the environment, or takes part in the one that this process has open on the same directory; then the map sizes
-// of whoever opened it first hold.
+// Opens the environment, or shares the one that this process already has open on the same directory. Its map sizes then
+// stay in force.
 //
 // Failures name the path and the reason: PRTKV_ACCESS_DENIED what permissions forbid, PRTKV_UNUSABLE a location that is
-// absent or cannot hold a registry and a format that this release does not read, PRTKV_STORAGE_FAILED a damaged file,
+// absent or cannot hold a registry, PRTKV_STORAGE_FAILED a damaged file and a format that this release does not read,
 // PRTKV_INVALID_ARGUMENT a path that is not absolute, PRTKV_STORAGE_FULL a full disk, PRTKV_INVALID_CONFIGURATION an
 // unknown group. Nothing is overwritten in any of these cases.
 //
 // Readers wait for nobody, except while this process replaces its map because the registry has outgrown it. A function
 // given to the store may read from the same store again, also inside a write (it reads the state before the write);
-// a write inside a function is refused with 8. After a fork the child has to open the store anew: what it inherits
-// answers 7.
+// a write inside a function yields PRTKV_INVALID_ARGUMENT. After a fork the child has to open the store again: the one
+// that it inherits yields PRTKV_UNUSABLE.
 Status open_lmdb_store(const LmdbOptions& options, std::shared_ptr<Store>* store);
 
 // Checks whether `directory` can hold an embedded registry that is shared with `group`, if one is given: it is

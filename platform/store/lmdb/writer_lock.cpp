@@ -72,7 +72,7 @@ bool take_number(std::string_view* text, std::uint64_t* number) {
 
 }  // namespace
 
-// When a wait ends, and when somebody is told about it.
+// When a wait ends, and when it is reported.
 class WriterLock::Deadline {
  public:
   explicit Deadline(const WriterWait& wait) : wait_(wait) {}
