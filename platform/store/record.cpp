@@ -75,8 +75,14 @@ bool is_sealed(std::span<const std::byte> record, std::uint64_t seed) {
 
 Status damaged(std::string why) { return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)}; }
 
-// Checks the version first: a newer version may lay out the rest differently.
-Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t seed) {
+bool has_header(std::span<const std::byte> record, RecordKind kind) {
+  const auto version = std::to_integer<unsigned>(record[0]);
+  return version != 0 && version <= kRecordVersion && record[1] == static_cast<std::byte>(kind) &&
+         get<std::uint16_t>(record.data() + 2) == 0;
+}
+
+// Why a record that is not sound is not. Looks at the version first: a newer one may lay out the rest differently.
+Status defect(std::span<const std::byte> record, std::size_t least, std::uint64_t seed) {
   if (record.empty()) return damaged("it is empty");
   const auto version = std::to_integer<unsigned>(record[0]);
   if (version > kRecordVersion) {
@@ -85,10 +91,12 @@ Status check(std::span<const std::byte> record, RecordKind kind, std::size_t lea
   }
   if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   if (!is_sealed(record, seed)) return damaged("its checksum does not match");
-  if (version == 0 || record[1] != static_cast<std::byte>(kind) || get<std::uint16_t>(record.data() + 2) != 0) {
-    return damaged("it has the header of another kind of record");
-  }
-  return {};
+  return damaged("it has the header of another kind of record");
+}
+
+Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t seed) {
+  const bool sound = record.size() >= least && has_header(record, kind) && is_sealed(record, seed);
+  return sound ? Status() : defect(record, least, seed);
 }
 
 }  // namespace
@@ -128,6 +136,12 @@ Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) 
   *value = Value{get<std::int32_t>(record.data() + kHeaderSize),
                  record.subspan(kHeaderSize + 4, record.size() - kValueRecordOverhead)};
   return {};
+}
+
+bool read_value_size(std::span<const std::byte> record, std::size_t* size) {
+  if (record.size() < kValueRecordOverhead || !has_header(record, RecordKind::kValue)) return false;
+  *size = record.size() - kValueRecordOverhead;
+  return true;
 }
 
 bool is_node_under(NodeId parent, std::string_view name, std::span<const std::byte> record) {

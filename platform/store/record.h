@@ -58,6 +58,9 @@ void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes
 // The value's bytes point into `record`.
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value);
 
+// The size of the value in a record, whose checksum is not verified. Returns false if it is no record of a value.
+bool read_value_size(std::span<const std::byte> record, std::size_t* size);
+
 // Whether the checksum of a record is that of a node or a value under this key. Tells no reasons, and never allocates.
 bool is_node_under(NodeId parent, std::string_view name, std::span<const std::byte> record);
 bool is_value_under(NodeId id, std::span<const std::byte> record);

@@ -49,13 +49,42 @@ struct Value {
   std::span<const std::byte> bytes;  // valid until the transaction's next value() or change
 };
 
+// Where a view found a value, for Store::copy_value. Means something only to the store that filled it in.
+struct ValuePlace {
+  std::uint64_t offset = 0;       // 0: not known
+  std::uint32_t record_size = 0;  // 0: no value was ever written
+  std::uint32_t value_size = 0;
+
+  bool is_known() const { return offset != 0; }
+};
+constexpr ValuePlace kNoValue{1, 0, 0};  // the place of a value that was never written
+
 // One state of the tree, for reading.
 class View {
  public:
+  // The number of this state: a later state has a larger one. 0 if the store does not number its states. A store that
+  // does runs a function given to read() once.
+  virtual std::uint64_t state() { return 0; }
+
   // Looks up a child by name. The root is the child "" of kNoNode. Returns PRTKV_NO_SUCH_KEY if there is none.
   virtual Status find(NodeId parent, std::string_view name, Node* node) = 0;
 
   virtual Status value(NodeId id, Value* value) = 0;
+
+  // As value(), but leaves a value of more than `capacity` bytes unread: its checksum is not verified, and `*value` has
+  // no bytes. `*size` receives the size in either case, and `*place` where the value is, if the store numbers its
+  // states.
+  virtual Status value_up_to(NodeId id, std::size_t capacity, Value* value, std::size_t* size, ValuePlace* place) {
+    Status status = this->value(id, value);
+    if (!status.ok()) return status;
+    *size = value->bytes.size();
+    *place = {};
+    if (*size > capacity) value->bytes = {};
+    return status;
+  }
+
+  // Where a value is. Not known if there is none, if finding it fails, or if the store does not number its states.
+  virtual ValuePlace place_of_value(NodeId /*id*/) { return {}; }
 
   // Calls `visit` for each child in byte order of the names, until it returns a failure, which is returned. In an
   // Update the visit may change the tree, including the visited child. The name is valid during the visit.
@@ -160,6 +189,22 @@ class Store {
 
   // As read, for functions that visit many nodes. They run once, on one state, however long they take.
   virtual Status read_all(FunctionRef<Status(View&)> function) = 0;
+
+  // The number of the latest committed state, without a request; 0 if that is not known. Every write that has been
+  // acknowledged, to whichever process, is part of the state of this number or of one before it. While a commit is
+  // being made durable, the number may already be that of the new state, which no view shows yet: what was read from a
+  // view is therefore labelled with the view's number. As long as the label equals the latest number, what was read is
+  // up to date.
+  virtual std::uint64_t latest_state() { return 0; }
+
+  // Copies the bytes of a value that a view of `state` found at `place`, if that state is the latest one and remains so
+  // meanwhile. A value that does not fit into `buffer` is not copied. Returns true if `*type` (unless it does not fit)
+  // and `*size` are set. Otherwise the buffer is unchanged, and the value has to be read through a view, which also
+  // tells what is wrong with a damaged one.
+  virtual bool copy_value(std::uint64_t /*state*/, NodeId /*id*/, const ValuePlace& /*place*/,
+                          std::span<std::byte> /*buffer*/, std::int32_t* /*type*/, std::size_t* /*size*/) {
+    return false;
+  }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
   // failure that it returns is returned, and nothing is changed.

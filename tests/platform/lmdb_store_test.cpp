@@ -5,8 +5,10 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <filesystem>
@@ -204,6 +206,67 @@ TEST_F(Lmdb, ATruncatedFileIsReportedInsteadOfEndingTheProcess) {
     EXPECT_NE(read.text().find("was truncated"), std::string::npos) << read.text();
     EXPECT_TRUE(set_text(*store, id, "x").is(PRTKV_STORAGE_FAILED));
   }
+}
+
+TEST_F(Lmdb, TheLatestStateIsThatOfTheLastAcknowledgedWrite) {
+  const auto store = open();
+  const auto state = [&] {
+    std::uint64_t number = 0;
+    EXPECT_TRUE(store
+                    ->read([&](View& view) {
+                      number = view.state();
+                      return Status();
+                    })
+                    .ok());
+    return number;
+  };
+  const std::uint64_t before = store->latest_state();
+  EXPECT_EQ(before, state());
+  ASSERT_TRUE(set_text(*store, kRootNode, "here").ok());
+  EXPECT_EQ(store->latest_state(), before + 1);
+  EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "elsewhere").ok() ? 0 : 1; }), 0);
+  EXPECT_EQ(store->latest_state(), before + 2);
+  EXPECT_EQ(store->latest_state(), state());
+  EXPECT_EQ(in_child([&] { return static_cast<int>(store->latest_state()); }), 0) << "in a child of the process";
+}
+
+TEST_F(Lmdb, AValueIsCopiedFromItsPlaceOnlyInTheStateThatItWasFoundIn) {
+  const auto store = open();
+  ASSERT_TRUE(set_text(*store, kRootNode, "first").ok());
+  std::uint64_t state = 0;
+  ValuePlace place;
+  ASSERT_TRUE(store
+                  ->read([&](View& view) {
+                    state = view.state();
+                    place = view.place_of_value(kRootNode);
+                    return Status();
+                  })
+                  .ok());
+  std::array<std::byte, 8> buffer{};
+  std::int32_t type = 0;
+  std::size_t size = 0;
+  ASSERT_TRUE(store->copy_value(state, kRootNode, place, buffer, &type, &size));
+  EXPECT_EQ(type, 3);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), size), "first");
+  EXPECT_FALSE(store->copy_value(state, kRootNode + 1, place, buffer, &type, &size)) << "the record of another node";
+  std::array<std::byte, 2> small{};
+  ASSERT_TRUE(store->copy_value(state, kRootNode, place, small, &type, &size));
+  EXPECT_EQ(size, 5u);
+  EXPECT_EQ(small, (std::array<std::byte, 2>{}));
+  ASSERT_TRUE(set_text(*store, kRootNode, "second").ok());
+  EXPECT_FALSE(store->copy_value(state, kRootNode, place, buffer, &type, &size));
+}
+
+TEST_F(Lmdb, ATruncatedFileHasNoLatestState) {
+  const auto store = open();
+  ASSERT_NE(store->latest_state(), 0u);
+  fs::resize_file(data_file(), 0);
+  struct timespec tick {};
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
+  do clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  while (now.tv_nsec == tick.tv_nsec && now.tv_sec == tick.tv_sec);
+  EXPECT_EQ(store->latest_state(), 0u);
 }
 
 // Blocks on the disk, in bytes.

@@ -4,12 +4,14 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "store/lmdb/assertion.h"
@@ -96,6 +98,7 @@ Status Environment::open_anew(const LmdbOptions& options, std::unique_ptr<const 
   std::unique_ptr<Environment, Delete> fresh(new Environment(options, std::move(files)));
   if (Status status = fresh->open(options.read_only); !status.ok()) return status;
   if (Status status = fresh->check_version(); !status.ok()) return status;
+  fresh->meta_pages_.open(fresh->file(), fresh->map_.page_size);
   fresh->users_ = 1;
   table.open.push_back(fresh.get());
   environment->reset(fresh.release());
@@ -152,6 +155,35 @@ Status Environment::check_size() {
   if (size >= seen) return {};
   return {PRTKV_STORAGE_FAILED, "the registry's file in '" + directory_ + "' was truncated from " +
                                     std::to_string(seen) + " to " + std::to_string(size) + " bytes"};
+}
+
+// As check_size, but looks at the file only once in a tick of the coarse clock: a system call would cost as much as all
+// the rest of a cached read.
+bool Environment::has_kept_its_size() {
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  const std::int64_t tick = now.tv_sec * 1'000'000'000 + now.tv_nsec;
+  if (size_checked_.load(std::memory_order_relaxed) == tick) return true;
+  if (!check_size().ok()) return false;
+  size_checked_.store(tick, std::memory_order_relaxed);
+  return true;
+}
+
+std::uint64_t Environment::latest_state() {
+  const bool usable = fork_generation_ == fork_generation.load(std::memory_order_relaxed) &&
+                      !files_replaced_.load(std::memory_order_relaxed);
+  return usable && has_kept_its_size() ? meta_pages_.latest() : 0;
+}
+
+bool Environment::copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {
+  if (latest_state() != state) return false;
+  ReaderSlot* const slot = readers_.try_claim();  // keeps the map from being replaced
+  if (slot == nullptr) return false;
+  const bool exists = map_.address != nullptr && offset <= map_.size && copy.size() <= map_.size - offset;
+  if (exists) std::memcpy(copy.data(), map_.address + offset, copy.size());
+  readers_.release(*slot);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return exists && meta_pages_.latest() == state;
 }
 
 Status Environment::failure(LmdbOutcome outcome, const char* doing) const {

@@ -15,11 +15,13 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 
 #include "store/lmdb/error.h"
 #include "store/lmdb/file_state.h"
 #include "store/lmdb/lmdb_store.h"
+#include "store/lmdb/meta_page_map.h"
 #include "store/lmdb/reader_pool.h"
 #include "store/lmdb/registry_files.h"
 #include "store/lmdb/writer_lock.h"
@@ -58,6 +60,14 @@ class Environment {
   // The data file, for use within a transaction.
   int file() const;
 
+  // See Store::latest_state. 0 in a forked child, where the meta pages cannot be mapped, and after the registry's files
+  // were found replaced or truncated. A truncated file is noticed when the coarse clock next ticks.
+  std::uint64_t latest_state();
+
+  // Copies bytes of the data file that belong to the state of this number. Returns true if that state was the latest
+  // throughout: LMDB overwrites no page of a state before the second commit after it. `copy` is unspecified otherwise.
+  bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
+
  private:
   friend class ReadTransaction;
   friend class WriteTransaction;
@@ -76,6 +86,7 @@ class Environment {
   Status check_version();
   Status extend_short_file();
   Status check_size();
+  bool has_kept_its_size();
   Status check_files();
   Status files_replaced() const;
 
@@ -100,7 +111,9 @@ class Environment {
   bool read_only_ = false;
   std::size_t users_ = 0;  // guarded by the table of environments
   std::atomic<bool> files_replaced_{false};
-  std::atomic<std::uint64_t> seen_size_{0};  // of the data file, in bytes; it never shrinks
+  std::atomic<std::uint64_t> seen_size_{0};    // of the data file, in bytes; it never shrinks
+  std::atomic<std::int64_t> size_checked_{0};  // by has_kept_its_size(), the coarse clock's time
+  MetaPageMap meta_pages_;
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;

@@ -1,10 +1,13 @@
 #include "store/lmdb/lmdb_store.h"
 
+#include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -134,6 +137,9 @@ class LmdbStore final : public Store {
   Status read_all(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kLong, function);
   }
+  std::uint64_t latest_state() override { return environment_.latest_state(); }
+  bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
+                  std::int32_t* type, std::size_t* size) override;
   Status write(FunctionRef<Status(Update&)> function) override;
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
@@ -142,6 +148,8 @@ class LmdbStore final : public Store {
   Status status(StoreStatus* status) override;
 
  private:
+  bool copy_record(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
+                   std::int32_t* type, std::size_t* size);
   Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                     Totals* totals);
   Status check_and_repair(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
@@ -167,6 +175,36 @@ Status LmdbStore::read_for(ReadTransaction::Length length, FunctionRef<Status(Vi
   if (Status status = transaction.begin(); !status.ok()) return status;
   LmdbView view(transaction);
   return function(view);
+}
+
+bool LmdbStore::copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
+                           std::int32_t* type, std::size_t* size) {
+  const bool fits = place.value_size <= buffer.size();
+  if (!place.is_known()) return false;
+  if (fits && place.record_size != 0) return copy_record(state, id, place, buffer, type, size);
+  if (environment_.latest_state() != state) return false;
+  if (fits) *type = 0;
+  *size = place.value_size;
+  return true;
+}
+
+// The record is copied before it is verified: what is in the map may change until the copy is known to be good. Large
+// records are left to transactions, which protect them, so that they need not be copied twice.
+bool LmdbStore::copy_record(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
+                            std::int32_t* type, std::size_t* size) {
+  std::array<std::byte, 4096> bytes;
+  Value value;
+  if (place.record_size > bytes.size()) return false;
+  const auto record = std::span(bytes).first(place.record_size);
+  const bool done = environment_.copy_from_latest(state, place.offset, record) &&
+                    decode_value(id, record, &value).ok() && value.bytes.size() == place.value_size;
+  if (done) {
+    *type = value.type;
+    *size = value.bytes.size();
+    std::memcpy(buffer.data(), value.bytes.data(), value.bytes.size());
+  }
+  ::explicit_bzero(record.data(), record.size());  // values may be secrets
+  return done;
 }
 
 Status LmdbStore::may_write() const {

@@ -12,31 +12,38 @@ class LmdbView final : public View {
  public:
   explicit LmdbView(const ReadTransaction& transaction) : transaction_(transaction) {}
 
+  std::uint64_t state() override { return file_state().transaction; }
   Status find(NodeId parent, std::string_view name, Node* node) override {
-    return find_node(state(), parent, name, node);
+    return find_node(file_state(), parent, name, node);
   }
-  Status value(NodeId id, Value* value) override { return find_value(state(), id, value); }
+  Status value(NodeId id, Value* value) override { return find_value(file_state(), id, value); }
+  Status value_up_to(NodeId id, std::size_t capacity, Value* value, std::size_t* size, ValuePlace* place) override {
+    return find_value_up_to(file_state(), id, capacity, value, size, place);
+  }
+  ValuePlace place_of_value(NodeId id) override { return store::place_of_value(file_state(), id); }
   Status children(NodeId parent, VisitChild visit) override {
-    return visit_children(state(), parent, visit, kEndAtDamage);
+    return visit_children(file_state(), parent, visit, kEndAtDamage);
   }
   Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override {
-    return visit_children(state(), parent, visit, damaged);
+    return visit_children(file_state(), parent, visit, damaged);
   }
-  Status has_children(NodeId parent, bool* answer) override { return store::has_children(state(), parent, answer); }
+  Status has_children(NodeId parent, bool* answer) override {
+    return store::has_children(file_state(), parent, answer);
+  }
 
   // Read once for each state.
   std::uint64_t structure() override {
     ReaderSlot& slot = transaction_.slot();
-    if (slot.structure_state == state().transaction) return slot.structure;
+    if (slot.structure_state == file_state().transaction) return slot.structure;
     Meta meta;
-    if (!find_meta(state(), &meta).ok()) return 0;
-    slot.structure_state = state().transaction;
+    if (!find_meta(file_state(), &meta).ok()) return 0;
+    slot.structure_state = file_state().transaction;
     slot.structure = meta.structure;
     return meta.structure;
   }
 
  private:
-  const FileState& state() const { return transaction_.state(); }
+  const FileState& file_state() const { return transaction_.state(); }
 
   const ReadTransaction& transaction_;
 };

@@ -10,7 +10,7 @@ std::size_t first_choice() {
   return kChoice;
 }
 
-bool try_claim(ReaderSlot& slot) {
+bool take_if_free(ReaderSlot& slot) {
   std::uint32_t free = 0;
   return slot.busy.load(std::memory_order_relaxed) == 0 && slot.busy.compare_exchange_strong(free, 1);
 }
@@ -36,12 +36,19 @@ ReaderSlot& ReaderPool::claim(bool nested) {
   }
 }
 
+ReaderSlot* ReaderPool::try_claim() {
+  ReaderSlot& slot = claim_free();
+  if (closed_.load() == 0) return &slot;
+  release(slot);
+  return nullptr;
+}
+
 ReaderSlot& ReaderPool::claim_free() {
   const std::size_t choice = first_choice();
   for (Chunk* chunk = &first_;; chunk = &next_of(*chunk)) {
     for (std::size_t i = 0; i < kChunkSize; ++i) {
       ReaderSlot& slot = chunk->slots[(choice + i) % kChunkSize];
-      if (try_claim(slot)) return slot;
+      if (take_if_free(slot)) return slot;
     }
   }
 }
@@ -108,7 +115,7 @@ void ReaderPool::for_each(FunctionRef<void(ReaderSlot&)> function) {
 
 void ReaderPool::for_each_free(FunctionRef<void(ReaderSlot&)> function) {
   for_each([&](ReaderSlot& slot) {
-    if (!try_claim(slot)) return;
+    if (!take_if_free(slot)) return;
     function(slot);
     release(slot);
   });

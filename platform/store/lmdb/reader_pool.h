@@ -47,6 +47,10 @@ class ReaderPool {
   // Waits while the gate is closed. `nested` means that this thread has already claimed a slot: it passes the closed
   // gate, because the thread that closed it is waiting for that slot.
   ReaderSlot& claim(bool nested);
+
+  // As claim, but returns null instead of waiting.
+  ReaderSlot* try_claim();
+
   void release(ReaderSlot& slot);
 
   // Announces a reader that may take long. Called before claim() and after release().

@@ -93,19 +93,64 @@ Status find_node(const FileState& state, NodeId parent, std::string_view name, N
   return decode_child(parent, name, record, node);
 }
 
-Status find_value(const FileState& state, NodeId id, Value* value) {
+namespace {
+
+// A record that is absent has no bytes.
+Status find_value_record(const FileState& state, NodeId id, std::span<const std::byte>* record) {
   const Key key = Key::value(id);
   TreeCursor cursor(state);
   bool found = false;
+  *record = {};
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
-  if (!found) {
-    if (PageDamage damage = confirm_absence(cursor, key, DamageBeside::kReport)) return failed(state, damage);
-    *value = Value{};
-    return {};
-  }
+  const PageDamage damage = found ? cursor.record(record) : confirm_absence(cursor, key, DamageBeside::kReport);
+  if (damage) return failed(state, damage);
+  if (found && record->empty()) return decode_value_of(id, *record, nullptr);
+  return {};
+}
+
+ValuePlace place_of_record(const FileState& state, std::span<const std::byte> record, std::size_t size) {
+  ValuePlace place;
+  place.offset = static_cast<std::uint64_t>(record.data() - state.map.address);
+  place.record_size = static_cast<std::uint32_t>(record.size());
+  place.value_size = static_cast<std::uint32_t>(size);
+  return place;
+}
+
+}  // namespace
+
+Status find_value(const FileState& state, NodeId id, Value* value) {
   std::span<const std::byte> record;
-  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
-  return decode_value_of(id, record, value);
+  if (Status status = find_value_record(state, id, &record); !status.ok()) return status;
+  if (!record.empty()) return decode_value_of(id, record, value);
+  *value = Value{};
+  return {};
+}
+
+Status find_value_up_to(const FileState& state, NodeId id, std::size_t capacity, Value* value, std::size_t* size,
+                        ValuePlace* place) {
+  std::span<const std::byte> record;
+  std::size_t found = 0;
+  if (Status status = find_value_record(state, id, &record); !status.ok()) return status;
+  *value = Value{};
+  *size = 0;
+  *place = kNoValue;
+  if (record.empty()) return {};
+  if (!read_value_size(record, &found) || found <= capacity) {
+    if (Status status = decode_value_of(id, record, value); !status.ok()) return status;
+  }
+  *size = found;
+  *place = place_of_record(state, record, found);
+  return {};
+}
+
+ValuePlace place_of_value(const FileState& state, NodeId id) {
+  const Key key = Key::value(id);
+  TreeCursor cursor(state);
+  std::span<const std::byte> record;
+  bool found = false;
+  std::size_t size = 0;
+  if (cursor.seek(key.bytes(), &found) || !found || cursor.record(&record)) return {};
+  return read_value_size(record, &size) ? place_of_record(state, record, size) : ValuePlace{};
 }
 
 namespace {

@@ -5,6 +5,7 @@
 #ifndef TKV_PLATFORM_STORE_LMDB_TREE_H
 #define TKV_PLATFORM_STORE_LMDB_TREE_H
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -26,6 +27,9 @@ constexpr auto kEndAtDamage = [](std::string_view /*name*/, const Status& damage
 // See View.
 Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node);
 Status find_value(const FileState& state, NodeId id, Value* value);
+Status find_value_up_to(const FileState& state, NodeId id, std::size_t capacity, Value* value, std::size_t* size,
+                        ValuePlace* place);
+ValuePlace place_of_value(const FileState& state, NodeId id);
 Status find_meta(const FileState& state, Meta* meta);
 // Refuses a registry whose record of itself has a newer format.
 Status check_format(const FileState& state);
