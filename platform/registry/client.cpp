@@ -29,4 +29,11 @@ Status SecurityChange::apply(sec_attr* security) const {
   return {};
 }
 
+Status Client::find(const KeyRef& key, KeyId* id) {
+  KnownKey known;
+  Status status = look_up(key, &known);
+  if (status.ok()) *id = known.id;
+  return status;
+}
+
 }  // namespace tkv::registry

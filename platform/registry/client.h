@@ -31,6 +31,7 @@
 #ifndef TKV_PLATFORM_REGISTRY_CLIENT_H
 #define TKV_PLATFORM_REGISTRY_CLIENT_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -60,6 +61,16 @@ struct KeyRef {
 
   std::string_view name;
   KeyId id = kAnyKey;
+};
+
+// What a client found out about a key, for reading the key again at less cost. It holds as long as the registry is in
+// the state that it was read from, which the client checks on each use: what is out of date is of no use, but never
+// wrong. To everybody but the client that filled it in, `place` is opaque.
+struct KnownKey {
+  KeyId id = kAnyKey;
+  Rights rights = 0;                     // of the client's identity
+  std::uint64_t state = 0;               // see Client::latest_state; 0: nothing is known but the id
+  std::array<std::uint64_t, 2> place{};  // of the value
 };
 
 // A value as the registry stores it. Type 0 without bytes: none was ever written. The type is not interpreted.
@@ -267,8 +278,18 @@ class Client {
 
   // --- One key ---
 
+  // The number of the registry's latest state, without a request; 0 if that is not known. Later states have larger
+  // numbers, and every change that has been acknowledged to anybody is part of the state of this number or of one
+  // before it. The number may be one ahead of what a read shows: label what was read with KnownKey::state, never with
+  // this.
+  virtual std::uint64_t latest_state() = 0;
+
   // Looks up a key. Needs no right. Returns PRTKV_NO_SUCH_KEY if there is none.
-  virtual Status find(const KeyRef& key, KeyId* id) = 0;
+  Status find(const KeyRef& key, KeyId* id);
+
+  // As find, but tells more. On entry, `*known` holds what an earlier call found out about the key of this name, or
+  // nothing; it is left as it is if it still holds.
+  virtual Status look_up(const KeyRef& key, KnownKey* known) = 0;
 
   // Needs TKV_RIGHT_READ.
   virtual Status stat(const KeyRef& key, KeyInfo* info) = 0;
@@ -277,9 +298,11 @@ class Client {
   // After a failure `*value` is unspecified.
   virtual Status read_value(const KeyRef& key, TypedValue* value) = 0;
 
-  // As read_value, but copies the bytes only if there are at most `capacity`; `value->bytes` is empty otherwise.
-  // `*size` receives their number in either case.
-  virtual Status read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) = 0;
+  // Reads the value of the key that has the name and `known->id`, and brings `*known` up to date. Needs
+  // TKV_RIGHT_READ. `*size` receives the number of its bytes. If they do not fit into `buffer`, nothing is copied and
+  // `*type` is left as it is; this is not a failure. A failure leaves the buffer as it is.
+  virtual Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                            std::size_t* size) = 0;
 
   // Needs TKV_RIGHT_READ.
   virtual Status read_security(const KeyRef& key, sec_attr* security) = 0;

@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <mutex>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -50,14 +49,17 @@ class Contexts {
     return {};
   }
 
-  Status run(prtkv_ctx ctx, FunctionRef<void(Session&)> operation) {
+  // Runs `operation` on the session of a context, and then `record` on the session and the result.
+  template <typename Operation, typename Record>
+  std::int32_t run(prtkv_ctx ctx, Operation operation, Record record) {
     Handle handle{};
     Slot* slot = find_slot(ctx, &handle);
     if (slot == nullptr) return PRTKV_INVALID_HANDLE;
     const std::lock_guard lock(slot->mutex);
     if (slot->serial != handle.serial) return PRTKV_INVALID_HANDLE;
-    operation(*slot->session);
-    return {};
+    const Status ended = without_session([&] { return operation(*slot->session); });
+    record(*slot->session, ended);
+    return ended.code();
   }
 
  private:
@@ -98,30 +100,12 @@ Status add_context(std::unique_ptr<Session> session, prtkv_ctx* ctx) { return co
 
 Status remove_context(prtkv_ctx ctx) { return contexts().remove(ctx); }
 
-Status without_session(FunctionRef<Status()> operation) noexcept {
-  try {
-    return operation();
-  } catch (const std::bad_alloc&) {
-    return PRTKV_OUT_OF_MEMORY;
-  } catch (...) {
-    return PRTKV_UNKNOWN;
-  }
-}
-
 std::int32_t inspect_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
-  Status ended;
-  const Status reached = without_session([&] {
-    return contexts().run(ctx, [&](Session& session) { ended = without_session([&] { return operation(session); }); });
-  });
-  return reached.ok() ? ended.code() : reached.code();
+  return contexts().run(ctx, operation, [](Session&, const Status&) {});
 }
 
 std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
-  return inspect_session(ctx, [&](Session& session) {
-    Status ended = without_session([&] { return operation(session); });
-    session.record(ended);
-    return ended;
-  });
+  return contexts().run(ctx, operation, [](Session& session, const Status& ended) { session.record(ended); });
 }
 
 }  // namespace tkv::registry

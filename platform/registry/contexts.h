@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include "base/function_ref.h"
 #include "base/status.h"
@@ -27,7 +28,16 @@ std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation
 std::int32_t inspect_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept;
 
 // Runs an operation that needs no session. Handles exceptions likewise.
-Status without_session(FunctionRef<Status()> operation) noexcept;
+template <typename Operation>
+Status without_session(Operation&& operation) noexcept {
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return PRTKV_OUT_OF_MEMORY;
+  } catch (...) {
+    return PRTKV_UNKNOWN;
+  }
+}
 
 }  // namespace tkv::registry
 

@@ -3,54 +3,61 @@
 #ifndef TKV_PLATFORM_REGISTRY_DIRECTORY_CACHE_H
 #define TKV_PLATFORM_REGISTRY_DIRECTORY_CACHE_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <mutex>
-#include <string>
 #include <string_view>
-#include <unordered_map>
 
-#include "registry/name.h"
+#include "registry/recent_names.h"
 #include "store/store.h"
 
 namespace tkv::registry {
 
-// Any thread may call. Only for reads: what an update has created does not exist if the update fails.
+// Any thread may call; threads that look up different keys hardly ever wait for each other. Only for reads: what an
+// update has created does not exist if the update fails.
 class DirectoryCache {
  public:
   // The id of the key `name` under the store's `structure`, kNoNode if it is not known. A structure other than that of
   // the last call forgets everything; 0 knows nothing. Does not allocate.
   store::NodeId find(std::uint64_t structure, std::string_view name) {
-    const std::lock_guard lock(mutex_);
-    if (structure != structure_) {
-      ids_.clear();
-      structure_ = structure;
+    const std::size_t hash = Names::hash(name);
+    Shard& shard = shard_of(hash);
+    const std::lock_guard lock(shard.mutex);
+    if (structure != shard.structure) {
+      shard.ids.clear();
+      shard.structure = structure;
     }
     if (structure == 0) return store::kNoNode;
-    const auto found = ids_.find(name);
-    return found == ids_.end() ? store::kNoNode : found->second;
+    const store::NodeId* const found = shard.ids.find(name, hash);
+    return found == nullptr ? store::kNoNode : *found;
   }
 
   // Keeps what was found under `structure`, if that is still the structure of the last find(). Forgets everything if
-  // memory runs out or the cache is full.
+  // memory runs out.
   void keep(std::uint64_t structure, std::string_view name, store::NodeId id) noexcept {
-    const std::lock_guard lock(mutex_);
-    if (structure == 0 || structure != structure_) return;
-    try {
-      if (ids_.size() >= kMostEntries) ids_.clear();
-      ids_.emplace(name, id);
-    } catch (...) {
-      ids_.clear();
-    }
+    const std::size_t hash = Names::hash(name);
+    Shard& shard = shard_of(hash);
+    const std::lock_guard lock(shard.mutex);
+    if (structure == 0 || structure != shard.structure) return;
+    if (shard.ids.find(name, hash) == nullptr) shard.ids.add(name, hash, id);
   }
 
  private:
-  static constexpr std::size_t kMostEntries = 1024;
+  using Names = RecentNames<store::NodeId>;
+  static constexpr std::size_t kShards = 16;
+  static constexpr std::size_t kLeastNames = std::size_t{1} << 18;  // of all shards together
 
-  std::mutex mutex_;  // guards what follows
-  std::uint64_t structure_ = 0;
-  std::unordered_map<std::string, store::NodeId, NameHash, std::equal_to<>> ids_;
+  // The parents that a program uses are far fewer than its keys; the bound is there for those that use every key once.
+  struct alignas(64) Shard {
+    std::mutex mutex;  // guards what follows
+    std::uint64_t structure = 0;
+    Names ids{kLeastNames / kShards};
+  };
+
+  Shard& shard_of(std::size_t hash) { return shards_[hash >> 32 & (kShards - 1)]; }
+
+  std::array<Shard, kShards> shards_;
 };
 
 }  // namespace tkv::registry

@@ -1,6 +1,10 @@
 #include "registry/local_client.h"
 
+#include <string.h>
+
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "base/limits.h"
 #include "registry/check.h"
@@ -46,10 +50,18 @@ Status LocalClient::write(FunctionRef<Status(Writer& tree)> function) {
   });
 }
 
-Status LocalClient::find(const KeyRef& key, KeyId* id) {
-  Place place;
-  Status status = read([&](Reader& tree) { return tree.resolve(key, &place); });
-  if (status.ok()) *id = place.node.id;
+bool LocalClient::is_up_to_date(const KnownKey& known) {
+  return known.state != 0 && known.state == store_->latest_state();
+}
+
+Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
+  if (is_up_to_date(*known) && (key.id == kAnyKey || key.id == known->id)) return {};
+  KnownKey found = *known;
+  Status status = read([&](Reader& tree) {
+    found = *known;
+    return tree.look_up(key, &found);
+  });
+  if (status.ok()) *known = found;
   return status;
 }
 
@@ -61,19 +73,45 @@ Status LocalClient::stat(const KeyRef& key, KeyInfo* info) {
 }
 
 Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
-  std::size_t size = 0;
-  return read_value_up_to(key, kMaxValueSize, value, &size);
-}
-
-Status LocalClient::read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) {
   return read([&](Reader& tree) -> Status {
     store::Value found;
     if (Status status = tree.value(key, &found); !status.ok()) return status;
     value->type = found.type;
-    value->bytes.assign(characters(found.bytes), found.bytes.size() <= capacity ? found.bytes.size() : 0);
-    *size = found.bytes.size();
+    value->bytes.assign(characters(found.bytes), found.bytes.size());
     return {};
   });
+}
+
+Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                               std::size_t* size) {
+  if (known->state != 0 && (known->rights & TKV_RIGHT_READ) != 0 &&
+      store_->copy_value(known->state, known->id, place_of(*known), buffer, type, size)) {
+    return {};
+  }
+  KnownKey found;
+  std::int32_t found_type = 0;
+  std::size_t found_size = 0;
+  std::vector<std::byte> collected;  // from a store that may run the function again
+  Status status = read([&](Reader& tree) -> Status {
+    store::Value value;
+    found = *known;
+    Status read = tree.known_value(name, &found, buffer.size(), &value, &found_size);
+    if (!read.ok()) return read;
+    found_type = value.type;
+    if (tree.state() == 0) {
+      collected.assign(value.bytes.begin(), value.bytes.end());
+    } else {
+      std::copy(value.bytes.begin(), value.bytes.end(), buffer.begin());
+    }
+    return {};
+  });
+  if (!status.ok()) return status;
+  std::copy(collected.begin(), collected.end(), buffer.begin());
+  if (!collected.empty()) ::explicit_bzero(collected.data(), collected.size());  // values may be secrets
+  if (found_size <= buffer.size()) *type = found_type;
+  *size = found_size;
+  *known = found;
+  return {};
 }
 
 Status LocalClient::read_security(const KeyRef& key, sec_attr* security) {

@@ -18,10 +18,12 @@ class LocalClient final : public Client {
   const Identity& identity() const override { return identity_; }
   const Configuration& configuration() const override { return configuration_; }
 
-  Status find(const KeyRef& key, KeyId* id) override;
+  std::uint64_t latest_state() override { return store_->latest_state(); }
+  Status look_up(const KeyRef& key, KnownKey* known) override;
   Status stat(const KeyRef& key, KeyInfo* info) override;
   Status read_value(const KeyRef& key, TypedValue* value) override;
-  Status read_value_up_to(const KeyRef& key, std::size_t capacity, TypedValue* value, std::size_t* size) override;
+  Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                    std::size_t* size) override;
   Status read_security(const KeyRef& key, sec_attr* security) override;
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
                 std::span<const std::byte> bytes, KeyId* id) override;
@@ -50,6 +52,8 @@ class LocalClient final : public Client {
  private:
   // Runs `function` on one state of the tree. It may run more than once: it must set its results anew each time.
   Status read(FunctionRef<Status(Reader& tree)> function);
+
+  bool is_up_to_date(const KnownKey& known);
 
   // As read, but for functions that visit many keys. It runs once.
   Status read_all(FunctionRef<Status(Reader& tree)> function);

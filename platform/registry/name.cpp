@@ -22,8 +22,6 @@ bool is_trail(unsigned char byte) { return (byte & 0xc0) == 0x80; }
 
 // The size of the character at `at`, 0 if it is not well-formed modified UTF-8 or is NUL.
 std::size_t character_size(std::string_view text, std::size_t at) {
-  const unsigned char first = byte_at(text, at);
-  if (first < 0x80) return first == 0 ? 0 : 1;  // nearly every character
   const Utf8Character character = decode_utf8(text.substr(at), Utf8::modified);
   return character.code_point == 0 ? 0 : character.size;
 }
@@ -43,6 +41,11 @@ Status ill_formed() {
 Status level_too_long(std::size_t size) {
   return {PRTKV_INVALID_NAME,
           "invalid name: a level has " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxLevelSize)};
+}
+
+Status check_level_size(std::size_t size) {
+  if (size == 0) return empty_level();
+  return size > kMaxLevelSize ? level_too_long(size) : Status();
 }
 
 Status too_long(std::size_t size) {
@@ -67,20 +70,23 @@ Status check_name(std::string_view name) {
   if (name.size() > kMaxNameSize) return too_long(name.size());
   if (name.empty()) return {};
   std::size_t start = 0;  // of the level
-  std::size_t levels = 0;
-  for (std::size_t at = 0;;) {
-    if (at == name.size() || name[at] == kSeparator) {
-      if (at == start) return empty_level();
-      if (at - start > kMaxLevelSize) return level_too_long(at - start);
+  std::size_t levels = 1;
+  std::size_t at = 0;
+  while (at < name.size()) {
+    const unsigned char byte = byte_at(name, at);
+    if (byte == kSeparator) {
+      if (Status status = check_level_size(at - start); !status.ok()) return status;
       ++levels;
-      if (at == name.size()) break;
       start = ++at;
-      continue;
+    } else if (byte != 0 && byte < 0x80) {  // nearly every character
+      ++at;
+    } else {
+      const std::size_t size = character_size(name, at);
+      if (size == 0) return ill_formed();
+      at += size;
     }
-    const std::size_t size = character_size(name, at);
-    if (size == 0) return ill_formed();
-    at += size;
   }
+  if (Status status = check_level_size(at - start); !status.ok()) return status;
   return levels > kMaxLevels ? too_deep(levels) : Status();
 }
 

@@ -34,11 +34,12 @@ struct Argument {
   const char* name;
 };
 
+Status null_argument(const char* name) { return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name}; }
+
 // Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
-Status demand(std::initializer_list<Argument> arguments) {
-  for (const Argument& argument : arguments) {
-    if (argument.pointer == nullptr) return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + argument.name};
-  }
+inline Status demand(std::initializer_list<Argument> arguments) {
+  for (const Argument& argument : arguments)
+    if (argument.pointer == nullptr) return null_argument(argument.name);
   return {};
 }
 

@@ -42,7 +42,7 @@ class Session::Reservation {
       if (session_.keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
       // So that freeing a slot never allocates.
       if (session_.free_.capacity() <= session_.keys_.size()) session_.free_.reserve(2 * session_.keys_.size() + 8);
-      session_.keys_.emplace_back();
+      session_.keys_.push_back(std::make_unique<OpenKey>());
       index_ = session_.keys_.size() - 1;
     } else {
       index_ = session_.free_.back();
@@ -62,11 +62,11 @@ class Session::Reservation {
     return {};
   }
 
-  OpenKey& key() { return session_.keys_[index_]; }
+  OpenKey& key() { return *session_.keys_[index_]; }
 
-  prtkv_key give(KeyId id) {
+  prtkv_key give(const KnownKey& known) {
     taken_ = false;
-    key().id = id;
+    key().known = known;
     key().checked = session_.lost_.now();
     key().serial = next_serial();
     return encode_handle(HandleKind::kKey, {key().serial, index_});
@@ -79,7 +79,7 @@ class Session::Reservation {
 };
 
 void Session::release(std::size_t index) noexcept {
-  OpenKey& key = keys_[index];
+  OpenKey& key = *keys_[index];
   key.serial = 0;
   key.gone = false;
   key.listed = false;
@@ -90,16 +90,16 @@ void Session::release(std::size_t index) noexcept {
 }
 
 // An open key, whether it is gone or not. Null if the handle is not open.
-Session::OpenKey* Session::find(prtkv_key handle) {
-  Handle wanted{};
-  if (!decode_handle(HandleKind::kKey, handle, &wanted) || wanted.index >= keys_.size()) return nullptr;
-  OpenKey& found = keys_[wanted.index];
-  return found.serial == wanted.serial ? &found : nullptr;
+Session::OpenKey* Session::find(prtkv_key handle, Handle* place) {
+  if (!decode_handle(HandleKind::kKey, handle, place) || place->index >= keys_.size()) return nullptr;
+  OpenKey& found = *keys_[place->index];
+  return found.serial == place->serial ? &found : nullptr;
 }
 
 // An open key that is not known to be gone. Null otherwise, with the reason in `*reason`.
 Session::OpenKey* Session::find_live(prtkv_key handle, Status* reason) {
-  OpenKey* found = find(handle);
+  Handle place{};
+  OpenKey* found = find(handle, &place);
   if (found != nullptr && !is_gone(*found)) return found;
   *reason = found == nullptr ? invalid_handle() : Status(PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist");
   return nullptr;
@@ -122,7 +122,7 @@ bool Session::is_gone(OpenKey& key) noexcept {
 // checked once, which costs no more than the deletions before.
 void Session::prepare_losses(std::initializer_list<std::string_view> names) {
   if (lost_.size() >= kMostLostNames + keys_.size()) {
-    for (OpenKey& key : keys_) (void)is_gone(key);
+    for (const auto& key : keys_) (void)is_gone(*key);
     lost_.clear();
   }
   for (const std::string_view name : names) lost_.prepare(name);
@@ -134,19 +134,21 @@ void Session::record(const Status& status) noexcept {
 }
 
 Status Session::open_key(std::string_view name, prtkv_key* key) {
-  KeyId id = kAnyKey;
+  KnownKey fresh;
+  KnownKey* const before = known_.find(name);
+  KnownKey* const known = before != nullptr ? before : &fresh;
+  if (Status status = client_->look_up(name, known); !status.ok()) return status;
   Reservation slot(*this);
-  if (Status status = client_->find(name, &id); !status.ok()) return status;
   if (Status taken = slot.take(); !taken.ok()) return taken;
   slot.key().name.assign(name);
-  *key = slot.give(id);
+  *key = slot.give(*known);
+  if (before == nullptr) known_.note(name, fresh);
   return {};
 }
 
 Status Session::close_key(prtkv_key key) {
-  if (find(key) == nullptr) return invalid_handle();
   Handle handle{};
-  (void)decode_handle(HandleKind::kKey, key, &handle);
+  if (find(key, &handle) == nullptr) return invalid_handle();
   release(handle.index);
   return {};
 }
@@ -158,9 +160,9 @@ Status Session::create_key(prtkv_key parent, std::string_view name, const sec_at
   if (above == nullptr) return status;
   Reservation slot(*this);
   if (status = slot.take_below(*above, name); !status.ok()) return status;
-  KeyId id = kAnyKey;
-  status = client_->create(above->ref(), name, security, type, value, &id);
-  if (status.ok()) *key = slot.give(id);
+  KnownKey created;
+  status = client_->create(above->ref(), name, security, type, value, &created.id);
+  if (status.ok()) *key = slot.give(created);
   return status;
 }
 
@@ -183,12 +185,12 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
   Reservation slot(*this);
   if (status = slot.take_below(*above, name); !status.ok()) return status;
   prepare_losses({from->name, slot.key().name});
-  KeyId id = kAnyKey;
-  status = client_->move(from->ref(), above->ref(), name, replace, &id);
+  KnownKey target;
+  status = client_->move(from->ref(), above->ref(), name, replace, &target.id);
   if (!status.ok()) return status;
   lost_.add(from->name);
   lost_.add(slot.key().name);
-  *moved = slot.give(id);
+  *moved = slot.give(target);
   return {};
 }
 
@@ -237,19 +239,13 @@ Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::
   Status status;
   OpenKey* found = find_live(key, &status);
   if (found == nullptr) return status;
-  std::size_t found_size = 0;
-  status = settle(*found, client_->read_value_up_to(found->ref(), *size, &value_, &found_size));
-  if (!status.ok()) return status;
   const std::uint32_t offered = *size;
+  const std::span bytes(static_cast<std::byte*>(buffer), offered);
+  std::size_t found_size = 0;
+  status = settle(*found, client_->read_known(found->name, &found->known, bytes, type, &found_size));
+  if (!status.ok()) return status;
   *size = static_cast<std::uint32_t>(found_size);
-  if (found_size > offered) return too_small(offered, found_size);
-  *type = value_.type;
-  if (found_size > 0) {
-    std::memcpy(buffer, value_.bytes.data(), found_size);
-    ::explicit_bzero(value_.bytes.data(), found_size);  // values may be secrets
-  }
-  if (value_.bytes.capacity() > kKeptBytes) std::string().swap(value_.bytes);
-  return {};
+  return found_size <= offered ? Status() : too_small(offered, found_size);
 }
 
 Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value) {

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <initializer_list>
 #include <memory>
 #include <span>
@@ -16,6 +15,8 @@
 
 #include "prtkv.h"
 #include "registry/client.h"
+#include "registry/handle.h"
+#include "registry/known_keys.h"
 #include "registry/lost_names.h"
 
 namespace tkv::registry {
@@ -58,7 +59,7 @@ class Session {
   struct OpenKey {
     std::uint64_t serial = 0;  // of the handle, 0 if the slot is free
     std::string name;
-    KeyId id = kAnyKey;
+    KnownKey known;
     bool gone = false;          // it was found deleted or moved away
     std::uint64_t checked = 0;  // the losses of this session that are accounted for in `gone`
     bool listed = false;        // the list of subkeys was taken
@@ -66,11 +67,11 @@ class Session {
     std::size_t next = 0;       // where the next one begins
     std::int32_t remaining = 0;
 
-    KeyRef ref() const { return {name, id}; }
+    KeyRef ref() const { return {name, known.id}; }
   };
   class Reservation;
 
-  OpenKey* find(prtkv_key handle);
+  OpenKey* find(prtkv_key handle, Handle* place);
   OpenKey* find_live(prtkv_key handle, Status* reason);
   Status settle(OpenKey& key, Status status);
   Status list_subkeys(OpenKey& key);
@@ -79,10 +80,10 @@ class Session {
   void prepare_losses(std::initializer_list<std::string_view> names);
 
   const std::shared_ptr<Client> client_;
-  std::deque<OpenKey> keys_;       // only grows, so that references remain valid; free slots keep their memory
-  std::vector<std::size_t> free_;  // indexes into keys_
+  std::vector<std::unique_ptr<OpenKey>> keys_;  // only grows; free slots keep their memory
+  std::vector<std::size_t> free_;               // indexes into keys_
   LostNames lost_;
-  TypedValue value_;  // on its way to the caller
+  KnownKeys known_;
   prtkv_result last_code_ = PRTKV_DONE;
   std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
   std::size_t last_size_ = 0;

@@ -143,6 +143,46 @@ Status Reader::resolve(const KeyRef& key, Place* place) {
   return {};
 }
 
+void Reader::learn(const store::Node& node, const store::ValuePlace& place, KnownKey* known) {
+  known->id = node.id;
+  known->rights = rights_of(identity_, node.security);
+  known->state = view_.state();
+  known->place = std::bit_cast<decltype(known->place)>(place);
+}
+
+Status Reader::look_up(const KeyRef& key, KnownKey* known) {
+  const std::uint64_t state = view_.state();
+  const bool is_known = state != 0 && state == known->state;
+  if (is_known && (key.id == kAnyKey || key.id == known->id)) return {};
+  Place place;
+  if (Status status = resolve(key, &place); !status.ok()) return status;
+  learn(place.node, state == 0 ? store::ValuePlace{} : view_.place_of_value(place.node.id), known);
+  return {};
+}
+
+Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t capacity, store::Value* value,
+                           std::size_t* size) {
+  const std::uint64_t state = view_.state();
+  Place found;
+  found.node.id = known->id;
+  const bool may_read = (known->rights & TKV_RIGHT_READ) != 0;
+  const bool is_known = state != 0 && state == known->state && may_read;
+  if (!is_known) {
+    if (Status status = resolve({name, known->id}, &found); !status.ok()) return status;
+    Status status = demand(TKV_RIGHT_READ, name, found.node, "reading its value");
+    if (!status.ok()) return status;
+  }
+  store::ValuePlace place;
+  Status status = view_.value_up_to(found.node.id, capacity, value, size, &place);
+  if (!status.ok()) return at_key(status, name);
+  if (is_known) {
+    known->place = std::bit_cast<decltype(known->place)>(place);
+  } else {
+    learn(found.node, place, known);
+  }
+  return {};
+}
+
 Status Reader::demand(Rights right, std::string_view name, const store::Node& node, const char* doing) const {
   if ((rights_of(identity_, node.security) & right) == right) return {};
   return {PRTKV_ACCESS_DENIED, describe(name) + ": access denied, " + doing + " needs the right " + hexadecimal(right)};

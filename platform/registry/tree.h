@@ -13,6 +13,8 @@
 #ifndef TKV_PLATFORM_REGISTRY_TREE_H
 #define TKV_PLATFORM_REGISTRY_TREE_H
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -33,6 +35,10 @@ namespace tkv::registry {
 
 static_assert(std::is_same_v<KeyId, store::NodeId>);
 
+// The place of a value in a KnownKey.
+static_assert(sizeof(KnownKey::place) == sizeof(store::ValuePlace));
+inline store::ValuePlace place_of(const KnownKey& known) { return std::bit_cast<store::ValuePlace>(known.place); }
+
 // A node and where it hangs. The root hangs under kNoNode.
 struct Place {
   store::NodeId parent = store::kNoNode;
@@ -49,6 +55,16 @@ class Reader {
 
   // Finds a key. Needs no right. Returns PRTKV_NO_SUCH_KEY if there is none.
   Status resolve(const KeyRef& key, Place* place);
+
+  // As Client::look_up. What `*known` says is left as it is if it was read from the state that this reader sees.
+  Status look_up(const KeyRef& key, KnownKey* known);
+
+  // As Client::read_known, but leaves the value where it is: the bytes of `*value` remain the store's.
+  Status known_value(std::string_view name, KnownKey* known, std::size_t capacity, store::Value* value,
+                     std::size_t* size);
+
+  // The number of the state that this reader sees; 0 if the store does not number its states.
+  std::uint64_t state() { return view_.state(); }
 
   // Tells whether there is a key of this name. Needs no right.
   Status exists(std::string_view name, bool* answer);
@@ -75,6 +91,7 @@ class Reader {
 
  private:
   Status find_parent(std::string_view name, store::NodeId* id);
+  void learn(const store::Node& node, const store::ValuePlace& place, KnownKey* known);
   Status read_info(std::string_view name, const store::Node& node, KeyInfo* info);
 
   store::View& view_;

@@ -52,7 +52,9 @@ TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
   }
   char buffer[1024];
   std::uint32_t size = 0;
-  for (const char* name : names) ASSERT_TRUE(read_once(ctx, name, buffer, sizeof buffer, &size));
+  for (int reads = 0; reads < 2; ++reads) {  // the second one takes the key into the cache of known keys
+    for (const char* name : names) ASSERT_TRUE(read_once(ctx, name, buffer, sizeof buffer, &size));
+  }
   const long before = allocations.load();
   int failed = 0;
   for (int n = 0; n < 1000; ++n) {

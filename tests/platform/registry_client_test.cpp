@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -106,15 +107,20 @@ TEST_F(ClientTest, ReadValueGivesTypeAndBytes) {
   EXPECT_EQ(value, TypedValue{});
 }
 
-TEST_F(ClientTest, ReadValueUpToACapacityGivesTheSizeAndOnlyBytesThatFit) {
-  TypedValue value;
+TEST_F(ClientTest, ReadKnownGivesTheSizeAndOnlyBytesThatFit) {
+  KnownKey known;
+  std::array<std::byte, 4> buffer{};
+  std::int32_t type = 9;
   std::size_t size = 0;
-  ASSERT_TRUE(bob_->read_value_up_to("a", 2, &value, &size).ok());
+  ASSERT_TRUE(bob_->look_up("a", &known).ok());
+  ASSERT_TRUE(bob_->read_known("a", &known, std::span(buffer).first(2), &type, &size).ok());
   EXPECT_EQ(size, 3U);
-  EXPECT_EQ(value, (TypedValue{PRTKV_TYPE_TEXT, ""}));
-  ASSERT_TRUE(bob_->read_value_up_to("a", 3, &value, &size).ok());
+  EXPECT_EQ(type, 9);
+  EXPECT_EQ(buffer, (std::array<std::byte, 4>{}));
+  ASSERT_TRUE(bob_->read_known("a", &known, buffer, &type, &size).ok());
   EXPECT_EQ(size, 3U);
-  EXPECT_EQ(value.bytes, "one");
+  EXPECT_EQ(type, PRTKV_TYPE_TEXT);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data())), "one");
 }
 
 TEST_F(ClientTest, CreateMakesAKeyWithItsValueAndSecurity) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "registry/known_keys.h"
 #include "registry/tree.h"
 #include "registry_fixture.h"
 
@@ -642,6 +643,45 @@ TEST(Cache, AnswersWhileTheStructureIsUnchangedAndForgetsAfterAMove) {
   ground.make("a.b");
   ground.make("a.b.c", open_to_all(), "second");
   EXPECT_EQ(read(), "second");
+}
+
+TEST(RecentNames, KeepsTheNamesInUseAndAtMostTwiceTheLeastNumber) {
+  constexpr std::size_t kLeast = 100;
+  RecentNames<int> names(kLeast);
+  const auto find = [&](const std::string& name) { return names.find(name, RecentNames<int>::hash(name)); };
+  for (int number = 0; number < 1000; ++number) {
+    const std::string name = "n" + std::to_string(number);
+    ASSERT_EQ(find(name), nullptr);
+    names.add(name, RecentNames<int>::hash(name), number);
+    ASSERT_NE(find("n0"), nullptr) << "used all the time, and lost after " << number << " names";
+    EXPECT_EQ(*find("n0"), 0);
+    ASSERT_NE(find(name), nullptr);
+    EXPECT_EQ(*find(name), number);
+  }
+  std::size_t kept = 0;
+  for (int number = 0; number < 1000; ++number) kept += find("n" + std::to_string(number)) != nullptr ? 1 : 0;
+  EXPECT_GE(kept, kLeast);
+  EXPECT_LE(kept, 2 * kLeast);
+  names.clear();
+  EXPECT_EQ(find("n0"), nullptr);
+}
+
+TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
+  KnownKeys keys;
+  KnownKey known;
+  known.id = 7;
+  known.state = 1;
+  EXPECT_EQ(keys.find("a"), nullptr);
+  keys.note("a", known);
+  EXPECT_EQ(keys.find("a"), nullptr);
+  keys.note("a", known);
+  ASSERT_NE(keys.find("a"), nullptr);
+  EXPECT_EQ(keys.find("a")->id, 7U);
+  known.state = 0;
+  for (int times = 0; times < 3; ++times) {
+    EXPECT_EQ(keys.find("b"), nullptr) << "of a store that does not number its states";
+    keys.note("b", known);
+  }
 }
 
 TEST(Cache, KnowsNothingOfAStoreThatCannotTell) {

@@ -1,0 +1,59 @@
+// KnownKeys: what a session knows of the keys that it reads again and again, by name.
+//
+// A key is taken in when it is seen for the second time, so that reading many keys once costs nothing and displaces
+// nothing. Nothing of a value is kept, only its place. What is known of a key is out of date after any change of the
+// registry; its client finds out (see KnownKey).
+//
+// One thread at a time.
+#ifndef TKV_PLATFORM_REGISTRY_KNOWN_KEYS_H
+#define TKV_PLATFORM_REGISTRY_KNOWN_KEYS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "registry/client.h"
+#include "registry/recent_names.h"
+
+namespace tkv::registry {
+
+class KnownKeys {
+ public:
+  // What is known of a key, or null. Valid until the next call.
+  KnownKey* find(std::string_view name) {
+    hash_ = RecentNames<KnownKey>::hash(name);
+    return keys_.find(name, hash_);
+  }
+
+  // Notes what was found out about the key for which the last find() was null.
+  void note(std::string_view name, const KnownKey& known) noexcept {
+    if (known.state != 0 && was_seen(hash_)) keys_.add(name, hash_, known);  // with state 0, it is never up to date
+  }
+
+ private:
+  static constexpr std::size_t kKeys = std::size_t{1} << 17;
+  static constexpr std::size_t kSeen = std::size_t{1} << 17;  // names that are remembered as seen, by their hashes
+
+  // Tells whether a name was seen before, and remembers it in place of another.
+  bool was_seen(std::size_t hash) noexcept {
+    const auto mark = static_cast<std::uint32_t>(hash >> 32 | 1);
+    try {
+      if (seen_.empty()) seen_.resize(kSeen);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    std::uint32_t& place = seen_[hash % kSeen];
+    return std::exchange(place, mark) == mark;
+  }
+
+  std::size_t hash_ = 0;  // of the name that was sought last
+  RecentNames<KnownKey> keys_{kKeys};
+  std::vector<std::uint32_t> seen_;
+};
+
+}  // namespace tkv::registry
+
+#endif

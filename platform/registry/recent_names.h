@@ -1,0 +1,113 @@
+// RecentNames: a map from names to values that is bounded and keeps the names in use.
+//
+// It has two generations. Names are added to the young one; when that is full, the old one is dropped and the young one
+// takes its place. A name found in the old generation is added to the young one again, so names in use stay.
+//
+// One thread at a time.
+#ifndef TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
+#define TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "registry/name.h"
+
+namespace tkv::registry {
+
+template <typename Value>
+class RecentNames {
+ public:
+  // Keeps at least the latest `least` names and at most twice as many.
+  explicit RecentNames(std::size_t least) : least_(least) {}
+
+  static std::size_t hash(std::string_view name) { return NameHash()(name); }
+
+  // The value of a name, which has this hash; valid until the next call. Null if the name is not kept. Allocates only
+  // to carry a name over to the young generation.
+  Value* find(std::string_view name, std::size_t hash) {
+    if (Entry* const found = young_.find(name, hash)) return &found->value;
+    Entry* const found = old_.find(name, hash);
+    if (found == nullptr) return nullptr;
+    const Value value = found->value;
+    add(name, hash, value);
+    Entry* const young = young_.find(name, hash);
+    return young == nullptr ? nullptr : &young->value;
+  }
+
+  // Adds a name that is not kept. Forgets everything if memory runs out.
+  void add(std::string_view name, std::size_t hash, const Value& value) noexcept {
+    try {
+      if (young_.size() >= least_) old_ = std::exchange(young_, {});
+      young_.add(name, hash, value);
+    } catch (...) {
+      clear();
+    }
+  }
+
+  void clear() noexcept {
+    young_ = {};
+    old_ = {};
+  }
+
+ private:
+  struct Entry {
+    std::size_t hash;
+    std::string name;
+    Value value;
+  };
+
+  // A hash table with linear probing, at most half full.
+  class Generation {
+   public:
+    std::size_t size() const { return entries_.size(); }
+
+    Entry* find(std::string_view name, std::size_t hash) {
+      if (entries_.empty()) return nullptr;
+      for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
+        if (places_[at] == kFree) return nullptr;
+        Entry& entry = entries_[places_[at]];
+        if (entry.hash == hash && entry.name == name) return &entry;
+      }
+    }
+
+    void add(std::string_view name, std::size_t hash, const Value& value) {
+      if (2 * (entries_.size() + 1) > places_.size()) grow();
+      entries_.push_back({hash, std::string(name), value});
+      place(entries_.size() - 1);
+    }
+
+   private:
+    static constexpr std::uint32_t kFree = ~std::uint32_t{0};
+    static constexpr std::size_t kFirstSize = 64;
+
+    std::size_t mask() const { return places_.size() - 1; }
+
+    void grow() {
+      const std::size_t size = places_.empty() ? kFirstSize : 2 * places_.size();
+      entries_.reserve(size / 2);
+      std::vector<std::uint32_t>(size, kFree).swap(places_);
+      for (std::size_t index = 0; index < entries_.size(); ++index) place(index);
+    }
+
+    void place(std::size_t index) {
+      std::size_t at = entries_[index].hash & mask();
+      while (places_[at] != kFree) at = (at + 1) & mask();
+      places_[at] = static_cast<std::uint32_t>(index);
+    }
+
+    std::vector<Entry> entries_;
+    std::vector<std::uint32_t> places_;  // indexes into entries_, by hash
+  };
+
+  const std::size_t least_;
+  Generation young_;
+  Generation old_;
+};
+
+}  // namespace tkv::registry
+
+#endif
