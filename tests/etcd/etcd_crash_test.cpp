@@ -23,6 +23,13 @@ class EtcdCrash : public testing::TestWithParam<const char*> {
     return response.count();
   }
 
+  // Lets the leases of all sessions run out now.
+  static void end_sessions(Cluster& cluster, const Keys& keys) {
+    RangeResponse sessions;
+    EXPECT_TRUE(cluster.range(get_all(keys.all_sessions()), &sessions, patience()).ok());
+    for (const KeyValue& session : sessions.kvs()) EXPECT_TRUE(cluster.revoke_lease(session.lease(), patience()).ok());
+  }
+
   // How many of the subkeys of "many" have the value that a change gives them.
   static int changed(Store& store) {
     int count = 0;
@@ -74,8 +81,9 @@ TEST_P(EtcdCrash, LeavesAWholeRegistryThatTheNextSessionCleans) {
     finished = code == 0;
     killed += finished ? 0 : 1;
 
-    ASSERT_TRUE(done(open_etcd_store(options, &store)));
     const Keys keys(options.prefix);
+    end_sessions(*raw, keys);
+    ASSERT_TRUE(done(open_etcd_store(options, &store)));
     EXPECT_TRUE(eventually([&] {
       return count(*raw, keys.all_staging()) == 0 && count(*raw, keys.all_garbage()) == 0 &&
              count(*raw, keys.all_writers()) == 0 && count(*raw, keys.all_claims()) == 0 &&

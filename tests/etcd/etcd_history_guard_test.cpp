@@ -36,6 +36,15 @@ class EtcdRestoredSnapshot : public testing::Test {
     return {PRTKV_UNREACHABLE, "ran too often"};
   }
 
+  static Status take_block(Core& core, std::uint64_t size, IdRange* block) {
+    Owner owner;
+    if (Status status = core.session.owner(&owner, core.deadline()); !status.ok()) return status;
+    bool lost = false;
+    Status status = core.ids.take_block(owner, size, block, &lost, core.deadline());
+    EXPECT_FALSE(lost);
+    return status;
+  }
+
   static Status create(Core& core, const std::string& name, NodeId* id = nullptr) {
     return run(core, [&](Update& update) -> Status {
       Node root;
@@ -95,7 +104,7 @@ TEST_F(EtcdRestoredSnapshot, EndsASessionWhoseLastClaimOfIdsWasUndone) {
   ASSERT_TRUE(done(create(*before, "a")));
   const FakeKv::State snapshot = kv_.state();
   IdRange block;
-  ASSERT_TRUE(done(before->ids.take_block(1000, &block, before->deadline())));
+  ASSERT_TRUE(done(take_block(*before, 1000, &block)));
   const std::int64_t revision = kv_.revision();
   kv_.restore(snapshot);
   const auto after = session();

@@ -7,8 +7,8 @@
 #include "fake_kv.h"
 #include "store/etcd/build.h"
 #include "store/etcd/opening.h"
-#include "store/etcd/owner.h"
 #include "store/etcd/registry_mark.h"
+#include "store/etcd/token.h"
 #include "store/record.h"
 #include "tree.h"
 
@@ -127,6 +127,7 @@ TEST_F(EtcdOpening, SweepingLeavesAloneWhatItDoesNotRecognize) {
   kv_.put(Keys("/tkv/").staging(random_token()), "not what a build says");
   const std::size_t keys = kv_.count(Keys("/tkv/").all());
   EXPECT_TRUE(done(core_->sweeper.sweep_all()));
+  EXPECT_TRUE(done(core_->sweeper.sweep_for_repair()));
   EXPECT_EQ(kv_.count(Keys("/tkv/").all()), keys);
 }
 

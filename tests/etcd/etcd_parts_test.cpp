@@ -10,9 +10,9 @@
 #include "store/etcd/keys.h"
 #include "store/etcd/lineage.h"
 #include "store/etcd/node_cache.h"
-#include "store/etcd/owner.h"
 #include "store/etcd/round_trip.h"
 #include "store/etcd/server_version.h"
+#include "store/etcd/token.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
@@ -236,32 +236,24 @@ TEST(EtcdNodeCache, KeepsTheLatestAndForgetsTheLongestUnused) {
   EXPECT_FALSE(cache.get({1, "d"})) << "what is not there is not kept";
 }
 
-TEST(EtcdOwner, ThisProcessLivesAndOthersOfThisMachineCanBeSeenToHaveEnded) {
-  const std::string owner = this_owner();
-  EXPECT_FALSE(has_ended(owner));
-  const auto start = owner.rfind(' ');
-  EXPECT_TRUE(has_ended(owner.substr(0, start) + " 1")) << "another process that had this number";
-  EXPECT_FALSE(has_ended("another-boot" + owner.substr(owner.find(' '))));
-  EXPECT_FALSE(has_ended(""));
-  EXPECT_FALSE(has_ended("only some words"));
-}
-
 TEST(EtcdStaging, TextComesBackAndNonsenseDoesNot) {
   BuildText text;
   text.batch = 3;
-  text.seconds = 1000;
-  text.owner = "boot pid:[1] 2 3";
+  text.session = random_token();
   text.ids = {{5, 9}, {20, 20}};
   const auto back = BuildText::parse(text.print());
   ASSERT_TRUE(back);
   EXPECT_EQ(back->print(), text.print());
   EXPECT_FALSE(back->given_up);
-  EXPECT_FALSE(back->is_abandoned(1000 + 600));
-  EXPECT_TRUE(back->is_abandoned(1000 + 601));
+  EXPECT_EQ(back->session, text.session);
   const auto fenced = BuildText::parse("not " + text.print());
   ASSERT_TRUE(fenced);
   EXPECT_TRUE(fenced->given_up);
-  EXPECT_TRUE(fenced->is_abandoned(1000));
+  const auto former = BuildText::parse("batch 2\ntime 1600000000\nstate building\nowner boot pid:[1] 2 3\nids 5 9\n");
+  ASSERT_TRUE(former) << "as releases wrote it that knew owners as processes";
+  EXPECT_TRUE(former->session.empty());
+  ASSERT_EQ(former->ids.size(), 1u);
+  EXPECT_EQ(former->ids[0].last, 9u);
   EXPECT_FALSE(BuildText::parse(""));
   EXPECT_FALSE(BuildText::parse("batch x\n"));
   EXPECT_FALSE(BuildText::parse("batch 1\nids 5\n"));
@@ -331,16 +323,22 @@ TEST(EtcdLineage, KnowsTheWaysFromTheRoot) {
   EXPECT_FALSE(lineage.is_below(5, 2));
 }
 
-TEST(EtcdWriters, TextsTellWhenAndWho) {
+TEST(EtcdWriters, KeepTheirMarksWithinASessionAndTextsAreNeverUsedTwice) {
   const Keys keys("/tkv/");
   Writers writers(keys);
-  const std::string first = writers.next_text();
-  EXPECT_NE(first, writers.next_text());
-  EXPECT_EQ(parse_mark(first).owner, this_owner());
-  EXPECT_EQ(parse_mark("not " + first).owner, this_owner());
-  EXPECT_GT(parse_mark(first).seconds, 1600000000);
-  const Mark one = writers.take();
-  EXPECT_NE(writers.take().key, one.key);
+  EXPECT_NE(writers.next_text(), writers.next_text());
+  const Owner first{random_token(), 1, 10};
+  const Owner second{random_token(), 2, 20};
+  Mark one = writers.take(first);
+  EXPECT_NE(writers.take(first).key, one.key);
+  EXPECT_TRUE(keys.is_writer(one.key));
+  const std::string key = one.key;
+  writers.give_back(one);
+  EXPECT_EQ(writers.take(first).key, key);
+  const Mark other = writers.take(second);
+  EXPECT_EQ(other.key.find(first.token), std::string::npos);
+  writers.give_back(one);
+  EXPECT_NE(writers.take(second).key, key) << "it ended with its session";
 }
 
 }  // namespace

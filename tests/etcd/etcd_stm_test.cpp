@@ -120,6 +120,8 @@ class EtcdParts : public testing::Test {
     put_node({kRootNode, "a"}, 2);
     put_node({2, "b"}, 3);
     kv_->put(keys().value(3), value_record(3, "former"));
+    Owner owner;
+    EXPECT_TRUE(done(core_->session.owner(&owner, core_->deadline())));
   }
 
   const Keys& keys() const { return core_->keys; }

@@ -323,7 +323,7 @@ TEST_F(EtcdStore, AWriteThatNobodyAnswersSaysThatItMayHaveBeenMade) {
   RequestWatch losing;
   const auto unanswered = open_when_ready(options, losing.interceptors());
   ASSERT_TRUE(unanswered);
-  ASSERT_TRUE(eventually([&] { return open_key(*unanswered, "a").ok(); }));
+  ASSERT_TRUE(eventually([&] { return write_key(*unanswered, "a", "before").ok(); }));
   losing.decide([](const std::string&) { return Fate::kLoseAnswer; });
   EXPECT_TRUE(ends_in([&] { return write_key(*unanswered, "a", "later"); }, PRTKV_UNDECIDED,
                       {options_.endpoints[0], "whether the change was made"}));
@@ -460,14 +460,17 @@ TEST_F(EtcdStore, AForkedChildIsToldThatTheRegistryIsTheParents) {
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(count_raw(keys().all_sessions()), 1) << "the child has ended its parent's session";
   EXPECT_TRUE(done(open_key(*store_, "a")));
 }
 
 TEST_F(EtcdStore, AClosedSessionLeavesNoMarksOfItsWriters) {
   ASSERT_TRUE(done(create_key(*store_, "a")));
   EXPECT_EQ(count_raw(keys().all_writers()), 2) << "the writer's, and that of the session's claims of ids";
+  EXPECT_EQ(count_raw(keys().all_sessions()), 1);
   store_.reset();
   EXPECT_EQ(count_raw(keys().all_writers()), 0);
+  EXPECT_EQ(count_raw(keys().all_sessions()), 0);
 }
 
 }  // namespace

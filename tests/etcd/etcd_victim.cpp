@@ -2,15 +2,21 @@
 //
 //   etcd_victim ENDPOINT PREFIX ACTION N [USER PASSWORD-FILE]
 //
-// ACTION: build, a key "built" with many subkeys; delete, the key "old"; create, the key "small"; change, the values of
-// all subkeys of "many". The exit code is 0 when everything was done before the n-th request, 1 when something failed.
+// With a negative N it stops itself (SIGSTOP) before its n-th request, and goes on when it is continued. Its lease
+// lasts as short as etcd permits.
+//
+// ACTION: build, a key "built" with many subkeys; linger, the same, but waiting in the middle until there is a key
+// "go"; delete, the key "old"; create, the key "small"; change, the values of all subkeys of "many". The exit code is 0
+// when everything was done before the n-th request, 1 when something failed.
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "request_watch.h"
 #include "store/etcd/etcd_store.h"
@@ -24,6 +30,7 @@ int main(int argc, char** argv) {
   options.endpoints = {argv[1]};
   options.prefix = argv[2];
   options.timeout_ms = 60000;
+  options.session_ttl_s = 1;
   if (argc == 7) {
     options.user = argv[5];
     options.password_file = argv[6];
@@ -34,10 +41,15 @@ int main(int argc, char** argv) {
   if (!etcd::open_etcd_store(options, &store, watch.interceptors()).ok()) return 1;
   watch.reset();
   watch.decide([&, last = std::atoi(argv[4])](const std::string&) {
-    if (watch.count() >= last) kill(getpid(), SIGKILL);
+    if (last > 0 && watch.count() >= last) kill(getpid(), SIGKILL);
+    if (last < 0 && watch.count() == -last) kill(getpid(), SIGSTOP);
     return etcd::Fate::kPass;
   });
+  const auto until_told = [&](int key) {
+    while (key == 300 && !etcd::open_key(*store, "go").ok()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  };
   const tkv::Status status = action == "build"    ? etcd::build_keys(*store, "built", 350)
+                             : action == "linger" ? etcd::build_keys(*store, "built", 350, until_told)
                              : action == "delete" ? etcd::delete_key(*store, "old")
                              : action == "change" ? etcd::change_keys(*store, "many", "changed")
                                                   : etcd::create_key(*store, "small", "value");

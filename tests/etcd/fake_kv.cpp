@@ -78,14 +78,15 @@ void FakeKv::read(const RangeRequest& request, std::int64_t now, RangeResponse* 
     record->set_key(key);
     record->set_mod_revision(found->mod_revision);
     record->set_create_revision(found->create_revision);
+    record->set_lease(found->lease);
     if (!request.keys_only()) record->set_value(found->value);
   }
 }
 
-void FakeKv::write(const std::string& key, const std::string* value, std::int64_t revision) {
+void FakeKv::write(const std::string& key, const std::string* value, std::int64_t revision, std::int64_t lease) {
   const Version* former = version(key, revision);
   Version next{revision, former == nullptr ? revision : former->create_revision, value != nullptr,
-               value == nullptr ? "" : *value};
+               value == nullptr ? "" : *value, lease};
   keys_[key].push_back(std::move(next));
 }
 
@@ -110,6 +111,12 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   const bool succeeded = std::all_of(request.compare().begin(), request.compare().end(),
                                      [this](const Compare& compare) { return holds(compare); });
   response->set_succeeded(succeeded);
+  if (std::any_of(request.success().begin(), request.success().end(), [&](const RequestOp& operation) {
+        const std::int64_t lease = operation.has_request_put() ? operation.request_put().lease() : 0;
+        return succeeded && lease != 0 && !leases_.contains(lease);
+      })) {
+    return {Verdict::kFinal, Status(PRTKV_UNUSABLE, "requested lease not found"), false};
+  }
   const std::int64_t next = revision_ + 1;
   bool written = false;
   for (const RequestOp& operation : succeeded ? request.success() : request.failure()) {
@@ -117,7 +124,7 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
     if (operation.has_request_range()) {
       read(operation.request_range(), written ? next : revision_, answer->mutable_response_range());
     } else if (operation.has_request_put()) {
-      write(operation.request_put().key(), &operation.request_put().value(), next);
+      write(operation.request_put().key(), &operation.request_put().value(), next, operation.request_put().lease());
       answer->mutable_response_put();
       written = true;
     } else {
@@ -134,6 +141,43 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
     if (Reply reply = after_txn(request); !reply.ok()) return reply;
   }
   return {};
+}
+
+Reply FakeKv::grant_lease(std::int64_t ttl, Lease* lease, Deadline) {
+  const std::lock_guard lock(mutex_);
+  leases_.insert(++last_lease_);
+  *lease = {last_lease_, ttl};
+  return {};
+}
+
+Reply FakeKv::keep_lease_alive(Lease* lease, Deadline) {
+  const std::lock_guard lock(mutex_);
+  lease->ttl = leases_.contains(lease->id) ? 20 : 0;
+  return {};
+}
+
+Reply FakeKv::revoke_lease(std::int64_t id, Deadline) {
+  const std::lock_guard lock(mutex_);
+  end_lease(id);
+  return {};
+}
+
+void FakeKv::end_lease(std::int64_t id) {
+  if (leases_.erase(id) == 0) return;
+  ++revision_;
+  for (const auto& [key, versions] : keys_) {
+    if (versions.back().exists && versions.back().lease == id) write(key, nullptr, revision_);
+  }
+}
+
+void FakeKv::expire_leases() {
+  const std::lock_guard lock(mutex_);
+  while (!leases_.empty()) end_lease(*leases_.begin());
+}
+
+std::size_t FakeKv::leases() const {
+  const std::lock_guard lock(mutex_);
+  return leases_.size();
 }
 
 void FakeKv::put(const std::string& key, const std::string& value) {

@@ -5,9 +5,11 @@
 #ifndef TKV_TESTS_ETCD_FAKE_KV_H
 #define TKV_TESTS_ETCD_FAKE_KV_H
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,7 @@ class FakeKv final : public Kv {
     std::int64_t create_revision = 0;
     bool exists = true;
     std::string value;
+    std::int64_t lease = 0;
   };
 
   // All that is stored, as in a snapshot of the cluster.
@@ -36,6 +39,9 @@ class FakeKv final : public Kv {
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
+  Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
+  Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
+  Reply revoke_lease(std::int64_t id, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override { return std::chrono::seconds(60); }
   bool is_ours() const override { return true; }
 
@@ -55,7 +61,11 @@ class FakeKv final : public Kv {
 
   std::int64_t revision() const;
   void compact();
-  int requests() const;
+  int requests() const;  // other than those for leases
+
+  // Lets every lease run out: its keys are removed, all at one revision. None runs out by itself.
+  void expire_leases();
+  std::size_t leases() const;
 
  private:
   const Version* version(const std::string& key, std::int64_t revision) const;
@@ -63,31 +73,48 @@ class FakeKv final : public Kv {
   bool holds(const Compare& compare) const;
   static bool holds(const Compare& compare, const Version* version);
   void read(const RangeRequest& request, std::int64_t now, RangeResponse* response) const;
-  void write(const std::string& key, const std::string* value, std::int64_t revision);
+  void write(const std::string& key, const std::string* value, std::int64_t revision, std::int64_t lease = 0);
+  void end_lease(std::int64_t id);
 
   mutable std::recursive_mutex mutex_;
   std::map<std::string, std::vector<Version>> keys_;
   std::int64_t revision_ = 1;
   std::int64_t compacted_ = 0;
+  std::set<std::int64_t> leases_;
+  std::int64_t last_lease_ = 0;
   int requests_ = 0;
 };
 
-// Hands the requests of several sessions to one cluster.
+// Hands the requests of several sessions to one cluster. A session that has died sends nothing any more.
 class SharedKv final : public Kv {
  public:
   explicit SharedKv(FakeKv& kv) : kv_(kv) {}
+  void die() { dead_ = true; }
+
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override {
-    return kv_.range(request, response, deadline);
+    return dead_ ? silence() : kv_.range(request, response, deadline);
   }
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override {
-    return kv_.txn(request, response, deadline, expected);
+    return dead_ ? silence() : kv_.txn(request, response, deadline, expected);
+  }
+  Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override {
+    return dead_ ? silence() : kv_.grant_lease(ttl, lease, deadline);
+  }
+  Reply keep_lease_alive(Lease* lease, Deadline deadline) override {
+    return dead_ ? silence() : kv_.keep_lease_alive(lease, deadline);
+  }
+  Reply revoke_lease(std::int64_t id, Deadline deadline) override {
+    return dead_ ? silence() : kv_.revoke_lease(id, deadline);
   }
   std::chrono::milliseconds timeout() const override { return kv_.timeout(); }
   bool is_ours() const override { return true; }
 
  private:
+  static Reply silence() { return {Verdict::kFinal, Status(PRTKV_UNREACHABLE, "the process has died"), false}; }
+
   FakeKv& kv_;
+  std::atomic<bool> dead_{false};
 };
 
 }  // namespace tkv::store::etcd

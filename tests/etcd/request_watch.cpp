@@ -76,6 +76,8 @@ void RequestWatch::decide(std::function<Fate(const std::string& method)> decide)
 }
 
 Fate RequestWatch::begin(const std::string& method) {
+  // Sent when the time has come, whatever the store is asked to do.
+  if (method.ends_with("LeaseKeepAlive")) return Fate::kPass;
   ++count_;
   const std::lock_guard lock(mutex_);
   return decide_ ? decide_(method) : Fate::kPass;

@@ -108,11 +108,13 @@ inline Status move_key(Store& store, std::string_view from, std::string_view to)
 }
 
 // Builds a key with `count` subkeys, each with a value, and attaches it to the root at the end.
-inline Status build_keys(Store& store, std::string_view name, int count) {
+inline Status build_keys(
+    Store& store, std::string_view name, int count, FunctionRef<void(int)> before_key = [](int) {}) {
   return store.write([&](Update& update) -> Status {
     Node top;
     if (Status status = update.new_id(&top.id); !status.ok()) return status;
     for (int i = 0; i < count; ++i) {
+      before_key(i);
       Node node;
       if (Status status = update.new_id(&node.id); !status.ok()) return status;
       if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;

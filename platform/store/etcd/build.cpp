@@ -2,20 +2,15 @@
 
 #include <sstream>
 
-#include "store/etcd/owner.h"
+#include "store/etcd/token.h"
 
 namespace tkv::store::etcd {
-namespace {
-
-constexpr std::int64_t kLongSeconds = 600;
-
-}  // namespace
 
 // One field per line, for people who look at it with etcdctl.
 std::string BuildText::print() const {
   std::ostringstream text;
-  text << "batch " << batch << "\ntime " << seconds << "\nstate " << (given_up ? "given-up" : "building") << "\nowner "
-       << owner << '\n';
+  text << "batch " << batch << "\nstate " << (given_up ? "given-up" : "building") << '\n';
+  if (!session.empty()) text << "session " << session << '\n';
   for (const IdRange& range : ids) text << "ids " << range.first << ' ' << range.last << '\n';
   return text.str();
 }
@@ -32,14 +27,14 @@ std::optional<BuildText> BuildText::parse(const std::string& text) {
     words >> field >> std::ws;
     if (field == "batch") {
       words >> result.batch;
-    } else if (field == "time") {
-      words >> result.seconds;
     } else if (field == "state") {
       std::string state;
       words >> state;
       result.given_up = state == "given-up";
-    } else if (field == "owner") {
-      std::getline(words, result.owner);
+    } else if (field == "session") {
+      words >> result.session;
+    } else if (field == "time" || field == "owner") {
+      continue;  // of former releases: the clock and the process of the owner
     } else if (field == "ids") {
       IdRange range;
       words >> range.first >> range.last;
@@ -54,19 +49,15 @@ std::optional<BuildText> BuildText::parse(const std::string& text) {
   return result;
 }
 
-bool BuildText::is_abandoned(std::int64_t now) const {
-  return given_up || has_ended(owner) || now - seconds > kLongSeconds;
-}
-
-Build::Build(Kv& kv, const Keys& keys) : kv_(kv), token_(random_token()), mark_{keys.staging(token_), 0} {
-  text_.owner = this_owner();
+Build::Build(Kv& kv, const Keys& keys, const Owner& owner)
+    : kv_(kv), keys_(keys), token_(random_token()), mark_{keys.staging(token_), 0, owner, false} {
+  text_.session = owner.token;
 }
 
 Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
   ++text_.batch;
-  text_.seconds = seconds_now();
   text_.ids = ids;
-  return write_once(kv_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
+  return write_once(kv_, keys_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
 }
 
 void Build::finish_in(TxnRequest* commit) const {

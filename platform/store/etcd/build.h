@@ -1,9 +1,9 @@
 // A build: a subtree that is sent to the cluster in batches before it is committed, below ids that nothing visible
 // refers to yet. The commit makes it part of the tree.
 //
-// A key of its own says which ids those are, so that the remains of an interrupted build can be removed. Every batch
-// rewrites that key and compares its revision: no batch can be made twice or out of order, and a build that has been
-// given up cannot go on.
+// A key of its own says which ids those are and whose session it is, so that the remains of an interrupted build can be
+// removed once that session has ended. Every batch rewrites that key and compares its revision: no batch can be made
+// twice or out of order, and a build that has been given up cannot go on.
 #ifndef TKV_PLATFORM_STORE_ETCD_BUILD_H
 #define TKV_PLATFORM_STORE_ETCD_BUILD_H
 
@@ -20,30 +20,25 @@ namespace tkv::store::etcd {
 // The value of a build's key.
 struct BuildText {
   std::uint64_t batch = 0;
-  std::int64_t seconds = 0;  // when the last batch was sent
-  bool given_up = false;     // by its owner or by another session: only to be removed
-  std::string owner;
+  bool given_up = false;  // by its owner or by another session: only to be removed
+  std::string session;    // the owner's token; empty for builds of releases that named a process instead
   std::vector<IdRange> ids;
 
   std::string print() const;
   static std::optional<BuildText> parse(const std::string& text);
-
-  // Whether a session may remove this build: it was given up, its owner is known to have ended, or nothing has been
-  // added for ten minutes.
-  bool is_abandoned(std::int64_t now) const;
 };
 
 // Used by one thread.
 class Build {
  public:
-  Build(Kv& kv, const Keys& keys);
+  Build(Kv& kv, const Keys& keys, const Owner& owner);
 
   bool started() const { return text_.batch > 0; }
   const std::string& key() const { return mark_.key; }
   const std::string& token() const { return token_; }
 
-  // Sends a batch of puts and removals below `ids`. It is not made if another session has given this build up, or if
-  // a comparison of the batch itself fails.
+  // Sends a batch of puts and removals below `ids`. It is not made if another session has given this build up, if
+  // its owner's session has ended, or if a comparison of the batch itself fails.
   Written send(TxnRequest batch, const std::vector<IdRange>& ids);
 
   // Adds to the commit what ends the build.
@@ -51,6 +46,7 @@ class Build {
 
  private:
   Kv& kv_;
+  const Keys& keys_;
   const std::string token_;
   Mark mark_;
   BuildText text_;

@@ -219,7 +219,7 @@ Status Checker::repair() {
 Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   if (repair) {
-    if (Status status = core.sweeper.sweep_all(); !status.ok()) return status;
+    if (Status status = core.sweeper.sweep_for_repair(); !status.ok()) return status;
   }
   Checker checker(core, report, progress);
   if (Status status = checker.read(); !status.ok()) return status;

@@ -126,7 +126,12 @@ milliseconds transfer_time(std::size_t bytes) { return milliseconds(bytes / kByt
 // A connection with one endpoint: its channel, the services on it, and the identity it was dialled with.
 struct Link {
   Link(std::shared_ptr<grpc::Channel> dialled, std::shared_ptr<const TlsIdentity> with)
-      : channel(std::move(dialled)), kv(channel), auth(channel), maintenance(channel), identity(std::move(with)) {}
+      : channel(std::move(dialled)),
+        kv(channel),
+        lease(channel),
+        auth(channel),
+        maintenance(channel),
+        identity(std::move(with)) {}
 
   // Connecting begins with the first request.
   void begin() {
@@ -137,6 +142,7 @@ struct Link {
 
   const std::shared_ptr<grpc::Channel> channel;
   etcdserverpb::KV::Stub kv;
+  etcdserverpb::Lease::Stub lease;
   etcdserverpb::Auth::Stub auth;
   etcdserverpb::Maintenance::Stub maintenance;
   const std::shared_ptr<const TlsIdentity> identity;
@@ -504,6 +510,43 @@ Reply Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnRes
         response->Clear();
         return Answer{link.kv.Txn(context, request, response), response->header().cluster_id(), {}};
       });
+}
+
+Reply Cluster::grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) {
+  return connection_->call(deadline, 0, true, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::LeaseGrantRequest request;
+    request.set_ttl(ttl);
+    etcdserverpb::LeaseGrantResponse response;
+    Answer answer{link.lease.LeaseGrant(context, request, &response), response.header().cluster_id(), {}};
+    *lease = {response.id(), response.ttl()};
+    return answer;
+  });
+}
+
+// A stream for each request: requests are seldom, and the next one may have to go to another member.
+Reply Cluster::keep_lease_alive(Lease* lease, Deadline deadline) {
+  return connection_->call(deadline, 0, true, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::LeaseKeepAliveRequest request;
+    request.set_id(lease->id);
+    etcdserverpb::LeaseKeepAliveResponse response;
+    const auto stream = link.lease.LeaseKeepAlive(context);
+    const bool answered = stream->Write(request) && stream->WritesDone() && stream->Read(&response);
+    grpc::Status status = stream->Finish();
+    // The answer is there; how the stream ends does not matter.
+    if (answered) status = grpc::Status::OK;
+    if (!answered && status.ok()) status = {grpc::StatusCode::UNAVAILABLE, "the lease was not answered for"};
+    if (answered) lease->ttl = response.ttl();
+    return Answer{status, response.header().cluster_id(), {}};
+  });
+}
+
+Reply Cluster::revoke_lease(std::int64_t id, Deadline deadline) {
+  return connection_->call(deadline, 0, true, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::LeaseRevokeRequest request;
+    request.set_id(id);
+    etcdserverpb::LeaseRevokeResponse response;
+    return Answer{link.lease.LeaseRevoke(context, request, &response), response.header().cluster_id(), {}};
+  });
 }
 
 std::chrono::milliseconds Cluster::timeout() const { return connection_->options.timeout; }

@@ -61,6 +61,9 @@ class Cluster final : public Kv {
               Deadline deadline) override;
   Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
             std::size_t expected) override;
+  Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
+  Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
+  Reply revoke_lease(std::int64_t id, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override;
   bool is_ours() const override;
 

@@ -139,11 +139,15 @@ Status Commit::send() {
     wait_for_claimants();
     TxnRequest request;
     build_request(&request);
-    Mark mark = core_.writers.take();
-    Written written = write_once(*core_.kv, std::move(request), &mark, core_.writers.next_text(), run_.deadline());
+    Owner owner;
+    if (Status status = staging_.owner(&owner); !status.ok()) return status;
+    Mark mark = core_.writers.take(owner);
+    Written written =
+        write_once(*core_.kv, core_.keys, std::move(request), &mark, core_.writers.next_text(), run_.deadline());
     core_.writers.give_back(std::move(mark));
     if (written.went_back) return run_.fail(core_.kv->end().status);
     if (!written.status.ok()) return written.status;
+    if (written.lost) return staging_.lost();
     if (written.made) {
       committed(written.revision);
       return {};

@@ -2,6 +2,7 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_CORE_H
 #define TKV_PLATFORM_STORE_ETCD_CORE_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -14,13 +15,15 @@
 #include "store/etcd/node_cache.h"
 #include "store/etcd/recovery.h"
 #include "store/etcd/requests.h"
+#include "store/etcd/session.h"
 #include "store/etcd/sweeper.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
 
 struct Core {
-  Core(std::unique_ptr<Kv> connected, std::string prefix)
+  // `ttl` is how long a session outlives its process, in seconds.
+  Core(std::unique_ptr<Kv> connected, std::string prefix, std::int64_t ttl = Session::kDefaultTtl)
       : kv(std::make_unique<History>(std::move(connected))),
         keys(std::move(prefix)),
         cache(kCachedNodes),
@@ -28,7 +31,8 @@ struct Core {
         writers(keys),
         claims(keys),
         recovery(*kv, keys, claims),
-        sweeper(*kv, keys, recovery) {}
+        sweeper(*kv, keys, recovery),
+        session(*kv, keys, ttl) {}
 
   static constexpr std::size_t kCachedNodes = 16384;
 
@@ -42,6 +46,7 @@ struct Core {
   Claims claims;
   Recovery recovery;
   Sweeper sweeper;
+  Session session;  // last: it is ended while the sweeper gets its time
 };
 
 }  // namespace tkv::store::etcd

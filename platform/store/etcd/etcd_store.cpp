@@ -57,8 +57,8 @@ void pause_before_run(int run, Deadline deadline) {
 
 class EtcdStore final : public Store {
  public:
-  EtcdStore(std::unique_ptr<Kv> kv, const std::string& prefix) : core_(std::move(kv), prefix) {}
-  ~EtcdStore() override;
+  EtcdStore(std::unique_ptr<Kv> kv, const EtcdOptions& options)
+      : core_(std::move(kv), options.prefix, options.session_ttl_s) {}
 
   Status open(const EtcdOptions& options) { return open_registry(core_, options); }
 
@@ -117,22 +117,6 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) 
   });
 }
 
-// The marks of this session's writers are of no use any more. If they cannot be removed, a later session does it.
-EtcdStore::~EtcdStore() {
-  if (!core_.kv->is_ours()) return;
-  (void)guarded([&]() -> Status {
-    TxnRequest request;
-    for (const std::string& key : core_.writers.used()) {
-      if (request.success_size() + 1 < kMaxTxnOperations) erase(request.add_success(), key);
-    }
-    if (std::string key = core_.ids.claims_key(); !key.empty()) erase(request.add_success(), std::move(key));
-    if (request.success_size() == 0) return {};
-    TxnResponse response;
-    constexpr std::chrono::milliseconds kLongest{500};
-    return core_.kv->txn(request, &response, Deadline(std::min(core_.kv->timeout(), kLongest))).status;
-  });
-}
-
 Status open(const EtcdOptions& options, std::shared_ptr<Store>* store, std::function<Interceptors()> interceptors) {
   if (options.prefix.empty() || options.prefix.size() > kMaxPrefixBytes) {
     return {PRTKV_INVALID_CONFIGURATION, "the prefix of the registry's keys in etcd is 1 to 256 bytes long"};
@@ -148,7 +132,7 @@ Status open(const EtcdOptions& options, std::shared_ptr<Store>* store, std::func
                                   .interceptors = std::move(interceptors)};
   std::unique_ptr<Cluster> cluster;
   if (Status status = Cluster::connect(connection, &cluster); !status.ok()) return status;
-  auto opened = std::make_shared<EtcdStore>(std::move(cluster), options.prefix);
+  auto opened = std::make_shared<EtcdStore>(std::move(cluster), options);
   if (Status status = opened->open(options); !status.ok()) return status;
   *store = std::move(opened);
   return {};

@@ -19,10 +19,12 @@ void History::hold_mark(std::string key, std::string value) {
   held_.value = std::move(value);
 }
 
-void History::hold_ids(std::string key, std::int64_t claimed_at) {
+void History::hold_ids(std::string key, std::int64_t claimed_at, std::string session) {
   const std::lock_guard lock(mutex_);
+  const bool same = held_.ids == key;
   held_.ids = std::move(key);
-  held_.claimed_at = std::max(held_.claimed_at, claimed_at);
+  held_.session = std::move(session);
+  held_.claimed_at = same ? std::max(held_.claimed_at, claimed_at) : claimed_at;
 }
 
 History::Held History::held() const {
@@ -54,10 +56,22 @@ Reply History::range(const RangeRequest& request, RangeResponse* response, Deadl
 }
 
 Reply History::txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) {
+  while (true) {
+    const Held fence = held();
+    Reply reply = send(request, fence, response, deadline, expected);
+    if (!reply.ok() || response->succeeded() || !fence.holds() || !writes(request)) return reply;
+    bool ids_gone = false;
+    if (Reply verdict = take_fence(fence, response, &ids_gone); !verdict.ok()) return verdict;
+    if (!ids_gone) return reply;
+    if (Reply released = release_ids(fence, deadline); !released.ok()) return released;
+  }
+}
+
+Reply History::send(const TxnRequest& request, const Held& fence, TxnResponse* response, Deadline deadline,
+                    std::size_t expected) {
   if (ended_) return end();
   const std::int64_t known = newest_;
-  const Held fence = held();
-  if ((fence.mark.empty() && fence.ids.empty()) || !writes(request)) {
+  if (!fence.holds() || !writes(request)) {
     Reply reply = kv_->txn(request, response, deadline, expected);
     return check(std::move(reply), known, response->header().revision());
   }
@@ -71,19 +85,17 @@ Reply History::txn(const TxnRequest& request, TxnResponse* response, Deadline de
     *fenced.add_failure()->mutable_request_range() = get_one(fence.ids);
   }
   Reply reply = kv_->txn(fenced, response, deadline, expected);
-  reply = check(std::move(reply), known, response->header().revision());
-  if (!reply.ok() || response->succeeded()) return reply;
-  const Reply verdict = take_fence(fence, response);
-  return verdict.ok() ? reply : verdict;
+  return check(std::move(reply), known, response->header().revision());
 }
 
 // Takes what was added to the failure branch out of the answer, and judges it.
-Reply History::take_fence(const Held& fence, TxnResponse* response) {
+Reply History::take_fence(const Held& fence, TxnResponse* response, bool* ids_gone) {
   auto* responses = response->mutable_responses();
   bool holds = true;
   if (!fence.ids.empty()) {
     const RangeResponse& ids = responses->rbegin()->response_range();
-    holds = ids.kvs_size() > 0 && ids.kvs(0).mod_revision() >= fence.claimed_at;
+    *ids_gone = ids.kvs_size() == 0;
+    holds = *ids_gone || ids.kvs(0).mod_revision() >= fence.claimed_at;
     responses->RemoveLast();
   }
   if (!fence.mark.empty()) {
@@ -93,5 +105,33 @@ Reply History::take_fence(const Held& fence, TxnResponse* response) {
   }
   return holds ? Reply() : end();
 }
+
+// The key of the claims is gone. If the cluster remembers the claim, the key went with its session, whose lease ran
+// out. If its history at that revision does not have the claim, a snapshot has been restored. If that part of the
+// history has been compacted, the session tells: while it goes on, only another history can lack the key. No id of a
+// session that has ended is used any more.
+Reply History::release_ids(const Held& fence, Deadline deadline) {
+  RangeRequest request = get_one(fence.ids);
+  request.set_revision(fence.claimed_at);
+  RangeResponse found;
+  Reply reply = range(request, &found, deadline);
+  const bool compacted = reply.verdict == Verdict::kCompacted;
+  if (compacted) reply = range(get_one(fence.session), &found, deadline);
+  if (!reply.ok()) return reply;
+  if (compacted == (found.kvs_size() > 0)) return end();
+  const std::lock_guard lock(mutex_);
+  if (held_.ids == fence.ids) held_.ids.clear();
+  return {};
+}
+
+Reply History::grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) {
+  return ended_ ? end() : kv_->grant_lease(ttl, lease, deadline);
+}
+
+Reply History::keep_lease_alive(Lease* lease, Deadline deadline) {
+  return ended_ ? end() : kv_->keep_lease_alive(lease, deadline);
+}
+
+Reply History::revoke_lease(std::int64_t id, Deadline deadline) { return kv_->revoke_lease(id, deadline); }
 
 }  // namespace tkv::store::etcd

@@ -5,7 +5,9 @@
 // their ids. So every request passes through here, and the session ends with PRTKV_UNUSABLE
 //   - when a revision is lower than one that was known before the request was sent,
 //   - when the registry's mark is no longer the one that was found at opening, or
-//   - when the key that records the session's claims of ids is missing, or older than the last claim.
+//   - when the key that records the session's claims of ids is missing, or older than the last claim, unless it has
+//   gone
+//     with the session (see session.h).
 // The latter two are compared by every transaction that writes, so that nothing is written into another history.
 //
 // Threads. Any number may call at once.
@@ -30,14 +32,18 @@ class History final : public Kv {
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
+  Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
+  Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
+  Reply revoke_lease(std::int64_t id, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override { return kv_->timeout(); }
   bool is_ours() const override { return kv_->is_ours(); }
 
   // From here on, every write compares that the key has this value.
   void hold_mark(std::string key, std::string value);
 
-  // From here on, every write compares that the key has not been removed, or been replaced by an older one.
-  void hold_ids(std::string key, std::int64_t claimed_at);
+  // From here on, every write compares that `key` has not been removed, or been replaced by an older one, while the key
+  // of the session that made the claim exists.
+  void hold_ids(std::string key, std::int64_t claimed_at, std::string session);
 
   // Ends the session: this and every further request is answered with PRTKV_UNUSABLE.
   Reply end();
@@ -47,12 +53,18 @@ class History final : public Kv {
     std::string mark;
     std::string value;
     std::string ids;
+    std::string session;
     std::int64_t claimed_at = 0;
+
+    bool holds() const { return !mark.empty() || !ids.empty(); }
   };
 
+  Reply send(const TxnRequest& request, const Held& fence, TxnResponse* response, Deadline deadline,
+             std::size_t expected);
   Reply check(Reply reply, std::int64_t known, std::int64_t revision);
   Held held() const;
-  Reply take_fence(const Held& held, TxnResponse* response);
+  Reply take_fence(const Held& fence, TxnResponse* response, bool* ids_gone);
+  Reply release_ids(const Held& fence, Deadline deadline);
 
   const std::unique_ptr<Kv> kv_;
   std::atomic<std::int64_t> newest_{0};  // revision

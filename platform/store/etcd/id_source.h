@@ -1,5 +1,6 @@
 // IdSource: node ids that are never used twice. Every process takes blocks of ids from one counter in the cluster by
-// compare-and-swap. Each claim rewrites a key of the session as well, by which History notices that it was undone.
+// compare-and-swap. Each claim rewrites a key of the session as well, by which History notices that it was undone. Ids
+// that were claimed in one session are not used in the next one.
 //
 // Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_ID_SOURCE_H
@@ -10,6 +11,7 @@
 
 #include "store/etcd/history.h"
 #include "store/etcd/keys.h"
+#include "store/etcd/session.h"
 #include "store/record.h"
 
 namespace tkv::store::etcd {
@@ -22,26 +24,27 @@ struct IdRange {
 
 class IdSource {
  public:
-  IdSource(History& kv, const Keys& keys);
+  IdSource(History& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
 
-  Status take(NodeId* id, Deadline deadline);
+  // Sets `*lost` if the owner's session has ended; there is no id then, and no failure.
+  Status take(const Owner& owner, NodeId* id, bool* lost, Deadline deadline);
 
   // Takes a block for the caller alone.
-  Status take_block(std::uint64_t size, IdRange* block, Deadline deadline);
+  Status take_block(const Owner& owner, std::uint64_t size, IdRange* block, bool* lost, Deadline deadline);
 
   // The counter as it was last seen. Saves a round trip for the first block.
   void know(const Meta& meta, std::int64_t mod_revision);
 
-  // The key of this session's claims; empty if there were none.
-  std::string claims_key() const;
-
  private:
-  Status claim(std::uint64_t size, IdRange* block, Deadline deadline);
+  void belong_to(const Owner& owner);
+  Status claim(std::uint64_t size, IdRange* block, bool* lost, Deadline deadline);
+  Status take_in(const TxnResponse& failed, bool* lost);
 
   History& kv_;
   const Keys& keys_;
-  const std::string claims_key_;
   mutable std::mutex mutex_;
+  Owner owner_;  // of what follows
+  std::string claims_key_;
   IdRange block_;
   Meta meta_;
   std::int64_t mod_revision_ = 0;

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <limits>
 
-#include "store/etcd/owner.h"
+#include "store/etcd/token.h"
 
 namespace tkv::store::etcd {
 namespace {

@@ -6,6 +6,7 @@
 //   v/<id>                            a node's value
 //   txn/<writer>                      the mark of a writer's last transaction, which tells whether it was made if its
 //                                     answer is lost
+//   sessions/<token>                  a session that writes, for as long as it lives
 //   staging/<token>                   a build: who is staging which ids
 //   garbage/<id>                      a subtree that was unlinked and is still to be removed
 //   claims/<top's id>/<token>         a large change of a subtree: being prepared, or decided and being carried out
@@ -54,6 +55,7 @@ class Keys {
   std::string node(const NodePlace& place) const;
   std::string value(NodeId id) const;
   std::string garbage(NodeId id) const;
+  std::string session(std::string_view token) const { return prefix_ + "sessions/" + std::string(token); }
   std::string staging(std::string_view token) const { return prefix_ + "staging/" + std::string(token); }
   std::string claim(NodeId top, std::string_view token) const;
   std::string plan(std::string_view token, std::uint64_t number) const;
@@ -63,6 +65,7 @@ class Keys {
   KeyRange all_nodes() const { return folder("n/"); }
   KeyRange all_values() const { return folder("v/"); }
   KeyRange all_garbage() const { return folder("garbage/"); }
+  KeyRange all_sessions() const { return folder("sessions/"); }
   KeyRange all_staging() const { return folder("staging/"); }
   KeyRange all_writers() const { return folder("txn/"); }
   KeyRange all_claims() const { return folder("claims/"); }

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 #include "base/status.h"
 #include "etcd.pb.h"
@@ -39,6 +40,11 @@ struct Reply {
   bool ok() const { return verdict == Verdict::kDone; }
 };
 
+struct Lease {
+  std::int64_t id = 0;
+  std::int64_t ttl = 0;  // seconds
+};
+
 class Kv {
  public:
   virtual ~Kv() = default;
@@ -56,6 +62,13 @@ class Kv {
   Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {
     return txn(request, response, deadline, 0);
   }
+
+  // Leases: etcd removes the keys that are put with a lease once it has not been kept alive for `ttl` seconds. The ttl
+  // that was granted may be longer than the one requested. Keeping a lease alive that no longer exists gives a ttl of
+  // 0.
+  virtual Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) = 0;
+  virtual Reply keep_lease_alive(Lease* lease, Deadline deadline) = 0;
+  virtual Reply revoke_lease(std::int64_t id, Deadline deadline) = 0;
 
   // The time limit of one operation.
   virtual std::chrono::milliseconds timeout() const = 0;

@@ -15,8 +15,9 @@ constexpr std::size_t kOperationOverhead = 512;  // upper bound of key, place an
 
 // Comparisons of reads in one transaction. The rest is for those of the claims, the build and what every write adds.
 constexpr std::size_t kMaxCompared = 118;
-constexpr int kAddedCompares =
-    3;  // the writer's mark (writer.h), the registry's mark and the claims of ids (history.h)
+// What every write adds: for the writer's mark and its session (writer.h), the registry's mark and the claims of ids
+// (history.h).
+constexpr int kAddedCompares = 4;
 constexpr std::size_t kMaxFromCache = 100;  // nodes taken from the cache before a run asks the cluster
 
 // Operations of a batch: of staged writes and of a redo log, and of removals.
@@ -28,7 +29,7 @@ constexpr std::size_t kPageBytes = std::size_t{2} << 20;
 constexpr std::size_t kMaxNodeEntryBytes = 1024;  // prefix, place, record, and what etcd adds
 constexpr std::int64_t kNodesPerPage = kPageBytes / kMaxNodeEntryBytes;
 constexpr std::int64_t kNodesAhead = 500;      // children read together with the one that is asked for
-constexpr std::int64_t kMarkersPerPage = 100;  // keys of staging, garbage, claims and writers
+constexpr std::int64_t kMarkersPerPage = 100;  // keys of staging, garbage and claims
 constexpr std::int64_t kKeysPerSweep = 500;
 
 }  // namespace tkv::store::etcd

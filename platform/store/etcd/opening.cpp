@@ -44,7 +44,7 @@ class Opening {
 };
 
 // The answers of look(), in order.
-enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kWriters, kClaims };
+enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kClaims };
 
 const RangeResponse& part(const TxnResponse& found, Found which) { return found.responses(which).response_range(); }
 
@@ -56,7 +56,6 @@ Status Opening::look(TxnResponse* found) {
   add(get_one(keys_.node({kNoNode, ""})));
   add(get_range(keys_.all_garbage(), kMarkersPerPage));
   add(get_range(keys_.all_staging(), kMarkersPerPage));
-  add(get_range(keys_.all_writers(), kMarkersPerPage));
   add(get_all(keys_.all_claims()));
   return core_.kv->txn(request, found, core_.deadline()).status;
 }
@@ -126,7 +125,7 @@ Status Opening::take(const TxnResponse& found) {
   core_.ids.know(meta, record.mod_revision());
   core_.cache.put(root, seen_node(part(found, kRoot), root));
   core_.claims.learn(part(found, kClaims), found.header().revision());
-  core_.sweeper.found(part(found, kGarbage), part(found, kStaging), part(found, kWriters), part(found, kClaims));
+  core_.sweeper.found(part(found, kGarbage), part(found, kStaging), part(found, kClaims));
   return {};
 }
 

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "store/etcd/owner.h"
+#include "store/etcd/token.h"
 
 namespace tkv::store::etcd {
 

@@ -38,6 +38,15 @@ inline void compare_value(TxnRequest* request, std::string key, std::string valu
   compare->set_value(std::move(value));
 }
 
+// The key exists and was created at this revision.
+inline void compare_created(TxnRequest* request, std::string key, std::int64_t create_revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::CREATE);
+  compare->set_result(Compare::EQUAL);
+  compare->set_key(std::move(key));
+  compare->set_create_revision(create_revision);
+}
+
 // The key has existed since this revision or longer, and may have been rewritten.
 inline void compare_not_removed(TxnRequest* request, std::string key, std::int64_t revision) {
   Compare* compare = request->add_compare();
@@ -86,6 +95,12 @@ inline RangeRequest get_all(KeyRange range) { return get_range(std::move(range),
 inline void put(RequestOp* operation, std::string key, std::string value) {
   operation->mutable_request_put()->set_key(std::move(key));
   operation->mutable_request_put()->set_value(std::move(value));
+}
+
+// The key ends with the lease.
+inline void put(RequestOp* operation, std::string key, std::string value, std::int64_t lease) {
+  put(operation, std::move(key), std::move(value));
+  operation->mutable_request_put()->set_lease(lease);
 }
 
 inline void erase(RequestOp* operation, std::string key) {

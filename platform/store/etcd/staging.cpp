@@ -16,12 +16,34 @@ Staging::~Staging() {
   if (started()) core_.sweeper.give_up_build(build_->key());
 }
 
-Build& Staging::build() {
-  if (!build_) build_.emplace(*core_.kv, core_.keys);
-  return *build_;
+Status Staging::owner(Owner* owner) {
+  if (!owner_) {
+    Owner found;
+    if (Status status = core_.session.owner(&found, run_.deadline()); !status.ok()) return status;
+    owner_ = std::move(found);
+  }
+  *owner = *owner_;
+  return {};
 }
 
-const std::string& Staging::token() { return build().token(); }
+Status Staging::lost() {
+  if (owner_) core_.session.lost(*owner_);
+  return run_.repeat_from_scratch();
+}
+
+Status Staging::begin() {
+  if (build_) return {};
+  Owner found;
+  if (Status status = owner(&found); !status.ok()) return run_.fail(std::move(status));
+  build_.emplace(*core_.kv, core_.keys, found);
+  return {};
+}
+
+Status Staging::token(std::string* token) {
+  Status status = begin();
+  if (status.ok()) *token = build_->token();
+  return status;
+}
 
 void Staging::finish_in(TxnRequest* commit) const {
   if (started()) build_->finish_in(commit);
@@ -29,7 +51,7 @@ void Staging::finish_in(TxnRequest* commit) const {
 
 Status Staging::new_id(NodeId* id) {
   if (reserved_.first > reserved_.last) {
-    if (Status status = reserve(); !status.ok()) return run_.fail(std::move(status));
+    if (Status status = reserve(); !status.ok()) return status;
   }
   *id = reserved_.first++;
   writes_.add_fresh(*id);
@@ -37,15 +59,20 @@ Status Staging::new_id(NodeId* id) {
 }
 
 Status Staging::reserve() {
+  Owner found;
+  if (Status status = owner(&found); !status.ok()) return run_.fail(std::move(status));
+  bool lost_session = false;
+  Status status;
   if (!started()) {
     NodeId id = kNoNode;
-    Status status = core_.ids.take(&id, run_.deadline());
+    status = core_.ids.take(found, &id, &lost_session, run_.deadline());
     if (status.ok()) reserved_ = {id, id};
-    return status;
+  } else {
+    status = core_.ids.take_block(found, block_size_, &reserved_, &lost_session, run_.deadline());
+    if (status.ok()) block_size_ = std::min(block_size_ * 2, kLargestBlock);
   }
-  Status status = core_.ids.take_block(block_size_, &reserved_, run_.deadline());
-  if (status.ok()) block_size_ = std::min(block_size_ * 2, kLargestBlock);
-  return status;
+  if (!status.ok()) return run_.fail(std::move(status));
+  return lost_session ? lost() : Status();
 }
 
 Status Staging::make_room(std::size_t bytes) { return writes_.has_room(bytes) ? Status() : send(); }
@@ -53,7 +80,7 @@ Status Staging::make_room(std::size_t bytes) { return writes_.has_room(bytes) ? 
 Status Staging::send() {
   if (Status status = run_.check(); !status.ok()) return status;
   run_.become_long();
-  (void)build();
+  if (Status status = begin(); !status.ok()) return status;
   for (TxnRequest& batch : writes_.take_staged()) {
     if (Status status = send(std::move(batch)); !status.ok()) return status;
   }
@@ -61,7 +88,10 @@ Status Staging::send() {
 }
 
 Written Staging::try_send(TxnRequest batch) {
-  Written written = build().send(std::move(batch), writes_.fresh());
+  Written written;
+  written.status = begin();
+  if (!written.status.ok()) return written;
+  written = build_->send(std::move(batch), writes_.fresh());
   last_sent_ = std::chrono::steady_clock::now();
   return written;
 }
@@ -69,6 +99,7 @@ Written Staging::try_send(TxnRequest batch) {
 Status Staging::send(TxnRequest batch) {
   Written written = try_send(std::move(batch));
   if (!written.status.ok()) return run_.fail(std::move(written.status));
+  if (written.lost) return lost();
   return written.made ? Status() : run_.repeat_from_scratch();
 }
 
@@ -80,6 +111,7 @@ Status Staging::show_progress(const Claim& claim) {
 }
 
 Status Staging::send_log(std::vector<std::string> batches) {
+  if (Status status = begin(); !status.ok()) return status;
   TxnRequest request;
   std::size_t bytes = 0;
   for (std::uint64_t number = 0; number < batches.size(); ++number) {
@@ -89,7 +121,7 @@ Status Staging::send_log(std::vector<std::string> batches) {
       if (Status status = send(std::exchange(request, {})); !status.ok()) return status;
       bytes = 0;
     }
-    put(request.add_success(), core_.keys.plan(build().token(), number), std::move(batch));
+    put(request.add_success(), core_.keys.plan(build_->token(), number), std::move(batch));
     bytes += size;
   }
   return request.success_size() == 0 ? Status() : send(std::move(request));

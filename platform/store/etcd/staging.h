@@ -29,6 +29,12 @@ class Staging {
   Staging(const Staging&) = delete;
   Staging& operator=(const Staging&) = delete;
 
+  // Who makes this run's writes, the same for all of them. A session is begun if need be.
+  Status owner(Owner* owner);
+
+  // The owner's session has ended: the run is repeated in another one.
+  Status lost();
+
   // Makes the id of a fresh node.
   Status new_id(NodeId* id);
 
@@ -38,7 +44,8 @@ class Staging {
   // Sends all that can be staged.
   Status send();
 
-  // Sends one transaction as a batch of the build, which it begins if need be.
+  // Sends one transaction as a batch of the build, which it begins if need be. try_send() leaves it to the caller what
+  // to do if the batch is not made.
   Status send(TxnRequest batch);
   Written try_send(TxnRequest batch);
 
@@ -51,19 +58,20 @@ class Staging {
 
   // Whether anything has been sent.
   bool started() const { return build_ && build_->started(); }
-  const std::string& token();
+  Status token(std::string* token);
 
   // Adds to the commit what ends the build.
   void finish_in(TxnRequest* commit) const;
   void committed() { build_.reset(); }
 
  private:
-  Build& build();
+  Status begin();
   Status reserve();
 
   Core& core_;
   Run& run_;
   WriteSet& writes_;
+  std::optional<Owner> owner_;
   std::optional<Build> build_;
   IdRange reserved_;  // taken for this build alone
   std::uint64_t block_size_ = kFirstBlock;

@@ -51,7 +51,8 @@ void Stm::wait_for_claims_on(NodeId top, const std::optional<Claim>& former) {
 Status Stm::lay_claim(const ClaimOrder& order) {
   run_.become_long();
   wait_for_claims_on(order.top, order.former);
-  Claim claim{order.top, staging_.token(), 0, {}};
+  Claim claim{order.top, {}, 0, {}};
+  if (Status status = staging_.token(&claim.token); !status.ok()) return status;
   claim.text.attempt = order.attempt;
   TxnRequest batch;
   reads_.add_compares(&batch);
@@ -64,7 +65,7 @@ Status Stm::lay_claim(const ClaimOrder& order) {
     if (written.response.responses_size() > 0) {
       core_.claims.learn(written.response.responses(0).response_range(), written.response.header().revision());
     }
-    Status status = run_.repeat_from_scratch();
+    Status status = written.lost ? staging_.lost() : run_.repeat_from_scratch();
     run_.next.claim = order;
     return status;
   }

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
+#include <sstream>
 
 #include "store/etcd/limits.h"
-#include "store/etcd/owner.h"
 #include "store/etcd/pager.h"
 #include "store/record.h"
 
@@ -13,19 +14,17 @@ namespace {
 
 constexpr std::size_t kParentsPerLook = 120;  // whose children are asked for at once
 constexpr std::size_t kChildrenPerLook = 2000;
-constexpr std::int64_t kOldSeconds = std::int64_t{24} * 60 * 60;  // a write is long over
 constexpr std::chrono::milliseconds kMoment{250};
 constexpr std::chrono::milliseconds kGrace{1000};
 
-bool is_old_mark(const Keys& keys, const KeyValue& mark, std::int64_t now) {
-  if (!keys.is_writer(mark.key())) return false;
-  const MarkText text = parse_mark(mark.value());
-  return text.seconds > 0 && (now - text.seconds > kOldSeconds || has_ended(text.owner));
-}
-
-bool is_abandoned_build(const Keys& keys, const KeyValue& build, std::int64_t now) {
-  const auto text = BuildText::parse(build.value());
-  return keys.parse_staging(build.key()) && text && text->is_abandoned(now);
+// A mark that names a process, "NUMBER SECONDS OWNER", as former releases wrote it. Nothing else removes it.
+bool is_former_mark(const Keys& keys, const KeyValue& mark) {
+  if (!keys.is_writer(mark.key()) || mark.lease() != 0) return false;
+  std::istringstream words(mark.value().starts_with("not ") ? mark.value().substr(4) : mark.value());
+  std::uint64_t number = 0;
+  std::int64_t seconds = 0;
+  std::string owner;
+  return static_cast<bool>(words >> number >> seconds >> owner);
 }
 
 }  // namespace
@@ -104,7 +103,7 @@ Status Sweeper::carry_out(const Job& job, const Pace& pace) {
     case Job::Kind::kGarbage:
       return sweep_garbage(job.key, pace);
     case Job::Kind::kOwnBuild:
-      return sweep_build(job.key, true, pace);
+      return sweep_build(job.key, Whose::kOurs, pace);
     case Job::Kind::kLookAround:
       return sweep_all(pace);
   }
@@ -207,25 +206,18 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
 }
 
 // First makes sure that the build cannot go on, then removes what it has staged.
-Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace) {
+Status Sweeper::sweep_build(const std::string& key, Whose whose, const Pace& pace) {
   RangeResponse found;
   if (Reply reply = kv_.range(get_one(key), &found, Deadline(pace.request)); !reply.ok()) return reply.status;
   const auto token = keys_.parse_staging(key);
   if (found.kvs_size() == 0 || !token) return {};
-  auto text = BuildText::parse(found.kvs(0).value());
+  const auto text = BuildText::parse(found.kvs(0).value());
   if (!text) return {};
-  if (!text->given_up) {
-    if (!ours && !text->is_abandoned(seconds_now())) return {};
-    text->given_up = true;
-    TxnRequest fence;
-    compare_revision(&fence, key, found.kvs(0).mod_revision());
-    put(fence.add_success(), key, text->print());
-    TxnResponse response;
-    Reply reply = kv_.txn(fence, &response, Deadline(pace.request));
-    if (!reply.ok()) return reply.status;
-    // It went on, ended, or another sweeper was faster; a repeated request may also have met its own first write.
-    if (!response.succeeded()) return reply.repeated ? sweep_build(key, ours, pace) : Status();
+  bool given_up = text->given_up;
+  if (!given_up) {
+    if (Status status = give_up(found.kvs(0), *text, whose, &given_up, pace); !status.ok()) return status;
   }
+  if (!given_up) return {};
   if (Status status = sweep_range(keys_.all_of_plan(*token), pace); !status.ok()) return status;
   for (const IdRange& ids : text->ids) {
     if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
@@ -235,6 +227,28 @@ Status Sweeper::sweep_build(const std::string& key, bool ours, const Pace& pace)
   erase(last.add_success(), key);
   if (Status status = remove(&last, pace); !status.ok()) return status;
   return sweep_claims(pace);
+}
+
+// Not given up: its session goes on, or may go on for all that is known; or the build itself went on or ended.
+Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, bool* given_up, const Pace& pace) {
+  const bool is_former = text.session.empty();
+  if (is_former && whose == Whose::kEnded) return {};
+  text.given_up = true;
+  TxnRequest request;
+  compare_revision(&request, build.key(), build.mod_revision());
+  if (!is_former && whose != Whose::kOurs) compare_ended(&request, keys_, text.session);
+  put(request.add_success(), build.key(), text.print());
+  *request.add_failure()->mutable_request_range() = get_one(build.key());
+  TxnResponse response;
+  const Reply reply = kv_.txn(request, &response, Deadline(pace.request));
+  if (!reply.ok()) return reply.status;
+  *given_up = response.succeeded();
+  if (*given_up) return {};
+  // A repeated request may have met its own first write.
+  const RangeResponse& now = response.responses(0).response_range();
+  const auto then = now.kvs_size() == 0 ? std::nullopt : BuildText::parse(now.kvs(0).value());
+  *given_up = then && then->given_up;
+  return {};
 }
 
 // A claim whose build is gone has no owner. A decision needs no build.
@@ -277,13 +291,8 @@ Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
   }
 }
 
-void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers,
-                    const RangeResponse& claims) {
-  const std::int64_t now = seconds_now();
-  bool work = garbage.kvs_size() > 0 || claims.kvs_size() > 0;
-  for (const KeyValue& build : staging.kvs()) work = work || is_abandoned_build(keys_, build, now);
-  for (const KeyValue& mark : writers.kvs()) work = work || is_old_mark(keys_, mark, now);
-  if (work) look_around();
+void Sweeper::found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& claims) {
+  if (garbage.kvs_size() > 0 || staging.kvs_size() > 0 || claims.kvs_size() > 0) look_around();
 }
 
 Status Sweeper::sweep_all() {
@@ -291,22 +300,28 @@ Status Sweeper::sweep_all() {
   return sweep_all(Pace{never, kv_.timeout()});
 }
 
+Status Sweeper::sweep_for_repair() {
+  const auto never = [] { return false; };
+  const Pace pace{never, kv_.timeout()};
+  if (Status status = sweep_former_marks(pace); !status.ok()) return status;
+  if (Status status = sweep_builds(Whose::kEndedFormer, pace); !status.ok()) return status;
+  return sweep_all(pace);
+}
+
 Status Sweeper::sweep_all(const Pace& pace) {
-  if (Status status = sweep_marks(pace); !status.ok()) return status;
-  if (Status status = sweep_builds(pace); !status.ok()) return status;
+  if (Status status = sweep_builds(Whose::kEnded, pace); !status.ok()) return status;
   if (Status status = sweep_claims(pace); !status.ok()) return status;
   return sweep_garbage(pace);
 }
 
-Status Sweeper::sweep_marks(const Pace& pace) {
-  const std::int64_t now = seconds_now();
+Status Sweeper::sweep_former_marks(const Pace& pace) {
   TxnRequest batch;
   Pager marks(kv_, get_range(keys_.all_writers(), kMarkersPerPage));
   while (marks.more()) {
     RangeResponse page;
     if (Reply reply = marks.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& mark : page.kvs()) {
-      if (!is_old_mark(keys_, mark, now)) continue;
+      if (!is_former_mark(keys_, mark)) continue;
       erase(batch.add_success(), mark.key());
       if (batch.success_size() < kBatchRemovals) continue;
       if (Status status = remove(&batch, pace); !status.ok()) return status;
@@ -315,15 +330,13 @@ Status Sweeper::sweep_marks(const Pace& pace) {
   return remove(&batch, pace);
 }
 
-Status Sweeper::sweep_builds(const Pace& pace) {
-  const std::int64_t now = seconds_now();
+Status Sweeper::sweep_builds(Whose whose, const Pace& pace) {
   Pager builds(kv_, get_range(keys_.all_staging(), kMarkersPerPage));
   while (builds.more()) {
     RangeResponse page;
     if (Reply reply = builds.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& build : page.kvs()) {
-      if (!is_abandoned_build(keys_, build, now)) continue;
-      if (Status status = sweep_build(build.key(), false, pace); !status.ok()) return status;
+      if (Status status = sweep_build(build.key(), whose, pace); !status.ok()) return status;
     }
   }
   return {};

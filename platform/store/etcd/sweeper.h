@@ -1,9 +1,9 @@
 // Sweeper: removes unlinked subtrees and the remains of interrupted builds, and carries out what was decided by
 // sessions that have ended.
 //
-// Each of these has a key that names it until it is gone, so that another session can finish what one leaves undone.
-// What is not recognized is left alone, whatever its key. Removal goes bottom-up, in bounded batches; any number of
-// sweepers may work on the same subtree.
+// Each of these has a key that names it until it is gone, so that another session can finish what one leaves undone. A
+// build is removed only if its session has ended (see session.h). What is not recognized is left alone, whatever its
+// key. Removal goes bottom-up, in bounded batches; any number of sweepers may work on the same subtree.
 //
 // Threads. Any number may call at once. The work is done by a thread that lives as long as there is some.
 #ifndef TKV_PLATFORM_STORE_ETCD_SWEEPER_H
@@ -50,14 +50,24 @@ class Sweeper {
   // Does what look_around() asks for, now and on the caller's thread.
   Status sweep_all();
 
-  // Takes in what was found when the registry was opened, and starts the thread if any of it is to be removed.
-  void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& writers,
-             const RangeResponse& claims);
+  // The same, and removes what sessions of former releases have left, which named processes as owners. Nothing tells
+  // whether those have ended, so none may be open.
+  Status sweep_for_repair();
+
+  // Takes in what was found when the registry was opened, and starts the thread if there is anything to look at.
+  void found(const RangeResponse& garbage, const RangeResponse& staging, const RangeResponse& claims);
 
  private:
   struct Job {
     enum class Kind { kGarbage, kOwnBuild, kLookAround } kind;
     std::string key;
+  };
+
+  // Which builds may be given up, apart from those that have been already.
+  enum class Whose {
+    kOurs,        // one that this session knows to be its own and not to go on
+    kEnded,       // those of sessions that have ended
+    kEndedFormer  // and those that former releases have left
   };
 
   // When to stop, and how long a single request may take.
@@ -70,13 +80,14 @@ class Sweeper {
   void work();
   Status carry_out(const Job& job, const Pace& pace);
   Status sweep_all(const Pace& pace);
-  Status sweep_marks(const Pace& pace);
-  Status sweep_builds(const Pace& pace);
+  Status sweep_former_marks(const Pace& pace);
+  Status sweep_builds(Whose whose, const Pace& pace);
   Status sweep_claims(const Pace& pace);
   Status sweep_garbage(const Pace& pace);
   bool stopping();
   Status sweep_garbage(const std::string& key, const Pace& pace);
-  Status sweep_build(const std::string& key, bool ours, const Pace& pace);
+  Status sweep_build(const std::string& key, Whose whose, const Pace& pace);
+  Status give_up(const KeyValue& build, BuildText text, Whose whose, bool* given_up, const Pace& pace);
   Status sweep_range(const KeyRange& range, const Pace& pace);
   Status sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace);
   Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Pace& pace);

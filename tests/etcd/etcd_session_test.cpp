@@ -1,0 +1,283 @@
+// Who owns unfinished work, against a cluster in memory whose leases run out when a test says so.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fake_kv.h"
+#include "store/etcd/opening.h"
+#include "store/etcd/stm.h"
+#include "store/etcd/token.h"
+#include "tree.h"
+
+namespace tkv::store::etcd {
+namespace {
+
+constexpr int kMany = 150;  // more than one transaction holds
+
+class EtcdSession : public testing::Test {
+ protected:
+  EtcdSession() : one_(session(&kv_of_one_)) {}
+
+  std::unique_ptr<Core> session(SharedKv** connection = nullptr) {
+    auto kv = std::make_unique<SharedKv>(kv_);
+    if (connection != nullptr) *connection = kv.get();
+    auto core = std::make_unique<Core>(std::move(kv), "/tkv/");
+    EtcdOptions options;
+    EXPECT_TRUE(done(open_registry(*core, options)));
+    return core;
+  }
+
+  // Runs a function as a store does, until it need not run again.
+  template <typename Function>
+  Status run(Core& core, Function function, Stm::Purpose purpose = Stm::Purpose::kWrite) {
+    NextRun next;
+    for (runs_ = 1; runs_ <= 5; ++runs_) {
+      Stm stm(core, purpose, std::move(next), core.deadline());
+      Status result = stm.start();
+      if (result.ok()) result = function(stm);
+      if (stm.finish(&result)) return result;
+      next = stm.take_next();
+    }
+    return {PRTKV_UNREACHABLE, "ran too often"};
+  }
+
+  Status create(Core& core, const std::string& name) {
+    return run(core, [&](Update& update) -> Status {
+      Node node;
+      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+      return update.insert(kRootNode, name, node);
+    });
+  }
+
+  // Builds "top" with many subkeys. `meanwhile` is called once, when most of them have been staged.
+  template <typename Meanwhile>
+  Status build(Core& core, Meanwhile meanwhile) {
+    bool called = false;
+    return run(core, [&](Update& update) -> Status {
+      Node top;
+      if (Status status = update.new_id(&top.id); !status.ok()) return status;
+      for (int i = 0; i < kMany; ++i) {
+        Node node;
+        if (Status status = update.new_id(&node.id); !status.ok()) return status;
+        if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;
+      }
+      if (!std::exchange(called, true)) meanwhile();
+      return update.insert(kRootNode, "top", top);
+    });
+  }
+
+  int count_children(Core& core, const std::string& path) {
+    int count = 0;
+    EXPECT_TRUE(done(run(
+        core,
+        [&](View& view) -> Status {
+          count = 0;
+          Node node;
+          if (Status status = follow(view, path, &node); !status.ok()) return status;
+          return view.children(node.id, [&](std::string_view, const Node&) {
+            ++count;
+            return Status();
+          });
+        },
+        Stm::Purpose::kRead)));
+    return count;
+  }
+
+  std::vector<KeyValue> all(const KeyRange& range) {
+    RangeResponse found;
+    EXPECT_TRUE(kv_.range(get_all(range), &found, Deadline(std::chrono::seconds(1))).ok());
+    return {found.kvs().begin(), found.kvs().end()};
+  }
+
+  void expect_only_nodes(std::size_t nodes) {
+    EXPECT_EQ(kv_.count(keys_.all_nodes()), nodes);
+    EXPECT_EQ(kv_.count(keys_.all_staging()), 0u);
+    EXPECT_EQ(kv_.count(keys_.all_claims()), 0u);
+    EXPECT_EQ(kv_.count(keys_.all_plans()), 0u);
+  }
+
+  const Keys keys_{"/tkv/"};
+  FakeKv kv_;
+  SharedKv* kv_of_one_ = nullptr;
+  std::unique_ptr<Core> one_;
+  int runs_ = 0;
+};
+
+TEST_F(EtcdSession, HasNoLeaseWhileItOnlyReads) {
+  EXPECT_EQ(count_children(*one_, ""), 0);
+  EXPECT_EQ(kv_.leases(), 0u);
+  EXPECT_EQ(kv_.count(keys_.all_sessions()), 0u);
+}
+
+TEST_F(EtcdSession, HasAKeyFromItsFirstWriteToItsEnd) {
+  ASSERT_TRUE(done(create(*one_, "a")));
+  ASSERT_TRUE(done(create(*one_, "b")));
+  EXPECT_EQ(kv_.leases(), 1u);
+  ASSERT_EQ(kv_.count(keys_.all_sessions()), 1u);
+  EXPECT_NE(all(keys_.all_sessions())[0].lease(), 0);
+  const auto other = session();
+  ASSERT_TRUE(done(create(*other, "c")));
+  EXPECT_EQ(kv_.count(keys_.all_sessions()), 2u);
+  one_.reset();
+  EXPECT_EQ(kv_.leases(), 1u);
+  EXPECT_EQ(kv_.count(keys_.all_sessions()), 1u);
+}
+
+TEST_F(EtcdSession, LeavesNoMarkWhenItDies) {
+  ASSERT_TRUE(done(create(*one_, "a")));
+  EXPECT_GT(kv_.count(keys_.all_writers()), 0u);
+  kv_.expire_leases();
+  EXPECT_EQ(kv_.count(keys_.all_writers()), 0u);
+  EXPECT_EQ(kv_.count(keys_.all_sessions()), 0u);
+}
+
+TEST_F(EtcdSession, BeginsAnewWhenItsLeaseRanOut) {
+  ASSERT_TRUE(done(create(*one_, "a")));
+  kv_.expire_leases();
+  ASSERT_TRUE(done(create(*one_, "b")));
+  EXPECT_EQ(kv_.count(keys_.all_sessions()), 1u);
+  EXPECT_EQ(count_children(*one_, ""), 2);
+  kv_.expire_leases();
+  kv_.compact();  // nothing shows any more what the cluster was like
+  ASSERT_TRUE(done(create(*one_, "c")));
+  EXPECT_EQ(count_children(*one_, ""), 3);
+}
+
+// No process is looked at, and no clock: two sessions on machines that cannot see each other's processes, whatever
+// their clocks say.
+TEST_F(EtcdSession, LeavesABuildAloneWhoseOwnerLives) {
+  const auto other = session();
+  ASSERT_TRUE(done(build(*one_, [&] {
+    ASSERT_GT(kv_.count(keys_.all_staging()), 0u);
+    EXPECT_TRUE(done(other->sweeper.sweep_all()));
+    EXPECT_TRUE(done(other->sweeper.sweep_for_repair()));
+    EXPECT_EQ(kv_.count(keys_.all_staging()), 1u);
+  })));
+  EXPECT_EQ(runs_, 1) << "it was disturbed";
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  expect_only_nodes(2 + kMany);
+}
+
+TEST_F(EtcdSession, WritesDownNeitherTimesNorProcessesToBeJudged) {
+  ASSERT_TRUE(done(build(*one_, [&] {
+    const auto builds = all(keys_.all_staging());
+    ASSERT_EQ(builds.size(), 1u);
+    const auto text = BuildText::parse(builds[0].value());
+    ASSERT_TRUE(text);
+    EXPECT_EQ(kv_.count({keys_.session(text->session), keys_.session(text->session) + '\0'}), 1u);
+    for (const char* word : {"time", "owner"}) EXPECT_EQ(builds[0].value().find(word), std::string::npos) << word;
+  })));
+  for (const KeyValue& mark : all(keys_.all_writers())) {
+    EXPECT_LT(mark.value().size(), 4u) << "more than a number: " << mark.value();
+  }
+}
+
+TEST_F(EtcdSession, RemovesTheBuildOfAnOwnerThatDied) {
+  EXPECT_TRUE(build(*one_, [&] { kv_of_one_->die(); }).is(PRTKV_UNREACHABLE));
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.count(keys_.all_staging()), 1u) << "its session goes on";
+  kv_.expire_leases();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  expect_only_nodes(1);
+}
+
+TEST_F(EtcdSession, AnOwnerWhoseBuildWasSweptBeginsAgainAndDamagesNothing) {
+  const auto other = session();
+  ASSERT_TRUE(done(build(*one_, [&] {
+    kv_.expire_leases();
+    ASSERT_TRUE(done(other->sweeper.sweep_all()));
+    expect_only_nodes(1);
+  })));
+  EXPECT_GT(runs_, 1) << "the commit of what was swept must have been refused";
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  one_.reset();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  expect_only_nodes(2 + kMany);
+}
+
+TEST_F(EtcdSession, AnOwnerWhoseLeaseRanOutCannotDecide) {
+  ASSERT_TRUE(done(build(*one_, [&] { kv_.expire_leases(); })));
+  EXPECT_GT(runs_, 1) << "nobody has swept yet, but anybody may";
+  EXPECT_EQ(count_children(*one_, "top"), kMany);
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  expect_only_nodes(2 + kMany);
+}
+
+TEST_F(EtcdSession, ADeadOwnersClaimIsRemovedWithItsBuild) {
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  const auto change = [&](Core& core) {
+    return run(core, [&](Update& update) -> Status {
+      Node top;
+      if (Status status = follow(update, "top", &top); !status.ok()) return status;
+      return update.children(top.id, [&](std::string_view, const Node& node) {
+        return update.set_value(node.id, 3, bytes_of("changed"));
+      });
+    });
+  };
+  kv_.after_txn = [&](const TxnRequest&) {
+    if (kv_.count(keys_.all_claims()) > 0) kv_of_one_->die();
+    return Reply();
+  };
+  EXPECT_TRUE(change(*one_).is(PRTKV_UNREACHABLE));
+  ASSERT_EQ(kv_.count(keys_.all_claims()), 1u);
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.count(keys_.all_claims()), 1u) << "its owner lives";
+  kv_.expire_leases();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  expect_only_nodes(2 + kMany);
+}
+
+// The first copy of the write was made, but its answer was lost, and the lease ran out before the second was sent.
+TEST_F(EtcdSession, AWriteWhoseMarkEndedWithItsSessionIsUndecided) {
+  ASSERT_TRUE(done(create(*one_, "a")));
+  bool lost = false;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    const bool is_write =
+        request.compare_size() > 0 && request.success_size() > 0 && request.success(0).has_request_put();
+    if (!is_write || std::exchange(lost, true)) return Reply();
+    kv_.expire_leases();
+    return Reply{Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, "no answer"), true};
+  };
+  const Status status = run(*one_, [](Update& update) { return update.set_value(kRootNode, 3, bytes_of("x")); });
+  EXPECT_TRUE(status.is(PRTKV_UNDECIDED)) << status.text();
+  kv_.after_txn = nullptr;
+  EXPECT_TRUE(done(create(*one_, "b"))) << "in a session of its own";
+}
+
+// ---- what releases have left that named processes as owners
+
+class EtcdFormerOwner : public EtcdSession {
+ protected:
+  EtcdFormerOwner() {
+    kv_.put(keys_.staging(token_),
+            "batch 1\ntime 1600000000\nstate building\nowner 9b1f pid:[4026531836] 1 1\nids 1000 1001\n");
+    kv_.put(keys_.node({1000, "below"}), "staged");
+    kv_.put(mark_, "7 1600000000 9b1f pid:[4026531836] 1 1");
+  }
+
+  const std::string token_ = random_token();
+  const std::string mark_ = keys_.writer(random_token() + "-0");
+};
+
+TEST_F(EtcdFormerOwner, IsNotKnownToHaveEnded) {
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.count(keys_.all_staging()), 1u);
+  EXPECT_EQ(kv_.count(keys_.nodes_below(1000, 1000)), 1u);
+  EXPECT_NE(kv_.get(mark_), "");
+  EXPECT_EQ(count_children(*other, ""), 0) << "the registry can be read";
+}
+
+TEST_F(EtcdFormerOwner, IsCleanedUpAfterByARepair) {
+  ASSERT_TRUE(done(one_->sweeper.sweep_for_repair()));
+  EXPECT_EQ(kv_.get(mark_), "");
+  expect_only_nodes(1);
+}
+
+}  // namespace
+}  // namespace tkv::store::etcd
