@@ -81,13 +81,14 @@ bool has_header(std::span<const std::byte> record, RecordKind kind) {
          get<std::uint16_t>(record.data() + 2) == 0;
 }
 
-// Why a record that is not sound is not. Looks at the version first: a newer one may lay out the rest differently.
+// Why a record that is not sound is not. Looks at the version first: a newer one may lay out the rest
+// differently, but for the checksum at the end.
 Status defect(std::span<const std::byte> record, std::size_t least, std::uint64_t seed) {
   if (record.empty()) return damaged("it is empty");
   const auto version = std::to_integer<unsigned>(record[0]);
-  if (version > kRecordVersion) {
-    return {PRTKV_STORAGE_FAILED, "record of format version " + std::to_string(version) +
-                                      ", and this release reads versions up to " + std::to_string(kRecordVersion)};
+  if (version > kRecordVersion && record.size() >= kHeaderSize + kChecksumSize && is_sealed(record, seed)) {
+    return {PRTKV_UNUSABLE, "record of format version " + std::to_string(version) +
+                                ", and this release reads versions up to " + std::to_string(kRecordVersion)};
   }
   if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
   if (!is_sealed(record, seed)) return damaged("its checksum does not match");

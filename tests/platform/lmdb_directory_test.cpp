@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lmdb_files.h"
+#include "newer_record.h"
 #include "store/lmdb/directory.h"
 #include "store/lmdb/file_system_type.h"
 #include "store/record.h"
@@ -73,9 +74,9 @@ class LmdbDirectory : public ::testing::Test {
   }
 
   // The file is refused and left as it is.
-  void expect_file_refused(const std::string& part) {
+  void expect_file_refused(prtkv_result code, const std::string& part) {
     const std::string before = read_file(registry_ + "/data.mdb");
-    expect_refused(registry_, PRTKV_STORAGE_FAILED, part);
+    expect_refused(registry_, code, part);
     EXPECT_EQ(read_file(registry_ + "/data.mdb"), before);
   }
 
@@ -403,14 +404,30 @@ TEST_F(LmdbDirectory, NothingIsCreatedUnlessAllowed) {
 TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
   fs::create_directory(registry_);
   const std::string file = registry_ + "/data.mdb";
-  write_file(file, "");
-  expect_file_refused("too short");
-  write_file(file, "to whom it may concern");
-  expect_file_refused("too short");
-  write_file(file, std::string(100'000, 'x'));
-  expect_file_refused("not the data file of a registry");
+  for (const std::string& text : {std::string("to whom it may concern"), std::string(100'000, 'x')}) {
+    write_file(file, text);
+    expect_file_refused(PRTKV_UNUSABLE, "is not the data file of a registry: it has no meta page of LMDB");
+  }
+}
+
+TEST_F(LmdbDirectory, AFileThatLostItsContentsOrItsEndIsDamaged) {
+  ASSERT_TRUE(open(registry_).ok());
+  const std::string file = registry_ + "/data.mdb";
+  const std::string sound = read_file(file);
+  for (const std::size_t size : {0, 8}) {
+    write_file(file, sound.substr(0, size));
+    expect_file_refused(PRTKV_STORAGE_FAILED, "is damaged");
+  }
   write_file(file, std::string(100'000, '\0'));
-  expect_file_refused("not the data file of a registry");
+  expect_file_refused(PRTKV_STORAGE_FAILED, "it is empty where it should begin with a meta page");
+  write_file(file, sound.substr(0, 512));
+  expect_file_refused(PRTKV_STORAGE_FAILED, "meta page 1 is not a meta page of LMDB");
+  for (const std::size_t page : {0u, 4096u}) {
+    std::string bytes = sound;
+    bytes.replace(page, 4096, 4096, 'x');
+    write_file(file, bytes);
+    expect_file_refused(PRTKV_STORAGE_FAILED, "meta page " + std::to_string(page / 4096) + " is not a meta page");
+  }
 }
 
 TEST_F(LmdbDirectory, ADirectoryInPlaceOfAFileIsRefused) {
@@ -442,52 +459,63 @@ TEST_F(LmdbDirectory, LmdbFilesOfOthersAreRefusedAndLeftAlone) {
     MDB_val data = val_of("apple");
     ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
   });
-  expect_file_refused("lacks a registry's record");
+  expect_file_refused(PRTKV_UNUSABLE, "is a file of LMDB without a registry");
   fs::remove_all(registry_);
   fs::create_directory(registry_);
   with_plain_lmdb(
       registry_, [](MDB_txn*, MDB_dbi) {}, MDB_DUPSORT);
-  expect_file_refused("another kind of database");
+  expect_file_refused(PRTKV_UNUSABLE, "it holds another kind of database");
 }
 
 TEST_F(LmdbDirectory, ARegistryOfANewerFormatIsRefusedAndLeftAlone) {
   ASSERT_TRUE(open(registry_).ok());
   with_plain_lmdb(registry_, [](MDB_txn* txn, MDB_dbi database) {
     MetaRecord record = encode_meta(Meta{});
-    record[0] = std::byte{2};
+    set_version(&record, kRecordVersion + 1, kNoNode, "meta");
     MDB_val key = val_of("M");
     MDB_val data{record.size(), record.data()};
     ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
   });
-  expect_file_refused("record of format version 2, and this release reads versions up to 1");
+  expect_file_refused(PRTKV_UNUSABLE, "and this release reads versions up to ");
 }
 
 TEST_F(LmdbDirectory, MetaPagesWithImpossibleNumbersAreRefused) {
-  ASSERT_TRUE(open(registry_).ok());
+  LmdbOptions options;
+  options.directory = registry_;
+  ASSERT_TRUE(set_text(*open_or_fail(options), kRootNode, "in a second transaction").ok());
   const std::string file = registry_ + "/data.mdb";
   const std::string sound = read_file(file);
   struct Case {
     const char* what;
-    std::size_t offset;  // in both meta pages
+    std::size_t offset;
     std::string bytes;
+    prtkv_result in_both = PRTKV_STORAGE_FAILED;  // if both meta pages say the same
   };
   const Case cases[] = {
-      {"magic number", 16, "zzzz"},
-      {"LMDB's version", 20, std::string("\x07\0\0\0", 4)},
+      {"magic number", 16, "zzzz", PRTKV_UNUSABLE},
+      {"LMDB's version", 20, std::string("\x07\0\0\0", 4), PRTKV_UNUSABLE},
       {"page size 0", 40, std::string(4, '\0')},
       {"page size 3", 40, std::string("\3\0\0\0", 4)},
       {"last page beyond any disk", 136, std::string(8, '\x7f')},
       {"map beyond any disk", 32, std::string(8, '\x7f')},
       {"free pages in a tree of another kind", 44, "\x44"},
-      {"keys in a tree of another kind", 92, "\x04"},
+      {"keys in a tree of another kind", 92, "\x04", PRTKV_UNUSABLE},
       {"transaction number of the other meta page", 144, "\x01"},
   };
   for (const Case& damage : cases) {
-    std::string bytes = sound;
-    for (const std::size_t page : {0u, 4096u}) bytes.replace(page + damage.offset, damage.bytes.size(), damage.bytes);
-    write_file(file, bytes);
     SCOPED_TRACE(damage.what);
-    expect_file_refused("not the data file of a registry, or it is damaged");
+    const auto replace_in = [&](std::vector<std::size_t> pages) {
+      std::string bytes = sound;
+      for (const std::size_t page : pages) bytes.replace(page + damage.offset, damage.bytes.size(), damage.bytes);
+      write_file(file, bytes);
+    };
+    for (const std::size_t page : {0u, 4096u}) {
+      replace_in({page});
+      const bool is_harmless = read_file(file) == sound;
+      if (!is_harmless) expect_file_refused(PRTKV_STORAGE_FAILED, "is damaged");
+    }
+    replace_in({0, 4096});
+    expect_file_refused(damage.in_both, damage.in_both == PRTKV_UNUSABLE ? "is not the data file" : "is damaged");
   }
 }
 

@@ -19,6 +19,7 @@
 
 #include "allocation.h"
 #include "lmdb_files.h"
+#include "newer_record.h"
 #include "store/lmdb/file.h"
 #include "temporary_directory.h"
 
@@ -1027,14 +1028,14 @@ TEST_F(LmdbDamage, ARecordOfANewerFormatIsRefused) {
     MDB_val data{};
     ASSERT_EQ(mdb_get(txn, database, &key_val, &data), 0);
     std::string copy(static_cast<const char*>(data.mv_data), data.mv_size);
-    copy[0] = 2;
+    set_version(&copy, kRecordVersion + 1, id_, "");
     data = val_of(copy);
     ASSERT_EQ(mdb_put(txn, database, &key_val, &data, 0), 0);
   });
   std::string text;
   const Status status = get_text(*open(), id_, &text);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_NE(status.text().find("format version 2"), std::string::npos) << status.text();
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
+  EXPECT_NE(status.text().find("format version"), std::string::npos) << status.text();
 }
 
 TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {

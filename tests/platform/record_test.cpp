@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "newer_record.h"
 #include "store/lmdb/file.h"
 
 namespace tkv::store {
@@ -179,11 +180,21 @@ TEST(Record, ARecordOfAnotherKindIsFound) {
 
 TEST(Record, ANewerFormatIsRefusedByItsNumber) {
   NodeRecord record = encode_node(7, "name", sample_node());
-  record[0] = std::byte{2};
+  set_version(&record, kRecordVersion + 1, 7, "name");
   Node node;
   const Status status = decode_node(7, "name", record, &node);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_EQ(status.text(), "record of format version 2, and this release reads versions up to 1");
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
+  EXPECT_EQ(status.text(), "record of format version " + std::to_string(kRecordVersion + 1) +
+                               ", and this release reads versions up to " + std::to_string(kRecordVersion));
+}
+
+TEST(Record, ADamagedVersionIsNoNewerFormat) {
+  NodeRecord record = encode_node(7, "name", sample_node());
+  record[0] = std::byte{kRecordVersion + 1};
+  Node node;
+  EXPECT_TRUE(decode_node(7, "name", record, &node).is(PRTKV_STORAGE_FAILED));
+  const std::vector<std::byte> few{std::byte{kRecordVersion + 1}};
+  EXPECT_TRUE(decode_node(7, "name", few, &node).is(PRTKV_STORAGE_FAILED));
 }
 
 }  // namespace

@@ -18,57 +18,96 @@ namespace {
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
 
 Status not_a_registry(const std::string& path, const std::string& why) {
-  return {PRTKV_STORAGE_FAILED, "'" + path + "' is not the data file of a registry, or it is damaged: " + why};
+  return {PRTKV_UNUSABLE, "'" + path + "' is not the data file of a registry: " + why};
+}
+
+Status damaged(const std::string& path, const std::string& why) {
+  return {PRTKV_STORAGE_FAILED, "the data file '" + path + "' is damaged: " + why};
 }
 
 std::string meta_page_text(unsigned number) { return "meta page " + std::to_string(number); }
 
-Status read_meta_page(const Descriptor& file, const std::string& path, unsigned number, std::size_t page_size,
-                      MetaPage* meta) {
-  const ssize_t count = pread(file.number(), meta, sizeof *meta, static_cast<off_t>(number * page_size));
+// Reads what there is of a meta page; the rest is zeroes.
+Status read_meta_page(const Descriptor& file, const std::string& path, std::size_t at, MetaPage* meta) {
+  *meta = MetaPage{};
+  const ssize_t count = pread(file.number(), meta, sizeof *meta, static_cast<off_t>(at));
   const int error = count < 0 ? errno : 0;
-  if (error != 0) return lmdb_status(error, "cannot read '" + path + "'");
-  if (count != sizeof *meta) return not_a_registry(path, "it is too short");
-  if ((meta->header.flags & kMetaPage) == 0 || meta->magic != kMagic) {
-    return not_a_registry(path, meta_page_text(number) + " is not a meta page of LMDB");
+  return error == 0 ? Status() : lmdb_status(error, "cannot read '" + path + "'");
+}
+
+bool is_of_lmdb(const MetaPage& meta) { return (meta.header.flags & kMetaPage) != 0 && meta.magic == kMagic; }
+
+bool is_empty(const MetaPage& meta) {
+  const MetaPage none{};
+  return std::memcmp(&meta, &none, sizeof meta) == 0;
+}
+
+bool is_page_size(std::size_t size) {
+  return std::has_single_bit(size) && size >= kMinPageSize && size <= kMaxPageSize;
+}
+
+// Finds the second meta page of a file whose first one may be damaged: its place depends on the size of pages.
+Status find_second_meta_page(const Descriptor& file, const std::string& path, std::size_t first_size, MetaPage* meta) {
+  if (is_page_size(first_size)) return read_meta_page(file, path, first_size, meta);
+  for (std::size_t size = kMinPageSize; size <= kMaxPageSize; size *= 2) {
+    if (Status status = read_meta_page(file, path, size, meta); !status.ok() || is_of_lmdb(*meta)) return status;
   }
-  if (meta->version != kFormatVersion) {
-    return not_a_registry(path, "its LMDB data format has version " + std::to_string(meta->version));
+  return {};
+}
+
+bool is_another_database(const MetaPage& meta) { return meta.records.flags != kPlainTree; }
+
+// Refuses a file that is no registry's. Of two meta pages, one that says what it is counts: the other is damaged.
+Status check_kind(const std::string& path, const MetaPage& first, const MetaPage& second) {
+  if (!is_of_lmdb(first) && !is_of_lmdb(second)) {
+    return is_empty(first) ? damaged(path, "it is empty where it should begin with a meta page")
+                           : not_a_registry(path, "it has no meta page of LMDB");
   }
-  const std::size_t size = meta->free_pages.page_size;
-  if (!std::has_single_bit(size) || size < 512 || size > kMaxPageSize) {
-    return not_a_registry(path, "its page size is " + std::to_string(size));
+  if (!is_of_lmdb(first) || !is_of_lmdb(second)) {
+    return damaged(path, meta_page_text(is_of_lmdb(first) ? 1 : 0) + " is not a meta page of LMDB");
+  }
+  if (first.version != kFormatVersion && first.version == second.version) {
+    return not_a_registry(path, "its LMDB data format has version " + std::to_string(first.version));
+  }
+  // The first transaction of a file leaves one meta page as it was before there was a database.
+  const auto agrees = [](const MetaPage& meta) { return meta.transaction == 0 || is_another_database(meta); };
+  if (is_another_database(first) ? agrees(second) : is_another_database(second) && agrees(first)) {
+    return not_a_registry(path, "it holds another kind of database");
   }
   return {};
 }
 
 Status check_meta_page(const std::string& path, unsigned number, const MetaPage& meta) {
   const std::string name = meta_page_text(number);
-  if (meta.transaction % kMetaPages != number) {
-    return not_a_registry(path, name + " carries the wrong transaction number");
+  if (meta.version != kFormatVersion) {
+    return damaged(path, name + " gives " + std::to_string(meta.version) + " as the version of LMDB's data format");
   }
+  if (!is_page_size(meta.free_pages.page_size)) {
+    return damaged(path, name + " gives a page size of " + std::to_string(meta.free_pages.page_size));
+  }
+  if (meta.transaction % kMetaPages != number) return damaged(path, name + " carries the wrong transaction number");
   if (meta.last_page < 1 || meta.last_page >= kLargestFile / meta.free_pages.page_size) {
-    return not_a_registry(path, name + " gives " + std::to_string(meta.last_page) + " as the last page");
+    return damaged(path, name + " gives " + std::to_string(meta.last_page) + " as the last page");
   }
   if (meta.map_size > kLargestFile) {
-    return not_a_registry(path, name + " gives a map size of " + std::to_string(meta.map_size) + " bytes");
+    return damaged(path, name + " gives a map size of " + std::to_string(meta.map_size) + " bytes");
   }
-  const bool is_usual = (meta.free_pages.flags & kTreeKind) == kIntegerKeyTree && meta.records.flags == kPlainTree;
-  return is_usual ? Status() : not_a_registry(path, name + " describes another kind of database");
+  const bool is_usual = (meta.free_pages.flags & kTreeKind) == kIntegerKeyTree && !is_another_database(meta);
+  return is_usual ? Status() : damaged(path, name + " describes another kind of database");
 }
 
+// LMDB chooses one of them by its transaction number, which may be damaged: both must be sound.
 Status check_meta_pages(const Descriptor& file, const std::string& path) {
   MetaPage first{};
   MetaPage second{};
-  if (Status status = read_meta_page(file, path, 0, 0, &first); !status.ok()) return status;
-  const std::size_t page_size = first.free_pages.page_size;
-  if (Status status = read_meta_page(file, path, 1, page_size, &second); !status.ok()) return status;
-  if (second.free_pages.page_size != page_size) {
-    return not_a_registry(path, "its two meta pages give different page sizes");
-  }
-  // LMDB chooses one of them by its transaction number, which may be damaged: both must be sound.
+  if (Status status = read_meta_page(file, path, 0, &first); !status.ok()) return status;
+  const std::size_t first_size = is_of_lmdb(first) ? first.free_pages.page_size : 0;
+  if (Status status = find_second_meta_page(file, path, first_size, &second); !status.ok()) return status;
+  if (Status status = check_kind(path, first, second); !status.ok()) return status;
   if (Status status = check_meta_page(path, 0, first); !status.ok()) return status;
-  return check_meta_page(path, 1, second);
+  if (Status status = check_meta_page(path, 1, second); !status.ok()) return status;
+  const bool is_same_size = first.free_pages.page_size == second.free_pages.page_size;
+  return is_same_size ? Status() : damaged(path, "its two meta pages give different page sizes");
 }
 
 using EnvironmentHandle = std::unique_ptr<MDB_env, decltype(&mdb_env_close)>;

@@ -66,9 +66,9 @@ bool read_key(std::span<const std::byte> key, KeyParts* parts);
 // Fills an empty file with a registry that has only a root. Durable on return.
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security);
 
-// Checks the meta pages of a file without LMDB, which trusts them. Returns PRTKV_STORAGE_FAILED with a reason for a
-// foreign file, a truncated one, and impossible numbers. Changes nothing. `path`
-// is for the message only.
+// Checks the meta pages of a file without LMDB, which trusts them. Returns PRTKV_UNUSABLE for a file that is something
+// else, PRTKV_STORAGE_FAILED for one that is empty, truncated or has impossible numbers, each with a reason. Changes
+// nothing. `path` is for the message only.
 Status inspect_data_file(const Descriptor& file, const std::string& path);
 
 }  // namespace tkv::store

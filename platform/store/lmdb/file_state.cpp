@@ -29,6 +29,15 @@ Status read_at(int file, const FileMap& map, std::uint64_t page, std::span<std::
   return static_cast<std::size_t>(count) == bytes.size() ? Status() : damaged_page(map, {page, "is missing"});
 }
 
+Status lacks_own_record(const FileMap& map) {
+  return {PRTKV_STORAGE_FAILED, "the file in '" + std::string(map.directory) + "' lacks a registry's record of itself"};
+}
+
+// For a sound file of LMDB whose first key is none of a registry.
+Status holds_no_registry(const FileMap& map) {
+  return {PRTKV_UNUSABLE, "the file in '" + std::string(map.directory) + "' is a file of LMDB without a registry"};
+}
+
 // The leaf page that holds the record of the registry itself, whose key is the smallest: reads the leftmost page of
 // each level, without the map.
 class FirstLeaf {
@@ -68,9 +77,10 @@ class FirstLeaf {
   Status check_first_record(const Page& page) const {
     PageNode node;
     const Key key = Key::meta();
-    if (page.read(0, &node) && compare_keys(node.key, key.bytes()) == 0 && !node.is_big()) return {};
-    return {PRTKV_STORAGE_FAILED,
-            "the file in '" + std::string(map_.directory) + "' lacks a registry's record of itself"};
+    KeyParts parts;
+    const bool is_read = page.read(0, &node);
+    if (is_read && compare_keys(node.key, key.bytes()) == 0 && !node.is_big()) return {};
+    return is_read && !read_key(node.key, &parts) ? holds_no_registry(map_) : lacks_own_record(map_);
   }
 
   const int file_;
@@ -97,8 +107,7 @@ Status try_to_locate(MDB_env* env, FileMap* map, bool* found) {
   if (Status status = load_state(*map, meta, transaction, &state); !status.ok()) return status;
   FirstLeaf leaf(file, *map);
   if (state.records.page == kNoPage) {
-    return {PRTKV_STORAGE_FAILED,
-            "the file in '" + std::string(map->directory) + "' lacks a registry's record of itself"};
+    return state.records.entries == 0 ? holds_no_registry(*map) : lacks_own_record(*map);
   }
   if (Status status = leaf.read(state); !status.ok()) return status;
   const Key key = Key::meta();

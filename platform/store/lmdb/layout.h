@@ -56,6 +56,7 @@ constexpr std::uint16_t kIntegerKeyTree = 0x08;  // the tree of free pages, whos
 constexpr std::uint64_t kNoPage = ~std::uint64_t{0};  // the root page of an empty tree
 constexpr int kMaxTreeDepth = 32;
 constexpr std::uint64_t kMetaPages = 2;  // pages 0 and 1
+constexpr std::size_t kMinPageSize = 512;
 constexpr std::size_t kMaxPageSize = 32768;
 
 // Page 0 describes the state after the latest transaction with an even number, page 1 after that with an odd number.

@@ -177,9 +177,9 @@ Status find_meta(const FileState& state, Meta* meta) {
 Status check_format(const FileState& state) {
   std::span<const std::byte> record;
   if (Status status = read_meta(state, &record); !status.ok()) return status;
-  if (record.empty() || record[0] <= std::byte{kRecordVersion}) return {};
   Meta meta;
-  return decode_meta(record, &meta).about("the record of the registry itself");
+  const Status status = decode_meta(record, &meta);
+  return status.is(PRTKV_UNUSABLE) ? status.about("the record of the registry itself") : Status();
 }
 
 Status has_children(const FileState& state, NodeId parent, bool* answer) {
