@@ -145,6 +145,7 @@ struct KeyRecord {
   bool has_group = true;
   bool has_mode = true;
   bool has_value = true;
+  bool damaged = false;  // read from a registry where it cannot be read: nothing is known of it but the name
 };
 
 // A key and everything below it: parents before their subkeys, siblings in byte order. Empty if the top does not exist.
@@ -320,7 +321,8 @@ class Client {
 
   // Writes values to keys, creating those that do not exist; all or nothing. A value of type 0 without bytes creates a
   // missing key and leaves an existing one as it is. Needs TKV_RIGHT_WRITE on keys that exist, TKV_RIGHT_CREATE on the
-  // parents of others, and TKV_RIGHT_READ on those to inherit from.
+  // parents of others, and TKV_RIGHT_READ on those to inherit from. With Key::kAny, a key whose record is damaged is
+  // removed, as by `remove`, and created anew.
   virtual Status put(std::span<const NamedValue> values, const PutOptions& options) = 0;
 
   // --- Subtrees ---
@@ -340,7 +342,9 @@ class Client {
   virtual Status compare(const Subtree& wanted, MergeMode mode, const NewKeySecurity& security, KeyProgress progress,
                          Difference* difference) = 0;
 
-  // Makes the subtree at `wanted.top` what `wanted` says. Needs the rights of compare, and those of each change.
+  // Makes the subtree at `wanted.top` what `wanted` says. Needs the rights of compare, and those of each change. With
+  // MergeMode::kReplace, keys whose record or value is damaged are replaced, except for the record of the root, which
+  // only a repair replaces; `compare` shows the removal of what cannot be read.
   virtual Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
                        Difference* difference) = 0;
 
@@ -358,7 +362,9 @@ class Client {
                                  KeyProgress progress) = 0;
 
   // Deletes a key. Needs TKV_RIGHT_DELETE on it and, recursively, on every key below it. Not recursively, a key with
-  // subkeys yields PRTKV_HAS_SUBKEYS. The root yields PRTKV_INVALID_ARGUMENT.
+  // subkeys yields PRTKV_HAS_SUBKEYS. The root yields PRTKV_INVALID_ARGUMENT. The rights on a key whose record is
+  // damaged cannot be read: deleting it needs TKV_RIGHT_DELETE on the key above it. What is below it stays, where
+  // nothing reaches it, until a repair removes it.
   virtual Status remove(const KeyRef& key, bool recursive, KeyProgress progress) = 0;
 
   // Moves a key with its subtree to `name` under `parent`. Needs TKV_RIGHT_DELETE on the key and TKV_RIGHT_CREATE on

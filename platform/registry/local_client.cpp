@@ -16,6 +16,9 @@ namespace {
 
 const char* characters(std::span<const std::byte> bytes) { return reinterpret_cast<const char*>(bytes.data()); }
 
+// What is to be replaced whole need not be readable.
+bool replaces_damage(MergeMode mode) { return mode == MergeMode::kReplace; }
+
 Status demand_expected(const Difference& difference, const ApplyOptions& options) {
   if (difference.count(KeyChange::Kind::kRemove) <= options.max_removed &&
       difference.count(KeyChange::Kind::kChange) <= options.max_changed) {
@@ -186,7 +189,9 @@ Status LocalClient::compare(const Subtree& wanted, MergeMode mode, const NewKeyS
   Subtree current;
   sec_attr above{};
   const Status status = read_all([&](Reader& tree) -> Status {
-    if (Status read = read_subtree(tree, wanted.top, progress, &current); !read.ok()) return read;
+    if (Status read = read_subtree(tree, wanted.top, replaces_damage(mode), progress, &current); !read.ok()) {
+      return read;
+    }
     return inherited_security(tree, parent_of(wanted.top), security, &above);
   });
   return status.ok() ? find_difference(current, wanted, mode, security, above, difference) : status;
@@ -199,7 +204,8 @@ Status LocalClient::apply(const Subtree& wanted, const ApplyOptions& options, Ke
     Subtree current;
     sec_attr above{};
     const auto silent = [](std::uint64_t) {};
-    if (Status status = read_subtree(tree, wanted.top, silent, &current); !status.ok()) return status;
+    const bool over_damage = replaces_damage(options.mode);
+    if (Status status = read_subtree(tree, wanted.top, over_damage, silent, &current); !status.ok()) return status;
     if (Status status = inherited_security(tree, parent_of(wanted.top), options.security, &above); !status.ok()) {
       return status;
     }

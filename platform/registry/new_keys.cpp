@@ -63,7 +63,12 @@ Status create_parents(Writer& tree, std::string_view name, const NewKeySecurity&
 
 Status put_value(Writer& tree, std::string_view name, const TypedValue& value, const PutOptions& options) {
   bool exists = false;
-  if (Status status = tree.exists(name, &exists); !status.ok()) return status;
+  const Status found = tree.exists(name, &exists);
+  if (found.is(PRTKV_STORAGE_FAILED) && options.key == PutOptions::Key::kAny) {
+    if (Status status = tree.remove_damaged(name, found); !status.ok()) return status;
+  } else if (!found.ok()) {
+    return found;
+  }
   if (exists) return write_existing(tree, name, value, options.key);
   if (options.key == PutOptions::Key::kMustExist) return {PRTKV_NO_SUCH_KEY, describe(name) + " does not exist"};
   if (options.create_parents) {

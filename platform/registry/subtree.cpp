@@ -19,6 +19,9 @@ constexpr std::uint64_t kMostNamed = 3;  // keys in a message
 KeyRecord record_of(const WalkEntry& entry) {
   KeyRecord record;
   record.name = entry.name;
+  record.damaged = entry.damaged == WalkEntry::Part::kRecord;
+  record.has_owner = record.has_group = record.has_mode = !record.damaged;
+  record.has_value = entry.damaged == WalkEntry::Part::kNone;
   record.security = entry.security;
   record.value = {entry.type, std::string(reinterpret_cast<const char*>(entry.value.data()), entry.value.size())};
   return record;
@@ -44,8 +47,12 @@ KeyRecord completed(const KeyRecord& wanted, const sec_attr& security, const Typ
   return record;
 }
 
+bool same_value(const KeyRecord& left, const KeyRecord& right) {
+  return left.has_value == right.has_value && left.value == right.value;
+}
+
 bool is_same(const KeyRecord& left, const KeyRecord& right) {
-  return left.value == right.value && same_security(left.security, right.security);
+  return same_value(left, right) && same_security(left.security, right.security);
 }
 
 Status demand_no_changes(const Difference& difference) {
@@ -83,6 +90,7 @@ class Comparison {
 
   void change(const KeyRecord& current, const KeyRecord& wanted) {
     KeyRecord after = completed(wanted, current.security, current.value);
+    after.has_value = wanted.has_value || current.has_value;
     note_result(after);
     if (!is_same(current, after)) difference_.changes.push_back({Kind::kChange, current, std::move(after)});
   }
@@ -140,10 +148,18 @@ Status stage_subtree(Writer& tree, Changes added, KeyId* top) {
 
 Status change_key(Writer& tree, const KeyRecord& before, const KeyRecord& after) {
   // The value first: the new rights may take away the right to write it.
-  if (before.value != after.value) {
+  if (!same_value(before, after)) {
     if (Status status = tree.write_value(after.name, after.value.type, after.value.span()); !status.ok()) return status;
   }
   return same_security(before.security, after.security) ? Status() : tree.write_security(after.name, after.security);
+}
+
+// A reader that doubts whether a key is absent reports damage, even if there is none.
+Status remove_key(Writer& tree, const KeyRecord& key) {
+  if (!key.damaged) return tree.remove(key.name, true);
+  const Status sound(PRTKV_KEY_EXISTS, describe(key.name) + " is no longer damaged; nothing was done");
+  Status status = tree.remove_damaged(key.name, sound);
+  return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
 }
 
 Status apply_step(Writer& tree, Changes step) {
@@ -151,7 +167,7 @@ Status apply_step(Writer& tree, Changes step) {
   KeyId id = kAnyKey;
   switch (first.kind) {
     case Kind::kRemove:
-      return tree.remove(first.before.name, true);
+      return remove_key(tree, first.before);
     case Kind::kChange:
       return change_key(tree, first.before, first.after);
     case Kind::kAdd:
@@ -163,17 +179,21 @@ Status apply_step(Writer& tree, Changes step) {
 
 }  // namespace
 
-Status read_subtree(Reader& tree, const std::string& top, KeyProgress progress, Subtree* subtree) {
+Status read_subtree(Reader& tree, const std::string& top, bool over_damage, KeyProgress progress, Subtree* subtree) {
   subtree->top = top;
   subtree->keys.clear();
-  bool exists = false;
-  if (Status status = tree.exists(top, &exists); !status.ok() || !exists) return status;
+  Presence presence = Presence::kAbsent;
+  if (Status status = tree.look_up(top, &presence); !status.ok() || presence == Presence::kAbsent) return status;
   WalkOptions options;
   options.values = true;
-  return tree.walk(top, options, [&](const WalkEntry& entry) {
+  if (over_damage) options.damaged = WalkOptions::Damaged::kVisit;
+  return tree.walk(top, options, [&](const WalkEntry& entry) -> Status {
+    // What can be neither read nor replaced: a list of subkeys, and the root.
+    const bool is_root = entry.damaged == WalkEntry::Part::kRecord && entry.name.empty();
+    if (entry.damaged == WalkEntry::Part::kSubkeys || is_root) return entry.damage->about(describe(entry.name));
     subtree->keys.push_back(record_of(entry));
     progress(subtree->keys.size());
-    return Status();
+    return {};
   });
 }
 
@@ -190,6 +210,9 @@ Status find_difference(const Subtree& current, const Subtree& wanted, MergeMode 
       mode == MergeMode::kReplace ? comparison.remove(*have) : comparison.keep(*have);
       ++have;
     } else if (have == current.keys.end() || have->name != want->name) {
+      if (Status status = comparison.add(*want++); !status.ok()) return status;
+    } else if (have->damaged) {
+      comparison.remove(*have++);
       if (Status status = comparison.add(*want++); !status.ok()) return status;
     } else {
       comparison.change(*have++, *want++);

@@ -196,6 +196,19 @@ Status Reader::exists(std::string_view name, bool* answer) {
   return {};
 }
 
+Status Reader::look_up(std::string_view name, Presence* presence) {
+  Place place;
+  store::NodeId parent = store::kNoNode;
+  const Status found = resolve(name, &place);
+  if (found.is(PRTKV_STORAGE_FAILED) && (name.empty() || find_parent(name, &parent).ok())) {
+    *presence = Presence::kDamaged;
+    return {};
+  }
+  if (!found.ok() && !found.is(PRTKV_NO_SUCH_KEY)) return found;
+  *presence = found.ok() ? Presence::kSound : Presence::kAbsent;
+  return {};
+}
+
 // What the identity may know of the key `name`.
 Status Reader::read_info(std::string_view name, const store::Node& node, KeyInfo* info) {
   *info = {};
@@ -306,8 +319,12 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
     return visit(entry);
   };
   Place place;
-  Status status = resolve(key, &place);
-  return status.ok() ? descend_from(view_, key.name, place, enter, visit_damaged) : status;
+  Presence presence = Presence::kSound;
+  const Status status = resolve(key, &place);
+  if (status.ok()) return descend_from(view_, key.name, place, enter, visit_damaged);
+  const bool may_pass = visit_damaged && key.id == kAnyKey && status.is(PRTKV_STORAGE_FAILED);
+  if (!may_pass || !look_up(key.name, &presence).ok() || presence != Presence::kDamaged) return status;
+  return enter_damaged(key.name, 0, WalkEntry::Part::kRecord, status);
 }
 
 // Writer
@@ -375,11 +392,30 @@ Status Writer::demand_target(const Target& target, bool replace) {
 Status Writer::demand_delete(std::string_view name, const store::Node& node) {
   if (identity().superuser) return {};
   if (Status status = demand(TKV_RIGHT_DELETE, name, node, "deleting it"); !status.ok()) return status;
-  std::string below(name);
-  return descend(stable_view(), below, node.id, 1, [&](Step& step) {
+  const auto demand_step = [&](Step& step) {
     count_key();
     return demand(TKV_RIGHT_DELETE, step.name, step.node, "deleting it");
-  });
+  };
+  // The rights on a damaged key cannot be read. Those on the key above it count, and suffice.
+  const auto pass_over = [&](std::string_view damaged, std::size_t, WalkEntry::Part part, const Status& damage) {
+    count_key();
+    return part == WalkEntry::Part::kRecord ? Status() : at_key(damage, damaged);
+  };
+  VisitDamaged visit_damaged;
+  visit_damaged.emplace(pass_over);
+  std::string below(name);
+  return descend(stable_view(), below, node.id, 1, demand_step, visit_damaged);
+}
+
+Status Writer::remove_damaged(std::string_view name, const Status& damage) {
+  Place above;
+  if (name.empty() || !resolve(parent_of(name), &above).ok()) return damage;
+  Status status = demand(TKV_RIGHT_DELETE, parent_of(name), above.node, "deleting a damaged key below it");
+  if (!status.ok()) return status;
+  changed_ = true;
+  count_key();
+  status = update_.remove_damaged(above.node.id, last_level(name));
+  return status.is(PRTKV_KEY_EXISTS) ? damage : at_key(status, name);
 }
 
 // Returns PRTKV_INVALID_NAME if a key below would exceed the limits under the new name.
@@ -473,7 +509,10 @@ Status Writer::change_security(const KeyRef& key, bool recursive, FunctionRef<St
 Status Writer::remove(const KeyRef& key, bool recursive) {
   Place place;
   if (key.name.empty()) return {PRTKV_INVALID_ARGUMENT, "the root key cannot be deleted"};
-  if (Status status = resolve(key, &place); !status.ok()) return status;
+  if (Status status = resolve(key, &place); !status.ok()) {
+    const bool may_be_it = status.is(PRTKV_STORAGE_FAILED) && key.id == kAnyKey;
+    return may_be_it ? remove_damaged(key.name, status) : status;
+  }
   if (Status status = demand(TKV_RIGHT_DELETE, key.name, place.node, "deleting it"); !status.ok()) return status;
   if (recursive) {
     if (Status status = demand_delete(key.name, place.node); !status.ok()) return status;

@@ -39,6 +39,13 @@ static_assert(std::is_same_v<KeyId, store::NodeId>);
 static_assert(sizeof(KnownKey::place) == sizeof(store::ValuePlace));
 inline store::ValuePlace place_of(const KnownKey& known) { return std::bit_cast<store::ValuePlace>(known.place); }
 
+// What a name leads to.
+enum class Presence {
+  kAbsent,
+  kDamaged,  // a key whose record cannot be read, so that nothing is known of it but its name
+  kSound
+};
+
 // A node and where it hangs. The root hangs under kNoNode.
 struct Place {
   store::NodeId parent = store::kNoNode;
@@ -68,6 +75,9 @@ class Reader {
 
   // Tells whether there is a key of this name. Needs no right.
   Status exists(std::string_view name, bool* answer);
+
+  // As exists, but does not fail at a key whose own record is damaged.
+  Status look_up(std::string_view name, Presence* presence);
 
   // As the Client's operations.
   Status stat(const KeyRef& key, KeyInfo* info);
@@ -119,6 +129,9 @@ class Writer final : public Reader {
   Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes);
   Status write_security(const KeyRef& key, const sec_attr& security);
   Status remove(const KeyRef& key, bool recursive);
+  // Removes a key whose record is damaged, as Client::remove does. Returns `damage` if it is the damage of something
+  // else: the record is sound.
+  Status remove_damaged(std::string_view name, const Status& damage);
   Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id);
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options);
 

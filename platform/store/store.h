@@ -91,11 +91,9 @@ class View {
   virtual Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) = 0;
 
   // As children, but does not end at a child whose record is damaged: `damaged` is called with its name and the failure
-  // instead, and the walk goes on unless it returns a failure. A store that does not override this ends there.
+  // instead, and the walk goes on unless it returns a failure.
   virtual Status children_with_damage(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit,
-                                      FunctionRef<Status(std::string_view name, const Status& damage)> /*damaged*/) {
-    return children(parent, visit);
-  }
+                                      FunctionRef<Status(std::string_view name, const Status& damage)> damaged) = 0;
 
   virtual Status has_children(NodeId parent, bool* answer) = 0;
 
@@ -126,8 +124,13 @@ class Update : public View {
   // Detaches a node from its parent, with everything below it. It has to be inserted elsewhere or discarded.
   virtual Status unlink(NodeId parent, std::string_view name) = 0;
 
-  // Deletes an unlinked node with everything below it.
+  // Deletes an unlinked node with everything below it. Of damaged nodes below it, the records are removed, but not what
+  // is below them: nobody can tell their ids.
   virtual Status discard(NodeId id) = 0;
+
+  // Removes a node whose record is damaged, which frees its place. What is below it stays, and hangs on nothing.
+  // Returns PRTKV_KEY_EXISTS if the record is sound, PRTKV_NO_SUCH_KEY if there is none.
+  virtual Status remove_damaged(NodeId parent, std::string_view name) = 0;
 
   // Type 0 without bytes removes the value.
   virtual Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) = 0;

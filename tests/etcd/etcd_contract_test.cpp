@@ -5,6 +5,8 @@
 
 #include "etcd_cluster.h"
 #include "store/etcd/etcd_store.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/requests.h"
 #include "store_contract.h"
 
 namespace tkv::store {
@@ -35,7 +37,31 @@ class EtcdFactory final : public StoreFactory {
     return etcd::open_when_ready(options_);
   }
 
+  void damage_node(NodeId parent, std::string_view name) override {
+    damage(etcd::Keys(options_.prefix).node({parent, std::string(name)}));
+  }
+  void damage_value(NodeId id) override { damage(etcd::Keys(options_.prefix).value(id)); }
+
  private:
+  // Changes a byte of a record behind its header.
+  void damage(const std::string& key) {
+    etcd::ClusterOptions connection;
+    connection.endpoints = options_.endpoints;
+    connection.timeout = etcd::patience().left();
+    std::unique_ptr<etcd::Cluster> raw;
+    const Status connected = etcd::Cluster::connect(connection, &raw);
+    ASSERT_TRUE(connected.ok()) << connected.text();
+    etcd::RangeResponse found;
+    ASSERT_TRUE(raw->range(etcd::get_one(key), &found, etcd::patience()).ok());
+    ASSERT_EQ(found.kvs_size(), 1);
+    std::string record = found.kvs(0).value();
+    record[5] ^= 0x10;
+    etcd::TxnRequest request;
+    etcd::put(request.add_success(), key, record);
+    etcd::TxnResponse response;
+    ASSERT_TRUE(raw->txn(request, &response, etcd::patience()).ok());
+  }
+
   EtcdOptions options_ = cluster(members).registry();
 };
 

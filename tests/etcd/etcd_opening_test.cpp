@@ -107,7 +107,7 @@ TEST_F(EtcdOpening, RefusesALaterFormatAndADamagedMark) {
   ASSERT_TRUE(done(open("/tkv/")));
   kv_.put(Keys("/tkv/").mark(), "format 3\nwhatever\n");
   Status status = open("/tkv/");
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_NE(status.text().find("format 3"), std::string::npos) << status.text();
   kv_.put(Keys("/tkv/").mark(), "nonsense");
   EXPECT_TRUE(open("/tkv/").is(PRTKV_STORAGE_FAILED));

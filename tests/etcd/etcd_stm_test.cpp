@@ -204,7 +204,7 @@ TEST_F(EtcdReadSet, ComparesNodesValuesAndListings) {
   const auto set = reads();
   const SeenNode* seen = nullptr;
   Value value;
-  NamedNodes children;
+  ListedNodes children;
   ASSERT_TRUE(done(set->get({2, "b"}, &seen)));
   ASSERT_TRUE(done(set->get_value(3, &value)));
   ASSERT_TRUE(done(set->list(3, &children)));
@@ -235,7 +235,7 @@ TEST_F(EtcdReadSet, ADamagedValueIsDamagedEveryTimeItIsRead) {
 TEST_F(EtcdReadSet, SurveysWhatOneTransactionCannotCompare) {
   for (NodeId id = 1000; id < 1200; ++id) put_node({3, std::to_string(id)}, id);
   const auto set = reads();
-  NamedNodes children;
+  ListedNodes children;
   ASSERT_TRUE(done(set->list(3, &children)));
   EXPECT_EQ(children.size(), 200u);
   EXPECT_TRUE(set->is_surveying());
@@ -248,10 +248,11 @@ TEST_F(EtcdReadSet, OfARunThatOnlyReadsNeverSurveys) {
   for (NodeId id = 1000; id < 1200; ++id) put_node({3, std::to_string(id)}, id);
   const auto set = reads(Purpose::kRead);
   int count = 0;
-  ASSERT_TRUE(done(set->scan(3, [&](std::string_view, const Node&) {
+  const auto visit = [&](std::string_view, const Node&) {
     ++count;
     return Status();
-  })));
+  };
+  ASSERT_TRUE(done(set->scan(3, visit, kEndAtDamage)));
   EXPECT_EQ(count, 200);
   EXPECT_FALSE(set->is_surveying());
 }

@@ -10,6 +10,7 @@
 
 #include "etcd_store_fixture.h"
 #include "failure.h"
+#include "newer_record.h"
 #include "store/etcd/build.h"
 #include "store/record.h"
 
@@ -427,13 +428,31 @@ TEST_F(EtcdStore, ACheckPutsACounterOfIdsRightThatFellBehind) {
   EXPECT_EQ(totals_of(*store_).nodes, 2u);
 }
 
+TEST_F(EtcdStore, ADamagedCounterOfIdsHindersNothingButNewKeysUntilARepair) {
+  ASSERT_TRUE(done(create_key(*store_, "a", "value")));
+  std::string meta = get_raw(keys().meta());
+  meta[5] ^= 1;
+  put_raw(keys().meta(), meta);
+  store_ = open_watched(&watch_);
+  ASSERT_TRUE(store_);
+  std::string text;
+  EXPECT_TRUE(done(read_key(*store_, "a", &text)));
+  EXPECT_TRUE(done(write_key(*store_, "a", "changed")));
+  EXPECT_TRUE(create_key(*store_, "b").is(PRTKV_STORAGE_FAILED));
+  Totals totals;
+  EXPECT_TRUE(done(store_->check(
+      true, [](const Finding&) {}, &totals)));
+  EXPECT_TRUE(done(create_key(*store_, "b")));
+  EXPECT_EQ(totals_of(*store_).nodes, 3u);
+}
+
 TEST_F(EtcdStore, ARegistryOfANewerFormatIsNotOpened) {
   std::string meta = get_raw(keys().meta());
-  meta[0] = 99;
+  set_version(&meta, 99, kNoNode, "meta");
   put_raw(keys().meta(), meta);
   std::shared_ptr<Store> store;
   const Status status = open_etcd_store(options_, &store);
-  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_NE(status.text().find("99"), std::string::npos) << status.text();
 }
 

@@ -181,6 +181,10 @@ class FaultyStore final : public Store {
       Status status = store_.next(Call::kDiscard);
       return status.ok() ? target_.discard(id) : status;
     }
+    Status remove_damaged(NodeId parent, std::string_view name) override {
+      Status status = store_.next(Call::kUnlink);
+      return status.ok() ? target_.remove_damaged(parent, name) : status;
+    }
     Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override {
       Status status = store_.next(Call::kSetValue);
       return status.ok() ? target_.set_value(id, type, bytes) : status;

@@ -1,3 +1,5 @@
+#include "lmdb_files.h"
+#include "store/lmdb/file.h"
 #include "store/lmdb/lmdb_store.h"
 #include "store_contract.h"
 #include "temporary_directory.h"
@@ -21,7 +23,23 @@ class LmdbFactory final : public StoreFactory {
     return open(options);
   }
 
+  void damage_node(NodeId parent, std::string_view name) override { damage(Key::node(parent, name)); }
+  void damage_value(NodeId id) override { damage(Key::value(id)); }
+
  private:
+  // Changes a byte of a record behind its header.
+  void damage(const Key& key) {
+    with_plain_lmdb(directory_ / "registry", [&](MDB_txn* txn, MDB_dbi database) {
+      MDB_val key_val = key.val();
+      MDB_val data{};
+      ASSERT_EQ(mdb_get(txn, database, &key_val, &data), 0);
+      std::string record(static_cast<const char*>(data.mv_data), data.mv_size);
+      record[5] ^= 0x10;
+      data = val_of(record);
+      ASSERT_EQ(mdb_put(txn, database, &key_val, &data, 0), 0);
+    });
+  }
+
   static std::shared_ptr<Store> open(const LmdbOptions& options) {
     std::shared_ptr<Store> store;
     const Status status = open_lmdb_store(options, &store);

@@ -9,11 +9,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "base/function_ref.h"
 #include "store/store.h"
 #include "store/store_limits.h"
 #include "store/tree_check.h"
@@ -63,6 +65,14 @@ class MemoryStore final : public Store {
 
   const char* kind() const override { return "memory"; }
 
+  // From now on the record of this node, or the value of this id, is damaged, until it is written anew or removed.
+  void damage_node(NodeId parent, std::string_view name) {
+    change([&](State& state) { state.damaged_nodes.emplace(parent, name); });
+  }
+  void damage_value(NodeId id) {
+    change([&](State& state) { state.damaged_values.insert(id); });
+  }
+
  private:
   using NodeKey = std::pair<NodeId, std::string>;
   struct Less {
@@ -80,11 +90,25 @@ class MemoryStore final : public Store {
   struct State {
     std::map<NodeKey, Node, Less> nodes;
     std::map<NodeId, MemoryValue> values;
+    std::set<NodeKey, Less> damaged_nodes;  // each is in `nodes`, where nobody may look at it
+    std::set<NodeId> damaged_values;        // each is in `values`, likewise
     NodeId next_id = kRootNode + 1;
     std::uint64_t structure = 1;
   };
 
   static auto place(NodeId parent, std::string_view name) { return std::pair<NodeId, std::string_view>(parent, name); }
+
+  static Status damage_of(std::string_view name) {
+    return {PRTKV_STORAGE_FAILED, "the record of '" + std::string(name) + "' is damaged"};
+  }
+
+  void change(FunctionRef<void(State&)> function) {
+    const std::lock_guard one_writer(write_mutex_);
+    auto next = std::make_shared<State>(*current());
+    function(*next);
+    const std::lock_guard lock(mutex_);
+    current_ = std::move(next);
+  }
 
   // The reading half, for View and Update alike.
   template <typename Interface>
@@ -95,21 +119,30 @@ class MemoryStore final : public Store {
     Status find(NodeId parent, std::string_view name, Node* node) override {
       const auto found = state_.nodes.find(place(parent, name));
       if (found == state_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      if (state_.damaged_nodes.contains(found->first)) return damage_of(name);
       *node = found->second;
       return {};
     }
 
     Status value(NodeId id, Value* value) override {
       const auto found = state_.values.find(id);
+      if (state_.damaged_values.contains(id)) return {PRTKV_STORAGE_FAILED, "the value is damaged"};
       *value = found == state_.values.end() ? Value{} : Value{found->second.type, found->second.bytes};
       return {};
     }
 
     Status children(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit) override {
+      return children_with_damage(parent, visit, [](std::string_view, const Status& damage) { return damage; });
+    }
+
+    Status children_with_damage(NodeId parent, FunctionRef<Status(std::string_view, const Node&)> visit,
+                                FunctionRef<Status(std::string_view, const Status&)> damaged) override {
       auto at = state_.nodes.lower_bound(place(parent, ""));
       while (at != state_.nodes.end() && at->first.first == parent) {
         const auto [visited, node] = *at;
-        if (Status status = visit(visited.second, node); !status.ok()) return status;
+        const bool is_damaged = state_.damaged_nodes.contains(visited);
+        Status status = is_damaged ? damaged(visited.second, damage_of(visited.second)) : visit(visited.second, node);
+        if (!status.ok()) return status;
         at = state_.nodes.upper_bound(visited);  // anew: the visit may have changed the state
       }
       return {};
@@ -152,6 +185,7 @@ class MemoryStore final : public Store {
     Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override {
       const auto found = next_.nodes.find(place(parent, name));
       if (found == next_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      if (next_.damaged_nodes.contains(found->first)) return damage_of(name);
       found->second.security = security;
       return {};
     }
@@ -160,6 +194,7 @@ class MemoryStore final : public Store {
       if (Status status = check_place(parent, name); !status.ok()) return status;
       const auto found = next_.nodes.find(place(parent, name));
       if (found == next_.nodes.end()) return PRTKV_NO_SUCH_KEY;
+      next_.damaged_nodes.erase(found->first);
       next_.nodes.erase(found);
       ++next_.structure;
       return {};
@@ -171,9 +206,17 @@ class MemoryStore final : public Store {
       return {};
     }
 
+    Status remove_damaged(NodeId parent, std::string_view name) override {
+      Node node;
+      const Status found = find(parent, name, &node);
+      if (found.ok()) return PRTKV_KEY_EXISTS;
+      return found.is(PRTKV_STORAGE_FAILED) ? unlink(parent, name) : found;
+    }
+
     Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override {
       if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
       if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
+      next_.damaged_values.erase(id);
       if (type == 0 && bytes.empty()) {
         next_.values.erase(id);
       } else {
@@ -196,9 +239,10 @@ class MemoryStore final : public Store {
       const NodeId parent = pending.back();
       pending.pop_back();
       state.values.erase(parent);
+      state.damaged_values.erase(parent);
       auto at = state.nodes.lower_bound(place(parent, ""));
       while (at != state.nodes.end() && at->first.first == parent) {
-        pending.push_back(at->second.id);
+        if (state.damaged_nodes.erase(at->first) == 0) pending.push_back(at->second.id);
         at = state.nodes.erase(at);
       }
     }
@@ -207,12 +251,25 @@ class MemoryStore final : public Store {
   // Reports what does not fit together and takes what can be removed out of the state.
   static void check_state(State& state, FunctionRef<void(const Finding&)> report, Totals* totals) {
     TreeCheck check(report);
-    for (const auto& [at, node] : state.nodes) check.add_node(at.first, at.second, node.id);
-    for (const auto& [id, value] : state.values) check.add_value(id, value.bytes.size());
+    for (const auto& [at, node] : state.nodes) {
+      state.damaged_nodes.contains(at) ? check.add_damaged_node(at.first, at.second, damage_of(at.second).text())
+                                       : check.add_node(at.first, at.second, node.id);
+    }
+    for (const auto& [id, value] : state.values) {
+      state.damaged_values.contains(id) ? check.add_damaged_value(id, "the value is damaged")
+                                        : check.add_value(id, value.bytes.size());
+    }
     TreeCheck::Removable removable;
     check.finish(totals, &removable);
-    for (const TreeCheck::CheckedNode& entry : removable.nodes) state.nodes.erase({entry.parent, entry.name});
-    for (const NodeId id : removable.values) state.values.erase(id);
+    for (const TreeCheck::CheckedNode& entry : removable.nodes) {
+      state.damaged_nodes.erase({entry.parent, entry.name});
+      state.nodes.erase({entry.parent, entry.name});
+    }
+    for (const NodeId id : removable.values) {
+      state.damaged_values.erase(id);
+      state.values.erase(id);
+    }
+    if (state.damaged_nodes.erase({kNoNode, ""}) > 0) state.nodes[{kNoNode, ""}] = Node{kRootNode, {}};
   }
 
   std::shared_ptr<const State> current() {

@@ -96,8 +96,8 @@ class BareTree {
 
 // A store in memory that fails on demand, and whose root grants everybody all rights.
 struct Ground {
-  std::shared_ptr<store::FaultyStore> store =
-      std::make_shared<store::FaultyStore>(std::make_shared<store::MemoryStore>(open_to_all()));
+  std::shared_ptr<store::MemoryStore> memory = std::make_shared<store::MemoryStore>(open_to_all());
+  std::shared_ptr<store::FaultyStore> store = std::make_shared<store::FaultyStore>(memory);
 
   std::shared_ptr<Client> as(Identity identity) const { return client_on(store, std::move(identity)); }
   BareTree tree(Identity identity) const { return {store, std::move(identity)}; }

@@ -87,6 +87,20 @@ void StoreContract::set_value(NodeId id, std::int32_t type, std::string_view byt
   EXPECT_TRUE(done(store_->write([&](Update& update) { return set(update, id, type, bytes); })));
 }
 
+void StoreContract::damage_node(NodeId parent, std::string_view name) {
+  store_.reset();
+  factory_->damage_node(parent, name);
+  store_ = factory_->open_again();
+  ASSERT_NE(store_, nullptr);
+}
+
+void StoreContract::damage_value(NodeId id) {
+  store_.reset();
+  factory_->damage_value(id);
+  store_ = factory_->open_again();
+  ASSERT_NE(store_, nullptr);
+}
+
 NodeId StoreContract::id_of(NodeId parent, std::string_view name) {
   Node node;
   const Status status = store_->read([&](View& view) { return view.find(parent, name, &node); });
@@ -125,6 +139,14 @@ Totals StoreContract::totals() {
       false, [](const Finding& finding) { ADD_FAILURE() << "'" << finding.name << "': " << finding.detail; },
       &totals)));
   return totals;
+}
+
+std::vector<Finding> StoreContract::findings(bool repair) {
+  std::vector<Finding> found;
+  Totals totals;
+  EXPECT_TRUE(done(store_->check(
+      repair, [&](const Finding& finding) { found.push_back(finding); }, &totals)));
+  return found;
 }
 
 TEST_P(StoreContract, AFreshRegistryHasARootAndNothingElse) {
@@ -780,6 +802,120 @@ TEST_P(StoreContract, ACheckFindsALoopAndRepairRemovesIt) {
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, "ab");
   EXPECT_EQ(totals().nodes, 1u);
+}
+
+TEST_P(StoreContract, ADamagedNodeIsReportedAndItsSiblingsAreNot) {
+  const NodeId a = add(kRootNode, "a");
+  add(kRootNode, "b");
+  const NodeId c = add(kRootNode, "c");
+  damage_node(kRootNode, "b");
+  Node node;
+  EXPECT_TRUE(store_->read([&](View& view) { return view.find(kRootNode, "b", &node); }).is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(id_of(kRootNode, "a"), a);
+  EXPECT_EQ(id_of(kRootNode, "c"), c);
+}
+
+TEST_P(StoreContract, ChildrenEndAtADamagedOneOrPassOverIt) {
+  for (const char* name : {"a", "b", "c"}) add(kRootNode, name);
+  damage_node(kRootNode, "b");
+  std::string seen;
+  const auto visit = [&](std::string_view name, const Node&) -> Status {
+    seen += name;
+    return {};
+  };
+  const auto pass_over = [&](std::string_view name, const Status& damage) -> Status {
+    EXPECT_TRUE(damage.is(PRTKV_STORAGE_FAILED));
+    seen.append("-").append(name).append("-");
+    return {};
+  };
+  const auto end = [&](std::string_view, const Status&) { return Status(PRTKV_UNKNOWN); };
+  const auto see = [&](View& view) {
+    EXPECT_TRUE(view.children(kRootNode, visit).is(PRTKV_STORAGE_FAILED));
+    seen.clear();
+    EXPECT_TRUE(done(view.children_with_damage(kRootNode, visit, pass_over)));
+    EXPECT_EQ(seen, "a-b-c");
+    EXPECT_TRUE(view.children_with_damage(kRootNode, visit, end).is(PRTKV_UNKNOWN));
+    seen.clear();
+    return Status();
+  };
+  EXPECT_TRUE(done(store_->read(see)));
+  EXPECT_TRUE(done(store_->read_all(see)));
+  EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
+    if (Status status = see(update); !status.ok()) return status;
+    return see(update.before());
+  })));
+}
+
+TEST_P(StoreContract, OnlyADamagedNodeIsRemovedAsDamaged) {
+  const NodeId sound = add(kRootNode, "sound");
+  add(add(kRootNode, "damaged"), "below");
+  damage_node(kRootNode, "damaged");
+  const auto remove_damaged = [&](const char* name) {
+    return store_->write([&](Update& update) { return update.remove_damaged(kRootNode, name); }).code();
+  };
+  EXPECT_EQ(remove_damaged("sound"), PRTKV_KEY_EXISTS);
+  EXPECT_EQ(remove_damaged("absent"), PRTKV_NO_SUCH_KEY);
+  EXPECT_EQ(remove_damaged("damaged"), PRTKV_DONE);
+  EXPECT_EQ(remove_damaged("damaged"), PRTKV_NO_SUCH_KEY);
+  EXPECT_EQ(names_below(kRootNode), "sound");
+  EXPECT_EQ(id_of(kRootNode, "sound"), sound);
+  EXPECT_FALSE(findings(true).empty()) << "what was below it";
+  EXPECT_EQ(totals().nodes, 2u);
+}
+
+TEST_P(StoreContract, ADamagedNodeCanBeReplacedWithinOneUpdate) {
+  add(kRootNode, "a");
+  damage_node(kRootNode, "a");
+  NodeId anew = kNoNode;
+  EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
+    if (Status status = update.remove_damaged(kRootNode, "a"); !status.ok()) return status;
+    if (Status status = make(update, kRootNode, "a", &anew); !status.ok()) return status;
+    return set(update, anew, 3, "anew");
+  })));
+  EXPECT_EQ(id_of(kRootNode, "a"), anew);
+  EXPECT_EQ(value_of(anew), "anew");
+  totals();
+}
+
+TEST_P(StoreContract, ASubtreeWithDamageCanBeDiscarded) {
+  const NodeId top = add(kRootNode, "top");
+  for (const char* name : {"a", "b", "c"}) set_value(add(add(top, name), "below"), 3, "value");
+  damage_node(top, "b");
+  damage_value(id_of(id_of(top, "c"), "below"));
+  EXPECT_TRUE(done(store_->write([&](Update& update) { return remove(update, kRootNode, "top"); })));
+  EXPECT_EQ(names_below(kRootNode), "");
+  findings(true);  // what is below the damaged node hangs on nothing
+  const Totals found = totals();
+  EXPECT_EQ(found.nodes, 1u);
+  EXPECT_EQ(found.values, 0u);
+}
+
+TEST_P(StoreContract, ADamagedValueCanBeReplacedAndRemoved) {
+  const NodeId a = add(kRootNode, "a");
+  set_value(a, 3, "former");
+  damage_value(a);
+  Value value;
+  EXPECT_TRUE(store_->read([&](View& view) { return view.value(a, &value); }).is(PRTKV_STORAGE_FAILED));
+  set_value(a, 3, "later");
+  EXPECT_EQ(value_of(a), "later");
+  damage_value(a);
+  set_value(a, 0, "");
+  EXPECT_EQ(value_of(a), "");
+  EXPECT_EQ(totals().values, 0u);
+}
+
+TEST_P(StoreContract, ARepairGivesADamagedRootARecordWithoutRights) {
+  const NodeId a = add(kRootNode, "a");
+  damage_node(kNoNode, "");
+  const std::vector<Finding> found = findings(true);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0].kind, Finding::Kind::kDamagedNode);
+  EXPECT_EQ(totals().nodes, 2u);
+  Node root;
+  EXPECT_TRUE(done(store_->read([&](View& view) { return view.find(kNoNode, "", &root); })));
+  EXPECT_EQ(root.id, kRootNode);
+  EXPECT_TRUE(same(root.security, sec_attr{}));
+  EXPECT_EQ(id_of(kRootNode, "a"), a);
 }
 
 }  // namespace tkv::store

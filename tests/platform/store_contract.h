@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "store/store.h"
 
@@ -28,6 +29,11 @@ class StoreFactory {
   // Opens the registry once more, beside the stores that are still open. A store that nobody else can open gives
   // the same one again.
   virtual std::shared_ptr<Store> open_again() = 0;
+
+  // Damages the record of a node or of a value behind the store's back. The stores that are open see it once they are
+  // opened again.
+  virtual void damage_node(NodeId parent, std::string_view name) = 0;
+  virtual void damage_value(NodeId id) = 0;
 };
 
 using MakeStoreFactory = std::unique_ptr<StoreFactory> (*)();
@@ -43,11 +49,16 @@ class StoreContract : public ::testing::TestWithParam<MakeStoreFactory> {
   NodeId add(NodeId parent, std::string_view name, int security_seed = 0);
   void set_value(NodeId id, std::int32_t type, std::string_view bytes);
 
+  // Damages the record of a node or of a value, and opens the store again.
+  void damage_node(NodeId parent, std::string_view name);
+  void damage_value(NodeId id);
+
   // Reads in a transaction of its own. Returns kNoNode if there is no such node.
   NodeId id_of(NodeId parent, std::string_view name);
   std::string value_of(NodeId id, std::int32_t* type = nullptr);
   std::string names_below(NodeId parent);  // "a b c"
   Totals totals();                         // of a check that must find nothing
+  std::vector<Finding> findings(bool repair);
 
   sec_attr root_security_ = distinct_security(1);
   std::unique_ptr<StoreFactory> factory_;

@@ -11,7 +11,8 @@ import unittest
 
 MAKE_DAMAGE = pathlib.Path(sys.argv.pop(2)).resolve() if len(sys.argv) > 2 else None
 
-from command import CONFLICT, CommandTest, DAMAGED, DIFFERS, DONE, NOT_FOUND, OTHER, PARTLY, USAGE, kill  # noqa: E402
+from command import CONFLICT, CommandTest, DAMAGED, DIFFERS, DONE, NOT_FOUND, OTHER, PARTLY, UNUSABLE, USAGE, \
+    kill  # noqa: E402
 
 
 class WithKeys(CommandTest):
@@ -304,6 +305,54 @@ class Verify(WithKeys):
         self.assertEqual(self.out("get", "app.marked"), "")
         self.tkv("verify")
 
+    def damage_two_keys(self):
+        """Leaves 'app.broken' with a damaged record and a key below it, and 'app.marked' with a damaged value."""
+        self.tkv("set", "app.marked", "sound-as-a-bell")
+        self.tkv("create", "app.broken", "--owner", "owner-of-the-broken")
+        self.tkv("set", "app.broken.below", "kept in the backup")
+        self.whole = self.backup()
+        self.before = self.out("export")
+        self.damage(b"sound-as-a-bell", b"sound-as-a-bull")
+        self.damage(b"owner-of-the-broken", b"owner-of-the-brokem")
+
+    def test_damaged_keys_can_be_deleted(self):
+        self.damage_two_keys()
+        self.tkv("rm", "app.marked")
+        self.tkv("rm", "app.broken")
+        self.fails(NOT_FOUND, "get", "app.broken")
+        self.tkv("verify", "--repair")  # of what was below it
+        self.tkv("verify")
+
+    def test_the_key_above_damaged_keys_can_be_deleted(self):
+        self.damage_two_keys()
+        self.assertIn("deletes", self.fails(CONFLICT, "rm", "-r", "app"))
+        self.tkv("rm", "-r", "--yes", "app")
+        self.fails(NOT_FOUND, "get", "app")
+        self.tkv("verify", "--repair")
+        self.tkv("verify")
+
+    def test_damaged_keys_can_be_set_anew(self):
+        self.damage_two_keys()
+        self.fails(DAMAGED, "set", "--new", "app.broken", "x")
+        for name in ("app.marked", "app.broken"):
+            self.tkv("set", name, "anew")
+            self.assertEqual(self.out("get", name), "anew\n")
+        self.tkv("verify", "--repair")
+        self.tkv("verify")
+
+    def test_damaged_keys_are_restored_alone_or_with_everything(self):
+        self.damage_two_keys()
+        shown = self.tkv("restore", "--overwrite", "--dry-run", self.whole, exits=DIFFERS).text
+        self.assertIn('-{"name":"app.broken"}\n', shown)
+        self.assertIn("exists; --overwrite", self.fails(CONFLICT, "restore", self.whole))
+        self.tkv("restore", "--overwrite", "--yes", self.whole, "app.broken")
+        self.assertIn("app.marked", self.fails(DAMAGED, "export"))
+        self.tkv("restore", "--overwrite", "--yes", self.whole)
+        self.assertEqual(self.out("export"), self.before)
+        self.tkv("verify", "--repair")
+        self.tkv("verify")
+        self.assertEqual(self.out("export"), self.before)
+
     def test_skipping_damage_where_there_is_none_is_a_plain_success(self):
         self.assertEqual(self.out("export", "--skip-damaged"), self.before)
         self.tkv("backup", "--skip-damaged")
@@ -356,8 +405,9 @@ class Verify(WithKeys):
     def test_a_file_that_is_no_registry_is_not_touched(self):
         data = self.registry / "data.mdb"
         data.write_bytes(b"not a registry" * 1000)
-        self.fails(DAMAGED, "verify")
-        self.fails(DAMAGED, "set", "a", "x")
+        for words in (("verify",), ("set", "a", "x")):
+            with self.subTest(words=words):
+                self.assertIn("is not the data file of a registry", self.fails(UNUSABLE, *words))
         self.assertEqual(data.read_bytes(), b"not a registry" * 1000)
 
 

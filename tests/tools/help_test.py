@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER, Terminal, UNREACHABLE, USAGE
+from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER, Terminal, UNREACHABLE, UNUSABLE, USAGE
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
@@ -285,7 +285,7 @@ class Status(CommandTest):
         self.assertFalse(self.registry.exists())
         self.tkv("set", "a", "x")
         (self.registry / "data.mdb").write_bytes(b"no registry" * 1000)
-        self.assertRegex(self.tkv("status", exits=DAMAGED).text, r"(?m)^serving +no$")
+        self.assertRegex(self.tkv("status", exits=UNUSABLE).text, r"(?m)^serving +no$")
 
     def test_of_a_cluster_that_does_not_answer(self):
         (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")

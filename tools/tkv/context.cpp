@@ -59,9 +59,11 @@ Outcome count_keys(registry::Client& client, const Terminal& terminal, const std
   Progress progress(terminal, "count");
   registry::WalkOptions options;
   options.denied = registry::WalkOptions::Denied::kSkip;
+  options.damaged = registry::WalkOptions::Damaged::kVisit;
   *keys = 0;
-  return client.walk(name, options, [&](const registry::WalkEntry&) {
-    progress.show(++*keys, 0);
+  return client.walk(name, options, [&](const registry::WalkEntry& entry) {
+    if (entry.damaged != registry::WalkEntry::Part::kSubkeys) ++*keys;
+    progress.show(*keys, 0);
     return Status();
   });
 }

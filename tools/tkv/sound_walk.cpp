@@ -27,6 +27,7 @@ Status walk_sound_keys(Context& context, const std::string& top, bool skip_damag
   if (skip_damaged) options.damaged = registry::WalkOptions::Damaged::kVisit;
   return context.client().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
     if (entry.damaged == Part::kNone) return visit(entry);
+    if (entry.damaged == Part::kRecord && entry.depth == 0) return *entry.damage;  // nothing else is left
     ++skipped->count;
     context.complain({Exit::kDamaged, std::string("left out: ") + name_of(entry.damaged) +
                                           registry::describe(entry.name) + ": " + entry.damage->text()});

@@ -40,6 +40,7 @@ class Checker {
   bool is_left_over(NodeId parent) const;
   void add_value(const KeyValue& record);
   Status raise_next_id();
+  Status reset_root();
 
   Core& core_;
   TreeCheck check_;
@@ -54,6 +55,7 @@ class Checker {
   Meta meta_;
   std::int64_t meta_revision_ = 0;
   bool meta_is_low_ = false;
+  std::int64_t damaged_root_ = 0;  // its revision
 };
 
 Status Checker::visit(const char* reading, const KeyRange& range, std::int64_t limit,
@@ -105,6 +107,7 @@ Status Checker::read_nodes() {
       entries_.push_back({*place, seen.node->id});
       largest_id_ = std::max({largest_id_, seen.node->id, place->parent});
     } else if (!is_left_over(place->parent)) {
+      if (place->parent == kNoNode && place->name.empty()) damaged_root_ = seen.mod_revision;
       check_.add_damaged_node(place->parent, place->name, seen.damage.text());
     }
   });
@@ -181,11 +184,24 @@ Status Checker::read() {
   return read_next_id();
 }
 
+// Which ids above the largest were used and removed since, or were given to sessions, is not known: the counter
+// continues far beyond any of them.
 Status Checker::raise_next_id() {
-  meta_.next_id = largest_id_ + 1;
+  constexpr NodeId kBeyond = NodeId{1} << 40;
+  meta_.next_id = largest_id_ + kBeyond;
   TxnRequest request;
   compare_revision(&request, core_.keys.meta(), meta_revision_);
   put(request.add_success(), core_.keys.meta(), as_text(encode_meta(meta_)));
+  TxnResponse response;
+  return core_.kv->txn(request, &response, core_.deadline()).status;
+}
+
+// The root's id is known. Nobody can tell its rights: only the superuser gets any.
+Status Checker::reset_root() {
+  TxnRequest request;
+  const std::string key = core_.keys.node({kNoNode, ""});
+  compare_revision(&request, key, damaged_root_);
+  put(request.add_success(), key, as_text(encode_node(kNoNode, "", Node{kRootNode, {}})));
   TxnResponse response;
   return core_.kv->txn(request, &response, core_.deadline()).status;
 }
@@ -211,6 +227,9 @@ Status Checker::repair() {
     if (Status status = remove_key(core_.keys.value(id)); !status.ok()) return status;
   }
   if (Status status = send(); !status.ok()) return status;
+  if (damaged_root_ != 0) {
+    if (Status status = reset_root(); !status.ok()) return status;
+  }
   return meta_is_low_ ? raise_next_id() : Status();
 }
 

@@ -32,7 +32,8 @@ class IdSource {
   // Takes a block for the caller alone.
   Status take_block(const Owner& owner, std::uint64_t size, IdRange* block, bool* lost, Deadline deadline);
 
-  // The counter as it was last seen. Saves a round trip for the first block.
+  // The counter as it was last seen, to save a round trip for the first block; or kUnknown, if it could not be read.
+  static constexpr std::int64_t kUnknown = -1;
   void know(const Meta& meta, std::int64_t mod_revision);
 
  private:

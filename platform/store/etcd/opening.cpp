@@ -105,9 +105,8 @@ Status Opening::create(bool* created) {
 Status Opening::take(const TxnResponse& found) {
   const KeyValue& record = part(found, kMeta).kvs(0);
   Meta meta;
-  if (Status status = decode_meta(as_bytes(record.value()), &meta); !status.ok()) {
-    return status.about("the registry under " + quoted(options_.prefix) + " in etcd");
-  }
+  const Status damage = decode_meta(as_bytes(record.value()), &meta);
+  if (damage.is(PRTKV_UNUSABLE)) return damage.about("the registry under " + quoted(options_.prefix) + " in etcd");
   if (part(found, kMark).kvs_size() == 0) {
     if (Status status = mark(record.mod_revision()); !status.ok()) return status;
   } else {
@@ -115,14 +114,14 @@ Status Opening::take(const TxnResponse& found) {
     const auto mark = RegistryMark::parse(text);
     if (!mark) return {PRTKV_STORAGE_FAILED, "the key " + quoted(keys_.mark()) + " in etcd is damaged"};
     if (mark->format > RegistryMark::kFormat) {
-      return {PRTKV_STORAGE_FAILED, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
-                                        std::to_string(mark->format) + ", and this release knows up to " +
-                                        std::to_string(RegistryMark::kFormat)};
+      return {PRTKV_UNUSABLE, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
+                                  std::to_string(mark->format) + ", and this release knows up to " +
+                                  std::to_string(RegistryMark::kFormat)};
     }
     core_.kv->hold_mark(keys_.mark(), text);
   }
   const NodePlace root{kNoNode, ""};
-  core_.ids.know(meta, record.mod_revision());
+  core_.ids.know(meta, damage.ok() ? record.mod_revision() : IdSource::kUnknown);
   core_.cache.put(root, seen_node(part(found, kRoot), root));
   core_.claims.learn(part(found, kClaims), found.header().revision());
   core_.sweeper.found(part(found, kGarbage), part(found, kStaging), part(found, kClaims));

@@ -332,7 +332,7 @@ Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<
   return nodes_.contains(place) ? Status() : add_node(place, seen_node(*child, place), true, &seen);
 }
 
-Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
   if (Status status = recover_above(parent); !status.ok()) return status;
   RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
   RangeResponse page;
@@ -346,7 +346,10 @@ Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, co
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
       const SeenNode seen = seen_node(record, *place);
-      if (!seen.damage.ok()) return seen.damage.about("subkey '" + place->name + "'");
+      if (!seen.node) {
+        if (Status status = damaged(place->name, seen.damage); !status.ok()) return status;
+        continue;
+      }
       if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
       lineage_.add(parent, seen.node->id);
       if (Status status = visit(place->name, *seen.node); !status.ok()) return status;
@@ -360,7 +363,7 @@ Status ReadSet::scan(NodeId parent, FunctionRef<Status(std::string_view name, co
 }
 
 // Compares each child, and that there are no others. If that is too much, claims what has been listed so far.
-Status ReadSet::list(NodeId parent, NamedNodes* children) {
+Status ReadSet::list(NodeId parent, ListedNodes* children) {
   if (Status status = recover_above(parent); !status.ok()) return status;
   if (Status status = run_.check(); !status.ok()) return status;
   bool overflow = false;
@@ -371,7 +374,7 @@ Status ReadSet::list(NodeId parent, NamedNodes* children) {
 // Whether a claim can be laid in the middle of this run.
 bool ReadSet::can_claim() const { return claimant_.lay_claim && !claim_ && !surveying_; }
 
-Status ReadSet::list_at_revision(NodeId parent, NamedNodes* children, bool* overflow) {
+Status ReadSet::list_at_revision(NodeId parent, ListedNodes* children, bool* overflow) {
   if (Status status = pin(); !status.ok()) return status;
   RevisionView& at_revision = view();
   *overflow = compared_ >= kMaxCompared && !is_covered(parent) && can_claim();
@@ -385,7 +388,7 @@ Status ReadSet::list_at_revision(NodeId parent, NamedNodes* children, bool* over
 }
 
 // The subtree that the run seems to be about is what it has listed.
-Status ReadSet::list_under_claim(NodeId parent, NamedNodes* children) {
+Status ReadSet::list_under_claim(NodeId parent, ListedNodes* children) {
   std::vector<std::vector<NodeId>> paths{lineage_.path(parent)};
   for (const ReadRange& read : ranges_) paths.push_back(lineage_.path(read.parent));
   if (Status status = claimant_.lay_claim(common_top(paths)); !status.ok()) return status;
@@ -394,13 +397,12 @@ Status ReadSet::list_under_claim(NodeId parent, NamedNodes* children) {
   return list_at_revision(parent, children, &overflow);
 }
 
-Status ReadSet::add_child(const NodePlace& place, SeenNode seen, NamedNodes* children) {
+Status ReadSet::add_child(const NodePlace& place, SeenNode seen, ListedNodes* children) {
   const SeenNode* known = find(place);
   if (known == nullptr) {
     if (Status status = add_node(place, std::move(seen), true, &known); !status.ok()) return status;
   }
-  if (!known->damage.ok()) return known->damage.about("subkey '" + place.name + "'");
-  if (known->node) children->emplace_back(place.name, *known->node);
+  if (known->node || !known->damage.ok()) children->push_back({place.name, known->node, known->damage});
   return {};
 }
 

@@ -35,7 +35,14 @@
 
 namespace tkv::store::etcd {
 
-using NamedNodes = std::vector<std::pair<std::string, Node>>;
+// A child in a list. Without a node, its record is damaged.
+struct ListedNode {
+  std::string name;
+  std::optional<Node> node;
+  Status damage;
+};
+
+using ListedNodes = std::vector<ListedNode>;
 
 class ReadSet {
  public:
@@ -58,10 +65,10 @@ class ReadSet {
   Status get_value(NodeId id, Value* value);
 
   // Lists all children; nobody may add one before the commit.
-  Status list(NodeId parent, NamedNodes* children);
+  Status list(NodeId parent, ListedNodes* children);
 
   // Lists children without keeping them, for a run that only reads.
-  Status scan(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit);
+  Status scan(NodeId parent, VisitNode visit, VisitDamage damaged);
 
   // Finds out whether a node has a child that `ignored` is false for, which is true for at most `most_ignored`.
   Status has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<bool(const NodePlace&)> ignored, bool* answer);
@@ -147,10 +154,10 @@ class ReadSet {
   Status get_with_siblings(const NodePlace& place, const SeenNode** seen);
   Status fetch(RangeRequest range, RangeResponse* response, const NodePlace* node = nullptr);
   Status fetch_at_revision(RangeRequest range, RangeResponse* response);
-  Status list_at_revision(NodeId parent, NamedNodes* children, bool* overflow);
-  Status list_under_claim(NodeId parent, NamedNodes* children);
+  Status list_at_revision(NodeId parent, ListedNodes* children, bool* overflow);
+  Status list_under_claim(NodeId parent, ListedNodes* children);
   bool can_claim() const;
-  Status add_child(const NodePlace& place, SeenNode seen, NamedNodes* children);
+  Status add_child(const NodePlace& place, SeenNode seen, ListedNodes* children);
   void note_surveyed(NodeId parent);
   RevisionView& view();
   Status take_failure();

@@ -85,10 +85,13 @@ Status RevisionView::get_page(NodeId parent, std::string begin, ChildPage* page)
   return {};
 }
 
-Status RevisionView::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
-  return list(parent, [&](const Child& child) -> Status {
-    if (!child.seen.damage.ok()) return child.seen.damage.about("subkey '" + child.name + "'");
-    return visit(child.name, *child.seen.node);
+Status RevisionView::children(NodeId parent, VisitNode visit) {
+  return children_with_damage(parent, visit, kEndAtDamage);
+}
+
+Status RevisionView::children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) {
+  return list(parent, [&](const Child& child) {
+    return child.seen.node ? visit(child.name, *child.seen.node) : damaged(child.name, child.seen.damage);
   });
 }
 

@@ -22,7 +22,8 @@ class RevisionView final : public View {
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
-  Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+  Status children(NodeId parent, VisitNode visit) override;
+  Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
 

@@ -4,7 +4,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 
+#include "base/function_ref.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/requests.h"
 #include "store/store.h"
@@ -16,6 +19,14 @@ struct SeenNode {
   std::int64_t mod_revision = 0;
   std::optional<Node> node;
   Status damage;
+};
+
+using VisitNode = FunctionRef<Status(std::string_view name, const Node& node)>;
+using VisitDamage = FunctionRef<Status(std::string_view name, const Status& damage)>;
+
+// A VisitDamage that ends the walk with a failure that names the child.
+inline constexpr auto kEndAtDamage = [](std::string_view name, const Status& damage) {
+  return damage.about("subkey '" + std::string(name) + "'");
 };
 
 // Decodes a node's record, or the only record of an answer, found at `place`.

@@ -169,15 +169,17 @@ Status Stm::has_children(NodeId parent, bool* answer) {
   return {};
 }
 
-Status Stm::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
-  if (purpose_ == Purpose::kRead) return reads_.scan(parent, visit);
+Status Stm::children(NodeId parent, VisitNode visit) { return children_with_damage(parent, visit, kEndAtDamage); }
+
+Status Stm::children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) {
+  if (purpose_ == Purpose::kRead) return reads_.scan(parent, visit, damaged);
   if (writes_.is_discarded(parent)) return {};
-  NamedNodes children;
+  ListedNodes children;
   Status status = writes_.is_fresh(parent) ? list_fresh(parent, &children) : reads_.list(parent, &children);
-  return status.ok() ? visit_merged(parent, children, visit) : status;
+  return status.ok() ? visit_merged(parent, children, visit, damaged) : status;
 }
 
-Status Stm::list_fresh(NodeId parent, NamedNodes* children) {
+Status Stm::list_fresh(NodeId parent, ListedNodes* children) {
   if (!staging_.started()) return {};
   Pager pager(*core_.kv, get_range(core_.keys.children(parent), kNodesPerPage));
   while (pager.more()) {
@@ -187,33 +189,31 @@ Status Stm::list_fresh(NodeId parent, NamedNodes* children) {
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
       const SeenNode seen = seen_node(record, *place);
-      if (!seen.damage.ok()) return seen.damage.about("subkey '" + place->name + "'");
-      children->emplace_back(place->name, *seen.node);
+      children->push_back({place->name, seen.node, seen.damage});
     }
   }
   return {};
 }
 
 // Visits what was listed, with what this run has written since. The visit may write more.
-Status Stm::visit_merged(NodeId parent, const NamedNodes& children,
-                         FunctionRef<Status(std::string_view name, const Node& node)> visit) {
+Status Stm::visit_merged(NodeId parent, const ListedNodes& children, VisitNode visit, VisitDamage damaged) {
   auto listed = children.begin();
   auto written = writes_.nodes().lower_bound(NodePlace{parent, ""});
   while (true) {
     const bool own = written != writes_.nodes().end() && written->first.parent == parent;
     if (!own && listed == children.end()) return {};
-    if (own && (listed == children.end() || written->first.name <= listed->first)) {
+    if (own && (listed == children.end() || written->first.name <= listed->name)) {
       const NodePlace place = written->first;
       const std::optional<Node> node = written->second;
-      if (listed != children.end() && listed->first == place.name) ++listed;
+      if (listed != children.end() && listed->name == place.name) ++listed;
       if (node) {
         if (Status status = visit(place.name, *node); !status.ok()) return status;
       }
       written = writes_.nodes().upper_bound(place);
       continue;
     }
-    const auto& [name, node] = *listed;
-    if (Status status = visit(name, node); !status.ok()) return status;
+    const auto& [name, node, damage] = *listed;
+    if (Status status = node ? visit(name, *node) : damaged(name, damage); !status.ok()) return status;
     written = writes_.nodes().upper_bound(NodePlace{parent, name});
     ++listed;
   }
@@ -279,6 +279,15 @@ Status Stm::discard(NodeId id) {
   return {};
 }
 
+Status Stm::remove_damaged(NodeId parent, std::string_view name) {
+  if (Status status = check_place(parent, name); !status.ok()) return status;
+  Node node;
+  const Status found = find(parent, name, &node);
+  if (!run_.failure().ok()) return run_.failure();
+  if (found.ok()) return PRTKV_KEY_EXISTS;
+  return found.is(PRTKV_STORAGE_FAILED) ? unlink(parent, name) : found;
+}
+
 Status Stm::set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) {
   if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
@@ -307,11 +316,11 @@ Status Stm::Before::find(NodeId parent, std::string_view name, Node* node) {
   return {};
 }
 
-Status Stm::Before::children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) {
-  NamedNodes children;
+Status Stm::Before::children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) {
+  ListedNodes children;
   if (Status status = reads_.list(parent, &children); !status.ok()) return status;
-  for (const auto& [name, node] : children) {
-    if (Status status = visit(name, node); !status.ok()) return status;
+  for (const auto& [name, node, damage] : children) {
+    if (Status status = node ? visit(name, *node) : damaged(name, damage); !status.ok()) return status;
   }
   return {};
 }

@@ -38,7 +38,8 @@ class Stm final : public Update {
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
-  Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+  Status children(NodeId parent, VisitNode visit) override;
+  Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
 
@@ -47,6 +48,7 @@ class Stm final : public Update {
   Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override;
   Status unlink(NodeId parent, std::string_view name) override;
   Status discard(NodeId id) override;
+  Status remove_damaged(NodeId parent, std::string_view name) override;
   Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override;
   View& before() override { return before_; }
 
@@ -73,7 +75,10 @@ class Stm final : public Update {
     explicit Before(ReadSet& reads) : reads_(reads) {}
     Status find(NodeId parent, std::string_view name, Node* node) override;
     Status value(NodeId id, Value* value) override { return reads_.get_value(id, value); }
-    Status children(NodeId parent, FunctionRef<Status(std::string_view name, const Node& node)> visit) override;
+    Status children(NodeId parent, VisitNode visit) override {
+      return children_with_damage(parent, visit, kEndAtDamage);
+    }
+    Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
     Status has_children(NodeId parent, bool* answer) override;
     std::uint64_t structure() override { return 0; }
 
@@ -85,9 +90,8 @@ class Stm final : public Update {
   void wait_for_claims_on(NodeId top, const std::optional<Claim>& former);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
   Status value_of_fresh(NodeId id, Value* value);
-  Status list_fresh(NodeId parent, NamedNodes* children);
-  Status visit_merged(NodeId parent, const NamedNodes& children,
-                      FunctionRef<Status(std::string_view name, const Node& node)> visit);
+  Status list_fresh(NodeId parent, ListedNodes* children);
+  Status visit_merged(NodeId parent, const ListedNodes& children, VisitNode visit, VisitDamage damaged);
 
   Core& core_;
   const Purpose purpose_;

@@ -175,6 +175,16 @@ Status LmdbUpdate::discard(NodeId id) {
   return {};
 }
 
+Status LmdbUpdate::remove_damaged(NodeId parent, std::string_view name) {
+  if (Status status = check_place(parent, name); !status.ok()) return status;
+  bool found = false;
+  std::span<const std::byte> record;
+  if (Status status = get(Key::node(parent, name), &found, &record); !status.ok()) return status;
+  Node node;
+  if (found && decode_child(parent, name, record, &node).ok()) return PRTKV_KEY_EXISTS;
+  return found ? unlink(parent, name) : PRTKV_NO_SUCH_KEY;
+}
+
 // The id of a damaged child is not known: what is below it stays, and is no longer reachable.
 Status LmdbUpdate::remove_children(NodeId parent, std::vector<NodeId>* ids) {
   const auto take = [&](std::string_view name, const Node& child) -> Status {

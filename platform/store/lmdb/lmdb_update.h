@@ -37,6 +37,7 @@ class LmdbUpdate final : public Update {
   Status set_security(NodeId parent, std::string_view name, const sec_attr& security) override;
   Status unlink(NodeId parent, std::string_view name) override;
   Status discard(NodeId id) override;
+  Status remove_damaged(NodeId parent, std::string_view name) override;
   Status set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) override;
   View& before() override {
     if (!before_) before_.emplace(environment_);
