@@ -1,91 +1,19 @@
 // The n-th system call or allocation fails, for every n: what is reported as failed has not happened, what is reported
 // as done has, and the registry stays sound.
-//
-// The calls that fail are this program's own: a program's symbols take precedence over libc's, for LMDB too.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdarg>
-#include <new>
+#include <filesystem>
 #include <string>
 
+#include "failing_calls.h"
 #include "lmdb_files.h"
 #include "temporary_directory.h"
 
-namespace {
-
-enum class Call { kNone, kOpen, kMap, kWrite, kSync, kAllocate };
-
-Call failing = Call::kNone;
-int calls_left = 0;  // until one fails
-bool has_failed = false;
-
-bool fails(Call call) {
-  if (failing != call || --calls_left != 0) return false;
-  has_failed = true;
-  return true;
-}
-
-int fail_with(int error) {
-  errno = error;
-  return -1;
-}
-
-}  // namespace
-
-extern "C" {
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-
-[[gnu::visibility("default")]] void* malloc(std::size_t size) {
-  return fails(Call::kAllocate) ? nullptr : __libc_malloc(size);
-}
-[[gnu::visibility("default")]] void* calloc(std::size_t count, std::size_t size) {
-  return fails(Call::kAllocate) ? nullptr : __libc_calloc(count, size);
-}
-#endif
-
-[[gnu::visibility("default")]] int open(const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
-  va_end(rest);
-  if (fails(Call::kOpen)) return fail_with(EMFILE);
-  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
-}
-
-[[gnu::visibility("default")]] void* mmap(void* address, std::size_t size, int protection, int flags, int file,
-                                          off_t offset) noexcept {
-  if (fails(Call::kMap)) {
-    errno = ENOMEM;
-    return MAP_FAILED;
-  }
-  return reinterpret_cast<void*>(syscall(SYS_mmap, address, size, protection, flags, file, offset));
-}
-
-[[gnu::visibility("default")]] ssize_t pwrite(int file, const void* bytes, std::size_t size, off_t offset) {
-  return fails(Call::kWrite) ? fail_with(EIO) : syscall(SYS_pwrite64, file, bytes, size, offset);
-}
-
-[[gnu::visibility("default")]] ssize_t writev(int file, const struct iovec* parts, int count) {
-  return fails(Call::kWrite) ? fail_with(EIO) : syscall(SYS_writev, file, parts, count);
-}
-
-[[gnu::visibility("default")]] int fdatasync(int file) {
-  return fails(Call::kSync) ? fail_with(EIO) : static_cast<int>(syscall(SYS_fdatasync, file));
-}
-
-}  // extern "C"
-
 namespace tkv::store {
 namespace {
+
+using fault::Call;
+using fault::has_failed;
 
 struct FailingCall {
   const char* name;
@@ -95,22 +23,10 @@ struct FailingCall {
 class LmdbFailingCalls : public ::testing::TestWithParam<FailingCall> {
  protected:
   LmdbFailingCalls() { options_.directory = directory_ / "registry"; }
-  ~LmdbFailingCalls() override { failing = Call::kNone; }
 
-  // Runs `work` with the n-th call failing. A failure may also come as an exception.
   template <typename Work>
   Status with_failure(int nth, Work work) {
-    has_failed = false;
-    calls_left = nth;
-    failing = GetParam().call;
-    Status status;
-    try {
-      status = work();
-    } catch (const std::bad_alloc&) {
-      status = PRTKV_OUT_OF_MEMORY;
-    }
-    failing = Call::kNone;
-    return status;
+    return fault::with_failure(GetParam().call, nth, work);
   }
 
   TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
