@@ -269,7 +269,10 @@ Status LocalClient::status(RegistryStatus* status) {
   store::StoreStatus found;
   if (Status readable = find("", &root); !readable.ok()) return readable;
   if (Status asked = store_->status(&found); !asked.ok()) return asked;
-  *status = {store_->kind(), found.bytes, found.max_bytes, found.readers, found.max_readers};
+  *status = {store_->kind(), found.bytes, found.max_bytes, found.readers, found.max_readers, {}};
+  for (const store::LongReader& reader : found.long_readers) {
+    status->long_readers.push_back({reader.process, reader.command, reader.seconds, reader.held_bytes});
+  }
   return {};
 }
 

@@ -26,6 +26,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/function_ref.h"
 #include "base/status.h"
@@ -172,12 +173,21 @@ struct CheckProgress {
   std::uint64_t total;  // approximate
 };
 
+// A session that reads one state for so long that the space of what has been replaced since cannot be used again.
+struct LongReader {
+  std::int32_t process = 0;
+  std::string command;           // "tkv"; empty if it is not known
+  std::uint64_t seconds = 0;     // for which it has read the same state, at least
+  std::uint64_t held_bytes = 0;  // that have been freed since, and cannot be used again before it ends
+};
+
 // What a store can tell about itself without reading the records. 0: not known or, for limits, none.
 struct StoreStatus {
   std::uint64_t bytes = 0;      // that the store takes on disk
   std::uint64_t max_bytes = 0;  // that it may take
   std::uint32_t readers = 0;    // sessions that are open for reading, of all processes
   std::uint32_t max_readers = 0;
+  std::vector<LongReader> long_readers;  // that have read one state for a minute or longer
 };
 
 class Store {

@@ -1,18 +1,22 @@
 // Writers on one node wait for each other with a deadline, and are told for whom they wait.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "child_process.h"
 #include "lmdb_files.h"
+#include "store/lmdb/commit_times.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
@@ -217,6 +221,50 @@ TEST_F(LmdbWriters, TheStatusCountsTheReadersOfAllProcesses) {
   StoreStatus after;
   ASSERT_TRUE(store->status(&after).ok());
   EXPECT_EQ(after.readers, before.readers + 1);
+}
+
+TEST_F(LmdbWriters, TheStatusNamesAReaderThatHasHeldAStateForMinutes) {
+  const auto store = open_or_fail(options_);
+  ASSERT_TRUE(set_text(*store, kRootNode, std::string(100'000, 'a')).ok());
+  ChildProcess reader([&] {
+    const auto own = open_or_fail(options_);
+    return own->read_all([](View&) -> Status {
+                raise(SIGSTOP);
+                return {};
+              }).ok()
+               ? 0
+               : 1;
+  });
+  reader.wait_until_stopped();
+  for (const char letter : {'b', 'c'}) ASSERT_TRUE(set_text(*store, kRootNode, std::string(100'000, letter)).ok());
+  StoreStatus status;
+  ASSERT_TRUE(store->status(&status).ok());
+  EXPECT_TRUE(status.long_readers.empty());
+  const Descriptor times(open((options_.directory + "/writer.lock").c_str(), O_RDWR | O_CLOEXEC));
+  CommitTimes(times.number()).note(std::uint64_t{1} << 40, std::time(nullptr) - 300);  // as if it had begun before
+  ASSERT_TRUE(store->status(&status).ok());
+  ASSERT_EQ(status.long_readers.size(), 1u);
+  EXPECT_EQ(status.long_readers[0].process, reader.id());
+  EXPECT_EQ(status.long_readers[0].command.substr(0, 9), "lmdb_writ");
+  EXPECT_GE(status.long_readers[0].seconds, 300u);
+  EXPECT_GE(status.long_readers[0].held_bytes, 200'000u);
+}
+
+TEST(CommitTimes, AreNotedOnceInEachIntervalAndForgottenAfterTwoHours) {
+  const TemporaryDirectory directory;
+  const Descriptor file(open((directory / "file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const CommitTimes times(file.number());
+  constexpr std::int64_t kNow = 30 * 1'000'000;
+  EXPECT_EQ(times.held_for(7, kNow), 0);
+  times.note(8, kNow - 90);
+  times.note(9, kNow - 75);  // in the same half minute
+  times.note(12, kNow - 30);
+  EXPECT_EQ(times.held_for(7, kNow), 90);
+  EXPECT_EQ(times.held_for(8, kNow), 30) << "that 9 followed at once was not noted";
+  EXPECT_EQ(times.held_for(11, kNow), 30);
+  EXPECT_EQ(times.held_for(12, kNow), 0);
+  EXPECT_EQ(times.held_for(7, kNow - 100), 0) << "of the future";
+  EXPECT_EQ(times.held_for(7, kNow + 8000), 0);
 }
 
 }  // namespace

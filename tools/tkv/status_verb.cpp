@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "backup_text.h"
+#include "characters.h"
 #include "context.h"
 #include "description.h"
 #include "json.h"
@@ -70,6 +71,22 @@ std::string size_text(std::uint64_t bytes, std::uint64_t max_bytes) {
   return text;
 }
 
+std::string reader_text(const registry::LongReader& reader) {
+  std::string text = "process " + std::to_string(reader.process);
+  if (!reader.command.empty()) text += " (" + utf8_for_people(reader.command) + ")";
+  return text + " has read one state for " + counted(reader.seconds / 60, "minute") + " and keeps " +
+         counted(reader.held_bytes, "byte") + " from being used again";
+}
+
+std::string reader_json(const registry::LongReader& reader) {
+  return JsonObject()
+      .number("process", static_cast<std::uint64_t>(reader.process))
+      .utf8("command", utf8_for_people(reader.command))
+      .number("seconds", reader.seconds)
+      .number("held_bytes", reader.held_bytes)
+      .str();
+}
+
 void print_report(Context& context, const StatusReport& report) {
   const auto row = [&](const char* label, const std::string& text) { context.print(padded(label, 13) + text); };
   for (const std::string& location : report.configuration.locations) row("location", location);
@@ -79,6 +96,7 @@ void print_report(Context& context, const StatusReport& report) {
   if (report.registry.max_readers != 0) {
     row("readers", std::to_string(report.registry.readers) + " of " + std::to_string(report.registry.max_readers));
   }
+  for (const registry::LongReader& reader : report.registry.long_readers) row("long reader", reader_text(reader));
   if (report.checked) {
     row("keys", std::to_string(report.checked->keys));
     row("values", std::to_string(report.checked->values));
@@ -105,6 +123,11 @@ std::string report_json(const StatusReport& report) {
   if (report.registry.max_bytes != 0) object.number("max_bytes", report.registry.max_bytes);
   if (report.registry.max_readers != 0) {
     object.number("readers", report.registry.readers).number("max_readers", report.registry.max_readers);
+  }
+  if (!report.registry.long_readers.empty()) {
+    std::vector<std::string> readers;
+    for (const registry::LongReader& reader : report.registry.long_readers) readers.push_back(reader_json(reader));
+    object.raw("long_readers", json_array(readers));
   }
   if (report.checked) {
     object.number("keys", report.checked->keys)
@@ -143,7 +166,8 @@ constinit const Verb kStatusVerb{
     .summary = "Show whether the registry works, and its size",
     .details = R"(Opens the registry, reads from it, and shows what it found: store, size, open
 readers, numbers of keys and values, damage, and the newest backup in the
-configured backup location. The exit code is 0 only if the registry serves
+configured backup location. A process that has read one state of an embedded
+registry for minutes is named: until it ends, the file grows with each write. The exit code is 0 only if the registry serves
 requests and no damage was found.
 
 Counting reads every record, like verify, and needs the rights r and l on the

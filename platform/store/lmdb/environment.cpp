@@ -17,6 +17,7 @@
 #include "store/lmdb/assertion.h"
 #include "store/lmdb/error.h"
 #include "store/lmdb/file_state.h"
+#include "store/lmdb/reader_table.h"
 #include "store/lmdb/tree.h"
 
 namespace tkv::store {
@@ -258,20 +259,19 @@ Status Environment::check_version() {
   return check_format(transaction.state()).about("the file in '" + directory_ + "'");
 }
 
-// LMDB lists its readers as text: a heading, then a line for each with its process id, its thread and, while it reads,
-// the transaction whose state it holds.
-Status Environment::status(StoreStatus* status) const {
+Status Environment::status(const FileState& state, StoreStatus* status) const {
   *status = {};
   if (Status sized = files_->data_size(&status->bytes); !sized.ok()) return sized;
   status->max_bytes = fixed_map_size_;
   status->max_readers = kMaxReaders;
-  const auto count = [](const char* line, void* readers) {
-    int process = 0;
-    if (std::sscanf(line, "%d", &process) == 1) ++*static_cast<std::uint32_t*>(readers);
-    return 0;
-  };
-  const int code = mdb_reader_list(env_, count, &status->readers);
-  return code < 0 ? failure(code, "cannot list the readers of the registry") : Status();
+  std::vector<TableReader> readers;
+  if (const int code = list_readers(env_, &readers); code != 0) {
+    return failure(code, "cannot list the readers of the registry");
+  }
+  status->readers = static_cast<std::uint32_t>(readers.size());
+  const Descriptor times = files_->open_commit_times();
+  if (times.is_open()) status->long_readers = find_long_readers(readers, state, CommitTimes(times.number()));
+  return {};
 }
 
 int Environment::file() const {
@@ -542,6 +542,7 @@ Status WriteTransaction::commit(LmdbOutcome* outcome) {
   if (Status status = environment_.check_files(); !status.ok()) return status;
   *outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // if it throws, txn_ is still to be aborted
   txn_ = nullptr;
+  if (outcome->code == 0) environment_.writer_lock_.note_commit(former_.transaction + 1);
   return environment_.failure(*outcome, "cannot write to the registry");
 }
 

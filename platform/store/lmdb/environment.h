@@ -54,8 +54,8 @@ class Environment {
 
   const std::string& directory() const { return directory_; }
 
-  // Fills in the sizes and the readers. For use within a transaction.
-  Status status(StoreStatus* status) const;
+  // Fills in the sizes and the readers. For use within a transaction, whose state this is.
+  Status status(const FileState& state, StoreStatus* status) const;
 
   // The data file, for use within a transaction.
   int file() const;

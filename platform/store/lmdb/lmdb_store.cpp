@@ -289,7 +289,7 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 Status LmdbStore::status(StoreStatus* status) {
   ReadTransaction transaction(environment_, ReadTransaction::Length::kShort);
   if (Status begun = transaction.begin(); !begun.ok()) return begun;
-  return environment_.status(status);
+  return environment_.status(transaction.state(), status);
 }
 
 }  // namespace

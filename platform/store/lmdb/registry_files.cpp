@@ -231,6 +231,13 @@ Status RegistryFiles::open_writer_lock(Descriptor* file) const {
   return {};
 }
 
+Descriptor RegistryFiles::open_commit_times() const {
+  Descriptor found(-1);
+  FileIdentity identity;
+  if (!open_file(kWriterLockFile, &found, &identity).ok() || !found.is_open()) return Descriptor(-1);
+  return Descriptor(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+}
+
 Status RegistryFiles::data_size(std::uint64_t* size) const {
   struct stat found {};
   if (fstat(data_.number(), &found) != 0) {

@@ -58,6 +58,9 @@ class RegistryFiles {
   // Opens the file of the writers' lock for reading and writing, and creates it if it is absent.
   Status open_writer_lock(Descriptor* file) const;
 
+  // Opens the same file to read the times of commits. Not open if there is no such file, or it may not be read.
+  Descriptor open_commit_times() const;
+
   const std::string& path() const { return path_; }  // of the directory
 
   // The size of the data file in bytes.

@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <ctime>
 #include <string_view>
 #include <thread>
 
+#include "store/lmdb/commit_times.h"
 #include "store/lmdb/error.h"
 
 namespace tkv::store {
@@ -112,6 +114,13 @@ Status WriterLock::acquire(const WriterWait& wait) {
 void WriterLock::release() {
   free_byte(kWriter);
   give_turn();
+}
+
+void WriterLock::note_commit(std::uint64_t transaction) {
+  const std::int64_t now = std::time(nullptr);
+  if (now / CommitTimes::kInterval == noted_) return;
+  noted_ = now / CommitTimes::kInterval;
+  CommitTimes(file_.number()).note(transaction, now);
 }
 
 Status WriterLock::take_turn(Deadline* deadline) {

@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -41,6 +42,9 @@ class WriterLock {
   Status acquire(const WriterWait& wait);
   void release();
 
+  // Notes when a transaction was committed (see commit_times.h). For the holder of the lock.
+  void note_commit(std::uint64_t transaction);
+
   // For a child after a fork, which must not keep the parent's lock alive. Async-signal-safe.
   void close_in_child() { file_ = Descriptor(-1); }
 
@@ -58,7 +62,8 @@ class WriterLock {
   Status busy(const std::string& holder, const Deadline& deadline) const;
 
   const RegistryFiles& files_;
-  Descriptor file_{-1};  // guarded by the turn
+  Descriptor file_{-1};      // guarded by the turn
+  std::int64_t noted_ = -1;  // likewise: the interval in which this process has noted a commit
   std::mutex mutex_;
   std::condition_variable turn_free_;
   bool turn_taken_ = false;  // guarded by mutex_: by a thread of this process
