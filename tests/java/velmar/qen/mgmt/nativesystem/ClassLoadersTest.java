@@ -60,7 +60,7 @@ class ClassLoadersTest extends OpenSession {
         }
 
         private static void awaitUnloading(WeakReference<ClassLoader> loader) {
-            Instant deadline = Instant.now().plus(Duration.ofSeconds(50));
+            Instant deadline = Instant.now().plus(Duration.ofSeconds(240));
             while (loader.get() != null) {
                 if (Instant.now().isAfter(deadline)) {
                     throw new AssertionError("the class loader is still there");
