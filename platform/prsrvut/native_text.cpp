@@ -54,10 +54,10 @@ int write_native_text(std::u16string_view text, char* buffer, int* size) {
   }
   const auto room = static_cast<std::size_t>(capacity) - 1;
   const bool is_whole = bytes->size() <= room;
-  if (!is_whole) *bytes = longest_beginning(*charset, text, room);
+  const std::string shown = is_whole ? *std::move(bytes) : longest_beginning(*charset, text, room);
   *size = needed;
-  std::memcpy(buffer, bytes->data(), bytes->size());
-  buffer[bytes->size()] = '\0';
+  std::memcpy(buffer, shown.data(), shown.size());
+  buffer[shown.size()] = '\0';
   return is_whole ? kWhole : kCut;
 }
 

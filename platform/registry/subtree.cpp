@@ -231,7 +231,7 @@ Status apply_difference(Writer& tree, std::span<const KeyChange> changes) {
 Status apply_found(Writer& tree, std::span<const KeyChange> changes) {
   while (!changes.empty()) {
     const Changes step = take_step(&changes);
-    const Status status = apply_step(tree, step);
+    Status status = apply_step(tree, step);
     const bool is_gone = step.front().kind == Kind::kRemove && status.is(PRTKV_NO_SUCH_KEY);
     if (!status.ok() && !is_gone) return status;
   }

@@ -5,25 +5,11 @@ import static velmar.qen.mgmt.nativesystem.Reports.done;
 
 import java.io.IOException;
 import java.util.List;
-import org.junit.jupiter.api.AfterAll;
-import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 
 /** Runs under a user id and a group id that have no names: both are identified by their number. */
-class NamelessUserTest {
+class NamelessUserTest extends SharedSession {
     private static final String ID = "54321";
-    private static final TKVNative TKV = new TKVNative();
-
-    @BeforeAll
-    static void openSession() {
-        Reports.assertDone(r -> TKV.initializeTKVLevel(0, r));
-        Reports.assertDone(r -> TKV.openKey("", r));
-    }
-
-    @AfterAll
-    static void closeSession() {
-        Reports.assertDone(TKV::terminateTKV);
-    }
 
     @Test
     void ownsTheKeysThatItCreates() {

@@ -6,8 +6,6 @@ import static velmar.qen.mgmt.nativesystem.Reports.assertRefused;
 import static velmar.qen.mgmt.nativesystem.Reports.done;
 
 import java.util.function.Consumer;
-import org.junit.jupiter.api.AfterAll;
-import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
@@ -16,20 +14,7 @@ import org.junit.jupiter.params.provider.CsvSource;
  * The user nobody, in the group nogroup, on a registry that root has created with {@link OtherUsersRegistry}:
  * a key for each kind of ownership.
  */
-class OtherUserTest {
-    private static final TKVNative TKV = new TKVNative();
-
-    @BeforeAll
-    static void openSession() {
-        Reports.assertDone(r -> TKV.initializeTKVLevel(0, r));
-        Reports.assertDone(r -> TKV.openKey("", r));
-    }
-
-    @AfterAll
-    static void closeSession() {
-        Reports.assertDone(TKV::terminateTKV);
-    }
-
+class OtherUserTest extends SharedSession {
     private static boolean allowed(String right, String key) {
         return switch (right) {
             case "read" -> outcome(r -> TKV.getKeyValue(key, r));
