@@ -90,10 +90,11 @@ fuzz: packages-fuzz ## run each fuzzer for a bounded number of inputs
 	$(call preset,fuzz)
 	ctest --preset fuzz -L fuzz
 
-bench: packages-bench ## measure beside the peers
+bench: packages-bench ## measure beside the peers (25 minutes)
 	$(call preset,release,-DTKV_BENCH=ON)
 	bench/run --instructions
-	bench/run-etcd
+	bench/run-etcd --forks 2
+	@echo "Fill docs/performance.md with these figures: bench/report"
 
 # Builds what bench/check counts.
 define build-counted-paths

@@ -11,9 +11,17 @@ import sys
 import tempfile
 import unittest
 from pathlib import Path
+from xml.etree import ElementTree
 
-RUN = Path(__file__).resolve().parent / "run"
+HERE = Path(__file__).resolve().parent
+RUN, REPORT = HERE / "run", HERE / "report"
 BUILD = None
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(HERE))
+
+from measure import machine
+from measure.tables import Table
 
 FIGURE = r"[\d,]+(?:\.\d+)? (?:ns|µs|ms|s)"
 JAVA = {  # the columns without a figure: those that have no such thing
@@ -26,6 +34,15 @@ JAVA = {  # the columns without a figure: those that have no such thing
     "close, open the store, read": {"prefs"},
 }
 NATIVE = {**{row: set() for row in JAVA}, "open and close a key": {"lmdb"}, "trace line, tracing off": {"lmdb"}}
+COMPARED = ["tkv", "registry", "lmdb", "prefs"]
+READERS = {"one reader": set(), "two readers at once, each": {"tkv"}, "while another process writes": {"prefs"}}
+SERIES = {  # the plots: their rows, and the columns without a figure
+    "keys": ("Java, read a random key", COMPARED, {"50 keys": set(), "200 keys": set()}),
+    "depths": ("Java, read a random key of 50", COMPARED, {"2 levels": set(), "5 levels": set()}),
+    "values": ("Java, read one of 10 values", COMPARED, {"20 B": set(), "3 KiB": set()}),
+    "opening": ("Java, close, open the store, read", COMPARED[:3], {"0.10 MiB": set(), "0.25 MiB": set()}),
+}
+STEPS = {step: set() for step in ("export", "verify", "copy", "move", "delete", "import")}
 
 
 def run(*options):
@@ -51,19 +68,22 @@ class QuickRun(unittest.TestCase):
     def setUpClass(cls):
         cls.directory = tempfile.TemporaryDirectory()
         cls.output = Path(cls.directory.name) / "out"
-        cls.done = run("--quick", "--peers", "prefs", "--output", str(cls.output))
+        cls.done = run("--quick", "--instructions", "--peers", "prefs", "--output", str(cls.output))
 
     @classmethod
     def tearDownClass(cls):
         cls.directory.cleanup()
 
-    def check_table(self, head, columns, expected):
-        rows = rows_below(self.done.stdout, head)
-        self.assertEqual(list(rows), list(expected))
-        for row, absent in expected.items():
-            self.assertEqual(list(rows[row]), columns)
-            for column, cell in rows[row].items():
-                self.assertRegex(cell, r"^-$" if column in absent else f"^{FIGURE}$", f"{row}, {column}")
+    def check_table(self, title, columns, expected, figure=FIGURE, kinds=("median", "p10")):
+        """The tables of medians and of tenth percentiles have a figure in each cell."""
+        for kind in kinds:
+            head = f"{title}, {kind}"
+            rows = rows_below(self.done.stdout, head)
+            self.assertEqual(list(rows), list(expected), head)
+            for row, absent in expected.items():
+                self.assertEqual(list(rows[row]), columns, head)
+                for column, cell in rows[row].items():
+                    self.assertRegex(cell, r"^-$" if column in absent else f"^{figure}$", f"{head}: {row}, {column}")
 
     def test_succeeds(self):
         self.assertEqual(self.done.returncode, 0, self.done.stderr)
@@ -75,7 +95,7 @@ class QuickRun(unittest.TestCase):
         self.check_table("native, time an operation", ["control", "tkv", "lmdb"], NATIVE)
 
     def test_prints_ratios_to_tkv(self):
-        for head in ("Java, times of tkv", "native, times of tkv"):
+        for head in ("Java, time an operation, times of tkv", "native, time an operation, times of tkv"):
             for row, cells in rows_below(self.done.stdout, head).items():
                 self.assertEqual(cells["tkv"], "1.00", f"{head}: {row}")
                 self.assertNotIn("control", cells)
@@ -87,9 +107,63 @@ class QuickRun(unittest.TestCase):
 
     def test_writes_the_same_text_and_every_figure_to_files(self):
         self.assertEqual((self.output / "bench.txt").read_text(), self.done.stdout)
-        raw = json.loads((self.output / "bench.json").read_text())["nanoseconds"]
-        self.assertEqual(len(raw["java"]["read-all"]["tkv"]), 1)
-        self.assertGreater(raw["java"]["read-all"]["tkv"][0], 0)
+        tables = json.loads((self.output / "bench.json").read_text())["tables"]
+        row = next(row for row in tables[0]["rows"] if row["label"] == "read, random of 200")
+        self.assertEqual(len(row["cells"]["tkv"]), 3, "one value for each window")
+        self.assertGreater(min(row["cells"]["tkv"]), 0)
+
+    def test_measures_two_readers_and_reading_beside_a_writer(self):
+        self.check_table("Java, read, random of 200", COMPARED, READERS)
+        self.check_table("native, read, random of 200", ["tkv", "lmdb"], {row: set() for row in READERS})
+
+    def test_measures_processes_that_write_at_the_same_time(self):
+        self.check_table("Java, durable write by any of", ["tkv", "registry", "lmdb"],
+                         {"1 process": set(), "2 processes": set()})
+
+    def test_measures_by_keys_depth_size_of_values_and_size_of_the_store(self):
+        for title, columns, rows in SERIES.values():
+            self.check_table(title, columns, rows)
+
+    def test_draws_a_line_for_each_peer(self):
+        for name, (title, columns, _) in SERIES.items():
+            plot = ElementTree.parse(self.output / "plots" / f"{name}.svg").getroot()
+            self.assertEqual(len(plot.findall("{*}polyline")), len(columns), name)
+            self.assertEqual(plot.find("{*}title").text, title)
+            words = [text.text for text in plot.findall("{*}text")]
+            self.assertEqual(sorted(word for word in words if word in columns), sorted(columns), name)
+
+    def test_counts_instructions(self):
+        rows = {row: set() for row in JAVA if row not in ("durable write", "close, open the store, read")}
+        rows.update({"open and close a key": {"lmdb"}, "trace line, tracing off": {"lmdb"}})
+        printed = rows_below(self.done.stdout, "native, instructions, median")
+        self.assertEqual(set(printed), set(rows))
+        for row, absent in rows.items():
+            for column, cell in printed[row].items():
+                self.assertRegex(cell, r"^-$" if column in absent else r"^[\d,.]+$", f"{row}, {column}")
+
+    def test_measures_whole_subtrees_and_memory(self):
+        self.check_table("tkv, 300 keys", ["tkv"], STEPS, kinds=["median"])
+        self.check_table("tkv, 300 keys, largest resident memory", ["tkv"], STEPS, r"[\d.]+ MiB", ["median"])
+        self.check_table("Java, memory of a process that reads, without files", COMPARED,
+                         SERIES["keys"][2], r"[\d.]+ MiB", ["median"])
+
+    def test_the_report_fills_every_place_of_the_document(self):
+        document = self.output / "performance.md"
+        document.write_text((HERE.parent / "docs/performance.md").read_text())
+        (self.output / "etcd.txt").write_text("A registry on etcd\n\nfigures of etcd\n")
+        options = [str(REPORT), "--output", str(self.output), "--document", str(document)]
+        refused = subprocess.run(options, capture_output=True, text=True, check=False)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn("comes from a quick run", refused.stderr)
+        done = subprocess.run([*options, "--any-size"], capture_output=True, text=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        text = document.read_text()
+        self.assertNotIn("Not measured yet", text)
+        self.assertIn("figures of etcd", text)
+        self.assertRegex(text, rf"\| read, random of 200 \| {FIGURE} \({FIGURE}\) \|")
+        for name in SERIES:
+            self.assertIn(f"(figures/{name}.svg)", text)
+            self.assertTrue((self.output / "figures" / f"{name}.svg").exists())
 
     def test_leaves_no_stores_behind(self):
         self.assertFalse((self.output / "stores").exists())
@@ -116,8 +190,29 @@ class Refusals(unittest.TestCase):
             self.assertIn("valgrind is missing: install the Debian package valgrind", done.stderr)
             self.assertNotIn("filling", done.stderr)
 
+    def test_names_the_parts_there_are_when_asked_for_another(self):
+        done = run("--only", "everything")
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("there is no part 'everything'; there are java, native, readers", done.stderr)
+
     def test_refuses_no_forks_at_all(self):
         self.assertEqual(run("--quick", "--forks", "0").returncode, 2)
+
+
+class Parts(unittest.TestCase):
+    def test_a_machine_is_quiet_if_nothing_else_uses_it(self):
+        self.assertTrue(machine.is_quiet(busy=0.02, load=0.3, processors=2))
+        self.assertFalse(machine.is_quiet(busy=0.3, load=0.3, processors=2))
+        self.assertFalse(machine.is_quiet(busy=0.02, load=1.5, processors=2))
+
+    def test_p10_is_the_value_that_a_tenth_stays_below(self):
+        table = Table("name", "title", ["tkv"])
+        table.add_row("row")
+        self.assertIsNone(table.p10("row", "tkv"))
+        table.add("row", "tkv", [7.0])
+        self.assertEqual(table.p10("row", "tkv"), 7)
+        table.add("row", "tkv", [float(value) for value in range(20, 0, -1)])
+        self.assertEqual((table.p10("row", "tkv"), table.median("row", "tkv")), (3, 10))
 
 
 if __name__ == "__main__":

@@ -7,16 +7,18 @@
 
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace tkv::bench {
 
-// Throws std::runtime_error if LMDB fails. Not thread-safe.
+// Throws std::runtime_error if LMDB fails. Not thread-safe; another_reader() serves another thread.
 class BareLmdb {
  public:
-  explicit BareLmdb(const std::string& directory) {
+  // Opens the store, creating it if it does not exist. A process must not open a directory twice.
+  explicit BareLmdb(const std::string& directory) : is_owner_(true) {
     std::filesystem::create_directories(directory);
     require(mdb_env_create(&environment_));
     require(mdb_env_set_mapsize(environment_, kMapSize));
@@ -25,15 +27,19 @@ class BareLmdb {
     require(mdb_txn_begin(environment_, nullptr, 0, &transaction));
     require(mdb_dbi_open(transaction, nullptr, 0, &database_));
     require(mdb_txn_commit(transaction));
-    require(mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &reader_));
-    mdb_txn_reset(reader_);
+    add_reader();
   }
   ~BareLmdb() {
     if (reader_ != nullptr) mdb_txn_abort(reader_);
-    if (environment_ != nullptr) mdb_env_close(environment_);
+    if (environment_ != nullptr && is_owner_) mdb_env_close(environment_);
   }
   BareLmdb(const BareLmdb&) = delete;
   BareLmdb& operator=(const BareLmdb&) = delete;
+
+  // Another reader of this store, for another thread. It must be destroyed first.
+  std::unique_ptr<BareLmdb> another_reader() const {
+    return std::unique_ptr<BareLmdb>(new BareLmdb(environment_, database_));
+  }
 
   // Calls `use` with the value's text, which is valid during the call, or with null if the name does not exist.
   template <typename Use>
@@ -81,7 +87,14 @@ class BareLmdb {
   }
 
  private:
-  static constexpr std::size_t kMapSize = std::size_t{1} << 30;
+  static constexpr std::size_t kMapSize = std::size_t{1} << 33;
+
+  BareLmdb(MDB_env* environment, MDB_dbi database) : environment_(environment), database_(database) { add_reader(); }
+
+  void add_reader() {
+    require(mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &reader_));
+    mdb_txn_reset(reader_);
+  }
 
   // The pooled reader, in use.
   class Reading {
@@ -100,6 +113,7 @@ class BareLmdb {
     if (code != 0) throw std::runtime_error(mdb_strerror(code));
   }
 
+  bool is_owner_ = false;
   MDB_env* environment_ = nullptr;
   MDB_dbi database_ = 0;
   MDB_txn* reader_ = nullptr;

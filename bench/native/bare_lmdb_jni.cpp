@@ -2,6 +2,8 @@
 
 #include <jni.h>
 
+#include <array>
+#include <cstddef>
 #include <memory>
 
 #include "bare_lmdb.h"
@@ -10,7 +12,8 @@ using tkv::bench::BareLmdb;
 
 namespace {
 
-std::unique_ptr<BareLmdb> store;
+// One for each thread that reads; the first one is the store's owner.
+std::array<std::unique_ptr<BareLmdb>, 2> stores;
 
 class Characters {
  public:
@@ -67,31 +70,29 @@ BENCH_METHOD(jstring, version)(JNIEnv* env, jclass) {
 }
 
 BENCH_METHOD(void, openStore)(JNIEnv* env, jclass, jstring directory) {
-  raising(env, [&] { store = std::make_unique<BareLmdb>(Characters(env, directory).get()); });
+  raising(env, [&] {
+    stores[0] = std::make_unique<BareLmdb>(Characters(env, directory).get());
+    stores[1] = stores[0]->another_reader();
+  });
 }
 
-BENCH_METHOD(void, closeStore)(JNIEnv*, jclass) { store.reset(); }
+BENCH_METHOD(void, closeStore)(JNIEnv*, jclass) {
+  stores[1].reset();
+  stores[0].reset();
+}
 
-BENCH_METHOD(jstring, get)(JNIEnv* env, jclass, jstring name) {
+BENCH_METHOD(jstring, get)(JNIEnv* env, jclass, jint reader, jstring name) {
   return raising(env, [&] {
     const Characters characters(env, name);
-    return store->get(characters.get(),
-                      [&](const char* text) { return text == nullptr ? nullptr : env->NewStringUTF(text); });
+    return stores[static_cast<std::size_t>(reader)]->get(
+        characters.get(), [&](const char* text) { return text == nullptr ? nullptr : env->NewStringUTF(text); });
   });
 }
 
 BENCH_METHOD(jobjectArray, subkeys)(JNIEnv* env, jclass, jstring name) {
-  return raising(env, [&] { return array_of(env, store->subkeys(Characters(env, name).get())); });
+  return raising(env, [&] { return array_of(env, stores[0]->subkeys(Characters(env, name).get())); });
 }
 
 BENCH_METHOD(void, put)(JNIEnv* env, jclass, jstring name, jstring value) {
-  raising(env, [&] { store->put(Characters(env, name).get(), Characters(env, value).get()); });
-}
-
-BENCH_METHOD(void, begin)(JNIEnv* env, jclass) {
-  raising(env, [] { store->begin(); });
-}
-
-BENCH_METHOD(void, commit)(JNIEnv* env, jclass) {
-  raising(env, [] { store->commit(); });
+  raising(env, [&] { stores[0]->put(Characters(env, name).get(), Characters(env, value).get()); });
 }

@@ -1,186 +1,33 @@
-// One run of a native benchmark: measures scenarios on one side and prints one line for each, the scenario and its
-// nanoseconds, or "-" if the side has no such operation. bench/run starts a process for each run, on the stores that
-// the Java side has filled, and makes tables of the lines. With --iterations, each scenario runs that many times
-// without reading the clock, for counting instructions.
+// One run of a native benchmark: measures scenarios on one side and prints a line for each, the scenario and the
+// nanoseconds of each window, or "-" if the side has no such operation; then the memory that the process keeps for
+// itself, in KiB. bench/run starts a process for each run. With --iterations, each scenario runs that many times
+// without reading the clock, for counting instructions. The scenario "fill" writes the dataset; "write-on" writes until
+// standard input ends, and prints "ready" when it begins.
 
 #include <algorithm>
-#include <array>
-#include <chrono>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <functional>
+#include <fstream>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
-#include "bare_lmdb.h"
+#include "dataset.h"
 #include "options.h"
 #include "prsrvut.h"
-#include "prtkv.h"
+#include "side.h"
+#include "stopwatch.h"
 
 namespace tkv::bench {
 namespace {
 
-// Takes every operation's result, so that no work can be optimised away.
-volatile uint64_t sink;
-
-// The names that the Java side wrote: groups of keys, and an additional group that takes the writes.
-class Dataset {
- public:
-  Dataset(int groups, int keys) : groups_(groups), keys_(keys) {}
-
-  std::string group(int index) const { return "app.service.group" + padded(index, 4); }
-  std::string written_group() const { return group(groups_); }
-  std::size_t keys_per_group() const { return static_cast<std::size_t>(keys_); }
-  std::vector<std::string> names_of(const std::string& group_name) const {
-    std::vector<std::string> names;
-    for (int key = 0; key < keys_; ++key) names.push_back(group_name + ".key" + padded(key, 6));
-    return names;
-  }
-  std::vector<std::string> all_names() const {
-    std::vector<std::string> names;
-    for (int index = 0; index < groups_; ++index) {
-      for (auto& name : names_of(group(index))) names.push_back(std::move(name));
-    }
-    return names;
-  }
-  static std::string value(const std::string& name) { return name.substr(name.size() - 20); }
-
- private:
-  static std::string padded(int number, std::size_t width) {
-    const std::string digits = std::to_string(number);
-    return std::string(width - std::min(width, digits.size()), '0') + digits;
-  }
-
-  int groups_;
-  int keys_;
-};
-
-// What is measured. Operations return a number that depends on what they read.
-class Side {
- public:
-  virtual ~Side() = default;
-  virtual uint64_t read(const char* name) = 0;
-  virtual uint64_t list(const std::string& name) = 0;  // how many subkeys
-  virtual uint64_t write(const char* name, const char* text) = 0;
-  virtual void open_store() = 0;
-  virtual void close_store() = 0;
-  virtual bool reads(const std::string& name, const std::string& expected) = 0;
-  virtual bool has(const std::string& scenario) const { return scenario != "open-key" && scenario != "trace-off"; }
-  virtual uint64_t open_key(const char*) { throw std::logic_error("no open keys here"); }
-  virtual bool is_control() const { return false; }
-};
-
-void require(int32_t code, const char* operation) {
-  if (code != 0) throw std::runtime_error(std::string(operation) + " gave " + std::to_string(code));
-}
-
-class RegistrySide final : public Side {
- public:
-  uint64_t read(const char* name) override {
-    get(name);
-    return static_cast<unsigned char>(buffer_[0]);
-  }
-  bool reads(const std::string& name, const std::string& expected) override {
-    return get(name.c_str()) == expected.size() + 1 && expected == buffer_.data();
-  }
-  uint64_t open_key(const char* name) override {
-    const prtkv_key key = open(name);
-    close(key);
-    return key;
-  }
-  uint64_t list(const std::string& name) override {
-    const prtkv_key key = open(name.c_str());
-    char level[PRTKV_SUBKEY_NAME_SIZE];
-    uint64_t count = 0;
-    int32_t remaining = 0;
-    int32_t code = 0;
-    do {
-      uint32_t size = sizeof level;
-      code = prtkv_enum_subkey(context_, key, level, &size, &remaining);
-      if (code == 0) ++count;
-    } while (code == 0);
-    if (code != PRTKV_NO_MORE_SUBKEYS) require(code, "prtkv_enum_subkey");
-    close(key);
-    return count;
-  }
-  uint64_t write(const char* name, const char* text) override {
-    const prtkv_key key = open(name);
-    const auto size = static_cast<uint32_t>(std::strlen(text) + 1);
-    require(prtkv_set_value(context_, key, PRTKV_TYPE_TEXT, text, size), "prtkv_set_value");
-    close(key);
-    return size;
-  }
-  void open_store() override {
-    char text[PRTKV_ERROR_TEXT_SIZE];
-    uint64_t size = sizeof text;
-    if (prtkv_init_ext(&context_, 0, text, &size, 0) != 0) throw std::runtime_error(text);
-  }
-  void close_store() override { require(prtkv_terminate(context_), "prtkv_terminate"); }
-  bool has(const std::string&) const override { return true; }
-
- private:
-  prtkv_key open(const char* name) {
-    prtkv_key key = 0;
-    require(prtkv_open_key(context_, &key, name), "prtkv_open_key");
-    return key;
-  }
-  void close(prtkv_key key) { require(prtkv_close_key(context_, key), "prtkv_close_key"); }
-  uint32_t get(const char* name) {
-    const prtkv_key key = open(name);
-    int32_t type = 0;
-    auto size = static_cast<uint32_t>(buffer_.size());
-    require(prtkv_get_value(context_, key, &type, buffer_.data(), &size), "prtkv_get_value");
-    close(key);
-    return size;
-  }
-
-  prtkv_ctx context_ = 0;
-  std::array<char, 1024> buffer_{};
-};
-
-class LmdbSide final : public Side {
- public:
-  explicit LmdbSide(std::string directory) : directory_(std::move(directory)) {}
-  uint64_t read(const char* name) override {
-    return store_->get(name, [](const char* text) -> uint64_t {
-      if (text == nullptr) throw std::runtime_error("the name is not in the store");
-      return static_cast<unsigned char>(text[0]);
-    });
-  }
-  bool reads(const std::string& name, const std::string& expected) override {
-    return store_->get(name.c_str(), [&](const char* text) { return text != nullptr && expected == text; });
-  }
-  uint64_t list(const std::string& name) override { return store_->subkeys(name).size(); }
-  uint64_t write(const char* name, const char* text) override {
-    store_->put(name, text);
-    return 1;
-  }
-  void open_store() override { store_ = std::make_unique<BareLmdb>(directory_); }
-  void close_store() override { store_.reset(); }
-
- private:
-  std::string directory_;
-  std::unique_ptr<BareLmdb> store_;
-};
-
-// Does nothing: its times are the overhead of the measurement.
-class ControlSide final : public Side {
- public:
-  uint64_t read(const char* name) override { return static_cast<unsigned char>(name[0]); }
-  bool reads(const std::string&, const std::string&) override { return true; }
-  uint64_t list(const std::string& name) override { return name.size(); }
-  uint64_t write(const char* name, const char*) override { return read(name); }
-  uint64_t open_key(const char* name) override { return read(name); }
-  void open_store() override {}
-  void close_store() override {}
-  bool has(const std::string&) const override { return true; }
-  bool is_control() const override { return true; }
-};
+// Before it is timed, a scenario checks about this many of its answers.
+constexpr std::size_t kChecks = 100'000;
 
 // Names in an endless random order, the same in every process.
 class Names {
@@ -198,11 +45,10 @@ class Names {
   uint64_t state_ = 0x2545F4914F6CDD1D;
 };
 
-using Operation = std::function<uint64_t()>;
-
-Operation reads(Side* side, std::vector<std::string> names) {
-  for (const auto& name : names) {
-    if (!side->reads(name, Dataset::value(name))) throw std::runtime_error("a wrong value of " + name);
+Operation reads(Side* side, const Dataset& dataset, std::vector<std::string> names) {
+  const std::size_t step = 1 + names.size() / kChecks;
+  for (std::size_t i = 0; i < names.size(); i += step) {
+    if (!side->reads(names[i], dataset.value(names[i]))) throw std::runtime_error("a wrong value of " + names[i]);
   }
   return [side, in_turn = std::make_shared<Names>(std::move(names))] { return side->read(in_turn->next()); };
 }
@@ -217,13 +63,17 @@ Operation lists(Side* side, const Dataset& dataset) {
 }
 
 Operation writes(Side* side, const Dataset& dataset) {
-  auto in_turn = std::make_shared<Names>(dataset.names_of(dataset.written_group()));
-  const char* const name = in_turn->next();
-  side->write(name, "checked");
-  if (!side->reads(name, "checked")) throw std::runtime_error("a value that is not what was written");
+  auto in_turn = std::make_shared<Names>(dataset.names_of(dataset.group(dataset.groups())));
   return [side, in_turn, count = uint64_t{0}]() mutable {
     return side->write(in_turn->next(), std::to_string(count++).c_str());
   };
+}
+
+Operation checked_writes(Side* side, const Dataset& dataset) {
+  const std::string name = dataset.names_of(dataset.group(dataset.groups())).front();
+  side->write(name.c_str(), "checked");
+  if (!side->reads(name, "checked")) throw std::runtime_error("a value that is not what was written");
+  return writes(side, dataset);
 }
 
 Operation opens_store(Side* side, const Dataset& dataset) {
@@ -246,11 +96,11 @@ Operation traces(bool is_control) {
 }
 
 Operation operation_of(const std::string& scenario, Side* side, const Dataset& dataset) {
-  if (scenario == "read-same") return reads(side, {dataset.names_of(dataset.group(0)).front()});
-  if (scenario == "read-group") return reads(side, dataset.names_of(dataset.group(0)));
-  if (scenario == "read-all") return reads(side, dataset.all_names());
+  if (scenario == "read-same") return reads(side, dataset, {dataset.names_of(dataset.group(0)).front()});
+  if (scenario == "read-group") return reads(side, dataset, dataset.names_of(dataset.group(0)));
+  if (scenario == "read-all" || scenario == "read-two") return reads(side, dataset, dataset.all_names());
   if (scenario == "list") return lists(side, dataset);
-  if (scenario == "write") return writes(side, dataset);
+  if (scenario == "write") return checked_writes(side, dataset);
   if (scenario == "open-store") return opens_store(side, dataset);
   if (scenario == "trace-off") return traces(side->is_control());
   if (scenario == "open-key") {
@@ -261,83 +111,82 @@ Operation operation_of(const std::string& scenario, Side* side, const Dataset& d
   throw std::invalid_argument("there is no scenario '" + scenario + "'");
 }
 
-std::unique_ptr<Side> side_of(const std::string& name, const std::string& directory) {
-  if (name == "tkv") return std::make_unique<RegistrySide>();
-  if (name == "lmdb") return std::make_unique<LmdbSide>(directory);
-  if (name == "control") return std::make_unique<ControlSide>();
-  throw std::invalid_argument("there is no side '" + name + "'");
-}
-
-// A warm-up, then windows of time, each of which yields one mean.
-class Stopwatch {
+// A second reader, in a thread of its own, for as long as this lives.
+class BackgroundReader {
  public:
-  using Nanoseconds = std::chrono::duration<double, std::nano>;
-
-  Stopwatch(int warm_up_ms, int window_ms, int windows)
-      : warm_up_(std::chrono::milliseconds(warm_up_ms)),
-        window_(std::chrono::milliseconds(window_ms)),
-        means_(static_cast<std::size_t>(windows)) {}
-
-  // The median of the windows' means.
-  double nanoseconds_of(const Operation& operation) {
-    const double warm = mean_during(operation, warm_up_, 1);
-    const auto batch = static_cast<int>(std::clamp(kBatch / std::max(warm, 1.0), 1.0, 1e6));
-    for (auto& mean : means_) mean = mean_during(operation, window_, batch);
-    std::sort(means_.begin(), means_.end());
-    return (means_[(means_.size() - 1) / 2] + means_[means_.size() / 2]) / 2;
+  BackgroundReader(Side* side, const Dataset& dataset)
+      : side_(side->another()), thread_([this, names = Names(dataset.all_names())]() mutable {
+          while (!stops_) side_->read(names.next());
+        }) {}
+  ~BackgroundReader() {
+    stops_ = true;
+    thread_.join();
   }
+  BackgroundReader(const BackgroundReader&) = delete;
+  BackgroundReader& operator=(const BackgroundReader&) = delete;
 
  private:
-  static constexpr double kBatch = 200'000;  // the clock is read once in about this time
-
-  static double mean_during(const Operation& operation, Nanoseconds time, int batch) {
-    uint64_t count = 0;
-    const auto start = std::chrono::steady_clock::now();
-    Nanoseconds elapsed{};
-    do {
-      for (int i = 0; i < batch; ++i) sink = operation();
-      count += static_cast<uint64_t>(batch);
-      elapsed = std::chrono::steady_clock::now() - start;
-    } while (elapsed < time);
-    return elapsed.count() / static_cast<double>(count);
-  }
-
-  Nanoseconds warm_up_;
-  Nanoseconds window_;
-  std::vector<double> means_;
+  std::unique_ptr<Side> side_;
+  std::atomic<bool> stops_ = false;
+  std::thread thread_;
 };
 
-std::vector<std::string> split(const std::string& list) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  for (std::size_t comma = 0; comma != std::string::npos; start = comma + 1) {
-    comma = list.find(',', start);
-    parts.push_back(list.substr(start, comma == std::string::npos ? comma : comma - start));
-  }
-  return parts;
+// Writes until standard input ends.
+void write_on(Side* side, const Dataset& dataset) {
+  const Operation write = checked_writes(side, dataset);
+  std::printf("ready\n");
+  std::fflush(stdout);
+  std::atomic<bool> stops = false;
+  std::thread waiter([&stops] {
+    while (std::getchar() != EOF) continue;
+    stops = true;
+  });
+  while (!stops) sink = write();
+  waiter.join();
 }
 
-void count_only(const Operation& operation, int iterations) {
-  for (int i = 0; i < iterations; ++i) sink = operation();
+void time(const std::string& scenario, Side* side, const Dataset& dataset, const Options& options) {
+  const Operation operation = operation_of(scenario, side, dataset);
+  if (options.has("iterations")) {
+    const int iterations = options.number("iterations");
+    for (int i = 0; i < iterations; ++i) sink = operation();
+    return;
+  }
+  std::unique_ptr<BackgroundReader> background;
+  if (scenario == "read-two") background = std::make_unique<BackgroundReader>(side, dataset);
+  const Stopwatch stopwatch(options.number("warm-up-ms"), options.number("window-ms"), options.number("windows"));
+  std::printf("%s\t", scenario.c_str());
+  for (const double mean : stopwatch.nanoseconds_of(operation)) std::printf("%.2f ", mean);
+  std::printf("\n");
+}
+
+// The memory of this process that is not a file's, in KiB.
+long own_memory() {
+  std::ifstream status("/proc/self/status");
+  for (std::string word; status >> word;) {
+    long size = 0;
+    if (word == "RssAnon:" && status >> size) return size;
+  }
+  return 0;
 }
 
 void measure(const Options& options) {
-  const Dataset dataset(options.number("groups"), options.number("keys"));
+  const Dataset dataset(options.number("groups"), options.number("keys"), options.number("depth"),
+                        static_cast<std::size_t>(options.number("value-size")));
   const auto side = side_of(options.text("peer"), options.text("directory"));
+  const auto scenarios = options.list("scenarios");
+  if (scenarios.front() == "fill") return side->fill(dataset);
   side->open_store();
-  for (const auto& scenario : split(options.text("scenarios"))) {
-    if (!side->has(scenario)) {
+  for (const auto& scenario : scenarios) {
+    if (scenario == "write-on") {
+      write_on(side.get(), dataset);
+    } else if (side->has(scenario)) {
+      time(scenario, side.get(), dataset, options);
+    } else {
       std::printf("%s\t-\n", scenario.c_str());
-      continue;
     }
-    const Operation operation = operation_of(scenario, side.get(), dataset);
-    if (options.has("iterations")) {
-      count_only(operation, options.number("iterations"));
-      continue;
-    }
-    Stopwatch stopwatch(options.number("warm-up-ms"), options.number("window-ms"), options.number("windows"));
-    std::printf("%s\t%.2f\n", scenario.c_str(), stopwatch.nanoseconds_of(operation));
   }
+  std::printf("memory\t%ld\n", own_memory());
   side->close_store();
 }
 

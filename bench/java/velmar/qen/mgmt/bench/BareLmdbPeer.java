@@ -15,9 +15,15 @@ final class BareLmdbPeer implements Peer {
     }
 
     private final Path directory;
+    private final int reader;
 
     BareLmdbPeer(Path directory) {
+        this(directory, 0);
+    }
+
+    private BareLmdbPeer(Path directory, int reader) {
         this.directory = directory;
+        this.reader = reader;
     }
 
     private static native void openStore(String directory) throws IOException;
@@ -26,15 +32,11 @@ final class BareLmdbPeer implements Peer {
 
     private static native String version();
 
-    private static native String get(String name) throws IOException;
+    private static native String get(int reader, String name) throws IOException;
 
     private static native String[] subkeys(String name) throws IOException;
 
     private static native void put(String name, String value) throws IOException;
-
-    private static native void begin() throws IOException;
-
-    private static native void commit() throws IOException;
 
     @Override
     public String description() {
@@ -47,17 +49,8 @@ final class BareLmdbPeer implements Peer {
     }
 
     @Override
-    public void fill(Dataset dataset) throws IOException {
-        begin();
-        for (String name : dataset.fullNames(dataset.groups())) {
-            put(name, Dataset.value(name));
-        }
-        commit();
-    }
-
-    @Override
     public String read(String name) throws IOException {
-        return get(name);
+        return get(reader, name);
     }
 
     @Override
@@ -68,6 +61,11 @@ final class BareLmdbPeer implements Peer {
     @Override
     public void write(String name, String value) throws IOException {
         put(name, value);
+    }
+
+    @Override
+    public Peer another() {
+        return new BareLmdbPeer(directory, 1);
     }
 
     @Override

@@ -1,15 +1,20 @@
 package velmar.qen.mgmt.bench;
 
+import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.LinkedHashMap;
-import java.util.List;
+import java.util.Locale;
 import java.util.Map;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
 
 /**
- * One run: fills a peer's store, or measures scenarios on it and prints one line for each: the scenario and its
- * nanoseconds, or "-" if the peer has no such operation. {@code bench/run} starts a JVM for each run and makes tables of
- * the lines.
+ * One run: fills a peer's store, describes the peer, writes until standard input ends, or measures scenarios and prints
+ * a line for each: the scenario and the nanoseconds of each window, or "-" if the peer has no such operation; then the
+ * memory that the process keeps for itself, in KiB. {@code bench/run} starts a JVM for each run.
  */
 final class Bench {
     private final Map<String, String> options = new LinkedHashMap<>();
@@ -28,14 +33,17 @@ final class Bench {
     }
 
     private void run() throws Exception {
-        Dataset dataset = new Dataset(number("groups"), number("keys"));
+        Dataset dataset = new Dataset(number("groups"), number("keys"), number("depth"), number("value-size"));
         Peer peer = Peers.of(option("peer"), Path.of(option("directory")));
         peer.open();
-        if (option("scenarios").equals("fill")) {
-            peer.fill(dataset);
-            System.out.println("description\t" + peer.description());
-        } else {
-            measure(peer, dataset);
+        switch (option("scenarios")) {
+            case "fill" -> peer.fill(dataset);
+            case "describe" -> System.out.println("description\t" + peer.description());
+            case "write-on" -> writeOn(peer, dataset);
+            default -> {
+                measure(peer, dataset);
+                System.out.println("memory\t" + ownMemory());
+            }
         }
         peer.close();
     }
@@ -43,13 +51,50 @@ final class Bench {
     private void measure(Peer peer, Dataset dataset) throws Exception {
         Stopwatch stopwatch = new Stopwatch(number("warm-up-ms") * 1_000_000L, number("window-ms") * 1_000_000L,
                                             number("windows"));
-        List<Scenario> scenarios = Arrays.stream(option("scenarios").split(",")).map(Scenario::of).toList();
-        for (Scenario scenario : scenarios) {
-            String nanos = "-";
-            if (peer.supports(scenario)) {
-                nanos = String.format("%.2f", stopwatch.nanosOf(scenario.on(peer, dataset)));
-            }
-            System.out.println(scenario.title() + "\t" + nanos);
+        for (Scenario scenario : Arrays.stream(option("scenarios").split(",")).map(Scenario::of).toList()) {
+            String figures = peer.supports(scenario) ? figures(stopwatch, scenario, peer, dataset) : "-";
+            System.out.println(scenario.title() + "\t" + figures);
+        }
+    }
+
+    private static String figures(Stopwatch stopwatch, Scenario scenario, Peer peer, Dataset dataset)
+            throws Exception {
+        Scenario.Operation operation = scenario.on(peer, dataset);
+        double[] means;
+        if (scenario == Scenario.READ_TWO) {
+            BackgroundReader second = new BackgroundReader(scenario.on(peer.another(), dataset));
+            means = stopwatch.nanosOf(operation);
+            second.stop();
+        } else {
+            means = stopwatch.nanosOf(operation);
+        }
+        return Arrays.stream(means).mapToObj(mean -> String.format(Locale.ROOT, "%.2f", mean))
+                .collect(Collectors.joining(" "));
+    }
+
+    private static void writeOn(Peer peer, Dataset dataset) throws Exception {
+        Scenario.Operation write = Scenario.WRITE.on(peer, dataset);
+        System.out.println("ready");
+        Thread waiter = new Thread(Bench::awaitEndOfInput);
+        waiter.start();
+        while (waiter.isAlive()) {
+            Stopwatch.sink = write.run();
+        }
+    }
+
+    private static void awaitEndOfInput() {
+        try {
+            System.in.readAllBytes();
+        } catch (IOException e) {
+            throw new UncheckedIOException(e);
+        }
+    }
+
+    /** Returns the memory of this process that is not a file's, in KiB. */
+    private static String ownMemory() throws IOException {
+        try (Stream<String> lines = Files.lines(Path.of("/proc/self/status"))) {
+            return lines.filter(line -> line.startsWith("RssAnon:")).map(line -> line.replaceAll("\\D", ""))
+                    .findFirst().orElse("0");
         }
     }
 

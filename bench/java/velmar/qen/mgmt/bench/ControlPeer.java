@@ -37,6 +37,11 @@ final class ControlPeer implements Peer {
     public void openAndCloseKey(String name) {}
 
     @Override
+    public Peer another() {
+        return this;
+    }
+
+    @Override
     public void close() {}
 
     @Override

@@ -4,38 +4,46 @@ import java.util.ArrayList;
 import java.util.List;
 
 /**
- * The keys that every store holds: groups of equal size, all keys at depth 4, each with a text of 20 characters. One
- * additional group takes the writes, so the keys that are read never change.
+ * The keys that every store in a comparison holds: groups of equal size; all keys have the same depth, and values of the
+ * same size. One additional group receives the writes, so that the keys that are read never change. The native
+ * benchmark creates the same names and values.
  */
 final class Dataset {
-    private static final String ABOVE = "app";
-    private static final String TOP = "app.service";
-
     private final int groups;
     private final int keysPerGroup;
+    private final String top;
+    private final int valueSize;
 
-    Dataset(int groups, int keysPerGroup) {
-        if (groups < 1 || keysPerGroup < 1) {
-            throw new IllegalArgumentException("there has to be at least one group of one key");
+    /**
+     * Describes a dataset.
+     *
+     * @param depth levels of a key's full name
+     * @param valueSize characters of a value
+     */
+    Dataset(int groups, int keysPerGroup, int depth, int valueSize) {
+        if (groups < 1 || keysPerGroup < 1 || depth < 2 || valueSize < 1) {
+            throw new IllegalArgumentException("an impossible dataset");
         }
         this.groups = groups;
         this.keysPerGroup = keysPerGroup;
+        this.top = levelsAbove(depth);
+        this.valueSize = valueSize;
     }
 
-    int keysPerGroup() {
-        return keysPerGroup;
+    /** "app.service." above keys of depth 4. */
+    private static String levelsAbove(int depth) {
+        StringBuilder levels = new StringBuilder();
+        for (int level = 0; level < depth - 2; level++) {
+            levels.append(level == 0 ? "app." : level == 1 ? "service." : String.format("level%02d.", level));
+        }
+        return levels.toString();
     }
 
-    /** Full names of the keys above the groups, parents first. */
-    List<String> above() {
-        return List.of(ABOVE, TOP);
-    }
-
-    /** Full names of all groups; the last one takes the writes. */
+    /** Full names of all groups; the last one receives the writes. */
     List<String> groups() {
         List<String> names = new ArrayList<>();
         for (int group = 0; group <= groups; group++) {
-            names.add(TOP + String.format(".group%04d", group));
+            names.add(top + String.format("group%04d", group));
         }
         return names;
     }
@@ -70,8 +78,12 @@ final class Dataset {
         return names;
     }
 
-    /** The value of a key. It differs from key to key, so that reading the wrong key is noticed. */
-    static String value(String fullName) {
-        return fullName.substring(fullName.length() - 20);
+    /**
+     * Returns the value of a key: the end of its name, repeated. It differs from key to key, so that reading the wrong
+     * one is noticed.
+     */
+    String value(String fullName) {
+        String text = fullName.repeat(1 + (valueSize - 1) / fullName.length());
+        return text.substring(text.length() - valueSize);
     }
 }

@@ -13,8 +13,13 @@ interface Peer {
     /** Opens the store for reading and writing, and creates it if it does not exist. */
     void open() throws Exception;
 
-    /** Writes the whole dataset into a fresh store. It need not be durable before {@link #close}. */
-    void fill(Dataset dataset) throws Exception;
+    /**
+     * Writes the whole dataset into a fresh store. It need not be durable before {@link #close}. The stores of TKV and of
+     * bare LMDB are filled by the native benchmark, many keys at a time.
+     */
+    default void fill(Dataset dataset) throws Exception {
+        throw new UnsupportedOperationException();
+    }
 
     /** The value of a key that exists. */
     String read(String name) throws Exception;
@@ -27,6 +32,11 @@ interface Peer {
 
     /** Opens a key and closes it again, in systems that have open keys. */
     default void openAndCloseKey(String name) throws Exception {
+        throw new UnsupportedOperationException();
+    }
+
+    /** Returns a peer on the same open store for another thread. This one closes it. */
+    default Peer another() throws Exception {
         throw new UnsupportedOperationException();
     }
 

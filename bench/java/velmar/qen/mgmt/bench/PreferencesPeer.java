@@ -28,7 +28,7 @@ final class PreferencesPeer implements Peer {
     @Override
     public void fill(Dataset dataset) throws BackingStoreException {
         for (String name : dataset.fullNames(dataset.groups())) {
-            node(parent(name)).put(level(name), Dataset.value(name));
+            node(parent(name)).put(level(name), dataset.value(name));
         }
         root.flush();
     }
@@ -48,6 +48,11 @@ final class PreferencesPeer implements Peer {
         Preferences node = node(parent(name));
         node.put(level(name), value);
         node.flush();
+    }
+
+    @Override
+    public Peer another() {
+        return this;
     }
 
     @Override

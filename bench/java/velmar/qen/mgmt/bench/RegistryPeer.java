@@ -21,15 +21,6 @@ final class RegistryPeer implements Peer {
     }
 
     @Override
-    public void fill(Dataset dataset) {
-        dataset.above().forEach(registry::create);
-        dataset.groups().forEach(registry::create);
-        for (String name : dataset.fullNames(dataset.groups())) {
-            registry.put(name, Dataset.value(name));
-        }
-    }
-
-    @Override
     public String read(String name) {
         return registry.get(name);
     }
@@ -42,6 +33,11 @@ final class RegistryPeer implements Peer {
     @Override
     public void write(String name, String value) {
         registry.put(name, value);
+    }
+
+    @Override
+    public Peer another() {
+        return this;
     }
 
     @Override

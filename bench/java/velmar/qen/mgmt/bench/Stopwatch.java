@@ -1,14 +1,12 @@
 package velmar.qen.mgmt.bench;
 
-import java.util.Arrays;
-
 /** Measures an operation: a warm-up, then windows of time, each of which yields one mean. */
 final class Stopwatch {
     /** The clock is read about this often, so that reading it does not distort the result. */
     private static final long BATCH_NANOS = 200_000;
 
-    /** Takes every operation's result, so that the compiler cannot prove it unused. */
-    private static volatile Object sink;
+    /** Receives the result of every operation, so that the compiler cannot prove it unused. */
+    static volatile Object sink;
 
     private final long warmUpNanos;
     private final long windowNanos;
@@ -20,16 +18,15 @@ final class Stopwatch {
         this.windows = windows;
     }
 
-    /** Nanoseconds for each operation: the median of the windows' means. */
-    double nanosOf(Scenario.Operation operation) throws Exception {
+    /** Returns the means of the windows, in nanoseconds for each operation. */
+    double[] nanosOf(Scenario.Operation operation) throws Exception {
         double warm = meanDuring(operation, warmUpNanos, 1);
         int batch = (int) Math.max(1, Math.min(1_000_000, BATCH_NANOS / Math.max(warm, 1)));
         double[] means = new double[windows];
         for (int window = 0; window < windows; window++) {
             means[window] = meanDuring(operation, windowNanos, batch);
         }
-        Arrays.sort(means);
-        return (means[(windows - 1) / 2] + means[windows / 2]) / 2;
+        return means;
     }
 
     private static double meanDuring(Scenario.Operation operation, long nanos, int batch) throws Exception {

@@ -20,6 +20,7 @@ import java.util.List;
 /** Berkeley DB through JNI: one B-tree keyed by full name, in a transactional environment. */
 final class BerkeleyDbPeer implements Peer {
     private static final long CACHE_BYTES = 64L << 20;
+    private static final int MAX_LOCKS = 50_000; // of one transaction, which locks each page
 
     private final Path directory;
     private Environment environment;
@@ -45,6 +46,8 @@ final class BerkeleyDbPeer implements Peer {
         config.setTransactional(true);
         config.setLogAutoRemove(true);
         config.setCacheSize(CACHE_BYTES);
+        config.setMaxLocks(MAX_LOCKS);
+        config.setMaxLockObjects(MAX_LOCKS);
         environment = new Environment(directory.toFile(), config);
         DatabaseConfig tree = new DatabaseConfig();
         tree.setAllowCreate(true);
@@ -55,11 +58,11 @@ final class BerkeleyDbPeer implements Peer {
 
     @Override
     public void fill(Dataset dataset) throws DatabaseException {
-        // One transaction for each group: a single one would need more locks than the environment has.
+        // A single transaction would need more locks than the environment has.
         for (String group : dataset.groups()) {
             Transaction transaction = environment.beginTransaction(null, null);
             for (String name : dataset.fullNames(List.of(group))) {
-                database.put(transaction, entry(name), entry(Dataset.value(name)));
+                database.put(transaction, entry(name), entry(dataset.value(name)));
             }
             transaction.commit();
         }
@@ -100,6 +103,11 @@ final class BerkeleyDbPeer implements Peer {
     @Override
     public void write(String name, String value) throws DatabaseException {
         database.put(null, entry(name), entry(value));
+    }
+
+    @Override
+    public Peer another() {
+        return this;
     }
 
     @Override

@@ -32,7 +32,7 @@ final class MvStorePeer implements Peer {
     @Override
     public void fill(Dataset dataset) {
         for (String name : dataset.fullNames(dataset.groups())) {
-            map.put(name, Dataset.value(name));
+            map.put(name, dataset.value(name));
         }
         store.commit();
     }
@@ -62,6 +62,11 @@ final class MvStorePeer implements Peer {
         map.put(name, value);
         store.commit();
         store.sync();
+    }
+
+    @Override
+    public Peer another() {
+        return this;
     }
 
     @Override

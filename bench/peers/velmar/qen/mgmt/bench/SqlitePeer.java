@@ -19,7 +19,11 @@ final class SqlitePeer implements Peer {
     private PreparedStatement upsert;
 
     SqlitePeer(Path directory) {
-        url = "jdbc:sqlite:" + directory.resolve("registry.db");
+        this("jdbc:sqlite:" + directory.resolve("registry.db"));
+    }
+
+    private SqlitePeer(String url) {
+        this.url = url;
     }
 
     @Override
@@ -49,7 +53,7 @@ final class SqlitePeer implements Peer {
     public void fill(Dataset dataset) throws SQLException {
         connection.setAutoCommit(false);
         for (String name : dataset.fullNames(dataset.groups())) {
-            write(name, Dataset.value(name));
+            write(name, dataset.value(name));
         }
         connection.commit();
         connection.setAutoCommit(true);
@@ -81,6 +85,13 @@ final class SqlitePeer implements Peer {
         upsert.setString(1, name);
         upsert.setString(2, value);
         upsert.executeUpdate();
+    }
+
+    @Override
+    public Peer another() throws SQLException {
+        SqlitePeer peer = new SqlitePeer(url);
+        peer.open();
+        return peer;
     }
 
     @Override

@@ -1,0 +1,243 @@
+"""What is measured: each experiment fills stores, runs programs on them and returns tables."""
+
+from measure.programs import OUTSIDE, Dataset, Stores, progress, values_of
+from measure.tables import Table, shown_number, shown_size
+
+ALWAYS = ["control", "tkv", "registry", "lmdb"]
+NATIVE = ["control", "tkv", "lmdb"]
+JAVA_SCENARIOS = ["read-same", "read-group", "read-all", "list", "write", "open-key", "open-store"]
+NATIVE_SCENARIOS = JAVA_SCENARIOS + ["trace-off"]
+# Iterations of a scenario under the instruction counter. A second process runs twice as many; the difference counts.
+COUNTED = {"read-same": 2000, "read-group": 2000, "read-all": 2000, "open-key": 2000, "list": 20, "trace-off": 20000}
+SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use one store at once
+
+MIB = 2**20
+LARGEST_VALUE = MIB - 1  # without its NUL
+# What a peer cannot hold, or not within reasonable time: the number of keys, and the size of a value or of all.
+MOST_KEYS = {"prefs": 100_000}
+LARGEST = {"prefs": 8000}
+MOST_BYTES = {"sqlite": 100 * MIB, "bdb": 100 * MIB, "mvstore": 100 * MIB, "prefs": 0}
+
+
+class Plan:
+    """How much is measured: "quick" takes seconds and tells whether everything runs, "short" has fewer processes and
+    smaller stores than "full"."""
+
+    def __init__(self, size, forks=None):
+        quick, full = size == "quick", size == "full"
+        self.groups, self.keys = (4, 50) if quick else (100, 1000)
+        self.warm_up_ms, self.window_ms, self.windows = (20, 10, 3) if quick else (600, 100, 7)
+        self.forks = forks or (2 if full else 1)
+        # One JVM for each scenario keeps one scenario's profile from shaping another's code; a quick run skips this.
+        self.together = quick
+        self.key_counts = [50, 200] if quick else [10**n for n in (range(2, 7) if full else range(2, 6))]
+        self.depths = [2, 5] if quick else [2, 4, 8, 16, 32] if full else [2, 8, 32]
+        self.value_sizes = [20, 3000] if quick else [20, 1024, 10 * 1024, 100 * 1024, LARGEST_VALUE]
+        self.store_sizes = [MIB // 10, MIB // 4] if quick else [MIB // 10] + [
+            MIB * 10**n for n in (range(4) if full else range(3))]
+        self.writers = [1, 2] if quick else [1, 2, 4]
+        self.tree = (2, 100) if quick else (100, 1000) if full else (20, 1000)
+        self.tree_rounds = 1 if quick else 3
+
+    def dataset(self):
+        return Dataset(self.groups, self.keys)
+
+    def times(self):
+        return ["--warm-up-ms", str(self.warm_up_ms), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
+
+    def batches(self, scenarios):
+        return [scenarios] if self.together else [[scenario] for scenario in scenarios]
+
+    def label(self, scenario):
+        return {
+            "read-same": "read, always the same key",
+            "read-group": f"read, random of {self.keys:,}",
+            "read-all": f"read, random of {self.groups * self.keys:,}",
+            "list": f"list {self.keys:,} subkeys",
+            "write": "durable write",
+            "open-key": "open and close a key",
+            "open-store": "close, open the store, read",
+            "trace-off": "trace line, tracing off",
+        }[scenario]
+
+    def method(self):
+        return (f"times: from {self.forks} fresh process(es), each with {self.windows} windows of {self.window_ms} ms "
+                f"after {self.warm_up_ms} ms")
+
+    def data(self):
+        return (f"stores: {self.groups * self.keys:,} keys of depth 4, values of 20 characters, unless a table says "
+                "otherwise; one thread")
+
+
+class Experiments:
+    """Runs them, one after the other."""
+
+    def __init__(self, programs, plan, peers):
+        self.programs, self.plan = programs, plan
+        self.peers = ALWAYS + peers
+        self.compared = [peer for peer in self.peers if peer != "control"]
+        self.descriptions = {}
+
+    def java(self):
+        with Stores(self.programs, self.plan.dataset(), self.peers) as stores:
+            for peer in self.peers:
+                self.descriptions[peer] = self.programs.run(stores.java(peer, ["describe"]))["description"]
+            return [self.operations("Java", stores.java, self.peers, JAVA_SCENARIOS)]
+
+    def native(self):
+        with Stores(self.programs, self.plan.dataset(), NATIVE) as stores:
+            return [self.operations("native", stores.native, NATIVE, NATIVE_SCENARIOS)]
+
+    def operations(self, title, command, peers, scenarios):
+        table = Table(title.lower(), f"{title}, time an operation", peers)
+        for scenario in scenarios:
+            table.add_row(self.plan.label(scenario))
+        for fork in range(self.plan.forks):
+            in_turn = peers[fork % len(peers):] + peers[:fork % len(peers)]
+            for batch in self.plan.batches(scenarios):
+                progress(f"{title}: fork {fork + 1} of {self.plan.forks}: {', '.join(batch)}")
+                for peer in in_turn:
+                    answer = self.programs.run(command(peer, batch, self.plan.times()))
+                    for scenario in batch:
+                        table.add(self.plan.label(scenario), peer, values_of(answer[scenario]))
+        return table
+
+    def instructions(self):
+        table = Table("instructions", "native, instructions", ["tkv", "lmdb"], unit="instructions")
+        with Stores(self.programs, self.plan.dataset(), table.columns) as stores:
+            for scenario, runs in COUNTED.items():
+                table.add_row(self.plan.label(scenario))
+                for peer in table.columns:
+                    progress(f"counting instructions: {scenario}, {peer}")
+                    counts = [self.programs.run_counted(stores.native(peer, [scenario], ["--iterations", str(times)]))
+                              for times in (runs, 2 * runs)]
+                    if scenario not in counts[0][0]:  # a line is printed only for what the peer does not have
+                        table.add(self.plan.label(scenario), peer, [(counts[1][1] - counts[0][1]) / runs])
+        return [table]
+
+    def readers(self):
+        """One reader, two at once, and one beside a process that writes, in Java and natively."""
+        with Stores(self.programs, self.plan.dataset(), self.compared) as stores:
+            return [self.disturbed_reads("Java", "readers", self.compared, stores.java),
+                    self.disturbed_reads("native", "native-readers", ["tkv", "lmdb"], stores.native)]
+
+    def disturbed_reads(self, title, name, peers, command):
+        table = Table(name, f"{title}, {self.plan.label('read-all')}", peers)
+        alone, two, beside = "one reader", "two readers at once, each", "while another process writes"
+        for label in (alone, two, beside):
+            table.add_row(label)
+        for peer in peers:
+            progress(f"{title}, readers: {peer}")
+            for label, scenario in ((alone, "read-all"), (two, "read-two")):
+                answer = self.programs.run(command(peer, [scenario], self.plan.times()))
+                table.add(label, peer, values_of(answer[scenario]))
+            if peer in SEVERAL_PROCESSES:
+                with self.programs.writing(command(peer, ["write-on"])):
+                    answer = self.programs.run(command(peer, ["read-all"], self.plan.times()))
+                table.add(beside, peer, values_of(answer["read-all"]))
+        return table
+
+    def writers(self):
+        """Processes that write at the same time: the time from one write of any of them to the next."""
+        peers = [peer for peer in self.compared if peer in SEVERAL_PROCESSES]
+        table = Table("writers", "Java, durable write by any of", peers)
+        with Stores(self.programs, self.plan.dataset(), peers) as stores:
+            for count in self.plan.writers:
+                label = f"{count} process" + ("es" if count > 1 else "")
+                table.add_row(label)
+                for peer in peers:
+                    progress(f"writers: {label}, {peer}")
+                    answers = self.programs.run_together([stores.java(peer, ["write"], self.plan.times())] * count)
+                    windows = zip(*(values_of(answer["write"]) for answer in answers))
+                    table.add(label, peer, [1 / sum(1 / mean for mean in window) for window in windows])
+        return [table]
+
+    def key_counts(self):
+        """Times and memory by the number of keys."""
+        peers = self.compared
+        times = Table("keys", "Java, read a random key", peers, axis="keys")
+        memory = Table("memory", "Java, memory of a process that reads, without files", peers, unit="KiB", axis="keys")
+        for count in self.plan.key_counts:
+            held = [peer for peer in peers if count <= MOST_KEYS.get(peer, count)]
+            label = f"{count:,} keys"
+            times.add_row(label, count)
+            memory.add_row(label, count)
+            groups = max(1, count // 1000)
+            with Stores(self.programs, Dataset(groups, count // groups), held) as stores:
+                for peer in held:
+                    progress(f"{label}: {peer}")
+                    answer = self.programs.run(stores.java(peer, ["read-all"], self.plan.times()))
+                    times.add(label, peer, values_of(answer["read-all"]))
+                    memory.add(label, peer, values_of(answer["memory"]))
+        return [times, memory]
+
+    def depths(self):
+        keys = 50 if self.plan.together else 1000
+        return [self.series("depths", f"Java, read a random key of {keys:,}", "levels of a name", self.compared, "read-all",
+                            [(depth, f"{depth} levels", Dataset(1, keys, depth)) for depth in self.plan.depths])]
+
+    def values(self):
+        def held(peer, size):
+            return size <= LARGEST.get(peer, size)
+
+        return [self.series("values", "Java, read one of 10 values", "bytes of a value", self.compared, "read-all",
+                            [(size, shown_size(size), Dataset(1, 10, 4, size)) for size in self.plan.value_sizes], held)]
+
+    def opening(self):
+        """Closing, opening and reading from stores of various sizes, with values of 64 KiB."""
+        def held(peer, size):
+            return size <= MOST_BYTES.get(peer, size)
+
+        value = 64 * 1024
+        points = [(size, f"{shown_number(size / MIB)} MiB", Dataset(1, max(1, size // value // 2), 4, value - 1))
+                  for size in self.plan.store_sizes]
+        return [self.series("opening", "Java, close, open the store, read", "bytes of the store",
+                            [peer for peer in self.compared if MOST_BYTES.get(peer) != 0], "open-store", points, held)]
+
+    def series(self, name, title, axis, peers, scenario, points, held=lambda peer, position: True):
+        """One scenario at some points of an axis: (position, label, dataset)."""
+        table = Table(name, title, peers, axis=axis)
+        for position, label, dataset in points:
+            table.add_row(label, position)
+            here = [peer for peer in peers if held(peer, position)]
+            with Stores(self.programs, dataset, here) as stores:
+                for peer in here:
+                    progress(f"{title}: {label}: {peer}")
+                    answer = self.programs.run(stores.java(peer, [scenario], self.plan.times()))
+                    table.add(label, peer, values_of(answer[scenario]))
+        return table
+
+    def trees(self):
+        """Whole subtrees, by the operator's command."""
+        groups, keys = self.plan.tree
+        tkv, saved = str(self.programs.build / "bin/tkv"), str(self.programs.output / "export.json")
+        steps = {"export": ["export", "-o", saved, "app"], "verify": ["verify"], "copy": ["cp", "-r", "app", "copy"],
+                 "move": ["mv", "copy", "moved"], "delete": ["rm", "-r", "moved"], "import": ["import", saved]}
+        counted = f"{(groups + 1) * keys:,} keys"
+        times = Table("trees", f"tkv, {counted}", ["tkv"])
+        memory = Table("trees-memory", f"tkv, {counted}, largest resident memory", ["tkv"], unit="KiB")
+        for step in steps:
+            times.add_row(step)
+            memory.add_row(step)
+        with Stores(self.programs, Dataset(groups, keys), ["tkv"]):
+            for _ in range(self.plan.tree_rounds):
+                for step, arguments in steps.items():
+                    if step == "import":
+                        self.programs.run_timed([tkv, "--quiet", "--yes", "rm", "-r", "app"])
+                    took, size = self.programs.run_timed([tkv, "--quiet", "--yes", *arguments])
+                    times.add(step, "tkv", [took])
+                    memory.add(step, "tkv", [size])
+        return [times, memory]
+
+    # The parts by name, in the order of a whole run.
+    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "keys": key_counts, "depths": depths,
+             "values": values, "opening": opening, "trees": trees, "instructions": instructions}
+
+
+def chosen_peers(text):
+    """The peers of other makers that an option names; raises ValueError."""
+    peers = [] if text == "none" else text.split(",")
+    for peer in peers:
+        if peer not in OUTSIDE:
+            raise ValueError(f"there is no peer '{peer}'; there are {', '.join(OUTSIDE)}")
+    return peers
