@@ -29,6 +29,7 @@ class PendingException {
   }
 
   ~PendingException() {
+    if (exception_ == nullptr && !may_have_raised_) return;
     if (NativeCall* call = NativeCall::current()) {
       defer_to(call);
     } else if (exception_ != nullptr) {
@@ -247,9 +248,11 @@ extern "C" int prsrvut_isDebugOn(JNIEnv* /*env*/, jobject /*result*/) { return t
 
 extern "C" jstring prsrvut_NewStringUTF(JNIEnv* env, const char* text) {
   if (text == nullptr) return nullptr;
-  const PendingException pending(env);
+  PendingException pending(env);
   try {
-    return tkv::prsrvut::new_string(env, text);
+    jstring string = tkv::prsrvut::new_string(env, text);
+    if (string != nullptr) pending.set_raised_nothing();
+    return string;
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -257,8 +260,10 @@ extern "C" jstring prsrvut_NewStringUTF(JNIEnv* env, const char* text) {
 
 extern "C" jstring prsrvut_NewString(JNIEnv* env, const jchar* units, jsize count) {
   if (units == nullptr || count < 0) return nullptr;
-  const PendingException pending(env);
-  return env->NewString(units, count);
+  PendingException pending(env);
+  jstring string = env->NewString(units, count);
+  if (string != nullptr) pending.set_raised_nothing();
+  return string;
 }
 
 extern "C" jclass prsrvut_FindClass(JNIEnv* env, const char* name) {
