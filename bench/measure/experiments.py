@@ -14,7 +14,7 @@ SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use
 MIB = 2**20
 LARGEST_VALUE = MIB - 1  # without its NUL
 # What a peer cannot hold, or not within reasonable time: the number of keys, and the size of a value or of all.
-MOST_KEYS = {"prefs": 100_000}
+MOST_KEYS = {"prefs": 10_000}
 LARGEST = {"prefs": 8000}
 MOST_BYTES = {"sqlite": 100 * MIB, "bdb": 100 * MIB, "mvstore": 100 * MIB, "prefs": 0}
 

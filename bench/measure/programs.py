@@ -47,7 +47,7 @@ class Dataset:
 
 
 class Stores:
-    """The stores of some peers, all with the same dataset, in a directory that goes when they go."""
+    """The stores of some peers, all with the same dataset. Their directory is removed at the end."""
 
     def __init__(self, programs, dataset, peers):
         self.programs, self.dataset, self.peers = programs, dataset, peers

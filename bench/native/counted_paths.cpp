@@ -59,7 +59,7 @@ namespace tkv::bench {
 namespace {
 
 constexpr int kSubkeys = 100;      // of the listed key
-constexpr int kUnknownKeys = 500;  // each read once
+constexpr int kUnknownKeys = 200;  // each read once
 constexpr int kWrittenKeys = 50;   // each created, then deleted
 constexpr int kExportedKeys = 1000;
 constexpr std::size_t kLongValue = 64 * 1024;
@@ -194,14 +194,14 @@ sec_attr fill() {
 
 void count_sessions() {
   { const Session first; }  // what a process does once
-  count("open and close a session", 10, [](int) { const Session session; });
+  count("open and close a session", 5, [](int) { const Session session; });
 }
 
 void count_reads(Session* session) {
   const std::string known = "app.listed.subkey000050";
   for (int i = 0; i < 10; ++i) session->read(known);
-  count("open and close a known key", 500, [&](int) { session->close(session->open(known)); });
-  count("read a known key", 500, [&](int) { session->read(known); });
+  count("open and close a known key", 200, [&](int) { session->close(session->open(known)); });
+  count("read a known key", 200, [&](int) { session->read(known); });
   session->read("app.unknown.key000000");
   count("read a key for the first time", kUnknownKeys - 1,
         [&](int i) { session->read(numbered("app.unknown.key", i + 1)); });
@@ -214,7 +214,7 @@ void count_reads(Session* session) {
   });
   const prtkv_key key = session->open(known);
   sec_attr security{};
-  count("read the security of an open key", 500,
+  count("read the security of an open key", 200,
         [&](int) { require(prtkv_get_key_security(session->context(), key, &security), "prtkv_get_key_security"); });
   session->close(key);
 }
@@ -281,7 +281,7 @@ void count_exports() {
     if (keys != kExportedKeys) throw std::runtime_error("a wrong number of keys");
   };
   walk();
-  count("walk 1,000 keys with their values", 5, [&](int) { walk(); });
+  count("walk 1,000 keys with their values", 2, [&](int) { walk(); });
 }
 
 void run() {

@@ -1,7 +1,8 @@
 // One run of the benchmark of a registry on etcd. Each scenario runs through the registry client and, beside it, as the
-// bare requests that it cannot do without, through the same generated stubs; windows of the two sides alternate. Prints
-// one line for each scenario: its name, nanoseconds per operation through the registry and of the bare requests, and
-// requests per operation of both. bench/run-etcd starts the members, fills the registry and makes tables of the lines.
+// fewest bare requests that could do the same, through the same generated stubs; windows of the two sides alternate.
+// Prints one line for each scenario: its name, nanoseconds per operation through the registry and of the bare requests,
+// and requests per operation of both. bench/run-etcd starts the members, fills the registry and makes tables of the
+// lines.
 //
 //   --endpoints host:port,...  --prefix text  --groups n  --keys n  --value-bytes n
 //   --scenarios name,...  --warm-up-ms n  --window-ms n  --windows n

@@ -11,7 +11,7 @@ final class ControlPeer implements Peer {
 
     @Override
     public String description() {
-        return "no work at all: what the harness itself takes";
+        return "an empty method: the cost of the harness";
     }
 
     @Override
