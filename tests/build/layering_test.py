@@ -1,6 +1,7 @@
 """Which folder may include which: arrows only point down.
 
-java -> bridge -> platform/if <- platform services; registry -> store.h <- stores; tools -> registry; all -> base.
+java -> bridge -> platform/if <- platform services; registry -> store.h <- stores; tools, java/native -> registry; all ->
+base.
 Headers of the platform are included by their path below platform/, those of platform/if by their bare name.
 """
 import pathlib
@@ -28,14 +29,22 @@ LAYERS = {
     "platform/store/lmdb": ["platform/if", "platform/base", "platform/store"],
     "platform/store/etcd": ["platform/if", "platform/base", "platform/store"],
     "tools/tkv": ["platform/if", "platform/base", "platform/registry"],
+    "java/native": ["platform/if", "platform/base", "platform/registry"],
+    "java/native/loading": ["framework/tkv/if", "platform/if", "platform/prsrvut", "java/native"],
 }
+
+# The registry client as programs see it.
+CLIENT = {"client.h", "open_client.h", "configuration.h", "access.h", "name.h"}
 
 # For some pairs of layers, the only headers of the lower one that the upper one may include: its interface.
 FACES = {
     ("platform/registry", "platform/store"): {"store.h", "store_kinds.h", "setting_values.h"},
     ("platform/store", "platform/store/lmdb"): {"kind.h"},
     ("platform/store", "platform/store/etcd"): {"kind.h"},
-    ("tools/tkv", "platform/registry"): {"client.h", "open_client.h", "configuration.h", "access.h", "name.h"},
+    ("tools/tkv", "platform/registry"): CLIENT,
+    ("java/native", "platform/registry"): CLIENT | {"zuved.h"},
+    ("java/native/loading", "java/native"): {"registry_natives.h"},
+    ("java/native/loading", "platform/prsrvut"): {"loading.h", "native_call.h"},
 }
 
 # The bridge knows JNI and the platform's functions: no file, no thread, no system call.
@@ -62,7 +71,7 @@ def layer_of(folder):
 
 
 def sources(root):
-    for top in ("framework", "platform", "tools"):
+    for top in ("framework", "platform", "tools", "java"):
         for path in sorted((root / top).rglob("*")):
             if path.suffix in SOURCES:
                 yield path.relative_to(root)
@@ -70,7 +79,7 @@ def sources(root):
 
 def resolve(path, name, files):
     """The file that `#include "name"` in `path` means, or None."""
-    for folder in (folder_of(path), "framework/tkv/if", "platform/if", "platform"):
+    for folder in (folder_of(path), "framework/tkv/if", "platform/if", "platform", "java/native"):
         candidate = pathlib.PurePosixPath(posixpath.normpath(posixpath.join(folder, name)))
         if candidate in files:
             return candidate
@@ -135,10 +144,15 @@ class Layers(unittest.TestCase):
             ("tools/tkv/main.cpp", '"lx/charset.h"', "is not below"),
             ("tools/tkv/main.cpp", '"gone.h"', "no file of the tree"),
             ("tools/tkv/main.cpp", '"session.h"', "no file of the tree"),
+            ("java/native/walk.cpp", '"store/store.h"', "is not below"),
+            ("java/native/walk.cpp", '"tkv.h"', "is not below"),
+            ("java/native/walk.cpp", '"registry/session.h"', "not part of an interface"),
+            ("java/native/loading/natives.cpp", '"registry/client.h"', "is not below"),
             ("tools/other/main.cpp", '"store/store.h"', "no layer"),
         ]
         everything = ["framework/tkv/if/tkv.h", "platform/if/lpm.h", "platform/lx/charset.h", "platform/store/store.h",
-                      "platform/store/lmdb/file.h", "platform/store/etcd/cluster.h", "platform/registry/session.h"]
+                      "platform/store/lmdb/file.h", "platform/store/etcd/cluster.h", "platform/registry/session.h",
+                      "platform/registry/client.h"]
         for source, include, message in rows:
             with self.subTest(source=source, include=include), tempfile.TemporaryDirectory() as folder:
                 root = pathlib.Path(folder)

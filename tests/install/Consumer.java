@@ -4,7 +4,7 @@ import velmar.qen.mgmt.registry.Registry;
 public final class Consumer {
     public static void main(String[] arguments) {
         try (Registry registry = Registry.open()) {
-            System.out.println(registry.get("greeting"));
+            System.out.println(registry.getText("greeting"));
         }
     }
 }

@@ -22,7 +22,7 @@ final class RegistryPeer implements Peer {
 
     @Override
     public String read(String name) {
-        return registry.get(name);
+        return registry.getText(name);
     }
 
     @Override

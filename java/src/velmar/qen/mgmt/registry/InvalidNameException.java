@@ -4,7 +4,13 @@ package velmar.qen.mgmt.registry;
 public final class InvalidNameException extends RegistryException {
     private static final long serialVersionUID = 1;
 
-    InvalidNameException(int code, String key, String text) {
-        super(code, key, text);
+    /**
+     * Creates an exception.
+     *
+     * @param key full name of the key that the call was about; null if it was about none
+     * @param message what happened
+     */
+    public InvalidNameException(String key, String message) {
+        super(ResultCode.INVALID_NAME, key, message);
     }
 }

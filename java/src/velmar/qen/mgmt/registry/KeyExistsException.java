@@ -4,7 +4,13 @@ package velmar.qen.mgmt.registry;
 public final class KeyExistsException extends RegistryException {
     private static final long serialVersionUID = 1;
 
-    KeyExistsException(int code, String key, String text) {
-        super(code, key, text);
+    /**
+     * Creates an exception.
+     *
+     * @param key full name of the key that the call was about; null if it was about none
+     * @param message what happened
+     */
+    public KeyExistsException(String key, String message) {
+        super(ResultCode.KEY_EXISTS, key, message);
     }
 }

@@ -4,7 +4,13 @@ package velmar.qen.mgmt.registry;
 public final class KeyNotEmptyException extends RegistryException {
     private static final long serialVersionUID = 1;
 
-    KeyNotEmptyException(int code, String key, String text) {
-        super(code, key, text);
+    /**
+     * Creates an exception.
+     *
+     * @param key full name of the key that the call was about; null if it was about none
+     * @param message what happened
+     */
+    public KeyNotEmptyException(String key, String message) {
+        super(ResultCode.HAS_SUBKEYS, key, message);
     }
 }

@@ -1,387 +1,518 @@
 package velmar.qen.mgmt.registry;
 
+import java.io.IOException;
+import java.io.UncheckedIOException;
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
-import java.util.ArrayDeque;
-import java.util.Arrays;
-import java.util.Deque;
-import java.util.Iterator;
+import java.nio.file.Path;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.EnumSet;
 import java.util.List;
-import java.util.NoSuchElementException;
 import java.util.Objects;
 import java.util.Optional;
-import java.util.Spliterator;
-import java.util.Spliterators;
-import java.util.function.Consumer;
-import java.util.function.Function;
-import java.util.function.Supplier;
 import java.util.stream.Stream;
-import java.util.stream.StreamSupport;
-import velmar.qen.mgmt.nativesystem.TKVNative;
 
 /**
- * The cluster registry: a tree of keys, each with a value and a security record.
+ * The cluster registry: a tree of keys, each with a value and a security.
  *
  * <p>Keys are identified by their full names: levels joined by {@code "."}, starting from the root, whose own name is
- * {@code ""}. A key can only be created below a parent that exists. A value is a text or a list of texts; a key without
- * a value reads as an empty text or an empty list.
+ * {@code ""}. A key can only be created below a parent that exists; {@link #ensure} creates what is missing. Who may do
+ * what with a key is described by its {@link KeySecurity}.
  *
- * <p>A process can have one registry open. Any thread may call any method. Calls take turns, and {@link #close} waits
- * for the call in progress; interrupting a thread does not end its wait. Once a method that changes something has
- * returned, the change survives a crash of the process and of the machine.
+ * <pre>{@code
+ * try (Registry registry = Registry.open()) {
+ *     registry.ensure("app");
+ *     registry.put("app.name", "billing");
+ *     registry.put("app.port", 8080);
+ *     int port = registry.getInt("app.port");
+ * }
+ * }</pre>
+ *
+ * <p>A process can have any number of registries open, and one registry any number of times; each is closed on its own.
+ * Any thread may call any method at any time, also while another closes the registry. Calls that read do not wait for
+ * each other. Every call is atomic: it reads one state of the registry, or makes its change completely or not at all.
+ * Once a method that changes something has returned, the change survives a crash of the process and of the machine.
+ * Interrupting a thread does not end its call.
  *
  * <p>Methods throw a {@link RegistryException}, or a subclass, if the registry does not carry out the call; {@link
  * RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
  */
-public final class Registry implements AutoCloseable {
-    /** The registry's data type for a text. */
-    private static final int TEXT = 3;
+public final class Registry implements RegistryReader, AutoCloseable {
+    private static final String PATCH_LEVEL = "SYSTEM.version.patch";
 
     private static final Cleaner CLEANER = Cleaner.create();
 
-    private final Session session;
-    private final TKVNative natives;
+    private final long handle;
     private final Cleaner.Cleanable cleanable;
-    /** Read once, since each native query keeps its buffer; guarded by the session's turn. */
-    private Locations locations;
 
-    private Registry(Session session) {
-        this.session = session;
-        this.natives = session.natives();
-        this.cleanable = CLEANER.register(this, session::close);
+    private Registry(long handle, Runnable afterClosing) {
+        this.handle = handle;
+        this.cleanable = CLEANER.register(this, () -> {
+            RegistryNatives.close(handle);
+            afterClosing.run();
+        });
     }
+
+    private static Registry open(byte[] request, Runnable afterClosing) {
+        NativeLibrary.load();
+        return new Registry(Reply.checked(RegistryNatives.open(request), null).word64(), afterClosing);
+    }
+
+    private static void nothing() {}
 
     /**
      * Opens the registry that this machine's configuration names. If that is a registry of this node alone and it does
      * not exist yet, it is created.
      *
      * @return the open registry
-     * @throws IllegalStateException if this process already has a registry open
      * @throws RegistryUnavailableException if the registry of a cluster cannot be reached
      * @throws RegistryUnusableException if the storage cannot be used as it is configured
      * @throws RegistryException if the configuration is wrong; the message names the file and line
      * @throws UnsatisfiedLinkError if the native library cannot be loaded
      */
     public static Registry open() {
-        return open(0);
+        return open(RegistryOptions.DEFAULTS);
     }
 
     /**
-     * Opens the registry as {@link #open()} does, at a level.
+     * Opens the registry that this machine's configuration names, as {@link #open()} does, with options.
      *
-     * @param level 0 or more; only recorded
+     * @param options how to open it
      * @return the open registry
-     * @throws IllegalStateException if this process already has a registry open
-     * @throws RegistryException as for {@link #open()}, and for a negative level
+     * @throws RegistryException as for {@link #open()}
      */
-    public static Registry open(int level) {
-        return new Registry(new Session(level));
+    public static Registry open(RegistryOptions options) {
+        return open(options.request(), Registry::nothing);
     }
 
-    /** Closes the registry, after waiting for the call in progress. Closing it again has no effect. */
+    /**
+     * Opens the registry that a configuration file names, instead of the machine's.
+     *
+     * @param configuration the file
+     * @return the open registry
+     * @throws RegistryException as for {@link #open()}
+     */
+    public static Registry open(Path configuration) {
+        return open(configuration, RegistryOptions.DEFAULTS);
+    }
+
+    /**
+     * Opens the registry that a configuration file names, as {@link #open(Path)} does, with options.
+     *
+     * @param configuration the file
+     * @param options how to open it
+     * @return the open registry
+     * @throws RegistryException as for {@link #open()}
+     */
+    public static Registry open(Path configuration, RegistryOptions options) {
+        return open(options.requestForConfiguration(configuration), Registry::nothing);
+    }
+
+    /**
+     * Opens the registry in a directory, whatever is configured. The directory is created, for this user alone, if its
+     * parent exists.
+     *
+     * @param directory the directory, which must not be on a network file system
+     * @return the open registry
+     * @throws RegistryUnusableException if the directory cannot hold a registry
+     */
+    public static Registry at(Path directory) {
+        return at(directory, RegistryOptions.DEFAULTS);
+    }
+
+    /**
+     * Opens the registry in a directory, as {@link #at(Path)} does, with options.
+     *
+     * @param directory the directory, which must not be on a network file system
+     * @param options how to open it
+     * @return the open registry
+     * @throws RegistryUnusableException if the directory cannot hold a registry
+     */
+    public static Registry at(Path directory, RegistryOptions options) {
+        return open(options.requestForDirectory(directory), Registry::nothing);
+    }
+
+    /**
+     * Opens a new, empty registry in a directory of its own for temporary files, for tests. Closing the registry removes
+     * the directory.
+     *
+     * @return the open registry
+     * @throws UncheckedIOException if no directory can be created
+     */
+    public static Registry temporary() {
+        TemporaryDirectory directory;
+        try {
+            directory = TemporaryDirectory.create();
+        } catch (IOException e) {
+            throw new UncheckedIOException(e);
+        }
+        try {
+            return open(RegistryOptions.DEFAULTS.requestForDirectory(directory.path()), directory::remove);
+        } catch (RuntimeException | Error e) {
+            directory.remove();
+            throw e;
+        }
+    }
+
+    /**
+     * Closes the registry, after waiting for the calls in progress. Closing it again has no effect. Streams that were
+     * opened before can still be read.
+     */
     @Override
     public void close() {
-        // Close directly: the Cleaner would not wait for a close that another thread has begun.
-        session.close();
+        // Close directly: the Cleaner does not wait for a close that another thread has begun.
+        RegistryNatives.close(handle);
         cleanable.clean();
     }
 
-    /**
-     * Returns the text of a key: empty if the key has no value, the first text if it has a list.
-     *
-     * @param name full name
-     * @return the text
-     * @throws KeyNotFoundException if there is no such key
-     */
-    public String get(String name) {
-        return find(name).orElseThrow(() -> absent(name));
+    // --- Reading ---
+
+    @Override
+    public Optional<Value> findValue(String name) {
+        Objects.requireNonNull(name, "name");
+        byte[] reply;
+        try {
+            reply = RegistryNatives.value(handle, name);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
+            return Optional.empty();
+        }
+        DataReader result = Reply.checked(reply, name);
+        return Optional.of(result.valueToEnd(result.word32()));
     }
 
-    /**
-     * Returns the text of a key, or a default if there is no such key.
-     *
-     * @param name full name
-     * @param absent the default; may be null
-     * @return the text
-     */
-    public String get(String name, String absent) {
-        return find(name).orElse(absent);
-    }
-
-    /**
-     * Returns the text of a key, if the key exists.
-     *
-     * @param name full name
-     * @return the text; empty if there is no such key
-     */
-    public Optional<String> find(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> Optional.ofNullable(read(name)));
-    }
-
-    /**
-     * Returns the number that {@link #putInt} stored as a decimal text. Binary numbers cannot be read through the
-     * native methods.
-     *
-     * @param name full name
-     * @return the number
-     * @throws KeyNotFoundException if there is no such key
-     * @throws NumberFormatException if the key's text is not an {@code int}
-     */
-    public int getInt(String name) {
-        return number(name, Integer::valueOf);
-    }
-
-    /**
-     * Returns the number that {@link #putLong} or {@link #putInt} stored.
-     *
-     * @param name full name
-     * @return the number
-     * @throws KeyNotFoundException if there is no such key
-     * @throws NumberFormatException if the key's text is not a {@code long}
-     */
-    public long getLong(String name) {
-        return number(name, Long::valueOf);
-    }
-
-    /**
-     * Returns the list of texts of a key, which is empty if the key has no value. A single text reads as a list of one.
-     * If another program has stored an empty text in the list, the list ends before it.
-     *
-     * <p>Texts are converted from the character set of the process's locale. Unless that is UTF-8, only plain ASCII
-     * texts that {@link #putList} stored read back unchanged.
-     *
-     * @param name full name
-     * @return an unmodifiable list
-     * @throws KeyNotFoundException if there is no such key
-     * @throws RegistryException if a text cannot be converted from the character set
-     */
-    public List<String> getList(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> {
-            String[] slots = session.query(name, report -> natives.getKeyValues(name, report));
-            if (slots == null && readExisting(name) != null) {
-                // There is a text. Either it was stored just now, or it cannot be converted.
-                slots = session.query(name, report -> natives.getKeyValues(name, report));
-                if (slots == null) {
-                    throw RegistryException.saying(ResultCode.UNKNOWN, name, "the value of key '" + name
-                            + "' cannot be read as a list in the character set of this process's locale");
-                }
-            }
-            return texts(slots);
-        });
-    }
-
-    /**
-     * Returns whether a key exists.
-     *
-     * @param name full name
-     * @return true if it exists
-     */
+    @Override
     public boolean exists(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> present(name));
+        Objects.requireNonNull(name, "name");
+        byte[] reply;
+        try {
+            reply = RegistryNatives.exists(handle, name);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
+            return false;
+        }
+        Reply.checked(reply, name);
+        return true;
     }
 
-    /**
-     * Returns the names of a key's subkeys, each a single level, in byte order.
-     *
-     * @param name full name
-     * @return an unmodifiable list
-     * @throws KeyNotFoundException if there is no such key
-     */
+    @Override
     public List<String> list(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> {
-            List<String> names = subkeys(name);
-            if (names.isEmpty() && !present(name)) {
-                throw absent(name);
+        Objects.requireNonNull(name, "name");
+        try {
+            DataReader levels = Reply.checked(RegistryNatives.list(handle, name), name);
+            List<String> names = new ArrayList<>();
+            while (!levels.atEnd()) {
+                names.add(levels.text());
             }
-            return names;
-        });
+            return List.copyOf(names);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
     }
 
-    /**
-     * Returns the full names of all keys below a key, each before its own subkeys. The stream reads the subkeys of a
-     * key after it has delivered that key, so the registry must stay open while the stream is in use. Changes made
-     * meanwhile show in part: a key deleted after its siblings were read is still delivered, without anything below it,
-     * and a key created after that is not.
-     *
-     * @param name full name
-     * @return a sequential stream
-     * @throws KeyNotFoundException if there is no such key
-     */
-    public Stream<String> walk(String name) {
-        Iterator<String> names = new Walk(name, list(name));
-        return StreamSupport.stream(
-                Spliterators.spliteratorUnknownSize(names, Spliterator.ORDERED | Spliterator.NONNULL), false);
+    @Override
+    public Stream<Entry> walk(String name, int depth) {
+        Objects.requireNonNull(name, "name");
+        if (depth < 0) {
+            throw new IllegalArgumentException("a depth below 0: " + depth);
+        }
+        try {
+            return EntryStream.of(Reply.checked(RegistryNatives.beginWalk(handle, name, depth), name), CLEANER);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
     }
 
-    /**
-     * Returns the user who owns a key. A user without a name is identified by number.
-     *
-     * @param name full name
-     * @return the user; empty if the key has no owner
-     * @throws KeyNotFoundException if there is no such key
-     */
-    public Optional<String> owner(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> Optional.ofNullable(session.query(name, report -> natives.getUserName(name, report))));
+    @Override
+    public KeyInfo stat(String name) {
+        Objects.requireNonNull(name, "name");
+        try {
+            return KeyInfo.read(name, Reply.checked(RegistryNatives.stat(handle, name), name));
+        } finally {
+            Reference.reachabilityFence(this);
+        }
     }
 
-    /**
-     * Returns the group that owns a key. A group without a name is identified by number.
-     *
-     * @param name full name
-     * @return the group; empty if the key has none
-     * @throws KeyNotFoundException if there is no such key
-     */
-    public Optional<String> group(String name) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> Optional.ofNullable(session.query(name, report -> natives.getGroupName(name, report))));
+    @Override
+    public EnumSet<Right> rights(String name) {
+        Objects.requireNonNull(name, "name");
+        try {
+            return Right.ofMask(Reply.checked(RegistryNatives.rights(handle, name), name).word32());
+        } finally {
+            Reference.reachabilityFence(this);
+        }
     }
 
+    // --- Writing values ---
+
     /**
-     * Writes a text. If the key does not exist, it is created with {@link Security#sameAsSession()}.
+     * Writes a text. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
      *
      * @param name full name
-     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @param value the text; at most 1 MiB as it is stored
      * @throws KeyNotFoundException if the parent does not exist
-     * @throws ValueTooLargeException if the text is too long
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
      */
     public void put(String name, String value) {
-        put(name, value, Security.sameAsSession());
+        put(name, new Value.Text(value), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a list of texts. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the texts, none of them empty; at most 1 MiB as they are stored
+     * @throws IllegalArgumentException if a text is empty, because readers would take it for the end of the list
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, List<String> value) {
+        put(name, new Value.TextList(value), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a number of 32 bits. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the number
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, int value) {
+        put(name, new Value.Int32(value), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a number of 64 bits. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the number
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, long value) {
+        put(name, new Value.Int64(value), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes bytes. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the bytes, at most 1 MiB
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, byte[] value) {
+        put(name, new Value.Bytes(value), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a boolean, as the text {@code true} or {@code false}. If the key does not exist, it is created with
+     * {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the boolean
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, boolean value) {
+        put(name, new Value.Text(String.valueOf(value)), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a floating point number, as a text. If the key does not exist, it is created with {@link
+     * KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the number
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, double value) {
+        put(name, new Value.Text(String.valueOf(value)), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a duration, as a text. If the key does not exist, it is created with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the duration
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, Duration value) {
+        put(name, new Value.Text(value.toString()), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a constant of an enum, as the text of its name. If the key does not exist, it is created with {@link
+     * KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the constant
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, Enum<?> value) {
+        put(name, new Value.Text(value.name()), KeySecurity.inherited());
+    }
+
+    /**
+     * Writes a value, as {@link #put(String, Value, KeySecurity)} does, with {@link KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @param value the value; at most 1 MiB as it is stored
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
+     */
+    public void put(String name, Value value) {
+        put(name, value, KeySecurity.inherited());
     }
 
     /**
      * Writes a text. If the key does not exist, it is created with the given security.
      *
      * @param name full name
-     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @param value the text; at most 1 MiB as it is stored
      * @param security the security of a new key; an existing key keeps its own
      * @throws KeyNotFoundException if the parent does not exist
      * @throws ValueTooLargeException if the text is too long
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
      */
-    public void put(String name, String value, Security security) {
-        Objects.requireNonNull(name);
-        Objects.requireNonNull(value);
-        write(name, security, report -> natives.setKeyValue(name, value, security.type(), security.key(),
-                                                            security.owner(), security.group(), report));
+    public void put(String name, String value, KeySecurity security) {
+        put(name, new Value.Text(value), security);
     }
 
     /**
-     * Writes a list of texts. If the key does not exist, it is created with {@link Security#sameAsSession()}.
+     * Writes a value. If the key does not exist, it is created with the given security. {@link Value.None} takes the
+     * value of an existing key away.
      *
      * @param name full name
-     * @param values the texts, none of them empty; at most 8192 bytes in modified UTF-8, counting a NUL after each text
-     *     and one more at the end
-     * @throws IllegalArgumentException if a text is empty, because readers would take it for the end of the list
-     * @throws KeyNotFoundException if the parent does not exist
-     * @throws ValueTooLargeException if the list is too long
-     */
-    public void putList(String name, List<String> values) {
-        putList(name, values, Security.sameAsSession());
-    }
-
-    /**
-     * Writes a list of texts. If the key does not exist, it is created with the given security.
-     *
-     * @param name full name
-     * @param values the texts, as for {@link #putList(String, List)}
+     * @param value the value; at most 1 MiB as it is stored
      * @param security the security of a new key; an existing key keeps its own
-     * @throws IllegalArgumentException if a text is empty, because readers would take it for the end of the list
      * @throws KeyNotFoundException if the parent does not exist
-     * @throws ValueTooLargeException if the list is too long
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not write the key or, if it does not exist, create it
      */
-    public void putList(String name, List<String> values, Security security) {
-        Objects.requireNonNull(name);
-        String[] texts = values.stream().map(Objects::requireNonNull).toArray(String[]::new);
-        if (List.of(texts).contains("")) {
-            throw new IllegalArgumentException("an empty text would end the list of key '" + name + "'");
+    public void put(String name, Value value, KeySecurity security) {
+        if (value instanceof Value.None) {
+            clear(name, security);
+        } else {
+            put(name, value, 0, security);
         }
-        write(name, security, report -> natives.setKeyValues(name, texts, security.type(), security.key(),
-                                                             security.owner(), security.group(), report));
     }
 
     /**
-     * Writes a number as a decimal text. The registry's own 4- and 8-byte types are not used: the native methods fill
-     * them with the first bytes of a text, and cannot represent every number in this way.
-     *
-     * @param name full name
-     * @param value the number
-     * @throws KeyNotFoundException if the parent does not exist
-     */
-    public void putInt(String name, int value) {
-        put(name, Integer.toString(value));
-    }
-
-    /**
-     * Writes a number as a decimal text, as {@link #putInt} does.
-     *
-     * @param name full name
-     * @param value the number
-     * @throws KeyNotFoundException if the parent does not exist
-     */
-    public void putLong(String name, long value) {
-        put(name, Long.toString(value));
-    }
-
-    /**
-     * Creates a key without a value, with {@link Security#sameAsSession()}.
+     * Creates a key without a value, with {@link KeySecurity#inherited()}.
      *
      * @param name full name
      * @throws KeyExistsException if the key already exists
      * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not create the key
      */
     public void create(String name) {
-        create(name, Security.sameAsSession());
+        create(name, KeySecurity.inherited());
     }
 
     /**
-     * Creates a key without a value. If the security names another group than the session's, the key is first created
-     * for the session and then handed over; if the second step fails, the key stays as the session's.
+     * Creates a key without a value.
      *
      * @param name full name
      * @param security the security of the key
      * @throws KeyExistsException if the key already exists
      * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not create the key
      */
-    public void create(String name, Security security) {
-        Objects.requireNonNull(name);
-        if (name.isEmpty()) {
-            throw RegistryException.saying(ResultCode.KEY_EXISTS, name, "the root exists");
-        }
-        write(name, security, report -> natives.createKey(name, security.type(), security.key(), security.owner(),
-                                                          security.group(), report));
+    public void create(String name, KeySecurity security) {
+        put(name, new Value.None(), RegistryNatives.PUT_NEW_ONLY, security);
     }
 
     /**
-     * Creates a key with a text. If the key's group is the session's, as with {@link Security#sameAsSession()}, the key
-     * and its text appear at once. Otherwise others may see the key without a text for a moment: it is created as by
-     * {@link #create(String, Security)}, handed over, and then written. If the session may not write the key after
-     * handing it over, the call fails and the key is deleted again; if the session may not delete it either, the key
-     * stays without a text.
+     * Creates a key with a text.
      *
      * @param name full name
-     * @param value the text; at most 1 MiB in modified UTF-8, including a terminating NUL
+     * @param value the text; at most 1 MiB as it is stored
      * @param security the security of the key
      * @throws KeyExistsException if the key already exists; it keeps its value
      * @throws KeyNotFoundException if the parent does not exist
      * @throws ValueTooLargeException if the text is too long
+     * @throws MissingRightException if the session may not create the key
      */
-    public void createWith(String name, String value, Security security) {
-        Objects.requireNonNull(name);
-        Objects.requireNonNull(value);
-        if (security.hasSessionsGroup()) {
-            write(name, security, report -> natives.createAndSetKeyValue(name, value, TEXT, security.type(),
-                    security.key(), security.owner(), security.group(), report));
-            return;
-        }
-        // For another group, the native method that creates a key with a value would change the security of the root.
-        inTurn(() -> {
-            create(name, security);
-            orUndo(() -> put(name, value, security), () -> delete(name));
-        });
+    public void createWith(String name, String value, KeySecurity security) {
+        createWith(name, new Value.Text(value), security);
+    }
+
+    /**
+     * Creates a key with a value.
+     *
+     * @param name full name
+     * @param value the value; at most 1 MiB as it is stored
+     * @param security the security of the key
+     * @throws KeyExistsException if the key already exists; it keeps its value
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws ValueTooLargeException if the value is too large
+     * @throws MissingRightException if the session may not create the key
+     */
+    public void createWith(String name, Value value, KeySecurity security) {
+        put(name, value, RegistryNatives.PUT_NEW_ONLY, security);
+    }
+
+    /**
+     * Creates a key and its ancestors, as far as they are missing, without values and with {@link
+     * KeySecurity#inherited()}.
+     *
+     * @param name full name
+     * @throws MissingRightException if the session may not create what is missing
+     */
+    public void ensure(String name) {
+        ensure(name, KeySecurity.inherited());
+    }
+
+    /**
+     * Creates a key and its ancestors, as far as they are missing, without values.
+     *
+     * @param name full name
+     * @param security the security of what is missing; existing keys keep their own
+     * @throws MissingRightException if the session may not create what is missing
+     */
+    public void ensure(String name, KeySecurity security) {
+        put(name, new Value.None(), RegistryNatives.PUT_CREATES_PARENTS, security);
+    }
+
+    // --- Changing keys ---
+
+    /**
+     * Changes the security of a key. What the given security leaves open stays as it is.
+     *
+     * @param name full name
+     * @param security what to change
+     * @throws KeyNotFoundException if there is no such key
+     * @throws MissingRightException if the session may not change the security
+     */
+    public void setSecurity(String name, KeySecurity security) {
+        setSecurity(name, security, false);
+    }
+
+    /**
+     * Changes the security of a key and of everything below it, all or nothing. What the given security leaves open
+     * stays as it is.
+     *
+     * @param name full name
+     * @param security what to change
+     * @throws KeyNotFoundException if there is no such key
+     * @throws MissingRightException if there is a key among them whose security the session may not change
+     */
+    public void setSecurityTree(String name, KeySecurity security) {
+        setSecurity(name, security, true);
     }
 
     /**
@@ -390,6 +521,7 @@ public final class Registry implements AutoCloseable {
      * @param name full name
      * @return whether there was such a key
      * @throws KeyNotEmptyException if the key has subkeys
+     * @throws MissingRightException if the session may not delete the key
      */
     public boolean delete(String name) {
         return delete(name, false);
@@ -400,6 +532,7 @@ public final class Registry implements AutoCloseable {
      *
      * @param name full name
      * @return whether there was such a key
+     * @throws MissingRightException if there is a key among them that the session may not delete
      */
     public boolean deleteTree(String name) {
         return delete(name, true);
@@ -412,9 +545,10 @@ public final class Registry implements AutoCloseable {
      * @param target new full name
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws KeyExistsException if the target already exists
+     * @throws MissingRightException if the session may not delete the source or create the target
      */
     public void move(String source, String target) {
-        move(source, target, 0);
+        move(source, target, false);
     }
 
     /**
@@ -424,84 +558,100 @@ public final class Registry implements AutoCloseable {
      * @param source full name
      * @param target new full name
      * @throws KeyNotFoundException if the source or the target's parent does not exist
+     * @throws MissingRightException if the session may not delete the source or what it replaces, or create the target
      */
     public void moveReplacing(String source, String target) {
-        move(source, target, 1);
+        move(source, target, true);
     }
 
     /**
-     * Copies a key and everything below it to a new key: values with their types, owners, groups and rights.
+     * Copies a key and everything below it, atomically: values with their types, owners, groups and rights.
      *
      * @param source full name
      * @param target full name of the new key
      * @throws KeyExistsException if the target already exists
      * @throws KeyNotFoundException if the source or the target's parent does not exist
-     * @throws ValueTooLargeException if a value has more than 2048 bytes
-     * @see #copyTree(String, String, CopyOwner)
+     * @throws MissingRightException if there is a key among them that the session may not read or list, or if it may not
+     *     create the target
      */
-    public void copyTree(String source, String target) {
-        copyTree(source, target, CopyOwner.SOURCE);
+    public void copy(String source, String target) {
+        copy(source, target, CopyOwner.SOURCE);
     }
 
     /**
-     * Copies a key and everything below it to a new key. Values keep their types and, below the topmost key, keys keep
-     * their owners, groups and rights.
-     *
-     * <p>A value may have at most 2048 bytes, and a full name in the source at most 265; the command {@code tkv cp -r}
-     * has no such limits. Others see the copy while it grows. If the copy fails for any reason, what was copied is
-     * deleted again. If that fails too, for lack of a right, for example, the copy stays as far as it got, and the
-     * second failure is a suppressed exception of the first.
+     * Copies a key and everything below it, atomically: values with their types, and rights.
      *
      * @param source full name
      * @param target full name of the new key
-     * @param owner who owns the topmost key
+     * @param owner who owns the copies
      * @throws KeyExistsException if the target already exists
      * @throws KeyNotFoundException if the source or the target's parent does not exist
-     * @throws ValueTooLargeException if a value has more than 2048 bytes
+     * @throws MissingRightException as for {@link #copy(String, String)}
      */
-    public void copyTree(String source, String target, CopyOwner owner) {
-        Objects.requireNonNull(target);
-        Objects.requireNonNull(owner);
-        if (source.isEmpty() || target.startsWith(source + ".")) {
-            throw RegistryException.saying(ResultCode.MOVE_INTO_ITSELF, source,
-                                           "key '" + source + "' cannot be copied into itself");
-        }
-        inTurn(() -> {
-            if (!present(source)) {
-                throw absent(source);
-            }
-            create(target);
-            orUndo(() -> TreeCopy.run(natives, source, target, owner), () -> deleteTree(target));
-        });
+    public void copy(String source, String target, CopyOwner owner) {
+        copy(source, target, owner, 0);
     }
 
     /**
-     * Returns whether this node belongs to a cluster.
+     * Copies a key and everything below it, atomically. If the target exists, it is replaced, together with everything
+     * below it. A key cannot replace one that it lies below.
+     *
+     * @param source full name
+     * @param target full name of the copy
+     * @param owner who owns the copies
+     * @throws KeyNotFoundException if the source or the target's parent does not exist
+     * @throws MissingRightException as for {@link #copy(String, String)}, and if the session may not delete what is
+     *     replaced
+     */
+    public void copyReplacing(String source, String target, CopyOwner owner) {
+        copy(source, target, owner, RegistryNatives.COPY_REPLACES);
+    }
+
+    // --- The registry as a whole ---
+
+    /**
+     * Returns the user on whose behalf the registry is open.
+     *
+     * @return the name, or number if the user has no name
+     */
+    public String user() {
+        return description().user();
+    }
+
+    /**
+     * Returns the primary group of the session.
+     *
+     * @return the name, or number if the group has no name
+     */
+    public String group() {
+        return description().group();
+    }
+
+    /**
+     * Returns whether this node belongs to a cluster, according to the configuration with which the registry was opened.
      *
      * @return true if it does
      */
     public boolean isClusterMember() {
-        return inTurn(() -> session.query(null, report -> {
-            natives.isCluster(report);
-            return report.getBooleanResult();
-        }));
+        return description().inCluster();
     }
 
     /**
-     * Returns where the registry is stored, according to the configuration at the first call.
+     * Returns where the registry is stored.
      *
      * @return the locations, and whether the registry is shared among nodes
      */
     public Locations locations() {
-        return inTurn(() -> {
-            if (locations == null) {
-                locations = session.query(null, report -> {
-                    String[] places = natives.getTKVLocations(report);
-                    return places == null ? null : new Locations(List.of(places), report.getBooleanResult());
-                });
-            }
-            return locations;
-        });
+        return description().locations();
+    }
+
+    /**
+     * Returns the configured location of backups.
+     *
+     * @return the location; empty if none is configured
+     */
+    public Optional<String> backupLocation() {
+        return Optional.of(description().backupLocation()).filter(location -> !location.isEmpty());
     }
 
     /**
@@ -511,36 +661,38 @@ public final class Registry implements AutoCloseable {
      * @return the kind of storage, and a message about it
      */
     public Storage storageAt(String path) {
-        Objects.requireNonNull(path);
-        return inTurn(() -> {
-            Report report = new Report();
-            Storage.Kind kind = switch (natives.checkTKVStorageType(path, report)) {
-                case 0 -> Storage.Kind.EMBEDDED;
-                case 2 -> Storage.Kind.DISTRIBUTED;
-                default -> Storage.Kind.UNUSABLE;
-            };
-            return new Storage(kind, Objects.requireNonNullElse(report.text(), ""));
-        });
-    }
-
-    /**
-     * Returns the configured location of backups.
-     *
-     * @return the location; empty if none is configured
-     */
-    public Optional<String> backupLocation() {
-        return inTurn(() -> Optional.ofNullable(session.query(null, natives::getTKVBackupLocation))
-                .filter(location -> !location.isEmpty()));
+        Objects.requireNonNull(path, "path");
+        description();
+        byte[] reply = RegistryNatives.checkLocation(path);
+        return switch (Reply.code(reply)) {
+            case ResultCode.DONE -> new Storage(Storage.Kind.EMBEDDED, "");
+            case ResultCode.DISTRIBUTED -> new Storage(Storage.Kind.DISTRIBUTED, Reply.message(reply));
+            default -> new Storage(Storage.Kind.UNUSABLE, Reply.message(reply));
+        };
     }
 
     /**
      * Returns the software patch level of the cluster.
      *
      * @return the level; 0 if none is recorded
-     * @throws RegistryException if the recorded level is not a number
+     * @throws RegistryException if what is recorded is not a level
      */
     public int patchLevel() {
-        return inTurn(() -> session.query(null, natives::getPatchLevel));
+        Value value = findValue(PATCH_LEVEL).orElse(new Value.None());
+        Long level = value instanceof Value.None ? Long.valueOf(0) : levelIn(value);
+        if (level == null || level < 0 || level > Integer.MAX_VALUE) {
+            throw RegistryException.of(ResultCode.INVALID_ARGUMENT, PATCH_LEVEL,
+                                       "key '" + PATCH_LEVEL + "' holds no patch level");
+        }
+        return level.intValue();
+    }
+
+    private static Long levelIn(Value value) {
+        try {
+            return value instanceof Value.Text text ? Long.valueOf(text.text().strip()) : Readings.int64(value);
+        } catch (NumberFormatException e) {
+            return null;
+        }
     }
 
     /**
@@ -550,158 +702,114 @@ public final class Registry implements AutoCloseable {
      * @throws RegistryException for any other mode
      */
     public void recordServiceDependencies(int mode) {
-        inTurn(() -> session.call(null, report -> natives.setZUVEDDependencies(mode, report)));
-    }
-
-    private <T> T inTurn(Supplier<T> work) {
         try {
-            return session.inTurn(work);
+            Reply.checked(RegistryNatives.recordServiceDependencies(handle, mode), null);
         } finally {
-            // The Cleaner must not close the session during a call on an object that has become unreachable.
             Reference.reachabilityFence(this);
         }
     }
 
-    private void inTurn(Runnable work) {
-        inTurn(() -> {
-            work.run();
-            return null;
-        });
-    }
+    // --- Calls ---
 
-    private <N extends Number> N number(String name, Function<String, N> reading) {
-        String text = get(name);
+    private Description description() {
         try {
-            return reading.apply(text);
-        } catch (NumberFormatException e) {
-            // The message leaves out the text, which may be a secret.
-            throw new NumberFormatException("the text of key '" + name + "' is not a number in range");
+            return Description.read(Reply.checked(RegistryNatives.describe(handle), null));
+        } finally {
+            Reference.reachabilityFence(this);
         }
     }
 
-    private boolean present(String name) {
-        return session.query(name, report -> natives.keyExists(name, report));
-    }
-
-    /** Returns the text of a key, null if there is no such key. The native method has null for an empty text, too. */
-    private String read(String name) {
-        String text = session.query(name, report -> natives.getKeyValue(name, report));
-        if (text != null || !present(name)) {
-            return text;
-        }
-        // The key may have been created since.
-        return Objects.requireNonNullElse(session.query(name, report -> natives.getKeyValue(name, report)), "");
-    }
-
-    /** Returns the text of a key that must exist, null if it is empty. */
-    private String readExisting(String name) {
-        if (!present(name)) {
-            throw absent(name);
-        }
-        return session.query(name, report -> natives.getKeyValue(name, report));
-    }
-
-    private static List<String> texts(String[] slots) {
-        return slots == null ? List.of() : Arrays.stream(slots).takeWhile(Objects::nonNull).toList();
-    }
-
-    private List<String> subkeys(String name) {
-        String[] names = session.query(name, report -> natives.listSubKeys(name, report));
-        return names == null ? List.of() : List.of(names);
-    }
-
-    /** Makes a native call that writes a key and may have to create it with the given security. */
-    private void write(String name, Security security, Consumer<Report> call) {
-        Objects.requireNonNull(security);
-        inTurn(() -> {
-            Report report = new Report();
-            call.accept(report);
-            if (report.failedForSecurity() && !(security.readsKey() && report.text() != null)) {
-                // A text belongs to an earlier step, since a failure of the security itself has none.
-                throw RegistryException.saying(ResultCode.INVALID_ARGUMENT, name,
-                        "the owner or group for key '" + name + "' cannot be stored (" + security + ")");
-            }
-            if (report.failed()) {
-                throw report.exception(report.failedForSecurity() ? security.key() : name);
-            }
-        });
-    }
-
-    private boolean delete(String name, boolean withSubkeys) {
-        Objects.requireNonNull(name);
-        return inTurn(() -> {
-            boolean present = present(name);
-            session.call(name, report -> natives.deleteKey(name, withSubkeys, report));
-            return present;
-        });
-    }
-
-    private void move(String source, String target, int flags) {
-        Objects.requireNonNull(source);
-        int dot = target.lastIndexOf('.');
-        String parent = dot < 0 ? "" : target.substring(0, dot);
-        String level = target.substring(dot + 1);
-        inTurn(() -> {
-            Report report = new Report();
-            natives.moveKey(source, parent, level, flags, report);
-            if (report.failed()) {
-                throw report.exception(report.isAboutName() && present(source) ? target : source);
-            }
-        });
-    }
-
-    /** Runs the second half of an operation, and undoes the first half if that fails. */
-    private static void orUndo(Runnable secondHalf, Runnable undo) {
+    private byte[] tryPut(String name, Value value, int flags, KeySecurity security) {
+        Objects.requireNonNull(name, "name");
+        Objects.requireNonNull(value, "value");
+        Objects.requireNonNull(security, "security");
+        DataWriter request = security.write(new DataWriter().word32(flags));
+        request.text(name).word32(StoredValue.typeCode(value)).bytes(StoredValue.encode(value));
         try {
-            secondHalf.run();
-        } catch (RuntimeException | Error failure) {
+            return RegistryNatives.put(handle, request.done());
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+    }
+
+    private void put(String name, Value value, int flags, KeySecurity security) {
+        Reply.checked(tryPut(name, value, flags, security), name);
+    }
+
+    /** Takes the value of a key away, or creates the key. Others may create or delete it at the same time. */
+    private void clear(String name, KeySecurity security) {
+        byte[] reply = tryPut(name, new Value.None(), RegistryNatives.PUT_NEW_ONLY, security);
+        while (Reply.code(reply) == ResultCode.KEY_EXISTS) {
             try {
-                undo.run();
-            } catch (RuntimeException | Error second) {
-                failure.addSuppressed(second);
+                reply = RegistryNatives.clear(handle, name);
+            } finally {
+                Reference.reachabilityFence(this);
             }
-            throw failure;
+            if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
+                reply = tryPut(name, new Value.None(), RegistryNatives.PUT_NEW_ONLY, security);
+            }
+        }
+        Reply.checked(reply, name);
+    }
+
+    private void setSecurity(String name, KeySecurity security, boolean recursive) {
+        Objects.requireNonNull(name, "name");
+        byte[] request = security.write(new DataWriter()).done();
+        try {
+            Reply.checked(RegistryNatives.changeSecurity(handle, name, request, recursive ? 1 : 0), name);
+        } finally {
+            Reference.reachabilityFence(this);
         }
     }
 
-    private static RegistryException absent(String name) {
-        return RegistryException.saying(ResultCode.NO_SUCH_KEY, name, "key '" + name + "' does not exist");
+    private boolean delete(String name, boolean recursive) {
+        Objects.requireNonNull(name, "name");
+        byte[] reply;
+        try {
+            reply = RegistryNatives.remove(handle, name, recursive ? 1 : 0);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
+            return false;
+        }
+        Reply.checked(reply, name);
+        return true;
     }
 
-    /** Iterates over the full names below a key, reading the subkeys of a key only after the key was delivered. */
-    private final class Walk implements Iterator<String> {
-        private final Deque<Iterator<String>> levels = new ArrayDeque<>();
-        private String unread;
-
-        Walk(String name, List<String> subkeys) {
-            push(name, subkeys);
+    private void move(String source, String target, boolean replace) {
+        Objects.requireNonNull(source, "source");
+        Objects.requireNonNull(target, "target");
+        try {
+            checkTransfer(RegistryNatives.move(handle, source, target, replace ? 1 : 0), source, target);
+        } finally {
+            Reference.reachabilityFence(this);
         }
+    }
 
-        private void push(String name, List<String> subkeys) {
-            String prefix = name.isEmpty() ? "" : name + ".";
-            levels.push(subkeys.stream().map(subkey -> prefix + subkey).iterator());
+    private void copy(String source, String target, CopyOwner owner, long flags) {
+        Objects.requireNonNull(source, "source");
+        Objects.requireNonNull(target, "target");
+        Objects.requireNonNull(owner, "owner");
+        long all = flags | (owner == CopyOwner.SESSION ? RegistryNatives.COPY_IS_OWN : 0);
+        try {
+            checkTransfer(RegistryNatives.copy(handle, source, target, all), source, target);
+        } finally {
+            Reference.reachabilityFence(this);
         }
+    }
 
-        @Override
-        public boolean hasNext() {
-            if (unread != null) {
-                String parent = unread;
-                push(parent, inTurn(() -> subkeys(parent)));
-                unread = null;
-            }
-            while (!levels.isEmpty() && !levels.peek().hasNext()) {
-                levels.pop();
-            }
-            return !levels.isEmpty();
+    /** Throws if a move or a copy has failed. A failure about a name is about the target if the source exists. */
+    private void checkTransfer(byte[] reply, String source, String target) {
+        switch (Reply.code(reply)) {
+            case ResultCode.DONE -> { }
+            case ResultCode.NO_SUCH_KEY, ResultCode.INVALID_NAME, ResultCode.KEY_EXISTS ->
+                throw Reply.failure(reply, isPresent(source) ? target : source);
+            default -> throw Reply.failure(reply, source);
         }
+    }
 
-        @Override
-        public String next() {
-            if (!hasNext()) {
-                throw new NoSuchElementException();
-            }
-            unread = levels.peek().next();
-            return unread;
-        }
+    private boolean isPresent(String name) {
+        return RegistryNatives.exists(handle, name) == null;
     }
 }

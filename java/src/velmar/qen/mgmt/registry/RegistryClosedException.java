@@ -1,13 +1,15 @@
 package velmar.qen.mgmt.registry;
 
-/**
- * The registry was closed before the call could start, or its session was ended through {@code TKVNative} (code 3,
- * invalid handle).
- */
+/** The registry, or the stream, was closed before the call could start (code 3, invalid handle). */
 public final class RegistryClosedException extends RegistryException {
     private static final long serialVersionUID = 1;
 
-    RegistryClosedException(String text) {
-        super(ResultCode.INVALID_HANDLE, null, text);
+    /**
+     * Creates an exception.
+     *
+     * @param message what was closed
+     */
+    public RegistryClosedException(String message) {
+        super(ResultCode.INVALID_HANDLE, null, message);
     }
 }

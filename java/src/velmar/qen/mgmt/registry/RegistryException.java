@@ -15,8 +15,15 @@ public class RegistryException extends IllegalStateException {
     /** Null if the failure is not about a single key. */
     private final String key;
 
-    RegistryException(int code, String key, String text) {
-        super(text);
+    /**
+     * Creates an exception.
+     *
+     * @param code the registry's result code
+     * @param key full name of the key that the call was about; null if it was about none
+     * @param message what happened
+     */
+    public RegistryException(int code, String key, String message) {
+        super(message);
         this.code = code;
         this.key = key;
     }
@@ -24,7 +31,7 @@ public class RegistryException extends IllegalStateException {
     /**
      * Returns the registry's result code, such as 4 if a key does not exist.
      *
-     * @return the code; 14 (unknown) if the registry reported none
+     * @return the code
      */
     public final int code() {
         return code;
@@ -40,34 +47,38 @@ public class RegistryException extends IllegalStateException {
     }
 
     /**
-     * Returns the registry's own message, which is also the message of this exception.
+     * Returns the registry's message, which is also the message of this exception.
      *
-     * @return a sentence, usually preceded by the code, such as {@code TKV-0004: key 'a.b' does not exist}
+     * @return a sentence, preceded by the code, such as {@code TKV-0004: key 'a.b' does not exist}
      */
     public final String text() {
         return getMessage();
     }
 
-    /** Returns the exception for a failure without a message from the registry: the code is put before the sentence. */
-    static RegistryException saying(int code, String key, String sentence) {
-        return of(code, key, String.format("TKV-%04d: %s", code, sentence));
+    /** Returns a message that begins with the code. Control characters, which names can contain, are shown as "?". */
+    static String message(int code, String sentence) {
+        StringBuilder text = new StringBuilder(String.format("TKV-%04d: ", code));
+        sentence.codePoints().forEach(c -> text.appendCodePoint(Character.isISOControl(c) ? '?' : c));
+        return text.toString();
     }
 
-    /** Returns the exception for a code. */
-    static RegistryException of(int code, String key, String text) {
+    /** Returns the exception for a code, whose message is the code and a sentence. */
+    static RegistryException of(int code, String key, String sentence) {
+        String text = message(code, sentence);
         return switch (code) {
-            case ResultCode.ACCESS_DENIED -> new AccessDeniedException(code, key, text);
-            case ResultCode.NO_SUCH_KEY -> new KeyNotFoundException(code, key, text);
-            case ResultCode.INVALID_NAME -> new InvalidNameException(code, key, text);
-            case ResultCode.HAS_SUBKEYS -> new KeyNotEmptyException(code, key, text);
-            case ResultCode.STORAGE_FAILED -> new RegistryDamagedException(code, key, text);
-            case ResultCode.BUFFER_TOO_SMALL, ResultCode.VALUE_TOO_LARGE -> new ValueTooLargeException(code, key, text);
-            case ResultCode.STORAGE_FULL -> new StorageFullException(code, key, text);
-            case ResultCode.UNREACHABLE -> new RegistryUnavailableException(code, key, text);
-            case ResultCode.UNUSABLE -> new RegistryUnusableException(code, key, text);
-            case ResultCode.BUSY -> new RegistryBusyException(code, key, text);
-            case ResultCode.UNDECIDED -> new UndecidedException(code, key, text);
-            case ResultCode.KEY_EXISTS -> new KeyExistsException(code, key, text);
+            case ResultCode.ACCESS_DENIED -> new MissingRightException(key, text);
+            case ResultCode.INVALID_HANDLE -> new RegistryClosedException(text);
+            case ResultCode.NO_SUCH_KEY -> new KeyNotFoundException(key, text);
+            case ResultCode.INVALID_NAME -> new InvalidNameException(key, text);
+            case ResultCode.HAS_SUBKEYS -> new KeyNotEmptyException(key, text);
+            case ResultCode.STORAGE_FAILED -> new RegistryDamagedException(key, text);
+            case ResultCode.VALUE_TOO_LARGE -> new ValueTooLargeException(key, text);
+            case ResultCode.STORAGE_FULL -> new StorageFullException(key, text);
+            case ResultCode.UNREACHABLE -> new RegistryUnavailableException(key, text);
+            case ResultCode.UNUSABLE -> new RegistryUnusableException(key, text);
+            case ResultCode.BUSY -> new RegistryBusyException(key, text);
+            case ResultCode.UNDECIDED -> new UndecidedException(key, text);
+            case ResultCode.KEY_EXISTS -> new KeyExistsException(key, text);
             default -> new RegistryException(code, key, text);
         };
     }

@@ -7,7 +7,13 @@ package velmar.qen.mgmt.registry;
 public final class UndecidedException extends RegistryException {
     private static final long serialVersionUID = 1;
 
-    UndecidedException(int code, String key, String text) {
-        super(code, key, text);
+    /**
+     * Creates an exception.
+     *
+     * @param key full name of the key that the call was about; null if it was about none
+     * @param message what happened
+     */
+    public UndecidedException(String key, String message) {
+        super(ResultCode.UNDECIDED, key, message);
     }
 }

@@ -1,28 +1,29 @@
 /**
  * The cluster registry: {@link velmar.qen.mgmt.registry.Registry}, and what its methods take, return and throw.
  *
- * <p><b>Design.</b> First, nothing is lost and nothing fails silently. A call that returns normally has done what its
- * description says. What the native methods report in odd ways (a status of true after a failed copy, a null both for a
- * missing value and for a missing key, one list slot too many) arrives here as a result or as an exception. Second,
- * there is one way to do each thing. Third comes speed: most methods make a single native call.
+ * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry} and for a
+ * program's own stand-ins in tests. {@link velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their
+ * own.
  *
- * <p><b>Threads.</b> Any number of threads may use a {@code Registry}; its calls take turns. The methods of {@code
- * TKVNative} use the same session of the process, so a process that has a {@code Registry} open must not call them. The
- * other classes are immutable values.
+ * <p><b>Threads.</b> Any number of threads may use a {@code Registry}, and any number of registries can be open. Calls
+ * that read do not wait for each other; calls that change something take turns, in all processes of the node together.
+ * The session of {@code TKVNative} is independent of them. All other classes are immutable values, except for builders,
+ * streams and the sets and arrays that methods return, which are the caller's.
+ *
+ * <p><b>Nulls.</b> No argument may be null unless its description says so, and no method returns null, except for the
+ * null that a caller has passed as a default.
  *
  * <p><b>Exceptions.</b> All are unchecked and extend {@link velmar.qen.mgmt.registry.RegistryException}, which carries
- * the registry's result code, the key in question and the registry's message. A failed call has changed nothing unless
- * its own description says otherwise, with two exceptions: after {@link
- * velmar.qen.mgmt.registry.UndecidedException} it is not known whether the change was made, and after {@link
- * velmar.qen.mgmt.registry.RegistryUnavailableException} a method that makes several changes may have made some of
- * them. Invalid arguments cause a {@link java.lang.NullPointerException} or an {@link
- * java.lang.IllegalArgumentException}.
+ * the registry's result code, the key in question and the registry's message. A failed call has changed nothing, with
+ * one exception: after {@link velmar.qen.mgmt.registry.UndecidedException}, it is not known whether the change was made.
+ * Invalid arguments cause a {@link java.lang.NullPointerException} or an {@link java.lang.IllegalArgumentException}.
+ * Programs can create every exception themselves, for their tests.
  *
  * <table>
  * <caption>Kinds of failure</caption>
  * <thead><tr><th scope="col">exception</th><th scope="col">codes</th><th scope="col">cause</th></tr></thead>
  * <tbody>
- * <tr><th scope="row">{@link velmar.qen.mgmt.registry.AccessDeniedException}</th><td>2</td>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.MissingRightException}</th><td>2</td>
  *     <td>the session's user lacks a right</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryClosedException}</th><td>3</td>
  *     <td>the registry was closed</td></tr>
@@ -34,8 +35,10 @@
  *     <td>the key has subkeys</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryDamagedException}</th><td>7</td>
  *     <td>the stored data is damaged or the disk is failing</td></tr>
- * <tr><th scope="row">{@link velmar.qen.mgmt.registry.ValueTooLargeException}</th><td>9, 10</td>
- *     <td>a value over 1 MiB, a list over 8192 bytes, a copied value over 2048 bytes</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.ValueTooLargeException}</th><td>10</td>
+ *     <td>a value over 1 MiB</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.WrongTypeException}</th><td>8</td>
+ *     <td>the key's value is of another type than the call reads</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.StorageFullException}</th><td>11</td>
  *     <td>no space left; the registry is unharmed</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryUnavailableException}</th><td>15</td>

@@ -10,11 +10,11 @@ import java.util.ArrayList;
 import java.util.List;
 
 /** The operator's command, which can show and store what the native methods cannot: rights and bytes. */
-final class Command {
+public final class Command {
     private Command() {}
 
     /** Imports keys, each given as a line of an export; the others are below the first. */
-    static void importKeys(String top, List<String> keys) throws IOException, InterruptedException {
+    public static void importKeys(String top, List<String> keys) throws IOException, InterruptedException {
         Path file = Files.createTempFile("keys", ".json");
         try {
             Files.writeString(file, "{\"tkv\":1,\"top\":\"" + top + "\",\"keys\":[" + String.join(",\n", keys) + "]}");
@@ -25,7 +25,7 @@ final class Command {
     }
 
     /** Runs a command, which must succeed, and returns the lines that it writes. */
-    static List<String> run(String... arguments) throws IOException, InterruptedException {
+    public static List<String> run(String... arguments) throws IOException, InterruptedException {
         List<String> command = new ArrayList<>(List.of(System.getProperty("tkv.command")));
         command.addAll(List.of(arguments));
         Process process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();

@@ -2,12 +2,13 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertInstanceOf;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.List;
 import java.util.Optional;
+import java.util.Set;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
@@ -28,7 +29,7 @@ class DeniedTest {
     }
 
     private void assertDenied(String key, Executable call) {
-        AccessDeniedException denied = assertThrows(AccessDeniedException.class, call);
+        MissingRightException denied = assertThrows(MissingRightException.class, call);
         assertEquals(2, denied.code());
         assertEquals(key, denied.key());
     }
@@ -36,42 +37,71 @@ class DeniedTest {
     @Test
     void whatTheRightsDoNotGrantIsDenied() {
         assertDenied("roots", () -> registry.put("roots", "v"));
-        assertDenied("roots", () -> registry.putList("roots", List.of("v")));
+        assertDenied("roots", () -> registry.put("roots", List.of("v")));
         assertDenied("roots.new", () -> registry.create("roots.new"));
         assertDenied("roots.new", () -> registry.put("roots.new", "v"));
         assertDenied("roots.victim", () -> registry.delete("roots.victim"));
         assertDenied("mixed", () -> registry.deleteTree("mixed"));
         assertDenied("roots.victim", () -> registry.move("roots.victim", "open.victim2"));
-        assertEquals("value", registry.get("roots"));
+        assertEquals("value", registry.getText("roots"));
         assertEquals(List.of("a", "b", "c"), registry.list("mixed"));
     }
 
     @Test
     void aTreeIsNotCopiedWhereNothingMayBeCreated() {
-        assertDenied("roots.copy", () -> registry.copyTree("open", "roots.copy"));
+        assertThrows(MissingRightException.class, () -> registry.copy("open", "roots.copy"));
         assertFalse(registry.exists("roots.copy"));
     }
 
     @Test
-    void aKeyGivenAwayCanBeGivenItsTextWhileTheGroupMayWrite() {
-        registry.createWith("nobodys.shared", "text", Security.ownedBy("root").withGroup("nogroup"));
-        assertEquals(Optional.of("root"), registry.owner("nobodys.shared"));
+    void whatMayNotBeReadIsKnownToExist() {
+        registry.put("nobodys.private", "secret", KeySecurity.privateToUser());
+        registry.setSecurity("nobodys.private", KeySecurity.inherited().withOwnerRights(Set.of(Right.SECURITY)));
+        assertTrue(registry.exists("nobodys.private"));
+        assertEquals(Set.of(Right.SECURITY), registry.rights("nobodys.private"));
+        assertDenied("nobodys.private", () -> registry.getText("nobodys.private"));
+        assertDenied("nobodys.private", () -> registry.getText("nobodys.private", "default"));
+        assertDenied("nobodys.private", () -> registry.findText("nobodys.private"));
+        assertDenied("nobodys.private", () -> registry.stat("nobodys.private"));
+        assertDenied("nobodys.private", () -> registry.security("nobodys.private"));
+        assertDenied("nobodys.private", () -> registry.list("nobodys.private"));
+        try (Stream<Entry> entries = registry.entries("nobodys")) {
+            Entry entry = entries.filter(each -> each.level().equals("private")).findFirst().orElseThrow();
+            assertEquals(Optional.empty(), entry.findValue());
+            assertDenied("nobodys.private", entry::value);
+            assertDenied("nobodys.private", entry::security);
+            assertEquals(Set.of(Right.SECURITY), entry.rights());
+        }
+        registry.setSecurity("nobodys.private", KeySecurity.privateToUser());
+        assertEquals("secret", registry.getText("nobodys.private"));
     }
 
     @Test
-    void aKeyGivenAwayForGoodStaysWithoutItsTextAndTheFailureSaysSo() {
-        AccessDeniedException denied = assertThrows(AccessDeniedException.class,
-                () -> registry.createWith("nobodys.given", "text", Security.ownedBy("root")));
-        assertInstanceOf(AccessDeniedException.class, denied.getSuppressed()[0]);
-        assertEquals("", registry.get("nobodys.given"));
-        assertEquals(Optional.of("root"), registry.owner("nobodys.given"));
+    void aWalkFailsWhereSubkeysMayNotBeListed() {
+        registry.ensure("nobodys.hidden.below");
+        registry.setSecurity("nobodys.hidden", KeySecurity.inherited().withOwnerRights(Set.of(Right.SECURITY))
+                .withGroupRights(Set.of()).withOtherRights(Set.of()));
+        assertThrows(MissingRightException.class, () -> registry.walk("nobodys"));
+        try (Stream<Entry> entries = registry.entries("nobodys")) {
+            assertTrue(entries.anyMatch(entry -> entry.name().equals("nobodys.hidden")));
+        }
+        registry.setSecurity("nobodys.hidden", KeySecurity.privateToUser());
+    }
+
+    @Test
+    void whatIsNotOnesOwnKeepsItsSecurity() {
+        assertDenied("roots", () -> registry.setSecurity("roots", KeySecurity.open()));
+        assertThrows(MissingRightException.class, () -> registry.setSecurityTree("mixed", KeySecurity.open()));
+        assertEquals(Optional.of("root"), registry.owner("roots"));
     }
 
     @Test
     void aNewKeyMayBeGivenAwayWithItsText() {
-        registry.put("nobodys.gift", "text", Security.ownedBy("root"));
-        assertEquals("text", registry.get("nobodys.gift"));
+        registry.createWith("nobodys.given", "text", KeySecurity.readableByAll().withOwner("root").withGroup("root"));
+        assertEquals("text", registry.getText("nobodys.given"));
+        assertEquals(Optional.of("root"), registry.owner("nobodys.given"));
+        assertDenied("nobodys.given", () -> registry.put("nobodys.given", "new"));
+        registry.put("nobodys.gift", "text", KeySecurity.readableByAll().withOwner("root"));
         assertEquals(Optional.of("root"), registry.owner("nobodys.gift"));
-        assertTrue(registry.exists("nobodys.gift"));
     }
 }

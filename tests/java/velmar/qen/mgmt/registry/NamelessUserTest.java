@@ -10,8 +10,10 @@ class NamelessUserTest {
     @Test
     void opensTheRegistryAndOwnsItsKeys() {
         try (Registry registry = Registry.open()) {
-            registry.put("app", "v");
-            assertEquals("v", registry.get("app"));
+            registry.put("app", "v", KeySecurity.readableByAll());
+            assertEquals("54321", registry.user());
+            assertEquals("54321", registry.group());
+            assertEquals("v", registry.getText("app"));
             assertEquals(Optional.of("54321"), registry.owner("app"));
             assertEquals(Optional.of("54321"), registry.group("app"));
         }

@@ -1,6 +1,7 @@
-// Registers the native methods of TKVNative so that an exception thrown by a result object is raised when the method
-// returns, and no JNI call is made while it is pending. A method that cannot be registered is still found by its
-// exported name.
+// What is registered when a JVM loads the library: the native methods of the Java API, and those of TKVNative.
+//
+// The latter are registered so that an exception thrown by a result object is raised when the method returns, and no
+// JNI call is made while it is pending. A method that cannot be registered is still found by its exported name.
 #include <jni.h>
 
 #include <new>
@@ -9,6 +10,7 @@
 
 #include "prsrvut/loading.h"
 #include "prsrvut/native_call.h"
+#include "registry_natives.h"
 #include "tkv.h"
 
 namespace tkv {
@@ -79,7 +81,7 @@ void register_methods(JNIEnv* env, jclass owner) {
 #undef TKV_REGISTER
 }
 
-void register_natives(JNIEnv* env) {
+void register_bridge(JNIEnv* env) {
   jclass owner = env->FindClass("velmar/qen/mgmt/nativesystem/TKVNative");
   if (owner == nullptr) {
     env->ExceptionClear();
@@ -91,6 +93,11 @@ void register_natives(JNIEnv* env) {
     // The methods that are not registered work all the same.
   }
   env->DeleteLocalRef(owner);
+}
+
+void register_natives(JNIEnv* env) {
+  register_bridge(env);
+  java::register_registry_natives(env);
 }
 
 [[maybe_unused]] const bool is_installed = (prsrvut::on_load = &register_natives, true);

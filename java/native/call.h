@@ -1,0 +1,84 @@
+// What every native method of RegistryNatives has in common: arguments, the reply, and failures.
+//
+// A reply is null if there is nothing to say: the call has succeeded and has no result. Otherwise it is a byte array
+// that begins with the result code, 32 bits, followed by the result of the call or, after a failure, by a message in
+// UTF-8. If there is no memory for a reply, an OutOfMemoryError is pending.
+#ifndef TKV_JAVA_NATIVE_CALL_H
+#define TKV_JAVA_NATIVE_CALL_H
+
+#include <jni.h>
+
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "base/limits.h"
+#include "base/status.h"
+#include "data_writer.h"
+#include "open_registry.h"
+
+namespace tkv::java {
+
+// The characters of a string, in modified UTF-8. Those of a name that can be valid are copied to the stack.
+class StringArgument {
+ public:
+  // Throws std::bad_alloc.
+  StringArgument(JNIEnv* env, jstring string);
+  StringArgument(const StringArgument&) = delete;
+  StringArgument& operator=(const StringArgument&) = delete;
+
+  std::string_view view() const { return view_; }
+
+ private:
+  static constexpr std::size_t kLongest = 3 * kMaxNameSize;  // bytes of as many UTF-16 units as a name can have
+
+  char near_[kLongest + 1];
+  std::string far_;
+  std::string_view view_;
+};
+
+// The bytes of an array. Throws std::bad_alloc.
+std::string bytes_of(JNIEnv* env, jbyteArray array);
+
+jbyteArray success(JNIEnv* env, std::string_view result);
+jbyteArray failure(JNIEnv* env, const Status& status) noexcept;
+
+// Makes a call that returns a Status and appends its result to the DataWriter that it is given.
+template <typename Call>
+jbyteArray reply_to(JNIEnv* env, Call&& call) noexcept {
+  try {
+    std::string result;
+    DataWriter writer(&result);
+    const Status status = call(writer);
+    if (!status.ok()) return failure(env, status);
+    return result.empty() ? nullptr : success(env, result);
+  } catch (const std::bad_alloc&) {
+    return failure(env, PRTKV_OUT_OF_MEMORY);
+  }
+}
+
+// As reply_to, for calls that read an open registry.
+template <typename Call>
+jbyteArray read_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
+  return reply_to(env, [&](DataWriter& result) -> Status {
+    const std::shared_ptr<OpenRegistry> open = find_registry(handle);
+    if (open == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
+    return call(open->client(), result);
+  });
+}
+
+// As read_registry, for calls that change the registry.
+template <typename Call>
+jbyteArray change_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
+  return reply_to(env, [&](DataWriter& result) -> Status {
+    const std::shared_ptr<OpenRegistry> open = find_registry(handle);
+    if (open == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
+    if (Status status = open->check_writable(); !status.ok()) return status;
+    return call(open->client(), result);
+  });
+}
+
+}  // namespace tkv::java
+
+#endif

@@ -1,0 +1,40 @@
+// How data crosses between Java and native code: as bytes, numbers with the most significant byte first, texts and
+// other bytes preceded by a 32-bit count. The Java side is DataReader and DataWriter.
+#ifndef TKV_JAVA_NATIVE_DATA_WRITER_H
+#define TKV_JAVA_NATIVE_DATA_WRITER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "sec_attr.h"
+
+namespace tkv::java {
+
+// Appends to a string, which must live longer.
+class DataWriter {
+ public:
+  explicit DataWriter(std::string* bytes) : bytes_(*bytes) {}
+
+  void word32(std::int32_t number) { word(static_cast<std::uint32_t>(number), 4); }
+  void word64(std::int64_t number) { word(static_cast<std::uint64_t>(number), 8); }
+  void text(std::string_view text) {
+    word(text.size(), 4);
+    bytes_.append(text);
+  }
+  void raw(std::string_view bytes) { bytes_.append(bytes); }
+
+ private:
+  void word(std::uint64_t number, int size) {
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) bytes_.push_back(static_cast<char>(number >> shift));
+  }
+
+  std::string& bytes_;
+};
+
+// Three masks, user, group.
+void write_security(const sec_attr& security, DataWriter& to);
+
+}  // namespace tkv::java
+
+#endif

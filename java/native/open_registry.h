@@ -1,0 +1,44 @@
+// OpenRegistry: a Client that Java has opened, and the table of all of them.
+#ifndef TKV_JAVA_NATIVE_OPEN_REGISTRY_H
+#define TKV_JAVA_NATIVE_OPEN_REGISTRY_H
+
+#include <jni.h>
+
+#include <memory>
+#include <utility>
+
+#include "base/status.h"
+#include "registry/client.h"
+
+namespace tkv::java {
+
+class OpenRegistry {
+ public:
+  OpenRegistry(std::shared_ptr<registry::Client> client, bool read_only)
+      : client_(std::move(client)), read_only_(read_only) {}
+
+  registry::Client& client() const { return *client_; }
+
+  // Returns PRTKV_ACCESS_DENIED if the registry was opened for reading only.
+  Status check_writable() const;
+
+ private:
+  const std::shared_ptr<registry::Client> client_;
+  const bool read_only_;
+};
+
+// Opens a handle on a registry. Any thread may call.
+jlong add_registry(std::shared_ptr<registry::Client> client, bool read_only);
+
+// Looks up a registry. Returns null if the handle is not open. The registry stays open for as long as the result lives.
+// Any thread may call.
+std::shared_ptr<OpenRegistry> find_registry(jlong handle);
+
+// Closes a handle, and then waits until the calls that are using the registry have ended and its client is gone. Calls
+// that look it up afterwards no longer find it. Returns PRTKV_INVALID_HANDLE if the handle is not open. Any thread may
+// call.
+Status close_registry(jlong handle);
+
+}  // namespace tkv::java
+
+#endif

@@ -1,0 +1,281 @@
+#include "registry_natives.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "call.h"
+#include "data_reader.h"
+#include "data_writer.h"
+#include "open_registry.h"
+#include "open_request.h"
+#include "registry/access.h"
+#include "registry/client.h"
+#include "registry/configuration.h"
+#include "registry/name.h"
+#include "registry/open_client.h"
+#include "registry/zuved.h"
+#include "walk.h"
+
+namespace tkv::java {
+namespace {
+
+using registry::Client;
+using registry::KeyId;
+using registry::KeyInfo;
+using registry::NamedValue;
+using registry::PutOptions;
+using registry::TypedValue;
+using registry::WalkEntry;
+using registry::WalkOptions;
+
+// As RegistryNatives.java names them. Do not change one side alone.
+constexpr std::int32_t kPutNewOnly = 1;
+constexpr std::int32_t kPutCreatesParents = 2;
+constexpr jlong kCopyReplaces = 1;
+constexpr jlong kCopyIsOwn = 2;
+
+constexpr auto no_progress = [](std::uint64_t) {};
+
+Status incomplete() { return {PRTKV_INVALID_ARGUMENT, "incomplete request"}; }
+
+// --- Registries ---
+
+jbyteArray JNICALL open(JNIEnv* env, jclass, jbyteArray request) {
+  return reply_to(env, [&](DataWriter& result) -> Status {
+    const std::string bytes = bytes_of(env, request);
+    DataReader reader(bytes);
+    jlong handle = 0;
+    if (Status status = open_requested(reader, &handle); !status.ok()) return status;
+    result.word64(handle);
+    return {};
+  });
+}
+
+jbyteArray JNICALL close(JNIEnv* env, jclass, jlong registry) {
+  return reply_to(env, [&](DataWriter&) { return close_registry(registry); });
+}
+
+jbyteArray JNICALL describe(JNIEnv* env, jclass, jlong registry) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    const registry::Configuration& configuration = client.configuration();
+    result.text(client.identity().user);
+    result.text(client.identity().group());
+    result.text(configuration.backup_location);
+    result.word32(configuration.cluster_configured ? 1 : 0);
+    result.word32(configuration.local_only ? 0 : 1);
+    result.word32(static_cast<std::int32_t>(configuration.locations.size()));
+    for (const std::string& location : configuration.locations) result.text(location);
+    return {};
+  });
+}
+
+jbyteArray JNICALL checkLocation(JNIEnv* env, jclass, jstring location) {
+  return reply_to(
+      env, [&](DataWriter&) { return registry::check_location(std::string(StringArgument(env, location).view())); });
+}
+
+// --- Reading ---
+
+jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_registry(env, registry, [&](Client& client, DataWriter&) {
+    KeyId id = registry::kAnyKey;
+    return client.find(StringArgument(env, name).view(), &id);
+  });
+}
+
+jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    TypedValue found;
+    if (Status status = client.read_value(StringArgument(env, name).view(), &found); !status.ok()) return status;
+    result.word32(found.type);
+    result.raw(found.bytes);
+    return {};
+  });
+}
+
+jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) {
+    return client.list(StringArgument(env, name).view(), false, [&](const registry::Subkey& subkey) -> Status {
+      result.text(subkey.level);
+      return {};
+    });
+  });
+}
+
+jbyteArray JNICALL stat(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    KeyInfo info;
+    if (Status status = client.stat(StringArgument(env, name).view(), &info); !status.ok()) return status;
+    result.word32(info.type);
+    result.word64(static_cast<std::int64_t>(info.size));
+    result.word32(info.has_subkeys ? 1 : 0);
+    result.word32(info.rights);
+    write_security(info.security, result);
+    return {};
+  });
+}
+
+// A walk that visits the key alone: it tells the rights without needing any.
+jbyteArray JNICALL rights(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) {
+    WalkOptions options;
+    options.denied = WalkOptions::Denied::kSkip;
+    options.depth = 0;
+    return client.walk(StringArgument(env, name).view(), options, [&](const WalkEntry& entry) -> Status {
+      result.word32(entry.rights);
+      return {};
+    });
+  });
+}
+
+void write_block(const WalkBlock& block, DataWriter& to) {
+  to.word64(block.rest);
+  to.raw(block.entries);
+}
+
+jbyteArray JNICALL beginWalk(JNIEnv* env, jclass, jlong registry, jstring name, jlong depth) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    if (depth < 0) return {PRTKV_INVALID_ARGUMENT, "a depth below 0"};
+    WalkBlock block;
+    const StringArgument top(env, name);
+    if (Status status = begin_walk(client, top.view(), static_cast<std::size_t>(depth), &block); !status.ok()) {
+      return status;
+    }
+    write_block(block, result);
+    return {};
+  });
+}
+
+jbyteArray JNICALL continueWalk(JNIEnv* env, jclass, jlong rest) {
+  return reply_to(env, [&](DataWriter& result) -> Status {
+    WalkBlock block;
+    if (Status status = continue_walk(rest, &block); !status.ok()) return status;
+    write_block(block, result);
+    return {};
+  });
+}
+
+void JNICALL endWalk(JNIEnv*, jclass, jlong rest) { end_walk(rest); }
+
+// --- Changing ---
+
+Status read_put(DataReader& request, const Client& client, PutOptions* options, std::vector<NamedValue>* values) {
+  const std::int32_t flags = request.word32();
+  const KeySecurity security = read_security(request);
+  if ((flags & kPutNewOnly) != 0) options->key = PutOptions::Key::kMustBeNew;
+  options->create_parents = (flags & kPutCreatesParents) != 0;
+  options->security = {registry::default_security(client.identity()), security.inherits, security.specified};
+  while (!request.at_end()) {
+    NamedValue& value = values->emplace_back();
+    value.name = request.text();
+    value.value.type = request.word32();
+    value.value.bytes = request.text();
+  }
+  return request.complete() ? Status() : incomplete();
+}
+
+jbyteArray JNICALL put(JNIEnv* env, jclass, jlong registry, jbyteArray request) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) -> Status {
+    const std::string bytes = bytes_of(env, request);
+    DataReader reader(bytes);
+    PutOptions options;
+    std::vector<NamedValue> values;
+    if (Status status = read_put(reader, client, &options, &values); !status.ok()) return status;
+    return client.put(values, options);
+  });
+}
+
+jbyteArray JNICALL clear(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) {
+    return client.write_value(StringArgument(env, name).view(), 0, {});
+  });
+}
+
+jbyteArray JNICALL changeSecurity(JNIEnv* env, jclass, jlong registry, jstring name, jbyteArray request,
+                                  jlong recursive) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) -> Status {
+    const std::string bytes = bytes_of(env, request);
+    DataReader reader(bytes);
+    const KeySecurity security = read_security(reader);
+    if (!reader.complete()) return incomplete();
+    return client.change_security(StringArgument(env, name).view(), security.specified, recursive != 0, no_progress);
+  });
+}
+
+jbyteArray JNICALL remove(JNIEnv* env, jclass, jlong registry, jstring name, jlong recursive) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) {
+    return client.remove(StringArgument(env, name).view(), recursive != 0, no_progress);
+  });
+}
+
+jbyteArray JNICALL move(JNIEnv* env, jclass, jlong registry, jstring source, jstring target, jlong replace) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) {
+    const StringArgument from(env, source);
+    const StringArgument to(env, target);
+    KeyId id = registry::kAnyKey;
+    return client.move(from.view(), registry::parent_of(to.view()), registry::last_level(to.view()), replace != 0, &id);
+  });
+}
+
+jbyteArray JNICALL copy(JNIEnv* env, jclass, jlong registry, jstring source, jstring target, jlong flags) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) {
+    registry::CopyOptions options;
+    options.recursive = true;
+    options.replace = (flags & kCopyReplaces) != 0;
+    options.own = (flags & kCopyIsOwn) != 0;
+    const StringArgument from(env, source);
+    return client.copy(from.view(), StringArgument(env, target).view(), options, no_progress);
+  });
+}
+
+jbyteArray JNICALL recordServiceDependencies(JNIEnv* env, jclass, jlong registry, jlong mode) {
+  return change_registry(env, registry, [&](Client& client, DataWriter&) -> Status {
+    if (mode < 0 || mode > std::numeric_limits<std::int32_t>::max()) return PRTKV_INVALID_ARGUMENT;
+    return registry::record_zuved_dependencies(client, static_cast<std::int32_t>(mode));
+  });
+}
+
+template <typename... Arguments>
+JNINativeMethod method(const char* name, const char* signature, jbyteArray (*function)(JNIEnv*, jclass, Arguments...)) {
+  // The JVM only reads the texts.
+  return {const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function)};
+}
+
+}  // namespace
+
+void register_registry_natives(JNIEnv* env) {
+  const JNINativeMethod methods[] = {
+      method("open", "([B)[B", open),
+      method("close", "(J)[B", close),
+      method("describe", "(J)[B", describe),
+      method("checkLocation", "(Ljava/lang/String;)[B", checkLocation),
+      method("exists", "(JLjava/lang/String;)[B", exists),
+      method("value", "(JLjava/lang/String;)[B", value),
+      method("list", "(JLjava/lang/String;)[B", list),
+      method("stat", "(JLjava/lang/String;)[B", stat),
+      method("rights", "(JLjava/lang/String;)[B", rights),
+      method("beginWalk", "(JLjava/lang/String;J)[B", beginWalk),
+      method("continueWalk", "(J)[B", continueWalk),
+      {const_cast<char*>("endWalk"), const_cast<char*>("(J)V"), reinterpret_cast<void*>(endWalk)},
+      method("put", "(J[B)[B", put),
+      method("clear", "(JLjava/lang/String;)[B", clear),
+      method("changeSecurity", "(JLjava/lang/String;[BJ)[B", changeSecurity),
+      method("remove", "(JLjava/lang/String;J)[B", remove),
+      method("move", "(JLjava/lang/String;Ljava/lang/String;J)[B", move),
+      method("copy", "(JLjava/lang/String;Ljava/lang/String;J)[B", copy),
+      method("recordServiceDependencies", "(JJ)[B", recordServiceDependencies),
+  };
+  jclass owner = env->FindClass("velmar/qen/mgmt/registry/RegistryNatives");
+  if (owner == nullptr) {
+    env->ExceptionClear();
+    return;
+  }
+  if (env->RegisterNatives(owner, methods, static_cast<jint>(std::size(methods))) != JNI_OK) env->ExceptionClear();
+  env->DeleteLocalRef(owner);
+}
+
+}  // namespace tkv::java

@@ -1,0 +1,68 @@
+package velmar.qen.mgmt.registry;
+
+/**
+ * The registry client's operations. They are registered when {@code libtkv.so} is loaded.
+ *
+ * <p>A registry is identified by the number that {@link #open} returns. Names are full names. A reply is null if the
+ * call has succeeded and has no result; otherwise, it begins with a result code, and {@link Reply} decodes it. Any
+ * thread may call any method at any time, also while another closes the registry.
+ */
+final class RegistryNatives {
+    // Flags, as registry_natives.cpp names them. Do not change one side alone.
+    static final int PUT_NEW_ONLY = 1;
+    static final int PUT_CREATES_PARENTS = 2;
+    static final long COPY_REPLACES = 1;
+    static final long COPY_IS_OWN = 2;
+
+    private RegistryNatives() {}
+
+    /** Result: the registry. The request is that of {@link RegistryOptions#request}. */
+    static native byte[] open(byte[] request);
+
+    /** Waits for the calls in progress. */
+    static native byte[] close(long registry);
+
+    /** Result: user, group, backup location, whether in a cluster, whether shared, count of locations, locations. */
+    static native byte[] describe(long registry);
+
+    static native byte[] checkLocation(String location);
+
+    static native byte[] exists(long registry, String name);
+
+    /** Result: type, then the bytes to the end. */
+    static native byte[] value(long registry, String name);
+
+    /** Result: the levels. */
+    static native byte[] list(long registry, String name);
+
+    /** Result: type, size, whether there are subkeys, rights, security. */
+    static native byte[] stat(long registry, String name);
+
+    /** Result: the rights of the session on the key. */
+    static native byte[] rights(long registry, String name);
+
+    /** Result: handle of the rest of the walk, or 0, then entries to the end. */
+    static native byte[] beginWalk(long registry, String name, long depth);
+
+    /** Result: as for {@link #beginWalk}. */
+    static native byte[] continueWalk(long rest);
+
+    static native void endWalk(long rest);
+
+    /** Request: flags, security, and then name, type and bytes of any number of values. All or nothing. */
+    static native byte[] put(long registry, byte[] request);
+
+    /** Takes a key's value away. */
+    static native byte[] clear(long registry, String name);
+
+    /** Request: security. */
+    static native byte[] changeSecurity(long registry, String name, byte[] request, long recursive);
+
+    static native byte[] remove(long registry, String name, long recursive);
+
+    static native byte[] move(long registry, String source, String target, long replace);
+
+    static native byte[] copy(long registry, String source, String target, long flags);
+
+    static native byte[] recordServiceDependencies(long registry, long mode);
+}

@@ -1,0 +1,156 @@
+package velmar.qen.mgmt.registry;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.time.Duration;
+import java.util.List;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+import velmar.qen.mgmt.nativesystem.AsRoot;
+
+class OpeningTest {
+    @TempDir
+    private Path directory;
+
+    @Test
+    void anyNumberOfRegistriesCanBeOpen() {
+        try (Registry configured = Registry.open(); Registry one = Registry.at(directory.resolve("one"));
+             Registry two = Registry.at(directory.resolve("two"))) {
+            one.put("k", 1);
+            two.put("k", 2);
+            assertEquals(1, one.getInt("k"));
+            assertEquals(2, two.getInt("k"));
+            assertFalse(configured.exists("k"));
+        }
+    }
+
+    @Test
+    void eachOpeningIsClosedOnItsOwn() {
+        Registry first = Registry.at(directory);
+        Registry second = Registry.at(directory);
+        first.put("k", "v");
+        first.close();
+        first.close();
+        assertThrows(RegistryClosedException.class, () -> first.getText("k"));
+        assertEquals("v", second.getText("k"));
+        second.close();
+        try (Registry third = Registry.at(directory)) {
+            assertEquals("v", third.getText("k"));
+        }
+    }
+
+    @Test
+    void atTakesAnyDirectoryName() {
+        for (String name : List.of("with blank", "a,b", "etcd:--x", "größer")) {
+            try (Registry registry = Registry.at(directory.resolve(name))) {
+                registry.put("k", name);
+                assertEquals(List.of(directory.resolve(name).toString()), registry.locations().places());
+                assertFalse(registry.locations().shared());
+                assertFalse(registry.isClusterMember());
+            }
+        }
+        Path relative = Path.of("").toAbsolutePath().relativize(directory.toAbsolutePath()).resolve("relative");
+        Registry.at(relative).close();
+        assertTrue(Files.isDirectory(directory.resolve("relative")));
+    }
+
+    @Test
+    void atCreatesADirectoryForThisUserAlone() throws IOException {
+        Registry.at(directory.resolve("registry")).close();
+        assertEquals("rwx------", PosixFilePermissions.toString(
+                Files.getPosixFilePermissions(directory.resolve("registry"))));
+        assertThrows(RegistryUnusableException.class, () -> Registry.at(directory.resolve("no/such/parent")));
+    }
+
+    @Test
+    void openTakesAConfigurationFile() throws IOException {
+        Path file = directory.resolve("tkv.conf");
+        Path place = directory.resolve("registry");
+        Files.writeString(file, "[registry]\nlocation = " + place + "\nbackup_location = /var/backups/here\n"
+                + "[cluster]\nconfigured = yes\n");
+        try (Registry registry = Registry.open(file)) {
+            assertEquals(List.of(place.toString()), registry.locations().places());
+            assertEquals("/var/backups/here", registry.backupLocation().orElseThrow());
+            assertTrue(registry.isClusterMember());
+        }
+        Files.writeString(file, "[registry]\nwrong\n");
+        RegistryException wrong = assertThrows(RegistryException.class, () -> Registry.open(file));
+        assertEquals(41, wrong.code());
+        assertTrue(wrong.text().contains(file + ":2"), wrong::text);
+        Files.delete(file);
+        assertThrows(RegistryException.class, () -> Registry.open(file));
+    }
+
+    @Test
+    void aTemporaryRegistryIsRemovedWhenItIsClosed() {
+        Registry registry = Registry.temporary();
+        Path place = Path.of(registry.locations().places().get(0));
+        registry.put("k", "v");
+        try (Registry other = Registry.temporary()) {
+            assertFalse(other.exists("k"));
+        }
+        assertTrue(Files.exists(place));
+        registry.close();
+        assertFalse(Files.exists(place));
+    }
+
+    @Test
+    void aReadOnlyRegistryRefusesChanges() {
+        RegistryOptions readOnly = RegistryOptions.builder().readOnly(true).build();
+        assertThrows(RegistryUnusableException.class, () -> Registry.at(directory.resolve("none"), readOnly));
+        assertFalse(Files.exists(directory.resolve("none")));
+        try (Registry writer = Registry.at(directory); Registry reader = Registry.at(directory, readOnly)) {
+            writer.put("k", "v");
+            assertEquals("v", reader.getText("k"));
+            for (Runnable change : Stream.<Runnable>of(
+                    () -> reader.put("k", "new"), () -> reader.create("l"), () -> reader.ensure("l"),
+                    () -> reader.put("k", new Value.None()), () -> reader.delete("k"), () -> reader.deleteTree("k"),
+                    () -> reader.move("k", "l"), () -> reader.copy("k", "l"),
+                    () -> reader.setSecurity("k", KeySecurity.open()),
+                    () -> reader.recordServiceDependencies(0)).toList()) {
+                assertThrows(MissingRightException.class, change::run);
+            }
+            assertEquals(List.of("k"), writer.list(""));
+        }
+    }
+
+    @Test
+    void aRegistryThatMustExistIsNotCreated() {
+        RegistryOptions mustExist = RegistryOptions.builder().mustExist(true).build();
+        assertThrows(RegistryUnusableException.class, () -> Registry.at(directory.resolve("none"), mustExist));
+        assertFalse(Files.exists(directory.resolve("none")));
+        Registry.at(directory.resolve("one")).close();
+        Registry.at(directory.resolve("one"), mustExist).close();
+    }
+
+    @Test
+    void theTimeoutLimitsACall() throws IOException {
+        Path file = directory.resolve("tkv.conf");
+        Files.writeString(file, "[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 600000\n");
+        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofMillis(200)).build();
+        assertThrows(RegistryUnavailableException.class, () -> Registry.open(file, impatient));
+    }
+
+    @Test
+    void impossibleTimeoutsAreRefused() {
+        for (Duration none : List.of(Duration.ZERO, Duration.ofMillis(-1), Duration.ofDays(25))) {
+            assertThrows(IllegalArgumentException.class, () -> RegistryOptions.builder().timeout(none));
+        }
+    }
+
+    @Test
+    @AsRoot
+    void anUnusableDirectoryIsNamed() throws IOException {
+        Path file = Files.createFile(directory.resolve("file"));
+        RegistryException failure = assertThrows(RegistryException.class, () -> Registry.at(file));
+        assertTrue(failure.text().contains(file.toString()), failure::text);
+    }
+}

@@ -1,0 +1,321 @@
+package velmar.qen.mgmt.registry;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
+import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.IOException;
+import java.math.RoundingMode;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.Base64;
+import java.util.List;
+import java.util.Map;
+import java.util.Optional;
+import java.util.OptionalDouble;
+import java.util.OptionalInt;
+import java.util.OptionalLong;
+import java.util.Random;
+import java.util.function.Function;
+import java.util.stream.IntStream;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
+import org.junit.jupiter.params.provider.ValueSource;
+import velmar.qen.mgmt.nativesystem.Command;
+
+class ValueTest extends OpenRegistry {
+    private static final int MEBIBYTE = 1 << 20;
+
+    private String key() {
+        return below("k");
+    }
+
+    @ParameterizedTest
+    @ValueSource(strings = {"", "x", "a text", "größer 日本語 \ud83d\ude00", "a\u0000b", "\ud83d", "100 %s {0}"})
+    void aTextReadsBack(String text) {
+        registry.put(key(), text);
+        assertEquals(text, registry.getText(key()));
+        assertEquals(Optional.of(text), registry.findText(key()));
+        assertEquals(text, registry.getText(key(), "default"));
+        assertEquals(new Value.Text(text), registry.value(key()));
+        assertEquals(ValueType.TEXT, registry.stat(key()).type());
+    }
+
+    static Stream<List<String>> lists() {
+        return Stream.of(List.of(), List.of("one"), List.of("a", "bc"), List.of("größer", "日本語"),
+                         List.of("\ud83d\ude00"), List.of("a\u0000b", " "),
+                         IntStream.range(0, 3_000).mapToObj(i -> "text" + i).toList());
+    }
+
+    @ParameterizedTest
+    @MethodSource("lists")
+    void aListReadsBack(List<String> texts) {
+        registry.put(key(), texts);
+        assertEquals(texts, registry.getList(key()));
+        assertEquals(Optional.of(texts), registry.findList(key()));
+        assertEquals(texts, registry.getList(key(), List.of("default")));
+        assertEquals(ValueType.LIST, registry.stat(key()).type());
+    }
+
+    @Test
+    void aListCannotHoldAnEmptyText() {
+        registry.put(key(), "former");
+        IllegalArgumentException refusal =
+                assertThrows(IllegalArgumentException.class, () -> registry.put(key(), List.of("a", "", "b")));
+        assertTrue(refusal.getMessage().contains("text 2 "), refusal::getMessage);
+        assertEquals("former", registry.getText(key()));
+    }
+
+    @ParameterizedTest
+    @ValueSource(ints = {0, 1, -1, 9_999, 123_456_789, 1_094_861_636, Integer.MAX_VALUE, Integer.MIN_VALUE})
+    void numbersReadBack(int number) {
+        registry.put(below("int"), number);
+        assertEquals(number, registry.getInt(below("int")));
+        assertEquals(OptionalInt.of(number), registry.findInt(below("int")));
+        assertEquals(number, registry.getInt(below("int"), 7));
+        assertEquals(number, registry.getLong(below("int")));
+        assertEquals(ValueType.INT32, registry.stat(below("int")).type());
+        long large = number * 4_294_967_297L;
+        registry.put(below("long"), large);
+        assertEquals(large, registry.getLong(below("long")));
+        assertEquals(OptionalLong.of(large), registry.findLong(below("long")));
+        assertEquals(large, registry.getLong(below("long"), 7));
+        assertEquals(ValueType.INT64, registry.stat(below("long")).type());
+    }
+
+    @ParameterizedTest
+    @ValueSource(ints = {0, 1, 3, 4, 8, 2_048, 100_000, MEBIBYTE})
+    void bytesReadBack(int size) {
+        byte[] bytes = new byte[size];
+        new Random(size).nextBytes(bytes);
+        registry.put(key(), bytes);
+        assertArrayEquals(bytes, registry.getBytes(key()));
+        assertArrayEquals(bytes, registry.findBytes(key()).orElseThrow());
+        assertArrayEquals(bytes, registry.getBytes(key(), null));
+        assertEquals(size, registry.stat(key()).size());
+        assertEquals(new Value.Bytes(bytes), registry.value(key()));
+    }
+
+    @Test
+    void otherTypesAreTexts() {
+        registry.put(below("true"), true);
+        registry.put(below("false"), false);
+        registry.put(below("double"), -1.5e300);
+        registry.put(below("nan"), Double.NaN);
+        registry.put(below("duration"), Duration.ofMillis(90_500));
+        registry.put(below("enum"), RoundingMode.HALF_UP);
+        assertTrue(registry.getBoolean(below("true")));
+        assertEquals(Optional.of(false), registry.findBoolean(below("false")));
+        assertEquals(false, registry.getBoolean(below("false"), true));
+        assertEquals(-1.5e300, registry.getDouble(below("double")));
+        assertEquals(OptionalDouble.of(-1.5e300), registry.findDouble(below("double")));
+        assertEquals(-1.5e300, registry.getDouble(below("double"), 7.0));
+        assertTrue(Double.isNaN(registry.getDouble(below("nan"))));
+        assertEquals(Duration.ofMillis(90_500), registry.getDuration(below("duration")));
+        assertEquals(Optional.of(Duration.ofMillis(90_500)), registry.findDuration(below("duration")));
+        assertEquals(Duration.ofMillis(90_500), registry.getDuration(below("duration"), Duration.ZERO));
+        assertEquals(RoundingMode.HALF_UP, registry.getEnum(below("enum"), RoundingMode.class));
+        assertEquals(Optional.of(RoundingMode.HALF_UP), registry.findEnum(below("enum"), RoundingMode.class));
+        assertEquals(RoundingMode.HALF_UP, registry.getEnum(below("enum"), RoundingMode.DOWN));
+        assertEquals(List.of("true", "false", "-1.5E300", "NaN", "PT1M30.5S", "HALF_UP"),
+                     Stream.of("true", "false", "double", "nan", "duration", "enum")
+                             .map(name -> registry.getText(below(name))).toList());
+    }
+
+    /** Every way to read a value as a type, by the type's name in messages. */
+    private Map<String, List<Function<String, Object>>> readers() {
+        return Map.of(
+                "a text", List.of(registry::getText, registry::findText, k -> registry.getText(k, "")),
+                "a list", List.of(registry::getList, registry::findList, k -> registry.getList(k, null)),
+                "an int32", List.of(registry::getInt, registry::findInt, k -> registry.getInt(k, 1)),
+                "an int64", List.of(registry::getLong, registry::findLong, k -> registry.getLong(k, 1)),
+                "bytes", List.of(registry::getBytes, registry::findBytes, k -> registry.getBytes(k, null)),
+                "a boolean", List.of(registry::getBoolean, registry::findBoolean, k -> registry.getBoolean(k, true)),
+                "a floating point number",
+                List.of(registry::getDouble, registry::findDouble, k -> registry.getDouble(k, 1.0)),
+                "a duration", List.of(registry::getDuration, registry::findDuration,
+                                      k -> registry.getDuration(k, Duration.ZERO)),
+                "a constant of RoundingMode",
+                List.of(k -> registry.getEnum(k, RoundingMode.class), k -> registry.findEnum(k, RoundingMode.class),
+                        k -> registry.getEnum(k, RoundingMode.UP)));
+    }
+
+    private void assertWrong(String found, String wanted, Function<String, Object> reader) {
+        WrongTypeException wrong = assertThrows(WrongTypeException.class, () -> reader.apply(key()), wanted);
+        assertEquals("TKV-0008: key '" + key() + "' holds " + found + ", not " + wanted, wrong.text());
+        assertEquals(key(), wrong.key());
+    }
+
+    @Test
+    void aValueOfAnotherTypeIsNeverConverted() {
+        Map<String, Value> values = Map.of("a text", new Value.Text("twelve"),
+                                           "a list", new Value.TextList(List.of("twelve")),
+                                           "an int32", new Value.Int32(1_094_861_636),
+                                           "an int64", new Value.Int64(12), "bytes", new Value.Bytes(new byte[4]));
+        values.forEach((found, value) -> {
+            registry.put(key(), value);
+            assertEquals(value, registry.value(key()));
+            readers().forEach((wanted, forms) -> {
+                boolean widened = found.equals("an int32") && wanted.equals("an int64");
+                if (!found.equals(wanted) && !widened) {
+                    forms.forEach(reader -> assertWrong(found, wanted, reader));
+                }
+            });
+        });
+    }
+
+    @Test
+    void aKeyWithoutAValueHasNoneOfAnyType() {
+        registry.create(key());
+        assertEquals(new Value.None(), registry.value(key()));
+        readers().forEach((wanted, forms) -> {
+            assertWrong("no value", wanted, forms.get(0));
+            assertTrue(List.of(Optional.empty(), OptionalInt.empty(), OptionalLong.empty(), OptionalDouble.empty())
+                               .contains(forms.get(1).apply(key())), wanted);
+        });
+        assertDefaults(key());
+    }
+
+    @Test
+    void anAbsentKeyHasNoValue() {
+        assertEquals(Optional.empty(), registry.findValue(key()));
+        assertThrows(KeyNotFoundException.class, () -> registry.value(key()));
+        readers().forEach((wanted, forms) -> {
+            assertThrows(KeyNotFoundException.class, () -> forms.get(0).apply(key()), wanted);
+            assertTrue(List.of(Optional.empty(), OptionalInt.empty(), OptionalLong.empty(), OptionalDouble.empty())
+                               .contains(forms.get(1).apply(key())), wanted);
+        });
+        assertDefaults(key());
+    }
+
+    private void assertDefaults(String name) {
+        assertNull(registry.getText(name, null));
+        assertEquals("d", registry.getText(name, "d"));
+        assertNull(registry.getList(name, null));
+        assertEquals(1, registry.getInt(name, 1));
+        assertEquals(1, registry.getLong(name, 1));
+        assertNull(registry.getBytes(name, null));
+        assertTrue(registry.getBoolean(name, true));
+        assertEquals(1.5, registry.getDouble(name, 1.5));
+        assertEquals(Duration.ZERO, registry.getDuration(name, Duration.ZERO));
+        assertEquals(RoundingMode.UP, registry.getEnum(name, RoundingMode.UP));
+    }
+
+    @Test
+    void aValueCanBeTakenAway() {
+        registry.put(key(), "text");
+        registry.put(key(), new Value.None());
+        assertEquals(new Value.None(), registry.value(key()));
+        registry.put(below("new"), new Value.None());
+        assertTrue(registry.exists(below("new")));
+        assertThrows(KeyNotFoundException.class, () -> registry.put(below("no.parent"), new Value.None()));
+    }
+
+    @Test
+    void sizesGoUpToTheRegistrysLimit() {
+        String text = "x".repeat(MEBIBYTE - 1);
+        registry.put(below("text"), text);
+        assertEquals(text, registry.getText(below("text")));
+        List<String> list = List.of("y".repeat(MEBIBYTE / 2 - 1), "z".repeat(MEBIBYTE / 2 - 2));
+        registry.put(below("list"), list);
+        assertEquals(list, registry.getList(below("list")));
+        for (Value large : List.of(new Value.Text(text + "x"), new Value.TextList(List.of(list.get(0) + "a", list.get(1))),
+                                   new Value.Bytes(new byte[MEBIBYTE + 1]))) {
+            registry.put(key(), "former");
+            ValueTooLargeException refusal = assertThrows(ValueTooLargeException.class,
+                                                          () -> registry.put(key(), large));
+            assertEquals(10, refusal.code());
+            assertEquals("former", registry.getText(key()));
+        }
+    }
+
+    @Test
+    void valuesAreValues() {
+        byte[] bytes = {1, 2};
+        Value.Bytes value = new Value.Bytes(bytes);
+        bytes[0] = 9;
+        value.bytes()[1] = 9;
+        assertEquals(new Value.Bytes(new byte[] {1, 2}), value);
+        assertEquals(new Value.Bytes(new byte[] {1, 2}).hashCode(), value.hashCode());
+        assertNotEquals(new Value.Bytes(bytes), value);
+        assertEquals(2, value.size());
+        assertEquals("Bytes[2]", value.toString());
+        List<String> texts = new ArrayList<>(List.of("a"));
+        Value.TextList list = new Value.TextList(texts);
+        texts.add("b");
+        assertEquals(List.of("a"), list.texts());
+        assertThrows(UnsupportedOperationException.class, () -> list.texts().add("b"));
+        assertThrows(NullPointerException.class, () -> new Value.Text(null));
+    }
+
+    @Test
+    void whatOtherProgramsStoredIsReadAsItIs() throws IOException, InterruptedException {
+        Command.importKeys(top, List.of(
+                "{\"name\":\"" + top + "\"}", stored(below("broken"), 3, 0xFF, 0), stored(below("foreign"), 17, 1, 2),
+                stored(below("inner"), 3, 'a', 0, 'b'), stored(below("int3"), 1, 1, 2, 3),
+                stored(below("list"), 5, 0, 'l', 'o', 's', 't', 0, 0), stored(below("unended"), 3, 'a', 'b'),
+                stored(below("utf8"), 3, 0xF0, 0x9F, 0x98, 0x80, 0)));
+        assertEquals(new Value.Bytes(1, new byte[] {1, 2, 3}), registry.value(below("int3")));
+        assertEquals(17, ((Value.Bytes) registry.value(below("foreign"))).typeCode());
+        assertEquals("ab", registry.getText(below("unended")));
+        assertEquals("\ud83d\ude00", registry.getText(below("utf8")));
+        for (String name : List.of("inner", "broken")) {
+            WrongTypeException wrong = assertThrows(WrongTypeException.class, () -> registry.getText(below(name)));
+            assertTrue(wrong.text().endsWith("holds bytes of type 3, not a text"), wrong::text);
+        }
+        assertThrows(WrongTypeException.class, () -> registry.getList(below("list")));
+        assertThrows(WrongTypeException.class, () -> registry.getBytes(below("foreign")));
+        assertEquals(ValueType.BYTES, registry.stat(below("foreign")).type());
+        registry.put(below("copy"), registry.value(below("int3")));
+        assertEquals(registry.value(below("int3")), registry.value(below("copy")));
+    }
+
+    /** Returns a key as a line of an import, with the bytes of its value. */
+    private static String stored(String name, int type, int... bytes) {
+        String base64 = Base64.getEncoder().encodeToString(array(bytes));
+        return "{\"name\":\"" + name + "\",\"type\":" + type + ",\"value\":{\"base64\":\"" + base64 + "\"}}";
+    }
+
+    private static byte[] array(int... bytes) {
+        byte[] array = new byte[bytes.length];
+        for (int i = 0; i < bytes.length; i++) {
+            array[i] = (byte) bytes[i];
+        }
+        return array;
+    }
+
+    @Test
+    void theCommandReadsWhatJavaWrote() throws IOException, InterruptedException {
+        registry.put(below("text"), "größer");
+        registry.put(below("list"), List.of("a", "b"));
+        registry.put(below("int"), 1_094_861_636);
+        registry.put(below("long"), -2L);
+        assertEquals(List.of("größer"), Command.run("get", below("text")));
+        assertEquals(List.of("a", "b"), Command.run("get", below("list")));
+        assertEquals(List.of("-2"), Command.run("get", below("long")));
+    }
+
+    @Test
+    void bothFormsOfUtf8AreDecoded() {
+        assertEquals("a\u0000\ud83d\ude00", decoded(0x61, 0xC0, 0x80, 0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80));
+        assertEquals("\ud83d\ude00é日", decoded(0xF0, 0x9F, 0x98, 0x80, 0xC3, 0xA9, 0xE6, 0x97, 0xA5));
+        for (int[] bad : new int[][] {{0x80}, {0xC3}, {0xC1, 0x81}, {0xE0, 0x80, 0x80}, {0xC3, 0x41}, {0xFF},
+                                      {0xF4, 0x90, 0x80, 0x80}, {0xF8, 0x80, 0x80, 0x80, 0x80}, {0xE6, 0x97}}) {
+            assertNull(decoded(bad));
+        }
+        for (int unit = 0; unit <= Character.MAX_VALUE; unit++) {
+            String text = "x" + (char) unit;
+            byte[] bytes = ModifiedUtf8.encode(text);
+            assertEquals(text, ModifiedUtf8.decode(bytes, 0, bytes.length));
+        }
+    }
+
+    private static String decoded(int... bytes) {
+        return ModifiedUtf8.decode(array(bytes), 0, bytes.length);
+    }
+}
