@@ -16,7 +16,7 @@ del sys.argv[1:5]
 
 INSTALLED_JAR = "/usr/local/share/java/tkv.jar"
 BLOCK = re.compile(r"(?:<!-- (\w+) ?(\S*) -->\n)?```(\w*)\n(.*?)```\n", re.DOTALL)
-PROGRAM = """import java.util.List;
+PROGRAM = """import java.util.*;
 import velmar.qen.mgmt.registry.*;
 
 public final class Tutorial {{

@@ -20,12 +20,19 @@ import java.util.Map;
  * to {@code tkv-<user>} below {@code java.io.tmpdir}. If that directory belongs to somebody else, others can enter it,
  * or libraries in it cannot be loaded, the next of these is used: {@code tkv} below {@code $XDG_RUNTIME_DIR}, {@code
  * tkv} below {@code ~/.cache}, and a new directory that is removed when the process ends.
+ *
+ * <p>A process can have only one copy of the library, for two would corrupt a registry that both have open: the locks of
+ * its files belong to the process. A second class loader is therefore refused, wherever it would find another copy,
+ * until the first one has been collected.
  */
 final class TKVNativeLibrary {
     static final String PATH_PROPERTY = "tkv.library.path";
     private static final String LIBRARY = System.mapLibraryName("tkv");
     private static final String ETCD_MODULE = System.mapLibraryName("tkv_etcd");
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
+
+    /** Names the library that a class loader of this process has loaded, for the other class loaders. */
+    private static final String LOADED_PROPERTY = "velmar.qen.mgmt.tkv.loaded";
 
     private static boolean loaded;
 
@@ -48,10 +55,28 @@ final class TKVNativeLibrary {
     }
 
     private void search() {
-        if (!fromDirectories(PATH_PROPERTY) && !fromDirectories("java.library.path") && !fromJar()) {
+        if (!fromFormerLoader() && !fromDirectories(PATH_PROPERTY) && !fromDirectories("java.library.path") && !fromJar()) {
             throw failure();
         }
         failures.forEach(failure -> LOGGER.log(System.Logger.Level.WARNING, failure::getMessage));
+    }
+
+    /** Loads the library that another class loader has loaded before, which the JVM refuses while that one lives. */
+    private boolean fromFormerLoader() {
+        String former = System.getProperty(LOADED_PROPERTY);
+        if (former == null || !Files.exists(Path.of(former))) {
+            return false;
+        }
+        try {
+            System.load(former);
+            return true;
+        } catch (UnsatisfiedLinkError inUse) {
+            UnsatisfiedLinkError refusal = new UnsatisfiedLinkError("another class loader of this process has loaded "
+                    + former + ", and a process can load the library only once; put tkv.jar where both class loaders"
+                    + " find it: on the class path, or in a class loader that is a parent of both");
+            refusal.addSuppressed(inUse);
+            throw refusal;
+        }
     }
 
     private boolean fromDirectories(String property) {
@@ -80,6 +105,7 @@ final class TKVNativeLibrary {
     private boolean loads(Path file) {
         try {
             System.load(file.toString());
+            System.setProperty(LOADED_PROPERTY, file.toString());
             return true;
         } catch (UnsatisfiedLinkError error) {
             failures.add(error);

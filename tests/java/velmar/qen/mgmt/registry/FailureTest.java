@@ -107,7 +107,7 @@ class FailureTest extends OpenRegistry {
             assertFails(InvalidNameException.class, 5, "x" + target, () -> registry.copy(top, "x" + target));
         }
         assertFails(InvalidNameException.class, 5, "", () -> registry.move(top, ""));
-        assertFails(KeyExistsException.class, 55, "", () -> registry.copy(top, ""));
+        assertFails(InvalidNameException.class, 5, "", () -> registry.copy(top, ""));
         assertTrue(registry.exists(top));
     }
 

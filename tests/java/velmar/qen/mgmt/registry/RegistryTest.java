@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.nio.file.Path;
@@ -171,10 +172,10 @@ class RegistryTest extends OpenRegistry {
             assertTrue(refused.getMessage().contains("cannot replace key '" + target + "', which it lies below"),
                        refused.getMessage());
         }
-        assertEquals("above", registry.get(below("a")));
-        assertEquals("source", registry.get(below("a.b")));
-        assertEquals("below the source", registry.get(below("a.b.sub")));
-        assertEquals("beside the source", registry.get(below("a.other")));
+        assertEquals("above", registry.getText(below("a")));
+        assertEquals("source", registry.getText(below("a.b")));
+        assertEquals("below the source", registry.getText(below("a.b.sub")));
+        assertEquals("beside the source", registry.getText(below("a.other")));
     }
 
     @Test
