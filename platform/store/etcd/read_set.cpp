@@ -335,6 +335,8 @@ Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<
 Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
   if (Status status = recover_above(parent); !status.ok()) return status;
   RangeRequest request = get_range(core_.keys.children(parent), kNodesPerPage);
+  const std::size_t before_name = request.key().size();
+  Node child;
   RangeResponse page;
   if (Status status = fetch(request, &page); !status.ok()) return status;
   use_cache_ = false;  // the rest is read at this revision
@@ -343,16 +345,14 @@ Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
   pager.continue_after(page);
   while (true) {
     for (const KeyValue& record : page.kvs()) {
-      const auto place = core_.keys.parse_node(record.key());
-      if (!place) continue;
-      const SeenNode seen = seen_node(record, *place);
-      if (!seen.node) {
-        if (Status status = damaged(place->name, seen.damage); !status.ok()) return status;
+      const std::string_view name = std::string_view(record.key()).substr(before_name);
+      if (const Status damage = decode_node(parent, name, as_bytes(record.value()), &child); !damage.ok()) {
+        if (Status status = damaged(name, damage); !status.ok()) return status;
         continue;
       }
-      if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
-      lineage_.add(parent, seen.node->id);
-      if (Status status = visit(place->name, *seen.node); !status.ok()) return status;
+      if (const Claim* decided = claims_->decided_on(child.id)) return recover(*decided);
+      if (claims_->has_decided()) lineage_.add(parent, child.id);  // nobody asks for it otherwise
+      if (Status status = visit(name, child); !status.ok()) return status;
     }
     if (!pager.more()) return {};
     run_.become_long();
