@@ -39,7 +39,8 @@ cmake --build --preset $(1) -j $(JOBS)
 endef
 
 .PHONY: help packages-build packages-test packages-lint packages-fuzz packages-bench build demo demo-cluster test prove \
-        coverage fuzz bench bench-check bench-renew format check-format lint install install-debug uninstall clean
+        coverage fuzz bench bench-check bench-renew format check-format lint install install-debug uninstall \
+        maven-repository clean
 
 help: ## list the targets
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  make \1	\2/p' Makefile | expand -t 22
@@ -124,6 +125,11 @@ lint: packages-lint check-format ## check the format, and the C++ with clang-tid
 	$(call preset,release,-DTKV_TESTS=ON)
 	git ls-files 'framework/*.cpp' 'platform/*.cpp' 'tools/*.cpp' | xargs -P $(JOBS) -n 4 clang-tidy --quiet -p build/release \
 	  --extra-arg=-Wno-ignored-optimization-argument
+
+maven-repository: packages-build ## build a local Maven repository with the jar, its sources and its Javadoc
+	$(call preset,release,-DTKV_TESTS=OFF)
+	@cmake --build --preset release --target maven-repository
+	@echo "The repository is $(CURDIR)/build/release/maven-repository; the artifact is velmar.qen:tkv"
 
 install: ## install what `make build` has built, below PREFIX (/usr/local)
 	@[ -e build/release/manuals/tkv.1 ] || { echo "There is nothing to install: run make build first" >&2; exit 1; }
