@@ -1,0 +1,153 @@
+package velmar.qen.mgmt.registry;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.Random;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+/** What must hold however long a process runs. */
+class EnduranceTest {
+    /** Of each kind; a tenth of it warms up. */
+    private static final int OPERATIONS = Integer.getInteger("tkv.operations", 4_000);
+    /** For as many operations of each kind, less than a byte each in a long run. */
+    private static final long MOST_GROWTH = 16L << 20;
+    private static final int THREADS = 16;
+
+    @TempDir
+    private Path directory;
+
+    private static long residentBytes() throws IOException {
+        System.gc();
+        String pages = Files.readString(Path.of("/proc/self/statm")).split(" ")[1];
+        return Long.parseLong(pages) * 4_096;
+    }
+
+    private Map<String, Runnable> kinds(Registry registry, Path place) {
+        Map<String, Runnable> kinds = new LinkedHashMap<>();
+        kinds.put("read", () -> registry.getText("a.text"));
+        kinds.put("read of an absent key", () -> registry.findText("a.absent"));
+        kinds.put("list", () -> registry.list("a"));
+        kinds.put("stat", () -> registry.stat("a.text"));
+        kinds.put("walk", () -> {
+            try (Stream<Entry> entries = registry.walk("a")) {
+                assertEquals(2, entries.count());
+            }
+        });
+        kinds.put("walk that is abandoned", () -> registry.walk("a").close());
+        kinds.put("write", () -> registry.put("a.number", 1));
+        kinds.put("creation and deletion", () -> {
+            registry.create("a.new", KeySecurity.privateToUser());
+            registry.delete("a.new");
+        });
+        kinds.put("copy and move", () -> {
+            registry.copy("a", "b");
+            registry.move("b", "c");
+            registry.deleteTree("c");
+        });
+        kinds.put("failure", () -> {
+            try {
+                registry.create("a");
+            } catch (KeyExistsException e) {
+                assertEquals("a", e.key());
+            }
+        });
+        kinds.put("opening", () -> Registry.at(place).close());
+        return kinds;
+    }
+
+    @Test
+    void memoryDoesNotGrow() throws IOException {
+        // In memory, where that is possible: durable writes would take hours.
+        Path base = Files.isWritable(Path.of("/dev/shm")) ? Path.of("/dev/shm") : directory;
+        Path place = Files.createTempDirectory(base, "tkv-endurance");
+        try (Registry registry = Registry.at(place)) {
+            registry.ensure("a");
+            registry.put("a.text", "text");
+            registry.put("a.number", 1);
+            for (Map.Entry<String, Runnable> kind : kinds(registry, place).entrySet()) {
+                repeat(kind.getValue(), Math.max(OPERATIONS / 10, 1_000));
+                long before = residentBytes();
+                repeat(kind.getValue(), OPERATIONS);
+                long growth = residentBytes() - before;
+                assertTrue(growth < MOST_GROWTH, () -> kind.getKey() + ": " + growth + " bytes");
+            }
+        } finally {
+            new TemporaryDirectory(place).remove();
+        }
+    }
+
+    private static void repeat(Runnable operation, int times) {
+        for (int i = 0; i < times; i++) {
+            operation.run();
+        }
+    }
+
+    @Test
+    void threadsOpenAndCloseInAnyOrder() throws InterruptedException, ExecutionException {
+        ExecutorService pool = Executors.newFixedThreadPool(THREADS);
+        AtomicBoolean failed = new AtomicBoolean();
+        Registry[] shared = new Registry[4];
+        for (int i = 0; i < shared.length; i++) {
+            shared[i] = Registry.at(directory.resolve("r" + i % 2));
+        }
+        List<Future<?>> running = new ArrayList<>();
+        for (int thread = 0; thread < THREADS; thread++) {
+            Random random = new Random(thread);
+            running.add(pool.submit(() -> {
+                for (int i = 0; i < OPERATIONS / THREADS && !failed.get(); i++) {
+                    openAndClose(shared, random);
+                }
+            }));
+        }
+        try {
+            for (Future<?> each : running) {
+                each.get();
+            }
+        } finally {
+            failed.set(true);
+            pool.shutdown();
+            for (Registry registry : shared) {
+                registry.close();
+            }
+        }
+    }
+
+    private void openAndClose(Registry[] shared, Random random) {
+        int place = random.nextInt(shared.length);
+        Registry registry;
+        synchronized (shared) {
+            registry = shared[place];
+        }
+        try {
+            registry.exists("k");
+            registry.put("k", random.nextInt());
+            registry.getInt("k");
+        } catch (RegistryClosedException closed) {
+            assertEquals(3, closed.code());
+        }
+        if (random.nextInt(8) == 0) {
+            Registry fresh = Registry.at(directory.resolve("r" + place % 2));
+            Registry former;
+            synchronized (shared) {
+                former = shared[place];
+                shared[place] = fresh;
+            }
+            former.close();
+        }
+    }
+}
