@@ -86,7 +86,7 @@ Status descend(store::View& view, std::string& name, store::NodeId parent, std::
   }
   const auto pass_over = [&](std::string_view level, const Status& damage) -> Status {
     const NameBelow below(name, level);
-    const Status visited = (*visit_damaged)(name, depth, WalkEntry::Part::kRecord, damage);
+    Status visited = (*visit_damaged)(name, depth, WalkEntry::Part::kRecord, damage);
     visit_failed = !visited.ok();
     return visited;
   };

@@ -72,8 +72,9 @@ std::string loader_error() {
 Status load_from(const std::string& folder, OpenEtcdStore* open) {
   const std::string path = folder + "/" + kModule;
   for (const std::string& checked : {folder, path}) {
-    const std::string reason = reason_for_distrust_of(checked);
-    if (!reason.empty()) return cannot_load(checked + " is refused to root: " + reason);
+    if (const std::string reason = reason_for_distrust_of(checked); !reason.empty()) {
+      return cannot_load(std::string(checked).append(" is refused to root: ").append(reason));
+    }
   }
   void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) return cannot_load(loader_error());
