@@ -1,5 +1,6 @@
 #include "store/record.h"
 
+#include <bit>
 #include <cassert>
 #include <cstring>
 #include <string>
@@ -31,6 +32,10 @@ void put(std::byte* at, Integer value) {
 template <typename Integer>
 Integer get(const std::byte* at) {
   std::make_unsigned_t<Integer> bits = 0;
+  if constexpr (std::endian::native == std::endian::little) {  // compilers do not make one load of the loop
+    std::memcpy(&bits, at, sizeof bits);
+    return static_cast<Integer>(bits);
+  }
   for (std::size_t i = 0; i < sizeof bits; ++i)
     bits |=
         static_cast<std::make_unsigned_t<Integer>>(std::to_integer<std::make_unsigned_t<Integer>>(at[i]) << (8 * i));
