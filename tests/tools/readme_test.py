@@ -14,6 +14,7 @@ class Readme(CommandTest):
         # What the README's Java example leaves behind.
         self.tkv("create", "app")
         self.tkv("set", "app.name", "billing")
+        self.tkv("set", "--int32", "app.port", "8080")
         self.tkv("set", "--list", "app.nodes", "alpha", "beta")
         shown = re.findall(r"```console\n(.*?)```", README.read_text(), re.DOTALL)
         steps = re.findall(r"(?m)^\$ tkv (.*)\n((?:(?!\$ ).*\n)*)", "".join(shown))
