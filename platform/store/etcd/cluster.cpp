@@ -7,7 +7,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 
 #include "base/function_ref.h"
@@ -45,6 +50,9 @@ std::atomic<pid_t> grpc_process{0};
 //
 // gRPC runs until its last connection is gone. It cannot abandon a connection whose peer has accepted it and is silent;
 // such a peer must not hold up whoever closes a store, so its threads may end a few seconds later.
+//
+// The last object that is destroyed may make gRPC end on a thread of its own. That thread says that gRPC has ended
+// before it ends itself.
 class GrpcUse {
  public:
   GrpcUse() {
@@ -63,9 +71,22 @@ class GrpcUse {
     while ((ours_linger = grpc_is_initialized() != 0) && deadline.left().count() > 0) {
       std::this_thread::sleep_for(milliseconds(1));
     }
+    while (has_thread("grpc_shutdown") && deadline.left().count() > 0) std::this_thread::sleep_for(milliseconds(1));
   }
 
  private:
+  // Whether a thread of this process has this name.
+  static bool has_thread(std::string_view name) {
+    std::error_code error;
+    std::filesystem::directory_iterator task("/proc/self/task", error);
+    for (const std::filesystem::directory_iterator end; !error && task != end; task.increment(error)) {
+      std::ifstream comm(task->path() / "comm");
+      std::string line;
+      if (std::getline(comm, line) && line == name) return true;
+    }
+    return false;
+  }
+
   static constexpr milliseconds kLongestShutdown{500};
 
   static inline std::mutex mutex;

@@ -17,6 +17,7 @@ import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.stream.Stream;
+import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
@@ -71,6 +72,7 @@ class EnduranceTest {
     }
 
     @Test
+    @Tag("memory")
     void memoryDoesNotGrow() throws IOException {
         // In memory, where that is possible: durable writes would take hours.
         Path base = Files.isWritable(Path.of("/dev/shm")) ? Path.of("/dev/shm") : directory;
