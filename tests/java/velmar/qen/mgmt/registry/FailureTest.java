@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertInstanceOf;
 import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import java.io.IOException;
 import java.lang.ref.WeakReference;
@@ -337,5 +338,24 @@ class FailureTest extends OpenRegistry {
             assertFails(RegistryUnavailableException.class, 15, null, Registry::open);
         }
         registry = Registry.open();
+    }
+
+    @Test
+    void aChangeWhoseReplyIsLostIsUndecided(@TempDir Path directory) throws IOException {
+        assumeTrue(Configuration.onCluster(), "an embedded registry knows the outcome of its changes");
+        String key = below("undecided");
+        String value = "a value that can be recognized";
+        registry.put(key, "former");
+        Path file = directory.resolve("tkv.conf");
+        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofSeconds(3)).build();
+        try (SilentProxy proxy = new SilentProxy(Configuration.locations().get(0), value)) {
+            Files.writeString(file, "[etcd]\nprefix = " + Configuration.setting("prefix") + "\n[registry]\nlocation = "
+                    + proxy.location() + "\nlocal_only = no\n");
+            try (Registry unanswered = Registry.open(file, impatient)) {
+                assertEquals("former", unanswered.getText(key));
+                assertFails(UndecidedException.class, 20, key, () -> unanswered.put(key, value));
+            }
+        }
+        assertEquals(value, registry.getText(key), "this change was made");
     }
 }

@@ -140,6 +140,44 @@ class OpeningTest {
     }
 
     @Test
+    void aFileOfAnotherProgramMakesADirectoryUnusable() throws IOException {
+        Files.writeString(directory.resolve("data.mdb"), "not a database".repeat(1000));
+        RegistryUnusableException failure = assertThrows(RegistryUnusableException.class, () -> Registry.at(directory));
+        assertEquals(18, failure.code());
+        assertTrue(failure.text().contains("is not the data file of a registry"), failure::text);
+    }
+
+    /** Waits for a configured time at most, or for that of the options if it is shorter. */
+    @Test
+    void anotherProcessThatIsWritingMakesTheRegistryBusy() throws IOException, InterruptedException {
+        Path place = directory.resolve("registry");
+        Path file = directory.resolve("tkv.conf");
+        Files.writeString(file, "[registry]\nlocation = " + place + "\ntimeout_ms = 150\n");
+        RegistryOptions shorter = RegistryOptions.builder().timeout(Duration.ofMillis(100)).build();
+        try (Registry configured = Registry.open(file); Registry impatient = Registry.open(file, shorter);
+             Registry direct = Registry.at(place, shorter)) {
+            configured.put("k", "former");
+            try (ForeignWriter writer = new ForeignWriter(place)) {
+                assertBusy(configured, writer, place, 150);
+                assertBusy(impatient, writer, place, 100);
+                assertBusy(direct, writer, place, 100);
+            }
+            for (Registry registry : List.of(configured, impatient, direct)) {
+                registry.put("k", "new");
+            }
+        }
+    }
+
+    private static void assertBusy(Registry registry, ForeignWriter writer, Path place, int millis) {
+        RegistryBusyException busy = assertThrows(RegistryBusyException.class, () -> registry.put("k", "new"));
+        assertEquals(19, busy.code());
+        assertEquals("k", busy.key());
+        assertTrue(busy.text().endsWith("process " + writer.pid() + " (holder) is writing to the registry in '" + place
+                                        + "'; gave up after " + millis + " ms"), busy::text);
+        assertEquals("former", registry.getText("k"));
+    }
+
+    @Test
     void impossibleTimeoutsAreRefused() {
         for (Duration none : List.of(Duration.ZERO, Duration.ofMillis(-1), Duration.ofDays(25))) {
             assertThrows(IllegalArgumentException.class, () -> RegistryOptions.builder().timeout(none));
