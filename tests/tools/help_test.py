@@ -4,7 +4,9 @@ import os
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
+import time
 import unittest
 
 from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER, Terminal, UNREACHABLE, UNUSABLE, USAGE
@@ -291,6 +293,33 @@ class Status(CommandTest):
         (self.folder / "tkv.conf").write_text("[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 100\n")
         report = json.loads(self.tkv("status", "--json", exits=UNREACHABLE).text)
         self.assertEqual((report["store"], report["serving"]), ("etcd", False))
+
+    def test_names_a_process_that_reads_one_state_for_minutes(self):
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:05}", "type": "text", "value": "x" * 100}
+                                     for number in range(5000)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+        reader = self.terminal_with_bars("export", output=subprocess.DEVNULL)
+        reader.read_until(b"\rexport ")  # and no further: it waits in the middle of its walk
+        self.tkv("rm", "-r", "--yes", "many")
+        self.assertNotIn("long reader", self.out("status", "--quick"))
+        self.note_commit_of_five_minutes_ago()
+        self.assertRegex(self.out("status", "--quick"),
+                         rf"(?m)^long reader +process {reader.process.pid} \(tkv\) has read one state for 5 minutes "
+                         r"and keeps \d{5,} bytes from being used again$")
+        told, = json.loads(self.out("status", "--quick", "--json"))["long_readers"]
+        self.assertEqual((told["process"], told["command"]), (reader.process.pid, "tkv"))
+        self.assertGreaterEqual(told["seconds"], 300)
+        self.assertGreater(told["held_bytes"], 100_000)
+        self.assertEqual(reader.finish()[0], DONE)
+        self.assertNotIn("long_readers", json.loads(self.out("status", "--quick", "--json")))
+
+    def note_commit_of_five_minutes_ago(self):
+        """Adds a later transaction to the commit times in writer.lock (commit_times.cpp)."""
+        first, interval, slots, entry = 128, 30, 256, struct.Struct("<qQ")
+        with open(self.registry / "writer.lock", "r+b") as file:
+            then = int(time.time()) - 300
+            file.seek(first + then // interval % slots * entry.size)
+            file.write(entry.pack(then, 1 << 40))
 
     def test_damage_is_counted_and_is_a_failure(self):
         self.tkv("set", "a", "sound-as-a-bell")
