@@ -70,9 +70,9 @@ test: packages-test check-format ## everything that has to pass: format, tests, 
 	$(call preset,tsan)
 	ctest --preset tsan -j $(TEST_JOBS)
 
-prove: packages-test lint fuzz ## long runs: static analysis, fuzzers, fault trials
+prove: packages-test lint fuzz ## long runs, with a table at the end: static analysis, fuzzers, fault trials
 	$(call preset,release,-DTKV_TESTS=ON)
-	ctest --preset prove
+	status=0; ctest --preset prove || status=$$?; tests/build/prove_table.py build/release/prove.xml; exit $$status
 
 demo: packages-build ## show the main job on an embedded registry: two JVMs and the command
 	$(call preset,release,-DTKV_TESTS=OFF)
