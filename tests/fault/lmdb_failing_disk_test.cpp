@@ -168,6 +168,18 @@ TEST_P(LmdbFailingDiskCase, IsReportedAndTheFormerStateStays) {
   EXPECT_EQ(in_child([&] { return text_of(*open_or_fail(options_)) == "later" ? 0 : 1; }), 0);
 }
 
+TEST_P(LmdbFailingDiskCase, TheNextWriteNeedsNoReadBefore) {
+  const auto store = open_or_fail(options_);
+  ASSERT_TRUE(set_text(*store, kRootNode, "former").ok());
+  disk.failing = GetParam().target;
+  disk.error = GetParam().error;
+  EXPECT_EQ(set_text(*store, kRootNode, std::string(20'000, 'x')).code(), GetParam().result);
+  disk = Disk{};
+  const Status status = set_text(*store, kRootNode, "later");
+  EXPECT_TRUE(status.ok()) << status.text();
+  EXPECT_EQ(text_of(*store), "later");
+}
+
 TEST_P(LmdbFailingDiskCase, DuringCreationLeavesNoFreshRegistry) {
   disk.failing = GetParam().target;
   disk.error = GetParam().error;
