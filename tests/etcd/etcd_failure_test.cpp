@@ -286,10 +286,12 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   EtcdCluster::Options cluster_options;
   cluster_options.flags = {"--quota-backend-bytes=4194304"};
   EtcdCluster cluster(cluster_options);
-  const auto store = open_when_ready(cluster.registry());
+  const EtcdOptions options = cluster.registry();
+  const auto store = open_when_ready(options);
   ASSERT_TRUE(store);
   ASSERT_TRUE(done(create_key(*store, "a", "value")));
   ASSERT_TRUE(done(create_key(*store, "b")));
+  ASSERT_TRUE(done(build_keys(*store, "parent", 20)));
   const std::string large(512 * 1024, 'x');
   Status status;
   for (int i = 0; i < 40 && status.ok(); ++i) status = write_key(*store, "b", large);
@@ -299,6 +301,14 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   EXPECT_EQ(text, "value");
   EXPECT_TRUE(says(create_key(*store, "c"), PRTKV_STORAGE_FULL, {"space alarm"}));
   EXPECT_TRUE(done(open_key(*store, "b")));
+  for (const char* command : {"tkv rm", "etcdctl compaction", "etcdctl defrag", "etcdctl alarm disarm"}) {
+    EXPECT_NE(status.text().find(command), std::string::npos) << status.text();
+  }
+
+  // Deleting works, in this session and in one that has not written before.
+  EXPECT_TRUE(done(delete_key(*store, "b")));
+  EXPECT_TRUE(open_key(*store, "b").is(PRTKV_NO_SUCH_KEY));
+  EXPECT_TRUE(done(delete_key(*open_when_ready(options), "parent")));
 
   // An operator frees the space.
   const std::string revision = cluster.ctl({"endpoint", "status", "--write-out=json"});
@@ -308,6 +318,7 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   cluster.ctl({"defrag"});
   cluster.ctl({"alarm", "disarm"});
   EXPECT_TRUE(done(create_key(*store, "c")));
+  EXPECT_EQ(totals_of(*store).nodes, 3u) << "the root, a and c";
 }
 
 TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {

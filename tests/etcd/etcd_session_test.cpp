@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "fake_kv.h"
+#include "store/etcd/checker.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
@@ -247,6 +248,135 @@ TEST_F(EtcdSession, AWriteWhoseMarkEndedWithItsSessionIsUndecided) {
   EXPECT_TRUE(status.is(PRTKV_UNDECIDED)) << status.text();
   kv_.after_txn = nullptr;
   EXPECT_TRUE(done(create(*one_, "b"))) << "in a session of its own";
+}
+
+TEST_F(EtcdSession, LooksAroundAgainWhileItIsOpen) {
+  auto patient = session();
+  auto busy = std::make_unique<Core>(std::make_unique<SharedKv>(kv_), "/tkv/", Session::kDefaultTtl,
+                                     std::chrono::milliseconds(0));
+  ASSERT_TRUE(done(open_registry(*busy, EtcdOptions())));
+  EXPECT_TRUE(build(*one_, [&] { kv_of_one_->die(); }).is(PRTKV_UNREACHABLE));
+  kv_.put(keys_.garbage(77), "");
+  kv_.put(keys_.node({77, "below"}), "whatever");
+  kv_.expire_leases();
+  patient->sweeper.look_around_when_due();
+  EXPECT_EQ(kv_.count(keys_.all_staging()), 1u) << "it has just been opened";
+  busy->sweeper.look_around_when_due();
+  busy.reset();  // which gives it the time it needs
+  EXPECT_EQ(kv_.count(keys_.all_garbage()), 0u);
+  expect_only_nodes(1);
+}
+
+// ---- without space
+
+class EtcdWithoutSpace : public EtcdSession {
+ protected:
+  Status remove(Core& core, const std::string& path) {
+    return run(core, [&](Update& update) -> Status {
+      const auto [parent_path, name] = split(path);
+      Node parent;
+      Node node;
+      if (Status status = follow(update, parent_path, &parent); !status.ok()) return status;
+      if (Status status = update.find(parent.id, name, &node); !status.ok()) return status;
+      if (Status status = update.unlink(parent.id, name); !status.ok()) return status;
+      return update.discard(node.id);
+    });
+  }
+
+  int orphans_found_by(Core& core, bool repair) {
+    int orphans = 0;
+    Totals totals;
+    EXPECT_TRUE(done(check_registry(
+        core, repair,
+        [&](const Finding& finding) {
+          EXPECT_EQ(finding.kind, Finding::Kind::kOrphan) << finding.detail;
+          ++orphans;
+        },
+        [](const CheckProgress&) {}, &totals)));
+    return orphans;
+  }
+};
+
+TEST_F(EtcdWithoutSpace, KeysCanBeDeletedAndNothingElse) {
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  ASSERT_TRUE(done(create(*one_, "leaf")));
+  kv_.is_full = true;
+  EXPECT_TRUE(create(*one_, "new").is(PRTKV_STORAGE_FULL));
+  EXPECT_TRUE(done(remove(*one_, "leaf")));
+  EXPECT_TRUE(done(remove(*one_, "top.k7")));
+  EXPECT_TRUE(remove(*one_, "leaf").is(PRTKV_NO_SUCH_KEY));
+  const auto fresh = session();
+  EXPECT_TRUE(create(*fresh, "new").is(PRTKV_STORAGE_FULL));
+  EXPECT_EQ(count_children(*fresh, "top"), kMany - 1);
+  EXPECT_TRUE(done(remove(*fresh, "top"))) << "a session that has never had a lease";
+  EXPECT_EQ(count_children(*fresh, ""), 0);
+  expect_only_nodes(1);
+  kv_.is_full = false;
+  EXPECT_TRUE(done(create(*fresh, "new")));
+}
+
+// Nothing says that what hung below the key is to be removed. It must not come back, and a repair must find it.
+TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsFoundByARepair) {
+  SharedKv* connection = nullptr;
+  auto dying = session(&connection);
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  kv_.is_full = true;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    if (request.success_size() > 0 && request.success(0).has_request_delete_range()) connection->die();
+    return Reply();
+  };
+  EXPECT_TRUE(done(remove(*dying, "top")));
+  dying.reset();
+  kv_.after_txn = nullptr;
+  ASSERT_EQ(kv_.count(keys_.all_nodes()), 1u + kMany);
+
+  const auto later = session();
+  EXPECT_EQ(count_children(*later, ""), 0);
+  EXPECT_EQ(orphans_found_by(*later, false), kMany);
+  EXPECT_EQ(orphans_found_by(*later, true), kMany) << "without space";
+  EXPECT_EQ(orphans_found_by(*later, false), 0);
+  expect_only_nodes(1);
+  kv_.is_full = false;
+  ASSERT_TRUE(done(create(*later, "top")));
+  EXPECT_EQ(count_children(*later, "top"), 0);
+}
+
+// The same where a session later builds a key of the same name: no id of what remains is used again.
+TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsNotTakenForSomethingNew) {
+  SharedKv* connection = nullptr;
+  auto dying = session(&connection);
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  kv_.is_full = true;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    if (request.success_size() > 0 && request.success(0).has_request_delete_range()) connection->die();
+    return Reply();
+  };
+  EXPECT_TRUE(done(remove(*dying, "top")));
+  dying.reset();
+  kv_.after_txn = nullptr;
+  kv_.is_full = false;
+
+  const auto later = session();
+  ASSERT_TRUE(done(create(*later, "top")));
+  EXPECT_EQ(count_children(*later, "top"), 0);
+  EXPECT_EQ(count_children(*one_, "top"), 0) << "in the session that had built the former key";
+  ASSERT_TRUE(done(remove(*later, "top")));
+  ASSERT_TRUE(done(build(*later, [] {})));
+  EXPECT_EQ(orphans_found_by(*later, true), kMany);
+  EXPECT_EQ(count_children(*one_, "top"), kMany);
+  EXPECT_EQ(orphans_found_by(*one_, false), 0);
+}
+
+TEST_F(EtcdWithoutSpace, ADeletionWhoseAnswerWasLostIsUndecided) {
+  ASSERT_TRUE(done(create(*one_, "leaf")));
+  kv_.is_full = true;
+  bool lost = false;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    const bool deletes = request.success_size() > 0 && request.success(0).has_request_delete_range();
+    if (!deletes || std::exchange(lost, true)) return Reply();
+    return Reply{Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, "no answer"), true};
+  };
+  EXPECT_TRUE(remove(*one_, "leaf").is(PRTKV_UNDECIDED));
 }
 
 // ---- what releases have left that named processes as owners

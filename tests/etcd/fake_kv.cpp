@@ -117,6 +117,10 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
       })) {
     return {Verdict::kFinal, Status(PRTKV_UNUSABLE, "requested lease not found"), false};
   }
+  const auto puts = [](const RequestOp& operation) { return operation.has_request_put(); };
+  if (is_full && std::any_of(request.success().begin(), request.success().end(), puts)) {
+    return {Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "database space exceeded"), false};
+  }
   const std::int64_t next = revision_ + 1;
   bool written = false;
   for (const RequestOp& operation : succeeded ? request.success() : request.failure()) {
@@ -145,6 +149,7 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
 
 Reply FakeKv::grant_lease(std::int64_t ttl, Lease* lease, Deadline) {
   const std::lock_guard lock(mutex_);
+  if (is_full) return {Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "database space exceeded"), false};
   leases_.insert(++last_lease_);
   *lease = {last_lease_, ttl};
   return {};

@@ -51,6 +51,9 @@ class FakeKv final : public Kv {
   // Called after each transaction has been carried out. A failure that it returns is the reply in place of the answer.
   std::function<Reply(const TxnRequest& request)> after_txn;
 
+  // The space alarm: nothing can be put any more.
+  std::atomic<bool> is_full{false};
+
   // Direct access, as another client has it.
   void put(const std::string& key, const std::string& value);
   void erase(const std::string& key);

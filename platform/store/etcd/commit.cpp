@@ -8,6 +8,27 @@
 #include "store/etcd/redo_log.h"
 
 namespace tkv::store::etcd {
+namespace {
+
+// Removing most unlinked subtrees takes less. The rest is left to the sweeper.
+constexpr std::chrono::milliseconds kMoment{250};
+
+// Takes the puts of garbage keys out of a transaction. False if it does anything besides that and deleting.
+bool leave_only_removals(const Keys& keys, TxnRequest* request) {
+  auto* operations = request->mutable_success();
+  for (int i = operations->size(); i-- > 0;) {
+    if (!operations->Get(i).has_request_put()) continue;
+    if (!keys.parse_garbage(operations->Get(i).request_put().key())) return false;
+    operations->DeleteSubrange(i, 1);
+  }
+  return !operations->empty();
+}
+
+Status unknown_outcome(const Status& reason) {
+  return {PRTKV_UNDECIDED, reason.text() + "; it is not known whether the change was made"};
+}
+
+}  // namespace
 
 Status Commit::make() {
   TxnRequest request;
@@ -140,20 +161,39 @@ Status Commit::send() {
     TxnRequest request;
     build_request(&request);
     Owner owner;
-    if (Status status = staging_.owner(&owner); !status.ok()) return status;
+    if (Status status = staging_.owner(&owner); !status.ok()) return remove_without_space(std::move(status));
     Mark mark = core_.writers.take(owner);
     Written written =
         write_once(*core_.kv, core_.keys, std::move(request), &mark, core_.writers.next_text(), run_.deadline());
     core_.writers.give_back(std::move(mark));
     if (written.went_back) return run_.fail(core_.kv->end().status);
-    if (!written.status.ok()) return written.status;
+    if (!written.status.ok()) return remove_without_space(std::move(written.status));
     if (written.lost) return staging_.lost();
     if (written.made) {
-      committed(written.revision);
+      committed(written.revision, kMoment);
       return {};
     }
     if (!may_be_sent_again(written.response)) return run_.repeat();
   }
+}
+
+// etcd refuses leases and puts while it has no space, but not deletions. What hangs below a deleted key is removed
+// right after the transaction. Other failures are returned as they are.
+Status Commit::remove_without_space(Status refusal) {
+  if (!refusal.is(PRTKV_STORAGE_FULL) || staging_.started()) return refusal;
+  TxnRequest request;
+  build_request(&request);
+  if (!leave_only_removals(core_.keys, &request)) return refusal;
+  TxnResponse response;
+  const Reply reply = core_.kv->txn(request, &response, run_.deadline());
+  if (!reply.ok()) return reply.repeated ? unknown_outcome(reply.status) : reply.status;
+  if (response.succeeded()) {
+    committed(response.header().revision(), core_.kv->timeout());
+    return {};
+  }
+  if (reply.repeated) return unknown_outcome(refusal);
+  reads_.prefetch(response);
+  return run_.repeat();
 }
 
 // If the comparisons failed only because others have laid claims meanwhile, what this run has read still holds.
@@ -168,7 +208,7 @@ bool Commit::may_be_sent_again(const TxnResponse& response) {
 }
 
 // The change has been made. What cannot be carried out now is left to whoever comes by.
-void Commit::committed(std::int64_t revision) {
+void Commit::committed(std::int64_t revision, std::chrono::milliseconds removing) {
   for (const auto& [place, node] : writes_.nodes()) {
     if (node && batches_ == 0) {
       core_.cache.put(place, SeenNode{revision, node, {}});
@@ -181,7 +221,7 @@ void Commit::committed(std::int64_t revision) {
   }
   if (batches_ != 0 && !core_.recovery.carry_out(*reads_.claim()).ok()) core_.sweeper.look_around();
   staging_.committed();
-  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()));
+  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()), removing);
 }
 
 }  // namespace tkv::store::etcd

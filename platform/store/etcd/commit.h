@@ -4,10 +4,17 @@
 // that claims.h describes: the run is repeated under a claim, its writes are staged as a redo log, and the transaction
 // turns the claim into a decision instead of making the writes itself.
 //
+// While etcd's space alarm is raised, a change that only deletes, and that fits one transaction, is made without a mark
+// and without garbage keys, which could not be put. So a lost answer leaves it undecided; and if the session dies
+// before it has removed what hung below a deleted key, keys and values without a parent remain. No session reaches
+// those, and no id is given out again, so nobody misreads them. They take space until `tkv verify --repair` finds and
+// removes them.
+//
 // Used by one thread, once. Failures of the cluster are recorded in the Run.
 #ifndef TKV_PLATFORM_STORE_ETCD_COMMIT_H
 #define TKV_PLATFORM_STORE_ETCD_COMMIT_H
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -43,8 +50,9 @@ class Commit {
   bool is_within_claim() const;
   const Claim* decision_in_the_way() const;
   void wait_for_claimants();
+  Status remove_without_space(Status refusal);
   bool may_be_sent_again(const TxnResponse& response);
-  void committed(std::int64_t revision);
+  void committed(std::int64_t revision, std::chrono::milliseconds removing);
 
   Core& core_;
   Run& run_;

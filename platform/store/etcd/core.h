@@ -2,6 +2,7 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_CORE_H
 #define TKV_PLATFORM_STORE_ETCD_CORE_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,8 +23,10 @@
 namespace tkv::store::etcd {
 
 struct Core {
-  // `ttl` is how long a session outlives its process, in seconds.
-  Core(std::unique_ptr<Kv> connected, std::string prefix, std::int64_t ttl = Session::kDefaultTtl)
+  // `ttl` is how long a session outlives its process, in seconds; `sweeping` is how often it looks for what others have
+  // left.
+  Core(std::unique_ptr<Kv> connected, std::string prefix, std::int64_t ttl = Session::kDefaultTtl,
+       std::chrono::milliseconds sweeping = Sweeper::kDefaultInterval)
       : kv(std::make_unique<History>(std::move(connected))),
         keys(std::move(prefix)),
         cache(kCachedNodes),
@@ -31,8 +34,10 @@ struct Core {
         writers(keys),
         claims(keys),
         recovery(*kv, keys, claims),
-        sweeper(*kv, keys, recovery),
-        session(*kv, keys, ttl) {}
+        sweeper(*kv, keys, recovery, sweeping),
+        session(*kv, keys, ttl) {
+    session.on_kept_alive([this] { sweeper.look_around_when_due(); });
+  }
 
   static constexpr std::size_t kCachedNodes = 16384;
 

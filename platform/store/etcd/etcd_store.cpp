@@ -58,7 +58,7 @@ void pause_before_run(int run, Deadline deadline) {
 class EtcdStore final : public Store {
  public:
   EtcdStore(std::unique_ptr<Kv> kv, const EtcdOptions& options)
-      : core_(std::move(kv), options.prefix, options.session_ttl_s) {}
+      : core_(std::move(kv), options.prefix, options.session_ttl_s, std::chrono::seconds(options.sweep_interval_s)) {}
 
   Status open(const EtcdOptions& options) { return open_registry(core_, options); }
 
@@ -89,6 +89,7 @@ class EtcdStore final : public Store {
 
 Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
   return guarded([&] {
+    core_.sweeper.look_around_when_due();
     RevisionView snapshot(core_, 0);
     Status status = call(function, static_cast<View&>(snapshot));
     return snapshot.failure().ok() ? status : snapshot.failure().status;
@@ -97,6 +98,7 @@ Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
 
 Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) {
   return guarded([&]() -> Status {
+    core_.sweeper.look_around_when_due();
     Deadline deadline = core_.deadline();
     NextRun next;
     int long_runs = 0;

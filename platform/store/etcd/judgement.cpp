@@ -77,7 +77,11 @@ Judgement invalid_argument(const std::string& message) {
 
 Judgement resource_exhausted(const std::string& message) {
   if (contains(message, "database space exceeded")) {
-    return final(PRTKV_STORAGE_FULL, "etcd's space alarm is raised: " + message);
+    return final(
+        PRTKV_STORAGE_FULL,
+        "etcd's space alarm is raised. Delete keys with 'tkv rm', then run 'etcdctl compaction REVISION', 'etcdctl "
+        "defrag' and 'etcdctl alarm disarm': " +
+            message);
   }
   if (contains(message, "larger than max")) {
     return {Verdict::kAnswerTooLarge, Status(PRTKV_UNUSABLE, "an answer of etcd is too large: " + message)};

@@ -20,6 +20,7 @@ struct EtcdOptions {
   int timeout_ms = 5000;         // time limit of one operation, over all endpoints
   int attempt_ms = 300;          // how long an answer may be overdue before another endpoint is asked
   int session_ttl_s = 20;        // how long what a dead session was at stays its own; tests set less
+  int sweep_interval_s = 300;    // how often a session looks for what others have left; tests set less
   bool create = true;            // create a registry if there is none
   sec_attr root_security{};      // security record of a new registry's root
 };

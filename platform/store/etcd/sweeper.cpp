@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kParentsPerLook = 120;  // whose children are asked for at once
 constexpr std::size_t kChildrenPerLook = 2000;
-constexpr std::chrono::milliseconds kMoment{250};
+constexpr std::chrono::milliseconds kSoon{30000};  // when a session that may have died will be known to have
 constexpr std::chrono::milliseconds kGrace{1000};
 
 // A mark that names a process, "NUMBER SECONDS OWNER", as former releases wrote it. Nothing else removes it.
@@ -43,12 +43,24 @@ Sweeper::~Sweeper() {
   if (thread_.joinable()) thread_.join();
 }
 
-void Sweeper::remove_garbage(const std::vector<std::string>& keys) {
-  const Deadline moment(kMoment);
-  const auto stop = [&] { return moment.left().count() == 0; };
+void Sweeper::remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment) {
+  const Deadline end(moment);
+  const auto stop = [&] { return end.left().count() == 0; };
   for (const std::string& key : keys) {
-    if (!sweep_garbage(key, Pace{stop, kMoment}).ok()) add({Job::Kind::kGarbage, key});
+    if (!sweep_garbage(key, Pace{stop, moment}).ok()) add({Job::Kind::kGarbage, key});
   }
+}
+
+std::int64_t Sweeper::time_after(std::chrono::milliseconds from_now) {
+  const auto then = std::chrono::steady_clock::now() + from_now;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(then.time_since_epoch()).count();
+}
+
+void Sweeper::look_around_when_due() {
+  std::int64_t due = next_look_;
+  if (time_after({}) < due || !kv_.is_ours()) return;
+  if (!next_look_.compare_exchange_strong(due, time_after(interval_))) return;
+  look_around();
 }
 
 void Sweeper::give_up_build(std::string key) { add({Job::Kind::kOwnBuild, std::move(key)}); }
@@ -217,7 +229,10 @@ Status Sweeper::sweep_build(const std::string& key, Whose whose, const Pace& pac
   if (!given_up) {
     if (Status status = give_up(found.kvs(0), *text, whose, &given_up, pace); !status.ok()) return status;
   }
-  if (!given_up) return {};
+  if (!given_up) {
+    next_look_ = time_after(std::min(interval_, kSoon));
+    return {};
+  }
   if (Status status = sweep_range(keys_.all_of_plan(*token), pace); !status.ok()) return status;
   for (const IdRange& ids : text->ids) {
     if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;

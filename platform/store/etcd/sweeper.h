@@ -9,7 +9,10 @@
 #ifndef TKV_PLATFORM_STORE_ETCD_SWEEPER_H
 #define TKV_PLATFORM_STORE_ETCD_SWEEPER_H
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -29,7 +32,11 @@ namespace tkv::store::etcd {
 
 class Sweeper {
  public:
-  Sweeper(Kv& kv, const Keys& keys, Recovery& recovery) : kv_(kv), keys_(keys), recovery_(recovery) {}
+  static constexpr std::chrono::minutes kDefaultInterval{5};
+
+  // Looks around again after `interval`.
+  Sweeper(Kv& kv, const Keys& keys, Recovery& recovery, std::chrono::milliseconds interval)
+      : kv_(kv), keys_(keys), recovery_(recovery), interval_(interval), next_look_(time_after(interval)) {}
 
   // Gives remaining work a second, and leaves the rest to another session.
   ~Sweeper();
@@ -37,12 +44,16 @@ class Sweeper {
   Sweeper(const Sweeper&) = delete;
   Sweeper& operator=(const Sweeper&) = delete;
 
-  // Removes unlinked subtrees, given by their garbage keys. Does so at once for up to a quarter of a second, so that
-  // most leave nothing behind, and leaves the rest to the thread.
-  void remove_garbage(const std::vector<std::string>& keys);
+  // Removes unlinked subtrees, given by their garbage keys, whether or not those exist. Does so at once for up to
+  // `moment`, and leaves the rest to the thread.
+  void remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment);
 
   // Has the thread look for what ended sessions have left, and finish or remove it.
   void look_around() { add({Job::Kind::kLookAround, ""}); }
+
+  // The same, if it has not been done for a while: for sessions that are open for long. While there is work of sessions
+  // that go on, the next look comes sooner. Does nothing in a forked child.
+  void look_around_when_due();
 
   // Has the thread remove a build of this session.
   void give_up_build(std::string key);
@@ -76,6 +87,7 @@ class Sweeper {
     std::chrono::milliseconds request;
   };
 
+  static std::int64_t time_after(std::chrono::milliseconds from_now);
   void add(Job job);
   void work();
   Status carry_out(const Job& job, const Pace& pace);
@@ -96,6 +108,8 @@ class Sweeper {
   Kv& kv_;
   const Keys& keys_;
   Recovery& recovery_;
+  const std::chrono::milliseconds interval_;
+  std::atomic<std::int64_t> next_look_;  // of the steady clock, in milliseconds
   std::mutex mutex_;
   std::deque<Job> jobs_;
   bool working_ = false;
