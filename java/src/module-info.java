@@ -5,6 +5,9 @@
  * for tools that already use that protocol.
  */
 module velmar.qen.mgmt {
+    // For programs that keep their preferences in the registry; others need not have it.
+    requires static transitive java.prefs;
+
     exports velmar.qen.mgmt.nativesystem;
     exports velmar.qen.mgmt.registry;
 }

@@ -9,6 +9,7 @@ import java.time.Duration;
 import java.util.ArrayList;
 import java.util.EnumSet;
 import java.util.List;
+import java.util.Map;
 import java.util.Objects;
 import java.util.Optional;
 import java.util.stream.Stream;
@@ -723,13 +724,24 @@ public final class Registry implements RegistryReader, AutoCloseable {
         Objects.requireNonNull(name, "name");
         Objects.requireNonNull(value, "value");
         Objects.requireNonNull(security, "security");
+        return tryPut(Map.of(name, value), flags, security);
+    }
+
+    private byte[] tryPut(Map<String, Value> values, int flags, KeySecurity security) {
         DataWriter request = security.write(new DataWriter().word32(flags));
-        request.text(name).word32(StoredValue.typeCode(value)).bytes(StoredValue.encode(value));
+        values.forEach((name, value) ->
+                request.text(name).word32(StoredValue.typeCode(value)).bytes(StoredValue.encode(value)));
         try {
             return RegistryNatives.put(handle, request.done());
         } finally {
             Reference.reachabilityFence(this);
         }
+    }
+
+    /** Writes values, and creates keys and their ancestors as far as they are missing; all or nothing. */
+    void putTogether(Map<String, Value> values, KeySecurity security) {
+        String key = values.size() == 1 ? values.keySet().iterator().next() : null;
+        Reply.checked(tryPut(values, RegistryNatives.PUT_CREATES_PARENTS, security), key);
     }
 
     private void put(String name, Value value, int flags, KeySecurity security) {
