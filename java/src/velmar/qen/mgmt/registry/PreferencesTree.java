@@ -41,6 +41,8 @@ final class PreferencesTree {
     private final NavigableMap<String, Optional<Value>> pending = new ConcurrentSkipListMap<>();
     /** Held while changes are written, so that they are written in the order in which they are made. */
     private final Object writing = new Object();
+    /** Whether the last change has failed, and a warning was given. Guarded by writing. */
+    private boolean failing;
     /** What this thread changes, while it is collecting. */
     private final ThreadLocal<NavigableMap<String, Optional<Value>>> collected = new ThreadLocal<>();
 
@@ -206,13 +208,19 @@ final class PreferencesTree {
             try {
                 write(Map.of(name, change));
                 pending.remove(name);
+                failing = false;
             } catch (RegistryException e) {
-                // A node is also created by programs that only read.
-                boolean isNode = change.isPresent() && change.get() instanceof Value.None;
-                LOGGER.log(isNode ? System.Logger.Level.DEBUG : System.Logger.Level.WARNING,
-                           () -> "a change of preferences is kept in memory until it can be written: " + e.getMessage());
+                warn(change, e);
             }
         }
+    }
+
+    /** Warns of the first failure in a row, unless a node was to be created: programs that only read do that as well. */
+    private void warn(Optional<Value> change, RegistryException failure) {
+        boolean worth = !failing && !change.equals(Optional.of(new Value.None()));
+        failing |= worth;
+        LOGGER.log(worth ? System.Logger.Level.WARNING : System.Logger.Level.DEBUG,
+                   () -> "a change of preferences is kept in memory until it can be written: " + failure.getMessage());
     }
 
     /** Removes a node with everything below it, atomically. */

@@ -1,5 +1,8 @@
 package velmar.qen.mgmt.nativesystem;
 
+import velmar.qen.mgmt.registry.KeySecurity;
+import velmar.qen.mgmt.registry.Registry;
+
 /** Creates, as root, the registry for {@link OtherUserTest}. */
 final class OtherUsersRegistry {
     private static final TKVNative TKV = new TKVNative();
@@ -20,6 +23,18 @@ final class OtherUsersRegistry {
         must(r -> TKV.createKey("mixed.b", 1, null, "root", "root", r));
         must(r -> TKV.createKey("mixed.c", 5, null, null, null, r));
         must(TKV::terminateTKV);
+        preferences();
+    }
+
+    /** The trees of preferences: that of the system is root's, and that of nobody was created by root. */
+    private static void preferences() {
+        try (Registry registry = Registry.open()) {
+            registry.ensure("preferences.users", KeySecurity.readableByAll());
+            registry.create("preferences.users.nobody",
+                            KeySecurity.privateToUser().withOwner("nobody").withGroup("nogroup"));
+            registry.ensure("preferences.system.app", KeySecurity.readableByAll());
+            registry.put("preferences.system.app.@k", "root's");
+        }
     }
 
     private static void key(String name, int type, String user, String group) {

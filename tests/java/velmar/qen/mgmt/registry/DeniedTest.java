@@ -8,6 +8,8 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.util.List;
 import java.util.Optional;
 import java.util.Set;
+import java.util.prefs.BackingStoreException;
+import java.util.prefs.Preferences;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
@@ -103,5 +105,31 @@ class DeniedTest {
         assertDenied("nobodys.given", () -> registry.put("nobodys.given", "new"));
         registry.put("nobodys.gift", "text", KeySecurity.readableByAll().withOwner("root"));
         assertEquals(Optional.of("root"), registry.owner("nobodys.gift"));
+    }
+
+    @Test
+    void preferencesOfTheSystemAreReadWhereTheyMayNotBeWritten() throws BackingStoreException {
+        Preferences system = new RegistryPreferences(PreferencesTree.ofSystem(Registry::open));
+        Preferences app = system.node("app");
+        assertEquals("root's", app.get("k", null));
+        app.flush();
+        app.put("k", "nobody's");
+        assertEquals("nobody's", app.get("k", null));
+        String message = assertThrows(BackingStoreException.class, app::flush).getMessage();
+        assertTrue(message.startsWith("TKV-0002: ") && message.contains("preferences.system.app"), message);
+        assertThrows(BackingStoreException.class, app::removeNode);
+        assertEquals("root's", registry.getText("preferences.system.app.@k"));
+        assertEquals("default", system.node("absent").get("k", "default"));
+    }
+
+    @Test
+    void preferencesOfTheUserAreInTheTreeThatAnOperatorHasCreated() throws BackingStoreException {
+        Preferences node = new RegistryPreferences(PreferencesTree.ofUser(Registry::open)).node("app");
+        node.put("k", "v");
+        node.flush();
+        KeySecurity security = registry.security("preferences.users.nobody.app.@k");
+        assertEquals(Optional.of("nobody"), security.owner());
+        assertEquals(Set.of(), security.groupRights());
+        assertEquals(Set.of(), security.otherRights());
     }
 }
