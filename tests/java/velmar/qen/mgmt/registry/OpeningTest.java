@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -10,11 +11,16 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.time.Duration;
+import java.time.Instant;
+import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
+import java.util.Map;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 import velmar.qen.mgmt.nativesystem.AsRoot;
+import velmar.qen.mgmt.nativesystem.ChildJvm;
 
 class OpeningTest {
     @TempDir
@@ -137,6 +143,66 @@ class OpeningTest {
         Files.writeString(file, "[registry]\nlocation = etcd://127.0.0.1:1\n[etcd]\ntimeout_ms = 600000\n");
         RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofMillis(200)).build();
         assertThrows(RegistryUnavailableException.class, () -> Registry.open(file, impatient));
+    }
+
+    /** Writes large values until it is killed. */
+    static final class Writer {
+        private Writer() {}
+
+        public static void main(String[] arguments) {
+            Registry registry = Registry.at(Path.of(arguments[0]));
+            List<String> large = Collections.nCopies(1_000, "x".repeat(1_000));
+            for (int i = 0;; i++) {
+                registry.put("large" + i % 10, large);
+            }
+        }
+    }
+
+    @Test
+    void aCallThatWaitsForAWriterTooLongIsTurnedAway() throws IOException, InterruptedException {
+        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofMillis(100)).build();
+        Process writer = ChildJvm.start(List.of(), Map.of(), Writer.class, directory.toString());
+        try (Registry registry = Registry.at(directory, impatient)) {
+            RegistryBusyException busy = null;
+            // The writer is stopped sooner or later while it writes.
+            for (Instant end = Instant.now().plusSeconds(120); busy == null && Instant.now().isBefore(end);) {
+                if (registry.exists("large9")) {
+                    signal(writer, "STOP");
+                    busy = refusal(registry);
+                    signal(writer, "CONT");
+                }
+            }
+            assertNotNull(busy);
+            assertEquals(19, busy.code());
+            assertTrue(busy.text().contains(String.valueOf(writer.pid())), busy::text);
+            assertFalse(registry.exists("refused"));
+        } finally {
+            writer.destroyForcibly().waitFor();
+        }
+    }
+
+    private static void signal(Process process, String name) throws IOException, InterruptedException {
+        new ProcessBuilder("kill", "-" + name, String.valueOf(process.pid())).inheritIO().start().waitFor();
+    }
+
+    private static RegistryBusyException refusal(Registry registry) {
+        try {
+            registry.put("refused", "v");
+            registry.delete("refused");
+            return null;
+        } catch (RegistryBusyException busy) {
+            return busy;
+        }
+    }
+
+    @Test
+    void locationsAreValues() {
+        List<String> places = new ArrayList<>(List.of("/a"));
+        Locations locations = new Locations(places, true);
+        places.clear();
+        assertEquals(List.of("/a"), locations.places());
+        assertTrue(locations.shared());
+        assertEquals(new Locations(List.of("/a"), true), locations);
     }
 
     @Test

@@ -70,6 +70,12 @@ class PreferencesTest {
         return document.toByteArray();
     }
 
+    @Test
+    void allFactoriesReturnTheTreesOfTheProcess() {
+        assertSame(Preferences.userRoot(), new RegistryPreferencesFactory().userRoot());
+        assertSame(Preferences.systemRoot(), new RegistryPreferencesFactory().systemRoot());
+    }
+
     // --- Where preferences are ---
 
     @Test

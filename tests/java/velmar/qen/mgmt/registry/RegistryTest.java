@@ -68,6 +68,10 @@ class RegistryTest extends OpenRegistry {
         registry.create(below("k.sub"));
         assertEquals(new KeyInfo(below("k"), ValueType.LIST, 6, false, EnumSet.allOf(Right.class),
                                  registry.security(below("k"))), leaf);
+        assertEquals(below("k"), leaf.name());
+        assertEquals(EnumSet.allOf(Right.class), leaf.rights());
+        assertThrows(UnsupportedOperationException.class, leaf.rights()::clear);
+        assertEquals(registry.security(below("k")), leaf.security());
         assertTrue(registry.stat(below("k")).hasSubkeys());
     }
 

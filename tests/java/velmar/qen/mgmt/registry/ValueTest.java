@@ -235,6 +235,16 @@ class ValueTest extends OpenRegistry {
     }
 
     @Test
+    void valuesKnowTheirTypes() {
+        assertEquals(-7, new Value.Int32(-7).number());
+        assertEquals(1L << 40, new Value.Int64(1L << 40).number());
+        List<Value> values = List.of(new Value.None(), new Value.Int32(1), new Value.Int64(1), new Value.Text(""),
+                                     new Value.Bytes(new byte[0]), new Value.TextList(List.of()));
+        assertEquals(List.of(ValueType.values()), values.stream().map(Value::type).toList());
+        assertEquals(List.of(0, 1, 2, 3, 4, 5), values.stream().map(value -> value.type().code()).toList());
+    }
+
+    @Test
     void valuesAreValues() {
         byte[] bytes = {1, 2};
         Value.Bytes value = new Value.Bytes(bytes);
