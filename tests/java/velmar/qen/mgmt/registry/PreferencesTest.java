@@ -18,9 +18,13 @@ import java.util.EnumSet;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
+import java.util.Random;
 import java.util.Set;
 import java.util.TreeMap;
 import java.util.concurrent.BlockingQueue;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicReference;
@@ -34,6 +38,7 @@ import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.TestInfo;
+import org.junit.jupiter.api.Timeout;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
 
 /** {@code java.util.prefs} in the configured registry. The JVM is started with the property that names the factory. */
@@ -240,6 +245,65 @@ class PreferencesTest {
         assertThrows(IllegalStateException.class, () -> exported(removed));
         assertThrows(UnsupportedOperationException.class, () -> Preferences.userRoot().removeNode());
         assertNull(node.node("a/b/c").get("k", null));
+    }
+
+    @Test
+    void aRemovedNodeCanBeFlushed() throws BackingStoreException {
+        Preferences below = node.node("a/b/c");
+        node.node("a").removeNode();
+        below.flush();
+        assertFalse(registry.exists(key + ".a"));
+    }
+
+    // --- Threads ---
+
+    /** Does anything on a few nodes that all threads use. A node may be removed at any time. */
+    private static void work(Preferences node, int seed) throws Exception {
+        Random random = new Random(seed);
+        for (int i = 0; i < 300; i++) {
+            try {
+                Preferences used = node.node("a/b/c".substring(0, 1 + 2 * random.nextInt(3)));
+                switch (random.nextInt(9)) {
+                    case 0 -> used.removeNode();
+                    case 1 -> used.flush();
+                    case 2 -> node.sync();
+                    case 3 -> exported(used);
+                    case 4 -> used.remove("k");
+                    case 5 -> used.childrenNames();
+                    case 6 -> used.keys();
+                    case 7 -> RegistryPreferencesFactory.importPreferences(
+                            new ByteArrayInputStream(exported(node)));
+                    default -> used.put("k", "v");
+                }
+            } catch (IllegalStateException e) {
+                assertTrue(e.getMessage().startsWith("Node"), e::getMessage);
+            }
+        }
+    }
+
+    @Test
+    @Timeout(120)
+    void threadsDoNotDisturbEachOther() throws Exception {
+        node.addNodeChangeListener(new Events());
+        ExecutorService threads = Executors.newCachedThreadPool();
+        try {
+            List<Future<Void>> work = new ArrayList<>();
+            for (int i = 0; i < 6; i++) {
+                int seed = i;
+                work.add(threads.submit(() -> {
+                    work(node, seed);
+                    return null;
+                }));
+            }
+            for (Future<Void> each : work) {
+                each.get();
+            }
+        } finally {
+            threads.shutdownNow();
+        }
+        node.node("a").put("k", "last");
+        node.sync();
+        assertEquals("last", registry.getText(key + ".a.@k"));
     }
 
     // --- Events ---
