@@ -135,8 +135,8 @@ final class PreferencesTree {
 
     /**
      * Visits nodes and preferences below a node, on one state of the registry, nodes before what is below them: their
-     * levels, counted from the node, and the text of a preference, null for a node. Names that do not stand for either are
-     * left out, and so are preferences that are not texts or may not be read.
+     * levels, counted from the node, and the text of a preference, null for a node. Names that do not stand for either
+     * are left out, and so are preferences that are not texts or may not be read.
      */
     void visit(String node, int depth, BiConsumer<List<String>, String> visitor) throws BackingStoreException {
         NavigableMap<String, Optional<Value>> found = checked(() -> entries(node, depth));
@@ -215,7 +215,7 @@ final class PreferencesTree {
         }
     }
 
-    /** Warns of the first failure in a row, unless a node was to be created: programs that only read do that as well. */
+    /** Warns of the first failure in a row, unless it is about a node: programs that only read create nodes as well. */
     private void warn(Optional<Value> change, RegistryException failure) {
         boolean worth = !failing && !change.equals(Optional.of(new Value.None()));
         failing |= worth;

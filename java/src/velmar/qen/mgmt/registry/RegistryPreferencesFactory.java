@@ -13,11 +13,11 @@ import java.util.prefs.PreferencesFactory;
  * used if that property names it.
  *
  * <p><b>Where.</b> The user's tree is {@code preferences.users.}<i>user</i>. It is created with {@link
- * KeySecurity#privateToUser}, and not used if it belongs to somebody else or others have rights on it. The system's tree
- * is {@code preferences.system}; it inherits its rights like any other key, and whoever may write there may change it.
- * The preference {@code port} of the node {@code /com/example} is the text of the key {@code com.example.@port} below
- * the tree's root. A dot in a name is written as {@code ~2E}, a tilde as {@code ~7E}, a NUL as {@code ~00}, and an at
- * sign at the beginning of a node's name as {@code ~40}.
+ * KeySecurity#privateToUser}, and not used if it belongs to somebody else or others have rights on it. The tree of the
+ * system is {@code preferences.system}; it inherits its rights like any other key, and whoever may write there may
+ * change it. The preference {@code port} of the node {@code /com/example} is the text of the key {@code
+ * com.example.@port} below the tree's root. A dot in a name is written as {@code ~2E}, a tilde as {@code ~7E}, a NUL as
+ * {@code ~00}, and an at sign at the beginning of a node's name as {@code ~40}.
  *
  * <p><b>Limits.</b> Names and values of any length that {@code Preferences} permits fit. A node or a preference whose
  * full name would have more than 64 levels or 1023 bytes is refused with an {@link IllegalArgumentException}.
@@ -28,9 +28,9 @@ import java.util.prefs.PreferencesFactory;
  * BackingStoreException} with the registry's message if that fails; what is still in memory when the process ends is
  * lost. A value that cannot be read is reported as the default, as {@code Preferences} specifies it.
  *
- * <p><b>Other processes.</b> Values, keys and the names of children are read from the registry at each call. A node that
- * another process has removed is removed from this process by {@code sync}; until then, a change recreates it. Events
- * are sent for changes that this process makes, and for nodes that {@code sync} finds to be removed, but not for other
+ * <p><b>Other processes.</b> Values, keys and the names of children are read from the registry at each call. {@code
+ * sync} removes the nodes from this process that another one has removed; until then, a change recreates such a node.
+ * Events are sent for changes that this process makes, and for nodes that {@code sync} removes, but not for other
  * changes that other processes make.
  *
  * <p><b>What is atomic.</b> Each {@code put}, {@code remove} and {@code removeNode}, with everything below the node.

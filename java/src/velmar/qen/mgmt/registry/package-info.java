@@ -5,8 +5,8 @@
  * program's own stand-ins in tests. {@link velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their
  * own.
  *
- * <p>{@link velmar.qen.mgmt.registry.RegistryPreferencesFactory} keeps the preferences of {@link java.util.prefs} in the
- * registry.
+ * <p>{@link velmar.qen.mgmt.registry.RegistryPreferencesFactory} keeps the preferences of {@link java.util.prefs} in
+ * the registry.
  *
  * <p><b>Threads.</b> Any number of threads may use a {@code Registry}, and any number of registries can be open. Calls
  * that read do not wait for each other; calls that change something take turns, in all processes of the node together.

@@ -76,10 +76,11 @@ class PreferenceNamesTest {
         Map<String, String> seen = new HashMap<>();
         for (int i = 0; i < 200_000; i++) {
             String name = random(random, random.nextInt(i % 2 == 0 ? 4 : 81));
-            for (String level : name.isEmpty() ? List.of(PreferenceNames.ofPreference(name))
-                                               : List.of(PreferenceNames.ofPreference(name), PreferenceNames.ofNode(name))) {
+            String ofPreference = PreferenceNames.ofPreference(name);
+            for (String level : name.isEmpty() ? List.of(ofPreference)
+                                               : List.of(ofPreference, PreferenceNames.ofNode(name))) {
                 boolean preference = PreferenceNames.isPreference(level);
-                assertEquals(level.equals(PreferenceNames.ofPreference(name)), preference);
+                assertEquals(level.equals(ofPreference), preference);
                 String former = seen.put(level, name);
                 assertTrue(former == null || former.equals(name), level);
                 assertIsALevel(level);
