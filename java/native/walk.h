@@ -16,7 +16,7 @@ namespace tkv::java {
 // A part of a walk's entries, and where to get the next one.
 struct WalkBlock {
   std::string entries;  // one after another, as Entry.java decodes them
-  jlong rest = 0;       // handle of the blocks that follow, 0 if this is the last
+  jlong rest = 0;       // handle of the blocks that follow; none after the last
 };
 
 // Walks over what is below a key, at most `depth` levels deep, on one state. The entries are collected in memory before

@@ -54,8 +54,8 @@ int find_groups_of_user(const NameService& service, const UserRecord& user, std:
 
 // Calls `ask(&record, buffer, size, &found)`, one of the C library's functions getpw..._r and getgr..._r, with a buffer
 // that grows as required, and then `take` with the result: a const Record*, null if nothing was found, which is valid
-// during that call only. Returns the last result of `ask`, 0 or an errno value; 0 with nothing found means that there
-// is no such entry.
+// during that call only. Returns the errno value that `ask` ended with. If there is no error and nothing was found,
+// there is no such entry.
 template <typename Record, typename Ask, typename Take>
 int ask_name_service(Ask ask, Take take) {
   constexpr std::size_t kLargestBuffer = std::size_t{16} << 20;

@@ -24,7 +24,7 @@ enum class Utf8 {
 
 struct Utf8Character {
   std::uint32_t code_point = 0;  // U+FFFD if ill-formed
-  std::size_t size = 0;          // in bytes; 0 if the first byte does not begin a well-formed character
+  std::size_t size = 0;          // in bytes; none if the first byte does not begin a well-formed character
 };
 
 // Decodes the first character of `text`, which must not be empty. A pair of surrogates is one character of six bytes.

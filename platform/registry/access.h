@@ -25,7 +25,7 @@ struct AccessReason {
   bool superuser = false;   // then the classes do not matter
   bool owner = false;       // the record's user is the identity's
   bool group = false;       // the record's group is one of the identity's
-  Rights owner_grants = 0;  // what the class grants the identity, 0 if it does not belong to it
+  Rights owner_grants = 0;  // what the class grants the identity; nothing if it does not belong to it
   Rights group_grants = 0;
   Rights other_grants = 0;
   Rights granted = 0;  // all together

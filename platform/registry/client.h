@@ -288,7 +288,7 @@ class Client {
 
   // --- One key ---
 
-  // The number of the registry's latest state, without a request; 0 if that is not known. Later states have larger
+  // The number of the registry's latest state, without a request, or zero if it is not known. Later states have larger
   // numbers, and every change that has been acknowledged to anybody is part of the state of this number or of one
   // before it. The number may be one ahead of what a read shows: label what was read with KnownKey::state, never with
   // this.

@@ -16,7 +16,7 @@ constexpr std::size_t kMaxContexts = 65536;
 // A slot lives as long as the process, so that an operation needs only the slot's own lock.
 struct Slot {
   std::mutex mutex;
-  std::uint64_t serial = 0;  // of the handle, 0 if the slot is free
+  std::uint64_t serial = 0;  // of the handle; none while the slot is free
   std::unique_ptr<Session> session;
 };
 

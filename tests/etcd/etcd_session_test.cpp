@@ -272,15 +272,22 @@ TEST_F(EtcdSession, LooksAroundAgainWhileItIsOpen) {
 class EtcdWithoutSpace : public EtcdSession {
  protected:
   Status remove(Core& core, const std::string& path) {
-    return run(core, [&](Update& update) -> Status {
-      const auto [parent_path, name] = split(path);
-      Node parent;
-      Node node;
-      if (Status status = follow(update, parent_path, &parent); !status.ok()) return status;
-      if (Status status = update.find(parent.id, name, &node); !status.ok()) return status;
-      if (Status status = update.unlink(parent.id, name); !status.ok()) return status;
-      return update.discard(node.id);
-    });
+    return run(core, [&](Update& update) { return delete_key(update, path); });
+  }
+
+  // Builds a large key "top" and lets a session die right after the transaction that deletes it, still without space.
+  void die_while_removing_top() {
+    SharedKv* connection = nullptr;
+    auto dying = session(&connection);
+    ASSERT_TRUE(done(build(*one_, [] {})));
+    kv_.is_full = true;
+    kv_.after_txn = [&](const TxnRequest& request) {
+      if (request.success_size() > 0 && request.success(0).has_request_delete_range()) connection->die();
+      return Reply();
+    };
+    EXPECT_TRUE(done(remove(*dying, "top")));
+    dying.reset();
+    kv_.after_txn = nullptr;
   }
 
   int orphans_found_by(Core& core, bool repair) {
@@ -317,17 +324,7 @@ TEST_F(EtcdWithoutSpace, KeysCanBeDeletedAndNothingElse) {
 
 // Nothing says that what hung below the key is to be removed. It must not come back, and a repair must find it.
 TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsFoundByARepair) {
-  SharedKv* connection = nullptr;
-  auto dying = session(&connection);
-  ASSERT_TRUE(done(build(*one_, [] {})));
-  kv_.is_full = true;
-  kv_.after_txn = [&](const TxnRequest& request) {
-    if (request.success_size() > 0 && request.success(0).has_request_delete_range()) connection->die();
-    return Reply();
-  };
-  EXPECT_TRUE(done(remove(*dying, "top")));
-  dying.reset();
-  kv_.after_txn = nullptr;
+  ASSERT_NO_FATAL_FAILURE(die_while_removing_top());
   ASSERT_EQ(kv_.count(keys_.all_nodes()), 1u + kMany);
 
   const auto later = session();
@@ -343,17 +340,7 @@ TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsFoundByARepair) {
 
 // The same where a session later builds a key of the same name: no id of what remains is used again.
 TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsNotTakenForSomethingNew) {
-  SharedKv* connection = nullptr;
-  auto dying = session(&connection);
-  ASSERT_TRUE(done(build(*one_, [] {})));
-  kv_.is_full = true;
-  kv_.after_txn = [&](const TxnRequest& request) {
-    if (request.success_size() > 0 && request.success(0).has_request_delete_range()) connection->die();
-    return Reply();
-  };
-  EXPECT_TRUE(done(remove(*dying, "top")));
-  dying.reset();
-  kv_.after_txn = nullptr;
+  ASSERT_NO_FATAL_FAILURE(die_while_removing_top());
   kv_.is_full = false;
 
   const auto later = session();

@@ -80,16 +80,18 @@ inline Status create_key(Store& store, std::string_view path, std::string_view t
   });
 }
 
+inline Status delete_key(Update& update, std::string_view path) {
+  const auto [parent_path, name] = split(path);
+  Node parent;
+  Node node;
+  if (Status status = follow(update, parent_path, &parent); !status.ok()) return status;
+  if (Status status = update.find(parent.id, name, &node); !status.ok()) return status;
+  if (Status status = update.unlink(parent.id, name); !status.ok()) return status;
+  return update.discard(node.id);
+}
+
 inline Status delete_key(Store& store, std::string_view path) {
-  return store.write([&](Update& update) -> Status {
-    const auto [parent_path, name] = split(path);
-    Node parent;
-    Node node;
-    if (Status status = follow(update, parent_path, &parent); !status.ok()) return status;
-    if (Status status = update.find(parent.id, name, &node); !status.ok()) return status;
-    if (Status status = update.unlink(parent.id, name); !status.ok()) return status;
-    return update.discard(node.id);
-  });
+  return store.write([&](Update& update) { return delete_key(update, path); });
 }
 
 inline Status move_key(Store& store, std::string_view from, std::string_view to) {
