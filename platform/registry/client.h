@@ -263,6 +263,34 @@ struct LongReader {
   std::uint64_t held_bytes = 0;  // that have been freed since, and cannot be used again before it ends
 };
 
+// A member of the cluster that a registry is kept on.
+struct ClusterMember {
+  std::string name;     // empty: it has none, or the user may not see it
+  std::string address;  // of its endpoint or, if it has none, as the cluster tells clients
+  bool leads = false;
+  std::string problem;  // why nothing is known about it; empty: it has answered
+  std::string version;
+  std::uint64_t bytes = 0;  // of its database on disk
+};
+
+struct ClusterAlarm {
+  std::string member;  // its name or, without one, its address or number
+  std::string alarm;   // "no space"
+};
+
+// What a registry that is kept on a cluster can tell.
+struct ClusterStatus {
+  std::vector<ClusterMember> members;
+  std::vector<ClusterAlarm> alarms;
+  std::uint64_t revision = 0;
+  std::uint64_t bytes_in_use = 0;  // of the largest database; the rest can be freed
+  std::uint64_t claims = 0;        // large changes under way
+  std::uint64_t garbage = 0;       // deleted subtrees that are still to be removed
+  std::uint64_t builds = 0;        // unfinished changes
+  std::uint64_t dead_builds = 0;   // of those, whose sessions have ended
+  std::uint64_t retries = 0;       // requests repeated since the session was opened
+};
+
 // What a registry can tell about itself without reading all keys. 0: not known or, for limits, none.
 struct RegistryStatus {
   std::string store;            // "lmdb", "etcd"
@@ -271,6 +299,7 @@ struct RegistryStatus {
   std::uint32_t readers = 0;    // sessions that are open for reading, of all processes
   std::uint32_t max_readers = 0;
   std::vector<LongReader> long_readers;  // that have read one state for a minute or longer
+  std::optional<ClusterStatus> cluster;  // only of a registry on a cluster
 };
 
 // Called with the number of keys that an operation has worked on so far. An operation that has to begin again begins at

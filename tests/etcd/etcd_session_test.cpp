@@ -7,6 +7,7 @@
 
 #include "fake_kv.h"
 #include "store/etcd/checker.h"
+#include "store/etcd/cluster_status.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
@@ -265,6 +266,31 @@ TEST_F(EtcdSession, LooksAroundAgainWhileItIsOpen) {
   busy.reset();  // which gives it the time it needs
   EXPECT_EQ(kv_.count(keys_.all_garbage()), 0u);
   expect_only_nodes(1);
+}
+
+TEST_F(EtcdSession, TheStatusCountsWhatIsUnderWayAndWhatIsLeftOver) {
+  StoreStatus status;
+  const auto look = [&] {
+    EXPECT_TRUE(done(read_cluster_status(*one_, &status)));
+    return *status.cluster;
+  };
+  EXPECT_EQ(look().builds, 0u);
+  SharedKv* connection = nullptr;
+  auto dying = session(&connection);
+  EXPECT_TRUE(build(*dying, [&] {
+                EXPECT_EQ(look().builds, 1u);
+                EXPECT_EQ(look().dead_builds, 0u);
+                connection->die();
+              }).is(PRTKV_UNREACHABLE));
+  EXPECT_EQ(look().dead_builds, 0u) << "its lease has not run out";
+  kv_.expire_leases();
+  kv_.put(keys_.garbage(77), "");
+  kv_.put(keys_.claim(kRootNode, "token"), ClaimText{}.print());
+  EXPECT_EQ(look().builds, 1u);
+  EXPECT_EQ(look().dead_builds, 1u);
+  EXPECT_EQ(look().garbage, 1u);
+  EXPECT_EQ(look().claims, 1u);
+  EXPECT_EQ(look().revision, static_cast<std::uint64_t>(kv_.revision()));
 }
 
 // ---- without space

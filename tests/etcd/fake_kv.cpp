@@ -147,6 +147,11 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   return {};
 }
 
+Reply FakeKv::ask_members(ClusterAnswer* answer, Deadline) {
+  *answer = members;
+  return {};
+}
+
 Reply FakeKv::grant_lease(std::int64_t ttl, Lease* lease, Deadline) {
   const std::lock_guard lock(mutex_);
   if (is_full) return {Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "database space exceeded"), false};

@@ -42,6 +42,7 @@ class FakeKv final : public Kv {
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
   Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;
+  Reply ask_members(ClusterAnswer* answer, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override { return std::chrono::seconds(60); }
   bool is_ours() const override { return true; }
 
@@ -53,6 +54,9 @@ class FakeKv final : public Kv {
 
   // The space alarm: nothing can be put any more.
   std::atomic<bool> is_full{false};
+
+  // What the cluster says about itself.
+  ClusterAnswer members;
 
   // Direct access, as another client has it.
   void put(const std::string& key, const std::string& value);
@@ -109,6 +113,9 @@ class SharedKv final : public Kv {
   }
   Reply revoke_lease(std::int64_t id, Deadline deadline) override {
     return dead_ ? silence() : kv_.revoke_lease(id, deadline);
+  }
+  Reply ask_members(ClusterAnswer* answer, Deadline deadline) override {
+    return dead_ ? silence() : kv_.ask_members(answer, deadline);
   }
   std::chrono::milliseconds timeout() const override { return kv_.timeout(); }
   bool is_ours() const override { return true; }

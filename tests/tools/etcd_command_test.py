@@ -88,11 +88,53 @@ class OnEtcd(CommandTest):
         (self.folder / "back.conf").write_text(f"[registry]\nlocation = {back}\n")
         self.assertEqual(self.out("export", "--conf", self.folder / "back.conf"), before)
 
+    def test_status_shows_the_cluster(self):
+        report = json.loads(self.out("status", "--json"))
+        cluster = report["cluster"]
+        (member,) = cluster["members"]
+        self.assertEqual((member["name"], member["address"]), ("m0", self.cluster.endpoints[0]))
+        self.assertEqual((member["leads"], member["answers"]), (True, True))
+        self.assertNotIn("problem", member)
+        self.assertEqual(report["bytes"], member["bytes"])
+        self.assertGreater(cluster["revision"], 0)
+        self.assertGreater(cluster["bytes_in_use"], 0)
+        self.assertEqual([cluster[name] for name in ("alarms", "claims", "builds", "dead_builds", "garbage", "retries")],
+                         [[], 0, 0, 0, 0, 0])
+        shown = self.out("status")
+        for line in (rf"member +m0 leads, {self.cluster.endpoints[0]}, release 3\.\S+, \d+ bytes", "alarm +none",
+                     r"revision +\d+", r"size +\d+ bytes.*, \d+ in use", "claims +0", "builds +0", "garbage +0",
+                     "retries +0", "keys +2"):
+            self.assertRegex(shown, rf"(?m)^{line}$")
+
     def test_a_member_that_is_gone_is_unreachable(self):
         self.cluster.ask("kill", 0)
         text = (self.folder / "tkv.conf").read_text().replace("60000", "500")
         (self.folder / "tkv.conf").write_text(text)
         self.assertIn(self.cluster.endpoints[0], self.fails(UNREACHABLE, "get", "ready"))
+
+
+class OnSeveralMembers(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.cluster = EtcdCluster(members=3)
+        self.addCleanup(self.cluster.close)
+        addresses = ", ".join(f"etcd://{endpoint}" for endpoint in self.cluster.endpoints)
+        (self.folder / "tkv.conf").write_text(f"[registry]\nlocation = {addresses}\n[etcd]\ntimeout_ms = 60000\n")
+        self.tkv("set", "ready", "yes")
+
+    def test_status_names_a_member_that_is_gone(self):
+        self.assertEqual(self.out("status").count(" leads, "), 1)
+        self.cluster.ask("kill", 1)
+        self.tkv("get", "ready")  # once there is a leader again
+        members = json.loads(self.out("status", "--json"))["cluster"]["members"]
+        self.assertEqual({member["name"]: member["answers"] for member in members}, {"m0": True, "m1": False, "m2": True})
+        (gone,) = (member for member in members if not member["answers"])
+        self.assertEqual(gone["address"], self.cluster.endpoints[1])
+        self.assertIn("does not answer", gone["problem"])
+        self.assertNotIn("version", gone)
+        shown = self.out("status")
+        self.assertRegex(shown, rf"(?m)^member +m1 {self.cluster.endpoints[1]}, does not answer: ")
+        self.assertRegex(shown, r"(?m)^serving +yes$")
 
 
 class TheModule(CommandTest):

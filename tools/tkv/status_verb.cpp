@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "backup_text.h"
+#include "base/function_ref.h"
 #include "characters.h"
 #include "context.h"
 #include "description.h"
@@ -65,9 +66,10 @@ Outcome ask(Context& context, bool quick, StatusReport* report) {
   return quick ? Outcome() : count(context, report);
 }
 
-std::string size_text(std::uint64_t bytes, std::uint64_t max_bytes) {
-  std::string text = counted(bytes, "byte");
-  if (max_bytes != 0) text += " of " + std::to_string(max_bytes);
+std::string size_text(const registry::RegistryStatus& registry) {
+  std::string text = counted(registry.bytes, "byte");
+  if (registry.max_bytes != 0) text += " of " + std::to_string(registry.max_bytes);
+  if (registry.cluster) text += ", " + std::to_string(registry.cluster->bytes_in_use) + " in use";
   return text;
 }
 
@@ -87,12 +89,70 @@ std::string reader_json(const registry::LongReader& reader) {
       .str();
 }
 
+// "alpha leads, 10.0.0.1:2379, release 3.4.23, 20480 bytes".
+std::string member_text(const registry::ClusterMember& member) {
+  std::string text = member.name.empty() ? "" : member.name + " ";
+  text += member.leads ? "leads, " : "";
+  text += member.address;
+  if (!member.problem.empty()) return text + ", " + member.problem;
+  return text + ", release " + member.version + ", " + counted(member.bytes, "byte");
+}
+
+std::string member_json(const registry::ClusterMember& member) {
+  JsonObject object;
+  if (!member.name.empty()) object.utf8("name", member.name);
+  object.utf8("address", member.address).flag("leads", member.leads).flag("answers", member.problem.empty());
+  if (!member.problem.empty()) return object.utf8("problem", member.problem).str();
+  return object.utf8("version", member.version).number("bytes", member.bytes).str();
+}
+
+std::string builds_text(const registry::ClusterStatus& cluster) {
+  std::string text = std::to_string(cluster.builds);
+  if (cluster.dead_builds != 0) text += ", " + std::to_string(cluster.dead_builds) + " of ended sessions";
+  return text;
+}
+
+void print_cluster(const registry::ClusterStatus& cluster,
+                   FunctionRef<void(const char* label, const std::string& text)> row) {
+  for (const registry::ClusterMember& member : cluster.members) row("member", utf8_for_people(member_text(member)));
+  if (cluster.alarms.empty()) row("alarm", "none");
+  for (const registry::ClusterAlarm& raised : cluster.alarms) {
+    row("alarm", utf8_for_people(raised.member + ": " + raised.alarm));
+  }
+  row("revision", std::to_string(cluster.revision));
+  row("claims", std::to_string(cluster.claims));
+  row("builds", builds_text(cluster));
+  row("garbage", std::to_string(cluster.garbage));
+  row("retries", std::to_string(cluster.retries));
+}
+
+std::string cluster_json(const registry::ClusterStatus& cluster) {
+  std::vector<std::string> members;
+  std::vector<std::string> alarms;
+  for (const registry::ClusterMember& member : cluster.members) members.push_back(member_json(member));
+  for (const registry::ClusterAlarm& raised : cluster.alarms) {
+    alarms.push_back(JsonObject().utf8("member", raised.member).utf8("alarm", raised.alarm).str());
+  }
+  return JsonObject()
+      .raw("members", json_array(members))
+      .raw("alarms", json_array(alarms))
+      .number("revision", cluster.revision)
+      .number("bytes_in_use", cluster.bytes_in_use)
+      .number("claims", cluster.claims)
+      .number("builds", cluster.builds)
+      .number("dead_builds", cluster.dead_builds)
+      .number("garbage", cluster.garbage)
+      .number("retries", cluster.retries)
+      .str();
+}
+
 void print_report(Context& context, const StatusReport& report) {
   const auto row = [&](const char* label, const std::string& text) { context.print(padded(label, 13) + text); };
   for (const std::string& location : report.configuration.locations) row("location", location);
   row("store", report.configuration.store());
   row("serving", report.serving.ok() ? "yes" : "no");
-  if (report.registry.bytes != 0) row("size", size_text(report.registry.bytes, report.registry.max_bytes));
+  if (report.registry.bytes != 0) row("size", size_text(report.registry));
+  if (report.registry.cluster) print_cluster(*report.registry.cluster, row);
   if (report.registry.max_readers != 0) {
     row("readers", std::to_string(report.registry.readers) + " of " + std::to_string(report.registry.max_readers));
   }
@@ -129,6 +189,7 @@ std::string report_json(const StatusReport& report) {
     for (const registry::LongReader& reader : report.registry.long_readers) readers.push_back(reader_json(reader));
     object.raw("long_readers", json_array(readers));
   }
+  if (report.registry.cluster) object.raw("cluster", cluster_json(*report.registry.cluster));
   if (report.checked) {
     object.number("keys", report.checked->keys)
         .number("values", report.checked->values)
@@ -167,8 +228,15 @@ constinit const Verb kStatusVerb{
     .details = R"(Opens the registry, reads from it, and shows what it found: store, size, open
 readers, numbers of keys and values, damage, and the newest backup in the
 configured backup location. A process that has read one state of an embedded
-registry for minutes is named: until it ends, the file grows with each write. The exit code is 0 only if the registry serves
-requests and no damage was found.
+registry for minutes is named: until it ends, the file grows with each write.
+The exit code is 0 only if the registry serves requests and no damage was found.
+
+Of a registry on etcd it also shows the cluster: each member, or why it does not
+answer; the alarms; the size of the largest database, and the quota if etcd
+tells it (from release 3.6 on); and what sessions have under way or have left:
+large changes (claims), unfinished changes (builds), and deleted keys that are
+still to be removed (garbage). A member that does not answer and an alarm do not
+change the exit code as long as the registry serves requests.
 
 Counting reads every record, like verify, and needs the rights r and l on the
 root; without them the counts are left out. --quick does not count.

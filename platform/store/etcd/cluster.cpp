@@ -37,6 +37,7 @@ constexpr std::size_t kBytesPerMillisecond = 1024;  // of a slow network
 constexpr milliseconds kMeasuredTransfer{16};       // answers to larger requests tell nothing about the round trip
 constexpr int kReceiveLimit = 4 * 1024 * 1024;      // twice what a page or a value needs
 constexpr int kTimeoutsBeforeReconnect = 3;
+constexpr double kPatienceWithMember = 4;  // when it alone can answer
 
 constexpr const char* kMayWantTls = " (when the server wants TLS, a ca must be configured)";
 constexpr const char* kMayWantOtherTls =
@@ -151,6 +152,7 @@ struct Link {
         kv(channel),
         lease(channel),
         auth(channel),
+        cluster(channel),
         maintenance(channel),
         identity(std::move(with)) {}
 
@@ -165,6 +167,7 @@ struct Link {
   etcdserverpb::KV::Stub kv;
   etcdserverpb::Lease::Stub lease;
   etcdserverpb::Auth::Stub auth;
+  etcdserverpb::Cluster::Stub cluster;
   etcdserverpb::Maintenance::Stub maintenance;
   const std::shared_ptr<const TlsIdentity> identity;
 
@@ -258,6 +261,7 @@ struct Cluster::Connection {
   std::vector<Endpoint> endpoints;
   std::atomic<std::size_t> preferred{0};
   std::atomic<std::uint64_t> cluster_id{0};
+  std::atomic<std::uint64_t> retries{0};
   std::mutex identity_mutex;
   std::shared_ptr<const TlsIdentity> identity = std::make_shared<TlsIdentity>();
   std::mutex token_mutex;
@@ -277,6 +281,9 @@ struct Cluster::Connection {
   Judgement ask(Endpoint& endpoint, double stretch, Deadline deadline, std::size_t bytes, grpc::ClientContext* context,
                 Attempt attempt);
   Judgement judge_answer(const Answer& answer);
+  Reply list_members(etcdserverpb::MemberListResponse* members, Deadline deadline);
+  Reply list_alarms(etcdserverpb::AlarmResponse* alarms, Deadline deadline);
+  Status ask_member(Endpoint& endpoint, Deadline deadline, etcdserverpb::StatusResponse* member);
   Status unreachable(const std::vector<std::string>& reasons) const;
 };
 
@@ -415,6 +422,7 @@ Reply Cluster::Connection::call(Deadline deadline, std::size_t bytes, bool with_
     if (rounds.is_hopeless() || deadline.left().count() == 0) {
       return {Verdict::kTryElsewhere, unreachable(rounds.reasons()), repeated};
     }
+    ++retries;
   }
 }
 
@@ -452,6 +460,38 @@ Status Cluster::Connection::check_version(Deadline deadline) {
                 return answer;
               })
       .status;
+}
+
+Reply Cluster::Connection::list_members(etcdserverpb::MemberListResponse* members, Deadline deadline) {
+  return call(deadline, 0, true, [&](Link& link, grpc::ClientContext* context) {
+    members->Clear();
+    return Answer{link.cluster.MemberList(context, {}, members), members->header().cluster_id(), {}};
+  });
+}
+
+Reply Cluster::Connection::list_alarms(etcdserverpb::AlarmResponse* alarms, Deadline deadline) {
+  return call(deadline, 0, true, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::AlarmRequest request;
+    request.set_action(etcdserverpb::AlarmRequest::GET);
+    alarms->Clear();
+    return Answer{link.maintenance.Alarm(context, request, alarms), alarms->header().cluster_id(), {}};
+  });
+}
+
+Status Cluster::Connection::ask_member(Endpoint& endpoint, Deadline deadline, etcdserverpb::StatusResponse* member) {
+  bool renewed = false;
+  while (true) {
+    grpc::ClientContext context;
+    const std::uint64_t token_used = add_token(&context);
+    const Judgement judgement =
+        ask(endpoint, kPatienceWithMember, deadline, 0, &context, [&](Link& link, grpc::ClientContext* with) {
+          member->Clear();
+          return Answer{link.maintenance.Status(with, {}, member), member->header().cluster_id(), {}};
+        });
+    if (judgement.verdict != Verdict::kRenewToken || renewed || options.user.empty()) return judgement.status;
+    renewed = true;
+    if (Status status = renew_token(token_used, deadline); !status.ok()) return status;
+  }
 }
 
 // The files as they are now. If they cannot be used, because they are being replaced, the former contents stay.
@@ -568,6 +608,26 @@ Reply Cluster::revoke_lease(std::int64_t id, Deadline deadline) {
     etcdserverpb::LeaseRevokeResponse response;
     return Answer{link.lease.LeaseRevoke(context, request, &response), response.header().cluster_id(), {}};
   });
+}
+
+// Whoever may not see members or alarms sees the rest.
+Reply Cluster::ask_members(ClusterAnswer* answer, Deadline deadline) {
+  *answer = {};
+  if (Reply reply = connection_->list_members(&answer->members, deadline);
+      !reply.ok() && !reply.status.is(PRTKV_ACCESS_DENIED)) {
+    return reply;
+  }
+  if (Reply reply = connection_->list_alarms(&answer->alarms, deadline);
+      !reply.ok() && !reply.status.is(PRTKV_ACCESS_DENIED)) {
+    return reply;
+  }
+  for (Endpoint& endpoint : connection_->endpoints) {
+    EndpointAnswer& each = answer->endpoints.emplace_back();
+    each.address = endpoint.address();
+    each.status = connection_->ask_member(endpoint, Deadline(connection_->options.timeout), &each.member);
+  }
+  answer->retries = connection_->retries;
+  return {};
 }
 
 std::chrono::milliseconds Cluster::timeout() const { return connection_->options.timeout; }

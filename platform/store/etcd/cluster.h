@@ -64,6 +64,7 @@ class Cluster final : public Kv {
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
   Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;
+  Reply ask_members(ClusterAnswer* answer, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override;
   bool is_ours() const override;
 

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "store/etcd/checker.h"
+#include "store/etcd/cluster_status.h"
 #include "store/etcd/core.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/opening.h"
@@ -80,6 +81,10 @@ class EtcdStore final : public Store {
   }
 
   const char* kind() const override { return "etcd"; }
+
+  Status status(StoreStatus* status) override {
+    return guarded([&] { return read_cluster_status(core_, status); });
+  }
 
  private:
   Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function);

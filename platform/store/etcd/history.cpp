@@ -134,4 +134,8 @@ Reply History::keep_lease_alive(Lease* lease, Deadline deadline) {
 
 Reply History::revoke_lease(std::int64_t id, Deadline deadline) { return kv_->revoke_lease(id, deadline); }
 
+Reply History::ask_members(ClusterAnswer* answer, Deadline deadline) {
+  return ended_ ? end() : kv_->ask_members(answer, deadline);
+}
+
 }  // namespace tkv::store::etcd

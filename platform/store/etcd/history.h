@@ -35,6 +35,7 @@ class History final : public Kv {
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
   Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;
+  Reply ask_members(ClusterAnswer* answer, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override { return kv_->timeout(); }
   bool is_ours() const override { return kv_->is_ours(); }
 

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "base/status.h"
 #include "etcd.pb.h"
@@ -45,6 +47,21 @@ struct Lease {
   std::int64_t ttl = 0;  // seconds
 };
 
+// What one endpoint says about its member, or why it says nothing.
+struct EndpointAnswer {
+  std::string address;
+  Status status;
+  etcdserverpb::StatusResponse member;
+};
+
+// What the cluster says about itself. What the user may not see is empty.
+struct ClusterAnswer {
+  etcdserverpb::MemberListResponse members;
+  etcdserverpb::AlarmResponse alarms;
+  std::vector<EndpointAnswer> endpoints;
+  std::uint64_t retries = 0;  // requests sent to another endpoint, or again, since connecting
+};
+
 class Kv {
  public:
   virtual ~Kv() = default;
@@ -69,6 +86,10 @@ class Kv {
   virtual Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) = 0;
   virtual Reply keep_lease_alive(Lease* lease, Deadline deadline) = 0;
   virtual Reply revoke_lease(std::int64_t id, Deadline deadline) = 0;
+
+  // Asks the cluster for its members and alarms, and every endpoint for its member. An endpoint that does not answer is
+  // part of the answer.
+  virtual Reply ask_members(ClusterAnswer* answer, Deadline deadline) = 0;
 
   // The time limit of one operation.
   virtual std::chrono::milliseconds timeout() const = 0;
