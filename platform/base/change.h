@@ -27,9 +27,9 @@ struct Change {
     kChangedAtOrBelow = 6,  // stands for more changes than a record lists, all of them at this key or below it
   };
   Kind kind = Kind::kValue;
-  std::string name;      // full name of the key after the change or, if it was deleted, before it
-  std::string from;      // of kMoved: the full name before
-  std::uint64_t id = 0;  // of the key; 0 of kChangedAtOrBelow
+  std::string name = {};  // full name of the key after the change or, if it was deleted, before it
+  std::string from = {};  // of kMoved: the full name before
+  std::uint64_t id = 0;   // of the key; 0 of kChangedAtOrBelow
 
   bool operator==(const Change&) const = default;
 };
@@ -37,12 +37,12 @@ struct Change {
 // A change as its author describes it.
 struct ChangeDescription {
   std::int64_t time = 0;      // microseconds since 1970, UTC, by the author's clock
-  std::string author;         // the user
-  std::string host;           // where the author's process ran
-  std::string program;        // its name
+  std::string author = {};    // the user
+  std::string host = {};      // where the author's process ran
+  std::string program = {};   // its name
   std::uint32_t process = 0;  // its id
-  std::string note;           // what the change is for, "" if the author did not say
-  std::vector<Change> changes;
+  std::string note = {};      // what the change is for, "" if the author did not say
+  std::vector<Change> changes = {};
 
   bool operator==(const ChangeDescription&) const = default;
 };

@@ -22,8 +22,8 @@ struct Condition {
     kRevision,  // it exists, and its last change (KeyInfo::revision) was `revision`. Needs TKV_RIGHT_READ
   };
   Kind kind = Kind::kExists;
-  std::string name;
-  TypedValue value;
+  std::string name = {};
+  TypedValue value = {};
   Revision revision = 0;
   KeyId id = kAnyKey;  // of all kinds but kAbsent: and it is this key
 };
@@ -40,11 +40,11 @@ struct Operation {
     kSecurity,  // replaces the security record by `security` or, if that is not given, applies `change`: `recursive`
   };
   Kind kind = Kind::kPut;
-  std::string name;  // full name
-  std::string target;
-  TypedValue value;
-  std::optional<sec_attr> security;
-  SecurityChange change;
+  std::string name = {};  // full name
+  std::string target = {};
+  TypedValue value = {};
+  std::optional<sec_attr> security = {};
+  SecurityChange change = {};
   bool create_parents = false;  // of kPut and kCreate: creates missing ancestors, without values
   bool recursive = false;
   bool replace = false;
@@ -52,17 +52,17 @@ struct Operation {
 };
 
 struct Batch {
-  std::vector<Condition> conditions;
-  std::vector<Operation> operations;
-  NewKeySecurity new_keys;
+  std::vector<Condition> conditions = {};
+  std::vector<Operation> operations = {};
+  NewKeySecurity new_keys = {};
 };
 
 struct CommitResult {
   Revision revision = 0;  // of the change or, if the batch changed nothing, of the state that it was compared with
   // After PRTKV_CONFLICT, the index of the first condition that does not hold; after another failure of one operation,
   // the index of that operation.
-  std::optional<std::size_t> failed_condition;
-  std::optional<std::size_t> failed_operation;
+  std::optional<std::size_t> failed_condition = {};
+  std::optional<std::size_t> failed_operation = {};
 };
 
 }  // namespace tkv::registry

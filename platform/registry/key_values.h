@@ -207,7 +207,7 @@ struct ApplyOptions {
 
 // What a check found to be wrong.
 struct Damage {
-  enum class Kind { kDamagedKey, kDamagedValue, kOrphan, kOrphanValue, kDuplicateId };
+  enum class Kind { kDamagedKey, kDamagedValue, kOrphan, kOrphanValue, kDuplicateId, kDamagedChange };
   Kind kind = Kind::kDamagedKey;
   std::optional<std::string> name;  // full name, if the tree still leads there
   std::string level;                // last level, as far as it can be read; "" for values

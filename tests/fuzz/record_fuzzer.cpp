@@ -45,7 +45,7 @@ void try_value(std::vector<std::byte> record, bool sealed) {
   Value value;
   if (!decode_value(7, record, &value).ok()) return;
   std::vector<std::byte> again(value_record_size(value.bytes.size()));
-  encode_value(7, value.type, value.bytes, again);
+  encode_value(7, value, again);
   require(again == record);
 }
 

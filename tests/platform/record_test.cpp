@@ -45,7 +45,7 @@ std::string documented(const std::string& title) {
 
 std::vector<std::byte> value_record(NodeId id, std::int32_t type, std::string_view text) {
   std::vector<std::byte> record(value_record_size(text.size()));
-  encode_value(id, type, std::as_bytes(std::span(text.data(), text.size())), record);
+  encode_value(id, {type, std::as_bytes(std::span(text.data(), text.size())), kRevision}, record);
   return record;
 }
 

@@ -297,7 +297,7 @@ Status Stm::set_value(NodeId id, std::int32_t type, std::span<const std::byte> b
     return {};
   }
   std::string record(value_record_size(bytes.size()), '\0');
-  encode_value(id, type, bytes, std::as_writable_bytes(std::span(record)));
+  encode_value(id, {type, bytes}, std::as_writable_bytes(std::span(record)));
   if (writes_.is_fresh(id)) {
     if (Status status = staging_.make_room(record.size() + kOperationOverhead); !status.ok()) return status;
   }

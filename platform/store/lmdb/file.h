@@ -5,6 +5,9 @@
 //   'M'                             the registry's record of itself
 //   'N', parent id, level name      a node; ids have the high byte first, so that siblings are adjacent and in order
 //   'V', id                         a value
+//   'L', revision, number           a part of a change in the log, the numbers with the high byte first
+//
+// The log is beside the registry's record of itself, which every change rewrites: most often both are on one page.
 #ifndef TKV_PLATFORM_STORE_LMDB_FILE_H
 #define TKV_PLATFORM_STORE_LMDB_FILE_H
 
@@ -27,6 +30,7 @@ namespace tkv::store {
 constexpr std::byte kMetaKey{'M'};
 constexpr std::byte kNodeKey{'N'};
 constexpr std::byte kValueKey{'V'};
+constexpr std::byte kChangeKey{'L'};
 
 // LMDB's handle of the unnamed database, which every environment has.
 constexpr MDB_dbi kDatabase = 1;
@@ -36,6 +40,7 @@ class Key {
  public:
   static Key meta();
   static Key value(NodeId id);
+  static Key change(Revision revision, std::uint32_t part);
   // Without a name: the prefix of the keys of all children. `name` is at most kMaxLevelSize bytes long.
   static Key node(NodeId parent, std::string_view name = {});
 
@@ -47,7 +52,7 @@ class Key {
 
  private:
   Key() = default;
-  void put_id(NodeId id);
+  void put_number(std::uint64_t number, std::size_t size = sizeof(std::uint64_t));
 
   std::array<std::byte, 1 + 8 + kMaxLevelSize> bytes_;
   std::size_t size_ = 0;
@@ -56,11 +61,12 @@ class Key {
 // The parts of a key.
 struct KeyParts {
   std::byte kind;
-  NodeId id = kNoNode;    // for a node, the parent's
-  std::string_view name;  // within the key
+  std::uint64_t id = kNoNode;  // for a node, the parent's; for a change, its revision
+  std::string_view name;       // of a node, within the key
+  std::uint32_t part = 0;      // of a change
 };
 
-// Takes a key apart. Returns false if it is of none of the three kinds.
+// Takes a key apart. Returns false if it is of none of these kinds.
 bool read_key(std::span<const std::byte> key, KeyParts* parts);
 
 // Fills an empty file with a registry that has only a root. Durable on return.

@@ -1,13 +1,24 @@
 #include "store/lmdb/lmdb_update.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstring>
 #include <memory>
 
+#include "store/lmdb/log.h"
 #include "store/lmdb/tree.h"
 
 namespace tkv::store {
 namespace {
+
+std::uint32_t parts_of(std::size_t content_size) {
+  return static_cast<std::uint32_t>((content_size + kMaxChangePart - 1) / kMaxChangePart);
+}
+
+std::string_view text_of(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 using Cursor = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
 
@@ -49,8 +60,11 @@ Status LmdbUpdate::remove(const Key& key) {
 }
 
 Status LmdbUpdate::remove_value(NodeId id) {
-  Status status = remove(Key::value(id));
-  return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
+  const Key key = Key::value(id);
+  bool found = false;
+  std::span<const std::byte> record;
+  if (Status status = get(key, &found, &record); !status.ok()) return status;
+  return found ? erase(key) : Status();
 }
 
 Status LmdbUpdate::load_meta() {
@@ -64,7 +78,59 @@ Status LmdbUpdate::load_meta() {
     return status.about("the record of the registry itself");
   }
   meta_ = meta;
+  former_revision_ = meta.revision;
+  first_new_id_ = meta.next_id;
   return {};
+}
+
+Status LmdbUpdate::revision(Revision* revision) {
+  Status status = load_meta();
+  if (status.ok()) *revision = former_revision_;
+  return status;
+}
+
+Status LmdbUpdate::change(Revision revision, ChangeRecord* record) {
+  if (Status status = load_meta(); !status.ok()) return status;
+  return read_change(former_, *meta_, revision, record);
+}
+
+// What hangs below a node that this update creates needs no former record: nothing leads there in an earlier state.
+Status LmdbUpdate::keep_former(const Key& key) {
+  KeyParts parts;
+  if (Status status = load_meta(); !status.ok()) return status;
+  const bool is_new = read_key(key.bytes(), &parts) && parts.id >= first_new_id_;
+  if (retention_.off || hides_past_ || is_new) return {};
+  if (!kept_.emplace(text_of(key.bytes())).second) return {};
+  bool found = false;
+  std::span<const std::byte> record;
+  if (Status status = get(key, &found, &record); !status.ok()) return status;
+  formers_.add(key.bytes(), found ? std::optional(record) : std::nullopt);
+  hides_past_ = formers_.bytes().size() > retention_.bytes;
+  if (hides_past_) {
+    formers_.clear();
+    kept_.clear();
+  }
+  return {};
+}
+
+Status LmdbUpdate::replace(const Key& key, std::span<const std::byte> record, unsigned flags) {
+  if (Status status = keep_former(key); !status.ok()) return status;
+  Status status = put(key, record, flags);
+  changed_ = changed_ || status.ok();
+  return status;
+}
+
+Status LmdbUpdate::erase(const Key& key) {
+  if (Status status = keep_former(key); !status.ok()) return status;
+  Status status = remove(key);
+  changed_ = changed_ || status.ok();
+  return status;
+}
+
+Status LmdbUpdate::put_node(NodeId parent, std::string_view name, Node node, unsigned flags) {
+  if (Status status = load_meta(); !status.ok()) return status;
+  node.revision = former_revision_ + 1;
+  return replace(Key::node(parent, name), encode_node(parent, name, node), flags);
 }
 
 Status LmdbUpdate::find(NodeId parent, std::string_view name, Node* node) {
@@ -144,20 +210,20 @@ Status LmdbUpdate::new_id(NodeId* id) {
 Status LmdbUpdate::insert(NodeId parent, std::string_view name, const Node& node) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
   if (node.id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a node needs an id"};
-  return put(Key::node(parent, name), encode_node(parent, name, node), MDB_NOOVERWRITE);
+  return put_node(parent, name, node, MDB_NOOVERWRITE);
 }
 
 Status LmdbUpdate::set_security(NodeId parent, std::string_view name, const sec_attr& security) {
   Node node;
   if (Status status = find(parent, name, &node); !status.ok()) return status;
   node.security = security;
-  return put(Key::node(parent, name), encode_node(parent, name, node), 0);
+  return put_node(parent, name, node, 0);
 }
 
 Status LmdbUpdate::unlink(NodeId parent, std::string_view name) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
   if (Status status = load_meta(); !status.ok()) return status;
-  if (Status status = remove(Key::node(parent, name)); !status.ok()) return status;
+  if (Status status = erase(Key::node(parent, name)); !status.ok()) return status;
   ++meta_->structure;
   meta_changed_ = true;
   return {};
@@ -189,10 +255,10 @@ Status LmdbUpdate::remove_damaged(NodeId parent, std::string_view name) {
 Status LmdbUpdate::remove_children(NodeId parent, std::vector<NodeId>* ids) {
   const auto take = [&](std::string_view name, const Node& child) -> Status {
     ids->push_back(child.id);
-    return remove(Key::node(parent, name));
+    return erase(Key::node(parent, name));
   };
   return children_with_damage(parent, take,
-                              [&](std::string_view name, const Status&) { return remove(Key::node(parent, name)); });
+                              [&](std::string_view name, const Status&) { return erase(Key::node(parent, name)); });
 }
 
 // The record is composed in memory of its own: the bytes may belong to a value in this transaction, whose page the
@@ -200,31 +266,197 @@ Status LmdbUpdate::remove_children(NodeId parent, std::vector<NodeId>* ids) {
 Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes) {
   if (id == kNoNode) return {PRTKV_INVALID_ARGUMENT, "a value needs a node"};
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
-  if (type == 0 && bytes.empty()) return remove_value(id);
+  if (Status status = load_meta(); !status.ok()) return status;
+  if (type == 0 && bytes.empty()) {
+    bool found = false;
+    std::span<const std::byte> record;
+    if (Status status = get(Key::value(id), &found, &record); !status.ok() || !found) return status;
+  }
   record_.resize(value_record_size(bytes.size()));
-  encode_value(id, type, bytes, record_);
-  return put(Key::value(id), record_, 0);
+  encode_value(id, {type, bytes, former_revision_ + 1}, record_);
+  return replace(Key::value(id), record_, 0);
 }
 
-void LmdbUpdate::restart_counter(NodeId largest_id) {
+Status LmdbUpdate::restart_counter(NodeId largest_id, Revision revision, bool revision_is_lost) {
   constexpr std::uint64_t kBeyond = std::uint64_t{1} << 40;
+  if (revision_is_lost) {
+    meta_.emplace();
+  } else if (Status status = load_meta(); !status.ok()) {
+    return status;
+  }
   // A structure number may be known to other processes as well, and grows more slowly than the ids.
-  meta_ = Meta{largest_id + kBeyond, largest_id + kBeyond};
-  meta_changed_ = true;
+  meta_->next_id = meta_->structure = first_new_id_ = largest_id + kBeyond;
+  if (revision_is_lost) meta_->revision = meta_->log_after = meta_->oldest_state = revision + kBeyond;
+  former_revision_ = meta_->revision;
+  meta_changed_ = changed_ = true;
+  return {};
+}
+
+Status LmdbUpdate::forget_log(Revision up_to) {
+  if (Status status = load_meta(); !status.ok()) return status;
+  meta_->log_after = std::max(meta_->log_after, up_to);
+  meta_->oldest_state = std::max(meta_->oldest_state, up_to);
+  meta_changed_ = changed_ = true;
+  return {};
 }
 
 // What is to be removed was found in the former state.
 Status LmdbUpdate::remove_all(const TreeCheck::Removable& removable) {
   for (const TreeCheck::CheckedNode& node : removable.nodes)
-    if (Status status = remove(Key::node(node.parent, node.name)); !status.ok()) return status;
+    if (Status status = erase(Key::node(node.parent, node.name)); !status.ok()) return status;
   for (const NodeId id : removable.values)
-    if (Status status = remove(Key::value(id)); !status.ok()) return status;
+    if (Status status = erase(Key::value(id)); !status.ok()) return status;
   return {};
 }
 
 Status LmdbUpdate::finish() {
   before_.reset();
-  return meta_changed_ ? put(Key::meta(), encode_meta(*meta_), 0) : Status();
+  if (!changed_ && !meta_changed_) return load_meta();
+  if (changed_) {
+    if (Status status = log_change(); !status.ok()) return status;
+  }
+  return put(Key::meta(), encode_meta(*meta_), 0);
+}
+
+Status LmdbUpdate::log_change() {
+  std::uint32_t parts = 0;
+  const Revision revision = ++meta_->revision;
+  if (retention_.off) {
+    meta_->log_after = meta_->oldest_state = revision;
+    return trim(parts);
+  }
+  if (hides_past_) meta_->oldest_state = revision;
+  Bytes content = encode_description(description_, hides_past_);
+  content.insert(content.end(), formers_.bytes().begin(), formers_.bytes().end());
+  if (Status status = put_content(revision, content, &parts); !status.ok()) return status;
+  if (revision > retention_.changes) meta_->log_after = std::max(meta_->log_after, revision - retention_.changes);
+  return trim(parts);
+}
+
+Status LmdbUpdate::put_content(Revision revision, std::span<const std::byte> content, std::uint32_t* parts) {
+  *parts = parts_of(content.size());
+  for (std::uint32_t number = 0; number < *parts; ++number) {
+    const auto bytes =
+        content.subspan(number * kMaxChangePart, std::min(kMaxChangePart, content.size() - number * kMaxChangePart));
+    const Key key = Key::change(revision, number);
+    record_.resize(bytes.size() + kChangeRecordOverhead);
+    encode_change(revision, number, {*parts, bytes}, record_);
+    if (Status status = put(key, record_, 0); !status.ok()) return status;
+    meta_->history_bytes += key.bytes().size() + record_.size();
+  }
+  return {};
+}
+
+// Removes some of the oldest parts of the log that nobody may read any longer: now and then a batch, which is cheaper
+// than a few with each write, and always more than a large change has added.
+Status LmdbUpdate::trim(std::uint32_t parts) {
+  constexpr Revision kInterval = 16;
+  constexpr std::uint32_t kBatch = 64;
+  std::uint32_t most = parts > 1 ? 2 * parts : 0;
+  if (meta_->revision % kInterval == 0) most += kBatch;
+  bool trimmed = most > 0;
+  for (; trimmed && most > 0; --most) {
+    if (Status status = trim_next(&trimmed); !status.ok()) return status;
+  }
+  meta_->oldest_state = std::max(meta_->oldest_state, meta_->log_after);
+  return {};
+}
+
+Status LmdbUpdate::trim_next(bool* trimmed) {
+  Cursor cursor(nullptr, &mdb_cursor_close);
+  MDB_cursor* raw = nullptr;
+  if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0) {
+    return succeeded({code, code}, "cannot read the registry");
+  }
+  cursor.reset(raw);
+  MDB_val key{};
+  MDB_val data{};
+  bool at_end = false;
+  KeyParts parts;
+  *trimmed = false;
+  if (Status status = seek(raw, Key::change(0, 0), &key, &data, &at_end); !status.ok() || at_end) return status;
+  if (!read_key(bytes_of(key), &parts) || parts.kind != kChangeKey) return {};
+  if (parts.id > meta_->log_after) {
+    if (is_retained(parts.id, bytes_of(data))) return {};
+    meta_->log_after = parts.id;
+  }
+  const std::size_t size = key.mv_size + data.mv_size;
+  if (Status status = remove(Key::change(parts.id, parts.part)); !status.ok()) return status;
+  meta_->history_bytes -= std::min<std::uint64_t>(meta_->history_bytes, size);
+  *trimmed = true;
+  return {};
+}
+
+// Tells whether size and age allow the oldest change, whose first part is given, to stay. The change that is being made
+// stays.
+bool LmdbUpdate::is_retained(Revision revision, std::span<const std::byte> first_part) const {
+  if (revision == meta_->revision) return true;
+  if (meta_->history_bytes > retention_.bytes) return false;
+  ChangePart part;
+  std::int64_t time = 0;
+  if (description_.time == 0 || !decode_change(revision, 0, first_part, &part).ok() ||
+      !decode_time(part.bytes, &time).ok()) {
+    return true;
+  }
+  return time >= description_.time - std::chrono::microseconds(retention_.age).count();
+}
+
+// Rewrites the changes that hold a former value of one of the nodes.
+Status LmdbUpdate::purge(std::span<const NodeId> nodes, std::uint64_t* removed) {
+  std::set<std::string, std::less<>> keys;
+  *removed = 0;
+  if (Status status = load_meta(); !status.ok()) return status;
+  for (const NodeId id : nodes) {
+    const Key key = Key::value(id);
+    keys.emplace(text_of(key.bytes()));
+  }
+  for (bool trimmed = true; trimmed;) {  // what nobody may read any longer is still in the file
+    if (Status status = trim_next(&trimmed); !status.ok()) return status;
+  }
+  for (Revision revision = meta_->log_after + 1; revision <= former_revision_; ++revision) {
+    if (Status status = purge_change(revision, keys, removed); !status.ok()) return status;
+  }
+  changed_ = true;
+  return {};
+}
+
+Status LmdbUpdate::purge_change(Revision revision, const std::set<std::string, std::less<>>& keys,
+                                std::uint64_t* removed) {
+  Bytes buffer;
+  std::span<const std::byte> content;
+  FormerRecords kept;
+  std::uint64_t found = 0;
+  if (Status status = read_content(former_, revision, ContentPart::kWhole, &buffer, &content); !status.ok()) {
+    return status;
+  }
+  const auto keep = [&](std::span<const std::byte> key, std::optional<std::span<const std::byte>> record) {
+    const bool is_purged = record && keys.contains(text_of(key));
+    if (is_purged) ++found;
+    kept.add(key, is_purged ? std::nullopt : record);
+    return Status();
+  };
+  if (Status status = visit_former_records(content, keep).about(change_text(revision)); !status.ok()) return status;
+  if (found == 0) return {};
+  *removed += found;
+  const auto description = content.first(description_end(content));
+  Bytes purged(description.begin(), description.end());
+  purged.insert(purged.end(), kept.bytes().begin(), kept.bytes().end());
+  if (Status status = remove_content(revision, content.size()); !status.ok()) return status;
+  std::uint32_t parts = 0;
+  return put_content(revision, purged, &parts);
+}
+
+Status LmdbUpdate::remove_content(Revision revision, std::size_t size) {
+  for (std::uint32_t number = 0; number < parts_of(size); ++number) {
+    const Key key = Key::change(revision, number);
+    bool found = false;
+    std::span<const std::byte> record;
+    if (Status status = get(key, &found, &record); !status.ok()) return status;
+    const std::uint64_t bytes = key.bytes().size() + record.size();
+    if (Status status = remove(key); !status.ok()) return status;
+    meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
+  }
+  return {};
 }
 
 }  // namespace tkv::store
