@@ -241,8 +241,8 @@ MetaRecord encode_meta(const Meta& meta) {
   MetaRecord record;
   put_header(record.data(), RecordKind::kMeta);
   std::byte* at = record.data() + kHeaderSize;
-  for (const std::uint64_t field :
-       {meta.next_id, meta.structure, meta.revision, meta.log_after, meta.oldest_state, meta.history_bytes}) {
+  for (const std::uint64_t field : {meta.next_id, meta.structure, meta.revision, meta.log_after, meta.oldest_state,
+                                    meta.oldest_stored, meta.history_bytes}) {
     put(at, field);
     at += sizeof field;
   }
@@ -256,7 +256,7 @@ Status decode_meta(std::span<const std::byte> record, Meta* meta) {
   const std::byte* at = record.data() + kHeaderSize;
   Meta found;
   for (std::uint64_t* const field : {&found.next_id, &found.structure, &found.revision, &found.log_after,
-                                     &found.oldest_state, &found.history_bytes}) {
+                                     &found.oldest_state, &found.oldest_stored, &found.history_bytes}) {
     if (at == record.data() + record.size() - kChecksumSize) break;  // version 1 ends with the structure
     *field = get<std::uint64_t>(at);
     at += sizeof *field;

@@ -35,12 +35,12 @@ enum class RecordKind : std::uint8_t { kNode = 1, kValue = 2, kMeta = 3, kChange
 constexpr std::size_t kNodeRecordSize = 168;
 constexpr std::size_t kValueRecordOverhead = 24;   // of a value record, beyond the value's bytes
 constexpr std::size_t kChangeRecordOverhead = 16;  // of a part of a change, beyond the part's bytes
-constexpr std::size_t kMetaRecordSize = 60;
+constexpr std::size_t kMetaRecordSize = 68;
 
 static_assert(kNodeRecordSize == 4 + 8 + 8 + sizeof(sec_attr) + 8, "header, id, revision, security, checksum");
 static_assert(kValueRecordOverhead == 4 + 4 + 8 + 8, "header, type, revision, checksum");
 static_assert(kChangeRecordOverhead == 4 + 4 + 8, "header, number of parts, checksum");
-static_assert(kMetaRecordSize == 4 + 6 * 8 + 8, "header, fields of Meta, checksum");
+static_assert(kMetaRecordSize == 4 + 7 * 8 + 8, "header, fields of Meta, checksum");
 
 using NodeRecord = std::array<std::byte, kNodeRecordSize>;
 using MetaRecord = std::array<std::byte, kMetaRecordSize>;
@@ -52,6 +52,7 @@ struct Meta {
   Revision revision = 0;            // of the state that this record is part of
   Revision log_after = 0;           // the log has every change after this revision
   Revision oldest_state = 0;        // no older state can be read
+  Revision oldest_stored = 1;       // of older changes, nothing is left in the file
   std::uint64_t history_bytes = 0;  // keys and records of the log
 };
 

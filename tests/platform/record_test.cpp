@@ -87,7 +87,7 @@ TEST(Record, KeysAreReadBack) {
     const Key key = Key::node(0x0123456789abcdef, name);
     KeyParts parts;
     ASSERT_TRUE(read_key(key.bytes(), &parts));
-    EXPECT_EQ(parts.kind, kNodeKey);
+    EXPECT_EQ(parts.kind, KeyParts::Kind::kNode);
     EXPECT_EQ(parts.id, 0x0123456789abcdefu);
     EXPECT_EQ(parts.name, name);
   }

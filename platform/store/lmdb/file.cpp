@@ -161,9 +161,9 @@ Key Key::value(NodeId id) {
 
 Key Key::change(Revision revision, std::uint32_t part) {
   Key key;
-  key.bytes_[0] = kChangeKey;
+  key.bytes_[0] = kMetaKey;
   key.size_ = 1;
-  key.put_number(revision);
+  key.put_number(~revision);
   key.put_number(part, sizeof part);
   return key;
 }
@@ -185,18 +185,23 @@ void Key::put_number(std::uint64_t number, std::size_t size) {
 
 bool read_key(std::span<const std::byte> key, KeyParts* parts) {
   constexpr std::size_t kNameAt = 1 + 8;
-  if (key.empty()) return false;
-  *parts = KeyParts{key[0], kNoNode, {}, 0};
-  if (parts->kind == kMetaKey) return key.size() == 1;
-  if (key.size() < kNameAt) return false;
+  *parts = KeyParts{};
+  if (key.size() < kNameAt) return key.size() == 1 && key[0] == kMetaKey;
   parts->id = number_of(key.subspan(1, 8));
   const auto rest = key.subspan(kNameAt);
-  if (parts->kind == kChangeKey) {
+  if (key[0] == kMetaKey) {
+    parts->kind = KeyParts::Kind::kChange;
+    parts->id = ~parts->id;
     parts->part = static_cast<std::uint32_t>(number_of(rest));
     return rest.size() == sizeof parts->part;
   }
+  if (key[0] == kValueKey) {
+    parts->kind = KeyParts::Kind::kValue;
+    return rest.empty();
+  }
+  parts->kind = KeyParts::Kind::kNode;
   parts->name = {reinterpret_cast<const char*>(rest.data()), rest.size()};
-  return parts->kind == kNodeKey ? rest.size() <= kMaxLevelSize : parts->kind == kValueKey && rest.empty();
+  return key[0] == kNodeKey && rest.size() <= kMaxLevelSize;
 }
 
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {

@@ -2,12 +2,12 @@
 //
 // All records are in LMDB's unnamed database. The first byte of a key tells the kind of its record:
 //
-//   'M'                             the registry's record of itself
+//   'M'                             the registry's record of itself, which is the first of all
+//   'M', revision, number           a part of a change in the log; the revision is inverted, so that the newest change
+//                                   comes first: most often it is on one page with the record of the registry, which
+//                                   every change rewrites
 //   'N', parent id, level name      a node; ids have the high byte first, so that siblings are adjacent and in order
 //   'V', id                         a value
-//   'L', revision, number           a part of a change in the log, the numbers with the high byte first
-//
-// The log is beside the registry's record of itself, which every change rewrites: most often both are on one page.
 #ifndef TKV_PLATFORM_STORE_LMDB_FILE_H
 #define TKV_PLATFORM_STORE_LMDB_FILE_H
 
@@ -30,7 +30,6 @@ namespace tkv::store {
 constexpr std::byte kMetaKey{'M'};
 constexpr std::byte kNodeKey{'N'};
 constexpr std::byte kValueKey{'V'};
-constexpr std::byte kChangeKey{'L'};
 
 // LMDB's handle of the unnamed database, which every environment has.
 constexpr MDB_dbi kDatabase = 1;
@@ -60,7 +59,8 @@ class Key {
 
 // The parts of a key.
 struct KeyParts {
-  std::byte kind;
+  enum class Kind { kMeta, kChange, kNode, kValue };
+  Kind kind = Kind::kMeta;
   std::uint64_t id = kNoNode;  // for a node, the parent's; for a change, its revision
   std::string_view name;       // of a node, within the key
   std::uint32_t part = 0;      // of a change

@@ -104,14 +104,17 @@ void RecordCheck::add(std::span<const std::byte> key, std::span<const std::byte>
   KeyParts parts;
   if (!read_key(key, &parts)) {
     tree_.add_damaged_node(kNoNode, {reinterpret_cast<const char*>(key.data()), key.size()}, "an unknown key");
-  } else if (parts.kind == kNodeKey) {
-    add_node(parts.id, parts.name, record);
-  } else if (parts.kind == kValueKey) {
-    add_value(parts.id, record);
-  } else if (parts.kind == kChangeKey) {
-    add_change(parts.id, parts.part, record);
-  } else {
-    meta_damage_ = decode_meta(record, &meta_);
+    return;
+  }
+  switch (parts.kind) {
+    case KeyParts::Kind::kNode:
+      return add_node(parts.id, parts.name, record);
+    case KeyParts::Kind::kValue:
+      return add_value(parts.id, record);
+    case KeyParts::Kind::kChange:
+      return add_change(parts.id, parts.part, record);
+    case KeyParts::Kind::kMeta:
+      meta_damage_ = decode_meta(record, &meta_);
   }
 }
 
@@ -148,7 +151,7 @@ void RecordCheck::report_change(Revision revision, const std::string& detail) {
   report_({Finding::Kind::kDamagedChange, kNoNode, revision, "", change_text(revision) + ": " + detail});
 }
 
-// Parts come in the order of revisions and numbers.
+// Parts come in the order of their keys: the newest change first.
 void RecordCheck::add_change(Revision revision, std::uint32_t number, std::span<const std::byte> record) {
   ChangePart part;
   see_revision(revision);
@@ -164,6 +167,7 @@ void RecordCheck::add_change(Revision revision, std::uint32_t number, std::span<
 // The log has each of its changes, in all parts.
 void RecordCheck::check_log() {
   if (!meta_damage_.ok()) return;
+  std::reverse(changes_.begin(), changes_.end());
   auto next = std::upper_bound(changes_.begin(), changes_.end(), meta_.log_after);
   for (Revision revision = meta_.log_after + 1; revision <= meta_.revision; ++revision) {
     const bool found = next != changes_.end() && *next == revision;

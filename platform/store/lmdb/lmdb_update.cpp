@@ -347,58 +347,54 @@ Status LmdbUpdate::put_content(Revision revision, std::span<const std::byte> con
   return {};
 }
 
-// Removes some of the oldest parts of the log that nobody may read any longer: now and then a batch, which is cheaper
-// than a few with each write, and always more than a large change has added.
+// Removes some of the oldest changes that nobody may read any longer: now and then a batch, which is cheaper than a few
+// with each write, and always more than a large change has added.
 Status LmdbUpdate::trim(std::uint32_t parts) {
   constexpr Revision kInterval = 16;
   constexpr std::uint32_t kBatch = 64;
   std::uint32_t most = parts > 1 ? 2 * parts : 0;
   if (meta_->revision % kInterval == 0) most += kBatch;
-  bool trimmed = most > 0;
-  for (; trimmed && most > 0; --most) {
-    if (Status status = trim_next(&trimmed); !status.ok()) return status;
+  for (std::uint32_t removed = 0; removed < most;) {
+    std::uint32_t parts_of_next = 0;
+    if (Status status = trim_next(&parts_of_next); !status.ok()) return status;
+    if (parts_of_next == 0) break;
+    removed += parts_of_next;
   }
   meta_->oldest_state = std::max(meta_->oldest_state, meta_->log_after);
   return {};
 }
 
-Status LmdbUpdate::trim_next(bool* trimmed) {
-  Cursor cursor(nullptr, &mdb_cursor_close);
-  MDB_cursor* raw = nullptr;
-  if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0) {
-    return succeeded({code, code}, "cannot read the registry");
+// Removes the oldest change that is stored, if it is not to be retained. `*parts` is 0 if it is; a change that was
+// never stored, since no history was kept then, counts as one part.
+Status LmdbUpdate::trim_next(std::uint32_t* parts) {
+  const Revision oldest = meta_->oldest_stored;
+  *parts = 0;
+  if (oldest >= meta_->revision) return {};
+  if (oldest > meta_->log_after) {
+    bool retained = true;
+    if (Status status = check_retained(oldest, &retained); !status.ok() || retained) return status;
+    meta_->log_after = oldest;
   }
-  cursor.reset(raw);
-  MDB_val key{};
-  MDB_val data{};
-  bool at_end = false;
-  KeyParts parts;
-  *trimmed = false;
-  if (Status status = seek(raw, Key::change(0, 0), &key, &data, &at_end); !status.ok() || at_end) return status;
-  if (!read_key(bytes_of(key), &parts) || parts.kind != kChangeKey) return {};
-  if (parts.id > meta_->log_after) {
-    if (is_retained(parts.id, bytes_of(data))) return {};
-    meta_->log_after = parts.id;
-  }
-  const std::size_t size = key.mv_size + data.mv_size;
-  if (Status status = remove(Key::change(parts.id, parts.part)); !status.ok()) return status;
-  meta_->history_bytes -= std::min<std::uint64_t>(meta_->history_bytes, size);
-  *trimmed = true;
+  std::uint32_t removed = 0;
+  if (Status status = remove_content(oldest, &removed); !status.ok()) return status;
+  *parts = std::max(removed, 1u);
+  ++meta_->oldest_stored;
   return {};
 }
 
-// Tells whether size and age allow the oldest change, whose first part is given, to stay. The change that is being made
-// stays.
-bool LmdbUpdate::is_retained(Revision revision, std::span<const std::byte> first_part) const {
-  if (revision == meta_->revision) return true;
-  if (meta_->history_bytes > retention_.bytes) return false;
+// Tells whether size and age allow a change of the log to stay.
+Status LmdbUpdate::check_retained(Revision revision, bool* retained) {
+  *retained = meta_->history_bytes <= retention_.bytes;
+  if (!*retained || description_.time == 0) return {};
+  bool found = false;
+  std::span<const std::byte> record;
   ChangePart part;
   std::int64_t time = 0;
-  if (description_.time == 0 || !decode_change(revision, 0, first_part, &part).ok() ||
-      !decode_time(part.bytes, &time).ok()) {
-    return true;
-  }
-  return time >= description_.time - std::chrono::microseconds(retention_.age).count();
+  if (Status status = get(Key::change(revision, 0), &found, &record); !status.ok()) return status;
+  // What is damaged stays for a check to find.
+  if (!found || !decode_change(revision, 0, record, &part).ok() || !decode_time(part.bytes, &time).ok()) return {};
+  *retained = time >= description_.time - std::chrono::microseconds(retention_.age).count();
+  return {};
 }
 
 // Rewrites the changes that hold a former value of one of the nodes.
@@ -410,8 +406,8 @@ Status LmdbUpdate::purge(std::span<const NodeId> nodes, std::uint64_t* removed) 
     const Key key = Key::value(id);
     keys.emplace(text_of(key.bytes()));
   }
-  for (bool trimmed = true; trimmed;) {  // what nobody may read any longer is still in the file
-    if (Status status = trim_next(&trimmed); !status.ok()) return status;
+  for (std::uint32_t parts = 1; parts != 0;) {  // what nobody may read any longer may still be in the file
+    if (Status status = trim_next(&parts); !status.ok()) return status;
   }
   for (Revision revision = meta_->log_after + 1; revision <= former_revision_; ++revision) {
     if (Status status = purge_change(revision, keys, removed); !status.ok()) return status;
@@ -441,22 +437,22 @@ Status LmdbUpdate::purge_change(Revision revision, const std::set<std::string, s
   const auto description = content.first(description_end(content));
   Bytes purged(description.begin(), description.end());
   purged.insert(purged.end(), kept.bytes().begin(), kept.bytes().end());
-  if (Status status = remove_content(revision, content.size()); !status.ok()) return status;
   std::uint32_t parts = 0;
+  if (Status status = remove_content(revision, &parts); !status.ok()) return status;
   return put_content(revision, purged, &parts);
 }
 
-Status LmdbUpdate::remove_content(Revision revision, std::size_t size) {
-  for (std::uint32_t number = 0; number < parts_of(size); ++number) {
-    const Key key = Key::change(revision, number);
+// Removes the parts of a change, and counts them.
+Status LmdbUpdate::remove_content(Revision revision, std::uint32_t* parts) {
+  for (*parts = 0;; ++*parts) {
+    const Key key = Key::change(revision, *parts);
     bool found = false;
     std::span<const std::byte> record;
-    if (Status status = get(key, &found, &record); !status.ok()) return status;
+    if (Status status = get(key, &found, &record); !status.ok() || !found) return status;
     const std::uint64_t bytes = key.bytes().size() + record.size();
     if (Status status = remove(key); !status.ok()) return status;
     meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
   }
-  return {};
 }
 
 }  // namespace tkv::store

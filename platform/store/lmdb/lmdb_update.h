@@ -102,10 +102,10 @@ class LmdbUpdate final : public Update {
   Status log_change();
   Status put_content(Revision revision, std::span<const std::byte> content, std::uint32_t* parts);
   Status trim(std::uint32_t parts);
-  Status trim_next(bool* trimmed);
-  bool is_retained(Revision revision, std::span<const std::byte> first_part) const;
+  Status trim_next(std::uint32_t* parts);
+  Status check_retained(Revision revision, bool* retained);
   Status purge_change(Revision revision, const std::set<std::string, std::less<>>& keys, std::uint64_t* removed);
-  Status remove_content(Revision revision, std::size_t size);
+  Status remove_content(Revision revision, std::uint32_t* parts);
   Status remove_value(NodeId id);
   Status remove_children(NodeId parent, std::vector<NodeId>* ids);
   Status seek(MDB_cursor* cursor, const Key& key, MDB_val* found, MDB_val* data, bool* at_end);
