@@ -8,6 +8,7 @@
 
 #include "base/limits.h"
 #include "registry/check.h"
+#include "registry/name.h"
 #include "registry/new_keys.h"
 #include "registry/subtree.h"
 
@@ -29,8 +30,12 @@ Status demand_expected(const Difference& difference, const ApplyOptions& options
 
 }  // namespace
 
-LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store)
-    : configuration_(std::move(configuration)), identity_(std::move(identity)), store_(std::move(store)) {}
+LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store,
+                         std::string note)
+    : configuration_(std::move(configuration)),
+      identity_(std::move(identity)),
+      store_(std::move(store)),
+      note_(beginning(note, kMaxNoteSize)) {}
 
 Status LocalClient::read(FunctionRef<Status(Reader& tree)> function) {
   return store_->read([&](store::View& view) {
@@ -46,11 +51,15 @@ Status LocalClient::read_all(FunctionRef<Status(Reader& tree)> function) {
   });
 }
 
-Status LocalClient::write(FunctionRef<Status(Writer& tree)> function) {
-  return store_->write([&](store::Update& update) {
-    Writer tree(update, identity_);
-    return function(tree);
-  });
+Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* revision) {
+  return store_->write(
+      [&](store::Update& update) {
+        Writer tree(update, identity_);
+        Status status = function(tree);
+        if (status.ok()) update.describe(describe(tree.take_changes()));
+        return status;
+      },
+      revision);
 }
 
 bool LocalClient::is_up_to_date(const KnownKey& known) {
@@ -71,8 +80,12 @@ Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
 Status LocalClient::stat(const KeyRef& key, KeyInfo* info) {
   KeyInfo found;
   Status status = read([&](Reader& tree) { return tree.stat(key, &found); });
-  if (status.ok()) *info = found;
+  if (status.ok()) *info = std::move(found);
   return status;
+}
+
+Status LocalClient::read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) {
+  return read([&](Reader& tree) { return tree.read_key(key, info, value); });
 }
 
 Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
@@ -269,7 +282,8 @@ Status LocalClient::status(RegistryStatus* status) {
   store::StoreStatus found;
   if (Status readable = find("", &root); !readable.ok()) return readable;
   if (Status asked = store_->status(&found); !asked.ok()) return asked;
-  *status = {store_->kind(), found.bytes, found.max_bytes, found.readers, found.max_readers, {}};
+  *status = {store_->kind(),  found.bytes,        found.max_bytes, found.readers,       found.max_readers,
+             found.revision,  found.oldest_state, found.log_after, found.history_bytes, {}};
   for (const store::LongReader& reader : found.long_readers) {
     status->long_readers.push_back({reader.process, reader.command, reader.seconds, reader.held_bytes});
   }

@@ -55,6 +55,8 @@ void pause_before_run(int run, Deadline deadline) {
   std::this_thread::sleep_for(std::min(pause, deadline.left()));
 }
 
+Status no_history() { return {PRTKV_INVALID_ARGUMENT, "a registry on etcd keeps no history"}; }
+
 class EtcdStore final : public Store {
  public:
   EtcdStore(std::unique_ptr<Kv> kv, const EtcdOptions& options)
@@ -68,7 +70,9 @@ class EtcdStore final : public Store {
 
   Status read_all(FunctionRef<Status(View&)> function) override;
 
-  Status write(FunctionRef<Status(Update&)> function) override {
+  // Revisions and the log are not kept yet.
+  Status write(FunctionRef<Status(Update&)> function, Revision* revision) override {
+    *revision = 0;
     return run(Stm::Purpose::kWrite, [&](Stm& update) { return function(update); });
   }
 
@@ -80,6 +84,13 @@ class EtcdStore final : public Store {
   }
 
   const char* kind() const override { return "etcd"; }
+
+  Status read_at(Revision, FunctionRef<Status(View&)>) override { return no_history(); }
+  Status changes(const LogRange&, FunctionRef<Status(const ChangeRecord&)>, LogPosition*) override {
+    return no_history();
+  }
+  Status wait(Revision, std::chrono::milliseconds, const std::stop_token&, Revision*) override { return no_history(); }
+  Status purge(std::span<const NodeId>, const ChangeDescription&, std::uint64_t*) override { return no_history(); }
 
  private:
   Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function);

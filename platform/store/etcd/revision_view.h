@@ -26,6 +26,8 @@ class RevisionView final : public View {
   Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
+  Status revision(Revision*) override { return {PRTKV_INVALID_ARGUMENT, "a registry on etcd keeps no history"}; }
+  Status change(Revision, ChangeRecord*) override { return PRTKV_NO_SUCH_KEY; }
 
   // As children, with what is known of each record; a damaged one is visited as well.
   Status list(NodeId parent, FunctionRef<Status(const Child& child)> visit);

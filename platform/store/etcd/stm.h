@@ -42,6 +42,9 @@ class Stm final : public Update {
   Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
+  Status revision(Revision*) override { return {PRTKV_INVALID_ARGUMENT, "a registry on etcd keeps no history"}; }
+  Status change(Revision, ChangeRecord*) override { return PRTKV_NO_SUCH_KEY; }
+  void describe(ChangeDescription) override {}
 
   Status new_id(NodeId* id) override { return staging_.new_id(id); }
   Status insert(NodeId parent, std::string_view name, const Node& node) override;
@@ -81,6 +84,8 @@ class Stm final : public Update {
     Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
     Status has_children(NodeId parent, bool* answer) override;
     std::uint64_t structure() override { return 0; }
+    Status revision(Revision*) override { return {PRTKV_INVALID_ARGUMENT, "a registry on etcd keeps no history"}; }
+    Status change(Revision, ChangeRecord*) override { return PRTKV_NO_SUCH_KEY; }
 
    private:
     ReadSet& reads_;

@@ -227,8 +227,8 @@ class LmdbStore final : public Store {
                           Totals* totals);
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
-  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, Revision* revision,
-                    LmdbOutcome* outcome);
+  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
+                    const Retention& retention, Revision* revision, LmdbOutcome* outcome);
   Status write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision);
   Status meta(Meta* meta);
   Status past_since(Revision begin, const FileState& state, const Meta& meta, std::shared_ptr<const Past>* past);
@@ -298,8 +298,8 @@ Status LmdbStore::may_write() const {
 
 // One attempt. `*outcome` receives the outcome of the LMDB call that failed, or code 0.
 Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
-                             Revision* revision, LmdbOutcome* outcome) {
-  LmdbUpdate update(environment_, transaction, retention_);
+                             const Retention& retention, Revision* revision, LmdbOutcome* outcome) {
+  LmdbUpdate update(environment_, transaction, retention);
   Status status = update.begin();
   if (status.ok()) status = function(update);
   if (status.ok() && update.broken_by().code == 0) status = update.finish();
@@ -311,16 +311,22 @@ Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(L
   return committed;
 }
 
+// A registry that may not grow gives up history to make a change: the one being made is logged without its past, and
+// the oldest ones are dropped.
 Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision) try {
   if (Status status = may_write(); !status.ok()) return status;
   WriteTransaction transaction(environment_, wait_);
+  Retention retention = retention_;
   for (;;) {
     if (Status status = transaction.begin(); !status.ok()) return status;
     LmdbOutcome outcome{0, 0};
-    Status status = write_once(transaction, function, revision, &outcome);
+    Status status = write_once(transaction, function, retention, revision, &outcome);
     transaction.abort();  // no effect after a commit
     if (outcome.code != MDB_MAP_FULL) return status;
-    if (Status room = transaction.make_room(); !room.ok()) return room;
+    if (Status room = transaction.make_room(); !room.ok()) {
+      if (!room.is(PRTKV_STORAGE_FULL) || retention.bytes == 0) return room;
+      retention.bytes = 0;
+    }
   }
 } catch (const LmdbAssertion& broken) {
   return damaged(broken);

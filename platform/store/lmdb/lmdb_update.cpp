@@ -353,7 +353,7 @@ Status LmdbUpdate::trim(std::uint32_t parts) {
   constexpr Revision kInterval = 16;
   constexpr std::uint32_t kBatch = 64;
   std::uint32_t most = parts > 1 ? 2 * parts : 0;
-  if (meta_->revision % kInterval == 0) most += kBatch;
+  if (meta_->revision % kInterval == 0 || retention_.bytes == 0) most += kBatch;
   for (std::uint32_t removed = 0; removed < most;) {
     std::uint32_t parts_of_next = 0;
     if (Status status = trim_next(&parts_of_next); !status.ok()) return status;
