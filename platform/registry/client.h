@@ -106,8 +106,9 @@ class Snapshot : public KeyReader {
 
 // What `Client::changes_since` is asked for.
 struct ChangeQuery {
-  LogRange range;
-  std::string name;  // changes of this key, of keys below it, and of keys above it that concern it; "": of all keys
+  LogRange range = {};
+  std::string name =
+      {};  // changes of this key, of keys below it, and of keys above it that concern it; "": of all keys
   std::size_t depth = std::numeric_limits<std::size_t>::max();  // levels below `name`
 };
 

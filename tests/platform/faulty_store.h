@@ -90,6 +90,7 @@ class FaultyStore final : public Store {
     return read_with(Call::kReadAll, &Store::read_all, function);
   }
 
+  using Store::write;
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override {
     if (Status status = next(Call::kWrite); !status.ok()) return status;
     if (twice_) {

@@ -44,6 +44,7 @@ class MemoryStore final : public Store {
 
   Status read_all(FunctionRef<Status(View&)> function) override { return read(function); }
 
+  using Store::write;
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override {
     const std::lock_guard one_writer(write_mutex_);
     const std::shared_ptr<const States> former = current();
