@@ -1,10 +1,13 @@
 #include "registry/undo.h"
 
+#include <algorithm>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
 
 #include "registry/change_list.h"
+#include "registry/name.h"
 #include "registry/subtree.h"
 
 namespace tkv::registry {
@@ -19,6 +22,7 @@ class UndoPlan {
 
   // The last change first. Each name is the one that the key had when that change was made.
   Status make() {
+    if (is_entangled()) return invert_tops();
     for (std::size_t i = change_.changes.size(); i > 0; --i) {
       if (Status status = invert(i - 1); !status.ok()) return status;
     }
@@ -26,6 +30,34 @@ class UndoPlan {
   }
 
  private:
+  // Whether a key was moved and more was done besides replacing what was in its new place. What was moved may then have
+  // been changed, deleted or moved again, and it takes a comparison to tell.
+  bool is_entangled() const {
+    const auto& changes = change_.changes;
+    const auto is_move = [](const Change& change) { return change.kind == Change::Kind::kMoved; };
+    if (changes.size() <= 1 || std::none_of(changes.begin(), changes.end(), is_move)) return false;
+    const bool is_replacement = changes.size() == 2 && changes[0].kind == Change::Kind::kDeleted &&
+                                is_move(changes[1]) && changes[0].name == changes[1].name;
+    return !is_replacement;
+  }
+
+  // By comparing everything at and below the keys that the change names. Keys that were moved are made anew.
+  Status invert_tops() {
+    std::set<std::string> names;
+    for (const Change& change : change_.changes) {
+      names.insert(change.name);
+      if (change.kind == Change::Kind::kMoved) names.insert(change.from);
+    }
+    for (const std::string& name : names) {
+      const bool is_below_another = std::any_of(names.begin(), names.end(), [&](const std::string& other) {
+        return other != name && is_within(name, other);
+      });
+      if (is_below_another) continue;
+      if (Status status = invert_all(name); !status.ok()) return status;
+    }
+    return {};
+  }
+
   Status invert(std::size_t index) {
     const Change& change = change_.changes[index];
     switch (change.kind) {

@@ -637,7 +637,7 @@ TEST_P(History, RandomChangesAreRetainedAndUndone) {
       default:
         return {.kind = Operation::Kind::kPut,
                 .name = name(),
-                .value = text(std::string(1 + pick(3000), 'v')),
+                .value = text(std::to_string(pick(1000))),
                 .create_parents = true};
     }
   };

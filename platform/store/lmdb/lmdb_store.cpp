@@ -187,6 +187,13 @@ void RecordCheck::check_counter() {
   report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids " + why});
 }
 
+// In a file that may not grow beyond a size, the past gets a quarter of it at most.
+Retention retention_of(const LmdbOptions& options) {
+  Retention retention = options.retention;
+  if (options.map_size != 0) retention.bytes = std::min(retention.bytes, options.map_size / 4);
+  return retention;
+}
+
 class LmdbStore final : public Store {
  public:
   LmdbStore(Environment::Held environment, const LmdbOptions& options)
@@ -194,7 +201,7 @@ class LmdbStore final : public Store {
         environment_(*held_),
         read_only_(options.read_only),
         wait_{std::chrono::milliseconds(options.timeout_ms), options.on_wait},
-        retention_(options.retention) {}
+        retention_(retention_of(options)) {}
 
   Status read(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kShort, function);
