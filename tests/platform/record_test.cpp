@@ -143,7 +143,8 @@ TEST(Record, RecordsOfFormat1AreRead) {
   ASSERT_TRUE(decode_node(kRootNode, "SYSTEM", documented_bytes("node-1"), &node).ok());
   EXPECT_EQ(node.id, 2u);
   EXPECT_EQ(node.revision, 0u);
-  EXPECT_EQ(std::memcmp(&node.security, &sample_node().security, sizeof node.security), 0);
+  const Node sample = sample_node();
+  EXPECT_EQ(std::memcmp(&node.security, &sample.security, sizeof node.security), 0);
   const std::vector<std::byte> record = documented_bytes("value-1");
   ASSERT_TRUE(decode_value(2, record, &value).ok());
   EXPECT_EQ(value.type, 3);
