@@ -268,6 +268,7 @@ Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
   if (Status status = load_meta(); !status.ok()) return status;
   if (type == 0 && bytes.empty()) {
+    if (id >= first_new_id_) return remove_value(id);
     bool found = false;
     std::span<const std::byte> record;
     if (Status status = get(Key::value(id), &found, &record); !status.ok() || !found) return status;
