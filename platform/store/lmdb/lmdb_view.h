@@ -44,14 +44,14 @@ class LmdbView final : public View {
   }
   Status revision(Revision* revision) override {
     Meta meta;
-    Status status = find_meta(state(), &meta);
+    Status status = find_meta(file_state(), &meta);
     if (status.ok()) *revision = meta.revision;
     return status;
   }
   Status change(Revision revision, ChangeRecord* record) override {
     Meta meta;
-    Status status = find_meta(state(), &meta);
-    return status.ok() ? read_change(state(), meta, revision, record) : status;
+    Status status = find_meta(file_state(), &meta);
+    return status.ok() ? read_change(file_state(), meta, revision, record) : status;
   }
 
  private:
