@@ -22,9 +22,7 @@ struct Argument {
   const char* name;
 };
 
-inline Status null_argument(const char* name) {
-  return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name};
-}
+inline Status null_argument(const char* name) { return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name}; }
 
 // Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
 inline Status demand(std::initializer_list<Argument> arguments) {

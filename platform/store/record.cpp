@@ -147,8 +147,8 @@ Status defect(std::span<const std::byte> record, const RecordSizes& sizes, const
 }
 
 Status check(std::span<const std::byte> record, RecordKind kind, const RecordSizes& sizes, const RecordKey& key) {
-  const bool sound = !record.empty() && record.size() >= sizes.of(record) && has_header(record, kind) &&
-                     is_sealed(record, key);
+  const bool sound =
+      !record.empty() && record.size() >= sizes.of(record) && has_header(record, kind) && is_sealed(record, key);
   return sound ? Status() : defect(record, sizes, key);
 }
 
@@ -208,8 +208,9 @@ void encode_change(Revision revision, std::uint32_t number, const ChangePart& pa
 Status decode_change(Revision revision, std::uint32_t number, std::span<const std::byte> record, ChangePart* part) {
   constexpr RecordSizes kSizes{kChangeRecordOverhead, kChangeRecordOverhead};
   const auto name = in_order(number);
-  if (Status status = check(record, RecordKind::kChange, kSizes, {revision, as_name(name)}); !status.ok())
+  if (Status status = check(record, RecordKind::kChange, kSizes, {revision, as_name(name)}); !status.ok()) {
     return status;
+  }
   *part = ChangePart{get<std::uint32_t>(record.data() + kHeaderSize),
                      record.subspan(kHeaderSize + 4, record.size() - kChangeRecordOverhead)};
   return {};

@@ -1,6 +1,6 @@
 // MemoryStore: a store in memory, for tests of the code above a store. It fulfils the contract of store.h, except that
-// nothing outlasts the process. A write copies the state, and the past consists of the former states, so it is for small
-// trees. Of the limits of a Retention, it knows the number of changes.
+// nothing outlasts the process. A write copies the state, and the past consists of the former states, so it is for
+// small trees. Of the limits of a Retention, it knows the number of changes.
 #ifndef TKV_TESTS_PLATFORM_MEMORY_STORE_H
 #define TKV_TESTS_PLATFORM_MEMORY_STORE_H
 
@@ -414,8 +414,9 @@ class MemoryStore final : public Store {
   void publish(const States& former, std::shared_ptr<const State> next) {
     auto states = std::make_shared<States>(former);
     states->push_back(std::move(next));
-    if (states->size() > most_changes_ + 1)
+    if (states->size() > most_changes_ + 1) {
       states->erase(states->begin(), states->end() - 1 - static_cast<std::ptrdiff_t>(most_changes_));
+    }
     {
       const std::lock_guard lock(mutex_);
       states_ = std::move(states);

@@ -151,8 +151,8 @@ void RecordCheck::report_change(Revision revision, const std::string& detail) {
   report_({Finding::Kind::kDamagedChange, kNoNode, revision, "", change_text(revision) + ": " + detail});
 }
 
-// Parts come in the order of their keys: the newest change first, after the registry's record of itself. What the log has
-// dropped and a write has yet to remove may be damaged.
+// Parts come in the order of their keys: the newest change first, after the registry's record of itself. What the log
+// has dropped and a write has yet to remove may be damaged.
 void RecordCheck::add_change(Revision revision, std::uint32_t number, std::span<const std::byte> record) {
   ChangePart part;
   see_revision(revision);
