@@ -446,6 +446,7 @@ Status Writer::remove_damaged(std::string_view name, const Status& damage) {
   changed_ = true;
   count_key();
   status = update_.remove_damaged(above.node.id, last_level(name));
+  if (status.ok()) changes_.add(Change::Kind::kDeleted, name, kAnyKey);  // nobody can tell its id
   return status.is(PRTKV_KEY_EXISTS) ? damage : at_key(status, name);
 }
 

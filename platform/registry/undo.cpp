@@ -118,7 +118,7 @@ class UndoPlan {
     bool existed = false;
     Subtree deleted;
     if (Status status = has(before_, former, change.id, &existed); !status.ok() || !existed) return status;
-    if (Status status = read_subtree(before_, former, kSilent, &deleted); !status.ok()) return status;
+    if (Status status = read_subtree(before_, former, false, kSilent, &deleted); !status.ok()) return status;
     if (Status status = expect_absent(name_after(index)); !status.ok()) return status;
     for (const KeyRecord& key : deleted.keys) create(key, moved_name(key.name, former, change.name));
     return {};
@@ -129,8 +129,8 @@ class UndoPlan {
     Subtree former;
     Subtree latter;
     Difference difference;
-    if (Status status = read_subtree(before_, top, kSilent, &former); !status.ok()) return status;
-    if (Status status = read_subtree(after_, top, kSilent, &latter); !status.ok()) return status;
+    if (Status status = read_subtree(before_, top, false, kSilent, &former); !status.ok()) return status;
+    if (Status status = read_subtree(after_, top, false, kSilent, &latter); !status.ok()) return status;
     if (Status status = find_difference(latter, former, MergeMode::kReplace, {}, {}, &difference); !status.ok()) {
       return status;
     }

@@ -47,9 +47,11 @@ std::array<std::byte, sizeof(Integer)> in_order(Integer value) {
 }
 
 // The seed of a record's checksum. In version 1, short names under parents with related ids may have the same one: the
-// hash of up to three bytes combines them with its own seed too simply. Since version 2, the id is hashed first.
+// hash of up to three bytes combines them with its own seed too simply. Since version 2, the id is hashed first; but
+// not the 0 of the registry's own record, whose checksum tells every release that the format is a newer one.
 std::uint64_t seed_of(unsigned version, std::uint64_t id, std::string_view name) {
-  const std::uint64_t seed = version <= 1 ? id : XXH3_64bits(in_order(id).data(), sizeof id);
+  const bool is_plain = version <= 1 || id == kNoNode;
+  const std::uint64_t seed = is_plain ? id : XXH3_64bits(in_order(id).data(), sizeof id);
   return XXH3_64bits_withSeed(name.empty() ? "" : name.data(), name.size(), seed);
 }
 

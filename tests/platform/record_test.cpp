@@ -293,6 +293,13 @@ TEST(Record, ANewerFormatIsRefusedByItsNumber) {
                                ", and this release reads versions up to " + std::to_string(kRecordVersion));
 }
 
+TEST(Record, OlderReleasesCanTellThatTheRegistryHasANewerFormat) {
+  const MetaRecord record = encode_meta(Meta{});
+  MetaRecord as_version_1_seals = record;
+  set_version_1_checksum(&as_version_1_seals, kNoNode, "meta");
+  EXPECT_EQ(record, as_version_1_seals);
+}
+
 TEST(Record, ADamagedVersionIsNoNewerFormat) {
   NodeRecord record = encode_node(7, "name", sample_node());
   record[0] = std::byte{kRecordVersion + 1};
