@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "store/etcd/change_log.h"
 #include "store/etcd/claims.h"
 #include "store/etcd/history.h"
 #include "store/etcd/id_source.h"
@@ -32,6 +33,7 @@ struct Core {
         claims(keys),
         recovery(*kv, keys, claims),
         sweeper(*kv, keys, recovery),
+        log(*kv, keys),
         session(*kv, keys, ttl) {}
 
   static constexpr std::size_t kCachedNodes = 16384;
@@ -46,6 +48,7 @@ struct Core {
   Claims claims;
   Recovery recovery;
   Sweeper sweeper;
+  ChangeLog log;
   Session session;  // last: it is ended while the sweeper gets its time
 };
 

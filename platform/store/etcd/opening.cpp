@@ -82,6 +82,7 @@ Status Opening::create(bool* created) {
   compare_no_newcomer(&request, keys_.all(), 0);
   put(request.add_success(), keys_.meta(), as_text(encode_meta(Meta())));
   put(request.add_success(), keys_.mark(), mark);
+  put(request.add_success(), keys_.log(), ChangeLog::encode({}));
   put(request.add_success(), keys_.node(root), as_text(encode_node(kNoNode, "", {kRootNode, options_.root_security})));
   RangeRequest any = get_range(keys_.all(), 1);
   any.set_keys_only(true);

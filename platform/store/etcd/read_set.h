@@ -134,7 +134,7 @@ class ReadSet {
   };
   struct ReadValue {
     std::int64_t mod_revision = 0;
-    std::string record;
+    KeyValue record;
     Value value;
     Status damage;
     bool compared = true;
