@@ -3,13 +3,13 @@
 #define TKV_PLATFORM_REGISTRY_LOCAL_CLIENT_H
 
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "registry/client.h"
 #include "registry/directory_cache.h"
+#include "registry/local_history.h"
 #include "registry/tree.h"
 #include "store/store.h"
 
@@ -85,18 +85,11 @@ class LocalClient final : public Client {
     return write(function, &revision);
   }
 
-  // What the log is to tell of a change that is made now.
-  ChangeDescription describe(std::vector<Change> changes) const;
-
-  Status find_change(Revision revision, ChangeRecord* record);
-  Status plan_undo_of(const ChangeRecord& record, Batch* inverse);
-  Status find_bearers(std::string_view name, std::set<KeyId>* ids);
-  Status demand_purge(std::string_view name, std::set<KeyId>* ids);
-
   const Configuration configuration_;
   const Identity identity_;
   const std::shared_ptr<store::Store> store_;
   const std::string note_;
+  LocalHistory history_;
   DirectoryCache cache_;
 };
 

@@ -1,4 +1,5 @@
-// LocalClient's operations on the registry's history, and batches.
+#include "registry/local_history.h"
+
 #include <errno.h>
 #include <unistd.h>
 
@@ -7,9 +8,7 @@
 #include <chrono>
 #include <utility>
 
-#include "registry/batch_writer.h"
 #include "registry/change_filter.h"
-#include "registry/local_client.h"
 #include "registry/name.h"
 #include "registry/snapshot.h"
 #include "registry/undo.h"
@@ -35,46 +34,18 @@ Status not_retained(Revision revision) {
 
 }  // namespace
 
-ChangeDescription LocalClient::describe(std::vector<Change> changes) const {
+ChangeDescription describe_change(const Identity& identity, std::string note, std::vector<Change> changes) {
   static const std::string host = host_name();
   return {.time = now(),
-          .author = identity_.user,
+          .author = identity.user,
           .host = host,
           .program = ::program_invocation_short_name,
           .process = static_cast<std::uint32_t>(::getpid()),
-          .note = note_,
+          .note = std::move(note),
           .changes = std::move(changes)};
 }
 
-std::shared_ptr<Client> LocalClient::with_note(std::string note) {
-  return std::make_shared<LocalClient>(configuration_, identity_, store_, std::move(note));
-}
-
-Status LocalClient::commit(const Batch& batch, CommitResult* result) {
-  Revision revision = 0;
-  Status status = write([&](Writer& tree) { return write_batch(tree, batch, result); }, &revision);
-  if (status.ok()) result->revision = revision;
-  return status;
-}
-
-Status LocalClient::revision(Revision* revision) {
-  return store_->read([&](store::View& view) { return view.revision(revision); });
-}
-
-Status LocalClient::at(Revision revision, std::unique_ptr<Snapshot>* snapshot) {
-  Status status = store_->read_at(revision, [](store::View&) { return Status(); });
-  if (status.ok()) *snapshot = std::make_unique<LocalSnapshot>(store_, identity_, revision);
-  return status;
-}
-
-Status LocalClient::snapshot(std::unique_ptr<Snapshot>* snapshot) {
-  Revision latest = 0;
-  Status status = revision(&latest);
-  if (status.ok()) *snapshot = std::make_unique<LocalSnapshot>(store_, identity_, latest);
-  return status;
-}
-
-Status LocalClient::revision_at(std::int64_t time, Revision* revision) {
+Status LocalHistory::revision_at(std::int64_t time, Revision* revision) {
   LogPosition position;
   Revision found = 0;
   const auto visit = [&](const ChangeRecord& record) -> Status {
@@ -82,7 +53,7 @@ Status LocalClient::revision_at(std::int64_t time, Revision* revision) {
     found = record.revision;
     return kEnough;
   };
-  const Status status = store_->changes({.newest_first = true}, visit, &position);
+  const Status status = store_.changes({.newest_first = true}, visit, &position);
   if (!status.ok() && !status.is(kEnough)) return status;
   if (status.ok() && !position.complete) {
     return {PRTKV_INVALID_ARGUMENT, "the history does not reach back to that time"};
@@ -91,61 +62,34 @@ Status LocalClient::revision_at(std::int64_t time, Revision* revision) {
   return {};
 }
 
-Status LocalClient::changes_since(const ChangeQuery& query, FunctionRef<Status(const ChangeRecord& record)> visit,
-                                  LogPosition* position) {
+Status LocalHistory::changes_since(const ChangeQuery& query, FunctionRef<Status(const ChangeRecord& record)> visit,
+                                   LogPosition* position) {
   if (Status status = check_name(query.name); !status.ok()) return status;
-  ChangeFilter filter(*store_, identity_, query);
+  ChangeFilter filter(store_, identity_, query);
   const auto visit_filtered = [&](const ChangeRecord& record) -> Status {
     ChangeRecord kept = record;
     if (Status status = filter.apply(&kept); !status.ok()) return status;
     return kept.changes.empty() ? Status() : visit(kept);
   };
-  return store_->changes(query.range, visit_filtered, position);
+  return store_.changes(query.range, visit_filtered, position);
 }
 
-Status LocalClient::wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
-                         Revision* revision) {
-  return store_->wait(after, timeout, stop, revision);
-}
-
-Status LocalClient::find_change(Revision revision, ChangeRecord* record) {
-  Status status = store_->read([&](store::View& view) { return view.change(revision, record); });
+Status LocalHistory::find_change(Revision revision, ChangeRecord* record) {
+  Status status = store_.read([&](store::View& view) { return view.change(revision, record); });
   return status.is(PRTKV_NO_SUCH_KEY) ? not_retained(revision) : status;
 }
 
-Status LocalClient::plan_undo_of(const ChangeRecord& record, Batch* inverse) {
-  return read_past(*store_, identity_, record.revision - 1, [&](Reader& before) {
-    return read_past(*store_, identity_, record.revision,
+Status LocalHistory::plan_undo_of(Revision revision, Batch* inverse) {
+  ChangeRecord record;
+  if (Status status = find_change(revision, &record); !status.ok()) return status;
+  return read_past(store_, identity_, record.revision - 1, [&](Reader& before) {
+    return read_past(store_, identity_, record.revision,
                      [&](Reader& after) { return plan_undo(before, after, record, inverse); });
   });
 }
 
-Status LocalClient::undo(Revision revision, const UndoOptions& options, Batch* inverse, CommitResult* result) {
-  ChangeRecord record;
-  Batch planned;
-  *result = {};
-  if (Status status = find_change(revision, &record); !status.ok()) return status;
-  if (Status status = plan_undo_of(record, &planned); !status.ok()) return status;
-  Batch forced = planned;
-  forced.conditions.clear();
-  for (Operation& operation : forced.operations) {
-    operation.recursive = operation.recursive || operation.kind == Operation::Kind::kRemove;
-  }
-  const Batch& chosen = options.force ? forced : planned;
-  Status status;
-  if (options.dry_run) {
-    status = read([&](Reader& tree) { return check_conditions(tree, chosen, result); });
-  } else {
-    status = commit(chosen, result);
-  }
-  // A key that was created may have subkeys by now.
-  if (status.is(PRTKV_HAS_SUBKEYS)) status = {PRTKV_CONFLICT, status.text()};
-  *inverse = chosen;
-  return status;
-}
-
 // The ids of all keys that had a name in the retained past.
-Status LocalClient::find_bearers(std::string_view name, std::set<KeyId>* ids) {
+Status LocalHistory::find_bearers(std::string_view name, std::set<KeyId>* ids) {
   LogPosition position;
   const auto resolve_in = [&](store::View& view) -> Status {
     Place place;
@@ -158,17 +102,18 @@ Status LocalClient::find_bearers(std::string_view name, std::set<KeyId>* ids) {
       return is_within(name, change.name) || (change.kind == Change::Kind::kMoved && is_within(name, change.from));
     });
     if (!concerns) return {};
-    const Status status = store_->read_at(record.revision - 1, resolve_in);
+    const Status status = store_.read_at(record.revision - 1, resolve_in);
     return status.is(PRTKV_INVALID_ARGUMENT) ? Status() : status;  // that past is not retained
   };
-  if (Status status = store_->read(resolve_in); !status.ok()) return status;
-  return store_->changes({}, visit, &position);
+  if (Status status = store_.read(resolve_in); !status.ok()) return status;
+  return store_.changes({}, visit, &position);
 }
 
-Status LocalClient::demand_purge(std::string_view name, std::set<KeyId>* ids) {
+Status LocalHistory::demand_purge(std::string_view name, std::set<KeyId>* ids) {
   if (Status status = check_name(name); !status.ok()) return status;
-  const Status allowed = read([&](Reader& tree) -> Status {
+  const Status allowed = store_.read([&](store::View& view) -> Status {
     Place place;
+    Reader tree(view, identity_);
     const bool exists = tree.resolve(name, &place).ok();
     const std::string_view key = exists ? name : "";
     if (!exists) {
@@ -183,11 +128,11 @@ Status LocalClient::demand_purge(std::string_view name, std::set<KeyId>* ids) {
   return allowed.ok() ? find_bearers(name, ids) : allowed;
 }
 
-Status LocalClient::purge_history(std::string_view name, std::uint64_t* removed) {
+Status LocalHistory::purge(std::string_view name, const ChangeDescription& description, std::uint64_t* removed) {
   std::set<KeyId> ids;
   if (Status status = demand_purge(name, &ids); !status.ok()) return status;
   const std::vector<store::NodeId> nodes(ids.begin(), ids.end());
-  return store_->purge(nodes, describe({}), removed);
+  return store_.purge(nodes, description, removed);
 }
 
 }  // namespace tkv::registry

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
 #include <memory>
 
@@ -12,58 +11,15 @@
 namespace tkv::store {
 namespace {
 
-std::uint32_t parts_of(std::size_t content_size) {
-  return static_cast<std::uint32_t>((content_size + kMaxChangePart - 1) / kMaxChangePart);
-}
-
-std::string_view text_of(std::span<const std::byte> bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 using Cursor = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
 
-std::span<const std::byte> bytes_of(const MDB_val& val) {
-  return {static_cast<const std::byte*>(val.mv_data), val.mv_size};
-}
-
 }  // namespace
-
-Status LmdbUpdate::succeeded(LmdbOutcome outcome, const char* doing) {
-  const bool survived = outcome.code == 0 || outcome.code == MDB_KEYEXIST || outcome.code == MDB_NOTFOUND;
-  if (!survived && broken_by_.code == 0) broken_by_ = outcome;  // every later call fails because of it
-  return outcome.code == 0 ? Status() : environment_.failure(outcome, doing);
-}
-
-Status LmdbUpdate::get(const Key& key, bool* found, std::span<const std::byte>* record) {
-  if (Status status = check_.before_access(key); !status.ok()) return status;
-  MDB_val key_val = key.val();
-  MDB_val data{};
-  const int code = mdb_get(txn_, kDatabase, &key_val, &data);
-  *found = code == 0;
-  if (*found) *record = bytes_of(data);
-  return code == MDB_NOTFOUND ? Status() : succeeded({code, code}, "cannot read the registry");
-}
-
-Status LmdbUpdate::put(const Key& key, std::span<const std::byte> record, unsigned flags) {
-  if (Status status = check_.before_access(key); !status.ok()) return status;
-  MDB_val key_val = key.val();
-  MDB_val data{record.size(), const_cast<std::byte*>(record.data())};
-  const auto write = [&] { return mdb_put(txn_, kDatabase, &key_val, &data, flags); };
-  return succeeded(lmdb_outcome(write), "cannot write to the registry");
-}
-
-Status LmdbUpdate::remove(const Key& key) {
-  if (Status status = check_.before_removal(key); !status.ok()) return status;
-  MDB_val key_val = key.val();
-  const auto erase = [&] { return mdb_del(txn_, kDatabase, &key_val, nullptr); };
-  return succeeded(lmdb_outcome(erase), "cannot remove from the registry");
-}
 
 Status LmdbUpdate::remove_value(NodeId id) {
   const Key key = Key::value(id);
   bool found = false;
   std::span<const std::byte> record;
-  if (Status status = get(key, &found, &record); !status.ok()) return status;
+  if (Status status = records_.get(key, &found, &record); !status.ok()) return status;
   return found ? erase(key) : Status();
 }
 
@@ -71,7 +27,7 @@ Status LmdbUpdate::load_meta() {
   if (meta_) return {};
   bool found = false;
   std::span<const std::byte> record;
-  if (Status status = get(Key::meta(), &found, &record); !status.ok()) return status;
+  if (Status status = records_.get(Key::meta(), &found, &record); !status.ok()) return status;
   if (!found) return {PRTKV_STORAGE_FAILED, "the registry in '" + environment_.directory() + "' lacks its own record"};
   Meta meta;
   if (Status status = decode_meta(record, &meta); !status.ok()) {
@@ -99,30 +55,19 @@ Status LmdbUpdate::keep_former(const Key& key) {
   KeyParts parts;
   if (Status status = load_meta(); !status.ok()) return status;
   const bool is_new = read_key(key.bytes(), &parts) && parts.id >= first_new_id_;
-  if (retention_.off || hides_past_ || is_new) return {};
-  if (!kept_.emplace(text_of(key.bytes())).second) return {};
-  bool found = false;
-  std::span<const std::byte> record;
-  if (Status status = get(key, &found, &record); !status.ok()) return status;
-  formers_.add(key.bytes(), found ? std::optional(record) : std::nullopt);
-  hides_past_ = formers_.bytes().size() > retention_.bytes;
-  if (hides_past_) {
-    formers_.clear();
-    kept_.clear();
-  }
-  return {};
+  return is_new ? Status() : log_.keep_former(key);
 }
 
 Status LmdbUpdate::replace(const Key& key, std::span<const std::byte> record, unsigned flags) {
   if (Status status = keep_former(key); !status.ok()) return status;
-  Status status = put(key, record, flags);
+  Status status = records_.put(key, record, flags);
   changed_ = changed_ || status.ok();
   return status;
 }
 
 Status LmdbUpdate::erase(const Key& key) {
   if (Status status = keep_former(key); !status.ok()) return status;
-  Status status = remove(key);
+  Status status = records_.remove(key);
   changed_ = changed_ || status.ok();
   return status;
 }
@@ -137,49 +82,29 @@ Status LmdbUpdate::find(NodeId parent, std::string_view name, Node* node) {
   if (name.size() > kMaxLevelSize) return PRTKV_NO_SUCH_KEY;
   bool found = false;
   std::span<const std::byte> record;
-  if (Status status = get(Key::node(parent, name), &found, &record); !status.ok()) return status;
+  if (Status status = records_.get(Key::node(parent, name), &found, &record); !status.ok()) return status;
   return found ? decode_child(parent, name, record, node) : PRTKV_NO_SUCH_KEY;
 }
 
 Status LmdbUpdate::value(NodeId id, Value* value) {
   bool found = false;
   std::span<const std::byte> record;
-  if (Status status = get(Key::value(id), &found, &record); !status.ok()) return status;
+  if (Status status = records_.get(Key::value(id), &found, &record); !status.ok()) return status;
   if (found) return decode_value_of(id, record, value);
   *value = Value{};
   return {};
 }
 
-// Puts the cursor on the first entry whose key is not less than `key`.
-Status LmdbUpdate::seek(MDB_cursor* cursor, const Key& key, MDB_val* found, MDB_val* data, bool* at_end) {
-  if (Status status = check_.before_step(key); !status.ok()) return status;
-  *found = key.val();
-  const int code = mdb_cursor_get(cursor, found, data, MDB_SET_RANGE);
-  *at_end = code == MDB_NOTFOUND;
-  return *at_end ? Status() : succeeded({code, code}, "cannot read the registry");
-}
-
-// Puts the cursor on the first entry behind `visited`, which may be gone by now.
-Status LmdbUpdate::seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* found, MDB_val* data, bool* at_end) {
-  if (Status status = seek(cursor, visited, found, data, at_end); !status.ok() || *at_end) return status;
-  if (compare_keys(bytes_of(*found), visited.bytes()) != 0) return {};
-  const int code = mdb_cursor_get(cursor, found, data, MDB_NEXT);
-  *at_end = code == MDB_NOTFOUND;
-  return *at_end ? Status() : succeeded({code, code}, "cannot read the registry");
-}
-
 Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
   Cursor cursor(nullptr, &mdb_cursor_close);
   MDB_cursor* raw = nullptr;
-  if (const int code = mdb_cursor_open(txn_, kDatabase, &raw); code != 0) {
-    return succeeded({code, code}, "cannot read the registry");
-  }
+  if (Status status = records_.open_cursor(&raw); !status.ok()) return status;
   cursor.reset(raw);
   MDB_val key{};
   MDB_val data{};
   bool at_end = false;
   std::string_view name;
-  Status status = seek(raw, Key::node(parent), &key, &data, &at_end);
+  Status status = records_.seek(raw, Key::node(parent), &key, &data, &at_end);
   while (status.ok() && !at_end && is_child(bytes_of(key), parent, &name)) {
     Node node;
     const Status decoded = decode_child(parent, name, bytes_of(data), &node);
@@ -189,7 +114,7 @@ Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDa
     std::memcpy(copy.data(), name.data(), name.size());
     name = {copy.data(), name.size()};
     if (status = decoded.ok() ? visit(name, node) : damaged(name, decoded); !status.ok()) return status;
-    status = seek_behind(raw, Key::node(parent, name), &key, &data, &at_end);
+    status = records_.seek_behind(raw, Key::node(parent, name), &key, &data, &at_end);
   }
   return status;
 }
@@ -245,7 +170,7 @@ Status LmdbUpdate::remove_damaged(NodeId parent, std::string_view name) {
   if (Status status = check_place(parent, name); !status.ok()) return status;
   bool found = false;
   std::span<const std::byte> record;
-  if (Status status = get(Key::node(parent, name), &found, &record); !status.ok()) return status;
+  if (Status status = records_.get(Key::node(parent, name), &found, &record); !status.ok()) return status;
   Node node;
   if (found && decode_child(parent, name, record, &node).ok()) return PRTKV_KEY_EXISTS;
   return found ? unlink(parent, name) : PRTKV_NO_SUCH_KEY;
@@ -271,7 +196,7 @@ Status LmdbUpdate::set_value(NodeId id, std::int32_t type, std::span<const std::
     if (id >= first_new_id_) return remove_value(id);
     bool found = false;
     std::span<const std::byte> record;
-    if (Status status = get(Key::value(id), &found, &record); !status.ok() || !found) return status;
+    if (Status status = records_.get(Key::value(id), &found, &record); !status.ok() || !found) return status;
   }
   record_.resize(value_record_size(bytes.size()));
   encode_value(id, {type, bytes, former_revision_ + 1}, record_);
@@ -314,146 +239,15 @@ Status LmdbUpdate::finish() {
   before_.reset();
   if (!changed_ && !meta_changed_) return load_meta();
   if (changed_) {
-    if (Status status = log_change(); !status.ok()) return status;
+    if (Status status = log_.log(description_, &*meta_); !status.ok()) return status;
   }
-  return put(Key::meta(), encode_meta(*meta_), 0);
+  return records_.put(Key::meta(), encode_meta(*meta_), 0);
 }
 
-Status LmdbUpdate::log_change() {
-  std::uint32_t parts = 0;
-  const Revision revision = ++meta_->revision;
-  if (retention_.off) {
-    meta_->log_after = meta_->oldest_state = revision;
-    return trim(parts);
-  }
-  if (hides_past_) meta_->oldest_state = revision;
-  Bytes content = encode_description(description_, hides_past_);
-  content.insert(content.end(), formers_.bytes().begin(), formers_.bytes().end());
-  if (Status status = put_content(revision, content, &parts); !status.ok()) return status;
-  if (revision > retention_.changes) meta_->log_after = std::max(meta_->log_after, revision - retention_.changes);
-  return trim(parts);
-}
-
-Status LmdbUpdate::put_content(Revision revision, std::span<const std::byte> content, std::uint32_t* parts) {
-  *parts = parts_of(content.size());
-  for (std::uint32_t number = 0; number < *parts; ++number) {
-    const auto bytes =
-        content.subspan(number * kMaxChangePart, std::min(kMaxChangePart, content.size() - number * kMaxChangePart));
-    const Key key = Key::change(revision, number);
-    record_.resize(bytes.size() + kChangeRecordOverhead);
-    encode_change(revision, number, {*parts, bytes}, record_);
-    if (Status status = put(key, record_, 0); !status.ok()) return status;
-    meta_->history_bytes += key.bytes().size() + record_.size();
-  }
-  return {};
-}
-
-// Removes some of the oldest changes that nobody may read any longer: now and then a batch, which is cheaper than a few
-// with each write, and always more than a large change has added.
-Status LmdbUpdate::trim(std::uint32_t parts) {
-  constexpr Revision kInterval = 16;
-  constexpr std::uint32_t kBatch = 64;
-  std::uint32_t most = parts > 1 ? 2 * parts : 0;
-  if (meta_->revision % kInterval == 0 || retention_.bytes == 0) most += kBatch;
-  for (std::uint32_t removed = 0; removed < most;) {
-    std::uint32_t parts_of_next = 0;
-    if (Status status = trim_next(&parts_of_next); !status.ok()) return status;
-    if (parts_of_next == 0) break;
-    removed += parts_of_next;
-  }
-  meta_->oldest_state = std::max(meta_->oldest_state, meta_->log_after);
-  return {};
-}
-
-// Removes the oldest change that is stored, if it is not to be retained. `*parts` is 0 if it is; a change that was
-// never stored, since no history was kept then, counts as one part.
-Status LmdbUpdate::trim_next(std::uint32_t* parts) {
-  const Revision oldest = meta_->oldest_stored;
-  *parts = 0;
-  if (oldest >= meta_->revision) return {};
-  if (oldest > meta_->log_after) {
-    bool retained = true;
-    if (Status status = check_retained(oldest, &retained); !status.ok() || retained) return status;
-    meta_->log_after = oldest;
-  }
-  std::uint32_t removed = 0;
-  if (Status status = remove_content(oldest, &removed); !status.ok()) return status;
-  *parts = std::max(removed, 1u);
-  ++meta_->oldest_stored;
-  return {};
-}
-
-// Tells whether size and age allow a change of the log to stay.
-Status LmdbUpdate::check_retained(Revision revision, bool* retained) {
-  *retained = meta_->history_bytes <= retention_.bytes;
-  if (!*retained || description_.time == 0) return {};
-  bool found = false;
-  std::span<const std::byte> record;
-  ChangePart part;
-  std::int64_t time = 0;
-  if (Status status = get(Key::change(revision, 0), &found, &record); !status.ok()) return status;
-  // What is damaged stays for a check to find.
-  if (!found || !decode_change(revision, 0, record, &part).ok() || !decode_time(part.bytes, &time).ok()) return {};
-  *retained = time >= description_.time - std::chrono::microseconds(retention_.age).count();
-  return {};
-}
-
-// Rewrites the changes that hold a former value of one of the nodes.
 Status LmdbUpdate::purge(std::span<const NodeId> nodes, std::uint64_t* removed) {
-  std::set<std::string, std::less<>> keys;
-  *removed = 0;
   if (Status status = load_meta(); !status.ok()) return status;
-  for (const NodeId id : nodes) {
-    const Key key = Key::value(id);
-    keys.emplace(text_of(key.bytes()));
-  }
-  for (std::uint32_t parts = 1; parts != 0;) {  // what nobody may read any longer may still be in the file
-    if (Status status = trim_next(&parts); !status.ok()) return status;
-  }
-  for (Revision revision = meta_->log_after + 1; revision <= former_revision_; ++revision) {
-    if (Status status = purge_change(revision, keys, removed); !status.ok()) return status;
-  }
   changed_ = true;
-  return {};
-}
-
-Status LmdbUpdate::purge_change(Revision revision, const std::set<std::string, std::less<>>& keys,
-                                std::uint64_t* removed) {
-  Bytes buffer;
-  std::span<const std::byte> content;
-  FormerRecords kept;
-  std::uint64_t found = 0;
-  if (Status status = read_content(former_, revision, ContentPart::kWhole, &buffer, &content); !status.ok()) {
-    return status;
-  }
-  const auto keep = [&](std::span<const std::byte> key, std::optional<std::span<const std::byte>> record) {
-    const bool is_purged = record && keys.contains(text_of(key));
-    if (is_purged) ++found;
-    kept.add(key, is_purged ? std::nullopt : record);
-    return Status();
-  };
-  if (Status status = visit_former_records(content, keep).about(change_text(revision)); !status.ok()) return status;
-  if (found == 0) return {};
-  *removed += found;
-  const auto description = content.first(description_end(content));
-  Bytes purged(description.begin(), description.end());
-  purged.insert(purged.end(), kept.bytes().begin(), kept.bytes().end());
-  std::uint32_t parts = 0;
-  if (Status status = remove_content(revision, &parts); !status.ok()) return status;
-  return put_content(revision, purged, &parts);
-}
-
-// Removes the parts of a change, and counts them.
-Status LmdbUpdate::remove_content(Revision revision, std::uint32_t* parts) {
-  for (*parts = 0;; ++*parts) {
-    const Key key = Key::change(revision, *parts);
-    bool found = false;
-    std::span<const std::byte> record;
-    if (Status status = get(key, &found, &record); !status.ok() || !found) return status;
-    const std::uint64_t bytes = key.bytes().size() + record.size();
-    if (Status status = remove(key); !status.ok()) return status;
-    meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
-  }
+  return log_.purge(nodes, description_, &*meta_, removed);
 }
 
 }  // namespace tkv::store

@@ -1,5 +1,4 @@
-// LmdbUpdate: one write transaction on the registry's tree. LMDB makes the changes and answers the reads, which see
-// them; WriteCheck looks at each page before LMDB does.
+// LmdbUpdate: one write transaction on the registry's tree.
 #ifndef TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
 #define TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
 
@@ -15,7 +14,8 @@
 #include "store/lmdb/environment.h"
 #include "store/lmdb/file.h"
 #include "store/lmdb/lmdb_view.h"
-#include "store/lmdb/write_check.h"
+#include "store/lmdb/log_writer.h"
+#include "store/lmdb/record_writer.h"
 #include "store/record.h"
 #include "store/tree_check.h"
 
@@ -25,13 +25,12 @@ class LmdbUpdate final : public Update {
  public:
   LmdbUpdate(Environment& environment, const WriteTransaction& transaction, const Retention& retention)
       : environment_(environment),
-        txn_(transaction.txn()),
         former_(transaction.former()),
-        retention_(retention),
-        check_(former_) {}
+        records_(environment, transaction),
+        log_(records_, former_, retention) {}
 
   // Checks what every transaction depends on. Call first.
-  Status begin() { return check_.check_free_list(); }
+  Status begin() { return records_.begin(); }
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
@@ -85,48 +84,28 @@ class LmdbUpdate final : public Update {
   Revision last_revision() const { return meta_ ? meta_->revision : former_revision_; }
 
   // The outcome of the LMDB call that made this transaction unusable; code 0 if none did.
-  LmdbOutcome broken_by() const { return broken_by_; }
+  LmdbOutcome broken_by() const { return records_.broken_by(); }
 
  private:
   Status load_meta();
-  // Looks up a record; `*found` tells whether there is one. It is valid until the next change.
-  Status get(const Key& key, bool* found, std::span<const std::byte>* record);
-  Status put(const Key& key, std::span<const std::byte> record, unsigned flags);
-  // Returns PRTKV_NO_SUCH_KEY if there is no such record.
-  Status remove(const Key& key);
   Status put_node(NodeId parent, std::string_view name, Node node, unsigned flags);
-  // As put and remove, but keep the former record for the log.
+  // Put and remove a record, and keep the former one for the log.
   Status replace(const Key& key, std::span<const std::byte> record, unsigned flags);
   Status erase(const Key& key);
   Status keep_former(const Key& key);
-  Status log_change();
-  Status put_content(Revision revision, std::span<const std::byte> content, std::uint32_t* parts);
-  Status trim(std::uint32_t parts);
-  Status trim_next(std::uint32_t* parts);
-  Status check_retained(Revision revision, bool* retained);
-  Status purge_change(Revision revision, const std::set<std::string, std::less<>>& keys, std::uint64_t* removed);
-  Status remove_content(Revision revision, std::uint32_t* parts);
   Status remove_value(NodeId id);
   Status remove_children(NodeId parent, std::vector<NodeId>* ids);
-  Status seek(MDB_cursor* cursor, const Key& key, MDB_val* found, MDB_val* data, bool* at_end);
-  Status seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* found, MDB_val* data, bool* at_end);
-  Status succeeded(LmdbOutcome outcome, const char* doing);
 
   Environment& environment_;
-  MDB_txn* const txn_;
   const FileState& former_;
-  const Retention& retention_;
-  WriteCheck check_;
+  RecordWriter records_;
+  LogWriter log_;
   std::optional<Meta> meta_;
   bool meta_changed_ = false;
   Revision former_revision_ = 0;
   NodeId first_new_id_ = kNoNode;
   bool changed_ = false;  // so this update has a revision
   ChangeDescription description_;
-  FormerRecords formers_;
-  std::unordered_set<std::string> kept_;  // keys of formers_
-  bool hides_past_ = false;               // formers_ became too large
-  LmdbOutcome broken_by_{0, 0};
   std::vector<std::byte> record_;
   std::optional<FormerView> before_;
 };
