@@ -10,6 +10,7 @@
 #include "store/etcd/limits.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/revision_view.h"
+#include "store/etcd/settled_view.h"
 #include "store/etcd/stm.h"
 
 namespace tkv::store::etcd {
@@ -116,7 +117,8 @@ Status EtcdStore::write(FunctionRef<Status(Update&)> function, Revision* revisio
 Status EtcdStore::read_at(Revision revision, FunctionRef<Status(View&)> function) {
   return guarded([&] {
     if (Status status = core_.log.check_retained(revision); !status.ok()) return status;
-    RevisionView past(core_, static_cast<std::int64_t>(revision));
+    SettledView past(core_, static_cast<std::int64_t>(revision));
+    if (Status status = past.load(); !status.ok()) return status;
     Status status = call(function, static_cast<View&>(past));
     return past.failure().ok() ? status : past.failure().status;
   });
