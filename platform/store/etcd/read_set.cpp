@@ -249,7 +249,11 @@ bool ReadSet::is_unchanged() const {
   });
 }
 
-Status ReadSet::validate() { return unvalidated_ == 0 ? Status() : pin(); }
+Status ReadSet::validate(std::int64_t* revision) {
+  Status status = unvalidated_ == 0 ? Status() : pin();
+  if (revision != nullptr) *revision = revision_;
+  return status;
+}
 
 // The same, and makes sure that there is a revision.
 Status ReadSet::pin() {

@@ -89,8 +89,9 @@ bool Stm::finish(Status* result) {
 Status Stm::end(bool succeeded) {
   const bool has_written = !writes_.is_empty() || staging_.started();
   if (purpose_ == Purpose::kRead || !succeeded || !has_written) {
-    Status status = reads_.validate();
-    return status.ok() ? validate_revision() : status;
+    std::int64_t read_at = 0;
+    Status status = reads_.validate(&read_at);
+    return status.ok() ? validate_revision(read_at) : status;
   }
   Commit commit(core_, run_, reads_, writes_, staging_, ChangeLog::encode(description_));
   Status status = commit.make();
@@ -98,13 +99,14 @@ Status Stm::end(bool succeeded) {
   return status;
 }
 
-// The log is not compared, since every change writes it. If it is now what it was before everything was read and
-// validated, there was no change in between.
-Status Stm::validate_revision() {
-  if (!revision_ || purpose_ == Purpose::kWrite || run_.repeats()) return {};
-  Revision now = 0;
-  if (Reply reply = core_.log.revision(0, &now); !reply.ok()) return run_.fail(reply.status);
-  return now == *revision_ ? Status() : run_.repeat_from_scratch();
+// The log is not compared, since every change writes it: it is read again at the revision of everything else.
+Status Stm::validate_revision(std::int64_t read_at) {
+  if (!revision_ || purpose_ == Purpose::kWrite || read_at == 0 || run_.repeats()) return {};
+  Revision found = 0;
+  const Reply reply = core_.log.revision(read_at, &found);
+  if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
+  if (!reply.ok()) return run_.fail(reply.status);
+  return found == *revision_ ? Status() : run_.repeat_from_scratch();
 }
 
 // A run that held a claim is followed by one that lays the same claim again, and reads the state at which it does.

@@ -97,7 +97,7 @@ class Stm final : public Update {
   };
 
   Status end(bool succeeded);
-  Status validate_revision();
+  Status validate_revision(std::int64_t read_at);
   Status lay_claim(const ClaimOrder& order);
   void wait_for_claims_on(NodeId top, const std::optional<Claim>& former);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
