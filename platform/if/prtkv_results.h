@@ -4,6 +4,7 @@
  * UNUSABLE: the storage cannot be used as it is configured (missing, replaced under the session, ...); trying again
  * does not help, changing something does. BUSY: somebody else is at work; the same call may succeed later. UNDECIDED:
  * the reply to a change was lost and nobody could be asked before the deadline; look before repeating it.
+ * CONFLICT: a condition of a batch does not hold.
  *
  * The numbers are part of the interface: callers test them by value and they are shown to people. Do not change.
  */
@@ -31,6 +32,7 @@
   RESULT(UNUSABLE, 18, "storage cannot be used as configured")      \
   RESULT(BUSY, 19, "busy, try again")                               \
   RESULT(UNDECIDED, 20, "not known whether the change was made")    \
+  RESULT(CONFLICT, 21, "a condition does not hold")                 \
   RESULT(DISTRIBUTED, 37, "the path names a distributed registry")  \
   RESULT(INVALID_CONFIGURATION, 41, "invalid configuration")        \
   RESULT(CONFIGURATION_UNREADABLE, 42, "configuration unreadable")  \

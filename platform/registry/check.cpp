@@ -82,6 +82,8 @@ Damage::Kind kind_of(Finding::Kind kind) {
       return Damage::Kind::kOrphanValue;
     case Finding::Kind::kDuplicateId:
       return Damage::Kind::kDuplicateId;
+    case Finding::Kind::kDamagedChange:
+      return Damage::Kind::kDamagedChange;
   }
   return Damage::Kind::kDamagedKey;
 }

@@ -22,16 +22,6 @@ constexpr std::size_t kMaxBackupLocationSize = PRTKV_BACKUP_LOCATION_SIZE - 1;
 
 Status invalid(std::string why) { return {PRTKV_INVALID_CONFIGURATION, std::move(why)}; }
 
-Status take_yes_or_no(const std::string& value, bool* answer) {
-  for (const char* word : {"yes", "true", "on", "1"}) {
-    if (value == word) return *answer = true, Status();
-  }
-  for (const char* word : {"no", "false", "off", "0"}) {
-    if (value == word) return *answer = false, Status();
-  }
-  return invalid("'" + value + "' is neither yes nor no");
-}
-
 // "a location is one directory or up to five etcd addresses".
 Status wrong_number_of_locations() {
   std::string text;
@@ -81,7 +71,8 @@ constexpr OwnSetting kRegistrySettings[] = {
      "One directory (absolute path), or one to five etcd://host:port, separated by blanks or commas or on lines of "
      "their own. Default: /var/lib/tkv for root; for others $XDG_STATE_HOME/tkv or, if that is not set, "
      "~/.local/state/tkv."},
-    {"registry.local_only", [](const auto& value, auto* made) { return take_yes_or_no(value, &made->local_only); },
+    {"registry.local_only",
+     [](const auto& value, auto* made) { return store::parse_yes_or_no(value, &made->local_only); },
      "yes or no: what callers are told. Default: yes for a directory, no for etcd."},
     {"registry.backup_location",
      [](const auto& value, auto* made) { return take_backup_location(value, &made->backup_location); },
@@ -89,7 +80,7 @@ constexpr OwnSetting kRegistrySettings[] = {
 
 constexpr OwnSetting kClusterSettings[] = {
     {"cluster.configured",
-     [](const auto& value, auto* made) { return take_yes_or_no(value, &made->cluster_configured); },
+     [](const auto& value, auto* made) { return store::parse_yes_or_no(value, &made->cluster_configured); },
      "yes or no: whether this node is a member of a cluster. Default: yes if the location is etcd."}};
 
 struct KnownSetting {

@@ -7,9 +7,13 @@
 #include <vector>
 
 #include "base/limits.h"
+#include "registry/batch_writer.h"
 #include "registry/check.h"
+#include "registry/name.h"
 #include "registry/new_keys.h"
+#include "registry/snapshot.h"
 #include "registry/subtree.h"
+#include "registry/undo.h"
 
 namespace tkv::registry {
 namespace {
@@ -29,8 +33,13 @@ Status demand_expected(const Difference& difference, const ApplyOptions& options
 
 }  // namespace
 
-LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store)
-    : configuration_(std::move(configuration)), identity_(std::move(identity)), store_(std::move(store)) {}
+LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store,
+                         std::string note)
+    : configuration_(std::move(configuration)),
+      identity_(std::move(identity)),
+      store_(std::move(store)),
+      note_(beginning(note, kMaxNoteSize)),
+      history_(*store_, identity_) {}
 
 Status LocalClient::read(FunctionRef<Status(Reader& tree)> function) {
   return store_->read([&](store::View& view) {
@@ -46,11 +55,15 @@ Status LocalClient::read_all(FunctionRef<Status(Reader& tree)> function) {
   });
 }
 
-Status LocalClient::write(FunctionRef<Status(Writer& tree)> function) {
-  return store_->write([&](store::Update& update) {
-    Writer tree(update, identity_);
-    return function(tree);
-  });
+Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* revision) {
+  return store_->write(
+      [&](store::Update& update) {
+        Writer tree(update, identity_);
+        Status status = function(tree);
+        if (status.ok()) update.describe(describe_change(identity_, note_, tree.take_changes()));
+        return status;
+      },
+      revision);
 }
 
 bool LocalClient::is_up_to_date(const KnownKey& known) {
@@ -71,8 +84,12 @@ Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
 Status LocalClient::stat(const KeyRef& key, KeyInfo* info) {
   KeyInfo found;
   Status status = read([&](Reader& tree) { return tree.stat(key, &found); });
-  if (status.ok()) *info = found;
+  if (status.ok()) *info = std::move(found);
   return status;
+}
+
+Status LocalClient::read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) {
+  return read([&](Reader& tree) { return tree.read_key(key, info, value); });
 }
 
 Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
@@ -290,12 +307,90 @@ Status LocalClient::status(RegistryStatus* status) {
   store::StoreStatus found;
   if (Status readable = find("", &root); !readable.ok()) return readable;
   if (Status asked = store_->status(&found); !asked.ok()) return asked;
-  *status = {store_->kind(), found.bytes, found.max_bytes, found.readers, found.max_readers, {}, {}};
+  *status = {store_->kind(),
+             found.bytes,
+             found.max_bytes,
+             found.readers,
+             found.max_readers,
+             found.revision,
+             found.oldest_state,
+             found.log_after,
+             found.history_bytes,
+             {},
+             {}};
   for (const store::LongReader& reader : found.long_readers) {
     status->long_readers.push_back({reader.process, reader.command, reader.seconds, reader.held_bytes});
   }
   if (found.cluster) status->cluster = as_clients_see(*found.cluster);
   return {};
+}
+
+// ---- the history
+
+std::shared_ptr<Client> LocalClient::with_note(std::string note) {
+  return std::make_shared<LocalClient>(configuration_, identity_, store_, std::move(note));
+}
+
+Status LocalClient::commit(const Batch& batch, CommitResult* result) {
+  Revision revision = 0;
+  Status status = write([&](Writer& tree) { return write_batch(tree, batch, result); }, &revision);
+  if (status.ok()) result->revision = revision;
+  return status;
+}
+
+Status LocalClient::revision(Revision* revision) {
+  return store_->read([&](store::View& view) { return view.revision(revision); });
+}
+
+Status LocalClient::at(Revision revision, std::unique_ptr<Snapshot>* snapshot) {
+  Status status = store_->read_at(revision, [](store::View&) { return Status(); });
+  if (status.ok()) *snapshot = std::make_unique<LocalSnapshot>(store_, identity_, revision);
+  return status;
+}
+
+Status LocalClient::snapshot(std::unique_ptr<Snapshot>* snapshot) {
+  Revision latest = 0;
+  Status status = revision(&latest);
+  if (status.ok()) *snapshot = std::make_unique<LocalSnapshot>(store_, identity_, latest);
+  return status;
+}
+
+Status LocalClient::wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+                         Revision* revision) {
+  return store_->wait(after, timeout, stop, revision);
+}
+
+Status LocalClient::undo(Revision revision, const UndoOptions& options, Batch* inverse, CommitResult* result) {
+  Batch planned;
+  *result = {};
+  if (Status status = history_.plan_undo_of(revision, &planned); !status.ok()) return status;
+  Batch forced = planned;
+  forced.conditions.clear();
+  for (Operation& operation : forced.operations) {
+    operation.recursive = operation.recursive || operation.kind == Operation::Kind::kRemove;
+  }
+  const Batch& chosen = options.force ? forced : planned;
+  Status status;
+  if (options.dry_run) {
+    status = read([&](Reader& tree) { return check_conditions(tree, chosen, result); });
+  } else {
+    status = commit(chosen, result);
+  }
+  // A key that was created may have subkeys by now.
+  if (status.is(PRTKV_HAS_SUBKEYS)) status = {PRTKV_CONFLICT, status.text()};
+  *inverse = chosen;
+  return status;
+}
+
+Status LocalClient::revision_at(std::int64_t time, Revision* revision) { return history_.revision_at(time, revision); }
+
+Status LocalClient::changes_since(const ChangeQuery& query, FunctionRef<Status(const ChangeRecord& record)> visit,
+                                  LogPosition* position) {
+  return history_.changes_since(query, visit, position);
+}
+
+Status LocalClient::purge_history(std::string_view name, std::uint64_t* removed) {
+  return history_.purge(name, describe_change(identity_, note_, {}), removed);
 }
 
 }  // namespace tkv::registry

@@ -3,9 +3,13 @@
 #define TKV_PLATFORM_REGISTRY_LOCAL_CLIENT_H
 
 #include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "registry/client.h"
 #include "registry/directory_cache.h"
+#include "registry/local_history.h"
 #include "registry/tree.h"
 #include "store/store.h"
 
@@ -13,7 +17,8 @@ namespace tkv::registry {
 
 class LocalClient final : public Client {
  public:
-  LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store);
+  LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store,
+              std::string note = {});
 
   const Identity& identity() const override { return identity_; }
   const Configuration& configuration() const override { return configuration_; }
@@ -25,6 +30,7 @@ class LocalClient final : public Client {
   Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
                     std::size_t* size) override;
   Status read_security(const KeyRef& key, sec_attr* security) override;
+  Status read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) override;
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
                 std::span<const std::byte> bytes, KeyId* id) override;
   Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) override;
@@ -46,6 +52,19 @@ class LocalClient final : public Client {
   Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) override;
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options, KeyProgress progress) override;
 
+  Status commit(const Batch& batch, CommitResult* result) override;
+  std::shared_ptr<Client> with_note(std::string note) override;
+  Status revision(Revision* revision) override;
+  Status at(Revision revision, std::unique_ptr<Snapshot>* snapshot) override;
+  Status snapshot(std::unique_ptr<Snapshot>* snapshot) override;
+  Status revision_at(std::int64_t time, Revision* revision) override;
+  Status changes_since(const ChangeQuery& query, FunctionRef<Status(const ChangeRecord& record)> visit,
+                       LogPosition* position) override;
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+              Revision* revision) override;
+  Status undo(Revision revision, const UndoOptions& options, Batch* inverse, CommitResult* result) override;
+  Status purge_history(std::string_view name, std::uint64_t* removed) override;
+
   Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) override;
   Status status(RegistryStatus* status) override;
 
@@ -59,12 +78,18 @@ class LocalClient final : public Client {
   Status read_all(FunctionRef<Status(Reader& tree)> function);
 
   // Runs `function` and, if it succeeds, makes everything that it did durable, all or nothing. It may run more than
-  // once.
-  Status write(FunctionRef<Status(Writer& tree)> function);
+  // once. `*revision` is that of Store::write.
+  Status write(FunctionRef<Status(Writer& tree)> function, Revision* revision);
+  Status write(FunctionRef<Status(Writer& tree)> function) {
+    Revision revision = 0;
+    return write(function, &revision);
+  }
 
   const Configuration configuration_;
   const Identity identity_;
   const std::shared_ptr<store::Store> store_;
+  const std::string note_;
+  LocalHistory history_;
   DirectoryCache cache_;
 };
 

@@ -10,15 +10,6 @@ namespace {
 
 constexpr Rights kMostInheritedByOthers = TKV_RIGHT_READ | TKV_RIGHT_LIST;
 
-Status create_key(Writer& tree, std::string_view name, const TypedValue& value, const NewKeySecurity& rules) {
-  sec_attr above{};
-  sec_attr security{};
-  KeyId id = kAnyKey;
-  if (Status status = inherited_security(tree, parent_of(name), rules, &above); !status.ok()) return status;
-  if (Status status = security_below(above, rules, &security); !status.ok()) return status;
-  return tree.create("", name, security, value.type, value.span(), &id);
-}
-
 Status write_existing(Writer& tree, std::string_view name, const TypedValue& value, PutOptions::Key key) {
   if (key == PutOptions::Key::kMustBeNew) return {PRTKV_KEY_EXISTS, describe(name) + " exists"};
   if (value == TypedValue{}) return {};
@@ -48,6 +39,15 @@ Status inherited_security(Reader& tree, std::string_view parent, const NewKeySec
     status = tree.security(parent, security);
   }
   return status;
+}
+
+Status create_key(Writer& tree, std::string_view name, const TypedValue& value, const NewKeySecurity& rules) {
+  sec_attr above{};
+  sec_attr security{};
+  KeyId id = kAnyKey;
+  if (Status status = inherited_security(tree, parent_of(name), rules, &above); !status.ok()) return status;
+  if (Status status = security_below(above, rules, &security); !status.ok()) return status;
+  return tree.create("", name, security, value.type, value.span(), &id);
 }
 
 Status create_parents(Writer& tree, std::string_view name, const NewKeySecurity& rules) {

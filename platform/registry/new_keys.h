@@ -17,6 +17,9 @@ Status security_below(const sec_attr& parent, const NewKeySecurity& rules, sec_a
 // nearest ancestor that does. Needs TKV_RIGHT_READ on that key. Without inheritance, needs no right and leaves zeros.
 Status inherited_security(Reader& tree, std::string_view parent, const NewKeySecurity& rules, sec_attr* security);
 
+// Creates a key with the security that the rules give it. Its parent exists.
+Status create_key(Writer& tree, std::string_view name, const TypedValue& value, const NewKeySecurity& rules);
+
 // Creates the ancestors of `name` that do not exist, without values.
 Status create_parents(Writer& tree, std::string_view name, const NewKeySecurity& rules);
 

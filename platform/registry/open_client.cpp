@@ -36,7 +36,8 @@ Status open_client(Configuration configuration, const OpenOptions& options, std:
   if (Status status = kind_of(configuration).open(place_of(configuration), opening, &store); !status.ok()) {
     return status;
   }
-  *client = std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store));
+  *client =
+      std::make_shared<LocalClient>(std::move(configuration), std::move(identity), std::move(store), options.note);
   return {};
 }
 

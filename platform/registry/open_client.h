@@ -23,6 +23,7 @@ struct OpenOptions {
   bool create = true;             // create a fresh registry if there is none; its root belongs to the process's user
   bool read_only = false;         // of an embedded registry
   std::uint32_t max_wait_ms = 0;  // no operation takes longer, whatever is configured; 0: as configured
+  std::string note = {};          // what the changes are for, for the log; see Client::with_note
   // Called when a write has waited for another process's for a second, with a message for people that names the
   // process: "waiting for process 4711 (tkv), ...". It may be called by any thread that writes, and must not call the
   // client.

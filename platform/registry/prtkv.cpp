@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "base/limits.h"
+#include "registry/c_arguments.h"
 #include "registry/configuration.h"
 #include "registry/contexts.h"
 #include "registry/error_text.h"
@@ -22,26 +23,16 @@
 namespace {
 
 using tkv::Status;
+using tkv::registry::bytes;
+using tkv::registry::check_value;
 using tkv::registry::Client;
 using tkv::registry::Configuration;
+using tkv::registry::demand;
 using tkv::registry::inspect_session;
 using tkv::registry::Session;
+using tkv::registry::text;
 using tkv::registry::with_session;
 using tkv::registry::without_session;
-
-struct Argument {
-  const void* pointer;
-  const char* name;
-};
-
-Status null_argument(const char* name) { return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name}; }
-
-// Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
-inline Status demand(std::initializer_list<Argument> arguments) {
-  for (const Argument& argument : arguments)
-    if (argument.pointer == nullptr) return null_argument(argument.name);
-  return {};
-}
 
 Status check_flags(std::uint32_t flags, std::uint32_t allowed) {
   if (flags == 0 || flags == allowed) return {};
@@ -51,18 +42,6 @@ Status check_flags(std::uint32_t flags, std::uint32_t allowed) {
 Status check_reserved(const void* reserved) {
   return reserved == nullptr ? Status()
                              : Status(PRTKV_INVALID_ARGUMENT, "invalid argument: a reserved one is not null");
-}
-
-Status check_value(const void* value, std::uint32_t size) {
-  if (value == nullptr && size > 0) return {PRTKV_NULL_ARGUMENT, "null argument: value"};
-  return tkv::check_value_size(size);
-}
-
-// A caller's name. Reads no further than the first byte beyond the limit.
-std::string_view text(const char* name) { return {name, ::strnlen(name, PRTKV_FULL_NAME_SIZE)}; }
-
-std::span<const std::byte> bytes(const void* value, std::uint32_t size) {
-  return {static_cast<const std::byte*>(value), size};
 }
 
 // Writes the text of a failure without a session, and returns its code.

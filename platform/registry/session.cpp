@@ -265,6 +265,22 @@ Status Session::get_security(prtkv_key key, sec_attr* security) {
   return status;
 }
 
+Status Session::get_revision(prtkv_key key, Revision* revision) {
+  Status status;
+  KeyInfo info;
+  OpenKey* found = find_live(key, &status);
+  if (found == nullptr) return status;
+  status = settle(*found, client_->stat(found->ref(), &info));
+  if (status.ok()) *revision = info.revision;
+  return status;
+}
+
+void Session::stop_waiting() {
+  std::stop_source fresh;
+  waits_.swap(fresh);
+  fresh.request_stop();
+}
+
 Status Session::set_security(prtkv_key key, const sec_attr& security) {
   Status status;
   OpenKey* found = find_live(key, &status);

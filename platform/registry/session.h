@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <memory>
 #include <span>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -32,6 +33,7 @@ namespace tkv::registry {
 class Session {
  public:
   explicit Session(std::shared_ptr<Client> client) : client_(std::move(client)) {}
+  ~Session() { waits_.request_stop(); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -46,8 +48,14 @@ class Session {
   Status set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value);
   Status get_security(prtkv_key key, sec_attr* security);
   Status set_security(prtkv_key key, const sec_attr& security);
+  Status get_revision(prtkv_key key, Revision* revision);
 
   Client& client() { return *client_; }
+  std::shared_ptr<Client> shared_client() { return client_; }
+
+  // Waits for changes run outside of the session, which tells them when to stop: at stop_waiting() and at its end.
+  std::stop_token waits() const { return waits_.get_token(); }
+  void stop_waiting();
 
   // Keeps the message of a failure, or clears it after a success.
   void record(const Status& status) noexcept;
@@ -80,6 +88,7 @@ class Session {
   void prepare_losses(std::initializer_list<std::string_view> names);
 
   const std::shared_ptr<Client> client_;
+  std::stop_source waits_;
   std::vector<std::unique_ptr<OpenKey>> keys_;  // only grows; free slots keep their memory
   std::vector<std::size_t> free_;               // indexes into keys_
   LostNames lost_;

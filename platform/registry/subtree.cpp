@@ -141,6 +141,7 @@ Status stage_subtree(Writer& tree, Changes added, KeyId* top) {
                                                              key.security, key.value.type, key.value.span(), &id);
     if (!made.ok()) return made.about(describe(key.name));
     if (ancestors.empty()) *top = id;
+    tree.note_created(key.name, id);
     ancestors.emplace_back(key.name, id);
   }
   return {};

@@ -1,5 +1,6 @@
 #include "registry/tree.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -184,8 +185,13 @@ Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t c
 }
 
 Status Reader::demand(Rights right, std::string_view name, const store::Node& node, const char* doing) const {
-  if ((rights_of(identity_, node.security) & right) == right) return {};
+  if ((rights(name, node) & right) == right) return {};
   return {PRTKV_ACCESS_DENIED, describe(name) + ": access denied, " + doing + " needs the right " + hexadecimal(right)};
+}
+
+Rights Reader::rights(std::string_view name, const store::Node& node) const {
+  const Rights here = rights_of(identity_, node.security);
+  return today_ == nullptr || here == 0 ? here : here & today_->of(name);
 }
 
 Status Reader::exists(std::string_view name, bool* answer) {
@@ -213,7 +219,7 @@ Status Reader::look_up(std::string_view name, Presence* presence) {
 Status Reader::read_info(std::string_view name, const store::Node& node, KeyInfo* info) {
   *info = {};
   info->id = node.id;
-  info->rights = rights_of(identity_, node.security);
+  info->rights = rights(name, node);
   if ((info->rights & TKV_RIGHT_READ) == 0) return {};
   store::Value value;
   if (Status status = view_.has_children(node.id, &info->has_subkeys); !status.ok()) return at_key(status, name);
@@ -221,6 +227,16 @@ Status Reader::read_info(std::string_view name, const store::Node& node, KeyInfo
   info->security = node.security;
   info->type = value.type;
   info->size = value.bytes.size();
+  info->revision = std::max(node.revision, value.revision);
+  return {};
+}
+
+Status Reader::read_last_change(KeyInfo* info) {
+  ChangeRecord record;
+  const Status status = view_.change(info->revision, &record);
+  if (!status.ok()) return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
+  info->changed_at = record.time;
+  info->changed_by = std::move(record.author);
   return {};
 }
 
@@ -230,7 +246,19 @@ Status Reader::stat(const KeyRef& key, KeyInfo* info) {
   if (Status status = resolve(key, &place); !status.ok()) return status;
   if (Status status = demand(TKV_RIGHT_READ, key.name, place.node, "reading it"); !status.ok()) return status;
   if (Status status = read_info(key.name, place.node, &found); !status.ok()) return status;
-  *info = found;
+  if (Status status = read_last_change(&found); !status.ok()) return at_key(status, key.name);
+  *info = std::move(found);
+  return {};
+}
+
+Status Reader::read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) {
+  KeyInfo found;
+  store::Value read;
+  if (Status status = stat(key, &found); !status.ok()) return status;
+  if (Status status = view_.value(found.id, &read); !status.ok()) return at_key(status, key.name);
+  value->type = read.type;
+  value->bytes.assign(reinterpret_cast<const char*>(read.bytes.data()), read.bytes.size());
+  *info = std::move(found);
   return {};
 }
 
@@ -293,7 +321,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
     entry.level = step.level;
     entry.depth = step.depth;
     entry.id = step.node.id;
-    entry.rights = rights_of(identity_, step.node.security);
+    entry.rights = rights(step.name, step.node);
     step.descend = step.depth < options.depth;
     if (step.descend && (entry.rights & TKV_RIGHT_LIST) == 0) {
       Status status = view_.has_children(step.node.id, &entry.subkeys_hidden);
@@ -315,6 +343,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
       if (!value_damage.ok()) return at_key(value_damage, step.name);
       entry.type = value.type;
       entry.value = value.bytes;
+      entry.revision = std::max(step.node.revision, value.revision);
     }
     return visit(entry);
   };
@@ -343,6 +372,8 @@ struct Writer::Target {
 struct Writer::Copying {
   store::View& view;
   const CopyOptions& options;
+  std::string_view source;
+  std::string_view target;
   std::string name;        // of the key being copied
   std::size_t max_size;    // of names of sources, so that the names of their copies keep to the limits
   std::size_t max_levels;  // likewise
@@ -415,6 +446,7 @@ Status Writer::remove_damaged(std::string_view name, const Status& damage) {
   changed_ = true;
   count_key();
   status = update_.remove_damaged(above.node.id, last_level(name));
+  if (status.ok()) changes_.add(Change::Kind::kDeleted, name, kAnyKey);  // nobody can tell its id
   return status.is(PRTKV_KEY_EXISTS) ? damage : at_key(status, name);
 }
 
@@ -428,6 +460,11 @@ Status Writer::demand_fit(const store::Node& node, std::string_view from, std::s
     return {PRTKV_INVALID_NAME,
             "invalid name: " + describe(step.name) + " would be longer or deeper than a name may be"};
   });
+}
+
+// Before what is put there: changes are undone in the opposite order.
+void Writer::note_replaced(const Target& target) {
+  if (target.taken) changes_.add(Change::Kind::kDeleted, target.name.view(), target.former.id);
 }
 
 Status Writer::put_node(const Target& target, const store::Node& node) {
@@ -452,6 +489,7 @@ Status Writer::create(const KeyRef& parent, std::string_view name, const sec_att
   if (Status status = demand_target(target, false); !status.ok()) return status;
   if (Status status = stage(type, bytes, &created); !status.ok()) return at_key(status, target.name.view());
   if (Status status = put_node(target, {created, normalized(security)}); !status.ok()) return status;
+  note_created(target.name.view(), created);
   *id = created;
   return {};
 }
@@ -463,6 +501,7 @@ Status Writer::write_value(const KeyRef& key, std::int32_t type, std::span<const
   if (Status status = demand(TKV_RIGHT_WRITE, key.name, place.node, "writing its value"); !status.ok()) return status;
   changed_ = true;
   count_key();
+  changes_.add(Change::Kind::kValue, key.name, place.node.id);
   return at_key(update_.set_value(place.node.id, type, bytes), key.name);
 }
 
@@ -474,30 +513,33 @@ Status Writer::write_security(const KeyRef& key, const sec_attr& security) {
   if (!status.ok()) return status;
   changed_ = true;
   count_key();
+  changes_.add(Change::Kind::kSecurity, key.name, place.node.id);
   return at_key(update_.set_security(place.parent, last_level(key.name), normalized(security)), key.name);
 }
 
 Status Writer::change_security(const KeyRef& key, bool recursive, FunctionRef<Status(sec_attr* security)> change) {
-  struct Change {
+  struct NewSecurity {
     store::NodeId parent;
     std::string level;
     sec_attr security;
   };
-  std::vector<Change> changes;
+  std::vector<NewSecurity> changes;
   const auto collect = [&](Step& step) -> Status {
     step.descend = recursive;
     sec_attr wanted = step.node.security;
     Status status = demand(TKV_RIGHT_SECURITY, step.name, step.node, "changing its security");
     if (status.ok()) status = change(&wanted);
     if (status.ok()) status = check_security(wanted);
-    if (status.ok()) changes.push_back({step.parent, std::string(step.level), normalized(wanted)});
-    return status;
+    if (!status.ok()) return status;
+    changes.push_back({step.parent, std::string(step.level), normalized(wanted)});
+    changes_.add(Change::Kind::kSecurity, step.name, step.node.id);
+    return {};
   };
   Place place;
   if (Status status = resolve(key, &place); !status.ok()) return status;
   if (Status status = descend_from(stable_view(), key.name, place, collect); !status.ok()) return status;
   changed_ = true;
-  for (const Change& each : changes) {
+  for (const NewSecurity& each : changes) {
     if (Status status = update_.set_security(each.parent, each.level, each.security); !status.ok()) {
       return at_key(status, key.name);
     }
@@ -522,6 +564,7 @@ Status Writer::remove(const KeyRef& key, bool recursive) {
     if (subkeys) return {PRTKV_HAS_SUBKEYS, describe(key.name) + " has subkeys"};
   }
   changed_ = true;
+  changes_.add(Change::Kind::kDeleted, key.name, place.node.id);
   if (Status status = update_.unlink(place.parent, last_level(key.name)); !status.ok()) return at_key(status, key.name);
   return at_key(update_.discard(place.node.id), key.name);
 }
@@ -544,7 +587,9 @@ Status Writer::move(const KeyRef& source, const KeyRef& parent, std::string_view
   if (Status status = update_.unlink(from.parent, last_level(source.name)); !status.ok()) {
     return at_key(status, source.name);
   }
+  note_replaced(target);
   if (Status status = put_node(target, from.node); !status.ok()) return status;
+  changes_.add(Change::Kind::kMoved, to, from.node.id, source.name);
   *id = from.node.id;
   return {};
 }
@@ -560,7 +605,8 @@ Status Writer::copy(const KeyRef& source, std::string_view target_name, const Co
   }
   if (options.replace && is_within(source.name, to)) return cannot_replace_ancestor(source.name, to);
   if (Status status = demand_target(target, options.replace); !status.ok()) return status;
-  Copying copying{stable_view(), options, std::string(source.name), {}, {}, {}};
+  note_replaced(target);
+  Copying copying{stable_view(), options, source.name, to, std::string(source.name), {}, {}, {}};
   copying.max_size = kMaxNameSize + source.name.size() - to.size();
   copying.max_levels = kMaxLevels + count_levels(source.name) - count_levels(to);
   store::Node made;
@@ -587,6 +633,7 @@ Status Writer::copy_key(Copying& copying, const store::Node& from, store::Node* 
   copying.value.assign(value.bytes.begin(), value.bytes.end());
   if (Status status = security_of_copy(copying, from, &to->security); !status.ok()) return status;
   if (Status status = stage(value.type, copying.value, &to->id); !status.ok()) return at_key(status, copying.name);
+  note_created(moved_name(copying.name, copying.source, copying.target), to->id);
   if (!copying.options.recursive) return {};
   bool subkeys = false;
   if (Status status = copying.view.has_children(from.id, &subkeys); !status.ok()) return at_key(status, copying.name);
@@ -646,6 +693,7 @@ Status Writer::attach(KeyId id, const sec_attr& security, const KeyRef& parent, 
   if (Status status = check_security(security); !status.ok()) return status;
   if (Status status = find_target(parent, name, &target); !status.ok()) return status;
   if (Status status = demand_target(target, replace); !status.ok()) return status;
+  note_replaced(target);
   return put_node(target, {id, normalized(security)});
 }
 

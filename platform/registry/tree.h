@@ -22,10 +22,12 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "base/function_ref.h"
 #include "base/identity.h"
 #include "registry/access.h"
+#include "registry/change_list.h"
 #include "registry/client.h"
 #include "registry/directory_cache.h"
 #include "registry/name.h"
@@ -52,11 +54,20 @@ struct Place {
   store::Node node;
 };
 
+// What an identity may do today with the keys of a former state.
+class TodaysRights {
+ public:
+  virtual Rights of(std::string_view former_name) = 0;
+
+ protected:
+  ~TodaysRights() = default;
+};
+
 class Reader {
  public:
-  // `cache` may be null.
-  Reader(store::View& view, const Identity& identity, DirectoryCache* cache = nullptr)
-      : view_(view), identity_(identity), cache_(cache) {}
+  // `cache` may be null. With `today`, the view is a former state, and every right is needed today as well.
+  Reader(store::View& view, const Identity& identity, DirectoryCache* cache = nullptr, TodaysRights* today = nullptr)
+      : view_(view), identity_(identity), cache_(cache), today_(today) {}
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
@@ -81,6 +92,7 @@ class Reader {
 
   // As the Client's operations.
   Status stat(const KeyRef& key, KeyInfo* info);
+  Status read_key(const KeyRef& key, KeyInfo* info, TypedValue* value);
   Status security(const KeyRef& key, sec_attr* security);
   Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit);
 
@@ -91,6 +103,9 @@ class Reader {
   // Reads the value: type 0 without bytes if none was ever written. The bytes remain the store's (see store.h). Needs
   // TKV_RIGHT_READ.
   Status value(const KeyRef& key, store::Value* value);
+
+  // The identity's rights on the node of the key `name`.
+  Rights rights(std::string_view name, const store::Node& node) const;
 
   const Identity& identity() const { return identity_; }
 
@@ -103,10 +118,12 @@ class Reader {
   Status find_parent(std::string_view name, store::NodeId* id);
   void learn(const store::Node& node, const store::ValuePlace& place, KnownKey* known);
   Status read_info(std::string_view name, const store::Node& node, KeyInfo* info);
+  Status read_last_change(KeyInfo* info);
 
   store::View& view_;
   const Identity& identity_;
   DirectoryCache* cache_;
+  TodaysRights* today_;
 };
 
 class Writer final : public Reader {
@@ -122,6 +139,10 @@ class Writer final : public Reader {
   // From now on calls `progress` with the number of keys that were created, changed or checked for deletion, after each
   // of them. `progress` must outlive the writer.
   void report_to(KeyProgress progress) { progress_ = progress; }
+
+  // What was done so far, by name. Of staged keys, only the caller knows the names: see note_created().
+  std::vector<Change> take_changes() { return changes_.take(); }
+  void note_created(std::string_view name, KeyId id) { changes_.add(Change::Kind::kCreated, name, id); }
 
   // As the Client's operations.
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
@@ -158,6 +179,7 @@ class Writer final : public Reader {
   Status demand_delete(std::string_view name, const store::Node& node);
   Status demand_fit(const store::Node& node, std::string_view from, std::string_view to);
   Status put_node(const Target& target, const store::Node& node);
+  void note_replaced(const Target& target);
   Status copy_key(Copying& copying, const store::Node& from, store::Node* to);
   Status copy_subkeys(Copying& copying, store::NodeId from, store::NodeId to);
   Status security_of_copy(const Copying& copying, const store::Node& from, sec_attr* security) const;
@@ -166,6 +188,7 @@ class Writer final : public Reader {
   bool changed_ = false;  // by this writer, so the state before the update is no longer what the update shows
   std::uint64_t keys_ = 0;
   std::optional<KeyProgress> progress_;
+  ChangeList changes_;
 };
 
 }  // namespace tkv::registry

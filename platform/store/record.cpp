@@ -15,13 +15,10 @@ namespace {
 constexpr std::size_t kHeaderSize = 4;
 constexpr std::size_t kChecksumSize = 8;
 
-std::uint64_t key_hash(NodeId id, std::string_view name) {
-  return XXH3_64bits_withSeed(name.empty() ? "" : name.data(), name.size(), id);
-}
-
-std::uint64_t checksum(std::span<const std::byte> covered, std::uint64_t seed) {
-  return XXH3_64bits_withSeed(covered.data(), covered.size(), seed);
-}
+// Of format version 1.
+constexpr std::size_t kNodeRecordSize1 = 160;
+constexpr std::size_t kValueRecordOverhead1 = 16;
+constexpr std::size_t kMetaRecordSize1 = 28;
 
 template <typename Integer>
 void put(std::byte* at, Integer value) {
@@ -40,6 +37,26 @@ Integer get(const std::byte* at) {
     bits |=
         static_cast<std::make_unsigned_t<Integer>>(std::to_integer<std::make_unsigned_t<Integer>>(at[i]) << (8 * i));
   return static_cast<Integer>(bits);
+}
+
+template <typename Integer>
+std::array<std::byte, sizeof(Integer)> in_order(Integer value) {
+  std::array<std::byte, sizeof(Integer)> bytes;
+  put(bytes.data(), value);
+  return bytes;
+}
+
+// The seed of a record's checksum. In version 1, short names under parents with related ids may have the same one: the
+// hash of up to three bytes combines them with its own seed too simply. Since version 2, the id is hashed first; but
+// not the 0 of the registry's own record, whose checksum tells every release that the format is a newer one.
+std::uint64_t seed_of(unsigned version, std::uint64_t id, std::string_view name) {
+  const bool is_plain = version <= 1 || id == kNoNode;
+  const std::uint64_t seed = is_plain ? id : XXH3_64bits(in_order(id).data(), sizeof id);
+  return XXH3_64bits_withSeed(name.empty() ? "" : name.data(), name.size(), seed);
+}
+
+std::uint64_t checksum(std::span<const std::byte> covered, std::uint64_t seed) {
+  return XXH3_64bits_withSeed(covered.data(), covered.size(), seed);
 }
 
 // Masks with the low byte first, names as they are: the layout of sec_attr itself on little-endian machines.
@@ -68,41 +85,77 @@ void put_header(std::byte* record, RecordKind kind) {
   record[3] = std::byte{0};
 }
 
-void seal(std::span<std::byte> record, std::uint64_t seed) {
+// What a record's checksum is seeded with.
+struct RecordKey {
+  std::uint64_t id;
+  std::string_view name;
+};
+
+constexpr RecordKey kRegistry{kNoNode, "meta"};
+
+void seal(std::span<std::byte> record, const RecordKey& key) {
   const std::size_t covered = record.size() - kChecksumSize;
-  put(record.data() + covered, checksum(record.first(covered), seed));
+  put(record.data() + covered, checksum(record.first(covered), seed_of(kRecordVersion, key.id, key.name)));
 }
 
-bool is_sealed(std::span<const std::byte> record, std::uint64_t seed) {
+unsigned version_of(std::span<const std::byte> record) { return std::to_integer<unsigned>(record[0]); }
+
+bool is_sealed(std::span<const std::byte> record, const RecordKey& key) {
   const std::size_t covered = record.size() - kChecksumSize;
-  return get<std::uint64_t>(record.data() + covered) == checksum(record.first(covered), seed);
+  return get<std::uint64_t>(record.data() + covered) ==
+         checksum(record.first(covered), seed_of(version_of(record), key.id, key.name));
+}
+
+bool is_sealed(std::span<const std::byte> record, RecordKind kind, std::size_t least, const RecordKey& key) {
+  return record.size() >= least && record[1] == static_cast<std::byte>(kind) && is_sealed(record, key);
 }
 
 Status damaged(std::string why) { return {PRTKV_STORAGE_FAILED, "damaged record: " + std::move(why)}; }
 
+Status wrong_size(std::span<const std::byte> record) {
+  return damaged("it is " + std::to_string(record.size()) + " bytes long");
+}
+
 bool has_header(std::span<const std::byte> record, RecordKind kind) {
-  const auto version = std::to_integer<unsigned>(record[0]);
+  const unsigned version = version_of(record);
   return version != 0 && version <= kRecordVersion && record[1] == static_cast<std::byte>(kind) &&
          get<std::uint16_t>(record.data() + 2) == 0;
 }
 
+// Sizes of the records of a kind, or the smallest ones, in format version 1 and in this one.
+struct RecordSizes {
+  std::size_t version1;
+  std::size_t current;
+
+  std::size_t of(std::span<const std::byte> record) const { return version_of(record) <= 1 ? version1 : current; }
+};
+
+constexpr RecordSizes kNodeSizes{kNodeRecordSize1, kNodeRecordSize};
+constexpr RecordSizes kValueSizes{kValueRecordOverhead1, kValueRecordOverhead};
+constexpr RecordSizes kMetaSizes{kMetaRecordSize1, kMetaRecordSize};
+
 // Why a record that is not sound is not. Looks at the version first: a newer one may lay out the rest
 // differently, but for the checksum at the end.
-Status defect(std::span<const std::byte> record, std::size_t least, std::uint64_t seed) {
+Status defect(std::span<const std::byte> record, const RecordSizes& sizes, const RecordKey& key) {
   if (record.empty()) return damaged("it is empty");
-  const auto version = std::to_integer<unsigned>(record[0]);
-  if (version > kRecordVersion && record.size() >= kHeaderSize + kChecksumSize && is_sealed(record, seed)) {
+  const unsigned version = version_of(record);
+  if (version > kRecordVersion && record.size() >= kHeaderSize + kChecksumSize && is_sealed(record, key)) {
     return {PRTKV_UNUSABLE, "record of format version " + std::to_string(version) +
                                 ", and this release reads versions up to " + std::to_string(kRecordVersion)};
   }
-  if (record.size() < least) return damaged("it is " + std::to_string(record.size()) + " bytes long");
-  if (!is_sealed(record, seed)) return damaged("its checksum does not match");
+  if (record.size() < sizes.of(record)) return wrong_size(record);
+  if (!is_sealed(record, key)) return damaged("its checksum does not match");
   return damaged("it has the header of another kind of record");
 }
 
-Status check(std::span<const std::byte> record, RecordKind kind, std::size_t least, std::uint64_t seed) {
-  const bool sound = record.size() >= least && has_header(record, kind) && is_sealed(record, seed);
-  return sound ? Status() : defect(record, least, seed);
+Status check(std::span<const std::byte> record, RecordKind kind, const RecordSizes& sizes, const RecordKey& key) {
+  const bool sound =
+      !record.empty() && record.size() >= sizes.of(record) && has_header(record, kind) && is_sealed(record, key);
+  return sound ? Status() : defect(record, sizes, key);
+}
+
+std::string_view as_name(const std::array<std::byte, 4>& number) {
+  return {reinterpret_cast<const char*>(number.data()), number.size()};
 }
 
 }  // namespace
@@ -111,70 +164,107 @@ NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node) {
   NodeRecord record;
   put_header(record.data(), RecordKind::kNode);
   put(record.data() + kHeaderSize, node.id);
-  put_security(record.data() + kHeaderSize + 8, node.security);
-  seal(record, key_hash(parent, name));
+  put(record.data() + kHeaderSize + 8, node.revision);
+  put_security(record.data() + kHeaderSize + 16, node.security);
+  seal(record, {parent, name});
   return record;
 }
 
 Status decode_node(NodeId parent, std::string_view name, std::span<const std::byte> record, Node* node) {
-  if (Status status = check(record, RecordKind::kNode, kNodeRecordSize, key_hash(parent, name)); !status.ok()) {
-    return status;
-  }
-  if (record.size() != kNodeRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
-  const auto id = get<NodeId>(record.data() + kHeaderSize);
+  if (Status status = check(record, RecordKind::kNode, kNodeSizes, {parent, name}); !status.ok()) return status;
+  if (record.size() != kNodeSizes.of(record)) return wrong_size(record);
+  const std::byte* const fields = record.data() + kHeaderSize;
+  const auto id = get<NodeId>(fields);
   if (id == kNoNode) return damaged("it has no id");
-  *node = Node{id, get_security(record.data() + kHeaderSize + 8)};
+  *node = version_of(record) == 1 ? Node{id, get_security(fields + 8), 0}
+                                  : Node{id, get_security(fields + 16), get<Revision>(fields + 8)};
   return {};
 }
 
-void encode_value(NodeId id, std::int32_t type, std::span<const std::byte> bytes, std::span<std::byte> record) {
-  assert(record.size() == value_record_size(bytes.size()));
+void encode_value(NodeId id, const Value& value, std::span<std::byte> record) {
+  assert(record.size() == value_record_size(value.bytes.size()));
   put_header(record.data(), RecordKind::kValue);
-  put(record.data() + kHeaderSize, type);
-  if (!bytes.empty()) std::memcpy(record.data() + kHeaderSize + 4, bytes.data(), bytes.size());
-  seal(record, key_hash(id, ""));
+  put(record.data() + kHeaderSize, value.type);
+  put(record.data() + kHeaderSize + 4, value.revision);
+  if (!value.bytes.empty()) std::memcpy(record.data() + kHeaderSize + 12, value.bytes.data(), value.bytes.size());
+  seal(record, {id, ""});
 }
 
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) {
-  if (Status status = check(record, RecordKind::kValue, kValueRecordOverhead, key_hash(id, "")); !status.ok()) {
+  if (Status status = check(record, RecordKind::kValue, kValueSizes, {id, ""}); !status.ok()) return status;
+  const std::size_t overhead = kValueSizes.of(record);
+  const std::byte* const fields = record.data() + kHeaderSize;
+  *value = Value{get<std::int32_t>(fields), record.subspan(overhead - kChecksumSize, record.size() - overhead),
+                 version_of(record) == 1 ? 0 : get<Revision>(fields + 4)};
+  return {};
+}
+
+void encode_change(Revision revision, std::uint32_t number, const ChangePart& part, std::span<std::byte> record) {
+  assert(record.size() == part.bytes.size() + kChangeRecordOverhead);
+  put_header(record.data(), RecordKind::kChange);
+  put(record.data() + kHeaderSize, part.parts);
+  if (!part.bytes.empty()) std::memcpy(record.data() + kHeaderSize + 4, part.bytes.data(), part.bytes.size());
+  seal(record, {revision, as_name(in_order(number))});
+}
+
+Status decode_change(Revision revision, std::uint32_t number, std::span<const std::byte> record, ChangePart* part) {
+  constexpr RecordSizes kSizes{kChangeRecordOverhead, kChangeRecordOverhead};
+  const auto name = in_order(number);
+  if (Status status = check(record, RecordKind::kChange, kSizes, {revision, as_name(name)}); !status.ok()) {
     return status;
   }
-  *value = Value{get<std::int32_t>(record.data() + kHeaderSize),
-                 record.subspan(kHeaderSize + 4, record.size() - kValueRecordOverhead)};
+  *part = ChangePart{get<std::uint32_t>(record.data() + kHeaderSize),
+                     record.subspan(kHeaderSize + 4, record.size() - kChangeRecordOverhead)};
   return {};
 }
 
 bool read_value_size(std::span<const std::byte> record, std::size_t* size) {
-  if (record.size() < kValueRecordOverhead || !has_header(record, RecordKind::kValue)) return false;
-  *size = record.size() - kValueRecordOverhead;
+  if (record.size() < kHeaderSize || !has_header(record, RecordKind::kValue)) return false;
+  if (record.size() < kValueSizes.of(record)) return false;
+  *size = record.size() - kValueSizes.of(record);
   return true;
 }
 
 bool is_node_under(NodeId parent, std::string_view name, std::span<const std::byte> record) {
-  return record.size() == kNodeRecordSize && record[1] == static_cast<std::byte>(RecordKind::kNode) &&
-         is_sealed(record, key_hash(parent, name));
+  return is_sealed(record, RecordKind::kNode, kNodeRecordSize1, {parent, name}) &&
+         record.size() == kNodeSizes.of(record);
 }
 
 bool is_value_under(NodeId id, std::span<const std::byte> record) {
-  return record.size() >= kValueRecordOverhead && record[1] == static_cast<std::byte>(RecordKind::kValue) &&
-         is_sealed(record, key_hash(id, ""));
+  return is_sealed(record, RecordKind::kValue, kValueRecordOverhead1, {id, ""}) &&
+         record.size() >= kValueSizes.of(record);
+}
+
+bool is_change_under(Revision revision, std::uint32_t number, std::span<const std::byte> record) {
+  const auto name = in_order(number);
+  return is_sealed(record, RecordKind::kChange, kChangeRecordOverhead, {revision, as_name(name)});
 }
 
 MetaRecord encode_meta(const Meta& meta) {
   MetaRecord record;
   put_header(record.data(), RecordKind::kMeta);
-  put(record.data() + kHeaderSize, meta.next_id);
-  put(record.data() + kHeaderSize + 8, meta.structure);
-  seal(record, key_hash(kNoNode, "meta"));
+  std::byte* at = record.data() + kHeaderSize;
+  for (const std::uint64_t field : {meta.next_id, meta.structure, meta.revision, meta.log_after, meta.oldest_state,
+                                    meta.oldest_stored, meta.history_bytes}) {
+    put(at, field);
+    at += sizeof field;
+  }
+  seal(record, kRegistry);
   return record;
 }
 
 Status decode_meta(std::span<const std::byte> record, Meta* meta) {
-  if (Status status = check(record, RecordKind::kMeta, kMetaRecordSize, key_hash(kNoNode, "meta")); !status.ok()) {
-    return status;
+  if (Status status = check(record, RecordKind::kMeta, kMetaSizes, kRegistry); !status.ok()) return status;
+  if (record.size() != kMetaSizes.of(record)) return wrong_size(record);
+  const std::byte* at = record.data() + kHeaderSize;
+  Meta found;
+  for (std::uint64_t* const field : {&found.next_id, &found.structure, &found.revision, &found.log_after,
+                                     &found.oldest_state, &found.oldest_stored, &found.history_bytes}) {
+    if (at == record.data() + record.size() - kChecksumSize) break;  // version 1 ends with the structure
+    *field = get<std::uint64_t>(at);
+    at += sizeof *field;
   }
-  if (record.size() != kMetaRecordSize) return damaged("it is " + std::to_string(record.size()) + " bytes long");
-  *meta = Meta{get<NodeId>(record.data() + kHeaderSize), get<std::uint64_t>(record.data() + kHeaderSize + 8)};
+  *meta = found;
   return {};
 }
 

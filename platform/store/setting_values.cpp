@@ -24,6 +24,16 @@ Status check_account(const std::string& value, std::size_t max_size) {
   return {};
 }
 
+Status parse_yes_or_no(const std::string& value, bool* answer) {
+  for (const char* word : {"yes", "true", "on", "1"}) {
+    if (value == word) return *answer = true, Status();
+  }
+  for (const char* word : {"no", "false", "off", "0"}) {
+    if (value == word) return *answer = false, Status();
+  }
+  return refuse("'" + value + "' is neither yes nor no");
+}
+
 Status parse_milliseconds(const std::string& value, std::uint64_t least, int* milliseconds) {
   std::string_view rest = value;
   std::uint64_t number = 0;

@@ -24,6 +24,9 @@ Status check_file(const std::string& value);
 // A name of a user or a group: without blanks and ":".
 Status check_account(const std::string& value, std::size_t max_size);
 
+// "yes", "true", "on" or "1"; "no", "false", "off" or "0".
+Status parse_yes_or_no(const std::string& value, bool* answer);
+
 // A number of milliseconds from `least` to 600000.
 Status parse_milliseconds(const std::string& value, std::uint64_t least, int* milliseconds);
 

@@ -14,21 +14,29 @@
 // Refusals. PRTKV_INVALID_NAME: an empty level name or one beyond kMaxLevelSize. PRTKV_INVALID_ARGUMENT: a node without
 // an id, and anything that would move or remove the root. PRTKV_VALUE_TOO_LARGE: a value beyond kMaxValueSize.
 //
+// History. Each write that changes something has a revision, and adds a record of itself to the log in the same
+// transaction (see base/change.h). As long as the log reaches back to it, any state can be read again. How much is
+// retained is configured (see Retention); each write drops a bounded part of what exceeds it. A revision that is not
+// retained, or that does not exist yet, yields PRTKV_INVALID_ARGUMENT with a message that says which can be read.
+//
 // Exceptions of a function that a store runs pass through; nothing is changed then.
 //
 // Threads. Many threads may use a Store at once. Only the function that received a View or Update may use it.
 #ifndef TKV_PLATFORM_STORE_STORE_H
 #define TKV_PLATFORM_STORE_STORE_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "base/change.h"
 #include "base/function_ref.h"
 #include "base/status.h"
 #include "sec_attr.h"
@@ -40,15 +48,18 @@ using NodeId = std::uint64_t;
 constexpr NodeId kNoNode = 0;  // the parent of the root
 constexpr NodeId kRootNode = 1;
 
+// The store sets the revision; that of a node which is to be written is ignored.
 struct Node {
   NodeId id = kNoNode;
   sec_attr security{};
+  Revision revision = 0;  // in which the node was last created, moved or given a security record
 };
 
-// Type 0 without bytes: no value was ever written.
+// Type 0 without bytes: there is no value.
 struct Value {
   std::int32_t type = 0;
   std::span<const std::byte> bytes;  // valid until the transaction's next value() or change
+  Revision revision = 0;  // in which it was last written or removed; 0 if never, or before there were revisions
 };
 
 // Where a view found a value, for Store::copy_value. Means something only to the store that filled it in.
@@ -103,6 +114,12 @@ class View {
   // the store cannot tell without a request.
   virtual std::uint64_t structure() = 0;
 
+  // The revision of this state: that of the last change in it. In an Update: of the state that it began with.
+  virtual Status revision(Revision* revision) = 0;
+
+  // Reads the record of a change. Returns PRTKV_NO_SUCH_KEY if it is not retained.
+  virtual Status change(Revision revision, ChangeRecord* record) = 0;
+
  protected:
   View() = default;
   View(const View&) = default;
@@ -141,6 +158,10 @@ class Update : public View {
   // the update: the update is committed only if it still holds.
   virtual View& before() = 0;
 
+  // Says what the log is to tell of this update: names are known to the caller alone. Without it, the record has no
+  // author and lists no changes. The last call counts.
+  virtual void describe(ChangeDescription description) = 0;
+
  protected:
   ~Update() = default;
 };
@@ -150,9 +171,10 @@ struct Finding {
   enum class Kind {
     kDamagedNode,  // the record cannot be trusted: checksum, format, length
     kDamagedValue,
-    kOrphan,       // its parent does not exist, or it is on a loop that the root does not reach
-    kOrphanValue,  // a value that belongs to no node
-    kDuplicateId   // two nodes with one id
+    kOrphan,        // its parent does not exist, or it is on a loop that the root does not reach
+    kOrphanValue,   // a value that belongs to no node
+    kDuplicateId,   // two nodes with one id
+    kDamagedChange  // a record of the log; `id` is its revision
   };
   Kind kind;
   NodeId parent = kNoNode;  // of a node
@@ -216,8 +238,20 @@ struct StoreStatus {
   std::uint64_t max_bytes = 0;  // that it may take
   std::uint32_t readers = 0;    // sessions that are open for reading, of all processes
   std::uint32_t max_readers = 0;
+  Revision revision = 0;                 // of the latest state
+  Revision oldest_state = 0;             // that can be read again
+  Revision log_after = 0;                // the log has every change after this revision
+  std::uint64_t history_bytes = 0;       // of `bytes`, what the log and the former records take
   std::vector<LongReader> long_readers;  // that have read one state for a minute or longer
   std::optional<ClusterStatus> cluster;  // only of a store on a cluster
+};
+
+// How much of the past a store keeps. A change is dropped, oldest first, once one of the limits is exceeded.
+struct Retention {
+  bool off = false;                               // keep nothing; revisions are counted all the same
+  std::uint64_t changes = 10'000;                 // in the log
+  std::uint64_t bytes = std::uint64_t{64} << 20;  // a change that exceeds this by itself is logged without its past
+  std::chrono::seconds age = std::chrono::hours(24 * 90);
 };
 
 class Store {
@@ -251,7 +285,34 @@ class Store {
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
   // failure that it returns is returned, and nothing is changed.
-  virtual Status write(FunctionRef<Status(Update&)> function) = 0;
+  //
+  // `*revision` then is that of the change or, if nothing was changed, of the state that the function saw.
+  virtual Status write(FunctionRef<Status(Update&)> function, Revision* revision) = 0;
+  Status write(FunctionRef<Status(Update&)> function) {
+    Revision revision = 0;
+    return write(function, &revision);
+  }
+
+  // As read_all, on the state right after the change `revision`.
+  virtual Status read_at(Revision revision, FunctionRef<Status(View&)> function) = 0;
+
+  // Visits the changes of a range, in the order of their revisions or in the opposite one, until `visit` returns a
+  // failure, which is returned. The record is valid during the visit. `*position` is filled in before the first visit.
+  // Unless `newest_first` is set, one call with the former call's `position->revision` as `after` continues where that
+  // one ended: no change is visited twice, and none is passed over unless `position->complete` is false.
+  virtual Status changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                         LogPosition* position) = 0;
+
+  // Waits until there is a change after `after`, until `timeout` has passed, or until `stop` is requested, whichever
+  // comes first. `*revision` is that of the latest state: greater than `after` only if there is such a change. Holds
+  // no lock and no transaction while it waits. A store that cannot be asked for a while yields PRTKV_UNREACHABLE.
+  virtual Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+                      Revision* revision) = 0;
+
+  // Removes what the history holds of the former values of these nodes: in every earlier state that is retained, they
+  // have no value where they had another than now. The present, and the log, stay. Is itself a change. `*removed` is
+  // the number of values. Not in a distributed store, which returns PRTKV_INVALID_ARGUMENT with the way that it has.
+  virtual Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) = 0;
 
   // Recommended number of changes of visible nodes per write: insertions, removals, values and security records. More
   // are possible, at the cost of being staged first.

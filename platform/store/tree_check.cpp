@@ -20,6 +20,8 @@ void TreeCheck::add_damaged_node(NodeId parent, std::string_view name, std::stri
 
 void TreeCheck::add_value(NodeId id, std::size_t size) { values_[id] = size; }
 
+void TreeCheck::add_removed_value(NodeId id) { values_[id] = std::nullopt; }
+
 void TreeCheck::add_damaged_value(NodeId id, std::string detail) {
   damaged_values_.push_back(id);
   report_({Finding::Kind::kDamagedValue, kNoNode, id, "", std::move(detail)});
@@ -147,9 +149,9 @@ Totals TreeCheck::count() const {
   Totals totals;
   totals.nodes = static_cast<std::uint64_t>(std::count(standings_.begin(), standings_.end(), Standing::kReached));
   for (const auto& [id, size] : values_) {
-    if (reached_.count(id) == 0) continue;
+    if (!size || reached_.count(id) == 0) continue;
     ++totals.values;
-    totals.value_bytes += size;
+    totals.value_bytes += *size;
   }
   return totals;
 }

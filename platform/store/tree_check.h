@@ -3,6 +3,7 @@
 #define TKV_PLATFORM_STORE_TREE_CHECK_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -22,6 +23,7 @@ class TreeCheck {
   void add_node(NodeId parent, std::string_view name, NodeId id);
   void add_damaged_node(NodeId parent, std::string_view name, std::string detail);
   void add_value(NodeId id, std::size_t size);
+  void add_removed_value(NodeId id);  // a record that says when a value was removed
   void add_damaged_value(NodeId id, std::string detail);
 
   struct CheckedNode {
@@ -56,10 +58,10 @@ class TreeCheck {
   FunctionRef<void(const Finding&)> report_;
   std::vector<CheckedNode> damaged_nodes_;  // without ids
   std::vector<NodeId> damaged_values_;
-  std::vector<CheckedNode> nodes_;                  // sorted by parent and name by index_children()
-  std::vector<Standing> standings_;                 // of nodes_
-  std::unordered_map<NodeId, std::size_t> ids_;     // number of nodes with each id
-  std::unordered_map<NodeId, std::size_t> values_;  // sizes
+  std::vector<CheckedNode> nodes_;                                 // sorted by parent and name by index_children()
+  std::vector<Standing> standings_;                                // of nodes_
+  std::unordered_map<NodeId, std::size_t> ids_;                    // number of nodes with each id
+  std::unordered_map<NodeId, std::optional<std::size_t>> values_;  // sizes; none of a removed value
   std::unordered_set<NodeId> reached_;
 };
 

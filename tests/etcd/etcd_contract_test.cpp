@@ -73,5 +73,15 @@ INSTANTIATE_TEST_SUITE_P(EtcdOfThreeMembers, StoreContract, ::testing::Values([]
                            return std::make_unique<EtcdFactory<3>>();
                          }));
 
+INSTANTIATE_TEST_SUITE_P(EtcdOfOneMember, StoreHistoryContract,
+                         ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
+                           return std::make_unique<EtcdFactory<1>>();
+                         }));
+
+INSTANTIATE_TEST_SUITE_P(EtcdOfThreeMembers, StoreHistoryContract,
+                         ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
+                           return std::make_unique<EtcdFactory<3>>();
+                         }));
+
 }  // namespace
 }  // namespace tkv::store

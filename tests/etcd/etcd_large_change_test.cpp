@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,6 +68,53 @@ class EtcdLargeChange : public EtcdStore {
     EXPECT_EQ(totals_of(*store_).nodes, static_cast<std::uint64_t>(count_raw(keys().all_nodes())));
   }
 };
+
+TEST_F(EtcdLargeChange, IsOneChangeInTheLogAndWholeInEveryFormerState) {
+  Revision before = 0;
+  ASSERT_TRUE(done(store_->read([&](View& view) { return view.revision(&before); })));
+  Revision revision = 0;
+  ASSERT_TRUE(done(store_->write(
+      [](Update& update) -> Status {
+        update.describe({.note = "large"});
+        for (int key = 0; key < kKeys; ++key) {
+          Node node;
+          if (Status status = follow(update, name(key), &node); !status.ok()) return status;
+          if (Status status = update.set_value(node.id, 3, bytes_of("1")); !status.ok()) return status;
+        }
+        return {};
+      },
+      &revision)));
+  ASSERT_TRUE(done(increment(*store_, name(0))));
+  std::vector<Revision> logged;
+  LogPosition position;
+  ASSERT_TRUE(done(store_->changes(
+      {.after = before, .up_to = revision},
+      [&](const ChangeRecord& record) {
+        logged.push_back(record.revision);
+        EXPECT_EQ(record.note, "large");
+        return Status();
+      },
+      &position)));
+  EXPECT_EQ(logged, std::vector{revision});
+  const auto values_at = [&](Revision at) {
+    std::set<std::string> values;
+    EXPECT_TRUE(done(store_->read_at(at, [&](View& view) -> Status {
+      values.clear();
+      for (int key = 0; key < kKeys; ++key) {
+        Node node;
+        Value value;
+        if (Status status = follow(view, name(key), &node); !status.ok()) return status;
+        if (Status status = view.value(node.id, &value); !status.ok()) return status;
+        values.insert(text_of(value));
+      }
+      return {};
+    })));
+    return values;
+  };
+  EXPECT_EQ(values_at(before), std::set<std::string>{"0"});
+  EXPECT_EQ(values_at(revision - 1), std::set<std::string>{"0"});
+  EXPECT_EQ(values_at(revision), std::set<std::string>{"1"});
+}
 
 TEST_F(EtcdLargeChange, ChangesKeysWhereTheyAre) {
   NodeId before = kNoNode;

@@ -55,6 +55,17 @@ TEST_F(EtcdOpening, MarksARegistryOfAnEarlierRelease) {
   EXPECT_TRUE(RegistryMark::parse(mark_of("/tkv/")));
 }
 
+TEST_F(EtcdOpening, BeginsTheLogOfARegistryOfAnEarlierReleaseOnce) {
+  create_unmarked("/tkv/");
+  ASSERT_TRUE(done(open("/tkv/", false)));
+  EXPECT_EQ(kv_.mod_revision(Keys("/tkv/").log()), 0) << "without being asked to create, it writes nothing";
+  ASSERT_TRUE(done(open("/tkv/")));
+  const std::int64_t begun = kv_.mod_revision(Keys("/tkv/").log());
+  EXPECT_GT(begun, 0);
+  ASSERT_TRUE(done(open("/tkv/")));
+  EXPECT_EQ(kv_.mod_revision(Keys("/tkv/").log()), begun);
+}
+
 TEST_F(EtcdOpening, RefusesAPrefixWithinThatOfAnotherRegistry) {
   ASSERT_TRUE(done(open("/tkv/")));
   for (const char* prefix : {"/tkv/staging/", "/tkv/garbage/", "/tkv/txn/", "/tkv/n/", "/tkv/other/deep/"}) {

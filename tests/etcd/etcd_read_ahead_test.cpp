@@ -530,7 +530,7 @@ constexpr std::size_t kOneMore = 1024 * 1024;
 TEST_F(HeldByReadAhead, ValuesStayWithinTheBoundWhenTheyGrowAllOfASudden) {
   for (NodeId id = 2; id <= kLastGroup; ++id) {
     ask(id, Sought::kValue, id < 600 ? 10 : 60000);
-    std::optional<std::string> record;
+    std::optional<KeyValue> record;
     if (ahead_.take_value(id, &record)) {
       ASSERT_TRUE(record);
     }

@@ -22,7 +22,7 @@ using Purpose = ReadSet::Purpose;
 
 std::string value_record(NodeId id, std::string_view text) {
   std::string record(value_record_size(text.size()), '\0');
-  encode_value(id, 3, bytes_of(text), std::as_writable_bytes(std::span(record)));
+  encode_value(id, {3, bytes_of(text)}, std::as_writable_bytes(std::span(record)));
   return record;
 }
 

@@ -1,6 +1,8 @@
 #include "fake_kv.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 namespace tkv::store::etcd {
 namespace {
@@ -157,6 +159,28 @@ Reply FakeKv::grant_lease(std::int64_t ttl, Lease* lease, Deadline) {
   if (is_full) return {Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "database space exceeded"), false};
   leases_.insert(++last_lease_);
   *lease = {last_lease_, ttl};
+  return {};
+}
+
+Reply FakeKv::watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+                    Deadline deadline) {
+  for (*answer = {}; !stop.stop_requested() && deadline.left().count() > 0;) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (start < compacted_) {
+        answer->compacted = compacted_;
+        return {};
+      }
+      for (const Version& version : keys_[key]) {
+        if (version.mod_revision < start || !version.exists) continue;
+        KeyValue& put = answer->puts.emplace_back();
+        put.set_mod_revision(version.mod_revision);
+        put.set_value(version.value);
+      }
+    }
+    if (!answer->puts.empty()) return {};
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   return {};
 }
 

@@ -39,6 +39,8 @@ class FakeKv final : public Kv {
   using Kv::txn;
   Reply range(const RangeRequest& request, RangeResponse* response, Deadline deadline) override;
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override;
+  Reply watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+              Deadline deadline) override;
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
   Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;
@@ -104,6 +106,10 @@ class SharedKv final : public Kv {
   }
   Reply txn(const TxnRequest& request, TxnResponse* response, Deadline deadline, std::size_t expected) override {
     return dead_ ? silence() : kv_.txn(request, response, deadline, expected);
+  }
+  Reply watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+              Deadline deadline) override {
+    return dead_ ? silence() : kv_.watch(key, start, stop, answer, deadline);
   }
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override {
     return dead_ ? silence() : kv_.grant_lease(ttl, lease, deadline);

@@ -56,7 +56,7 @@ class Ground {
   std::vector<std::string> contents_after(unsigned verb, unsigned number) const {
     const auto model = client_of(std::make_shared<store::MemoryStore>(options_.root_security));
     fill(*model);
-    return Operation(number, verb).run(*model).ok() ? contents_of(*model) : std::vector<std::string>();
+    return TrialOperation(number, verb).run(*model).ok() ? contents_of(*model) : std::vector<std::string>();
   }
 
   static std::shared_ptr<Client> client_of(std::shared_ptr<store::Store> store) {
@@ -65,7 +65,7 @@ class Ground {
 
  private:
   static void fill(Client& client) {
-    for (unsigned number = 0; number < 12; ++number) (void)Operation(number, kRestore).run(client).code();
+    for (unsigned number = 0; number < 12; ++number) (void)TrialOperation(number, kRestore).run(client).code();
   }
 
   static constexpr unsigned kRestore = 9;
@@ -117,7 +117,7 @@ class FailingCallTrials {
     const Status status = fault::with_failure(kind.call, nth, [&]() -> Status {
       std::shared_ptr<store::Store> opened;
       if (Status open = store::open_lmdb_store(options, &opened); !open.ok()) return open;
-      return Operation(number, verb).run(*Ground::client_of(std::move(opened)));
+      return TrialOperation(number, verb).run(*Ground::client_of(std::move(opened)));
     });
     const bool has_failed = fault::has_failed;
     const auto client = Ground::client_of(store::open_or_fail(options));

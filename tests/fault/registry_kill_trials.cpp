@@ -51,7 +51,7 @@ class KillTrials {
   void run() {
     const std::vector<Acknowledged> made = write_and_kill();
     for (const Acknowledged& each : made) {
-      Operation operation(each.number);
+      TrialOperation operation(each.number);
       ++rows_[operation.verb()].acknowledged;
       const prtkv_result expected = operation.run(*model_).code();
       if (each.result != expected) broken(operation.verb(), "gave " + std::to_string(each.result));
@@ -103,7 +103,7 @@ class KillTrials {
     if (!store::open_lmdb_store(options_, &opened).ok()) _exit(2);
     LocalClient client(Configuration(), superuser(), opened);
     for (unsigned number = next_; number < next_ + kMostOperations; ++number) {
-      const Acknowledged done{number, Operation(number).run(client).code()};
+      const Acknowledged done{number, TrialOperation(number).run(client).code()};
       (void)!write(acknowledgements, &done, sizeof done);
     }
     _exit(0);
@@ -118,7 +118,7 @@ class KillTrials {
 
   // The registry must be in the model's state, or in that after the change under way.
   void compare() {
-    Operation under_way(next_);
+    TrialOperation under_way(next_);
     std::shared_ptr<store::Store> opened;
     if (const Status status = store::open_lmdb_store(options_, &opened); !status.ok()) {
       return broken(under_way.verb(), "opening: " + status.text());
@@ -131,7 +131,7 @@ class KillTrials {
     if (found == contents_of(*model_)) {
       // It may have been made without any effect; making it again has none either.
       (void)under_way.run(client).code();
-      (void)Operation(next_).run(*model_).code();
+      (void)TrialOperation(next_).run(*model_).code();
       return;
     }
     (void)under_way.run(*model_).code();

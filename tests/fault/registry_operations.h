@@ -22,10 +22,10 @@ inline constexpr unsigned kVerbCount = static_cast<unsigned>(std::size(kVerbs));
 
 // A change of a small set of keys. Many fail, for their keys do not exist; in every state, a run and its model give the
 // same result.
-class Operation {
+class TrialOperation {
  public:
-  explicit Operation(unsigned number) : Operation(number, number % kVerbCount) {}
-  Operation(unsigned number, unsigned verb) : random_(number), verb_(verb) {}
+  explicit TrialOperation(unsigned number) : TrialOperation(number, number % kVerbCount) {}
+  TrialOperation(unsigned number, unsigned verb) : random_(number), verb_(verb) {}
 
   const char* verb() const { return kVerbs[verb_]; }
   Status run(Client& client) {

@@ -45,7 +45,7 @@ void try_value(std::vector<std::byte> record, bool sealed) {
   Value value;
   if (!decode_value(7, record, &value).ok()) return;
   std::vector<std::byte> again(value_record_size(value.bytes.size()));
-  encode_value(7, value.type, value.bytes, again);
+  encode_value(7, value, again);
   require(again == record);
 }
 
@@ -60,8 +60,10 @@ void try_meta(std::vector<std::byte> record, bool sealed) {
 void try_key(std::vector<std::byte> bytes) {
   KeyParts parts;
   const MDB_val val{bytes.size(), bytes.data()};
-  if (!read_key(val, &parts) || parts.kind == kMetaKey) return;
-  const Key key = parts.kind == kNodeKey ? Key::node(parts.id, parts.name) : Key::value(parts.id);
+  if (!read_key(bytes, &parts) || parts.kind == KeyParts::Kind::kMeta) return;
+  const Key key = parts.kind == KeyParts::Kind::kNode    ? Key::node(parts.id, parts.name)
+                  : parts.kind == KeyParts::Kind::kValue ? Key::value(parts.id)
+                                                         : Key::change(parts.id, parts.part);
   const MDB_val again = key.val();
   require(again.mv_size == val.mv_size && std::memcmp(again.mv_data, val.mv_data, val.mv_size) == 0);
 }

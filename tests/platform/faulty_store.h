@@ -40,7 +40,13 @@ enum class Call {
   kSetSecurity,
   kUnlink,
   kDiscard,
-  kSetValue
+  kSetValue,
+  kRevision,
+  kChange,
+  kReadAt,
+  kChanges,
+  kWait,
+  kPurge
 };
 
 class FaultyStore final : public Store {
@@ -84,7 +90,8 @@ class FaultyStore final : public Store {
     return read_with(Call::kReadAll, &Store::read_all, function);
   }
 
-  Status write(FunctionRef<Status(Update&)> function) override {
+  using Store::write;
+  Status write(FunctionRef<Status(Update&)> function, Revision* revision) override {
     if (Status status = next(Call::kWrite); !status.ok()) return status;
     if (twice_) {
       (void)target_->write([&](Update& update) -> Status {
@@ -93,11 +100,38 @@ class FaultyStore final : public Store {
         return PRTKV_UNKNOWN;  // nothing of the first run stays
       });
     }
-    return target_->write([&](Update& update) -> Status {
-      FaultyUpdate faulty(*this, update);
-      if (Status status = function(faulty); !status.ok()) return status;
-      return next(Call::kCommit);
+    return target_->write(
+        [&](Update& update) -> Status {
+          FaultyUpdate faulty(*this, update);
+          if (Status status = function(faulty); !status.ok()) return status;
+          return next(Call::kCommit);
+        },
+        revision);
+  }
+
+  Status read_at(Revision revision, FunctionRef<Status(View&)> function) override {
+    if (Status status = next(Call::kReadAt); !status.ok()) return status;
+    return target_->read_at(revision, [&](View& view) {
+      FaultyView faulty(*this, view);
+      return function(faulty);
     });
+  }
+
+  Status changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                 LogPosition* position) override {
+    if (Status status = next(Call::kChanges); !status.ok()) return status;
+    return target_->changes(range, visit, position);
+  }
+
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+              Revision* revision) override {
+    if (Status status = next(Call::kWait); !status.ok()) return status;
+    return target_->wait(after, timeout, stop, revision);
+  }
+
+  Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) override {
+    if (Status status = next(Call::kPurge); !status.ok()) return status;
+    return target_->purge(nodes, description, removed);
   }
 
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
@@ -145,6 +179,14 @@ class FaultyStore final : public Store {
       return status.ok() ? target_.has_children(parent, answer) : status;
     }
     std::uint64_t structure() override { return target_.structure(); }
+    Status revision(Revision* revision) override {
+      Status status = store_.next(Call::kRevision);
+      return status.ok() ? target_.revision(revision) : status;
+    }
+    Status change(Revision revision, ChangeRecord* record) override {
+      Status status = store_.next(Call::kChange);
+      return status.ok() ? target_.change(revision, record) : status;
+    }
 
    protected:
     ~Reading() = default;
@@ -189,6 +231,7 @@ class FaultyStore final : public Store {
       Status status = store_.next(Call::kSetValue);
       return status.ok() ? target_.set_value(id, type, bytes) : status;
     }
+    void describe(ChangeDescription description) override { target_.describe(std::move(description)); }
     View& before() override {
       if (!before_) before_.emplace(store_, target_.before());
       return *before_;

@@ -53,6 +53,9 @@ class LmdbFactory final : public StoreFactory {
 INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
                            return std::make_unique<LmdbFactory>();
                          }));
+INSTANTIATE_TEST_SUITE_P(Lmdb, StoreHistoryContract, ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
+                           return std::make_unique<LmdbFactory>();
+                         }));
 
 }  // namespace
 }  // namespace tkv::store

@@ -739,6 +739,7 @@ TEST_F(Lmdb, SlotsOfDeadReadersAreReusedWhenNoneAreFree) {
 }
 
 TEST_F(Lmdb, TheNextOpeningClearsTheSlotsOfDeadReaders) {
+  options_.retention.off = true;
   { const auto store = open(); }
   die_reading(options_, 1);
   const auto store = open();
@@ -747,6 +748,7 @@ TEST_F(Lmdb, TheNextOpeningClearsTheSlotsOfDeadReaders) {
 }
 
 TEST_F(Lmdb, DeadReadersAreLookedForBeforeTheMapGrows) {
+  options_.retention.off = true;
   options_.map_size = 8 * kMiB;
   const auto store = open();
   die_reading(options_, 1);
@@ -758,6 +760,7 @@ TEST_F(Lmdb, DeadReadersAreLookedForBeforeTheMapGrows) {
 class LmdbDamage : public Lmdb {
  protected:
   LmdbDamage() {
+    options_.retention.off = true;  // what a test damages is nowhere else in the file
     auto store = open();
     sec_attr security{};
     std::memcpy(security.user_name, "owner-of-this-node", 18);
@@ -925,8 +928,8 @@ TEST_F(LmdbDamage, ADamagedValueCanBeOverwrittenAndRemoved) {
 TEST_F(LmdbDamage, ADamagedRootIsRepairedForTheSuperuserAlone) {
   Node root;
   const auto find_root = [&] { return open()->read([&](View& view) { return view.find(kNoNode, "", &root); }); };
-  const std::string key = std::string("N\0\0\0\0\0\0\0\0\1\1\0\0\1", 14);  // and the record's first bytes
-  const std::string damaged = std::string("N\0\0\0\0\0\0\0\0\1\1\0\0\3", 14);
+  const std::string key = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\1", 14);  // and the record's first bytes
+  const std::string damaged = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\3", 14);
   ASSERT_GE(replace_in_file(data_file(), key, damaged), 1);
   EXPECT_TRUE(find_root().is(PRTKV_STORAGE_FAILED));
   ASSERT_EQ(findings(true).size(), 1u);
@@ -948,8 +951,8 @@ TEST_F(LmdbDamage, ADamagedCounterOfIdsIsRepairedWithoutUsingAnIdAgain) {
   };
   ASSERT_TRUE(read_structure().ok());
   const std::uint64_t former = structure;
-  const std::string key("M\1\3\0\0", 5);  // and the record's first bytes
-  ASSERT_GE(replace_in_file(data_file(), key, std::string("M\1\3\0\7", 5)), 1);
+  const std::string key("M\2\3\0\0", 5);  // and the record's first bytes
+  ASSERT_GE(replace_in_file(data_file(), key, std::string("M\2\3\0\7", 5)), 1);
   EXPECT_EQ(text_of(*open(), id_), "the text of the value");
   NodeId id = kNoNode;
   EXPECT_TRUE(add_node(*open(), kRootNode, "new", &id).is(PRTKV_STORAGE_FAILED));

@@ -21,6 +21,9 @@ class MemoryFactory final : public StoreFactory {
 INSTANTIATE_TEST_SUITE_P(Memory, StoreContract, ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
                            return std::make_unique<MemoryFactory>();
                          }));
+INSTANTIATE_TEST_SUITE_P(Memory, StoreHistoryContract, ::testing::Values([]() -> std::unique_ptr<StoreFactory> {
+                           return std::make_unique<MemoryFactory>();
+                         }));
 
 }  // namespace
 }  // namespace tkv::store

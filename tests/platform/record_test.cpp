@@ -8,10 +8,12 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "newer_record.h"
+#include "store/change_content.h"
 #include "store/lmdb/file.h"
 
 namespace tkv::store {
@@ -43,14 +45,17 @@ std::string documented(const std::string& title) {
   return digits;
 }
 
+constexpr Revision kCreated = 1;
+constexpr Revision kRevision = 2;
+
 std::vector<std::byte> value_record(NodeId id, std::int32_t type, std::string_view text) {
   std::vector<std::byte> record(value_record_size(text.size()));
-  encode_value(id, type, std::as_bytes(std::span(text.data(), text.size())), record);
+  encode_value(id, {type, std::as_bytes(std::span(text.data(), text.size())), kRevision}, record);
   return record;
 }
 
 Node sample_node() {
-  Node node{2, {}};
+  Node node{2, {}, kCreated};
   node.security.user_perm = 0x3f;
   node.security.group_perm = 0x34;
   node.security.other_perm = 0x03;
@@ -68,7 +73,7 @@ TEST(Record, AValueIsLaidOutAsDocumented) {
 }
 
 TEST(Record, TheRegistrysRecordOfItselfIsLaidOutAsDocumented) {
-  EXPECT_EQ(hex(encode_meta(Meta{3, 1})), documented("registry"));
+  EXPECT_EQ(hex(encode_meta(Meta{3, 1, 2, 0, 0, 1, 436})), documented("registry"));
 }
 
 TEST(Record, KeysAreLaidOutAsDocumented) {
@@ -87,7 +92,7 @@ TEST(Record, KeysAreReadBack) {
     const Key key = Key::node(0x0123456789abcdef, name);
     KeyParts parts;
     ASSERT_TRUE(read_key(key.bytes(), &parts));
-    EXPECT_EQ(parts.kind, kNodeKey);
+    EXPECT_EQ(parts.kind, KeyParts::Kind::kNode);
     EXPECT_EQ(parts.id, 0x0123456789abcdefu);
     EXPECT_EQ(parts.name, name);
   }
@@ -104,6 +109,7 @@ TEST(Record, ANodeComesBackAsItWas) {
   Node found;
   ASSERT_TRUE(decode_node(7, "name", record, &found).ok());
   EXPECT_EQ(found.id, node.id);
+  EXPECT_EQ(found.revision, node.revision);
   EXPECT_EQ(std::memcmp(&found.security, &node.security, sizeof node.security), 0);
 }
 
@@ -115,14 +121,107 @@ TEST(Record, AValueComesBackAsItWas) {
     ASSERT_TRUE(decode_value(9, record, &value).ok()) << size;
     EXPECT_EQ(value.type, -5);
     EXPECT_EQ(value.bytes.size(), size);
-    EXPECT_EQ(value.bytes.data(), record.data() + 8) << "the bytes are those of the record";
+    EXPECT_EQ(value.bytes.data(), record.data() + 16) << "the bytes are those of the record";
+    EXPECT_EQ(value.revision, kRevision);
+  }
+}
+
+// What a documented example says, as bytes.
+std::vector<std::byte> documented_bytes(const std::string& title) {
+  const std::string digits = documented(title);
+  std::vector<std::byte> bytes;
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+    bytes.push_back(static_cast<std::byte>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+TEST(Record, RecordsOfFormat1AreRead) {
+  Node node;
+  Value value;
+  Meta meta{9, 9, 9, 9, 9, 9, 9};
+  ASSERT_TRUE(decode_node(kRootNode, "SYSTEM", documented_bytes("node-1"), &node).ok());
+  EXPECT_EQ(node.id, 2u);
+  EXPECT_EQ(node.revision, 0u);
+  const Node sample = sample_node();
+  EXPECT_EQ(std::memcmp(&node.security, &sample.security, sizeof node.security), 0);
+  const std::vector<std::byte> record = documented_bytes("value-1");
+  ASSERT_TRUE(decode_value(2, record, &value).ok());
+  EXPECT_EQ(value.type, 3);
+  EXPECT_EQ(hex(value.bytes), "6f6e00");
+  EXPECT_EQ(value.revision, 0u);
+  ASSERT_TRUE(decode_meta(documented_bytes("registry-1"), &meta).ok());
+  EXPECT_EQ(meta.next_id, 3u);
+  EXPECT_EQ(meta.structure, 1u);
+  EXPECT_EQ(meta.revision, 0u);
+  EXPECT_EQ(meta.oldest_stored, 1u);
+  EXPECT_TRUE(is_node_under(kRootNode, "SYSTEM", documented_bytes("node-1")));
+  EXPECT_TRUE(is_value_under(2, record));
+}
+
+TEST(Record, ShortNamesUnderRelatedParentsAreToldApart) {
+  const NodeRecord record = encode_node(39, "a30", sample_node());
+  Node node;
+  EXPECT_TRUE(decode_node(39, "a30", record, &node).ok());
+  EXPECT_TRUE(decode_node(43, "a34", record, &node).is(PRTKV_STORAGE_FAILED));
+}
+
+// The second change of the documented example: ada sets the value.
+TEST(Record, AChangeIsLaidOutAsDocumented) {
+  const ChangeDescription description{.time = 1'767'225'600'000'000,
+                                      .author = "ada",
+                                      .host = "node-1",
+                                      .program = "tkv",
+                                      .process = 4711,
+                                      .note = "switch it on",
+                                      .changes = {{Change::Kind::kValue, "SYSTEM", "", 2}}};
+  FormerRecords formers;
+  const Key key = Key::value(2);
+  formers.add(key.bytes(), std::nullopt);
+  Bytes content = encode_description(description, false);
+  content.insert(content.end(), formers.bytes().begin(), formers.bytes().end());
+  std::vector<std::byte> record(content.size() + kChangeRecordOverhead);
+  encode_change(kRevision, 0, {1, content}, record);
+  EXPECT_EQ(hex(record), documented("change"));
+  const Key change_key = Key::change(kRevision, 0);
+  EXPECT_EQ(hex(change_key.bytes()), documented("change-key"));
+  ChangeRecord read;
+  EXPECT_TRUE(decode_description(content, &read).ok());
+  EXPECT_EQ(static_cast<const ChangeDescription&>(read), description);
+}
+
+TEST(Record, AnyBytesAreNoChangeOrOne) {
+  const ChangeDescription description{.author = "ada", .changes = {{Change::Kind::kMoved, "b", "a", 2}}};
+  FormerRecords formers;
+  formers.add(std::as_bytes(std::span("key", 3)), std::as_bytes(std::span("record", 6)));
+  Bytes content = encode_description(description, true);
+  content.insert(content.end(), formers.bytes().begin(), formers.bytes().end());
+  const auto visit = [](std::span<const std::byte>, std::optional<std::span<const std::byte>>) { return Status(); };
+  for (std::size_t size = 0; size < content.size(); ++size) {
+    ChangeRecord record;
+    const auto cut = std::span(content).first(size);
+    const bool has_description = size >= 4 && size >= description_end(content);
+    EXPECT_EQ(decode_description(cut, &record).ok(), has_description) << size;
+    const bool ends_there = has_description && size == description_end(content);
+    EXPECT_EQ(visit_former_records(cut, visit).ok(), ends_there) << size;
+  }
+  for (std::size_t at = 0; at < content.size(); ++at) {
+    for (const int mask : {0x01, 0x80, 0xff}) {
+      Bytes changed = content;
+      ChangeRecord record;
+      changed[at] ^= static_cast<std::byte>(mask);
+      (void)decode_description(changed, &record);
+      (void)visit_former_records(changed, visit);
+    }
   }
 }
 
 TEST(Record, EveryFlippedBitIsFound) {
   NodeRecord node = encode_node(7, "name", sample_node());
   std::vector<std::byte> value = value_record(9, 3, "some text");
-  MetaRecord meta = encode_meta(Meta{12, 34});
+  MetaRecord meta = encode_meta(Meta{12, 34, 56, 7, 8, 9, 10});
+  std::vector<std::byte> change(kChangeRecordOverhead + 4);
+  encode_change(5, 6, {7, std::as_bytes(std::span("part", 4))}, change);
   const auto flip_each = [](std::span<std::byte> record, auto decode) {
     for (std::size_t bit = 0; bit < 8 * record.size(); ++bit) {
       const std::byte mask = static_cast<std::byte>(1u << (bit % 8));
@@ -140,6 +239,12 @@ TEST(Record, EveryFlippedBitIsFound) {
   flip_each(node, [&] { return decode_node(7, "name", node, &found_node); });
   flip_each(value, [&] { return decode_value(9, value, &found_value); });
   flip_each(meta, [&] { return decode_meta(meta, &found_meta); });
+  ChangePart found_part;
+  flip_each(change, [&] { return decode_change(5, 6, change, &found_part); });
+  EXPECT_EQ(found_part.parts, 7u);
+  EXPECT_EQ(hex(found_part.bytes), "70617274");
+  EXPECT_TRUE(decode_change(6, 6, change, &found_part).is(PRTKV_STORAGE_FAILED));
+  EXPECT_TRUE(decode_change(5, 5, change, &found_part).is(PRTKV_STORAGE_FAILED));
 }
 
 TEST(Record, EveryLengthButTheRightOneIsRefused) {
@@ -186,6 +291,13 @@ TEST(Record, ANewerFormatIsRefusedByItsNumber) {
   EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_EQ(status.text(), "record of format version " + std::to_string(kRecordVersion + 1) +
                                ", and this release reads versions up to " + std::to_string(kRecordVersion));
+}
+
+TEST(Record, OlderReleasesCanTellThatTheRegistryHasANewerFormat) {
+  const MetaRecord record = encode_meta(Meta{});
+  MetaRecord as_version_1_seals = record;
+  set_version_1_checksum(&as_version_1_seals, kNoNode, "meta");
+  EXPECT_EQ(record, as_version_1_seals);
 }
 
 TEST(Record, ADamagedVersionIsNoNewerFormat) {

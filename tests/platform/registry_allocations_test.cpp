@@ -73,10 +73,25 @@ class NotingStore final : public store::Store {
 
   Status read(FunctionRef<Status(store::View&)> function) override { return target_->read(function); }
   Status read_all(FunctionRef<Status(store::View&)> function) override { return target_->read_all(function); }
-  Status write(FunctionRef<Status(store::Update&)> function) override {
-    Status status = target_->write(function);
+  Status write(FunctionRef<Status(store::Update&)> function, Revision* revision) override {
+    Status status = target_->write(function, revision);
     after_commit_ = allocations.load();
     return status;
+  }
+  Status read_at(Revision revision, FunctionRef<Status(store::View&)> function) override {
+    return target_->read_at(revision, function);
+  }
+  Status changes(const LogRange& range, FunctionRef<Status(const ChangeRecord&)> visit,
+                 LogPosition* position) override {
+    return target_->changes(range, visit, position);
+  }
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+              Revision* revision) override {
+    return target_->wait(after, timeout, stop, revision);
+  }
+  Status purge(std::span<const store::NodeId> nodes, const ChangeDescription& description,
+               std::uint64_t* removed) override {
+    return target_->purge(nodes, description, removed);
   }
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
   Status check(bool repair, FunctionRef<void(const store::Finding&)> report,

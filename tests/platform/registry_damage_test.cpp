@@ -100,6 +100,21 @@ TEST_F(DamagedKeys, AreRemovedAloneAndWhatWasBelowByARepair) {
   EXPECT_EQ(damages_after_repair(), 0U);
 }
 
+TEST_F(DamagedKeys, AreLoggedAsDeletedWhenTheyAreRemoved) {
+  ground_.memory->damage_node(a_, "b");
+  Revision before = 0;
+  ASSERT_TRUE(root_->revision(&before).ok());
+  ASSERT_TRUE(root_->remove("a.b", false, ignore_progress).ok());
+  std::vector<Change> changes;
+  LogPosition position;
+  const auto keep = [&](const ChangeRecord& logged) {
+    changes.insert(changes.end(), logged.changes.begin(), logged.changes.end());
+    return Status();
+  };
+  ASSERT_TRUE(root_->changes_since({.range = {.after = before}}, keep, &position).ok());
+  EXPECT_THAT(changes, ElementsAre(Change{Change::Kind::kDeleted, "a.b", "", kAnyKey}));
+}
+
 TEST_F(DamagedKeys, AreRemovedWithTheKeyAboveThem) {
   ground_.memory->damage_node(a_, "b");
   ground_.memory->damage_value(d_);

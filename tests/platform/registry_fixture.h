@@ -23,6 +23,9 @@ namespace tkv {
 // Prints a status in the message of a failed EXPECT_EQ.
 inline void PrintTo(const Status& status, std::ostream* out) { *out << status.code() << " (" << status.text() << ")"; }
 
+// Statuses are compared by their codes.
+inline bool operator==(const Status& left, const Status& right) { return left.code() == right.code(); }
+
 namespace registry {
 
 inline Identity person(const std::string& user, std::vector<std::string> groups = {}) {

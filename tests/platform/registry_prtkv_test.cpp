@@ -723,7 +723,11 @@ class ThrowingStore final : public store::Store {
 
   Status read(FunctionRef<Status(store::View&)>) override { throw exception_; }
   Status read_all(FunctionRef<Status(store::View&)>) override { throw exception_; }
-  Status write(FunctionRef<Status(store::Update&)>) override { throw exception_; }
+  Status write(FunctionRef<Status(store::Update&)>, Revision*) override { throw exception_; }
+  Status read_at(Revision, FunctionRef<Status(store::View&)>) override { throw exception_; }
+  Status changes(const LogRange&, FunctionRef<Status(const ChangeRecord&)>, LogPosition*) override { throw exception_; }
+  Status wait(Revision, std::chrono::milliseconds, const std::stop_token&, Revision*) override { throw exception_; }
+  Status purge(std::span<const store::NodeId>, const ChangeDescription&, std::uint64_t*) override { throw exception_; }
   std::size_t preferred_batch_size() const override { return 0; }
   Status check(bool, FunctionRef<void(const store::Finding&)>, FunctionRef<void(const store::CheckProgress&)>,
                store::Totals*) override {

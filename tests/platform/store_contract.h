@@ -4,7 +4,7 @@
 //
 //   INSTANTIATE_TEST_SUITE_P(Lmdb, StoreContract, ::testing::Values(&make_lmdb_factory));
 //
-// Each test makes a factory of its own, so each works on a registry of its own.
+// and likewise StoreHistoryContract. Each test makes a factory of its own, so each works on a registry of its own.
 #ifndef TKV_TESTS_PLATFORM_STORE_CONTRACT_H
 #define TKV_TESTS_PLATFORM_STORE_CONTRACT_H
 
@@ -63,6 +63,22 @@ class StoreContract : public ::testing::TestWithParam<MakeStoreFactory> {
   sec_attr root_security_ = distinct_security(1);
   std::unique_ptr<StoreFactory> factory_;
   std::shared_ptr<Store> store_;
+};
+
+// The same for revisions, the log and the past.
+class StoreHistoryContract : public StoreContract {
+ protected:
+  // Each makes one change, or fails the test, and returns its revision.
+  Revision write(FunctionRef<Status(Update&)> function);
+  Revision set(NodeId id, std::string_view text);
+
+  // All nodes, in order, with their values: "a(1)[b c(2) ] d ".
+  std::string now();
+  std::string at(Revision revision);
+
+  Revision latest();
+  std::vector<ChangeRecord> log(const LogRange& range, LogPosition* position);
+  std::vector<Revision> revisions(const LogRange& range);
 };
 
 }  // namespace tkv::store

@@ -40,6 +40,8 @@ class TreeCheckTest : public ::testing::Test {
         return "orphan value ";
       case Finding::Kind::kDuplicateId:
         return "duplicate ";
+      case Finding::Kind::kDamagedChange:
+        return "damaged change ";
     }
     return "";
   }

@@ -18,6 +18,7 @@ Exit exit_of(prtkv_result result) {
       return Exit::kUsage;
     case PRTKV_HAS_SUBKEYS:
     case PRTKV_KEY_EXISTS:
+    case PRTKV_CONFLICT:
       return Exit::kConflict;
     case PRTKV_STORAGE_FAILED:
       return Exit::kDamaged;

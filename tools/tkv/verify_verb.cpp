@@ -60,6 +60,8 @@ const char* kind_name(Damage::Kind kind) {
       return "orphan-value";
     case Damage::Kind::kDuplicateId:
       return "duplicate-id";
+    case Damage::Kind::kDamagedChange:
+      return "damaged-change";
   }
   return "damage";
 }

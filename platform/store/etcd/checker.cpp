@@ -144,7 +144,8 @@ void Checker::add_value(const KeyValue& record) {
   Value value;
   const Status status = decode_value(*id, as_bytes(record.value()), &value);
   if (!status.ok()) return check_.add_damaged_value(*id, status.text());
-  check_.add_value(*id, value.bytes.size());
+  const bool is_removed = value.type == 0 && value.bytes.empty();
+  is_removed ? check_.add_removed_value(*id) : check_.add_value(*id, value.bytes.size());
 }
 
 Status Checker::read_values() {

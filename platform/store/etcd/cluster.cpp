@@ -150,6 +150,7 @@ struct Link {
   Link(std::shared_ptr<grpc::Channel> dialled, std::shared_ptr<const TlsIdentity> with)
       : channel(std::move(dialled)),
         kv(channel),
+        watch(channel),
         lease(channel),
         auth(channel),
         cluster(channel),
@@ -165,6 +166,7 @@ struct Link {
 
   const std::shared_ptr<grpc::Channel> channel;
   etcdserverpb::KV::Stub kv;
+  etcdserverpb::Watch::Stub watch;
   etcdserverpb::Lease::Stub lease;
   etcdserverpb::Auth::Stub auth;
   etcdserverpb::Cluster::Stub cluster;
@@ -249,6 +251,20 @@ struct Answer {
 };
 
 using Attempt = FunctionRef<Answer(Link& link, grpc::ClientContext* context)>;
+
+// Takes in a response of a watch. Returns true if it is the last one that is wanted.
+bool take_in(const etcdserverpb::WatchResponse& response, WatchAnswer* answer, Status* complaint) {
+  if (response.canceled()) {
+    answer->compacted = response.compact_revision();
+    const bool refused = answer->compacted == 0;
+    if (refused) *complaint = Status(PRTKV_UNUSABLE, "it ended a watch: " + response.cancel_reason());
+    return true;
+  }
+  for (const etcdserverpb::Event& event : response.events()) {
+    if (event.type() == etcdserverpb::Event::PUT) answer->puts.push_back(event.kv());
+  }
+  return !answer->puts.empty();
+}
 
 }  // namespace
 
@@ -571,6 +587,35 @@ Reply Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnRes
         response->Clear();
         return Answer{link.kv.Txn(context, request, response), response->header().cluster_id(), {}};
       });
+}
+
+// The stream ends with the first answer that has puts. An endpoint that has begun to watch need not answer any further.
+Reply Cluster::watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+                     Deadline deadline) {
+  const std::size_t as_long_as_it_takes =
+      static_cast<std::size_t>(deadline.left().count() + 2 * kMeasuredTransfer.count()) * kBytesPerMillisecond;
+  return connection_->call(deadline, as_long_as_it_takes, true, [&](Link& link, grpc::ClientContext* context) {
+    etcdserverpb::WatchRequest request;
+    request.mutable_create_request()->set_key(key);
+    request.mutable_create_request()->set_start_revision(start);
+    request.mutable_create_request()->set_fragment(true);
+    const std::stop_callback cancel(stop, [context] { context->TryCancel(); });
+    const auto stream = link.watch.Watch(context);
+    etcdserverpb::WatchResponse response;
+    Answer outcome;
+    *answer = {};
+    bool begun = false;
+    bool over = !stream->Write(request);
+    while (!over && stream->Read(&response)) {
+      outcome.cluster_id = response.header().cluster_id();
+      begun = true;
+      over = take_in(response, answer, &outcome.complaint);
+    }
+    context->TryCancel();
+    outcome.status = stream->Finish();
+    if (begun || stop.stop_requested()) outcome.status = grpc::Status::OK;
+    return outcome;
+  });
 }
 
 Reply Cluster::grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) {

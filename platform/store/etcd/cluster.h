@@ -61,6 +61,8 @@ class Cluster final : public Kv {
               Deadline deadline) override;
   Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
             std::size_t expected) override;
+  Reply watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+              Deadline deadline) override;
   Reply grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) override;
   Reply keep_lease_alive(Lease* lease, Deadline deadline) override;
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;

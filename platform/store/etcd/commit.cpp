@@ -18,7 +18,8 @@ bool leave_only_removals(const Keys& keys, TxnRequest* request) {
   auto* operations = request->mutable_success();
   for (int i = operations->size(); i-- > 0;) {
     if (!operations->Get(i).has_request_put()) continue;
-    if (!keys.parse_garbage(operations->Get(i).request_put().key())) return false;
+    const std::string& key = operations->Get(i).request_put().key();
+    if (key != keys.log() && !keys.parse_garbage(key)) return false;
     operations->DeleteSubrange(i, 1);
   }
   return !operations->empty();
@@ -58,6 +59,7 @@ void Commit::build_request(TxnRequest* request) const {
   if (batches_ == 0) {
     for (RequestOp& operation : writes_.puts(reads_.childless())) *request->add_success() = std::move(operation);
   }
+  if (!writes_.is_empty()) put(request->add_success(), core_.keys.log(), log_record_);
   for (const auto& [top, claim] : reads_.claims().claims) {
     if (!claim.text.decided && concerns(claim)) erase(request->add_success(), core_.keys.claim(top, claim.token));
   }
@@ -209,9 +211,10 @@ bool Commit::may_be_sent_again(const TxnResponse& response) {
 
 // The change has been made. What cannot be carried out now is left to whoever comes by.
 void Commit::committed(std::int64_t revision, std::chrono::milliseconds removing) {
+  if (!writes_.is_empty()) revision_ = static_cast<Revision>(revision);
   for (const auto& [place, node] : writes_.nodes()) {
     if (node && batches_ == 0) {
-      core_.cache.put(place, SeenNode{revision, node, {}});
+      core_.cache.put(place, SeenNode{revision, Node{node->id, node->security, revision_}, {}});
     } else {
       core_.cache.erase(place);
     }

@@ -16,6 +16,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "store/etcd/core.h"
@@ -28,14 +30,18 @@ namespace tkv::store::etcd {
 
 class Commit {
  public:
-  Commit(Core& core, Run& run, ReadSet& reads, WriteSet& writes, Staging& staging)
-      : core_(core), run_(run), reads_(reads), writes_(writes), staging_(staging) {}
+  // `log_record` is what the log is to tell of the change.
+  Commit(Core& core, Run& run, ReadSet& reads, WriteSet& writes, Staging& staging, std::string log_record)
+      : core_(core), run_(run), reads_(reads), writes_(writes), staging_(staging), log_record_(std::move(log_record)) {}
   Commit(const Commit&) = delete;
   Commit& operator=(const Commit&) = delete;
 
   // Success: the change has been made. A failure if nothing has been made, or if it is unknown whether it has
   // (PRTKV_UNDECIDED). When run.repeats(), the function must run again.
   Status make();
+
+  // Of the change that was made; 0 if nothing visible was written.
+  Revision revision() const { return revision_; }
 
  private:
   using Paths = std::vector<std::vector<NodeId>>;
@@ -59,6 +65,8 @@ class Commit {
   ReadSet& reads_;
   WriteSet& writes_;
   Staging& staging_;
+  const std::string log_record_;
+  Revision revision_ = 0;
   std::uint64_t batches_ = 0;  // of the redo log; 0: the transaction makes all writes itself
 };
 

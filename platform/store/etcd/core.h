@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "store/etcd/change_log.h"
 #include "store/etcd/claims.h"
 #include "store/etcd/history.h"
 #include "store/etcd/id_source.h"
@@ -35,6 +36,7 @@ struct Core {
         claims(keys),
         recovery(*kv, keys, claims),
         sweeper(*kv, keys, recovery, sweeping),
+        log(*kv, keys),
         session(*kv, keys, ttl) {
     session.on_kept_alive([this] { sweeper.look_around_when_due(); });
   }
@@ -51,6 +53,7 @@ struct Core {
   Claims claims;
   Recovery recovery;
   Sweeper sweeper;
+  ChangeLog log;
   Session session;  // last: it is ended while the sweeper gets its time
 };
 

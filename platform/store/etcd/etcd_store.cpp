@@ -11,6 +11,7 @@
 #include "store/etcd/limits.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/revision_view.h"
+#include "store/etcd/settled_view.h"
 #include "store/etcd/stm.h"
 
 namespace tkv::store::etcd {
@@ -64,14 +65,14 @@ class EtcdStore final : public Store {
   Status open(const EtcdOptions& options) { return open_registry(core_, options); }
 
   Status read(FunctionRef<Status(View&)> function) override {
-    return run(Stm::Purpose::kRead, [&](Stm& view) { return function(view); });
+    Revision none = 0;
+    return run(
+        Stm::Purpose::kRead, [&](Stm& view) { return function(view); }, &none);
   }
 
   Status read_all(FunctionRef<Status(View&)> function) override;
 
-  Status write(FunctionRef<Status(Update&)> function) override {
-    return run(Stm::Purpose::kWrite, [&](Stm& update) { return function(update); });
-  }
+  Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;
 
   std::size_t preferred_batch_size() const override { return kPreferredBatchSize; }
 
@@ -85,9 +86,17 @@ class EtcdStore final : public Store {
   Status status(StoreStatus* status) override {
     return guarded([&] { return read_cluster_status(core_, status); });
   }
+  Status read_at(Revision revision, FunctionRef<Status(View&)> function) override;
+  Status changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                 LogPosition* position) override;
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+              Revision* revision) override {
+    return guarded([&] { return core_.log.wait(after, timeout, stop, revision); });
+  }
+  Status purge(std::span<const NodeId>, const ChangeDescription&, std::uint64_t*) override;
 
  private:
-  Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function);
+  Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, Revision* committed);
 
   Core core_;
 };
@@ -101,7 +110,44 @@ Status EtcdStore::read_all(FunctionRef<Status(View&)> function) {
   });
 }
 
-Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) {
+Status EtcdStore::write(FunctionRef<Status(Update&)> function, Revision* revision) {
+  *revision = 0;
+  Status status = run(
+      Stm::Purpose::kWrite, [&](Stm& update) { return function(update); }, revision);
+  if (!status.ok() || *revision != 0) return status;
+  return guarded([&] { return core_.log.revision(0, revision).status; });
+}
+
+// etcd gives up a state while it is being read, if it is compacted then.
+Status EtcdStore::read_at(Revision revision, FunctionRef<Status(View&)> function) {
+  return guarded([&] {
+    if (Status status = core_.log.check_retained(revision); !status.ok()) return status;
+    SettledView past(core_, static_cast<std::int64_t>(revision));
+    if (Status status = past.load(); !status.ok()) return status;
+    Status status = call(function, static_cast<View&>(past));
+    return past.failure().ok() ? status : past.failure().status;
+  });
+}
+
+Status EtcdStore::changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                          LogPosition* position) {
+  return guarded([&] {
+    return core_.log.visit(
+        range, [&](const ChangeRecord& record) { return call(visit, record); }, position);
+  });
+}
+
+Status EtcdStore::purge(std::span<const NodeId>, const ChangeDescription&, std::uint64_t*) {
+  return guarded([&]() -> Status {
+    Revision latest = 0;
+    if (Reply reply = core_.log.revision(0, &latest); !reply.ok()) return reply.status;
+    return {PRTKV_INVALID_ARGUMENT,
+            "the past of a registry on etcd is that of the cluster, which is removed as a whole: etcdctl compact " +
+                std::to_string(latest)};
+  });
+}
+
+Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, Revision* committed) {
   return guarded([&]() -> Status {
     core_.sweeper.look_around_when_due();
     Deadline deadline = core_.deadline();
@@ -111,7 +157,10 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function) 
       Stm stm(core_, purpose, std::move(next), deadline);
       Status result = stm.start();
       if (result.ok()) result = call(function, stm);
-      if (stm.finish(&result)) return result;
+      if (stm.finish(&result)) {
+        *committed = stm.committed();
+        return result;
+      }
       deadline = stm.deadline();
       const bool out_of_time = stm.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {

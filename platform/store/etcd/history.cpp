@@ -124,6 +124,11 @@ Reply History::release_ids(const Held& fence, Deadline deadline) {
   return {};
 }
 
+Reply History::watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+                     Deadline deadline) {
+  return ended_ ? end() : kv_->watch(key, start, stop, answer, deadline);
+}
+
 Reply History::grant_lease(std::int64_t ttl, Lease* lease, Deadline deadline) {
   return ended_ ? end() : kv_->grant_lease(ttl, lease, deadline);
 }

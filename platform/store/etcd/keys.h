@@ -1,6 +1,7 @@
 // The layout of a registry's keys in etcd, all under the registry's prefix.
 //
 //   meta                              the next free id
+//   log                               the last change; its former versions are the log
 //   registry                          the mark: that there is a registry under this prefix, and which
 //   n/<parent's id>/<level name>      a node
 //   v/<id>                            a node's value
@@ -52,6 +53,7 @@ class Keys {
 
   std::string meta() const { return prefix_ + "meta"; }
   std::string mark() const { return prefix_ + "registry"; }
+  std::string log() const { return prefix_ + "log"; }
   std::string node(const NodePlace& place) const;
   std::string value(NodeId id) const;
   std::string garbage(NodeId id) const;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,12 @@ struct ClusterAnswer {
   std::uint64_t retries = 0;  // requests sent to another endpoint, or again, since connecting
 };
 
+// What a watch of one key has seen.
+struct WatchAnswer {
+  std::vector<etcdserverpb::KeyValue> puts;  // in the order of revisions
+  std::int64_t compacted = 0;                // not 0: nothing was seen, since only revisions from this one on are kept
+};
+
 class Kv {
  public:
   virtual ~Kv() = default;
@@ -79,6 +86,11 @@ class Kv {
   Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {
     return txn(request, response, deadline, 0);
   }
+
+  // Waits for puts of `key` at the revision `start` or later, and returns what the first answer has of them. Without
+  // any by the deadline, or until `stop` is requested, the reply is a success without puts.
+  virtual Reply watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
+                      Deadline deadline) = 0;
 
   // Leases: etcd removes the keys that are put with a lease once it has not been kept alive for `ttl` seconds. The ttl
   // that was granted may be longer than the one requested. Keeping a lease alive that no longer exists gives a ttl of

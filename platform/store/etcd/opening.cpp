@@ -33,6 +33,7 @@ class Opening {
   Status take(const TxnResponse& found);
   Status create(bool* created);
   Status mark(std::int64_t meta_revision);
+  Status begin_log();
   Status check_enclosing();
   Status check_enclosed();
   Status check_enclosed(KeyRange range);
@@ -44,7 +45,7 @@ class Opening {
 };
 
 // The answers of look(), in order.
-enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kClaims };
+enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kClaims, kLog };
 
 const RangeResponse& part(const TxnResponse& found, Found which) { return found.responses(which).response_range(); }
 
@@ -57,6 +58,9 @@ Status Opening::look(TxnResponse* found) {
   add(get_range(keys_.all_garbage(), kMarkersPerPage));
   add(get_range(keys_.all_staging(), kMarkersPerPage));
   add(get_all(keys_.all_claims()));
+  RangeRequest log = get_one(keys_.log());
+  log.set_keys_only(true);
+  add(std::move(log));
   return core_.kv->txn(request, found, core_.deadline()).status;
 }
 
@@ -82,6 +86,7 @@ Status Opening::create(bool* created) {
   compare_no_newcomer(&request, keys_.all(), 0);
   put(request.add_success(), keys_.meta(), as_text(encode_meta(Meta())));
   put(request.add_success(), keys_.mark(), mark);
+  put(request.add_success(), keys_.log(), ChangeLog::encode({}));
   put(request.add_success(), keys_.node(root), as_text(encode_node(kNoNode, "", {kRootNode, options_.root_security})));
   RangeRequest any = get_range(keys_.all(), 1);
   any.set_keys_only(true);
@@ -119,6 +124,9 @@ Status Opening::take(const TxnResponse& found) {
                                   std::to_string(RegistryMark::kFormat)};
     }
     core_.kv->hold_mark(keys_.mark(), text);
+  }
+  if (part(found, kLog).kvs_size() == 0) {
+    if (Status status = begin_log(); !status.ok()) return status;
   }
   const NodePlace root{kNoNode, ""};
   core_.ids.know(meta, damage.ok() ? record.mod_revision() : IdSource::kUnknown);
@@ -178,6 +186,18 @@ Status Opening::check_enclosing() {
     }
   }
   return {};
+}
+
+// Gives a registry that an earlier release has created the first record of its log, so that its state has a revision.
+// If etcd does not permit it, the registry can be read as it is.
+Status Opening::begin_log() {
+  if (!options_.create) return {};
+  TxnRequest request;
+  compare_revision(&request, keys_.log(), 0);
+  put(request.add_success(), keys_.log(), ChangeLog::encode({}));
+  TxnResponse response;
+  const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
 }
 
 // Looks for registries among the keys that are neither nodes nor values.

@@ -23,7 +23,9 @@ std::size_t size_of(const ChildPage& listing) {
   return bytes;
 }
 
-std::size_t size_of(const std::optional<std::string>& record) { return kBookkeeping + (record ? record->size() : 0); }
+std::size_t size_of(const std::optional<KeyValue>& record) {
+  return kBookkeeping + (record ? record->value().size() : 0);
+}
 
 }  // namespace
 
@@ -283,14 +285,14 @@ bool ReadAhead::is_for_keeping(NodeId id, Sought sought) const {
 }
 
 void ReadAhead::keep_values(const Operation& operation, RangeResponse* answer) {
-  std::unordered_map<NodeId, std::string*> records;
+  std::unordered_map<NodeId, KeyValue*> records;
   NodeId last = operation.last;
   std::size_t bytes = 0;
   for (KeyValue& record : *answer->mutable_kvs()) {
     const auto id = keys_.parse_value(record.key());
     if (!id) continue;
     bytes += record.ByteSizeLong();
-    records[*id] = record.mutable_value();
+    records[*id] = &record;
     if (answer->more()) last = *id;
   }
   if (answer->more() && records.empty()) return;
@@ -323,7 +325,7 @@ void ReadAhead::keep_lists(const Operation& operation, const RangeResponse& answ
   }
 }
 
-void ReadAhead::hold_value(NodeId id, std::optional<std::string> record) {
+void ReadAhead::hold_value(NodeId id, std::optional<KeyValue> record) {
   held_ += size_of(record);
   values_.emplace(id, std::move(record));
 }
@@ -334,7 +336,7 @@ void ReadAhead::hold_list(NodeId id, ChildPage listing) {
   lists_.emplace(id, HeldPage{std::move(listing), bytes, false});
 }
 
-bool ReadAhead::take_value(NodeId id, std::optional<std::string>* record) {
+bool ReadAhead::take_value(NodeId id, std::optional<KeyValue>* record) {
   const auto found = values_.extract(id);
   if (!found) return false;
   held_ -= size_of(found.mapped());

@@ -78,7 +78,7 @@ class ReadAhead {
   void give_up() { given_up_ = true; }
 
   // Each returns false if it is not held. No record: the node has no value.
-  bool take_value(NodeId id, std::optional<std::string>* record);
+  bool take_value(NodeId id, std::optional<KeyValue>* record);
   bool take_children(NodeId id, ChildPage* listing);
   bool has_children(NodeId id, bool* answer);
 
@@ -161,12 +161,12 @@ class ReadAhead {
   bool is_for_keeping(NodeId id, Sought sought) const;
   void keep_values(const Operation& operation, RangeResponse* answer);
   void keep_lists(const Operation& operation, const RangeResponse& answer);
-  void hold_value(NodeId id, std::optional<std::string> record);
+  void hold_value(NodeId id, std::optional<KeyValue> record);
   void hold_list(NodeId id, ChildPage listing);
 
   const Keys& keys_;
   std::vector<Run> runs_;
-  std::unordered_map<NodeId, std::optional<std::string>> values_;
+  std::unordered_map<NodeId, std::optional<KeyValue>> values_;
   std::unordered_map<NodeId, HeldPage> lists_;
   std::size_t held_ = 0;
   Habit values_habit_{kMostValuesAhead};

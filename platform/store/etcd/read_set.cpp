@@ -157,8 +157,8 @@ Status ReadSet::get_value(NodeId id, Value* value) {
   *value = Value{};
   if (response.kvs_size() == 0) return {};
   read.mod_revision = response.kvs(0).mod_revision();
-  read.record = std::move(*response.mutable_kvs(0)->mutable_value());
-  read.damage = decode_value(id, as_bytes(read.record), &read.value);
+  read.record = std::move(*response.mutable_kvs(0));
+  read.damage = decode_found_value(id, read.record, &read.value);
   *value = read.value;
   return read.damage;
 }
@@ -249,7 +249,11 @@ bool ReadSet::is_unchanged() const {
   });
 }
 
-Status ReadSet::validate() { return unvalidated_ == 0 ? Status() : pin(); }
+Status ReadSet::validate(std::int64_t* revision) {
+  Status status = unvalidated_ == 0 ? Status() : pin();
+  if (revision != nullptr) *revision = revision_;
+  return status;
+}
 
 // The same, and makes sure that there is a revision.
 Status ReadSet::pin() {

@@ -88,8 +88,8 @@ class ReadSet {
 
   // --- Comparing
 
-  // Makes sure that everything read stands at one revision.
-  Status validate();
+  // Makes sure that everything read stands at one revision. `*revision` is that one; 0 if nothing was read.
+  Status validate(std::int64_t* revision = nullptr);
 
   // Adds the comparisons of all that was read, and, to the failure branch, the reads that prefetch() takes in.
   void add_compares(TxnRequest* request) const;
@@ -134,7 +134,7 @@ class ReadSet {
   };
   struct ReadValue {
     std::int64_t mod_revision = 0;
-    std::string record;
+    KeyValue record;
     Value value;
     Status damage;
     bool compared = true;

@@ -10,7 +10,7 @@ namespace {
 
 std::string seal(std::uint64_t number, const std::string& batch) {
   std::string record(value_record_size(batch.size()), '\0');
-  encode_value(number, 0, as_bytes(batch), std::as_writable_bytes(std::span(record)));
+  encode_value(number, {0, as_bytes(batch)}, std::as_writable_bytes(std::span(record)));
   return record;
 }
 

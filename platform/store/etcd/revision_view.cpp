@@ -61,19 +61,19 @@ Status RevisionView::find(NodeId parent, std::string_view name, Node* node) {
 
 Status RevisionView::value(NodeId id, Value* value) {
   if (Status status = look_ahead(id, Sought::kValue); !status.ok()) return status;
-  std::optional<std::string> record;
+  std::optional<KeyValue> record;
   if (!ahead_.take_value(id, &record)) {
     RangeResponse response;
     if (Status status = get(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
     ahead_.note_value(response.ByteSizeLong());
-    if (response.kvs_size() > 0) record = std::move(*response.mutable_kvs(0)->mutable_value());
+    if (response.kvs_size() > 0) record = std::move(*response.mutable_kvs(0));
   }
   if (!record) {
     *value = Value{};
     return {};
   }
   record_ = std::move(*record);
-  return decode_value(id, as_bytes(record_), value);
+  return decode_found_value(id, record_, value);
 }
 
 // A node's entry never exceeds kMaxNodeEntryBytes, so a page of kNodesPerPage always fits a message.
@@ -120,6 +120,15 @@ Status RevisionView::has_children(NodeId parent, bool* answer) {
   RangeResponse response;
   if (Status status = get(request, &response); !status.ok()) return status;
   *answer = response.kvs_size() > 0;
+  return {};
+}
+
+Status RevisionView::revision(Revision* revision) {
+  RangeRequest request = get_one(core_.keys.log());
+  request.set_keys_only(true);
+  RangeResponse response;
+  if (Status status = get(request, &response); !status.ok()) return status;
+  *revision = response.kvs_size() == 0 ? 0 : static_cast<Revision>(response.kvs(0).mod_revision());
   return {};
 }
 

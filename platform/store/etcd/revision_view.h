@@ -26,6 +26,8 @@ class RevisionView final : public View {
   Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
+  Status revision(Revision* revision) override;
+  Status change(Revision revision, ChangeRecord* record) override { return core_.log.find(revision, record); }
 
   // As children, with what is known of each record; a damaged one is visited as well.
   Status list(NodeId parent, FunctionRef<Status(const Child& child)> visit);
@@ -43,7 +45,7 @@ class RevisionView final : public View {
   Core& core_;
   std::int64_t revision_;
   ReadAhead ahead_;
-  std::string record_;  // of the value read last
+  KeyValue record_;  // of the value read last
   Reply failure_;
 };
 

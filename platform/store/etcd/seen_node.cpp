@@ -8,12 +8,19 @@ SeenNode seen_node(const KeyValue& record, const NodePlace& place) {
   SeenNode seen{record.mod_revision(), {}, {}};
   Node node;
   seen.damage = decode_node(place.parent, place.name, as_bytes(record.value()), &node);
+  node.revision = static_cast<Revision>(record.mod_revision());
   if (seen.damage.ok()) seen.node = node;
   return seen;
 }
 
 SeenNode seen_node(const RangeResponse& response, const NodePlace& place) {
   return response.kvs_size() == 0 ? SeenNode{} : seen_node(response.kvs(0), place);
+}
+
+Status decode_found_value(NodeId id, const KeyValue& record, Value* value) {
+  Status status = decode_value(id, as_bytes(record.value()), value);
+  if (status.ok()) value->revision = static_cast<Revision>(record.mod_revision());
+  return status;
 }
 
 }  // namespace tkv::store::etcd

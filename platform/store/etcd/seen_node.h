@@ -33,6 +33,9 @@ inline constexpr auto kEndAtDamage = [](std::string_view name, const Status& dam
 SeenNode seen_node(const KeyValue& record, const NodePlace& place);
 SeenNode seen_node(const RangeResponse& response, const NodePlace& place);
 
+// Decodes a value's record. Its revision is the one at which it was put; the bytes point into the record.
+Status decode_found_value(NodeId id, const KeyValue& record, Value* value);
+
 }  // namespace tkv::store::etcd
 
 #endif

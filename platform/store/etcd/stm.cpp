@@ -18,7 +18,7 @@ Stm::Stm(Core& core, Purpose purpose, NextRun start, Deadline deadline)
       reads_(core, run_, start_, purpose),
       writes_(core.keys),
       staging_(core, run_, writes_),
-      before_(reads_) {}
+      before_(*this) {}
 
 // ---- the run
 
@@ -80,16 +80,33 @@ bool Stm::finish(Status* result) {
     *result = run_.failure();
     return true;
   }
-  const bool has_written = !writes_.is_empty() || staging_.started();
-  Status status;
-  if (purpose_ == Purpose::kWrite && result->ok() && has_written) {
-    status = Commit(core_, run_, reads_, writes_, staging_).make();
-  } else {
-    status = reads_.validate();
-  }
+  Status status = end(result->ok());
   if (run_.repeats()) return false;
   if (!status.ok()) *result = std::move(status);
   return true;
+}
+
+Status Stm::end(bool succeeded) {
+  const bool has_written = !writes_.is_empty() || staging_.started();
+  if (purpose_ == Purpose::kRead || !succeeded || !has_written) {
+    std::int64_t read_at = 0;
+    Status status = reads_.validate(&read_at);
+    return status.ok() ? validate_revision(read_at) : status;
+  }
+  Commit commit(core_, run_, reads_, writes_, staging_, ChangeLog::encode(description_));
+  Status status = commit.make();
+  committed_ = commit.revision();
+  return status;
+}
+
+// The log is not compared, since every change writes it: it is read again at the revision of everything else.
+Status Stm::validate_revision(std::int64_t read_at) {
+  if (!revision_ || purpose_ == Purpose::kWrite || read_at == 0 || run_.repeats()) return {};
+  Revision found = 0;
+  const Reply reply = core_.log.revision(read_at, &found);
+  if (reply.verdict == Verdict::kCompacted) return run_.repeat_from_scratch();
+  if (!reply.ok()) return run_.fail(reply.status);
+  return found == *revision_ ? Status() : run_.repeat_from_scratch();
 }
 
 // A run that held a claim is followed by one that lays the same claim again, and reads the state at which it does.
@@ -166,6 +183,16 @@ Status Stm::has_children(NodeId parent, bool* answer) {
     const auto place = core_.keys.parse_node(record.key());
     *answer = *answer || (place && !is_written(*place));
   }
+  return {};
+}
+
+Status Stm::revision(Revision* revision) {
+  if (!revision_) {
+    Revision found = 0;
+    if (Reply reply = core_.log.revision(0, &found); !reply.ok()) return run_.fail(reply.status);
+    revision_ = found;
+  }
+  *revision = *revision_;
   return {};
 }
 
@@ -293,11 +320,18 @@ Status Stm::set_value(NodeId id, std::int32_t type, std::span<const std::byte> b
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status;
   if (writes_.is_discarded(id)) return {};
   if (type == 0 && bytes.empty()) {
-    writes_.put_value(id, {});
-    return {};
+    if (writes_.is_fresh(id)) {
+      writes_.put_value(id, {});
+      return {};
+    }
+    // A record without a value stays, which tells when the value was removed.
+    Value former;
+    const Status found = value(id, &former);
+    if (!run_.failure().ok()) return run_.failure();
+    if (found.ok() && former.type == 0 && former.bytes.empty()) return {};
   }
   std::string record(value_record_size(bytes.size()), '\0');
-  encode_value(id, type, bytes, std::as_writable_bytes(std::span(record)));
+  encode_value(id, {type, bytes}, std::as_writable_bytes(std::span(record)));
   if (writes_.is_fresh(id)) {
     if (Status status = staging_.make_room(record.size() + kOperationOverhead); !status.ok()) return status;
   }

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "store/etcd/commit.h"
 #include "store/etcd/core.h"
@@ -42,6 +43,9 @@ class Stm final : public Update {
   Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return 0; }
+  Status revision(Revision* revision) override;
+  Status change(Revision revision, ChangeRecord* record) override { return core_.log.find(revision, record); }
+  void describe(ChangeDescription description) override { description_ = std::move(description); }
 
   Status new_id(NodeId* id) override { return staging_.new_id(id); }
   Status insert(NodeId parent, std::string_view name, const Node& node) override;
@@ -62,6 +66,9 @@ class Stm final : public Update {
   bool finish(Status* result);
   NextRun take_next();
 
+  // After finish(): that of the change; 0 if none was made.
+  Revision committed() const { return committed_; }
+
   // Whether this run was a long one, which is not limited by the operation's deadline.
   bool is_long() const { return run_.is_long(); }
 
@@ -72,7 +79,7 @@ class Stm final : public Update {
   // The tree as this run found it: what is read here becomes part of the read set.
   class Before final : public View {
    public:
-    explicit Before(ReadSet& reads) : reads_(reads) {}
+    explicit Before(Stm& stm) : stm_(stm), reads_(stm.reads_) {}
     Status find(NodeId parent, std::string_view name, Node* node) override;
     Status value(NodeId id, Value* value) override { return reads_.get_value(id, value); }
     Status children(NodeId parent, VisitNode visit) override {
@@ -81,11 +88,16 @@ class Stm final : public Update {
     Status children_with_damage(NodeId parent, VisitNode visit, VisitDamage damaged) override;
     Status has_children(NodeId parent, bool* answer) override;
     std::uint64_t structure() override { return 0; }
+    Status revision(Revision* revision) override { return stm_.revision(revision); }
+    Status change(Revision revision, ChangeRecord* record) override { return stm_.change(revision, record); }
 
    private:
+    Stm& stm_;
     ReadSet& reads_;
   };
 
+  Status end(bool succeeded);
+  Status validate_revision(std::int64_t read_at);
   Status lay_claim(const ClaimOrder& order);
   void wait_for_claims_on(NodeId top, const std::optional<Claim>& former);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
@@ -101,6 +113,9 @@ class Stm final : public Update {
   WriteSet writes_;
   Staging staging_;
   std::string fresh_value_;  // a staged value that was read again
+  ChangeDescription description_;
+  std::optional<Revision> revision_;  // of the state that is read, once it was asked for
+  Revision committed_ = 0;
   Before before_;
 };
 

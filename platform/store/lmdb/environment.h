@@ -68,6 +68,12 @@ class Environment {
   // throughout: LMDB overwrites no page of a state before the second commit after it. `copy` is unspecified otherwise.
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
 
+  // A descriptor of the data file without access rights.
+  int data_file() const { return files_->data_file(); }
+
+  // Returns PRTKV_UNUSABLE if the registry's files were replaced or removed, now and from then on.
+  Status check_files();
+
  private:
   friend class ReadTransaction;
   friend class WriteTransaction;
@@ -87,7 +93,6 @@ class Environment {
   Status extend_short_file();
   Status check_size();
   bool has_kept_its_size();
-  Status check_files();
   Status files_replaced() const;
 
   int renew(ReaderSlot& slot);

@@ -118,6 +118,12 @@ int put(MDB_txn* txn, const Key& key, std::span<const std::byte> record) {
   return mdb_put(txn, kDatabase, &key_val, &data, 0);
 }
 
+std::uint64_t number_of(std::span<const std::byte> bytes) {
+  std::uint64_t number = 0;
+  for (const std::byte byte : bytes) number = number << 8 | std::to_integer<std::uint64_t>(byte);
+  return number;
+}
+
 int put_first_records(MDB_txn* txn, const sec_attr& root_security) {
   MDB_dbi database = 0;
   if (const int code = mdb_dbi_open(txn, nullptr, 0, &database); code != 0) return code;
@@ -148,7 +154,17 @@ Key Key::meta() {
 Key Key::value(NodeId id) {
   Key key;
   key.bytes_[0] = kValueKey;
-  key.put_id(id);
+  key.size_ = 1;
+  key.put_number(id);
+  return key;
+}
+
+Key Key::change(Revision revision, std::uint32_t part) {
+  Key key;
+  key.bytes_[0] = kMetaKey;
+  key.size_ = 1;
+  key.put_number(~revision);
+  key.put_number(part, sizeof part);
   return key;
 }
 
@@ -156,27 +172,36 @@ Key Key::node(NodeId parent, std::string_view name) {
   assert(name.size() <= kMaxLevelSize);
   Key key;
   key.bytes_[0] = kNodeKey;
-  key.put_id(parent);
+  key.size_ = 1;
+  key.put_number(parent);
   if (!name.empty()) std::memcpy(key.bytes_.data() + key.size_, name.data(), name.size());
   key.size_ += name.size();
   return key;
 }
 
-void Key::put_id(NodeId id) {
-  for (std::size_t i = 0; i < 8; ++i) bytes_[1 + i] = static_cast<std::byte>(id >> (8 * (7 - i)));
-  size_ = 1 + 8;
+void Key::put_number(std::uint64_t number, std::size_t size) {
+  for (std::size_t left = size; left > 0; --left) bytes_[size_++] = static_cast<std::byte>(number >> (8 * (left - 1)));
 }
 
 bool read_key(std::span<const std::byte> key, KeyParts* parts) {
   constexpr std::size_t kNameAt = 1 + 8;
-  if (key.empty()) return false;
-  *parts = KeyParts{key[0], kNoNode, {}};
-  if (parts->kind == kMetaKey) return key.size() == 1;
-  if (parts->kind != kNodeKey && parts->kind != kValueKey) return false;
-  if (key.size() < kNameAt || key.size() > kNameAt + kMaxLevelSize) return false;
-  for (std::size_t i = 1; i < kNameAt; ++i) parts->id = parts->id << 8 | std::to_integer<NodeId>(key[i]);
-  parts->name = {reinterpret_cast<const char*>(key.data() + kNameAt), key.size() - kNameAt};
-  return parts->kind == kNodeKey || parts->name.empty();
+  *parts = KeyParts{};
+  if (key.size() < kNameAt) return key.size() == 1 && key[0] == kMetaKey;
+  parts->id = number_of(key.subspan(1, 8));
+  const auto rest = key.subspan(kNameAt);
+  if (key[0] == kMetaKey) {
+    parts->kind = KeyParts::Kind::kChange;
+    parts->id = ~parts->id;
+    parts->part = static_cast<std::uint32_t>(number_of(rest));
+    return rest.size() == sizeof parts->part;
+  }
+  if (key[0] == kValueKey) {
+    parts->kind = KeyParts::Kind::kValue;
+    return rest.empty();
+  }
+  parts->kind = KeyParts::Kind::kNode;
+  parts->name = {reinterpret_cast<const char*>(rest.data()), rest.size()};
+  return key[0] == kNodeKey && rest.size() <= kMaxLevelSize;
 }
 
 Status write_fresh_registry(const std::string& path, const sec_attr& root_security) {

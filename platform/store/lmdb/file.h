@@ -2,7 +2,10 @@
 //
 // All records are in LMDB's unnamed database. The first byte of a key tells the kind of its record:
 //
-//   'M'                             the registry's record of itself
+//   'M'                             the registry's record of itself, which is the first of all
+//   'M', revision, number           a part of a change in the log; the revision is inverted, so that the newest change
+//                                   comes first: most often it is on one page with the record of the registry, which
+//                                   every change rewrites
 //   'N', parent id, level name      a node; ids have the high byte first, so that siblings are adjacent and in order
 //   'V', id                         a value
 #ifndef TKV_PLATFORM_STORE_LMDB_FILE_H
@@ -36,6 +39,7 @@ class Key {
  public:
   static Key meta();
   static Key value(NodeId id);
+  static Key change(Revision revision, std::uint32_t part);
   // Without a name: the prefix of the keys of all children. `name` is at most kMaxLevelSize bytes long.
   static Key node(NodeId parent, std::string_view name = {});
 
@@ -47,7 +51,7 @@ class Key {
 
  private:
   Key() = default;
-  void put_id(NodeId id);
+  void put_number(std::uint64_t number, std::size_t size = sizeof(std::uint64_t));
 
   std::array<std::byte, 1 + 8 + kMaxLevelSize> bytes_;
   std::size_t size_ = 0;
@@ -55,12 +59,14 @@ class Key {
 
 // The parts of a key.
 struct KeyParts {
-  std::byte kind;
-  NodeId id = kNoNode;    // for a node, the parent's
-  std::string_view name;  // within the key
+  enum class Kind { kMeta, kChange, kNode, kValue };
+  Kind kind = Kind::kMeta;
+  std::uint64_t id = kNoNode;  // for a node, the parent's; for a change, its revision
+  std::string_view name;       // of a node, within the key
+  std::uint32_t part = 0;      // of a change
 };
 
-// Takes a key apart. Returns false if it is of none of the three kinds.
+// Takes a key apart. Returns false if it is of none of these kinds.
 bool read_key(std::span<const std::byte> key, KeyParts* parts);
 
 // Fills an empty file with a registry that has only a root. Durable on return.

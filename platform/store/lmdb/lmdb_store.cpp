@@ -10,21 +10,27 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "base/standard_files.h"
 #include "store/lmdb/assertion.h"
 #include "store/lmdb/environment.h"
+#include "store/lmdb/file_watch.h"
 #include "store/lmdb/lmdb_update.h"
 #include "store/lmdb/lmdb_view.h"
+#include "store/lmdb/log.h"
 #include "store/lmdb/pages.h"
+#include "store/lmdb/past.h"
 #include "store/lmdb/tree.h"
 #include "store/lmdb/tree_cursor.h"
 #include "store/tree_check.h"
 
 namespace tkv::store {
 namespace {
+
+constexpr std::size_t kMostKeptPast = std::size_t{8} << 20;  // bytes between two reads
 
 // All records of a state, and what is wrong with them.
 class RecordCheck {
@@ -39,21 +45,32 @@ class RecordCheck {
 
   bool root_is_damaged() const { return root_is_damaged_; }
   bool counter_is_unusable() const { return counter_is_unusable_; }
+  bool meta_is_damaged() const { return !meta_damage_.ok(); }
   NodeId largest_id() const { return largest_id_; }
+  Revision largest_revision() const { return largest_revision_; }
+  Revision damaged_change() const { return damaged_change_; }  // the latest one, 0 if there is none
 
  private:
   Status read_records(const FileState& state, FunctionRef<void(const CheckProgress&)> progress);
   void add(std::span<const std::byte> key, std::span<const std::byte> record);
   void add_node(NodeId parent, std::string_view name, std::span<const std::byte> record);
   void add_value(NodeId id, std::span<const std::byte> record);
+  void add_change(Revision revision, std::uint32_t number, std::span<const std::byte> record);
   void check_counter();
+  void check_log();
+  void report_change(Revision revision, const std::string& detail);
   void see(NodeId id) { largest_id_ = std::max(largest_id_, id); }
+  void see_revision(Revision revision) { largest_revision_ = std::max(largest_revision_, revision); }
 
   FunctionRef<void(const Finding&)> report_;
   TreeCheck tree_;
   Meta meta_;
   Status meta_damage_{PRTKV_STORAGE_FAILED, "it is missing"};
   NodeId largest_id_ = kRootNode;  // of all ids in keys and sound records
+  Revision largest_revision_ = 0;  // likewise
+  Revision damaged_change_ = 0;
+  std::vector<Revision> changes_;  // that are complete
+  std::uint32_t next_part_ = 0;    // of the change that is being read
   bool root_is_damaged_ = false;
   bool counter_is_unusable_ = false;
 };
@@ -63,6 +80,7 @@ Status RecordCheck::read(int file, const FileState& state, FunctionRef<void(cons
   if (Status status = check_pages(file, state, count); !status.ok()) return status;
   if (Status status = read_records(state, progress); !status.ok()) return status;
   check_counter();
+  check_log();
   return {};
 }
 
@@ -86,12 +104,17 @@ void RecordCheck::add(std::span<const std::byte> key, std::span<const std::byte>
   KeyParts parts;
   if (!read_key(key, &parts)) {
     tree_.add_damaged_node(kNoNode, {reinterpret_cast<const char*>(key.data()), key.size()}, "an unknown key");
-  } else if (parts.kind == kNodeKey) {
-    add_node(parts.id, parts.name, record);
-  } else if (parts.kind == kValueKey) {
-    add_value(parts.id, record);
-  } else {
-    meta_damage_ = decode_meta(record, &meta_);
+    return;
+  }
+  switch (parts.kind) {
+    case KeyParts::Kind::kNode:
+      return add_node(parts.id, parts.name, record);
+    case KeyParts::Kind::kValue:
+      return add_value(parts.id, record);
+    case KeyParts::Kind::kChange:
+      return add_change(parts.id, parts.part, record);
+    case KeyParts::Kind::kMeta:
+      meta_damage_ = decode_meta(record, &meta_);
   }
 }
 
@@ -100,6 +123,7 @@ void RecordCheck::add_node(NodeId parent, std::string_view name, std::span<const
   const Status status = decode_node(parent, name, record, &node);
   see(parent);
   see(node.id);
+  see_revision(node.revision);
   if (status.ok()) {
     tree_.add_node(parent, name, node.id);
   } else {
@@ -112,7 +136,49 @@ void RecordCheck::add_value(NodeId id, std::span<const std::byte> record) {
   Value value;
   const Status status = decode_value(id, record, &value);
   see(id);
-  status.ok() ? tree_.add_value(id, value.bytes.size()) : tree_.add_damaged_value(id, status.text());
+  see_revision(value.revision);
+  if (!status.ok()) {
+    tree_.add_damaged_value(id, status.text());
+  } else if (value.type == 0 && value.bytes.empty()) {
+    tree_.add_removed_value(id);
+  } else {
+    tree_.add_value(id, value.bytes.size());
+  }
+}
+
+void RecordCheck::report_change(Revision revision, const std::string& detail) {
+  damaged_change_ = std::max(damaged_change_, revision);
+  report_({Finding::Kind::kDamagedChange, kNoNode, revision, "", change_text(revision) + ": " + detail});
+}
+
+// Parts come in the order of their keys: the newest change first, after the registry's record of itself. What the log
+// has dropped and a write has yet to remove may be damaged.
+void RecordCheck::add_change(Revision revision, std::uint32_t number, std::span<const std::byte> record) {
+  ChangePart part;
+  see_revision(revision);
+  if (meta_damage_.ok() && revision <= meta_.log_after) return;
+  if (number == 0) next_part_ = 0;
+  if (Status status = decode_change(revision, number, record, &part); !status.ok()) {
+    report_change(revision, status.text());
+    return;
+  }
+  if (number != next_part_++ || next_part_ != part.parts) return;
+  changes_.push_back(revision);
+}
+
+// The log has each of its changes, in all parts.
+void RecordCheck::check_log() {
+  if (!meta_damage_.ok()) return;
+  std::reverse(changes_.begin(), changes_.end());
+  auto next = std::upper_bound(changes_.begin(), changes_.end(), meta_.log_after);
+  for (Revision revision = meta_.log_after + 1; revision <= meta_.revision; ++revision) {
+    const bool found = next != changes_.end() && *next == revision;
+    if (found) {
+      ++next;
+    } else if (revision > damaged_change_) {
+      report_change(revision, "a part of it is missing");
+    }
+  }
 }
 
 void RecordCheck::check_counter() {
@@ -123,13 +189,21 @@ void RecordCheck::check_counter() {
   report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids " + why});
 }
 
+// In a file that may not grow beyond a size, the past gets a quarter of it at most.
+Retention retention_of(const LmdbOptions& options) {
+  Retention retention = options.retention;
+  if (options.map_size != 0) retention.bytes = std::min(retention.bytes, options.map_size / 4);
+  return retention;
+}
+
 class LmdbStore final : public Store {
  public:
   LmdbStore(Environment::Held environment, const LmdbOptions& options)
       : held_(std::move(environment)),
         environment_(*held_),
         read_only_(options.read_only),
-        wait_{std::chrono::milliseconds(options.timeout_ms), options.on_wait} {}
+        wait_{std::chrono::milliseconds(options.timeout_ms), options.on_wait},
+        retention_(retention_of(options)) {}
 
   Status read(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kShort, function);
@@ -140,7 +214,13 @@ class LmdbStore final : public Store {
   std::uint64_t latest_state() override { return environment_.latest_state(); }
   bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                   std::int32_t* type, std::size_t* size) override;
-  Status write(FunctionRef<Status(Update&)> function) override;
+  Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;
+  Status read_at(Revision revision, FunctionRef<Status(View&)> function) override;
+  Status changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                 LogPosition* position) override;
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+              Revision* revision) override;
+  Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) override;
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override;
@@ -156,14 +236,21 @@ class LmdbStore final : public Store {
                           Totals* totals);
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
-  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome);
-  Status write_with(FunctionRef<Status(LmdbUpdate&)> function);
+  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
+                    const Retention& retention, Revision* revision, LmdbOutcome* outcome);
+  Status write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision);
+  Status meta(Meta* meta);
+  Status past_since(Revision begin, const FileState& state, const Meta& meta, std::shared_ptr<const Past>* past);
+  Status check_retained(Revision revision, const Meta& meta) const;
   Status damaged(const LmdbAssertion& broken) const;
 
   const Environment::Held held_;
   Environment& environment_;
   const bool read_only_;
   const WriterWait wait_;
+  const Retention retention_;
+  std::mutex past_mutex_;
+  std::shared_ptr<Past> past_;  // guarded by past_mutex_; what was read last
 };
 
 Status LmdbStore::damaged(const LmdbAssertion& broken) const {
@@ -220,34 +307,135 @@ Status LmdbStore::may_write() const {
 
 // One attempt. `*outcome` receives the outcome of the LMDB call that failed, or code 0.
 Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
-                             LmdbOutcome* outcome) {
-  LmdbUpdate update(environment_, transaction);
+                             const Retention& retention, Revision* revision, LmdbOutcome* outcome) {
+  LmdbUpdate update(environment_, transaction, retention);
   Status status = update.begin();
   if (status.ok()) status = function(update);
   if (status.ok() && update.broken_by().code == 0) status = update.finish();
   *outcome = update.broken_by();
   if (!status.ok()) return status;
   if (outcome->code != 0) return environment_.failure(*outcome, "cannot write to the registry");
-  return transaction.commit(outcome);
+  Status committed = transaction.commit(outcome);
+  if (committed.ok()) *revision = update.last_revision();
+  return committed;
 }
 
-Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function) try {
+// A registry that may not grow gives up history to make a change: the one being made is logged without its past, and
+// the oldest ones are dropped.
+Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision) try {
   if (Status status = may_write(); !status.ok()) return status;
   WriteTransaction transaction(environment_, wait_);
+  Retention retention = retention_;
   for (;;) {
     if (Status status = transaction.begin(); !status.ok()) return status;
     LmdbOutcome outcome{0, 0};
-    Status status = write_once(transaction, function, &outcome);
+    Status status = write_once(transaction, function, retention, revision, &outcome);
     transaction.abort();  // no effect after a commit
     if (outcome.code != MDB_MAP_FULL) return status;
-    if (Status room = transaction.make_room(); !room.ok()) return room;
+    if (Status room = transaction.make_room(); !room.ok()) {
+      if (!room.is(PRTKV_STORAGE_FULL) || retention.bytes == 0) return room;
+      retention.bytes = 0;
+    }
   }
 } catch (const LmdbAssertion& broken) {
   return damaged(broken);
 }
 
-Status LmdbStore::write(FunctionRef<Status(Update&)> function) {
-  return write_with([&](LmdbUpdate& update) { return function(update); });
+Status LmdbStore::write(FunctionRef<Status(Update&)> function, Revision* revision) {
+  return write_with([&](LmdbUpdate& update) { return function(update); }, revision);
+}
+
+Status LmdbStore::purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) {
+  Revision revision = 0;
+  const Status status = write_with(
+      [&](LmdbUpdate& update) {
+        update.describe(description);
+        return update.purge(nodes, removed);
+      },
+      &revision);
+  const std::lock_guard lock(past_mutex_);
+  past_.reset();
+  return status;
+}
+
+Status LmdbStore::check_retained(Revision revision, const Meta& meta) const {
+  const std::string subject =
+      "revision " + std::to_string(revision) + " of the registry in '" + environment_.directory() + "' ";
+  if (revision > meta.revision) {
+    return {PRTKV_INVALID_ARGUMENT, subject + "does not exist yet; the latest is " + std::to_string(meta.revision)};
+  }
+  if (revision >= meta.oldest_state) return {};
+  return {PRTKV_INVALID_ARGUMENT,
+          subject + "is not retained; the oldest that can be read is " + std::to_string(meta.oldest_state)};
+}
+
+// The past of a store that is read again and again grows with the log; it is made anew if others are reading it.
+Status LmdbStore::past_since(Revision begin, const FileState& state, const Meta& meta,
+                             std::shared_ptr<const Past>* past) {
+  const std::lock_guard lock(past_mutex_);
+  const bool serves = past_ != nullptr && past_->begin() <= begin && past_->end() >= meta.log_after;
+  const bool may_grow = serves && (past_.use_count() == 1 || past_->end() >= meta.revision);
+  if (!may_grow) past_ = std::make_shared<Past>(begin);
+  Status status = past_->extend(state, meta);
+  if (status.ok()) *past = past_;
+  if (!status.ok() || past_->bytes() > kMostKeptPast) past_.reset();
+  return status;
+}
+
+Status LmdbStore::read_at(Revision revision, FunctionRef<Status(View&)> function) {
+  ReadTransaction transaction(environment_, ReadTransaction::Length::kLong);
+  Meta meta;
+  std::shared_ptr<const Past> past;
+  if (Status status = transaction.begin(); !status.ok()) return status;
+  if (Status status = find_meta(transaction.state(), &meta); !status.ok()) return status;
+  if (Status status = check_retained(revision, meta); !status.ok()) return status;
+  if (Status status = past_since(revision, transaction.state(), meta, &past); !status.ok()) return status;
+  LmdbView present(transaction);
+  PastView view(present, *past, revision);
+  return function(view);
+}
+
+Status LmdbStore::changes(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit,
+                          LogPosition* position) {
+  ReadTransaction transaction(environment_, ReadTransaction::Length::kLong);
+  Meta meta;
+  if (Status status = transaction.begin(); !status.ok()) return status;
+  if (Status status = find_meta(transaction.state(), &meta); !status.ok()) return status;
+  const Revision first = std::max(range.after, meta.log_after) + 1;
+  const Revision last = std::min(range.up_to, meta.revision);
+  *position = {last, range.after >= meta.log_after};
+  if (range.after > meta.revision) position->revision = meta.revision;
+  if (range.only_complete && !position->complete) {
+    position->revision = meta.revision;
+    return {};
+  }
+  for (Revision done = 0; first + done <= last; ++done) {
+    ChangeRecord record;
+    const Revision revision = range.newest_first ? last - done : first + done;
+    if (Status status = read_change(transaction.state(), meta, revision, &record); !status.ok()) return status;
+    if (Status status = visit(record); !status.ok()) return status;
+  }
+  return {};
+}
+
+Status LmdbStore::meta(Meta* meta) {
+  ReadTransaction transaction(environment_, ReadTransaction::Length::kShort);
+  Status status = transaction.begin();
+  return status.ok() ? find_meta(transaction.state(), meta) : status;
+}
+
+// The watch begins before the first look, so no change escapes it.
+Status LmdbStore::wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
+                       Revision* revision) {
+  FileWatch watch(environment_.data_file(), stop);
+  const auto deadline = FileWatch::deadline_after(timeout);
+  for (;;) {
+    Meta now;
+    if (Status status = environment_.check_files(); !status.ok()) return status;
+    if (Status status = meta(&now); !status.ok()) return status;
+    *revision = now.revision;
+    if (now.revision > after || !watch.wait(deadline)) return {};
+  }
 }
 
 Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report,
@@ -269,19 +457,30 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
                                    FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   // Only the attempt that is committed is reported.
   std::vector<Finding> findings;
-  Status status = write_with([&](LmdbUpdate& update) -> Status {
-    findings.clear();
-    const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
-    RecordCheck check(collect);
-    if (Status read = check.read(environment_.file(), update.former(), progress); !read.ok()) return read;
-    TreeCheck::Removable removable;
-    check.finish(totals, &removable);
-    if (check.counter_is_unusable()) update.restart_counter(check.largest_id());
-    if (check.root_is_damaged()) {
-      if (Status root = update.reset_root(); !root.ok()) return root;
-    }
-    return update.remove_all(removable);
-  });
+  Revision revision = 0;
+  Status status = write_with(
+      [&](LmdbUpdate& update) -> Status {
+        findings.clear();
+        const auto collect = [&](const Finding& finding) { findings.push_back(finding); };
+        RecordCheck check(collect);
+        if (Status read = check.read(environment_.file(), update.former(), progress); !read.ok()) return read;
+        TreeCheck::Removable removable;
+        check.finish(totals, &removable);
+        update.describe({.note = "repair"});
+        if (check.counter_is_unusable()) {
+          const Status restarted =
+              update.restart_counter(check.largest_id(), check.largest_revision(), check.meta_is_damaged());
+          if (!restarted.ok()) return restarted;
+        }
+        if (check.damaged_change() != 0) {
+          if (Status log = update.forget_log(check.damaged_change()); !log.ok()) return log;
+        }
+        if (check.root_is_damaged()) {
+          if (Status root = update.reset_root(); !root.ok()) return root;
+        }
+        return update.remove_all(removable);
+      },
+      &revision);
   for (const Finding& finding : findings) report(finding);
   return status;
 }
@@ -289,7 +488,14 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
 Status LmdbStore::status(StoreStatus* status) {
   ReadTransaction transaction(environment_, ReadTransaction::Length::kShort);
   if (Status begun = transaction.begin(); !begun.ok()) return begun;
-  return environment_.status(transaction.state(), status);
+  Meta meta;
+  if (Status found = environment_.status(transaction.state(), status); !found.ok()) return found;
+  if (Status found = find_meta(transaction.state(), &meta); !found.ok()) return found;
+  status->revision = meta.revision;
+  status->oldest_state = meta.oldest_state;
+  status->log_after = meta.log_after;
+  status->history_bytes = meta.history_bytes;
+  return {};
 }
 
 }  // namespace

@@ -1,15 +1,21 @@
-// LmdbUpdate: one write transaction on the registry's tree. LMDB makes the changes and answers the reads, which see
-// them; WriteCheck looks at each page before LMDB does.
+// LmdbUpdate: one write transaction on the registry's tree.
 #ifndef TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
 #define TKV_PLATFORM_STORE_LMDB_LMDB_UPDATE_H
 
+#include <functional>
 #include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "store/lmdb/environment.h"
 #include "store/lmdb/file.h"
 #include "store/lmdb/lmdb_view.h"
-#include "store/lmdb/write_check.h"
+#include "store/lmdb/log_writer.h"
+#include "store/lmdb/record_writer.h"
 #include "store/record.h"
 #include "store/tree_check.h"
 
@@ -17,11 +23,14 @@ namespace tkv::store {
 
 class LmdbUpdate final : public Update {
  public:
-  LmdbUpdate(Environment& environment, const WriteTransaction& transaction)
-      : environment_(environment), txn_(transaction.txn()), former_(transaction.former()), check_(former_) {}
+  LmdbUpdate(Environment& environment, const WriteTransaction& transaction, const Retention& retention)
+      : environment_(environment),
+        former_(transaction.former()),
+        records_(environment, transaction),
+        log_(records_, former_, retention) {}
 
   // Checks what every transaction depends on. Call first.
-  Status begin() { return check_.check_free_list(); }
+  Status begin() { return records_.begin(); }
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
@@ -31,6 +40,8 @@ class LmdbUpdate final : public Update {
   Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override;
   Status has_children(NodeId parent, bool* answer) override;
   std::uint64_t structure() override { return load_meta().ok() ? meta_->structure : 0; }
+  Status revision(Revision* revision) override;
+  Status change(Revision revision, ChangeRecord* record) override;
 
   Status new_id(NodeId* id) override;
   Status insert(NodeId parent, std::string_view name, const Node& node) override;
@@ -44,45 +55,57 @@ class LmdbUpdate final : public Update {
     return *before_;
   }
 
+  void describe(ChangeDescription description) override { description_ = std::move(description); }
+
   // The state before the update, which the changes leave as it is.
   const FileState& former() const { return former_; }
 
   // Repairs the registry's record of itself. Which ids were used above `largest_id` and removed since is not known: the
-  // counter continues far beyond any of them.
-  void restart_counter(NodeId largest_id);
+  // counter continues far beyond any of them. So does that of revisions if `revision`, the largest one that was found,
+  // is all that is known of them; then the log is given up.
+  Status restart_counter(NodeId largest_id, Revision revision, bool revision_is_lost);
+
+  // Gives up the log up to and including a change.
+  Status forget_log(Revision up_to);
+
+  // See Store::purge.
+  Status purge(std::span<const NodeId> nodes, std::uint64_t* removed);
 
   // Repairs the root's record, whose id is known. Nobody can tell its rights: only the superuser gets any.
-  Status reset_root() { return put(Key::node(kNoNode), encode_node(kNoNode, "", Node{kRootNode, {}}), 0); }
+  Status reset_root() { return put_node(kNoNode, "", Node{kRootNode, {}}, 0); }
 
   // Removes records, but not what is below them.
   Status remove_all(const TreeCheck::Removable& removable);
 
-  // Writes the registry's record of itself if the update changed it. The last call.
+  // Logs the change, if there was one, and writes the registry's record of itself. The last call.
   Status finish();
 
+  // After finish(): that of the change or, if nothing was changed, of the former state.
+  Revision last_revision() const { return meta_ ? meta_->revision : former_revision_; }
+
   // The outcome of the LMDB call that made this transaction unusable; code 0 if none did.
-  LmdbOutcome broken_by() const { return broken_by_; }
+  LmdbOutcome broken_by() const { return records_.broken_by(); }
 
  private:
   Status load_meta();
-  // Looks up a record; `*found` tells whether there is one. It is valid until the next change.
-  Status get(const Key& key, bool* found, std::span<const std::byte>* record);
-  Status put(const Key& key, std::span<const std::byte> record, unsigned flags);
-  // Returns PRTKV_NO_SUCH_KEY if there is no such record.
-  Status remove(const Key& key);
+  Status put_node(NodeId parent, std::string_view name, Node node, unsigned flags);
+  // Put and remove a record, and keep the former one for the log.
+  Status replace(const Key& key, std::span<const std::byte> record, unsigned flags);
+  Status erase(const Key& key);
+  Status keep_former(const Key& key);
   Status remove_value(NodeId id);
   Status remove_children(NodeId parent, std::vector<NodeId>* ids);
-  Status seek(MDB_cursor* cursor, const Key& key, MDB_val* found, MDB_val* data, bool* at_end);
-  Status seek_behind(MDB_cursor* cursor, const Key& visited, MDB_val* found, MDB_val* data, bool* at_end);
-  Status succeeded(LmdbOutcome outcome, const char* doing);
 
   Environment& environment_;
-  MDB_txn* const txn_;
   const FileState& former_;
-  WriteCheck check_;
+  RecordWriter records_;
+  LogWriter log_;
   std::optional<Meta> meta_;
   bool meta_changed_ = false;
-  LmdbOutcome broken_by_{0, 0};
+  Revision former_revision_ = 0;
+  NodeId first_new_id_ = kNoNode;
+  bool changed_ = false;  // so this update has a revision
+  ChangeDescription description_;
   std::vector<std::byte> record_;
   std::optional<FormerView> before_;
 };

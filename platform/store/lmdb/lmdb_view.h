@@ -3,6 +3,7 @@
 #define TKV_PLATFORM_STORE_LMDB_LMDB_VIEW_H
 
 #include "store/lmdb/environment.h"
+#include "store/lmdb/log.h"
 #include "store/lmdb/tree.h"
 
 namespace tkv::store {
@@ -41,6 +42,17 @@ class LmdbView final : public View {
     slot.structure = meta.structure;
     return meta.structure;
   }
+  Status revision(Revision* revision) override {
+    Meta meta;
+    Status status = find_meta(file_state(), &meta);
+    if (status.ok()) *revision = meta.revision;
+    return status;
+  }
+  Status change(Revision revision, ChangeRecord* record) override {
+    Meta meta;
+    Status status = find_meta(file_state(), &meta);
+    return status.ok() ? read_change(file_state(), meta, revision, record) : status;
+  }
 
  private:
   const FileState& file_state() const { return transaction_.state(); }
@@ -68,6 +80,10 @@ class FormerView final : public View {
     return begun_.ok() ? view_.has_children(parent, answer) : begun_;
   }
   std::uint64_t structure() override { return begun_.ok() ? view_.structure() : 0; }
+  Status revision(Revision* revision) override { return begun_.ok() ? view_.revision(revision) : begun_; }
+  Status change(Revision revision, ChangeRecord* record) override {
+    return begun_.ok() ? view_.change(revision, record) : begun_;
+  }
 
  private:
   ReadTransaction transaction_;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "sec_attr.h"
+#include "store/store.h"
 
 namespace tkv::store {
 
@@ -24,6 +25,7 @@ struct LmdbOptions {
   // the store.
   std::function<void(const std::string& message)> on_wait;
   sec_attr root_security{};  // security record of a fresh registry's root
+  Retention retention;       // of the past, by the writes of this store
 };
 
 }  // namespace tkv::store

@@ -62,6 +62,7 @@ class RegistryFiles {
   Descriptor open_commit_times() const;
 
   const std::string& path() const { return path_; }  // of the directory
+  int data_file() const { return data_.number(); }
 
   // The size of the data file in bytes.
   Status data_size(std::uint64_t* size) const;

@@ -9,8 +9,17 @@ constexpr std::size_t kPrefixSize = 1 + 8;  // of the keys of a node's children
 
 // Whether a record is the one that belongs under `wanted`. The registry's record of itself is never sought for.
 bool belongs_under(const KeyParts& wanted, std::span<const std::byte> record) {
-  if (wanted.kind == kNodeKey) return is_node_under(wanted.id, wanted.name, record);
-  return wanted.kind == kValueKey && is_value_under(wanted.id, record);
+  switch (wanted.kind) {
+    case KeyParts::Kind::kNode:
+      return is_node_under(wanted.id, wanted.name, record);
+    case KeyParts::Kind::kValue:
+      return is_value_under(wanted.id, record);
+    case KeyParts::Kind::kChange:
+      return is_change_under(wanted.id, wanted.part, record);
+    case KeyParts::Kind::kMeta:
+      return false;
+  }
+  return false;
 }
 
 // Records of short names that are alike may fit under each other's keys: the seed of a checksum tells less than a key.
@@ -22,7 +31,7 @@ bool belongs_under_its_key(std::span<const std::byte> key, std::span<const std::
 // Whether a record is that of a child of `parent` whose key no longer says so.
 bool is_lost_child(NodeId parent, std::span<const std::byte> key, std::span<const std::byte> record) {
   if (key.size() < kPrefixSize) return false;
-  KeyParts parts{kNodeKey, parent, {reinterpret_cast<const char*>(key.data()), key.size()}};
+  KeyParts parts{KeyParts::Kind::kNode, parent, {reinterpret_cast<const char*>(key.data()), key.size()}, 0};
   parts.name.remove_prefix(kPrefixSize);
   std::string_view name;
   return !is_child(key, parent, &name) && belongs_under(parts, record) && !belongs_under_its_key(key, record);

@@ -22,6 +22,7 @@ final class ResultCode {
     static final int UNUSABLE = 18;
     static final int BUSY = 19;
     static final int UNDECIDED = 20;
+    static final int CONFLICT = 21;
     static final int DISTRIBUTED = 37;
     static final int INVALID_CONFIGURATION = 41;
     static final int CONFIGURATION_UNREADABLE = 42;

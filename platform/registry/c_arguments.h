@@ -1,0 +1,49 @@
+// The arguments of the C functions.
+#ifndef TKV_PLATFORM_REGISTRY_C_ARGUMENTS_H
+#define TKV_PLATFORM_REGISTRY_C_ARGUMENTS_H
+
+#include <string.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "base/limits.h"
+#include "base/status.h"
+#include "prtkv.h"
+
+namespace tkv::registry {
+
+struct Argument {
+  const void* pointer;
+  const char* name;
+};
+
+inline Status null_argument(const char* name) { return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name}; }
+
+// Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
+inline Status demand(std::initializer_list<Argument> arguments) {
+  for (const Argument& argument : arguments) {
+    if (argument.pointer == nullptr) return null_argument(argument.name);
+  }
+  return {};
+}
+
+inline Status check_value(const void* value, std::uint32_t size) {
+  if (value == nullptr && size > 0) return {PRTKV_NULL_ARGUMENT, "null argument: value"};
+  return check_value_size(size);
+}
+
+// A caller's name. Reads no further than the first byte beyond the limit.
+inline std::string_view text(const char* name) { return {name, ::strnlen(name, PRTKV_FULL_NAME_SIZE)}; }
+
+inline std::span<const std::byte> bytes(const void* value, std::uint32_t size) {
+  return {static_cast<const std::byte*>(value), size};
+}
+
+}  // namespace tkv::registry
+
+#endif

@@ -1,0 +1,99 @@
+#include "registry/change_filter.h"
+
+#include <utility>
+#include <vector>
+
+#include "registry/name.h"
+#include "registry/tree.h"
+
+namespace tkv::registry {
+namespace {
+
+enum class Answer { kAbsent, kDenied, kGranted };
+
+Status ask(store::View& view, const Identity& identity, std::string_view name, Rights right, Answer* answer) {
+  Reader tree(view, identity);
+  Place place;
+  const Status status = tree.resolve(name, &place);
+  if (!status.ok() && !status.is(PRTKV_NO_SUCH_KEY)) return status;
+  *answer = !status.ok()                                       ? Answer::kAbsent
+            : (tree.rights(name, place.node) & right) == right ? Answer::kGranted
+                                                               : Answer::kDenied;
+  return {};
+}
+
+}  // namespace
+
+bool ChangeFilter::concerns(std::string_view name, bool with_subtree) const {
+  if (with_subtree && is_within(query_.name, name)) return true;
+  if (!is_within(name, query_.name)) return false;
+  return count_levels(name) - count_levels(query_.name) <= query_.depth;
+}
+
+bool ChangeFilter::is_wanted(const Change& change) const {
+  switch (change.kind) {
+    case Change::Kind::kCreated:
+    case Change::Kind::kValue:
+    case Change::Kind::kSecurity:
+      return concerns(change.name, false);
+    case Change::Kind::kMoved:
+      return concerns(change.name, true) || concerns(change.from, true);
+    case Change::Kind::kDeleted:
+    case Change::Kind::kChangedAtOrBelow:
+      return concerns(change.name, true);
+  }
+  return false;
+}
+
+// A right that the state of a revision and the present grant on a key, as far as they have it.
+Status ChangeFilter::grants(Revision revision, std::string_view name, Rights right, bool* answer) {
+  Answer today = Answer::kAbsent;
+  Answer then = Answer::kAbsent;
+  *answer = false;
+  Status status = store_.read([&](store::View& view) { return ask(view, identity_, name, right, &today); });
+  if (!status.ok() || today == Answer::kDenied) return status;
+  status = store_.read_at(revision, [&](store::View& view) { return ask(view, identity_, name, right, &then); });
+  if (status.is(PRTKV_INVALID_ARGUMENT)) {  // not retained
+    *answer = today == Answer::kGranted;
+    return {};
+  }
+  *answer = then == Answer::kGranted;
+  return status;
+}
+
+Status ChangeFilter::is_allowed(const ChangeRecord& record, const Change& change, bool* answer) {
+  const Revision before = record.revision - 1;
+  switch (change.kind) {
+    case Change::Kind::kValue:
+    case Change::Kind::kSecurity:
+      return grants(record.revision, change.name, TKV_RIGHT_READ, answer);
+    case Change::Kind::kCreated:
+      return grants(record.revision, parent_of(change.name), TKV_RIGHT_LIST, answer);
+    case Change::Kind::kDeleted:
+      return grants(before, parent_of(change.name), TKV_RIGHT_LIST, answer);
+    case Change::Kind::kChangedAtOrBelow:
+      return grants(record.revision, change.name, TKV_RIGHT_LIST, answer);
+    case Change::Kind::kMoved:
+      if (Status status = grants(before, parent_of(change.from), TKV_RIGHT_LIST, answer); !status.ok() || !*answer) {
+        return status;
+      }
+      return grants(record.revision, parent_of(change.name), TKV_RIGHT_LIST, answer);
+  }
+  return {};
+}
+
+Status ChangeFilter::apply(ChangeRecord* record) {
+  std::vector<Change> kept;
+  for (Change& change : record->changes) {
+    bool allowed = identity_.superuser;
+    if (!is_wanted(change)) continue;
+    if (!allowed) {
+      if (Status status = is_allowed(*record, change, &allowed); !status.ok()) return status;
+    }
+    if (allowed) kept.push_back(std::move(change));
+  }
+  record->changes = std::move(kept);
+  return {};
+}
+
+}  // namespace tkv::registry

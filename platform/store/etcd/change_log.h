@@ -1,0 +1,58 @@
+// ChangeLog: what was done to a registry, as the history of one key that every transaction with visible writes puts.
+//
+// The key's value describes the last change; its modification revision is the change's. The key is never compared, so
+// changes of different nodes do not get into each other's way. Former versions of the key are the log, and reach back
+// as far as the cluster keeps its history. A watch of the key sees every change.
+//
+// Threads. Any number may call at once.
+#ifndef TKV_PLATFORM_STORE_ETCD_CHANGE_LOG_H
+#define TKV_PLATFORM_STORE_ETCD_CHANGE_LOG_H
+
+#include <chrono>
+#include <cstdint>
+#include <stop_token>
+#include <string>
+
+#include "base/change.h"
+#include "base/function_ref.h"
+#include "store/etcd/keys.h"
+#include "store/etcd/kv.h"
+#include "store/etcd/requests.h"
+
+namespace tkv::store::etcd {
+
+class ChangeLog {
+ public:
+  ChangeLog(Kv& kv, const Keys& keys) : kv_(kv), keys_(keys) {}
+
+  // The value of the key for a change. One that describes too much says only that something was changed.
+  static std::string encode(const ChangeDescription& description);
+
+  // The revision of the last change; 0 if none was ever logged. `at` 0: now, else of the state at that revision.
+  Reply revision(std::int64_t at, Revision* revision);
+
+  // Reads the record of a change. Returns PRTKV_NO_SUCH_KEY if it is not retained.
+  Status find(Revision revision, ChangeRecord* record);
+
+  // As the Store's functions.
+  Status visit(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit, LogPosition* position);
+  Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop, Revision* revision);
+
+  // Whether the state at this revision can still be read, and has ever been one of the registry.
+  Status check_retained(Revision revision);
+
+ private:
+  using Visit = FunctionRef<Status(const ChangeRecord& record)>;
+
+  Reply get(std::int64_t at, RangeResponse* response);
+  Status find_begin(std::int64_t after, std::int64_t created, std::int64_t* begin, bool* complete);
+  Status visit_forward(std::int64_t begin, std::int64_t last, Visit visit);
+  Status visit_backward(std::int64_t after, std::int64_t last, Visit visit);
+
+  Kv& kv_;
+  const Keys& keys_;
+};
+
+}  // namespace tkv::store::etcd
+
+#endif
