@@ -51,7 +51,11 @@ class MemoryStore final : public Store {
     auto next = std::make_shared<State>(*former->back());
     StateUpdate update(*next, *former);
     if (Status status = function(update); !status.ok()) return status;
-    if (update.changed()) publish(*former, std::move(next));
+    if (update.changed()) {
+      publish(*former, std::move(next));
+    } else {  // what it has given out is not given out again
+      replace_present([&](State& present) { present.next_id = next->next_id; });
+    }
     *revision = current()->back()->change.revision;
     return {};
   }
@@ -192,6 +196,10 @@ class MemoryStore final : public Store {
   // Changes the present state without a change: what decays is not logged.
   void decay(FunctionRef<void(State&)> function) {
     const std::lock_guard one_writer(write_mutex_);
+    replace_present(function);
+  }
+
+  void replace_present(FunctionRef<void(State&)> function) {
     auto states = std::make_shared<States>(*current());
     auto next = std::make_shared<State>(*states->back());
     function(*next);
