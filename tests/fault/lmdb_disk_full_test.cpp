@@ -46,7 +46,14 @@ TEST_P(LmdbDiskFull, IsReportedAndTheRegistryWorksAgainOnceThereIsRoom) {
   for (const auto& [id, text] : kept) EXPECT_EQ(text_of(*store, id), text);
   expect_sound(*store);
 
+  // There is no room for the past of what is deleted.
+  Revision full = 0;
+  ASSERT_TRUE(store->read([&](View& view) { return view.revision(&full); }).ok());
   for (std::size_t i = 0; i < 3; ++i) ASSERT_TRUE(set_text(*store, kept[i].first, "").ok());
+  StoreStatus after;
+  ASSERT_TRUE(store->status(&after).ok());
+  EXPECT_GT(after.oldest_state, full);
+  EXPECT_LT(after.log_after, full) << "the log remains";
   ASSERT_TRUE(set_text(*store, kept[0].first, std::string(200'000, 'y')).ok());
   EXPECT_EQ(text_of(*store, kept[0].first), std::string(200'000, 'y'));
   expect_sound(*store);

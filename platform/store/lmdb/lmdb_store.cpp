@@ -320,8 +320,8 @@ Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(L
   return committed;
 }
 
-// A registry that may not grow gives up history to make a change: the one being made is logged without its past, and
-// the oldest ones are dropped.
+// A registry that cannot grow gives up history to make a change, or nothing could be deleted any more: the change being
+// made is logged without its past, and the oldest ones are dropped.
 Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision) try {
   if (Status status = may_write(); !status.ok()) return status;
   WriteTransaction transaction(environment_, wait_);
@@ -331,11 +331,11 @@ Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision
     LmdbOutcome outcome{0, 0};
     Status status = write_once(transaction, function, retention, revision, &outcome);
     transaction.abort();  // no effect after a commit
-    if (outcome.code != MDB_MAP_FULL) return status;
-    if (Status room = transaction.make_room(); !room.ok()) {
-      if (!room.is(PRTKV_STORAGE_FULL) || retention.bytes == 0) return room;
-      retention.bytes = 0;
-    }
+    if (outcome.code == MDB_MAP_FULL) status = transaction.make_room();
+    if (outcome.code == MDB_MAP_FULL && status.ok()) continue;
+    const bool may_give_up = outcome.code != 0 && !retention.off && retention.bytes != 0;
+    if (!status.is(PRTKV_STORAGE_FULL) || !may_give_up) return status;
+    retention.bytes = 0;
   }
 } catch (const LmdbAssertion& broken) {
   return damaged(broken);
