@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #include "certificates.h"
 #include "etcd.grpc.pb.h"
@@ -319,6 +320,73 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   cluster.ctl({"alarm", "disarm"});
   EXPECT_TRUE(done(create_key(*store, "c")));
   EXPECT_EQ(totals_of(*store).nodes, 3u) << "the root, a and c";
+}
+
+// What a watcher that goes on after `*seen` gets.
+struct Told {
+  std::size_t changes = 0;
+  bool complete = true;
+};
+Told changes_after(Store& store, Revision* seen) {
+  Told told;
+  LogPosition position;
+  const auto count = [&](const ChangeRecord&) { return ++told.changes, Status(); };
+  EXPECT_TRUE(done(store.changes({.after = *seen, .only_complete = true}, count, &position)));
+  told.complete = position.complete;
+  *seen = position.revision;
+  return told;
+}
+
+TEST(EtcdLimits, AWatcherIsToldOfDeletionsThatTheSpaceAlarmKeptOutOfTheLog) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.flags = {"--quota-backend-bytes=4194304"};
+  EtcdCluster cluster(cluster_options);
+  const EtcdOptions options = cluster.registry();
+  const auto store = open_when_ready(options);
+  const auto watcher = open_when_ready(options);
+  ASSERT_TRUE(store && watcher);
+  for (const char* name : {"a", "b", "c"}) ASSERT_TRUE(done(create_key(*store, name)));
+  Status status;
+  for (int i = 0; i < 40 && status.ok(); ++i) status = write_key(*store, "a", std::string(512 * 1024, 'x'));
+  ASSERT_TRUE(says(status, PRTKV_STORAGE_FULL, {"space alarm"}));
+  Revision seen = 0;
+  ASSERT_TRUE(done(watcher->read([&](View& view) { return view.revision(&seen); })));
+  const Revision before = seen;
+
+  std::jthread deletion([&] { EXPECT_TRUE(done(delete_key(*store, "b"))); });
+  Revision latest = 0;
+  EXPECT_TRUE(done(watcher->wait(seen, patience().left(), {}, &latest)));
+  deletion.join();
+  EXPECT_GT(latest, seen);
+  Told told = changes_after(*watcher, &seen);
+  EXPECT_FALSE(told.complete);
+  EXPECT_EQ(seen, latest);
+  told = changes_after(*watcher, &seen);
+  EXPECT_TRUE(told.complete) << "told once";
+  const auto newcomer = open_when_ready(options);
+  Revision found = 0;
+  EXPECT_TRUE(done(newcomer->read_all([&](View& view) { return view.revision(&found); })));
+  EXPECT_EQ(found, seen);
+  EXPECT_TRUE(done(newcomer->read([&](View& view) { return view.revision(&found); })));
+  EXPECT_EQ(found, seen);
+  ASSERT_TRUE(done(newcomer->read_at(before, [](View& view) {
+    Node node;
+    return follow(view, "b", &node);
+  })));
+
+  // There is no key of the log left to remove: this shows with the next change.
+  EXPECT_TRUE(done(delete_key(*store, "c")));
+  cluster.ctl({"compaction", std::to_string(before)});
+  cluster.ctl({"defrag"});
+  cluster.ctl({"alarm", "disarm"});
+  EXPECT_TRUE(done(create_key(*store, "d")));
+  EXPECT_TRUE(done(watcher->wait(seen, patience().left(), {}, &latest)));
+  EXPECT_FALSE(changes_after(*watcher, &seen).complete);
+  EXPECT_EQ(seen, latest);
+  EXPECT_TRUE(done(create_key(*store, "e")));
+  told = changes_after(*watcher, &seen);
+  EXPECT_TRUE(told.complete);
+  EXPECT_EQ(told.changes, 1u);
 }
 
 TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {

@@ -172,13 +172,14 @@ Reply FakeKv::watch(const std::string& key, std::int64_t start, const std::stop_
         return {};
       }
       for (const Version& version : keys_[key]) {
-        if (version.mod_revision < start || !version.exists) continue;
-        KeyValue& put = answer->puts.emplace_back();
-        put.set_mod_revision(version.mod_revision);
-        put.set_value(version.value);
+        if (version.mod_revision < start) continue;
+        KeyValue& event = answer->events.emplace_back();
+        event.set_mod_revision(version.mod_revision);
+        event.set_create_revision(version.exists ? version.create_revision : 0);
+        event.set_value(version.value);
       }
     }
-    if (!answer->puts.empty()) return {};
+    if (!answer->events.empty()) return {};
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return {};

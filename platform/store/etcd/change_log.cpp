@@ -34,9 +34,16 @@ Status decode(const KeyValue& found, ChangeRecord* record) {
   return status.about("the change of " + text_of(record->revision));
 }
 
-Revision revision_in(const RangeResponse& response) {
-  return response.kvs_size() == 0 ? 0 : static_cast<Revision>(response.kvs(0).mod_revision());
+// What stands for the change that removed the key.
+ChangeRecord undescribed(Revision revision) {
+  ChangeRecord record;
+  record.note = "a deletion that etcd had no space to describe";
+  record.changes = {{.kind = Change::Kind::kChangedAtOrBelow}};
+  record.revision = revision;
+  return record;
 }
+
+bool is_absent(const RangeResponse& found) { return found.kvs_size() == 0; }
 
 }  // namespace
 
@@ -54,13 +61,59 @@ Reply ChangeLog::get(std::int64_t at, RangeResponse* response) {
   return kv_.range(request, response, Deadline(kv_.timeout()));
 }
 
-Reply ChangeLog::revision(std::int64_t at, Revision* revision) {
+Reply ChangeLog::get_key(std::int64_t at, RangeResponse* response) {
   RangeRequest request = get_one(keys_.log());
   request.set_revision(at);
   request.set_keys_only(true);
-  RangeResponse response;
-  Reply reply = kv_.range(request, &response, Deadline(kv_.timeout()));
-  if (reply.ok()) *revision = revision_in(response);
+  return kv_.range(request, response, Deadline(kv_.timeout()));
+}
+
+Reply ChangeLog::revision(std::int64_t at, Revision* revision) {
+  RangeResponse found;
+  Reply reply = get_key(at, &found);
+  return reply.ok() ? last_change(found, at == 0 ? found.header().revision() : at, revision) : reply;
+}
+
+Reply ChangeLog::last_change(const RangeResponse& found, std::int64_t at, Revision* revision) {
+  if (is_absent(found)) return find_removal(at, revision);
+  *revision = static_cast<Revision>(found.kvs(0).mod_revision());
+  return {};
+}
+
+// Finds out when the key, which does not exist at `at`, was removed. If the cluster no longer keeps that, the first
+// revision that it keeps will do, since nothing was logged between the two. A revision before the last removal will do
+// as well: whoever continues from there sees the later ones again.
+Reply ChangeLog::find_removal(std::int64_t at, Revision* revision) {
+  const std::int64_t known = removed_at_;
+  std::int64_t absent = known != 0 && known <= at ? known : at;
+  std::int64_t before = absent == known ? known - 1 : 0;
+  while (absent - before > 1) {
+    const std::int64_t middle = before + (absent - before) / 2;
+    RangeResponse found;
+    Reply reply = get_key(middle, &found);
+    if (!reply.ok() && reply.verdict != Verdict::kCompacted) return reply;
+    (reply.ok() && is_absent(found) ? absent : before) = middle;
+  }
+  if (absent == 1) absent = 0;  // the revision of an empty cluster: the key has never existed
+  note_removal(absent);
+  *revision = static_cast<Revision>(absent);
+  return {};
+}
+
+void ChangeLog::note_removal(std::int64_t revision) {
+  std::int64_t known = removed_at_;
+  while (known < revision && !removed_at_.compare_exchange_weak(known, revision)) {
+  }
+}
+
+// Where the mark of the registry was created; 0 if it does not exist at `at`.
+Reply ChangeLog::find_mark(std::int64_t at, std::int64_t* created) {
+  RangeRequest request = get_one(keys_.mark());
+  request.set_revision(at);
+  request.set_keys_only(true);
+  RangeResponse found;
+  Reply reply = kv_.range(request, &found, Deadline(kv_.timeout()));
+  *created = is_absent(found) ? 0 : found.kvs(0).create_revision();
   return reply;
 }
 
@@ -68,64 +121,96 @@ Status ChangeLog::find(Revision revision, ChangeRecord* record) {
   Revision latest = 0;
   if (Reply reply = this->revision(0, &latest); !reply.ok()) return reply.status;
   if (revision == 0 || revision > latest) return PRTKV_NO_SUCH_KEY;
+  const auto at = static_cast<std::int64_t>(revision);
   RangeResponse found;
-  const Reply reply = get(static_cast<std::int64_t>(revision), &found);
+  Revision last = 0;
+  Reply reply = get(at, &found);
+  if (reply.ok()) reply = last_change(found, at, &last);
   if (reply.verdict == Verdict::kCompacted) return PRTKV_NO_SUCH_KEY;
   if (!reply.ok()) return reply.status;
-  return revision_in(found) == revision ? decode(found.kvs(0), record) : PRTKV_NO_SUCH_KEY;
+  if (last != revision) return PRTKV_NO_SUCH_KEY;
+  if (!is_absent(found)) return decode(found.kvs(0), record);
+  *record = undescribed(revision);
+  return {};
 }
 
 Status ChangeLog::check_retained(Revision revision) {
-  Revision found = 0;
-  if (Reply reply = this->revision(0, &found); !reply.ok()) return reply.status;
-  if (revision > found) return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " does not exist yet"};
-  const Reply reply = this->revision(static_cast<std::int64_t>(revision), &found);
-  const bool never_logged = reply.ok() && found == 0;
-  if (revision == 0 || never_logged || reply.verdict == Verdict::kCompacted) {
+  const auto at = static_cast<std::int64_t>(revision);
+  Revision latest = 0;
+  if (Reply reply = this->revision(0, &latest); !reply.ok()) return reply.status;
+  if (revision > latest) return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " does not exist yet"};
+  RangeResponse found;
+  std::int64_t created = 0;
+  Reply reply = revision == 0 ? Reply{Verdict::kCompacted, {}, false} : get_key(at, &found);
+  if (reply.ok() && is_absent(found)) reply = find_mark(at, &created);
+  const bool is_of_the_registry = !is_absent(found) || created != 0;
+  if (reply.verdict == Verdict::kCompacted || (reply.ok() && !is_of_the_registry)) {
     return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " is not retained"};
   }
   return reply.status;
 }
 
 Status ChangeLog::visit(const LogRange& range, Visit visit, LogPosition* position) {
-  RangeResponse newest;
-  if (Reply reply = get(0, &newest); !reply.ok()) return reply.status;
-  const Revision latest = revision_in(newest);
+  RangeResponse end;
+  Revision latest = 0;
+  Reply reply = get_key(0, &end);
+  if (reply.ok()) reply = last_change(end, end.header().revision(), &latest);
+  if (!reply.ok()) return reply.status;
   *position = {range.after > latest ? latest : std::min(range.up_to, latest), true};
   if (range.after >= latest) return {};
+
   const auto after = static_cast<std::int64_t>(range.after);
-  std::int64_t begin = 0;
-  const Status found = find_begin(after, newest.kvs(0).create_revision(), &begin, &position->complete);
-  if (!found.ok()) return found;
+  Revision last = latest;
+  if (position->revision != latest) {
+    const auto up_to = static_cast<std::int64_t>(position->revision);
+    reply = get_key(up_to, &end);
+    if (reply.ok()) reply = last_change(end, up_to, &last);
+  }
+  if (reply.ok() && last <= range.after) return {};
+  std::int64_t begin = after + 1;
+  if (reply.ok()) reply = find_gap(end, &begin, &position->complete);
+  if (reply.verdict == Verdict::kCompacted) position->complete = false;
+  if (!reply.ok()) return reply.verdict == Verdict::kCompacted ? Status() : reply.status;
+  if (Status status = find_begin(after, &begin, &position->complete); !status.ok()) return status;
   if (range.only_complete && !position->complete) {
     position->revision = latest;
     return {};
   }
-  Revision last = 0;
-  if (Reply reply = revision(static_cast<std::int64_t>(position->revision), &last); !reply.ok()) {
-    return reply.verdict == Verdict::kCompacted ? Status() : reply.status;
-  }
-  if (last <= range.after) return {};
-  const auto end = static_cast<std::int64_t>(last);
-  return range.newest_first ? visit_backward(after, end, visit) : visit_forward(begin, end, visit);
+  const auto last_event = static_cast<std::int64_t>(last);
+  // If the key's removal is as old as the oldest state that is kept, nothing is known about it.
+  if (is_absent(end) && begin == last_event) return {};
+  return range.newest_first ? visit_backward(after, last_event, visit) : visit_forward(begin, last_event, visit);
+}
+
+// Whether the log has a gap between `*begin` and the state `end`. Before the registry was created there is nothing to
+// miss.
+Reply ChangeLog::find_gap(const RangeResponse& end, std::int64_t* begin, bool* complete) {
+  *complete = !is_absent(end);
+  if (is_absent(end) || end.kvs(0).create_revision() <= *begin) return {};
+  std::int64_t registry_created = 0;
+  Reply reply = find_mark(0, &registry_created);
+  *complete = registry_created == end.kvs(0).create_revision();
+  if (*complete) *begin = registry_created;
+  return reply;
 }
 
 // The first revision that can hold a change after `after`, or the first one that is kept. What the cluster has
 // compacted is asked of a watch, which alone tells how far that goes.
-Status ChangeLog::find_begin(std::int64_t after, std::int64_t created, std::int64_t* begin, bool* complete) {
-  *begin = std::max(after + 1, created);
-  *complete = true;
+Status ChangeLog::find_begin(std::int64_t after, std::int64_t* begin, bool* complete) {
+  bool compacted = false;
   while (true) {
     RangeResponse found;
-    const Reply reply = get(*begin, &found);
+    const Reply reply = get_key(*begin, &found);
     if (reply.verdict != Verdict::kCompacted) {
-      *complete = *complete || (reply.ok() && static_cast<std::int64_t>(revision_in(found)) <= after);
+      if (compacted && reply.ok() && !is_absent(found)) {
+        *complete = *complete && found.kvs(0).mod_revision() <= after;
+      }
       return reply.status;
     }
     WatchAnswer answer;
     const Reply watched = kv_.watch(keys_.log(), *begin, {}, &answer, Deadline(kv_.timeout()));
     if (!watched.ok()) return watched.status;
-    *complete = false;
+    compacted = true;
     *begin = std::max(*begin, answer.compacted);
   }
 }
@@ -136,13 +221,15 @@ Status ChangeLog::visit_forward(std::int64_t begin, std::int64_t last, Visit vis
     const Reply reply = kv_.watch(keys_.log(), begin, {}, &answer, Deadline(kv_.timeout()));
     if (!reply.ok()) return reply.status;
     if (answer.compacted != 0) return {PRTKV_BUSY, "etcd compacted the log while it was being read"};
-    if (answer.puts.empty()) return {PRTKV_UNREACHABLE, "etcd did not deliver its log in time"};
-    for (const KeyValue& put : answer.puts) {
-      if (put.mod_revision() > last) return {};
-      ChangeRecord record;
-      if (Status status = decode(put, &record); !status.ok()) return status;
+    if (answer.events.empty()) return {PRTKV_UNREACHABLE, "etcd did not deliver its log in time"};
+    for (const KeyValue& event : answer.events) {
+      if (event.mod_revision() > last) return {};
+      ChangeRecord record = undescribed(static_cast<Revision>(event.mod_revision()));
+      if (!WatchAnswer::is_removal(event)) {
+        if (Status status = decode(event, &record); !status.ok()) return status;
+      }
       if (Status status = visit(record); !status.ok()) return status;
-      begin = put.mod_revision() + 1;
+      begin = event.mod_revision() + 1;
     }
   }
   return {};
@@ -153,33 +240,44 @@ Status ChangeLog::visit_forward(std::int64_t begin, std::int64_t last, Visit vis
 Status ChangeLog::visit_backward(std::int64_t after, std::int64_t last, Visit visit) {
   while (last > after) {
     RangeResponse found;
-    const Reply reply = get(last, &found);
+    Revision revision = 0;
+    Reply reply = get(last, &found);
+    if (reply.ok()) reply = last_change(found, last, &revision);
     if (reply.verdict == Verdict::kCompacted) return {};
     if (!reply.ok()) return reply.status;
-    const auto revision = static_cast<std::int64_t>(revision_in(found));
-    if (revision <= after) return {};
-    ChangeRecord record;
-    if (Status status = decode(found.kvs(0), &record); !status.ok()) return status;
+    if (static_cast<std::int64_t>(revision) <= after) return {};
+    ChangeRecord record = undescribed(revision);
+    if (!is_absent(found)) {
+      if (Status status = decode(found.kvs(0), &record); !status.ok()) return status;
+    }
     if (Status status = visit(record); !status.ok()) return status;
-    last = revision - 1;
+    last = static_cast<std::int64_t>(revision) - 1;
   }
   return {};
 }
 
 // Between two watches the key is read anew, by the majority of the members: a member that is cut off from the others
-// delivers nothing, and does not say so.
+// delivers nothing, and does not say so. If the key does not exist, what happened to it since `after` is not known: the
+// watch begins there.
 Status ChangeLog::wait(Revision after, milliseconds timeout, const std::stop_token& stop, Revision* revision) {
   const auto end = steady_clock::now() + std::min<milliseconds>(timeout, std::chrono::hours(24 * 365));
   while (true) {
     RangeResponse found;
-    if (Reply reply = get(0, &found); !reply.ok()) return reply.status;
-    *revision = revision_in(found);
+    Reply reply = get_key(0, &found);
+    const std::int64_t now = found.header().revision();
+    if (reply.ok()) reply = last_change(found, now, revision);
+    if (!reply.ok()) return reply.status;
     const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
     if (*revision > after || stop.stop_requested() || left.count() <= 0) return {};
+    const std::int64_t seen = is_absent(found) ? std::min(now, static_cast<std::int64_t>(after)) : now;
     WatchAnswer answer;
     const Deadline deadline(std::min(left, kLongestWatch));
-    const Reply reply = kv_.watch(keys_.log(), found.header().revision() + 1, stop, &answer, deadline);
+    reply = kv_.watch(keys_.log(), seen + 1, stop, &answer, deadline);
     if (!reply.ok()) std::this_thread::sleep_for(std::min(left, kPauseAfterFailure));
+    if (is_absent(found)) note_removal(answer.compacted);
+    for (const KeyValue& event : answer.events) {
+      if (WatchAnswer::is_removal(event)) note_removal(event.mod_revision());
+    }
   }
 }
 

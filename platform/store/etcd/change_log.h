@@ -4,10 +4,16 @@
 // changes of different nodes do not get into each other's way. Former versions of the key are the log, and reach back
 // as far as the cluster keeps its history. A watch of the key sees every change.
 //
+// While etcd's space alarm is raised, nothing can be put. A change that only deletes is made all the same, and removes
+// the key; the next change puts it again. What was deleted in between leaves no trace in the log. So whoever reads
+// across such a gap is told that changes are missing, as where the log has been compacted: once for the removal, and
+// once for the put after it. The removal itself is shown as a change of anything.
+//
 // Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_CHANGE_LOG_H
 #define TKV_PLATFORM_STORE_ETCD_CHANGE_LOG_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <stop_token>
@@ -28,8 +34,12 @@ class ChangeLog {
   // The value of the key for a change. One that describes too much says only that something was changed.
   static std::string encode(const ChangeDescription& description);
 
-  // The revision of the last change; 0 if none was ever logged. `at` 0: now, else of the state at that revision.
+  // The revision of the last change that the log knows; 0 if none was ever logged. `at` 0: now, else of the state at
+  // that revision.
   Reply revision(std::int64_t at, Revision* revision);
+
+  // The same, given what was found at the key in the state `at`, which is not 0.
+  Reply last_change(const RangeResponse& found, std::int64_t at, Revision* revision);
 
   // Reads the record of a change. Returns PRTKV_NO_SUCH_KEY if it is not retained.
   Status find(Revision revision, ChangeRecord* record);
@@ -45,12 +55,18 @@ class ChangeLog {
   using Visit = FunctionRef<Status(const ChangeRecord& record)>;
 
   Reply get(std::int64_t at, RangeResponse* response);
-  Status find_begin(std::int64_t after, std::int64_t created, std::int64_t* begin, bool* complete);
+  Reply get_key(std::int64_t at, RangeResponse* response);
+  Reply find_removal(std::int64_t at, Revision* revision);
+  void note_removal(std::int64_t revision);
+  Reply find_mark(std::int64_t at, std::int64_t* created);
+  Reply find_gap(const RangeResponse& end, std::int64_t* begin, bool* complete);
+  Status find_begin(std::int64_t after, std::int64_t* begin, bool* complete);
   Status visit_forward(std::int64_t begin, std::int64_t last, Visit visit);
   Status visit_backward(std::int64_t after, std::int64_t last, Visit visit);
 
   Kv& kv_;
   const Keys& keys_;
+  std::atomic<std::int64_t> removed_at_{0};  // the last removal of the key that is known; 0: none
 };
 
 }  // namespace tkv::store::etcd

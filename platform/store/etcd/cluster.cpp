@@ -260,10 +260,8 @@ bool take_in(const etcdserverpb::WatchResponse& response, WatchAnswer* answer, S
     if (refused) *complaint = Status(PRTKV_UNUSABLE, "it ended a watch: " + response.cancel_reason());
     return true;
   }
-  for (const etcdserverpb::Event& event : response.events()) {
-    if (event.type() == etcdserverpb::Event::PUT) answer->puts.push_back(event.kv());
-  }
-  return !answer->puts.empty();
+  for (const etcdserverpb::Event& event : response.events()) answer->events.push_back(event.kv());
+  return !answer->events.empty();
 }
 
 }  // namespace
@@ -589,7 +587,8 @@ Reply Cluster::txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnRes
       });
 }
 
-// The stream ends with the first answer that has puts. An endpoint that has begun to watch need not answer any further.
+// The stream ends with the first answer that has events. An endpoint that has begun to watch need not answer any
+// further.
 Reply Cluster::watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
                      Deadline deadline) {
   const std::size_t as_long_as_it_takes =

@@ -13,14 +13,20 @@ namespace {
 // Removing most unlinked subtrees takes less. The rest is left to the sweeper.
 constexpr std::chrono::milliseconds kMoment{250};
 
-// Takes the puts of garbage keys out of a transaction. False if it does anything besides that and deleting.
+// Takes the puts of garbage keys out of a transaction, and has it remove the key of the log instead of putting it.
+// False if it does anything besides that and deleting.
 bool leave_only_removals(const Keys& keys, TxnRequest* request) {
   auto* operations = request->mutable_success();
   for (int i = operations->size(); i-- > 0;) {
     if (!operations->Get(i).has_request_put()) continue;
     const std::string& key = operations->Get(i).request_put().key();
-    if (key != keys.log() && !keys.parse_garbage(key)) return false;
-    operations->DeleteSubrange(i, 1);
+    if (key == keys.log()) {
+      erase(operations->Mutable(i), keys.log());
+    } else if (keys.parse_garbage(key)) {
+      operations->DeleteSubrange(i, 1);
+    } else {
+      return false;
+    }
   }
   return !operations->empty();
 }

@@ -8,7 +8,7 @@
 // and without garbage keys, which could not be put. So a lost answer leaves it undecided; and if the session dies
 // before it has removed what hung below a deleted key, keys and values without a parent remain. No session reaches
 // those, and no id is given out again, so nobody misreads them. They take space until `tkv verify --repair` finds and
-// removes them.
+// removes them. The log cannot describe the change either (see change_log.h).
 //
 // Used by one thread, once. Failures of the cluster are recorded in the Run.
 #ifndef TKV_PLATFORM_STORE_ETCD_COMMIT_H

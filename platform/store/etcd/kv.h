@@ -65,8 +65,11 @@ struct ClusterAnswer {
 
 // What a watch of one key has seen.
 struct WatchAnswer {
-  std::vector<etcdserverpb::KeyValue> puts;  // in the order of revisions
-  std::int64_t compacted = 0;                // not 0: nothing was seen, since only revisions from this one on are kept
+  std::vector<etcdserverpb::KeyValue> events;  // puts and removals, in the order of revisions
+  std::int64_t compacted = 0;  // not 0: nothing was seen, since only revisions from this one on are kept
+
+  // Of a removal, an event has the key and the revision only.
+  static bool is_removal(const etcdserverpb::KeyValue& event) { return event.create_revision() == 0; }
 };
 
 class Kv {
@@ -87,8 +90,8 @@ class Kv {
     return txn(request, response, deadline, 0);
   }
 
-  // Waits for puts of `key` at the revision `start` or later, and returns what the first answer has of them. Without
-  // any by the deadline, or until `stop` is requested, the reply is a success without puts.
+  // Waits until `key` is put or removed at the revision `start` or later, and returns what the first answer has of
+  // that. Without any by the deadline, or until `stop` is requested, the reply is a success without events.
   virtual Reply watch(const std::string& key, std::int64_t start, const std::stop_token& stop, WatchAnswer* answer,
                       Deadline deadline) = 0;
 

@@ -188,8 +188,9 @@ Status Opening::check_enclosing() {
   return {};
 }
 
-// Gives a registry that an earlier release has created the first record of its log, so that its state has a revision.
-// If etcd does not permit it, the registry can be read as it is.
+// Gives a registry that an earlier release has created the first record of its log, so that its state has a revision,
+// and goes on with a log that could not be written without space. If etcd does not permit it, the registry can be used
+// as it is.
 Status Opening::begin_log() {
   if (!options_.create) return {};
   TxnRequest request;
@@ -197,7 +198,7 @@ Status Opening::begin_log() {
   put(request.add_success(), keys_.log(), ChangeLog::encode({}));
   TxnResponse response;
   const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
-  return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
+  return status.is(PRTKV_ACCESS_DENIED) || status.is(PRTKV_STORAGE_FULL) ? Status() : status;
 }
 
 // Looks for registries among the keys that are neither nodes nor values.

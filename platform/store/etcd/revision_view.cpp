@@ -128,8 +128,8 @@ Status RevisionView::revision(Revision* revision) {
   request.set_keys_only(true);
   RangeResponse response;
   if (Status status = get(request, &response); !status.ok()) return status;
-  *revision = response.kvs_size() == 0 ? 0 : static_cast<Revision>(response.kvs(0).mod_revision());
-  return {};
+  const Reply reply = core_.log.last_change(response, revision_, revision);
+  return reply.ok() ? Status() : fail(reply);
 }
 
 }  // namespace tkv::store::etcd
