@@ -142,6 +142,7 @@ class Builder {
     if (!made_.location_configured) {
       if (Status status = place_by_default(); !status.ok()) return status;
     }
+    if (Status status = check_refused(); !status.ok()) return status;
     follow_location("registry.local_only", !made_.is_distributed(), &made_.local_only);
     follow_location("cluster.configured", made_.is_distributed(), &made_.cluster_configured);
     *configuration = std::move(made_);
@@ -199,6 +200,18 @@ class Builder {
       for (const char* needed : known.of_store->needs) {
         if (needed == nullptr || is_set(*setting(needed))) continue;
         return invalid(given.origin + ": " + given.name + " is given without " + needed);
+      }
+    }
+    return {};
+  }
+
+  // Settings that the location's store would not heed although they promise something.
+  Status check_refused() {
+    for (const store::RefusedSection& refused : kind_of(made_).refused) {
+      for (const KnownSetting& known : known_settings()) {
+        const Setting& given = *setting(known.name);
+        if (known.section() != refused.section || !is_set(given)) continue;
+        return invalid(given.origin + ": " + given.name + " is given, but " + refused.why);
       }
     }
     return {};

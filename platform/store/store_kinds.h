@@ -52,6 +52,12 @@ struct StoreOpening {
   sec_attr root_security{};  // of the root of a fresh registry
 };
 
+// Settings of another kind of store that cannot do here what they say. Others of its settings are merely not used.
+struct RefusedSection {
+  std::string_view section;  // "history"
+  const char* why;           // for people
+};
+
 struct StoreKind {
   const char* name;       // "etcd"
   const char* scheme;     // "etcd://"; "" for the one kind whose locations have none
@@ -59,6 +65,7 @@ struct StoreKind {
   std::size_t max_locations;
   bool is_distributed;  // nodes share its registries
   std::span<const StoreSetting> settings;
+  std::span<const RefusedSection> refused = {};
 
   // Tells whether a location of this kind is well-formed. Returns PRTKV_INVALID_ARGUMENT with the reason if not.
   Status (*check_location)(const std::string& location);

@@ -209,6 +209,13 @@ TEST_F(ConfigurationFile, EveryNameIsUnderstood) {
   EXPECT_EQ(configuration_.file_origin, "environment TKV_CONF");
 }
 
+TEST_F(ConfigurationFile, HistorySettingsOfADirectoryMayStayWhenItIsRelocatedToEtcd) {
+  write("[registry]\nlocation = /srv/registry\n[history]\nage = 4w\n");
+  ASSERT_EQ(read().text(), "done");
+  EXPECT_EQ(configuration_.store_settings["history.age"], "4w");
+  EXPECT_TRUE(configuration_.relocate("etcd://one:2379").ok());
+}
+
 TEST_F(ConfigurationFile, DefaultFileIsReadWhenTheEnvironmentNamesNone) {
   std::ofstream(default_file_) << "[registry]\nlocation = /srv/default\n";
   variables_["TKV_CONF"] = "";
@@ -291,6 +298,9 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"[history]\nage=90\n", "F:2: age: '90' is not an age, as in 12h, 90d or 4w"},
         Mistake{"[history]\nage=0d\n", "F:2: age: '0d' is not between 1h and 5200w"},
         Mistake{"[history]\noff=maybe\n", "F:2: off: 'maybe' is neither yes nor no"},
+        Mistake{"[history]\nage=90d\n[registry]\nlocation=etcd://a:1\n",
+                "F:2: history.age is given, but a registry on etcd keeps as much of its past as etcd does: set etcd's "
+                "--auto-compaction-retention instead"},
         Mistake{"[registry]\nmap_size=17T\n", "F:2: map_size: '17T' is not between 1M and 16T"},
         Mistake{"[registry]\nmap_size=99999999999999999999\n",
                 "F:2: map_size: '99999999999999999999' is not a size in bytes, as in 512M"},

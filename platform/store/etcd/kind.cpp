@@ -65,6 +65,10 @@ constexpr StoreSetting kSettings[] = {
          "Milliseconds that an answer may be overdue, beyond the measured round-trip time, before another member is "
          "asked, 10 to 600000; 1000 at least if there is only one member. Default: 300."}};
 
+constexpr RefusedSection kRefused[] = {
+    {"history",
+     "a registry on etcd keeps as much of its past as etcd does: set etcd's --auto-compaction-retention instead"}};
+
 // What is configured or, if it is not, the default.
 std::string value_of(const Settings& settings, std::string_view name) {
   if (const auto found = settings.find(name); found != settings.end()) return found->second;
@@ -126,6 +130,7 @@ constinit const StoreKind kEtcdKind = {.name = "etcd",
                                        .max_locations = 5,
                                        .is_distributed = true,
                                        .settings = kSettings,
+                                       .refused = kRefused,
                                        .check_location = check_location,
                                        .check = check,
                                        .is_absent = is_absent,
