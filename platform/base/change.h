@@ -25,11 +25,12 @@ struct Change {
     kMoved = 4,             // `from` to `name`, with everything below it
     kDeleted = 5,           // with everything below it
     kChangedAtOrBelow = 6,  // stands for more changes than a record lists, all of them at this key or below it
+    kPurged = 7,            // the former values of keys of this name were removed from the history
   };
   Kind kind = Kind::kValue;
   std::string name = {};  // full name of the key after the change or, if it was deleted, before it
   std::string from = {};  // of kMoved: the full name before
-  std::uint64_t id = 0;   // of the key; 0 of kChangedAtOrBelow
+  std::uint64_t id = 0;   // of the key; 0 of kChangedAtOrBelow and kPurged
 
   bool operator==(const Change&) const = default;
 };

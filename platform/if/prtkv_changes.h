@@ -3,11 +3,13 @@
  * The conventions of prtkv.h hold: results, names, values, rights, errors, threads.
  *
  *   Revisions. Every change that is committed has a revision, a number that only grows. 0 is a fresh registry. Numbers
- *              may be skipped. How far back states and changes are retained is configured ([history]); a revision that
- *              is not retained, or that does not exist yet, yields PRTKV_INVALID_ARGUMENT with a message that says
- * which are. Past.      Reading the past of a key needs the right that the operation needs in the present, at that
- * revision and, if the key still exists, today. Flags.     A member of a structure that an operation does not use must
- * be 0 or null.
+ *              may be skipped. How far back states and changes are retained is configured ([history]). A revision that
+ *              is not retained, or does not exist yet, yields PRTKV_INVALID_ARGUMENT; the message says which are.
+ *
+ *   Past.      Reading the past of a key needs the right that the operation needs in the present, at that revision and,
+ *              if the key still exists, today.
+ *
+ *   Members.   A member of a structure that an operation does not use must be 0 or null.
  */
 #ifndef TKV_PLATFORM_PRTKV_CHANGES_H
 #define TKV_PLATFORM_PRTKV_CHANGES_H
@@ -102,6 +104,7 @@ enum {
   PRTKV_CHANGE_MOVED = 4,    /* it was moved with everything below it, from the name `from` */
   PRTKV_CHANGE_DELETED = 5,  /* it was deleted with everything below it */
   PRTKV_CHANGE_BELOW = 6,    /* more was changed at this key and below it than a change can list */
+  PRTKV_CHANGE_PURGED = 7,   /* the former values of keys of this name were removed from the history */
 };
 
 /* What one change did to one key. All pointers are valid during the visit. */

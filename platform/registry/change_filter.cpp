@@ -35,6 +35,7 @@ bool ChangeFilter::is_wanted(const Change& change) const {
     case Change::Kind::kCreated:
     case Change::Kind::kValue:
     case Change::Kind::kSecurity:
+    case Change::Kind::kPurged:
       return concerns(change.name, false);
     case Change::Kind::kMoved:
       return concerns(change.name, true) || concerns(change.from, true);
@@ -66,6 +67,7 @@ Status ChangeFilter::is_allowed(const ChangeRecord& record, const Change& change
   switch (change.kind) {
     case Change::Kind::kValue:
     case Change::Kind::kSecurity:
+    case Change::Kind::kPurged:
       return grants(record.revision, change.name, TKV_RIGHT_READ, answer);
     case Change::Kind::kCreated:
       return grants(record.revision, parent_of(change.name), TKV_RIGHT_LIST, answer);

@@ -255,8 +255,8 @@ class Client : public KeyReader {
 
   // Removes all former values of the key of this name, and of keys that had it before, from the history: for a secret
   // that was written by mistake. The value of today stays. `*removed` is the number of values. Is a change itself.
-  // Needs TKV_RIGHT_WRITE on the key if it exists, and all rights on the root otherwise. In a cluster, returns
-  // PRTKV_INVALID_ARGUMENT with a message that says how to compact its history.
+  // Needs TKV_RIGHT_WRITE on the key if it exists and, if other keys are concerned, all rights on the root. In a
+  // cluster, returns PRTKV_INVALID_ARGUMENT with a message that says how to compact its history.
   virtual Status purge_history(std::string_view name, std::uint64_t* removed) = 0;
 
   // --- The registry as a whole ---

@@ -390,7 +390,7 @@ Status LocalClient::changes_since(const ChangeQuery& query, FunctionRef<Status(c
 }
 
 Status LocalClient::purge_history(std::string_view name, std::uint64_t* removed) {
-  return history_.purge(name, describe_change(identity_, note_, {}), removed);
+  return history_.purge(name, note_, removed);
 }
 
 }  // namespace tkv::registry

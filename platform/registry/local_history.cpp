@@ -88,8 +88,8 @@ Status LocalHistory::plan_undo_of(Revision revision, Batch* inverse) {
   });
 }
 
-// The ids of all keys that had a name in the retained past.
-Status LocalHistory::find_bearers(std::string_view name, std::set<KeyId>* ids) {
+// The ids of all keys that had a name in the retained past, or have it in the state of `present`.
+Status LocalHistory::find_bearers(store::View& present, std::string_view name, std::set<KeyId>* ids) {
   LogPosition position;
   const auto resolve_in = [&](store::View& view) -> Status {
     Place place;
@@ -105,34 +105,38 @@ Status LocalHistory::find_bearers(std::string_view name, std::set<KeyId>* ids) {
     const Status status = store_.read_at(record.revision - 1, resolve_in);
     return status.is(PRTKV_INVALID_ARGUMENT) ? Status() : status;  // that past is not retained
   };
-  if (Status status = store_.read(resolve_in); !status.ok()) return status;
+  if (Status status = resolve_in(present); !status.ok()) return status;
   return store_.changes({}, visit, &position);
 }
 
-Status LocalHistory::demand_purge(std::string_view name, std::set<KeyId>* ids) {
-  if (Status status = check_name(name); !status.ok()) return status;
-  const Status allowed = store_.read([&](store::View& view) -> Status {
-    Place place;
-    Reader tree(view, identity_);
-    const bool exists = tree.resolve(name, &place).ok();
-    const std::string_view key = exists ? name : "";
-    if (!exists) {
-      if (Status status = tree.resolve("", &place); !status.ok()) return status;
-    }
-    const Rights needed = exists ? TKV_RIGHT_WRITE : TKV_RIGHT_ALL;
+// Whoever could create a key of a deleted one's name, and write it, could otherwise remove that one's past.
+Status LocalHistory::demand_purge(store::View& present, std::string_view name, const std::set<KeyId>& bearers) const {
+  Place place;
+  Reader tree(present, identity_);
+  const auto demand = [&](std::string_view key, Rights needed, const char* what) -> Status {
     if ((tree.rights(key, place.node) & needed) == needed) return {};
-    return {PRTKV_ACCESS_DENIED, registry::describe(key) +
-                                     ": access denied, removing the past of a key needs the right to " +
-                                     (exists ? "write it" : "everything on the root")};
-  });
-  return allowed.ok() ? find_bearers(name, ids) : allowed;
+    return {PRTKV_ACCESS_DENIED,
+            registry::describe(key) + ": access denied, removing the past of a key needs the right to " + what};
+  };
+  const bool exists = tree.resolve(name, &place).ok();
+  if (exists) {
+    if (Status status = demand(name, TKV_RIGHT_WRITE, "write it"); !status.ok() || bearers.size() == 1) return status;
+  }
+  if (Status status = tree.resolve("", &place); !status.ok()) return status;
+  return demand("", TKV_RIGHT_ALL, "everything on the root");
 }
 
-Status LocalHistory::purge(std::string_view name, const ChangeDescription& description, std::uint64_t* removed) {
-  std::set<KeyId> ids;
-  if (Status status = demand_purge(name, &ids); !status.ok()) return status;
-  const std::vector<store::NodeId> nodes(ids.begin(), ids.end());
-  return store_.purge(nodes, description, removed);
+Status LocalHistory::purge(std::string_view name, std::string note, std::uint64_t* removed) {
+  if (Status status = check_name(name); !status.ok()) return status;
+  const auto choose = [&](store::View& present, std::vector<store::NodeId>* nodes) -> Status {
+    std::set<KeyId> bearers;
+    if (Status status = find_bearers(present, name, &bearers); !status.ok()) return status;
+    if (Status status = demand_purge(present, name, bearers); !status.ok()) return status;
+    nodes->assign(bearers.begin(), bearers.end());
+    return {};
+  };
+  const Change purge{.kind = Change::Kind::kPurged, .name = std::string(name)};
+  return store_.purge(choose, describe_change(identity_, std::move(note), {purge}), removed);
 }
 
 }  // namespace tkv::registry

@@ -26,15 +26,15 @@ class LocalHistory {
   Status revision_at(std::int64_t time, Revision* revision);
   Status changes_since(const ChangeQuery& query, FunctionRef<Status(const ChangeRecord& record)> visit,
                        LogPosition* position);
-  Status purge(std::string_view name, const ChangeDescription& description, std::uint64_t* removed);
+  Status purge(std::string_view name, std::string note, std::uint64_t* removed);
 
   // Makes the batch that leads back from a change to the state before it.
   Status plan_undo_of(Revision revision, Batch* inverse);
 
  private:
   Status find_change(Revision revision, ChangeRecord* record);
-  Status find_bearers(std::string_view name, std::set<KeyId>* ids);
-  Status demand_purge(std::string_view name, std::set<KeyId>* ids);
+  Status find_bearers(store::View& present, std::string_view name, std::set<KeyId>* ids);
+  Status demand_purge(store::View& present, std::string_view name, const std::set<KeyId>& bearers) const;
 
   store::Store& store_;
   const Identity& identity_;

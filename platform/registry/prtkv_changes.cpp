@@ -26,7 +26,8 @@ static_assert(PRTKV_CHANGE_CREATED == static_cast<int>(Change::Kind::kCreated) &
               PRTKV_CHANGE_SECURITY == static_cast<int>(Change::Kind::kSecurity) &&
               PRTKV_CHANGE_MOVED == static_cast<int>(Change::Kind::kMoved) &&
               PRTKV_CHANGE_DELETED == static_cast<int>(Change::Kind::kDeleted) &&
-              PRTKV_CHANGE_BELOW == static_cast<int>(Change::Kind::kChangedAtOrBelow));
+              PRTKV_CHANGE_BELOW == static_cast<int>(Change::Kind::kChangedAtOrBelow) &&
+              PRTKV_CHANGE_PURGED == static_cast<int>(Change::Kind::kPurged));
 
 Status invalid(const char* what, std::int64_t value) {
   return {PRTKV_INVALID_ARGUMENT, std::string("invalid argument: ") + what + " " + std::to_string(value)};

@@ -5,11 +5,14 @@
 namespace tkv::registry {
 namespace {
 
-Status moves_since(store::Store& store, Revision revision, std::vector<Change>* moves) {
+// The moves between a former state and the present one.
+Status find_moves(store::Store& store, Revision former, store::View& present, std::vector<Change>* moves) {
   LogPosition position;
+  LogRange range{.after = former};
   moves->clear();
+  if (Status status = present.revision(&range.up_to); !status.ok()) return status;
   return store.changes(
-      {.after = revision},
+      range,
       [&](const ChangeRecord& record) {
         for (const Change& change : record.changes) {
           if (change.kind == Change::Kind::kMoved) moves->push_back(change);
@@ -40,9 +43,9 @@ Status read_past(store::Store& store, const Identity& identity, Revision revisio
       return function(past);
     });
   }
-  std::vector<Change> moves;
-  if (Status status = moves_since(store, revision, &moves); !status.ok()) return status;
-  return store.read_all([&](store::View& present) {
+  return store.read_all([&](store::View& present) -> Status {
+    std::vector<Change> moves;
+    if (Status status = find_moves(store, revision, present, &moves); !status.ok()) return status;
     RightsInPresent today(present, identity, moves);
     const Status status = store.read_at(revision, [&](store::View& view) {
       Reader past(view, identity, nullptr, &today);

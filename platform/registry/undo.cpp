@@ -72,6 +72,8 @@ class UndoPlan {
         return invert_deletion(index);
       case Change::Kind::kChangedAtOrBelow:
         return invert_all(change.name);
+      case Change::Kind::kPurged:
+        return {PRTKV_INVALID_ARGUMENT, "what was removed from the history cannot be brought back"};
     }
     return {};
   }

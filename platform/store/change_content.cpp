@@ -80,7 +80,7 @@ Status damaged(const char* why) { return {PRTKV_STORAGE_FAILED, std::string("dam
 
 bool is_kind(std::uint8_t kind) {
   return kind >= static_cast<std::uint8_t>(Change::Kind::kCreated) &&
-         kind <= static_cast<std::uint8_t>(Change::Kind::kChangedAtOrBelow);
+         kind <= static_cast<std::uint8_t>(Change::Kind::kPurged);
 }
 
 }  // namespace

@@ -309,10 +309,13 @@ class Store {
   virtual Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
                       Revision* revision) = 0;
 
-  // Removes what the history holds of the former values of these nodes: in every earlier state that is retained, they
-  // have no value where they had another than now. The present, and the log, stay. Is itself a change. `*removed` is
-  // the number of values. Not in a distributed store, which returns PRTKV_INVALID_ARGUMENT with the way that it has.
-  virtual Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) = 0;
+  // Removes what the history holds of the former values of the nodes that `choose` sets, in one transaction with the
+  // state that it sees: in every earlier state that is retained, they have no value where they had another than now.
+  // The present, and the log, stay. Is itself a change, whose description must list a Change::Kind::kPurged. `*removed`
+  // is the number of values. `choose` may run more than once, and may read former states and the log. A distributed
+  // store does not run it, and returns PRTKV_INVALID_ARGUMENT with the way that it has.
+  using ChooseNodes = FunctionRef<Status(View& view, std::vector<NodeId>* nodes)>;
+  virtual Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) = 0;
 
   // Recommended number of changes of visible nodes per write: insertions, removals, values and security records. More
   // are possible, at the cost of being staged first.

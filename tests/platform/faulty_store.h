@@ -129,9 +129,9 @@ class FaultyStore final : public Store {
     return target_->wait(after, timeout, stop, revision);
   }
 
-  Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) override {
+  Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override {
     if (Status status = next(Call::kPurge); !status.ok()) return status;
-    return target_->purge(nodes, description, removed);
+    return target_->purge(choose, description, removed);
   }
 
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }

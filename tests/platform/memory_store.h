@@ -99,9 +99,12 @@ class MemoryStore final : public Store {
     return {};
   }
 
-  Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) override {
+  Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override {
     const std::lock_guard one_writer(write_mutex_);
     States states = *current();
+    std::vector<NodeId> nodes;
+    StateView present(states, states.size() - 1);
+    if (Status status = choose(present, &nodes); !status.ok()) return status;
     auto next = std::make_shared<State>(*states.back());
     next->change = ChangeRecord{description, states.back()->change.revision + 1, false};
     std::set<std::pair<NodeId, Revision>> purged;

@@ -89,9 +89,8 @@ class NotingStore final : public store::Store {
               Revision* revision) override {
     return target_->wait(after, timeout, stop, revision);
   }
-  Status purge(std::span<const store::NodeId> nodes, const ChangeDescription& description,
-               std::uint64_t* removed) override {
-    return target_->purge(nodes, description, removed);
+  Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override {
+    return target_->purge(choose, description, removed);
   }
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
   Status check(bool repair, FunctionRef<void(const store::Finding&)> report,

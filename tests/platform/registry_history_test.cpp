@@ -361,6 +361,39 @@ TEST_P(History, FormerValuesOfAKeyCanBeRemoved) {
   EXPECT_EQ(value(*root_, "a"), "harmless");
   ASSERT_EQ(root_->write_security("a", owned_by("alice", "staff", 0x3f, 0, 0)), Status());
   EXPECT_EQ(bob_->purge_history("a", &removed).code(), PRTKV_ACCESS_DENIED);
+  LogPosition position;
+  std::vector<std::string> purged;
+  const auto visit = [&](const ChangeRecord& record) {
+    for (const Change& change : record.changes) {
+      if (change.kind == Change::Kind::kPurged) purged.push_back(change.name);
+    }
+    return Status();
+  };
+  ASSERT_EQ(root_->changes_since({}, visit, &position), Status());
+  EXPECT_EQ(purged, (std::vector<std::string>{"a"}));
+}
+
+TEST_P(History, WhoTakesTheNameOfADeletedKeyCannotRemoveItsPast) {
+  std::uint64_t removed = 0;
+  make("a", "evidence");
+  const Revision evidence = latest();
+  ASSERT_EQ(root_->remove("a", false, ignore_progress), Status());
+  make("a", "bob's own");
+  ASSERT_EQ(root_->write_security("a", owned_by("bob", "users", 0x3f, 0, 0)), Status());
+  ASSERT_EQ(root_->write_security("", owned_by("root", "root", 0x3f, 0, TKV_RIGHT_READ | TKV_RIGHT_LIST)), Status());
+  EXPECT_EQ(bob_->purge_history("a", &removed).code(), PRTKV_ACCESS_DENIED);
+  EXPECT_EQ(value_at(*root_, evidence, "a"), "evidence");
+}
+
+TEST_P(History, APurgeCannotBeUndone) {
+  std::uint64_t removed = 0;
+  Batch inverse;
+  CommitResult result;
+  make("a", "secret");
+  set("a", "harmless");
+  ASSERT_EQ(root_->purge_history("a", &removed), Status());
+  EXPECT_EQ(root_->undo(latest(), {}, &inverse, &result).code(), PRTKV_INVALID_ARGUMENT);
+  EXPECT_EQ(value(*root_, "a"), "harmless");
 }
 
 // Batches

@@ -312,7 +312,17 @@ TEST_P(StoreHistoryContract, APurgeRemovesFormerValuesAndNothingElse) {
   const Revision last = set(a, "fine");
   set(b, "now");
   std::uint64_t removed = 0;
-  const Status status = store_->purge(std::span(&a, 1), {.author = "ada", .note = "purged"}, &removed);
+  const auto choose = [a](View& view, std::vector<NodeId>* nodes) {
+    Value value;
+    EXPECT_TRUE(done(view.value(a, &value)));
+    EXPECT_EQ(text_of(value), "fine");
+    *nodes = {a};
+    return Status();
+  };
+  const std::shared_ptr<Store> another = factory_->open_again();
+  ASSERT_TRUE(done(another->read_at(secret, [](View&) { return Status(); }))) << "which it keeps for the next time";
+  const ChangeDescription description{.author = "ada", .note = "purged", .changes = {{.kind = Change::Kind::kPurged}}};
+  const Status status = store_->purge(choose, description, &removed);
   if (status.is(PRTKV_INVALID_ARGUMENT)) GTEST_SKIP() << status.text();
   ASSERT_TRUE(done(status));
   EXPECT_EQ(removed, 2u);
@@ -321,8 +331,27 @@ TEST_P(StoreHistoryContract, APurgeRemovesFormerValuesAndNothingElse) {
   EXPECT_EQ(at(last), "a(fine) b(other) ");
   EXPECT_EQ(now(), "a(fine) b(now) ");
   EXPECT_EQ(at(latest()), now());
+  EXPECT_TRUE(done(another->read_at(secret, [a](View& view) {
+    Value value;
+    EXPECT_TRUE(done(view.value(a, &value)));
+    EXPECT_EQ(text_of(value), "") << "nobody has it any longer";
+    return Status();
+  })));
   LogPosition position;
-  EXPECT_EQ(log({.after = latest() - 1}, &position).at(0).note, "purged");
+  EXPECT_EQ(log({.after = latest() - 1}, &position).at(0), (ChangeRecord{description, latest(), false}));
+}
+
+TEST_P(StoreHistoryContract, APurgeThatIsRefusedRemovesNothing) {
+  const NodeId a = add(kRootNode, "a");
+  const Revision former = set(a, "former");
+  const Revision last = set(a, "last");
+  std::uint64_t removed = 0;
+  const auto refuse = [](View&, std::vector<NodeId>*) { return Status(PRTKV_ACCESS_DENIED); };
+  const Status status = store_->purge(refuse, {}, &removed);
+  if (status.is(PRTKV_INVALID_ARGUMENT)) GTEST_SKIP() << status.text();
+  EXPECT_TRUE(status.is(PRTKV_ACCESS_DENIED));
+  EXPECT_EQ(at(former), "a(former) ");
+  EXPECT_EQ(latest(), last);
 }
 
 // Random changes of a small tree; every state is compared with what the present was then.

@@ -220,7 +220,7 @@ class LmdbStore final : public Store {
                  LogPosition* position) override;
   Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
               Revision* revision) override;
-  Status purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) override;
+  Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override;
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override;
@@ -345,17 +345,16 @@ Status LmdbStore::write(FunctionRef<Status(Update&)> function, Revision* revisio
   return write_with([&](LmdbUpdate& update) { return function(update); }, revision);
 }
 
-Status LmdbStore::purge(std::span<const NodeId> nodes, const ChangeDescription& description, std::uint64_t* removed) {
+Status LmdbStore::purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) {
   Revision revision = 0;
-  const Status status = write_with(
-      [&](LmdbUpdate& update) {
+  return write_with(
+      [&](LmdbUpdate& update) -> Status {
+        std::vector<NodeId> nodes;
+        if (Status status = choose(update, &nodes); !status.ok()) return status;
         update.describe(description);
         return update.purge(nodes, removed);
       },
       &revision);
-  const std::lock_guard lock(past_mutex_);
-  past_.reset();
-  return status;
 }
 
 Status LmdbStore::check_retained(Revision revision, const Meta& meta) const {
@@ -377,6 +376,10 @@ Status LmdbStore::past_since(Revision begin, const FileState& state, const Meta&
   const bool may_grow = serves && (past_.use_count() == 1 || past_->end() >= meta.revision);
   if (!may_grow) past_ = std::make_shared<Past>(begin);
   Status status = past_->extend(state, meta);
+  if (status.ok() && past_->is_outdated()) {
+    past_ = std::make_shared<Past>(begin);
+    status = past_->extend(state, meta);
+  }
   if (status.ok()) *past = past_;
   if (!status.ok() || past_->bytes() > kMostKeptPast) past_.reset();
   return status;

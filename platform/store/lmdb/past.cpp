@@ -12,28 +12,46 @@ std::string_view text_of(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+using FormerRecord = std::optional<std::span<const std::byte>>;
+
+// Whether a change has removed something from the history.
+Status removes_past(std::span<const std::byte> content, bool* answer) {
+  ChangeRecord record;
+  if (Status status = decode_description(content, &record); !status.ok()) return status;
+  const auto is_purge = [](const Change& change) { return change.kind == Change::Kind::kPurged; };
+  *answer = std::any_of(record.changes.begin(), record.changes.end(), is_purge);
+  return {};
+}
+
 std::span<const std::byte> bytes_of(const std::string& text) { return std::as_bytes(std::span(text)); }
 
 }  // namespace
 
 Status Past::extend(const FileState& state, const Meta& meta) {
-  while (end_ < meta.revision) {
+  const bool has_read = end_ != begin_;
+  while (end_ < meta.revision && !is_outdated_) {
     const Revision revision = end_ + 1;
     Bytes buffer;
     std::span<const std::byte> content;
-    const auto take = [&](std::span<const std::byte> key, std::optional<std::span<const std::byte>> record) {
-      Formers& formers = formers_.try_emplace(std::string(text_of(key))).first->second;
-      if (!formers.empty() && formers.back().replaced_in == revision) return Status();
-      formers.push_back({revision, record ? Record(text_of(*record)) : std::nullopt});
-      bytes_ += key.size() + sizeof(Former) + (record ? record->size() : 0);
-      return Status();
-    };
+    bool purges = false;
     Status status = read_content(state, revision, ContentPart::kWhole, &buffer, &content);
-    if (status.ok()) status = visit_former_records(content, take).about(change_text(revision));
+    if (status.ok()) status = removes_past(content, &purges).about(change_text(revision));
+    if (status.ok()) status = take(revision, content).about(change_text(revision));
     if (!status.ok()) return status;
+    is_outdated_ = has_read && purges;
     end_ = revision;
   }
   return {};
+}
+
+Status Past::take(Revision revision, std::span<const std::byte> content) {
+  return visit_former_records(content, [&](std::span<const std::byte> key, FormerRecord record) {
+    Formers& formers = formers_.try_emplace(std::string(text_of(key))).first->second;
+    if (!formers.empty() && formers.back().replaced_in == revision) return Status();
+    formers.push_back({revision, record ? Record(text_of(*record)) : std::nullopt});
+    bytes_ += key.size() + sizeof(Former) + (record ? record->size() : 0);
+    return Status();
+  });
 }
 
 const Past::Record* Past::at(const Formers& formers, Revision revision) {

@@ -30,6 +30,9 @@ class Past {
   // Takes in the changes up to the given state, whose log reaches back to where this past ends.
   Status extend(const FileState& state, const Meta& meta);
 
+  // Whether something that this past still has was removed from the history. It is then of no use.
+  bool is_outdated() const { return is_outdated_; }
+
   // A record, or that there was none. A null pointer where one is returned: at that revision, it was as at the present.
   using Record = std::optional<std::string>;
   const Record* find(const Key& key, Revision revision) const;
@@ -45,11 +48,13 @@ class Past {
   };
   using Formers = std::vector<Former>;  // in the order of revisions
 
+  Status take(Revision revision, std::span<const std::byte> content);
   static const Record* at(const Formers& formers, Revision revision);
 
   const Revision begin_;
   Revision end_;
   std::size_t bytes_ = 0;
+  bool is_outdated_ = false;
   std::map<std::string, Formers, std::less<>> formers_;  // by key
 };
 
