@@ -272,6 +272,25 @@ TEST_F(EtcdLargeChange, TwoAtOnceInOneSubtreeAreBothMade) {
   expect_nothing_left_over();
 }
 
+// More than a change may take runs for any other reason.
+TEST_F(EtcdLargeChange, ManyAtOnceInOneSubtreeAreAllMade) {
+  constexpr int kSessions = 12;
+  constexpr int kEach = 2;
+  std::vector<std::shared_ptr<Store>> stores;
+  for (int i = 0; i < kSessions; ++i) stores.push_back(open_watched(&watch_));
+  std::vector<std::thread> sessions;
+  for (const auto& store : stores) {
+    sessions.emplace_back([&store] {
+      for (int i = 0; i < kEach; ++i) EXPECT_TRUE(done(change_values(*store, incremented)));
+    });
+  }
+  for (std::thread& session : sessions) session.join();
+  for (int key = 0; key < kKeys; ++key) {
+    EXPECT_EQ(value_of(*store_, name(key)), std::to_string(kSessions * kEach)) << key;
+  }
+  expect_nothing_left_over();
+}
+
 // Everyone increments the values: in the end no increment may be missing. The other writers never pause.
 TEST_F(EtcdLargeChange, IsMadeBesideOthersWritesAndLosesNoneOfThem) {
   constexpr int kLarge = 4;

@@ -300,6 +300,16 @@ TEST(EtcdClaims, AreKnownByTheLatestList) {
   EXPECT_EQ(claims.known()->revision, 21);
 }
 
+TEST(EtcdClaims, TellWhenTheirChangesBegan) {
+  const std::string token = claim_token(77);
+  EXPECT_TRUE(is_token(token));
+  EXPECT_NE(token, claim_token(77));
+  EXPECT_EQ((Claim{7, token, 100, {}}.began()), 77);
+  EXPECT_EQ((Claim{7, claim_token(101), 100, {}}.began()), 100) << "after it was laid";
+  EXPECT_EQ((Claim{7, "no token", 100, {}}.began()), 100);
+  EXPECT_EQ((Claim{7, "ffffffffffffffffffffffffffffffff", 100, {}}.began()), 100);
+}
+
 TEST(EtcdLineage, KnowsTheWaysFromTheRoot) {
   Lineage lineage;
   lineage.add(kRootNode, 2);

@@ -12,6 +12,7 @@
 #include "store/etcd/limits.h"
 #include "store/etcd/redo_log.h"
 #include "store/etcd/stm.h"
+#include "store/etcd/token.h"
 #include "store/record.h"
 #include "tree.h"
 
@@ -592,6 +593,25 @@ TEST_F(EtcdClaim, ASmallWriteDoesNotWaitForOneLargeChangeAfterAnother) {
   EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
 }
 
+TEST_F(EtcdClaim, ASmallWriteWaitsForAnEarlierChangeThatHadToLayItsClaimAgain) {
+  end("token");
+  const std::string first = claim_token(kv_->revision());
+  const std::string again = claim_token(Claim{3, first, kv_->revision(), {}}.began());
+  lay(first);
+  learn();
+  int looks = 0;
+  on_look(first, [&] {
+    end(first);
+    lay(again);
+    on_look(again, [&] {
+      ++looks;
+      end(again);
+    });
+  });
+  ASSERT_TRUE(done(write_below()));
+  EXPECT_EQ(looks, 1);
+}
+
 TEST_F(EtcdClaim, AWriteElsewhereDoesNotWait) {
   on_look("token", [] { ADD_FAILURE() << "waits"; });
   put_node({2, "c"}, 4);
@@ -616,6 +636,54 @@ TEST_F(EtcdClaim, ALargeChangeWaitsBeforeItLaysItsOwn) {
   ASSERT_TRUE(done(add_right_below(&interrupted, 0)));
   EXPECT_EQ(looks, 3);
   EXPECT_EQ(mask_of(1399), 0x10u);
+}
+
+TEST_F(EtcdClaim, ALargeChangeTakesItsTurnBeforeThoseThatBeganLater) {
+  make_large();
+  end("token");
+  learn();
+  const std::string later = claim_token(kv_->revision() + 1000);  // as of a revision that is still to come
+  bool laid = false;
+  on_look(later, [] { ADD_FAILURE() << "waits"; });
+  const auto watch = kv_->before_txn;
+  kv_->before_txn = [&, watch](const TxnRequest& request) {
+    const bool lays = !request.success().empty() && keys().parse_claim(request.success(0).request_put().key());
+    if (lays && !std::exchange(laid, true)) {
+      while (number_of(later) > static_cast<std::uint64_t>(kv_->revision())) kv_->put("/elsewhere", "");
+      lay(later);
+    }
+    return watch(request);
+  };
+  bool interrupted = true;
+  ASSERT_TRUE(done(add_right_below(&interrupted, 0)));
+  EXPECT_TRUE(laid);
+  EXPECT_EQ(runs_, 1);
+  EXPECT_EQ(mask_of(1399), 0x10u);
+  EXPECT_EQ(kv_->count(keys().all_claims()), 0u);
+}
+
+// Writes above the subtree do not know of the claim, and would interrupt the change again and again.
+TEST_F(EtcdClaim, ALargeChangeClaimsWhatOthersChangeAboveItAsWell) {
+  make_large();
+  end("token");
+  learn();
+  int writes = 0;
+  std::set<NodeId> tops;
+  ASSERT_TRUE(done(run([&](Update& update) -> Status {
+    Node top;
+    if (Status status = follow(update, "a.b", &top); !status.ok()) return status;
+    Status status = update.before().children(top.id, [](std::string_view, const Node&) { return Status(); });
+    for (const std::string& key : kv_->keys_of(keys().all_claims())) tops.insert(keys().parse_claim(key)->top);
+    if (tops.contains(3) && !tops.contains(kRootNode)) {
+      put_node({kRootNode, "a"}, 2);
+      ++writes;
+    }
+    for (NodeId id = 1000; status.ok() && id < 1400; ++id) status = update.set_value(id, 3, bytes_of("changed"));
+    return status;
+  })));
+  EXPECT_EQ(tops, (std::set<NodeId>{kRootNode, 3}));
+  EXPECT_EQ(writes, 1);
+  EXPECT_EQ(value_of(1399), "changed");
 }
 
 // Reads under a claim until `ended`.

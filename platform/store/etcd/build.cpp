@@ -1,8 +1,7 @@
 #include "store/etcd/build.h"
 
 #include <sstream>
-
-#include "store/etcd/token.h"
+#include <utility>
 
 namespace tkv::store::etcd {
 
@@ -49,8 +48,8 @@ std::optional<BuildText> BuildText::parse(const std::string& text) {
   return result;
 }
 
-Build::Build(Kv& kv, const Keys& keys, const Owner& owner)
-    : kv_(kv), keys_(keys), token_(random_token()), mark_{keys.staging(token_), 0, owner, false} {
+Build::Build(Kv& kv, const Keys& keys, const Owner& owner, std::string token)
+    : kv_(kv), keys_(keys), token_(std::move(token)), mark_{keys.staging(token_), 0, owner, false} {
   text_.session = owner.token;
 }
 

@@ -31,7 +31,8 @@ struct BuildText {
 // Used by one thread.
 class Build {
  public:
-  Build(Kv& kv, const Keys& keys, const Owner& owner);
+  // `token` must never have been used.
+  Build(Kv& kv, const Keys& keys, const Owner& owner, std::string token);
 
   bool started() const { return text_.batch > 0; }
   const std::string& key() const { return mark_.key; }

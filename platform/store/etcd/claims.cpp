@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "store/etcd/token.h"
+
 namespace tkv::store::etcd {
 
 // One field per line, for people who look at it with etcdctl.
@@ -36,6 +38,13 @@ ClaimText ClaimText::parse(const std::string& text) {
   const bool sound = result.decided ? result.batches > 0 && result.next <= result.batches : state == "claimed";
   return sound ? result : unreadable;
 }
+
+std::int64_t Claim::began() const {
+  const auto laid = static_cast<std::uint64_t>(mod_revision);
+  return static_cast<std::int64_t>(std::min(number_of(token), laid));
+}
+
+std::string claim_token(std::int64_t began) { return numbered_token(static_cast<std::uint64_t>(began)); }
 
 bool ClaimList::has_decided() const {
   return std::any_of(claims.begin(), claims.end(), [](const auto& each) { return each.second.text.decided; });

@@ -5,12 +5,16 @@
 // same transaction; the claimant's commit compares the claim, and so finds out that it has to begin again. Several
 // sessions may claim the same subtree: the first to commit removes the claims of the others.
 //
-// A large change takes longer than the pauses between small writes, which would keep it from ever being made. So who
-// meets a claim waits before removing it, for as long as the change makes progress (claim_watch.h): a claimant sends a
-// batch of its build several times a second, even if it has nothing to send. The claim of a session that has died or
-// stopped is removed after a moment. A small write waits for the claims that it meets first and not for those laid
-// later, a large one for all that it finds when it lays its own. All this concerns only who comes first: whether a
-// change may be made depends on the comparisons alone.
+// A large change takes longer than the pauses between small writes, which would keep it from ever being made. So
+// whoever meets a claim waits before removing it, for as long as the change makes progress (claim_watch.h): a claimant
+// sends a batch of its build several times a second, even if it has nothing to send. The claim of a session that has
+// died or stopped is removed after a moment.
+//
+// Changes of one subtree take their turns. A large change begins at the revision at which it first read, and keeps that
+// place however often it has to lay its claim again. It waits for the claims of changes that began before it, and
+// removes those of later ones when it lays its own. A small write begins when it meets a claim, and waits for the
+// claims of changes that had begun by then. So each waits for a limited number of changes, and only those few can
+// interrupt it. All this concerns only who comes first: whether a change may be made depends on the comparisons alone.
 //
 // When the batches of the change are staged (see redo_log.h), the commit turns the claim into a decision. From then on
 // the change is made: every session that comes to the top first helps to carry out what is left of the batches.
@@ -48,7 +52,13 @@ struct Claim {
   std::string token;  // of the build that it belongs to
   std::int64_t mod_revision = 0;
   ClaimText text;
+
+  // The revision at which its change began, which the token tells; that of the claim if it does not.
+  std::int64_t began() const;
 };
+
+// A token for the build of a change that began at a revision.
+std::string claim_token(std::int64_t began);
 
 // The claims that existed at a revision. Some may be gone since.
 struct ClaimList {

@@ -117,13 +117,18 @@ bool Commit::is_within_claim() const {
 Status Commit::repeat_with_claim(bool writes_fit) {
   Paths paths = writes_fit ? Paths() : written_paths();
   if (reads_.is_surveying()) paths.push_back(reads_.surveyed());
+  return repeat_with_claim_of(std::move(paths));
+}
+
+Status Commit::repeat_with_claim_of(Paths paths) {
   const auto& own = reads_.claim();
   if (own) paths.push_back(reads_.lineage().path(own->top));
   NodeId top = common_top(paths);
   if (own && top == own->top) top = kRootNode;
   run_.become_long();
   Status status = run_.repeat_from_scratch();
-  run_.next.claim = ClaimOrder{top, 1, own};
+  run_.next.claim =
+      own ? ClaimOrder{top, own->began(), own->text.attempt + 1, own} : ClaimOrder{top, reads_.revision(), 1, {}};
   return status;
 }
 
@@ -148,14 +153,14 @@ const Claim* Commit::decision_in_the_way() const {
   return nullptr;
 }
 
-// A large change takes longer than small ones, which would otherwise keep it from ever being made: they wait for it.
-// Each does so once, for the claims that it meets first. A claim laid after that is removed, or a series of large
-// changes would keep small ones from ever being made.
-void Commit::wait_for_claimants() {
-  if (reads_.claim() || run_.next.has_waited) return;
+// Waits for the claims of changes that began before this one (see claims.h).
+void Commit::wait_for_turn() {
+  Turns& turns = run_.next.turns;
   for (const auto& [top, claim] : reads_.claims().claims) {
     if (claim.text.decided || !concerns(claim)) continue;
-    run_.next.has_waited = true;
+    if (turns.began == 0) turns.began = reads_.claims().revision;
+    const std::int64_t began = reads_.claim() ? reads_.claim()->began() : turns.began;
+    if (claim.began() > began || !turns.awaited.insert(claim.token).second) continue;
     run_.wait([&, &other = claim] {
       return wait_for_claim(*core_.kv, core_.keys, other, ClaimStage::kDecided, patience_with(other));
     });
@@ -165,7 +170,7 @@ void Commit::wait_for_claimants() {
 Status Commit::send() {
   while (true) {
     if (const Claim* decided = decision_in_the_way()) return reads_.recover(*decided);
-    wait_for_claimants();
+    wait_for_turn();
     TxnRequest request;
     build_request(&request);
     Owner owner;
@@ -181,7 +186,7 @@ Status Commit::send() {
       committed(written.revision, kMoment);
       return {};
     }
-    if (!may_be_sent_again(written.response)) return run_.repeat();
+    if (!may_be_sent_again(written.response)) return repeat_changed();
   }
 }
 
@@ -208,11 +213,20 @@ Status Commit::remove_without_space(Status refusal) {
 bool Commit::may_be_sent_again(const TxnResponse& response) {
   reads_.prefetch(response);
   const KnownClaims& claims = run_.next.prefetch.claims;
-  const auto& own = reads_.claim();
-  const bool claim_stands = !own || claims->find(own->top, own->token) != nullptr;
-  if (!claim_stands || !reads_.is_unchanged() || !claims->has_newer_than(reads_.claims().revision)) return false;
+  if (!claim_stands() || !reads_.is_unchanged() || !claims->has_newer_than(reads_.claims().revision)) return false;
   reads_.set_claims(claims);
   return true;
+}
+
+bool Commit::claim_stands() const {
+  const auto& own = reads_.claim();
+  return !own || run_.next.prefetch.claims->find(own->top, own->token) != nullptr;
+}
+
+// What others have changed outside of the claim, they may change again and again: the next run claims that as well.
+Status Commit::repeat_changed() {
+  if (!claim_stands()) return run_.give_way();
+  return reads_.claim() ? repeat_with_claim_of(reads_.changed()) : run_.repeat();
 }
 
 // The change has been made. What cannot be carried out now is left to whoever comes by.

@@ -47,6 +47,7 @@ class Commit {
   using Paths = std::vector<std::vector<NodeId>>;
 
   Status repeat_with_claim(bool writes_fit);
+  Status repeat_with_claim_of(Paths paths);
   Status stage_log();
   Status send();
   void build_request(TxnRequest* request) const;
@@ -55,9 +56,11 @@ class Commit {
   bool concerns(const Claim& claim) const;
   bool is_within_claim() const;
   const Claim* decision_in_the_way() const;
-  void wait_for_claimants();
+  void wait_for_turn();
   Status remove_without_space(Status refusal);
   bool may_be_sent_again(const TxnResponse& response);
+  bool claim_stands() const;
+  Status repeat_changed();
   void committed(std::int64_t revision, std::chrono::milliseconds removing);
 
   Core& core_;

@@ -18,7 +18,7 @@ namespace tkv::store::etcd {
 namespace {
 
 constexpr std::size_t kPreferredBatchSize = 50;  // each may need a garbage key and several comparisons
-constexpr int kMostLongRuns = 8;
+constexpr int kMostLongRuns = 8;                 // besides those that gave way to other sessions
 constexpr std::size_t kMaxPrefixBytes = 256;
 
 // No exception of this module leaves it. An exception of the caller's function passes through.
@@ -162,7 +162,8 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, 
         return result;
       }
       deadline = stm.deadline();
-      const bool out_of_time = stm.is_long() ? ++long_runs >= kMostLongRuns : deadline.left().count() == 0;
+      if (stm.is_long() && !stm.gives_way()) ++long_runs;
+      const bool out_of_time = stm.is_long() ? long_runs >= kMostLongRuns : deadline.left().count() == 0;
       if (out_of_time) {
         return {PRTKV_BUSY,
                 "given up after " + std::to_string(run) + " attempts: others changed the same entries each time"};

@@ -32,14 +32,14 @@ const SeenNode* ReadSet::find(const NodePlace& place) const {
 
 Status ReadSet::recover(const Claim& decided) {
   Status status = run_.wait([&] { return core_.recovery.finish(decided, run_.deadline().left()); });
-  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+  return status.ok() ? run_.give_way() : run_.fail(std::move(status));
 }
 
 // What a node hangs below is known only if it was reached from the root. Of any other, every decision may be about it.
 Status ReadSet::recover_above(NodeId id) {
   if (id == kNoNode || lineage_.knows(id) || !claims_->has_decided()) return {};
   Status status = run_.wait([&] { return core_.recovery.finish_all(*claims_, run_.deadline().left()); });
-  return status.ok() ? run_.repeat_from_scratch() : run_.fail(std::move(status));
+  return status.ok() ? run_.give_way() : run_.fail(std::move(status));
 }
 
 bool ReadSet::is_covered(NodeId parent) const {
@@ -242,11 +242,15 @@ void ReadSet::prefetch(const TxnResponse& response, const NodePlace* also) {
   if (also != nullptr) take(*also);
 }
 
-bool ReadSet::is_unchanged() const {
-  return std::all_of(nodes_.begin(), nodes_.end(), [this](const auto& each) {
-    const auto& [place, read] = each;
-    return !read.compared || run_.next.prefetch.nodes.at(place).mod_revision == read.seen.mod_revision;
-  });
+bool ReadSet::is_unchanged() const { return changed().empty(); }
+
+std::vector<std::vector<NodeId>> ReadSet::changed() const {
+  std::vector<std::vector<NodeId>> paths;
+  for (const auto& [place, read] : nodes_) {
+    if (!read.compared || run_.next.prefetch.nodes.at(place).mod_revision == read.seen.mod_revision) continue;
+    paths.push_back(lineage_.path(place.parent));
+  }
+  return paths;
 }
 
 Status ReadSet::validate(std::int64_t* revision) {

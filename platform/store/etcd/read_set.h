@@ -86,6 +86,9 @@ class ReadSet {
   // The path from the root to the lowest node above everything that was only surveyed; empty if nothing was.
   const std::vector<NodeId>& surveyed() const { return surveyed_; }
 
+  // The revision at which everything validated stands. 0: nothing is.
+  std::int64_t revision() const { return revision_; }
+
   // --- Comparing
 
   // Makes sure that everything read stands at one revision. `*revision` is that one; 0 if nothing was read.
@@ -101,6 +104,9 @@ class ReadSet {
 
   // Whether the prefetch shows that every node compared is still what it was.
   bool is_unchanged() const;
+
+  // The paths from the root to the parents of those that are not.
+  std::vector<std::vector<NodeId>> changed() const;
 
   // --- Claims
 

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
+#include <string>
 #include <utility>
 
 #include "store/etcd/claims.h"
@@ -30,14 +32,21 @@ struct Prefetch {
 // The claim that a run must lay before it reads anything.
 struct ClaimOrder {
   NodeId top = kNoNode;
+  std::int64_t began = 0;  // see claims.h
   int attempt = 1;
   std::optional<Claim> former;  // of the run before, which this one replaces
+};
+
+// Whose turn it is, as far as this operation has found out.
+struct Turns {
+  std::int64_t began = 0;         // of a small write that has met a claim; 0: it has not
+  std::set<std::string> awaited;  // tokens of the claims that were waited for; each is waited for once
 };
 
 struct NextRun {
   Prefetch prefetch;
   std::optional<ClaimOrder> claim;
-  bool has_waited = false;  // for the claims of others; it does so once
+  Turns turns;
 };
 
 class Run {
@@ -70,6 +79,13 @@ class Run {
   bool repeats() const { return repeats_; }
   const Status& failure() const { return failure_; }
 
+  // The same because another session came first, which the order of turns allows only a few to do.
+  Status give_way() {
+    gives_way_ = true;
+    return repeat_from_scratch();
+  }
+  bool gives_way() const { return gives_way_; }
+
   // Waits for another session. The operation's deadline is put off by the time that this takes.
   template <typename Wait>
   auto wait(Wait wait) {
@@ -94,6 +110,7 @@ class Run {
   Deadline deadline_;
   const std::chrono::milliseconds timeout_;
   bool repeats_ = false;
+  bool gives_way_ = false;
   bool long_ = false;
   Status failure_;
 };

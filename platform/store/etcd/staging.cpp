@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "store/etcd/limits.h"
+#include "store/etcd/token.h"
 
 namespace tkv::store::etcd {
 namespace {
@@ -31,16 +32,16 @@ Status Staging::lost() {
   return run_.repeat_from_scratch();
 }
 
-Status Staging::begin() {
+Status Staging::begin(std::optional<std::int64_t> began) {
   if (build_) return {};
   Owner found;
   if (Status status = owner(&found); !status.ok()) return run_.fail(std::move(status));
-  build_.emplace(*core_.kv, core_.keys, found);
+  build_.emplace(*core_.kv, core_.keys, found, began ? claim_token(*began) : random_token());
   return {};
 }
 
-Status Staging::token(std::string* token) {
-  Status status = begin();
+Status Staging::token_since(std::int64_t began, std::string* token) {
+  Status status = begin(began);
   if (status.ok()) *token = build_->token();
   return status;
 }
@@ -107,7 +108,10 @@ Status Staging::show_progress(const Claim& claim) {
   if (std::chrono::steady_clock::now() - last_sent_ < kProgressInterval) return {};
   TxnRequest batch;
   compare_revision(&batch, core_.keys.claim(claim.top, claim.token), claim.mod_revision);
-  return send(std::move(batch));
+  Written written = try_send(std::move(batch));
+  if (!written.status.ok()) return run_.fail(std::move(written.status));
+  if (written.lost) return lost();
+  return written.made ? Status() : run_.give_way();
 }
 
 Status Staging::send_log(std::vector<std::string> batches) {

@@ -58,14 +58,16 @@ class Staging {
 
   // Whether anything has been sent.
   bool started() const { return build_ && build_->started(); }
-  Status token(std::string* token);
+
+  // Gives the token of the build. It tells when the change began, unless something has been sent before.
+  Status token_since(std::int64_t began, std::string* token);
 
   // Adds to the commit what ends the build.
   void finish_in(TxnRequest* commit) const;
   void committed() { build_.reset(); }
 
  private:
-  Status begin();
+  Status begin(std::optional<std::int64_t> began = {});
   Status reserve();
 
   Core& core_;

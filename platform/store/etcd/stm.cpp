@@ -23,9 +23,9 @@ Stm::Stm(Core& core, Purpose purpose, NextRun start, Deadline deadline)
 // ---- the run
 
 Status Stm::start() {
-  run_.next.has_waited = start_.has_waited;
+  run_.next.turns = start_.turns;
   reads_.set_claimant({[this](NodeId top) {
-                         return lay_claim({top, 1, {}});
+                         return lay_claim({top, reads_.revision(), 1, {}});
                        },
                        [this] { return reads_.claim() ? staging_.show_progress(*reads_.claim()) : Status(); }});
   if (start_.claim) {
@@ -35,43 +35,78 @@ Status Stm::start() {
   return decided == nullptr ? Status() : reads_.recover(*decided);
 }
 
-// Two large changes of one subtree would keep each other from being made: the one that came later waits.
-void Stm::wait_for_claims_on(NodeId top, const std::optional<Claim>& former) {
-  const auto overlaps = [&](const Claim& claim) {
-    return reads_.lineage().is_below(top, claim.top) || reads_.lineage().is_below(claim.top, top);
-  };
-  for (const auto& [other_top, claim] : reads_.claims().claims) {
-    if (claim.text.decided || !overlaps(claim) || (former && claim.token == former->token)) continue;
+bool Stm::is_in_the_way(const Claim& claim, const ClaimOrder& order) const {
+  if (claim.text.decided || (order.former && claim.token == order.former->token)) return false;
+  return reads_.lineage().is_below(order.top, claim.top) || reads_.lineage().is_below(claim.top, order.top);
+}
+
+// Waits for the claims of changes that began before this one (see claims.h).
+void Stm::wait_for_turn(const ClaimOrder& order) {
+  for (const auto& [top, claim] : reads_.claims().claims) {
+    if (!is_in_the_way(claim, order) || claim.began() > order.began) continue;
+    if (!run_.next.turns.awaited.insert(claim.token).second) continue;
     run_.wait([&, &other = claim] {
       return wait_for_claim(*core_.kv, core_.keys, other, ClaimStage::kDecided, patience_with(other));
     });
   }
 }
 
-Status Stm::lay_claim(const ClaimOrder& order) {
-  run_.become_long();
-  wait_for_claims_on(order.top, order.former);
-  Claim claim{order.top, {}, 0, {}};
-  if (Status status = staging_.token(&claim.token); !status.ok()) return status;
-  claim.text.attempt = order.attempt;
+// Puts the claim in place of the run's former one and of those that have been waited for in vain, or began later.
+TxnRequest Stm::batch_of(const Claim& claim, const ClaimOrder& order) const {
   TxnRequest batch;
   reads_.add_compares(&batch);
+  reads_.add_gets(&batch);
   put(batch.add_success(), core_.keys.claim(claim.top, claim.token), claim.text.print());
   if (order.former) erase(batch.add_success(), core_.keys.claim(order.former->top, order.former->token));
-  *batch.add_failure()->mutable_request_range() = get_all(core_.keys.all_claims());
-  Written written = staging_.try_send(std::move(batch));
-  if (!written.status.ok()) return run_.fail(std::move(written.status));
-  if (!written.made) {
-    if (written.response.responses_size() > 0) {
-      core_.claims.learn(written.response.responses(0).response_range(), written.response.header().revision());
+  for (const auto& [top, other] : reads_.claims().claims) {
+    const bool has_room = batch.success_size() < kBatchRemovals;
+    if (has_room && is_in_the_way(other, order)) erase(batch.add_success(), core_.keys.claim(top, other.token));
+  }
+  return batch;
+}
+
+// For a change that has read nothing yet.
+Status Stm::begin_now(ClaimOrder* order) {
+  RangeResponse claims;
+  if (Status status = reads_.read_fresh(get_all(core_.keys.all_claims()), &claims); !status.ok()) return status;
+  order->began = claims.header().revision();
+  reads_.set_claims(core_.claims.learn(claims, order->began));
+  return {};
+}
+
+Status Stm::lay_claim(ClaimOrder order) {
+  run_.become_long();
+  if (order.began == 0) {
+    if (Status status = begin_now(&order); !status.ok()) return status;
+  }
+  Claim claim{order.top, {}, 0, {}};
+  if (Status status = staging_.token_since(order.began, &claim.token); !status.ok()) return status;
+  claim.text.attempt = order.attempt;
+  while (true) {
+    wait_for_turn(order);
+    const Written written = staging_.try_send(batch_of(claim, order));
+    if (!written.status.ok()) return run_.fail(written.status);
+    if (written.made) {
+      claim.mod_revision = written.revision;
+      reads_.set_claim(std::move(claim));
+      return {};
     }
-    Status status = written.lost ? staging_.lost() : run_.repeat_from_scratch();
+    if (!written.lost && others_laid_claims(written.response)) continue;
+    Status status = written.lost ? staging_.lost() : run_.give_way();
     run_.next.claim = order;
     return status;
   }
-  claim.mod_revision = written.revision;
-  reads_.set_claim(std::move(claim));
-  return {};
+}
+
+// Whether that is the only reason why a claim could not be laid, so that it can be after their turns.
+bool Stm::others_laid_claims(const TxnResponse& response) {
+  if (response.responses_size() == 0) return false;
+  reads_.prefetch(response);
+  const KnownClaims& claims = run_.next.prefetch.claims;
+  const bool newer = claims->has_newer_than(reads_.claims().revision);
+  if (!newer || claims->has_decided() || !reads_.is_unchanged()) return false;
+  reads_.set_claims(claims);
+  return true;
 }
 
 bool Stm::finish(Status* result) {
@@ -113,7 +148,8 @@ Status Stm::validate_revision(std::int64_t read_at) {
 NextRun Stm::take_next() {
   if (reads_.claim() && !run_.next.claim) {
     run_.next.prefetch = {};
-    run_.next.claim = ClaimOrder{reads_.claim()->top, reads_.claim()->text.attempt + 1, reads_.claim()};
+    const Claim& own = *reads_.claim();
+    run_.next.claim = ClaimOrder{own.top, own.began(), own.text.attempt + 1, own};
   }
   return std::move(run_.next);
 }

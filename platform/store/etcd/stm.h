@@ -72,6 +72,9 @@ class Stm final : public Update {
   // Whether this run was a long one, which is not limited by the operation's deadline.
   bool is_long() const { return run_.is_long(); }
 
+  // Whether this run has to be repeated because another session came first.
+  bool gives_way() const { return run_.gives_way(); }
+
   // The deadline of the operation, put off by the time in which this run waited for other sessions.
   Deadline deadline() const { return run_.deadline_of_operation(); }
 
@@ -98,8 +101,12 @@ class Stm final : public Update {
 
   Status end(bool succeeded);
   Status validate_revision(std::int64_t read_at);
-  Status lay_claim(const ClaimOrder& order);
-  void wait_for_claims_on(NodeId top, const std::optional<Claim>& former);
+  Status lay_claim(ClaimOrder order);
+  Status begin_now(ClaimOrder* order);
+  bool is_in_the_way(const Claim& claim, const ClaimOrder& order) const;
+  void wait_for_turn(const ClaimOrder& order);
+  TxnRequest batch_of(const Claim& claim, const ClaimOrder& order) const;
+  bool others_laid_claims(const TxnResponse& response);
   Status find_written(const NodePlace& place, bool* written, std::optional<Node>* node);
   Status value_of_fresh(NodeId id, Value* value);
   Status list_fresh(NodeId parent, ListedNodes* children);

@@ -4,12 +4,34 @@
 #include <sys/types.h>
 
 #include <array>
+#include <charconv>
+#include <limits>
 #include <random>
 
 namespace tkv::store::etcd {
+namespace {
+
+constexpr std::size_t kNumberDigits = 16;
+
+}  // namespace
 
 bool is_token(std::string_view text) {
   return text.size() == 32 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+std::string numbered_token(std::uint64_t number) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string token = random_token();
+  for (std::size_t i = kNumberDigits; i-- > 0; number >>= 4) token[i] = kDigits[number & 0xf];
+  return token;
+}
+
+std::uint64_t number_of(std::string_view token) {
+  constexpr auto kNone = std::numeric_limits<std::uint64_t>::max();
+  if (!is_token(token)) return kNone;
+  std::uint64_t number = kNone;
+  std::from_chars(token.data(), token.data() + kNumberDigits, number, 16);
+  return number;
 }
 
 std::string random_token() {
