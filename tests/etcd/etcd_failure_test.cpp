@@ -283,6 +283,28 @@ TEST(EtcdUsers, TheRightPasswordOpensAndOnlyThePrefix) {
 
 // ---- limits
 
+// As the message tells an operator to.
+void free_space(EtcdCluster& cluster) {
+  const std::string status = cluster.ctl({"endpoint", "status", "--write-out=fields"});
+  const std::string field = "\"Revision\" : ";
+  const auto at = status.find(field);
+  ASSERT_NE(at, std::string::npos) << status;
+  cluster.ctl({"compaction", std::to_string(std::stoll(status.substr(at + field.size())))});
+  cluster.ctl({"defrag"});
+  cluster.ctl({"alarm", "disarm"});
+}
+
+// Deletes a key after having looked at everything below it, as is done on behalf of users who are not root.
+Status delete_after_looking(Store& store, std::string_view name) {
+  return store.write([&](Update& update) -> Status {
+    Node top;
+    if (Status status = follow(update, name, &top); !status.ok()) return status;
+    const auto look = [](std::string_view, const Node&) { return Status(); };
+    Status status = update.before().children(top.id, look);
+    return status.ok() ? delete_key(update, name) : status;
+  });
+}
+
 TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   EtcdCluster::Options cluster_options;
   cluster_options.flags = {"--quota-backend-bytes=4194304"};
@@ -311,13 +333,7 @@ TEST(EtcdLimits, TheSpaceAlarmIsStorageFull) {
   EXPECT_TRUE(open_key(*store, "b").is(PRTKV_NO_SUCH_KEY));
   EXPECT_TRUE(done(delete_key(*open_when_ready(options), "parent")));
 
-  // An operator frees the space.
-  const std::string revision = cluster.ctl({"endpoint", "status", "--write-out=json"});
-  const auto at = revision.find("\"revision\":");
-  ASSERT_NE(at, std::string::npos) << revision;
-  cluster.ctl({"compaction", std::to_string(std::stoll(revision.substr(at + 11)))});
-  cluster.ctl({"defrag"});
-  cluster.ctl({"alarm", "disarm"});
+  free_space(cluster);
   EXPECT_TRUE(done(create_key(*store, "c")));
   EXPECT_EQ(totals_of(*store).nodes, 3u) << "the root, a and c";
 }
@@ -387,6 +403,38 @@ TEST(EtcdLimits, AWatcherIsToldOfDeletionsThatTheSpaceAlarmKeptOutOfTheLog) {
   told = changes_after(*watcher, &seen);
   EXPECT_TRUE(told.complete);
   EXPECT_EQ(told.changes, 1u);
+}
+
+// Looking at more keys than one transaction compares takes a claim, which is a put.
+TEST(EtcdLimits, ADeletionTooLargeForTheSpaceAlarmIsMadeInPartsOrAfterwards) {
+  EtcdCluster::Options cluster_options;
+  cluster_options.flags = {"--quota-backend-bytes=4194304"};
+  EtcdCluster cluster(cluster_options);
+  const auto store = open_when_ready(cluster.registry());
+  ASSERT_TRUE(store);
+  ASSERT_TRUE(done(build_keys(*store, "part", 100)));
+  ASSERT_TRUE(done(build_keys(*store, "whole", 150)));
+  ASSERT_TRUE(done(create_key(*store, "filler")));
+  const std::string large(512 * 1024, 'x');
+  Status status;
+  for (int i = 0; i < 40 && status.ok(); ++i) status = write_key(*store, "filler", large);
+  EXPECT_TRUE(says(status, PRTKV_STORAGE_FULL, {"space alarm"}));
+  EXPECT_TRUE(says(delete_after_looking(*store, "whole"), PRTKV_STORAGE_FULL,
+                   {"'tkv rm', as root or in parts of up to a hundred keys", "'etcdctl endpoint status",
+                    "'etcdctl "
+                    "compaction REVISION'",
+                    "'etcdctl defrag'", "'etcdctl alarm disarm'"}));
+  EXPECT_TRUE(done(open_key(*store, "whole.k149"))) << "nothing has been deleted";
+
+  EXPECT_TRUE(done(delete_after_looking(*store, "part")));
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(done(delete_key(*store, "whole.k" + std::to_string(i))));
+  EXPECT_TRUE(done(delete_after_looking(*store, "whole")));
+  EXPECT_TRUE(open_key(*store, "whole").is(PRTKV_NO_SUCH_KEY));
+
+  free_space(cluster);
+  ASSERT_TRUE(done(build_keys(*store, "whole", 150)));
+  EXPECT_TRUE(done(delete_after_looking(*store, "whole")));
+  EXPECT_TRUE(eventually([&] { return totals_of(*store).nodes == 2; })) << "the root and the filler";
 }
 
 TEST(EtcdLimits, AValueOverWhatEtcdTakesIsTooLarge) {

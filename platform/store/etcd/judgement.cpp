@@ -79,8 +79,9 @@ Judgement resource_exhausted(const std::string& message) {
   if (contains(message, "database space exceeded")) {
     return final(
         PRTKV_STORAGE_FULL,
-        "etcd's space alarm is raised. Delete keys with 'tkv rm', then run 'etcdctl compaction REVISION', 'etcdctl "
-        "defrag' and 'etcdctl alarm disarm': " +
+        "etcd's space alarm is raised. Delete what is not needed with 'tkv rm', as root or in parts of up to a hundred "
+        "keys; then run 'etcdctl endpoint status --write-out=fields' for the REVISION, 'etcdctl compaction REVISION', "
+        "'etcdctl defrag' and 'etcdctl alarm disarm': " +
             message);
   }
   if (contains(message, "larger than max")) {
