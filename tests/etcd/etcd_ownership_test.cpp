@@ -70,6 +70,21 @@ class EtcdOwnership : public EtcdStore {
            count_raw(keys().all_plans()) == 0;
   }
 
+  // Starts an owner that waits in the middle of a build, for longer than a lease takes to run out without being kept
+  // alive. Other sessions sweep meanwhile. Then lets it end, undisturbed.
+  void expect_to_be_left_alone(const std::vector<std::string>& command) {
+    Child owner(command);
+    ASSERT_TRUE(eventually([&] { return count_raw(keys().all_staging()) == 1; }));
+    const std::int64_t begun = begin_of_build();
+    wait_for_a_lease_of_a_second();
+    sweep();
+    const std::shared_ptr<Store> other = open_watched(&watch_);
+    EXPECT_EQ(begin_of_build(), begun) << "another session has given it up";
+    ASSERT_TRUE(done(create_key(*other, "go")));
+    EXPECT_EQ(owner.wait(), 0);
+    EXPECT_TRUE(done(open_key(*store_, "built.k349")));
+  }
+
   // When the one build was begun; 0 if there is none.
   std::int64_t begin_of_build() {
     RangeResponse found;
@@ -161,16 +176,80 @@ TEST_F(EtcdOwnership, AnOwnerThatCannotBeSeenIsNotTakenForDead) {
   }
   const std::vector<std::string> linger = victim("linger", 1000);
   command.insert(command.end(), linger.begin(), linger.end());
-  Child owner(command);
-  ASSERT_TRUE(eventually([&] { return count_raw(keys().all_staging()) == 1; }));
-  const std::int64_t begun = begin_of_build();
-  wait_for_a_lease_of_a_second();
-  sweep();
-  const std::shared_ptr<Store> other = open_watched(&watch_);
-  EXPECT_EQ(begin_of_build(), begun) << "another session has given it up";
-  ASSERT_TRUE(done(create_key(*other, "go")));
-  EXPECT_EQ(owner.wait(), 0);
-  EXPECT_TRUE(done(open_key(*store_, "built.k349")));
+  expect_to_be_left_alone(command);
+}
+
+std::vector<std::string> with_skew(const std::string& seconds, std::vector<std::string> command) {
+  command.insert(command.begin(), {"env", "TKV_CLOCK_SKEW=" + seconds});
+  return command;
+}
+
+TEST_F(EtcdOwnership, AnOwnerWhoseClockIsSlowIsNotTakenForDead) {
+  expect_to_be_left_alone(with_skew("-3600", victim("linger", 1000)));
+}
+
+TEST_F(EtcdOwnership, AnOwnerWhoseClockIsFastIsNotTakenForDead) {
+  expect_to_be_left_alone(with_skew("3600", victim("linger", 1000)));
+}
+
+TEST_F(EtcdOwnership, AKilledOwnerWhoseClockWasFastIsSweptAsAnyOther) {
+  Child owner(with_skew("3600", victim("build", kInTheMiddle)));
+  EXPECT_EQ(owner.wait(), -1);
+  ASSERT_EQ(count_raw(keys().all_staging()), 1);
+  expect_sessions_to_end();
+  const std::shared_ptr<Store> next = open_watched(&watch_);
+  expect_whole(1);
+}
+
+// While there is no leader, nobody can keep a lease alive, and none runs out: an election begins them anew.
+TEST(EtcdOwnershipWithoutALeader, LastsForTheLivingAndEndsForTheDead) {
+  EtcdCluster::Options members;
+  members.members = 3;
+  EtcdCluster cluster(members);
+  EtcdOptions options = cluster.registry();
+  options.session_ttl_s = 5;
+  const auto living = open_when_ready(options);
+  options.timeout_ms = 1000;
+  const auto other = open_when_ready(options);
+  ASSERT_TRUE(living && other);
+  const Keys keys(options.prefix);
+  ClusterOptions connection;
+  connection.endpoints = options.endpoints;
+  connection.timeout = patience().left();
+  std::unique_ptr<Cluster> raw;
+  ASSERT_TRUE(done(Cluster::connect(connection, &raw)));
+  const auto builds = [&] {
+    RangeResponse found;
+    EXPECT_TRUE(raw->range(get_all(keys.all_staging()), &found, patience()).ok());
+    return found.kvs_size();
+  };
+  Child dead({TKV_ETCD_VICTIM, cluster.endpoint(0), options.prefix, "build", "6"});
+  EXPECT_EQ(dead.wait(), -1);
+  int runs = 0;
+  const auto lose_leader = [&](int key) {
+    if (key == 0) ++runs;
+    if (key != 300 || runs > 1) return;
+    EXPECT_EQ(builds(), 2);
+    const int leader = cluster.leader();
+    for (int member = 0; member < 3; ++member) {
+      if (member != leader) cluster.kill(member);
+    }
+    const Deadline outage(std::chrono::seconds(options.session_ttl_s + 1));
+    while (outage.left().count() > 0) EXPECT_FALSE(open_key(*other, "").ok());
+    for (int member = 0; member < 3; ++member) {
+      if (member != leader) cluster.start(member);
+    }
+    cluster.wait_until_healthy();
+    EXPECT_TRUE(eventually([&] {
+      Totals totals;
+      EXPECT_TRUE(done(other->check(
+          true, [](const Finding&) {}, &totals)));
+      return builds() == 1;
+    })) << "that of the dead owner goes";
+  };
+  EXPECT_TRUE(done(build_keys(*living, "kept", 350, lose_leader)));
+  EXPECT_EQ(runs, 1) << "the living owner was taken for dead";
+  EXPECT_EQ(totals_of(*living).nodes, 352u);
 }
 
 }  // namespace
