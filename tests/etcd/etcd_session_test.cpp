@@ -1,8 +1,14 @@
 // Who owns unfinished work, against a cluster in memory whose leases run out when a test says so.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <future>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fake_kv.h"
@@ -16,7 +22,8 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr int kMany = 150;  // more than one transaction holds
+constexpr int kMany = 150;          // more than one transaction holds
+constexpr unsigned kPatience = 60;  // seconds
 
 class EtcdSession : public testing::Test {
  protected:
@@ -291,6 +298,69 @@ TEST_F(EtcdSession, TheStatusCountsWhatIsUnderWayAndWhatIsLeftOver) {
   EXPECT_EQ(look().garbage, 1u);
   EXPECT_EQ(look().claims, 1u);
   EXPECT_EQ(look().revision, static_cast<std::uint64_t>(kv_.revision()));
+}
+
+// ---- forked children
+
+// A session that has garbage to remove, and is due to look for it each time that it is asked.
+class EtcdForkedSession : public EtcdSession {
+ protected:
+  EtcdForkedSession()
+      : busy_(std::make_unique<Core>(std::make_unique<SharedKv>(kv_), "/tkv/", Session::kDefaultTtl,
+                                     std::chrono::milliseconds(0))) {
+    EXPECT_TRUE(done(open_registry(*busy_, EtcdOptions())));
+    kv_.put(keys_.garbage(77), "");
+    kv_.put(keys_.node({77, "below"}), "whatever");
+  }
+
+  static std::ptrdiff_t threads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
+  }
+
+  // Forks a child that uses the session and closes it. Expects that this starts no thread and waits for none.
+  void expect_child_to_close_it() {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(kPatience);
+      busy_->sweeper.look_around_when_due();
+      const bool is_alone = threads() == 1;
+      busy_.reset();
+      _exit(is_alone ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "it waited for a thread of its parent";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "it has a thread of its own";
+  }
+
+  std::unique_ptr<Core> busy_;
+};
+
+TEST_F(EtcdForkedSession, StartsNoSweeping) {
+  expect_child_to_close_it();
+  EXPECT_EQ(kv_.count(keys_.all_garbage()), 1u);
+  busy_->sweeper.look_around_when_due();
+  busy_.reset();
+  EXPECT_EQ(kv_.count(keys_.all_garbage()), 0u) << "the parent's does";
+}
+
+TEST_F(EtcdForkedSession, LeavesTheSweepingUnderWayToItsParent) {
+  std::promise<void> begun;
+  std::promise<void> forked;
+  kv_.before_txn = [&, first = true](const TxnRequest&) mutable {
+    if (std::exchange(first, false)) {
+      begun.set_value();
+      forked.get_future().wait();
+    }
+    return Reply();
+  };
+  busy_->sweeper.look_around_when_due();
+  begun.get_future().wait();
+  expect_child_to_close_it();
+  forked.set_value();
+  busy_.reset();
+  EXPECT_EQ(kv_.count(keys_.all_garbage()), 0u);
+  expect_only_nodes(1);
 }
 
 // ---- without space

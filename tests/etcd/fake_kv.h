@@ -5,6 +5,8 @@
 #ifndef TKV_TESTS_ETCD_FAKE_KV_H
 #define TKV_TESTS_ETCD_FAKE_KV_H
 
+#include <unistd.h>
+
 #include <atomic>
 #include <functional>
 #include <map>
@@ -46,7 +48,7 @@ class FakeKv final : public Kv {
   Reply revoke_lease(std::int64_t id, Deadline deadline) override;
   Reply ask_members(ClusterAnswer* answer, Deadline deadline) override;
   std::chrono::milliseconds timeout() const override { return std::chrono::seconds(60); }
-  bool is_ours() const override { return true; }
+  bool is_ours() const override { return getpid() == process_; }
 
   // Called before each transaction is carried out. A failure that it returns is the reply, and nothing is carried out.
   std::function<Reply(const TxnRequest& request)> before_txn;
@@ -85,6 +87,7 @@ class FakeKv final : public Kv {
   void write(const std::string& key, const std::string* value, std::int64_t revision, std::int64_t lease = 0);
   void end_lease(std::int64_t id);
 
+  const pid_t process_ = getpid();
   mutable std::recursive_mutex mutex_;
   std::map<std::string, std::vector<Version>> keys_;
   std::int64_t revision_ = 1;
@@ -124,7 +127,7 @@ class SharedKv final : public Kv {
     return dead_ ? silence() : kv_.ask_members(answer, deadline);
   }
   std::chrono::milliseconds timeout() const override { return kv_.timeout(); }
-  bool is_ours() const override { return true; }
+  bool is_ours() const override { return kv_.is_ours(); }
 
  private:
   static Reply silence() { return {Verdict::kFinal, Status(PRTKV_UNREACHABLE, "the process has died"), false}; }
