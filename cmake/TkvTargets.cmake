@@ -114,7 +114,7 @@ function(tkv_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LINKS} tkv_test_main)
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_precompile_headers(${name} REUSE_FROM tkv_test_main)
-  if(name MATCHES "^(lmdb|reader_pool|registry|etcd)_")  # the stores and the registry client: also under TSan
+  if(name MATCHES "^(fair_mutex|lmdb|reader_pool|registry|etcd)_")  # the stores and the registry client: also under TSan
     list(APPEND ARG_LABELS threads)
     add_dependencies(thread_tests ${name})
   endif()
