@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/fair_mutex.h"
 #include "registry/handle.h"
 
 namespace tkv::registry {
@@ -13,11 +14,40 @@ namespace {
 
 constexpr std::size_t kMaxContexts = 65536;
 
-// A slot lives as long as the process, so that an operation needs only the slot's own lock.
-struct Slot {
-  std::mutex mutex;
-  std::uint64_t serial = 0;  // of the handle; none while the slot is free
-  std::unique_ptr<Session> session;
+// A slot lives as long as the process, so that an operation needs no lock to enter its session.
+class Slot {
+ public:
+  void open(std::uint64_t serial, std::unique_ptr<Session> session) {
+    session_ = std::move(session);
+    serial_ = serial;
+  }
+
+  // Ends the session of a handle. Returns false if it was not open.
+  bool close(std::uint64_t serial) {
+    if (!serial_.compare_exchange_strong(serial, 0)) return false;
+    for (std::uint32_t users = users_; users != 0; users = users_) users_.wait(users);
+    session_.reset();
+    return true;
+  }
+
+  // Keeps the session of a handle until leave(). Returns null if it is not open. Either this sees that the slot was
+  // closed, or close() sees the user.
+  Session* enter(std::uint64_t serial) {
+    if (serial_ != serial) return nullptr;
+    ++users_;
+    if (serial_ == serial) return session_.get();
+    leave();
+    return nullptr;
+  }
+
+  void leave() {
+    if (--users_ == 0 && serial_ == 0) users_.notify_all();
+  }
+
+ private:
+  std::atomic<std::uint64_t> serial_{0};  // of the handle, 0 while the slot is free
+  std::atomic<std::uint32_t> users_{0};
+  std::unique_ptr<Session> session_;
 };
 
 class Contexts {
@@ -25,25 +55,16 @@ class Contexts {
   Status add(std::unique_ptr<Session> session, prtkv_ctx* ctx) {
     std::size_t index = 0;
     if (Status status = take_slot(&index); !status.ok()) return status;
-    Slot& slot = *slots_[index].load(std::memory_order_acquire);
-    const std::lock_guard lock(slot.mutex);
-    slot.serial = next_serial();
-    slot.session = std::move(session);
-    *ctx = encode_handle(HandleKind::kContext, {slot.serial, index});
+    const std::uint64_t serial = next_serial();
+    slots_[index].load(std::memory_order_acquire)->open(serial, std::move(session));
+    *ctx = encode_handle(HandleKind::kContext, {serial, index});
     return {};
   }
 
   Status remove(prtkv_ctx ctx) {
-    std::unique_ptr<Session> ended;  // ends outside the lock
     Handle handle{};
-    Slot* slot = find_slot(ctx, &handle);
-    if (slot == nullptr) return PRTKV_INVALID_HANDLE;
-    {
-      const std::lock_guard lock(slot->mutex);
-      if (slot->serial != handle.serial) return PRTKV_INVALID_HANDLE;
-      slot->serial = 0;
-      ended = std::move(slot->session);
-    }
+    Slot* const slot = find_slot(ctx, &handle);
+    if (slot == nullptr || !slot->close(handle.serial)) return PRTKV_INVALID_HANDLE;
     const std::lock_guard lock(mutex_);
     free_.push_back(handle.index);
     return {};
@@ -53,12 +74,12 @@ class Contexts {
   template <typename Operation, typename Record>
   std::int32_t run(prtkv_ctx ctx, Operation operation, Record record) {
     Handle handle{};
-    Slot* slot = find_slot(ctx, &handle);
-    if (slot == nullptr) return PRTKV_INVALID_HANDLE;
-    const std::lock_guard lock(slot->mutex);
-    if (slot->serial != handle.serial) return PRTKV_INVALID_HANDLE;
-    const Status ended = without_session([&] { return operation(*slot->session); });
-    record(*slot->session, ended);
+    Slot* const slot = find_slot(ctx, &handle);
+    Session* const session = slot == nullptr ? nullptr : slot->enter(handle.serial);
+    if (session == nullptr) return PRTKV_INVALID_HANDLE;
+    const Status ended = without_session([&] { return operation(*session); });
+    record(*session, ended);
+    slot->leave();
     return ended.code();
   }
 
@@ -83,7 +104,7 @@ class Contexts {
   }
 
   std::array<std::atomic<Slot*>, kMaxContexts> slots_{};
-  std::mutex mutex_;  // guards what follows
+  FairMutex mutex_;  // guards what follows
   std::size_t used_ = 0;
   std::vector<std::size_t> free_;
 };

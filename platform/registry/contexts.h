@@ -16,12 +16,13 @@ namespace tkv::registry {
 // Adds a session and returns its context handle in `*ctx`. Returns PRTKV_OUT_OF_MEMORY if there are too many.
 Status add_context(std::unique_ptr<Session> session, prtkv_ctx* ctx);
 
-// Ends a session. Returns PRTKV_INVALID_HANDLE if `ctx` is not open.
+// Ends a session, once the operations that are using it have ended. Returns PRTKV_INVALID_HANDLE if `ctx` is not open.
+// An operation must not end its own session.
 Status remove_context(prtkv_ctx ctx);
 
-// Runs `operation` on a context's session, one at a time, records its result as the session's last, and returns its
-// code. Returns PRTKV_INVALID_HANDLE if `ctx` is not open. Exceptions end here: std::bad_alloc yields
-// PRTKV_OUT_OF_MEMORY, any other PRTKV_UNKNOWN.
+// Runs `operation` on a context's session, records its result as the session's last, and returns its code. Returns
+// PRTKV_INVALID_HANDLE if `ctx` is not open. Exceptions end here: std::bad_alloc yields PRTKV_OUT_OF_MEMORY, any other
+// PRTKV_UNKNOWN.
 std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept;
 
 // As with_session, but does not record the result.

@@ -22,15 +22,19 @@ namespace tkv::registry {
 
 class KnownKeys {
  public:
-  // What is known of a key, or null. Valid until the next call.
-  KnownKey* find(std::string_view name) {
-    hash_ = RecentNames<KnownKey>::hash(name);
-    return keys_.find(name, hash_);
-  }
+  static std::size_t hash(std::string_view name) { return RecentNames<KnownKey>::hash(name); }
 
-  // Notes what was found out about the key for which the last find() was null.
-  void note(std::string_view name, const KnownKey& known) noexcept {
-    if (known.state != 0 && was_seen(hash_)) keys_.add(name, hash_, known);  // with state 0, it is never up to date
+  // What is known of a key, whose name has this hash, or null. Valid until the next call.
+  KnownKey* find(std::string_view name, std::size_t hash) { return keys_.find(name, hash); }
+
+  // Notes what was found out about a key.
+  void note(std::string_view name, std::size_t hash, const KnownKey& known) noexcept {
+    if (known.state == 0 || !was_seen(hash)) return;  // with state 0, it is never up to date
+    if (KnownKey* const before = find(name, hash)) {
+      *before = known;
+    } else {
+      keys_.add(name, hash, known);
+    }
   }
 
  private:
@@ -49,7 +53,6 @@ class KnownKeys {
     return std::exchange(place, mark) == mark;
   }
 
-  std::size_t hash_ = 0;  // of the name that was sought last
   RecentNames<KnownKey> keys_{kKeys};
   std::vector<std::uint32_t> seen_;
 };

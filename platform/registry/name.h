@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -51,7 +52,13 @@ struct NameHash {
 // A full name in a buffer of its own.
 class FullName {
  public:
-  FullName() = default;
+  FullName() : size_(0) {}
+
+  // Sets it to a valid name.
+  void assign(std::string_view name) {
+    std::memcpy(bytes_.data(), name.data(), name.size());
+    size_ = name.size();
+  }
 
   // Sets it to `relative` below `parent`, which are both valid. Returns PRTKV_INVALID_NAME if the result is too long or
   // too deep; then it is unchanged. Neither may be part of this name itself.
@@ -60,8 +67,8 @@ class FullName {
   std::string_view view() const { return {bytes_.data(), size_}; }
 
  private:
-  std::array<char, kMaxNameSize> bytes_{};
-  std::size_t size_ = 0;
+  std::array<char, kMaxNameSize> bytes_;  // the first size_ of them
+  std::size_t size_;
 };
 
 // A key in messages: "key 'a.b'", "the root key". A very long name is abbreviated in the middle.

@@ -175,13 +175,7 @@ int32_t prtkv_get_last_error(prtkv_ctx ctx, int32_t* code, char* text, int32_t* 
   return inspect_session(ctx, [&](Session& session) -> Status {
     if (Status status = demand({{code, "code"}, {text, "text"}, {size, "size"}}); !status.ok()) return status;
     if (*size <= 0) return PRTKV_INVALID_ARGUMENT;
-    if (session.last_code() == PRTKV_DONE) return PRTKV_UNKNOWN;
-    const std::string_view shown = tkv::registry::beginning(session.last_text(), static_cast<std::size_t>(*size) - 1);
-    shown.copy(text, shown.size());
-    text[shown.size()] = '\0';
-    *code = session.last_code();
-    *size = static_cast<int32_t>(shown.size());
-    return {};
+    return session.last_error(code, text, size);
   });
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <utility>
 
 #include "registry/error_text.h"
@@ -27,16 +28,19 @@ Status too_small(std::uint32_t offered, std::size_t needed) {
 }  // namespace
 
 // A slot that an operation has taken but not given out yet. It is taken before anything is changed, so that a key that
-// was created always gets its handle.
+// was created always gets its handle. Must outlive a lock that is held in the same function.
 class Session::Reservation {
  public:
   explicit Reservation(Session& session) : session_(session) {}
   ~Reservation() {
-    if (taken_) session_.release(index_);
+    if (key_ == nullptr) return;
+    const std::lock_guard lock(session_.mutex_);
+    session_.release(index_);
   }
   Reservation(const Reservation&) = delete;
   Reservation& operator=(const Reservation&) = delete;
 
+  // Requires the lock.
   Status take() {
     if (session_.free_.empty()) {
       if (session_.keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
@@ -48,34 +52,82 @@ class Session::Reservation {
       index_ = session_.free_.back();
       session_.free_.pop_back();
     }
-    taken_ = true;
+    key_ = session_.keys_[index_].get();
     return {};
   }
 
   // For a key below another.
-  Status take_below(const OpenKey& above, std::string_view name) {
+  Status take_below(const FullName& above, std::string_view name) {
     FullName full_name;
     if (Status status = check_relative_name(name); !status.ok()) return status;
-    if (Status status = full_name.join(above.name, name); !status.ok()) return status;
-    if (Status status = take(); !status.ok()) return status;
-    key().name.assign(full_name.view());
+    if (Status status = full_name.join(above.view(), name); !status.ok()) return status;
+    {
+      const std::lock_guard lock(session_.mutex_);
+      if (Status status = take(); !status.ok()) return status;
+    }
+    key_->name.assign(full_name.view());
     return {};
   }
 
-  OpenKey& key() { return *session_.keys_[index_]; }
-
-  prtkv_key give(const KnownKey& known) {
-    taken_ = false;
-    key().known = known;
-    key().checked = session_.lost_.now();
-    key().serial = next_serial();
-    return encode_handle(HandleKind::kKey, {key().serial, index_});
+  // Requires the lock.
+  prtkv_key give(std::string_view name, const KnownKey& known) {
+    key_->name.assign(name);
+    return give(known);
   }
+
+  // For a key that take_below() has named. Requires the lock.
+  prtkv_key give(const KnownKey& known) {
+    key_->known = known;
+    key_->checked = session_.lost_.now();
+    key_->serial = next_serial();
+    key_ = nullptr;
+    return encode_handle(HandleKind::kKey, {session_.keys_[index_]->serial, index_});
+  }
+
+  std::string_view name() const { return key_->name; }
 
  private:
   Session& session_;
   std::size_t index_ = 0;
-  bool taken_ = false;
+  OpenKey* key_ = nullptr;
+};
+
+// The names of keys that an operation is about to delete or move away. Their loss is prepared for before that, since it
+// must not fail afterwards. Must outlive a lock that is held in the same function.
+class Session::Losses {
+ public:
+  explicit Losses(Session& session) : session_(session) {}
+  ~Losses() {
+    if (count_ == 0) return;
+    const std::lock_guard lock(session_.mutex_);
+    for (std::size_t i = 0; i < count_; ++i) session_.lost_.give_up(names_[i]);
+  }
+  Losses(const Losses&) = delete;
+  Losses& operator=(const Losses&) = delete;
+
+  // Names are kept until there are more of them than open keys; then the open keys are checked once, which costs no
+  // more than the deletions before. The names must outlive this object. Requires the lock.
+  void prepare(std::initializer_list<std::string_view> names) {
+    if (session_.lost_.size() >= kMostLostNames + session_.keys_.size()) {
+      for (const auto& key : session_.keys_) (void)session_.is_gone(*key);
+      session_.lost_.clear();
+    }
+    for (const std::string_view name : names) {
+      session_.lost_.prepare(name);
+      names_[count_++] = name;
+    }
+  }
+
+  // The keys are lost. Requires the lock.
+  void take_effect() noexcept {
+    for (std::size_t i = 0; i < count_; ++i) session_.lost_.add(names_[i]);
+    count_ = 0;
+  }
+
+ private:
+  Session& session_;
+  std::array<std::string_view, 2> names_;
+  std::size_t count_ = 0;
 };
 
 void Session::release(std::size_t index) noexcept {
@@ -105,9 +157,26 @@ Session::OpenKey* Session::find_live(prtkv_key handle, Status* reason) {
   return nullptr;
 }
 
+Status Session::find_target(prtkv_key handle, Target* target) {
+  Status status;
+  const OpenKey* const found = find_live(handle, &status);
+  if (found == nullptr) return status;
+  target->name.assign(found->name);
+  target->known = found->known;
+  return {};
+}
+
+Status Session::target_of(prtkv_key handle, Target* target) {
+  const std::lock_guard lock(mutex_);
+  return find_target(handle, target);
+}
+
 // Returns the result of an operation on an open key, and remembers if the key turned out to be gone.
-Status Session::settle(OpenKey& key, Status status) {
-  if (status.is(PRTKV_NO_SUCH_KEY)) key.gone = true;
+Status Session::settle(prtkv_key handle, Status status) {
+  if (!status.is(PRTKV_NO_SUCH_KEY)) return status;
+  Handle place{};
+  const std::lock_guard lock(mutex_);
+  if (OpenKey* const found = find(handle, &place)) found->gone = true;
   return status;
 }
 
@@ -118,36 +187,58 @@ bool Session::is_gone(OpenKey& key) noexcept {
   return key.gone;
 }
 
-// Makes room for the loss of names. They are kept until there are more of them than open keys; then the open keys are
-// checked once, which costs no more than the deletions before.
-void Session::prepare_losses(std::initializer_list<std::string_view> names) {
-  if (lost_.size() >= kMostLostNames + keys_.size()) {
-    for (const auto& key : keys_) (void)is_gone(*key);
-    lost_.clear();
-  }
-  for (const std::string_view name : names) lost_.prepare(name);
-}
-
 void Session::record(const Status& status) noexcept {
-  last_code_ = status.code();
+  if (status.ok() && last_code_.load(std::memory_order_relaxed) == PRTKV_DONE) return;
+  const std::lock_guard lock(mutex_);
+  last_code_.store(status.code(), std::memory_order_relaxed);
   last_size_ = status.ok() ? 0 : write_error_text(status, last_text_.data(), last_text_.size());
 }
 
+Status Session::last_error(std::int32_t* code, char* text, std::int32_t* size) {
+  const std::lock_guard lock(mutex_);
+  const prtkv_result last = last_code_.load(std::memory_order_relaxed);
+  if (last == PRTKV_DONE) return PRTKV_UNKNOWN;
+  const std::string_view shown = beginning({last_text_.data(), last_size_}, static_cast<std::size_t>(*size) - 1);
+  shown.copy(text, shown.size());
+  text[shown.size()] = '\0';
+  *code = last;
+  *size = static_cast<std::int32_t>(shown.size());
+  return {};
+}
+
 Status Session::open_key(std::string_view name, prtkv_key* key) {
-  KnownKey fresh;
-  KnownKey* const before = known_.find(name);
-  KnownKey* const known = before != nullptr ? before : &fresh;
-  if (Status status = client_->look_up(name, known); !status.ok()) return status;
+  const std::size_t hash = KnownKeys::hash(name);
   Reservation slot(*this);
+  KnownKey known;
+  bool was_known = false;
+  {
+    const std::lock_guard lock(mutex_);
+    if (const KnownKey* const before = known_.find(name, hash)) {
+      was_known = true;
+      known = *before;
+      if (known.state == client_->latest_state()) {
+        if (Status taken = slot.take(); !taken.ok()) return taken;
+        *key = slot.give(name, known);
+        return {};
+      }
+    }
+  }
+  if (Status status = client_->look_up(name, &known); !status.ok()) return status;
+  const std::lock_guard lock(mutex_);
   if (Status taken = slot.take(); !taken.ok()) return taken;
-  slot.key().name.assign(name);
-  *key = slot.give(*known);
-  if (before == nullptr) known_.note(name, fresh);
+  *key = slot.give(name, known);
+  KnownKey* const before = was_known ? known_.find(name, hash) : nullptr;
+  if (before != nullptr) {
+    *before = known;
+  } else {
+    known_.note(name, hash, known);
+  }
   return {};
 }
 
 Status Session::close_key(prtkv_key key) {
   Handle handle{};
+  const std::lock_guard lock(mutex_);
   if (find(key, &handle) == nullptr) return invalid_handle();
   release(handle.index);
   return {};
@@ -155,73 +246,84 @@ Status Session::close_key(prtkv_key key) {
 
 Status Session::create_key(prtkv_key parent, std::string_view name, const sec_attr& security, std::int32_t type,
                            std::span<const std::byte> value, prtkv_key* key) {
-  Status status;
-  OpenKey* above = find_live(parent, &status);
-  if (above == nullptr) return status;
+  Target above;
+  if (Status status = target_of(parent, &above); !status.ok()) return status;
   Reservation slot(*this);
-  if (status = slot.take_below(*above, name); !status.ok()) return status;
+  if (Status status = slot.take_below(above.name, name); !status.ok()) return status;
   KnownKey created;
-  status = client_->create(above->ref(), name, security, type, value, &created.id);
-  if (status.ok()) *key = slot.give(created);
-  return status;
+  Status status = client_->create(above.ref(), name, security, type, value, &created.id);
+  if (!status.ok()) return status;
+  const std::lock_guard lock(mutex_);
+  *key = slot.give(created);
+  return {};
 }
 
 Status Session::delete_key(prtkv_key key, bool recursive) {
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  prepare_losses({found->name});
-  status = settle(*found, client_->remove(found->ref(), recursive, [](std::uint64_t) {}));
-  if (!status.ok()) return status;
-  lost_.add(found->name);
-  return close_key(key);
+  Target target;
+  Losses losses(*this);
+  {
+    const std::lock_guard lock(mutex_);
+    if (Status status = find_target(key, &target); !status.ok()) return status;
+    losses.prepare({target.name.view()});
+  }
+  const auto no_progress = [](std::uint64_t) {};
+  Status status = client_->remove(target.ref(), recursive, no_progress);
+  if (!status.ok()) return settle(key, std::move(status));
+  Handle place{};
+  const std::lock_guard lock(mutex_);
+  losses.take_effect();
+  if (find(key, &place) != nullptr) release(place.index);
+  return {};
 }
 
 Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view name, bool replace, prtkv_key* moved) {
-  Status status;
-  OpenKey* from = find_live(source, &status);
-  OpenKey* above = from == nullptr ? nullptr : find_live(parent, &status);
-  if (above == nullptr) return status;
+  Target from;
+  Target above;
+  if (Status status = target_of(source, &from); !status.ok()) return status;
+  if (Status status = target_of(parent, &above); !status.ok()) return status;
   Reservation slot(*this);
-  if (status = slot.take_below(*above, name); !status.ok()) return status;
-  prepare_losses({from->name, slot.key().name});
+  Losses losses(*this);
+  if (Status status = slot.take_below(above.name, name); !status.ok()) return status;
+  {
+    const std::lock_guard lock(mutex_);
+    losses.prepare({from.name.view(), slot.name()});
+  }
   KnownKey target;
-  status = client_->move(from->ref(), above->ref(), name, replace, &target.id);
+  Status status = client_->move(from.ref(), above.ref(), name, replace, &target.id);
   if (!status.ok()) return status;
-  lost_.add(from->name);
-  lost_.add(slot.key().name);
+  const std::lock_guard lock(mutex_);
+  losses.take_effect();
   *moved = slot.give(target);
   return {};
 }
 
-Status Session::list_subkeys(OpenKey& key) {
+// Takes the list of subkeys. If another thread has done so meanwhile, that one counts.
+Status Session::list_subkeys(prtkv_key handle) {
+  Target target;
+  std::string subkeys;
   std::int32_t count = 0;
-  key.subkeys.clear();
-  Status status = client_->list(key.ref(), false, [&](const Subkey& subkey) -> Status {
+  if (Status status = target_of(handle, &target); !status.ok()) return status;
+  Status status = client_->list(target.ref(), false, [&](const Subkey& subkey) -> Status {
     if (count == std::numeric_limits<std::int32_t>::max()) return {PRTKV_OUT_OF_MEMORY, "too many subkeys"};
-    key.subkeys.append(subkey.level).push_back('\0');
+    subkeys.append(subkey.level).push_back('\0');
     ++count;
     return {};
   });
-  if (!status.ok()) {
-    key.subkeys.clear();
-    return settle(key, std::move(status));
-  }
-  key.listed = true;
-  key.next = 0;
-  key.remaining = count;
+  if (!status.ok()) return settle(handle, std::move(status));
+  Handle place{};
+  const std::lock_guard lock(mutex_);
+  OpenKey* const found = find(handle, &place);
+  if (found == nullptr || found->listed) return {};
+  found->listed = true;
+  found->subkeys.swap(subkeys);
+  found->next = 0;
+  found->remaining = count;
   return {};
 }
 
-Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  if (!found->listed) {
-    if (status = list_subkeys(*found); !status.ok()) return status;
-  }
-  if (found->remaining == 0) return {PRTKV_NO_MORE_SUBKEYS, describe(found->name) + " has no more subkeys"};
-  const char* level = found->subkeys.c_str() + found->next;
+Status Session::take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining) {
+  if (key.remaining == 0) return {PRTKV_NO_MORE_SUBKEYS, describe(key.name) + " has no more subkeys"};
+  const char* level = key.subkeys.c_str() + key.next;
   const std::size_t bytes = std::strlen(level) + 1;
   if (bytes > *size) {
     const std::uint32_t offered = *size;
@@ -230,62 +332,84 @@ Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std:
   }
   std::memcpy(name, level, bytes);
   *size = static_cast<std::uint32_t>(bytes - 1);
-  found->next += bytes;
-  *remaining = --found->remaining;
+  key.next += bytes;
+  *remaining = --key.remaining;
   return {};
 }
 
+Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
+  for (;;) {
+    {
+      Status status;
+      const std::lock_guard lock(mutex_);
+      OpenKey* const found = find_live(key, &status);
+      if (found == nullptr) return status;
+      if (found->listed) return take_subkey(*found, name, size, remaining);
+    }
+    if (Status status = list_subkeys(key); !status.ok()) return status;
+  }
+}
+
 Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
+  Target target;
+  if (Status status = target_of(key, &target); !status.ok()) return status;
+  const KnownKey before = target.known;
   const std::uint32_t offered = *size;
   const std::span bytes(static_cast<std::byte*>(buffer), offered);
   std::size_t found_size = 0;
-  status = settle(*found, client_->read_known(found->name, &found->known, bytes, type, &found_size));
-  if (!status.ok()) return status;
+  Status status = client_->read_known(target.name.view(), &target.known, bytes, type, &found_size);
+  if (!status.ok()) return settle(key, std::move(status));
+  if (target.known.state != before.state || target.known.place != before.place) {
+    Handle place{};
+    const std::lock_guard lock(mutex_);
+    if (OpenKey* const found = find(key, &place)) found->known = target.known;
+  }
   *size = static_cast<std::uint32_t>(found_size);
   return found_size <= offered ? Status() : too_small(offered, found_size);
 }
 
 Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value) {
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  return settle(*found, client_->write_value(found->ref(), type, value));
+  Target target;
+  if (Status status = target_of(key, &target); !status.ok()) return status;
+  return settle(key, client_->write_value(target.ref(), type, value));
 }
 
 Status Session::get_security(prtkv_key key, sec_attr* security) {
+  Target target;
   sec_attr read{};
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  status = settle(*found, client_->read_security(found->ref(), &read));
+  if (Status status = target_of(key, &target); !status.ok()) return status;
+  Status status = settle(key, client_->read_security(target.ref(), &read));
   if (status.ok()) *security = read;
   return status;
 }
 
 Status Session::get_revision(prtkv_key key, Revision* revision) {
-  Status status;
+  Target target;
   KeyInfo info;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  status = settle(*found, client_->stat(found->ref(), &info));
+  if (Status status = target_of(key, &target); !status.ok()) return status;
+  Status status = settle(key, client_->stat(target.ref(), &info));
   if (status.ok()) *revision = info.revision;
   return status;
 }
 
+std::stop_token Session::waits() {
+  const std::lock_guard lock(mutex_);
+  return waits_.get_token();
+}
+
 void Session::stop_waiting() {
-  std::stop_source fresh;
-  waits_.swap(fresh);
-  fresh.request_stop();
+  std::stop_source running;
+  {
+    const std::lock_guard lock(mutex_);
+    waits_.swap(running);
+  }
+  running.request_stop();
 }
 
 Status Session::set_security(prtkv_key key, const sec_attr& security) {
-  Status status;
-  OpenKey* found = find_live(key, &status);
-  if (found == nullptr) return status;
-  return settle(*found, client_->write_security(found->ref(), security));
+  Target target;
+  if (Status status = target_of(key, &target); !status.ok()) return status;
+  return settle(key, client_->write_security(target.ref(), security));
 }
 
 }  // namespace tkv::registry

@@ -3,6 +3,7 @@
 #define TKV_PLATFORM_REGISTRY_SESSION_H
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -14,22 +15,26 @@
 #include <utility>
 #include <vector>
 
+#include "base/fair_mutex.h"
 #include "prtkv.h"
 #include "registry/client.h"
 #include "registry/handle.h"
 #include "registry/known_keys.h"
 #include "registry/lost_names.h"
+#include "registry/name.h"
 
 namespace tkv::registry {
 
-// One thread at a time; see contexts.h.
-//
 // A handle stands for a key and not for its name: an open key is its full name and its id. Once the key has been
 // deleted or moved away, by itself or with an ancestor, the handle yields PRTKV_NO_SUCH_KEY for good. (If another
 // session moves a key away and back again between two uses of a handle, it is the same key under the same name, and the
 // handle goes on working.) Opening, closing and deleting cost the same however many keys are open.
 //
 // The operations are described in prtkv.h and client.h. Pointers are not null here.
+//
+// Any thread may call. Each operation has one moment at which it takes effect, so the results are those of operations
+// that run one at a time; but none waits for another to read or write. The session's lock is held only while the tables
+// below are used, never during a call of the client that may take long.
 class Session {
  public:
   explicit Session(std::shared_ptr<Client> client) : client_(std::move(client)) {}
@@ -54,14 +59,15 @@ class Session {
   std::shared_ptr<Client> shared_client() { return client_; }
 
   // Waits for changes run outside of the session, which tells them when to stop: at stop_waiting() and at its end.
-  std::stop_token waits() const { return waits_.get_token(); }
+  std::stop_token waits();
   void stop_waiting();
 
   // Keeps the message of a failure, or clears it after a success.
   void record(const Status& status) noexcept;
 
-  prtkv_result last_code() const { return last_code_; }  // PRTKV_DONE: there is no message
-  std::string_view last_text() const { return {last_text_.data(), last_size_}; }
+  // Copies as much of the message as fits into `text` with a NUL; `*size` is the size of `text` and becomes that of the
+  // message. Returns PRTKV_UNKNOWN if there is none.
+  Status last_error(std::int32_t* code, char* text, std::int32_t* size);
 
  private:
   struct OpenKey {
@@ -74,26 +80,40 @@ class Session {
     std::string subkeys;        // level names, each followed by a NUL
     std::size_t next = 0;       // where the next one begins
     std::int32_t remaining = 0;
-
-    KeyRef ref() const { return {name, known.id}; }
   };
-  class Reservation;
 
+  // A copy of what an open key stands for, for use without the lock.
+  struct Target {
+    FullName name;
+    KnownKey known;
+
+    KeyRef ref() const { return {name.view(), known.id}; }
+  };
+
+  class Reservation;
+  class Losses;
+
+  // These require the lock.
   OpenKey* find(prtkv_key handle, Handle* place);
   OpenKey* find_live(prtkv_key handle, Status* reason);
-  Status settle(OpenKey& key, Status status);
-  Status list_subkeys(OpenKey& key);
+  Status find_target(prtkv_key handle, Target* target);
   void release(std::size_t index) noexcept;
   bool is_gone(OpenKey& key) noexcept;
-  void prepare_losses(std::initializer_list<std::string_view> names);
+  Status take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining);
+
+  // These take it.
+  Status target_of(prtkv_key handle, Target* target);
+  Status settle(prtkv_key handle, Status status);
+  Status list_subkeys(prtkv_key handle);
 
   const std::shared_ptr<Client> client_;
+  FairMutex mutex_;  // guards what follows
   std::stop_source waits_;
   std::vector<std::unique_ptr<OpenKey>> keys_;  // only grows; free slots keep their memory
   std::vector<std::size_t> free_;               // indexes into keys_
   LostNames lost_;
   KnownKeys known_;
-  prtkv_result last_code_ = PRTKV_DONE;
+  std::atomic<prtkv_result> last_code_{PRTKV_DONE};  // PRTKV_DONE: there is no message
   std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
   std::size_t last_size_ = 0;
 };

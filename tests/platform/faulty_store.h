@@ -4,6 +4,7 @@
 //   FaultyStore store(std::make_shared<MemoryStore>());
 //   store.fail(Call::kSetValue, 1, PRTKV_STORAGE_FULL);   // the next set_value fails, once
 //   store.fail_any(n, PRTKV_STORAGE_FAILED);              // the n-th call from now, whichever it is
+//   store.before(Call::kWrite, [&] { wait(); });          // every write waits before it begins
 //
 // A failing kCommit lets the function run to its end and changes nothing; a failing kRead, kReadAll, kWrite or kCheck
 // does not run it. Calls are counted from the last reset(). A failure may be set for longer than one call with `times`.
@@ -13,7 +14,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -67,14 +70,21 @@ class FaultyStore final : public Store {
     faults_.push_back({std::nullopt, nth, times, std::move(status)});
   }
 
+  // From now on calls `action` before each call of this kind, on the thread that makes it.
+  void before(Call call, std::function<void()> action) {
+    const std::lock_guard lock(mutex_);
+    actions_[call] = std::move(action);
+  }
+
   // From now on each function given to read or write runs twice, the first time in vain: a store may do that, and the
   // function must set its results anew.
   void run_functions_twice() { twice_ = true; }
 
-  // Forgets the failures set and the calls counted.
+  // Forgets the failures and actions set and the calls counted.
   void reset() {
     const std::lock_guard lock(mutex_);
     faults_.clear();
+    actions_.clear();
     calls_ = 0;
     twice_ = false;
   }
@@ -252,9 +262,17 @@ class FaultyStore final : public Store {
   }
 
   Status next(Call call) {
+    std::function<void()> action;
+    Status outcome = count(call, &action);
+    if (action) action();
+    return outcome;
+  }
+
+  Status count(Call call, std::function<void()>* action) {
     const std::lock_guard lock(mutex_);
     ++calls_;
     Status outcome;
+    if (const auto found = actions_.find(call); found != actions_.end()) *action = found->second;
     for (Fault& fault : faults_) {
       if (fault.times == 0 || (fault.call && *fault.call != call)) continue;
       if (fault.wait > 1) {
@@ -270,6 +288,7 @@ class FaultyStore final : public Store {
   const std::shared_ptr<Store> target_;
   mutable std::mutex mutex_;
   std::vector<Fault> faults_;
+  std::map<Call, std::function<void()>> actions_;
   std::size_t calls_ = 0;
   bool twice_ = false;
 };

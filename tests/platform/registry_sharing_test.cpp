@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <future>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -98,6 +101,137 @@ TEST(Sharing, ASessionThatEndsUnderOtherThreadsYieldsInvalidHandle) {
     });
     EXPECT_EQ(wrong.load(), 0);
   }
+}
+
+// Reads a key in every way that the C functions offer. Returns true if all of them succeed.
+bool read_in_every_way(prtkv_ctx ctx, const char* name) {
+  prtkv_key key = 0;
+  std::int32_t word = 0;
+  char buffer[PRTKV_ERROR_TEXT_SIZE];
+  std::uint32_t size = sizeof buffer;
+  std::int32_t text_size = sizeof buffer;
+  sec_attr security{};
+  return prtkv_open_key(ctx, &key, name) == PRTKV_DONE &&
+         prtkv_get_value(ctx, key, &word, buffer, &size) == PRTKV_DONE &&
+         prtkv_get_key_security(ctx, key, &security) == PRTKV_DONE &&
+         prtkv_enum_subkey(ctx, key, buffer, &size, &word) != PRTKV_INVALID_HANDLE &&
+         prtkv_get_last_error(ctx, &word, buffer, &text_size) != PRTKV_INVALID_HANDLE &&
+         prtkv_close_key(ctx, key) == PRTKV_DONE;
+}
+
+TEST(Sharing, NothingWaitsForAWriteOfTheSameSession) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  const Context ctx(ground.as(person("bob")));
+  const prtkv_key key = ctx.open("a");
+  std::latch begun(1);
+  std::latch proceed(1);
+  ground.store->before(store::Call::kWrite, [&] {
+    begun.count_down();
+    proceed.wait();
+  });
+  auto written = std::async(std::launch::async, [&] { return prtkv_set_value(ctx, key, 3, "w", 1); });
+  begun.wait();
+  auto read = std::async(std::launch::async, [&] { return read_in_every_way(ctx, "a"); });
+  EXPECT_EQ(read.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  proceed.count_down();
+  EXPECT_TRUE(read.get());
+  EXPECT_EQ(written.get(), PRTKV_DONE);
+  EXPECT_EQ(ground.value("a"), "w");
+}
+
+TEST(Sharing, ReadsOfOneSessionRunAtTheSameTime) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  const Context ctx(ground.as(person("bob")));
+  const prtkv_key key = ctx.open("a");
+  std::atomic<int> inside{0};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  ground.store->before(store::Call::kRead, [&] {
+    ++inside;
+    while (inside.load() < kThreads && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  });
+  std::atomic<int> wrong{0};
+  in_threads([&](int) {
+    std::int32_t type = 0;
+    char buffer[8];
+    std::uint32_t size = sizeof buffer;
+    if (prtkv_get_value(ctx, key, &type, buffer, &size) != PRTKV_DONE || std::string(buffer, size) != "v") ++wrong;
+    if (inside.load() < kThreads) ++wrong;
+  });
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(Sharing, AHandleThatIsClosedDuringItsWriteStaysClosed) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  const Context ctx(ground.as(person("bob")));
+  const prtkv_key key = ctx.open("a");
+  prtkv_key other = 0;
+  ground.store->before(store::Call::kWrite, [&] {
+    EXPECT_EQ(prtkv_close_key(ctx, key), PRTKV_DONE);
+    other = ctx.open("");  // in the slot of the closed one
+  });
+  EXPECT_EQ(prtkv_delete_key(ctx, key, 0), PRTKV_DONE);
+  EXPECT_FALSE(ground.has("a"));
+  EXPECT_EQ(prtkv_close_key(ctx, key), PRTKV_INVALID_HANDLE);
+  EXPECT_EQ(prtkv_close_key(ctx, other), PRTKV_DONE);
+}
+
+TEST(Sharing, ASessionEndsAfterTheOperationsThatAreUsingIt) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  prtkv_ctx ctx = 0;
+  ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob"))), &ctx).ok());
+  prtkv_key key = 0;
+  ASSERT_EQ(prtkv_open_key(ctx, &key, "a"), PRTKV_DONE);
+  std::latch begun(1);
+  std::latch proceed(1);
+  ground.store->before(store::Call::kWrite, [&] {
+    begun.count_down();
+    proceed.wait();
+  });
+  auto written = std::async(std::launch::async, [&] { return prtkv_set_value(ctx, key, 3, "w", 1); });
+  begun.wait();
+  auto ended = std::async(std::launch::async, [&] { return prtkv_terminate(ctx); });
+  prtkv_key again = 0;
+  while (prtkv_open_key(ctx, &again, "a") == PRTKV_DONE) std::this_thread::yield();
+  EXPECT_EQ(prtkv_open_key(ctx, &again, "a"), PRTKV_INVALID_HANDLE);
+  proceed.count_down();
+  EXPECT_EQ(written.get(), PRTKV_DONE);
+  EXPECT_EQ(ended.get(), PRTKV_DONE);
+  EXPECT_EQ(ground.value("a"), "w");
+}
+
+// Threads that read without a pause would keep others out for as long as they like if a lock let them.
+TEST(Sharing, AWriterGetsItsTurnAmongThreadsThatReadWithoutPause) {
+  const TemporaryDirectory directory(TemporaryDirectory::Where::kInMemory);
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const Context ctx(client_on(store, person("bob")));
+  prtkv_key key = ctx.open("");
+  std::int32_t word = 0;
+  ASSERT_EQ(prtkv_create_n_set_key(ctx, key, "a", &key, &word, 3, open_to_all(), "v", 1), PRTKV_DONE);
+  constexpr int kReaders = 8;
+  constexpr std::uint64_t kWrites = 100;
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::atomic<std::uint64_t> reads{0};
+  std::vector<std::thread> readers;
+  for (int number = 0; number < kReaders; ++number) {
+    readers.emplace_back([&] {
+      for (; !done.load(); ++reads)
+        if (!read_in_every_way(ctx, "a")) ++wrong;
+    });
+  }
+  while (reads.load() < kReaders) std::this_thread::yield();
+  const std::uint64_t before = reads.load();
+  for (std::uint64_t i = 0; i < kWrites; ++i) EXPECT_EQ(prtkv_set_value(ctx, key, 3, "v", 1), PRTKV_DONE);
+  const std::uint64_t meanwhile = reads.load() - before;
+  done = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_LT(meanwhile / kWrites, 10'000u) << "reads for each write";
 }
 
 TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {

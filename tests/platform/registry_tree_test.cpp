@@ -669,18 +669,20 @@ TEST(RecentNames, KeepsTheNamesInUseAndAtMostTwiceTheLeastNumber) {
 TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
   KnownKeys keys;
   KnownKey known;
+  const auto find = [&](std::string_view name) { return keys.find(name, KnownKeys::hash(name)); };
+  const auto note = [&](std::string_view name) { keys.note(name, KnownKeys::hash(name), known); };
   known.id = 7;
   known.state = 1;
-  EXPECT_EQ(keys.find("a"), nullptr);
-  keys.note("a", known);
-  EXPECT_EQ(keys.find("a"), nullptr);
-  keys.note("a", known);
-  ASSERT_NE(keys.find("a"), nullptr);
-  EXPECT_EQ(keys.find("a")->id, 7U);
+  EXPECT_EQ(find("a"), nullptr);
+  note("a");
+  EXPECT_EQ(find("a"), nullptr);
+  note("a");
+  ASSERT_NE(find("a"), nullptr);
+  EXPECT_EQ(find("a")->id, 7U);
   known.state = 0;
   for (int times = 0; times < 3; ++times) {
-    EXPECT_EQ(keys.find("b"), nullptr) << "of a store that does not number its states";
-    keys.note("b", known);
+    EXPECT_EQ(find("b"), nullptr) << "of a store that does not number its states";
+    note("b");
   }
 }
 
