@@ -6,15 +6,18 @@
 
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <unordered_map>
 #include <utility>
+
+#include "base/fair_mutex.h"
 
 namespace tkv::java {
 
 // A handle is a number that was never given out before, not an address: a closed or forged handle is always recognized.
 // Whoever has found an object may use it until the end, even if its handle is removed meanwhile.
 //
-// Any thread may call.
+// Any thread may call. Lookups do not wait for each other.
 template <typename Object>
 class HandleTable {
  public:
@@ -30,7 +33,7 @@ class HandleTable {
 
   // Returns null if the handle is not open.
   std::shared_ptr<Object> find(jlong handle) const {
-    const std::scoped_lock lock(mutex_);
+    const std::shared_lock lock(mutex_);
     const auto found = objects_.find(handle);
     return found == objects_.end() ? nullptr : found->second;
   }
@@ -46,7 +49,7 @@ class HandleTable {
   }
 
  private:
-  mutable std::mutex mutex_;
+  mutable FairSharedMutex mutex_;
   std::unordered_map<jlong, std::shared_ptr<Object>> objects_;
   jlong last_ = 0;
 };

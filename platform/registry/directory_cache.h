@@ -7,15 +7,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <shared_mutex>
 #include <string_view>
 
+#include "base/fair_mutex.h"
 #include "registry/recent_names.h"
 #include "store/store.h"
 
 namespace tkv::registry {
 
-// Any thread may call; threads that look up different keys hardly ever wait for each other. Only for reads: what an
-// update has created does not exist if the update fails.
+// Any thread may call; threads that find what they look for do not wait for each other. Only for reads: what an update
+// has created does not exist if the update fails.
 class DirectoryCache {
  public:
   // The id of the key `name` under the store's `structure`, kNoNode if it is not known. A structure other than that of
@@ -23,12 +25,13 @@ class DirectoryCache {
   store::NodeId find(std::uint64_t structure, std::string_view name) {
     const std::size_t hash = Names::hash(name);
     Shard& shard = shard_of(hash);
+    store::NodeId id = store::kNoNode;
+    if (structure == 0 || shard.look_up(structure, name, hash, &id)) return id;
     const std::lock_guard lock(shard.mutex);
     if (structure != shard.structure) {
       shard.ids.clear();
       shard.structure = structure;
     }
-    if (structure == 0) return store::kNoNode;
     const store::NodeId* const found = shard.ids.find(name, hash);
     return found == nullptr ? store::kNoNode : *found;
   }
@@ -50,9 +53,19 @@ class DirectoryCache {
 
   // The parents that a program uses are far fewer than its keys; the bound is there for those that use every key once.
   struct alignas(64) Shard {
-    std::mutex mutex;  // guards what follows
+    FairSharedMutex mutex;  // guards what follows
     std::uint64_t structure = 0;
     Names ids{kLeastNames / kShards};
+
+    // Returns false if the answer takes a change of the shard: another structure, or a name to carry over.
+    bool look_up(std::uint64_t sought, std::string_view name, std::size_t hash, store::NodeId* id) {
+      bool is_old = false;
+      const std::shared_lock lock(mutex);
+      if (sought != structure) return false;
+      const store::NodeId* const found = ids.peek(name, hash, &is_old);
+      if (found != nullptr) *id = *found;
+      return !is_old;
+    }
   };
 
   Shard& shard_of(std::size_t hash) { return shards_[hash >> 32 & (kShards - 1)]; }

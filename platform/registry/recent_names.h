@@ -3,7 +3,7 @@
 // It has two generations. Names are added to the young one; when that is full, the old one is dropped and the young one
 // takes its place. A name found in the old generation is added to the young one again, so names in use stay.
 //
-// One thread at a time.
+// One thread at a time; but any number of threads may call peek() at once.
 #ifndef TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 #define TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 
@@ -38,6 +38,14 @@ class RecentNames {
     return young == nullptr ? nullptr : &young->value;
   }
 
+  // As find(), but carries nothing over: `*is_old` tells whether find() would.
+  const Value* peek(std::string_view name, std::size_t hash, bool* is_old) const {
+    const Entry* const young = young_.find(name, hash);
+    const Entry* const found = young != nullptr ? young : old_.find(name, hash);
+    *is_old = young == nullptr && found != nullptr;
+    return found == nullptr ? nullptr : &found->value;
+  }
+
   // Adds a name that is not kept. Forgets everything if memory runs out.
   void add(std::string_view name, std::size_t hash, const Value& value) noexcept {
     try {
@@ -66,10 +74,14 @@ class RecentNames {
     std::size_t size() const { return entries_.size(); }
 
     Entry* find(std::string_view name, std::size_t hash) {
+      return const_cast<Entry*>(std::as_const(*this).find(name, hash));
+    }
+
+    const Entry* find(std::string_view name, std::size_t hash) const {
       if (entries_.empty()) return nullptr;
       for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
         if (places_[at] == kFree) return nullptr;
-        Entry& entry = entries_[places_[at]];
+        const Entry& entry = entries_[places_[at]];
         if (entry.hash == hash && entry.name == name) return &entry;
       }
     }
