@@ -10,12 +10,9 @@
 #include "registry/handle.h"
 
 namespace tkv::registry {
-namespace {
-
-constexpr std::size_t kMaxContexts = 65536;
 
 // A slot lives as long as the process, so that an operation needs no lock to enter its session.
-class Slot {
+class ContextSlot {
  public:
   void open(std::uint64_t serial, std::unique_ptr<Session> session) {
     session_ = std::move(session);
@@ -50,6 +47,10 @@ class Slot {
   std::unique_ptr<Session> session_;
 };
 
+namespace {
+
+constexpr std::size_t kMaxContexts = 65536;
+
 class Contexts {
  public:
   Status add(std::unique_ptr<Session> session, prtkv_ctx* ctx) {
@@ -63,32 +64,20 @@ class Contexts {
 
   Status remove(prtkv_ctx ctx) {
     Handle handle{};
-    Slot* const slot = find_slot(ctx, &handle);
+    ContextSlot* const slot = find_slot(ctx, &handle);
     if (slot == nullptr || !slot->close(handle.serial)) return PRTKV_INVALID_HANDLE;
     const std::lock_guard lock(mutex_);
     free_.push_back(handle.index);
     return {};
   }
 
-  // Runs `operation` on the session of a context, and then `record` on the session and the result.
-  template <typename Operation, typename Record>
-  std::int32_t run(prtkv_ctx ctx, Operation operation, Record record) {
-    Handle handle{};
-    Slot* const slot = find_slot(ctx, &handle);
-    Session* const session = slot == nullptr ? nullptr : slot->enter(handle.serial);
-    if (session == nullptr) return PRTKV_INVALID_HANDLE;
-    const Status ended = without_session([&] { return operation(*session); });
-    record(*session, ended);
-    slot->leave();
-    return ended.code();
-  }
-
- private:
-  Slot* find_slot(prtkv_ctx ctx, Handle* handle) {
+  // Returns null if the handle is none of a context.
+  ContextSlot* find_slot(prtkv_ctx ctx, Handle* handle) const {
     if (!decode_handle(HandleKind::kContext, ctx, handle) || handle->index >= kMaxContexts) return nullptr;
     return slots_[handle->index].load(std::memory_order_acquire);
   }
 
+ private:
   Status take_slot(std::size_t* index) {
     const std::lock_guard lock(mutex_);
     if (!free_.empty()) {
@@ -98,12 +87,12 @@ class Contexts {
     }
     if (used_ == kMaxContexts) return {PRTKV_OUT_OF_MEMORY, "too many open sessions in one process"};
     free_.reserve(used_ + 1);  // so that freeing a slot never allocates
-    slots_[used_].store(new Slot, std::memory_order_release);
+    slots_[used_].store(new ContextSlot, std::memory_order_release);
     *index = used_++;
     return {};
   }
 
-  std::array<std::atomic<Slot*>, kMaxContexts> slots_{};
+  std::array<std::atomic<ContextSlot*>, kMaxContexts> slots_{};
   FairMutex mutex_;  // guards what follows
   std::size_t used_ = 0;
   std::vector<std::size_t> free_;
@@ -121,12 +110,12 @@ Status add_context(std::unique_ptr<Session> session, prtkv_ctx* ctx) { return co
 
 Status remove_context(prtkv_ctx ctx) { return contexts().remove(ctx); }
 
-std::int32_t inspect_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
-  return contexts().run(ctx, operation, [](Session&, const Status&) {});
+SessionInUse::SessionInUse(prtkv_ctx ctx) {
+  Handle handle{};
+  slot_ = contexts().find_slot(ctx, &handle);
+  session_ = slot_ == nullptr ? nullptr : slot_->enter(handle.serial);
 }
 
-std::int32_t with_session(prtkv_ctx ctx, FunctionRef<Status(Session&)> operation) noexcept {
-  return contexts().run(ctx, operation, [](Session& session, const Status& ended) { session.record(ended); });
-}
+void SessionInUse::leave() { slot_->leave(); }
 
 }  // namespace tkv::registry

@@ -187,8 +187,7 @@ bool Session::is_gone(OpenKey& key) noexcept {
   return key.gone;
 }
 
-void Session::record(const Status& status) noexcept {
-  if (status.ok() && last_code_.load(std::memory_order_relaxed) == PRTKV_DONE) return;
+void Session::replace_last(const Status& status) noexcept {
   const std::lock_guard lock(mutex_);
   last_code_.store(status.code(), std::memory_order_relaxed);
   last_size_ = status.ok() ? 0 : write_error_text(status, last_text_.data(), last_text_.size());

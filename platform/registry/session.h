@@ -63,7 +63,9 @@ class Session {
   void stop_waiting();
 
   // Keeps the message of a failure, or clears it after a success.
-  void record(const Status& status) noexcept;
+  void record(const Status& status) noexcept {
+    if (!status.ok() || last_code_.load(std::memory_order_relaxed) != PRTKV_DONE) replace_last(status);
+  }
 
   // Copies as much of the message as fits into `text` with a NUL; `*size` is the size of `text` and becomes that of the
   // message. Returns PRTKV_UNKNOWN if there is none.
@@ -102,6 +104,7 @@ class Session {
   Status take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining);
 
   // These take it.
+  void replace_last(const Status& status) noexcept;
   Status target_of(prtkv_key handle, Target* target);
   Status settle(prtkv_key handle, Status status);
   Status list_subkeys(prtkv_key handle);
