@@ -43,10 +43,9 @@ Status level_too_long(std::size_t size) {
           "invalid name: a level has " + std::to_string(size) + " bytes, more than " + std::to_string(kMaxLevelSize)};
 }
 
-Status check_level_size(std::size_t size) {
-  if (size == 0) return empty_level();
-  return size > kMaxLevelSize ? level_too_long(size) : Status();
-}
+bool is_level_size(std::size_t size) { return size != 0 && size <= kMaxLevelSize; }
+
+Status wrong_level_size(std::size_t size) { return size == 0 ? empty_level() : level_too_long(size); }
 
 Status too_long(std::size_t size) {
   return {PRTKV_INVALID_NAME,
@@ -75,7 +74,7 @@ Status check_name(std::string_view name) {
   while (at < name.size()) {
     const unsigned char byte = byte_at(name, at);
     if (byte == kSeparator) {
-      if (Status status = check_level_size(at - start); !status.ok()) return status;
+      if (!is_level_size(at - start)) return wrong_level_size(at - start);
       ++levels;
       start = ++at;
     } else if (byte != 0 && byte < 0x80) {  // nearly every character
@@ -86,7 +85,7 @@ Status check_name(std::string_view name) {
       at += size;
     }
   }
-  if (Status status = check_level_size(at - start); !status.ok()) return status;
+  if (!is_level_size(at - start)) return wrong_level_size(at - start);
   return levels > kMaxLevels ? too_deep(levels) : Status();
 }
 

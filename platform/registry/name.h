@@ -9,8 +9,8 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -43,10 +43,35 @@ bool name_before(std::string_view left, std::string_view right);
 // The longest prefix of at most `size` bytes that does not end inside a character.
 std::string_view beginning(std::string_view text, std::size_t size);
 
-// The hash of names in containers that are searched without making a string.
+// The hash of names in containers that are searched without making a string. All of its bits depend on all of the name.
 struct NameHash {
   using is_transparent = void;
-  std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+
+  std::size_t operator()(std::string_view name) const {
+    constexpr std::size_t kWord = sizeof(std::uint64_t);
+    std::uint64_t hash = name.size();
+    const char* at = name.data();
+    const char* const end = at + name.size();
+    if (name.size() < kWord) {
+      std::uint64_t word = 0;
+      while (at != end) word = word << 8 | static_cast<unsigned char>(*at++);
+      return mixed(mixed(hash ^ word));
+    }
+    for (; end - at > static_cast<std::ptrdiff_t>(kWord); at += kWord) hash = mixed(hash ^ word_at(at));
+    return mixed(mixed(hash ^ word_at(end - kWord)));
+  }
+
+ private:
+  static std::uint64_t word_at(const char* at) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+  }
+
+  static std::uint64_t mixed(std::uint64_t hash) {
+    hash *= 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
+    return hash ^ hash >> 32;
+  }
 };
 
 // A full name in a buffer of its own.
