@@ -112,6 +112,18 @@ class Page {
     return true;
   }
 
+  // As read, but only the key.
+  [[nodiscard]] bool read_key(unsigned index, std::span<const std::byte>* key) const {
+    std::uint16_t offset = 0;
+    std::uint16_t key_size = 0;
+    std::memcpy(&offset, bytes_ + sizeof(PageHeader) + std::size_t{index} * sizeof offset, sizeof offset);
+    if (offset < upper_ || offset + sizeof(NodeHeader) > size_) return false;
+    std::memcpy(&key_size, bytes_ + offset + offsetof(NodeHeader, key_size), sizeof key_size);
+    if (offset + sizeof(NodeHeader) + key_size > size_) return false;
+    *key = {bytes_ + offset + sizeof(NodeHeader), key_size};
+    return true;
+  }
+
   // Checks all nodes: that they fill the page without gaps or overlaps, that their keys are in order, and that they
   // refer to pages between the meta pages and `page_count` only. A branch page's first key is not looked at: LMDB does
   // not use it.

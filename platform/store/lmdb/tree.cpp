@@ -37,11 +37,17 @@ bool is_lost_child(NodeId parent, std::span<const std::byte> key, std::span<cons
   return !is_child(key, parent, &name) && belongs_under(parts, record) && !belongs_under_its_key(key, record);
 }
 
+// Whether a key begins with `prefix`, that of a node's children. `*name` then is what follows.
+bool is_below(std::span<const std::byte> key, const Key& prefix, std::string_view* name) {
+  if (key.size() < kPrefixSize || std::memcmp(key.data(), prefix.bytes().data(), kPrefixSize) != 0) return false;
+  *name = {reinterpret_cast<const char*>(key.data()) + kPrefixSize, key.size() - kPrefixSize};
+  return true;
+}
+
 Status failed(const FileState& state, PageDamage damage) { return damaged_page(state.map, damage); }
 
 // Puts the cursor on the first child of `parent`, or on what follows where it would be.
-PageDamage seek_children(TreeCursor* cursor, NodeId parent) {
-  const Key prefix = Key::node(parent);
+PageDamage seek_children(TreeCursor* cursor, const Key& prefix, NodeId parent) {
   bool found = false;
   if (PageDamage damage = cursor->seek(prefix.bytes(), &found)) return damage;
   if (found) return cursor->check_pages();
@@ -59,10 +65,7 @@ std::string entry_text(NodeId parent, std::string_view name) {
 }
 
 bool is_child(std::span<const std::byte> key, NodeId parent, std::string_view* name) {
-  const Key prefix = Key::node(parent);
-  if (key.size() < kPrefixSize || std::memcmp(key.data(), prefix.bytes().data(), kPrefixSize) != 0) return false;
-  *name = {reinterpret_cast<const char*>(key.data()) + kPrefixSize, key.size() - kPrefixSize};
-  return true;
+  return is_below(key, Key::node(parent), name);
 }
 
 PageDamage confirm_absence(TreeCursor& cursor, const Key& key, DamageBeside beside) {
@@ -212,14 +215,15 @@ Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool
 }
 
 Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
+  const Key prefix = Key::node(parent);
   TreeCursor cursor(state);
-  PageDamage damage = seek_children(&cursor, parent);
+  PageDamage damage = seek_children(&cursor, prefix, parent);
   for (; !damage && !cursor.at_end(); damage = cursor.next()) {
     std::span<const std::byte> key;
     std::span<const std::byte> record;
     std::string_view name;
     damage = cursor.read(&key, &record);
-    if (!is_child(key, parent, &name)) {
+    if (!is_below(key, prefix, &name)) {
       if (damage || !is_lost_child(parent, key, record)) return {};
       return {PRTKV_STORAGE_FAILED, entry_text(parent, "?") + ": its key is damaged"};
     }

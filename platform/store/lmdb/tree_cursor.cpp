@@ -53,13 +53,13 @@ PageDamage TreeCursor::seek(std::span<const std::byte> key, bool* found) {
     Level& at = levels_[static_cast<std::size_t>(level)];
     if (PageDamage damage = open(number, level, &at.page)) return damage;
     const bool is_leaf = level == leaf_level();
-    PageNode node;
     unsigned low = is_leaf ? 0 : 1;
     unsigned high = at.page.count();
     while (low < high) {
       const unsigned middle = (low + high) / 2;
-      if (!at.page.read(middle, &node)) return {number, kOutside};
-      const int order = compare_keys(node.key, key);
+      std::span<const std::byte> other;
+      if (!at.page.read_key(middle, &other)) return {number, kOutside};
+      const int order = compare_keys(other, key);
       if (is_leaf && order == 0) {
         *found = found_ = true;
         at.index = middle;
@@ -69,6 +69,7 @@ PageDamage TreeCursor::seek(std::span<const std::byte> key, bool* found) {
     }
     at.index = is_leaf ? low : low - 1;
     if (is_leaf) return {};
+    PageNode node;
     if (!at.page.read(at.index, &node)) return {number, kOutside};
     number = node.child();
   }
