@@ -168,7 +168,7 @@ Status LocalClient::put(std::span<const NamedValue> values, const PutOptions& op
 
 Status LocalClient::list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) {
   if (infos) return read_all([&](Reader& tree) { return tree.list(key, true, visit); });
-  // Collected first: the read may begin again, but no subkey is visited twice.
+  // Collected first if the read may begin again: no subkey is visited twice.
   struct End {
     std::size_t at;  // behind a level in `levels`
     KeyId id;
@@ -181,6 +181,7 @@ Status LocalClient::list(const KeyRef& key, bool infos, FunctionRef<Status(const
     return Status();
   };
   Status status = read([&](Reader& tree) {
+    if (tree.state() != 0) return tree.list(key, false, visit);
     levels.clear();
     ends.clear();
     return tree.list(key, false, collect);
