@@ -383,18 +383,15 @@ Status Environment::grow() {
   return remap(size * 2);
 }
 
+// If LMDB cannot map the file, it has unmapped it already: the next transaction then opens the files anew.
 Status Environment::remap(std::size_t size) {
-  if (env_ == nullptr) return reopen();
-  int code = 0;
-  Status located;
+  Status status;
   readers_.with_no_readers([&] {
     map_ = FileMap{};
-    code = mdb_env_set_mapsize(env_, size);
-    if (code == 0) located = check_contents();
+    if (mdb_env_set_mapsize(env_, size) == 0) status = check_contents();
     ++remaps_;
   });
-  if (code == 0 && located.ok()) return {};
-  return reopen();  // LMDB has already unmapped the old map
+  return status;
 }
 
 Status Environment::reopen() {
