@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "allocation.h"
+#include "child_process.h"
 #include "lmdb_files.h"
 #include "newer_record.h"
 #include "store/lmdb/file.h"
@@ -305,20 +306,56 @@ TEST_F(Lmdb, AStoreOpenedForReadingRefusesToWriteAndReadsOn) {
   EXPECT_EQ(text_of(*reader, kRootNode), "text");
 }
 
-TEST_F(Lmdb, AReadOnlyFileCanBeRead) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
-  ASSERT_TRUE(set_text(*open(), kRootNode, "text").ok());
-  fs::permissions(temporary_.path(), fs::perms(0755));
-  fs::permissions(options_.directory, fs::perms(0755));
-  fs::permissions(data_file(), fs::perms(0444));
-  fs::permissions(options_.directory + "/lock.mdb", fs::perms(0666));
-  EXPECT_EQ(in_child([&] {
-              if (setuid(65534) != 0) return 1;
+class LmdbReadOnlyFile : public Lmdb {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
+    ASSERT_TRUE(set_text(*open(), kRootNode, "text").ok());
+    fs::permissions(temporary_.path(), fs::perms(0755));
+    fs::permissions(options_.directory, fs::perms(0755));
+    fs::permissions(data_file(), fs::perms(0444));
+    fs::permissions(options_.directory + "/lock.mdb", fs::perms(0666));
+  }
+
+  // Runs `body`, which returns 0 if it finds what it expects, as a user who may only read the file.
+  static int as_reader(const std::function<int()>& body) {
+    return in_child([&] { return setuid(65534) == 0 ? body() : 100; });
+  }
+};
+
+TEST_F(LmdbReadOnlyFile, CanBeRead) {
+  EXPECT_EQ(as_reader([&] {
               std::shared_ptr<Store> store;
               if (!open_lmdb_store(options_, &store).is(PRTKV_ACCESS_DENIED)) return 2;
               options_.read_only = true;
               if (!open_lmdb_store(options_, &store).ok()) return 3;
               return text_of(*store, kRootNode) == "text" ? 0 : 4;
+            }),
+            0);
+}
+
+TEST_F(LmdbReadOnlyFile, IsRefusedForWritingWhileItIsOpenForReading) {
+  EXPECT_EQ(as_reader([&] {
+              std::shared_ptr<Store> reader;
+              std::shared_ptr<Store> writer;
+              options_.read_only = true;
+              if (!open_lmdb_store(options_, &reader).ok()) return 1;
+              options_.read_only = false;
+              const Status status = open_lmdb_store(options_, &writer);
+              if (!status.is(PRTKV_ACCESS_DENIED)) return 2;
+              return status.text() == "the registry in '" + options_.directory + "' is open for reading only" ? 0 : 3;
+            }),
+            0);
+}
+
+TEST_F(LmdbReadOnlyFile, ThatWasCutOffIsReportedAsSuch) {
+  fs::resize_file(data_file(), fs::file_size(data_file()) - 4096);
+  EXPECT_EQ(as_reader([&] {
+              std::shared_ptr<Store> store;
+              options_.read_only = true;
+              const Status status = open_lmdb_store(options_, &store);
+              if (!status.is(PRTKV_STORAGE_FAILED)) return 1;
+              return status.text().find("cannot be extended without write access") != std::string::npos ? 0 : 2;
             }),
             0);
 }
@@ -527,6 +564,15 @@ class LmdbGrowth : public Lmdb {
     if (Status status = add_node(store, kRootNode, std::to_string(number), id); !status.ok()) return status;
     return set_text(store, *id, std::string(256 * 1024, static_cast<char>('a' + number % 26)));
   }
+
+  // For a process of its own: adds 20 large values. Returns 0 if that succeeds.
+  int make_it_grow(int first = 0) {
+    const auto store = open();
+    NodeId id = kNoNode;
+    for (int i = first; i < first + 20; ++i)
+      if (!add_large(*store, i, &id).ok()) return 1;
+    return 0;
+  }
 };
 
 TEST_F(LmdbGrowth, TheMapGrowsWithTheRegistry) {
@@ -615,19 +661,10 @@ TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
   const auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "seen before").ok());
   EXPECT_EQ(text_of(*store, kRootNode), "seen before");
-  const auto grow = [&](int first) {
-    return in_child([&] {
-      const auto own = open();
-      NodeId id = kNoNode;
-      for (int i = first; i < first + 20; ++i)
-        if (!add_large(*own, i, &id).ok()) return 1;
-      return 0;
-    });
-  };
-  ASSERT_EQ(grow(0), 0);
+  ASSERT_EQ(in_child([&] { return make_it_grow(0); }), 0);
   EXPECT_EQ(text_of(*store, kRootNode), "seen before");  // a reader follows
   EXPECT_EQ(expect_sound(*store).nodes, 21u);
-  ASSERT_EQ(grow(100), 0);
+  ASSERT_EQ(in_child([&] { return make_it_grow(100); }), 0);
   ASSERT_TRUE(set_text(*store, kRootNode, "written after").ok());  // a writer follows
   EXPECT_EQ(expect_sound(*store).nodes, 41u);
 }
@@ -635,16 +672,27 @@ TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByReadersAndWriters) {
 TEST_F(LmdbGrowth, AnotherProcessesGrowthIsFollowedByALongRead) {
   EXPECT_EQ(in_child([&] {
               const auto store = open();
-              const int grown = in_child([&] {
-                const auto own = open();
-                NodeId id = kNoNode;
-                for (int i = 0; i < 20; ++i)
-                  if (!add_large(*own, i, &id).ok()) return 1;
-                return 0;
-              });
+              const int grown = in_child([&] { return make_it_grow(); });
               alarm(240);  // a reader that waits for itself never ends
               const Status status = store->read_all([](View&) { return Status(); });
               return grown == 0 && status.ok() ? 0 : 2;
+            }),
+            0);
+}
+
+TEST_F(LmdbGrowth, AReadWithinAReadDoesNotWaitForItselfWhenAnotherProcessMadeTheMapGrow) {
+  EXPECT_EQ(in_child([&] {
+              const auto store = open();
+              alarm(240);
+              Status inner;
+              const Status outer = store->read([&](View&) -> Status {
+                if (in_child([&] { return make_it_grow(); }) != 0) return PRTKV_UNKNOWN;
+                inner = store->read([](View&) { return Status(); });
+                return {};
+              });
+              if (!outer.ok() || !inner.is(PRTKV_BUSY)) return 2;
+              if (inner.text().find("grew while it was being read; try again") == std::string::npos) return 3;
+              return text_of(*store, kRootNode).empty() && expect_sound(*store).nodes == 21 ? 0 : 4;
             }),
             0);
 }
@@ -741,6 +789,13 @@ TEST_F(Lmdb, SlotsOfDeadReadersAreReusedWhenNoneAreFree) {
 TEST_F(Lmdb, TheNextOpeningClearsTheSlotsOfDeadReaders) {
   options_.retention.off = true;
   { const auto store = open(); }
+  // A process that has the registry open: an opening that finds none clears the whole table.
+  const ChildProcess other([&] {
+    const auto own = open();
+    raise(SIGSTOP);
+    return 0;
+  });
+  other.wait_until_stopped();
   die_reading(options_, 1);
   const auto store = open();
   for (int i = 0; i < 40; ++i) ASSERT_TRUE(set_text(*store, kRootNode, std::string(kMiB, 'x')).ok());
@@ -1053,6 +1108,7 @@ TEST_F(LmdbDamage, AFileThatWasCutOffIsAFailureAndNotTheEndOfTheProcess) {
       if (const Status status = open_lmdb_store(options_, &store); !status.ok()) {
         return status.is(PRTKV_STORAGE_FAILED) ? 0 : 1;
       }
+      if (fs::file_size(data_file()) < whole) return 3;  // reading beyond its end would end the process
       std::string text;
       const Status status = get_text(*store, id_, &text);
       Totals totals;

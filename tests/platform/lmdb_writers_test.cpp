@@ -11,12 +11,14 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/descriptor.h"
 #include "child_process.h"
 #include "lmdb_files.h"
 #include "store/lmdb/commit_times.h"
+#include "store/lmdb/reader_pool.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
@@ -197,6 +199,36 @@ TEST_F(LmdbWriters, IdleSessionsLeaveReaderSlotsToOthers) {
   };
   EXPECT_TRUE(store->read(deeper).ok());
   EXPECT_EQ(depth, 500);
+}
+
+TEST_F(LmdbWriters, AThreadTakesTheReaderSlotThatAnIdleOneKeeps) {
+  const auto store = open_or_fail(options_);
+  EXPECT_EQ(text_of(*store, kRootNode), "");  // this thread keeps its slot
+  ChildProcess busy([&] {
+    const auto own = open_or_fail(options_);
+    const std::function<Status(View&)> deeper = [&](View&) -> Status {
+      const Status status = own->read(deeper);
+      if (status.is(PRTKV_BUSY)) raise(SIGSTOP);  // in the innermost read: all other slots are taken
+      return status.is(PRTKV_BUSY) ? Status(PRTKV_DONE) : status;
+    };
+    return own->read(deeper).ok() ? 0 : 1;
+  });
+  busy.wait_until_stopped();
+  // Threads begin to look for a slot at different places. One that begins elsewhere than this thread reads.
+  ReaderPool places;
+  const auto first_place = [&] {
+    ReaderSlot& slot = places.claim(false);
+    places.release(slot);
+    return &slot;
+  };
+  const ReaderSlot* const here = first_place();
+  for (bool done = false; !done;) {
+    std::thread([&] {
+      if (first_place() == here) return;
+      done = true;
+      EXPECT_EQ(text_of(*store, kRootNode), "");
+    }).join();
+  }
 }
 
 TEST_F(LmdbWriters, TheStatusCountsTheReadersOfAllProcesses) {
