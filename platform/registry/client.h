@@ -263,7 +263,8 @@ class Client : public KeyReader {
 
   // Reads everything and finds what is damaged or out of place. With `repair`, removes what can be removed without
   // guessing: values of no key, and subtrees that hang from nothing. Needs TKV_RIGHT_READ and TKV_RIGHT_LIST on the
-  // root or, to repair, all rights. Not one transaction: each pass sees a state of its own.
+  // root or, to repair, all rights. If the root's record is damaged, nobody can tell these: only the superuser and the
+  // owner of the storage may then check and repair. Not one transaction: each pass sees a state of its own.
   virtual Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) = 0;
 
   // Reads the root key, and asks the store about itself. Needs no right. Succeeds only if the registry serves requests.

@@ -322,14 +322,18 @@ class Store {
   virtual std::size_t preferred_batch_size() const = 0;
 
   // Reads every record, reports those that are damaged or out of place, and counts the sound ones. With `repair`,
-  // removes what can be removed without guessing: values of no node, and subtrees without a parent. `progress` is
-  // called often.
+  // removes what can be removed without guessing: values of no node, and subtrees without a parent. A damaged root is
+  // replaced by one with all rights for the owner of the storage, if that is who repairs, and without any for others.
+  // `progress` is called often.
   virtual Status check(bool repair, FunctionRef<void(const Finding&)> report,
                        FunctionRef<void(const CheckProgress&)> progress, Totals* totals) = 0;
   Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
     return check(
         repair, report, [](const CheckProgress&) {}, totals);
   }
+
+  // Tells whether the storage belongs to the process's effective user, whom the rights in it do not bind.
+  virtual bool is_own() const { return false; }
 
   // "lmdb" or "etcd".
   virtual const char* kind() const = 0;

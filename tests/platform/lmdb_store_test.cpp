@@ -1,11 +1,13 @@
 // What the embedded store promises beyond the contract of all stores.
 #include "store/lmdb/lmdb_store.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -980,20 +982,66 @@ TEST_F(LmdbDamage, ADamagedValueCanBeOverwrittenAndRemoved) {
   }
 }
 
-TEST_F(LmdbDamage, ADamagedRootIsRepairedForTheSuperuserAlone) {
-  Node root;
-  const auto find_root = [&] { return open()->read([&](View& view) { return view.find(kNoNode, "", &root); }); };
-  const std::string key = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\1", 14);  // and the record's first bytes
-  const std::string damaged = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\3", 14);
-  ASSERT_GE(replace_in_file(data_file(), key, damaged), 1);
-  EXPECT_TRUE(find_root().is(PRTKV_STORAGE_FAILED));
+class LmdbDamagedRoot : public LmdbDamage {
+ protected:
+  Status find_root(Node* root) {
+    return open()->read([&](View& view) { return view.find(kNoNode, "", root); });
+  }
+
+  void damage_root() {
+    const std::string key = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\1", 14);  // and the record's first bytes
+    const std::string damaged = std::string("N\0\0\0\0\0\0\0\0\2\1\0\0\3", 14);
+    ASSERT_GE(replace_in_file(data_file(), key, damaged), 1);
+    Node root;
+    EXPECT_TRUE(find_root(&root).is(PRTKV_STORAGE_FAILED));
+  }
+
+  void expect_root(const sec_attr& expected) {
+    Node root;
+    ASSERT_TRUE(find_root(&root).ok());
+    EXPECT_EQ(root.id, kRootNode);
+    EXPECT_EQ(std::memcmp(&root.security, &expected, sizeof expected), 0);
+    EXPECT_EQ(text_of(*open(), id_), "the text of the value");
+    EXPECT_EQ(expect_sound(*open()).nodes, 2u);
+  }
+};
+
+TEST_F(LmdbDamagedRoot, IsRepairedForTheOwnerOfTheFileAlone) {
+  sec_attr expected{};
+  std::strcpy(expected.user_name, "ada");
+  std::strcpy(expected.group_name, "staff");
+  expected.user_perm = 0x3f;
+  options_.root_security = expected;
+  options_.root_security.group_perm = 0x34;
+  options_.root_security.other_perm = 0x3;
+  damage_root();
+  EXPECT_TRUE(open()->is_own());
   ASSERT_EQ(findings(true).size(), 1u);
-  ASSERT_TRUE(find_root().ok());
-  EXPECT_EQ(root.id, kRootNode);
-  const sec_attr nobody{};
-  EXPECT_EQ(std::memcmp(&root.security, &nobody, sizeof nobody), 0);
-  EXPECT_EQ(text_of(*open(), id_), "the text of the value");
-  EXPECT_EQ(expect_sound(*open()).nodes, 2u);
+  expect_root(expected);
+}
+
+TEST_F(LmdbDamagedRoot, IsRepairedForTheSuperuserAloneByAnybodyElse) {
+  constexpr gid_t kSharedGroup = 1;
+  constexpr uid_t kMember = 54321;
+  const struct group* const entry = getgrgid(kSharedGroup);
+  if (geteuid() != 0 || entry == nullptr) GTEST_SKIP() << "only root can act as a member of the group";
+  ASSERT_EQ(chown(options_.directory.c_str(), 0, kSharedGroup), 0);
+  ASSERT_EQ(chmod(options_.directory.c_str(), 03770), 0);
+  for (const auto& file : fs::directory_iterator(options_.directory)) {
+    ASSERT_EQ(chown(file.path().c_str(), 0, kSharedGroup), 0);
+    ASSERT_EQ(chmod(file.path().c_str(), 0660), 0);
+  }
+  fs::permissions(temporary_.path(), fs::perms(0755));
+  options_.group = entry->gr_name;
+  options_.root_security.user_perm = 0x3f;
+  damage_root();
+  EXPECT_EQ(in_child([&] {
+              if (setgroups(0, nullptr) != 0 || setgid(kSharedGroup) != 0 || setuid(kMember) != 0) return 1;
+              if (open()->is_own()) return 2;
+              return findings(true).size() == 1 ? 0 : 3;
+            }),
+            0);
+  expect_root(sec_attr{});
 }
 
 TEST_F(LmdbDamage, ADamagedCounterOfIdsIsRepairedWithoutUsingAnIdAgain) {

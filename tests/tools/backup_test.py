@@ -3,6 +3,7 @@ import json
 import os
 import pathlib
 import resource
+import shutil
 import signal
 import subprocess
 import sys
@@ -353,6 +354,17 @@ class Verify(WithKeys):
         self.tkv("verify")
         self.assertEqual(self.out("export"), self.before)
 
+    def test_nothing_is_left_to_save_of_a_damaged_top(self):
+        self.damage_two_keys()
+        saved = self.folder / "saved"
+        for words in (("export", "app.broken"), ("export", "-o", saved, "app.broken"),
+                      ("backup", saved, "--key", "app.broken")):
+            with self.subTest(words=words):
+                message = self.fails(DAMAGED, *words, "--skip-damaged")
+                self.assertIn("nothing is left to save: key 'app.broken': ", message)
+                self.assertFalse(saved.exists())
+
+
     def test_skipping_damage_where_there_is_none_is_a_plain_success(self):
         self.assertEqual(self.out("export", "--skip-damaged"), self.before)
         self.tkv("backup", "--skip-damaged")
@@ -409,6 +421,46 @@ class Verify(WithKeys):
             with self.subTest(words=words):
                 self.assertIn("is not the data file of a registry", self.fails(UNUSABLE, *words))
         self.assertEqual(data.read_bytes(), b"not a registry" * 1000)
+
+
+@unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
+class OrdinaryUser(CommandTest):
+    """A user who is not root, with a registry of his own."""
+
+    ID = 54321
+
+    def setUp(self):
+        super().setUp()
+        for folder in (self.folder, self.backups):
+            os.chown(folder, self.ID, self.ID)
+
+    def run_command(self, *arguments, prefix=(), **how):
+        prefix = ("setpriv", f"--reuid={self.ID}", f"--regid={self.ID}", "--clear-groups", *prefix)
+        return super().run_command(*arguments, prefix=prefix, **how)
+
+    def masks_of_the_root(self):
+        return json.loads(self.out("stat", "--json", "."))["masks"]
+
+    def test_repairs_a_damaged_root_and_restores_it(self):
+        self.tkv("set", "-p", "app.name", "billing")
+        whole = self.out("backup", "-q").strip()
+        before = self.out("export")
+        masks = self.masks_of_the_root()
+        data = self.registry / "data.mdb"
+        root = b"N" + bytes(8) + b"\1\1\0\0\1"  # its key, and the first bytes of its record
+        contents = data.read_bytes()
+        self.assertIn(root, contents)
+        data.write_bytes(contents.replace(root, root[:-1] + b"\3"))
+        self.assertIn("damaged-key: the root key", self.tkv("verify", exits=DAMAGED).text)
+        for words in (("export",), ("backup",)):
+            self.assertIn("tkv verify --repair gives the root a new record", self.fails(DAMAGED, *words, "--skip-damaged"))
+        self.tkv("verify", "--repair")
+        self.assertEqual(self.masks_of_the_root(), [0x3f, 0, 0])
+        self.assertEqual(self.out("get", "app.name"), "billing\n")
+        self.tkv("restore", "--overwrite", "--yes", whole)
+        self.assertEqual(self.masks_of_the_root(), masks)
+        self.assertEqual(self.out("export"), before)
+        self.tkv("verify")
 
 
 if __name__ == "__main__":

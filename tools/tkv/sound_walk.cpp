@@ -12,6 +12,13 @@ const char* name_of(Part part) {
   return part == Part::kSubkeys ? "subkeys of " : "";
 }
 
+// Nothing below a damaged top can be found: its id is part of the damaged record. The root's id is known, but not who
+// may list its subkeys.
+Status nothing_left(const registry::WalkEntry& top) {
+  const char* remedy = top.name.empty() ? "; tkv verify --repair gives the root a new record" : "";
+  return {top.damage->code(), "nothing is left to save: " + top.damage->text() + remedy};
+}
+
 }  // namespace
 
 Outcome SkippedParts::outcome(const char* what) const {
@@ -27,7 +34,7 @@ Status walk_sound_keys(Context& context, const std::string& top, bool skip_damag
   if (skip_damaged) options.damaged = registry::WalkOptions::Damaged::kVisit;
   return context.client().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
     if (entry.damaged == Part::kNone) return visit(entry);
-    if (entry.damaged == Part::kRecord && entry.depth == 0) return *entry.damage;  // nothing else is left
+    if (entry.damaged == Part::kRecord && entry.depth == 0) return nothing_left(entry);
     ++skipped->count;
     context.complain({Exit::kDamaged, std::string("left out: ") + name_of(entry.damaged) +
                                           registry::describe(entry.name) + ": " + entry.damage->text()});

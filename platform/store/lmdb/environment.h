@@ -54,6 +54,9 @@ class Environment {
 
   const std::string& directory() const { return directory_; }
 
+  // See Store::is_own.
+  bool is_own() const { return files_->are_own(); }
+
   // Fills in the sizes and the readers. For use within a transaction, whose state this is.
   Status status(const FileState& state, StoreStatus* status) const;
 

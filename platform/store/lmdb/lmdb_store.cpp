@@ -202,6 +202,7 @@ class LmdbStore final : public Store {
       : held_(std::move(environment)),
         environment_(*held_),
         read_only_(options.read_only),
+        root_security_(options.root_security),
         wait_{std::chrono::milliseconds(options.timeout_ms), options.on_wait},
         retention_(retention_of(options)) {}
 
@@ -224,6 +225,7 @@ class LmdbStore final : public Store {
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                Totals* totals) override;
+  bool is_own() const override { return environment_.is_own(); }
   const char* kind() const override { return "lmdb"; }
   Status status(StoreStatus* status) override;
 
@@ -234,6 +236,7 @@ class LmdbStore final : public Store {
                     Totals* totals);
   Status check_and_repair(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                           Totals* totals);
+  sec_attr security_of_repaired_root() const;
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
   Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
@@ -247,6 +250,7 @@ class LmdbStore final : public Store {
   const Environment::Held held_;
   Environment& environment_;
   const bool read_only_;
+  const sec_attr root_security_;
   const WriterWait wait_;
   const Retention retention_;
   std::mutex past_mutex_;
@@ -456,6 +460,16 @@ Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, FunctionR
   return {};
 }
 
+// Nobody can tell the former rights. The root goes to the owner of the file alone, who created it, or to nobody but the
+// superuser if somebody else repairs.
+sec_attr LmdbStore::security_of_repaired_root() const {
+  sec_attr security{};
+  if (!is_own()) return security;
+  security = root_security_;
+  security.group_perm = security.other_perm = 0;
+  return security;
+}
+
 Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
                                    FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   // Only the attempt that is committed is reported.
@@ -479,7 +493,7 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
           if (Status log = update.forget_log(check.damaged_change()); !log.ok()) return log;
         }
         if (check.root_is_damaged()) {
-          if (Status root = update.reset_root(); !root.ok()) return root;
+          if (Status root = update.reset_root(security_of_repaired_root()); !root.ok()) return root;
         }
         return update.remove_all(removable);
       },

@@ -71,8 +71,8 @@ class LmdbUpdate final : public Update {
   // See Store::purge.
   Status purge(std::span<const NodeId> nodes, std::uint64_t* removed);
 
-  // Repairs the root's record, whose id is known. Nobody can tell its rights: only the superuser gets any.
-  Status reset_root() { return put_node(kNoNode, "", Node{kRootNode, {}}, 0); }
+  // Repairs the root's record, whose id is known.
+  Status reset_root(const sec_attr& security) { return put_node(kNoNode, "", Node{kRootNode, security}, 0); }
 
   // Removes records, but not what is below them.
   Status remove_all(const TreeCheck::Removable& removable);

@@ -248,4 +248,9 @@ Status RegistryFiles::data_size(std::uint64_t* size) const {
   return {};
 }
 
+bool RegistryFiles::are_own() const {
+  struct stat found {};
+  return fstat(data_.number(), &found) == 0 && found.st_uid == geteuid();
+}
+
 }  // namespace tkv::store

@@ -67,6 +67,9 @@ class RegistryFiles {
   // The size of the data file in bytes.
   Status data_size(std::uint64_t* size) const;
 
+  // Tells whether the data file belongs to the process's effective user.
+  bool are_own() const;
+
  private:
   explicit RegistryFiles(const LmdbOptions& options) : path_(options.directory) {}
 
