@@ -38,6 +38,7 @@ struct Arguments {
   std::optional<std::string> group;
   std::optional<std::string> mode;
   bool inherit = false;
+  std::optional<std::string> state;  // to read
 
   // get
   std::optional<std::string> reading;

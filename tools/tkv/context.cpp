@@ -3,10 +3,17 @@
 #include "characters.h"
 #include "json.h"
 #include "registry/name.h"
+#include "state_argument.h"
 
 namespace tkv::command {
 
-Outcome Context::open_to_read() { return open(false, true); }
+Outcome Context::open_to_read() {
+  StateArgument state;
+  if (!arguments_.state) return open(false, true);
+  if (Outcome parsed = StateArgument::parse(*arguments_.state, &state); !parsed.ok()) return parsed;
+  Outcome opened = open(false, true);
+  return opened.ok() ? state.open(*client_, &past_) : opened;
+}
 
 Outcome Context::open_to_change() { return open(false, false); }
 

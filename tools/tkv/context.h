@@ -26,7 +26,8 @@ class Context {
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
 
-  // Opens the registry for a verb that only reads. Fails with Exit::kNotFound if there is none.
+  // Opens the registry for a verb that only reads, and the state that --at names. Fails with Exit::kNotFound if there
+  // is none.
   Outcome open_to_read();
 
   // Opens the registry for a verb that changes existing keys. Fails with Exit::kNotFound if there is none.
@@ -36,6 +37,9 @@ class Context {
   Outcome open_or_create();
 
   registry::Client& client() { return *client_; }
+
+  // The state that --at names or, without it, the present.
+  registry::KeyReader& reader() { return past_ ? static_cast<registry::KeyReader&>(*past_) : *client_; }
   const Terminal& terminal() const { return terminal_; }
   Output& output() { return output_; }
   bool json() const { return arguments_.json; }
@@ -60,6 +64,7 @@ class Context {
   Terminal terminal_;
   Output& output_;
   std::shared_ptr<registry::Client> client_;
+  std::unique_ptr<registry::Snapshot> past_;
 };
 
 // Opens the registry of a configuration. Fails with Exit::kNotFound if there is none and `options` create none.

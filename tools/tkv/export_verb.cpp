@@ -75,7 +75,7 @@ Outcome run_export(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOptions{
     valued("-o,--output", "FILE", "Write to this file, whole or not at all", &Arguments::file, Candidates::kFiles),
-    kSkipDamaged};
+    kSkipDamaged, kAt};
 
 }  // namespace
 

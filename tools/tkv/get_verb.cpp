@@ -124,7 +124,7 @@ Outcome run_get(Context& context, const Arguments& arguments) {
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
   return each_key(context, names, [&](const std::string& name, std::string* json) -> Outcome {
     TypedValue value;
-    if (Status read = context.client().read_value(name, &value); !read.ok()) return read;
+    if (Status read = context.reader().read_value(name, &value); !read.ok()) return read;
     if (!context.json()) return print_value(context, name, value, reading);
     *json = value_json(name, value);
     return {};
@@ -133,7 +133,7 @@ Outcome run_get(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOptions{
     valued("--as", "READING", "auto, text, list, number, hex or raw", &Arguments::reading, Candidates::kReadings),
-    flag("-n,--no-newline", "Print no newline after the value", &Arguments::no_newline), kNullEnds};
+    flag("-n,--no-newline", "Print no newline after the value", &Arguments::no_newline), kNullEnds, kAt};
 
 }  // namespace
 

@@ -74,7 +74,7 @@ Outcome run_ls(Context& context, const Arguments& arguments) {
   std::vector<Row> rows;
   if (Outcome named = key_name(arguments.key.value_or("."), &name); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  const Status listed = context.client().list(name, arguments.long_lines, [&](const registry::Subkey& subkey) {
+  const Status listed = context.reader().list(name, arguments.long_lines, [&](const registry::Subkey& subkey) {
     rows.push_back({std::string(subkey.level), subkey.info});
     return Status();
   });
@@ -91,7 +91,7 @@ Outcome run_ls(Context& context, const Arguments& arguments) {
 }
 
 constexpr std::array kOptions{flag("-l,--long", "Show rights, owner, group, type and size", &Arguments::long_lines),
-                              flag("-f,--full", "Print full names", &Arguments::full_names), kNullEnds};
+                              flag("-f,--full", "Print full names", &Arguments::full_names), kNullEnds, kAt};
 
 }  // namespace
 

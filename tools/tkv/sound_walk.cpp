@@ -32,7 +32,7 @@ Status walk_sound_keys(Context& context, const std::string& top, bool skip_damag
   registry::WalkOptions options;
   options.values = true;
   if (skip_damaged) options.damaged = registry::WalkOptions::Damaged::kVisit;
-  return context.client().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
+  return context.reader().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
     if (entry.damaged == Part::kNone) return visit(entry);
     if (entry.damaged == Part::kRecord && entry.depth == 0) return nothing_left(entry);
     ++skipped->count;

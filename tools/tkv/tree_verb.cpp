@@ -43,7 +43,7 @@ Outcome parse_depth(const std::optional<std::string>& text, std::size_t* depth) 
 
 Outcome read_tree(Context& context, const std::string& top, const registry::WalkOptions& options,
                   std::vector<Leaf>* leaves) {
-  return context.client().walk(top, options, [&](const registry::WalkEntry& entry) {
+  return context.reader().walk(top, options, [&](const registry::WalkEntry& entry) {
     Leaf leaf;
     leaf.key = record_of(entry);
     leaf.key.has_value = options.values;
@@ -150,7 +150,7 @@ Outcome run_tree(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOptions{valued("-d,--depth", "LEVELS", "Descend at most this many levels", &Arguments::depth),
                               flag("-k,--keys", "Show keys without their values", &Arguments::no_values),
-                              flag("-l,--long", "Show whole values, owners and rights", &Arguments::long_lines)};
+                              flag("-l,--long", "Show whole values, owners and rights", &Arguments::long_lines), kAt};
 
 }  // namespace
 

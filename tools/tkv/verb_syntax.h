@@ -41,6 +41,8 @@ inline constexpr Option kNullEnds =
 inline constexpr Option kSkipDamaged =
     flag("--skip-damaged", "Leave out what cannot be read, and say so", &Arguments::skip_damaged);
 inline constexpr Option kDryRun = flag("-n,--dry-run", "Print the difference, change nothing", &Arguments::dry_run);
+inline constexpr Option kAt =
+    valued("--at", "REVISION|TIME", "Read a former state: 17, 2026-02-28T12:30:05Z, '2 hours ago'", &Arguments::state);
 
 inline constexpr std::array kKeyOrRoot{one("KEY", "Full name; default: the root", false, &Arguments::key)};
 inline constexpr std::array kKeys{many("KEY", "Full names", true, &Arguments::keys)};
