@@ -202,6 +202,35 @@ class AnotherUser(CommandTest):
         lines = self.as_nobody("ls", "-l", "app").text.splitlines()
         self.assertEqual([line.split()[0] for line in lines if line.endswith("secret")], ["?"])
 
+    def test_recursive_ls_says_once_what_it_may_not_list(self):
+        self.tkv("set", "-p", "app.barred.below", "b")
+        self.tkv("chmod", "o=", "app.barred")
+        result = self.as_nobody("ls", "-R", "app")
+        self.assertEqual(result.text.splitlines(), ["app.barred", "app.closed", "app.open", "app.secret"])
+        self.assertEqual(result.messages, "tkv: note: access denied to the subkeys of key 'app.barred' "
+                                          "and of 1 other key\n")
+        self.assertEqual(self.as_nobody("ls", "-Rq", "app").messages, "")
+        keys = {key["name"]: key for key in json.loads(self.as_nobody("ls", "-Rl", "--json", "app").text)}
+        self.assertEqual(keys["app.barred"], {"level": "barred", "name": "app.barred", "subkeys_denied": True})
+        self.assertEqual((keys["app.closed"]["subkeys"], keys["app.closed"]["subkeys_denied"]), (True, True))
+        self.assertNotIn("subkeys_denied", keys["app.open"])
+        lines = self.as_nobody("ls", "-Rl", "app").text.splitlines()
+        self.assertEqual([line.split()[0] for line in lines if line.split()[-1] in ("app.secret", "app.barred.")],
+                         ["?", "?"])
+        self.denied("ls", "-R", "app.closed")
+
+    def test_find_passes_over_what_it_may_not_see_and_says_so_once(self):
+        result = self.as_nobody("find", "*", "app")
+        self.assertEqual(result.text.splitlines(), ["app", "app.closed", "app.open", "app.secret"])
+        self.assertEqual(result.messages, "tkv: note: access denied to the subkeys of key 'app.closed'\n")
+        result = self.as_nobody("find", "--values", "for *", "app")
+        self.assertEqual(result.text, "app.open\n")
+        self.assertIn("tkv: note: access denied to the value of key 'app.secret'\n", result.messages)
+        result = self.as_nobody("find", "below", "app", exits=NOT_FOUND)
+        self.assertIn("access denied to the subkeys of key 'app.closed'", result.messages)
+        shown = self.as_nobody("find", "--values", "--json", "secret", "app").text
+        self.assertEqual(json.loads(shown), [{"name": "app.secret", "matched": ["name"]}])
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -59,6 +59,9 @@ struct Arguments {
   bool full_names = false;
   bool no_values = false;
   std::optional<std::string> depth;
+  // find
+  std::optional<std::string> pattern;
+  bool search_values = false;
   // rm
   bool force = false;
   // cp

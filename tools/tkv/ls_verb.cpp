@@ -4,20 +4,23 @@
 
 #include "characters.h"
 #include "context.h"
+#include "denied_parts.h"
 #include "description.h"
 #include "json.h"
 #include "masks.h"
 #include "records.h"
 #include "registry/access.h"
+#include "registry/name.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
 namespace {
 
-// A subkey as it is listed.
+// A key as it is listed.
 struct Row {
-  std::string level;
+  std::string name;
   registry::KeyInfo info;
+  bool subkeys_denied = false;
 
   bool readable() const { return (info.rights & TKV_RIGHT_READ) != 0; }
 };
@@ -41,7 +44,8 @@ void print_name(Context& context, std::string_view name) {
   context.output().write(painted(context.terminal(), Ink::kKey, for_output(context.terminal(), utf8_for_people(name))));
 }
 
-void print_rows(Context& context, const std::string& parent, const std::vector<Row>& rows, const Arguments& arguments) {
+void print_rows(Context& context, const std::vector<Row>& rows, const Arguments& arguments) {
+  const bool full_names = arguments.full_names || arguments.recursive;
   std::size_t owner_width = 0;
   std::size_t group_width = 0;
   for (const Row& row : rows) {
@@ -52,46 +56,88 @@ void print_rows(Context& context, const std::string& parent, const std::vector<R
     if (arguments.long_lines) {
       context.output().write(for_output(context.terminal(), described(row, owner_width, group_width)));
     }
-    print_name(context, arguments.full_names ? child_name(parent, row.level) : row.level);
+    print_name(context, full_names ? row.name : registry::last_level(row.name));
     if (arguments.long_lines && row.info.has_subkeys) context.output().write(".");
     context.output().write(arguments.null_ends ? std::string_view("\0", 1) : "\n");
   }
 }
 
-std::string row_json(const std::string& parent, const Row& row, bool described) {
+std::string row_json(const Row& row, bool described) {
   JsonObject object;
-  object.text("level", row.level).text("name", child_name(parent, row.level));
-  if (!described || !row.readable()) return object.str();
-  add_security(row.info.security, &object);
-  object.raw("type", json_string(type_name(row.info.type)))
-      .number("size", row.info.size)
-      .flag("subkeys", row.info.has_subkeys);
+  object.text("level", registry::last_level(row.name)).text("name", row.name);
+  if (described && row.readable()) {
+    add_security(row.info.security, &object);
+    object.raw("type", json_string(type_name(row.info.type)))
+        .number("size", row.info.size)
+        .flag("subkeys", row.info.has_subkeys);
+  }
+  if (row.subkeys_denied) object.flag("subkeys_denied", true);
   return object.str();
+}
+
+Status read_subkeys(registry::KeyReader& reader, const std::string& top, bool described, std::vector<Row>* rows) {
+  return reader.list(top, described, [&](const registry::Subkey& subkey) {
+    rows->push_back({child_name(top, subkey.level), subkey.info});
+    return Status();
+  });
+}
+
+registry::KeyInfo info_of(const registry::WalkEntry& entry) {
+  registry::KeyInfo info;
+  info.rights = entry.rights;
+  info.security = entry.security;
+  info.type = entry.type;
+  info.size = entry.value.size();
+  info.has_subkeys = entry.subkeys_hidden;
+  return info;
+}
+
+// Reads the keys below `top` on one state. As for a list of its subkeys, the right to list those of `top` is needed.
+Status read_keys_below(registry::KeyReader& reader, const std::string& top, bool described, std::vector<Row>* rows,
+                       DeniedParts* denied) {
+  registry::WalkOptions options;
+  std::size_t depth = 0;  // of the last row
+  options.denied = registry::WalkOptions::Denied::kSkip;
+  options.values = described;
+  return reader.walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
+    if (entry.depth == 0) {
+      if ((entry.rights & TKV_RIGHT_LIST) != 0) return {};
+      return {PRTKV_ACCESS_DENIED, registry::describe(top) + ": access denied, its subkeys may not be listed"};
+    }
+    if (entry.depth > depth && !rows->empty()) rows->back().info.has_subkeys = true;
+    if (entry.subkeys_hidden) denied->add_subkeys(entry.name);
+    rows->push_back({std::string(entry.name), info_of(entry), entry.subkeys_hidden});
+    depth = entry.depth;
+    return {};
+  });
 }
 
 Outcome run_ls(Context& context, const Arguments& arguments) {
   std::string name;
   std::vector<Row> rows;
+  DeniedParts denied;
   if (Outcome named = key_name(arguments.key.value_or("."), &name); !named.ok()) return named;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  const Status listed = context.reader().list(name, arguments.long_lines, [&](const registry::Subkey& subkey) {
-    rows.push_back({std::string(subkey.level), subkey.info});
-    return Status();
-  });
+  registry::KeyReader& reader = context.reader();
+  const Status listed = arguments.recursive ? read_keys_below(reader, name, arguments.long_lines, &rows, &denied)
+                                            : read_subkeys(reader, name, arguments.long_lines, &rows);
   if (!listed.ok()) return listed;
   if (context.json()) {
     std::vector<std::string> objects;
     objects.reserve(rows.size());
-    for (const Row& row : rows) objects.push_back(row_json(name, row, arguments.long_lines));
+    for (const Row& row : rows) objects.push_back(row_json(row, arguments.long_lines));
     context.output().line(json_lines(objects));
   } else {
-    print_rows(context, name, rows, arguments);
+    print_rows(context, rows, arguments);
   }
+  denied.say(context.terminal());
   return {};
 }
 
-constexpr std::array kOptions{flag("-l,--long", "Show rights, owner, group, type and size", &Arguments::long_lines),
-                              flag("-f,--full", "Print full names", &Arguments::full_names), kNullEnds, kAt};
+constexpr std::array kOptions{
+    flag("-l,--long", "Show rights, owner, group, type and size", &Arguments::long_lines),
+    flag("-f,--full", "Print full names", &Arguments::full_names),
+    flag("-R,--recursive", "List all keys below KEY, by their full names", &Arguments::recursive), kNullEnds, kAt};
 
 }  // namespace
 
@@ -101,10 +147,15 @@ constinit const Verb kLsVerb{
     .details = R"(Prints one subkey per line, in byte order. Needs the right l (list) on the key.
 With -l, a dot after the name marks a key that has subkeys itself, and ? stands
 for what the caller may not read.
+
+With -R, each key comes before its subkeys, and all are of one state of the
+registry. Subkeys that the caller may not list are left out, and a note says of
+which keys.
 )",
     .examples = R"(  tkv ls
   tkv ls -l SYSTEM
   tkv ls -0f app | xargs -0 -n1 tkv get
+  tkv ls -R app
 )",
     .operands = kKeyOrRoot,
     .options = kOptions,

@@ -75,6 +75,7 @@ extern const Verb kSetVerb;
 extern const Verb kCreateVerb;
 extern const Verb kLsVerb;
 extern const Verb kTreeVerb;
+extern const Verb kFindVerb;
 extern const Verb kStatVerb;
 extern const Verb kRmVerb;
 extern const Verb kMvVerb;
