@@ -58,24 +58,40 @@ jbyteArray reply_to(JNIEnv* env, Call&& call) noexcept {
   }
 }
 
-// As reply_to, for calls that read an open registry.
+// As reply_to, for calls on an open registry.
 template <typename Call>
-jbyteArray read_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
+jbyteArray call_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
   return reply_to(env, [&](DataWriter& result) -> Status {
     const std::shared_ptr<OpenRegistry> open = find_registry(handle);
     if (open == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
-    return call(open->client(), result);
+    return call(*open, result);
+  });
+}
+
+// As call_registry, for calls that need no more than the client.
+template <typename Call>
+jbyteArray read_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
+  return call_registry(env, handle,
+                       [&](OpenRegistry& open, DataWriter& result) -> Status { return call(open.client(), result); });
+}
+
+// As call_registry, for calls that read the present or a snapshot.
+template <typename Call>
+jbyteArray read_state(JNIEnv* env, jlong handle, jlong snapshot, Call&& call) noexcept {
+  return call_registry(env, handle, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    if (snapshot == kPresent) return call(open.client(), result);
+    const std::shared_ptr<registry::Snapshot> found = open.snapshots().find(snapshot);
+    if (found == nullptr) return {PRTKV_INVALID_HANDLE, "the snapshot is closed"};
+    return call(*found, result);
   });
 }
 
 // As read_registry, for calls that change the registry.
 template <typename Call>
 jbyteArray change_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
-  return reply_to(env, [&](DataWriter& result) -> Status {
-    const std::shared_ptr<OpenRegistry> open = find_registry(handle);
-    if (open == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
-    if (Status status = open->check_writable(); !status.ok()) return status;
-    return call(open->client(), result);
+  return call_registry(env, handle, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    if (Status status = open.check_writable(); !status.ok()) return status;
+    return call(open.client(), result);
   });
 }
 

@@ -1,4 +1,4 @@
-// OpenRegistry: a Client that Java has opened, and the table of all of them.
+// OpenRegistry: a Client that Java has opened, with the snapshots of it, and the table of all of them.
 #ifndef TKV_JAVA_NATIVE_OPEN_REGISTRY_H
 #define TKV_JAVA_NATIVE_OPEN_REGISTRY_H
 
@@ -8,16 +8,22 @@
 #include <utility>
 
 #include "base/status.h"
+#include "handle_table.h"
 #include "registry/client.h"
 
 namespace tkv::java {
 
+// In place of the handle of a snapshot: the registry as it is at each call.
+constexpr jlong kPresent = 0;
+
+// What belongs to a registry ends with it. Any thread may call.
 class OpenRegistry {
  public:
   OpenRegistry(std::shared_ptr<registry::Client> client, bool read_only)
       : client_(std::move(client)), read_only_(read_only) {}
 
   registry::Client& client() const { return *client_; }
+  HandleTable<registry::Snapshot>& snapshots() { return snapshots_; }
 
   // Returns PRTKV_ACCESS_DENIED if the registry was opened for reading only.
   Status check_writable() const;
@@ -25,6 +31,7 @@ class OpenRegistry {
  private:
   const std::shared_ptr<registry::Client> client_;
   const bool read_only_;
+  HandleTable<registry::Snapshot> snapshots_;
 };
 
 // Opens a handle on a registry. Any thread may call.

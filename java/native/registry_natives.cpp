@@ -3,8 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "call.h"
@@ -26,8 +28,10 @@ namespace {
 using registry::Client;
 using registry::KeyId;
 using registry::KeyInfo;
+using registry::KeyReader;
 using registry::NamedValue;
 using registry::PutOptions;
+using registry::Snapshot;
 using registry::TypedValue;
 using registry::WalkEntry;
 using registry::WalkOptions;
@@ -37,6 +41,7 @@ constexpr std::int32_t kPutNewOnly = 1;
 constexpr std::int32_t kPutCreatesParents = 2;
 constexpr jlong kCopyReplaces = 1;
 constexpr jlong kCopyIsOwn = 2;
+constexpr jlong kLatest = -1;
 
 constexpr auto no_progress = [](std::uint64_t) {};
 
@@ -78,54 +83,85 @@ jbyteArray JNICALL checkLocation(JNIEnv* env, jclass, jstring location) {
       env, [&](DataWriter&) { return registry::check_location(std::string(StringArgument(env, location).view())); });
 }
 
-// --- Reading ---
+// --- States ---
 
-jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_registry(env, registry, [&](Client& client, DataWriter&) {
-    KeyId id = registry::kAnyKey;
-    return client.find(StringArgument(env, name).view(), &id);
+jbyteArray JNICALL revision(JNIEnv* env, jclass, jlong registry) {
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    Revision revision = 0;
+    if (Status status = client.revision(&revision); !status.ok()) return status;
+    result.word64(static_cast<std::int64_t>(revision));
+    return {};
   });
 }
 
-jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+jbyteArray JNICALL beginSnapshot(JNIEnv* env, jclass, jlong registry, jlong revision) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    std::unique_ptr<Snapshot> snapshot;
+    const Status status =
+        revision == kLatest ? open.client().snapshot(&snapshot) : open.client().at(Revision(revision), &snapshot);
+    if (!status.ok()) return status;
+    const Revision of_state = snapshot->revision();
+    result.word64(open.snapshots().add(std::move(snapshot)));
+    result.word64(static_cast<std::int64_t>(of_state));
+    return {};
+  });
+}
+
+void JNICALL endSnapshot(JNIEnv*, jclass, jlong registry, jlong snapshot) {
+  if (const std::shared_ptr<OpenRegistry> open = find_registry(registry)) open->snapshots().remove(snapshot);
+}
+
+// --- Reading ---
+
+jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter&) {
+    KeyId id = registry::kAnyKey;
+    return reader.find(StringArgument(env, name).view(), &id);
+  });
+}
+
+jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
     TypedValue found;
-    if (Status status = client.read_value(StringArgument(env, name).view(), &found); !status.ok()) return status;
+    if (Status status = reader.read_value(StringArgument(env, name).view(), &found); !status.ok()) return status;
     result.word32(found.type);
     result.raw(found.bytes);
     return {};
   });
 }
 
-jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_registry(env, registry, [&](Client& client, DataWriter& result) {
-    return client.list(StringArgument(env, name).view(), false, [&](const registry::Subkey& subkey) -> Status {
+jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
+    return reader.list(StringArgument(env, name).view(), false, [&](const registry::Subkey& subkey) -> Status {
       result.text(subkey.level);
       return {};
     });
   });
 }
 
-jbyteArray JNICALL stat(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+jbyteArray JNICALL stat(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
     KeyInfo info;
-    if (Status status = client.stat(StringArgument(env, name).view(), &info); !status.ok()) return status;
+    if (Status status = reader.stat(StringArgument(env, name).view(), &info); !status.ok()) return status;
     result.word32(info.type);
     result.word64(static_cast<std::int64_t>(info.size));
     result.word32(info.has_subkeys ? 1 : 0);
     result.word32(info.rights);
     write_security(info.security, result);
+    result.word64(static_cast<std::int64_t>(info.revision));
+    result.word64(info.changed_at);
+    result.text(info.changed_by);
     return {};
   });
 }
 
 // A walk that visits the key alone: it tells the rights without needing any.
-jbyteArray JNICALL rights(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_registry(env, registry, [&](Client& client, DataWriter& result) {
+jbyteArray JNICALL rights(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
     WalkOptions options;
     options.denied = WalkOptions::Denied::kSkip;
     options.depth = 0;
-    return client.walk(StringArgument(env, name).view(), options, [&](const WalkEntry& entry) -> Status {
+    return reader.walk(StringArgument(env, name).view(), options, [&](const WalkEntry& entry) -> Status {
       result.word32(entry.rights);
       return {};
     });
@@ -137,12 +173,12 @@ void write_block(const WalkBlock& block, DataWriter& to) {
   to.raw(block.entries);
 }
 
-jbyteArray JNICALL beginWalk(JNIEnv* env, jclass, jlong registry, jstring name, jlong depth) {
-  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+jbyteArray JNICALL beginWalk(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name, jlong depth) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
     if (depth < 0) return {PRTKV_INVALID_ARGUMENT, "a depth below 0"};
     WalkBlock block;
     const StringArgument top(env, name);
-    if (Status status = begin_walk(client, top.view(), static_cast<std::size_t>(depth), &block); !status.ok()) {
+    if (Status status = begin_walk(reader, top.view(), static_cast<std::size_t>(depth), &block); !status.ok()) {
       return status;
     }
     write_block(block, result);
@@ -239,8 +275,8 @@ jbyteArray JNICALL recordServiceDependencies(JNIEnv* env, jclass, jlong registry
   });
 }
 
-template <typename... Arguments>
-JNINativeMethod method(const char* name, const char* signature, jbyteArray (*function)(JNIEnv*, jclass, Arguments...)) {
+template <typename Result, typename... Arguments>
+JNINativeMethod method(const char* name, const char* signature, Result (*function)(JNIEnv*, jclass, Arguments...)) {
   // The JVM only reads the texts.
   return {const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function)};
 }
@@ -253,14 +289,17 @@ void register_registry_natives(JNIEnv* env) {
       method("close", "(J)[B", close),
       method("describe", "(J)[B", describe),
       method("checkLocation", "(Ljava/lang/String;)[B", checkLocation),
-      method("exists", "(JLjava/lang/String;)[B", exists),
-      method("value", "(JLjava/lang/String;)[B", value),
-      method("list", "(JLjava/lang/String;)[B", list),
-      method("stat", "(JLjava/lang/String;)[B", stat),
-      method("rights", "(JLjava/lang/String;)[B", rights),
-      method("beginWalk", "(JLjava/lang/String;J)[B", beginWalk),
+      method("revision", "(J)[B", revision),
+      method("beginSnapshot", "(JJ)[B", beginSnapshot),
+      method("endSnapshot", "(JJ)V", endSnapshot),
+      method("exists", "(JJLjava/lang/String;)[B", exists),
+      method("value", "(JJLjava/lang/String;)[B", value),
+      method("list", "(JJLjava/lang/String;)[B", list),
+      method("stat", "(JJLjava/lang/String;)[B", stat),
+      method("rights", "(JJLjava/lang/String;)[B", rights),
+      method("beginWalk", "(JJLjava/lang/String;J)[B", beginWalk),
       method("continueWalk", "(J)[B", continueWalk),
-      {const_cast<char*>("endWalk"), const_cast<char*>("(J)V"), reinterpret_cast<void*>(endWalk)},
+      method("endWalk", "(J)V", endWalk),
       method("put", "(J[B)[B", put),
       method("clear", "(JLjava/lang/String;)[B", clear),
       method("changeSecurity", "(JLjava/lang/String;[BJ)[B", changeSecurity),

@@ -35,15 +35,17 @@ void write_entry(const WalkEntry& entry, DataWriter& to) {
   to.word32(entry.rights);
   to.word32(entry.type);
   to.text({reinterpret_cast<const char*>(entry.value.data()), entry.value.size()});
-  if ((entry.rights & TKV_RIGHT_READ) != 0) write_security(entry.security, to);
+  if ((entry.rights & TKV_RIGHT_READ) == 0) return;
+  write_security(entry.security, to);
+  to.word64(static_cast<std::int64_t>(entry.revision));
 }
 
-Status collect(registry::Client& client, std::string_view name, std::size_t depth, std::deque<std::string>* blocks) {
+Status collect(registry::KeyReader& reader, std::string_view name, std::size_t depth, std::deque<std::string>* blocks) {
   WalkOptions options;
   options.denied = WalkOptions::Denied::kSkip;
   options.values = true;
   options.depth = depth;
-  return client.walk(name, options, [&](const WalkEntry& entry) -> Status {
+  return reader.walk(name, options, [&](const WalkEntry& entry) -> Status {
     if (entry.subkeys_hidden) {
       return {PRTKV_ACCESS_DENIED, registry::describe(entry.name) + ": access denied, its subkeys may not be listed"};
     }
@@ -57,9 +59,9 @@ Status collect(registry::Client& client, std::string_view name, std::size_t dept
 
 }  // namespace
 
-Status begin_walk(registry::Client& client, std::string_view name, std::size_t depth, WalkBlock* first) {
+Status begin_walk(registry::KeyReader& reader, std::string_view name, std::size_t depth, WalkBlock* first) {
   auto collected = std::make_shared<Blocks>();
-  if (Status status = collect(client, name, depth, &collected->blocks); !status.ok()) return status;
+  if (Status status = collect(reader, name, depth, &collected->blocks); !status.ok()) return status;
   *first = {};
   if (collected->blocks.empty()) return {};
   first->entries = std::move(collected->blocks.front());

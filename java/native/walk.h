@@ -25,7 +25,7 @@ struct WalkBlock {
 //
 // Values come with the entries of keys that may be read. A key whose subkeys may not be listed yields
 // PRTKV_ACCESS_DENIED. Any thread may call.
-Status begin_walk(registry::Client& client, std::string_view name, std::size_t depth, WalkBlock* first);
+Status begin_walk(registry::KeyReader& reader, std::string_view name, std::size_t depth, WalkBlock* first);
 
 // Delivers the next block. Returns PRTKV_INVALID_HANDLE if `rest` is not open. Any thread may call.
 Status continue_walk(jlong rest, WalkBlock* next);

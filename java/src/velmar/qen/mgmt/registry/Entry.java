@@ -9,20 +9,25 @@ public final class Entry {
     private final EnumSet<Right> rights;
     private final Value value;
     private final KeySecurity security;
+    private final Long revision;
 
-    private Entry(String name, EnumSet<Right> rights, Value value, KeySecurity security) {
+    private Entry(String name, EnumSet<Right> rights, Value value, KeySecurity security, Long revision) {
         this.name = name;
         this.rights = rights;
         this.value = value;
         this.security = security;
+        this.revision = revision;
     }
 
     static Entry read(DataReader from) {
         String name = from.text();
         EnumSet<Right> rights = Right.ofMask(from.word32());
         Value value = from.value(from.word32());
-        boolean readable = rights.contains(Right.READ);
-        return new Entry(name, rights, readable ? value : null, readable ? KeySecurity.read(from) : null);
+        if (!rights.contains(Right.READ)) {
+            return new Entry(name, rights, null, null, null);
+        }
+        KeySecurity security = KeySecurity.read(from);
+        return new Entry(name, rights, value, security, from.word64());
     }
 
     /**
@@ -79,6 +84,16 @@ public final class Entry {
      */
     public KeySecurity security() {
         return readable(security);
+    }
+
+    /**
+     * Returns the revision of the last change of the key or its value.
+     *
+     * @return the revision; 0 if the change is older than revisions are
+     * @throws MissingRightException if the session may not read the key
+     */
+    public long revision() {
+        return readable(revision);
     }
 
     private <T> T readable(T part) {

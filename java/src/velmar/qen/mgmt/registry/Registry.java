@@ -6,13 +6,10 @@ import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
 import java.nio.file.Path;
 import java.time.Duration;
-import java.util.ArrayList;
-import java.util.EnumSet;
 import java.util.List;
 import java.util.Map;
 import java.util.Objects;
 import java.util.Optional;
-import java.util.stream.Stream;
 
 /**
  * The cluster registry: a tree of keys, each with a value and a security.
@@ -39,16 +36,13 @@ import java.util.stream.Stream;
  * <p>Methods throw a {@link RegistryException}, or a subclass, if the registry does not carry out the call; {@link
  * RegistryClosedException} after {@link #close}; {@link NullPointerException} for null arguments.
  */
-public final class Registry implements RegistryReader, AutoCloseable {
+public final class Registry extends NativeReader implements AutoCloseable {
     private static final String PATCH_LEVEL = "SYSTEM.version.patch";
 
-    private static final Cleaner CLEANER = Cleaner.create();
-
-    private final long handle;
     private final Cleaner.Cleanable cleanable;
 
     private Registry(long handle, Runnable afterClosing) {
-        this.handle = handle;
+        super(handle, RegistryNatives.PRESENT);
         this.cleanable = CLEANER.register(this, () -> {
             RegistryNatives.close(handle);
             afterClosing.run();
@@ -157,96 +151,56 @@ public final class Registry implements RegistryReader, AutoCloseable {
     }
 
     /**
-     * Closes the registry, after waiting for the calls in progress. Closing it again has no effect. Streams that were
-     * opened before can still be read.
+     * Closes the registry with its snapshots, after waiting for the calls in progress. Closing it again has no effect.
+     * Streams that were opened before can still be read.
      */
     @Override
     public void close() {
         // Close directly: the Cleaner does not wait for a close that another thread has begun.
-        RegistryNatives.close(handle);
+        RegistryNatives.close(registry);
         cleanable.clean();
     }
 
-    // --- Reading ---
+    // --- States ---
 
-    @Override
-    public Optional<Value> findValue(String name) {
-        Objects.requireNonNull(name, "name");
-        byte[] reply;
+    /**
+     * Returns the revision of the latest state: the number of the last change of anything in the registry. Revisions
+     * grow with each change, not always by one. No right is needed to know them.
+     *
+     * @return the revision
+     */
+    public long revision() {
         try {
-            reply = RegistryNatives.value(handle, name);
-        } finally {
-            Reference.reachabilityFence(this);
-        }
-        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
-            return Optional.empty();
-        }
-        DataReader result = Reply.checked(reply, name);
-        return Optional.of(result.valueToEnd(result.word32()));
-    }
-
-    @Override
-    public boolean exists(String name) {
-        Objects.requireNonNull(name, "name");
-        byte[] reply;
-        try {
-            reply = RegistryNatives.exists(handle, name);
-        } finally {
-            Reference.reachabilityFence(this);
-        }
-        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
-            return false;
-        }
-        Reply.checked(reply, name);
-        return true;
-    }
-
-    @Override
-    public List<String> list(String name) {
-        Objects.requireNonNull(name, "name");
-        try {
-            DataReader levels = Reply.checked(RegistryNatives.list(handle, name), name);
-            List<String> names = new ArrayList<>();
-            while (!levels.atEnd()) {
-                names.add(levels.text());
-            }
-            return List.copyOf(names);
+            return Reply.checked(RegistryNatives.revision(registry), null).word64();
         } finally {
             Reference.reachabilityFence(this);
         }
     }
 
-    @Override
-    public Stream<Entry> walk(String name, int depth) {
-        Objects.requireNonNull(name, "name");
-        if (depth < 0) {
-            throw new IllegalArgumentException("a depth below 0: " + depth);
-        }
-        try {
-            return EntryStream.of(Reply.checked(RegistryNatives.beginWalk(handle, name, depth), name), CLEANER);
-        } finally {
-            Reference.reachabilityFence(this);
-        }
+    /**
+     * Returns the latest state, for reading any number of keys as they are at one time.
+     *
+     * @return the snapshot, to be closed
+     */
+    public Snapshot snapshot() {
+        return new Snapshot(this, RegistryNatives.LATEST);
     }
 
-    @Override
-    public KeyInfo stat(String name) {
-        Objects.requireNonNull(name, "name");
-        try {
-            return KeyInfo.read(name, Reply.checked(RegistryNatives.stat(handle, name), name));
-        } finally {
-            Reference.reachabilityFence(this);
+    /**
+     * Returns a former state, for reading keys as they were right after a change. How many states are retained is
+     * configured.
+     *
+     * @param revision the revision of the change
+     * @return the snapshot, to be closed
+     * @throws IllegalArgumentException if the revision is negative
+     * @throws RegistryException with code 8 if that state is no longer retained, or does not exist yet; the message says
+     *     which states are
+     */
+    public Snapshot at(long revision) {
+        if (revision < 0) {
+            throw new IllegalArgumentException("a revision below 0: " + revision);
         }
-    }
-
-    @Override
-    public EnumSet<Right> rights(String name) {
-        Objects.requireNonNull(name, "name");
-        try {
-            return Right.ofMask(Reply.checked(RegistryNatives.rights(handle, name), name).word32());
-        } finally {
-            Reference.reachabilityFence(this);
-        }
+        return new Snapshot(this, revision);
     }
 
     // --- Writing values ---
@@ -704,7 +658,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
      */
     public void recordServiceDependencies(int mode) {
         try {
-            Reply.checked(RegistryNatives.recordServiceDependencies(handle, mode), null);
+            Reply.checked(RegistryNatives.recordServiceDependencies(registry, mode), null);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -714,7 +668,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
 
     private Description description() {
         try {
-            return Description.read(Reply.checked(RegistryNatives.describe(handle), null));
+            return Description.read(Reply.checked(RegistryNatives.describe(registry), null));
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -732,7 +686,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         values.forEach((name, value) ->
                 request.text(name).word32(StoredValue.typeCode(value)).bytes(StoredValue.encode(value)));
         try {
-            return RegistryNatives.put(handle, request.done());
+            return RegistryNatives.put(registry, request.done());
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -753,7 +707,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         byte[] reply = tryPut(name, new Value.None(), RegistryNatives.PUT_NEW_ONLY, security);
         while (Reply.code(reply) == ResultCode.KEY_EXISTS) {
             try {
-                reply = RegistryNatives.clear(handle, name);
+                reply = RegistryNatives.clear(registry, name);
             } finally {
                 Reference.reachabilityFence(this);
             }
@@ -768,7 +722,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         Objects.requireNonNull(name, "name");
         byte[] request = security.write(new DataWriter()).done();
         try {
-            Reply.checked(RegistryNatives.changeSecurity(handle, name, request, recursive ? 1 : 0), name);
+            Reply.checked(RegistryNatives.changeSecurity(registry, name, request, recursive ? 1 : 0), name);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -778,7 +732,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         Objects.requireNonNull(name, "name");
         byte[] reply;
         try {
-            reply = RegistryNatives.remove(handle, name, recursive ? 1 : 0);
+            reply = RegistryNatives.remove(registry, name, recursive ? 1 : 0);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -793,7 +747,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         Objects.requireNonNull(source, "source");
         Objects.requireNonNull(target, "target");
         try {
-            checkTransfer(RegistryNatives.move(handle, source, target, replace ? 1 : 0), source, target);
+            checkTransfer(RegistryNatives.move(registry, source, target, replace ? 1 : 0), source, target);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -805,7 +759,7 @@ public final class Registry implements RegistryReader, AutoCloseable {
         Objects.requireNonNull(owner, "owner");
         long all = flags | (owner == CopyOwner.SESSION ? RegistryNatives.COPY_IS_OWN : 0);
         try {
-            checkTransfer(RegistryNatives.copy(handle, source, target, all), source, target);
+            checkTransfer(RegistryNatives.copy(registry, source, target, all), source, target);
         } finally {
             Reference.reachabilityFence(this);
         }
@@ -822,6 +776,6 @@ public final class Registry implements RegistryReader, AutoCloseable {
     }
 
     private boolean isPresent(String name) {
-        return RegistryNatives.exists(handle, name) == null;
+        return RegistryNatives.exists(registry, RegistryNatives.PRESENT, name) == null;
     }
 }

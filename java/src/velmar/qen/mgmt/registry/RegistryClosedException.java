@@ -1,6 +1,6 @@
 package velmar.qen.mgmt.registry;
 
-/** The registry, or the stream, was closed before the call could start (code 3, invalid handle). */
+/** The registry, the snapshot or the stream was closed before the call could start (code 3, invalid handle). */
 public final class RegistryClosedException extends RegistryException {
     private static final long serialVersionUID = 1;
 

@@ -3,7 +3,8 @@ package velmar.qen.mgmt.registry;
 /**
  * The registry client's operations. They are registered when {@code libtkv.so} is loaded.
  *
- * <p>A registry is identified by the number that {@link #open} returns. Names are full names. A reply is null if the
+ * <p>A registry is identified by the number that {@link #open} returns, and a snapshot of it by that of {@link
+ * #beginSnapshot}, which ends with the registry. Names are full names. A reply is null if the
  * call has succeeded and has no result; otherwise, it begins with a result code, and {@link Reply} decodes it. Any
  * thread may call any method at any time, also while another closes the registry.
  */
@@ -13,6 +14,10 @@ final class RegistryNatives {
     static final int PUT_CREATES_PARENTS = 2;
     static final long COPY_REPLACES = 1;
     static final long COPY_IS_OWN = 2;
+    static final long LATEST = -1;
+
+    /** In place of a snapshot: the registry as it is at each call. */
+    static final long PRESENT = 0;
 
     private RegistryNatives() {}
 
@@ -27,22 +32,30 @@ final class RegistryNatives {
 
     static native byte[] checkLocation(String location);
 
-    static native byte[] exists(long registry, String name);
+    /** Result: the revision of the latest state. */
+    static native byte[] revision(long registry);
+
+    /** Result: the snapshot of a revision or of {@link #LATEST}, and its revision. */
+    static native byte[] beginSnapshot(long registry, long revision);
+
+    static native void endSnapshot(long registry, long snapshot);
+
+    static native byte[] exists(long registry, long snapshot, String name);
 
     /** Result: type, then the bytes to the end. */
-    static native byte[] value(long registry, String name);
+    static native byte[] value(long registry, long snapshot, String name);
 
     /** Result: the levels. */
-    static native byte[] list(long registry, String name);
+    static native byte[] list(long registry, long snapshot, String name);
 
-    /** Result: type, size, whether there are subkeys, rights, security. */
-    static native byte[] stat(long registry, String name);
+    /** Result: type, size, whether there are subkeys, rights, security; revision, time and author of the last change. */
+    static native byte[] stat(long registry, long snapshot, String name);
 
     /** Result: the rights of the session on the key. */
-    static native byte[] rights(long registry, String name);
+    static native byte[] rights(long registry, long snapshot, String name);
 
     /** Result: handle of the rest of the walk, or 0, then entries to the end. */
-    static native byte[] beginWalk(long registry, String name, long depth);
+    static native byte[] beginWalk(long registry, long snapshot, String name, long depth);
 
     /** Result: as for {@link #beginWalk}. */
     static native byte[] continueWalk(long rest);

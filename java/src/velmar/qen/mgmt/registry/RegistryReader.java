@@ -11,7 +11,7 @@ import java.util.function.Function;
 import java.util.stream.Stream;
 
 /**
- * Reading keys and values. {@link Registry} reads what is there at each call.
+ * Reading keys and values. {@link Registry} reads what is there at each call, and {@link Snapshot} one state.
  *
  * <p>There are three methods for each type: {@code get}, which throws if there is no such key; {@code find}, which
  * returns an empty optional if there is no such key or the key has no value; and {@code get} with a default, which
@@ -66,7 +66,7 @@ public interface RegistryReader {
      * Returns what is known of a key.
      *
      * @param name full name
-     * @return type and size of the value, rights and security
+     * @return type and size of the value, rights, security, and the last change
      * @throws KeyNotFoundException if there is no such key
      * @throws MissingRightException if the session may not read the key
      */

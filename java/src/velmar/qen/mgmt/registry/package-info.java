@@ -1,14 +1,14 @@
 /**
  * The cluster registry: {@link velmar.qen.mgmt.registry.Registry}, and what its methods take, return and throw.
  *
- * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry} and for a
- * program's own stand-ins in tests. {@link velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their
+ * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry}, for a {@link
+ * velmar.qen.mgmt.registry.Snapshot} of it, and for a program's own stand-ins in tests. {@link velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their
  * own.
  *
  * <p>{@link velmar.qen.mgmt.registry.RegistryPreferencesFactory} keeps the preferences of {@link java.util.prefs} in
  * the registry.
  *
- * <p><b>Threads.</b> Any number of threads may use a {@code Registry}, and any number of registries can be open. Calls
+ * <p><b>Threads.</b> Any number of threads may use a {@code Registry} or a {@code Snapshot}, and any number of registries can be open. Calls
  * that read do not wait for each other; calls that change something take turns, in all processes of the node together.
  * The session of {@code TKVNative} is independent of them. All other classes are immutable values, except for builders,
  * streams and the sets and arrays that methods return, which are the caller's.
@@ -29,7 +29,7 @@
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.MissingRightException}</th><td>2</td>
  *     <td>the session's user lacks a right</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryClosedException}</th><td>3</td>
- *     <td>the registry was closed</td></tr>
+ *     <td>the registry, the snapshot or the stream was closed</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyNotFoundException}</th><td>4</td>
  *     <td>no such key, or no parent to create it below</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.InvalidNameException}</th><td>5</td>

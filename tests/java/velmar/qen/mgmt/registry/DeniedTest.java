@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import java.util.EnumSet;
 import java.util.List;
 import java.util.Optional;
 import java.util.Set;
@@ -88,6 +89,23 @@ class DeniedTest {
             assertTrue(entries.anyMatch(entry -> entry.name().equals("nobodys.hidden")));
         }
         registry.setSecurity("nobodys.hidden", KeySecurity.privateToUser());
+    }
+
+    @Test
+    void aFormerStateNeedsTheRightsOfThenAndOfToday() {
+        registry.put("nobodys.past", "former", KeySecurity.privateToUser());
+        Set<Right> allButRead = EnumSet.complementOf(EnumSet.of(Right.READ));
+        try (Snapshot readable = registry.snapshot()) {
+            assertEquals("former", readable.getText("nobodys.past"));
+            registry.setSecurity("nobodys.past", KeySecurity.inherited().withOwnerRights(allButRead));
+            assertDenied("nobodys.past", () -> readable.getText("nobodys.past"));
+            assertTrue(readable.exists("nobodys.past"));
+            try (Snapshot hidden = registry.snapshot()) {
+                registry.setSecurity("nobodys.past", KeySecurity.privateToUser());
+                assertEquals("former", readable.getText("nobodys.past"));
+                assertDenied("nobodys.past", () -> hidden.getText("nobodys.past"));
+            }
+        }
     }
 
     @Test

@@ -50,6 +50,12 @@ class EnduranceTest {
             }
         });
         kinds.put("walk that is abandoned", () -> registry.walk("a").close());
+        kinds.put("snapshot", () -> {
+            try (Snapshot state = registry.snapshot()) {
+                assertEquals("text", state.getText("a.text"));
+            }
+        });
+        kinds.put("snapshot that is abandoned", () -> registry.snapshot());
         kinds.put("write", () -> registry.put("a.number", 1));
         kinds.put("creation and deletion", () -> {
             registry.create("a.new", KeySecurity.privateToUser());

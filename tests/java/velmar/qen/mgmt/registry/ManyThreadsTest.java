@@ -16,6 +16,7 @@ import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.stream.IntStream;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
@@ -77,7 +78,7 @@ class ManyThreadsTest {
     private void callAnything(Random random, int thread) {
         String shared = "threads.shared.k" + random.nextInt(5);
         try {
-            switch (random.nextInt(18)) {
+            switch (random.nextInt(20)) {
                 case 0 -> registry.put(shared, "text");
                 case 1 -> assertTrue(isWhole(registry.value(shared)));
                 case 2 -> registry.put(shared, List.of("a", "b"));
@@ -95,6 +96,8 @@ class ManyThreadsTest {
                 case 14 -> assertEquals(0, registry.patchLevel());
                 case 15 -> assertTrue(registry.backupLocation().isEmpty());
                 case 16 -> registry.isClusterMember();
+                case 17 -> readTwice();
+                case 18 -> assertTrue(registry.revision() > 0);
                 default -> assertFalse(registry.locations().places().isEmpty());
             }
         } catch (KeyNotFoundException | KeyExistsException race) {
@@ -116,6 +119,17 @@ class ManyThreadsTest {
         try (Stream<Entry> entries = registry.walk("threads")) {
             return entries.count();
         }
+    }
+
+    /** Reads the counters of all threads, which go on counting, and finds the same in the same state. */
+    private void readTwice() {
+        try (Snapshot state = registry.snapshot()) {
+            assertEquals(counters(state), counters(state));
+        }
+    }
+
+    private static List<Integer> counters(RegistryReader state) {
+        return IntStream.range(0, THREADS).mapToObj(i -> state.getInt("threads.counter" + i)).toList();
     }
 
     private void claim(Random random) {

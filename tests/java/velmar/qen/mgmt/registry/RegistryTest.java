@@ -67,7 +67,8 @@ class RegistryTest extends OpenRegistry {
         KeyInfo leaf = registry.stat(below("k"));
         registry.create(below("k.sub"));
         assertEquals(new KeyInfo(below("k"), ValueType.LIST, 6, false, EnumSet.allOf(Right.class),
-                                 registry.security(below("k"))), leaf);
+                                 registry.security(below("k")), leaf.revision(), leaf.changedAt(), leaf.changedBy()),
+                     leaf);
         assertEquals(below("k"), leaf.name());
         assertEquals(EnumSet.allOf(Right.class), leaf.rights());
         assertThrows(UnsupportedOperationException.class, leaf.rights()::clear);
