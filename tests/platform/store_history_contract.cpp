@@ -303,6 +303,11 @@ TEST_P(StoreHistoryContract, AWaitLeavesTheStoreToOthers) {
   stop.request_stop();
 }
 
+// A distributed store has its own way of forgetting.
+void expect_way_to_compact(const Status& refusal) {
+  EXPECT_NE(refusal.text().find("etcdctl compact"), std::string::npos) << refusal.text();
+}
+
 TEST_P(StoreHistoryContract, APurgeRemovesFormerValuesAndNothingElse) {
   const NodeId a = add(kRootNode, "a");
   const NodeId b = add(kRootNode, "b");
@@ -323,7 +328,7 @@ TEST_P(StoreHistoryContract, APurgeRemovesFormerValuesAndNothingElse) {
   ASSERT_TRUE(done(another->read_at(secret, [](View&) { return Status(); }))) << "which it keeps for the next time";
   const ChangeDescription description{.author = "ada", .note = "purged", .changes = {{.kind = Change::Kind::kPurged}}};
   const Status status = store_->purge(choose, description, &removed);
-  if (status.is(PRTKV_INVALID_ARGUMENT)) GTEST_SKIP() << status.text();
+  if (status.is(PRTKV_INVALID_ARGUMENT)) return expect_way_to_compact(status);
   ASSERT_TRUE(done(status));
   EXPECT_EQ(removed, 2u);
   EXPECT_EQ(at(secret), "a b ");
@@ -348,7 +353,7 @@ TEST_P(StoreHistoryContract, APurgeThatIsRefusedRemovesNothing) {
   std::uint64_t removed = 0;
   const auto refuse = [](View&, std::vector<NodeId>*) { return Status(PRTKV_ACCESS_DENIED); };
   const Status status = store_->purge(refuse, {}, &removed);
-  if (status.is(PRTKV_INVALID_ARGUMENT)) GTEST_SKIP() << status.text();
+  if (status.is(PRTKV_INVALID_ARGUMENT)) return expect_way_to_compact(status);
   EXPECT_TRUE(status.is(PRTKV_ACCESS_DENIED));
   EXPECT_EQ(at(former), "a(former) ");
   EXPECT_EQ(latest(), last);

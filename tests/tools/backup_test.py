@@ -447,9 +447,9 @@ class OrdinaryUser(CommandTest):
         before = self.out("export")
         masks = self.masks_of_the_root()
         data = self.registry / "data.mdb"
-        root = b"N" + bytes(8) + b"\1\1\0\0\1"  # its key, and the first bytes of its record
+        root = b"N" + bytes(8) + b"\2\1\0\0\1"  # its key, and the first bytes of its record
         contents = data.read_bytes()
-        self.assertIn(root, contents)
+        self.assertGreaterEqual(contents.count(root), 1)
         data.write_bytes(contents.replace(root, root[:-1] + b"\3"))
         self.assertIn("damaged-key: the root key", self.tkv("verify", exits=DAMAGED).text)
         for words in (("export",), ("backup",)):

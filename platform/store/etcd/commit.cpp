@@ -213,7 +213,7 @@ Status Commit::remove_without_space(Status refusal) {
 bool Commit::may_be_sent_again(const TxnResponse& response) {
   reads_.prefetch(response);
   const KnownClaims& claims = run_.next.prefetch.claims;
-  if (!claim_stands() || !reads_.is_unchanged() || !claims->has_newer_than(reads_.claims().revision)) return false;
+  if (!claim_stands() || !reads_.changed().empty() || !claims->has_newer_than(reads_.claims().revision)) return false;
   reads_.set_claims(claims);
   return true;
 }

@@ -1,6 +1,7 @@
 #include "store/etcd/lineage.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tkv::store::etcd {
 
@@ -26,6 +27,18 @@ bool Lineage::is_below(NodeId id, NodeId top) const {
     id = parent->second;
   }
   return true;
+}
+
+void CommonPath::add(NodeId id, const Lineage& lineage) {
+  if (!nodes_.empty() && nodes_.back() == id) return;
+  std::vector<NodeId> path = lineage.path(id);
+  if (path.empty()) path = {kRootNode};
+  if (nodes_.empty()) {
+    nodes_ = std::move(path);
+  } else {
+    const auto common = std::mismatch(nodes_.begin(), nodes_.end(), path.begin(), path.end());
+    nodes_.erase(common.first, nodes_.end());
+  }
 }
 
 NodeId common_top(const std::vector<std::vector<NodeId>>& paths) {

@@ -26,6 +26,19 @@ class Lineage {
   std::unordered_map<NodeId, NodeId> parents_;
 };
 
+// CommonPath: the path from the root to the lowest node at or above everything added.
+class CommonPath {
+ public:
+  // A node whose path is unknown counts as the root.
+  void add(NodeId id, const Lineage& lineage);
+
+  // Empty if nothing was added.
+  const std::vector<NodeId>& nodes() const { return nodes_; }
+
+ private:
+  std::vector<NodeId> nodes_;
+};
+
 // The lowest node that is on all paths. The root if there are no paths, or one of them is unknown.
 NodeId common_top(const std::vector<std::vector<NodeId>>& paths);
 

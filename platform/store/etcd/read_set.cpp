@@ -53,18 +53,6 @@ Status ReadSet::survey() {
   return {};
 }
 
-void ReadSet::note_surveyed(NodeId parent) {
-  if (!surveyed_.empty() && surveyed_.back() == parent) return;
-  std::vector<NodeId> path = lineage_.path(parent);
-  if (path.empty()) path = {kRootNode};
-  if (surveyed_.empty()) {
-    surveyed_ = std::move(path);
-  } else {
-    const auto common = std::mismatch(surveyed_.begin(), surveyed_.end(), path.begin(), path.end());
-    surveyed_.erase(common.first, surveyed_.end());
-  }
-}
-
 // Begins to survey when there is no room for one more comparison.
 Status ReadSet::make_room() {
   const bool full = purpose_ == Purpose::kWrite && !surveying_ && compared_ >= kMaxCompared;
@@ -79,7 +67,7 @@ Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, 
     compared = !surveying_;
   }
   if (compared) ++compared_;
-  if (surveying_) note_surveyed(place.parent);
+  if (surveying_) surveyed_.add(place.parent, lineage_);
   if (!validated) ++unvalidated_;
   if (seen.node) {
     lineage_.add(place.parent, seen.node->id);
@@ -143,7 +131,7 @@ Status ReadSet::get_value(NodeId id, Value* value) {
     if (Status status = make_room(); !status.ok()) return status;
     compared = !surveying_;
   }
-  if (surveying_) note_surveyed(id);
+  if (surveying_) surveyed_.add(id, lineage_);
   if (!compared) {
     if (Status status = validate(); !status.ok()) return status;
     Status status = view().value(id, value);
@@ -242,8 +230,6 @@ void ReadSet::prefetch(const TxnResponse& response, const NodePlace* also) {
   if (also != nullptr) take(*also);
 }
 
-bool ReadSet::is_unchanged() const { return changed().empty(); }
-
 std::vector<std::vector<NodeId>> ReadSet::changed() const {
   std::vector<std::vector<NodeId>> paths;
   for (const auto& [place, read] : nodes_) {
@@ -285,7 +271,7 @@ Status ReadSet::add_range(NodeId parent, std::int64_t revision) {
     if (Status status = make_room(); !status.ok()) return status;
     compared = !surveying_;
   }
-  if (surveying_) note_surveyed(parent);
+  if (surveying_) surveyed_.add(parent, lineage_);
   if (!compared) return {};
   ranges_.push_back({parent, revision});
   ++compared_;
@@ -312,7 +298,7 @@ Status ReadSet::has_child(NodeId parent, std::int64_t most_ignored, FunctionRef<
   if (Status status = claimant_.show_progress(); !status.ok()) return status;
   if (is_covered(parent) && most_ignored == 0) {
     if (Status status = validate(); !status.ok()) return status;
-    if (surveying_) note_surveyed(parent);
+    if (surveying_) surveyed_.add(parent, lineage_);
     Status status = view().has_children(parent, answer);
     if (!view_->failure().ok()) return take_failure();
     if (!*answer) childless_.insert(parent);

@@ -84,7 +84,7 @@ class ReadSet {
   const Lineage& lineage() const { return lineage_; }
 
   // The path from the root to the lowest node above everything that was only surveyed; empty if nothing was.
-  const std::vector<NodeId>& surveyed() const { return surveyed_; }
+  const std::vector<NodeId>& surveyed() const { return surveyed_.nodes(); }
 
   // The revision at which everything validated stands. 0: nothing is.
   std::int64_t revision() const { return revision_; }
@@ -102,10 +102,8 @@ class ReadSet {
   // place that was read after those of add_gets().
   void prefetch(const TxnResponse& response, const NodePlace* also = nullptr);
 
-  // Whether the prefetch shows that every node compared is still what it was.
-  bool is_unchanged() const;
-
-  // The paths from the root to the parents of those that are not.
+  // The paths from the root to the parents of the nodes compared that, as the prefetch shows, are no longer what they
+  // were.
   std::vector<std::vector<NodeId>> changed() const;
 
   // --- Claims
@@ -164,7 +162,6 @@ class ReadSet {
   Status list_under_claim(NodeId parent, ListedNodes* children);
   bool can_claim() const;
   Status add_child(const NodePlace& place, SeenNode seen, ListedNodes* children);
-  void note_surveyed(NodeId parent);
   RevisionView& view();
   Status take_failure();
 
@@ -184,7 +181,7 @@ class ReadSet {
   std::size_t compared_ = 0;
   std::size_t unvalidated_ = 0;
   bool surveying_ = false;
-  std::vector<NodeId> surveyed_;
+  CommonPath surveyed_;
   std::optional<Claim> claim_;
   Claimant claimant_;
   std::unique_ptr<RevisionView> view_;  // of a revision at which everything read still held

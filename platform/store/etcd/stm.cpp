@@ -104,7 +104,7 @@ bool Stm::others_laid_claims(const TxnResponse& response) {
   reads_.prefetch(response);
   const KnownClaims& claims = run_.next.prefetch.claims;
   const bool newer = claims->has_newer_than(reads_.claims().revision);
-  if (!newer || claims->has_decided() || !reads_.is_unchanged()) return false;
+  if (!newer || claims->has_decided() || !reads_.changed().empty()) return false;
   reads_.set_claims(claims);
   return true;
 }
