@@ -5,65 +5,17 @@
 #include <string_view>
 #include <vector>
 
+#include "page_builder.h"
 #include "store/lmdb/page.h"
 
 namespace tkv::store {
 namespace {
 
-constexpr std::size_t kSize = 512;
+constexpr std::size_t kSize = PageBuilder::kSize;
 constexpr std::uint64_t kNumber = 7;
 constexpr std::uint64_t kPageCount = 100;
 
 std::span<const std::byte> bytes_of(std::string_view text) { return std::as_bytes(std::span(text)); }
-
-template <typename Integer>
-std::string integer_text(Integer value) {
-  return {reinterpret_cast<const char*>(&value), sizeof value};
-}
-
-// A page as LMDB writes it: offsets from the front, nodes from the back.
-class PageBuilder {
- public:
-  explicit PageBuilder(std::uint16_t kind) : kind_(kind) {}
-
-  PageBuilder& leaf(const std::string& key, const std::string& data) {
-    return add({static_cast<std::uint16_t>(data.size()), 0, 0, static_cast<std::uint16_t>(key.size())}, key + data);
-  }
-  PageBuilder& big(const std::string& key, std::uint64_t page, std::uint32_t size) {
-    const auto low = static_cast<std::uint16_t>(size);
-    const auto high = static_cast<std::uint16_t>(size >> 16);
-    return add({low, high, kBigData, static_cast<std::uint16_t>(key.size())}, key + integer_text(page));
-  }
-  PageBuilder& branch(const std::string& key, std::uint64_t child) {
-    return add({static_cast<std::uint16_t>(child), static_cast<std::uint16_t>(child >> 16),
-                static_cast<std::uint16_t>(child >> 32), static_cast<std::uint16_t>(key.size())},
-               key);
-  }
-
-  std::string bytes() const {
-    std::string nodes;
-    std::string offsets;
-    for (const std::string& node : nodes_) {
-      nodes.insert(0, node);
-      offsets += integer_text(static_cast<std::uint16_t>(kSize - nodes.size()));
-    }
-    const auto lower = static_cast<std::uint16_t>(sizeof(PageHeader) + offsets.size());
-    const auto upper = static_cast<std::uint16_t>(kSize - nodes.size());
-    std::string page = integer_text(PageHeader{kNumber, 0, kind_, lower, upper}) + offsets;
-    return page + std::string(kSize - page.size() - nodes.size(), '\xAA') + nodes;
-  }
-
- private:
-  PageBuilder& add(const NodeHeader& header, const std::string& rest) {
-    std::string node = integer_text(header) + rest;
-    if (node.size() % 2 != 0) node += '\0';
-    nodes_.push_back(node);
-    return *this;
-  }
-
-  const std::uint16_t kind_;
-  std::vector<std::string> nodes_;
-};
 
 // Returns what is wrong with a page, or "".
 std::string defect_of(const std::string& bytes, std::uint16_t kind, Page::Keys keys = Page::Keys::kBytes) {
@@ -73,15 +25,15 @@ std::string defect_of(const std::string& bytes, std::uint16_t kind, Page::Keys k
   return defect == nullptr ? "" : defect;
 }
 
-PageBuilder leaf() { return PageBuilder(kLeafPage).leaf("a", "1").leaf("bb", "22").big("c", 50, 1000); }
-PageBuilder branch() { return PageBuilder(kBranchPage).branch("", 3).branch("m", 4).branch("t", 99); }
+PageBuilder leaf() { return PageBuilder(kNumber, kLeafPage).leaf("a", "1").leaf("bb", "22").big("c", 50, 1000); }
+PageBuilder branch() { return PageBuilder(kNumber, kBranchPage).branch("", 3).branch("m", 4).branch("t", 99); }
 
 TEST(Page, SoundPagesHaveNoDefect) {
   EXPECT_EQ(defect_of(leaf().bytes(), kLeafPage), "");
   EXPECT_EQ(defect_of(branch().bytes(), kBranchPage), "");
-  EXPECT_EQ(defect_of(PageBuilder(kLeafPage)
-                          .leaf(integer_text(std::uint64_t{256}), "")
-                          .leaf(integer_text(std::uint64_t{511}), "")
+  EXPECT_EQ(defect_of(PageBuilder(kNumber, kLeafPage)
+                          .leaf(bytes_of_object(std::uint64_t{256}), "")
+                          .leaf(bytes_of_object(std::uint64_t{511}), "")
                           .bytes(),
                       kLeafPage, Page::Keys::kIntegers),
             "");
@@ -108,7 +60,7 @@ TEST(Page, NodesAreReadBack) {
 }
 
 TEST(Page, AChildsNumberHas48Bits) {
-  const std::string bytes = PageBuilder(kBranchPage).branch("", 0x123456789abc).branch("m", 4).bytes();
+  const std::string bytes = PageBuilder(kNumber, kBranchPage).branch("", 0x123456789abc).branch("m", 4).bytes();
   Page page;
   ASSERT_EQ(page.open(bytes_of(bytes).data(), bytes.size(), kNumber, kBranchPage), nullptr);
   PageNode node;
@@ -118,7 +70,7 @@ TEST(Page, AChildsNumberHas48Bits) {
 
 template <typename Integer>
 std::string with(std::string bytes, std::size_t at, Integer value) {
-  return bytes.replace(at, sizeof value, integer_text(value));
+  return bytes.replace(at, sizeof value, bytes_of_object(value));
 }
 
 constexpr std::size_t kFlagsAt = 10;
@@ -146,7 +98,7 @@ TEST(Page, DefectsOfTheHeaderAreFound) {
       {with(sound, kUpperAt, static_cast<std::uint16_t>(upper + 2)), "has a node outside its bounds"},
   };
   for (const auto& [bytes, defect] : cases) EXPECT_EQ(defect_of(bytes, kLeafPage), defect);
-  const std::string lone = PageBuilder(kBranchPage).branch("", 3).bytes();
+  const std::string lone = PageBuilder(kNumber, kBranchPage).branch("", 3).bytes();
   EXPECT_EQ(defect_of(lone, kBranchPage), "has too few nodes");
 }
 
@@ -173,34 +125,37 @@ TEST(Page, DefectsOfNodesAreFound) {
 }
 
 TEST(Page, KeysThatAreEqualAreOutOfOrder) {
-  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).leaf("a", "").leaf("a", "").bytes(), kLeafPage),
+  EXPECT_EQ(defect_of(PageBuilder(kNumber, kLeafPage).leaf("a", "").leaf("a", "").bytes(), kLeafPage),
             "has its keys out of order");
-  EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("", 3).branch("m", 4).branch("m", 5).bytes(), kBranchPage),
-            "has its keys out of order");
+  EXPECT_EQ(
+      defect_of(PageBuilder(kNumber, kBranchPage).branch("", 3).branch("m", 4).branch("m", 5).bytes(), kBranchPage),
+      "has its keys out of order");
   // The first key of a branch page means nothing.
-  EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("z", 3).branch("m", 4).bytes(), kBranchPage), "");
+  EXPECT_EQ(defect_of(PageBuilder(kNumber, kBranchPage).branch("z", 3).branch("m", 4).bytes(), kBranchPage), "");
 }
 
 TEST(Page, ReferencesOutOfTheFileAreFound) {
   for (const std::uint64_t child : {std::uint64_t{0}, std::uint64_t{1}, kPageCount, std::uint64_t{1} << 40}) {
-    EXPECT_EQ(defect_of(PageBuilder(kBranchPage).branch("", 3).branch("m", child).bytes(), kBranchPage),
+    EXPECT_EQ(defect_of(PageBuilder(kNumber, kBranchPage).branch("", 3).branch("m", child).bytes(), kBranchPage),
               "refers to a page that does not exist")
         << child;
-    EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", child, 10).bytes(), kLeafPage),
+    EXPECT_EQ(defect_of(PageBuilder(kNumber, kLeafPage).big("a", child, 10).bytes(), kLeafPage),
               "refers to a page that does not exist")
         << child;
   }
   // The last of the pages that it takes must exist as well.
-  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader)).bytes(), kLeafPage), "");
-  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader) + 1).bytes(), kLeafPage),
-            "refers to a page that does not exist");
+  EXPECT_EQ(defect_of(PageBuilder(kNumber, kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader)).bytes(), kLeafPage),
+            "");
+  EXPECT_EQ(
+      defect_of(PageBuilder(kNumber, kLeafPage).big("a", 98, 2 * kSize - sizeof(PageHeader) + 1).bytes(), kLeafPage),
+      "refers to a page that does not exist");
 }
 
 TEST(Page, KeysOfTheFreeListAreNumbers) {
-  EXPECT_EQ(defect_of(PageBuilder(kLeafPage).leaf("1234567", "").bytes(), kLeafPage, Page::Keys::kIntegers),
+  EXPECT_EQ(defect_of(PageBuilder(kNumber, kLeafPage).leaf("1234567", "").bytes(), kLeafPage, Page::Keys::kIntegers),
             "has an impossible key");
   const auto two = [](std::uint64_t first, std::uint64_t second) {
-    return PageBuilder(kLeafPage).leaf(integer_text(first), "").leaf(integer_text(second), "").bytes();
+    return PageBuilder(kNumber, kLeafPage).leaf(bytes_of_object(first), "").leaf(bytes_of_object(second), "").bytes();
   };
   EXPECT_EQ(defect_of(two(1, 256), kLeafPage, Page::Keys::kIntegers), "");
   EXPECT_EQ(defect_of(two(256, 1), kLeafPage, Page::Keys::kIntegers), "has its keys out of order");
@@ -208,7 +163,7 @@ TEST(Page, KeysOfTheFreeListAreNumbers) {
 
 TEST(Page, HeadersOfOverflowPagesAreChecked) {
   const auto defect = [](std::uint64_t number, std::uint16_t flags, std::uint32_t pages, std::size_t size) {
-    const std::string bytes = integer_text(
+    const std::string bytes = bytes_of_object(
         PageHeader{number, 0, flags, static_cast<std::uint16_t>(pages), static_cast<std::uint16_t>(pages >> 16)});
     return check_overflow_header(bytes_of(bytes).data(), kSize, kNumber, size, kPageCount) != nullptr;
   };

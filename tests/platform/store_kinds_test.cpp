@@ -62,8 +62,9 @@ TEST(LmdbKind, MapSizesHaveUnitsOfPowersOf1024) {
                            "17179869184K", "17592186044416"}) {
     EXPECT_TRUE(map_size.check(good).ok()) << good;
   }
-  for (const char* bad : {"1048575", "1023K", "1023k", "0M", "0G", "0T", "16777217M", "16385G", "17T", "17179869185K",
-                          "17592186044417", "1KB", "1KK", "K", "", "1P", "1 M", "-1M"}) {
+  for (const char* bad :
+       {"1048575",        "1023K", "1023k", "0M",     "0G",  "0T", "16777217M", "16385G", "17T", "17179869185K",
+        "17592186044417", "1MB",   "1MiB",  "1024KB", "1KK", "K",  "",          "1P",     "1 M", "-1M"}) {
     EXPECT_EQ(map_size.check(bad).code(), PRTKV_INVALID_CONFIGURATION) << bad;
   }
 }
