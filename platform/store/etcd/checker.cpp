@@ -119,7 +119,7 @@ Status Checker::read_nodes() {
   return {};
 }
 
-// Everything below what waits to be removed is waiting as well. The entries stand in the order of their parents.
+// What hangs below a deleted subtree's top waits to be removed as well. entries_ is sorted by parent.
 void Checker::follow_garbage() {
   std::vector<NodeId> pending(garbage_.begin(), garbage_.end());
   while (!pending.empty()) {
@@ -163,18 +163,18 @@ Status Checker::read_next_id() {
     damage = decode_meta(as_bytes(record.value()), &meta_);
   });
   if (!status.ok()) return status;
-  if (!found) damage = Status(PRTKV_STORAGE_FAILED, "it is not there");
+  if (!found) damage = Status(PRTKV_STORAGE_FAILED, "it is missing");
   meta_is_low_ = !damage.ok() || meta_.next_id <= largest_id_;
   if (!damage.ok()) {
     report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids cannot be used: " + damage.text()});
   } else if (meta_is_low_) {
     report_(
-        {Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "", "the counter of ids would give ids in use again"});
+        {Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "", "the counter of ids would hand out ids that are in use"});
   }
   return {};
 }
 
-// First of all decides which state is checked.
+// The first read fixes the revision that everything else is read at.
 Status Checker::read() {
   RangeResponse counter;
   const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_);
@@ -185,8 +185,8 @@ Status Checker::read() {
   return read_next_id();
 }
 
-// Which ids above the largest were used and removed since, or were given to sessions, is not known: the counter
-// continues far beyond any of them.
+// Nobody knows which ids above the largest one in use have been used before or reserved by sessions. The counter
+// continues far beyond all of them.
 Status Checker::raise_next_id() {
   constexpr NodeId kBeyond = NodeId{1} << 40;
   meta_.next_id = largest_id_ + kBeyond;
@@ -197,7 +197,7 @@ Status Checker::raise_next_id() {
   return core_.kv->txn(request, &response, core_.deadline()).status;
 }
 
-// The root's id is known. Nobody can tell its rights: only the superuser gets any.
+// The root's id is known, but its rights are lost: the new record grants none, so that only the superuser has access.
 Status Checker::reset_root() {
   TxnRequest request;
   const std::string key = core_.keys.node({kNoNode, ""});
@@ -207,7 +207,8 @@ Status Checker::reset_root() {
   return core_.kv->txn(request, &response, core_.deadline()).status;
 }
 
-// What hung on nothing at the revision that was read still does, unless it has been removed since.
+// An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its parent,
+// and ids are never reused.
 Status Checker::repair() {
   TxnRequest batch;
   TxnResponse response;

@@ -7,8 +7,8 @@
 
 namespace tkv::store::etcd {
 
-// As Store::check. What is still to be removed, or is being staged, is not reported; with `repair`, it is removed if
-// its owner has ended. Orphans are kept as long as there is a damaged entry that may be their parent.
+// As Store::check. Keys that wait to be removed or that are staged are not reported. With `repair`, they are removed if
+// their owner's session has ended. Orphans are kept as long as a damaged entry may be their parent.
 Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals);
 
