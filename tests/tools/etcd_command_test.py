@@ -5,6 +5,7 @@ import re
 import subprocess
 import sys
 import unittest
+import urllib.request
 
 from command import COMMAND, CONFLICT, DEADLINE, NOT_FOUND, UNREACHABLE, CommandTest
 
@@ -105,6 +106,35 @@ class OnEtcd(CommandTest):
                      r"revision +\d+", r"size +\d+ bytes.*, \d+ in use", "claims +0", "builds +0", "garbage +0",
                      "retries +0", "keys +2"):
             self.assertRegex(shown, rf"(?m)^{line}$")
+
+    def test_wait_ends_when_the_key_has_the_value(self):
+        self.fails(UNREACHABLE, "wait", "app", "--timeout", "0")
+        process = subprocess.Popen(self.words("wait", "app.state", "--value", "running"), env=self.environment,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(lambda: (process.kill(), process.communicate()))
+        for value in ("starting", "running"):
+            self.assertIsNone(process.poll())
+            self.tkv("set", "-p", "app.state", value)
+        self.assertEqual((*process.communicate(timeout=DEADLINE), process.returncode), (b"", b"", 0))
+
+    def test_wait_goes_on_after_the_cluster_has_been_away(self):
+        text = (self.folder / "tkv.conf").read_text().replace("60000", "500")
+        (self.folder / "short.conf").write_text(text)
+        process = subprocess.Popen(self.words("wait", "app", "--conf", self.folder / "short.conf"), env=self.environment,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(lambda: (process.kill(), process.communicate()))
+        self.wait_until("waiting", lambda: process.poll() is not None or self.watchers() > 0)
+        self.cluster.ask("kill", 0)
+        self.assertIn(b"still waiting: ", process.stderr.readline())
+        self.cluster.ask("start")
+        self.tkv("create", "app")
+        self.assertEqual((process.communicate(timeout=DEADLINE)[0], process.returncode), (b"", 0))
+
+    def watchers(self):
+        """The number of watches that the cluster's only member serves."""
+        with urllib.request.urlopen(f"http://{self.cluster.endpoints[0]}/metrics", timeout=DEADLINE) as page:
+            count, = re.findall(r"(?m)^etcd_debugging_mvcc_watcher_total (\d+)$", page.read().decode())
+        return int(count)
 
     def test_a_member_that_is_gone_is_unreachable(self):
         self.cluster.ask("kill", 0)

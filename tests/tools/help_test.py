@@ -13,7 +13,7 @@ from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
-VERBS = ["get", "set", "create", "ls", "tree", "find", "stat", "rm", "mv", "cp", "chown", "chmod", "access", "conf", "status", "export",
+VERBS = ["get", "set", "create", "ls", "tree", "find", "wait", "stat", "rm", "mv", "cp", "chown", "chmod", "access", "conf", "status", "export",
          "import", "backup", "restore", "verify", "migrate", "help", "completion"]
 
 

@@ -202,6 +202,10 @@ class AnotherUser(CommandTest):
         lines = self.as_nobody("ls", "-l", "app").text.splitlines()
         self.assertEqual([line.split()[0] for line in lines if line.endswith("secret")], ["?"])
 
+    def test_wait_needs_the_right_to_read_a_value_only(self):
+        self.as_nobody("wait", "app.secret", "--timeout", "0")
+        self.denied("wait", "app.secret", "--value", "for some", "--timeout", "1h")
+
     def test_recursive_ls_says_once_what_it_may_not_list(self):
         self.tkv("set", "-p", "app.barred.below", "b")
         self.tkv("chmod", "o=", "app.barred")

@@ -62,6 +62,9 @@ struct Arguments {
   // find
   std::optional<std::string> pattern;
   bool search_values = false;
+  // wait
+  std::optional<std::string> value;
+  std::optional<std::string> timeout;
   // rm
   bool force = false;
   // cp

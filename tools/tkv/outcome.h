@@ -19,7 +19,7 @@ namespace tkv::command {
   EXIT(kDenied, 4, "denied", "access denied")                                                                     \
   EXIT(kConflict, 5, "conflict", "conflict: the key exists or has subkeys, or the answer was no")                 \
   EXIT(kWrongType, 6, "wrong-type", "wrong type: the value has no such reading")                                  \
-  EXIT(kUnreachable, 7, "unreachable", "the registry is unreachable or busy; the same command may succeed later") \
+  EXIT(kUnreachable, 7, "unreachable", "unreachable, busy or the time is up; the same command may succeed later") \
   EXIT(kDamaged, 8, "damaged", "damaged")                                                                         \
   EXIT(kPartly, 9, "partly-done", "partly done: some of what was asked for")                                      \
   EXIT(kUnusable, 10, "unusable", "the registry cannot be used as configured")                                    \

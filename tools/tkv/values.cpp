@@ -186,6 +186,20 @@ std::optional<std::string> text_in_number(const TypedValue& value) {
   return text;
 }
 
+bool reads_as(const TypedValue& value, std::string_view utf8) {
+  if (value.type == kTypeNone && value.bytes.empty()) return false;
+  if (const auto text = exact_text(value)) return *text == utf8;
+  if (const auto elements = exact_list(value)) {
+    std::string lines;
+    for (const std::string& element : *elements) lines += (&element == &elements->front() ? "" : "\n") + element;
+    return lines == utf8;
+  }
+  if (const auto number = exact_number(value)) {
+    return std::to_string(*number) == utf8 || text_in_number(value) == std::string(utf8);
+  }
+  return value.bytes == utf8 || hex_from(value.bytes) == utf8;
+}
+
 std::string one_line(const TypedValue& value, std::size_t limit) {
   if (value.type == kTypeNone && value.bytes.empty()) return "";
   if (const auto text = exact_text(value)) return shortened(quoted(*text), limit);

@@ -56,6 +56,10 @@ std::optional<std::int64_t> exact_number(const registry::TypedValue& value);
 // The text in a value of type 1 or 2, if it holds one: printable characters, then nothing but NULs.
 std::optional<std::string> text_in_number(const registry::TypedValue& value);
 
+// Tells whether `get` shows a value as this text, without a newline at the end: the text, the number or the text in it,
+// the elements of a list as lines, other bytes as text or in hexadecimal.
+bool reads_as(const registry::TypedValue& value, std::string_view utf8);
+
 // One line for people: quoted texts, numbers, the first bytes in hexadecimal. Safe for a terminal. Has about `limit`
 // characters at most; 0: no limit.
 std::string one_line(const registry::TypedValue& value, std::size_t limit);

@@ -76,6 +76,7 @@ extern const Verb kCreateVerb;
 extern const Verb kLsVerb;
 extern const Verb kTreeVerb;
 extern const Verb kFindVerb;
+extern const Verb kWaitVerb;
 extern const Verb kStatVerb;
 extern const Verb kRmVerb;
 extern const Verb kMvVerb;
