@@ -39,6 +39,8 @@ struct Arguments {
   std::optional<std::string> mode;
   bool inherit = false;
   std::optional<std::string> state;  // to read
+  std::optional<std::string> since;
+  std::optional<std::string> note;  // for the log
 
   // get
   std::optional<std::string> reading;
@@ -54,6 +56,9 @@ struct Arguments {
   bool only_new = false;
   bool only_existing = false;
   std::optional<std::string> type;
+  std::optional<std::string> if_revision;
+  std::optional<std::string> if_value;
+  bool if_absent = false;
   // ls, tree
   bool long_lines = false;
   bool full_names = false;
@@ -80,6 +85,17 @@ struct Arguments {
   bool repair = false;
   // status
   bool quick = false;
+  // log
+  std::optional<std::string> number;
+  std::optional<std::string> author;
+  bool patch = false;
+  bool follow = false;
+  // watch
+  std::optional<std::string> command;
+  std::optional<std::string> command_timeout;
+  // undo, history
+  std::optional<std::string> revision;
+  std::optional<std::string> action;
   // help
   bool manual = false;
   bool configuration_manual = false;

@@ -25,8 +25,16 @@ Outcome Context::open(bool create, bool read_only) {
   registry::OpenOptions options;
   options.create = create;
   options.read_only = read_only;
+  if (Outcome found = find_note(&options.note); !found.ok()) return found;
   options.on_wait = [this](const std::string& message) { note(terminal_, "tkv: " + message); };
   return open_registry(std::move(configuration), options, &client_);
+}
+
+// A note that was written for the log is never cut off; a suggested one may be.
+Outcome Context::find_note(std::string* note) const {
+  *note = arguments_.note.value_or(suggested_note_);
+  if (!arguments_.note || note->size() <= kMaxNoteSize) return {};
+  return {Exit::kUsage, "--note: a note has at most " + std::to_string(kMaxNoteSize) + " bytes"};
 }
 
 Outcome open_registry(registry::Configuration configuration, const registry::OpenOptions& options,
@@ -54,11 +62,15 @@ void complain(const Outcome& outcome, bool json) {
 
 Outcome Context::allow_deleting(std::uint64_t keys, const std::string& what) {
   if (keys <= 1 || arguments_.yes) return {};
-  const std::string deleting = what + " deletes " + counted(keys, "key");
+  return allow(what + " deletes " + counted(keys, "key"));
+}
+
+Outcome Context::allow(const std::string& doing) {
+  if (arguments_.yes) return {};
   if (!terminal_.input || !terminal_.messages) {
-    return {Exit::kConflict, deleting + "; without a terminal to ask on, this needs --yes"};
+    return {Exit::kConflict, doing + "; without a terminal to ask on, this needs --yes"};
   }
-  if (confirm(terminal_, deleting + ". Go on?")) return {};
+  if (confirm(terminal_, doing + ". Go on?")) return {};
   return {Exit::kConflict, "nothing was done"};
 }
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "arguments.h"
@@ -57,12 +58,20 @@ class Context {
   // can be asked.
   Outcome allow_deleting(std::uint64_t keys, const std::string& what);
 
+  // The same for whatever `doing` says: "this undoes change 17".
+  Outcome allow(const std::string& doing);
+
+  // Gives what the verb changes a note in the log, unless --note does. Before the registry is opened.
+  void suggest_note(std::string note) { suggested_note_ = std::move(note); }
+
  private:
   Outcome open(bool create, bool read_only);
+  Outcome find_note(std::string* note) const;
 
   const Arguments& arguments_;
   Terminal terminal_;
   Output& output_;
+  std::string suggested_note_;
   std::shared_ptr<registry::Client> client_;
   std::unique_ptr<registry::Snapshot> past_;
 };

@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <sys/poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,11 @@ void Output::line(std::string_view text) {
 }
 
 bool Output::closed_early() const { return error_ == EPIPE; }
+
+void Output::notice_reader() {
+  pollfd file{descriptor_, 0, 0};
+  if (error_ == 0 && ::poll(&file, 1, 0) == 1 && (file.revents & POLLERR) != 0) error_ = EPIPE;
+}
 
 Outcome Output::finish() {
   flush();

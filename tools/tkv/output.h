@@ -23,13 +23,17 @@ class Output {
 
   bool closed_early() const;
 
+  // Finds out whether the reader has closed its end, without writing anything.
+  void notice_reader();
+
+  // Writes what is buffered now. finish() reports failures.
+  void flush();
+
   // Writes what is buffered. Fails with Exit::kOther if anything could not be written, except because the reader closed
   // its end.
   Outcome finish();
 
  private:
-  void flush();
-
   int descriptor_;
   int error_ = 0;
   std::string gathered_;

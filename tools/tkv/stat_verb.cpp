@@ -24,7 +24,7 @@ std::string stat_json(const std::string& name, const KeyInfo& info, const TypedV
   object.number("id", info.id).number("size", info.size).flag("subkeys", info.has_subkeys);
   object.number("revision", info.revision);
   if (info.changed_at != 0) object.raw("changed_at", json_string(exact_time(info.changed_at)));
-  if (!info.changed_by.empty()) object.text("changed_by", info.changed_by);
+  if (!info.changed_by.empty()) object.utf8("changed_by", info.changed_by);
   add_value(value, &object);
   add_other_reading(value, &object);
   return object.str();

@@ -43,6 +43,7 @@ inline constexpr Option kSkipDamaged =
 inline constexpr Option kDryRun = flag("-n,--dry-run", "Print the difference, change nothing", &Arguments::dry_run);
 inline constexpr Option kAt =
     valued("--at", "REVISION|TIME", "Read a former state: 17, 2026-02-28T12:30:05Z, '2 hours ago'", &Arguments::state);
+inline constexpr Option kNote = valued("--note", "TEXT", "What the change is for; tkv log shows it", &Arguments::note);
 
 inline constexpr std::array kKeyOrRoot{one("KEY", "Full name; default: the root", false, &Arguments::key)};
 inline constexpr std::array kKeys{many("KEY", "Full names", true, &Arguments::keys)};

@@ -92,6 +92,7 @@ extern const Verb kBackupVerb;
 extern const Verb kRestoreVerb;
 extern const Verb kVerifyVerb;
 extern const Verb kMigrateVerb;
+extern const Verb kLogVerb;
 extern const Verb kHelpVerb;
 extern const Verb kCompletionVerb;
 extern const Verb kCompleteVerb;

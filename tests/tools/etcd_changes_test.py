@@ -1,0 +1,79 @@
+"""The log, watching and undo on a registry on etcd."""
+import json
+import pathlib
+import signal
+import subprocess
+import sys
+import unittest
+
+from command import CommandTest, DEADLINE, DONE
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests" / "cluster"))
+from etcd_cluster import EtcdCluster
+
+
+class OnEtcd(CommandTest):
+    def setUp(self):
+        super().setUp()
+        self.cluster = EtcdCluster()
+        self.addCleanup(self.cluster.close)
+        self.configure_etcd(60_000)
+        self.tkv("create", "app")
+        self.tkv("set", "app.limit", "--int64", "5")
+        self.tkv("set", "app.limit", "--int64", "6")
+
+    def configure_etcd(self, timeout):
+        (self.folder / "tkv.conf").write_text(f"[registry]\nlocation = etcd://{self.cluster.endpoints[0]}\n"
+                                              f"[etcd]\ntimeout_ms = {timeout}\n")
+
+    def log(self, *words):
+        return json.loads(self.out("log", "--json", *words))["changes"]
+
+    def start(self, *words):
+        process = subprocess.Popen(self.words(*words), env=self.environment, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def stop(self, process):
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(DEADLINE), DONE, process.stderr.read())
+
+    def restart_cluster(self, process):
+        """Stops the cluster until the process has said so, and starts it again."""
+        self.cluster.ask("kill", 0)
+        self.assertIn("trying again until it can be reached", process.stderr.readline())
+        self.cluster.ask("start")
+        self.assertEqual(process.stderr.readline(), "tkv: the registry can be reached again\n")
+
+
+class Log(OnEtcd):
+    def test_shows_changes_and_their_values(self):
+        self.assertEqual([change["changes"] for change in self.log()],
+                         [[{"kind": "value", "name": "app.limit"}], [{"kind": "created", "name": "app.limit"}],
+                          [{"kind": "created", "name": "app"}]])
+        self.assertEqual(self.out("log", "-n", "1", "--patch").splitlines()[-2:], ["- app.limit = 5", "+ app.limit = 6"])
+        before = self.log()[1]["revision"]
+        self.assertEqual(self.out("get", "app.limit", "--at", before), "5\n")
+
+    def test_following_survives_a_restart_of_etcd(self):
+        self.configure_etcd(1000)
+        follower = self.start("log", "--follow", "-n", "1")
+        self.assertIn("value app.limit", follower.stdout.readline())
+        self.restart_cluster(follower)
+        self.configure_etcd(60_000)
+        self.tkv("set", "app.limit", "--int64", "7")
+        self.tkv("set", "app.limit", "--int64", "8")
+        lines = [follower.stdout.readline() for _ in range(2)]
+        self.assertEqual([int(line.split()[0]) for line in lines],
+                         [change["revision"] for change in self.log("-n", "2")][::-1])
+        self.stop(follower)
+        self.assertEqual((follower.stdout.read(), follower.stderr.read()), ("", ""))
+
+
+if __name__ == "__main__":
+    unittest.main()
