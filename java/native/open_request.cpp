@@ -63,6 +63,7 @@ Status open_requested(DataReader& request, jlong* handle) {
   options.max_wait_ms = static_cast<std::uint32_t>(request.word32());
   options.read_only = (flags & kReadOnly) != 0;
   options.create = (flags & kMustExist) == 0;
+  options.note = request.text();
   if (!request.complete()) return {PRTKV_INVALID_ARGUMENT, "incomplete request"};
   Configuration configuration;
   if (Status status = configure(place, path, &configuration); !status.ok()) return status;

@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "batch_request.h"
 #include "call.h"
 #include "data_reader.h"
 #include "data_writer.h"
@@ -124,6 +126,18 @@ jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, js
   return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
     TypedValue found;
     if (Status status = reader.read_value(StringArgument(env, name).view(), &found); !status.ok()) return status;
+    result.word32(found.type);
+    result.raw(found.bytes);
+    return {};
+  });
+}
+
+jbyteArray JNICALL read(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
+    KeyInfo info;
+    TypedValue found;
+    if (Status status = reader.read_key(StringArgument(env, name).view(), &info, &found); !status.ok()) return status;
+    result.word64(static_cast<std::int64_t>(info.revision));
     result.word32(found.type);
     result.raw(found.bytes);
     return {};
@@ -268,6 +282,28 @@ jbyteArray JNICALL copy(JNIEnv* env, jclass, jlong registry, jstring source, jst
   });
 }
 
+std::int32_t index_or_none(const std::optional<std::size_t>& index) {
+  return index ? static_cast<std::int32_t>(*index) : -1;
+}
+
+jbyteArray JNICALL commit(JNIEnv* env, jclass, jlong registry, jbyteArray request) {
+  return change_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    const std::string bytes = bytes_of(env, request);
+    DataReader reader(bytes);
+    BatchRequest wanted;
+    if (!read_batch(reader, client.identity(), &wanted)) return incomplete();
+    registry::CommitResult outcome;
+    const Status status = wanted.note.empty() ? client.commit(wanted.batch, &outcome)
+                                              : client.with_note(wanted.note)->commit(wanted.batch, &outcome);
+    result.word32(status.code());
+    result.word32(index_or_none(outcome.failed_condition));
+    result.word32(index_or_none(outcome.failed_operation));
+    result.word64(static_cast<std::int64_t>(outcome.revision));
+    result.raw(status.text());
+    return {};
+  });
+}
+
 jbyteArray JNICALL recordServiceDependencies(JNIEnv* env, jclass, jlong registry, jlong mode) {
   return change_registry(env, registry, [&](Client& client, DataWriter&) -> Status {
     if (mode < 0 || mode > std::numeric_limits<std::int32_t>::max()) return PRTKV_INVALID_ARGUMENT;
@@ -294,6 +330,7 @@ void register_registry_natives(JNIEnv* env) {
       method("endSnapshot", "(JJ)V", endSnapshot),
       method("exists", "(JJLjava/lang/String;)[B", exists),
       method("value", "(JJLjava/lang/String;)[B", value),
+      method("read", "(JJLjava/lang/String;)[B", read),
       method("list", "(JJLjava/lang/String;)[B", list),
       method("stat", "(JJLjava/lang/String;)[B", stat),
       method("rights", "(JJLjava/lang/String;)[B", rights),
@@ -306,6 +343,7 @@ void register_registry_natives(JNIEnv* env) {
       method("remove", "(JLjava/lang/String;J)[B", remove),
       method("move", "(JLjava/lang/String;Ljava/lang/String;J)[B", move),
       method("copy", "(JLjava/lang/String;Ljava/lang/String;J)[B", copy),
+      method("commit", "(J[B)[B", commit),
       method("recordServiceDependencies", "(JJ)[B", recordServiceDependencies),
   };
   jclass owner = env->FindClass("velmar/qen/mgmt/registry/RegistryNatives");

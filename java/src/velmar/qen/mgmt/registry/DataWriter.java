@@ -13,6 +13,18 @@ final class DataWriter {
         return this;
     }
 
+    DataWriter word64(long number) {
+        room(Long.BYTES).putLong(number);
+        return this;
+    }
+
+    /** Appends what another one has written. */
+    DataWriter raw(DataWriter other) {
+        ByteBuffer data = other.bytes.duplicate().flip();
+        room(data.remaining()).put(data);
+        return this;
+    }
+
     DataWriter text(String text) {
         return bytes(ModifiedUtf8.encode(text));
     }

@@ -10,6 +10,9 @@ import java.util.List;
 import java.util.Map;
 import java.util.Objects;
 import java.util.Optional;
+import java.util.concurrent.ThreadLocalRandom;
+import java.util.concurrent.locks.LockSupport;
+import java.util.function.UnaryOperator;
 
 /**
  * The cluster registry: a tree of keys, each with a value and a security.
@@ -39,19 +42,26 @@ import java.util.Optional;
 public final class Registry extends NativeReader implements AutoCloseable {
     private static final String PATCH_LEVEL = "SYSTEM.version.patch";
 
+    /** The longest pause after the first conflict of an update; it grows with each one. */
+    private static final long PAUSE_NANOS = 200_000;
+    private static final int MOST_PAUSES = 50;
+
+    private final Duration patience;
     private final Cleaner.Cleanable cleanable;
 
-    private Registry(long handle, Runnable afterClosing) {
+    private Registry(long handle, Duration patience, Runnable afterClosing) {
         super(handle, RegistryNatives.PRESENT);
+        this.patience = patience;
         this.cleanable = CLEANER.register(this, () -> {
             RegistryNatives.close(handle);
             afterClosing.run();
         });
     }
 
-    private static Registry open(byte[] request, Runnable afterClosing) {
+    private static Registry open(byte[] request, RegistryOptions options, Runnable afterClosing) {
         NativeLibrary.load();
-        return new Registry(Reply.checked(RegistryNatives.open(request), null).word64(), afterClosing);
+        long handle = Reply.checked(RegistryNatives.open(request), null).word64();
+        return new Registry(handle, options.patience(), afterClosing);
     }
 
     private static void nothing() {}
@@ -78,7 +88,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws RegistryException as for {@link #open()}
      */
     public static Registry open(RegistryOptions options) {
-        return open(options.request(), Registry::nothing);
+        return open(options.request(), options, Registry::nothing);
     }
 
     /**
@@ -101,7 +111,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws RegistryException as for {@link #open()}
      */
     public static Registry open(Path configuration, RegistryOptions options) {
-        return open(options.requestForConfiguration(configuration), Registry::nothing);
+        return open(options.requestForConfiguration(configuration), options, Registry::nothing);
     }
 
     /**
@@ -125,7 +135,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws RegistryUnusableException if the directory cannot hold a registry
      */
     public static Registry at(Path directory, RegistryOptions options) {
-        return open(options.requestForDirectory(directory), Registry::nothing);
+        return open(options.requestForDirectory(directory), options, Registry::nothing);
     }
 
     /**
@@ -143,7 +153,8 @@ public final class Registry extends NativeReader implements AutoCloseable {
             throw new UncheckedIOException(e);
         }
         try {
-            return open(RegistryOptions.DEFAULTS.requestForDirectory(directory.path()), directory::remove);
+            RegistryOptions options = RegistryOptions.DEFAULTS;
+            return open(options.requestForDirectory(directory.path()), options, directory::remove);
         } catch (RuntimeException | Error e) {
             directory.remove();
             throw e;
@@ -560,6 +571,87 @@ public final class Registry extends NativeReader implements AutoCloseable {
      */
     public void copyReplacing(String source, String target, CopyOwner owner) {
         copy(source, target, owner, RegistryNatives.COPY_REPLACES);
+    }
+
+    // --- Changing together ---
+
+    /**
+     * Begins changes that are made together, under conditions. Keys that they create have {@link
+     * KeySecurity#inherited()}.
+     *
+     * @return an empty batch
+     */
+    public Batch batch() {
+        return batch(KeySecurity.inherited());
+    }
+
+    /**
+     * Begins changes that are made together, under conditions.
+     *
+     * @param newKeys the security of keys that the batch creates
+     * @return an empty batch
+     */
+    public Batch batch(KeySecurity newKeys) {
+        return new Batch(this, Objects.requireNonNull(newKeys, "newKeys"));
+    }
+
+    /**
+     * Replaces the value of a key by what a function makes of it. No change that others make at the same time is lost: if
+     * the key has changed before the new value could be written, the function is applied again, to the value of then. It
+     * can therefore be called several times, and should have no side effects. If the key does not exist, the function is
+     * given {@link Value.None}, and the key is created with {@link KeySecurity#inherited()}. If the function returns an
+     * equal value, nothing is written.
+     *
+     * <pre>{@code
+     * registry.update("app.count", value -> new Value.Int32(value instanceof Value.Int32 old ? old.number() + 1 : 1));
+     * }</pre>
+     *
+     * @param name full name
+     * @param operator the function; what it throws, this method throws
+     * @return the value that was written
+     * @throws ConflictException if others keep changing the key for as long as a call may take; see {@link
+     *     RegistryOptions.Builder#timeout}. Without such an option, that is 30 seconds
+     * @throws KeyNotFoundException if the parent does not exist
+     * @throws MissingRightException if the session may not read and write the key or, if it does not exist, create it
+     */
+    public Value update(String name, UnaryOperator<Value> operator) {
+        Objects.requireNonNull(operator, "operator");
+        long begin = System.nanoTime();
+        for (int attempt = 1;; attempt++) {
+            Batch condition = batch();
+            Value value = read(name, condition);
+            Value next = Objects.requireNonNull(operator.apply(value), "the operator's result");
+            if (next.equals(value)) {
+                return value;
+            }
+            try {
+                condition.put(name, next).commit();
+                return next;
+            } catch (ConflictException e) {
+                if (System.nanoTime() - begin >= patience.toNanos()) {
+                    throw e;
+                }
+            }
+            LockSupport.parkNanos(ThreadLocalRandom.current().nextLong(PAUSE_NANOS * Math.min(attempt, MOST_PAUSES)));
+        }
+    }
+
+    /** Reads a value, and makes it a condition that the key is still the same. */
+    private Value read(String name, Batch condition) {
+        Objects.requireNonNull(name, "name");
+        byte[] reply;
+        try {
+            reply = RegistryNatives.read(registry, RegistryNatives.PRESENT, name);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        if (Reply.code(reply) == ResultCode.NO_SUCH_KEY) {
+            condition.ifAbsent(name);
+            return new Value.None();
+        }
+        DataReader found = Reply.checked(reply, name);
+        condition.ifRevision(name, found.word64());
+        return found.valueToEnd(found.word32());
     }
 
     // --- The registry as a whole ---

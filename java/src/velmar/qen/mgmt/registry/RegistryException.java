@@ -78,6 +78,7 @@ public class RegistryException extends IllegalStateException {
             case ResultCode.UNUSABLE -> new RegistryUnusableException(key, text);
             case ResultCode.BUSY -> new RegistryBusyException(key, text);
             case ResultCode.UNDECIDED -> new UndecidedException(key, text);
+            case ResultCode.CONFLICT -> new ConflictException(key, text);
             case ResultCode.KEY_EXISTS -> new KeyExistsException(key, text);
             default -> new RegistryException(code, key, text);
         };

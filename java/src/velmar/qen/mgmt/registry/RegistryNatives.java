@@ -45,6 +45,9 @@ final class RegistryNatives {
     /** Result: type, then the bytes to the end. */
     static native byte[] value(long registry, long snapshot, String name);
 
+    /** Result: revision of the key, type, then the bytes to the end; all of one state. */
+    static native byte[] read(long registry, long snapshot, String name);
+
     /** Result: the levels. */
     static native byte[] list(long registry, long snapshot, String name);
 
@@ -76,6 +79,12 @@ final class RegistryNatives {
     static native byte[] move(long registry, String source, String target, long replace);
 
     static native byte[] copy(long registry, String source, String target, long flags);
+
+    /**
+     * Request: that of {@link Batch#commit}. Result, also of a batch that is refused: result code, the first condition
+     * that does not hold or -1, the change that cannot be made or -1, revision, then the message to the end.
+     */
+    static native byte[] commit(long registry, byte[] request);
 
     static native byte[] recordServiceDependencies(long registry, long mode);
 }

@@ -17,17 +17,21 @@ public final class RegistryOptions {
     private static final int READ_ONLY = 1;
     private static final int MUST_EXIST = 2;
 
+    private static final Duration DEFAULT_PATIENCE = Duration.ofSeconds(30);
+
     /** As configured, writable, created if there is none. */
     static final RegistryOptions DEFAULTS = builder().build();
 
     private final int timeoutMillis;
     private final boolean readOnly;
     private final boolean mustExist;
+    private final String note;
 
     private RegistryOptions(Builder builder) {
         timeoutMillis = builder.timeoutMillis;
         readOnly = builder.readOnly;
         mustExist = builder.mustExist;
+        note = builder.note;
     }
 
     /**
@@ -37,6 +41,11 @@ public final class RegistryOptions {
      */
     public static Builder builder() {
         return new Builder();
+    }
+
+    /** Returns how long a call may be repeated that others keep from succeeding. */
+    Duration patience() {
+        return timeoutMillis == 0 ? DEFAULT_PATIENCE : Duration.ofMillis(timeoutMillis);
     }
 
     byte[] request() {
@@ -53,7 +62,7 @@ public final class RegistryOptions {
 
     private byte[] request(int place, String path) {
         int flags = (readOnly ? READ_ONLY : 0) | (mustExist ? MUST_EXIST : 0);
-        return new DataWriter().word32(place).text(path).word32(flags).word32(timeoutMillis).done();
+        return new DataWriter().word32(place).text(path).word32(flags).word32(timeoutMillis).text(note).done();
     }
 
     /** Builds options. A builder must not be used by several threads at a time. */
@@ -61,6 +70,7 @@ public final class RegistryOptions {
         private int timeoutMillis;
         private boolean readOnly;
         private boolean mustExist;
+        private String note = "";
 
         private Builder() {}
 
@@ -102,6 +112,17 @@ public final class RegistryOptions {
          */
         public Builder mustExist(boolean must) {
             mustExist = must;
+            return this;
+        }
+
+        /**
+         * Notes in the log what the changes of this session are for. The default is no note.
+         *
+         * @param text the note, of which the log keeps 1024 bytes
+         * @return this builder
+         */
+        public Builder note(String text) {
+            note = Objects.requireNonNull(text, "text");
             return this;
         }
 

@@ -52,6 +52,8 @@
  *     <td>another process is using the registry; the same call may succeed later</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.UndecidedException}</th><td>20</td>
  *     <td>it is not known whether the change was made; read before repeating it</td></tr>
+ * <tr><th scope="row">{@link velmar.qen.mgmt.registry.ConflictException}</th><td>21</td>
+ *     <td>a condition of a batch does not hold; read again before repeating the change</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.KeyExistsException}</th><td>55</td>
  *     <td>there already is such a key</td></tr>
  * <tr><th scope="row">{@link velmar.qen.mgmt.registry.RegistryException}</th><td>others</td>

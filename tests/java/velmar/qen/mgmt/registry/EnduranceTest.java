@@ -57,6 +57,16 @@ class EnduranceTest {
         });
         kinds.put("snapshot that is abandoned", () -> registry.snapshot());
         kinds.put("write", () -> registry.put("a.number", 1));
+        kinds.put("batch", () -> registry.batch().ifExists("a").put("a.number", 1).put("a.text", "text").commit());
+        kinds.put("conflict", () -> {
+            try {
+                registry.batch().ifAbsent("a").put("a.text", "new").commit();
+            } catch (ConflictException e) {
+                assertEquals("a", e.key());
+            }
+        });
+        kinds.put("update", () -> registry.update(
+                "a.number", value -> new Value.Int32(((Value.Int32) value).number() + 1)));
         kinds.put("creation and deletion", () -> {
             registry.create("a.new", KeySecurity.privateToUser());
             registry.delete("a.new");

@@ -18,7 +18,8 @@ class ExceptionTest {
     @CsvSource({"2, MissingRightException", "4, KeyNotFoundException", "5, InvalidNameException",
                 "6, KeyNotEmptyException", "7, RegistryDamagedException", "10, ValueTooLargeException",
                 "11, StorageFullException", "15, RegistryUnavailableException", "18, RegistryUnusableException",
-                "19, RegistryBusyException", "20, UndecidedException", "55, KeyExistsException",
+                "19, RegistryBusyException", "20, UndecidedException", "21, ConflictException",
+                "55, KeyExistsException",
                 "8, RegistryException", "12, RegistryException", "14, RegistryException", "17, RegistryException",
                 "41, RegistryException", "42, RegistryException", "1234, RegistryException"})
     void theCodeDecidesTheKind(int code, String kind) {
@@ -52,7 +53,8 @@ class ExceptionTest {
                 Map.entry(7, RegistryDamagedException::new), Map.entry(10, ValueTooLargeException::new),
                 Map.entry(11, StorageFullException::new), Map.entry(15, RegistryUnavailableException::new),
                 Map.entry(18, RegistryUnusableException::new), Map.entry(19, RegistryBusyException::new),
-                Map.entry(20, UndecidedException::new), Map.entry(55, KeyExistsException::new));
+                Map.entry(20, UndecidedException::new), Map.entry(21, ConflictException::new),
+                Map.entry(55, KeyExistsException::new));
         kinds.forEach((code, kind) -> {
             RegistryException made = kind.apply("k", "text");
             assertEquals(List.of(code, "k", "text"), List.of(made.code(), made.key(), made.text()));

@@ -33,6 +33,7 @@ class ManyThreadsTest {
     /** Counted down by each worker after its last round before the closing, or when it ends before that. */
     private final CountDownLatch busy = new CountDownLatch(THREADS);
     private final AtomicInteger created = new AtomicInteger();
+    private final AtomicInteger added = new AtomicInteger();
     private Registry registry;
 
     @BeforeEach
@@ -41,6 +42,7 @@ class ManyThreadsTest {
         registry.create("threads");
         registry.create("threads.shared");
         registry.create("threads.claimed");
+        registry.put("threads.sum", 0);
         for (int i = 0; i < THREADS; i++) {
             registry.put("threads.counter" + i, 0);
         }
@@ -78,7 +80,7 @@ class ManyThreadsTest {
     private void callAnything(Random random, int thread) {
         String shared = "threads.shared.k" + random.nextInt(5);
         try {
-            switch (random.nextInt(20)) {
+            switch (random.nextInt(22)) {
                 case 0 -> registry.put(shared, "text");
                 case 1 -> assertTrue(isWhole(registry.value(shared)));
                 case 2 -> registry.put(shared, List.of("a", "b"));
@@ -98,6 +100,8 @@ class ManyThreadsTest {
                 case 16 -> registry.isClusterMember();
                 case 17 -> readTwice();
                 case 18 -> assertTrue(registry.revision() > 0);
+                case 19 -> add();
+                case 20 -> registry.batch().ifExists("threads").put(shared, 1).put("threads.shared.k0", 1).commit();
                 default -> assertFalse(registry.locations().places().isEmpty());
             }
         } catch (KeyNotFoundException | KeyExistsException race) {
@@ -126,6 +130,11 @@ class ManyThreadsTest {
         try (Snapshot state = registry.snapshot()) {
             assertEquals(counters(state), counters(state));
         }
+    }
+
+    private void add() {
+        registry.update("threads.sum", value -> new Value.Int32(((Value.Int32) value).number() + 1));
+        added.incrementAndGet();
     }
 
     private static List<Integer> counters(RegistryReader state) {
@@ -161,6 +170,7 @@ class ManyThreadsTest {
         for (int i = 0; i < THREADS; i++) {
             assertEquals(confirmed.get(i), registry.getInt("threads.counter" + i));
         }
+        assertEquals(added.get(), registry.getInt("threads.sum"));
         assertEquals(created.get(), registry.list("threads.claimed").size());
         registry.deleteTree("threads");
     }
