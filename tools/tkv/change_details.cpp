@@ -55,6 +55,7 @@ Status read_subtree(KeyReader& reader, const KeyRef& top, Sides* sides) {
 Status read_side(KeyReader& reader, const Change& change, Sides* sides) {
   switch (change.kind) {
     case Change::Kind::kMoved:
+    case Change::Kind::kPurged:
       return {};
     case Change::Kind::kDeleted:
     case Change::Kind::kChangedAtOrBelow:

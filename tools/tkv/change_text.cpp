@@ -23,6 +23,8 @@ const char* kind_name(Change::Kind kind) {
       return "deleted";
     case Change::Kind::kChangedAtOrBelow:
       return "subtree";
+    case Change::Kind::kPurged:
+      return "purged";
   }
   return "unknown";
 }
