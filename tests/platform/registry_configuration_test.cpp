@@ -103,13 +103,15 @@ TEST_F(ConfigurationFile, TheSystemsRecordsStandForAMissingHome) {
   made.home = "/srv/alice";
   ASSERT_TRUE(Configuration::read(&configuration_, made).ok());
   EXPECT_THAT(configuration_.locations, ElementsAre("/srv/alice/.local/state/tkv"));
+  made.home = "alice";
+  EXPECT_EQ(Configuration::read(&configuration_, made).code(), PRTKV_INVALID_CONFIGURATION) << "a relative path";
 }
 
-// Runs `check` in a child process, as a user other than root, without $HOME. Returns its exit code.
-int in_child_without_home(const std::function<bool()>& check) {
+// Runs `check` in a child process, as a user other than root, with this $HOME or none. Returns its exit code.
+int in_child_with_home(const char* home, const std::function<bool()>& check) {
   const pid_t child = fork();
   if (child == 0) {
-    unsetenv("HOME");
+    home == nullptr ? unsetenv("HOME") : setenv("HOME", home, 1);
     if (geteuid() == 0 && setuid(65534) != 0) _exit(2);
     _exit(check() ? 0 : 1);
   }
@@ -118,11 +120,16 @@ int in_child_without_home(const std::function<bool()>& check) {
 }
 
 TEST_F(ConfigurationFile, HomeOfTheProcessComesFromTheSystemsRecordsWithoutAVariable) {
-  EXPECT_EQ(in_child_without_home([] {
-              const passwd* const user = getpwuid(geteuid());
-              return user != nullptr && *user->pw_dir != '\0' && Surroundings::of_process().home == user->pw_dir;
-            }),
-            0);
+  for (const char* home : {static_cast<const char*>(nullptr), "", "relative"}) {
+    EXPECT_EQ(in_child_with_home(home,
+                                 [] {
+                                   const passwd* const user = getpwuid(geteuid());
+                                   return user != nullptr && *user->pw_dir != '\0' &&
+                                          Surroundings::of_process().home == user->pw_dir;
+                                 }),
+              0)
+        << (home == nullptr ? "none" : home);
+  }
 }
 
 TEST_F(ConfigurationFile, RelocationReplacesTheLocationsOnly) {

@@ -482,6 +482,16 @@ TEST_F(Prtkv, AHandleInTheSlotOfAClosedOneListsItsOwnKey) {
   EXPECT_EQ(next(ctx_, second).code, PRTKV_NO_MORE_SUBKEYS);
 }
 
+TEST_F(Prtkv, AHandleInTheSlotOfOneWhoseKeyIsGoneServesItsOwnKey) {
+  const Context other(ground_.as(superuser()));
+  for (const char* name : {"a", "c"}) ground_.make(name, open_to_all(), name);
+  const prtkv_key gone = ctx_.open("a");
+  EXPECT_EQ(prtkv_delete_key(other, other.open("a"), 0), PRTKV_DONE);
+  EXPECT_EQ(value(gone), "code 4");
+  ASSERT_EQ(prtkv_close_key(ctx_, gone), PRTKV_DONE);
+  EXPECT_EQ(value(ctx_.open("c")), "c");
+}
+
 TEST_F(Prtkv, KeyWithoutSubkeysHasNoMoreAtOnce) {
   ground_.make("a");
   EXPECT_EQ(next(ctx_, ctx_.open("a")).code, PRTKV_NO_MORE_SUBKEYS);
