@@ -218,9 +218,15 @@ class Clients {
     }
   }
 
+  ~Clients() { finish(); }
+  Clients(const Clients&) = delete;
+  Clients& operator=(const Clients&) = delete;
+
   void finish() {
     stop_ = true;
-    for (std::thread& thread : threads_) thread.join();
+    for (std::thread& thread : threads_) {
+      if (thread.joinable()) thread.join();
+    }
   }
 
   // Waits until every client has made so many more operations.
