@@ -6,7 +6,7 @@
 
 #include "base/identity.h"
 #include "data_reader.h"
-#include "registry/batch.h"
+#include "registry/client.h"
 
 namespace tkv::java {
 
