@@ -52,6 +52,7 @@ Status close_registry(jlong handle) {
   if (entry == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
   std::latch gone(1);
   entry->gone = &gone;
+  entry->registry->end_waiting();
   entry.reset();
   gone.wait();
   return {};

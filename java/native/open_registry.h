@@ -5,6 +5,7 @@
 #include <jni.h>
 
 #include <memory>
+#include <stop_token>
 #include <utility>
 
 #include "base/status.h"
@@ -25,6 +26,11 @@ class OpenRegistry {
   registry::Client& client() const { return *client_; }
   HandleTable<registry::Snapshot>& snapshots() { return snapshots_; }
 
+  // What ends the waiting of a watch, and of all of them: see watch.h.
+  HandleTable<std::stop_source>& watches() { return watches_; }
+  std::stop_token closing() const { return closing_.get_token(); }
+  void end_waiting() { closing_.request_stop(); }
+
   // Returns PRTKV_ACCESS_DENIED if the registry was opened for reading only.
   Status check_writable() const;
 
@@ -32,6 +38,8 @@ class OpenRegistry {
   const std::shared_ptr<registry::Client> client_;
   const bool read_only_;
   HandleTable<registry::Snapshot> snapshots_;
+  HandleTable<std::stop_source> watches_;
+  std::stop_source closing_;
 };
 
 // Opens a handle on a registry. Any thread may call.
@@ -41,7 +49,8 @@ jlong add_registry(std::shared_ptr<registry::Client> client, bool read_only);
 // Any thread may call.
 std::shared_ptr<OpenRegistry> find_registry(jlong handle);
 
-// Closes a handle, and then waits until the calls that are using the registry have ended and its client is gone. Calls
+// Closes a handle, ends what waits for changes, and then waits until the calls that are using the registry have ended
+// and its client is gone. Calls
 // that look it up afterwards no longer find it. Returns PRTKV_INVALID_HANDLE if the handle is not open. Any thread may
 // call.
 Status close_registry(jlong handle);

@@ -1,10 +1,12 @@
 #include "registry_natives.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,6 +25,7 @@
 #include "registry/open_client.h"
 #include "registry/zuved.h"
 #include "walk.h"
+#include "watch.h"
 
 namespace tkv::java {
 namespace {
@@ -211,6 +214,38 @@ jbyteArray JNICALL continueWalk(JNIEnv* env, jclass, jlong rest) {
 
 void JNICALL endWalk(JNIEnv*, jclass, jlong rest) { end_walk(rest); }
 
+// --- Watching ---
+
+jbyteArray JNICALL beginWatch(JNIEnv* env, jclass, jlong registry) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    result.word64(open.watches().add(std::make_shared<std::stop_source>()));
+    return {};
+  });
+}
+
+void JNICALL endWatch(JNIEnv*, jclass, jlong registry, jlong watch) {
+  if (const std::shared_ptr<OpenRegistry> open = find_registry(registry)) end_watch(*open, watch);
+}
+
+jbyteArray JNICALL changes(JNIEnv* env, jclass, jlong registry, jlong watch, jstring name, jlong depth, jlong after) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    if (open.watches().find(watch) == nullptr) return closed_watch();
+    if (depth < 0) return {PRTKV_INVALID_ARGUMENT, "a depth below 0"};
+    const StringArgument top(env, name);
+    return write_changes(open.client(), top.view(), static_cast<std::size_t>(depth), Revision(after), result);
+  });
+}
+
+jbyteArray JNICALL await(JNIEnv* env, jclass, jlong registry, jlong watch, jlong after, jlong milliseconds) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    Revision latest = 0;
+    const std::chrono::milliseconds timeout(milliseconds);
+    if (Status status = wait_for_change(open, watch, Revision(after), timeout, &latest); !status.ok()) return status;
+    result.word64(static_cast<std::int64_t>(latest));
+    return {};
+  });
+}
+
 // --- Changing ---
 
 Status read_put(DataReader& request, const Client& client, PutOptions* options, std::vector<NamedValue>* values) {
@@ -337,6 +372,10 @@ void register_registry_natives(JNIEnv* env) {
       method("beginWalk", "(JJLjava/lang/String;J)[B", beginWalk),
       method("continueWalk", "(J)[B", continueWalk),
       method("endWalk", "(J)V", endWalk),
+      method("beginWatch", "(J)[B", beginWatch),
+      method("endWatch", "(JJ)V", endWatch),
+      method("changes", "(JJLjava/lang/String;JJ)[B", changes),
+      method("await", "(JJJJ)[B", await),
       method("put", "(J[B)[B", put),
       method("clear", "(JLjava/lang/String;)[B", clear),
       method("changeSecurity", "(JLjava/lang/String;[BJ)[B", changeSecurity),

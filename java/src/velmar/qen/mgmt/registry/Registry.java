@@ -10,8 +10,10 @@ import java.util.List;
 import java.util.Map;
 import java.util.Objects;
 import java.util.Optional;
+import java.util.concurrent.Executor;
 import java.util.concurrent.ThreadLocalRandom;
 import java.util.concurrent.locks.LockSupport;
+import java.util.function.Consumer;
 import java.util.function.UnaryOperator;
 
 /**
@@ -162,8 +164,8 @@ public final class Registry extends NativeReader implements AutoCloseable {
     }
 
     /**
-     * Closes the registry with its snapshots, after waiting for the calls in progress. Closing it again has no effect.
-     * Streams that were opened before can still be read.
+     * Closes the registry with its snapshots and watches, after waiting for the calls in progress, but not for events.
+     * Closing it again has no effect. Streams that were opened before can still be read.
      */
     @Override
     public void close() {
@@ -652,6 +654,80 @@ public final class Registry extends NativeReader implements AutoCloseable {
         DataReader found = Reply.checked(reply, name);
         condition.ifRevision(name, found.word64());
         return found.valueToEnd(found.word32());
+    }
+
+    // --- Watching ---
+
+    /**
+     * Begins to read the changes that are made from now on to a key and to what is below it.
+     *
+     * @param name full name; there need not be such a key yet
+     * @param depth how many levels below the key to watch: 0 for the key alone
+     * @return the reader, to be closed
+     * @throws IllegalArgumentException if the depth is negative
+     */
+    public EventReader events(String name, int depth) {
+        return events(name, depth, revision());
+    }
+
+    /**
+     * Begins to read the changes to a key and to what is below it that were made after a revision, such as that of the
+     * {@link Snapshot} in which the program has read the key.
+     *
+     * @param name full name; there need not be such a key yet
+     * @param depth how many levels below the key to watch: 0 for the key alone
+     * @param after the revision
+     * @return the reader, to be closed
+     * @throws IllegalArgumentException if the depth or the revision is negative
+     */
+    public EventReader events(String name, int depth, long after) {
+        Objects.requireNonNull(name, "name");
+        if (depth < 0 || after < 0) {
+            throw new IllegalArgumentException("a depth or a revision below 0: " + Math.min(depth, after));
+        }
+        return new EventReader(this, name, depth, after).begun();
+    }
+
+    /**
+     * Has a listener told of the changes that are made from now on to a key and to what is below it.
+     *
+     * @param name full name; there need not be such a key yet
+     * @param depth how many levels below the key to watch: 0 for the key alone
+     * @param executor calls the listener; {@code Runnable::run} calls it in a thread of the watch's own
+     * @param listener is called with one event at a time
+     * @return the watch, to be closed
+     * @throws IllegalArgumentException if the depth is negative
+     */
+    public Watch watch(String name, int depth, Executor executor, Consumer<? super RegistryEvent> listener) {
+        return watch(name, depth, revision(), executor, listener);
+    }
+
+    /**
+     * Has a listener told of the changes to a key and to what is below it that were made after a revision, such as that of
+     * the {@link Snapshot} in which the program has read the key.
+     *
+     * <pre>{@code
+     * try (Snapshot state = registry.snapshot()) {
+     *     configure(state);
+     *     watch = registry.watch("app", 1, state.revision(), executor, event -> reconfigure());
+     * }
+     * }</pre>
+     *
+     * @param name full name; there need not be such a key yet
+     * @param depth how many levels below the key to watch: 0 for the key alone
+     * @param after the revision
+     * @param executor calls the listener; {@code Runnable::run} calls it in a thread of the watch's own
+     * @param listener is called with one event at a time
+     * @return the watch, to be closed
+     * @throws IllegalArgumentException if the depth or the revision is negative
+     */
+    public Watch watch(String name, int depth, long after, Executor executor,
+                       Consumer<? super RegistryEvent> listener) {
+        Objects.requireNonNull(executor, "executor");
+        Objects.requireNonNull(listener, "listener");
+        Watch watch = new Watch(events(name, depth, after), after, executor, listener);
+        watch.start();
+        return watch;
     }
 
     // --- The registry as a whole ---

@@ -65,6 +65,21 @@ final class RegistryNatives {
 
     static native void endWalk(long rest);
 
+    /** Result: the watch, which ends with the registry. */
+    static native byte[] beginWatch(long registry);
+
+    /** Ends the waiting of the watch as well. */
+    static native void endWatch(long registry, long watch);
+
+    /**
+     * Returns at once. Result: whether all changes after the revision are retained, and without these there are none; the
+     * revision to go on after; then {@link RegistryEvent.Changed changes} to the end, perhaps not all of them.
+     */
+    static native byte[] changes(long registry, long watch, String name, long depth, long after);
+
+    /** Waits until anything has changed, or the time has passed. Result: the revision of the latest state. */
+    static native byte[] await(long registry, long watch, long after, long milliseconds);
+
     /** Request: flags, security, and then name, type and bytes of any number of values. All or nothing. */
     static native byte[] put(long registry, byte[] request);
 

@@ -1,17 +1,21 @@
 /**
  * The cluster registry: {@link velmar.qen.mgmt.registry.Registry}, and what its methods take, return and throw.
  *
- * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry}, for a {@link
- * velmar.qen.mgmt.registry.Snapshot} of it, and for a program's own stand-ins in tests. {@link velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their
- * own.
+ * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry}, for a
+ * {@link velmar.qen.mgmt.registry.Snapshot} of it, and for a program's own stand-ins in tests. {@link
+ * velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their own.
+ *
+ * <p>{@link velmar.qen.mgmt.registry.Batch} makes changes together, under conditions, and {@link
+ * velmar.qen.mgmt.registry.Watch} tells a listener of the changes that others make.
  *
  * <p>{@link velmar.qen.mgmt.registry.RegistryPreferencesFactory} keeps the preferences of {@link java.util.prefs} in
  * the registry.
  *
- * <p><b>Threads.</b> Any number of threads may use a {@code Registry} or a {@code Snapshot}, and any number of registries can be open. Calls
- * that read do not wait for each other; calls that change something take turns, in all processes of the node together.
- * The session of {@code TKVNative} is independent of them. All other classes are immutable values, except for builders,
- * streams and the sets and arrays that methods return, which are the caller's.
+ * <p><b>Threads.</b> Any number of threads may use a {@code Registry}, a {@code Snapshot}, an {@code EventReader} or a
+ * {@code Watch}, and any number of registries can be open. Calls that read do not wait for each other; calls that change
+ * something take turns, in all processes of the node together. The session of {@code TKVNative} is independent of them.
+ * All other classes are immutable values, except for builders, batches, streams and the sets and arrays that methods
+ * return, which are the caller's.
  *
  * <p><b>Nulls.</b> No argument may be null unless its description says so, and no method returns null, except for the
  * null that a caller has passed as a default.

@@ -194,8 +194,8 @@ class BatchTest extends OpenRegistry {
                 () -> registry.batch().move(null, "k"), () -> registry.batch().move("k", null),
                 () -> registry.batch().copy("k", "l", null), () -> registry.batch().note(null),
                 () -> registry.batch().setSecurity("k", null), () -> registry.batch().setSecurityTree("k", null),
-                () -> RegistryOptions.builder().note(null), () -> registry.update(null, value -> value), () -> registry.update("k", null),
-                () -> registry.update("k", value -> null))) {
+                () -> RegistryOptions.builder().note(null), () -> registry.update(null, value -> value),
+                () -> registry.update("k", null), () -> registry.update("k", value -> null))) {
             assertThrows(NullPointerException.class, call);
         }
         assertThrows(IllegalArgumentException.class, () -> registry.batch().put("k", List.of("a", "")));

@@ -13,6 +13,8 @@ import java.time.Duration;
 import java.time.Instant;
 import java.util.List;
 import java.util.Map;
+import java.util.concurrent.Executor;
+import java.util.function.Consumer;
 import org.junit.jupiter.api.Test;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
 
@@ -24,12 +26,19 @@ class ClassLoadersTest {
         return new URLClassLoader(new URL[] {jar}, ClassLoader.getPlatformClassLoader());
     }
 
-    /** Writes to a registry and reads from it, through reflection. */
+    /** Writes to a registry, watches it, and reads from a snapshot of it, through reflection. */
     private static Object use(ClassLoader loader) throws ReflectiveOperationException {
         Class<?> type = loader.loadClass("velmar.qen.mgmt.registry.Registry");
         try (AutoCloseable registry = (AutoCloseable) type.getMethod("temporary").invoke(null)) {
             type.getMethod("put", String.class, int.class).invoke(registry, "k", 7);
-            return type.getMethod("getInt", String.class).invoke(registry, "k");
+            Executor direct = Runnable::run;
+            Consumer<Object> listener = event -> { };
+            try (AutoCloseable watch = (AutoCloseable) type.getMethod("watch", String.class, int.class, Executor.class,
+                                                                      Consumer.class)
+                         .invoke(registry, "", 1, direct, listener);
+                 AutoCloseable state = (AutoCloseable) type.getMethod("snapshot").invoke(registry)) {
+                return state.getClass().getMethod("getInt", String.class).invoke(state, "k");
+            }
         } catch (ReflectiveOperationException e) {
             throw e;
         } catch (Exception e) {

@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import java.time.Duration;
 import java.util.EnumSet;
 import java.util.List;
 import java.util.Optional;
@@ -105,6 +106,21 @@ class DeniedTest {
                 assertEquals("former", readable.getText("nobodys.past"));
                 assertDenied("nobodys.past", () -> hidden.getText("nobodys.past"));
             }
+        }
+    }
+
+    @Test
+    void eventsTellOnlyWhatMayBeKnown() {
+        try (EventReader events = registry.events("", Integer.MAX_VALUE)) {
+            registry.create("nobodys.watched", KeySecurity.privateToUser());
+            registry.setSecurity("nobodys.watched",
+                                 KeySecurity.inherited().withOwnerRights(EnumSet.of(Right.WRITE, Right.SECURITY)));
+            registry.put("nobodys.watched", "unreadable");
+            registry.put("nobodys.seen", "readable");
+            List<KeyChange> told = Stream.generate(() -> events.next(Duration.ZERO)).takeWhile(Optional::isPresent)
+                    .flatMap(event -> ((RegistryEvent.Changed) event.get()).changes().stream()).toList();
+            assertEquals(List.of("nobodys.watched", "nobodys.seen"), told.stream().map(KeyChange::name).toList());
+            assertEquals(Set.of(KeyChange.Kind.CREATED), Set.copyOf(told.stream().map(KeyChange::kind).toList()));
         }
     }
 

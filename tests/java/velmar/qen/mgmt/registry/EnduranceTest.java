@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
@@ -56,6 +57,13 @@ class EnduranceTest {
             }
         });
         kinds.put("snapshot that is abandoned", () -> registry.snapshot());
+        kinds.put("event", () -> {
+            try (EventReader events = registry.events("a", 1)) {
+                registry.put("a.number", 1);
+                assertTrue(events.next(Duration.ofMinutes(4)).isPresent());
+            }
+        });
+        kinds.put("watch", () -> registry.watch("a", 1, Runnable::run, event -> { }).close());
         kinds.put("write", () -> registry.put("a.number", 1));
         kinds.put("batch", () -> registry.batch().ifExists("a").put("a.number", 1).put("a.text", "text").commit());
         kinds.put("conflict", () -> {
@@ -155,6 +163,10 @@ class EnduranceTest {
             registry.exists("k");
             registry.put("k", random.nextInt());
             registry.getInt("k");
+            try (Snapshot state = registry.snapshot(); EventReader events = registry.events("k", 0)) {
+                state.getInt("k");
+                events.next(Duration.ZERO);
+            }
         } catch (RegistryClosedException closed) {
             assertEquals(3, closed.code());
         }

@@ -11,7 +11,8 @@ final class HistoryOf {
     /** Opens the registry in a directory, with settings for its history. */
     static Registry with(String settings, Path directory) throws IOException {
         Path file = directory.resolve("tkv.conf");
-        Files.writeString(file, "[registry]\nlocation = " + directory.resolve("registry") + "\n[history]\n" + settings + "\n");
+        String location = "[registry]\nlocation = " + directory.resolve("registry") + "\n";
+        Files.writeString(file, location + "[history]\n" + settings + "\n");
         return Registry.open(file);
     }
 }

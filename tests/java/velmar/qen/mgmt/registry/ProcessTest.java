@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 
 import java.io.IOException;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.CountDownLatch;
@@ -47,6 +48,13 @@ class ProcessTest {
             for (int i = 0;; i++) {
                 registry.put("a.b.k" + number, i);
                 registry.list("a");
+                registry.update("a.b.sum", value -> new Value.Int32(number));
+                try (Snapshot state = registry.snapshot(); EventReader events = registry.events("a", 2)) {
+                    state.list("a");
+                    registry.batch().ifExists("a").put("a.b.k" + number, i).commit();
+                    events.next(Duration.ofMillis(1));
+                }
+                registry.watch("a", 2, Runnable::run, event -> { }).close();
                 try (Registry another = Registry.at(place)) {
                     another.getInt("a.b.k" + number);
                 }
@@ -55,6 +63,32 @@ class ProcessTest {
                 }
             }
         }
+    }
+
+    /** Returns from main() while a watch, a waiting reader and a snapshot are open. */
+    static final class Watching {
+        private Watching() {}
+
+        public static void main(String[] arguments) throws InterruptedException {
+            Registry registry = Registry.at(Path.of(arguments[0]));
+            CountDownLatch told = new CountDownLatch(1);
+            registry.watch("", Integer.MAX_VALUE, Runnable::run, event -> told.countDown());
+            EventReader events = registry.events("of no concern", 0);
+            Thread waiting = new Thread(() -> events.next(Duration.ofDays(1)));
+            waiting.setDaemon(true);
+            waiting.start();
+            Snapshot state = registry.snapshot();
+            registry.ensure("a.b");
+            told.await();
+            System.out.println("still there: " + state.exists("a") + " " + registry.exists("a.b"));
+        }
+    }
+
+    @Test
+    void aWatchDoesNotKeepAProcessFromEnding() throws IOException, InterruptedException {
+        ChildJvm.Outcome outcome = ChildJvm.run(List.of(), Map.of(), Watching.class, directory.resolve("r").toString());
+        assertEquals("still there: false true\n", outcome.output());
+        assertEquals(0, outcome.exit());
     }
 
     @Test

@@ -57,6 +57,8 @@ class RegistryNativesTest {
                 }
             }
             RegistryNatives.endWalk(handle);
+            RegistryNatives.endSnapshot(handle, handle);
+            RegistryNatives.endWatch(handle, handle);
         }
     }
 
