@@ -182,7 +182,6 @@ class TheModule(CommandTest):
         self.assertNotIn("cannot be loaded", done.stderr)
 
 
-
 class Documentation(CommandTest):
     def test_the_user_of_the_registry_is_set_up_as_printed(self):
         cluster = EtcdCluster()
@@ -203,6 +202,28 @@ class Documentation(CommandTest):
                                               f"[etcd]\ntimeout_ms = 60000\nuser = tkv\npassword_file = {password}\n")
         self.tkv("set", "a", "x")
         self.assertEqual(self.out("get", "a"), "x\n")
+
+    def test_a_registry_is_moved_as_printed(self):
+        cluster = EtcdCluster()
+        self.addCleanup(cluster.close)
+        self.tkv("set", "-p", "app.name", "billing")
+        (self.folder / "new.conf").write_text(f"[registry]\nlocation = etcd://{cluster.endpoints[0]}\n"
+                                              "[etcd]\ntimeout_ms = 60000\n")
+        text = (ROOT / "docs" / "operations.md").read_text(encoding="utf-8")
+        text = re.search(r"(?ms)^## Moving a registry to etcd$(.*?)^## ", text)[1]
+        lines = re.findall(r"`(tkv conf [^`]*)`|(?m:^ *\$ (.*)$)", text)
+        environment = {**self.environment, "PATH": f"{COMMAND.parent}:{self.environment['PATH']}"}
+        run = ["".join(line).replace("/etc/tkv/", f"{self.folder}/") for line in lines]
+        self.assertEqual([line.split()[:2] for line in run[:2]], [["tkv", "conf"], ["tkv", "migrate"]])
+        for line in run:
+            if "--overwrite" in line:
+                self.tkv("set", "app.name", "changed meanwhile")
+                line += " --yes"  # the answer of a person at a terminal
+            done = subprocess.run(line.split(), env=environment, capture_output=True, text=True, timeout=DEADLINE,
+                                  check=False)
+            self.assertEqual(done.returncode, 0, (line, done.stderr))
+        self.assertEqual(self.out("get", "app.name"), "changed meanwhile\n")
+        self.assertEqual(json.loads(self.out("status", "--json"))["store"], "etcd")
 
 
 if __name__ == "__main__":

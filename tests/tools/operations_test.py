@@ -8,7 +8,7 @@ import shutil
 import subprocess
 import unittest
 
-from command import COMMAND, DEADLINE, CommandTest
+from command import COMMAND, DEADLINE, DIFFERS, CommandTest
 
 TEXT = (pathlib.Path(__file__).resolve().parents[2] / "docs" / "operations.md").read_text(encoding="utf-8")
 
@@ -23,6 +23,10 @@ def section(title):
 
 def blocks(text, kind):
     return [re.sub(r"(?m)^ +", "", block) for block in re.findall(rf"(?s)```{kind}\n(.*?)```", text)]
+
+
+# These change the machine, not the registry.
+NOT_RUN = ("groupadd ", "usermod ", "systemctl ", "groupdel ", "rm -r /srv/tkv ")
 
 
 def commands(text):
@@ -50,7 +54,7 @@ class Procedures(CommandTest):
 
     def run_lines(self, lines):
         for line in lines:
-            if not line.startswith(("groupadd", "usermod")):
+            if not line.startswith(NOT_RUN):
                 with self.subTest(command=line):
                     done = subprocess.run(["sh", "-c", self.here(line)], env=self.environment, capture_output=True,
                                           text=True, timeout=DEADLINE, check=False)
@@ -79,6 +83,26 @@ class Procedures(CommandTest):
             else:
                 self.run_lines([re.sub(r"/srv/tkv-backups/\S+", backup, line)])
         self.assertEqual(self.out("get", "app.name"), "billing\n")
+
+    def test_restoring_a_backup(self):
+        self.set_up()
+        backup = self.out("backup", "-q").strip()
+        before = self.out("export")
+        self.tkv("set", "app.name", "changed since")
+        compare, restore = (line.replace("FILE", f"{backup} --yes") for line in commands(section("Backups"))
+                            if line.startswith("tkv restore "))
+        done = subprocess.run(["sh", "-c", compare], env=self.environment, capture_output=True, timeout=DEADLINE,
+                              check=False)
+        self.assertEqual((done.returncode, done.stderr), (DIFFERS, b""))
+        self.assertEqual(self.out("get", "app.name"), "changed since\n")
+        self.run_lines([restore])
+        self.assertEqual(self.out("export"), before)
+
+    def test_no_other_commands_are_shown(self):
+        run = ("Setting up a registry for several users of a node", "Backups", "A full disk")
+        elsewhere = ("Moving a registry to etcd", "Security")  # by etcd_command_test
+        tested = [line for title in run + elsewhere for line in commands(section(title))]
+        self.assertEqual([line for line in commands(TEXT) if line not in tested and not line.startswith(NOT_RUN)], [])
 
     def test_the_configurations_that_are_shown_are_understood(self):
         for block in blocks(section("Configuration"), "ini"):
