@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import socket
+import subprocess
 import sys
 import threading
 import unittest
@@ -15,6 +16,7 @@ sys.path.insert(0, str(ROOT / "tests" / "cluster"))
 from etcd_cluster import EtcdCluster
 
 LIBRARY = ctypes.CDLL(sys.argv.pop(1))
+MAKE_DAMAGE = sys.argv.pop(1)
 JAVA = ROOT / "java" / "src" / "velmar" / "qen" / "mgmt" / "registry"
 VALUE = "a value that can be recognized"
 
@@ -156,6 +158,11 @@ class OnADirectory(Failures):
                 file.seek(meta_page + 20)
                 file.write(b"\x07\0\0\0")
         self.assert_unusable(str(self.registry))
+
+    def test_registry_of_a_newer_format(self):
+        self.tkv("create", "a")
+        subprocess.run([MAKE_DAMAGE, self.registry, "newer"], check=True)
+        self.assert_unusable("and this release reads versions up to ")
 
     def test_another_writer(self):
         keys = ",".join(f'{{"name":"many.k{number:05}"}}' for number in range(5000))
