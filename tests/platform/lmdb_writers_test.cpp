@@ -6,10 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -120,6 +123,298 @@ TEST_F(LmdbWriters, AThreadGivesUpWaitingForAnother) {
                   })
                   .ok());
   EXPECT_TRUE(set_text(*impatient, kRootNode, "x").ok());
+}
+
+// Writes that are made within one transaction, because all but the first wait for that one to go on.
+class LmdbGroup : public LmdbWriters {
+ protected:
+  using Function = std::function<Status(Update& update)>;
+
+  LmdbGroup() {
+    options_.on_wait = [this](const std::string&) { ++waiting_; };
+    store_ = open_or_fail(options_);
+    for (NodeId& node : nodes_)
+      EXPECT_TRUE(add_node(*store_, kRootNode, "n" + std::to_string(&node - nodes_), &node).ok());
+  }
+
+  // Runs the first function and, while that is running, begins the others. Returns the results in the same order.
+  std::vector<Status> write_together(const std::vector<Function>& functions) {
+    std::vector<std::future<Status>> others;
+    waiting_ = 0;
+    bool begun = false;
+    const auto first = [&](Update& update) -> Status {
+      while (!begun && others.size() + 1 < functions.size()) {
+        const Function& function = functions[others.size() + 1];
+        others.push_back(std::async(std::launch::async, [&] { return write(function); }));
+        while (waiting_ < others.size()) std::this_thread::yield();
+      }
+      begun = true;
+      return functions.front()(update);
+    };
+    std::vector<Status> results{write(first)};
+    for (std::future<Status>& other : others) results.push_back(other.get());
+    return results;
+  }
+
+  // A child that is forked by the function ends here, with 0 if it was refused.
+  Status write(const Function& function) {
+    Status status = store_->write(function);
+    if (getpid() != process_) _exit(status.is(PRTKV_UNUSABLE) ? 0 : 1);
+    return status;
+  }
+
+  // Forks, and waits for the child. Both then set the value.
+  Function forks(NodeId node) {
+    return [this, node](Update& update) {
+      const pid_t child = fork();
+      int status = 0;
+      if (child != 0) waitpid(child, &status, 0);
+      ended_ = status;
+      return sets(node, child == 0 ? "child" : "parent")(update);
+    };
+  }
+
+  Function sets(NodeId node, const std::string& text) {
+    return [node, text](Update& update) { return update.set_value(node, 3, std::as_bytes(std::span(text))); };
+  }
+
+  std::uint64_t state() {
+    std::uint64_t state = 0;
+    EXPECT_TRUE(store_
+                    ->read([&](View& view) {
+                      state = view.state();
+                      return Status();
+                    })
+                    .ok());
+    return state;
+  }
+
+  std::string texts() {
+    std::string all;
+    for (const NodeId node : nodes_) all += text_of(*store_, node) + ",";
+    return all;
+  }
+
+  const pid_t process_ = getpid();
+  std::atomic<int> ended_{-1};  // the latest child's status
+  std::atomic<std::size_t> waiting_{0};
+  std::shared_ptr<Store> store_;
+  NodeId nodes_[4] = {};
+};
+
+TEST_F(LmdbGroup, WritersThatWaitForOneAnotherShareACommit) {
+  const std::uint64_t before = state();
+  for (const Status& status :
+       write_together({sets(nodes_[0], "a"), sets(nodes_[1], "b"), sets(nodes_[2], "c"), sets(nodes_[3], "d")})) {
+    EXPECT_TRUE(status.ok()) << status.text();
+  }
+  EXPECT_EQ(state(), before + 1);
+  EXPECT_EQ(texts(), "a,b,c,d,");
+  EXPECT_EQ(expect_sound(*store_).values, 4u);
+}
+
+TEST_F(LmdbGroup, EachSeesWhatThoseBeforeItHaveWritten) {
+  const auto append = [&](const char* letter) -> Function {
+    return [&, letter](Update& update) -> Status {
+      Value value;
+      if (Status status = update.value(nodes_[0], &value); !status.ok()) return status;
+      std::string text(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+      return sets(nodes_[0], text + letter)(update);
+    };
+  };
+  const std::uint64_t before = state();
+  write_together({append("a"), append("b"), append("c")});
+  EXPECT_EQ(text_of(*store_, nodes_[0]), "abc");
+  EXPECT_EQ(state(), before + 1);
+}
+
+TEST_F(LmdbGroup, AFailureUndoesItsOwnChangesAndNoOthers) {
+  const auto fail_after = [&](NodeId node) -> Function {
+    return [&, node](Update& update) -> Status {
+      if (Status status = sets(node, "undone")(update); !status.ok()) return status;
+      return {PRTKV_ACCESS_DENIED, "no"};
+    };
+  };
+  const auto results =
+      write_together({sets(nodes_[0], "a"), fail_after(nodes_[1]), sets(nodes_[2], "c"), [&](Update& update) {
+                        return update.insert(kRootNode, "n0", Node{99, {}});
+                      }});
+  EXPECT_TRUE(results[0].ok());
+  EXPECT_TRUE(results[1].is(PRTKV_ACCESS_DENIED));
+  EXPECT_TRUE(results[2].ok());
+  EXPECT_TRUE(results[3].is(PRTKV_KEY_EXISTS)) << results[3].text();
+  EXPECT_EQ(texts(), "a,,c,,");
+}
+
+TEST_F(LmdbGroup, IfTheFirstFailsTheOthersAreWritten) {
+  const auto results = write_together({[&](Update& update) -> Status {
+                                         (void)sets(nodes_[0], "undone")(update);
+                                         return PRTKV_ACCESS_DENIED;
+                                       },
+                                       sets(nodes_[1], "b"), sets(nodes_[2], "c")});
+  EXPECT_TRUE(results[0].is(PRTKV_ACCESS_DENIED));
+  EXPECT_TRUE(results[1].ok());
+  EXPECT_TRUE(results[2].ok());
+  EXPECT_EQ(texts(), ",b,c,,");
+}
+
+TEST_F(LmdbGroup, AnExceptionPassesThroughToItsOwnCaller) {
+  std::atomic<int> caught{0};
+  const auto throws = [&](Update& update) -> Status {
+    (void)sets(nodes_[1], "undone")(update);
+    throw std::runtime_error("thrown");
+  };
+  // write_together() would pass it on, too.
+  std::future<void> thrower;
+  const auto results = write_together({[&](Update& update) -> Status {
+                                         if (!thrower.valid()) {
+                                           thrower = std::async(std::launch::async, [&] {
+                                             try {
+                                               (void)store_->write(throws);
+                                             } catch (const std::runtime_error&) {
+                                               ++caught;
+                                             }
+                                           });
+                                           while (waiting_ < 3) std::this_thread::yield();
+                                         }
+                                         return sets(nodes_[0], "a")(update);
+                                       },
+                                       sets(nodes_[2], "c"), sets(nodes_[3], "d")});
+  thrower.get();
+  EXPECT_EQ(caught, 1);
+  for (const Status& status : results) EXPECT_TRUE(status.ok());
+  EXPECT_EQ(texts(), "a,,c,d,");
+}
+
+TEST_F(LmdbGroup, TheFailureOfTheCommitIsReportedToEach) {
+  const auto results =
+      write_together({[&](Update& update) {
+                        std::filesystem::rename(options_.directory + "/data.mdb", options_.directory + "/gone.mdb");
+                        return sets(nodes_[0], "a")(update);
+                      },
+                      sets(nodes_[1], "b"), sets(nodes_[2], "c")});
+  for (const Status& status : results) {
+    EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.code();
+    EXPECT_NE(status.text().find("were replaced or removed"), std::string::npos) << status.text();
+  }
+  store_.reset();
+  std::filesystem::rename(options_.directory + "/gone.mdb", options_.directory + "/data.mdb");
+  store_ = open_or_fail(options_);
+  EXPECT_EQ(texts(), ",,,,");
+}
+
+TEST_F(LmdbGroup, TheStateBeforeAnUpdateHoldsTheChangesOfThoseBeforeIt) {
+  std::string seen;
+  const auto results =
+      write_together({sets(nodes_[0], "a"),
+                      [&](Update& update) -> Status {
+                        Value value;
+                        if (Status status = sets(nodes_[0], "b")(update); !status.ok()) return status;
+                        Status status = update.before().value(nodes_[0], &value);
+                        seen.assign(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+                        return status;
+                      },
+                      sets(nodes_[1], "c")});
+  for (const Status& status : results) EXPECT_TRUE(status.ok()) << status.text();
+  EXPECT_EQ(seen, "a");
+  EXPECT_EQ(texts(), "b,c,,,");
+}
+
+TEST_F(LmdbGroup, AReadWithinAWriteSeesTheChangesOfThoseBeforeIt) {
+  std::string seen;
+  const auto results = write_together({sets(nodes_[0], "a"), [&](Update& update) -> Status {
+                                         Status status = get_text(*store_, nodes_[0], &seen);
+                                         return status.ok() ? sets(nodes_[1], seen)(update) : status;
+                                       }});
+  for (const Status& status : results) EXPECT_TRUE(status.ok()) << status.text();
+  EXPECT_EQ(seen, "a");
+  EXPECT_EQ(texts(), "a,a,,,");
+}
+
+TEST_F(LmdbGroup, EachHasARevisionAndALogRecordOfItsOwn) {
+  Revision before = 0;
+  ASSERT_TRUE(store_->read([&](View& view) { return view.revision(&before); }).ok());
+  write_together({sets(nodes_[0], "a"), sets(nodes_[1], "b"), sets(nodes_[2], "c")});
+  std::vector<Revision> logged;
+  LogRange range;
+  range.after = before;
+  LogPosition position;
+  const auto note = [&](const ChangeRecord& record) {
+    logged.push_back(record.revision);
+    return Status();
+  };
+  ASSERT_TRUE(store_->changes(range, note, &position).ok());
+  EXPECT_EQ(logged, (std::vector<Revision>{before + 1, before + 2, before + 3}));
+  std::string text;
+  const auto read_second = [&](View& view) -> Status {
+    Value value;
+    if (Status status = view.value(nodes_[2], &value); !status.ok()) return status;
+    text = value.bytes.empty() ? "none" : "some";
+    return {};
+  };
+  ASSERT_TRUE(store_->read_at(before + 2, read_second).ok());
+  EXPECT_EQ(text, "none") << "the state after the second of them";
+}
+
+TEST_F(LmdbGroup, ChangesThatDoNotFitIntoTheMapMakeItGrow) {
+  store_.reset();
+  options_.first_map_size = 1 << 20;
+  store_ = open_or_fail(options_);
+  const std::string text(900'000, 'x');
+  const auto results =
+      write_together({sets(nodes_[0], text), sets(nodes_[1], text), sets(nodes_[2], text), sets(nodes_[3], text)});
+  for (const Status& status : results) EXPECT_TRUE(status.ok()) << status.text();
+  for (const NodeId node : nodes_) EXPECT_EQ(text_of(*store_, node), text);
+  expect_sound(*store_);
+}
+
+TEST_F(LmdbGroup, ChildrenThatAreForkedInAWriteChangeNothing) {
+  const auto results = write_together({forks(nodes_[0])});
+  EXPECT_TRUE(results[0].ok());
+  EXPECT_EQ(ended_, 0);
+  EXPECT_EQ(texts(), "parent,,,,");
+}
+
+TEST_F(LmdbGroup, ChildrenThatAreForkedInAWriteWithinAnotherChangeNothing) {
+  const auto results = write_together({sets(nodes_[0], "a"), forks(nodes_[1]), sets(nodes_[2], "c")});
+  for (const Status& status : results) EXPECT_TRUE(status.ok()) << status.text();
+  EXPECT_EQ(ended_, 0);
+  EXPECT_EQ(texts(), "a,parent,c,,");
+}
+
+TEST_F(LmdbWriters, ManyThreadsTakeFewerCommitsThanWrites) {
+  const TemporaryDirectory on_disk;
+  options_.directory = on_disk / "registry";
+  const auto store = open_or_fail(options_);
+  constexpr int kThreads = 8;
+  constexpr int kWrites = 50;
+  const auto number_of_states = [&] {
+    std::uint64_t state = 0;
+    (void)store->read([&](View& view) {
+      state = view.state();
+      return Status();
+    });
+    return state;
+  };
+  const auto count_up = [](Update& update) -> Status {
+    Value value;
+    if (Status status = update.value(kRootNode, &value); !status.ok()) return status;
+    const std::string text(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+    const std::string next = std::to_string(text.empty() ? 1 : std::stoi(text) + 1);
+    return update.set_value(kRootNode, 3, std::as_bytes(std::span(next)));
+  };
+  const std::uint64_t before = number_of_states();
+  std::vector<std::future<int>> failures;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    failures.push_back(std::async(std::launch::async, [&] {
+      int failed = 0;
+      for (int i = 0; i < kWrites; ++i) failed += store->write(count_up).ok() ? 0 : 1;
+      return failed;
+    }));
+  }
+  for (std::future<int>& failed : failures) EXPECT_EQ(failed.get(), 0);
+  EXPECT_EQ(text_of(*store), std::to_string(kThreads * kWrites));
+  EXPECT_LT(number_of_states() - before, static_cast<std::uint64_t>(kThreads * kWrites));
 }
 
 TEST_F(LmdbWriters, TheNameOfTheHolderMayBeAnything) {

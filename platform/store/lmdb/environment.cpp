@@ -65,7 +65,10 @@ struct EnvironmentTable {
     pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
                    [] {
                      ++fork_generation;
-                     for (Environment* environment : instance().open) environment->writer_lock_.close_in_child();
+                     for (Environment* environment : instance().open) {
+                       environment->writers_.abandon_in_child();
+                       environment->writer_lock_.close_in_child();
+                     }
                      instance().open.clear();
                      instance().mutex.unlock();
                    });
@@ -406,15 +409,18 @@ Status Environment::reopen() {
 
 Running::Running(const Environment* environment, Kind kind)
     : environment_(environment), kind_(kind), outer_(innermost) {
+  if (kind == Kind::kReading) {
+    if (Running* const writing = find(environment, Kind::kWriting)) writing->was_read_within_ = true;
+  }
   innermost = this;
 }
 
 Running::~Running() { innermost = outer_; }
 
-bool Running::is(const Environment* environment, Kind kind) {
-  for (const Running* running = innermost; running != nullptr; running = running->outer_)
-    if (running->environment_ == environment && running->kind_ == kind) return true;
-  return false;
+Running* Running::find(const Environment* environment, Kind kind) {
+  for (Running* running = innermost; running != nullptr; running = running->outer_)
+    if (running->environment_ == environment && running->kind_ == kind) return running;
+  return nullptr;
 }
 
 ReadTransaction::ReadTransaction(Environment& environment, Length length)
@@ -485,8 +491,14 @@ Status ReadTransaction::load_state(ReaderSlot& slot, MetaPage* copy, std::uint64
   return store::load_state(environment_.map_, *copy, transaction, &slot.state);
 }
 
-WriteTransaction::WriteTransaction(Environment& environment, const WriterWait& wait)
-    : environment_(environment), wait_(wait), running_(&environment, Running::Kind::kWriting) {}
+WriteTransaction::WriteTransaction(Environment& environment, WriterDeadline* deadline)
+    : environment_(environment), deadline_(deadline), running_(&environment, Running::Kind::kWriting) {}
+
+WriteTransaction::WriteTransaction(WriteTransaction& outer)
+    : environment_(outer.environment_),
+      outer_(&outer),
+      running_(&outer.environment_, Running::Kind::kWriting),
+      former_(outer.former_) {}
 
 WriteTransaction::~WriteTransaction() {
   abort();
@@ -501,7 +513,7 @@ WriteTransaction::~WriteTransaction() {
 
 Status WriteTransaction::lock() {
   if (has_lock_) return {};
-  if (Status status = environment_.writer_lock_.acquire(wait_); !status.ok()) return status;
+  if (Status status = environment_.writer_lock_.acquire(deadline_); !status.ok()) return status;
   has_lock_ = true;
   mutex_lock_ = std::unique_lock(environment_.write_mutex_);
   return {};
@@ -509,6 +521,7 @@ Status WriteTransaction::lock() {
 
 Status WriteTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
+  if (is_inner()) return begin_inner();
   if (Status status = lock(); !status.ok()) return status;
   if (Status status = environment_.check_size(); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
@@ -524,6 +537,12 @@ Status WriteTransaction::begin() {
   }
 }
 
+Status WriteTransaction::begin_inner() {
+  const int code = mdb_txn_begin(environment_.env_, outer_->txn_, 0, &txn_);
+  if (code != 0) txn_ = nullptr;
+  return environment_.failure(code, "cannot write to the registry");
+}
+
 // Nobody else writes a meta page while this transaction is alive.
 Status WriteTransaction::load_former() {
   const std::uint64_t transaction = mdb_txn_id(txn_) - 1;
@@ -536,10 +555,12 @@ Status WriteTransaction::load_former() {
 }
 
 Status WriteTransaction::commit(LmdbOutcome* outcome) {
-  if (Status status = environment_.check_files(); !status.ok()) return status;
+  if (!is_inner()) {
+    if (Status status = environment_.check_files(); !status.ok()) return status;
+  }
   *outcome = lmdb_outcome([&] { return mdb_txn_commit(txn_); });  // if it throws, txn_ is still to be aborted
   txn_ = nullptr;
-  if (outcome->code == 0) environment_.writer_lock_.note_commit(former_.transaction + 1);
+  if (outcome->code == 0 && !is_inner()) environment_.writer_lock_.note_commit(former_.transaction + 1);
   return environment_.failure(*outcome, "cannot write to the registry");
 }
 

@@ -24,6 +24,7 @@
 #include "store/lmdb/meta_page_map.h"
 #include "store/lmdb/reader_pool.h"
 #include "store/lmdb/registry_files.h"
+#include "store/lmdb/write_queue.h"
 #include "store/lmdb/writer_lock.h"
 
 namespace tkv::store {
@@ -62,6 +63,9 @@ class Environment {
 
   // The data file, for use within a transaction.
   int file() const;
+
+  // Through which a thread comes to write. Only the leader begins a transaction that is not within another.
+  WriteQueue& writers() { return writers_; }
 
   // See Store::latest_state. 0 in a forked child, where the meta pages cannot be mapped, and after the registry's files
   // were found replaced or truncated. A truncated file is noticed when the coarse clock next ticks.
@@ -128,6 +132,7 @@ class Environment {
   FileMap map_;                           // of env_; without an address while it has to be opened anew
   std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
+  WriteQueue writers_;
   WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex
   std::mutex write_mutex_;  // held by the thread of this process that writes or replaces the map
 };
@@ -142,15 +147,19 @@ class Running {
   Running(const Running&) = delete;
   Running& operator=(const Running&) = delete;
 
-  static bool reads(const Environment* environment) { return is(environment, Kind::kReading); }
-  static bool writes(const Environment* environment) { return is(environment, Kind::kWriting); }
+  static bool reads(const Environment* environment) { return find(environment, Kind::kReading) != nullptr; }
+  static bool writes(const Environment* environment) { return find(environment, Kind::kWriting) != nullptr; }
+
+  // Whether a read transaction was begun within this one, which is a write transaction.
+  bool was_read_within() const { return was_read_within_; }
 
  private:
-  static bool is(const Environment* environment, Kind kind);
+  static Running* find(const Environment* environment, Kind kind);
 
   const Environment* const environment_;
   const Kind kind_;
   Running* const outer_;
+  bool was_read_within_ = false;
 };
 
 // A read transaction: one state of the registry, from begin() until destruction.
@@ -179,15 +188,18 @@ class ReadTransaction {
   ReaderSlot* slot_ = nullptr;
 };
 
-// A write transaction: exclusive on this node from begin() until destruction.
+// A write transaction: exclusive on this node from begin() until destruction. For the leader of the writers or, within
+// the leader's transaction, for a guest.
 class WriteTransaction {
  public:
-  WriteTransaction(Environment& environment, const WriterWait& wait);
+  WriteTransaction(Environment& environment, WriterDeadline* deadline);
+  // Within another transaction, which does nothing until this one has ended. What it commits takes effect with that.
+  explicit WriteTransaction(WriteTransaction& outer);
   ~WriteTransaction();
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
 
-  // Waits for other writers as long as `wait` allows. Returns PRTKV_BUSY if that was not long enough.
+  // Waits for writers in other processes until the deadline. Returns PRTKV_BUSY if that was not long enough.
   Status begin();
 
   // Fails with PRTKV_UNUSABLE, and without committing, if the registry's files were replaced. `outcome` receives the
@@ -195,23 +207,31 @@ class WriteTransaction {
   Status commit(LmdbOutcome* outcome);
   void abort();
 
-  // Enlarges the map after MDB_MAP_FULL, or returns why that is impossible. On success, call begin() again.
+  // Enlarges the map after MDB_MAP_FULL, or returns why that is impossible. On success, call begin() again. Not within
+  // another transaction.
   Status make_room();
 
   MDB_txn* txn() const { return txn_; }
+  bool is_inner() const { return outer_ != nullptr; }
 
-  // The state before the transaction.
+  // Within another transaction: this thread has read the state before that one, which is not the state before this one.
+  // What it has decided upon that must not be committed.
+  bool has_seen_former_state() const { return is_inner() && running_.was_read_within(); }
+
+  // The state before the transaction or, within another one, before that.
   const FileState& former() const { return former_; }
 
  private:
   Status lock();
   Status load_former();
+  Status begin_inner();
 
   Environment& environment_;
-  const WriterWait& wait_;
+  WriteTransaction* const outer_ = nullptr;
+  WriterDeadline* const deadline_ = nullptr;
   bool has_lock_ = false;  // the environment's writer_lock_
   std::unique_lock<std::mutex> mutex_lock_;
-  const Running running_;
+  Running running_;
   MDB_txn* txn_ = nullptr;
   FileState former_;
 };

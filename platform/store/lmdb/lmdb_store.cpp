@@ -230,6 +230,8 @@ class LmdbStore final : public Store {
   Status status(StoreStatus* status) override;
 
  private:
+  using Writer = WriteQueue::Writer;
+
   bool copy_record(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                    std::int32_t* type, std::size_t* size);
   Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
@@ -239,9 +241,10 @@ class LmdbStore final : public Store {
   sec_attr security_of_repaired_root() const;
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
-  Status write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
-                    const Retention& retention, Revision* revision, LmdbOutcome* outcome);
-  Status write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision);
+  Status update_once(LmdbUpdate& update, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome);
+  Status lead(Writer& writer, WriterDeadline* deadline, FunctionRef<Status(LmdbUpdate&)> function, Revision* revision);
+  bool join(Writer& writer, FunctionRef<Status(LmdbUpdate&)> function, Revision* revision, Status* status);
+  Status write_with(FunctionRef<Status(LmdbUpdate&)> function, Writer::Preference preference, Revision* revision);
   Status meta(Meta* meta);
   Status past_since(Revision begin, const FileState& state, const Meta& meta, std::shared_ptr<const Past>* past);
   Status check_retained(Revision revision, const Meta& meta) const;
@@ -309,44 +312,99 @@ Status LmdbStore::may_write() const {
   return {};
 }
 
-// One attempt. `*outcome` receives the outcome of the LMDB call that failed, or code 0.
-Status LmdbStore::write_once(WriteTransaction& transaction, FunctionRef<Status(LmdbUpdate&)> function,
-                             const Retention& retention, Revision* revision, LmdbOutcome* outcome) {
-  LmdbUpdate update(environment_, transaction, retention);
+// One attempt, up to the commit. `*outcome` receives the outcome of the LMDB call that failed, or code 0.
+Status LmdbStore::update_once(LmdbUpdate& update, FunctionRef<Status(LmdbUpdate&)> function, LmdbOutcome* outcome) {
   Status status = update.begin();
   if (status.ok()) status = function(update);
+  if (Status usable = environment_.check_usable(); !usable.ok()) return usable;  // the function may have forked
   if (status.ok() && update.broken_by().code == 0) status = update.finish();
   *outcome = update.broken_by();
   if (!status.ok()) return status;
-  if (outcome->code != 0) return environment_.failure(*outcome, "cannot write to the registry");
-  Status committed = transaction.commit(outcome);
-  if (committed.ok()) *revision = update.last_revision();
-  return committed;
+  return environment_.failure(*outcome, "cannot write to the registry");
 }
 
+// The guests' results depend on the commit as the leader's does, those of failures included: they may be due to what
+// others have changed before. If there is no room for all of them, there may be for each.
+//
 // A registry that cannot grow gives up history to make a change, or nothing could be deleted any more: the change being
 // made is logged without its past, and the oldest ones are dropped.
-Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Revision* revision) try {
-  if (Status status = may_write(); !status.ok()) return status;
-  WriteTransaction transaction(environment_, wait_);
+Status LmdbStore::lead(Writer& writer, WriterDeadline* deadline, FunctionRef<Status(LmdbUpdate&)> function,
+                       Revision* revision) {
+  WriteTransaction transaction(environment_, deadline);
   Retention retention = retention_;
-  for (;;) {
+  for (bool alone = false;;) {
     if (Status status = transaction.begin(); !status.ok()) return status;
     LmdbOutcome outcome{0, 0};
-    Status status = write_once(transaction, function, retention, revision, &outcome);
+    Status status;
+    Revision made = 0;
+    {
+      LmdbUpdate update(environment_, transaction, retention);
+      status = update_once(update, function, &outcome);
+      made = update.last_revision();
+    }
+    const bool spoiled = status.ok() && !alone && !writer.let_others_join(transaction);
+    if (status.ok() && !spoiled) status = transaction.commit(&outcome);
     transaction.abort();  // no effect after a commit
+    if (status.ok() && !spoiled) *revision = made;
+    if (spoiled || status.is(PRTKV_STORAGE_FULL)) {
+      writer.tell_to_begin_again();
+    } else {
+      writer.tell_end(status);
+    }
+    alone = alone || spoiled;
+    if (spoiled) continue;
     if (outcome.code == MDB_MAP_FULL) status = transaction.make_room();
     if (outcome.code == MDB_MAP_FULL && status.ok()) continue;
     const bool may_give_up = outcome.code != 0 && !retention.off && retention.bytes != 0;
     if (!status.is(PRTKV_STORAGE_FULL) || !may_give_up) return status;
     retention.bytes = 0;
   }
+}
+
+// Returns false if the function has to run again, for a leader.
+bool LmdbStore::join(Writer& writer, FunctionRef<Status(LmdbUpdate&)> function, Revision* revision, Status* status) {
+  Revision made = 0;
+  {
+    WriteTransaction transaction(writer.transaction());
+    LmdbOutcome outcome{0, 0};
+    try {
+      if (!transaction.begin().ok()) return false;
+      LmdbUpdate update(environment_, transaction, retention_);
+      *status = update_once(update, function, &outcome);
+      const bool has_seen_former_state = transaction.has_seen_former_state() || update.needs_outer();
+      if (outcome.code != 0 || has_seen_former_state) return false;
+      if (status->ok() && !transaction.commit(&outcome).ok()) return false;
+      made = update.last_revision();
+    } catch (const LmdbAssertion&) {
+      writer.spoil();
+      throw;
+    }
+  }
+  Status committed;
+  if (!writer.finish(&committed)) return false;
+  if (!committed.ok()) *status = std::move(committed);
+  if (status->ok()) *revision = made;
+  return true;
+}
+
+Status LmdbStore::write_with(FunctionRef<Status(LmdbUpdate&)> function, Writer::Preference preference,
+                             Revision* revision) try {
+  if (Status status = may_write(); !status.ok()) return status;
+  WriterDeadline deadline(wait_, environment_.directory());
+  for (;; preference = Writer::Preference::kLead) {
+    Writer writer(environment_.writers(), preference);
+    Writer::Role role{};
+    Status status;
+    if (Status turn = writer.wait(&deadline, &role); !turn.ok()) return turn;
+    if (role == Writer::Role::kLeader) return lead(writer, &deadline, function, revision);
+    if (join(writer, function, revision, &status)) return status;
+  }
 } catch (const LmdbAssertion& broken) {
   return damaged(broken);
 }
 
 Status LmdbStore::write(FunctionRef<Status(Update&)> function, Revision* revision) {
-  return write_with([&](LmdbUpdate& update) { return function(update); }, revision);
+  return write_with([&](LmdbUpdate& update) { return function(update); }, Writer::Preference::kNone, revision);
 }
 
 Status LmdbStore::purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) {
@@ -358,7 +416,7 @@ Status LmdbStore::purge(ChooseNodes choose, const ChangeDescription& description
         update.describe(description);
         return update.purge(nodes, removed);
       },
-      &revision);
+      Writer::Preference::kLead, &revision);
 }
 
 Status LmdbStore::check_retained(Revision revision, const Meta& meta) const {
@@ -497,7 +555,7 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
         }
         return update.remove_all(removable);
       },
-      &revision);
+      Writer::Preference::kLead, &revision);
   for (const Finding& finding : findings) report(finding);
   return status;
 }

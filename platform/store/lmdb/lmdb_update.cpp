@@ -46,6 +46,7 @@ Status LmdbUpdate::revision(Revision* revision) {
 }
 
 Status LmdbUpdate::change(Revision revision, ChangeRecord* record) {
+  needs_outer_ = needs_outer_ || is_inner_;
   if (Status status = load_meta(); !status.ok()) return status;
   return read_change(former_, *meta_, revision, record);
 }

@@ -26,11 +26,12 @@ class LmdbUpdate final : public Update {
   LmdbUpdate(Environment& environment, const WriteTransaction& transaction, const Retention& retention)
       : environment_(environment),
         former_(transaction.former()),
+        is_inner_(transaction.is_inner()),
         records_(environment, transaction),
         log_(records_, former_, retention) {}
 
   // Checks what every transaction depends on. Call first.
-  Status begin() { return records_.begin(); }
+  Status begin() { return is_inner_ ? Status() : records_.begin(); }
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
   Status value(NodeId id, Value* value) override;
@@ -83,6 +84,10 @@ class LmdbUpdate final : public Update {
   // After finish(): that of the change or, if nothing was changed, of the former state.
   Revision last_revision() const { return meta_ ? meta_->revision : former_revision_; }
 
+  // Within another transaction: the function has asked for the log, of which it was shown the state before that one.
+  // What it has done must not be committed.
+  bool needs_outer() const { return needs_outer_; }
+
   // The outcome of the LMDB call that made this transaction unusable; code 0 if none did.
   LmdbOutcome broken_by() const { return records_.broken_by(); }
 
@@ -98,6 +103,8 @@ class LmdbUpdate final : public Update {
 
   Environment& environment_;
   const FileState& former_;
+  const bool is_inner_;
+  bool needs_outer_ = false;
   RecordWriter records_;
   LogWriter log_;
   std::optional<Meta> meta_;

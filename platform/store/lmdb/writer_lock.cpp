@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <string_view>
@@ -19,19 +20,15 @@
 namespace tkv::store {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // These are shared with other processes. Do not change.
 constexpr off_t kNextWriter = 0;
 constexpr off_t kWriter = 1;
 constexpr std::size_t kHolderSize = 96;  // bytes of the file that name the holder, padded with zeroes
 
-constexpr std::chrono::seconds kSilentWait{1};
 constexpr std::chrono::microseconds kFirstPause{50};
 constexpr std::chrono::microseconds kLongestPause{5000};
 
 constexpr const char* kAnotherProcess = "another process";
-constexpr const char* kThisProcess = "another thread of this process";
 
 int lock_byte(int file, off_t byte, short type) {
   struct flock range {};
@@ -74,78 +71,8 @@ bool take_number(std::string_view* text, std::uint64_t* number) {
 
 }  // namespace
 
-// When a wait ends, and when it is reported.
-class WriterLock::Deadline {
- public:
-  explicit Deadline(const WriterWait& wait) : wait_(wait) {}
-
-  Clock::time_point end() const { return begin_ + wait_.timeout; }
-  Clock::time_point next_event() const { return told_ ? end() : std::min(begin_ + kSilentWait, end()); }
-  bool has_passed() const { return Clock::now() >= end(); }
-  std::chrono::milliseconds timeout() const { return wait_.timeout; }
-
-  // `message` is only called if somebody has to be told now.
-  void tell(FunctionRef<std::string()> message) {
-    if (told_ || Clock::now() < begin_ + kSilentWait) return;
-    told_ = true;
-    if (wait_.on_wait) wait_.on_wait("waiting for " + message());
-  }
-
- private:
-  const WriterWait& wait_;
-  const Clock::time_point begin_ = Clock::now();
-  bool told_ = false;
-};
-
-Status WriterLock::acquire(const WriterWait& wait) {
-  Deadline deadline(wait);
-  if (Status status = take_turn(&deadline); !status.ok()) return status;
-  try {
-    Status status = open_file();
-    if (status.ok()) status = take_file(&deadline);
-    if (!status.ok()) give_turn();
-    return status;
-  } catch (...) {
-    give_turn();
-    throw;
-  }
-}
-
-void WriterLock::release() {
-  free_byte(kWriter);
-  give_turn();
-}
-
-void WriterLock::note_commit(std::uint64_t transaction) {
-  const std::int64_t now = std::time(nullptr);
-  if (now / CommitTimes::kInterval == noted_) return;
-  noted_ = now / CommitTimes::kInterval;
-  CommitTimes(file_.number()).note(transaction, now);
-}
-
-Status WriterLock::take_turn(Deadline* deadline) {
-  std::unique_lock lock(mutex_);
-  while (turn_taken_) {
-    if (deadline->has_passed()) return busy(kThisProcess, *deadline);
-    turn_free_.wait_until(lock, deadline->next_event());
-    if (!turn_taken_) break;
-    lock.unlock();
-    deadline->tell([&] { return kThisProcess + (", which is writing to the registry in '" + files_.path() + "'"); });
-    lock.lock();
-  }
-  turn_taken_ = true;
-  return {};
-}
-
-void WriterLock::give_turn() {
-  const std::lock_guard lock(mutex_);
-  turn_taken_ = false;
-  turn_free_.notify_one();
-}
-
-Status WriterLock::open_file() { return file_.is_open() ? Status() : files_.open_writer_lock(&file_); }
-
-Status WriterLock::take_file(Deadline* deadline) {
+Status WriterLock::acquire(WriterDeadline* deadline) {
+  if (Status status = open_file(); !status.ok()) return status;
   if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
   Status status;
   try {
@@ -159,16 +86,27 @@ Status WriterLock::take_file(Deadline* deadline) {
   return status;
 }
 
+void WriterLock::release() { free_byte(kWriter); }
+
+void WriterLock::note_commit(std::uint64_t transaction) {
+  const std::int64_t now = std::time(nullptr);
+  if (now / CommitTimes::kInterval == noted_) return;
+  noted_ = now / CommitTimes::kInterval;
+  CommitTimes(file_.number()).note(transaction, now);
+}
+
+Status WriterLock::open_file() { return file_.is_open() ? Status() : files_.open_writer_lock(&file_); }
+
 // The kernel offers no wait with a deadline for this kind of lock.
-Status WriterLock::take_byte(off_t byte, Deadline* deadline) {
+Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
   for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
     const int error = lock_byte(file_.number(), byte, F_WRLCK);
     if (error == 0) return {};
     if (error != EAGAIN && error != EACCES && error != EINTR) {
       return lmdb_status(error, "cannot lock '" + files_.path() + "/writer.lock'");
     }
-    if (deadline->has_passed()) return busy(holder(), *deadline);
-    deadline->tell([&] { return holder() + ", which is writing to the registry in '" + files_.path() + "'"; });
+    if (deadline->has_passed()) return deadline->gave_up(holder());
+    deadline->tell([&] { return holder(); });
     std::this_thread::sleep_for(pause);
   }
 }
@@ -192,11 +130,6 @@ std::string WriterLock::holder() const {
   if (!take_number(&rest, &process) || !take_number(&rest, &name_space)) return kAnotherProcess;
   const std::string who = "process " + std::to_string(process) + " (" + printable(rest) + ")";
   return name_space == pid_namespace() ? who : who + " in another container";
-}
-
-Status WriterLock::busy(const std::string& holder, const Deadline& deadline) const {
-  return {PRTKV_BUSY, holder + " is writing to the registry in '" + files_.path() + "'; gave up after " +
-                          std::to_string(deadline.timeout().count()) + " ms"};
 }
 
 }  // namespace tkv::store
