@@ -206,6 +206,19 @@ TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionDeletedYieldsNoSuchKeyForGood) {
   EXPECT_THAT(answers(ctx_, key), ElementsAre(PRTKV_NO_SUCH_KEY));
 }
 
+TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionMovedAwayYieldsNoSuchKeyEvenIfItComesBack) {
+  const Context other(ground_.as(superuser()));
+  ground_.make("a", open_to_all(), "one");
+  const prtkv_key key = ctx_.open("a");
+  const prtkv_key root = other.open("");
+  prtkv_key moved = 0;
+  ASSERT_EQ(prtkv_move_key(other, other.open("a"), root, "b", &moved, 0), PRTKV_DONE);
+  EXPECT_EQ(value(key), "code 4");
+  ASSERT_EQ(prtkv_move_key(other, moved, root, "a", &moved, 0), PRTKV_DONE);
+  EXPECT_THAT(answers(ctx_, key), ElementsAre(PRTKV_NO_SUCH_KEY));
+  EXPECT_EQ(value(ctx_.open("a")), "one");
+}
+
 TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionReplacedMeansTheFormerKey) {
   const Context other(ground_.as(superuser()));
   ground_.make("a", open_to_all(), "former");
