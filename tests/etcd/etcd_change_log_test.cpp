@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -64,6 +65,11 @@ class EtcdChangeLog : public testing::Test {
     const Status status = log_.visit(range, visit, &log.position);
     EXPECT_TRUE(status.ok()) << status.text();
     return log;
+  }
+
+  Status state_of(Revision revision) {
+    std::int64_t at = 0;
+    return log_.find_state(revision, &at);
   }
 
   Revision wait(Revision after, milliseconds timeout) {
@@ -183,9 +189,7 @@ TEST_F(EtcdChangeLog, FindsTheRecordOfADeletionWithoutSpace) {
   EXPECT_EQ(record.note, "one");
   ASSERT_TRUE(log_.find(two, &record).ok());
   EXPECT_EQ(record.note, "two");
-  for (const Revision revision : {one, lost, two}) {
-    EXPECT_TRUE(log_.check_retained(revision).ok()) << log_.check_retained(revision).text();
-  }
+  for (const Revision revision : {one, lost, two}) EXPECT_TRUE(state_of(revision).ok()) << state_of(revision).text();
 }
 
 // A session that was not there asks the former states of the key.
@@ -238,12 +242,48 @@ TEST_F(EtcdChangeLog, AWaitSeesASecondRemovalAfterTheOneThatItKnows) {
 
 TEST_F(EtcdChangeLog, AStateFromBeforeTheRegistryIsNotRetained) {
   const Revision two = change("two");
-  EXPECT_TRUE(log_.check_retained(created_).ok());
+  EXPECT_TRUE(state_of(created_).ok());
   for (const Revision revision : {Revision{0}, created_ - 1, two + 1}) {
-    EXPECT_TRUE(log_.check_retained(revision).is(PRTKV_INVALID_ARGUMENT)) << revision;
+    EXPECT_TRUE(state_of(revision).is(PRTKV_INVALID_ARGUMENT)) << revision;
   }
   kv_.compact();
-  EXPECT_TRUE(log_.check_retained(created_).is(PRTKV_INVALID_ARGUMENT));
+  EXPECT_TRUE(state_of(created_).is(PRTKV_INVALID_ARGUMENT));
+}
+
+TEST_F(EtcdChangeLog, AStateThatStillHoldsIsReadWhereTheClusterBegins) {
+  const Revision one = change("one");
+  const Revision two = change("two");
+  kv_.put("/elsewhere", "something");
+  kv_.compact();
+  std::int64_t at = 0;
+  ASSERT_TRUE(log_.find_state(two, &at).ok());
+  EXPECT_EQ(at, kv_.revision());
+  EXPECT_TRUE(state_of(one).is(PRTKV_INVALID_ARGUMENT));
+}
+
+TEST_F(EtcdChangeLog, TellsWhatCanBeRead) {
+  const auto reach = [&] {
+    ChangeLog::Reach found;
+    EXPECT_TRUE(log_.reach(&found).ok());
+    return std::array{found.revision, found.oldest_state, found.log_after};
+  };
+  EXPECT_EQ(reach(), (std::array{created_, created_, created_}));
+  const Revision one = change("one");
+  const Revision two = change("two");
+  EXPECT_EQ(reach(), (std::array{two, created_, created_}));
+  kv_.compact();
+  EXPECT_EQ(reach(), (std::array{two, two, two}));
+  const Revision three = change("three");
+  EXPECT_EQ(reach(), (std::array{three, two, two}));
+  kv_.put("/elsewhere", "something");
+  kv_.compact();
+  EXPECT_EQ(reach(), (std::array{three, three, three}));
+  const Revision lost = delete_without_space();
+  EXPECT_EQ(reach(), (std::array{lost, three, lost}));
+  const Revision four = change("four");
+  EXPECT_EQ(reach(), (std::array{four, three, four - 1}));
+  EXPECT_TRUE(read({.after = four - 1}).position.complete);
+  EXPECT_LT(one, two);
 }
 
 TEST_F(EtcdChangeLog, ARegistryWithoutALogHasNoRevision) {

@@ -134,20 +134,45 @@ Status ChangeLog::find(Revision revision, ChangeRecord* record) {
   return {};
 }
 
-Status ChangeLog::check_retained(Revision revision) {
-  const auto at = static_cast<std::int64_t>(revision);
-  Revision latest = 0;
-  if (Reply reply = this->revision(0, &latest); !reply.ok()) return reply.status;
-  if (revision > latest) return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " does not exist yet"};
-  RangeResponse found;
+// A state lasts until the next change. So if the cluster no longer keeps the revision itself, the oldest one that it
+// keeps shows the same state, provided that nothing was changed in between.
+Status ChangeLog::find_state(Revision revision, std::int64_t* at) {
+  const Status not_retained(PRTKV_INVALID_ARGUMENT, text_of(revision) + " is not retained");
+  Revision found = 0;
+  if (Reply reply = this->revision(0, &found); !reply.ok()) return reply.status;
+  if (revision > found) return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " does not exist yet"};
+  if (revision == 0) return not_retained;
+  *at = static_cast<std::int64_t>(revision);
+  RangeResponse key;
+  Reply reply = find_oldest_kept(at);
+  if (reply.ok()) reply = get_key(*at, &key);
+  if (reply.ok()) reply = last_change(key, *at, &found);
   std::int64_t created = 0;
-  Reply reply = revision == 0 ? Reply{Verdict::kCompacted, {}, false} : get_key(at, &found);
-  if (reply.ok() && is_absent(found)) reply = find_mark(at, &created);
-  const bool is_of_the_registry = !is_absent(found) || created != 0;
-  if (reply.verdict == Verdict::kCompacted || (reply.ok() && !is_of_the_registry)) {
-    return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " is not retained"};
+  if (reply.ok() && is_absent(key)) reply = find_mark(*at, &created);
+  const bool was_there = !is_absent(key) || created != 0;
+  if (reply.verdict == Verdict::kCompacted) return not_retained;
+  if (!reply.ok()) return reply.status;
+  return was_there && found <= revision ? Status() : not_retained;
+}
+
+Reply ChangeLog::reach(Reach* reach) {
+  RangeResponse newest;
+  std::int64_t created = 0;
+  std::int64_t begin = 1;
+  *reach = {};
+  Reply reply = get_key(0, &newest);
+  if (reply.ok()) reply = last_change(newest, newest.header().revision(), &reach->revision);
+  if (reply.ok()) reply = find_mark(0, &created);
+  if (reply.ok()) reply = find_oldest_kept(&begin);
+  if (!reply.ok() || reach->revision == 0) return reply;
+  begin = std::max(begin, created);
+  reach->log_after = reach->revision;
+  if (!is_absent(newest)) {
+    const std::int64_t first = newest.kvs(0).create_revision();
+    reach->log_after = static_cast<Revision>(std::max(begin, first == created ? first : first - 1));
   }
-  return reply.status;
+  reach->log_after = std::min(reach->log_after, reach->revision);
+  return revision(begin, &reach->oldest_state);
 }
 
 Status ChangeLog::visit(const LogRange& range, Visit visit, LogPosition* position) {
@@ -194,25 +219,28 @@ Reply ChangeLog::find_gap(const RangeResponse& end, std::int64_t* begin, bool* c
   return reply;
 }
 
-// The first revision that can hold a change after `after`, or the first one that is kept. What the cluster has
-// compacted is asked of a watch, which alone tells how far that goes.
-Status ChangeLog::find_begin(std::int64_t after, std::int64_t* begin, bool* complete) {
-  bool compacted = false;
+// `*begin` or, if the cluster no longer keeps that, the first revision that it keeps, which a watch alone tells.
+Reply ChangeLog::find_oldest_kept(std::int64_t* begin) {
   while (true) {
     RangeResponse found;
-    const Reply reply = get_key(*begin, &found);
-    if (reply.verdict != Verdict::kCompacted) {
-      if (compacted && reply.ok() && !is_absent(found)) {
-        *complete = *complete && found.kvs(0).mod_revision() <= after;
-      }
-      return reply.status;
-    }
+    Reply reply = get_key(*begin, &found);
+    if (reply.verdict != Verdict::kCompacted) return reply;
     WatchAnswer answer;
-    const Reply watched = kv_.watch(keys_.log(), *begin, {}, &answer, Deadline(kv_.timeout()));
-    if (!watched.ok()) return watched.status;
-    compacted = true;
+    reply = kv_.watch(keys_.log(), *begin, {}, &answer, Deadline(kv_.timeout()));
+    if (!reply.ok()) return reply;
     *begin = std::max(*begin, answer.compacted);
   }
+}
+
+// The first revision that can hold a change after `after`, or the first one that is kept.
+Status ChangeLog::find_begin(std::int64_t after, std::int64_t* begin, bool* complete) {
+  const std::int64_t wanted = *begin;
+  Reply reply = find_oldest_kept(begin);
+  if (!reply.ok() || *begin == wanted) return reply.status;
+  RangeResponse found;
+  reply = get_key(*begin, &found);
+  if (reply.ok() && !is_absent(found)) *complete = *complete && found.kvs(0).mod_revision() <= after;
+  return reply.status;
 }
 
 Status ChangeLog::visit_forward(std::int64_t begin, std::int64_t last, Visit visit) {

@@ -48,8 +48,17 @@ class ChangeLog {
   Status visit(const LogRange& range, FunctionRef<Status(const ChangeRecord& record)> visit, LogPosition* position);
   Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop, Revision* revision);
 
-  // Whether the state at this revision can still be read, and has ever been one of the registry.
-  Status check_retained(Revision revision);
+  // Finds a revision of the cluster at which the state right after the change `revision` can be read. Returns
+  // PRTKV_INVALID_ARGUMENT if there is none, or if there has never been such a state.
+  Status find_state(Revision revision, std::int64_t* at);
+
+  // What can be read of the past. All are 0 if nothing was ever logged.
+  struct Reach {
+    Revision revision = 0;      // of the last change
+    Revision oldest_state = 0;  // that can be read
+    Revision log_after = 0;     // the log has every change after this revision
+  };
+  Reply reach(Reach* reach);
 
  private:
   using Visit = FunctionRef<Status(const ChangeRecord& record)>;
@@ -60,6 +69,7 @@ class ChangeLog {
   void note_removal(std::int64_t revision);
   Reply find_mark(std::int64_t at, std::int64_t* created);
   Reply find_gap(const RangeResponse& end, std::int64_t* begin, bool* complete);
+  Reply find_oldest_kept(std::int64_t* begin);
   Status find_begin(std::int64_t after, std::int64_t* begin, bool* complete);
   Status visit_forward(std::int64_t begin, std::int64_t last, Visit visit);
   Status visit_backward(std::int64_t after, std::int64_t last, Visit visit);

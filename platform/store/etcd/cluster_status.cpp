@@ -169,6 +169,11 @@ Status read_cluster_status(Core& core, StoreStatus* status) {
   ClusterAnswer answer;
   if (Reply reply = core.kv->ask_members(&answer, core.deadline()); !reply.ok()) return reply.status;
   describe_cluster(answer, status);
+  ChangeLog::Reach reach;
+  if (Reply reply = core.log.reach(&reach); !reply.ok()) return reply.status;
+  status->revision = reach.revision;
+  status->oldest_state = reach.oldest_state;
+  status->log_after = reach.log_after;
   return count_work(core, &*status->cluster);
 }
 

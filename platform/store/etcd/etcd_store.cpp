@@ -121,8 +121,9 @@ Status EtcdStore::write(FunctionRef<Status(Update&)> function, Revision* revisio
 // etcd gives up a state while it is being read, if it is compacted then.
 Status EtcdStore::read_at(Revision revision, FunctionRef<Status(View&)> function) {
   return guarded([&] {
-    if (Status status = core_.log.check_retained(revision); !status.ok()) return status;
-    SettledView past(core_, static_cast<std::int64_t>(revision));
+    std::int64_t at = 0;
+    if (Status status = core_.log.find_state(revision, &at); !status.ok()) return status;
+    SettledView past(core_, at);
     if (Status status = past.load(); !status.ok()) return status;
     Status status = call(function, static_cast<View&>(past));
     return past.failure().ok() ? status : past.failure().status;
