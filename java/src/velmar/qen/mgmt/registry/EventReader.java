@@ -71,7 +71,8 @@ public final class EventReader implements AutoCloseable {
      * Returns the next event, and waits for it if there is none yet. Interrupting the thread does not end the waiting,
      * but closing this object does.
      *
-     * @param timeout how long to wait at most; not at all if it is zero or less
+     * @param timeout how long to wait at most, not counting the time until other threads have their events; not at all if
+     *     it is zero or less
      * @return the event; empty if there was none in time
      * @throws RegistryUnavailableException if the registry cannot be reached; the next call tries again, and no event is
      *     lost

@@ -267,6 +267,21 @@ class WatchTest extends OpenRegistry {
         assertThrows(InvalidNameException.class, () -> registry.watch("a..b", ALL, Runnable::run, nothing));
     }
 
+    @Test
+    void programsCanCreateEventsForTheirOwnTests() {
+        List<KeyChange> changes = new ArrayList<>(only(KeyChange.Kind.VALUE, "k"));
+        changes.add(new KeyChange(KeyChange.Kind.MOVED, "new", Optional.of("old")));
+        RegistryEvent.Changed change =
+                new RegistryEvent.Changed(7, Instant.EPOCH, "user", "host", "program", 8, "note", changes);
+        changes.clear();
+        assertEquals(Optional.of("old"), change.changes().get(1).formerName());
+        assertThrows(UnsupportedOperationException.class, change.changes()::clear);
+        RegistryException gone = new RegistryUnusableException(null, "gone");
+        assertEquals(gone, new RegistryEvent.Failed(7, gone).failure());
+        assertThrows(NullPointerException.class, () -> new RegistryEvent.Failed(7, null));
+        assertThrows(NullPointerException.class, () -> new KeyChange(null, "k", Optional.empty()));
+    }
+
     // --- Being told of events ---
 
     private static RegistryEvent taken(BlockingQueue<RegistryEvent> told) throws InterruptedException {
