@@ -8,6 +8,7 @@ import java.util.Optional;
 import java.util.TreeMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.function.BiConsumer;
+import java.util.function.Consumer;
 import java.util.function.Function;
 import java.util.function.Supplier;
 import java.util.prefs.BackingStoreException;
@@ -170,6 +171,27 @@ final class PreferencesTree {
             // Then there are none.
         }
         return found;
+    }
+
+    // --- Watching ---
+
+    /** Has a listener told, in a thread of its own, of what is changed in the tree from now on, by whomever. */
+    void watch(Consumer<RegistryEvent> listener) {
+        opened().watch(top, Integer.MAX_VALUE, Runnable::run, listener);
+    }
+
+    /** Returns the levels of a full name from the root of the tree; none if it is not below that. */
+    List<String> levelsOf(String name) {
+        return name.startsWith(top + ".") ? List.of(name.substring(top.length() + 1).split("\\.")) : List.of();
+    }
+
+    /** Returns the text of a full name in a state or, if it is no longer retained, now; null if there is none. */
+    String textAt(String name, long revision) {
+        try (Snapshot state = opened().at(revision)) {
+            return state.findValue(name).map(Readings::text).orElse(null);
+        } catch (RegistryException e) {
+            return find(name.substring(top.length() + 1)).orElse(null);
+        }
     }
 
     // --- Changing ---

@@ -2,12 +2,22 @@ package velmar.qen.mgmt.registry;
 
 import java.io.IOException;
 import java.io.OutputStream;
+import java.util.List;
+import java.util.concurrent.CopyOnWriteArrayList;
 import java.util.prefs.AbstractPreferences;
 import java.util.prefs.BackingStoreException;
+import java.util.prefs.NodeChangeEvent;
+import java.util.prefs.NodeChangeListener;
+import java.util.prefs.PreferenceChangeEvent;
+import java.util.prefs.PreferenceChangeListener;
 
 /** A node of a tree of preferences in a registry. */
 final class RegistryPreferences extends AbstractPreferences {
     private final PreferencesTree tree;
+    private final PreferencesEvents events;
+    /** Listeners, to be told of what other processes change. The base class tells them of the rest. */
+    private final List<PreferenceChangeListener> preferenceListeners = new CopyOnWriteArrayList<>();
+    private final List<NodeChangeListener> nodeListeners = new CopyOnWriteArrayList<>();
     /** Null for the root. */
     private final RegistryPreferences above;
     /** Relative to the root of the tree. */
@@ -19,6 +29,7 @@ final class RegistryPreferences extends AbstractPreferences {
     RegistryPreferences(PreferencesTree tree) {
         super(null, "");
         this.tree = tree;
+        events = new PreferencesEvents(tree, this);
         above = null;
         place = "";
     }
@@ -26,6 +37,7 @@ final class RegistryPreferences extends AbstractPreferences {
     private RegistryPreferences(RegistryPreferences parent, String name, String place) {
         super(parent, name);
         this.tree = parent.tree;
+        this.events = parent.events;
         this.above = parent;
         this.place = place;
         newNode = tree.create(place);
@@ -134,8 +146,8 @@ final class RegistryPreferences extends AbstractPreferences {
         forgetRemovedChildren();
     }
 
-    /** Removes the nodes from memory that other processes have removed from the registry. */
-    private void forgetRemovedChildren() throws BackingStoreException {
+    /** Removes the nodes from memory that other processes have removed from the registry, and tells their listeners. */
+    void forgetRemovedChildren() throws BackingStoreException {
         synchronized (lock) {
             for (AbstractPreferences child : cachedChildren()) {
                 RegistryPreferences node = (RegistryPreferences) child;
@@ -162,6 +174,60 @@ final class RegistryPreferences extends AbstractPreferences {
     /** Does nothing: {@link #sync} does it for the whole subtree. */
     @Override
     protected void syncSpi() {}
+
+    // --- Listening ---
+
+    @Override
+    public void addPreferenceChangeListener(PreferenceChangeListener listener) {
+        super.addPreferenceChangeListener(listener);
+        preferenceListeners.add(listener);
+        events.begin();
+    }
+
+    @Override
+    public void removePreferenceChangeListener(PreferenceChangeListener listener) {
+        super.removePreferenceChangeListener(listener);
+        preferenceListeners.remove(listener);
+    }
+
+    @Override
+    public void addNodeChangeListener(NodeChangeListener listener) {
+        super.addNodeChangeListener(listener);
+        nodeListeners.add(listener);
+        events.begin();
+    }
+
+    @Override
+    public void removeNodeChangeListener(NodeChangeListener listener) {
+        super.removeNodeChangeListener(listener);
+        nodeListeners.remove(listener);
+    }
+
+    /** Returns a child; null if it is not in memory. */
+    RegistryPreferences childInMemory(String name) {
+        synchronized (lock) {
+            for (AbstractPreferences child : cachedChildren()) {
+                if (child.name().equals(name)) {
+                    return (RegistryPreferences) child;
+                }
+            }
+            return null;
+        }
+    }
+
+    /** Tells the listeners of the text of a preference that another process has changed; null if it has removed it. */
+    void tellChanged(String key, String text) {
+        PreferenceChangeEvent event = new PreferenceChangeEvent(this, key, text);
+        preferenceListeners.forEach(listener -> listener.preferenceChange(event));
+    }
+
+    /** Tells the listeners of a child that another process has created, unless it has gone again. */
+    void tellAdded(String name) throws BackingStoreException {
+        if (!nodeListeners.isEmpty() && tree.exists(placeOfNode(name))) {
+            NodeChangeEvent event = new NodeChangeEvent(this, node(name));
+            nodeListeners.forEach(listener -> listener.childAdded(event));
+        }
+    }
 
     // --- Exporting ---
 

@@ -30,8 +30,9 @@ import java.util.prefs.PreferencesFactory;
  *
  * <p><b>Other processes.</b> Values, keys and the names of children are read from the registry at each call. {@code
  * sync} removes the nodes from this process that another one has removed; until then, a change recreates such a node.
- * Events are sent for changes that this process makes, and for nodes that {@code sync} removes, but not for other
- * changes that other processes make.
+ * Listeners are told of the changes of other processes as well. A node that another process removes is reported if this
+ * process has used it, and is then removed from this process, as by {@code sync}. A change that the registry has forgotten
+ * before this process could read it is not reported.
  *
  * <p><b>What is atomic.</b> Each {@code put}, {@code remove} and {@code removeNode}, with everything below the node.
  * {@code exportNode} and {@code exportSubtree} write one state of the registry. {@code flush} writes all values and

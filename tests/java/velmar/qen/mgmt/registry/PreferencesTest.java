@@ -33,6 +33,7 @@ import java.util.prefs.BackingStoreException;
 import java.util.prefs.InvalidPreferencesFormatException;
 import java.util.prefs.NodeChangeEvent;
 import java.util.prefs.NodeChangeListener;
+import java.util.prefs.PreferenceChangeListener;
 import java.util.prefs.Preferences;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
@@ -40,6 +41,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.TestInfo;
 import org.junit.jupiter.api.Timeout;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
+import velmar.qen.mgmt.nativesystem.Command;
 
 /** {@code java.util.prefs} in the configured registry. The JVM is started with the property that names the factory. */
 class PreferencesTest {
@@ -321,10 +323,14 @@ class PreferencesTest {
             events.add("removed " + event.getChild().name());
         }
 
+        String next() throws InterruptedException {
+            return String.valueOf(events.poll(60, TimeUnit.SECONDS));
+        }
+
         void assertNext(String... expected) throws InterruptedException {
             List<String> next = new ArrayList<>();
             for (String ignored : expected) {
-                next.add(events.poll(60, TimeUnit.SECONDS));
+                next.add(next());
             }
             assertEquals(List.of(expected), next);
             assertTrue(events.isEmpty(), events::toString);
@@ -343,6 +349,48 @@ class PreferencesTest {
         node.remove("k");
         node.node("new").removeNode();
         events.assertNext("added new", "k=v", "k=null", "removed new");
+    }
+
+    @Test
+    void listenersLearnOfTheChangesOfOtherProcesses() throws Exception {
+        Events events = new Events();
+        Preferences child = node.node("child");
+        child.put("moved", "v");
+        node.addNodeChangeListener(events);
+        node.addPreferenceChangeListener(event -> events.events.add(event.getKey() + "=" + event.getNewValue()));
+        Command.run("set", key + ".@port", "8080");
+        events.assertNext("port=8080");
+        Command.run("set", key + ".@port", "9090");
+        events.assertNext("port=9090");
+        Command.run("rm", key + ".@port");
+        events.assertNext("port=null");
+        Command.run("create", key + ".new");
+        events.assertNext("added new");
+        Command.run("mv", key + ".child", key + ".renamed");
+        assertEquals(Set.of("removed child", "added renamed"), Set.of(events.next(), events.next()));
+        assertThrows(IllegalStateException.class, () -> child.get("moved", null));
+        assertEquals("v", node.node("renamed").get("moved", null));
+        node.put("own", "once");
+        events.assertNext("own=once");
+        Command.run("set", key + ".@last", "v");
+        events.assertNext("last=v");
+    }
+
+    @Test
+    void aListenerThatIsRemovedLearnsOfNothing() throws Exception {
+        Events removed = new Events();
+        Events events = new Events();
+        PreferenceChangeListener listener = event -> removed.events.add(event.getKey());
+        node.addNodeChangeListener(removed);
+        node.addPreferenceChangeListener(listener);
+        node.addPreferenceChangeListener(event -> events.events.add(event.getKey()));
+        node.removeNodeChangeListener(removed);
+        node.removePreferenceChangeListener(listener);
+        assertThrows(IllegalArgumentException.class, () -> node.removePreferenceChangeListener(listener));
+        Command.run("create", key + ".child");
+        Command.run("set", key + ".@k", "v");
+        events.assertNext("k");
+        assertEquals(List.of(), List.copyOf(removed.events));
     }
 
     @Test
