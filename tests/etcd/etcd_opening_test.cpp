@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "fake_kv.h"
 #include "store/etcd/build.h"
@@ -66,6 +67,56 @@ TEST_F(EtcdOpening, BeginsTheLogOfARegistryOfAnEarlierReleaseOnce) {
   EXPECT_EQ(kv_.mod_revision(Keys("/tkv/").log()), begun);
 }
 
+// Releases that know format 2 only do not write the log. They refuse the registry from then on, and what their open
+// sessions write compares the mark.
+TEST_F(EtcdOpening, RaisesTheFormatOfARegistryWithoutALog) {
+  const Keys keys("/tkv/");
+  ASSERT_TRUE(done(open("/tkv/")));
+  RegistryMark mark = *RegistryMark::parse(mark_of("/tkv/"));
+  mark.format = 2;
+  kv_.put(keys.mark(), mark.print());
+  kv_.erase(keys.log());
+  ASSERT_TRUE(done(open("/tkv/", false)));
+  EXPECT_EQ(mark_of("/tkv/"), mark.print()) << "without being asked to create, it writes nothing";
+  ASSERT_TRUE(done(open("/tkv/")));
+  mark.format = RegistryMark::kFormat;
+  EXPECT_EQ(mark_of("/tkv/"), mark.print());
+  EXPECT_EQ(kv_.mod_revision(keys.log()), kv_.mod_revision(keys.mark())) << "both at once";
+}
+
+TEST_F(EtcdOpening, TakesARegistryWhoseFormatAnotherSessionRaises) {
+  const Keys keys("/tkv/");
+  ASSERT_TRUE(done(open("/tkv/")));
+  RegistryMark mark = *RegistryMark::parse(mark_of("/tkv/"));
+  mark.format = 2;
+  kv_.put(keys.mark(), mark.print());
+  mark.format = RegistryMark::kFormat;
+  bool raised = false;
+  kv_.before_txn = [&](const TxnRequest& request) {
+    const bool writes = request.success_size() > 0 && request.success(0).has_request_put();
+    if (writes && !std::exchange(raised, true)) kv_.put(keys.mark(), mark.print());
+    return Reply();
+  };
+  ASSERT_TRUE(done(open("/tkv/")));
+  EXPECT_TRUE(raised);
+  EXPECT_EQ(mark_of("/tkv/"), mark.print());
+}
+
+// As after a deletion that was made while there was no space.
+TEST_F(EtcdOpening, GoesOnWithALogThatCouldNotBeWritten) {
+  const Keys keys("/tkv/");
+  ASSERT_TRUE(done(open("/tkv/")));
+  const std::string mark = mark_of("/tkv/");
+  kv_.erase(keys.log());
+  kv_.is_full = true;
+  ASSERT_TRUE(done(open("/tkv/"))) << "to delete something";
+  EXPECT_EQ(kv_.get(keys.log()), "");
+  kv_.is_full = false;
+  ASSERT_TRUE(done(open("/tkv/")));
+  EXPECT_NE(kv_.get(keys.log()), "");
+  EXPECT_EQ(mark_of("/tkv/"), mark);
+}
+
 TEST_F(EtcdOpening, RefusesAPrefixWithinThatOfAnotherRegistry) {
   ASSERT_TRUE(done(open("/tkv/")));
   for (const char* prefix : {"/tkv/staging/", "/tkv/garbage/", "/tkv/txn/", "/tkv/n/", "/tkv/other/deep/"}) {
@@ -116,10 +167,10 @@ TEST_F(EtcdOpening, RegistriesBesideEachOtherAreFine) {
 
 TEST_F(EtcdOpening, RefusesALaterFormatAndADamagedMark) {
   ASSERT_TRUE(done(open("/tkv/")));
-  kv_.put(Keys("/tkv/").mark(), "format 3\nwhatever\n");
+  kv_.put(Keys("/tkv/").mark(), "format 4\nwhatever\n");
   Status status = open("/tkv/");
   EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
-  EXPECT_NE(status.text().find("format 3"), std::string::npos) << status.text();
+  EXPECT_NE(status.text().find("format 4"), std::string::npos) << status.text();
   kv_.put(Keys("/tkv/").mark(), "nonsense");
   EXPECT_TRUE(open("/tkv/").is(PRTKV_STORAGE_FAILED));
 }

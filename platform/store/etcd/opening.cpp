@@ -30,9 +30,11 @@ class Opening {
 
  private:
   Status look(TxnResponse* found);
-  Status take(const TxnResponse& found);
+  Status take(const TxnResponse& found, bool* taken);
   Status create(bool* created);
   Status mark(std::int64_t meta_revision);
+  Status take_marked(const TxnResponse& found, bool* taken);
+  Status upgrade(const std::string& former, RegistryMark mark, bool has_log, bool* taken);
   Status begin_log();
   Status check_enclosing();
   Status check_enclosed();
@@ -68,7 +70,11 @@ Status Opening::run() {
   while (true) {
     TxnResponse found;
     if (Status status = look(&found); !status.ok()) return status;
-    if (part(found, kMeta).kvs_size() > 0) return take(found);
+    if (part(found, kMeta).kvs_size() > 0) {
+      bool taken = true;
+      if (Status status = take(found, &taken); !status.ok() || taken) return status;
+      continue;
+    }
     if (!options_.create) {
       return {PRTKV_NO_SUCH_KEY, "there is no registry under " + quoted(options_.prefix) + " in etcd"};
     }
@@ -107,32 +113,62 @@ Status Opening::create(bool* created) {
   return {};
 }
 
-Status Opening::take(const TxnResponse& found) {
+// Not taken, and no failure: another session has just changed the registry's format.
+Status Opening::take(const TxnResponse& found, bool* taken) {
   const KeyValue& record = part(found, kMeta).kvs(0);
   Meta meta;
   const Status damage = decode_meta(as_bytes(record.value()), &meta);
   if (damage.is(PRTKV_UNUSABLE)) return damage.about("the registry under " + quoted(options_.prefix) + " in etcd");
   if (part(found, kMark).kvs_size() == 0) {
     if (Status status = mark(record.mod_revision()); !status.ok()) return status;
-  } else {
-    const std::string& text = part(found, kMark).kvs(0).value();
-    const auto mark = RegistryMark::parse(text);
-    if (!mark) return {PRTKV_STORAGE_FAILED, "the key " + quoted(keys_.mark()) + " in etcd is damaged"};
-    if (mark->format > RegistryMark::kFormat) {
-      return {PRTKV_UNUSABLE, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
-                                  std::to_string(mark->format) + ", and this release knows up to " +
-                                  std::to_string(RegistryMark::kFormat)};
-    }
-    core_.kv->hold_mark(keys_.mark(), text);
-  }
-  if (part(found, kLog).kvs_size() == 0) {
     if (Status status = begin_log(); !status.ok()) return status;
+  } else if (Status status = take_marked(found, taken); !status.ok() || !*taken) {
+    return status;
   }
   const NodePlace root{kNoNode, ""};
   core_.ids.know(meta, damage.ok() ? record.mod_revision() : IdSource::kUnknown);
   core_.cache.put(root, seen_node(part(found, kRoot), root));
   core_.claims.learn(part(found, kClaims), found.header().revision());
   core_.sweeper.found(part(found, kGarbage), part(found, kStaging), part(found, kClaims));
+  return {};
+}
+
+Status Opening::take_marked(const TxnResponse& found, bool* taken) {
+  const std::string& text = part(found, kMark).kvs(0).value();
+  const auto mark = RegistryMark::parse(text);
+  if (!mark) return {PRTKV_STORAGE_FAILED, "the key " + quoted(keys_.mark()) + " in etcd is damaged"};
+  if (mark->format > RegistryMark::kFormat) {
+    return {PRTKV_UNUSABLE, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
+                                std::to_string(mark->format) + ", and this release knows up to " +
+                                std::to_string(RegistryMark::kFormat)};
+  }
+  const bool has_log = part(found, kLog).kvs_size() > 0;
+  if (options_.create && (mark->format < RegistryMark::kFormat || !has_log)) {
+    return upgrade(text, *mark, has_log, taken);
+  }
+  core_.kv->hold_mark(keys_.mark(), text);
+  return {};
+}
+
+// Gives the registry the present format and a log, so that its state has a revision. Sessions of releases that do not
+// know this format hold the former mark: they cannot write any more, and changes could not go unlogged. If etcd does
+// not permit it, or has no space, the registry can be used as it is.
+Status Opening::upgrade(const std::string& former, RegistryMark mark, bool has_log, bool* taken) {
+  mark.format = RegistryMark::kFormat;
+  std::string text = mark.print();
+  TxnRequest request;
+  compare_value(&request, keys_.mark(), former);
+  if (text != former) put(request.add_success(), keys_.mark(), text);
+  if (!has_log) {
+    compare_revision(&request, keys_.log(), 0);
+    put(request.add_success(), keys_.log(), ChangeLog::encode({}));
+  }
+  TxnResponse response;
+  const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  const bool as_it_is = status.is(PRTKV_ACCESS_DENIED) || status.is(PRTKV_STORAGE_FULL);
+  if (!status.ok() && !as_it_is) return status;
+  *taken = as_it_is || response.succeeded();
+  if (*taken) core_.kv->hold_mark(keys_.mark(), as_it_is ? former : std::move(text));
   return {};
 }
 
@@ -188,9 +224,7 @@ Status Opening::check_enclosing() {
   return {};
 }
 
-// Gives a registry that an earlier release has created the first record of its log, so that its state has a revision,
-// and goes on with a log that could not be written without space. If etcd does not permit it, the registry can be used
-// as it is.
+// Gives an unmarked registry the first record of its log.
 Status Opening::begin_log() {
   if (!options_.create) return {};
   TxnRequest request;

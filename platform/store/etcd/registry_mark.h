@@ -9,7 +9,9 @@ namespace tkv::store::etcd {
 
 // The mark's value, one field per line, for people who look at it with etcdctl.
 struct RegistryMark {
-  static constexpr int kFormat = 2;  // of the keys under the prefix; registries of format 1 have no mark
+  // Of the keys under the prefix. Registries of format 1 have no mark; those of format 2 have no log, and releases that
+  // know no other format would not write it.
+  static constexpr int kFormat = 3;
 
   int format = kFormat;
   std::string incarnation;  // made when the registry is, never used again
