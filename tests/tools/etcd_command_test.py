@@ -7,7 +7,7 @@ import sys
 import unittest
 import urllib.request
 
-from command import COMMAND, CONFLICT, DEADLINE, NOT_FOUND, UNREACHABLE, CommandTest
+from command import COMMAND, CONFLICT, DEADLINE, DIFFERS, NOT_FOUND, UNREACHABLE, CommandTest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "cluster"))
@@ -129,6 +129,20 @@ class OnEtcd(CommandTest):
         self.cluster.ask("start")
         self.tkv("create", "app")
         self.assertEqual((process.communicate(timeout=DEADLINE)[0], process.returncode), (b"", 0))
+
+    def test_diff_compares_states_and_registries(self):
+        self.tkv("import", given=self.document())
+        before = json.loads(self.out("stat", "--json", "many"))["revision"]
+        self.tkv("export", "many", "-o", self.folder / "many.json")
+        self.tkv("import", "--conf", self.local_conf, self.folder / "many.json")
+        self.assertEqual(self.out("diff", "many", self.local_conf), "")
+        self.tkv("set", "many.k0000", "--int32", "-1")
+        for former in (f"many@{before}", self.local_conf, f"@{self.folder}/many.json"):
+            with self.subTest(former=former):
+                text = self.tkv("diff", former, "many", exits=DIFFERS).text
+                self.assertEqual([(line[0], json.loads(line[1:])["value"]) for line in text.splitlines()],
+                                 [("-", 0), ("+", -1)])
+        self.assertEqual(self.tkv("diff", "--conf", self.local_conf, "many", self.address, exits=DIFFERS).text, text)
 
     def watchers(self):
         """The number of watches that the cluster's only member serves."""

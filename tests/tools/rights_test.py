@@ -162,7 +162,7 @@ class AnotherUser(CommandTest):
                       ("rm", "app.open"), ("rm", "-r", "--yes", "app"), ("mv", "app.open", "app.moved"),
                       ("cp", "app.secret", "copy"), ("cp", "app.open", "app.copy"), ("chown", "nobody", "app.open"),
                       ("chmod", "o+w", "app.open"), ("chmod", "-R", "o+w", "app"), ("ls", "app.closed"),
-                      ("export", "app"), ("export", "app.closed"), ("backup",), ("backup", "--key", "app.secret"),
+                      ("export", "app"), ("export", "app.closed"), ("diff", "app", "app"), ("backup",), ("backup", "--key", "app.secret"),
                       ("access", "nobody", "app.secret"), ("verify", "--repair")):
             with self.subTest(words=words):
                 self.denied(*words)

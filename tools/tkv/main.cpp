@@ -14,8 +14,8 @@
 namespace tkv::command {
 namespace {
 
-// With --dry-run, Exit::kOther without a text means that there are differences, as for diff(1). Failures of that kind
-// get the code that diff has for trouble.
+// With --dry-run, and of diff, Exit::kOther without a text means that there are differences, as for diff(1). Failures
+// of that kind get the code that diff(1) has for trouble.
 Outcome as_diff(const Outcome& outcome) {
   if (outcome.exit() != Exit::kOther || outcome.text().empty()) return outcome;
   return {Exit::kUsage, outcome.text()};
@@ -33,7 +33,7 @@ Outcome run(const Arguments& arguments, const Verb& verb, Context& context, Outp
   }
   const Outcome printed = output.finish();
   if (!printed.ok() && outcome.text().empty()) outcome = printed;
-  if (arguments.dry_run) outcome = as_diff(outcome);
+  if (arguments.dry_run || verb.exits_as_diff) outcome = as_diff(outcome);
   context.complain(outcome);
   return outcome;
 }

@@ -1,7 +1,4 @@
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <vector>
@@ -11,6 +8,7 @@
 #include "input.h"
 #include "json.h"
 #include "new_key_options.h"
+#include "place.h"
 #include "records.h"
 #include "registry/name.h"
 #include "registry/open_client.h"
@@ -20,7 +18,6 @@
 namespace tkv::command {
 namespace {
 
-using registry::Configuration;
 using registry::Subtree;
 
 // The key that marks a target as incomplete. Its value names the source.
@@ -41,34 +38,6 @@ struct MigrationReport {
   std::uint64_t keys = 0;
   std::uint64_t changes = 0;
 };
-
-bool is_file(const std::string& path) {
-  struct stat found {};
-  return ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
-}
-
-// Finds the configuration of a place: that of a configuration file or, for a directory or the addresses of an etcd
-// cluster, the one in force with this location.
-Outcome configure(const std::string& place, Configuration* configuration) {
-  if (is_file(place)) {
-    registry::Surroundings surroundings = registry::Surroundings::of_process();
-    surroundings.variable = [&place, other = surroundings.variable](const char* name) {
-      return std::string_view(name) == "TKV_CONF" ? place.c_str() : other(name);
-    };
-    return Configuration::read(configuration, surroundings);
-  }
-  if (Status read = Configuration::read(configuration); !read.ok()) return read;
-  if (configuration->relocate(place).ok()) return {};
-  return {Exit::kUsage,
-          "'" + place + "' is neither a configuration file, nor an absolute directory, nor etcd://host:port"};
-}
-
-Outcome open_side(const registry::OpenOptions& options, Side* side) {
-  Configuration configuration;
-  if (Outcome configured = configure(side->place, &configuration); !configured.ok()) return configured;
-  Outcome opened = open_registry(std::move(configuration), options, &side->client);
-  return opened.ok() ? opened : Outcome(opened.exit(), side->place + ": " + opened.text());
-}
 
 Outcome read_side(Context& context, const Side& side, const char* label, Subtree* subtree) {
   Progress progress(context.terminal(), label);
@@ -212,8 +181,8 @@ Outcome copy_until_same(Context& context, const Side& source, const Side& target
 Outcome open_sides(Side* source, Side* target) {
   const Outcome same(Exit::kUsage, "source and target are the same");
   if (source->place == target->place) return same;
-  if (Outcome opened = open_side({false, true}, source); !opened.ok()) return opened;
-  if (Outcome opened = open_side({true, false}, target); !opened.ok()) return opened;
+  if (Outcome opened = open_place(source->place, {false, true}, &source->client); !opened.ok()) return opened;
+  if (Outcome opened = open_place(target->place, {true, false}, &target->client); !opened.ok()) return opened;
   return registry::same_place(source->client->configuration(), target->client->configuration()) ? same : Outcome();
 }
 

@@ -49,7 +49,8 @@ struct Verb {
   std::span<const Operand> operands;
   std::span<const Option> options;
   Outcome (*run)(Context&, const Arguments&);
-  bool hidden = false;  // neither listed nor offered
+  bool hidden = false;         // neither listed nor offered
+  bool exits_as_diff = false;  // 0: nothing differs; 1: something does; otherwise a failure
 };
 
 // All verbs, in the order in which help lists them.
@@ -86,6 +87,7 @@ extern const Verb kChmodVerb;
 extern const Verb kAccessVerb;
 extern const Verb kConfVerb;
 extern const Verb kStatusVerb;
+extern const Verb kDiffVerb;
 extern const Verb kExportVerb;
 extern const Verb kImportVerb;
 extern const Verb kBackupVerb;
