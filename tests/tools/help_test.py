@@ -13,9 +13,9 @@ from command import COMMAND, DAMAGED, DONE, GROUP, NOT_FOUND, CommandTest, OTHER
 
 DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
-VERBS = ["get", "set", "create", "ls", "tree", "find", "wait", "stat", "rm", "mv", "cp", "chown", "chmod", "access",
-         "conf", "status", "diff", "export", "import", "backup", "restore", "verify", "migrate", "log", "help",
-         "completion"]
+VERBS = ["get", "set", "create", "ls", "tree", "find", "wait", "stat", "rm", "mv", "cp", "chown", "chmod", "edit",
+         "access", "conf", "status", "diff", "export", "import", "backup", "restore", "verify", "migrate", "log",
+         "help", "completion"]
 
 
 class Help(CommandTest):

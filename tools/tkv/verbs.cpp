@@ -6,10 +6,10 @@ namespace tkv::command {
 namespace {
 
 constexpr const Verb* kVerbs[] = {
-    &kGetVerb,    &kSetVerb,     &kCreateVerb, &kLsVerb,     &kTreeVerb,       &kFindVerb,    &kWaitVerb,
-    &kStatVerb,   &kRmVerb,      &kMvVerb,     &kCpVerb,     &kChownVerb,      &kChmodVerb,   &kAccessVerb,
-    &kConfVerb,   &kStatusVerb,  &kDiffVerb,   &kExportVerb, &kImportVerb,     &kBackupVerb,  &kRestoreVerb,
-    &kVerifyVerb, &kMigrateVerb, &kLogVerb,    &kHelpVerb,   &kCompletionVerb, &kCompleteVerb};
+    &kGetVerb,     &kSetVerb,    &kCreateVerb,  &kLsVerb,   &kTreeVerb,   &kFindVerb,       &kWaitVerb,
+    &kStatVerb,    &kRmVerb,     &kMvVerb,      &kCpVerb,   &kChownVerb,  &kChmodVerb,      &kEditVerb,
+    &kAccessVerb,  &kConfVerb,   &kStatusVerb,  &kDiffVerb, &kExportVerb, &kImportVerb,     &kBackupVerb,
+    &kRestoreVerb, &kVerifyVerb, &kMigrateVerb, &kLogVerb,  &kHelpVerb,   &kCompletionVerb, &kCompleteVerb};
 
 constexpr std::array kCommonOptions{
     flag("--json", "Print JSON; failures too, on standard error", &Arguments::json),

@@ -87,6 +87,7 @@ extern const Verb kChmodVerb;
 extern const Verb kAccessVerb;
 extern const Verb kConfVerb;
 extern const Verb kStatusVerb;
+extern const Verb kEditVerb;
 extern const Verb kDiffVerb;
 extern const Verb kExportVerb;
 extern const Verb kImportVerb;
