@@ -6,11 +6,13 @@ import java.net.URL;
 import java.nio.file.Files;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.concurrent.locks.LockSupport;
 
 /**
  * Finds and loads {@code libtkv.so}: in the directories of the property {@code tkv.library.path}, in those of {@code
@@ -33,6 +35,11 @@ final class TKVNativeLibrary {
 
     /** Names the library that a class loader of this process has loaded, for the other class loaders. */
     private static final String LOADED_PROPERTY = "velmar.qen.mgmt.tkv.loaded";
+
+    /** How long a library is waited for whose loader may have been collected, and how often it is tried meanwhile. */
+    private static final Duration UNLOADING = Duration.ofSeconds(1);
+
+    private static final Duration RETRY = Duration.ofMillis(10);
 
     private static boolean loaded;
 
@@ -68,7 +75,7 @@ final class TKVNativeLibrary {
             return false;
         }
         try {
-            System.load(former);
+            loadOnceUnloaded(former);
             return true;
         } catch (UnsatisfiedLinkError inUse) {
             UnsatisfiedLinkError refusal = new UnsatisfiedLinkError("another class loader of this process has loaded "
@@ -76,6 +83,22 @@ final class TKVNativeLibrary {
                     + " find it: on the class path, or in a class loader that is a parent of both");
             refusal.addSuppressed(inUse);
             throw refusal;
+        }
+    }
+
+    /** Loads a library that may still be loaded: the JVM unloads it some moments after it has collected the loader. */
+    private static void loadOnceUnloaded(String library) {
+        long begin = System.nanoTime();
+        while (true) {
+            try {
+                System.load(library);
+                return;
+            } catch (UnsatisfiedLinkError inUse) {
+                if (System.nanoTime() - begin > UNLOADING.toNanos()) {
+                    throw inUse;
+                }
+                LockSupport.parkNanos(RETRY.toNanos());
+            }
         }
     }
 
