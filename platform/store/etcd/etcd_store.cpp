@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::size_t kPreferredBatchSize = 50;  // each may need a garbage key and several comparisons
 constexpr int kMostLongRuns = 8;                 // besides those that gave way to other sessions
+constexpr int kMostTurnsGiven = 100;  // the order of turns needs a few; more mean that claims are removed untimely
 constexpr std::size_t kMaxPrefixBytes = 256;
 
 // No exception of this module leaves it. An exception of the caller's function passes through.
@@ -154,6 +155,7 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, 
     Deadline deadline = core_.deadline();
     NextRun next;
     int long_runs = 0;
+    int turns_given = 0;
     for (int run = 1;; ++run) {
       Stm stm(core_, purpose, std::move(next), deadline);
       Status result = stm.start();
@@ -163,8 +165,9 @@ Status EtcdStore::run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, 
         return result;
       }
       deadline = stm.deadline();
-      if (stm.is_long() && !stm.gives_way()) ++long_runs;
-      const bool out_of_time = stm.is_long() ? long_runs >= kMostLongRuns : deadline.left().count() == 0;
+      if (stm.is_long()) ++(stm.gives_way() ? turns_given : long_runs);
+      const bool out_of_runs = long_runs >= kMostLongRuns || turns_given >= kMostTurnsGiven;
+      const bool out_of_time = stm.is_long() ? out_of_runs : deadline.left().count() == 0;
       if (out_of_time) {
         return {PRTKV_BUSY,
                 "given up after " + std::to_string(run) + " attempts: others changed the same entries each time"};
