@@ -101,7 +101,13 @@ class OnEtcd(CommandTest):
         self.assertGreater(cluster["bytes_in_use"], 0)
         self.assertEqual([cluster[name] for name in ("alarms", "claims", "builds", "dead_builds", "garbage", "retries")],
                          [[], 0, 0, 0, 0, 0])
+        history = report["history"]
+        self.assertGreater(history["last_change"], history["log_after"])
+        self.assertEqual(history["oldest_state"], history["log_after"])
+        self.assertEqual(len(history), 3)
         shown = self.out("status")
+        self.assertRegex(shown, rf"(?m)^history +states from {history['oldest_state']} on, changes after \d+$")
+        self.assertNotIn("history size", shown)
         for line in (rf"member +m0 leads, {self.cluster.endpoints[0]}, release 3\.\S+, \d+ bytes", "alarm +none",
                      r"revision +\d+", r"size +\d+ bytes.*, \d+ in use", "claims +0", "builds +0", "garbage +0",
                      "retries +0", "keys +2"):

@@ -268,6 +268,31 @@ class Status(CommandTest):
         for line in (rf"location +{self.registry}", "serving +yes", "keys +3", "damage +none", rf"last backup +.*{backup}"):
             self.assertRegex(shown, rf"(?m)^{line}$")
 
+    def test_shows_how_far_the_history_reaches(self):
+        self.tkv("set", "a", "1")
+        self.tkv("set", "a", "2")
+        history = json.loads(self.out("status", "--json"))["history"]
+        self.assertGreater(history.pop("bytes"), 0)
+        self.assertEqual(history, {"last_change": 2, "oldest_state": 0, "log_after": 0, "max_size": "64M",
+                                   "max_changes": "10000", "max_age": "90d"})
+        shown = self.out("status")
+        for line in ("last change +2", "history +states from 0 on, changes after 0",
+                     r"history size +\d+ bytes; the limits are 64M, 10000 changes, 90d"):
+            self.assertRegex(shown, rf"(?m)^{line}$")
+
+    def test_shows_a_history_that_is_trimmed_or_off(self):
+        conf = self.folder / "tkv.conf"
+        text = conf.read_text()
+        conf.write_text(text + "[history]\nchanges = 2\n")
+        for value in range(5):
+            self.tkv("set", "a", str(value))
+        self.assertRegex(self.out("status"), r"(?m)^history +states from 3 on, changes after 3$")
+        conf.write_text(text + "[history]\noff = yes\n")
+        self.tkv("set", "a", "unlogged")
+        shown = self.out("status")
+        self.assertRegex(shown, r"(?m)^last change +6$")
+        self.assertRegex(shown, r"(?m)^history +none$")
+
     def test_quick_counts_nothing(self):
         self.tkv("set", "a", "x")
         report = json.loads(self.out("status", "--quick", "--json"))

@@ -73,6 +73,43 @@ std::string size_text(const registry::RegistryStatus& registry) {
   return text;
 }
 
+// The configured value of a setting or, if none is configured, the default.
+std::string setting_of(const registry::Configuration& configuration, std::string_view name) {
+  for (const registry::Setting& setting : configuration.settings) {
+    if (setting.name == name) return setting.value;
+  }
+  return "";
+}
+
+bool keeps_history(const StatusReport& report) { return report.registry.log_after < report.registry.revision; }
+
+void print_history(const StatusReport& report, FunctionRef<void(const char* label, const std::string& text)> row) {
+  const registry::RegistryStatus& registry = report.registry;
+  row("last change", std::to_string(registry.revision));
+  row("history", keeps_history(report) ? "states from " + std::to_string(registry.oldest_state) +
+                                             " on, changes after " + std::to_string(registry.log_after)
+                                       : "none");
+  if (registry.cluster) return;
+  const auto limit = [&](const char* name) { return setting_of(report.configuration, name); };
+  row("history size", counted(registry.history_bytes, "byte") + "; the limits are " + limit("history.size") + ", " +
+                          limit("history.changes") + " changes, " + limit("history.age"));
+}
+
+std::string history_json(const StatusReport& report) {
+  const registry::RegistryStatus& registry = report.registry;
+  JsonObject object;
+  object.number("last_change", registry.revision)
+      .number("oldest_state", registry.oldest_state)
+      .number("log_after", registry.log_after);
+  if (registry.cluster) return object.str();
+  const auto limit = [&](const char* name) { return setting_of(report.configuration, name); };
+  return object.number("bytes", registry.history_bytes)
+      .utf8("max_size", limit("history.size"))
+      .utf8("max_changes", limit("history.changes"))
+      .utf8("max_age", limit("history.age"))
+      .str();
+}
+
 std::string reader_text(const registry::LongReader& reader) {
   std::string text = "process " + std::to_string(reader.process);
   if (!reader.command.empty()) text += " (" + utf8_for_people(reader.command) + ")";
@@ -157,6 +194,7 @@ void print_report(Context& context, const StatusReport& report) {
     row("readers", std::to_string(report.registry.readers) + " of " + std::to_string(report.registry.max_readers));
   }
   for (const registry::LongReader& reader : report.registry.long_readers) row("long reader", reader_text(reader));
+  if (!report.registry.store.empty()) print_history(report, row);
   if (report.checked) {
     row("keys", std::to_string(report.checked->keys));
     row("values", std::to_string(report.checked->values));
@@ -190,6 +228,7 @@ std::string report_json(const StatusReport& report) {
     object.raw("long_readers", json_array(readers));
   }
   if (report.registry.cluster) object.raw("cluster", cluster_json(*report.registry.cluster));
+  if (!report.registry.store.empty()) object.raw("history", history_json(report));
   if (report.checked) {
     object.number("keys", report.checked->keys)
         .number("values", report.checked->values)
@@ -237,6 +276,12 @@ tells it (from release 3.6 on); and what sessions have under way or have left:
 large changes (claims), unfinished changes (builds), and deleted keys that are
 still to be removed (garbage). A member that does not answer and an alarm do not
 change the exit code as long as the registry serves requests.
+
+The history is what can be read of the past: the former states from the oldest
+one on, and the log of the changes after the one that is shown. That of an
+embedded registry takes as much of the registry's size as is shown, and is kept
+within the configured limits; that of a registry on etcd reaches back to etcd's
+last compaction.
 
 Counting reads every record, like verify, and needs the rights r and l on the
 root; without them the counts are left out. --quick does not count.
