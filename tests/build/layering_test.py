@@ -34,7 +34,7 @@ LAYERS = {
 }
 
 # The registry client as programs see it.
-CLIENT = {"client.h", "open_client.h", "configuration.h", "access.h", "name.h"}
+CLIENT = {"client.h", "open_client.h", "configuration.h", "access.h", "difference.h", "name.h"}
 
 # For some pairs of layers, the only headers of the lower one that the upper one may include: its interface.
 FACES = {

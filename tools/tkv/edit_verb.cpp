@@ -14,8 +14,8 @@
 #include "new_key_options.h"
 #include "records.h"
 #include "registry/access.h"
+#include "registry/difference.h"
 #include "registry/name.h"
-#include "registry/subtree.h"
 #include "verb_syntax.h"
 
 namespace tkv::command {
@@ -75,10 +75,8 @@ std::string export_of(const Subtree& subtree) {
 }
 
 Outcome parse_edited(const std::string& text, const std::string& top, Subtree* wanted) {
-  if (Outcome parsed = parse_export(
-          text, [](std::uint64_t) {}, wanted);
-      !parsed.ok())
-    return parsed;
+  const auto show_nothing = [](std::uint64_t) {};
+  if (Outcome parsed = parse_export(text, show_nothing, wanted); !parsed.ok()) return parsed;
   if (wanted->top == top) return {};
   return {Exit::kUsage, "the top of the text must stay " + registry::describe(top)};
 }

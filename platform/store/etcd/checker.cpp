@@ -168,8 +168,8 @@ Status Checker::read_next_id() {
   if (!damage.ok()) {
     report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids cannot be used: " + damage.text()});
   } else if (meta_is_low_) {
-    report_(
-        {Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "", "the counter of ids would hand out ids that are in use"});
+    report_({Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "",
+             "the counter of ids would hand out ids that are in use"});
   }
   return {};
 }
@@ -207,8 +207,8 @@ Status Checker::reset_root() {
   return core_.kv->txn(request, &response, core_.deadline()).status;
 }
 
-// An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its parent,
-// and ids are never reused.
+// An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its
+// parent, and ids are never reused.
 Status Checker::repair() {
   TxnRequest batch;
   TxnResponse response;
