@@ -151,15 +151,15 @@ class Search {
     return found;
   }
 
-  // Whatever can come next and changes nothing comes next: it would not be in the way of anything else.
+  // Whatever can come next and changes nothing in any state comes next: it would not be in the way of anything else.
+  // (What changes nothing in this state alone may have to come later, where it does.)
   void make_what_changes_nothing(const TreeModel& tree) {
     for (bool any = true; any;) {
       any = false;
       const std::int64_t limit = end_of_first_open();
       for (std::size_t i = 0; is_open_at(i, limit); ++i) {
-        if (made_[i] != '0' || !history_[i].end) continue;
-        TreeModel after = tree;
-        if (!is_answered(i, after.apply(history_[i].asked)) || after != tree) continue;
+        const bool only_tells = history_[i].end && history_[i].answered != kDone;
+        if (made_[i] != '0' || !only_tells || !is_answered(i, TreeModel(tree).apply(history_[i].asked))) continue;
         made_[i] = '1';
         undo_.push_back(i);
         any = true;

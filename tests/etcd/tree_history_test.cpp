@@ -68,6 +68,10 @@ const Case kLegal[] = {
     {"AnUnansweredRemovalThatNeverHappened",
      "1 10 - remove a :\n"
      "0 30 31 read a.x : value 2\n"},
+    {"AChangeThatWouldHaveChangedNothingEarlier",
+     "1 10 40 change a 0 : done\n"
+     "2 12 13 change a 7 : done\n"
+     "0 50 51 read-tree a : tree a=1/0 a.x=2/0\n"},
     {"AnUnansweredChangeBesideAnother",
      "1 10 - change a 7 :\n"
      "2 11 20 change a 5 : done\n"
