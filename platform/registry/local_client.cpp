@@ -3,6 +3,8 @@
 #include <string.h>
 
 #include <algorithm>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -29,6 +31,28 @@ Status demand_expected(const Difference& difference, const ApplyOptions& options
     return {};
   }
   return {PRTKV_KEY_EXISTS, "others have changed the registry meanwhile; nothing was done"};
+}
+
+// Whether keys that a batch removes one by one have subkeys that it does not remove before them. Not seen is what the
+// identity may not list: the commit refuses then.
+Status check_removals(Reader& tree, const Batch& batch) {
+  std::set<std::string> removed;
+  for (const Operation& operation : batch.operations) {
+    if (operation.kind != Operation::Kind::kRemove) continue;
+    removed.insert(operation.name);
+    if (operation.recursive) continue;
+    Status status = tree.list(operation.name, false, [&](const Subkey& subkey) -> Status {
+      if (removed.contains(operation.name + "." + std::string(subkey.level))) return {};
+      return {PRTKV_HAS_SUBKEYS, describe(operation.name) + " has subkeys"};
+    });
+    if (!status.ok() && !status.is(PRTKV_ACCESS_DENIED)) return status;
+  }
+  return {};
+}
+
+Status rehearse(Reader& tree, const Batch& batch, CommitResult* result) {
+  Status status = check_conditions(tree, batch, result);
+  return status.ok() ? check_removals(tree, batch) : status;
 }
 
 }  // namespace
@@ -373,7 +397,7 @@ Status LocalClient::undo(Revision revision, const UndoOptions& options, Batch* i
   const Batch& chosen = options.force ? forced : planned;
   Status status;
   if (options.dry_run) {
-    status = read([&](Reader& tree) { return check_conditions(tree, chosen, result); });
+    status = read([&](Reader& tree) { return rehearse(tree, chosen, result); });
   } else {
     status = commit(chosen, result);
   }

@@ -620,6 +620,8 @@ TEST_P(History, UndoOfACreationSparesWhatOthersHavePutBelow) {
   Batch inverse;
   CommitResult result;
   EXPECT_EQ(root_->undo(created, {}, &inverse, &result).code(), PRTKV_CONFLICT);
+  EXPECT_EQ(root_->undo(created, {.dry_run = true}, &inverse, &result).code(), PRTKV_CONFLICT);
+  EXPECT_EQ(root_->undo(created, {.force = true, .dry_run = true}, &inverse, &result), Status());
   undo(created, {.force = true});
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]"));
 }
