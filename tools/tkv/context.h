@@ -64,9 +64,11 @@ class Context {
   // Gives what the verb changes a note in the log, unless --note does. Before the registry is opened.
   void suggest_note(std::string note) { suggested_note_ = std::move(note); }
 
+  // The note for the log. Fails with Exit::kUsage if that of --note is too long.
+  Outcome find_note(std::string* note) const;
+
  private:
   Outcome open(bool create, bool read_only);
-  Outcome find_note(std::string* note) const;
 
   const Arguments& arguments_;
   Terminal terminal_;

@@ -207,6 +207,7 @@ Outcome run_edit(Context& context, const Arguments& arguments) {
 }
 
 constexpr std::array kOperands{one("KEY", "Full name", true, &Arguments::key)};
+constexpr std::array kOptions{kNote};
 
 }  // namespace
 
@@ -228,7 +229,7 @@ message names its file, which only its owner can read.
   EDITOR='sed -i s/beta/gamma/' tkv edit app
 )",
     .operands = kOperands,
-    .options = {},
+    .options = kOptions,
     .run = run_edit};
 
 }  // namespace tkv::command

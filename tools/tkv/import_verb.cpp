@@ -38,6 +38,7 @@ Outcome run_import(Context& context, const Arguments& arguments) {
                          : arguments.replace ? MergeMode::kReplace
                                              : MergeMode::kAdd;
   if (Outcome read = read_import(context.terminal(), arguments, &wanted); !read.ok()) return read;
+  context.suggest_note("import of " + shown_path(arguments.file.value_or("-")));
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
@@ -63,7 +64,10 @@ constexpr std::array kOperands{
 constexpr std::array kOptions{
     valued("--at", "KEY", "Import the top of the export as this key", &Arguments::at, Candidates::kKeys),
     flag("--merge", "Change keys that differ, keep keys that the export lacks", &Arguments::merge),
-    flag("--replace", "Make the subtree exactly what the export says", &Arguments::replace), kDryRun, kParents};
+    flag("--replace", "Make the subtree exactly what the export says", &Arguments::replace),
+    kDryRun,
+    kParents,
+    kNote};
 
 }  // namespace
 

@@ -178,11 +178,14 @@ Outcome copy_until_same(Context& context, const Side& source, const Side& target
   return {Exit::kPartly, source.place + " keeps changing, so the copy is not complete; run this again"};
 }
 
-Outcome open_sides(Side* source, Side* target) {
+Outcome open_sides(Context& context, Side* source, Side* target) {
   const Outcome same(Exit::kUsage, "source and target are the same");
   if (source->place == target->place) return same;
   if (Outcome opened = open_place(source->place, {false, true}, &source->client); !opened.ok()) return opened;
-  if (Outcome opened = open_place(target->place, {true, false}, &target->client); !opened.ok()) return opened;
+  registry::OpenOptions options;
+  context.suggest_note("migration from " + source->place);
+  if (Outcome found = context.find_note(&options.note); !found.ok()) return found;
+  if (Outcome opened = open_place(target->place, options, &target->client); !opened.ok()) return opened;
   return registry::same_place(source->client->configuration(), target->client->configuration()) ? same : Outcome();
 }
 
@@ -192,7 +195,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
   bool resumed = false;
   MigrationReport report;
   if (Outcome allowed = demand_own_rights("migrate"); !allowed.ok()) return allowed;
-  if (Outcome opened = open_sides(&source, &target); !opened.ok()) return opened;
+  if (Outcome opened = open_sides(context, &source, &target); !opened.ok()) return opened;
   if (Outcome fit = demand_target(context, source, target, arguments.overwrite, &resumed); !fit.ok()) return fit;
   if (resumed) {
     note(context.terminal(), "tkv: resuming the interrupted migration");
@@ -212,7 +215,7 @@ Outcome run_migrate(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOperands{one("FROM", "Where the keys are", true, &Arguments::from, Candidates::kFiles),
                                one("TO", "Where to copy them", true, &Arguments::to, Candidates::kFiles)};
-constexpr std::array kOptions{flag("--overwrite", "Replace what TO holds, after asking", &Arguments::overwrite)};
+constexpr std::array kOptions{flag("--overwrite", "Replace what TO holds, after asking", &Arguments::overwrite), kNote};
 
 }  // namespace
 

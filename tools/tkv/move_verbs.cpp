@@ -46,9 +46,10 @@ Outcome run_cp(Context& context, const Arguments& arguments) {
 }
 
 constexpr Option kReplace = flag("--replace", "If TO exists, delete it with its subkeys", &Arguments::replace);
-constexpr std::array kMvOptions{kReplace};
+constexpr std::array kMvOptions{kReplace, kNote};
 constexpr std::array kCpOptions{flag("-r,--recursive", "Copy subkeys too", &Arguments::recursive), kReplace,
-                                flag("--own", "Give the copies to the caller's user and group", &Arguments::own)};
+                                flag("--own", "Give the copies to the caller's user and group", &Arguments::own),
+                                kNote};
 
 }  // namespace
 

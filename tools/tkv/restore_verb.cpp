@@ -57,6 +57,7 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
   Subtree wanted;
   Difference difference;
   if (Outcome read = read_part(context.terminal(), *arguments.file, arguments.key, &wanted); !read.ok()) return read;
+  context.suggest_note("restore of " + shown_path(*arguments.file));
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
@@ -78,7 +79,7 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOperands{one("FILE", "A backup; - is standard input", true, &Arguments::file, Candidates::kFiles),
                                one("KEY", "Restore only this subtree", false, &Arguments::key)};
-constexpr std::array kOptions{flag("--overwrite", "Replace keys that exist", &Arguments::overwrite), kDryRun};
+constexpr std::array kOptions{flag("--overwrite", "Replace keys that exist", &Arguments::overwrite), kDryRun, kNote};
 
 }  // namespace
 

@@ -40,7 +40,7 @@ Outcome run_rm(Context& context, const Arguments& arguments) {
 }
 
 constexpr std::array kOptions{flag("-r,--recursive", "Delete subkeys too", &Arguments::recursive),
-                              flag("-f,--force", "Ignore keys that do not exist", &Arguments::force)};
+                              flag("-f,--force", "Ignore keys that do not exist", &Arguments::force), kNote};
 
 }  // namespace
 

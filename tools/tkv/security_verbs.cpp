@@ -71,7 +71,7 @@ constexpr std::array kChownOperands{
 constexpr std::array kChmodOperands{
     one("MODE", "Three numbers, or clauses of letters", true, &Arguments::change, Candidates::kNone),
     many("KEY", "Full names", true, &Arguments::keys)};
-constexpr std::array kOptions{flag("-R,--recursive", "Change all subkeys too", &Arguments::recursive)};
+constexpr std::array kOptions{flag("-R,--recursive", "Change all subkeys too", &Arguments::recursive), kNote};
 
 }  // namespace
 

@@ -145,7 +145,7 @@ bool parse_distance(std::string_view word, std::int64_t* time) {
   return false;
 }
 
-bool parse_revision(std::string_view word, Revision* revision) {
+bool is_revision(std::string_view word, Revision* revision) {
   const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), *revision);
   return error == std::errc() && end == word.data() + word.size();
 }
@@ -188,13 +188,18 @@ std::string time_text(std::int64_t time, int digits) {
 
 }  // namespace
 
+Outcome parse_revision(const char* what, const std::string& word, Revision* revision) {
+  if (is_revision(word, revision)) return {};
+  return {Exit::kUsage, std::string(what) + " " + word + ": write the number of a revision; tkv log shows them"};
+}
+
 Outcome StateArgument::parse(const std::string& word, StateArgument* state) {
   StateArgument parsed;
   if (word == "now") {
     *state = parsed;
     return {};
   }
-  if (parse_revision(word, &parsed.revision_)) {
+  if (is_revision(word, &parsed.revision_)) {
     parsed.kind_ = Kind::kRevision;
   } else if (parse_calendar_time(word, &parsed.first_, &parsed.last_)) {
     parsed.kind_ = Kind::kTime;

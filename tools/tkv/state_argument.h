@@ -25,6 +25,9 @@
 
 namespace tkv::command {
 
+// Parses a revision that stands alone. Fails with Exit::kUsage; `what` names the argument.
+Outcome parse_revision(const char* what, const std::string& word, Revision* revision);
+
 class StateArgument {
  public:
   // Fails with Exit::kUsage.
