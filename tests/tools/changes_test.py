@@ -1,4 +1,4 @@
-"""Changes under conditions and with notes."""
+"""Changes under conditions and with notes, undo, and purging of the history."""
 import grp
 import json
 import os
@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-from command import CONFLICT, CommandTest, DEADLINE, DENIED, DONE, USAGE
+from command import CONFLICT, CommandTest, DEADLINE, DENIED, DIFFERS, DONE, NOT_FOUND, USAGE
 
 
 class Changing(CommandTest):
@@ -124,6 +124,135 @@ class Notes(Changing):
         self.assertIn("at most 1024 bytes",
                       self.fails(USAGE, "set", "app.limit", "--int64", "7", "--note", "x" * 1025))
         self.assertEqual(self.out("get", "app.limit"), "6\n")
+
+
+class Undo(Changing):
+    def test_shows_and_undoes_each_kind_of_change(self):
+        self.tkv("set", "app.other", "o")
+        before = self.out("export")
+        for words in (("set", "app.limit", "--int64", "6"), ("set", "app.new", "n"), ("chmod", "o=", "app.limit"),
+                      ("mv", "app.limit", "app.moved"), ("rm", "app.limit"), ("rm", "-r", "--yes", "app"),
+                      ("cp", "-r", "app", "copy")):
+            with self.subTest(words=words):
+                self.tkv(*words)
+                change = self.latest()
+                shown = self.tkv("undo", change, "--yes")
+                self.assertEqual(self.out("export"), before)
+                self.assertNotEqual(shown.text, "")
+                self.assertEqual(shown.messages, f"tkv: change {change} is undone by change {self.latest()}\n")
+                self.assertEqual(self.log("-n", "1")[0]["note"], f"undo of change {change}")
+
+    def test_shows_what_it_would_do_and_exits_as_diff(self):
+        self.tkv("set", "app.limit", "--int64", "6")
+        change = self.latest()
+        self.assertEqual(self.tkv("undo", "--dry-run", change, exits=DIFFERS).text,
+                         "- app.limit = 6\n+ app.limit = 5\n")
+        told = json.loads(self.tkv("undo", "--dry-run", "--json", change, exits=DIFFERS).text)
+        self.assertEqual(told["undoes"], change)
+        only, = told["changes"]
+        self.assertEqual((only["kind"], only["before"][0]["value"], only["after"][0]["value"]), ("value", "6", "5"))
+        self.assertEqual(self.out("get", "app.limit"), "6\n")
+        done = json.loads(self.out("undo", "--yes", "--json", change))
+        self.assertEqual((done["done"], done["undone"], done["revision"]), ("undo", change, self.latest()))
+
+    def test_an_undo_can_be_undone(self):
+        self.tkv("set", "app.limit", "--int64", "6")
+        self.tkv("undo", "--yes", self.latest())
+        self.assertEqual(self.out("get", "app.limit"), "5\n")
+        self.tkv("undo", "--yes", self.latest())
+        self.assertEqual(self.out("get", "app.limit"), "6\n")
+
+    def test_later_changes_are_in_its_way_unless_forced(self):
+        self.tkv("set", "app.limit", "--int64", "6")
+        change = self.latest()
+        self.tkv("set", "app.limit", "--int64", "7")
+        for words in ((), ("--dry-run",)):
+            message = self.fails(CONFLICT, "undo", "--yes", change, *words)
+            self.assertIn("later changes are in the way: key 'app.limit' was changed in revision", message)
+            self.assertIn("--force", message)
+        self.assertEqual(self.out("get", "app.limit"), "7\n")
+        self.assertEqual(self.out("undo", "--yes", "--force", change), "- app.limit = 7\n+ app.limit = 5\n")
+        self.assertEqual(self.out("get", "app.limit"), "5\n")
+
+    def test_forced_deletes_what_is_below_a_key_that_was_created(self):
+        self.tkv("create", "app.new")
+        change = self.latest()
+        self.tkv("set", "app.new.below", "b")
+        for words in ((), ("--dry-run",)):
+            self.assertIn("has subkeys", self.fails(CONFLICT, "undo", "--yes", change, *words))
+        self.assertEqual(self.out("undo", "--yes", "--force", change), '- app.new\n- app.new.below = "b"\n')
+        self.fails(NOT_FOUND, "get", "app.new")
+
+    def test_asks_on_a_terminal(self):
+        self.tkv("set", "app.limit", "--int64", "6")
+        change = self.latest()
+        for answer, code, value in (("n\n", CONFLICT, "6\n"), ("y\n", DONE, "5\n")):
+            terminal = self.terminal("undo", "--no-color", change)
+            seen = terminal.read_until(b"[y/N] ").replace(b"\r\n", b"\n").decode()
+            self.assertEqual(seen, "- app.limit = 6\n+ app.limit = 5\n"
+                                   f"tkv: this undoes change {change}. Go on? [y/N] ")
+            terminal.type(answer)
+            self.assertEqual(terminal.finish()[0], code)
+            self.assertEqual(self.out("get", "app.limit"), value)
+
+    def test_without_a_terminal_needs_yes(self):
+        self.tkv("set", "app.limit", "--int64", "6")
+        refused = self.tkv("undo", self.latest(), exits=CONFLICT)
+        self.assertIn("needs --yes", refused.messages)
+        self.assertEqual(self.out("get", "app.limit"), "6\n")
+
+    def test_a_change_that_is_not_retained_cannot_be_undone(self):
+        self.assertIn("is not retained", self.fails(NOT_FOUND, "undo", "--yes", self.latest() + 7))
+        self.fails(USAGE, "undo", "--yes", "yesterday")
+
+    @unittest.skipUnless(os.geteuid() == 0 and shutil.which("setpriv"), "needs to become another user")
+    def test_needs_the_rights_of_the_change_back(self):
+        user = pwd.getpwnam("nobody")
+        os.chmod(self.folder, 0o755)
+        self.configure(f"group = {grp.getgrgid(user.pw_gid).gr_name}")
+        shutil.rmtree(self.registry)
+        prefix = ("setpriv", f"--reuid={user.pw_uid}", f"--regid={user.pw_gid}", "--clear-groups")
+        self.tkv("set", "own", "a", "--owner", "nobody")
+        self.tkv("set", "own", "b")
+        own = self.latest()
+        self.tkv("set", "foreign", "a")
+        self.tkv("set", "foreign", "b")
+        foreign = self.latest()
+        result = self.tkv("undo", "--yes", foreign, exits=DENIED, prefix=prefix)
+        self.assertIn("access denied", result.messages)
+        self.tkv("undo", "--yes", own, prefix=prefix)
+        self.assertEqual((self.out("get", "own"), self.out("get", "foreign")), ("a\n", "b\n"))
+
+
+class Purge(Changing):
+    def setUp(self):
+        super().setUp()
+        self.tkv("set", "app.secret", "first-secret")
+        self.before = self.latest()
+        self.tkv("set", "app.secret", "second-secret")
+        self.tkv("rm", "app.secret")
+
+    def test_removes_the_former_values_for_good(self):
+        self.assertEqual(self.out("get", "app.secret", "--at", self.before), "first-secret\n")
+        self.assertEqual(self.tkv("history", "purge", "--yes", "app.secret").messages,
+                         "tkv: 2 former values of key 'app.secret' removed\n")
+        self.assertEqual(self.out("get", "app.secret", "--at", self.before), "")
+        self.assertNotIn("secret =", self.out("log", "--patch"))
+        self.assertIn("created app.secret", self.out("log"))
+        self.assertEqual(json.loads(self.out("history", "purge", "--yes", "--json", "app.secret"))["removed"], 0)
+
+    def test_asks_on_a_terminal(self):
+        terminal = self.terminal("history", "purge", "app.secret")
+        self.assertIn(b"tkv: this removes the former values of key 'app.secret' for good. Go on? [y/N] ",
+                      terminal.read_until(b"[y/N] "))
+        terminal.type("n\n")
+        self.assertEqual(terminal.finish()[0], CONFLICT)
+        self.assertIn("needs --yes", self.fails(CONFLICT, "history", "purge", "app.secret"))
+        self.assertEqual(self.out("get", "app.secret", "--at", self.before), "first-secret\n")
+
+    def test_there_is_no_other_action(self):
+        self.fails(USAGE, "history", "forget", "app.secret")
+        self.assertEqual(self.out("complete", "--", "history", ""), "purge\n")
 
 
 if __name__ == "__main__":

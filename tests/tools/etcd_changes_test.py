@@ -6,7 +6,7 @@ import subprocess
 import sys
 import unittest
 
-from command import CommandTest, DEADLINE, DONE
+from command import CONFLICT, CommandTest, DEADLINE, DIFFERS, DONE, USAGE
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "cluster"))
@@ -73,6 +73,35 @@ class Log(OnEtcd):
                          [change["revision"] for change in self.log("-n", "2")][::-1])
         self.stop(follower)
         self.assertEqual((follower.stdout.read(), follower.stderr.read()), ("", ""))
+
+
+class Undo(OnEtcd):
+    def test_shows_and_undoes_a_change(self):
+        before = self.out("export")
+        self.tkv("rm", "-r", "--yes", "app")
+        change = self.log("-n", "1")[0]["revision"]
+        self.assertEqual(self.tkv("undo", "--dry-run", change, exits=DIFFERS).text, "+ app\n+ app.limit = 6\n")
+        self.tkv("undo", "--yes", change)
+        self.assertEqual(self.out("export"), before)
+        self.assertEqual(self.log("-n", "1")[0]["note"], f"undo of change {change}")
+
+    def test_later_changes_are_in_its_way(self):
+        change = self.log("-n", "1")[0]["revision"]
+        self.tkv("set", "app.limit", "--int64", "7")
+        self.assertIn("later changes are in the way", self.fails(CONFLICT, "undo", "--yes", change))
+        self.tkv("undo", "--yes", "--force", change)
+        self.assertEqual(self.out("get", "app.limit"), "5\n")
+
+    def test_conditions_hold(self):
+        revision = json.loads(self.out("stat", "--json", "app.limit"))["revision"]
+        self.tkv("set", "app.limit", "--int64", "7", "--if-revision", revision, "--if-value", "6")
+        self.fails(CONFLICT, "set", "app.limit", "--int64", "8", "--if-revision", revision)
+        self.fails(CONFLICT, "set", "app.limit", "--int64", "8", "--if-value", "6")
+        self.fails(CONFLICT, "set", "app.limit", "x", "--if-absent")
+        self.assertEqual(self.out("get", "app.limit"), "7\n")
+
+    def test_the_history_is_not_purged_but_compacted(self):
+        self.assertIn("compact", self.fails(USAGE, "history", "purge", "--yes", "app.limit"))
 
 
 if __name__ == "__main__":

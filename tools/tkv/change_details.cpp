@@ -96,15 +96,13 @@ class DetailPrinter {
  private:
   void print_key(Change::Kind kind, const KeySide* before, const KeySide* after) {
     const bool both = before != nullptr && after != nullptr;
-    const bool security = kind == Change::Kind::kSecurity ||
-                          (kind == Change::Kind::kChangedAtOrBelow && both && !same_security(*before, *after));
-    const bool value = kind != Change::Kind::kSecurity && !(both && same_value(*before, *after));
+    const bool readable = both && !before->denied && !after->denied;
+    const bool is_security = kind == Change::Kind::kSecurity;
+    const bool security = (is_security || (kind == Change::Kind::kChangedAtOrBelow && both)) &&
+                          !(readable && same_security(*before, *after));
+    const bool value = !is_security && !(readable && before->key.value == after->key.value);
     if (value) print_sides(before, after, &DetailPrinter::value_text);
     if (security) print_sides(before, after, &DetailPrinter::security_text);
-  }
-
-  static bool same_value(const KeySide& before, const KeySide& after) {
-    return !before.denied && !after.denied && before.key.value == after.key.value;
   }
 
   static std::string value_text(const KeySide& side) {

@@ -213,6 +213,7 @@ class Completer {
     if (kind == Candidates::kShells) {
       for (const char* shell : {"bash", "fish", "zsh"}) candidate(shell);
     }
+    if (kind == Candidates::kHistoryActions) candidate("purge");
     if (kind == Candidates::kReadings) {
       for (const char* reading : {"auto", "text", "list", "number", "hex", "raw"}) candidate(reading);
     }

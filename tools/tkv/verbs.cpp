@@ -6,16 +6,16 @@ namespace tkv::command {
 namespace {
 
 constexpr const Verb* kVerbs[] = {
-    &kGetVerb,     &kSetVerb,    &kCreateVerb,  &kLsVerb,   &kTreeVerb,   &kFindVerb,       &kWaitVerb,
-    &kStatVerb,    &kRmVerb,     &kMvVerb,      &kCpVerb,   &kChownVerb,  &kChmodVerb,      &kEditVerb,
-    &kAccessVerb,  &kConfVerb,   &kStatusVerb,  &kDiffVerb, &kExportVerb, &kImportVerb,     &kBackupVerb,
-    &kRestoreVerb, &kVerifyVerb, &kMigrateVerb, &kLogVerb,  &kHelpVerb,   &kCompletionVerb, &kCompleteVerb};
+    &kGetVerb,    &kSetVerb,  &kCreateVerb,  &kLsVerb,     &kTreeVerb,       &kFindVerb,    &kWaitVerb,   &kStatVerb,
+    &kRmVerb,     &kMvVerb,   &kCpVerb,      &kChownVerb,  &kChmodVerb,      &kEditVerb,    &kAccessVerb, &kConfVerb,
+    &kStatusVerb, &kDiffVerb, &kExportVerb,  &kImportVerb, &kBackupVerb,     &kRestoreVerb, &kVerifyVerb, &kMigrateVerb,
+    &kLogVerb,    &kUndoVerb, &kHistoryVerb, &kHelpVerb,   &kCompletionVerb, &kCompleteVerb};
 
 constexpr std::array kCommonOptions{
     flag("--json", "Print JSON; failures too, on standard error", &Arguments::json),
     flag("-q,--quiet", "Print no messages but errors, and no progress", &Arguments::quiet),
     flag("--no-color", "Use no colours on a terminal", &Arguments::no_colour),
-    flag("-y,--yes", "Delete several keys without asking", &Arguments::yes),
+    flag("-y,--yes", "Delete several keys, undo, or purge without asking", &Arguments::yes),
     valued("--conf", "FILE", "Configuration file, instead of $TKV_CONF", &Arguments::configuration,
            Candidates::kFiles)};
 

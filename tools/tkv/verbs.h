@@ -19,7 +19,7 @@ namespace tkv::command {
 class Context;
 
 // What a shell offers in place of an argument.
-enum class Candidates { kNone, kKeys, kFiles, kUsers, kGroups, kVerbs, kShells, kReadings };
+enum class Candidates { kNone, kKeys, kFiles, kUsers, kGroups, kVerbs, kShells, kReadings, kHistoryActions };
 
 // A flag or, with `argument`, an option that takes one. Exactly one of the two members is set.
 struct Option {
@@ -96,6 +96,8 @@ extern const Verb kRestoreVerb;
 extern const Verb kVerifyVerb;
 extern const Verb kMigrateVerb;
 extern const Verb kLogVerb;
+extern const Verb kUndoVerb;
+extern const Verb kHistoryVerb;
 extern const Verb kHelpVerb;
 extern const Verb kCompletionVerb;
 extern const Verb kCompleteVerb;
