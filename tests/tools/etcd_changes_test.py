@@ -6,7 +6,7 @@ import subprocess
 import sys
 import unittest
 
-from command import CONFLICT, CommandTest, DEADLINE, DIFFERS, DONE, USAGE
+from command import CONFLICT, CommandTest, DEADLINE, DIFFERS, DONE, NOT_FOUND, USAGE
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "cluster"))
@@ -73,6 +73,42 @@ class Log(OnEtcd):
                          [change["revision"] for change in self.log("-n", "2")][::-1])
         self.stop(follower)
         self.assertEqual((follower.stdout.read(), follower.stderr.read()), ("", ""))
+
+
+class Watch(OnEtcd):
+    def test_survives_a_restart_of_etcd(self):
+        self.configure_etcd(1000)
+        watch = self.start("watch", "--initial", "app.limit")
+        self.assertIn("resync app.limit = 6", watch.stdout.readline())
+        self.restart_cluster(watch)
+        self.configure_etcd(60_000)
+        for number in range(7, 12):
+            self.tkv("set", "app.limit", "--int64", number)
+        self.assertEqual([watch.stdout.readline().split(" = ")[1] for _ in range(5)],
+                         [f"{number}\n" for number in range(7, 12)])
+        self.stop(watch)
+        self.assertEqual((watch.stdout.read(), watch.stderr.read()), ("", ""))
+
+    def test_that_has_fallen_behind_a_compaction_is_told_so_once(self):
+        begin = self.log("-n", "1")[0]["revision"]
+        for number in range(7, 10):
+            self.tkv("set", "app.limit", "--int64", number)
+        latest = self.log("-n", "1")[0]["revision"]
+        self.compact(latest)
+        watch = self.start("watch", "--json", "--since", begin, "app.limit")
+        event = json.loads(watch.stdout.readline())
+        self.assertEqual((event["kind"], event["value"]), ("resync", "9"))
+        self.tkv("set", "app.limit", "--int64", "10")
+        event = json.loads(watch.stdout.readline())
+        self.assertEqual((event["kind"], event["value"]), ("value", "10"))
+        self.stop(watch)
+        self.assertEqual((watch.stdout.read(), watch.stderr.read()), ("", ""))
+        self.assertRegex(self.fails(NOT_FOUND, "get", "app.limit", "--at", begin),
+                         rf"revision {begin} is not retained; the oldest state that can be read is \d+\n")
+
+    def compact(self, revision):
+        subprocess.run(["etcdctl", "--endpoints", self.cluster.endpoints[0], "compact", str(revision)], check=True,
+                       env={**self.environment, "ETCDCTL_API": "3"}, capture_output=True)
 
 
 class Undo(OnEtcd):

@@ -15,7 +15,7 @@ DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 
 VERBS = ["get", "set", "create", "ls", "tree", "find", "wait", "stat", "rm", "mv", "cp", "chown", "chmod", "edit",
          "access", "conf", "status", "diff", "export", "import", "backup", "restore", "verify", "migrate", "log",
-         "undo", "history", "help", "completion"]
+         "watch", "undo", "history", "help", "completion"]
 
 
 class Help(CommandTest):

@@ -53,6 +53,13 @@ class SetUserId(CommandTest):
                 self.assertEqual((said.returncode, said.stdout), (USAGE, ""))
                 self.assertFalse(target.exists())
 
+    def test_no_command_of_the_caller_is_run(self):
+        told = self.folder / "told"
+        said = self.run_it("watch", "a", "--initial", "--exec", f"touch {told}")
+        self.assertIn("more rights than its caller", said.stderr)
+        self.assertEqual((said.returncode, said.stdout), (USAGE, ""))
+        self.assertFalse(told.exists())
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -93,6 +93,7 @@ struct Arguments {
   // watch
   std::optional<std::string> command;
   std::optional<std::string> command_timeout;
+  bool initial = false;
   // undo, history
   std::optional<std::string> revision;
   std::optional<std::string> action;

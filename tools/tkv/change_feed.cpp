@@ -58,7 +58,6 @@ Outcome ChangeFeed::wait_for_change() {
   return context_.client().wait(query_.range.after, kLongestWait, stop_.token(), &latest);
 }
 
-// The receiver's own failures end the feed like all others: they are not about the registry.
 bool ChangeFeed::can_try_again(const Outcome& outcome) {
   if (outcome.exit() != Exit::kUnreachable) return false;
   if (!std::exchange(reported_, true)) {

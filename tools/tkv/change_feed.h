@@ -15,8 +15,9 @@
 
 namespace tkv::command {
 
+// May use the client. A failure ends the feed, except Exit::kUnreachable: the same is then passed on again later.
 struct ChangeReceiver {
-  // Called for each change. A failure ends the feed. May use the client.
+  // Called for each change.
   std::function<Outcome(const ChangeRecord& record)> change;
 
   // Called when changes that should have come next are no longer retained: after the changes before them and before all

@@ -6,10 +6,11 @@ namespace tkv::command {
 namespace {
 
 constexpr const Verb* kVerbs[] = {
-    &kGetVerb,    &kSetVerb,  &kCreateVerb,  &kLsVerb,     &kTreeVerb,       &kFindVerb,    &kWaitVerb,   &kStatVerb,
-    &kRmVerb,     &kMvVerb,   &kCpVerb,      &kChownVerb,  &kChmodVerb,      &kEditVerb,    &kAccessVerb, &kConfVerb,
-    &kStatusVerb, &kDiffVerb, &kExportVerb,  &kImportVerb, &kBackupVerb,     &kRestoreVerb, &kVerifyVerb, &kMigrateVerb,
-    &kLogVerb,    &kUndoVerb, &kHistoryVerb, &kHelpVerb,   &kCompletionVerb, &kCompleteVerb};
+    &kGetVerb,     &kSetVerb,        &kCreateVerb,  &kLsVerb,   &kTreeVerb,   &kFindVerb,   &kWaitVerb,
+    &kStatVerb,    &kRmVerb,         &kMvVerb,      &kCpVerb,   &kChownVerb,  &kChmodVerb,  &kEditVerb,
+    &kAccessVerb,  &kConfVerb,       &kStatusVerb,  &kDiffVerb, &kExportVerb, &kImportVerb, &kBackupVerb,
+    &kRestoreVerb, &kVerifyVerb,     &kMigrateVerb, &kLogVerb,  &kWatchVerb,  &kUndoVerb,   &kHistoryVerb,
+    &kHelpVerb,    &kCompletionVerb, &kCompleteVerb};
 
 constexpr std::array kCommonOptions{
     flag("--json", "Print JSON; failures too, on standard error", &Arguments::json),

@@ -96,6 +96,7 @@ extern const Verb kRestoreVerb;
 extern const Verb kVerifyVerb;
 extern const Verb kMigrateVerb;
 extern const Verb kLogVerb;
+extern const Verb kWatchVerb;
 extern const Verb kUndoVerb;
 extern const Verb kHistoryVerb;
 extern const Verb kHelpVerb;
