@@ -68,11 +68,13 @@ class GrpcUse {
     const std::lock_guard lock(mutex);
     grpc_shutdown_blocking();
     if (--uses > 0 || others_use_it) return;
-    const Deadline deadline(kLongestShutdown);
-    while ((ours_linger = grpc_is_initialized() != 0) && deadline.left().count() > 0) {
+    const Deadline for_connections(kLongestShutdown);
+    while ((ours_linger = grpc_is_initialized() != 0) && for_connections.left().count() > 0) {
       std::this_thread::sleep_for(milliseconds(1));
     }
-    while (has_thread("grpc_shutdown") && deadline.left().count() > 0) std::this_thread::sleep_for(milliseconds(1));
+    if (ours_linger) return;
+    const Deadline for_thread(kLongestThreadEnd);
+    while (has_thread("grpc_shutdown") && for_thread.left().count() > 0) std::this_thread::sleep_for(milliseconds(1));
   }
 
  private:
@@ -89,6 +91,7 @@ class GrpcUse {
   }
 
   static constexpr milliseconds kLongestShutdown{500};
+  static constexpr milliseconds kLongestThreadEnd{10'000};  // it waits for nobody, but for a processor
 
   static inline std::mutex mutex;
   static inline int uses = 0;
