@@ -152,7 +152,7 @@ TEST_F(LmdbProcesses, APowerCutLosesNoAcknowledgedWrite) {
     {
       Writer writer([&](const auto& acknowledge) { write_numbers(options_, round * 100'000, acknowledge); });
       for (int writes = 0; writes < 5; ++writes) {
-        ASSERT_TRUE(writer.next(&number)) << "round " << round;
+        ASSERT_TRUE(writer.next(&number)) << "round " << round << ": it ended with " << writer.process().wait();
         acknowledged.push_back(number);
       }
       if (!disk.cut_power()) GTEST_SKIP() << "this kernel does not cut the power of an ext4";
