@@ -90,7 +90,7 @@ class GrpcUse {
     return false;
   }
 
-  static constexpr milliseconds kLongestShutdown{500};
+  static constexpr milliseconds kLongestShutdown{2000};
   static constexpr milliseconds kLongestThreadEnd{10'000};  // it waits for nobody, but for a processor
 
   static inline std::mutex mutex;
