@@ -5,6 +5,7 @@
 #define TKV_TESTS_FAULT_FILE_SYSTEM_H
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <linux/loop.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -60,6 +61,7 @@ class SmallFileSystem {
 
   bool remount() {
     unmount();
+    if (loop_ >= 0) ioctl(loop_, BLKFLSBUF, 0);  // the cache of the device, which a power cut would have lost
     mount();
     return mounted_;
   }
