@@ -53,7 +53,7 @@ class LostNames {
 
  private:
   struct Loss {
-    std::uint64_t latest = 0;  // its number, 0 if there was none
+    std::uint64_t latest = 0;  // the number of the latest loss; zero: there was none
     unsigned prepared = 0;
   };
 

@@ -20,7 +20,7 @@ unsigned char byte_at(std::string_view text, std::size_t at) {
 
 bool is_trail(unsigned char byte) { return (byte & 0xc0) == 0x80; }
 
-// The size of the character at `at`, 0 if it is not well-formed modified UTF-8 or is NUL.
+// The size of the character at `at`. A character that is not well-formed modified UTF-8, or is NUL, has none.
 std::size_t character_size(std::string_view text, std::size_t at) {
   const Utf8Character character = decode_utf8(text.substr(at), Utf8::modified);
   return character.code_point == 0 ? 0 : character.size;

@@ -73,7 +73,7 @@ class Session {
 
  private:
   struct OpenKey {
-    std::uint64_t serial = 0;  // of the handle, 0 if the slot is free
+    std::uint64_t serial = 0;  // of the handle; zero: the slot is free
     std::string name;
     KnownKey known;
     bool gone = false;          // it was found deleted or moved away

@@ -81,7 +81,7 @@ class Reader {
   Status known_value(std::string_view name, KnownKey* known, std::size_t capacity, store::Value* value,
                      std::size_t* size);
 
-  // The number of the state that this reader sees; 0 if the store does not number its states.
+  // The number of the state that this reader sees, or zero from a store that does not number its states.
   std::uint64_t state() { return view_.state(); }
 
   // Tells whether there is a key of this name. Needs no right.

@@ -106,7 +106,8 @@ void ChangeLog::note_removal(std::int64_t revision) {
   }
 }
 
-// Where the mark of the registry was created; 0 if it does not exist at `at`.
+// Finds the revision at which the mark of the registry was created, or zero for a state without the mark. `at` is the
+// revision of the state to look at, or zero for the present.
 Reply ChangeLog::find_mark(std::int64_t at, std::int64_t* created) {
   RangeRequest request = get_one(keys_.mark());
   request.set_revision(at);

@@ -34,8 +34,8 @@ class ChangeLog {
   // The value of the key for a change. One that describes too much says only that something was changed.
   static std::string encode(const ChangeDescription& description);
 
-  // The revision of the last change that the log knows; 0 if none was ever logged. `at` 0: now, else of the state at
-  // that revision.
+  // Finds the revision of the last change that the log knows, or zero if none was ever logged. `at` is the revision of
+  // the state to look at, or zero for the present.
   Reply revision(std::int64_t at, Revision* revision);
 
   // The same, given what was found at the key in the state `at`, which is not 0.
