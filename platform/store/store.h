@@ -59,7 +59,7 @@ struct Node {
 struct Value {
   std::int32_t type = 0;
   std::span<const std::byte> bytes;  // valid until the transaction's next value() or change
-  Revision revision = 0;  // in which it was last written or removed; 0 if never, or before there were revisions
+  Revision revision = 0;  // in which it was last written or removed, or zero if never, or before there were revisions
 };
 
 // Where a view found a value, for Store::copy_value. Means something only to the store that filled it in.
@@ -267,8 +267,8 @@ class Store {
   // As read, for functions that visit many nodes. They run once, on one state, however long they take.
   virtual Status read_all(FunctionRef<Status(View&)> function) = 0;
 
-  // The number of the latest committed state, without a request; 0 if that is not known. Every write that has been
-  // acknowledged, to whichever process, is part of the state of this number or of one before it. While a commit is
+  // The number of the latest committed state, without a request, or zero if that is not known. Every write that has
+  // been acknowledged, to whichever process, is part of the state of this number or of one before it. While a commit is
   // being made durable, the number may already be that of the new state, which no view shows yet: what was read from a
   // view is therefore labelled with the view's number. As long as the label equals the latest number, what was read is
   // up to date.

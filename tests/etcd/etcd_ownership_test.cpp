@@ -85,7 +85,7 @@ class EtcdOwnership : public EtcdStore {
     EXPECT_TRUE(done(open_key(*store_, "built.k349")));
   }
 
-  // When the one build was begun; 0 if there is none.
+  // When the one build was begun, or zero if there is none.
   std::int64_t begin_of_build() {
     RangeResponse found;
     EXPECT_TRUE(raw().range(get_all(keys().all_staging()), &found, patience()).ok());

@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::milliseconds kFirstPause{5};
 constexpr std::chrono::milliseconds kLongestPause{40};
 
-// The last revision at which a key was written, 0 if it does not exist.
+// The last revision at which a key was written, or zero if it does not exist.
 std::int64_t written_at(const RangeResponse& found) { return found.kvs_size() == 0 ? 0 : found.kvs(0).mod_revision(); }
 
 }  // namespace

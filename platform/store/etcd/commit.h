@@ -40,7 +40,7 @@ class Commit {
   // (PRTKV_UNDECIDED). When run.repeats(), the function must run again.
   Status make();
 
-  // Of the change that was made; 0 if nothing visible was written.
+  // Of the change that was made, or zero if nothing visible was written.
   Revision revision() const { return revision_; }
 
  private:

@@ -91,7 +91,7 @@ class ReadSet {
 
   // --- Comparing
 
-  // Makes sure that everything read stands at one revision. `*revision` is that one; 0 if nothing was read.
+  // Makes sure that everything read stands at one revision. `*revision` is that one, or zero if nothing was read.
   Status validate(std::int64_t* revision = nullptr);
 
   // Adds the comparisons of all that was read, and, to the failure branch, the reads that prefetch() takes in.

@@ -66,7 +66,7 @@ class Stm final : public Update {
   bool finish(Status* result);
   NextRun take_next();
 
-  // After finish(): that of the change; 0 if none was made.
+  // After finish(): that of the change, or zero if none was made.
   Revision committed() const { return committed_; }
 
   // Whether this run was a long one, which is not limited by the operation's deadline.

@@ -31,8 +31,8 @@ class CommitTimes {
   // Notes that `transaction` has been committed at `now`. The caller holds the writer lock.
   void note(std::uint64_t transaction, std::int64_t now) const;
 
-  // For how many seconds, at least, a reader at `now` has held the state of `transaction`; 0 if that is not known. Not
-  // more than two hours are known.
+  // For how many seconds, at least, a reader at `now` has held the state of `transaction`, or zero if that is not
+  // known. Not more than two hours are known.
   std::int64_t held_for(std::uint64_t transaction, std::int64_t now) const;
 
  private:

@@ -72,7 +72,7 @@ Status check_history_changes(const std::string& value) {
   return parse_history_changes(value, &changes);
 }
 
-// The seconds that a unit of time stands for, 0 if it is none.
+// The seconds that a unit of time stands for, or zero if it is none.
 std::uint64_t unit_seconds(std::string_view unit) {
   if (unit == "h") return 60 * 60;
   if (unit == "d") return 24 * 60 * 60;

@@ -48,7 +48,7 @@ class RecordCheck {
   bool meta_is_damaged() const { return !meta_damage_.ok(); }
   NodeId largest_id() const { return largest_id_; }
   Revision largest_revision() const { return largest_revision_; }
-  Revision damaged_change() const { return damaged_change_; }  // the latest one, 0 if there is none
+  Revision damaged_change() const { return damaged_change_; }  // the latest one, or zero if there is none
 
  private:
   Status read_records(const FileState& state, FunctionRef<void(const CheckProgress&)> progress);
