@@ -306,47 +306,13 @@ Status LocalClient::check(bool repair, FunctionRef<void(const CheckStep& step)> 
   return check_registry(*store_, identity_, repair, progress, result);
 }
 
-namespace {
-
-ClusterStatus as_clients_see(const store::ClusterStatus& found) {
-  ClusterStatus cluster;
-  for (const store::ClusterMember& member : found.members) {
-    cluster.members.push_back(
-        {member.name, member.address, member.leads, member.problem, member.version, member.bytes});
-  }
-  for (const store::ClusterAlarm& alarm : found.alarms) cluster.alarms.push_back({alarm.member, alarm.alarm});
-  cluster.revision = found.revision;
-  cluster.bytes_in_use = found.bytes_in_use;
-  cluster.claims = found.claims;
-  cluster.garbage = found.garbage;
-  cluster.builds = found.builds;
-  cluster.dead_builds = found.dead_builds;
-  cluster.retries = found.retries;
-  return cluster;
-}
-
-}  // namespace
-
 Status LocalClient::status(RegistryStatus* status) {
   KeyId root = kAnyKey;
-  store::StoreStatus found;
+  RegistryStatus found;
   if (Status readable = find("", &root); !readable.ok()) return readable;
   if (Status asked = store_->status(&found); !asked.ok()) return asked;
-  *status = {store_->kind(),
-             found.bytes,
-             found.max_bytes,
-             found.readers,
-             found.max_readers,
-             found.revision,
-             found.oldest_state,
-             found.log_after,
-             found.history_bytes,
-             {},
-             {}};
-  for (const store::LongReader& reader : found.long_readers) {
-    status->long_readers.push_back({reader.process, reader.command, reader.seconds, reader.held_bytes});
-  }
-  if (found.cluster) status->cluster = as_clients_see(*found.cluster);
+  found.store = store_->kind();
+  *status = std::move(found);
   return {};
 }
 

@@ -110,14 +110,14 @@ std::string history_json(const StatusReport& report) {
       .str();
 }
 
-std::string reader_text(const registry::LongReader& reader) {
+std::string reader_text(const LongReader& reader) {
   std::string text = "process " + std::to_string(reader.process);
   if (!reader.command.empty()) text += " (" + utf8_for_people(reader.command) + ")";
   return text + " has read one state for " + counted(reader.seconds / 60, "minute") + " and keeps " +
          counted(reader.held_bytes, "byte") + " from being used again";
 }
 
-std::string reader_json(const registry::LongReader& reader) {
+std::string reader_json(const LongReader& reader) {
   return JsonObject()
       .number("process", static_cast<std::uint64_t>(reader.process))
       .utf8("command", utf8_for_people(reader.command))
@@ -127,7 +127,7 @@ std::string reader_json(const registry::LongReader& reader) {
 }
 
 // "alpha leads, 10.0.0.1:2379, release 3.4.23, 20480 bytes".
-std::string member_text(const registry::ClusterMember& member) {
+std::string member_text(const ClusterMember& member) {
   std::string text = member.name.empty() ? "" : member.name + " ";
   text += member.leads ? "leads, " : "";
   text += member.address;
@@ -135,7 +135,7 @@ std::string member_text(const registry::ClusterMember& member) {
   return text + ", release " + member.version + ", " + counted(member.bytes, "byte");
 }
 
-std::string member_json(const registry::ClusterMember& member) {
+std::string member_json(const ClusterMember& member) {
   JsonObject object;
   if (!member.name.empty()) object.utf8("name", member.name);
   object.utf8("address", member.address).flag("leads", member.leads).flag("answers", member.problem.empty());
@@ -143,17 +143,16 @@ std::string member_json(const registry::ClusterMember& member) {
   return object.utf8("version", member.version).number("bytes", member.bytes).str();
 }
 
-std::string builds_text(const registry::ClusterStatus& cluster) {
+std::string builds_text(const ClusterStatus& cluster) {
   std::string text = std::to_string(cluster.builds);
   if (cluster.dead_builds != 0) text += ", " + std::to_string(cluster.dead_builds) + " of ended sessions";
   return text;
 }
 
-void print_cluster(const registry::ClusterStatus& cluster,
-                   FunctionRef<void(const char* label, const std::string& text)> row) {
-  for (const registry::ClusterMember& member : cluster.members) row("member", utf8_for_people(member_text(member)));
+void print_cluster(const ClusterStatus& cluster, FunctionRef<void(const char* label, const std::string& text)> row) {
+  for (const ClusterMember& member : cluster.members) row("member", utf8_for_people(member_text(member)));
   if (cluster.alarms.empty()) row("alarm", "none");
-  for (const registry::ClusterAlarm& raised : cluster.alarms) {
+  for (const ClusterAlarm& raised : cluster.alarms) {
     row("alarm", utf8_for_people(raised.member + ": " + raised.alarm));
   }
   row("revision", std::to_string(cluster.revision));
@@ -163,11 +162,11 @@ void print_cluster(const registry::ClusterStatus& cluster,
   row("retries", std::to_string(cluster.retries));
 }
 
-std::string cluster_json(const registry::ClusterStatus& cluster) {
+std::string cluster_json(const ClusterStatus& cluster) {
   std::vector<std::string> members;
   std::vector<std::string> alarms;
-  for (const registry::ClusterMember& member : cluster.members) members.push_back(member_json(member));
-  for (const registry::ClusterAlarm& raised : cluster.alarms) {
+  for (const ClusterMember& member : cluster.members) members.push_back(member_json(member));
+  for (const ClusterAlarm& raised : cluster.alarms) {
     alarms.push_back(JsonObject().utf8("member", raised.member).utf8("alarm", raised.alarm).str());
   }
   return JsonObject()
@@ -193,7 +192,7 @@ void print_report(Context& context, const StatusReport& report) {
   if (report.registry.max_readers != 0) {
     row("readers", std::to_string(report.registry.readers) + " of " + std::to_string(report.registry.max_readers));
   }
-  for (const registry::LongReader& reader : report.registry.long_readers) row("long reader", reader_text(reader));
+  for (const LongReader& reader : report.registry.long_readers) row("long reader", reader_text(reader));
   if (!report.registry.store.empty()) print_history(report, row);
   if (report.checked) {
     row("keys", std::to_string(report.checked->keys));
@@ -224,7 +223,7 @@ std::string report_json(const StatusReport& report) {
   }
   if (!report.registry.long_readers.empty()) {
     std::vector<std::string> readers;
-    for (const registry::LongReader& reader : report.registry.long_readers) readers.push_back(reader_json(reader));
+    for (const LongReader& reader : report.registry.long_readers) readers.push_back(reader_json(reader));
     object.raw("long_readers", json_array(readers));
   }
   if (report.registry.cluster) object.raw("cluster", cluster_json(*report.registry.cluster));
