@@ -40,7 +40,10 @@ class Context {
   registry::Client& client() { return *client_; }
 
   // The state that --at names or, without it, the present.
-  registry::KeyReader& reader() { return past_ ? static_cast<registry::KeyReader&>(*past_) : *client_; }
+  registry::KeyReader& reader() {
+    if (past_) return *past_;
+    return *client_;
+  }
   const Terminal& terminal() const { return terminal_; }
   Output& output() { return output_; }
   bool json() const { return arguments_.json; }

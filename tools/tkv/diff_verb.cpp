@@ -92,13 +92,11 @@ Outcome read_subtree(const Terminal& terminal, registry::KeyReader& reader, cons
 }
 
 Outcome read_key(Context& context, Side* side) {
-  std::unique_ptr<registry::Snapshot> past;
   if (Outcome opened = context.open_to_read(); !opened.ok()) return opened;
-  if (side->key.state) {
-    if (Outcome opened = side->key.state->open(context.client(), &past); !opened.ok()) return opened;
-  }
-  registry::KeyReader& reader = past ? static_cast<registry::KeyReader&>(*past) : context.client();
-  return read_subtree(context.terminal(), reader, side->key.name, &side->subtree);
+  if (!side->key.state) return read_subtree(context.terminal(), context.client(), side->key.name, &side->subtree);
+  std::unique_ptr<registry::Snapshot> past;
+  if (Outcome opened = side->key.state->open(context.client(), &past); !opened.ok()) return opened;
+  return read_subtree(context.terminal(), *past, side->key.name, &side->subtree);
 }
 
 Outcome read_place(Context& context, const std::string& top, Side* side) {
