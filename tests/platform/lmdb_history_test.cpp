@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,20 @@ namespace {
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 constexpr std::int64_t kDay = std::int64_t{24} * 60 * 60 * 1'000'000;
+
+void for_each_record(MDB_txn* txn, MDB_dbi database,
+                     const std::function<void(const KeyParts&, const MDB_val& key, const MDB_val& data)>& visit) {
+  MDB_cursor* cursor = nullptr;
+  MDB_val key{};
+  MDB_val data{};
+  ASSERT_EQ(mdb_cursor_open(txn, database, &cursor), 0);
+  while (mdb_cursor_get(cursor, &key, &data, MDB_NEXT) == 0) {
+    KeyParts parts;
+    EXPECT_TRUE(read_key({static_cast<const std::byte*>(key.mv_data), key.mv_size}, &parts));
+    visit(parts, key, data);
+  }
+  mdb_cursor_close(cursor);
+}
 
 class LmdbHistory : public ::testing::Test {
  protected:
@@ -56,16 +71,9 @@ class LmdbHistory : public ::testing::Test {
   static std::size_t records_of_log(const std::string& directory) {
     std::size_t count = 0;
     with_plain_lmdb(directory, [&](MDB_txn* txn, MDB_dbi database) {
-      MDB_cursor* cursor = nullptr;
-      MDB_val key{};
-      MDB_val data{};
-      ASSERT_EQ(mdb_cursor_open(txn, database, &cursor), 0);
-      while (mdb_cursor_get(cursor, &key, &data, MDB_NEXT) == 0) {
-        KeyParts parts;
-        const bool known = read_key({static_cast<const std::byte*>(key.mv_data), key.mv_size}, &parts);
-        if (known && parts.kind == KeyParts::Kind::kChange) ++count;
-      }
-      mdb_cursor_close(cursor);
+      for_each_record(txn, database, [&](const KeyParts& parts, const MDB_val&, const MDB_val&) {
+        if (parts.kind == KeyParts::Kind::kChange) ++count;
+      });
     });
     return count;
   }
@@ -247,13 +255,7 @@ std::string as_version_1(MDB_val record, std::size_t revision_at, std::size_t le
 void turn_back_to_format_1(const std::string& directory) {
   with_plain_lmdb(directory, [](MDB_txn* txn, MDB_dbi database) {
     std::vector<std::pair<std::string, std::string>> records;
-    MDB_cursor* cursor = nullptr;
-    MDB_val key{};
-    MDB_val data{};
-    ASSERT_EQ(mdb_cursor_open(txn, database, &cursor), 0);
-    while (mdb_cursor_get(cursor, &key, &data, MDB_NEXT) == 0) {
-      KeyParts parts;
-      ASSERT_TRUE(read_key({static_cast<const std::byte*>(key.mv_data), key.mv_size}, &parts));
+    for_each_record(txn, database, [&](const KeyParts& parts, const MDB_val& key, const MDB_val& data) {
       const std::string own_key(static_cast<const char*>(key.mv_data), key.mv_size);
       switch (parts.kind) {
         case KeyParts::Kind::kNode:
@@ -268,8 +270,7 @@ void turn_back_to_format_1(const std::string& directory) {
         case KeyParts::Kind::kChange:
           FAIL() << "format 1 has no log";
       }
-    }
-    mdb_cursor_close(cursor);
+    });
     for (const auto& [name, record] : records) {
       MDB_val wanted = val_of(name);
       MDB_val bytes = val_of(record);

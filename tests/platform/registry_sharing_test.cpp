@@ -119,22 +119,35 @@ bool read_in_every_way(prtkv_ctx ctx, const char* name) {
          prtkv_close_key(ctx, key) == PRTKV_DONE;
 }
 
+// Holds the next write to the store until it may proceed.
+class HeldWrite {
+ public:
+  explicit HeldWrite(Ground& ground) {
+    ground.store->before(store::Call::kWrite, [this] {
+      begun_.count_down();
+      proceed_.wait();
+    });
+  }
+
+  void wait_until_begun() { begun_.wait(); }
+  void proceed() { proceed_.count_down(); }
+
+ private:
+  std::latch begun_{1};
+  std::latch proceed_{1};
+};
+
 TEST(Sharing, NothingWaitsForAWriteOfTheSameSession) {
   Ground ground;
   ground.make("a", open_to_all(), "v");
   const Context ctx(ground.as(person("bob")));
   const prtkv_key key = ctx.open("a");
-  std::latch begun(1);
-  std::latch proceed(1);
-  ground.store->before(store::Call::kWrite, [&] {
-    begun.count_down();
-    proceed.wait();
-  });
+  HeldWrite held(ground);
   auto written = std::async(std::launch::async, [&] { return prtkv_set_value(ctx, key, 3, "w", 1); });
-  begun.wait();
+  held.wait_until_begun();
   auto read = std::async(std::launch::async, [&] { return read_in_every_way(ctx, "a"); });
   EXPECT_EQ(read.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  proceed.count_down();
+  held.proceed();
   EXPECT_TRUE(read.get());
   EXPECT_EQ(written.get(), PRTKV_DONE);
   EXPECT_EQ(ground.value("a"), "w");
@@ -185,19 +198,14 @@ TEST(Sharing, ASessionEndsAfterTheOperationsThatAreUsingIt) {
   ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob"))), &ctx).ok());
   prtkv_key key = 0;
   ASSERT_EQ(prtkv_open_key(ctx, &key, "a"), PRTKV_DONE);
-  std::latch begun(1);
-  std::latch proceed(1);
-  ground.store->before(store::Call::kWrite, [&] {
-    begun.count_down();
-    proceed.wait();
-  });
+  HeldWrite held(ground);
   auto written = std::async(std::launch::async, [&] { return prtkv_set_value(ctx, key, 3, "w", 1); });
-  begun.wait();
+  held.wait_until_begun();
   auto ended = std::async(std::launch::async, [&] { return prtkv_terminate(ctx); });
   prtkv_key again = 0;
   while (prtkv_open_key(ctx, &again, "a") == PRTKV_DONE) std::this_thread::yield();
   EXPECT_EQ(prtkv_open_key(ctx, &again, "a"), PRTKV_INVALID_HANDLE);
-  proceed.count_down();
+  held.proceed();
   EXPECT_EQ(written.get(), PRTKV_DONE);
   EXPECT_EQ(ended.get(), PRTKV_DONE);
   EXPECT_EQ(ground.value("a"), "w");

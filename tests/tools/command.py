@@ -123,6 +123,16 @@ class CommandTest(unittest.TestCase):
                               env={**self.environment, **(environment or {})}, timeout=DEADLINE, check=False)
         return Result(done.returncode, done.stdout, done.stderr)
 
+    def in_background(self, *arguments, prefix=()):
+        """Starts the command, whose output and messages are texts to read. It is killed at the test's end."""
+        process = subprocess.Popen([*prefix, *self.words(*arguments)], env=self.environment, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
     def tkv(self, *arguments, exits=DONE, **how):
         """Runs the command, which must end with this exit code. Returns its result."""
         result = self.run_command(*arguments, **how)

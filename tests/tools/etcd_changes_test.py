@@ -30,15 +30,6 @@ class OnEtcd(CommandTest):
     def log(self, *words):
         return json.loads(self.out("log", "--json", *words))["changes"]
 
-    def start(self, *words):
-        process = subprocess.Popen(self.words(*words), env=self.environment, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        return process
-
     def stop(self, process):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(DEADLINE), DONE, process.stderr.read())
@@ -62,7 +53,7 @@ class Log(OnEtcd):
 
     def test_following_survives_a_restart_of_etcd(self):
         self.configure_etcd(1000)
-        follower = self.start("log", "--follow", "-n", "1")
+        follower = self.in_background("log", "--follow", "-n", "1")
         self.assertIn("value app.limit", follower.stdout.readline())
         self.restart_cluster(follower)
         self.configure_etcd(60_000)
@@ -78,7 +69,7 @@ class Log(OnEtcd):
 class Watch(OnEtcd):
     def test_survives_a_restart_of_etcd(self):
         self.configure_etcd(1000)
-        watch = self.start("watch", "--initial", "app.limit")
+        watch = self.in_background("watch", "--initial", "app.limit")
         self.assertIn("resync app.limit = 6", watch.stdout.readline())
         self.restart_cluster(watch)
         self.configure_etcd(60_000)
@@ -95,7 +86,7 @@ class Watch(OnEtcd):
             self.tkv("set", "app.limit", "--int64", number)
         latest = self.log("-n", "1")[0]["revision"]
         self.compact(latest)
-        watch = self.start("watch", "--json", "--since", begin, "app.limit")
+        watch = self.in_background("watch", "--json", "--since", begin, "app.limit")
         event = json.loads(watch.stdout.readline())
         self.assertEqual((event["kind"], event["value"]), ("resync", "9"))
         self.tkv("set", "app.limit", "--int64", "10")

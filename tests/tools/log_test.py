@@ -6,7 +6,6 @@ import pwd
 import re
 import shutil
 import signal
-import subprocess
 import unittest
 
 from command import CommandTest, DEADLINE, DONE, NOT_FOUND, USAGE, USER
@@ -27,13 +26,7 @@ class Log(CommandTest):
         return self.log("-n", "1")[0]["revision"]
 
     def follow(self, *words):
-        process = subprocess.Popen(self.words("log", "--follow", *words), env=self.environment, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        return process
+        return self.in_background("log", "--follow", *words)
 
 
 class Showing(Log):

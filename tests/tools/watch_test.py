@@ -26,13 +26,7 @@ class Watching(CommandTest):
     def start(self, *words, prefix=()):
         """A watch that has begun: all changes from now on are events."""
         since = () if "--since" in words or "--initial" in words else ("--since", self.latest())
-        process = subprocess.Popen([*prefix, *self.words("watch", *since, *words)], env=self.environment,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        return process
+        return self.in_background("watch", *since, *words, prefix=prefix)
 
     def latest(self):
         return json.loads(self.out("log", "--json", "-n", "1"))["changes"][0]["revision"]
