@@ -14,7 +14,7 @@ enum class Answer { kAbsent, kDenied, kGranted };
 Status ask(store::View& view, const Identity& identity, std::string_view name, Rights right, Answer* answer) {
   Reader tree(view, identity);
   Place place;
-  const Status status = tree.resolve(name, &place);
+  Status status = tree.resolve(name, &place);
   if (!status.ok() && !status.is(PRTKV_NO_SUCH_KEY)) return status;
   *answer = !status.ok()                                       ? Answer::kAbsent
             : (tree.rights(name, place.node) & right) == right ? Answer::kGranted

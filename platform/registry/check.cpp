@@ -95,7 +95,7 @@ Damage::Kind kind_of(Finding::Kind kind) {
 
 Status demand_rights(store::Store& store, const Identity& identity, bool repair) {
   Place root;
-  const Status found = store.read([&](store::View& view) { return Reader(view, identity).resolve("", &root); });
+  Status found = store.read([&](store::View& view) { return Reader(view, identity).resolve("", &root); });
   // The check tells more about the damage, to those whom rights do not bind.
   if (found.is(PRTKV_STORAGE_FAILED) && (identity.superuser || store.is_own())) return {};
   if (!found.ok()) return found;

@@ -214,7 +214,7 @@ class Client : public KeyReader {
 
   // A client of the same registry and identity whose changes are logged with this note. A note of more than
   // kMaxNoteSize bytes is cut off. Costs little: it may be made for a single change.
-  virtual std::shared_ptr<Client> with_note(std::string note) = 0;
+  virtual std::shared_ptr<Client> with_note(std::string_view note) = 0;
 
   // The revision of the latest state. Needs no right.
   virtual Status revision(Revision* revision) = 0;

@@ -58,7 +58,7 @@ Status rehearse(Reader& tree, const Batch& batch, CommitResult* result) {
 }  // namespace
 
 LocalClient::LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store,
-                         std::string note)
+                         std::string_view note)
     : configuration_(std::move(configuration)),
       identity_(std::move(identity)),
       store_(std::move(store)),
@@ -318,8 +318,8 @@ Status LocalClient::status(RegistryStatus* status) {
 
 // ---- the history
 
-std::shared_ptr<Client> LocalClient::with_note(std::string note) {
-  return std::make_shared<LocalClient>(configuration_, identity_, store_, std::move(note));
+std::shared_ptr<Client> LocalClient::with_note(std::string_view note) {
+  return std::make_shared<LocalClient>(configuration_, identity_, store_, note);
 }
 
 Status LocalClient::commit(const Batch& batch, CommitResult* result) {

@@ -18,7 +18,7 @@ namespace tkv::registry {
 class LocalClient final : public Client {
  public:
   LocalClient(Configuration configuration, Identity identity, std::shared_ptr<store::Store> store,
-              std::string note = {});
+              std::string_view note = {});
 
   const Identity& identity() const override { return identity_; }
   const Configuration& configuration() const override { return configuration_; }
@@ -53,7 +53,7 @@ class LocalClient final : public Client {
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options, KeyProgress progress) override;
 
   Status commit(const Batch& batch, CommitResult* result) override;
-  std::shared_ptr<Client> with_note(std::string note) override;
+  std::shared_ptr<Client> with_note(std::string_view note) override;
   Status revision(Revision* revision) override;
   Status at(Revision revision, std::unique_ptr<Snapshot>* snapshot) override;
   Status snapshot(std::unique_ptr<Snapshot>* snapshot) override;

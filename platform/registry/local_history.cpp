@@ -53,7 +53,7 @@ Status LocalHistory::revision_at(std::int64_t time, Revision* revision) {
     found = record.revision;
     return kEnough;
   };
-  const Status status = store_.changes({.newest_first = true}, visit, &position);
+  Status status = store_.changes({.newest_first = true}, visit, &position);
   if (!status.ok() && !status.is(kEnough)) return status;
   if (status.ok() && !position.complete) {
     return {PRTKV_INVALID_ARGUMENT, "the history does not reach back to that time"};

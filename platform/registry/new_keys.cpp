@@ -63,7 +63,7 @@ Status create_parents(Writer& tree, std::string_view name, const NewKeySecurity&
 
 Status put_value(Writer& tree, std::string_view name, const TypedValue& value, const PutOptions& options) {
   bool exists = false;
-  const Status found = tree.exists(name, &exists);
+  Status found = tree.exists(name, &exists);
   if (found.is(PRTKV_STORAGE_FAILED) && options.key == PutOptions::Key::kAny) {
     if (Status status = tree.remove_damaged(name, found); !status.ok()) return status;
   } else if (!found.ok()) {
