@@ -354,16 +354,56 @@ class Verify(WithKeys):
         self.tkv("verify")
         self.assertEqual(self.out("export"), self.before)
 
-    def test_nothing_is_left_to_save_of_a_damaged_top(self):
+    def test_an_export_of_a_damaged_top_holds_nothing_and_says_so(self):
         self.damage_two_keys()
-        saved = self.folder / "saved"
-        for words in (("export", "app.broken"), ("export", "-o", saved, "app.broken"),
-                      ("backup", saved, "--key", "app.broken")):
-            with self.subTest(words=words):
-                message = self.fails(DAMAGED, *words, "--skip-damaged")
-                self.assertIn("nothing is left to save: key 'app.broken': ", message)
-                self.assertFalse(saved.exists())
+        saved = self.folder / "saved.json"
+        self.fails(DAMAGED, "export", "-o", saved, "app.broken")
+        self.assertFalse(saved.exists())
+        result = self.tkv("export", "--skip-damaged", "app.broken", exits=PARTLY)
+        self.assertEqual(json.loads(result.text), {"tkv": 1, "top": "app.broken", "keys": []})
+        self.assertIn("left out: key 'app.broken', the top, with everything below it: ", result.messages)
+        self.assertIn("the export is incomplete: 1 damaged part left out", result.messages)
+        report = self.tkv("export", "--json", "--skip-damaged", "-o", saved, "app.broken", exits=PARTLY)
+        self.assertEqual(saved.read_text(), result.text)
+        self.assertEqual(json.loads(report.text),
+                         {"done": "export", "name": "app.broken", "file": str(saved), "keys": 0})
+        errors = [json.loads(line) for line in report.messages.splitlines()]
+        self.assertEqual([error["error"] for error in errors], ["damaged", "partly-done"])
 
+    def test_a_backup_of_a_damaged_top_holds_nothing_and_says_so(self):
+        self.damage_two_keys()
+        saved = self.folder / "saved.backup"
+        words = ("backup", saved, "--key", "app.broken")
+        self.fails(DAMAGED, *words)
+        self.assertFalse(saved.exists())
+        result = self.tkv(*words, "--skip-damaged", exits=PARTLY)
+        self.assertIn("left out: key 'app.broken', the top, with everything below it: ", result.messages)
+        self.assertIn("backup of 0 keys, 0 values, checked", result.messages)
+        self.assertIn("the backup is incomplete: 1 damaged part left out", result.messages)
+        verified = json.loads(self.out("verify", "--json", saved))
+        self.assertEqual((verified["keys"], verified["sound"]), (0, True))
+        saved.unlink()
+        report = self.tkv(*words, "--json", "--skip-damaged", exits=PARTLY)
+        self.assertEqual(json.loads(report.text)["keys"], 0)
+
+    def test_what_holds_no_key_is_restored_by_changing_nothing(self):
+        """Above all, it deletes nothing: what it lacks could not be read."""
+        self.damage_two_keys()
+        export = self.folder / "saved.json"
+        backup = self.folder / "saved.backup"
+        self.tkv("export", "--skip-damaged", "-o", export, "app.broken", exits=PARTLY)
+        self.tkv("backup", backup, "--key", "app.broken", "--skip-damaged", exits=PARTLY)
+        self.tkv("restore", "--overwrite", "--yes", self.whole)
+        for words in (("import", export), ("import", "--replace", "--yes", export), ("import", "--merge", export),
+                      ("restore", backup), ("restore", "--overwrite", "--yes", backup)):
+            with self.subTest(words=words):
+                result = self.tkv(*words)
+                self.assertIn(f"{words[0]} of 0 keys to key 'app.broken': 0 changes", result.messages)
+                self.assertEqual(json.loads(self.out(*words, "--json")),
+                                 {"done": words[0], "name": "app.broken", "keys": 0, "changes": 0})
+                self.assertEqual(self.out(*words, "--dry-run"), "")
+                self.assertEqual(self.out("export"), self.before)
+        self.fails(NOT_FOUND, "restore", backup, "app.broken.below")
 
     def test_skipping_damage_where_there_is_none_is_a_plain_success(self):
         self.assertEqual(self.out("export", "--skip-damaged"), self.before)
@@ -453,7 +493,9 @@ class OrdinaryUser(CommandTest):
         data.write_bytes(contents.replace(root, root[:-1] + b"\3"))
         self.assertIn("damaged-key: the root key", self.tkv("verify", exits=DAMAGED).text)
         for words in (("export",), ("backup",)):
-            self.assertIn("tkv verify --repair gives the root a new record", self.fails(DAMAGED, *words, "--skip-damaged"))
+            result = self.tkv(*words, "--skip-damaged", exits=PARTLY)
+            self.assertIn("left out: the root key, the top, with everything below it: ", result.messages)
+            self.assertIn("tkv verify --repair gives the root a new record", result.messages)
         self.tkv("verify", "--repair")
         self.assertEqual(self.masks_of_the_root(), [0x3f, 0, 0])
         self.assertEqual(self.out("get", "app.name"), "billing\n")

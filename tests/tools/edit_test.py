@@ -138,6 +138,7 @@ class Mistakes(EditTest):
         for script, reason in (("text = text.replace('{', '', 1)", "line 1"), ("text = ''", "line 1"),
                                ("text = text.replace('\"app.limit\"', '\"a..b\"')", "a..b"),
                                ("text = text.replace('\"app', '\"other')", "must stay key 'app'"),
+                               ("text = '{\"tkv\":1,\"top\":\"app\",\"keys\":[]}'", "must hold at least the top"),
                                ("text = text.replace('\"app.nodes\"', '\"app.notes\"')", "app.nodes")):
             with self.subTest(script=script):
                 result = self.edit(script, "app", exits=USAGE)

@@ -1,4 +1,5 @@
 """The command on a registry on etcd: the same verbs, the same outputs."""
+import base64
 import json
 import pathlib
 import re
@@ -7,7 +8,7 @@ import sys
 import unittest
 import urllib.request
 
-from command import COMMAND, CONFLICT, DEADLINE, DIFFERS, NOT_FOUND, UNREACHABLE, CommandTest
+from command import COMMAND, CONFLICT, DAMAGED, DEADLINE, DIFFERS, NOT_FOUND, PARTLY, UNREACHABLE, CommandTest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "cluster"))
@@ -75,6 +76,32 @@ class OnEtcd(CommandTest):
         self.assertEqual(self.out("export"), before)
         self.tkv("restore", path, "--conf", self.local_conf)
         self.assertEqual(self.out("export", "--conf", self.local_conf), before)
+
+    def damage(self, name):
+        """Changes the last byte of a record: of what etcd holds under the key that ends with this name."""
+        etcdctl = ("etcdctl", f"--endpoints={self.cluster.endpoints[0]}")
+        found = subprocess.run([*etcdctl, "get", "--prefix", "/tkv/n/", "-w", "json"], capture_output=True, check=True,
+                               env={**self.environment, "ETCDCTL_API": "3"})
+        pairs = [[base64.b64decode(pair[part]) for part in ("key", "value")] for pair in json.loads(found.stdout)["kvs"]]
+        (key, record), = [pair for pair in pairs if pair[0].endswith(b"/" + name)]
+        subprocess.run([*etcdctl, "put", "--", key.decode()], input=record[:-1] + bytes([record[-1] ^ 1]), check=True,
+                       capture_output=True, env={**self.environment, "ETCDCTL_API": "3"})
+
+    def test_an_export_and_a_backup_of_a_damaged_top_hold_nothing_and_say_so(self):
+        self.tkv("set", "-p", "app.broken.below", "x")
+        whole = self.out("backup", "-q").rstrip("\n")
+        before = self.out("export")
+        self.damage(b"broken")
+        saved = self.folder / "saved.backup"
+        for words in (("export", "app.broken"), ("backup", saved, "--key", "app.broken")):
+            self.fails(DAMAGED, *words)
+            self.assertFalse(saved.exists())
+            result = self.tkv(*words, "--skip-damaged", exits=PARTLY)
+            self.assertIn("left out: key 'app.broken', the top, with everything below it: ", result.messages)
+            self.assertIn(f"the {words[0]} is incomplete: 1 damaged part left out", result.messages)
+        self.tkv("restore", "--overwrite", "--yes", whole)
+        self.tkv("restore", "--overwrite", "--yes", saved)
+        self.assertEqual(self.out("export"), before)
 
     def test_migrate_there_and_back(self):
         self.tkv("import", "--conf", self.local_conf, given=self.document())

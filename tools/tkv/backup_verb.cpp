@@ -107,8 +107,8 @@ not touched (exit code 5). Needs the rights r and l on every key.
 
 A damaged key is an error (exit code 8). --skip-damaged leaves damage out, names
 it, and exits with 9: a key that cannot be read is missing with its subkeys, one
-whose value cannot be read has no value. If the top itself cannot be read,
-nothing is left to save (exit code 8).
+whose value cannot be read has no value. If the top itself cannot be read, the
+backup holds no key, and restoring it changes nothing.
 )",
     .examples = R"(  tkv backup
   tkv backup /mnt/safe/

@@ -93,4 +93,13 @@ void report_changes(Context& context, const char* verb, const Subtree& wanted, s
                                registry::describe(wanted.top) + ": " + counted(changes, "change"));
 }
 
+Outcome report_nothing(Context& context, const char* verb, const Subtree& wanted, bool dry_run) {
+  if (dry_run) {
+    print_difference(context, {});
+  } else {
+    report_changes(context, verb, wanted, 0);
+  }
+  return {};
+}
+
 }  // namespace tkv::command

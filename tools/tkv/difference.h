@@ -34,6 +34,10 @@ Outcome outcome_of_dry_run(const registry::Difference& difference);
 // Reports what `verb` did.
 void report_changes(Context& context, const char* verb, const registry::Subtree& wanted, std::uint64_t changes);
 
+// Reports that an export or backup without keys changes nothing. Its top was damaged: what it lacks could not be read,
+// and was not deleted.
+Outcome report_nothing(Context& context, const char* verb, const registry::Subtree& wanted, bool dry_run);
+
 }  // namespace tkv::command
 
 #endif

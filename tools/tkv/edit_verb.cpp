@@ -77,8 +77,9 @@ std::string export_of(const Subtree& subtree) {
 Outcome parse_edited(const std::string& text, const std::string& top, Subtree* wanted) {
   const auto show_nothing = [](std::uint64_t) {};
   if (Outcome parsed = parse_export(text, show_nothing, wanted); !parsed.ok()) return parsed;
-  if (wanted->top == top) return {};
-  return {Exit::kUsage, "the top of the text must stay " + registry::describe(top)};
+  if (wanted->top != top) return {Exit::kUsage, "the top of the text must stay " + registry::describe(top)};
+  if (wanted->keys.empty()) return {Exit::kUsage, "the text must hold at least the top, " + registry::describe(top)};
+  return {};
 }
 
 // Lets the person edit the text until it is an export or the person gives up. `*changed` tells whether the text is

@@ -89,8 +89,8 @@ the registry, whatever is written meanwhile.
 
 A damaged key is an error (exit code 8). --skip-damaged leaves damage out, names
 it, and exits with 9: a key that cannot be read is missing with its subkeys, one
-whose value cannot be read has no value. If the top itself cannot be read,
-nothing is left to save (exit code 8).
+whose value cannot be read has no value. If the top itself cannot be read, the
+export holds no key, and importing it changes nothing.
 )",
     .examples = R"(  tkv export app > app.json
   tkv export | diff yesterday.json -

@@ -42,6 +42,7 @@ Outcome run_import(Context& context, const Arguments& arguments) {
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
+  if (wanted.keys.empty()) return report_nothing(context, "import", wanted, arguments.dry_run);
   Outcome compared = find_difference(context, wanted, mode, &difference);
   if (mode == MergeMode::kAdd && compared.exit() == Exit::kConflict) {
     compared = {Exit::kConflict,

@@ -59,7 +59,8 @@ std::string export_tail();
 
 // Parses an export. The keys come back in the order of names. Fails with Exit::kUsage and the place of the mistake:
 // malformed JSON, unknown or repeated members, bad names, a name given twice, a key without its parent or outside the
-// top. `progress` is called with the number of keys parsed so far; parsing takes two passes.
+// top. An export of a damaged top holds no key. `progress` is called with the number of keys parsed so far; parsing
+// takes two passes.
 Outcome parse_export(std::string_view text, registry::KeyProgress progress, registry::Subtree* subtree);
 
 }  // namespace tkv::command

@@ -207,8 +207,9 @@ Outcome read_record(const Json& json, KeyRecord* record) {
   return read_value(json, record);
 }
 
-// Checks that all keys lie within the top, each once, and each with its parent.
+// Checks that all keys lie within the top, each once, and each with its parent. Nothing can be wrong with no keys.
 Outcome check_order(const Subtree& subtree) {
+  if (subtree.keys.empty()) return {};
   if (subtree.keys.front().name != subtree.top) {
     return wrong("the top, " + registry::describe(subtree.top) + ", is not among the keys");
   }
@@ -229,9 +230,7 @@ Outcome read_subtree(const Json& json, KeyProgress progress, Subtree* subtree) {
   if (!json.is_object() || json.value("tkv", Json()) != 1) return wrong("not an export: the object has no \"tkv\":1");
   if (!has_only(json, {"tkv", "top", "keys"}, &other)) return wrong("an export has no member \"" + other + "\"");
   if (!json.contains("top") || !read_text(json["top"], &subtree->top)) return wrong("\"top\" must be a string");
-  if (!json.contains("keys") || !json["keys"].is_array() || json["keys"].empty()) {
-    return wrong("\"keys\" must be an array that holds at least the top");
-  }
+  if (!json.contains("keys") || !json["keys"].is_array()) return wrong("\"keys\" must be an array");
   for (const Json& each : json["keys"]) {
     KeyRecord record;
     if (Outcome read = read_record(each, &record); !read.ok()) {

@@ -16,7 +16,7 @@ using registry::KeyChange;
 using registry::MergeMode;
 using registry::Subtree;
 
-// Reads the wanted part of a backup, in the order of names.
+// Reads the wanted part of a backup, in the order of names. A backup of a damaged top holds no key.
 Outcome read_part(const Terminal& terminal, const std::string& path, const std::optional<std::string>& key,
                   Subtree* part) {
   BackupContents contents;
@@ -37,6 +37,7 @@ Outcome read_part(const Terminal& terminal, const std::string& path, const std::
   });
   if (!read.ok()) return read;
   part->top = top.value_or(contents.head.top);
+  if (contents.totals.keys == 0 && part->top == contents.head.top) return {};
   if (!part->keys.empty() && part->keys.front().name == part->top) return {};
   return {Exit::kNotFound, shown_path(path) + " does not contain " + registry::describe(part->top)};
 }
@@ -61,6 +62,7 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
+  if (wanted.keys.empty()) return report_nothing(context, "restore", wanted, arguments.dry_run);
   if (Outcome compared = find_difference(context, wanted, kMode, &difference); !compared.ok()) return compared;
   if (arguments.dry_run) {
     print_difference(context, difference);

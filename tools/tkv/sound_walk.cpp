@@ -14,9 +14,12 @@ const char* name_of(Part part) {
 
 // Nothing below a damaged top can be found: its id is part of the damaged record. The root's id is known, but not who
 // may list its subkeys.
-Status nothing_left(const registry::WalkEntry& top) {
-  const char* remedy = top.name.empty() ? "; tkv verify --repair gives the root a new record" : "";
-  return {top.damage->code(), "nothing is left to save: " + top.damage->text() + remedy};
+std::string left_out(const registry::WalkEntry& entry) {
+  const bool is_top = entry.damaged == Part::kRecord && entry.depth == 0;
+  const std::string what = name_of(entry.damaged) + registry::describe(entry.name);
+  const std::string text = "left out: " + what + (is_top ? ", the top, with everything below it: " : ": ");
+  const bool is_root = is_top && entry.name.empty();
+  return text + entry.damage->text() + (is_root ? "; tkv verify --repair gives the root a new record" : "");
 }
 
 }  // namespace
@@ -34,10 +37,8 @@ Status walk_sound_keys(Context& context, const std::string& top, bool skip_damag
   if (skip_damaged) options.damaged = registry::WalkOptions::Damaged::kVisit;
   return context.reader().walk(top, options, [&](const registry::WalkEntry& entry) -> Status {
     if (entry.damaged == Part::kNone) return visit(entry);
-    if (entry.damaged == Part::kRecord && entry.depth == 0) return nothing_left(entry);
     ++skipped->count;
-    context.complain({Exit::kDamaged, std::string("left out: ") + name_of(entry.damaged) +
-                                          registry::describe(entry.name) + ": " + entry.damage->text()});
+    context.complain({Exit::kDamaged, left_out(entry)});
     return entry.damaged == Part::kValue ? visit(entry) : Status();
   });
 }

@@ -18,7 +18,8 @@ struct SkippedParts {
 };
 
 // Walks a subtree with values. With `skip_damaged`, reports what is damaged on standard error and leaves it out: a key
-// with its subkeys, or only the value of a key, which is visited without one.
+// with its subkeys, or only the value of a key, which is visited without one. If the top is damaged, nothing is
+// visited.
 Status walk_sound_keys(Context& context, const std::string& top, bool skip_damaged, SkippedParts* skipped,
                        FunctionRef<Status(const registry::WalkEntry& entry)> visit);
 
