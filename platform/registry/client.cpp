@@ -36,4 +36,19 @@ Status Client::find(const KeyRef& key, KeyId* id) {
   return status;
 }
 
+Status Client::create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                      std::span<const std::byte> bytes, KeyId* id) {
+  KnownKey created;
+  Status status = create(parent, name, security, type, bytes, &created);
+  if (status.ok()) *id = created.id;
+  return status;
+}
+
+Status Client::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) {
+  KnownKey moved;
+  Status status = move(source, parent, name, replace, &moved);
+  if (status.ok()) *id = moved.id;
+  return status;
+}
+
 }  // namespace tkv::registry

@@ -143,9 +143,11 @@ class Client : public KeyReader {
                             std::size_t* size) = 0;
 
   // Creates a key under `parent`. Returns PRTKV_KEY_EXISTS if there is one. Needs TKV_RIGHT_CREATE on the key that it
-  // is created under. Type 0 without bytes creates a key without a value.
+  // is created under. Type 0 without bytes creates a key without a value. `*created` receives the key's id and route.
   virtual Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
-                        std::span<const std::byte> bytes, KeyId* id) = 0;
+                        std::span<const std::byte> bytes, KnownKey* created) = 0;
+  Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
+                std::span<const std::byte> bytes, KeyId* id);
 
   // Needs TKV_RIGHT_WRITE. Returns PRTKV_VALUE_TOO_LARGE beyond 1 MiB.
   virtual Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) = 0;
@@ -195,8 +197,10 @@ class Client : public KeyReader {
   // the new parent. An existing target yields PRTKV_KEY_EXISTS or, with `replace`, is deleted with its subtree, which
   // needs TKV_RIGHT_DELETE on every key of it. A target that is the key itself or lies below it yields
   // PRTKV_MOVE_INTO_ITSELF, and so does replacing a key above it. Returns PRTKV_INVALID_NAME if a key below would get a
-  // name beyond the limits. `*id` is the key's, which a move does not change.
-  virtual Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) = 0;
+  // name beyond the limits. `*moved` receives the key's id, which a move does not change, and its new route.
+  virtual Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace,
+                      KnownKey* moved) = 0;
+  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id);
 
   // Copies a key to the full name `target`. The copies are new keys. Needs TKV_RIGHT_READ and, recursively,
   // TKV_RIGHT_LIST on every key copied, and TKV_RIGHT_CREATE on the new parent. The target is treated as by move.

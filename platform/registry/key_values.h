@@ -23,14 +23,20 @@ namespace tkv::registry {
 using KeyId = std::uint64_t;  // unique for the life of the registry, never reused
 constexpr KeyId kAnyKey = 0;  // in a KeyRef: whichever key has the name
 
+// A digest of the nodes from the root to a key and of how often each of them was moved. It changes when the key is
+// moved, by itself or with an ancestor, and does not return to its former value when the key is moved back.
+using Route = std::uint64_t;
+constexpr Route kAnyRoute = 0;  // in a KeyRef: by whatever moves the key came to its place
+
 struct KeyRef {
-  KeyRef(std::string_view full_name, KeyId known_id = kAnyKey)  // NOLINT: a name is a KeyRef
-      : name(full_name), id(known_id) {}
+  KeyRef(std::string_view full_name, KeyId known_id = kAnyKey, Route known_route = kAnyRoute)  // NOLINT: as a name
+      : name(full_name), id(known_id), route(known_route) {}
   KeyRef(const char* full_name) : name(full_name) {}         // NOLINT
   KeyRef(const std::string& full_name) : name(full_name) {}  // NOLINT
 
   std::string_view name;
   KeyId id = kAnyKey;
+  Route route = kAnyRoute;
 };
 
 // What a client found out about a key, for reading the key again at less cost. It holds as long as the registry is in
@@ -38,6 +44,7 @@ struct KeyRef {
 // wrong. To everybody but the client that filled it in, `place` is opaque.
 struct KnownKey {
   KeyId id = kAnyKey;
+  Route route = kAnyRoute;
   Rights rights = 0;                     // of the client's identity
   std::uint64_t state = 0;               // see Client::latest_state; 0: nothing is known but the id
   std::array<std::uint64_t, 2> place{};  // of the value

@@ -166,10 +166,11 @@ Status LocalClient::read_security(const KeyRef& key, sec_attr* security) {
 }
 
 Status LocalClient::create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
-                           std::span<const std::byte> bytes, KeyId* id) {
-  KeyId created = kAnyKey;
-  Status status = write([&](Writer& tree) { return tree.create(parent, name, security, type, bytes, &created); });
-  if (status.ok()) *id = created;
+                           std::span<const std::byte> bytes, KnownKey* created) {
+  KnownKey made;
+  Status status =
+      write([&](Writer& tree) { return tree.create(parent, name, security, type, bytes, &made.id, &made.route); });
+  if (status.ok()) *created = made;
   return status;
 }
 
@@ -287,10 +288,12 @@ Status LocalClient::remove(const KeyRef& key, bool recursive, KeyProgress progre
   });
 }
 
-Status LocalClient::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) {
-  KeyId moved = kAnyKey;
-  Status status = write([&](Writer& tree) { return tree.move(source, parent, name, replace, &moved); });
-  if (status.ok()) *id = moved;
+Status LocalClient::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace,
+                         KnownKey* moved) {
+  KnownKey placed;
+  Status status =
+      write([&](Writer& tree) { return tree.move(source, parent, name, replace, &placed.id, &placed.route); });
+  if (status.ok()) *moved = placed;
   return status;
 }
 

@@ -31,8 +31,9 @@ class LocalClient final : public Client {
                     std::size_t* size) override;
   Status read_security(const KeyRef& key, sec_attr* security) override;
   Status read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) override;
+  using Client::create;
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
-                std::span<const std::byte> bytes, KeyId* id) override;
+                std::span<const std::byte> bytes, KnownKey* created) override;
   Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes) override;
   Status write_security(const KeyRef& key, const sec_attr& security) override;
   Status put(std::span<const NamedValue> values, const PutOptions& options) override;
@@ -49,7 +50,9 @@ class LocalClient final : public Client {
   Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                          KeyProgress progress) override;
   Status remove(const KeyRef& key, bool recursive, KeyProgress progress) override;
-  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) override;
+  using Client::move;
+  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace,
+              KnownKey* moved) override;
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options, KeyProgress progress) override;
 
   Status commit(const Batch& batch, CommitResult* result) override;

@@ -250,7 +250,7 @@ Status Session::create_key(prtkv_key parent, std::string_view name, const sec_at
   Reservation slot(*this);
   if (Status status = slot.take_below(above.name, name); !status.ok()) return status;
   KnownKey created;
-  Status status = client_->create(above.ref(), name, security, type, value, &created.id);
+  Status status = client_->create(above.ref(), name, security, type, value, &created);
   if (!status.ok()) return status;
   const std::lock_guard lock(mutex_);
   *key = slot.give(created);
@@ -288,7 +288,7 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
     losses.prepare({from.name.view(), slot.name()});
   }
   KnownKey target;
-  Status status = client_->move(from.ref(), above.ref(), name, replace, &target.id);
+  Status status = client_->move(from.ref(), above.ref(), name, replace, &target);
   if (!status.ok()) return status;
   const std::lock_guard lock(mutex_);
   losses.take_effect();

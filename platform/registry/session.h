@@ -26,9 +26,10 @@
 namespace tkv::registry {
 
 // A handle stands for a key and not for its name: an open key is its full name and its id. Once the key has been
-// deleted or moved away, by itself or with an ancestor, the handle yields PRTKV_NO_SUCH_KEY for good. (If another
-// session moves a key away and back again between two uses of a handle, it is the same key under the same name, and the
-// handle goes on working.) Opening, closing and deleting cost the same however many keys are open.
+// deleted or moved away, by itself or with an ancestor, the handle yields PRTKV_NO_SUCH_KEY for good, even if the key
+// has been moved back, and no matter which session did so. (A list of subkeys that was already taken can be read to its
+// end after another session has deleted or moved the key: that needs no access to the registry.) Opening, closing and
+// deleting cost the same however many keys are open.
 //
 // The operations are described in prtkv.h and client.h. Pointers are not null here.
 //
@@ -89,7 +90,7 @@ class Session {
     FullName name;
     KnownKey known;
 
-    KeyRef ref() const { return {name.view(), known.id}; }
+    KeyRef ref() const { return {name.view(), known.id, known.route}; }
   };
 
   class Reservation;

@@ -1,6 +1,7 @@
 #include "registry/tree.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 #include <vector>
 
@@ -105,27 +106,38 @@ Status descend_from(store::View& view, std::string_view key, const Place& place,
   return status.ok() && top.descend ? descend(view, name, place.node.id, 1, visit, visit_damaged) : status;
 }
 
+constexpr Route kRootRoute = 1;
+
+// The route to a node below. A bit of a product depends only on the bits of its factors that are not higher; the
+// rotations bring the others in.
+Route continued(Route above, const store::Node& node) {
+  constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
+  const std::uint64_t mixed = (above ^ node.id) * kOdd;
+  const Route route = (std::rotl(mixed, 32) ^ node.moves) * kOdd;
+  return route == kAnyRoute ? 1 : std::rotl(route, 32);
+}
+
 }  // namespace
 
 // Reader
 
-Status Reader::find_parent(std::string_view name, store::NodeId* id) {
-  const std::string_view parent = parent_of(name);
-  *id = store::kRootNode;
-  if (parent.empty()) return {};
+Status Reader::find_parent(std::string_view name, Directory* parent) {
+  const std::string_view parent_name = parent_of(name);
+  *parent = {store::kRootNode, kRootRoute};
+  if (parent_name.empty()) return {};
   if (cache_ != nullptr) {
-    const store::NodeId known = cache_->find(view_.structure(), parent);
-    if (known != store::kNoNode) {
-      *id = known;
+    const Directory known = cache_->find(view_.structure(), parent_name);
+    if (known.id != store::kNoNode) {
+      *parent = known;
       return {};
     }
   }
-  for (std::string_view rest = parent; !rest.empty();) {
+  for (std::string_view rest = parent_name; !rest.empty();) {
     store::Node node;
-    if (Status status = view_.find(*id, take_level(&rest), &node); !status.ok()) return status;
-    *id = node.id;
+    if (Status status = view_.find(parent->id, take_level(&rest), &node); !status.ok()) return status;
+    *parent = {node.id, continued(parent->route, node)};
   }
-  if (cache_ != nullptr) cache_->keep(view_.structure(), parent, *id);
+  if (cache_ != nullptr) cache_->keep(view_.structure(), parent_name, *parent);
   return {};
 }
 
@@ -134,19 +146,25 @@ Status Reader::resolve(const KeyRef& key, Place* place) {
     if (Status status = check_name(key.name); !status.ok()) return status;
   }
   Place found;
+  Directory parent;
   if (!key.name.empty()) {
-    if (Status status = find_parent(key.name, &found.parent); !status.ok()) return at_key(status, key.name);
+    if (Status status = find_parent(key.name, &parent); !status.ok()) return at_key(status, key.name);
   }
+  found.parent = parent.id;
   const Status status = view_.find(found.parent, last_level(key.name), &found.node);
   if (!status.ok()) return at_key(status, key.name);
-  if (key.id != kAnyKey && key.id != found.node.id) return no_such_key(key.name);
+  found.route = key.name.empty() ? kRootRoute : continued(parent.route, found.node);
+  const bool is_it =
+      (key.id == kAnyKey || key.id == found.node.id) && (key.route == kAnyRoute || key.route == found.route);
+  if (!is_it) return no_such_key(key.name);
   *place = found;
   return {};
 }
 
-void Reader::learn(const store::Node& node, const store::ValuePlace& place, KnownKey* known) {
-  known->id = node.id;
-  known->rights = rights_of(identity_, node.security);
+void Reader::learn(const Place& found, const store::ValuePlace& place, KnownKey* known) {
+  known->id = found.node.id;
+  known->route = found.route;
+  known->rights = rights_of(identity_, found.node.security);
   known->state = view_.state();
   known->place = std::bit_cast<decltype(known->place)>(place);
 }
@@ -157,7 +175,7 @@ Status Reader::look_up(const KeyRef& key, KnownKey* known) {
   if (is_known && (key.id == kAnyKey || key.id == known->id)) return {};
   Place place;
   if (Status status = resolve(key, &place); !status.ok()) return status;
-  learn(place.node, state == 0 ? store::ValuePlace{} : view_.place_of_value(place.node.id), known);
+  learn(place, state == 0 ? store::ValuePlace{} : view_.place_of_value(place.node.id), known);
   return {};
 }
 
@@ -169,7 +187,7 @@ Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t c
   const bool may_read = (known->rights & TKV_RIGHT_READ) != 0;
   const bool is_known = state != 0 && state == known->state && may_read;
   if (!is_known) {
-    if (Status status = resolve({name, known->id}, &found); !status.ok()) return status;
+    if (Status status = resolve({name, known->id, known->route}, &found); !status.ok()) return status;
     Status status = demand(TKV_RIGHT_READ, name, found.node, "reading its value");
     if (!status.ok()) return status;
   }
@@ -179,7 +197,7 @@ Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t c
   if (is_known) {
     known->place = std::bit_cast<decltype(known->place)>(place);
   } else {
-    learn(found.node, place, known);
+    learn(found, place, known);
   }
   return {};
 }
@@ -204,7 +222,7 @@ Status Reader::exists(std::string_view name, bool* answer) {
 
 Status Reader::look_up(std::string_view name, Presence* presence) {
   Place place;
-  store::NodeId parent = store::kNoNode;
+  Directory parent;
   const Status found = resolve(name, &place);
   if (found.is(PRTKV_STORAGE_FAILED) && (name.empty() || find_parent(name, &parent).ok())) {
     *presence = Presence::kDamaged;
@@ -362,6 +380,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
 struct Writer::Target {
   FullName name;
   store::Node parent;
+  Route parent_route = kAnyRoute;
   bool taken = false;
   store::Node former;  // what is there, if taken
 
@@ -395,12 +414,14 @@ Status Writer::find_target(const KeyRef& parent, std::string_view name, Target* 
   if (Status status = resolve(parent, &place); !status.ok()) return status;
   if (Status status = target->name.join(parent.name, name); !status.ok()) return status;
   target->parent = place.node;
+  target->parent_route = place.route;
   std::string_view rest = name;
   std::string_view level = take_level(&rest);
   while (!rest.empty()) {
     const std::size_t passed = target->name.view().size() - rest.size() - 1;
     const Status status = update_.find(target->parent.id, level, &target->parent);
     if (!status.ok()) return at_key(status, target->name.view().substr(0, passed));
+    target->parent_route = continued(target->parent_route, target->parent);
     level = take_level(&rest);
   }
   const Status status = update_.find(target->parent.id, level, &target->former);
@@ -480,17 +501,19 @@ Status Writer::put_node(const Target& target, const store::Node& node) {
 }
 
 Status Writer::create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
-                      std::span<const std::byte> bytes, KeyId* id) {
+                      std::span<const std::byte> bytes, KeyId* id, Route* route) {
   Target target;
-  KeyId created = kAnyKey;
+  store::Node created;
   if (Status status = check_security(security); !status.ok()) return status;
   if (Status status = check_value_size(bytes.size()); !status.ok()) return status.about(describe(name));
   if (Status status = find_target(parent, name, &target); !status.ok()) return status;
   if (Status status = demand_target(target, false); !status.ok()) return status;
-  if (Status status = stage(type, bytes, &created); !status.ok()) return at_key(status, target.name.view());
-  if (Status status = put_node(target, {created, normalized(security)}); !status.ok()) return status;
-  note_created(target.name.view(), created);
-  *id = created;
+  if (Status status = stage(type, bytes, &created.id); !status.ok()) return at_key(status, target.name.view());
+  created.security = normalized(security);
+  if (Status status = put_node(target, created); !status.ok()) return status;
+  note_created(target.name.view(), created.id);
+  *id = created.id;
+  if (route != nullptr) *route = continued(target.parent_route, created);
   return {};
 }
 
@@ -569,7 +592,8 @@ Status Writer::remove(const KeyRef& key, bool recursive) {
   return at_key(update_.discard(place.node.id), key.name);
 }
 
-Status Writer::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id) {
+Status Writer::move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id,
+                    Route* route) {
   Place from;
   Target target;
   if (source.name.empty()) return {PRTKV_INVALID_ARGUMENT, "the root key cannot be moved"};
@@ -588,9 +612,11 @@ Status Writer::move(const KeyRef& source, const KeyRef& parent, std::string_view
     return at_key(status, source.name);
   }
   note_replaced(target);
+  ++from.node.moves;
   if (Status status = put_node(target, from.node); !status.ok()) return status;
   changes_.add(Change::Kind::kMoved, to, from.node.id, source.name);
   *id = from.node.id;
+  if (route != nullptr) *route = continued(target.parent_route, from.node);
   return {};
 }
 

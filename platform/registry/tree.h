@@ -52,6 +52,7 @@ enum class Presence {
 struct Place {
   store::NodeId parent = store::kNoNode;
   store::Node node;
+  Route route = kAnyRoute;  // to the node
 };
 
 // What an identity may do today with the keys of a former state.
@@ -115,8 +116,8 @@ class Reader {
   Status demand(Rights right, std::string_view name, const store::Node& node, const char* doing) const;
 
  private:
-  Status find_parent(std::string_view name, store::NodeId* id);
-  void learn(const store::Node& node, const store::ValuePlace& place, KnownKey* known);
+  Status find_parent(std::string_view name, Directory* parent);
+  void learn(const Place& found, const store::ValuePlace& place, KnownKey* known);
   Status read_info(std::string_view name, const store::Node& node, KeyInfo* info);
   Status read_last_change(KeyInfo* info);
 
@@ -144,16 +145,17 @@ class Writer final : public Reader {
   std::vector<Change> take_changes() { return changes_.take(); }
   void note_created(std::string_view name, KeyId id) { changes_.add(Change::Kind::kCreated, name, id); }
 
-  // As the Client's operations.
+  // As the Client's operations. `route` may be null.
   Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,
-                std::span<const std::byte> bytes, KeyId* id);
+                std::span<const std::byte> bytes, KeyId* id, Route* route = nullptr);
   Status write_value(const KeyRef& key, std::int32_t type, std::span<const std::byte> bytes);
   Status write_security(const KeyRef& key, const sec_attr& security);
   Status remove(const KeyRef& key, bool recursive);
   // Removes a key whose record is damaged, as Client::remove does. Returns `damage` if it is the damage of something
   // else: the record is sound.
   Status remove_damaged(std::string_view name, const Status& damage);
-  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id);
+  Status move(const KeyRef& source, const KeyRef& parent, std::string_view name, bool replace, KeyId* id,
+              Route* route = nullptr);
   Status copy(const KeyRef& source, std::string_view target, const CopyOptions& options);
 
   // As Client::change_security; `change` makes the new record of the old one.

@@ -13,6 +13,7 @@ namespace tkv::store {
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
+constexpr std::size_t kMovesAt = 2;  // in the header
 constexpr std::size_t kChecksumSize = 8;
 
 // Of format version 1.
@@ -119,7 +120,7 @@ Status wrong_size(std::span<const std::byte> record) {
 bool has_header(std::span<const std::byte> record, RecordKind kind) {
   const unsigned version = version_of(record);
   return version != 0 && version <= kRecordVersion && record[1] == static_cast<std::byte>(kind) &&
-         get<std::uint16_t>(record.data() + 2) == 0;
+         (get<std::uint16_t>(record.data() + kMovesAt) == 0 || (version > 1 && kind == RecordKind::kNode));
 }
 
 // Sizes of the records of a kind, or the smallest ones, in format version 1 and in this one.
@@ -163,6 +164,7 @@ std::string_view as_name(const std::array<std::byte, 4>& number) {
 NodeRecord encode_node(NodeId parent, std::string_view name, const Node& node) {
   NodeRecord record;
   put_header(record.data(), RecordKind::kNode);
+  put(record.data() + kMovesAt, node.moves);
   put(record.data() + kHeaderSize, node.id);
   put(record.data() + kHeaderSize + 8, node.revision);
   put_security(record.data() + kHeaderSize + 16, node.security);
@@ -176,8 +178,9 @@ Status decode_node(NodeId parent, std::string_view name, std::span<const std::by
   const std::byte* const fields = record.data() + kHeaderSize;
   const auto id = get<NodeId>(fields);
   if (id == kNoNode) return damaged("it has no id");
-  *node = version_of(record) == 1 ? Node{id, get_security(fields + 8), 0}
-                                  : Node{id, get_security(fields + 16), get<Revision>(fields + 8)};
+  *node = version_of(record) == 1 ? Node{id, get_security(fields + 8), 0, 0}
+                                  : Node{id, get_security(fields + 16), get<Revision>(fields + 8),
+                                         get<std::uint16_t>(record.data() + kMovesAt)};
   return {};
 }
 

@@ -2,7 +2,7 @@
 //
 //   offset 0      format version, 2
 //          1      kind of record
-//          2      two zero bytes
+//          2      of a node, how often it was moved, modulo 65,536; otherwise two zero bytes
 //          4      the fields of the kind, integers with the low byte first
 //   last 8 bytes  checksum
 //

@@ -54,6 +54,8 @@ struct Node {
   NodeId id = kNoNode;
   sec_attr security{};
   Revision revision = 0;  // in which the node was last created, moved or given a security record
+
+  std::uint16_t moves = 0;  // how often it was moved, modulo 65,536, as counted by whoever moves it
 };
 
 // Type 0 without bytes: there is no value.

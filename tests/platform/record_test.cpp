@@ -104,12 +104,14 @@ TEST(Record, KeysAreReadBack) {
 }
 
 TEST(Record, ANodeComesBackAsItWas) {
-  const Node node = sample_node();
+  Node node = sample_node();
+  node.moves = 0xfffe;
   const NodeRecord record = encode_node(7, "name", node);
   Node found;
   ASSERT_TRUE(decode_node(7, "name", record, &found).ok());
   EXPECT_EQ(found.id, node.id);
   EXPECT_EQ(found.revision, node.revision);
+  EXPECT_EQ(found.moves, node.moves);
   EXPECT_EQ(std::memcmp(&found.security, &node.security, sizeof node.security), 0);
 }
 

@@ -229,6 +229,64 @@ TEST_F(Prtkv, HandleOfAKeyThatAnotherSessionReplacedMeansTheFormerKey) {
   EXPECT_EQ(value(ctx_.open("a")), "other");
 }
 
+// Moves a key, as another session does between two uses of a handle.
+void move(prtkv_ctx ctx, const char* from, const char* parent, const char* name) {
+  prtkv_key source = 0;
+  prtkv_key above = 0;
+  prtkv_key moved = 0;
+  ASSERT_EQ(prtkv_open_key(ctx, &source, from), PRTKV_DONE);
+  ASSERT_EQ(prtkv_open_key(ctx, &above, parent), PRTKV_DONE);
+  ASSERT_EQ(prtkv_move_key(ctx, source, above, name, &moved, 0), PRTKV_DONE);
+  for (const prtkv_key key : {source, above, moved}) EXPECT_EQ(prtkv_close_key(ctx, key), PRTKV_DONE);
+}
+
+TEST_F(Prtkv, HandleOfAKeyThatWasMovedAwayAndBackYieldsNoSuchKeyWhoeverMovedIt) {
+  const Context other(ground_.as(superuser()));
+  for (const prtkv_ctx mover : {static_cast<prtkv_ctx>(ctx_), static_cast<prtkv_ctx>(other)}) {
+    for (const char* name : {"a", "a.b", "a.b.c", "z"}) ground_.make(name, open_to_all(), name);
+    const prtkv_key key = ctx_.open("a.b");
+    const prtkv_key below = ctx_.open("a.b.c");
+    const prtkv_key above = ctx_.open("a");
+    prtkv_key created = 0;
+    ASSERT_EQ(create(ctx_.open("a.b"), "new", &created), PRTKV_DONE);
+    EXPECT_EQ(value(below), "a.b.c");
+    move(mover, "a.b", "z", "b");
+    move(mover, "z.b", "a", "b");
+    for (const prtkv_key gone : {key, below, created}) {
+      EXPECT_THAT(answers(ctx_, gone), ElementsAre(PRTKV_NO_SUCH_KEY)) << "moved by " << mover;
+    }
+    EXPECT_EQ(value(above), "a");
+    EXPECT_EQ(value(ctx_.open("a.b.c")), "a.b.c");
+    EXPECT_EQ(prtkv_delete_key(ctx_, ctx_.open("a"), 1), PRTKV_DONE);
+    EXPECT_EQ(prtkv_delete_key(ctx_, ctx_.open("z"), 1), PRTKV_DONE);
+  }
+}
+
+TEST_F(Prtkv, HandleThatAMoveReturnedEndsWithTheNextMoveWhoeverMakesIt) {
+  const Context other(ground_.as(superuser()));
+  for (const char* name : {"a", "z"}) ground_.make(name, open_to_all(), name);
+  prtkv_key moved = 0;
+  ASSERT_EQ(prtkv_move_key(ctx_, ctx_.open("a"), ctx_.open("z"), "a", &moved, 0), PRTKV_DONE);
+  move(other, "z.a", "", "a");
+  move(other, "a", "z", "a");
+  EXPECT_THAT(answers(ctx_, moved), ElementsAre(PRTKV_NO_SUCH_KEY));
+  EXPECT_EQ(value(ctx_.open("z.a")), "a");
+}
+
+TEST_F(Prtkv, HandleOutlivesWhateverElseOthersChange) {
+  const Context other(ground_.as(superuser()));
+  for (const char* name : {"a", "a.b", "z", "z.y"}) ground_.make(name, open_to_all(), name);
+  const prtkv_key key = ctx_.open("a.b");
+  EXPECT_EQ(value(key), "a.b");
+  for (const char* name : {"", "a", "a.b"}) {
+    EXPECT_EQ(prtkv_set_key_security(other, other.open(name), open_to_all()), PRTKV_DONE);
+  }
+  move(other, "z.y", "a", "y");
+  EXPECT_EQ(prtkv_delete_key(other, other.open("z"), 1), PRTKV_DONE);
+  EXPECT_EQ(prtkv_set_value(other, other.open("a.b"), PRTKV_TYPE_TEXT, "new", 3), PRTKV_DONE);
+  EXPECT_EQ(value(key), "new");
+}
+
 TEST_F(Prtkv, HandlesFindOutAboutLossesHoweverManyCameAfter) {
   for (const char* name : {"a", "a.b", "kept"}) ground_.make(name, open_to_all(), name);
   const prtkv_key root = ctx_.open("");

@@ -689,13 +689,14 @@ TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
 TEST(Cache, KnowsNothingOfAStoreThatCannotTell) {
   DirectoryCache cache;
   cache.find(0, "a");
-  cache.keep(0, "a", 7);
-  EXPECT_EQ(cache.find(0, "a"), store::kNoNode);
+  cache.keep(0, "a", {7, 70});
+  EXPECT_EQ(cache.find(0, "a").id, store::kNoNode);
   cache.find(5, "a");
-  cache.keep(5, "a", 7);
-  EXPECT_EQ(cache.find(5, "a"), 7U);
-  EXPECT_EQ(cache.find(6, "a"), store::kNoNode);
-  EXPECT_EQ(cache.find(5, "a"), store::kNoNode) << "the former structure is forgotten";
+  cache.keep(5, "a", {7, 70});
+  EXPECT_EQ(cache.find(5, "a").id, 7U);
+  EXPECT_EQ(cache.find(5, "a").route, 70U);
+  EXPECT_EQ(cache.find(6, "a").id, store::kNoNode);
+  EXPECT_EQ(cache.find(5, "a").id, store::kNoNode) << "the former structure is forgotten";
 }
 
 }  // namespace

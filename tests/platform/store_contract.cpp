@@ -203,6 +203,38 @@ TEST_P(StoreContract, ATakenNameIsRefusedAndTheNodeStays) {
   EXPECT_EQ(id_of(kRootNode, "a"), id);
 }
 
+TEST_P(StoreContract, ANodeKeepsTheNumberOfItsMovesUntilItIsInsertedWithAnother) {
+  const NodeId a = add(kRootNode, "a", 1);
+  const NodeId b = add(a, "b", 2);
+  const auto moves_at = [&](NodeId parent) {
+    Node node;
+    EXPECT_TRUE(done(store_->read([&](View& view) { return view.find(parent, "b", &node); })));
+    EXPECT_EQ(node.id, b);
+    return node.moves;
+  };
+  const auto move = [&](NodeId from, NodeId to, std::uint16_t moves) {
+    EXPECT_TRUE(done(store_->write([&](Update& update) -> Status {
+      Node node;
+      Node moved;
+      if (Status status = update.find(from, "b", &node); !status.ok()) return status;
+      if (Status status = update.unlink(from, "b"); !status.ok()) return status;
+      node.moves = moves;
+      if (Status status = update.insert(to, "b", node); !status.ok()) return status;
+      Status status = update.find(to, "b", &moved);
+      EXPECT_EQ(moved.moves, moves) << "in the update itself";
+      return status;
+    })));
+  };
+  EXPECT_EQ(moves_at(a), 0);
+  move(a, kRootNode, 1);
+  EXPECT_EQ(moves_at(kRootNode), 1);
+  move(kRootNode, a, 0xffff);
+  EXPECT_TRUE(done(store_->write([&](Update& update) { return update.set_security(a, "b", distinct_security(3)); })));
+  set_value(b, 3, "value");
+  add(b, "c", 4);
+  EXPECT_EQ(moves_at(a), 0xffff);
+}
+
 TEST_P(StoreContract, PlacesThatCannotBeAreRefused) {
   const auto insert = [&](NodeId parent, std::string_view name, NodeId id) {
     return store_->write([&](Update& update) { return update.insert(parent, name, Node{id, {}}); }).code();

@@ -234,7 +234,7 @@ void Commit::committed(std::int64_t revision, std::chrono::milliseconds removing
   if (!writes_.is_empty()) revision_ = static_cast<Revision>(revision);
   for (const auto& [place, node] : writes_.nodes()) {
     if (node && batches_ == 0) {
-      core_.cache.put(place, SeenNode{revision, Node{node->id, node->security, revision_}, {}});
+      core_.cache.put(place, SeenNode{revision, Node{node->id, node->security, revision_, node->moves}, {}});
     } else {
       core_.cache.erase(place);
     }

@@ -74,7 +74,8 @@ bool WriteSet::has_room(std::size_t bytes) {
 RequestOp WriteSet::node_operation(const NodePlace& place, const std::optional<Node>& node) const {
   RequestOp operation;
   if (node) {
-    put(&operation, keys_.node(place), as_text(encode_node(place.parent, place.name, {node->id, node->security})));
+    put(&operation, keys_.node(place),
+        as_text(encode_node(place.parent, place.name, {node->id, node->security, 0, node->moves})));
   } else {
     erase(&operation, keys_.node(place));
   }
