@@ -74,7 +74,7 @@ prove: packages-test lint fuzz ## long runs, with a table at the end: static ana
 	$(call preset,release,-DTKV_TESTS=ON)
 	status=0; ctest --preset prove || status=$$?; tests/build/prove_table.py build/release/prove.xml; exit $$status
 
-demo: packages-build ## show the main job on an embedded registry: two JVMs and the command
+demo: packages-build ## show the main job on an embedded registry: two JVMs, the command, and two users
 	$(call preset,release,-DTKV_TESTS=OFF)
 	@cmake --build --preset release --target demo
 
