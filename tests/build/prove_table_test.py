@@ -1,4 +1,8 @@
 """The table at the end of `make prove` has a line for each test, with the figures that the test printed."""
+import pathlib
+import subprocess
+import sys
+import tempfile
 import unittest
 
 import prove_table
@@ -45,10 +49,24 @@ class ProveTable(unittest.TestCase):
     maxDiff = None
 
     def test_shows_result_time_and_totals_of_each_test(self):
-        self.assertEqual(prove_table.table(REPORT), TABLE)
+        self.assertEqual(prove_table.table([*prove_table.rows(REPORT)]), TABLE)
 
     def test_of_no_tests_is_a_heading(self):
-        self.assertEqual(prove_table.table("<testsuite/>"), "test  result  seconds  totals\n")
+        self.assertEqual(prove_table.table([*prove_table.rows("<testsuite/>")]), "test  result  seconds  totals\n")
+
+    def test_holds_all_runs_and_names_one_that_has_left_nothing(self):
+        with tempfile.TemporaryDirectory() as folder:
+            run = pathlib.Path(folder) / "run.xml"
+            run.write_text(REPORT, encoding="utf-8")
+            missing = pathlib.Path(folder) / "fuzz.xml"
+            done = subprocess.run([sys.executable, prove_table.__file__, run, missing], capture_output=True, text=True,
+                                  check=False)
+            self.assertEqual(done.stdout, TABLE + f"fuzz         FAILED         0  {missing} was not written\n")
+            self.assertEqual(done.returncode, 1)
+            done = subprocess.run([sys.executable, prove_table.__file__, run, run], capture_output=True, text=True,
+                                  check=False)
+            self.assertEqual(done.stdout, TABLE + TABLE.split("\n", 1)[1])
+            self.assertEqual(done.returncode, 0)
 
 
 if __name__ == "__main__":
