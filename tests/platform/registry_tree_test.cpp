@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "registry/known_keys.h"
+#include "registry/lost_names.h"
 #include "registry/tree.h"
 #include "registry_fixture.h"
 
@@ -684,6 +685,29 @@ TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
     EXPECT_EQ(find("b"), nullptr) << "of a store that does not number its states";
     note("b");
   }
+}
+
+TEST(LostNames, AreForgottenTogetherExceptForThosePrepared) {
+  LostNames lost;
+  lost.prepare("a");
+  lost.prepare("b");
+  const std::uint64_t before = lost.now();
+  lost.add("a");
+  EXPECT_TRUE(lost.holds("a.below", before));
+  EXPECT_FALSE(lost.holds("a.below", lost.now()));
+  EXPECT_FALSE(lost.holds("b", before));
+  lost.clear();
+  EXPECT_EQ(lost.size(), 1U) << "the deletion of b is under way";
+  EXPECT_FALSE(lost.holds("a", before));
+  lost.add("b");
+  EXPECT_TRUE(lost.holds("b", before));
+  lost.clear();
+  EXPECT_EQ(lost.size(), 0U);
+  lost.prepare("c");
+  lost.give_up("c");
+  EXPECT_FALSE(lost.holds("c", before));
+  lost.clear();
+  EXPECT_EQ(lost.size(), 0U);
 }
 
 TEST(Cache, KnowsNothingOfAStoreThatCannotTell) {
