@@ -46,7 +46,7 @@ struct KnownKey {
   KeyId id = kAnyKey;
   Route route = kAnyRoute;
   Rights rights = 0;                     // of the client's identity
-  std::uint64_t state = 0;               // see Client::latest_state; 0: nothing is known but the id
+  std::uint64_t state = 0;               // see Client::latest_state; 0: only id and route are known
   std::array<std::uint64_t, 2> place{};  // of the value
 };
 
