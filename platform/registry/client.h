@@ -263,6 +263,9 @@ class Client : public KeyReader {
   // cluster, returns PRTKV_INVALID_ARGUMENT with a message that says how to compact its history.
   virtual Status purge_history(std::string_view name, std::uint64_t* removed) = 0;
 
+  // Returns the failure of purge_history() if no history of this registry can be purged, whatever the key.
+  virtual Status can_purge_history() = 0;
+
   // --- The registry as a whole ---
 
   // Reads everything and finds what is damaged or out of place. With `repair`, removes what can be removed without

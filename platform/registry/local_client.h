@@ -67,6 +67,7 @@ class LocalClient final : public Client {
               Revision* revision) override;
   Status undo(Revision revision, const UndoOptions& options, Batch* inverse, CommitResult* result) override;
   Status purge_history(std::string_view name, std::uint64_t* removed) override;
+  Status can_purge_history() override { return store_->can_purge(); }
 
   Status check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) override;
   Status status(RegistryStatus* status) override;

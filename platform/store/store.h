@@ -265,10 +265,14 @@ class Store {
   // Removes what the history holds of the former values of the nodes that `choose` sets, in one transaction with the
   // state that it sees: in every earlier state that is retained, they have no value where they had another than now.
   // The present, and the log, stay. Is itself a change, whose description must list a Change::Kind::kPurged. `*removed`
-  // is the number of values. `choose` may run more than once, and may read former states and the log. A distributed
-  // store does not run it, and returns PRTKV_INVALID_ARGUMENT with the way that it has.
+  // is the number of values. `choose` may run more than once, and may read former states and the log. If can_purge()
+  // fails, its failure is returned and `choose` does not run.
   using ChooseNodes = FunctionRef<Status(View& view, std::vector<NodeId>* nodes)>;
   virtual Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) = 0;
+
+  // Returns PRTKV_INVALID_ARGUMENT if this kind of store cannot remove single values from its history. The message says
+  // what can be done instead.
+  virtual Status can_purge() { return {}; }
 
   // Recommended number of changes of visible nodes per write: insertions, removals, values and security records. More
   // are possible, at the cost of being staged first.

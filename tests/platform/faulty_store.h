@@ -139,6 +139,7 @@ class FaultyStore final : public Store {
     return target_->wait(after, timeout, stop, revision);
   }
 
+  Status can_purge() override { return target_->can_purge(); }
   Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override {
     if (Status status = next(Call::kPurge); !status.ok()) return status;
     return target_->purge(choose, description, removed);

@@ -129,6 +129,8 @@ class Undo(OnEtcd):
 
     def test_the_history_is_not_purged_but_compacted(self):
         self.assertIn("compact", self.fails(USAGE, "history", "purge", "--yes", "app.limit"))
+        # Before it asks: without a terminal, the question alone would fail.
+        self.assertIn("compact", self.fails(USAGE, "history", "purge", "app.limit"))
 
 
 if __name__ == "__main__":

@@ -16,6 +16,7 @@ Outcome run_history(Context& context, const Arguments& arguments) {
   if (*arguments.action != "purge") return {Exit::kUsage, "history " + *arguments.action + ": there is only purge"};
   if (Outcome named = key_name(*arguments.key, &name); !named.ok()) return named;
   if (Outcome opened = context.open_to_change(); !opened.ok()) return opened;
+  if (Status possible = context.client().can_purge_history(); !possible.ok()) return possible;
   Outcome allowed = context.allow("this removes the former values of " + registry::describe(name) + " for good");
   if (!allowed.ok()) return allowed;
   if (Status purged = context.client().purge_history(name, &removed); !purged.ok()) return purged;

@@ -94,7 +94,8 @@ class EtcdStore final : public Store {
               Revision* revision) override {
     return guarded([&] { return core_.log.wait(after, timeout, stop, revision); });
   }
-  Status purge(ChooseNodes, const ChangeDescription&, std::uint64_t*) override;
+  Status purge(ChooseNodes, const ChangeDescription&, std::uint64_t*) override { return can_purge(); }
+  Status can_purge() override;
 
  private:
   Status run(Stm::Purpose purpose, FunctionRef<Status(Stm&)> function, Revision* committed);
@@ -139,7 +140,7 @@ Status EtcdStore::changes(const LogRange& range, FunctionRef<Status(const Change
   });
 }
 
-Status EtcdStore::purge(ChooseNodes, const ChangeDescription&, std::uint64_t*) {
+Status EtcdStore::can_purge() {
   return guarded([&]() -> Status {
     Revision latest = 0;
     if (Reply reply = core_.log.revision(0, &latest); !reply.ok()) return reply.status;
