@@ -157,7 +157,7 @@ Status Checker::read_next_id() {
   bool found = false;
   Status damage;
   const std::string key = core_.keys.meta();
-  Status status = visit("the counter of ids", {key, key + '\0'}, 1, [&](const KeyValue& record) {
+  Status status = visit("the id counter", {key, key + '\0'}, 1, [&](const KeyValue& record) {
     found = true;
     meta_revision_ = record.mod_revision();
     damage = decode_meta(as_bytes(record.value()), &meta_);
@@ -166,10 +166,11 @@ Status Checker::read_next_id() {
   if (!found) damage = Status(PRTKV_STORAGE_FAILED, "it is missing");
   meta_is_low_ = !damage.ok() || meta_.next_id <= largest_id_;
   if (!damage.ok()) {
-    report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids cannot be used: " + damage.text()});
+    report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "",
+             "the id counter cannot be read: " + damage.text() + "; a repair sets it"});
   } else if (meta_is_low_) {
     report_({Finding::Kind::kDuplicateId, kNoNode, meta_.next_id, "",
-             "the counter of ids would hand out ids that are in use"});
+             "the id counter is too low: new keys would get ids that are in use; a repair sets it"});
   }
   return {};
 }

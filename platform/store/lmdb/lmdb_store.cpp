@@ -185,8 +185,9 @@ void RecordCheck::check_counter() {
   const bool is_low = meta_damage_.ok() && meta_.next_id <= largest_id_;
   counter_is_unusable_ = is_low || !meta_damage_.ok();
   if (!counter_is_unusable_) return;
-  const std::string why = is_low ? "would give ids in use again" : "cannot be used: " + meta_damage_.text();
-  report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", "the counter of ids " + why});
+  const std::string what = is_low ? "the id counter is too low: new keys would get ids that are in use"
+                                  : "the id counter cannot be read: " + meta_damage_.text();
+  report_({Finding::Kind::kDuplicateId, kNoNode, kNoNode, "", what + "; a repair sets it"});
 }
 
 // In a file that may not grow beyond a size, the past gets a quarter of it at most.
