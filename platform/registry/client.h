@@ -174,15 +174,6 @@ class Client : public KeyReader {
   virtual Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
                        Difference* difference) = 0;
 
-  // Makes changes that were found by comparing, in their order, all or nothing. A key that is added and the keys below
-  // it that follow are put in place as one subtree, however large. A key to be removed that does not exist (any longer)
-  // is passed over. Needs the rights of each change.
-  virtual Status apply_changes(std::span<const KeyChange> changes) = 0;
-
-  // The number of changes that should go into one call, where a caller is free to split them; a subtree that is added
-  // or removed counts as one. More are possible, at the cost of being staged first.
-  virtual std::size_t preferred_batch_size() const = 0;
-
   // Changes the security record of a key and, recursively, of every key below it. Needs TKV_RIGHT_SECURITY on each.
   virtual Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                                  KeyProgress progress) = 0;

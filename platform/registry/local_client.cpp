@@ -267,12 +267,6 @@ Status LocalClient::apply(const Subtree& wanted, const ApplyOptions& options, Ke
   return status;
 }
 
-Status LocalClient::apply_changes(std::span<const KeyChange> changes) {
-  return write([&](Writer& tree) { return apply_found(tree, changes); });
-}
-
-std::size_t LocalClient::preferred_batch_size() const { return store_->preferred_batch_size(); }
-
 Status LocalClient::change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                                     KeyProgress progress) {
   return write([&](Writer& tree) {

@@ -45,8 +45,6 @@ class LocalClient final : public Client {
                  Difference* difference) override;
   Status apply(const Subtree& wanted, const ApplyOptions& options, KeyProgress progress,
                Difference* difference) override;
-  Status apply_changes(std::span<const KeyChange> changes) override;
-  std::size_t preferred_batch_size() const override;
   Status change_security(const KeyRef& key, const SecurityChange& change, bool recursive,
                          KeyProgress progress) override;
   Status remove(const KeyRef& key, bool recursive, KeyProgress progress) override;

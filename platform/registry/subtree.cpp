@@ -229,14 +229,4 @@ Status apply_difference(Writer& tree, std::span<const KeyChange> changes) {
   return {};
 }
 
-Status apply_found(Writer& tree, std::span<const KeyChange> changes) {
-  while (!changes.empty()) {
-    const Changes step = take_step(&changes);
-    Status status = apply_step(tree, step);
-    const bool is_gone = step.front().kind == Kind::kRemove && status.is(PRTKV_NO_SUCH_KEY);
-    if (!status.ok() && !is_gone) return status;
-  }
-  return {};
-}
-
 }  // namespace tkv::registry

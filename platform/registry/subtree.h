@@ -19,9 +19,6 @@ Status read_subtree(Reader& tree, const std::string& top, bool over_damage, KeyP
 // Makes all changes of a difference. A subtree that is added becomes visible at once. The parent of the top exists.
 Status apply_difference(Writer& tree, std::span<const KeyChange> changes);
 
-// As Client::apply_changes.
-Status apply_found(Writer& tree, std::span<const KeyChange> changes);
-
 }  // namespace tkv::registry
 
 #endif

@@ -413,24 +413,6 @@ TEST_F(ClientTest, ApplyLetsNewKeysInheritFromTheKeyAboveThemAsItWillBe) {
   EXPECT_EQ(security_of("p.q.next"), "bob:staff 3f,7,1");
 }
 
-TEST_F(ClientTest, ApplyChangesMakesThemAllOrNothing) {
-  const KeyChange add{Kind::kAdd, {}, record("x", "new")};
-  const KeyChange change{Kind::kChange, record("a", "one"), record("a", "changed", of_bob())};
-  const KeyChange remove{Kind::kRemove, record("a.b", "two"), {}};
-  const KeyChange remove_below{Kind::kRemove, record("a.b.c"), {}};
-  const KeyChange impossible{Kind::kChange, record("gone", "one"), record("gone", "changed")};
-  const KeyChange add_below{Kind::kAdd, {}, record("x.y", "below", of_bob())};
-  const KeyChange add_beside{Kind::kAdd, {}, record("xy", "beside")};
-  const KeyChange failing[] = {add, change, impossible};
-  EXPECT_EQ(root_->apply_changes(failing).code(), PRTKV_NO_SUCH_KEY);
-  EXPECT_THAT(ground_.everything(), ElementsAre("a=3:one", "a.b=3:two", "a.b.c"));
-  const KeyChange sound[] = {add, add_below, add_beside, change, remove, remove_below};
-  EXPECT_TRUE(root_->apply_changes(sound).ok());
-  EXPECT_THAT(ground_.everything(), ElementsAre("a=3:changed", "x=3:new", "x.y=3:below", "xy=3:beside"));
-  EXPECT_EQ(security_of("x.y"), "bob:users 3f,0,0");
-  EXPECT_EQ(security_of("a"), "bob:users 3f,0,0");
-}
-
 TEST_F(ClientTest, ChangeSecurityOfOneKeyOrOfAllBelowIt) {
   SecurityChange change;
   change.owner = "bob";

@@ -111,10 +111,15 @@ class OnEtcd(CommandTest):
         self.tkv("rm", "ready")
         self.tkv("migrate", self.local_conf, self.folder / "tkv.conf")
         self.assertEqual(self.out("export"), before)
+        first, second = json.loads(self.out("log", "--json", "-n", "2"))["changes"]
+        self.assertEqual(first["note"], f"migration from {self.local_conf}")
+        self.assertEqual(second["changes"][0]["kind"], "deleted")
         back = self.folder / "back"
         self.tkv("migrate", self.address, back)
         (self.folder / "back.conf").write_text(f"[registry]\nlocation = {back}\n")
         self.assertEqual(self.out("export", "--conf", self.folder / "back.conf"), before)
+        (change,) = json.loads(self.out("log", "--json", "--conf", self.folder / "back.conf"))["changes"]
+        self.assertEqual(change["note"], f"migration from {self.address}")
 
     def test_status_shows_the_cluster(self):
         report = json.loads(self.out("status", "--json"))
