@@ -5,6 +5,7 @@ import signal
 import subprocess
 import sys
 import unittest
+import urllib.request
 
 from command import CONFLICT, CommandTest, DEADLINE, DIFFERS, DONE, NOT_FOUND, USAGE
 
@@ -100,6 +101,26 @@ class Watch(OnEtcd):
     def compact(self, revision):
         subprocess.run(["etcdctl", "--endpoints", self.cluster.endpoints[0], "compact", str(revision)], check=True,
                        env={**self.environment, "ETCDCTL_API": "3"}, capture_output=True)
+
+
+class Wait(OnEtcd):
+    def test_survives_a_restart_of_etcd(self):
+        self.configure_etcd(1000)
+        waiting = self.in_background("wait", "app.limit", "--value", "8")
+        self.wait_until("a watch of the log", self.is_watched)
+        self.cluster.ask("kill", 0)
+        self.assertIn("tkv: still waiting: ", waiting.stderr.readline())
+        self.cluster.ask("start")
+        self.configure_etcd(60_000)
+        self.tkv("set", "app.limit", "--int64", "7")
+        self.assertIsNone(waiting.poll())
+        self.tkv("set", "app.limit", "--int64", "8")
+        self.assertEqual(waiting.wait(DEADLINE), DONE)
+
+    def is_watched(self):
+        with urllib.request.urlopen(f"http://{self.cluster.endpoints[0]}/metrics", timeout=DEADLINE) as metrics:
+            return any(float(line.split()[1]) > 0 for line in metrics.read().decode().splitlines()
+                       if line.startswith("etcd_debugging_mvcc_watcher_total "))
 
 
 class Undo(OnEtcd):
