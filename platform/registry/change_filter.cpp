@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "registry/change_list.h"
 #include "registry/name.h"
 #include "registry/tree.h"
 
@@ -46,12 +47,68 @@ bool ChangeFilter::is_wanted(const Change& change) const {
   return false;
 }
 
+void ChangeFilter::add_moves(const ChangeRecord& record, std::vector<Move>* moves) {
+  for (const Change& change : record.changes) {
+    if (change.kind == Change::Kind::kMoved) moves->push_back({record.revision, change.from, change.name});
+  }
+}
+
+Status ChangeFilter::read_moves(Revision after, Revision up_to, std::vector<Move>* moves) {
+  LogPosition position;
+  const auto visit = [&](const ChangeRecord& record) {
+    add_moves(record, moves);
+    return Status();
+  };
+  return store_.changes({.after = after, .up_to = up_to}, visit, &position);
+}
+
+// Extends what is known to the part of the log that begins after `after` and ends at `up_to`.
+Status ChangeFilter::learn_moves(Revision after, Revision up_to) {
+  if (!moves_) moves_ = Moves{after, after, {}};
+  if (after < moves_->after) {
+    std::vector<Move> older;
+    if (Status status = read_moves(after, moves_->after, &older); !status.ok()) return status;
+    moves_->list.insert(moves_->list.begin(), older.begin(), older.end());
+    moves_->after = after;
+  }
+  if (up_to > moves_->up_to) {
+    if (Status status = read_moves(moves_->up_to, up_to, &moves_->list); !status.ok()) return status;
+    moves_->up_to = up_to;
+  }
+  return {};
+}
+
+// Newest first, the log need not be read again: there is no change between this one and the one before.
+void ChangeFilter::learn_older_moves(const ChangeRecord& record) {
+  if (!query_.range.newest_first || !moves_ || record.revision > moves_->after) return;
+  std::vector<Move> older;
+  add_moves(record, &older);
+  moves_->list.insert(moves_->list.begin(), older.begin(), older.end());
+  moves_->after = record.revision - 1;
+}
+
+Status ChangeFilter::find_name_today(Revision former, std::string_view former_name, store::View& present,
+                                     std::string* name) {
+  Revision now = 0;
+  if (Status status = present.revision(&now); !status.ok()) return status;
+  if (Status status = learn_moves(former, now); !status.ok()) return status;
+  *name = former_name;
+  for (const Move& move : moves_->list) {
+    if (move.revision > former && move.revision <= now) *name = moved_name(*name, move.from, move.to);
+  }
+  return {};
+}
+
 // A right that the state of a revision and the present grant on a key, as far as they have it.
 Status ChangeFilter::grants(Revision revision, std::string_view name, Rights right, bool* answer) {
   Answer today = Answer::kAbsent;
   Answer then = Answer::kAbsent;
   *answer = false;
-  Status status = store_.read([&](store::View& view) { return ask(view, identity_, name, right, &today); });
+  Status status = store_.read_all([&](store::View& present) -> Status {
+    std::string name_today;
+    if (Status found = find_name_today(revision, name, present, &name_today); !found.ok()) return found;
+    return ask(present, identity_, name_today, right, &today);
+  });
   if (!status.ok() || today == Answer::kDenied) return status;
   status = store_.read_at(revision, [&](store::View& view) { return ask(view, identity_, name, right, &then); });
   if (status.is(PRTKV_INVALID_ARGUMENT)) {  // not retained
@@ -86,6 +143,7 @@ Status ChangeFilter::is_allowed(const ChangeRecord& record, const Change& change
 
 Status ChangeFilter::apply(ChangeRecord* record) {
   std::vector<Change> kept;
+  learn_older_moves(*record);
   for (Change& change : record->changes) {
     bool allowed = identity_.superuser;
     if (!is_wanted(change)) continue;

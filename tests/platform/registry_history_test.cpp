@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <random>
@@ -273,6 +274,42 @@ TEST_P(History, EventsAreFilteredByRights) {
   ASSERT_EQ(root_->remove("closed", true, ignore_progress), Status());
   EXPECT_THAT(log(*bob_, {}), ElementsAre("created open", "created closed", "created open.unreadable",
                                           "value closed.secret", "deleted closed"));
+}
+
+// Of a key that was moved since, today's right is that on the key, not on what has its former name now.
+TEST_P(History, EventsOfMovedKeysAreFilteredByTheRightsOnTheKeysThemselves) {
+  const sec_attr closed = owned_by("alice", "staff", 0x3f, 0, 0);
+  KeyId id = kAnyKey;
+  make("hidden");
+  make("shown");
+  const Revision begin = latest();
+  set("hidden", "1");
+  set("shown", "1");
+  ASSERT_EQ(root_->write_security("hidden", closed), Status());
+  ASSERT_EQ(root_->move("hidden", "", "h", false, &id), Status());
+  ASSERT_EQ(root_->move("shown", "", "s", false, &id), Status());
+  ASSERT_EQ(root_->move("s", "", "t", false, &id), Status());
+  make("shown", "", closed);
+  ASSERT_EQ(root_->write_value("shown", PRTKV_TYPE_TEXT, bytes_of("2")), Status());
+  std::vector<std::string> expected = {"value shown", "moved hidden > h", "moved shown > s", "moved s > t",
+                                       "created shown"};
+  EXPECT_EQ(log(*bob_, {.range = {.after = begin}}), expected);
+  std::reverse(expected.begin(), expected.end());
+  EXPECT_EQ(log(*bob_, {.range = {.after = begin, .newest_first = true}}), expected);
+}
+
+TEST_P(History, EventsBelowAMovedKeyAreFilteredByTheRightsOnIt) {
+  KeyId id = kAnyKey;
+  make("p");
+  make("q");
+  const Revision begin = latest();
+  make("p.a");
+  make("q.a");
+  ASSERT_EQ(root_->write_security("p", owned_by("alice", "staff", 0x3f, 0, 0)), Status());
+  ASSERT_EQ(root_->move("p", "", "r", false, &id), Status());
+  ASSERT_EQ(root_->move("q", "", "p", false, &id), Status());
+  EXPECT_THAT(log(*bob_, {.range = {.after = begin}, .name = "p"}), ElementsAre("moved p > r", "moved q > p"));
+  EXPECT_THAT(log(*bob_, {.range = {.after = begin}, .name = "q"}), ElementsAre("created q.a", "moved q > p"));
 }
 
 TEST_P(History, AWatcherIsToldOnceThatItHasFallenBehind) {
