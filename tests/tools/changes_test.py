@@ -111,6 +111,8 @@ class Notes(Changing):
         self.tkv("set", "app.limit", "--int64", "6")
         self.tkv("import", "--merge", exported)
         self.assertEqual(self.log("-n", "1")[0]["note"], f"import of {exported}")
+        self.tkv("import", "--replace", given=exported.read_text().replace('"5"', '"7"'))
+        self.assertEqual(self.log("-n", "1")[0]["note"], "import of standard input")
         self.tkv("set", "app.limit", "--int64", "6")
         self.tkv("restore", "--overwrite", backup)
         self.assertEqual(self.log("-n", "1")[0]["note"], f"restore of {backup}")
