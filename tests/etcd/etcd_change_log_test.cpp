@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fake_kv.h"
@@ -193,6 +195,82 @@ TEST_F(EtcdChangeLog, FindsTheRecordOfADeletionWithoutSpace) {
 }
 
 // A session that was not there asks the former states of the key.
+TEST_F(EtcdChangeLog, NewestFirstItReadsManyChangesWithOneRequest) {
+  Notes expected;
+  for (int i = 0; i < 300; ++i) change(std::to_string(i));
+  for (int i = 300; i-- > 0;) expected.push_back(std::to_string(i));
+  expected.push_back("created");
+  const int before = kv_.requests();
+  EXPECT_EQ(read({.newest_first = true}).notes, expected);
+  EXPECT_LE(kv_.requests() - before, 12);
+}
+
+// As `log -n 5` does.
+TEST_F(EtcdChangeLog, NewestFirstAVisitThatEndsEarlyReadsOnePage) {
+  for (int i = 0; i < 300; ++i) change(std::to_string(i));
+  const int before = kv_.requests();
+  int visited = 0;
+  LogPosition position;
+  const auto visit = [&](const ChangeRecord&) { return ++visited < 5 ? Status() : Status(PRTKV_BUSY); };
+  EXPECT_TRUE(log_.visit({.newest_first = true}, visit, &position).is(PRTKV_BUSY));
+  EXPECT_EQ(visited, 5);
+  EXPECT_LE(kv_.requests() - before, 6);
+}
+
+TEST_F(EtcdChangeLog, NewestFirstItFindsEachChangeAmongThoseOfOtherKeys) {
+  Notes expected;
+  for (int i = 0; i < 200; ++i) {
+    const int others = i % 7 == 0 ? i : i % 40;  // between two changes: from none to 199
+    for (int j = 0; j < others; ++j) kv_.put("/elsewhere", "something");
+    change(std::to_string(i));
+    expected.insert(expected.begin(), std::to_string(i));
+    if (i == 150) {
+      delete_without_space();
+      expected.insert(expected.begin(), lost_);
+    }
+  }
+  expected.push_back("created");
+  const int before = kv_.requests();
+  EXPECT_EQ(read({.newest_first = true}).notes, expected);
+  EXPECT_LE(kv_.requests() - before, 120);
+  const Log part = read({.after = created_, .up_to = last() - 1, .newest_first = true});
+  EXPECT_EQ(part.notes, Notes(expected.begin() + 1, expected.end() - 1));
+}
+
+TEST_F(EtcdChangeLog, NewestFirstLargeRecordsFitIntoOneAnswer) {
+  Notes expected;
+  std::size_t largest = 0;
+  kv_.before_txn = [&](const TxnRequest& request) -> Reply {
+    const auto reads = static_cast<std::size_t>(request.success_size());
+    if (reads > 12) return {Verdict::kAnswerTooLarge, Status(PRTKV_UNUSABLE, "larger than max"), false};
+    largest = std::max(largest, reads);
+    return {};
+  };
+  for (int i = 0; i < 100; ++i) {
+    change(std::to_string(i));
+    expected.insert(expected.begin(), std::to_string(i));
+  }
+  expected.push_back("created");
+  EXPECT_EQ(read({.newest_first = true}).notes, expected);
+  EXPECT_EQ(largest, 12u);
+}
+
+TEST_F(EtcdChangeLog, NewestFirstWhatIsCompactedMeanwhileIsNotRead) {
+  for (int i = 0; i < 100; ++i) change(std::to_string(i));
+  bool compacted = false;
+  Notes notes;
+  LogPosition position;
+  const auto visit = [&](const ChangeRecord& record) {
+    notes.push_back(record.note);
+    if (!std::exchange(compacted, true)) kv_.compact();
+    return Status();
+  };
+  EXPECT_TRUE(log_.visit({.newest_first = true}, visit, &position).ok());
+  ASSERT_GE(notes.size(), 1u);
+  EXPECT_LE(notes.size(), 12u);
+  for (std::size_t i = 0; i < notes.size(); ++i) EXPECT_EQ(notes[i], std::to_string(99 - i));
+}
+
 TEST_F(EtcdChangeLog, AnotherSessionFindsTheSameRevision) {
   for (int i = 0; i < 100; ++i) change(std::to_string(i));
   const Revision lost = delete_without_space();

@@ -80,6 +80,7 @@ void FakeKv::read(const RangeRequest& request, std::int64_t now, RangeResponse* 
     record->set_key(key);
     record->set_mod_revision(found->mod_revision);
     record->set_create_revision(found->create_revision);
+    record->set_version(found->version);
     record->set_lease(found->lease);
     if (!request.keys_only()) record->set_value(found->value);
   }
@@ -87,8 +88,12 @@ void FakeKv::read(const RangeRequest& request, std::int64_t now, RangeResponse* 
 
 void FakeKv::write(const std::string& key, const std::string* value, std::int64_t revision, std::int64_t lease) {
   const Version* former = version(key, revision);
-  Version next{revision, former == nullptr ? revision : former->create_revision, value != nullptr,
-               value == nullptr ? "" : *value, lease};
+  Version next{revision,
+               former == nullptr ? revision : former->create_revision,
+               former == nullptr ? 1 : former->version + 1,
+               value != nullptr,
+               value == nullptr ? "" : *value,
+               lease};
   keys_[key].push_back(std::move(next));
 }
 
@@ -123,9 +128,17 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   if (is_full && std::any_of(request.success().begin(), request.success().end(), puts)) {
     return {Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "database space exceeded"), false};
   }
+  const auto& operations = succeeded ? request.success() : request.failure();
+  const auto reads_compacted = [this](const RequestOp& operation) {
+    const std::int64_t at = operation.request_range().revision();
+    return at != 0 && at < compacted_;
+  };
+  if (std::any_of(operations.begin(), operations.end(), reads_compacted)) {
+    return {Verdict::kCompacted, Status(PRTKV_STORAGE_FAILED, "has been compacted"), false};
+  }
   const std::int64_t next = revision_ + 1;
   bool written = false;
-  for (const RequestOp& operation : succeeded ? request.success() : request.failure()) {
+  for (const RequestOp& operation : operations) {
     etcdserverpb::ResponseOp* answer = response->add_responses();
     if (operation.has_request_range()) {
       read(operation.request_range(), written ? next : revision_, answer->mutable_response_range());

@@ -25,6 +25,7 @@ class FakeKv final : public Kv {
   struct Version {
     std::int64_t mod_revision = 0;
     std::int64_t create_revision = 0;
+    std::int64_t version = 1;
     bool exists = true;
     std::string value;
     std::int64_t lease = 0;

@@ -15,7 +15,9 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::size_t kMaxDescription = std::size_t{256} << 10;  // a transaction has to hold it beside its writes
-constexpr milliseconds kLongestWatch{5000};                      // then another member may be asked
+constexpr std::size_t kUsualDescription = 512;
+constexpr std::int64_t kPointsPerVersion = 4;  // few versions are missed where they are not evenly spaced
+constexpr milliseconds kLongestWatch{5000};    // then another member may be asked
 constexpr milliseconds kPauseAfterFailure{50};
 
 std::string text_of(Revision revision) { return "revision " + std::to_string(revision); }
@@ -45,7 +47,30 @@ ChangeRecord undescribed(Revision revision) {
 
 bool is_absent(const RangeResponse& found) { return found.kvs_size() == 0; }
 
+// Whether `newer` replaced `version`, of a key that was not removed in between.
+bool is_predecessor(const KeyValue& version, const KeyValue& newer) {
+  return version.create_revision() == newer.create_revision() && version.version() == newer.version() - 1;
+}
+
 }  // namespace
+
+std::int64_t VersionPoints::distance(int point) const {
+  const int successive = count_ / 2;
+  return point < successive ? point : successive + (point - successive) * stride_;
+}
+
+void VersionPoints::learn(const std::vector<KeyValue>& versions) {
+  count_ = std::min(2 * count_, most_);
+  if (versions.empty() || versions.front().create_revision() != versions.back().create_revision()) return;
+  const std::int64_t replaced = versions.front().version() - versions.back().version();
+  const std::int64_t revisions = versions.front().mod_revision() - versions.back().mod_revision();
+  stride_ = replaced == 0 ? 2 * stride_ : std::max<std::int64_t>(1, revisions / replaced / kPointsPerVersion);
+}
+
+bool VersionPoints::shrink() {
+  most_ = kFirst;
+  return std::exchange(count_, kFirst) > kFirst;
+}
 
 std::string ChangeLog::encode(const ChangeDescription& description) {
   const Bytes bytes = encode_description(description, false);
@@ -205,7 +230,7 @@ Status ChangeLog::visit(const LogRange& range, Visit visit, LogPosition* positio
   const auto last_event = static_cast<std::int64_t>(last);
   // If the key's removal is as old as the oldest state that is kept, nothing is known about it.
   if (is_absent(end) && begin == last_event) return {};
-  return range.newest_first ? visit_backward(after, last_event, visit) : visit_forward(begin, last_event, visit);
+  return range.newest_first ? visit_backward(after, begin, last_event, visit) : visit_forward(begin, last_event, visit);
 }
 
 // Whether the log has a gap between `*begin` and the state `end`. Before the registry was created there is nothing to
@@ -264,23 +289,67 @@ Status ChangeLog::visit_forward(std::int64_t begin, std::int64_t last, Visit vis
   return {};
 }
 
-// One request for each change: each tells the revision of the one before it. What was compacted meanwhile is no longer
-// retained.
-Status ChangeLog::visit_backward(std::int64_t after, std::int64_t last, Visit visit) {
-  while (last > after) {
-    RangeResponse found;
-    Revision revision = 0;
-    Reply reply = get(last, &found);
-    if (reply.ok()) reply = last_change(found, last, &revision);
-    if (reply.verdict == Verdict::kCompacted) return {};
-    if (!reply.ok()) return reply.status;
-    if (static_cast<std::int64_t>(revision) <= after) return {};
-    ChangeRecord record = undescribed(revision);
-    if (!is_absent(found)) {
-      if (Status status = decode(found.kvs(0), &record); !status.ok()) return status;
+// Reads the version of the key at `last` and some of those before it, without a gap: each is followed by the one that
+// it replaced. Empty if the key does not exist at `last`. Nothing is read before `begin`.
+Reply ChangeLog::read_versions(const VersionPoints& points, std::int64_t begin, std::int64_t last,
+                               std::vector<KeyValue>* versions) {
+  TxnRequest request;
+  for (int point = 0; point < points.count() && last - points.distance(point) >= begin; ++point) {
+    RangeRequest* read = request.add_success()->mutable_request_range();
+    *read = get_one(keys_.log());
+    read->set_revision(last - points.distance(point));
+  }
+  TxnResponse response;
+  const std::size_t expected = static_cast<std::size_t>(request.success_size()) * kUsualDescription;
+  Reply reply = kv_.txn(request, &response, Deadline(kv_.timeout()), expected);
+  versions->clear();
+  if (!reply.ok()) return reply;
+  for (auto& answer : *response.mutable_responses()) {
+    if (is_absent(answer.response_range())) break;
+    versions->push_back(std::move(*answer.mutable_response_range()->mutable_kvs(0)));
+  }
+  return reply;
+}
+
+// What was compacted meanwhile is no longer retained.
+Status ChangeLog::visit_backward(std::int64_t after, std::int64_t begin, std::int64_t last, Visit visit) {
+  VersionPoints points;
+  std::vector<KeyValue> versions;
+  while (last >= begin) {
+    Reply reply = read_versions(points, begin, last, &versions);
+    if (reply.verdict == Verdict::kAnswerTooLarge && points.shrink()) continue;
+    if (reply.verdict == Verdict::kCompacted) {
+      if (reply = find_oldest_kept(&begin); reply.ok()) continue;
     }
-    if (Status status = visit(record); !status.ok()) return status;
-    last = static_cast<std::int64_t>(revision) - 1;
+    if (!reply.ok()) return reply.status;
+    std::vector<ChangeRecord> records;
+    if (Status status = decode_versions(versions, last, &records); !status.ok()) return status;
+    for (const ChangeRecord& record : records) {
+      last = static_cast<std::int64_t>(record.revision) - 1;
+      if (last < after) return {};
+      if (Status status = visit(record); !status.ok()) return status;
+    }
+    points.learn(versions);
+  }
+  return {};
+}
+
+// Decodes the versions up to the first gap. If there are none, the change is the one that removed the key.
+Status ChangeLog::decode_versions(const std::vector<KeyValue>& versions, std::int64_t last,
+                                  std::vector<ChangeRecord>* records) {
+  if (versions.empty()) {
+    Revision removed = 0;
+    Reply reply = find_removal(last, &removed);
+    if (reply.ok()) records->push_back(undescribed(removed));
+    return reply.status;
+  }
+  const KeyValue* newer = nullptr;
+  for (const KeyValue& version : versions) {
+    const bool is_next = newer == nullptr || is_predecessor(version, *newer);
+    if (!is_next && version.mod_revision() == newer->mod_revision()) continue;
+    if (!is_next) break;
+    if (Status status = decode(version, &records->emplace_back()); !status.ok()) return status;
+    newer = &version;
   }
   return {};
 }

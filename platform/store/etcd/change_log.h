@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 #include "base/change.h"
 #include "base/function_ref.h"
@@ -26,6 +27,29 @@
 #include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
+
+// The revisions at which one transaction reads the key, to find its former versions newest first. The first half of the
+// points are at successive revisions, where the registry has the cluster to itself. The other half are further and
+// further apart, where most revisions are those of other keys. A version that no point meets is found by the next
+// transaction.
+class VersionPoints {
+ public:
+  int count() const { return count_; }
+  std::int64_t distance(int point) const;  // from the first one
+
+  // Takes more points the next time, at the distances that suit what was found.
+  void learn(const std::vector<KeyValue>& versions);
+
+  // Takes as few points as fit into one answer however large the records are. Returns false if that is so already.
+  bool shrink();
+
+ private:
+  static constexpr int kFirst = 12;
+
+  int count_ = kFirst;
+  int most_ = 96;
+  std::int64_t stride_ = 1;
+};
 
 class ChangeLog {
  public:
@@ -72,7 +96,10 @@ class ChangeLog {
   Reply find_oldest_kept(std::int64_t* begin);
   Status find_begin(std::int64_t after, std::int64_t* begin, bool* complete);
   Status visit_forward(std::int64_t begin, std::int64_t last, Visit visit);
-  Status visit_backward(std::int64_t after, std::int64_t last, Visit visit);
+  Reply read_versions(const VersionPoints& points, std::int64_t begin, std::int64_t last,
+                      std::vector<KeyValue>* versions);
+  Status visit_backward(std::int64_t after, std::int64_t begin, std::int64_t last, Visit visit);
+  Status decode_versions(const std::vector<KeyValue>& versions, std::int64_t last, std::vector<ChangeRecord>* records);
 
   Kv& kv_;
   const Keys& keys_;
