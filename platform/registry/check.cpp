@@ -107,8 +107,8 @@ Status demand_rights(store::Store& store, const Identity& identity, bool repair)
                                    " on it"};
 }
 
-Status run_check(store::Store& store, bool repair, FunctionRef<void(const CheckStep& step)> progress,
-                 Findings* findings, store::Totals* totals) {
+Status run_check(store::Store& store, const ChangeDescription* repair,
+                 FunctionRef<void(const CheckStep& step)> progress, Findings* findings, store::Totals* totals) {
   findings->clear();
   return store.check(
       repair, [&](const Finding& finding) { findings->push_back(finding); },
@@ -137,17 +137,17 @@ std::vector<Damage> named(store::Store& store, Findings findings) {
 
 }  // namespace
 
-Status check_registry(store::Store& store, const Identity& identity, bool repair,
+Status check_registry(store::Store& store, const Identity& identity, const ChangeDescription* repair,
                       FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) {
   Findings findings;
   store::Totals totals;
   std::size_t repaired = 0;
-  if (Status status = demand_rights(store, identity, repair); !status.ok()) return status;
-  if (Status status = run_check(store, false, progress, &findings, &totals); !status.ok()) return status;
-  if (repair && !findings.empty()) {
+  if (Status status = demand_rights(store, identity, repair != nullptr); !status.ok()) return status;
+  if (Status status = run_check(store, nullptr, progress, &findings, &totals); !status.ok()) return status;
+  if (repair != nullptr && !findings.empty()) {
     const std::size_t before = findings.size();
-    if (Status status = run_check(store, true, progress, &findings, &totals); !status.ok()) return status;
-    if (Status status = run_check(store, false, progress, &findings, &totals); !status.ok()) return status;
+    if (Status status = run_check(store, repair, progress, &findings, &totals); !status.ok()) return status;
+    if (Status status = run_check(store, nullptr, progress, &findings, &totals); !status.ok()) return status;
     repaired = before - std::min(before, findings.size());
   }
   *result = {totals.nodes, totals.values, totals.value_bytes, repaired, named(store, std::move(findings))};

@@ -7,8 +7,9 @@
 
 namespace tkv::registry {
 
-// As Client::check. The superuser may check a registry whose root key cannot be read.
-Status check_registry(store::Store& store, const Identity& identity, bool repair,
+// As Client::check. The superuser may check a registry whose root key cannot be read. `repair` is null, or describes
+// the repair for the log.
+Status check_registry(store::Store& store, const Identity& identity, const ChangeDescription* repair,
                       FunctionRef<void(const CheckStep& step)> progress, CheckResult* result);
 
 }  // namespace tkv::registry

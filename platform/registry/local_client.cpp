@@ -300,7 +300,10 @@ Status LocalClient::copy(const KeyRef& source, std::string_view target, const Co
 }
 
 Status LocalClient::check(bool repair, FunctionRef<void(const CheckStep& step)> progress, CheckResult* result) {
-  return check_registry(*store_, identity_, repair, progress, result);
+  // What hangs on nothing has no name.
+  const ChangeDescription description =
+      describe_change(identity_, note_.empty() ? "repair" : note_, {{.kind = Change::Kind::kChangedAtOrBelow}});
+  return check_registry(*store_, identity_, repair ? &description : nullptr, progress, result);
 }
 
 Status LocalClient::status(RegistryStatus* status) {

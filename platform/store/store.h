@@ -281,12 +281,14 @@ class Store {
   // Reads every record, reports those that are damaged or out of place, and counts the sound ones. With `repair`,
   // removes what can be removed without guessing: values of no node, and subtrees without a parent. A damaged root is
   // replaced by one with all rights for the owner of the storage, if that is who repairs, and without any for others.
-  // `progress` is called often.
-  virtual Status check(bool repair, FunctionRef<void(const Finding&)> report,
+  // A repair is a change: `repair` is what the log is to tell of it. Null: nothing is repaired. `progress` is called
+  // often.
+  virtual Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                        FunctionRef<void(const CheckProgress&)> progress, Totals* totals) = 0;
   Status check(bool repair, FunctionRef<void(const Finding&)> report, Totals* totals) {
+    const ChangeDescription description{.note = "repair"};
     return check(
-        repair, report, [](const CheckProgress&) {}, totals);
+        repair ? &description : nullptr, report, [](const CheckProgress&) {}, totals);
   }
 
   // Tells whether the storage belongs to the process's effective user, whom the rights in it do not bind.

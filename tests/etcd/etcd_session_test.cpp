@@ -390,8 +390,9 @@ class EtcdWithoutSpace : public EtcdSession {
   int orphans_found_by(Core& core, bool repair) {
     int orphans = 0;
     Totals totals;
+    const ChangeDescription change;
     EXPECT_TRUE(done(check_registry(
-        core, repair,
+        core, repair ? &change : nullptr,
         [&](const Finding& finding) {
           EXPECT_EQ(finding.kind, Finding::Kind::kOrphan) << finding.detail;
           ++orphans;

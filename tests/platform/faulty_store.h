@@ -147,8 +147,8 @@ class FaultyStore final : public Store {
 
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
-               Totals* totals) override {
+  Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
+               FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {
     if (Status status = next(Call::kCheck); !status.ok()) return status;
     return target_->check(repair, report, progress, totals);
   }

@@ -548,9 +548,10 @@ TEST_F(Lmdb, ACheckReportsItsProgress) {
       last = progress;
     };
     Totals totals;
+    const ChangeDescription change;
     ASSERT_TRUE(store
                     ->check(
-                        repair, [](const Finding&) {}, follow, &totals)
+                        repair ? &change : nullptr, [](const Finding&) {}, follow, &totals)
                     .ok());
     EXPECT_EQ(passes, (std::vector<std::string>{"pages", "records"}));
     EXPECT_GT(last.done, 100u);

@@ -125,16 +125,16 @@ class MemoryStore final : public Store {
 
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
-               Totals* totals) override {
+  Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
+               FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {
     const std::lock_guard one_writer(write_mutex_);
     const std::shared_ptr<const States> former = current();
     auto next = std::make_shared<State>(*former->back());
     const std::uint64_t records = next->nodes.size() + next->values.size();
     check_state(*next, report, totals);
     progress({"records", records, records});
-    if (!repair) return {};
-    next->change = ChangeRecord{{.note = "repair"}, former->back()->change.revision + 1, false};
+    if (repair == nullptr) return {};
+    next->change = ChangeRecord{*repair, former->back()->change.revision + 1, false};
     publish(*former, std::move(next));
     return {};
   }

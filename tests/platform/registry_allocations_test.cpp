@@ -93,7 +93,7 @@ class NotingStore final : public store::Store {
     return target_->purge(choose, description, removed);
   }
   std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
-  Status check(bool repair, FunctionRef<void(const store::Finding&)> report,
+  Status check(const ChangeDescription* repair, FunctionRef<void(const store::Finding&)> report,
                FunctionRef<void(const store::CheckProgress&)> progress, store::Totals* totals) override {
     return target_->check(repair, report, progress, totals);
   }

@@ -529,6 +529,15 @@ TEST_F(ClientTest, CheckNamesWhatIsDamagedAndRepairsWhatItCan) {
   EXPECT_EQ(result.repaired, 2U);
   ASSERT_EQ(result.damages.size(), 2U);
   EXPECT_EQ(result.damages[0].kind, Damage::Kind::kDuplicateId);
+  std::vector<std::string> told;
+  LogPosition position;
+  const auto tell = [&](const ChangeRecord& record) {
+    told.push_back(record.author + ": " + record.note);
+    return Status();
+  };
+  ASSERT_TRUE(root_->changes_since({.range = {.newest_first = true}}, tell, &position).ok());
+  ASSERT_FALSE(told.empty());
+  EXPECT_EQ(told[0], root_->identity().user + ": repair");
 }
 
 TEST_F(ClientTest, CheckNeedsRightsOnTheRoot) {

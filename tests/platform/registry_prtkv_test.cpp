@@ -810,8 +810,8 @@ class ThrowingStore final : public store::Store {
   Status wait(Revision, std::chrono::milliseconds, const std::stop_token&, Revision*) override { throw exception_; }
   Status purge(ChooseNodes, const ChangeDescription&, std::uint64_t*) override { throw exception_; }
   std::size_t preferred_batch_size() const override { return 0; }
-  Status check(bool, FunctionRef<void(const store::Finding&)>, FunctionRef<void(const store::CheckProgress&)>,
-               store::Totals*) override {
+  Status check(const ChangeDescription*, FunctionRef<void(const store::Finding&)>,
+               FunctionRef<void(const store::CheckProgress&)>, store::Totals*) override {
     throw exception_;
   }
   const char* kind() const override { return "throwing"; }

@@ -789,8 +789,17 @@ TEST_P(StoreContract, ACheckFindsWhatHangsOnNothingAndRepairRemovesIt) {
   EXPECT_EQ(found.values, 1u);
 
   findings.clear();
-  ASSERT_TRUE(done(store_->check(true, collect, &found)));
+  const ChangeDescription repair{
+      .author = "ada", .note = "mended", .changes = {{.kind = Change::Kind::kChangedAtOrBelow}}};
+  ASSERT_TRUE(done(store_->check(
+      &repair, collect, [](const CheckProgress&) {}, &found)));
   EXPECT_EQ(findings.size(), 2u);
+  std::vector<ChangeRecord> log;
+  LogPosition position;
+  const auto keep = [&](const ChangeRecord& record) { return log.push_back(record), Status(); };
+  ASSERT_TRUE(done(store_->changes({.newest_first = true}, keep, &position)));
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(static_cast<const ChangeDescription&>(log[0]), repair);
   EXPECT_EQ(totals().nodes, 2u);
   EXPECT_EQ(names_below(top), "");
   EXPECT_EQ(value_of(child), "");

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "store/etcd/build.h"
+#include "store/etcd/change_log.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
 #include "store/record.h"
@@ -27,7 +28,7 @@ class Checker {
 
   Status read();
   void finish(Totals* totals) { check_.finish(totals, &removable_); }
-  Status repair();
+  Status repair(const ChangeDescription& description);
 
  private:
   Status visit(const char* reading, const KeyRange& range, std::int64_t limit,
@@ -39,8 +40,9 @@ class Checker {
   void follow_garbage();
   bool is_left_over(NodeId parent) const;
   void add_value(const KeyValue& record);
-  Status raise_next_id();
-  Status reset_root();
+  void raise_next_id(TxnRequest* request);
+  void reset_root(TxnRequest* request);
+  Status remove_orphans();
 
   Core& core_;
   TreeCheck check_;
@@ -188,29 +190,23 @@ Status Checker::read() {
 
 // Nobody knows which ids above the largest one in use have been used before or reserved by sessions. The counter
 // continues far beyond all of them.
-Status Checker::raise_next_id() {
+void Checker::raise_next_id(TxnRequest* request) {
   constexpr NodeId kBeyond = NodeId{1} << 40;
   meta_.next_id = largest_id_ + kBeyond;
-  TxnRequest request;
-  compare_revision(&request, core_.keys.meta(), meta_revision_);
-  put(request.add_success(), core_.keys.meta(), as_text(encode_meta(meta_)));
-  TxnResponse response;
-  return core_.kv->txn(request, &response, core_.deadline()).status;
+  compare_revision(request, core_.keys.meta(), meta_revision_);
+  put(request->add_success(), core_.keys.meta(), as_text(encode_meta(meta_)));
 }
 
 // The root's id is known, but its rights are lost: the new record grants none, so that only the superuser has access.
-Status Checker::reset_root() {
-  TxnRequest request;
+void Checker::reset_root(TxnRequest* request) {
   const std::string key = core_.keys.node({kNoNode, ""});
-  compare_revision(&request, key, damaged_root_);
-  put(request.add_success(), key, as_text(encode_node(kNoNode, "", Node{kRootNode, {}})));
-  TxnResponse response;
-  return core_.kv->txn(request, &response, core_.deadline()).status;
+  compare_revision(request, key, damaged_root_);
+  put(request->add_success(), key, as_text(encode_node(kNoNode, "", Node{kRootNode, {}})));
 }
 
 // An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its
 // parent, and ids are never reused.
-Status Checker::repair() {
+Status Checker::remove_orphans() {
   TxnRequest batch;
   TxnResponse response;
   const auto send = [&]() -> Status {
@@ -229,24 +225,35 @@ Status Checker::repair() {
   for (const NodeId id : removable_.values) {
     if (Status status = remove_key(core_.keys.value(id)); !status.ok()) return status;
   }
-  if (Status status = send(); !status.ok()) return status;
-  if (damaged_root_ != 0) {
-    if (Status status = reset_root(); !status.ok()) return status;
-  }
-  return meta_is_low_ ? raise_next_id() : Status();
+  return send();
+}
+
+// What the tree shows is changed in one transaction, and the log tells of it. Nobody sees the orphans, so they can be
+// removed before, and also where there is no space for more.
+Status Checker::repair(const ChangeDescription& description) {
+  if (Status status = remove_orphans(); !status.ok()) return status;
+  TxnRequest request;
+  if (damaged_root_ != 0) reset_root(&request);
+  if (meta_is_low_) raise_next_id(&request);
+  const bool is_needed = request.success_size() > 0;
+  if (!is_needed && removable_.nodes.empty() && removable_.values.empty()) return {};
+  put(request.add_success(), core_.keys.log(), ChangeLog::encode(description));
+  TxnResponse response;
+  Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  return status.is(PRTKV_STORAGE_FULL) && !is_needed ? Status() : status;
 }
 
 }  // namespace
 
-Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
+Status check_registry(Core& core, const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
-  if (repair) {
+  if (repair != nullptr) {
     if (Status status = core.sweeper.sweep_for_repair(); !status.ok()) return status;
   }
   Checker checker(core, report, progress);
   if (Status status = checker.read(); !status.ok()) return status;
   checker.finish(totals);
-  return repair ? checker.repair() : Status();
+  return repair != nullptr ? checker.repair(*repair) : Status();
 }
 
 }  // namespace tkv::store::etcd

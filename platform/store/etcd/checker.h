@@ -9,7 +9,7 @@ namespace tkv::store::etcd {
 
 // As Store::check. Keys that wait to be removed or that are staged are not reported. With `repair`, they are removed if
 // their owner's session has ended. Orphans are kept as long as a damaged entry may be their parent.
-Status check_registry(Core& core, bool repair, FunctionRef<void(const Finding&)> report,
+Status check_registry(Core& core, const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals);
 
 }  // namespace tkv::store::etcd

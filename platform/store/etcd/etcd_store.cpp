@@ -77,8 +77,8 @@ class EtcdStore final : public Store {
 
   std::size_t preferred_batch_size() const override { return kPreferredBatchSize; }
 
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
-               Totals* totals) override {
+  Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
+               FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {
     return guarded([&] { return check_registry(core_, repair, report, progress, totals); });
   }
 

@@ -224,8 +224,8 @@ class LmdbStore final : public Store {
               Revision* revision) override;
   Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override;
   std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
-  Status check(bool repair, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
-               Totals* totals) override;
+  Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
+               FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override;
   bool is_own() const override { return environment_.is_own(); }
   const char* kind() const override { return "lmdb"; }
   Status status(StoreStatus* status) override;
@@ -237,8 +237,8 @@ class LmdbStore final : public Store {
                    std::int32_t* type, std::size_t* size);
   Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                     Totals* totals);
-  Status check_and_repair(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
-                          Totals* totals);
+  Status check_and_repair(const ChangeDescription& repair, FunctionRef<void(const Finding&)> report,
+                          FunctionRef<void(const CheckProgress&)> progress, Totals* totals);
   sec_attr security_of_repaired_root() const;
   Status read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function);
   Status may_write() const;
@@ -504,9 +504,9 @@ Status LmdbStore::wait(Revision after, std::chrono::milliseconds timeout, const 
   }
 }
 
-Status LmdbStore::check(bool repair, FunctionRef<void(const Finding&)> report,
+Status LmdbStore::check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                         FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
-  return repair ? check_and_repair(report, progress, totals) : check_only(report, progress, totals);
+  return repair != nullptr ? check_and_repair(*repair, report, progress, totals) : check_only(report, progress, totals);
 }
 
 Status LmdbStore::check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
@@ -529,7 +529,7 @@ sec_attr LmdbStore::security_of_repaired_root() const {
   return security;
 }
 
-Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
+Status LmdbStore::check_and_repair(const ChangeDescription& repair, FunctionRef<void(const Finding&)> report,
                                    FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
   // Only the attempt that is committed is reported.
   std::vector<Finding> findings;
@@ -542,7 +542,7 @@ Status LmdbStore::check_and_repair(FunctionRef<void(const Finding&)> report,
         if (Status read = check.read(environment_.file(), update.former(), progress); !read.ok()) return read;
         TreeCheck::Removable removable;
         check.finish(totals, &removable);
-        update.describe({.note = "repair"});
+        update.describe(repair);
         if (check.counter_is_unusable()) {
           const Status restarted =
               update.restart_counter(check.largest_id(), check.largest_revision(), check.meta_is_damaged());
