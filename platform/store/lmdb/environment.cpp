@@ -78,9 +78,11 @@ struct EnvironmentTable {
 
 Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   EnvironmentTable& table = EnvironmentTable::instance();
-  const std::lock_guard lock(table.mutex);
   std::unique_ptr<const RegistryFiles> files;
+  // Creating a registry waits for the disk, so the table is not locked yet. Threads may do this at once, like
+  // processes.
   if (Status status = RegistryFiles::open(options, &files); !status.ok()) return status;
+  const std::lock_guard lock(table.mutex);
   Environment* const open = table.find(files->directory());
   if (open == nullptr) return open_anew(options, std::move(files), table, environment);
   if (open->files_->data() != files->data() || open->files_->lock() != files->lock()) return open->files_replaced();
