@@ -20,18 +20,21 @@ Status set_field(char (&field)[TKV_NAME_SIZE], const char* what, const std::stri
 
 bool is_outside(std::int32_t mask) { return (mask & ~TKV_RIGHT_ALL) != 0; }
 
-bool has_group(const Identity& identity, std::string_view name) {
-  return !name.empty() && std::find(identity.groups.begin(), identity.groups.end(), name) != identity.groups.end();
+// Whether a field holds a name. No field holds the empty one.
+bool holds(const char (&field)[TKV_NAME_SIZE], std::string_view name) {
+  if (name.empty() || name.size() > sizeof field) return false;
+  return std::memcmp(field, name.data(), name.size()) == 0 &&
+         (name.size() == sizeof field || field[name.size()] == '\0');
 }
 
 }  // namespace
 
 AccessReason explain_access(const Identity& identity, const sec_attr& security) {
   AccessReason reason;
-  const std::string_view user = user_of(security);
   reason.superuser = identity.superuser;
-  reason.owner = !user.empty() && user == identity.user;
-  reason.group = has_group(identity, group_of(security));
+  reason.owner = holds(security.user_name, identity.user);
+  reason.group = std::any_of(identity.groups.begin(), identity.groups.end(),
+                             [&](const std::string& group) { return holds(security.group_name, group); });
   reason.owner_grants = reason.owner ? security.user_perm : 0;
   reason.group_grants = reason.group ? security.group_perm : 0;
   reason.other_grants = security.other_perm;

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "base/limits.h"
@@ -22,7 +21,7 @@ struct Argument {
   const char* name;
 };
 
-inline Status null_argument(const char* name) { return {PRTKV_NULL_ARGUMENT, std::string("null argument: ") + name}; }
+Status null_argument(const char* name);
 
 // Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
 inline Status demand(std::initializer_list<Argument> arguments) {

@@ -132,6 +132,11 @@ Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span
       store_->copy_value(known->state, known->id, place_of(*known), buffer, type, size)) {
     return {};
   }
+  return read_anew(name, known, buffer, type, size);
+}
+
+Status LocalClient::read_anew(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                              std::size_t* size) {
   KnownKey found;
   std::int32_t found_type = 0;
   std::size_t found_size = 0;

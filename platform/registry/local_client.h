@@ -76,6 +76,10 @@ class LocalClient final : public Client {
 
   bool is_up_to_date(const KnownKey& known);
 
+  // As read_known, of a key about which too little is known or of which that is out of date.
+  Status read_anew(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                   std::size_t* size);
+
   // As read, but for functions that visit many keys. It runs once.
   Status read_all(FunctionRef<Status(Reader& tree)> function);
 

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <bit>
 
 #include "base/utf8.h"
 
@@ -19,6 +20,40 @@ unsigned char byte_at(std::string_view text, std::size_t at) {
 }
 
 bool is_trail(unsigned char byte) { return (byte & 0xc0) == 0x80; }
+
+// Eight bytes of a text, the first of them lowest.
+std::uint64_t word_at(std::string_view text, std::size_t at) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, text.data() + at, sizeof word);
+  return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+}
+
+// The number of bytes of a word before the first one that is a separator, zero or above 0x7f. A byte of the difference
+// borrows only from those after a zero, so the first one that is found is right.
+std::size_t plain_bytes(std::uint64_t word) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  constexpr std::uint64_t kHighBits = 0x80 * kOnes;
+  const auto zeros = [](std::uint64_t bytes) { return (bytes - kOnes) & ~bytes; };
+  const std::uint64_t found = (word | zeros(word) | zeros(word ^ kSeparator * kOnes)) & kHighBits;
+  return static_cast<std::size_t>(std::countr_zero(found)) / 8;  // all 8 if there is none
+}
+
+// The end of the characters from `at` on that need no further look, which are nearly all of a name: the next byte that
+// is a separator, zero or above 0x7f, or the end of the text.
+std::size_t plain_end(std::string_view text, std::size_t at) {
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  for (; at + kWord <= text.size(); at += kWord) {
+    if (const std::size_t plain = plain_bytes(word_at(text, at)); plain < kWord) return at + plain;
+  }
+  if (text.size() >= kWord && at < text.size()) {
+    // The last word without what comes before `at`. Zeros stand for the end.
+    const std::size_t left = text.size() - at;
+    return at + plain_bytes(word_at(text, text.size() - kWord) >> 8 * (kWord - left));
+  }
+  const auto is_plain = [&](unsigned char byte) { return byte != 0 && byte != kSeparator && byte < 0x80; };
+  while (at < text.size() && is_plain(byte_at(text, at))) ++at;
+  return at;
+}
 
 // The size of the character at `at`. A character that is not well-formed modified UTF-8, or is NUL, has none.
 std::size_t character_size(std::string_view text, std::size_t at) {
@@ -71,14 +106,11 @@ Status check_name(std::string_view name) {
   std::size_t start = 0;  // of the level
   std::size_t levels = 1;
   std::size_t at = 0;
-  while (at < name.size()) {
-    const unsigned char byte = byte_at(name, at);
-    if (byte == kSeparator) {
+  while ((at = plain_end(name, at)) < name.size()) {
+    if (name[at] == kSeparator) {
       if (!is_level_size(at - start)) return wrong_level_size(at - start);
       ++levels;
       start = ++at;
-    } else if (byte != 0 && byte < 0x80) {  // nearly every character
-      ++at;
     } else {
       const std::size_t size = character_size(name, at);
       if (size == 0) return ill_formed();

@@ -24,6 +24,10 @@ constexpr std::size_t kMetaRecordSize1 = 28;
 template <typename Integer>
 void put(std::byte* at, Integer value) {
   auto bits = static_cast<std::make_unsigned_t<Integer>>(value);
+  if constexpr (std::endian::native == std::endian::little) {  // compilers do not make one store of the loop
+    std::memcpy(at, &bits, sizeof bits);
+    return;
+  }
   for (std::size_t i = 0; i < sizeof bits; ++i) at[i] = static_cast<std::byte>(bits >> (8 * i));
 }
 

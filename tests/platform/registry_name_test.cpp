@@ -31,6 +31,24 @@ struct NameCase {
 
 class Name : public ::testing::TestWithParam<NameCase> {};
 
+// Names are checked several bytes at a time: each byte counts, wherever it is among the others.
+TEST(NameCheck, FindsASpecialByteAtEachPlaceOfNamesOfEachSize) {
+  for (std::size_t size = 3; size <= 40; ++size) {
+    EXPECT_TRUE(check_name(std::string(size, '~')).ok()) << size;
+    for (std::size_t at = 0; at < size; ++at) {
+      const auto with = [&](const std::string& special) {
+        return std::string(size, 'n').replace(at, special.size(), special).substr(0, size);
+      };
+      const bool is_inside = at > 0 && at + 1 < size;
+      EXPECT_EQ(check_name(with(".")).ok(), is_inside) << size << ' ' << at;
+      EXPECT_FALSE(check_name(with("..")).ok()) << size << ' ' << at;
+      EXPECT_FALSE(check_name(with(std::string(1, '\0'))).ok()) << size << ' ' << at;
+      EXPECT_FALSE(check_name(with("\x80")).ok()) << size << ' ' << at;
+      EXPECT_EQ(check_name(with("\xc3\xa9")).ok(), at + 1 < size) << size << ' ' << at;
+    }
+  }
+}
+
 TEST_P(Name, IsCheckedAsAFullAndAsARelativeName) {
   const prtkv_result expected = GetParam().good ? PRTKV_DONE : PRTKV_INVALID_NAME;
   EXPECT_EQ(check_name(GetParam().name).code(), expected) << GetParam().claim;

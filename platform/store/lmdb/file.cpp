@@ -118,6 +118,9 @@ int put(MDB_txn* txn, const Key& key, std::span<const std::byte> record) {
   return mdb_put(txn, kDatabase, &key_val, &data, 0);
 }
 
+std::uint64_t reversed(std::uint64_t number) { return __builtin_bswap64(number); }
+std::uint32_t reversed(std::uint32_t number) { return __builtin_bswap32(number); }
+
 std::uint64_t number_of(std::span<const std::byte> bytes) {
   std::uint64_t number = 0;
   for (const std::byte byte : bytes) number = number << 8 | std::to_integer<std::uint64_t>(byte);
@@ -144,6 +147,14 @@ int write_first_state(MDB_env* env, const sec_attr& root_security) {
 
 }  // namespace
 
+// The high byte first.
+template <typename Integer>
+void Key::put_number(Integer number) {
+  if constexpr (std::endian::native == std::endian::little) number = reversed(number);
+  std::memcpy(bytes_.data() + size_, &number, sizeof number);
+  size_ += sizeof number;
+}
+
 Key Key::meta() {
   Key key;
   key.bytes_[0] = kMetaKey;
@@ -164,7 +175,7 @@ Key Key::change(Revision revision, std::uint32_t part) {
   key.bytes_[0] = kMetaKey;
   key.size_ = 1;
   key.put_number(~revision);
-  key.put_number(part, sizeof part);
+  key.put_number(part);
   return key;
 }
 
@@ -177,10 +188,6 @@ Key Key::node(NodeId parent, std::string_view name) {
   if (!name.empty()) std::memcpy(key.bytes_.data() + key.size_, name.data(), name.size());
   key.size_ += name.size();
   return key;
-}
-
-void Key::put_number(std::uint64_t number, std::size_t size) {
-  for (std::size_t left = size; left > 0; --left) bytes_[size_++] = static_cast<std::byte>(number >> (8 * (left - 1)));
 }
 
 bool read_key(std::span<const std::byte> key, KeyParts* parts) {

@@ -51,7 +51,8 @@ class Key {
 
  private:
   Key() = default;
-  void put_number(std::uint64_t number, std::size_t size = sizeof(std::uint64_t));
+  template <typename Integer>
+  void put_number(Integer number);
 
   std::array<std::byte, 1 + 8 + kMaxLevelSize> bytes_;
   std::size_t size_ = 0;

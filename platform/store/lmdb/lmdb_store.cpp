@@ -268,7 +268,7 @@ Status LmdbStore::damaged(const LmdbAssertion& broken) const {
 Status LmdbStore::read_for(ReadTransaction::Length length, FunctionRef<Status(View&)> function) {
   ReadTransaction transaction(environment_, length);
   if (Status status = transaction.begin(); !status.ok()) return status;
-  LmdbView view(transaction);
+  LmdbView view(transaction, length);
   return function(view);
 }
 
@@ -456,7 +456,7 @@ Status LmdbStore::read_at(Revision revision, FunctionRef<Status(View&)> function
   if (Status status = find_meta(transaction.state(), &meta); !status.ok()) return status;
   if (Status status = check_retained(revision, meta); !status.ok()) return status;
   if (Status status = past_since(revision, transaction.state(), meta, &past); !status.ok()) return status;
-  LmdbView present(transaction);
+  LmdbView present(transaction, ReadTransaction::Length::kLong);
   PastView view(present, *past, revision);
   return function(view);
 }

@@ -8,28 +8,30 @@
 
 namespace tkv::store {
 
-// The state that a read transaction sees.
+// The state that a read transaction sees. A long read checks each page as a whole only once. A short one, which visits
+// few pages and must not allocate, keeps no record of them.
 class LmdbView final : public View {
  public:
-  explicit LmdbView(const ReadTransaction& transaction) : transaction_(transaction) {}
+  LmdbView(const ReadTransaction& transaction, ReadTransaction::Length length)
+      : transaction_(transaction), length_(length) {}
 
   std::uint64_t state() override { return file_state().transaction; }
   Status find(NodeId parent, std::string_view name, Node* node) override {
     return find_node(file_state(), parent, name, node);
   }
-  Status value(NodeId id, Value* value) override { return find_value(file_state(), id, value); }
+  Status value(NodeId id, Value* value) override { return find_value(file_state(), id, value, checked()); }
   Status value_up_to(NodeId id, std::size_t capacity, Value* value, std::size_t* size, ValuePlace* place) override {
     return find_value_up_to(file_state(), id, capacity, value, size, place);
   }
   ValuePlace place_of_value(NodeId id) override { return store::place_of_value(file_state(), id); }
   Status children(NodeId parent, VisitChild visit) override {
-    return visit_children(file_state(), parent, visit, kEndAtDamage);
+    return visit_children(file_state(), parent, visit, kEndAtDamage, checked());
   }
   Status children_with_damage(NodeId parent, VisitChild visit, VisitDamagedChild damaged) override {
-    return visit_children(file_state(), parent, visit, damaged);
+    return visit_children(file_state(), parent, visit, damaged, checked());
   }
   Status has_children(NodeId parent, bool* answer) override {
-    return store::has_children(file_state(), parent, answer);
+    return store::has_children(file_state(), parent, answer, checked());
   }
 
   // Read once for each state.
@@ -56,15 +58,20 @@ class LmdbView final : public View {
 
  private:
   const FileState& file_state() const { return transaction_.state(); }
+  CheckedPages* checked() { return length_ == ReadTransaction::Length::kLong ? &checked_ : nullptr; }
 
   const ReadTransaction& transaction_;
+  const ReadTransaction::Length length_;
+  CheckedPages checked_;
 };
 
-// The state before an update, while the update is being made.
+// The state before an update, while the update is being made. Updates may visit many nodes.
 class FormerView final : public View {
  public:
   explicit FormerView(Environment& environment)
-      : transaction_(environment, ReadTransaction::Length::kShort), begun_(transaction_.begin()), view_(transaction_) {}
+      : transaction_(environment, ReadTransaction::Length::kShort),
+        begun_(transaction_.begin()),
+        view_(transaction_, ReadTransaction::Length::kLong) {}
 
   Status find(NodeId parent, std::string_view name, Node* node) override {
     return begun_.ok() ? view_.find(parent, name, node) : begun_;

@@ -108,9 +108,10 @@ Status find_node(const FileState& state, NodeId parent, std::string_view name, N
 namespace {
 
 // A record that is absent has no bytes.
-Status find_value_record(const FileState& state, NodeId id, std::span<const std::byte>* record) {
+Status find_value_record(const FileState& state, NodeId id, std::span<const std::byte>* record,
+                         CheckedPages* checked = nullptr) {
   const Key key = Key::value(id);
-  TreeCursor cursor(state);
+  TreeCursor cursor(state, checked);
   bool found = false;
   *record = {};
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
@@ -130,9 +131,9 @@ ValuePlace place_of_record(const FileState& state, std::span<const std::byte> re
 
 }  // namespace
 
-Status find_value(const FileState& state, NodeId id, Value* value) {
+Status find_value(const FileState& state, NodeId id, Value* value, CheckedPages* checked) {
   std::span<const std::byte> record;
-  if (Status status = find_value_record(state, id, &record); !status.ok()) return status;
+  if (Status status = find_value_record(state, id, &record, checked); !status.ok()) return status;
   if (!record.empty()) return decode_value_of(id, record, value);
   *value = Value{};
   return {};
@@ -194,10 +195,11 @@ Status check_format(const FileState& state) {
   return status.is(PRTKV_UNUSABLE) ? status.about("the record of the registry itself") : Status();
 }
 
-Status has_children(const FileState& state, NodeId parent, bool* answer) {
-  return meets_child(
-      [&](VisitChild visit, VisitDamagedChild damaged) { return visit_children(state, parent, visit, damaged); },
-      answer);
+Status has_children(const FileState& state, NodeId parent, bool* answer, CheckedPages* checked) {
+  const auto walk = [&](VisitChild visit, VisitDamagedChild damaged) {
+    return visit_children(state, parent, visit, damaged, checked);
+  };
+  return meets_child(walk, answer);
 }
 
 Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool* answer) {
@@ -214,9 +216,10 @@ Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool
   return *answer ? Status() : doubt;
 }
 
-Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged) {
+Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged,
+                      CheckedPages* checked) {
   const Key prefix = Key::node(parent);
-  TreeCursor cursor(state);
+  TreeCursor cursor(state, checked);
   PageDamage damage = seek_children(&cursor, prefix, parent);
   for (; !damage && !cursor.at_end(); damage = cursor.next()) {
     std::span<const std::byte> key;

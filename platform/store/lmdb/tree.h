@@ -24,20 +24,21 @@ using VisitDamagedChild = FunctionRef<Status(std::string_view name, const Status
 // A VisitDamagedChild that ends the walk.
 constexpr auto kEndAtDamage = [](std::string_view /*name*/, const Status& damage) { return damage; };
 
-// See View.
+// See View. `checked`: see TreeCursor.
 Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node);
-Status find_value(const FileState& state, NodeId id, Value* value);
+Status find_value(const FileState& state, NodeId id, Value* value, CheckedPages* checked = nullptr);
 Status find_value_up_to(const FileState& state, NodeId id, std::size_t capacity, Value* value, std::size_t* size,
                         ValuePlace* place);
 ValuePlace place_of_value(const FileState& state, NodeId id);
 Status find_meta(const FileState& state, Meta* meta);
 // Refuses a registry whose record of itself has a newer format.
 Status check_format(const FileState& state);
-Status has_children(const FileState& state, NodeId parent, bool* answer);
+Status has_children(const FileState& state, NodeId parent, bool* answer, CheckedPages* checked = nullptr);
 // Tells whether `walk`, a walk over the children of a node, meets one. A sound child is proof that there are children.
 // A damaged one is not: it may belong elsewhere. If there are only damaged ones, the result is their failure.
 Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool* answer);
-Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged);
+Status visit_children(const FileState& state, NodeId parent, VisitChild visit, VisitDamagedChild damaged,
+                      CheckedPages* checked = nullptr);
 
 // Makes sure that there is no record under `key`: for a cursor that has searched for it in vain. A damaged record
 // beside the gap, under a key of the same length, may be the one sought. Readers cannot tell, and report it; a writer

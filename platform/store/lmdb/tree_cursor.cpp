@@ -182,13 +182,19 @@ PageDamage TreeCursor::check_range(int level) const {
 
 PageDamage TreeCursor::check_page(int level) const {
   const Page& page = levels_[static_cast<std::size_t>(level)].page;
-  if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) return {page.number(), defect};
+  if (!is_checked(page)) {
+    PageDefect defect = page.check_nodes(state_.page_count, keys_);
+    if (defect != nullptr) return {page.number(), defect};
+    if (checked_ != nullptr) checked_->add(page.number());
+  }
   return keys_ == Page::Keys::kBytes ? check_range(level) : PageDamage{};
 }
 
+// A path leads to one leaf page at least that was not reached before: it stands for all pages of the path.
 PageDamage TreeCursor::check_leaf() const {
+  const bool is_known = is_checked(leaf().page);
   if (PageDamage damage = check_page(leaf_level())) return damage;
-  return keys_ == Page::Keys::kBytes ? check_in_use() : PageDamage{};
+  return keys_ == Page::Keys::kBytes && !is_known ? check_in_use() : PageDamage{};
 }
 
 // A branch page that has lost a child leads past it.

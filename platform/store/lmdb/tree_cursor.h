@@ -27,6 +27,7 @@ class CheckedPages {
  public:
   // Adds a page. Returns false if it was in the set before.
   bool add(std::uint64_t number);
+  bool has(std::uint64_t number) const { return number < pages_.size() && pages_[number]; }
   void clear() { pages_.clear(); }
 
  private:
@@ -36,7 +37,12 @@ class CheckedPages {
 class TreeCursor {
  public:
   TreeCursor(const FileState& state, const TreeRoot& tree, Page::Keys keys) : state_(state), tree_(tree), keys_(keys) {}
-  explicit TreeCursor(const FileState& state) : TreeCursor(state, state.records, Page::Keys::kBytes) {}
+  // Pages in `checked` are not checked as a whole again, and those that are checked are added to it. It is null, or
+  // belongs to this state and outlives the cursor.
+  explicit TreeCursor(const FileState& state, CheckedPages* checked = nullptr)
+      : TreeCursor(state, state.records, Page::Keys::kBytes) {
+    checked_ = checked;
+  }
 
   // Goes to the entry with `key` and sets `*found`, or to the gap where it would be. After a gap, only
   // confirm_absence(), enter_gap() and another search may follow. For trees whose keys are bytes.
@@ -94,6 +100,7 @@ class TreeCursor {
   PageDamage next_leaf();
   PageDamage neighbour_key(Edge towards, std::span<const std::byte>* key) const;
   PageDamage record_of(const PageNode& node, std::span<const std::byte>* record) const;
+  bool is_checked(const Page& page) const { return checked_ != nullptr && checked_->has(page.number()); }
   PageDamage check_page(int level) const;
   PageDamage check_leaf() const;
   PageDamage check_range(int level) const;
@@ -103,6 +110,7 @@ class TreeCursor {
   const FileState& state_;
   const TreeRoot& tree_;
   const Page::Keys keys_;
+  CheckedPages* checked_ = nullptr;
   bool at_end_ = false;
   bool found_ = false;                       // by the latest seek()
   std::array<Level, kMaxTreeDepth> levels_;  // the first tree_.depth, once a search has filled them
