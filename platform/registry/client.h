@@ -45,6 +45,7 @@
 #include "base/change.h"
 #include "base/function_ref.h"
 #include "base/identity.h"
+#include "base/state_memory.h"
 #include "base/status.h"
 #include "registry/batch.h"
 #include "registry/configuration.h"
@@ -129,6 +130,11 @@ class Client : public KeyReader {
   // before it. The number may be one ahead of what a read shows: label what was read with KnownKey::state, never with
   // this.
   virtual std::uint64_t latest_state() = 0;
+
+  // Memory that shows the number of the latest state without a call of the client, or null if there is none. It notices
+  // whatever latest_state() notices when that, or another call of this process, looks at the registry next. It may
+  // outlive the client, and shows zero once the last client of the registry in this process has ended.
+  virtual std::shared_ptr<const StateMemory> state_memory() = 0;
 
   Status find(const KeyRef& key, KeyId* id) override;
 

@@ -90,12 +90,9 @@ Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* 
       revision);
 }
 
-bool LocalClient::is_up_to_date(const KnownKey& known) {
-  return known.state != 0 && known.state == store_->latest_state();
-}
-
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
-  if (is_up_to_date(*known) && (key.id == kAnyKey || key.id == known->id)) return {};
+  const bool is_up_to_date = known->state != 0 && known->state == store_->latest_state();
+  if (is_up_to_date && (key.id == kAnyKey || key.id == known->id)) return {};
   KnownKey found = *known;
   Status status = read([&](Reader& tree) {
     found = *known;

@@ -24,6 +24,7 @@ class LocalClient final : public Client {
   const Configuration& configuration() const override { return configuration_; }
 
   std::uint64_t latest_state() override { return store_->latest_state(); }
+  std::shared_ptr<const StateMemory> state_memory() override { return store_->state_memory(); }
   Status look_up(const KeyRef& key, KnownKey* known) override;
   Status stat(const KeyRef& key, KeyInfo* info) override;
   Status read_value(const KeyRef& key, TypedValue* value) override;
@@ -73,8 +74,6 @@ class LocalClient final : public Client {
  private:
   // Runs `function` on one state of the tree. It may run more than once: it must set its results anew each time.
   Status read(FunctionRef<Status(Reader& tree)> function);
-
-  bool is_up_to_date(const KnownKey& known);
 
   // As read_known, of a key about which too little is known or of which that is out of date.
   Status read_anew(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,

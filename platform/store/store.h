@@ -38,6 +38,7 @@
 
 #include "base/change.h"
 #include "base/function_ref.h"
+#include "base/state_memory.h"
 #include "base/status.h"
 #include "base/store_status.h"
 #include "sec_attr.h"
@@ -226,6 +227,10 @@ class Store {
   // view is therefore labelled with the view's number. As long as the label equals the latest number, what was read is
   // up to date.
   virtual std::uint64_t latest_state() { return 0; }
+
+  // The same number as memory, or null if the store has none. What is read from it may be later than what
+  // latest_state() has returned, never earlier; it is zero instead of being wrong.
+  virtual std::shared_ptr<const StateMemory> state_memory() { return nullptr; }
 
   // Copies the bytes of a value that a view of `state` found at `place`, if that state is the latest one and remains so
   // meanwhile. A value that does not fit into `buffer` is not copied. Returns true if `*type` (unless it does not fit)

@@ -234,6 +234,67 @@ TEST_F(Lmdb, TheLatestStateIsThatOfTheLastAcknowledgedWrite) {
   EXPECT_EQ(in_child([&] { return static_cast<int>(store->latest_state()); }), 0) << "in a child of the process";
 }
 
+// As a reader that has nothing but the memory.
+std::uint64_t number_in(const StateMemory& memory) {
+  const auto* const first = reinterpret_cast<const std::uint64_t*>(memory.bytes().data());
+  const auto* const last = reinterpret_cast<const std::uint64_t*>(memory.bytes().data() + memory.bytes().size()) - 1;
+  return std::max(__atomic_load_n(first, __ATOMIC_ACQUIRE), __atomic_load_n(last, __ATOMIC_ACQUIRE));
+}
+
+TEST_F(Lmdb, TheStateMemoryShowsTheLatestState) {
+  const auto store = open();
+  const auto memory = store->state_memory();
+  ASSERT_NE(memory, nullptr);
+  const std::uint64_t before = store->latest_state();
+  ASSERT_NE(before, 0u);
+  EXPECT_EQ(number_in(*memory), before);
+  ASSERT_TRUE(set_text(*store, kRootNode, "here").ok());
+  EXPECT_EQ(number_in(*memory), before + 1);
+  EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "elsewhere").ok() ? 0 : 1; }), 0);
+  EXPECT_EQ(number_in(*memory), before + 2);
+  EXPECT_EQ(in_child([&] { return static_cast<int>(number_in(*memory)); }), 0) << "in a child of the process";
+  EXPECT_EQ(number_in(*memory), before + 2) << "the child leaves the parent's as it is";
+}
+
+TEST_F(Lmdb, TheStateMemoryOutlivesTheStoreAndShowsNothingAnyMore) {
+  auto first = open();
+  auto second = open();
+  const auto memory = first->state_memory();
+  first.reset();
+  EXPECT_EQ(number_in(*memory), second->latest_state()) << "while another store is open on the same files";
+  second.reset();
+  EXPECT_EQ(number_in(*memory), 0u);
+  const auto again = open();
+  EXPECT_EQ(number_in(*memory), 0u) << "the memory of a former opening";
+  EXPECT_NE(number_in(*again->state_memory()), 0u);
+}
+
+TEST_F(Lmdb, TheStateMemoryShowsNothingOnceTheFilesWereFoundReplaced) {
+  for (const auto& [what, replace] : kReplacements) {
+    SCOPED_TRACE(what);
+    options_.directory = temporary_ / what;
+    const auto store = open();
+    const auto memory = store->state_memory();
+    ASSERT_TRUE(set_text(*store, kRootNode, "before").ok());
+    replace(options_.directory);
+    EXPECT_TRUE(set_text(*store, kRootNode, "after").is(PRTKV_UNUSABLE));
+    EXPECT_EQ(number_in(*memory), 0u);
+  }
+}
+
+TEST_F(Lmdb, TheStateMemoryShowsNothingOnceTheFileWasFoundTruncated) {
+  const auto store = open();
+  const auto memory = store->state_memory();
+  NodeId id = kNoNode;
+  ASSERT_TRUE(add_node(*store, kRootNode, "a", &id).ok());
+  ASSERT_TRUE(set_text(*store, id, std::string(kMiB, 'v')).ok());
+  EXPECT_EQ(text_of(*store, id).size(), kMiB);
+  fs::resize_file(data_file(), 0);
+  std::string text;
+  EXPECT_TRUE(get_text(*store, id, &text).is(PRTKV_STORAGE_FAILED));
+  EXPECT_EQ(number_in(*memory), 0u);
+}
+
 TEST_F(Lmdb, AValueIsCopiedFromItsPlaceOnlyInTheStateThatItWasFoundIn) {
   const auto store = open();
   ASSERT_TRUE(set_text(*store, kRootNode, "first").ok());

@@ -68,6 +68,7 @@ struct EnvironmentTable {
                      for (Environment* environment : instance().open) {
                        environment->writers_.abandon_in_child();
                        environment->writer_lock_.close_in_child();
+                       environment->meta_pages_.withdraw();
                      }
                      instance().open.clear();
                      instance().mutex.unlock();
@@ -148,6 +149,7 @@ Status Environment::files_replaced() const {
 Status Environment::check_files() {
   if (!files_replaced_ && files_->are_in_place()) return {};
   files_replaced_ = true;
+  meta_pages_.withdraw();
   return files_replaced();
 }
 
@@ -159,6 +161,7 @@ Status Environment::check_size() {
   if (Status status = files_->data_size(&size); !status.ok()) return status;
   if (size > seen) seen_size_.store(size);
   if (size >= seen) return {};
+  meta_pages_.withdraw();
   return {PRTKV_STORAGE_FAILED, "the registry's file in '" + directory_ + "' was truncated from " +
                                     std::to_string(seen) + " to " + std::to_string(size) + " bytes"};
 }

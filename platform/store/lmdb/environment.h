@@ -71,6 +71,9 @@ class Environment {
   // were found replaced or truncated. A truncated file is noticed when the coarse clock next ticks.
   std::uint64_t latest_state();
 
+  // See Store::state_memory. Shows zero from when the environment is closed.
+  std::shared_ptr<const StateMemory> state_memory() const { return meta_pages_.memory(); }
+
   // Copies bytes of the data file that belong to the state of this number. Returns true if that state was the latest
   // throughout: LMDB overwrites no page of a state before the second commit after it. `copy` is unspecified otherwise.
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);

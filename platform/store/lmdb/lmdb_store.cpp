@@ -214,6 +214,7 @@ class LmdbStore final : public Store {
     return read_for(ReadTransaction::Length::kLong, function);
   }
   std::uint64_t latest_state() override { return environment_.latest_state(); }
+  std::shared_ptr<const StateMemory> state_memory() override { return environment_.state_memory(); }
   bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                   std::int32_t* type, std::size_t* size) override;
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;

@@ -7,12 +7,17 @@
 //
 // The pages are mapped apart from LMDB's own map, which is replaced when the registry grows. The map is made through
 // LMDB's descriptor and needs none of its own; the data file carries no locks.
+//
+// Others can read the numbers as well (see memory()), for longer than this object lives: what they hold is cut off from
+// the file then, so that it keeps neither the file's disk space nor its former numbers.
 #ifndef TKV_PLATFORM_STORE_LMDB_META_PAGE_MAP_H
 #define TKV_PLATFORM_STORE_LMDB_META_PAGE_MAP_H
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
+#include "base/state_memory.h"
 #include "store/lmdb/layout.h"
 
 namespace tkv::store {
@@ -20,12 +25,19 @@ namespace tkv::store {
 class MetaPageMap {
  public:
   MetaPageMap() = default;
-  ~MetaPageMap();
+  ~MetaPageMap() { withdraw(); }
   MetaPageMap(const MetaPageMap&) = delete;
   MetaPageMap& operator=(const MetaPageMap&) = delete;
 
-  // Maps the pages of an open data file. Without success, latest() is 0. Call once.
+  // Maps the pages of an open data file. Without success, latest() is 0. Call once. Throws std::bad_alloc.
   void open(int file, std::size_t page_size);
+
+  // From now on, latest() is 0, and so is what memory() shows. Any thread may call this, and a forked child, where it
+  // leaves the parent as it is.
+  void withdraw() noexcept;
+
+  // The numbers, or null if the pages are not mapped.
+  std::shared_ptr<const StateMemory> memory() const { return memory_; }
 
   // Any thread may call this. The file must hold both pages: a truncated one raises SIGBUS.
   std::uint64_t latest() const {
@@ -36,9 +48,10 @@ class MetaPageMap {
   }
 
  private:
-  void* address_ = nullptr;
-  std::size_t size_ = 0;
-  const std::uint64_t* numbers_[kMetaPages] = {};
+  class Pages;
+
+  std::shared_ptr<const StateMemory> memory_;
+  const std::uint64_t* numbers_[kMetaPages] = {};  // within memory_
 };
 
 }  // namespace tkv::store
