@@ -4,10 +4,13 @@
 
 #include <jni.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <stop_token>
 #include <utility>
 
+#include "base/state_memory.h"
 #include "base/status.h"
 #include "handle_table.h"
 #include "registry/client.h"
@@ -21,10 +24,17 @@ constexpr jlong kPresent = 0;
 class OpenRegistry {
  public:
   OpenRegistry(std::shared_ptr<registry::Client> client, bool read_only)
-      : client_(std::move(client)), read_only_(read_only) {}
+      : client_(std::move(client)), state_memory_(client_->state_memory()), read_only_(read_only) {}
 
   registry::Client& client() const { return *client_; }
   HandleTable<registry::Snapshot>& snapshots() { return snapshots_; }
+
+  // Null if the registry does not number its states. See Client::state_memory.
+  const std::shared_ptr<const StateMemory>& state_memory() const { return state_memory_; }
+
+  // The number of a state that reading shows by now: what is read afterwards is of this state or a later one. Zero if
+  // that is not known. Unlike Client::latest_state, it is never ahead of what reading shows.
+  std::uint64_t shown_state();
 
   // What ends the waiting of a watch, and of all of them: see watch.h.
   HandleTable<std::stop_source>& watches() { return watches_; }
@@ -36,7 +46,9 @@ class OpenRegistry {
 
  private:
   const std::shared_ptr<registry::Client> client_;
+  const std::shared_ptr<const StateMemory> state_memory_;
   const bool read_only_;
+  std::atomic<std::uint64_t> seen_state_{0};  // that reading has shown
   HandleTable<registry::Snapshot> snapshots_;
   HandleTable<std::stop_source> watches_;
   std::stop_source closing_;
@@ -50,9 +62,8 @@ jlong add_registry(std::shared_ptr<registry::Client> client, bool read_only);
 std::shared_ptr<OpenRegistry> find_registry(jlong handle);
 
 // Closes a handle, ends what waits for changes, and then waits until the calls that are using the registry have ended
-// and its client is gone. Calls
-// that look it up afterwards no longer find it. Returns PRTKV_INVALID_HANDLE if the handle is not open. Any thread may
-// call.
+// and its client is gone. Calls that look it up afterwards no longer find it. Returns PRTKV_INVALID_HANDLE if the
+// handle is not open. Any thread may call.
 Status close_registry(jlong handle);
 
 }  // namespace tkv::java

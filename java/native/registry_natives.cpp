@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -24,6 +25,7 @@
 #include "registry/name.h"
 #include "registry/open_client.h"
 #include "registry/zuved.h"
+#include "state_pin.h"
 #include "walk.h"
 #include "watch.h"
 
@@ -116,6 +118,22 @@ void JNICALL endSnapshot(JNIEnv*, jclass, jlong registry, jlong snapshot) {
   if (const std::shared_ptr<OpenRegistry> open = find_registry(registry)) open->snapshots().remove(snapshot);
 }
 
+jbyteArray JNICALL pinState(JNIEnv* env, jclass, jlong registry) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    result.word64(pin_state(open.state_memory()));
+    return {};
+  });
+}
+
+jobject JNICALL stateMemory(JNIEnv* env, jclass, jlong pin) {
+  const std::shared_ptr<const StateMemory> memory = pinned_state(pin);
+  if (memory == nullptr) return nullptr;
+  const std::span<const std::byte> bytes = memory->bytes();
+  return env->NewDirectByteBuffer(const_cast<std::byte*>(bytes.data()), static_cast<jlong>(bytes.size()));
+}
+
+void JNICALL unpinState(JNIEnv*, jclass, jlong pin) { unpin_state(pin); }
+
 // --- Reading ---
 
 jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
@@ -125,13 +143,44 @@ jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, j
   });
 }
 
-jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
-    TypedValue found;
-    if (Status status = reader.read_value(StringArgument(env, name).view(), &found); !status.ok()) return status;
-    result.word32(found.type);
-    result.raw(found.bytes);
+// Reads the present. The result is followed by the number of the state that it belongs to, or zero if that is not
+// certain: a state that reading showed before is still the latest one afterwards, or something was changed meanwhile.
+template <typename Read>
+jbyteArray read_latest(JNIEnv* env, jlong registry, Read&& read) {
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    const std::uint64_t state = open.shown_state();
+    if (Status status = read(open.client(), result); !status.ok()) return status;
+    const bool is_certain = state != 0 && open.client().latest_state() == state;
+    result.word64(is_certain ? static_cast<std::int64_t>(state) : 0);
     return {};
+  });
+}
+
+Status write_value(KeyReader& reader, std::string_view name, DataWriter& to) {
+  TypedValue found;
+  if (Status status = reader.read_value(name, &found); !status.ok()) return status;
+  to.word32(found.type);
+  to.raw(found.bytes);
+  return {};
+}
+
+Status write_list(KeyReader& reader, std::string_view name, DataWriter& to) {
+  return reader.list(name, false, [&](const registry::Subkey& subkey) -> Status {
+    to.text(subkey.level);
+    return {};
+  });
+}
+
+jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
+    return write_value(reader, StringArgument(env, name).view(), result);
+  });
+}
+
+jbyteArray JNICALL latestValue(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_latest(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    const Status status = write_value(client, StringArgument(env, name).view(), result);
+    return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
   });
 }
 
@@ -149,10 +198,13 @@ jbyteArray JNICALL read(JNIEnv* env, jclass, jlong registry, jlong snapshot, jst
 
 jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
   return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
-    return reader.list(StringArgument(env, name).view(), false, [&](const registry::Subkey& subkey) -> Status {
-      result.text(subkey.level);
-      return {};
-    });
+    return write_list(reader, StringArgument(env, name).view(), result);
+  });
+}
+
+jbyteArray JNICALL latestList(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return read_latest(env, registry, [&](Client& client, DataWriter& result) {
+    return write_list(client, StringArgument(env, name).view(), result);
   });
 }
 
@@ -363,10 +415,15 @@ void register_registry_natives(JNIEnv* env) {
       method("revision", "(J)[B", revision),
       method("beginSnapshot", "(JJ)[B", beginSnapshot),
       method("endSnapshot", "(JJ)V", endSnapshot),
+      method("pinState", "(J)[B", pinState),
+      method("stateMemory", "(J)Ljava/nio/ByteBuffer;", stateMemory),
+      method("unpinState", "(J)V", unpinState),
       method("exists", "(JJLjava/lang/String;)[B", exists),
       method("value", "(JJLjava/lang/String;)[B", value),
+      method("latestValue", "(JLjava/lang/String;)[B", latestValue),
       method("read", "(JJLjava/lang/String;)[B", read),
       method("list", "(JJLjava/lang/String;)[B", list),
+      method("latestList", "(JLjava/lang/String;)[B", latestList),
       method("stat", "(JJLjava/lang/String;)[B", stat),
       method("rights", "(JJLjava/lang/String;)[B", rights),
       method("beginWalk", "(JJLjava/lang/String;J)[B", beginWalk),

@@ -59,15 +59,19 @@ abstract class NativeReader implements RegistryReader {
     public List<String> list(String name) {
         Objects.requireNonNull(name, "name");
         try {
-            DataReader levels = Reply.checked(RegistryNatives.list(registry, snapshot, name), name);
-            List<String> names = new ArrayList<>();
-            while (!levels.atEnd()) {
-                names.add(levels.text());
-            }
-            return List.copyOf(names);
+            return texts(Reply.checked(RegistryNatives.list(registry, snapshot, name), name));
         } finally {
             Reference.reachabilityFence(this);
         }
+    }
+
+    /** Reads texts to the end. */
+    static List<String> texts(DataReader from) {
+        List<String> texts = new ArrayList<>();
+        while (!from.atEnd()) {
+            texts.add(from.text());
+        }
+        return List.copyOf(texts);
     }
 
     @Override

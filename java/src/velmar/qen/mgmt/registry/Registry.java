@@ -51,6 +51,9 @@ public final class Registry extends NativeReader implements AutoCloseable {
     private final Duration patience;
     private final Cleaner.Cleanable cleanable;
 
+    /** Null if the registry does not number its states, and once it is closed. */
+    private volatile KnownKeys known;
+
     private Registry(long handle, Duration patience, Runnable afterClosing) {
         super(handle, RegistryNatives.PRESENT);
         this.patience = patience;
@@ -58,6 +61,8 @@ public final class Registry extends NativeReader implements AutoCloseable {
             RegistryNatives.close(handle);
             afterClosing.run();
         });
+        LatestState latest = LatestState.of(handle, CLEANER);
+        this.known = latest == null ? null : new KnownKeys(latest);
     }
 
     private static Registry open(byte[] request, RegistryOptions options, Runnable afterClosing) {
@@ -169,6 +174,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      */
     @Override
     public void close() {
+        known = null;
         // Close directly: the Cleaner does not wait for a close that another thread has begun.
         RegistryNatives.close(registry);
         cleanable.clean();
@@ -214,6 +220,92 @@ public final class Registry extends NativeReader implements AutoCloseable {
             throw new IllegalArgumentException("a revision below 0: " + revision);
         }
         return new Snapshot(this, revision);
+    }
+
+    // --- Reading ---
+
+    @Override
+    public Optional<Value> findValue(String name) {
+        Objects.requireNonNull(name, "name");
+        KnownKeys keys = known;
+        if (keys == null) {
+            return super.findValue(name);
+        }
+        try {
+            Optional<Value> value = keys.value(name);
+            return value != null ? value : readValue(name, keys);
+        } catch (InternalError unreadable) {
+            forgetKnownKeys();
+            return super.findValue(name);
+        }
+    }
+
+    /**
+     * Goes on without known keys. The memory of the state's number cannot be read if the registry's file was truncated,
+     * which the JVM reports at its next opportunity. The next call to native code finds out what has happened.
+     */
+    private void forgetKnownKeys() {
+        known = null;
+    }
+
+    private Optional<Value> readValue(String name, KnownKeys keys) {
+        byte[] reply;
+        try {
+            reply = RegistryNatives.latestValue(registry, name);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        DataReader found = Reply.checked(reply, name);
+        long state = found.word64AtEnd();
+        Optional<Value> value = found.atEnd() ? Optional.empty() : Optional.of(found.valueToEnd(found.word32()));
+        keys.note(name, state, value, reply.length);
+        return value;
+    }
+
+    @Override
+    public boolean exists(String name) {
+        Objects.requireNonNull(name, "name");
+        KnownKeys keys = known;
+        if (keys == null) {
+            return super.exists(name);
+        }
+        try {
+            Optional<Value> value = keys.value(name);
+            return value != null ? value.isPresent() : super.exists(name);
+        } catch (InternalError unreadable) {
+            forgetKnownKeys();
+            return super.exists(name);
+        }
+    }
+
+    @Override
+    public List<String> list(String name) {
+        Objects.requireNonNull(name, "name");
+        KnownKeys keys = known;
+        if (keys == null) {
+            return super.list(name);
+        }
+        try {
+            List<String> subkeys = keys.subkeys(name);
+            return subkeys != null ? subkeys : readList(name, keys);
+        } catch (InternalError unreadable) {
+            forgetKnownKeys();
+            return super.list(name);
+        }
+    }
+
+    private List<String> readList(String name, KnownKeys keys) {
+        byte[] reply;
+        try {
+            reply = RegistryNatives.latestList(registry, name);
+        } finally {
+            Reference.reachabilityFence(this);
+        }
+        DataReader found = Reply.checked(reply, name);
+        long state = found.word64AtEnd();
+        List<String> subkeys = texts(found);
+        keys.note(name, state, subkeys, reply.length);
+        return subkeys;
     }
 
     // --- Writing values ---

@@ -1,5 +1,7 @@
 package velmar.qen.mgmt.registry;
 
+import java.nio.ByteBuffer;
+
 /**
  * The registry client's operations. They are registered when {@code libtkv.so} is loaded.
  *
@@ -40,16 +42,38 @@ final class RegistryNatives {
 
     static native void endSnapshot(long registry, long snapshot);
 
+    /** Result: a pin that keeps {@link #stateMemory} readable until {@link #unpinState}, or 0 if there is no such memory. */
+    static native byte[] pinState(long registry);
+
+    /**
+     * Returns the memory that shows the number of the registry's latest state, or null: the larger of the longs at its
+     * beginning and its end, in the machine's byte order; 0 once it is no longer known. It may be one ahead of what
+     * reading shows.
+     */
+    static native ByteBuffer stateMemory(long pin);
+
+    /** Gives the memory back. Nobody may be reading it, or read it again. */
+    static native void unpinState(long pin);
+
     static native byte[] exists(long registry, long snapshot, String name);
 
     /** Result: type, then the bytes to the end. */
     static native byte[] value(long registry, long snapshot, String name);
+
+    /**
+     * Result: of a key that exists, as for {@link #value}; then, in any case, the number of the state that was read, or 0
+     * if it is not certain. A number that {@link #stateMemory} still shows proves that nothing has changed since.
+     */
+    static native byte[] latestValue(long registry, String name);
 
     /** Result: revision of the key, type, then the bytes to the end; all of one state. */
     static native byte[] read(long registry, long snapshot, String name);
 
     /** Result: the levels. */
     static native byte[] list(long registry, long snapshot, String name);
+
+    /** Result: as for {@link #list}; then the number of the state, as for {@link #latestValue}. */
+    static native byte[] latestList(long registry, String name);
 
     /** Result: type, size, whether there are subkeys, rights, security; revision, time and author of the last change. */
     static native byte[] stat(long registry, long snapshot, String name);

@@ -142,6 +142,26 @@ class DeniedTest {
     }
 
     @Test
+    void whatIsKnownIsDeniedOnceTheRightToReadItIsGone() {
+        registry.put("nobodys.known", "secret", KeySecurity.privateToUser());
+        registry.create("nobodys.known.k");
+        try (Registry other = Registry.open()) {
+            for (int round = 0; round < 3; round++) {
+                for (int times = 0; times < 3; times++) {
+                    assertEquals("secret", registry.getText("nobodys.known"));
+                    assertEquals(List.of("k"), registry.list("nobodys.known"));
+                }
+                other.setSecurity("nobodys.known", KeySecurity.inherited().withOwnerRights(Set.of(Right.SECURITY)));
+                assertDenied("nobodys.known", () -> registry.getText("nobodys.known"));
+                assertDenied("nobodys.known", () -> registry.list("nobodys.known"));
+                assertTrue(registry.exists("nobodys.known"));
+                other.setSecurity("nobodys.known", KeySecurity.privateToUser());
+            }
+        }
+        assertEquals("secret", registry.getText("nobodys.known"));
+    }
+
+    @Test
     void preferencesOfTheSystemAreReadWhereTheyMayNotBeWritten() throws BackingStoreException {
         Preferences system = new RegistryPreferences(PreferencesTree.ofSystem(Registry::open));
         Preferences app = system.node("app");

@@ -8,6 +8,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.lang.reflect.InvocationTargetException;
 import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
+import java.nio.ByteBuffer;
 import java.util.List;
 import java.util.Random;
 import java.util.stream.Stream;
@@ -30,11 +31,11 @@ class RegistryNativesTest {
         return all;
     }
 
-    private static byte[] call(Method method, long handle, byte[] bytes)
+    private static Object call(Method method, long handle, byte[] bytes)
             throws IllegalAccessException, InvocationTargetException {
         Object[] arguments = Stream.of(method.getParameterTypes())
                 .map(type -> type == long.class ? handle : type == byte[].class ? bytes : null).toArray();
-        return (byte[]) method.invoke(null, arguments);
+        return method.invoke(null, arguments);
     }
 
     @Test
@@ -44,7 +45,9 @@ class RegistryNativesTest {
             for (Class<?> type : method.getParameterTypes()) {
                 assertTrue(List.of(long.class, byte[].class, String.class).contains(type), method::toString);
             }
-            assertTrue(List.of(void.class, byte[].class).contains(method.getReturnType()), method::toString);
+            boolean returnsMemory = method.getName().equals("stateMemory");
+            assertTrue(List.of(void.class, returnsMemory ? ByteBuffer.class : byte[].class)
+                               .contains(method.getReturnType()), method::toString);
         }
     }
 
@@ -52,10 +55,12 @@ class RegistryNativesTest {
     void handlesThatAreNotOpenAreRecognized() throws IllegalAccessException, InvocationTargetException {
         for (long handle : new long[] {0, -1, 1L << 40, Long.MIN_VALUE, Long.MAX_VALUE}) {
             for (Method method : methods()) {
-                if (method.getParameterTypes()[0] == long.class && method.getReturnType() != void.class) {
-                    assertEquals(INVALID_HANDLE, Reply.code(call(method, handle, null)), method::toString);
+                if (method.getParameterTypes()[0] == long.class && method.getReturnType() == byte[].class) {
+                    assertEquals(INVALID_HANDLE, Reply.code((byte[]) call(method, handle, null)), method::toString);
                 }
             }
+            assertNull(RegistryNatives.stateMemory(handle));
+            RegistryNatives.unpinState(handle);
             RegistryNatives.endWalk(handle);
             RegistryNatives.endSnapshot(handle, handle);
             RegistryNatives.endWatch(handle, handle);
@@ -76,11 +81,11 @@ class RegistryNativesTest {
                     bytes[0] = 1;  // no place to open; and no root that may be changed in security below
                 }
                 if (!method.getName().equals("changeSecurity")) {
-                    assertNotEquals(0, Reply.code(call(method, handle, bytes)), method::toString);
+                    assertNotEquals(0, Reply.code((byte[]) call(method, handle, bytes)), method::toString);
                 }
             }
             if (takesBytes) {
-                assertNotEquals(0, Reply.code(call(method, handle, new byte[3])), method::toString);
+                assertNotEquals(0, Reply.code((byte[]) call(method, handle, new byte[3])), method::toString);
             }
         }
         assertNull(RegistryNatives.close(handle));
