@@ -69,6 +69,15 @@ class Diff(CommandTest):
                          [("-", "app.hosts", ["alpha", "beta"]), ("+", "app.hosts", ["alpha", "beta"])])
         self.assertEqual(self.tkv("diff", "app", "-", exits=DIFFERS, given=given).text.count('"owner":"bob"'), 1)
 
+    def test_an_export_without_keys_is_not_an_empty_subtree(self):
+        """It comes from a damaged top: to show every key as removed would be wrong."""
+        empty = self.folder / "empty.json"
+        empty.write_text(json.dumps({"tkv": 1, "top": "app", "keys": []}))
+        for words in ((f"@{empty}", "app"), ("app", f"@{empty}"), (empty, "app"), (empty, self.export), (empty, empty)):
+            with self.subTest(words=words):
+                self.assertIn(f"{empty} holds no key", self.fails(USAGE, "diff", *words))
+        self.assertIn("standard input holds no key", self.fails(USAGE, "diff", "app", "-", given=empty.read_text()))
+
     def test_rights_and_owners_are_compared(self):
         self.tkv("chmod", "o=", "app.hosts")
         after = self.revision("app.hosts")

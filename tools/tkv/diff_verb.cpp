@@ -40,7 +40,8 @@ bool names_path(const std::string& word) {
   return begins("/") || begins("./") || begins("../") || begins("etcd://");
 }
 
-// Parses an export. A file without one may be a configuration file: `*is_export` receives false then.
+// Parses an export. A file without one may be a configuration file: `*is_export` receives false then. An export without
+// keys is refused: it does not say that there are none, but that they could not be read.
 Outcome read_export(const Terminal& terminal, const std::string& path, Subtree* subtree, bool* is_export) {
   std::string text;
   if (Outcome read = read_file(path, std::numeric_limits<std::size_t>::max(), &text); !read.ok()) return read;
@@ -50,7 +51,10 @@ Outcome read_export(const Terminal& terminal, const std::string& path, Subtree* 
   Progress progress(terminal, "read export");
   const auto show = [&](std::uint64_t keys) { progress.show(keys, 0); };
   const Outcome parsed = parse_export(text, show, subtree);
-  return parsed.ok() ? parsed : Outcome(parsed.exit(), shown_path(path) + ": " + parsed.text());
+  if (!parsed.ok()) return {parsed.exit(), shown_path(path) + ": " + parsed.text()};
+  if (!subtree->keys.empty()) return {};
+  return {Exit::kUsage,
+          shown_path(path) + " holds no key, like the export of a damaged key; there is nothing to compare"};
 }
 
 Outcome read_named_export(const Terminal& terminal, Side* side) {
@@ -193,7 +197,8 @@ written with a slash (./new.conf). Of another registry, the key that the other
 side names is compared or, if it names none, everything.
 
 If A and B are different keys, those below B are shown with the names that they
-would have below A. What an export leaves out counts as equal.
+would have below A. What an export leaves out of a key counts as equal. An export
+that holds no key, because its top was damaged, cannot be compared.
 )",
     .examples = R"(  tkv diff app@17 app
   tkv diff 'app@2 hours ago' app@now
