@@ -10,7 +10,8 @@
 
 namespace tkv::test {
 
-std::atomic<long> allocations{0};  // of all threads, so far
+std::atomic<long> allocations{0};    // of all threads, so far
+std::atomic<long> deallocations{0};  // likewise
 
 constexpr long kEndless = std::numeric_limits<long>::max();
 thread_local long allocations_left = kEndless;  // in this thread; then std::bad_alloc
@@ -26,8 +27,11 @@ thread_local long allocations_left = kEndless;  // in this thread; then std::bad
   throw std::bad_alloc();
 }
 
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+  if (block != nullptr) tkv::test::deallocations.fetch_add(1, std::memory_order_relaxed);
+  std::free(block);
+}
 
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 #endif

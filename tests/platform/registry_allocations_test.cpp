@@ -1,4 +1,4 @@
-// Counts the allocations of a read.
+// Counts the allocations of a session.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,6 +13,7 @@ namespace tkv::registry {
 namespace {
 
 using test::allocations;
+using test::deallocations;
 
 // Opens, reads and closes; false when any of it fails.
 bool read_once(prtkv_ctx ctx, const char* name, char* buffer, std::uint32_t capacity, std::uint32_t* size) {
@@ -128,6 +129,26 @@ TEST(Allocations, NoneAfterACommitSoThatNothingCanFailAfterIt) {
     ASSERT_EQ(prtkv_delete_key(ctx, moved, 1), PRTKV_DONE);
     EXPECT_EQ(store->allocations_since_commit(), 0) << "delete";
   }
+}
+
+TEST(Allocations, DoNotGrowWithTheNumberOfDeletedKeys) {
+  constexpr int kDeleted = 5000;
+  store::Retention no_history;
+  no_history.off = true;
+  const Context ctx(client_on(std::make_shared<store::MemoryStore>(open_to_all(), no_history), superuser()));
+  const prtkv_key root = ctx.open("");
+  const std::string level(100, 'n');
+  const auto kept = [] { return allocations.load() - deallocations.load(); };
+  const long before = kept();
+  for (int n = 0; n < kDeleted; ++n) {
+    prtkv_key key = 0;
+    std::int32_t word = 0;
+    ASSERT_EQ(
+        prtkv_create_n_set_key(ctx, root, (level + std::to_string(n)).c_str(), &key, &word, 3, open_to_all(), "v", 2),
+        PRTKV_DONE);
+    ASSERT_EQ(prtkv_delete_key(ctx, key, 1), PRTKV_DONE);
+  }
+  EXPECT_LT(kept() - before, kDeleted);
 }
 
 }  // namespace
