@@ -6,10 +6,12 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "certificates.h"
+#include "child.h"
 #include "delay_proxy.h"
 #include "etcd_cluster.h"
 #include "failure.h"
@@ -27,6 +29,14 @@ Status open(const EtcdOptions& options) {
 
 // ---- slow networks
 
+Status list_root(Store& store) {
+  return store.read([](View& view) -> Status {
+    Node root;
+    if (Status status = view.find(kNoNode, "", &root); !status.ok()) return status;
+    return view.children(root.id, [](std::string_view, const Node&) { return Status(); });
+  });
+}
+
 // What a session does, and how many requests each step takes.
 std::vector<int> requests_of_a_session(const EtcdOptions& options) {
   RequestWatch watch;
@@ -43,6 +53,9 @@ std::vector<int> requests_of_a_session(const EtcdOptions& options) {
   step([&] { return create_key(*store, "a", "value"); });
   step([&] { return write_key(*store, "a", "other"); });
   step([&] { return read_key(*store, "a", &text); });
+  step([&] { return open_key(*store, "a"); });
+  step([&] { return store->write([](Update& update) { return update.set_security(kRootNode, "a", sec_attr{}); }); });
+  step([&] { return list_root(*store); });
   step([&] { return move_key(*store, "a", "b"); });
   EXPECT_TRUE(done(delete_key(*store, "b")));  // what it leaves is removed meanwhile, by requests of their own
   EXPECT_EQ(text, "other");
@@ -140,6 +153,22 @@ TEST(EtcdRotation, AnOpenSessionSurvivesNewCertificates) {
   EXPECT_EQ(text, "value");
 }
 
+void add_user(const EtcdCluster& cluster, const std::string& password) {
+  cluster.ctl({"user", "add", "registry:" + password});
+  cluster.ctl({"user", "grant-role", "registry", "registry"});
+}
+
+// From now on, the user "registry" needs the password for what is under the prefix.
+void require_login(EtcdCluster* cluster, const std::string& prefix, const std::string& password) {
+  cluster->ctl({"user", "add", "root:root"});
+  cluster->ctl({"user", "grant-role", "root", "root"});
+  cluster->ctl({"role", "add", "registry"});
+  cluster->ctl({"role", "grant-permission", "registry", "--prefix=true", "readwrite", prefix});
+  add_user(*cluster, password);
+  cluster->ctl({"auth", "enable"});
+  cluster->set_ctl_flags({"--user=root:root"});
+}
+
 TEST(EtcdRotation, AnOpenSessionSurvivesANewPassword) {
   EtcdCluster cluster;
   const TemporaryDirectory directory;
@@ -147,23 +176,13 @@ TEST(EtcdRotation, AnOpenSessionSurvivesANewPassword) {
   options.user = "registry";
   options.password_file = directory.file("password");
   replace(options.password_file, "former\n", 0600);
-  cluster.ctl({"user", "add", "root:root"});
-  cluster.ctl({"user", "grant-role", "root", "root"});
-  cluster.ctl({"role", "add", "registry"});
-  cluster.ctl({"role", "grant-permission", "registry", "--prefix=true", "readwrite", options.prefix});
-  const auto add_user = [&](const std::string& password) {
-    cluster.ctl({"user", "add", "registry:" + password});
-    cluster.ctl({"user", "grant-role", "registry", "registry"});
-  };
-  add_user("former");
-  cluster.ctl({"auth", "enable"});
-  cluster.set_ctl_flags({"--user=root:root"});
+  require_login(&cluster, options.prefix, "former");
   const auto store = open_when_ready(options);
   ASSERT_TRUE(store);
   ASSERT_TRUE(done(create_key(*store, "a", "value")));
 
   cluster.ctl({"user", "delete", "registry"});
-  add_user("later");
+  add_user(cluster, "later");
   std::string text;
   EXPECT_TRUE(says(read_key(*store, "a", &text), PRTKV_ACCESS_DENIED, {"refused user or password"}));
   replace(options.password_file, "later\n", 0600);
@@ -237,6 +256,43 @@ TEST(EtcdSecrets, ATraceDoesNotShowThePassword) {
   const std::string with = traced({password, directory.file("password")});  // as the user's name, too
   EXPECT_EQ(with.find(password), std::string::npos);
   EXPECT_EQ(with.find(in_hexadecimal(password)), std::string::npos);
+}
+
+// Whether a process has a text in the memory that it can write to. The address space that a sanitizer reserves is
+// passed over.
+bool has_in_memory(pid_t process, const std::string& text) {
+  constexpr std::uintmax_t kLargestRegion = std::uintmax_t{1} << 28;
+  const std::string directory = "/proc/" + std::to_string(process);
+  std::ifstream regions(directory + "/maps");
+  for (std::string line; std::getline(regions, line);) {
+    std::uintmax_t begin = 0;
+    std::uintmax_t end = 0;
+    char dash = 0;
+    std::string rights;
+    std::istringstream(line) >> std::hex >> begin >> dash >> end >> rights;
+    if (!rights.starts_with("rw") || end - begin > kLargestRegion) continue;
+    std::string content(end - begin, '\0');
+    std::ifstream memory(directory + "/mem", std::ios::binary);
+    memory.seekg(static_cast<std::streamoff>(begin));
+    memory.read(content.data(), static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<std::size_t>(memory.gcount()));
+    if (content.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// Neither in what read and sent it, nor in the memory that they gave back.
+TEST(EtcdSecrets, ThePasswordDoesNotStayInMemory) {
+  EtcdCluster cluster;
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("password");
+  const std::string password = "correct-horse-battery";
+  replace(file, password, 0600);
+  require_login(&cluster, "/t/", password);
+  const Child session({TKV_ETCD_VICTIM, cluster.endpoint(0), "/t/", "create", "-2", "registry", file});
+  ASSERT_TRUE(eventually([&] { return session.has_stopped(); })) << "it does not log in and begin to write";
+  EXPECT_TRUE(has_in_memory(session.pid(), file)) << "its memory cannot be searched";
+  EXPECT_FALSE(has_in_memory(session.pid(), password));
 }
 
 }  // namespace
