@@ -2,12 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "etcd_cluster.h"
 #include "failure.h"
+#include "request_watch.h"
 #include "store/etcd/cluster_status.h"
+#include "store/etcd/etcd_store.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {
@@ -213,6 +217,22 @@ TEST(EtcdStatusOfCluster, AMemberThatIsGoneIsNamedAndTheOthersAnswer) {
       EXPECT_FALSE(is_gone && member.leads);
     }
   }
+}
+
+TEST(EtcdStatusOfCluster, CountsTheRequestsThatWereSentAgainSinceTheSessionWasOpened) {
+  EtcdCluster cluster;
+  std::atomic<int> to_lose{0};
+  RequestWatch watch;
+  watch.decide([&](const std::string&) { return to_lose-- > 0 ? Fate::kLoseRequest : Fate::kPass; });
+  std::shared_ptr<Store> store;
+  ASSERT_TRUE(done(open_etcd_store(cluster.registry(), &store, watch.interceptors())));
+  StoreStatus status;
+  ASSERT_TRUE(done(store->status(&status)));
+  const std::uint64_t before = status.cluster->retries;
+  to_lose = 2;
+  ASSERT_TRUE(done(open_key(*store, "")));
+  ASSERT_TRUE(done(store->status(&status)));
+  EXPECT_GE(status.cluster->retries, before + 2);
 }
 
 TEST(EtcdStatusOfCluster, TheSpaceAlarmIsShownUntilItIsDisarmed) {
