@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -208,9 +210,46 @@ class Imagination {
   std::mt19937 random_;
 };
 
+// How far a client has come: how many operations it has completed, and what it is doing now. Thread-safe.
+class Course {
+ public:
+  void begin(const Words& asked) {
+    std::string text;
+    for (const std::string& word : asked) text += (text.empty() ? "" : " ") + word;
+    const std::lock_guard lock(mutex_);
+    doing_ = std::move(text);
+  }
+  void complete() {
+    const std::lock_guard lock(mutex_);
+    ++completed_;
+    last_completed_ = std::chrono::steady_clock::now();
+  }
+
+  int completed() const {
+    const std::lock_guard lock(mutex_);
+    return completed_;
+  }
+  std::string doing() const {
+    const std::lock_guard lock(mutex_);
+    return doing_;
+  }
+  // How long ago it completed its last operation, or began if it has completed none.
+  std::chrono::steady_clock::duration silence() const {
+    const std::lock_guard lock(mutex_);
+    return std::chrono::steady_clock::now() - last_completed_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  int completed_ = 0;
+  std::string doing_ = "opening the registry";
+  std::chrono::steady_clock::time_point last_completed_ = std::chrono::steady_clock::now();
+};
+
 class Clients {
  public:
-  Clients(const EtcdCluster& cluster, const EtcdOptions& options) {
+  // `patience`: how long a client may take for one operation before the trials are given up.
+  Clients(const EtcdCluster& cluster, const EtcdOptions& options, std::chrono::seconds patience) : patience_(patience) {
     for (int i = 0; i < kClients; ++i) {
       EtcdOptions own = options;
       std::rotate(own.endpoints.begin(), own.endpoints.begin() + i % cluster.size(), own.endpoints.end());
@@ -229,15 +268,13 @@ class Clients {
     }
   }
 
-  // Waits until every client has made so many more operations.
-  void progress(int operations, const std::string& after) {
+  // Waits until every client has completed so many more operations. Throws std::runtime_error, which names the client
+  // and what it is doing, if one of them completes none for too long. How long all of them take together does not
+  // matter.
+  void progress(int operations, const std::string& when) const {
     std::vector<int> goals;
-    for (const auto& count : counts_) goals.push_back(count + operations);
-    const bool made = eventually([&] {
-      return std::equal(goals.begin(), goals.end(), std::begin(counts_),
-                        [](int goal, const std::atomic<int>& count) { return count >= goal; });
-    });
-    if (!made) throw std::runtime_error("no progress " + after);
+    for (const Course& course : courses_) goals.push_back(course.completed() + operations);
+    for (std::size_t i = 0; i < goals.size(); ++i) wait_for_client(i, goals[i], when);
   }
 
   Histories& histories() { return histories_; }
@@ -252,25 +289,41 @@ class Clients {
  private:
   static constexpr int kOperationsPerRoom = 50;
 
+  void wait_for_client(std::size_t client, int goal, const std::string& when) const {
+    const Course& course = courses_[client];
+    while (course.completed() < goal) {
+      if (course.silence() > patience_) {
+        throw std::runtime_error("no progress " + when + ": client " + std::to_string(client) +
+                                 " has completed no operation for " + std::to_string(patience_.count()) +
+                                 " s and is at '" + course.doing() + "', after " + std::to_string(course.completed()) +
+                                 " operations");
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
   void work(const EtcdOptions& options, int client) {
+    Course& course = courses_[static_cast<std::size_t>(client)];
     Actor actor(open(options));
     Imagination imagination(static_cast<unsigned>(1000 + client));
     while (!stop_) {
       const int number = ++operations_;
       const int room = number / kOperationsPerRoom;
       const Words asked = imagination.next(name_of(room), number, number % kOperationsPerRoom);
+      course.begin(asked);
       TreeOperation operation{client, now(), {}, asked, {}};
       operation.answered = actor.make(asked);
       if (!operation.answered.empty()) operation.end = now();
       histories_.add(room, std::move(operation));
-      ++counts_[client];
+      course.complete();
     }
   }
 
+  const std::chrono::seconds patience_;
   Histories histories_;
   std::atomic<bool> stop_{false};
   std::atomic<int> operations_{-1};
-  std::atomic<int> counts_[kClients]{};
+  std::array<Course, kClients> courses_;
   std::vector<std::thread> threads_;
 };
 
@@ -336,16 +389,23 @@ void judge_room(int room, const std::vector<TreeOperation>& history, const std::
   if (!directory.empty()) std::ofstream(directory + "/room-" + std::to_string(room) + ".txt") << text;
 }
 
-bool run_trials(int rounds, int steps, const std::string& directory) {
+struct Extent {
+  int rounds = 1;                      // how many times each fault is inflicted
+  int steps = 15;                      // operations of each client between two faults
+  std::chrono::seconds patience{300};  // five times what one request may take
+  std::string directory;               // where the histories are written; "": nowhere
+};
+
+bool run_trials(const Extent& extent) {
   EtcdCluster::Options cluster_options;
   cluster_options.members = 3;
   cluster_options.between_proxies = true;
   EtcdCluster cluster(cluster_options);
   const EtcdOptions options = cluster.registry();
   const auto last = Clients::open(options);
-  Clients clients(cluster, options);
-  clients.progress(steps, "at first");
-  for (int round = 0; round < rounds; ++round) inflict_faults(cluster, clients, steps);
+  Clients clients(cluster, options, extent.patience);
+  clients.progress(extent.steps, "at first");
+  for (int round = 0; round < extent.rounds; ++round) inflict_faults(cluster, clients, extent.steps);
   clients.finish();
   cluster.wait_until_healthy();
 
@@ -357,7 +417,7 @@ bool run_trials(int rounds, int steps, const std::string& directory) {
     look.answered = actor.make(look.asked);
     look.end = now();
     history.push_back(std::move(look));
-    judge_room(room, history, directory, &tally);
+    judge_room(room, history, extent.directory, &tally);
   }
   (void)totals_of(*open_when_ready(options));
   std::printf("%zu histories, %zu operations, %zu of many keys, %zu unanswered: %zu illegal, %zu too hard to judge\n",
@@ -365,23 +425,43 @@ bool run_trials(int rounds, int steps, const std::string& directory) {
   return tally.illegal == 0 && !testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed();
 }
 
-int main_of(int argc, char** argv) {
-  int rounds = 1;
-  int steps = 15;
-  std::string directory;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view argument = argv[i];
-    if (argument == "--long") {
-      rounds = 20;
-      steps = 40;
-    } else if (argument == "--record" && i + 1 < argc) {
-      directory = argv[++i];
+bool parse_number(std::string_view text, int* number) {
+  const char* const end = text.data() + text.size();
+  return std::from_chars(text.data(), end, *number) == std::from_chars_result{end, std::errc()} && *number >= 0;
+}
+
+bool parse_arguments(const std::vector<std::string_view>& arguments, Extent* extent) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i] == "--long") {
+      extent->rounds = 20;
+      extent->steps = 40;
+      continue;
+    }
+    const std::string_view option = arguments[i];
+    if (++i == arguments.size()) return false;
+    int number = 0;
+    if (option == "--record") {
+      extent->directory = arguments[i];
+    } else if (!parse_number(arguments[i], &number)) {
+      return false;
+    } else if (option == "--rounds") {
+      extent->rounds = number;
+    } else if (option == "--patience") {
+      extent->patience = std::chrono::seconds(number);
     } else {
-      std::fprintf(stderr, "usage: %s [--long] [--record DIRECTORY]\n", argv[0]);
-      return 2;
+      return false;
     }
   }
-  return run_trials(rounds, steps, directory) ? 0 : 1;
+  return true;
+}
+
+int main_of(int argc, char** argv) {
+  Extent extent;
+  if (!parse_arguments({argv + 1, argv + argc}, &extent)) {
+    std::fprintf(stderr, "usage: %s [--long] [--rounds N] [--patience SECONDS] [--record DIRECTORY]\n", argv[0]);
+    return 2;
+  }
+  return run_trials(extent) ? 0 : 1;
 }
 
 }  // namespace
