@@ -120,6 +120,12 @@ class QuickRun(unittest.TestCase):
         self.check_table("Java, durable write by any of", ["tkv", "registry", "lmdb"],
                          {"1 process": set(), "2 processes": set()})
 
+    def test_measures_writes_with_and_without_history(self):
+        self.check_table("native, history", ["off", "on"], {"durable write": set()})
+        ratios = rows_below(self.done.stdout, "native, history, times of off")["durable write"]
+        self.assertEqual(ratios["off"], "1.00")
+        self.assertRegex(ratios["on"], r"^\d+\.\d\d$")
+
     def test_measures_by_keys_depth_size_of_values_and_size_of_the_store(self):
         for title, columns, rows in SERIES.values():
             self.check_table(title, columns, rows)
@@ -160,13 +166,14 @@ class QuickRun(unittest.TestCase):
         text = document.read_text()
         self.assertNotIn("Not measured yet", text)
         self.assertIn("figures of etcd", text)
+        self.assertRegex(text, r"A durable write with history takes \d+\.\d\d times as long as one without\.")
         self.assertRegex(text, rf"\| read, random of 200 \| {FIGURE} \({FIGURE}\) \|")
         for name in SERIES:
             self.assertIn(f"(figures/{name}.svg)", text)
             self.assertTrue((self.output / "figures" / f"{name}.svg").exists())
 
     def test_leaves_no_stores_behind(self):
-        self.assertFalse((self.output / "stores").exists())
+        self.assertEqual([path.name for path in self.output.glob("stores*") if path.is_dir()], [])
 
 
 class Refusals(unittest.TestCase):

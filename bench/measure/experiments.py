@@ -36,6 +36,8 @@ class Plan:
         self.store_sizes = [MIB // 10, MIB // 4] if quick else [MIB // 10] + [
             MIB * 10**n for n in (range(4) if full else range(3))]
         self.writers = [1, 2] if quick else [1, 2, 4]
+        # The log keeps the last 10,000 changes: it is full, and each write also drops what has become too old.
+        self.logged, self.history_rounds = (50, 1) if quick else (11_000, 12)
         self.tree = (2, 100) if quick else (100, 1000) if full else (20, 1000)
         self.tree_rounds = 1 if quick else 3
 
@@ -152,6 +154,25 @@ class Experiments:
                     table.add(label, peer, [1 / sum(1 / mean for mean in window) for window in windows])
         return [table]
 
+    def history(self):
+        """Durable writes on two registries, by turns: one keeps no history, the other has a full log."""
+        table = Table("history", "native, history", ["off", "on"], base="off")
+        row = "durable write"
+        table.add_row(row)
+        with Stores(self.programs, self.plan.dataset(), ["tkv"], "[history]\noff = yes\n", "stores-off") as off, \
+                Stores(self.programs, self.plan.dataset(), ["tkv"], "", "stores-on") as on:
+            registries = {"off": off, "on": on}
+            for stores in registries.values():
+                stores.configure()
+                self.programs.run(stores.native("tkv", ["write"], ["--iterations", str(self.plan.logged)]))
+            for turn in range(self.plan.history_rounds):
+                progress(f"history: round {turn + 1} of {self.plan.history_rounds}")
+                for column in ("off", "on") if turn % 2 == 0 else ("on", "off"):
+                    registries[column].configure()
+                    answer = self.programs.run(registries[column].native("tkv", ["write"], self.plan.times()))
+                    table.add(row, column, values_of(answer["write"]))
+        return [table]
+
     def key_counts(self):
         """Times and memory by the number of keys."""
         peers = self.compared
@@ -230,7 +251,7 @@ class Experiments:
         return [times, memory]
 
     # The parts by name, in the order of a whole run.
-    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "keys": key_counts, "depths": depths,
+    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "history": history, "keys": key_counts, "depths": depths,
              "values": values, "opening": opening, "trees": trees, "instructions": instructions}
 
 

@@ -47,18 +47,21 @@ class Dataset:
 
 
 class Stores:
-    """The stores of some peers, all with the same dataset. Their directory is removed at the end."""
+    """The stores of some peers, all with the same dataset. Their directory is removed at the end.
 
-    def __init__(self, programs, dataset, peers):
-        self.programs, self.dataset, self.peers = programs, dataset, peers
-        self.directory = programs.output / "stores"
+    `settings` are further lines of the registry's configuration.
+    """
+
+    def __init__(self, programs, dataset, peers, settings="", folder="stores"):
+        self.programs, self.dataset, self.peers, self.settings = programs, dataset, peers, settings
+        self.directory = programs.output / folder
+        self.configuration = programs.output / f"{folder}.conf"
 
     def __enter__(self):
         shutil.rmtree(self.directory, ignore_errors=True)
         self.directory.mkdir(parents=True)
-        configuration = self.programs.output / "tkv.conf"
-        configuration.write_text(f"[registry]\nlocation = {self.of('tkv')}\n")
-        os.environ["TKV_CONF"] = str(configuration)
+        self.configuration.write_text(f"[registry]\nlocation = {self.of('tkv')}\n{self.settings}")
+        self.configure()
         for peer in self.peers:
             self.of(peer).mkdir(mode=0o700, exist_ok=True)
         for peer in self.peers:
@@ -70,6 +73,10 @@ class Stores:
 
     def __exit__(self, *_):
         shutil.rmtree(self.directory, ignore_errors=True)
+
+    def configure(self):
+        """From here on, programs use these stores' registry."""
+        os.environ["TKV_CONF"] = str(self.configuration)
 
     def of(self, peer):
         return self.directory / SHARES_STORE_WITH.get(peer, peer)

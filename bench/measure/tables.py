@@ -12,10 +12,12 @@ class Table:
     """Figures by row and column: a list of values for each cell, empty if there is no such thing.
 
     With an axis, rows are points on it, and the table can be drawn: `axis` is its label, and each row has a number.
+    `base` is the column that the others are divided by.
     """
 
-    def __init__(self, name, title, columns, unit="ns", axis=None):
+    def __init__(self, name, title, columns, unit="ns", axis=None, base="tkv"):
         self.name, self.title, self.columns, self.unit, self.axis = name, title, list(columns), unit, axis
+        self.base = base
         self.rows = {}      # label: {column: values}
         self.positions = {}  # label: number on the axis
 
@@ -42,12 +44,13 @@ class Table:
 
     def to_json(self):
         return {"name": self.name, "title": self.title, "unit": self.unit, "columns": self.columns, "axis": self.axis,
+                "base": self.base,
                 "rows": [{"label": label, "position": self.positions.get(label), "cells": cells}
                          for label, cells in self.rows.items()]}
 
     @staticmethod
     def from_json(data):
-        made = Table(data["name"], data["title"], data["columns"], data["unit"], data["axis"])
+        made = Table(data["name"], data["title"], data["columns"], data["unit"], data["axis"], data["base"])
         for row in data["rows"]:
             made.add_row(row["label"], row["position"])
             for column, values in row["cells"].items():
@@ -69,8 +72,9 @@ class Table:
     def cells(self, figure):
         return [[label] + [self.shown(figure(label, column)) for column in self.columns] for label in self.rows]
 
-    def ratios_text(self, base, without=()):
-        """The lines of a table of medians divided by those of one column."""
+    def ratios_text(self, without=()):
+        """The lines of a table of medians divided by those of the base."""
+        base = self.base
         columns = [column for column in self.columns if column not in without]
         rows = []
         for label in self.rows:
