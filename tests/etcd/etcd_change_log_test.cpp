@@ -194,7 +194,6 @@ TEST_F(EtcdChangeLog, FindsTheRecordOfADeletionWithoutSpace) {
   for (const Revision revision : {one, lost, two}) EXPECT_TRUE(state_of(revision).ok()) << state_of(revision).text();
 }
 
-// A session that was not there asks the former states of the key.
 TEST_F(EtcdChangeLog, NewestFirstItReadsManyChangesWithOneRequest) {
   Notes expected;
   for (int i = 0; i < 300; ++i) change(std::to_string(i));
@@ -271,6 +270,7 @@ TEST_F(EtcdChangeLog, NewestFirstWhatIsCompactedMeanwhileIsNotRead) {
   for (std::size_t i = 0; i < notes.size(); ++i) EXPECT_EQ(notes[i], std::to_string(99 - i));
 }
 
+// A session that was not there asks the former states of the key.
 TEST_F(EtcdChangeLog, AnotherSessionFindsTheSameRevision) {
   for (int i = 0; i < 100; ++i) change(std::to_string(i));
   const Revision lost = delete_without_space();
