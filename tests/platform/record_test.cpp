@@ -5,16 +5,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "lmdb_files.h"
 #include "newer_record.h"
 #include "store/change_content.h"
 #include "store/lmdb/file.h"
+#include "store/lmdb/lmdb_store.h"
+#include "temporary_directory.h"
 
 namespace tkv::store {
 namespace {
@@ -73,17 +78,16 @@ TEST(Record, AValueIsLaidOutAsDocumented) {
 }
 
 TEST(Record, TheRegistrysRecordOfItselfIsLaidOutAsDocumented) {
-  EXPECT_EQ(hex(encode_meta(Meta{3, 1, 2, 0, 0, 1, 436})), documented("registry"));
+  EXPECT_EQ(hex(encode_meta(Meta{3, 1, 2, 0, 0, 1, 226})), documented("registry"));
 }
 
+std::string hex_of(const MDB_val& bytes) { return hex({static_cast<const std::byte*>(bytes.mv_data), bytes.mv_size}); }
+
 TEST(Record, KeysAreLaidOutAsDocumented) {
-  const auto hex_of = [](const Key& key) {
-    const MDB_val val = key.val();
-    return hex({static_cast<const std::byte*>(val.mv_data), val.mv_size});
-  };
-  EXPECT_EQ(hex_of(Key::node(kRootNode, "SYSTEM")), documented("node-key"));
-  EXPECT_EQ(hex_of(Key::value(2)), documented("value-key"));
-  EXPECT_EQ(hex_of(Key::meta()), "4d");
+  const auto hex_of_key = [](const Key& key) { return hex_of(key.val()); };
+  EXPECT_EQ(hex_of_key(Key::node(kRootNode, "SYSTEM")), documented("node-key"));
+  EXPECT_EQ(hex_of_key(Key::value(2)), documented("value-key"));
+  EXPECT_EQ(hex_of_key(Key::meta()), "4d");
 }
 
 TEST(Record, KeysAreReadBack) {
@@ -168,15 +172,19 @@ TEST(Record, ShortNamesUnderRelatedParentsAreToldApart) {
   EXPECT_TRUE(decode_node(43, "a34", record, &node).is(PRTKV_STORAGE_FAILED));
 }
 
+ChangeDescription by_ada(const std::string& note, const Change& change) {
+  return {.time = 1'767'225'600'000'000,
+          .author = "ada",
+          .host = "node-1",
+          .program = "tkv",
+          .process = 4711,
+          .note = note,
+          .changes = {change}};
+}
+
 // The second change of the documented example: ada sets the value.
 TEST(Record, AChangeIsLaidOutAsDocumented) {
-  const ChangeDescription description{.time = 1'767'225'600'000'000,
-                                      .author = "ada",
-                                      .host = "node-1",
-                                      .program = "tkv",
-                                      .process = 4711,
-                                      .note = "switch it on",
-                                      .changes = {{Change::Kind::kValue, "SYSTEM", "", 2}}};
+  const ChangeDescription description = by_ada("switch it on", {Change::Kind::kValue, "SYSTEM", "", 2});
   FormerRecords formers;
   const Key key = Key::value(2);
   formers.add(key.bytes(), std::nullopt);
@@ -190,6 +198,45 @@ TEST(Record, AChangeIsLaidOutAsDocumented) {
   ChangeRecord read;
   EXPECT_TRUE(decode_description(content, &read).ok());
   EXPECT_EQ(static_cast<const ChangeDescription&>(read), description);
+}
+
+// The documented example as the embedded store writes it.
+TEST(Record, ARegistryHasTheDocumentedRecordsInItsFile) {
+  const TemporaryDirectory directory(TemporaryDirectory::Where::kInMemory);
+  LmdbOptions options;
+  options.directory = directory / "registry";
+  options.retention.age = std::chrono::hours(24) * 365 * 100;  // the example is of a fixed date
+  {
+    const auto store = open_or_fail(options);
+    ASSERT_TRUE(store
+                    ->write([](Update& update) {
+                      Node node = sample_node();
+                      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+                      update.describe(by_ada("", {Change::Kind::kCreated, "SYSTEM", "", node.id}));
+                      return update.insert(kRootNode, "SYSTEM", node);
+                    })
+                    .ok());
+    ASSERT_TRUE(store
+                    ->write([](Update& update) {
+                      update.describe(by_ada("switch it on", {Change::Kind::kValue, "SYSTEM", "", 2}));
+                      return update.set_value(2, 3, std::as_bytes(std::span("on", 3)));
+                    })
+                    .ok());
+  }
+  std::map<std::string, std::string> records;
+  with_plain_lmdb(options.directory, [&](MDB_txn* txn, MDB_dbi database) {
+    MDB_cursor* cursor = nullptr;
+    MDB_val key{};
+    MDB_val data{};
+    ASSERT_EQ(mdb_cursor_open(txn, database, &cursor), 0);
+    while (mdb_cursor_get(cursor, &key, &data, MDB_NEXT) == 0) records[hex_of(key)] = hex_of(data);
+    mdb_cursor_close(cursor);
+  });
+  EXPECT_EQ(records.size(), 6U) << "the root, the key, its value, the registry's own record, two changes";
+  EXPECT_EQ(records["4d"], documented("registry"));
+  EXPECT_EQ(records[documented("node-key")], documented("node"));
+  EXPECT_EQ(records[documented("value-key")], documented("value"));
+  EXPECT_EQ(records[documented("change-key")], documented("change"));
 }
 
 TEST(Record, AnyBytesAreNoChangeOrOne) {
