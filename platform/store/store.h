@@ -279,10 +279,6 @@ class Store {
   // what can be done instead.
   virtual Status can_purge() { return {}; }
 
-  // Recommended number of changes of visible nodes per write: insertions, removals, values and security records. More
-  // are possible, at the cost of being staged first.
-  virtual std::size_t preferred_batch_size() const = 0;
-
   // Reads every record, reports those that are damaged or out of place, and counts the sound ones. With `repair`,
   // removes what can be removed without guessing: values of no node, and subtrees without a parent. A damaged root is
   // replaced by one with all rights for the owner of the storage, if that is who repairs, and without any for others.

@@ -145,8 +145,6 @@ class FaultyStore final : public Store {
     return target_->purge(choose, description, removed);
   }
 
-  std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
-
   Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {
     if (Status status = next(Call::kCheck); !status.ok()) return status;

@@ -9,7 +9,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -122,8 +121,6 @@ class MemoryStore final : public Store {
     publish(states, std::move(next));
     return {};
   }
-
-  std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
 
   Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {

@@ -93,7 +93,6 @@ class NotingStore final : public store::Store {
   Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override {
     return target_->purge(choose, description, removed);
   }
-  std::size_t preferred_batch_size() const override { return target_->preferred_batch_size(); }
   Status check(const ChangeDescription* repair, FunctionRef<void(const store::Finding&)> report,
                FunctionRef<void(const store::CheckProgress&)> progress, store::Totals* totals) override {
     return target_->check(repair, report, progress, totals);

@@ -809,7 +809,6 @@ class ThrowingStore final : public store::Store {
   Status changes(const LogRange&, FunctionRef<Status(const ChangeRecord&)>, LogPosition*) override { throw exception_; }
   Status wait(Revision, std::chrono::milliseconds, const std::stop_token&, Revision*) override { throw exception_; }
   Status purge(ChooseNodes, const ChangeDescription&, std::uint64_t*) override { throw exception_; }
-  std::size_t preferred_batch_size() const override { return 0; }
   Status check(const ChangeDescription*, FunctionRef<void(const store::Finding&)>,
                FunctionRef<void(const store::CheckProgress&)>, store::Totals*) override {
     throw exception_;

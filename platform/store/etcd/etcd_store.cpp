@@ -17,8 +17,7 @@
 namespace tkv::store::etcd {
 namespace {
 
-constexpr std::size_t kPreferredBatchSize = 50;  // each may need a garbage key and several comparisons
-constexpr int kMostLongRuns = 8;                 // besides those that gave way to other sessions
+constexpr int kMostLongRuns = 8;      // besides those that gave way to other sessions
 constexpr int kMostTurnsGiven = 100;  // the order of turns needs a few; more mean that claims are removed untimely
 constexpr std::size_t kMaxPrefixBytes = 256;
 
@@ -74,8 +73,6 @@ class EtcdStore final : public Store {
   Status read_all(FunctionRef<Status(View&)> function) override;
 
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;
-
-  std::size_t preferred_batch_size() const override { return kPreferredBatchSize; }
 
   Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override {

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -224,7 +223,6 @@ class LmdbStore final : public Store {
   Status wait(Revision after, std::chrono::milliseconds timeout, const std::stop_token& stop,
               Revision* revision) override;
   Status purge(ChooseNodes choose, const ChangeDescription& description, std::uint64_t* removed) override;
-  std::size_t preferred_batch_size() const override { return std::numeric_limits<std::size_t>::max(); }
   Status check(const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                FunctionRef<void(const CheckProgress&)> progress, Totals* totals) override;
   bool is_own() const override { return environment_.is_own(); }
