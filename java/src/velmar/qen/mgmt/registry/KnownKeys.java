@@ -92,7 +92,8 @@ final class KnownKeys {
     void note(String name, long state, Optional<Value> value, int size) {
         if (isWanted(name, state)) {
             Known known = knownIn(state, name);
-            put(name, new Known(state, value.orElse(null), size, known.subkeys, known.subkeysWeight));
+            long valueWeight = size + elementsWeight(value.orElse(null));
+            put(name, new Known(state, value.orElse(null), valueWeight, known.subkeys, known.subkeysWeight));
         }
     }
 
@@ -100,9 +101,16 @@ final class KnownKeys {
     void note(String name, long state, List<String> subkeys, int size) {
         if (isWanted(name, state)) {
             Known known = knownIn(state, name);
-            long elements = (long) ELEMENT_WEIGHT * subkeys.size();
-            put(name, new Known(state, known.value, known.valueWeight, subkeys, size + elements));
+            put(name, new Known(state, known.value, known.valueWeight, subkeys, size + elementsWeight(subkeys)));
         }
+    }
+
+    private static long elementsWeight(Value value) {
+        return value instanceof Value.TextList list ? elementsWeight(list.texts()) : 0;
+    }
+
+    private static long elementsWeight(List<String> texts) {
+        return (long) ELEMENT_WEIGHT * texts.size();
     }
 
     private boolean isWanted(String name, long state) {

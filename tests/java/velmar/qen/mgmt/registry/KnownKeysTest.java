@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
@@ -19,6 +20,7 @@ import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
@@ -30,6 +32,8 @@ import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
 import velmar.qen.mgmt.nativesystem.Command;
 import velmar.qen.mgmt.nativesystem.Configuration;
@@ -38,6 +42,8 @@ import velmar.qen.mgmt.nativesystem.Configuration;
 class KnownKeysTest extends OpenRegistry {
     /** Reads of a key after which it is known. */
     private static final int UNTIL_KNOWN = 3;
+    private static final int UNTIL_COMPILED = 20_000;
+    private static final int LONGEST_TICK_MILLIS = 20;
     private static final int THREADS = 4;
     private static final long WEIGHT = 100_000;
 
@@ -374,6 +380,58 @@ class KnownKeysTest extends OpenRegistry {
         }
     }
 
+    /** Cuts off everything, and waits for the system's clock to tick: the next call looks at the size. */
+    private static void truncate(Path directory) throws IOException {
+        try (RandomAccessFile data = new RandomAccessFile(directory.resolve("data.mdb").toFile(), "rw")) {
+            data.setLength(0);
+        }
+        Path clock = Files.createFile(directory.resolve("clock"));
+        long before = Files.getLastModifiedTime(clock).toMillis();
+        while (Files.getLastModifiedTime(clock).toMillis() - before < LONGEST_TICK_MILLIS) {
+            Files.writeString(clock, "tick");
+        }
+    }
+
+    /** The JVM reports it in interpreted code at once, and in compiled code when that next leaves it. */
+    @Test
+    void memoryThatCannotBeReadIsReportedToJava(@TempDir Path directory) throws IOException {
+        try (Registry local = Registry.at(directory)) {
+            local.put("k", "v");
+            LatestState latest = LatestState.of(local.registry, NativeReader.CLEANER);
+            for (int i = 0; i < UNTIL_COMPILED; i++) {
+                assertNotEquals(0, latest.number());
+            }
+            truncate(directory);
+            assertThrows(InternalError.class, () -> readUntilReported(latest));
+            assertThrows(RegistryDamagedException.class, () -> local.stat("k"));
+            assertEquals(0, latest.number());
+        }
+    }
+
+    private static void readUntilReported(LatestState latest) {
+        for (int i = 0; i < UNTIL_COMPILED; i++) {
+            latest.number();
+            Thread.yield();  // leaves compiled code
+        }
+    }
+
+    @ParameterizedTest
+    @ValueSource(ints = {UNTIL_KNOWN, UNTIL_COMPILED})
+    void aKnownKeyOfATruncatedFileIsReportedAsDamaged(int reads, @TempDir Path directory) throws IOException {
+        try (Registry local = Registry.at(directory)) {
+            local.put("k", "v");
+            for (int i = 0; i < reads; i++) {
+                assertEquals("v", local.getText("k"));
+                assertTrue(local.exists("k"));
+                assertEquals(List.of("k"), local.list(""));
+            }
+            truncate(directory);
+            assertThrows(RegistryDamagedException.class, () -> local.getText("k"));
+            assertThrows(RegistryDamagedException.class, () -> local.exists("k"));
+            assertThrows(RegistryDamagedException.class, () -> local.list(""));
+        }
+    }
+
     // --- The table ---
 
     private KnownKeys table() {
@@ -442,6 +500,22 @@ class KnownKeysTest extends OpenRegistry {
         keys.note("large", state, value(1), (int) WEIGHT / 4);
         assertNull(keys.value("large"));
         assertNotNull(keys.value("k1"));
+    }
+
+    @Test
+    void eachTextOfAListHasItsWeight() {
+        KnownKeys keys = table();
+        long state = latest().number();
+        List<String> texts = Collections.nCopies(1_000, "t");
+        int size = 2 * texts.size();
+        for (int i = 0; i < UNTIL_KNOWN; i++) {
+            keys.note("value", state, Optional.of(new Value.TextList(texts)), size);
+            keys.note("subkeys", state, texts, size);
+            keys.note("text", state, Optional.of(new Value.Text("t".repeat(size))), size);
+        }
+        assertNull(keys.value("value"), "a small value of many texts");
+        assertNull(keys.subkeys("subkeys"));
+        assertNotNull(keys.value("text"));
     }
 
     @Test
