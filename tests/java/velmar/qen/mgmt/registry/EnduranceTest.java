@@ -21,8 +21,9 @@ import java.util.stream.Stream;
 import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
+import velmar.qen.mgmt.nativesystem.Configuration;
 
-/** What must hold however long a process runs. */
+/** What must hold however long a process runs. The memory is that of an embedded registry, for the sake of time. */
 class EnduranceTest {
     /** Of each kind; a tenth of it warms up. */
     private static final int OPERATIONS = Integer.getInteger("tkv.operations", 4_000);
@@ -129,7 +130,7 @@ class EnduranceTest {
         AtomicBoolean failed = new AtomicBoolean();
         Registry[] shared = new Registry[4];
         for (int i = 0; i < shared.length; i++) {
-            shared[i] = Registry.at(directory.resolve("r" + i % 2));
+            shared[i] = open(i);
         }
         List<Future<?>> running = new ArrayList<>();
         for (int thread = 0; thread < THREADS; thread++) {
@@ -153,6 +154,11 @@ class EnduranceTest {
         }
     }
 
+    /** Opens one of two embedded registries, or that of the cluster. */
+    private Registry open(int place) {
+        return Configuration.onCluster() ? Registry.open() : Registry.at(directory.resolve("r" + place % 2));
+    }
+
     private void openAndClose(Registry[] shared, Random random) {
         int place = random.nextInt(shared.length);
         Registry registry;
@@ -171,7 +177,7 @@ class EnduranceTest {
             assertEquals(3, closed.code());
         }
         if (random.nextInt(8) == 0) {
-            Registry fresh = Registry.at(directory.resolve("r" + place % 2));
+            Registry fresh = open(place);
             Registry former;
             synchronized (shared) {
                 former = shared[place];
