@@ -286,7 +286,8 @@ TEST_F(LmdbGroup, ThatDoesNotExistIsAnErrorOfTheConfiguration) {
 TEST_F(LmdbDirectory, PathsThatCannotHoldARegistryAreRefusedWithTheReason) {
   expect_refused("relative/path", PRTKV_INVALID_ARGUMENT, "not an absolute path");
   expect_refused("", PRTKV_INVALID_ARGUMENT, "not an absolute path");
-  expect_refused(temporary_ / "no/such/parent", PRTKV_UNUSABLE, "its parent");
+  expect_refused(temporary_ / "no/such/parent", PRTKV_UNUSABLE,
+                 "does not exist; type: mkdir -p '" + (temporary_ / "no/such") + "'");
   EXPECT_FALSE(fs::exists(temporary_ / "no"));
   write_file(temporary_ / "file", "x");
   expect_refused(temporary_ / "file", PRTKV_UNUSABLE, "not a directory");

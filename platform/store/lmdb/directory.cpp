@@ -98,6 +98,9 @@ Status open_parent(const std::string& directory, Descriptor* opened) {
   if (opened->is_open()) return {};
   const int error = errno;
   if (error == EACCES) return lmdb_status(error, "cannot use " + quoted(parent));
+  if (error == ENOENT) {
+    return unusable(directory, "its parent " + quoted(parent) + " does not exist; type: mkdir -p " + quoted(parent));
+  }
   return unusable(directory, "its parent " + quoted(parent) + ": " + message_of(error));
 }
 
