@@ -115,6 +115,16 @@ TEST_F(KnownToASession, AKeyThatWasCreatedAnewIsAnotherOne) {
   EXPECT_EQ(value("a"), "anew");
 }
 
+TEST_F(KnownToASession, AnotherIdThanTheKnownOneNamesNoKey) {
+  const auto client = client_on(store_, superuser());
+  KnownKey known;
+  ASSERT_TRUE(client->look_up("a", &known).ok());
+  const KeyId id = known.id;
+  EXPECT_TRUE(client->look_up({"a", id}, &known).ok());
+  EXPECT_TRUE(client->look_up({"a", id + 1}, &known).is(PRTKV_NO_SUCH_KEY));
+  EXPECT_EQ(known.id, id);
+}
+
 TEST_F(KnownToASession, KeysThatWereExchangedAreFoundUnderTheirNewNames) {
   const prtkv_key held = know("a");
   know("b");
