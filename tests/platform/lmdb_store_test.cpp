@@ -850,6 +850,22 @@ TEST_F(Lmdb, SlotsOfDeadReadersAreReusedWhenNoneAreFree) {
   EXPECT_EQ(depth, 500);
 }
 
+TEST_F(Lmdb, IdleProcessesDoNotKeepTheSlotsThatTheyHaveReadWith) {
+  const auto store = open();
+  const auto read_at_depth = [](Store& each, int depth) {
+    const std::function<Status(View&)> deeper = [&](View&) { return --depth > 0 ? each.read(deeper) : Status(); };
+    return each.read(deeper);
+  };
+  const ChildProcess idle([&] {
+    const auto own = open_or_fail(options_);
+    if (!read_at_depth(*own, 1000).ok()) return 1;
+    raise(SIGSTOP);
+    return 0;
+  });
+  idle.wait_until_stopped();
+  EXPECT_EQ(read_at_depth(*store, 500).text(), "done");
+}
+
 TEST_F(Lmdb, TheNextOpeningClearsTheSlotsOfDeadReaders) {
   options_.retention.off = true;
   { const auto store = open(); }
