@@ -22,7 +22,7 @@ Status check_value(Reader& tree, const Condition& condition) {
 
 Status check_revision(Reader& tree, const Condition& condition) {
   KeyInfo info;
-  if (Status status = tree.stat({condition.name, condition.id}, &info); !status.ok()) return status;
+  if (Status status = tree.stat_briefly({condition.name, condition.id}, &info); !status.ok()) return status;
   if (info.revision == condition.revision) return {};
   return conflict(condition, "was changed in revision " + std::to_string(info.revision) + ", not last in " +
                                  std::to_string(condition.revision));

@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <utility>
+#include <vector>
 
 #include "registry/change_filter.h"
 #include "registry/name.h"
@@ -31,6 +32,45 @@ std::string host_name() {
 Status not_retained(Revision revision) {
   return {PRTKV_INVALID_ARGUMENT, "change " + std::to_string(revision) + " is not retained"};
 }
+
+// Conditions on revisions of keys that have later ones by now.
+class LateRevisions {
+ public:
+  // The condition must live as long as this object.
+  void add(Condition* condition, Revision present) {
+    oldest_ = late_.empty() ? condition->revision : std::min(oldest_, condition->revision);
+    late_.push_back({condition, present});
+  }
+
+  bool empty() const { return late_.empty(); }
+  Revision oldest() const { return oldest_; }
+
+  // Leaves the conditions on keys that the change has changed as they are.
+  void remove_changed_in(const ChangeRecord& record) {
+    for (const Change& change : record.changes) {
+      const bool is_subtree = change.kind == Change::Kind::kChangedAtOrBelow;
+      std::erase_if(late_, [&](const Late& late) {
+        const std::string& name = late.condition->name;
+        const bool concerns = name == change.name || (is_subtree && is_within(name, change.name));
+        return concerns && record.revision > late.condition->revision;
+      });
+    }
+  }
+
+  // Makes the others expect what is there.
+  void accept() const {
+    for (const Late& late : late_) late.condition->revision = late.present;
+  }
+
+ private:
+  struct Late {
+    Condition* condition;
+    Revision present;
+  };
+
+  std::vector<Late> late_;
+  Revision oldest_ = 0;
+};
 
 }  // namespace
 
@@ -82,10 +122,38 @@ Status LocalHistory::find_change(Revision revision, ChangeRecord* record) {
 Status LocalHistory::plan_undo_of(Revision revision, Batch* inverse) {
   ChangeRecord record;
   if (Status status = find_change(revision, &record); !status.ok()) return status;
-  return read_past(store_, identity_, record.revision - 1, [&](Reader& before) {
+  Status planned = read_past(store_, identity_, record.revision - 1, [&](Reader& before) {
     return read_past(store_, identity_, record.revision,
                      [&](Reader& after) { return plan_undo(before, after, record, inverse); });
   });
+  return planned.ok() ? expect_present(inverse) : planned;
+}
+
+// On a store that carries out a large change piece by piece, once it is decided, the keys get later revisions than that
+// of the change. Unless the log knows of a later change of such a key, its present revision is as good.
+Status LocalHistory::expect_present(Batch* inverse) {
+  LateRevisions late;
+  const auto compare = [&](store::View& view) -> Status {
+    late = LateRevisions();
+    Reader present(view, identity_);
+    for (Condition& condition : inverse->conditions) {
+      if (condition.kind != Condition::Kind::kRevision) continue;
+      KeyInfo info;
+      const bool found =
+          present.stat_briefly({condition.name, condition.id}, &info).ok();  // if not, the batch tells why
+      if (found && info.revision > condition.revision) late.add(&condition, info.revision);
+    }
+    return {};
+  };
+  if (Status status = store_.read(compare); !status.ok() || late.empty()) return status;
+  LogPosition position;
+  const auto visit = [&](const ChangeRecord& record) -> Status {
+    late.remove_changed_in(record);
+    return {};
+  };
+  Status status = store_.changes({.after = late.oldest(), .only_complete = true}, visit, &position);
+  if (status.ok() && position.complete) late.accept();
+  return status;
 }
 
 // The ids of all keys that had a name in the retained past, or have it in the state of `present`.

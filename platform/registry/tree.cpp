@@ -258,12 +258,19 @@ Status Reader::read_last_change(KeyInfo* info) {
   return {};
 }
 
-Status Reader::stat(const KeyRef& key, KeyInfo* info) {
+Status Reader::stat_briefly(const KeyRef& key, KeyInfo* info) {
   Place place;
   KeyInfo found;
   if (Status status = resolve(key, &place); !status.ok()) return status;
   if (Status status = demand(TKV_RIGHT_READ, key.name, place.node, "reading it"); !status.ok()) return status;
   if (Status status = read_info(key.name, place.node, &found); !status.ok()) return status;
+  *info = std::move(found);
+  return {};
+}
+
+Status Reader::stat(const KeyRef& key, KeyInfo* info) {
+  KeyInfo found;
+  if (Status status = stat_briefly(key, &found); !status.ok()) return status;
   if (Status status = read_last_change(&found); !status.ok()) return at_key(status, key.name);
   *info = std::move(found);
   return {};

@@ -93,6 +93,8 @@ class Reader {
 
   // As the Client's operations.
   Status stat(const KeyRef& key, KeyInfo* info);
+  // As stat, but does not find out when and by whom the key was changed.
+  Status stat_briefly(const KeyRef& key, KeyInfo* info);
   Status read_key(const KeyRef& key, KeyInfo* info, TypedValue* value);
   Status security(const KeyRef& key, sec_attr* security);
   Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit);

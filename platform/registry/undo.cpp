@@ -164,7 +164,7 @@ class UndoPlan {
   Status expect_same(const KeyChange& each) {
     if (each.kind == KeyChange::Kind::kAdd) return expect_absent(each.after.name);
     KeyInfo info;
-    if (Status status = after_.stat(each.name(), &info); !status.ok()) return status;
+    if (Status status = after_.stat_briefly(each.name(), &info); !status.ok()) return status;
     expect_revision(each.name(), info);
     return {};
   }
@@ -187,7 +187,7 @@ class UndoPlan {
     const std::string name = name_after(index);
     KeyInfo info;
     if (Status status = has(after_, name, change_.changes[index].id, exists); !status.ok() || !*exists) return status;
-    if (Status status = after_.stat(name, &info); !status.ok()) return status;
+    if (Status status = after_.stat_briefly(name, &info); !status.ok()) return status;
     expect_revision(name, info);
     return {};
   }

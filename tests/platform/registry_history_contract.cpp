@@ -208,8 +208,7 @@ TEST_P(History, AChangeOfManyKeysIsLoggedByWhatTheyHaveInCommon) {
   EXPECT_THAT(log(begin), ElementsAre("below a.b"));
 }
 
-// Of stores whose keys have the change's own revision, however many keys the change has.
-TEST_P(PurgeableHistory, AChangeOfManyKeysIsUndone) {
+TEST_P(History, AChangeOfManyKeysIsUndone) {
   Batch batch{.new_keys = open_keys()};
   CommitResult result;
   make("a");
@@ -219,6 +218,22 @@ TEST_P(PurgeableHistory, AChangeOfManyKeysIsUndone) {
   ASSERT_EQ(commit(batch, &result), Status());
   undo(result.revision);
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]", "a= [63]", "a.b= [63]"));
+}
+
+TEST_P(History, AChangeOfManyKeysIsNotUndoneIfOneOfThemWasChangedSince) {
+  Batch batch{.new_keys = open_keys()};
+  CommitResult many;
+  make("a");
+  make("a.b");
+  for (std::size_t i = 0; i <= kMaxListedChanges; ++i)
+    batch.operations.push_back(put("a.b.k" + std::to_string(i), "1"));
+  ASSERT_EQ(commit(batch, &many), Status());
+  set("a.b.k500", "2");
+  Batch inverse;
+  CommitResult result;
+  EXPECT_TRUE(root_->undo(many.revision, {}, &inverse, &result).is(PRTKV_CONFLICT));
+  EXPECT_EQ(value(*root_, "a.b.k500"), "2");
+  EXPECT_EQ(value(*root_, "a.b.k1000"), "1");
 }
 
 TEST_P(History, TheLogOfAKeyHasWhatConcernsIt) {
