@@ -3,7 +3,10 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <lmdb.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -19,6 +22,7 @@ namespace {
 // Run once, at the next call.
 std::function<void()> after_beginning_to_read;
 std::function<void(MDB_env*)> before_getting;
+std::function<void()> after_mapping;
 
 MDB_assert_func* assertion = nullptr;  // the last one set
 
@@ -48,6 +52,21 @@ extern "C" {
   return original(txn, database, key, data);
 }
 
+// The environment is mapped by now, or it is being mapped anew.
+[[gnu::visibility("default")]] int mdb_reader_check(MDB_env* env, int* dead) {
+  static auto* const original = real<decltype(mdb_reader_check)>("mdb_reader_check");
+  const int code = original(env, dead);
+  run_once(after_mapping);
+  return code;
+}
+
+[[gnu::visibility("default")]] int mdb_env_set_mapsize(MDB_env* env, std::size_t size) {
+  static auto* const original = real<decltype(mdb_env_set_mapsize)>("mdb_env_set_mapsize");
+  const int code = original(env, size);
+  if (size == 0) run_once(after_mapping);
+  return code;
+}
+
 [[gnu::visibility("default")]] int mdb_env_set_assert(MDB_env* env, MDB_assert_func* function) {
   static auto* const original = real<decltype(mdb_env_set_assert)>("mdb_env_set_assert");
   assertion = function;
@@ -57,6 +76,37 @@ extern "C" {
 
 namespace tkv::store {
 namespace {
+
+// A process that waits until it may do its work: none can be forked while an environment is being opened.
+class Elsewhere {
+ public:
+  explicit Elsewhere(const std::function<int()>& work) {
+    if (pipe(begins_) != 0) std::abort();
+    process_ = fork();
+    if (process_ == 0) {
+      char byte = 0;
+      close(begins_[1]);
+      _exit(read(begins_[0], &byte, 1) == 1 ? work() : 0);
+    }
+    close(begins_[0]);
+  }
+  ~Elsewhere() {
+    close(begins_[1]);
+    if (process_ > 0) waitpid(process_, nullptr, 0);
+  }
+  Elsewhere(const Elsewhere&) = delete;
+  Elsewhere& operator=(const Elsewhere&) = delete;
+
+  void work() {
+    int status = 0;
+    EXPECT_EQ(write(begins_[1], "w", 1), 1);
+    EXPECT_EQ(waitpid(std::exchange(process_, 0), &status, 0) > 0 ? status : -1, 0);
+  }
+
+ private:
+  int begins_[2] = {-1, -1};
+  pid_t process_ = 0;
+};
 
 class LmdbRaces : public ::testing::Test {
  protected:
@@ -73,6 +123,19 @@ class LmdbRaces : public ::testing::Test {
               0);
   }
 
+  // Makes the registry so much larger that no map made before holds it.
+  int grow(std::size_t growth) const {
+    const auto store = open_or_fail(options_);
+    for (std::size_t n = 0; n < 4 * growth; ++n) {
+      NodeId id = kNoNode;
+      const std::string name = std::to_string(growth) + "-" + std::to_string(n);
+      if (!add_node(*store, kRootNode, name, &id).ok()) return 1;
+      if (!set_text(*store, id, std::string(kFirstMap, 'v')).ok()) return 2;
+    }
+    return 0;
+  }
+
+  static constexpr std::size_t kFirstMap = std::size_t{1} << 20;
   TemporaryDirectory temporary_{TemporaryDirectory::Where::kInMemory};
   LmdbOptions options_;
 };
@@ -92,6 +155,32 @@ TEST_F(LmdbRaces, AReaderBeginsAgainIfItsMetaPageIsOverwrittenMeanwhile) {
     EXPECT_EQ(text_of(*store), "commit " + std::to_string(commits));
     EXPECT_TRUE(has_run);
   }
+  expect_sound(*store);
+}
+
+TEST_F(LmdbRaces, ARegistryThatGrowsWhileItIsBeingOpenedIsOpened) {
+  options_.first_map_size = kFirstMap;
+  ASSERT_TRUE(set_text(*open_or_fail(options_), kRootNode, "kept").ok());
+  Elsewhere elsewhere([&] { return grow(1); });
+  after_mapping = [&] { elsewhere.work(); };
+  std::shared_ptr<Store> store;
+  EXPECT_EQ(open_lmdb_store(options_, &store).text(), "done");
+  ASSERT_NE(store, nullptr);
+  EXPECT_FALSE(after_mapping);
+  EXPECT_EQ(text_of(*store), "kept");
+  expect_sound(*store);
+}
+
+TEST_F(LmdbRaces, ARegistryThatGrowsOnceMoreWhileItsGrowthIsBeingFollowedIsRead) {
+  options_.first_map_size = kFirstMap;
+  Elsewhere first([&] { return grow(1); });
+  Elsewhere second([&] { return grow(4); });
+  const auto store = open_or_fail(options_);
+  ASSERT_TRUE(set_text(*store, kRootNode, "kept").ok());
+  first.work();
+  after_mapping = [&] { second.work(); };
+  EXPECT_EQ(text_of(*store), "kept");
+  EXPECT_FALSE(after_mapping) << "the growth was not followed";
   expect_sound(*store);
 }
 

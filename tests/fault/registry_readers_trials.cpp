@@ -406,7 +406,10 @@ class KeyReader {
         board_.fail("key %d may be read, and was not", key);
       }
     } else if (code != PRTKV_DONE) {
-      board_.fail("reading key %d failed with %d", key, code);
+      char text[PRTKV_ERROR_TEXT_SIZE] = "";
+      auto text_size = static_cast<std::int32_t>(sizeof text);
+      prtkv_get_last_error(session_, &code, text, &text_size);
+      board_.fail("reading key %d failed: %s", key, text);
     } else {
       if (lasted(gone, notes.gone.number())) board_.fail("key %d was read when it was gone", key);
       if (lasted(closed, notes.closed.number())) board_.fail("key %d was read without the right", key);

@@ -251,13 +251,42 @@ void Environment::close_files() {
   env_ = nullptr;
 }
 
+// Other processes may make the registry grow beyond the map at any time, also while it is being looked at. A damaged
+// file may say so too; then the map does not become larger.
 Status Environment::check_contents() try {
+  Status status = read_contents();
+  bool follows = true;
+  while (!status.ok() && follows && is_outgrown()) {
+    const std::uint64_t mapped = map_bytes();
+    if (int code = mdb_env_set_mapsize(env_, 0); code != 0) return failure(code, "cannot map the registry");
+    follows = map_bytes() > mapped;
+    status = read_contents();
+  }
+  return status;
+} catch (const LmdbAssertion& broken) {
+  return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
+}
+
+Status Environment::read_contents() {
   if (Status status = extend_short_file(); !status.ok()) return status;
   if (Status status = locate_map(env_, directory_.c_str(), &map_); !status.ok()) return status;
   readers_.for_each([](ReaderSlot& slot) { slot.state = FileState{}; });
   return {};
-} catch (const LmdbAssertion& broken) {
-  return Status(PRTKV_STORAGE_FAILED, broken.what()).about("the registry in '" + directory_ + "' is damaged");
+}
+
+// Whether LMDB begins no transaction, as the file has pages beyond the map.
+bool Environment::is_outgrown() const {
+  MDB_envinfo info{};
+  MDB_stat pages{};
+  mdb_env_info(env_, &info);
+  mdb_env_stat(env_, &pages);
+  return info.me_last_pgno >= info.me_mapsize / pages.ms_psize;
+}
+
+std::uint64_t Environment::map_bytes() const {
+  MDB_envinfo info{};
+  mdb_env_info(env_, &info);
+  return info.me_mapsize;
 }
 
 // A registry of a newer format is not touched. A damaged record is left to those who need it, and to a repair.

@@ -99,6 +99,9 @@ class Environment {
   void close_files();
   Status open_files();
   Status check_contents();
+  Status read_contents();
+  bool is_outgrown() const;
+  std::uint64_t map_bytes() const;
   Status check_version();
   Status extend_short_file();
   Status check_size();
