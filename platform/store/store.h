@@ -79,8 +79,8 @@ constexpr ValuePlace kNoValue{1, 0, 0};  // the place of a value that was never 
 // One state of the tree, for reading.
 class View {
  public:
-  // The number of this state: a later state has a larger one. 0 if the store does not number its states. A store that
-  // does runs a function given to read() once.
+  // The number of this state: a later state has a larger one. A store that numbers its states runs a function given to
+  // read() once; all states of another store have the number zero.
   virtual std::uint64_t state() { return 0; }
 
   // Looks up a child by name. The root is the child "" of kNoNode. Returns PRTKV_NO_SUCH_KEY if there is none.

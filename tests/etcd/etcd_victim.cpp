@@ -8,8 +8,8 @@
 // If TKV_CLOCK_SKEW is set, its clock is off by so many seconds.
 //
 // ACTION: build, a key "built" with many subkeys; linger, the same, but waiting in the middle until there is a key
-// "go"; delete, the key "old"; create, the key "small"; change, the values of all subkeys of "many". The exit code is 0
-// when everything was done before the n-th request, 1 when something failed.
+// "go"; delete, the key "old"; create, the key "small"; change, the values of all subkeys of "many". It exits with
+// EXIT_SUCCESS if everything was done before the n-th request, and with EXIT_FAILURE if something failed.
 
 #include <signal.h>
 #include <sys/syscall.h>
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   const std::string action = argv[3];
   etcd::RequestWatch watch;
   std::shared_ptr<tkv::store::Store> store;
-  if (!etcd::open_etcd_store(options, &store, watch.interceptors()).ok()) return 1;
+  if (!etcd::open_etcd_store(options, &store, watch.interceptors()).ok()) return EXIT_FAILURE;
   watch.reset();
   watch.decide([&, last = std::atoi(argv[4])](const std::string&) {
     if (last > 0 && watch.count() >= last) kill(getpid(), SIGKILL);
@@ -67,5 +67,5 @@ int main(int argc, char** argv) {
                                                   : etcd::create_key(*store, "small", "value");
   store.reset();
   if (!status.ok()) std::fprintf(stderr, "%s\n", status.text().c_str());
-  return status.ok() ? 0 : 1;
+  return status.ok() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

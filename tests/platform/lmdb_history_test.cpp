@@ -358,7 +358,7 @@ TEST_F(LmdbHistory, WatchersOfOtherProcessesSeeEveryChangeOnceAndInOrderWhileWri
       if (!set_text(*store, kRootNode, std::to_string(i)).ok()) return 1;
     }
   };
-  // Ends when it has seen the change `goal`: 0 if every change came once, in order.
+  // Ends when it has seen the change `goal`, with success if every change came once, in order.
   const auto watch = [this](Revision goal) {
     const auto store = open();
     Revision seen = 0;

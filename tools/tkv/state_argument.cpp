@@ -151,7 +151,7 @@ bool is_revision(std::string_view word, Revision* revision) {
 }
 
 // The oldest state that can be read. A store that does not keep the number of it can read all states since the oldest
-// change that it logs. 0 if there is none, or nobody can tell.
+// change that it logs. Zero stands for no such state, or for one that nobody can tell.
 Revision oldest_state(registry::Client& client) {
   registry::RegistryStatus registry;
   LogPosition position;

@@ -37,7 +37,7 @@ class StateArgument {
   Outcome find(registry::Client& client, Revision* revision) const;
 
   // The revision after which the log has what `--since` with this argument asks for: changes after a revision, or of a
-  // time and later. 0 if the log does not reach back to that time.
+  // time and later. It is zero if the log does not reach back to that time.
   Outcome find_before(registry::Client& client, Revision* revision) const;
 
   // Opens the state for reading. Fails with Exit::kNotFound, and says what can be read, if it is not retained.
