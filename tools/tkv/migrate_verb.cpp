@@ -161,9 +161,9 @@ constinit const Verb kMigrateVerb{
     .summary = "Copy a registry from one store to another",
     .details = R"(FROM and TO are each a directory, an etcd cluster (etcd://host:port, several
 separated by commas), or a configuration file that names the location and all
-that belongs to it. TO becomes one
-state of FROM, in one change, and both are then compared key by key. If the
-command is interrupted before that, TO is as it was.
+that belongs to it. All keys of one state of FROM are copied to TO in one change,
+and both are then compared key by key. If the command is interrupted while it
+copies, TO stays as it was.
 
 A TO that holds keys is refused (exit code 5) unless --overwrite is given. Stop
 all programs that write to FROM before the last run: what they write after it
