@@ -197,9 +197,7 @@ class Commands(Watching):
         self.wait_until("the command", lambda: pids.exists() and pids.read_text().endswith("\n"))
         sleeper = pathlib.Path("/proc") / pids.read_text().strip()
         self.assertEqual(self.end(watch), ("", ""))
-        # Its parent has gone; it is away, or a zombie until somebody reaps it.
-        self.wait_until("the end of what it started",
-                        lambda: not sleeper.exists() or ") Z " in (sleeper / "stat").read_text())
+        self.wait_until("the end of what it started", lambda: self.has_ended(sleeper))
 
     def test_that_ignore_the_signal_are_killed_with_what_they_started(self):
         pids = self.folder / "pids"
@@ -208,8 +206,7 @@ class Commands(Watching):
         self.tkv("set", "app.limit", "--int64", "6")
         self.assertIn("the command was ended after 1 s", watch.stderr.readline())
         sleeper = pathlib.Path("/proc") / pids.read_text().strip()
-        self.wait_until("the end of what it started",
-                        lambda: not sleeper.exists() or ") Z " in (sleeper / "stat").read_text())
+        self.wait_until("the end of what it started", lambda: self.has_ended(sleeper))
         self.assertEqual(self.end(watch), ("", ""))
 
     def test_leave_no_zombies_and_inherit_no_descriptors(self):
@@ -231,6 +228,14 @@ class Commands(Watching):
         # A file that is left open for each command; the watch itself may be reading one.
         self.assertLess(len(self.open_files(watch)), before + 5)
         self.assertEqual(self.end(watch), ("", ""))
+
+    @staticmethod
+    def has_ended(process):
+        """Whether a process whose parent has gone is away, or a zombie until somebody reaps it."""
+        try:
+            return ") Z " in (process / "stat").read_text()
+        except (FileNotFoundError, ProcessLookupError):
+            return True
 
     def runs_nothing(self, watch):
         """Whether the watch has reaped its command, and closed the command's input and its handle of the process."""
