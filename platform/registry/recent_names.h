@@ -7,9 +7,10 @@
 #ifndef TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 #define TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -62,10 +63,29 @@ class RecentNames {
   }
 
  private:
-  struct Entry {
+  // The table is larger than the processor's caches, so what counts is how many places of memory a search touches: a
+  // place in the table, and the whole lines of one entry. Names that are longer than an entry has room for are kept
+  // elsewhere.
+  static constexpr std::size_t kLine = 64;
+  static constexpr std::size_t kLeastRoom = 24;
+  static constexpr std::size_t kWithoutRoom =
+      sizeof(std::size_t) + sizeof(Value) + sizeof(std::unique_ptr<char[]>) + sizeof(std::uint16_t);
+  static constexpr std::size_t kEntrySize = (kWithoutRoom + kLeastRoom + kLine - 1) / kLine * kLine;
+
+  struct alignas(kEntrySize) Entry {
+    Entry(std::string_view name, std::size_t name_hash, const Value& of_name)
+        : hash(name_hash), value(of_name), size(static_cast<std::uint16_t>(name.size())) {
+      if (name.size() > room.size()) elsewhere = std::make_unique<char[]>(name.size());
+      name.copy(elsewhere ? elsewhere.get() : room.data(), name.size());
+    }
+
+    std::string_view name() const { return {elsewhere ? elsewhere.get() : room.data(), size}; }
+
     std::size_t hash;
-    std::string name;
     Value value;
+    std::unique_ptr<char[]> elsewhere;
+    std::uint16_t size;
+    std::array<char, kEntrySize - kWithoutRoom> room;
   };
 
   // A hash table with linear probing, at most half full.
@@ -80,15 +100,16 @@ class RecentNames {
     const Entry* find(std::string_view name, std::size_t hash) const {
       if (entries_.empty()) return nullptr;
       for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
-        if (places_[at] == kFree) return nullptr;
-        const Entry& entry = entries_[places_[at]];
-        if (entry.hash == hash && entry.name == name) return &entry;
+        if (places_[at].index == kFree) return nullptr;
+        if (places_[at].tag != tag_of(hash)) continue;
+        const Entry& entry = entries_[places_[at].index];
+        if (entry.hash == hash && entry.name() == name) return &entry;
       }
     }
 
     void add(std::string_view name, std::size_t hash, const Value& value) {
       if (2 * (entries_.size() + 1) > places_.size()) grow();
-      entries_.push_back({hash, std::string(name), value});
+      entries_.emplace_back(name, hash, value);
       place(entries_.size() - 1);
     }
 
@@ -96,23 +117,31 @@ class RecentNames {
     static constexpr std::uint32_t kFree = ~std::uint32_t{0};
     static constexpr std::size_t kFirstSize = 64;
 
+    struct Place {
+      std::uint32_t tag = 0;  // of the entry's hash: most entries that are passed are not looked at
+      std::uint32_t index = kFree;
+    };
+
+    static std::uint32_t tag_of(std::size_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
+
     std::size_t mask() const { return places_.size() - 1; }
 
     void grow() {
       const std::size_t size = places_.empty() ? kFirstSize : 2 * places_.size();
       entries_.reserve(size / 2);
-      std::vector<std::uint32_t>(size, kFree).swap(places_);
+      std::vector<Place>(size).swap(places_);
       for (std::size_t index = 0; index < entries_.size(); ++index) place(index);
     }
 
     void place(std::size_t index) {
-      std::size_t at = entries_[index].hash & mask();
-      while (places_[at] != kFree) at = (at + 1) & mask();
-      places_[at] = static_cast<std::uint32_t>(index);
+      const std::size_t hash = entries_[index].hash;
+      std::size_t at = hash & mask();
+      while (places_[at].index != kFree) at = (at + 1) & mask();
+      places_[at] = {tag_of(hash), static_cast<std::uint32_t>(index)};
     }
 
     std::vector<Entry> entries_;
-    std::vector<std::uint32_t> places_;  // indexes into entries_, by hash
+    std::vector<Place> places_;  // of entries_, by hash
   };
 
   const std::size_t least_;

@@ -667,6 +667,36 @@ TEST(RecentNames, KeepsTheNamesInUseAndAtMostTwiceTheLeastNumber) {
   EXPECT_EQ(find("n0"), nullptr);
 }
 
+TEST(RecentNames, KeepsNamesOfEveryLength) {
+  constexpr std::size_t kLongest = 1023;
+  RecentNames<int> names(kLongest + 1);
+  const auto find = [&](const std::string& name) { return names.find(name, RecentNames<int>::hash(name)); };
+  for (std::size_t length = 0; length <= kLongest; ++length) {
+    const std::string name(length, 'n');
+    names.add(name, RecentNames<int>::hash(name), static_cast<int>(length));
+  }
+  for (std::size_t length = 0; length <= kLongest; ++length) {
+    std::string name(length, 'n');
+    ASSERT_NE(find(name), nullptr) << length;
+    EXPECT_EQ(*find(name), static_cast<int>(length));
+    if (length == 0) continue;
+    name.back() = 'o';
+    EXPECT_EQ(find(name), nullptr) << "differs in the last of " << length << " characters";
+  }
+}
+
+TEST(RecentNames, TellsNamesWithTheSameHashApart) {
+  constexpr std::size_t kHash = 7;
+  RecentNames<int> names(10);
+  names.add("a", kHash, 1);
+  names.add("b", kHash, 2);
+  ASSERT_NE(names.find("a", kHash), nullptr);
+  ASSERT_NE(names.find("b", kHash), nullptr);
+  EXPECT_EQ(*names.find("a", kHash), 1);
+  EXPECT_EQ(*names.find("b", kHash), 2);
+  EXPECT_EQ(names.find("c", kHash), nullptr);
+}
+
 TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
   KnownKeys keys;
   KnownKey known;
