@@ -35,7 +35,8 @@ JAVA = {  # the columns without a figure: those that have no such thing
 }
 NATIVE = {**{row: set() for row in JAVA}, "open and close a key": {"lmdb"}, "trace line, tracing off": {"lmdb"}}
 COMPARED = ["tkv", "registry", "lmdb", "prefs"]
-READERS = {"one reader": set(), "two readers at once, each": {"tkv"}, "while another process writes": {"prefs"}}
+READERS = {"one reader": set(), "two readers at once, each": {"tkv"}, "while another process writes": {"prefs"},
+           "while another process writes, always the same key": {"prefs"}}
 SERIES = {  # the plots: their rows, and the columns without a figure
     "keys": ("Java, read a random key", COMPARED, {"50 keys": set(), "200 keys": set()}),
     "depths": ("Java, read a random key of 50", COMPARED, {"2 levels": set(), "5 levels": set()}),

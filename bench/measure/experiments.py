@@ -12,6 +12,7 @@ COUNTED = {"read-same": 2000, "read-group": 2000, "read-all": 2000, "open-key": 
 SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use one store at once
 
 MIB = 2**20
+FEW_KEYS = 10_000  # that are all read again within the usual warm-up
 LARGEST_VALUE = MIB - 1  # without its NUL
 # What a peer cannot hold, or not within reasonable time: the number of keys, and the size of a value or of all.
 MOST_KEYS = {"prefs": 10_000}
@@ -27,6 +28,8 @@ class Plan:
         quick, full = size == "quick", size == "full"
         self.groups, self.keys = (4, 50) if quick else (100, 1000)
         self.warm_up_ms, self.window_ms, self.windows = (20, 10, 3) if quick else (600, 100, 7)
+        # Some peers keep what they have read before: each key of a large store has to be read several times.
+        self.warm_up_of_many_ms = self.warm_up_ms if quick else 3000
         self.forks = forks or (2 if full else 1)
         # One JVM for each scenario keeps one scenario's profile from shaping another's code; a quick run skips this.
         self.together = quick
@@ -44,8 +47,10 @@ class Plan:
     def dataset(self):
         return Dataset(self.groups, self.keys)
 
-    def times(self):
-        return ["--warm-up-ms", str(self.warm_up_ms), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
+    def times(self, dataset, *scenarios):
+        reads_many = {"read-all", "read-two"} & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
+        warm_up = self.warm_up_of_many_ms if reads_many else self.warm_up_ms
+        return ["--warm-up-ms", str(warm_up), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
 
     def batches(self, scenarios):
         return [scenarios] if self.together else [[scenario] for scenario in scenarios]
@@ -64,7 +69,7 @@ class Plan:
 
     def method(self):
         return (f"times: from {self.forks} fresh process(es), each with {self.windows} windows of {self.window_ms} ms "
-                f"after {self.warm_up_ms} ms")
+                f"after {self.warm_up_ms} ms, or {self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read")
 
     def data(self):
         return (f"stores: {self.groups * self.keys:,} keys of depth 4, values of 20 characters, unless a table says "
@@ -99,7 +104,7 @@ class Experiments:
             for batch in self.plan.batches(scenarios):
                 progress(f"{title}: fork {fork + 1} of {self.plan.forks}: {', '.join(batch)}")
                 for peer in in_turn:
-                    answer = self.programs.run(command(peer, batch, self.plan.times()))
+                    answer = self.programs.run(command(peer, batch, self.plan.times(self.plan.dataset(), *batch)))
                     for scenario in batch:
                         table.add(self.plan.label(scenario), peer, values_of(answer[scenario]))
         return table
@@ -126,30 +131,38 @@ class Experiments:
     def disturbed_reads(self, title, name, peers, command):
         table = Table(name, f"{title}, {self.plan.label('read-all')}", peers)
         alone, two, beside = "one reader", "two readers at once, each", "while another process writes"
-        for label in (alone, two, beside):
+        same = f"{beside}, always the same key"
+        for label in (alone, two, beside, same):
             table.add_row(label)
+
+        def measure(label, peer, scenario):
+            times = self.plan.times(self.plan.dataset(), scenario)
+            answer = self.programs.run(command(peer, [scenario], times))
+            table.add(label, peer, values_of(answer[scenario]))
+
         for peer in peers:
             progress(f"{title}, readers: {peer}")
-            for label, scenario in ((alone, "read-all"), (two, "read-two")):
-                answer = self.programs.run(command(peer, [scenario], self.plan.times()))
-                table.add(label, peer, values_of(answer[scenario]))
+            measure(alone, peer, "read-all")
+            measure(two, peer, "read-two")
             if peer in SEVERAL_PROCESSES:
                 with self.programs.writing(command(peer, ["write-on"])):
-                    answer = self.programs.run(command(peer, ["read-all"], self.plan.times()))
-                table.add(beside, peer, values_of(answer["read-all"]))
+                    measure(beside, peer, "read-all")
+                    measure(same, peer, "read-same")
         return table
 
     def writers(self):
         """Processes that write at the same time: the time from one write of any of them to the next."""
         peers = [peer for peer in self.compared if peer in SEVERAL_PROCESSES]
         table = Table("writers", "Java, durable write by any of", peers)
-        with Stores(self.programs, self.plan.dataset(), peers) as stores:
+        dataset = self.plan.dataset()
+        times = self.plan.times(dataset, "write")
+        with Stores(self.programs, dataset, peers) as stores:
             for count in self.plan.writers:
                 label = f"{count} process" + ("es" if count > 1 else "")
                 table.add_row(label)
                 for peer in peers:
                     progress(f"writers: {label}, {peer}")
-                    answers = self.programs.run_together([stores.java(peer, ["write"], self.plan.times())] * count)
+                    answers = self.programs.run_together([stores.java(peer, ["write"], times)] * count)
                     windows = zip(*(values_of(answer["write"]) for answer in answers))
                     table.add(label, peer, [1 / sum(1 / mean for mean in window) for window in windows])
         return [table]
@@ -159,8 +172,10 @@ class Experiments:
         table = Table("history", "native, history", ["off", "on"], base="off")
         row = "durable write"
         table.add_row(row)
-        with Stores(self.programs, self.plan.dataset(), ["tkv"], "[history]\noff = yes\n", "stores-off") as off, \
-                Stores(self.programs, self.plan.dataset(), ["tkv"], "", "stores-on") as on:
+        dataset = self.plan.dataset()
+        times = self.plan.times(dataset, "write")
+        with Stores(self.programs, dataset, ["tkv"], "[history]\noff = yes\n", "stores-off") as off, \
+                Stores(self.programs, dataset, ["tkv"], "", "stores-on") as on:
             registries = {"off": off, "on": on}
             for stores in registries.values():
                 stores.configure()
@@ -169,7 +184,7 @@ class Experiments:
                 progress(f"history: round {turn + 1} of {self.plan.history_rounds}")
                 for column in ("off", "on") if turn % 2 == 0 else ("on", "off"):
                     registries[column].configure()
-                    answer = self.programs.run(registries[column].native("tkv", ["write"], self.plan.times()))
+                    answer = self.programs.run(registries[column].native("tkv", ["write"], times))
                     table.add(row, column, values_of(answer["write"]))
         return [table]
 
@@ -184,10 +199,11 @@ class Experiments:
             times.add_row(label, count)
             memory.add_row(label, count)
             groups = max(1, count // 1000)
-            with Stores(self.programs, Dataset(groups, count // groups), held) as stores:
+            dataset = Dataset(groups, count // groups)
+            with Stores(self.programs, dataset, held) as stores:
                 for peer in held:
                     progress(f"{label}: {peer}")
-                    answer = self.programs.run(stores.java(peer, ["read-all"], self.plan.times()))
+                    answer = self.programs.run(stores.java(peer, ["read-all"], self.plan.times(dataset, "read-all")))
                     times.add(label, peer, values_of(answer["read-all"]))
                     memory.add(label, peer, values_of(answer["memory"]))
         return [times, memory]
@@ -224,7 +240,7 @@ class Experiments:
             with Stores(self.programs, dataset, here) as stores:
                 for peer in here:
                     progress(f"{title}: {label}: {peer}")
-                    answer = self.programs.run(stores.java(peer, [scenario], self.plan.times()))
+                    answer = self.programs.run(stores.java(peer, [scenario], self.plan.times(dataset, scenario)))
                     table.add(label, peer, values_of(answer[scenario]))
         return table
 
@@ -251,8 +267,9 @@ class Experiments:
         return [times, memory]
 
     # The parts by name, in the order of a whole run.
-    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "history": history, "keys": key_counts, "depths": depths,
-             "values": values, "opening": opening, "trees": trees, "instructions": instructions}
+    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "history": history,
+             "keys": key_counts, "depths": depths, "values": values, "opening": opening, "trees": trees,
+             "instructions": instructions}
 
 
 def chosen_peers(text):
