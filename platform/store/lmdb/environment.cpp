@@ -80,8 +80,7 @@ struct EnvironmentTable {
 Status Environment::acquire(const LmdbOptions& options, Held* environment) {
   EnvironmentTable& table = EnvironmentTable::instance();
   std::unique_ptr<const RegistryFiles> files;
-  // Creating a registry waits for the disk, so the table is not locked yet. Threads may do this at once, like
-  // processes.
+  // Creating a registry waits for the disk, so the table is not locked yet. Several threads may create the same one.
   if (Status status = RegistryFiles::open(options, &files); !status.ok()) return status;
   const std::lock_guard lock(table.mutex);
   Environment* const open = table.find(files->directory());
@@ -251,8 +250,8 @@ void Environment::close_files() {
   env_ = nullptr;
 }
 
-// Other processes may make the registry grow beyond the map at any time, also while it is being looked at. A damaged
-// file may say so too; then the map does not become larger.
+// Other processes may make the registry grow beyond the map at any time, even while its contents are being checked. A
+// damaged file may claim the same; in that case mapping it again does not make the map larger.
 Status Environment::check_contents() try {
   Status status = read_contents();
   bool follows = true;
@@ -274,7 +273,7 @@ Status Environment::read_contents() {
   return {};
 }
 
-// Whether LMDB begins no transaction, as the file has pages beyond the map.
+// Whether the file has pages beyond the map, in which case LMDB refuses to begin a transaction.
 bool Environment::is_outgrown() const {
   MDB_envinfo info{};
   MDB_stat pages{};

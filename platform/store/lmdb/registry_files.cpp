@@ -139,6 +139,16 @@ Status RegistryFiles::inspect_data() const {
 Status RegistryFiles::create(const char* name, FunctionRef<Status(const Descriptor& file)> fill) const {
   std::string temporary;
   if (Status status = random_name(name, &temporary); !status.ok()) return status;
+  Status status = create_temporary(temporary, fill);
+  if (status.ok()) status = rename_temporary(temporary, name);
+  if (!status.ok()) unlinkat(handle_.number(), temporary.c_str(), 0);
+  return status;
+}
+
+// Closes the file before it gets its name: once it has, another thread may take LMDB's locks on it, and a process loses
+// its locks on a file when it closes any descriptor of it.
+Status RegistryFiles::create_temporary(const std::string& temporary,
+                                       FunctionRef<Status(const Descriptor& file)> fill) const {
   const Descriptor file(
       openat(handle_.number(), temporary.c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file.is_open()) {
@@ -146,10 +156,7 @@ Status RegistryFiles::create(const char* name, FunctionRef<Status(const Descript
     return lmdb_status(error, "cannot create " + quoted(path_of(temporary)));
   }
   Status status = set_access(file.number(), path_of(temporary), sharing_, sharing_.file_mode());
-  if (status.ok()) status = fill(file);
-  if (status.ok()) status = rename_temporary(temporary, name);
-  if (!status.ok()) unlinkat(handle_.number(), temporary.c_str(), 0);
-  return status;
+  return status.ok() ? fill(file) : status;
 }
 
 Status RegistryFiles::rename_temporary(const std::string& temporary, const char* name) const {

@@ -80,6 +80,7 @@ class RegistryFiles {
   Status open_lock_file(bool read_only);
   Status inspect_data() const;
   Status create(const char* name, FunctionRef<Status(const Descriptor& file)> fill) const;
+  Status create_temporary(const std::string& temporary, FunctionRef<Status(const Descriptor& file)> fill) const;
   Status rename_temporary(const std::string& temporary, const char* name) const;
   std::string path_of(const std::string& name) const { return path_ + "/" + name; }
   std::string path_to_open(const Descriptor& file, const std::string& name) const;
