@@ -24,8 +24,8 @@ class MetaPageMap::Pages final : public StateMemory {
     return {static_cast<const std::byte*>(address_) + first, last - first + sizeof(std::uint64_t)};
   }
 
-  // Puts empty pages in place of the file's, in one step: others may be reading. If there is no memory for that, the
-  // file's stay.
+  // Replaces the file's pages with empty ones in one step, since others may be reading. If there is no memory for that,
+  // the file's pages stay.
   void withdraw() const noexcept {
     mmap(address_, size(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
   }

@@ -8,8 +8,8 @@
 // The pages are mapped apart from LMDB's own map, which is replaced when the registry grows. The map is made through
 // LMDB's descriptor and needs none of its own; the data file carries no locks.
 //
-// Others can read the numbers as well (see memory()), for longer than this object lives: what they hold is cut off from
-// the file then, so that it keeps neither the file's disk space nor its former numbers.
+// Others can read the numbers as well (see memory()), and may keep the memory for longer than this object lives. It is
+// then no longer backed by the file: it keeps no disk space in use, and shows zeroes instead of outdated numbers.
 #ifndef TKV_PLATFORM_STORE_LMDB_META_PAGE_MAP_H
 #define TKV_PLATFORM_STORE_LMDB_META_PAGE_MAP_H
 
@@ -32,8 +32,8 @@ class MetaPageMap {
   // Maps the pages of an open data file. Without success, latest() is 0. Call once. Throws std::bad_alloc.
   void open(int file, std::size_t page_size);
 
-  // From now on, latest() is 0, and so is what memory() shows. Any thread may call this, and a forked child, where it
-  // leaves the parent as it is.
+  // From now on, latest() and memory() show 0. Any thread may call this. In a forked child it does not affect the
+  // parent.
   void withdraw() noexcept;
 
   // The numbers, or null if the pages are not mapped.

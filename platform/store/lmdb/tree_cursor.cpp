@@ -190,7 +190,8 @@ PageDamage TreeCursor::check_page(int level) const {
   return keys_ == Page::Keys::kBytes ? check_range(level) : PageDamage{};
 }
 
-// A path leads to one leaf page at least that was not reached before: it stands for all pages of the path.
+// Key ranges are checked on every visit, so only one path leads to a leaf page. The first visit to the leaf therefore
+// checks the whole path, and later ones need not.
 PageDamage TreeCursor::check_leaf() const {
   const bool is_known = is_checked(leaf().page);
   if (PageDamage damage = check_page(leaf_level())) return damage;

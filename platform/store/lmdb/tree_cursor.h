@@ -37,8 +37,8 @@ class CheckedPages {
 class TreeCursor {
  public:
   TreeCursor(const FileState& state, const TreeRoot& tree, Page::Keys keys) : state_(state), tree_(tree), keys_(keys) {}
-  // Pages in `checked` are not checked as a whole again, and those that are checked are added to it. It is null, or
-  // belongs to this state and outlives the cursor.
+  // Pages in `checked` are not checked as a whole again; those that this cursor checks are added. `checked` may be
+  // null. Otherwise it belongs to this state and outlives the cursor.
   explicit TreeCursor(const FileState& state, CheckedPages* checked = nullptr)
       : TreeCursor(state, state.records, Page::Keys::kBytes) {
     checked_ = checked;
