@@ -464,6 +464,49 @@ TEST_F(EtcdWithoutSpace, ADeletionWhoseAnswerWasLostIsUndecided) {
   EXPECT_TRUE(remove(*one_, "leaf").is(PRTKV_UNDECIDED));
 }
 
+// ---- repairs
+
+class EtcdRepairInMemory : public EtcdSession {
+ protected:
+  EtcdRepairInMemory() { kv_.put(keys_.meta(), "damaged"); }
+
+  Status repair() {
+    Totals totals;
+    const ChangeDescription change{.note = "repair"};
+    return check_registry(
+        *one_, &change, [](const Finding&) {}, [](const CheckProgress&) {}, &totals);
+  }
+
+  bool sets_counter(const TxnRequest& request) const {
+    return request.success_size() > 0 && request.success(0).request_put().key() == keys_.meta();
+  }
+};
+
+TEST_F(EtcdRepairInMemory, IsNotMadeOverAChangeThatItHasNotSeen) {
+  const std::int64_t logged = kv_.mod_revision(keys_.log());
+  bool overtaken = false;
+  kv_.before_txn = [&](const TxnRequest& request) {
+    if (sets_counter(request) && !std::exchange(overtaken, true)) kv_.put(keys_.meta(), "damaged in another way");
+    return Reply();
+  };
+  EXPECT_TRUE(repair().is(PRTKV_BUSY));
+  EXPECT_EQ(kv_.get(keys_.meta()), "damaged in another way");
+  EXPECT_EQ(kv_.mod_revision(keys_.log()), logged);
+  EXPECT_TRUE(done(repair()));
+  EXPECT_GT(kv_.mod_revision(keys_.log()), logged);
+  EXPECT_TRUE(done(create(*session(), "new")));
+}
+
+TEST_F(EtcdRepairInMemory, IsUndecidedIfItsAnswerWasLost) {
+  bool lost = false;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    if (!sets_counter(request) || std::exchange(lost, true)) return Reply();
+    return Reply{Verdict::kTryElsewhere, Status(PRTKV_UNREACHABLE, "no answer"), true};
+  };
+  EXPECT_TRUE(repair().is(PRTKV_UNDECIDED));
+  EXPECT_TRUE(done(repair()));
+}
+
 // ---- what releases have left that named processes as owners
 
 class EtcdFormerOwner : public EtcdSession {

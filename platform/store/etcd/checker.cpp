@@ -228,8 +228,8 @@ Status Checker::remove_orphans() {
   return send();
 }
 
-// What the tree shows is changed in one transaction, and the log tells of it. Nobody sees the orphans, so they can be
-// removed before, and also where there is no space for more.
+// The orphans are removed first. Nobody can see them, and etcd permits deletions even while it has no space. Everything
+// else is one transaction, which also puts the log record.
 Status Checker::repair(const ChangeDescription& description) {
   if (Status status = remove_orphans(); !status.ok()) return status;
   TxnRequest request;
@@ -239,8 +239,12 @@ Status Checker::repair(const ChangeDescription& description) {
   if (!is_needed && removable_.nodes.empty() && removable_.values.empty()) return {};
   put(request.add_success(), core_.keys.log(), ChangeLog::encode(description));
   TxnResponse response;
-  Status status = core_.kv->txn(request, &response, core_.deadline()).status;
-  return status.is(PRTKV_STORAGE_FULL) && !is_needed ? Status() : status;
+  const Reply reply = core_.kv->txn(request, &response, core_.deadline());
+  if (reply.ok() && response.succeeded()) return {};
+  if (reply.status.is(PRTKV_STORAGE_FULL) && !is_needed) return {};
+  // What was sent twice may have been made the first time.
+  if (reply.repeated) return {PRTKV_UNDECIDED, "it is not known whether the repair was made; check the registry again"};
+  return reply.ok() ? Status(PRTKV_BUSY, "another session changed what was to be repaired") : reply.status;
 }
 
 }  // namespace
