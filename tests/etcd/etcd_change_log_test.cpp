@@ -236,6 +236,61 @@ TEST_F(EtcdChangeLog, NewestFirstItFindsEachChangeAmongThoseOfOtherKeys) {
   EXPECT_EQ(part.notes, Notes(expected.begin() + 1, expected.end() - 1));
 }
 
+TEST_F(EtcdChangeLog, NewestFirstADamagedRecordDoesNotHideThoseAfterIt) {
+  change("one");
+  kv_.put(keys_.log(), "damaged");
+  const std::string damaged = "revision " + std::to_string(revision());
+  change("two");
+  change("three");
+  Notes notes;
+  LogPosition position;
+  const auto visit = [&](const ChangeRecord& record) {
+    notes.push_back(record.note);
+    return Status();
+  };
+  const Status status = log_.visit({.newest_first = true}, visit, &position);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find(damaged), std::string::npos) << status.text();
+  EXPECT_EQ(notes, (Notes{"three", "two"}));
+}
+
+// The state that the log begins with does not tell when the key was removed.
+TEST_F(EtcdChangeLog, NewestFirstItShowsNoChangeWhereWhatIsKeptBegins) {
+  change("one");
+  delete_without_space();
+  kv_.put("/elsewhere", "something");
+  kv_.compact();
+  kv_.put("/elsewhere", "something else");
+  change("two");
+  const Log forward = read({});
+  EXPECT_EQ(forward.notes, Notes{"two"});
+  EXPECT_FALSE(forward.position.complete);
+  const Log backward = read({.newest_first = true});
+  EXPECT_EQ(backward.notes, Notes{"two"});
+  EXPECT_FALSE(backward.position.complete);
+}
+
+TEST_F(EtcdChangeLog, ARemovalRightAfterWhatWasReadIsShown) {
+  const Revision lost = delete_without_space();
+  for (const bool newest_first : {false, true}) {
+    EXPECT_EQ(read({.after = lost - 1, .newest_first = newest_first}).notes, Notes{lost_}) << newest_first;
+  }
+  change("next");
+  EXPECT_EQ(read({.after = lost - 1}).notes, (Notes{lost_, "next"}));
+  EXPECT_EQ(read({.after = lost - 1, .newest_first = true}).notes, (Notes{"next", lost_}));
+}
+
+TEST(EtcdVersionPoints, ReachNoFurtherThanWhatIsToBeRead) {
+  KeyValue only;
+  only.set_create_revision(1);
+  only.set_mod_revision(1'000'000);
+  only.set_version(5);
+  VersionPoints points;
+  for (int request = 0; request < 200; ++request) points.learn({only}, 300'000);
+  EXPECT_LE(points.distance(points.count() - 1), 300'000);
+  EXPECT_GT(points.distance(points.count() - 1), 100'000);
+}
+
 TEST_F(EtcdChangeLog, NewestFirstLargeRecordsFitIntoOneAnswer) {
   Notes expected;
   std::size_t largest = 0;

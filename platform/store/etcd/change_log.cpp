@@ -55,16 +55,16 @@ bool is_predecessor(const KeyValue& version, const KeyValue& newer) {
 }  // namespace
 
 std::int64_t VersionPoints::distance(int point) const {
-  const int successive = count_ / 2;
-  return point < successive ? point : successive + (point - successive) * stride_;
+  return point < successive() ? point : successive() + (point - successive()) * stride_;
 }
 
-void VersionPoints::learn(const std::vector<KeyValue>& versions) {
+void VersionPoints::learn(const std::vector<KeyValue>& versions, std::int64_t left) {
   count_ = std::min(2 * count_, most_);
   if (versions.empty() || versions.front().create_revision() != versions.back().create_revision()) return;
   const std::int64_t replaced = versions.front().version() - versions.back().version();
   const std::int64_t revisions = versions.front().mod_revision() - versions.back().mod_revision();
-  stride_ = replaced == 0 ? 2 * stride_ : std::max<std::int64_t>(1, revisions / replaced / kPointsPerVersion);
+  const std::int64_t suitable = replaced == 0 ? 2 * stride_ : revisions / replaced / kPointsPerVersion;
+  stride_ = std::max<std::int64_t>(1, std::min(suitable, left / (count_ - successive())));
 }
 
 bool VersionPoints::shrink() {
@@ -123,6 +123,14 @@ Reply ChangeLog::find_removal(std::int64_t at, Revision* revision) {
   note_removal(absent);
   *revision = static_cast<Revision>(absent);
   return {};
+}
+
+// Whether the key existed at a revision. False if the cluster no longer keeps that.
+Reply ChangeLog::was_there(std::int64_t at, bool* answer) {
+  RangeResponse found;
+  Reply reply = get_key(at, &found);
+  *answer = reply.ok() && !is_absent(found);
+  return reply.verdict == Verdict::kCompacted ? Reply() : reply;
 }
 
 void ChangeLog::note_removal(std::int64_t revision) {
@@ -228,8 +236,11 @@ Status ChangeLog::visit(const LogRange& range, Visit visit, LogPosition* positio
     return {};
   }
   const auto last_event = static_cast<std::int64_t>(last);
-  // If the key's removal is as old as the oldest state that is kept, nothing is known about it.
-  if (is_absent(end) && begin == last_event) return {};
+  if (is_absent(end) && begin == last_event) {
+    bool removed_there = false;
+    reply = was_there(begin - 1, &removed_there);
+    if (!reply.ok() || !removed_there) return reply.status;
+  }
   return range.newest_first ? visit_backward(after, begin, last_event, visit) : visit_forward(begin, last_event, visit);
 }
 
@@ -289,8 +300,8 @@ Status ChangeLog::visit_forward(std::int64_t begin, std::int64_t last, Visit vis
   return {};
 }
 
-// Reads the version of the key at `last` and some of those before it, without a gap: each is followed by the one that
-// it replaced. Empty if the key does not exist at `last`. Nothing is read before `begin`.
+// Reads the version of the key at `last` and some of those before it, newest first. A version that several points met
+// is there as often. `*versions` is empty if the key does not exist at `last`. Nothing is read before `begin`.
 Reply ChangeLog::read_versions(const VersionPoints& points, std::int64_t begin, std::int64_t last,
                                std::vector<KeyValue>* versions) {
   TxnRequest request;
@@ -322,36 +333,44 @@ Status ChangeLog::visit_backward(std::int64_t after, std::int64_t begin, std::in
       if (reply = find_oldest_kept(&begin); reply.ok()) continue;
     }
     if (!reply.ok()) return reply.status;
-    std::vector<ChangeRecord> records;
-    if (Status status = decode_versions(versions, last, &records); !status.ok()) return status;
-    for (const ChangeRecord& record : records) {
-      last = static_cast<std::int64_t>(record.revision) - 1;
-      if (last < after) return {};
-      if (Status status = visit(record); !status.ok()) return status;
-    }
-    points.learn(versions);
+    Status status =
+        versions.empty() ? visit_removal(begin, &last, visit) : visit_versions(versions, after, &last, visit);
+    if (!status.ok()) return status;
+    points.learn(versions, last - begin);
   }
   return {};
 }
 
-// Decodes the versions up to the first gap. If there are none, the change is the one that removed the key.
-Status ChangeLog::decode_versions(const std::vector<KeyValue>& versions, std::int64_t last,
-                                  std::vector<ChangeRecord>* records) {
-  if (versions.empty()) {
-    Revision removed = 0;
-    Reply reply = find_removal(last, &removed);
-    if (reply.ok()) records->push_back(undescribed(removed));
-    return reply.status;
-  }
+// Visits the versions up to the first gap, as far as they are later than `after`. `*last` becomes the revision before
+// those visited.
+Status ChangeLog::visit_versions(const std::vector<KeyValue>& versions, std::int64_t after, std::int64_t* last,
+                                 Visit visit) {
   const KeyValue* newer = nullptr;
   for (const KeyValue& version : versions) {
-    const bool is_next = newer == nullptr || is_predecessor(version, *newer);
-    if (!is_next && version.mod_revision() == newer->mod_revision()) continue;
-    if (!is_next) break;
-    if (Status status = decode(version, &records->emplace_back()); !status.ok()) return status;
+    if (newer != nullptr && version.mod_revision() == newer->mod_revision()) continue;
+    if (newer != nullptr && !is_predecessor(version, *newer)) break;
+    *last = version.mod_revision() - 1;
+    if (*last < after) break;
+    ChangeRecord record;
+    if (Status status = decode(version, &record); !status.ok()) return status;
+    if (Status status = visit(record); !status.ok()) return status;
     newer = &version;
   }
   return {};
+}
+
+// Visits the removal of the key, which does not exist at `*last`, unless it was removed before `begin`. `*last` becomes
+// the revision before the removal.
+Status ChangeLog::visit_removal(std::int64_t begin, std::int64_t* last, Visit visit) {
+  Revision removed = 0;
+  bool is_certain = true;
+  if (Reply reply = find_removal(*last, &removed); !reply.ok()) return reply.status;
+  *last = static_cast<std::int64_t>(removed) - 1;
+  if (*last + 1 < begin) return {};
+  if (*last + 1 == begin) {
+    if (Reply reply = was_there(*last, &is_certain); !reply.ok()) return reply.status;
+  }
+  return is_certain ? visit(undescribed(removed)) : Status();
 }
 
 // Between two watches the key is read anew, by the majority of the members: a member that is cut off from the others

@@ -29,22 +29,25 @@
 namespace tkv::store::etcd {
 
 // The revisions at which one transaction reads the key, to find its former versions newest first. The first half of the
-// points are at successive revisions, where the registry has the cluster to itself. The other half are further and
-// further apart, where most revisions are those of other keys. A version that no point meets is found by the next
-// transaction.
+// points are at successive revisions, which is best if the registry has the cluster to itself. The others are at equal
+// distances, which is best if most revisions are those of other keys. A version that no point meets is found by the
+// next transaction.
 class VersionPoints {
  public:
   int count() const { return count_; }
-  std::int64_t distance(int point) const;  // from the first one
+  std::int64_t distance(int point) const;  // from the first one, in revisions
 
-  // Takes more points the next time, at the distances that suit what was found.
-  void learn(const std::vector<KeyValue>& versions);
+  // Takes more points for the next transaction, at distances that suit the versions that the last one found. `left` is
+  // the number of revisions that are still to be searched: points beyond them would find nothing.
+  void learn(const std::vector<KeyValue>& versions, std::int64_t left);
 
-  // Takes as few points as fit into one answer however large the records are. Returns false if that is so already.
+  // From now on takes so few points that records of any size fit into one answer. Returns false if it does already.
   bool shrink();
 
  private:
   static constexpr int kFirst = 12;
+
+  int successive() const { return count_ / 2; }
 
   int count_ = kFirst;
   int most_ = 96;
@@ -90,6 +93,7 @@ class ChangeLog {
   Reply get(std::int64_t at, RangeResponse* response);
   Reply get_key(std::int64_t at, RangeResponse* response);
   Reply find_removal(std::int64_t at, Revision* revision);
+  Reply was_there(std::int64_t at, bool* answer);
   void note_removal(std::int64_t revision);
   Reply find_mark(std::int64_t at, std::int64_t* created);
   Reply find_gap(const RangeResponse& end, std::int64_t* begin, bool* complete);
@@ -99,7 +103,8 @@ class ChangeLog {
   Reply read_versions(const VersionPoints& points, std::int64_t begin, std::int64_t last,
                       std::vector<KeyValue>* versions);
   Status visit_backward(std::int64_t after, std::int64_t begin, std::int64_t last, Visit visit);
-  Status decode_versions(const std::vector<KeyValue>& versions, std::int64_t last, std::vector<ChangeRecord>* records);
+  Status visit_versions(const std::vector<KeyValue>& versions, std::int64_t after, std::int64_t* last, Visit visit);
+  Status visit_removal(std::int64_t begin, std::int64_t* last, Visit visit);
 
   Kv& kv_;
   const Keys& keys_;
