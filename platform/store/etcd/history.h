@@ -5,9 +5,8 @@
 // their ids. So every request passes through here, and the session ends with PRTKV_UNUSABLE
 //   - when a revision is lower than one that was known before the request was sent,
 //   - when the registry's mark is no longer the one that was found at opening, or
-//   - when the key that records the session's claims of ids is missing, or older than the last claim, unless it has
-//   gone
-//     with the session (see session.h).
+//   - when the key that records the session's claims of ids is missing or older than the last claim, unless it was
+//     removed because the session ended (see session.h).
 // The latter two are compared by every transaction that writes, so that nothing is written into another history.
 //
 // Threads. Any number may call at once.
