@@ -23,7 +23,7 @@
 #include "prtkv.h"
 #include "registry_fixture.h"
 #include "store/lmdb/lmdb_store.h"
-#include "temporary_directory.h"
+#include "two_sessions.h"
 
 namespace {
 
@@ -120,52 +120,26 @@ class Interruption {
   struct sigaction former_action_ {};
 };
 
-class RegistryRaces : public ::testing::Test {
+class RegistryRaces : public TwoSessions {
  protected:
   void SetUp() override {
-    options_.directory = directory_ / "registry";
-    options_.root_security = open_to_all();
-    ASSERT_EQ(store::open_lmdb_store(options_, &store_).text(), "done");
-    reader_ = std::make_unique<Context>(client_on(store_, person("bob", {"users"})));
-    writer_ = std::make_unique<Context>(client_on(store_, superuser()));
-    prtkv_key key = 0;
-    std::int32_t word = 0;
-    ASSERT_EQ(prtkv_create_n_set_key(*writer_, writer_->open(""), "key", &key, &word, PRTKV_TYPE_TEXT, open_to_all(),
-                                     kKnown.data(), static_cast<std::uint32_t>(kKnown.size())),
-              PRTKV_DONE);
+    ASSERT_NO_FATAL_FAILURE(TwoSessions::SetUp());
+    make("key", kKnown);
   }
 
   static void set(const Context& session, std::string_view text) {
-    const int code = prtkv_set_value(session, session.open("key"), PRTKV_TYPE_TEXT, text.data(),
-                                     static_cast<std::uint32_t>(text.size()));
-    if (code != PRTKV_DONE) std::abort();
+    if (TwoSessions::set(session, session.open("key"), text) != PRTKV_DONE) std::abort();
   }
 
   static void allow(const Context& session, const sec_attr& security) {
     if (prtkv_set_key_security(session, session.open("key"), security) != PRTKV_DONE) std::abort();
   }
 
-  // The value's text as the reader sees it, or "code N".
-  std::string value(prtkv_key key) const {
-    char buffer[64];
-    std::uint32_t size = sizeof buffer;
-    std::int32_t type = 0;
-    const int code = prtkv_get_value(*reader_, key, &type, buffer, &size);
-    return code == PRTKV_DONE ? std::string(buffer, size) : "code " + std::to_string(code);
-  }
-
   // Brings the key into its first state, and has the reader read it until its session knows it.
   prtkv_key know() const {
     allow(*writer_, open_to_all());
     set(*writer_, kKnown);
-    for (int times = 0; times < 3; ++times) {
-      const prtkv_key key = reader_->open("key");
-      EXPECT_EQ(value(key), kKnown);
-      EXPECT_EQ(prtkv_close_key(*reader_, key), PRTKV_DONE);
-    }
-    const prtkv_key key = reader_->open("key");
-    EXPECT_EQ(value(key), kKnown);
-    return key;
+    return TwoSessions::know("key", kKnown);
   }
 
   // Reads the key once it is known, while another process writes with a session of its own. `*replaced` tells whether
@@ -189,44 +163,37 @@ class RegistryRaces : public ::testing::Test {
     return read;
   }
 
-  std::string data_file() const { return options_.directory + "/data.mdb"; }
+  // Has the other process do its work with every number of commits by which pages are used again, and expects that the
+  // reader gets `expected` each time.
+  void expect_to_read(std::string_view expected, std::string_view replacement,
+                      const std::function<void(const Context&, int commits)>& work) const {
+    int replacements = 0;
+    for (int commits = 1; commits <= kMostCommits; ++commits) {
+      SCOPED_TRACE(commits);
+      bool replaced = false;
+      EXPECT_EQ(read_while([&](const Context& session) { work(session, commits); }, replacement, &replaced), expected);
+      replacements += replaced ? 1 : 0;
+    }
+    EXPECT_GT(replacements, 0) << "no value has taken the place of the known one";
+  }
 
-  const TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
-  store::LmdbOptions options_;
-  std::shared_ptr<store::Store> store_;
-  std::unique_ptr<Context> reader_;
-  std::unique_ptr<Context> writer_;
+  std::string data_file() const { return options_.directory + "/data.mdb"; }
 };
 
 TEST_F(RegistryRaces, AValueThatIsNotCommittedIsNotRead) {
-  int replacements = 0;
-  for (int commits = 1; commits <= kMostCommits; ++commits) {
-    SCOPED_TRACE(commits);
-    bool replaced = false;
-    const auto write_and_die = [commits](const Context& session) {
-      for (int n = 0; n < commits; ++n) set(session, kMeanwhile);
-      dies_before_meta_page = true;
-      set(session, kNeverCommitted);
-    };
-    EXPECT_EQ(read_while(write_and_die, kNeverCommitted, &replaced), kMeanwhile);
-    replacements += replaced ? 1 : 0;
-  }
-  EXPECT_GT(replacements, 0) << "no value has taken the place of the known one";
+  expect_to_read(kMeanwhile, kNeverCommitted, [](const Context& session, int commits) {
+    for (int n = 0; n < commits; ++n) set(session, kMeanwhile);
+    dies_before_meta_page = true;
+    set(session, kNeverCommitted);
+  });
 }
 
 TEST_F(RegistryRaces, AValueThatWasWrittenAfterTheRightWasTakenAwayIsNotRead) {
-  int replacements = 0;
-  for (int commits = 1; commits <= kMostCommits; ++commits) {
-    SCOPED_TRACE(commits);
-    bool replaced = false;
-    const auto lock_and_write = [commits](const Context& session) {
-      allow(session, owned_by("alice", "staff", 0x3f, 0, 0));
-      for (int n = 0; n < commits; ++n) set(session, kSecret);
-    };
-    EXPECT_EQ(read_while(lock_and_write, kSecret, &replaced), "code " + std::to_string(PRTKV_ACCESS_DENIED));
-    replacements += replaced ? 1 : 0;
-  }
-  EXPECT_GT(replacements, 0) << "no value has taken the place of the known one";
+  const std::string denied = "code " + std::to_string(PRTKV_ACCESS_DENIED);
+  expect_to_read(denied, kSecret, [](const Context& session, int commits) {
+    allow(session, owned_by("alice", "staff", 0x3f, 0, 0));
+    for (int n = 0; n < commits; ++n) set(session, kSecret);
+  });
 }
 
 }  // namespace
