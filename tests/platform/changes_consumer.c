@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "operations.h"
 #include "prtkv_changes.h"
 
 #define CHECK(condition)                                                            \
@@ -35,14 +36,9 @@ static int32_t refuse(void* data, const prtkv_change* change) {
   return 77;
 }
 
+/* A key that does not exist yet belongs to ada. */
 static prtkv_operation put(const char* name, const char* value) {
-  prtkv_operation operation;
-  memset(&operation, 0, sizeof operation);
-  operation.kind = PRTKV_DO_PUT;
-  operation.name = name;
-  operation.type = PRTKV_TYPE_TEXT;
-  operation.value = value;
-  operation.size = (uint32_t)strlen(value) + 1;
+  prtkv_operation operation = put_text(name, value);
   operation.sec.user_perm = operation.sec.group_perm = operation.sec.other_perm = TKV_RIGHT_ALL;
   strcpy(operation.sec.user_name, "ada");
   return operation;

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "operations.h"
 #include "prtkv_changes.h"
 
 static int report(const char* what, int32_t result) {
@@ -31,17 +32,6 @@ static prtkv_condition unchanged(const char* name, int round, uint64_t revision,
   return condition;
 }
 
-static prtkv_operation put(const char* name, const char* value) {
-  prtkv_operation operation;
-  memset(&operation, 0, sizeof operation);
-  operation.kind = PRTKV_DO_PUT;
-  operation.name = name;
-  operation.type = PRTKV_TYPE_TEXT;
-  operation.value = value;
-  operation.size = (uint32_t)strlen(value) + 1;
-  return operation;
-}
-
 /* Returns PRTKV_CONFLICT if another process was faster. The revision is read first: a number that is newer than its
  * revision makes a condition that does not hold. */
 static int32_t increment(prtkv_ctx registry, prtkv_key key, const char* name, int round, long* number) {
@@ -56,7 +46,7 @@ static int32_t increment(prtkv_ctx registry, prtkv_key key, const char* name, in
   *number = atol(former) + 1;
   snprintf(next, sizeof next, "%ld", *number);
   condition = unchanged(name, round, revision, former, size);
-  operation = put(name, next);
+  operation = put_text(name, next);
   return prtkv_commit(registry, &condition, 1, &operation, 1, NULL, NULL, NULL);
 }
 
