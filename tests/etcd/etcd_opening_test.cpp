@@ -7,6 +7,7 @@
 
 #include "fake_kv.h"
 #include "store/etcd/build.h"
+#include "store/etcd/checker.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/registry_mark.h"
 #include "store/etcd/token.h"
@@ -191,6 +192,21 @@ TEST_F(EtcdOpening, SweepingLeavesAloneWhatItDoesNotRecognize) {
   EXPECT_TRUE(done(core_->sweeper.sweep_all()));
   EXPECT_TRUE(done(core_->sweeper.sweep_for_repair()));
   EXPECT_EQ(kv_.count(Keys("/tkv/").all()), keys);
+}
+
+TEST_F(EtcdOpening, ARepairReportsWhatItDoesNotRecognizeAndLeavesItAlone) {
+  ASSERT_TRUE(done(open("/tkv/")));
+  for (const char* key : {"n/", "n/unknown", "v/unknown", "unknown"}) kv_.put(std::string("/tkv/") + key, "unknown");
+  const std::vector<std::string> keys = kv_.keys_of(Keys("/tkv/").all());
+  for (int round = 0; round < 2; ++round) {
+    int findings = 0;
+    Totals totals;
+    const ChangeDescription description{.note = "repair"};
+    EXPECT_TRUE(done(check_registry(
+        *core_, &description, [&](const Finding&) { ++findings; }, [](const CheckProgress&) {}, &totals)));
+    EXPECT_EQ(findings, 3) << "what is among the nodes and values";
+  }
+  EXPECT_EQ(kv_.keys_of(Keys("/tkv/").all()), keys);
 }
 
 }  // namespace

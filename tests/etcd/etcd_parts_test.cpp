@@ -83,6 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
              "does not speak TLS", true, true},
         Case{15, "etcdserver: corrupt cluster", kFinal, PRTKV_STORAGE_FAILED, "damaged data"},
         Case{16, "etcdserver: invalid auth token", Verdict::kRenewToken, PRTKV_ACCESS_DENIED, "invalid auth token"},
+        // The text of another code does not count.
+        Case{14, "etcdserver: mvcc: database space exceeded", kElsewhere, PRTKV_UNREACHABLE, "space exceeded"},
+        Case{7, "etcdserver: request is too large", kFinal, PRTKV_ACCESS_DENIED, "no permission"},
+        Case{3, "etcdserver: mvcc: required revision has been compacted", kFinal, PRTKV_UNUSABLE, "compacted"},
+        Case{11, "etcdserver: permission denied", kElsewhere, PRTKV_UNREACHABLE, "permission denied"},
         Case{99, "from the future", kFinal, PRTKV_UNKNOWN, "code 99: from the future"}));
 
 // ---- server versions
