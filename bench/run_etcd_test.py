@@ -24,6 +24,7 @@ OPERATIONS = {  # requests through the registry and bare
     "walk 200 keys with values": (r"\d\d?", r"\d\d?"),
     "open the registry": ("2", "2"),
 }
+LISTINGS = ["first of a session", "later ones", "bare requests"]
 WAITS = ["killed until another leads", "then until a busy session reads", "then until a busy session writes",
          "then until an idle session reads", "then until an idle session writes"]
 
@@ -41,6 +42,9 @@ class RunEtcd(unittest.TestCase):
                 table = done.stdout[done.stdout.index("\n" + head):].split("\n\n")[0]
                 for row, (through, bare) in OPERATIONS.items():
                     self.assertRegex(table, rf"{re.escape(row)} +{TIME} +{TIME} +[\d,.]+ +{through} +{bare}(\n|$)")
+            counts = {label: re.search(rf"\n{label} +([\d,]+) +([\d,]+) +([\d,]+)\n", done.stdout).groups()
+                      for label in LISTINGS}
+            self.assertEqual([counts[label][0] for label in LISTINGS], ["4", "1", "1"])
             for row in WAITS:
                 self.assertRegex(done.stdout, rf"{row} +{TIME} +{TIME}\n")
             self.assertRegex(done.stdout, r"200 keys with values of 100 bytes take \d+ bytes each")

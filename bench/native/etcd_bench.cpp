@@ -8,7 +8,10 @@
 //   --scenarios name,...  --warm-up-ms n  --window-ms n  --windows n
 //
 // --scenarios fill: fills a fresh registry. --scenarios size: prints the bytes of the first member's database.
+// --scenarios traffic: prints what a listing of one group takes: requests, bytes sent and bytes received, each for the
+// first listing of a session, for a later one, and for the bare requests.
 
+#include <google/protobuf/message_lite.h>
 #include <grpcpp/grpcpp.h>
 #include <grpcpp/support/client_interceptor.h>
 
@@ -53,13 +56,31 @@ void require(const grpc::Status& status) {
   if (!status.ok()) throw std::runtime_error("a bare request: " + status.error_message());
 }
 
+// What both sides have exchanged with the members.
 std::atomic<uint64_t> requests{0};
+std::atomic<uint64_t> bytes_sent{0};  // as are those received: of messages, and only while they are counted
+std::atomic<uint64_t> bytes_received{0};
+std::atomic<bool> counts_bytes{false};
+
+class ByteCounter final : public grpc::experimental::Interceptor {
+ public:
+  void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override {
+    using Point = grpc::experimental::InterceptionHookPoints;
+    if (methods->QueryInterceptionHookPoint(Point::PRE_SEND_MESSAGE)) {
+      bytes_sent += methods->GetSerializedSendMessage()->Length();
+    }
+    if (methods->QueryInterceptionHookPoint(Point::POST_RECV_MESSAGE) && methods->GetRecvMessage() != nullptr) {
+      bytes_received += static_cast<google::protobuf::MessageLite*>(methods->GetRecvMessage())->ByteSizeLong();
+    }
+    methods->Proceed();
+  }
+};
 
 class CountingFactory final : public grpc::experimental::ClientInterceptorFactoryInterface {
  public:
   grpc::experimental::Interceptor* CreateClientInterceptor(grpc::experimental::ClientRpcInfo*) override {
     ++requests;
-    return nullptr;  // counted, and not listened to any further
+    return counts_bytes ? new ByteCounter : nullptr;  // without one, the request is not listened to any further
   }
 };
 
@@ -206,7 +227,8 @@ class BareSide {
   void open() {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    const auto channel = grpc::CreateCustomChannel(endpoint_, grpc::InsecureChannelCredentials(), arguments);
+    const auto channel = grpc::experimental::CreateCustomChannelWithInterceptors(
+        endpoint_, grpc::InsecureChannelCredentials(), arguments, counting());
     kv_ = std::make_unique<etcdserverpb::KV::Stub>(channel);
     maintenance_ = std::make_unique<etcdserverpb::Maintenance::Stub>(channel);
   }
@@ -215,7 +237,6 @@ class BareSide {
     grpc::ClientContext context;
     etcdserverpb::StatusResponse response;
     require(maintenance_->Status(&context, {}, &response));
-    ++requests;
     return response;
   }
 
@@ -229,7 +250,6 @@ class BareSide {
     request.set_range_end(end);
     request.set_limit(limit);
     require(kv_->Range(&context, request, &response));
-    ++requests;
     return response;
   }
 
@@ -240,7 +260,6 @@ class BareSide {
     request.add_success()->mutable_request_put()->set_key(key);
     request.mutable_success(0)->mutable_request_put()->set_value(value);
     require(kv_->Txn(&context, request, &response));
-    ++requests;
     return response.ByteSizeLong();
   }
 
@@ -383,9 +402,36 @@ void measure(const std::string& scenario, const Pair& pair, const Options& optio
               static_cast<unsigned long long>(through_registry), static_cast<unsigned long long>(bare_requests));
 }
 
+void print_traffic(const char* name, const Operation& operation) {
+  const uint64_t requests_before = requests;
+  const uint64_t sent_before = bytes_sent;
+  const uint64_t received_before = bytes_received;
+  sink = operation();
+  std::printf("%s\t%llu\t%llu\t%llu\n", name, static_cast<unsigned long long>(requests - requests_before),
+              static_cast<unsigned long long>(bytes_sent - sent_before),
+              static_cast<unsigned long long>(bytes_received - received_before));
+}
+
+// In a session that has read nothing yet.
+void print_traffic_of_listing(const Options& options) {
+  counts_bytes = true;
+  Bench bench(options);
+  const std::string group = Dataset::group(0);
+  const Operation list = [&] { return bench.registry.list(group); };
+  print_traffic("first-list", list);
+  print_traffic("list", list);
+  const auto children = bench.keys.children(bench.registry.id_of(group));
+  print_traffic("bare-list", [&] { return bench.bare.pages(children.begin, children.end, 0); });
+  require_equal(sink, static_cast<uint64_t>(bench.dataset.keys()), "listing");
+}
+
 void run(const Options& options) {
   if (options.text("scenarios") == "size") {
     std::printf("size\t%lld\n", static_cast<long long>(BareSide(options).status().db_size()));
+    return;
+  }
+  if (options.text("scenarios") == "traffic") {
+    print_traffic_of_listing(options);
     return;
   }
   Bench bench(options);
