@@ -136,23 +136,32 @@ void JNICALL unpinState(JNIEnv*, jclass, jlong pin) { unpin_state(pin); }
 
 // --- Reading ---
 
-jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter&) {
-    KeyId id = registry::kAnyKey;
-    return reader.find(StringArgument(env, name).view(), &id);
+// Calls `read` with what is to be read (the present or a snapshot), the name of a key, and the result.
+template <typename Read>
+jbyteArray read_key(JNIEnv* env, jlong registry, jlong snapshot, jstring name, Read&& read) {
+  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
+    return read(reader, StringArgument(env, name).view(), result);
   });
 }
 
-// Reads the present. The result is followed by the number of the state that it belongs to, or zero if that is not
-// certain: a state that reading showed before is still the latest one afterwards, or something was changed meanwhile.
+// As read_key, for the present. The result is followed by the number of the state that it belongs to, or zero if that
+// is not certain: a state that reading showed before is still the latest one afterwards, or something was changed
+// meanwhile.
 template <typename Read>
-jbyteArray read_latest(JNIEnv* env, jlong registry, Read&& read) {
+jbyteArray read_latest_key(JNIEnv* env, jlong registry, jstring name, Read&& read) {
   return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
     const std::uint64_t state = open.shown_state();
-    if (Status status = read(open.client(), result); !status.ok()) return status;
+    if (Status status = read(open.client(), StringArgument(env, name).view(), result); !status.ok()) return status;
     const bool is_certain = state != 0 && open.client().latest_state() == state;
     result.word64(is_certain ? static_cast<std::int64_t>(state) : 0);
     return {};
+  });
+}
+
+jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_key(env, registry, snapshot, name, [](KeyReader& reader, std::string_view key, DataWriter&) {
+    KeyId id = registry::kAnyKey;
+    return reader.find(key, &id);
   });
 }
 
@@ -164,6 +173,11 @@ Status write_value(KeyReader& reader, std::string_view name, DataWriter& to) {
   return {};
 }
 
+Status write_value_if_present(KeyReader& reader, std::string_view name, DataWriter& to) {
+  const Status status = write_value(reader, name, to);
+  return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
+}
+
 Status write_list(KeyReader& reader, std::string_view name, DataWriter& to) {
   return reader.list(name, false, [&](const registry::Subkey& subkey) -> Status {
     to.text(subkey.level);
@@ -172,65 +186,58 @@ Status write_list(KeyReader& reader, std::string_view name, DataWriter& to) {
 }
 
 jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
-    return write_value(reader, StringArgument(env, name).view(), result);
-  });
+  return read_key(env, registry, snapshot, name, write_value);
 }
 
 jbyteArray JNICALL latestValue(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_latest(env, registry, [&](Client& client, DataWriter& result) -> Status {
-    const Status status = write_value(client, StringArgument(env, name).view(), result);
-    return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
-  });
-}
-
-jbyteArray JNICALL read(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
-    KeyInfo info;
-    TypedValue found;
-    if (Status status = reader.read_key(StringArgument(env, name).view(), &info, &found); !status.ok()) return status;
-    result.word64(static_cast<std::int64_t>(info.revision));
-    result.word32(found.type);
-    result.raw(found.bytes);
-    return {};
-  });
+  return read_latest_key(env, registry, name, write_value_if_present);
 }
 
 jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
-    return write_list(reader, StringArgument(env, name).view(), result);
-  });
+  return read_key(env, registry, snapshot, name, write_list);
 }
 
 jbyteArray JNICALL latestList(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_latest(env, registry, [&](Client& client, DataWriter& result) {
-    return write_list(client, StringArgument(env, name).view(), result);
-  });
+  return read_latest_key(env, registry, name, write_list);
+}
+
+jbyteArray JNICALL read(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
+  return read_key(env, registry, snapshot, name,
+                  [](KeyReader& reader, std::string_view key, DataWriter& result) -> Status {
+                    KeyInfo info;
+                    TypedValue found;
+                    if (Status status = reader.read_key(key, &info, &found); !status.ok()) return status;
+                    result.word64(static_cast<std::int64_t>(info.revision));
+                    result.word32(found.type);
+                    result.raw(found.bytes);
+                    return {};
+                  });
 }
 
 jbyteArray JNICALL stat(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) -> Status {
-    KeyInfo info;
-    if (Status status = reader.stat(StringArgument(env, name).view(), &info); !status.ok()) return status;
-    result.word32(info.type);
-    result.word64(static_cast<std::int64_t>(info.size));
-    result.word32(info.has_subkeys ? 1 : 0);
-    result.word32(info.rights);
-    write_security(info.security, result);
-    result.word64(static_cast<std::int64_t>(info.revision));
-    result.word64(info.changed_at);
-    result.text(info.changed_by);
-    return {};
-  });
+  return read_key(env, registry, snapshot, name,
+                  [](KeyReader& reader, std::string_view key, DataWriter& result) -> Status {
+                    KeyInfo info;
+                    if (Status status = reader.stat(key, &info); !status.ok()) return status;
+                    result.word32(info.type);
+                    result.word64(static_cast<std::int64_t>(info.size));
+                    result.word32(info.has_subkeys ? 1 : 0);
+                    result.word32(info.rights);
+                    write_security(info.security, result);
+                    result.word64(static_cast<std::int64_t>(info.revision));
+                    result.word64(info.changed_at);
+                    result.text(info.changed_by);
+                    return {};
+                  });
 }
 
 // A walk that visits the key alone: it tells the rights without needing any.
 jbyteArray JNICALL rights(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
-  return read_state(env, registry, snapshot, [&](KeyReader& reader, DataWriter& result) {
+  return read_key(env, registry, snapshot, name, [](KeyReader& reader, std::string_view key, DataWriter& result) {
     WalkOptions options;
     options.denied = WalkOptions::Denied::kSkip;
     options.depth = 0;
-    return reader.walk(StringArgument(env, name).view(), options, [&](const WalkEntry& entry) -> Status {
+    return reader.walk(key, options, [&](const WalkEntry& entry) -> Status {
       result.word32(entry.rights);
       return {};
     });

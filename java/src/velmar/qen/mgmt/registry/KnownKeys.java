@@ -66,6 +66,12 @@ final class KnownKeys {
         return known == null || !known.hasValue() ? null : Optional.ofNullable(known.value);
     }
 
+    /** Returns whether there is a key; null if that is not known. */
+    Boolean exists(String name) {
+        Optional<Value> value = value(name);
+        return value == null ? null : value.isPresent();
+    }
+
     /** Returns the names of a key's subkeys; null if they are not known. */
     List<String> subkeys(String name) {
         Known known = find(name);

@@ -13,6 +13,7 @@ import java.util.Optional;
 import java.util.concurrent.Executor;
 import java.util.concurrent.ThreadLocalRandom;
 import java.util.concurrent.locks.LockSupport;
+import java.util.function.BiFunction;
 import java.util.function.Consumer;
 import java.util.function.UnaryOperator;
 
@@ -226,29 +227,46 @@ public final class Registry extends NativeReader implements AutoCloseable {
 
     @Override
     public Optional<Value> findValue(String name) {
+        return read(name, KnownKeys::value, Registry::readValue);
+    }
+
+    @Override
+    public boolean exists(String name) {
+        return read(name, KnownKeys::exists, (registry, key, keys) -> registry.readExistence(key));
+    }
+
+    @Override
+    public List<String> list(String name) {
+        return read(name, KnownKeys::subkeys, Registry::readList);
+    }
+
+    /** Reads a key of a registry. The known keys, which may be null, are told what was read. */
+    private interface Reading<T> {
+        T of(Registry registry, String name, KnownKeys keys);
+    }
+
+    /** Returns what is known of a key or, if that is null, what reading returns. */
+    private <T> T read(String name, BiFunction<KnownKeys, String, T> recalling, Reading<T> reading) {
         Objects.requireNonNull(name, "name");
         KnownKeys keys = known;
         if (keys == null) {
-            return super.findValue(name);
+            return reading.of(this, name, null);
         }
         try {
-            Optional<Value> value = keys.value(name);
-            return value != null ? value : readValue(name, keys);
+            T found = recalling.apply(keys, name);
+            return found != null ? found : reading.of(this, name, keys);
         } catch (InternalError unreadable) {
-            forgetKnownKeys();
-            return super.findValue(name);
+            // The registry's file was truncated, and with it the memory of the state's number. The JVM reports that at
+            // its next opportunity. Go on without known keys: the next call to native code finds out what has happened.
+            known = null;
+            return reading.of(this, name, null);
         }
-    }
-
-    /**
-     * Goes on without known keys. The memory of the state's number cannot be read if the registry's file was truncated,
-     * which the JVM reports at its next opportunity. The next call to native code finds out what has happened.
-     */
-    private void forgetKnownKeys() {
-        known = null;
     }
 
     private Optional<Value> readValue(String name, KnownKeys keys) {
+        if (keys == null) {
+            return super.findValue(name);
+        }
         byte[] reply;
         try {
             reply = RegistryNatives.latestValue(registry, name);
@@ -262,39 +280,14 @@ public final class Registry extends NativeReader implements AutoCloseable {
         return value;
     }
 
-    @Override
-    public boolean exists(String name) {
-        Objects.requireNonNull(name, "name");
-        KnownKeys keys = known;
-        if (keys == null) {
-            return super.exists(name);
-        }
-        try {
-            Optional<Value> value = keys.value(name);
-            return value != null ? value.isPresent() : super.exists(name);
-        } catch (InternalError unreadable) {
-            forgetKnownKeys();
-            return super.exists(name);
-        }
-    }
-
-    @Override
-    public List<String> list(String name) {
-        Objects.requireNonNull(name, "name");
-        KnownKeys keys = known;
-        if (keys == null) {
-            return super.list(name);
-        }
-        try {
-            List<String> subkeys = keys.subkeys(name);
-            return subkeys != null ? subkeys : readList(name, keys);
-        } catch (InternalError unreadable) {
-            forgetKnownKeys();
-            return super.list(name);
-        }
+    private boolean readExistence(String name) {
+        return super.exists(name);
     }
 
     private List<String> readList(String name, KnownKeys keys) {
+        if (keys == null) {
+            return super.list(name);
+        }
         byte[] reply;
         try {
             reply = RegistryNatives.latestList(registry, name);
