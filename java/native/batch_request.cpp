@@ -14,6 +14,7 @@ using registry::Operation;
 constexpr std::int32_t kTree = 1;
 constexpr std::int32_t kReplace = 2;
 constexpr std::int32_t kOwn = 4;
+constexpr std::int32_t kCreatesParents = 1;
 static_assert(Condition::Kind{0} == Condition::Kind::kAbsent && Condition::Kind{1} == Condition::Kind::kExists &&
               Condition::Kind{2} == Condition::Kind::kValue && Condition::Kind{3} == Condition::Kind::kRevision);
 static_assert(Operation::Kind{0} == Operation::Kind::kPut && Operation::Kind{1} == Operation::Kind::kCreate &&
@@ -73,13 +74,16 @@ bool read_operation(DataReader& from, Operation* operation) {
 
 bool read_batch(DataReader& from, const Identity& identity, BatchRequest* request) {
   request->note = from.text();
+  const bool creates_parents = (from.word32() & kCreatesParents) != 0;
   const KeySecurity security = read_security(from);
   request->batch.new_keys = {registry::default_security(identity), security.inherits, security.specified};
   for (std::int32_t left = from.word32(); left > 0; --left) {
     if (!read_condition(from, &request->batch.conditions.emplace_back())) return false;
   }
   while (!from.at_end()) {
-    if (!read_operation(from, &request->batch.operations.emplace_back())) return false;
+    Operation& operation = request->batch.operations.emplace_back();
+    if (!read_operation(from, &operation)) return false;
+    operation.create_parents = creates_parents;
   }
   return from.complete();
 }

@@ -40,10 +40,12 @@ public final class Batch {
     private static final int TREE = 1;
     private static final int REPLACE = 2;
     private static final int OWN = 4;
+    private static final int CREATES_PARENTS = 1;
 
     private final Registry registry;
     private final KeySecurity newKeys;
     private String note = "";
+    private boolean createsParents;
     private final DataWriter conditions = new DataWriter();
     private final DataWriter changes = new DataWriter();
     /** The keys that the conditions and the changes are about, in their order. */
@@ -109,8 +111,9 @@ public final class Batch {
     // --- Changes ---
 
     /**
-     * Writes a value. If the key does not exist, it is created below its parent. {@link Value.None} takes the value of
-     * an existing key away.
+     * Writes a value. If the key does not exist, it is created below its parent, which must exist ({@link
+     * KeyNotFoundException}) unless {@link #createParents} was called. {@link Value.None} takes the value of an existing
+     * key away.
      *
      * @param name full name
      * @param value the value; at most 1 MiB as it is stored
@@ -337,6 +340,17 @@ public final class Batch {
     }
 
     /**
+     * Has the batch create missing ancestors of the keys that it puts and creates, without values and with the security
+     * of the batch's new keys. By default, a missing parent is a {@link KeyNotFoundException}.
+     *
+     * @return this batch
+     */
+    public Batch createParents() {
+        createsParents = true;
+        return this;
+    }
+
+    /**
      * Notes in the log what this batch is for, in place of {@link RegistryOptions.Builder#note}.
      *
      * @param text the note, of which the log keeps 1024 bytes; empty for that of the session
@@ -357,8 +371,8 @@ public final class Batch {
      *     RegistryException#key} is the key of the first change that cannot be made
      */
     public long commit() {
-        DataWriter request = newKeys.write(new DataWriter().text(note)).word32(conditionKeys.size());
-        byte[] bytes = request.raw(conditions).raw(changes).done();
+        DataWriter request = newKeys.write(new DataWriter().text(note).word32(createsParents ? CREATES_PARENTS : 0));
+        byte[] bytes = request.word32(conditionKeys.size()).raw(conditions).raw(changes).done();
         DataReader outcome;
         try {
             outcome = Reply.checked(RegistryNatives.commit(registry.registry, bytes), null);

@@ -171,6 +171,71 @@ class BatchTest extends OpenRegistry {
     }
 
     @Test
+    void aMissingParentIsRefusedUnlessItIsToBeCreated() {
+        for (Batch batch : List.of(registry.batch().put(below("first"), 1).put(below("a.b.c"), 1),
+                                   registry.batch().put(below("first"), 1).create(below("a.b.c")),
+                                   registry.batch().put(below("first"), 1).createWith(below("a.b.c"), value(1)))) {
+            KeyNotFoundException absent = assertThrows(KeyNotFoundException.class, batch::commit);
+            assertEquals(below("a.b.c"), absent.key());
+            assertTrue(absent.text().contains("'" + below("a") + "'"), absent::text);
+            assertEquals(List.of(), registry.list(top));
+            batch.createParents().commit();
+            assertEquals(List.of("a", "first"), registry.list(top));
+            assertTrue(registry.exists(below("a.b.c")));
+            registry.deleteTree(below("a"));
+            registry.delete(below("first"));
+        }
+        registry.batch().create(below("a")).create(below("a.b")).put(below("a.b.c"), 1).commit();
+        assertEquals(1, registry.getInt(below("a.b.c")));
+    }
+
+    @Test
+    void parentsAreCreatedWithoutValuesAndWithTheSecurityOfTheBatch() {
+        registry.put(below("a"), "kept", KeySecurity.readableByAll());
+        KeySecurity former = registry.security(below("a"));
+        long revision = registry.batch(KeySecurity.privateToUser()).createParents()
+                .put(below("a.b.c"), 1).createWith(below("a.b.d.e"), value(2)).put(below("a.b.c"), 3).commit();
+        assertEquals("kept", registry.getText(below("a")));
+        assertEquals(former, registry.security(below("a")));
+        assertEquals(3, registry.getInt(below("a.b.c")));
+        assertEquals(2, registry.getInt(below("a.b.d.e")));
+        for (String name : List.of("a.b", "a.b.c", "a.b.d", "a.b.d.e")) {
+            assertEquals(EnumSet.noneOf(Right.class), registry.security(below(name)).groupRights(), name);
+            assertEquals(EnumSet.noneOf(Right.class), registry.security(below(name)).otherRights(), name);
+            assertEquals(revision, registry.stat(below(name)).revision(), name);
+        }
+        for (String name : List.of("a.b", "a.b.d")) {
+            assertEquals(none(), registry.value(below(name)), name);
+        }
+        registry.batch().createParents().put(below("inherits.k"), 1).commit();
+        assertEquals(registry.security(top).otherRights(), registry.security(below("inherits")).otherRights());
+    }
+
+    @Test
+    void parentsAreCreatedForWhatIsPutOrCreatedOnly() {
+        registry.put(below("k"), 1);
+        for (Batch batch : List.of(registry.batch().move(below("k"), below("a.k")),
+                                   registry.batch().copy(below("k"), below("a.k"), CopyOwner.SOURCE),
+                                   registry.batch().setSecurity(below("a.k"), KeySecurity.open()),
+                                   registry.batch().delete(below("a.k")))) {
+            assertThrows(KeyNotFoundException.class, batch.createParents()::commit);
+        }
+        Batch refused = registry.batch().createParents().ifExists(below("a")).put(below("a.b"), 1);
+        assertEquals(below("a"), assertThrows(ConflictException.class, refused::commit).key());
+        Batch undone = registry.batch().createParents().put(below("a.b"), 1).create(below("k"));
+        assertEquals(below("k"), assertThrows(KeyExistsException.class, undone::commit).key());
+        assertEquals(List.of("k"), registry.list(top));
+    }
+
+    private static Value value(int number) {
+        return new Value.Int32(number);
+    }
+
+    private static Value none() {
+        return new Value.None();
+    }
+
+    @Test
     void aRegistryForReadingOnlyRefusesABatch() {
         try (Registry reader = Registry.open(RegistryOptions.builder().readOnly(true).build())) {
             assertThrows(MissingRightException.class, () -> reader.batch().put(below("k"), 1).commit());
