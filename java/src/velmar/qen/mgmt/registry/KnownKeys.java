@@ -7,15 +7,16 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.atomic.AtomicLong;
 
 /**
- * What an open registry knows of the keys that it reads again and again: their values, and the names of their subkeys.
+ * What an open registry knows of the keys that it has read: their values, and the names of their subkeys.
  *
  * <p>Each entry is labelled with the number of the state that it was read from, and counts only as long as that is the
  * latest one: any change of the registry, by whichever process, outdates all entries at once. Rights are part of the
  * state, so what a session could read in it, it may still read.
  *
- * <p>A key is taken in when it is read for the second time, so that reading many keys once displaces nothing. The
- * entries are in two generations. A key that is read moves to the younger one. When that has reached half of the largest
- * weight, it becomes the older one, and the former older one is dropped.
+ * <p>The entries are in two generations. A key that is read moves to the younger one. When that has reached half of the
+ * largest weight, it becomes the older one, and the former older one is dropped. Until there is an older generation, each
+ * key that is read is taken in. From then on, a key is taken in when it is read for the second time, so that reading many
+ * keys once displaces nothing.
  *
  * <p>Any thread may call any method. Reading what is known takes no lock and writes nothing that threads share.
  */
@@ -43,13 +44,15 @@ final class KnownKeys {
     }
 
     private static final Known NOTHING = new Known(0, null, 0, null, 0);
+    /** In place of an older generation. */
+    private static final Map<String, Known> NONE = Map.of();
 
     private final LatestState latest;
     private final long largestWeight;
     private final SeenNames seen = new SeenNames();
     private final AtomicLong weight = new AtomicLong();  // of the younger generation
     private volatile Map<String, Known> younger = new ConcurrentHashMap<>();
-    private volatile Map<String, Known> older = Map.of();
+    private volatile Map<String, Known> older = NONE;
 
     KnownKeys(LatestState latest) {
         this(latest, LARGEST_WEIGHT);
@@ -120,7 +123,8 @@ final class KnownKeys {
     }
 
     private boolean isWanted(String name, long state) {
-        return state != 0 && (younger.containsKey(name) || older.containsKey(name) || seen.wasSeen(name));
+        return state != 0
+                && (older == NONE || younger.containsKey(name) || older.containsKey(name) || seen.wasSeen(name));
     }
 
     private Known knownIn(long state, String name) {

@@ -447,13 +447,54 @@ class KnownKeysTest extends OpenRegistry {
         return Optional.of(new Value.Int32(number));
     }
 
-    @Test
-    void aKeyIsTakenInWhenItIsReadForTheSecondTime() {
+    /** Returns a table that has an older generation, and thus no room for keys that are read once. */
+    private KnownKeys fullTable() {
         KnownKeys keys = table();
+        for (int i = 0; keys.weight() < WEIGHT / 2 + 1_000; i++) {
+            assertTrue(i < 10_000, "a table is full at some time");
+            keys.note("filler" + i, latest().number(), value(i), 8);
+            keys.note("filler" + i, latest().number(), value(i), 8);
+        }
+        return keys;
+    }
+
+    @Test
+    void aKeyIsTakenInAtOnceAsLongAsNothingHasToMakeRoom() {
+        KnownKeys keys = table();
+        long state = latest().number();
+        for (int i = 0; i < 50; i++) {
+            keys.note("k" + i, state, value(i), 8);
+            assertEquals(value(i), keys.value("k" + i));
+        }
+        keys.note("absent", state, Optional.empty(), 8);
+        assertEquals(Optional.empty(), keys.value("absent"));
+        assertFalse(keys.exists("absent"));
+        assertTrue(keys.exists("k0"));
+        assertNull(keys.exists("unknown"));
+        keys.note("list", state, List.of("a"), 8);
+        assertEquals(List.of("a"), keys.subkeys("list"));
+    }
+
+    @Test
+    void readingManyKeysOnceDisplacesNothing() {
+        KnownKeys keys = fullTable();
+        long state = latest().number();
+        keys.note("k", state, value(1), 8);
+        keys.note("k", state, value(1), 8);
+        long weight = keys.weight();
+        for (int i = 0; i < 20_000; i++) {
+            keys.note("once" + i, state, value(i), 8);
+        }
+        assertEquals(weight, keys.weight());
+        assertEquals(value(1), keys.value("k"));
+    }
+
+    @Test
+    void aFullTableTakesInAKeyWhenItIsReadForTheSecondTime() {
+        KnownKeys keys = fullTable();
         long state = latest().number();
         keys.note("k", state, value(1), 8);
         assertNull(keys.value("k"));
-        assertEquals(0, keys.weight());
         keys.note("k", state, value(1), 8);
         assertEquals(value(1), keys.value("k"));
         assertNull(keys.subkeys("k"));
