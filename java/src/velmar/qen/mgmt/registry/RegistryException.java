@@ -1,5 +1,7 @@
 package velmar.qen.mgmt.registry;
 
+import java.util.Objects;
+
 /**
  * Thrown when the registry does not carry out a call. Subclasses represent the kinds of failure that programs react to;
  * this class itself represents all others.
@@ -23,7 +25,7 @@ public class RegistryException extends IllegalStateException {
      * @param message what happened
      */
     public RegistryException(int code, String key, String message) {
-        super(message);
+        super(Objects.requireNonNull(message, "message"));
         this.code = code;
         this.key = key;
     }

@@ -2,6 +2,7 @@ package velmar.qen.mgmt.registry;
 
 import java.io.IOException;
 import java.io.InputStream;
+import java.util.Objects;
 import java.util.prefs.BackingStoreException;
 import java.util.prefs.InvalidPreferencesFormatException;
 import java.util.prefs.Preferences;
@@ -75,6 +76,7 @@ public final class RegistryPreferencesFactory implements PreferencesFactory {
      */
     public static void importPreferences(InputStream from)
             throws IOException, InvalidPreferencesFormatException, BackingStoreException {
+        Objects.requireNonNull(from, "from");
         if (Preferences.userRoot() != Roots.USER || Preferences.systemRoot() != Roots.SYSTEM) {
             throw new IllegalStateException("the preferences of this process are not in the registry");
         }

@@ -1,5 +1,7 @@
 package velmar.qen.mgmt.registry;
 
+import java.util.Objects;
+
 /**
  * The kind of registry that can be stored at a path.
  *
@@ -15,5 +17,16 @@ public record Storage(Kind kind, String text) {
         DISTRIBUTED,
         /** Neither; the text states the reason. */
         UNUSABLE
+    }
+
+    /**
+     * Creates a value.
+     *
+     * @param kind the kind of storage
+     * @param text the registry's message about the path
+     */
+    public Storage {
+        Objects.requireNonNull(kind, "kind");
+        Objects.requireNonNull(text, "text");
     }
 }

@@ -1,5 +1,7 @@
 package velmar.qen.mgmt.registry;
 
+import java.util.Objects;
+
 /** The key's value is of another type than the call reads (code 8). The message names both types. */
 public final class WrongTypeException extends RegistryException {
     private static final long serialVersionUID = 1;
@@ -12,7 +14,13 @@ public final class WrongTypeException extends RegistryException {
      * @param wanted what the call reads, such as "an int32"
      */
     public WrongTypeException(String key, String found, String wanted) {
-        super(ResultCode.INVALID_ARGUMENT, key,
-              RegistryException.message(ResultCode.INVALID_ARGUMENT, "key '" + key + "' holds " + found + ", not " + wanted));
+        super(ResultCode.INVALID_ARGUMENT, key, text(key, found, wanted));
+    }
+
+    private static String text(String key, String found, String wanted) {
+        Objects.requireNonNull(key, "key");
+        Objects.requireNonNull(found, "found");
+        Objects.requireNonNull(wanted, "wanted");
+        return message(ResultCode.INVALID_ARGUMENT, "key '" + key + "' holds " + found + ", not " + wanted);
     }
 }

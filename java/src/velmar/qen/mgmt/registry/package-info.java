@@ -17,8 +17,9 @@
  * All other classes are immutable values, except for builders, batches, streams and the sets and arrays that methods
  * return, which are the caller's.
  *
- * <p><b>Nulls.</b> No argument may be null unless its description says so, and no method returns null, except for the
- * null that a caller has passed as a default.
+ * <p><b>Nulls.</b> No argument may be null unless its description says so; otherwise, the call throws a {@link
+ * java.lang.NullPointerException} and does nothing. No method returns null, except for the null that a caller has passed
+ * as a default, and for {@link velmar.qen.mgmt.registry.RegistryException#key}.
  *
  * <p><b>Exceptions.</b> All are unchecked and extend {@link velmar.qen.mgmt.registry.RegistryException}, which carries
  * the registry's result code, the key in question and the registry's message. A failed call has changed nothing, with
