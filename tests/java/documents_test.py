@@ -1,4 +1,5 @@
-"""Runs what README.md and docs/java.md show, block by block, and compares the output with what they show.
+"""Runs what README.md and docs/java.md show, block by block, and compares the output with what they show; and runs the
+examples of the Javadoc.
 
 The test prepares nothing that a reader does not have: a machine with TKV installed and without a registry. The build's
 own files stand in for the installed ones; programs are run twice.
@@ -27,6 +28,76 @@ public final class Tutorial {{
     }}
 }}
 """
+
+EXAMPLE = re.compile(r"<pre>\{@code\n(.*?)\n *\* \}</pre>", re.DOTALL)
+# What surrounds the examples of the Javadoc, and what they leave behind.
+EXAMPLES = """import java.time.*;
+import java.util.*;
+import java.util.concurrent.*;
+import velmar.qen.mgmt.registry.*;
+
+public final class Examples {{
+    private final Registry registry = Registry.open();
+    private final Executor executor = Runnable::run;
+    private final CountDownLatch configured = new CountDownLatch(2);
+    private volatile boolean running = true;
+    private Watch watch;
+
+    private void handle(RegistryEvent event) {{
+        running = false;
+    }}
+
+    private void configure(RegistryReader state) {{
+        configured.countDown();
+    }}
+
+    private void reconfigure() {{
+        configured.countDown();
+    }}
+
+{methods}
+    private void changeSomething() {{
+        while (running || configured.getCount() > 0) {{
+            registry.put("app.changed", Instant.now().toString());
+        }}
+    }}
+
+    public static void main(String[] arguments) throws Exception {{
+        Examples examples = new Examples();
+        Registry registry = examples.registry;
+        registry.batch().createParents().put("app.port", 1).put("app.host", "alpha").put("app.leader", "alpha")
+                .create("app.candidate").commit();
+        Thread changing = new Thread(examples::changeSomething);
+        changing.start();
+{calls}
+        changing.join();
+        examples.watch.close();
+        for (String name : List.of("name", "port", "leader", "term", "count")) {{
+            System.out.println(name + " " + registry.value("app." + name));
+        }}
+        System.out.println(registry.exists("app.candidate"));
+        registry.close();
+    }}
+}}
+"""
+LEFT_BEHIND = """name Text[text=billing]
+port Int32[number=8080]
+leader Text[text=beta]
+term Int32[number=8]
+count Int32[number=1]
+false
+"""
+
+
+def examples():
+    """The examples in the Javadoc of each class that has any, without what belongs to the comment. Those of the package
+    come first."""
+    found = {}
+    for path in (ROOT / "java/src").rglob("*.java"):
+        texts = EXAMPLE.findall(path.read_text(encoding="utf-8"))
+        if texts:
+            found[path.stem] = [re.sub(r"^ *\* ?", "", text, flags=re.MULTILINE) for text in texts]
+    return dict(sorted(found.items(), key=lambda each: (each[0] != "package-info", each[0])))
 
 
 def blocks(document):
@@ -88,6 +159,21 @@ class Documents(unittest.TestCase):
         self.assertGreater(len(snippets), 7)
         self.assertEqual([self.run_snippet(snippet) for snippet, _ in snippets if "walk" not in snippet],
                          [printed for snippet, printed in snippets if "walk" not in snippet])
+
+    def test_the_examples_of_the_javadoc_work(self):
+        found = examples()
+        self.assertIn("package-info", found)
+        methods, calls = [], []
+        for name, texts in found.items():
+            for text in texts:
+                method = f"{name.replace('-', '')}{len(calls)}"
+                body = "".join(" " * 8 + line + "\n" for line in text.splitlines())
+                methods.append(f"    private void {method}() throws Exception {{\n{body}    }}\n")
+                calls.append(f"        examples.{method}();")
+        self.assertGreater(len(calls), 6)
+        (self.folder / "Examples.java").write_text(
+            EXAMPLES.format(methods="\n".join(methods), calls="\n".join(calls)))
+        self.assertEqual(self.run_line(f"java -cp {INSTALLED_JAR} Examples.java"), LEFT_BEHIND)
 
     def test_every_block_of_java_is_run(self):
         for document in ("README.md", "docs/java.md"):

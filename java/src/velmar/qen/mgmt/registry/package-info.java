@@ -1,6 +1,17 @@
 /**
  * The cluster registry: {@link velmar.qen.mgmt.registry.Registry}, and what its methods take, return and throw.
  *
+ * <pre>{@code
+ * try (Registry registry = Registry.open()) {
+ *     int port = registry.getInt("app.port", 8080);
+ *     registry.batch().createParents().put("app.port", port + 1).note("the next port").commit();
+ * } catch (MissingRightException denied) {
+ *     System.err.println("ask an operator for the right: " + denied.text());
+ * } catch (RegistryException failure) {
+ *     System.err.println(failure.text());
+ * }
+ * }</pre>
+ *
  * <p>{@link velmar.qen.mgmt.registry.RegistryReader} declares the methods that read, for {@code Registry}, for a
  * {@link velmar.qen.mgmt.registry.Snapshot} of it, and for a program's own stand-ins in tests. {@link
  * velmar.qen.mgmt.registry.Registry#temporary} gives tests a registry of their own.
