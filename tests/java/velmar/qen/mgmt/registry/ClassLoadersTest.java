@@ -3,6 +3,10 @@ package velmar.qen.mgmt.registry;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 
 import java.io.IOException;
+import java.lang.module.Configuration;
+import java.lang.module.ModuleDescriptor;
+import java.lang.module.ModuleDescriptor.Requires;
+import java.lang.module.ModuleFinder;
 import java.lang.ref.WeakReference;
 import java.lang.reflect.InvocationTargetException;
 import java.net.MalformedURLException;
@@ -13,8 +17,11 @@ import java.time.Duration;
 import java.time.Instant;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
+import java.util.TreeSet;
 import java.util.concurrent.Executor;
 import java.util.function.Consumer;
+import java.util.jar.JarFile;
 import org.junit.jupiter.api.Test;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
 
@@ -68,6 +75,29 @@ class ClassLoadersTest {
         }
     }
 
+    /** Uses the API as a named module, and prints what the module says of itself. */
+    static final class OnTheModulePath {
+        private static final String NAME = "velmar.qen.mgmt";
+
+        private OnTheModulePath() {}
+
+        public static void main(String[] arguments) throws IOException, ReflectiveOperationException {
+            Path jar = Path.of(System.getProperty("tkv.jar"));
+            Configuration modules = ModuleLayer.boot().configuration().resolve(ModuleFinder.of(jar), ModuleFinder.of(),
+                                                                               Set.of(NAME));
+            ModuleLayer layer = ModuleLayer.boot().defineModulesWithOneLoader(modules, null);
+            System.out.println(use(layer.findLoader(NAME)));
+            ModuleDescriptor module = layer.findModule(NAME).orElseThrow().getDescriptor();
+            System.out.println("open: " + module.isOpen() + ", opens " + module.opens());
+            System.out.println("exports " + new TreeSet<>(module.exports()));
+            System.out.println("requires " + new TreeSet<>(module.requires().stream().map(Requires::name).toList()));
+            try (JarFile file = new JarFile(jar.toFile())) {
+                String version = file.getManifest().getMainAttributes().getValue("Implementation-Version");
+                System.out.println("same version: " + module.rawVersion().orElseThrow().equals(version));
+            }
+        }
+    }
+
     /** Uses the API in two class loaders at once. The second one is told of another place for the library. */
     static final class Together {
         private Together() {}
@@ -95,6 +125,13 @@ class ClassLoadersTest {
     void classLoadersAreCollectedAndTheNextOneLoadsTheLibraryAgain() throws IOException, InterruptedException {
         assertEquals(List.of("7", "collected", "7", "collected", "7", "collected", "7", "collected", "7", "collected"),
                      run(OneAfterAnother.class));
+    }
+
+    @Test
+    void theJarIsAModuleThatOpensNothing() throws IOException, InterruptedException {
+        assertEquals(List.of("7", "open: false, opens []",
+                             "exports [velmar.qen.mgmt.nativesystem, velmar.qen.mgmt.registry]",
+                             "requires [java.base, java.prefs]", "same version: true"), run(OnTheModulePath.class));
     }
 
     @Test
