@@ -72,15 +72,34 @@ final class PreferencesTree {
      * @throws IllegalArgumentException if the registry's names cannot be that deep or that long
      */
     String join(String node, String level) {
-        String name = node.isEmpty() ? level : node + "." + level;
+        String name = relativeName(node, level);
         String full = fullName(name);
-        long levels = full.chars().filter(c -> c == '.').count() + 1;
-        int bytes = ModifiedUtf8.encode(full).length;
-        if (levels > MAX_LEVELS || bytes > MAX_BYTES) {
-            throw new IllegalArgumentException("too deep or too long for the registry, with " + levels + " levels of "
-                    + MAX_LEVELS + " and " + bytes + " bytes of " + MAX_BYTES + ": " + full);
+        if (!fits(full)) {
+            throw new IllegalArgumentException("too deep or too long for the registry, with " + levels(full)
+                    + " levels of " + MAX_LEVELS + " and " + bytes(full) + " bytes of " + MAX_BYTES + ": " + full);
         }
         return name;
+    }
+
+    /** Returns whether the registry's names can be so deep and so long that there can be this level below a node. */
+    boolean fits(String node, String level) {
+        return fits(fullName(relativeName(node, level)));
+    }
+
+    private static String relativeName(String node, String level) {
+        return node.isEmpty() ? level : node + "." + level;
+    }
+
+    private static boolean fits(String full) {
+        return levels(full) <= MAX_LEVELS && bytes(full) <= MAX_BYTES;
+    }
+
+    private static long levels(String full) {
+        return full.chars().filter(c -> c == '.').count() + 1;
+    }
+
+    private static int bytes(String full) {
+        return ModifiedUtf8.encode(full).length;
     }
 
     /** Returns the full name in the registry; the relative one as long as no registry could be opened. */

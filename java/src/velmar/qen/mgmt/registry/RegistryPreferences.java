@@ -65,9 +65,12 @@ final class RegistryPreferences extends AbstractPreferences {
         tree.put(placeOfPreference(key), value);
     }
 
+    /** Ignores a key that no preference can have: unlike {@code put}, {@code remove} takes keys of any length. */
     @Override
     protected void removeSpi(String key) {
-        tree.remove(placeOfPreference(key));
+        if (canHold(PreferenceNames.ofPreference(key))) {
+            tree.remove(placeOfPreference(key));
+        }
     }
 
     @Override
@@ -87,7 +90,12 @@ final class RegistryPreferences extends AbstractPreferences {
 
     @Override
     protected AbstractPreferences getChild(String name) throws BackingStoreException {
-        return tree.exists(placeOfNode(name)) ? childSpi(name) : null;
+        boolean exists = canHold(PreferenceNames.ofNode(name)) && tree.exists(placeOfNode(name));
+        return exists ? childSpi(name) : null;
+    }
+
+    private boolean canHold(String level) {
+        return PreferenceNames.decode(level).isPresent() && tree.fits(place, level);
     }
 
     // --- Removing ---
