@@ -6,10 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "registry/change_filter.h"
+#include "registry/change_list.h"
 #include "registry/name.h"
 #include "registry/snapshot.h"
 #include "registry/undo.h"
@@ -33,43 +34,45 @@ Status not_retained(Revision revision) {
   return {PRTKV_INVALID_ARGUMENT, "change " + std::to_string(revision) + " is not retained"};
 }
 
-// Conditions on revisions of keys that have later ones by now.
+// Conditions on revisions of keys that have later ones in the present. Shown the log since the state that the
+// conditions were found in, it tells which of these keys were changed since, whatever they were called at that time.
 class LateRevisions {
  public:
   // The condition must live as long as this object.
   void add(Condition* condition, Revision present) {
-    oldest_ = late_.empty() ? condition->revision : std::min(oldest_, condition->revision);
-    late_.push_back({condition, present});
+    late_.emplace(condition->id, Late{condition, present, condition->name});
   }
 
   bool empty() const { return late_.empty(); }
-  Revision oldest() const { return oldest_; }
 
-  // Leaves the conditions on keys that the change has changed as they are.
+  // Leaves the conditions on keys that the change has changed as they are. Call with each change, in their order.
   void remove_changed_in(const ChangeRecord& record) {
-    for (const Change& change : record.changes) {
-      const bool is_subtree = change.kind == Change::Kind::kChangedAtOrBelow;
-      std::erase_if(late_, [&](const Late& late) {
-        const std::string& name = late.condition->name;
-        const bool concerns = name == change.name || (is_subtree && is_within(name, change.name));
-        return concerns && record.revision > late.condition->revision;
-      });
-    }
+    std::erase_if(late_, [&](const auto& each) { return each.second.present == record.revision; });
+    for (const Change& change : record.changes) remove_changed_by(change);
   }
 
   // Makes the others expect what is there.
   void accept() const {
-    for (const Late& late : late_) late.condition->revision = late.present;
+    for (const auto& [id, late] : late_) late.condition->revision = late.present;
   }
 
  private:
   struct Late {
     Condition* condition;
     Revision present;
+    std::string name;  // after the changes that were shown
   };
 
-  std::vector<Late> late_;
-  Revision oldest_ = 0;
+  void remove_changed_by(const Change& change) {
+    late_.erase(change.id);
+    if (change.kind == Change::Kind::kChangedAtOrBelow) {
+      std::erase_if(late_, [&](const auto& each) { return is_within(each.second.name, change.name); });
+    } else if (change.kind == Change::Kind::kMoved) {
+      for (auto& [id, late] : late_) late.name = moved_name(late.name, change.from, change.name);
+    }
+  }
+
+  std::unordered_multimap<KeyId, Late> late_;
 };
 
 }  // namespace
@@ -126,12 +129,13 @@ Status LocalHistory::plan_undo_of(Revision revision, Batch* inverse) {
     return read_past(store_, identity_, record.revision,
                      [&](Reader& after) { return plan_undo(before, after, record, inverse); });
   });
-  return planned.ok() ? expect_present(inverse) : planned;
+  return planned.ok() ? expect_present(record.revision, inverse) : planned;
 }
 
 // On a store that carries out a large change piece by piece, once it is decided, the keys get later revisions than that
-// of the change. Unless the log knows of a later change of such a key, its present revision is as good.
-Status LocalHistory::expect_present(Batch* inverse) {
+// of the change, which the log does not have. Unless it tells of a later change of such a key, the present revision is
+// as good.
+Status LocalHistory::expect_present(Revision undone, Batch* inverse) {
   LateRevisions late;
   const auto compare = [&](store::View& view) -> Status {
     late = LateRevisions();
@@ -151,7 +155,7 @@ Status LocalHistory::expect_present(Batch* inverse) {
     late.remove_changed_in(record);
     return {};
   };
-  Status status = store_.changes({.after = late.oldest(), .only_complete = true}, visit, &position);
+  Status status = store_.changes({.after = undone, .only_complete = true}, visit, &position);
   if (status.ok() && position.complete) late.accept();
   return status;
 }

@@ -44,6 +44,14 @@ Operation put(const std::string& name, const std::string& bytes) {
   return {.kind = Operation::Kind::kPut, .name = name, .value = text(bytes)};
 }
 
+// Writes more keys, "k0" and so on, than the log lists one by one.
+Batch many_puts_below(const std::string& name, const std::string& bytes = "1") {
+  Batch batch{.new_keys = open_keys()};
+  for (std::size_t i = 0; i <= kMaxListedChanges; ++i)
+    batch.operations.push_back(put(name + ".k" + std::to_string(i), bytes));
+  return batch;
+}
+
 }  // namespace
 
 Status increment(Client& client, const std::string& name) {
@@ -197,43 +205,81 @@ TEST_P(History, ALongNoteIsCutOffBetweenCharacters) {
 }
 
 TEST_P(History, AChangeOfManyKeysIsLoggedByWhatTheyHaveInCommon) {
-  Batch batch{.new_keys = open_keys()};
   CommitResult result;
   make("a");
   make("a.b");
-  for (std::size_t i = 0; i <= kMaxListedChanges; ++i)
-    batch.operations.push_back(put("a.b.k" + std::to_string(i), "1"));
   const Revision begin = latest();
-  ASSERT_EQ(commit(batch, &result), Status());
+  ASSERT_EQ(commit(many_puts_below("a.b"), &result), Status());
   EXPECT_THAT(log(begin), ElementsAre("below a.b"));
 }
 
 TEST_P(History, AChangeOfManyKeysIsUndone) {
-  Batch batch{.new_keys = open_keys()};
   CommitResult result;
   make("a");
   make("a.b");
-  for (std::size_t i = 0; i <= kMaxListedChanges; ++i)
-    batch.operations.push_back(put("a.b.k" + std::to_string(i), "1"));
-  ASSERT_EQ(commit(batch, &result), Status());
+  ASSERT_EQ(commit(many_puts_below("a.b"), &result), Status());
   undo(result.revision);
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]", "a= [63]", "a.b= [63]"));
 }
 
 TEST_P(History, AChangeOfManyKeysIsNotUndoneIfOneOfThemWasChangedSince) {
-  Batch batch{.new_keys = open_keys()};
   CommitResult many;
   make("a");
   make("a.b");
-  for (std::size_t i = 0; i <= kMaxListedChanges; ++i)
-    batch.operations.push_back(put("a.b.k" + std::to_string(i), "1"));
-  ASSERT_EQ(commit(batch, &many), Status());
+  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
   set("a.b.k500", "2");
   Batch inverse;
   CommitResult result;
   EXPECT_TRUE(root_->undo(many.revision, {}, &inverse, &result).is(PRTKV_CONFLICT));
   EXPECT_EQ(value(*root_, "a.b.k500"), "2");
   EXPECT_EQ(value(*root_, "a.b.k1000"), "1");
+}
+
+// What was changed while it had another name was changed all the same.
+TEST_P(History, AChangeOfManyKeysIsNotUndoneIfOneOfThemWasChangedUnderAnotherName) {
+  CommitResult many;
+  KeyId id = kAnyKey;
+  make("a");
+  make("a.b");
+  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
+  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
+  set("c.b.k500", "2");
+  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
+  Batch inverse;
+  CommitResult result;
+  EXPECT_EQ(root_->undo(many.revision, {}, &inverse, &result).code(), PRTKV_CONFLICT);
+  EXPECT_EQ(value(*root_, "a.b.k500"), "2");
+  EXPECT_EQ(value(*root_, "a.b.k1000"), "1");
+}
+
+TEST_P(History, AChangeOfManyKeysIsNotUndoneIfAllOfThemWereChangedUnderAnotherName) {
+  CommitResult many;
+  CommitResult result;
+  KeyId id = kAnyKey;
+  make("a");
+  make("a.b");
+  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
+  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
+  ASSERT_EQ(commit(many_puts_below("c.b", "2"), &result), Status());
+  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
+  Batch inverse;
+  EXPECT_EQ(root_->undo(many.revision, {}, &inverse, &result).code(), PRTKV_CONFLICT);
+  EXPECT_EQ(value(*root_, "a.b.k0"), "2");
+}
+
+TEST_P(History, AChangeOfManyKeysIsUndoneAfterTheyWereMovedAwayAndBack) {
+  CommitResult many;
+  KeyId id = kAnyKey;
+  make("a");
+  make("a.b");
+  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
+  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
+  make("a");
+  set("a", "another key");
+  ASSERT_EQ(root_->move("a", "", "d", false, &id), Status());
+  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
+  undo(many.revision);
+  EXPECT_THAT(everything(*root_), ElementsAre("= [63]", "a= [63]", "a.b= [63]", "d=another key [63]"));
 }
 
 TEST_P(History, TheLogOfAKeyHasWhatConcernsIt) {
