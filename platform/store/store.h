@@ -215,7 +215,7 @@ class Store {
   Store& operator=(const Store&) = delete;
 
   // Runs `function` on one state of the tree and returns its result. It may run more than once, so it must set its
-  // results anew each time.
+  // results anew each time. It may read the store itself: such a read sees the same state or a later one.
   virtual Status read(FunctionRef<Status(View&)> function) = 0;
 
   // As read, for functions that visit many nodes. They run once, on one state, however long they take.

@@ -369,13 +369,11 @@ void Environment::end_read(ReaderSlot& slot) {
   slot.txn = nullptr;
 }
 
-// Called when a read transaction could not begin. Returns success if the caller should try again.
+// Called when a read transaction could not begin. Returns success if the caller should try again. A nested one does not
+// come here for growth.
 Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
   constexpr unsigned kAttempts = 4;
-  if (code == MDB_MAP_RESIZED && !nested) return follow_growth(remaps);
-  if (code == MDB_MAP_RESIZED) {
-    return {PRTKV_BUSY, "the registry in '" + directory_ + "' grew while it was being read; try again"};
-  }
+  if (code == MDB_MAP_RESIZED) return follow_growth(remaps);
   if (attempt >= kAttempts) return failure(code, "cannot read the registry");
   if (code == MDB_READERS_FULL) return free_reader_slots(nested);
   if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
@@ -456,16 +454,22 @@ Running* Running::find(const Environment* environment, Kind kind) {
   return nullptr;
 }
 
+ReaderSlot* Running::slot_of_reader(const Environment* environment) {
+  for (Running* running = innermost; running != nullptr; running = running->outer_)
+    if (running->environment_ == environment && running->slot_ != nullptr) return running->slot_;
+  return nullptr;
+}
+
 ReadTransaction::ReadTransaction(Environment& environment, Length length)
     : environment_(environment),
-      nested_(Running::reads(&environment)),
-      wants_long_(length == Length::kLong && !nested_),
+      outer_slot_(Running::slot_of_reader(&environment)),
+      wants_long_(length == Length::kLong && outer_slot_ == nullptr),
       running_(&environment, Running::Kind::kReading) {}
 
 ReadTransaction::~ReadTransaction() {
   // In a child forked meanwhile, the transaction belongs to the parent and locks may never be released.
   if (environment_.fork_generation_ != fork_generation) return;
-  if (slot_ != nullptr) {
+  if (slot_ != nullptr && slot_ != outer_slot_) {
     environment_.end_read(*slot_);
     environment_.readers_.release(*slot_);
   }
@@ -482,18 +486,20 @@ void ReadTransaction::announce(bool begins) {
 Status ReadTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
   if (Status status = environment_.check_size(); !status.ok()) return status;
+  const bool nested = outer_slot_ != nullptr;
   MetaPage copy{};
   std::uint64_t copied = 0;
   for (unsigned attempt = 0;; ++attempt) {
     announce(true);
     const std::uint64_t remaps = environment_.remaps_;
-    ReaderSlot& slot = environment_.readers_.claim(nested_);
+    ReaderSlot& slot = environment_.readers_.claim(nested);
     const int code = environment_.renew(slot);
     if (code == 0) {
       Loading loading = Loading::kDone;
       Status status = load_state(slot, &copy, &copied, &loading);
       if (status.ok() && loading == Loading::kDone) {
         slot_ = &slot;
+        running_.has_slot(slot);
         return {};
       }
       environment_.end_read(slot);
@@ -502,8 +508,12 @@ Status ReadTransaction::begin() {
       continue;
     }
     environment_.readers_.release(slot);
+    if (nested && code == MDB_MAP_RESIZED) {
+      slot_ = outer_slot_;
+      return {};
+    }
     announce(false);  // replacing the map waits for every long reader
-    if (Status status = environment_.recover_read(code, nested_, attempt, remaps); !status.ok()) return status;
+    if (Status status = environment_.recover_read(code, nested, attempt, remaps); !status.ok()) return status;
   }
 }
 

@@ -156,6 +156,10 @@ class Running {
   static bool reads(const Environment* environment) { return find(environment, Kind::kReading) != nullptr; }
   static bool writes(const Environment* environment) { return find(environment, Kind::kWriting) != nullptr; }
 
+  // The slot of the innermost read transaction that has one, or null if there is none.
+  static ReaderSlot* slot_of_reader(const Environment* environment);
+  void has_slot(ReaderSlot& slot) { slot_ = &slot; }
+
   // Whether a read transaction was begun within this one, which is a write transaction.
   bool was_read_within() const { return was_read_within_; }
 
@@ -165,10 +169,13 @@ class Running {
   const Environment* const environment_;
   const Kind kind_;
   Running* const outer_;
+  ReaderSlot* slot_ = nullptr;
   bool was_read_within_ = false;
 };
 
-// A read transaction: one state of the registry, from begin() until destruction.
+// A read transaction: one state of the registry, from begin() until destruction. Within another one of the same thread,
+// it sees the state of that one if another process has made the registry grow since: the map cannot be replaced while
+// it is being read.
 class ReadTransaction {
  public:
   enum class Length { kShort, kLong };
@@ -187,9 +194,9 @@ class ReadTransaction {
   Status load_state(ReaderSlot& slot, MetaPage* copy, std::uint64_t* copied, Loading* loading);
 
   Environment& environment_;
-  const bool nested_;
+  ReaderSlot* const outer_slot_;  // of the transaction that this one is within, or null
   const bool wants_long_;
-  const Running running_;
+  Running running_;
   bool long_ = false;  // announced to the pool as a long reader
   ReaderSlot* slot_ = nullptr;
 };
