@@ -231,6 +231,41 @@ TEST_F(LmdbHistory, ADamagedChangeIsFoundAndRepairForgetsTheLogUpToIt) {
   EXPECT_EQ(text_at(*store, 2), "(8)");
 }
 
+// Nobody could tell any longer what is left of the log, and it holds former values.
+TEST_F(LmdbHistory, ARepairOfTheRegistrysRecordOfItselfRemovesTheLog) {
+  {
+    const auto store = open();
+    for (const char* text : {"one", "two", "three"}) ASSERT_TRUE(set_text(*store, kRootNode, text).ok());
+  }
+  with_plain_lmdb(options_.directory, [](MDB_txn* txn, MDB_dbi database) {
+    MDB_val key = val_of("M");
+    MDB_val data = val_of("damaged");
+    ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
+  });
+  {
+    Totals totals;
+    ASSERT_TRUE(open()
+                    ->check(
+                        true, [](const Finding&) {}, &totals)
+                    .ok());
+  }
+  EXPECT_EQ(records_of_log(options_.directory), 1u) << "the repair itself";
+  EXPECT_EQ(
+      in_child([&] {
+        alarm(60);
+        const auto store = open();
+        std::uint64_t removed = 0;
+        const auto choose = [](View&, std::vector<NodeId>* nodes) { return nodes->assign(1, kRootNode), Status(); };
+        if (!set_text(*store, kRootNode, "four").ok()) return 1;
+        if (!store->purge(choose, {.changes = {{.kind = Change::Kind::kPurged}}}, &removed).ok() || removed != 1) {
+          return 2;
+        }
+        return text_of(*store) == "four" ? 0 : 3;
+      }),
+      0);
+  expect_sound(*open());
+}
+
 // Format 1
 
 template <typename Record>

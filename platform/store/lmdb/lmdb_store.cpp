@@ -49,6 +49,9 @@ class RecordCheck {
   Revision largest_revision() const { return largest_revision_; }
   Revision damaged_change() const { return damaged_change_; }  // the latest one, or zero if there is none
 
+  // All records of the log, if the registry's record of itself is damaged.
+  const std::vector<LmdbUpdate::LogPart>& lost_log() const { return lost_log_; }
+
  private:
   Status read_records(const FileState& state, FunctionRef<void(const CheckProgress&)> progress);
   void add(std::span<const std::byte> key, std::span<const std::byte> record);
@@ -68,6 +71,7 @@ class RecordCheck {
   NodeId largest_id_ = kRootNode;  // of all ids in keys and sound records
   Revision largest_revision_ = 0;  // likewise
   Revision damaged_change_ = 0;
+  std::vector<LmdbUpdate::LogPart> lost_log_;
   std::vector<Revision> changes_;  // that are complete
   std::uint32_t next_part_ = 0;    // of the change that is being read
   bool root_is_damaged_ = false;
@@ -155,6 +159,7 @@ void RecordCheck::report_change(Revision revision, const std::string& detail) {
 void RecordCheck::add_change(Revision revision, std::uint32_t number, std::span<const std::byte> record) {
   ChangePart part;
   see_revision(revision);
+  if (!meta_damage_.ok()) lost_log_.push_back({revision, number});
   if (meta_damage_.ok() && revision <= meta_.log_after) return;
   if (number == 0) next_part_ = 0;
   if (Status status = decode_change(revision, number, record, &part); !status.ok()) {
@@ -546,6 +551,7 @@ Status LmdbStore::check_and_repair(const ChangeDescription& repair, FunctionRef<
           const Status restarted =
               update.restart_counter(check.largest_id(), check.largest_revision(), check.meta_is_damaged());
           if (!restarted.ok()) return restarted;
+          if (Status removed = update.remove_from_log(check.lost_log()); !removed.ok()) return removed;
         }
         if (check.damaged_change() != 0) {
           if (Status log = update.forget_log(check.damaged_change()); !log.ok()) return log;

@@ -213,9 +213,18 @@ Status LmdbUpdate::restart_counter(NodeId largest_id, Revision revision, bool re
   }
   // A structure number may be known to other processes as well, and grows more slowly than the ids.
   meta_->next_id = meta_->structure = first_new_id_ = largest_id + kBeyond;
-  if (revision_is_lost) meta_->revision = meta_->log_after = meta_->oldest_state = revision + kBeyond;
+  if (revision_is_lost) {
+    meta_->revision = meta_->log_after = meta_->oldest_state = revision + kBeyond;
+    meta_->oldest_stored = meta_->revision + 1;
+  }
   former_revision_ = meta_->revision;
   meta_changed_ = changed_ = true;
+  return {};
+}
+
+Status LmdbUpdate::remove_from_log(std::span<const LogPart> parts) {
+  for (const LogPart& part : parts)
+    if (Status status = records_.remove(Key::change(part.revision, part.number)); !status.ok()) return status;
   return {};
 }
 

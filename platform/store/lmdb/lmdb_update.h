@@ -63,8 +63,15 @@ class LmdbUpdate final : public Update {
 
   // Repairs the registry's record of itself. Which ids were used above `largest_id` and removed since is not known: the
   // counter continues far beyond any of them. So does that of revisions if `revision`, the largest one that was found,
-  // is all that is known of them; then the log is given up.
+  // is all that is known of them; then the log is given up, and what is left of it has to be removed.
   Status restart_counter(NodeId largest_id, Revision revision, bool revision_is_lost);
+
+  // A record of the log: a part of a change.
+  struct LogPart {
+    Revision revision;
+    std::uint32_t number;
+  };
+  Status remove_from_log(std::span<const LogPart> parts);
 
   // Gives up the log up to and including a change.
   Status forget_log(Revision up_to);
