@@ -39,7 +39,9 @@ Status LogWriter::log(const ChangeDescription& description, Meta* meta) {
   const Revision revision = ++meta_->revision;
   if (retention_.off) {
     meta_->log_after = meta_->oldest_state = revision;
-    return trim(parts);
+    if (meta_->history_bytes != 0) return trim(parts);
+    meta_->oldest_stored = revision + 1;
+    return {};
   }
   if (hides_past_) meta_->oldest_state = revision;
   Bytes content = encode_description(description, hides_past_);
