@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 #include <string_view>
 #include <thread>
@@ -51,6 +50,14 @@ std::string command_of_process() {
   std::string command(name, count > 0 ? static_cast<std::size_t>(count) : 0);
   while (!command.empty() && command.back() == '\n') command.pop_back();
   return command.empty() ? "unknown" : command;
+}
+
+// What names this process as the holder.
+std::string name_of_process() {
+  static const std::string command = command_of_process();
+  std::string name = std::to_string(getpid()) + " " + std::to_string(pid_namespace()) + " " + command;
+  name.resize(kHolderSize);
+  return name;
 }
 
 // Other processes write this text; it may be anything.
@@ -95,7 +102,11 @@ void WriterLock::note_commit(std::uint64_t transaction) {
   CommitTimes(file_.number()).note(transaction, now);
 }
 
-Status WriterLock::open_file() { return file_.is_open() ? Status() : files_.open_writer_lock(&file_); }
+Status WriterLock::open_file() {
+  if (file_.is_open()) return {};
+  name_ = name_of_process();
+  return files_.open_writer_lock(&file_);
+}
 
 // The kernel offers no wait with a deadline for this kind of lock.
 Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
@@ -114,12 +125,7 @@ Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
 void WriterLock::free_byte(off_t byte) const { (void)lock_byte(file_.number(), byte, F_UNLCK); }
 
 // Without the name, others wait for "another process".
-void WriterLock::name_holder() const {
-  static const std::string command = command_of_process();
-  std::array<char, kHolderSize> text{};
-  std::snprintf(text.data(), text.size(), "%d %lu %s", getpid(), pid_namespace(), command.c_str());
-  (void)!pwrite(file_.number(), text.data(), text.size(), 0);
-}
+void WriterLock::name_holder() const { (void)!pwrite(file_.number(), name_.data(), name_.size(), 0); }
 
 std::string WriterLock::holder() const {
   std::array<char, kHolderSize + 1> text{};

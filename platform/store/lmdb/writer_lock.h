@@ -47,6 +47,7 @@ class WriterLock {
 
   const RegistryFiles& files_;
   Descriptor file_{-1};
+  std::string name_;         // of this process, as the file holds it
   std::int64_t noted_ = -1;  // the interval in which this process has noted a commit
 };
 
