@@ -73,14 +73,12 @@ void put_security(std::byte* at, const sec_attr& security) {
   std::memcpy(at + offsetof(sec_attr, group_name), security.group_name, TKV_NAME_SIZE);
 }
 
-sec_attr get_security(const std::byte* at) {
-  sec_attr security;
-  security.user_perm = get<std::int32_t>(at + offsetof(sec_attr, user_perm));
-  security.group_perm = get<std::int32_t>(at + offsetof(sec_attr, group_perm));
-  security.other_perm = get<std::int32_t>(at + offsetof(sec_attr, other_perm));
-  std::memcpy(security.user_name, at + offsetof(sec_attr, user_name), TKV_NAME_SIZE);
-  std::memcpy(security.group_name, at + offsetof(sec_attr, group_name), TKV_NAME_SIZE);
-  return security;
+void get_security(const std::byte* at, sec_attr* security) {
+  security->user_perm = get<std::int32_t>(at + offsetof(sec_attr, user_perm));
+  security->group_perm = get<std::int32_t>(at + offsetof(sec_attr, group_perm));
+  security->other_perm = get<std::int32_t>(at + offsetof(sec_attr, other_perm));
+  std::memcpy(security->user_name, at + offsetof(sec_attr, user_name), TKV_NAME_SIZE);
+  std::memcpy(security->group_name, at + offsetof(sec_attr, group_name), TKV_NAME_SIZE);
 }
 
 void put_header(std::byte* record, RecordKind kind) {
@@ -182,9 +180,11 @@ Status decode_node(NodeId parent, std::string_view name, std::span<const std::by
   const std::byte* const fields = record.data() + kHeaderSize;
   const auto id = get<NodeId>(fields);
   if (id == kNoNode) return damaged("it has no id");
-  *node = version_of(record) == 1 ? Node{id, get_security(fields + 8), 0, 0}
-                                  : Node{id, get_security(fields + 16), get<Revision>(fields + 8),
-                                         get<std::uint16_t>(record.data() + kMovesAt)};
+  const bool has_revision = version_of(record) > 1;
+  node->id = id;
+  node->revision = has_revision ? get<Revision>(fields + 8) : 0;
+  node->moves = has_revision ? get<std::uint16_t>(record.data() + kMovesAt) : std::uint16_t{0};
+  get_security(fields + (has_revision ? 16 : 8), &node->security);
   return {};
 }
 

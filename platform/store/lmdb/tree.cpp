@@ -220,6 +220,7 @@ Status visit_children(const FileState& state, NodeId parent, VisitChild visit, V
                       CheckedPages* checked) {
   const Key prefix = Key::node(parent);
   TreeCursor cursor(state, checked);
+  Node node;
   PageDamage damage = seek_children(&cursor, prefix, parent);
   for (; !damage && !cursor.at_end(); damage = cursor.next()) {
     std::span<const std::byte> key;
@@ -231,7 +232,6 @@ Status visit_children(const FileState& state, NodeId parent, VisitChild visit, V
       return {PRTKV_STORAGE_FAILED, entry_text(parent, "?") + ": its key is damaged"};
     }
     if (damage) break;
-    Node node;
     const Status decoded = decode_child(parent, name, record, &node);
     if (Status status = decoded.ok() ? visit(name, node) : damaged(name, decoded); !status.ok()) return status;
   }
