@@ -6,9 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "base/limits.h"
 #include "base/status.h"
@@ -23,12 +23,15 @@ struct Argument {
 
 Status null_argument(const char* name);
 
-// Returns PRTKV_NULL_ARGUMENT for the first pointer that is null.
-inline Status demand(std::initializer_list<Argument> arguments) {
-  for (const Argument& argument : arguments) {
-    if (argument.pointer == nullptr) return null_argument(argument.name);
+// Returns PRTKV_NULL_ARGUMENT for the first pointer that is null. Inlined, it is one test for each pointer.
+template <std::size_t count>
+[[gnu::always_inline]] inline Status demand(const Argument (&arguments)[count]) {
+  const char* missing = nullptr;
+  [&]<std::size_t... index>(std::index_sequence<index...>) {
+    (void)((arguments[index].pointer == nullptr && (missing = arguments[index].name) != nullptr) || ...);
   }
-  return {};
+  (std::make_index_sequence<count>());
+  return missing == nullptr ? Status() : null_argument(missing);
 }
 
 inline Status check_value(const void* value, std::uint32_t size) {
