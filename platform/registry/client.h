@@ -148,6 +148,10 @@ class Client : public KeyReader {
   virtual Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
                             std::size_t* size) = 0;
 
+  // As read_known, if what is known of the key still holds and is enough. Otherwise returns false and changes nothing.
+  virtual bool copy_known(const KnownKey& known, std::span<std::byte> buffer, std::int32_t* type,
+                          std::size_t* size) = 0;
+
   // Creates a key under `parent`. Returns PRTKV_KEY_EXISTS if there is one. Needs TKV_RIGHT_CREATE on the key that it
   // is created under. Type 0 without bytes creates a key without a value. `*created` receives the key's id and route.
   virtual Status create(const KeyRef& parent, std::string_view name, const sec_attr& security, std::int32_t type,

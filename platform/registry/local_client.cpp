@@ -123,17 +123,15 @@ Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
   });
 }
 
-Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
-                               std::size_t* size) {
-  if (known->state != 0 && (known->rights & TKV_RIGHT_READ) != 0 &&
-      store_->copy_value(known->state, known->id, place_of(*known), buffer, type, size)) {
-    return {};
-  }
-  return read_anew(name, known, buffer, type, size);
+bool LocalClient::copy_known(const KnownKey& known, std::span<std::byte> buffer, std::int32_t* type,
+                             std::size_t* size) {
+  return known.state != 0 && (known.rights & TKV_RIGHT_READ) != 0 &&
+         store_->copy_value(known.state, known.id, place_of(known), buffer, type, size);
 }
 
-Status LocalClient::read_anew(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
-                              std::size_t* size) {
+Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                               std::size_t* size) {
+  if (copy_known(*known, buffer, type, size)) return {};
   KnownKey found;
   std::int32_t found_type = 0;
   std::size_t found_size = 0;

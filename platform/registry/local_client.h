@@ -30,6 +30,7 @@ class LocalClient final : public Client {
   Status read_value(const KeyRef& key, TypedValue* value) override;
   Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
                     std::size_t* size) override;
+  bool copy_known(const KnownKey& known, std::span<std::byte> buffer, std::int32_t* type, std::size_t* size) override;
   Status read_security(const KeyRef& key, sec_attr* security) override;
   Status read_key(const KeyRef& key, KeyInfo* info, TypedValue* value) override;
   using Client::create;
@@ -74,10 +75,6 @@ class LocalClient final : public Client {
  private:
   // Runs `function` on one state of the tree. It may run more than once: it must set its results anew each time.
   Status read(FunctionRef<Status(Reader& tree)> function);
-
-  // As read_known, of a key about which too little is known or of which that is out of date.
-  Status read_anew(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
-                   std::size_t* size);
 
   // As read, but for functions that visit many keys. It runs once.
   Status read_all(FunctionRef<Status(Reader& tree)> function);

@@ -18,9 +18,16 @@ namespace {
 constexpr std::size_t kKeptBytes = 64UL * 1024;  // capacity that buffers keep between uses
 constexpr std::size_t kMostLostNames = 1024;     // that are kept, besides one for each open key
 
-Status invalid_handle() { return {PRTKV_INVALID_HANDLE, "invalid key handle"}; }
+// Failures of short operations. Inlined, the code that composes a message would be most of theirs.
+[[gnu::cold]] Status invalid_handle() { return {PRTKV_INVALID_HANDLE, "invalid key handle"}; }
 
-Status too_small(std::uint32_t offered, std::size_t needed) {
+[[gnu::cold]] Status gone(std::string_view name) { return {PRTKV_NO_SUCH_KEY, describe(name) + " does not exist"}; }
+
+[[gnu::cold]] Status no_more_subkeys(std::string_view name) {
+  return {PRTKV_NO_MORE_SUBKEYS, describe(name) + " has no more subkeys"};
+}
+
+[[gnu::cold]] Status too_small(std::uint32_t offered, std::size_t needed) {
   return {PRTKV_BUFFER_TOO_SMALL,
           "buffer too small: " + std::to_string(needed) + " bytes do not fit in " + std::to_string(offered)};
 }
@@ -153,7 +160,7 @@ Session::OpenKey* Session::find_live(prtkv_key handle, Status* reason) {
   Handle place{};
   OpenKey* found = find(handle, &place);
   if (found != nullptr && !is_gone(*found)) return found;
-  *reason = found == nullptr ? invalid_handle() : Status(PRTKV_NO_SUCH_KEY, describe(found->name) + " does not exist");
+  *reason = found == nullptr ? invalid_handle() : gone(found->name);
   return nullptr;
 }
 
@@ -164,6 +171,13 @@ Status Session::find_target(prtkv_key handle, Target* target) {
   target->name.assign(found->name);
   target->known = found->known;
   return {};
+}
+
+Status Session::known_of(prtkv_key handle, KnownKey* known) {
+  Status status;
+  const std::lock_guard lock(mutex_);
+  if (const OpenKey* const found = find_live(handle, &status)) *known = found->known;
+  return status;
 }
 
 Status Session::target_of(prtkv_key handle, Target* target) {
@@ -181,7 +195,7 @@ Status Session::settle(prtkv_key handle, Status status) {
 }
 
 // Tells whether an open key was deleted or moved away, as far as this session knows.
-bool Session::is_gone(OpenKey& key) noexcept {
+bool Session::check_losses(OpenKey& key) noexcept {
   key.gone = key.gone || lost_.holds(key.name, key.checked);
   key.checked = lost_.now();
   return key.gone;
@@ -321,7 +335,7 @@ Status Session::list_subkeys(prtkv_key handle) {
 }
 
 Status Session::take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining) {
-  if (key.remaining == 0) return {PRTKV_NO_MORE_SUBKEYS, describe(key.name) + " has no more subkeys"};
+  if (key.remaining == 0) return no_more_subkeys(key.name);
   const char* level = key.subkeys.c_str() + key.next;
   const std::size_t bytes = std::strlen(level) + 1;
   if (bytes > *size) {
@@ -350,21 +364,28 @@ Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std:
 }
 
 Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
-  Target target;
-  if (Status status = target_of(key, &target); !status.ok()) return status;
-  const KnownKey before = target.known;
   const std::uint32_t offered = *size;
   const std::span bytes(static_cast<std::byte*>(buffer), offered);
+  KnownKey known;
   std::size_t found_size = 0;
-  Status status = client_->read_known(target.name.view(), &target.known, bytes, type, &found_size);
-  if (!status.ok()) return settle(key, std::move(status));
-  if (target.known.state != before.state || target.known.place != before.place) {
-    Handle place{};
-    const std::lock_guard lock(mutex_);
-    if (OpenKey* const found = find(key, &place)) found->known = target.known;
+  if (Status status = known_of(key, &known); !status.ok()) return status;
+  if (!client_->copy_known(known, bytes, type, &found_size)) {
+    if (Status status = read_anew(key, bytes, type, &found_size); !status.ok()) return status;
   }
   *size = static_cast<std::uint32_t>(found_size);
   return found_size <= offered ? Status() : too_small(offered, found_size);
+}
+
+// Reads a value of which too little is known, and keeps what was found out about it.
+Status Session::read_anew(prtkv_key handle, std::span<std::byte> buffer, std::int32_t* type, std::size_t* size) {
+  Target target;
+  if (Status status = target_of(handle, &target); !status.ok()) return status;
+  Status status = client_->read_known(target.name.view(), &target.known, buffer, type, size);
+  if (!status.ok()) return settle(handle, std::move(status));
+  Handle place{};
+  const std::lock_guard lock(mutex_);
+  if (OpenKey* const found = find(handle, &place)) found->known = target.known;
+  return {};
 }
 
 Status Session::set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value) {

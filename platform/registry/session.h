@@ -101,14 +101,17 @@ class Session {
   OpenKey* find_live(prtkv_key handle, Status* reason);
   Status find_target(prtkv_key handle, Target* target);
   void release(std::size_t index) noexcept;
-  bool is_gone(OpenKey& key) noexcept;
+  bool is_gone(OpenKey& key) noexcept { return key.checked == lost_.now() ? key.gone : check_losses(key); }
+  bool check_losses(OpenKey& key) noexcept;
   Status take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining);
 
   // These take it.
   void replace_last(const Status& status) noexcept;
+  Status known_of(prtkv_key handle, KnownKey* known);
   Status target_of(prtkv_key handle, Target* target);
   Status settle(prtkv_key handle, Status status);
   Status list_subkeys(prtkv_key handle);
+  Status read_anew(prtkv_key handle, std::span<std::byte> buffer, std::int32_t* type, std::size_t* size);
 
   const std::shared_ptr<Client> client_;
   FairMutex mutex_;  // guards what follows
