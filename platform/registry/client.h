@@ -50,6 +50,7 @@
 #include "registry/batch.h"
 #include "registry/configuration.h"
 #include "registry/key_values.h"
+#include "registry/subkey_names.h"
 #include "sec_attr.h"
 
 namespace tkv::registry {
@@ -151,6 +152,11 @@ class Client : public KeyReader {
   // As read_known, if what is known of the key still holds and is enough. Otherwise returns false and changes nothing.
   virtual bool copy_known(const KnownKey& known, std::span<std::byte> buffer, std::int32_t* type,
                           std::size_t* size) = 0;
+
+  // Lists the level names of a key's subkeys, in byte order. Needs TKV_RIGHT_LIST. `*state` receives the number of the
+  // state that they were read from, or zero if it is not known. More subkeys than an std::int32_t counts yield
+  // PRTKV_OUT_OF_MEMORY. After a failure, `*names` and `*state` are unspecified.
+  virtual Status list_names(const KeyRef& key, SubkeyNames* names, std::uint64_t* state) = 0;
 
   // Creates a key under `parent`. Returns PRTKV_KEY_EXISTS if there is one. Needs TKV_RIGHT_CREATE on the key that it
   // is created under. Type 0 without bytes creates a key without a value. `*created` receives the key's id and route.

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <limits>
 #include <set>
 #include <string>
 #include <utility>
@@ -80,6 +81,7 @@ Status LocalClient::read_all(FunctionRef<Status(Reader& tree)> function) {
 }
 
 Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* revision) {
+  Revision made = 0;
   return store_->write(
       [&](store::Update& update) {
         Writer tree(update, identity_);
@@ -87,7 +89,7 @@ Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* 
         if (status.ok()) update.describe(describe_change(identity_, note_, tree.take_changes()));
         return status;
       },
-      revision);
+      revision == nullptr ? &made : revision);
 }
 
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
@@ -220,6 +222,18 @@ Status LocalClient::list(const KeyRef& key, bool infos, FunctionRef<Status(const
     status = visit(subkey);
   }
   return status;
+}
+
+Status LocalClient::list_names(const KeyRef& key, SubkeyNames* names, std::uint64_t* state) {
+  return read([&](Reader& tree) {
+    names->clear();
+    *state = tree.state();
+    return tree.list(key, false, [&](const Subkey& subkey) -> Status {
+      if (names->count() == std::numeric_limits<std::int32_t>::max()) return {PRTKV_OUT_OF_MEMORY, "too many subkeys"};
+      names->add(subkey.level);
+      return {};
+    });
+  });
 }
 
 Status LocalClient::walk(const KeyRef& key, const WalkOptions& options,

@@ -41,6 +41,7 @@ class LocalClient final : public Client {
   Status put(std::span<const NamedValue> values, const PutOptions& options) override;
 
   Status list(const KeyRef& key, bool infos, FunctionRef<Status(const Subkey& subkey)> visit) override;
+  Status list_names(const KeyRef& key, SubkeyNames* names, std::uint64_t* state) override;
   Status walk(const KeyRef& key, const WalkOptions& options,
               FunctionRef<Status(const WalkEntry& entry)> visit) override;
   Status compare(const Subtree& wanted, MergeMode mode, const NewKeySecurity& security, KeyProgress progress,
@@ -80,12 +81,8 @@ class LocalClient final : public Client {
   Status read_all(FunctionRef<Status(Reader& tree)> function);
 
   // Runs `function` and, if it succeeds, makes everything that it did durable, all or nothing. It may run more than
-  // once. `*revision` is that of Store::write.
-  Status write(FunctionRef<Status(Writer& tree)> function, Revision* revision);
-  Status write(FunctionRef<Status(Writer& tree)> function) {
-    Revision revision = 0;
-    return write(function, &revision);
-  }
+  // once. `*revision` is that of Store::write, and may be left out.
+  Status write(FunctionRef<Status(Writer& tree)> function, Revision* revision = nullptr);
 
   const Configuration configuration_;
   const Identity identity_;

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -15,8 +15,7 @@
 namespace tkv::registry {
 namespace {
 
-constexpr std::size_t kKeptBytes = 64UL * 1024;  // capacity that buffers keep between uses
-constexpr std::size_t kMostLostNames = 1024;     // that are kept, besides one for each open key
+constexpr std::size_t kMostLostNames = 1024;  // that are kept, besides one for each open key
 
 // Failures of short operations. Inlined, the code that composes a message would be most of theirs.
 [[gnu::cold]] Status invalid_handle() { return {PRTKV_INVALID_HANDLE, "invalid key handle"}; }
@@ -141,10 +140,9 @@ void Session::release(std::size_t index) noexcept {
   OpenKey& key = *keys_[index];
   key.serial = 0;
   key.gone = false;
-  key.listed = false;
   key.name.clear();
-  key.subkeys.clear();
-  if (key.subkeys.capacity() > kKeptBytes) std::string().swap(key.subkeys);
+  key.subkeys.reset();
+  key.next_subkey = {};
   free_.push_back(index);
 }
 
@@ -313,40 +311,42 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
 // Takes the list of subkeys. If another thread has done so meanwhile, that one counts.
 Status Session::list_subkeys(prtkv_key handle) {
   Target target;
-  std::string subkeys;
-  std::int32_t count = 0;
+  const auto subkeys = std::make_shared<SubkeyNames>();
+  std::uint64_t state = 0;
   if (Status status = target_of(handle, &target); !status.ok()) return status;
-  Status status = client_->list(target.ref(), false, [&](const Subkey& subkey) -> Status {
-    if (count == std::numeric_limits<std::int32_t>::max()) return {PRTKV_OUT_OF_MEMORY, "too many subkeys"};
-    subkeys.append(subkey.level).push_back('\0');
-    ++count;
-    return {};
-  });
+  Status status = client_->list_names(target.ref(), subkeys.get(), &state);
   if (!status.ok()) return settle(handle, std::move(status));
   Handle place{};
   const std::lock_guard lock(mutex_);
+  lists_.keep(target.known.id, state, subkeys);
   OpenKey* const found = find(handle, &place);
-  if (found == nullptr || found->listed) return {};
-  found->listed = true;
-  found->subkeys.swap(subkeys);
-  found->next = 0;
-  found->remaining = count;
+  if (found != nullptr && found->subkeys == nullptr) found->subkeys = subkeys;
   return {};
 }
 
+// Takes the list of subkeys from another handle of the key, if nothing has been committed since. Returns false if that
+// is not known.
+bool Session::take_known_list(OpenKey& key) {
+  const std::uint64_t state = key.known.state;
+  if (state == 0 || state != client_->latest_state()) return false;
+  key.subkeys = lists_.find(key.known.id, state);
+  return key.subkeys != nullptr;
+}
+
 Status Session::take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining) {
-  if (key.remaining == 0) return no_more_subkeys(key.name);
-  const char* level = key.subkeys.c_str() + key.next;
-  const std::size_t bytes = std::strlen(level) + 1;
-  if (bytes > *size) {
+  const std::size_t left = key.subkeys->count() - key.next_subkey.passed;
+  if (left == 0) return no_more_subkeys(key.name);
+  const std::string_view level = key.subkeys->at(key.next_subkey);
+  const std::size_t needed = level.size() + 1;
+  if (needed > *size) {
     const std::uint32_t offered = *size;
-    *size = static_cast<std::uint32_t>(bytes);
-    return too_small(offered, bytes);
+    *size = static_cast<std::uint32_t>(needed);
+    return too_small(offered, needed);
   }
-  std::memcpy(name, level, bytes);
-  *size = static_cast<std::uint32_t>(bytes - 1);
-  key.next += bytes;
-  *remaining = --key.remaining;
+  std::memcpy(name, level.data(), needed);
+  *size = static_cast<std::uint32_t>(level.size());
+  *remaining = static_cast<std::int32_t>(left - 1);
+  SubkeyNames::advance(level, &key.next_subkey);
   return {};
 }
 
@@ -357,7 +357,8 @@ Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std:
       const std::lock_guard lock(mutex_);
       OpenKey* const found = find_live(key, &status);
       if (found == nullptr) return status;
-      if (found->listed) return take_subkey(*found, name, size, remaining);
+      const bool is_listed = found->subkeys != nullptr || take_known_list(*found);
+      if (is_listed) return take_subkey(*found, name, size, remaining);
     }
     if (Status status = list_subkeys(key); !status.ok()) return status;
   }

@@ -20,8 +20,10 @@
 #include "registry/client.h"
 #include "registry/handle.h"
 #include "registry/known_keys.h"
+#include "registry/known_lists.h"
 #include "registry/lost_names.h"
 #include "registry/name.h"
+#include "registry/subkey_names.h"
 
 namespace tkv::registry {
 
@@ -77,12 +79,10 @@ class Session {
     std::uint64_t serial = 0;  // of the handle; zero: the slot is free
     std::string name;
     KnownKey known;
-    bool gone = false;          // it was found deleted or moved away
-    std::uint64_t checked = 0;  // the losses of this session that are accounted for in `gone`
-    bool listed = false;        // the list of subkeys was taken
-    std::string subkeys;        // level names, each followed by a NUL
-    std::size_t next = 0;       // where the next one begins
-    std::int32_t remaining = 0;
+    bool gone = false;                           // it was found deleted or moved away
+    std::uint64_t checked = 0;                   // the losses of this session that are accounted for in `gone`
+    std::shared_ptr<const SubkeyNames> subkeys;  // null until the list is taken
+    SubkeyNames::Position next_subkey;
   };
 
   // A copy of what an open key stands for, for use without the lock.
@@ -103,6 +103,7 @@ class Session {
   void release(std::size_t index) noexcept;
   bool is_gone(OpenKey& key) noexcept { return key.checked == lost_.now() ? key.gone : check_losses(key); }
   bool check_losses(OpenKey& key) noexcept;
+  bool take_known_list(OpenKey& key);
   Status take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining);
 
   // These take it.
@@ -120,6 +121,7 @@ class Session {
   std::vector<std::size_t> free_;               // indexes into keys_
   LostNames lost_;
   KnownKeys known_;
+  KnownLists lists_;
   std::atomic<prtkv_result> last_code_{PRTKV_DONE};  // PRTKV_DONE: there is no message
   std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
   std::size_t last_size_ = 0;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "allocation.h"
 #include "prtkv.h"
@@ -65,6 +66,46 @@ TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
   EXPECT_EQ(failed, 0);
   EXPECT_EQ(size, 1024U);
   EXPECT_EQ(buffer[1023], '3');
+}
+
+// Opens a key, reads its list of subkeys up to the last of them, and closes it. Returns their number, 0 if anything
+// fails.
+int list_once(prtkv_ctx ctx, const char* name) {
+  prtkv_key key = 0;
+  std::int32_t remaining = 1;
+  int count = 0;
+  if (prtkv_open_key(ctx, &key, name) != PRTKV_DONE) return 0;
+  for (; remaining > 0; ++count) {
+    char level[PRTKV_SUBKEY_NAME_SIZE];
+    std::uint32_t size = sizeof level;
+    if (prtkv_enum_subkey(ctx, key, level, &size, &remaining) != PRTKV_DONE) return 0;
+  }
+  return prtkv_close_key(ctx, key) == PRTKV_DONE ? count : 0;
+}
+
+TEST(Allocations, AListOfSubkeysTakesFewAndTheSameListAgainNone) {
+  const TemporaryDirectory directory;
+  store::LmdbOptions options;
+  options.directory = directory / "registry";
+  options.root_security = open_to_all();
+  std::shared_ptr<store::Store> store;
+  ASSERT_EQ(store::open_lmdb_store(options, &store).text(), "done");
+  const auto client = client_on(store, person("bob", {"users"}));
+  constexpr int kSubkeys = 1000;
+  std::vector<NamedValue> values;
+  PutOptions put;
+  put.create_parents = true;
+  put.security.initial = open_to_all();
+  for (int n = 0; n < kSubkeys; ++n) values.push_back({"parent.subkey" + std::to_string(n), {}});
+  ASSERT_EQ(client->put(values, put).text(), "done");
+  const Context ctx(client);
+  for (int reads = 0; reads < 2; ++reads) ASSERT_TRUE(ctx.open("parent"));  // the second one makes the key known
+  long before = allocations.load();
+  EXPECT_EQ(list_once(ctx, "parent"), kSubkeys);
+  EXPECT_LT(allocations.load() - before, 20);
+  before = allocations.load();
+  for (int n = 0; n < 10; ++n) EXPECT_EQ(list_once(ctx, "parent"), kSubkeys);
+  EXPECT_EQ(allocations.load() - before, 0);
 }
 
 // Passes everything on and notes how many allocations there were when the last write had been committed.

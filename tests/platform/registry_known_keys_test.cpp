@@ -106,5 +106,116 @@ TEST_F(KnownToASession, RightsThatWereTakenAwayAndGivenBackCount) {
   EXPECT_EQ(value(held), "value of a");
 }
 
+// The names that are left in a handle's list, each with a space after it, or "code N".
+std::string rest_of_list(prtkv_ctx session, prtkv_key key) {
+  std::string names;
+  for (;;) {
+    char name[PRTKV_SUBKEY_NAME_SIZE];
+    std::uint32_t size = sizeof name;
+    std::int32_t remaining = 0;
+    const int code = prtkv_enum_subkey(session, key, name, &size, &remaining);
+    if (code == PRTKV_NO_MORE_SUBKEYS) return names;
+    if (code != PRTKV_DONE) return "code " + std::to_string(code);
+    names.append(name, size).push_back(' ');
+  }
+}
+
+std::string list(const Context& session, const char* name) {
+  const prtkv_key key = session.open(name);
+  std::string names = rest_of_list(session, key);
+  EXPECT_EQ(prtkv_close_key(session, key), PRTKV_DONE);
+  return names;
+}
+
+class ListKnownToASession : public KnownToASession {
+ protected:
+  void SetUp() override {
+    KnownToASession::SetUp();
+    make("a.x", "");
+    make("a.y", "");
+    for (int times = 0; times < 3; ++times) EXPECT_EQ(list(*reader_, "a"), "x y ");
+  }
+};
+
+TEST_F(ListKnownToASession, ShowsWhatAnotherSessionHasChanged) {
+  make("a.w", "");
+  EXPECT_EQ(list(*reader_, "a"), "w x y ");
+  remove("a.x");
+  EXPECT_EQ(list(*reader_, "a"), "w y ");
+  move("a.y", "y");
+  EXPECT_EQ(list(*reader_, "a"), "w ");
+  remove("a.w");
+  EXPECT_EQ(list(*reader_, "a"), "");
+}
+
+TEST_F(ListKnownToASession, ShowsWhatAnotherProcessHasChanged) {
+  ASSERT_EQ(store::in_child([&] {
+              std::shared_ptr<store::Store> fresh;
+              if (!store::open_lmdb_store(options_, &fresh).ok()) return 1;
+              const Context session(client_on(fresh, superuser()));
+              return prtkv_delete_key(session, session.open("a.x"), 0);
+            }),
+            0);
+  EXPECT_EQ(list(*reader_, "a"), "y ");
+}
+
+TEST_F(ListKnownToASession, IsNotThatOfAKeyOfTheSameName) {
+  const prtkv_key held = reader_->open("a");
+  make("b.z", "");
+  move("a", "c");
+  move("b", "a");
+  EXPECT_EQ(list(*reader_, "a"), "z ");
+  EXPECT_EQ(list(*reader_, "c"), "x y ");
+  EXPECT_EQ(rest_of_list(*reader_, held), "code " + std::to_string(PRTKV_NO_SUCH_KEY));
+}
+
+TEST_F(ListKnownToASession, NeedsTheRightToListInTheStateThatItIsOf) {
+  ASSERT_EQ(prtkv_set_key_security(*writer_, writer_->open("a"), owned_by("alice", "staff", 0x3f, 0, 0)), PRTKV_DONE);
+  for (int times = 0; times < 3; ++times) {
+    EXPECT_EQ(list(*reader_, "a"), "code " + std::to_string(PRTKV_ACCESS_DENIED));
+  }
+  ASSERT_EQ(prtkv_set_key_security(*writer_, writer_->open("a"), open_to_all()), PRTKV_DONE);
+  EXPECT_EQ(list(*reader_, "a"), "x y ");
+}
+
+TEST_F(ListKnownToASession, IsReadByEachHandleFromItsBeginning) {
+  const prtkv_key one = reader_->open("a");
+  const prtkv_key other = reader_->open("a");
+  char name[PRTKV_SUBKEY_NAME_SIZE];
+  std::uint32_t size = sizeof name;
+  std::int32_t remaining = -1;
+  ASSERT_EQ(prtkv_enum_subkey(*reader_, one, name, &size, &remaining), PRTKV_DONE);
+  EXPECT_EQ(remaining, 1);
+  EXPECT_EQ(rest_of_list(*reader_, other), "x y ");
+  EXPECT_EQ(rest_of_list(*reader_, one), "y ");
+  EXPECT_EQ(list(*reader_, "a"), "x y ");
+}
+
+TEST_F(ListKnownToASession, StaysThatOfAHandleWhichHasBegunIt) {
+  const prtkv_key held = reader_->open("a");
+  char name[PRTKV_SUBKEY_NAME_SIZE];
+  std::uint32_t size = sizeof name;
+  std::int32_t remaining = -1;
+  ASSERT_EQ(prtkv_enum_subkey(*reader_, held, name, &size, &remaining), PRTKV_DONE);
+  remove("a.y");
+  EXPECT_EQ(list(*reader_, "a"), "x ");
+  EXPECT_EQ(rest_of_list(*reader_, held), "y ");
+}
+
+TEST_F(ListKnownToASession, IsReplacedByThatOfAnyOtherKey) {
+  for (int key = 0; key < 100; ++key) {
+    const std::string parent = "p" + std::to_string(key);
+    make(parent.c_str(), "");
+    make((parent + "." + std::to_string(key)).c_str(), "");
+  }
+  for (int times = 0; times < 2; ++times) {
+    for (int key = 0; key < 100; ++key) {
+      const std::string parent = "p" + std::to_string(key);
+      for (int again = 0; again < 2; ++again) EXPECT_EQ(list(*reader_, parent.c_str()), std::to_string(key) + " ");
+    }
+    EXPECT_EQ(list(*reader_, "a"), "x y ");
+  }
+}
+
 }  // namespace
 }  // namespace tkv::registry

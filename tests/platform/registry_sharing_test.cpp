@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <latch>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -240,6 +242,133 @@ TEST(Sharing, AWriterGetsItsTurnAmongThreadsThatReadWithoutPause) {
   for (std::thread& reader : readers) reader.join();
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_LT(meanwhile / kWrites, 10'000u) << "reads for each write";
+}
+
+// Creates a key below another, by its level name.
+bool create_below(prtkv_ctx ctx, prtkv_key parent, const std::string& level) {
+  prtkv_key key = 0;
+  std::int32_t word = 0;
+  return prtkv_create_key(ctx, parent, level.c_str(), &key, &word, open_to_all()) == PRTKV_DONE &&
+         prtkv_close_key(ctx, key) == PRTKV_DONE;
+}
+
+TEST(Sharing, ThreadsThatReadTheListOfOneHandleGetEachSubkeyOnce) {
+  const TemporaryDirectory directory(TemporaryDirectory::Where::kInMemory);
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const Context ctx(client_on(store, person("bob")));
+  constexpr int kSubkeys = 200;
+  for (int n = 0; n < kSubkeys; ++n) ASSERT_TRUE(create_below(ctx, ctx.open(""), "key" + std::to_string(n)));
+  for (int round = 0; round < 20; ++round) {
+    const prtkv_key key = ctx.open("");
+    std::vector<std::vector<std::string>> names(kThreads);
+    std::vector<std::vector<std::int32_t>> counts(kThreads);
+    std::vector<std::int32_t> ends(kThreads);
+    in_threads([&](int number) {
+      const auto thread = static_cast<std::size_t>(number);
+      char name[PRTKV_SUBKEY_NAME_SIZE];
+      std::uint32_t size = sizeof name;
+      std::int32_t remaining = 0;
+      while ((ends[thread] = prtkv_enum_subkey(ctx, key, name, &size, &remaining)) == PRTKV_DONE) {
+        names[thread].emplace_back(name, size);
+        counts[thread].push_back(remaining);
+        size = sizeof name;
+      }
+    });
+    std::set<std::string> all_names;
+    std::set<std::int32_t> all_counts;
+    std::size_t taken = 0;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+      taken += names[thread].size();
+      all_names.insert(names[thread].begin(), names[thread].end());
+      all_counts.insert(counts[thread].begin(), counts[thread].end());
+      EXPECT_EQ(ends[thread], PRTKV_NO_MORE_SUBKEYS);
+    }
+    EXPECT_EQ(taken, std::size_t{kSubkeys});
+    EXPECT_EQ(all_names.size(), std::size_t{kSubkeys});
+    EXPECT_EQ(all_counts.size(), std::size_t{kSubkeys});
+    EXPECT_EQ(prtkv_close_key(ctx, key), PRTKV_DONE);
+  }
+}
+
+TEST(Sharing, AHandleThatIsClosedWhileItsListIsReadEndsTheList) {
+  const TemporaryDirectory directory(TemporaryDirectory::Where::kInMemory);
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const Context ctx(client_on(store, person("bob")));
+  for (int n = 0; n < 200; ++n) ASSERT_TRUE(create_below(ctx, ctx.open(""), "key" + std::to_string(n)));
+  std::atomic<int> wrong{0};
+  for (int round = 0; round < 50; ++round) {
+    const prtkv_key key = ctx.open("");
+    std::atomic<int> taken{0};
+    in_threads([&](int number) {
+      if (number == 0) {
+        while (taken.load() < 20) std::this_thread::yield();
+        if (prtkv_close_key(ctx, key) != PRTKV_DONE) ++wrong;
+        return;
+      }
+      char name[PRTKV_SUBKEY_NAME_SIZE];
+      std::uint32_t size = sizeof name;
+      std::int32_t remaining = 0;
+      std::int32_t code = PRTKV_DONE;
+      while ((code = prtkv_enum_subkey(ctx, key, name, &size, &remaining)) == PRTKV_DONE) {
+        if (std::string(name, size).substr(0, 3) != "key") ++wrong;
+        size = sizeof name;
+        ++taken;
+      }
+      if (code != PRTKV_INVALID_HANDLE && code != PRTKV_NO_MORE_SUBKEYS) ++wrong;
+    });
+  }
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+// The largest number among the names of a key's subkeys; -1 if there is none or if anything fails.
+int largest_subkey(const Context& ctx, const char* parent) {
+  const prtkv_key key = ctx.open(parent);
+  char name[PRTKV_SUBKEY_NAME_SIZE];
+  std::uint32_t size = sizeof name;
+  std::int32_t remaining = 0;
+  int largest = -1;
+  while (prtkv_enum_subkey(ctx, key, name, &size, &remaining) == PRTKV_DONE) {
+    largest = std::max(largest, std::atoi(name));
+    size = sizeof name;
+  }
+  return prtkv_close_key(ctx, key) == PRTKV_DONE ? largest : -1;
+}
+
+// Each subkey is deleted only after the next one was created: no list may lack the latest one that was announced.
+TEST(Sharing, AListHasEverySubkeyWhoseCreationWasAcknowledged) {
+  const TemporaryDirectory directory(TemporaryDirectory::Where::kInMemory);
+  const auto store = lmdb_in(directory);
+  ASSERT_NE(store, nullptr);
+  const Context writer(client_on(store, person("bob")));
+  const Context reader(client_on(store, person("bob")));
+  ASSERT_TRUE(create_below(writer, writer.open(""), "parent"));
+  const prtkv_key parent = writer.open("parent");
+  ASSERT_TRUE(create_below(writer, parent, "0"));
+  constexpr int kSubkeys = 300;
+  std::atomic<int> announced{0};
+  std::atomic<int> lists{0};
+  std::atomic<int> wrong{0};
+  in_threads([&](int number) {
+    if (number == 0) {
+      for (int n = 1; n <= kSubkeys; ++n) {
+        if (!create_below(writer, parent, std::to_string(n))) ++wrong;
+        announced = n;
+        const std::string former = "parent." + std::to_string(n - 1);
+        if (prtkv_delete_key(writer, writer.open(former.c_str()), 0) != PRTKV_DONE) ++wrong;
+        const int before = lists.load();
+        while (lists.load() < before + 4) std::this_thread::yield();  // some of them from what is known
+      }
+      announced = -1;
+      return;
+    }
+    for (int least = announced; least >= 0; least = announced) {
+      if (largest_subkey(reader, "parent") < least) ++wrong;
+      ++lists;
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(Sharing, ReadersSeeAMovedKeyAtOnePlaceOnly) {
