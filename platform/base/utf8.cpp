@@ -1,6 +1,7 @@
 #include "base/utf8.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace tkv {
@@ -72,6 +73,20 @@ std::size_t ascii_prefix(std::string_view text) {
   }
   while (index < text.size() && byte_at(text, index) < 0x80) ++index;
   return index;
+}
+
+// Widens ASCII text. Compilers make a few instructions of a block.
+void widen(std::string_view from, std::uint16_t* to) {
+  constexpr std::size_t kBlock = 8;
+  std::size_t index = 0;
+  for (; index + kBlock <= from.size(); index += kBlock) {
+    std::array<unsigned char, kBlock> bytes;
+    std::array<std::uint16_t, kBlock> units;
+    std::memcpy(bytes.data(), from.data() + index, sizeof bytes);
+    for (std::size_t each = 0; each < kBlock; ++each) units[each] = bytes[each];
+    std::memcpy(to + index, units.data(), sizeof units);
+  }
+  for (; index < from.size(); ++index) to[index] = static_cast<unsigned char>(from[index]);
 }
 
 void append_utf8(std::uint32_t code_point, std::string* to) {
@@ -147,7 +162,7 @@ std::optional<std::size_t> utf8_to_utf16(std::string_view from, std::uint16_t* t
     std::size_t plain = ascii_prefix(from);
     if (to != nullptr) {
       plain = std::min(plain, capacity - units);
-      for (std::size_t index = 0; index < plain; ++index) to[units + index] = static_cast<unsigned char>(from[index]);
+      widen(from.substr(0, plain), to + units);
     }
     units += plain;
     from.remove_prefix(plain);
