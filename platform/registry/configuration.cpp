@@ -89,6 +89,7 @@ struct KnownSetting {
   const store::StoreSetting* of_store;
 
   std::string_view section() const { return name.substr(0, name.find('.')); }
+  std::string_view name_in_section() const { return name.substr(name.find('.') + 1); }
 };
 
 // Every setting, in the order in which people are shown them.
@@ -150,11 +151,35 @@ class Builder {
   }
 
  private:
+  // "location, local_only, ...".
+  static std::string names_in(std::string_view section) {
+    std::string names;
+    for (const KnownSetting& known : known_settings()) {
+      if (known.section() == section) names.append(names.empty() ? "" : ", ").append(known.name_in_section());
+    }
+    return names;
+  }
+
+  // The first section that has a setting of this name, or just the first section.
+  static std::string section_of(std::string_view name) {
+    for (const KnownSetting& known : known_settings()) {
+      if (known.name_in_section() == name) return std::string(known.section());
+    }
+    return std::string(known_settings().front().section());
+  }
+
   static Status check_section(const std::string& section) {
     for (const KnownSetting& known : known_settings()) {
       if (section == known.section()) return {};
     }
-    return invalid("unknown section [" + section + "]");
+    std::string known_sections;
+    std::string_view last;
+    for (const KnownSetting& known : known_settings()) {
+      if (known.section() == last) continue;
+      last = known.section();
+      known_sections.append(known_sections.empty() ? "[" : ", [").append(last).append("]");
+    }
+    return invalid("unknown section [" + section + "]; there are " + known_sections);
   }
 
   Setting* setting(std::string_view name) {
@@ -168,8 +193,11 @@ class Builder {
     for (const KnownSetting& known : known_settings()) {
       if (known.name == name) return take_as(known, line);
     }
-    if (line.section.empty()) return invalid("'" + line.name + "' stands before the first section");
-    return invalid("unknown name '" + line.name + "' in [" + line.section + "]");
+    if (line.section.empty()) {
+      return invalid("'" + line.name + "' stands before the first section; put it below [" + section_of(line.name) +
+                     "]");
+    }
+    return invalid("unknown name '" + line.name + "' in [" + line.section + "]; it has " + names_in(line.section));
   }
 
   Status take_as(const KnownSetting& known, const ConfigurationLine& line) {
@@ -233,7 +261,10 @@ class Builder {
     } else if (surroundings_.home.starts_with('/')) {
       directory = surroundings_.home + "/.local/state/tkv";
     } else {
-      return invalid("no location is configured, and the user has no home directory for a default one");
+      return invalid(
+          "no location is configured, and the user has no home directory for a default one; set `location` in "
+          "[registry] of " +
+          surroundings_.default_file + ", or HOME");
     }
     entry.value = directory;
     return add_location(directory, &made_.locations).about(entry.origin);

@@ -23,9 +23,14 @@ constexpr int kMaxLineBytes = 8192;
 constexpr std::size_t kMaxNameBytes = 48;  // of sections and names: what the parser keeps whole
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
+std::string what_to_do(const std::string& file, int error) {
+  if (error == ENOENT || error == ENOTDIR) return "; name one that exists in TKV_CONF, or unset TKV_CONF";
+  return error == EACCES ? "; type, as its owner: chmod a+r '" + file + "'" : "";
+}
+
 Status unreadable(const std::string& file, int error) {
-  return {PRTKV_CONFIGURATION_UNREADABLE,
-          "the configuration file " + file + " cannot be read: " + std::generic_category().message(error)};
+  return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " cannot be read: " +
+                                              std::generic_category().message(error) + what_to_do(file, error)};
 }
 
 Status read_whole(const std::string& file, std::string* text) {
@@ -39,10 +44,12 @@ Status read_whole(const std::string& file, std::string* text) {
     return unreadable(file, error);
   }
   if (!S_ISREG(found.st_mode)) {
-    return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " is not a regular file"};
+    return {PRTKV_CONFIGURATION_UNREADABLE,
+            "the configuration file " + file + " is not a regular file; name one in TKV_CONF, or put one in its place"};
   }
   if (const std::string reason = reason_for_distrust(found); !reason.empty()) {
-    return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " is refused to root: " + reason};
+    return {PRTKV_CONFIGURATION_UNREADABLE, "the configuration file " + file + " is refused to root: " + reason +
+                                                "; type: chown root: '" + file + "' && chmod go-w '" + file + "'"};
   }
   char buffer[4096];
   while (text->size() <= kMaxFileBytes) {

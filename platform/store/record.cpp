@@ -144,7 +144,8 @@ Status defect(std::span<const std::byte> record, const RecordSizes& sizes, const
   const unsigned version = version_of(record);
   if (version > kRecordVersion && record.size() >= kHeaderSize + kChecksumSize && is_sealed(record, key)) {
     return {PRTKV_UNUSABLE, "record of format version " + std::to_string(version) +
-                                ", and this release reads versions up to " + std::to_string(kRecordVersion)};
+                                ", and this release reads versions up to " + std::to_string(kRecordVersion) +
+                                "; install a newer release of TKV"};
   }
   if (record.size() < sizes.of(record)) return wrong_size(record);
   if (!is_sealed(record, key)) return damaged("its checksum does not match");

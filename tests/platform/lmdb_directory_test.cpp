@@ -196,6 +196,7 @@ TEST_F(LmdbGroup, AFileWithASecondNameIsRefused) {
     SCOPED_TRACE(name);
     fs::create_hard_link(registry_ + name, temporary_ / "second");
     expect_refused(registry_, PRTKV_UNUSABLE, "has 2 names (hard links)");
+    expect_refused(registry_, PRTKV_UNUSABLE, "(find / -xdev -samefile '" + registry_ + name + "') and remove them");
     fs::remove(temporary_ / "second");
   }
 }
@@ -211,6 +212,7 @@ TEST_F(LmdbGroup, AFileOfAStrangerIsRefused) {
     const Status status = open_lmdb_store(options_, &store);
     EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
     EXPECT_NE(status.text().find("belongs to another user (54321)"), std::string::npos) << status.text();
+    EXPECT_NE(status.text().find("give it to the owner of the directory (chown)"), std::string::npos) << status.text();
     ASSERT_EQ(chown(file.c_str(), 54321, gid_), 0);
     EXPECT_TRUE(open_lmdb_store(options_, &store).ok());
   }
@@ -279,7 +281,9 @@ TEST_F(LmdbGroup, ThatDoesNotExistIsAnErrorOfTheConfiguration) {
   std::shared_ptr<Store> store;
   const Status status = open_lmdb_store(options_, &store);
   EXPECT_TRUE(status.is(PRTKV_INVALID_CONFIGURATION));
-  EXPECT_EQ(status.text(), "group 'no-such-group' of the registry does not exist");
+  EXPECT_EQ(status.text(),
+            "group 'no-such-group' of the registry does not exist; type: groupadd --system 'no-such-group', or set "
+            "`group` to one that exists");
   EXPECT_FALSE(fs::exists(registry_));
 }
 
@@ -290,8 +294,9 @@ TEST_F(LmdbDirectory, PathsThatCannotHoldARegistryAreRefusedWithTheReason) {
                  "does not exist; type: mkdir -p '" + (temporary_ / "no/such") + "'");
   EXPECT_FALSE(fs::exists(temporary_ / "no"));
   write_file(temporary_ / "file", "x");
-  expect_refused(temporary_ / "file", PRTKV_UNUSABLE, "not a directory");
-  expect_refused(temporary_ / "file/below", PRTKV_UNUSABLE, "Not a directory");
+  expect_refused(temporary_ / "file", PRTKV_UNUSABLE,
+                 "it is not a directory; move it aside, or set `location` to a directory");
+  expect_refused(temporary_ / "file/below", PRTKV_UNUSABLE, "Not a directory; set `location` to another directory");
 }
 
 struct LocationCase {
@@ -389,7 +394,8 @@ TEST_F(LmdbDirectory, AnotherUsersRegistryIsAccessDenied) {
   ASSERT_TRUE(open(registry_).ok());
   fs::permissions(temporary_.path(), fs::perms(0755));
   const AsNobody nobody;
-  expect_refused(registry_, PRTKV_ACCESS_DENIED, "Permission denied");
+  expect_refused(registry_, PRTKV_ACCESS_DENIED,
+                 "Permission denied; act as its owner or, if a group shares it, as a member of the group");
 }
 
 TEST_F(LmdbDirectory, NothingIsCreatedUnlessAllowed) {
@@ -408,6 +414,7 @@ TEST_F(LmdbDirectory, FilesOfSomethingElseAreRefusedAndLeftAlone) {
   for (const std::string& text : {std::string("to whom it may concern"), std::string(100'000, 'x')}) {
     write_file(file, text);
     expect_file_refused(PRTKV_UNUSABLE, "is not the data file of a registry: it has no meta page of LMDB");
+    expect_file_refused(PRTKV_UNUSABLE, "; move it aside, or set `location` to another directory");
   }
 }
 
@@ -433,7 +440,7 @@ TEST_F(LmdbDirectory, AFileThatLostItsContentsOrItsEndIsDamaged) {
 
 TEST_F(LmdbDirectory, ADirectoryInPlaceOfAFileIsRefused) {
   fs::create_directories(registry_ + "/data.mdb");
-  expect_refused(registry_, PRTKV_UNUSABLE, "not a plain file");
+  expect_refused(registry_, PRTKV_UNUSABLE, "not a plain file; move it aside when no process uses the registry");
 }
 
 TEST_F(LmdbDirectory, ALinkInPlaceOfAFileIsRefusedAndNotFollowed) {
@@ -460,7 +467,7 @@ TEST_F(LmdbDirectory, LmdbFilesOfOthersAreRefusedAndLeftAlone) {
     MDB_val data = val_of("apple");
     ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
   });
-  expect_file_refused(PRTKV_UNUSABLE, "is a file of LMDB without a registry");
+  expect_file_refused(PRTKV_UNUSABLE, "is a file of LMDB without a registry; move it aside, or set `location` to");
   fs::remove_all(registry_);
   fs::create_directory(registry_);
   with_plain_lmdb(
@@ -618,6 +625,7 @@ TEST(LmdbFileSystemCheck, TheKernelsOwnFileSystemsAreRefused) {
     if (geteuid() == 0 && !status.is(PRTKV_ACCESS_DENIED)) {  // unless it is mounted read-only
       EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.text();
       EXPECT_NE(status.text().find("pseudo file system"), std::string::npos) << status.text();
+      EXPECT_NE(status.text().find("; set `location` to a directory on a disk"), std::string::npos) << status.text();
     }
     EXPECT_FALSE(status.ok()) << directory;
     LmdbOptions options;

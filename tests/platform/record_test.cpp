@@ -339,7 +339,8 @@ TEST(Record, ANewerFormatIsRefusedByItsNumber) {
   const Status status = decode_node(7, "name", record, &node);
   EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_EQ(status.text(), "record of format version " + std::to_string(kRecordVersion + 1) +
-                               ", and this release reads versions up to " + std::to_string(kRecordVersion));
+                               ", and this release reads versions up to " + std::to_string(kRecordVersion) +
+                               "; install a newer release of TKV");
 }
 
 TEST(Record, OlderReleasesCanTellThatTheRegistryHasANewerFormat) {

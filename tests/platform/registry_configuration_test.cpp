@@ -22,7 +22,9 @@ namespace tkv::registry {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::Pair;
+using ::testing::StartsWith;
 
 class ConfigurationFile : public ::testing::Test {
  protected:
@@ -95,7 +97,10 @@ TEST_F(ConfigurationFile, AbsentForOthersMeansTheirStateDirectory) {
 TEST_F(ConfigurationFile, AbsentWithoutAHomeIsAnError) {
   const Status status = read();
   EXPECT_EQ(status.code(), PRTKV_INVALID_CONFIGURATION);
-  EXPECT_EQ(status.text(), "no location is configured, and the user has no home directory for a default one");
+  EXPECT_THAT(status.text(),
+              StartsWith("no location is configured, and the user has no home directory for a default one; set "
+                         "`location` in [registry] of /"));
+  EXPECT_THAT(status.text(), EndsWith("/none.conf, or HOME"));
 }
 
 TEST_F(ConfigurationFile, TheSystemsRecordsStandForAMissingHome) {
@@ -275,12 +280,20 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"[registry\nlocation=/srv\n", "F:1: malformed line"},
         Mistake{"[registry] location=/srv\n", "F:1: malformed line"},
         Mistake{"\n\nnonsense\n[registry]\nnonsense=1\n", "F:3: malformed line"},
-        Mistake{"[registry]\nnonsense=1\nnonsense\n", "F:2: unknown name 'nonsense' in [registry]"},
-        Mistake{"[registry]\n= 1\n", "F:2: unknown name '' in [registry]"},
-        Mistake{"[Registry]\n", "F:1: unknown section [Registry]"},
-        Mistake{"[registry]\nlocation=/srv\n[other]\n", "F:3: unknown section [other]"},
-        Mistake{"location=/srv\n", "F:1: 'location' stands before the first section"},
-        Mistake{"[etcd]\nlocation=/srv\n", "F:2: unknown name 'location' in [etcd]"},
+        Mistake{"[registry]\nnonsense=1\nnonsense\n",
+                "F:2: unknown name 'nonsense' in [registry]; it has location, local_only, backup_location, map_size, "
+                "group, timeout_ms"},
+        Mistake{"[registry]\n= 1\n",
+                "F:2: unknown name '' in [registry]; it has location, local_only, backup_location, map_size, group, "
+                "timeout_ms"},
+        Mistake{"[Registry]\n", "F:1: unknown section [Registry]; there are [registry], [history], [etcd], [cluster]"},
+        Mistake{"[registry]\nlocation=/srv\n[other]\n",
+                "F:3: unknown section [other]; there are [registry], [history], [etcd], [cluster]"},
+        Mistake{"ca=/ca\n", "F:1: 'ca' stands before the first section; put it below [etcd]"},
+        Mistake{"location=/srv\n", "F:1: 'location' stands before the first section; put it below [registry]"},
+        Mistake{"[etcd]\nlocation=/srv\n",
+                "F:2: unknown name 'location' in [etcd]; it has ca, cert, key, user, password_file, prefix, "
+                "timeout_ms, attempt_ms"},
         Mistake{"[registry]\ngroup=a\n\ngroup=a\n", "F:4: 'group' is given twice, first at F:2"},
         Mistake{"[registry]\nlocation=/a\nlocation=/b\n",
                 "F:3: location: a location is one directory or up to five etcd addresses"},
@@ -357,11 +370,14 @@ TEST_F(ConfigurationFile, UnreadableOneIsReportedAsSuch) {
   variables_["TKV_CONF"] = file_;
   Status status = read();
   EXPECT_EQ(status.code(), PRTKV_CONFIGURATION_UNREADABLE);
-  EXPECT_EQ(shortened(status.text()), "the configuration file F cannot be read: No such file or directory");
+  EXPECT_EQ(shortened(status.text()),
+            "the configuration file F cannot be read: No such file or directory; name one that exists in TKV_CONF, or "
+            "unset TKV_CONF");
   ASSERT_EQ(mkdir(file_.c_str(), 0700), 0);
   status = read();
   EXPECT_EQ(status.code(), PRTKV_CONFIGURATION_UNREADABLE);
-  EXPECT_EQ(shortened(status.text()), "the configuration file F is not a regular file");
+  EXPECT_EQ(shortened(status.text()),
+            "the configuration file F is not a regular file; name one in TKV_CONF, or put one in its place");
   variables_["TKV_CONF"] = file_ + "/below/" + std::string(300, 'x');
   EXPECT_EQ(read().code(), PRTKV_CONFIGURATION_UNREADABLE);
 }

@@ -147,10 +147,14 @@ TEST_F(OpenRegistry, FailureFitsTheBufferThatThereIs) {
 TEST_F(OpenRegistry, ConfigurationErrorsNameTheirPlace) {
   configure("[registry]\nlocation = " + location_ + "\nlocatoin = x\n");
   EXPECT_EQ(init(), PRTKV_INVALID_CONFIGURATION);
-  EXPECT_EQ(text_, "TKV-0041: " + file_ + ":3: unknown name 'locatoin' in [registry]");
+  EXPECT_EQ(text_, "TKV-0041: " + file_ +
+                       ":3: unknown name 'locatoin' in [registry]; it has location, local_only, backup_location, "
+                       "map_size, group, timeout_ms");
   unlink(file_.c_str());
   EXPECT_EQ(init(), PRTKV_CONFIGURATION_UNREADABLE);
-  EXPECT_EQ(text_, "TKV-0042: the configuration file " + file_ + " cannot be read: No such file or directory");
+  EXPECT_EQ(text_,
+            "TKV-0042: the configuration file " + file_ +
+                " cannot be read: No such file or directory; name one that exists in TKV_CONF, or unset TKV_CONF");
 }
 
 TEST_F(OpenRegistry, LocationWithoutItsParentFailsWithPathAndReason) {
@@ -188,7 +192,8 @@ TEST_F(OpenRegistry, DefaultLocationThatCannotBeMadeSaysWhy) {
   std::shared_ptr<Client> client;
   const Status status = open_client(configuration, {}, &client);
   EXPECT_EQ(status.code(), PRTKV_UNUSABLE);
-  EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" + "': Not a directory");
+  EXPECT_EQ(status.text(), "cannot use '" + directory_ / "home/.local/state/tkv" +
+                               "': Not a directory; set `location` to another directory");
 }
 
 TEST_F(OpenRegistry, NothingIsMadeWhenItIsNotToBeCreated) {
@@ -230,6 +235,7 @@ TEST_F(OpenRegistry, MissingModuleForEtcdSaysWhereItWasLookedFor) {
   EXPECT_THAT(text_, StartsWith("TKV-0018: the store for etcd cannot be loaded: " +
                                 directory_ / "modules/libtkv_etcd.so: no such file; /"));
   EXPECT_THAT(text_, HasSubstr("/lib/libtkv_etcd.so: "));
+  EXPECT_THAT(text_, HasSubstr("; install TKV anew, with its module for etcd (make install)"));
 }
 
 TEST_F(OpenRegistry, ModuleForEtcdThatIsNoneEndsTheSearch) {
@@ -255,7 +261,9 @@ TEST_F(OpenRegistry, RootRefusesAModuleThatOthersCanReplace) {
   ASSERT_EQ(chmod((directory_ / "modules").c_str(), 0755), 0);
   ASSERT_EQ(chown(module.c_str(), 54321, 0), 0);
   EXPECT_EQ(init(), PRTKV_UNUSABLE);
-  EXPECT_THAT(text_, HasSubstr(module + " is refused to root: it belongs to user 54321, not to root"));
+  EXPECT_THAT(text_,
+              HasSubstr(module + " is refused to root: it belongs to user 54321, not to root; type: chown root: '" +
+                        module + "' && chmod go-w '" + module + "'"));
 }
 
 TEST_F(OpenRegistry, RootRefusesAConfigurationThatOthersCanChange) {
@@ -276,7 +284,8 @@ TEST_F(OpenRegistry, RootRefusesAConfigurationThatOthersCanChange) {
     if (code == PRTKV_DONE) {
       EXPECT_EQ(prtkv_terminate(ctx_), PRTKV_DONE);
     } else {
-      EXPECT_THAT(text_, HasSubstr(file_ + " is refused to root: "));
+      EXPECT_THAT(text_, AllOf(HasSubstr(file_ + " is refused to root: "),
+                               HasSubstr("; type: chown root: '" + file_ + "' && chmod go-w '" + file_ + "'")));
     }
   }
 }

@@ -203,8 +203,9 @@ void print_report(Context& context, const StatusReport& report) {
   if (report.last_backup) {
     row("last backup", utc(report.last_backup->written, "%Y-%m-%d %H:%M:%S UTC") + "  " + report.last_backup->path);
   } else {
-    row("last backup",
-        report.configuration.backup_location.empty() ? "unknown: no backup location is configured" : "none");
+    row("last backup", report.configuration.backup_location.empty()
+                           ? "unknown: no backup location is configured; set `backup_location`"
+                           : "none");
   }
 }
 

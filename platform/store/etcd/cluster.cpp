@@ -366,8 +366,11 @@ Judgement Cluster::Connection::judge_answer(const Answer& answer) {
       known == answer.cluster_id) {
     return {};
   }
-  return {Verdict::kFinal,
-          Status(PRTKV_UNUSABLE, "it belongs to another etcd cluster than was opened, or to a restored one")};
+  return {
+      Verdict::kFinal,
+      Status(PRTKV_UNUSABLE,
+             "it belongs to another etcd cluster than was opened, or to a restored one; open the registry again, and "
+             "let `location` name the members of one cluster only")};
 }
 
 Status Cluster::Connection::unreachable(const std::vector<std::string>& reasons) const {

@@ -17,13 +17,13 @@ std::string innermost(const std::string& message) {
 // Why TLS refused the server, or null if the reason is another one.
 const char* tls_complaint(const std::string& reason) {
   if (contains(reason, "CERTIFICATE_VERIFY_FAILED") || contains(reason, "certificate verify failed")) {
-    return "the server's certificate is not trusted";
+    return "the server's certificate is not trusted; see `ca`";
   }
   if (contains(reason, "Hostname Verification Check failed") || contains(reason, "Peer name")) {
-    return "the server's certificate is for another host";
+    return "the server's certificate is for another host; see `location`";
   }
   if (contains(reason, "WRONG_VERSION_NUMBER") || contains(reason, "wrong version number")) {
-    return "the server does not speak TLS";
+    return "the server does not speak TLS; see `ca`";
   }
   return nullptr;
 }
@@ -64,10 +64,11 @@ Judgement invalid_argument(const std::string& message) {
     return final(PRTKV_INVALID_ARGUMENT, "etcd takes fewer operations in one transaction than needed: " + message);
   }
   if (contains(message, "authentication failed")) {
-    return final(PRTKV_ACCESS_DENIED, "etcd refused user or password: " + message);
+    return final(PRTKV_ACCESS_DENIED, "etcd refused user or password (see `user` and `password_file`): " + message);
   }
   if (contains(message, "user name is empty")) {
-    return final(PRTKV_ACCESS_DENIED, "etcd requires a user and none is configured: " + message);
+    return final(PRTKV_ACCESS_DENIED,
+                 "etcd requires a user and none is configured (set `user` and `password_file`): " + message);
   }
   if (contains(message, "revision of auth store is old")) {
     return {Verdict::kRenewToken, Status(PRTKV_ACCESS_DENIED, message)};
@@ -116,13 +117,18 @@ Judgement judge(int grpc_code, const std::string& message) {
     case 5:  // NOT_FOUND
       return final(PRTKV_UNUSABLE, "etcd does not know what was asked for: " + message);
     case 7:  // PERMISSION_DENIED
-      return final(PRTKV_ACCESS_DENIED,
-                   "the configured etcd user has no permission on the registry's keys: " + message);
+      return final(
+          PRTKV_ACCESS_DENIED,
+          "the configured etcd user has no permission on the registry's keys (see 'etcdctl role grant-permission'): " +
+              message);
     case 8:  // RESOURCE_EXHAUSTED
       return resource_exhausted(message);
     case 9:  // FAILED_PRECONDITION
       if (contains(message, "authentication is not enabled")) {
-        return final(PRTKV_INVALID_CONFIGURATION, "a user is configured but etcd has authentication switched off");
+        return final(PRTKV_INVALID_CONFIGURATION,
+                     "a user is configured but etcd has authentication switched off; remove `user` and "
+                     "`password_file`, or type: "
+                     "etcdctl auth enable");
       }
       return final(PRTKV_UNUSABLE, "etcd refused the request: " + message);
     case 11:  // OUT_OF_RANGE

@@ -73,7 +73,10 @@ Status load_from(const std::string& folder, OpenEtcdStore* open) {
   const std::string path = folder + "/" + kModule;
   for (const std::string& checked : {folder, path}) {
     if (const std::string reason = reason_for_distrust_of(checked); !reason.empty()) {
-      return cannot_load(std::string(checked).append(" is refused to root: ").append(reason));
+      return cannot_load(std::string(checked)
+                             .append(" is refused to root: ")
+                             .append(reason)
+                             .append("; type: chown root: '" + checked + "' && chmod go-w '" + checked + "'"));
     }
   }
   void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -89,7 +92,7 @@ Status load(OpenEtcdStore* open) {
     if (!is_absent(path)) return load_from(folder, open);
     tried += (tried.empty() ? "" : "; ") + path + ": no such file";
   }
-  return cannot_load(tried);
+  return cannot_load(tried + "; install TKV anew, with its module for etcd (make install)");
 }
 
 }  // namespace

@@ -105,7 +105,8 @@ Status Opening::create(bool* created) {
     if (response.responses(0).response_range().kvs_size() > 0) return {};
     return {PRTKV_UNUSABLE, "no registry can be created under the prefix " + quoted(options_.prefix) +
                                 " in etcd: there are other keys, such as " +
-                                quoted(response.responses(1).response_range().kvs(0).key())};
+                                quoted(response.responses(1).response_range().kvs(0).key()) +
+                                "; set `prefix` to another one"};
   }
   core_.kv->hold_mark(keys_.mark(), mark);
   core_.ids.know(Meta(), response.header().revision());
@@ -140,7 +141,7 @@ Status Opening::take_marked(const TxnResponse& found, bool* taken) {
   if (mark->format > RegistryMark::kFormat) {
     return {PRTKV_UNUSABLE, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
                                 std::to_string(mark->format) + ", and this release knows up to " +
-                                std::to_string(RegistryMark::kFormat)};
+                                std::to_string(RegistryMark::kFormat) + "; install a newer release of TKV"};
   }
   const bool has_log = part(found, kLog).kvs_size() > 0;
   if (options_.create && (mark->format < RegistryMark::kFormat || !has_log)) {
@@ -217,7 +218,8 @@ Status Opening::check_enclosing() {
       if ((mark.kvs_size() > 0 && RegistryMark::parse(mark.kvs(0).value())) ||
           (meta.kvs_size() > 0 && is_registry(meta.kvs(0).value()))) {
         return {PRTKV_UNUSABLE, "the prefix " + quoted(options_.prefix) +
-                                    " is within the prefix of another registry in etcd, " + quoted(prefixes[i])};
+                                    " is within the prefix of another registry in etcd, " + quoted(prefixes[i]) +
+                                    "; set `prefix` to another one"};
       }
     }
   }
@@ -263,8 +265,8 @@ Status Opening::check_enclosed(KeyRange range) {
       }
       if (record.kvs_size() == 0 || !is_registry(record.kvs(0).value())) continue;
       const std::string inner = found.key().substr(0, found.key().size() - meta.size());
-      return {PRTKV_UNUSABLE,
-              "the prefix " + quoted(options_.prefix) + " contains that of another registry in etcd, " + quoted(inner)};
+      return {PRTKV_UNUSABLE, "the prefix " + quoted(options_.prefix) + " contains that of another registry in etcd, " +
+                                  quoted(inner) + "; set `prefix` to another one"};
     }
   }
   return {};

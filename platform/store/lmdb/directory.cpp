@@ -53,11 +53,13 @@ Status check_file_system(const std::string& directory, FileSystemType type_of) {
     case FileSystemKind::kLocal:
       return {};
     case FileSystemKind::kNetwork:
-      return unusable(directory, std::string("it is on a network file system (") + found.name +
-                                     "), where processes on several machines would damage it");
+      return unusable(
+          directory,
+          std::string("it is on a network file system (") + found.name +
+              "), where processes on several machines would damage it; set `location` to a directory on a local disk");
     case FileSystemKind::kPseudo:
-      return unusable(directory,
-                      std::string("it is on a pseudo file system (") + found.name + "), which stores no files");
+      return unusable(directory, std::string("it is on a pseudo file system (") + found.name +
+                                     "), which stores no files; set `location` to a directory on a disk");
   }
   return {PRTKV_UNKNOWN, "unknown kind of file system"};
 }
@@ -86,7 +88,13 @@ Status open_existing(const std::string& directory, Descriptor* opened) {
   const int error = found.is_open() ? 0 : errno;
   if (error == ENOENT) return {};
   struct stat status {};
-  if (error == ENOTDIR && stat(directory.c_str(), &status) == 0) return unusable(directory, "it is not a directory");
+  if (error == ENOTDIR && stat(directory.c_str(), &status) == 0) {
+    return unusable(directory, "it is not a directory; move it aside, or set `location` to a directory");
+  }
+  if (error == ENOTDIR) {
+    return {PRTKV_UNUSABLE,
+            "cannot use " + quoted(directory) + ": " + message_of(error) + "; set `location` to another directory"};
+  }
   if (error != 0) return lmdb_status(error, "cannot use " + quoted(directory));
   *opened = std::move(found);
   return {};
@@ -101,7 +109,8 @@ Status open_parent(const std::string& directory, Descriptor* opened) {
   if (error == ENOENT) {
     return unusable(directory, "its parent " + quoted(parent) + " does not exist; type: mkdir -p " + quoted(parent));
   }
-  return unusable(directory, "its parent " + quoted(parent) + ": " + message_of(error));
+  return unusable(directory,
+                  "its parent " + quoted(parent) + ": " + message_of(error) + "; set `location` to another directory");
 }
 
 enum class Role { kItself, kParent };

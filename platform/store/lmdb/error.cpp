@@ -28,13 +28,16 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
     case EFBIG:
       return system(PRTKV_STORAGE_FULL);
     case MDB_MAP_FULL:
-      return failed(PRTKV_STORAGE_FULL, "the registry has reached its size limit");
+      return failed(PRTKV_STORAGE_FULL, "the registry has reached its size limit; raise `map_size`");
     case ENOMEM:
       return system(PRTKV_OUT_OF_MEMORY);
     case EACCES:
     case EPERM:
+      return failed(PRTKV_ACCESS_DENIED, std::string(mdb_strerror(code)) +
+                                             "; act as its owner or, if a group shares it, as a member of the group");
     case EROFS:
-      return system(PRTKV_ACCESS_DENIED);
+      return failed(PRTKV_ACCESS_DENIED,
+                    std::string(mdb_strerror(code)) + "; mount it for writing, or set `location` to another directory");
     case MDB_INVALID:
       return failed(PRTKV_STORAGE_FAILED, "this is not the data file of a registry, or it is damaged");
     case MDB_CORRUPTED:
@@ -47,7 +50,10 @@ Status lmdb_status(LmdbOutcome outcome, const std::string& doing) {
     case ENXIO:
       return system(PRTKV_STORAGE_FAILED);
     case MDB_VERSION_MISMATCH:
-      return failed(PRTKV_UNUSABLE, "the file or its lock file was created by another version of LMDB");
+      return failed(PRTKV_UNUSABLE,
+                    "the file or its lock file was created by another version of LMDB; use the release of TKV that "
+                    "created it, or "
+                    "export the registry there and import it here");
     case ENOENT:
     case ENOTDIR:
     case EISDIR:

@@ -18,7 +18,8 @@ namespace {
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 46;
 
 Status not_a_registry(const std::string& path, const std::string& why) {
-  return {PRTKV_UNUSABLE, "'" + path + "' is not the data file of a registry: " + why};
+  return {PRTKV_UNUSABLE, "'" + path + "' is not the data file of a registry: " + why +
+                              "; move it aside, or set `location` to another directory"};
 }
 
 Status damaged(const std::string& path, const std::string& why) {

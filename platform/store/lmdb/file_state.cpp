@@ -35,7 +35,9 @@ Status lacks_own_record(const FileMap& map) {
 
 // For a sound file of LMDB whose first key is none of a registry.
 Status holds_no_registry(const FileMap& map) {
-  return {PRTKV_UNUSABLE, "the file in '" + std::string(map.directory) + "' is a file of LMDB without a registry"};
+  return {PRTKV_UNUSABLE,
+          "the file in '" + std::string(map.directory) +
+              "' is a file of LMDB without a registry; move it aside, or set `location` to another directory"};
 }
 
 // The leaf page that holds the record of the registry itself, whose key is the smallest: reads the leftmost page of

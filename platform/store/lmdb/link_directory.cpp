@@ -49,7 +49,7 @@ Status LinkDirectory::create(const Descriptor& data, const Descriptor& lock) {
   }
   return {PRTKV_UNUSABLE,
           "a registry whose directory others may write to is opened by way of a temporary directory, and none can be "
-          "created in /dev/shm, /tmp or /var/tmp"};
+          "created in /dev/shm, /tmp or /var/tmp; let every user create files in one of them (chmod 1777)"};
 }
 
 }  // namespace tkv::store

@@ -86,15 +86,21 @@ Status RegistryFiles::open_file(const char* name, Descriptor* file, FileIdentity
 
 Status RegistryFiles::check_file(const char* name, const struct stat& file) const {
   const std::string path = quoted(path_of(name));
-  if (!S_ISREG(file.st_mode)) return {PRTKV_UNUSABLE, path + " is not a plain file"};
+  if (!S_ISREG(file.st_mode)) {
+    return {PRTKV_UNUSABLE, path + " is not a plain file; move it aside when no process uses the registry"};
+  }
   if (file.st_nlink > 1) {
-    return {PRTKV_UNUSABLE, path + " has " + std::to_string(file.st_nlink) + " names (hard links); it must have one"};
+    return {PRTKV_UNUSABLE, path + " has " + std::to_string(file.st_nlink) +
+                                " names (hard links) and must have one; find the others (find / -xdev -samefile " +
+                                path + ") and remove them"};
   }
   const bool is_trusted = file.st_uid == geteuid() || file.st_uid == 0 || file.st_uid == owner_ ||
                           (sharing_.group && file.st_gid == *sharing_.group);
   if (is_trusted) return {};
-  return {PRTKV_UNUSABLE, path + " belongs to another user (" + std::to_string(file.st_uid) +
-                              ") who is neither the owner of the directory nor a member of the registry's group"};
+  return {PRTKV_UNUSABLE,
+          path + " belongs to another user (" + std::to_string(file.st_uid) +
+              ") who is neither the owner of the directory nor a member of the registry's group; if you trust it, "
+              "give it to the owner of the directory (chown), otherwise move it aside"};
 }
 
 Status RegistryFiles::open_data_file(const LmdbOptions& options) {

@@ -22,7 +22,9 @@ Status find_sharing(const std::string& group_name, Sharing* sharing) {
     if (found != nullptr) sharing->group = found->gr_gid;
   });
   if (sharing->group) return {};
-  const std::string reason = error == 0 ? "does not exist" : std::generic_category().message(error);
+  const std::string reason =
+      error == 0 ? "does not exist; type: groupadd --system '" + group_name + "', or set `group` to one that exists"
+                 : std::generic_category().message(error);
   return {PRTKV_INVALID_CONFIGURATION, "group '" + group_name + "' of the registry " + reason};
 }
 
