@@ -2,12 +2,18 @@
 
 #include <algorithm>
 
+#include "registry/name.h"
+
 namespace tkv::registry {
 namespace {
 
 std::int32_t changed(std::int32_t mask, const MaskChange& change) { return (mask & ~change.clear) | change.set; }
 
 }  // namespace
+
+bool Subtree::may_have_had(std::string_view name) const {
+  return std::any_of(left_out.begin(), left_out.end(), [&](const std::string& lost) { return is_within(name, lost); });
+}
 
 std::uint64_t Difference::count(KeyChange::Kind kind) const {
   return static_cast<std::uint64_t>(

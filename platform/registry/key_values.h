@@ -135,13 +135,19 @@ struct KeyRecord {
 struct Subtree {
   std::string top;
   std::vector<KeyRecord> keys;
+  // Keys that could not be read when the subtree was saved. Each is missing with everything below it, or it is there
+  // and some of its subkeys are missing.
+  std::vector<std::string> left_out = {};
+
+  // Whether a key that the subtree lacks may only be missing because it could not be read.
+  bool may_have_had(std::string_view name) const;
 };
 
 // How a subtree is brought into a registry.
 enum class MergeMode {
   kAdd,     // a key that exists must be the same; another one yields PRTKV_KEY_EXISTS
   kMerge,   // a key that exists is changed; keys that the subtree lacks stay
-  kReplace  // keys that the subtree lacks are deleted
+  kReplace  // keys that the subtree lacks are deleted, unless it may have had them
 };
 
 struct KeyChange {

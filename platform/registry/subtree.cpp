@@ -208,7 +208,8 @@ Status find_difference(const Subtree& current, const Subtree& wanted, MergeMode 
     const bool only_have =
         want == wanted.keys.end() || (have != current.keys.end() && name_before(have->name, want->name));
     if (only_have) {
-      mode == MergeMode::kReplace ? comparison.remove(*have) : comparison.keep(*have);
+      const bool removed = mode == MergeMode::kReplace && !wanted.may_have_had(have->name);
+      removed ? comparison.remove(*have) : comparison.keep(*have);
       ++have;
     } else if (have == current.keys.end() || have->name != want->name) {
       if (Status status = comparison.add(*want++); !status.ok()) return status;

@@ -54,7 +54,27 @@ class Backup(WithKeys):
     def test_without_a_location_it_fails_with_a_reason(self):
         text = (self.folder / "tkv.conf").read_text().splitlines()
         (self.folder / "tkv.conf").write_text("\n".join(text[:2]) + "\n")
-        self.assertIn("no backup location is configured", self.fails(USAGE, "backup"))
+        self.assertIn("no backup location is configured; name a file or a directory, or set `backup_location`",
+                      self.fails(USAGE, "backup"))
+        self.assertRegex(self.out("status"), "last backup +unknown: no backup location is configured; set "
+                                             "`backup_location`\n")
+
+    def test_a_missing_location_fails_with_what_to_type_or_to_set(self):
+        self.backups.rmdir()
+        missing = f"{self.folder}/missing/"
+        for words, place in (((), self.backups), ((missing,), missing)):
+            with self.subTest(words=words):
+                self.assertEqual(self.fails(NOT_FOUND, "backup", *words),
+                                 f"tkv: the backup location {place} does not exist; type: mkdir -p '{place}'\n")
+                subprocess.run(["sh", "-c", f"mkdir -p '{place}'"], check=True)
+                self.backup(*words)
+                shutil.rmtree(place)
+        self.backups.write_text("a file")
+        for words, place, remedy in (((), self.backups, "set `backup_location` to one"),
+                                     ((f"{self.backups}/",), f"{self.backups}/", "name one")):
+            with self.subTest(words=words, place="a file"):
+                self.assertEqual(self.fails(NOT_FOUND, "backup", *words),
+                                 f"tkv: the backup location {place} is not a directory; {remedy}\n")
 
     def test_a_stream_can_be_verified_and_restored_but_not_written(self):
         path = self.backup()
@@ -208,7 +228,7 @@ class Restore(WithKeys):
         for contents in (b"", b"TKVBACK", b"#!/bin/sh\necho no backup\n"):
             other.write_bytes(contents)
             self.assertIn("is not a backup", self.fails(USAGE, "restore", other))
-        other.write_bytes(b"TKVBACKUP 2\n" + b"\0" * 100)
+        other.write_bytes(b"TKVBACKUP 3\n" + b"\0" * 100)
         self.assertIn("in a format that this release does not know", self.fails(USAGE, "restore", other))
         self.fails(NOT_FOUND, "restore", self.folder / "none")
 
@@ -360,7 +380,8 @@ class Verify(WithKeys):
         self.fails(DAMAGED, "export", "-o", saved, "app.broken")
         self.assertFalse(saved.exists())
         result = self.tkv("export", "--skip-damaged", "app.broken", exits=PARTLY)
-        self.assertEqual(json.loads(result.text), {"tkv": 1, "top": "app.broken", "keys": []})
+        self.assertEqual(json.loads(result.text),
+                         {"tkv": 1, "top": "app.broken", "keys": [], "left_out": ["app.broken"]})
         self.assertIn("left out: key 'app.broken', the top, with everything below it: ", result.messages)
         self.assertIn("the export is incomplete: 1 damaged part left out", result.messages)
         report = self.tkv("export", "--json", "--skip-damaged", "-o", saved, "app.broken", exits=PARTLY)
@@ -404,6 +425,100 @@ class Verify(WithKeys):
                 self.assertEqual(self.out(*words, "--dry-run"), "")
                 self.assertEqual(self.out("export"), self.before)
         self.fails(NOT_FOUND, "restore", backup, "app.broken.below")
+
+    def saved_beside_damage(self):
+        """Returns an export and a backup that lack the damaged parts of the registry, which is whole afterwards, and has
+        a key more than when they were written."""
+        self.damage_two_keys()
+        export, backup = self.folder / "saved.json", self.folder / "saved.backup"
+        self.tkv("export", "--skip-damaged", "-o", export, exits=PARTLY)
+        self.tkv("backup", "--skip-damaged", backup, exits=PARTLY)
+        self.tkv("restore", "--overwrite", "--yes", self.whole)
+        self.tkv("verify", "--repair")
+        self.tkv("set", "app.later", "added")
+        self.tkv("set", "app.limit", "changed")
+        return export, backup
+
+    def test_an_export_and_a_backup_name_what_they_lack(self):
+        export, backup = self.saved_beside_damage()
+        self.assertEqual(json.loads(export.read_text())["left_out"], ["app.broken"])
+        report = json.loads(self.out("verify", "--json", backup))
+        self.assertEqual((report["left_out"], report["values_left_out"]), (["app.broken"], ["app.marked"]))
+        shown = self.out("verify", backup)
+        self.assertIn("left out     key 'app.broken'\nleft out     the value of key 'app.marked'\n", shown)
+        report = json.loads(self.out("verify", "--json", self.whole))
+        self.assertEqual((report["left_out"], report["values_left_out"]), ([], []))
+        self.assertNotIn("left out", self.out("verify", self.whole))
+
+    def test_what_a_file_lacks_since_it_was_damaged_is_not_deleted_by_bringing_it_in(self):
+        """All else is brought to what the file says."""
+        for file, *words in zip(self.saved_beside_damage(), ("import", "restore"), ("--replace", "--overwrite")):
+            with self.subTest(words=words):
+                shown = self.tkv(*words, "--dry-run", file, exits=DIFFERS)
+                self.assertEqual(len(shown.text.splitlines()), 3, shown.text)
+                self.assertNotIn("app.broken", shown.text)
+                self.assertNotIn("app.marked", shown.text)
+                done = self.tkv(*words, "--yes", file)
+                self.assertIn("tkv: left as it is: key 'app.broken', or subkeys of it, which could not be read when the "
+                              "file was written\n", done.messages)
+                self.assertEqual(self.out("export"), self.before)
+                self.tkv("set", "app.later", "added")
+                self.tkv("set", "app.limit", "changed")
+
+    def test_what_is_still_damaged_stays_when_a_file_that_lacks_it_is_brought_in(self):
+        self.damage_two_keys()
+        backup = self.folder / "saved.backup"
+        self.tkv("backup", "--skip-damaged", backup, exits=PARTLY)
+        self.tkv("set", "app.limit", "changed")
+        self.tkv("restore", "--overwrite", "--yes", backup)
+        self.assertEqual(self.out("get", "app.limit"), "5000000000\n")
+        self.fails(DAMAGED, "get", "app.broken")
+        self.fails(DAMAGED, "get", "app.marked")
+
+    def test_a_part_of_a_backup_that_lacks_it_points_to_an_older_one(self):
+        _, backup = self.saved_beside_damage()
+        for part in ("app.broken", "app.broken.below"):
+            self.assertEqual(self.fails(NOT_FOUND, "restore", "--overwrite", "--yes", backup, part),
+                             f"tkv: {backup} does not contain key '{part}', which could not be read when it was written; "
+                             "use an older backup\n")
+        self.assertNotIn("older", self.fails(NOT_FOUND, "restore", backup, "app.none"))
+        done = self.tkv("restore", "--overwrite", backup, "app.nodes")
+        self.assertNotIn("left as it is", done.messages)
+
+    def test_what_an_export_lacks_since_it_was_damaged_is_not_a_difference(self):
+        export, _ = self.saved_beside_damage()
+        limit, later = '"name":"app.limit"', '"name":"app.later"'
+        for words, signs in (((".", f"@{export}"), ("-", "+", "-")), ((f"@{export}", "."), ("-", "+", "+"))):
+            with self.subTest(words=words):
+                result = self.tkv("diff", *words, exits=DIFFERS)
+                lines = sorted(result.text.splitlines(), key=lambda line: later in line)
+                self.assertEqual([line[0] for line in lines], list(signs))
+                self.assertTrue(all(limit in line for line in lines[:2]) and later in lines[2], result.text)
+                self.assertIn("tkv: not compared: key 'app.broken', or subkeys of it, which could not be read when the "
+                              "file was written\n", result.messages)
+        self.tkv("rm", "app.later")
+        self.tkv("set", "app.limit", "--int64", "5000000000")
+        self.assertEqual(self.tkv("diff", ".", export).text, "")
+
+    def test_an_export_that_lacks_parts_can_be_brought_in_elsewhere(self):
+        export, _ = self.saved_beside_damage()
+        part = self.folder / "part.json"
+        text = json.loads(export.read_text())
+        keys = [key for key in text["keys"] if key["name"].startswith("app")]
+        part.write_text(json.dumps({**text, "top": "app", "keys": keys}))
+        self.tkv("import", "--at", "copy", part)
+        self.fails(NOT_FOUND, "get", "copy.broken")
+        self.tkv("set", "copy.broken", "kept")
+        self.tkv("set", "copy.other", "removed")
+        self.tkv("import", "--replace", "--at", "copy", part)
+        self.assertEqual(self.out("get", "copy.broken"), "kept\n")
+        self.fails(NOT_FOUND, "get", "copy.other")
+
+    def test_only_a_backup_that_lacks_something_has_a_format_that_former_releases_refuse(self):
+        _, backup = self.saved_beside_damage()
+        self.assertTrue(backup.read_bytes().startswith(b"TKVBACKUP 2\n"))
+        whole = self.backup("--skip-damaged")
+        self.assertTrue(whole.read_bytes().startswith(b"TKVBACKUP 1\n"))
 
     def test_skipping_damage_where_there_is_none_is_a_plain_success(self):
         self.assertEqual(self.out("export", "--skip-damaged"), self.before)

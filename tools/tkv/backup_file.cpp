@@ -20,9 +20,12 @@ namespace {
 using registry::KeyRecord;
 
 constexpr std::string_view kMagic = "TKVBACKUP 1\n";
+constexpr std::string_view kMagicOfParts = "TKVBACKUP 2\n";
 constexpr std::string_view kAnyMagic = "TKVBACKUP ";
 constexpr std::size_t kHashBytes = 16;
 constexpr char kKeyMark = 'K';
+constexpr char kValuelessKeyMark = 'V';
+constexpr char kLeftOutMark = 'L';
 constexpr char kEndMark = 'E';
 
 template <typename Number>
@@ -38,13 +41,14 @@ void append_name(std::string_view name, std::string* bytes) {
 }
 
 std::string key_record(const KeyRecord& key) {
-  std::string bytes(1, kKeyMark);
+  std::string bytes(1, key.has_value ? kKeyMark : kValuelessKeyMark);
   append_name(key.name, &bytes);
   append_number(key.security.user_perm, &bytes);
   append_number(key.security.group_perm, &bytes);
   append_number(key.security.other_perm, &bytes);
   append_name(registry::user_of(key.security), &bytes);
   append_name(registry::group_of(key.security), &bytes);
+  if (!key.has_value) return bytes;
   append_number(key.value.type, &bytes);
   append_number(static_cast<std::uint32_t>(key.value.bytes.size()), &bytes);
   return bytes.append(key.value.bytes);
@@ -138,7 +142,8 @@ Outcome first_failure(std::initializer_list<Outcome> outcomes) {
 Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
   std::string magic;
   if (Outcome got = source.read(kMagic.size(), &magic); got.exit() == Exit::kOther) return got;
-  if (magic != kMagic) {
+  head->may_lack_parts = magic == kMagicOfParts;
+  if (magic != kMagic && !head->may_lack_parts) {
     if (magic.starts_with(kAnyMagic)) {
       return {Exit::kUsage, path + " is a backup in a format that this release does not know"};
     }
@@ -148,21 +153,35 @@ Outcome read_head(Source& source, const std::string& path, BackupHead* head) {
   return source.name(&head->top);
 }
 
-Outcome read_key(Source& source, KeyRecord* key) {
+Outcome read_value(Source& source, registry::TypedValue* value) {
+  std::uint32_t size = 0;
+  if (Outcome got = first_failure({source.number(&value->type), source.number(&size)}); !got.ok()) return got;
+  if (size > PRTKV_MAX_VALUE_SIZE) return source.damaged("a value is too large");
+  return source.read(size, &value->bytes);
+}
+
+// Reads what follows the mark of a key.
+Outcome read_key(Source& source, bool has_value, KeyRecord* key) {
   std::string owner;
   std::string group;
-  std::uint32_t size = 0;
   // In the order of the file: initializer lists are evaluated from left to right.
-  Outcome got =
-      first_failure({source.name(&key->name), source.number(&key->security.user_perm),
-                     source.number(&key->security.group_perm), source.number(&key->security.other_perm),
-                     source.name(&owner), source.name(&group), source.number(&key->value.type), source.number(&size)});
+  Outcome got = first_failure({source.name(&key->name), source.number(&key->security.user_perm),
+                               source.number(&key->security.group_perm), source.number(&key->security.other_perm),
+                               source.name(&owner), source.name(&group)});
   if (!got.ok()) return got;
-  if (size > PRTKV_MAX_VALUE_SIZE) return source.damaged("a value is too large");
   const bool sound = registry::check_name(key->name).ok() && registry::set_user(&key->security, owner).ok() &&
                      registry::set_group(&key->security, group).ok();
   if (!sound) return source.damaged("a key is malformed");
-  return source.read(size, &key->value.bytes);
+  key->has_value = has_value;
+  return has_value ? read_value(source, &key->value) : Outcome();
+}
+
+Outcome read_left_out(Source& source, BackupContents* contents) {
+  std::string name;
+  if (Outcome got = source.name(&name); !got.ok()) return got;
+  if (!registry::is_within(name, contents->head.top)) return source.damaged("a key that was left out is malformed");
+  contents->left_out.push_back(std::move(name));
+  return {};
 }
 
 void count(const KeyRecord& key, BackupTotals* totals) {
@@ -201,7 +220,7 @@ Outcome BackupWriter::write(const std::string& bytes) {
 Outcome BackupWriter::open(const std::string& path, const BackupHead& head) {
   head_ = head;
   if (Outcome opened = file_.open(path, AtomicFile::Existing::kRefuse); !opened.ok()) return opened;
-  std::string bytes(kMagic);
+  std::string bytes(head.may_lack_parts ? kMagicOfParts : kMagic);
   append_number(head.taken, &bytes);
   append_name(head.top, &bytes);
   return write(bytes);
@@ -210,6 +229,15 @@ Outcome BackupWriter::open(const std::string& path, const BackupHead& head) {
 Outcome BackupWriter::add(const KeyRecord& key) {
   count(key, &totals_);
   return write(key_record(key));
+}
+
+Outcome BackupWriter::leave_out(const std::vector<std::string>& names) {
+  std::string bytes;
+  for (const std::string& name : names) {
+    bytes += kLeftOutMark;
+    append_name(name, &bytes);
+  }
+  return write(bytes);
 }
 
 Outcome BackupWriter::finish(FunctionRef<void(std::uint64_t keys)> progress) {
@@ -245,9 +273,15 @@ Outcome read_backup(const std::string& path, BackupContents* contents, FunctionR
     std::string mark;
     if (Outcome got = source.read(1, &mark); !got.ok()) return got;
     if (mark[0] == kEndMark) return read_end(source, counted, contents);
-    if (mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one is expected");
+    const bool may_lack_parts = contents->head.may_lack_parts;
+    if (may_lack_parts && mark[0] == kLeftOutMark) {
+      if (Outcome got = read_left_out(source, contents); !got.ok()) return got;
+      continue;
+    }
+    const bool has_value = !may_lack_parts || mark[0] != kValuelessKeyMark;
+    if (has_value && mark[0] != kKeyMark) return source.damaged("neither a key nor the end where one is expected");
     KeyRecord key;
-    if (Outcome got = read_key(source, &key); !got.ok()) return got;
+    if (Outcome got = read_key(source, has_value, &key); !got.ok()) return got;
     const bool first = counted.keys == 0;
     if (first ? key.name != contents->head.top : !registry::name_before(last, key.name)) {
       return source.damaged("the keys are out of order");

@@ -28,18 +28,30 @@ std::string fresh_name(const std::string& directory, std::uint64_t taken) {
   }
 }
 
+Outcome missing_directory(const std::string& path, bool is_named) {
+  struct stat found {};
+  const std::string entry = path.substr(0, path.find_last_not_of('/') + 1);
+  if (::lstat(entry.c_str(), &found) != 0) {
+    return {Exit::kNotFound, "the backup location " + path + " does not exist; type: mkdir -p '" + path + "'"};
+  }
+  return {Exit::kNotFound, "the backup location " + path + " is not a directory; " +
+                               (is_named ? "name one" : "set `backup_location` to one")};
+}
+
 // Finds the path of a backup: the file that was named, or a fresh one in a directory or in the configured location.
 Outcome target_path(const Arguments& arguments, const registry::Configuration& configuration, std::uint64_t taken,
                     std::string* path) {
   *path = arguments.file.value_or(configuration.backup_location);
-  if (path->empty()) return {Exit::kUsage, "no backup location is configured; name a file or a directory"};
+  if (path->empty()) {
+    return {Exit::kUsage, "no backup location is configured; name a file or a directory, or set `backup_location`"};
+  }
   if (*path == "-") {
     return {Exit::kUsage, "a backup is read back to check it, so it needs a file; name a file or a directory"};
   }
   if (is_directory(*path)) {
     *path = fresh_name(*path, taken);
   } else if (!arguments.file || path->ends_with('/')) {
-    return {Exit::kNotFound, "the backup location " + *path + " is not a directory"};
+    return missing_directory(*path, arguments.file.has_value());
   }
   return {};
 }
@@ -53,7 +65,8 @@ Outcome write_all(Context& context, const std::string& top, bool skip_damaged, S
     progress.show(writer->totals().keys, 0);
     return added.ok() ? Status() : Status(PRTKV_UNKNOWN, added.text());
   });
-  return added.ok() ? Outcome(walked) : added;
+  if (!added.ok()) return added;
+  return walked.ok() ? writer->leave_out(skipped->keys) : Outcome(walked);
 }
 
 Outcome finish(Context& context, BackupWriter* writer) {
@@ -62,9 +75,27 @@ Outcome finish(Context& context, BackupWriter* writer) {
   return writer->finish([&](std::uint64_t keys) { progress.show(keys, all); });
 }
 
+// What was written.
+struct Backup {
+  BackupTotals totals;
+  std::string hash;
+  SkippedParts skipped;
+};
+
+Outcome write_backup(Context& context, const std::string& path, const BackupHead& head, Backup* backup) {
+  BackupWriter writer;
+  if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;
+  const Outcome written = write_all(context, head.top, head.may_lack_parts, &backup->skipped, &writer);
+  if (!written.ok()) return written;
+  if (Outcome finished = finish(context, &writer); !finished.ok()) return finished;
+  backup->totals = writer.totals();
+  backup->hash = writer.hash();
+  return {};
+}
+
 Outcome run_backup(Context& context, const Arguments& arguments) {
   BackupHead head;
-  BackupWriter writer;
+  Backup backup;
   std::string path;
   head.taken = static_cast<std::uint64_t>(std::time(nullptr));
   if (Outcome named = key_name(arguments.at.value_or("."), &head.top); !named.ok()) return named;
@@ -75,19 +106,22 @@ Outcome run_backup(Context& context, const Arguments& arguments) {
   if (Outcome found = target_path(arguments, context.client().configuration(), head.taken, &path); !found.ok()) {
     return found;
   }
-  if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;
-  SkippedParts skipped;
-  const Outcome written = write_all(context, head.top, arguments.skip_damaged, &skipped, &writer);
+  Outcome written = write_backup(context, path, head, &backup);
+  // Former releases cannot read a backup that lacks parts, so a registry without damage is backed up without allowing
+  // for them.
+  if (arguments.skip_damaged && written.exit() == Exit::kDamaged) {
+    head.may_lack_parts = true;
+    written = write_backup(context, path, head, &backup);
+  }
   if (!written.ok()) return written;
-  if (Outcome finished = finish(context, &writer); !finished.ok()) return finished;
   if (context.json()) {
-    context.output().line(totals_json(path, writer.totals(), writer.hash()).str());
-    return skipped.outcome("backup");
+    context.output().line(totals_json(path, backup.totals, backup.hash).str());
+    return backup.skipped.outcome("backup");
   }
   context.print(path);
-  note(context.terminal(), "tkv: backup of " + counted(writer.totals().keys, "key") + ", " +
-                               counted(writer.totals().values, "value") + ", checked");
-  return skipped.outcome("backup");
+  note(context.terminal(), "tkv: backup of " + counted(backup.totals.keys, "key") + ", " +
+                               counted(backup.totals.values, "value") + ", checked");
+  return backup.skipped.outcome("backup");
 }
 
 constexpr std::array kOperands{one("TO", "A new file, or a directory; default: the configured backup location", false,
@@ -107,8 +141,9 @@ not touched (exit code 5). Needs the rights r and l on every key.
 
 A damaged key is an error (exit code 8). --skip-damaged leaves damage out, names
 it, and exits with 9: a key that cannot be read is missing with its subkeys, one
-whose value cannot be read has no value. If the top itself cannot be read, the
-backup holds no key, and restoring it changes nothing.
+whose value cannot be read has no value. The backup names what it lacks, which a
+restore leaves as it is. If the top itself cannot be read, the backup holds no
+key, and restoring it changes nothing.
 )",
     .examples = R"(  tkv backup
   tkv backup /mnt/safe/

@@ -144,16 +144,20 @@ void compare_keys(KeyRecord before, KeyRecord after, Difference* difference) {
   difference->changes.push_back({KeyChange::Kind::kChange, std::move(before), std::move(after)});
 }
 
-// Goes through two subtrees with the same top side by side.
+// Goes through two subtrees with the same top side by side. What either of them may have had counts as equal.
 void compare(Subtree* first, Subtree* second, Difference* difference) {
   auto left = first->keys.begin();
   auto right = second->keys.begin();
   while (left != first->keys.end() || right != second->keys.end()) {
     const bool at_end = right == second->keys.end();
     if (at_end || (left != first->keys.end() && registry::name_before(left->name, right->name))) {
-      difference->changes.push_back({KeyChange::Kind::kRemove, std::move(*left++), {}});
+      KeyRecord& removed = *left++;
+      if (second->may_have_had(removed.name)) continue;
+      difference->changes.push_back({KeyChange::Kind::kRemove, std::move(removed), {}});
     } else if (left == first->keys.end() || left->name != right->name) {
-      difference->changes.push_back({KeyChange::Kind::kAdd, {}, std::move(*right++)});
+      KeyRecord& added = *right++;
+      if (first->may_have_had(added.name)) continue;
+      difference->changes.push_back({KeyChange::Kind::kAdd, {}, std::move(added)});
     } else {
       compare_keys(std::move(*left++), std::move(*right++), difference);
     }
@@ -173,6 +177,7 @@ Outcome run_diff(Context& context, const Arguments& arguments) {
   if (Outcome read = read_side(context, first, &second); !read.ok()) return read;
   if (Outcome renamed = rebase(&second.subtree, first.subtree.top); !renamed.ok()) return renamed;
   compare(&first.subtree, &second.subtree, &difference);
+  for (const Side* side : {&first, &second}) name_left_out(context, "not compared", side->subtree);
   print_difference(context, difference);
   return outcome_of_dry_run(difference);
 }
@@ -197,8 +202,9 @@ written with a slash (./new.conf). Of another registry, the key that the other
 side names is compared or, if it names none, everything.
 
 If A and B are different keys, those below B are shown with the names that they
-would have below A. What an export leaves out of a key counts as equal. An export
-that holds no key, because its top was damaged, cannot be compared.
+would have below A. What an export leaves out of a key counts as equal, and so do
+keys that it lacks since they were damaged. An export that holds no key, because
+its top was damaged, cannot be compared.
 )",
     .examples = R"(  tkv diff app@17 app
   tkv diff 'app@2 hours ago' app@now

@@ -84,6 +84,13 @@ Outcome outcome_of_dry_run(const Difference& difference) {
   return difference.changes.empty() ? Outcome() : Outcome(Exit::kOther, "");
 }
 
+void name_left_out(const Context& context, const char* meaning, const Subtree& saved) {
+  for (const std::string& name : saved.left_out) {
+    note(context.terminal(), std::string("tkv: ") + meaning + ": " + registry::describe(name) +
+                                 ", or subkeys of it, which could not be read when the file was written");
+  }
+}
+
 void report_changes(Context& context, const char* verb, const Subtree& wanted, std::uint64_t changes) {
   if (context.json()) {
     context.output().line(done(verb, wanted.top).number("keys", wanted.keys.size()).number("changes", changes).str());

@@ -31,6 +31,10 @@ void print_difference(Context& context, const registry::Difference& difference);
 // As diff(1): Exit::kDone if nothing differs, Exit::kOther without a text if something does.
 Outcome outcome_of_dry_run(const registry::Difference& difference);
 
+// Names the parts that an export or backup lacks since they could not be read, and says what that means: "not
+// compared".
+void name_left_out(const Context& context, const char* meaning, const registry::Subtree& saved);
+
 // Reports what `verb` did.
 void report_changes(Context& context, const char* verb, const registry::Subtree& wanted, std::uint64_t changes);
 

@@ -22,14 +22,12 @@ struct Export {
 Status write_export(Context& context, Export* job, FunctionRef<Status(std::string_view text)> take) {
   Progress progress(context.terminal(), "export");
   const auto write_key = [&](const registry::WalkEntry& entry) {
-    registry::KeyRecord record = record_of(entry);
-    record.has_value = entry.damaged != registry::WalkEntry::Part::kValue;
     progress.show(++job->keys, 0);
-    return take((job->keys == 1 ? "" : ",\n") + record_line(record));
+    return take((job->keys == 1 ? "" : ",\n") + record_line(record_of(entry)));
   };
   if (Status taken = take(export_head(job->top)); !taken.ok()) return taken;
   const Status walked = walk_sound_keys(context, job->top, job->skip_damaged, &job->skipped, write_key);
-  return walked.ok() ? take(export_tail()) : walked;
+  return walked.ok() ? take(export_tail(job->skipped.keys)) : walked;
 }
 
 // Prints nothing unless everything that was asked for could be read: half an export is no export.
@@ -89,8 +87,9 @@ the registry, whatever is written meanwhile.
 
 A damaged key is an error (exit code 8). --skip-damaged leaves damage out, names
 it, and exits with 9: a key that cannot be read is missing with its subkeys, one
-whose value cannot be read has no value. If the top itself cannot be read, the
-export holds no key, and importing it changes nothing.
+whose value cannot be read has no value. The export names what it lacks, which an
+import leaves as it is. If the top itself cannot be read, the export holds no
+key, and importing it changes nothing.
 )",
     .examples = R"(  tkv export app > app.json
   tkv export | diff yesterday.json -

@@ -42,6 +42,7 @@ Outcome run_import(Context& context, const Arguments& arguments) {
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
+  if (mode == MergeMode::kReplace) name_left_out(context, "left as it is", wanted);
   if (wanted.keys.empty()) return report_nothing(context, "import", wanted, arguments.dry_run);
   Outcome compared = find_difference(context, wanted, mode, &difference);
   if (mode == MergeMode::kAdd && compared.exit() == Exit::kConflict) {
@@ -78,8 +79,9 @@ constinit const Verb kImportVerb{
     .details = R"(The import is one transaction, all or nothing. Without --merge or --replace it
 only adds keys, and a key that exists and differs is an error (exit code 5).
 An owner, group, mode or value that an entry lacks stays as it is; a new key
-gets the caller's. --dry-run prints the lines that would be removed (-) and
-added (+).
+gets the caller's. What an export lacks since it was damaged (export
+--skip-damaged) stays as it is. --dry-run prints the lines that would be removed
+(-) and added (+).
 )",
     .examples = R"(  tkv import app.json
   tkv import --replace --dry-run app.json

@@ -53,14 +53,14 @@ void add_value(const registry::TypedValue& value, JsonObject* object);
 
 std::string record_line(const registry::KeyRecord& record);
 
-// What comes before and after the lines of an export.
+// What comes before and after the lines of an export. `left_out` is as in Subtree.
 std::string export_head(std::string_view top);
-std::string export_tail();
+std::string export_tail(const std::vector<std::string>& left_out = {});
 
 // Parses an export. The keys come back in the order of names. Fails with Exit::kUsage and the place of the mistake:
 // malformed JSON, unknown or repeated members, bad names, a name given twice, a key without its parent or outside the
-// top. An export of a damaged top holds no key. `progress` is called with the number of keys parsed so far; parsing
-// takes two passes.
+// top, also among those that were left out. An export of a damaged top holds no key. `progress` is called with the
+// number of keys parsed so far; parsing takes two passes.
 Outcome parse_export(std::string_view text, registry::KeyProgress progress, registry::Subtree* subtree);
 
 }  // namespace tkv::command

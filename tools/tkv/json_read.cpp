@@ -222,13 +222,33 @@ Outcome check_order(const Subtree& subtree) {
       return wrong("the parent of " + shown + " is not among the keys");
     }
   }
+  for (const std::string& name : subtree.left_out) {
+    if (name == subtree.top || (registry::is_within(name, subtree.top) && seen.contains(registry::parent_of(name)))) {
+      continue;
+    }
+    return wrong("the parent of " + registry::describe(name) + ", which was left out, is not among the keys");
+  }
+  return {};
+}
+
+Outcome read_left_out(const Json& json, Subtree* subtree) {
+  if (!json.contains("left_out")) return {};
+  if (!json["left_out"].is_array()) return wrong("\"left_out\" must be an array");
+  for (const Json& each : json["left_out"]) {
+    std::string name;
+    if (!read_text(each, &name)) return wrong("\"left_out\" must hold names");
+    if (Status named = registry::check_name(name); !named.ok()) return named;
+    subtree->left_out.push_back(std::move(name));
+  }
   return {};
 }
 
 Outcome read_subtree(const Json& json, KeyProgress progress, Subtree* subtree) {
   std::string other;
   if (!json.is_object() || json.value("tkv", Json()) != 1) return wrong("not an export: the object has no \"tkv\":1");
-  if (!has_only(json, {"tkv", "top", "keys"}, &other)) return wrong("an export has no member \"" + other + "\"");
+  if (!has_only(json, {"tkv", "top", "keys", "left_out"}, &other)) {
+    return wrong("an export has no member \"" + other + "\"");
+  }
   if (!json.contains("top") || !read_text(json["top"], &subtree->top)) return wrong("\"top\" must be a string");
   if (!json.contains("keys") || !json["keys"].is_array()) return wrong("\"keys\" must be an array");
   for (const Json& each : json["keys"]) {
@@ -245,6 +265,7 @@ Outcome read_subtree(const Json& json, KeyProgress progress, Subtree* subtree) {
   std::stable_sort(subtree->keys.begin(), subtree->keys.end(), [](const KeyRecord& left, const KeyRecord& right) {
     return registry::name_before(left.name, right.name);
   });
+  if (Outcome read = read_left_out(json, subtree); !read.ok()) return read;
   return check_order(*subtree);
 }
 

@@ -109,6 +109,11 @@ std::string record_line(const registry::KeyRecord& record) {
 
 std::string export_head(std::string_view top) { return "{\"tkv\":1,\n\"top\":" + json_text(top) + ",\n\"keys\":[\n"; }
 
-std::string export_tail() { return "\n]}\n"; }
+std::string export_tail(const std::vector<std::string>& left_out) {
+  if (left_out.empty()) return "\n]}\n";
+  std::string names;
+  for (const std::string& name : left_out) names += (names.empty() ? "" : ",\n") + json_text(name);
+  return "\n],\n\"left_out\":[\n" + names + "\n]}\n";
+}
 
 }  // namespace tkv::command

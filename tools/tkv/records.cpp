@@ -17,6 +17,7 @@ std::string rebased(std::string_view name, std::string_view from, std::string_vi
 registry::KeyRecord record_of(const registry::WalkEntry& entry) {
   registry::KeyRecord record;
   record.name = entry.name;
+  record.has_value = entry.damaged != registry::WalkEntry::Part::kValue;
   record.security = entry.security;
   record.value.type = entry.type;
   record.value.bytes.assign(reinterpret_cast<const char*>(entry.value.data()), entry.value.size());
@@ -34,6 +35,7 @@ Status rebase(registry::Subtree* subtree, const std::string& top) {
     key.name = rebased(key.name, subtree->top, top);
     if (Status named = registry::check_name(key.name); !named.ok()) return named;
   }
+  for (std::string& name : subtree->left_out) name = rebased(name, subtree->top, top);
   subtree->top = top;
   return {};
 }

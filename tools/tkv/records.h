@@ -10,7 +10,7 @@
 
 namespace tkv::command {
 
-// A copy of what a walk shows only during a visit.
+// A copy of what a walk shows only during a visit. A damaged value is left out.
 registry::KeyRecord record_of(const registry::WalkEntry& entry);
 
 // The full name of a subkey.

@@ -1,4 +1,7 @@
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "backup_file.h"
 #include "characters.h"
@@ -37,9 +40,13 @@ Outcome read_part(const Terminal& terminal, const std::string& path, const std::
   });
   if (!read.ok()) return read;
   part->top = top.value_or(contents.head.top);
+  part->left_out = std::move(contents.left_out);
+  const bool may_have_had_top = part->may_have_had(part->top);
+  std::erase_if(part->left_out, [&](const std::string& name) { return !registry::is_within(name, part->top); });
   if (contents.totals.keys == 0 && part->top == contents.head.top) return {};
   if (!part->keys.empty() && part->keys.front().name == part->top) return {};
-  return {Exit::kNotFound, shown_path(path) + " does not contain " + registry::describe(part->top)};
+  const char* reason = may_have_had_top ? ", which could not be read when it was written; use an older backup" : "";
+  return {Exit::kNotFound, shown_path(path) + " does not contain " + registry::describe(part->top) + reason};
 }
 
 // Tells whether the registry holds nothing of what is to be restored, except perhaps a bare root.
@@ -62,6 +69,7 @@ Outcome run_restore(Context& context, const Arguments& arguments) {
   if (Outcome opened = arguments.dry_run ? context.open_to_read() : context.open_or_create(); !opened.ok()) {
     return opened;
   }
+  name_left_out(context, "left as it is", wanted);
   if (wanted.keys.empty()) return report_nothing(context, "restore", wanted, arguments.dry_run);
   if (Outcome compared = find_difference(context, wanted, kMode, &difference); !compared.ok()) return compared;
   if (arguments.dry_run) {
@@ -90,7 +98,8 @@ constinit const Verb kRestoreVerb{
     .summary = "Restore a backup, or one subtree of it",
     .details = R"(The whole backup is checked before anything is changed, and the change is one
 transaction. Keys that exist are refused (exit code 5) unless --overwrite is
-given, which leaves exactly what the backup holds.
+given, which leaves exactly what the backup holds. What a backup lacks since it
+was damaged (backup --skip-damaged) stays as it is.
 )",
     .examples = R"(  tkv restore /mnt/safe/tkv-20240229T120000Z.backup
   tkv restore --overwrite nightly.backup app.nodes

@@ -39,7 +39,9 @@ Status walk_sound_keys(Context& context, const std::string& top, bool skip_damag
     if (entry.damaged == Part::kNone) return visit(entry);
     ++skipped->count;
     context.complain({Exit::kDamaged, left_out(entry)});
-    return entry.damaged == Part::kValue ? visit(entry) : Status();
+    if (entry.damaged == Part::kValue) return visit(entry);
+    skipped->keys.emplace_back(entry.name);
+    return {};
   });
 }
 

@@ -3,6 +3,7 @@
 #define TKV_TOOLS_TKV_SOUND_WALK_H
 
 #include <string>
+#include <vector>
 
 #include "base/function_ref.h"
 #include "context.h"
@@ -11,7 +12,8 @@
 namespace tkv::command {
 
 struct SkippedParts {
-  std::uint64_t count = 0;  // of keys that are missing (with their subkeys), of values, and of lists of subkeys
+  std::uint64_t count = 0;        // of keys that are missing (with their subkeys), of values, and of lists of subkeys
+  std::vector<std::string> keys;  // that are missing, or lack subkeys, as in Subtree::left_out
 
   // Exit::kPartly if anything was left out.
   Outcome outcome(const char* what) const;

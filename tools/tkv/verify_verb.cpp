@@ -16,21 +16,31 @@ namespace {
 using registry::CheckResult;
 using registry::Damage;
 
+std::string json_names(const std::vector<std::string>& names) {
+  std::vector<std::string> texts;
+  texts.reserve(names.size());
+  for (const std::string& name : names) texts.push_back(json_text(name));
+  return json_array(texts);
+}
+
 Outcome verify_file(Context& context, const std::string& path) {
   if (path != "-") {
     if (Outcome allowed = demand_own_rights("the file " + path); !allowed.ok()) return allowed;
   }
   BackupContents contents;
+  std::vector<std::string> without_value;
   Progress progress(context.terminal(), "verify");
   std::uint64_t keys = 0;
-  Outcome read = read_backup(path, &contents, [&](registry::KeyRecord&&) {
+  Outcome read = read_backup(path, &contents, [&](registry::KeyRecord&& record) {
     progress.show(++keys, 0);
+    if (!record.has_value) without_value.push_back(std::move(record.name));
     return Outcome();
   });
   if (!read.ok()) return read;
   if (context.json()) {
     JsonObject object = totals_json(shown_path(path), contents.totals, contents.hash);
     object.text("top", contents.head.top).number("taken", contents.head.taken).flag("sound", true);
+    object.raw("left_out", json_names(contents.left_out)).raw("values_left_out", json_names(without_value));
     context.output().line(object.str());
     return {};
   }
@@ -40,6 +50,10 @@ Outcome verify_file(Context& context, const std::string& path) {
   context.print("keys         " + std::to_string(contents.totals.keys));
   context.print("values       " + std::to_string(contents.totals.values));
   context.print("value bytes  " + std::to_string(contents.totals.value_bytes));
+  for (const std::string& name : contents.left_out) context.print("left out     " + registry::describe(name));
+  for (const std::string& name : without_value) {
+    context.print("left out     the value of " + registry::describe(name));
+  }
   context.print("xxh3-128     " + contents.hash);
   return {};
 }
@@ -150,7 +164,7 @@ constinit const Verb kVerifyVerb{
 Damage is named, and the exit code is 8. --repair removes records that belong
 to no key; damaged keys stay as they are: restore or delete them. Needs the
 rights r and l on the root, --repair all rights. With FILE, a backup is checked
-instead.
+instead, and what it lacks is named.
 )",
     .examples = R"(  tkv verify
   tkv verify nightly.backup
