@@ -361,6 +361,7 @@ class KeyReader {
       const int key = static_cast<int>(random_() % static_cast<unsigned>(board_.keys_to_read));
       read(key, random_() % 2 == 0);
       if (random_() % 64 == 0) close(key);
+      if (random_() % 4 == 0) list();
       ++board_.reads;
     }
   }
@@ -417,6 +418,38 @@ class KeyReader {
     }
   }
 
+  // Lists the keys, with a handle that was opened after the list before this one or for this one.
+  void list() {
+    std::array<std::uint64_t, kKeys> perhaps_gone{};
+    std::array<std::uint64_t, kKeys> gone{};
+    std::array<bool, kKeys> listed{};
+    for (std::size_t key = 0; key < kKeys; ++key) {
+      perhaps_gone[key] = board_.keys[key].perhaps_gone.number();
+      gone[key] = board_.keys[key].gone.number();
+    }
+    std::int32_t code = home_ == 0 ? prtkv_open_key(session_, &home_, "home") : PRTKV_DONE;
+    while (code == PRTKV_DONE) {
+      char level[PRTKV_SUBKEY_NAME_SIZE];
+      std::uint32_t size = sizeof level;
+      std::int32_t remaining = 0;
+      code = prtkv_enum_subkey(session_, home_, level, &size, &remaining);
+      const int key = code == PRTKV_DONE ? level[size - 1] - '0' : 0;
+      if (code == PRTKV_DONE && key < kKeys) listed[static_cast<std::size_t>(key)] = true;
+    }
+    if (code != PRTKV_NO_MORE_SUBKEYS) board_.fail("listing the keys gave %d", code);
+    for (int key = 0; key < board_.keys_to_read; ++key) {
+      const auto at = static_cast<std::size_t>(key);
+      const Notes& notes = board_.keys[at];
+      if (!listed[at] && was_absent(perhaps_gone[at], notes.perhaps_gone.number())) {
+        board_.fail("key %d is there, and was not listed", key);
+      }
+      if (listed[at] && lasted(gone[at], notes.gone.number())) board_.fail("key %d was listed when it was gone", key);
+    }
+    prtkv_close_key(session_, home_);
+    home_ = 0;
+    if (random_() % 2 == 0) prtkv_open_key(session_, &home_, "home");
+  }
+
   void check(int key, const std::string& value, std::uint64_t acknowledged) {
     std::uint64_t& last = last_[static_cast<std::size_t>(key)];
     const auto number = number_in(value, key);
@@ -432,6 +465,7 @@ class KeyReader {
   const OneSession session_;
   std::mt19937 random_;
   std::array<Kept, kKeys> kept_;
+  prtkv_key home_ = 0;
   std::array<std::uint64_t, kKeys> last_{};
 };
 

@@ -159,6 +159,16 @@ TEST_F(ListKnownToASession, ShowsWhatAnotherProcessHasChanged) {
   EXPECT_EQ(list(*reader_, "a"), "y ");
 }
 
+TEST_F(ListKnownToASession, ShowsWhatHasChangedSinceTheHandleWasOpened) {
+  const prtkv_key before_creation = reader_->open("a");
+  make("a.w", "");
+  EXPECT_EQ(rest_of_list(*reader_, before_creation), "w x y ");
+  const prtkv_key before_deletion = reader_->open("a");
+  EXPECT_EQ(list(*reader_, "a"), "w x y ");
+  remove("a");
+  EXPECT_EQ(rest_of_list(*reader_, before_deletion), "code " + std::to_string(PRTKV_NO_SUCH_KEY));
+}
+
 TEST_F(ListKnownToASession, IsNotThatOfAKeyOfTheSameName) {
   const prtkv_key held = reader_->open("a");
   make("b.z", "");
