@@ -72,7 +72,8 @@ enum {
 enum {
   PRTKV_WITH_SUBKEYS = 1,   /* the key and everything below it */
   PRTKV_REPLACE = 2,        /* an existing target is deleted with everything below it */
-  PRTKV_CREATE_PARENTS = 4, /* of PRTKV_DO_PUT and PRTKV_DO_CREATE: missing ancestors are created, without values */
+  PRTKV_CREATE_PARENTS = 4, /* of PRTKV_DO_PUT and PRTKV_DO_CREATE: missing ancestors are created too, without values
+                               and with the same security record */
 };
 
 typedef struct prtkv_operation {

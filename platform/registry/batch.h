@@ -31,7 +31,7 @@ struct Condition {
 // One change of a batch. It sees the changes before it in the batch.
 struct Operation {
   enum class Kind {
-    kPut,       // writes `value`. A missing key is created with the security of Batch::new_keys
+    kPut,       // writes `value`. A missing key is created as by kCreate
     kCreate,    // creates the key with `value` and with `security` or, if that is not given, as Batch::new_keys says.
                 // PRTKV_KEY_EXISTS if there is one
     kRemove,    // as Client::remove: `recursive`
@@ -45,7 +45,7 @@ struct Operation {
   TypedValue value = {};
   std::optional<sec_attr> security = {};
   SecurityChange change = {};
-  bool create_parents = false;  // of kPut and kCreate: creates missing ancestors, without values
+  bool create_parents = false;  // of kPut and kCreate: missing ancestors too, without values, with the same security
   bool recursive = false;
   bool replace = false;
   bool own = false;

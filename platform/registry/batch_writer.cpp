@@ -51,15 +51,20 @@ Status check_condition(Reader& tree, const Condition& condition) {
   return exists ? conflict(condition, "exists") : Status();
 }
 
+// What an operation creates has its own security record or, if it has none, that of the batch's new keys.
+NewKeySecurity security_of(const Operation& operation, const NewKeySecurity& rules) {
+  if (!operation.security) return rules;
+  NewKeySecurity own;
+  own.initial = *operation.security;
+  return own;
+}
+
 Status create(Writer& tree, const Operation& operation, const NewKeySecurity& rules) {
-  KeyId id = kAnyKey;
+  const NewKeySecurity security = security_of(operation, rules);
   if (operation.create_parents) {
-    if (Status status = create_parents(tree, operation.name, rules); !status.ok()) return status;
+    if (Status status = create_parents(tree, operation.name, security); !status.ok()) return status;
   }
-  if (operation.security) {
-    return tree.create("", operation.name, *operation.security, operation.value.type, operation.value.span(), &id);
-  }
-  return create_key(tree, operation.name, operation.value, rules);
+  return create_key(tree, operation.name, operation.value, security);
 }
 
 Status put(Writer& tree, const Operation& operation, const NewKeySecurity& rules) {

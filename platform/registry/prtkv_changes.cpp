@@ -101,15 +101,6 @@ Status take_operation(const prtkv_operation& given, Operation* operation) {
   return {};
 }
 
-// Missing ancestors get the security record of the first key that is put or created.
-void take_security_of_parents(Batch* batch) {
-  for (const Operation& operation : batch->operations) {
-    if (!operation.security || operation.kind == Operation::Kind::kSecurity) continue;
-    batch->new_keys.initial = *operation.security;
-    return;
-  }
-}
-
 Status take_batch(const prtkv_condition* conditions, std::uint32_t condition_count, const prtkv_operation* operations,
                   std::uint32_t operation_count, Batch* batch) {
   if (condition_count > 0) {
@@ -126,7 +117,6 @@ Status take_batch(const prtkv_condition* conditions, std::uint32_t condition_cou
   for (std::uint32_t i = 0; i < operation_count; ++i) {
     if (Status status = take_operation(operations[i], &batch->operations[i]); !status.ok()) return status;
   }
-  take_security_of_parents(batch);
   return {};
 }
 

@@ -44,6 +44,16 @@ static prtkv_operation put(const char* name, const char* value) {
   return operation;
 }
 
+/* Returns what others may do with a key; -1 if it cannot be read. */
+static int other_rights(prtkv_ctx registry, const char* name) {
+  prtkv_key key = 0;
+  sec_attr sec;
+  int rights = -1;
+  if (prtkv_open_key(registry, &key, name) != PRTKV_DONE) return rights;
+  if (prtkv_get_key_security(registry, key, &sec) == PRTKV_DONE) rights = (int)sec.other_perm;
+  return prtkv_close_key(registry, key) == PRTKV_DONE ? rights : -1;
+}
+
 static int use(prtkv_ctx registry) {
   prtkv_operation operations[2];
   prtkv_condition conditions[2];
@@ -103,6 +113,20 @@ static int use(prtkv_ctx registry) {
   CHECK(prtkv_wait(registry, second, 10, &latest) == PRTKV_DONE && latest == second);
   CHECK(prtkv_wait(registry, first, -1, &latest) == PRTKV_DONE && latest == second);
   CHECK(prtkv_stop_waiting(registry) == PRTKV_DONE);
+
+  /* Missing parents get the security record of the key that they are created for, and no value. */
+  operations[0] = put("private", "x");
+  operations[0].sec.other_perm = 0;
+  operations[1] = put("n.m.o", "y");
+  operations[1].flags = PRTKV_CREATE_PARENTS;
+  CHECK(prtkv_commit(registry, NULL, 0, operations, 2, NULL, NULL, NULL) == PRTKV_DONE);
+  CHECK(other_rights(registry, "private") == 0 && other_rights(registry, "n.m.o") == TKV_RIGHT_ALL);
+  CHECK(other_rights(registry, "n") == TKV_RIGHT_ALL && other_rights(registry, "n.m") == TKV_RIGHT_ALL);
+  size = sizeof value;
+  CHECK(prtkv_get_revision(registry, &latest) == PRTKV_DONE);
+  CHECK(prtkv_get_value_at(registry, latest, "n.m", &type, value, &size) == PRTKV_DONE && type == 0 && size == 0);
+  operations[0] = put("p.q", "x");
+  CHECK(prtkv_commit(registry, NULL, 0, operations, 1, NULL, NULL, &failed) == PRTKV_NO_SUCH_KEY && failed == 0);
 
   /* What is refused. */
   operations[0].kind = 99;
