@@ -1,4 +1,5 @@
-// Stands in for libtkv_etcd.so: fails with a message that says what it was asked to open.
+// Stands in for libtkv_etcd.so: fails with a message that says what it was asked to open. With
+// TKV_TEST_OTHER_RELEASE, it stands in for the module of another release.
 #include "store/etcd/module.h"
 
 namespace {
@@ -14,7 +15,12 @@ std::string options_text(const tkv::store::EtcdOptions& options) {
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) tkv::Status tkv_open_etcd_store(
-    std::uint64_t abi, const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>*) {
-  return {PRTKV_UNKNOWN, "abi=" + std::to_string(abi) + " " + options_text(options)};
+#ifdef TKV_TEST_OTHER_RELEASE
+#undef TKV_OPEN_ETCD_STORE
+#define TKV_OPEN_ETCD_STORE tkv_open_etcd_store_0123456789abcdef
+#endif
+
+extern "C" __attribute__((visibility("default"))) tkv::Status TKV_OPEN_ETCD_STORE(
+    const tkv::store::EtcdOptions& options, std::shared_ptr<tkv::store::Store>*) {
+  return {PRTKV_UNKNOWN, "asked for " + options_text(options)};
 }

@@ -119,7 +119,7 @@ Status open(const StorePlace& place, const StoreOpening& opening, std::shared_pt
   OpenEtcdStore open_store = nullptr;
   if (Status status = options_for(place, opening, &options); !status.ok()) return status;
   if (Status status = load_etcd_module(&open_store); !status.ok()) return status;
-  return open_store(kEtcdModuleAbi, options, store);
+  return open_store(options, store);
 }
 
 }  // namespace

@@ -82,7 +82,9 @@ Status load_from(const std::string& folder, OpenEtcdStore* open) {
   void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) return cannot_load(loader_error());
   *open = reinterpret_cast<OpenEtcdStore>(::dlsym(module, kEtcdModuleSymbol));
-  return *open != nullptr ? Status() : cannot_load(path + " is not this library's module");
+  if (*open != nullptr) return {};
+  return cannot_load(
+      path + " belongs to another release of TKV than the library that loads it; install both from one release");
 }
 
 Status load(OpenEtcdStore* open) {
