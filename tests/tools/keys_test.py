@@ -207,8 +207,7 @@ class Waiting(CommandTest):
         waiting = subprocess.Popen(self.words("set", "a", "x"), env=self.environment, stderr=subprocess.PIPE)
         said = waiting.stderr.readline().decode()
         self.assertTrue(said.startswith("tkv: waiting for "), said)
-        self.assertIn(str(self.writer.process.pid), said)
-        self.assertIn("tkv", said[len("tkv: "):])
+        self.assertIn(f"process {self.writer.process.pid} (tkv)", said)
         self.assertEqual(self.writer.finish()[0], DONE)
         self.assertEqual((waiting.wait(DEADLINE), waiting.stderr.read()), (DONE, b""))
         waiting.stderr.close()
@@ -217,7 +216,7 @@ class Waiting(CommandTest):
     def test_who_waits_too_long_gives_up_and_names_the_writer(self):
         self.configure("timeout_ms = 1500")
         message = self.fails(UNREACHABLE, "set", "-q", "a", "x")
-        self.assertIn(str(self.writer.process.pid), message)
+        self.assertIn(f"process {self.writer.process.pid} (tkv) is writing", message)
         self.assertEqual(self.writer.finish()[0], DONE)
         self.fails(NOT_FOUND, "get", "a")
 

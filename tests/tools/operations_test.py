@@ -26,7 +26,7 @@ def blocks(text, kind):
 
 
 # These change the machine, not the registry.
-NOT_RUN = ("groupadd ", "usermod ", "systemctl ", "groupdel ", "rm -r /srv/tkv ")
+NOT_RUN = ("groupadd ", "usermod ", "systemctl ", "groupdel ")
 
 
 def commands(text):
@@ -48,7 +48,7 @@ class Procedures(CommandTest):
     def here(self, text):
         for printed, meant in (("/srv/", f"{self.folder}/"), ("/etc/tkv/", f"{self.folder}/"), ("ada", self.user.pw_name),
                                ("group = cluster", f"group = {self.group}"), (":cluster", f":{self.group}"),
-                               ("--group cluster", f"--group {self.group}")):
+                               ("/etc/tkv", f"{self.folder}/etc"), ("--group cluster", f"--group {self.group}")):
             text = text.replace(printed, meant)
         return text
 
@@ -84,6 +84,18 @@ class Procedures(CommandTest):
                 self.run_lines([re.sub(r"/srv/tkv-backups/\S+", backup, line)])
         self.assertEqual(self.out("get", "app.name"), "billing\n")
 
+    def test_uninstalling_removes_the_registry_its_backups_and_the_configuration(self):
+        self.set_up()
+        self.out("backup")
+        (self.folder / "etc").mkdir()
+        lines = commands(section("Upgrading, going back, uninstalling"))
+        removed = [word for line in lines if line.startswith("rm -r ") for word in self.here(line).split()[2:]]
+        self.assertEqual(len(removed), 3, lines)
+        for path in removed:
+            self.assertTrue(path.startswith(f"{self.folder}/"), path)
+        self.run_lines(lines)
+        self.assertEqual(set(self.folder.iterdir()) - {self.backups}, {self.folder / "tkv.conf"})
+
     def test_restoring_a_backup(self):
         self.set_up()
         backup = self.out("backup", "-q").strip()
@@ -99,7 +111,8 @@ class Procedures(CommandTest):
         self.assertEqual(self.out("export"), before)
 
     def test_no_other_commands_are_shown(self):
-        run = ("Setting up a registry for several users of a node", "Backups", "A full disk")
+        run = ("Setting up a registry for several users of a node", "Backups", "A full disk",
+               "Upgrading, going back, uninstalling")
         elsewhere = ("Moving a registry to etcd", "Security")  # by etcd_command_test
         tested = [line for title in run + elsewhere for line in commands(section(title))]
         self.assertEqual([line for line in commands(TEXT) if line not in tested and not line.startswith(NOT_RUN)], [])
