@@ -212,4 +212,12 @@ class KeysTest extends OpenSession {
         assertRefused(17, "", r -> tkv.moveKey(top + "a", top + "a.b", "a", 0, r));
         assertTrue(exists(top + "a.b"));
     }
+
+    @Test
+    void aFailureWithoutATextOfItsOwnReportsThatOfAnEarlierOneUntilSomethingSucceeds() {
+        assertRefused(4, "absent", r -> tkv.openKey("absent", r));
+        assertRefused(4, "absent", r -> tkv.moveKey(null, null, null, 0, r));
+        assertDone(r -> tkv.openKey("", r));
+        assertCode(0, r -> tkv.moveKey(null, null, null, 0, r));
+    }
 }
