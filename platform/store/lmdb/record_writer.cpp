@@ -1,5 +1,7 @@
 #include "store/lmdb/record_writer.h"
 
+#include "store/lmdb/tree.h"
+
 namespace tkv::store {
 
 Status RecordWriter::succeeded(LmdbOutcome outcome, const char* doing) {
@@ -8,7 +10,15 @@ Status RecordWriter::succeeded(LmdbOutcome outcome, const char* doing) {
   return outcome.code == 0 ? Status() : environment_.failure(outcome, doing);
 }
 
+Status RecordWriter::get_former(const Key& key, bool* found, std::span<const std::byte>* record) {
+  TreeCursor cursor(former_, &checked_former_);
+  PageDamage damage = cursor.seek(key.bytes(), found);
+  if (!damage) damage = *found ? cursor.record(record) : confirm_absence(cursor, key, DamageBeside::kIgnore);
+  return damage ? damaged_page(former_.map, damage) : Status();
+}
+
 Status RecordWriter::get(const Key& key, bool* found, std::span<const std::byte>* record) {
+  if (shows_former_) return get_former(key, found, record);
   if (Status status = check_.before_access(key); !status.ok()) return status;
   MDB_val key_val = key.val();
   MDB_val data{};
@@ -19,6 +29,7 @@ Status RecordWriter::get(const Key& key, bool* found, std::span<const std::byte>
 }
 
 Status RecordWriter::put(const Key& key, std::span<const std::byte> record, unsigned flags) {
+  shows_former_ = false;
   if (Status status = check_.before_access(key); !status.ok()) return status;
   MDB_val key_val = key.val();
   MDB_val data{record.size(), const_cast<std::byte*>(record.data())};
@@ -27,6 +38,7 @@ Status RecordWriter::put(const Key& key, std::span<const std::byte> record, unsi
 }
 
 Status RecordWriter::remove(const Key& key) {
+  shows_former_ = false;
   if (Status status = check_.before_removal(key); !status.ok()) return status;
   MDB_val key_val = key.val();
   const auto erase = [&] { return mdb_del(txn_, kDatabase, &key_val, nullptr); };

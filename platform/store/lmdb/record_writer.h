@@ -1,5 +1,6 @@
-// RecordWriter: the records of one write transaction, by their keys. LMDB makes the changes and answers the reads,
-// which see them; WriteCheck looks at each page before LMDB does.
+// RecordWriter: the records of one write transaction, by their keys. LMDB makes the changes and, from the first one on,
+// answers the reads; WriteCheck looks at each page before LMDB does. Until then, records are read as in a read
+// transaction, which need not look at whole pages.
 //
 // Used by one thread.
 #ifndef TKV_PLATFORM_STORE_LMDB_RECORD_WRITER_H
@@ -14,6 +15,7 @@
 #include "store/lmdb/environment.h"
 #include "store/lmdb/error.h"
 #include "store/lmdb/file.h"
+#include "store/lmdb/tree_cursor.h"
 #include "store/lmdb/write_check.h"
 
 namespace tkv::store {
@@ -25,7 +27,11 @@ inline std::span<const std::byte> bytes_of(const MDB_val& val) {
 class RecordWriter {
  public:
   RecordWriter(Environment& environment, const WriteTransaction& transaction)
-      : environment_(environment), txn_(transaction.txn()), check_(transaction.former()) {}
+      : environment_(environment),
+        txn_(transaction.txn()),
+        former_(transaction.former()),
+        shows_former_(!transaction.is_inner()),
+        check_(former_) {}
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
 
@@ -50,9 +56,13 @@ class RecordWriter {
 
  private:
   Status succeeded(LmdbOutcome outcome, const char* doing);
+  Status get_former(const Key& key, bool* found, std::span<const std::byte>* record);
 
   Environment& environment_;
   MDB_txn* const txn_;
+  const FileState& former_;
+  bool shows_former_;  // nothing was changed yet, by this transaction or one that it is within
+  CheckedPages checked_former_;
   WriteCheck check_;
   LmdbOutcome broken_by_{0, 0};
 };
