@@ -1,12 +1,16 @@
 // A session whose cluster goes back to a snapshot, against a cluster in memory.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "fake_kv.h"
+#include "store/etcd/build.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/stm.h"
+#include "store/etcd/token.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {
@@ -147,6 +151,72 @@ TEST_F(EtcdRestoredSnapshot, LeavesSessionsInTheirOwnHistoryAlone) {
   for (int i = 0; i < 600; ++i) {
     ASSERT_TRUE(done(create(i % 2 == 0 ? *one : *two, "k" + std::to_string(i))));
   }
+}
+
+// ---- sweeping, which knows nothing of what is below the key or the ids that it has been told to remove
+
+class EtcdRestoredWhileSweeping : public EtcdRestoredSnapshot {
+ protected:
+  // A key with a subkey, both new. Returns the key's id.
+  NodeId create_family(Core& core, const std::string& name) {
+    Node top;
+    EXPECT_TRUE(done(run(core, [&](Update& update) -> Status {
+      Node child;
+      if (Status status = update.new_id(&top.id); !status.ok()) return status;
+      if (Status status = update.new_id(&child.id); !status.ok()) return status;
+      if (Status status = update.insert(top.id, "child", child); !status.ok()) return status;
+      return update.insert(kRootNode, name, top);
+    })));
+    return top.id;
+  }
+
+  // Right before the first removal, restores a snapshot and lets others catch up with the revision.
+  void restore_before_removal(const FakeKv::State& snapshot, const std::function<void()>& others) {
+    kv_.before_txn = [this, snapshot, others, restored = false](const TxnRequest& request) mutable {
+      const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
+      if (!removes || std::exchange(restored, true)) return Reply();
+      const std::int64_t revision = kv_.revision();
+      kv_.restore(snapshot);
+      others();
+      while (kv_.revision() <= revision) kv_.put("/elsewhere", "something");
+      return Reply();
+    };
+  }
+
+  const Keys keys_{"/tkv/"};
+};
+
+TEST_F(EtcdRestoredWhileSweeping, AKeyThatIsNoLongerDeletedKeepsItsSubkeys) {
+  const auto sweeping = session();
+  const NodeId top = create_family(*session(), "top");
+  const FakeKv::State snapshot = kv_.state();
+  kv_.erase(keys_.node({kRootNode, "top"}));
+  kv_.put(keys_.garbage(top), "");
+  restore_before_removal(snapshot, [] {});
+  EXPECT_TRUE(done(sweeping->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.get(keys_.garbage(top)), "");
+  EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "");
+  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+}
+
+TEST_F(EtcdRestoredWhileSweeping, IdsThatNowBelongToOthersAreLeftAlone) {
+  const auto sweeping = session();
+  const FakeKv::State snapshot = kv_.state();
+  IdRange ids;
+  ASSERT_TRUE(done(take_block(*session(), 100, &ids)));
+  BuildText build;
+  build.ids = {ids};
+  build.batch = 1;
+  build.given_up = true;
+  build.session = random_token();
+  kv_.put(keys_.staging(random_token()), build.print());
+  kv_.put(keys_.node({ids.first, "staged"}), "");
+  NodeId top = kNoNode;
+  restore_before_removal(snapshot, [&] { top = create_family(*session(), "top"); });
+  EXPECT_TRUE(done(sweeping->sweeper.sweep_all()));
+  EXPECT_LE(ids.first, top);
+  EXPECT_LE(top, ids.last);
+  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
 }
 
 }  // namespace

@@ -183,7 +183,7 @@ Status Commit::send() {
     if (!written.status.ok()) return remove_without_space(std::move(written.status));
     if (written.lost) return staging_.lost();
     if (written.made) {
-      committed(written.revision, kMoment);
+      committed(written.revision, Sweeper::Marked::kYes, kMoment);
       return {};
     }
     if (!may_be_sent_again(written.response)) return repeat_changed();
@@ -201,7 +201,7 @@ Status Commit::remove_without_space(Status refusal) {
   const Reply reply = core_.kv->txn(request, &response, run_.deadline());
   if (!reply.ok()) return reply.repeated ? unknown_outcome(reply.status) : reply.status;
   if (response.succeeded()) {
-    committed(response.header().revision(), core_.kv->timeout());
+    committed(response.header().revision(), Sweeper::Marked::kNo, core_.kv->timeout());
     return {};
   }
   if (reply.repeated) return unknown_outcome(refusal);
@@ -230,7 +230,7 @@ Status Commit::repeat_changed() {
 }
 
 // The change has been made. What cannot be carried out now is left to whoever comes by.
-void Commit::committed(std::int64_t revision, std::chrono::milliseconds removing) {
+void Commit::committed(std::int64_t revision, Sweeper::Marked marked, std::chrono::milliseconds removing) {
   if (!writes_.is_empty()) revision_ = static_cast<Revision>(revision);
   for (const auto& [place, node] : writes_.nodes()) {
     if (node && batches_ == 0) {
@@ -244,7 +244,7 @@ void Commit::committed(std::int64_t revision, std::chrono::milliseconds removing
   }
   if (batches_ != 0 && !core_.recovery.carry_out(*reads_.claim()).ok()) core_.sweeper.look_around();
   staging_.committed();
-  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()), removing);
+  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()), marked, removing);
 }
 
 }  // namespace tkv::store::etcd

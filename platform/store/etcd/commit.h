@@ -61,7 +61,7 @@ class Commit {
   bool may_be_sent_again(const TxnResponse& response);
   bool claim_stands() const;
   Status repeat_changed();
-  void committed(std::int64_t revision, std::chrono::milliseconds removing);
+  void committed(std::int64_t revision, Sweeper::Marked marked, std::chrono::milliseconds removing);
 
   Core& core_;
   Run& run_;

@@ -17,6 +17,11 @@ constexpr std::size_t kChildrenPerLook = 2000;
 constexpr std::chrono::milliseconds kSoon{30000};  // when a session that may have died will be known to have
 constexpr std::chrono::milliseconds kGrace{1000};
 
+// Ends the removal of one thing, and is no failure: its marker is gone.
+constexpr prtkv_result kMarkerGone = PRTKV_NO_SUCH_KEY;
+
+Status unless_gone(Status status) { return status.is(kMarkerGone) ? Status() : status; }
+
 // A mark that names a process, "NUMBER SECONDS OWNER", as former releases wrote it. Nothing else removes it.
 bool is_former_mark(const Keys& keys, const KeyValue& mark) {
   if (!keys.is_writer(mark.key()) || mark.lease() != 0) return false;
@@ -43,11 +48,12 @@ Sweeper::~Sweeper() {
   if (thread_.joinable()) thread_.join();
 }
 
-void Sweeper::remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment) {
+void Sweeper::remove_garbage(const std::vector<std::string>& keys, Marked marked, std::chrono::milliseconds moment) {
+  const Job::Kind later = marked == Marked::kYes ? Job::Kind::kGarbage : Job::Kind::kUnmarkedGarbage;
   const Deadline end(moment);
   const auto stop = [&] { return end.left().count() == 0; };
   for (const std::string& key : keys) {
-    if (!sweep_garbage(key, Pace{stop, moment}).ok()) add({Job::Kind::kGarbage, key});
+    if (!sweep_garbage(key, marked, Pace{stop, moment}).ok()) add({later, key});
   }
 }
 
@@ -113,7 +119,9 @@ void Sweeper::work() {
 Status Sweeper::carry_out(const Job& job, const Pace& pace) {
   switch (job.kind) {
     case Job::Kind::kGarbage:
-      return sweep_garbage(job.key, pace);
+      return sweep_garbage(job.key, Marked::kYes, pace);
+    case Job::Kind::kUnmarkedGarbage:
+      return sweep_garbage(job.key, Marked::kNo, pace);
     case Job::Kind::kOwnBuild:
       return sweep_build(job.key, Whose::kOurs, pace);
     case Job::Kind::kLookAround:
@@ -130,15 +138,25 @@ Status Sweeper::remove(TxnRequest* batch, const Pace& pace) {
   return reply.status;
 }
 
-Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
+Status Sweeper::remove_marked(TxnRequest* batch, const Marker& marker, const Pace& pace) {
+  if (batch->success_size() == 0) return {};
+  compare_revision(batch, marker.key, *marker.revision);
+  TxnResponse response;
+  Reply reply = kv_.txn(*batch, &response, Deadline(pace.request));
+  batch->Clear();
+  return reply.ok() && !response.succeeded() ? Status(kMarkerGone) : reply.status;
+}
+
+Status Sweeper::sweep_garbage(const std::string& key, Marked marked, const Pace& pace) {
   const auto top = keys_.parse_garbage(key);
   if (!top) return {};
+  Marker marker{key, marked == Marked::kYes ? std::nullopt : std::optional<std::int64_t>(0)};
   TxnRequest batch;
   std::unordered_set<NodeId> seen{*top};
-  if (Status status = sweep_below({*top}, &seen, pace); !status.ok()) return status;
+  if (Status status = sweep_below({*top}, &seen, &marker, pace); !status.ok()) return unless_gone(std::move(status));
   erase(batch.add_success(), keys_.value(*top));
   erase(batch.add_success(), key);
-  return remove(&batch, pace);
+  return unless_gone(remove_marked(&batch, marker, pace));
 }
 
 namespace {
@@ -161,8 +179,9 @@ std::vector<IdRange> runs_of(std::vector<NodeId> ids) {
 
 // Removes everything below `parents`, depth first, reading the children of many parents at once. An entry is removed
 // after everything below it, so that an interrupted removal leaves nothing that cannot be reached from the top. Nobody
-// adds anything meanwhile, since nobody can reach an unlinked subtree.
-Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace) {
+// adds anything meanwhile, since nobody can reach an unlinked subtree. The first look reads the marker as well.
+Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, Marker* marker,
+                            const Pace& pace) {
   while (!parents.empty()) {
     if (pace.stop()) return PRTKV_UNREACHABLE;
     const std::size_t count = std::min(parents.size(), kParentsPerLook);
@@ -171,8 +190,14 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
       *look.add_success()->mutable_request_range() = get_range(keys_.children(parents[parents.size() - 1 - i]),
                                                                static_cast<std::int64_t>(kChildrenPerLook / count));
     }
+    if (!marker->revision) *look.add_success()->mutable_request_range() = get_one(marker->key);
     TxnResponse found;
     if (Reply reply = kv_.txn(look, &found, Deadline(pace.request)); !reply.ok()) return reply.status;
+    if (!marker->revision) {
+      const RangeResponse& mark = found.responses(static_cast<int>(count)).response_range();
+      if (mark.kvs_size() == 0) return kMarkerGone;
+      marker->revision = mark.kvs(0).mod_revision();
+    }
     std::vector<KeyRange> entries;
     std::vector<NodeId> children;
     std::vector<NodeId> unfinished;
@@ -193,8 +218,8 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
     }
     found.Clear();
     parents.resize(parents.size() - count);
-    if (Status status = sweep_below(children, seen, pace); !status.ok()) return status;
-    if (Status status = remove_children(entries, children, pace); !status.ok()) return status;
+    if (Status status = sweep_below(children, seen, marker, pace); !status.ok()) return status;
+    if (Status status = remove_children(entries, children, *marker, pace); !status.ok()) return status;
     parents.insert(parents.end(), unfinished.begin(), unfinished.end());
   }
   return {};
@@ -202,11 +227,11 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
 
 // Values first: once an entry is gone, nothing tells whose a value was.
 Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids,
-                                const Pace& pace) {
+                                const Marker& marker, const Pace& pace) {
   TxnRequest batch;
   const auto add = [&](KeyRange range) -> Status {
     erase(batch.add_success(), std::move(range));
-    return batch.success_size() < kBatchRemovals ? Status() : remove(&batch, pace);
+    return batch.success_size() < kBatchRemovals ? Status() : remove_marked(&batch, marker, pace);
   };
   for (const IdRange& run : runs_of(ids)) {
     if (Status status = add(keys_.values_of(run.first, run.last)); !status.ok()) return status;
@@ -214,7 +239,7 @@ Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std:
   for (const KeyRange& range : entries) {
     if (Status status = add(range); !status.ok()) return status;
   }
-  return remove(&batch, pace);
+  return remove_marked(&batch, marker, pace);
 }
 
 // First makes sure that the build cannot go on, then removes what it has staged.
@@ -225,27 +250,35 @@ Status Sweeper::sweep_build(const std::string& key, Whose whose, const Pace& pac
   if (found.kvs_size() == 0 || !token) return {};
   const auto text = BuildText::parse(found.kvs(0).value());
   if (!text) return {};
-  bool given_up = text->given_up;
-  if (!given_up) {
-    if (Status status = give_up(found.kvs(0), *text, whose, &given_up, pace); !status.ok()) return status;
+  Marker marker{key, std::nullopt};
+  if (text->given_up) {
+    marker.revision = found.kvs(0).mod_revision();
+  } else if (Status status = give_up(found.kvs(0), *text, whose, &marker, pace); !status.ok()) {
+    return status;
   }
-  if (!given_up) {
+  if (!marker.revision) {
     next_look_ = time_after(std::min(interval_, kSoon));
     return {};
   }
-  if (Status status = sweep_range(keys_.all_of_plan(*token), pace); !status.ok()) return status;
-  for (const IdRange& ids : text->ids) {
-    if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), pace); !status.ok()) return status;
-    if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), pace); !status.ok()) return status;
-  }
-  TxnRequest last;
-  erase(last.add_success(), key);
-  if (Status status = remove(&last, pace); !status.ok()) return status;
+  if (Status status = sweep_given_up(*token, *text, marker, pace); !status.ok()) return unless_gone(std::move(status));
   return sweep_claims(pace);
 }
 
-// Not given up: its session goes on, or may go on for all that is known; or the build itself went on or ended.
-Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, bool* given_up, const Pace& pace) {
+Status Sweeper::sweep_given_up(const std::string& token, const BuildText& text, const Marker& marker,
+                               const Pace& pace) {
+  if (Status status = sweep_range(keys_.all_of_plan(token), marker, pace); !status.ok()) return status;
+  for (const IdRange& ids : text.ids) {
+    if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), marker, pace); !status.ok()) return status;
+    if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), marker, pace); !status.ok()) return status;
+  }
+  TxnRequest last;
+  erase(last.add_success(), marker.key);
+  return remove_marked(&last, marker, pace);
+}
+
+// Sets the marker's revision, unless the build is not given up: its session goes on, or may go on for all that is
+// known; or the build itself went on or ended.
+Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, Marker* marker, const Pace& pace) {
   const bool is_former = text.session.empty();
   if (is_former && whose == Whose::kEnded) return {};
   text.given_up = true;
@@ -257,12 +290,14 @@ Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, bool
   TxnResponse response;
   const Reply reply = kv_.txn(request, &response, Deadline(pace.request));
   if (!reply.ok()) return reply.status;
-  *given_up = response.succeeded();
-  if (*given_up) return {};
+  if (response.succeeded()) {
+    marker->revision = response.header().revision();
+    return {};
+  }
   // A repeated request may have met its own first write.
   const RangeResponse& now = response.responses(0).response_range();
   const auto then = now.kvs_size() == 0 ? std::nullopt : BuildText::parse(now.kvs(0).value());
-  *given_up = then && then->given_up;
+  if (then && then->given_up) marker->revision = now.kvs(0).mod_revision();
   return {};
 }
 
@@ -291,7 +326,7 @@ Status Sweeper::sweep_claims(const Pace& pace) {
   return {};
 }
 
-Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
+Status Sweeper::sweep_range(const KeyRange& range, const Marker& marker, const Pace& pace) {
   while (true) {
     if (pace.stop()) return PRTKV_UNREACHABLE;
     RangeRequest request = get_range(range, kKeysPerSweep);
@@ -301,7 +336,7 @@ Status Sweeper::sweep_range(const KeyRange& range, const Pace& pace) {
     if (page.kvs_size() == 0) return {};
     TxnRequest batch;
     erase(batch.add_success(), KeyRange{range.begin, page.kvs(page.kvs_size() - 1).key() + '\0'});
-    if (Status status = remove(&batch, pace); !status.ok()) return status;
+    if (Status status = remove_marked(&batch, marker, pace); !status.ok()) return status;
     if (!page.more()) return {};
   }
 }
@@ -365,7 +400,7 @@ Status Sweeper::sweep_garbage(const Pace& pace) {
     RangeResponse page;
     if (Reply reply = garbage.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& top : page.kvs()) {
-      if (Status status = sweep_garbage(top.key(), pace); !status.ok()) return status;
+      if (Status status = sweep_garbage(top.key(), Marked::kYes, pace); !status.ok()) return status;
     }
   }
   return {};

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -44,9 +45,12 @@ class Sweeper {
   Sweeper(const Sweeper&) = delete;
   Sweeper& operator=(const Sweeper&) = delete;
 
-  // Removes unlinked subtrees, given by their garbage keys, whether or not those exist. Does so at once for up to
+  // Whether unlinked subtrees have garbage keys. Those that were unlinked while etcd had no space have none.
+  enum class Marked { kNo, kYes };
+
+  // Removes subtrees that this session has just unlinked, given by their garbage keys. Does so at once for up to
   // `moment`, and leaves the rest to the thread.
-  void remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment);
+  void remove_garbage(const std::vector<std::string>& keys, Marked marked, std::chrono::milliseconds moment);
 
   // Has the thread look for what ended sessions have left, and finish or remove it.
   void look_around() { add({Job::Kind::kLookAround, ""}); }
@@ -70,7 +74,7 @@ class Sweeper {
 
  private:
   struct Job {
-    enum class Kind { kGarbage, kOwnBuild, kLookAround } kind;
+    enum class Kind { kGarbage, kUnmarkedGarbage, kOwnBuild, kLookAround } kind;
     std::string key;
   };
 
@@ -87,6 +91,14 @@ class Sweeper {
     std::chrono::milliseconds request;
   };
 
+  // The key that says what is to be removed, and the revision at which it was written. Each removal compares it:
+  // another sweeper may be done, or a snapshot may have been restored in which nothing is to be removed, or in which
+  // the same ids belong to others.
+  struct Marker {
+    std::string key;
+    std::optional<std::int64_t> revision;  // 0: it does not exist
+  };
+
   static std::int64_t time_after(std::chrono::milliseconds from_now);
   void add(Job job);
   void work();
@@ -97,13 +109,16 @@ class Sweeper {
   Status sweep_claims(const Pace& pace);
   Status sweep_garbage(const Pace& pace);
   bool stopping();
-  Status sweep_garbage(const std::string& key, const Pace& pace);
+  Status sweep_garbage(const std::string& key, Marked marked, const Pace& pace);
   Status sweep_build(const std::string& key, Whose whose, const Pace& pace);
-  Status give_up(const KeyValue& build, BuildText text, Whose whose, bool* given_up, const Pace& pace);
-  Status sweep_range(const KeyRange& range, const Pace& pace);
-  Status sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, const Pace& pace);
-  Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Pace& pace);
+  Status give_up(const KeyValue& build, BuildText text, Whose whose, Marker* marker, const Pace& pace);
+  Status sweep_given_up(const std::string& token, const BuildText& text, const Marker& marker, const Pace& pace);
+  Status sweep_range(const KeyRange& range, const Marker& marker, const Pace& pace);
+  Status sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, Marker* marker, const Pace& pace);
+  Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Marker& marker,
+                         const Pace& pace);
   Status remove(TxnRequest* batch, const Pace& pace);
+  Status remove_marked(TxnRequest* batch, const Marker& marker, const Pace& pace);
 
   Kv& kv_;
   const Keys& keys_;
