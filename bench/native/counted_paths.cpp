@@ -150,11 +150,20 @@ class Conversion {
   void* charset_ = nullptr;
 };
 
-// Counts `iterations` calls of a step, which is given their numbers from 0.
-void count(const char* path, int iterations, const std::function<void(int)>& step) {
+// Counts `iterations` calls of a step, which is given their numbers from 0. What `prepare` does before each of them is
+// not counted.
+void count(const char* path, int iterations, const std::function<void(int)>& step,
+           const std::function<void(int)>& prepare = nullptr) {
   CALLGRIND_START_INSTRUMENTATION;
   CALLGRIND_ZERO_STATS;
-  for (int i = 0; i < iterations; ++i) step(i);
+  for (int i = 0; i < iterations; ++i) {
+    if (prepare != nullptr) {
+      CALLGRIND_TOGGLE_COLLECT;
+      prepare(i);
+      CALLGRIND_TOGGLE_COLLECT;
+    }
+    step(i);
+  }
   CALLGRIND_DUMP_STATS_AT(path);
   CALLGRIND_STOP_INSTRUMENTATION;
   std::printf("%s\t%d\n", path, iterations);
@@ -237,10 +246,20 @@ int list_subkeys(Session* session, const char* name) {
 }
 
 void count_lists(Session* session) {
-  list_subkeys(session, "app.listed");
-  count("list 100 subkeys", 50, [&](int) {
+  const auto list = [&](int) {
     if (list_subkeys(session, "app.listed") != kSubkeys) throw std::runtime_error("a wrong list of subkeys");
-  });
+  };
+  const prtkv_key written = session->open("app.written");
+  const auto change = [&](int i) {
+    const std::string text = numbered("a text of some length ", i);
+    require(prtkv_set_value(session->context(), written, PRTKV_TYPE_TEXT, text.c_str(),
+                            static_cast<uint32_t>(text.size() + 1)),
+            "prtkv_set_value");
+  };
+  list(0);
+  count("list 100 subkeys", 50, list);
+  count("list 100 subkeys after a change", 50, list, change);
+  session->close(written);
 }
 
 void count_writes(Session* session, const sec_attr& security) {
