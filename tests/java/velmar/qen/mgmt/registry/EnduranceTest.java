@@ -17,6 +17,7 @@ import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.prefs.Preferences;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Tag;
 import org.junit.jupiter.api.Test;
@@ -30,6 +31,8 @@ class EnduranceTest {
     /** For as many operations of each kind, less than a byte each in a long run. */
     private static final long MOST_GROWTH = 16L << 20;
     private static final int THREADS = 16;
+    /** Characters in a value of which native code hands over a few at a time. */
+    private static final int LARGE = 40_000;
 
     @TempDir
     private Path directory;
@@ -45,13 +48,27 @@ class EnduranceTest {
         kinds.put("read", () -> registry.getText("a.text"));
         kinds.put("read of an absent key", () -> registry.findText("a.absent"));
         kinds.put("list", () -> registry.list("a"));
+        kinds.put("existence", () -> registry.exists("a.other"));
         kinds.put("stat", () -> registry.stat("a.text"));
+        kinds.put("rights", () -> registry.rights("a.text"));
+        kinds.put("description", () -> registry.storageAt(registry.locations().places().get(0)));
         kinds.put("walk", () -> {
             try (Stream<Entry> entries = registry.walk("a")) {
                 assertEquals(2, entries.count());
             }
         });
         kinds.put("walk that is abandoned", () -> registry.walk("a").close());
+        kinds.put("walk that is abandoned with a rest", () -> {
+            Stream<Entry> entries = registry.walk("large");
+            assertTrue(entries.iterator().hasNext());
+            entries.close();
+        });
+        kinds.put("former state", () -> {
+            try (Snapshot state = registry.at(registry.revision())) {
+                assertEquals(List.of("number", "text"), state.list("a"));
+                assertTrue(state.exists("a.text"));
+            }
+        });
         kinds.put("snapshot", () -> {
             try (Snapshot state = registry.snapshot()) {
                 assertEquals("text", state.getText("a.text"));
@@ -66,6 +83,11 @@ class EnduranceTest {
         });
         kinds.put("watch", () -> registry.watch("a", 1, Runnable::run, event -> { }).close());
         kinds.put("write", () -> registry.put("a.number", 1));
+        kinds.put("value that is taken away", () -> {
+            registry.put("a.number", new Value.None());
+            registry.put("a.number", 1);
+        });
+        kinds.put("security", () -> registry.setSecurity("a.text", KeySecurity.privateToUser()));
         kinds.put("batch", () -> registry.batch().ifExists("a").put("a.number", 1).put("a.text", "text").commit());
         kinds.put("conflict", () -> {
             try {
@@ -93,6 +115,11 @@ class EnduranceTest {
             }
         });
         kinds.put("opening", () -> Registry.at(place).close());
+        Preferences root = new RegistryPreferences(PreferencesTree.ofUser(() -> registry));
+        kinds.put("preference", () -> {
+            root.node("n").put("k", "v");
+            assertEquals("v", root.node("n").get("k", null));
+        });
         return kinds;
     }
 
@@ -106,6 +133,8 @@ class EnduranceTest {
             registry.ensure("a");
             registry.put("a.text", "text");
             registry.put("a.number", 1);
+            registry.batch().createParents().put("large.a", "x".repeat(LARGE)).put("large.b", "x".repeat(LARGE))
+                    .put("large.c", "x".repeat(LARGE)).commit();
             for (Map.Entry<String, Runnable> kind : kinds(registry, place).entrySet()) {
                 repeat(kind.getValue(), Math.max(OPERATIONS / 10, 1_000));
                 long before = residentBytes();
