@@ -31,13 +31,23 @@ class Check(unittest.TestCase):
         return subprocess.run([str(CHECK), "--build", BUILD, "--figures", str(figures or cls.figures), *options],
                               capture_output=True, text=True, check=False)
 
+    @classmethod
+    def renewed_figures(cls):
+        return {path: int(number.replace(",", ""))
+                for path, number in re.findall(r"(?m)^(\w.*?) {2,}([\d,]+)$", cls.renewed.stdout)}
+
     def test_renewing_writes_a_figure_for_every_path(self):
         self.assertEqual(self.renewed.returncode, 0, self.renewed.stderr)
         self.assertEqual(self.renewed.stdout, self.figures.read_text())
-        figures = re.findall(r"(?m)^(\w.*?) {2,}([\d,]+)$", self.renewed.stdout)
-        self.assertEqual(len(figures), 13)
-        self.assertNotIn("0", [number for _, number in figures])
-        self.assertIn("read a known key", [path for path, _ in figures])
+        self.assertEqual(len(self.renewed_figures()), 15)
+        self.assertNotIn(0, self.renewed_figures().values())
+        self.assertIn("read a known key", self.renewed_figures())
+
+    def test_open_keys_add_nothing_to_the_cost_of_others(self):
+        figures = self.renewed_figures()
+        for alone, beside in (("open and close a known key", "open and close a key, a million open"),
+                              ("delete a key", "delete a key, a million open")):
+            self.assertLess(figures[beside], 1.1 * figures[alone], beside)
 
     def test_names_every_path_that_differs_and_how_to_renew_its_figure(self):
         changed = self.figures.with_name("changed.txt")
@@ -50,7 +60,7 @@ class Check(unittest.TestCase):
         self.assertRegex(done.stdout, r"(?m)^! list no subkeys .* is no longer counted$")
         self.assertRegex(done.stdout, r"(?m)^! list 100 subkeys .* has no figure$")
         self.assertRegex(done.stdout, r"(?m)^  write a value .* [+-]0\.0%$", "the counts repeat")
-        self.assertIn("3 of 14 paths differ", done.stdout)
+        self.assertIn("3 of 16 paths differ", done.stdout)
         self.assertIn("make bench-renew", done.stdout)
         self.assertNotIn("other tools", done.stdout)
 

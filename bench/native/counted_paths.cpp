@@ -62,6 +62,7 @@ constexpr int kSubkeys = 100;      // of the listed key
 constexpr int kUnknownKeys = 200;  // each read once
 constexpr int kWrittenKeys = 50;   // each created, then deleted
 constexpr int kExportedKeys = 1000;
+constexpr int kOpenKeys = 1'000'000;
 constexpr std::size_t kLongValue = 64 * 1024;
 
 void require(int32_t code, const char* operation) {
@@ -262,6 +263,19 @@ void count_lists(Session* session) {
   session->close(written);
 }
 
+void create_key(Session* session, prtkv_key parent, int number, const sec_attr& security) {
+  prtkv_key key = 0;
+  int32_t word = 0;
+  const std::string name = numbered("key", number);
+  require(prtkv_create_key(session->context(), parent, name.c_str(), &key, &word, security), "prtkv_create_key");
+  session->close(key);
+}
+
+void delete_key(Session* session, int number) {
+  const prtkv_key key = session->open(numbered("app.written.key", number));
+  require(prtkv_delete_key(session->context(), key, 0), "prtkv_delete_key");
+}
+
 void count_writes(Session* session, const sec_attr& security) {
   const prtkv_ctx context = session->context();
   const prtkv_key written = session->open("app.written");
@@ -272,17 +286,21 @@ void count_writes(Session* session, const sec_attr& security) {
   };
   for (int i = 0; i < 10; ++i) write(i);  // until pages are reused
   count("write a value", kWrittenKeys, write);
-  count("create a key", kWrittenKeys, [&](int i) {
-    prtkv_key key = 0;
-    int32_t word = 0;
-    const std::string name = numbered("key", i);
-    require(prtkv_create_key(context, written, name.c_str(), &key, &word, security), "prtkv_create_key");
-    session->close(key);
-  });
-  count("delete a key", kWrittenKeys, [&](int i) {
-    require(prtkv_delete_key(context, session->open(numbered("app.written.key", i)), 0), "prtkv_delete_key");
-  });
+  count("create a key", kWrittenKeys, [&](int i) { create_key(session, written, i, security); });
+  count("delete a key", kWrittenKeys, [&](int i) { delete_key(session, i); });
   session->close(written);
+}
+
+// The same as above in a session that has a million keys open. Deleting ends handles, but looks only at those of the
+// key and of keys below it.
+void count_beside_open_keys(const sec_attr& security) {
+  Session session;
+  const std::string known = "app.listed.subkey000050";
+  for (int i = 0; i < kOpenKeys; ++i) session.open(known);
+  count("open and close a key, a million open", 200, [&](int) { session.close(session.open(known)); });
+  const prtkv_key written = session.open("app.written");
+  for (int i = 0; i < kWrittenKeys; ++i) create_key(&session, written, i, security);
+  count("delete a key, a million open", kWrittenKeys, [&](int i) { delete_key(&session, i); });
 }
 
 // Reads what an export writes.
@@ -313,6 +331,7 @@ void run() {
   count_lists(&session);
   count_writes(&session, security);
   count_exports();
+  count_beside_open_keys(security);
 }
 
 }  // namespace
