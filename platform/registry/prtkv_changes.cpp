@@ -253,7 +253,7 @@ int32_t prtkv_wait(prtkv_ctx ctx, uint64_t after, int32_t timeout_ms, uint64_t* 
   if (code != PRTKV_DONE) return code;
   const auto timeout = timeout_ms < 0 ? std::chrono::milliseconds::max() : std::chrono::milliseconds(timeout_ms);
   Revision latest = 0;
-  const Status waited = without_session([&] { return client->wait(after, timeout, stop, &latest); });
+  Status waited = without_session([&] { return client->wait(after, timeout, stop, &latest); });
   if (waited.ok()) *revision = latest;
   if (stop.stop_requested()) return waited.code();  // the context may be gone
   return with_session(ctx, [&](Session&) { return waited; });
