@@ -31,14 +31,24 @@ TEST(Allocations, CounterCounts) {
   EXPECT_GE(allocations.load() - before, 2);
 }
 
-TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
-  const TemporaryDirectory directory;
-  store::LmdbOptions options;
-  options.directory = directory / "registry";
-  options.root_security = open_to_all();
-  std::shared_ptr<store::Store> store;
-  ASSERT_EQ(store::open_lmdb_store(options, &store).text(), "done");
-  const Context ctx(client_on(store, person("bob", {"users"})));
+// A registry in a directory, with a client of an ordinary user.
+class AllocationsOfReads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store::LmdbOptions options;
+    std::shared_ptr<store::Store> store;
+    options.directory = directory_ / "registry";
+    options.root_security = open_to_all();
+    ASSERT_EQ(store::open_lmdb_store(options, &store).text(), "done");
+    client_ = client_on(store, person("bob", {"users"}));
+  }
+
+  const TemporaryDirectory directory_;
+  std::shared_ptr<Client> client_;
+};
+
+TEST_F(AllocationsOfReads, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
+  const Context ctx(client_);
   const char* names[] = {"", "SYSTEM", "SYSTEM.version", "SYSTEM.version.patch"};
   for (int level = 1; level < 4; ++level) {
     prtkv_key key = 0;
@@ -68,8 +78,8 @@ TEST(Allocations, WarmOpenGetAndCloseOfUpToOneKibibyteNeedNone) {
   EXPECT_EQ(buffer[1023], '3');
 }
 
-// Opens a key, reads its list of subkeys up to the last of them, and closes it. Returns their number, 0 if anything
-// fails.
+// Opens a key, reads its list of subkeys up to the last of them, and closes it. Returns their number or, if anything
+// fails, none.
 int list_once(prtkv_ctx ctx, const char* name) {
   prtkv_key key = 0;
   std::int32_t remaining = 1;
@@ -83,22 +93,15 @@ int list_once(prtkv_ctx ctx, const char* name) {
   return prtkv_close_key(ctx, key) == PRTKV_DONE ? count : 0;
 }
 
-TEST(Allocations, AListOfSubkeysTakesFewAndTheSameListAgainNone) {
-  const TemporaryDirectory directory;
-  store::LmdbOptions options;
-  options.directory = directory / "registry";
-  options.root_security = open_to_all();
-  std::shared_ptr<store::Store> store;
-  ASSERT_EQ(store::open_lmdb_store(options, &store).text(), "done");
-  const auto client = client_on(store, person("bob", {"users"}));
+TEST_F(AllocationsOfReads, AListOfSubkeysTakesFewAndTheSameListAgainNone) {
   constexpr int kSubkeys = 1000;
   std::vector<NamedValue> values;
   PutOptions put;
   put.create_parents = true;
   put.security.initial = open_to_all();
   for (int n = 0; n < kSubkeys; ++n) values.push_back({"parent.subkey" + std::to_string(n), {}});
-  ASSERT_EQ(client->put(values, put).text(), "done");
-  const Context ctx(client);
+  ASSERT_EQ(client_->put(values, put).text(), "done");
+  const Context ctx(client_);
   for (int reads = 0; reads < 2; ++reads) ASSERT_TRUE(ctx.open("parent"));  // the second one makes the key known
   long before = allocations.load();
   EXPECT_EQ(list_once(ctx, "parent"), kSubkeys);

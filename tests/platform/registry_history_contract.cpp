@@ -77,6 +77,19 @@ void History::set(const std::string& name, const std::string& bytes) {
   ASSERT_EQ(root_->write_value(name, PRTKV_TYPE_TEXT, bytes_of(bytes)), Status());
 }
 
+void History::move(const std::string& name, const std::string& target) {
+  KeyId id = kAnyKey;
+  EXPECT_EQ(root_->move(name, "", target, false, &id), Status());
+}
+
+Revision History::make_many() {
+  CommitResult result;
+  make("a");
+  make("a.b");
+  EXPECT_EQ(commit(many_puts_below("a.b"), &result), Status());
+  return result.revision;
+}
+
 Revision History::latest() {
   Revision revision = 0;
   EXPECT_EQ(root_->revision(&revision), Status());
@@ -205,80 +218,57 @@ TEST_P(History, ALongNoteIsCutOffBetweenCharacters) {
 }
 
 TEST_P(History, AChangeOfManyKeysIsLoggedByWhatTheyHaveInCommon) {
-  CommitResult result;
-  make("a");
-  make("a.b");
-  const Revision begin = latest();
-  ASSERT_EQ(commit(many_puts_below("a.b"), &result), Status());
-  EXPECT_THAT(log(begin), ElementsAre("below a.b"));
+  const Revision many = make_many();
+  EXPECT_THAT(log(many - 1), ElementsAre("below a.b"));
 }
 
 TEST_P(History, AChangeOfManyKeysIsUndone) {
-  CommitResult result;
-  make("a");
-  make("a.b");
-  ASSERT_EQ(commit(many_puts_below("a.b"), &result), Status());
-  undo(result.revision);
+  undo(make_many());
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]", "a= [63]", "a.b= [63]"));
 }
 
 TEST_P(History, AChangeOfManyKeysIsNotUndoneIfOneOfThemWasChangedSince) {
-  CommitResult many;
-  make("a");
-  make("a.b");
-  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
-  set("a.b.k500", "2");
   Batch inverse;
   CommitResult result;
-  EXPECT_TRUE(root_->undo(many.revision, {}, &inverse, &result).is(PRTKV_CONFLICT));
+  const Revision many = make_many();
+  set("a.b.k500", "2");
+  EXPECT_TRUE(root_->undo(many, {}, &inverse, &result).is(PRTKV_CONFLICT));
   EXPECT_EQ(value(*root_, "a.b.k500"), "2");
   EXPECT_EQ(value(*root_, "a.b.k1000"), "1");
 }
 
 // What was changed while it had another name was changed all the same.
 TEST_P(History, AChangeOfManyKeysIsNotUndoneIfOneOfThemWasChangedUnderAnotherName) {
-  CommitResult many;
-  KeyId id = kAnyKey;
-  make("a");
-  make("a.b");
-  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
-  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
-  set("c.b.k500", "2");
-  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
   Batch inverse;
   CommitResult result;
-  EXPECT_EQ(root_->undo(many.revision, {}, &inverse, &result).code(), PRTKV_CONFLICT);
+  const Revision many = make_many();
+  move("a", "c");
+  set("c.b.k500", "2");
+  move("c", "a");
+  EXPECT_TRUE(root_->undo(many, {}, &inverse, &result).is(PRTKV_CONFLICT));
   EXPECT_EQ(value(*root_, "a.b.k500"), "2");
   EXPECT_EQ(value(*root_, "a.b.k1000"), "1");
 }
 
 TEST_P(History, AChangeOfManyKeysIsNotUndoneIfAllOfThemWereChangedUnderAnotherName) {
-  CommitResult many;
-  CommitResult result;
-  KeyId id = kAnyKey;
-  make("a");
-  make("a.b");
-  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
-  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
-  ASSERT_EQ(commit(many_puts_below("c.b", "2"), &result), Status());
-  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
   Batch inverse;
-  EXPECT_EQ(root_->undo(many.revision, {}, &inverse, &result).code(), PRTKV_CONFLICT);
+  CommitResult result;
+  const Revision many = make_many();
+  move("a", "c");
+  ASSERT_EQ(commit(many_puts_below("c.b", "2"), &result), Status());
+  move("c", "a");
+  EXPECT_TRUE(root_->undo(many, {}, &inverse, &result).is(PRTKV_CONFLICT));
   EXPECT_EQ(value(*root_, "a.b.k0"), "2");
 }
 
 TEST_P(History, AChangeOfManyKeysIsUndoneAfterTheyWereMovedAwayAndBack) {
-  CommitResult many;
-  KeyId id = kAnyKey;
-  make("a");
-  make("a.b");
-  ASSERT_EQ(commit(many_puts_below("a.b"), &many), Status());
-  ASSERT_EQ(root_->move("a", "", "c", false, &id), Status());
+  const Revision many = make_many();
+  move("a", "c");
   make("a");
   set("a", "another key");
-  ASSERT_EQ(root_->move("a", "", "d", false, &id), Status());
-  ASSERT_EQ(root_->move("c", "", "a", false, &id), Status());
-  undo(many.revision);
+  move("a", "d");
+  move("c", "a");
+  undo(many);
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]", "a= [63]", "a.b= [63]", "d=another key [63]"));
 }
 

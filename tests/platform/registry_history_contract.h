@@ -40,6 +40,9 @@ class History : public ::testing::TestWithParam<std::unique_ptr<Home> (*)()> {
   std::shared_ptr<Client> as(Identity identity) { return client_on(store_, std::move(identity)); }
   void make(const std::string& name, const std::string& bytes = "", const sec_attr& security = open_to_all());
   void set(const std::string& name, const std::string& bytes);
+  void move(const std::string& name, const std::string& target);  // both below the root
+  // Creates more keys below "a.b", "k0" and so on with the value "1", than the log lists one by one, in one change.
+  Revision make_many();
 
   Revision latest();
   // The code of a failure in brackets instead of a value.

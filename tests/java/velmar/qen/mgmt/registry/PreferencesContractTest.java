@@ -237,12 +237,17 @@ class PreferencesContractTest {
     @Test
     void whatIsNotOfTheTypeIsTheDefault() {
         node.put("k", "not a number!");
-        assertEquals(7, node.getInt("k", 7));
-        assertEquals(7L, node.getLong("k", 7));
-        assertTrue(node.getBoolean("k", true));
-        assertEquals(7f, node.getFloat("k", 7));
-        assertEquals(7.0, node.getDouble("k", 7));
-        assertArrayEquals(new byte[] {7}, node.getByteArray("k", new byte[] {7}));
+        assertTypedValuesAreDefaults(node);
+    }
+
+    /** Asks for the preference "k" by each type but text. */
+    private static void assertTypedValuesAreDefaults(Preferences asked) {
+        assertEquals(7, asked.getInt("k", 7));
+        assertEquals(7L, asked.getLong("k", 7));
+        assertTrue(asked.getBoolean("k", true));
+        assertEquals(7f, asked.getFloat("k", 7));
+        assertEquals(7.0, asked.getDouble("k", 7));
+        assertArrayEquals(new byte[] {7}, asked.getByteArray("k", new byte[] {7}));
     }
 
     @Test
@@ -435,12 +440,7 @@ class PreferencesContractTest {
         Preferences lost = new RegistryPreferences(PreferencesTree.ofSystem(opener));
         assertEquals("d", lost.get("k", "d"));
         assertNull(lost.get("k", null));
-        assertEquals(1, lost.getInt("k", 1));
-        assertEquals(2L, lost.getLong("k", 2));
-        assertTrue(lost.getBoolean("k", true));
-        assertEquals(3f, lost.getFloat("k", 3));
-        assertEquals(4.0, lost.getDouble("k", 4));
-        assertArrayEquals(new byte[] {5}, lost.getByteArray("k", new byte[] {5}));
+        assertTypedValuesAreDefaults(lost);
         Preferences child = lost.node("a/b");
         for (Executable call : List.<Executable>of(
                 lost::keys, lost::childrenNames, lost::clear, lost::flush, lost::sync, child::removeNode,
