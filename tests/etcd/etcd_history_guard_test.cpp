@@ -8,6 +8,7 @@
 
 #include "fake_kv.h"
 #include "store/etcd/build.h"
+#include "store/etcd/checker.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
@@ -216,6 +217,22 @@ TEST_F(EtcdRestoredWhileSweeping, IdsThatNowBelongToOthersAreLeftAlone) {
   EXPECT_TRUE(done(sweeping->sweeper.sweep_all()));
   EXPECT_LE(ids.first, top);
   EXPECT_LE(top, ids.last);
+  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+}
+
+TEST_F(EtcdRestoredWhileSweeping, ARepairLeavesWhatIsNoLongerAnOrphan) {
+  const auto repairing = session();
+  const NodeId top = create_family(*session(), "top");
+  const FakeKv::State snapshot = kv_.state();
+  kv_.erase(keys_.node({kRootNode, "top"}));
+  restore_before_removal(snapshot, [] {});
+  const ChangeDescription description;
+  Totals totals;
+  const auto ignore_finding = [](const Finding&) {};
+  const auto ignore_progress = [](const CheckProgress&) {};
+  const Status repaired = check_registry(*repairing, &description, ignore_finding, ignore_progress, &totals);
+  EXPECT_FALSE(repaired.ok());
+  EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "");
   EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
 }
 

@@ -10,6 +10,7 @@
 #include "store/etcd/checker.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/registry_mark.h"
+#include "store/etcd/session.h"
 #include "store/etcd/token.h"
 #include "store/record.h"
 #include "tree.h"
@@ -197,6 +198,8 @@ TEST_F(EtcdOpening, SweepingLeavesAloneWhatItDoesNotRecognize) {
 TEST_F(EtcdOpening, ARepairReportsWhatItDoesNotRecognizeAndLeavesItAlone) {
   ASSERT_TRUE(done(open("/tkv/")));
   for (const char* key : {"n/", "n/unknown", "v/unknown", "unknown"}) kv_.put(std::string("/tkv/") + key, "unknown");
+  Owner owner;
+  ASSERT_TRUE(done(core_->session.owner(&owner, core_->deadline()))) << "a repair belongs to a session that has a key";
   const std::vector<std::string> keys = kv_.keys_of(Keys("/tkv/").all());
   for (int round = 0; round < 2; ++round) {
     int findings = 0;

@@ -1,6 +1,7 @@
 #include "store/etcd/checker.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_set>
 #include <vector>
 
@@ -16,6 +17,8 @@ namespace {
 
 constexpr std::int64_t kFirstValuesPerPage = 16;
 
+Status changed_meanwhile() { return {PRTKV_BUSY, "another session changed what was to be repaired"}; }
+
 struct NodeEntry {
   NodePlace place;
   NodeId id = kNoNode;
@@ -26,6 +29,8 @@ class Checker {
   Checker(Core& core, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress)
       : core_(core), check_(report), report_(report), progress_(progress) {}
 
+  // To be called before read() if there is to be a repair.
+  Status begin_repair();
   Status read();
   void finish(Totals* totals) { check_.finish(totals, &removable_); }
   Status repair(const ChangeDescription& description);
@@ -42,9 +47,11 @@ class Checker {
   void add_value(const KeyValue& record);
   void raise_next_id(TxnRequest* request);
   void reset_root(TxnRequest* request);
+  void compare_history(TxnRequest* request) const;
   Status remove_orphans();
 
   Core& core_;
+  std::optional<Owner> repairer_;
   TreeCheck check_;
   FunctionRef<void(const Finding&)> report_;
   FunctionRef<void(const CheckProgress&)> progress_;
@@ -204,16 +211,32 @@ void Checker::reset_root(TxnRequest* request) {
   put(request->add_success(), key, as_text(encode_node(kNoNode, "", Node{kRootNode, {}})));
 }
 
+// The session's key is older than what is read. A snapshot of the cluster that was saved before does not have it.
+// Without space for the key there is none: then only deletions are permitted.
+Status Checker::begin_repair() {
+  Owner owner;
+  Status status = core_.session.owner(&owner, core_.deadline());
+  if (status.is(PRTKV_STORAGE_FULL)) return {};
+  if (status.ok()) repairer_ = owner;
+  return status;
+}
+
+// Adds the comparison that no snapshot from before the repair has been restored since.
+void Checker::compare_history(TxnRequest* request) const {
+  if (repairer_) compare_alive(request, core_.keys, *repairer_);
+}
+
 // An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its
-// parent, and ids are never reused.
+// parent, and ids are never reused. That does not hold in another history of the cluster.
 Status Checker::remove_orphans() {
   TxnRequest batch;
   TxnResponse response;
   const auto send = [&]() -> Status {
     if (batch.success_size() == 0) return {};
+    compare_history(&batch);
     Reply reply = core_.kv->txn(batch, &response, core_.deadline());
     batch.Clear();
-    return reply.status;
+    return reply.ok() && !response.succeeded() ? changed_meanwhile() : reply.status;
   };
   const auto remove_key = [&](std::string key) -> Status {
     erase(batch.add_success(), std::move(key));
@@ -238,13 +261,14 @@ Status Checker::repair(const ChangeDescription& description) {
   const bool is_needed = request.success_size() > 0;
   if (!is_needed && removable_.nodes.empty() && removable_.values.empty()) return {};
   put(request.add_success(), core_.keys.log(), ChangeLog::encode(description));
+  compare_history(&request);
   TxnResponse response;
   const Reply reply = core_.kv->txn(request, &response, core_.deadline());
   if (reply.ok() && response.succeeded()) return {};
   if (reply.status.is(PRTKV_STORAGE_FULL) && !is_needed) return {};
   // What was sent twice may have been made the first time.
   if (reply.repeated) return {PRTKV_UNDECIDED, "it is not known whether the repair was made; check the registry again"};
-  return reply.ok() ? Status(PRTKV_BUSY, "another session changed what was to be repaired") : reply.status;
+  return reply.ok() ? changed_meanwhile() : reply.status;
 }
 
 }  // namespace
@@ -255,6 +279,9 @@ Status check_registry(Core& core, const ChangeDescription* repair, FunctionRef<v
     if (Status status = core.sweeper.sweep_for_repair(); !status.ok()) return status;
   }
   Checker checker(core, report, progress);
+  if (repair != nullptr) {
+    if (Status status = checker.begin_repair(); !status.ok()) return status;
+  }
   if (Status status = checker.read(); !status.ok()) return status;
   checker.finish(totals);
   return repair != nullptr ? checker.repair(*repair) : Status();
