@@ -223,7 +223,7 @@ Status Reader::exists(std::string_view name, bool* answer) {
 Status Reader::look_up(std::string_view name, Presence* presence) {
   Place place;
   Directory parent;
-  const Status found = resolve(name, &place);
+  Status found = resolve(name, &place);
   if (found.is(PRTKV_STORAGE_FAILED) && (name.empty() || find_parent(name, &parent).ok())) {
     *presence = Presence::kDamaged;
     return {};
@@ -374,7 +374,7 @@ Status Reader::walk(const KeyRef& key, const WalkOptions& options, FunctionRef<S
   };
   Place place;
   Presence presence = Presence::kSound;
-  const Status status = resolve(key, &place);
+  Status status = resolve(key, &place);
   if (status.ok()) return descend_from(view_, key.name, place, enter, visit_damaged);
   const bool may_pass = visit_damaged && key.id == kAnyKey && status.is(PRTKV_STORAGE_FAILED);
   if (!may_pass || !look_up(key.name, &presence).ok() || presence != Presence::kDamaged) return status;

@@ -85,7 +85,7 @@ struct Backup {
 Outcome write_backup(Context& context, const std::string& path, const BackupHead& head, Backup* backup) {
   BackupWriter writer;
   if (Outcome opened = writer.open(path, head); !opened.ok()) return opened;
-  const Outcome written = write_all(context, head.top, head.may_lack_parts, &backup->skipped, &writer);
+  Outcome written = write_all(context, head.top, head.may_lack_parts, &backup->skipped, &writer);
   if (!written.ok()) return written;
   if (Outcome finished = finish(context, &writer); !finished.ok()) return finished;
   backup->totals = writer.totals();

@@ -29,7 +29,7 @@ Status read_key(KeyReader& reader, const KeyRef& key, Sides* sides) {
   registry::KeyInfo info;
   KeySide side;
   side.key.name = key.name;
-  const Status status = reader.read_key(key, &info, &side.key.value);
+  Status status = reader.read_key(key, &info, &side.key.value);
   if (status.is(PRTKV_NO_SUCH_KEY)) return {};
   side.denied = status.is(PRTKV_ACCESS_DENIED);
   if (!status.ok() && !side.denied) return status;

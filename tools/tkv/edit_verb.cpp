@@ -88,7 +88,7 @@ Outcome let_edit(Context& context, const std::string& before, const std::string&
                  bool* changed) {
   for (;;) {
     std::string text;
-    const Outcome edited = file->edit();
+    Outcome edited = file->edit();
     if (Outcome read = file->read(&text); !read.ok()) return edited.ok() ? read : edited;
     *changed = text != before;
     if (!edited.ok() || !*changed) return edited;
@@ -148,7 +148,7 @@ Batch batch_of(const Difference& difference, const ReadSubtree& before) {
 Outcome demand_unchanged(Context& context, const ReadSubtree& before) {
   ReadSubtree now;
   const std::string& top = before.subtree.top;
-  const Outcome changed(Exit::kConflict, registry::describe(top) + " or a key below it was changed meanwhile");
+  Outcome changed(Exit::kConflict, registry::describe(top) + " or a key below it was changed meanwhile");
   const Status read = read_subtree(context, top, &now);
   if (read.is(PRTKV_NO_SUCH_KEY)) return changed;
   if (!read.ok()) return read;

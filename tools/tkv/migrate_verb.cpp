@@ -123,7 +123,7 @@ Outcome copy_state(Context& context, const Side& source, const Side& target, boo
 }
 
 Outcome open_sides(Context& context, Side* source, Side* target) {
-  const Outcome same(Exit::kUsage, "source and target are the same");
+  Outcome same(Exit::kUsage, "source and target are the same");
   if (source->place == target->place) return same;
   if (Outcome opened = open_place(source->place, {false, true}, &source->client); !opened.ok()) return opened;
   registry::OpenOptions options;

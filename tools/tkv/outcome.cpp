@@ -64,7 +64,7 @@ const char* name_of(Exit exit) {
 std::string exit_code_text() {
   std::string text;
 #define TKV_EXIT(identifier, number, name, meaning) \
-  text += (number < 10 ? "   " : "  ") + std::string(#number "  " meaning "\n");
+  text += ((number) < 10 ? "   " : "  ") + std::string(#number "  " meaning "\n");
   TKV_EXIT_CODES(TKV_EXIT)
 #undef TKV_EXIT
   return text;

@@ -171,7 +171,7 @@ Status ChangeLog::find(Revision revision, ChangeRecord* record) {
 // A state lasts until the next change. So if the cluster no longer keeps the revision itself, the oldest one that it
 // keeps shows the same state, provided that nothing was changed in between.
 Status ChangeLog::find_state(Revision revision, std::int64_t* at) {
-  const Status not_retained(PRTKV_INVALID_ARGUMENT, text_of(revision) + " is not retained");
+  Status not_retained(PRTKV_INVALID_ARGUMENT, text_of(revision) + " is not retained");
   Revision found = 0;
   if (Reply reply = this->revision(0, &found); !reply.ok()) return reply.status;
   if (revision > found) return {PRTKV_INVALID_ARGUMENT, text_of(revision) + " does not exist yet"};

@@ -73,10 +73,10 @@ Status load_from(const std::string& folder, OpenEtcdStore* open) {
   const std::string path = folder + "/" + kModule;
   for (const std::string& checked : {folder, path}) {
     if (const std::string reason = reason_for_distrust_of(checked); !reason.empty()) {
-      return cannot_load(std::string(checked)
-                             .append(" is refused to root: ")
-                             .append(reason)
-                             .append("; type: chown root: '" + checked + "' && chmod go-w '" + checked + "'"));
+      std::string text = checked;
+      text.append(" is refused to root: ").append(reason);
+      text.append("; type: chown root: '").append(checked).append("' && chmod go-w '").append(checked).append("'");
+      return cannot_load(text);
     }
   }
   void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -165,11 +165,11 @@ Status Opening::upgrade(const std::string& former, RegistryMark mark, bool has_l
     put(request.add_success(), keys_.log(), ChangeLog::encode({}));
   }
   TxnResponse response;
-  const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  Status status = core_.kv->txn(request, &response, core_.deadline()).status;
   const bool as_it_is = status.is(PRTKV_ACCESS_DENIED) || status.is(PRTKV_STORAGE_FULL);
   if (!status.ok() && !as_it_is) return status;
   *taken = as_it_is || response.succeeded();
-  if (*taken) core_.kv->hold_mark(keys_.mark(), as_it_is ? former : std::move(text));
+  if (*taken) core_.kv->hold_mark(keys_.mark(), as_it_is ? former : text);
   return {};
 }
 
@@ -186,7 +186,7 @@ Status Opening::mark(std::int64_t meta_revision) {
   put(request.add_success(), keys_.mark(), mark);
   *request.add_failure()->mutable_request_range() = get_one(keys_.mark());
   TxnResponse response;
-  const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  Status status = core_.kv->txn(request, &response, core_.deadline()).status;
   if (!status.ok()) return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
   if (response.succeeded()) {
     core_.kv->hold_mark(keys_.mark(), mark);
@@ -233,7 +233,7 @@ Status Opening::begin_log() {
   compare_revision(&request, keys_.log(), 0);
   put(request.add_success(), keys_.log(), ChangeLog::encode({}));
   TxnResponse response;
-  const Status status = core_.kv->txn(request, &response, core_.deadline()).status;
+  Status status = core_.kv->txn(request, &response, core_.deadline()).status;
   return status.is(PRTKV_ACCESS_DENIED) || status.is(PRTKV_STORAGE_FULL) ? Status() : status;
 }
 

@@ -141,7 +141,7 @@ Status Redo::run() {
   bool over = false;
   while (!over) {
     if (role_ == Role::kHelps && !located_ && wait_for_claim(kv_, keys_, claim_, ClaimStage::kOver, kStall)) return {};
-    const Status status = step(&over);
+    Status status = step(&over);
     if (status.ok()) continue;
     // A session that may only read waits for others to carry it out.
     if (!status.is(PRTKV_ACCESS_DENIED) || role_ == Role::kDecided || deadline_.left().count() == 0) return status;

@@ -12,7 +12,7 @@ struct Version {
   int minor = 0;
   int patch = 0;
 
-  auto operator<=>(const Version&) const = default;
+  auto operator<=>(const Version&) const = default;  // NOLINT(modernize-use-nullptr): it is about the result's zero
 };
 
 constexpr Version kOldest{3, 4, 0};

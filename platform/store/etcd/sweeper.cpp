@@ -20,7 +20,7 @@ constexpr std::chrono::milliseconds kGrace{1000};
 // Ends the removal of one thing, and is no failure: its marker is gone.
 constexpr prtkv_result kMarkerGone = PRTKV_NO_SUCH_KEY;
 
-Status unless_gone(Status status) { return status.is(kMarkerGone) ? Status() : status; }
+Status unless_gone(Status status) { return status.is(kMarkerGone) ? Status() : std::move(status); }
 
 // A mark that names a process, "NUMBER SECONDS OWNER", as former releases wrote it. Nothing else removes it.
 bool is_former_mark(const Keys& keys, const KeyValue& mark) {

@@ -291,6 +291,7 @@ std::uint64_t Environment::map_bytes() const {
 // A registry of a newer format is not touched. A damaged record is left to those who need it, and to a repair.
 Status Environment::check_version() {
   ReadTransaction transaction(*this, ReadTransaction::Length::kShort);
+  // The transaction's end takes it from this thread's list. NOLINTNEXTLINE(clang-analyzer-core.StackAddressEscape)
   if (Status status = transaction.begin(); !status.ok()) return status;
   return check_format(transaction.state()).about("the file in '" + directory_ + "'");
 }
@@ -564,7 +565,7 @@ Status WriteTransaction::lock() {
 
 Status WriteTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
-  if (is_inner()) return begin_inner();
+  if (outer_ != nullptr) return begin_within(*outer_);
   if (Status status = lock(); !status.ok()) return status;
   if (Status status = environment_.check_size(); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
@@ -580,8 +581,8 @@ Status WriteTransaction::begin() {
   }
 }
 
-Status WriteTransaction::begin_inner() {
-  const int code = mdb_txn_begin(environment_.env_, outer_->txn_, 0, &txn_);
+Status WriteTransaction::begin_within(const WriteTransaction& outer) {
+  const int code = mdb_txn_begin(environment_.env_, outer.txn_, 0, &txn_);
   if (code != 0) txn_ = nullptr;
   return environment_.failure(code, "cannot write to the registry");
 }

@@ -237,7 +237,7 @@ class WriteTransaction {
  private:
   Status lock();
   Status load_former();
-  Status begin_inner();
+  Status begin_within(const WriteTransaction& outer);
 
   Environment& environment_;
   WriteTransaction* const outer_ = nullptr;

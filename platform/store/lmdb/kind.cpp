@@ -74,9 +74,11 @@ Status check_history_changes(const std::string& value) {
 
 // The seconds that a unit of time stands for, or zero if it is none.
 std::uint64_t unit_seconds(std::string_view unit) {
-  if (unit == "h") return 60 * 60;
-  if (unit == "d") return 24 * 60 * 60;
-  return unit == "w" ? 7 * 24 * 60 * 60 : 0;
+  constexpr std::uint64_t kHour = 3600;
+  constexpr std::uint64_t kDay = 24 * kHour;
+  if (unit == "h") return kHour;
+  if (unit == "d") return kDay;
+  return unit == "w" ? 7 * kDay : 0;
 }
 
 Status parse_history_age(const std::string& value, std::chrono::seconds* age) {

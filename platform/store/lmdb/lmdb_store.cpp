@@ -548,7 +548,7 @@ Status LmdbStore::check_and_repair(const ChangeDescription& repair, FunctionRef<
         check.finish(totals, &removable);
         update.describe(repair);
         if (check.counter_is_unusable()) {
-          const Status restarted =
+          Status restarted =
               update.restart_counter(check.largest_id(), check.largest_revision(), check.meta_is_damaged());
           if (!restarted.ok()) return restarted;
           if (Status removed = update.remove_from_log(check.lost_log()); !removed.ok()) return removed;

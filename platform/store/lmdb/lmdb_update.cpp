@@ -108,7 +108,7 @@ Status LmdbUpdate::children_with_damage(NodeId parent, VisitChild visit, VisitDa
   Status status = records_.seek(raw, Key::node(parent), &key, &data, &at_end);
   while (status.ok() && !at_end && is_child(bytes_of(key), parent, &name)) {
     Node node;
-    const Status decoded = decode_child(parent, name, bytes_of(data), &node);
+    Status decoded = decode_child(parent, name, bytes_of(data), &node);
     if (name.size() > kMaxLevelSize) return decoded;  // no key of ours
     // The name lies in a page that the visit may change.
     std::array<char, kMaxLevelSize> copy;

@@ -27,7 +27,7 @@ class MetaPageMap::Pages final : public StateMemory {
   // Replaces the file's pages with empty ones in one step, since others may be reading. If there is no memory for that,
   // the file's pages stay.
   void withdraw() const noexcept {
-    mmap(address_, size(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
+    (void)mmap(address_, size(), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
   }
 
  private:

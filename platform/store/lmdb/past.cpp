@@ -129,7 +129,7 @@ Status PastView::children_with_damage(NodeId parent, VisitChild visit, VisitDama
 Status PastView::has_children(NodeId parent, bool* answer) {
   constexpr prtkv_result kEnough = PRTKV_KEY_EXISTS;
   Status doubt;
-  const Status status = children_with_damage(
+  Status status = children_with_damage(
       parent, [](std::string_view, const Node&) { return Status(kEnough); },
       [&](std::string_view, const Status& damage) {
         doubt = damage;

@@ -49,6 +49,7 @@ int list_readers(MDB_env* env, std::vector<TableReader>* readers) {
     auto* const found = static_cast<std::vector<TableReader>*>(context);
     TableReader reader;
     unsigned long transaction = 0;
+    // NOLINTNEXTLINE(cert-err34-c): LMDB has printed these numbers from such variables
     const int fields = std::sscanf(line, "%d %*x %lu", &reader.process, &transaction);
     if (fields == 2) reader.transaction = transaction;
     if (fields >= 1 && found->size() < found->capacity()) found->push_back(reader);

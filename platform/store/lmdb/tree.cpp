@@ -210,7 +210,7 @@ Status meets_child(FunctionRef<Status(VisitChild, VisitDamagedChild)> walk, bool
     doubt = damage;
     return Status();
   };
-  const Status status = walk(visit, doubtful);
+  Status status = walk(visit, doubtful);
   if (!status.ok() && !status.is(kEnough)) return status;
   *answer = !status.ok();
   return *answer ? Status() : doubt;
