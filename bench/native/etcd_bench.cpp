@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <random>
 #include <span>
@@ -309,63 +310,84 @@ uint64_t requests_of(const Operation& operation) {
   return counts[counts.size() / 2];
 }
 
-// The bare requests read and write records of the same sizes, under keys of the same form.
+// Takes the keys of the first group in turn, each of which has been read once.
+std::shared_ptr<Names> known_names(Bench& bench) {
+  const std::vector<std::string> names = bench.dataset.names_of(0);
+  for (const std::string& name : names) {
+    require_equal(bench.registry.read(name), bench.dataset.value().size(), "reading");
+  }
+  return std::make_shared<Names>(names);
+}
+
+std::string name_of_some_key() { return Dataset::group(0) + "." + Dataset::key_level(0); }
+
+std::string node_of_some_key(Bench& bench) {
+  return bench.keys.node({bench.registry.id_of(Dataset::group(0)), Dataset::key_level(0)});
+}
+
+// In each pair, the bare requests read and write records of the same sizes, under keys of the same form.
+
+Pair open_key(Bench& bench) {
+  return {[&bench, names = known_names(bench)] { return bench.registry.id_of(names->next()); },
+          [&bench, node = node_of_some_key(bench)] { return bench.bare.get(node); }};
+}
+
+Pair read_value(Bench& bench) {
+  const std::string value = bench.keys.value(bench.registry.id_of(name_of_some_key()));
+  return {[&bench, names = known_names(bench)] { return bench.registry.read(names->next()); },
+          [&bench, value] { return bench.bare.get(value); }};
+}
+
+Pair write_value(Bench& bench) {
+  const std::string some = name_of_some_key();
+  auto names = known_names(bench);
+  bench.registry.write(some, "changed");
+  require_equal(bench.registry.read(some), 7, "reading what was written");
+  bench.registry.write(some, bench.dataset.value());
+  return {[&bench, names] { return bench.registry.write(names->next(), bench.dataset.value()); },
+          [&bench, key = Keys("/bare/").value(bench.registry.id_of(some))] {
+            return bench.bare.put(key, bench.dataset.value());
+          }};
+}
+
+Pair list_group(Bench& bench) {
+  const std::string group = Dataset::group(0);
+  const auto children = bench.keys.children(bench.registry.id_of(group));
+  require_equal(bench.registry.list(group), static_cast<uint64_t>(bench.dataset.keys()), "listing");
+  return {[&bench, group] { return bench.registry.list(group); },
+          [&bench, children] { return bench.bare.pages(children.begin, children.end, 0); }};
+}
+
+Pair walk_all(Bench& bench) {
+  const auto groups = static_cast<uint64_t>(bench.dataset.groups());
+  const auto keys = static_cast<uint64_t>(bench.dataset.keys());
+  const Operation walk = [&bench] { return bench.registry.walk("app"); };
+  const auto pages = static_cast<int64_t>(requests_of(walk));
+  require_equal(walk(), 2 + groups * (keys + 1), "walking");
+  const int64_t limit = static_cast<int64_t>(2 * groups * keys) / pages + 1;
+  return {walk, [&bench, nodes = bench.keys.all_nodes(), values = bench.keys.all_values(), limit] {
+            return bench.bare.pages(nodes.begin, nodes.end, limit) + bench.bare.pages(values.begin, values.end, limit);
+          }};
+}
+
+Pair open_registry(Bench& bench) {
+  return {[&bench] {
+            bench.registry.open();
+            return uint64_t{1};
+          },
+          [&bench, node = node_of_some_key(bench)] {
+            bench.bare.open();
+            return static_cast<uint64_t>(bench.bare.status().db_size()) + bench.bare.get(node);
+          }};
+}
+
 Pair pair_of(const std::string& scenario, Bench& bench) {
-  Dataset& data = bench.dataset;
-  const std::string some = Dataset::group(0) + "." + Dataset::key_level(0);
-  const store::NodeId id = bench.registry.id_of(some);
-  const store::NodeId group = bench.registry.id_of(Dataset::group(0));
-  const std::string node = bench.keys.node({group, Dataset::key_level(0)});
-  const auto names = std::make_shared<Names>(data.names_of(0));
-  for (const std::string& name : data.names_of(0)) {
-    require_equal(bench.registry.read(name), data.value().size(), "reading");
-  }
-  if (scenario == "open") {
-    return {[&bench, names] { return bench.registry.id_of(names->next()); },
-            [&bench, node] { return bench.bare.get(node); }};
-  }
-  if (scenario == "read") {
-    return {[&bench, names] { return bench.registry.read(names->next()); },
-            [&bench, key = bench.keys.value(id)] { return bench.bare.get(key); }};
-  }
-  if (scenario == "write") {
-    bench.registry.write(some, "changed");
-    require_equal(bench.registry.read(some), 7, "reading what was written");
-    bench.registry.write(some, data.value());
-    return {[&, names] { return bench.registry.write(names->next(), data.value()); },
-            [&, key = Keys("/bare/").value(id)] { return bench.bare.put(key, data.value()); }};
-  }
-  if (scenario == "list") {
-    const auto children = bench.keys.children(group);
-    require_equal(bench.registry.list(Dataset::group(0)), static_cast<uint64_t>(data.keys()), "listing");
-    return {[&] { return bench.registry.list(Dataset::group(0)); },
-            [&bench, children] { return bench.bare.pages(children.begin, children.end, 0); }};
-  }
-  if (scenario == "walk") {
-    const Operation walk = [&] { return bench.registry.walk("app"); };
-    const auto pages = static_cast<int64_t>(requests_of(walk));
-    require_equal(walk(), 2 + static_cast<uint64_t>(data.groups()) * (static_cast<uint64_t>(data.keys()) + 1),
-                  "walking");
-    const auto nodes = bench.keys.all_nodes();
-    const auto values = bench.keys.all_values();
-    const int64_t records = 2 * static_cast<int64_t>(data.groups()) * data.keys();
-    const int64_t limit = records / pages + 1;
-    return {walk, [&bench, nodes, values, limit] {
-              return bench.bare.pages(nodes.begin, nodes.end, limit) +
-                     bench.bare.pages(values.begin, values.end, limit);
-            }};
-  }
-  if (scenario == "open-registry") {
-    return {[&bench] {
-              bench.registry.open();
-              return uint64_t{1};
-            },
-            [&bench, node] {
-              bench.bare.open();
-              return static_cast<uint64_t>(bench.bare.status().db_size()) + bench.bare.get(node);
-            }};
-  }
-  throw std::invalid_argument("there is no scenario '" + scenario + "'");
+  static const std::map<std::string, Pair (*)(Bench&)> kPairs = {
+      {"open", open_key},   {"read", read_value}, {"write", write_value},
+      {"list", list_group}, {"walk", walk_all},   {"open-registry", open_registry}};
+  const auto found = kPairs.find(scenario);
+  if (found == kPairs.end()) throw std::invalid_argument("there is no scenario '" + scenario + "'");
+  return found->second(bench);
 }
 
 double mean_during(const Operation& operation, std::chrono::milliseconds time) {
