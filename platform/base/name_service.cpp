@@ -40,22 +40,14 @@ int find_user_with(Ask ask, std::optional<UserRecord>* user) {
   return error;
 }
 
-}  // namespace
-
-const NameService& NameService::system() {
-  static const NameService service{::geteuid,    ::getegid,    ::getgroups,   ::getpwuid_r,
-                                   ::getpwnam_r, ::getgrgid_r, ::getgrouplist};
-  return service;
-}
-
-int find_user_name(const NameService& service, uid_t id, std::string* name) {
+int ask_for_user_name(const NameService& service, uid_t id, std::string* name) {
   std::optional<UserRecord> user;
   if (const int error = find_user(service, id, &user); error != 0) return error;
   *name = user ? std::move(user->name) : std::to_string(id);
   return 0;
 }
 
-int find_group_name(const NameService& service, gid_t id, std::string* name) {
+int ask_for_group_name(const NameService& service, gid_t id, std::string* name) {
   std::string result = std::to_string(id);
   const auto ask = [&](group* record, char* buffer, std::size_t size, group** found) {
     return service.group_by_id(id, record, buffer, size, found);
@@ -63,6 +55,34 @@ int find_group_name(const NameService& service, gid_t id, std::string* name) {
   const int error = look_up<group>(ask, [&](const group& found) { name_by(found.gr_name, &result); });
   if (error == 0) *name = std::move(result);
   return error;
+}
+
+// Never destroyed, since threads may still open registries while the process ends.
+AccountNames* kept_names_of(const char* accounts) { return new AccountNames({accounts}); }
+
+}  // namespace
+
+const NameService& NameService::system() {
+  static const NameService service{::geteuid,
+                                   ::getegid,
+                                   ::getgroups,
+                                   ::getpwuid_r,
+                                   ::getpwnam_r,
+                                   ::getgrgid_r,
+                                   ::getgrouplist,
+                                   kept_names_of("/etc/passwd"),
+                                   kept_names_of("/etc/group")};
+  return service;
+}
+
+int find_user_name(const NameService& service, uid_t id, std::string* name) {
+  const auto ask = [&](std::string* found) { return ask_for_user_name(service, id, found); };
+  return service.user_names == nullptr ? ask(name) : service.user_names->find(id, ask, name);
+}
+
+int find_group_name(const NameService& service, gid_t id, std::string* name) {
+  const auto ask = [&](std::string* found) { return ask_for_group_name(service, id, found); };
+  return service.group_names == nullptr ? ask(name) : service.group_names->find(id, ask, name);
 }
 
 int find_user(const NameService& service, const std::string& name, std::optional<UserRecord>* user) {

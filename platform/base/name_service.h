@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "base/account_names.h"
+
 namespace tkv {
 
 // The C library's functions that identify processes and users, each as its manual page describes it. Tests supply
@@ -25,7 +27,11 @@ struct NameService {
   int (*group_by_id)(gid_t id, group* record, char* buffer, std::size_t size, group** found) = nullptr;
   int (*groups_of_user)(const char* user, gid_t primary, gid_t list[], int* count) = nullptr;
 
-  // The C library's own functions.
+  // Names that were found a moment ago; null if each is to be asked for.
+  AccountNames* user_names = nullptr;
+  AccountNames* group_names = nullptr;
+
+  // The C library's own functions, with names that are kept for a second.
   static const NameService& system();
 };
 

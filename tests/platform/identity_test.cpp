@@ -8,10 +8,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "temporary_directory.h"
 
 namespace tkv {
 namespace {
@@ -192,6 +197,95 @@ NameService known_users() {
     return fits ? 200 : -1;
   };
   return service;
+}
+
+// Names that are kept of a file of accounts, which a test changes.
+class KeptNames : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    now_ = AccountNames::Clock::time_point{};
+    write(accounts_, "first");
+  }
+
+  static void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+  // Replaces a file as programs do that change accounts.
+  static void replace(const std::string& path) {
+    write(path + "+", "other");
+    std::filesystem::rename(path + "+", path);
+  }
+
+  // The name of a user, which the name service gives as `current`.
+  std::string name_of(id_t id, const std::string& current) {
+    std::string name;
+    const auto ask = [&](std::string* found) { return *found = current, 0; };
+    EXPECT_EQ(names_.find(id, ask, &name), 0);
+    return name;
+  }
+
+  const TemporaryDirectory place_;
+  const std::string accounts_ = place_.path() + "/passwd";
+  static inline AccountNames::Clock::time_point now_;
+  AccountNames names_{{accounts_.c_str(), [] { return now_; }}};
+};
+
+TEST_F(KeptNames, AreNotAskedForAgain) {
+  EXPECT_EQ(name_of(7, "before"), "before");
+  EXPECT_EQ(name_of(7, "after"), "before");
+}
+
+TEST_F(KeptNames, AreThoseOfOneId) {
+  EXPECT_EQ(name_of(7, "seven"), "seven");
+  EXPECT_EQ(name_of(8, "eight"), "eight");
+  EXPECT_EQ(name_of(7 + 64, "another"), "another");
+  EXPECT_EQ(name_of(7, "seven again"), "seven again");
+}
+
+TEST_F(KeptNames, AreOutdatedOnceTheFileOfAccountsIsReplaced) {
+  name_of(7, "before");
+  replace(accounts_);
+  EXPECT_EQ(name_of(7, "after"), "after");
+}
+
+TEST_F(KeptNames, AreOutdatedOnceTheFileOfAccountsIsWrittenTo) {
+  name_of(7, "before");
+  write(accounts_, "first and second");
+  EXPECT_EQ(name_of(7, "after"), "after");
+}
+
+TEST_F(KeptNames, AreOutdatedOnceTheFileOfAccountsIsRemoved) {
+  name_of(7, "before");
+  std::filesystem::remove(accounts_);
+  EXPECT_EQ(name_of(7, "after"), "after");
+}
+
+TEST_F(KeptNames, AreOutdatedAfterASecond) {
+  name_of(7, "before");
+  now_ += AccountNames::kAge - std::chrono::nanoseconds(1);
+  EXPECT_EQ(name_of(7, "after"), "before");
+  now_ += std::chrono::nanoseconds(1);
+  EXPECT_EQ(name_of(7, "after"), "after");
+}
+
+TEST_F(KeptNames, AreOutdatedIfTheFileChangesWhileTheNameServiceIsAsked) {
+  std::string name;
+  const auto ask = [&](std::string* found) {
+    *found = "before";
+    replace(accounts_);
+    return 0;
+  };
+  ASSERT_EQ(names_.find(7, ask, &name), 0);
+  EXPECT_EQ(name, "before");
+  EXPECT_EQ(name_of(7, "after"), "after");
+}
+
+TEST_F(KeptNames, AreNoneAfterAFailure) {
+  std::string name = "unchanged";
+  EXPECT_EQ(names_.find(
+                7, [](std::string*) { return EIO; }, &name),
+            EIO);
+  EXPECT_EQ(name, "unchanged");
+  EXPECT_EQ(name_of(7, "after"), "after");
 }
 
 TEST(IdentityOfUser, IsFoundByNameAndByNumber) {
