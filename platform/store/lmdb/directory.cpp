@@ -100,11 +100,8 @@ Status open_existing(const std::string& directory, Descriptor* opened) {
   return {};
 }
 
-Status open_parent(const std::string& directory, Descriptor* opened) {
+Status parent_unusable(const std::string& directory, int error) {
   const std::string parent = parent_of(directory);
-  *opened = Descriptor(open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (opened->is_open()) return {};
-  const int error = errno;
   if (error == EACCES) return lmdb_status(error, "cannot use " + quoted(parent));
   if (error == ENOENT) {
     return unusable(directory, "its parent " + quoted(parent) + " does not exist; type: mkdir -p " + quoted(parent));
@@ -113,16 +110,24 @@ Status open_parent(const std::string& directory, Descriptor* opened) {
                   "its parent " + quoted(parent) + ": " + message_of(error) + "; set `location` to another directory");
 }
 
+Status open_parent(const std::string& directory, Descriptor* opened) {
+  *opened = Descriptor(open(parent_of(directory).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (opened->is_open()) return {};
+  const int error = errno;
+  return parent_unusable(directory, error);
+}
+
+Status look_at(const Descriptor& opened, const std::string& path, struct stat* found) {
+  if (fstat(opened.number(), found) == 0) return {};
+  const int error = errno;
+  return lmdb_status(error, "cannot use " + quoted(path));
+}
+
 enum class Role { kItself, kParent };
 
 // The directory at `checked` is the location `directory` itself or its parent.
-Status check_trust(const std::string& directory, Role role, const std::string& checked, const Descriptor& opened,
+Status check_trust(const std::string& directory, Role role, const std::string& checked, const struct stat& found,
                    const Sharing& sharing) {
-  struct stat found {};
-  if (fstat(opened.number(), &found) != 0) {
-    const int error = errno;
-    return lmdb_status(error, "cannot use " + quoted(checked));
-  }
   if (sharing.group && found.st_gid == *sharing.group && (found.st_mode & S_IWOTH) == 0) return {};
   const std::string subject = role == Role::kItself ? "it" : "its parent " + quoted(checked);
   if (found.st_uid != geteuid() && found.st_uid != 0) {
@@ -139,16 +144,21 @@ Status check_trust(const std::string& directory, Role role, const std::string& c
 }
 
 Status check_parent_trust(const std::string& directory, const Sharing& sharing) {
-  Descriptor parent(-1);
-  if (Status status = open_parent(directory, &parent); !status.ok()) return status;
-  return check_trust(directory, Role::kParent, parent_of(directory), parent, sharing);
+  const std::string parent = parent_of(directory);
+  struct stat found {};
+  int error = stat(parent.c_str(), &found) == 0 ? 0 : errno;
+  if (error == 0 && !S_ISDIR(found.st_mode)) error = ENOTDIR;
+  if (error != 0) return parent_unusable(directory, error);
+  return check_trust(directory, Role::kParent, parent, found, sharing);
 }
 
 // Behind a symbolic link, the directory's own parent counts as well as that of the link.
 Status check_location(const std::string& directory, const Descriptor& opened, const Sharing& sharing) {
-  if (Status status = check_trust(directory, Role::kItself, directory, opened, sharing); !status.ok()) return status;
-  const Descriptor above(openat(opened.number(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (above.is_open()) {
+  struct stat found {};
+  struct stat above {};
+  if (Status status = look_at(opened, directory, &found); !status.ok()) return status;
+  if (Status status = check_trust(directory, Role::kItself, directory, found, sharing); !status.ok()) return status;
+  if (fstatat(opened.number(), "..", &above, 0) == 0) {
     if (Status status = check_trust(directory, Role::kParent, directory + "/..", above, sharing); !status.ok()) {
       return status;
     }
@@ -190,8 +200,10 @@ Status share_existing(const Descriptor& directory, const LmdbOptions& options, c
 // The parent is an open descriptor, so that nobody can exchange it between the check of the parent and the creation.
 Status create_directory(const std::string& directory, const Sharing& sharing, Descriptor* created) {
   Descriptor parent(-1);
+  struct stat found {};
   if (Status status = open_parent(directory, &parent); !status.ok()) return status;
-  if (Status status = check_trust(directory, Role::kParent, parent_of(directory), parent, sharing); !status.ok()) {
+  if (Status status = look_at(parent, parent_of(directory), &found); !status.ok()) return status;
+  if (Status status = check_trust(directory, Role::kParent, parent_of(directory), found, sharing); !status.ok()) {
     return status;
   }
   const std::string name = name_of(directory);
