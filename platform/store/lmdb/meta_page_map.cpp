@@ -37,6 +37,11 @@ class MetaPageMap::Pages final : public StateMemory {
   const std::size_t page_size_;
 };
 
+// Nobody else can come to hold memory that this object alone holds now.
+MetaPageMap::~MetaPageMap() {
+  if (memory_.use_count() > 1) withdraw();
+}
+
 void MetaPageMap::open(int file, std::size_t page_size) {
   void* const address = mmap(nullptr, kMetaPages * page_size, PROT_READ, MAP_SHARED, file, 0);
   if (address == MAP_FAILED) return;

@@ -25,7 +25,7 @@ namespace tkv::store {
 class MetaPageMap {
  public:
   MetaPageMap() = default;
-  ~MetaPageMap() { withdraw(); }
+  ~MetaPageMap();
   MetaPageMap(const MetaPageMap&) = delete;
   MetaPageMap& operator=(const MetaPageMap&) = delete;
 
