@@ -116,6 +116,7 @@ const char* yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 class Builder {
  public:
   explicit Builder(const Surroundings& surroundings) : surroundings_(surroundings) {
+    made_.settings.reserve(known_settings().size());
     for (const KnownSetting& known : known_settings()) {
       const char* value = known.of_store == nullptr ? "" : known.of_store->default_value;
       made_.settings.push_back({std::string(known.name), value, "default"});
@@ -182,8 +183,14 @@ class Builder {
     return invalid("unknown section [" + section + "]; there are " + known_sections);
   }
 
+  // They are in the order of the known ones.
+  Setting* setting(const KnownSetting& known) {
+    return &made_.settings[static_cast<std::size_t>(&known - known_settings().data())];
+  }
+
   Setting* setting(std::string_view name) {
-    return &*std::find_if(made_.settings.begin(), made_.settings.end(), [&](const auto& s) { return s.name == name; });
+    const auto& known = known_settings();
+    return setting(*std::find_if(known.begin(), known.end(), [&](const auto& k) { return k.name == name; }));
   }
 
   static bool is_set(const Setting& setting) { return setting.origin != "default"; }
@@ -201,7 +208,7 @@ class Builder {
   }
 
   Status take_as(const KnownSetting& known, const ConfigurationLine& line) {
-    Setting& entry = *setting(known.name);
+    Setting& entry = *setting(known);
     const std::string here = made_.file + ":" + std::to_string(line.number);
     const bool again = is_set(entry);
     if (again && known.name != kLocation) {
@@ -223,7 +230,7 @@ class Builder {
 
   Status check_needs() {
     for (const KnownSetting& known : known_settings()) {
-      const Setting& given = *setting(known.name);
+      const Setting& given = *setting(known);
       if (known.of_store == nullptr || !is_set(given)) continue;
       for (const char* needed : known.of_store->needs) {
         if (needed == nullptr || is_set(*setting(needed))) continue;
@@ -237,7 +244,7 @@ class Builder {
   Status check_refused() {
     for (const store::RefusedSection& refused : kind_of(made_).refused) {
       for (const KnownSetting& known : known_settings()) {
-        const Setting& given = *setting(known.name);
+        const Setting& given = *setting(known);
         if (known.section() != refused.section || !is_set(given)) continue;
         return invalid(given.origin + ": " + given.name + " is given, but " + refused.why);
       }
