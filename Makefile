@@ -70,13 +70,17 @@ test: packages-test check-format ## everything that has to pass: format, tests, 
 	$(call preset,tsan)
 	ctest --preset tsan -j $(TEST_JOBS)
 
-# Whatever fails, the rest is run, and the table shows all of it.
+# The trials mostly wait: for the disk, or for a cluster whose members are killed. So several of them run at once, with the
+# static analysis and the fuzzers beside them, which take the processor time that the trials leave. Whatever fails, the
+# rest is run, and the table shows all of it.
 prove: packages-test packages-lint packages-fuzz ## long runs, with a table at the end: static analysis, fuzzers, trials
 	$(call preset,release,-DTKV_TESTS=ON)
 	@rm -f build/release/prove.xml build/fuzz/fuzz.xml; status=0; analysis=passed; \
-	$(MAKE) --no-print-directory lint || { status=1; analysis=FAILED; }; \
-	$(MAKE) --no-print-directory fuzz || status=1; \
-	ctest --preset prove || status=1; \
+	ctest --preset prove -j $(TEST_JOBS) >build/release/prove.log 2>&1 & trials=$$!; \
+	trap 'kill $$trials; exit 1' INT TERM; \
+	nice $(MAKE) --no-print-directory lint || { status=1; analysis=FAILED; }; \
+	nice $(MAKE) --no-print-directory fuzz || status=1; \
+	wait $$trials || status=1; cat build/release/prove.log; \
 	tests/build/prove_table.py build/release/prove.xml build/fuzz/fuzz.xml || status=1; \
 	echo "static analysis: $$analysis; commit $$(git describe --always --dirty), $$(date -u +%F)"; exit $$status
 
