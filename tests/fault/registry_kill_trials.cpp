@@ -4,14 +4,19 @@
 //
 //   registry_kill_trials [--long] [--trials N] [--seed S]
 //
-// A short run makes 60 kills, a long one 2,500. Exits with 1 if a promise was broken.
+// A short run makes 60 kills, a long one 2,500. They are shared out among registries that are worked on at once. Half
+// of these are in memory, where a process dies more often while it computes, and half on disk, where it dies more often
+// while it waits for the disk. Half of each keep a short log, so that changes are dropped from it all the time. Exits
+// with 1 if a promise was broken.
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -26,6 +31,8 @@ namespace tkv::registry {
 namespace {
 
 constexpr unsigned kMostOperations = 100'000;  // in one process
+constexpr int kRegistries = 8;
+constexpr std::uint64_t kShortLog = 50;  // changes
 
 struct Acknowledged {
   unsigned number;
@@ -38,10 +45,63 @@ struct Row {
   int under_way_made = 0;  // of these, are there
 };
 
+// What trials have found.
+struct Findings {
+  std::map<std::string, Row> rows;  // by verb
+  int broken = 0;
+
+  void add(const Findings& other) {
+    broken += other.broken;
+    for (const auto& [verb, row] : other.rows) {
+      rows[verb].acknowledged += row.acknowledged;
+      rows[verb].under_way += row.under_way;
+      rows[verb].under_way_made += row.under_way_made;
+    }
+  }
+
+  // Lines for another process.
+  void write_to(std::FILE* file) const {
+    for (const auto& [verb, row] : rows) {
+      std::fprintf(file, "%d %d %d %s\n", row.acknowledged, row.under_way, row.under_way_made, verb.c_str());
+    }
+    std::fprintf(file, "broken %d\n", broken);
+  }
+
+  // Returns false if the writer did not come to its end.
+  static bool read_from(std::FILE* file, Findings* findings) {
+    char line[100];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+      Row row;
+      int verb = 0;
+      if (std::sscanf(line, "broken %d", &findings->broken) == 1) return true;
+      if (std::sscanf(line, "%d %d %d %n", &row.acknowledged, &row.under_way, &row.under_way_made, &verb) != 3) break;
+      findings->rows[std::string(line + verb, std::strcspn(line + verb, "\n"))] = row;
+    }
+    return false;
+  }
+
+  void print(int trials) const {
+    std::printf("%-16s %13s %22s %16s\n", "change", "acknowledged", "under way when killed", "of these, made");
+    Row total;
+    for (const auto& [verb, row] : rows) {
+      std::printf("%-16s %13d %22d %16d\n", verb.c_str(), row.acknowledged, row.under_way, row.under_way_made);
+      total.acknowledged += row.acknowledged;
+      total.under_way_made += row.under_way_made;
+    }
+    std::printf("%d kills: %d acknowledged changes, %d changes under way were made, %d promises broken\n", trials,
+                total.acknowledged, total.under_way_made, broken);
+  }
+};
+
+// Kills of processes that work on one registry, the `number`th.
 class KillTrials {
  public:
-  explicit KillTrials(unsigned seed) : random_(seed), next_(seed * 1000) {
+  KillTrials(unsigned seed, int number)
+      : random_(seed * kRegistries + static_cast<unsigned>(number)),
+        next_(static_cast<unsigned>(random_() % kMostOperations)),
+        directory_(number % 2 == 0 ? TemporaryDirectory::Where::kOnDisk : TemporaryDirectory::Where::kInMemory) {
     options_.directory = directory_ / "registry";
+    if (number / 2 % 2 == 0) options_.retention.changes = kShortLog;
     options_.root_security.user_perm = 0x3f;
     model_ = std::make_shared<LocalClient>(Configuration(), superuser(),
                                            std::make_shared<store::MemoryStore>(options_.root_security));
@@ -52,7 +112,7 @@ class KillTrials {
     const std::vector<Acknowledged> made = write_and_kill();
     for (const Acknowledged& each : made) {
       TrialOperation operation(each.number);
-      ++rows_[operation.verb()].acknowledged;
+      ++findings_.rows[operation.verb()].acknowledged;
       const prtkv_result expected = operation.run(*model_).code();
       if (each.result != expected) broken(operation.verb(), "gave " + std::to_string(each.result));
     }
@@ -61,22 +121,11 @@ class KillTrials {
     ++next_;
   }
 
-  bool report(int trials) const {
-    std::printf("%-16s %13s %22s %16s\n", "change", "acknowledged", "under way when killed", "of these, made");
-    Row total;
-    for (const auto& [verb, row] : rows_) {
-      std::printf("%-16s %13d %22d %16d\n", verb.c_str(), row.acknowledged, row.under_way, row.under_way_made);
-      total.acknowledged += row.acknowledged;
-      total.under_way_made += row.under_way_made;
-    }
-    std::printf("%d kills: %d acknowledged changes, %d changes under way were made, %d promises broken\n", trials,
-                total.acknowledged, total.under_way_made, broken_);
-    return broken_ == 0;
-  }
+  const Findings& findings() const { return findings_; }
 
  private:
   void broken(const char* verb, const std::string& what) {
-    ++broken_;
+    ++findings_.broken;
     std::printf("change %u (%s): %s\n", next_, verb, what.c_str());
   }
 
@@ -126,7 +175,7 @@ class KillTrials {
     LocalClient client(Configuration(), superuser(), opened);
     if (const std::string damage = damage_in(client); !damage.empty()) broken(under_way.verb(), damage);
     const std::vector<std::string> found = contents_of(client);
-    Row& row = rows_[under_way.verb()];
+    Row& row = findings_.rows[under_way.verb()];
     ++row.under_way;
     if (found == contents_of(*model_)) {
       // It may have been made without any effect; making it again has none either.
@@ -144,9 +193,57 @@ class KillTrials {
   TemporaryDirectory directory_;
   store::LmdbOptions options_;
   std::shared_ptr<Client> model_;
-  std::map<std::string, Row> rows_;
-  int broken_ = 0;
+  Findings findings_;
 };
+
+// The trials with one registry, in a process of their own.
+class Share {
+ public:
+  Share(unsigned seed, int number, int trials) {
+    int ends[2];
+    if (pipe(ends) != 0) std::abort();
+    process_ = fork();
+    if (process_ == 0) make(seed, number, trials, fdopen(ends[1], "w"));
+    close(ends[1]);
+    findings_ = fdopen(ends[0], "r");
+  }
+
+  // Waits for their end and adds what they have found. A share that does not come to its end has broken a promise.
+  void add_to(Findings* all) {
+    Findings found;
+    if (!Findings::read_from(findings_, &found)) {
+      std::printf("the process %d ended early\n", static_cast<int>(process_));
+      ++found.broken;
+    }
+    all->add(found);
+    std::fclose(findings_);
+    waitpid(process_, nullptr, 0);
+  }
+
+ private:
+  [[noreturn]] static void make(unsigned seed, int number, int trials, std::FILE* findings) {
+    {
+      KillTrials share(seed, number);
+      for (int i = 0; i < trials; ++i) share.run();
+      share.findings().write_to(findings);
+    }
+    std::fclose(findings);
+    _exit(0);
+  }
+
+  pid_t process_ = -1;
+  std::FILE* findings_ = nullptr;
+};
+
+// Returns whether every promise was kept.
+bool make_trials(unsigned seed, int trials) {
+  std::vector<Share> shares;
+  for (int i = 0; i < kRegistries; ++i) shares.emplace_back(seed, i, (trials + i) / kRegistries);
+  Findings findings;
+  for (Share& share : shares) share.add_to(&findings);
+  findings.print(trials);
+  return findings.broken == 0;
+}
 
 int run(int argc, char** argv) {
   int trials = 60;
@@ -165,9 +262,7 @@ int run(int argc, char** argv) {
       return 2;
     }
   }
-  KillTrials all(seed);
-  for (int i = 0; i < trials; ++i) all.run();
-  return all.report(trials) ? 0 : 1;
+  return make_trials(seed, trials) ? 0 : 1;
 }
 
 }  // namespace
