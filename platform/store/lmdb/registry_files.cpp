@@ -4,6 +4,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +34,10 @@ constexpr off_t kLockFileSize = 192 + (kMaxReaders - 1) * 64;
 std::string quoted(const std::string& path) { return "'" + path + "'"; }
 
 FileIdentity identity_of(const struct stat& file) { return {file.st_dev, file.st_ino}; }
+
+FileIdentity identity_of(const struct statx& file) {
+  return {makedev(file.stx_dev_major, file.stx_dev_minor), file.stx_ino};
+}
 
 Status random_name(const char* name, std::string* random) {
   std::uint64_t number = 0;
@@ -182,8 +187,9 @@ std::string RegistryFiles::path_to_open(const Descriptor& file, const std::strin
 }
 
 bool RegistryFiles::leads_to(const char* name, const FileIdentity& identity) const {
-  struct stat found {};
-  return lstat(path_of(name).c_str(), &found) == 0 && identity_of(found) == identity;
+  struct statx found {};
+  return statx(AT_FDCWD, path_of(name).c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO, &found) == 0 &&
+         identity_of(found) == identity;
 }
 
 bool RegistryFiles::are_in_place() const {
@@ -252,12 +258,12 @@ Descriptor RegistryFiles::open_commit_times() const {
 }
 
 Status RegistryFiles::data_size(std::uint64_t* size) const {
-  struct stat found {};
-  if (fstat(data_.number(), &found) != 0) {
+  struct statx found {};
+  if (statx(data_.number(), "", AT_EMPTY_PATH, STATX_SIZE, &found) != 0) {
     const int error = errno;
     return lmdb_status(error, "cannot use " + quoted(path_of(kDataFile)));
   }
-  *size = static_cast<std::uint64_t>(found.st_size);
+  *size = found.stx_size;
   return {};
 }
 

@@ -7,6 +7,10 @@
 //
 // The descriptors carry no access rights (O_PATH), so closing them does not release the locks that LMDB holds on the
 // files. The objects are immutable; any thread may use them.
+//
+// What every transaction asks about the files, are_in_place() and data_size(), does not ask for their times (statx).
+// Linux gives a file whose times were read a new time at the next write, and a file system without a journal then
+// writes the inode, too, in the next synchronous write.
 #ifndef TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
 #define TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
 
