@@ -198,6 +198,12 @@ void encode_value(NodeId id, const Value& value, std::span<std::byte> record) {
   seal(record, {id, ""});
 }
 
+void set_value_revision(NodeId id, Revision revision, std::span<std::byte> record) {
+  assert(record.size() >= kValueRecordOverhead && version_of(record) == kRecordVersion);
+  put(record.data() + kHeaderSize + 4, revision);
+  seal(record, {id, ""});
+}
+
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value) {
   if (Status status = check(record, RecordKind::kValue, kValueSizes, {id, ""}); !status.ok()) return status;
   const std::size_t overhead = kValueSizes.of(record);

@@ -63,6 +63,9 @@ Status decode_node(NodeId parent, std::string_view name, std::span<const std::by
 constexpr std::size_t value_record_size(std::size_t size) { return size + kValueRecordOverhead; }
 void encode_value(NodeId id, const Value& value, std::span<std::byte> record);
 
+// Replaces the revision in the sound record of a value, of this format version, and seals it again.
+void set_value_revision(NodeId id, Revision revision, std::span<std::byte> record);
+
 // The value's bytes point into `record`.
 Status decode_value(NodeId id, std::span<const std::byte> record, Value* value);
 

@@ -50,7 +50,8 @@ using NodeId = std::uint64_t;
 constexpr NodeId kNoNode = 0;  // the parent of the root
 constexpr NodeId kRootNode = 1;
 
-// The store sets the revision; that of a node which is to be written is ignored.
+// The store sets the revision; that of a node which is to be written is ignored. What an update itself has written has
+// none before the commit.
 struct Node {
   NodeId id = kNoNode;
   sec_attr security{};

@@ -11,6 +11,7 @@
 #include "store/etcd/commit.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/redo_log.h"
+#include "store/etcd/settled_view.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
 #include "store/record.h"
@@ -66,15 +67,46 @@ TEST_F(EtcdWriteSet, StagesWhatConcernsFreshNodesOnly) {
   writes_.put_node({10, "moved"}, Node{5, {}});
   writes_.put_value(11, value_record(11, "fresh"));
   writes_.put_value(5, value_record(5, "visible"));
-  const std::vector<TxnRequest> batches = writes_.take_staged();
+  const std::vector<TxnRequest> batches = writes_.take_staged(0);
   ASSERT_EQ(batches.size(), 1u);
   ASSERT_EQ(batches[0].success_size(), 2);
   EXPECT_EQ(batches[0].success(0).request_put().key(), keys_.node({10, "below"}));
   EXPECT_EQ(batches[0].success(1).request_put().key(), keys_.value(11));
   EXPECT_TRUE(writes_.is_staged({10, "below"}));
   EXPECT_FALSE(writes_.is_staged({1, "top"}));
-  EXPECT_TRUE(writes_.take_staged().empty());
+  EXPECT_TRUE(writes_.take_staged(0).empty());
   EXPECT_EQ(writes_.puts({}).size(), 3u);
+}
+
+TEST_F(EtcdWriteSet, GivesATicketToWhatIsSentAheadOnly) {
+  constexpr Revision kTicket = kTicketBit | 7;
+  writes_.add_fresh(10);
+  writes_.add_fresh(11);
+  writes_.put_node({10, "fresh"}, Node{11, {}, 5});
+  writes_.put_value(11, value_record(11, "fresh"));
+  writes_.put_node({5, "visible"}, Node{6, {}, 5});
+  writes_.put_value(6, value_record(6, "visible"));
+  const auto revisions = [this](const auto& operations) {
+    std::vector<Revision> found;
+    for (const RequestOp& operation : operations) {
+      const auto& [key, record] = std::pair(operation.request_put().key(), operation.request_put().value());
+      Node node;
+      Value value;
+      if (const auto place = keys_.parse_node(key)) {
+        EXPECT_TRUE(done(decode_node(place->parent, place->name, as_bytes(record), &node)));
+        found.push_back(node.revision);
+      } else {
+        EXPECT_TRUE(done(decode_value(*keys_.parse_value(key), as_bytes(record), &value)));
+        found.push_back(value.revision);
+      }
+    }
+    return found;
+  };
+  const std::vector<TxnRequest> staged = writes_.take_staged(kTicket);
+  ASSERT_EQ(staged.size(), 1u);
+  EXPECT_EQ(revisions(staged[0].success()), std::vector({kTicket, kTicket}));
+  EXPECT_EQ(revisions(writes_.puts({})), std::vector<Revision>({0, 0}));
+  EXPECT_EQ(revisions(writes_.puts({}, kTicket)), std::vector({kTicket, kTicket}));
 }
 
 TEST_F(EtcdWriteSet, DividesWhatIsStagedByCountAndBySize) {
@@ -82,10 +114,10 @@ TEST_F(EtcdWriteSet, DividesWhatIsStagedByCountAndBySize) {
     writes_.add_fresh(id);
     writes_.put_node({10, std::to_string(id)}, Node{id, {}});
   }
-  EXPECT_EQ(writes_.take_staged().size(), 3u);
+  EXPECT_EQ(writes_.take_staged(0).size(), 3u);
   const std::string large(kMaxTxnBytes / 2, 'x');
   for (NodeId id = 10; id < 13; ++id) writes_.put_value(id, large);
-  EXPECT_EQ(writes_.take_staged().size(), 3u) << "two of them do not fit one request";
+  EXPECT_EQ(writes_.take_staged(0).size(), 3u) << "two of them do not fit one request";
 }
 
 TEST_F(EtcdWriteSet, SaysWhenABatchIsFull) {
@@ -734,6 +766,133 @@ TEST_F(EtcdClaimant, BeginsAgainAsSoonAsItsClaimIsRemoved) {
   })));
   EXPECT_TRUE(removed);
   EXPECT_EQ(runs_, runs + 1);
+}
+
+// ---- revisions of what a large change has written
+
+class EtcdTicket : public EtcdParts {
+ protected:
+  static constexpr int kNodes = 300;
+
+  void SetUp() override {
+    for (NodeId id = 1000; id < 1000 + kNodes; ++id) put_node({3, std::to_string(id)}, id);
+  }
+
+  // A large change that cannot be carried out, since the session is cut off: it makes the first `batches` of it.
+  void decide(int batches) {
+    int rest = batches + 1;  // the decision is the first
+    kv_->before_txn = [&](const TxnRequest& request) {
+      const bool concerns = std::any_of(request.success().begin(), request.success().end(), [&](const RequestOp& each) {
+        return each.request_put().value().starts_with("state decided") ||
+               each.request_delete_range().key().starts_with(keys().all_claims().begin);
+      });
+      const bool is_cut = concerns && rest-- <= 0;
+      return is_cut ? Reply{Verdict::kFinal, Status(PRTKV_UNREACHABLE, "cut off"), false} : Reply();
+    };
+    EXPECT_TRUE(done(run([](Update& update) { return change_all(update); })));
+    kv_->before_txn = nullptr;
+    decided_at_ = kv_->mod_revision(keys().log());
+    EXPECT_EQ(kv_->count(keys().all_claims()), 1u);
+  }
+
+  static Status change_all(Update& update) {
+    Node node;
+    if (Status status = follow(update, "a.b", &node); !status.ok()) return status;
+    return update.children(3, [&](std::string_view name, const Node& child) -> Status {
+      if (Status status = update.set_security(3, name, {}); !status.ok()) return status;
+      return update.set_value(child.id, 3, bytes_of("changed"));
+    });
+  }
+
+  // The revisions of all nodes and values below "a.b", as a view shows them.
+  static Status collect(View& view, std::set<Revision>* revisions) {
+    revisions->clear();
+    std::vector<NodeId> ids;
+    Status status = view.children(3, [&](std::string_view, const Node& child) {
+      revisions->insert(child.revision);
+      ids.push_back(child.id);
+      return Status();
+    });
+    for (const NodeId id : ids) {
+      Value value;
+      if (status.ok()) status = view.value(id, &value);
+      revisions->insert(value.revision);
+    }
+    return status;
+  }
+
+  std::set<Revision> decided() const { return {static_cast<Revision>(decided_at_)}; }
+
+  std::int64_t decided_at_ = 0;
+};
+
+TEST_F(EtcdTicket, WhoeverCarriesADecisionOutTheKeysHaveItsRevision) {
+  decide(2);
+  Core other(std::make_unique<SharedKv>(*kv_), "/tkv/");
+  RangeResponse claims;
+  ASSERT_TRUE(kv_->range(get_all(keys().all_claims()), &claims, patience()).ok());
+  other.claims.learn(claims, kv_->revision());
+  ASSERT_TRUE(done(other.recovery.finish_all(*other.claims.known(), std::chrono::seconds(60))));
+  EXPECT_EQ(kv_->count(keys().all_plans()), 0u);
+  std::set<Revision> revisions;
+  RevisionView view(other, 0);
+  ASSERT_TRUE(done(collect(view, &revisions)));
+  EXPECT_EQ(revisions, decided());
+}
+
+TEST_F(EtcdTicket, AFormerStateShowsItBesideWhatIsNotCarriedOutYet) {
+  decide(2);
+  for (const std::int64_t at : {decided_at_, kv_->revision()}) {
+    SettledView past(*core_, at);
+    std::set<Revision> revisions;
+    ASSERT_TRUE(done(past.load()));
+    ASSERT_TRUE(done(collect(past, &revisions)));
+    EXPECT_EQ(revisions, decided()) << at;
+  }
+}
+
+TEST_F(EtcdTicket, IsRedeemedOnceInASession) {
+  ASSERT_TRUE(done(run([](Update& update) { return change_all(update); })));
+  Core other(std::make_unique<SharedKv>(*kv_), "/tkv/");
+  std::set<Revision> revisions;
+  const auto requests = [&] {
+    const int before = kv_->requests();
+    RevisionView view(other, kv_->revision());
+    EXPECT_TRUE(done(collect(view, &revisions)));
+    return kv_->requests() - before;
+  };
+  const int first = requests();
+  EXPECT_EQ(requests(), first - 1);
+  EXPECT_EQ(revisions, std::set{static_cast<Revision>(kv_->mod_revision(keys().log()))});
+}
+
+TEST_F(EtcdTicket, WithoutAKeyTheRevisionsAreThoseOfThePuts) {
+  ASSERT_TRUE(done(run([](Update& update) { return change_all(update); })));
+  std::vector<std::string> tickets = kv_->keys_of(keys().all_tickets());
+  ASSERT_EQ(tickets.size(), 1u);
+  kv_->erase(tickets[0]);
+  Core other(std::make_unique<SharedKv>(*kv_), "/tkv/");
+  Node node;
+  Value value;
+  RevisionView view(other, 0);
+  ASSERT_TRUE(done(view.find(3, "1000", &node)));
+  ASSERT_TRUE(done(view.value(1000, &value)));
+  EXPECT_EQ(node.revision, static_cast<Revision>(kv_->mod_revision(keys().node({3, "1000"}))));
+  EXPECT_EQ(value.revision, static_cast<Revision>(kv_->mod_revision(keys().value(1000))));
+}
+
+TEST_F(EtcdTicket, AChangeInOneTransactionHasNone) {
+  ASSERT_TRUE(done(run([](Update& update) { return update.set_value(3, 3, bytes_of("later")); })));
+  EXPECT_EQ(kv_->count(keys().all_tickets()), 0u);
+}
+
+TEST_F(EtcdTicket, AChangeThatIsGivenUpHasNone) {
+  const Status status = run([](Update& update) -> Status {
+    if (Status changed = change_all(update); !changed.ok()) return changed;
+    return PRTKV_ACCESS_DENIED;
+  });
+  EXPECT_TRUE(status.is(PRTKV_ACCESS_DENIED)) << status.text();
+  EXPECT_EQ(kv_->count(keys().all_tickets()), 0u);
 }
 
 // ---- recovery

@@ -67,7 +67,12 @@ bool FakeKv::holds(const Compare& compare) const {
 
 void FakeKv::read(const RangeRequest& request, std::int64_t now, RangeResponse* response) const {
   const std::int64_t at = request.revision() == 0 ? now : request.revision();
-  const auto keys = keys_of(request.key(), request.range_end(), at);
+  auto keys = keys_of(request.key(), request.range_end(), at);
+  if (request.sort_order() == RangeRequest::DESCEND && request.sort_target() == RangeRequest::CREATE) {
+    std::stable_sort(keys.begin(), keys.end(), [&](const std::string& left, const std::string& right) {
+      return version(left, at)->create_revision > version(right, at)->create_revision;
+    });
+  }
   response->mutable_header()->set_revision(now);
   response->set_count(static_cast<std::int64_t>(keys.size()));
   for (const std::string& key : keys) {

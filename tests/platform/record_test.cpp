@@ -132,6 +132,19 @@ TEST(Record, AValueComesBackAsItWas) {
   }
 }
 
+TEST(Record, AValueGetsAnotherRevision) {
+  for (const std::size_t size : {0u, 300u}) {
+    const std::string text(size, 'v');
+    std::vector<std::byte> record = value_record(9, -5, text);
+    set_value_revision(9, kRevision + 1, record);
+    Value value;
+    ASSERT_TRUE(decode_value(9, record, &value).ok()) << size;
+    EXPECT_EQ(value.revision, kRevision + 1);
+    EXPECT_EQ(value.type, -5);
+    EXPECT_EQ(value.bytes.size(), size);
+  }
+}
+
 // What a documented example says, as bytes.
 std::vector<std::byte> documented_bytes(const std::string& title) {
   const std::string digits = documented(title);

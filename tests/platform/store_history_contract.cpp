@@ -165,6 +165,107 @@ TEST_P(StoreHistoryContract, RecordsCarryTheRevisionOfTheirLastChange) {
   EXPECT_EQ(totals().values, 0u);
 }
 
+// Changes of more keys than any store writes in one step.
+class LargeChange {
+ public:
+  static constexpr std::size_t kKeys = 130;
+
+  // Of a node, of its place in the list of its parent's children, and of its value.
+  struct Revisions {
+    Revision node = 0;
+    Revision listed = 0;
+    Revision value = 0;
+
+    bool operator==(const Revisions&) const = default;
+  };
+
+  static std::string name(std::size_t key) { return "k" + std::to_string(key); }
+
+  NodeId id(std::size_t key) const { return ids_[key]; }
+  NodeId top() const { return top_; }
+
+  Status create(Update& update) {
+    if (Status status = update.new_id(&top_); !status.ok()) return status;
+    for (std::size_t key = 0; key < kKeys; ++key) {
+      if (Status status = update.new_id(&ids_[key]); !status.ok()) return status;
+      if (Status status = update.insert(top_, name(key), {.id = ids_[key]}); !status.ok()) return status;
+      if (Status status = update.set_value(ids_[key], 3, bytes_of("new")); !status.ok()) return status;
+    }
+    return update.insert(kRootNode, "top", {.id = top_});
+  }
+
+  Status rewrite(Update& update) const {
+    Node top;
+    if (Status status = update.find(kRootNode, "top", &top); !status.ok()) return status;
+    for (std::size_t key = 0; key < kKeys; ++key) {
+      Status status = update.set_security(top_, name(key), distinct_security(static_cast<int>(key)));
+      if (status.ok()) status = update.set_value(ids_[key], 3, bytes_of("rewritten"));
+      if (!status.ok()) return status;
+    }
+    return {};
+  }
+
+  Status read(View& view, std::vector<Revisions>* found) const {
+    found->assign(kKeys, {});
+    Node top;
+    if (Status status = view.find(kRootNode, "top", &top); !status.ok()) return status;
+    for (std::size_t key = 0; key < kKeys; ++key) {
+      Node node;
+      Value value;
+      if (Status status = view.find(top_, name(key), &node); !status.ok()) return status;
+      if (Status status = view.value(node.id, &value); !status.ok()) return status;
+      (*found)[key].node = node.revision;
+      (*found)[key].value = value.revision;
+    }
+    return view.children(top_, [&](std::string_view name, const Node& node) {
+      (*found)[std::stoul(std::string(name.substr(1)))].listed = node.revision;
+      return Status();
+    });
+  }
+
+  void expect(Store& store, const std::vector<Revisions>& wanted) const {
+    std::vector<Revisions> found;
+    EXPECT_TRUE(done(store.read([&](View& view) { return read(view, &found); })));
+    EXPECT_TRUE(found == wanted) << "read";
+    EXPECT_TRUE(done(store.read_all([&](View& view) { return read(view, &found); })));
+    EXPECT_TRUE(found == wanted) << "read_all";
+    EXPECT_TRUE(done(store.write([&](Update& update) { return read(update, &found); })));
+    EXPECT_TRUE(found == wanted) << "write";
+  }
+
+  void expect_at(Store& store, Revision at, const std::vector<Revisions>& wanted) const {
+    std::vector<Revisions> found;
+    EXPECT_TRUE(done(store.read_at(at, [&](View& view) { return read(view, &found); })));
+    EXPECT_TRUE(found == wanted) << "at revision " << at;
+  }
+
+ private:
+  std::vector<NodeId> ids_ = std::vector<NodeId>(kKeys);
+  NodeId top_ = kNoNode;
+};
+
+TEST_P(StoreHistoryContract, KeysOfALargeChangeReportTheRevisionOfThatChange) {
+  LargeChange large;
+  const Revision created = write([&](Update& update) { return large.create(update); });
+  const std::vector<LargeChange::Revisions> fresh(LargeChange::kKeys, {created, created, created});
+  large.expect(*store_, fresh);
+  const Revision changed = write([&](Update& update) { return large.rewrite(update); });
+  std::vector<LargeChange::Revisions> latest(LargeChange::kKeys, {changed, changed, changed});
+  large.expect(*store_, latest);
+  latest[7].value = set(large.id(7), "small");
+  latest[8].listed = latest[8].node = write(
+      [&](Update& update) { return update.set_security(large.top(), LargeChange::name(8), distinct_security(1)); });
+  large.expect(*store_, latest);
+  large.expect(*factory_->open_again(), latest);
+  large.expect_at(*store_, created, fresh);
+  large.expect_at(*store_, changed,
+                  std::vector<LargeChange::Revisions>(LargeChange::kKeys, {changed, changed, changed}));
+  EXPECT_TRUE(done(store_->read([&](View& view) {
+    ChangeRecord record;
+    return view.change(changed, &record);
+  }))) << "the log has it";
+}
+
 TEST_P(StoreHistoryContract, EveryRetainedStateReadsAsItWas) {
   std::map<Revision, std::string> states{{latest(), now()}};
   const auto keep = [&] { states[latest()] = now(); };

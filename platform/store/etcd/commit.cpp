@@ -134,7 +134,9 @@ Status Commit::repeat_with_claim_of(Paths paths) {
 
 Status Commit::stage_log() {
   RedoLog log;
-  for (RequestOp& operation : writes_.puts(reads_.childless())) {
+  Revision ticket = 0;
+  if (Status status = staging_.ticket(&ticket); !status.ok()) return status;
+  for (RequestOp& operation : writes_.puts(reads_.childless(), ticket)) {
     log.add(std::move(operation));
     if (Status status = staging_.show_progress(*reads_.claim()); !status.ok()) return status;
   }

@@ -19,6 +19,7 @@
 #include "store/etcd/requests.h"
 #include "store/etcd/session.h"
 #include "store/etcd/sweeper.h"
+#include "store/etcd/tickets.h"
 #include "store/etcd/writer.h"
 
 namespace tkv::store::etcd {
@@ -34,6 +35,7 @@ struct Core {
         ids(*kv, keys),
         writers(keys),
         claims(keys),
+        tickets(*kv, keys),
         recovery(*kv, keys, claims),
         sweeper(*kv, keys, recovery, sweeping),
         log(*kv, keys),
@@ -51,6 +53,7 @@ struct Core {
   IdSource ids;
   Writers writers;
   Claims claims;
+  Tickets tickets;
   Recovery recovery;
   Sweeper sweeper;
   ChangeLog log;

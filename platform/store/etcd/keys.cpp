@@ -52,6 +52,8 @@ std::string Keys::plan(std::string_view token, std::uint64_t number) const {
   return prefix_ + "plan/" + std::string(token) + "/" + digits(number);
 }
 
+std::string Keys::ticket(Revision ticket) const { return prefix_ + "tickets/" + digits(ticket); }
+
 KeyRange Keys::folder(std::string_view name) const {
   std::string begin = prefix_ + std::string(name);
   return {begin, after(begin)};

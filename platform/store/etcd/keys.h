@@ -12,6 +12,7 @@
 //   garbage/<id>                      a subtree that was unlinked and is still to be removed
 //   claims/<top's id>/<token>         a large change of a subtree: being prepared, or decided and being carried out
 //   plan/<token>/<number>             a batch of that change's redo log
+//   tickets/<ticket>                  that the large change was decided whose records carry this ticket, and when
 //
 // Ids are 16 hexadecimal digits, so that the keys of one parent are adjacent and in byte order of the names. Stored in
 // clusters: do not change.
@@ -61,6 +62,7 @@ class Keys {
   std::string staging(std::string_view token) const { return prefix_ + "staging/" + std::string(token); }
   std::string claim(NodeId top, std::string_view token) const;
   std::string plan(std::string_view token, std::uint64_t number) const;
+  std::string ticket(Revision ticket) const;
   std::string writer(std::string_view writer) const { return prefix_ + "txn/" + std::string(writer); }
 
   KeyRange all() const { return folder(""); }
@@ -72,6 +74,7 @@ class Keys {
   KeyRange all_writers() const { return folder("txn/"); }
   KeyRange all_claims() const { return folder("claims/"); }
   KeyRange all_plans() const { return folder("plan/"); }
+  KeyRange all_tickets() const { return folder("tickets/"); }
   KeyRange all_of_plan(std::string_view token) const { return folder("plan/" + std::string(token) + "/"); }
   KeyRange children(NodeId parent) const { return nodes_below(parent, parent); }
 
@@ -83,6 +86,7 @@ class Keys {
   std::optional<NodePlace> parse_node(std::string_view key) const;
   std::optional<NodeId> parse_value(std::string_view key) const { return parse_id(key, "v/"); }
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
+  std::optional<Revision> parse_ticket(std::string_view key) const { return parse_id(key, "tickets/"); }
   std::optional<ClaimPlace> parse_claim(std::string_view key) const;
   std::optional<std::string> parse_staging(std::string_view key) const;  // its token
   bool is_writer(std::string_view key) const;

@@ -29,7 +29,7 @@ constexpr std::size_t kPageBytes = std::size_t{2} << 20;
 constexpr std::size_t kMaxNodeEntryBytes = 1024;  // prefix, place, record, and what etcd adds
 constexpr std::int64_t kNodesPerPage = kPageBytes / kMaxNodeEntryBytes;
 constexpr std::int64_t kNodesAhead = 500;      // children read together with the one that is asked for
-constexpr std::int64_t kMarkersPerPage = 100;  // keys of staging, garbage and claims
+constexpr std::int64_t kMarkersPerPage = 100;  // keys of staging, garbage, claims and tickets
 constexpr std::int64_t kKeysPerSweep = 500;
 
 }  // namespace tkv::store::etcd

@@ -47,7 +47,7 @@ class Opening {
 };
 
 // The answers of look(), in order.
-enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kClaims, kLog };
+enum Found { kMeta, kMark, kRoot, kGarbage, kStaging, kClaims, kLog, kTickets };
 
 const RangeResponse& part(const TxnResponse& found, Found which) { return found.responses(which).response_range(); }
 
@@ -63,6 +63,11 @@ Status Opening::look(TxnResponse* found) {
   RangeRequest log = get_one(keys_.log());
   log.set_keys_only(true);
   add(std::move(log));
+  RangeRequest tickets = get_range(keys_.all_tickets(), kMarkersPerPage);
+  tickets.set_sort_target(RangeRequest::CREATE);
+  tickets.set_sort_order(RangeRequest::DESCEND);
+  tickets.set_keys_only(true);
+  add(std::move(tickets));
   return core_.kv->txn(request, found, core_.deadline()).status;
 }
 
@@ -130,6 +135,7 @@ Status Opening::take(const TxnResponse& found, bool* taken) {
   core_.ids.know(meta, damage.ok() ? record.mod_revision() : IdSource::kUnknown);
   core_.cache.put(root, seen_node(part(found, kRoot), root));
   core_.claims.learn(part(found, kClaims), found.header().revision());
+  core_.tickets.learn(part(found, kTickets));
   core_.sweeper.found(part(found, kGarbage), part(found, kStaging), part(found, kClaims));
   return {};
 }

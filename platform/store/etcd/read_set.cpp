@@ -59,6 +59,12 @@ Status ReadSet::make_room() {
   return full ? survey() : Status();
 }
 
+// Replaces a ticket by the revision that it stands for.
+Status ReadSet::redeem(Revision* revision, std::int64_t put_at) {
+  const Reply reply = core_.tickets.redeem(revision, put_at, run_.deadline());
+  return reply.ok() ? Status() : run_.fail(reply.status);
+}
+
 Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added) {
   if (Status status = claimant_.show_progress(); !status.ok()) return status;
   bool compared = !is_covered(place.parent);
@@ -70,6 +76,7 @@ Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, 
   if (surveying_) surveyed_.add(place.parent, lineage_);
   if (!validated) ++unvalidated_;
   if (seen.node) {
+    if (Status status = redeem(&seen.node->revision, seen.mod_revision); !status.ok()) return status;
     lineage_.add(place.parent, seen.node->id);
     if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
   }
@@ -147,6 +154,7 @@ Status ReadSet::get_value(NodeId id, Value* value) {
   read.mod_revision = response.kvs(0).mod_revision();
   read.record = std::move(*response.mutable_kvs(0));
   read.damage = decode_found_value(id, read.record, &read.value);
+  if (Status status = redeem(&read.value.revision, read.mod_revision); !status.ok()) return status;
   *value = read.value;
   return read.damage;
 }
@@ -340,10 +348,11 @@ Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
   while (true) {
     for (const KeyValue& record : page.kvs()) {
       const std::string_view name = std::string_view(record.key()).substr(before_name);
-      if (const Status damage = decode_node(parent, name, as_bytes(record.value()), &child); !damage.ok()) {
+      if (const Status damage = decode_found_node(parent, name, record, &child); !damage.ok()) {
         if (Status status = damaged(name, damage); !status.ok()) return status;
         continue;
       }
+      if (Status status = redeem(&child.revision, record.mod_revision()); !status.ok()) return status;
       if (const Claim* decided = claims_->decided_on(child.id)) return recover(*decided);
       if (claims_->has_decided()) lineage_.add(parent, child.id);  // nobody asks for it otherwise
       if (Status status = visit(name, child); !status.ok()) return status;

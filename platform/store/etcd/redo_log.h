@@ -1,4 +1,5 @@
 // A change too large for one transaction, recorded in batches, to be carried out once it is decided (see claims.h).
+// What the batches put has the revision of the decision, whoever carries them out and when (see tickets.h).
 //
 // Pure functions and a class that sends nothing.
 #ifndef TKV_PLATFORM_STORE_ETCD_REDO_LOG_H

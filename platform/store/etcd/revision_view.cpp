@@ -12,6 +12,12 @@ Status RevisionView::fail(const Reply& reply) {
   return reply.status;
 }
 
+// Replaces a ticket by the revision that it stands for.
+Status RevisionView::redeem(Revision* revision, std::int64_t put_at) {
+  const Reply reply = core_.tickets.redeem(revision, put_at, core_.deadline());
+  return reply.ok() ? Status() : fail(reply);
+}
+
 Status RevisionView::get(RangeRequest request, RangeResponse* response) {
   if (revision_ == 0) return get_first(request, response);
   request.set_revision(revision_);
@@ -56,7 +62,7 @@ Status RevisionView::find(NodeId parent, std::string_view name, Node* node) {
   if (!seen.damage.ok()) return seen.damage;
   if (!seen.node) return PRTKV_NO_SUCH_KEY;
   *node = *seen.node;
-  return {};
+  return redeem(&node->revision, seen.mod_revision);
 }
 
 Status RevisionView::value(NodeId id, Value* value) {
@@ -73,7 +79,8 @@ Status RevisionView::value(NodeId id, Value* value) {
     return {};
   }
   record_ = std::move(*record);
-  return decode_found_value(id, record_, value);
+  Status status = decode_found_value(id, record_, value);
+  return status.ok() ? redeem(&value->revision, record_.mod_revision()) : status;
 }
 
 // A node's entry never exceeds kMaxNodeEntryBytes, so a page of kNodesPerPage always fits a message.
@@ -103,7 +110,11 @@ Status RevisionView::list(NodeId parent, FunctionRef<Status(const Child& child)>
   }
   for (bool first = true;; first = false) {
     ahead_.listed(parent, page, first);
-    for (const Child& child : page.children) {
+    for (Child& child : page.children) {
+      if (child.seen.node) {
+        Status status = redeem(&child.seen.node->revision, child.seen.mod_revision);
+        if (!status.ok()) return status;
+      }
       if (Status status = visit(child); !status.ok()) return status;
     }
     if (page.complete || page.children.empty()) return {};

@@ -40,6 +40,7 @@ class RevisionView final : public View {
   Status get_first(const RangeRequest& request, RangeResponse* response);
   Status get_page(NodeId parent, std::string begin, ChildPage* page);
   Status look_ahead(NodeId id, Sought sought);
+  Status redeem(Revision* revision, std::int64_t put_at);
   Status fail(const Reply& reply);
 
   Core& core_;

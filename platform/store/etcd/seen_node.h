@@ -14,7 +14,8 @@
 
 namespace tkv::store::etcd {
 
-// Revision 0: nothing was there. A record that cannot be trusted has `damage` and no node.
+// Revision 0: nothing was there. The node's own revision may be a ticket (see tickets.h). A record that cannot be
+// trusted has `damage` and no node.
 struct SeenNode {
   std::int64_t mod_revision = 0;
   std::optional<Node> node;
@@ -33,7 +34,10 @@ inline constexpr auto kEndAtDamage = [](std::string_view name, const Status& dam
 SeenNode seen_node(const KeyValue& record, const NodePlace& place);
 SeenNode seen_node(const RangeResponse& response, const NodePlace& place);
 
-// Decodes a value's record. Its revision is the one at which it was put; the bytes point into the record.
+// The same of a node alone.
+Status decode_found_node(NodeId parent, std::string_view name, const KeyValue& record, Node* node);
+
+// Decodes a value's record. Its revision is the one at which it was put, or a ticket; the bytes point into the record.
 Status decode_found_value(NodeId id, const KeyValue& record, Value* value);
 
 }  // namespace tkv::store::etcd

@@ -32,23 +32,27 @@ Status SettledView::load_batches(const Claim& decided) {
     TxnRequest batch;
     if (Reply reply = core_.kv->range(request, &found, core_.deadline()); !reply.ok()) return reply.status;
     if (Status status = unseal_batch(number, found, &batch); !status.ok()) return status.about(about);
-    for (const RequestOp& operation : batch.success()) take_in(operation);
+    for (const RequestOp& operation : batch.success()) {
+      if (Status status = take_in(operation); !status.ok()) return status;
+    }
   }
   return {};
 }
 
 // A batch puts and removes single keys.
-void SettledView::take_in(const RequestOp& operation) {
+Status SettledView::take_in(const RequestOp& operation) {
   const bool puts = operation.has_request_put();
   const std::string& key = puts ? operation.request_put().key() : operation.request_delete_range().key();
   KeyValue record;
   record.set_mod_revision(revision_);
   if (puts) record.set_value(operation.request_put().value());
   if (const auto place = core_.keys.parse_node(key)) {
-    nodes_[*place] = puts ? seen_node(record, *place) : SeenNode{};
+    SeenNode& seen = nodes_[*place] = puts ? seen_node(record, *place) : SeenNode{};
+    if (seen.node) return core_.tickets.redeem(&seen.node->revision, revision_, core_.deadline()).status;
   } else if (const auto id = core_.keys.parse_value(key)) {
     values_[*id] = puts ? std::optional(std::move(record)) : std::nullopt;
   }
+  return {};
 }
 
 Status SettledView::find(NodeId parent, std::string_view name, Node* node) {
@@ -65,7 +69,9 @@ Status SettledView::value(NodeId id, Value* value) {
   const auto pending = values_.find(id);
   if (pending == values_.end()) return view_.value(id, value);
   *value = Value{};
-  return pending->second ? decode_found_value(id, *pending->second, value) : Status();
+  if (!pending->second) return {};
+  Status status = decode_found_value(id, *pending->second, value);
+  return status.ok() ? core_.tickets.redeem(&value->revision, revision_, core_.deadline()).status : status;
 }
 
 Status SettledView::visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged) {

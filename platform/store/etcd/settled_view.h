@@ -43,7 +43,7 @@ class SettledView final : public View {
   using Nodes = std::map<NodePlace, SeenNode>;  // without a node or damage: removed
 
   Status load_batches(const Claim& decided);
-  void take_in(const RequestOp& operation);
+  Status take_in(const RequestOp& operation);
   static Status visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged);
 
   Core& core_;

@@ -46,8 +46,17 @@ Status Staging::token_since(std::int64_t began, std::string* token) {
   return status;
 }
 
+Status Staging::ticket(Revision* ticket) {
+  Status status = begin();
+  if (!status.ok()) return status;
+  *ticket = ticket_ = ticket_of(build_->token());
+  return status;
+}
+
 void Staging::finish_in(TxnRequest* commit) const {
-  if (started()) build_->finish_in(commit);
+  if (!started()) return;
+  build_->finish_in(commit);
+  if (ticket_ != 0) put(commit->add_success(), core_.keys.ticket(ticket_), "");
 }
 
 Status Staging::new_id(NodeId* id) {
@@ -81,8 +90,9 @@ Status Staging::make_room(std::size_t bytes) { return writes_.has_room(bytes) ? 
 Status Staging::send() {
   if (Status status = run_.check(); !status.ok()) return status;
   run_.become_long();
-  if (Status status = begin(); !status.ok()) return status;
-  for (TxnRequest& batch : writes_.take_staged()) {
+  Revision ticket = 0;
+  if (Status status = this->ticket(&ticket); !status.ok()) return status;
+  for (TxnRequest& batch : writes_.take_staged(ticket)) {
     if (Status status = send(std::move(batch)); !status.ok()) return status;
   }
   return {};

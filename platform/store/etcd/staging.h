@@ -53,6 +53,9 @@ class Staging {
   // as it makes progress. The run repeats if the claim has been removed.
   Status show_progress(const Claim& claim);
 
+  // Gives the ticket for records that are sent before the commit (see tickets.h), which then puts its key.
+  Status ticket(Revision* ticket);
+
   // The redo log of a change, to be decided by the commit.
   Status send_log(std::vector<std::string> batches);
 
@@ -75,7 +78,8 @@ class Staging {
   WriteSet& writes_;
   std::optional<Owner> owner_;
   std::optional<Build> build_;
-  IdRange reserved_;  // taken for this build alone
+  Revision ticket_ = 0;  // 0: no record carries it
+  IdRange reserved_;     // taken for this build alone
   std::uint64_t block_size_ = kFirstBlock;
   std::chrono::steady_clock::time_point last_sent_;
 

@@ -171,6 +171,7 @@ Status Stm::find_written(const NodePlace& place, bool* written, std::optional<No
   if (Status status = reads_.read_fresh(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
   const SeenNode seen = seen_node(response, place);
   *node = seen.node;
+  if (*node) (*node)->revision = 0;  // not known before the commit
   return seen.damage;
 }
 
@@ -202,7 +203,9 @@ Status Stm::value_of_fresh(NodeId id, Value* value) {
   if (Status status = reads_.read_fresh(get_one(core_.keys.value(id)), &response); !status.ok()) return status;
   if (response.kvs_size() == 0) return {};
   fresh_value_ = std::move(*response.mutable_kvs(0)->mutable_value());
-  return decode_value(id, as_bytes(fresh_value_), value);
+  Status status = decode_value(id, as_bytes(fresh_value_), value);
+  value->revision = 0;
+  return status;
 }
 
 Status Stm::has_children(NodeId parent, bool* answer) {
@@ -251,7 +254,8 @@ Status Stm::list_fresh(NodeId parent, ListedNodes* children) {
     for (const KeyValue& record : page.kvs()) {
       const auto place = core_.keys.parse_node(record.key());
       if (!place) continue;
-      const SeenNode seen = seen_node(record, *place);
+      SeenNode seen = seen_node(record, *place);
+      if (seen.node) seen.node->revision = 0;
       children->push_back({place->name, seen.node, seen.damage});
     }
   }

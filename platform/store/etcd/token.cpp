@@ -3,6 +3,7 @@
 #include <sys/random.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
@@ -31,6 +32,13 @@ std::uint64_t number_of(std::string_view token) {
   if (!is_token(token)) return kNone;
   std::uint64_t number = kNone;
   std::from_chars(token.data(), token.data() + kNumberDigits, number, 16);
+  return number;
+}
+
+std::uint64_t random_part_of(std::string_view token) {
+  std::uint64_t number = 0;
+  token.remove_prefix(std::min(token.size(), kNumberDigits));
+  std::from_chars(token.data(), token.data() + token.size(), number, 16);
   return number;
 }
 

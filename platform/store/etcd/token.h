@@ -17,6 +17,9 @@ std::string numbered_token(std::uint64_t number);
 // The number that a token begins with, which of a random token means nothing. The largest one if there is none.
 std::uint64_t number_of(std::string_view token);
 
+// The number that the last 16 digits of a token are, which are random in every token.
+std::uint64_t random_part_of(std::string_view token);
+
 // Whether a text has the form of these tokens.
 bool is_token(std::string_view text);
 

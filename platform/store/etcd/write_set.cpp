@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <span>
 #include <utility>
 
 #include "store/etcd/limits.h"
@@ -71,28 +72,30 @@ bool WriteSet::has_room(std::size_t bytes) {
   return room;
 }
 
-RequestOp WriteSet::node_operation(const NodePlace& place, const std::optional<Node>& node) const {
+RequestOp WriteSet::node_operation(const NodePlace& place, const std::optional<Node>& node, Revision ticket) const {
   RequestOp operation;
   if (node) {
     put(&operation, keys_.node(place),
-        as_text(encode_node(place.parent, place.name, {node->id, node->security, 0, node->moves})));
+        as_text(encode_node(place.parent, place.name, {node->id, node->security, ticket, node->moves})));
   } else {
     erase(&operation, keys_.node(place));
   }
   return operation;
 }
 
-RequestOp WriteSet::value_operation(NodeId id, const std::optional<std::string>& record) const {
+RequestOp WriteSet::value_operation(NodeId id, const std::optional<std::string>& record, Revision ticket) const {
   RequestOp operation;
   if (record) {
-    put(&operation, keys_.value(id), *record);
+    std::string with_ticket = *record;
+    if (ticket != 0) set_value_revision(id, ticket, std::as_writable_bytes(std::span(with_ticket)));
+    put(&operation, keys_.value(id), std::move(with_ticket));
   } else {
     erase(&operation, keys_.value(id));
   }
   return operation;
 }
 
-std::vector<TxnRequest> WriteSet::take_staged() {
+std::vector<TxnRequest> WriteSet::take_staged(Revision ticket) {
   std::vector<TxnRequest> batches;
   std::size_t bytes = 0;
   const auto add = [&](RequestOp operation, std::size_t size) {
@@ -106,14 +109,14 @@ std::vector<TxnRequest> WriteSet::take_staged() {
   std::erase_if(nodes_, [&](const auto& each) {
     const auto& [place, node] = each;
     if (!can_be_staged(place, node)) return false;
-    add(node_operation(place, node), kOperationOverhead);
+    add(node_operation(place, node, ticket), kOperationOverhead);
     staged_.insert(hash_of(place));
     return true;
   });
   std::erase_if(values_, [&](const auto& each) {
     const auto& [id, record] = each;
     if (!is_fresh(id)) return false;
-    add(value_operation(id, record), kOperationOverhead + (record ? record->size() : 0));
+    add(value_operation(id, record, ticket), kOperationOverhead + (record ? record->size() : 0));
     return true;
   });
   return batches;
@@ -131,12 +134,12 @@ std::vector<std::string> WriteSet::garbage(const std::set<NodeId>& childless) co
   return keys;
 }
 
-std::vector<RequestOp> WriteSet::puts(const std::set<NodeId>& childless) const {
+std::vector<RequestOp> WriteSet::puts(const std::set<NodeId>& childless, Revision ticket) const {
   std::vector<RequestOp> operations;
-  for (const auto& [place, node] : nodes_) operations.push_back(node_operation(place, node));
-  for (const auto& [id, record] : values_) operations.push_back(value_operation(id, record));
+  for (const auto& [place, node] : nodes_) operations.push_back(node_operation(place, node, ticket));
+  for (const auto& [id, record] : values_) operations.push_back(value_operation(id, record, ticket));
   for (const NodeId id : discarded_) {
-    if (is_removed_at_once(id, childless)) operations.push_back(value_operation(id, {}));
+    if (is_removed_at_once(id, childless)) operations.push_back(value_operation(id, {}, ticket));
   }
   for (std::string& key : garbage(childless)) put(&operations.emplace_back(), std::move(key), "");
   return operations;

@@ -75,22 +75,22 @@ class WriteSet {
   // begins anew.
   bool has_room(std::size_t bytes);
 
-  // Takes out all that can be staged, in transactions of up to one batch.
-  std::vector<TxnRequest> take_staged();
+  // Takes out all that can be staged, in transactions of up to one batch, with this ticket (see tickets.h).
+  std::vector<TxnRequest> take_staged(Revision ticket);
 
   // --- Commit
 
   // The operations that make all visible writes. Discarded nodes known to have no children are removed at once; for
-  // the others a garbage key is put.
-  std::vector<RequestOp> puts(const std::set<NodeId>& childless) const;
+  // the others a garbage key is put. `ticket` is for operations that are not made by the deciding transaction itself.
+  std::vector<RequestOp> puts(const std::set<NodeId>& childless, Revision ticket = 0) const;
 
   // Those garbage keys.
   std::vector<std::string> garbage(const std::set<NodeId>& childless) const;
 
  private:
   static std::size_t hash_of(const NodePlace& place);
-  RequestOp node_operation(const NodePlace& place, const std::optional<Node>& node) const;
-  RequestOp value_operation(NodeId id, const std::optional<std::string>& record) const;
+  RequestOp node_operation(const NodePlace& place, const std::optional<Node>& node, Revision ticket) const;
+  RequestOp value_operation(NodeId id, const std::optional<std::string>& record, Revision ticket) const;
   bool is_removed_at_once(NodeId discarded, const std::set<NodeId>& childless) const;
 
   const Keys& keys_;
