@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <unordered_map>
 #include <utility>
 
 #include "registry/change_filter.h"
@@ -33,47 +32,6 @@ std::string host_name() {
 Status not_retained(Revision revision) {
   return {PRTKV_INVALID_ARGUMENT, "change " + std::to_string(revision) + " is not retained"};
 }
-
-// Conditions on revisions of keys that have later ones in the present. Shown the log since the state that the
-// conditions were found in, it tells which of these keys were changed since, whatever they were called at that time.
-class LateRevisions {
- public:
-  // The condition must live as long as this object.
-  void add(Condition* condition, Revision present) {
-    late_.emplace(condition->id, Late{condition, present, condition->name});
-  }
-
-  bool empty() const { return late_.empty(); }
-
-  // Leaves the conditions on keys that the change has changed as they are. Call with each change, in their order.
-  void remove_changed_in(const ChangeRecord& record) {
-    std::erase_if(late_, [&](const auto& each) { return each.second.present == record.revision; });
-    for (const Change& change : record.changes) remove_changed_by(change);
-  }
-
-  // Makes the others expect what is there.
-  void accept() const {
-    for (const auto& [id, late] : late_) late.condition->revision = late.present;
-  }
-
- private:
-  struct Late {
-    Condition* condition;
-    Revision present;
-    std::string name;  // after the changes that were shown
-  };
-
-  void remove_changed_by(const Change& change) {
-    late_.erase(change.id);
-    if (change.kind == Change::Kind::kChangedAtOrBelow) {
-      std::erase_if(late_, [&](const auto& each) { return is_within(each.second.name, change.name); });
-    } else if (change.kind == Change::Kind::kMoved) {
-      for (auto& [id, late] : late_) late.name = moved_name(late.name, change.from, change.name);
-    }
-  }
-
-  std::unordered_multimap<KeyId, Late> late_;
-};
 
 }  // namespace
 
@@ -125,39 +83,10 @@ Status LocalHistory::find_change(Revision revision, ChangeRecord* record) {
 Status LocalHistory::plan_undo_of(Revision revision, Batch* inverse) {
   ChangeRecord record;
   if (Status status = find_change(revision, &record); !status.ok()) return status;
-  Status planned = read_past(store_, identity_, record.revision - 1, [&](Reader& before) {
+  return read_past(store_, identity_, record.revision - 1, [&](Reader& before) {
     return read_past(store_, identity_, record.revision,
                      [&](Reader& after) { return plan_undo(before, after, record, inverse); });
   });
-  return planned.ok() ? expect_present(record.revision, inverse) : planned;
-}
-
-// On a store that carries out a large change piece by piece, once it is decided, the keys get later revisions than that
-// of the change, which the log does not have. Unless it tells of a later change of such a key, the present revision is
-// as good.
-Status LocalHistory::expect_present(Revision undone, Batch* inverse) {
-  LateRevisions late;
-  const auto compare = [&](store::View& view) -> Status {
-    late = LateRevisions();
-    Reader present(view, identity_);
-    for (Condition& condition : inverse->conditions) {
-      if (condition.kind != Condition::Kind::kRevision) continue;
-      KeyInfo info;
-      const bool found =
-          present.stat_briefly({condition.name, condition.id}, &info).ok();  // if not, the batch tells why
-      if (found && info.revision > condition.revision) late.add(&condition, info.revision);
-    }
-    return {};
-  };
-  if (Status status = store_.read(compare); !status.ok() || late.empty()) return status;
-  LogPosition position;
-  const auto visit = [&](const ChangeRecord& record) -> Status {
-    late.remove_changed_in(record);
-    return {};
-  };
-  Status status = store_.changes({.after = undone, .only_complete = true}, visit, &position);
-  if (status.ok() && position.complete) late.accept();
-  return status;
 }
 
 // The ids of all keys that had a name in the retained past, or have it in the state of `present`.

@@ -33,7 +33,6 @@ class LocalHistory {
 
  private:
   Status find_change(Revision revision, ChangeRecord* record);
-  Status expect_present(Revision undone, Batch* inverse);
   Status find_bearers(store::View& present, std::string_view name, std::set<KeyId>* ids);
   Status demand_purge(store::View& present, std::string_view name, const std::set<KeyId>& bearers) const;
 
