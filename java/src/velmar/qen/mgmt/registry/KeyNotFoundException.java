@@ -13,4 +13,10 @@ public final class KeyNotFoundException extends RegistryException {
     public KeyNotFoundException(String key, String message) {
         super(ResultCode.NO_SUCH_KEY, key, message);
     }
+
+    /** Returns the exception for a key that was found to be absent. */
+    static KeyNotFoundException of(String key) {
+        String message = RegistryException.message(ResultCode.NO_SUCH_KEY, "key '" + key + "' does not exist");
+        return new KeyNotFoundException(key, message);
+    }
 }

@@ -1,58 +1,51 @@
 package velmar.qen.mgmt.registry;
 
 import java.util.List;
-import java.util.Map;
-import java.util.Optional;
-import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * What an open registry knows of the keys that it has read: their values, and the names of their subkeys.
  *
- * <p>Each entry is labelled with the number of the state that it was read from, and counts only as long as that is the
- * latest one: any change of the registry, by whichever process, outdates all entries at once. Rights are part of the
- * state, so what a session could read in it, it may still read.
+ * <p>All of it was read from one state, and counts only as long as that is the latest one: any change of the registry, by
+ * whichever process, outdates everything at once. Rights are part of the state, so what a session could read in it, it
+ * may still read. What is read from a new state takes the place of all that was known.
  *
- * <p>The entries are in two generations. A key that is read moves to the younger one. When that has reached half of the
+ * <p>The keys are in two generations. A key that is read moves to the younger one. When that has reached half of the
  * largest weight, it becomes the older one, and the former older one is dropped. Until there is an older generation, each
  * key that is read is taken in. From then on, a key is taken in when it is read for the second time, so that reading many
  * keys once displaces nothing.
  *
- * <p>Any thread may call any method. Reading what is known takes no lock and writes nothing that threads share.
+ * <p>Any thread may call any method. Reading what is known takes no lock and writes nothing that threads share. A thread
+ * that finds another one adding a key does not wait, and leaves out its own, until that is read again.
  */
 final class KnownKeys {
+    /** The value of a key that does not exist. No key has this very object. */
+    static final Value ABSENT = new Value.None();
+
     /** In bytes, about; an eighth of a small heap. */
     private static final long LARGEST_WEIGHT = Math.min(64L << 20, Runtime.getRuntime().maxMemory() / 8);
-    /** What an entry takes besides the characters of its key and its content. */
-    private static final int ENTRY_WEIGHT = 200;
+    /** What a key takes besides the characters of its name and its content. */
+    private static final int KEY_WEIGHT = 200;
     private static final int ELEMENT_WEIGHT = 56;
-    /** An entry that takes more than this part of the largest weight is not taken in. */
+    /** A key that takes more than this part of the largest weight is not taken in. */
     private static final int LARGEST_SHARE = 8;
+    /** In place of a generation that there is not. */
+    private static final KeyTable NONE = new KeyTable(0);
 
     /**
-     * What was read of a key in a state. A part that was not read weighs nothing, and is null; so is the value of a key
-     * that does not exist. The value is not an {@link Optional}, which would be one more object to fetch on each read.
+     * The content of a key whose subkeys are known; the value is null if it is not known. The content of any other key is
+     * its value alone, so that there is one object less to fetch.
      */
-    private record Known(long state, Value value, long valueWeight, List<String> subkeys, long subkeysWeight) {
-        boolean hasValue() {
-            return valueWeight != 0;
-        }
-
-        long weight() {
-            return valueWeight + subkeysWeight;
-        }
-    }
-
-    private static final Known NOTHING = new Known(0, null, 0, null, 0);
-    /** In place of an older generation. */
-    private static final Map<String, Known> NONE = Map.of();
+    private record Parent(Value value, List<String> subkeys) {}
 
     private final LatestState latest;
     private final long largestWeight;
+    /** Held by the thread that adds a key. */
+    private final ReentrantLock adding = new ReentrantLock();
+    /** Guarded by adding. */
     private final SeenNames seen = new SeenNames();
-    private final AtomicLong weight = new AtomicLong();  // of the younger generation
-    private volatile Map<String, Known> younger = new ConcurrentHashMap<>();
-    private volatile Map<String, Known> older = NONE;
+    private volatile KeyTable younger = NONE;
+    private volatile KeyTable older = NONE;
 
     KnownKeys(LatestState latest) {
         this(latest, LARGEST_WEIGHT);
@@ -63,55 +56,66 @@ final class KnownKeys {
         this.largestWeight = largestWeight;
     }
 
-    /** Returns the value of a key, which is empty if there is no such key; null if that is not known. */
-    Optional<Value> value(String name) {
-        Known known = find(name);
-        return known == null || !known.hasValue() ? null : Optional.ofNullable(known.value);
+    /** Returns the value of a key, {@link #ABSENT} if there is no such key; null if that is not known. */
+    Value value(String name) {
+        return valueIn(find(name));
+    }
+
+    private static Value valueIn(Object content) {
+        return content instanceof Parent parent ? parent.value : (Value) content;
     }
 
     /** Returns whether there is a key; null if that is not known. */
     Boolean exists(String name) {
-        Optional<Value> value = value(name);
-        return value == null ? null : value.isPresent();
+        Value value = value(name);
+        return value == null ? null : value != ABSENT;
     }
 
     /** Returns the names of a key's subkeys; null if they are not known. */
     List<String> subkeys(String name) {
-        Known known = find(name);
-        return known == null ? null : known.subkeys;
+        return subkeysIn(find(name));
     }
 
-    /** The state is read after the entry: what is returned was so when this method was called, or later. */
-    private Known find(String name) {
-        Known known = younger.get(name);
-        if (known != null) {
-            return known.state == latest.number() ? known : null;
+    private static List<String> subkeysIn(Object content) {
+        return content instanceof Parent parent ? parent.subkeys : null;
+    }
+
+    /** The state is read after the content: what is returned was so when this method was called, or later. */
+    private Object find(String name) {
+        KeyTable generation = younger;
+        Object content = generation.find(name);
+        if (content != null) {
+            return generation.state == latest.number() ? content : null;
         }
-        known = older.get(name);
-        if (known == null || known.state != latest.number()) {
+        generation = older;
+        content = generation.find(name);
+        if (content == null || generation.state != latest.number()) {
             return null;
         }
-        if (younger.putIfAbsent(name, known) == null) {
-            grow(weightOf(name, known));
+        rejuvenate(name, generation);
+        return content;
+    }
+
+    private void rejuvenate(String name, KeyTable generation) {
+        if (adding.tryLock()) {
+            try {
+                if (generation == older && younger.find(name) == null) {
+                    add(name, generation.find(name), generation.weightOf(name));
+                }
+            } finally {
+                adding.unlock();
+            }
         }
-        return known;
     }
 
     /** Notes what was read in a state; 0 if that is not certain. The size is that of what was read, in bytes. */
-    void note(String name, long state, Optional<Value> value, int size) {
-        if (isWanted(name, state)) {
-            Known known = knownIn(state, name);
-            long valueWeight = size + elementsWeight(value.orElse(null));
-            put(name, new Known(state, value.orElse(null), valueWeight, known.subkeys, known.subkeysWeight));
-        }
+    void note(String name, long state, Value value, int size) {
+        note(name, state, value, null, size + elementsWeight(value));
     }
 
     /** Notes what was read in a state; 0 if that is not certain. The size is that of what was read, in bytes. */
     void note(String name, long state, List<String> subkeys, int size) {
-        if (isWanted(name, state)) {
-            Known known = knownIn(state, name);
-            put(name, new Known(state, known.value, known.valueWeight, subkeys, size + elementsWeight(subkeys)));
-        }
+        note(name, state, null, subkeys, size + elementsWeight(subkeys));
     }
 
     private static long elementsWeight(Value value) {
@@ -122,45 +126,51 @@ final class KnownKeys {
         return (long) ELEMENT_WEIGHT * texts.size();
     }
 
+    private void note(String name, long state, Value value, List<String> subkeys, long more) {
+        long all = KEY_WEIGHT + name.length() + more;
+        if (state == 0 || all > largestWeight / LARGEST_SHARE || !adding.tryLock()) {
+            return;
+        }
+        try {
+            if (isWanted(name, state)) {
+                Object former = younger.find(name);
+                Object content = joined(former, value, subkeys);
+                if (!content.equals(former)) {
+                    add(name, content, (int) (former == null ? all : more));
+                }
+            }
+        } finally {
+            adding.unlock();
+        }
+    }
+
+    private static Object joined(Object former, Value value, List<String> subkeys) {
+        Value itsValue = value != null ? value : valueIn(former);
+        List<String> itsSubkeys = subkeys != null ? subkeys : subkeysIn(former);
+        return itsSubkeys == null ? itsValue : new Parent(itsValue, itsSubkeys);
+    }
+
     private boolean isWanted(String name, long state) {
-        return state != 0
-                && (older == NONE || younger.containsKey(name) || older.containsKey(name) || seen.wasSeen(name));
-    }
-
-    private Known knownIn(long state, String name) {
-        Known known = younger.get(name);
-        return known != null && known.state == state ? known : NOTHING;
-    }
-
-    private void put(String name, Known known) {
-        long itsWeight = weightOf(name, known);
-        if (itsWeight <= largestWeight / LARGEST_SHARE) {
-            Known former = younger.put(name, known);
-            grow(itsWeight - (former == null ? 0 : weightOf(name, former)));
+        if (younger.state != state) {
+            if (state != latest.number()) {
+                return false;
+            }
+            older = NONE;
+            younger = new KeyTable(state);
         }
+        return older == NONE || younger.find(name) != null || older.find(name) != null || seen.wasSeen(name);
     }
 
-    private static long weightOf(String name, Known known) {
-        return ENTRY_WEIGHT + name.length() + known.weight();
-    }
-
-    private void grow(long more) {
-        if (weight.addAndGet(more) > largestWeight / 2) {
-            beginGeneration();
-        }
-    }
-
-    private synchronized void beginGeneration() {
-        if (weight.get() > largestWeight / 2) {
+    private void add(String name, Object content, int weight) {
+        younger.put(name, content, weight);
+        if (younger.weight() > largestWeight / 2) {
             older = younger;
-            younger = new ConcurrentHashMap<>();
-            weight.set(0);
+            younger = new KeyTable(older.state);
         }
     }
 
-    /** Returns the weight of all entries, about. */
+    /** Returns the weight of all keys, about. */
     long weight() {
-        long ofOlder = older.entrySet().stream().mapToLong(each -> weightOf(each.getKey(), each.getValue())).sum();
-        return weight.get() + ofOlder;
+        return younger.weight() + older.weight();
     }
 }

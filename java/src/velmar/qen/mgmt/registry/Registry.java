@@ -227,7 +227,18 @@ public final class Registry extends NativeReader implements AutoCloseable {
 
     @Override
     public Optional<Value> findValue(String name) {
-        return read(name, KnownKeys::value, Registry::readValue);
+        Value value = read(name, KnownKeys::value, Registry::readValue);
+        return value == KnownKeys.ABSENT ? Optional.empty() : Optional.of(value);
+    }
+
+    /** Creates no object if the value is known. */
+    @Override
+    public Value value(String name) {
+        Value value = read(name, KnownKeys::value, Registry::readValue);
+        if (value == KnownKeys.ABSENT) {
+            throw KeyNotFoundException.of(name);
+        }
+        return value;
     }
 
     @Override
@@ -263,9 +274,9 @@ public final class Registry extends NativeReader implements AutoCloseable {
         }
     }
 
-    private Optional<Value> readValue(String name, KnownKeys keys) {
+    private Value readValue(String name, KnownKeys keys) {
         if (keys == null) {
-            return super.findValue(name);
+            return super.findValue(name).orElse(KnownKeys.ABSENT);
         }
         byte[] reply;
         try {
@@ -275,7 +286,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
         }
         DataReader found = Reply.checked(reply, name);
         long state = found.word64AtEnd();
-        Optional<Value> value = found.atEnd() ? Optional.empty() : Optional.of(found.valueToEnd(found.word32()));
+        Value value = found.atEnd() ? KnownKeys.ABSENT : found.valueToEnd(found.word32());
         keys.note(name, state, value, reply.length);
         return value;
     }

@@ -90,7 +90,7 @@ public interface RegistryReader {
      * @throws MissingRightException if the session may not read the key
      */
     default Value value(String name) {
-        return findValue(name).orElseThrow(() -> absent(name));
+        return findValue(name).orElseThrow(() -> KeyNotFoundException.of(name));
     }
 
     /**
@@ -524,10 +524,5 @@ public interface RegistryReader {
             throw new WrongTypeException(name, Readings.phrase(value), wanted);
         }
         return read;
-    }
-
-    private static KeyNotFoundException absent(String name) {
-        int code = ResultCode.NO_SUCH_KEY;
-        return new KeyNotFoundException(name, RegistryException.message(code, "key '" + name + "' does not exist"));
     }
 }

@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeFalse;
@@ -23,7 +24,6 @@ import java.util.ArrayList;
 import java.util.Collections;
 import java.util.List;
 import java.util.Map;
-import java.util.Optional;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
@@ -443,8 +443,8 @@ class KnownKeysTest extends OpenRegistry {
         return LatestState.of(registry.registry, NativeReader.CLEANER);
     }
 
-    private static Optional<Value> value(int number) {
-        return Optional.of(new Value.Int32(number));
+    private static Value value(int number) {
+        return new Value.Int32(number);
     }
 
     /** Returns a table that has an older generation, and thus no room for keys that are read once. */
@@ -466,13 +466,38 @@ class KnownKeysTest extends OpenRegistry {
             keys.note("k" + i, state, value(i), 8);
             assertEquals(value(i), keys.value("k" + i));
         }
-        keys.note("absent", state, Optional.empty(), 8);
-        assertEquals(Optional.empty(), keys.value("absent"));
+        keys.note("absent", state, KnownKeys.ABSENT, 8);
+        assertSame(KnownKeys.ABSENT, keys.value("absent"));
         assertFalse(keys.exists("absent"));
         assertTrue(keys.exists("k0"));
         assertNull(keys.exists("unknown"));
         keys.note("list", state, List.of("a"), 8);
         assertEquals(List.of("a"), keys.subkeys("list"));
+    }
+
+    @Test
+    void aKeyWithoutAValueDiffersFromOneThatDoesNotExist() {
+        KnownKeys keys = table();
+        long state = latest().number();
+        keys.note("k", state, new Value.None(), 8);
+        keys.note("absent", state, KnownKeys.ABSENT, 8);
+        for (String name : List.of("k", "absent")) {
+            keys.note(name, state, List.of(), 8);
+            assertEquals(List.of(), keys.subkeys(name));
+        }
+        assertTrue(keys.exists("k"));
+        assertFalse(keys.exists("absent"));
+    }
+
+    @Test
+    void whatIsKnownOfAFormerStateMakesRoom() {
+        KnownKeys keys = fullTable();
+        long weight = keys.weight();
+        registry.put(below("elsewhere"), 1);
+        long state = latest().number();
+        keys.note("k", state, value(1), 8);
+        assertEquals(value(1), keys.value("k"), "the first key of a state");
+        assertTrue(keys.weight() < weight / 10, () -> "a weight of " + keys.weight());
     }
 
     @Test
@@ -501,9 +526,9 @@ class KnownKeysTest extends OpenRegistry {
         keys.note("k", state, List.of("a"), 8);
         assertEquals(List.of("a"), keys.subkeys("k"));
         assertEquals(value(1), keys.value("k"), "what was known of the same state stays");
-        keys.note("absent", state, Optional.empty(), 8);
-        keys.note("absent", state, Optional.empty(), 8);
-        assertEquals(Optional.empty(), keys.value("absent"));
+        keys.note("absent", state, KnownKeys.ABSENT, 8);
+        keys.note("absent", state, KnownKeys.ABSENT, 8);
+        assertSame(KnownKeys.ABSENT, keys.value("absent"));
     }
 
     @Test
@@ -550,9 +575,9 @@ class KnownKeysTest extends OpenRegistry {
         List<String> texts = Collections.nCopies(1_000, "t");
         int size = 2 * texts.size();
         for (int i = 0; i < UNTIL_KNOWN; i++) {
-            keys.note("value", state, Optional.of(new Value.TextList(texts)), size);
+            keys.note("value", state, new Value.TextList(texts), size);
             keys.note("subkeys", state, texts, size);
-            keys.note("text", state, Optional.of(new Value.Text("t".repeat(size))), size);
+            keys.note("text", state, new Value.Text("t".repeat(size)), size);
         }
         assertNull(keys.value("value"), "a small value of many texts");
         assertNull(keys.subkeys("subkeys"));
