@@ -35,8 +35,9 @@ JAVA = {  # the columns without a figure: those that have no such thing
 }
 NATIVE = {**{row: set() for row in JAVA}, "open and close a key": {"lmdb"}, "trace line, tracing off": {"lmdb"}}
 COMPARED = ["tkv", "registry", "lmdb", "prefs"]
-READERS = {"one reader": set(), "two readers at once, each": {"tkv"}, "while another process writes": {"prefs"},
-           "while another process writes, always the same key": {"prefs"}}
+AT_ONCE = {"one reader": set(), "two readers at once, each": {"tkv"}}
+SIXTEEN = {"16 readers at once, all together": {"tkv"}}
+BESIDE_A_WRITER = {"while another process writes": {"prefs"}, "while another process writes, always the same key": {"prefs"}}
 SERIES = {  # the plots: their rows, and the columns without a figure
     "keys": ("Java, read a random key", COMPARED, {"50 keys": set(), "200 keys": set()}),
     "depths": ("Java, read a random key of 50", COMPARED, {"2 levels": set(), "5 levels": set()}),
@@ -113,9 +114,10 @@ class QuickRun(unittest.TestCase):
         self.assertEqual(len(row["cells"]["tkv"]), 3, "one value for each window")
         self.assertGreater(min(row["cells"]["tkv"]), 0)
 
-    def test_measures_two_readers_and_reading_beside_a_writer(self):
-        self.check_table("Java, read, random of 200", COMPARED, READERS)
-        self.check_table("native, read, random of 200", ["tkv", "lmdb"], {row: set() for row in READERS})
+    def test_measures_several_readers_and_reading_beside_a_writer(self):
+        self.check_table("Java, read, random of 200", COMPARED, {**AT_ONCE, **SIXTEEN, **BESIDE_A_WRITER})
+        self.check_table("native, read, random of 200", ["tkv", "lmdb"],
+                         {row: set() for row in (*AT_ONCE, *BESIDE_A_WRITER)})
 
     def test_measures_processes_that_write_at_the_same_time(self):
         self.check_table("Java, durable write by any of", ["tkv", "registry", "lmdb"],
@@ -167,6 +169,7 @@ class QuickRun(unittest.TestCase):
         text = document.read_text()
         self.assertNotIn("Not measured yet", text)
         self.assertIn("figures of etcd", text)
+        self.assertRegex(text, r"Together, 16 readers read `registry` \d+\.\d\d, `lmdb` \d+\.\d\d, `prefs` \d+\.\d\d times as fast as one\.")
         self.assertRegex(text, r"A durable write with history takes \d+\.\d\d times as long as one without\.")
         self.assertRegex(text, rf"\| read, random of 200 \| {FIGURE} \({FIGURE}\) \|")
         for name in SERIES:

@@ -9,6 +9,9 @@ JAVA_SCENARIOS = ["read-same", "read-group", "read-all", "list", "write", "open-
 NATIVE_SCENARIOS = JAVA_SCENARIOS + ["trace-off"]
 # Iterations of a scenario under the instruction counter. A second process runs twice as many; the difference counts.
 COUNTED = {"read-same": 2000, "read-group": 2000, "read-all": 2000, "open-key": 2000, "list": 20, "trace-off": 20000}
+# Readers at once in one process, and what measures them: the time of one read, or from one read to the next of any.
+ALONE, SIXTEEN = "one reader", "16 readers at once, all together"
+READERS = {ALONE: "read-all", "two readers at once, each": "read-two"}
 SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use one store at once
 
 MIB = 2**20
@@ -48,7 +51,7 @@ class Plan:
         return Dataset(self.groups, self.keys)
 
     def times(self, dataset, *scenarios):
-        reads_many = {"read-all", "read-two"} & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
+        reads_many = {"read-all", "read-two", "read-sixteen"} & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
         warm_up = self.warm_up_of_many_ms if reads_many else self.warm_up_ms
         return ["--warm-up-ms", str(warm_up), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
 
@@ -123,31 +126,30 @@ class Experiments:
         return [table]
 
     def readers(self):
-        """One reader, two at once, and one beside a process that writes, in Java and natively."""
+        """Readers, alone and at once, and one beside a process that writes, in Java and natively."""
         with Stores(self.programs, self.plan.dataset(), self.compared) as stores:
-            return [self.disturbed_reads("Java", "readers", self.compared, stores.java),
-                    self.disturbed_reads("native", "native-readers", ["tkv", "lmdb"], stores.native)]
+            return [self.readings("Java", "readers", self.compared, stores.java, {**READERS, SIXTEEN: "read-sixteen"}),
+                    self.readings("native", "native-readers", ["tkv", "lmdb"], stores.native, READERS)]
 
-    def disturbed_reads(self, title, name, peers, command):
+    def readings(self, title, name, peers, command, readers):
         table = Table(name, f"{title}, {self.plan.label('read-all')}", peers)
-        alone, two, beside = "one reader", "two readers at once, each", "while another process writes"
-        same = f"{beside}, always the same key"
-        for label in (alone, two, beside, same):
+        beside = {"while another process writes": "read-all",
+                  "while another process writes, always the same key": "read-same"}
+        for label in (*readers, *beside):
             table.add_row(label)
 
-        def measure(label, peer, scenario):
-            times = self.plan.times(self.plan.dataset(), scenario)
-            answer = self.programs.run(command(peer, [scenario], times))
-            table.add(label, peer, values_of(answer[scenario]))
+        def measure(peer, scenarios):
+            for label, scenario in scenarios.items():
+                times = self.plan.times(self.plan.dataset(), scenario)
+                answer = self.programs.run(command(peer, [scenario], times))
+                table.add(label, peer, values_of(answer[scenario]))
 
         for peer in peers:
             progress(f"{title}, readers: {peer}")
-            measure(alone, peer, "read-all")
-            measure(two, peer, "read-two")
+            measure(peer, readers)
             if peer in SEVERAL_PROCESSES:
                 with self.programs.writing(command(peer, ["write-on"])):
-                    measure(beside, peer, "read-all")
-                    measure(same, peer, "read-same")
+                    measure(peer, beside)
         return table
 
     def writers(self):

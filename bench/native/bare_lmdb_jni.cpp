@@ -2,9 +2,10 @@
 
 #include <jni.h>
 
-#include <array>
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "bare_lmdb.h"
 
@@ -13,7 +14,7 @@ using tkv::bench::BareLmdb;
 namespace {
 
 // One for each thread that reads; the first one is the store's owner.
-std::array<std::unique_ptr<BareLmdb>, 2> stores;
+std::vector<std::unique_ptr<BareLmdb>> stores;
 
 class Characters {
  public:
@@ -70,15 +71,19 @@ BENCH_METHOD(jstring, version)(JNIEnv* env, jclass) {
 }
 
 BENCH_METHOD(void, openStore)(JNIEnv* env, jclass, jstring directory) {
-  raising(env, [&] {
-    stores[0] = std::make_unique<BareLmdb>(Characters(env, directory).get());
-    stores[1] = stores[0]->another_reader();
+  raising(env, [&] { stores.push_back(std::make_unique<BareLmdb>(Characters(env, directory).get())); });
+}
+
+// Before other threads read.
+BENCH_METHOD(jint, addReader)(JNIEnv* env, jclass) {
+  return raising(env, [&] {
+    stores.push_back(stores[0]->another_reader());
+    return static_cast<jint>(stores.size() - 1);
   });
 }
 
 BENCH_METHOD(void, closeStore)(JNIEnv*, jclass) {
-  stores[1].reset();
-  stores[0].reset();
+  while (!stores.empty()) stores.pop_back();
 }
 
 BENCH_METHOD(jstring, get)(JNIEnv* env, jclass, jint reader, jstring name) {

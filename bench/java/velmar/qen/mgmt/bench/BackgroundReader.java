@@ -1,25 +1,42 @@
 package velmar.qen.mgmt.bench;
 
-/** A second reader, in a thread of its own, from its creation until it is stopped. */
+import java.lang.invoke.VarHandle;
+
+/** Reads, in a thread of its own, from its creation until it is stopped. */
 final class BackgroundReader {
+    /** The reads are counted in steps, so that counting them does not distort the result. */
+    private static final int STEP = 64;
+
     private final Thread thread;
     private volatile boolean stops;
+    private volatile long count;
     private volatile Exception failure;
 
     BackgroundReader(Scenario.Operation read) {
-        thread = new Thread(() -> readOn(read), "second reader");
+        thread = new Thread(() -> readOn(read), "background reader");
         thread.setDaemon(true);
         thread.start();
     }
 
     private void readOn(Scenario.Operation read) {
+        Object last = null;
         try {
-            while (!stops) {
-                read.run();
+            for (long done = 0; !stops; count = done) {
+                for (int i = 0; i < STEP; i++) {
+                    last = read.run();
+                    VarHandle.fullFence();  // as writing to the sink has, which threads cannot share without waiting
+                }
+                done += STEP;
             }
         } catch (Exception e) {
             failure = e;
         }
+        Stopwatch.sink = last;
+    }
+
+    /** Returns how many reads there have been. */
+    long count() {
+        return count;
     }
 
     /** Ends the thread, and throws the exception that has ended it earlier, if one has. */

@@ -28,6 +28,9 @@ final class BareLmdbPeer implements Peer {
 
     private static native void openStore(String directory) throws IOException;
 
+    /** Returns the number of a reader for another thread. */
+    private static native int addReader() throws IOException;
+
     private static native void closeStore();
 
     private static native String version();
@@ -64,8 +67,8 @@ final class BareLmdbPeer implements Peer {
     }
 
     @Override
-    public Peer another() {
-        return new BareLmdbPeer(directory, 1);
+    public Peer another() throws IOException {
+        return new BareLmdbPeer(directory, addReader());
     }
 
     @Override

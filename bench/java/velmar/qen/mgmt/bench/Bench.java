@@ -4,8 +4,10 @@ import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.LinkedHashMap;
+import java.util.List;
 import java.util.Locale;
 import java.util.Map;
 import java.util.stream.Collectors;
@@ -59,17 +61,45 @@ final class Bench {
 
     private static String figures(Stopwatch stopwatch, Scenario scenario, Peer peer, Dataset dataset)
             throws Exception {
-        Scenario.Operation operation = scenario.on(peer, dataset);
-        double[] means;
-        if (scenario == Scenario.READ_TWO) {
-            BackgroundReader second = new BackgroundReader(scenario.on(peer.another(), dataset));
-            means = stopwatch.nanosOf(operation);
-            second.stop();
-        } else {
-            means = stopwatch.nanosOf(operation);
-        }
+        double[] means = switch (scenario) {
+            case READ_TWO -> besideAnother(stopwatch, scenario, peer, dataset);
+            case READ_SIXTEEN -> together(stopwatch, 16, scenario, peer, dataset);
+            default -> alone(stopwatch, scenario, peer, dataset);
+        };
         return Arrays.stream(means).mapToObj(mean -> String.format(Locale.ROOT, "%.2f", mean))
                 .collect(Collectors.joining(" "));
+    }
+
+    private static double[] alone(Stopwatch stopwatch, Scenario scenario, Peer peer, Dataset dataset) throws Exception {
+        Scenario.Operation operation = scenario.on(peer, dataset);
+        System.gc();
+        return stopwatch.nanosOf(operation);
+    }
+
+    private static double[] besideAnother(Stopwatch stopwatch, Scenario scenario, Peer peer, Dataset dataset)
+            throws Exception {
+        Scenario.Operation operation = scenario.on(peer, dataset);
+        Scenario.Operation another = scenario.on(peer.another(), dataset);
+        System.gc();
+        BackgroundReader second = new BackgroundReader(another);
+        double[] means = stopwatch.nanosOf(operation);
+        second.stop();
+        return means;
+    }
+
+    private static double[] together(Stopwatch stopwatch, int count, Scenario scenario, Peer peer, Dataset dataset)
+            throws Exception {
+        List<Scenario.Operation> operations = new ArrayList<>();
+        for (int i = 0; i < count; i++) {
+            operations.add(scenario.on(peer.another(), dataset));
+        }
+        System.gc();
+        List<BackgroundReader> readers = operations.stream().map(BackgroundReader::new).toList();
+        double[] means = stopwatch.nanosBetween(() -> readers.stream().mapToLong(BackgroundReader::count).sum());
+        for (BackgroundReader reader : readers) {
+            reader.stop();
+        }
+        return means;
     }
 
     private static void writeOn(Peer peer, Dataset dataset) throws Exception {

@@ -1,7 +1,9 @@
 package velmar.qen.mgmt.bench;
 
 import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.List;
+import java.util.Map;
 
 /**
  * The keys that every store in a comparison holds: groups of equal size; all keys have the same depth, and values of the
@@ -13,6 +15,7 @@ final class Dataset {
     private final int keysPerGroup;
     private final String top;
     private final int valueSize;
+    private final Map<List<String>, String[]> fullNames = new HashMap<>();
 
     /**
      * Describes a dataset.
@@ -65,8 +68,12 @@ final class Dataset {
         return names;
     }
 
-    /** Full names of the keys of some groups. */
+    /** Full names of the keys of some groups, the same strings at each call: threads share them. */
     String[] fullNames(List<String> ofGroups) {
+        return fullNames.computeIfAbsent(ofGroups, this::makeFullNames);
+    }
+
+    private String[] makeFullNames(List<String> ofGroups) {
         List<String> keys = keys();
         String[] names = new String[ofGroups.size() * keys.size()];
         int next = 0;

@@ -64,7 +64,8 @@ final class NativePeer implements Peer {
 
     @Override
     public boolean supports(Scenario scenario) {
-        return scenario != Scenario.READ_TWO; // callers of the native methods take turns
+        // Callers of the native methods take turns.
+        return scenario != Scenario.READ_TWO && scenario != Scenario.READ_SIXTEEN;
     }
 
     private TKVResult fresh() {

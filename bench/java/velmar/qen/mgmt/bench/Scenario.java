@@ -2,6 +2,7 @@ package velmar.qen.mgmt.bench;
 
 import java.util.Arrays;
 import java.util.List;
+import java.util.concurrent.atomic.AtomicLong;
 
 /** What is measured: one operation, repeated. Each scenario checks the peer's answers before it is timed. */
 enum Scenario {
@@ -25,6 +26,13 @@ enum Scenario {
     },
     /** What {@link #READ_ALL} is, while a second thread does the same. */
     READ_TWO("read-two") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return READ_ALL.on(peer, dataset);
+        }
+    },
+    /** What {@link #READ_ALL} is, in sixteen threads: the time from one read to the next of any thread. */
+    READ_SIXTEEN("read-sixteen") {
         @Override
         Operation on(Peer peer, Dataset dataset) throws Exception {
             return READ_ALL.on(peer, dataset);
@@ -127,10 +135,13 @@ enum Scenario {
         }
     }
 
-    /** Names in an endless random order, the same in every JVM. */
+    /** Names in an endless random order: the same in every JVM, and another one for each thread. */
     private static final class Names {
+        private static final AtomicLong SEEDS = new AtomicLong(0x2545F4914F6CDD1DL);
+        private static final long APART = 0x9E3779B97F4A7C15L;
+
         private final String[] names;
-        private long state = 0x2545F4914F6CDD1DL;
+        private long state = SEEDS.getAndAdd(APART);
 
         Names(String[] names) {
             this.names = names;

@@ -1,5 +1,8 @@
 package velmar.qen.mgmt.bench;
 
+import java.util.concurrent.TimeUnit;
+import java.util.function.LongSupplier;
+
 /** Measures an operation: a warm-up, then windows of time, each of which yields one mean. */
 final class Stopwatch {
     /** The clock is read about this often, so that reading it does not distort the result. */
@@ -27,6 +30,24 @@ final class Stopwatch {
             means[window] = meanDuring(operation, windowNanos, batch);
         }
         return means;
+    }
+
+    /** Returns the means of the windows, in nanoseconds from one operation of other threads to the next; these count. */
+    double[] nanosBetween(LongSupplier count) throws InterruptedException {
+        meanBetween(count, warmUpNanos);
+        double[] means = new double[windows];
+        for (int window = 0; window < windows; window++) {
+            means[window] = meanBetween(count, windowNanos);
+        }
+        return means;
+    }
+
+    private static double meanBetween(LongSupplier count, long nanos) throws InterruptedException {
+        long before = count.getAsLong();
+        long start = System.nanoTime();
+        TimeUnit.NANOSECONDS.sleep(nanos);
+        long done = count.getAsLong() - before;
+        return (double) (System.nanoTime() - start) / Math.max(done, 1);
     }
 
     private static double meanDuring(Scenario.Operation operation, long nanos, int batch) throws Exception {
