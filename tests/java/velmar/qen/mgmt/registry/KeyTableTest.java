@@ -6,10 +6,12 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Objects;
 import java.util.Random;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
+import java.util.stream.IntStream;
 import org.junit.jupiter.api.Test;
 
 /** The table of known keys by itself. */
@@ -37,16 +39,43 @@ class KeyTableTest {
         assertEquals(KEYS, table.weight());
     }
 
-    @Test
-    void namesOfTheSameHashCodeAreDifferentKeys() {
-        List<String> names = new ArrayList<>(List.of(""));
-        for (int length = 0; length < 8; length++) {
+    /** Returns 2 to the power of `length` names. */
+    private static List<String> namesOfTheSameHashCode(int length) {
+        List<String> names = List.of("");
+        for (int i = 0; i < length; i++) {
             names = names.stream().flatMap(name -> List.of(name + "Aa", name + "BB").stream()).toList();
         }
         assertEquals(1, names.stream().map(String::hashCode).distinct().count());
+        return names;
+    }
+
+    @Test
+    void namesOfTheSameHashCodeAreDifferentKeys() {
+        List<String> names = namesOfTheSameHashCode(8);
         names.forEach(name -> table.put(name, "of " + name, 1));
         names.forEach(name -> assertEquals("of " + name, table.find(new StringBuilder(name).toString())));
         assertNull(table.find("Aa".repeat(9)));
+    }
+
+    @Test
+    void tooManyNamesOfTheSameHashCodeAreLeftOut() {
+        List<String> names = namesOfTheSameHashCode(12);
+        names.forEach(name -> table.put(name, name, 1));
+        assertTrue(count(names) > 0);
+        List<String> others = IntStream.range(0, KEYS).mapToObj(KeyTableTest::name).toList();
+        others.forEach(name -> table.put(name, name, 1));
+        assertTrue(count(names) <= 256, () -> count(names) + " found");
+        assertTrue(count(others) > KEYS - 256, () -> count(others) + " found");
+        assertEquals(count(names) + count(others), table.weight());
+    }
+
+    /** Returns how many of these keys are in the table, each of which has its own name as content. */
+    private long count(List<String> names) {
+        return names.stream().map(name -> {
+            Object content = table.find(name);
+            assertTrue(content == null || content == name, () -> content + " as the content of " + name);
+            return content;
+        }).filter(Objects::nonNull).count();
     }
 
     @Test
