@@ -228,6 +228,7 @@ class Share {
       share.findings().write_to(findings);
     }
     std::fclose(findings);
+    std::fflush(stdout);
     _exit(0);
   }
 
