@@ -987,6 +987,23 @@ TEST_F(LmdbDamage, ARecordWhoseKeyIsDamagedAsWellIsNotTakenForAbsent) {
   EXPECT_EQ(text_of(*open(), id_), "anew");
 }
 
+TEST_F(LmdbDamage, APageThatAWriteHasFoundDamagedIsNotTrustedLaterInTheWrite) {
+  const auto store = open();
+  NodeId other = kNoNode;
+  ASSERT_TRUE(add_node(*store, kRootNode, "second", &other).ok());
+  const std::string key("N\0\0\0\0\0\0\0\1", 9);
+  ASSERT_GE(replace_in_file(data_file(), key + "precious", key + "ufurious"), 1);  // behind "second"
+  int attempts = 0;
+  const Status status = store->write([&](Update& update) {
+    Status failure;
+    for (; attempts < 2 && (attempts == 0 || !failure.ok()); ++attempts) failure = update.set_value(id_, 3, {});
+    return failure;
+  });
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("has its keys out of order"), std::string::npos) << status.text();
+  EXPECT_EQ(attempts, 2);
+}
+
 TEST_F(LmdbDamage, ADamagedNodeIsPassedOverByAWalkThatMay) {
   NodeId other = kNoNode;
   ASSERT_TRUE(add_node(*open(), kRootNode, "sound", &other).ok());

@@ -278,12 +278,14 @@ PageDamage TreeCursor::check_path(CheckedPages* checked) const {
   if (at_end_) return {};
   for (int level = 0; level <= leaf_level(); ++level) {
     const Page& page = levels_[static_cast<std::size_t>(level)].page;
-    if (!checked->add(page.number())) continue;
+    if (checked->has(page.number())) continue;
     if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) {
       return {page.number(), defect};
     }
-    if (keys_ == Page::Keys::kIntegers) continue;
-    if (PageDamage damage = check_range(level)) return damage;
+    if (keys_ == Page::Keys::kBytes) {
+      if (PageDamage damage = check_range(level)) return damage;
+    }
+    checked->add(page.number());
   }
   std::span<const std::byte> overflow;
   return found_ ? record(&overflow) : PageDamage{};
@@ -294,8 +296,9 @@ PageDamage TreeCursor::check_leftmost(std::uint64_t number, int level, CheckedPa
   for (;; ++level) {
     Page page;
     if (PageDamage damage = open(number, level, &page)) return damage;
-    if (checked->add(number)) {
+    if (!checked->has(number)) {
       if (PageDefect defect = page.check_nodes(state_.page_count, keys_); defect != nullptr) return {number, defect};
+      checked->add(number);
     }
     PageNode node;
     if (level == leaf_level()) return {};
