@@ -80,9 +80,12 @@ class TreeCursor {
   //   check_path      the pages from the root to the entry or gap, and an entry's overflow page
   //   check_next      those on the way to the leaf page after it
   //   check_siblings  those that LMDB may read or change to fill up a page from which the entry is removed
+  // Only confirm_absence() also searches the list of free pages for them, and not if the leaf page was checked before.
+  // check_in_use() does this alone.
   PageDamage check_path(CheckedPages* checked) const;
   PageDamage check_next(CheckedPages* checked) const;
   PageDamage check_siblings(CheckedPages* checked) const;
+  PageDamage check_in_use() const;
 
  private:
   enum class Edge { kFirst, kLast };
@@ -104,7 +107,6 @@ class TreeCursor {
   PageDamage check_page(int level) const;
   PageDamage check_leaf() const;
   PageDamage check_range(int level) const;
-  PageDamage check_in_use() const;
   PageDamage check_leftmost(std::uint64_t number, int level, CheckedPages* checked) const;
 
   const FileState& state_;

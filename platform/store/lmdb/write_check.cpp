@@ -57,22 +57,24 @@ PageDamage WriteCheck::check_path(TreeCursor* cursor, const Key& key) {
   bool found = false;
   if (PageDamage damage = cursor->seek(key.bytes(), &found)) return damage;
   if (PageDamage damage = cursor->check_path(&checked_)) return damage;
-  return found ? PageDamage{} : confirm_absence(*cursor, key, DamageBeside::kIgnore);
+  if (found) return {};
+  if (PageDamage damage = cursor->check_in_use()) return damage;
+  return confirm_absence(*cursor, key, DamageBeside::kIgnore);
 }
 
 Status WriteCheck::before_access(const Key& key) {
-  TreeCursor cursor(former_);
+  TreeCursor cursor(former_, &checked_);
   return result(check_path(&cursor, key));
 }
 
 Status WriteCheck::before_step(const Key& key) {
-  TreeCursor cursor(former_);
+  TreeCursor cursor(former_, &checked_);
   if (PageDamage damage = check_path(&cursor, key)) return result(damage);
   return result(cursor.check_next(&checked_));
 }
 
 Status WriteCheck::before_removal(const Key& key) {
-  TreeCursor cursor(former_);
+  TreeCursor cursor(former_, &checked_);
   if (PageDamage damage = check_path(&cursor, key)) return result(damage);
   return result(cursor.check_siblings(&checked_));
 }
