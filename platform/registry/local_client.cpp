@@ -92,9 +92,20 @@ Status LocalClient::write(FunctionRef<Status(Writer& tree)> function, Revision* 
       revision == nullptr ? &made : revision);
 }
 
+namespace {
+
+// Brings what is known of a key to the state that a read would see now, if nothing about the key has changed.
+bool renew(store::Store& store, KnownKey* known) {
+  const std::uint64_t state = known->state == 0 ? 0 : store.unchanged_until(known->state, place_of(*known));
+  if (state != 0) known->state = state;
+  return state != 0;
+}
+
+}  // namespace
+
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
-  const bool is_up_to_date = known->state != 0 && known->state == store_->latest_state();
-  if (is_up_to_date && (key.id == kAnyKey || key.id == known->id)) return {};
+  const bool is_it = known->state != 0 && (key.id == kAnyKey || key.id == known->id);
+  if (is_it && (known->state == store_->latest_state() || renew(*store_, known))) return {};
   KnownKey found = *known;
   Status status = read([&](Reader& tree) {
     found = *known;
@@ -134,6 +145,7 @@ bool LocalClient::copy_known(const KnownKey& known, std::span<std::byte> buffer,
 Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
                                std::size_t* size) {
   if (copy_known(*known, buffer, type, size)) return {};
+  if (renew(*store_, known) && copy_known(*known, buffer, type, size)) return {};
   KnownKey found;
   std::int32_t found_type = 0;
   std::size_t found_size = 0;

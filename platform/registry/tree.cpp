@@ -161,7 +161,8 @@ Status Reader::resolve(const KeyRef& key, Place* place) {
   return {};
 }
 
-void Reader::learn(const Place& found, const store::ValuePlace& place, KnownKey* known) {
+void Reader::learn(const Place& found, store::ValuePlace place, KnownKey* known) {
+  place.node_page = found.node.page;
   known->id = found.node.id;
   known->route = found.route;
   known->rights = rights_of(identity_, found.node.security);
@@ -195,6 +196,7 @@ Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t c
   Status status = view_.value_up_to(found.node.id, capacity, value, size, &place);
   if (!status.ok()) return at_key(status, name);
   if (is_known) {
+    place.node_page = place_of(*known).node_page;
     known->place = std::bit_cast<decltype(known->place)>(place);
   } else {
     learn(found, place, known);

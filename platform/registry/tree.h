@@ -119,7 +119,7 @@ class Reader {
 
  private:
   Status find_parent(std::string_view name, Directory* parent);
-  void learn(const Place& found, const store::ValuePlace& place, KnownKey* known);
+  void learn(const Place& found, store::ValuePlace place, KnownKey* known);
   Status read_info(std::string_view name, const store::Node& node, KeyInfo* info);
   Status read_last_change(KeyInfo* info);
 

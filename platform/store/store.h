@@ -58,6 +58,7 @@ struct Node {
   Revision revision = 0;  // in which the node was last created, moved or given a security record
 
   std::uint16_t moves = 0;  // how often it was moved, modulo 65,536, as counted by whoever moves it
+  std::uint32_t page = 0;   // that a view found it on, for ValuePlace; ignored otherwise
 };
 
 // Type 0 without bytes: there is no value.
@@ -67,15 +68,18 @@ struct Value {
   Revision revision = 0;  // in which it was last written or removed, or zero if never, or before there were revisions
 };
 
-// Where a view found a value, for Store::copy_value. Means something only to the store that filled it in.
+// Where a view found a value, for Store::copy_value and Store::unchanged_until. Means something only to the store that
+// filled it in.
 struct ValuePlace {
   std::uint64_t offset = 0;       // 0: not known
   std::uint32_t record_size = 0;  // 0: no value was ever written
   std::uint32_t value_size = 0;
+  std::uint32_t value_page = 0;  // that the value, or its absence, was found on; 0: not known
+  std::uint32_t node_page = 0;   // that its node was found on
 
   bool is_known() const { return offset != 0; }
 };
-constexpr ValuePlace kNoValue{1, 0, 0};  // the place of a value that was never written
+constexpr ValuePlace kNoValue{1, 0, 0, 0, 0};  // the place of a value that was never written
 
 // One state of the tree, for reading.
 class View {
@@ -241,6 +245,12 @@ class Store {
                           std::span<std::byte> /*buffer*/, std::int32_t* /*type*/, std::size_t* /*size*/) {
     return false;
   }
+
+  // For a node that a view of `state` found, with the place of its value: returns the number of a state that a view may
+  // show which begins now, if it is known that the node has the same name, the same security record, and its value the
+  // same place in that state. Nor has any of the nodes above it been moved. Returns zero if that is not known, or not
+  // the case.
+  virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, const ValuePlace& /*place*/) { return 0; }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
   // failure that it returns is returned, and nothing is changed.

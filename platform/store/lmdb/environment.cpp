@@ -183,15 +183,86 @@ std::uint64_t Environment::latest_state() {
   return usable && has_kept_its_size() ? meta_pages_.latest() : 0;
 }
 
+namespace {
+
+std::uint64_t map_bytes(MDB_env* env) {
+  MDB_envinfo info{};
+  mdb_env_info(env, &info);
+  return info.me_mapsize;
+}
+
+bool copy_bytes(const FileMap& map, std::uint64_t offset, std::span<std::byte> copy) {
+  const bool exists = map.address != nullptr && offset <= map.size && copy.size() <= map.size - offset;
+  if (exists) std::memcpy(copy.data(), map.address + offset, copy.size());
+  return exists;
+}
+
+}  // namespace
+
 bool Environment::copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {
-  if (latest_state() != state) return false;
+  const std::uint64_t latest = latest_state();
+  if (latest == state + 1) return copy_in_transaction(state, offset, copy);
+  if (latest != state) return false;
   ReaderSlot* const slot = readers_.try_claim();  // keeps the map from being replaced
   if (slot == nullptr) return false;
-  const bool exists = map_.address != nullptr && offset <= map_.size && copy.size() <= map_.size - offset;
-  if (exists) std::memcpy(copy.data(), map_.address + offset, copy.size());
+  const bool exists = copy_bytes(map_, offset, copy);
   readers_.release(*slot);
   std::atomic_thread_fence(std::memory_order_acquire);
   return exists && meta_pages_.latest() == state;
+}
+
+bool Environment::copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {
+  ReaderSlot* const slot = readers_.try_claim();
+  if (slot == nullptr) return false;
+  const bool begun = begin_glance(*slot);
+  const bool copied = begun && slot->state.transaction == state && copy_bytes(map_, offset, copy);
+  if (begun) end_read(*slot);
+  readers_.release(*slot);
+  return copied;
+}
+
+std::uint64_t Environment::unchanged_until(std::uint64_t state, const ValuePlace& place) {
+  const std::uint64_t latest = latest_state();
+  ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
+  if (slot == nullptr) return 0;
+  const ReplacedPages& replaced = slot->replaced;
+  const bool is_current = replaced.state() == latest || follow_latest(*slot);
+  const bool holds = replaced.state() == state ||
+                     (replaced.has_kept_nodes_since(state) && replaced.has_kept_page_since(state, place.node_page) &&
+                      replaced.has_kept_page_since(state, place.value_page));
+  const std::uint64_t until = is_current && holds ? replaced.state() : 0;
+  readers_.release(*slot);
+  return until;
+}
+
+// Brings what the slot knows of replaced pages to the state that a transaction shows now.
+bool Environment::follow_latest(ReaderSlot& slot) {
+  if (!begin_glance(slot)) return false;
+  if (slot.replaced.state() != slot.state.transaction) slot.replaced.follow(slot.state, structure_of(slot));
+  end_read(slot);
+  return true;
+}
+
+// Begins a short transaction for a reader that has another way if that does not work at once.
+bool Environment::begin_glance(ReaderSlot& slot) {
+  if (slot.txn == nullptr || map_.address == nullptr || mdb_txn_renew(slot.txn) != 0) return false;
+  const std::uint64_t transaction = mdb_txn_id(slot.txn);
+  if (slot.state.transaction == transaction) return true;
+  MetaPage meta{};
+  bool certain = false;
+  copy_meta_page(map_, transaction, &meta, &certain);
+  if (certain && load_state(map_, meta, transaction, &slot.state).ok()) return true;
+  end_read(slot);
+  return false;
+}
+
+std::uint64_t structure_of(ReaderSlot& slot) {
+  if (slot.structure_state == slot.state.transaction) return slot.structure;
+  Meta meta;
+  if (!find_meta(slot.state, &meta).ok()) return 0;
+  slot.structure_state = slot.state.transaction;
+  slot.structure = meta.structure;
+  return meta.structure;
 }
 
 Status Environment::failure(LmdbOutcome outcome, const char* doing) const {
@@ -245,6 +316,7 @@ void Environment::close_files() {
     slot.txn = nullptr;
     slot.structure_state = 0;
     slot.state = FileState{};
+    slot.replaced.forget();
   });
   if (env_ != nullptr) mdb_env_close(env_);
   env_ = nullptr;
@@ -256,9 +328,9 @@ Status Environment::check_contents() try {
   Status status = read_contents();
   bool follows = true;
   while (!status.ok() && follows && is_outgrown()) {
-    const std::uint64_t mapped = map_bytes();
+    const std::uint64_t mapped = map_bytes(env_);
     if (int code = mdb_env_set_mapsize(env_, 0); code != 0) return failure(code, "cannot map the registry");
-    follows = map_bytes() > mapped;
+    follows = map_bytes(env_) > mapped;
     status = read_contents();
   }
   return status;
@@ -280,12 +352,6 @@ bool Environment::is_outgrown() const {
   mdb_env_info(env_, &info);
   mdb_env_stat(env_, &pages);
   return info.me_last_pgno >= info.me_mapsize / pages.ms_psize;
-}
-
-std::uint64_t Environment::map_bytes() const {
-  MDB_envinfo info{};
-  mdb_env_info(env_, &info);
-  return info.me_mapsize;
 }
 
 // A registry of a newer format is not touched. A damaged record is left to those who need it, and to a repair.

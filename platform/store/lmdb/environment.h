@@ -75,8 +75,12 @@ class Environment {
   std::shared_ptr<const StateMemory> state_memory() const { return meta_pages_.memory(); }
 
   // Copies bytes of the data file that belong to the state of this number. Returns true if that state was the latest
-  // throughout: LMDB overwrites no page of a state before the second commit after it. `copy` is unspecified otherwise.
+  // throughout: LMDB overwrites no page of a state before the second commit after it; or if a transaction that began
+  // meanwhile has shown that state, as while the next one is being made durable. `copy` is unspecified otherwise.
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
+
+  // See Store::unchanged_until.
+  std::uint64_t unchanged_until(std::uint64_t state, const ValuePlace& place);
 
   // A descriptor of the data file without access rights.
   int data_file() const { return files_->data_file(); }
@@ -101,12 +105,15 @@ class Environment {
   Status check_contents();
   Status read_contents();
   bool is_outgrown() const;
-  std::uint64_t map_bytes() const;
   Status check_version();
   Status extend_short_file();
   Status check_size();
   bool has_kept_its_size();
   Status files_replaced() const;
+
+  bool copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
+  bool begin_glance(ReaderSlot& slot);
+  bool follow_latest(ReaderSlot& slot);
 
   int renew(ReaderSlot& slot);
   void end_read(ReaderSlot& slot);
@@ -142,6 +149,9 @@ class Environment {
   WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex
   std::mutex write_mutex_;  // held by the thread of this process that writes or replaces the map
 };
+
+// View::structure() of the state that the slot's transaction sees. Read once for each state.
+std::uint64_t structure_of(ReaderSlot& slot);
 
 // Records on the stack which transactions this thread has open, so that a function that calls back into the store that
 // runs it is refused or let through instead of deadlocking.

@@ -34,16 +34,7 @@ class LmdbView final : public View {
     return store::has_children(file_state(), parent, answer, checked());
   }
 
-  // Read once for each state.
-  std::uint64_t structure() override {
-    ReaderSlot& slot = transaction_.slot();
-    if (slot.structure_state == file_state().transaction) return slot.structure;
-    Meta meta;
-    if (!find_meta(file_state(), &meta).ok()) return 0;
-    slot.structure_state = file_state().transaction;
-    slot.structure = meta.structure;
-    return meta.structure;
-  }
+  std::uint64_t structure() override { return structure_of(transaction_.slot()); }
   Status revision(Revision* revision) override {
     Meta meta;
     Status status = find_meta(file_state(), &meta);

@@ -1,6 +1,7 @@
 #include "store/lmdb/tree.h"
 
 #include <cstring>
+#include <limits>
 
 namespace tkv::store {
 namespace {
@@ -90,6 +91,17 @@ Status decode_value_of(NodeId id, std::span<const std::byte> record, Value* valu
   return status.ok() ? status : status.about("value of node " + std::to_string(id));
 }
 
+namespace {
+
+// The leaf page that a search ended on, for a ValuePlace. 0, which is "not known", also stands for the pages that only
+// a registry of more than 2 TiB can have.
+std::uint32_t number_in_place(const TreeCursor& cursor) {
+  const std::uint64_t page = cursor.at_end() ? 0 : cursor.page_number();
+  return page > std::numeric_limits<std::uint32_t>::max() ? 0 : static_cast<std::uint32_t>(page);
+}
+
+}  // namespace
+
 Status find_node(const FileState& state, NodeId parent, std::string_view name, Node* node) {
   if (name.size() > kMaxLevelSize) return PRTKV_NO_SUCH_KEY;
   const Key key = Key::node(parent, name);
@@ -102,19 +114,22 @@ Status find_node(const FileState& state, NodeId parent, std::string_view name, N
   }
   std::span<const std::byte> record;
   if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
-  return decode_child(parent, name, record, node);
+  Status status = decode_child(parent, name, record, node);
+  if (status.ok()) node->page = number_in_place(cursor);
+  return status;
 }
 
 namespace {
 
 // A record that is absent has no bytes.
 Status find_value_record(const FileState& state, NodeId id, std::span<const std::byte>* record,
-                         CheckedPages* checked = nullptr) {
+                         CheckedPages* checked = nullptr, std::uint32_t* page = nullptr) {
   const Key key = Key::value(id);
   TreeCursor cursor(state, checked);
   bool found = false;
   *record = {};
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
+  if (page != nullptr) *page = number_in_place(cursor);
   const PageDamage damage = found ? cursor.record(record) : confirm_absence(cursor, key, DamageBeside::kReport);
   if (damage) return failed(state, damage);
   if (found && record->empty()) return decode_value_of(id, *record, nullptr);
@@ -143,16 +158,19 @@ Status find_value_up_to(const FileState& state, NodeId id, std::size_t capacity,
                         ValuePlace* place) {
   std::span<const std::byte> record;
   std::size_t found = 0;
-  if (Status status = find_value_record(state, id, &record); !status.ok()) return status;
+  std::uint32_t page = 0;
+  if (Status status = find_value_record(state, id, &record, nullptr, &page); !status.ok()) return status;
   *value = Value{};
   *size = 0;
   *place = kNoValue;
+  place->value_page = page;
   if (record.empty()) return {};
   if (!read_value_size(record, &found) || found <= capacity) {
     if (Status status = decode_value_of(id, record, value); !status.ok()) return status;
   }
   *size = found;
   *place = place_of_record(state, record, found);
+  place->value_page = page;
   return {};
 }
 
@@ -162,8 +180,11 @@ ValuePlace place_of_value(const FileState& state, NodeId id) {
   std::span<const std::byte> record;
   bool found = false;
   std::size_t size = 0;
-  if (cursor.seek(key.bytes(), &found) || !found || cursor.record(&record)) return {};
-  return read_value_size(record, &size) ? place_of_record(state, record, size) : ValuePlace{};
+  ValuePlace place;
+  if (cursor.seek(key.bytes(), &found)) return place;
+  if (found && !cursor.record(&record) && read_value_size(record, &size)) place = place_of_record(state, record, size);
+  place.value_page = number_in_place(cursor);
+  return place;
 }
 
 namespace {

@@ -1,0 +1,147 @@
+#include "store/lmdb/replaced_pages.h"
+
+#include <new>
+
+#include "store/lmdb/page.h"
+
+namespace tkv::store {
+
+std::size_t ReplacedPages::Replacements::find(std::uint64_t page) const {
+  const std::size_t mask = places_.size() - 1;
+  std::size_t at = (page * 0x9e3779b97f4a7c15 >> 32) & mask;
+  while (places_[at].page != 0 && places_[at].page != page) at = (at + 1) & mask;
+  return at;
+}
+
+std::uint64_t ReplacedPages::Replacements::of(std::uint64_t page) const {
+  return places_.empty() ? 0 : places_[find(page)].state;
+}
+
+bool ReplacedPages::Replacements::note(std::uint64_t page, std::uint64_t state) {
+  if (2 * (count_ + 1) > places_.size()) grow();
+  Place& place = places_[find(page)];
+  if (place.page == 0 && ++count_ > kMost) return false;
+  place = {page, state};
+  return true;
+}
+
+void ReplacedPages::Replacements::grow() {
+  constexpr std::size_t kFirstSize = 256;
+  std::vector<Place> former(places_.empty() ? kFirstSize : 2 * places_.size());
+  former.swap(places_);
+  for (const Place& place : former)
+    if (place.page != 0) places_[find(place.page)] = place;
+}
+
+void ReplacedPages::Replacements::clear() {
+  places_.assign(places_.size(), {});
+  count_ = 0;
+}
+
+void ReplacedPages::forget() noexcept {
+  state_ = 0;
+  structure_ = 0;
+  replaced_.clear();
+}
+
+bool ReplacedPages::has_kept_page_since(std::uint64_t former, std::uint64_t page) const {
+  return state_ != 0 && page != 0 && former >= followed_since_ && former >= replaced_.of(page);
+}
+
+void ReplacedPages::follow(const FileState& state, std::uint64_t structure) noexcept {
+  const bool has_kept_nodes = state_ != 0 && structure != 0 && structure == structure_;
+  bool is_followed = false;
+  try {
+    is_followed = state_ != 0 && state.transaction == state_ + 1 && compare(state);
+  } catch (const std::bad_alloc&) {
+    is_followed = false;
+  }
+  former_.clear();
+  present_.clear();
+  children_.clear();
+  if (!is_followed) {
+    replaced_.clear();
+    followed_since_ = state.transaction;
+  }
+  if (!has_kept_nodes) nodes_kept_since_ = state.transaction;
+  state_ = state.transaction;
+  structure_ = structure;
+  root_ = state.records.page;
+  depth_ = state.records.depth;
+}
+
+// Notes the pages of the former state that this one no longer has. Returns false if that is not possible.
+bool ReplacedPages::compare(const FileState& state) {
+  if (root_ == kNoPage || state.records.page == kNoPage || depth_ != state.records.depth) return false;
+  former_.push_back({root_, {}, {}});
+  present_.push_back({state.records.page, {}, {}});
+  for (unsigned level = 1;; ++level) {
+    drop_what_both_have();
+    for (const PageInTree& page : former_)
+      if (!replaced_.note(page.number, state.transaction)) return false;
+    if (level == depth_) return true;
+    if (!open_children(state, &former_, &children_) || !open_children(state, &present_, &children_)) return false;
+  }
+}
+
+// Replaces branch pages by their children. `children` is empty before and after.
+bool ReplacedPages::open_children(const FileState& state, std::vector<PageInTree>* pages,
+                                  std::vector<PageInTree>* children) {
+  constexpr std::size_t kMostChildren = std::size_t{1} << 16;
+  for (const PageInTree& parent : *pages) {
+    Page page;
+    if (!state.has_page(parent.number) ||
+        page.open(state.page(parent.number), state.map.page_size, parent.number, kBranchPage) != nullptr) {
+      return false;
+    }
+    const std::size_t first = children->size();
+    for (unsigned index = 0; index < page.count(); ++index) {
+      PageNode node;
+      if (!page.read(index, &node) || node.child() == 0) return false;
+      if (index > 0) children->back().end = node.key;
+      children->push_back({node.child(), node.key, {}});
+    }
+    (*children)[first].begin = parent.begin;
+    children->back().end = parent.end;
+    if (children->size() > kMostChildren) return false;
+  }
+  pages->swap(*children);
+  children->clear();
+  return true;
+}
+
+int ReplacedPages::compare_begins(const PageInTree& left, const PageInTree& right) {
+  if (left.begin.data() != nullptr && right.begin.data() != nullptr) return compare_keys(left.begin, right.begin);
+  return static_cast<int>(left.begin.data() != nullptr) - static_cast<int>(right.begin.data() != nullptr);
+}
+
+bool ReplacedPages::is_same(const PageInTree& left, const PageInTree& right) {
+  const bool same_end = left.end.data() == nullptr || right.end.data() == nullptr
+                            ? left.end.data() == right.end.data()
+                            : compare_keys(left.end, right.end) == 0;
+  return left.number == right.number && same_end && compare_begins(left, right) == 0;
+}
+
+// Both levels are in the order of their keys.
+void ReplacedPages::drop_what_both_have() {
+  std::size_t former = 0;
+  std::size_t present = 0;
+  std::size_t former_kept = 0;
+  std::size_t present_kept = 0;
+  while (former < former_.size() && present < present_.size()) {
+    if (is_same(former_[former], present_[present])) {
+      ++former;
+      ++present;
+      continue;
+    }
+    const int order = compare_begins(former_[former], present_[present]);
+    if (order <= 0) former_[former_kept++] = former_[former++];
+    if (order >= 0) present_[present_kept++] = present_[present++];
+  }
+  while (former < former_.size()) former_[former_kept++] = former_[former++];
+  while (present < present_.size()) present_[present_kept++] = present_[present++];
+  former_.resize(former_kept);
+  present_.resize(present_kept);
+}
+
+}  // namespace tkv::store

@@ -1,0 +1,236 @@
+// What the embedded store knows to be unchanged since an earlier state, compared with what there is.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "lmdb_files.h"
+#include "temporary_directory.h"
+
+namespace tkv::store {
+namespace {
+
+// What a view has found out about a node.
+struct Found {
+  NodeId parent = kNoNode;
+  std::string name;
+  Node node;
+  ValuePlace place;
+  std::uint64_t state = 0;
+  std::uint64_t structure = 0;
+};
+
+bool is_same(const Found& left, const Found& right) {
+  return left.node.id == right.node.id && left.structure == right.structure &&
+         std::memcmp(&left.node.security, &right.node.security, sizeof left.node.security) == 0 &&
+         left.place.offset == right.place.offset && left.place.record_size == right.place.record_size &&
+         left.place.value_size == right.place.value_size;
+}
+
+class LmdbUnchanged : public ::testing::TestWithParam<unsigned> {
+ protected:
+  static constexpr std::size_t kGroups = 30;
+  static constexpr std::size_t kNodesInGroup = 50;
+
+  // Long names, which make a tree of few entries deep.
+  static std::string name_of(std::size_t number) { return std::string(120, 'n') + std::to_string(number); }
+
+  std::shared_ptr<Store> open() {
+    LmdbOptions options;
+    options.directory = directory_ / "registry";
+    return open_or_fail(options);
+  }
+
+  // Creates the groups in one transaction, and their nodes with values in another.
+  void fill(Store& store) {
+    ASSERT_TRUE(store
+                    .write([&](Update& update) -> Status {
+                      for (std::size_t group = 0; group < kGroups; ++group) {
+                        NodeId id = kNoNode;
+                        if (Status status = add(update, kRootNode, name_of(group), &id); !status.ok()) return status;
+                        groups_.push_back(id);
+                      }
+                      return {};
+                    })
+                    .ok());
+    ASSERT_TRUE(store
+                    .write([&](Update& update) -> Status {
+                      for (const NodeId group : groups_) {
+                        for (std::size_t number = 0; number < kNodesInGroup; ++number) {
+                          NodeId id = kNoNode;
+                          if (Status status = add(update, group, name_of(number), &id); !status.ok()) return status;
+                        }
+                      }
+                      return {};
+                    })
+                    .ok());
+  }
+
+  static Status add(Update& update, NodeId parent, const std::string& name, NodeId* id) {
+    static constexpr std::byte kValue[100] = {};
+    Node node;
+    if (Status status = update.new_id(&node.id); !status.ok()) return status;
+    if (Status status = update.insert(parent, name, node); !status.ok()) return status;
+    *id = node.id;
+    return update.set_value(node.id, 3, kValue);
+  }
+
+  // Nothing if there is no such node.
+  static std::optional<Found> look_up(Store& store, NodeId parent, const std::string& name) {
+    Found found;
+    const Status status = store.read([&](View& view) -> Status {
+      found = {parent, name, {}, {}, view.state(), view.structure()};
+      if (Status looked = view.find(parent, name, &found.node); !looked.ok()) return looked;
+      found.place = view.place_of_value(found.node.id);
+      found.place.node_page = found.node.page;
+      return {};
+    });
+    EXPECT_TRUE(status.ok() || status.is(PRTKV_NO_SUCH_KEY)) << status.text();
+    return status.ok() ? std::optional(std::move(found)) : std::nullopt;
+  }
+
+  TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
+  std::vector<NodeId> groups_;
+};
+
+// A few commits, each with a few random changes of nodes in the groups. Most of them are of one group.
+class RandomCommits {
+ public:
+  RandomCommits(unsigned seed, const std::vector<NodeId>& groups) : random_(seed), groups_(groups) {}
+
+  std::size_t below(std::size_t limit) { return random_() % limit; }
+  NodeId group() { return groups_[below(4) == 0 ? below(groups_.size()) : 1]; }
+
+  void make(Store& store, std::size_t commits, std::size_t names, const std::function<std::string(std::size_t)>& name) {
+    for (std::size_t commit = 0; commit < commits; ++commit) {
+      const Status status = store.write([&](Update& update) -> Status {
+        Status changed;
+        for (std::size_t change = 1 + below(3); change > 0 && changed.ok(); --change) {
+          changed = change_one(update, group(), name(below(names)), name(below(2 * names)));
+          if (changed.is(PRTKV_NO_SUCH_KEY) || changed.is(PRTKV_KEY_EXISTS)) changed = {};
+        }
+        return changed;
+      });
+      ASSERT_TRUE(status.ok()) << status.text();
+    }
+  }
+
+ private:
+  Status change_one(Update& update, NodeId parent, const std::string& name, const std::string& other) {
+    static constexpr std::size_t kSizes[] = {0, 1, 100, 100, 100, 1000, 5000};
+    Node node;
+    if (Status status = update.find(parent, name, &node); !status.ok()) return status;
+    switch (below(12)) {
+      case 0: {
+        Node fresh;
+        if (Status status = update.new_id(&fresh.id); !status.ok()) return status;
+        return update.insert(parent, other, fresh);
+      }
+      case 1: {
+        sec_attr security{};
+        security.other_perm = static_cast<std::int32_t>(below(64));
+        return update.set_security(parent, name, security);
+      }
+      case 2: {  // rare: it makes all nodes be looked up again
+        if (below(8) != 0) return {};
+        if (Status status = update.unlink(parent, name); !status.ok()) return status;
+        return update.discard(node.id);
+      }
+      case 3: {
+        Node taken;
+        if (below(8) != 0 || update.find(parent, other, &taken).ok()) return {};
+        if (Status status = update.unlink(parent, name); !status.ok()) return status;
+        return update.insert(parent, other, node);
+      }
+      default: {
+        const std::string value(kSizes[below(std::size(kSizes))], 'v');
+        return update.set_value(node.id, 3, std::as_bytes(std::span(value)));
+      }
+    }
+  }
+
+  std::mt19937 random_;
+  const std::vector<NodeId>& groups_;
+};
+
+TEST_P(LmdbUnchanged, WhatIsSaidToBeUnchangedIsWhatAViewFinds) {
+  const auto store = open();
+  fill(*store);
+  RandomCommits commits(GetParam(), groups_);
+  std::vector<Found> known;
+  const auto learn = [&](NodeId group, const std::string& name) {
+    if (std::optional<Found> found = look_up(*store, group, name)) known.push_back(std::move(*found));
+  };
+  for (const NodeId group : groups_)
+    for (std::size_t number = 0; number < kNodesInGroup; number += 2) learn(group, name_of(number));
+  std::size_t renewed = 0;
+  for (int round = 0; round < 400; ++round) {
+    const std::size_t most = commits.below(20) == 0 ? 6 : 1;
+    commits.make(*store, commits.below(most + 1), kNodesInGroup, name_of);
+    for (int sample = 0; sample < 40; ++sample) {
+      Found& former = known[commits.below(known.size())];
+      const std::uint64_t until = store->unchanged_until(former.state, former.place);
+      std::optional<Found> found = look_up(*store, former.parent, former.name);
+      if (until != 0) {
+        ASSERT_TRUE(found);
+        ASSERT_EQ(until, found->state);
+        ASSERT_TRUE(is_same(former, *found)) << "round " << round << ", state " << former.state << " until " << until;
+        renewed += until != former.state ? 1 : 0;
+      }
+      if (!found) {
+        found = look_up(*store, groups_[commits.below(kGroups)], name_of(0));
+        if (!found) continue;
+      }
+      if (until == 0 || commits.below(2) == 0) former = std::move(*found);
+    }
+  }
+  EXPECT_GT(renewed, 1000u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, LmdbUnchanged, ::testing::Range(1u, 5u));
+
+using LmdbSubtrees = LmdbUnchanged;
+
+TEST_F(LmdbSubtrees, ANodeIsKnownToBeUnchangedWhileOthersAreWritten) {
+  const auto store = open();
+  fill(*store);
+  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
+  const std::optional<Found> written = look_up(*store, groups_.back(), name_of(kNodesInGroup - 1));
+  ASSERT_TRUE(known && written);
+  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
+  for (int commit = 1; commit <= 20; ++commit) {
+    ASSERT_TRUE(set_text(*store, written->node.id, std::to_string(commit)).ok());
+    EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state + static_cast<std::uint64_t>(commit));
+    EXPECT_EQ(store->unchanged_until(written->state, written->place), 0u);
+  }
+}
+
+TEST_F(LmdbSubtrees, NothingIsKnownToBeUnchangedWhenPagesMayHaveBeenUsedAgain) {
+  const auto store = open();
+  fill(*store);
+  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
+  const std::optional<Found> written = look_up(*store, groups_.back(), name_of(kNodesInGroup - 1));
+  ASSERT_TRUE(known && written);
+  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
+  for (int commit = 0; commit < 2; ++commit) ASSERT_TRUE(set_text(*store, written->node.id, "text").ok());
+  EXPECT_EQ(store->unchanged_until(known->state, known->place), 0u);
+}
+
+TEST_F(LmdbSubtrees, NoNodeIsKnownToBeUnchangedOnceOneWasRemoved) {
+  const auto store = open();
+  fill(*store);
+  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
+  ASSERT_TRUE(known);
+  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
+  ASSERT_TRUE(store->write([&](Update& update) { return update.unlink(groups_.back(), name_of(0)); }).ok());
+  EXPECT_EQ(store->unchanged_until(known->state, known->place), 0u);
+}
+
+}  // namespace
+}  // namespace tkv::store
