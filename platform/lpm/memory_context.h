@@ -22,7 +22,7 @@ class MemoryContext {
  public:
   static constexpr std::size_t kRestingSize = 4096;
   static constexpr std::size_t kRestingBlocks = 8;
-  static constexpr std::size_t kPagedSize = std::size_t{128} * 1024;
+  static constexpr std::size_t kPagedSize = std::size_t{2} << 20;  // beyond the largest value
 
   MemoryContext() = default;
   ~MemoryContext();
