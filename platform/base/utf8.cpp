@@ -144,6 +144,18 @@ bool is_utf8(std::string_view text, Utf8 form) {
   return true;
 }
 
+bool is_ascii(std::string_view text) {
+  constexpr std::size_t kBlock = 64;
+  for (; text.size() >= kBlock; text.remove_prefix(kBlock)) {
+    std::array<std::uint64_t, kBlock / sizeof(std::uint64_t)> words;
+    std::memcpy(words.data(), text.data(), sizeof words);
+    std::uint64_t all = 0;
+    for (const std::uint64_t word : words) all |= word;
+    if ((all & 0x8080808080808080U) != 0) return false;
+  }
+  return ascii_prefix(text) == text.size();
+}
+
 std::string modified_from_utf8(std::string_view text) {
   return convert_supplementary(text, Utf8::standard, [](std::uint32_t code_point, std::string* to) {
     append_utf8(high_surrogate_of(code_point), to);

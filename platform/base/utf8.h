@@ -32,6 +32,9 @@ Utf8Character decode_utf8(std::string_view text, Utf8 form);
 
 bool is_utf8(std::string_view text, Utf8 form);
 
+// Whether all bytes are less than 0x80.
+bool is_ascii(std::string_view text);
+
 // Writes characters above U+FFFF as pairs of surrogates, or pairs of surrogates as four bytes. All other bytes are
 // copied unchanged, well-formed or not, NUL in either form included.
 std::string modified_from_utf8(std::string_view text);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "prsrvut/ascii_string.h"
 #include "prsrvut/method_cache.h"
 #include "prsrvut/own_setters.h"
 #include "prsrvut/trace_switch.h"
@@ -75,7 +76,10 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
   if (env == nullptr) return JNI_ERR;
   tkv::prsrvut::disconnect_trace_switch(env);
   tkv::prsrvut::connect_trace_switch(env);
+  tkv::prsrvut::disconnect_own_setters(env);
   tkv::prsrvut::connect_own_setters(env);
+  tkv::prsrvut::disconnect_ascii_strings(env);
+  tkv::prsrvut::connect_ascii_strings(env);
   if (tkv::prsrvut::on_load != nullptr) tkv::prsrvut::on_load(env);
   return tkv::prsrvut::kJniVersion;
 }
@@ -84,6 +88,7 @@ extern "C" JNIEXPORT void JNICALL JNI_OnUnload(JavaVM* vm, void* /*reserved*/) {
   JNIEnv* env = tkv::prsrvut::environment(vm);
   if (env == nullptr) return;
   tkv::prsrvut::disconnect_trace_switch(env);
-  tkv::prsrvut::disconnect_own_setters();
+  tkv::prsrvut::disconnect_own_setters(env);
+  tkv::prsrvut::disconnect_ascii_strings(env);
   tkv::prsrvut::forget_methods(env);
 }

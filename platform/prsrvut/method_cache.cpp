@@ -114,12 +114,16 @@ class Classes {
 Method find_method(JNIEnv* env, jobject object, const char* name, const char* signature) {
   jclass type = env->GetObjectClass(object);
   if (type == nullptr) return {};
+  if (jfieldID field = field_of_own_setter(env, type, name, signature)) {
+    env->DeleteLocalRef(type);
+    return {field};
+  }
   std::optional<Method> method = Classes::instance().recall(env, type, name, signature);
   if (!method) {
     // Not under the lock: the lookup may initialise the class, which may call back into this function.
     jmethodID id = env->GetMethodID(type, name, signature);
     if (id == nullptr) env->ExceptionClear();
-    method = Method{id, field_set_by(id)};
+    method = Method{field_set_by(id), id};
     Classes::instance().remember(env, type, name, signature, *method);
   }
   env->DeleteLocalRef(type);

@@ -8,8 +8,8 @@ namespace tkv::prsrvut {
 
 // A method of a class.
 struct Method {
-  jmethodID id = nullptr;        // null if the class has no such method
   jfieldID only_sets = nullptr;  // the field in which it stores its argument, null if it may do anything else
+  jmethodID id = nullptr;        // otherwise; null if the class has no such method
 };
 
 // Looks up an object's method by name and signature; no exception is left pending. The ids are valid as long as the

@@ -1,6 +1,7 @@
 #include "prsrvut/own_setters.h"
 
 #include <array>
+#include <cstring>
 
 namespace tkv::prsrvut {
 namespace {
@@ -23,6 +24,9 @@ std::array<Setter, 4> setters = {{
     {"setTKVResultString", "(Ljava/lang/String;)V", "resultString", "Ljava/lang/String;"},
 }};
 
+// Weak, so that the class can be unloaded with its loader.
+jweak own_class = nullptr;
+
 // Returns false, with an exception pending, if the class lacks the method or the field.
 bool look_up(JNIEnv* env, jclass owner, Setter* setter) {
   setter->method_id = env->GetMethodID(owner, setter->name, setter->signature);
@@ -36,8 +40,9 @@ bool look_up_all(JNIEnv* env) {
   if (owner == nullptr) return false;
   bool has_all = true;
   for (Setter& setter : setters) has_all = has_all && look_up(env, owner, &setter);
+  if (has_all) own_class = env->NewWeakGlobalRef(owner);
   env->DeleteLocalRef(owner);
-  return has_all;
+  return own_class != nullptr;
 }
 
 }  // namespace
@@ -45,14 +50,24 @@ bool look_up_all(JNIEnv* env) {
 void connect_own_setters(JNIEnv* env) {
   if (look_up_all(env)) return;
   env->ExceptionClear();
-  disconnect_own_setters();
+  disconnect_own_setters(env);
 }
 
-void disconnect_own_setters() {
+void disconnect_own_setters(JNIEnv* env) {
+  if (own_class != nullptr) env->DeleteWeakGlobalRef(own_class);
+  own_class = nullptr;
   for (Setter& setter : setters) {
     setter.method_id = nullptr;
     setter.field_id = nullptr;
   }
+}
+
+jfieldID field_of_own_setter(JNIEnv* env, jclass type, const char* name, const char* signature) {
+  if (own_class == nullptr || env->IsSameObject(own_class, type) != JNI_TRUE) return nullptr;
+  for (const Setter& setter : setters) {
+    if (std::strcmp(setter.name, name) == 0 && std::strcmp(setter.signature, signature) == 0) return setter.field_id;
+  }
+  return nullptr;
 }
 
 jfieldID field_set_by(jmethodID method) {

@@ -14,7 +14,11 @@ namespace tkv::prsrvut {
 // loaded the library has also loaded TKVResult or asked another loader for it, and keeps it.
 void connect_own_setters(JNIEnv* env);
 
-void disconnect_own_setters();
+void disconnect_own_setters(JNIEnv* env);
+
+// Looks up a setter of TKVResult itself. Returns null if `type` is another class, even one that inherits the setter, or
+// if it has no such setter. Any attached thread may call.
+jfieldID field_of_own_setter(JNIEnv* env, jclass type, const char* name, const char* signature);
 
 // Returns the field in which `method` stores its argument, doing nothing else. Returns null for any other method: one
 // that overrides a setter, or that of a class of the same name from another class loader. `method` must belong to a

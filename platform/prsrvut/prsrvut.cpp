@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "base/utf8.h"
+#include "prsrvut/ascii_string.h"
 #include "prsrvut/method_cache.h"
 #include "prsrvut/native_call.h"
 #include "prsrvut/native_text.h"
@@ -126,12 +127,12 @@ void set_field(JNIEnv* env, jobject object, jfieldID field, char type, const jva
 bool call(JNIEnv* env, PendingException* pending, jobject result, const char* name, const char* signature,
           const jvalue* argument) {
   const Method method = find_method(env, result, name, signature);
-  if (method.id == nullptr) return false;
   if (method.only_sets != nullptr) {
     set_field(env, result, method.only_sets, signature[1], *argument);
     pending->set_raised_nothing();
     return true;
   }
+  if (method.id == nullptr) return false;
   env->CallVoidMethodA(result, method.id, argument);
   // An exception of the method stays pending for the caller. The check tells the JVM that it was not overlooked.
   static_cast<void>(env->ExceptionCheck());
@@ -250,7 +251,8 @@ extern "C" jstring prsrvut_NewStringUTF(JNIEnv* env, const char* text) {
   if (text == nullptr) return nullptr;
   PendingException pending(env);
   try {
-    jstring string = tkv::prsrvut::new_string(env, text);
+    jstring string =
+        tkv::is_ascii(text) ? tkv::prsrvut::new_ascii_string(env, text) : tkv::prsrvut::new_string(env, text);
     if (string != nullptr) pending.set_raised_nothing();
     return string;
   } catch (const std::bad_alloc&) {

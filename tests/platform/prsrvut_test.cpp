@@ -682,6 +682,47 @@ TEST_F(Prsrvut, MakesAStringOfAnyBytes) {
   EXPECT_EQ(prsrvut_NewStringUTF(env_, nullptr), nullptr);
 }
 
+TEST_F(Prsrvut, MakesAStringOfATextOfAnyLength) {
+  for (const std::size_t length : {1U, 63U, 64U, 65U, 255U, 256U, 257U, 5000U, 1048575U}) {
+    std::string text(length, 'x');
+    text.front() = 'a';
+    text.back() = '\x7F';
+    std::u16string units(text.begin(), text.end());
+    EXPECT_EQ(units_of(prsrvut_NewStringUTF(env_, text.c_str())), units) << length;
+    text.back() = '\xFF';
+    units.back() = u'\uFFFD';
+    EXPECT_EQ(units_of(prsrvut_NewStringUTF(env_, text.c_str())), units) << length;
+  }
+}
+
+TEST_F(Prsrvut, HoldsNoLocalReferenceBesideAString) {
+  const std::string text(100000, 'x');
+  ReplacedFunctions functions(env_);
+  functions.table().NewByteArray = [](JNIEnv* e, jsize size) {
+    ReplacedFunctions::count();
+    return ReplacedFunctions::original().NewByteArray(e, size);
+  };
+  functions.table().DeleteLocalRef = [](JNIEnv* e, jobject object) {
+    ReplacedFunctions::count(-1);
+    ReplacedFunctions::original().DeleteLocalRef(e, object);
+  };
+  EXPECT_NE(prsrvut_NewStringUTF(env_, text.c_str()), nullptr);
+  EXPECT_EQ(functions.calls, 0);
+}
+
+TEST_F(Prsrvut, MakesLongStringsWhereThereIsNoCharsetToAskFor) {
+  const std::string text(100000, 'x');
+  {
+    ReplacedFunctions functions(env_);
+    functions.table().GetStaticObjectField = [](JNIEnv* env, jclass owner, jfieldID field) {
+      const bool is_charset = env->IsSameObject(owner, env->FindClass("java/nio/charset/StandardCharsets")) == JNI_TRUE;
+      return is_charset ? nullptr : ReplacedFunctions::original().GetStaticObjectField(env, owner, field);
+    };
+    EXPECT_EQ(JNI_OnLoad(JavaVm::instance().vm(), nullptr), JNI_VERSION_1_8);
+  }
+  EXPECT_EQ(units_of(prsrvut_NewStringUTF(env_, text.c_str())), std::u16string(text.begin(), text.end()));
+}
+
 TEST_F(Prsrvut, GivesBackEveryCharacterThatTheJvmWrites) {
   std::u16string all;
   for (std::uint32_t unit = 1; unit < 0x10000; ++unit) all.push_back(static_cast<char16_t>(unit));

@@ -69,6 +69,19 @@ TEST(Utf8Decoding, AcceptsWhatEachFormAllows) {
   }
 }
 
+TEST(Utf8Decoding, TellsAsciiFromOtherTextsWhereverTheByteStands) {
+  EXPECT_TRUE(is_ascii(""));
+  for (const std::size_t size : {1U, 7U, 8U, 63U, 64U, 65U, 130U}) {
+    std::string text(size, '\x7F');
+    EXPECT_TRUE(is_ascii(text)) << size;
+    for (std::size_t at = 0; at < size; ++at) {
+      text[at] = '\x80';
+      EXPECT_FALSE(is_ascii(text)) << at << " of " << size;
+      text[at] = '\x7F';
+    }
+  }
+}
+
 TEST(Utf8Decoding, FindsTheIllFormedByteWhereverItStands) {
   for (const Utf8 form : {Utf8::standard, Utf8::modified, Utf8::either}) {
     EXPECT_TRUE(is_utf8("", form));
