@@ -7,6 +7,15 @@
 #include "store/record.h"
 
 namespace tkv::store::etcd {
+namespace {
+
+// Replaces a ticket by the revision that it stands for.
+Status redeem(Core& core, Run& run, Revision* revision, std::int64_t put_at) {
+  const Reply reply = core.tickets.redeem(revision, put_at, run.deadline());
+  return reply.ok() ? Status() : run.fail(reply.status);
+}
+
+}  // namespace
 
 ReadSet::ReadSet(Core& core, Run& run, const NextRun& start, Purpose purpose)
     : core_(core),
@@ -59,12 +68,6 @@ Status ReadSet::make_room() {
   return full ? survey() : Status();
 }
 
-// Replaces a ticket by the revision that it stands for.
-Status ReadSet::redeem(Revision* revision, std::int64_t put_at) {
-  const Reply reply = core_.tickets.redeem(revision, put_at, run_.deadline());
-  return reply.ok() ? Status() : run_.fail(reply.status);
-}
-
 Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added) {
   if (Status status = claimant_.show_progress(); !status.ok()) return status;
   bool compared = !is_covered(place.parent);
@@ -76,7 +79,7 @@ Status ReadSet::add_node(const NodePlace& place, SeenNode seen, bool validated, 
   if (surveying_) surveyed_.add(place.parent, lineage_);
   if (!validated) ++unvalidated_;
   if (seen.node) {
-    if (Status status = redeem(&seen.node->revision, seen.mod_revision); !status.ok()) return status;
+    if (Status status = redeem(core_, run_, &seen.node->revision, seen.mod_revision); !status.ok()) return status;
     lineage_.add(place.parent, seen.node->id);
     if (const Claim* decided = claims_->decided_on(seen.node->id)) return recover(*decided);
   }
@@ -154,7 +157,7 @@ Status ReadSet::get_value(NodeId id, Value* value) {
   read.mod_revision = response.kvs(0).mod_revision();
   read.record = std::move(*response.mutable_kvs(0));
   read.damage = decode_found_value(id, read.record, &read.value);
-  if (Status status = redeem(&read.value.revision, read.mod_revision); !status.ok()) return status;
+  if (Status status = redeem(core_, run_, &read.value.revision, read.mod_revision); !status.ok()) return status;
   *value = read.value;
   return read.damage;
 }
@@ -352,7 +355,7 @@ Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
         if (Status status = damaged(name, damage); !status.ok()) return status;
         continue;
       }
-      if (Status status = redeem(&child.revision, record.mod_revision()); !status.ok()) return status;
+      if (Status status = redeem(core_, run_, &child.revision, record.mod_revision()); !status.ok()) return status;
       if (const Claim* decided = claims_->decided_on(child.id)) return recover(*decided);
       if (claims_->has_decided()) lineage_.add(parent, child.id);  // nobody asks for it otherwise
       if (Status status = visit(name, child); !status.ok()) return status;

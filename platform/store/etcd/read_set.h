@@ -154,7 +154,6 @@ class ReadSet {
   Status survey();
   Status make_room();
   Status add_node(const NodePlace& place, SeenNode seen, bool validated, const SeenNode** added);
-  Status redeem(Revision* revision, std::int64_t put_at);
   Status add_range(NodeId parent, std::int64_t revision);
   Status get_with_siblings(const NodePlace& place, const SeenNode** seen);
   Status fetch(RangeRequest range, RangeResponse* response, const NodePlace* node = nullptr);
