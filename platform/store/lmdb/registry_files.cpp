@@ -76,9 +76,12 @@ Status RegistryFiles::open_files(const LmdbOptions& options) {
   return open_lock_file(options.read_only);
 }
 
-// Leaves `*file` closed if there is no such file.
-Status RegistryFiles::open_file(const char* name, Descriptor* file, FileIdentity* identity) const {
-  Descriptor opened(openat(handle_.number(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+// Leaves `*file` closed if there is no such file. A file that cannot be opened for reading is still named by the
+// descriptor, which suffices to tell what is wrong with it.
+Status RegistryFiles::open_file(const char* name, Access access, Descriptor* file, FileIdentity* identity) const {
+  constexpr int kReading = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC;
+  Descriptor opened(access == Access::kRead ? openat(handle_.number(), name, kReading) : -1);
+  if (!opened.is_open()) opened = Descriptor(openat(handle_.number(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found {};
   const int error = opened.is_open() && fstat(opened.number(), &found) == 0 ? 0 : errno;
   if (error == ENOENT) return {};
@@ -109,7 +112,7 @@ Status RegistryFiles::check_file(const char* name, const struct stat& file) cons
 }
 
 Status RegistryFiles::open_data_file(const LmdbOptions& options) {
-  if (Status status = open_file(kDataFile, &data_, &data_identity_); !status.ok()) return status;
+  if (Status status = open_file(kDataFile, Access::kRead, &data_, &data_identity_); !status.ok()) return status;
   if (!data_.is_open()) {
     if (!options.create || options.read_only) return {PRTKV_UNUSABLE, "there is no registry in " + quoted(path_)};
     const auto fill = [&](const Descriptor& file) {
@@ -117,7 +120,7 @@ Status RegistryFiles::open_data_file(const LmdbOptions& options) {
     };
     if (Status status = create(kDataFile, fill); !status.ok()) return status;
     if (Status status = sync_directory(handle_, path_); !status.ok()) return status;
-    if (Status status = open_file(kDataFile, &data_, &data_identity_); !status.ok()) return status;
+    if (Status status = open_file(kDataFile, Access::kRead, &data_, &data_identity_); !status.ok()) return status;
     if (!data_.is_open()) return {PRTKV_BUSY, quoted(path_of(kDataFile)) + " was removed while it was being opened"};
   }
   return inspect_data();
@@ -125,7 +128,8 @@ Status RegistryFiles::open_data_file(const LmdbOptions& options) {
 
 // On a read-only file system, LMDB does without a lock file.
 Status RegistryFiles::open_lock_file(bool read_only) {
-  if (Status status = open_file(kLockFile, &lock_, &lock_identity_); !status.ok() || lock_.is_open()) return status;
+  const auto name_file = [&] { return open_file(kLockFile, Access::kName, &lock_, &lock_identity_); };
+  if (Status status = name_file(); !status.ok() || lock_.is_open()) return status;
   const auto fill = [&](const Descriptor& file) {
     const int error = posix_fallocate(file.number(), 0, kLockFileSize);
     return lmdb_status(error, "cannot allocate " + quoted(path_of(kLockFile)));
@@ -133,11 +137,13 @@ Status RegistryFiles::open_lock_file(bool read_only) {
   struct statvfs file_system {};
   if (read_only && fstatvfs(handle_.number(), &file_system) == 0 && (file_system.f_flag & ST_RDONLY) != 0) return {};
   if (Status status = create(kLockFile, fill); !status.ok()) return status;
-  if (Status status = open_file(kLockFile, &lock_, &lock_identity_); !status.ok() || lock_.is_open()) return status;
+  if (Status status = name_file(); !status.ok() || lock_.is_open()) return status;
   return {PRTKV_BUSY, quoted(path_of(kLockFile)) + " was removed while it was being opened"};
 }
 
+// The file's descriptor can be read unless the file could not be opened for reading: the reason is reported then.
 Status RegistryFiles::inspect_data() const {
+  if ((fcntl(data_.number(), F_GETFL) & O_PATH) == 0) return inspect_data_file(data_, path_of(kDataFile));
   const Descriptor file(::open(path_to_open(data_, kDataFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file.is_open()) {
     const int error = errno;
@@ -232,11 +238,11 @@ Status RegistryFiles::open_environment(MDB_env* env, unsigned flags) const {
 Status RegistryFiles::open_writer_lock(Descriptor* file) const {
   Descriptor found(-1);
   FileIdentity identity;
-  if (Status status = open_file(kWriterLockFile, &found, &identity); !status.ok()) return status;
+  if (Status status = open_file(kWriterLockFile, Access::kName, &found, &identity); !status.ok()) return status;
   if (!found.is_open()) {
     const auto leave_empty = [](const Descriptor&) { return Status(); };
     if (Status status = create(kWriterLockFile, leave_empty); !status.ok()) return status;
-    if (Status status = open_file(kWriterLockFile, &found, &identity); !status.ok()) return status;
+    if (Status status = open_file(kWriterLockFile, Access::kName, &found, &identity); !status.ok()) return status;
     if (!found.is_open()) {
       return {PRTKV_BUSY, quoted(path_of(kWriterLockFile)) + " was removed while it was being opened"};
     }
@@ -253,7 +259,7 @@ Status RegistryFiles::open_writer_lock(Descriptor* file) const {
 Descriptor RegistryFiles::open_commit_times() const {
   Descriptor found(-1);
   FileIdentity identity;
-  if (!open_file(kWriterLockFile, &found, &identity).ok() || !found.is_open()) return Descriptor(-1);
+  if (!open_file(kWriterLockFile, Access::kName, &found, &identity).ok() || !found.is_open()) return Descriptor(-1);
   return Descriptor(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 

@@ -75,10 +75,12 @@ class RegistryFiles {
   bool are_own() const;
 
  private:
+  enum class Access { kName, kRead };  // what a descriptor is for: to name the file only, or to read it as well
+
   explicit RegistryFiles(const LmdbOptions& options) : path_(options.directory) {}
 
   Status open_files(const LmdbOptions& options);
-  Status open_file(const char* name, Descriptor* file, FileIdentity* identity) const;
+  Status open_file(const char* name, Access access, Descriptor* file, FileIdentity* identity) const;
   Status check_file(const char* name, const struct stat& file) const;
   Status open_data_file(const LmdbOptions& options);
   Status open_lock_file(bool read_only);
