@@ -64,11 +64,16 @@ Status check_file_system(const std::string& directory, FileSystemType type_of) {
   return {PRTKV_UNKNOWN, "unknown kind of file system"};
 }
 
-constexpr auto kStatfs = [](const char* path, long* type) -> int {
-  struct statfs status {};
-  if (statfs(path, &status) != 0) return errno;
-  *type = static_cast<long>(static_cast<unsigned int>(status.f_type));
+template <typename Ask>
+int file_system_type(long* type, Ask ask) {
+  struct statfs found {};
+  if (ask(&found) != 0) return errno;
+  *type = static_cast<long>(static_cast<unsigned int>(found.f_type));
   return 0;
+}
+
+constexpr auto kStatfs = [](const char* path, long* type) {
+  return file_system_type(type, [&](struct statfs* found) { return statfs(path, found); });
 };
 
 Status check_path(const std::string& directory) {
@@ -276,7 +281,10 @@ Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descri
   Descriptor opened(-1);
   if (Status status = open_existing(options.directory, &opened); !status.ok()) return status;
   if (opened.is_open()) {
-    if (Status status = check_file_system(options.directory, kStatfs); !status.ok()) return status;
+    const auto type_of_opened = [&](const char*, long* type) {
+      return file_system_type(type, [&](struct statfs* found) { return fstatfs(opened.number(), found); });
+    };
+    if (Status status = check_file_system(options.directory, type_of_opened); !status.ok()) return status;
     if (Status status = check_location(options.directory, opened, sharing); !status.ok()) return status;
     if (Status status = share_existing(opened, options, sharing); !status.ok()) return status;
   } else {
