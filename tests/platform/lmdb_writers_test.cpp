@@ -22,6 +22,7 @@
 #include "lmdb_files.h"
 #include "store/lmdb/commit_times.h"
 #include "store/lmdb/reader_pool.h"
+#include "store/lmdb/writer_page.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
@@ -95,6 +96,7 @@ TEST_F(LmdbWriters, AWriterThatDiesHoldsUpNobody) {
 
 TEST_F(LmdbWriters, AChildThatWasForkedInAWriteDoesNotHoldTheLock) {
   const auto store = open_or_fail(options_);
+  ASSERT_TRUE(set_text(*store, kRootNode, "first").ok());  // from the second write on, the lock's file is mapped
   pid_t child = -1;
   ASSERT_TRUE(store
                   ->write([&](Update& update) -> Status {
@@ -108,6 +110,30 @@ TEST_F(LmdbWriters, AChildThatWasForkedInAWriteDoesNotHoldTheLock) {
   EXPECT_EQ(in_child([&] { return set_text(*open_or_fail(options_), kRootNode, "x").ok() ? 0 : 1; }), 0);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
+}
+
+TEST_F(LmdbWriters, AChildOfAWriterThatDiesDoesNotHoldTheLock) {
+  { open_or_fail(options_); }
+  ChildProcess writer([&] {
+    setpgid(0, 0);
+    const auto store = open_or_fail(options_);
+    if (!set_text(*store, kRootNode, "first").ok()) return 1;  // so that the second write maps the file
+    const Status status = store->write([](Update&) -> Status {
+      if (fork() == 0) {
+        for (;;) pause();
+      }
+      raise(SIGSTOP);
+      return {};
+    });
+    return status.ok() ? 0 : 1;
+  });
+  writer.wait_until_stopped();
+  const pid_t group = writer.id();
+  kill(group, SIGKILL);
+  siginfo_t ended{};
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(group), &ended, WEXITED | WNOWAIT), 0);  // keeps the group's number in use
+  EXPECT_TRUE(set_text(*open_impatient(), kRootNode, "x").ok());
+  kill(-group, SIGKILL);
 }
 
 TEST_F(LmdbWriters, AThreadGivesUpWaitingForAnother) {
@@ -456,6 +482,96 @@ int as_first_process(const std::function<int()>& body) {
     if (unshare(CLONE_NEWPID) != 0) return 99;
     return in_child(body);
   });
+}
+
+TEST_F(LmdbWriters, ProcessesThatWriteWithoutPauseLetOneAnotherWrite) {
+  { open_or_fail(options_); }
+  const auto write_fifty_times = [&] {
+    const auto store = open_or_fail(options_);
+    int failures = 0;
+    for (int i = 0; i < 50; ++i) failures += set_text(*store, kRootNode, "x").ok() ? 0 : 1;
+    return failures;
+  };
+  ChildProcess endless([&] {
+    const auto store = open_or_fail(options_);
+    while (set_text(*store, kRootNode, "endless").ok()) continue;
+    return 1;
+  });
+  ChildProcess first(write_fifty_times);
+  ChildProcess second(write_fifty_times);
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+  endless.end(SIGKILL);
+}
+
+TEST_F(LmdbWriters, EmptyingTheFileOfTheLockHarmsNobody) {
+  const auto store = open_or_fail(options_);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(set_text(*store, kRootNode, std::to_string(i)).ok());
+    EXPECT_TRUE(store
+                    ->write([&](Update& update) {
+                      write_file(options_.directory + "/writer.lock", "");
+                      return update.set_value(kRootNode, 3, {});
+                    })
+                    .ok());
+    write_file(options_.directory + "/writer.lock", "");
+  }
+}
+
+class WriterPages : public ::testing::Test {
+ protected:
+  WriterPages() {
+    one_.refresh(file_.number());
+    other_.refresh(file_.number());
+  }
+
+  static Descriptor fresh_file(const std::string& path) {
+    write_file(path, "x");
+    return Descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  }
+
+  const TemporaryDirectory directory_;
+  const Descriptor file_ = fresh_file(directory_ / "writer.lock");
+  WriterPage one_;
+  WriterPage other_;
+};
+
+TEST_F(WriterPages, WhoeverRingsWakesASleeper) {
+  for (const bool rings_first : {false, true}) {
+    const std::uint32_t announced = one_.announce(1);
+    if (rings_first) other_.ring(1);
+    std::thread sleeper([&] { one_.sleep(1, announced, std::chrono::hours(1)); });
+    if (!rings_first) other_.ring(1);
+    sleeper.join();
+  }
+}
+
+TEST_F(WriterPages, EachBellWakesItsOwnSleepers) {
+  const std::uint32_t announced = one_.announce(0);
+  other_.ring(1);
+  EXPECT_EQ(one_.announce(0), announced);
+  other_.ring(0);
+  EXPECT_NE(one_.announce(0), announced);
+}
+
+TEST_F(WriterPages, AsManyTurnsAreTakenAsWereOffered) {
+  EXPECT_FALSE(one_.take_turn());
+  one_.offer_turns(2);
+  EXPECT_TRUE(other_.take_turn());
+  EXPECT_TRUE(one_.take_turn());
+  EXPECT_FALSE(other_.take_turn());
+  one_.offer_turns(2);
+  one_.offer_turns(0);
+  EXPECT_FALSE(other_.take_turn());
+}
+
+TEST_F(WriterPages, AnEmptyFileHasNoTurnsAndNamesNobody) {
+  one_.offer_turns(2);
+  ASSERT_EQ(ftruncate(file_.number(), 0), 0);
+  one_.refresh(file_.number());
+  EXPECT_FALSE(one_.take_turn());
+  EXPECT_FALSE(one_.names(std::string(WriterPage::kHolderSize, '\0')));
+  one_.ring(0);
 }
 
 TEST_F(LmdbWriters, AProcessWithTheIdOfAnotherInAnotherNamespaceIsRefused) {

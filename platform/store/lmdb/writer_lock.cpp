@@ -11,7 +11,6 @@
 #include <chrono>
 #include <ctime>
 #include <string_view>
-#include <thread>
 
 #include "store/lmdb/commit_times.h"
 #include "store/lmdb/error.h"
@@ -22,10 +21,14 @@ namespace {
 // These are shared with other processes. Do not change.
 constexpr off_t kNextWriter = 0;
 constexpr off_t kWriter = 1;
-constexpr std::size_t kHolderSize = 96;  // bytes of the file that name the holder, padded with zeroes
 
+// Between two attempts, if nobody rings.
 constexpr std::chrono::microseconds kFirstPause{50};
 constexpr std::chrono::microseconds kLongestPause{5000};
+
+// What the process that is next lets others write ahead of it: as many writes, for as long.
+constexpr std::uint32_t kTurnsOfOthers = 32;
+constexpr std::chrono::milliseconds kPatience{5};
 
 constexpr const char* kAnotherProcess = "another process";
 
@@ -56,7 +59,7 @@ std::string command_of_process() {
 std::string name_of_process() {
   static const std::string command = command_of_process();
   std::string name = std::to_string(getpid()) + " " + std::to_string(pid_namespace()) + " " + command;
-  name.resize(kHolderSize);
+  name.resize(WriterPage::kHolderSize);
   return name;
 }
 
@@ -78,22 +81,37 @@ bool take_number(std::string_view* text, std::uint64_t* number) {
 
 }  // namespace
 
+// The byte of the process that is next, while it waits for the other one.
+class WriterLock::Place {
+ public:
+  explicit Place(WriterLock& lock) : lock_(lock) {}
+  ~Place() {
+    lock_.page_.offer_turns(0);
+    lock_.free_byte(kNextWriter);
+  }
+  Place(const Place&) = delete;
+  Place& operator=(const Place&) = delete;
+
+ private:
+  WriterLock& lock_;
+};
+
 Status WriterLock::acquire(WriterDeadline* deadline) {
   if (Status status = open_file(); !status.ok()) return status;
-  if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
-  Status status;
-  try {
-    status = take_byte(kWriter, deadline);
-  } catch (...) {
-    free_byte(kNextWriter);
-    throw;
+  page_.refresh(file_.number());
+  if (!page_.take_turn() || lock_byte(file_.number(), kWriter, F_WRLCK) != 0) {
+    if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
+    const Place place(*this);
+    if (Status status = take_byte(kWriter, deadline); !status.ok()) return status;
   }
-  free_byte(kNextWriter);
-  if (status.ok()) name_holder();
-  return status;
+  name_holder();
+  return {};
 }
 
-void WriterLock::release() { free_byte(kWriter); }
+void WriterLock::release() {
+  page_.refresh(file_.number());
+  free_byte(kWriter);
+}
 
 void WriterLock::note_commit(std::uint64_t transaction) {
   const std::int64_t now = std::time(nullptr);
@@ -108,9 +126,14 @@ Status WriterLock::open_file() {
   return files_.open_writer_lock(&file_);
 }
 
-// The kernel offers no wait with a deadline for this kind of lock.
 Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
+  if (lock_byte(file_.number(), byte, F_WRLCK) == 0) return {};
+  const auto begin = WriterDeadline::Clock::now();
+  if (byte == kWriter) page_.offer_turns(kTurnsOfOthers);
   for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+    page_.refresh(file_.number());
+    if (byte == kWriter && WriterDeadline::Clock::now() - begin >= kPatience) page_.offer_turns(0);
+    const std::uint32_t announced = page_.announce(byte);
     const int error = lock_byte(file_.number(), byte, F_WRLCK);
     if (error == 0) return {};
     if (error != EAGAIN && error != EACCES && error != EINTR) {
@@ -118,18 +141,23 @@ Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
     }
     if (deadline->has_passed()) return deadline->gave_up(holder());
     deadline->tell([&] { return holder(); });
-    std::this_thread::sleep_for(pause);
+    page_.sleep(byte, announced, pause);
   }
 }
 
-void WriterLock::free_byte(off_t byte) const { (void)lock_byte(file_.number(), byte, F_UNLCK); }
+void WriterLock::free_byte(off_t byte) {
+  (void)lock_byte(file_.number(), byte, F_UNLCK);
+  page_.ring(byte);
+}
 
 // Without the name, others wait for "another process".
-void WriterLock::name_holder() const { (void)!pwrite(file_.number(), name_.data(), name_.size(), 0); }
+void WriterLock::name_holder() const {
+  if (!page_.names(name_)) (void)!pwrite(file_.number(), name_.data(), name_.size(), 0);
+}
 
 std::string WriterLock::holder() const {
-  std::array<char, kHolderSize + 1> text{};
-  if (pread(file_.number(), text.data(), kHolderSize, 0) < 0) return kAnotherProcess;
+  std::array<char, WriterPage::kHolderSize + 1> text{};
+  if (pread(file_.number(), text.data(), WriterPage::kHolderSize, 0) < 0) return kAnotherProcess;
   std::string_view rest = text.data();
   std::uint64_t process = 0;
   std::uint64_t name_space = 0;
