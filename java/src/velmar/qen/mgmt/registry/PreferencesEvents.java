@@ -1,20 +1,21 @@
 package velmar.qen.mgmt.registry;
 
-import java.io.IOException;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.List;
 import java.util.Optional;
+import java.util.UUID;
 import java.util.prefs.BackingStoreException;
 
 /**
- * Tells the listeners of a tree of preferences what other processes change. What this process changes, the nodes tell
- * themselves.
+ * Tells the listeners of a tree of preferences what others change: other processes, and this one in other ways. What is
+ * changed through the tree, the nodes tell themselves.
  */
 final class PreferencesEvents {
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
-    private static final long PROCESS = ProcessHandle.current().pid();
-    private static final String HOST = host();
+    /**
+     * The note of the changes that the trees of this process make themselves. It tells them from those of others, which may
+     * come from a process of the same number on a host of the same name.
+     */
+    static final String NOTE = "preferences of a Java program, " + UUID.randomUUID();
 
     private final PreferencesTree tree;
     private final RegistryPreferences root;
@@ -26,17 +27,11 @@ final class PreferencesEvents {
         this.root = root;
     }
 
-    /** Returns the name by which the system knows this machine or container. */
-    private static String host() {
-        try {
-            return Files.readString(Path.of("/proc/sys/kernel/hostname")).strip();
-        } catch (IOException e) {
-            return "";
-        }
-    }
-
-    /** Begins to watch the tree, unless it is watched. If the registry cannot be opened, the next call tries again. */
-    synchronized void begin() {
+    /**
+     * Begins to watch the tree, unless it is watched. Returns whether it is: if the registry cannot be opened, it is not, and
+     * the next call tries again.
+     */
+    synchronized boolean begin() {
         try {
             if (!watching) {
                 tree.watch(this::take);
@@ -45,20 +40,26 @@ final class PreferencesEvents {
         } catch (RegistryException e) {
             LOGGER.log(System.Logger.Level.DEBUG, "preferences cannot be watched yet", e);
         }
+        return watching;
     }
 
     private void take(RegistryEvent event) {
         if (event instanceof RegistryEvent.Changed change) {
-            if (change.process() != PROCESS || !change.host().equals(HOST)) {
-                change.changes().forEach(each -> attempt(() -> take(each, change.revision())));
-            }
+            boolean own = change.note().equals(NOTE);
+            change.changes().forEach(each -> attempt(() -> {
+                if (own) {
+                    confirm(each);
+                } else {
+                    take(each, change.revision());
+                }
+            }));
         } else if (event instanceof RegistryEvent.Failed failed) {
             LOGGER.log(System.Logger.Level.WARNING, "preferences are no longer watched", failed.failure());
             synchronized (this) {
                 watching = false;
             }
         } else {
-            attempt(root::forgetRemovedChildren);
+            attempt(root::tellDifferences);
         }
     }
 
@@ -75,6 +76,19 @@ final class PreferencesEvents {
         }
     }
 
+    /** The nodes have told their listeners of an own change, but perhaps before those were told of an earlier one. */
+    private void confirm(KeyChange change) throws BackingStoreException {
+        if (change.kind() == KeyChange.Kind.AT_OR_BELOW) {
+            root.tellDifferences();
+            return;
+        }
+        List<String> levels = tree.levelsOf(change.name());
+        RegistryPreferences node = nodeAbove(levels);
+        if (node != null && isPreference(levels) && lastOf(levels) != null) {
+            node.tellDifference(lastOf(levels));
+        }
+    }
+
     private void take(KeyChange change, long revision) throws BackingStoreException {
         switch (change.kind()) {
             case CREATED -> present(change.name(), revision, true);
@@ -84,7 +98,7 @@ final class PreferencesEvents {
                 present(change.name(), revision, true);
             }
             case DELETED -> absent(change.name());
-            case AT_OR_BELOW -> root.forgetRemovedChildren();
+            case AT_OR_BELOW -> root.tellDifferences();
             case SECURITY -> { }
         }
     }
@@ -99,7 +113,7 @@ final class PreferencesEvents {
         }
         if (isPreference(levels)) {
             node.tellChanged(own, tree.textAt(name, revision));
-        } else if (isNew) {
+        } else if (isNew && !node.isToldOf(own)) {
             node.tellAdded(own);
         }
     }
@@ -115,6 +129,7 @@ final class PreferencesEvents {
         if (isPreference(levels)) {
             node.tellChanged(own, null);
         } else {
+            node.note(known -> known.removed(own));
             node.forgetRemovedChildren();
         }
     }

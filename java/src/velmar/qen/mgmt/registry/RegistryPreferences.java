@@ -2,8 +2,13 @@ package velmar.qen.mgmt.registry;
 
 import java.io.IOException;
 import java.io.OutputStream;
+import java.util.Arrays;
 import java.util.List;
+import java.util.Map;
+import java.util.Objects;
+import java.util.Set;
 import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.function.Consumer;
 import java.util.prefs.AbstractPreferences;
 import java.util.prefs.BackingStoreException;
 import java.util.prefs.NodeChangeEvent;
@@ -13,11 +18,15 @@ import java.util.prefs.PreferenceChangeListener;
 
 /** A node of a tree of preferences in a registry. */
 final class RegistryPreferences extends AbstractPreferences {
+    private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
+
     private final PreferencesTree tree;
     private final PreferencesEvents events;
-    /** Listeners, to be told of what other processes change. The base class tells them of the rest. */
+    /** Listeners, to be told of what others change. The base class tells them of the rest. */
     private final List<PreferenceChangeListener> preferenceListeners = new CopyOnWriteArrayList<>();
     private final List<NodeChangeListener> nodeListeners = new CopyOnWriteArrayList<>();
+    /** What the listeners know; null if there are none. Guarded by lock. */
+    private ToldPreferences told;
     /** Null for the root. */
     private final RegistryPreferences above;
     /** Relative to the root of the tree. */
@@ -63,6 +72,7 @@ final class RegistryPreferences extends AbstractPreferences {
     @Override
     protected void putSpi(String key, String value) {
         tree.put(placeOfPreference(key), value);
+        note(known -> known.changed(key, value));
     }
 
     /** Ignores a key that no preference can have: unlike {@code put}, {@code remove} takes keys of any length. */
@@ -70,6 +80,7 @@ final class RegistryPreferences extends AbstractPreferences {
     protected void removeSpi(String key) {
         if (canHold(PreferenceNames.ofPreference(key))) {
             tree.remove(placeOfPreference(key));
+            note(known -> known.changed(key, null));
         }
     }
 
@@ -85,7 +96,11 @@ final class RegistryPreferences extends AbstractPreferences {
 
     @Override
     protected AbstractPreferences childSpi(String name) {
-        return new RegistryPreferences(this, name, placeOfNode(name));
+        RegistryPreferences child = new RegistryPreferences(this, name, placeOfNode(name));
+        if (child.newNode) {
+            note(known -> known.add(name, null));
+        }
+        return child;
     }
 
     @Override
@@ -113,6 +128,7 @@ final class RegistryPreferences extends AbstractPreferences {
                     tree.removeTree(place);
                 }
                 super.removeNode();
+                above.note(known -> known.removed(name()));
             }
         }
     }
@@ -168,11 +184,13 @@ final class RegistryPreferences extends AbstractPreferences {
         }
     }
 
+    /** Called with the lock of the node above. */
     private void forget() throws BackingStoreException {
         synchronized (lock) {
             gone = true;
             super.removeNode();
         }
+        above.note(known -> known.removed(name()));
     }
 
     /** Does nothing: {@link #flush} does it for the whole subtree. */
@@ -189,51 +207,149 @@ final class RegistryPreferences extends AbstractPreferences {
     public void addPreferenceChangeListener(PreferenceChangeListener listener) {
         super.addPreferenceChangeListener(listener);
         preferenceListeners.add(listener);
-        events.begin();
+        beginTelling();
     }
 
     @Override
     public void removePreferenceChangeListener(PreferenceChangeListener listener) {
         super.removePreferenceChangeListener(listener);
         preferenceListeners.remove(listener);
+        endTelling();
     }
 
     @Override
     public void addNodeChangeListener(NodeChangeListener listener) {
         super.addNodeChangeListener(listener);
         nodeListeners.add(listener);
-        events.begin();
+        beginTelling();
     }
 
     @Override
     public void removeNodeChangeListener(NodeChangeListener listener) {
         super.removeNodeChangeListener(listener);
         nodeListeners.remove(listener);
+        endTelling();
+    }
+
+    /**
+     * The watch begins first: a change that it does not report is one that was read here. If nothing can be read, the
+     * listeners will be told of everything.
+     */
+    private void beginTelling() {
+        boolean readable = events.begin();
+        synchronized (lock) {
+            if (told != null || isRemoved()) {
+                return;
+            }
+            told = new ToldPreferences();
+            try {
+                told = readable ? read() : told;
+            } catch (BackingStoreException e) {
+                LOGGER.log(System.Logger.Level.DEBUG, "preferences cannot be read yet", e);
+            }
+        }
+    }
+
+    private ToldPreferences read() throws BackingStoreException {
+        ToldPreferences present = new ToldPreferences();
+        tree.visit(place, 1, (levels, text) -> {
+            if (levels.size() == 1) {
+                present.add(PreferenceNames.decode(levels.get(0)).orElseThrow(), text);
+            }
+        });
+        return present;
+    }
+
+    private void endTelling() {
+        synchronized (lock) {
+            if (preferenceListeners.isEmpty() && nodeListeners.isEmpty()) {
+                told = null;
+            }
+        }
+    }
+
+    /** Notes what the listeners know from now on. */
+    void note(Consumer<ToldPreferences> what) {
+        synchronized (lock) {
+            if (told != null) {
+                what.accept(told);
+            }
+        }
+    }
+
+    /** Returns whether the listeners know that there is a child. */
+    boolean isToldOf(String child) {
+        synchronized (lock) {
+            return told != null && told.hasChild(child);
+        }
     }
 
     /** Returns a child; null if it is not in memory. */
     RegistryPreferences childInMemory(String name) {
-        synchronized (lock) {
-            for (AbstractPreferences child : cachedChildren()) {
-                if (child.name().equals(name)) {
-                    return (RegistryPreferences) child;
-                }
-            }
-            return null;
-        }
+        return childrenInMemory().stream().filter(child -> child.name().equals(name)).findFirst().orElse(null);
     }
 
-    /** Tells the listeners of the text of a preference that another process has changed; null if it has removed it. */
+    /** Tells the listeners of the text of a preference that others have changed; null if they have removed it. */
     void tellChanged(String key, String text) {
+        note(known -> known.changed(key, text));
         PreferenceChangeEvent event = new PreferenceChangeEvent(this, key, text);
         preferenceListeners.forEach(listener -> listener.preferenceChange(event));
     }
 
-    /** Tells the listeners of a child that another process has created, unless it has gone again. */
+    /** Tells the listeners of a child that others have created, unless it has gone again. */
     void tellAdded(String name) throws BackingStoreException {
+        note(known -> known.add(name, null));
         if (!nodeListeners.isEmpty() && tree.exists(placeOfNode(name))) {
             NodeChangeEvent event = new NodeChangeEvent(this, node(name));
             nodeListeners.forEach(listener -> listener.childAdded(event));
+        }
+    }
+
+    /** Tells the listeners of the text that a preference has now, unless they know it. */
+    void tellDifference(String key) {
+        String text;
+        synchronized (lock) {
+            if (told == null || isRemoved()) {
+                return;
+            }
+            text = getSpi(key);
+            if (Objects.equals(text, told.text(key))) {
+                return;
+            }
+        }
+        tellChanged(key, text);
+    }
+
+    /** Tells the listeners, here and below, of everything that they do not know, after changes that nobody lists. */
+    void tellDifferences() throws BackingStoreException {
+        forgetRemovedChildren();
+        tellOwnDifferences();
+        for (RegistryPreferences child : childrenInMemory()) {
+            child.tellDifferences();
+        }
+    }
+
+    private void tellOwnDifferences() throws BackingStoreException {
+        Map<String, String> changed;
+        Set<String> added;
+        synchronized (lock) {
+            if (told == null || isRemoved()) {
+                return;
+            }
+            ToldPreferences now = read();
+            changed = told.changedIn(now);
+            added = told.addedIn(now);
+            told = now;
+        }
+        for (String name : added) {
+            tellAdded(name);
+        }
+        changed.forEach(this::tellChanged);
+    }
+
+    private List<RegistryPreferences> childrenInMemory() {
+        synchronized (lock) {
+            return Arrays.stream(cachedChildren()).map(RegistryPreferences.class::cast).toList();
         }
     }
 

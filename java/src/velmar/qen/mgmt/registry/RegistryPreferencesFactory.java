@@ -31,9 +31,11 @@ import java.util.prefs.PreferencesFactory;
  *
  * <p><b>Other processes.</b> Values, keys and the names of children are read from the registry at each call. {@code
  * sync} removes the nodes from this process that another one has removed; until then, a change recreates such a node.
- * Listeners are told of the changes of other processes as well. A node that another process removes is reported if this
- * process has used it, and is then removed from this process, as by {@code sync}. A change that the registry has forgotten
- * before this process could read it is not reported.
+ * Listeners are also told of the changes that others make: other processes, operators, and this process through a {@link
+ * Registry}. A node that others remove is reported if this process has used it, and is then removed from this process, as
+ * by {@code sync}. If the registry has forgotten changes before this process could read them, or does not list what a large
+ * one has changed, the listeners are told how the preferences and nodes differ from what they know, without the steps
+ * between. The log of the registry says of each change made through {@code Preferences} that it is one, in its note.
  *
  * <p><b>What is atomic.</b> Each {@code put}, {@code remove} and {@code removeNode}, with everything below the node.
  * {@code exportNode} and {@code exportSubtree} write one state of the registry. {@code flush} writes all values and
@@ -45,10 +47,12 @@ import java.util.prefs.PreferencesFactory;
 public final class RegistryPreferencesFactory implements PreferencesFactory {
     /** The trees of this process, in two openings of the configured registry that end with the process. */
     private static final class Roots {
-        static final RegistryPreferences USER =
-                new RegistryPreferences(PreferencesTree.ofUser(Registry::open));
-        static final RegistryPreferences SYSTEM =
-                new RegistryPreferences(PreferencesTree.ofSystem(Registry::open));
+        static final RegistryPreferences USER = new RegistryPreferences(PreferencesTree.ofUser(Roots::open));
+        static final RegistryPreferences SYSTEM = new RegistryPreferences(PreferencesTree.ofSystem(Roots::open));
+
+        private static Registry open() {
+            return Registry.open(RegistryOptions.builder().note(PreferencesEvents.NOTE).build());
+        }
     }
 
     /** Creates a factory. All factories return the same trees. */

@@ -1,6 +1,7 @@
 package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
@@ -12,6 +13,8 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.io.ByteArrayInputStream;
 import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.EnumSet;
@@ -21,7 +24,9 @@ import java.util.Optional;
 import java.util.Random;
 import java.util.Set;
 import java.util.TreeMap;
+import java.util.TreeSet;
 import java.util.concurrent.BlockingQueue;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
@@ -40,6 +45,7 @@ import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.TestInfo;
 import org.junit.jupiter.api.Timeout;
+import org.junit.jupiter.api.io.TempDir;
 import velmar.qen.mgmt.nativesystem.ChildJvm;
 import velmar.qen.mgmt.nativesystem.Command;
 
@@ -340,9 +346,9 @@ class PreferencesTest {
     @Test
     void listenersLearnOfTheChangesOfThisProcess() throws Exception {
         Events events = new Events();
+        registry.ensure(key + ".there");
         node.addNodeChangeListener(events);
         node.addPreferenceChangeListener(event -> events.events.add(event.getKey() + "=" + event.getNewValue()));
-        registry.ensure(key + ".there");
         node.node("there");
         node.node("new");
         node.put("k", "v");
@@ -374,6 +380,108 @@ class PreferencesTest {
         events.assertNext("own=once");
         Command.run("set", key + ".@last", "v");
         events.assertNext("last=v");
+    }
+
+    /** Containers may share a host name and the numbers of their processes, as two openings in one process do. */
+    @Test
+    void listenersLearnOfChangesThatWereNotMadeThroughThesePreferences() throws Exception {
+        Events events = new Events();
+        node.addNodeChangeListener(events);
+        node.addPreferenceChangeListener(event -> events.events.add(event.getKey() + "=" + event.getNewValue()));
+        registry.put(key + ".@port", "8080");
+        events.assertNext("port=8080");
+        node.put("own", "once");
+        registry.create(key + ".child");
+        events.assertNext("own=once", "added child");
+        registry.delete(key + ".@port");
+        events.assertNext("port=null");
+    }
+
+    @Test
+    void listenersLearnLastOfTheTextThatAPreferenceHas() throws Exception {
+        Events events = new Events();
+        CountDownLatch goOn = new CountDownLatch(1);
+        node.addPreferenceChangeListener(event -> {
+            events.events.add(event.getKey() + "=" + event.getNewValue());
+            assertDoesNotThrow(() -> event.getKey().equals("first") && goOn.await(60, TimeUnit.SECONDS));
+        });
+        registry.put(key + ".@first", "v");
+        events.assertNext("first=v");
+        registry.put(key + ".@k", "of others");
+        node.put("k", "own");
+        events.assertNext("k=own");
+        goOn.countDown();
+        events.assertNext("k=of others", "k=own");
+    }
+
+    /** Puts and removes a few preferences and nodes, together with so many others that the log does not list them. */
+    private static void changeMuch(Registry registry, String key) {
+        Batch batch = registry.batch(KeySecurity.privateToUser()).createParents();
+        for (int i = 0; i < 1_100; i++) {
+            batch.put(key + ".filler.@k" + i, "v");
+        }
+        batch.put(key + ".@changed", "2").put(key + ".@new", "3").put(key + ".child.@below", "4");
+        batch.delete(key + ".@removed").deleteTree(key + ".gone").commit();
+    }
+
+    @Test
+    void aChangeThatIsNotListedKeyByKeyIsToldKeyByKey() throws Exception {
+        Events events = new Events();
+        Preferences child = node.node("child");
+        for (String name : List.of("same", "changed", "removed")) {
+            node.put(name, "1");
+        }
+        node.node("gone").put("k", "v");
+        child.addPreferenceChangeListener(event -> events.events.add("child " + event.getKey()));
+        node.addNodeChangeListener(events);
+        node.addPreferenceChangeListener(event -> events.events.add(event.getKey() + "=" + event.getNewValue()));
+        node.put("own", "1");
+        events.assertNext("own=1");
+        try (EventReader log = registry.events(key, 1)) {
+            changeMuch(registry, key);
+            RegistryEvent.Changed change = (RegistryEvent.Changed) log.next(Duration.ofSeconds(60)).orElseThrow();
+            assertEquals(KeyChange.Kind.AT_OR_BELOW, change.changes().get(0).kind());
+        }
+        Set<String> told = new TreeSet<>();
+        for (int i = 0; i < 6; i++) {
+            told.add(events.next());
+        }
+        assertEquals(Set.of("removed gone", "added filler", "changed=2", "new=3", "removed=null", "child below"), told);
+        registry.put(key + ".@changed", "5");
+        events.assertNext("changed=5");
+    }
+
+    @Test
+    void listenersThatHaveFallenBehindLearnOfTheDifferences(@TempDir Path directory) throws Exception {
+        try (Registry own = HistoryOf.with("changes = 3", directory)) {
+            Preferences app = new RegistryPreferences(PreferencesTree.ofUser(() -> own)).node("app");
+            String top = treeOf(own) + ".app";
+            Events events = new Events();
+            CountDownLatch goOn = new CountDownLatch(1);
+            own.put(top + ".@kept", "1");
+            app.addNodeChangeListener(events);
+            app.addPreferenceChangeListener(event -> {
+                events.events.add(event.getKey() + "=" + event.getNewValue());
+                assertDoesNotThrow(() -> goOn.await(60, TimeUnit.SECONDS));
+            });
+            own.put(top + ".@first", "1");
+            events.assertNext("first=1");
+            own.create(top + ".new");
+            for (int i = 0; i < 20; i++) {
+                own.put(top + ".@k", String.valueOf(i));
+            }
+            own.delete(top + ".@first");
+            own.put(top + ".other", "no preference");
+            goOn.countDown();
+            Set<String> told = new TreeSet<>();
+            for (String next = events.next(); !next.equals("last=v"); next = events.next()) {
+                if (told.isEmpty()) {
+                    own.put(top + ".@last", "v");
+                }
+                told.add(next);
+            }
+            assertEquals(Set.of("added new", "added other", "k=19", "first=null"), told);
+        }
     }
 
     @Test
