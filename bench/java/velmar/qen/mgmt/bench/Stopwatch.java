@@ -32,7 +32,7 @@ final class Stopwatch {
         return means;
     }
 
-    /** Returns the means of the windows, in nanoseconds from one operation of other threads to the next; these count. */
+    /** Returns the means of the windows, in nanoseconds from one operation of any thread to the next; they count them. */
     double[] nanosBetween(LongSupplier count) throws InterruptedException {
         meanBetween(count, warmUpNanos);
         double[] means = new double[windows];

@@ -4,11 +4,12 @@ import java.lang.invoke.MethodHandles;
 import java.lang.invoke.VarHandle;
 
 /**
- * What is known of the keys of one state, by their full names: a hash table with open addressing. Names and contents lie
- * side by side in one array, so that a lookup does not have to wait for one object to find the next.
+ * What is known of the keys of one state, by their full names: a hash table with open addressing. Names and contents
+ * lie side by side in one array, so that a lookup does not have to wait for one object to find the next.
  *
- * <p>Any thread may look up keys at any time, without a lock. One thread at a time may add keys. A key is left out if there
- * are too many with its hash code, so that whoever chooses such names on purpose does not slow down those who read them.
+ * <p>Any thread may look up keys at any time, without a lock. One thread at a time may add keys. A key is left out if
+ * there are too many with its hash code, so that whoever chooses such names on purpose does not slow down those who
+ * read them.
  */
 final class KeyTable {
     private static final VarHandle ELEMENT = MethodHandles.arrayElementVarHandle(Object[].class);

@@ -6,17 +6,17 @@ import java.util.concurrent.locks.ReentrantLock;
 /**
  * What an open registry knows of the keys that it has read: their values, and the names of their subkeys.
  *
- * <p>All of it was read from one state, and counts only as long as that is the latest one: any change of the registry, by
- * whichever process, outdates everything at once. Rights are part of the state, so what a session could read in it, it
- * may still read. What is read from a new state takes the place of all that was known.
+ * <p>All of it was read from one state, and counts only as long as that is the latest one: any change of the registry,
+ * by whichever process, outdates everything at once. Rights are part of the state, so what a session could read in it,
+ * it may still read. What is read from a new state takes the place of all that was known.
  *
  * <p>The keys are in two generations. A key that is read moves to the younger one. When that has reached half of the
- * largest weight, it becomes the older one, and the former older one is dropped. Until there is an older generation, each
- * key that is read is taken in. From then on, a key is taken in when it is read for the second time, so that reading many
- * keys once displaces nothing.
+ * largest weight, it becomes the older one, and the former older one is dropped. Until there is an older generation,
+ * each key that is read is taken in. From then on, a key is taken in when it is read for the second time, so that
+ * reading many keys once displaces nothing.
  *
  * <p>Any thread may call any method. Reading what is known takes no lock and writes nothing that threads share. A thread
- * that finds another one adding a key does not wait, and leaves out its own, until that is read again.
+ * does not wait while another one adds a key: its own key is then added when it is read again.
  */
 final class KnownKeys {
     /** The value of a key that does not exist. No key has this very object. */
@@ -33,8 +33,8 @@ final class KnownKeys {
     private static final KeyTable NONE = new KeyTable(0);
 
     /**
-     * The content of a key whose subkeys are known; the value is null if it is not known. The content of any other key is
-     * its value alone, so that there is one object less to fetch.
+     * The content of a key whose subkeys are known; the value is null if it is not known. The content of any other key
+     * is its value alone, so that there is one object less to fetch.
      */
     private record Parent(Value value, List<String> subkeys) {}
 

@@ -12,8 +12,8 @@ import java.util.prefs.BackingStoreException;
 final class PreferencesEvents {
     private static final System.Logger LOGGER = System.getLogger("velmar.qen.mgmt.tkv");
     /**
-     * The note of the changes that the trees of this process make themselves. It tells them from those of others, which may
-     * come from a process of the same number on a host of the same name.
+     * The note of the changes that the trees of this process make themselves. It tells them from those of others, which
+     * may come from a process of the same number on a host of the same name.
      */
     static final String NOTE = "preferences of a Java program, " + UUID.randomUUID();
 
@@ -28,8 +28,8 @@ final class PreferencesEvents {
     }
 
     /**
-     * Begins to watch the tree, unless it is watched. Returns whether it is: if the registry cannot be opened, it is not, and
-     * the next call tries again.
+     * Begins to watch the tree, unless it is watched. Returns whether it is: if the registry cannot be opened, it is not,
+     * and the next call tries again.
      */
     synchronized boolean begin() {
         try {

@@ -31,11 +31,11 @@ import java.util.prefs.PreferencesFactory;
  *
  * <p><b>Other processes.</b> Values, keys and the names of children are read from the registry at each call. {@code
  * sync} removes the nodes from this process that another one has removed; until then, a change recreates such a node.
- * Listeners are also told of the changes that others make: other processes, operators, and this process through a {@link
- * Registry}. A node that others remove is reported if this process has used it, and is then removed from this process, as
- * by {@code sync}. If the registry has forgotten changes before this process could read them, or does not list what a large
- * one has changed, the listeners are told how the preferences and nodes differ from what they know, without the steps
- * between. The log of the registry says of each change made through {@code Preferences} that it is one, in its note.
+ * Listeners are also told of the changes that others make: other processes, operators, and this process through a
+ * {@link Registry}. A node that others remove is reported if this process has used it, and is then removed from this
+ * process, as by {@code sync}. If the registry has forgotten changes before this process could read them, or does not
+ * list what a large one has changed, the listeners are told how the preferences and nodes differ from what they know,
+ * without the steps between. In the registry's log, changes made through {@code Preferences} have a note that says so.
  *
  * <p><b>What is atomic.</b> Each {@code put}, {@code remove} and {@code removeNode}, with everything below the node.
  * {@code exportNode} and {@code exportSubtree} write one state of the registry. {@code flush} writes all values and

@@ -6,9 +6,9 @@ import java.util.Set;
 import java.util.TreeMap;
 
 /**
- * What the listeners of a node know: the preferences and the names of the children that were there when the first of them
- * was added, and what they have been told of since. Where the registry does not tell what has changed, this tells what to
- * tell them. Guarded by the node's lock.
+ * What the listeners of a node know: the preferences and the names of the children that were there when the first of
+ * them was added, and what they have been told since. If the registry does not say what has changed, the difference is
+ * what they have to be told. Guarded by the node's lock.
  */
 final class ToldPreferences {
     private final Map<String, String> texts = new TreeMap<>();
@@ -45,7 +45,7 @@ final class ToldPreferences {
         children.remove(child);
     }
 
-    /** Returns the preferences that differ in another state, with their texts there; null for those that are not there. */
+    /** Returns the preferences that differ in another state, with their texts there; null if they are not there. */
     Map<String, String> changedIn(ToldPreferences other) {
         Map<String, String> changed = new TreeMap<>(other.texts);
         texts.forEach((key, text) -> {
