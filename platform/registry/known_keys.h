@@ -42,8 +42,8 @@ class KnownKeys {
   static constexpr std::size_t kSeen = std::size_t{1} << 17;  // names that are remembered as seen, by their hashes
   // Clearing a table of that size takes longer than opening a key and reading it, and many sessions read few keys. The
   // first names are therefore remembered in a smaller one, which is still large enough to keep them apart.
-  static constexpr std::size_t kFewSeen = 64;
-  static constexpr std::size_t kFewPlaces = std::size_t{1} << 12;
+  static constexpr std::size_t kFewSeen = 512;
+  static constexpr std::size_t kFewPlaces = std::size_t{1} << 14;
 
   // Tells whether a name was seen before, and remembers it in place of another.
   bool was_seen(std::size_t hash) noexcept {
