@@ -184,8 +184,67 @@ class EtcdRestoredWhileSweeping : public EtcdRestoredSnapshot {
     };
   }
 
+  // The same, right before the second one.
+  void restore_after_removal(const FakeKv::State& snapshot) {
+    kv_.before_txn = [this, snapshot, removals = 0](const TxnRequest& request) mutable {
+      const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
+      if (kv_.is_full && removes && ++removals == 2) {
+        const std::int64_t revision = kv_.revision();
+        kv_.restore(snapshot);
+        while (kv_.revision() <= revision) kv_.put("/elsewhere", "something");
+      }
+      return Reply();
+    };
+  }
+
+  Status remove_family(Core& core, const std::string& name) {
+    return run(core, [&](Update& update) -> Status {
+      Node top;
+      if (Status status = update.find(kRootNode, name, &top); !status.ok()) return status;
+      if (Status status = update.unlink(kRootNode, name); !status.ok()) return status;
+      return update.discard(top.id);
+    });
+  }
+
   const Keys keys_{"/tkv/"};
 };
+
+TEST_F(EtcdRestoredWhileSweeping, AKeyThatWasDeletedWithoutSpaceKeepsItsSubkeys) {
+  const auto deleting = session();
+  const NodeId top = create_family(*session(), "top");
+  const FakeKv::State snapshot = kv_.state();
+  kv_.is_full = true;
+  restore_after_removal(snapshot);
+  (void)remove_family(*deleting, "top");
+  EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "") << "the snapshot was restored";
+  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+}
+
+// The log had been removed before the snapshot was made.
+TEST_F(EtcdRestoredWhileSweeping, ASecondKeyThatWasDeletedWithoutSpaceKeepsItsSubkeysToo) {
+  const auto deleting = session();
+  (void)create_family(*session(), "first");
+  const NodeId top = create_family(*session(), "top");
+  kv_.is_full = true;
+  ASSERT_TRUE(done(remove_family(*deleting, "first")));
+  restore_after_removal(kv_.state());
+  (void)remove_family(*deleting, "top");
+  EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "") << "the snapshot was restored";
+  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+}
+
+TEST_F(EtcdRestoredWhileSweeping, WhatWasDeletedWithoutSpaceIsRemovedThoughTheLogIsBack) {
+  const auto deleting = session();
+  const NodeId top = create_family(*session(), "top");
+  kv_.is_full = true;
+  kv_.before_txn = [this, removals = 0](const TxnRequest& request) mutable {
+    const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
+    if (removes && ++removals == 2) kv_.put(keys_.log(), ChangeLog::encode({}));
+    return Reply();
+  };
+  ASSERT_TRUE(done(remove_family(*deleting, "top")));
+  EXPECT_EQ(kv_.get(keys_.node({top, "child"})), "");
+}
 
 TEST_F(EtcdRestoredWhileSweeping, AKeyThatIsNoLongerDeletedKeepsItsSubkeys) {
   const auto sweeping = session();
@@ -220,20 +279,32 @@ TEST_F(EtcdRestoredWhileSweeping, IdsThatNowBelongToOthersAreLeftAlone) {
   EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
 }
 
-TEST_F(EtcdRestoredWhileSweeping, ARepairLeavesWhatIsNoLongerAnOrphan) {
+class EtcdRestoredWhileRepairing : public EtcdRestoredWhileSweeping {
+ protected:
+  // Repairs an orphan that a snapshot has brought back to its parent right before it is removed.
+  void expect_no_orphan_removed(Core& repairing) {
+    const NodeId top = create_family(*session(), "top");
+    const FakeKv::State snapshot = kv_.state();
+    kv_.erase(keys_.node({kRootNode, "top"}));
+    restore_before_removal(snapshot, [] {});
+    const ChangeDescription description;
+    Totals totals;
+    const auto ignore_finding = [](const Finding&) {};
+    const auto ignore_progress = [](const CheckProgress&) {};
+    const Status repaired = check_registry(repairing, &description, ignore_finding, ignore_progress, &totals);
+    EXPECT_FALSE(repaired.ok());
+    EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "");
+    EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+  }
+};
+
+TEST_F(EtcdRestoredWhileRepairing, LeavesWhatIsNoLongerAnOrphan) { expect_no_orphan_removed(*session()); }
+
+TEST_F(EtcdRestoredWhileRepairing, LeavesItThoughTheSessionIsOlderThanTheSnapshot) {
   const auto repairing = session();
-  const NodeId top = create_family(*session(), "top");
-  const FakeKv::State snapshot = kv_.state();
-  kv_.erase(keys_.node({kRootNode, "top"}));
-  restore_before_removal(snapshot, [] {});
-  const ChangeDescription description;
-  Totals totals;
-  const auto ignore_finding = [](const Finding&) {};
-  const auto ignore_progress = [](const CheckProgress&) {};
-  const Status repaired = check_registry(*repairing, &description, ignore_finding, ignore_progress, &totals);
-  EXPECT_FALSE(repaired.ok());
-  EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "");
-  EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
+  Owner owner;
+  ASSERT_TRUE(done(repairing->session.owner(&owner, repairing->deadline())));
+  expect_no_orphan_removed(*repairing);
 }
 
 }  // namespace

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <optional>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "store/etcd/build.h"
 #include "store/etcd/change_log.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
+#include "store/etcd/writer.h"
 #include "store/record.h"
 #include "store/tree_check.h"
 
@@ -28,6 +30,11 @@ class Checker {
  public:
   Checker(Core& core, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress)
       : core_(core), check_(report), report_(report), progress_(progress) {}
+  ~Checker() {
+    if (mark_) core_.writers.give_back(std::move(*mark_));
+  }
+  Checker(const Checker&) = delete;
+  Checker& operator=(const Checker&) = delete;
 
   // To be called before read() if there is to be a repair.
   Status begin_repair();
@@ -38,6 +45,8 @@ class Checker {
  private:
   Status visit(const char* reading, const KeyRange& range, std::int64_t limit,
                FunctionRef<void(const KeyValue&)> visit_record);
+  Status settle();
+  Status mark_state(bool* marked);
   Status read_leftovers();
   Status read_nodes();
   Status read_values();
@@ -51,7 +60,7 @@ class Checker {
   Status remove_orphans();
 
   Core& core_;
-  std::optional<Owner> repairer_;
+  std::optional<Mark> mark_;  // of the repair
   TreeCheck check_;
   FunctionRef<void(const Finding&)> report_;
   FunctionRef<void(const CheckProgress&)> progress_;
@@ -184,11 +193,41 @@ Status Checker::read_next_id() {
   return {};
 }
 
-// The first read fixes the revision that everything else is read at.
+// Fixes the revision that everything is read at: one at which every decision has been carried out.
+Status Checker::settle() {
+  for (bool marked = false; !marked;) {
+    RangeResponse counter;
+    const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_);
+    if (!settled.ok() || !mark_) return settled.status;
+    if (Status status = mark_state(&marked); !status.ok()) return status;
+  }
+  return {};
+}
+
+// Rewrites the mark of the repair, unless others have laid claims, and has everything read at the revision of that. A
+// snapshot of the cluster that was saved before does not have this mark; to one that was saved later, it applies what
+// was read. Without space for the mark there is none.
+Status Checker::mark_state(bool* marked) {
+  const KnownClaims claims = core_.claims.known();
+  if (claims->has_decided()) return {};
+  TxnRequest request;
+  compare_claims(&request, core_.keys, *claims);
+  const Written written =
+      write_once(*core_.kv, core_.keys, std::move(request), &*mark_, core_.writers.next_text(), core_.deadline());
+  if (written.went_back) return core_.kv->end().status;
+  if (written.lost) core_.session.lost(mark_->owner);
+  if (written.lost) return changed_meanwhile();
+  *marked = written.made || written.status.is(PRTKV_STORAGE_FULL);
+  if (written.status.is(PRTKV_STORAGE_FULL)) {
+    mark_.reset();
+    return {};
+  }
+  if (written.made) revision_ = written.revision;
+  return written.status;
+}
+
 Status Checker::read() {
-  RangeResponse counter;
-  const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_);
-  if (!settled.ok()) return settled.status;
+  if (Status status = settle(); !status.ok()) return status;
   if (Status status = read_leftovers(); !status.ok()) return status;
   if (Status status = read_nodes(); !status.ok()) return status;
   if (Status status = read_values(); !status.ok()) return status;
@@ -211,19 +250,19 @@ void Checker::reset_root(TxnRequest* request) {
   put(request->add_success(), key, as_text(encode_node(kNoNode, "", Node{kRootNode, {}})));
 }
 
-// The session's key is older than what is read. A snapshot of the cluster that was saved before does not have it.
-// Without space for the key there is none: then only deletions are permitted.
+// Without space for the session's key there is none: then only deletions are permitted.
 Status Checker::begin_repair() {
   Owner owner;
   Status status = core_.session.owner(&owner, core_.deadline());
   if (status.is(PRTKV_STORAGE_FULL)) return {};
-  if (status.ok()) repairer_ = owner;
+  if (status.ok()) mark_ = core_.writers.take(owner);
   return status;
 }
 
-// Adds the comparison that no snapshot from before the repair has been restored since.
+// Adds the comparison that what was read belongs to this history of the cluster. There is none for a repair without
+// space: nothing can be put that an older snapshot would lack.
 void Checker::compare_history(TxnRequest* request) const {
-  if (repairer_) compare_alive(request, core_.keys, *repairer_);
+  if (mark_) compare_revision(request, mark_->key, mark_->mod_revision);
 }
 
 // An orphan at the revision that was checked is still one now, or has been removed since: no entry refers to its

@@ -185,7 +185,8 @@ Status Commit::send() {
     if (!written.status.ok()) return remove_without_space(std::move(written.status));
     if (written.lost) return staging_.lost();
     if (written.made) {
-      committed(written.revision, Sweeper::Marked::kYes, kMoment);
+      committed(written.revision);
+      core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()), kMoment);
       return {};
     }
     if (!may_be_sent_again(written.response)) return repeat_changed();
@@ -203,7 +204,8 @@ Status Commit::remove_without_space(Status refusal) {
   const Reply reply = core_.kv->txn(request, &response, run_.deadline());
   if (!reply.ok()) return reply.repeated ? unknown_outcome(reply.status) : reply.status;
   if (response.succeeded()) {
-    committed(response.header().revision(), Sweeper::Marked::kNo, core_.kv->timeout());
+    committed(response.header().revision());
+    core_.sweeper.remove_unmarked(unlinked_at(response.header().revision()), core_.kv->timeout());
     return {};
   }
   if (reply.repeated) return unknown_outcome(refusal);
@@ -232,7 +234,7 @@ Status Commit::repeat_changed() {
 }
 
 // The change has been made. What cannot be carried out now is left to whoever comes by.
-void Commit::committed(std::int64_t revision, Sweeper::Marked marked, std::chrono::milliseconds removing) {
+void Commit::committed(std::int64_t revision) {
   if (!writes_.is_empty()) revision_ = static_cast<Revision>(revision);
   for (const auto& [place, node] : writes_.nodes()) {
     if (node && batches_ == 0) {
@@ -246,7 +248,20 @@ void Commit::committed(std::int64_t revision, Sweeper::Marked marked, std::chron
   }
   if (batches_ != 0 && !core_.recovery.carry_out(*reads_.claim()).ok()) core_.sweeper.look_around();
   staging_.committed();
-  core_.sweeper.remove_garbage(writes_.garbage(reads_.childless()), marked, removing);
+}
+
+// What has to be removed after a change that only deletes.
+std::vector<Sweeper::Unmarked> Commit::unlinked_at(std::int64_t revision) const {
+  const std::vector<std::string> garbage = writes_.garbage(reads_.childless());
+  std::vector<Sweeper::Unmarked> unlinked;
+  for (const auto& [place, node] : writes_.nodes()) {
+    const SeenNode* read = reads_.find(place);
+    if (node || read == nullptr || !read->node) continue;
+    const NodeId top = read->node->id;
+    const bool is_left = std::find(garbage.begin(), garbage.end(), core_.keys.garbage(top)) != garbage.end();
+    if (is_left) unlinked.push_back({top, place, revision});
+  }
+  return unlinked;
 }
 
 }  // namespace tkv::store::etcd

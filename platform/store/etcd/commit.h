@@ -6,9 +6,10 @@
 //
 // While etcd's space alarm is raised, a change that only deletes, and that fits one transaction, is made without a mark
 // and without garbage keys, which could not be put. So a lost answer leaves it undecided; and if the session dies
-// before it has removed what hung below a deleted key, keys and values without a parent remain. No session reaches
-// those, and no id is given out again, so nobody misreads them. They take space until `tkv verify --repair` finds and
-// removes them. The log cannot describe the change either (see change_log.h).
+// before it has removed what hung below a deleted key, or if another key is created in its place before that, keys and
+// values without a parent remain. No session reaches those, and no id is given out again, so nobody misreads them. They
+// take space until `tkv verify --repair` finds and removes them. The log cannot describe the change either (see
+// change_log.h).
 //
 // Used by one thread, once. Failures of the cluster are recorded in the Run.
 #ifndef TKV_PLATFORM_STORE_ETCD_COMMIT_H
@@ -61,7 +62,8 @@ class Commit {
   bool may_be_sent_again(const TxnResponse& response);
   bool claim_stands() const;
   Status repeat_changed();
-  void committed(std::int64_t revision, Sweeper::Marked marked, std::chrono::milliseconds removing);
+  void committed(std::int64_t revision);
+  std::vector<Sweeper::Unmarked> unlinked_at(std::int64_t revision) const;
 
   Core& core_;
   Run& run_;

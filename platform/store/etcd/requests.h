@@ -47,6 +47,15 @@ inline void compare_created(TxnRequest* request, std::string key, std::int64_t c
   compare->set_create_revision(create_revision);
 }
 
+// The key exists and was created after this revision.
+inline void compare_created_after(TxnRequest* request, std::string key, std::int64_t revision) {
+  Compare* compare = request->add_compare();
+  compare->set_target(Compare::CREATE);
+  compare->set_result(Compare::GREATER);
+  compare->set_key(std::move(key));
+  compare->set_create_revision(revision);
+}
+
 // The key has existed since this revision or longer, and may have been rewritten.
 inline void compare_not_removed(TxnRequest* request, std::string key, std::int64_t revision) {
   Compare* compare = request->add_compare();

@@ -4,6 +4,7 @@
 #include <exception>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
@@ -19,6 +20,25 @@ constexpr std::chrono::milliseconds kGrace{1000};
 
 // Ends the removal of one thing, and is no failure: its marker is gone.
 constexpr prtkv_result kMarkerGone = PRTKV_NO_SUCH_KEY;
+
+// Whether a failure concerns one thing that is to be removed or carried out, and may not concern the next one.
+bool is_of_one(const Status& status) { return status.is(PRTKV_STORAGE_FULL) || status.is(PRTKV_STORAGE_FAILED); }
+
+// The failures of several steps: the first one counts.
+class Steps {
+ public:
+  // Returns false if the steps after this one need not be tried.
+  bool take(Status status) {
+    const bool goes_on = status.ok() || is_of_one(status);
+    if (first_.ok() || !goes_on) first_ = std::move(status);
+    return goes_on;
+  }
+
+  Status result() { return std::move(first_); }
+
+ private:
+  Status first_;
+};
 
 Status unless_gone(Status status) { return status.is(kMarkerGone) ? Status() : std::move(status); }
 
@@ -48,12 +68,19 @@ Sweeper::~Sweeper() {
   if (thread_.joinable()) thread_.join();
 }
 
-void Sweeper::remove_garbage(const std::vector<std::string>& keys, Marked marked, std::chrono::milliseconds moment) {
-  const Job::Kind later = marked == Marked::kYes ? Job::Kind::kGarbage : Job::Kind::kUnmarkedGarbage;
+void Sweeper::remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment) {
   const Deadline end(moment);
   const auto stop = [&] { return end.left().count() == 0; };
   for (const std::string& key : keys) {
-    if (!sweep_garbage(key, marked, Pace{stop, moment}).ok()) add({later, key});
+    if (!sweep_garbage(key, Pace{stop, moment}).ok()) add({Job::Kind::kGarbage, key});
+  }
+}
+
+void Sweeper::remove_unmarked(const std::vector<Unmarked>& unlinked, std::chrono::milliseconds moment) {
+  const Deadline end(moment);
+  const auto stop = [&] { return end.left().count() == 0; };
+  for (const Unmarked& each : unlinked) {
+    if (!sweep_unmarked(each, Pace{stop, moment}).ok()) add({Job::Kind::kUnmarkedGarbage, "", each});
   }
 }
 
@@ -119,9 +146,9 @@ void Sweeper::work() {
 Status Sweeper::carry_out(const Job& job, const Pace& pace) {
   switch (job.kind) {
     case Job::Kind::kGarbage:
-      return sweep_garbage(job.key, Marked::kYes, pace);
+      return sweep_garbage(job.key, pace);
     case Job::Kind::kUnmarkedGarbage:
-      return sweep_garbage(job.key, Marked::kNo, pace);
+      return sweep_unmarked(job.unmarked, pace);
     case Job::Kind::kOwnBuild:
       return sweep_build(job.key, Whose::kOurs, pace);
     case Job::Kind::kLookAround:
@@ -138,25 +165,56 @@ Status Sweeper::remove(TxnRequest* batch, const Pace& pace) {
   return reply.status;
 }
 
-Status Sweeper::remove_marked(TxnRequest* batch, const Marker& marker, const Pace& pace) {
+Status Sweeper::remove_marked(TxnRequest* batch, Marker* marker, const Pace& pace) {
   if (batch->success_size() == 0) return {};
-  compare_revision(batch, marker.key, *marker.revision);
+  const TxnRequest removals = std::exchange(*batch, {});
+  if (marker->unmarked) return remove_unmarked(removals, marker, pace);
+  TxnRequest request = removals;
+  compare_revision(&request, marker->key, *marker->revision);
+  if (!marker->ended_session.empty()) compare_ended(&request, keys_, marker->ended_session);
   TxnResponse response;
-  Reply reply = kv_.txn(*batch, &response, Deadline(pace.request));
-  batch->Clear();
+  Reply reply = kv_.txn(request, &response, Deadline(pace.request));
   return reply.ok() && !response.succeeded() ? Status(kMarkerGone) : reply.status;
 }
 
-Status Sweeper::sweep_garbage(const std::string& key, Marked marked, const Pace& pace) {
+Status Sweeper::remove_unmarked(const TxnRequest& batch, Marker* marker, const Pace& pace) {
+  const Unmarked& unlinked = *marker->unmarked;
+  for (int tries = 0; tries < 2; ++tries) {
+    TxnRequest request = batch;
+    compare_revision(&request, keys_.node(unlinked.place), 0);
+    if (marker->log_is_back) {
+      compare_created_after(&request, keys_.log(), unlinked.unlinked_at);
+    } else {
+      compare_revision(&request, keys_.log(), 0);
+    }
+    TxnResponse response;
+    Reply reply = kv_.txn(request, &response, Deadline(pace.request));
+    if (!reply.ok() || response.succeeded()) return reply.status;
+    marker->log_is_back = !marker->log_is_back;
+  }
+  return kMarkerGone;
+}
+
+Status Sweeper::sweep_garbage(const std::string& key, const Pace& pace) {
   const auto top = keys_.parse_garbage(key);
   if (!top) return {};
-  Marker marker{key, marked == Marked::kYes ? std::nullopt : std::optional<std::int64_t>(0)};
+  Marker marker{key, std::nullopt};
   TxnRequest batch;
   std::unordered_set<NodeId> seen{*top};
   if (Status status = sweep_below({*top}, &seen, &marker, pace); !status.ok()) return unless_gone(std::move(status));
   erase(batch.add_success(), keys_.value(*top));
   erase(batch.add_success(), key);
-  return unless_gone(remove_marked(&batch, marker, pace));
+  return unless_gone(remove_marked(&batch, &marker, pace));
+}
+
+Status Sweeper::sweep_unmarked(const Unmarked& unlinked, const Pace& pace) {
+  Marker marker{.key = "", .revision = 0, .unmarked = unlinked};
+  TxnRequest batch;
+  std::unordered_set<NodeId> seen{unlinked.top};
+  Status status = sweep_below({unlinked.top}, &seen, &marker, pace);
+  if (!status.ok()) return unless_gone(std::move(status));
+  erase(batch.add_success(), keys_.value(unlinked.top));
+  return unless_gone(remove_marked(&batch, &marker, pace));
 }
 
 namespace {
@@ -219,15 +277,15 @@ Status Sweeper::sweep_below(std::vector<NodeId> parents, std::unordered_set<Node
     found.Clear();
     parents.resize(parents.size() - count);
     if (Status status = sweep_below(children, seen, marker, pace); !status.ok()) return status;
-    if (Status status = remove_children(entries, children, *marker, pace); !status.ok()) return status;
+    if (Status status = remove_children(entries, children, marker, pace); !status.ok()) return status;
     parents.insert(parents.end(), unfinished.begin(), unfinished.end());
   }
   return {};
 }
 
 // Values first: once an entry is gone, nothing tells whose a value was.
-Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids,
-                                const Marker& marker, const Pace& pace) {
+Status Sweeper::remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, Marker* marker,
+                                const Pace& pace) {
   TxnRequest batch;
   const auto add = [&](KeyRange range) -> Status {
     erase(batch.add_success(), std::move(range));
@@ -260,19 +318,18 @@ Status Sweeper::sweep_build(const std::string& key, Whose whose, const Pace& pac
     next_look_ = time_after(std::min(interval_, kSoon));
     return {};
   }
-  if (Status status = sweep_given_up(*token, *text, marker, pace); !status.ok()) return unless_gone(std::move(status));
+  if (Status status = sweep_given_up(*token, *text, &marker, pace); !status.ok()) return unless_gone(std::move(status));
   return sweep_claims(pace);
 }
 
-Status Sweeper::sweep_given_up(const std::string& token, const BuildText& text, const Marker& marker,
-                               const Pace& pace) {
+Status Sweeper::sweep_given_up(const std::string& token, const BuildText& text, Marker* marker, const Pace& pace) {
   if (Status status = sweep_range(keys_.all_of_plan(token), marker, pace); !status.ok()) return status;
   for (const IdRange& ids : text.ids) {
     if (Status status = sweep_range(keys_.nodes_below(ids.first, ids.last), marker, pace); !status.ok()) return status;
     if (Status status = sweep_range(keys_.values_of(ids.first, ids.last), marker, pace); !status.ok()) return status;
   }
   TxnRequest last;
-  erase(last.add_success(), marker.key);
+  erase(last.add_success(), marker->key);
   return remove_marked(&last, marker, pace);
 }
 
@@ -289,6 +346,11 @@ Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, Mark
   *request.add_failure()->mutable_request_range() = get_one(build.key());
   TxnResponse response;
   const Reply reply = kv_.txn(request, &response, Deadline(pace.request));
+  if (reply.status.is(PRTKV_STORAGE_FULL) && !is_former && whose != Whose::kOurs) {
+    marker->revision = build.mod_revision();
+    marker->ended_session = text.session;
+    return {};
+  }
   if (!reply.ok()) return reply.status;
   if (response.succeeded()) {
     marker->revision = response.header().revision();
@@ -303,6 +365,7 @@ Status Sweeper::give_up(const KeyValue& build, BuildText text, Whose whose, Mark
 
 // A claim whose build is gone has no owner. A decision needs no build.
 Status Sweeper::sweep_claims(const Pace& pace) {
+  Steps steps;
   Pager claims(kv_, get_range(keys_.all_claims(), kMarkersPerPage));
   while (claims.more()) {
     RangeResponse page;
@@ -313,20 +376,20 @@ Status Sweeper::sweep_claims(const Pace& pace) {
       if (pace.stop()) return PRTKV_UNREACHABLE;
       const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
       if (claim.text.decided) {
-        if (Status status = recovery_.finish(claim, pace.request); !status.ok()) return status;
+        if (!steps.take(recovery_.finish(claim, pace.request))) return steps.result();
         continue;
       }
       TxnRequest request;
       compare_revision(&request, keys_.staging(claim.token), 0);
       compare_revision(&request, record.key(), record.mod_revision());
       erase(request.add_success(), record.key());
-      if (Status status = remove(&request, pace); !status.ok()) return status;
+      if (!steps.take(remove(&request, pace))) return steps.result();
     }
   }
-  return {};
+  return steps.result();
 }
 
-Status Sweeper::sweep_range(const KeyRange& range, const Marker& marker, const Pace& pace) {
+Status Sweeper::sweep_range(const KeyRange& range, Marker* marker, const Pace& pace) {
   while (true) {
     if (pace.stop()) return PRTKV_UNREACHABLE;
     RangeRequest request = get_range(range, kKeysPerSweep);
@@ -359,9 +422,9 @@ Status Sweeper::sweep_for_repair() {
 }
 
 Status Sweeper::sweep_all(const Pace& pace) {
-  if (Status status = sweep_builds(Whose::kEnded, pace); !status.ok()) return status;
-  if (Status status = sweep_claims(pace); !status.ok()) return status;
-  return sweep_garbage(pace);
+  Steps steps;
+  if (steps.take(sweep_builds(Whose::kEnded, pace)) && steps.take(sweep_claims(pace))) steps.take(sweep_garbage(pace));
+  return steps.result();
 }
 
 Status Sweeper::sweep_former_marks(const Pace& pace) {
@@ -381,15 +444,16 @@ Status Sweeper::sweep_former_marks(const Pace& pace) {
 }
 
 Status Sweeper::sweep_builds(Whose whose, const Pace& pace) {
+  Steps steps;
   Pager builds(kv_, get_range(keys_.all_staging(), kMarkersPerPage));
   while (builds.more()) {
     RangeResponse page;
     if (Reply reply = builds.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& build : page.kvs()) {
-      if (Status status = sweep_build(build.key(), whose, pace); !status.ok()) return status;
+      if (!steps.take(sweep_build(build.key(), whose, pace))) return steps.result();
     }
   }
-  return {};
+  return steps.result();
 }
 
 Status Sweeper::sweep_garbage(const Pace& pace) {
@@ -400,7 +464,7 @@ Status Sweeper::sweep_garbage(const Pace& pace) {
     RangeResponse page;
     if (Reply reply = garbage.next(&page); !reply.ok()) return reply.status;
     for (const KeyValue& top : page.kvs()) {
-      if (Status status = sweep_garbage(top.key(), Marked::kYes, pace); !status.ok()) return status;
+      if (Status status = sweep_garbage(top.key(), pace); !status.ok()) return status;
     }
   }
   return {};

@@ -45,12 +45,17 @@ class Sweeper {
   Sweeper(const Sweeper&) = delete;
   Sweeper& operator=(const Sweeper&) = delete;
 
-  // Whether unlinked subtrees have garbage keys. Those that were unlinked while etcd had no space have none.
-  enum class Marked { kNo, kYes };
+  // A subtree that was unlinked while etcd had no space for a garbage key.
+  struct Unmarked {
+    NodeId top = kNoNode;
+    NodePlace place;  // that it was unlinked from
+    std::int64_t unlinked_at = 0;
+  };
 
-  // Removes subtrees that this session has just unlinked, given by their garbage keys. Does so at once for up to
-  // `moment`, and leaves the rest to the thread.
-  void remove_garbage(const std::vector<std::string>& keys, Marked marked, std::chrono::milliseconds moment);
+  // Removes subtrees that this session has just unlinked, given by their garbage keys or without them. Does so at once
+  // for up to `moment`, and leaves the rest to the thread.
+  void remove_garbage(const std::vector<std::string>& keys, std::chrono::milliseconds moment);
+  void remove_unmarked(const std::vector<Unmarked>& unlinked, std::chrono::milliseconds moment);
 
   // Has the thread look for what ended sessions have left, and finish or remove it.
   void look_around() { add({Job::Kind::kLookAround, ""}); }
@@ -76,6 +81,7 @@ class Sweeper {
   struct Job {
     enum class Kind { kGarbage, kUnmarkedGarbage, kOwnBuild, kLookAround } kind;
     std::string key;
+    Unmarked unmarked = {};
   };
 
   // Which builds may be given up, apart from those that have been already.
@@ -94,9 +100,19 @@ class Sweeper {
   // The key that says what is to be removed, and the revision at which it was written. Each removal compares it:
   // another sweeper may be done, or a snapshot may have been restored in which nothing is to be removed, or in which
   // the same ids belong to others.
+  //
+  // A subtree without a garbage key is told from one that a snapshot has brought back by what its deletion has removed
+  // besides: its entry, and the key of the log, which can have been created again later. A restored snapshot that is
+  // older than the deletion has the one or the other, if the log is removed in no other way. It lacks both only if,
+  // since it was restored or before it was made, another deletion without space had removed the log, and the subtree
+  // was moved. Nothing can be compared that rules this out as well: a transaction that only deletes leaves nothing that
+  // is there only since.
   struct Marker {
     std::string key;
-    std::optional<std::int64_t> revision;  // 0: it does not exist
+    std::optional<std::int64_t> revision;
+    std::string ended_session = {};  // compared as well: of a build that there was no space to give up
+    std::optional<Unmarked> unmarked = {};
+    bool log_is_back = false;
   };
 
   static std::int64_t time_after(std::chrono::milliseconds from_now);
@@ -109,16 +125,18 @@ class Sweeper {
   Status sweep_claims(const Pace& pace);
   Status sweep_garbage(const Pace& pace);
   bool stopping();
-  Status sweep_garbage(const std::string& key, Marked marked, const Pace& pace);
+  Status sweep_garbage(const std::string& key, const Pace& pace);
+  Status sweep_unmarked(const Unmarked& unlinked, const Pace& pace);
   Status sweep_build(const std::string& key, Whose whose, const Pace& pace);
   Status give_up(const KeyValue& build, BuildText text, Whose whose, Marker* marker, const Pace& pace);
-  Status sweep_given_up(const std::string& token, const BuildText& text, const Marker& marker, const Pace& pace);
-  Status sweep_range(const KeyRange& range, const Marker& marker, const Pace& pace);
+  Status sweep_given_up(const std::string& token, const BuildText& text, Marker* marker, const Pace& pace);
+  Status sweep_range(const KeyRange& range, Marker* marker, const Pace& pace);
   Status sweep_below(std::vector<NodeId> parents, std::unordered_set<NodeId>* seen, Marker* marker, const Pace& pace);
-  Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, const Marker& marker,
+  Status remove_children(const std::vector<KeyRange>& entries, const std::vector<NodeId>& ids, Marker* marker,
                          const Pace& pace);
   Status remove(TxnRequest* batch, const Pace& pace);
-  Status remove_marked(TxnRequest* batch, const Marker& marker, const Pace& pace);
+  Status remove_marked(TxnRequest* batch, Marker* marker, const Pace& pace);
+  Status remove_unmarked(const TxnRequest& batch, Marker* marker, const Pace& pace);
 
   Kv& kv_;
   const Keys& keys_;
