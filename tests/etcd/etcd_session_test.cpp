@@ -15,8 +15,10 @@
 #include "store/etcd/checker.h"
 #include "store/etcd/cluster_status.h"
 #include "store/etcd/opening.h"
+#include "store/etcd/redo_log.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
+#include "store/record.h"
 #include "tree.h"
 
 namespace tkv::store::etcd {
@@ -450,6 +452,58 @@ TEST_F(EtcdWithoutSpace, WhatADeadSessionDidNotRemoveIsNotTakenForSomethingNew) 
   EXPECT_EQ(orphans_found_by(*later, true), kMany);
   EXPECT_EQ(count_children(*one_, "top"), kMany);
   EXPECT_EQ(orphans_found_by(*one_, false), 0);
+}
+
+// A key that was deleted, of which one subkey is left.
+class EtcdGarbageWithoutSpace : public EtcdWithoutSpace {
+ protected:
+  // From here on, there is no space.
+  void leave_garbage() {
+    kv_.put(keys_.node({kTop, "left"}), as_text(encode_node(kTop, "left", {kTop + 1, {}})));
+    kv_.put(keys_.garbage(kTop), "");
+    kv_.is_full = true;
+  }
+
+  void expect_garbage_removed() {
+    EXPECT_EQ(kv_.count(keys_.all_garbage()), 0u);
+    EXPECT_EQ(kv_.get(keys_.node({kTop, "left"})), "");
+  }
+
+  static constexpr NodeId kTop = 70'000;
+};
+
+TEST_F(EtcdGarbageWithoutSpace, IsRemovedBesideTheBuildOfASessionThatDied) {
+  const auto other = session();
+  EXPECT_TRUE(build(*one_, [&] { kv_of_one_->die(); }).is(PRTKV_UNREACHABLE));
+  leave_garbage();
+  EXPECT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.count(keys_.all_staging()), 1u) << "its session goes on";
+  expect_garbage_removed();
+  kv_.expire_leases();
+  EXPECT_TRUE(done(other->sweeper.sweep_all()));
+  expect_only_nodes(1);
+}
+
+TEST_F(EtcdGarbageWithoutSpace, IsRemovedBesideADecisionThatCannotBeCarriedOut) {
+  RedoLog log;
+  RequestOp operation;
+  put(&operation, keys_.value(2), "decided");
+  log.add(std::move(operation));
+  kv_.put(keys_.plan("token", 0), log.take_batches().front());
+  kv_.put(keys_.claim(2, "token"), ClaimText{true, 0, 0, 1}.print());
+  leave_garbage();
+  EXPECT_TRUE(one_->sweeper.sweep_all().is(PRTKV_STORAGE_FULL));
+  expect_garbage_removed();
+  kv_.is_full = false;
+  EXPECT_TRUE(done(one_->sweeper.sweep_all()));
+  EXPECT_EQ(kv_.get(keys_.value(2)), "decided");
+}
+
+TEST_F(EtcdGarbageWithoutSpace, IsRemovedBesideADecisionThatIsDamaged) {
+  kv_.put(keys_.claim(2, "token"), "nonsense");
+  leave_garbage();
+  EXPECT_TRUE(one_->sweeper.sweep_all().is(PRTKV_STORAGE_FAILED));
+  expect_garbage_removed();
 }
 
 TEST_F(EtcdWithoutSpace, ADeletionWhoseAnswerWasLostIsUndecided) {
