@@ -123,6 +123,34 @@ class Wait(OnEtcd):
                        if line.startswith("etcd_debugging_mvcc_watcher_total "))
 
 
+class LargeChange(OnEtcd):
+    def setUp(self):
+        super().setUp()
+        keys = [{"name": "many"}] + [{"name": f"many.k{number:03}", "type": "int32", "value": number}
+                                     for number in range(200)]
+        self.tkv("import", given=json.dumps({"tkv": 1, "top": "many", "keys": keys}))
+
+    def assert_is_last_change_of(self, *keys):
+        change, = self.log("-n", "1")
+        for key in keys:
+            stat = json.loads(self.out("stat", "--json", key))
+            self.assertEqual((stat["revision"], stat["changed_by"]), (change["revision"], change["author"]), key)
+
+    def test_its_keys_tell_its_revision_and_author(self):
+        self.assert_is_last_change_of("many", "many.k000", "many.k077", "many.k199")
+        self.tkv("chmod", "-R", "o=", "many")
+        self.assert_is_last_change_of("many", "many.k000", "many.k077", "many.k199")
+        self.tkv("set", "many.k077", "later")
+        self.assert_is_last_change_of("many.k077")
+
+    def test_a_condition_names_its_revision(self):
+        self.tkv("chmod", "-R", "o=", "many")
+        revision = self.log("-n", "1")[0]["revision"]
+        self.tkv("set", "many.k077", "later", "--if-revision", revision)
+        self.fails(CONFLICT, "set", "many.k077", "too late", "--if-revision", revision)
+        self.assertEqual(self.out("get", "many.k077"), "later\n")
+
+
 class Undo(OnEtcd):
     def test_shows_and_undoes_a_change(self):
         before = self.out("export")
