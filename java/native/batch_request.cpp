@@ -41,6 +41,8 @@ bool read_condition(DataReader& from, Condition* condition) {
     case Condition::Kind::kRevision:
       condition->revision = static_cast<Revision>(from.word64());
       return from.complete();
+    case Condition::Kind::kSubtree:
+      break;  // not part of the Java API
   }
   return false;
 }

@@ -3,6 +3,7 @@
 #define TKV_PLATFORM_REGISTRY_BATCH_H
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,11 +21,14 @@ struct Condition {
     kExists,    // there is one. Needs no right
     kValue,     // it exists, and its value is `value`; type 0 without bytes: it has none. Needs TKV_RIGHT_READ
     kRevision,  // it exists, and its last change (KeyInfo::revision) was `revision`. Needs TKV_RIGHT_READ
+    kSubtree,   // it exists, it is one of exactly `keys` keys at and below it, and none of these was changed after
+                // `revision`. Passes over what the identity may not list, and over changes of what it may not read
   };
   Kind kind = Kind::kExists;
   std::string name = {};
   TypedValue value = {};
   Revision revision = 0;
+  std::uint64_t keys = 0;
   KeyId id = kAnyKey;  // of all kinds but kAbsent: and it is this key
 };
 

@@ -1,6 +1,8 @@
 #include "registry/batch_writer.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "registry/new_keys.h"
 
@@ -28,6 +30,33 @@ Status check_revision(Reader& tree, const Condition& condition) {
                                  std::to_string(condition.revision));
 }
 
+Status read_extent(Reader& tree, const KeyRef& key, std::uint64_t* keys, Revision* latest) {
+  WalkOptions options;
+  options.values = true;
+  options.denied = WalkOptions::Denied::kSkip;
+  *keys = 0;
+  *latest = 0;
+  return tree.walk(key, options, [&](const WalkEntry& entry) {
+    ++*keys;
+    *latest = std::max(*latest, entry.revision);
+    return Status();
+  });
+}
+
+Status check_subtree(Reader& tree, const Condition& condition) {
+  std::uint64_t keys = 0;
+  Revision latest = 0;
+  Status status = read_extent(tree, {condition.name, condition.id}, &keys, &latest);
+  if (!status.ok()) return status;
+  if (latest > condition.revision) {
+    return conflict(condition, "or a key below it was changed in revision " + std::to_string(latest) + ", after " +
+                                   std::to_string(condition.revision));
+  }
+  if (keys == condition.keys) return {};
+  return conflict(condition, "is one of " + std::to_string(keys) + " keys at and below it, not of " +
+                                 std::to_string(condition.keys));
+}
+
 Status check_existing(Reader& tree, const Condition& condition) {
   Place place;
   switch (condition.kind) {
@@ -35,6 +64,8 @@ Status check_existing(Reader& tree, const Condition& condition) {
       return check_value(tree, condition);
     case Condition::Kind::kRevision:
       return check_revision(tree, condition);
+    case Condition::Kind::kSubtree:
+      return check_subtree(tree, condition);
     default:
       return tree.resolve({condition.name, condition.id}, &place);
   }
@@ -102,7 +133,46 @@ Status make(Writer& tree, const Operation& operation, const NewKeySecurity& rule
   return {PRTKV_INVALID_ARGUMENT, "an unknown kind of operation"};
 }
 
+// What is to hold of a key that is written or moved.
+Status expect_key(Reader& present, const std::string& name, Batch* batch) {
+  Place place;
+  KeyInfo info;
+  Condition condition{.kind = Condition::Kind::kRevision, .name = name};
+  Status status = present.resolve(name, &place);
+  if (status.ok()) status = present.stat_briefly({name, place.node.id}, &info);
+  condition.id = place.node.id;
+  condition.revision = info.revision;
+  if (status.is(PRTKV_ACCESS_DENIED)) condition.kind = Condition::Kind::kExists;
+  if (status.is(PRTKV_NO_SUCH_KEY)) condition = {.kind = Condition::Kind::kAbsent, .name = name};
+  batch->conditions.push_back(std::move(condition));
+  return status.is(PRTKV_ACCESS_DENIED) || status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
+}
+
+Status expect_subtree(Reader& present, const std::string& name, Batch* batch) {
+  Place place;
+  Condition condition{.kind = Condition::Kind::kSubtree, .name = name};
+  Status status = present.resolve(name, &place);
+  if (status.ok()) {
+    condition.id = place.node.id;
+    status = read_extent(present, {name, place.node.id}, &condition.keys, &condition.revision);
+  }
+  if (status.is(PRTKV_NO_SUCH_KEY)) condition = {.kind = Condition::Kind::kAbsent, .name = name};
+  batch->conditions.push_back(std::move(condition));
+  return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
+}
+
 }  // namespace
+
+Status expect_present(Reader& present, Batch* batch) {
+  batch->conditions.clear();
+  for (const Operation& operation : batch->operations) {
+    const bool is_subtree = operation.kind == Operation::Kind::kRemove && operation.recursive;
+    Status status =
+        is_subtree ? expect_subtree(present, operation.name, batch) : expect_key(present, operation.name, batch);
+    if (!status.ok()) return status;
+  }
+  return {};
+}
 
 Status check_conditions(Reader& tree, const Batch& batch, CommitResult* result) {
   *result = {};

@@ -13,6 +13,9 @@ Status write_batch(Writer& tree, const Batch& batch, CommitResult* result);
 // Only the conditions.
 Status check_conditions(Reader& tree, const Batch& batch, CommitResult* result);
 
+// Replaces the conditions by others: that what the operations replace, move or delete is still as `present` shows it.
+Status expect_present(Reader& present, Batch* batch);
+
 }  // namespace tkv::registry
 
 #endif

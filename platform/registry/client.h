@@ -116,7 +116,7 @@ struct ChangeQuery {
 
 struct UndoOptions {
   bool force = false;    // also undo what was changed again since
-  bool dry_run = false;  // change nothing
+  bool dry_run = false;  // change nothing, but give the batch
 };
 
 class Client : public KeyReader {
@@ -259,7 +259,13 @@ class Client : public KeyReader {
 
   // Undoes one change: makes what it touched what it was before, as one batch, which `*inverse` receives. Keys that are
   // created again are new keys. If a later change touched the same keys, returns PRTKV_CONFLICT with a message that
-  // names one, unless `force` is set. A change that is not retained, or whose past is not, yields
+  // names one, unless `force` is set.
+  //
+  // With `dry_run`, the batch can be shown to somebody and then be committed: its conditions say that what it replaces,
+  // moves or deletes is what the dry run has found, even with `force`. PRTKV_CONFLICT or PRTKV_HAS_SUBKEYS then means
+  // that others came first.
+  //
+  // A change that is not retained, or whose past is not, yields
   // PRTKV_INVALID_ARGUMENT. Needs the rights to read the past of all keys that the change touched, and those of each
   // change back.
   virtual Status undo(Revision revision, const UndoOptions& options, Batch* inverse, CommitResult* result) = 0;

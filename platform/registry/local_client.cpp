@@ -381,21 +381,23 @@ Status LocalClient::undo(Revision revision, const UndoOptions& options, Batch* i
   Batch planned;
   *result = {};
   if (Status status = history_.plan_undo_of(revision, &planned); !status.ok()) return status;
-  Batch forced = planned;
-  forced.conditions.clear();
-  for (Operation& operation : forced.operations) {
-    operation.recursive = operation.recursive || operation.kind == Operation::Kind::kRemove;
+  if (options.force) {
+    planned.conditions.clear();
+    for (Operation& operation : planned.operations) {
+      operation.recursive = operation.recursive || operation.kind == Operation::Kind::kRemove;
+    }
   }
-  const Batch& chosen = options.force ? forced : planned;
   Status status;
-  if (options.dry_run) {
-    status = read([&](Reader& tree) { return rehearse(tree, chosen, result); });
+  if (!options.dry_run) {
+    status = commit(planned, result);
+  } else if (options.force) {
+    status = read_all([&](Reader& tree) { return expect_present(tree, &planned); });
   } else {
-    status = commit(chosen, result);
+    status = read([&](Reader& tree) { return rehearse(tree, planned, result); });
   }
   // A key that was created may have subkeys by now.
   if (status.is(PRTKV_HAS_SUBKEYS)) status = {PRTKV_CONFLICT, status.text()};
-  *inverse = chosen;
+  *inverse = std::move(planned);
   return status;
 }
 

@@ -654,6 +654,72 @@ TEST_P(History, UndoOfACreationSparesWhatOthersHavePutBelow) {
   EXPECT_THAT(everything(*root_), ElementsAre("= [63]"));
 }
 
+// Whoever forces an undo is shown first what it would do to the present.
+TEST_P(History, AForcedUndoIsMadeAsItWasShownOrNotAtAll) {
+  const auto grant_nothing = [this] {
+    Batch batch{.operations = {{.kind = Operation::Kind::kSecurity, .name = "a.b.c"}}};
+    batch.operations[0].security.emplace(open_to_all());
+    batch.operations[0].security->other_perm = 0;
+    CommitResult result;
+    EXPECT_EQ(commit(batch, &result), Status());
+  };
+  const auto remove = [this](const std::string& name) {
+    EXPECT_EQ(root_->remove(name, true, ignore_progress), Status());
+  };
+  const std::vector<std::function<void()>> others = {
+      [this] { set("a.b", "changed"); },
+      [this] { set("a.b.c", "changed"); },
+      [this] { make("a.new"); },
+      [this] { make("a.b.c.new"); },
+      [this] { move("elsewhere", "a.b.moved"); },
+      [remove] { remove("a.b.c"); },
+      [this, remove] {
+        remove("a.b.c");
+        make("a.b.c", "1");
+      },
+      [this, remove] {
+        remove("a");
+        make("a", "1");
+      },
+      grant_nothing,
+  };
+  CommitResult result;
+  Batch inverse;
+  for (std::size_t i = 0; i < others.size(); ++i) {
+    make("elsewhere");
+    make("a", "1");
+    const Revision created = latest();
+    make("a.b", "1");
+    make("a.b.c", "1");
+    ASSERT_EQ(root_->undo(created, {.force = true, .dry_run = true}, &inverse, &result), Status()) << i;
+    others[i]();
+    const std::vector<std::string> changed = everything(*root_);
+    EXPECT_EQ(commit(inverse, &result).code(), PRTKV_CONFLICT) << i;
+    EXPECT_EQ(everything(*root_), changed) << i;
+    ASSERT_EQ(root_->undo(created, {.force = true, .dry_run = true}, &inverse, &result), Status()) << i;
+    EXPECT_EQ(commit(inverse, &result), Status()) << i;
+    EXPECT_EQ(value(*root_, "a"), "(4)") << i;
+    const Status removed = root_->remove("elsewhere", true, ignore_progress);
+    EXPECT_TRUE(removed.ok() || removed.is(PRTKV_NO_SUCH_KEY)) << "moved away";
+  }
+}
+
+TEST_P(History, AForcedUndoOfAValueIsMadeAsItWasShownOrNotAtAll) {
+  make("a", "1");
+  set("a", "2");
+  const Revision undone = latest();
+  set("a", "3");
+  CommitResult result;
+  Batch inverse;
+  ASSERT_EQ(root_->undo(undone, {.force = true, .dry_run = true}, &inverse, &result), Status());
+  set("a", "4");
+  EXPECT_EQ(commit(inverse, &result).code(), PRTKV_CONFLICT);
+  EXPECT_EQ(value(*root_, "a"), "4");
+  ASSERT_EQ(root_->undo(undone, {.force = true, .dry_run = true}, &inverse, &result), Status());
+  EXPECT_EQ(commit(inverse, &result), Status());
+  EXPECT_EQ(value(*root_, "a"), "1");
+}
+
 TEST_P(History, AnUndoCanBeUndone) {
   make("a", "1");
   set("a", "2");

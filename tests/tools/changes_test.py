@@ -197,6 +197,23 @@ class Undo(Changing):
             self.assertEqual(terminal.finish()[0], code)
             self.assertEqual(self.out("get", "app.limit"), value)
 
+    def test_forced_does_what_was_shown_or_nothing(self):
+        self.tkv("create", "app.new")
+        change = self.latest()
+        self.tkv("set", "app.new.below", "shown")
+        for words in (("set", "app.new.below", "changed"), ("set", "app.new.later", "l"), ("rm", "app.new.later")):
+            with self.subTest(words=words):
+                terminal = self.terminal("undo", "--no-color", "--force", change)
+                terminal.read_until(b"[y/N] ")
+                self.tkv(*words)
+                terminal.type("y\n")
+                code, seen = terminal.finish()
+                self.assertEqual(code, CONFLICT)
+                self.assertIn("what was shown has changed", seen)
+        self.assertEqual(self.out("get", "app.new.below"), "changed\n")
+        self.tkv("undo", "--yes", "--force", change)
+        self.fails(NOT_FOUND, "get", "app.new")
+
     def test_without_a_terminal_needs_yes(self):
         self.tkv("set", "app.limit", "--int64", "6")
         refused = self.tkv("undo", self.latest(), exits=CONFLICT)

@@ -10,10 +10,11 @@
 namespace tkv::command {
 namespace {
 
-// What undoing a change would do now.
+// What undoing a change would do now. The batch has the condition that nothing in it has changed since.
 struct UndoPlan {
   Revision revision = 0;
-  registry::UndoOptions options;
+  bool force = false;
+  registry::Batch inverse;
   std::vector<ChangeDetails> details;
 };
 
@@ -25,15 +26,14 @@ Outcome explained(const Status& status) {
   return status;
 }
 
+// What is read here has not changed since the dry run, if the commit succeeds.
 Outcome make_plan(registry::Client& client, UndoPlan* plan) {
-  registry::Batch inverse;
   registry::CommitResult result;
-  registry::UndoOptions rehearsal = plan->options;
-  rehearsal.dry_run = true;
-  if (Status planned = client.undo(plan->revision, rehearsal, &inverse, &result); !planned.ok()) {
+  const registry::UndoOptions rehearsal{.force = plan->force, .dry_run = true};
+  if (Status planned = client.undo(plan->revision, rehearsal, &plan->inverse, &result); !planned.ok()) {
     return explained(planned);
   }
-  return read_details(client, inverse, &plan->details);
+  return read_details(client, plan->inverse, &plan->details);
 }
 
 std::string plan_json(const UndoPlan& plan) {
@@ -41,10 +41,11 @@ std::string plan_json(const UndoPlan& plan) {
 }
 
 Outcome carry_out(Context& context, const UndoPlan& plan) {
-  registry::Batch inverse;
   registry::CommitResult result;
-  if (Status undone = context.client().undo(plan.revision, plan.options, &inverse, &result); !undone.ok()) {
-    return explained(undone);
+  if (Status undone = context.client().commit(plan.inverse, &result); !undone.ok()) {
+    const bool overtaken = undone.is(PRTKV_CONFLICT) || undone.is(PRTKV_HAS_SUBKEYS);
+    if (!overtaken) return undone;
+    return {Exit::kConflict, "what was shown has changed meanwhile, and nothing was done: " + undone.text()};
   }
   if (context.json()) {
     context.output().line(JsonObject()
@@ -62,7 +63,7 @@ Outcome carry_out(Context& context, const UndoPlan& plan) {
 
 Outcome run_undo(Context& context, const Arguments& arguments) {
   UndoPlan plan;
-  plan.options.force = arguments.force;
+  plan.force = arguments.force;
   if (Outcome parsed = parse_revision("undo", *arguments.revision, &plan.revision); !parsed.ok()) return parsed;
   const std::string change = "change " + std::to_string(plan.revision);
   context.suggest_note("undo of " + change);
