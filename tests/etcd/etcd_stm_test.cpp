@@ -1,7 +1,10 @@
 // The parts of a transaction on etcd (read set, write set, commit, recovery), against a cluster in memory.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
+#include <limits>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -780,17 +783,18 @@ class EtcdTicket : public EtcdParts {
 
   // A large change that cannot be carried out, since the session is cut off: it makes the first `batches` of it.
   void decide(int batches) {
-    int rest = batches + 1;  // the decision is the first
-    kv_->before_txn = [&](const TxnRequest& request) {
+    // The sweeper's thread may be within the function when the session is no longer cut off.
+    const auto rest = std::make_shared<std::atomic<int>>(batches + 1);  // the decision is the first
+    kv_->before_txn = [rest, claims = keys().all_claims().begin](const TxnRequest& request) {
       const bool concerns = std::any_of(request.success().begin(), request.success().end(), [&](const RequestOp& each) {
         return each.request_put().value().starts_with("state decided") ||
-               each.request_delete_range().key().starts_with(keys().all_claims().begin);
+               each.request_delete_range().key().starts_with(claims);
       });
-      const bool is_cut = concerns && rest-- <= 0;
+      const bool is_cut = concerns && rest->fetch_sub(1) <= 0;
       return is_cut ? Reply{Verdict::kFinal, Status(PRTKV_UNREACHABLE, "cut off"), false} : Reply();
     };
     EXPECT_TRUE(done(run([](Update& update) { return change_all(update); })));
-    kv_->before_txn = nullptr;
+    rest->store(std::numeric_limits<int>::max());
     decided_at_ = kv_->mod_revision(keys().log());
     EXPECT_EQ(kv_->count(keys().all_claims()), 1u);
   }
