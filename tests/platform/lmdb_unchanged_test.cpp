@@ -195,41 +195,41 @@ TEST_P(LmdbUnchanged, WhatIsSaidToBeUnchangedIsWhatAViewFinds) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, LmdbUnchanged, ::testing::Range(1u, 5u));
 
-using LmdbSubtrees = LmdbUnchanged;
+// A key whose node is to stay unchanged, and one in another group that is written to.
+class LmdbSubtrees : public LmdbUnchanged {
+ protected:
+  void SetUp() override {
+    fill(*store_);
+    known_ = look_up(*store_, groups_[kGroups / 2], name_of(0));
+    written_ = look_up(*store_, groups_.back(), name_of(kNodesInGroup - 1));
+    ASSERT_TRUE(known_ && written_);
+    ASSERT_EQ(unchanged_until(*known_), known_->state);
+  }
+
+  Status write() { return set_text(*store_, written_->node.id, "text"); }
+  std::uint64_t unchanged_until(const Found& found) { return store_->unchanged_until(found.state, found.place); }
+
+  const std::shared_ptr<Store> store_ = open();
+  std::optional<Found> known_;
+  std::optional<Found> written_;
+};
 
 TEST_F(LmdbSubtrees, ANodeIsKnownToBeUnchangedWhileOthersAreWritten) {
-  const auto store = open();
-  fill(*store);
-  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
-  const std::optional<Found> written = look_up(*store, groups_.back(), name_of(kNodesInGroup - 1));
-  ASSERT_TRUE(known && written);
-  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
-  for (int commit = 1; commit <= 20; ++commit) {
-    ASSERT_TRUE(set_text(*store, written->node.id, std::to_string(commit)).ok());
-    EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state + static_cast<std::uint64_t>(commit));
-    EXPECT_EQ(store->unchanged_until(written->state, written->place), 0u);
+  for (std::uint64_t commit = 1; commit <= 20; ++commit) {
+    ASSERT_TRUE(write().ok());
+    EXPECT_EQ(unchanged_until(*known_), known_->state + commit);
+    EXPECT_EQ(unchanged_until(*written_), 0u);
   }
 }
 
 TEST_F(LmdbSubtrees, NothingIsKnownToBeUnchangedWhenPagesMayHaveBeenUsedAgain) {
-  const auto store = open();
-  fill(*store);
-  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
-  const std::optional<Found> written = look_up(*store, groups_.back(), name_of(kNodesInGroup - 1));
-  ASSERT_TRUE(known && written);
-  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
-  for (int commit = 0; commit < 2; ++commit) ASSERT_TRUE(set_text(*store, written->node.id, "text").ok());
-  EXPECT_EQ(store->unchanged_until(known->state, known->place), 0u);
+  for (int commit = 0; commit < 2; ++commit) ASSERT_TRUE(write().ok());
+  EXPECT_EQ(unchanged_until(*known_), 0u);
 }
 
 TEST_F(LmdbSubtrees, NoNodeIsKnownToBeUnchangedOnceOneWasRemoved) {
-  const auto store = open();
-  fill(*store);
-  const std::optional<Found> known = look_up(*store, groups_[kGroups / 2], name_of(0));
-  ASSERT_TRUE(known);
-  EXPECT_EQ(store->unchanged_until(known->state, known->place), known->state);
-  ASSERT_TRUE(store->write([&](Update& update) { return update.unlink(groups_.back(), name_of(0)); }).ok());
-  EXPECT_EQ(store->unchanged_until(known->state, known->place), 0u);
+  ASSERT_TRUE(store_->write([&](Update& update) { return update.unlink(groups_.back(), name_of(0)); }).ok());
+  EXPECT_EQ(unchanged_until(*known_), 0u);
 }
 
 }  // namespace
