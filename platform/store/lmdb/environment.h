@@ -82,7 +82,7 @@ class Environment {
   // See Store::unchanged_until.
   std::uint64_t unchanged_until(std::uint64_t state, const ValuePlace& place);
 
-  // A descriptor of the data file without access rights.
+  // A descriptor of the data file to watch it by. It belongs to the environment.
   int data_file() const { return files_->data_file(); }
 
   // Returns PRTKV_UNUSABLE if the registry's files were replaced or removed, now and from then on.

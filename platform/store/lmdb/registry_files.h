@@ -5,8 +5,10 @@
 // that belongs to the caller, root, the directory's owner or the registry's group. What LMDB opens is the very file
 // that was checked. Mode and group are changed only on files that this process has just created.
 //
-// The descriptors carry no access rights (O_PATH), so closing them does not release the locks that LMDB holds on the
-// files. The objects are immutable; any thread may use them.
+// A process loses its POSIX locks on a file when it closes any descriptor of that file. LMDB holds such locks on the
+// lock file only, which is therefore held by a descriptor without access rights (O_PATH): closing that one releases
+// nothing. The data file carries no locks; it is held by a descriptor that can read it. The objects are immutable; any
+// thread may use them.
 //
 // What every transaction asks about the files, are_in_place() and data_size(), does not ask for their times (statx).
 // Linux gives a file whose times were read a new time at the next write, and a file system without a journal then
