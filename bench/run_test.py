@@ -21,7 +21,8 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(HERE))
 
 from measure import machine
-from measure.tables import Table
+from measure.programs import Programs
+from measure.tables import Failure, Table
 
 FIGURE = r"[\d,]+(?:\.\d+)? (?:ns|µs|ms|s)"
 JAVA = {  # the columns without a figure: those that have no such thing
@@ -217,6 +218,23 @@ class Parts(unittest.TestCase):
         self.assertTrue(machine.is_quiet(busy=0.02, load=0.3, processors=2))
         self.assertFalse(machine.is_quiet(busy=0.3, load=0.3, processors=2))
         self.assertFalse(machine.is_quiet(busy=0.02, load=1.5, processors=2))
+
+    def test_programs_run_together_begin_once_all_are_ready(self):
+        programs = Programs(Path(), Path())
+        with tempfile.TemporaryDirectory() as directory:
+            # Each looks for the files by which all have said that they are ready.
+            script = ("import os, sys; open(sys.argv[1], 'x').close(); print('ready', flush=True); begin = input(); "
+                      "print('begin', begin, sep='\\t'); print('files', len(os.listdir('.')), sep='\\t')")
+            commands = [["env", "-C", directory, sys.executable, "-c", script, name] for name in ("a", "b", "c")]
+            answers = programs.run_together(commands)
+        self.assertEqual([answer["files"] for answer in answers], ["3"] * 3)
+        self.assertEqual(len({answer["begin"] for answer in answers}), 1, "the time of the beginning is one for all")
+
+    def test_programs_run_together_end_if_one_does_not_become_ready(self):
+        waits = [sys.executable, "-c", "print('ready', flush=True); input()"]
+        fails = [sys.executable, "-c", "import sys; sys.exit('no store')"]
+        with self.assertRaisesRegex(Failure, "did not become ready:\nno store"):
+            Programs(Path(), Path()).run_together([waits, fails])
 
     def test_p10_is_the_value_that_a_tenth_stays_below(self):
         table = Table("name", "title", ["tkv"])

@@ -153,7 +153,8 @@ class Experiments:
         return table
 
     def writers(self):
-        """Processes that write at the same time: the time from one write of any of them to the next."""
+        """Processes that write at the same time: the time from one write of any of them to the next. The writes of all
+        are counted in the same windows."""
         peers = [peer for peer in self.compared if peer in SEVERAL_PROCESSES]
         table = Table("writers", "Java, durable write by any of", peers)
         dataset = self.plan.dataset()
@@ -164,9 +165,9 @@ class Experiments:
                 table.add_row(label)
                 for peer in peers:
                     progress(f"writers: {label}, {peer}")
-                    answers = self.programs.run_together([stores.java(peer, ["write"], times)] * count)
-                    windows = zip(*(values_of(answer["write"]) for answer in answers))
-                    table.add(label, peer, [1 / sum(1 / mean for mean in window) for window in windows])
+                    answers = self.programs.run_together([stores.java(peer, ["write-together"], times)] * count)
+                    windows = zip(*(values_of(answer["writes"]) for answer in answers))
+                    table.add(label, peer, [self.plan.window_ms * 1e6 / max(1, sum(writes)) for writes in windows])
         return [table]
 
     def history(self):

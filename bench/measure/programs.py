@@ -143,9 +143,21 @@ class Programs:
         return answer, int(collected[-1].split(":")[1])
 
     def run_together(self, commands):
-        """Runs programs at the same time. Returns what each printed."""
+        """Runs programs that say when they are ready, and then reads the time at which all of them are, in nanoseconds
+        of the machine's monotonic clock. Returns what each printed after that."""
         running = [(command, self.start(command)) for command in commands]
-        return [self.finish(command, process)[0] for command, process in running]
+        try:
+            for command, process in running:
+                self.await_ready(command, process)
+            begin = time.monotonic_ns()
+            for _, process in running:
+                self.tell(process, begin)
+            return [self.finish(command, process)[0] for command, process in running]
+        except Failure:
+            for _, process in running:
+                with process:
+                    process.kill()
+            raise
 
     def run_timed(self, command):
         """Runs a program. Returns its nanoseconds and the largest size of its resident memory, in KiB."""
@@ -166,9 +178,7 @@ class Programs:
     def writing(self, command):
         """While it lasts, a program writes."""
         process = self.start(command)
-        if process.stdout.readline() != "ready\n":
-            process.stdin.close()
-            raise Failure(f"{' '.join(command)}\ndid not begin to write:\n{process.stderr.read()}")
+        self.await_ready(command, process)
         try:
             yield
         finally:
@@ -177,6 +187,18 @@ class Programs:
     @staticmethod
     def start(command):
         return subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    @staticmethod
+    def await_ready(command, process):
+        if process.stdout.readline() != "ready\n":
+            process.stdin.close()
+            raise Failure(f"{' '.join(command)}\ndid not become ready:\n{process.stderr.read()}")
+
+    @staticmethod
+    def tell(process, number):
+        with contextlib.suppress(BrokenPipeError):  # finish() reports why it has ended
+            process.stdin.write(f"{number}\n")
+            process.stdin.flush()
 
     @staticmethod
     def finish(command, process):

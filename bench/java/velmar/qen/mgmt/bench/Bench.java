@@ -1,6 +1,8 @@
 package velmar.qen.mgmt.bench;
 
+import java.io.BufferedReader;
 import java.io.IOException;
+import java.io.InputStreamReader;
 import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -14,9 +16,10 @@ import java.util.stream.Collectors;
 import java.util.stream.Stream;
 
 /**
- * One run: fills a peer's store, describes the peer, writes until standard input ends, or measures scenarios and prints
- * a line for each: the scenario and the nanoseconds of each window, or "-" if the peer has no such operation; then the
- * memory that the process keeps for itself, in KiB. {@code bench/run} starts a JVM for each run.
+ * One run: fills a peer's store, describes the peer, writes until standard input ends, writes together with other
+ * processes, or measures scenarios and prints a line for each: the scenario and the nanoseconds of each window, or "-"
+ * if the peer has no such operation; then the memory that the process keeps for itself, in KiB. {@code bench/run} starts
+ * a JVM for each run.
  */
 final class Bench {
     private final Map<String, String> options = new LinkedHashMap<>();
@@ -42,6 +45,7 @@ final class Bench {
             case "fill" -> peer.fill(dataset);
             case "describe" -> System.out.println("description\t" + peer.description());
             case "write-on" -> writeOn(peer, dataset);
+            case "write-together" -> writeTogether(peer, dataset);
             default -> {
                 measure(peer, dataset);
                 System.out.println("memory\t" + ownMemory());
@@ -51,12 +55,15 @@ final class Bench {
     }
 
     private void measure(Peer peer, Dataset dataset) throws Exception {
-        Stopwatch stopwatch = new Stopwatch(number("warm-up-ms") * 1_000_000L, number("window-ms") * 1_000_000L,
-                                            number("windows"));
+        Stopwatch stopwatch = stopwatch();
         for (Scenario scenario : Arrays.stream(option("scenarios").split(",")).map(Scenario::of).toList()) {
             String figures = peer.supports(scenario) ? figures(stopwatch, scenario, peer, dataset) : "-";
             System.out.println(scenario.title() + "\t" + figures);
         }
+    }
+
+    private Stopwatch stopwatch() {
+        return new Stopwatch(number("warm-up-ms") * 1_000_000L, number("window-ms") * 1_000_000L, number("windows"));
     }
 
     private static String figures(Stopwatch stopwatch, Scenario scenario, Peer peer, Dataset dataset)
@@ -110,6 +117,17 @@ final class Bench {
         while (waiter.isAlive()) {
             Stopwatch.sink = write.run();
         }
+    }
+
+    /** Prints the counts of {@link Stopwatch#countsSince}, from a time that standard input gives once all are ready. */
+    private void writeTogether(Peer peer, Dataset dataset) throws Exception {
+        Scenario.Operation write = Scenario.WRITE.on(peer, dataset);
+        System.gc();
+        System.out.println("ready");
+        long begin = Long.parseLong(new BufferedReader(new InputStreamReader(System.in)).readLine());
+        String counts = Arrays.stream(stopwatch().countsSince(begin, write)).mapToObj(Long::toString)
+                .collect(Collectors.joining(" "));
+        System.out.println("writes\t" + counts);
     }
 
     private static void awaitEndOfInput() {

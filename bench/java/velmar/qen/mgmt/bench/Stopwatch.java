@@ -42,6 +42,25 @@ final class Stopwatch {
         return means;
     }
 
+    /**
+     * Counts, for each window, the operations that have ended in it. {@code begin} is a time of
+     * {@link System#nanoTime}, which is one clock for all processes of a machine: those that are given the same
+     * {@code begin} have the same windows.
+     */
+    long[] countsSince(long begin, Scenario.Operation operation) throws Exception {
+        long[] counts = new long[windows];
+        for (;;) {
+            sink = operation.run();
+            long window = Math.floorDiv(System.nanoTime() - begin - warmUpNanos, windowNanos);
+            if (window >= windows) {
+                return counts;
+            }
+            if (window >= 0) {
+                counts[(int) window]++;
+            }
+        }
+    }
+
     private static double meanBetween(LongSupplier count, long nanos) throws InterruptedException {
         long before = count.getAsLong();
         long start = System.nanoTime();
