@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
@@ -232,6 +233,23 @@ TEST_F(Lmdb, TheLatestStateIsThatOfTheLastAcknowledgedWrite) {
   EXPECT_EQ(store->latest_state(), before + 2);
   EXPECT_EQ(store->latest_state(), state());
   EXPECT_EQ(in_child([&] { return static_cast<int>(store->latest_state()); }), 0) << "in a child of the process";
+}
+
+// The areas of this process's memory that show a file.
+int count_maps(const std::string& file) {
+  std::ifstream areas("/proc/self/maps");
+  int count = 0;
+  for (std::string area; std::getline(areas, area);) count += area.ends_with(file) ? 1 : 0;
+  return count;
+}
+
+TEST_F(Lmdb, TheMetaPagesAreMappedOnlyForThoseWhoLookOften) {
+  const auto store = open();
+  const std::uint64_t latest = store->latest_state();
+  EXPECT_NE(latest, 0u);
+  EXPECT_EQ(count_maps(data_file()), 1) << "LMDB's map";
+  for (int look = 0; look < 100; ++look) EXPECT_EQ(store->latest_state(), latest);
+  EXPECT_EQ(count_maps(data_file()), 2);
 }
 
 // As a reader that has nothing but the memory.

@@ -104,7 +104,7 @@ Status Environment::open_anew(const LmdbOptions& options, std::unique_ptr<const 
   std::unique_ptr<Environment, Delete> fresh(new Environment(options, std::move(files)));
   if (Status status = fresh->open(options.read_only); !status.ok()) return status;
   if (Status status = fresh->check_version(); !status.ok()) return status;
-  fresh->meta_pages_.open(fresh->file(), fresh->map_.page_size);
+  fresh->meta_pages_.prepare(fresh->files_->data_file(), fresh->map_.page_size);
   fresh->users_ = 1;
   table.open.push_back(fresh.get());
   environment->reset(fresh.release());
@@ -180,7 +180,20 @@ bool Environment::has_kept_its_size() {
 std::uint64_t Environment::latest_state() {
   const bool usable = fork_generation_ == fork_generation.load(std::memory_order_relaxed) &&
                       !files_replaced_.load(std::memory_order_relaxed);
-  return usable && has_kept_its_size() ? meta_pages_.latest() : 0;
+  if (!usable || !has_kept_its_size()) return 0;
+  if (const std::uint64_t latest = meta_pages_.latest(); latest != 0) return latest;
+  meta_pages_.open_if_often();
+  ReaderSlot* const slot = readers_.try_claim();  // keeps the map from being replaced
+  if (slot == nullptr) return 0;
+  const std::uint64_t latest = meta_pages_.latest_or_in(map_.address);
+  readers_.release(*slot);
+  return latest;
+}
+
+std::shared_ptr<const StateMemory> Environment::state_memory() {
+  if (fork_generation_ != fork_generation) return nullptr;
+  meta_pages_.open();
+  return meta_pages_.memory();
 }
 
 namespace {
@@ -206,9 +219,10 @@ bool Environment::copy_from_latest(std::uint64_t state, std::uint64_t offset, st
   ReaderSlot* const slot = readers_.try_claim();  // keeps the map from being replaced
   if (slot == nullptr) return false;
   const bool exists = copy_bytes(map_, offset, copy);
-  readers_.release(*slot);
   std::atomic_thread_fence(std::memory_order_acquire);
-  return exists && meta_pages_.latest() == state;
+  const bool is_latest = meta_pages_.latest_or_in(map_.address) == state;
+  readers_.release(*slot);
+  return exists && is_latest;
 }
 
 bool Environment::copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {

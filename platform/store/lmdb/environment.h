@@ -72,7 +72,7 @@ class Environment {
   std::uint64_t latest_state();
 
   // See Store::state_memory. Shows zero from when the environment is closed.
-  std::shared_ptr<const StateMemory> state_memory() const { return meta_pages_.memory(); }
+  std::shared_ptr<const StateMemory> state_memory();
 
   // Copies bytes of the data file that belong to the state of this number. Returns true if that state was the latest
   // throughout: LMDB overwrites no page of a state before the second commit after it; or if a transaction that began
