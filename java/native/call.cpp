@@ -1,42 +1,23 @@
 #include "call.h"
 
-#include <array>
-#include <cstdint>
+#include <cstring>
 
 namespace tkv::java {
-namespace {
-
-constexpr std::size_t kCodeSize = 4;
-
-const jbyte* as_jbytes(const char* bytes) { return reinterpret_cast<const jbyte*>(bytes); }
-
-jbyteArray reply(JNIEnv* env, prtkv_result code, std::string_view rest) noexcept {
-  const auto size = static_cast<jsize>(rest.size());
-  jbyteArray bytes = env->NewByteArray(static_cast<jsize>(kCodeSize) + size);
-  if (bytes == nullptr) return nullptr;
-  const auto number = static_cast<std::uint32_t>(code);
-  const std::array<jbyte, kCodeSize> word = {static_cast<jbyte>(number >> 24), static_cast<jbyte>(number >> 16),
-                                             static_cast<jbyte>(number >> 8), static_cast<jbyte>(number)};
-  env->SetByteArrayRegion(bytes, 0, static_cast<jsize>(kCodeSize), word.data());
-  if (size != 0) env->SetByteArrayRegion(bytes, static_cast<jsize>(kCodeSize), size, as_jbytes(rest.data()));
-  return bytes;
-}
-
-}  // namespace
 
 StringArgument::StringArgument(JNIEnv* env, jstring string) {
-  near_[0] = '\0';
-  view_ = {near_, 0};
   if (string == nullptr) return;
   const jsize units = env->GetStringLength(string);
-  const auto size = static_cast<std::size_t>(env->GetStringUTFLength(string));
-  char* to = near_;
-  if (size > kLongest) {
-    far_.resize(size);  // which has room for the NUL that is written behind the characters
-    to = far_.data();
+  if (static_cast<std::size_t>(units) <= kMaxNameSize) {
+    // The characters need not be followed by a NUL, and hold none.
+    std::memset(near_, 0, kMostBytes * static_cast<std::size_t>(units) + 1);
+    env->GetStringUTFRegion(string, 0, units, near_);
+    view_ = near_;
+    return;
   }
-  env->GetStringUTFRegion(string, 0, units, to);
-  view_ = {to, size};
+  const auto size = static_cast<std::size_t>(env->GetStringUTFLength(string));
+  far_.resize(size);  // which has room for the NUL that is written behind the characters
+  env->GetStringUTFRegion(string, 0, units, far_.data());
+  view_ = far_;
 }
 
 std::string bytes_of(JNIEnv* env, jbyteArray array) {
@@ -47,14 +28,23 @@ std::string bytes_of(JNIEnv* env, jbyteArray array) {
   return bytes;
 }
 
-jbyteArray success(JNIEnv* env, std::string_view result) { return reply(env, PRTKV_DONE, result); }
+jbyteArray array_of(JNIEnv* env, std::string_view bytes) noexcept {
+  const auto size = static_cast<jsize>(bytes.size());
+  jbyteArray array = env->NewByteArray(size);
+  if (array != nullptr) env->SetByteArrayRegion(array, 0, size, reinterpret_cast<const jbyte*>(bytes.data()));
+  return array;
+}
 
 jbyteArray failure(JNIEnv* env, const Status& status) noexcept {
+  std::string reply;
+  DataWriter result(&reply);
+  result.word32(status.code());
   try {
-    return reply(env, status.code(), status.text());
+    result.raw(status.text());
   } catch (const std::bad_alloc&) {
-    return reply(env, status.code(), {});
+    // The code alone, for which a string needs no memory.
   }
+  return array_of(env, reply);
 }
 
 }  // namespace tkv::java

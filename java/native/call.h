@@ -20,7 +20,8 @@
 
 namespace tkv::java {
 
-// The characters of a string, in modified UTF-8. Those of a name that can be valid are copied to the stack.
+// The characters of a string, in modified UTF-8; none of null. Those of a name that can be valid are copied to the
+// stack.
 class StringArgument {
  public:
   // Throws std::bad_alloc.
@@ -31,9 +32,9 @@ class StringArgument {
   std::string_view view() const { return view_; }
 
  private:
-  static constexpr std::size_t kLongest = 3 * kMaxNameSize;  // bytes of as many UTF-16 units as a name can have
+  static constexpr std::size_t kMostBytes = 3;  // of a UTF-16 unit
 
-  char near_[kLongest + 1];
+  char near_[kMostBytes * kMaxNameSize + 1];
   std::string far_;
   std::string_view view_;
 };
@@ -41,18 +42,21 @@ class StringArgument {
 // The bytes of an array. Throws std::bad_alloc.
 std::string bytes_of(JNIEnv* env, jbyteArray array);
 
-jbyteArray success(JNIEnv* env, std::string_view result);
+// The result code of a success, which its reply begins with.
+constexpr std::string_view kSuccess("\0\0\0\0", 4);
+
+jbyteArray array_of(JNIEnv* env, std::string_view bytes) noexcept;
 jbyteArray failure(JNIEnv* env, const Status& status) noexcept;
 
 // Makes a call that returns a Status and appends its result to the DataWriter that it is given.
 template <typename Call>
 jbyteArray reply_to(JNIEnv* env, Call&& call) noexcept {
   try {
-    std::string result;
-    DataWriter writer(&result);
-    const Status status = call(writer);
+    std::string reply(kSuccess);
+    DataWriter result(&reply);
+    const Status status = call(result);
     if (!status.ok()) return failure(env, status);
-    return result.empty() ? nullptr : success(env, result);
+    return reply.size() == kSuccess.size() ? nullptr : array_of(env, reply);
   } catch (const std::bad_alloc&) {
     return failure(env, PRTKV_OUT_OF_MEMORY);
   }

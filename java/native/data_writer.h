@@ -3,6 +3,8 @@
 #ifndef TKV_JAVA_NATIVE_DATA_WRITER_H
 #define TKV_JAVA_NATIVE_DATA_WRITER_H
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -25,8 +27,10 @@ class DataWriter {
   void raw(std::string_view bytes) { bytes_.append(bytes); }
 
  private:
-  void word(std::uint64_t number, int size) {
-    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) bytes_.push_back(static_cast<char>(number >> shift));
+  void word(std::uint64_t number, std::size_t size) {
+    std::array<char, sizeof number> bytes;
+    for (std::size_t at = size; at-- > 0; number >>= 8) bytes[at] = static_cast<char>(number);
+    bytes_.append(bytes.data(), size);
   }
 
   std::string& bytes_;

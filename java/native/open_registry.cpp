@@ -36,16 +36,6 @@ Status OpenRegistry::check_writable() const {
   return {PRTKV_ACCESS_DENIED, "access denied: the registry was opened for reading only"};
 }
 
-// A key that is known from the latest state is not read again.
-std::uint64_t OpenRegistry::shown_state() {
-  if (state_memory_ == nullptr) return 0;
-  registry::KnownKey root;
-  root.state = seen_state_.load(std::memory_order_relaxed);
-  if (!client_->look_up("", &root).ok()) return 0;
-  seen_state_.store(root.state, std::memory_order_relaxed);
-  return root.state;
-}
-
 jlong add_registry(std::shared_ptr<registry::Client> client, bool read_only) {
   return registries().add(std::make_shared<Entry>(std::make_unique<OpenRegistry>(std::move(client), read_only)));
 }

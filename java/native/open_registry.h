@@ -4,8 +4,6 @@
 
 #include <jni.h>
 
-#include <atomic>
-#include <cstdint>
 #include <memory>
 #include <stop_token>
 #include <utility>
@@ -14,6 +12,7 @@
 #include "base/status.h"
 #include "handle_table.h"
 #include "registry/client.h"
+#include "registry/latest_reader.h"
 
 namespace tkv::java {
 
@@ -32,9 +31,7 @@ class OpenRegistry {
   // Null if the registry does not number its states. See Client::state_memory.
   const std::shared_ptr<const StateMemory>& state_memory() const { return state_memory_; }
 
-  // The number of a state that reading shows by now: what is read afterwards is of this state or a later one. Zero if
-  // that is not known. Unlike Client::latest_state, it is never ahead of what reading shows.
-  std::uint64_t shown_state();
+  registry::LatestReader& latest() { return latest_; }
 
   // What ends the waiting of a watch, and of all of them: see watch.h.
   HandleTable<std::stop_source>& watches() { return watches_; }
@@ -48,7 +45,7 @@ class OpenRegistry {
   const std::shared_ptr<registry::Client> client_;
   const std::shared_ptr<const StateMemory> state_memory_;
   const bool read_only_;
-  std::atomic<std::uint64_t> seen_state_{0};  // that reading has shown
+  registry::LatestReader latest_{*client_};
   HandleTable<registry::Snapshot> snapshots_;
   HandleTable<std::stop_source> watches_;
   std::stop_source closing_;

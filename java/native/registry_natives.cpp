@@ -1,5 +1,6 @@
 #include "registry_natives.h"
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +23,7 @@
 #include "registry/access.h"
 #include "registry/client.h"
 #include "registry/configuration.h"
+#include "registry/latest_reader.h"
 #include "registry/name.h"
 #include "registry/open_client.h"
 #include "registry/zuved.h"
@@ -36,9 +38,11 @@ using registry::Client;
 using registry::KeyId;
 using registry::KeyInfo;
 using registry::KeyReader;
+using registry::LatestValue;
 using registry::NamedValue;
 using registry::PutOptions;
 using registry::Snapshot;
+using registry::SubkeyNames;
 using registry::TypedValue;
 using registry::WalkEntry;
 using registry::WalkOptions;
@@ -49,6 +53,8 @@ constexpr std::int32_t kPutCreatesParents = 2;
 constexpr jlong kCopyReplaces = 1;
 constexpr jlong kCopyIsOwn = 2;
 constexpr jlong kLatest = -1;
+
+constexpr std::size_t kUsualValueSize = 1024;  // bytes of a value for which no memory is allocated
 
 constexpr auto no_progress = [](std::uint64_t) {};
 
@@ -144,20 +150,6 @@ jbyteArray read_key(JNIEnv* env, jlong registry, jlong snapshot, jstring name, R
   });
 }
 
-// As read_key, for the present. The result is followed by the number of the state that it belongs to, or zero if that
-// is not certain: a state that reading showed before is still the latest one afterwards, or something was changed
-// meanwhile.
-template <typename Read>
-jbyteArray read_latest_key(JNIEnv* env, jlong registry, jstring name, Read&& read) {
-  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
-    const std::uint64_t state = open.shown_state();
-    if (Status status = read(open.client(), StringArgument(env, name).view(), result); !status.ok()) return status;
-    const bool is_certain = state != 0 && open.client().latest_state() == state;
-    result.word64(is_certain ? static_cast<std::int64_t>(state) : 0);
-    return {};
-  });
-}
-
 jbyteArray JNICALL exists(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
   return read_key(env, registry, snapshot, name, [](KeyReader& reader, std::string_view key, DataWriter&) {
     KeyId id = registry::kAnyKey;
@@ -173,11 +165,6 @@ Status write_value(KeyReader& reader, std::string_view name, DataWriter& to) {
   return {};
 }
 
-Status write_value_if_present(KeyReader& reader, std::string_view name, DataWriter& to) {
-  const Status status = write_value(reader, name, to);
-  return status.is(PRTKV_NO_SUCH_KEY) ? Status() : status;
-}
-
 Status write_list(KeyReader& reader, std::string_view name, DataWriter& to) {
   return reader.list(name, false, [&](const registry::Subkey& subkey) -> Status {
     to.text(subkey.level);
@@ -190,7 +177,25 @@ jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, js
 }
 
 jbyteArray JNICALL latestValue(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_latest_key(env, registry, name, write_value_if_present);
+  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
+    const StringArgument key(env, name);
+    std::array<std::byte, kUsualValueSize> usual;
+    std::vector<std::byte> large;
+    std::span<std::byte> buffer(usual);
+    LatestValue found;
+    Status status = open.latest().read_value(key.view(), buffer, &found);
+    while (status.ok() && found.size > buffer.size()) {
+      large.resize(found.size);
+      buffer = large;
+      status = open.latest().read_value(key.view(), buffer, &found);
+    }
+    if (!status.ok()) return status;
+    result.word64(static_cast<std::int64_t>(found.state));
+    if (!found.exists) return {};
+    result.word32(found.type);
+    result.raw({reinterpret_cast<const char*>(buffer.data()), found.size});
+    return {};
+  });
 }
 
 jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {
@@ -198,7 +203,19 @@ jbyteArray JNICALL list(JNIEnv* env, jclass, jlong registry, jlong snapshot, jst
 }
 
 jbyteArray JNICALL latestList(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return read_latest_key(env, registry, name, write_list);
+  return read_registry(env, registry, [&](Client& client, DataWriter& result) -> Status {
+    SubkeyNames names;
+    std::uint64_t state = 0;
+    Status status = client.list_names(StringArgument(env, name).view(), &names, &state);
+    if (!status.ok()) return status;
+    result.word64(static_cast<std::int64_t>(state));
+    for (SubkeyNames::Position at; at.passed < names.count();) {
+      const std::string_view level = names.at(at);
+      result.text(level);
+      SubkeyNames::advance(level, &at);
+    }
+    return {};
+  });
 }
 
 jbyteArray JNICALL read(JNIEnv* env, jclass, jlong registry, jlong snapshot, jstring name) {

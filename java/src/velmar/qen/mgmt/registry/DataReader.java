@@ -24,14 +24,6 @@ final class DataReader {
         return bytes.getLong();
     }
 
-    /** Takes a number from the end of what is left. */
-    long word64AtEnd() {
-        int from = bytes.limit() - Long.BYTES;
-        long word = bytes.getLong(from);
-        bytes.limit(from);
-        return word;
-    }
-
     boolean flag() {
         return word32() != 0;
     }

@@ -285,7 +285,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
             Reference.reachabilityFence(this);
         }
         DataReader found = Reply.checked(reply, name);
-        long state = found.word64AtEnd();
+        long state = found.word64();
         Value value = found.atEnd() ? KnownKeys.ABSENT : found.valueToEnd(found.word32());
         keys.note(name, state, value, reply.length);
         return value;
@@ -306,7 +306,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
             Reference.reachabilityFence(this);
         }
         DataReader found = Reply.checked(reply, name);
-        long state = found.word64AtEnd();
+        long state = found.word64();
         List<String> subkeys = texts(found);
         keys.note(name, state, subkeys, reply.length);
         return subkeys;

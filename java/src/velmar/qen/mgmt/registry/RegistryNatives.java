@@ -61,8 +61,8 @@ final class RegistryNatives {
     static native byte[] value(long registry, long snapshot, String name);
 
     /**
-     * Result: of a key that exists, as for {@link #value}; then, in any case, the number of the state that was read, or 0
-     * if it is not certain. A number that {@link #stateMemory} still shows proves that nothing has changed since.
+     * Result: the number of the state that was read, or 0 if it is not certain; then, of a key that exists, as for {@link
+     * #value}. A number that {@link #stateMemory} still shows proves that nothing has changed since.
      */
     static native byte[] latestValue(long registry, String name);
 
@@ -72,7 +72,7 @@ final class RegistryNatives {
     /** Result: the levels. */
     static native byte[] list(long registry, long snapshot, String name);
 
-    /** Result: as for {@link #list}; then the number of the state, as for {@link #latestValue}. */
+    /** Result: the number of the state, as for {@link #latestValue}; then as for {@link #list}. */
     static native byte[] latestList(long registry, String name);
 
     /** Result: type, size, whether there are subkeys, rights, security; revision, time and author of the last change. */

@@ -22,14 +22,17 @@ import java.nio.file.StandardCopyOption;
 import java.nio.file.StandardOpenOption;
 import java.util.ArrayList;
 import java.util.Collections;
+import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Random;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.stream.IntStream;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -189,6 +192,47 @@ class KnownKeysTest extends OpenRegistry {
         }
     }
 
+    /** What is known of a key outlasts changes of others, unless they concern the key as well. */
+    @Test
+    void manyKeysAreReadAgainBesideChangesOfSome() {
+        List<String> names = IntStream.range(0, 600).mapToObj(i -> below("a.k" + i)).toList();
+        Map<String, String> texts = new HashMap<>();
+        Batch batch = registry.batch().createParents();
+        for (String name : names) {
+            batch.put(name, "first of " + name);
+            texts.put(name, "first of " + name);
+        }
+        batch.commit();
+        Random random = new Random(1);
+        for (int round = 0; round < 40; round++) {
+            changeOne(names.get(random.nextInt(names.size())), round, texts);
+            for (String name : names) {
+                assertEquals(texts.get(name), registry.getText(name, null), name);
+            }
+        }
+    }
+
+    private void changeOne(String name, int round, Map<String, String> texts) {
+        String text = "round " + round + " " + "x".repeat(round * 100);
+        switch (round % 5) {
+            case 0 -> registry.put(below("elsewhere"), round);
+            case 1 -> registry.put(name, text);
+            case 2 -> registry.batch().put(name, "former").delete(name).put(name, text).commit();
+            case 3 -> registry.batch().put(name, "former").delete(name).commit();
+            default -> {
+                registry.move(below("a"), below("b"));
+                assertFalse(registry.exists(name));
+                assertEquals("none", registry.getText(name, "none"));
+                registry.move(below("b"), below("a"));
+            }
+        }
+        switch (round % 5) {
+            case 1, 2 -> texts.put(name, text);
+            case 3 -> texts.remove(name);
+            default -> { }
+        }
+    }
+
     @Test
     void eachOpeningKnowsForItself() {
         String name = below("k");
@@ -280,7 +324,7 @@ class KnownKeysTest extends OpenRegistry {
     // --- Embedded registries ---
 
     private static long label(Registry registry, String name) {
-        return Reply.checked(RegistryNatives.latestValue(registry.registry, name), name).word64AtEnd();
+        return Reply.checked(RegistryNatives.latestValue(registry.registry, name), name).word64();
     }
 
     @Test
@@ -292,18 +336,28 @@ class KnownKeysTest extends OpenRegistry {
 
     /** As it is while a commit is being made durable, or after a writer has died there. */
     @Test
-    void aStateThatReadingDoesNotShowYetLabelsNothing(@TempDir Path directory) throws IOException {
+    void theLabelIsThatOfTheStateThatReadingShows(@TempDir Path directory) throws IOException {
         try (Registry local = Registry.at(directory)) {
+            local.put("new", "v");
             local.put("k", "v");
             LatestState latest = LatestState.of(local.registry, NativeReader.CLEANER);
             long state = latest.number();
-            assertEquals(state, label(local, "k"));
+            for (int i = 0; i < UNTIL_KNOWN; i++) {
+                assertEquals(state, label(local, "k"));
+                assertEquals(state, label(local, "absent"));
+            }
             try (FutureState ahead = new FutureState(directory, state)) {
                 assertEquals(state + 1, latest.number());
-                assertEquals(0, label(local, "k"));
-                assertEquals("v", local.getText("k"));
+                for (int i = 0; i < UNTIL_KNOWN; i++) {
+                    assertEquals(state, label(local, "k"));
+                    assertEquals(state, label(local, "new"), "a key that was not read before");
+                    assertEquals(0, label(local, "absent"), "that a key is absent in the next state is not certain");
+                    assertEquals("v", local.getText("k"));
+                    assertEquals("none", local.getText("absent", "none"));
+                }
             }
             assertEquals(state, label(local, "k"));
+            assertEquals(state, label(local, "absent"));
             local.put("k", "w");
             assertEquals("w", local.getText("k"));
         }

@@ -1,0 +1,58 @@
+#include "registry/latest_reader.h"
+
+namespace tkv::registry {
+
+KnownKey LatestReader::recall(std::string_view name, std::size_t hash) {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  const KnownKey* const found = lock.owns_lock() ? keys_.find(name, hash) : nullptr;
+  return found == nullptr ? KnownKey() : *found;
+}
+
+void LatestReader::note(std::string_view name, std::size_t hash, const KnownKey& known) {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) return;
+  if (KnownKey* const before = keys_.find(name, hash)) {
+    *before = known;
+  } else {
+    keys_.note(name, hash, known);
+  }
+}
+
+Status LatestReader::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer,
+                                LatestValue* found) {
+  Status status = client_.read_known(name, known, buffer, &found->type, &found->size);
+  if (!status.is(PRTKV_NO_SUCH_KEY) || known->id == kAnyKey) return status;
+  *known = {};  // another key may have the name by now
+  return client_.read_known(name, known, buffer, &found->type, &found->size);
+}
+
+// Of a state that reading showed before, and that is still the latest one. Otherwise, finds out for the next time what
+// reading shows.
+std::uint64_t LatestReader::state_of_absence(std::uint64_t shown_before) {
+  if (shown_before != 0 && client_.latest_state() == shown_before) return shown_before;
+  KnownKey root;
+  root.state = shown_before;
+  if (client_.look_up("", &root).ok()) shown_.store(root.state, std::memory_order_release);
+  return 0;
+}
+
+Status LatestReader::read_value(std::string_view name, std::span<std::byte> buffer, LatestValue* found) {
+  const std::uint64_t shown = shown_.load(std::memory_order_acquire);
+  const std::size_t hash = KnownKeys::hash(name);
+  KnownKey known = recall(name, hash);
+  const std::uint64_t known_before = known.state;
+  *found = {};
+  Status status = read_known(name, &known, buffer, found);
+  if (status.is(PRTKV_NO_SUCH_KEY)) {
+    found->state = state_of_absence(shown);
+    return {};
+  }
+  if (!status.ok()) return status;
+  found->exists = true;
+  found->state = known.state;
+  if (known.state != known_before) note(name, hash, known);
+  if (known.state > shown) shown_.store(known.state, std::memory_order_release);
+  return {};
+}
+
+}  // namespace tkv::registry
