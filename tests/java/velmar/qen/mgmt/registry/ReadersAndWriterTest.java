@@ -1,6 +1,7 @@
 package velmar.qen.mgmt.registry;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.util.ArrayList;
@@ -12,71 +13,143 @@ import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicLong;
-import java.util.function.LongSupplier;
+import java.util.function.Consumer;
+import java.util.function.IntConsumer;
+import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.EnumSource;
 
-/** Threads that read without a pause beside a thread that writes. */
+/**
+ * Threads that read without a pause beside a thread that changes something. They read until it has finished, unless it
+ * is overtaken without end: then they stop, and the test fails instead of waiting for ever.
+ */
 class ReadersAndWriterTest extends OpenRegistry {
     private static final int READERS = 16;
-    private static final int WRITES = 50;
-    /** Far more than go on during a durable write, and far fewer than a writer without a turn would see. */
-    private static final long READS_FOR_EACH_WRITE = 500_000;
-
-    private final AtomicBoolean done = new AtomicBoolean();
-    private final AtomicLong reads = new AtomicLong();
+    private static final int STEPS = 20;
+    private final ExecutorService pool = Executors.newFixedThreadPool(READERS);
     private final CountDownLatch reading = new CountDownLatch(READERS);
+    private final AtomicBoolean done = new AtomicBoolean();
+    private final AtomicLong overtakings = new AtomicLong();
 
-    /** Reads until the writer has finished. Returns the last number that it read. */
-    private long readOn(LongSupplier read) {
-        long last = 0;
+    @AfterEach
+    void endPool() {
+        done.set(true);
+        pool.shutdown();
+    }
+
+    /** What readers do without a pause. */
+    private enum Reading {
+        /** From memory, as long as nothing changes. */
+        VALUES(1_000_000_000, test -> test.registry.getInt(test.below("count"))),
+        // In native code, each time.
+        KEYS(20_000_000, test -> test.registry.stat(test.below("count"))),
+        ABSENT_KEYS(20_000_000, test -> test.registry.exists(test.below("absent"))),
+        LISTS(1_000_000_000, test -> test.registry.list(test.top)),
+        WALKS(20_000_000, test -> test.registry.entries(test.below("small")).close()),
+        SNAPSHOTS(20_000_000, test -> test.registry.snapshot().close());
+
+        /** Of all threads during one step: as many as take far longer than a disk or a processor can keep it waiting. */
+        private final long mostOvertakings;
+        private final Consumer<ReadersAndWriterTest> read;
+
+        Reading(long mostOvertakings, Consumer<ReadersAndWriterTest> read) {
+            this.mostOvertakings = mostOvertakings;
+            this.read = read;
+        }
+    }
+
+    /** Reads until the writer has finished. Returns whether it was overtaken too often. */
+    private boolean readOn(Reading kind) {
         reading.countDown();
         while (!done.get()) {
-            long number = read.getAsLong();
-            assertTrue(number >= last, () -> "a number goes back");
+            kind.read.accept(this);
+            if (overtakings.incrementAndGet() > kind.mostOvertakings) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    private void changeBeside(Reading kind, IntConsumer step) throws InterruptedException, ExecutionException {
+        registry.put(below("count"), 0);
+        registry.create(below("small"));
+        List<Future<Boolean>> readers = new ArrayList<>();
+        for (int i = 0; i < READERS; i++) {
+            readers.add(pool.submit(() -> readOn(kind)));
+        }
+        reading.await();
+        for (int number = 1; number <= STEPS; number++) {
+            overtakings.set(0);
+            step.accept(number);
+        }
+        done.set(true);
+        for (Future<Boolean> reader : readers) {
+            assertFalse(reader.get(), "a step was overtaken by " + kind.mostOvertakings + " reads");
+        }
+    }
+
+    @ParameterizedTest
+    @EnumSource(Reading.class)
+    void aWriterGetsItsTurns(Reading kind) throws InterruptedException, ExecutionException {
+        changeBeside(kind, number -> {
+            registry.put(below("count"), number);
+            assertEquals(number, registry.getInt(below("count")));
+        });
+    }
+
+    /** What readers have found out about the tree then no longer holds. */
+    @ParameterizedTest
+    @EnumSource(Reading.class)
+    void aWriterThatRemovesKeysGetsItsTurns(Reading kind) throws InterruptedException, ExecutionException {
+        changeBeside(kind, number -> {
+            registry.create(below("k" + number));
+            registry.delete(below("k" + number));
+        });
+    }
+
+    /** That changes the tables of what is open, in which each call looks up its registry and its snapshot. */
+    @ParameterizedTest
+    @EnumSource(Reading.class)
+    void aThreadThatOpensAndClosesGetsItsTurns(Reading kind) throws InterruptedException, ExecutionException {
+        changeBeside(kind, number -> {
+            try (Registry another = Registry.open(); Snapshot state = another.snapshot()) {
+                assertTrue(state.exists(top));
+            }
+        });
+    }
+
+    @Test
+    void aThreadThatOpensAndClosesWatchesGetsItsTurns() throws InterruptedException, ExecutionException {
+        changeBeside(Reading.KEYS, number -> registry.events(top, 1).close());
+    }
+
+    @Test
+    void numbersThatAreReadNeverGoBack() throws InterruptedException, ExecutionException {
+        registry.put(below("count"), 0);
+        List<Future<Integer>> readers = new ArrayList<>();
+        for (int i = 0; i < READERS; i++) {
+            readers.add(pool.submit(this::lastOfGrowingNumbers));
+        }
+        reading.await();
+        for (int number = 1; number <= STEPS; number++) {
+            registry.put(below("count"), number);
+            assertEquals(number, registry.getInt(below("count")));
+        }
+        done.set(true);
+        for (Future<Integer> reader : readers) {
+            assertEquals(STEPS, reader.get());
+        }
+    }
+
+    private int lastOfGrowingNumbers() {
+        int last = 0;
+        reading.countDown();
+        while (!done.get()) {
+            int number = registry.getInt(below("count"));
+            assertTrue(number >= last, "a number goes back");
             last = number;
-            reads.incrementAndGet();
         }
-        return read.getAsLong();
-    }
-
-    /** Writes a key beside readers of something that grows with it. Returns how many reads there were meanwhile. */
-    private long writeBeside(LongSupplier read, String name) throws InterruptedException, ExecutionException {
-        registry.put(name, 0);
-        ExecutorService pool = Executors.newFixedThreadPool(READERS);
-        try {
-            List<Future<Long>> readers = new ArrayList<>();
-            for (int i = 0; i < READERS; i++) {
-                readers.add(pool.submit(() -> readOn(read)));
-            }
-            reading.await();
-            long before = reads.get();
-            for (int count = 1; count <= WRITES; count++) {
-                registry.put(name, count);
-                assertEquals(count, registry.getInt(name));
-            }
-            long meanwhile = reads.get() - before;
-            done.set(true);
-            for (Future<Long> reader : readers) {
-                assertEquals(read.getAsLong(), reader.get());
-            }
-            return meanwhile;
-        } finally {
-            done.set(true);
-            pool.shutdown();
-        }
-    }
-
-    @Test
-    void aWriterGetsItsTurnsAmongThreadsThatReadWithoutPause() throws InterruptedException, ExecutionException {
-        String name = below("count");
-        long meanwhile = writeBeside(() -> registry.stat(name).revision(), name);
-        assertTrue(meanwhile / WRITES < READS_FOR_EACH_WRITE, () -> meanwhile / WRITES + " reads for each write");
-    }
-
-    @Test
-    void aWriterGetsItsTurnsAmongThreadsThatReadWhatTheyKnow() throws InterruptedException, ExecutionException {
-        String name = below("count");
-        writeBeside(() -> registry.getInt(name), name);
-        assertEquals(WRITES, registry.getInt(name));
+        return registry.getInt(below("count"));
     }
 }
