@@ -144,7 +144,8 @@ class PreferencesTest {
     @Test
     void anyNameAndValueIsKept() throws BackingStoreException {
         List<String> names = List.of("a", "A", "a.b", "~2E", "@", "größer", "\ud83d\ude00", "\ud800", "\udc00\ud800",
-                                     " ", "\n", "%s", ".".repeat(80), "€".repeat(80), "~".repeat(80));
+                                     " ", "\n", "%s", "\u0001\u001f\u007f", "\u0085\u2028", "\ufffe\uffff",
+                                     ".".repeat(80), "€".repeat(80), "~".repeat(80), "\ud800".repeat(80));
         for (String name : names) {
             node.put(name, "value of " + name);
             node.node(name).put(name, "below " + name);
@@ -160,6 +161,30 @@ class PreferencesTest {
         assertEquals("€".repeat(8192), read.get("a/b", null));
         assertEquals(Set.copyOf(names), Set.of(read.childrenNames()));
         assertEquals(names.size() + 2, read.keys().length);
+    }
+
+    /** {@code Preferences} refuses it in keys and values only. */
+    @Test
+    void theNullCharacterMayBeInTheNameOfANode() throws BackingStoreException {
+        String name = "\0".repeat(80);
+        node.node(name).put("k", "v");
+        Preferences read = new RegistryPreferences(PreferencesTree.ofUser(Registry::open)).node(node.absolutePath());
+        assertTrue(read.nodeExists(name));
+        assertArrayEquals(new String[] {name}, read.childrenNames());
+        assertEquals("v", read.node(name).get("k", null));
+    }
+
+    @Test
+    void listenersLearnOfAnyNameAndValueThatAnotherProgramHasWritten() throws Exception {
+        Events events = new Events();
+        node.addNodeChangeListener(events);
+        node.addPreferenceChangeListener(event -> events.events.add(event.getKey() + "=" + event.getNewValue()));
+        for (String name : List.of("a.b", "\ud800", "\udc00\ud800", "\u0001\n", "@~", "€".repeat(80))) {
+            registry.put(key + "." + PreferenceNames.ofPreference(name), "value of " + name);
+            events.assertNext(name + "=value of " + name);
+            registry.create(key + "." + PreferenceNames.ofNode(name));
+            events.assertNext("added " + name);
+        }
     }
 
     @Test

@@ -1,5 +1,6 @@
 package velmar.qen.mgmt.registry;
 
+import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertInstanceOf;
@@ -331,6 +332,26 @@ class WatchTest extends OpenRegistry {
         assertEquals(7, read.get());
         registry.put(below("k"), 8);
         assertEquals(7, read.get(), "once only");
+    }
+
+    @Test
+    void anotherThreadClosesAWatchWithoutWaitingForItsListener() throws InterruptedException, ExecutionException {
+        BlockingQueue<RegistryEvent> told = new LinkedBlockingQueue<>();
+        CountDownLatch goOn = new CountDownLatch(1);
+        ExecutorService one = Executors.newSingleThreadExecutor();
+        Watch watch = registry.watch(top, ALL, one, event -> {
+            told.add(event);
+            assertDoesNotThrow(() -> goOn.await(LONG.toSeconds(), TimeUnit.SECONDS));
+        });
+        long first = registry.batch().put(below("k"), 1).commit();
+        assertEquals(first, taken(told).revision());
+        registry.put(below("k"), 2);
+        pool.submit(watch::close).get();
+        assertEquals(1, goOn.getCount(), "the listener is still running");
+        goOn.countDown();
+        one.shutdown();
+        assertTrue(one.awaitTermination(LONG.toSeconds(), TimeUnit.SECONDS));
+        assertNull(told.poll(), "no event after the closing");
     }
 
     @Test
