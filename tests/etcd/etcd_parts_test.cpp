@@ -285,6 +285,42 @@ TEST(EtcdClaims, TextComesBackAndNonsenseCountsAsADecision) {
   }
 }
 
+// Of a text that says something else when it is damaged, keys would be removed, or changes made in part.
+TEST(EtcdTextSeal, NoDamageToABuildOrADecisionIsReadAsAnotherOne) {
+  BuildText build;
+  build.batch = 12;
+  build.session = random_token();
+  build.ids = {{1000, 1999}, {5000, 5999}};
+  const std::string decision = ClaimText{true, 0, 12, 34}.print();
+  const auto for_each_flip = [](const std::string& sound, FunctionRef<void(const std::string&)> visit) {
+    for (std::size_t at = 0; at < sound.size(); ++at) {
+      for (int bit = 0; bit < 8; ++bit) {
+        std::string damaged = sound;
+        damaged[at] = static_cast<char>(damaged[at] ^ (1 << bit));
+        visit(damaged);
+      }
+    }
+  };
+  for_each_flip(build.print(), [](const std::string& damaged) { EXPECT_FALSE(BuildText::parse(damaged)) << damaged; });
+  for_each_flip(decision,
+                [](const std::string& damaged) { EXPECT_FALSE(ClaimText::parse(damaged).is_readable()) << damaged; });
+}
+
+TEST(EtcdTextSeal, WhatIsCutOffIsReadAsItWasOrNotAtAll) {
+  const std::string decision = ClaimText{true, 0, 12, 34}.print();
+  for (std::size_t size = 0; size < decision.size(); ++size) {
+    const ClaimText text = ClaimText::parse(decision.substr(0, size));
+    EXPECT_TRUE(!text.is_readable() || (text.next == 12 && text.batches == 34)) << size;
+  }
+}
+
+TEST(EtcdTextSeal, TextsOfFormerReleasesHaveNone) {
+  const ClaimText text = ClaimText::parse("state decided\nnext 1\nbatches 2\n");
+  EXPECT_EQ(text.next, 1u);
+  EXPECT_EQ(text.batches, 2u);
+  EXPECT_FALSE(ClaimText::parse("state claimed\nattempt 3\n").decided);
+}
+
 TEST(EtcdClaims, AreKnownByTheLatestList) {
   const Keys keys("/tkv/");
   Claims claims(keys);

@@ -3,6 +3,8 @@
 #include <sstream>
 #include <utility>
 
+#include "store/etcd/text_seal.h"
+
 namespace tkv::store::etcd {
 
 // One field per line, for people who look at it with etcdctl.
@@ -11,14 +13,17 @@ std::string BuildText::print() const {
   text << "batch " << batch << "\nstate " << (given_up ? "given-up" : "building") << '\n';
   if (!session.empty()) text << "session " << session << '\n';
   for (const IdRange& range : ids) text << "ids " << range.first << ' ' << range.last << '\n';
-  return text.str();
+  return seal_text(text.str());
 }
 
-std::optional<BuildText> BuildText::parse(const std::string& text) {
+std::optional<BuildText> BuildText::parse(std::string_view text) {
   BuildText result;
   // A batch that was not made was fenced with this word (see writer.h): the build did not go on from there.
   const bool fenced = text.starts_with("not ");
-  std::istringstream lines(fenced ? text.substr(4) : text);
+  if (fenced) text.remove_prefix(4);
+  const Seal seal = unseal_text(&text);
+  if (seal == Seal::kBroken) return {};
+  std::istringstream lines{std::string(text)};
   std::string line;
   while (std::getline(lines, line)) {
     std::istringstream words(line);
@@ -43,7 +48,8 @@ std::optional<BuildText> BuildText::parse(const std::string& text) {
     }
     if (words.fail()) return {};
   }
-  if (result.batch == 0) return {};
+  const bool is_former = result.session.empty();
+  if (result.batch == 0 || (seal == Seal::kNone && !is_former)) return {};
   result.given_up = result.given_up || fenced;
   return result;
 }

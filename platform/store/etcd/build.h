@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "store/etcd/id_source.h"
@@ -17,7 +18,7 @@
 
 namespace tkv::store::etcd {
 
-// The value of a build's key.
+// The value of a build's key, sealed (see text_seal.h): a wrong id in it would have another key removed.
 struct BuildText {
   std::uint64_t batch = 0;
   bool given_up = false;  // by its owner or by another session: only to be removed
@@ -25,7 +26,9 @@ struct BuildText {
   std::vector<IdRange> ids;
 
   std::string print() const;
-  static std::optional<BuildText> parse(const std::string& text);
+
+  // Nothing if it is damaged.
+  static std::optional<BuildText> parse(std::string_view text);
 };
 
 // Used by one thread.

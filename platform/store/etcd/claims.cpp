@@ -3,21 +3,24 @@
 #include <algorithm>
 #include <sstream>
 
+#include "store/etcd/text_seal.h"
 #include "store/etcd/token.h"
 
 namespace tkv::store::etcd {
 
 // One field per line, for people who look at it with etcdctl.
 std::string ClaimText::print() const {
-  if (!decided) return "state claimed\nattempt " + std::to_string(attempt) + "\n";
-  return "state decided\nnext " + std::to_string(next) + "\nbatches " + std::to_string(batches) + "\n";
+  return seal_text(decided
+                       ? "state decided\nnext " + std::to_string(next) + "\nbatches " + std::to_string(batches) + "\n"
+                       : "state claimed\nattempt " + std::to_string(attempt) + "\n");
 }
 
-ClaimText ClaimText::parse(const std::string& text) {
+ClaimText ClaimText::parse(std::string_view text) {
   ClaimText unreadable;
   unreadable.decided = true;
+  if (unseal_text(&text) == Seal::kBroken) return unreadable;
   ClaimText result;
-  std::istringstream lines(text);
+  std::istringstream lines{std::string(text)};
   std::string field;
   std::string state;
   while (lines >> field) {

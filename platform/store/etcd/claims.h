@@ -29,22 +29,26 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "store/etcd/keys.h"
 #include "store/etcd/requests.h"
 
 namespace tkv::store::etcd {
 
-// The value of a claim's key. One that cannot be parsed counts as a decision, so that a half-made change is never
-// shown.
+// The value of a claim's key, sealed (see text_seal.h). One that cannot be read counts as a decision, so that a
+// half-made change is never shown.
 struct ClaimText {
   bool decided = false;
   int attempt = 1;
   std::uint64_t next = 0;     // of a decision: the first batch not yet carried out
   std::uint64_t batches = 0;  // of a decision
 
+  // A decision has one batch or more.
+  bool is_readable() const { return !decided || batches != 0; }
+
   std::string print() const;
-  static ClaimText parse(const std::string& text);
+  static ClaimText parse(std::string_view text);
 };
 
 struct Claim {
