@@ -19,7 +19,9 @@ bool is_about_value(const Finding& finding) {
 }
 
 bool is_about_root(const Finding& finding) {
-  return finding.kind == Finding::Kind::kDamagedNode && finding.parent == store::kNoNode && finding.name.empty();
+  const bool is_node = finding.kind == Finding::Kind::kDamagedNode ||
+                       (finding.kind == Finding::Kind::kUnfinishedChange && finding.id == store::kRootNode);
+  return is_node && finding.parent == store::kNoNode && finding.name.empty();
 }
 
 // The node whose name tells where a finding is.
@@ -62,7 +64,7 @@ class NameFinder {
       subkeys.emplace_back(name_below(name, level), node.id);
       return Status();
     };
-    (void)view.children(parent, collect).ok();
+    (void)view.children_with_damage(parent, collect, [](std::string_view, const Status&) { return Status(); }).ok();
     for (const auto& [subkey, id] : subkeys) {
       if (wanted_.contains(id)) names_.emplace(id, subkey);
       walk_below(view, id, subkey);
@@ -89,6 +91,8 @@ Damage::Kind kind_of(Finding::Kind kind) {
       return Damage::Kind::kDuplicateId;
     case Finding::Kind::kDamagedChange:
       return Damage::Kind::kDamagedChange;
+    case Finding::Kind::kUnfinishedChange:
+      return Damage::Kind::kUnfinishedChange;
   }
   return Damage::Kind::kDamagedKey;
 }
@@ -147,8 +151,11 @@ Status check_registry(store::Store& store, const Identity& identity, const Chang
   if (repair != nullptr && !findings.empty()) {
     const std::size_t before = findings.size();
     if (Status status = run_check(store, repair, progress, &findings, &totals); !status.ok()) return status;
+    std::erase_if(findings, [](const Finding& each) { return each.kind != Finding::Kind::kUnfinishedChange; });
+    const Findings half_made = std::move(findings);
     if (Status status = run_check(store, nullptr, progress, &findings, &totals); !status.ok()) return status;
     repaired = before - std::min(before, findings.size());
+    findings.insert(findings.end(), half_made.begin(), half_made.end());
   }
   *result = {totals.nodes, totals.values, totals.value_bytes, repaired, named(store, std::move(findings))};
   return {};

@@ -221,7 +221,15 @@ struct ApplyOptions {
 
 // What a check found to be wrong.
 struct Damage {
-  enum class Kind { kDamagedKey, kDamagedValue, kOrphan, kOrphanValue, kDuplicateId, kDamagedChange };
+  enum class Kind {
+    kDamagedKey,
+    kDamagedValue,
+    kOrphan,
+    kOrphanValue,
+    kDuplicateId,
+    kDamagedChange,
+    kUnfinishedChange  // a large change that was being made; after a repair: that was made in part
+  };
   Kind kind = Kind::kDamagedKey;
   std::optional<std::string> name;  // full name, if the tree still leads there
   std::string level;                // last level, as far as it can be read; "" for values
@@ -235,7 +243,7 @@ struct CheckResult {
   std::uint64_t values = 0;
   std::uint64_t value_bytes = 0;
   std::uint64_t repaired = 0;   // findings that a repair removed
-  std::vector<Damage> damages;  // that are left
+  std::vector<Damage> damages;  // that are left, and what a repair could not save
 };
 
 struct CheckStep {

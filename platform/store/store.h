@@ -180,10 +180,13 @@ struct Finding {
   enum class Kind {
     kDamagedNode,  // the record cannot be trusted: checksum, format, length
     kDamagedValue,
-    kOrphan,        // its parent does not exist, or it is on a loop that the root does not reach
-    kOrphanValue,   // a value that belongs to no node
-    kDuplicateId,   // two nodes with one id
-    kDamagedChange  // a record of the log; `id` is its revision
+    kOrphan,         // its parent does not exist, or it is on a loop that the root does not reach
+    kOrphanValue,    // a value that belongs to no node
+    kDuplicateId,    // two nodes with one id
+    kDamagedChange,  // a record of the log; `id` is its revision
+    // A change that is carried out in several steps, of which a part is damaged; `id` is the top of the subtree that it
+    // is about. A repair reports it if the part is lost, so that the change was made in part.
+    kUnfinishedChange
   };
   Kind kind;
   NodeId parent = kNoNode;  // of a node

@@ -3,7 +3,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <iterator>
 #include <memory>
@@ -14,6 +16,7 @@
 #include "fake_kv.h"
 #include "store/etcd/checker.h"
 #include "store/etcd/cluster_status.h"
+#include "store/etcd/limits.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/redo_log.h"
 #include "store/etcd/stm.h"
@@ -559,6 +562,107 @@ TEST_F(EtcdRepairInMemory, IsUndecidedIfItsAnswerWasLost) {
   };
   EXPECT_TRUE(repair().is(PRTKV_UNDECIDED));
   EXPECT_TRUE(done(repair()));
+}
+
+// ---- repairs of large changes under way
+
+class EtcdRepairOfChanges : public EtcdSession {
+ protected:
+  // A decision that cannot be read, of batches that put one key each. These are unknown to a registry.
+  void leave_damaged_decision() {
+    RedoLog log;
+    for (const int id : {2, 3}) {
+      RequestOp operation;
+      put(&operation, note(id), "decided");
+      log.add(std::move(operation));
+      put(&operation, "/tkv/pad" + std::to_string(id), std::string(kMaxTxnBytes, 'x'));  // one batch for each
+      log.add(std::move(operation));
+    }
+    const std::vector<std::string> batches = log.take_batches();
+    for (std::uint64_t i = 0; i < batches.size(); ++i) kv_.put(keys_.plan(token_, i), batches[i]);
+    ASSERT_GE(batches.size(), 2u);
+    kv_.put(claim_, "damaged");
+  }
+
+  Status repair(Core& core) {
+    Totals totals;
+    const ChangeDescription change{.note = "repair"};
+    return check_registry(
+        core, &change, [](const Finding&) {}, [](const CheckProgress&) {}, &totals);
+  }
+
+  // Called once, before the transaction that repairs the claim.
+  void before_the_repair(const std::function<void()>& meanwhile) {
+    kv_.before_txn = [this, meanwhile, done = false](const TxnRequest& request) mutable {
+      const bool repairs = std::any_of(request.success().begin(), request.success().end(), [&](const RequestOp& each) {
+        return each.request_put().key() == claim_ || each.request_delete_range().key() == claim_;
+      });
+      if (repairs && !std::exchange(done, true)) meanwhile();
+      return Reply();
+    };
+  }
+
+  static std::string note(int id) { return "/tkv/note" + std::to_string(id); }
+
+  const std::string token_ = claim_token(1);
+  const std::string claim_ = keys_.claim(2, token_);
+};
+
+TEST_F(EtcdRepairOfChanges, IsNotMadeOverWhatOthersHaveRepairedMeanwhile) {
+  leave_damaged_decision();
+  const auto other = session();
+  before_the_repair([&] {
+    EXPECT_TRUE(done(repair(*other)));
+    kv_.put(note(2), "changed since");
+  });
+  EXPECT_TRUE(done(repair(*one_)));
+  EXPECT_EQ(kv_.get(note(2)), "changed since");
+  EXPECT_EQ(kv_.count(keys_.all_claims()), 0u);
+  EXPECT_EQ(kv_.count(keys_.all_plans()), 0u);
+}
+
+// The claim of a change that is being prepared cannot be read; when the repair would remove it, the change is decided.
+TEST_F(EtcdRepairOfChanges, RemovesNoClaimThatIsDecidedMeanwhile) {
+  leave_damaged_decision();
+  BuildText build;
+  build.batch = 1;
+  build.session = random_token();
+  kv_.put(keys_.staging(token_), build.print());
+  before_the_repair([&] { kv_.erase(keys_.staging(token_)); });
+  EXPECT_TRUE(done(repair(*one_)));
+  EXPECT_EQ(kv_.get(note(2)), "decided");
+  EXPECT_EQ(kv_.get(note(3)), "decided");
+}
+
+TEST_F(EtcdRepairOfChanges, SaysWhatIsLostAlsoIfItFailsLaterOn) {
+  leave_damaged_decision();
+  kv_.put(keys_.plan(token_, 0), "damaged");
+  kv_.before_txn = [&](const TxnRequest& request) {
+    const bool carries_out = request.success_size() > 0 && request.success(0).request_put().key() == note(3);
+    return carries_out ? Reply{Verdict::kFinal, Status(PRTKV_STORAGE_FULL, "full"), false} : Reply();
+  };
+  const Status status = repair(*one_);
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FULL)) << status.text();
+  EXPECT_NE(status.text().find("large change cannot be read"), std::string::npos) << status.text();
+  kv_.before_txn = nullptr;
+  EXPECT_TRUE(done(repair(*one_)));
+  EXPECT_EQ(kv_.get(note(3)), "decided");
+  EXPECT_EQ(kv_.get(note(2)), "");
+}
+
+TEST_F(EtcdRepairOfChanges, AnOwnerWhoseBuildWasDamagedAndRepairedBeginsAgain) {
+  const auto other = session();
+  ASSERT_TRUE(done(build(*one_, [&] {
+    const std::vector<std::string> builds = kv_.keys_of(keys_.all_staging());
+    ASSERT_EQ(builds.size(), 1u);
+    kv_.put(builds[0], kv_.get(builds[0]) + "?");
+    EXPECT_TRUE(done(repair(*other)));
+    expect_only_nodes(1);
+  })));
+  EXPECT_GT(runs_, 1);
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  EXPECT_TRUE(done(repair(*other)));
+  expect_only_nodes(2 + kMany);
 }
 
 // ---- what releases have left that named processes as owners

@@ -42,6 +42,8 @@ class TreeCheckTest : public ::testing::Test {
         return "duplicate ";
       case Finding::Kind::kDamagedChange:
         return "damaged change ";
+      case Finding::Kind::kUnfinishedChange:
+        return "unfinished change ";
     }
     return "";
   }

@@ -76,6 +76,8 @@ const char* kind_name(Damage::Kind kind) {
       return "duplicate-id";
     case Damage::Kind::kDamagedChange:
       return "damaged-change";
+    case Damage::Kind::kUnfinishedChange:
+      return "unfinished-change";
   }
   return "damage";
 }

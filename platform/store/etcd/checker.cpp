@@ -1,6 +1,7 @@
 #include "store/etcd/checker.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <unordered_set>
 #include <utility>
@@ -8,6 +9,7 @@
 
 #include "store/etcd/build.h"
 #include "store/etcd/change_log.h"
+#include "store/etcd/change_repair.h"
 #include "store/etcd/limits.h"
 #include "store/etcd/pager.h"
 #include "store/etcd/writer.h"
@@ -24,12 +26,21 @@ Status changed_meanwhile() { return {PRTKV_BUSY, "another session changed what w
 struct NodeEntry {
   NodePlace place;
   NodeId id = kNoNode;
+  std::int64_t mod_revision = 0;
+};
+
+// A node that a half-made change has moved, and whose former place it has left in the tree.
+struct MovedNode {
+  NodeEntry now;
+  std::optional<NodeEntry> former;
 };
 
 class Checker {
  public:
-  Checker(Core& core, FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress)
-      : core_(core), check_(report), report_(report), progress_(progress) {}
+  // `half_made`: that a repair has left.
+  Checker(Core& core, const std::vector<HalfMadeChange>& half_made, FunctionRef<void(const Finding&)> report,
+          FunctionRef<void(const CheckProgress&)> progress)
+      : core_(core), half_made_(half_made), check_(report), report_(report), progress_(progress) {}
   ~Checker() {
     if (mark_) core_.writers.give_back(std::move(*mark_));
   }
@@ -49,6 +60,11 @@ class Checker {
   Status mark_state(bool* marked);
   Status read_leftovers();
   Status read_nodes();
+  bool is_of_half_made_change(const Node& node) const;
+  void find_former_places();
+  bool is_former_place(const NodeEntry& entry) const;
+  void report_changes();
+  void report_change(NodeId top, const std::string& detail);
   Status read_values();
   Status read_next_id();
   void follow_garbage();
@@ -57,9 +73,13 @@ class Checker {
   void raise_next_id(TxnRequest* request);
   void reset_root(TxnRequest* request);
   void compare_history(TxnRequest* request) const;
+  Status remove_former_places(const ChangeDescription& description);
   Status remove_orphans();
 
   Core& core_;
+  const std::vector<HalfMadeChange>& half_made_;
+  DamagedDecisions damaged_decisions_;
+  bool is_repair_ = false;
   std::optional<Mark> mark_;  // of the repair
   TreeCheck check_;
   FunctionRef<void(const Finding&)> report_;
@@ -69,6 +89,7 @@ class Checker {
   std::vector<IdRange> building_;
   std::unordered_set<NodeId> garbage_;
   std::vector<NodeEntry> entries_;
+  std::map<NodeId, MovedNode> moved_;
   NodeId largest_id_ = kRootNode;
   Meta meta_;
   std::int64_t meta_revision_ = 0;
@@ -96,12 +117,18 @@ Status Checker::visit(const char* reading, const KeyRange& range, std::int64_t l
 }
 
 Status Checker::read_leftovers() {
+  bool damaged = false;
   Status status = visit("changes under way", core_.keys.all_staging(), kMarkersPerPage, [&](const KeyValue& build) {
     if (const auto text = BuildText::parse(build.value())) {
       building_.insert(building_.end(), text->ids.begin(), text->ids.end());
+    } else if (core_.keys.parse_staging(build.key())) {
+      damaged = true;
+      report_change(kNoNode, "the record of a change that is being prepared, '" + build.key() +
+                                 "' in etcd, cannot be read; a repair removes it, and what it has staged");
     }
   });
   if (!status.ok()) return status;
+  if (is_repair_ && damaged) return changed_meanwhile();  // what is staged seems to be lost
   return visit("removals under way", core_.keys.all_garbage(), kMarkersPerPage, [&](const KeyValue& marker) {
     if (const auto id = core_.keys.parse_garbage(marker.key())) garbage_.insert(*id);
   });
@@ -122,7 +149,8 @@ Status Checker::read_nodes() {
     }
     const SeenNode seen = seen_node(record, *place);
     if (seen.node) {
-      entries_.push_back({*place, seen.node->id});
+      entries_.push_back({*place, seen.node->id, seen.mod_revision});
+      if (is_of_half_made_change(*seen.node)) moved_[seen.node->id].now = entries_.back();
       largest_id_ = std::max({largest_id_, seen.node->id, place->parent});
     } else if (!is_left_over(place->parent)) {
       if (place->parent == kNoNode && place->name.empty()) damaged_root_ = seen.mod_revision;
@@ -131,10 +159,46 @@ Status Checker::read_nodes() {
   });
   if (!status.ok()) return status;
   follow_garbage();
+  find_former_places();
   for (const NodeEntry& entry : entries_) {
-    if (!is_left_over(entry.place.parent)) check_.add_node(entry.place.parent, entry.place.name, entry.id);
+    const bool is_checked = !is_left_over(entry.place.parent) && !is_former_place(entry);
+    if (is_checked) check_.add_node(entry.place.parent, entry.place.name, entry.id);
   }
+  report_changes();
   return {};
+}
+
+bool Checker::is_of_half_made_change(const Node& node) const {
+  return std::any_of(half_made_.begin(), half_made_.end(),
+                     [&](const HalfMadeChange& change) { return change.ticket == node.revision; });
+}
+
+// A node that the change has put in one place is still in another one if what would have removed it there is lost.
+void Checker::find_former_places() {
+  if (moved_.empty()) return;
+  for (const NodeEntry& entry : entries_) {
+    const auto moved = moved_.find(entry.id);
+    if (moved != moved_.end() && moved->second.now.place != entry.place) moved->second.former = entry;
+  }
+}
+
+bool Checker::is_former_place(const NodeEntry& entry) const {
+  const auto moved = moved_.find(entry.id);
+  return moved != moved_.end() && moved->second.former && moved->second.former->place == entry.place;
+}
+
+void Checker::report_changes() {
+  for (const auto& [top, damage] : damaged_decisions_) {
+    report_change(top, damage.text() + "; a repair makes the change as far as it can be read");
+  }
+  for (const HalfMadeChange& change : half_made_) report_change(change.top, change.detail);
+}
+
+void Checker::report_change(NodeId top, const std::string& detail) {
+  const auto entry =
+      std::find_if(entries_.begin(), entries_.end(), [top](const NodeEntry& each) { return each.id == top; });
+  const NodePlace place = entry == entries_.end() ? NodePlace() : entry->place;
+  report_({Finding::Kind::kUnfinishedChange, place.parent, top, place.name, detail});
 }
 
 // What hangs below a deleted subtree's top waits to be removed as well. entries_ is sorted by parent.
@@ -193,11 +257,13 @@ Status Checker::read_next_id() {
   return {};
 }
 
-// Fixes the revision that everything is read at: one at which every decision has been carried out.
+// Fixes the revision that everything is read at: one at which every decision has been carried out. Only without a
+// repair may there be damaged ones: what is below their tops may be half changed, and seem to be lost.
 Status Checker::settle() {
+  DamagedDecisions* const damaged = is_repair_ ? nullptr : &damaged_decisions_;
   for (bool marked = false; !marked;) {
     RangeResponse counter;
-    const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_);
+    const Reply settled = core_.recovery.read_settled(get_one(core_.keys.meta()), &counter, &revision_, damaged);
     if (!settled.ok() || !mark_) return settled.status;
     if (Status status = mark_state(&marked); !status.ok()) return status;
   }
@@ -252,6 +318,7 @@ void Checker::reset_root(TxnRequest* request) {
 
 // Without space for the session's key there is none: then only deletions are permitted.
 Status Checker::begin_repair() {
+  is_repair_ = true;
   Owner owner;
   Status status = core_.session.owner(&owner, core_.deadline());
   if (status.is(PRTKV_STORAGE_FULL)) return {};
@@ -290,9 +357,34 @@ Status Checker::remove_orphans() {
   return send();
 }
 
+// Each compares both places: a node that has been moved again meanwhile is left alone.
+Status Checker::remove_former_places(const ChangeDescription& description) {
+  constexpr int kPerBatch = kBatchOperations / 2;  // two comparisons each
+  TxnRequest batch;
+  TxnResponse response;
+  const auto send = [&]() -> Status {
+    if (batch.success_size() == 0) return {};
+    put(batch.add_success(), core_.keys.log(), ChangeLog::encode(description));
+    compare_history(&batch);
+    const Reply reply = core_.kv->txn(std::exchange(batch, {}), &response, core_.deadline());
+    return reply.ok() && !response.succeeded() ? changed_meanwhile() : reply.status;
+  };
+  for (const auto& [id, moved] : moved_) {
+    if (!moved.former) continue;
+    for (const NodeEntry& entry : {moved.now, *moved.former}) {
+      compare_revision(&batch, core_.keys.node(entry.place), entry.mod_revision);
+    }
+    erase(batch.add_success(), core_.keys.node(moved.former->place));
+    if (batch.success_size() < kPerBatch) continue;
+    if (Status status = send(); !status.ok()) return status;
+  }
+  return send();
+}
+
 // The orphans are removed first. Nobody can see them, and etcd permits deletions even while it has no space. Everything
 // else is one transaction, which also puts the log record.
 Status Checker::repair(const ChangeDescription& description) {
+  if (Status status = remove_former_places(description); !status.ok()) return status;
   if (Status status = remove_orphans(); !status.ok()) return status;
   TxnRequest request;
   if (damaged_root_ != 0) reset_root(&request);
@@ -310,20 +402,34 @@ Status Checker::repair(const ChangeDescription& description) {
   return reply.ok() ? changed_meanwhile() : reply.status;
 }
 
+// Nobody is told a second time what has been lost.
+Status with_losses(Status status, const std::vector<HalfMadeChange>& half_made) {
+  if (status.ok() || half_made.empty()) return status;
+  std::string text = status.text();
+  for (const HalfMadeChange& change : half_made) {
+    text += "; at the key with the id " + std::to_string(change.top) + ": " + change.detail;
+  }
+  return {status.code(), std::move(text)};
+}
+
 }  // namespace
 
 Status check_registry(Core& core, const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals) {
-  if (repair != nullptr) {
-    if (Status status = core.sweeper.sweep_for_repair(); !status.ok()) return status;
+  std::vector<HalfMadeChange> half_made;
+  Checker checker(core, half_made, report, progress);
+  if (repair == nullptr) {
+    Status status = checker.read();
+    if (status.ok()) checker.finish(totals);
+    return status;
   }
-  Checker checker(core, report, progress);
-  if (repair != nullptr) {
-    if (Status status = checker.begin_repair(); !status.ok()) return status;
-  }
-  if (Status status = checker.read(); !status.ok()) return status;
-  checker.finish(totals);
-  return repair != nullptr ? checker.repair(*repair) : Status();
+  Status status = repair_changes(core, *repair, &half_made);
+  if (status.ok()) status = core.sweeper.sweep_for_repair();
+  if (status.ok()) status = checker.begin_repair();
+  if (status.ok()) status = checker.read();
+  if (status.ok()) checker.finish(totals);
+  if (status.ok()) status = checker.repair(*repair);
+  return with_losses(std::move(status), half_made);
 }
 
 }  // namespace tkv::store::etcd

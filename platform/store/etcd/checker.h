@@ -8,7 +8,8 @@
 namespace tkv::store::etcd {
 
 // As Store::check. Keys that wait to be removed or that are staged are not reported. With `repair`, they are removed if
-// their owner's session has ended. Orphans are kept as long as a damaged entry may be their parent.
+// their owner's session has ended, and large changes that cannot be finished are put right first (see change_repair.h);
+// if the repair fails afterwards, the message says which of them are half made.
 Status check_registry(Core& core, const ChangeDescription* repair, FunctionRef<void(const Finding&)> report,
                       FunctionRef<void(const CheckProgress&)> progress, Totals* totals);
 

@@ -70,6 +70,11 @@ const Claim* ClaimList::find(NodeId top, const std::string& token) const {
   return found == last ? nullptr : &found->second;
 }
 
+Status hidden_by(const DamagedDecisions& damaged, NodeId id) {
+  const auto found = damaged.find(id);
+  return found == damaged.end() ? Status() : found->second;
+}
+
 KnownClaims Claims::known() const {
   const std::lock_guard lock(mutex_);
   return known_;

@@ -31,6 +31,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/status.h"
 #include "store/etcd/keys.h"
 #include "store/etcd/requests.h"
 
@@ -76,6 +77,13 @@ struct ClaimList {
 };
 
 using KnownClaims = std::shared_ptr<const ClaimList>;
+
+// Decisions that cannot be carried out, since they or what is left of their batches are damaged: why, by their tops.
+// They hide what is at and below their tops, which may be half changed.
+using DamagedDecisions = std::map<NodeId, Status>;
+
+// Why a node is hidden; success if it is not the top of such a decision.
+Status hidden_by(const DamagedDecisions& damaged, NodeId id);
 
 // The claims that this session knows of.
 //

@@ -82,6 +82,16 @@ std::optional<ClaimPlace> Keys::parse_claim(std::string_view key) const {
   return ClaimPlace{*top, std::string(key.substr(kIdDigits + 1))};
 }
 
+std::optional<PlanPlace> Keys::parse_plan(std::string_view key) const {
+  const std::string start = prefix_ + "plan/";
+  if (!key.starts_with(start) || key.size() <= start.size() + kIdDigits + 1) return {};
+  key.remove_prefix(start.size());
+  const std::size_t slash = key.size() - kIdDigits - 1;
+  const auto number = parse_digits(key.substr(slash + 1));
+  if (!number || key[slash] != '/') return {};
+  return PlanPlace{std::string(key.substr(0, slash)), *number};
+}
+
 std::optional<std::string> Keys::parse_staging(std::string_view key) const {
   const std::string start = prefix_ + "staging/";
   if (!key.starts_with(start) || !is_token(key.substr(start.size()))) return {};

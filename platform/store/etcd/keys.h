@@ -42,6 +42,12 @@ struct ClaimPlace {
   std::string token;
 };
 
+// What the key of a batch says.
+struct PlanPlace {
+  std::string token;
+  std::uint64_t number = 0;
+};
+
 // All keys from `begin` up to, but not including, `end`.
 struct KeyRange {
   std::string begin;
@@ -88,6 +94,7 @@ class Keys {
   std::optional<NodeId> parse_garbage(std::string_view key) const { return parse_id(key, "garbage/"); }
   std::optional<Revision> parse_ticket(std::string_view key) const { return parse_id(key, "tickets/"); }
   std::optional<ClaimPlace> parse_claim(std::string_view key) const;
+  std::optional<PlanPlace> parse_plan(std::string_view key) const;
   std::optional<std::string> parse_staging(std::string_view key) const;  // its token
   bool is_writer(std::string_view key) const;
 

@@ -15,6 +15,10 @@ Status redeem(Core& core, Run& run, Revision* revision, std::int64_t put_at) {
   return reply.ok() ? Status() : run.fail(reply.status);
 }
 
+Status carry_out(Core& core, Run& run, const Claim& decided) {
+  return run.wait([&] { return core.recovery.finish(decided, run.deadline().left()); });
+}
+
 }  // namespace
 
 ReadSet::ReadSet(Core& core, Run& run, const NextRun& start, Purpose purpose)
@@ -40,7 +44,7 @@ const SeenNode* ReadSet::find(const NodePlace& place) const {
 }
 
 Status ReadSet::recover(const Claim& decided) {
-  Status status = run_.wait([&] { return core_.recovery.finish(decided, run_.deadline().left()); });
+  Status status = carry_out(core_, run_, decided);
   return status.ok() ? run_.give_way() : run_.fail(std::move(status));
 }
 
@@ -356,7 +360,13 @@ Status ReadSet::scan(NodeId parent, VisitNode visit, VisitDamage damaged) {
         continue;
       }
       if (Status status = redeem(core_, run_, &child.revision, record.mod_revision()); !status.ok()) return status;
-      if (const Claim* decided = claims_->decided_on(child.id)) return recover(*decided);
+      if (const Claim* decided = claims_->decided_on(child.id)) {
+        const Status damage = carry_out(core_, run_, *decided);
+        if (damage.ok()) return run_.give_way();
+        if (!damage.is(PRTKV_STORAGE_FAILED)) return run_.fail(damage);
+        if (Status status = damaged(name, damage); !status.ok()) return status;
+        continue;
+      }
       if (claims_->has_decided()) lineage_.add(parent, child.id);  // nobody asks for it otherwise
       if (Status status = visit(name, child); !status.ok()) return status;
     }

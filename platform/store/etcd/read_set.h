@@ -10,7 +10,8 @@
 //     surveyed cannot commit; the next one claims what was surveyed.
 //   - Below the top of this run's own claim, the commit compares the claim instead (see claims.h).
 //
-// Where a decision of another session is met, it is carried out first, and the run repeats.
+// Where a decision of another session is met, it is carried out first, and the run repeats. If it is damaged, the run
+// fails; only a list of children that a run reads goes on, and shows its top as a damaged node.
 //
 // Used by one thread. Failures of the cluster are recorded in the Run.
 #ifndef TKV_PLATFORM_STORE_ETCD_READ_SET_H

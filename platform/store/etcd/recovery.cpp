@@ -137,10 +137,12 @@ Status Redo::step(bool* over) {
   return status;
 }
 
+// Nobody makes progress with a decision that cannot be read.
 Status Redo::run() {
   bool over = false;
   while (!over) {
-    if (role_ == Role::kHelps && !located_ && wait_for_claim(kv_, keys_, claim_, ClaimStage::kOver, kStall)) return {};
+    const bool waits = role_ == Role::kHelps && !located_ && claim_.text.is_readable();
+    if (waits && wait_for_claim(kv_, keys_, claim_, ClaimStage::kOver, kStall)) return {};
     Status status = step(&over);
     if (status.ok()) continue;
     // A session that may only read waits for others to carry it out.
@@ -164,18 +166,24 @@ Status Recovery::finish(const Claim& decided, std::chrono::milliseconds patience
   return status;
 }
 
-Status Recovery::finish_all(const ClaimList& claims, std::chrono::milliseconds patience) {
+Status Recovery::finish_all(const ClaimList& claims, std::chrono::milliseconds patience, DamagedDecisions* damaged) {
   for (const auto& [top, claim] : claims.claims) {
     if (!claim.text.decided) continue;
-    if (Status status = finish(claim, patience); !status.ok()) return status;
+    Status status = finish(claim, patience);
+    if (status.ok()) continue;
+    if (damaged == nullptr || !status.is(PRTKV_STORAGE_FAILED)) return status;
+    damaged->insert_or_assign(top, std::move(status));
   }
   return {};
 }
 
-Reply Recovery::read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision) {
+Reply Recovery::read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision,
+                             DamagedDecisions* damaged) {
   while (true) {
     const KnownClaims claims = claims_.known();
-    if (Status status = finish_all(*claims, kv_.timeout()); !status.ok()) return {Verdict::kFinal, std::move(status)};
+    if (damaged != nullptr) damaged->clear();
+    Status status = finish_all(*claims, kv_.timeout(), damaged);
+    if (!status.ok()) return {Verdict::kFinal, std::move(status)};
     TxnRequest request;
     compare_claims(&request, keys_, *claims);
     *request.add_success()->mutable_request_range() = range;

@@ -30,11 +30,14 @@ class Recovery {
   // claim or a batch is damaged, and PRTKV_BUSY if nobody made progress for `patience`.
   Status finish(const Claim& decided, std::chrono::milliseconds patience);
 
-  // The same for every decision of the list.
-  Status finish_all(const ClaimList& claims, std::chrono::milliseconds patience);
+  // The same for every decision of the list. A damaged one ends it with PRTKV_STORAGE_FAILED, unless `damaged` is
+  // given: then it is added there, and the others are carried out.
+  Status finish_all(const ClaimList& claims, std::chrono::milliseconds patience, DamagedDecisions* damaged = nullptr);
 
   // Reads a range at a revision at which every decision has been carried out. On success `*revision` is that revision.
-  Reply read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision);
+  // `damaged` as above: on success, it has the decisions that were not carried out.
+  Reply read_settled(const RangeRequest& range, RangeResponse* response, std::int64_t* revision,
+                     DamagedDecisions* damaged = nullptr);
 
  private:
   Kv& kv_;

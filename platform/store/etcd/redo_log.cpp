@@ -16,11 +16,18 @@ std::string seal(std::uint64_t number, const std::string& batch) {
 
 }  // namespace
 
+std::string seal_empty_batch(std::uint64_t number) { return seal(number, TxnRequest().SerializeAsString()); }
+
 Status unseal_batch(std::uint64_t number, const RangeResponse& found, TxnRequest* batch) {
   batch->Clear();
   if (found.kvs_size() == 0) return {PRTKV_STORAGE_FAILED, "it is missing"};
+  return unseal_batch(number, found.kvs(0), batch);
+}
+
+Status unseal_batch(std::uint64_t number, const KeyValue& record, TxnRequest* batch) {
+  batch->Clear();
   Value value;
-  if (Status status = decode_value(number, as_bytes(found.kvs(0).value()), &value); !status.ok()) return status;
+  if (Status status = decode_value(number, as_bytes(record.value()), &value); !status.ok()) return status;
   if (batch->ParseFromArray(value.bytes.data(), static_cast<int>(value.bytes.size()))) return {};
   return {PRTKV_STORAGE_FAILED, "it cannot be parsed"};
 }

@@ -29,9 +29,14 @@ class RedoLog {
   std::vector<std::string> batches_;
 };
 
-// Reads batch `number` from the answer to a request for its key. Returns PRTKV_STORAGE_FAILED if it is missing or
-// damaged.
+// Reads batch `number` from its record. Returns PRTKV_STORAGE_FAILED if it is damaged.
+Status unseal_batch(std::uint64_t number, const KeyValue& record, TxnRequest* batch);
+
+// The same from the answer to a request for its key. Returns PRTKV_STORAGE_FAILED also if it is missing.
 Status unseal_batch(std::uint64_t number, const RangeResponse& found, TxnRequest* batch);
+
+// The record of a batch that changes nothing, which no log has: a repair puts it in place of one that is damaged.
+std::string seal_empty_batch(std::uint64_t number);
 
 }  // namespace tkv::store::etcd
 

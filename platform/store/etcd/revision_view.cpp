@@ -18,6 +18,13 @@ Status RevisionView::redeem(Revision* revision, std::int64_t put_at) {
   return reply.ok() ? Status() : fail(reply);
 }
 
+// What is below the top of a damaged decision may be half changed.
+void RevisionView::hide(SeenNode* seen) const {
+  if (!seen->node) return;
+  seen->damage = hidden_by(damaged_, seen->node->id);
+  if (!seen->damage.ok()) seen->node.reset();
+}
+
 Status RevisionView::get(RangeRequest request, RangeResponse* response) {
   if (revision_ == 0) return get_first(request, response);
   request.set_revision(revision_);
@@ -27,7 +34,7 @@ Status RevisionView::get(RangeRequest request, RangeResponse* response) {
 
 // The first answer determines the revision of all others.
 Status RevisionView::get_first(const RangeRequest& request, RangeResponse* response) {
-  const Reply reply = core_.recovery.read_settled(request, response, &revision_);
+  const Reply reply = core_.recovery.read_settled(request, response, &revision_, &damaged_);
   return reply.ok() ? Status() : fail(reply);
 }
 
@@ -58,7 +65,8 @@ Status RevisionView::find(NodeId parent, std::string_view name, Node* node) {
   const NodePlace place{parent, std::string(name)};
   RangeResponse response;
   if (Status status = get(get_one(core_.keys.node(place)), &response); !status.ok()) return status;
-  const SeenNode seen = seen_node(response, place);
+  SeenNode seen = seen_node(response, place);
+  hide(&seen);
   if (!seen.damage.ok()) return seen.damage;
   if (!seen.node) return PRTKV_NO_SUCH_KEY;
   *node = *seen.node;
@@ -111,6 +119,7 @@ Status RevisionView::list(NodeId parent, FunctionRef<Status(const Child& child)>
   for (bool first = true;; first = false) {
     ahead_.listed(parent, page, first);
     for (Child& child : page.children) {
+      hide(&child.seen);
       if (child.seen.node) {
         Status status = redeem(&child.seen.node->revision, child.seen.mod_revision);
         if (!status.ok()) return status;

@@ -1,6 +1,7 @@
 // RevisionView: the tree at one revision, for reading any number of nodes. Nothing is compared afterwards: the state
 // stays readable, whatever is written meanwhile, until etcd compacts it. A depth-first walk gets most nodes from
-// requests that fetch many at once (see read_ahead.h).
+// requests that fetch many at once (see read_ahead.h). The top of a large change that cannot be carried out, since it
+// is damaged, is shown as a damaged node.
 //
 // Used by one thread.
 #ifndef TKV_PLATFORM_STORE_ETCD_REVISION_VIEW_H
@@ -41,10 +42,12 @@ class RevisionView final : public View {
   Status get_page(NodeId parent, std::string begin, ChildPage* page);
   Status look_ahead(NodeId id, Sought sought);
   Status redeem(Revision* revision, std::int64_t put_at);
+  void hide(SeenNode* seen) const;
   Status fail(const Reply& reply);
 
   Core& core_;
   std::int64_t revision_;
+  DamagedDecisions damaged_;  // at that revision, if this view has chosen it
   ReadAhead ahead_;
   KeyValue record_;  // of the value read last
   Reply failure_;

@@ -17,14 +17,19 @@ Status SettledView::load() {
     if (!place) continue;
     const Claim claim{place->top, place->token, record.mod_revision(), ClaimText::parse(record.value())};
     if (!claim.text.decided) continue;
-    if (Status status = load_batches(claim); !status.ok()) return status;
+    Status status = load_batches(claim);
+    if (status.is(PRTKV_STORAGE_FAILED)) {
+      damaged_.insert_or_assign(claim.top, std::move(status));
+    } else if (!status.ok()) {
+      return status;
+    }
   }
   return {};
 }
 
 Status SettledView::load_batches(const Claim& decided) {
   const std::string about = "a large change that was being made at revision " + std::to_string(revision_);
-  if (decided.text.batches == 0) return Status(PRTKV_STORAGE_FAILED, "its claim is damaged").about(about);
+  if (!decided.text.is_readable()) return Status(PRTKV_STORAGE_FAILED, "its claim is damaged").about(about);
   for (std::uint64_t number = decided.text.next; number < decided.text.batches; ++number) {
     RangeRequest request = get_one(core_.keys.plan(decided.token, number));
     request.set_revision(revision_);
@@ -57,12 +62,15 @@ Status SettledView::take_in(const RequestOp& operation) {
 
 Status SettledView::find(NodeId parent, std::string_view name, Node* node) {
   const auto pending = nodes_.find({parent, std::string(name)});
-  if (pending == nodes_.end()) return view_.find(parent, name, node);
+  if (pending == nodes_.end()) {
+    if (Status status = view_.find(parent, name, node); !status.ok()) return status;
+    return hidden_by(damaged_, node->id);
+  }
   const SeenNode& seen = pending->second;
   if (!seen.damage.ok()) return seen.damage;
   if (!seen.node) return PRTKV_NO_SUCH_KEY;
   *node = *seen.node;
-  return {};
+  return hidden_by(damaged_, node->id);
 }
 
 Status SettledView::value(NodeId id, Value* value) {
@@ -74,10 +82,15 @@ Status SettledView::value(NodeId id, Value* value) {
   return status.ok() ? core_.tickets.redeem(&value->revision, revision_, core_.deadline()).status : status;
 }
 
-Status SettledView::visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged) {
+Status SettledView::visit_node(std::string_view name, const Node& node, VisitNode visit, VisitDamage damaged) const {
+  const Status damage = hidden_by(damaged_, node.id);
+  return damage.ok() ? visit(name, node) : damaged(name, damage);
+}
+
+Status SettledView::visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged) const {
   const auto& [place, seen] = pending;
   if (!seen.damage.ok()) return damaged(place.name, seen.damage);
-  return seen.node ? visit(place.name, *seen.node) : Status();
+  return seen.node ? visit_node(place.name, *seen.node, visit, damaged) : Status();
 }
 
 // Merges the children at the revision with those that are written or removed by what is left of the changes.
@@ -94,7 +107,7 @@ Status SettledView::children_with_damage(NodeId parent, VisitNode visit, VisitDa
   const auto is_replaced = [&](std::string_view name) { return nodes_.contains({parent, std::string(name)}); };
   const auto visit_sound = [&](std::string_view name, const Node& node) {
     Status status = visit_before(name);
-    return status.ok() && !is_replaced(name) ? visit(name, node) : status;
+    return status.ok() && !is_replaced(name) ? visit_node(name, node, visit, damaged) : status;
   };
   const auto visit_damaged = [&](std::string_view name, const Status& damage) {
     Status status = visit_before(name);

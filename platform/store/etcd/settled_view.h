@@ -1,6 +1,7 @@
 // SettledView: a former state of the tree in which every change that was decided by then shows as made, although its
 // batches were carried out later (see redo_log.h). Between a decision and the last of its batches, nobody else writes
-// in its subtree, so what is left of the batches at that revision completes the state.
+// in its subtree, so what is left of the batches at that revision completes the state. If that is damaged, the top of
+// the change is shown as a damaged node.
 //
 // Used by one thread.
 #ifndef TKV_PLATFORM_STORE_ETCD_SETTLED_VIEW_H
@@ -24,7 +25,7 @@ class SettledView final : public View {
  public:
   SettledView(Core& core, std::int64_t revision) : core_(core), revision_(revision), view_(core, revision) {}
 
-  // Reads what is left of the decided changes. Call first. Returns PRTKV_STORAGE_FAILED if it is damaged.
+  // Reads what is left of the decided changes. Call first.
   Status load();
 
   Status find(NodeId parent, std::string_view name, Node* node) override;
@@ -44,11 +45,13 @@ class SettledView final : public View {
 
   Status load_batches(const Claim& decided);
   Status take_in(const RequestOp& operation);
-  static Status visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged);
+  Status visit_node(std::string_view name, const Node& node, VisitNode visit, VisitDamage damaged) const;
+  Status visit_pending(const Nodes::value_type& pending, VisitNode visit, VisitDamage damaged) const;
 
   Core& core_;
   const std::int64_t revision_;
   RevisionView view_;
+  DamagedDecisions damaged_;
   Nodes nodes_;
   std::map<NodeId, std::optional<KeyValue>> values_;  // nothing: removed
 };
