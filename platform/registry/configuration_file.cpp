@@ -59,6 +59,8 @@ Status read_whole(const std::string& file, std::string* text) {
     if (size < 0 && error == EINTR) continue;
     if (size < 0) return unreadable(file, error);
     text->append(buffer, static_cast<std::size_t>(size));
+    // A regular file yields less than was asked for only at its end.
+    if (static_cast<std::size_t>(size) < sizeof buffer && text->size() <= kMaxFileBytes) return {};
   }
   return {PRTKV_INVALID_CONFIGURATION, "the configuration file " + file + " is larger than 1 MiB"};
 }

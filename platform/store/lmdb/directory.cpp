@@ -135,7 +135,7 @@ Status check_trust(const std::string& directory, Role role, const std::string& c
                    const Sharing& sharing) {
   if (sharing.group && found.st_gid == *sharing.group && (found.st_mode & S_IWOTH) == 0) return {};
   const std::string subject = role == Role::kItself ? "it" : "its parent " + quoted(checked);
-  if (found.st_uid != geteuid() && found.st_uid != 0) {
+  if (found.st_uid != 0 && found.st_uid != geteuid()) {
     return unusable(directory, subject + " belongs to another user (" + std::to_string(found.st_uid) +
                                    "), who could replace the registry; act as that user, choose another location, or "
                                    "set `group` to the group that the directory belongs to");
@@ -158,11 +158,11 @@ Status check_parent_trust(const std::string& directory, const Sharing& sharing) 
 }
 
 // Behind a symbolic link, the directory's own parent counts as well as that of the link.
-Status check_location(const std::string& directory, const Descriptor& opened, const Sharing& sharing) {
-  struct stat found {};
+Status check_location(const std::string& directory, const Descriptor& opened, const Sharing& sharing,
+                      struct stat* found) {
   struct stat above {};
-  if (Status status = look_at(opened, directory, &found); !status.ok()) return status;
-  if (Status status = check_trust(directory, Role::kItself, directory, found, sharing); !status.ok()) return status;
+  if (Status status = look_at(opened, directory, found); !status.ok()) return status;
+  if (Status status = check_trust(directory, Role::kItself, directory, *found, sharing); !status.ok()) return status;
   if (fstatat(opened.number(), "..", &above, 0) == 0) {
     if (Status status = check_trust(directory, Role::kParent, directory + "/..", above, sharing); !status.ok()) {
       return status;
@@ -184,22 +184,23 @@ Status share(const Descriptor& directory, const std::string& path, const Sharing
   return set_access(readable.number(), path, sharing, sharing.directory_mode());
 }
 
-Status share_existing(const Descriptor& directory, const LmdbOptions& options, const Sharing& sharing) {
+// `*found` is what the directory is like before and, on success, after that.
+Status share_existing(const Descriptor& directory, const LmdbOptions& options, const Sharing& sharing,
+                      struct stat* found) {
   if (!sharing.group || options.read_only) return {};
-  struct stat found {};
-  if (fstat(directory.number(), &found) != 0) return {};  // opening its files will fail and report it
-  const bool is_ours = geteuid() == 0 || geteuid() == found.st_uid;
-  const bool is_done = found.st_gid == *sharing.group && (found.st_mode & 07777) == sharing.directory_mode();
+  const bool is_ours = geteuid() == 0 || geteuid() == found->st_uid;
+  const bool is_done = found->st_gid == *sharing.group && (found->st_mode & 07777) == sharing.directory_mode();
   if (is_done || !is_ours) return {};
   struct stat data {};
   const bool holds_registry = fstatat(directory.number(), "data.mdb", &data, AT_SYMLINK_NOFOLLOW) == 0;
-  if (found.st_gid != *sharing.group && holds_registry) {
+  if (found->st_gid != *sharing.group && holds_registry) {
     const std::string& path = options.directory;
     return unusable(path, "it does not belong to the group '" + options.group +
                               "'. To share the registry with the group, type: chgrp " + options.group + " '" + path +
                               "' '" + path + "'/*.mdb && chmod 3770 '" + path + "' && chmod 660 '" + path + "'/*.mdb");
   }
-  return share(directory, options.directory, sharing);
+  Status status = share(directory, options.directory, sharing);
+  return status.ok() ? look_at(directory, options.directory, found) : status;
 }
 
 // The parent is an open descriptor, so that nobody can exchange it between the check of the parent and the creation.
@@ -247,7 +248,7 @@ Status check_creation(const LmdbOptions& options) {
 }  // namespace
 
 bool is_exposed(const struct stat& directory) {
-  const bool is_foreign = directory.st_uid != geteuid() && directory.st_uid != 0;
+  const bool is_foreign = directory.st_uid != 0 && directory.st_uid != geteuid();
   return is_foreign || (directory.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
@@ -261,10 +262,11 @@ Status sync_directory(const Descriptor& directory, const std::string& path) {
 Status check_directory(const std::string& directory, const std::string& group, FileSystemType type_of) {
   Sharing sharing;
   Descriptor opened(-1);
+  struct stat found {};
   if (Status status = find_sharing(group, &sharing); !status.ok()) return status;
   if (Status status = open_existing(directory, &opened); !status.ok()) return status;
-  if (Status status =
-          opened.is_open() ? check_location(directory, opened, sharing) : check_parent_trust(directory, sharing);
+  if (Status status = opened.is_open() ? check_location(directory, opened, sharing, &found)
+                                       : check_parent_trust(directory, sharing);
       !status.ok()) {
     return status;
   }
@@ -277,20 +279,20 @@ Status check_lmdb_directory(const std::string& directory, const std::string& gro
   return check_directory(directory, group, kStatfs);
 }
 
-Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory) {
+Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory, struct stat* found) {
   Descriptor opened(-1);
   if (Status status = open_existing(options.directory, &opened); !status.ok()) return status;
   if (opened.is_open()) {
     const auto type_of_opened = [&](const char*, long* type) {
-      return file_system_type(type, [&](struct statfs* found) { return fstatfs(opened.number(), found); });
+      return file_system_type(type, [&](struct statfs* system) { return fstatfs(opened.number(), system); });
     };
     if (Status status = check_file_system(options.directory, type_of_opened); !status.ok()) return status;
-    if (Status status = check_location(options.directory, opened, sharing); !status.ok()) return status;
-    if (Status status = share_existing(opened, options, sharing); !status.ok()) return status;
+    if (Status status = check_location(options.directory, opened, sharing, found); !status.ok()) return status;
+    if (Status status = share_existing(opened, options, sharing, found); !status.ok()) return status;
   } else {
     if (Status status = check_creation(options); !status.ok()) return status;
     if (Status status = create_directory(options.directory, sharing, &opened); !status.ok()) return status;
-    if (Status status = check_location(options.directory, opened, sharing); !status.ok()) return status;
+    if (Status status = check_location(options.directory, opened, sharing, found); !status.ok()) return status;
   }
   *directory = std::move(opened);
   return {};

@@ -20,7 +20,8 @@ using FileSystemType = FunctionRef<int(const char* path, long* type)>;
 // The same as check_lmdb_directory, with `type_of` in place of statfs.
 Status check_directory(const std::string& directory, const std::string& group, FileSystemType type_of);
 
-// Opens the directory as an O_PATH descriptor, creating it if it is absent and the options allow it.
+// Opens the directory as an O_PATH descriptor, creating it if it is absent and the options allow it. `*found` is what
+// it is like in the end.
 //
 // A directory qualifies if it is on a local file system and neither it nor its parent can be tampered with by others:
 // it is owned by the caller or root, and others may not write to it unless its sticky bit is set. Group and others both
@@ -29,7 +30,7 @@ Status check_directory(const std::string& directory, const std::string& group, F
 //
 // With a group, an existing directory of that group is given mode 03770 if the caller is its owner or root, and an
 // existing directory of another group is given to the group if it contains no registry yet.
-Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory);
+Status open_directory(const LmdbOptions& options, const Sharing& sharing, Descriptor* directory, struct stat* found);
 
 // True if users other than the caller and root may replace files in the directory.
 bool is_exposed(const struct stat& directory);

@@ -57,18 +57,15 @@ bool looks_like_lock_file(int file) {
 Status RegistryFiles::open(const LmdbOptions& options, std::unique_ptr<const RegistryFiles>* files) {
   std::unique_ptr<RegistryFiles> opened(new RegistryFiles(options));
   if (Status status = find_sharing(options.group, &opened->sharing_); !status.ok()) return status;
-  if (Status status = open_directory(options, opened->sharing_, &opened->handle_); !status.ok()) return status;
-  if (Status status = opened->open_files(options); !status.ok()) return status;
+  struct stat directory {};
+  Status status = open_directory(options, opened->sharing_, &opened->handle_, &directory);
+  if (status.ok()) status = opened->open_files(options, directory);
+  if (!status.ok()) return status;
   *files = std::move(opened);
   return {};
 }
 
-Status RegistryFiles::open_files(const LmdbOptions& options) {
-  struct stat directory {};
-  if (fstat(handle_.number(), &directory) != 0) {
-    const int error = errno;
-    return lmdb_status(error, "cannot use " + quoted(path_));
-  }
+Status RegistryFiles::open_files(const LmdbOptions& options, const struct stat& directory) {
   directory_identity_ = identity_of(directory);
   exposed_ = is_exposed(directory);
   owner_ = directory.st_uid;
@@ -78,17 +75,17 @@ Status RegistryFiles::open_files(const LmdbOptions& options) {
 
 // Leaves `*file` closed if there is no such file. A file that cannot be opened for reading is still named by the
 // descriptor, which suffices to tell what is wrong with it.
-Status RegistryFiles::open_file(const char* name, Access access, Descriptor* file, FileIdentity* identity) const {
+Status RegistryFiles::open_file(const char* name, Access access, CheckedFile* file) const {
   constexpr int kReading = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC;
   Descriptor opened(access == Access::kRead ? openat(handle_.number(), name, kReading) : -1);
-  if (!opened.is_open()) opened = Descriptor(openat(handle_.number(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const bool can_be_read = opened.is_open();
+  if (!can_be_read) opened = Descriptor(openat(handle_.number(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat found {};
   const int error = opened.is_open() && fstat(opened.number(), &found) == 0 ? 0 : errno;
   if (error == ENOENT) return {};
   if (error != 0) return lmdb_status(error, "cannot use " + quoted(path_of(name)));
   if (Status status = check_file(name, found); !status.ok()) return status;
-  *file = std::move(opened);
-  *identity = identity_of(found);
+  *file = {std::move(opened), can_be_read, identity_of(found), found.st_size, found.st_blocks * 512};
   return {};
 }
 
@@ -102,7 +99,7 @@ Status RegistryFiles::check_file(const char* name, const struct stat& file) cons
                                 " names (hard links) and must have one; find the others (find / -xdev -samefile " +
                                 path + ") and remove them"};
   }
-  const bool is_trusted = file.st_uid == geteuid() || file.st_uid == 0 || file.st_uid == owner_ ||
+  const bool is_trusted = file.st_uid == owner_ || file.st_uid == 0 || file.st_uid == geteuid() ||
                           (sharing_.group && file.st_gid == *sharing_.group);
   if (is_trusted) return {};
   return {PRTKV_UNUSABLE,
@@ -112,24 +109,26 @@ Status RegistryFiles::check_file(const char* name, const struct stat& file) cons
 }
 
 Status RegistryFiles::open_data_file(const LmdbOptions& options) {
-  if (Status status = open_file(kDataFile, Access::kRead, &data_, &data_identity_); !status.ok()) return status;
-  if (!data_.is_open()) {
+  if (Status status = open_file(kDataFile, Access::kRead, &data_); !status.ok()) return status;
+  if (!data_.handle.is_open()) {
     if (!options.create || options.read_only) return {PRTKV_UNUSABLE, "there is no registry in " + quoted(path_)};
     const auto fill = [&](const Descriptor& file) {
       return write_fresh_registry(path_to_open(file, ""), options.root_security).about(quoted(path_of(kDataFile)));
     };
     if (Status status = create(kDataFile, fill); !status.ok()) return status;
     if (Status status = sync_directory(handle_, path_); !status.ok()) return status;
-    if (Status status = open_file(kDataFile, Access::kRead, &data_, &data_identity_); !status.ok()) return status;
-    if (!data_.is_open()) return {PRTKV_BUSY, quoted(path_of(kDataFile)) + " was removed while it was being opened"};
+    if (Status status = open_file(kDataFile, Access::kRead, &data_); !status.ok()) return status;
+    if (!data_.handle.is_open()) {
+      return {PRTKV_BUSY, quoted(path_of(kDataFile)) + " was removed while it was being opened"};
+    }
   }
   return inspect_data();
 }
 
 // On a read-only file system, LMDB does without a lock file.
 Status RegistryFiles::open_lock_file(bool read_only) {
-  const auto name_file = [&] { return open_file(kLockFile, Access::kName, &lock_, &lock_identity_); };
-  if (Status status = name_file(); !status.ok() || lock_.is_open()) return status;
+  const auto name_file = [&] { return open_file(kLockFile, Access::kName, &lock_); };
+  if (Status status = name_file(); !status.ok() || lock_.handle.is_open()) return status;
   const auto fill = [&](const Descriptor& file) {
     const int error = posix_fallocate(file.number(), 0, kLockFileSize);
     return lmdb_status(error, "cannot allocate " + quoted(path_of(kLockFile)));
@@ -137,14 +136,14 @@ Status RegistryFiles::open_lock_file(bool read_only) {
   struct statvfs file_system {};
   if (read_only && fstatvfs(handle_.number(), &file_system) == 0 && (file_system.f_flag & ST_RDONLY) != 0) return {};
   if (Status status = create(kLockFile, fill); !status.ok()) return status;
-  if (Status status = name_file(); !status.ok() || lock_.is_open()) return status;
+  if (Status status = name_file(); !status.ok() || lock_.handle.is_open()) return status;
   return {PRTKV_BUSY, quoted(path_of(kLockFile)) + " was removed while it was being opened"};
 }
 
 // The file's descriptor can be read unless the file could not be opened for reading: the reason is reported then.
 Status RegistryFiles::inspect_data() const {
-  if ((fcntl(data_.number(), F_GETFL) & O_PATH) == 0) return inspect_data_file(data_, path_of(kDataFile));
-  const Descriptor file(::open(path_to_open(data_, kDataFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (data_.can_be_read) return inspect_data_file(data_.handle, path_of(kDataFile));
+  const Descriptor file(::open(path_to_open(data_.handle, kDataFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file.is_open()) {
     const int error = errno;
     return lmdb_status(error, "cannot open " + quoted(path_of(kDataFile)));
@@ -199,29 +198,28 @@ bool RegistryFiles::leads_to(const char* name, const FileIdentity& identity) con
 }
 
 bool RegistryFiles::are_in_place() const {
-  return leads_to(kDataFile, data_identity_) && (!lock_.is_open() || leads_to(kLockFile, lock_identity_));
+  return leads_to(kDataFile, data_.identity) && (!lock_.handle.is_open() || leads_to(kLockFile, lock_.identity));
 }
 
 Status RegistryFiles::prepare_lock_file() const {
-  if (!lock_.is_open()) return {};
-  const Descriptor file(::open(path_to_open(lock_, kLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
-  struct stat found {};
-  if (!file.is_open() || fstat(file.number(), &found) != 0) return {};  // LMDB will report it
+  if (!lock_.handle.is_open()) return {};
+  const Descriptor file(::open(path_to_open(lock_.handle, kLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  if (!file.is_open()) return {};  // LMDB will report it
   const std::string path = quoted(path_of(kLockFile));
   if (!looks_like_lock_file(file.number())) {
     return {PRTKV_UNUSABLE, path + " is not a lock file of LMDB; remove it when no process uses the registry"};
   }
-  if (found.st_size >= kLockFileSize && found.st_blocks * 512 >= found.st_size) return {};
+  if (lock_.size >= kLockFileSize && lock_.allocated >= lock_.size) return {};
   // Not posix_fallocate: where the file system lacks the operation, it would write to a file that others have mapped.
-  const int error = fallocate(file.number(), 0, 0, std::max(kLockFileSize, found.st_size)) == 0 ? 0 : errno;
+  const int error = fallocate(file.number(), 0, 0, std::max(kLockFileSize, lock_.size)) == 0 ? 0 : errno;
   return error == EOPNOTSUPP ? Status() : lmdb_status(error, "cannot allocate " + path);
 }
 
 Status RegistryFiles::open_environment(MDB_env* env, unsigned flags) const {
   LinkDirectory links;
-  const bool by_link = exposed_ && lock_.is_open();
+  const bool by_link = exposed_ && lock_.handle.is_open();
   if (by_link) {
-    if (Status status = links.create(data_, lock_); !status.ok()) return status;
+    if (Status status = links.create(data_.handle, lock_.handle); !status.ok()) return status;
   }
   const std::string doing = "cannot open the registry in " + quoted(path_);
   const std::string path = by_link ? links.path() : path_;
@@ -231,23 +229,22 @@ Status RegistryFiles::open_environment(MDB_env* env, unsigned flags) const {
   if (code == 0) code = mdb_env_get_fd(env, &file);
   if (code == 0 && (fcntl(file, F_SETFD, FD_CLOEXEC) != 0 || fstat(file, &found) != 0)) code = errno;
   if (code != 0) return lmdb_status(code, doing);
-  if (identity_of(found) == data_identity_ && (by_link || are_in_place())) return {};
+  if (identity_of(found) == data_.identity && (by_link || are_in_place())) return {};
   return {PRTKV_BUSY, doing + ": its files were replaced meanwhile"};
 }
 
 Status RegistryFiles::open_writer_lock(Descriptor* file) const {
-  Descriptor found(-1);
-  FileIdentity identity;
-  if (Status status = open_file(kWriterLockFile, Access::kName, &found, &identity); !status.ok()) return status;
-  if (!found.is_open()) {
+  CheckedFile found;
+  if (Status status = open_file(kWriterLockFile, Access::kName, &found); !status.ok()) return status;
+  if (!found.handle.is_open()) {
     const auto leave_empty = [](const Descriptor&) { return Status(); };
     if (Status status = create(kWriterLockFile, leave_empty); !status.ok()) return status;
-    if (Status status = open_file(kWriterLockFile, Access::kName, &found, &identity); !status.ok()) return status;
-    if (!found.is_open()) {
+    if (Status status = open_file(kWriterLockFile, Access::kName, &found); !status.ok()) return status;
+    if (!found.handle.is_open()) {
       return {PRTKV_BUSY, quoted(path_of(kWriterLockFile)) + " was removed while it was being opened"};
     }
   }
-  Descriptor opened(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  Descriptor opened(::open(path_to_open(found.handle, kWriterLockFile).c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
   if (!opened.is_open()) {
     const int error = errno;
     return lmdb_status(error, "cannot open " + quoted(path_of(kWriterLockFile)));
@@ -257,15 +254,14 @@ Status RegistryFiles::open_writer_lock(Descriptor* file) const {
 }
 
 Descriptor RegistryFiles::open_commit_times() const {
-  Descriptor found(-1);
-  FileIdentity identity;
-  if (!open_file(kWriterLockFile, Access::kName, &found, &identity).ok() || !found.is_open()) return Descriptor(-1);
-  return Descriptor(::open(path_to_open(found, kWriterLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  CheckedFile found;
+  if (!open_file(kWriterLockFile, Access::kName, &found).ok() || !found.handle.is_open()) return Descriptor(-1);
+  return Descriptor(::open(path_to_open(found.handle, kWriterLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
 Status RegistryFiles::data_size(std::uint64_t* size) const {
   struct statx found {};
-  if (statx(data_.number(), "", AT_EMPTY_PATH, STATX_SIZE, &found) != 0) {
+  if (statx(data_.handle.number(), "", AT_EMPTY_PATH, STATX_SIZE, &found) != 0) {
     const int error = errno;
     return lmdb_status(error, "cannot use " + quoted(path_of(kDataFile)));
   }
@@ -275,7 +271,7 @@ Status RegistryFiles::data_size(std::uint64_t* size) const {
 
 bool RegistryFiles::are_own() const {
   struct stat found {};
-  return fstat(data_.number(), &found) == 0 && found.st_uid == geteuid();
+  return fstat(data_.handle.number(), &found) == 0 && found.st_uid == geteuid();
 }
 
 }  // namespace tkv::store

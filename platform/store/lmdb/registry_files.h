@@ -48,8 +48,8 @@ class RegistryFiles {
   RegistryFiles& operator=(const RegistryFiles&) = delete;
 
   const FileIdentity& directory() const { return directory_identity_; }
-  const FileIdentity& data() const { return data_identity_; }
-  const FileIdentity& lock() const { return lock_identity_; }  // all zero if a read-only file system lacks the file
+  const FileIdentity& data() const { return data_.identity; }
+  const FileIdentity& lock() const { return lock_.identity; }  // all zero if a read-only file system lacks the file
 
   // True if the paths of the data file and of the lock file still lead to these files.
   bool are_in_place() const;
@@ -68,7 +68,7 @@ class RegistryFiles {
   Descriptor open_commit_times() const;
 
   const std::string& path() const { return path_; }  // of the directory
-  int data_file() const { return data_.number(); }
+  int data_file() const { return data_.handle.number(); }
 
   // The size of the data file in bytes.
   Status data_size(std::uint64_t* size) const;
@@ -79,10 +79,19 @@ class RegistryFiles {
  private:
   enum class Access { kName, kRead };  // what a descriptor is for: to name the file only, or to read it as well
 
+  // A file as it was found and checked when it was opened.
+  struct CheckedFile {
+    Descriptor handle{-1};
+    bool can_be_read = false;  // by the descriptor
+    FileIdentity identity;
+    off_t size = 0;
+    off_t allocated = 0;  // bytes on the disk
+  };
+
   explicit RegistryFiles(const LmdbOptions& options) : path_(options.directory) {}
 
-  Status open_files(const LmdbOptions& options);
-  Status open_file(const char* name, Access access, Descriptor* file, FileIdentity* identity) const;
+  Status open_files(const LmdbOptions& options, const struct stat& directory);
+  Status open_file(const char* name, Access access, CheckedFile* file) const;
   Status check_file(const char* name, const struct stat& file) const;
   Status open_data_file(const LmdbOptions& options);
   Status open_lock_file(bool read_only);
@@ -99,11 +108,9 @@ class RegistryFiles {
   bool exposed_ = false;  // others may replace files in the directory
   uid_t owner_ = 0;       // of the directory
   Descriptor handle_{-1};
-  Descriptor data_{-1};
-  Descriptor lock_{-1};
   FileIdentity directory_identity_;
-  FileIdentity data_identity_;
-  FileIdentity lock_identity_;
+  CheckedFile data_;
+  CheckedFile lock_;
 };
 
 }  // namespace tkv::store
