@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -202,17 +203,22 @@ bool Session::check_losses(OpenKey& key) noexcept {
 void Session::replace_last(const Status& status) noexcept {
   const std::lock_guard lock(mutex_);
   last_code_.store(status.code(), std::memory_order_relaxed);
-  last_size_ = status.ok() ? 0 : write_error_text(status, last_text_.data(), last_text_.size());
+  last_ = status;
 }
 
 Status Session::last_error(std::int32_t* code, char* text, std::int32_t* size) {
-  const std::lock_guard lock(mutex_);
-  const prtkv_result last = last_code_.load(std::memory_order_relaxed);
-  if (last == PRTKV_DONE) return PRTKV_UNKNOWN;
-  const std::string_view shown = beginning({last_text_.data(), last_size_}, static_cast<std::size_t>(*size) - 1);
+  Status last;
+  {
+    const std::lock_guard lock(mutex_);
+    last = last_;
+  }
+  if (last.ok()) return PRTKV_UNKNOWN;
+  std::array<char, PRTKV_ERROR_TEXT_SIZE> message;
+  const std::size_t message_size = write_error_text(last, message.data(), message.size());
+  const std::string_view shown = beginning({message.data(), message_size}, static_cast<std::size_t>(*size) - 1);
   shown.copy(text, shown.size());
   text[shown.size()] = '\0';
-  *code = last;
+  *code = last.code();
   *size = static_cast<std::int32_t>(shown.size());
   return {};
 }

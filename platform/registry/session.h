@@ -2,7 +2,6 @@
 #ifndef TKV_PLATFORM_REGISTRY_SESSION_H
 #define TKV_PLATFORM_REGISTRY_SESSION_H
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -65,7 +64,7 @@ class Session {
   std::stop_token waits();
   void stop_waiting();
 
-  // Keeps the message of a failure, or clears it after a success.
+  // Keeps a failure for last_error(), or clears it after a success.
   void record(const Status& status) noexcept {
     if (!status.ok() || last_code_.load(std::memory_order_relaxed) != PRTKV_DONE) replace_last(status);
   }
@@ -123,8 +122,7 @@ class Session {
   KnownKeys known_;
   KnownLists lists_;
   std::atomic<prtkv_result> last_code_{PRTKV_DONE};  // PRTKV_DONE: there is no message
-  std::array<char, PRTKV_ERROR_TEXT_SIZE> last_text_{};
-  std::size_t last_size_ = 0;
+  Status last_;                                      // the failure; its message is composed when it is asked for
 };
 
 }  // namespace tkv::registry
