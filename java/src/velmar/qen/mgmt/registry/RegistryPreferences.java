@@ -98,7 +98,7 @@ final class RegistryPreferences extends AbstractPreferences {
     protected AbstractPreferences childSpi(String name) {
         RegistryPreferences child = new RegistryPreferences(this, name, placeOfNode(name));
         if (child.newNode) {
-            note(known -> known.add(name, null));
+            note(known -> known.added(name));
         }
         return child;
     }
@@ -253,8 +253,11 @@ final class RegistryPreferences extends AbstractPreferences {
     private ToldPreferences read() throws BackingStoreException {
         ToldPreferences present = new ToldPreferences();
         tree.visit(place, 1, (levels, text) -> {
-            if (levels.size() == 1) {
-                present.add(PreferenceNames.decode(levels.get(0)).orElseThrow(), text);
+            String name = PreferenceNames.decode(levels.get(0)).orElseThrow();
+            if (text == null) {
+                present.added(name);
+            } else {
+                present.changed(name, text);
             }
         });
         return present;
@@ -298,7 +301,7 @@ final class RegistryPreferences extends AbstractPreferences {
 
     /** Tells the listeners of a child that others have created, unless it has gone again. */
     void tellAdded(String name) throws BackingStoreException {
-        note(known -> known.add(name, null));
+        note(known -> known.added(name));
         if (!nodeListeners.isEmpty() && tree.exists(placeOfNode(name))) {
             NodeChangeEvent event = new NodeChangeEvent(this, node(name));
             nodeListeners.forEach(listener -> listener.childAdded(event));

@@ -14,15 +14,6 @@ final class ToldPreferences {
     private final Map<String, String> texts = new TreeMap<>();
     private final Set<String> children = new HashSet<>();
 
-    /** Adds a preference with its text, or a child, whose text is null. */
-    void add(String name, String text) {
-        if (text == null) {
-            children.add(name);
-        } else {
-            texts.put(name, text);
-        }
-    }
-
     /** Returns the text of a preference; null if there is none. */
     String text(String key) {
         return texts.get(key);
@@ -39,6 +30,10 @@ final class ToldPreferences {
 
     boolean hasChild(String name) {
         return children.contains(name);
+    }
+
+    void added(String child) {
+        children.add(child);
     }
 
     void removed(String child) {
