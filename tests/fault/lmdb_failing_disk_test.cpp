@@ -250,7 +250,7 @@ TEST_F(LmdbFailingDisk, ReadersInOtherThreadsContinueDuringFailures) {
       EXPECT_EQ(text_of(*store), "former");
     }
   });
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 300; ++i) {
     disk.failing = Target::kMeta;
     disk.error = EIO;
     disk.times = 1;

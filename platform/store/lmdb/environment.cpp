@@ -452,10 +452,16 @@ void Environment::end_read(ReaderSlot& slot) {
 
 // Called when a read transaction could not begin. Returns success if the caller should try again. A nested one does not
 // come here for growth.
+//
+// After a write that failed, another thread may open the files anew and fail to write again, any number of times before
+// this one gets to read. Each time counts as an attempt; there is no lack of progress in that.
 Status Environment::recover_read(int code, bool nested, unsigned attempt, std::uint64_t remaps) {
   constexpr unsigned kAttempts = 4;
+  constexpr unsigned kAttemptsBesideFailingWrites = 10'000;
   if (code == MDB_MAP_RESIZED) return follow_growth(remaps);
-  if (attempt >= kAttempts) return failure(code, "cannot read the registry");
+  if (attempt >= (code == MDB_PANIC ? kAttemptsBesideFailingWrites : kAttempts)) {
+    return failure(code, "cannot read the registry");
+  }
   if (code == MDB_READERS_FULL) return free_reader_slots(nested);
   if (code != MDB_PANIC || nested || Running::writes(this)) return failure(code, "cannot read the registry");
   const std::lock_guard lock(write_mutex_);
