@@ -76,6 +76,19 @@ class EtcdRestoredSnapshot : public testing::Test {
   FakeKv kv_;
 };
 
+TEST_F(EtcdRestoredSnapshot, IsToldFromADamagedMark) {
+  const auto open = session();
+  const Keys keys("/tkv/");
+  const std::string mark = kv_.get(keys.mark());
+  ASSERT_TRUE(done(create(*open, "before")));
+  kv_.put(keys.mark(), "damaged");
+  const Status status = create(*open, "meanwhile");
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
+  EXPECT_NE(status.text().find("etcdctl del /tkv/registry"), std::string::npos) << status.text();
+  kv_.put(keys.mark(), mark);
+  EXPECT_TRUE(done(create(*open, "afterwards")));
+}
+
 TEST_F(EtcdRestoredSnapshot, EndsASessionThatSeesARevisionGoBackwards) {
   const auto before = session();
   ASSERT_TRUE(done(create(*before, "a")));

@@ -175,7 +175,12 @@ TEST_F(EtcdOpening, RefusesALaterFormatAndADamagedMark) {
   EXPECT_TRUE(status.is(PRTKV_UNUSABLE));
   EXPECT_NE(status.text().find("format 4"), std::string::npos) << status.text();
   kv_.put(Keys("/tkv/").mark(), "nonsense");
-  EXPECT_TRUE(open("/tkv/").is(PRTKV_STORAGE_FAILED));
+  status = open("/tkv/");
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("etcdctl del /tkv/registry"), std::string::npos) << status.text();
+  kv_.erase(Keys("/tkv/").mark());
+  EXPECT_TRUE(done(open("/tkv/"))) << "as the message says";
+  EXPECT_TRUE(RegistryMark::parse(mark_of("/tkv/")));
 }
 
 // The keys of a registry below /tkv/staging/ and the like, and what others may have put there.

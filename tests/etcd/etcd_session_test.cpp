@@ -554,6 +554,24 @@ TEST_F(EtcdRepairInMemory, IsNotMadeOverAChangeThatItHasNotSeen) {
   EXPECT_TRUE(done(create(*session(), "new")));
 }
 
+TEST_F(EtcdRepairInMemory, ReportsADamagedRecordOfTheLastChangeAndDescribesItselfInstead) {
+  ASSERT_TRUE(done(repair()));
+  kv_.put(keys_.log(), "damaged");
+  std::vector<Finding::Kind> found;
+  Totals totals;
+  const auto check = [&] {
+    found.clear();
+    return check_registry(
+        *one_, nullptr, [&](const Finding& finding) { found.push_back(finding.kind); }, [](const CheckProgress&) {},
+        &totals);
+  };
+  EXPECT_TRUE(done(check()));
+  EXPECT_EQ(found, std::vector{Finding::Kind::kDamagedChange});
+  EXPECT_TRUE(done(repair()));
+  EXPECT_TRUE(done(check()));
+  EXPECT_EQ(found.size(), 0u);
+}
+
 TEST_F(EtcdRepairInMemory, IsUndecidedIfItsAnswerWasLost) {
   bool lost = false;
   kv_.after_txn = [&](const TxnRequest& request) {

@@ -80,6 +80,11 @@ std::string ChangeLog::encode(const ChangeDescription& description) {
   return seal(encode_description(shorter, false));
 }
 
+Status ChangeLog::check(const KeyValue& version) {
+  ChangeRecord ignored;
+  return decode(version, &ignored);
+}
+
 Reply ChangeLog::get(std::int64_t at, RangeResponse* response) {
   RangeRequest request = get_one(keys_.log());
   request.set_revision(at);

@@ -61,6 +61,9 @@ class ChangeLog {
   // The value of the key for a change. One that describes too much says only that something was changed.
   static std::string encode(const ChangeDescription& description);
 
+  // Returns PRTKV_STORAGE_FAILED if a version of the key is damaged.
+  static Status check(const KeyValue& version);
+
   // Finds the revision of the last change that the log knows, or zero if none was ever logged. `at` is the revision of
   // the state to look at, or zero for the present.
   Reply revision(std::int64_t at, Revision* revision);

@@ -19,7 +19,7 @@ constexpr std::int64_t kFirstBatchesPerPage = 2;
 struct FoundBatch {
   std::int64_t mod_revision = 0;
   bool is_sound = false;
-  bool is_empty = false;
+  bool is_empty = false;  // a repair has put it in place of a damaged one
 };
 
 // A change whose claim is a decision or cannot be read, as it stands at one revision.
@@ -30,6 +30,12 @@ struct Unfinished {
   std::map<std::uint64_t, FoundBatch> batches;
 
   std::uint64_t found_end() const { return batches.empty() ? 0 : batches.rbegin()->first + 1; }
+
+  // One that is missing is not sound.
+  FoundBatch batch(std::uint64_t number) const {
+    const auto found = batches.find(number);
+    return found == batches.end() ? FoundBatch() : found->second;
+  }
 };
 
 class ChangeRepair {
@@ -46,6 +52,8 @@ class ChangeRepair {
   Status read_batches(Unfinished* change, std::int64_t revision);
   Status repair(const Unfinished& change);
   Status complete(const Unfinished& change);
+  Status replace(const Unfinished& change, const std::vector<std::uint64_t>& damaged);
+  Status put_decision(const Unfinished& change, std::uint64_t next, std::uint64_t batches);
   Status remove_claim(const Unfinished& change);
   Status repair_builds();
   void note_loss(const Unfinished& change, std::uint64_t lost, std::uint64_t batches);
@@ -131,29 +139,37 @@ Status ChangeRepair::complete(const Unfinished& change) {
   const ClaimText& text = change.claim.text;
   const bool is_readable = text.is_readable();
   const std::uint64_t first = is_readable ? text.next : 0;
-  const std::uint64_t end =
-      is_readable ? std::max(first, std::min(text.batches, change.found_end())) : change.found_end();
-  const std::uint64_t batches = is_readable ? text.batches : end;
+  const std::uint64_t batches = is_readable ? text.batches : change.found_end();
+  const std::uint64_t end = std::max(first, std::min(batches, change.found_end()));
+  std::vector<std::uint64_t> damaged;
   std::uint64_t lost = batches - end;
-  TxnRequest request = request_about(change);
   for (std::uint64_t number = first; number < end; ++number) {
-    const auto found = change.batches.find(number);
-    const FoundBatch batch = found == change.batches.end() ? FoundBatch() : found->second;
-    if (batch.is_sound && !batch.is_empty) continue;
-    ++lost;
-    if (batch.is_sound) continue;  // replaced already
+    const FoundBatch batch = change.batch(number);
+    if (!batch.is_sound || batch.is_empty) ++lost;
+    if (!batch.is_sound) damaged.push_back(number);
+  }
+  if (lost != 0) note_loss(change, lost, batches);
+  if (end == 0) return remove_claim(change);
+  if (Status status = replace(change, damaged); !status.ok()) return status;
+  return is_readable && end == batches ? Status() : put_decision(change, first, end);
+}
+
+Status ChangeRepair::replace(const Unfinished& change, const std::vector<std::uint64_t>& damaged) {
+  TxnRequest request = request_about(change);
+  for (const std::uint64_t number : damaged) {
     const std::string key = core_.keys.plan(change.claim.token, number);
-    compare_revision(&request, key, batch.mod_revision);
+    compare_revision(&request, key, change.batch(number).mod_revision);
     put(request.add_success(), key, seal_empty_batch(number));
     if (request.success_size() < kBatchOperations) continue;
     if (Status status = send(std::exchange(request, request_about(change))); !status.ok()) return status;
   }
-  if (lost != 0) note_loss(change, lost, batches);
-  if (end == 0) return remove_claim(change);
-  if (!is_readable || end != batches) {
-    put(request.add_success(), change.key, ClaimText{true, 0, first, end}.print());
-  }
   return request.success_size() == 0 ? Status() : send(std::move(request));
+}
+
+Status ChangeRepair::put_decision(const Unfinished& change, std::uint64_t next, std::uint64_t batches) {
+  TxnRequest request = request_about(change);
+  put(request.add_success(), change.key, ClaimText{true, 0, next, batches}.print());
+  return send(std::move(request));
 }
 
 // The batches of a change that was not decided are removed with its build.

@@ -67,6 +67,7 @@ class Checker {
   void report_change(NodeId top, const std::string& detail);
   Status read_values();
   Status read_next_id();
+  Status read_log();
   void follow_garbage();
   bool is_left_over(NodeId parent) const;
   void add_value(const KeyValue& record);
@@ -94,6 +95,7 @@ class Checker {
   Meta meta_;
   std::int64_t meta_revision_ = 0;
   bool meta_is_low_ = false;
+  bool log_is_damaged_ = false;
   std::int64_t damaged_root_ = 0;  // its revision
 };
 
@@ -257,6 +259,18 @@ Status Checker::read_next_id() {
   return {};
 }
 
+// Former versions of the log's key cannot be repaired: etcd removes them when it is compacted.
+Status Checker::read_log() {
+  const std::string key = core_.keys.log();
+  return visit("the log", {key, key + '\0'}, 1, [&](const KeyValue& last) {
+    const Status damage = ChangeLog::check(last);
+    if (damage.ok()) return;
+    log_is_damaged_ = true;
+    const auto revision = static_cast<Revision>(last.mod_revision());
+    report_({Finding::Kind::kDamagedChange, kNoNode, revision, "", damage.text()});
+  });
+}
+
 // Fixes the revision that everything is read at: one at which every decision has been carried out. Only without a
 // repair may there be damaged ones: what is below their tops may be half changed, and seem to be lost.
 Status Checker::settle() {
@@ -297,7 +311,8 @@ Status Checker::read() {
   if (Status status = read_leftovers(); !status.ok()) return status;
   if (Status status = read_nodes(); !status.ok()) return status;
   if (Status status = read_values(); !status.ok()) return status;
-  return read_next_id();
+  if (Status status = read_next_id(); !status.ok()) return status;
+  return read_log();
 }
 
 // Nobody knows which ids above the largest one in use have been used before or reserved by sessions. The counter
@@ -390,7 +405,8 @@ Status Checker::repair(const ChangeDescription& description) {
   if (damaged_root_ != 0) reset_root(&request);
   if (meta_is_low_) raise_next_id(&request);
   const bool is_needed = request.success_size() > 0;
-  if (!is_needed && removable_.nodes.empty() && removable_.values.empty()) return {};
+  const bool removes = !removable_.nodes.empty() || !removable_.values.empty();
+  if (!is_needed && !removes && !log_is_damaged_) return {};
   put(request.add_success(), core_.keys.log(), ChangeLog::encode(description));
   compare_history(&request);
   TxnResponse response;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "store/etcd/registry_mark.h"
+
 namespace tkv::store::etcd {
 namespace {
 
@@ -92,6 +94,7 @@ Reply History::send(const TxnRequest& request, const Held& fence, TxnResponse* r
 Reply History::take_fence(const Held& fence, TxnResponse* response, bool* ids_gone) {
   auto* responses = response->mutable_responses();
   bool holds = true;
+  bool is_damaged = false;
   if (!fence.ids.empty()) {
     const RangeResponse& ids = responses->rbegin()->response_range();
     *ids_gone = ids.kvs_size() == 0;
@@ -100,10 +103,12 @@ Reply History::take_fence(const Held& fence, TxnResponse* response, bool* ids_go
   }
   if (!fence.mark.empty()) {
     const RangeResponse& mark = responses->rbegin()->response_range();
-    holds = holds && mark.kvs_size() > 0 && mark.kvs(0).value() == fence.value;
+    is_damaged = mark.kvs_size() > 0 && !RegistryMark::parse(mark.kvs(0).value());
+    holds = holds && mark.kvs_size() > 0 && (is_damaged || mark.kvs(0).value() == fence.value);
     responses->RemoveLast();
   }
-  return holds ? Reply() : end();
+  if (!holds) return end();
+  return is_damaged ? Reply{Verdict::kFinal, damaged_mark(fence.mark)} : Reply();
 }
 
 // The key of the claims is gone. If the cluster remembers the claim, the key went with its session, whose lease ran

@@ -7,7 +7,8 @@
 //   - when the registry's mark is no longer the one that was found at opening, or
 //   - when the key that records the session's claims of ids is missing or older than the last claim, unless it was
 //     removed because the session ended (see session.h).
-// The latter two are compared by every transaction that writes, so that nothing is written into another history.
+// The latter two are compared by every transaction that writes, so that nothing is written into another history. A mark
+// that is damaged ends no session: writes fail with PRTKV_STORAGE_FAILED as long as it is.
 //
 // Threads. Any number may call at once.
 #ifndef TKV_PLATFORM_STORE_ETCD_HISTORY_H

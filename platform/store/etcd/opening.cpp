@@ -143,7 +143,7 @@ Status Opening::take(const TxnResponse& found, bool* taken) {
 Status Opening::take_marked(const TxnResponse& found, bool* taken) {
   const std::string& text = part(found, kMark).kvs(0).value();
   const auto mark = RegistryMark::parse(text);
-  if (!mark) return {PRTKV_STORAGE_FAILED, "the key " + quoted(keys_.mark()) + " in etcd is damaged"};
+  if (!mark) return damaged_mark(keys_.mark());
   if (mark->format > RegistryMark::kFormat) {
     return {PRTKV_UNUSABLE, "the registry under " + quoted(options_.prefix) + " in etcd has format " +
                                 std::to_string(mark->format) + ", and this release knows up to " +

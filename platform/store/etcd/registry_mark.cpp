@@ -22,4 +22,12 @@ std::optional<RegistryMark> RegistryMark::parse(const std::string& text) {
   return mark;
 }
 
+// Nobody can tell which format the registry has: only people know which releases have used it.
+Status damaged_mark(const std::string& key) {
+  return {PRTKV_STORAGE_FAILED, "the key '" + key +
+                                    "' in etcd, which says which format the registry has, is damaged. If no later "
+                                    "release of TKV has written to the registry, type: etcdctl del " +
+                                    key + "; the next session that may write puts the key anew"};
+}
+
 }  // namespace tkv::store::etcd

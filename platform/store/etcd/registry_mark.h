@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "base/status.h"
+
 namespace tkv::store::etcd {
 
 // The mark's value, one field per line, for people who look at it with etcdctl.
@@ -22,6 +24,9 @@ struct RegistryMark {
   // Nothing if this is not a mark. A mark of a later format parses, whatever else it says.
   static std::optional<RegistryMark> parse(const std::string& text);
 };
+
+// What is wrong if the mark under `key` does not parse, and what to do about it.
+Status damaged_mark(const std::string& key);
 
 }  // namespace tkv::store::etcd
 
