@@ -23,7 +23,7 @@ std::string seal_of(std::string_view lines) {
 
 }  // namespace
 
-std::string seal_text(std::string lines) { return lines + seal_of(lines); }
+std::string seal_text(std::string_view lines) { return std::string(lines) + seal_of(lines); }
 
 Seal unseal_text(std::string_view* text) {
   if (!text->ends_with('\n')) return Seal::kBroken;

@@ -11,7 +11,7 @@
 namespace tkv::store::etcd {
 
 // Adds the seal to a text of whole lines.
-std::string seal_text(std::string lines);
+std::string seal_text(std::string_view lines);
 
 enum class Seal {
   kSound,
