@@ -12,7 +12,6 @@
 #include "base/status.h"
 #include "handle_table.h"
 #include "registry/client.h"
-#include "registry/latest_reader.h"
 
 namespace tkv::java {
 
@@ -31,7 +30,7 @@ class OpenRegistry {
   // Null if the registry does not number its states. See Client::state_memory.
   const std::shared_ptr<const StateMemory>& state_memory() const { return state_memory_; }
 
-  registry::LatestReader& latest() { return latest_; }
+  registry::LatestReader& latest() { return *latest_; }
 
   // What ends the waiting of a watch, and of all of them: see watch.h.
   HandleTable<std::stop_source>& watches() { return watches_; }
@@ -45,7 +44,7 @@ class OpenRegistry {
   const std::shared_ptr<registry::Client> client_;
   const std::shared_ptr<const StateMemory> state_memory_;
   const bool read_only_;
-  registry::LatestReader latest_{*client_};
+  const std::unique_ptr<registry::LatestReader> latest_ = registry::make_latest_reader(*client_);
   HandleTable<registry::Snapshot> snapshots_;
   HandleTable<std::stop_source> watches_;
   std::stop_source closing_;

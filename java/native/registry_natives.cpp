@@ -23,7 +23,6 @@
 #include "registry/access.h"
 #include "registry/client.h"
 #include "registry/configuration.h"
-#include "registry/latest_reader.h"
 #include "registry/name.h"
 #include "registry/open_client.h"
 #include "registry/zuved.h"

@@ -294,6 +294,32 @@ class Client : public KeyReader {
   Client() = default;
 };
 
+// What reading the present has found: a value, or that there is no such key.
+struct LatestValue {
+  bool exists = false;
+  std::int32_t type = 0;
+  std::size_t size = 0;     // of its bytes, also if there was no room for them
+  std::uint64_t state = 0;  // that was read; zero if it is not known
+};
+
+// Reads the present, and tells the number of the state that was read. What is found out about a key that is read
+// repeatedly is kept: a change of the registry then costs such a read little, unless it is a change of that key.
+// Nothing of a value is kept.
+//
+// Any thread may call. Threads do not wait for each other: while one looks up what is known, another reads its key as
+// if nothing were known.
+class LatestReader {
+ public:
+  virtual ~LatestReader() = default;
+
+  // Reads a value. That the key does not exist is not a failure. If the bytes do not fit into `buffer`, none are
+  // copied, and the type is not set. Needs TKV_RIGHT_READ.
+  virtual Status read_value(std::string_view name, std::span<std::byte> buffer, LatestValue* found) = 0;
+};
+
+// The client must live longer. Throws std::bad_alloc.
+std::unique_ptr<LatestReader> make_latest_reader(Client& client);
+
 }  // namespace tkv::registry
 
 #endif

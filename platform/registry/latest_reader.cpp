@@ -1,14 +1,38 @@
-#include "registry/latest_reader.h"
+#include <atomic>
+#include <mutex>
+
+#include "registry/client.h"
+#include "registry/known_keys.h"
 
 namespace tkv::registry {
+namespace {
 
-KnownKey LatestReader::recall(std::string_view name, std::size_t hash) {
+// What is known of keys is kept as by a session.
+class KnowingReader final : public LatestReader {
+ public:
+  explicit KnowingReader(Client& client) : client_(client) {}
+
+  Status read_value(std::string_view name, std::span<std::byte> buffer, LatestValue* found) override;
+
+ private:
+  KnownKey recall(std::string_view name, std::size_t hash);
+  void note(std::string_view name, std::size_t hash, const KnownKey& known);
+  Status read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, LatestValue* found);
+  std::uint64_t state_of_absence(std::uint64_t shown_before);
+
+  Client& client_;
+  std::atomic<std::uint64_t> shown_{0};  // the number of a state that reading has shown
+  std::mutex mutex_;
+  KnownKeys keys_;  // guarded by mutex_
+};
+
+KnownKey KnowingReader::recall(std::string_view name, std::size_t hash) {
   const std::unique_lock lock(mutex_, std::try_to_lock);
   const KnownKey* const found = lock.owns_lock() ? keys_.find(name, hash) : nullptr;
   return found == nullptr ? KnownKey() : *found;
 }
 
-void LatestReader::note(std::string_view name, std::size_t hash, const KnownKey& known) {
+void KnowingReader::note(std::string_view name, std::size_t hash, const KnownKey& known) {
   const std::unique_lock lock(mutex_, std::try_to_lock);
   if (!lock.owns_lock()) return;
   if (KnownKey* const before = keys_.find(name, hash)) {
@@ -18,8 +42,8 @@ void LatestReader::note(std::string_view name, std::size_t hash, const KnownKey&
   }
 }
 
-Status LatestReader::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer,
-                                LatestValue* found) {
+Status KnowingReader::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer,
+                                 LatestValue* found) {
   Status status = client_.read_known(name, known, buffer, &found->type, &found->size);
   if (!status.is(PRTKV_NO_SUCH_KEY) || known->id == kAnyKey) return status;
   *known = {};  // another key may have the name by now
@@ -28,7 +52,7 @@ Status LatestReader::read_known(std::string_view name, KnownKey* known, std::spa
 
 // Of a state that reading showed before, and that is still the latest one. Otherwise, finds out for the next time what
 // reading shows.
-std::uint64_t LatestReader::state_of_absence(std::uint64_t shown_before) {
+std::uint64_t KnowingReader::state_of_absence(std::uint64_t shown_before) {
   if (shown_before != 0 && client_.latest_state() == shown_before) return shown_before;
   KnownKey root;
   root.state = shown_before;
@@ -36,7 +60,7 @@ std::uint64_t LatestReader::state_of_absence(std::uint64_t shown_before) {
   return 0;
 }
 
-Status LatestReader::read_value(std::string_view name, std::span<std::byte> buffer, LatestValue* found) {
+Status KnowingReader::read_value(std::string_view name, std::span<std::byte> buffer, LatestValue* found) {
   const std::uint64_t shown = shown_.load(std::memory_order_acquire);
   const std::size_t hash = KnownKeys::hash(name);
   KnownKey known = recall(name, hash);
@@ -54,5 +78,9 @@ Status LatestReader::read_value(std::string_view name, std::span<std::byte> buff
   if (known.state > shown) shown_.store(known.state, std::memory_order_release);
   return {};
 }
+
+}  // namespace
+
+std::unique_ptr<LatestReader> make_latest_reader(Client& client) { return std::make_unique<KnowingReader>(client); }
 
 }  // namespace tkv::registry

@@ -42,7 +42,7 @@ FACES = {
     ("platform/store", "platform/store/lmdb"): {"kind.h"},
     ("platform/store", "platform/store/etcd"): {"kind.h"},
     ("tools/tkv", "platform/registry"): CLIENT,
-    ("java/native", "platform/registry"): CLIENT | {"latest_reader.h", "zuved.h"},
+    ("java/native", "platform/registry"): CLIENT | {"zuved.h"},
     ("java/native/loading", "java/native"): {"registry_natives.h"},
     ("java/native/loading", "platform/prsrvut"): {"loading.h", "native_call.h"},
 }
