@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <functional>
@@ -354,6 +355,11 @@ void run() {
 }  // namespace tkv::bench
 
 int main() {
+  if (std::getenv("TKV_CONF") == nullptr) {
+    std::fprintf(stderr,
+                 "tkv_bench_paths: set TKV_CONF: it fills the registry that is configured; bench/check does so\n");
+    return 2;
+  }
   try {
     tkv::bench::run();
     return 0;
