@@ -717,6 +717,24 @@ TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
   }
 }
 
+// A program that reads all of its keys by turns knows them all before long.
+TEST(KnownKeys, TakesInMostOfManyKeysThatAreReadByTurns) {
+  constexpr std::size_t kMany = 100'000;
+  KnownKeys keys;
+  const KnownKey known{.id = 5, .state = 1};
+  std::size_t found = 0;
+  for (int pass = 0; pass < 3; ++pass) {
+    found = 0;
+    for (std::size_t number = 0; number < kMany; ++number) {
+      const std::string name = "group.key" + std::to_string(number);
+      const std::size_t hash = KnownKeys::hash(name);
+      found += keys.find(name, hash) != nullptr ? 1 : 0;
+      keys.note(name, hash, known);
+    }
+  }
+  EXPECT_GT(found, kMany * 3 / 4);
+}
+
 TEST(LostNames, AreForgottenTogetherExceptForThosePrepared) {
   LostNames lost;
   lost.prepare("a");
