@@ -47,7 +47,7 @@ struct KnownKey {
   Route route = kAnyRoute;
   Rights rights = 0;                     // of the client's identity
   std::uint64_t state = 0;               // see Client::latest_state; 0: only id and route are known
-  std::array<std::uint64_t, 3> place{};  // of the value
+  std::array<std::uint64_t, 4> place{};  // of the value
 };
 
 // A value as the registry stores it. Type 0 without bytes: none was ever written. The type is not interpreted.

@@ -167,7 +167,7 @@ void Reader::learn(const Place& found, store::ValuePlace place, KnownKey* known)
   known->route = found.route;
   known->rights = rights_of(identity_, found.node.security);
   known->state = view_.state();
-  known->place = std::bit_cast<decltype(known->place)>(place);
+  set_place(place, known);
 }
 
 Status Reader::look_up(const KeyRef& key, KnownKey* known) {
@@ -196,8 +196,10 @@ Status Reader::known_value(std::string_view name, KnownKey* known, std::size_t c
   Status status = view_.value_up_to(found.node.id, capacity, value, size, &place);
   if (!status.ok()) return at_key(status, name);
   if (is_known) {
-    place.node_page = place_of(*known).node_page;
-    known->place = std::bit_cast<decltype(known->place)>(place);
+    const store::ValuePlace same = place_of(*known);
+    place.node_page = same.node_page;
+    place.fingerprint = same.fingerprint;
+    set_place(place, known);
   } else {
     learn(found, place, known);
   }

@@ -40,6 +40,9 @@ static_assert(std::is_same_v<KeyId, store::NodeId>);
 // The place of a value in a KnownKey.
 static_assert(sizeof(KnownKey::place) == sizeof(store::ValuePlace));
 inline store::ValuePlace place_of(const KnownKey& known) { return std::bit_cast<store::ValuePlace>(known.place); }
+inline void set_place(const store::ValuePlace& place, KnownKey* known) {
+  known->place = std::bit_cast<decltype(known->place)>(place);
+}
 
 // What a name leads to.
 enum class Presence {

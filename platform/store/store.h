@@ -74,12 +74,13 @@ struct ValuePlace {
   std::uint64_t offset = 0;       // 0: not known
   std::uint32_t record_size = 0;  // 0: no value was ever written
   std::uint32_t value_size = 0;
-  std::uint32_t value_page = 0;  // that the value, or its absence, was found on; 0: not known
-  std::uint32_t node_page = 0;   // that its node was found on
+  std::uint32_t value_page = 0;   // that the value, or its absence, was found on; 0: not known
+  std::uint32_t node_page = 0;    // that its node was found on
+  std::uint64_t fingerprint = 0;  // of these two pages; 0: not known
 
   bool is_known() const { return offset != 0; }
 };
-constexpr ValuePlace kNoValue{1, 0, 0, 0, 0};  // the place of a value that was never written
+constexpr ValuePlace kNoValue{1, 0, 0, 0, 0, 0};  // the place of a value that was never written
 
 // One state of the tree, for reading.
 class View {
@@ -252,8 +253,8 @@ class Store {
   // For a node that a view of `state` found, with the place of its value: returns the number of a state that a view may
   // show which begins now, if it is known that the node has the same name, the same security record, and its value the
   // same place in that state. Nor has any of the nodes above it been moved. Returns zero if that is not known, or not
-  // the case.
-  virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, const ValuePlace& /*place*/) { return 0; }
+  // the case. May add to `*place` what tells more of later states.
+  virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, ValuePlace* /*place*/) { return 0; }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
   // failure that it returns is returned, and nothing is changed.

@@ -235,26 +235,24 @@ bool Environment::copy_in_transaction(std::uint64_t state, std::uint64_t offset,
   return copied;
 }
 
-std::uint64_t Environment::unchanged_until(std::uint64_t state, const ValuePlace& place) {
+std::uint64_t Environment::unchanged_until(std::uint64_t state, ValuePlace* place) {
   const std::uint64_t latest = latest_state();
   ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
   if (slot == nullptr) return 0;
-  const ReplacedPages& replaced = slot->replaced;
-  const bool is_current = replaced.state() == latest || follow_latest(*slot);
-  const bool holds = replaced.state() == state ||
-                     (replaced.has_kept_nodes_since(state) && replaced.has_kept_page_since(state, place.node_page) &&
-                      replaced.has_kept_page_since(state, place.value_page));
-  const std::uint64_t until = is_current && holds ? replaced.state() : 0;
+  const bool holds = (slot->pages.state() == latest && slot->pages.has_kept(state, *place)) ||
+                     recognizes_in_latest(*slot, state, place);
+  const std::uint64_t until = holds ? slot->pages.state() : 0;
   readers_.release(*slot);
   return until;
 }
 
-// Brings what the slot knows of replaced pages to the state that a transaction shows now.
-bool Environment::follow_latest(ReaderSlot& slot) {
+// Brings what the slot knows of pages to the state that a transaction shows now, and looks there for those of a place.
+bool Environment::recognizes_in_latest(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
   if (!begin_glance(slot)) return false;
-  if (slot.replaced.state() != slot.state.transaction) slot.replaced.follow(slot.state, structure_of(slot));
+  if (slot.pages.state() != slot.state.transaction) slot.pages.follow(slot.state, structure_of(slot));
+  const bool holds = slot.pages.recognizes(slot.state, former, place);
   end_read(slot);
-  return true;
+  return holds;
 }
 
 // Begins a short transaction for a reader that has another way if that does not work at once.
@@ -330,7 +328,7 @@ void Environment::close_files() {
     slot.txn = nullptr;
     slot.structure_state = 0;
     slot.state = FileState{};
-    slot.replaced.forget();
+    slot.pages = UnchangedPages();
   });
   if (env_ != nullptr) mdb_env_close(env_);
   env_ = nullptr;

@@ -80,7 +80,7 @@ class Environment {
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
 
   // See Store::unchanged_until.
-  std::uint64_t unchanged_until(std::uint64_t state, const ValuePlace& place);
+  std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place);
 
   // A descriptor of the data file to watch it by. It belongs to the environment.
   int data_file() const { return files_->data_file(); }
@@ -113,7 +113,7 @@ class Environment {
 
   bool copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
   bool begin_glance(ReaderSlot& slot);
-  bool follow_latest(ReaderSlot& slot);
+  bool recognizes_in_latest(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
 
   int renew(ReaderSlot& slot);
   void end_read(ReaderSlot& slot);

@@ -221,7 +221,7 @@ class LmdbStore final : public Store {
   std::shared_ptr<const StateMemory> state_memory() override { return environment_.state_memory(); }
   bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                   std::int32_t* type, std::size_t* size) override;
-  std::uint64_t unchanged_until(std::uint64_t state, const ValuePlace& place) override {
+  std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place) override {
     return environment_.unchanged_until(state, place);
   }
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;

@@ -22,7 +22,7 @@
 
 #include "base/function_ref.h"
 #include "store/lmdb/file_state.h"
-#include "store/lmdb/replaced_pages.h"
+#include "store/lmdb/unchanged_pages.h"
 
 namespace tkv::store {
 
@@ -36,7 +36,7 @@ struct alignas(64) ReaderSlot {
   std::uint64_t structure_state = 0;  // the LMDB transaction whose state `structure` was read from, 0: none
   std::uint64_t structure = 0;
   FileState state;  // what `txn` sees, loaded when it is renewed
-  ReplacedPages replaced;
+  UnchangedPages pages;
 };
 
 class ReaderPool {

@@ -147,37 +147,39 @@ std::uint64_t TreeCursor::overflow_pages() const {
   return store::overflow_pages(node.data_size(), state_.map.page_size);
 }
 
-// Whether the keys of the page at `level` are in the range that its parents' keys give it.
-PageDamage TreeCursor::check_range(int level) const {
-  const Page& page = levels_[static_cast<std::size_t>(level)].page;
-  const auto key_of = [](const Page& of, unsigned index, std::span<const std::byte>* key) {
-    PageNode node;
-    if (!of.read(index, &node)) return false;
-    *key = node.key;
-    return true;
-  };
-  std::span<const std::byte> smallest;
-  std::span<const std::byte> largest;
-  if (!key_of(page, page.is_leaf() ? 0 : 1, &smallest) || !key_of(page, page.count() - 1, &largest)) {
-    return {page.number(), kOutside};
-  }
-  bool has_lower = false;
-  bool has_upper = false;
-  std::span<const std::byte> bound;
-  while (--level >= 0 && !(has_lower && has_upper)) {
+// The range of keys that the parents of the page at `level` give it.
+PageDamage TreeCursor::range_of(int level, std::span<const std::byte>* begin, std::span<const std::byte>* end) const {
+  bool has_begin = false;
+  bool has_end = false;
+  *begin = *end = {};
+  while (--level >= 0 && !(has_begin && has_end)) {
     const Level& parent = levels_[static_cast<std::size_t>(level)];
-    if (!has_lower && parent.index > 0) {
-      has_lower = true;
-      if (!key_of(parent.page, parent.index, &bound)) return {parent.page.number(), kOutside};
-      if (compare_keys(smallest, bound) < 0) return {page.number(), kWrongRange};
+    if (!has_begin && parent.index > 0) {
+      has_begin = true;
+      if (!parent.page.read_key(parent.index, begin)) return {parent.page.number(), kOutside};
     }
-    if (!has_upper && parent.index + 1 < parent.page.count()) {
-      has_upper = true;
-      if (!key_of(parent.page, parent.index + 1, &bound)) return {parent.page.number(), kOutside};
-      if (compare_keys(largest, bound) >= 0) return {page.number(), kWrongRange};
+    if (!has_end && parent.index + 1 < parent.page.count()) {
+      has_end = true;
+      if (!parent.page.read_key(parent.index + 1, end)) return {parent.page.number(), kOutside};
     }
   }
   return {};
+}
+
+// Whether the keys of the page at `level` are in the range that its parents' keys give it.
+PageDamage TreeCursor::check_range(int level) const {
+  const Page& page = levels_[static_cast<std::size_t>(level)].page;
+  std::span<const std::byte> smallest;
+  std::span<const std::byte> largest;
+  if (!page.read_key(page.is_leaf() ? 0 : 1, &smallest) || !page.read_key(page.count() - 1, &largest)) {
+    return {page.number(), kOutside};
+  }
+  std::span<const std::byte> begin;
+  std::span<const std::byte> end;
+  if (PageDamage damage = range_of(level, &begin, &end)) return damage;
+  const bool is_below = begin.data() != nullptr && compare_keys(smallest, begin) < 0;
+  const bool is_above = end.data() != nullptr && compare_keys(largest, end) >= 0;
+  return is_below || is_above ? PageDamage{page.number(), kWrongRange} : PageDamage{};
 }
 
 PageDamage TreeCursor::check_page(int level) const {

@@ -70,8 +70,12 @@ class TreeCursor {
   PageDamage read(std::span<const std::byte>* key, std::span<const std::byte>* record) const;
   PageDamage record(std::span<const std::byte>* record) const;
 
-  // The leaf page of the entry or gap.
+  // The leaf page of the entry or gap, and the range of its keys: from `*begin` to before `*end`. The range of the
+  // first page has no beginning, that of the last one no end.
   std::uint64_t page_number() const { return leaf().page.number(); }
+  PageDamage range(std::span<const std::byte>* begin, std::span<const std::byte>* end) const {
+    return range_of(leaf_level(), begin, end);
+  }
 
   // How many pages the record has outside the tree.
   std::uint64_t overflow_pages() const;
@@ -106,6 +110,7 @@ class TreeCursor {
   bool is_checked(const Page& page) const { return checked_ != nullptr && checked_->has(page.number()); }
   PageDamage check_page(int level) const;
   PageDamage check_leaf() const;
+  PageDamage range_of(int level, std::span<const std::byte>* begin, std::span<const std::byte>* end) const;
   PageDamage check_range(int level) const;
   PageDamage check_leftmost(std::uint64_t number, int level, CheckedPages* checked) const;
 

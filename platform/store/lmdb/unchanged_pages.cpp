@@ -1,31 +1,33 @@
-#include "store/lmdb/replaced_pages.h"
+#include "store/lmdb/unchanged_pages.h"
 
+#include <bit>
 #include <new>
 
 #include "store/lmdb/page.h"
+#include "store/lmdb/page_fingerprint.h"
 
 namespace tkv::store {
 
-std::size_t ReplacedPages::Replacements::find(std::uint64_t page) const {
+template <typename Known>
+std::size_t UnchangedPages::ByPage<Known>::find(std::uint64_t page) const {
   const std::size_t mask = places_.size() - 1;
   std::size_t at = (page * 0x9e3779b97f4a7c15 >> 32) & mask;
   while (places_[at].page != 0 && places_[at].page != page) at = (at + 1) & mask;
   return at;
 }
 
-std::uint64_t ReplacedPages::Replacements::of(std::uint64_t page) const {
-  return places_.empty() ? 0 : places_[find(page)].state;
-}
-
-bool ReplacedPages::Replacements::note(std::uint64_t page, std::uint64_t state) {
+template <typename Known>
+bool UnchangedPages::ByPage<Known>::set(std::uint64_t page, const Known& known, std::size_t most) {
   if (2 * (count_ + 1) > places_.size()) grow();
   Place& place = places_[find(page)];
-  if (place.page == 0 && ++count_ > kMost) return false;
-  place = {page, state};
+  if (place.page == 0 && count_ >= most) return false;
+  if (place.page == 0) ++count_;
+  place = {page, known};
   return true;
 }
 
-void ReplacedPages::Replacements::grow() {
+template <typename Known>
+void UnchangedPages::ByPage<Known>::grow() {
   constexpr std::size_t kFirstSize = 256;
   std::vector<Place> former(places_.empty() ? kFirstSize : 2 * places_.size());
   former.swap(places_);
@@ -33,22 +35,64 @@ void ReplacedPages::Replacements::grow() {
     if (place.page != 0) places_[find(place.page)] = place;
 }
 
-void ReplacedPages::Replacements::clear() {
+template <typename Known>
+void UnchangedPages::ByPage<Known>::clear() {
   places_.assign(places_.size(), {});
   count_ = 0;
 }
 
-void ReplacedPages::forget() noexcept {
-  state_ = 0;
-  structure_ = 0;
-  replaced_.clear();
-}
-
-bool ReplacedPages::has_kept_page_since(std::uint64_t former, std::uint64_t page) const {
+bool UnchangedPages::has_kept_page_since(std::uint64_t former, std::uint64_t page) const {
   return state_ != 0 && page != 0 && former >= followed_since_ && former >= replaced_.of(page);
 }
 
-void ReplacedPages::follow(const FileState& state, std::uint64_t structure) noexcept {
+bool UnchangedPages::has_kept_pages_since(std::uint64_t former, const ValuePlace& place) const {
+  return has_kept_page_since(former, place.node_page) && has_kept_page_since(former, place.value_page);
+}
+
+// A page that was looked at, and has not been replaced since, is in the tree and as it was.
+std::uint64_t UnchangedPages::known_fingerprint(std::uint64_t page) const {
+  const Look look = looks_.of(page);
+  return look.state != 0 && has_kept_page_since(look.state, page) ? look.fingerprint : 0;
+}
+
+std::uint64_t UnchangedPages::fingerprint(const FileState& state, std::uint64_t page) noexcept {
+  if (const std::uint64_t known = known_fingerprint(page); known != 0) return known;
+  const std::uint64_t fingerprint = fingerprint_of_leaf(state, page);
+  try {
+    if (fingerprint != 0) looks_.set(page, {fingerprint, state.transaction}, kMostLookedAt);
+  } catch (const std::bad_alloc&) {
+    return fingerprint;
+  }
+  return fingerprint;
+}
+
+namespace {
+
+// The fingerprint of both pages of a place, or 0 if that of one of them is not known.
+std::uint64_t combined(std::uint64_t node_page, std::uint64_t value_page) {
+  return node_page == 0 || value_page == 0 ? 0 : std::rotl(node_page, 1) ^ value_page;
+}
+
+}  // namespace
+
+bool UnchangedPages::has_kept(std::uint64_t former, const ValuePlace& place) const {
+  if (state_ == former) return true;
+  if (!has_kept_nodes_since(former) || place.fingerprint == 0) return false;
+  return has_kept_pages_since(former, place) ||
+         combined(known_fingerprint(place.node_page), known_fingerprint(place.value_page)) == place.fingerprint;
+}
+
+bool UnchangedPages::recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept {
+  if (has_kept(former, *place)) return true;
+  const bool is_kept = has_kept_pages_since(former, *place);
+  const bool is_replaced = !is_kept && (former >= followed_since_ || place->fingerprint == 0);
+  if (is_replaced || !has_kept_nodes_since(former)) return false;
+  const std::uint64_t present = combined(fingerprint(state, place->node_page), fingerprint(state, place->value_page));
+  if (is_kept) place->fingerprint = present;
+  return is_kept || (present != 0 && present == place->fingerprint);
+}
+
+void UnchangedPages::follow(const FileState& state, std::uint64_t structure) noexcept {
   const bool has_kept_nodes = state_ != 0 && structure != 0 && structure == structure_;
   bool is_followed = false;
   try {
@@ -71,22 +115,22 @@ void ReplacedPages::follow(const FileState& state, std::uint64_t structure) noex
 }
 
 // Notes the pages of the former state that this one no longer has. Returns false if that is not possible.
-bool ReplacedPages::compare(const FileState& state) {
+bool UnchangedPages::compare(const FileState& state) {
   if (root_ == kNoPage || state.records.page == kNoPage || depth_ != state.records.depth) return false;
   former_.push_back({root_, {}, {}});
   present_.push_back({state.records.page, {}, {}});
   for (unsigned level = 1;; ++level) {
     drop_what_both_have();
     for (const PageInTree& page : former_)
-      if (!replaced_.note(page.number, state.transaction)) return false;
+      if (!replaced_.set(page.number, state.transaction, kMostReplaced)) return false;
     if (level == depth_) return true;
     if (!open_children(state, &former_, &children_) || !open_children(state, &present_, &children_)) return false;
   }
 }
 
 // Replaces branch pages by their children. `children` is empty before and after.
-bool ReplacedPages::open_children(const FileState& state, std::vector<PageInTree>* pages,
-                                  std::vector<PageInTree>* children) {
+bool UnchangedPages::open_children(const FileState& state, std::vector<PageInTree>* pages,
+                                   std::vector<PageInTree>* children) {
   constexpr std::size_t kMostChildren = std::size_t{1} << 16;
   for (const PageInTree& parent : *pages) {
     Page page;
@@ -110,12 +154,12 @@ bool ReplacedPages::open_children(const FileState& state, std::vector<PageInTree
   return true;
 }
 
-int ReplacedPages::compare_begins(const PageInTree& left, const PageInTree& right) {
+int UnchangedPages::compare_begins(const PageInTree& left, const PageInTree& right) {
   if (left.begin.data() != nullptr && right.begin.data() != nullptr) return compare_keys(left.begin, right.begin);
   return static_cast<int>(left.begin.data() != nullptr) - static_cast<int>(right.begin.data() != nullptr);
 }
 
-bool ReplacedPages::is_same(const PageInTree& left, const PageInTree& right) {
+bool UnchangedPages::is_same(const PageInTree& left, const PageInTree& right) {
   const bool same_end = left.end.data() == nullptr || right.end.data() == nullptr
                             ? left.end.data() == right.end.data()
                             : compare_keys(left.end, right.end) == 0;
@@ -123,7 +167,7 @@ bool ReplacedPages::is_same(const PageInTree& left, const PageInTree& right) {
 }
 
 // Both levels are in the order of their keys.
-void ReplacedPages::drop_what_both_have() {
+void UnchangedPages::drop_what_both_have() {
   std::size_t former = 0;
   std::size_t present = 0;
   std::size_t former_kept = 0;
