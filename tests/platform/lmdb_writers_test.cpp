@@ -555,10 +555,13 @@ TEST_F(WriterPages, EachBellWakesItsOwnSleepers) {
 }
 
 TEST_F(WriterPages, AsManyTurnsAreTakenAsWereOffered) {
+  EXPECT_FALSE(one_.has_turns());
   EXPECT_FALSE(one_.take_turn());
   one_.offer_turns(2);
   EXPECT_TRUE(other_.take_turn());
+  EXPECT_TRUE(other_.has_turns());
   EXPECT_TRUE(one_.take_turn());
+  EXPECT_FALSE(other_.has_turns());
   EXPECT_FALSE(other_.take_turn());
   one_.offer_turns(2);
   one_.offer_turns(0);
@@ -569,6 +572,7 @@ TEST_F(WriterPages, AnEmptyFileHasNoTurnsAndNamesNobody) {
   one_.offer_turns(2);
   ASSERT_EQ(ftruncate(file_.number(), 0), 0);
   one_.refresh(file_.number());
+  EXPECT_FALSE(one_.has_turns());
   EXPECT_FALSE(one_.take_turn());
   EXPECT_FALSE(one_.names(std::string(WriterPage::kHolderSize, '\0')));
   one_.ring(0);

@@ -25,10 +25,14 @@ constexpr off_t kWriter = 1;
 // Between two attempts, if nobody rings.
 constexpr std::chrono::microseconds kFirstPause{50};
 constexpr std::chrono::microseconds kLongestPause{5000};
+constexpr std::chrono::microseconds kLongestPauseWithTurns{500};
 
 // What the process that is next lets others write ahead of it: as many writes, for as long.
 constexpr std::uint32_t kTurnsOfOthers = 32;
 constexpr std::chrono::milliseconds kPatience{5};
+
+// A process that is woken up seldom runs before that.
+constexpr std::chrono::microseconds kTimeToWakeUp{50};
 
 constexpr const char* kAnotherProcess = "another process";
 
@@ -87,7 +91,8 @@ class WriterLock::Place {
   explicit Place(WriterLock& lock) : lock_(lock) {}
   ~Place() {
     lock_.page_.offer_turns(0);
-    lock_.free_byte(kNextWriter);
+    (void)lock_byte(lock_.file_.number(), kNextWriter, F_UNLCK);
+    lock_.page_.ring(kNextWriter);
   }
   Place(const Place&) = delete;
   Place& operator=(const Place&) = delete;
@@ -98,6 +103,7 @@ class WriterLock::Place {
 
 Status WriterLock::acquire(WriterDeadline* deadline) {
   if (Status status = open_file(); !status.ok()) return status;
+  writes_without_pause_ = WriterDeadline::Clock::now() - released_ < kTimeToWakeUp;
   page_.refresh(file_.number());
   if (!page_.take_turn() || lock_byte(file_.number(), kWriter, F_WRLCK) != 0) {
     if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
@@ -108,9 +114,13 @@ Status WriterLock::acquire(WriterDeadline* deadline) {
   return {};
 }
 
+// A process that writes without a pause has the lock again before another one has woken up. As long as it may write
+// ahead, it does not ring: the process that is next looks at the lock in short intervals meanwhile.
 void WriterLock::release() {
   page_.refresh(file_.number());
-  free_byte(kWriter);
+  (void)lock_byte(file_.number(), kWriter, F_UNLCK);
+  if (!writes_without_pause_ || !page_.has_turns()) page_.ring(kWriter);
+  released_ = WriterDeadline::Clock::now();
 }
 
 void WriterLock::note_commit(std::uint64_t transaction) {
@@ -129,10 +139,14 @@ Status WriterLock::open_file() {
 Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
   if (lock_byte(file_.number(), byte, F_WRLCK) == 0) return {};
   const auto begin = WriterDeadline::Clock::now();
-  if (byte == kWriter) page_.offer_turns(kTurnsOfOthers);
-  for (auto pause = kFirstPause;; pause = std::min(pause * 2, kLongestPause)) {
+  bool offers_turns = byte == kWriter;
+  if (offers_turns) page_.offer_turns(kTurnsOfOthers);
+  for (auto pause = kFirstPause;; pause = std::min(pause * 2, offers_turns ? kLongestPauseWithTurns : kLongestPause)) {
     page_.refresh(file_.number());
-    if (byte == kWriter && WriterDeadline::Clock::now() - begin >= kPatience) page_.offer_turns(0);
+    if (offers_turns && WriterDeadline::Clock::now() - begin >= kPatience) {
+      page_.offer_turns(0);
+      offers_turns = false;
+    }
     const std::uint32_t announced = page_.announce(byte);
     const int error = lock_byte(file_.number(), byte, F_WRLCK);
     if (error == 0) return {};
@@ -143,11 +157,6 @@ Status WriterLock::take_byte(off_t byte, WriterDeadline* deadline) {
     deadline->tell([&] { return holder(); });
     page_.sleep(byte, announced, pause);
   }
-}
-
-void WriterLock::free_byte(off_t byte) {
-  (void)lock_byte(file_.number(), byte, F_UNLCK);
-  page_.ring(byte);
 }
 
 // Without the name, others wait for "another process".

@@ -49,7 +49,6 @@ class WriterLock {
 
   Status open_file();
   Status take_byte(off_t byte, WriterDeadline* deadline);
-  void free_byte(off_t byte);
   void name_holder() const;
   std::string holder() const;
 
@@ -58,6 +57,8 @@ class WriterLock {
   WriterPage page_;
   std::string name_;         // of this process, as the file holds it
   std::int64_t noted_ = -1;  // the interval in which this process has noted a commit
+  WriterDeadline::Clock::time_point released_;
+  bool writes_without_pause_ = false;  // this write followed the one before at once
 };
 
 }  // namespace tkv::store

@@ -23,6 +23,8 @@ void futex(std::uint32_t* word, int operation, std::uint32_t value, const timesp
   (void)syscall(SYS_futex, word, operation, value, timeout, nullptr, 0);
 }
 
+bool is_number_of_turns(std::uint32_t word) { return word > 0 && word <= kMostTurns; }
+
 // A child that inherited the map would keep the parent's lock alive.
 std::byte* map_file(int file) {
   void* const map = mmap(nullptr, kMapSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
@@ -80,10 +82,14 @@ void WriterPage::offer_turns(std::uint32_t turns) const {
   __atomic_store_n(word(kTurns), turns, __ATOMIC_SEQ_CST);
 }
 
+bool WriterPage::has_turns() const {
+  return is_usable_ && is_number_of_turns(__atomic_load_n(word(kTurns), __ATOMIC_SEQ_CST));
+}
+
 bool WriterPage::take_turn() const {
   if (!is_usable_) return false;
   std::uint32_t left = __atomic_load_n(word(kTurns), __ATOMIC_SEQ_CST);
-  return left > 0 && left <= kMostTurns &&
+  return is_number_of_turns(left) &&
          __atomic_compare_exchange_n(word(kTurns), &left, left - 1, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 

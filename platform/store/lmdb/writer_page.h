@@ -8,7 +8,8 @@
 // A process that finds a byte of the lock taken sleeps on the bell of that byte (a futex), because the kernel has no
 // wait with a deadline for the lock itself. The process that frees the byte rings. The lowest bit of a bell is set
 // while a process may be asleep; the other bits count how often it has rung. A sleeper also wakes up by itself after a
-// while: a process that dies does not ring, nor does one that cannot map the page or has a release without bells.
+// while: a process that dies does not ring, nor does one that is about to write again, cannot map the page or has a
+// release without bells.
 //
 // Turns: how many writes may still be made ahead of the process that is next. See WriterLock.
 //
@@ -57,6 +58,7 @@ class WriterPage {
   // Up to 1000. take_turn() returns false if none is left.
   void offer_turns(std::uint32_t turns) const;
   bool take_turn() const;
+  bool has_turns() const;
 
   // For a child after a fork, which lacks the map. Async-signal-safe.
   void forget_in_child() {
