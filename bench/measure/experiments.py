@@ -9,7 +9,7 @@ JAVA_SCENARIOS = ["read-same", "read-group", "read-all", "list", "write", "open-
 NATIVE_SCENARIOS = JAVA_SCENARIOS + ["trace-off"]
 # Iterations of a scenario under the instruction counter. A second process runs twice as many; the difference counts.
 COUNTED = {"read-same": 2000, "read-group": 2000, "read-all": 2000, "open-key": 2000, "list": 20, "trace-off": 20000}
-# Readers at once in one process, and what measures them: the time of one read, or from one read to the next of any.
+# Rows for one or more threads that read in one process, and the scenario that measures each.
 ALONE, SIXTEEN = "one reader", "16 readers at once, all together"
 READERS = {ALONE: "read-all", "two readers at once, each": "read-two"}
 SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use one store at once

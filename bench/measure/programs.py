@@ -143,8 +143,8 @@ class Programs:
         return answer, int(collected[-1].split(":")[1])
 
     def run_together(self, commands):
-        """Runs programs that say when they are ready, and then reads the time at which all of them are, in nanoseconds
-        of the machine's monotonic clock. Returns what each printed after that."""
+        """Runs programs at the same time. When all of them have said that they are ready, each is told the time, in
+        nanoseconds of the machine's monotonic clock. Returns what each printed after that."""
         running = [(command, self.start(command)) for command in commands]
         try:
             for command, process in running:

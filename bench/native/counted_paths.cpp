@@ -357,7 +357,7 @@ void run() {
 int main() {
   if (std::getenv("TKV_CONF") == nullptr) {
     std::fprintf(stderr,
-                 "tkv_bench_paths: set TKV_CONF: it fills the registry that is configured; bench/check does so\n");
+                 "tkv_bench_paths: TKV_CONF has to name a configuration, as in bench/check: its registry is filled\n");
     return 2;
   }
   try {

@@ -24,7 +24,7 @@ final class BackgroundReader {
             for (long done = 0; !stops; count = done) {
                 for (int i = 0; i < STEP; i++) {
                     last = read.run();
-                    VarHandle.fullFence();  // as writing to the sink has, which threads cannot share without waiting
+                    VarHandle.fullFence();  // that of a write to the sink, for which several threads would contend
                 }
                 done += STEP;
             }

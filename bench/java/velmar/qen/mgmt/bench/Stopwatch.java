@@ -32,7 +32,10 @@ final class Stopwatch {
         return means;
     }
 
-    /** Returns the means of the windows, in nanoseconds from one operation of any thread to the next; they count them. */
+    /**
+     * Returns the means of the windows, in nanoseconds from one operation of any thread to the next. {@code count}
+     * returns how many operations other threads have made so far.
+     */
     double[] nanosBetween(LongSupplier count) throws InterruptedException {
         meanBetween(count, warmUpNanos);
         double[] means = new double[windows];
