@@ -76,7 +76,7 @@ class EtcdRestoredSnapshot : public testing::Test {
   FakeKv kv_;
 };
 
-TEST_F(EtcdRestoredSnapshot, IsToldFromADamagedMark) {
+TEST_F(EtcdRestoredSnapshot, IsDistinguishedFromADamagedMark) {
   const auto open = session();
   const Keys keys("/tkv/");
   const std::string mark = kv_.get(keys.mark());
@@ -197,7 +197,7 @@ class EtcdRestoredWhileSweeping : public EtcdRestoredSnapshot {
     };
   }
 
-  // The same, right before the second one.
+  // Restores it right before the second removal while space is lacking.
   void restore_after_removal(const FakeKv::State& snapshot) {
     kv_.before_txn = [this, snapshot, removals = 0](const TxnRequest& request) mutable {
       const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
@@ -250,12 +250,14 @@ TEST_F(EtcdRestoredWhileSweeping, WhatWasDeletedWithoutSpaceIsRemovedThoughTheLo
   const auto deleting = session();
   const NodeId top = create_family(*session(), "top");
   kv_.is_full = true;
-  kv_.before_txn = [this, removals = 0](const TxnRequest& request) mutable {
+  int removals = 0;
+  kv_.before_txn = [&](const TxnRequest& request) {
     const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
     if (removes && ++removals == 2) kv_.put(keys_.log(), ChangeLog::encode({}));
     return Reply();
   };
   ASSERT_TRUE(done(remove_family(*deleting, "top")));
+  EXPECT_GE(removals, 2) << "the log was put back";
   EXPECT_EQ(kv_.get(keys_.node({top, "child"})), "");
 }
 

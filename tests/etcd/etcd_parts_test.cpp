@@ -285,8 +285,8 @@ TEST(EtcdClaims, TextComesBackAndNonsenseCountsAsADecision) {
   }
 }
 
-// Of a text that says something else when it is damaged, keys would be removed, or changes made in part.
-TEST(EtcdTextSeal, NoDamageToABuildOrADecisionIsReadAsAnotherOne) {
+// If a damaged text were read as a different one, wrong keys would be removed, or changes made in part.
+TEST(EtcdTextSeal, NoFlippedBitTurnsABuildOrADecisionIntoAnother) {
   BuildText build;
   build.batch = 12;
   build.session = random_token();

@@ -586,14 +586,15 @@ TEST_F(EtcdRepairInMemory, IsUndecidedIfItsAnswerWasLost) {
 
 class EtcdRepairOfChanges : public EtcdSession {
  protected:
-  // A decision that cannot be read, of batches that put one key each. These are unknown to a registry.
+  // A decision that cannot be read. Its batches put keys that a registry does not have: one to look at, and another one
+  // so large that each pair takes a batch of its own.
   void leave_damaged_decision() {
     RedoLog log;
     for (const int id : {2, 3}) {
       RequestOp operation;
       put(&operation, note(id), "decided");
       log.add(std::move(operation));
-      put(&operation, "/tkv/pad" + std::to_string(id), std::string(kMaxTxnBytes, 'x'));  // one batch for each
+      put(&operation, "/tkv/pad" + std::to_string(id), std::string(kMaxTxnBytes, 'x'));
       log.add(std::move(operation));
     }
     const std::vector<std::string> batches = log.take_batches();
@@ -652,7 +653,7 @@ TEST_F(EtcdRepairOfChanges, RemovesNoClaimThatIsDecidedMeanwhile) {
   EXPECT_EQ(kv_.get(note(3)), "decided");
 }
 
-TEST_F(EtcdRepairOfChanges, SaysWhatIsLostAlsoIfItFailsLaterOn) {
+TEST_F(EtcdRepairOfChanges, SaysWhatIsLostEvenIfItFailsLater) {
   leave_damaged_decision();
   kv_.put(keys_.plan(token_, 0), "damaged");
   kv_.before_txn = [&](const TxnRequest& request) {

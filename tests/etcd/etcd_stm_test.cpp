@@ -830,7 +830,7 @@ class EtcdTicket : public EtcdParts {
   std::int64_t decided_at_ = 0;
 };
 
-TEST_F(EtcdTicket, WhoeverCarriesADecisionOutTheKeysHaveItsRevision) {
+TEST_F(EtcdTicket, KeysHaveTheRevisionOfTheDecisionWhoeverCarriesItOut) {
   decide(2);
   Core other(std::make_unique<SharedKv>(*kv_), "/tkv/");
   RangeResponse claims;
@@ -844,7 +844,7 @@ TEST_F(EtcdTicket, WhoeverCarriesADecisionOutTheKeysHaveItsRevision) {
   EXPECT_EQ(revisions, decided());
 }
 
-TEST_F(EtcdTicket, AFormerStateShowsItBesideWhatIsNotCarriedOutYet) {
+TEST_F(EtcdTicket, AFormerStateShowsItAlsoInBatchesNotYetCarriedOut) {
   decide(2);
   for (const std::int64_t at : {decided_at_, kv_->revision()}) {
     SettledView past(*core_, at);

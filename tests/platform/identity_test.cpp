@@ -199,7 +199,7 @@ NameService known_users() {
   return service;
 }
 
-// Names that are kept of a file of accounts, which a test changes.
+// Names that are kept as long as a file of accounts stays as it is. The tests change that file.
 class KeptNames : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -209,13 +209,13 @@ class KeptNames : public ::testing::Test {
 
   static void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-  // Replaces a file as programs do that change accounts.
+  // Replaces a file the way programs that change accounts do.
   static void replace(const std::string& path) {
     write(path + "+", "other");
     std::filesystem::rename(path + "+", path);
   }
 
-  // The name of a user, which the name service gives as `current`.
+  // The name of a user whom the name service calls `current`.
   std::string name_of(id_t id, const std::string& current) {
     std::string name;
     const auto ask = [&](std::string* found) { return *found = current, 0; };
@@ -237,7 +237,7 @@ TEST_F(KeptNames, AreNotAskedForAgain) {
 TEST_F(KeptNames, AreThoseOfOneId) {
   EXPECT_EQ(name_of(7, "seven"), "seven");
   EXPECT_EQ(name_of(8, "eight"), "eight");
-  EXPECT_EQ(name_of(7 + 64, "another"), "another");
+  EXPECT_EQ(name_of(7 + 64, "another"), "another") << "which takes the place of 7";
   EXPECT_EQ(name_of(7, "seven again"), "seven again");
 }
 

@@ -494,13 +494,17 @@ TEST_F(LmdbWriters, ProcessesThatWriteWithoutPauseLetOneAnotherWrite) {
   };
   ChildProcess endless([&] {
     const auto store = open_or_fail(options_);
+    if (set_text(*store, kRootNode, "endless").ok()) raise(SIGSTOP);
     while (set_text(*store, kRootNode, "endless").ok()) continue;
     return 1;
   });
+  endless.wait_until_stopped();
+  endless.proceed();
   ChildProcess first(write_fifty_times);
   ChildProcess second(write_fifty_times);
   EXPECT_EQ(first.wait(), 0);
   EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(waitpid(endless.id(), nullptr, WNOHANG), 0) << "it has stopped writing";
   endless.end(SIGKILL);
 }
 
