@@ -1,6 +1,7 @@
 // A session whose cluster goes back to a snapshot, against a cluster in memory.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -184,30 +185,21 @@ class EtcdRestoredWhileSweeping : public EtcdRestoredSnapshot {
     return top.id;
   }
 
-  // Right before the first removal, restores a snapshot and lets others catch up with the revision.
-  void restore_before_removal(const FakeKv::State& snapshot, const std::function<void()>& others) {
-    kv_.before_txn = [this, snapshot, others, restored = false](const TxnRequest& request) mutable {
+  // Calls `meanwhile` once, right before the `number`th removal from here on.
+  void before_removal(int number, std::function<void()> meanwhile) {
+    kv_.before_txn = [this, number, meanwhile = std::move(meanwhile)](const TxnRequest& request) {
       const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
-      if (!removes || std::exchange(restored, true)) return Reply();
-      const std::int64_t revision = kv_.revision();
-      kv_.restore(snapshot);
-      others();
-      while (kv_.revision() <= revision) kv_.put("/elsewhere", "something");
+      if (removes && ++removals_ == number) meanwhile();
       return Reply();
     };
   }
 
-  // Restores it right before the second removal while space is lacking.
-  void restore_after_removal(const FakeKv::State& snapshot) {
-    kv_.before_txn = [this, snapshot, removals = 0](const TxnRequest& request) mutable {
-      const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
-      if (kv_.is_full && removes && ++removals == 2) {
-        const std::int64_t revision = kv_.revision();
-        kv_.restore(snapshot);
-        while (kv_.revision() <= revision) kv_.put("/elsewhere", "something");
-      }
-      return Reply();
-    };
+  // Restores a snapshot, and lets others write until they have caught up with the revision.
+  void restore(const FakeKv::State& snapshot, const std::function<void()>& others = nullptr) {
+    const std::int64_t revision = kv_.revision();
+    kv_.restore(snapshot);
+    if (others) others();
+    while (kv_.revision() <= revision) kv_.put("/elsewhere", "something");
   }
 
   Status remove_family(Core& core, const std::string& name) {
@@ -220,6 +212,7 @@ class EtcdRestoredWhileSweeping : public EtcdRestoredSnapshot {
   }
 
   const Keys keys_{"/tkv/"};
+  std::atomic<int> removals_ = 0;
 };
 
 TEST_F(EtcdRestoredWhileSweeping, AKeyThatWasDeletedWithoutSpaceKeepsItsSubkeys) {
@@ -227,7 +220,7 @@ TEST_F(EtcdRestoredWhileSweeping, AKeyThatWasDeletedWithoutSpaceKeepsItsSubkeys)
   const NodeId top = create_family(*session(), "top");
   const FakeKv::State snapshot = kv_.state();
   kv_.is_full = true;
-  restore_after_removal(snapshot);
+  before_removal(2, [this, snapshot] { restore(snapshot); });
   (void)remove_family(*deleting, "top");
   EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "") << "the snapshot was restored";
   EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
@@ -240,7 +233,7 @@ TEST_F(EtcdRestoredWhileSweeping, ASecondKeyThatWasDeletedWithoutSpaceKeepsItsSu
   const NodeId top = create_family(*session(), "top");
   kv_.is_full = true;
   ASSERT_TRUE(done(remove_family(*deleting, "first")));
-  restore_after_removal(kv_.state());
+  before_removal(2, [this, snapshot = kv_.state()] { restore(snapshot); });
   (void)remove_family(*deleting, "top");
   EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "") << "the snapshot was restored";
   EXPECT_NE(kv_.get(keys_.node({top, "child"})), "");
@@ -250,14 +243,9 @@ TEST_F(EtcdRestoredWhileSweeping, WhatWasDeletedWithoutSpaceIsRemovedThoughTheLo
   const auto deleting = session();
   const NodeId top = create_family(*session(), "top");
   kv_.is_full = true;
-  int removals = 0;
-  kv_.before_txn = [&](const TxnRequest& request) {
-    const bool removes = request.success_size() > 0 && request.success(0).has_request_delete_range();
-    if (removes && ++removals == 2) kv_.put(keys_.log(), ChangeLog::encode({}));
-    return Reply();
-  };
+  before_removal(2, [this] { kv_.put(keys_.log(), ChangeLog::encode({})); });
   ASSERT_TRUE(done(remove_family(*deleting, "top")));
-  EXPECT_GE(removals, 2) << "the log was put back";
+  EXPECT_GE(removals_, 2) << "the log was put back";
   EXPECT_EQ(kv_.get(keys_.node({top, "child"})), "");
 }
 
@@ -267,7 +255,7 @@ TEST_F(EtcdRestoredWhileSweeping, AKeyThatIsNoLongerDeletedKeepsItsSubkeys) {
   const FakeKv::State snapshot = kv_.state();
   kv_.erase(keys_.node({kRootNode, "top"}));
   kv_.put(keys_.garbage(top), "");
-  restore_before_removal(snapshot, [] {});
+  before_removal(1, [this, snapshot] { restore(snapshot); });
   EXPECT_TRUE(done(sweeping->sweeper.sweep_all()));
   EXPECT_EQ(kv_.get(keys_.garbage(top)), "");
   EXPECT_NE(kv_.get(keys_.node({kRootNode, "top"})), "");
@@ -287,7 +275,7 @@ TEST_F(EtcdRestoredWhileSweeping, IdsThatNowBelongToOthersAreLeftAlone) {
   kv_.put(keys_.staging(random_token()), build.print());
   kv_.put(keys_.node({ids.first, "staged"}), "");
   NodeId top = kNoNode;
-  restore_before_removal(snapshot, [&] { top = create_family(*session(), "top"); });
+  before_removal(1, [&] { restore(snapshot, [&] { top = create_family(*session(), "top"); }); });
   EXPECT_TRUE(done(sweeping->sweeper.sweep_all()));
   EXPECT_LE(ids.first, top);
   EXPECT_LE(top, ids.last);
@@ -301,7 +289,7 @@ class EtcdRestoredWhileRepairing : public EtcdRestoredWhileSweeping {
     const NodeId top = create_family(*session(), "top");
     const FakeKv::State snapshot = kv_.state();
     kv_.erase(keys_.node({kRootNode, "top"}));
-    restore_before_removal(snapshot, [] {});
+    before_removal(1, [this, snapshot] { restore(snapshot); });
     const ChangeDescription description;
     Totals totals;
     const auto ignore_finding = [](const Finding&) {};
