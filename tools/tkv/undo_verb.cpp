@@ -10,7 +10,7 @@
 namespace tkv::command {
 namespace {
 
-// What undoing a change would do now. The batch has the condition that nothing in it has changed since.
+// What undoing a change would do now. The batch is made only if nothing that it concerns has changed since.
 struct UndoPlan {
   Revision revision = 0;
   bool force = false;

@@ -155,7 +155,7 @@ Outcome run_verify(Context& context, const Arguments& arguments) {
 
 constexpr std::array kOperands{one("FILE", "Verify this backup instead of the registry; - is standard input", false,
                                    &Arguments::file, Candidates::kFiles)};
-constexpr std::array kOptions{flag("--repair", "Remove records that belong to no key", &Arguments::repair)};
+constexpr std::array kOptions{flag("--repair", "Repair what can be repaired without guessing", &Arguments::repair)};
 
 }  // namespace
 
@@ -164,9 +164,11 @@ constinit const Verb kVerifyVerb{
     .summary = "Read and check every record",
     .details = R"(Checks the checksum and the place of each record, and counts keys and values.
 Damage is named, and the exit code is 8. --repair removes records that belong
-to no key; damaged keys stay as they are: restore or delete them. Needs the
-rights r and l on the root, --repair all rights. With FILE, a backup is checked
-instead, and what it lacks is named.
+to no key, repairs the root and the registry's own records and, on etcd,
+finishes large changes whose records are damaged. If it leaves any damage, the
+exit code is 8 or, if it repaired some, 9. Damaged keys stay as they are:
+restore or delete them. Needs the rights r and l on the root, --repair all
+rights. With FILE, a backup is checked instead, and what it lacks is named.
 )",
     .examples = R"(  tkv verify
   tkv verify nightly.backup
