@@ -70,9 +70,9 @@ test: packages-test check-format ## everything that has to pass: format, tests, 
 	$(call preset,tsan)
 	ctest --preset tsan -j $(TEST_JOBS)
 
-# The trials mostly wait: for the disk, or for a cluster whose members are killed. So several of them run at once, with the
-# static analysis and the fuzzers beside them, which take the processor time that the trials leave. Whatever fails, the
-# rest is run, and the table shows all of it.
+# The trials mostly wait: for the disk, or for a cluster whose members are killed. So several of them run at once. The
+# static analysis and the fuzzers run beside them, in the processor time that they leave. Whatever fails, the rest is
+# run, and the table shows all of it.
 prove: packages-test packages-lint packages-fuzz ## long runs, with a table at the end: static analysis, fuzzers, trials
 	$(call preset,release,-DTKV_TESTS=ON)
 	@rm -f build/release/prove.xml build/fuzz/fuzz.xml; status=0; analysis=passed; \
