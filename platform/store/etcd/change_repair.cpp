@@ -184,7 +184,7 @@ void ChangeRepair::note_loss(const Unfinished& change, std::uint64_t lost, std::
   half_made_[claim.token] = {claim.top, ticket_of(claim.token),
                              std::to_string(lost) + " of the " + std::to_string(batches) +
                                  " batches of a large change cannot be read: a repair makes the rest of the change, so "
-                                 "that of the keys from here on down, some are changed and some are not; restore this "
+                                 "some of the keys at and below this one are changed and others are not; restore this "
                                  "key from a backup"};
 }
 

@@ -271,8 +271,9 @@ Status Checker::read_log() {
   });
 }
 
-// Fixes the revision that everything is read at: one at which every decision has been carried out. Only without a
-// repair may there be damaged ones: what is below their tops may be half changed, and seem to be lost.
+// Chooses the revision at which everything is read: one at which every decision has been carried out. A check without
+// a repair accepts damaged decisions and reports them. With a repair there must be none: what is half changed below
+// their tops would seem to be lost.
 Status Checker::settle() {
   DamagedDecisions* const damaged = is_repair_ ? nullptr : &damaged_decisions_;
   for (bool marked = false; !marked;) {

@@ -101,12 +101,11 @@ class Sweeper {
   // another sweeper may be done, or a snapshot may have been restored in which nothing is to be removed, or in which
   // the same ids belong to others.
   //
-  // A subtree without a garbage key is told from one that a snapshot has brought back by what its deletion has removed
-  // besides: its entry, and the key of the log, which can have been created again later. A restored snapshot that is
-  // older than the deletion has the one or the other, if the log is removed in no other way. It lacks both only if,
-  // since it was restored or before it was made, another deletion without space had removed the log, and the subtree
-  // was moved. Nothing can be compared that rules this out as well: a transaction that only deletes leaves nothing that
-  // is there only since.
+  // Without a garbage key, each removal compares what the deletion has removed besides: the entry of the subtree, and
+  // the key of the log, which may have been created again since. A snapshot that is older than the deletion has the one
+  // or the other, and so protects the subtree that it has brought back. It lacks both only if another deletion without
+  // space has removed the log, before the snapshot was made or since it was restored, and the subtree was moved. This
+  // cannot be ruled out, since a transaction that only deletes leaves no key that proves that it was made.
   struct Marker {
     std::string key;
     std::optional<std::int64_t> revision;
