@@ -80,19 +80,25 @@ final class KnownKeys {
         return content instanceof Parent parent ? parent.subkeys : null;
     }
 
-    /** The state is read after the content: what is returned was so when this method was called, or later. */
+    /**
+     * The state is read first, once: what is known of it was so when this method was called, or later. After a change,
+     * nothing is looked up.
+     */
     private Object find(String name) {
+        long state = latest.number();
         KeyTable generation = younger;
-        Object content = generation.find(name);
-        if (content != null) {
-            return generation.state == latest.number() ? content : null;
-        }
-        generation = older;
-        content = generation.find(name);
-        if (content == null || generation.state != latest.number()) {
+        if (generation.state != state) {
             return null;
         }
-        rejuvenate(name, generation);
+        Object content = generation.find(name);
+        if (content != null) {
+            return content;
+        }
+        generation = older;
+        content = generation.state == state ? generation.find(name) : null;
+        if (content != null) {
+            rejuvenate(name, generation);
+        }
         return content;
     }
 
