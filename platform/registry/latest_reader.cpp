@@ -7,6 +7,16 @@
 namespace tkv::registry {
 namespace {
 
+// For threads that do not wait for each other.
+class TryMutex {
+ public:
+  bool try_lock() { return !held_.exchange(true, std::memory_order_acquire); }
+  void unlock() { held_.store(false, std::memory_order_release); }
+
+ private:
+  std::atomic<bool> held_{false};
+};
+
 // What is known of keys is kept as by a session.
 class KnowingReader final : public LatestReader {
  public:
@@ -22,7 +32,7 @@ class KnowingReader final : public LatestReader {
 
   Client& client_;
   std::atomic<std::uint64_t> shown_{0};  // the number of a state that reading has shown
-  std::mutex mutex_;
+  TryMutex mutex_;
   KnownKeys keys_;  // guarded by mutex_
 };
 
