@@ -48,26 +48,34 @@ constexpr std::string_view kSuccess("\0\0\0\0", 4);
 jbyteArray array_of(JNIEnv* env, std::string_view bytes) noexcept;
 jbyteArray failure(JNIEnv* env, const Status& status) noexcept;
 
+// Makes a call that returns a reply.
+template <typename Call>
+jbyteArray reply_of(JNIEnv* env, Call&& call) noexcept {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    return failure(env, PRTKV_OUT_OF_MEMORY);
+  }
+}
+
 // Makes a call that returns a Status and appends its result to the DataWriter that it is given.
 template <typename Call>
 jbyteArray reply_to(JNIEnv* env, Call&& call) noexcept {
-  try {
+  return reply_of(env, [&] {
     std::string reply(kSuccess);
     DataWriter result(&reply);
     const Status status = call(result);
     if (!status.ok()) return failure(env, status);
     return reply.size() == kSuccess.size() ? nullptr : array_of(env, reply);
-  } catch (const std::bad_alloc&) {
-    return failure(env, PRTKV_OUT_OF_MEMORY);
-  }
+  });
 }
 
 // As reply_to, for calls on an open registry.
 template <typename Call>
 jbyteArray call_registry(JNIEnv* env, jlong handle, Call&& call) noexcept {
   return reply_to(env, [&](DataWriter& result) -> Status {
-    const std::shared_ptr<OpenRegistry> open = find_registry(handle);
-    if (open == nullptr) return {PRTKV_INVALID_HANDLE, "the registry is closed"};
+    const RegistryUse open(handle);
+    if (!open) return closed_registry();
     return call(*open, result);
   });
 }

@@ -1,4 +1,4 @@
-// OpenRegistry: a Client that Java has opened, with the snapshots of it, and the table of all of them.
+// OpenRegistry: a Client that Java has opened, with the snapshots of it, and the use of one by a call.
 #ifndef TKV_JAVA_NATIVE_OPEN_REGISTRY_H
 #define TKV_JAVA_NATIVE_OPEN_REGISTRY_H
 
@@ -53,9 +53,29 @@ class OpenRegistry {
 // Opens a handle on a registry. Any thread may call.
 jlong add_registry(std::shared_ptr<registry::Client> client, bool read_only);
 
-// Looks up a registry. Returns null if the handle is not open. The registry stays open for as long as the result lives.
-// Any thread may call.
-std::shared_ptr<OpenRegistry> find_registry(jlong handle);
+class RegistryPlace;
+
+// The use of a registry by a call. The registry stays open for as long as the use lives. Any thread may use any number
+// of registries; it does not wait for others.
+class RegistryUse {
+ public:
+  // Uses nothing if the handle is not open.
+  explicit RegistryUse(jlong handle);
+  ~RegistryUse();
+  RegistryUse(const RegistryUse&) = delete;
+  RegistryUse& operator=(const RegistryUse&) = delete;
+
+  explicit operator bool() const { return registry_ != nullptr; }
+  OpenRegistry& operator*() const { return *registry_; }
+  OpenRegistry* operator->() const { return registry_; }
+
+ private:
+  RegistryPlace* const place_;
+  OpenRegistry* const registry_;
+};
+
+// What a call on a registry that is not open returns.
+Status closed_registry();
 
 // Closes a handle, ends what waits for changes, and then waits until the calls that are using the registry have ended
 // and its client is gone. Calls that look it up afterwards no longer find it. Returns PRTKV_INVALID_HANDLE if the

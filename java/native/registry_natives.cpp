@@ -120,7 +120,7 @@ jbyteArray JNICALL beginSnapshot(JNIEnv* env, jclass, jlong registry, jlong revi
 }
 
 void JNICALL endSnapshot(JNIEnv*, jclass, jlong registry, jlong snapshot) {
-  if (const std::shared_ptr<OpenRegistry> open = find_registry(registry)) open->snapshots().remove(snapshot);
+  if (const RegistryUse open(registry); open) open->snapshots().remove(snapshot);
 }
 
 jbyteArray JNICALL pinState(JNIEnv* env, jclass, jlong registry) {
@@ -299,7 +299,7 @@ jbyteArray JNICALL beginWatch(JNIEnv* env, jclass, jlong registry) {
 }
 
 void JNICALL endWatch(JNIEnv*, jclass, jlong registry, jlong watch) {
-  if (const std::shared_ptr<OpenRegistry> open = find_registry(registry)) end_watch(*open, watch);
+  if (const RegistryUse open(registry); open) end_watch(*open, watch);
 }
 
 jbyteArray JNICALL changes(JNIEnv* env, jclass, jlong registry, jlong watch, jstring name, jlong depth, jlong after) {

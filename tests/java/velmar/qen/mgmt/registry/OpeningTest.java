@@ -53,6 +53,34 @@ class OpeningTest {
         }
     }
 
+    /** Those that are opened later may be held where a closed one was. */
+    @Test
+    void aClosedRegistryStaysClosedWhateverIsOpenedLater() {
+        List<Path> places = List.of(directory.resolve("0"), directory.resolve("1"));
+        List<Registry> closed = new ArrayList<>();
+        List<Registry> open = new ArrayList<>();
+        for (int i = 0; i < 200; i++) {
+            Registry registry = Registry.at(places.get(i % 2));
+            registry.put("k", i % 2);
+            open.add(registry);
+            if (i % 3 != 0) {
+                closed.add(open.remove(i % open.size()));
+                closed.get(closed.size() - 1).close();
+            }
+        }
+        for (Registry registry : closed) {
+            assertThrows(RegistryClosedException.class, () -> registry.exists("k"));
+            assertThrows(RegistryClosedException.class, () -> registry.getInt("k"));
+            assertThrows(RegistryClosedException.class, () -> registry.put("k", 7));
+            registry.close();
+        }
+        assertEquals(67, open.size());
+        for (Registry registry : open) {
+            assertTrue(registry.locations().places().get(0).endsWith("/" + registry.getInt("k")));
+            registry.close();
+        }
+    }
+
     @Test
     void atTakesAnyDirectoryName() {
         for (String name : List.of("with blank", "a,b", "etcd:--x", "größer")) {
