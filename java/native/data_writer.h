@@ -13,6 +13,11 @@
 
 namespace tkv::java {
 
+// Writes the last `size` bytes of a number.
+inline void write_word(std::uint64_t number, std::size_t size, char* to) {
+  for (std::size_t at = size; at-- > 0; number >>= 8) to[at] = static_cast<char>(number);
+}
+
 // Appends to a string, which must live longer.
 class DataWriter {
  public:
@@ -29,7 +34,7 @@ class DataWriter {
  private:
   void word(std::uint64_t number, std::size_t size) {
     std::array<char, sizeof number> bytes;
-    for (std::size_t at = size; at-- > 0; number >>= 8) bytes[at] = static_cast<char>(number);
+    write_word(number, size, bytes.data());
     bytes_.append(bytes.data(), size);
   }
 

@@ -175,25 +175,47 @@ jbyteArray JNICALL value(JNIEnv* env, jclass, jlong registry, jlong snapshot, js
   return read_key(env, registry, snapshot, name, write_value);
 }
 
-jbyteArray JNICALL latestValue(JNIEnv* env, jclass, jlong registry, jstring name) {
-  return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
-    const StringArgument key(env, name);
-    std::array<std::byte, kUsualValueSize> usual;
-    std::vector<std::byte> large;
-    std::span<std::byte> buffer(usual);
-    LatestValue found;
-    Status status = open.latest().read_value(key.view(), buffer, &found);
-    while (status.ok() && found.size > buffer.size()) {
-      large.resize(found.size);
-      buffer = large;
-      status = open.latest().read_value(key.view(), buffer, &found);
+// A reply that ends with a value. What precedes the value is written in front of it, so that it need not be copied.
+class LatestValueReply {
+ public:
+  Status read(registry::LatestReader& reader, std::string_view name) {
+    Status status = reader.read_value(name, room_for_value(), &found_);
+    while (status.ok() && found_.size > room_for_value().size()) {
+      large_.resize(kHeadSize + found_.size);
+      bytes_ = large_;
+      status = reader.read_value(name, room_for_value(), &found_);
     }
-    if (!status.ok()) return status;
-    result.word64(static_cast<std::int64_t>(found.state));
-    if (!found.exists) return {};
-    result.word32(found.type);
-    result.raw({reinterpret_cast<const char*>(buffer.data()), found.size});
-    return {};
+    return status;
+  }
+
+  std::string_view bytes() {
+    kSuccess.copy(bytes_.data(), kSuccess.size());
+    write_word(found_.state, sizeof found_.state, bytes_.data() + kStateAt);
+    if (!found_.exists) return {bytes_.data(), kTypeAt};
+    write_word(static_cast<std::uint32_t>(found_.type), sizeof found_.type, bytes_.data() + kTypeAt);
+    return {bytes_.data(), kHeadSize + found_.size};
+  }
+
+ private:
+  static constexpr std::size_t kStateAt = kSuccess.size();
+  static constexpr std::size_t kTypeAt = kStateAt + sizeof(LatestValue::state);
+  static constexpr std::size_t kHeadSize = kTypeAt + sizeof(LatestValue::type);
+
+  std::span<std::byte> room_for_value() { return std::as_writable_bytes(bytes_.subspan(kHeadSize)); }
+
+  std::array<char, kHeadSize + kUsualValueSize> usual_;
+  std::vector<char> large_;
+  std::span<char> bytes_{usual_};
+  LatestValue found_;
+};
+
+jbyteArray JNICALL latestValue(JNIEnv* env, jclass, jlong registry, jstring name) {
+  return reply_of(env, [&] {
+    const RegistryUse open(registry);
+    if (!open) return failure(env, closed_registry());
+    LatestValueReply reply;
+    const Status status = reply.read(open->latest(), StringArgument(env, name).view());
+    return status.ok() ? array_of(env, reply.bytes()) : failure(env, status);
   });
 }
 
