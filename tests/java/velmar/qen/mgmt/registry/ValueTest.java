@@ -12,6 +12,7 @@ import java.math.RoundingMode;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Base64;
+import java.util.Collections;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
@@ -48,7 +49,7 @@ class ValueTest extends OpenRegistry {
 
     static Stream<List<String>> lists() {
         return Stream.of(List.of(), List.of("one"), List.of("a", "bc"), List.of("größer", "日本語"),
-                         List.of("\ud83d\ude00"), List.of("a\u0000b", " "),
+                         List.of("\ud83d\ude00"), List.of("a\u0000b", " "), List.of("\ud83d", "\ude00", "\ude00\ud83d"),
                          IntStream.range(0, 3_000).mapToObj(i -> "text" + i).toList());
     }
 
@@ -79,6 +80,8 @@ class ValueTest extends OpenRegistry {
         assertEquals(OptionalInt.of(number), registry.findInt(below("int")));
         assertEquals(number, registry.getInt(below("int"), 7));
         assertEquals(number, registry.getLong(below("int")));
+        assertEquals(OptionalLong.of(number), registry.findLong(below("int")));
+        assertEquals(number, registry.getLong(below("int"), 7));
         assertEquals(ValueType.INT32, registry.stat(below("int")).type());
         long large = number * 4_294_967_297L;
         registry.put(below("long"), large);
@@ -89,7 +92,7 @@ class ValueTest extends OpenRegistry {
     }
 
     @ParameterizedTest
-    @ValueSource(ints = {0, 1, 3, 4, 8, 2_048, 100_000, MEBIBYTE})
+    @ValueSource(ints = {0, 1, 3, 4, 8, 1_023, 1_024, 1_025, 2_048, 4_000, 4_096, 4_097, 100_000, MEBIBYTE})
     void bytesReadBack(int size) {
         byte[] bytes = new byte[size];
         new Random(size).nextBytes(bytes);
@@ -125,6 +128,80 @@ class ValueTest extends OpenRegistry {
         assertEquals(List.of("true", "false", "-1.5E300", "NaN", "PT1M30.5S", "HALF_UP"),
                      Stream.of("true", "false", "double", "nan", "duration", "enum")
                              .map(name -> registry.getText(below(name))).toList());
+    }
+
+    @ParameterizedTest
+    @ValueSource(doubles = {0.0, -0.0, 1, 0.1, Math.PI, -1e-7, Double.MIN_VALUE, Double.MAX_VALUE, Double.NaN,
+                            Double.POSITIVE_INFINITY, Double.NEGATIVE_INFINITY})
+    void aFloatingPointNumberReadsBack(double number) {
+        registry.put(key(), number);
+        assertEquals(Double.toString(number), registry.getText(key()));
+        assertEquals(number, registry.getDouble(key()));
+        assertEquals(OptionalDouble.of(number), registry.findDouble(key()));
+        assertEquals(number, registry.getDouble(key(), 7));
+    }
+
+    @Test
+    void numbersThatOperatorsWriteAreFloatingPointNumbers() {
+        Map.of("1", 1.0, "-7", -7.0, "1e3", 1000.0, ".5", 0.5, "+2.", 2.0).forEach((text, number) -> {
+            registry.put(key(), text);
+            assertEquals(number, registry.getDouble(key()));
+        });
+    }
+
+    static Stream<Duration> durations() {
+        return Stream.of(Duration.ZERO, Duration.ofNanos(1), Duration.ofNanos(-1), Duration.ofMillis(-90_500),
+                         Duration.ofDays(400), Duration.ofSeconds(Long.MAX_VALUE, 999_999_999),
+                         Duration.ofSeconds(Long.MIN_VALUE));
+    }
+
+    @ParameterizedTest
+    @MethodSource("durations")
+    void aDurationReadsBack(Duration duration) {
+        registry.put(key(), duration);
+        assertEquals(duration.toString(), registry.getText(key()));
+        assertEquals(duration, registry.getDuration(key()));
+        assertEquals(Optional.of(duration), registry.findDuration(key()));
+        assertEquals(duration, registry.getDuration(key(), null));
+    }
+
+    /** Has a constant with a class of its own, and names that are not what they are shown as. */
+    private enum Level {
+        LOW {
+            @Override
+            public String toString() {
+                return "low";
+            }
+        },
+        HIGH
+    }
+
+    @Test
+    void aConstantIsStoredByItsName() {
+        registry.put(key(), Level.LOW);
+        assertEquals("LOW", registry.getText(key()));
+        assertEquals(Level.LOW, registry.getEnum(key(), Level.class));
+        assertEquals(Level.LOW, registry.getEnum(key(), Level.HIGH));
+        registry.put(key(), Level.HIGH);
+        assertEquals(Level.HIGH, registry.getEnum(key(), Level.LOW));
+        assertEquals(Optional.of(Level.HIGH), registry.findEnum(key(), Level.class));
+    }
+
+    /** Texts that are no value of a type, by the type's name in messages. */
+    static Map<String, List<String>> otherTexts() {
+        return Map.of("a boolean", List.of("", "TRUE", "True", "yes", "1", "0", "true ", " false", "true\n"),
+                      "a floating point number", List.of("", " ", "one", "1,5", "1 2", "--1", "1e", "0x1", "nan"),
+                      "a duration", List.of("", "90", "90 s", "P", "PT", "P1Y", "1m", "PT1M ", "PT99999999999999999999S",
+                                            "PT9223372036854775808S"),
+                      "a constant of RoundingMode", List.of("", "half_up", "HALF_UP ", "HALFUP", "4", "NONE"));
+    }
+
+    @Test
+    void aTextThatIsNoValueOfATypeIsNotTakenForOne() {
+        otherTexts().forEach((wanted, texts) -> texts.forEach(text -> {
+            registry.put(key(), text);
+            readers().get(wanted).forEach(reader -> assertWrong("a text", wanted, reader));
+        }));
     }
 
     /** Every way to read a value as a type, by the type's name in messages. */
@@ -199,7 +276,12 @@ class ValueTest extends OpenRegistry {
         assertNull(registry.getList(name, null));
         assertEquals(1, registry.getInt(name, 1));
         assertEquals(1, registry.getLong(name, 1));
+        assertEquals(List.of("d", ""), registry.getList(name, List.of("d", "")));
+        assertEquals(Integer.MIN_VALUE, registry.getInt(name, Integer.MIN_VALUE));
+        assertEquals(Long.MIN_VALUE, registry.getLong(name, Long.MIN_VALUE));
         assertNull(registry.getBytes(name, null));
+        assertArrayEquals(new byte[] {1}, registry.getBytes(name, new byte[] {1}));
+        assertNull(registry.getDuration(name, null));
         assertTrue(registry.getBoolean(name, true));
         assertEquals(1.5, registry.getDouble(name, 1.5));
         assertEquals(Duration.ZERO, registry.getDuration(name, Duration.ZERO));
@@ -232,6 +314,33 @@ class ValueTest extends OpenRegistry {
             assertEquals(10, refusal.code());
             assertEquals("former", registry.getText(key()));
         }
+    }
+
+    @Test
+    void aListOfManyTextsGoesUpToTheRegistrysLimit() {
+        // Each text takes two bytes, and the end of the list one.
+        List<String> texts = new ArrayList<>(Collections.nCopies(MEBIBYTE / 2 - 2, "x"));
+        texts.add("yz");
+        registry.put(key(), texts);
+        assertEquals(MEBIBYTE, registry.stat(key()).size());
+        assertEquals(texts, registry.getList(key()));
+        assertEquals(texts, registry.findList(key()).orElseThrow());
+        try (Snapshot state = registry.snapshot()) {
+            assertEquals(texts, state.getList(key()));
+        }
+        texts.set(0, "xx");
+        assertThrows(ValueTooLargeException.class, () -> registry.put(key(), texts));
+        assertEquals("x", registry.getList(key()).get(0));
+    }
+
+    /** Six bytes in modified UTF-8 for one character. */
+    @Test
+    void bytesAreCountedInModifiedUtf8() {
+        String text = "\ud83d\ude00".repeat((MEBIBYTE - 1) / 6);
+        registry.put(key(), text);
+        assertEquals(text, registry.getText(key()));
+        assertEquals(text.length() * 3L + 1, registry.stat(key()).size());
+        assertThrows(ValueTooLargeException.class, () -> registry.put(key(), text + "\ud83d\ude00"));
     }
 
     @Test
