@@ -325,6 +325,51 @@ class BatchTest extends OpenRegistry {
     }
 
     @Test
+    void anInterruptDoesNotEndAnUpdate() {
+        registry.put(below("k"), 0);
+        int[] calls = {0};
+        Thread.currentThread().interrupt();
+        try {
+            registry.update(below("k"), value -> {
+                if (++calls[0] <= 3) {
+                    registry.put(below("k"), 10 * calls[0]);
+                }
+                return increment(value);
+            });
+        } finally {
+            assertTrue(Thread.interrupted(), "the interrupt is kept");
+        }
+        assertEquals(31, registry.getInt(below("k")));
+        assertEquals(4, calls[0]);
+    }
+
+    @Test
+    void aConflictOfAnUpdateIsAboutItsKey() {
+        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofMillis(1)).build();
+        try (Registry other = Registry.open(impatient)) {
+            for (int round = 0; round < 2; round++) {
+                ConflictException conflict =
+                        assertThrows(ConflictException.class, () -> other.update(below("k"), value -> {
+                            registry.update(below("k"), BatchTest::increment);
+                            return new Value.Text("never");
+                        }));
+                assertEquals(21, conflict.code());
+                assertEquals(below("k"), conflict.key());
+                String message = "TKV-0021: key '" + below("k") + "' ";
+                assertTrue(conflict.text().startsWith(message), conflict::text);
+            }
+        }
+        assertTrue(registry.getInt(below("k")) >= 2);
+    }
+
+    @Test
+    void anUpdateTriesForAsLongAsACallMayTake() {
+        assertEquals(Duration.ofSeconds(30), RegistryOptions.builder().build().patience());
+        assertEquals(Duration.ofMillis(7),
+                     RegistryOptions.builder().timeout(Duration.ofMillis(7)).build().patience());
+    }
+
+    @Test
     void anExceptionOfTheFunctionChangesNothing() {
         registry.put(below("k"), 1);
         ConflictException own = new ConflictException(null, "own");

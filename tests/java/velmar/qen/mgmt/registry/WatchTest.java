@@ -25,6 +25,7 @@ import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicReference;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.RejectedExecutionException;
 import java.util.concurrent.TimeUnit;
@@ -166,6 +167,24 @@ class WatchTest extends OpenRegistry {
             other.put("WatchTest", "of no concern");
             other.create(below("k"));
             assertEquals(only(KeyChange.Kind.CREATED, below("k")), waiting.get());
+        }
+    }
+
+    @Test
+    void anInterruptDoesNotEndTheWaiting() throws InterruptedException, ExecutionException {
+        try (EventReader events = registry.events(top, ALL)) {
+            CountDownLatch running = new CountDownLatch(1);
+            AtomicReference<Thread> reader = new AtomicReference<>();
+            Future<Boolean> waiting = pool.submit(() -> {
+                reader.set(Thread.currentThread());
+                running.countDown();
+                assertEquals(only(KeyChange.Kind.CREATED, below("k")), changes(events));
+                return Thread.interrupted();
+            });
+            running.await();
+            reader.get().interrupt();
+            registry.create(below("k"));
+            assertTrue(waiting.get(), "the interrupt is kept");
         }
     }
 
