@@ -16,6 +16,7 @@ import java.nio.file.Path;
 import java.time.Duration;
 import java.time.Instant;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.List;
 import java.util.Map;
 import java.util.stream.Stream;
@@ -133,6 +134,29 @@ class FailureTest extends OpenRegistry {
     void anOverlongNameIsRefused() {
         String name = below("l".repeat(265));
         assertFails(InvalidNameException.class, 5, name, () -> registry.create(name));
+    }
+
+    private static String chain(int levels, int size) {
+        return String.join(".", Collections.nCopies(levels, "l".repeat(size)));
+    }
+
+    /** A level of 264 bytes, in characters of one, three and six bytes; 1,023 bytes; and 64 levels. */
+    @Test
+    void namesGoUpToTheRegistrysLimits() {
+        String longest = chain(3, 264) + "." + "l".repeat(228);
+        Map<String, String> names = Map.of("l".repeat(264), "l", "日".repeat(88), "l", "\ud83d\ude00".repeat(44), "l",
+                                           "\ud83d".repeat(88), "l", longest, "l", chain(64, 1), ".l");
+        names.forEach((name, more) -> {
+            registry.ensure(name);
+            registry.put(name, name);
+            assertEquals(name, registry.getText(name));
+            assertEquals(name, registry.stat(name).name());
+            String first = name.split("\\.")[0];
+            assertTrue(registry.list("").contains(first), first);
+            assertFails(InvalidNameException.class, 5, name + more, () -> registry.exists(name + more));
+            assertFails(InvalidNameException.class, 5, name + more, () -> registry.create(name + more));
+            assertTrue(registry.deleteTree(first));
+        });
     }
 
     @Test

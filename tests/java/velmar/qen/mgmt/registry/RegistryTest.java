@@ -18,6 +18,9 @@ import velmar.qen.mgmt.nativesystem.AsRoot;
 import velmar.qen.mgmt.nativesystem.Configuration;
 
 class RegistryTest extends OpenRegistry {
+    /** More keys than a change is logged with one by one, and than a block of a walk holds. */
+    private static final int MANY = 3_000;
+
     @Test
     void anAbsentKeyDoesNotExist() {
         assertFalse(registry.exists(below("absent")));
@@ -233,6 +236,47 @@ class RegistryTest extends OpenRegistry {
         assertEquals("deep", registry.getText("t." + chain));
         registry.deleteTree("s");
         registry.deleteTree("t");
+    }
+
+    /** Returns how many keys of a tree of many are below a key, after checking a few of them. */
+    private long countIn(String name) {
+        try (Stream<Entry> entries = registry.walk(below(name))) {
+            long count = entries.count();
+            for (int i = 0; i < MANY && count > 0; i += 999) {
+                assertEquals(i, registry.getInt(below(name + ".g" + i % 7 + ".k" + i)));
+            }
+            return count;
+        }
+    }
+
+    @Test
+    void treesOfAnySizeAreMovedCopiedChangedAndDeletedAtOnce() {
+        Batch fill = registry.batch().createParents();
+        for (int i = 0; i < MANY; i++) {
+            fill.put(below("s.g" + i % 7 + ".k" + i), i);
+        }
+        fill.commit();
+        long before = registry.revision();
+        registry.copy(below("s"), below("copy"));
+        try (Snapshot copied = registry.snapshot()) {
+            registry.move(below("s"), below("moved"));
+            assertEquals(MANY + 7, countIn("copy"));
+            assertEquals(MANY + 7, countIn("moved"));
+            assertFalse(registry.exists(below("s")));
+            assertEquals(List.of("copy", "s"), copied.list(top));
+            registry.copyReplacing(below("moved"), below("copy"), CopyOwner.SESSION);
+            assertEquals(MANY + 7, countIn("copy"));
+            registry.setSecurityTree(below("copy"), KeySecurity.privateToUser());
+            assertEquals(EnumSet.noneOf(Right.class), registry.security(below("copy.g6.k6")).otherRights());
+            registry.moveReplacing(below("copy"), below("moved"));
+            assertEquals(MANY + 7, countIn("moved"));
+            assertEquals(EnumSet.noneOf(Right.class), registry.security(below("moved.g6.k6")).otherRights());
+            assertTrue(registry.deleteTree(below("moved")));
+        }
+        assertEquals(List.of(), registry.list(top));
+        try (Snapshot former = registry.at(before)) {
+            assertEquals(MANY - 1, former.getInt(below("s.g" + (MANY - 1) % 7 + ".k" + (MANY - 1))));
+        }
     }
 
     @Test
