@@ -5,6 +5,7 @@ Usage: run_test.py BUILD-DIRECTORY
 """
 
 import json
+import os
 import re
 import subprocess
 import sys
@@ -231,10 +232,17 @@ class Parts(unittest.TestCase):
         self.assertEqual(len({answer["begin"] for answer in answers}), 1, "the time of the beginning is one for all")
 
     def test_programs_run_together_end_if_one_does_not_become_ready(self):
-        waits = [sys.executable, "-c", "print('ready', flush=True); input()"]
-        fails = [sys.executable, "-c", "import sys; sys.exit('no store')"]
-        with self.assertRaisesRegex(Failure, "did not become ready:\nno store"):
-            Programs(Path(), Path()).run_together([waits, fails])
+        with tempfile.NamedTemporaryFile(mode="r") as file:
+            # It ignores the end of its input.
+            script = ("import os, signal, sys; open(sys.argv[1], 'w').write(str(os.getpid())); "
+                      "print('ready', flush=True); signal.pause()")
+            waits = [sys.executable, "-c", script, file.name]
+            fails = [sys.executable, "-c", "import sys; sys.exit('no store')"]
+            with self.assertRaisesRegex(Failure, "did not become ready:\nno store"):
+                Programs(Path(), Path()).run_together([waits, fails])
+            process = int(file.read())
+        with self.assertRaises(ProcessLookupError):
+            os.kill(process, 0)
 
     def test_p10_is_the_value_that_a_tenth_stays_below(self):
         table = Table("name", "title", ["tkv"])
