@@ -586,6 +586,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @return whether there was such a key
      * @throws KeyNotEmptyException if the key has subkeys
      * @throws MissingRightException if the session may not delete the key
+     * @throws RegistryException with code 8 if it is the root
      */
     public boolean delete(String name) {
         return delete(name, false);
@@ -597,6 +598,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @param name full name
      * @return whether there was such a key
      * @throws MissingRightException if there is a key among them that the session may not delete
+     * @throws RegistryException with code 8 if it is the root
      */
     public boolean deleteTree(String name) {
         return delete(name, true);
@@ -610,6 +612,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws KeyExistsException if the target already exists
      * @throws MissingRightException if the session may not delete the source or create the target
+     * @throws RegistryException with code 17 if the key would be moved to itself or below itself; 8 if it is the root
      */
     public void move(String source, String target) {
         move(source, target, false);
@@ -623,6 +626,8 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @param target new full name
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws MissingRightException if the session may not delete the source or what it replaces, or create the target
+     * @throws RegistryException with code 17 if the key would be moved to itself, below itself, or in place of a key
+     *     above it; 8 if it is the root
      */
     public void moveReplacing(String source, String target) {
         move(source, target, true);
@@ -637,6 +642,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws MissingRightException if there is a key among them that the session may not read or list, or if it may not
      *     create the target
+     * @throws RegistryException with code 17 if the key would be copied to itself or below itself
      */
     public void copy(String source, String target) {
         copy(source, target, CopyOwner.SOURCE);
@@ -651,6 +657,7 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws KeyExistsException if the target already exists
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws MissingRightException as for {@link #copy(String, String)}
+     * @throws RegistryException with code 17, as for {@link #copy(String, String)}
      */
     public void copy(String source, String target, CopyOwner owner) {
         copy(source, target, owner, 0);
@@ -666,6 +673,8 @@ public final class Registry extends NativeReader implements AutoCloseable {
      * @throws KeyNotFoundException if the source or the target's parent does not exist
      * @throws MissingRightException as for {@link #copy(String, String)}, and if the session may not delete what is
      *     replaced
+     * @throws RegistryException with code 17 if the key would be copied to itself, below itself, or in place of a key
+     *     above it
      */
     public void copyReplacing(String source, String target, CopyOwner owner) {
         copy(source, target, owner, RegistryNatives.COPY_REPLACES);

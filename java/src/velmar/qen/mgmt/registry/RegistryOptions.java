@@ -80,7 +80,8 @@ public final class RegistryOptions {
          *
          * @param timeout the time, at least a millisecond
          * @return this builder
-         * @throws IllegalArgumentException if the time is less than a millisecond or more than 24 days
+         * @throws IllegalArgumentException if the time is less than a millisecond or more than 2,147,483,647 of them
+         *     (24 days)
          */
         public Builder timeout(Duration timeout) {
             Objects.requireNonNull(timeout, "timeout");

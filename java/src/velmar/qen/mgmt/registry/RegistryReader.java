@@ -209,7 +209,7 @@ public interface RegistryReader {
      *
      * @param name full name
      * @param absent the default; may be null
-     * @return the texts, unmodifiable
+     * @return the texts, unmodifiable, or the default
      * @throws WrongTypeException if the key has a value that is not a list
      * @throws MissingRightException if the session may not read the key
      */
@@ -325,7 +325,7 @@ public interface RegistryReader {
      *
      * @param name full name
      * @param absent the default; may be null
-     * @return a new array
+     * @return a new array, or the default
      * @throws WrongTypeException if the key has a value of another type
      * @throws MissingRightException if the session may not read the key
      */
@@ -384,7 +384,7 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the floating point number of a key, a text as {@link Double#toString} writes it.
+     * Returns the floating point number of a key: a text that {@link Double#valueOf(String)} takes.
      *
      * @param name full name
      * @return the number
@@ -397,8 +397,8 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the floating point number of a key, a text as {@link Double#toString} writes it, or a default if there
-     * is none.
+     * Returns the floating point number of a key, a text that {@link Double#valueOf(String)} takes, or a default if
+     * there is none.
      *
      * @param name full name
      * @param absent the default
@@ -411,7 +411,7 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the floating point number of a key, a text as {@link Double#toString} writes it, if there is one.
+     * Returns the floating point number of a key, a text that {@link Double#valueOf(String)} takes, if there is one.
      *
      * @param name full name
      * @return the number; empty if there is no such key, or it has no value
@@ -424,7 +424,7 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the duration of a key, a text as {@link Duration#toString} writes it.
+     * Returns the duration of a key, a text that {@link Duration#parse} takes.
      *
      * @param name full name
      * @return the duration
@@ -437,7 +437,7 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the duration of a key, a text as {@link Duration#toString} writes it, or a default if there is none.
+     * Returns the duration of a key, a text that {@link Duration#parse} takes, or a default if there is none.
      *
      * @param name full name
      * @param absent the default; may be null
@@ -450,7 +450,7 @@ public interface RegistryReader {
     }
 
     /**
-     * Returns the duration of a key, a text as {@link Duration#toString} writes it, if there is one.
+     * Returns the duration of a key, a text that {@link Duration#parse} takes, if there is one.
      *
      * @param name full name
      * @return the duration; empty if there is no such key, or it has no value
