@@ -81,6 +81,43 @@ class DeniedTest {
     }
 
     @Test
+    void aConditionOnAValueNeedsTheRightToReadIt() {
+        registry.put("nobodys.secret", "secret", KeySecurity.privateToUser());
+        long revision = registry.stat("nobodys.secret").revision();
+        registry.setSecurity("nobodys.secret",
+                             KeySecurity.inherited().withOwnerRights(EnumSet.of(Right.WRITE, Right.SECURITY)));
+        assertDenied("nobodys.secret",
+                     () -> registry.batch().ifValue("nobodys.secret", new Value.Text("secret")).commit());
+        assertDenied("nobodys.secret", () -> registry.batch().ifRevision("nobodys.secret", revision).commit());
+        assertDenied("nobodys.secret", () -> registry.update("nobodys.secret", value -> new Value.Text("new")));
+        registry.batch().ifExists("nobodys.secret").ifAbsent("nobodys.none").put("nobodys.secret", "new").commit();
+        registry.setSecurity("nobodys.secret", KeySecurity.privateToUser());
+        assertEquals("new", registry.getText("nobodys.secret"));
+    }
+
+    @Test
+    void rightsAddUp() {
+        registry.put("nobodys.added", "text", KeySecurity.inherited().withOwnerRights(Set.of(Right.SECURITY))
+                .withGroup(registry.group()).withGroupRights(Set.of(Right.WRITE))
+                .withOtherRights(Set.of(Right.READ, Right.LIST)));
+        assertEquals(EnumSet.of(Right.READ, Right.LIST, Right.WRITE, Right.SECURITY), registry.rights("nobodys.added"));
+        assertEquals("text", registry.getText("nobodys.added"));
+        registry.put("nobodys.added", "new");
+    }
+
+    @Test
+    void onlyWhoMayReadAParentInheritsFromIt() {
+        registry.create("nobodys.parent", KeySecurity.privateToUser());
+        registry.setSecurity("nobodys.parent", KeySecurity.inherited()
+                .withOwnerRights(EnumSet.of(Right.CREATE, Right.LIST, Right.SECURITY)));
+        assertThrows(MissingRightException.class, () -> registry.put("nobodys.parent.k", "v"));
+        assertThrows(MissingRightException.class, () -> registry.create("nobodys.parent.k"));
+        assertEquals(List.of(), registry.list("nobodys.parent"));
+        registry.put("nobodys.parent.k", "v", KeySecurity.privateToUser());
+        assertEquals("v", registry.getText("nobodys.parent.k"));
+    }
+
+    @Test
     void aWalkFailsWhereSubkeysMayNotBeListed() {
         registry.ensure("nobodys.hidden.below");
         registry.setSecurity("nobodys.hidden", KeySecurity.inherited().withOwnerRights(Set.of(Right.SECURITY))
