@@ -140,6 +140,16 @@ class BatchTest extends OpenRegistry {
     }
 
     @Test
+    void aBatchTakesValuesAway() {
+        registry.put(below("k"), "v", KeySecurity.privateToUser());
+        KeySecurity before = registry.security(below("k"));
+        registry.batch(KeySecurity.open()).put(below("k"), none()).put(below("new"), none()).commit();
+        assertEquals(none(), registry.value(below("k")));
+        assertEquals(before, registry.security(below("k")));
+        assertEquals(none(), registry.value(below("new")));
+    }
+
+    @Test
     void aBatchWithoutChangesChecksItsConditions() {
         long revision = registry.revision();
         assertEquals(revision, registry.batch().ifExists(top).commit());

@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
+import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.PosixFilePermissions;
@@ -134,6 +135,26 @@ class OpeningTest {
         assertTrue(Files.exists(place));
         registry.close();
         assertFalse(Files.exists(place));
+    }
+
+    /** Runs where there is no directory for temporary files. */
+    static final class Homeless {
+        private Homeless() {}
+
+        public static void main(String[] arguments) {
+            try {
+                Registry.temporary().close();
+            } catch (UncheckedIOException e) {
+                System.out.println("none");
+            }
+        }
+    }
+
+    @Test
+    void aTemporaryRegistryNeedsADirectoryForTemporaryFiles() throws IOException, InterruptedException {
+        ChildJvm.Outcome outcome = ChildJvm.run(List.of("-Djava.io.tmpdir=" + directory.resolve("no/such")), Map.of(),
+                                                Homeless.class);
+        assertEquals("none\n", outcome.output());
     }
 
     @Test
@@ -273,7 +294,12 @@ class OpeningTest {
 
     @Test
     void impossibleTimeoutsAreRefused() {
-        for (Duration none : List.of(Duration.ZERO, Duration.ofMillis(-1), Duration.ofDays(25))) {
+        Duration longest = Duration.ofMillis(Integer.MAX_VALUE);
+        for (Duration possible : List.of(Duration.ofMillis(1), Duration.ofDays(24), longest)) {
+            assertEquals(possible, RegistryOptions.builder().timeout(possible).build().patience());
+        }
+        for (Duration none : List.of(Duration.ZERO, Duration.ofNanos(999_999), Duration.ofMillis(-1),
+                                     longest.plusNanos(1), Duration.ofDays(25), Duration.ofSeconds(Long.MAX_VALUE))) {
             assertThrows(IllegalArgumentException.class, () -> RegistryOptions.builder().timeout(none));
         }
     }

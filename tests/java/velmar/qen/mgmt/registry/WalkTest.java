@@ -113,6 +113,38 @@ class WalkTest extends OpenRegistry {
     }
 
     @Test
+    void aStreamClosedByAnotherThreadEnds() throws InterruptedException {
+        createMany();
+        Stream<Entry> entries = registry.walk(top);
+        assertFalse(entries.isParallel());
+        Iterator<Entry> iterator = entries.iterator();
+        iterator.next();
+        Thread closing = new Thread(entries::close);
+        closing.start();
+        closing.join();
+        assertThrows(RegistryClosedException.class, () -> iterator.forEachRemaining(Entry::name));
+        assertEquals(MANY, registry.list(top).size());
+    }
+
+    @Test
+    void aStreamThatIsReadToItsEndNeedsNoClosing() {
+        createMany();
+        assertEquals(MANY, registry.walk(top).map(Entry::name).distinct().count());
+        Stream<Entry> closed = registry.entries(top);
+        closed.close();
+        assertThrows(IllegalStateException.class, closed::count);
+    }
+
+    @Test
+    void anAbsentKeyIsNotWalkedAtAnyDepth() {
+        for (int depth : new int[] {0, 1, Integer.MAX_VALUE}) {
+            assertThrows(KeyNotFoundException.class, () -> registry.walk(below("absent"), depth));
+        }
+        assertThrows(KeyNotFoundException.class, () -> registry.entries(below("absent")));
+        assertEquals(0, registry.entries(top).count());
+    }
+
+    @Test
     void aStreamOutlivesItsRegistry() {
         createMany();
         try (Stream<Entry> entries = registry.walk(top)) {
