@@ -90,7 +90,7 @@ class FailureTest extends OpenRegistry {
     }
 
     @ParameterizedTest
-    @ValueSource(strings = {"a..b", ".", "a."})
+    @ValueSource(strings = {"a..b", ".", "a.", ".a", "a\u0000b", "a.\u0000"})
     void anInvalidNameIsRefused(String name) {
         for (Executable call : List.<Executable>of(
                 () -> registry.getText(name), () -> registry.exists(name), () -> registry.list(name),
@@ -169,6 +169,13 @@ class FailureTest extends OpenRegistry {
     @Test
     void theRootIsNotDeleted() {
         assertFails(RegistryException.class, 8, "", () -> registry.deleteTree(""));
+        assertFails(RegistryException.class, 8, "", () -> registry.delete(""));
+        assertFails(RegistryException.class, 8, "", () -> registry.move("", "x"));
+        try (Registry empty = Registry.temporary()) {
+            assertFails(RegistryException.class, 8, "", () -> empty.delete(""));
+            assertFails(RegistryException.class, 8, "", () -> empty.deleteTree(""));
+            assertTrue(empty.exists(""));
+        }
     }
 
     @Test
@@ -178,6 +185,9 @@ class FailureTest extends OpenRegistry {
         assertFails(RegistryException.class, 17, top, () -> registry.copy(top, below("copy")));
         assertFails(RegistryException.class, 17, "", () -> registry.copy("", "copy"));
         assertFails(RegistryException.class, 17, top, () -> registry.copy(top, top));
+        assertFails(RegistryException.class, 17, top, () -> registry.move(top, top));
+        assertFails(RegistryException.class, 17, top, () -> registry.moveReplacing(top, top));
+        assertFails(RegistryException.class, 17, top, () -> registry.copyReplacing(top, top, CopyOwner.SOURCE));
         assertEquals(List.of("k"), registry.list(top));
     }
 

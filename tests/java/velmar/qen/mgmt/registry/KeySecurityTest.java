@@ -82,6 +82,24 @@ class KeySecurityTest extends OpenRegistry {
     }
 
     @Test
+    void namesOfUsersAndGroupsHaveUpTo63Bytes() {
+        for (String name : List.of("g".repeat(63), "日".repeat(21), "54321")) {
+            KeySecurity found = created(KeySecurity.readableByAll().withOwner(name).withGroup(name));
+            assertEquals(Optional.of(name), found.owner());
+            assertEquals(Optional.of(name), found.group());
+            registry.deleteTree(below("k"));
+        }
+    }
+
+    @Test
+    void anEmptyNameIsThatOfNobody() {
+        KeySecurity found = created(KeySecurity.privateToUser().withOwner("").withGroup(""));
+        assertEquals(Optional.empty(), found.owner());
+        assertEquals(Optional.empty(), found.group());
+        assertRights(found, ALL, NONE, NONE);
+    }
+
+    @Test
     void byDefaultAKeyIsAsOpenAsItsParent() {
         registry.create(below("private"), KeySecurity.privateToUser());
         registry.put(below("private.k"), "v");

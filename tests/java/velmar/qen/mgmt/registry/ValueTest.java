@@ -13,6 +13,7 @@ import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Base64;
 import java.util.Collections;
+import java.util.EnumSet;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
@@ -191,8 +192,8 @@ class ValueTest extends OpenRegistry {
     static Map<String, List<String>> otherTexts() {
         return Map.of("a boolean", List.of("", "TRUE", "True", "yes", "1", "0", "true ", " false", "true\n"),
                       "a floating point number", List.of("", " ", "one", "1,5", "1 2", "--1", "1e", "0x1", "nan"),
-                      "a duration", List.of("", "90", "90 s", "P", "PT", "P1Y", "1m", "PT1M ", "PT99999999999999999999S",
-                                            "PT9223372036854775808S"),
+                      "a duration", List.of("", "90", "90 s", "P", "PT", "P1Y", "1m", "PT1M ",
+                                            "PT99999999999999999999S", "PT9223372036854775808S"),
                       "a constant of RoundingMode", List.of("", "half_up", "HALF_UP ", "HALFUP", "4", "NONE"));
     }
 
@@ -417,6 +418,59 @@ class ValueTest extends OpenRegistry {
         assertEquals(List.of("größer"), Command.run("get", below("text")));
         assertEquals(List.of("a", "b"), Command.run("get", below("list")));
         assertEquals(List.of("-2"), Command.run("get", below("long")));
+    }
+
+    /** What a program makes for its own tests: the methods without a default. */
+    private static final class StandIn implements RegistryReader {
+        private final KeyInfo info = new KeyInfo("k", ValueType.INT32, 4, false, EnumSet.of(Right.READ),
+                                                 KeySecurity.open().withOwner("u").withGroup("g"), 7, Optional.empty(),
+                                                 Optional.empty());
+
+        @Override
+        public Optional<Value> findValue(String name) {
+            return name.equals("k") ? Optional.of(new Value.Int32(5)) : Optional.empty();
+        }
+
+        @Override
+        public boolean exists(String name) {
+            return name.equals("k");
+        }
+
+        @Override
+        public List<String> list(String name) {
+            return List.of();
+        }
+
+        @Override
+        public Stream<Entry> walk(String name, int depth) {
+            throw new KeyNotFoundException(name, String.valueOf(depth));
+        }
+
+        @Override
+        public KeyInfo stat(String name) {
+            return info;
+        }
+
+        @Override
+        public EnumSet<Right> rights(String name) {
+            return EnumSet.of(Right.READ);
+        }
+    }
+
+    @Test
+    void aStandInNeedsSixMethods() {
+        RegistryReader reader = new StandIn();
+        assertEquals(5, reader.getInt("k"));
+        assertEquals(5, reader.getLong("k"));
+        assertEquals(1, reader.getInt("absent", 1));
+        assertEquals(OptionalInt.empty(), reader.findInt("absent"));
+        assertEquals("absent", assertThrows(KeyNotFoundException.class, () -> reader.getText("absent")).key());
+        assertEquals("k", assertThrows(WrongTypeException.class, () -> reader.getText("k")).key());
+        assertEquals(Optional.of("u"), reader.owner("k"));
+        assertEquals(Optional.of("g"), reader.group("k"));
+        assertEquals("1", assertThrows(KeyNotFoundException.class, () -> reader.entries("k")).text());
+        assertEquals(String.valueOf(Integer.MAX_VALUE),
+                     assertThrows(KeyNotFoundException.class, () -> reader.walk("k")).text());
     }
 
     @Test
