@@ -109,7 +109,7 @@ jbyteArray JNICALL revision(JNIEnv* env, jclass, jlong registry) {
 jbyteArray JNICALL beginSnapshot(JNIEnv* env, jclass, jlong registry, jlong revision) {
   return call_registry(env, registry, [&](OpenRegistry& open, DataWriter& result) -> Status {
     std::unique_ptr<Snapshot> snapshot;
-    const Status status =
+    Status status =
         revision == kLatest ? open.client().snapshot(&snapshot) : open.client().at(Revision(revision), &snapshot);
     if (!status.ok()) return status;
     const Revision of_state = snapshot->revision();

@@ -355,7 +355,8 @@ class BatchTest extends OpenRegistry {
 
     @Test
     void aConflictOfAnUpdateIsAboutItsKey() {
-        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofMillis(1)).build();
+        // Long enough for each call on a cluster.
+        RegistryOptions impatient = RegistryOptions.builder().timeout(Duration.ofSeconds(2)).build();
         try (Registry other = Registry.open(impatient)) {
             for (int round = 0; round < 2; round++) {
                 ConflictException conflict =

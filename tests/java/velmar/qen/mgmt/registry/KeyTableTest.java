@@ -91,10 +91,10 @@ class KeyTableTest {
         assertEquals(KEYS + 15, table.weight());
     }
 
-    /** Looks up keys in a random order until the last of them is there. */
+    /** Looks up keys in a random order until the last of them is there, or the thread is interrupted. */
     private static void look(KeyTable table, String[] names, int seed) {
         Random random = new Random(seed);
-        while (table.find(names[KEYS - 1]) == null) {
+        while (table.find(names[KEYS - 1]) == null && !Thread.currentThread().isInterrupted()) {
             String name = names[random.nextInt(KEYS)];
             Object content = table.find(name);
             assertTrue(content == null || content == name, () -> content + " as the content of " + name);
