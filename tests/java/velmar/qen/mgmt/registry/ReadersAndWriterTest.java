@@ -15,6 +15,7 @@ import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.function.Consumer;
 import java.util.function.IntConsumer;
+import java.util.function.LongSupplier;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -125,31 +126,43 @@ class ReadersAndWriterTest extends OpenRegistry {
     }
 
     @Test
-    void numbersThatAreReadNeverGoBack() throws InterruptedException, ExecutionException {
+    void valuesThatAreReadNeverGoBack() throws InterruptedException, ExecutionException {
+        readGrowingNumbers(() -> registry.getInt(below("count")));
+    }
+
+    @Test
+    void revisionsThatAreReadNeverGoBack() throws InterruptedException, ExecutionException {
+        readGrowingNumbers(() -> registry.stat(below("count")).revision());
+    }
+
+    private void readGrowingNumbers(LongSupplier number) throws InterruptedException, ExecutionException {
         registry.put(below("count"), 0);
-        List<Future<Integer>> readers = new ArrayList<>();
+        List<Future<Long>> readers = new ArrayList<>();
         for (int i = 0; i < READERS; i++) {
-            readers.add(pool.submit(this::lastOfGrowingNumbers));
+            readers.add(pool.submit(() -> lastOf(number)));
         }
         reading.await();
-        for (int number = 1; number <= STEPS; number++) {
-            registry.put(below("count"), number);
-            assertEquals(number, registry.getInt(below("count")));
+        long before = number.getAsLong();
+        for (int value = 1; value <= STEPS; value++) {
+            registry.put(below("count"), value);
+            long after = number.getAsLong();
+            assertTrue(before < after, "a change is not seen");
+            before = after;
         }
         done.set(true);
-        for (Future<Integer> reader : readers) {
-            assertEquals(STEPS, reader.get());
+        for (Future<Long> reader : readers) {
+            assertEquals(before, reader.get());
         }
     }
 
-    private int lastOfGrowingNumbers() {
-        int last = 0;
+    private long lastOf(LongSupplier growing) {
+        long last = 0;
         reading.countDown();
         while (!done.get()) {
-            int number = registry.getInt(below("count"));
+            long number = growing.getAsLong();
             assertTrue(number >= last, "a number goes back");
             last = number;
         }
-        return registry.getInt(below("count"));
+        return growing.getAsLong();
     }
 }
