@@ -246,6 +246,86 @@ TEST_F(EtcdSession, ADeadOwnersClaimIsRemovedWithItsBuild) {
   expect_only_nodes(2 + kMany);
 }
 
+// A request whose answer is late is sent again. A member of the cluster that was stopped carries out the first copy
+// long afterwards: right after the change, or when its session has ended.
+TEST_F(EtcdSession, ACopyOfAnyRequestThatComesLateChangesNothing) {
+  std::vector<TxnRequest> sent;
+  bool laid_claim = false;
+  kv_.after_txn = [&](const TxnRequest& request) {
+    sent.push_back(request);
+    laid_claim = laid_claim || kv_.count(keys_.all_claims()) > 0;
+    return Reply();
+  };
+  const auto send_all_again = [&](const std::string& when) {
+    const auto after_txn = std::exchange(kv_.after_txn, nullptr);
+    const std::int64_t revision = kv_.revision();
+    for (const TxnRequest& request : sent) {
+      TxnResponse response;
+      (void)kv_.txn(request, &response, Deadline(std::chrono::seconds(1)));
+      std::string keys;
+      for (const Compare& compare : request.compare()) keys += compare.key() + "\n";
+      ASSERT_EQ(kv_.revision(), revision) << "after the " << when << ", a request that compares\n" << keys;
+    }
+    kv_.after_txn = after_txn;
+  };
+  const auto top_id = [&](NodeId* id) {
+    return run(
+        *one_,
+        [&](View& view) -> Status {
+          Node top;
+          Status status = follow(view, "top", &top);
+          *id = top.id;
+          return status;
+        },
+        Stm::Purpose::kRead);
+  };
+  NodeId top = kNoNode;
+
+  ASSERT_TRUE(done(create(*one_, "a")));
+  send_all_again("creation");
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  send_all_again("build");
+  ASSERT_TRUE(done(top_id(&top)));
+  ASSERT_TRUE(done(run(*one_, [&](Update& update) {
+    return update.children(
+        top, [&](std::string_view, const Node& node) { return update.set_value(node.id, 3, bytes_of("changed")); });
+  })));
+  ASSERT_TRUE(laid_claim) << "the change was not a large one";
+  send_all_again("large change");
+  ASSERT_TRUE(done(run(*one_, [](Update& update) -> Status {
+    Node node;
+    if (Status status = update.find(kRootNode, "a", &node); !status.ok()) return status;
+    if (Status status = update.unlink(kRootNode, "a"); !status.ok()) return status;
+    return update.discard(node.id);
+  })));
+  send_all_again("removal");
+
+  kv_.expire_leases();
+  send_all_again("end of the session");
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  expect_only_nodes(2 + kMany);
+}
+
+// The answer to the first copy of the batch was lost, and the second one was refused. Nothing refers to what the batch
+// has staged, so there is no need to know whether it was made.
+TEST_F(EtcdSession, AnOwnerThatEndedWhileItsFirstBatchWasUnansweredBeginsAgain) {
+  bool lost = false;
+  kv_.after_txn = [&](const TxnRequest&) {
+    if (kv_.count(keys_.all_staging()) == 0 || std::exchange(lost, true)) return Reply();
+    kv_.expire_leases();
+    return Reply{Verdict::kFinal, Status(PRTKV_STORAGE_FAILED, "refused"), true};
+  };
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  ASSERT_TRUE(lost);
+  EXPECT_EQ(runs_, 2);
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  expect_only_nodes(2 + kMany);
+}
+
 // The first copy of the write was made, but its answer was lost, and the lease ran out before the second was sent.
 TEST_F(EtcdSession, AWriteWhoseMarkEndedWithItsSessionIsUndecided) {
   ASSERT_TRUE(done(create(*one_, "a")));

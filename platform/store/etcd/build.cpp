@@ -54,15 +54,29 @@ std::optional<BuildText> BuildText::parse(std::string_view text) {
   return result;
 }
 
-Build::Build(Kv& kv, const Keys& keys, const Owner& owner, std::string token)
-    : kv_(kv), keys_(keys), token_(std::move(token)), mark_{keys.staging(token_), 0, owner, false} {
+Build::Build(Kv& kv, const Keys& keys, Writers& writers, const Owner& owner, std::string token)
+    : kv_(kv), keys_(keys), writers_(writers), token_(std::move(token)), mark_{keys.staging(token_), 0, owner, false} {
   text_.session = owner.token;
 }
 
 Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
   ++text_.batch;
   text_.ids = ids;
+  if (text_.batch == 1) return send_first(std::move(batch));
   return write_once(kv_, keys_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
+}
+
+// If the session has ended, it does not matter whether the batch was made: nothing refers to it, and a sweeper finds
+// it.
+Written Build::send_first(TxnRequest batch) {
+  compare_revision(&batch, mark_.key, 0);
+  put(batch.add_success(), mark_.key, text_.print());
+  Mark writer = writers_.take(mark_.owner);
+  Written written = write_once(kv_, keys_, std::move(batch), &writer, writers_.next_text(), Deadline(kv_.timeout()));
+  writers_.give_back(std::move(writer));
+  if (written.made) mark_.mod_revision = written.revision;
+  if (written.lost) written.status = {};
+  return written;
 }
 
 void Build::finish_in(TxnRequest* commit) const {

@@ -4,6 +4,10 @@
 // A key of its own says which ids those are and whose session it is, so that the remains of an interrupted build can be
 // removed once that session has ended. Every batch rewrites that key and compares its revision: no batch can be made
 // twice or out of order, and a build that has been given up cannot go on.
+//
+// The first batch finds no such key, and nor would a copy of it that arrives when the commit has removed the key again.
+// Such a copy would have the subtree taken for the remains of an interrupted build. So the first batch is a write of
+// one of the session's writers (see writer.h), of which no late copy can be made.
 #ifndef TKV_PLATFORM_STORE_ETCD_BUILD_H
 #define TKV_PLATFORM_STORE_ETCD_BUILD_H
 
@@ -35,7 +39,7 @@ struct BuildText {
 class Build {
  public:
   // `token` must never have been used.
-  Build(Kv& kv, const Keys& keys, const Owner& owner, std::string token);
+  Build(Kv& kv, const Keys& keys, Writers& writers, const Owner& owner, std::string token);
 
   bool started() const { return text_.batch > 0; }
   const std::string& key() const { return mark_.key; }
@@ -49,8 +53,11 @@ class Build {
   void finish_in(TxnRequest* commit) const;
 
  private:
+  Written send_first(TxnRequest batch);
+
   Kv& kv_;
   const Keys& keys_;
+  Writers& writers_;
   const std::string token_;
   Mark mark_;
   BuildText text_;

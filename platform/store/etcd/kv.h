@@ -81,9 +81,10 @@ class Kv {
   virtual Reply range(const etcdserverpb::RangeRequest& request, etcdserverpb::RangeResponse* response,
                       Deadline deadline) = 0;
 
-  // Sends a transaction, and sends it again if its answer is lost. So it must be one that only reads, one whose
-  // comparisons fail once it has been made, or one that changes nothing the second time. `expected` is the size in
-  // bytes of a large answer, which is given more time.
+  // Sends a transaction, and sends it again if its answer is lost. The first copy may be carried out after the second,
+  // and after any number of later changes. So it must be one that only reads, one whose comparisons fail for good once
+  // it has been made, or one that changes nothing the second time. `expected` is the size in bytes of a large answer,
+  // which is given more time.
   virtual Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline,
                     std::size_t expected) = 0;
   Reply txn(const etcdserverpb::TxnRequest& request, etcdserverpb::TxnResponse* response, Deadline deadline) {

@@ -36,7 +36,7 @@ Status Staging::begin(std::optional<std::int64_t> began) {
   if (build_) return {};
   Owner found;
   if (Status status = owner(&found); !status.ok()) return run_.fail(std::move(status));
-  build_.emplace(*core_.kv, core_.keys, found, began ? claim_token(*began) : random_token());
+  build_.emplace(*core_.kv, core_.keys, core_.writers, found, began ? claim_token(*began) : random_token());
   return {};
 }
 

@@ -92,7 +92,6 @@ void Write::settle(Written* written) {
   } else {
     return;
   }
-  written->lost = false;
   written->status = Status(PRTKV_UNDECIDED, (refusal.ok() ? "" : refusal.text() + "; ") +
                                                 "it is not known whether the change was made: " + why);
 }

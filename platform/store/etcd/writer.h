@@ -32,7 +32,7 @@ struct Mark {
 struct Written {
   Status status;              // failure: nothing was made, unless the message says that this is unknown
   bool made = false;          // success only: false if the comparisons failed
-  bool lost = false;          // not made, because the owner's session has ended
+  bool lost = false;          // the owner's session has ended: not made, or with PRTKV_UNDECIDED perhaps made before
   std::int64_t revision = 0;  // success only: at which it was made, or at which the comparisons failed
   TxnResponse response;       // if the comparisons failed: what the failure branch read
   bool went_back = false;     // the mark is older than when it was last seen: this is another history of the cluster
