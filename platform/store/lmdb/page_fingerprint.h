@@ -1,6 +1,6 @@
 // Fingerprints of leaf pages: a hash of what a page holds and of the range of keys that it is for.
 //
-// Two pages that have the same fingerprint have the same contents. That they have not is as unlikely as guessing a
+// Pages with equal fingerprints are taken to have equal contents. That this is wrong is as unlikely as guessing a
 // number of 64 bits. It cannot be brought about either: the hash begins with a random number that each process makes
 // for itself and tells nobody.
 #ifndef TKV_PLATFORM_STORE_LMDB_PAGE_FINGERPRINT_H

@@ -59,7 +59,7 @@ std::uint64_t UnchangedPages::fingerprint(const FileState& state, std::uint64_t 
   if (const std::uint64_t known = known_fingerprint(page); known != 0) return known;
   const std::uint64_t fingerprint = fingerprint_of_leaf(state, page);
   try {
-    if (fingerprint != 0) looks_.set(page, {fingerprint, state.transaction}, kMostLookedAt);
+    if (fingerprint != 0 && !looks_.set(page, {fingerprint, state.transaction}, kMostLookedAt)) looks_.clear();
   } catch (const std::bad_alloc&) {
     return fingerprint;
   }

@@ -86,6 +86,7 @@ class UnchangedPages {
 
   // Each read of a known key looks into the first table, which is small enough for the processor's caches.
   static constexpr std::size_t kMostReplaced = std::size_t{1} << 12;
+  // If there are more, the second table is begun anew: pages that are gone would otherwise stay in it for good.
   static constexpr std::size_t kMostLookedAt = std::size_t{1} << 15;
 
   static int compare_begins(const PageInTree& left, const PageInTree& right);
