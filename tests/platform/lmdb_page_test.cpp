@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -77,6 +79,75 @@ constexpr std::size_t kFlagsAt = 10;
 constexpr std::size_t kLowerAt = 12;
 constexpr std::size_t kUpperAt = 14;
 constexpr std::size_t kFirstOffsetAt = 16;
+
+// The children in which two branch pages differ, or nothing if they differ in more than a few children's numbers.
+std::optional<std::vector<unsigned>> difference(const std::string& left, const std::string& right) {
+  Page pages[2];
+  FewChildren children;
+  std::size_t at = 0;
+  for (const std::string* bytes : {&left, &right}) {
+    EXPECT_EQ(pages[at++].open(bytes_of(*bytes).data(), bytes->size(), kNumber, kBranchPage), nullptr);
+  }
+  if (!Page::differ_in_few_children(pages[0], pages[1], &children)) return std::nullopt;
+  return std::vector<unsigned>(children.indices().begin(), children.indices().end());
+}
+
+// A branch page with a child for each number, under the keys "000", "001" and so on.
+std::string branch_of(const std::vector<std::uint64_t>& numbers) {
+  PageBuilder page(kNumber, kBranchPage);
+  std::size_t index = 0;
+  for (const std::uint64_t number : numbers) {
+    const std::string digits = std::to_string(1000 + index);
+    page.branch(index++ == 0 ? "" : digits.substr(1), number);
+  }
+  return page.bytes();
+}
+
+TEST(Page, ChildrenInWhichPagesDifferAreFound) {
+  constexpr std::size_t kMost = FewChildren::kMost;
+  std::vector<std::uint64_t> numbers(kMost + 2, 50);
+  std::vector<std::uint64_t> others = numbers;
+  std::vector<unsigned> different;
+  const std::string page = branch_of(numbers);
+  EXPECT_EQ(difference(page, page), different);
+  for (unsigned index = 0; index < numbers.size(); ++index) {
+    others[index] += std::uint64_t{1} << (index * 5);  // in each of the number's three words
+    different.push_back(index);
+    using Answer = std::optional<std::vector<unsigned>>;
+    EXPECT_EQ(difference(page, branch_of(others)), index < kMost ? Answer(different) : Answer());
+  }
+  for (unsigned index = 0; index < numbers.size(); ++index) {
+    others = numbers;
+    others[index] = 51;
+    EXPECT_EQ(difference(page, branch_of(others)), std::vector<unsigned>{index});
+  }
+}
+
+TEST(Page, PagesThatDifferInAnythingElseAreToldApart) {
+  const auto page = [](const char* second, const char* third) {
+    return PageBuilder(kNumber, kBranchPage).branch("", 3).branch(second, 4).branch(third, 5);
+  };
+  const std::string sound = page("m", "t").bytes();
+  std::uint16_t offsets[3];
+  std::memcpy(offsets, sound.data() + kFirstOffsetAt, sizeof offsets);
+  std::string exchanged = with(sound, kFirstOffsetAt, offsets[1]);
+  exchanged = with(exchanged, kFirstOffsetAt + 2, offsets[0]);
+  const std::string others[] = {
+      page("n", "t").bytes(),
+      page("m", "u").bytes(),
+      page("mm", "t").bytes(),  // of the same size
+      page("mmm", "t").bytes(),
+      page("m", "t").branch("x", 6).bytes(),
+      PageBuilder(kNumber, kBranchPage).branch("", 3).branch("t", 5).bytes(),
+      exchanged,
+  };
+  for (const std::string& other : others) EXPECT_EQ(difference(sound, other), std::nullopt);
+  // The second node's key reaches into the first node, whose number would be taken for no part of it.
+  const std::string overlapping = with(sound, offsets[1] + 6u, std::uint16_t{8});
+  EXPECT_EQ(difference(overlapping, with(overlapping, offsets[0] + 0u, std::uint16_t{9})), std::nullopt);
+  const std::string outside = with(sound, kFirstOffsetAt, static_cast<std::uint16_t>(kSize - 6));
+  EXPECT_EQ(difference(outside, outside), std::nullopt);
+}
 
 TEST(Page, DefectsOfTheHeaderAreFound) {
   const std::string sound = leaf().bytes();

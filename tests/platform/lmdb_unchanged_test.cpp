@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "lmdb_files.h"
+#include "page_builder.h"
+#include "store/lmdb/unchanged_pages.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
@@ -267,6 +269,38 @@ TEST_F(LmdbSubtrees, ANodeOfAPageWithOtherContentsIsNotRecognized) {
 TEST_F(LmdbSubtrees, NoNodeIsKnownToBeUnchangedOnceOneWasRemoved) {
   ASSERT_TRUE(store_->write([&](Update& update) { return update.unlink(groups_.back(), name_of(0)); }).ok());
   EXPECT_EQ(unchanged_until(*known_), 0u);
+}
+
+TEST(UnchangedPages, APageWhoseRangeChangesAboveItsBranchPageIsReplaced) {
+  constexpr std::size_t kPages = 16;
+  std::string file(kPages * PageBuilder::kSize, '\0');
+  const auto put = [&](std::uint64_t number, const char* second_key, std::uint64_t first, std::uint64_t second) {
+    const std::string page = PageBuilder(number, kBranchPage).branch("", first).branch(second_key, second).bytes();
+    file.replace(number * page.size(), page.size(), page);
+  };
+  const auto state_of = [&](std::uint64_t transaction, std::uint64_t root) {
+    FileState state;
+    state.map = {reinterpret_cast<const std::byte*>(file.data()), file.size(), PageBuilder::kSize, ""};
+    state.transaction = transaction;
+    state.page_count = kPages;
+    state.records.page = root;
+    state.records.depth = 3;
+    return state;
+  };
+  put(2, "m", 3, 4);
+  put(3, "c", 10, 11);
+  put(4, "t", 12, 13);
+  put(5, "p", 6, 7);  // instead of "m"
+  put(6, "c", 10, 11);
+  put(7, "t", 12, 13);
+  UnchangedPages pages;
+  pages.follow(state_of(1, 2), 1);
+  pages.follow(state_of(2, 5), 1);
+  const auto has_kept = [&](std::uint32_t page) { return pages.has_kept(1, {1, 1, 1, page, page, 1}); };
+  EXPECT_TRUE(has_kept(10));
+  EXPECT_FALSE(has_kept(11));
+  EXPECT_FALSE(has_kept(12));
+  EXPECT_TRUE(has_kept(13));
 }
 
 }  // namespace

@@ -59,6 +59,42 @@ PageDefect Page::check_nodes(std::uint64_t page_count, Keys keys) const {
   return is_leaf_ ? check_each_node<true, Keys::kBytes>(page_count) : check_each_node<false, Keys::kBytes>(page_count);
 }
 
+// Most nodes are the same, so only their headers are looked at one by one. If all else is the same as well, so are the
+// keys, unless nodes overlap: then a number may be part of a key.
+bool Page::differ_in_few_children(const Page& left, const Page& right, FewChildren* children) {
+  constexpr std::size_t kNumberSize = offsetof(NodeHeader, key_size);
+  const std::byte* const offsets = left.bytes_ + sizeof(PageHeader);
+  std::array<std::size_t, FewChildren::kMost> numbers_at;  // in ascending order
+  std::size_t count = 0;
+  std::size_t total = 0;
+  children->clear();
+  if (left.size_ != right.size_ || left.count_ != right.count_ || left.upper_ != right.upper_) return false;
+  if (std::memcmp(offsets, right.bytes_ + sizeof(PageHeader), left.count_ * sizeof(std::uint16_t)) != 0) return false;
+  for (unsigned index = 0; index < left.count_; ++index) {
+    std::uint16_t offset = 0;
+    NodeHeader header;
+    std::memcpy(&offset, offsets + std::size_t{index} * sizeof offset, sizeof offset);
+    if (offset < left.upper_ || offset + sizeof header > left.size_) return false;
+    std::memcpy(&header, left.bytes_ + offset, sizeof header);
+    total += (sizeof header + header.key_size + 1u) / 2 * 2;
+    if (std::memcmp(left.bytes_ + offset, right.bytes_ + offset, sizeof header) == 0) continue;
+    if (!children->add(index)) return false;
+    std::size_t place = count++;
+    for (; place > 0 && numbers_at[place - 1] > offset; --place) numbers_at[place] = numbers_at[place - 1];
+    numbers_at[place] = offset;
+  }
+  if (total != left.size_ - left.upper_) return false;
+  std::size_t same_from = left.upper_;
+  const auto is_same_up_to = [&](std::size_t end) {
+    return same_from <= end && std::memcmp(left.bytes_ + same_from, right.bytes_ + same_from, end - same_from) == 0;
+  };
+  for (std::size_t each = 0; each < count; ++each) {
+    if (!is_same_up_to(numbers_at[each])) return false;
+    same_from = numbers_at[each] + kNumberSize;
+  }
+  return is_same_up_to(left.size_);
+}
+
 PageDefect check_overflow_header(const std::byte* bytes, std::size_t page_size, std::uint64_t number, std::size_t size,
                                  std::uint64_t page_count) {
   PageHeader header;

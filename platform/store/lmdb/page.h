@@ -8,6 +8,7 @@
 #ifndef TKV_PLATFORM_STORE_LMDB_PAGE_H
 #define TKV_PLATFORM_STORE_LMDB_PAGE_H
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -71,6 +72,24 @@ struct PageNode {
   }
 };
 
+// Indices of a few nodes of a branch page, in ascending order.
+class FewChildren {
+ public:
+  static constexpr std::size_t kMost = 8;
+
+  [[nodiscard]] bool add(unsigned index) {
+    if (count_ == kMost) return false;
+    indices_[count_++] = index;
+    return true;
+  }
+  void clear() { count_ = 0; }
+  std::span<const unsigned> indices() const { return std::span(indices_).first(count_); }
+
+ private:
+  std::array<unsigned, kMost> indices_;
+  std::size_t count_ = 0;
+};
+
 class Page {
  public:
   enum class Keys { kBytes, kIntegers };
@@ -128,6 +147,10 @@ class Page {
   // refer to pages between the meta pages and `page_count` only. A branch page's first key is not looked at: LMDB does
   // not use it.
   PageDefect check_nodes(std::uint64_t page_count, Keys keys) const;
+
+  // Whether two branch pages of the same size are the same in all but the numbers of a few children, which they then
+  // have in `*children`. As a rule, LMDB replaces a branch page by such a page.
+  static bool differ_in_few_children(const Page& left, const Page& right, FewChildren* children);
 
  private:
   template <bool is_leaf>

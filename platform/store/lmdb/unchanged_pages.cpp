@@ -100,9 +100,7 @@ void UnchangedPages::follow(const FileState& state, std::uint64_t structure) noe
   } catch (const std::bad_alloc&) {
     is_followed = false;
   }
-  former_.clear();
-  present_.clear();
-  children_.clear();
+  for (std::vector<PageInTree>* pages : {&former_, &present_, &former_children_, &present_children_}) pages->clear();
   if (!is_followed) {
     replaced_.clear();
     followed_since_ = state.transaction;
@@ -124,33 +122,76 @@ bool UnchangedPages::compare(const FileState& state) {
     for (const PageInTree& page : former_)
       if (!replaced_.set(page.number, state.transaction, kMostReplaced)) return false;
     if (level == depth_) return true;
-    if (!open_children(state, &former_, &children_) || !open_children(state, &present_, &children_)) return false;
+    if (!open_children(state)) return false;
   }
 }
 
-// Replaces branch pages by their children. `children` is empty before and after.
-bool UnchangedPages::open_children(const FileState& state, std::vector<PageInTree>* pages,
-                                   std::vector<PageInTree>* children) {
+bool UnchangedPages::open_branch(const FileState& state, const PageInTree& parent, Page* page) {
+  return state.has_page(parent.number) &&
+         page->open(state.page(parent.number), state.map.page_size, parent.number, kBranchPage) == nullptr;
+}
+
+bool UnchangedPages::add_child(const PageInTree& parent, const Page& page, unsigned index,
+                               std::vector<PageInTree>* children) {
+  PageNode node;
+  Bytes end = parent.end;
+  if (!page.read(index, &node) || node.child() == 0) return false;
+  if (index + 1 < page.count() && !page.read_key(index + 1, &end)) return false;
+  children->push_back({node.child(), index == 0 ? parent.begin : node.key, end});
+  return true;
+}
+
+// Replaces the branch pages of both states by their children. Children that both have may be left out.
+bool UnchangedPages::open_children(const FileState& state) {
+  std::size_t both = 0;
+  for (; both < former_.size() && both < present_.size(); ++both) {
+    const PageInTree& former = former_[both];
+    const PageInTree& present = present_[both];
+    if (!has_same_range(former, present)) break;
+    if (open_different_children(state, former, present)) continue;
+    if (!open_all(state, {&former, 1}, &former_children_)) return false;
+    if (!open_all(state, {&present, 1}, &present_children_)) return false;
+  }
+  if (!open_all(state, std::span(former_).subspan(both), &former_children_)) return false;
+  if (!open_all(state, std::span(present_).subspan(both), &present_children_)) return false;
+  former_.swap(former_children_);
+  present_.swap(present_children_);
+  former_children_.clear();
+  present_children_.clear();
+  return true;
+}
+
+bool UnchangedPages::open_all(const FileState& state, std::span<const PageInTree> parents,
+                              std::vector<PageInTree>* children) {
   constexpr std::size_t kMostChildren = std::size_t{1} << 16;
-  for (const PageInTree& parent : *pages) {
+  for (const PageInTree& parent : parents) {
     Page page;
-    if (!state.has_page(parent.number) ||
-        page.open(state.page(parent.number), state.map.page_size, parent.number, kBranchPage) != nullptr) {
-      return false;
-    }
-    const std::size_t first = children->size();
-    for (unsigned index = 0; index < page.count(); ++index) {
-      PageNode node;
-      if (!page.read(index, &node) || node.child() == 0) return false;
-      if (index > 0) children->back().end = node.key;
-      children->push_back({node.child(), node.key, {}});
-    }
-    (*children)[first].begin = parent.begin;
-    children->back().end = parent.end;
+    if (!open_branch(state, parent, &page)) return false;
+    for (unsigned index = 0; index < page.count(); ++index)
+      if (!add_child(parent, page, index, children)) return false;
     if (children->size() > kMostChildren) return false;
   }
-  pages->swap(*children);
-  children->clear();
+  return true;
+}
+
+// Of two pages of the same range. Returns false, and opens none, if the pages differ in more than a few children.
+bool UnchangedPages::open_different_children(const FileState& state, const PageInTree& former,
+                                             const PageInTree& present) {
+  Page left;
+  Page right;
+  FewChildren different;
+  if (!open_branch(state, former, &left) || !open_branch(state, present, &right)) return false;
+  if (!Page::differ_in_few_children(left, right, &different)) return false;
+  const std::size_t former_count = former_children_.size();
+  const std::size_t present_count = present_children_.size();
+  for (const unsigned index : different.indices()) {
+    if (add_child(former, left, index, &former_children_) && add_child(present, right, index, &present_children_)) {
+      continue;
+    }
+    former_children_.resize(former_count);
+    present_children_.resize(present_count);
+    return false;
+  }
   return true;
 }
 
@@ -159,11 +200,11 @@ int UnchangedPages::compare_begins(const PageInTree& left, const PageInTree& rig
   return static_cast<int>(left.begin.data() != nullptr) - static_cast<int>(right.begin.data() != nullptr);
 }
 
-bool UnchangedPages::is_same(const PageInTree& left, const PageInTree& right) {
+bool UnchangedPages::has_same_range(const PageInTree& left, const PageInTree& right) {
   const bool same_end = left.end.data() == nullptr || right.end.data() == nullptr
                             ? left.end.data() == right.end.data()
                             : compare_keys(left.end, right.end) == 0;
-  return left.number == right.number && same_end && compare_begins(left, right) == 0;
+  return same_end && compare_begins(left, right) == 0;
 }
 
 // Both levels are in the order of their keys.
@@ -173,7 +214,8 @@ void UnchangedPages::drop_what_both_have() {
   std::size_t former_kept = 0;
   std::size_t present_kept = 0;
   while (former < former_.size() && present < present_.size()) {
-    if (is_same(former_[former], present_[present])) {
+    const bool is_same_page = former_[former].number == present_[present].number;
+    if (is_same_page && has_same_range(former_[former], present_[present])) {
       ++former;
       ++present;
       continue;

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "store/lmdb/file_state.h"
+#include "store/lmdb/page.h"
 #include "store/store.h"
 
 namespace tkv::store {
@@ -90,11 +91,15 @@ class UnchangedPages {
   static constexpr std::size_t kMostLookedAt = std::size_t{1} << 15;
 
   static int compare_begins(const PageInTree& left, const PageInTree& right);
-  static bool is_same(const PageInTree& left, const PageInTree& right);
-  static bool open_children(const FileState& state, std::vector<PageInTree>* pages, std::vector<PageInTree>* children);
+  static bool has_same_range(const PageInTree& left, const PageInTree& right);
+  static bool open_branch(const FileState& state, const PageInTree& parent, Page* page);
+  static bool add_child(const PageInTree& parent, const Page& page, unsigned index, std::vector<PageInTree>* children);
+  static bool open_all(const FileState& state, std::span<const PageInTree> parents, std::vector<PageInTree>* children);
 
   bool compare(const FileState& state);
   void drop_what_both_have();
+  bool open_children(const FileState& state);
+  bool open_different_children(const FileState& state, const PageInTree& former, const PageInTree& present);
   bool has_kept_nodes_since(std::uint64_t former) const { return state_ != 0 && former >= nodes_kept_since_; }
   bool has_kept_page_since(std::uint64_t former, std::uint64_t page) const;
   bool has_kept_pages_since(std::uint64_t former, const ValuePlace& place) const;
@@ -113,7 +118,8 @@ class UnchangedPages {
   // Empty between calls; they keep their memory.
   std::vector<PageInTree> former_;
   std::vector<PageInTree> present_;
-  std::vector<PageInTree> children_;
+  std::vector<PageInTree> former_children_;
+  std::vector<PageInTree> present_children_;
 };
 
 }  // namespace tkv::store
