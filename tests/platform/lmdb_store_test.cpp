@@ -25,6 +25,7 @@
 #include "lmdb_files.h"
 #include "newer_record.h"
 #include "store/lmdb/file.h"
+#include "store/lmdb/page.h"
 #include "temporary_directory.h"
 
 namespace tkv::store {
@@ -211,6 +212,37 @@ TEST_F(Lmdb, ATruncatedFileIsReportedInsteadOfEndingTheProcess) {
     EXPECT_NE(read.text().find("was truncated"), std::string::npos) << read.text();
     EXPECT_TRUE(set_text(*store, id, "x").is(PRTKV_STORAGE_FAILED));
   }
+}
+
+TEST_F(Lmdb, AFileThatIsTruncatedBeforeTheFirstReadIsReported) {
+  open().reset();
+  const auto store = open();
+  fs::resize_file(data_file(), 4096);
+  std::string text;
+  const Status read = get_text(*store, kRootNode, &text);
+  EXPECT_TRUE(read.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(read.text().find("was truncated"), std::string::npos) << read.text();
+}
+
+TEST_F(Lmdb, TheFirstReadSeesTheStructureOfItsOwnState) {
+  const auto structure_in = [](Store& store) {
+    std::uint64_t structure = 0;
+    const auto look = [&](View& view) {
+      structure = view.structure();
+      return Status();
+    };
+    EXPECT_TRUE(store.read(look).ok());
+    return structure;
+  };
+  NodeId id = kNoNode;
+  ASSERT_TRUE(add_node(*open(), kRootNode, "a", &id).ok());
+  const std::uint64_t former = structure_in(*open());
+  EXPECT_NE(former, 0u);
+  auto store = open();
+  ASSERT_TRUE(store->write([](Update& update) { return update.unlink(kRootNode, "a"); }).ok());
+  EXPECT_EQ(structure_in(*store), former + 1);
+  store.reset();
+  EXPECT_EQ(structure_in(*open()), former + 1);
 }
 
 TEST_F(Lmdb, TheLatestStateIsThatOfTheLastAcknowledgedWrite) {
@@ -1397,6 +1429,44 @@ TEST_F(LmdbDamage, ACheckFindsAMetaPageThatWasDamagedWhileTheRegistryWasOpen) {
       false, [](const Finding&) {}, &totals);
   EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
   EXPECT_NE(status.text().find("page 0 is not a meta page of LMDB"), std::string::npos) << status.text();
+}
+
+// Whether a page of the file holds a record under the key.
+bool holds(const std::string& bytes, std::uint64_t number, const Key& key) {
+  constexpr std::size_t kPageSize = 4096;
+  Page page;
+  const auto* const at = reinterpret_cast<const std::byte*>(bytes.data()) + number * kPageSize;
+  if (page.open(at, kPageSize, number, kLeafPage) != nullptr) return false;
+  for (unsigned index = 0; index < page.count(); ++index) {
+    PageNode node;
+    if (page.read(index, &node) && compare_keys(node.key, key.bytes()) == 0) return true;
+  }
+  return false;
+}
+
+TEST_F(LmdbDamage, ARegistryWhoseRootIsOnADamagedPageCanBeOpened) {
+  constexpr std::size_t kPageSize = 4096;
+  options_.retention.off = false;
+  auto store = open();
+  for (int change = 0; change < 200; ++change) {  // a log of several pages, so that the root is on another one
+    ASSERT_TRUE(set_text(*store, kRootNode, "text").ok());
+  }
+  store.reset();
+  std::string bytes = read_file(data_file());
+  std::size_t damaged = 0;
+  for (std::uint64_t number = 2; number < bytes.size() / kPageSize; ++number) {
+    if (!holds(bytes, number, Key::node(kNoNode)) || holds(bytes, number, Key::meta())) continue;
+    bytes[number * kPageSize + offsetof(PageHeader, flags)] = 0;
+    ++damaged;
+  }
+  ASSERT_GT(damaged, 0u);
+  write_file(data_file(), bytes);
+  store = open();
+  const Status status = store->read([](View& view) {
+    Node node;
+    return view.find(kNoNode, "", &node);
+  });
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.text();
 }
 
 TEST_F(LmdbDamage, AFileWhoseLastPagesWereNeverWrittenIsSound) {

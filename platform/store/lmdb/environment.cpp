@@ -352,8 +352,12 @@ Status Environment::check_contents() try {
 
 Status Environment::read_contents() {
   if (Status status = extend_short_file(); !status.ok()) return status;
-  if (Status status = locate_map(env_, directory_.c_str(), &map_); !status.ok()) return status;
-  readers_.for_each([](ReaderSlot& slot) { slot.state = FileState{}; });
+  if (Status status = locate_map(env_, directory_.c_str(), &map_, &first_state_); !status.ok()) return status;
+  readers_.for_each([this](ReaderSlot& slot) {
+    slot.state = first_state_.state;
+    slot.structure_state = first_state_.decoded.ok() ? first_state_.state.transaction : 0;
+    slot.structure = first_state_.meta.structure;
+  });
   return {};
 }
 
@@ -367,11 +371,11 @@ bool Environment::is_outgrown() const {
 }
 
 // A registry of a newer format is not touched. A damaged record is left to those who need it, and to a repair.
-Status Environment::check_version() {
-  ReadTransaction transaction(*this, ReadTransaction::Length::kShort);
-  // The transaction's end takes it from this thread's list. NOLINTNEXTLINE(clang-analyzer-core.StackAddressEscape)
-  if (Status status = transaction.begin(); !status.ok()) return status;
-  return check_format(transaction.state()).about("the file in '" + directory_ + "'");
+Status Environment::check_version() const {
+  if (!first_state_.decoded.is(PRTKV_UNUSABLE)) return {};
+  return Status(first_state_.decoded)
+      .about("the record of the registry itself")
+      .about("the file in '" + directory_ + "'");
 }
 
 Status Environment::status(const FileState& state, StoreStatus* status) const {
@@ -407,8 +411,10 @@ Status Environment::extend_short_file() {
   mdb_env_info(env_, &info);
   mdb_env_stat(env_, &pages);
   const auto too_short = [&] {
-    return fstat(file_handle, &file) == 0 &&
-           static_cast<std::uint64_t>(file.st_size) < (std::uint64_t{info.me_last_pgno} + 1) * pages.ms_psize;
+    if (fstat(file_handle, &file) != 0) return false;
+    const auto size = static_cast<std::uint64_t>(file.st_size);
+    seen_size_.store(std::max(size, seen_size_.load()));
+    return size < (std::uint64_t{info.me_last_pgno} + 1) * pages.ms_psize;
   };
   if (!too_short()) return {};
   if (read_only_) {

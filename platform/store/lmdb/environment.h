@@ -105,7 +105,7 @@ class Environment {
   Status check_contents();
   Status read_contents();
   bool is_outgrown() const;
-  Status check_version();
+  Status check_version() const;
   Status extend_short_file();
   Status check_size();
   bool has_kept_its_size();
@@ -143,6 +143,7 @@ class Environment {
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
   FileMap map_;                           // of env_; without an address while it has to be opened anew
+  FirstState first_state_;                // in this map
   std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
   WriteQueue writers_;

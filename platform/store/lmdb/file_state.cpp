@@ -40,59 +40,125 @@ Status holds_no_registry(const FileMap& map) {
               "' is a file of LMDB without a registry; move it aside, or set `location` to another directory"};
 }
 
-// The leaf page that holds the record of the registry itself, whose key is the smallest: reads the leftmost page of
-// each level, without the map.
-class FirstLeaf {
+// Reads the pages on the way to a key without the map. Pages that the way to the key before has led through are not
+// read again.
+class PathInFile {
  public:
-  FirstLeaf(int file, const FileMap& map) : file_(file), map_(map), bytes_(map.page_size) {}
+  PathInFile(int file, const FileMap& map, const FileState& state)
+      : file_(file), map_(map), state_(state), levels_(state.records.depth) {}
 
-  Status read(const FileState& state) {
-    number_ = state.records.page;
-    for (unsigned level = 1;; ++level) {
-      const bool is_leaf = level == state.records.depth;
-      if (!state.has_page(number_)) return damaged_page(map_, {number_, "does not exist, and is referred to"});
-      if (Status status = read_at(file_, map_, number_, bytes_); !status.ok()) return status;
-      Page page;
-      PageDefect defect = page.open(bytes_.data(), bytes_.size(), number_, is_leaf ? kLeafPage : kBranchPage);
-      if (defect == nullptr) defect = page.check_nodes(state.page_count, Page::Keys::kBytes);
-      if (defect == nullptr && !is_leaf && !follow(page)) defect = "has its keys out of order";
-      if (defect != nullptr) return damaged_page(map_, {number_, defect});
-      if (is_leaf) return check_first_record(page);
+  // Each page is checked as a whole: LMDB must come to the same leaf page.
+  Status read(const Key& key) {
+    std::uint64_t number = state_.records.page;
+    for (Level& level : levels_) {
+      if (Status status = read_page(number, &level); !status.ok()) return status;
+      if (&level == &levels_.back()) return {};
+      PageNode node;
+      level.child = child_for(level.page, key);
+      number = level.page.read(level.child, &node) ? node.child() : kNoPage;
     }
+    return {};
   }
 
-  // Whether a page in the map is this one.
-  bool is_at(const std::byte* page) const { return std::memcmp(page, bytes_.data(), bytes_.size()) == 0; }
-  std::uint64_t number() const { return number_; }
+  // The record at an index of the leaf page, if the page holds it under this key. Otherwise it has no bytes.
+  std::span<const std::byte> record_at(unsigned index, const Key& key) const {
+    PageNode node;
+    const bool is_it = leaf().read(index, &node) && compare_keys(node.key, key.bytes()) == 0 && node.data_fits();
+    return is_it && !node.is_big() ? node.rest.first(node.data_size()) : std::span<const std::byte>();
+  }
+
+  bool leaf_holds(const Key& key) const {
+    for (unsigned index = 0; index < leaf().count(); ++index)
+      if (record_at(index, key).data() != nullptr) return true;
+    return false;
+  }
+
+  const Page& leaf() const { return levels_.back().page; }
+
+  // The first page that the way does not leave through its first child. Null if there is none.
+  const Page* left_first_child_at() const {
+    for (const Level& level : levels_)
+      if (level.child != 0) return &level.page;
+    return nullptr;
+  }
+
+  // Whether a page in the map is the leaf page.
+  bool leaf_is_at(const std::byte* page) const {
+    return std::memcmp(page, levels_.back().bytes.data(), map_.page_size) == 0;
+  }
 
  private:
-  // LMDB searches the whole page for the smallest key: it must come out where this does.
-  bool follow(const Page& page) {
-    PageNode first;
-    PageNode second;
-    const Key key = Key::meta();
-    if (!page.read(0, &first) || !page.read(1, &second) || compare_keys(second.key, key.bytes()) <= 0) return false;
-    number_ = first.child();
-    return true;
+  struct Level {
+    std::uint64_t number = 0;  // of the page that was read; 0: none
+    std::vector<std::byte> bytes;
+    Page page;
+    unsigned child = 0;  // of a branch page, on the way
+  };
+
+  Status read_page(std::uint64_t number, Level* level) const {
+    if (level->number == number) return {};
+    if (!state_.has_page(number)) return damaged_page(map_, {number, "does not exist, and is referred to"});
+    level->number = 0;
+    level->bytes.resize(map_.page_size);
+    if (Status status = read_at(file_, map_, number, level->bytes); !status.ok()) return status;
+    const std::uint16_t kind = level == &levels_.back() ? kLeafPage : kBranchPage;
+    PageDefect defect = level->page.open(level->bytes.data(), map_.page_size, number, kind);
+    if (defect == nullptr) defect = level->page.check_nodes(state_.page_count, Page::Keys::kBytes);
+    if (defect != nullptr) return damaged_page(map_, {number, defect});
+    level->number = number;
+    return {};
   }
 
-  Status check_first_record(const Page& page) const {
-    PageNode node;
-    const Key key = Key::meta();
-    KeyParts parts;
-    const bool is_read = page.read(0, &node);
-    if (is_read && compare_keys(node.key, key.bytes()) == 0 && !node.is_big()) return {};
-    return is_read && !read_key(node.key, &parts) ? holds_no_registry(map_) : lacks_own_record(map_);
+  // Which child a search for the key goes to.
+  static unsigned child_for(const Page& page, const Key& key) {
+    unsigned low = 1;
+    unsigned high = page.count();
+    while (low < high) {
+      const unsigned middle = (low + high) / 2;
+      std::span<const std::byte> other;
+      const bool is_behind = page.read_key(middle, &other) && compare_keys(other, key.bytes()) > 0;
+      (is_behind ? high : low) = is_behind ? middle : middle + 1;
+    }
+    return low - 1;
   }
 
   const int file_;
   const FileMap& map_;
-  std::vector<std::byte> bytes_;
-  std::uint64_t number_ = 0;
+  const FileState& state_;
+  std::vector<Level> levels_;
 };
 
+// Reads the record of the registry itself, whose key is the smallest.
+Status read_own_record(const FileMap& map, PathInFile* path, FirstState* first) {
+  const Key key = Key::meta();
+  const TreeRoot& records = first->state.records;
+  if (records.page == kNoPage) return records.entries == 0 ? holds_no_registry(map) : lacks_own_record(map);
+  if (Status status = path->read(key); !status.ok()) return status;
+  if (const Page* const page = path->left_first_child_at(); page != nullptr) {
+    return damaged_page(map, {page->number(), "has its keys out of order"});
+  }
+  const auto record = path->record_at(0, key);
+  if (record.data() == nullptr) {
+    PageNode node;
+    KeyParts parts;
+    const bool is_foreign = path->leaf().read(0, &node) && !read_key(node.key, &parts);
+    return is_foreign ? holds_no_registry(map) : lacks_own_record(map);
+  }
+  first->decoded = decode_meta(record, &first->meta);
+  return {};
+}
+
+// Chooses a record for LMDB to look up, to which `*path` then leads: that of the root node, since most reads begin on
+// the way to it. So no page is brought into the map for this alone.
+Status choose_record(PathInFile* path, Key* key) {
+  *key = Key::node(kNoNode);
+  if (path->read(*key).ok() && path->leaf_holds(*key)) return {};
+  *key = Key::meta();  // the registry is damaged, and perhaps about to be repaired
+  return path->read(*key);
+}
+
 // One attempt. `*found` stays false if another process has committed in between.
-Status try_to_locate(MDB_env* env, FileMap* map, bool* found) {
+Status try_to_locate(MDB_env* env, FileMap* map, FirstState* first, bool* found) {
   MDB_txn* raw = nullptr;
   if (const int code = mdb_txn_begin(env, nullptr, MDB_RDONLY, &raw); code != 0) return cannot_read(*map, code);
   const TransactionHandle txn(raw, &mdb_txn_abort);
@@ -105,14 +171,11 @@ Status try_to_locate(MDB_env* env, FileMap* map, bool* found) {
     return status;
   }
   if (meta.transaction > transaction) return {};  // overwritten since
-  FileState state;
-  if (Status status = load_state(*map, meta, transaction, &state); !status.ok()) return status;
-  FirstLeaf leaf(file, *map);
-  if (state.records.page == kNoPage) {
-    return state.records.entries == 0 ? holds_no_registry(*map) : lacks_own_record(*map);
-  }
-  if (Status status = leaf.read(state); !status.ok()) return status;
-  const Key key = Key::meta();
+  if (Status status = load_state(*map, meta, transaction, &first->state); !status.ok()) return status;
+  PathInFile path(file, *map, first->state);
+  if (Status status = read_own_record(*map, &path, first); !status.ok()) return status;
+  Key key = Key::meta();
+  if (Status status = choose_record(&path, &key); !status.ok()) return status;
   MDB_val key_val = key.val();
   MDB_val data{};
   MDB_dbi database = 0;
@@ -122,8 +185,12 @@ Status try_to_locate(MDB_env* env, FileMap* map, bool* found) {
   // The map is aligned to the system's page size, which is LMDB's as well unless a file was made elsewhere.
   const auto* const record = static_cast<const std::byte*>(data.mv_data);
   const std::size_t within = reinterpret_cast<std::uintptr_t>(record) % map->page_size;
-  if (!leaf.is_at(record - within)) return {};
-  map->address = record - within - leaf.number() * map->page_size;
+  if (!path.leaf_is_at(record - within)) return {};
+  map->address = record - within - path.leaf().number() * map->page_size;
+  bool certain = false;
+  copy_meta_page(*map, transaction, &meta, &certain);
+  first->state.map = *map;
+  if (!certain) first->state = FileState{};  // what was read of the meta page may have been torn
   *found = true;
   return {};
 }
@@ -135,7 +202,7 @@ Status damaged_page(const FileMap& map, PageDamage damage) {
                                     std::to_string(damage.page) + " " + damage.defect};
 }
 
-Status locate_map(MDB_env* env, const char* directory, FileMap* map) {
+Status locate_map(MDB_env* env, const char* directory, FileMap* map, FirstState* first) {
   MDB_stat pages{};
   MDB_envinfo info{};
   mdb_env_stat(env, &pages);
@@ -147,7 +214,7 @@ Status locate_map(MDB_env* env, const char* directory, FileMap* map) {
   constexpr int kAttempts = 100;
   bool found = false;
   for (int attempt = 0; attempt < kAttempts && !found; ++attempt)
-    if (Status status = try_to_locate(env, &located, &found); !status.ok()) return status;
+    if (Status status = try_to_locate(env, &located, first, &found); !status.ok()) return status;
   if (!found) return damaged_page(located, {0, "and the pages that it leads to do not belong together"});
   *map = located;
   return {};

@@ -13,6 +13,7 @@
 
 #include "base/status.h"
 #include "store/lmdb/layout.h"
+#include "store/record.h"
 
 namespace tkv::store {
 
@@ -48,10 +49,17 @@ struct PageDamage {
 // PRTKV_STORAGE_FAILED with a message that names the registry's directory and the page.
 Status damaged_page(const FileMap& map, PageDamage damage);
 
-// Finds the address of the environment's map. Checks the pages on the way to the registry's record of itself, which
-// every registry has, before LMDB follows them. No transaction of the calling thread may be active in the environment.
-// `directory` is for messages and must outlive the map.
-Status locate_map(MDB_env* env, const char* directory, FileMap* map);
+// The state that an environment was opened in, and the registry's record of itself in it.
+struct FirstState {
+  FileState state;  // not loaded if others have committed meanwhile
+  Status decoded;   // the result of decoding the record
+  Meta meta;        // if that has succeeded
+};
+
+// Finds the address of the environment's map, and reads the registry's record of itself, which every registry has.
+// Checks the pages on the way to a record before LMDB follows them. No transaction of the calling thread may be active
+// in the environment. `directory` is for messages and must outlive the map.
+Status locate_map(MDB_env* env, const char* directory, FileMap* map, FirstState* first);
 
 // Copies the meta page of the state after `transaction`. While a transaction two numbers later is being committed, the
 // copy may be torn. `*certain` is set if that cannot have happened; otherwise the copy is good if a reader that begins

@@ -187,33 +187,16 @@ ValuePlace place_of_value(const FileState& state, NodeId id) {
   return place;
 }
 
-namespace {
-
-Status read_meta(const FileState& state, std::span<const std::byte>* record) {
+Status find_meta(const FileState& state, Meta* meta) {
   const Key key = Key::meta();
   TreeCursor cursor(state);
+  std::span<const std::byte> record;
   bool found = false;
   if (PageDamage damage = cursor.seek(key.bytes(), &found)) return failed(state, damage);
   if (!found) return {PRTKV_STORAGE_FAILED, "it lacks a registry's record of itself"};
-  const PageDamage damage = cursor.record(record);
-  return damage ? failed(state, damage) : Status();
-}
-
-}  // namespace
-
-Status find_meta(const FileState& state, Meta* meta) {
-  std::span<const std::byte> record;
-  if (Status status = read_meta(state, &record); !status.ok()) return status;
+  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
   Status status = decode_meta(record, meta);
   return status.ok() ? status : status.about("the record of the registry itself");
-}
-
-Status check_format(const FileState& state) {
-  std::span<const std::byte> record;
-  if (Status status = read_meta(state, &record); !status.ok()) return status;
-  Meta meta;
-  const Status status = decode_meta(record, &meta);
-  return status.is(PRTKV_UNUSABLE) ? status.about("the record of the registry itself") : Status();
 }
 
 Status has_children(const FileState& state, NodeId parent, bool* answer, CheckedPages* checked) {

@@ -31,8 +31,6 @@ Status find_value_up_to(const FileState& state, NodeId id, std::size_t capacity,
                         ValuePlace* place);
 ValuePlace place_of_value(const FileState& state, NodeId id);
 Status find_meta(const FileState& state, Meta* meta);
-// Refuses a registry whose record of itself has a newer format.
-Status check_format(const FileState& state);
 Status has_children(const FileState& state, NodeId parent, bool* answer, CheckedPages* checked = nullptr);
 // Tells whether `walk`, a walk over the children of a node, meets one. A sound child is proof that there are children.
 // A damaged one is not: it may belong elsewhere. If there are only damaged ones, the result is their failure.
