@@ -40,8 +40,8 @@ class SeenNames {
   using Set = std::array<std::uint32_t, 4>;  // marks made of hashes; 0 where there is none
 
   static constexpr std::size_t kSets = std::size_t{1} << 15;
-  static constexpr std::size_t kFewSets = std::size_t{1} << 12;
-  static constexpr std::size_t kFew = 512;
+  static constexpr std::size_t kFewSets = std::size_t{1} << 10;
+  static constexpr std::size_t kFew = 512;  // so few that sets seldom have more than four of them
 
   // The lowest bit is set in each mark.
   static Set& set_of(std::uint32_t mark, std::vector<Set>& sets) { return sets[(mark >> 1) % sets.size()]; }
