@@ -10,8 +10,13 @@
 namespace tkv {
 
 // With std::mutex, a thread that unlocks and locks again may overtake a waiting one without limit: the waiting thread
-// first has to wake up. Here, waiting threads form a queue, and the first of them is overtaken kMostOvertakings times
-// at most. A strict queue would hand the mutex to a sleeping thread each time, and be as slow as its waking.
+// first has to wake up. Here, waiting threads form a queue, and the first of them is overtaken kMostOvertakings times,
+// and once more by each thread that was locking when it came. A strict queue would hand the mutex to a sleeping thread
+// each time, and be as slow as its waking.
+//
+// Locking a free mutex is one atomic operation, and unlocking it is a plain store. So the processor may look whether
+// somebody sleeps before others see that the mutex is free, and a thread that is falling asleep may be missed. That
+// thread therefore looks at the mutex some more times first, and never sleeps for long.
 //
 // For std::lock_guard and std::unique_lock. Not recursive.
 class FairMutex {
@@ -23,56 +28,33 @@ class FairMutex {
   FairMutex& operator=(const FairMutex&) = delete;
 
   void lock() {
-    std::uint32_t free = 0;
-    if (!state_.compare_exchange_strong(free, kHeld, std::memory_order_acquire, std::memory_order_relaxed)) {
-      if (!overtake()) lock_in_turn();
-    }
+    if (queue_.load(std::memory_order_relaxed) != kNobody || !take()) lock_among_others();
   }
 
   void unlock() {
-    const std::uint32_t before = state_.fetch_and(~(kHeld | kAsleep), std::memory_order_release);
-    if ((before & kAsleep) != 0) state_.notify_one();
+    held_.store(0, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (asleep_.load(std::memory_order_relaxed) != 0) wake();
   }
 
  private:
-  static constexpr std::uint32_t kHeld = 1;
-  static constexpr std::uint32_t kAsleep = 2;     // the first thread of the queue has to be woken
-  static constexpr std::uint32_t kQueued = 4;     // there is a first thread of the queue
-  static constexpr std::uint32_t kOvertaken = 8;  // once; the bits from here on count
+  static constexpr std::uint32_t kNobody = 0;
 
-  // Locks a free mutex ahead of the queue, unless its first thread was overtaken often enough.
-  bool overtake() {
-    std::uint32_t state = state_.load(std::memory_order_relaxed);
-    while ((state & kHeld) == 0 && state / kOvertaken < kMostOvertakings) {
-      const std::uint32_t counted = (state & kQueued) != 0 ? state + kOvertaken : state;
-      if (state_.compare_exchange_weak(state, counted | kHeld, std::memory_order_acquire, std::memory_order_relaxed)) {
-        return true;
-      }
-    }
-    return false;
+  bool take() {
+    std::uint32_t free = 0;
+    return held_.compare_exchange_strong(free, 1, std::memory_order_acquire, std::memory_order_relaxed);
   }
 
-  void lock_in_turn() {
-    const std::uint32_t ticket = tickets_.fetch_add(1, std::memory_order_relaxed);
-    for (std::uint32_t first = first_.load(); first != ticket; first = first_.load()) first_.wait(first);
-    std::uint32_t state = state_.fetch_or(kQueued, std::memory_order_relaxed) | kQueued;
-    for (;;) {
-      if ((state & kHeld) == 0) {
-        if (state_.compare_exchange_weak(state, kHeld, std::memory_order_acquire, std::memory_order_relaxed)) break;
-      } else if ((state & kAsleep) == 0) {
-        (void)state_.compare_exchange_weak(state, state | kAsleep, std::memory_order_relaxed);
-      } else {
-        state_.wait(state, std::memory_order_relaxed);
-      }
-      state = state_.load(std::memory_order_relaxed);
-    }
-    first_.fetch_add(1);
-    first_.notify_all();
-  }
+  void lock_among_others();
+  bool overtake();
+  void sleep();
+  void wake();
 
-  std::atomic<std::uint32_t> state_{0};
-  std::atomic<std::uint32_t> tickets_{0};  // given out to threads that queue
-  std::atomic<std::uint32_t> first_{0};    // the ticket of the first thread of the queue
+  std::atomic<std::uint32_t> held_{0};
+  std::atomic<std::uint32_t> queue_{kNobody};  // or 1 + how often the first thread of the queue was overtaken
+  std::atomic<std::uint32_t> asleep_{0};       // 1: the first thread of the queue has to be woken
+  std::atomic<std::uint32_t> tickets_{0};      // given out to threads that queue
+  std::atomic<std::uint32_t> first_{0};        // the ticket of the first thread of the queue
 };
 
 // Many threads may hold it in shared mode. While a thread waits to hold it alone, no further ones are let in, which

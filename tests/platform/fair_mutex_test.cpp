@@ -75,6 +75,31 @@ TEST(FairMutex, AWaitingThreadIsNotOvertakenWithoutLimit) {
   EXPECT_LE(counts[5], FairMutex::kMostOvertakings + 1);
 }
 
+// Each turn of the other thread begins while the mutex is held, and mostly with sleep.
+TEST(FairMutex, AThreadThatSleepsGetsItsTurn) {
+  FairMutex mutex;
+  std::atomic<int> wanted{0};
+  std::atomic<int> had{0};
+  constexpr int kTurns = 200;
+  std::thread other([&] {
+    for (int turn = 1; turn <= kTurns; ++turn) {
+      while (wanted.load() < turn) std::this_thread::yield();
+      const std::lock_guard lock(mutex);
+      had = turn;
+    }
+  });
+  for (int turn = 1; turn <= kTurns; ++turn) {
+    {
+      const std::lock_guard lock(mutex);
+      wanted = turn;
+      work_for(std::chrono::microseconds(turn % 2 == 0 ? 100 : 0));
+      EXPECT_EQ(had.load(), turn - 1);
+    }
+    while (had.load() < turn) std::this_thread::yield();
+  }
+  other.join();
+}
+
 TEST(FairMutex, EveryOneOfManyThreadsGetsItsTurns) {
   FairMutex mutex;
   constexpr int kThreads = 8;
