@@ -1,5 +1,9 @@
 #include "store/lmdb/reader_pool.h"
 
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
 namespace tkv::store {
 namespace {
 
@@ -13,6 +17,14 @@ std::size_t first_choice() {
 bool take_if_free(ReaderSlot& slot) {
   std::uint32_t free = 0;
   return slot.busy.load(std::memory_order_relaxed) == 0 && slot.busy.compare_exchange_strong(free, 1);
+}
+
+// Looks again and again, so that a reader that releases its slot need not look for somebody who waits.
+void wait_until_free(const ReaderSlot& slot) {
+  constexpr std::chrono::microseconds kLongestPause{200};
+  for (std::chrono::microseconds pause{1}; slot.busy.load() != 0; pause = std::min(2 * pause, kLongestPause)) {
+    std::this_thread::sleep_for(pause);
+  }
 }
 
 }  // namespace
@@ -62,11 +74,6 @@ ReaderPool::Chunk& ReaderPool::next_of(Chunk& chunk) {
   return *next;
 }
 
-void ReaderPool::release(ReaderSlot& slot) {
-  slot.busy.store(0);
-  if (closed_.load() != 0) slot.busy.notify_all();
-}
-
 void ReaderPool::begin_long() {
   std::unique_lock lock(long_mutex_);
   long_changed_.wait(lock, [this] { return !closing_; });
@@ -87,7 +94,7 @@ void ReaderPool::close_gate() {
   }
   closed_.store(1);
   // A reader that arrives now claims a slot only until it sees the closed gate, and does not touch its contents.
-  for_each([](ReaderSlot& slot) { slot.busy.wait(1); });
+  for_each([](ReaderSlot& slot) { wait_until_free(slot); });
 }
 
 void ReaderPool::open_gate() {

@@ -4,8 +4,8 @@
 // that needs the map exclusively (to remap it) closes the gate and waits until no slot is claimed.
 //
 // Readers never wait for each other, and never wait at all while the gate is open: claiming is one compare-and-swap on
-// a slot that usually no other thread uses. Memory is allocated only when the number of concurrent readers exceeds its
-// previous maximum.
+// a slot that usually no other thread uses, and releasing it is a plain store. Memory is allocated only when the number
+// of concurrent readers exceeds its previous maximum.
 //
 // Every function may be called from any number of threads, except `with_no_readers`, whose callers must be serialised.
 #ifndef TKV_PLATFORM_STORE_LMDB_READER_POOL_H
@@ -53,7 +53,7 @@ class ReaderPool {
   // As claim, but returns null instead of waiting.
   ReaderSlot* try_claim();
 
-  void release(ReaderSlot& slot);
+  void release(ReaderSlot& slot) { slot.busy.store(0, std::memory_order_release); }
 
   // Announces a reader that may take long. Called before claim() and after release().
   void begin_long();
