@@ -30,7 +30,9 @@ using tkv::registry::Configuration;
 using tkv::registry::demand;
 using tkv::registry::inspect_session;
 using tkv::registry::Session;
+using tkv::registry::SessionGate;
 using tkv::registry::text;
+using tkv::registry::visit_session;
 using tkv::registry::with_session;
 using tkv::registry::without_session;
 
@@ -77,7 +79,7 @@ int32_t prtkv_init_ext(prtkv_ctx* out, int32_t level, char* error_text, uint64_t
     if (level < 0) return {PRTKV_INVALID_ARGUMENT, "invalid argument: level " + std::to_string(level)};
     std::shared_ptr<Client> client;
     if (wanted = tkv::registry::open_client({}, &client); !wanted.ok()) return wanted;
-    return tkv::registry::add_context(std::make_unique<Session>(std::move(client)), out);
+    return tkv::registry::add_context(std::move(client), out);
   });
   return finish(status, error_text, error_size);
 }
@@ -88,14 +90,14 @@ int32_t prtkv_terminate(prtkv_ctx ctx) {
 
 int32_t prtkv_open_key(prtkv_ctx ctx, prtkv_key* out, const char* name) {
   if (out != nullptr) *out = 0;
-  return with_session(ctx, [&](Session& session) {
+  return visit_session(ctx, true, [&](Session& session, SessionGate::Visit& visit) {
     Status status = demand({{out, "out"}, {name, "name"}});
-    return status.ok() ? session.open_key(text(name), out) : status;
+    return status.ok() ? session.open_key(visit, text(name), out) : status;
   });
 }
 
 int32_t prtkv_close_key(prtkv_ctx ctx, prtkv_key key) {
-  return with_session(ctx, [&](Session& session) { return session.close_key(key); });
+  return visit_session(ctx, true, [&](Session& session, SessionGate::Visit&) { return session.close_key(key); });
 }
 
 int32_t prtkv_create_key(prtkv_ctx ctx, prtkv_key parent, const char* name, prtkv_key* out, int32_t* word,
@@ -131,17 +133,17 @@ int32_t prtkv_move_key(prtkv_ctx ctx, prtkv_key source, prtkv_key parent, const 
 }
 
 int32_t prtkv_enum_subkey(prtkv_ctx ctx, prtkv_key key, char* name, uint32_t* size, int32_t* remaining) {
-  return with_session(ctx, [&](Session& session) {
+  return visit_session(ctx, true, [&](Session& session, SessionGate::Visit& visit) {
     Status status = demand({{name, "name"}, {size, "size"}, {remaining, "remaining"}});
-    return status.ok() ? session.next_subkey(key, name, size, remaining) : status;
+    return status.ok() ? session.next_subkey(visit, key, name, size, remaining) : status;
   });
 }
 
 int32_t prtkv_get_value(prtkv_ctx ctx, prtkv_key key, int32_t* type, void* buffer, uint32_t* size) {
-  return with_session(ctx, [&](Session& session) {
+  return visit_session(ctx, true, [&](Session& session, SessionGate::Visit& visit) {
     if (Status status = demand({{type, "type"}, {size, "size"}}); !status.ok()) return status;
     if (buffer == nullptr && *size > 0) return demand({{buffer, "buffer"}});
-    return session.get_value(key, type, buffer, size);
+    return session.get_value(visit, key, type, buffer, size);
   });
 }
 

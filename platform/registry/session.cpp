@@ -41,7 +41,7 @@ class Session::Reservation {
   explicit Reservation(Session& session) : session_(session) {}
   ~Reservation() {
     if (key_ == nullptr) return;
-    const std::lock_guard lock(session_.mutex_);
+    const std::lock_guard lock(session_.gate_);
     session_.release(index_);
   }
   Reservation(const Reservation&) = delete;
@@ -49,16 +49,9 @@ class Session::Reservation {
 
   // Requires the lock.
   Status take() {
-    if (session_.free_.empty()) {
-      if (session_.keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
-      // So that freeing a slot never allocates.
-      if (session_.free_.capacity() <= session_.keys_.size()) session_.free_.reserve(2 * session_.keys_.size() + 8);
-      session_.keys_.push_back(std::make_unique<OpenKey>());
-      index_ = session_.keys_.size() - 1;
-    } else {
-      index_ = session_.free_.back();
-      session_.free_.pop_back();
-    }
+    if (Status status = session_.have_free_slot(); !status.ok()) return status;
+    index_ = session_.free_.back();
+    session_.free_.pop_back();
     key_ = session_.keys_[index_].get();
     return {};
   }
@@ -69,7 +62,7 @@ class Session::Reservation {
     if (Status status = check_relative_name(name); !status.ok()) return status;
     if (Status status = full_name.join(above.view(), name); !status.ok()) return status;
     {
-      const std::lock_guard lock(session_.mutex_);
+      const std::lock_guard lock(session_.gate_);
       if (Status status = take(); !status.ok()) return status;
     }
     key_->name.assign(full_name.view());
@@ -77,18 +70,9 @@ class Session::Reservation {
   }
 
   // Requires the lock.
-  prtkv_key give(std::string_view name, const KnownKey& known) {
-    key_->name.assign(name);
-    return give(known);
-  }
-
-  // For a key that take_below() has named. Requires the lock.
   prtkv_key give(const KnownKey& known) {
-    key_->known = known;
-    key_->checked = session_.lost_.now();
-    key_->serial = next_serial();
     key_ = nullptr;
-    return encode_handle(HandleKind::kKey, {session_.keys_[index_]->serial, index_});
+    return session_.give(index_, known);
   }
 
   std::string_view name() const { return key_->name; }
@@ -106,7 +90,7 @@ class Session::Losses {
   explicit Losses(Session& session) : session_(session) {}
   ~Losses() {
     if (count_ == 0) return;
-    const std::lock_guard lock(session_.mutex_);
+    const std::lock_guard lock(session_.gate_);
     for (std::size_t i = 0; i < count_; ++i) session_.lost_.give_up(names_[i]);
   }
   Losses(const Losses&) = delete;
@@ -136,6 +120,25 @@ class Session::Losses {
   std::array<std::string_view, 2> names_;
   std::size_t count_ = 0;
 };
+
+// So that free_.back() can be taken. Freeing a slot never allocates.
+Status Session::have_free_slot() {
+  if (!free_.empty()) return {};
+  if (keys_.size() == kMaxSlots) return {PRTKV_OUT_OF_MEMORY, "too many open keys in one session"};
+  if (free_.capacity() <= keys_.size()) free_.reserve(2 * keys_.size() + 8);
+  keys_.push_back(std::make_unique<OpenKey>());
+  free_.push_back(keys_.size() - 1);
+  return {};
+}
+
+// Gives out a slot that was taken and named.
+prtkv_key Session::give(std::size_t index, const KnownKey& known) noexcept {
+  OpenKey& key = *keys_[index];
+  key.known = known;
+  key.checked = lost_.now();
+  key.serial = serials_.next();
+  return encode_handle(HandleKind::kKey, {key.serial, index});
+}
 
 void Session::release(std::size_t index) noexcept {
   OpenKey& key = *keys_[index];
@@ -172,15 +175,8 @@ Status Session::find_target(prtkv_key handle, Target* target) {
   return {};
 }
 
-Status Session::known_of(prtkv_key handle, KnownKey* known) {
-  Status status;
-  const std::lock_guard lock(mutex_);
-  if (const OpenKey* const found = find_live(handle, &status)) *known = found->known;
-  return status;
-}
-
 Status Session::target_of(prtkv_key handle, Target* target) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   return find_target(handle, target);
 }
 
@@ -188,7 +184,7 @@ Status Session::target_of(prtkv_key handle, Target* target) {
 Status Session::settle(prtkv_key handle, Status status) {
   if (!status.is(PRTKV_NO_SUCH_KEY)) return status;
   Handle place{};
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   if (OpenKey* const found = find(handle, &place)) found->gone = true;
   return status;
 }
@@ -200,8 +196,8 @@ bool Session::check_losses(OpenKey& key) noexcept {
   return key.gone;
 }
 
-void Session::replace_last(const Status& status) noexcept {
-  const std::lock_guard lock(mutex_);
+void Session::replace_last(SessionGate::Visit& visit, const Status& status) noexcept {
+  visit.lock();
   last_code_.store(status.code(), std::memory_order_relaxed);
   last_ = status;
 }
@@ -209,7 +205,7 @@ void Session::replace_last(const Status& status) noexcept {
 Status Session::last_error(std::int32_t* code, char* text, std::int32_t* size) {
   Status last;
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(gate_);
     last = last_;
   }
   if (last.ok()) return PRTKV_UNKNOWN;
@@ -223,30 +219,28 @@ Status Session::last_error(std::int32_t* code, char* text, std::int32_t* size) {
   return {};
 }
 
-Status Session::open_key(std::string_view name, prtkv_key* key) {
+Status Session::open_known(std::string_view name, const KnownKey& known, prtkv_key* key) {
+  if (Status status = have_free_slot(); !status.ok()) return status;
+  const std::size_t index = free_.back();
+  keys_[index]->name.assign(name);
+  free_.pop_back();
+  *key = give(index, known);
+  return {};
+}
+
+Status Session::open_key(SessionGate::Visit& visit, std::string_view name, prtkv_key* key) {
   const std::size_t hash = KnownKeys::hash(name);
-  Reservation slot(*this);
-  KnownKey known;
-  bool was_known = false;
-  {
-    const std::lock_guard lock(mutex_);
-    if (const KnownKey* const before = known_.find(name, hash)) {
-      was_known = true;
-      known = *before;
-      if (known.state == client_->latest_state()) {
-        if (Status taken = slot.take(); !taken.ok()) return taken;
-        *key = slot.give(name, known);
-        return {};
-      }
-    }
-  }
+  const KnownKey* const before = known_.find(name, hash);
+  if (before != nullptr && before->state == client_->latest_state()) return open_known(name, *before, key);
+  const bool was_known = before != nullptr;
+  KnownKey known = was_known ? *before : KnownKey();
+  visit.unlock();
   if (Status status = client_->look_up(name, &known); !status.ok()) return status;
-  const std::lock_guard lock(mutex_);
-  if (Status taken = slot.take(); !taken.ok()) return taken;
-  *key = slot.give(name, known);
-  KnownKey* const before = was_known ? known_.find(name, hash) : nullptr;
-  if (before != nullptr) {
-    *before = known;
+  visit.lock();
+  if (Status status = open_known(name, known, key); !status.ok()) return status;
+  KnownKey* const still_known = was_known ? known_.find(name, hash) : nullptr;
+  if (still_known != nullptr) {
+    *still_known = known;
   } else {
     known_.note(name, hash, known);
   }
@@ -255,7 +249,6 @@ Status Session::open_key(std::string_view name, prtkv_key* key) {
 
 Status Session::close_key(prtkv_key key) {
   Handle handle{};
-  const std::lock_guard lock(mutex_);
   if (find(key, &handle) == nullptr) return invalid_handle();
   release(handle.index);
   return {};
@@ -270,7 +263,7 @@ Status Session::create_key(prtkv_key parent, std::string_view name, const sec_at
   KnownKey created;
   Status status = client_->create(above.ref(), name, security, type, value, &created);
   if (!status.ok()) return status;
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   *key = slot.give(created);
   return {};
 }
@@ -279,7 +272,7 @@ Status Session::delete_key(prtkv_key key, bool recursive) {
   Target target;
   Losses losses(*this);
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(gate_);
     if (Status status = find_target(key, &target); !status.ok()) return status;
     losses.prepare({target.name.view()});
   }
@@ -287,7 +280,7 @@ Status Session::delete_key(prtkv_key key, bool recursive) {
   Status status = client_->remove(target.ref(), recursive, no_progress);
   if (!status.ok()) return settle(key, std::move(status));
   Handle place{};
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   losses.take_effect();
   if (find(key, &place) != nullptr) release(place.index);
   return {};
@@ -302,13 +295,13 @@ Status Session::move_key(prtkv_key source, prtkv_key parent, std::string_view na
   Losses losses(*this);
   if (Status status = slot.take_below(above.name, name); !status.ok()) return status;
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(gate_);
     losses.prepare({from.name.view(), slot.name()});
   }
   KnownKey target;
   Status status = client_->move(from.ref(), above.ref(), name, replace, &target);
   if (!status.ok()) return status;
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   losses.take_effect();
   *moved = slot.give(target);
   return {};
@@ -323,7 +316,7 @@ Status Session::list_subkeys(prtkv_key handle) {
   Status status = client_->list_names(target.ref(), subkeys.get(), &state);
   if (!status.ok()) return settle(handle, std::move(status));
   Handle place{};
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   lists_.keep(target.known.id, state, subkeys);
   OpenKey* const found = find(handle, &place);
   if (found != nullptr && found->subkeys == nullptr) found->subkeys = subkeys;
@@ -356,28 +349,34 @@ Status Session::take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::
   return {};
 }
 
-Status Session::next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
+Status Session::next_subkey(SessionGate::Visit& visit, prtkv_key key, char* name, std::uint32_t* size,
+                            std::int32_t* remaining) {
   for (;;) {
-    {
-      Status status;
-      const std::lock_guard lock(mutex_);
-      OpenKey* const found = find_live(key, &status);
-      if (found == nullptr) return status;
-      const bool is_listed = found->subkeys != nullptr || take_known_list(*found);
-      if (is_listed) return take_subkey(*found, name, size, remaining);
-    }
-    if (Status status = list_subkeys(key); !status.ok()) return status;
+    Status status;
+    OpenKey* const found = find_live(key, &status);
+    if (found == nullptr) return status;
+    const bool is_listed = found->subkeys != nullptr || take_known_list(*found);
+    if (is_listed) return take_subkey(*found, name, size, remaining);
+    visit.unlock();
+    status = list_subkeys(key);
+    if (!status.ok()) return status;
+    visit.lock();
   }
 }
 
-Status Session::get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
+Status Session::get_value(SessionGate::Visit& visit, prtkv_key key, std::int32_t* type, void* buffer,
+                          std::uint32_t* size) {
   const std::uint32_t offered = *size;
   const std::span bytes(static_cast<std::byte*>(buffer), offered);
-  KnownKey known;
   std::size_t found_size = 0;
-  if (Status status = known_of(key, &known); !status.ok()) return status;
+  Status status;
+  const OpenKey* const found = find_live(key, &status);
+  if (found == nullptr) return status;
+  const KnownKey known = found->known;
+  visit.unlock();
   if (!client_->copy_known(known, bytes, type, &found_size)) {
-    if (Status status = read_anew(key, bytes, type, &found_size); !status.ok()) return status;
+    status = read_anew(key, bytes, type, &found_size);
+    if (!status.ok()) return status;
   }
   *size = static_cast<std::uint32_t>(found_size);
   return found_size <= offered ? Status() : too_small(offered, found_size);
@@ -390,7 +389,7 @@ Status Session::read_anew(prtkv_key handle, std::span<std::byte> buffer, std::in
   Status status = client_->read_known(target.name.view(), &target.known, buffer, type, size);
   if (!status.ok()) return settle(handle, std::move(status));
   Handle place{};
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   if (OpenKey* const found = find(handle, &place)) found->known = target.known;
   return {};
 }
@@ -420,14 +419,14 @@ Status Session::get_revision(prtkv_key key, Revision* revision) {
 }
 
 std::stop_token Session::waits() {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(gate_);
   return waits_.get_token();
 }
 
 void Session::stop_waiting() {
   std::stop_source running;
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(gate_);
     waits_.swap(running);
   }
   running.request_stop();

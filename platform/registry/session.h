@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "base/fair_mutex.h"
 #include "prtkv.h"
 #include "registry/client.h"
 #include "registry/handle.h"
@@ -22,6 +21,7 @@
 #include "registry/known_lists.h"
 #include "registry/lost_names.h"
 #include "registry/name.h"
+#include "registry/session_gate.h"
 #include "registry/subkey_names.h"
 
 namespace tkv::registry {
@@ -39,19 +39,24 @@ namespace tkv::registry {
 // below are used, never during a call of the client that may take long.
 class Session {
  public:
-  explicit Session(std::shared_ptr<Client> client) : client_(std::move(client)) {}
+  // The gate must live longer.
+  Session(std::shared_ptr<Client> client, SessionGate& gate) : client_(std::move(client)), gate_(gate) {}
   ~Session() { waits_.request_stop(); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  Status open_key(std::string_view name, prtkv_key* key);
+  // These begin with the lock, and may end without it.
+  Status open_key(SessionGate::Visit& visit, std::string_view name, prtkv_key* key);
+  Status get_value(SessionGate::Visit& visit, prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size);
+  Status next_subkey(SessionGate::Visit& visit, prtkv_key key, char* name, std::uint32_t* size,
+                     std::int32_t* remaining);
   Status close_key(prtkv_key key);
+
+  // These take the lock themselves.
   Status create_key(prtkv_key parent, std::string_view name, const sec_attr& security, std::int32_t type,
                     std::span<const std::byte> value, prtkv_key* key);
   Status delete_key(prtkv_key key, bool recursive);
   Status move_key(prtkv_key source, prtkv_key parent, std::string_view name, bool replace, prtkv_key* moved);
-  Status next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining);
-  Status get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size);
   Status set_value(prtkv_key key, std::int32_t type, std::span<const std::byte> value);
   Status get_security(prtkv_key key, sec_attr* security);
   Status set_security(prtkv_key key, const sec_attr& security);
@@ -65,8 +70,8 @@ class Session {
   void stop_waiting();
 
   // Keeps a failure for last_error(), or clears it after a success.
-  void record(const Status& status) noexcept {
-    if (!status.ok() || last_code_.load(std::memory_order_relaxed) != PRTKV_DONE) replace_last(status);
+  void record(SessionGate::Visit& visit, const Status& status) noexcept {
+    if (!status.ok() || last_code_.load(std::memory_order_relaxed) != PRTKV_DONE) replace_last(visit, status);
   }
 
   // Copies as much of the message as fits into `text` with a NUL; `*size` is the size of `text` and becomes that of the
@@ -96,6 +101,9 @@ class Session {
   class Losses;
 
   // These require the lock.
+  Status have_free_slot();
+  prtkv_key give(std::size_t index, const KnownKey& known) noexcept;
+  Status open_known(std::string_view name, const KnownKey& known, prtkv_key* key);
   OpenKey* find(prtkv_key handle, Handle* place);
   OpenKey* find_live(prtkv_key handle, Status* reason);
   Status find_target(prtkv_key handle, Target* target);
@@ -106,18 +114,18 @@ class Session {
   Status take_subkey(OpenKey& key, char* name, std::uint32_t* size, std::int32_t* remaining);
 
   // These take it.
-  void replace_last(const Status& status) noexcept;
-  Status known_of(prtkv_key handle, KnownKey* known);
+  void replace_last(SessionGate::Visit& visit, const Status& status) noexcept;
   Status target_of(prtkv_key handle, Target* target);
   Status settle(prtkv_key handle, Status status);
   Status list_subkeys(prtkv_key handle);
   Status read_anew(prtkv_key handle, std::span<std::byte> buffer, std::int32_t* type, std::size_t* size);
 
   const std::shared_ptr<Client> client_;
-  FairMutex mutex_;  // guards what follows
+  SessionGate& gate_;  // guards what follows
   std::stop_source waits_;
   std::vector<std::unique_ptr<OpenKey>> keys_;  // only grows; free slots keep their memory
   std::vector<std::size_t> free_;               // indexes into keys_
+  Serials serials_;
   LostNames lost_;
   KnownKeys known_;
   KnownLists lists_;

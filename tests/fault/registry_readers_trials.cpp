@@ -166,7 +166,7 @@ class OneSession {
       _exit(2);
     }
     auto client = std::make_shared<LocalClient>(Configuration{}, std::move(identity), store_);
-    if (!add_context(std::make_unique<Session>(std::move(client)), &ctx_).ok()) _exit(2);
+    if (!add_context(std::move(client), &ctx_).ok()) _exit(2);
   }
   ~OneSession() { prtkv_terminate(ctx_); }
   OneSession(const OneSession&) = delete;

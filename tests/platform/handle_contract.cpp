@@ -10,12 +10,33 @@
 namespace tkv::store {
 namespace {
 
-using registry::Session;
+using registry::SessionGate;
 
 testing::AssertionResult done(const Status& status) {
   if (status.ok()) return testing::AssertionSuccess();
   return testing::AssertionFailure() << status.code() << " " << status.text();
 }
+
+// A session without a context.
+class Session : private SessionGate, public registry::Session {
+ public:
+  explicit Session(std::shared_ptr<registry::Client> client) : registry::Session(std::move(client), *this) {}
+
+  Status open_key(std::string_view name, prtkv_key* key) {
+    Visit visit(*this);
+    return registry::Session::open_key(visit, name, key);
+  }
+
+  Status get_value(prtkv_key key, std::int32_t* type, void* buffer, std::uint32_t* size) {
+    Visit visit(*this);
+    return registry::Session::get_value(visit, key, type, buffer, size);
+  }
+
+  Status next_subkey(prtkv_key key, char* name, std::uint32_t* size, std::int32_t* remaining) {
+    Visit visit(*this);
+    return registry::Session::next_subkey(visit, key, name, size, remaining);
+  }
+};
 
 std::unique_ptr<Session> session_on(std::shared_ptr<Store> store) {
   return std::make_unique<Session>(std::make_shared<registry::LocalClient>(

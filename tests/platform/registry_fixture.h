@@ -155,7 +155,7 @@ struct Ground {
 class Context {
  public:
   explicit Context(std::shared_ptr<Client> client) {
-    if (!add_context(std::make_unique<Session>(std::move(client)), &ctx_).ok()) ctx_ = 0;
+    if (!add_context(std::move(client), &ctx_).ok()) ctx_ = 0;
   }
   ~Context() { prtkv_terminate(ctx_); }
   Context(const Context&) = delete;

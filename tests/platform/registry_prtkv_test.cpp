@@ -169,7 +169,7 @@ TEST_F(Prtkv, HandleOfAnotherSessionIsInvalid) {
 
 TEST_F(Prtkv, TerminatedSessionIsInvalidWithAllItsKeys) {
   prtkv_ctx ended = 0;
-  ASSERT_TRUE(add_context(std::make_unique<Session>(ground_.as(person("bob"))), &ended).ok());
+  ASSERT_TRUE(add_context(ground_.as(person("bob")), &ended).ok());
   prtkv_key key = 0;
   ASSERT_EQ(prtkv_open_key(ended, &key, ""), PRTKV_DONE);
   EXPECT_EQ(prtkv_terminate(ended), PRTKV_DONE);

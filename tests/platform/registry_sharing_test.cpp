@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -84,7 +85,7 @@ TEST(Sharing, ASessionThatEndsUnderOtherThreadsYieldsInvalidHandle) {
   ground.make("a", open_to_all(), "v");
   for (int round = 0; round < 20; ++round) {
     prtkv_ctx ctx = 0;
-    ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob"))), &ctx).ok());
+    ASSERT_TRUE(add_context(ground.as(person("bob")), &ctx).ok());
     std::atomic<int> started{0};
     std::atomic<int> wrong{0};
     in_threads([&](int number) {
@@ -103,6 +104,79 @@ TEST(Sharing, ASessionThatEndsUnderOtherThreadsYieldsInvalidHandle) {
     });
     EXPECT_EQ(wrong.load(), 0);
   }
+}
+
+// The value of a key that was opened by name, or "" and the code of the function that failed.
+std::string read_by_name(prtkv_ctx ctx, const char* name, std::int32_t* code) {
+  prtkv_key key = 0;
+  std::int32_t type = 0;
+  char buffer[64];
+  std::uint32_t size = sizeof buffer;
+  if (*code = prtkv_open_key(ctx, &key, name); *code != PRTKV_DONE) return "";
+  if (*code = prtkv_get_value(ctx, key, &type, buffer, &size); *code != PRTKV_DONE) return "";
+  *code = prtkv_close_key(ctx, key);
+  return {buffer, size};
+}
+
+TEST(Sharing, TheHandleOfAnEndedSessionNeverReachesTheNextOneInItsPlace) {
+  const TemporaryDirectory directories[] = {TemporaryDirectory(TemporaryDirectory::Where::kInMemory),
+                                            TemporaryDirectory(TemporaryDirectory::Where::kInMemory)};
+  const std::string values[] = {"even", "odd"};
+  std::shared_ptr<Client> clients[2];
+  for (std::size_t i = 0; i < std::size(clients); ++i) {
+    const auto store = lmdb_in(directories[i]);
+    ASSERT_NE(store, nullptr);
+    clients[i] = client_on(store, person("bob"));
+    KeyId id = kAnyKey;
+    ASSERT_TRUE(clients[i]->create("", "a", open_to_all(), 3, bytes_of(values[i]), &id).ok());
+  }
+  constexpr std::size_t kRounds = 200;
+  std::array<prtkv_ctx, kRounds> contexts{};
+  std::atomic<std::size_t> round{0};  // whose context has been opened
+  std::atomic<std::uint64_t> reads{0};
+  std::atomic<int> wrong{0};
+  const auto read_on = [&](std::size_t before) {
+    for (std::size_t now = round; now <= kRounds; now = round) {
+      if (now <= before) continue;
+      std::int32_t code = PRTKV_DONE;
+      const std::string value = read_by_name(contexts[now - 1 - before], "a", &code);
+      const bool ended = code == PRTKV_INVALID_HANDLE;
+      if (!ended && (code != PRTKV_DONE || value != values[(now - 1 - before) % 2])) ++wrong;
+      if (code == PRTKV_DONE) ++reads;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (const std::size_t before : {0, 0, 1}) threads.emplace_back(read_on, before);
+  for (std::size_t number = 0; number < kRounds; ++number) {
+    EXPECT_TRUE(add_context(clients[number % 2], &contexts[number]).ok());
+    round = number + 1;
+    for (const std::uint64_t enough = reads + 10; reads < enough;) std::this_thread::yield();
+    EXPECT_EQ(prtkv_terminate(contexts[number]), PRTKV_DONE);
+  }
+  round = kRounds + 1;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(Sharing, NoTwoHandlesAreTheSameAndOthersSessionsHandlesAreInvalid) {
+  Ground ground;
+  ground.make("a", open_to_all(), "v");
+  const Context first(ground.as(person("bob")));
+  const Context second(ground.as(person("bob")));
+  std::set<prtkv_key> keys;
+  constexpr int kHandles = 300;
+  for (int i = 0; i < kHandles; ++i) {
+    const prtkv_key of_first = first.open("a");
+    const prtkv_key of_second = second.open("a");
+    EXPECT_TRUE(keys.insert(of_first).second);
+    EXPECT_TRUE(keys.insert(of_second).second);
+    EXPECT_EQ(prtkv_close_key(first, of_second), PRTKV_INVALID_HANDLE);
+    EXPECT_EQ(prtkv_close_key(second, of_first), PRTKV_INVALID_HANDLE);
+    if (i % 3 == 0) {
+      EXPECT_EQ(prtkv_close_key(first, of_first), PRTKV_DONE);
+    }
+  }
+  EXPECT_EQ(keys.size(), 2u * kHandles);
 }
 
 // Reads a key in every way that the C functions offer. Returns true if all of them succeed.
@@ -197,7 +271,7 @@ TEST(Sharing, ASessionEndsAfterTheOperationsThatAreUsingIt) {
   Ground ground;
   ground.make("a", open_to_all(), "v");
   prtkv_ctx ctx = 0;
-  ASSERT_TRUE(add_context(std::make_unique<Session>(ground.as(person("bob"))), &ctx).ok());
+  ASSERT_TRUE(add_context(ground.as(person("bob")), &ctx).ok());
   prtkv_key key = 0;
   ASSERT_EQ(prtkv_open_key(ctx, &key, "a"), PRTKV_DONE);
   HeldWrite held(ground);
