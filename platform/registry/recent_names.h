@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/large_pages.h"
 #include "registry/name.h"
 
 namespace tkv::registry {
@@ -122,6 +123,8 @@ class RecentNames {
       std::uint32_t index = kFree;
     };
 
+    using Places = std::vector<Place, LargePages<Place>>;
+
     static std::uint32_t tag_of(std::size_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
 
     std::size_t mask() const { return places_.size() - 1; }
@@ -129,7 +132,7 @@ class RecentNames {
     void grow() {
       const std::size_t size = places_.empty() ? kFirstSize : 2 * places_.size();
       entries_.reserve(size / 2);
-      std::vector<Place>(size).swap(places_);
+      Places(size).swap(places_);
       for (std::size_t index = 0; index < entries_.size(); ++index) place(index);
     }
 
@@ -140,8 +143,8 @@ class RecentNames {
       places_[at] = {tag_of(hash), static_cast<std::uint32_t>(index)};
     }
 
-    std::vector<Entry> entries_;
-    std::vector<Place> places_;  // of entries_, by hash
+    std::vector<Entry, LargePages<Entry>> entries_;
+    Places places_;  // of entries_, by hash
   };
 
   const std::size_t least_;
