@@ -1,9 +1,11 @@
 #include "prsrvut/native_call.h"
 
+#include "base/thread_variable.h"
+
 namespace tkv::prsrvut {
 namespace {
 
-thread_local NativeCall* current_call = nullptr;
+TKV_THREAD_LOCAL NativeCall* current_call = nullptr;
 
 }  // namespace
 

@@ -62,10 +62,17 @@ void disconnect_own_setters(JNIEnv* env) {
   }
 }
 
+namespace {
+
+// Equal texts of this library are mostly the same one: the linker merges them.
+bool is_same(const char* left, const char* right) { return left == right || std::strcmp(left, right) == 0; }
+
+}  // namespace
+
 jfieldID field_of_own_setter(JNIEnv* env, jclass type, const char* name, const char* signature) {
   if (own_class == nullptr || env->IsSameObject(own_class, type) != JNI_TRUE) return nullptr;
   for (const Setter& setter : setters) {
-    if (std::strcmp(setter.name, name) == 0 && std::strcmp(setter.signature, signature) == 0) return setter.field_id;
+    if (is_same(setter.name, name) && is_same(setter.signature, signature)) return setter.field_id;
   }
   return nullptr;
 }

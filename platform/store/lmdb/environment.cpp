@@ -14,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/thread_variable.h"
 #include "store/lmdb/assertion.h"
 #include "store/lmdb/error.h"
 #include "store/lmdb/file_state.h"
@@ -30,7 +31,7 @@ static_assert(sizeof(std::size_t) == 8, "maps of this size need 64-bit addresses
 
 std::atomic<unsigned> fork_generation{0};
 
-thread_local Running* innermost = nullptr;
+TKV_THREAD_LOCAL Running* innermost = nullptr;
 
 bool address_space_left(std::size_t size) {
   void* const area = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

@@ -4,14 +4,17 @@
 #include <chrono>
 #include <thread>
 
+#include "base/thread_variable.h"
+
 namespace tkv::store {
 namespace {
 
 // Threads start their search at different slots, so that each usually gets the slot it used last.
 std::size_t first_choice() {
-  static std::atomic<std::size_t> next_thread{0};
-  thread_local const std::size_t kChoice = next_thread.fetch_add(1, std::memory_order_relaxed);
-  return kChoice;
+  static std::atomic<std::size_t> threads{0};
+  TKV_THREAD_LOCAL std::size_t number = 0;  // of the thread, from 1 on
+  if (number == 0) number = threads.fetch_add(1, std::memory_order_relaxed) + 1;
+  return number;
 }
 
 bool take_if_free(ReaderSlot& slot) {
