@@ -205,9 +205,11 @@ std::uint64_t map_bytes(MDB_env* env) {
   return info.me_mapsize;
 }
 
+// With std::memcpy, the compiler would make use of a bound of the size that it knows, and copy with an instruction
+// ("rep movs") that takes about 25 ns to start.
 bool copy_bytes(const FileMap& map, std::uint64_t offset, std::span<std::byte> copy) {
   const bool exists = map.address != nullptr && offset <= map.size && copy.size() <= map.size - offset;
-  if (exists) std::memcpy(copy.data(), map.address + offset, copy.size());
+  if (exists) std::memmove(copy.data(), map.address + offset, copy.size());
   return exists;
 }
 
