@@ -113,6 +113,11 @@ final class KeyTable {
         return weights[placeOf(name, elements)];
     }
 
+    /** Returns how many keys there are. Called by the thread that adds keys. */
+    int count() {
+        return count;
+    }
+
     /** Returns the weight of all keys. Called by the thread that adds keys. */
     long weight() {
         return weight;

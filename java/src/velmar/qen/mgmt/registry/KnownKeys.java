@@ -1,7 +1,7 @@
 package velmar.qen.mgmt.registry;
 
 import java.util.List;
-import java.util.concurrent.locks.ReentrantLock;
+import java.util.concurrent.atomic.AtomicBoolean;
 
 /**
  * What an open registry knows of the keys that it has read: their values, and the names of their subkeys.
@@ -10,10 +10,13 @@ import java.util.concurrent.locks.ReentrantLock;
  * by whichever process, outdates everything at once. Rights are part of the state, so what a session could read in it,
  * it may still read. What is read from a new state takes the place of all that was known.
  *
+ * <p>The first keys that are read of a state are taken in, and others once it turns out that keys are read again in
+ * that state: a program that reads all of its many keys anew after each change has no use for a large table, and would
+ * wait for its memory.
+ *
  * <p>The keys are in two generations. A key that is read moves to the younger one. When that has reached half of the
- * largest weight, it becomes the older one, and the former older one is dropped. Until there is an older generation,
- * each key that is read is taken in. From then on, a key is taken in when it is read for the second time, so that
- * reading many keys once displaces nothing.
+ * largest weight, it becomes the older one, and the former older one is dropped. Once there is an older generation, a
+ * key is taken in when it is read for the second time, so that reading many keys once displaces nothing.
  *
  * <p>Any thread may call any method. Reading what is known takes no lock and writes nothing that threads share. A thread
  * does not wait while another one adds a key: its own key is then added when it is read again.
@@ -29,6 +32,9 @@ final class KnownKeys {
     private static final int ELEMENT_WEIGHT = 56;
     /** A key that takes more than this part of the largest weight is not taken in. */
     private static final int LARGEST_SHARE = 8;
+    private static final int MOST_SEEN = 1 << 17;
+    /** As many keys as a table can hold within the processor's caches, beside all else. */
+    private static final int FEW = 1 << 10;
     /** In place of a generation that there is not. */
     private static final KeyTable NONE = new KeyTable(0);
 
@@ -40,10 +46,14 @@ final class KnownKeys {
 
     private final LatestState latest;
     private final long largestWeight;
-    /** Held by the thread that adds a key. */
-    private final ReentrantLock adding = new ReentrantLock();
+    /** Set by the thread that adds a key, for which no other waits. */
+    private final AtomicBoolean adding = new AtomicBoolean();
     /** Guarded by adding. */
-    private final SeenNames seen = new SeenNames();
+    private final SeenNames seen = new SeenNames(MOST_SEEN);
+    /** Of the state of the younger generation. Changed by the thread that adds keys. */
+    private final RepeatedReads repeated = new RepeatedReads();
+    /** Whether more keys are known of that state than are taken in at once. Written by the thread that adds keys. */
+    private volatile boolean knowsMany;
     private volatile KeyTable younger = NONE;
     private volatile KeyTable older = NONE;
 
@@ -102,14 +112,18 @@ final class KnownKeys {
         return content;
     }
 
+    private boolean beginAdding() {
+        return adding.compareAndSet(false, true);
+    }
+
     private void rejuvenate(String name, KeyTable generation) {
-        if (adding.tryLock()) {
+        if (beginAdding()) {
             try {
                 if (generation == older && younger.find(name) == null) {
                     add(name, generation.find(name), generation.weightOf(name));
                 }
             } finally {
-                adding.unlock();
+                adding.setRelease(false);
             }
         }
     }
@@ -134,20 +148,31 @@ final class KnownKeys {
 
     private void note(String name, long state, Value value, List<String> subkeys, long more) {
         long all = KEY_WEIGHT + name.length() + more;
-        if (state == 0 || all > largestWeight / LARGEST_SHARE || !adding.tryLock()) {
+        boolean isTooLarge = all > largestWeight / LARGEST_SHARE;
+        if (state == 0 || isTooLarge || isPassedOver(name, state) || !beginAdding()) {
             return;
         }
         try {
-            if (isWanted(name, state)) {
-                Object former = younger.find(name);
+            if (!beginState(state)) {
+                return;
+            }
+            Object former = younger.find(name);
+            if (former != null || isWanted(name)) {
                 Object content = joined(former, value, subkeys);
                 if (!content.equals(former)) {
                     add(name, content, (int) (former == null ? all : more));
                 }
             }
         } finally {
-            adding.unlock();
+            adding.setRelease(false);
         }
+    }
+
+    /** Returns true for most of the keys that are not wanted, without the lock. */
+    private boolean isPassedOver(String name, long state) {
+        KeyTable generation = younger;
+        boolean isOneOfMany = knowsMany && generation.state == state && older == NONE && !repeated.areMany();
+        return isOneOfMany && !repeated.concerns(name) && generation.find(name) == null;
     }
 
     private static Object joined(Object former, Value value, List<String> subkeys) {
@@ -156,19 +181,37 @@ final class KnownKeys {
         return itsSubkeys == null ? itsValue : new Parent(itsValue, itsSubkeys);
     }
 
-    private boolean isWanted(String name, long state) {
-        if (younger.state != state) {
-            if (state != latest.number()) {
-                return false;
-            }
-            older = NONE;
-            younger = new KeyTable(state);
+    /** Makes the tables those of a state. Returns false if that is no longer the latest one. */
+    private boolean beginState(long state) {
+        if (younger.state == state) {
+            return true;
         }
-        return older == NONE || younger.find(name) != null || older.find(name) != null || seen.wasSeen(name);
+        if (state != latest.number()) {
+            return false;
+        }
+        older = NONE;
+        knowsMany = false;
+        repeated.forget();
+        younger = new KeyTable(state);
+        return true;
+    }
+
+    /** Returns whether to take in a key that is not in the younger generation. */
+    private boolean isWanted(String name) {
+        if (older != NONE) {
+            return older.find(name) != null || seen.wasSeen(name);
+        }
+        if (knowsMany && !repeated.areMany() && repeated.concerns(name)) {
+            repeated.add(name);
+        }
+        return !knowsMany || repeated.areMany();
     }
 
     private void add(String name, Object content, int weight) {
         younger.put(name, content, weight);
+        if (!knowsMany && younger.count() >= FEW) {
+            knowsMany = true;
+        }
         if (younger.weight() > largestWeight / 2) {
             older = younger;
             younger = new KeyTable(older.state);

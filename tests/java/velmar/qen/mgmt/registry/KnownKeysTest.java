@@ -49,6 +49,9 @@ class KnownKeysTest extends OpenRegistry {
     private static final int LONGEST_TICK_MILLIS = 20;
     private static final int THREADS = 4;
     private static final long WEIGHT = 100_000;
+    /** Keys that are taken in at once, and more than that. */
+    private static final int FEW = 1_000;
+    private static final int MANY = 20_000;
 
     private static boolean numbersStates() {
         return !Configuration.onCluster();
@@ -494,6 +497,11 @@ class KnownKeysTest extends OpenRegistry {
         return new KnownKeys(latest(), WEIGHT);
     }
 
+    private KnownKeys tableOfAnyWeight() {
+        assumeFalse(Configuration.onCluster(), "a registry on a cluster does not number its states");
+        return new KnownKeys(latest(), Long.MAX_VALUE);
+    }
+
     private LatestState latest() {
         return LatestState.of(registry.registry, NativeReader.CLEANER);
     }
@@ -528,6 +536,67 @@ class KnownKeysTest extends OpenRegistry {
         assertNull(keys.exists("unknown"));
         keys.note("list", state, List.of("a"), 8);
         assertEquals(List.of("a"), keys.subkeys("list"));
+    }
+
+    /** Notes keys as a program does that reads each of them once; returns how many of them are known then. */
+    private static int readOnce(KnownKeys keys, long state, int count) {
+        int known = 0;
+        for (int i = 0; i < count; i++) {
+            if (keys.value("app.k" + i) == null) {
+                keys.note("app.k" + i, state, value(i), 8);
+            }
+            known += keys.value("app.k" + i) == null ? 0 : 1;
+        }
+        return known;
+    }
+
+    @Test
+    void ofManyKeysThatAreReadOnceAfterEachChangeOnlyAFewAreTakenIn() {
+        KnownKeys keys = tableOfAnyWeight();
+        for (int round = 0; round < 3; round++) {
+            int known = readOnce(keys, latest().number(), MANY);
+            assertTrue(known >= FEW && known < MANY / 4, () -> known + " of " + MANY + " are known");
+            registry.put(below("elsewhere"), round);
+        }
+    }
+
+    @Test
+    void manyKeysAreTakenInOnceTheyAreReadAgain() {
+        KnownKeys keys = tableOfAnyWeight();
+        for (int round = 0; round < 3; round++) {
+            long state = latest().number();
+            readOnce(keys, state, MANY);
+            int known = readOnce(keys, state, MANY);
+            assertTrue(known > MANY * 3 / 4, () -> known + " of " + MANY + " are known");
+            readOnce(keys, state, MANY);
+            assertEquals(MANY, readOnce(keys, state, MANY));
+            registry.put(below("elsewhere"), round);
+        }
+    }
+
+    @ParameterizedTest
+    @ValueSource(ints = {1_030, 2_000, 12_000})
+    void eachOfAnyNumberOfKeysIsKnownAtSomeTime(int count) {
+        KnownKeys keys = tableOfAnyWeight();
+        for (int round = 0; round < 4; round++) {
+            for (int reads = 0; reads < 20; reads++) {
+                readOnce(keys, latest().number(), count);
+            }
+            assertEquals(count, readOnce(keys, latest().number(), count));
+            registry.put(below("elsewhere"), round);
+        }
+    }
+
+    @Test
+    void whatIsNewOfAKnownKeyIsNotedHoweverManyAreKnown() {
+        KnownKeys keys = tableOfAnyWeight();
+        long state = latest().number();
+        readOnce(keys, state, MANY);
+        for (int i = 0; i < FEW; i++) {
+            keys.note("app.k" + i, state, List.of("a"), 8);
+            assertEquals(List.of("a"), keys.subkeys("app.k" + i));
+            assertEquals(value(i), keys.value("app.k" + i));
+        }
     }
 
     @Test
@@ -641,7 +710,7 @@ class KnownKeysTest extends OpenRegistry {
 
     @Test
     void manyNamesAreRememberedAsSeen() {
-        SeenNames seen = new SeenNames();
+        SeenNames seen = new SeenNames(1 << 17);
         int names = 50_000;
         for (int round = 0; round < 4; round++) {
             for (int i = 0; i < names; i++) {
@@ -653,6 +722,6 @@ class KnownKeysTest extends OpenRegistry {
             remembered += seen.wasSeen("app.key" + i) ? 1 : 0;
         }
         assertTrue(remembered > names / 2, remembered + " of " + names + " are remembered");
-        assertFalse(new SeenNames().wasSeen("app.key0"));
+        assertFalse(new SeenNames(1 << 17).wasSeen("app.key0"));
     }
 }
