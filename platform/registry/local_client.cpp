@@ -104,6 +104,19 @@ bool renew(store::Store& store, KnownKey* known) {
   return true;
 }
 
+bool may_be_copied(const KnownKey& known) { return known.state != 0 && (known.rights & TKV_RIGHT_READ) != 0; }
+
+// As Client::copy_known, also if others have changed since. Brings what is known of the key up to date, as far as that
+// is known.
+bool copy_unchanged(store::Store& store, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
+                    std::size_t* size) {
+  if (!may_be_copied(*known)) return false;
+  store::ValuePlace place = place_of(*known);
+  const bool copied = store.copy_unchanged_value(&known->state, known->id, &place, buffer, type, size);
+  set_place(place, known);
+  return copied;
+}
+
 }  // namespace
 
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
@@ -141,14 +154,12 @@ Status LocalClient::read_value(const KeyRef& key, TypedValue* value) {
 
 bool LocalClient::copy_known(const KnownKey& known, std::span<std::byte> buffer, std::int32_t* type,
                              std::size_t* size) {
-  return known.state != 0 && (known.rights & TKV_RIGHT_READ) != 0 &&
-         store_->copy_value(known.state, known.id, place_of(known), buffer, type, size);
+  return may_be_copied(known) && store_->copy_value(known.state, known.id, place_of(known), buffer, type, size);
 }
 
 Status LocalClient::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer, std::int32_t* type,
                                std::size_t* size) {
-  if (copy_known(*known, buffer, type, size)) return {};
-  if (renew(*store_, known) && copy_known(*known, buffer, type, size)) return {};
+  if (copy_unchanged(*store_, known, buffer, type, size)) return {};
   KnownKey found;
   std::int32_t found_type = 0;
   std::size_t found_size = 0;

@@ -250,6 +250,13 @@ class Store {
     return false;
   }
 
+  // As copy_value, if unchanged_until() would name the latest state, which `*state` then receives. May add to `*place`
+  // as that does. If it returns false, both may have been changed, to what is also true.
+  virtual bool copy_unchanged_value(std::uint64_t* /*state*/, NodeId /*id*/, ValuePlace* /*place*/,
+                                    std::span<std::byte> /*buffer*/, std::int32_t* /*type*/, std::size_t* /*size*/) {
+    return false;
+  }
+
   // For a node that a view of `state` found, with the place of its value: returns the number of a state that a view may
   // show which begins now, if it is known that the node has the same name, the same security record, and its value the
   // same place in that state. Nor has any of the nodes above it been moved. Returns zero if that is not known, or not

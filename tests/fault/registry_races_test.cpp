@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +22,7 @@
 #include <string_view>
 
 #include "prtkv.h"
+#include "registry/client.h"
 #include "registry_fixture.h"
 #include "store/lmdb/lmdb_store.h"
 #include "two_sessions.h"
@@ -125,6 +127,8 @@ class RegistryRaces : public TwoSessions {
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(TwoSessions::SetUp());
     make("key", kKnown);
+    client_ = client_on(store_, person("bob", {"users"}));
+    latest_ = make_latest_reader(*client_);
   }
 
   static void set(const Context& session, std::string_view text) {
@@ -135,18 +139,34 @@ class RegistryRaces : public TwoSessions {
     if (prtkv_set_key_security(session, session.open("key"), security) != PRTKV_DONE) std::abort();
   }
 
+  using Read = std::function<std::string()>;
+
   // Brings the key into its first state, and has the reader read it until its session knows it.
-  prtkv_key know() const {
+  Read know() const {
     allow(*writer_, open_to_all());
     set(*writer_, kKnown);
-    return TwoSessions::know("key", kKnown);
+    const prtkv_key key = TwoSessions::know("key", kKnown);
+    return [this, key] { return value(key); };
   }
 
-  // Reads the key once it is known, while another process writes with a session of its own. `*replaced` tells whether
+  // The same with a reader of the latest state.
+  Read know_latest() {
+    allow(*writer_, open_to_all());
+    set(*writer_, kKnown);
+    const Read read = [this] {
+      std::array<char, 64> buffer{};
+      LatestValue found;
+      const Status status = latest_->read_value("key", std::as_writable_bytes(std::span(buffer)), &found);
+      return status.ok() ? std::string(buffer.data(), found.size) : "code " + std::to_string(status.code());
+    };
+    for (int times = 0; times < 3; ++times) EXPECT_EQ(read(), kKnown);
+    return read;
+  }
+
+  // Reads the key, which is known, while another process writes with a session of its own. `*replaced` tells whether
   // `replacement` is then where the known value was.
-  std::string read_while(const std::function<void(const Context&)>& work, std::string_view replacement,
-                         bool* replaced) const {
-    const prtkv_key key = know();
+  std::string read_while(const Read& read_known, const std::function<void(const Context&)>& work,
+                         std::string_view replacement, bool* replaced) const {
     const std::span<char> pages = mapped_pages(data_file());
     const std::string before(pages.data(), std::filesystem::file_size(data_file()) - meta_bytes());
     Interruption interruption(pages, [&] {
@@ -154,7 +174,7 @@ class RegistryRaces : public TwoSessions {
       if (!store::open_lmdb_store(options_, &fresh).ok()) std::abort();
       work(Context(client_on(fresh, superuser())));
     });
-    std::string read = value(key);
+    std::string read = read_known();
     EXPECT_TRUE(interruption.happened());
     *replaced = false;
     for (std::size_t at = 0; (at = before.find(kKnown, at)) != std::string::npos; ++at) {
@@ -165,35 +185,50 @@ class RegistryRaces : public TwoSessions {
 
   // Has the other process do its work with every number of commits by which pages are used again, and expects that the
   // reader gets `expected` each time.
-  void expect_to_read(std::string_view expected, std::string_view replacement,
+  void expect_to_read(std::string_view expected, std::string_view replacement, const std::function<Read()>& know,
                       const std::function<void(const Context&, int commits)>& work) const {
     int replacements = 0;
     for (int commits = 1; commits <= kMostCommits; ++commits) {
       SCOPED_TRACE(commits);
       bool replaced = false;
-      EXPECT_EQ(read_while([&](const Context& session) { work(session, commits); }, replacement, &replaced), expected);
+      const auto interrupt = [&](const Context& session) { work(session, commits); };
+      EXPECT_EQ(read_while(know(), interrupt, replacement, &replaced), expected);
       replacements += replaced ? 1 : 0;
     }
     EXPECT_GT(replacements, 0) << "no value has taken the place of the known one";
   }
 
-  std::string data_file() const { return options_.directory + "/data.mdb"; }
-};
-
-TEST_F(RegistryRaces, AValueThatIsNotCommittedIsNotRead) {
-  expect_to_read(kMeanwhile, kNeverCommitted, [](const Context& session, int commits) {
+  static void set_without_committing(const Context& session, int commits) {
     for (int n = 0; n < commits; ++n) set(session, kMeanwhile);
     dies_before_meta_page = true;
     set(session, kNeverCommitted);
-  });
+  }
+
+  std::string data_file() const { return options_.directory + "/data.mdb"; }
+
+ private:
+  std::shared_ptr<Client> client_;
+  std::unique_ptr<LatestReader> latest_;
+};
+
+TEST_F(RegistryRaces, AValueThatIsNotCommittedIsNotRead) {
+  expect_to_read(
+      kMeanwhile, kNeverCommitted, [&] { return know(); }, &set_without_committing);
+}
+
+TEST_F(RegistryRaces, AValueThatIsNotCommittedIsNotReadByAReaderOfTheLatestState) {
+  expect_to_read(
+      kMeanwhile, kNeverCommitted, [&] { return know_latest(); }, &set_without_committing);
 }
 
 TEST_F(RegistryRaces, AValueThatWasWrittenAfterTheRightWasTakenAwayIsNotRead) {
   const std::string denied = "code " + std::to_string(PRTKV_ACCESS_DENIED);
-  expect_to_read(denied, kSecret, [](const Context& session, int commits) {
-    allow(session, owned_by("alice", "staff", 0x3f, 0, 0));
-    for (int n = 0; n < commits; ++n) set(session, kSecret);
-  });
+  expect_to_read(
+      denied, kSecret, [&] { return know(); },
+      [](const Context& session, int commits) {
+        allow(session, owned_by("alice", "staff", 0x3f, 0, 0));
+        for (int n = 0; n < commits; ++n) set(session, kSecret);
+      });
 }
 
 }  // namespace

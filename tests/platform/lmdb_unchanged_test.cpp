@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -95,6 +97,19 @@ class LmdbUnchanged : public ::testing::TestWithParam<unsigned> {
     });
     EXPECT_TRUE(status.ok() || status.is(PRTKV_NO_SUCH_KEY)) << status.text();
     return status.ok() ? std::optional(std::move(found)) : std::nullopt;
+  }
+
+  // The value that a view finds.
+  static std::string value_in_view(Store& store, NodeId id) {
+    std::string bytes;
+    const Status status = store.read([&](View& view) {
+      Value value;
+      const Status read = view.value(id, &value);
+      if (read.ok()) bytes.assign(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size());
+      return read;
+    });
+    EXPECT_TRUE(status.ok()) << status.text();
+    return bytes;
   }
 
   TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
@@ -200,6 +215,46 @@ TEST_P(LmdbUnchanged, WhatIsSaidToBeUnchangedIsWhatAViewFinds) {
   EXPECT_GT(recognized, 200u);
 }
 
+TEST_P(LmdbUnchanged, WhatIsCopiedFromItsPlaceIsWhatAViewFinds) {
+  constexpr std::size_t kCapacities[] = {0, 99, 100, 6000};
+  const auto store = open();
+  fill(*store);
+  RandomCommits commits(GetParam(), groups_);
+  std::vector<Found> known;
+  for (const NodeId group : groups_) known.push_back(*look_up(*store, group, name_of(commits.below(kNodesInGroup))));
+  std::vector<std::byte> buffer;
+  std::size_t copied = 0;
+  std::size_t sized = 0;
+  for (int round = 0; round < 800; ++round) {
+    commits.make(*store, commits.below(3), kNodesInGroup, name_of);
+    for (Found& former : known) {
+      if (commits.below(4) == 0) continue;
+      buffer.assign(kCapacities[commits.below(std::size(kCapacities))], std::byte{1});
+      std::int32_t type = -1;
+      std::size_t size = 0;
+      const std::uint64_t before = former.state;
+      const bool done = store->copy_unchanged_value(&former.state, former.node.id, &former.place, buffer, &type, &size);
+      ASSERT_GE(former.state, before);
+      if (!done) {
+        ASSERT_EQ(std::count(buffer.begin(), buffer.end(), std::byte{1}), std::ssize(buffer));
+      } else {
+        const std::string found = value_in_view(*store, former.node.id);
+        ASSERT_EQ(former.state, store->latest_state());
+        ASSERT_EQ(size, found.size());
+        const bool fits = size <= buffer.size();
+        ASSERT_EQ(type != -1, fits);
+        ASSERT_TRUE(!fits || std::memcmp(buffer.data(), found.data(), size) == 0);
+        ++(fits ? copied : sized);
+      }
+      const std::optional<Found> present = look_up(*store, former.parent, former.name);
+      ASSERT_TRUE(!present || former.state != present->state || is_same(former, *present)) << "round " << round;
+      if (present && !done && commits.below(2) == 0) former = *present;
+    }
+  }
+  EXPECT_GT(copied, 1000u);
+  EXPECT_GT(sized, 1000u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Seeds, LmdbUnchanged, ::testing::Range(1u, 5u));
 
 // A key whose node is to stay unchanged, and one in another group that is written to.
@@ -227,6 +282,40 @@ TEST_F(LmdbSubtrees, ANodeIsKnownToBeUnchangedWhileOthersAreWritten) {
     EXPECT_EQ(unchanged_until(*known_), known_->state + commit);
     EXPECT_EQ(unchanged_until(*written_), 0u);
   }
+}
+
+TEST_F(LmdbSubtrees, AValueIsCopiedWhileOthersAreWritten) {
+  std::array<std::byte, 200> buffer{};
+  const auto copies = [&](Found& found) {
+    std::int32_t type = 0;
+    std::size_t size = 0;
+    const bool copied = store_->copy_unchanged_value(&found.state, found.node.id, &found.place, buffer, &type, &size);
+    EXPECT_EQ(type, copied ? 3 : 0);
+    EXPECT_EQ(size, copied ? 100u : 0u);
+    return copied;
+  };
+  for (int commit = 0; commit < 20; ++commit) {
+    ASSERT_TRUE(write().ok());
+    EXPECT_TRUE(copies(*known_));
+    EXPECT_EQ(known_->state, store_->latest_state());
+    EXPECT_TRUE(copies(*known_)) << "in the same state";
+    EXPECT_FALSE(copies(*written_));
+    EXPECT_NE(written_->state, store_->latest_state());
+  }
+}
+
+TEST_F(LmdbSubtrees, ALargeValueIsFoundUnchangedWithoutBeingCopied) {
+  std::vector<std::byte> buffer(10'000, std::byte{1});
+  ASSERT_TRUE(set_text(*store_, known_->node.id, std::string(buffer.size(), 'v')).ok());
+  known_ = look_up(*store_, known_->parent, known_->name);
+  ASSERT_TRUE(known_);
+  ASSERT_EQ(unchanged_until(*known_), known_->state);
+  ASSERT_TRUE(write().ok());
+  std::int32_t type = 0;
+  std::size_t size = 0;
+  EXPECT_FALSE(store_->copy_unchanged_value(&known_->state, known_->node.id, &known_->place, buffer, &type, &size));
+  EXPECT_EQ(known_->state, store_->latest_state());
+  EXPECT_EQ(buffer, std::vector<std::byte>(buffer.size(), std::byte{1}));
 }
 
 // Unless a page was looked at before, nothing tells it from another one with its number.

@@ -217,23 +217,36 @@ bool copy_bytes(const FileMap& map, std::uint64_t offset, std::span<std::byte> c
 
 bool Environment::copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {
   const std::uint64_t latest = latest_state();
-  if (latest == state + 1) return copy_in_transaction(state, offset, copy);
-  if (latest != state) return false;
+  if (latest != state && latest != state + 1) return false;
   ReaderSlot* const slot = readers_.try_claim();  // keeps the map from being replaced
   if (slot == nullptr) return false;
-  const bool exists = copy_bytes(map_, offset, copy);
-  std::atomic_thread_fence(std::memory_order_acquire);
-  const bool is_latest = meta_pages_.latest_or_in(map_.address) == state;
+  bool copied = false;
+  if (latest == state) {
+    copied = copy_bytes(map_, offset, copy) && meta_pages_.is_still(state, map_.address);
+  } else if (begin_glance(*slot)) {
+    copied = slot->state.transaction == state && copy_bytes(map_, offset, copy);
+    end_read(*slot);
+  }
   readers_.release(*slot);
-  return exists && is_latest;
+  return copied;
 }
 
-bool Environment::copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy) {
-  ReaderSlot* const slot = readers_.try_claim();
+bool Environment::copy_unchanged(std::uint64_t* state, ValuePlace* place, std::span<std::byte> copy) {
+  const std::uint64_t latest = latest_state();
+  ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
   if (slot == nullptr) return false;
-  const bool begun = begin_glance(*slot);
-  const bool copied = begun && slot->state.transaction == state && copy_bytes(map_, offset, copy);
-  if (begun) end_read(*slot);
+  const bool is_known_to_hold =
+      *state == latest || (slot->pages.state() == latest && slot->pages.has_kept(*state, *place));
+  bool copied = false;
+  if (is_known_to_hold) {
+    copied = copy_bytes(map_, place->offset, copy) && meta_pages_.is_still(latest, map_.address);
+    if (copied) *state = latest;
+  } else if (begin_glance(*slot)) {
+    const bool holds = recognizes(*slot, *state, place);
+    copied = holds && copy_bytes(map_, place->offset, copy);
+    if (holds) *state = slot->state.transaction;
+    end_read(*slot);
+  }
   readers_.release(*slot);
   return copied;
 }
@@ -242,20 +255,20 @@ std::uint64_t Environment::unchanged_until(std::uint64_t state, ValuePlace* plac
   const std::uint64_t latest = latest_state();
   ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
   if (slot == nullptr) return 0;
-  const bool holds = (slot->pages.state() == latest && slot->pages.has_kept(state, *place)) ||
-                     recognizes_in_latest(*slot, state, place);
+  bool holds = slot->pages.state() == latest && slot->pages.has_kept(state, *place);
+  if (!holds && begin_glance(*slot)) {
+    holds = recognizes(*slot, state, place);
+    end_read(*slot);
+  }
   const std::uint64_t until = holds ? slot->pages.state() : 0;
   readers_.release(*slot);
   return until;
 }
 
-// Brings what the slot knows of pages to the state that a transaction shows now, and looks there for those of a place.
-bool Environment::recognizes_in_latest(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
-  if (!begin_glance(slot)) return false;
+// Brings what the slot knows of pages to the state that its transaction shows, and looks there for those of a place.
+bool Environment::recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
   if (slot.pages.state() != slot.state.transaction) slot.pages.follow(slot.state, structure_of(slot));
-  const bool holds = slot.pages.recognizes(slot.state, former, place);
-  end_read(slot);
-  return holds;
+  return slot.pages.recognizes(slot.state, former, place);
 }
 
 // Begins a short transaction for a reader that has another way if that does not work at once.

@@ -79,6 +79,10 @@ class Environment {
   // meanwhile has shown that state, as while the next one is being made durable. `copy` is unspecified otherwise.
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
 
+  // As copy_from_latest, of the record at `place`, if unchanged_until() would name the latest state, which `*state`
+  // then receives.
+  bool copy_unchanged(std::uint64_t* state, ValuePlace* place, std::span<std::byte> copy);
+
   // See Store::unchanged_until.
   std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place);
 
@@ -111,9 +115,8 @@ class Environment {
   bool has_kept_its_size();
   Status files_replaced() const;
 
-  bool copy_in_transaction(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
   bool begin_glance(ReaderSlot& slot);
-  bool recognizes_in_latest(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
+  bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
 
   int renew(ReaderSlot& slot);
   void end_read(ReaderSlot& slot);

@@ -201,6 +201,13 @@ Retention retention_of(const LmdbOptions& options) {
   return retention;
 }
 
+// Larger records are left to transactions, which protect them, so that they need not be copied twice.
+constexpr std::size_t kLargestCopied = 4096;
+
+bool is_large(const ValuePlace& place, std::span<const std::byte> buffer) {
+  return place.value_size <= buffer.size() && place.record_size > kLargestCopied;
+}
+
 class LmdbStore final : public Store {
  public:
   LmdbStore(Environment::Held environment, const LmdbOptions& options)
@@ -221,6 +228,8 @@ class LmdbStore final : public Store {
   std::shared_ptr<const StateMemory> state_memory() override { return environment_.state_memory(); }
   bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                   std::int32_t* type, std::size_t* size) override;
+  bool copy_unchanged_value(std::uint64_t* state, NodeId id, ValuePlace* place, std::span<std::byte> buffer,
+                            std::int32_t* type, std::size_t* size) override;
   std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place) override {
     return environment_.unchanged_until(state, place);
   }
@@ -240,8 +249,9 @@ class LmdbStore final : public Store {
  private:
   using Writer = WriteQueue::Writer;
 
-  bool copy_record(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
-                   std::int32_t* type, std::size_t* size);
+  template <typename CopyBytes>
+  bool copy_record(NodeId id, const ValuePlace& place, std::span<std::byte> buffer, std::int32_t* type,
+                   std::size_t* size, CopyBytes&& copy_bytes);
   Status check_only(FunctionRef<void(const Finding&)> report, FunctionRef<void(const CheckProgress&)> progress,
                     Totals* totals);
   Status check_and_repair(const ChangeDescription& repair, FunctionRef<void(const Finding&)> report,
@@ -281,31 +291,44 @@ Status LmdbStore::read_for(ReadTransaction::Length length, FunctionRef<Status(Vi
 
 bool LmdbStore::copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                            std::int32_t* type, std::size_t* size) {
-  const bool fits = place.value_size <= buffer.size();
-  if (!place.is_known()) return false;
-  if (fits && place.record_size != 0) return copy_record(state, id, place, buffer, type, size);
-  if (environment_.latest_state() != state) return false;
-  if (fits) *type = 0;
-  *size = place.value_size;
-  return true;
+  if (!place.is_known() || is_large(place, buffer)) return false;
+  return copy_record(id, place, buffer, type, size, [&](std::span<std::byte> record) {
+    return record.empty() ? environment_.latest_state() == state
+                          : environment_.copy_from_latest(state, place.offset, record);
+  });
 }
 
-// The record is copied before it is verified: what is in the map may change until the copy is known to be good. Large
-// records are left to transactions, which protect them, so that they need not be copied twice.
-bool LmdbStore::copy_record(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
-                            std::int32_t* type, std::size_t* size) {
-  std::array<std::byte, 4096> bytes;
-  Value value;
-  if (place.record_size > bytes.size()) return false;
-  const auto record = std::span(bytes).first(place.record_size);
-  const bool done = environment_.copy_from_latest(state, place.offset, record) &&
-                    decode_value(id, record, &value).ok() && value.bytes.size() == place.value_size;
-  if (done) {
-    *type = value.type;
-    *size = value.bytes.size();
-    std::memcpy(buffer.data(), value.bytes.data(), value.bytes.size());
+bool LmdbStore::copy_unchanged_value(std::uint64_t* state, NodeId id, ValuePlace* place, std::span<std::byte> buffer,
+                                     std::int32_t* type, std::size_t* size) {
+  if (!place->is_known()) return false;
+  if (is_large(*place, buffer)) {
+    const std::uint64_t until = environment_.unchanged_until(*state, place);
+    if (until != 0) *state = until;
+    return false;
   }
-  ::explicit_bzero(record.data(), record.size());  // values may be secrets
+  return copy_record(id, *place, buffer, type, size,
+                     [&](std::span<std::byte> record) { return environment_.copy_unchanged(state, place, record); });
+}
+
+// The record is copied before it is verified: what is in the map may change until `copy_bytes` has returned true. It is
+// given no bytes if only the size is asked for.
+template <typename CopyBytes>
+bool LmdbStore::copy_record(NodeId id, const ValuePlace& place, std::span<std::byte> buffer, std::int32_t* type,
+                            std::size_t* size, CopyBytes&& copy_bytes) {
+  std::array<std::byte, kLargestCopied> bytes;
+  const bool fits = place.value_size <= buffer.size();
+  const auto record = std::span(bytes).first(fits ? place.record_size : 0);
+  Value value;
+  bool done = copy_bytes(record);
+  if (done && !record.empty()) {
+    done = decode_value(id, record, &value).ok() && value.bytes.size() == place.value_size;
+  }
+  if (done) {
+    if (fits) *type = value.type;
+    *size = place.value_size;
+    std::copy(value.bytes.begin(), value.bytes.end(), buffer.begin());
+  }
+  if (!record.empty()) ::explicit_bzero(record.data(), record.size());  // values may be secrets
   return done;
 }
 

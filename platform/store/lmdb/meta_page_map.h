@@ -58,6 +58,12 @@ class MetaPageMap {
   // which may be null. Any thread may call this.
   std::uint64_t latest_or_in(const std::byte* map) const;
 
+  // Whether that is still this number, after all that the thread has read before.
+  bool is_still(std::uint64_t number, const std::byte* map) const {
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return latest_or_in(map) == number;
+  }
+
  private:
   class Pages;
 
