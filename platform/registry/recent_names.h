@@ -31,12 +31,12 @@ class RecentNames {
   // The value of a name, which has this hash; valid until the next call. Null if the name is not kept. Allocates only
   // to carry a name over to the young generation.
   Value* find(std::string_view name, std::size_t hash) {
-    if (Entry* const found = young_.find(name, hash)) return &found->value;
-    Entry* const found = old_.find(name, hash);
+    if (Entry* const found = young_.find_by_turns(name, hash)) return &found->value;
+    Entry* const found = old_.find_by_turns(name, hash);
     if (found == nullptr) return nullptr;
     const Value value = found->value;
     add(name, hash, value);
-    Entry* const young = young_.find(name, hash);
+    Entry* const young = young_.find_by_turns(name, hash);
     return young == nullptr ? nullptr : &young->value;
   }
 
@@ -80,7 +80,9 @@ class RecentNames {
       name.copy(elsewhere ? elsewhere.get() : room.data(), name.size());
     }
 
-    std::string_view name() const { return {elsewhere ? elsewhere.get() : room.data(), size}; }
+    bool has(std::string_view name, std::size_t name_hash) const {
+      return hash == name_hash && std::string_view(elsewhere ? elsewhere.get() : room.data(), size) == name;
+    }
 
     std::size_t hash;
     Value value;
@@ -94,8 +96,16 @@ class RecentNames {
    public:
     std::size_t size() const { return entries_.size(); }
 
-    Entry* find(std::string_view name, std::size_t hash) {
-      return const_cast<Entry*>(std::as_const(*this).find(name, hash));
+    // As find(), for names that are looked up by turns, or several times one after the other. Entries are in the order
+    // in which their names were added, so the next name is likely to be that of the next entry. This takes no
+    // place in the table, for whose memory a search has to wait.
+    Entry* find_by_turns(std::string_view name, std::size_t hash) {
+      for (std::size_t index = latest_; index < entries_.size() && index <= latest_ + 1; ++index)
+        if (entries_[index].has(name, hash)) return &entries_[latest_ = index];
+      const Entry* const found = find(name, hash);
+      if (found == nullptr) return nullptr;
+      latest_ = static_cast<std::size_t>(found - entries_.data());
+      return &entries_[latest_];
     }
 
     const Entry* find(std::string_view name, std::size_t hash) const {
@@ -104,7 +114,7 @@ class RecentNames {
         if (places_[at].index == kFree) return nullptr;
         if (places_[at].tag != tag_of(hash)) continue;
         const Entry& entry = entries_[places_[at].index];
-        if (entry.hash == hash && entry.name() == name) return &entry;
+        if (entry.has(name, hash)) return &entry;
       }
     }
 
@@ -144,7 +154,8 @@ class RecentNames {
     }
 
     std::vector<Entry, LargePages<Entry>> entries_;
-    Places places_;  // of entries_, by hash
+    Places places_;           // of entries_, by hash
+    std::size_t latest_ = 0;  // the index of the entry that find_by_turns() has found last
   };
 
   const std::size_t least_;

@@ -667,6 +667,34 @@ TEST(RecentNames, KeepsTheNamesInUseAndAtMostTwiceTheLeastNumber) {
   EXPECT_EQ(find("n0"), nullptr);
 }
 
+TEST(RecentNames, FindsNamesInWhateverOrderTheyAreLookedUp) {
+  constexpr int kNames = 300;
+  RecentNames<int> names(100'000);
+  const auto expect_found = [&](int number) {
+    const std::string name = "n" + std::to_string(number);
+    const int* const found = names.find(name, RecentNames<int>::hash(name));
+    if (number >= kNames) {
+      EXPECT_EQ(found, nullptr) << name;
+    } else {
+      ASSERT_NE(found, nullptr) << name;
+      EXPECT_EQ(*found, number);
+    }
+  };
+  for (int number = 0; number < kNames; ++number) {
+    const std::string name = "n" + std::to_string(number);
+    names.add(name, RecentNames<int>::hash(name), number);
+  }
+  for (int round = 0; round < 2; ++round)
+    for (int number = 0; number <= kNames; ++number) expect_found(number);
+  for (int number = kNames; number >= 0; --number) expect_found(number);
+  for (int number = 0; number < kNames; ++number) {
+    expect_found(number * 7 % kNames);
+    expect_found(number);
+    expect_found(kNames + number);
+    expect_found(number);
+  }
+}
+
 TEST(RecentNames, KeepsNamesOfEveryLength) {
   constexpr std::size_t kLongest = 1023;
   RecentNames<int> names(kLongest + 1);
@@ -695,6 +723,7 @@ TEST(RecentNames, TellsNamesWithTheSameHashApart) {
   EXPECT_EQ(*names.find("a", kHash), 1);
   EXPECT_EQ(*names.find("b", kHash), 2);
   EXPECT_EQ(names.find("c", kHash), nullptr);
+  EXPECT_EQ(*names.find("a", kHash), 1);
 }
 
 TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
