@@ -19,6 +19,7 @@
 #include "store/etcd/limits.h"
 #include "store/etcd/opening.h"
 #include "store/etcd/redo_log.h"
+#include "store/etcd/registry_mark.h"
 #include "store/etcd/stm.h"
 #include "store/etcd/token.h"
 #include "store/record.h"
@@ -246,68 +247,6 @@ TEST_F(EtcdSession, ADeadOwnersClaimIsRemovedWithItsBuild) {
   expect_only_nodes(2 + kMany);
 }
 
-// A request whose answer is late is sent again. A member of the cluster that was stopped carries out the first copy
-// long afterwards: right after the change, or when its session has ended.
-TEST_F(EtcdSession, ACopyOfAnyRequestThatComesLateChangesNothing) {
-  std::vector<TxnRequest> sent;
-  bool laid_claim = false;
-  kv_.after_txn = [&](const TxnRequest& request) {
-    sent.push_back(request);
-    laid_claim = laid_claim || kv_.count(keys_.all_claims()) > 0;
-    return Reply();
-  };
-  const auto send_all_again = [&](const std::string& when) {
-    const auto after_txn = std::exchange(kv_.after_txn, nullptr);
-    const std::int64_t revision = kv_.revision();
-    for (const TxnRequest& request : sent) {
-      TxnResponse response;
-      (void)kv_.txn(request, &response, Deadline(std::chrono::seconds(1)));
-      std::string keys;
-      for (const Compare& compare : request.compare()) keys += compare.key() + "\n";
-      ASSERT_EQ(kv_.revision(), revision) << "after the " << when << ", a request that compares\n" << keys;
-    }
-    kv_.after_txn = after_txn;
-  };
-  const auto top_id = [&](NodeId* id) {
-    return run(
-        *one_,
-        [&](View& view) -> Status {
-          Node top;
-          Status status = follow(view, "top", &top);
-          *id = top.id;
-          return status;
-        },
-        Stm::Purpose::kRead);
-  };
-  NodeId top = kNoNode;
-
-  ASSERT_TRUE(done(create(*one_, "a")));
-  send_all_again("creation");
-  ASSERT_TRUE(done(build(*one_, [] {})));
-  send_all_again("build");
-  ASSERT_TRUE(done(top_id(&top)));
-  ASSERT_TRUE(done(run(*one_, [&](Update& update) {
-    return update.children(
-        top, [&](std::string_view, const Node& node) { return update.set_value(node.id, 3, bytes_of("changed")); });
-  })));
-  ASSERT_TRUE(laid_claim) << "the change was not a large one";
-  send_all_again("large change");
-  ASSERT_TRUE(done(run(*one_, [](Update& update) -> Status {
-    Node node;
-    if (Status status = update.find(kRootNode, "a", &node); !status.ok()) return status;
-    if (Status status = update.unlink(kRootNode, "a"); !status.ok()) return status;
-    return update.discard(node.id);
-  })));
-  send_all_again("removal");
-
-  kv_.expire_leases();
-  send_all_again("end of the session");
-  const auto other = session();
-  ASSERT_TRUE(done(other->sweeper.sweep_all()));
-  EXPECT_EQ(count_children(*other, "top"), kMany);
-  expect_only_nodes(2 + kMany);
-}
-
 // The answer to the first copy of the batch was lost, and the second one was refused. Nothing refers to what the batch
 // has staged, so there is no need to know whether it was made.
 TEST_F(EtcdSession, AnOwnerThatEndedWhileItsFirstBatchWasUnansweredBeginsAgain) {
@@ -383,6 +322,225 @@ TEST_F(EtcdSession, TheStatusCountsWhatIsUnderWayAndWhatIsLeftOver) {
   EXPECT_EQ(look().garbage, 1u);
   EXPECT_EQ(look().claims, 1u);
   EXPECT_EQ(look().revision, static_cast<std::uint64_t>(kv_.revision()));
+}
+
+// ---- requests that are carried out late
+
+// Each request is answered when it is sent for the second time. The member of the cluster that got the first copy had
+// stopped: it carries the copy out after any of the requests that follow, and after the end of the session.
+class EtcdLateCopies : public EtcdSession {
+ protected:
+  EtcdLateCopies() {
+    kv_.after_txn = [this](const TxnRequest& request) {
+      if (std::exchange(copying_, true)) return Reply();
+      if (writes(request)) sent_.push_back(request);
+      for (const TxnRequest& each : sent_) expect_no_change_by(each);
+      copying_ = false;
+      return Reply{Verdict::kDone, {}, true};
+    };
+  }
+  ~EtcdLateCopies() override {
+    one_.reset();
+    kv_.after_txn = nullptr;
+  }
+
+  static bool writes(const TxnRequest& request) {
+    return std::any_of(request.success().begin(), request.success().end(),
+                       [](const RequestOp& operation) { return !operation.has_request_range(); });
+  }
+
+  void expect_no_change_by(const TxnRequest& copy) {
+    const std::int64_t revision = kv_.revision();
+    TxnResponse response;
+    (void)kv_.txn(copy, &response, Deadline(std::chrono::seconds(1)));
+    std::string keys = "compares";
+    for (const Compare& compare : copy.compare()) keys += " " + compare.key();
+    keys += "\nputs";
+    for (const RequestOp& operation : copy.success()) keys += " " + operation.request_put().key();
+    EXPECT_EQ(kv_.revision(), revision) << "a request that " << keys;
+  }
+
+  // The copies are carried out once more when all sessions have ended, before others remove what seems to be left.
+  void end_sessions() {
+    kv_.expire_leases();
+    ASSERT_TRUE(done(session()->sweeper.sweep_all()));
+  }
+
+  Status change(Core& core, const std::string& path) {
+    return run(core, [&](Update& update) -> Status {
+      Node top;
+      if (Status status = follow(update, path, &top); !status.ok()) return status;
+      return update.children(top.id, [&](std::string_view, const Node& node) {
+        return update.set_value(node.id, 3, bytes_of("changed"));
+      });
+    });
+  }
+
+  // Lets the session die before its first transaction of which `ends` is true.
+  void die_before(SharedKv* connection, std::function<bool(const TxnRequest& request)> ends) {
+    kv_.before_txn = [this, connection, ends = std::move(ends)](const TxnRequest& request) {
+      if (copying_ || !ends(request)) return Reply();
+      connection->die();
+      kv_.before_txn = nullptr;
+      return Reply{Verdict::kFinal, Status(PRTKV_UNREACHABLE, "the process has died"), false};
+    };
+  }
+
+  // Changes all subkeys of "top", and attaches to one of them a key that was made before, with subkeys of its own.
+  Status change_and_add(Core& core, int subkeys) {
+    return run(core, [subkeys](Update& update) -> Status {
+      Node added;
+      Node top;
+      Node first;
+      if (Status status = update.new_id(&added.id); !status.ok()) return status;
+      for (int i = 0; i < subkeys; ++i) {
+        Node below;
+        if (Status status = update.new_id(&below.id); !status.ok()) return status;
+        if (Status status = update.insert(added.id, std::to_string(i), below); !status.ok()) return status;
+      }
+      if (Status status = follow(update, "top", &top); !status.ok()) return status;
+      const auto change = [&](std::string_view, const Node& node) {
+        return update.set_value(node.id, 3, bytes_of("changed"));
+      };
+      if (Status status = update.children(top.id, change); !status.ok()) return status;
+      if (Status status = update.find(top.id, "k0", &first); !status.ok()) return status;
+      return update.insert(first.id, "added", added);
+    });
+  }
+
+  // Calls a function right before each transaction that lays a claim, with its number.
+  void before_each_claim(std::function<void(int number)> meanwhile) {
+    kv_.before_txn = [this, meanwhile = std::move(meanwhile)](const TxnRequest& request) {
+      const bool lays_claim = std::any_of(request.success().begin(), request.success().end(), [&](const auto& each) {
+        return keys_.parse_claim(each.request_put().key()) && !ClaimText::parse(each.request_put().value()).decided;
+      });
+      if (lays_claim && !copying_) meanwhile(++claims_);
+      return Reply();
+    };
+  }
+
+  std::vector<TxnRequest> sent_;
+  bool copying_ = false;
+  int claims_ = 0;
+};
+
+TEST_F(EtcdLateCopies, OfChangesChangeNothing) {
+  ASSERT_TRUE(done(create(*one_, "a")));
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  ASSERT_TRUE(done(change(*one_, "top")));
+  ASSERT_TRUE(done(change_and_add(*one_, kMany)));
+  ASSERT_TRUE(done(run(*one_, [](Update& update) -> Status {
+    Node to;
+    Node top;
+    if (Status status = follow(update, "a", &to); !status.ok()) return status;
+    if (Status status = follow(update, "top", &top); !status.ok()) return status;
+    if (Status status = update.unlink(kRootNode, "top"); !status.ok()) return status;
+    return update.insert(to.id, "moved", top);
+  })));
+  ASSERT_TRUE(done(run(*one_, [](Update& update) { return delete_key(update, "a.moved.k1"); })));
+  end_sessions();
+  EXPECT_EQ(count_children(*one_, "a.moved"), kMany - 1);
+  EXPECT_EQ(count_children(*one_, "a.moved.k0.added"), kMany);
+  ASSERT_TRUE(done(run(*session(), [](Update& update) { return delete_key(update, "a"); })));
+  end_sessions();
+  expect_only_nodes(1);
+}
+
+TEST_F(EtcdLateCopies, OfWhatIsLeftToOthersChangeNothing) {
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  const auto is_large = [this](const TxnRequest&) { return kv_.count(keys_.all_plans()) > 0; };
+  const auto is_decided = [this](const TxnRequest&) {
+    const auto claims = kv_.keys_of(keys_.all_claims());
+    return !claims.empty() && ClaimText::parse(kv_.get(claims[0])).decided;
+  };
+  SharedKv* connection = nullptr;
+  auto dying = session(&connection);
+  die_before(connection, is_large);
+  EXPECT_TRUE(change(*dying, "top").is(PRTKV_UNREACHABLE));
+  end_sessions();
+  EXPECT_EQ(kv_.count(keys_.all_values()), 0u);
+
+  dying = session(&connection);
+  die_before(connection, is_decided);
+  EXPECT_TRUE(done(change(*dying, "top")));
+  EXPECT_GT(kv_.count(keys_.all_plans()), 0u);
+  end_sessions();
+  EXPECT_EQ(kv_.count(keys_.all_values()), std::size_t{kMany});
+  EXPECT_EQ(count_children(*one_, "top"), kMany);
+  expect_only_nodes(2 + kMany);
+}
+
+TEST_F(EtcdLateCopies, OfRemovalsWithoutSpaceChangeNothing) {
+  ASSERT_TRUE(done(create(*one_, "leaf")));
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  kv_.is_full = true;
+  ASSERT_TRUE(done(run(*one_, [](Update& update) { return delete_key(update, "leaf"); })));
+  ASSERT_TRUE(done(run(*one_, [](Update& update) { return delete_key(update, "top"); })));
+  kv_.is_full = false;
+  ASSERT_TRUE(done(create(*one_, "leaf")));
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  end_sessions();
+  EXPECT_EQ(count_children(*one_, "top"), kMany);
+  expect_only_nodes(3 + kMany);
+}
+
+TEST_F(EtcdLateCopies, OfOpeningsChangeNothing) {
+  const auto open = [this](const std::string& prefix) {
+    Core core(std::make_unique<SharedKv>(kv_), prefix);
+    EtcdOptions options;
+    options.prefix = prefix;
+    ASSERT_TRUE(done(open_registry(core, options)));
+    EXPECT_TRUE(done(create(core, std::to_string(kv_.revision()))));
+  };
+  open("/created/");
+  const Keys unmarked("/unmarked/");
+  kv_.put(unmarked.meta(), as_text(encode_meta(Meta())));
+  kv_.put(unmarked.node({kNoNode, ""}), as_text(encode_node(kNoNode, "", {kRootNode, {}})));
+  open("/unmarked/");
+  const Keys unlogged("/unlogged/");
+  kv_.put(unlogged.meta(), as_text(encode_meta(Meta())));
+  kv_.put(unlogged.node({kNoNode, ""}), as_text(encode_node(kNoNode, "", {kRootNode, {}})));
+  kv_.put(unlogged.mark(), RegistryMark{2, random_token()}.print());
+  open("/unlogged/");
+  kv_.expire_leases();
+  open("/created/");
+}
+
+// The first claim of the change is refused. What keeps its late copy from being made also gives the build up: another
+// session has begun to remove what was staged, and was interrupted, when the next claim is laid.
+TEST_F(EtcdLateCopies, OfARefusedBatchEndTheBuild) {
+  kv_.after_txn = [](const TxnRequest&) { return Reply{Verdict::kDone, {}, true}; };
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  SharedKv* connection = nullptr;
+  const auto sweeping = session(&connection);
+  before_each_claim([&](int number) {
+    if (number == 1) kv_.put(keys_.claim(77, "other"), ClaimText().print());
+    if (number != 2) return;
+    const auto after_txn = std::exchange(kv_.after_txn, [&](const TxnRequest& request) {
+      if (writes(request)) connection->die();
+      return Reply();
+    });
+    (void)sweeping->sweeper.sweep_all();
+    kv_.after_txn = after_txn;
+  });
+  ASSERT_TRUE(done(change_and_add(*one_, kMany)));
+  ASSERT_GE(claims_, 2);
+  EXPECT_EQ(count_children(*one_, "top.k0.added"), kMany);
+}
+
+TEST_F(EtcdLateCopies, OfAClaimThatAnotherOneCameAheadOfChangeNothing) {
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  before_each_claim([this](int number) {
+    if (number == 1) kv_.put(keys_.claim(77, "other"), ClaimText().print());
+  });
+  ASSERT_TRUE(done(change_and_add(*one_, 1)));
+  ASSERT_EQ(claims_, 2);
+  kv_.expire_leases();
+  const auto other = session();
+  ASSERT_TRUE(done(other->sweeper.sweep_all()));
+  EXPECT_EQ(count_children(*other, "top.k0.added"), 1);
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+  expect_only_nodes(4 + kMany);
 }
 
 // ---- forked children

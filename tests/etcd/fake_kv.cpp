@@ -161,10 +161,7 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   }
   if (written) revision_ = next;
   response->mutable_header()->set_revision(revision_);
-  if (after_txn) {
-    if (Reply reply = after_txn(request); !reply.ok()) return reply;
-  }
-  return {};
+  return after_txn ? after_txn(request) : Reply();
 }
 
 Reply FakeKv::ask_members(ClusterAnswer* answer, Deadline) {

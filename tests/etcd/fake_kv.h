@@ -55,6 +55,7 @@ class FakeKv final : public Kv {
   std::function<Reply(const TxnRequest& request)> before_txn;
 
   // Called after each transaction has been carried out. A failure that it returns is the reply in place of the answer.
+  // A success may say that the request was repeated.
   std::function<Reply(const TxnRequest& request)> after_txn;
 
   // The space alarm: nothing can be put any more.

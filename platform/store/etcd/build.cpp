@@ -62,8 +62,7 @@ Build::Build(Kv& kv, const Keys& keys, Writers& writers, const Owner& owner, std
 Written Build::send(TxnRequest batch, const std::vector<IdRange>& ids) {
   ++text_.batch;
   text_.ids = ids;
-  if (text_.batch == 1) return send_first(std::move(batch));
-  return write_once(kv_, keys_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
+  return begun_ ? send_next(std::move(batch)) : send_first(std::move(batch));
 }
 
 // If the session has ended, it does not matter whether the batch was made: nothing refers to it, and a sweeper finds
@@ -74,8 +73,17 @@ Written Build::send_first(TxnRequest batch) {
   Mark writer = writers_.take(mark_.owner);
   Written written = write_once(kv_, keys_, std::move(batch), &writer, writers_.next_text(), Deadline(kv_.timeout()));
   writers_.give_back(std::move(writer));
+  begun_ = written.made;
   if (written.made) mark_.mod_revision = written.revision;
   if (written.lost) written.status = {};
+  return written;
+}
+
+// One that was sent twice and not made has been fenced by rewriting the key, which gives the build up.
+Written Build::send_next(TxnRequest batch) {
+  const std::int64_t sent_after = mark_.mod_revision;
+  Written written = write_once(kv_, keys_, std::move(batch), &mark_, text_.print(), Deadline(kv_.timeout()));
+  over_ = !written.made && mark_.mod_revision != sent_after;
   return written;
 }
 

@@ -6,8 +6,9 @@
 // twice or out of order, and a build that has been given up cannot go on.
 //
 // The first batch finds no such key, and nor would a copy of it that arrives when the commit has removed the key again.
-// Such a copy would have the subtree taken for the remains of an interrupted build. So the first batch is a write of
-// one of the session's writers (see writer.h), of which no late copy can be made.
+// Such a copy would have the subtree taken for the remains of an interrupted build. So the first batch, and each that
+// is sent in its place if it was not made, is a write of one of the session's writers (see writer.h), of which no late
+// copy can be made.
 #ifndef TKV_PLATFORM_STORE_ETCD_BUILD_H
 #define TKV_PLATFORM_STORE_ETCD_BUILD_H
 
@@ -49,11 +50,16 @@ class Build {
   // its owner's session has ended, or if a comparison of the batch itself fails.
   Written send(TxnRequest batch, const std::vector<IdRange>& ids);
 
+  // Whether another batch can be sent after one that was not made. Once its key was rewritten or removed, whoever looks
+  // for remains may have begun to remove what was staged.
+  bool goes_on() const { return !over_; }
+
   // Adds to the commit what ends the build.
   void finish_in(TxnRequest* commit) const;
 
  private:
   Written send_first(TxnRequest batch);
+  Written send_next(TxnRequest batch);
 
   Kv& kv_;
   const Keys& keys_;
@@ -61,6 +67,8 @@ class Build {
   const std::string token_;
   Mark mark_;
   BuildText text_;
+  bool begun_ = false;  // the first batch was made
+  bool over_ = false;
 };
 
 }  // namespace tkv::store::etcd

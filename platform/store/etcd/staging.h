@@ -49,6 +49,9 @@ class Staging {
   Status send(TxnRequest batch);
   Written try_send(TxnRequest batch);
 
+  // Whether another batch can be sent after one that was not made (see build.h).
+  bool goes_on() const { return !build_ || build_->goes_on(); }
+
   // Sends a batch without content if none has been sent for a moment: others wait for the claim of this build as long
   // as it makes progress. The run repeats if the claim has been removed.
   Status show_progress(const Claim& claim);

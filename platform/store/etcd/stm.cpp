@@ -91,7 +91,7 @@ Status Stm::lay_claim(ClaimOrder order) {
       reads_.set_claim(std::move(claim));
       return {};
     }
-    if (!written.lost && others_laid_claims(written.response)) continue;
+    if (!written.lost && staging_.goes_on() && others_laid_claims(written.response)) continue;
     Status status = written.lost ? staging_.lost() : run_.give_way();
     run_.next.claim = order;
     return status;
