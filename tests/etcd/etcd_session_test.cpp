@@ -506,6 +506,30 @@ TEST_F(EtcdLateCopies, OfOpeningsChangeNothing) {
   open("/created/");
 }
 
+TEST_F(EtcdLateCopies, OfRepairsChangeNothing) {
+  ASSERT_TRUE(done(build(*one_, [] {})));
+  const ChangeDescription description{.note = "repair"};
+  Totals totals;
+  const auto repair = [&] {
+    return check_registry(
+        *one_, &description, [](const Finding&) {}, [](const CheckProgress&) {}, &totals);
+  };
+  const auto put_orphan = [this](NodeId id) {
+    kv_.put(keys_.node({id - 1, "orphan"}), as_text(encode_node(id - 1, "orphan", {id, {}})));
+    kv_.put(keys_.value(id), "damaged");
+  };
+  kv_.put(keys_.meta(), "damaged");
+  put_orphan(7000);
+  kv_.put(keys_.claim(2, claim_token(1)), "damaged");
+  kv_.put(keys_.staging(claim_token(1)), "damaged");
+  ASSERT_TRUE(done(repair()));
+  put_orphan(8000);
+  ASSERT_TRUE(done(repair()));
+  ASSERT_TRUE(done(create(*one_, "a")));
+  end_sessions();
+  expect_only_nodes(3 + kMany);
+}
+
 // The first claim of the change is refused. What keeps its late copy from being made also gives the build up: another
 // session has begun to remove what was staged, and was interrupted, when the next claim is laid.
 TEST_F(EtcdLateCopies, OfARefusedBatchEndTheBuild) {

@@ -410,9 +410,14 @@ Status Checker::repair(const ChangeDescription& description) {
   if (!is_needed && !removes && !log_is_damaged_) return {};
   put(request.add_success(), core_.keys.log(), ChangeLog::encode(description));
   compare_history(&request);
+  // A late copy would log the repair once more.
+  if (mark_) put(request.add_success(), mark_->key, core_.writers.next_text(), mark_->owner.lease);
   TxnResponse response;
   const Reply reply = core_.kv->txn(request, &response, core_.deadline());
-  if (reply.ok() && response.succeeded()) return {};
+  if (reply.ok() && response.succeeded()) {
+    if (mark_) mark_->mod_revision = response.header().revision();
+    return {};
+  }
   if (reply.status.is(PRTKV_STORAGE_FULL) && !is_needed) return {};
   // What was sent twice may have been made the first time.
   if (reply.repeated) return {PRTKV_UNDECIDED, "it is not known whether the repair was made; check the registry again"};
