@@ -222,6 +222,29 @@ TEST_F(EtcdSession, AnOwnerWhoseLeaseRanOutCannotDecide) {
   expect_only_nodes(2 + kMany);
 }
 
+// What it reads of its own build tells nothing once that may have been removed.
+TEST_F(EtcdSession, AnOwnerThatMissesWhatItHasStagedBeginsAgain) {
+  const auto other = session();
+  bool swept = false;
+  EXPECT_TRUE(done(run(*one_, [&](Update& update) -> Status {
+    Node top;
+    if (Status status = update.new_id(&top.id); !status.ok()) return status;
+    for (int i = 0; i < kMany; ++i) {
+      Node node;
+      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+      if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;
+    }
+    if (!std::exchange(swept, true)) {
+      kv_.expire_leases();
+      EXPECT_TRUE(done(other->sweeper.sweep_all()));
+    }
+    Node staged;
+    if (Status status = update.find(top.id, "k0", &staged); !status.ok()) return status;
+    return update.insert(kRootNode, "top", top);
+  })));
+  EXPECT_EQ(count_children(*other, "top"), kMany);
+}
+
 TEST_F(EtcdSession, ADeadOwnersClaimIsRemovedWithItsBuild) {
   ASSERT_TRUE(done(build(*one_, [] {})));
   const auto change = [&](Core& core) {

@@ -88,7 +88,7 @@ Written Build::send_next(TxnRequest batch) {
 }
 
 void Build::finish_in(TxnRequest* commit) const {
-  compare_revision(commit, mark_.key, mark_.mod_revision);
+  compare_in(commit);
   erase(commit->add_success(), mark_.key);
 }
 

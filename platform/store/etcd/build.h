@@ -54,6 +54,9 @@ class Build {
   // for remains may have begun to remove what was staged.
   bool goes_on() const { return !over_; }
 
+  // Adds the comparison that nobody has given the build up.
+  void compare_in(TxnRequest* request) const { compare_revision(request, mark_.key, mark_.mod_revision); }
+
   // Adds to the commit what ends the build.
   void finish_in(TxnRequest* commit) const;
 

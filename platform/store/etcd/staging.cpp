@@ -114,6 +114,15 @@ Status Staging::send(TxnRequest batch) {
   return written.made ? Status() : run_.repeat_from_scratch();
 }
 
+Status Staging::validate() {
+  if (!started()) return {};
+  TxnRequest request;
+  build_->compare_in(&request);
+  TxnResponse response;
+  if (Reply reply = core_.kv->txn(request, &response, run_.deadline()); !reply.ok()) return run_.fail(reply.status);
+  return response.succeeded() ? Status() : lost();
+}
+
 Status Staging::show_progress(const Claim& claim) {
   if (std::chrono::steady_clock::now() - last_sent_ < kProgressInterval) return {};
   TxnRequest batch;

@@ -65,6 +65,9 @@ class Staging {
   // Whether anything has been sent.
   bool started() const { return build_ && build_->started(); }
 
+  // Makes sure that nobody has removed what was sent, which this run may have read again.
+  Status validate();
+
   // Gives the token of the build. It tells when the change began, unless something has been sent before.
   Status token_since(std::int64_t began, std::string* token);
 

@@ -126,6 +126,7 @@ Status Stm::end(bool succeeded) {
   if (purpose_ == Purpose::kRead || !succeeded || !has_written) {
     std::int64_t read_at = 0;
     Status status = reads_.validate(&read_at);
+    if (status.ok()) status = staging_.validate();
     return status.ok() ? validate_revision(read_at) : status;
   }
   Commit commit(core_, run_, reads_, writes_, staging_, ChangeLog::encode(description_));
