@@ -105,6 +105,24 @@ TEST_F(EtcdOpening, TakesARegistryWhoseFormatAnotherSessionRaises) {
   EXPECT_EQ(mark_of("/tkv/"), mark.print());
 }
 
+// Two sessions find no mark. The other one belongs to a later release, and is faster.
+TEST_F(EtcdOpening, LooksAtTheMarkThatAnotherSessionHasPut) {
+  create_unmarked("/tkv/");
+  std::string mark = "format 4\nwhatever\n";
+  kv_.before_txn = [&](const TxnRequest& request) {
+    const bool writes = request.success_size() > 0 && request.success(0).has_request_put();
+    if (writes && mark_of("/tkv/").empty()) kv_.put(Keys("/tkv/").mark(), mark);
+    return Reply();
+  };
+  const Status status = open("/tkv/");
+  EXPECT_TRUE(status.is(PRTKV_UNUSABLE)) << status.text();
+  EXPECT_EQ(mark_of("/tkv/"), mark);
+  kv_.erase(Keys("/tkv/").mark());
+  mark = RegistryMark::make().print();
+  EXPECT_TRUE(done(open("/tkv/")));
+  EXPECT_EQ(mark_of("/tkv/"), mark);
+}
+
 // As after a deletion that was made while there was no space.
 TEST_F(EtcdOpening, GoesOnWithALogThatCouldNotBeWritten) {
   const Keys keys("/tkv/");

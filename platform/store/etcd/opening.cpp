@@ -32,7 +32,7 @@ class Opening {
   Status look(TxnResponse* found);
   Status take(const TxnResponse& found, bool* taken);
   Status create(bool* created);
-  Status mark(std::int64_t meta_revision);
+  Status mark(std::int64_t meta_revision, bool* taken);
   Status take_marked(const TxnResponse& found, bool* taken);
   Status upgrade(const std::string& former, RegistryMark mark, bool has_log, bool* taken);
   Status begin_log();
@@ -126,7 +126,7 @@ Status Opening::take(const TxnResponse& found, bool* taken) {
   const Status damage = decode_meta(as_bytes(record.value()), &meta);
   if (damage.is(PRTKV_UNUSABLE)) return damage.about("the registry under " + quoted(options_.prefix) + " in etcd");
   if (part(found, kMark).kvs_size() == 0) {
-    if (Status status = mark(record.mod_revision()); !status.ok()) return status;
+    if (Status status = mark(record.mod_revision(), taken); !status.ok() || !*taken) return status;
     if (Status status = begin_log(); !status.ok()) return status;
   } else if (Status status = take_marked(found, taken); !status.ok() || !*taken) {
     return status;
@@ -180,8 +180,8 @@ Status Opening::upgrade(const std::string& former, RegistryMark mark, bool has_l
 }
 
 // Marks the prefix of a registry that an earlier release has created. If etcd does not permit it, the registry can be
-// read as it is.
-Status Opening::mark(std::int64_t meta_revision) {
+// read as it is. Not taken, and no failure: another session, perhaps of a later release, has just marked or removed it.
+Status Opening::mark(std::int64_t meta_revision, bool* taken) {
   if (Status status = check_enclosing(); !status.ok()) return status;
   if (Status status = check_enclosed(); !status.ok()) return status;
   if (!options_.create) return {};
@@ -190,15 +190,11 @@ Status Opening::mark(std::int64_t meta_revision) {
   compare_not_removed(&request, keys_.meta(), meta_revision);
   const std::string mark = RegistryMark::make().print();
   put(request.add_success(), keys_.mark(), mark);
-  *request.add_failure()->mutable_request_range() = get_one(keys_.mark());
   TxnResponse response;
   Status status = core_.kv->txn(request, &response, core_.deadline()).status;
   if (!status.ok()) return status.is(PRTKV_ACCESS_DENIED) ? Status() : status;
-  if (response.succeeded()) {
-    core_.kv->hold_mark(keys_.mark(), mark);
-  } else if (response.responses(0).response_range().kvs_size() > 0) {
-    core_.kv->hold_mark(keys_.mark(), response.responses(0).response_range().kvs(0).value());
-  }
+  *taken = response.succeeded();
+  if (*taken) core_.kv->hold_mark(keys_.mark(), mark);
   return {};
 }
 
