@@ -118,9 +118,11 @@ Status Staging::validate() {
   if (!started()) return {};
   TxnRequest request;
   build_->compare_in(&request);
+  *request.add_failure()->mutable_request_range() = get_one(core_.keys.session(owner_->token));
   TxnResponse response;
   if (Reply reply = core_.kv->txn(request, &response, run_.deadline()); !reply.ok()) return run_.fail(reply.status);
-  return response.succeeded() ? Status() : lost();
+  if (response.succeeded()) return {};
+  return is_alive(response.responses(0).response_range(), *owner_) ? run_.repeat_from_scratch() : lost();
 }
 
 Status Staging::show_progress(const Claim& claim) {
