@@ -41,6 +41,7 @@ AT_ONCE = {"one reader": set(), "two readers at once, each": {"tkv"}}
 SIXTEEN = {"16 readers at once, all together": {"tkv"}}
 BESIDE_A_WRITER = {"while another process writes": {"prefs"},
                    "while another process writes, always the same key": {"prefs"}}
+REREADS = {row: set() for row in ("50 keys", "200 keys", "200 keys, in another order each time")}
 SERIES = {  # the plots: their rows, and the columns without a figure
     "keys": ("Java, read a random key", COMPARED, {"50 keys": set(), "200 keys": set()}),
     "depths": ("Java, read a random key of 50", COMPARED, {"2 levels": set(), "5 levels": set()}),
@@ -121,6 +122,9 @@ class QuickRun(unittest.TestCase):
         self.check_table("Java, read, random of 200", COMPARED, {**AT_ONCE, **SIXTEEN, **BESIDE_A_WRITER})
         self.check_table("native, read, random of 200", ["tkv", "lmdb"],
                          {row: set() for row in (*AT_ONCE, *BESIDE_A_WRITER)})
+
+    def test_measures_reading_again_after_each_change(self):
+        self.check_table("Java, read each key once after each change", ["tkv", "registry", "lmdb"], REREADS)
 
     def test_measures_processes_that_write_at_the_same_time(self):
         self.check_table("Java, durable write by any of", ["tkv", "registry", "lmdb"],

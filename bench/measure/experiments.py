@@ -12,6 +12,7 @@ COUNTED = {"read-same": 2000, "read-group": 2000, "read-all": 2000, "open-key": 
 # Rows for one or more threads that read in one process, and the scenario that measures each.
 ALONE, SIXTEEN = "one reader", "16 readers at once, all together"
 READERS = {ALONE: "read-all", "two readers at once, each": "read-two"}
+REREADS = ("reread-group", "reread-all", "reread-shuffled")
 SEVERAL_PROCESSES = ("tkv", "registry", "lmdb", "sqlite", "bdb")  # that can use one store at once
 
 MIB = 2**20
@@ -51,7 +52,8 @@ class Plan:
         return Dataset(self.groups, self.keys)
 
     def times(self, dataset, *scenarios):
-        reads_many = {"read-all", "read-two", "read-sixteen"} & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
+        of_all = {"read-all", "read-two", "read-sixteen", "reread-all", "reread-shuffled"}
+        reads_many = of_all & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
         warm_up = self.warm_up_of_many_ms if reads_many else self.warm_up_ms
         return ["--warm-up-ms", str(warm_up), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
 
@@ -68,6 +70,9 @@ class Plan:
             "open-key": "open and close a key",
             "open-store": "close, open the store, read",
             "trace-off": "trace line, tracing off",
+            "reread-group": f"{self.keys:,} keys",
+            "reread-all": f"{self.groups * self.keys:,} keys",
+            "reread-shuffled": f"{self.groups * self.keys:,} keys, in another order each time",
         }[scenario]
 
     def method(self):
@@ -151,6 +156,22 @@ class Experiments:
                 with self.programs.writing(command(peer, ["write-on"])):
                     measure(peer, beside)
         return table
+
+    def rereads(self):
+        """Reads of which nothing that was read before is of use without a look at the store: each key is read once
+        after each change of another key."""
+        peers = [peer for peer in ALWAYS if peer != "control"]
+        table = Table("rereads", "Java, read each key once after each change", peers)
+        dataset = self.plan.dataset()
+        with Stores(self.programs, dataset, peers) as stores:
+            for scenario in REREADS:
+                table.add_row(self.plan.label(scenario))
+                for fork in range(self.plan.forks):
+                    progress(f"rereads: {scenario}, fork {fork + 1} of {self.plan.forks}")
+                    for peer in peers:
+                        answer = self.programs.run(stores.java(peer, [scenario], self.plan.times(dataset, scenario)))
+                        table.add(self.plan.label(scenario), peer, values_of(answer[scenario]))
+        return [table]
 
     def writers(self):
         """Processes that write at the same time: the time from one write of any of them to the next. The writes of all
@@ -270,9 +291,9 @@ class Experiments:
         return [times, memory]
 
     # The parts by name, in the order of a whole run.
-    PARTS = {"java": java, "native": native, "readers": readers, "writers": writers, "history": history,
-             "keys": key_counts, "depths": depths, "values": values, "opening": opening, "trees": trees,
-             "instructions": instructions}
+    PARTS = {"java": java, "native": native, "readers": readers, "rereads": rereads, "writers": writers,
+             "history": history, "keys": key_counts, "depths": depths, "values": values, "opening": opening,
+             "trees": trees, "instructions": instructions}
 
 
 def chosen_peers(text):

@@ -1,7 +1,9 @@
 package velmar.qen.mgmt.bench;
 
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.List;
+import java.util.Random;
 import java.util.concurrent.atomic.AtomicLong;
 
 /** What is measured: one operation, repeated. Each scenario checks the peer's answers before it is timed. */
@@ -36,6 +38,27 @@ enum Scenario {
         @Override
         Operation on(Peer peer, Dataset dataset) throws Exception {
             return READ_ALL.on(peer, dataset);
+        }
+    },
+    /** Each key of a group once after each change of another key, always in the same order. */
+    REREAD_GROUP("reread-group") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return rereads(peer, dataset, dataset.readGroups().subList(0, 1), false);
+        }
+    },
+    /** Each key of all groups likewise. */
+    REREAD_ALL("reread-all") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return rereads(peer, dataset, dataset.readGroups(), false);
+        }
+    },
+    /** What {@link #REREAD_ALL} is, in another order each time. */
+    REREAD_SHUFFLED("reread-shuffled") {
+        @Override
+        Operation on(Peer peer, Dataset dataset) throws Exception {
+            return rereads(peer, dataset, dataset.readGroups(), true);
         }
     },
     LIST("list") {
@@ -110,6 +133,14 @@ enum Scenario {
     /** Runs it once; using the result keeps the work from being optimised away. */
     interface Operation {
         Object run() throws Exception;
+
+        /** What has to be done before each run, and is not timed, if a run is more than one operation. */
+        default void prepare() throws Exception {}
+
+        /** Returns the number of operations in a run. */
+        default int size() {
+            return 1;
+        }
     }
 
     /** The operation, on an open peer that holds the dataset. */
@@ -121,6 +152,38 @@ enum Scenario {
         }
         Names names = new Names(fullNames);
         return () -> peer.read(names.next());
+    }
+
+    private static Operation rereads(Peer peer, Dataset dataset, List<String> groups, boolean shuffles)
+            throws Exception {
+        reads(peer, dataset, dataset.fullNames(groups));
+        Operation change = WRITE.on(peer, dataset);
+        List<String> names = Arrays.asList(dataset.fullNames(groups).clone());
+        Random random = new Random(names.size());
+        Collections.shuffle(names, random);
+        return new Operation() {
+            @Override
+            public void prepare() throws Exception {
+                change.run();
+                if (shuffles) {
+                    Collections.shuffle(names, random);
+                }
+            }
+
+            @Override
+            public Object run() throws Exception {
+                String value = null;
+                for (String name : names) {
+                    value = peer.read(name);
+                }
+                return value;
+            }
+
+            @Override
+            public int size() {
+                return names.size();
+            }
+        };
     }
 
     private static String read(Peer peer, Dataset dataset, String name) throws Exception {

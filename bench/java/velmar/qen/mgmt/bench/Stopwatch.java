@@ -24,7 +24,8 @@ final class Stopwatch {
     /** Returns the means of the windows, in nanoseconds for each operation. */
     double[] nanosOf(Scenario.Operation operation) throws Exception {
         double warm = meanDuring(operation, warmUpNanos, 1);
-        int batch = (int) Math.max(1, Math.min(1_000_000, BATCH_NANOS / Math.max(warm, 1)));
+        int runs = (int) Math.max(1, Math.min(1_000_000, BATCH_NANOS / Math.max(warm, 1)));
+        int batch = operation.size() == 1 ? runs : 1;
         double[] means = new double[windows];
         for (int window = 0; window < windows; window++) {
             means[window] = meanDuring(operation, windowNanos, batch);
@@ -74,14 +75,15 @@ final class Stopwatch {
 
     private static double meanDuring(Scenario.Operation operation, long nanos, int batch) throws Exception {
         long count = 0;
-        long start = System.nanoTime();
-        long elapsed;
+        long elapsed = 0;
         do {
+            operation.prepare();
+            long start = System.nanoTime();
             for (int i = 0; i < batch; i++) {
                 sink = operation.run();
             }
-            count += batch;
-            elapsed = System.nanoTime() - start;
+            elapsed += System.nanoTime() - start;
+            count += (long) batch * operation.size();
         } while (elapsed < nanos);
         return (double) elapsed / count;
     }
