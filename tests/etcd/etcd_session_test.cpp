@@ -563,12 +563,12 @@ TEST_F(EtcdLateCopies, OfARefusedBatchEndTheBuild) {
   before_each_claim([&](int number) {
     if (number == 1) kv_.put(keys_.claim(77, "other"), ClaimText().print());
     if (number != 2) return;
-    const auto after_txn = std::exchange(kv_.after_txn, [&](const TxnRequest& request) {
+    auto after_txn = kv_.after_txn.replace([&](const TxnRequest& request) {
       if (writes(request)) connection->die();
       return Reply();
     });
     (void)sweeping->sweeper.sweep_all();
-    kv_.after_txn = after_txn;
+    kv_.after_txn = std::move(after_txn);
   });
   ASSERT_TRUE(done(change_and_add(*one_, kMany)));
   ASSERT_GE(claims_, 2);

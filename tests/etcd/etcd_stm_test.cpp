@@ -607,7 +607,7 @@ TEST_F(EtcdClaim, ASmallWriteWaitsForAClaimThatIsLaidWhileItIsSent) {
     ++looks;
     end("late");
   });
-  const auto watch = kv_->before_txn;
+  const auto watch = kv_->before_txn.replace(nullptr);
   kv_->before_txn = [&](const TxnRequest& request) {
     const bool writes = request.success_size() > 0 && request.success(0).has_request_put();
     if (writes && !std::exchange(laid, true)) lay("late");
@@ -680,7 +680,7 @@ TEST_F(EtcdClaim, ALargeChangeTakesItsTurnBeforeThoseThatBeganLater) {
   const std::string later = claim_token(kv_->revision() + 1000);  // as of a revision that is still to come
   bool laid = false;
   on_look(later, [] { ADD_FAILURE() << "waits"; });
-  const auto watch = kv_->before_txn;
+  const auto watch = kv_->before_txn.replace(nullptr);
   kv_->before_txn = [&, watch](const TxnRequest& request) {
     const bool lays = !request.success().empty() && keys().parse_claim(request.success(0).request_put().key());
     if (lays && !std::exchange(laid, true)) {

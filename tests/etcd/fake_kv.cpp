@@ -117,9 +117,7 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   const std::lock_guard lock(mutex_);
   ++requests_;
   response->Clear();
-  if (before_txn) {
-    if (Reply reply = before_txn(request); !reply.ok()) return reply;
-  }
+  if (Reply reply = before_txn(request); !reply.ok()) return reply;
   const bool succeeded = std::all_of(request.compare().begin(), request.compare().end(),
                                      [this](const Compare& compare) { return holds(compare); });
   response->set_succeeded(succeeded);
@@ -161,7 +159,7 @@ Reply FakeKv::txn(const TxnRequest& request, TxnResponse* response, Deadline, st
   }
   if (written) revision_ = next;
   response->mutable_header()->set_revision(revision_);
-  return after_txn ? after_txn(request) : Reply();
+  return after_txn(request);
 }
 
 Reply FakeKv::ask_members(ClusterAnswer* answer, Deadline) {

@@ -10,9 +10,11 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "store/etcd/kv.h"
@@ -51,12 +53,46 @@ class FakeKv final : public Kv {
   std::chrono::milliseconds timeout() const override { return std::chrono::seconds(60); }
   bool is_ours() const override { return getpid() == process_; }
 
+  // A function of a test. It may be replaced at any time, also by itself, while other threads send requests.
+  class Hook {
+   public:
+    using Function = std::function<Reply(const TxnRequest& request)>;
+
+    explicit Hook(std::recursive_mutex& mutex) : mutex_(mutex) {}
+
+    Hook& operator=(Function function) {
+      (void)replace(std::move(function));
+      return *this;
+    }
+
+    // Returns the former one.
+    Function replace(Function function) {
+      const std::lock_guard lock(mutex_);
+      return *std::exchange(function_, std::make_shared<Function>(std::move(function)));
+    }
+
+    // Success if there is no function.
+    Reply operator()(const TxnRequest& request) const {
+      const std::lock_guard lock(mutex_);
+      const std::shared_ptr<Function> function = function_;
+      return *function ? (*function)(request) : Reply();
+    }
+
+   private:
+    std::recursive_mutex& mutex_;
+    std::shared_ptr<Function> function_ = std::make_shared<Function>();
+  };
+
+ private:
+  mutable std::recursive_mutex mutex_;
+
+ public:
   // Called before each transaction is carried out. A failure that it returns is the reply, and nothing is carried out.
-  std::function<Reply(const TxnRequest& request)> before_txn;
+  Hook before_txn{mutex_};
 
   // Called after each transaction has been carried out. A failure that it returns is the reply in place of the answer.
   // A success may say that the request was repeated.
-  std::function<Reply(const TxnRequest& request)> after_txn;
+  Hook after_txn{mutex_};
 
   // The space alarm: nothing can be put any more.
   std::atomic<bool> is_full{false};
@@ -90,7 +126,6 @@ class FakeKv final : public Kv {
   void end_lease(std::int64_t id);
 
   const pid_t process_ = getpid();
-  mutable std::recursive_mutex mutex_;
   std::map<std::string, std::vector<Version>> keys_;
   std::int64_t revision_ = 1;
   std::int64_t compacted_ = 0;
