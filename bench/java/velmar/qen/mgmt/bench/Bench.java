@@ -94,12 +94,14 @@ final class Bench {
         return means;
     }
 
+    /** Threads that never wait would leave the JVM's compiler little time, so one of them warms up alone before. */
     private static double[] together(Stopwatch stopwatch, int count, Scenario scenario, Peer peer, Dataset dataset)
             throws Exception {
         List<Scenario.Operation> operations = new ArrayList<>();
         for (int i = 0; i < count; i++) {
             operations.add(scenario.on(peer.another(), dataset));
         }
+        stopwatch.warmUp(operations.get(0));
         System.gc();
         List<BackgroundReader> readers = operations.stream().map(BackgroundReader::new).toList();
         double[] means = stopwatch.nanosBetween(() -> readers.stream().mapToLong(BackgroundReader::count).sum());

@@ -21,6 +21,11 @@ final class Stopwatch {
         this.windows = windows;
     }
 
+    /** Repeats an operation for as long as the warm-up takes. */
+    void warmUp(Scenario.Operation operation) throws Exception {
+        meanDuring(operation, warmUpNanos, 1);
+    }
+
     /** Returns the means of the windows, in nanoseconds for each operation. */
     double[] nanosOf(Scenario.Operation operation) throws Exception {
         double warm = meanDuring(operation, warmUpNanos, 1);
