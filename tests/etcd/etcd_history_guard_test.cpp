@@ -131,6 +131,37 @@ TEST_F(EtcdRestoredSnapshot, EndsASessionWhoseLastClaimOfIdsWasUndone) {
   expect_ended(create(*before, "c"));
 }
 
+// The snapshot is younger than the session's ids, and the others have gone on: only the mark of the session's writer
+// tells. A large change begins with a batch, of which it is also compared.
+TEST_F(EtcdRestoredSnapshot, EndsASessionWhoseNextWriteIsALargeOne) {
+  constexpr int kMany = 150;
+  const auto create_many = [](Core& core) {
+    return run(core, [](Update& update) -> Status {
+      Node top;
+      if (Status status = update.new_id(&top.id); !status.ok()) return status;
+      for (int i = 0; i < kMany; ++i) {
+        Node node;
+        if (Status status = update.new_id(&node.id); !status.ok()) return status;
+        if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;
+      }
+      return update.insert(kRootNode, "top", top);
+    });
+  };
+  for (const bool repeated : {false, true}) {
+    const auto before = session();
+    ASSERT_TRUE(done(create(*before, repeated ? "a2" : "a1")));
+    const FakeKv::State snapshot = kv_.state();
+    ASSERT_TRUE(done(create(*before, repeated ? "b2" : "b1")));
+    const std::int64_t revision = kv_.revision();
+    kv_.restore(snapshot);
+    const auto after = session();
+    while (kv_.revision() <= revision) ASSERT_TRUE(done(create(*after, std::to_string(kv_.revision()))));
+    kv_.after_txn = [repeated](const TxnRequest&) { return Reply{Verdict::kDone, {}, repeated}; };
+    expect_ended(create_many(*before));
+    kv_.after_txn = nullptr;
+  }
+}
+
 TEST_F(EtcdRestoredSnapshot, EndsASessionOfARegistryThatWasMadeAnew) {
   const auto before = session();
   ASSERT_TRUE(done(create(*before, "a")));

@@ -103,6 +103,7 @@ Written Staging::try_send(TxnRequest batch) {
   written.status = begin();
   if (!written.status.ok()) return written;
   written = build_->send(std::move(batch), writes_.fresh());
+  if (written.went_back) written.status = core_.kv->end().status;
   last_sent_ = std::chrono::steady_clock::now();
   return written;
 }

@@ -47,7 +47,7 @@ void Write::read_mark(Branch* branch, bool reads_session) const {
 
 void Write::take_in(const RangeResponse& mark, Written* written) {
   const KeyValue* found = first(mark);
-  written->went_back = found != nullptr && found->mod_revision() < mark_->mod_revision;
+  written->went_back |= found != nullptr && found->mod_revision() < mark_->mod_revision;
   mark_->mod_revision = found == nullptr ? 0 : found->mod_revision();
   fenced_ = found != nullptr && found->value() == fence_of(text_);
   written->made = found != nullptr && found->value() == text_;
