@@ -66,18 +66,24 @@ class EtcdSession : public testing::Test {
     });
   }
 
+  // Makes many subkeys of a new key that is not attached yet.
+  static Status stage(Update& update, Node* top) {
+    if (Status status = update.new_id(&top->id); !status.ok()) return status;
+    for (int i = 0; i < kMany; ++i) {
+      Node node;
+      if (Status status = update.new_id(&node.id); !status.ok()) return status;
+      if (Status status = update.insert(top->id, "k" + std::to_string(i), node); !status.ok()) return status;
+    }
+    return {};
+  }
+
   // Builds "top" with many subkeys. `meanwhile` is called once, when most of them have been staged.
   template <typename Meanwhile>
   Status build(Core& core, Meanwhile meanwhile) {
     bool called = false;
     return run(core, [&](Update& update) -> Status {
       Node top;
-      if (Status status = update.new_id(&top.id); !status.ok()) return status;
-      for (int i = 0; i < kMany; ++i) {
-        Node node;
-        if (Status status = update.new_id(&node.id); !status.ok()) return status;
-        if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;
-      }
+      if (Status status = stage(update, &top); !status.ok()) return status;
       if (!std::exchange(called, true)) meanwhile();
       return update.insert(kRootNode, "top", top);
     });
@@ -228,12 +234,7 @@ TEST_F(EtcdSession, AnOwnerThatMissesWhatItHasStagedBeginsAgain) {
   bool swept = false;
   EXPECT_TRUE(done(run(*one_, [&](Update& update) -> Status {
     Node top;
-    if (Status status = update.new_id(&top.id); !status.ok()) return status;
-    for (int i = 0; i < kMany; ++i) {
-      Node node;
-      if (Status status = update.new_id(&node.id); !status.ok()) return status;
-      if (Status status = update.insert(top.id, "k" + std::to_string(i), node); !status.ok()) return status;
-    }
+    if (Status status = stage(update, &top); !status.ok()) return status;
     if (!std::exchange(swept, true)) {
       kv_.expire_leases();
       EXPECT_TRUE(done(other->sweeper.sweep_all()));
