@@ -372,6 +372,7 @@ TEST(UnchangedPages, APageWhoseRangeChangesAboveItsBranchPageIsReplaced) {
     state.map = {reinterpret_cast<const std::byte*>(file.data()), file.size(), PageBuilder::kSize, ""};
     state.transaction = transaction;
     state.page_count = kPages;
+    state.use_map();
     state.records.page = root;
     state.records.depth = 3;
     return state;

@@ -222,7 +222,8 @@ bool Environment::copy_from_latest(std::uint64_t state, std::uint64_t offset, st
   if (slot == nullptr) return false;
   bool copied = false;
   if (latest == state) {
-    copied = copy_bytes(map_, offset, copy) && meta_pages_.is_still(state, map_.address);
+    copied = (first_state_.copy(state, offset, copy) || copy_bytes(map_, offset, copy)) &&
+             meta_pages_.is_still(state, map_.address);
   } else if (begin_glance(*slot)) {
     copied = slot->state.transaction == state && copy_bytes(map_, offset, copy);
     end_read(*slot);
@@ -275,7 +276,10 @@ bool Environment::recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace*
 bool Environment::begin_glance(ReaderSlot& slot) {
   if (slot.txn == nullptr || map_.address == nullptr || mdb_txn_renew(slot.txn) != 0) return false;
   const std::uint64_t transaction = mdb_txn_id(slot.txn);
-  if (slot.state.transaction == transaction) return true;
+  if (slot.state.transaction == transaction) {
+    if (slot.state.in_file != nullptr) slot.state.use_map();
+    return true;
+  }
   MetaPage meta{};
   bool certain = false;
   copy_meta_page(map_, transaction, &meta, &certain);
@@ -368,7 +372,9 @@ Status Environment::check_contents() try {
 
 Status Environment::read_contents() {
   if (Status status = extend_short_file(); !status.ok()) return status;
-  if (Status status = locate_map(env_, directory_.c_str(), &map_, &first_state_); !status.ok()) return status;
+  FirstState first;
+  if (Status status = locate_map(env_, directory_.c_str(), &map_, &first); !status.ok()) return status;
+  first_state_ = std::move(first);
   readers_.for_each([this](ReaderSlot& slot) {
     slot.state = first_state_.state;
     slot.structure_state = first_state_.decoded.ok() ? first_state_.state.transaction : 0;
@@ -577,6 +583,7 @@ ReadTransaction::~ReadTransaction() {
   // In a child forked meanwhile, the transaction belongs to the parent and locks may never be released.
   if (environment_.fork_generation_ != fork_generation) return;
   if (slot_ != nullptr && slot_ != outer_slot_) {
+    if (slot_->state.in_file != nullptr) slot_->state.in_file->end_use();
     environment_.end_read(*slot_);
     environment_.readers_.release(*slot_);
   }
@@ -605,6 +612,7 @@ Status ReadTransaction::begin() {
       Loading loading = Loading::kDone;
       Status status = load_state(slot, &copy, &copied, &loading);
       if (status.ok() && loading == Loading::kDone) {
+        if (slot.state.in_file != nullptr && !slot.state.in_file->begin_use()) slot.state.use_map();
         slot_ = &slot;
         running_.has_slot(slot);
         return {};

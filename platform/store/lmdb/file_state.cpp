@@ -7,16 +7,17 @@
 #include <cstring>
 #include <memory>
 #include <span>
-#include <vector>
 
 #include "store/lmdb/error.h"
 #include "store/lmdb/file.h"
 #include "store/lmdb/page.h"
+#include "store/lmdb/tree_cursor.h"
 
 namespace tkv::store {
 namespace {
 
 using TransactionHandle = std::unique_ptr<MDB_txn, decltype(&mdb_txn_abort)>;
+using CursorHandle = std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)>;
 
 Status cannot_read(const FileMap& map, int code) {
   return lmdb_status(code, "cannot read the registry in '" + std::string(map.directory) + "'");
@@ -40,121 +41,75 @@ Status holds_no_registry(const FileMap& map) {
               "' is a file of LMDB without a registry; move it aside, or set `location` to another directory"};
 }
 
-// Reads the pages on the way to a key without the map. Pages that the way to the key before has led through are not
-// read again.
-class PathInFile {
- public:
-  PathInFile(int file, const FileMap& map, const FileState& state)
-      : file_(file), map_(map), state_(state), levels_(state.records.depth) {}
-
-  // Each page is checked as a whole: LMDB must come to the same leaf page.
-  Status read(const Key& key) {
-    std::uint64_t number = state_.records.page;
-    for (Level& level : levels_) {
-      if (Status status = read_page(number, &level); !status.ok()) return status;
-      if (&level == &levels_.back()) return {};
-      PageNode node;
-      level.child = child_for(level.page, key);
-      number = level.page.read(level.child, &node) ? node.child() : kNoPage;
-    }
-    return {};
-  }
-
-  // The record at an index of the leaf page, if the page holds it under this key. Otherwise it has no bytes.
-  std::span<const std::byte> record_at(unsigned index, const Key& key) const {
-    PageNode node;
-    const bool is_it = leaf().read(index, &node) && compare_keys(node.key, key.bytes()) == 0 && node.data_fits();
-    return is_it && !node.is_big() ? node.rest.first(node.data_size()) : std::span<const std::byte>();
-  }
-
-  bool leaf_holds(const Key& key) const {
-    for (unsigned index = 0; index < leaf().count(); ++index)
-      if (record_at(index, key).data() != nullptr) return true;
-    return false;
-  }
-
-  const Page& leaf() const { return levels_.back().page; }
-
-  // The first page that the way does not leave through its first child. Null if there is none.
-  const Page* left_first_child_at() const {
-    for (const Level& level : levels_)
-      if (level.child != 0) return &level.page;
-    return nullptr;
-  }
-
-  // Whether a page in the map is the leaf page.
-  bool leaf_is_at(const std::byte* page) const {
-    return std::memcmp(page, levels_.back().bytes.data(), map_.page_size) == 0;
-  }
-
- private:
-  struct Level {
-    std::uint64_t number = 0;  // of the page that was read; 0: none
-    std::vector<std::byte> bytes;
-    Page page;
-    unsigned child = 0;  // of a branch page, on the way
-  };
-
-  Status read_page(std::uint64_t number, Level* level) const {
-    if (level->number == number) return {};
-    if (!state_.has_page(number)) return damaged_page(map_, {number, "does not exist, and is referred to"});
-    level->number = 0;
-    level->bytes.resize(map_.page_size);
-    if (Status status = read_at(file_, map_, number, level->bytes); !status.ok()) return status;
-    const std::uint16_t kind = level == &levels_.back() ? kLeafPage : kBranchPage;
-    PageDefect defect = level->page.open(level->bytes.data(), map_.page_size, number, kind);
-    if (defect == nullptr) defect = level->page.check_nodes(state_.page_count, Page::Keys::kBytes);
-    if (defect != nullptr) return damaged_page(map_, {number, defect});
-    level->number = number;
-    return {};
-  }
-
-  // Which child a search for the key goes to.
-  static unsigned child_for(const Page& page, const Key& key) {
-    unsigned low = 1;
-    unsigned high = page.count();
-    while (low < high) {
-      const unsigned middle = (low + high) / 2;
-      std::span<const std::byte> other;
-      const bool is_behind = page.read_key(middle, &other) && compare_keys(other, key.bytes()) > 0;
-      (is_behind ? high : low) = is_behind ? middle : middle + 1;
-    }
-    return low - 1;
-  }
-
-  const int file_;
-  const FileMap& map_;
-  const FileState& state_;
-  std::vector<Level> levels_;
-};
+// Goes to a record by the way that LMDB would take, on which each page is checked as a whole.
+PageDamage go_to(const Key& key, TreeCursor* cursor, CheckedPages* checked, bool* found) {
+  if (PageDamage damage = cursor->seek(key.bytes(), found)) return damage;
+  return cursor->check_path(checked);
+}
 
 // Reads the record of the registry itself, whose key is the smallest.
-Status read_own_record(const FileMap& map, PathInFile* path, FirstState* first) {
-  const Key key = Key::meta();
-  const TreeRoot& records = first->state.records;
-  if (records.page == kNoPage) return records.entries == 0 ? holds_no_registry(map) : lacks_own_record(map);
-  if (Status status = path->read(key); !status.ok()) return status;
-  if (const Page* const page = path->left_first_child_at(); page != nullptr) {
-    return damaged_page(map, {page->number(), "has its keys out of order"});
+Status read_own_record(const FileState& state, CheckedPages* checked, FirstState* first) {
+  if (state.records.page == kNoPage) {
+    return state.records.entries == 0 ? holds_no_registry(state.map) : lacks_own_record(state.map);
   }
-  const auto record = path->record_at(0, key);
-  if (record.data() == nullptr) {
-    PageNode node;
+  TreeCursor cursor(state, checked);
+  std::span<const std::byte> key;
+  std::span<const std::byte> record;
+  bool found = false;
+  PageDamage damage = go_to(Key::meta(), &cursor, checked, &found);
+  if (!damage) damage = cursor.check_first();
+  if (!damage && found) damage = cursor.record(&record);
+  if (damage) return damaged_page(state.map, damage);
+  if (!found) {
     KeyParts parts;
-    const bool is_foreign = path->leaf().read(0, &node) && !read_key(node.key, &parts);
-    return is_foreign ? holds_no_registry(map) : lacks_own_record(map);
+    const bool is_foreign = !cursor.first() && !cursor.read(&key, &record) && !read_key(key, &parts);
+    return is_foreign ? holds_no_registry(state.map) : lacks_own_record(state.map);
   }
   first->decoded = decode_meta(record, &first->meta);
   return {};
 }
 
-// Chooses a record for LMDB to look up, to which `*path` then leads: that of the root node, since most reads begin on
-// the way to it. So no page is brought into the map for this alone.
-Status choose_record(PathInFile* path, Key* key) {
-  *key = Key::node(kNoNode);
-  if (path->read(*key).ok() && path->leaf_holds(*key)) return {};
-  *key = Key::meta();  // the registry is damaged, and perhaps about to be repaired
-  return path->read(*key);
+// A leaf page, and the address of one of its entries in LMDB's map.
+struct EntryInMap {
+  std::uint64_t page = 0;
+  const void* address = nullptr;  // null: LMDB was not asked for an entry
+};
+
+// The list of free pages rarely has more than one page, so asking for its first entry touches the least of the map.
+Status find_in_free_list(MDB_txn* txn, const FileState& state, EntryInMap* entry) {
+  constexpr MDB_dbi kFreePages = 0;
+  TreeCursor cursor(state, state.free_pages, Page::Keys::kIntegers);
+  if (cursor.first() || cursor.at_end()) return {};  // damage to the list is for writers to report
+  MDB_cursor* raw = nullptr;
+  if (const int code = mdb_cursor_open(txn, kFreePages, &raw); code != 0) return cannot_read(state.map, code);
+  const CursorHandle handle(raw, &mdb_cursor_close);
+  MDB_val key{};
+  if (const int code = mdb_cursor_get(raw, &key, nullptr, MDB_FIRST); code != 0) return cannot_read(state.map, code);
+  *entry = {cursor.page_number(), key.mv_data};
+  return {};
+}
+
+// Without free pages: the record of the root, or that of the registry if the root's is damaged and about to be
+// repaired.
+Status find_in_records(MDB_txn* txn, const FileState& state, CheckedPages* checked, EntryInMap* entry) {
+  TreeCursor cursor(state, checked);
+  Key key = Key::node(kNoNode);
+  bool found = false;
+  if (go_to(key, &cursor, checked, &found) || !found) {
+    key = Key::meta();
+    if (PageDamage damage = go_to(key, &cursor, checked, &found)) return damaged_page(state.map, damage);
+  }
+  MDB_val key_val = key.val();
+  MDB_val data{};
+  if (const int code = mdb_get(txn, kDatabase, &key_val, &data); code != 0) return cannot_read(state.map, code);
+  *entry = {cursor.page_number(), data.mv_data};
+  return {};
+}
+
+// Whether a page in the map is the page with this number.
+bool is_page(const std::byte* in_map, const FileState& state, std::uint64_t number) {
+  const std::byte* const page = state.page(number);
+  return page != nullptr && std::memcmp(in_map, page, state.map.page_size) == 0;
 }
 
 // One attempt. `*found` stays false if another process has committed in between.
@@ -171,26 +126,28 @@ Status try_to_locate(MDB_env* env, FileMap* map, FirstState* first, bool* found)
     return status;
   }
   if (meta.transaction > transaction) return {};  // overwritten since
-  if (Status status = load_state(*map, meta, transaction, &first->state); !status.ok()) return status;
-  PathInFile path(file, *map, first->state);
-  if (Status status = read_own_record(*map, &path, first); !status.ok()) return status;
-  Key key = Key::meta();
-  if (Status status = choose_record(&path, &key); !status.ok()) return status;
-  MDB_val key_val = key.val();
-  MDB_val data{};
-  MDB_dbi database = 0;
-  int code = mdb_dbi_open(raw, nullptr, 0, &database);
-  if (code == 0) code = mdb_get(raw, database, &key_val, &data);
-  if (code != 0) return cannot_read(*map, code);
+  FileState& state = first->state;
+  if (Status status = load_state(*map, meta, transaction, &state); !status.ok()) return status;
+  first->pages = std::make_unique<PagesInFile>(file, map->page_size);
+  state.use_file(first->pages.get());
+  CheckedPages checked;
+  EntryInMap entry;
+  if (Status status = read_own_record(state, &checked, first); !status.ok()) return status;
+  MDB_dbi database = kDatabase;  // opened for all transactions of the environment
+  if (const int code = mdb_dbi_open(raw, nullptr, 0, &database); code != 0) return cannot_read(*map, code);
+  if (Status status = find_in_free_list(raw, state, &entry); !status.ok()) return status;
+  if (entry.address == nullptr) {
+    if (Status status = find_in_records(raw, state, &checked, &entry); !status.ok()) return status;
+  }
   // The map is aligned to the system's page size, which is LMDB's as well unless a file was made elsewhere.
-  const auto* const record = static_cast<const std::byte*>(data.mv_data);
-  const std::size_t within = reinterpret_cast<std::uintptr_t>(record) % map->page_size;
-  if (!path.leaf_is_at(record - within)) return {};
-  map->address = record - within - path.leaf().number() * map->page_size;
+  const auto* const address = static_cast<const std::byte*>(entry.address);
+  const std::byte* const page = address - reinterpret_cast<std::uintptr_t>(address) % map->page_size;
+  if (!is_page(page, state, entry.page)) return {};
+  map->address = page - entry.page * map->page_size;
   bool certain = false;
   copy_meta_page(*map, transaction, &meta, &certain);
-  first->state.map = *map;
-  if (!certain) first->state = FileState{};  // what was read of the meta page may have been torn
+  state.map = *map;
+  if (!certain) state = FileState{};  // what was read of the meta page may have been torn
   *found = true;
   return {};
 }
@@ -246,8 +203,20 @@ Status load_state(const FileMap& map, const MetaPage& meta, std::uint64_t transa
       return damaged("gives an impossible root page");
     }
   }
-  *state = FileState{map, transaction, meta.last_page + 1, meta.records, meta.free_pages};
+  *state = FileState{map, transaction, meta.last_page + 1, 0, nullptr, meta.records, meta.free_pages};
+  state->use_map();
   return {};
+}
+
+const std::byte* FileState::page_in_file(std::uint64_t number) const {
+  if (in_file == nullptr || !has_page(number)) return nullptr;
+  if (const std::byte* const page = in_file->page(number); page != nullptr) return page;
+  return in_file->error() == 0 ? in_map(number) : nullptr;
+}
+
+std::uint64_t FileState::offset_in_file(const std::byte* address) const {
+  std::uint64_t offset = 0;
+  return in_file->find(address, &offset) ? offset : static_cast<std::uint64_t>(address - map.address);
 }
 
 }  // namespace tkv::store

@@ -30,15 +30,16 @@ std::uint64_t fingerprint_of_leaf(const FileState& state, std::uint64_t number) 
   std::span<const std::byte> key;
   bool found = false;
   const std::size_t size = state.map.page_size;
-  const bool may_be_it = seed != 0 && state.has_page(number) &&
-                         page.open(state.page(number), size, number, kLeafPage) == nullptr && page.read_key(0, &key);
+  const std::byte* const bytes = seed == 0 ? nullptr : state.page(number);
+  const bool may_be_it =
+      bytes != nullptr && page.open(bytes, size, number, kLeafPage) == nullptr && page.read_key(0, &key);
   if (!may_be_it) return 0;
   TreeCursor cursor(state);
   if (cursor.seek(key, &found) || !found || cursor.page_number() != number) return 0;
   std::span<const std::byte> begin;
   std::span<const std::byte> end;
   if (cursor.range(&begin, &end)) return 0;
-  const std::uint64_t fingerprint = hash({state.page(number), size}, hash(end, hash(begin, seed)));
+  const std::uint64_t fingerprint = hash({bytes, size}, hash(end, hash(begin, seed)));
   return fingerprint == 0 ? 1 : fingerprint;
 }
 

@@ -260,7 +260,7 @@ Descriptor RegistryFiles::open_commit_times() const {
 }
 
 Status RegistryFiles::data_size(std::uint64_t* size) const {
-  struct statx found {};
+  struct statx found;
   if (statx(data_.handle.number(), "", AT_EMPTY_PATH, STATX_SIZE, &found) != 0) {
     const int error = errno;
     return lmdb_status(error, "cannot use " + quoted(path_of(kDataFile)));

@@ -138,7 +138,7 @@ Status find_value_record(const FileState& state, NodeId id, std::span<const std:
 
 ValuePlace place_of_record(const FileState& state, std::span<const std::byte> record, std::size_t size) {
   ValuePlace place;
-  place.offset = static_cast<std::uint64_t>(record.data() - state.map.address);
+  place.offset = state.offset_of(record.data());
   place.record_size = static_cast<std::uint32_t>(record.size());
   place.value_size = static_cast<std::uint32_t>(size);
   return place;

@@ -39,9 +39,16 @@ bool CheckedPages::add(std::uint64_t number) {
 }
 
 PageDamage TreeCursor::open(std::uint64_t number, int level, Page* page) const {
-  if (!state_.has_page(number)) return {number, "does not exist, and is referred to"};
+  if (!state_.is_read_from_map(number)) return open_from_file(number, level, page);
   const std::uint16_t kind = level == leaf_level() ? kLeafPage : kBranchPage;
   return {number, page->open(state_.page(number), state_.map.page_size, number, kind)};
+}
+
+PageDamage TreeCursor::open_from_file(std::uint64_t number, int level, Page* page) const {
+  const std::byte* const bytes = state_.page(number);
+  if (bytes == nullptr) return {number, state_.absence(number)};
+  const std::uint16_t kind = level == leaf_level() ? kLeafPage : kBranchPage;
+  return {number, page->open(bytes, state_.map.page_size, number, kind)};
 }
 
 PageDamage TreeCursor::seek(std::span<const std::byte> key, bool* found) {
@@ -123,7 +130,8 @@ PageDamage TreeCursor::record_of(const PageNode& node, std::span<const std::byte
   if (!node.is_big()) return {};
   const std::uint64_t number = node.overflow_page();
   if (!state_.has_page(number)) return {leaf().page.number(), "refers to a page that does not exist"};
-  const std::byte* const page = state_.page(number);
+  const std::byte* const page = state_.in_map(number);
+  if (page == nullptr) return {number, "cannot be read without a map"};
   *record = {page + sizeof(PageHeader), node.data_size()};
   return {number, check_overflow_header(page, state_.map.page_size, number, node.data_size(), state_.page_count)};
 }
@@ -291,6 +299,15 @@ PageDamage TreeCursor::check_path(CheckedPages* checked) const {
   }
   std::span<const std::byte> overflow;
   return found_ ? record(&overflow) : PageDamage{};
+}
+
+PageDamage TreeCursor::check_first() const {
+  if (at_end_) return {};
+  for (int level = 0; level < leaf_level(); ++level) {
+    const Level& at = levels_[static_cast<std::size_t>(level)];
+    if (at.index != 0) return {at.page.number(), "has its keys out of order"};
+  }
+  return {};
 }
 
 // The page at `level` and the first page of each level below it.

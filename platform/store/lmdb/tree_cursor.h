@@ -84,11 +84,13 @@ class TreeCursor {
   //   check_path      the pages from the root to the entry or gap, and an entry's overflow page
   //   check_next      those on the way to the leaf page after it
   //   check_siblings  those that LMDB may read or change to fill up a page from which the entry is removed
+  //   check_first     that the entry or gap is on the tree's first leaf page, where the smallest key belongs
   // Only confirm_absence() also searches the list of free pages for them, and not if the leaf page was checked before.
   // check_in_use() does this alone.
   PageDamage check_path(CheckedPages* checked) const;
   PageDamage check_next(CheckedPages* checked) const;
   PageDamage check_siblings(CheckedPages* checked) const;
+  PageDamage check_first() const;
   PageDamage check_in_use() const;
 
  private:
@@ -102,6 +104,8 @@ class TreeCursor {
   const Level& leaf() const { return levels_[static_cast<std::size_t>(leaf_level())]; }
   Level& leaf() { return levels_[static_cast<std::size_t>(leaf_level())]; }
   PageDamage open(std::uint64_t number, int level, Page* page) const;
+  // Apart, so that open() has nothing to save before it.
+  [[gnu::cold, gnu::noinline]] PageDamage open_from_file(std::uint64_t number, int level, Page* page) const;
   PageDamage edge(Edge edge);
   PageDamage descend(std::uint64_t number, int level, Edge edge);
   PageDamage next_leaf();

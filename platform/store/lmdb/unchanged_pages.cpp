@@ -127,8 +127,8 @@ bool UnchangedPages::compare(const FileState& state) {
 }
 
 bool UnchangedPages::open_branch(const FileState& state, const PageInTree& parent, Page* page) {
-  return state.has_page(parent.number) &&
-         page->open(state.page(parent.number), state.map.page_size, parent.number, kBranchPage) == nullptr;
+  const std::byte* const bytes = state.page(parent.number);
+  return bytes != nullptr && page->open(bytes, state.map.page_size, parent.number, kBranchPage) == nullptr;
 }
 
 bool UnchangedPages::add_child(const PageInTree& parent, const Page& page, unsigned index,
