@@ -508,6 +508,53 @@ TEST_F(LmdbWriters, ProcessesThatWriteWithoutPauseLetOneAnotherWrite) {
   endless.end(SIGKILL);
 }
 
+// A byte of the writers' lock, taken as a process of any release does. It is released with the object.
+class LockedByte {
+ public:
+  LockedByte(const std::string& directory, off_t byte)
+      : file_(open((directory + "/writer.lock").c_str(), O_RDWR | O_CLOEXEC)) {
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    range.l_start = byte;
+    range.l_len = 1;
+    has_it_ = fcntl(file_.number(), F_OFD_SETLK, &range) == 0;
+  }
+  bool has_it() const { return has_it_; }
+
+ private:
+  const Descriptor file_;
+  bool has_it_ = false;
+};
+
+constexpr off_t kNextWriter = 0;
+constexpr off_t kWriter = 1;
+
+TEST_F(LmdbWriters, NobodyOvertakesTheProcessThatIsNext) {
+  const auto store = open_impatient();
+  for (const off_t byte : {kNextWriter, kWriter}) {
+    ASSERT_TRUE(set_text(*store, kRootNode, "before").ok());
+    const LockedByte taken(options_.directory, byte);
+    ASSERT_TRUE(taken.has_it());
+    EXPECT_TRUE(set_text(*store, kRootNode, "ahead").is(PRTKV_BUSY)) << "byte " << byte;
+    const off_t other = byte == kNextWriter ? kWriter : kNextWriter;
+    EXPECT_TRUE(LockedByte(options_.directory, other).has_it()) << "the writer that gave up has kept a byte";
+  }
+  EXPECT_EQ(text_of(*store), "before");
+  EXPECT_TRUE(set_text(*store, kRootNode, "after").ok());
+}
+
+TEST_F(LmdbWriters, AnotherProcessCanBeNextWhileOneWrites) {
+  const auto store = open_or_fail(options_);
+  const auto check = [&](Update&) -> Status {
+    EXPECT_FALSE(LockedByte(options_.directory, kWriter).has_it());
+    EXPECT_TRUE(LockedByte(options_.directory, kNextWriter).has_it());
+    return {};
+  };
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(store->write(check).ok());
+  for (const off_t byte : {kNextWriter, kWriter}) EXPECT_TRUE(LockedByte(options_.directory, byte).has_it());
+}
+
 TEST_F(LmdbWriters, EmptyingTheFileOfTheLockHarmsNobody) {
   const auto store = open_or_fail(options_);
   for (int i = 0; i < 3; ++i) {

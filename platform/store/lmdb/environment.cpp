@@ -155,10 +155,10 @@ Status Environment::check_files() {
 
 // Reading the map beyond the end of the file would raise SIGBUS. A file that is truncated during a transaction still
 // does that.
-Status Environment::check_size() {
+Status Environment::check_size(RegistryFiles::Askers askers) {
   const std::uint64_t seen = seen_size_.load();  // first: the file may grow at any time
   std::uint64_t size = 0;
-  if (Status status = files_->data_size(&size); !status.ok()) return status;
+  if (Status status = files_->data_size(&size, askers); !status.ok()) return status;
   if (size > seen) seen_size_.store(size);
   if (size >= seen) return {};
   meta_pages_.withdraw();
@@ -681,7 +681,7 @@ Status WriteTransaction::begin() {
   if (Status status = environment_.check_usable(); !status.ok()) return status;
   if (outer_ != nullptr) return begin_within(*outer_);
   if (Status status = lock(); !status.ok()) return status;
-  if (Status status = environment_.check_size(); !status.ok()) return status;
+  if (Status status = environment_.check_size(RegistryFiles::Askers::kOne); !status.ok()) return status;
   constexpr unsigned kAttempts = 4;
   for (unsigned attempt = 0;; ++attempt) {
     const int code =

@@ -111,7 +111,7 @@ class Environment {
   bool is_outgrown() const;
   Status check_version() const;
   Status extend_short_file();
-  Status check_size();
+  Status check_size(RegistryFiles::Askers askers = RegistryFiles::Askers::kAny);
   bool has_kept_its_size();
   Status files_replaced() const;
 

@@ -52,7 +52,15 @@ bool looks_like_lock_file(int file) {
   return count == 0 || (count == sizeof magic && (magic == 0 || magic == kMagic));
 }
 
+bool leads_to(const std::string& path, const FileIdentity& identity) {
+  struct statx found {};
+  return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO, &found) == 0 && identity_of(found) == identity;
+}
+
 }  // namespace
+
+RegistryFiles::RegistryFiles(const LmdbOptions& options)
+    : path_(options.directory), data_path_(path_of(kDataFile)), lock_path_(path_of(kLockFile)) {}
 
 Status RegistryFiles::open(const LmdbOptions& options, std::unique_ptr<const RegistryFiles>* files) {
   std::unique_ptr<RegistryFiles> opened(new RegistryFiles(options));
@@ -191,14 +199,9 @@ std::string RegistryFiles::path_to_open(const Descriptor& file, const std::strin
   return "/proc/self/fd/" + std::to_string(file.number());
 }
 
-bool RegistryFiles::leads_to(const char* name, const FileIdentity& identity) const {
-  struct statx found {};
-  return statx(AT_FDCWD, path_of(name).c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO, &found) == 0 &&
-         identity_of(found) == identity;
-}
-
+// The directory that holds the data file may be another one than at first, so each file has to be found by its path.
 bool RegistryFiles::are_in_place() const {
-  return leads_to(kDataFile, data_.identity) && (!lock_.handle.is_open() || leads_to(kLockFile, lock_.identity));
+  return leads_to(data_path_, data_.identity) && (!lock_.handle.is_open() || leads_to(lock_path_, lock_.identity));
 }
 
 Status RegistryFiles::prepare_lock_file() const {
@@ -259,7 +262,13 @@ Descriptor RegistryFiles::open_commit_times() const {
   return Descriptor(::open(path_to_open(found.handle, kWriterLockFile).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 }
 
-Status RegistryFiles::data_size(std::uint64_t* size) const {
+// lseek() locks the position in the file, which nothing depends on, in a process of several threads.
+Status RegistryFiles::data_size(std::uint64_t* size, Askers askers) const {
+  const off_t end = askers == Askers::kOne ? lseek(data_.handle.number(), 0, SEEK_END) : -1;
+  if (end >= 0) {
+    *size = static_cast<std::uint64_t>(end);
+    return {};
+  }
   struct statx found;
   if (statx(data_.handle.number(), "", AT_EMPTY_PATH, STATX_SIZE, &found) != 0) {
     const int error = errno;

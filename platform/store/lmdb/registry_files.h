@@ -12,7 +12,7 @@
 //
 // What every transaction asks about the files, are_in_place() and data_size(), does not ask for their times (statx).
 // Linux gives a file whose times were read a new time at the next write, and a file system without a journal then
-// writes the inode, too, in the next synchronous write.
+// writes the inode, too, in the next synchronous write. lseek() does not read them either.
 #ifndef TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
 #define TKV_PLATFORM_STORE_LMDB_REGISTRY_FILES_H
 
@@ -70,8 +70,10 @@ class RegistryFiles {
   const std::string& path() const { return path_; }  // of the directory
   int data_file() const { return data_.handle.number(); }
 
-  // The size of the data file in bytes.
-  Status data_size(std::uint64_t* size) const;
+  // The size of the data file in bytes. A single thread that asks has the answer in less than half of the time, but
+  // threads that use this way at once wait for one another.
+  enum class Askers { kAny, kOne };
+  Status data_size(std::uint64_t* size, Askers askers = Askers::kAny) const;
 
   // Tells whether the data file belongs to the process's effective user.
   bool are_own() const;
@@ -88,7 +90,7 @@ class RegistryFiles {
     off_t allocated = 0;  // bytes on the disk
   };
 
-  explicit RegistryFiles(const LmdbOptions& options) : path_(options.directory) {}
+  explicit RegistryFiles(const LmdbOptions& options);
 
   Status open_files(const LmdbOptions& options, const struct stat& directory);
   Status open_file(const char* name, Access access, CheckedFile* file) const;
@@ -101,9 +103,10 @@ class RegistryFiles {
   Status rename_temporary(const std::string& temporary, const char* name) const;
   std::string path_of(const std::string& name) const { return path_ + "/" + name; }
   std::string path_to_open(const Descriptor& file, const std::string& name) const;
-  bool leads_to(const char* name, const FileIdentity& identity) const;
 
   const std::string path_;
+  const std::string data_path_;
+  const std::string lock_path_;
   Sharing sharing_;
   bool exposed_ = false;  // others may replace files in the directory
   uid_t owner_ = 0;       // of the directory

@@ -36,13 +36,21 @@ constexpr std::chrono::microseconds kTimeToWakeUp{50};
 
 constexpr const char* kAnotherProcess = "another process";
 
-int lock_byte(int file, off_t byte, short type) {
+int lock_bytes(int file, off_t first, off_t count, short type) {
   struct flock range {};
   range.l_type = type;
   range.l_whence = SEEK_SET;
-  range.l_start = byte;
-  range.l_len = 1;
+  range.l_start = first;
+  range.l_len = count;
   return fcntl(file, F_OFD_SETLK, &range) == 0 ? 0 : errno;
+}
+
+int lock_byte(int file, off_t byte, short type) { return lock_bytes(file, byte, 1, type); }
+
+// Takes both bytes or none. A process that is next has one of them.
+bool lock_both(int file) {
+  static_assert(kWriter == kNextWriter + 1);
+  return lock_bytes(file, kNextWriter, 2, F_WRLCK) == 0;
 }
 
 unsigned long pid_namespace() {
@@ -106,9 +114,10 @@ Status WriterLock::acquire(WriterDeadline* deadline) {
   writes_without_pause_ = WriterDeadline::Clock::now() - released_ < kTimeToWakeUp;
   page_.refresh(file_.number());
   if (!page_.take_turn() || lock_byte(file_.number(), kWriter, F_WRLCK) != 0) {
-    if (Status status = take_byte(kNextWriter, deadline); !status.ok()) return status;
+    const bool has_both = lock_both(file_.number());
+    if (Status status = has_both ? Status() : take_byte(kNextWriter, deadline); !status.ok()) return status;
     const Place place(*this);
-    if (Status status = take_byte(kWriter, deadline); !status.ok()) return status;
+    if (Status status = has_both ? Status() : take_byte(kWriter, deadline); !status.ok()) return status;
   }
   name_holder();
   return {};
