@@ -97,7 +97,7 @@ namespace {
 // Brings what is known of a key to the state that a read would see now, if nothing about the key has changed.
 bool renew(store::Store& store, KnownKey* known) {
   store::ValuePlace place = place_of(*known);
-  const std::uint64_t state = known->state == 0 ? 0 : store.unchanged_until(known->state, &place);
+  const std::uint64_t state = known->state == 0 ? 0 : store.unchanged_until(known->state, known->id, &place);
   if (state == 0) return false;
   known->state = state;
   set_place(place, known);

@@ -250,18 +250,19 @@ class Store {
     return false;
   }
 
-  // As copy_value, if unchanged_until() would name the latest state, which `*state` then receives. May add to `*place`
-  // as that does. If it returns false, both may have been changed, to what is also true.
+  // As copy_value, if the node and the place of its value are known to be the same in the latest state, which `*state`
+  // then receives. May add to `*place` what tells more of later states. If it returns false, both may have been
+  // changed, to what is also true.
   virtual bool copy_unchanged_value(std::uint64_t* /*state*/, NodeId /*id*/, ValuePlace* /*place*/,
                                     std::span<std::byte> /*buffer*/, std::int32_t* /*type*/, std::size_t* /*size*/) {
     return false;
   }
 
-  // For a node that a view of `state` found, with the place of its value: returns the number of a state that a view may
-  // show which begins now, if it is known that the node has the same name, the same security record, and its value the
-  // same place in that state. Nor has any of the nodes above it been moved. Returns zero if that is not known, or not
-  // the case. May add to `*place` what tells more of later states.
-  virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, ValuePlace* /*place*/) { return 0; }
+  // For the node `id`, which a view of `state` found, with the place of its value: returns the number of a state that a
+  // view may show which begins now, if it is known that the node has the same name and the same security record in that
+  // state. Nor has any of the nodes above it been moved. `*place` then is the place of its value in that state, with
+  // what tells more of later ones. Returns zero if that is not known, or not the case.
+  virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, NodeId /*id*/, ValuePlace* /*place*/) { return 0; }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A
   // failure that it returns is returned, and nothing is changed.

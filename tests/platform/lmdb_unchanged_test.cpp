@@ -194,7 +194,7 @@ TEST_P(LmdbUnchanged, WhatIsSaidToBeUnchangedIsWhatAViewFinds) {
     commits.make(*store, commits.below(most + 1), kNodesInGroup, name_of);
     for (int sample = 0; sample < 40; ++sample) {
       Found& former = known[commits.below(known.size())];
-      const std::uint64_t until = store->unchanged_until(former.state, &former.place);
+      const std::uint64_t until = store->unchanged_until(former.state, former.node.id, &former.place);
       std::optional<Found> found = look_up(*store, former.parent, former.name);
       if (until != 0) {
         ASSERT_TRUE(found);
@@ -269,7 +269,9 @@ class LmdbSubtrees : public LmdbUnchanged {
   }
 
   Status write() { return set_text(*store_, written_->node.id, "text"); }
-  std::uint64_t unchanged_until(Found& found) { return store_->unchanged_until(found.state, &found.place); }
+  std::uint64_t unchanged_until(Found& found) {
+    return store_->unchanged_until(found.state, found.node.id, &found.place);
+  }
 
   const std::shared_ptr<Store> store_ = open();
   std::optional<Found> known_;
@@ -280,8 +282,28 @@ TEST_F(LmdbSubtrees, ANodeIsKnownToBeUnchangedWhileOthersAreWritten) {
   for (std::uint64_t commit = 1; commit <= 20; ++commit) {
     ASSERT_TRUE(write().ok());
     EXPECT_EQ(unchanged_until(*known_), known_->state + commit);
-    EXPECT_EQ(unchanged_until(*written_), 0u);
   }
+}
+
+TEST_F(LmdbSubtrees, TheValueOfANodeThatIsUnchangedIsFoundInItsNewPlace) {
+  for (std::uint64_t commit = 1; commit <= 20; ++commit) {
+    const ValuePlace before = written_->place;
+    ASSERT_TRUE(write().ok());
+    EXPECT_EQ(unchanged_until(*written_), written_->state + commit);
+    EXPECT_NE(written_->place.offset, before.offset);
+    EXPECT_EQ(written_->place.node_page, before.node_page);
+    const std::optional<Found> found = look_up(*store_, written_->parent, written_->name);
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(is_same(*written_, *found));
+  }
+}
+
+TEST_F(LmdbSubtrees, ANodeWhosePageWasReplacedIsLookedUpAgain) {
+  sec_attr security{};
+  security.other_perm = 7;
+  const auto change = [&](Update& update) { return update.set_security(written_->parent, written_->name, security); };
+  ASSERT_TRUE(store_->write(change).ok());
+  EXPECT_EQ(unchanged_until(*written_), 0u);
 }
 
 TEST_F(LmdbSubtrees, AValueIsCopiedWhileOthersAreWritten) {

@@ -252,13 +252,20 @@ bool Environment::copy_unchanged(std::uint64_t* state, ValuePlace* place, std::s
   return copied;
 }
 
-std::uint64_t Environment::unchanged_until(std::uint64_t state, ValuePlace* place) {
+// A write replaces the page of its value, and mostly leaves the page of the node: then the value alone is looked up.
+std::uint64_t Environment::unchanged_until(std::uint64_t state, NodeId id, ValuePlace* place) {
   const std::uint64_t latest = latest_state();
   ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
   if (slot == nullptr) return 0;
   bool holds = slot->pages.state() == latest && slot->pages.has_kept(state, *place);
   if (!holds && begin_glance(*slot)) {
     holds = recognizes(*slot, state, place);
+    if (!holds && slot->pages.has_kept_node(state, *place)) {
+      const std::uint32_t node_page = place->node_page;
+      *place = place_of_value(slot->state, id);
+      place->node_page = node_page;
+      holds = true;
+    }
     end_read(*slot);
   }
   const std::uint64_t until = holds ? slot->pages.state() : 0;

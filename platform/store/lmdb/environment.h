@@ -79,12 +79,12 @@ class Environment {
   // meanwhile has shown that state, as while the next one is being made durable. `copy` is unspecified otherwise.
   bool copy_from_latest(std::uint64_t state, std::uint64_t offset, std::span<std::byte> copy);
 
-  // As copy_from_latest, of the record at `place`, if unchanged_until() would name the latest state, which `*state`
-  // then receives.
+  // As copy_from_latest, of the record at `place`, if that is known to hold in the latest state, which `*state` then
+  // receives.
   bool copy_unchanged(std::uint64_t* state, ValuePlace* place, std::span<std::byte> copy);
 
   // See Store::unchanged_until.
-  std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place);
+  std::uint64_t unchanged_until(std::uint64_t state, NodeId id, ValuePlace* place);
 
   // A descriptor of the data file to watch it by. It belongs to the environment.
   int data_file() const { return files_->data_file(); }

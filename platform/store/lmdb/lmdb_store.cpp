@@ -230,8 +230,8 @@ class LmdbStore final : public Store {
                   std::int32_t* type, std::size_t* size) override;
   bool copy_unchanged_value(std::uint64_t* state, NodeId id, ValuePlace* place, std::span<std::byte> buffer,
                             std::int32_t* type, std::size_t* size) override;
-  std::uint64_t unchanged_until(std::uint64_t state, ValuePlace* place) override {
-    return environment_.unchanged_until(state, place);
+  std::uint64_t unchanged_until(std::uint64_t state, NodeId id, ValuePlace* place) override {
+    return environment_.unchanged_until(state, id, place);
   }
   Status write(FunctionRef<Status(Update&)> function, Revision* revision) override;
   Status read_at(Revision revision, FunctionRef<Status(View&)> function) override;
@@ -302,7 +302,7 @@ bool LmdbStore::copy_unchanged_value(std::uint64_t* state, NodeId id, ValuePlace
                                      std::int32_t* type, std::size_t* size) {
   if (!place->is_known()) return false;
   if (is_large(*place, buffer)) {
-    const std::uint64_t until = environment_.unchanged_until(*state, place);
+    const std::uint64_t until = environment_.unchanged_until(*state, id, place);
     if (until != 0) *state = until;
     return false;
   }

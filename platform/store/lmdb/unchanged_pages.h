@@ -42,6 +42,12 @@ class UnchangedPages {
   // without looking at pages. False also if recognizes() has something to add to the place.
   bool has_kept(std::uint64_t former, const ValuePlace& place) const;
 
+  // Whether the node is still there, on the same page, as far as that is known without looking at pages. Its value may
+  // have changed.
+  bool has_kept_node(std::uint64_t former, const ValuePlace& place) const {
+    return has_kept_nodes_since(former) && has_kept_page_since(former, place.node_page);
+  }
+
   // As has_kept, but looks at the pages if need be, and adds their fingerprint to the place. `state` is the state that
   // was followed to, in which the calling thread has a transaction open.
   bool recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept;
