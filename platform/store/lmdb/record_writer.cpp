@@ -1,7 +1,5 @@
 #include "store/lmdb/record_writer.h"
 
-#include "store/lmdb/tree.h"
-
 namespace tkv::store {
 
 Status RecordWriter::succeeded(LmdbOutcome outcome, const char* doing) {
@@ -10,15 +8,8 @@ Status RecordWriter::succeeded(LmdbOutcome outcome, const char* doing) {
   return outcome.code == 0 ? Status() : environment_.failure(outcome, doing);
 }
 
-Status RecordWriter::get_former(const Key& key, bool* found, std::span<const std::byte>* record) {
-  TreeCursor cursor(former_, &checked_former_);
-  PageDamage damage = cursor.seek(key.bytes(), found);
-  if (!damage) damage = *found ? cursor.record(record) : confirm_absence(cursor, key, DamageBeside::kIgnore);
-  return damage ? damaged_page(former_.map, damage) : Status();
-}
-
 Status RecordWriter::get(const Key& key, bool* found, std::span<const std::byte>* record) {
-  if (shows_former_) return get_former(key, found, record);
+  if (shows_former_) return check_.find_former(key, found, record);
   if (Status status = check_.before_access(key); !status.ok()) return status;
   MDB_val key_val = key.val();
   MDB_val data{};

@@ -29,9 +29,8 @@ class RecordWriter {
   RecordWriter(Environment& environment, const WriteTransaction& transaction)
       : environment_(environment),
         txn_(transaction.txn()),
-        former_(transaction.former()),
         shows_former_(!transaction.is_inner()),
-        check_(former_) {}
+        check_(transaction.former()) {}
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
 
@@ -56,13 +55,10 @@ class RecordWriter {
 
  private:
   Status succeeded(LmdbOutcome outcome, const char* doing);
-  Status get_former(const Key& key, bool* found, std::span<const std::byte>* record);
 
   Environment& environment_;
   MDB_txn* const txn_;
-  const FileState& former_;
   bool shows_former_;  // nothing was changed yet, by this transaction or one that it is within
-  CheckedPages checked_former_;
   WriteCheck check_;
   LmdbOutcome broken_by_{0, 0};
 };

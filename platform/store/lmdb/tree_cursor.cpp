@@ -32,10 +32,19 @@ bool contains(std::span<const std::byte> list, std::uint64_t page) {
 }  // namespace
 
 bool CheckedPages::add(std::uint64_t number) {
-  if (number >= pages_.size()) pages_.resize(number + number / 2 + 64);
-  if (pages_[number]) return false;
-  pages_[number] = true;
+  if (has(number)) return false;
+  if (many_.empty() && count_ < kFew) {
+    few_[count_++] = number;
+    return true;
+  }
+  for (; count_ > 0; --count_) add_to_many(few_[count_ - 1]);
+  add_to_many(number);
   return true;
+}
+
+void CheckedPages::add_to_many(std::uint64_t number) {
+  if (number >= many_.size()) many_.resize(number + number / 2 + 64);
+  many_[number] = true;
 }
 
 PageDamage TreeCursor::open(std::uint64_t number, int level, Page* page) const {
@@ -51,39 +60,65 @@ PageDamage TreeCursor::open_from_file(std::uint64_t number, int level, Page* pag
   return {number, page->open(bytes, state_.map.page_size, number, kind)};
 }
 
+// Sets the level's index to that of the entry with the key, of the child that leads to it, or of the entry after the
+// gap. Sets found_ if there is an entry.
+[[gnu::always_inline]] inline PageDamage TreeCursor::search_page(int level, std::span<const std::byte> key) {
+  Level& at = levels_[static_cast<std::size_t>(level)];
+  const bool is_leaf = level == leaf_level();
+  unsigned low = is_leaf ? 0 : 1;
+  unsigned high = at.page.count();
+  while (low < high) {
+    const unsigned middle = (low + high) / 2;
+    std::span<const std::byte> other;
+    if (!at.page.read_key(middle, &other)) return {at.page.number(), kOutside};
+    const int order = compare_keys(other, key);
+    if (is_leaf && order == 0) {
+      found_ = true;
+      at.index = middle;
+      return {};
+    }
+    (order <= 0 ? low : high) = order <= 0 ? middle + 1 : middle;
+  }
+  at.index = is_leaf ? low : low - 1;
+  return {};
+}
+
 PageDamage TreeCursor::seek(std::span<const std::byte> key, bool* found) {
-  *found = found_ = false;
+  *found = found_ = is_placed_ = false;
   at_end_ = tree_.page == kNoPage;
   if (at_end_) return {};
   std::uint64_t number = tree_.page;
   for (int level = 0;; ++level) {
     Level& at = levels_[static_cast<std::size_t>(level)];
     if (PageDamage damage = open(number, level, &at.page)) return damage;
-    const bool is_leaf = level == leaf_level();
-    unsigned low = is_leaf ? 0 : 1;
-    unsigned high = at.page.count();
-    while (low < high) {
-      const unsigned middle = (low + high) / 2;
-      std::span<const std::byte> other;
-      if (!at.page.read_key(middle, &other)) return {number, kOutside};
-      const int order = compare_keys(other, key);
-      if (is_leaf && order == 0) {
-        *found = found_ = true;
-        at.index = middle;
-        return {};
-      }
-      (order <= 0 ? low : high) = order <= 0 ? middle + 1 : middle;
-    }
-    at.index = is_leaf ? low : low - 1;
-    if (is_leaf) return {};
+    if (PageDamage damage = search_page(level, key)) return damage;
+    if (level == leaf_level()) break;
     PageNode node;
     if (!at.page.read(at.index, &node)) return {number, kOutside};
     number = node.child();
   }
+  is_placed_ = true;
+  *found = found_;
+  return {};
+}
+
+// The pages of a state stay as they are, so a search from the root page would end on the same leaf page.
+PageDamage TreeCursor::seek_from_here(std::span<const std::byte> key, bool* found) {
+  std::span<const std::byte> begin;
+  std::span<const std::byte> end;
+  if (!is_placed_ || range(&begin, &end)) return seek(key, found);
+  const bool is_here = (begin.data() == nullptr || compare_keys(begin, key) <= 0) &&
+                       (end.data() == nullptr || compare_keys(key, end) < 0);
+  if (!is_here) return seek(key, found);
+  found_ = false;
+  const PageDamage damage = search_page(leaf_level(), key);
+  *found = found_;
+  return damage;
 }
 
 // Fills the levels from `level` on with the path to the first or last entry below a page.
 PageDamage TreeCursor::descend(std::uint64_t number, int level, Edge edge) {
+  is_placed_ = false;
   for (;; ++level) {
     Level& at = levels_[static_cast<std::size_t>(level)];
     if (PageDamage damage = open(number, level, &at.page)) return damage;
@@ -105,6 +140,7 @@ PageDamage TreeCursor::next_leaf() {
   for (int level = leaf_level() - 1; level >= 0; --level) {
     Level& at = levels_[static_cast<std::size_t>(level)];
     if (at.index + 1 >= at.page.count()) continue;
+    is_placed_ = false;
     ++at.index;
     PageNode node;
     if (!at.page.read(at.index, &node)) return {at.page.number(), kOutside};

@@ -22,16 +22,30 @@
 
 namespace tkv::store {
 
-// Pages of one state that have been checked as a whole.
+// Pages of one state that have been checked as a whole. As long as these are few, as in most writes, it allocates
+// nothing.
 class CheckedPages {
  public:
   // Adds a page. Returns false if it was in the set before.
   bool add(std::uint64_t number);
-  bool has(std::uint64_t number) const { return number < pages_.size() && pages_[number]; }
-  void clear() { pages_.clear(); }
+  bool has(std::uint64_t number) const {
+    for (std::size_t each = 0; each < count_; ++each)
+      if (few_[each] == number) return true;
+    return number < many_.size() && many_[number];
+  }
+  void clear() {
+    count_ = 0;
+    many_.clear();
+  }
 
  private:
-  std::vector<bool> pages_;
+  static constexpr std::size_t kFew = 12;
+
+  void add_to_many(std::uint64_t number);
+
+  std::array<std::uint64_t, kFew> few_;  // the first count_; none once there are many
+  std::size_t count_ = 0;
+  std::vector<bool> many_;
 };
 
 class TreeCursor {
@@ -44,9 +58,16 @@ class TreeCursor {
     checked_ = checked;
   }
 
+  // Pages that this cursor checks as a whole belong to this set from now on. It may be null, as in the constructor.
+  void use(CheckedPages* checked) { checked_ = checked; }
+
   // Goes to the entry with `key` and sets `*found`, or to the gap where it would be. After a gap, only
   // confirm_absence(), enter_gap() and another search may follow. For trees whose keys are bytes.
   PageDamage seek(std::span<const std::byte> key, bool* found);
+
+  // The same, but if the key belongs on the leaf page that the cursor is on since its latest search, only that page is
+  // searched.
+  PageDamage seek_from_here(std::span<const std::byte> key, bool* found);
 
   // In the gap where seek() found no `key`: makes sure that there is none. `is_it` tells of an entry next to the gap
   // whether it may be the one sought, with a damaged key.
@@ -106,6 +127,7 @@ class TreeCursor {
   PageDamage open(std::uint64_t number, int level, Page* page) const;
   // Apart, so that open() has nothing to save before it.
   [[gnu::cold, gnu::noinline]] PageDamage open_from_file(std::uint64_t number, int level, Page* page) const;
+  inline PageDamage search_page(int level, std::span<const std::byte> key);
   PageDamage edge(Edge edge);
   PageDamage descend(std::uint64_t number, int level, Edge edge);
   PageDamage next_leaf();
@@ -123,7 +145,8 @@ class TreeCursor {
   const Page::Keys keys_;
   CheckedPages* checked_ = nullptr;
   bool at_end_ = false;
-  bool found_ = false;                       // by the latest seek()
+  bool found_ = false;                       // by the latest search
+  bool is_placed_ = false;                   // the latest search has ended on a leaf page, and nothing has moved since
   std::array<Level, kMaxTreeDepth> levels_;  // the first tree_.depth, once a search has filled them
 };
 

@@ -53,30 +53,33 @@ Status WriteCheck::check_free_list() const {
   return result(damage);
 }
 
-PageDamage WriteCheck::check_path(TreeCursor* cursor, const Key& key) {
-  bool found = false;
-  if (PageDamage damage = cursor->seek(key.bytes(), &found)) return damage;
-  if (PageDamage damage = cursor->check_path(&checked_)) return damage;
-  if (found) return {};
-  if (PageDamage damage = cursor->check_in_use()) return damage;
-  return confirm_absence(*cursor, key, DamageBeside::kIgnore);
+Status WriteCheck::find_former(const Key& key, bool* found, std::span<const std::byte>* record) {
+  cursor_.use(&read_);
+  PageDamage damage = cursor_.seek_from_here(key.bytes(), found);
+  if (!damage) damage = *found ? cursor_.record(record) : confirm_absence(cursor_, key, DamageBeside::kIgnore);
+  return result(damage);
 }
 
-Status WriteCheck::before_access(const Key& key) {
-  TreeCursor cursor(former_, &checked_);
-  return result(check_path(&cursor, key));
+PageDamage WriteCheck::check_path(const Key& key) {
+  bool found = false;
+  cursor_.use(&checked_);
+  if (PageDamage damage = cursor_.seek_from_here(key.bytes(), &found)) return damage;
+  if (PageDamage damage = cursor_.check_path(&checked_)) return damage;
+  if (found) return {};
+  if (PageDamage damage = cursor_.check_in_use()) return damage;
+  return confirm_absence(cursor_, key, DamageBeside::kIgnore);
 }
+
+Status WriteCheck::before_access(const Key& key) { return result(check_path(key)); }
 
 Status WriteCheck::before_step(const Key& key) {
-  TreeCursor cursor(former_, &checked_);
-  if (PageDamage damage = check_path(&cursor, key)) return result(damage);
-  return result(cursor.check_next(&checked_));
+  if (PageDamage damage = check_path(key)) return result(damage);
+  return result(cursor_.check_next(&checked_));
 }
 
 Status WriteCheck::before_removal(const Key& key) {
-  TreeCursor cursor(former_, &checked_);
-  if (PageDamage damage = check_path(&cursor, key)) return result(damage);
-  return result(cursor.check_siblings(&checked_));
+  if (PageDamage damage = check_path(key)) return result(damage);
+  return result(cursor_.check_siblings(&checked_));
 }
 
 }  // namespace tkv::store

@@ -4,9 +4,15 @@
 // them. So what LMDB may read for a key is found by the same search in the former state: the pages on the way to the
 // key and, before something is removed, those beside them. Each page is checked as a whole, once in a transaction.
 //
+// A write mostly comes back to the leaf page that it was on last: to write a record that it has looked up, or the
+// record of the registry beside that of the change. It is then not searched for again.
+//
 // Used by the thread that writes. All functions return PRTKV_STORAGE_FAILED with a message that names the page.
 #ifndef TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
 #define TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
+
+#include <cstddef>
+#include <span>
 
 #include "base/status.h"
 #include "store/lmdb/file.h"
@@ -18,11 +24,16 @@ namespace tkv::store {
 class WriteCheck {
  public:
   // `former` is the state that the transaction began with, and outlives this object.
-  explicit WriteCheck(const FileState& former) : former_(former) {}
+  explicit WriteCheck(const FileState& former) : former_(former), cursor_(former) {}
+  WriteCheck(const WriteCheck&) = delete;
+  WriteCheck& operator=(const WriteCheck&) = delete;
 
   // Checks the list of free pages, which LMDB takes pages from and adds pages to. Of a long list, which only readers
   // that stay for long bring about, the beginning and the end are checked, so that the cost has a limit.
   Status check_free_list() const;
+
+  // Looks up a record of the former state without LMDB, as in a read transaction, which need not look at whole pages.
+  Status find_former(const Key& key, bool* found, std::span<const std::byte>* record);
 
   // Before a record is looked up or written. If the former state lacks the key, its absence is confirmed.
   Status before_access(const Key& key);
@@ -34,11 +45,13 @@ class WriteCheck {
   Status before_removal(const Key& key);
 
  private:
-  PageDamage check_path(TreeCursor* cursor, const Key& key);
+  PageDamage check_path(const Key& key);
   Status result(PageDamage damage) const { return damage ? damaged_page(former_.map, damage) : Status(); }
 
   const FileState& former_;
-  CheckedPages checked_;
+  TreeCursor cursor_;
+  CheckedPages read_;     // by find_former()
+  CheckedPages checked_;  // for LMDB
 };
 
 }  // namespace tkv::store
