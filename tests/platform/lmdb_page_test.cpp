@@ -1,14 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "page_builder.h"
 #include "store/lmdb/page.h"
+#include "store/lmdb/tree_cursor.h"
 
 namespace tkv::store {
 namespace {
@@ -269,6 +272,78 @@ TEST(CompareKeys, ComparesBytesAndThenLengths) {
       const int order = compare_keys(bytes_of(ordered[i]), bytes_of(ordered[j]));
       EXPECT_EQ(order < 0, i < j) << i << " " << j;
       EXPECT_EQ(order == 0, i == j) << i << " " << j;
+    }
+  }
+}
+
+TEST(CheckedPages, HoldWhatWasAddedFewOrMany) {
+  CheckedPages pages;
+  const auto number_of = [](std::uint64_t each) { return (each * 7919) % 1000 * 2; };
+  for (std::uint64_t added = 0; added < 100; ++added) {
+    EXPECT_TRUE(pages.add(number_of(added)));
+    EXPECT_FALSE(pages.add(number_of(added)));
+    for (std::uint64_t each = 0; each < 100; ++each) {
+      EXPECT_EQ(pages.has(number_of(each)), each <= added) << added << ", " << each;
+      EXPECT_FALSE(pages.has(number_of(each) + 1));
+    }
+  }
+  pages.clear();
+  for (std::uint64_t each = 0; each < 100; ++each) EXPECT_FALSE(pages.has(number_of(each)));
+  EXPECT_TRUE(pages.add(number_of(0)));
+}
+
+// Three levels: two branch pages with two leaf pages each.
+class SmallTree {
+ public:
+  SmallTree() {
+    put(2, PageBuilder(2, kBranchPage).branch("", 3).branch("m", 4));
+    put(3, PageBuilder(3, kBranchPage).branch("", 5).branch("f", 6));
+    put(4, PageBuilder(4, kBranchPage).branch("", 7).branch("t", 8));
+    put(5, PageBuilder(5, kLeafPage).leaf("a", "1").leaf("c", "2"));
+    put(6, PageBuilder(6, kLeafPage).leaf("f", "3").leaf("hh", "4"));
+    put(7, PageBuilder(7, kLeafPage).leaf("n", "5").leaf("p", "6"));
+    put(8, PageBuilder(8, kLeafPage).leaf("u", "7").leaf("x", "8"));
+    state_.map = {bytes_of(file_).data(), file_.size(), kSize, ""};
+    state_.transaction = 1;
+    state_.page_count = kPages;
+    state_.use_map();
+    state_.records.page = 2;
+    state_.records.depth = 3;
+  }
+
+  const FileState& state() const { return state_; }
+
+ private:
+  static constexpr std::size_t kPages = 9;
+
+  void put(std::uint64_t number, const PageBuilder& page) { file_.replace(number * kSize, kSize, page.bytes()); }
+
+  std::string file_ = std::string(kPages * kSize, '\0');
+  FileState state_;
+};
+
+// What a search has found: its page, and the record if there is one.
+std::string found_by(const TreeCursor& cursor, bool found) {
+  std::span<const std::byte> record;
+  EXPECT_TRUE(!found || !cursor.record(&record));
+  return std::to_string(cursor.page_number()) + " " +
+         std::string(reinterpret_cast<const char*>(record.data()), record.size());
+}
+
+TEST(TreeCursor, ASearchFromTheLatestPageEndsWhereOneFromTheRootDoes) {
+  const SmallTree tree;
+  std::vector<std::string> keys{"", "hh", "hhh"};
+  for (char letter = 'a'; letter <= 'z'; ++letter) keys.emplace_back(1, letter);
+  for (const std::string& first : keys) {
+    for (const std::string& second : keys) {
+      bool found = false;
+      TreeCursor from_root(tree.state());
+      ASSERT_FALSE(from_root.seek(bytes_of(second), &found));
+      const std::string expected = found_by(from_root, found);
+      TreeCursor cursor(tree.state());
+      ASSERT_FALSE(cursor.seek(bytes_of(first), &found));
+      ASSERT_FALSE(cursor.seek_from_here(bytes_of(second), &found));
+      EXPECT_EQ(found_by(cursor, found), expected) << "'" << second << "' after '" << first << "'";
     }
   }
 }
