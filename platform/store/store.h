@@ -260,8 +260,8 @@ class Store {
 
   // For the node `id`, which a view of `state` found, with the place of its value: returns the number of a state that a
   // view may show which begins now, if it is known that the node has the same name and the same security record in that
-  // state. Nor has any of the nodes above it been moved. `*place` then is the place of its value in that state, with
-  // what tells more of later ones. Returns zero if that is not known, or not the case.
+  // state. Nor has any of the nodes above it been moved. `*place` then is the place of its value in that state, if that
+  // is known, with what tells more of later ones. Returns zero if that is not known, or not the case.
   virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, NodeId /*id*/, ValuePlace* /*place*/) { return 0; }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A

@@ -22,6 +22,7 @@ namespace {
 // Run once, at the next call.
 std::function<void()> after_beginning_to_read;
 std::function<void(MDB_env*)> before_getting;
+std::function<void(MDB_env*)> before_getting_through_cursor;
 std::function<void()> after_mapping;
 
 MDB_assert_func* assertion = nullptr;  // the last one set
@@ -54,7 +55,7 @@ extern "C" {
 
 [[gnu::visibility("default")]] int mdb_cursor_get(MDB_cursor* cursor, MDB_val* key, MDB_val* data, MDB_cursor_op op) {
   static auto* const original = real<decltype(mdb_cursor_get)>("mdb_cursor_get");
-  if (const auto run = std::exchange(before_getting, nullptr)) run(mdb_txn_env(mdb_cursor_txn(cursor)));
+  if (const auto run = std::exchange(before_getting_through_cursor, nullptr)) run(mdb_txn_env(mdb_cursor_txn(cursor)));
   return original(cursor, key, data, op);
 }
 
@@ -192,16 +193,17 @@ TEST_F(LmdbRaces, ARegistryThatGrowsOnceMoreWhileItsGrowthIsBeingFollowedIsRead)
 
 TEST_F(LmdbRaces, APageThatLmdbFindsDamagedAtOpeningFailsTheOpening) {
   (void)open_or_fail(options_);
-  for (const std::string text : {"", "kept"}) {  // first without free pages, through which LMDB is asked otherwise
+  for (const std::string text : {"", "kept"}) {
     SCOPED_TRACE(text);
+    auto& hook = text.empty() ? before_getting : before_getting_through_cursor;  // without free pages, and with some
     if (!text.empty()) {
       ASSERT_TRUE(set_text(*open_or_fail(options_), kRootNode, text).ok());
     }
-    before_getting = [](MDB_env* env) { assertion(env, "a page contradicts itself"); };
+    hook = [](MDB_env* env) { assertion(env, "a page contradicts itself"); };
     std::shared_ptr<Store> store;
     Status status;
     EXPECT_NO_THROW(status = open_lmdb_store(options_, &store));
-    EXPECT_FALSE(before_getting) << "the opening has not read through LMDB";
+    EXPECT_FALSE(hook) << "the opening has not read through LMDB";
     EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << status.code();
     EXPECT_NE(status.text().find("the registry in '" + options_.directory + "' is damaged: a page contradicts itself"),
               std::string::npos)

@@ -461,14 +461,17 @@ TEST_F(LmdbDirectory, ALinkInPlaceOfAFileIsRefusedAndNotFollowed) {
 }
 
 TEST_F(LmdbDirectory, LmdbFilesOfOthersAreRefusedAndLeftAlone) {
-  fs::create_directory(registry_);
-  with_plain_lmdb(registry_, [](MDB_txn* txn, MDB_dbi database) {
-    MDB_val key = val_of("fruit");
-    MDB_val data = val_of("apple");
-    ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
-  });
-  expect_file_refused(PRTKV_UNUSABLE, "is a file of LMDB without a registry; move it aside, or set `location` to");
-  fs::remove_all(registry_);
+  for (const std::size_t size : {5, 5000}) {
+    fs::create_directory(registry_);
+    with_plain_lmdb(registry_, [&](MDB_txn* txn, MDB_dbi database) {
+      const std::string apple(size, 'a');
+      MDB_val key = val_of("fruit");
+      MDB_val data = val_of(apple);
+      ASSERT_EQ(mdb_put(txn, database, &key, &data, 0), 0);
+    });
+    expect_file_refused(PRTKV_UNUSABLE, "is a file of LMDB without a registry; move it aside, or set `location` to");
+    fs::remove_all(registry_);
+  }
   fs::create_directory(registry_);
   with_plain_lmdb(
       registry_, [](MDB_txn*, MDB_dbi) {}, MDB_DUPSORT);

@@ -40,6 +40,18 @@ class PagesOfAFile : public ::testing::Test {
   static std::string text(const std::byte* page) {
     return page == nullptr ? "none" : std::string(reinterpret_cast<const char*>(page), kPageSize);
   }
+  // Null if there is no room. A page that cannot be read is a failure.
+  static const std::byte* page_of(PagesInFile& pages, std::uint64_t number) {
+    const std::byte* page = nullptr;
+    EXPECT_TRUE(pages.read(number, &page)) << number;
+    return page;
+  }
+  static bool can_be_read(PagesInFile& pages, std::uint64_t number) {
+    const std::byte* page = nullptr;
+    const bool can_be = pages.read(number, &page);
+    EXPECT_EQ(page != nullptr, can_be);
+    return can_be;
+  }
   static std::string expected(std::size_t page) { return std::string(kPageSize, static_cast<char>('a' + page)); }
 
   TemporaryDirectory directory_{TemporaryDirectory::Where::kInMemory};
@@ -49,30 +61,32 @@ class PagesOfAFile : public ::testing::Test {
 
 TEST_F(PagesOfAFile, StayAsTheyWereRead) {
   PagesInFile pages(file_.number(), kPageSize);
-  const std::byte* const third = pages.page(3);
-  const std::byte* const seventh = pages.page(7);
+  const std::byte* const third = page_of(pages, 3);
+  const std::byte* const seventh = page_of(pages, 7);
   write_file(path_, std::string(kPages * kPageSize, 'z'));
   EXPECT_EQ(text(third), expected(3));
   EXPECT_EQ(text(seventh), expected(7));
-  EXPECT_EQ(pages.page(3), third);
-  EXPECT_EQ(pages.page(7), seventh);
-  EXPECT_EQ(text(pages.page(8)), std::string(kPageSize, 'z'));
+  EXPECT_EQ(page_of(pages, 3), third);
+  EXPECT_EQ(page_of(pages, 7), seventh);
+  EXPECT_EQ(text(page_of(pages, 8)), std::string(kPageSize, 'z'));
 }
 
 TEST_F(PagesOfAFile, AreNoMoreThanThereIsRoomFor) {
   PagesInFile pages(file_.number(), kPageSize);
-  for (std::size_t page = 0; page < PagesInFile::kMostPages; ++page) ASSERT_EQ(text(pages.page(page)), expected(page));
-  EXPECT_EQ(pages.page(PagesInFile::kMostPages), nullptr);
+  for (std::size_t page = 0; page < PagesInFile::kMostPages; ++page)
+    ASSERT_EQ(text(page_of(pages, page)), expected(page));
+  EXPECT_EQ(page_of(pages, PagesInFile::kMostPages), nullptr);
   EXPECT_EQ(pages.error(), 0);
-  for (std::size_t page = 0; page < PagesInFile::kMostPages; ++page) EXPECT_EQ(text(pages.page(page)), expected(page));
+  for (std::size_t page = 0; page < PagesInFile::kMostPages; ++page)
+    EXPECT_EQ(text(page_of(pages, page)), expected(page));
 }
 
 TEST_F(PagesOfAFile, AreFoundByTheirAddress) {
   PagesInFile pages(file_.number(), kPageSize);
   std::uint64_t offset = 0;
   EXPECT_FALSE(pages.find(nullptr, &offset));
-  const std::byte* const eighth = pages.page(8);
-  const std::byte* const second = pages.page(2);
+  const std::byte* const eighth = page_of(pages, 8);
+  const std::byte* const second = page_of(pages, 2);
   for (const std::size_t at : {std::size_t{0}, std::size_t{1}, kPageSize - 1}) {
     ASSERT_TRUE(pages.find(eighth + at, &offset));
     EXPECT_EQ(offset, 8 * kPageSize + at);
@@ -88,8 +102,8 @@ TEST_F(PagesOfAFile, AreCopiedFromOneByOne) {
   std::array<std::byte, 10> bytes{};
   const auto copy_at = [&](std::uint64_t offset) {
     PagesInFile pages(file_.number(), kPageSize);
-    (void)pages.page(4);
-    (void)pages.page(3);
+    (void)page_of(pages, 4);
+    (void)page_of(pages, 3);
     return pages.copy(offset, bytes) ? std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()) : "none";
   };
   EXPECT_EQ(copy_at(3 * kPageSize), "dddddddddd");
@@ -101,27 +115,42 @@ TEST_F(PagesOfAFile, AreCopiedFromOneByOne) {
 TEST_F(PagesOfAFile, AreUsedUpByCopies) {
   PagesInFile pages(file_.number(), kPageSize);
   std::array<std::byte, 10> bytes{};
-  (void)pages.page(3);
+  (void)page_of(pages, 3);
   ASSERT_TRUE(pages.begin_use());
   for (unsigned use = 1; use < PagesInFile::kMostUses; ++use) EXPECT_TRUE(pages.copy(3 * kPageSize, bytes));
   EXPECT_FALSE(pages.copy(3 * kPageSize, bytes));
-  EXPECT_EQ(text(pages.page(3)), expected(3)) << "a transaction uses it";
+  EXPECT_EQ(text(page_of(pages, 3)), expected(3)) << "a transaction uses it";
   pages.end_use();
   EXPECT_FALSE(pages.copy(3 * kPageSize, bytes));
+}
+
+TEST_F(PagesOfAFile, AreGoneWhenTheStateIsNoLongerTheLatest) {
+  std::array<std::byte, 10> bytes{};
+  PagesInFile pages(file_.number(), kPageSize);
+  (void)page_of(pages, 3);
+  ASSERT_TRUE(pages.begin_use());
+  pages.give_up();
+  EXPECT_EQ(text(page_of(pages, 3)), expected(3)) << "a transaction uses it";
+  EXPECT_FALSE(pages.begin_use());
+  EXPECT_FALSE(pages.copy(3 * kPageSize, bytes));
+  pages.end_use();
+  pages.give_up();
+  EXPECT_EQ(page_of(pages, 3), nullptr);
+  EXPECT_EQ(page_of(pages, 4), nullptr);
 }
 
 TEST_F(PagesOfAFile, AreMissingBehindItsEnd) {
   for (const std::size_t page : {kPages, kPages + 1, kPages + 1000}) {
     PagesInFile pages(file_.number(), kPageSize);
-    EXPECT_EQ(pages.page(page), nullptr) << page;
+    EXPECT_FALSE(can_be_read(pages, page)) << page;
     EXPECT_EQ(pages.error(), ENODATA) << page;
-    EXPECT_EQ(text(pages.page(kPages - 1)), expected(kPages - 1));
+    EXPECT_EQ(text(page_of(pages, kPages - 1)), expected(kPages - 1));
   }
 }
 
 TEST_F(PagesOfAFile, CannotBeReadWithoutIt) {
   PagesInFile pages(-1, kPageSize);
-  EXPECT_EQ(pages.page(1), nullptr);
+  EXPECT_FALSE(can_be_read(pages, 1));
   EXPECT_EQ(pages.error(), EBADF);
 }
 
@@ -129,13 +158,14 @@ TEST_F(PagesOfAFile, AreForAFewTransactions) {
   PagesInFile pages(file_.number(), kPageSize);
   for (unsigned use = 0; use < PagesInFile::kMostUses; ++use) {
     ASSERT_TRUE(pages.begin_use()) << use;
-    EXPECT_EQ(text(pages.page(use)), expected(use));
+    EXPECT_EQ(text(page_of(pages, use)), expected(use));
     if (use > 0) pages.end_use();
   }
   EXPECT_FALSE(pages.begin_use());
-  EXPECT_EQ(text(pages.page(2)), expected(2)) << "one of them has not ended";
+  EXPECT_EQ(text(page_of(pages, 2)), expected(2)) << "one of them has not ended";
   pages.end_use();
   EXPECT_FALSE(pages.begin_use());
+  EXPECT_EQ(page_of(pages, 2), nullptr);
 }
 
 // A registry whose tree is a few levels deep, with short and long values.
@@ -199,6 +229,7 @@ class LocatedState {
   LocatedState& operator=(const LocatedState&) = delete;
 
   FileState& state() { return first_.state; }
+  const FirstState& first() const { return first_; }
 
  private:
   const std::string directory_;
@@ -231,6 +262,21 @@ TEST_F(FirstReads, FindWhatTheMapShows) {
   }
 }
 
+TEST_F(FirstReads, CopyFromPagesOfThatStateOnly) {
+  store_.reset();
+  LocatedState located(options_.directory);
+  ValuePlace place;
+  ASSERT_EQ(find(located.state(), 1, &place), value_of(1));
+  std::vector<std::byte> record(place.record_size);
+  const std::uint64_t state = located.state().transaction;
+  EXPECT_FALSE(located.first().copy(state + 1, place.offset, record));
+  EXPECT_FALSE(located.first().copy(state - 1, place.offset, record));
+  ASSERT_TRUE(located.first().copy(state, place.offset, record));
+  Value value;
+  EXPECT_TRUE(decode_value(ids_[1], record, &value).ok());
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(value.bytes.data()), value.bytes.size()), value_of(1));
+}
+
 TEST_F(FirstReads, ReportATruncatedFile) {
   store_.reset();
   LocatedState located(options_.directory);
@@ -238,7 +284,7 @@ TEST_F(FirstReads, ReportATruncatedFile) {
   Node node;
   const Status status = find_node(located.state(), kRootNode, name_of(300), &node);
   EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
-  EXPECT_TRUE(status.text().ends_with("cannot be read")) << status.text();
+  EXPECT_TRUE(status.text().ends_with("is missing")) << status.text();
 }
 
 TEST_F(FirstReads, SeeWhatOthersHaveWritten) {

@@ -322,12 +322,14 @@ class SmallTree {
   FileState state_;
 };
 
-// What a search has found: its page, and the record if there is one.
-std::string found_by(const TreeCursor& cursor, bool found) {
+// Where a search has ended: its page, and the record, or that behind the gap.
+std::string found_by(TreeCursor cursor, bool found) {
+  const std::string page = std::to_string(cursor.page_number()) + (found ? " " : " before ");
   std::span<const std::byte> record;
-  EXPECT_TRUE(!found || !cursor.record(&record));
-  return std::to_string(cursor.page_number()) + " " +
-         std::string(reinterpret_cast<const char*>(record.data()), record.size());
+  EXPECT_TRUE(found || !cursor.enter_gap());
+  if (cursor.at_end()) return page + "the end";
+  EXPECT_FALSE(cursor.record(&record));
+  return page + std::string(reinterpret_cast<const char*>(record.data()), record.size());
 }
 
 TEST(TreeCursor, ASearchFromTheLatestPageEndsWhereOneFromTheRootDoes) {
@@ -344,6 +346,12 @@ TEST(TreeCursor, ASearchFromTheLatestPageEndsWhereOneFromTheRootDoes) {
       ASSERT_FALSE(cursor.seek(bytes_of(first), &found));
       ASSERT_FALSE(cursor.seek_from_here(bytes_of(second), &found));
       EXPECT_EQ(found_by(cursor, found), expected) << "'" << second << "' after '" << first << "'";
+      ASSERT_FALSE(cursor.seek(bytes_of(first), &found));
+      ASSERT_FALSE(found ? PageDamage() : cursor.enter_gap());
+      while (!cursor.at_end()) ASSERT_FALSE(cursor.next());
+      ASSERT_FALSE(cursor.seek_from_here(bytes_of(second), &found));
+      EXPECT_FALSE(cursor.at_end());
+      EXPECT_EQ(found_by(cursor, found), expected) << "'" << second << "' after a walk from '" << first << "'";
     }
   }
 }

@@ -287,6 +287,7 @@ bool Environment::begin_glance(ReaderSlot& slot) {
     if (slot.state.in_file != nullptr) slot.state.use_map();
     return true;
   }
+  if (slot.state.in_file != nullptr) slot.state.in_file->give_up();
   MetaPage meta{};
   bool certain = false;
   copy_meta_page(map_, transaction, &meta, &certain);
@@ -357,6 +358,7 @@ void Environment::close_files() {
     slot.state = FileState{};
     slot.pages = UnchangedPages();
   });
+  first_state_ = FirstState();
   if (env_ != nullptr) mdb_env_close(env_);
   env_ = nullptr;
 }
@@ -644,6 +646,7 @@ Status ReadTransaction::begin() {
 Status ReadTransaction::load_state(ReaderSlot& slot, MetaPage* copy, std::uint64_t* copied, Loading* loading) {
   const std::uint64_t transaction = mdb_txn_id(slot.txn);
   if (slot.state.transaction == transaction) return {};
+  if (slot.state.in_file != nullptr) slot.state.in_file->give_up();
   if (*copied != transaction) {
     bool certain = false;
     copy_meta_page(environment_.map_, transaction, copy, &certain);
@@ -710,6 +713,7 @@ Status WriteTransaction::begin_within(const WriteTransaction& outer) {
 
 // Nobody else writes a meta page while this transaction is alive.
 Status WriteTransaction::load_former() {
+  if (environment_.first_state_.pages != nullptr) environment_.first_state_.pages->give_up();
   const std::uint64_t transaction = mdb_txn_id(txn_) - 1;
   MetaPage meta{};
   bool certain = false;

@@ -41,75 +41,101 @@ Status holds_no_registry(const FileMap& map) {
               "' is a file of LMDB without a registry; move it aside, or set `location` to another directory"};
 }
 
+// A file that cannot be read need not be damaged.
+Status failed(const FileState& state, PageDamage damage) {
+  const int error = state.in_file->error();
+  return error == 0 || error == ENODATA ? damaged_page(state.map, damage) : cannot_read(state.map, error);
+}
+
 // Goes to a record by the way that LMDB would take, on which each page is checked as a whole.
 PageDamage go_to(const Key& key, TreeCursor* cursor, CheckedPages* checked, bool* found) {
   if (PageDamage damage = cursor->seek(key.bytes(), found)) return damage;
   return cursor->check_path(checked);
 }
 
-// Reads the record of the registry itself, whose key is the smallest.
-Status read_own_record(const FileState& state, CheckedPages* checked, FirstState* first) {
+// For a registry's file, or another one, whose tree has no such record.
+Status explain_lack_of_own_record(const FileState& state) {
+  CheckedPages checked;
+  TreeCursor cursor(state, &checked);
+  std::span<const std::byte> key;
+  std::span<const std::byte> record;
+  KeyParts parts;
+  bool found = false;
+  PageDamage damage = go_to(Key::meta(), &cursor, &checked, &found);
+  if (!damage) damage = cursor.check_first();
+  if (damage) return failed(state, damage);
+  if (!cursor.first()) (void)cursor.read(&key, &record);  // the record does not matter
+  return key.data() != nullptr && !read_key(key, &parts) ? holds_no_registry(state.map) : lacks_own_record(state.map);
+}
+
+// Reads the record of the registry itself, whose key is the smallest. It has a checksum, so the pages on the way to it
+// are looked at only if it is missing.
+Status read_own_record(const FileState& state, FirstState* first) {
   if (state.records.page == kNoPage) {
     return state.records.entries == 0 ? holds_no_registry(state.map) : lacks_own_record(state.map);
   }
-  TreeCursor cursor(state, checked);
-  std::span<const std::byte> key;
+  const Key key = Key::meta();
+  TreeCursor cursor(state);
   std::span<const std::byte> record;
   bool found = false;
-  PageDamage damage = go_to(Key::meta(), &cursor, checked, &found);
-  if (!damage) damage = cursor.check_first();
+  PageDamage damage = cursor.seek(key.bytes(), &found);
   if (!damage && found) damage = cursor.record(&record);
-  if (damage) return damaged_page(state.map, damage);
-  if (!found) {
-    KeyParts parts;
-    const bool is_foreign = !cursor.first() && !cursor.read(&key, &record) && !read_key(key, &parts);
-    return is_foreign ? holds_no_registry(state.map) : lacks_own_record(state.map);
-  }
+  if (damage) return failed(state, damage);
+  if (!found) return explain_lack_of_own_record(state);
   first->decoded = decode_meta(record, &first->meta);
   return {};
 }
 
-// A leaf page, and the address of one of its entries in LMDB's map.
-struct EntryInMap {
-  std::uint64_t page = 0;
-  const void* address = nullptr;  // null: LMDB was not asked for an entry
+// A page, and its address in LMDB's map.
+struct PageInMap {
+  std::uint64_t number = 0;
+  const std::byte* address = nullptr;  // null: LMDB was not asked
 };
 
 // The list of free pages rarely has more than one page, so asking for its first entry touches the least of the map.
-Status find_in_free_list(MDB_txn* txn, const FileState& state, EntryInMap* entry) {
+Status find_in_free_list(MDB_txn* txn, const FileState& state, PageInMap* page) {
   constexpr MDB_dbi kFreePages = 0;
   TreeCursor cursor(state, state.free_pages, Page::Keys::kIntegers);
-  if (cursor.first() || cursor.at_end()) return {};  // damage to the list is for writers to report
+  std::span<const std::byte> key;
+  std::span<const std::byte> numbers;
+  if (cursor.first() || cursor.at_end()) return {};  // writers report damage to the list
+  (void)cursor.read(&key, &numbers);                 // which may be on other pages
+  if (key.data() == nullptr) return {};
   MDB_cursor* raw = nullptr;
   if (const int code = mdb_cursor_open(txn, kFreePages, &raw); code != 0) return cannot_read(state.map, code);
   const CursorHandle handle(raw, &mdb_cursor_close);
-  MDB_val key{};
-  if (const int code = mdb_cursor_get(raw, &key, nullptr, MDB_FIRST); code != 0) return cannot_read(state.map, code);
-  *entry = {cursor.page_number(), key.mv_data};
+  MDB_val in_map{};
+  if (const int code = mdb_cursor_get(raw, &in_map, nullptr, MDB_FIRST); code != 0) return cannot_read(state.map, code);
+  const std::uint64_t number = cursor.page_number();
+  *page = {number, static_cast<const std::byte*>(in_map.mv_data) - (key.data() - state.page(number))};
   return {};
 }
 
-// Without free pages: the record of the root, or that of the registry if the root's is damaged and about to be
-// repaired.
-Status find_in_records(MDB_txn* txn, const FileState& state, CheckedPages* checked, EntryInMap* entry) {
-  TreeCursor cursor(state, checked);
+// If there are no free pages, or their list is damaged: by the record of the root, or that of the registry if the
+// root's is damaged and about to be repaired.
+Status find_in_records(MDB_txn* txn, const FileState& state, PageInMap* page) {
+  CheckedPages checked;
+  TreeCursor cursor(state, &checked);
   Key key = Key::node(kNoNode);
+  std::span<const std::byte> record;
   bool found = false;
-  if (go_to(key, &cursor, checked, &found) || !found) {
+  if (go_to(key, &cursor, &checked, &found) || !found) {
     key = Key::meta();
-    if (PageDamage damage = go_to(key, &cursor, checked, &found)) return damaged_page(state.map, damage);
+    if (PageDamage damage = go_to(key, &cursor, &checked, &found)) return failed(state, damage);
+    if (!found) return lacks_own_record(state.map);
   }
+  if (PageDamage damage = cursor.record(&record)) return failed(state, damage);
   MDB_val key_val = key.val();
-  MDB_val data{};
-  if (const int code = mdb_get(txn, kDatabase, &key_val, &data); code != 0) return cannot_read(state.map, code);
-  *entry = {cursor.page_number(), data.mv_data};
+  MDB_val in_map{};
+  if (const int code = mdb_get(txn, kDatabase, &key_val, &in_map); code != 0) return cannot_read(state.map, code);
+  const std::uint64_t number = cursor.page_number();
+  *page = {number, static_cast<const std::byte*>(in_map.mv_data) - (record.data() - state.page(number))};
   return {};
 }
 
-// Whether a page in the map is the page with this number.
-bool is_page(const std::byte* in_map, const FileState& state, std::uint64_t number) {
-  const std::byte* const page = state.page(number);
-  return page != nullptr && std::memcmp(in_map, page, state.map.page_size) == 0;
+bool is_in_map(const PageInMap& page, const FileState& state) {
+  const std::byte* const bytes = state.page(page.number);
+  return bytes != nullptr && std::memcmp(page.address, bytes, state.map.page_size) == 0;
 }
 
 // One attempt. `*found` stays false if another process has committed in between.
@@ -130,24 +156,23 @@ Status try_to_locate(MDB_env* env, FileMap* map, FirstState* first, bool* found)
   if (Status status = load_state(*map, meta, transaction, &state); !status.ok()) return status;
   first->pages = std::make_unique<PagesInFile>(file, map->page_size);
   state.use_file(first->pages.get());
-  CheckedPages checked;
-  EntryInMap entry;
-  if (Status status = read_own_record(state, &checked, first); !status.ok()) return status;
+  if (Status status = read_own_record(state, first); !status.ok()) return status;
   MDB_dbi database = kDatabase;  // opened for all transactions of the environment
   if (const int code = mdb_dbi_open(raw, nullptr, 0, &database); code != 0) return cannot_read(*map, code);
-  if (Status status = find_in_free_list(raw, state, &entry); !status.ok()) return status;
-  if (entry.address == nullptr) {
-    if (Status status = find_in_records(raw, state, &checked, &entry); !status.ok()) return status;
+  PageInMap page;
+  if (Status status = find_in_free_list(raw, state, &page); !status.ok()) return status;
+  if (page.address == nullptr) {
+    if (Status status = find_in_records(raw, state, &page); !status.ok()) return status;
   }
-  // The map is aligned to the system's page size, which is LMDB's as well unless a file was made elsewhere.
-  const auto* const address = static_cast<const std::byte*>(entry.address);
-  const std::byte* const page = address - reinterpret_cast<std::uintptr_t>(address) % map->page_size;
-  if (!is_page(page, state, entry.page)) return {};
-  map->address = page - entry.page * map->page_size;
+  if (!is_in_map(page, state)) return {};
+  map->address = page.address - page.number * map->page_size;
   bool certain = false;
   copy_meta_page(*map, transaction, &meta, &certain);
   state.map = *map;
-  if (!certain) state = FileState{};  // what was read of the meta page may have been torn
+  if (!certain) {  // what was read of the meta page may have been torn
+    state = FileState{};
+    first->pages.reset();
+  }
   *found = true;
   return {};
 }
@@ -209,9 +234,9 @@ Status load_state(const FileMap& map, const MetaPage& meta, std::uint64_t transa
 }
 
 const std::byte* FileState::page_in_file(std::uint64_t number) const {
-  if (in_file == nullptr || !has_page(number)) return nullptr;
-  if (const std::byte* const page = in_file->page(number); page != nullptr) return page;
-  return in_file->error() == 0 ? in_map(number) : nullptr;
+  const std::byte* page = nullptr;
+  if (in_file == nullptr || !has_page(number) || !in_file->read(number, &page)) return nullptr;
+  return page == nullptr ? in_map(number) : page;
 }
 
 std::uint64_t FileState::offset_in_file(const std::byte* address) const {

@@ -1,4 +1,4 @@
-// FileState: one state of the data file in LMDB's map, ready to be read without LMDB.
+// FileState: one state of the data file, ready to be read without LMDB: from LMDB's map or, at first, from the file.
 //
 // LMDB gives out neither the address of its map nor the root of a tree. locate_map() finds the address once for each
 // map; the roots are copied from the meta page that belongs to the transaction.
@@ -7,6 +7,7 @@
 
 #include <lmdb.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -49,7 +50,8 @@ struct FileState {
   }
   bool is_read_from_map(std::uint64_t number) const { return number - kMetaPages < read_from_map; }
   [[gnu::cold]] const char* absence(std::uint64_t number) const {
-    return has_page(number) ? "cannot be read" : "does not exist, and is referred to";
+    if (!has_page(number)) return "does not exist, and is referred to";
+    return in_file != nullptr && in_file->error() == ENODATA ? "is missing" : "cannot be read";
   }
 
   // A page that this state has, and those behind it. Null if there is no map.

@@ -7,10 +7,13 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <new>
+#include <memory>
 #include <span>
 
 namespace tkv::store {
+
+PagesInFile::PagesInFile(int file, std::size_t page_size)
+    : file_(file), page_size_(page_size), bytes_(std::make_unique_for_overwrite<std::byte[]>(kMostPages * page_size)) {}
 
 PagesInFile::~PagesInFile() { wipe(); }
 
@@ -23,7 +26,19 @@ bool PagesInFile::begin_use() {
 
 void PagesInFile::end_use() {
   const std::lock_guard lock(mutex_);
-  if (++ended_ < kMostUses) return;
+  ++ended_;
+  wipe_if_over();
+}
+
+void PagesInFile::leave_out_further_uses() {
+  const std::lock_guard lock(mutex_);
+  ended_ += kMostUses - begun_;
+  begun_ = kMostUses;
+  wipe_if_over();
+}
+
+void PagesInFile::wipe_if_over() {
+  if (ended_ < kMostUses) return;
   is_over_ = true;
   wipe();
 }
@@ -34,20 +49,22 @@ std::size_t PagesInFile::index_of(std::uint64_t number) const {
   return static_cast<std::size_t>(std::find(known.begin(), known.end(), number) - known.begin());
 }
 
-const std::byte* PagesInFile::page(std::uint64_t number) {
+bool PagesInFile::read(std::uint64_t number, const std::byte** page) {
   const std::lock_guard lock(mutex_);
   const std::size_t index = index_of(number);
-  if (bytes_ == nullptr) bytes_.reset(new (std::nothrow) std::byte[kMostPages * page_size_]);
-  if (bytes_ == nullptr || index == kMostPages) return nullptr;
+  *page = nullptr;
+  if (bytes_ == nullptr || index == kMostPages) return true;
   std::byte* const bytes = bytes_.get() + index * page_size_;
-  if (index < count_) return bytes;
-  const ssize_t size = pread(file_, bytes, page_size_, static_cast<off_t>(number * page_size_));
-  if (size != static_cast<ssize_t>(page_size_)) {
-    error_ = size < 0 ? errno : ENODATA;
-    return nullptr;
+  if (index == count_) {
+    const ssize_t size = pread(file_, bytes, page_size_, static_cast<off_t>(number * page_size_));
+    if (size != static_cast<ssize_t>(page_size_)) {
+      error_ = size < 0 ? errno : ENODATA;
+      return false;
+    }
+    numbers_[count_++] = number;
   }
-  numbers_[count_++] = number;
-  return bytes;
+  *page = bytes;
+  return true;
 }
 
 bool PagesInFile::use_and_copy(std::uint64_t offset, std::span<std::byte> bytes) {
@@ -81,7 +98,8 @@ int PagesInFile::error() const {
 }
 
 void PagesInFile::wipe() {
-  if (bytes_ != nullptr) ::explicit_bzero(bytes_.get(), count_ * page_size_);
+  const std::size_t pages = std::min(count_ + 1, kMostPages);  // also one that was read in part
+  if (bytes_ != nullptr) ::explicit_bzero(bytes_.get(), pages * page_size_);
   bytes_.reset();
   count_ = 0;
 }

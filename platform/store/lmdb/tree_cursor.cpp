@@ -146,6 +146,7 @@ PageDamage TreeCursor::next_leaf() {
     if (!at.page.read(at.index, &node)) return {at.page.number(), kOutside};
     return descend(node.child(), level + 1, Edge::kFirst);
   }
+  is_placed_ = false;
   at_end_ = true;
   return {};
 }

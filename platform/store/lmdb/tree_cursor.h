@@ -87,7 +87,7 @@ class TreeCursor {
   // Checks the pages from the root to the entry as a whole, for a walk that begins with seek().
   PageDamage check_pages() const;
 
-  // The entry's key and record, in the map. On damage, `*key` may be empty.
+  // The entry's key and record, in the state's pages. On damage, `*key` may be empty.
   PageDamage read(std::span<const std::byte>* key, std::span<const std::byte>* record) const;
   PageDamage record(std::span<const std::byte>* record) const;
 
