@@ -105,14 +105,15 @@ class TreeCursor {
   //   check_path      the pages from the root to the entry or gap, and an entry's overflow page
   //   check_next      those on the way to the leaf page after it
   //   check_siblings  those that LMDB may read or change to fill up a page from which the entry is removed
-  //   check_first     that the entry or gap is on the tree's first leaf page, where the smallest key belongs
   // Only confirm_absence() also searches the list of free pages for them, and not if the leaf page was checked before.
   // check_in_use() does this alone.
   PageDamage check_path(CheckedPages* checked) const;
   PageDamage check_next(CheckedPages* checked) const;
   PageDamage check_siblings(CheckedPages* checked) const;
-  PageDamage check_first() const;
   PageDamage check_in_use() const;
+
+  // Checks that the entry or gap is on the tree's first leaf page, where the smallest key belongs.
+  PageDamage check_first() const;
 
  private:
   enum class Edge { kFirst, kLast };
