@@ -130,7 +130,11 @@ class Client : public KeyReader {
   // numbers, and every change that has been acknowledged to anybody is part of the state of this number or of one
   // before it. The number may be one ahead of what a read shows: label what was read with KnownKey::state, never with
   // this.
-  virtual std::uint64_t latest_state() = 0;
+  //
+  // If `copied_next` is given, the processor meanwhile fetches the value of that key, if it is known where that is, in
+  // case it is copied next.
+  virtual std::uint64_t latest_state(const KnownKey* copied_next) = 0;
+  std::uint64_t latest_state() { return latest_state(nullptr); }
 
   // Memory that shows the number of the latest state without a call of the client, or null if there is none. It notices
   // whatever latest_state() notices when that, or another call of this process, looks at the registry next. It may

@@ -119,6 +119,12 @@ bool copy_unchanged(store::Store& store, KnownKey* known, std::span<std::byte> b
 
 }  // namespace
 
+std::uint64_t LocalClient::latest_state(const KnownKey* copied_next) {
+  if (copied_next == nullptr) return store_->latest_state();
+  const store::ValuePlace place = place_of(*copied_next);
+  return store_->latest_state(&place);
+}
+
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
   const bool is_it = known->state != 0 && (key.id == kAnyKey || key.id == known->id);
   if (is_it && (known->state == store_->latest_state() || renew(*store_, known))) return {};

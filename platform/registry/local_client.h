@@ -23,7 +23,8 @@ class LocalClient final : public Client {
   const Identity& identity() const override { return identity_; }
   const Configuration& configuration() const override { return configuration_; }
 
-  std::uint64_t latest_state() override { return store_->latest_state(); }
+  using Client::latest_state;
+  std::uint64_t latest_state(const KnownKey* copied_next) override;
   std::shared_ptr<const StateMemory> state_memory() override { return store_->state_memory(); }
   Status look_up(const KeyRef& key, KnownKey* known) override;
   Status stat(const KeyRef& key, KeyInfo* info) override;

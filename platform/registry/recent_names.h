@@ -7,6 +7,7 @@
 #ifndef TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 #define TKV_PLATFORM_REGISTRY_RECENT_NAMES_H
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +25,7 @@ template <typename Value>
 class RecentNames {
  public:
   // Keeps at least the latest `least` names and at most twice as many.
-  explicit RecentNames(std::size_t least) : least_(least) {}
+  explicit RecentNames(std::size_t least) : least_(least), young_(least), old_(least) {}
 
   static std::size_t hash(std::string_view name) { return NameHash()(name); }
 
@@ -51,7 +52,7 @@ class RecentNames {
   // Adds a name that is not kept. Forgets everything if memory runs out.
   void add(std::string_view name, std::size_t hash, const Value& value) noexcept {
     try {
-      if (young_.size() >= least_) old_ = std::exchange(young_, {});
+      if (young_.size() >= least_) old_ = std::exchange(young_, Generation(least_));
       young_.add(name, hash, value);
     } catch (...) {
       clear();
@@ -59,8 +60,8 @@ class RecentNames {
   }
 
   void clear() noexcept {
-    young_ = {};
-    old_ = {};
+    young_ = Generation(least_);
+    old_ = Generation(least_);
   }
 
  private:
@@ -91,9 +92,13 @@ class RecentNames {
     std::array<char, kEntrySize - kWithoutRoom> room;
   };
 
-  // A hash table with linear probing, at most half full.
+  // A hash table with linear probing. It is small rather than sparse: then most places of the table are in a cache of
+  // the processor, and a search waits for the memory of the entry alone.
   class Generation {
    public:
+    // For up to `most` names.
+    explicit Generation(std::size_t most) : most_(most) {}
+
     std::size_t size() const { return entries_.size(); }
 
     // As find(), for names that are looked up by turns, or several times one after the other. Entries are in the order
@@ -110,51 +115,55 @@ class RecentNames {
 
     const Entry* find(std::string_view name, std::size_t hash) const {
       if (entries_.empty()) return nullptr;
-      for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
-        if (places_[at].index == kFree) return nullptr;
-        if (places_[at].tag != tag_of(hash)) continue;
-        const Entry& entry = entries_[places_[at].index];
+      const Place tag = tag_of(hash);
+      for (Place at = static_cast<Place>(hash) & mask_;; at = (at + 1) & mask_) {
+        const Place place = places_[at];
+        if (place == kFree) return nullptr;
+        if ((place & ~mask_) != tag) continue;
+        const Entry& entry = entries_[place & mask_];
         if (entry.has(name, hash)) return &entry;
       }
     }
 
     void add(std::string_view name, std::size_t hash, const Value& value) {
-      if (2 * (entries_.size() + 1) > places_.size()) grow();
+      if (entries_.size() >= most_of(places_.size())) grow();
       entries_.emplace_back(name, hash, value);
       place(entries_.size() - 1);
     }
 
    private:
-    static constexpr std::uint32_t kFree = ~std::uint32_t{0};
-    static constexpr std::size_t kFirstSize = 64;
-
-    struct Place {
-      std::uint32_t tag = 0;  // of the entry's hash: most entries that are passed are not looked at
-      std::uint32_t index = kFree;
-    };
-
+    // The index of an entry in the low bits, as many as tell a place. Above them is a part of the entry's hash, so that
+    // most entries that are passed are not looked at.
+    using Place = std::uint32_t;
     using Places = std::vector<Place, LargePages<Place>>;
 
-    static std::uint32_t tag_of(std::size_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
+    static constexpr Place kFree = ~Place{0};  // no entry has this index, as the table is never full
+    static constexpr std::size_t kFirstSize = 64;
 
-    std::size_t mask() const { return places_.size() - 1; }
+    static std::size_t most_of(std::size_t places) { return places / 5 * 4; }
+
+    // Other bits of the hash than those that tell where a search begins.
+    Place tag_of(std::size_t hash) const { return static_cast<Place>(hash >> 32) & ~mask_; }
 
     void grow() {
       const std::size_t size = places_.empty() ? kFirstSize : 2 * places_.size();
-      entries_.reserve(size / 2);
-      Places(size).swap(places_);
+      entries_.reserve(std::min(most_of(size), most_));
+      Places(size, kFree).swap(places_);
+      mask_ = static_cast<Place>(size - 1);
       for (std::size_t index = 0; index < entries_.size(); ++index) place(index);
     }
 
     void place(std::size_t index) {
       const std::size_t hash = entries_[index].hash;
-      std::size_t at = hash & mask();
-      while (places_[at].index != kFree) at = (at + 1) & mask();
-      places_[at] = {tag_of(hash), static_cast<std::uint32_t>(index)};
+      Place at = static_cast<Place>(hash) & mask_;
+      while (places_[at] != kFree) at = (at + 1) & mask_;
+      places_[at] = tag_of(hash) | static_cast<Place>(index);
     }
 
+    std::size_t most_;
     std::vector<Entry, LargePages<Entry>> entries_;
-    Places places_;           // of entries_, by hash
+    Places places_;           // of entries_, by hash; their number is a power of two
+    Place mask_ = 0;          // the bits that tell a place
     std::size_t latest_ = 0;  // the index of the entry that find_by_turns() has found last
   };
 

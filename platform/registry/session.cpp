@@ -231,7 +231,7 @@ Status Session::open_known(std::string_view name, const KnownKey& known, prtkv_k
 Status Session::open_key(SessionGate::Visit& visit, std::string_view name, prtkv_key* key) {
   const std::size_t hash = KnownKeys::hash(name);
   const KnownKey* const before = known_.find(name, hash);
-  if (before != nullptr && before->state == client_->latest_state()) return open_known(name, *before, key);
+  if (before != nullptr && before->state == client_->latest_state(before)) return open_known(name, *before, key);
   const bool was_known = before != nullptr;
   KnownKey known = was_known ? *before : KnownKey();
   visit.unlock();

@@ -235,7 +235,11 @@ class Store {
   // being made durable, the number may already be that of the new state, which no view shows yet: what was read from a
   // view is therefore labelled with the view's number. As long as the label equals the latest number, what was read is
   // up to date.
-  virtual std::uint64_t latest_state() { return 0; }
+  //
+  // If `copied_next` is given, the processor meanwhile fetches the record at that place, in case it is copied next. The
+  // place may be out of date.
+  virtual std::uint64_t latest_state(const ValuePlace* /*copied_next*/) { return 0; }
+  std::uint64_t latest_state() { return latest_state(nullptr); }
 
   // The same number as memory, or null if the store has none. What is read from it may be later than what
   // latest_state() has returned, never earlier; it is zero instead of being wrong.

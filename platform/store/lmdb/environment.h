@@ -69,7 +69,7 @@ class Environment {
 
   // See Store::latest_state. 0 in a forked child, where the meta pages cannot be mapped, and after the registry's files
   // were found replaced or truncated. A truncated file is noticed when the coarse clock next ticks.
-  std::uint64_t latest_state();
+  std::uint64_t latest_state(const ValuePlace* copied_next);
 
   // See Store::state_memory. Shows zero from when the environment is closed.
   std::shared_ptr<const StateMemory> state_memory();
@@ -145,9 +145,10 @@ class Environment {
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
-  FileMap map_;                           // of env_; without an address while it has to be opened anew
-  FirstState first_state_;                // in this map
-  std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
+  FileMap map_;                                        // of env_; without an address while it has to be opened anew
+  std::atomic<const std::byte*> latest_map_{nullptr};  // its latest address; there may be no memory by now
+  FirstState first_state_;                             // in this map
+  std::atomic<std::uint64_t> remaps_{0};               // number of times the map was replaced
   ReaderPool readers_;
   WriteQueue writers_;
   WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex

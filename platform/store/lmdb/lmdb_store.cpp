@@ -224,7 +224,7 @@ class LmdbStore final : public Store {
   Status read_all(FunctionRef<Status(View&)> function) override {
     return read_for(ReadTransaction::Length::kLong, function);
   }
-  std::uint64_t latest_state() override { return environment_.latest_state(); }
+  std::uint64_t latest_state(const ValuePlace* copied_next) override { return environment_.latest_state(copied_next); }
   std::shared_ptr<const StateMemory> state_memory() override { return environment_.state_memory(); }
   bool copy_value(std::uint64_t state, NodeId id, const ValuePlace& place, std::span<std::byte> buffer,
                   std::int32_t* type, std::size_t* size) override;
@@ -293,7 +293,7 @@ bool LmdbStore::copy_value(std::uint64_t state, NodeId id, const ValuePlace& pla
                            std::int32_t* type, std::size_t* size) {
   if (!place.is_known() || is_large(place, buffer)) return false;
   return copy_record(id, place, buffer, type, size, [&](std::span<std::byte> record) {
-    return record.empty() ? environment_.latest_state() == state
+    return record.empty() ? environment_.latest_state(nullptr) == state
                           : environment_.copy_from_latest(state, place.offset, record);
   });
 }
