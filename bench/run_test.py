@@ -218,6 +218,25 @@ class Refusals(unittest.TestCase):
         self.assertEqual(run("--quick", "--forks", "0").returncode, 2)
 
 
+class Turns(unittest.TestCase):
+    def test_takes_turns_with_tkv_and_its_floor_more_often_than_with_other_stores(self):
+        with tempfile.TemporaryDirectory() as directory:
+            done = run("--quick", "--forks", "2", "--only", "readers,writers", "--peers", "prefs", "--output", directory)
+            self.assertEqual(done.returncode, 0, done.stderr)
+            tables = json.loads((Path(directory) / "bench.json").read_text())["tables"]
+        values = {(table["name"], row["label"], column): len(values) for table in tables for row in table["rows"]
+                  for column, values in row["cells"].items()}
+        turn = 3  # windows
+        for row in (*AT_ONCE, *BESIDE_A_WRITER):
+            for table, columns in ("readers", COMPARED), ("native-readers", ("tkv", "lmdb")):
+                absent = {**AT_ONCE, **BESIDE_A_WRITER}[row] if table == "readers" else set()
+                for column in columns:
+                    expected = 0 if column in absent else turn if column == "prefs" else 2 * turn
+                    self.assertEqual(values.get((table, row, column), 0), expected, f"{table}: {row}: {column}")
+        for column in ("tkv", "registry", "lmdb"):
+            self.assertEqual(values["writers", "2 processes", column], 2 * turn, column)
+
+
 class Parts(unittest.TestCase):
     def test_a_machine_is_quiet_if_nothing_else_uses_it(self):
         self.assertTrue(machine.is_quiet(busy=0.02, load=0.3, processors=2))

@@ -34,7 +34,7 @@ class Plan:
         self.warm_up_ms, self.window_ms, self.windows = (20, 10, 3) if quick else (600, 100, 7)
         # Some peers keep what they have read before: each key of a large store has to be read several times.
         self.warm_up_of_many_ms = self.warm_up_ms if quick else 3000
-        self.forks = forks or (2 if full else 1)
+        self.forks = forks or (3 if full else 1)
         # One JVM for each scenario keeps one scenario's profile from shaping another's code; a quick run skips this.
         self.together = quick
         self.key_counts = [50, 200] if quick else [10**n for n in (range(2, 7) if full else range(2, 6))]
@@ -76,7 +76,8 @@ class Plan:
         }[scenario]
 
     def method(self):
-        return (f"times: from {self.forks} fresh process(es), each with {self.windows} windows of {self.window_ms} ms "
+        return (f"times: from {self.forks} fresh process(es) by turns for tkv, registry and lmdb in the tables of "
+                f"operations, readers and writers, fewer otherwise; each has {self.windows} windows of {self.window_ms} ms "
                 f"after {self.warm_up_ms} ms, or {self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read")
 
     def data(self):
@@ -107,15 +108,21 @@ class Experiments:
         table = Table(title.lower(), f"{title}, time an operation", peers)
         for scenario in scenarios:
             table.add_row(self.plan.label(scenario))
-        for fork in range(self.plan.forks):
-            in_turn = peers[fork % len(peers):] + peers[:fork % len(peers)]
+        for turn, in_turn in self.turns(peers, of_outside=2):
             for batch in self.plan.batches(scenarios):
-                progress(f"{title}: fork {fork + 1} of {self.plan.forks}: {', '.join(batch)}")
+                progress(f"{title}: turn {turn} of {self.plan.forks}: {', '.join(batch)}")
                 for peer in in_turn:
                     answer = self.programs.run(command(peer, batch, self.plan.times(self.plan.dataset(), *batch)))
                     for scenario in batch:
                         table.add(self.plan.label(scenario), peer, values_of(answer[scenario]))
         return table
+
+    def turns(self, peers, of_outside):
+        """The peers, in the order in which they are measured in each turn, with its number. The machine's speed may
+        change from one turn to the next. The peers from outside, on which no ratio depends, take the first few only."""
+        for turn in range(self.plan.forks):
+            first = turn % len(peers)
+            yield turn + 1, [peer for peer in peers[first:] + peers[:first] if peer in ALWAYS or turn < of_outside]
 
     def instructions(self):
         table = Table("instructions", "native, instructions", ["tkv", "lmdb"], unit="instructions")
@@ -149,12 +156,13 @@ class Experiments:
                 answer = self.programs.run(command(peer, [scenario], times))
                 table.add(label, peer, values_of(answer[scenario]))
 
-        for peer in peers:
-            progress(f"{title}, readers: {peer}")
-            measure(peer, readers)
-            if peer in SEVERAL_PROCESSES:
-                with self.programs.writing(command(peer, ["write-on"])):
-                    measure(peer, beside)
+        for turn, in_turn in self.turns(peers, of_outside=1):
+            for peer in in_turn:
+                progress(f"{title}, readers: turn {turn} of {self.plan.forks}: {peer}")
+                measure(peer, readers)
+                if peer in SEVERAL_PROCESSES:
+                    with self.programs.writing(command(peer, ["write-on"])):
+                        measure(peer, beside)
         return table
 
     def rereads(self):
@@ -166,9 +174,9 @@ class Experiments:
         with Stores(self.programs, dataset, peers) as stores:
             for scenario in REREADS:
                 table.add_row(self.plan.label(scenario))
-                for fork in range(self.plan.forks):
-                    progress(f"rereads: {scenario}, fork {fork + 1} of {self.plan.forks}")
-                    for peer in peers:
+                for turn, in_turn in self.turns(peers, of_outside=0):
+                    progress(f"rereads: {scenario}, turn {turn} of {self.plan.forks}")
+                    for peer in in_turn:
                         answer = self.programs.run(stores.java(peer, [scenario], self.plan.times(dataset, scenario)))
                         table.add(self.plan.label(scenario), peer, values_of(answer[scenario]))
         return [table]
@@ -184,11 +192,12 @@ class Experiments:
             for count in self.plan.writers:
                 label = f"{count} process" + ("es" if count > 1 else "")
                 table.add_row(label)
-                for peer in peers:
-                    progress(f"writers: {label}, {peer}")
-                    answers = self.programs.run_together([stores.java(peer, ["write-together"], times)] * count)
-                    windows = zip(*(values_of(answer["writes"]) for answer in answers))
-                    table.add(label, peer, [self.plan.window_ms * 1e6 / max(1, sum(writes)) for writes in windows])
+                for turn, in_turn in self.turns(peers, of_outside=1):
+                    progress(f"writers: {label}: turn {turn} of {self.plan.forks}")
+                    for peer in in_turn:
+                        answers = self.programs.run_together([stores.java(peer, ["write-together"], times)] * count)
+                        windows = zip(*(values_of(answer["writes"]) for answer in answers))
+                        table.add(label, peer, [self.plan.window_ms * 1e6 / max(1, sum(writes)) for writes in windows])
         return [table]
 
     def history(self):
