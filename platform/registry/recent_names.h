@@ -65,9 +65,8 @@ class RecentNames {
   }
 
  private:
-  // The table is larger than the processor's caches, so what counts is how many places of memory a search touches: a
-  // place in the table, and the whole lines of one entry. Names that are longer than an entry has room for are kept
-  // elsewhere.
+  // The entries take more memory than the processor's caches have, so what counts is how many lines of an entry a
+  // search touches. Names that are longer than an entry has room for are kept elsewhere.
   static constexpr std::size_t kLine = 64;
   static constexpr std::size_t kLeastRoom = 24;
   static constexpr std::size_t kWithoutRoom =
@@ -103,7 +102,7 @@ class RecentNames {
 
     // As find(), for names that are looked up by turns, or several times one after the other. Entries are in the order
     // in which their names were added, so the next name is likely to be that of the next entry. This takes no
-    // place in the table, for whose memory a search has to wait.
+    // place in the table, for whose memory a search may have to wait.
     Entry* find_by_turns(std::string_view name, std::size_t hash) {
       for (std::size_t index = latest_; index < entries_.size() && index <= latest_ + 1; ++index)
         if (entries_[index].has(name, hash)) return &entries_[latest_ = index];
@@ -135,7 +134,6 @@ class RecentNames {
     // The index of an entry in the low bits, as many as tell a place. Above them is a part of the entry's hash, so that
     // most entries that are passed are not looked at.
     using Place = std::uint32_t;
-    using Places = std::vector<Place, LargePages<Place>>;
 
     static constexpr Place kFree = ~Place{0};  // no entry has this index, as the table is never full
     static constexpr std::size_t kFirstSize = 64;
@@ -148,7 +146,7 @@ class RecentNames {
     void grow() {
       const std::size_t size = places_.empty() ? kFirstSize : 2 * places_.size();
       entries_.reserve(std::min(most_of(size), most_));
-      Places(size, kFree).swap(places_);
+      std::vector<Place>(size, kFree).swap(places_);
       mask_ = static_cast<Place>(size - 1);
       for (std::size_t index = 0; index < entries_.size(); ++index) place(index);
     }
@@ -162,9 +160,9 @@ class RecentNames {
 
     std::size_t most_;
     std::vector<Entry, LargePages<Entry>> entries_;
-    Places places_;           // of entries_, by hash; their number is a power of two
-    Place mask_ = 0;          // the bits that tell a place
-    std::size_t latest_ = 0;  // the index of the entry that find_by_turns() has found last
+    std::vector<Place> places_;  // of entries_, by hash; their number is a power of two
+    Place mask_ = 0;             // the bits that tell a place
+    std::size_t latest_ = 0;     // the index of the entry that find_by_turns() has found last
   };
 
   const std::size_t least_;

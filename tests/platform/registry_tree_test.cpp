@@ -713,6 +713,54 @@ TEST(RecentNames, KeepsNamesOfEveryLength) {
   }
 }
 
+TEST(RecentNames, LosesNoneAndMixesUpNoneHoweverFullItsTableIs) {
+  constexpr std::size_t kNames = 210;  // the table grows several times, each time when it is as full as it gets
+  constexpr std::size_t kOnes = ~std::size_t{0};
+  using Hash = std::size_t (*)(std::size_t number);
+  const Hash hashes[] = {
+      [](std::size_t number) { return RecentNames<std::size_t>::hash(std::to_string(number)); },
+      [](std::size_t /*number*/) { return kOnes; },
+      [](std::size_t number) { return kOnes << 32 | number; },
+      [](std::size_t number) { return number << 32 | kOnes >> 32; },
+  };
+  bool is_old = false;
+  for (const Hash hash : hashes) {
+    RecentNames<std::size_t> names(kNames);
+    const auto peek = [&](std::size_t number) { return names.peek(std::to_string(number), hash(number), &is_old); };
+    for (std::size_t count = 0; count < kNames; ++count) {
+      ASSERT_EQ(peek(count), nullptr);
+      names.add(std::to_string(count), hash(count), count);
+      for (std::size_t number = 0; number <= count; ++number) {
+        ASSERT_NE(peek(number), nullptr) << number << " of " << count + 1;
+        ASSERT_EQ(*peek(number), number) << "of " << count + 1;
+      }
+    }
+  }
+}
+
+TEST(RecentNames, FindsEachOfManyNames) {
+  constexpr std::size_t kLeast = 131'072;
+  constexpr std::size_t kNames = kLeast + 10'000;
+  RecentNames<std::size_t> names(kLeast);
+  const auto name_of = [](std::size_t number) { return "n" + std::to_string(number); };
+  bool is_old = false;
+  const auto peek = [&](std::size_t number) {
+    const std::string name = name_of(number);
+    return names.peek(name, RecentNames<std::size_t>::hash(name), &is_old);
+  };
+  for (std::size_t number = 0; number < kNames; ++number) {
+    const std::string name = name_of(number);
+    names.add(name, RecentNames<std::size_t>::hash(name), number);
+  }
+  for (std::size_t number = 0; number < kNames; ++number) {
+    const std::size_t* const found = peek(number);
+    ASSERT_NE(found, nullptr) << number;
+    ASSERT_EQ(*found, number);
+    ASSERT_EQ(is_old, number < kLeast) << number;
+  }
+  for (std::size_t number = kNames; number < 2 * kNames; ++number) ASSERT_EQ(peek(number), nullptr) << number;
+}
+
 TEST(RecentNames, TellsNamesWithTheSameHashApart) {
   constexpr std::size_t kHash = 7;
   RecentNames<int> names(10);

@@ -180,11 +180,14 @@ bool Environment::has_kept_its_size() {
 
 namespace {
 
-// Has the processor fetch a record, of the map that begins at this address: its first and its last bytes. Of a long
-// one, the processor fetches the rest by itself while it is copied. It ignores addresses at which there is no memory.
-void prefetch(const std::byte* map, const ValuePlace& place) {
-  __builtin_prefetch(map + place.offset);
-  __builtin_prefetch(map + place.offset + place.record_size);
+// Has the processor fetch the beginning of a record, and what follows its last byte: where it begins and ends. Of a
+// long one, the processor fetches the rest by itself while it is copied. It ignores addresses at which there is no
+// memory.
+void prefetch(std::uintptr_t map, const ValuePlace& place) {
+  const std::uintptr_t begin = map + place.offset;
+  for (const std::uintptr_t at : {begin, begin + place.record_size}) {
+    __builtin_prefetch(reinterpret_cast<const void*>(at));  // NOLINT(performance-no-int-to-ptr): never dereferenced
+  }
 }
 
 }  // namespace
@@ -395,7 +398,7 @@ Status Environment::read_contents() {
   if (Status status = extend_short_file(); !status.ok()) return status;
   FirstState first;
   if (Status status = locate_map(env_, directory_.c_str(), &map_, &first); !status.ok()) return status;
-  latest_map_.store(map_.address, std::memory_order_relaxed);
+  latest_map_.store(reinterpret_cast<std::uintptr_t>(map_.address), std::memory_order_relaxed);
   first_state_ = std::move(first);
   readers_.for_each([this](ReaderSlot& slot) {
     slot.state = first_state_.state;

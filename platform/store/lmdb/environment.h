@@ -142,13 +142,13 @@ class Environment {
   std::atomic<std::uint64_t> seen_size_{0};    // of the data file, in bytes; it never shrinks
   std::atomic<std::int64_t> size_checked_{0};  // by has_kept_its_size(), the coarse clock's time
   MetaPageMap meta_pages_;
+  std::atomic<std::uintptr_t> latest_map_{0};  // the latest address of map_; there may be no memory by now
 
   // Reading it requires a reader slot or write_mutex_. Changing it requires write_mutex_ and a closed reader pool.
   MDB_env* env_ = nullptr;
-  FileMap map_;                                        // of env_; without an address while it has to be opened anew
-  std::atomic<const std::byte*> latest_map_{nullptr};  // its latest address; there may be no memory by now
-  FirstState first_state_;                             // in this map
-  std::atomic<std::uint64_t> remaps_{0};               // number of times the map was replaced
+  FileMap map_;                           // of env_; without an address while it has to be opened anew
+  FirstState first_state_;                // in this map
+  std::atomic<std::uint64_t> remaps_{0};  // number of times the map was replaced
   ReaderPool readers_;
   WriteQueue writers_;
   WriterLock writer_lock_;  // taken before write_mutex_, so that nobody waits long for the mutex
