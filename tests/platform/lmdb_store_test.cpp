@@ -1054,6 +1054,47 @@ TEST_F(LmdbDamage, APageThatAWriteHasFoundDamagedIsNotTrustedLaterInTheWrite) {
   EXPECT_EQ(attempts, 2);
 }
 
+// LMDB takes for granted what the lists of free pages say: how many numbers they have, and which.
+TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
+  const std::string sound = read_file(data_file());
+  const auto at = [&](std::size_t offset, auto kind) {
+    decltype(kind) read;
+    std::memcpy(&read, sound.data() + offset, sizeof read);
+    return read;
+  };
+  const std::size_t page_size = at(0, MetaPage{}).free_pages.page_size;
+  const std::array<MetaPage, 2> metas{at(0, MetaPage{}), at(page_size, MetaPage{})};
+  const MetaPage& latest = metas[metas[1].transaction > metas[0].transaction ? 1 : 0];
+  const std::size_t page = latest.free_pages.page * page_size;
+  const auto count = (at(page, PageHeader{}).lower - sizeof(PageHeader)) / sizeof(std::uint16_t);
+  ASSERT_EQ(latest.free_pages.depth, 1);
+  ASSERT_GE(count, 2u) << "the first list is not the last one";
+  for (std::size_t index = 0; index < count; ++index) {
+    constexpr std::size_t kWord = sizeof(std::uint64_t);
+    const std::size_t node = page + at(page + sizeof(PageHeader) + 2 * index, std::uint16_t{});
+    const std::size_t list = node + sizeof(NodeHeader) + kWord;
+    const std::uint64_t length = at(node, NodeHeader{}).low / kWord - 1;
+    const auto expect_refused = [&](std::size_t word, std::uint64_t number, const char* damage) {
+      std::string bytes = sound;
+      std::memcpy(bytes.data() + list + word * kWord, &number, sizeof number);
+      write_file(data_file(), bytes);
+      const Status status = set_text(*open(), id_, "anew");
+      EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << "list " << index << ", word " << word << ": " << number;
+      EXPECT_NE(status.text().find(damage), std::string::npos) << status.text();
+    };
+    ASSERT_GE(length, 1u);
+    expect_refused(0, length + 1, "has a list of free pages that is cut off");
+    expect_refused(0, std::uint64_t{0xff} << 48 | length, "has a list of free pages that is cut off");
+    for (const std::uint64_t number : {std::uint64_t{0}, std::uint64_t{1}, latest.last_page + 1, ~std::uint64_t{0}})
+      expect_refused(1, number, "has a list of free pages that is out of order");
+    if (length > 1) {
+      expect_refused(2, at(list + kWord, std::uint64_t{}), "has a list of free pages that is out of order");
+    }
+  }
+  write_file(data_file(), sound);
+  EXPECT_TRUE(set_text(*open(), id_, "anew").ok());
+}
+
 TEST_F(LmdbDamage, ADamagedNodeIsPassedOverByAWalkThatMay) {
   NodeId other = kNoNode;
   ASSERT_TRUE(add_node(*open(), kRootNode, "sound", &other).ok());

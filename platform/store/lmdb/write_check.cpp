@@ -47,8 +47,8 @@ Status WriteCheck::check_free_list() const {
     std::span<const std::byte> key;
     std::span<const std::byte> list;
     damage = cursor.read(&key, &list);
+    if (!damage) damage = {cursor.page_number(), check_free_pages(former_, list, &numbers)};
     if (damage) break;
-    damage = {cursor.page_number(), check_free_pages(former_, list, &numbers)};
   }
   return result(damage);
 }
