@@ -77,8 +77,9 @@ class Plan:
 
     def method(self):
         return (f"times: from {self.forks} fresh process(es) by turns for tkv, registry and lmdb in the tables of "
-                f"operations, readers and writers, fewer otherwise; each has {self.windows} windows of {self.window_ms} ms "
-                f"after {self.warm_up_ms} ms, or {self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read")
+                "operations, readers, rereads and writers, fewer otherwise; each has "
+                f"{self.windows} windows of {self.window_ms} ms after {self.warm_up_ms} ms, or "
+                f"{self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read")
 
     def data(self):
         return (f"stores: {self.groups * self.keys:,} keys of depth 4, values of 20 characters, unless a table says "
@@ -118,8 +119,8 @@ class Experiments:
         return table
 
     def turns(self, peers, of_outside):
-        """The peers, in the order in which they are measured in each turn, with its number. The machine's speed may
-        change from one turn to the next. The peers from outside, on which no ratio depends, take the first few only."""
+        """Yields the number of each turn, and the peers that take it, in their order. So a change of the machine's speed
+        hits all of them. Peers from outside take `of_outside` turns at most: no ratio to the floor depends on them."""
         for turn in range(self.plan.forks):
             first = turn % len(peers)
             yield turn + 1, [peer for peer in peers[first:] + peers[:first] if peer in ALWAYS or turn < of_outside]

@@ -131,7 +131,8 @@ class Client : public KeyReader {
   // before it. The number may be one ahead of what a read shows: label what was read with KnownKey::state, never with
   // this.
   //
-  // If `copied_next` is given, the processor may meanwhile fetch the value of that key, which may be copied next.
+  // If `copied_next` is given, the value of that key may meanwhile be fetched into the processor's caches, for a copy
+  // that follows soon.
   virtual std::uint64_t latest_state(const KnownKey* copied_next) = 0;
   std::uint64_t latest_state() { return latest_state(nullptr); }
 

@@ -236,8 +236,8 @@ class Store {
   // view is therefore labelled with the view's number. As long as the label equals the latest number, what was read is
   // up to date.
   //
-  // If `copied_next` is given, the processor may meanwhile fetch the record at that place, which may be copied next.
-  // The place may be out of date.
+  // If `copied_next` is given, the record at that place may meanwhile be fetched into the processor's caches, for a
+  // copy that follows soon. The place may be out of date.
   virtual std::uint64_t latest_state(const ValuePlace* /*copied_next*/) { return 0; }
   std::uint64_t latest_state() { return latest_state(nullptr); }
 

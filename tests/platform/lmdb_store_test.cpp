@@ -1054,9 +1054,13 @@ TEST_F(LmdbDamage, APageThatAWriteHasFoundDamagedIsNotTrustedLaterInTheWrite) {
   EXPECT_EQ(attempts, 2);
 }
 
-// LMDB takes for granted what the lists of free pages say: how many numbers they have, and which.
+// LMDB takes for granted what the lists of free pages say: how many numbers they have, and which. A long list is in
+// overflow pages.
 TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
+  ASSERT_TRUE(set_text(*open(), id_, std::string(kMiB, 'x')).ok());
+  ASSERT_TRUE(set_text(*open(), id_, "the text of the value").ok());
   const std::string sound = read_file(data_file());
+  std::size_t long_lists = 0;
   const auto at = [&](std::size_t offset, auto kind) {
     decltype(kind) read;
     std::memcpy(&read, sound.data() + offset, sizeof read);
@@ -1072,8 +1076,11 @@ TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
   for (std::size_t index = 0; index < count; ++index) {
     constexpr std::size_t kWord = sizeof(std::uint64_t);
     const std::size_t node = page + at(page + sizeof(PageHeader) + 2 * index, std::uint16_t{});
-    const std::size_t list = node + sizeof(NodeHeader) + kWord;
+    const std::size_t data = node + sizeof(NodeHeader) + kWord;
+    const bool is_long = at(node, NodeHeader{}).flags == kBigData;
+    const std::size_t list = is_long ? at(data, std::uint64_t{}) * page_size + sizeof(PageHeader) : data;
     const std::uint64_t length = at(node, NodeHeader{}).low / kWord - 1;
+    long_lists += is_long ? 1 : 0;
     const auto expect_refused = [&](std::size_t word, std::uint64_t number, const char* damage) {
       std::string bytes = sound;
       std::memcpy(bytes.data() + list + word * kWord, &number, sizeof number);
@@ -1081,6 +1088,8 @@ TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
       const Status status = set_text(*open(), id_, "anew");
       EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED)) << "list " << index << ", word " << word << ": " << number;
       EXPECT_NE(status.text().find(damage), std::string::npos) << status.text();
+      EXPECT_TRUE(read_file(data_file()) == bytes) << "nothing is written";
+      EXPECT_EQ(text_of(*open(), id_), "the text of the value");
     };
     ASSERT_GE(length, 1u);
     expect_refused(0, length + 1, "has a list of free pages that is cut off");
@@ -1091,6 +1100,8 @@ TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
       expect_refused(2, at(list + kWord, std::uint64_t{}), "has a list of free pages that is out of order");
     }
   }
+  EXPECT_GE(long_lists, 1u);
+  EXPECT_LT(long_lists, count);
   write_file(data_file(), sound);
   EXPECT_TRUE(set_text(*open(), id_, "anew").ok());
 }

@@ -180,9 +180,8 @@ bool Environment::has_kept_its_size() {
 
 namespace {
 
-// Has the processor fetch the beginning of a record, and what follows its last byte: where it begins and ends. Of a
-// long one, the processor fetches the rest by itself while it is copied. It ignores addresses at which there is no
-// memory.
+// Has the processor fetch both ends of a record, which is all of a short one. While a long one is copied, the processor
+// fetches the rest by itself. It ignores addresses at which there is no memory.
 void prefetch(std::uintptr_t map, const ValuePlace& place) {
   const std::uintptr_t begin = map + place.offset;
   for (const std::uintptr_t at : {begin, begin + place.record_size}) {
