@@ -34,6 +34,8 @@ class Plan:
         self.warm_up_ms, self.window_ms, self.windows = (20, 10, 3) if quick else (600, 100, 7)
         # Some peers keep what they have read before: each key of a large store has to be read several times.
         self.warm_up_of_many_ms = self.warm_up_ms if quick else 3000
+        # A reader beside a writer looks more keys up, and reads fewer meanwhile, until it knows them.
+        self.warm_up_beside_writer_ms = self.warm_up_ms if quick else 5000
         self.forks = forks or (3 if full else 1)
         # One JVM for each scenario keeps one scenario's profile from shaping another's code; a quick run skips this.
         self.together = quick
@@ -54,8 +56,13 @@ class Plan:
     def times(self, dataset, *scenarios):
         of_all = {"read-all", "read-two", "read-sixteen", "reread-all", "reread-shuffled"}
         reads_many = of_all & set(scenarios) and dataset.groups * dataset.keys > FEW_KEYS
-        warm_up = self.warm_up_of_many_ms if reads_many else self.warm_up_ms
-        return ["--warm-up-ms", str(warm_up), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
+        return self.times_after(self.warm_up_of_many_ms if reads_many else self.warm_up_ms)
+
+    def times_beside_writer(self):
+        return self.times_after(self.warm_up_beside_writer_ms)
+
+    def times_after(self, warm_up_ms):
+        return ["--warm-up-ms", str(warm_up_ms), "--window-ms", str(self.window_ms), "--windows", str(self.windows)]
 
     def batches(self, scenarios):
         return [scenarios] if self.together else [[scenario] for scenario in scenarios]
@@ -79,7 +86,8 @@ class Plan:
         return (f"times: from {self.forks} fresh process(es) by turns for tkv, registry and lmdb in the tables of "
                 "operations, readers, rereads and writers, fewer otherwise; each has "
                 f"{self.windows} windows of {self.window_ms} ms after {self.warm_up_ms} ms, or "
-                f"{self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read")
+                f"{self.warm_up_of_many_ms} ms if more than {FEW_KEYS:,} keys are read, or "
+                f"{self.warm_up_beside_writer_ms} ms beside a writer")
 
     def data(self):
         return (f"stores: {self.groups * self.keys:,} keys of depth 4, values of 20 characters, unless a table says "
@@ -151,19 +159,19 @@ class Experiments:
         for label in (*readers, *beside):
             table.add_row(label)
 
-        def measure(peer, scenarios):
+        def measure(peer, scenarios, times_of):
             for label, scenario in scenarios.items():
-                times = self.plan.times(self.plan.dataset(), scenario)
+                times = times_of(scenario)
                 answer = self.programs.run(command(peer, [scenario], times))
                 table.add(label, peer, values_of(answer[scenario]))
 
         for turn, in_turn in self.turns(peers, of_outside=1):
             for peer in in_turn:
                 progress(f"{title}, readers: turn {turn} of {self.plan.forks}: {peer}")
-                measure(peer, readers)
+                measure(peer, readers, lambda scenario: self.plan.times(self.plan.dataset(), scenario))
                 if peer in SEVERAL_PROCESSES:
                     with self.programs.writing(command(peer, ["write-on"])):
-                        measure(peer, beside)
+                        measure(peer, beside, lambda _: self.plan.times_beside_writer())
         return table
 
     def rereads(self):

@@ -126,6 +126,13 @@ class Session {
 
   const char* last_value() const { return buffer_.data(); }
 
+  // Writes a text with this number.
+  void write(prtkv_key key, int number) {
+    const std::string text = numbered("a text of some length ", number);
+    require(prtkv_set_value(context_, key, PRTKV_TYPE_TEXT, text.c_str(), static_cast<uint32_t>(text.size() + 1)),
+            "prtkv_set_value");
+  }
+
  private:
   prtkv_ctx context_ = 0;
   std::vector<char> buffer_ = std::vector<char>(2 * kLongValue);
@@ -248,6 +255,20 @@ void count_reads(Session* session) {
   session->close(key);
 }
 
+// Each key of a group is known, and read once after a change of another key.
+void count_reads_after_a_change(Session* session) {
+  std::vector<std::string> names;
+  for (int i = 0; i < kSubkeys; ++i) names.push_back(numbered("app.listed.subkey", i));
+  for (int times = 0; times < 3; ++times)
+    for (const std::string& name : names) session->read(name);
+  const prtkv_key written = session->open("app.written");
+  session->write(written, 0);
+  session->read(names.front());  // finds out what the change has left as it was
+  count("read a known key after a change of another", kSubkeys - 1,
+        [&](int i) { session->read(names[static_cast<std::size_t>(i) + 1]); });
+  session->close(written);
+}
+
 // Returns the number of subkeys.
 int list_subkeys(Session* session, const char* name) {
   const prtkv_key key = session->open(name);
@@ -268,15 +289,9 @@ void count_lists(Session* session) {
     if (list_subkeys(session, "app.listed") != kSubkeys) throw std::runtime_error("a wrong list of subkeys");
   };
   const prtkv_key written = session->open("app.written");
-  const auto change = [&](int i) {
-    const std::string text = numbered("a text of some length ", i);
-    require(prtkv_set_value(session->context(), written, PRTKV_TYPE_TEXT, text.c_str(),
-                            static_cast<uint32_t>(text.size() + 1)),
-            "prtkv_set_value");
-  };
   list(0);
   count("list 100 subkeys", 50, list);
-  count("list 100 subkeys after a change", 50, list, change);
+  count("list 100 subkeys after a change", 50, list, [&](int i) { session->write(written, i); });
   session->close(written);
 }
 
@@ -294,13 +309,8 @@ void delete_key(Session* session, int number) {
 }
 
 void count_writes(Session* session, const sec_attr& security) {
-  const prtkv_ctx context = session->context();
   const prtkv_key written = session->open("app.written");
-  const auto write = [&](int i) {
-    const std::string text = numbered("a text of some length ", i);
-    require(prtkv_set_value(context, written, PRTKV_TYPE_TEXT, text.c_str(), static_cast<uint32_t>(text.size() + 1)),
-            "prtkv_set_value");
-  };
+  const auto write = [&](int i) { session->write(written, i); };
   for (int i = 0; i < 10; ++i) write(i);  // until pages are reused
   count("write a value", kWrittenKeys, write);
   count("create a key", kWrittenKeys, [&](int i) { create_key(session, written, i, security); });
@@ -345,6 +355,7 @@ void run() {
   count_sessions();
   Session session;
   count_reads(&session);
+  count_reads_after_a_change(&session);
   count_lists(&session);
   count_writes(&session, security);
   count_exports();

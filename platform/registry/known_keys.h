@@ -25,9 +25,16 @@ class KnownKeys {
   // What is known of a key, whose name has this hash, or null. Valid until the next call.
   KnownKey* find(std::string_view name, std::size_t hash) { return keys_.find(name, hash); }
 
+  // Begins to find out about a key of which nothing is known. `known->is_kept` tells whether it is to be noted.
+  KnownKey begin(std::size_t hash) noexcept {
+    KnownKey known;
+    known.is_kept = seen_.see(hash);
+    return known;
+  }
+
   // Notes what was found out about a key.
   void note(std::string_view name, std::size_t hash, const KnownKey& known) noexcept {
-    if (known.state == 0 || !seen_.see(hash)) return;  // with state 0, it is never up to date
+    if (known.state == 0 || !known.is_kept) return;  // with state 0, it is never up to date
     if (KnownKey* const before = find(name, hash)) {
       *before = known;
     } else {

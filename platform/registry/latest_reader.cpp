@@ -38,25 +38,23 @@ class KnowingReader final : public LatestReader {
 
 KnownKey KnowingReader::recall(std::string_view name, std::size_t hash) {
   const std::unique_lock lock(mutex_, std::try_to_lock);
-  const KnownKey* const found = lock.owns_lock() ? keys_.find(name, hash) : nullptr;
-  return found == nullptr ? KnownKey() : *found;
+  if (!lock.owns_lock()) return {};
+  const KnownKey* const found = keys_.find(name, hash);
+  return found == nullptr ? keys_.begin(hash) : *found;
 }
 
 void KnowingReader::note(std::string_view name, std::size_t hash, const KnownKey& known) {
   const std::unique_lock lock(mutex_, std::try_to_lock);
-  if (!lock.owns_lock()) return;
-  if (KnownKey* const before = keys_.find(name, hash)) {
-    *before = known;
-  } else {
-    keys_.note(name, hash, known);
-  }
+  if (lock.owns_lock()) keys_.note(name, hash, known);
 }
 
 Status KnowingReader::read_known(std::string_view name, KnownKey* known, std::span<std::byte> buffer,
                                  LatestValue* found) {
   Status status = client_.read_known(name, known, buffer, &found->type, &found->size);
   if (!status.is(PRTKV_NO_SUCH_KEY) || known->id == kAnyKey) return status;
-  *known = {};  // another key may have the name by now
+  KnownKey anew;  // another key may have the name by now
+  anew.is_kept = known->is_kept;
+  *known = anew;
   return client_.read_known(name, known, buffer, &found->type, &found->size);
 }
 

@@ -97,7 +97,7 @@ namespace {
 // Brings what is known of a key to the state that a read would see now, if nothing about the key has changed.
 bool renew(store::Store& store, KnownKey* known) {
   store::ValuePlace place = place_of(*known);
-  const std::uint64_t state = known->state == 0 ? 0 : store.unchanged_until(known->state, known->id, &place);
+  const std::uint64_t state = store.unchanged_until(known->state, known->id, &place);
   if (state == 0) return false;
   known->state = state;
   set_place(place, known);
@@ -127,7 +127,7 @@ std::uint64_t LocalClient::latest_state(const KnownKey* copied_next) {
 
 Status LocalClient::look_up(const KeyRef& key, KnownKey* known) {
   const bool is_it = known->state != 0 && (key.id == kAnyKey || key.id == known->id);
-  if (is_it && (known->state == store_->latest_state() || renew(*store_, known))) return {};
+  if (is_it && renew(*store_, known)) return {};
   KnownKey found = *known;
   Status status = read([&](Reader& tree) {
     found = *known;

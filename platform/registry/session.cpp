@@ -232,18 +232,12 @@ Status Session::open_key(SessionGate::Visit& visit, std::string_view name, prtkv
   const std::size_t hash = KnownKeys::hash(name);
   const KnownKey* const before = known_.find(name, hash);
   if (before != nullptr && before->state == client_->latest_state(before)) return open_known(name, *before, key);
-  const bool was_known = before != nullptr;
-  KnownKey known = was_known ? *before : KnownKey();
+  KnownKey known = before != nullptr ? *before : known_.begin(hash);
   visit.unlock();
   if (Status status = client_->look_up(name, &known); !status.ok()) return status;
   visit.lock();
   if (Status status = open_known(name, known, key); !status.ok()) return status;
-  KnownKey* const still_known = was_known ? known_.find(name, hash) : nullptr;
-  if (still_known != nullptr) {
-    *still_known = known;
-  } else {
-    known_.note(name, hash, known);
-  }
+  known_.note(name, hash, known);
   return {};
 }
 

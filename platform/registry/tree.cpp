@@ -163,6 +163,7 @@ Status Reader::resolve(const KeyRef& key, Place* place) {
 
 void Reader::learn(const Place& found, store::ValuePlace place, KnownKey* known) {
   place.node_page = found.node.page;
+  if (known->is_kept) view_.prepare_for_changes(&place);
   known->id = found.node.id;
   known->route = found.route;
   known->rights = rights_of(identity_, found.node.security);

@@ -86,13 +86,15 @@ class LmdbUnchanged : public ::testing::TestWithParam<unsigned> {
   }
 
   // Nothing if there is no such node.
-  static std::optional<Found> look_up(Store& store, NodeId parent, const std::string& name) {
+  static std::optional<Found> look_up(Store& store, NodeId parent, const std::string& name,
+                                      bool is_prepared_for_changes = false) {
     Found found;
     const Status status = store.read([&](View& view) -> Status {
       found = {parent, name, {}, {}, view.state(), view.structure()};
       if (Status looked = view.find(parent, name, &found.node); !looked.ok()) return looked;
       found.place = view.place_of_value(found.node.id);
       found.place.node_page = found.node.page;
+      if (is_prepared_for_changes) view.prepare_for_changes(&found.place);
       return {};
     });
     EXPECT_TRUE(status.ok() || status.is(PRTKV_NO_SUCH_KEY)) << status.text();
@@ -263,7 +265,7 @@ class LmdbSubtrees : public LmdbUnchanged {
   void SetUp() override {
     fill(*store_);
     known_ = look_up(*store_, groups_[kGroups / 2], name_of(0));
-    written_ = look_up(*store_, groups_.back(), name_of(kNodesInGroup - 1));
+    written_ = look_up(*store_, groups_.back(), name_of(kNodesInGroup - 1), true);
     ASSERT_TRUE(known_ && written_);
     ASSERT_EQ(unchanged_until(*known_), known_->state);
   }
@@ -329,15 +331,30 @@ TEST_F(LmdbSubtrees, AValueIsCopiedWhileOthersAreWritten) {
 TEST_F(LmdbSubtrees, ALargeValueIsFoundUnchangedWithoutBeingCopied) {
   std::vector<std::byte> buffer(10'000, std::byte{1});
   ASSERT_TRUE(set_text(*store_, known_->node.id, std::string(buffer.size(), 'v')).ok());
-  known_ = look_up(*store_, known_->parent, known_->name);
+  known_ = look_up(*store_, known_->parent, known_->name, true);
   ASSERT_TRUE(known_);
-  ASSERT_EQ(unchanged_until(*known_), known_->state);
   ASSERT_TRUE(write().ok());
   std::int32_t type = 0;
   std::size_t size = 0;
   EXPECT_FALSE(store_->copy_unchanged_value(&known_->state, known_->node.id, &known_->place, buffer, &type, &size));
   EXPECT_EQ(known_->state, store_->latest_state());
   EXPECT_EQ(buffer, std::vector<std::byte>(buffer.size(), std::byte{1}));
+}
+
+TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsRecognizedAfterStatesThatNobodyLookedAt) {
+  std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
+  ASSERT_TRUE(prepared);
+  for (int commit = 0; commit < 5; ++commit) ASSERT_TRUE(write().ok());
+  EXPECT_EQ(unchanged_until(*prepared), prepared->state + 5);
+  EXPECT_EQ(unchanged_until(*known_), 0u);
+}
+
+TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsNotRecognizedOnceItsPageHasChanged) {
+  std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
+  ASSERT_TRUE(prepared);
+  ASSERT_TRUE(set_text(*store_, prepared->node.id, "text").ok());
+  for (int commit = 0; commit < 5; ++commit) ASSERT_TRUE(write().ok());
+  EXPECT_EQ(unchanged_until(*prepared), 0u);
 }
 
 // Unless a page was looked at before, nothing tells it from another one with its number.

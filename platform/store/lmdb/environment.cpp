@@ -271,7 +271,8 @@ std::uint64_t Environment::unchanged_until(std::uint64_t state, NodeId id, Value
   const std::uint64_t latest = latest_state(place);
   ReaderSlot* const slot = latest == 0 ? nullptr : readers_.try_claim();
   if (slot == nullptr) return 0;
-  bool holds = slot->pages.state() == latest && slot->pages.has_kept(state, *place);
+  bool holds = state == latest || (slot->pages.state() == latest && slot->pages.has_kept(state, *place));
+  std::uint64_t until = latest;
   if (!holds && begin_glance(*slot)) {
     holds = recognizes(*slot, state, place);
     if (!holds && slot->pages.has_kept_node(state, *place)) {
@@ -280,15 +281,14 @@ std::uint64_t Environment::unchanged_until(std::uint64_t state, NodeId id, Value
       place->node_page = node_page;
       holds = true;
     }
+    until = slot->state.transaction;
     end_read(*slot);
   }
-  const std::uint64_t until = holds ? slot->pages.state() : 0;
   readers_.release(*slot);
-  return until;
+  return holds ? until : 0;
 }
 
-// Brings what the slot knows of pages to the state that its transaction shows, and looks there for those of a place.
-bool Environment::recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
+bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
   if (slot.pages.state() != slot.state.transaction) slot.pages.follow(slot.state, structure_of(slot));
   return slot.pages.recognizes(slot.state, former, place);
 }

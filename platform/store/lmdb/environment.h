@@ -116,7 +116,6 @@ class Environment {
   Status files_replaced() const;
 
   bool begin_glance(ReaderSlot& slot);
-  bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
 
   int renew(ReaderSlot& slot);
   void end_read(ReaderSlot& slot);
@@ -157,6 +156,10 @@ class Environment {
 
 // View::structure() of the state that the slot's transaction sees. Read once for each state.
 std::uint64_t structure_of(ReaderSlot& slot);
+
+// Brings what the slot knows of pages to the state that its transaction shows, and asks it there for those of a place:
+// see UnchangedPages::recognizes.
+bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
 
 // Records on the stack which transactions this thread has open, so that a function that calls back into the store that
 // runs it is refused or let through instead of deadlocking.

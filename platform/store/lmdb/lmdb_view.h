@@ -24,6 +24,7 @@ class LmdbView final : public View {
     return find_value_up_to(file_state(), id, capacity, value, size, place);
   }
   ValuePlace place_of_value(NodeId id) override { return store::place_of_value(file_state(), id); }
+  void prepare_for_changes(ValuePlace* place) override { recognizes(transaction_.slot(), state(), place); }
   Status children(NodeId parent, VisitChild visit) override {
     return visit_children(file_state(), parent, visit, kEndAtDamage, checked());
   }

@@ -56,6 +56,7 @@ std::uint64_t UnchangedPages::known_fingerprint(std::uint64_t page) const {
 }
 
 std::uint64_t UnchangedPages::fingerprint(const FileState& state, std::uint64_t page) noexcept {
+  if (page == 0) return 0;
   if (const std::uint64_t known = known_fingerprint(page); known != 0) return known;
   const std::uint64_t fingerprint = fingerprint_of_leaf(state, page);
   try {
@@ -83,8 +84,8 @@ bool UnchangedPages::has_kept(std::uint64_t former, const ValuePlace& place) con
 }
 
 bool UnchangedPages::recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept {
-  if (has_kept(former, *place)) return true;
-  const bool is_kept = has_kept_pages_since(former, *place);
+  if (place->fingerprint != 0 && has_kept(former, *place)) return true;
+  const bool is_kept = former == state_ || has_kept_pages_since(former, *place);
   const bool is_replaced = !is_kept && (former >= followed_since_ || place->fingerprint == 0);
   if (is_replaced || !has_kept_nodes_since(former)) return false;
   const std::uint64_t present = combined(fingerprint(state, place->node_page), fingerprint(state, place->value_page));
