@@ -34,7 +34,7 @@ class Plan:
         self.warm_up_ms, self.window_ms, self.windows = (20, 10, 3) if quick else (600, 100, 7)
         # Some peers keep what they have read before: each key of a large store has to be read several times.
         self.warm_up_of_many_ms = self.warm_up_ms if quick else 3000
-        # A reader beside a writer looks more keys up, and reads fewer meanwhile, until it knows them.
+        # A reader beside a writer looks up more keys, and so reads fewer, until it knows them.
         self.warm_up_beside_writer_ms = self.warm_up_ms if quick else 5000
         self.forks = forks or (3 if full else 1)
         # One JVM for each scenario keeps one scenario's profile from shaping another's code; a quick run skips this.

@@ -144,7 +144,7 @@ class Client : public KeyReader {
   Status find(const KeyRef& key, KeyId* id) override;
 
   // As find, but tells more. On entry, `*known` holds what an earlier call found out about the key of this name, or
-  // nothing; it is left as it is if it still holds.
+  // nothing but KnownKey::is_kept; it is left as it is if it still holds.
   virtual Status look_up(const KeyRef& key, KnownKey* known) = 0;
 
   // Reads the value of the key that has the name and `known->id`, and brings `*known` up to date. Needs

@@ -46,7 +46,7 @@ struct KnownKey {
   KeyId id = kAnyKey;
   Route route = kAnyRoute;
   Rights rights = 0;                     // of the client's identity
-  bool is_kept = false;                  // for further reads, so that it is worth while to find out more
+  bool is_kept = false;                  // set by whoever keeps it for later reads: then it is prepared for changes
   std::uint64_t state = 0;               // see Client::latest_state; 0: only id and route are known
   std::array<std::uint64_t, 4> place{};  // of the value
 };

@@ -109,8 +109,8 @@ class View {
   // Where a value is. Not known if there is none, if finding it fails, or if the store does not number its states.
   virtual ValuePlace place_of_value(NodeId /*id*/) { return {}; }
 
-  // Adds to a place in this state, with both of its pages, what tells more of later states. Takes about as long as
-  // finding it, but only for the first of the places on a page. Worth it for places that will be used again and again.
+  // Adds to a place that this view found, with both of its pages, what helps to recognize it in later states. For the
+  // first place on a page, this takes about as long as finding it. Pays only for places that are used again.
   virtual void prepare_for_changes(ValuePlace* /*place*/) {}
 
   // Calls `visit` for each child in byte order of the names, until it returns a failure, which is returned. In an
@@ -269,7 +269,8 @@ class Store {
   // For the node `id`, which a view of `state` found, with the place of its value: returns the number of a state that a
   // view may show which begins now, if it is known that the node has the same name and the same security record in that
   // state. Nor has any of the nodes above it been moved. `*place` then is the place of its value in that state, if that
-  // is known, with what tells more of later ones. Returns zero if that is not known, or not the case.
+  // is known, and tells as much of later ones as before, unless the value has moved. Returns zero if that is not known,
+  // or not the case.
   virtual std::uint64_t unchanged_until(std::uint64_t /*state*/, NodeId /*id*/, ValuePlace* /*place*/) { return 0; }
 
   // Runs `function` and, if it succeeds, makes what it wrote durable, all or nothing. It may run more than once. A

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <random>
@@ -14,6 +16,7 @@
 
 #include "lmdb_files.h"
 #include "page_builder.h"
+#include "store/lmdb/layout.h"
 #include "store/lmdb/unchanged_pages.h"
 #include "temporary_directory.h"
 
@@ -347,6 +350,20 @@ TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsRecognizedAfterStatesThatNo
   for (int commit = 0; commit < 5; ++commit) ASSERT_TRUE(write().ok());
   EXPECT_EQ(unchanged_until(*prepared), prepared->state + 5);
   EXPECT_EQ(unchanged_until(*known_), 0u);
+}
+
+// As while a commit is being made durable, or after a writer died there.
+TEST_F(LmdbSubtrees, ANodeIsSaidToBeUnchangedUntilAStateThatAViewShows) {
+  std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
+  ASSERT_TRUE(prepared);
+  const std::uint64_t next = prepared->state + 1;
+  const std::size_t offset = next % kMetaPages * PageBuilder::kSize + offsetof(MetaPage, transaction);
+  std::fstream file(directory_ / "registry/data.mdb", std::ios::binary | std::ios::in | std::ios::out);
+  file.seekp(static_cast<std::streamoff>(offset));
+  file.write(reinterpret_cast<const char*>(&next), sizeof next).flush();
+  ASSERT_EQ(store_->latest_state(), next);
+  EXPECT_EQ(unchanged_until(*prepared), prepared->state);
+  EXPECT_EQ(unchanged_until(*known_), prepared->state);
 }
 
 TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsNotRecognizedOnceItsPageHasChanged) {

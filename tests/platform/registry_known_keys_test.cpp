@@ -1,11 +1,16 @@
 // What a session knows of the keys that it has read before is never taken for true after others have changed them.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "lmdb_files.h"
 #include "prtkv.h"
+#include "registry/tree.h"
 #include "registry_fixture.h"
 #include "store/lmdb/lmdb_store.h"
 #include "two_sessions.h"
@@ -78,6 +83,36 @@ TEST_F(KnownToASession, AnotherIdThanTheKnownOneNamesNoKey) {
   EXPECT_TRUE(client->look_up({"a", id}, &known).ok());
   EXPECT_TRUE(client->look_up({"a", id + 1}, &known).is(PRTKV_NO_SUCH_KEY));
   EXPECT_EQ(known.id, id);
+}
+
+TEST_F(KnownToASession, AKeyThatIsKeptIsRecognizedAfterChangesThatNobodyLookedAt) {
+  const std::string text(100, 'v');
+  std::vector<NamedValue> values;
+  PutOptions put;
+  put.create_parents = true;
+  put.security.initial = open_to_all();
+  for (int key = 1000; key < 2000; ++key) values.push_back({"many.key" + std::to_string(key), {3, text}});
+  const auto client = client_on(store_, superuser());
+  ASSERT_EQ(client->put(values, put).text(), "done");
+  std::array<std::byte, 200> buffer{};
+  const auto is_recognized = [&](const KnownKey& known) {
+    store::ValuePlace place = place_of(known);
+    return store_->unchanged_until(known.state, known.id, &place) != 0;
+  };
+  KnownKey opened;
+  KnownKey read;
+  KnownKey passing;
+  opened.is_kept = read.is_kept = true;
+  std::int32_t type = 0;
+  std::size_t size = 0;
+  ASSERT_TRUE(client->look_up("many.key1500", &opened).ok());
+  ASSERT_TRUE(client->read_known("many.key1500", &read, buffer, &type, &size).ok());
+  ASSERT_TRUE(client->look_up("many.key1500", &passing).ok());
+  const prtkv_key far = writer_->open("many.key1999");
+  for (const char* changed : {"once", "twice", "and again"}) ASSERT_EQ(set(*writer_, far, changed), PRTKV_DONE);
+  EXPECT_TRUE(is_recognized(opened));
+  EXPECT_TRUE(is_recognized(read));
+  EXPECT_FALSE(is_recognized(passing)) << "which costs a key that is read once nothing";
 }
 
 TEST_F(KnownToASession, KeysThatWereExchangedAreFoundUnderTheirNewNames) {

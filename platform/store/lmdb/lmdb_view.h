@@ -9,7 +9,7 @@
 namespace tkv::store {
 
 // The state that a read transaction sees. A long read checks each page as a whole only once. A short one, which visits
-// few pages and must not allocate, keeps no record of them.
+// few pages and must not allocate, keeps no record of them. Preparing for changes may allocate.
 class LmdbView final : public View {
  public:
   LmdbView(const ReadTransaction& transaction, ReadTransaction::Length length)

@@ -39,7 +39,8 @@ class UnchangedPages {
   void follow(const FileState& state, std::uint64_t structure) noexcept;
 
   // Whether what a view of the state `former` found on the two pages of a place is still there, as far as that is known
-  // without looking at pages. False also if recognizes() has something to add to the place.
+  // without looking at pages. False also if the place lacks a fingerprint, unless `former` is the state that was
+  // followed to.
   bool has_kept(std::uint64_t former, const ValuePlace& place) const;
 
   // Whether the node is still there, on the same page, as far as that is known without looking at pages. Its value may
@@ -49,7 +50,8 @@ class UnchangedPages {
   }
 
   // As has_kept, but looks at the pages if need be, and adds their fingerprint to the place. `state` is the state that
-  // was followed to, in which the calling thread has a transaction open.
+  // was followed to, in which the calling thread has a transaction open. If that is also the former one, all that
+  // happens is that the fingerprint is added.
   bool recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept;
 
  private:
