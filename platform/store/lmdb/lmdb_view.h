@@ -24,7 +24,10 @@ class LmdbView final : public View {
     return find_value_up_to(file_state(), id, capacity, value, size, place);
   }
   ValuePlace place_of_value(NodeId id) override { return store::place_of_value(file_state(), id); }
-  void prepare_for_changes(ValuePlace* place) override { recognizes(transaction_.slot(), state(), place); }
+  void prepare_for_changes(ValuePlace* place) override {
+    ReaderSlot& slot = transaction_.slot();
+    if (slot.pages.has_room()) recognizes(slot, state(), place);
+  }
   Status children(NodeId parent, VisitChild visit) override {
     return visit_children(file_state(), parent, visit, kEndAtDamage, checked());
   }

@@ -54,6 +54,11 @@ class UnchangedPages {
   // happens is that the fingerprint is added.
   bool recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept;
 
+  // Whether the fingerprints of the pages of another place can be remembered without forgetting others. If not, places
+  // are so many that to make the fingerprint of each for later use would take longer than to look some of them up
+  // again.
+  bool has_room() const { return looks_.count() + 2 <= kMostLookedAt; }
+
  private:
   using Bytes = std::span<const std::byte>;
 
@@ -79,6 +84,7 @@ class UnchangedPages {
     // Returns false, and changes nothing, if it would hold more than `most` pages.
     bool set(std::uint64_t page, const Known& known, std::size_t most);
     void clear();
+    std::size_t count() const { return count_; }
 
    private:
     struct Place {
