@@ -109,8 +109,9 @@ class View {
   // Where a value is. Not known if there is none, if finding it fails, or if the store does not number its states.
   virtual ValuePlace place_of_value(NodeId /*id*/) { return {}; }
 
-  // Adds to a place that this view found, with both of its pages, what helps to recognize it in later states. For the
-  // first place on a page, this takes about as long as finding it. Pays only for places that are used again.
+  // Adds to a place that this view found, with both of its pages, what helps to recognize it in later states, if
+  // changes are to be expected. For the first place on a page, this takes about as long as finding it. Pays only for
+  // places that are used again.
   virtual void prepare_for_changes(ValuePlace* /*place*/) {}
 
   // Calls `visit` for each child in byte order of the names, until it returns a failure, which is returned. In an

@@ -345,11 +345,23 @@ TEST_F(LmdbSubtrees, ALargeValueIsFoundUnchangedWithoutBeingCopied) {
 }
 
 TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsRecognizedAfterStatesThatNobodyLookedAt) {
+  ASSERT_TRUE(write().ok());
   std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
   ASSERT_TRUE(prepared);
   for (int commit = 0; commit < 5; ++commit) ASSERT_TRUE(write().ok());
   EXPECT_EQ(unchanged_until(*prepared), prepared->state + 5);
   EXPECT_EQ(unchanged_until(*known_), 0u);
+}
+
+// Only after a change has been seen is another one expected.
+TEST_F(LmdbSubtrees, PreparingForChangesMakesNoFingerprintWhileNothingChanges) {
+  std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
+  ASSERT_TRUE(prepared);
+  EXPECT_EQ(prepared->place.fingerprint, 0u);
+  ASSERT_TRUE(write().ok());
+  prepared = look_up(*store_, known_->parent, known_->name, true);
+  ASSERT_TRUE(prepared);
+  EXPECT_NE(prepared->place.fingerprint, 0u);
 }
 
 // As while a commit is being made durable, or after a writer died there.
@@ -367,6 +379,7 @@ TEST_F(LmdbSubtrees, ANodeIsSaidToBeUnchangedUntilAStateThatAViewShows) {
 }
 
 TEST_F(LmdbSubtrees, ANodeThatWasPreparedForChangesIsNotRecognizedOnceItsPageHasChanged) {
+  ASSERT_TRUE(write().ok());
   std::optional<Found> prepared = look_up(*store_, known_->parent, known_->name, true);
   ASSERT_TRUE(prepared);
   ASSERT_TRUE(set_text(*store_, prepared->node.id, "text").ok());

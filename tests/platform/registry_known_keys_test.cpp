@@ -103,12 +103,16 @@ TEST_F(KnownToASession, AKeyThatIsKeptIsRecognizedAfterChangesThatNobodyLookedAt
   KnownKey read;
   KnownKey passing;
   opened.is_kept = read.is_kept = true;
+  const prtkv_key far = writer_->open("many.key1999");
+  ASSERT_TRUE(client->look_up("many.key1500", &opened).ok());
+  ASSERT_EQ(set(*writer_, far, "first"), PRTKV_DONE);
+  ASSERT_TRUE(is_recognized(opened)) << "so that changes are known to happen";
+  opened = {.is_kept = true};
   std::int32_t type = 0;
   std::size_t size = 0;
   ASSERT_TRUE(client->look_up("many.key1500", &opened).ok());
   ASSERT_TRUE(client->read_known("many.key1500", &read, buffer, &type, &size).ok());
   ASSERT_TRUE(client->look_up("many.key1500", &passing).ok());
-  const prtkv_key far = writer_->open("many.key1999");
   for (const char* changed : {"once", "twice", "and again"}) ASSERT_EQ(set(*writer_, far, changed), PRTKV_DONE);
   EXPECT_TRUE(is_recognized(opened));
   EXPECT_TRUE(is_recognized(read));

@@ -257,7 +257,8 @@ bool Environment::copy_unchanged(std::uint64_t* state, ValuePlace* place, std::s
     copied = copy_bytes(map_, place->offset, copy) && meta_pages_.is_still(latest, map_.address);
     if (copied) *state = latest;
   } else if (begin_glance(*slot)) {
-    const bool holds = recognizes(*slot, *state, place);
+    follow(*slot);
+    const bool holds = slot->pages.recognizes(slot->state, *state, place);
     copied = holds && copy_bytes(map_, place->offset, copy);
     if (holds) *state = slot->state.transaction;
     end_read(*slot);
@@ -274,7 +275,8 @@ std::uint64_t Environment::unchanged_until(std::uint64_t state, NodeId id, Value
   bool holds = state == latest || (slot->pages.state() == latest && slot->pages.has_kept(state, *place));
   std::uint64_t until = latest;
   if (!holds && begin_glance(*slot)) {
-    holds = recognizes(*slot, state, place);
+    follow(*slot);
+    holds = slot->pages.recognizes(slot->state, state, place);
     if (!holds && slot->pages.has_kept_node(state, *place)) {
       const std::uint32_t node_page = place->node_page;
       *place = place_of_value(slot->state, id);
@@ -288,9 +290,8 @@ std::uint64_t Environment::unchanged_until(std::uint64_t state, NodeId id, Value
   return holds ? until : 0;
 }
 
-bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place) {
+void follow(ReaderSlot& slot) {
   if (slot.pages.state() != slot.state.transaction) slot.pages.follow(slot.state, structure_of(slot));
-  return slot.pages.recognizes(slot.state, former, place);
 }
 
 // Begins a short transaction for a reader that has another way if that does not work at once.

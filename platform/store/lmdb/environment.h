@@ -157,9 +157,8 @@ class Environment {
 // View::structure() of the state that the slot's transaction sees. Read once for each state.
 std::uint64_t structure_of(ReaderSlot& slot);
 
-// Brings what the slot knows of pages to the state that its transaction shows, and asks it there for those of a place:
-// see UnchangedPages::recognizes.
-bool recognizes(ReaderSlot& slot, std::uint64_t former, ValuePlace* place);
+// Brings what the slot knows of pages to the state that its transaction shows.
+void follow(ReaderSlot& slot);
 
 // Records on the stack which transactions this thread has open, so that a function that calls back into the store that
 // runs it is refused or let through instead of deadlocking.

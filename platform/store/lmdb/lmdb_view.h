@@ -26,7 +26,8 @@ class LmdbView final : public View {
   ValuePlace place_of_value(NodeId id) override { return store::place_of_value(file_state(), id); }
   void prepare_for_changes(ValuePlace* place) override {
     ReaderSlot& slot = transaction_.slot();
-    if (slot.pages.has_room()) recognizes(slot, state(), place);
+    follow(slot);
+    if (slot.pages.fingerprints_pay()) slot.pages.recognizes(slot.state, state(), place);
   }
   Status children(NodeId parent, VisitChild visit) override {
     return visit_children(file_state(), parent, visit, kEndAtDamage, checked());

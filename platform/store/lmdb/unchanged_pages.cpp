@@ -94,6 +94,7 @@ bool UnchangedPages::recognizes(const FileState& state, std::uint64_t former, Va
 }
 
 void UnchangedPages::follow(const FileState& state, std::uint64_t structure) noexcept {
+  has_seen_changes_ = state_ != 0;
   const bool has_kept_nodes = state_ != 0 && structure != 0 && structure == structure_;
   bool is_followed = false;
   try {

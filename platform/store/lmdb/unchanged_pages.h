@@ -54,10 +54,10 @@ class UnchangedPages {
   // happens is that the fingerprint is added.
   bool recognizes(const FileState& state, std::uint64_t former, ValuePlace* place) noexcept;
 
-  // Whether the fingerprints of the pages of another place can be remembered without forgetting others. If not, places
-  // are so many that to make the fingerprint of each for later use would take longer than to look some of them up
-  // again.
-  bool has_room() const { return looks_.count() + 2 <= kMostLookedAt; }
+  // Whether a place is worth a fingerprint before it is known to outlast a change. It is not while nothing changes. Nor
+  // is it if there is no room to remember those of its pages without forgetting others: then places are so many that
+  // making all of the fingerprints takes longer than looking some places up again.
+  bool fingerprints_pay() const { return has_seen_changes_ && looks_.count() + 2 <= kMostLookedAt; }
 
  private:
   using Bytes = std::span<const std::byte>;
@@ -121,6 +121,7 @@ class UnchangedPages {
   std::uint64_t fingerprint(const FileState& state, std::uint64_t page) noexcept;
 
   std::uint64_t state_ = 0;
+  bool has_seen_changes_ = false;
   std::uint64_t structure_ = 0;
   std::uint64_t nodes_kept_since_ = 0;
   std::uint64_t followed_since_ = 0;  // every state from this one on
