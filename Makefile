@@ -101,7 +101,7 @@ fuzz: packages-fuzz ## run each fuzzer for a bounded number of inputs
 	$(call preset,fuzz)
 	ctest --preset fuzz -L fuzz
 
-bench: packages-bench ## measure beside the peers (20 minutes)
+bench: packages-bench ## measure beside the peers (half an hour)
 	$(call preset,release,-DTKV_BENCH=ON)
 	bench/run --instructions
 	bench/run-etcd --forks 2

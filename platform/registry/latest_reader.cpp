@@ -52,9 +52,7 @@ Status KnowingReader::read_known(std::string_view name, KnownKey* known, std::sp
                                  LatestValue* found) {
   Status status = client_.read_known(name, known, buffer, &found->type, &found->size);
   if (!status.is(PRTKV_NO_SUCH_KEY) || known->id == kAnyKey) return status;
-  KnownKey anew;  // another key may have the name by now
-  anew.is_kept = known->is_kept;
-  *known = anew;
+  *known = {.is_kept = known->is_kept};  // another key may have the name by now
   return client_.read_known(name, known, buffer, &found->type, &found->size);
 }
 

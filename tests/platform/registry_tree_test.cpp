@@ -775,7 +775,7 @@ TEST(RecentNames, TellsNamesWithTheSameHashApart) {
   EXPECT_EQ(*names.find("a", kHash), 1);
 }
 
-// Looks a key up as a session does: finding it out takes a while if it is not known. Returns what was known before.
+// Looks a key up in this state as a session does, and finds that its id is 7. Returns what was known of it before.
 std::optional<KnownKey> look_up(KnownKeys& keys, std::string_view name, std::uint64_t state) {
   const std::size_t hash = KnownKeys::hash(name);
   const KnownKey* const found = keys.find(name, hash);
@@ -787,7 +787,7 @@ std::optional<KnownKey> look_up(KnownKeys& keys, std::string_view name, std::uin
   return before;
 }
 
-TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
+TEST(KnownKeys, TakesAKeyInWhenItIsLookedUpForTheSecondTime) {
   KnownKeys keys;
   EXPECT_FALSE(keys.begin(KnownKeys::hash("c")).is_kept);
   EXPECT_TRUE(keys.begin(KnownKeys::hash("c")).is_kept);
@@ -798,9 +798,17 @@ TEST(KnownKeys, TakesAKeyInWhenItIsSeenForTheSecondTime) {
   EXPECT_EQ(known->id, 7U);
   EXPECT_EQ(known->state, 2U);
   EXPECT_EQ(look_up(keys, "a", 4)->state, 3U);
+}
+
+TEST(KnownKeys, TakesNothingInAsLongAsStatesHaveNoNumbers) {
+  KnownKeys keys;
   for (int times = 0; times < 3; ++times) {
-    EXPECT_FALSE(look_up(keys, "b", 0)) << "of a store that does not number its states";
+    EXPECT_FALSE(look_up(keys, "a", 0));
+    EXPECT_FALSE(keys.begin(KnownKeys::hash("b")).is_kept) << "nor are names remembered that were seen";
   }
+  EXPECT_FALSE(look_up(keys, "a", 1));
+  EXPECT_FALSE(look_up(keys, "a", 2));
+  EXPECT_TRUE(look_up(keys, "a", 3));
 }
 
 // A program that reads all of its keys by turns knows them all before long.
