@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -179,6 +180,24 @@ TEST_F(LmdbHistory, AChangeOfManyPartsIsReadBackWhole) {
   ASSERT_TRUE(set_text(*store, kRootNode, "short").ok());
   EXPECT_EQ(text_at(*store, 1), former);
   expect_sound(*store);
+}
+
+TEST_F(LmdbHistory, AllPartsOfAChangeAreRemovedWithItEvenIfOneIsDamaged) {
+  options_.retention.changes = 10;
+  const std::string text = "the first part" + std::string(kMiB / 8, 'p') + "a later part" + std::string(kMiB / 8, 'p');
+  for (const char* damaged : {"none", "the first part", "a later part"}) {
+    for (const std::string& each : {text, std::string("short")}) {
+      ASSERT_TRUE(set_text(*open(), kRootNode, each).ok());
+    }
+    ASSERT_GE(records_of_log(options_.directory), 2u + text.size() / (64 << 10)) << "one of them has many parts";
+    replace_in_file(data_file(options_.directory), damaged, std::string(std::strlen(damaged), '?'));
+    {
+      const auto store = open();
+      for (int i = 0; i < 50; ++i) ASSERT_TRUE(set_text(*store, kRootNode, std::to_string(i)).ok());
+      expect_sound(*store);
+    }
+    EXPECT_LE(records_of_log(options_.directory), 10u + 16u) << damaged;
+  }
 }
 
 TEST_F(LmdbHistory, AChangeThatIsTooLargeIsLoggedWithoutItsPast) {

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -1104,6 +1105,47 @@ TEST_F(LmdbDamage, NoWriteReliesOnADamagedListOfFreePages) {
   EXPECT_LT(long_lists, count);
   write_file(data_file(), sound);
   EXPECT_TRUE(set_text(*open(), id_, "anew").ok());
+}
+
+// Such a page looks sound: it has what it had before the latest write.
+TEST_F(LmdbDamage, NoWriteAddsARecordToAPageThatIsFreeByNow) {
+  options_.retention.off = false;
+  for (int write = 0; write < 20; ++write) ASSERT_TRUE(set_text(*open(), id_, std::string(1000, 'x')).ok());
+  const std::string former = read_file(data_file());
+  ASSERT_TRUE(set_text(*open(), id_, "the latest text").ok());
+  std::string bytes = read_file(data_file());
+  const auto root_of = [](const std::string& file, Page* root) {
+    std::array<MetaPage, 2> metas;
+    std::memcpy(&metas[0], file.data(), sizeof(MetaPage));
+    const std::size_t page_size = metas[0].free_pages.page_size;
+    std::memcpy(&metas[1], file.data() + page_size, sizeof(MetaPage));
+    const TreeRoot& records = metas[metas[1].transaction > metas[0].transaction ? 1 : 0].records;
+    ASSERT_EQ(records.depth, 2);
+    const std::byte* const page = std::as_bytes(std::span(file)).data() + records.page * page_size;
+    ASSERT_EQ(root->open(page, page_size, records.page, kBranchPage), nullptr);
+  };
+  Page before;
+  Page after;
+  ASSERT_NO_FATAL_FAILURE(root_of(former, &before));
+  ASSERT_NO_FATAL_FAILURE(root_of(bytes, &after));
+  ASSERT_EQ(before.count(), after.count());
+  unsigned index = 0;
+  PageNode left;
+  PageNode right;
+  do {
+    ASSERT_TRUE(before.read(index, &left) && after.read(index, &right));
+  } while (left.child() == right.child() && ++index < after.count());
+  ASSERT_LT(index, after.count()) << "the first child that was replaced is the one with the latest changes";
+  bytes.replace(
+      static_cast<std::size_t>(reinterpret_cast<const char*>(right.key.data()) - bytes.data()) - sizeof(NodeHeader),
+      sizeof(NodeHeader), reinterpret_cast<const char*>(&left.header), sizeof(NodeHeader));
+  write_file(data_file(), bytes);
+  const Status status = set_text(*open(), id_, "anew");
+  EXPECT_TRUE(status.is(PRTKV_STORAGE_FAILED));
+  EXPECT_NE(status.text().find("page " + std::to_string(left.child()) + " is free, and is referred to"),
+            std::string::npos)
+      << status.text();
+  EXPECT_TRUE(read_file(data_file()) == bytes) << "nothing is written";
 }
 
 TEST_F(LmdbDamage, ADamagedNodeIsPassedOverByAWalkThatMay) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <string_view>
 
 namespace tkv::store {
@@ -161,17 +162,22 @@ Status LogWriter::purge_change(Revision revision, const std::set<std::string, st
   return put_content(revision, purged, &parts);
 }
 
-// Removes the parts of a change, and counts them.
+// Removes the parts of a change, and counts them. As long as none of them has told how many there are, they are removed
+// until one is missing.
 Status LogWriter::remove_content(Revision revision, std::uint32_t* parts) {
-  for (*parts = 0;; ++*parts) {
+  std::uint32_t all = std::numeric_limits<std::uint32_t>::max();
+  for (*parts = 0; *parts < all; ++*parts) {
     const Key key = Key::change(revision, *parts);
     bool found = false;
     std::span<const std::byte> record;
     if (Status status = records_.get(key, &found, &record); !status.ok() || !found) return status;
     const std::uint64_t bytes = key.bytes().size() + record.size();
+    ChangePart part;
+    if (decode_change(revision, *parts, record, &part).ok()) all = part.parts;
     if (Status status = records_.remove(key); !status.ok()) return status;
     meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
   }
+  return {};
 }
 
 }  // namespace tkv::store

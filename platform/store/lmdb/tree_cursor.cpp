@@ -269,6 +269,12 @@ PageDamage TreeCursor::check_in_use() const {
   return {};
 }
 
+bool TreeCursor::any_page(FunctionRef<bool(std::uint64_t number)> holds) const {
+  for (int level = 0; level <= leaf_level(); ++level)
+    if (holds(levels_[static_cast<std::size_t>(level)].page.number())) return true;
+  return false;
+}
+
 // The last key of the leaf page before this one, or the first key of the one after it. Null if there is no such page.
 PageDamage TreeCursor::neighbour_key(Edge towards, std::span<const std::byte>* key) const {
   const bool is_before = towards == Edge::kFirst;

@@ -112,6 +112,9 @@ class TreeCursor {
   PageDamage check_siblings(CheckedPages* checked) const;
   PageDamage check_in_use() const;
 
+  // Whether `holds` returns true for one of the pages from the root to the entry or gap.
+  bool any_page(FunctionRef<bool(std::uint64_t number)> holds) const;
+
   // Checks that the entry or gap is on the tree's first leaf page, where the smallest key belongs.
   PageDamage check_first() const;
 

@@ -17,8 +17,9 @@ std::uint64_t number_at(std::span<const std::byte> list, std::size_t index) {
 }
 
 // A record of the list of free pages: their number, and then each of them, the largest first. `*numbers` is how many
-// numbers may still be looked at.
-const char* check_free_pages(const FileState& state, std::span<const std::byte> list, std::size_t* numbers) {
+// numbers may still be looked at; these are added to `*free`.
+const char* check_free_pages(const FileState& state, std::span<const std::byte> list, std::size_t* numbers,
+                             PageFilter* free) {
   constexpr const char* kCutOff = "has a list of free pages that is cut off";
   constexpr std::size_t kWord = sizeof(std::uint64_t);
   if (list.size() < kWord) return kCutOff;
@@ -29,13 +30,14 @@ const char* check_free_pages(const FileState& state, std::span<const std::byte> 
     const std::uint64_t number = number_at(list, i);
     if (number < kMetaPages || number >= former) return "has a list of free pages that is out of order";
     former = number;
+    free->add(number);
   }
   return nullptr;
 }
 
 }  // namespace
 
-Status WriteCheck::check_free_list() const {
+Status WriteCheck::check_free_list() {
   TreeCursor cursor(former_, former_.free_pages, Page::Keys::kIntegers);
   CheckedPages checked;
   std::size_t numbers = kNumbersToCheck;
@@ -47,9 +49,10 @@ Status WriteCheck::check_free_list() const {
     std::span<const std::byte> key;
     std::span<const std::byte> list;
     damage = cursor.read(&key, &list);
-    if (!damage) damage = {cursor.page_number(), check_free_pages(former_, list, &numbers)};
+    if (!damage) damage = {cursor.page_number(), check_free_pages(former_, list, &numbers, &free_)};
     if (damage) break;
   }
+  knows_free_ = !damage && cursor.at_end() && numbers > 0;
   return result(damage);
 }
 
@@ -60,13 +63,18 @@ Status WriteCheck::find_former(const Key& key, bool* found, std::span<const std:
   return result(damage);
 }
 
+PageDamage WriteCheck::check_in_use() const {
+  if (knows_free_ && !cursor_.any_page([this](std::uint64_t number) { return free_.may_have(number); })) return {};
+  return cursor_.check_in_use();
+}
+
 PageDamage WriteCheck::check_path(const Key& key) {
   bool found = false;
   cursor_.use(&checked_);
   if (PageDamage damage = cursor_.seek_from_here(key.bytes(), &found)) return damage;
   if (PageDamage damage = cursor_.check_path(&checked_)) return damage;
   if (found) return {};
-  if (PageDamage damage = cursor_.check_in_use()) return damage;
+  if (PageDamage damage = check_in_use()) return damage;
   return confirm_absence(cursor_, key, DamageBeside::kIgnore);
 }
 

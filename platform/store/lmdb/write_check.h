@@ -11,7 +11,9 @@
 #ifndef TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
 #define TKV_PLATFORM_STORE_LMDB_WRITE_CHECK_H
 
+#include <bitset>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "base/status.h"
@@ -20,6 +22,16 @@
 #include "store/lmdb/tree_cursor.h"
 
 namespace tkv::store {
+
+// A set of page numbers that may also seem to have a number that was not added.
+class PageFilter {
+ public:
+  void add(std::uint64_t number) { bits_.set(number % bits_.size()); }
+  bool may_have(std::uint64_t number) const { return bits_.test(number % bits_.size()); }
+
+ private:
+  std::bitset<4096> bits_;
+};
 
 class WriteCheck {
  public:
@@ -30,7 +42,7 @@ class WriteCheck {
 
   // Checks the list of free pages, which LMDB takes pages from and adds pages to. Of a long list, which only readers
   // that stay for long bring about, the beginning and the end are checked, so that the cost has a limit.
-  Status check_free_list() const;
+  Status check_free_list();
 
   // Looks up a record of the former state without LMDB, as in a read transaction, which need not look at whole pages.
   Status find_former(const Key& key, bool* found, std::span<const std::byte>* record);
@@ -46,12 +58,15 @@ class WriteCheck {
 
  private:
   PageDamage check_path(const Key& key);
+  PageDamage check_in_use() const;
   Status result(PageDamage damage) const { return damage ? damaged_page(former_.map, damage) : Status(); }
 
   const FileState& former_;
   TreeCursor cursor_;
   CheckedPages read_;     // by find_former()
   CheckedPages checked_;  // for LMDB
+  PageFilter free_;
+  bool knows_free_ = false;  // all free pages are in free_
 };
 
 }  // namespace tkv::store
