@@ -162,8 +162,8 @@ Status LogWriter::purge_change(Revision revision, const std::set<std::string, st
   return put_content(revision, purged, &parts);
 }
 
-// Removes the parts of a change, and counts them. As long as none of them has told how many there are, they are removed
-// until one is missing.
+// Removes the parts of a change, up to the first one that is missing, and counts them. A part with room left tells that
+// it is the last one: so most changes, which have one part, need no look for another. Full parts are not read.
 Status LogWriter::remove_content(Revision revision, std::uint32_t* parts) {
   std::uint32_t all = std::numeric_limits<std::uint32_t>::max();
   for (*parts = 0; *parts < all; ++*parts) {
@@ -172,8 +172,9 @@ Status LogWriter::remove_content(Revision revision, std::uint32_t* parts) {
     std::span<const std::byte> record;
     if (Status status = records_.get(key, &found, &record); !status.ok() || !found) return status;
     const std::uint64_t bytes = key.bytes().size() + record.size();
+    const bool has_room = record.size() < kMaxChangePart + kChangeRecordOverhead;
     ChangePart part;
-    if (decode_change(revision, *parts, record, &part).ok()) all = part.parts;
+    if (has_room && decode_change(revision, *parts, record, &part).ok()) all = part.parts;
     if (Status status = records_.remove(key); !status.ok()) return status;
     meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
   }

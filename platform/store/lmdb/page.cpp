@@ -34,7 +34,7 @@ PageDefect Page::check_references(const PageNode& node, std::uint64_t page_count
 // A quarter of the instructions of a write are spent here: each kind of page has a loop of its own, with all that it
 // calls in it.
 template <bool is_leaf, Page::Keys keys>
-[[gnu::flatten]] PageDefect Page::check_each_node(std::uint64_t page_count) const {
+PageDefect Page::check_each_node(std::uint64_t page_count) const {
   std::size_t total = 0;
   std::span<const std::byte> former;
   for (unsigned index = 0; index < count_; ++index) {

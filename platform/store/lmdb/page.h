@@ -156,7 +156,7 @@ class Page {
   template <bool is_leaf>
   PageDefect check_references(const PageNode& node, std::uint64_t page_count) const;
   template <bool is_leaf, Keys keys>
-  PageDefect check_each_node(std::uint64_t page_count) const;
+  [[gnu::flatten]] PageDefect check_each_node(std::uint64_t page_count) const;
 
   // Not initialized: a descent has room for the deepest of trees, and uses three of these.
   const std::byte* bytes_;

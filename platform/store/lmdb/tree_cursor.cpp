@@ -256,6 +256,7 @@ PageDamage TreeCursor::check_pages() const {
 // pages, of which the first records are searched. Damage to the list itself is for writers to find.
 PageDamage TreeCursor::check_in_use() const {
   constexpr int kRecordsToSearch = 64;
+  if (at_end_) return {};
   TreeCursor lists(state_, state_.free_pages, Page::Keys::kIntegers);
   PageDamage damage = lists.first();
   for (int i = 0; i < kRecordsToSearch && !damage && !lists.at_end(); ++i, damage = lists.next()) {
@@ -270,6 +271,7 @@ PageDamage TreeCursor::check_in_use() const {
 }
 
 bool TreeCursor::any_page(FunctionRef<bool(std::uint64_t number)> holds) const {
+  if (at_end_) return false;
   for (int level = 0; level <= leaf_level(); ++level)
     if (holds(levels_[static_cast<std::size_t>(level)].page.number())) return true;
   return false;
