@@ -184,7 +184,7 @@ TEST_F(LmdbHistory, AChangeOfManyPartsIsReadBackWhole) {
 
 TEST_F(LmdbHistory, AllPartsOfAChangeAreRemovedWithItEvenIfOneIsDamaged) {
   options_.retention.changes = 10;
-  const std::string filling(kMiB / 8 + 1000, 'p');
+  const std::string filling(kMiB / 8 + 50, 'p');  // so that the last part is a short one
   const std::string text = "the first part" + filling + "a later part" + filling + "the last part";
   for (const std::string_view damaged : {"", "the first part", "a later part", "the last part"}) {
     for (const std::string& each : {text, std::string("short")}) ASSERT_TRUE(set_text(*open(), kRootNode, each).ok());

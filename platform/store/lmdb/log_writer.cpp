@@ -162,9 +162,11 @@ Status LogWriter::purge_change(Revision revision, const std::set<std::string, st
   return put_content(revision, purged, &parts);
 }
 
-// Removes the parts of a change, up to the first one that is missing, and counts them. A part with room left tells that
-// it is the last one: so most changes, which have one part, need no look for another. Full parts are not read.
+// Removes the parts of a change, up to the first one that is missing, and counts them. A short part tells that it is
+// the last one: so most changes, which have one part, need no look for another. It is on the leaf page itself. A longer
+// one is not read: a page of it that the disk cannot deliver would end the process.
 Status LogWriter::remove_content(Revision revision, std::uint32_t* parts) {
+  constexpr std::size_t kMostOnLeaf = 1000;
   std::uint32_t all = std::numeric_limits<std::uint32_t>::max();
   for (*parts = 0; *parts < all; ++*parts) {
     const Key key = Key::change(revision, *parts);
@@ -172,9 +174,9 @@ Status LogWriter::remove_content(Revision revision, std::uint32_t* parts) {
     std::span<const std::byte> record;
     if (Status status = records_.get(key, &found, &record); !status.ok() || !found) return status;
     const std::uint64_t bytes = key.bytes().size() + record.size();
-    const bool has_room = record.size() < kMaxChangePart + kChangeRecordOverhead;
+    const bool is_short = record.size() <= kMostOnLeaf;
     ChangePart part;
-    if (has_room && decode_change(revision, *parts, record, &part).ok()) all = part.parts;
+    if (is_short && decode_change(revision, *parts, record, &part).ok()) all = part.parts;
     if (Status status = records_.remove(key); !status.ok()) return status;
     meta_->history_bytes -= std::min(meta_->history_bytes, bytes);
   }

@@ -31,8 +31,8 @@ PageDefect Page::check_references(const PageNode& node, std::uint64_t page_count
   return exists(node.overflow_page(), pages, page_count) ? nullptr : kNoSuchPage;
 }
 
-// A quarter of the instructions of a write are spent here: each kind of page has a loop of its own, with all that it
-// calls in it.
+// Up to a third of the instructions of a write are spent here: each kind of page has a loop of its own, with all that
+// it calls in it.
 template <bool is_leaf, Page::Keys keys>
 PageDefect Page::check_each_node(std::uint64_t page_count) const {
   std::size_t total = 0;
